@@ -103,9 +103,7 @@ int tavrix_lsyslog_init(const char *name) {
     return TAVRIX_OK;
 }
 
-int tavrix_lsyslog_shutdown(void) {
-    return TAVRIX_OK;
-}
+int tavrix_lsyslog_shutdown(void) { return TAVRIX_OK; }
 
 int tavrix_lsyslog_set_socket(int fd) {
     log_socket = fd;

@@ -96,9 +96,7 @@ LogCapture::LogCapture(const std::string &level_word) {
     capture_.clear();
 }
 
-std::vector<LogLine> LogCapture::lines() const {
-    return parse_log(text());
-}
+std::vector<LogLine> LogCapture::lines() const { return parse_log(text()); }
 
 int LogCapture::count(Level level, const std::string &unit, const std::string &message) const {
     int found = 0;

@@ -12,9 +12,7 @@ namespace {
 
 constexpr char path[] = "daemon.conf";
 
-void write_file(const std::string &content) {
-    std::ofstream(path, std::ios::binary) << content;
-}
+void write_file(const std::string &content) { std::ofstream(path, std::ios::binary) << content; }
 
 struct Lookup {
     int rc;

@@ -1,0 +1,29 @@
+#!/usr/bin/env bash
+# Installs from Debian what is missing for one or more purposes: build, demo, test.
+# usage: scripts/install-packages.sh PURPOSE...
+set -euo pipefail
+
+declare -A packages=(
+    [build]="ca-certificates cmake g++ libcli11-dev libjansson-dev libnanomsg-dev libpcre3-dev libsqlite3-dev ninja-build pkg-config"
+    [demo]="sqlite3"
+    [test]="binutils clang g++-arm-linux-gnueabihf googletest libclang-rt-14-dev mandoc qemu-user sqlite3"
+)
+
+missing=()
+for purpose in "$@"; do
+    for package in ${packages[$purpose]:?unknown purpose}; do
+        dpkg-query -W -f '${Status}' "$package" 2>/dev/null | grep -q 'install ok installed' || missing+=("$package")
+    done
+done
+[ ${#missing[@]} -eq 0 ] && exit 0
+
+as_root=()
+if [ "$(id -u)" -ne 0 ]; then
+    command -v sudo >/dev/null || { echo "missing packages: ${missing[*]} (run as root, or install sudo)" >&2; exit 1; }
+    as_root=(sudo)
+fi
+echo "Installing from Debian: ${missing[*]}"
+export DEBIAN_FRONTEND=noninteractive
+# A package source that cannot be reached does not matter as long as the packages are found.
+"${as_root[@]}" apt-get -qq update >/dev/null 2>&1 || true
+"${as_root[@]}" apt-get -qq -y --no-install-recommends install "${missing[@]}" >/dev/null

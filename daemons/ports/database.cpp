@@ -1,0 +1,300 @@
+#include "database.h"
+
+#include <initializer_list>
+#include <memory>
+namespace ports {
+
+namespace {
+
+constexpr int ports_of_a_new_unit = 8;
+
+struct FinalizeStatement {
+    void operator()(sqlite3_stmt *statement) const { sqlite3_finalize(statement); }
+};
+using Statement = std::unique_ptr<sqlite3_stmt, FinalizeStatement>;
+
+/** Rolls back unless committed. */
+class Transaction {
+  public:
+    explicit Transaction(sqlite3 *handle) : handle_(handle), status_(tavrix_db_open_transaction(handle)) {}
+    Transaction(const Transaction &) = delete;
+    Transaction &operator=(const Transaction &) = delete;
+    ~Transaction() {
+        if (status_ == TAVRIX_OK && !committed_) {
+            tavrix_db_rollback_transaction(handle_);
+        }
+    }
+    int status() const { return status_; }
+    int commit() {
+        const int rc = tavrix_db_commit_transaction(handle_);
+        committed_ = rc == TAVRIX_OK;
+        return rc;
+    }
+
+  private:
+    sqlite3 *handle_;
+    int status_;
+    bool committed_ = false;
+};
+
+/** The status for a result code of SQLite. */
+int status_of(int sqlite_code) {
+    switch (sqlite_code & 0xff) {
+    case SQLITE_OK:
+    case SQLITE_DONE:
+    case SQLITE_ROW:
+        return TAVRIX_OK;
+    case SQLITE_BUSY:
+    case SQLITE_LOCKED:
+        return TAVRIX_ERR_DB_BUSY;
+    default:
+        return TAVRIX_ERR_SYSTEM_ACCESS;
+    }
+}
+
+/** Which rows of a table with `unit` and `port` columns a selection means. */
+std::string where(const Selection &selection) {
+    if (selection.all) {
+        return "1";
+    }
+    const std::string of_unit = "unit = " + std::to_string(selection.unit);
+    return selection.port == whole_unit ? of_unit : of_unit + " AND port = " + std::to_string(selection.port);
+}
+
+std::string text_column(sqlite3_stmt *statement, int column) {
+    const unsigned char *text = sqlite3_column_text(statement, column);
+    return text == nullptr ? "" : reinterpret_cast<const char *>(text);
+}
+
+int run_bound(sqlite3 *handle, const std::string &path, const char *sql, std::initializer_list<int> numbers,
+              std::initializer_list<const char *> texts) {
+    sqlite3_stmt *prepared = nullptr;
+    const int rc = tavrix_db_prepare_statement(handle, path.c_str(), &prepared, sql);
+    if (rc != TAVRIX_OK) {
+        return rc;
+    }
+    const Statement statement(prepared);
+    int position = 0;
+    for (const int number : numbers) {
+        sqlite3_bind_int(prepared, ++position, number);
+    }
+    for (const char *text : texts) {
+        sqlite3_bind_text(prepared, ++position, text, -1, SQLITE_TRANSIENT);
+    }
+    return status_of(sqlite3_step(prepared));
+}
+
+} // namespace
+
+Database::~Database() {
+    if (handle_ != nullptr) {
+        tavrix_db_close(handle_);
+    }
+}
+
+int Database::open() {
+    const int rc = tavrix_db_ensure_open_file(&handle_, path_.c_str());
+    if (rc != TAVRIX_OK) {
+        handle_ = nullptr; // after a failed open the variable holds a closed handle
+    }
+    return rc;
+}
+
+int Database::count(const char *table, const char *condition, int64_t *out) {
+    return tavrix_db_get_single_id_result(handle_, path_.c_str(), table, out, "SELECT count(*) FROM %s WHERE %s", table,
+                                          condition);
+}
+
+int Database::check_selection(const Selection &selection) {
+    const int rc = open();
+    if (rc != TAVRIX_OK || selection.all) {
+        return rc;
+    }
+    int64_t found = 0;
+    const bool unit_meant = selection.port == whole_unit;
+    if (count(unit_meant ? "units" : "ports",
+              unit_meant ? ("unit = " + std::to_string(selection.unit)).c_str() : where(selection).c_str(),
+              &found) != TAVRIX_OK) {
+        return TAVRIX_ERR_SYSTEM_ACCESS;
+    }
+    if (found > 0) {
+        return TAVRIX_OK;
+    }
+    return unit_meant ? TAVRIX_ERR_NO_SUCH_MZU : TAVRIX_ERR_NO_SUCH_PORT;
+}
+
+template <class Change>
+int Database::in_transaction(Change change) {
+    Transaction transaction(handle_);
+    if (transaction.status() != TAVRIX_OK) {
+        return TAVRIX_ERR_DB_BUSY;
+    }
+    const int rc = change();
+    return rc == TAVRIX_OK ? transaction.commit() : rc;
+}
+
+int Database::find_ports(const Selection &selection, std::vector<Port> *out) {
+    int rc = check_selection(selection);
+    if (rc != TAVRIX_OK) {
+        return rc;
+    }
+    const std::string sql = "SELECT unit, port, status, poe_status, link_status, link_speed, vlan_mode, vlan_id"
+                            " FROM ports LEFT JOIN vlan_members USING (unit, port) WHERE " +
+                            where(selection) + " ORDER BY unit, port, vlan_id";
+    sqlite3_stmt *prepared = nullptr;
+    rc = tavrix_db_prepare_statement(handle_, path_.c_str(), &prepared, sql.c_str());
+    if (rc != TAVRIX_OK) {
+        return rc;
+    }
+    const Statement statement(prepared);
+    int step = SQLITE_ROW;
+    while ((step = sqlite3_step(prepared)) == SQLITE_ROW) {
+        const int unit = sqlite3_column_int(prepared, 0);
+        const int port = sqlite3_column_int(prepared, 1);
+        if (out->empty() || out->back().unit != unit || out->back().port != port) {
+            out->push_back(Port{unit,
+                                port,
+                                sqlite3_column_int(prepared, 2),
+                                sqlite3_column_int(prepared, 3),
+                                sqlite3_column_int(prepared, 4),
+                                sqlite3_column_int(prepared, 5),
+                                sqlite3_column_int(prepared, 6),
+                                {}});
+        }
+        if (sqlite3_column_type(prepared, 7) != SQLITE_NULL) {
+            out->back().vlan_ids.push_back(sqlite3_column_int(prepared, 7));
+        }
+    }
+    return status_of(step);
+}
+
+int Database::list_units(std::vector<Unit> *out) {
+    int rc = open();
+    sqlite3_stmt *prepared = nullptr;
+    if (rc == TAVRIX_OK) {
+        rc = tavrix_db_prepare_statement(handle_, path_.c_str(), &prepared,
+                                         "SELECT unit, model, mac, alias, online FROM units WHERE unit > 0"
+                                         " ORDER BY unit");
+    }
+    if (rc != TAVRIX_OK) {
+        return rc;
+    }
+    const Statement statement(prepared);
+    int step = SQLITE_ROW;
+    while ((step = sqlite3_step(prepared)) == SQLITE_ROW) {
+        out->push_back(Unit{sqlite3_column_int(prepared, 0), sqlite3_column_int(prepared, 1), text_column(prepared, 2),
+                            text_column(prepared, 3), sqlite3_column_int(prepared, 4) != 0});
+    }
+    return status_of(step);
+}
+
+int Database::instant_power(const Selection &selection, int *milliwatts_out) {
+    const int rc = check_selection(selection);
+    if (rc != TAVRIX_OK) {
+        return rc;
+    }
+    const std::string condition = where(selection);
+    int64_t online = 0;
+    int64_t poe_status = 0;
+    int64_t milliwatts = 0;
+    if (tavrix_db_get_single_id_result(handle_, path_.c_str(), "online", &online,
+                                       "SELECT online FROM units WHERE unit = %d", selection.unit) != TAVRIX_OK ||
+        tavrix_db_get_single_id_result(handle_, path_.c_str(), "poe status", &poe_status,
+                                       "SELECT poe_status FROM ports WHERE %s", condition.c_str()) != TAVRIX_OK ||
+        tavrix_db_get_single_id_result(handle_, path_.c_str(), "power", &milliwatts,
+                                       "SELECT power_mw FROM ports WHERE %s", condition.c_str()) != TAVRIX_OK) {
+        return TAVRIX_ERR_SYSTEM_ACCESS;
+    }
+    int unsupported = 0;
+    tavrix_str_to_enum(&unsupported, "unsupported", tavrix_poe_status_strings);
+    if (online == 0) {
+        return TAVRIX_ERR_MZU_OFFLINE;
+    }
+    if (poe_status == unsupported) {
+        return TAVRIX_ERR_NO_POE;
+    }
+    *milliwatts_out = static_cast<int>(milliwatts);
+    return TAVRIX_OK;
+}
+
+int Database::set_status(const Selection &selection, int status) {
+    const int rc = check_selection(selection);
+    if (rc != TAVRIX_OK) {
+        return rc;
+    }
+    return in_transaction([&] {
+        return status_of(tavrix_sqlite3_exec_sql(handle_, "UPDATE ports SET status = %d WHERE %s", status,
+                                                 where(selection).c_str()));
+    });
+}
+
+int Database::set_vlans(const Selection &selection, int mode, const int *vlan_ids, int count) {
+    const int rc = check_selection(selection);
+    if (rc != TAVRIX_OK) {
+        return rc;
+    }
+    const std::string condition = where(selection);
+    return in_transaction([&] {
+        int step =
+            tavrix_sqlite3_exec_sql(handle_, "UPDATE ports SET vlan_mode = %d WHERE %s", mode, condition.c_str());
+        if (step == SQLITE_OK) {
+            step = tavrix_sqlite3_exec_sql(handle_, "DELETE FROM vlan_members WHERE %s", condition.c_str());
+        }
+        for (int i = 0; step == SQLITE_OK && i < count; ++i) {
+            step = tavrix_sqlite3_exec_sql(handle_,
+                                           "INSERT OR IGNORE INTO vlan_members (unit, port, vlan_id)"
+                                           " SELECT unit, port, %d FROM ports WHERE %s",
+                                           vlan_ids[i], condition.c_str());
+        }
+        return status_of(step);
+    });
+}
+
+int Database::set_mac_filters(const Selection &selection, const tavrix_mac_filter *filters, int count) {
+    const int rc = check_selection(selection);
+    if (rc != TAVRIX_OK) {
+        return rc;
+    }
+    return in_transaction([&] {
+        int status =
+            status_of(tavrix_sqlite3_exec_sql(handle_, "DELETE FROM mac_filters WHERE %s", where(selection).c_str()));
+        for (int i = 0; status == TAVRIX_OK && i < count; ++i) {
+            status = run_bound(handle_, path_,
+                               "INSERT OR IGNORE INTO mac_filters (unit, port, mac, mask) VALUES (?, ?, ?, ?)",
+                               {filters[i].first, filters[i].second}, {filters[i].mac, filters[i].mask});
+        }
+        return status;
+    });
+}
+
+int Database::register_unit(const Unit &unit) {
+    const int rc = open();
+    if (rc != TAVRIX_OK) {
+        return rc;
+    }
+    return in_transaction([&]() -> int {
+        int64_t found = 0;
+        if (count("units", ("unit = " + std::to_string(unit.unit)).c_str(), &found) != TAVRIX_OK) {
+            return TAVRIX_ERR_SYSTEM_ACCESS;
+        }
+        if (found > 0) {
+            return TAVRIX_ERR_MZU_EXISTS;
+        }
+        // The address is canonical: hexadecimal pairs and colons only.
+        if (count("units", ("mac = '" + unit.mac + "'").c_str(), &found) != TAVRIX_OK) {
+            return TAVRIX_ERR_SYSTEM_ACCESS;
+        }
+        if (found > 0) {
+            return TAVRIX_ERR_MAC_EXISTS;
+        }
+        int status = run_bound(handle_, path_, "INSERT INTO units (unit, model, mac, alias) VALUES (?, ?, ?, ?)",
+                               {unit.unit, unit.model}, {unit.mac.c_str(), unit.alias.c_str()});
+        for (int port = 1; status == TAVRIX_OK && port <= ports_of_a_new_unit; ++port) {
+            status = status_of(
+                tavrix_sqlite3_exec_sql(handle_, "INSERT INTO ports (unit, port) VALUES (%d, %d)", unit.unit, port));
+        }
+        return status;
+    });
+}
+
+} // namespace ports

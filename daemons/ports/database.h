@@ -1,0 +1,83 @@
+/**
+ * The ports service's view of the configuration database: every query and change it makes, as one function each.
+ *
+ * Functions return a status of tavrix_error.h. Changes run in a transaction: on failure nothing has changed.
+ */
+#ifndef TAVRIX_DAEMONS_PORTS_DATABASE_H
+#define TAVRIX_DAEMONS_PORTS_DATABASE_H
+
+#include <string>
+#include <vector>
+
+#include <sqlite3.h>
+
+#include "tavrix.h"
+
+namespace ports {
+
+/** The port number that stands for a whole unit. */
+constexpr int whole_unit = 32767;
+
+/** What a request names: one port, a unit's ports, or every port of the fleet. */
+struct Selection {
+    bool all = false;
+    int unit = 0;
+    int port = 0;
+};
+
+struct Port {
+    int unit = 0;
+    int port = 0;
+    int status = 0;
+    int poe_status = 0;
+    int link_status = 0;
+    int link_speed = 0;
+    int vlan_mode = 0;
+    std::vector<int> vlan_ids;
+};
+
+struct Unit {
+    int unit = 0;
+    int model = 0;
+    std::string mac;
+    std::string alias;
+    bool online = false;
+};
+
+class Database {
+  public:
+    /** Opened on first use. */
+    explicit Database(std::string path) : path_(std::move(path)) {}
+    Database(const Database &) = delete;
+    Database &operator=(const Database &) = delete;
+    ~Database();
+
+    /** Opens the database now, to learn early that it is missing. */
+    int open();
+
+    /** The ports of a selection; -47 when the port does not exist, -59 when the unit does not. */
+    int find_ports(const Selection &selection, std::vector<Port> *out);
+    int list_units(std::vector<Unit> *out);
+    /** The power a port draws; -37 when it supports no PoE, -8 when its unit is offline. */
+    int instant_power(const Selection &selection, int *milliwatts_out);
+
+    int set_status(const Selection &selection, int status);
+    /** Mode and membership together; an empty list leaves the port in no VLAN. */
+    int set_vlans(const Selection &selection, int mode, const int *vlan_ids, int count);
+    int set_mac_filters(const Selection &selection, const tavrix_mac_filter *filters, int count);
+    /** Adds a unit with its ports; -26 when the unit exists, -27 when another one has the MAC address. */
+    int register_unit(const Unit &unit);
+
+  private:
+    int check_selection(const Selection &selection);
+    int count(const char *table, const char *condition, int64_t *out);
+    template <class Change>
+    int in_transaction(Change change);
+
+    std::string path_;
+    sqlite3 *handle_ = nullptr;
+};
+
+} // namespace ports
+
+#endif

@@ -1,0 +1,278 @@
+/*
+ * Bus sockets: a thin wrapper over nanomsg's scalability-protocol sockets.
+ *
+ * Keeps no state: a socket is nanomsg's number, an endpoint nanomsg's id.
+ */
+#include "tavrix_mq.h"
+
+#include <cerrno>
+#include <cstring>
+
+#include <nanomsg/bus.h>
+#include <nanomsg/nn.h>
+#include <nanomsg/pair.h>
+#include <nanomsg/pipeline.h>
+#include <nanomsg/pubsub.h>
+#include <nanomsg/reqrep.h>
+#include <nanomsg/survey.h>
+
+#include "internal/handles.h"
+#include "internal/log.h"
+#include "tavrix_error.h"
+
+namespace {
+
+constexpr char unit_name[] = "tavrix_mq";
+
+// The library's SP types 1 to 10 in their order: the answering side of each pair comes first.
+constexpr int protocols[] = {
+    NN_PAIR, NN_REP, NN_REQ, NN_PUB, NN_SUB, NN_PULL, NN_PUSH, NN_SURVEYOR, NN_RESPONDENT, NN_BUS,
+};
+constexpr int lowest_sp_type = TAVRIX_SP_PAIR;
+constexpr int highest_sp_type = TAVRIX_SP_BUS;
+static_assert(sizeof protocols / sizeof protocols[0] == highest_sp_type, "one protocol for each SP type");
+
+// The transports 1 to 3 in their order.
+constexpr const char *schemes[] = {"inproc://", "ipc://", "tcp://"};
+constexpr int lowest_transport = TAVRIX_TRANSPORT_INPROC;
+constexpr int highest_transport = TAVRIX_TRANSPORT_TCP;
+static_assert(sizeof schemes / sizeof schemes[0] == highest_transport, "one scheme for each transport");
+
+const char *bus_error() { return nn_strerror(nn_errno()); }
+
+/** A message that nanomsg allocated and that nobody has taken over yet. */
+class BusMessage {
+  public:
+    explicit BusMessage(void *message) : message_(message) {}
+    BusMessage(const BusMessage &) = delete;
+    BusMessage &operator=(const BusMessage &) = delete;
+    ~BusMessage() {
+        if (message_ != nullptr) {
+            static_cast<void>(nn_freemsg(message_));
+        }
+    }
+
+    void *get() const { return message_; }
+    void *release() { return std::exchange(message_, nullptr); }
+
+  private:
+    void *message_;
+};
+
+// --- Checks ---
+
+int check_sp_type(int sp_type) {
+    LOG_DEBUG("Validating SP type: %d\n", sp_type);
+    if (sp_type < lowest_sp_type || sp_type > highest_sp_type) {
+        LOG_DEBUG("FAIL: SP type outside acceptable range [%d, %d]\n", lowest_sp_type, highest_sp_type);
+        return TAVRIX_ERR_VALIDATION;
+    }
+    return TAVRIX_OK;
+}
+
+int check_transport(int transport, const char *addr) {
+    LOG_DEBUG("Validating transport type: %d with sp_addr: %s\n", transport, addr);
+    const size_t length = std::strlen(addr);
+    if (length > TAVRIX_MQ_MAX_ADDRESS) {
+        LOG_DEBUG("FAIL: SP address is too long [%d] v/s max %d\n", static_cast<int>(length), TAVRIX_MQ_MAX_ADDRESS);
+        return TAVRIX_ERR_VALIDATION;
+    }
+    if (transport < lowest_transport || transport > highest_transport) {
+        LOG_DEBUG("FAIL: Transport type outside acceptable range [%d, %d]\n", lowest_transport, highest_transport);
+        return TAVRIX_ERR_VALIDATION;
+    }
+    // Anywhere in the address, not only at its start: meant, and refused without a line of its own.
+    return std::strstr(addr, schemes[transport - 1]) != nullptr ? TAVRIX_OK : TAVRIX_ERR_VALIDATION;
+}
+
+int null_pointer() {
+    LOG_DEBUG("NULL pointer!\n");
+    return TAVRIX_ERR_NULL_INPUT;
+}
+
+// --- Endpoints, options, messages ---
+
+using Attach = int (*)(int, const char *);
+
+int attach(Attach attach_to, int sock, int transport, const char *addr, int *eid_out) {
+    if (addr == nullptr || eid_out == nullptr) {
+        return null_pointer();
+    }
+    const int rc = check_transport(transport, addr);
+    if (rc != TAVRIX_OK) {
+        return rc;
+    }
+    const int eid = attach_to(sock, addr);
+    if (eid < 0) {
+        // The same words for a failed connect: meant.
+        LOG_DEBUG("nn_bind failed for SP addr [%s]: %s\n", addr, bus_error());
+        return TAVRIX_ERR_GENERAL;
+    }
+    *eid_out = eid;
+    return TAVRIX_OK;
+}
+
+int read_option(int sock, int option, int *out) {
+    if (out == nullptr) {
+        return null_pointer();
+    }
+    int value = 0;
+    size_t size = sizeof value;
+    if (nn_getsockopt(sock, NN_SOL_SOCKET, option, &value, &size) < 0) {
+        LOG_DEBUG("nn_getsockopt failed for mq_socket [%d]: %s\n", sock, bus_error());
+        return TAVRIX_ERR_GENERAL;
+    }
+    *out = value;
+    return TAVRIX_OK;
+}
+
+int write_option(int sock, int level, int option, const void *value, size_t size) {
+    if (nn_setsockopt(sock, level, option, value, size) < 0) {
+        LOG_DEBUG("nn_setsockopt failed for mq_socket [%d]: %s\n", sock, bus_error());
+        return TAVRIX_ERR_GENERAL;
+    }
+    return TAVRIX_OK;
+}
+
+int write_topic(int sock, int option, const char *topic) {
+    if (topic == nullptr) {
+        return null_pointer();
+    }
+    return write_option(sock, NN_SUB, option, topic, std::strlen(topic));
+}
+
+/** nanomsg tells an expired time-out and a receive that would wait apart; here both mean that no message is there. */
+bool nothing_received(int reason) { return reason == EAGAIN || reason == ETIMEDOUT; }
+
+int receive_failed(int sock) {
+    if (nothing_received(nn_errno())) {
+        LOG_VERBOSE("nn_recv no data in mq_socket [%d]: %s\n", sock, bus_error());
+        return TAVRIX_ERR_MQ_TIMEOUT;
+    }
+    LOG_DEBUG("nn_recv failed for mq_socket [%d]: %s\n", sock, bus_error());
+    return TAVRIX_ERR_GENERAL;
+}
+
+int send_text(int sock, const char *text, int flags) {
+    if (text == nullptr) {
+        return null_pointer();
+    }
+    const size_t length = std::strlen(text);
+    LOG_VERBOSE("[tavrix_mq_socket_send]: message[%d]: %s\n", static_cast<int>(length), text);
+    BusMessage message(nn_allocmsg(length, 0));
+    if (message.get() == nullptr) {
+        LOG_DEBUG("nn_allocmsg failed to allocate buffer for message: %s\n", bus_error());
+        return TAVRIX_ERR_GENERAL;
+    }
+    std::memcpy(message.get(), text, length);
+    void *body = message.get();
+    const int sent = nn_send(sock, &body, NN_MSG, flags);
+    if (sent < 0) {
+        LOG_DEBUG("nn_send failed for mq_socket [%d]: %s\n", sock, bus_error());
+        return TAVRIX_ERR_GENERAL;
+    }
+    static_cast<void>(message.release()); // nanomsg's own now
+    LOG_VERBOSE("[tavrix_mq_socket_send]: sent: %d out of %d\n", sent, static_cast<int>(length));
+    return TAVRIX_OK;
+}
+
+} // namespace
+
+int tavrix_mq_socket_init(int sp_type, int *sock_out) {
+    if (sock_out == nullptr) {
+        return null_pointer();
+    }
+    const int rc = check_sp_type(sp_type);
+    if (rc != TAVRIX_OK) {
+        return rc;
+    }
+    const int sock = nn_socket(AF_SP, protocols[sp_type - 1]);
+    if (sock < 0) {
+        LOG_DEBUG("nn_socket failed for SP type [%d]: %s\n", sp_type, bus_error());
+        return TAVRIX_ERR_GENERAL;
+    }
+    *sock_out = sock;
+    return TAVRIX_OK;
+}
+
+int tavrix_mq_socket_bind(int sock, int transport, const char *addr, int *eid_out) {
+    return attach(nn_bind, sock, transport, addr, eid_out);
+}
+
+int tavrix_mq_socket_connect(int sock, int transport, const char *addr, int *eid_out) {
+    return attach(nn_connect, sock, transport, addr, eid_out);
+}
+
+int tavrix_mq_socket_recv(int sock, char **msg_out, int *len_out, int nonblock) {
+    if (msg_out == nullptr || len_out == nullptr) {
+        return null_pointer();
+    }
+    void *body = nullptr;
+    const int length = nn_recv(sock, &body, NN_MSG, nonblock > 0 ? NN_DONTWAIT : 0);
+    if (length < 0) {
+        return receive_failed(sock);
+    }
+    BusMessage message(body);
+    const size_t size = static_cast<size_t>(length);
+    tavrix::Text copy(static_cast<char *>(std::malloc(size + 1)));
+    if (!copy) {
+        LOG_DEBUG("nn_recv failed for mq_socket [%d]: %s\n", sock, nn_strerror(ENOMEM));
+        return TAVRIX_ERR_GENERAL;
+    }
+    std::memcpy(copy.get(), body, size);
+    copy.get()[size] = '\0';
+    if (nn_freemsg(message.release()) < 0) {
+        LOG_DEBUG("nn_freemsg failed to free received message: %s\n", bus_error());
+        return TAVRIX_ERR_GENERAL;
+    }
+    *msg_out = copy.release();
+    *len_out = length;
+    return TAVRIX_OK;
+}
+
+int tavrix_mq_socket_send(int sock, const char *text) { return send_text(sock, text, 0); }
+
+int tavrix_mq_socket_send_nonblock(int sock, const char *text) { return send_text(sock, text, NN_DONTWAIT); }
+
+int tavrix_mq_socket_shutdown(int sock, int eid) {
+    if (nn_shutdown(sock, eid) < 0) {
+        LOG_DEBUG("nn_shutdown failed for mq_eid [%d]: %s\n", eid, bus_error());
+        return TAVRIX_ERR_GENERAL;
+    }
+    return TAVRIX_OK;
+}
+
+int tavrix_mq_socket_close(int sock) {
+    if (nn_close(sock) < 0) {
+        LOG_WARNING("nn_close failed for mq_socket [%d]: %s\n", sock, bus_error());
+        return TAVRIX_ERR_GENERAL;
+    }
+    return TAVRIX_OK;
+}
+
+void tavrix_mq_socket_terminate(void) {}
+
+int tavrix_mq_socket_freemsg(void *msg) {
+    if (msg == nullptr) {
+        return null_pointer();
+    }
+    if (nn_freemsg(msg) < 0) {
+        LOG_DEBUG("nn_freemsg failed to free message: %s\n", bus_error());
+        return TAVRIX_ERR_GENERAL;
+    }
+    return TAVRIX_OK;
+}
+
+int tavrix_mq_socket_recvfd(int sock, int *fd_out) { return read_option(sock, NN_RCVFD, fd_out); }
+
+int tavrix_mq_socket_sendfd(int sock, int *fd_out) { return read_option(sock, NN_SNDFD, fd_out); }
+
+int tavrix_mq_socket_subscribe(int sock, const char *topic) { return write_topic(sock, NN_SUB_SUBSCRIBE, topic); }
+
+int tavrix_mq_socket_unsubscribe(int sock, const char *topic) { return write_topic(sock, NN_SUB_UNSUBSCRIBE, topic); }
+
+int tavrix_mq_socket_set_timeout(int sock, int ms) {
+    return write_option(sock, NN_SOL_SOCKET, NN_RCVTIMEO, &ms, sizeof ms);
+}
+
+int tavrix_mq_socket_get_timeout(int sock, int *ms_out) { return read_option(sock, NN_RCVTIMEO, ms_out); }

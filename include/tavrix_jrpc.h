@@ -11,6 +11,32 @@
 extern "C" {
 #endif
 
+/** JSON-RPC error codes that the library itself answers with. */
+enum tavrix_jrpc_code {
+    TAVRIX_JRPC_UNKNOWN_ERROR = -32001,
+    TAVRIX_JRPC_VERSION_NOT_SUPPORTED = -32002,
+    TAVRIX_JRPC_TIMED_OUT = -32005,
+    TAVRIX_JRPC_SYSTEM_BUSY = -32014,
+    TAVRIX_JRPC_INVALID_REQUEST = -32600,
+    TAVRIX_JRPC_METHOD_NOT_FOUND = -32601,
+    TAVRIX_JRPC_INVALID_PARAMS = -32602,
+    TAVRIX_JRPC_INTERNAL_ERROR = -32603,
+    TAVRIX_JRPC_PARSE_ERROR = -32700
+};
+
+/** The service channels, by the first letters of a method's name. */
+#define TAVRIX_CHANNEL_FIRST "3a6f8f51-502f-4238-9638-29764ff1a8a4"      /**< d, p, en, mz */
+#define TAVRIX_CHANNEL_EVENTS "505a5451-3ef2-4618-8087-9a22b800a510"     /**< ev */
+#define TAVRIX_CHANNEL_INTERFACES "b4469f46-e963-42ef-9fd2-f978e73adc76" /**< i */
+#define TAVRIX_CHANNEL_DEFAULT "30e493d7-9e02-41b6-97f5-21f2cc9cbbb3"    /**< anything else */
+
+/** The channel on which every reply to the router arrives. */
+#define TAVRIX_ROUTER_REPLY_CHANNEL "2524546b-ca99-4868-a062-359cefacff7c"
+
+/** The most bytes that are read of one request. */
+#define TAVRIX_ROUTER_MAX_REQUEST 8192
+#define TAVRIX_SERVER_MAX_REQUEST 1024
+
 typedef int (*tavrix_jrpc_handler)(json_t *params, json_t **result, json_t **error_data);
 typedef struct tavrix_jrpc_method {
     const char *name;

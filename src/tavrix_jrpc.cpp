@@ -1,0 +1,1541 @@
+/*
+ * JSON-RPC 2.0 between daemons: error map, evaluation and responses, channel framing, the service endpoint and its
+ * serving step, awaited replies, socket servers, and the router between client sockets and the bus.
+ *
+ * Stateless: every call owns what it parses and builds until it returns.
+ */
+#include "tavrix_jrpc.h"
+
+#include <cstdint>
+#include <cstring>
+
+#include "internal/handles.h"
+#include "internal/log.h"
+#include "tavrix_error.h"
+#include "tavrix_jrpc_internal.h"
+#include "tavrix_mq.h"
+#include "tavrix_socket.h"
+
+namespace {
+
+using tavrix::Json;
+using tavrix::Text;
+
+constexpr char unit_name[] = "tavrix_jrpc";
+
+constexpr size_t parse_flags = JSON_REJECT_DUPLICATES | JSON_DISABLE_EOF_CHECK | JSON_DECODE_ANY;
+constexpr size_t log_flags = JSON_INDENT(4);
+constexpr size_t wire_flags = JSON_COMPACT | JSON_ENSURE_ASCII;
+constexpr int max_indent = 31;
+constexpr char protocol_version[] = "2.0";
+constexpr char bar = '|';
+constexpr int reply_timeout_ms = 1000;
+constexpr int notification_attempts = 5;
+
+// --- Error map -----------------------------------------------------------------------------------------------------
+
+struct CatalogueRow {
+    int jrpc_code;
+    const char *message;
+};
+
+struct ConversionRow {
+    int internal_code;
+    int jrpc_code;
+};
+
+constexpr char unknown_message[] = "Unknown Error";
+
+// Rows stand out of numeric order: meant, a look-up takes the first that fits.
+constexpr CatalogueRow catalogue[] = {
+    {-32001, "Unknown Error"},
+    {-32002, "JSONRPC Version not supported"},
+    {-32003, "This feature is not supported in this version, or the API may be incorrectly formed.  Please check the "
+             "API documentation for further details."},
+    {-32004, "Unable to formulate a JSON response"},
+    {-32005, "Command timed out"},
+    {-32006, "The given value is reserved internally"},
+    {-32007, "Attempted to set unique parameter to a value that already exists."},
+    {-32020, "The MZU for the given MZU ID is offline, and is expected to be online."},
+    {-32021, "The MZU for the given MZU ID is online, and is expected to be offline."},
+    {-32022, "The given MZU ID does not represent an existing MZU."},
+    {-32023, "The given MZU ID represents an MZU that already exists."},
+    {-32024, "An MZU ID was expected."},
+    {-32025, "The maximum allowed limit for MZUs has been reached."},
+    {-32026, "MAC address limiting is not supported by the MZU or port."},
+    {-32027, "Switch model does not support this function, or switch is in failed state."},
+    {-32028, "Configuration queue is busy. Cannot perform this action."},
+    {-32029, "There are pending configuration for this edge switch. Cannot perform this action."},
+    {-32030, "The given Port ID is invalid."},
+    {-32034, "The given id does not represent any existing port(s)."},
+    {-32031, "The given Port ID does not represent a D-port."},
+    {-32032, "The given Port ID does not represent a C-port."},
+    {-32033, "The number of VLAN IDs entered exceed the maximum number allowed."},
+    {-32035, "The given port(s) do not support POE."},
+    {-32036,
+     "Connected MAC addresses cannot be retrieved from this MZU model while MAC address restrictions are applied"},
+    {-32037, "Cannot put same MAC address allowed on more than one E13 port"},
+    {-32038, "Cannot changed status or VLAN of port d4 while peer to peer communication is enabled"},
+    {-32058, "Cannot set configuration where the management VLAN is not on a D port"},
+    {-32039, "Attempted to set too many entries for the switch or port."},
+    {-32050, "The box is not in ACTIVE mode."},
+    {-32051, "Invalid date and time. Input format should be YYYY-MM-DD HH:MM"},
+    {-32052, "Firmware file not present in filesystem"},
+    {-32053, "Software is already the factory default version"},
+    {-32054, "Multiple lasers are configured to be redundant with different IP addresses"},
+    {-32055, "A ZQN-H7 may not perform a config database sync while one of its lasers is in protect mode"},
+    {-32056, "A ZQN-H7 may not perform a config database sync while no lasers are in active mode"},
+    {-32044, "The given IP address is already in use"},
+    {-32045, "Subnets of VLAN and LOCAL management IP addresses are conflicting"},
+    {-32057, "Date on the ZQN-H7 must be set"},
+    {-32010, "The database encountered an error while processing the data."},
+    {-32013, "No records in the database are found."},
+    {-32011, "Insufficient memory error. Please reset the H7."},
+    {-32012, "One of the dependent hardware components returned an error."},
+    {-32014, "System is busy."},
+    {-32040, "The given MAC Address already exists."},
+    {-32041, "The given MAC Address does not exist."},
+    {-32042, "The given model does not exist."},
+    {-32043, "A Switch MAC address is required for this operation."},
+    {-32600, "Invalid Request"},
+    {-32601, "Method not found"},
+    {-32602, "Invalid parameter(s)"},
+    {-32603, "Internal error"},
+    {-32700, "Parse error"},
+};
+
+constexpr ConversionRow conversions[] = {
+    {TAVRIX_ERR_GENERAL, -32001},
+    {TAVRIX_ERR_JSON_RESPONSE, -32004},
+    {TAVRIX_ERR_UNIMPLEMENTED, -32003},
+    {TAVRIX_ERR_PARAMETER_NOT_FOUND, -32602},
+    {TAVRIX_ERR_TIMEOUT, -32005},
+    {TAVRIX_ERR_RESERVED_VALUE, -32006},
+    {TAVRIX_ERR_UNEXPECTED_PARAMETER, -32602},
+    {TAVRIX_ERR_NOT_UNIQUE, -32007},
+    {TAVRIX_ERR_INVALID_ENTITY, -32602},
+    {TAVRIX_ERR_MZU_OFFLINE, -32020},
+    {TAVRIX_ERR_MZU_ONLINE, -32021},
+    {TAVRIX_ERR_NO_SUCH_MZU, -32022},
+    {TAVRIX_ERR_MZU_EXISTS, -32023},
+    {TAVRIX_ERR_EXPECTED_MZU, -32024},
+    {TAVRIX_ERR_MZU_LIMIT, -32025},
+    {TAVRIX_ERR_NOT_SUPPORTED, -32026},
+    {TAVRIX_ERR_CONFIG_QUEUE_BUSY, -32028},
+    {TAVRIX_ERR_CONFIG_PENDING, -32029},
+    {TAVRIX_ERR_MODEL_UNSUPPORTED, -32027},
+    {TAVRIX_ERR_INVALID_PORT, -32030},
+    {TAVRIX_ERR_NO_SUCH_PORT, -32034},
+    {TAVRIX_ERR_EXPECTED_D_PORT, -32031},
+    {TAVRIX_ERR_EXPECTED_C_PORT, -32032},
+    {TAVRIX_ERR_TOO_MANY_VLAN_IDS, -32033},
+    {TAVRIX_ERR_NO_POE, -32035},
+    {TAVRIX_ERR_MACS_RESTRICTED, -32036},
+    {TAVRIX_ERR_E13_MAC_LIMIT, -32037},
+    {TAVRIX_ERR_D4_PEER_TO_PEER, -32038},
+    {TAVRIX_ERR_TOO_MANY_ENTRIES, -32039},
+    {TAVRIX_ERR_UNIT_NOT_ACTIVE, -32050},
+    {TAVRIX_ERR_INVALID_DATE_TIME, -32051},
+    {TAVRIX_ERR_FILE_OPEN, -32052},
+    {TAVRIX_ERR_FACTORY_VERSION, -32053},
+    {TAVRIX_ERR_LASER_ADDRESSES_DIFFER, -32054},
+    {TAVRIX_ERR_LASER_IN_PROTECT_MODE, -32055},
+    {TAVRIX_ERR_NO_ACTIVE_LASER, -32056},
+    {TAVRIX_ERR_IP_IN_USE, -32044},
+    {TAVRIX_ERR_SUBNET_CONFLICT, -32045},
+    {TAVRIX_ERR_DATE_NOT_SET, -32057},
+    {TAVRIX_ERR_SYSTEM_ACCESS, -32010},
+    {TAVRIX_ERR_DB_BUSY, -32010},
+    {TAVRIX_ERR_DB_UNFINISHED, -32010},
+    {TAVRIX_ERR_NO_RECORDS, -32013},
+    {TAVRIX_ERR_UNALLOCATED_WRITE, -32011},
+    {TAVRIX_ERR_NO_MEMORY, -32011},
+    {TAVRIX_ERR_HARDWARE, -32012},
+    {TAVRIX_ERR_SYSTEM_BUSY, -32014},
+    {TAVRIX_ERR_MAC_EXPECTED, -32043},
+    {TAVRIX_ERR_MANAGEMENT_VLAN, -32058},
+    {TAVRIX_ERR_MAC_EXISTS, -32040},
+    {TAVRIX_ERR_NO_SUCH_MODEL, -32042},
+    {TAVRIX_ERR_PARAMETER, -32001},
+    {TAVRIX_ERR_INVALID_PARAMETER, -32602},
+};
+static_assert(sizeof conversions / sizeof conversions[0] == 53, "one row for each status that clients can see");
+
+// --- Envelope ------------------------------------------------------------------------------------------------------
+
+/** A null pointer, such as the text of a number, is shown as the platform's printf shows it. */
+const char *printable(const char *text) { return text != nullptr ? text : "(null)"; }
+
+int length_of(const char *text) { return static_cast<int>(std::strlen(text)); }
+
+bool is_text_or_number(const json_t *value) { return json_is_string(value) || json_is_number(value); }
+
+bool is_version_2(const json_t *version) { return std::strcmp(json_string_value(version), protocol_version) == 0; }
+
+/** The members of a request that the evaluator looks at; borrowed from the document, null where absent. */
+struct Envelope {
+    json_t *id = nullptr;
+    json_t *transaction_id = nullptr;
+    json_t *params = nullptr;
+    json_t *method = nullptr; ///< stays null when a check before it failed
+};
+
+/** Adds "transaction_id", shared, when there is one. Both builders and the lock response report as the evaluator. */
+bool add_transaction_id(json_t *response, json_t *transaction_id) {
+    if (transaction_id == nullptr || json_object_set(response, "transaction_id", transaction_id) == 0) {
+        return true;
+    }
+    LOG_ERROR("tavrix_jrpc_eval_request: Failed to add Transaction ID to response\n");
+    return false;
+}
+
+/** The object under "error"; data is shared, null makes it a JSON null. */
+Json make_error_object(int jrpc_code, json_t *data) {
+    const char *message = tavrix_jrpc_error_message(jrpc_code);
+    if (data == nullptr) {
+        return Json(json_pack("{s:i,s:s,s:o}", "code", jrpc_code, "message", message, "data", json_null()));
+    }
+    return Json(json_pack("{s:i,s:s,s:O}", "code", jrpc_code, "message", message, "data", data));
+}
+
+bool add_error(json_t *response, int jrpc_code, json_t *data) {
+    Json error = make_error_object(jrpc_code, data);
+    return error && json_object_set_new(response, "error", error.release()) == 0;
+}
+
+Text render_response(const Json &response, int indent) {
+    return Text(json_dumps(response.get(), JSON_INDENT(static_cast<size_t>(indent)) | wire_flags));
+}
+
+Text build_error(int jrpc_code, json_t *id, json_t *data, int indent, json_t *transaction_id) {
+    const Json response(json_pack("{s:s,s:O}", "jsonrpc", protocol_version, "id", id));
+    if (!response || !add_transaction_id(response.get(), transaction_id) ||
+        !add_error(response.get(), jrpc_code, data)) {
+        return nullptr;
+    }
+    return render_response(response, indent);
+}
+
+Text build_response(json_t *result, json_t *id, int indent, json_t *transaction_id) {
+    const Json response(json_pack("{s:s,s:O,s:O}", "jsonrpc", protocol_version, "id", id, "result", result));
+    if (!response || !add_transaction_id(response.get(), transaction_id)) {
+        return nullptr;
+    }
+    return render_response(response, indent);
+}
+
+// --- Evaluation ----------------------------------------------------------------------------------------------------
+
+Json parse_request(const char *text) {
+    json_error_t error;
+    Json request(json_loads(text, parse_flags, &error));
+    if (!request) {
+        LOG_ERROR("tavrix_jrpc_eval_request: Cannot parse JSON data\n");
+        LOG_ERROR("error: on line %d: %s\n", error.line, error.text);
+        return nullptr;
+    }
+    if (!json_is_object(request.get())) {
+        LOG_ERROR("tavrix_jrpc_eval_request: Invalid JSON\n");
+        return nullptr;
+    }
+    return request;
+}
+
+/** Shows the request at verbose level; nothing is rendered below it. */
+bool show_request(const json_t *request) {
+    if (!tavrix_lsyslog_check_severity(TAVRIX_LOG_VERBOSE)) {
+        return true;
+    }
+    const Text rendering(json_dumps(request, log_flags));
+    if (!rendering) {
+        LOG_ERROR("tavrix_jrpc_eval_request: Could not print JSON\n");
+        return false;
+    }
+    LOG_VERBOSE("Valid JSON received, of length %d\n", length_of(rendering.get()));
+    LOG_VERBOSE("JSON Data:\n%s\n", rendering.get());
+    return true;
+}
+
+/** Fills the envelope; returns 0 or the JSON-RPC code of the first check that fails. */
+int check_envelope(const json_t *request, Envelope *out) {
+    out->id = json_object_get(request, "id");
+    if (out->id != nullptr && !is_text_or_number(out->id)) {
+        LOG_ERROR("tavrix_jrpc_eval_request: Invalid Request ID\n");
+        return TAVRIX_JRPC_INVALID_REQUEST;
+    }
+    out->transaction_id = json_object_get(request, "transaction_id");
+    if (out->transaction_id != nullptr && !json_is_number(out->transaction_id)) {
+        LOG_ERROR("tavrix_jrpc_eval_request: Invalid Transaction ID\n");
+        return TAVRIX_JRPC_INVALID_REQUEST;
+    }
+    const json_t *version = json_object_get(request, "jsonrpc");
+    if (!json_is_string(version)) {
+        return TAVRIX_JRPC_INVALID_REQUEST;
+    }
+    if (!is_version_2(version)) {
+        return TAVRIX_JRPC_VERSION_NOT_SUPPORTED;
+    }
+    out->params = json_object_get(request, "params");
+    if (out->params != nullptr && !json_is_object(out->params)) {
+        return TAVRIX_JRPC_INVALID_PARAMS;
+    }
+    out->method = json_object_get(request, "method");
+    return json_is_string(out->method) ? 0 : TAVRIX_JRPC_METHOD_NOT_FOUND;
+}
+
+const tavrix_jrpc_method *find_method(const tavrix_jrpc_method *table, const char *name) {
+    for (; table->handler != nullptr; ++table) {
+        if (std::strcmp(table->name, name) == 0) {
+            return table;
+        }
+    }
+    return nullptr;
+}
+
+/** What a handler left behind. */
+struct Outcome {
+    Json result;
+    Json error_data;
+};
+
+int run_handler(tavrix_jrpc_handler handler, json_t *params, Outcome *outcome) {
+    json_t *result = nullptr;
+    json_t *error_data = nullptr;
+    const int rc = handler(params, &result, &error_data);
+    outcome->result.reset(result);
+    outcome->error_data.reset(error_data);
+    return rc;
+}
+
+/** Calls the method's handler; returns 0 or the JSON-RPC code of the failure. */
+int call_method(const tavrix_jrpc_method *table, const Envelope &envelope, Outcome *outcome) {
+    const char *name = json_string_value(envelope.method);
+    const tavrix_jrpc_method *found = find_method(table, name);
+    if (found == nullptr) {
+        LOG_ERROR("invalid method occurred <%s>\n", name);
+        return TAVRIX_JRPC_METHOD_NOT_FOUND;
+    }
+    const int rc = run_handler(found->handler, envelope.params, outcome);
+    return rc < 0 ? tavrix_jrpc_error_convert_tavrix_to_jrpc(rc) : 0;
+}
+
+/** The text of a successful response; sets the code and gives null when it cannot be built. */
+Text respond(const Envelope &envelope, Outcome *outcome, int *jrpc_code) {
+    LOG_VERBOSE("creating response\n");
+    if (!outcome->result) {
+        outcome->result.reset(json_integer(0));
+    }
+    if (!outcome->result) {
+        return nullptr; // the code stays 0: meant, the error response then says "Unknown Error"
+    }
+    // The response's id is the method's name: a reply travels by it, and a waiting caller looks for it.
+    Text response(tavrix_jrpc_create_response(outcome->result.get(), envelope.method, 0, envelope.transaction_id));
+    if (!response) {
+        *jrpc_code = TAVRIX_JRPC_INTERNAL_ERROR;
+    }
+    return response;
+}
+
+// --- Framing -------------------------------------------------------------------------------------------------------
+
+struct ChannelRule {
+    const char *prefix;
+    const char *channel;
+};
+
+// Leading letters only, not whole names: meant, every name that begins with d or p goes to the first channel.
+constexpr ChannelRule channel_rules[] = {
+    {"d", TAVRIX_CHANNEL_FIRST},  {"p", TAVRIX_CHANNEL_FIRST},   {"en", TAVRIX_CHANNEL_FIRST},
+    {"mz", TAVRIX_CHANNEL_FIRST}, {"ev", TAVRIX_CHANNEL_EVENTS}, {"i", TAVRIX_CHANNEL_INTERFACES},
+};
+
+const char *service_channel(const char *method) {
+    for (const ChannelRule &rule : channel_rules) {
+        if (std::strncmp(method, rule.prefix, std::strlen(rule.prefix)) == 0) {
+            return rule.channel;
+        }
+    }
+    return TAVRIX_CHANNEL_DEFAULT;
+}
+
+// --- Endpoint ------------------------------------------------------------------------------------------------------
+
+/** A bus socket that is closed unless it is handed over. */
+class BusSocket {
+  public:
+    BusSocket() = default;
+    BusSocket(const BusSocket &) = delete;
+    BusSocket &operator=(const BusSocket &) = delete;
+    ~BusSocket() {
+        if (number_ >= 0) {
+            static_cast<void>(tavrix_mq_socket_close(number_));
+        }
+    }
+
+    int open(int sp_type) { return tavrix_mq_socket_init(sp_type, &number_); }
+    int get() const { return number_; }
+    int release() { return std::exchange(number_, -1); }
+
+  private:
+    int number_ = -1;
+};
+
+/** A received bus message. */
+struct Frame {
+    Text text;
+    int length = 0;
+
+    bool empty() const { return !text || length < 1; }
+};
+
+int receive_frame(int sock, Frame *frame, int nonblock) {
+    char *text = nullptr;
+    const int rc = tavrix_mq_socket_recv(sock, &text, &frame->length, nonblock);
+    frame->text.reset(text);
+    return rc;
+}
+
+int split_frame(const Frame &frame, Text *json_text) {
+    char *text = nullptr;
+    const int rc = tavrix_jrpc_parse_msg(frame.text.get(), frame.length, &text);
+    json_text->reset(text);
+    return rc;
+}
+
+int close_failed_endpoint(int sock) {
+    static_cast<void>(tavrix_mq_socket_close(sock));
+    return TAVRIX_ERR_GENERAL;
+}
+
+/** Evaluates a request and publishes its response on the reply channel. */
+int serve(const char *json_text, const char *channel, int *pub_sock, const tavrix_jrpc_method *table) {
+    char *text = nullptr;
+    int rc = tavrix_jrpc_eval_request(json_text, table, &text);
+    const Text response(text);
+    if (rc != TAVRIX_OK || !response) {
+        return rc;
+    }
+    LOG_DEBUG("[tavrix_jrpc_mq_run]: Sending response over mq_pub ...\n");
+    rc = tavrix_jrpc_mq_pub(pub_sock, channel, response.get());
+    if (rc != TAVRIX_OK) {
+        LOG_DEBUG("[tavrix_jrpc_mq_run]: Error mq_send, rc = %d\n", rc);
+    }
+    return rc;
+}
+
+// --- Waits ---------------------------------------------------------------------------------------------------------
+
+struct Patience {
+    const char *method;
+    int attempts;
+};
+
+constexpr int default_attempts = 10;
+constexpr Patience patience[] = {
+    {"ports.Get", 60},           {"ports.SetEnabled", 60},
+    {"ports.SetVlanLocal", 100}, {"ports.SetVlanAccess", 100},
+    {"ports.SetVlanTrunk", 100}, {"ports.poe.GetInstantPower", 200},
+    {"db.ApplyBackup", 200},
+};
+
+int attempts_for(const char *method) {
+    for (const Patience &row : patience) {
+        if (std::strcmp(row.method, method) == 0) {
+            return row.attempts;
+        }
+    }
+    return default_attempts;
+}
+
+/** Parses a text that a matcher looks at. */
+Json parse_candidate(const char *text) {
+    json_error_t error;
+    Json candidate(json_loads(text, parse_flags, &error));
+    if (!candidate) {
+        // The evaluator's wording, here and for the version's type below: meant.
+        LOG_ERROR("tavrix_jrpc_eval_request: Cannot parse JSON data\n");
+        LOG_ERROR("error: on line %d: %s\n", error.line, error.text);
+    }
+    return candidate;
+}
+
+bool has_version_2(const json_t *candidate) {
+    const json_t *version = json_object_get(candidate, "jsonrpc");
+    if (version == nullptr) {
+        LOG_DEBUG("Received invalid JSON-RPC format.\n");
+        return false;
+    }
+    if (!json_is_string(version)) {
+        LOG_ERROR("tavrix_jrpc_eval_request: Invalid Request ID\n");
+        return false;
+    }
+    if (!is_version_2(version)) {
+        LOG_DEBUG("Received unsupported JSON-RPC version.\n");
+        return false;
+    }
+    return true;
+}
+
+bool is_reply_to(const json_t *candidate, const char *method) {
+    if (!has_version_2(candidate)) {
+        return false;
+    }
+    const json_t *id = json_object_get(candidate, "id");
+    if (id != nullptr && !is_text_or_number(id)) {
+        LOG_ERROR("tavrix_jrpc_eval_request: Invalid Request ID\n");
+        return false;
+    }
+    if (!json_is_string(id)) {
+        LOG_ERROR("Given parameter <%s> is not a string\n", "id");
+        return false;
+    }
+    return std::strcmp(json_string_value(id), method) == 0;
+}
+
+/** One attempt of the reply wait. */
+Json await_reply_once(int sub_sock, const char *method) {
+    constexpr char function[] = "tavrix_jrpc_mq_sub_for_method";
+    Frame frame;
+    int rc = receive_frame(sub_sock, &frame, 0);
+    if (rc != TAVRIX_OK) {
+        LOG_DEBUG("Unable to receive an API response, rc = %d\n", rc);
+        return nullptr;
+    }
+    LOG_DEBUG("[%s] Received:\n%s\n", function, frame.text.get());
+    Text json_text;
+    rc = split_frame(frame, &json_text);
+    if (rc != TAVRIX_OK) {
+        LOG_DEBUG("Unable to parse API response, rc = %d\n", rc);
+        return nullptr;
+    }
+    LOG_DEBUG("[%s] Received API response, evaluating id...\n", function);
+    json_t *reply = nullptr;
+    rc = tavrix_jrpc_eval_method(method, json_text.get(), &reply);
+    if (rc != TAVRIX_OK) {
+        LOG_DEBUG("Incorrect API response received. rc = %d\n", rc);
+    }
+    return Json(reply);
+}
+
+/** One attempt of the notification wait. */
+Json await_notification_once(int sub_sock, const char *method) {
+    constexpr char function[] = "tavrix_jrpc_mq_sub_for_notifcation";
+    Frame frame;
+    int rc = receive_frame(sub_sock, &frame, 0);
+    if (rc != TAVRIX_OK) {
+        LOG_DEBUG("Unable to receive an API response from TRLX Service, rc = %d\n", rc);
+        return nullptr;
+    }
+    LOG_DEBUG("[%s] Recv:\n%s\n", function, frame.text.get());
+    Text json_text;
+    rc = split_frame(frame, &json_text);
+    if (rc != TAVRIX_OK) {
+        LOG_DEBUG("Unable to parse notification message, rc = %d\n", rc);
+        return nullptr;
+    }
+    LOG_DEBUG("[%s] Received notification, evaluating method name...\n", function);
+    json_t *notification = nullptr;
+    rc = tavrix_jrpc_eval_notification(method, json_text.get(), &notification);
+    if (rc != TAVRIX_OK) {
+        LOG_DEBUG("Incorrect notification received. rc = %d\n", rc);
+    }
+    return Json(notification);
+}
+
+/** Shows what a wait brought, at debug level; nothing is rendered below it. */
+void show_awaited(const char *function, const json_t *awaited) {
+    if (tavrix_lsyslog_check_severity(TAVRIX_LOG_DEBUG)) {
+        const Text rendering(json_dumps(awaited, 0));
+        LOG_DEBUG("[%s] JSON Out: %s\n", function, printable(rendering.get()));
+    }
+}
+
+/** Puts a changed receive time-out back on every way out; a failure is only logged. */
+class SavedTimeout {
+  public:
+    SavedTimeout(int sub_sock, int timeout_ms) : sub_sock_(sub_sock), timeout_ms_(timeout_ms) {}
+    SavedTimeout(const SavedTimeout &) = delete;
+    SavedTimeout &operator=(const SavedTimeout &) = delete;
+    ~SavedTimeout() { restore(); }
+
+    void restore() {
+        if (restored_) {
+            return;
+        }
+        restored_ = true;
+        const int rc = tavrix_mq_socket_set_timeout(sub_sock_, timeout_ms_);
+        if (rc != TAVRIX_OK) {
+            LOG_DEBUG("[tavrix_jrpc_mq_sub_for_notifcation]: Error mq_socket_set_timeout for sub, rc = %d\n", rc);
+        }
+    }
+
+  private:
+    int sub_sock_;
+    int timeout_ms_;
+    bool restored_ = false;
+};
+
+// --- Socket servers ------------------------------------------------------------------------------------------------
+
+/** What tells the Unix-domain and the TCP server apart. */
+struct StreamServer {
+    int (*accept)(const int *listen_sock, int *client_out);
+    const char *null_text;
+    const char *send_text;
+};
+
+constexpr StreamServer unix_server = {tavrix_socket_accept, "[tavrix_jrpc_unix_socket_run]: NULL pointer!\n",
+                                      "[tavrix_jrpc_unix_socket_run]: Error response!\n"};
+// The second text leaves out the "tcp": meant.
+constexpr StreamServer tcp_server = {tavrix_tcp_socket_accept, "[tavrix_jrpc_tcp_socket_run]: NULL pointer!\n",
+                                     "[tavrix_jrpc_socket_run]: Error response!\n"};
+
+/** A connected client, closed with its scope unless it is handed over. */
+class Client {
+  public:
+    Client() = default;
+    explicit Client(int fd) : fd_(fd) {}
+    Client(const Client &) = delete;
+    Client &operator=(const Client &) = delete;
+    ~Client() {
+        if (fd_ >= 0) {
+            static_cast<void>(tavrix_socket_close(&fd_));
+        }
+    }
+
+    int *place() { return &fd_; }
+    const int *get() const { return &fd_; }
+    int close() { return tavrix_socket_close(&fd_); }
+    int release() { return std::exchange(fd_, -1); }
+
+  private:
+    int fd_ = -1;
+};
+
+int run_stream_server(const StreamServer &server, const int *listen_sock, const tavrix_jrpc_method *table) {
+    if (listen_sock == nullptr || table == nullptr) {
+        LOG_DEBUG("%s", server.null_text);
+        return TAVRIX_ERR_NULL_INPUT;
+    }
+    Client client;
+    int rc = server.accept(listen_sock, client.place());
+    if (rc != TAVRIX_OK) {
+        return rc;
+    }
+    char request[TAVRIX_SERVER_MAX_REQUEST + 1] = "";
+    if (tavrix_socket_recv(client.get(), request, TAVRIX_SERVER_MAX_REQUEST) < 1) {
+        return TAVRIX_ERR_GENERAL;
+    }
+    char *text = nullptr;
+    rc = tavrix_jrpc_eval_request(request, table, &text);
+    const Text response(text);
+    if (rc != TAVRIX_OK) {
+        return rc;
+    }
+    if (response) {
+        rc = tavrix_socket_send(client.get(), response.get());
+    }
+    if (rc != TAVRIX_OK) {
+        LOG_DEBUG("%s", server.send_text);
+        return rc;
+    }
+    return client.close();
+}
+
+// --- Router --------------------------------------------------------------------------------------------------------
+
+/** Reads one request from a client, at most 8192 bytes in one piece; fewer than 1 byte is a failure. */
+int read_request(const int *client, char (&buffer)[TAVRIX_ROUTER_MAX_REQUEST + 1]) {
+    std::memset(buffer, 0, sizeof buffer);
+    return tavrix_socket_recv(client, buffer, TAVRIX_ROUTER_MAX_REQUEST);
+}
+
+/** Parses an object and reports what is wrong under the function's name. */
+Json parse_object(const char *text, const char *function) {
+    json_error_t error;
+    Json object(json_loads(text, parse_flags, &error));
+    if (!object) {
+        LOG_DEBUG("[%s]: line: %d, text: %s\n", function, error.line, error.text);
+        return nullptr;
+    }
+    if (!json_is_object(object.get())) {
+        LOG_DEBUG("[%s]: Invalid JSON message\n", function);
+        return nullptr;
+    }
+    return object;
+}
+
+/** Shows a request at verbose level, as received and as parsed; nothing is rendered below it. */
+bool show_routed_request(const json_t *request, const char *received, const char *function) {
+    if (!tavrix_lsyslog_check_severity(TAVRIX_LOG_VERBOSE)) {
+        return true;
+    }
+    const Text rendering(json_dumps(request, log_flags));
+    if (!rendering) {
+        LOG_DEBUG("[%s]: Cannot print JSON message\n", function);
+        return false;
+    }
+    LOG_VERBOSE("[%s]: [Recv]: %s\n", function, received != nullptr ? received : rendering.get());
+    LOG_VERBOSE("Valid JSON received, of length %d\n", length_of(rendering.get()));
+    LOG_VERBOSE("JSON Data:\n%s\n", rendering.get());
+    return true;
+}
+
+/** The method's name, borrowed; null when there is none. */
+const char *routed_method(const json_t *request, const char *function) {
+    const json_t *method = json_object_get(request, "method");
+    if (method == nullptr) {
+        LOG_DEBUG("[%s]: No JSON method\n", function);
+        return nullptr;
+    }
+    if (!json_is_string(method)) {
+        LOG_DEBUG("[%s]: Invalid JSON method\n", function);
+        return nullptr;
+    }
+    LOG_VERBOSE("[%s]: JSON Method: %s\n", function, json_string_value(method));
+    return json_string_value(method);
+}
+
+/** Puts the router's reply channel in the place of the client's id, which is kept nowhere. */
+bool stamp_reply_channel(json_t *request, const char *function) {
+    const json_t *id = json_object_get(request, "id");
+    if (id == nullptr) {
+        LOG_DEBUG("[%s]: No JSON ID\n", function);
+        return false;
+    }
+    if (!is_text_or_number(id)) {
+        LOG_DEBUG("[%s]: Invalid JSON ID\n", function);
+        return false;
+    }
+    LOG_VERBOSE("JSON ID: %s\n", printable(json_string_value(id)));
+    if (json_object_del(request, "id") != 0) {
+        LOG_DEBUG("[%s]: Cannot delete JSON ID\n", function);
+        return false;
+    }
+    if (json_object_set_new(request, "id", json_string(TAVRIX_ROUTER_REPLY_CHANNEL)) != 0) {
+        LOG_DEBUG("[%s]: Cannot update JSON ID\n", function);
+        return false;
+    }
+    return true;
+}
+
+Text encode_request(const json_t *request, const char *function) {
+    Text text(json_dumps(request, wire_flags));
+    if (!text) {
+        LOG_DEBUG("[%s]: Cannot re-encode JSON message\n", function);
+        return nullptr;
+    }
+    LOG_VERBOSE("JSON request sent, of string length %d\n", length_of(text.get()));
+    LOG_VERBOSE("The JSON Request was:\n%s\n", text.get());
+    return text;
+}
+
+/** Receives the next message on the reply channel, for the split path. */
+int receive_reply(int sub_sock, Text *json_text) {
+    constexpr char function[] = "tavrix_jrpc_router_mq_extract_response";
+    LOG_VERBOSE("[%s]: waiting to receive...\n", function);
+    Frame frame;
+    int rc = receive_frame(sub_sock, &frame, 0);
+    if (rc != TAVRIX_OK) {
+        LOG_DEBUG("[%s]: Failed mq_socket_recv, rc = %d\n", function, rc);
+        return rc;
+    }
+    if (frame.empty()) {
+        return TAVRIX_ERR_GENERAL;
+    }
+    rc = split_frame(frame, json_text);
+    if (rc != TAVRIX_OK) {
+        LOG_DEBUG("[%s]: Error parse_msg, rc = %d\n", function, rc);
+    }
+    return rc;
+}
+
+/** Checks a notification to the router itself; gives the method's name and params, or null. */
+const char *check_notification(const json_t *notification, json_t **params_out) {
+    constexpr char function[] = "tavrix_jrpc_router_eval_notification";
+    if (json_object_get(notification, "id") != nullptr) {
+        LOG_ERROR("[%s]: Invalid Request id found in notification\n", function);
+        return nullptr;
+    }
+    const json_t *version = json_object_get(notification, "jsonrpc");
+    if (version == nullptr) {
+        LOG_ERROR("[%s]: Empty jsonrpc\n", function);
+        return nullptr;
+    }
+    if (!json_is_string(version)) {
+        LOG_ERROR("[%s]: Invalid Request jsonrpc\n", function);
+        return nullptr;
+    }
+    if (!is_version_2(version)) {
+        LOG_ERROR("[%s]: Invalid Request jsonrpc version\n", function);
+        return nullptr;
+    }
+    *params_out = json_object_get(notification, "params");
+    if (*params_out != nullptr && !json_is_object(*params_out)) {
+        LOG_ERROR("[%s]: Invalid Request params\n", function);
+        return nullptr;
+    }
+    const json_t *method = json_object_get(notification, "method");
+    if (method == nullptr) {
+        LOG_ERROR("[%s]: No JSON method\n", function);
+        return nullptr;
+    }
+    if (!json_is_string(method)) {
+        LOG_ERROR("[%s]: Invalid Request method\n", function);
+        return nullptr;
+    }
+    return json_string_value(method);
+}
+
+Json build_lock_response(const char *id, json_t *transaction_id) {
+    Json response(json_pack("{s:s,s:s}", "jsonrpc", protocol_version, "id", id));
+    if (!response || !add_error(response.get(), TAVRIX_JRPC_SYSTEM_BUSY, nullptr) ||
+        !add_transaction_id(response.get(), transaction_id)) {
+        return nullptr;
+    }
+    return response;
+}
+
+Json build_timeout_response(const char *id, int transaction_id) {
+    Json response(json_pack("{s:s,s:i,s:s}", "jsonrpc", protocol_version, "transaction_id", transaction_id, "id", id));
+    if (!response || !add_error(response.get(), TAVRIX_JRPC_TIMED_OUT, nullptr)) {
+        return nullptr;
+    }
+    return response;
+}
+
+} // namespace
+
+// --- Error map -----------------------------------------------------------------------------------------------------
+
+int tavrix_jrpc_error_convert_tavrix_to_jrpc(int internal_code) {
+    LOG_DEBUG("Received error code <%d> to convert to jrpc error\n", internal_code);
+    for (const ConversionRow &row : conversions) {
+        if (row.internal_code == internal_code) {
+            return row.jrpc_code;
+        }
+    }
+    return TAVRIX_JRPC_UNKNOWN_ERROR;
+}
+
+int tavrix_jrpc_error_convert_jrpc_to_tavrix(int jrpc_code) {
+    LOG_DEBUG("Received jrpc error code <%d> to convert to tavrix error\n", jrpc_code);
+    for (const ConversionRow &row : conversions) {
+        if (row.jrpc_code == jrpc_code) {
+            return row.internal_code;
+        }
+    }
+    return TAVRIX_JRPC_UNKNOWN_ERROR; // a number of the other numbering: meant
+}
+
+const char *tavrix_jrpc_error_message(int jrpc_code) {
+    for (const CatalogueRow &row : catalogue) {
+        if (row.jrpc_code == jrpc_code) {
+            return row.message;
+        }
+    }
+    return unknown_message;
+}
+
+// --- Evaluation and responses --------------------------------------------------------------------------------------
+
+int tavrix_jrpc_eval_request(const char *request_text, const tavrix_jrpc_method *table, char **response_text) {
+    if (request_text == nullptr || table == nullptr || response_text == nullptr) {
+        LOG_ERROR("tavrix_jrpc_eval_request: NULL pointer!\n");
+        return TAVRIX_ERR_GENERAL;
+    }
+    *response_text = nullptr;
+    const Json request = parse_request(request_text);
+    if (!request || !show_request(request.get())) {
+        return TAVRIX_ERR_GENERAL;
+    }
+    Envelope envelope;
+    Outcome outcome;
+    int code = check_envelope(request.get(), &envelope);
+    if (code == 0) {
+        code = call_method(table, envelope, &outcome);
+    }
+    const bool is_notification = envelope.id == nullptr;
+    if (is_notification) {
+        return code == 0 ? TAVRIX_OK : TAVRIX_ERR_GENERAL;
+    }
+    if (code == 0) {
+        *response_text = respond(envelope, &outcome, &code).release();
+    }
+    if (*response_text == nullptr) {
+        // Without a method value, that is when a check before it failed, the builder refuses: meant, no response.
+        *response_text =
+            tavrix_jrpc_create_error(code, envelope.method, outcome.error_data.get(), 0, envelope.transaction_id);
+    }
+    return *response_text != nullptr ? TAVRIX_OK : TAVRIX_ERR_GENERAL;
+}
+
+char *tavrix_jrpc_create_response(json_t *result, json_t *id, int indent, json_t *transaction_id) {
+    // Bad arguments are errors here and debug lines in create_error, successes the other way round: meant.
+    if (result == nullptr || id == nullptr) {
+        LOG_ERROR("tavrix_jrpc_create_response: NULL pointer!\n");
+        return nullptr;
+    }
+    if (indent < 0 || indent > max_indent) {
+        LOG_ERROR("tavrix_jrpc_create_response: Invalid Indent Number\n");
+        return nullptr;
+    }
+    Text response = build_response(result, id, indent, transaction_id);
+    if (!response) {
+        LOG_ERROR("tavrix_jrpc_create_response: Failed to create JRPC response\n");
+        return nullptr;
+    }
+    LOG_DEBUG("JSON response sent, of string length %d\n", length_of(response.get()));
+    LOG_VERBOSE("The JSON Response was:\n%s\n", response.get());
+    return response.release();
+}
+
+char *tavrix_jrpc_create_error(int jrpc_code, json_t *id, json_t *data, int indent, json_t *transaction_id) {
+    if (id == nullptr) {
+        LOG_DEBUG("[tavrix_jrpc_create_error]: NULL pointer!\n");
+        return nullptr;
+    }
+    if (indent < 0 || indent > max_indent) {
+        LOG_DEBUG("[tavrix_jrpc_create_error]: Invalid indent %d!\n", indent);
+        return nullptr;
+    }
+    Text response = build_error(jrpc_code, id, data, indent, transaction_id);
+    if (!response) {
+        LOG_ERROR("tavrix_jrpc_create_error: Failed to create JRPC response\n");
+        return nullptr;
+    }
+    LOG_ERROR("JSON Response: %s\n", response.get());
+    return response.release();
+}
+
+// --- Framing -------------------------------------------------------------------------------------------------------
+
+char *tavrix_api_router_json_add_channel(const char *channel, const char *json_text) {
+    if (channel == nullptr || json_text == nullptr) {
+        LOG_DEBUG("[tavrix_api_router_json_add_channel]: Null Pointer!\n");
+        return nullptr;
+    }
+    const size_t channel_length = std::strlen(channel);
+    const size_t text_length = std::strlen(json_text);
+    char *frame = static_cast<char *>(std::malloc(channel_length + text_length + 2));
+    if (frame == nullptr) {
+        LOG_DEBUG("[tavrix_api_router_json_add_channel]: Failed to allocate memory\n");
+        return nullptr;
+    }
+    std::memcpy(frame, channel, channel_length);
+    frame[channel_length] = bar;
+    std::memcpy(frame + channel_length + 1, json_text, text_length + 1);
+    return frame;
+}
+
+int tavrix_jrpc_parse_msg(const char *frame, int length, char **json_out) {
+    // The lines carry another function's name: meant.
+    if (frame == nullptr || json_out == nullptr) {
+        LOG_DEBUG("[tavrix_connect_parse_msg]: Null Pointer!\n");
+        return TAVRIX_ERR_NULL_INPUT;
+    }
+    const void *found = length > 0 ? std::memchr(frame, bar, static_cast<size_t>(length)) : nullptr;
+    if (found == nullptr) {
+        LOG_DEBUG("[tavrix_connect_parse_msg]: Failed to parse JSON message\n");
+        return TAVRIX_ERR_GENERAL;
+    }
+    const char *text = static_cast<const char *>(found) + 1;
+    const size_t text_length = static_cast<size_t>(frame + length - text);
+    char *copy = static_cast<char *>(std::malloc(text_length + 1));
+    if (copy == nullptr) {
+        LOG_DEBUG("[tavrix_connect_parse_msg]: Failed to allocate memory\n");
+        return TAVRIX_ERR_GENERAL;
+    }
+    std::memcpy(copy, text, text_length);
+    copy[text_length] = '\0';
+    *json_out = copy;
+    return TAVRIX_OK;
+}
+
+int tavrix_jrpc_parse_channel(const char *json_text, char **channel_out) {
+    if (json_text == nullptr || channel_out == nullptr) {
+        LOG_DEBUG("[tavrix_jrpc_parse_channel]: Null Pointer!\n");
+        return TAVRIX_ERR_NULL_INPUT;
+    }
+    json_error_t error;
+    const Json message(json_loads(json_text, parse_flags, &error));
+    if (!message) {
+        LOG_DEBUG("[tavrix_jrpc_parse_channel]: Cannot parse JSON message.\n");
+        LOG_DEBUG("Error on line[%d]: %s\n", error.line, error.text);
+        return TAVRIX_ERR_GENERAL;
+    }
+    if (!json_is_object(message.get())) {
+        LOG_DEBUG("[tavrix_jrpc_parse_channel]: Invalid JSON\n");
+        return TAVRIX_ERR_GENERAL;
+    }
+    const json_t *id = json_object_get(message.get(), "id");
+    if (id == nullptr) {
+        LOG_VERBOSE("[tavrix_jrpc_parse_channel]: No ID\n");
+        *channel_out = nullptr;
+        return TAVRIX_ERR_NO_JSON_ID;
+    }
+    if (!json_is_string(id)) {
+        LOG_DEBUG("[tavrix_jrpc_parse_channel]: Invalid ID\n");
+        return TAVRIX_ERR_GENERAL;
+    }
+    char *channel = strdup(json_string_value(id));
+    if (channel == nullptr) {
+        return TAVRIX_ERR_GENERAL;
+    }
+    *channel_out = channel;
+    return TAVRIX_OK;
+}
+
+char *tavrix_api_router_json_parse_channel(const char *method) {
+    if (method == nullptr) {
+        LOG_DEBUG("[tavrix_api_router_json_parse_channel]: Null Pointer!\n");
+        return nullptr;
+    }
+    return strdup(service_channel(method));
+}
+
+// --- Endpoint ------------------------------------------------------------------------------------------------------
+
+int tavrix_jrpc_mq_pub_init(const char *address, int *pub_sock_out) {
+    if (address == nullptr || pub_sock_out == nullptr) {
+        LOG_DEBUG("[tavrix_jrpc_mq_pub_init]: NULL pointer!\n");
+        return TAVRIX_ERR_NULL_INPUT;
+    }
+    BusSocket pub;
+    int rc = pub.open(TAVRIX_SP_PUB);
+    if (rc != TAVRIX_OK) {
+        LOG_DEBUG("[tavrix_jrpc_mq_pub_init]: Error mq_socket_init for pub, rc = %d\n", rc);
+        return TAVRIX_ERR_GENERAL;
+    }
+    int endpoint = 0;
+    rc = tavrix_mq_socket_bind(pub.get(), TAVRIX_TRANSPORT_TCP, address, &endpoint);
+    if (rc != TAVRIX_OK) {
+        LOG_DEBUG("[tavrix_jrpc_mq_pub_init]: Error mq_socket_bind for pub, rc = %d\n", rc);
+        return rc;
+    }
+    LOG_DEBUG("[tavrix_jrpc_mq_pub_init]: mq_socket for pub initialized.\n");
+    *pub_sock_out = pub.release();
+    return TAVRIX_OK;
+}
+
+int tavrix_jrpc_mq_sub_init(int *sub_sock_out, int with_timeout) {
+    if (sub_sock_out == nullptr) {
+        LOG_DEBUG("[tavrix_jrpc_mq_sub_init]: NULL pointer!\n");
+        return TAVRIX_ERR_NULL_INPUT;
+    }
+    BusSocket sub;
+    int rc = sub.open(TAVRIX_SP_SUB);
+    if (rc != TAVRIX_OK) {
+        LOG_DEBUG("[tavrix_jrpc_mq_sub_init]: Error mq_socket_init for sub, rc = %d\n", rc);
+        return TAVRIX_ERR_GENERAL;
+    }
+    rc = with_timeout != 0 ? tavrix_mq_socket_set_timeout(sub.get(), reply_timeout_ms) : TAVRIX_OK;
+    if (rc != TAVRIX_OK) {
+        LOG_DEBUG("[tavrix_jrpc_mq_sub_init]: Error tavrix_mq_socket_set_timeout for sub, rc = %d\n", rc);
+        return TAVRIX_ERR_GENERAL;
+    }
+    LOG_DEBUG("[tavrix_jrpc_mq_sub_init]: mq_socket for sub initialized.\n");
+    *sub_sock_out = sub.release();
+    return TAVRIX_OK;
+}
+
+int tavrix_jrpc_mq_sub_set_channel(const char *address, const char *channel, int *sub_sock) {
+    if (address == nullptr || channel == nullptr || sub_sock == nullptr) {
+        LOG_DEBUG("[tavrix_jrpc_mq_sub_set_channel]: NULL pointer!\n");
+        return TAVRIX_ERR_NULL_INPUT;
+    }
+    int endpoint = 0;
+    int rc = tavrix_mq_socket_connect(*sub_sock, TAVRIX_TRANSPORT_TCP, address, &endpoint);
+    if (rc != TAVRIX_OK) {
+        LOG_DEBUG("[tavrix_jrpc_mq_sub_set_channel]: Error mq_socket_connect for sub, rc = %d\n", rc);
+        return close_failed_endpoint(*sub_sock);
+    }
+    rc = tavrix_mq_socket_subscribe(*sub_sock, channel);
+    if (rc != TAVRIX_OK) {
+        LOG_DEBUG("[tavrix_jrpc_mq_sub_set_channel]: Error mq_socket_subscribe for sub, rc = %d\n", rc);
+        return close_failed_endpoint(*sub_sock);
+    }
+    return TAVRIX_OK;
+}
+
+int tavrix_jrpc_mq_run(int *sub_sock, int *pub_sock, const tavrix_jrpc_method *table, int nonblock) {
+    if (sub_sock == nullptr || pub_sock == nullptr || table == nullptr) {
+        LOG_DEBUG("[tavrix_jrpc_mq_run]: Null Pointer!\n");
+        return TAVRIX_ERR_NULL_INPUT;
+    }
+    LOG_VERBOSE("[tavrix_jrpc_mq_run]: waiting to receive... \n");
+    Frame frame;
+    int rc = receive_frame(*sub_sock, &frame, nonblock);
+    if (rc != TAVRIX_OK) {
+        return rc;
+    }
+    if (frame.empty()) {
+        return TAVRIX_ERR_GENERAL;
+    }
+    LOG_VERBOSE("[tavrix_jrpc_mq_run]: mq_recv msg[%d]: %s\n", frame.length, frame.text.get());
+    Text json_text;
+    rc = split_frame(frame, &json_text);
+    if (rc != TAVRIX_OK) {
+        LOG_DEBUG("[tavrix_jrpc_mq_run]: Error parse_msg, rc = %d\n", rc);
+        return rc;
+    }
+    char *channel_text = nullptr;
+    rc = tavrix_jrpc_parse_channel(json_text.get(), &channel_text);
+    const Text channel(channel_text);
+    if (rc != TAVRIX_OK && rc != TAVRIX_ERR_NO_JSON_ID) {
+        LOG_DEBUG("[tavrix_jrpc_mq_run]: Error parse_channel, rc = %d\n", rc);
+        return rc;
+    }
+    return serve(json_text.get(), channel.get(), pub_sock, table);
+}
+
+int tavrix_jrpc_mq_pub(const int *pub_sock, const char *channel, const char *json_text) {
+    if (pub_sock == nullptr || channel == nullptr || json_text == nullptr) {
+        LOG_DEBUG("[tavrix_jrpc_mq_pub]: Null Pointer!\n");
+        return TAVRIX_ERR_NULL_INPUT;
+    }
+    LOG_VERBOSE("[tavrix_jrpc_mq_pub]: Prefixing channel with response...\n");
+    const Text frame(tavrix_api_router_json_add_channel(channel, json_text));
+    if (!frame) {
+        LOG_DEBUG("[tavrix_jrpc_mq_pub]: add_channel failed\n");
+        return TAVRIX_ERR_GENERAL;
+    }
+    LOG_VERBOSE("[tavrix_jrpc_mq_pub]: Sending message over mq_pub...\n");
+    const int rc = tavrix_mq_socket_send(*pub_sock, frame.get());
+    if (rc != TAVRIX_OK) {
+        LOG_DEBUG("[tavrix_jrpc_mq_pub]: Error mq_send, rc = %d\n", rc);
+        return rc;
+    }
+    LOG_VERBOSE("[tavrix_jrpc_mq_pub]: mq_send msg[%d]: %s\n", length_of(frame.get()), frame.get());
+    return TAVRIX_OK;
+}
+
+// --- Waits ---------------------------------------------------------------------------------------------------------
+
+int tavrix_jrpc_mq_sub_for_method(int sub_sock, const char *method, json_t **reply_out) {
+    constexpr char function[] = "tavrix_jrpc_mq_sub_for_method";
+    if (method == nullptr || reply_out == nullptr) {
+        LOG_DEBUG("[%s]: Null Pointer!\n", function);
+        return TAVRIX_ERR_NULL_INPUT;
+    }
+    for (int attempts = attempts_for(method); attempts > 0; --attempts) {
+        LOG_DEBUG("Waiting for API response <%s>, attempts remaining: %d\n", method, attempts);
+        Json reply = await_reply_once(sub_sock, method);
+        if (reply) {
+            show_awaited(function, reply.get());
+            *reply_out = reply.release();
+            return TAVRIX_OK;
+        }
+    }
+    LOG_DEBUG("Could not receive expected API response.\n");
+    return TAVRIX_ERR_NO_RESPONSE;
+}
+
+int tavrix_jrpc_eval_method(const char *method, const char *json_text, json_t **reply_out) {
+    if (method == nullptr || json_text == nullptr) {
+        LOG_DEBUG("[%s]: Null Pointer!\n", "tavrix_jrpc_eval_method");
+        return TAVRIX_ERR_NULL_INPUT;
+    }
+    Json candidate = parse_candidate(json_text);
+    if (!candidate) {
+        return TAVRIX_ERR_GENERAL;
+    }
+    if (!is_reply_to(candidate.get(), method)) {
+        LOG_DEBUG("Found incorrect method \"%s\".\n",
+                  printable(json_string_value(json_object_get(candidate.get(), "id"))));
+        return TAVRIX_ERR_GENERAL;
+    }
+    LOG_DEBUG("Found correct method \"%s\".\n", method);
+    if (reply_out != nullptr) {
+        *reply_out = candidate.release();
+    }
+    return TAVRIX_OK;
+}
+
+int tavrix_jrpc_mq_sub_for_notifcation(int sub_sock, const char *method, json_t **notification_out) {
+    constexpr char function[] = "tavrix_jrpc_mq_sub_for_notifcation";
+    if (method == nullptr || notification_out == nullptr) {
+        LOG_DEBUG("[%s]: Null Pointer!\n", function);
+        return TAVRIX_ERR_NULL_INPUT;
+    }
+    int timeout_ms = 0;
+    int rc = tavrix_mq_socket_get_timeout(sub_sock, &timeout_ms);
+    if (rc != TAVRIX_OK) {
+        LOG_DEBUG("[tavrix_jrpc_mq_sub_for_notifcation]: Error mq_socket_get_timeout for sub, rc = %d\n", rc);
+        return TAVRIX_ERR_GENERAL;
+    }
+    rc = tavrix_mq_socket_set_timeout(sub_sock, -1);
+    if (rc != TAVRIX_OK) {
+        LOG_DEBUG("[tavrix_jrpc_mq_sub_for_notifcation]: Error mq_socket_set_timeout for sub, rc = %d\n", rc);
+        return TAVRIX_ERR_GENERAL;
+    }
+    SavedTimeout saved(sub_sock, timeout_ms);
+    for (int attempts = notification_attempts; attempts > 0; --attempts) {
+        LOG_DEBUG("[%s] Waiting for <%s> response, attempts remaining: %d\n", function, method, attempts);
+        Json notification = await_notification_once(sub_sock, method);
+        if (notification) {
+            saved.restore();
+            show_awaited(function, notification.get());
+            *notification_out = notification.release();
+            return TAVRIX_OK;
+        }
+    }
+    saved.restore();
+    LOG_DEBUG("Could not receive expected notification.\n");
+    return TAVRIX_ERR_GENERAL; // not the reply wait's -50: meant
+}
+
+int tavrix_jrpc_eval_notification(const char *method, const char *json_text, json_t **out) {
+    if (method == nullptr || json_text == nullptr || out == nullptr) {
+        LOG_DEBUG("[%s]: Null Pointer!\n", "tavrix_jrpc_eval_notification");
+        return TAVRIX_ERR_NULL_INPUT;
+    }
+    Json candidate = parse_candidate(json_text);
+    if (!candidate || !has_version_2(candidate.get())) {
+        return TAVRIX_ERR_GENERAL;
+    }
+    const json_t *name = json_object_get(candidate.get(), "method");
+    if (name == nullptr) {
+        LOG_DEBUG("[tavrix_jrpc_eval_notification]: No JSON method\n");
+        return TAVRIX_ERR_GENERAL;
+    }
+    if (!json_is_string(name)) {
+        LOG_DEBUG("[tavrix_jrpc_eval_notification]: Invalid JSON method\n");
+        return TAVRIX_ERR_GENERAL;
+    }
+    LOG_VERBOSE("JSON Method: %s\n", json_string_value(name));
+    if (std::strcmp(json_string_value(name), method) != 0) {
+        LOG_DEBUG("Found incorrect method \"%s\".\n", json_string_value(name));
+        return TAVRIX_ERR_GENERAL;
+    }
+    LOG_DEBUG("Found correct method \"%s\".\n", method);
+    *out = candidate.release();
+    return TAVRIX_OK;
+}
+
+// --- Socket servers ------------------------------------------------------------------------------------------------
+
+int tavrix_jrpc_unix_socket_init(const char *path, int *sock_out, int nonblocking) {
+    if (sock_out == nullptr) {
+        LOG_DEBUG("[tavrix_jrpc_unix_socket_init]: NULL pointer!\n");
+        return TAVRIX_ERR_NULL_INPUT;
+    }
+    int listener = 0;
+    if (tavrix_unix_socket_init(path, &listener, nonblocking) != TAVRIX_OK) {
+        LOG_DEBUG("[tavrix_jrpc_unix_socket_init]: cannot init unix socket!\n");
+    } else {
+        LOG_DEBUG("[tavrix_jrpc_unix_socket_init]: unix socket initialized!\n");
+    }
+    // A listener that failed shows as the handle 0, not as a status: meant.
+    *sock_out = listener;
+    return TAVRIX_OK;
+}
+
+int tavrix_jrpc_tcp_socket_init(unsigned port, int *sock_out, int nonblocking) {
+    if (sock_out == nullptr) {
+        LOG_DEBUG("[tavrix_jrpc_tcp_socket_init]: NULL pointer!\n");
+        return TAVRIX_ERR_NULL_INPUT;
+    }
+    int listener = 0;
+    if (tavrix_tcp_socket_init(port, &listener, nonblocking) != TAVRIX_OK) {
+        LOG_DEBUG("[tavrix_jrpc_tcp_socket_init]: cannot init tcp socket!\n");
+    } else {
+        LOG_DEBUG("[tavrix_jrpc_tcp_socket_init]: tcp socket initialized!\n");
+    }
+    // A listener that failed shows as the handle 0, not as a status: meant.
+    *sock_out = listener;
+    return TAVRIX_OK;
+}
+
+int tavrix_jrpc_unix_socket_run(const int *listen_sock, const tavrix_jrpc_method *table) {
+    return run_stream_server(unix_server, listen_sock, table);
+}
+
+int tavrix_jrpc_tcp_socket_run(const int *listen_sock, const tavrix_jrpc_method *table) {
+    return run_stream_server(tcp_server, listen_sock, table);
+}
+
+int tavrix_jrpc_pull_socket_init(const char *address, int *sock_out) {
+    // The lines carry the names of the TCP server and of the publisher: meant.
+    if (sock_out == nullptr) {
+        LOG_DEBUG("[tavrix_jrpc_tcp_socket_init]: NULL pointer!\n");
+        return TAVRIX_ERR_NULL_INPUT;
+    }
+    BusSocket pull;
+    if (pull.open(TAVRIX_SP_PULL) != TAVRIX_OK) {
+        LOG_ERROR("[tavrix_jrpc_tcp_socket_init]: cannot init pull socket!\n");
+    } else {
+        LOG_DEBUG("[tavrix_jrpc_tcp_socket_init]: pull socket initialized!\n");
+    }
+    int endpoint = 0;
+    const int rc = tavrix_mq_socket_bind(pull.get(), TAVRIX_TRANSPORT_TCP, address, &endpoint);
+    if (rc != TAVRIX_OK) {
+        LOG_ERROR("[tavrix_jrpc_mq_pub_init]: Error mq_socket_bind for pull, rc = %d\n", rc);
+        return rc;
+    }
+    *sock_out = pull.release();
+    return TAVRIX_OK;
+}
+
+int tavrix_jrpc_pull_socket_run(int sock, const tavrix_jrpc_method *table) {
+    if (table == nullptr) {
+        LOG_DEBUG("[tavrix_jrpc_pull_socket_run]: NULL pointer!\n");
+        return TAVRIX_ERR_NULL_INPUT;
+    }
+    Frame request;
+    if (receive_frame(sock, &request, 0) != TAVRIX_OK) {
+        return TAVRIX_ERR_GENERAL;
+    }
+    char *text = nullptr;
+    const int rc = tavrix_jrpc_eval_request(request.text.get(), table, &text);
+    const Text never_sent(text); // a pull socket cannot answer
+    return rc;
+}
+
+// --- Router --------------------------------------------------------------------------------------------------------
+
+int tavrix_jrpc_router_socket_to_mq(const int *listen_sock, const int *pub_sock, int *client_out) {
+    if (listen_sock == nullptr || pub_sock == nullptr || client_out == nullptr) {
+        LOG_DEBUG("[tavrix_jrpc_router_socket_to_mq]: NULL pointer!\n");
+        return TAVRIX_ERR_NULL_INPUT;
+    }
+    Client client;
+    int rc = tavrix_socket_accept(listen_sock, client.place());
+    if (rc != TAVRIX_OK) {
+        return rc;
+    }
+    char buffer[TAVRIX_ROUTER_MAX_REQUEST + 1];
+    if (read_request(client.get(), buffer) < 1) {
+        return TAVRIX_ERR_GENERAL;
+    }
+    char *request_text = nullptr;
+    char *channel_text = nullptr;
+    rc = tavrix_jrpc_router_process_msg(buffer, &request_text, &channel_text);
+    const Text request(request_text);
+    const Text channel(channel_text);
+    if (rc != TAVRIX_OK) {
+        LOG_DEBUG("[tavrix_jrpc_router_socket_to_mq]: router_process_msg: failed\n");
+        return rc;
+    }
+    LOG_DEBUG("[tavrix_jrpc_router_socket_to_mq]: Sending response over mq_pub ...\n"); // "response": meant
+    rc = tavrix_jrpc_mq_pub(pub_sock, channel.get(), request.get());
+    if (rc != TAVRIX_OK) {
+        LOG_DEBUG("[tavrix_jrpc_router_socket_to_mq]: Error mq_pub, rc = %d\n", rc);
+        return rc;
+    }
+    *client_out = client.release();
+    return TAVRIX_OK;
+}
+
+int tavrix_jrpc_router_process_msg(const char *text, char **request_out, char **channel_out) {
+    constexpr char function[] = "tavrix_jrpc_router_process_msg";
+    if (text == nullptr || request_out == nullptr || channel_out == nullptr) {
+        return TAVRIX_ERR_GENERAL;
+    }
+    const Json request = parse_object(text, function);
+    if (!request || !show_routed_request(request.get(), text, function)) {
+        return TAVRIX_ERR_GENERAL;
+    }
+    const char *method = routed_method(request.get(), function);
+    if (method == nullptr) {
+        return TAVRIX_ERR_GENERAL;
+    }
+    char *channel = tavrix_api_router_json_parse_channel(method);
+    LOG_VERBOSE("channel: %s\n", printable(channel));
+    if (channel != nullptr) {
+        *channel_out = channel; // before the remaining checks: meant, the caller releases it
+    }
+    if (!stamp_reply_channel(request.get(), function)) {
+        return TAVRIX_ERR_GENERAL;
+    }
+    Text encoded = encode_request(request.get(), function);
+    if (!encoded) {
+        return TAVRIX_ERR_GENERAL;
+    }
+    *request_out = encoded.release();
+    return TAVRIX_OK;
+}
+
+int tavrix_jrpc_router_socket_extract_request(const int *listen_sock, int *client_out, json_t **request_out) {
+    constexpr char function[] = "tavrix_jrpc_router_socket_extract_request";
+    if (listen_sock == nullptr || client_out == nullptr || request_out == nullptr) {
+        LOG_DEBUG("[%s]: NULL pointer!\n", function);
+        return TAVRIX_ERR_GENERAL;
+    }
+    const int rc = tavrix_socket_accept(listen_sock, client_out);
+    if (rc != TAVRIX_OK) {
+        LOG_DEBUG("[%s]: Failed socket_accept, rc = %d\n", function, rc);
+        return rc;
+    }
+    char buffer[TAVRIX_ROUTER_MAX_REQUEST + 1];
+    const int readsize = read_request(client_out, buffer);
+    if (readsize < 1) {
+        LOG_DEBUG("[%s]: Failed socket_recv, readsize = %d\n", function, readsize);
+        return TAVRIX_ERR_GENERAL; // the client stays open: the caller may answer, and closes it
+    }
+    Json request = parse_object(buffer, function);
+    if (!request) {
+        return TAVRIX_ERR_GENERAL;
+    }
+    *request_out = request.release();
+    return TAVRIX_OK;
+}
+
+int tavrix_jrpc_router_mq_dispatch_request(const int *pub_sock, json_t *request) {
+    constexpr char function[] = "tavrix_jrpc_router_mq_dispatch_request";
+    if (pub_sock == nullptr || request == nullptr) {
+        LOG_DEBUG("[%s]: NULL pointer!\n", function);
+        return TAVRIX_ERR_GENERAL;
+    }
+    if (!show_routed_request(request, nullptr, function)) {
+        return TAVRIX_ERR_GENERAL;
+    }
+    const char *method = routed_method(request, function);
+    if (method == nullptr) {
+        return TAVRIX_ERR_GENERAL;
+    }
+    const Text channel(tavrix_api_router_json_parse_channel(method));
+    LOG_VERBOSE("channel: %s\n", printable(channel.get()));
+    if (!channel) {
+        LOG_DEBUG("[%s]: No JSON uuid\n", function);
+        return TAVRIX_ERR_GENERAL;
+    }
+    if (!stamp_reply_channel(request, function)) {
+        return TAVRIX_ERR_GENERAL;
+    }
+    const Text encoded = encode_request(request, function);
+    if (!encoded) {
+        return TAVRIX_ERR_GENERAL;
+    }
+    LOG_DEBUG("[%s]: Sending response over mq_pub ...\n", function); // "response": meant
+    const int rc = tavrix_jrpc_mq_pub(pub_sock, channel.get(), encoded.get());
+    if (rc != TAVRIX_OK) {
+        LOG_DEBUG("[%s]: Error mq_pub, rc = %d\n", function, rc);
+    }
+    return rc;
+}
+
+int tavrix_jrpc_router_mq_to_socket(const int *sub_sock, int *client_sock) {
+    if (sub_sock == nullptr || client_sock == nullptr) {
+        LOG_DEBUG("[tavrix_jrpc_router_mq_to_socket]: Null Pointer!\n");
+        return TAVRIX_ERR_NULL_INPUT;
+    }
+    const Client client(std::exchange(*client_sock, -1)); // closed on every way out
+    LOG_VERBOSE("[tavrix_jrpc_router_mq_to_socket]: waiting to receive... \n");
+    Frame frame;
+    int rc = receive_frame(*sub_sock, &frame, 0);
+    if (rc != TAVRIX_OK) {
+        return rc;
+    }
+    if (frame.empty()) {
+        return TAVRIX_ERR_GENERAL;
+    }
+    LOG_VERBOSE("[tavrix_jrpc_router_mq_to_socket]: mq_recv msg[%d]: %s\n", frame.length, frame.text.get());
+    Text json_text;
+    rc = split_frame(frame, &json_text);
+    if (rc != TAVRIX_OK) {
+        LOG_DEBUG("[tavrix_jrpc_router_mq_to_socket]: Error parse_msg, rc = %d\n", rc);
+        return rc;
+    }
+    LOG_VERBOSE("[tavrix_jrpc_router_mq_to_socket]: parse_msg json_msg[%d]: %s\n", length_of(json_text.get()),
+                json_text.get());
+    rc = tavrix_socket_send(client.get(), json_text.get());
+    if (rc != TAVRIX_OK) {
+        LOG_DEBUG("[tavrix_jrpc_router_mq_to_socket]: Error send, rc = %d\n", rc);
+    }
+    return rc;
+}
+
+int tavrix_jrpc_router_mq_extract_response(const int *sub_sock, json_t **response_out) {
+    constexpr char function[] = "tavrix_jrpc_router_mq_extract_response";
+    if (sub_sock == nullptr || response_out == nullptr) {
+        LOG_DEBUG("[%s]: NULL pointer!\n", function);
+        return TAVRIX_ERR_GENERAL;
+    }
+    Text json_text;
+    const int rc = receive_reply(*sub_sock, &json_text);
+    if (rc != TAVRIX_OK) {
+        return rc;
+    }
+    LOG_VERBOSE("[%s]: Recv: %s\n", function, json_text.get());
+    Json response = parse_object(json_text.get(), function);
+    if (!response) {
+        return TAVRIX_ERR_GENERAL;
+    }
+    *response_out = response.release();
+    return TAVRIX_OK;
+}
+
+int tavrix_jrpc_router_socket_dispatch_response(const int *client_sock, json_t *response) {
+    constexpr char function[] = "tavrix_jrpc_router_socket_dispatch_response";
+    if (client_sock == nullptr || response == nullptr) {
+        LOG_DEBUG("[%s]: NULL pointer!\n", function);
+        return TAVRIX_ERR_GENERAL;
+    }
+    const Text text(json_dumps(response, wire_flags));
+    if (!text) {
+        LOG_DEBUG("[%s]: Cannot decode JSON message\n", function); // "decode", for a rendering: meant
+        return TAVRIX_ERR_GENERAL;
+    }
+    LOG_VERBOSE("JSON response sent, of string length %d\n", length_of(text.get()));
+    LOG_VERBOSE("The JSON Request was:\n%s\n", text.get());
+    LOG_DEBUG("[%s]: Sending response over socket ...\n", function);
+    const int rc = tavrix_socket_send(client_sock, text.get());
+    if (rc != TAVRIX_OK) {
+        LOG_DEBUG("[tavrix_jrpc_router_mq_to_socket]: Error send, rc = %d\n", rc); // the one-call path's line: meant
+    }
+    return rc;
+}
+
+int tavrix_jrpc_router_eval_notification(json_t *notification, const tavrix_jrpc_method *table) {
+    constexpr char function[] = "tavrix_jrpc_router_eval_notification";
+    if (notification == nullptr || table == nullptr) {
+        LOG_ERROR("[%s]: NULL pointer!\n", function);
+        return TAVRIX_ERR_GENERAL;
+    }
+    json_t *params = nullptr;
+    const char *name = check_notification(notification, &params);
+    if (name == nullptr) {
+        return TAVRIX_ERR_GENERAL;
+    }
+    const tavrix_jrpc_method *found = find_method(table, name);
+    if (found == nullptr) {
+        LOG_WARNING("[%s]: No method handler found\n", function);
+        return TAVRIX_ERR_GENERAL;
+    }
+    Outcome dropped; // a notification has no reply
+    const int rc = run_handler(found->handler, params, &dropped);
+    if (rc != TAVRIX_OK) {
+        LOG_ERROR("[%s]: Failed method handler, rc = %d\n", function, rc);
+    }
+    return rc;
+}
+
+int tavrix_jrpc_router_create_system_lock_response(json_t *request, json_t **response_out) {
+    constexpr char function[] = "tavrix_jrpc_router_create_system_lock_response";
+    if (request == nullptr || response_out == nullptr) {
+        LOG_DEBUG("[%s]: NULL pointer!\n", function);
+        return TAVRIX_ERR_GENERAL;
+    }
+    *response_out = nullptr;
+    const json_t *id = json_object_get(request, "id");
+    if (id == nullptr) {
+        LOG_DEBUG("[%s]: No JSON id\n", function);
+        return TAVRIX_ERR_GENERAL;
+    }
+    if (!json_is_string(id)) {
+        LOG_DEBUG("[%s]: Invalid JSON method\n", function); // "method", for the id: meant
+        return TAVRIX_ERR_GENERAL;
+    }
+    *response_out = build_lock_response(json_string_value(id), json_object_get(request, "transaction_id")).release();
+    return *response_out != nullptr ? TAVRIX_OK : TAVRIX_ERR_GENERAL;
+}
+
+int tavrix_jrpc_router_create_system_timeout_response(const char *id, int transaction_id, json_t **response_out) {
+    if (id == nullptr || response_out == nullptr) {
+        LOG_DEBUG("[%s]: NULL pointer!\n", "tavrix_jrpc_router_create_system_timeout_response");
+        return TAVRIX_ERR_GENERAL;
+    }
+    *response_out = build_timeout_response(id, transaction_id).release();
+    return *response_out != nullptr ? TAVRIX_OK : TAVRIX_ERR_GENERAL;
+}

@@ -14,6 +14,9 @@
 extern "C" {
 #endif
 
+/** The longest statement text, in characters; what goes beyond is cut off without notice. */
+#define TAVRIX_SQL_MAX 1099
+
 TAVRIX_API int tavrix_sqlite3_prepare_sql(sqlite3 *db, sqlite3_stmt **stmt_out, const char *format, ...)
     TAVRIX_PRINTF(3, 4);
 TAVRIX_API int tavrix_sqlite3_prepare_sql_args(sqlite3 *db, sqlite3_stmt **stmt_out, const char *format, va_list args)

@@ -1,0 +1,769 @@
+/*
+ * Parameters of a method handler: typed parsers, validated field retrievers, composite inputs, and the one reply
+ * builder.
+ *
+ * Keeps no state. The first failure is explained in the caller's debug message; later ones leave it alone.
+ */
+#include "tavrix_jrpc_utils.h"
+
+#include <algorithm>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "internal/handles.h"
+#include "internal/log.h"
+#include "tavrix_error.h"
+#include "tavrix_jrpc_utils_internal.h"
+#include "tavrix_utils.h"
+#include "tavrix_validation.h"
+
+namespace {
+
+using tavrix::Json;
+
+constexpr char unit_name[] = "tavrix_jrpc_utils";
+
+constexpr size_t debug_text_size = 100;
+constexpr size_t number_text_size = 100;
+constexpr size_t option_text_size = 100;
+constexpr size_t mac_size = 20;
+constexpr int max_vlan_ids = 32;
+constexpr int max_listed_macs = 512;
+constexpr size_t max_alias_length = 8;
+constexpr char everything[] = "all";
+constexpr char no_mac[] = "none";
+
+// --- Debug message -------------------------------------------------------------------------------------------------
+
+/** Logs an explanation and stores it unless an earlier one stands there. */
+int explain(json_t **debug_message, const char *text) {
+    LOG_DEBUG("Sending debug message: %s\n", text);
+    if (*debug_message != nullptr) {
+        return TAVRIX_OK;
+    }
+    *debug_message = json_pack("{s:s}", "message", text);
+    return *debug_message != nullptr ? TAVRIX_OK : TAVRIX_ERR_JSON_RESPONSE;
+}
+
+// --- Types ---------------------------------------------------------------------------------------------------------
+
+/** What a parser accepts and says. The levels of a missing member differ: meant. */
+struct TypeRule {
+    const char *name;
+    bool (*accepts)(const json_t *value);
+    const char *announcement;
+    int absent_level;
+    const char *absent_text;
+    const char *wrong_type_text;
+};
+
+constexpr TypeRule bool_rule = {
+    "bool",
+    [](const json_t *value) { return json_is_boolean(value); },
+    "Parsing input bool for parameter: %s\n",
+    TAVRIX_LOG_WARNING,
+    "No parameter <%s> found\n",
+    "parameter <%s> is not a bool\n",
+};
+constexpr TypeRule string_rule = {
+    "string",
+    [](const json_t *value) { return json_is_string(value); },
+    "Parsing input string for parameter: %s\n",
+    TAVRIX_LOG_WARNING,
+    "No parameter by the name <%s> found\n",
+    "Given parameter <%s> is not a string\n",
+};
+constexpr TypeRule integer_rule = {
+    "integer",
+    [](const json_t *value) { return json_is_integer(value); },
+    "Parsing input integer for parameter: %s\n",
+    TAVRIX_LOG_ERROR,
+    "No parameter by the name <%s> found\n",
+    "Given parameter <%s> is not an integer\n",
+};
+constexpr TypeRule array_rule = {
+    "array",
+    [](const json_t *value) { return json_is_array(value); },
+    "Parsing input array for parameter: %s\n",
+    TAVRIX_LOG_ERROR,
+    "No parameter by the name <%s> found\n",
+    "The given parameter <%s> is supposed to be an array.\n",
+};
+
+/** Looks a member up and checks its type; the member, or null, is stored before the check. */
+int find_member(const TypeRule &rule, json_t *params, json_t **debug_message, const char *key, json_t **member) {
+    LOG_VERBOSE(rule.announcement, key);
+    *member = json_object_get(params, key);
+    if (*member == nullptr) {
+        TAVRIX_LOG_AT_(rule.absent_level, rule.absent_text, key);
+        static_cast<void>(tavrix_jrpc_utils_set_missing_param_message(debug_message, key));
+        return TAVRIX_ERR_PARAMETER_NOT_FOUND;
+    }
+    if (!rule.accepts(*member)) {
+        LOG_ERROR(rule.wrong_type_text, key);
+        static_cast<void>(tavrix_jrpc_utils_set_wrong_type_message(debug_message, key, rule.name));
+        return TAVRIX_ERR_INVALID_PARAMETER;
+    }
+    return TAVRIX_OK;
+}
+
+// --- Fields --------------------------------------------------------------------------------------------------------
+
+/** What a retriever of a text says and checks; it may rewrite the text. */
+struct TextRow {
+    const char *announcement;
+    int (*check)(char *text); ///< null: not validated
+    const char *success;
+};
+
+struct NumberRow {
+    const char *announcement;
+    int (*check)(int value); ///< null: not validated
+    const char *success;
+    int success_level;
+};
+
+template <int (*Validator)(const char *)>
+int checked(char *text) {
+    return Validator(text);
+}
+
+int format_mac_address(char *text) { return tavrix_validate_and_format_mac_addr_string(text); }
+
+enum TextRowId {
+    text_status,
+    text_description,
+    text_vlan_mode,
+    text_mzu_model,
+    text_mzu_sw_upgrade_filename,
+    text_mac_address,
+    text_unit_sw_bank,
+    text_ip_address,
+    text_unit_sw_upgrade_filename,
+    text_username,
+    text_password,
+    text_date,
+    text_time,
+    text_entity_name,
+    text_entity_extension,
+    text_row_count
+};
+
+constexpr TextRow text_rows[] = {
+    {"Retrieving status...\n", checked<validate_status>, "Retrieved and validated status: %s\n"},
+    {"Retrieving description...\n", checked<validate_description>, "Retrieved and validated description: %s\n"},
+    {"Retrieving vlan mode...\n", checked<validate_vlan_mode>, "Retrieved and validated vlan mode: %s\n"},
+    {"Retrieving mzu model...\n", checked<validate_mzu_model>, "Retrieved and validated mzu model: %s\n"},
+    {"Retrieving mzu sw upgrade filename...\n", checked<validate_mzu_sw_upgrade_filename>,
+     "Retrieved and validated mzu sw upgrade filename: %s\n"},
+    {"Retrieving mac address...\n", format_mac_address, "Retrieved and validated mac address: %s\n"},
+    {"Retrieving sw bank...\n", checked<validate_unit_sw_bank>, "Retrieved and validated sw bank: %s\n"},
+    {"Retrieving ip address...\n", checked<validate_ip_address>, "Retrieved and validated ip address: %s\n"},
+    {"Retrieving unit sw upgrade filename...\n", checked<validate_unit_sw_upgrade_filename>,
+     "Retrieved and validated unit sw upgrade filename: %s\n"},
+    {"Retrieving username...\n", checked<validate_username>, "Retrieved and validated username: %s\n"},
+    {"Retrieving password...\n", checked<validate_password>, "Retrieved and validated password: %s\n"},
+    // The password's lines: meant.
+    {"Retrieving password...\n", checked<validate_date>, "Retrieved and validated password: %s\n"},
+    {"Retrieving time...\n", checked<validate_time>, "Retrieved and validated time: %s\n"},
+    // Not validated, despite the wording: meant.
+    {"Retrieving entity name...\n", nullptr, "Retrieved and validated entity name: %s\n"},
+    {"Retrieving entity extension...\n", checked<validate_entity_extension>,
+     "Retrieved and validated entity extension: %s\n"},
+};
+static_assert(sizeof text_rows / sizeof text_rows[0] == text_row_count, "one row for each text retriever");
+
+enum NumberRowId {
+    number_vlan_id,
+    number_unit_id,
+    number_periodic_interval,
+    number_laser_id,
+    number_olt_id,
+    number_onu_id,
+    number_port_number,
+    number_port_link_speed,
+    number_enable,
+    number_row_count
+};
+
+constexpr NumberRow number_rows[] = {
+    {"Retrieving vlan id...\n", validate_vlan_id, "Retrieved and validated vlan id: %d\n", TAVRIX_LOG_DEBUG},
+    {"Retrieving unit id...\n", validate_unit_id, "Retrieved and validated unit id: %d\n", TAVRIX_LOG_DEBUG},
+    {"Retrieving periodic interval...\n", validate_periodic_interval, "Retrieved and validated periodic interval: %d\n",
+     TAVRIX_LOG_DEBUG},
+    // A verbose line where the others have a debug line: meant.
+    {"Retrieving laser_id...\n", validate_laser_id, "Retrieved and validated laser_id: %d\n", TAVRIX_LOG_VERBOSE},
+    {"Retrieving olt id...\n", validate_olt_id, "Retrieved and validated olt id: %d\n", TAVRIX_LOG_DEBUG},
+    {"Retrieving onu id...\n", validate_onu_id, "Retrieved and validated onu id: %d\n", TAVRIX_LOG_DEBUG},
+    {"Retrieving port number...\n", validate_port_number, "Retrieved and validated port_number: %d\n",
+     TAVRIX_LOG_DEBUG},
+    {"Retrieving port link speed...\n", validate_port_link_speed, "Retrieved and validated port link_speed: %d\n",
+     TAVRIX_LOG_DEBUG},
+    // Not validated: meant.
+    {"Retrieving enable...\n", nullptr, "Retrieved and enable value: %d\n", TAVRIX_LOG_DEBUG},
+};
+static_assert(sizeof number_rows / sizeof number_rows[0] == number_row_count, "one row for each number retriever");
+
+int retrieve_text(TextRowId id, json_t *params, json_t **debug_message, const char *key, char *out, size_t out_size) {
+    const TextRow &row = text_rows[id];
+    if (key == nullptr || out == nullptr || out_size == 0) {
+        return TAVRIX_ERR_PARAMETER;
+    }
+    LOG_VERBOSE("%s", row.announcement);
+    const int rc = tavrix_jrpc_utils_parse_input_string(params, debug_message, key, out, out_size);
+    if (rc != TAVRIX_OK) {
+        return rc;
+    }
+    if (row.check != nullptr && row.check(out) != 0) {
+        return TAVRIX_ERR_VALIDATION;
+    }
+    LOG_DEBUG(row.success, out);
+    return TAVRIX_OK;
+}
+
+int retrieve_number(NumberRowId id, json_t *params, json_t **debug_message, const char *key, int *out) {
+    const NumberRow &row = number_rows[id];
+    if (key == nullptr || out == nullptr) {
+        return TAVRIX_ERR_PARAMETER;
+    }
+    LOG_VERBOSE("%s", row.announcement);
+    const int rc = tavrix_jrpc_utils_parse_input_integer(params, debug_message, key, out);
+    if (rc != TAVRIX_OK) {
+        return rc;
+    }
+    if (row.check != nullptr && row.check(*out) != 0) {
+        return TAVRIX_ERR_VALIDATION;
+    }
+    TAVRIX_LOG_GUARDED_(row.success_level, row.success, *out);
+    return TAVRIX_OK;
+}
+
+/** The verdict on a port id by the port kinds that are allowed: 0, -13, -14 or -34. */
+int check_port_kinds(const char *value, bool allow_c_port, bool allow_d_port) {
+    if (allow_c_port && allow_d_port) {
+        return validate_port_id(value) == 0 ? TAVRIX_OK : TAVRIX_ERR_VALIDATION;
+    }
+    if (allow_c_port) {
+        return validate_c_port_id(value) == 0 ? TAVRIX_OK : TAVRIX_ERR_EXPECTED_C_PORT;
+    }
+    if (allow_d_port) {
+        return validate_d_port_id(value) == 0 ? TAVRIX_OK : TAVRIX_ERR_EXPECTED_D_PORT;
+    }
+    return TAVRIX_ERR_VALIDATION;
+}
+
+int check_port_id(const char *value, bool allow_all, bool allow_mzu_id, bool allow_c_port, bool allow_d_port) {
+    if (allow_all && std::strcmp(value, everything) == 0) {
+        return TAVRIX_OK;
+    }
+    const int rc = check_port_kinds(value, allow_c_port, allow_d_port);
+    if (rc == TAVRIX_OK || !allow_mzu_id) {
+        return rc;
+    }
+    // -15 whatever the port kinds gave: meant.
+    return validate_mzu_id(value) == 0 ? TAVRIX_OK : TAVRIX_ERR_EXPECTED_MZU;
+}
+
+// --- Records -------------------------------------------------------------------------------------------------------
+
+int element_count(const json_t *array) { return static_cast<int>(std::min<size_t>(json_array_size(array), INT_MAX)); }
+
+/** Reads one plain integer member of an array's element; the first failure stays. */
+struct ElementReader {
+    json_t *element;
+    json_t **debug_message;
+    bool ok;
+
+    int32_t integer(const char *key) {
+        int value = 0;
+        ok = ok && tavrix_jrpc_utils_parse_input_integer(element, debug_message, key, &value) == TAVRIX_OK;
+        return value;
+    }
+    void port_number(int32_t *out) {
+        ok =
+            ok && tavrix_jrpc_utils_retrieve_input_port_number(element, debug_message, "port_number", out) == TAVRIX_OK;
+    }
+    void vlan_ids(int32_t *ids, int32_t *count) {
+        ok = ok &&
+             tavrix_jrpc_utils_retrieve_input_vlan_ids(element, debug_message, "vlan_ids", ids, count) == TAVRIX_OK;
+    }
+};
+
+bool read_port(json_t *element, json_t **debug_message, tavrix_port_input *record) {
+    ElementReader reader{element, debug_message, true};
+    reader.port_number(&record->port_number);
+    const int32_t port_status = reader.integer("port_status");
+    const int32_t poe_status = reader.integer("poe_status");
+    const int32_t link_status = reader.integer("link_status");
+    const int32_t link_speed = reader.integer("link_speed");
+    const int32_t vlan_mode = reader.integer("vlan_mode");
+    reader.vlan_ids(record->vlan_ids, &record->vlan_count);
+    if (!reader.ok) {
+        return false;
+    }
+    record->port_status = port_status;
+    record->poe_status = poe_status;
+    record->link_status = link_status;
+    record->link_speed = link_speed;
+    record->vlan_mode = vlan_mode;
+    return true;
+}
+
+bool read_port_hardware(json_t *element, json_t **debug_message, tavrix_port_hardware_input *record) {
+    ElementReader reader{element, debug_message, true};
+    reader.port_number(&record->port_number);
+    const int32_t poe_status = reader.integer("poe_status");
+    const int32_t link_status = reader.integer("link_status");
+    const int32_t link_speed = reader.integer("link_speed");
+    if (!reader.ok) {
+        return false;
+    }
+    record->poe_status = poe_status;
+    record->link_status = link_status;
+    record->link_speed = link_speed;
+    return true;
+}
+
+int read_mac_filter(json_t *element, json_t **debug_message, tavrix_mac_filter *filter) {
+    if (element == nullptr) {
+        return TAVRIX_ERR_INVALID_PARAMETER;
+    }
+    const int rc =
+        tavrix_jrpc_utils_retrieve_input_mac_address(element, debug_message, "mac", filter->mac, sizeof filter->mac);
+    if (rc != TAVRIX_OK) {
+        return rc;
+    }
+    return tavrix_jrpc_utils_retrieve_input_mac_address(element, debug_message, "mask", filter->mask,
+                                                        sizeof filter->mask);
+}
+
+} // namespace
+
+// --- Debug message -------------------------------------------------------------------------------------------------
+
+int tavrix_jrpc_utils_set_missing_param_message(json_t **debug_message, const char *key) {
+    if (debug_message == nullptr) {
+        return TAVRIX_ERR_NULL_INPUT;
+    }
+    char text[debug_text_size];
+    static_cast<void>(std::snprintf(text, sizeof text, "Missing expected parameter: '%s'", key));
+    return explain(debug_message, text);
+}
+
+int tavrix_jrpc_utils_set_wrong_type_message(json_t **debug_message, const char *key, const char *type_name) {
+    if (debug_message == nullptr) {
+        return TAVRIX_ERR_NULL_INPUT;
+    }
+    char text[debug_text_size];
+    static_cast<void>(std::snprintf(text, sizeof text, "Parameter '%s' is not of type '%s'.", key, type_name));
+    return explain(debug_message, text);
+}
+
+// --- Typed parsers -------------------------------------------------------------------------------------------------
+
+int tavrix_jrpc_utils_parse_input_bool(json_t *params, json_t **debug_message, const char *key, json_t **out) {
+    if (key == nullptr || out == nullptr) {
+        return TAVRIX_ERR_PARAMETER;
+    }
+    return find_member(bool_rule, params, debug_message, key, out);
+}
+
+int tavrix_jrpc_utils_parse_input_array(json_t *params, json_t **debug_message, const char *key, json_t **out) {
+    if (key == nullptr || out == nullptr) {
+        return TAVRIX_ERR_PARAMETER;
+    }
+    return find_member(array_rule, params, debug_message, key, out);
+}
+
+int tavrix_jrpc_utils_parse_input_string(json_t *params, json_t **debug_message, const char *key, char *out,
+                                         size_t out_size) {
+    if (key == nullptr || out == nullptr) {
+        return TAVRIX_ERR_PARAMETER;
+    }
+    json_t *member = nullptr;
+    const int rc = find_member(string_rule, params, debug_message, key, &member);
+    if (rc != TAVRIX_OK) {
+        return rc;
+    }
+    std::memset(out, 0, out_size);
+    static_cast<void>(std::snprintf(out, out_size, "%s", json_string_value(member)));
+    LOG_VERBOSE("Parsed %s: %s\n", key, out_size > 0 ? out : "");
+    return TAVRIX_OK;
+}
+
+int tavrix_jrpc_utils_parse_input_integer(json_t *params, json_t **debug_message, const char *key, int *out) {
+    if (key == nullptr || out == nullptr) {
+        return TAVRIX_ERR_PARAMETER;
+    }
+    json_t *member = nullptr;
+    const int rc = find_member(integer_rule, params, debug_message, key, &member);
+    if (rc != TAVRIX_OK) {
+        return rc;
+    }
+    *out = static_cast<int32_t>(static_cast<uint32_t>(json_integer_value(member))); // the low 32 bits: meant
+    LOG_VERBOSE("Parsed %s: %d\n", key, *out);
+    return TAVRIX_OK;
+}
+
+int tavrix_jrpc_utils_parse_input_uint64_t(json_t *params, json_t **debug_message, const char *key, uint64_t *out) {
+    if (key == nullptr || out == nullptr) {
+        return TAVRIX_ERR_PARAMETER;
+    }
+    char text[number_text_size] = "";
+    const int rc = tavrix_jrpc_utils_parse_input_string(params, debug_message, key, text, sizeof text);
+    if (rc == TAVRIX_OK) {
+        *out = std::strtoull(text, nullptr, 0); // what is no number reads as 0: meant
+    }
+    return rc;
+}
+
+int tavrix_jrpc_utils_parse_input_float(json_t *params, json_t **debug_message, const char *key, float *out) {
+    if (key == nullptr || out == nullptr) {
+        return TAVRIX_ERR_PARAMETER;
+    }
+    char text[number_text_size] = "";
+    const int rc = tavrix_jrpc_utils_parse_input_string(params, debug_message, key, text, sizeof text);
+    if (rc == TAVRIX_OK) {
+        *out = static_cast<float>(std::atof(text)); // what is no number reads as 0: meant
+    }
+    return rc;
+}
+
+// --- Field retrievers ----------------------------------------------------------------------------------------------
+
+int tavrix_jrpc_utils_retrieve_input_status(json_t *params, json_t **debug_message, const char *key, char *out,
+                                            size_t out_size) {
+    return retrieve_text(text_status, params, debug_message, key, out, out_size);
+}
+
+int tavrix_jrpc_utils_retrieve_input_description(json_t *params, json_t **debug_message, const char *key, char *out,
+                                                 size_t out_size) {
+    return retrieve_text(text_description, params, debug_message, key, out, out_size);
+}
+
+int tavrix_jrpc_utils_retrieve_input_vlan_mode(json_t *params, json_t **debug_message, const char *key, char *out,
+                                               size_t out_size) {
+    return retrieve_text(text_vlan_mode, params, debug_message, key, out, out_size);
+}
+
+int tavrix_jrpc_utils_retrieve_input_mzu_model(json_t *params, json_t **debug_message, const char *key, char *out,
+                                               size_t out_size) {
+    return retrieve_text(text_mzu_model, params, debug_message, key, out, out_size);
+}
+
+int tavrix_jrpc_utils_retrieve_input_mzu_sw_upgrade_filename(json_t *params, json_t **debug_message, const char *key,
+                                                             char *out, size_t out_size) {
+    return retrieve_text(text_mzu_sw_upgrade_filename, params, debug_message, key, out, out_size);
+}
+
+int tavrix_jrpc_utils_retrieve_input_mac_address(json_t *params, json_t **debug_message, const char *key, char *out,
+                                                 size_t out_size) {
+    return retrieve_text(text_mac_address, params, debug_message, key, out, out_size);
+}
+
+int tavrix_jrpc_utils_retrieve_input_unit_sw_bank(json_t *params, json_t **debug_message, const char *key, char *out,
+                                                  size_t out_size) {
+    return retrieve_text(text_unit_sw_bank, params, debug_message, key, out, out_size);
+}
+
+int tavrix_jrpc_utils_retrieve_input_ip_address(json_t *params, json_t **debug_message, const char *key, char *out,
+                                                size_t out_size) {
+    return retrieve_text(text_ip_address, params, debug_message, key, out, out_size);
+}
+
+int tavrix_jrpc_utils_retrieve_input_unit_sw_upgrade_filename(json_t *params, json_t **debug_message, const char *key,
+                                                              char *out, size_t out_size) {
+    return retrieve_text(text_unit_sw_upgrade_filename, params, debug_message, key, out, out_size);
+}
+
+int tavrix_jrpc_utils_retrieve_input_username(json_t *params, json_t **debug_message, const char *key, char *out,
+                                              size_t out_size) {
+    return retrieve_text(text_username, params, debug_message, key, out, out_size);
+}
+
+int tavrix_jrpc_utils_retrieve_input_password(json_t *params, json_t **debug_message, const char *key, char *out,
+                                              size_t out_size) {
+    return retrieve_text(text_password, params, debug_message, key, out, out_size);
+}
+
+int tavrix_jrpc_utils_retrieve_input_date(json_t *params, json_t **debug_message, const char *key, char *out,
+                                          size_t out_size) {
+    return retrieve_text(text_date, params, debug_message, key, out, out_size);
+}
+
+int tavrix_jrpc_utils_retrieve_input_time(json_t *params, json_t **debug_message, const char *key, char *out,
+                                          size_t out_size) {
+    return retrieve_text(text_time, params, debug_message, key, out, out_size);
+}
+
+int tavrix_jrpc_utils_retrieve_input_entity_name(json_t *params, json_t **debug_message, const char *key, char *out,
+                                                 size_t out_size) {
+    return retrieve_text(text_entity_name, params, debug_message, key, out, out_size);
+}
+
+int tavrix_jrpc_utils_retrieve_input_entity_extension(json_t *params, json_t **debug_message, const char *key,
+                                                      char *out, size_t out_size) {
+    return retrieve_text(text_entity_extension, params, debug_message, key, out, out_size);
+}
+
+int tavrix_jrpc_utils_retrieve_input_vlan_id(json_t *params, json_t **debug_message, const char *key, int *out) {
+    return retrieve_number(number_vlan_id, params, debug_message, key, out);
+}
+
+int tavrix_jrpc_utils_retrieve_input_unit_id(json_t *params, json_t **debug_message, const char *key, int *out) {
+    return retrieve_number(number_unit_id, params, debug_message, key, out);
+}
+
+int tavrix_jrpc_utils_retrieve_input_periodic_interval(json_t *params, json_t **debug_message, const char *key,
+                                                       int *out) {
+    return retrieve_number(number_periodic_interval, params, debug_message, key, out);
+}
+
+int tavrix_jrpc_utils_retrieve_input_laser_id(json_t *params, json_t **debug_message, const char *key, int *out) {
+    return retrieve_number(number_laser_id, params, debug_message, key, out);
+}
+
+int tavrix_jrpc_utils_retrieve_input_olt_id(json_t *params, json_t **debug_message, const char *key, int *out) {
+    return retrieve_number(number_olt_id, params, debug_message, key, out);
+}
+
+int tavrix_jrpc_utils_retrieve_input_onu_id(json_t *params, json_t **debug_message, const char *key, int *out) {
+    return retrieve_number(number_onu_id, params, debug_message, key, out);
+}
+
+int tavrix_jrpc_utils_retrieve_input_port_number(json_t *params, json_t **debug_message, const char *key, int *out) {
+    return retrieve_number(number_port_number, params, debug_message, key, out);
+}
+
+int tavrix_jrpc_utils_retrieve_input_port_link_speed(json_t *params, json_t **debug_message, const char *key,
+                                                     int *out) {
+    return retrieve_number(number_port_link_speed, params, debug_message, key, out);
+}
+
+int tavrix_jrpc_utils_retrieve_input_enable(json_t *params, json_t **debug_message, const char *key, int *out) {
+    return retrieve_number(number_enable, params, debug_message, key, out);
+}
+
+int tavrix_jrpc_utils_retrieve_input_port_id(json_t *params, json_t **debug_message, const char *key, char *out,
+                                             size_t out_size, bool allow_all, bool allow_mzu_id, bool allow_c_port,
+                                             bool allow_d_port) {
+    if (key == nullptr || out == nullptr || out_size == 0) {
+        return TAVRIX_ERR_PARAMETER;
+    }
+    LOG_VERBOSE("Retrieving port id...\n");
+    int rc = tavrix_jrpc_utils_parse_input_string(params, debug_message, key, out, out_size);
+    if (rc == TAVRIX_OK) {
+        rc = check_port_id(out, allow_all, allow_mzu_id, allow_c_port, allow_d_port);
+    }
+    if (rc == TAVRIX_OK) {
+        LOG_DEBUG("Retrieved and validated port id: %s\n", out);
+    }
+    return rc;
+}
+
+int tavrix_jrpc_utils_retrieve_input_mzu_id(json_t *params, json_t **debug_message, const char *key, char *out,
+                                            size_t out_size, bool allow_all) {
+    if (key == nullptr || out == nullptr || out_size == 0) {
+        return TAVRIX_ERR_PARAMETER;
+    }
+    LOG_VERBOSE("Retrieving mzu id...\n");
+    const int rc = tavrix_jrpc_utils_parse_input_string(params, debug_message, key, out, out_size);
+    if (rc != TAVRIX_OK) {
+        return rc;
+    }
+    const bool is_all = allow_all && std::strcmp(out, everything) == 0;
+    if (!is_all && validate_mzu_id(out) != 0) {
+        return TAVRIX_ERR_VALIDATION;
+    }
+    LOG_DEBUG("Retrieved and validated mzu id: %s\n", out);
+    return TAVRIX_OK;
+}
+
+int tavrix_jrpc_utils_retrieve_input_vlan_ids(json_t *params, json_t ** /*debug_message*/, const char *key, int *ids,
+                                              int *count) {
+    if (key == nullptr || ids == nullptr || count == nullptr) {
+        return TAVRIX_ERR_PARAMETER;
+    }
+    // No announcement and no debug message on any path: meant.
+    const json_t *list = json_object_get(params, key);
+    if (list == nullptr) {
+        LOG_ERROR("Failed, vlan ID is null.\n");
+        return TAVRIX_ERR_PARAMETER_NOT_FOUND;
+    }
+    *count = element_count(list); // 0 for what is no array: meant
+    if (*count > max_vlan_ids) {
+        return TAVRIX_ERR_TOO_MANY_VLAN_IDS;
+    }
+    for (int i = 0; i < *count; ++i) {
+        const json_t *element = json_array_get(list, static_cast<size_t>(i));
+        const json_int_t value = json_integer_value(element); // 0 for what is no integer: meant
+        const int vlan_id = static_cast<int32_t>(static_cast<uint32_t>(value));
+        if (element == nullptr || validate_vlan_id(vlan_id) != 0) {
+            return TAVRIX_ERR_INVALID_PARAMETER; // not -34: meant
+        }
+        ids[i] = vlan_id;
+    }
+    return TAVRIX_OK;
+}
+
+// --- Composite inputs ----------------------------------------------------------------------------------------------
+
+int tavrix_jrpc_utils_retrieve_input_ports(json_t *params, json_t **debug_message, const char *key,
+                                           tavrix_port_input *records, int *count, int max) {
+    if (key == nullptr || records == nullptr || count == nullptr) {
+        return TAVRIX_ERR_PARAMETER;
+    }
+    LOG_VERBOSE("Retrieving ports input...\n");
+    json_t *list = nullptr;
+    const int rc = tavrix_jrpc_utils_parse_input_array(params, debug_message, key, &list);
+    if (rc != TAVRIX_OK) {
+        return rc;
+    }
+    *count = std::min(element_count(list), max);
+    for (int i = 0; i < *count; ++i) {
+        LOG_VERBOSE("Retrieving port #%d...\n", i);
+        if (!read_port(json_array_get(list, static_cast<size_t>(i)), debug_message, &records[i])) {
+            return TAVRIX_ERR_PARAMETER; // whatever the inner status was: meant
+        }
+    }
+    LOG_VERBOSE("Successfully retrieved %d ports.\n", *count);
+    return TAVRIX_OK;
+}
+
+int tavrix_jrpc_utils_retrieve_input_ports_hardware(json_t *params, json_t **debug_message, const char *key,
+                                                    tavrix_port_hardware_input *records, int *count, int max) {
+    if (key == nullptr || records == nullptr || count == nullptr) {
+        return TAVRIX_ERR_PARAMETER;
+    }
+    LOG_VERBOSE("Retrieving ports hardware input...\n");
+    json_t *list = nullptr;
+    const int rc = tavrix_jrpc_utils_parse_input_array(params, debug_message, key, &list);
+    if (rc != TAVRIX_OK) {
+        return rc;
+    }
+    *count = std::min(element_count(list), max);
+    for (int i = 0; i < *count; ++i) {
+        LOG_VERBOSE("Retrieving port hardware #%d...\n", i);
+        if (!read_port_hardware(json_array_get(list, static_cast<size_t>(i)), debug_message, &records[i])) {
+            return TAVRIX_ERR_PARAMETER; // whatever the inner status was: meant
+        }
+    }
+    LOG_VERBOSE("Successfully retrieved %d ports hardware.\n", *count);
+    return TAVRIX_OK;
+}
+
+int tavrix_jrpc_utils_retrieve_input_mac_filters(json_t *params, json_t **debug_message, const char *key,
+                                                 tavrix_mac_filter **filters, int *count, int first, int second) {
+    if (tavrix_check_for_null(5, params, debug_message, key, filters, count) != TAVRIX_OK) {
+        return TAVRIX_ERR_NULL_INPUT;
+    }
+    LOG_VERBOSE("jrpc utils input mac filters\n");
+    json_t *list = nullptr;
+    const int rc = tavrix_jrpc_utils_parse_input_array(params, debug_message, key, &list);
+    if (rc != TAVRIX_OK) {
+        return rc;
+    }
+    *count = element_count(list);
+    // One element even for an empty list: meant, the caller always has something to free.
+    const size_t allocated = static_cast<size_t>(std::max(*count, 1));
+    std::unique_ptr<tavrix_mac_filter, tavrix::FreeMemory> owner(
+        static_cast<tavrix_mac_filter *>(std::calloc(allocated, sizeof(tavrix_mac_filter))));
+    if (!owner) {
+        return TAVRIX_ERR_NO_MEMORY;
+    }
+    tavrix_mac_filter *records = owner.get();
+    for (size_t i = 0; i < allocated; ++i) {
+        const int status =
+            *count == 0 ? TAVRIX_OK : read_mac_filter(json_array_get(list, i), debug_message, &records[i]);
+        if (status != TAVRIX_OK) {
+            return status;
+        }
+        records[i].first = first;
+        records[i].second = second;
+    }
+    *filters = owner.release();
+    return TAVRIX_OK;
+}
+
+int tavrix_jrpc_utils_retrieve_input_macaddr_allowed(json_t *params, json_t **debug_message, const char *key, char *out,
+                                                     size_t out_size) {
+    if (key == nullptr || out == nullptr || out_size == 0) {
+        return TAVRIX_ERR_PARAMETER;
+    }
+    LOG_VERBOSE("Retrieving mac address...\n");
+    const int rc = tavrix_jrpc_utils_parse_input_string(params, debug_message, key, out, out_size);
+    if (rc != TAVRIX_OK || std::strcmp(out, no_mac) == 0) {
+        return rc; // without a success line for "none": meant
+    }
+    if (tavrix_validate_and_format_mac_addr_string(out) != TAVRIX_OK) {
+        return TAVRIX_ERR_VALIDATION;
+    }
+    LOG_DEBUG("Retrieved and validated mac address allowed: %s\n", out);
+    return TAVRIX_OK;
+}
+
+int tavrix_jrpc_utils_retrieve_input_alias(json_t *params, json_t **debug_message, const char *key, char *out,
+                                           size_t out_size) {
+    if (key == nullptr || out == nullptr || out_size == 0) {
+        return TAVRIX_ERR_PARAMETER;
+    }
+    LOG_VERBOSE("Retrieving alias\n");
+    const int rc = tavrix_jrpc_utils_parse_input_string(params, debug_message, key, out, out_size);
+    if (rc != TAVRIX_OK) {
+        return rc;
+    }
+    if (std::strlen(out) > max_alias_length) {
+        if (debug_message != nullptr) {
+            json_decref(*debug_message); // the one message that replaces an earlier one: meant
+            *debug_message = json_pack("{s:s}", "message", "Alias must be 8 characters or fewer.");
+        }
+        return TAVRIX_ERR_VALIDATION;
+    }
+    static_cast<void>(tavrix_str_to_upper(out));
+    LOG_DEBUG("Retrieved and validated alias: %s\n", out);
+    return TAVRIX_OK;
+}
+
+int tavrix_jrpc_utils_parse_input_secure_option(json_t *params, json_t **debug_message, const char *key, int *out) {
+    if (key == nullptr || out == nullptr) {
+        LOG_ERROR("tavrix_jrpc_utils_parse_input_secure_option received NULL input"); // without a line end: meant
+        return TAVRIX_ERR_INVALID_PARAMETER;
+    }
+    char word[option_text_size] = "";
+    if (tavrix_jrpc_utils_parse_input_string(params, debug_message, key, word, sizeof word) != TAVRIX_OK) {
+        return TAVRIX_ERR_INVALID_PARAMETER; // not the parser's own status: meant
+    }
+    LOG_CONFIG("Vaultline - %s: <%s>\n", key, word);
+    if (tavrix_str_to_enum(out, word, tavrix_secure_option_strings) != TAVRIX_OK) {
+        LOG_ERROR("Invalid parameter <%s> for field: <%s>\n", word, key);
+        return TAVRIX_ERR_INVALID_PARAMETER;
+    }
+    return TAVRIX_OK;
+}
+
+int tavrix_jrpc_utils_populate_json_mac_addresses_array(json_t **array, char (*macs)[20], int count) {
+    if (array == nullptr || (macs == nullptr && count != 0)) {
+        return TAVRIX_ERR_NULL_INPUT;
+    }
+    *array = nullptr;
+    Json list(json_array());
+    if (!list) {
+        LOG_ERROR("Unable to create JSON array for MAC addresses\n");
+        return TAVRIX_ERR_NO_MEMORY;
+    }
+    for (int i = 0; i < count && i < max_listed_macs; ++i) {
+        Json entry(json_stringn(macs[i], strnlen(macs[i], mac_size)));
+        if (!entry) {
+            LOG_WARNING("Failed to create JSON object for MAC address %d\n", i);
+            break; // what was listed so far is the answer: meant
+        }
+        if (json_array_append(list.get(), entry.get()) != 0) {
+            LOG_ERROR("Failed to append MAC address %d to array\n", i);
+            return TAVRIX_ERR_GENERAL;
+        }
+    }
+    *array = list.release();
+    return TAVRIX_OK;
+}

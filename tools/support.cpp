@@ -1,0 +1,99 @@
+#include "support.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdarg>
+#include <cstdio>
+#include <iostream>
+#include <iterator>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace tavrixctl {
+
+namespace {
+
+FILE *diagnostics = stderr;
+
+} // namespace
+
+int Deadline::left_ms() const {
+    const std::chrono::duration<double, std::milli> left = end_ - std::chrono::steady_clock::now();
+    return left.count() <= 0 ? 0 : static_cast<int>(std::ceil(std::min(left.count(), 1e9)));
+}
+
+void silence_library_log() {
+    const int terminal = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    FILE *stream = terminal < 0 ? nullptr : fdopen(terminal, "w");
+    const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    if (stream == nullptr || nowhere < 0) {
+        return;
+    }
+    setvbuf(stream, nullptr, _IOLBF, 0);
+    dup2(nowhere, STDERR_FILENO);
+    close(nowhere);
+    diagnostics = stream;
+}
+
+void complain(const char *format, ...) {
+    va_list args;
+    va_start(args, format);
+    std::fputs("tavrixctl: ", diagnostics);
+    std::vfprintf(diagnostics, format, args);
+    std::fputc('\n', diagnostics);
+    va_end(args);
+}
+
+std::string text_or_stdin(const std::string &text) {
+    if (text != "-") {
+        return text;
+    }
+    return std::string(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
+}
+
+Json parse_params(const std::string &text, bool *valid) {
+    *valid = true;
+    if (text.empty()) {
+        return nullptr;
+    }
+    const std::string source = text_or_stdin(text);
+    json_error_t error;
+    Json params(json_loadb(source.data(), source.size(), JSON_REJECT_DUPLICATES | JSON_DECODE_ANY, &error));
+    if (!params) {
+        complain("PARAMS is no JSON: line %d, column %d: %s", error.line, error.column, error.text);
+        *valid = false;
+    } else if (!json_is_object(params.get())) {
+        complain("PARAMS has to be a JSON object");
+        *valid = false;
+        params.reset();
+    }
+    return params;
+}
+
+Json make_request(const std::string &method, Json params, const std::string &id) {
+    Json request(json_pack("{s:s, s:s}", "jsonrpc", "2.0", "method", method.c_str()));
+    if (request && !id.empty()) {
+        json_object_set_new(request.get(), "id", json_string(id.c_str()));
+    }
+    if (request && params) {
+        json_object_set(request.get(), "params", params.get());
+    }
+    return request;
+}
+
+std::string render(const json_t *value, JsonStyle style) {
+    const bool pretty = style == JsonStyle::pretty || (style == JsonStyle::automatic && isatty(STDOUT_FILENO) != 0);
+    const Text text(json_dumps(value, JSON_ENCODE_ANY | (pretty ? JSON_INDENT(2) : JSON_COMPACT)));
+    return text ? text.get() : "";
+}
+
+bool print_line(const std::string &line) {
+    if (std::printf("%s\n", line.c_str()) < 0 || std::fflush(stdout) != 0) {
+        complain("cannot write to standard output");
+        return false;
+    }
+    return true;
+}
+
+} // namespace tavrixctl

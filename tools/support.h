@@ -1,0 +1,66 @@
+/**
+ * What the verbs share: deadlines, JSON in and out, diagnostics.
+ */
+#ifndef TAVRIX_TOOLS_SUPPORT_H
+#define TAVRIX_TOOLS_SUPPORT_H
+
+#include <chrono>
+#include <memory>
+#include <string>
+
+#include <jansson.h>
+
+#include "verbs.h"
+
+namespace tavrixctl {
+
+struct DropReference {
+    void operator()(json_t *value) const { json_decref(value); }
+};
+using Json = std::unique_ptr<json_t, DropReference>;
+
+struct FreeMemory {
+    void operator()(char *memory) const { free(memory); }
+};
+using Text = std::unique_ptr<char, FreeMemory>;
+
+/** A point in time to wait until. */
+class Deadline {
+  public:
+    explicit Deadline(double seconds)
+        : end_(std::chrono::steady_clock::now() + std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+                                                      std::chrono::duration<double>(seconds))) {}
+    /** Milliseconds left, rounded up, never below 0; fits poll. */
+    int left_ms() const;
+    bool passed() const { return left_ms() == 0; }
+
+  private:
+    std::chrono::steady_clock::time_point end_;
+};
+
+/**
+ * Keeps the library's log lines off the terminal: standard error is the logger's, so diagnostics get a stream of their
+ * own and the logger's output goes nowhere.
+ */
+void silence_library_log();
+
+/** Prints "tavrixctl: ..." as a diagnostic. */
+void complain(const char *format, ...) __attribute__((format(printf, 1, 2)));
+
+/** The text itself, or all of standard input when it is "-". */
+std::string text_or_stdin(const std::string &text);
+
+/** A request's "params": null for none. On bad input complains and sets `*valid` to false. */
+Json parse_params(const std::string &text, bool *valid);
+
+/** A JSON-RPC 2.0 request or, with an empty id, a notification. */
+Json make_request(const std::string &method, Json params, const std::string &id);
+
+std::string render(const json_t *value, JsonStyle style);
+
+/** Writes one line to standard output; false when it could not be written. */
+bool print_line(const std::string &line);
+
+} // namespace tavrixctl
+
+#endif

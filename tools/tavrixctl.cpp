@@ -1,0 +1,281 @@
+/*
+ * tavrixctl: the command line of the middleware. Sends requests, watches the bus, explains codes.
+ *
+ * This file holds the command line only; the verbs are in verb_*.cpp.
+ */
+#include <functional>
+#include <iostream>
+
+#include <CLI/CLI.hpp>
+
+#include "support.h"
+#include "verbs.h"
+
+namespace {
+
+using namespace tavrixctl;
+
+constexpr char version_text[] = "tavrixctl " TAVRIX_VERSION;
+constexpr char json_help[] = "Print JSON on several lines (pretty) or on one (short); default: pretty on a terminal";
+constexpr char params_help[] = "A JSON object, or - to read it from standard input";
+
+constexpr char general_footer[] = R"(examples:
+  tavrixctl call ports.Get '{"port_id":"c1-1"}'
+  tavrixctl monitor tcp://127.0.0.1:7001 tcp://127.0.0.1:7002
+  tavrixctl error -35
+
+exit status: 0 result, 1 error response or rejected value, 2 usage, 3 time-out, 4 no connection)";
+
+/** Everything a run can be asked for, and the verb that was chosen. */
+struct CommandLine {
+    CallOptions call;
+    SendOptions send;
+    MonitorOptions monitor;
+    PushOptions push;
+    WaitOptions wait;
+    LogLevelOptions log_level;
+    ShmOptions shm;
+    int error_code = 0;
+    std::string field;
+    std::vector<std::string> values;
+    std::string shell;
+    std::vector<std::string> words;
+    bool show_log = false;
+    std::function<int()> run;
+};
+
+CLI::App *add_verb(CLI::App &app, const std::string &name, const std::string &what, const std::string &examples) {
+    CLI::App *verb = app.add_subcommand(name, what);
+    verb->footer("examples:\n" + examples);
+    verb->set_version_flag("--version", version_text);
+    return verb;
+}
+
+void add_target(CLI::App *verb, Target *target, bool with_direct) {
+    verb->add_option("--socket", target->socket_path, "The router's unix socket")
+        ->envname("TAVRIX_SOCKET")
+        ->default_val("/run/tavrix/router.sock");
+    CLI::Option *tcp = verb->add_option("--tcp", target->tcp, "The router's TCP socket, as HOST:PORT");
+    if (with_direct) {
+        verb->add_option("--direct", target->direct, "A daemon's own unix socket server instead of the router")
+            ->excludes(tcp);
+    }
+}
+
+void add_timeout(CLI::App *verb, double *timeout_s) {
+    verb->add_option("--timeout", *timeout_s, "Seconds to wait at most")
+        ->check(CLI::Range(0.001, 1e6))
+        ->capture_default_str();
+}
+
+void add_json(CLI::App *verb, JsonStyle *style) {
+    const auto store = [style](const std::string &word) {
+        *style = word == "pretty" ? JsonStyle::pretty : JsonStyle::single_line;
+    };
+    verb->add_option_function<std::string>("--json", store, json_help)->check(CLI::IsMember({"pretty", "short"}));
+}
+
+void add_call(CLI::App &app, CommandLine *line) {
+    CLI::App *verb =
+        add_verb(app, "call", "Send one request and print the reply",
+                 "  tavrixctl call ports.Get '{\"port_id\":\"all\"}'\n"
+                 "  echo '{\"port_id\":\"c1-1\",\"status\":\"enable\"}' | tavrixctl call ports.SetEnabled -\n"
+                 "  tavrixctl call --direct /run/tavrix/events.sock events.Last");
+    CallOptions &options = line->call;
+    verb->add_option("METHOD", options.method, "Method name, for example ports.Get")->required();
+    verb->add_option("PARAMS", options.params, params_help);
+    verb->add_option("--id", options.id, "The request's id")->default_val("tavrixctl");
+    verb->add_option("--transaction", options.transaction_id, "The request's transaction id; default: a fresh number");
+    verb->add_flag("--notification", options.notification, "Send no id; no answer is expected");
+    add_target(verb, &options.target, true);
+    add_timeout(verb, &options.timeout_s);
+    add_json(verb, &options.json);
+    verb->callback([line] { line->run = [line] { return call(line->call); }; });
+}
+
+void add_send(CLI::App &app, CommandLine *line) {
+    CLI::App *verb = add_verb(app, "send", "Send a text as it stands and print the reply",
+                              "  tavrixctl send '{\"jsonrpc\":\"2.0\",\"method\":\"ports.Get\",\"id\":7}'");
+    SendOptions &options = line->send;
+    verb->add_option("TEXT", options.text, "What to send, or - to read it from standard input")->required();
+    add_target(verb, &options.target, true);
+    add_timeout(verb, &options.timeout_s);
+    add_json(verb, &options.json);
+    verb->callback([line] { line->run = [line] { return send(line->send); }; });
+}
+
+void add_monitor(CLI::App &app, CommandLine *line) {
+    CLI::App *verb = add_verb(app, "monitor", "Print every bus frame with time, channel and JSON",
+                              "  tavrixctl monitor tcp://127.0.0.1:7001 tcp://127.0.0.1:7002\n"
+                              "  tavrixctl monitor tcp://127.0.0.1:7002 --channel events");
+    MonitorOptions &options = line->monitor;
+    verb->add_option("ADDRESS", options.addresses, "Publish addresses to connect to")->required()->expected(1, 64);
+    verb->add_option("--channel", options.channels, "Only channels that begin so; may be repeated")->expected(1);
+    verb->add_option("--count", options.count, "End after so many frames");
+    add_json(verb, &options.json);
+    verb->callback([line] { line->run = [line] { return monitor(line->monitor); }; });
+}
+
+void add_push(CLI::App &app, CommandLine *line) {
+    CLI::App *verb = add_verb(app, "push", "Send a one-way request to a daemon's pull socket",
+                              "  tavrixctl push tcp://127.0.0.1:7003 events.Report '{\"text\":\"door open\"}'");
+    PushOptions &options = line->push;
+    verb->add_option("ADDRESS", options.address, "Address of the pull socket")->required();
+    verb->add_option("METHOD", options.method, "Method name")->required();
+    verb->add_option("PARAMS", options.params, params_help);
+    add_timeout(verb, &options.timeout_s);
+    verb->callback([line] { line->run = [line] { return push(line->push); }; });
+}
+
+void add_wait(CLI::App &app, CommandLine *line) {
+    CLI::App *verb = add_verb(app, "wait", "Wait for a notification on the bus and print it",
+                              "  tavrixctl wait events.LinkChanged tcp://127.0.0.1:7002");
+    WaitOptions &options = line->wait;
+    verb->add_option("METHOD", options.method, "The notification's method name")->required();
+    verb->add_option("ADDRESS", options.address, "Publish address to connect to")->required();
+    verb->add_option("--channel", options.channel, "Only channels that begin so");
+    add_timeout(verb, &options.timeout_s);
+    add_json(verb, &options.json);
+    verb->callback([line] { line->run = [line] { return wait(line->wait); }; });
+}
+
+void add_error(CLI::App &app, CommandLine *line) {
+    CLI::App *verb = add_verb(app, "error", "Explain a status or a JSON-RPC error code",
+                              "  tavrixctl error -35\n  tavrixctl error -32602");
+    verb->add_option("CODE", line->error_code, "A number of either numbering")->required();
+    verb->callback([line] { line->run = [line] { return explain_error(line->error_code); }; });
+}
+
+void add_validate(CLI::App &app, CommandLine *line) {
+    std::string fields = "fields:\n ";
+    for (const std::string &name : validated_fields()) {
+        fields += " " + name;
+    }
+    CLI::App *verb =
+        add_verb(app, "validate", "Check a value as a request's field",
+                 "  tavrixctl validate port_id c128-99\n  tavrixctl validate date_time 2026-05-01 13:45\n\n" + fields);
+    verb->add_option("FIELD", line->field, "The field's name, see below")->required();
+    verb->add_option("VALUE", line->values, "The value; date_time takes two")->required()->expected(1, 2);
+    verb->callback([line] { line->run = [line] { return validate(line->field, line->values); }; });
+}
+
+void add_shm(CLI::App &app, CommandLine *line) {
+    CLI::App *verb = add_verb(app, "shm", "Read or write a shared-memory slot",
+                              "  tavrixctl shm get /tavrix_last_event --int\n"
+                              "  tavrixctl shm set /note 'maintenance at noon' --create");
+    verb->require_subcommand(1);
+    ShmOptions &options = line->shm;
+    CLI::App *get = verb->add_subcommand("get", "Print the slot's value");
+    CLI::App *set = verb->add_subcommand("set", "Store a value in the slot");
+    for (CLI::App *action : {get, set}) {
+        action->set_version_flag("--version", version_text);
+        action->add_option("NAME", options.name, "The slot's name, beginning with '/'")->required();
+        action->add_flag("--int", options.integer, "The slot holds an integer, not a text");
+        action->add_option("--size", options.size, "Size of a text slot in bytes")
+            ->check(CLI::Range(size_t{1}, size_t{1} << 20))
+            ->capture_default_str();
+    }
+    set->add_option("VALUE", options.value, "What to store")->required();
+    set->add_flag("--create", options.create, "Create the slot first; an old one is resized and cleared");
+    get->callback([line] { line->run = [line] { return shm_get(line->shm); }; });
+    set->callback([line] { line->run = [line] { return shm_set(line->shm); }; });
+}
+
+void add_log_level(CLI::App &app, CommandLine *line) {
+    CLI::App *verb = add_verb(app, "log-level", "Set a daemon's log level and make the daemons reread it",
+                              "  tavrixctl log-level portsd verbose");
+    LogLevelOptions &options = line->log_level;
+    verb->add_option("DAEMON", options.daemon, "The daemon's name in the logger's configuration")->required();
+    verb->add_option("LEVEL", options.level, "off, info, debug or verbose")
+        ->required()
+        ->check(CLI::IsMember(log_level_words()));
+    verb->add_option("--file", options.file, "The logger's configuration file")->default_val(TAVRIX_LSYSLOG_CONF_PATH);
+    verb->add_flag("!--no-reload", options.reload, "Only edit the file");
+    add_target(verb, &options.target, false);
+    add_timeout(verb, &options.timeout_s);
+    verb->callback([line] { line->run = [line] { return log_level(line->log_level); }; });
+}
+
+CLI::App *find_verb(CLI::App *parent, const std::string &name) {
+    const auto found = parent->get_subcommands([&](CLI::App *verb) { return verb->get_name() == name; });
+    return found.empty() ? nullptr : found.front();
+}
+
+/** The words that may follow: asked for by the shell, word by word, so that it never knows less than the tool. */
+int complete(CLI::App &app, const std::vector<std::string> &words) {
+    CLI::App *verb = &app;
+    size_t positional = 0;
+    for (size_t i = 0; i + 1 < words.size(); ++i) {
+        CLI::App *next = find_verb(verb, words[i]);
+        if (next != nullptr) {
+            verb = next;
+        } else if (words[i].rfind('-', 0) != 0) {
+            ++positional;
+        }
+    }
+    std::vector<std::string> candidates;
+    for (const CLI::App *sub : verb->get_subcommands([](CLI::App *) { return true; })) {
+        if (!sub->get_group().empty()) {
+            candidates.push_back(sub->get_name());
+        }
+    }
+    if (verb->get_name() == "validate" && positional == 0) {
+        candidates = validated_fields();
+    } else if (verb->get_name() == "log-level" && positional == 1) {
+        candidates = log_level_words();
+    } else if (verb->get_name() == "completion") {
+        candidates = {"bash"};
+    }
+    for (const CLI::Option *option : verb->get_options()) {
+        for (const std::string &name : option->get_lnames()) {
+            candidates.push_back("--" + name);
+        }
+    }
+    const std::string begin = words.empty() ? "" : words.back();
+    for (const std::string &candidate : candidates) {
+        if (candidate.rfind(begin, 0) == 0) {
+            print_line(candidate);
+        }
+    }
+    return exit_result;
+}
+
+void add_completion(CLI::App &app, CommandLine *line) {
+    static constexpr char script[] = R"(_tavrixctl() {
+    local IFS=$'\n'
+    COMPREPLY=($(tavrixctl __complete -- "${COMP_WORDS[@]:1:COMP_CWORD}" 2>/dev/null))
+}
+complete -o default -F _tavrixctl tavrixctl)";
+    CLI::App *verb =
+        add_verb(app, "completion", "Print the shell's completion script", "  source <(tavrixctl completion bash)");
+    verb->add_option("SHELL", line->shell, "bash")->required()->check(CLI::IsMember({"bash"}));
+    verb->callback([line] { line->run = [] { return print_line(script) ? exit_result : exit_error_response; }; });
+
+    CLI::App *words = app.add_subcommand("__complete", "")->group("");
+    words->add_option("WORDS", line->words)->expected(0, 256);
+    words->callback([&app, line] { line->run = [&app, line] { return complete(app, line->words); }; });
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+    CommandLine line;
+    CLI::App app("The command line of the tavrix middleware", "tavrixctl");
+    app.set_version_flag("--version", version_text);
+    app.add_flag("--log", line.show_log, "Show the library's own log lines on standard error");
+    app.require_subcommand(1);
+    app.footer(general_footer);
+    for (auto add : {add_call, add_send, add_monitor, add_push, add_wait, add_error, add_validate, add_shm,
+                     add_log_level, add_completion}) {
+        add(app, &line);
+    }
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError &error) {
+        return app.exit(error) == 0 ? exit_result : exit_usage;
+    }
+    if (!line.show_log) {
+        silence_library_log();
+    }
+    return line.run();
+}

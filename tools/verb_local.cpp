@@ -1,0 +1,294 @@
+/*
+ * error, validate, shm, log-level: what needs no bus, but for the reload that log-level sends.
+ */
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <limits>
+#include <sstream>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "support.h"
+#include "tavrix_error.h"
+#include "tavrix_jrpc.h"
+#include "tavrix_shm.h"
+#include "tavrix_validation.h"
+#include "verbs.h"
+
+namespace tavrixctl {
+
+namespace {
+
+constexpr int unknown_jrpc_code = -32001;
+constexpr int lowest_status = -73;
+constexpr char levels_header[] = "[logging_levels]";
+
+using TextValidator = int (*)(const char *);
+using NumberValidator = int (*)(int);
+
+struct Field {
+    const char *name;
+    TextValidator text;
+    NumberValidator number;
+};
+
+const Field fields[] = {
+    {"c_port_id", validate_c_port_id, nullptr},
+    {"d_port_id", validate_d_port_id, nullptr},
+    {"date", validate_date, nullptr},
+    {"description", validate_description, nullptr},
+    {"entity_extension", validate_entity_extension, nullptr},
+    {"entity_name", validate_entity_name, nullptr},
+    {"ip_address", validate_ip_address, nullptr},
+    {"laser_id", nullptr, validate_laser_id},
+    {"mac_address", validate_mac_address, nullptr},
+    {"mzu_id", validate_mzu_id, nullptr},
+    {"mzu_model", validate_mzu_model, nullptr},
+    {"mzu_sw_upgrade_filename", validate_mzu_sw_upgrade_filename, nullptr},
+    {"olt_id", nullptr, validate_olt_id},
+    {"onu_id", nullptr, validate_onu_id},
+    {"password", validate_password, nullptr},
+    {"periodic_interval", nullptr, validate_periodic_interval},
+    {"port_id", validate_port_id, nullptr},
+    {"port_link_speed", nullptr, validate_port_link_speed},
+    {"port_number", nullptr, validate_port_number},
+    {"status", validate_status, nullptr},
+    {"time", validate_time, nullptr},
+    {"unit_id", nullptr, validate_unit_id},
+    {"unit_sw_bank", validate_unit_sw_bank, nullptr},
+    {"unit_sw_upgrade_filename", validate_unit_sw_upgrade_filename, nullptr},
+    {"username", validate_username, nullptr},
+    {"uuid", validate_uuid, nullptr},
+    {"vlan_id", nullptr, validate_vlan_id},
+    {"vlan_mode", validate_vlan_mode, nullptr},
+    {"vlan_name_id", validate_vlan_name_id, nullptr},
+};
+constexpr char date_time_field[] = "date_time";
+
+const char *verdict_text(int verdict) {
+    switch (verdict) {
+    case 0:
+        return "valid";
+    case -1:
+        return "the check itself failed";
+    case -2:
+        return "does not match the field's pattern";
+    case -3:
+        return "not an allowed value";
+    case -4:
+        return "too long";
+    case -5:
+        return "too short";
+    case -6:
+        return "out of range";
+    default:
+        return "rejected";
+    }
+}
+
+bool parse_number(const std::string &text, int *out) {
+    char *end = nullptr;
+    errno = 0;
+    const long long value = std::strtoll(text.c_str(), &end, 10);
+    if (text.empty() || *end != '\0' || errno != 0 || value < std::numeric_limits<int>::min() ||
+        value > std::numeric_limits<int>::max()) {
+        return false;
+    }
+    *out = static_cast<int>(value);
+    return true;
+}
+
+/** The verdict on a value, or 1 when the words do not fit the field (complained about). */
+int check(const std::string &field, const std::vector<std::string> &values) {
+    if (field == date_time_field) {
+        if (values.size() != 2) {
+            complain("date_time takes a date and a time");
+            return 1;
+        }
+        return validate_date_time(values[0].c_str(), values[1].c_str());
+    }
+    const Field *found = std::find_if(std::begin(fields), std::end(fields),
+                                      [&](const Field &candidate) { return field == candidate.name; });
+    if (found == std::end(fields)) {
+        complain("there is no field '%s'; see tavrixctl validate --help", field.c_str());
+        return 1;
+    }
+    if (values.size() != 1) {
+        complain("%s takes one value", found->name);
+        return 1;
+    }
+    if (found->text != nullptr) {
+        return found->text(values[0].c_str());
+    }
+    int number = 0;
+    if (!parse_number(values[0], &number)) {
+        complain("%s takes a 32-bit integer", found->name);
+        return 1;
+    }
+    return found->number(number);
+}
+
+/** The file's text with the daemon's line set: replaced in its section, or added to it. */
+std::string with_level(const std::string &old_text, const std::string &daemon, const std::string &level) {
+    std::istringstream lines(old_text);
+    std::string line;
+    std::string text;
+    const std::string entry = daemon + "=" + level + "\n";
+    bool in_section = false;
+    bool section_seen = false;
+    bool written = false;
+    while (std::getline(lines, line)) {
+        const bool header = line.rfind('[', 0) == 0;
+        if (header && in_section && !written) {
+            text += entry;
+            written = true;
+        }
+        if (header) {
+            in_section = !section_seen && line.rfind(levels_header, 0) == 0;
+            section_seen = section_seen || in_section;
+        }
+        if (in_section && line.rfind(daemon + "=", 0) == 0) {
+            text += written ? "" : entry;
+            written = true;
+            continue;
+        }
+        text += line + "\n";
+    }
+    if (!section_seen) {
+        text += std::string(levels_header) + "\n";
+    }
+    return written ? text : text + entry;
+}
+
+/** Replaces a file in one step, so that a reader sees the old text or the new one; keeps its permissions. */
+bool replace_file(const std::string &path, const std::string &text) {
+    std::string temporary = path + ".XXXXXX";
+    const int fd = mkstemp(temporary.data());
+    if (fd < 0) {
+        return false;
+    }
+    struct stat old {};
+    const mode_t mode = stat(path.c_str(), &old) == 0 ? old.st_mode & 07777 : 0644;
+    const bool done = write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size()) &&
+                      fchmod(fd, mode) == 0 && fsync(fd) == 0;
+    if (close(fd) == 0 && done && rename(temporary.c_str(), path.c_str()) == 0) {
+        return true;
+    }
+    const int reason = errno;
+    unlink(temporary.c_str());
+    errno = reason;
+    return false;
+}
+
+int shm_failed(const std::string &name) {
+    complain("%s: no such slot, or not accessible (a name begins with '/')", name.c_str());
+    return exit_error_response;
+}
+
+} // namespace
+
+int explain_error(int code) {
+    const int status = code > 0 ? -code : code;
+    if (status >= lowest_status) {
+        const int jrpc = tavrix_jrpc_error_convert_tavrix_to_jrpc(status);
+        std::printf("status   %d  %s\n", status, tavrix_error_decode(status));
+        if (status != TAVRIX_OK) {
+            std::printf("json-rpc %d  %s\n", jrpc, tavrix_jrpc_error_message(jrpc));
+        }
+        return exit_result;
+    }
+    const char *message = tavrix_jrpc_error_message(status);
+    if (status != unknown_jrpc_code && std::strcmp(message, tavrix_jrpc_error_message(unknown_jrpc_code)) == 0) {
+        complain("%d is neither a status nor a JSON-RPC code of the system", code);
+        return exit_usage;
+    }
+    std::printf("json-rpc %d  %s\n", status, message);
+    const int back = tavrix_jrpc_error_convert_jrpc_to_tavrix(status);
+    if (back != unknown_jrpc_code) {
+        std::printf("status   %d  %s\n", back, tavrix_error_decode(back));
+    }
+    return exit_result;
+}
+
+int validate(const std::string &field, const std::vector<std::string> &values) {
+    const int verdict = check(field, values);
+    if (verdict > 0) {
+        return exit_usage;
+    }
+    print_line(verdict_text(verdict));
+    return verdict == 0 ? exit_result : exit_error_response;
+}
+
+std::vector<std::string> validated_fields() {
+    std::vector<std::string> names = {date_time_field};
+    for (const Field &field : fields) {
+        names.emplace_back(field.name);
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+int shm_get(const ShmOptions &options) {
+    if (options.integer) {
+        int value = 0;
+        if (tavrix_shm_get_int(options.name.c_str(), &value) != TAVRIX_OK) {
+            return shm_failed(options.name);
+        }
+        return print_line(std::to_string(value)) ? exit_result : exit_error_response;
+    }
+    std::vector<char> text(options.size);
+    if (tavrix_shm_get_string(options.name.c_str(), text.size(), text.data()) != TAVRIX_OK) {
+        return shm_failed(options.name);
+    }
+    return print_line(text.data()) ? exit_result : exit_error_response;
+}
+
+int shm_set(const ShmOptions &options) {
+    int number = 0;
+    if (options.integer && !parse_number(options.value, &number)) {
+        complain("--int takes a 32-bit integer");
+        return exit_usage;
+    }
+    if (!options.integer && options.value.size() >= options.size) {
+        complain("the text has %zu bytes, the slot holds %zu with the terminator", options.value.size(), options.size);
+        return exit_usage;
+    }
+    const size_t size = options.integer ? sizeof number : options.size;
+    if (options.create && tavrix_shm_create(options.name.c_str(), size) != TAVRIX_OK) {
+        return shm_failed(options.name);
+    }
+    const int rc = options.integer ? tavrix_shm_set_int(options.name.c_str(), &number)
+                                   : tavrix_shm_set_string(options.name.c_str(), size, options.value.c_str());
+    return rc == TAVRIX_OK ? exit_result : shm_failed(options.name);
+}
+
+std::vector<std::string> log_level_words() { return {"off", "info", "debug", "verbose"}; }
+
+int log_level(const LogLevelOptions &options) {
+    if (options.daemon.empty() || options.daemon.size() > 50 || options.daemon.find_first_of("=\n[#") == 0 ||
+        options.daemon.find_first_of("=\n") != std::string::npos) {
+        complain("'%s' cannot be a key of %s", options.daemon.c_str(), options.file.c_str());
+        return exit_usage;
+    }
+    std::ifstream file(options.file);
+    const std::string old_text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    if (!replace_file(options.file, with_level(old_text, options.daemon, options.level))) {
+        complain("%s: %s", options.file.c_str(), std::strerror(errno));
+        return exit_error_response;
+    }
+    if (!options.reload) {
+        return exit_result;
+    }
+    CallOptions reload;
+    reload.target = options.target;
+    reload.method = "logger.ReloadConf";
+    reload.id = "tavrixctl";
+    reload.timeout_s = options.timeout_s;
+    return call(reload);
+}
+
+} // namespace tavrixctl

@@ -1,0 +1,103 @@
+/**
+ * The verbs of tavrixctl: each takes its options as a plain record and returns the exit status.
+ */
+#ifndef TAVRIX_TOOLS_VERBS_H
+#define TAVRIX_TOOLS_VERBS_H
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace tavrixctl {
+
+enum ExitStatus {
+    exit_result = 0,
+    exit_error_response = 1,
+    exit_usage = 2,
+    exit_timeout = 3,
+    exit_no_connection = 4,
+};
+
+enum class JsonStyle { automatic, pretty, single_line };
+
+/** Where a request goes: the router's socket unless `tcp` or `direct` is set. */
+struct Target {
+    std::string socket_path;
+    std::string tcp;    ///< HOST:PORT
+    std::string direct; ///< path of a daemon's own socket server
+};
+
+struct CallOptions {
+    Target target;
+    std::string method;
+    std::string params; ///< a JSON object, "-" for standard input, empty for none
+    std::string id;
+    std::optional<long long> transaction_id;
+    bool notification = false;
+    double timeout_s = 15;
+    JsonStyle json = JsonStyle::automatic;
+};
+int call(const CallOptions &options);
+
+struct SendOptions {
+    Target target;
+    std::string text; ///< sent as it stands, "-" for standard input
+    double timeout_s = 15;
+    JsonStyle json = JsonStyle::automatic;
+};
+int send(const SendOptions &options);
+
+struct MonitorOptions {
+    std::vector<std::string> addresses;
+    std::vector<std::string> channels; ///< prefixes; none means every channel
+    JsonStyle json = JsonStyle::single_line;
+    std::optional<unsigned> count; ///< frames to print before it ends
+};
+int monitor(const MonitorOptions &options);
+
+struct PushOptions {
+    std::string address;
+    std::string method;
+    std::string params;
+    double timeout_s = 5;
+};
+int push(const PushOptions &options);
+
+struct WaitOptions {
+    std::string method;
+    std::string address;
+    std::string channel;
+    double timeout_s = 60;
+    JsonStyle json = JsonStyle::automatic;
+};
+int wait(const WaitOptions &options);
+
+int explain_error(int code);
+
+int validate(const std::string &field, const std::vector<std::string> &values);
+std::vector<std::string> validated_fields();
+
+struct ShmOptions {
+    std::string name;
+    std::string value;
+    bool integer = false;
+    bool create = false;
+    size_t size = 256;
+};
+int shm_get(const ShmOptions &options);
+int shm_set(const ShmOptions &options);
+
+struct LogLevelOptions {
+    std::string daemon;
+    std::string level;
+    std::string file;
+    Target target;
+    double timeout_s = 15;
+    bool reload = true;
+};
+int log_level(const LogLevelOptions &options);
+std::vector<std::string> log_level_words();
+
+} // namespace tavrixctl
+
+#endif

@@ -1,0 +1,57 @@
+/**
+ * A daemon's options, from the command line and from a configuration file.
+ *
+ * Every long option `--some-name` can also stand as `some_name=value` in the daemon's section of the file that --config
+ * names; the command line wins. --help and --version come by themselves.
+ */
+#ifndef TAVRIX_DAEMONS_COMMON_OPTIONS_H
+#define TAVRIX_DAEMONS_COMMON_OPTIONS_H
+
+#include <string>
+#include <vector>
+
+namespace daemon_support {
+
+class Options {
+  public:
+    /** `section` is the daemon's section in the configuration file. */
+    Options(std::string program, std::string section, std::string summary, std::string example);
+
+    void text(const char *name, const char *value_name, const char *help, std::string *value);
+    /** May be given several times, or once with commas. */
+    void list(const char *name, const char *value_name, const char *help, std::vector<std::string> *values);
+    void number(const char *name, const char *value_name, const char *help, int lowest, int highest, int *value);
+
+    /** True when the daemon goes on; otherwise `*exit_status` is what the process ends with. */
+    bool parse(int argc, char **argv, int *exit_status);
+
+  private:
+    struct Option {
+        std::string name;
+        std::string value_name;
+        std::string help;
+        std::string *text;
+        std::vector<std::string> *list;
+        int *number;
+        int lowest;
+        int highest;
+        bool given;
+    };
+
+    void print_help() const;
+    bool read_command_line(int argc, char **argv, bool *finished);
+    bool read_file();
+    bool store(Option *option, const std::string &value);
+    bool complain(const std::string &what) const;
+
+    std::string program_;
+    std::string section_;
+    std::string summary_;
+    std::string example_;
+    std::string config_;
+    std::vector<Option> options_;
+};
+
+} // namespace daemon_support
+
+#endif

@@ -1,0 +1,155 @@
+#include "common/service.h"
+
+#include <poll.h>
+
+#include "common/log.h"
+#include "common/signals.h"
+#include "tavrix_error.h"
+
+namespace daemon_support {
+
+namespace {
+
+constexpr char unit_name[] = "service";
+constexpr int hello_interval_ms = 50;
+
+Service *the_service = nullptr;
+
+/** True for a request or notification of logger.ReloadConf. */
+bool is_reload(const char *json_text) {
+    const Json message(json_loads(json_text, JSON_DISABLE_EOF_CHECK, nullptr));
+    const char *method = json_string_value(json_object_get(message.get(), "method"));
+    return method != nullptr && std::string(method) == reload_method;
+}
+
+pollfd readable(int descriptor) { return pollfd{descriptor, POLLIN, 0}; }
+
+int receive_descriptor(const BusSocket &socket) {
+    int descriptor = -1;
+    tavrix_mq_socket_recvfd(*socket.get(), &descriptor);
+    return descriptor;
+}
+
+} // namespace
+
+Service::Service(ServiceConfig config, const std::vector<tavrix_jrpc_method> &methods)
+    : config_(std::move(config)), methods_(methods) {
+    methods_.push_back({welcome_method, on_welcome});
+    methods_.push_back({probe_method, on_probe});
+    methods_.push_back({reload_method, tavrix_lsyslog_reload_conf_api});
+    methods_.push_back({nullptr, nullptr});
+    the_service = this;
+}
+
+Service::~Service() { the_service = nullptr; }
+
+bool Service::listen_on(const std::string &channel, BusSocket *socket) {
+    if (tavrix_jrpc_mq_sub_init(socket->place(), 1) != TAVRIX_OK) {
+        LOG_ERROR("Cannot make a subscriber\n");
+        return false;
+    }
+    for (const std::string &address : config_.connect) {
+        if (tavrix_jrpc_mq_sub_set_channel(address.c_str(), channel.c_str(), socket->place()) != TAVRIX_OK) {
+            socket->forget(); // closed by the failed call
+            LOG_ERROR("Cannot listen to %s\n", address.c_str());
+            return false;
+        }
+    }
+    return true;
+}
+
+bool Service::open() {
+    if (tavrix_jrpc_mq_pub_init(config_.publish.c_str(), pub_.place()) != TAVRIX_OK) {
+        LOG_ERROR("Cannot publish on %s\n", config_.publish.c_str());
+        return false;
+    }
+    return listen_on(config_.channel, &sub_) && listen_on(TAVRIX_CHANNEL_DEFAULT, &control_);
+}
+
+void Service::watch(int descriptor, std::function<void()> on_readable) {
+    watches_.push_back({descriptor, std::move(on_readable)});
+}
+
+int Service::on_welcome(json_t * /*params*/, json_t ** /*result*/, json_t ** /*error_data*/) {
+    if (!the_service->welcomed_) {
+        the_service->welcomed_ = true;
+        LOG_INFO("%s ready\n", the_service->config_.name.c_str());
+    }
+    return TAVRIX_OK;
+}
+
+int Service::on_probe(json_t * /*params*/, json_t ** /*result*/, json_t ** /*error_data*/) {
+    the_service->say_hello();
+    return TAVRIX_OK;
+}
+
+void Service::say_hello() {
+    const Json hello(json_pack("{s:s, s:s, s:{s:s, s:s}}", "jsonrpc", "2.0", "method", hello_method, "params", "name",
+                               config_.name.c_str(), "channel", config_.channel.c_str()));
+    const Text text(json_dumps(hello.get(), JSON_COMPACT));
+    if (text) {
+        tavrix_jrpc_mq_pub(pub_.get(), TAVRIX_ROUTER_REPLY_CHANNEL, text.get());
+    }
+}
+
+void Service::serve_requests() {
+    while (!stop_requested() && tavrix_jrpc_mq_run(sub_.place(), pub_.place(), methods_.data(), 1) == TAVRIX_OK) {
+    }
+}
+
+void Service::serve_control() {
+    static const tavrix_jrpc_method reload_only[] = {{reload_method, tavrix_lsyslog_reload_conf_api},
+                                                     {nullptr, nullptr}};
+    char *frame = nullptr;
+    int length = 0;
+    while (tavrix_mq_socket_recv(*control_.get(), &frame, &length, 1) == TAVRIX_OK) {
+        const Text frame_owner(frame);
+        char *json_text = nullptr;
+        const int split = tavrix_jrpc_parse_msg(frame, length, &json_text);
+        const Text json_owner(json_text);
+        if (split != TAVRIX_OK || !is_reload(json_text)) {
+            continue; // another daemon's: several share this channel
+        }
+        char *channel = nullptr;
+        tavrix_jrpc_parse_channel(json_text, &channel);
+        const Text channel_owner(channel);
+        char *response = nullptr;
+        tavrix_jrpc_eval_request(json_text, reload_only, &response);
+        const Text response_owner(response);
+        if (channel != nullptr && response != nullptr) {
+            tavrix_jrpc_mq_pub(pub_.get(), channel, response);
+        }
+    }
+}
+
+void Service::serve() {
+    std::vector<pollfd> descriptors = {readable(signal_descriptor()), readable(receive_descriptor(sub_)),
+                                       readable(receive_descriptor(control_))};
+    const size_t own = descriptors.size();
+    for (const Watch &watch : watches_) {
+        descriptors.push_back(readable(watch.descriptor));
+    }
+    while (!stop_requested()) {
+        if (!welcomed_) {
+            say_hello();
+        }
+        const int ready = poll(descriptors.data(), descriptors.size(), welcomed_ ? -1 : hello_interval_ms);
+        drain_signal_descriptor();
+        if (take_reload_request()) {
+            tavrix_lsyslog_reload_conf();
+        }
+        if (ready < 0) {
+            continue; // a signal: the loop's condition and the reload above have looked at it
+        }
+        serve_requests();
+        serve_control();
+        for (size_t i = own; i < descriptors.size() && !stop_requested(); ++i) {
+            if (descriptors[i].revents != 0) {
+                watches_[i - own].on_readable();
+            }
+        }
+    }
+    LOG_INFO("%s stopped\n", config_.name.c_str());
+}
+
+} // namespace daemon_support

@@ -1,0 +1,79 @@
+/**
+ * A service on the bus: its endpoint, its loop, and the settling of its connection to the router.
+ *
+ * Publish/subscribe drops what is published before a connection stands. A service therefore says hello to the router
+ * (the notification router.Hello on the router's reply channel) until the router welcomes it (service.Welcome on the
+ * service's own channel): then both directions have carried a real frame, and the service reports ready. A router that
+ * starts later asks for the hello with service.Probe.
+ *
+ * On the default channel every service listens for logger.ReloadConf, and for nothing else.
+ */
+#ifndef TAVRIX_DAEMONS_COMMON_SERVICE_H
+#define TAVRIX_DAEMONS_COMMON_SERVICE_H
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "common/handles.h"
+#include "tavrix_jrpc.h"
+
+namespace daemon_support {
+
+constexpr char hello_method[] = "router.Hello";
+constexpr char welcome_method[] = "service.Welcome";
+constexpr char probe_method[] = "service.Probe";
+constexpr char reload_method[] = "logger.ReloadConf";
+
+struct ServiceConfig {
+    std::string name;                 ///< kept by the logger: must outlive the service
+    std::string channel;              ///< service channel to listen on
+    std::string publish;              ///< address to publish on
+    std::vector<std::string> connect; ///< addresses to listen to, the router's among them
+};
+
+class Service {
+  public:
+    /** At most one service lives in a process: method handlers are plain functions. */
+    Service(ServiceConfig config, const std::vector<tavrix_jrpc_method> &methods);
+    Service(const Service &) = delete;
+    Service &operator=(const Service &) = delete;
+    ~Service();
+
+    /** Opens the endpoint; logs what failed. */
+    bool open();
+
+    /** Calls `on_readable` from the loop whenever the descriptor is readable. */
+    void watch(int descriptor, std::function<void()> on_readable);
+
+    /** Serves until a stop is asked for. */
+    void serve();
+
+    const int *publisher() const { return pub_.get(); }
+
+  private:
+    struct Watch {
+        int descriptor;
+        std::function<void()> on_readable;
+    };
+
+    static int on_welcome(json_t *params, json_t **result, json_t **error_data);
+    static int on_probe(json_t *params, json_t **result, json_t **error_data);
+
+    bool listen_on(const std::string &channel, BusSocket *socket);
+    void say_hello();
+    void serve_requests();
+    void serve_control();
+
+    ServiceConfig config_;
+    std::vector<tavrix_jrpc_method> methods_;
+    BusSocket pub_;
+    BusSocket sub_;
+    BusSocket control_;
+    std::vector<Watch> watches_;
+    bool welcomed_ = false;
+};
+
+} // namespace daemon_support
+
+#endif

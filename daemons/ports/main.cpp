@@ -1,0 +1,53 @@
+/*
+ * tavrix-portsd: the ports service. Reads and changes the ports of the fleet in the configuration database.
+ *
+ *     tavrix-portsd --publish tcp://127.0.0.1:7002 --connect tcp://127.0.0.1:7001 --database fleet.db
+ */
+#include "common/log.h"
+#include "common/options.h"
+#include "common/service.h"
+#include "common/signals.h"
+#include "methods.h"
+
+namespace {
+
+constexpr char unit_name[] = "portsd";
+
+} // namespace
+
+int main(int argc, char **argv) {
+    daemon_support::ServiceConfig config;
+    config.name = "portsd";
+    config.channel = TAVRIX_CHANNEL_FIRST;
+    config.publish = "tcp://127.0.0.1:7002";
+    std::string database_path = TAVRIX_CFGDB_PATH;
+    ports::Service service_context;
+
+    daemon_support::Options options("tavrix-portsd", "portsd", "The ports service of the fleet.",
+                                    "tavrix-portsd --publish tcp://127.0.0.1:7002 --connect tcp://127.0.0.1:7001");
+    options.text("name", "NAME", "the daemon's name in the logger's configuration", &config.name);
+    options.text("publish", "ADDRESS", "bus address to publish on", &config.publish);
+    options.list("connect", "ADDRESS", "bus address to listen to: the router's; may be repeated", &config.connect);
+    options.text("database", "FILE", "the configuration database", &database_path);
+    options.text("events", "ADDRESS", "where the events service publishes, for ports.WaitLinkChanged",
+                 &service_context.events_address);
+    int exit_status = 0;
+    if (!options.parse(argc, argv, &exit_status)) {
+        return exit_status;
+    }
+    if (config.connect.empty()) {
+        config.connect = {"tcp://127.0.0.1:7001"};
+    }
+    tavrix_lsyslog_init(config.name.c_str());
+
+    ports::Database database(database_path);
+    service_context.database = &database;
+    ports::set_service(service_context);
+    daemon_support::Service service(config, ports::methods());
+    if (!daemon_support::install_signals() || database.open() != TAVRIX_OK || !service.open()) {
+        LOG_ERROR("portsd cannot start\n");
+        return 1;
+    }
+    service.serve();
+    return 0;
+}

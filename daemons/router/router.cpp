@@ -1,0 +1,441 @@
+#include "router.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <cstring>
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include "common/log.h"
+#include "common/service.h"
+#include "common/signals.h"
+#include "tavrix_error.h"
+#include "tavrix_jrpc.h"
+#include "tavrix_jrpc_utils.h"
+
+namespace router {
+
+namespace {
+
+using daemon_support::Interruption;
+using daemon_support::stop_requested;
+using daemon_support::Text;
+
+constexpr char unit_name[] = "router";
+constexpr int probe_interval_ms = 200;
+constexpr std::chrono::seconds probe_time{5};
+constexpr char own_prefix[] = "router.";
+constexpr const char *service_channels[] = {TAVRIX_CHANNEL_FIRST, TAVRIX_CHANNEL_EVENTS, TAVRIX_CHANNEL_INTERFACES,
+                                            TAVRIX_CHANNEL_DEFAULT};
+
+Router *the_router = nullptr;
+
+// --- The router's own methods --------------------------------------------------------------------------------------
+
+int on_hello(json_t *params, json_t ** /*result*/, json_t **error_data) {
+    std::array<char, 64> name{};
+    std::array<char, 64> channel{};
+    int rc = tavrix_jrpc_utils_parse_input_string(params, error_data, "name", name.data(), name.size());
+    if (rc == TAVRIX_OK) {
+        rc = tavrix_jrpc_utils_parse_input_string(params, error_data, "channel", channel.data(), channel.size());
+    }
+    return rc == TAVRIX_OK ? the_router->welcome(name.data(), channel.data()) : rc;
+}
+
+int on_lock(json_t * /*params*/, json_t ** /*result*/, json_t ** /*error_data*/) {
+    the_router->set_locked(true);
+    return TAVRIX_OK;
+}
+
+int on_unlock(json_t * /*params*/, json_t ** /*result*/, json_t ** /*error_data*/) {
+    the_router->set_locked(false);
+    return TAVRIX_OK;
+}
+
+int on_status(json_t * /*params*/, json_t **result, json_t ** /*error_data*/) {
+    *result = the_router->status();
+    return TAVRIX_OK;
+}
+
+/** What a client of the unix socket may ask of the router itself. */
+constexpr tavrix_jrpc_method own_methods[] = {
+    {"router.Lock", on_lock},
+    {"router.Unlock", on_unlock},
+    {"router.Status", on_status},
+    {nullptr, nullptr},
+};
+
+/** What daemons may tell the router over the bus. */
+constexpr tavrix_jrpc_method notifications[] = {
+    {daemon_support::hello_method, on_hello},
+    {"router.Lock", on_lock},
+    {"router.Unlock", on_unlock},
+    {daemon_support::reload_method, tavrix_lsyslog_reload_conf_api},
+    {nullptr, nullptr},
+};
+
+// --- Helpers -------------------------------------------------------------------------------------------------------
+
+pollfd readable(int descriptor) { return pollfd{descriptor, POLLIN, 0}; }
+
+std::string text_member(const json_t *object, const char *key) {
+    const char *text = json_string_value(json_object_get(object, key));
+    return text != nullptr ? text : "";
+}
+
+bool is_valid_id(const json_t *id) { return json_is_string(id) || json_is_number(id); }
+
+bool is_notification(const json_t *message) {
+    return json_is_string(json_object_get(message, "method")) && json_object_get(message, "id") == nullptr;
+}
+
+bool is_own_method(const std::string &method) { return method.rfind(own_prefix, 0) == 0; }
+
+int milliseconds_until(Clock::time_point end) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now()).count();
+    return static_cast<int>(std::clamp<long long>(left, 0, INT_MAX));
+}
+
+/** A client that does not read its answer holds up the others no longer than one that does not write. */
+void limit_sending(const StreamSocket &client, int timeout_ms) {
+    const timeval limit{timeout_ms / 1000, (timeout_ms % 1000) * 1000};
+    setsockopt(*client.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+}
+
+bool has_gone(const StreamSocket &client) {
+    pollfd state{*client.get(), 0, 0}; // hang-ups and errors are reported unasked
+    return poll(&state, 1, 0) == 1;
+}
+
+} // namespace
+
+// --- Set-up --------------------------------------------------------------------------------------------------------
+
+Router::Router(Config config) : config_(std::move(config)), probe_until_(Clock::now() + probe_time) {
+    the_router = this;
+}
+
+Router::~Router() {
+    if (unix_listener_.is_open()) {
+        unlink(config_.socket_path.c_str());
+    }
+    the_router = nullptr;
+}
+
+bool Router::open_bus() {
+    if (tavrix_jrpc_mq_pub_init(config_.publish.c_str(), pub_.place()) != TAVRIX_OK) {
+        LOG_ERROR("Cannot publish on %s\n", config_.publish.c_str());
+        return false;
+    }
+    if (tavrix_jrpc_mq_sub_init(sub_.place(), 1) != TAVRIX_OK) {
+        LOG_ERROR("Cannot make a subscriber\n");
+        return false;
+    }
+    for (const std::string &address : config_.connect) {
+        if (tavrix_jrpc_mq_sub_set_channel(address.c_str(), TAVRIX_ROUTER_REPLY_CHANNEL, sub_.place()) != TAVRIX_OK) {
+            sub_.forget(); // closed by the failed call
+            LOG_ERROR("Cannot listen to %s\n", address.c_str());
+            return false;
+        }
+    }
+    // Only what is there is received, poll does the waiting.
+    return tavrix_mq_socket_set_timeout(*sub_.get(), 0) == TAVRIX_OK &&
+           tavrix_mq_socket_recvfd(*sub_.get(), &sub_descriptor_) == TAVRIX_OK;
+}
+
+bool Router::open() {
+    if (!open_bus()) {
+        return false;
+    }
+    if (tavrix_unix_socket_init(config_.socket_path.c_str(), unix_listener_.place(), 1) != TAVRIX_OK) {
+        LOG_ERROR("Cannot listen on %s\n", config_.socket_path.c_str());
+        return false;
+    }
+    if (config_.tcp_port > 0 &&
+        tavrix_tcp_socket_init(static_cast<unsigned>(config_.tcp_port), tcp_listener_.place(), 1) != TAVRIX_OK) {
+        LOG_ERROR("Cannot listen on TCP port %d\n", config_.tcp_port);
+        return false;
+    }
+    return true;
+}
+
+// --- Loop ----------------------------------------------------------------------------------------------------------
+
+/** Asks services that were there before the router to say hello. */
+void Router::probe_services() {
+    const std::string text = std::string(R"({"jsonrpc":"2.0","method":")") + daemon_support::probe_method + "\"}";
+    for (const char *channel : service_channels) {
+        tavrix_jrpc_mq_pub(pub_.get(), channel, text.c_str());
+    }
+}
+
+int Router::poll_timeout_ms() const {
+    const bool probing = services_.size() < config_.connect.size() && Clock::now() < probe_until_;
+    return probing ? probe_interval_ms : -1;
+}
+
+void Router::serve() {
+    LOG_INFO("routerd ready\n");
+    while (!stop_requested()) {
+        std::array<pollfd, 4> descriptors = {readable(daemon_support::signal_descriptor()), readable(sub_descriptor_),
+                                             readable(*unix_listener_.get()), readable(*tcp_listener_.get())};
+        const int timeout_ms = poll_timeout_ms();
+        const int ready = poll(descriptors.data(), descriptors.size(), timeout_ms);
+        daemon_support::drain_signal_descriptor();
+        if (daemon_support::take_reload_request()) {
+            tavrix_lsyslog_reload_conf();
+        }
+        if (ready < 0) {
+            continue; // a signal: the loop's condition and the reload above have looked at it
+        }
+        if (ready == 0) {
+            probe_services();
+        }
+        drain_replies();
+        if (descriptors[2].revents != 0) {
+            serve_client(unix_listener_, true);
+        }
+        if (descriptors[3].revents != 0) {
+            serve_client(tcp_listener_, false);
+        }
+    }
+    LOG_INFO("routerd stopped\n");
+}
+
+// --- Requests ------------------------------------------------------------------------------------------------------
+
+/** Accepts a client and reads its request; answers it here when there is none. */
+bool Router::take_request(const StreamSocket &listener, StreamSocket *client, Json *request) {
+    const Interruption bound(config_.client_timeout_ms);
+    json_t *parsed = nullptr;
+    const int rc = tavrix_jrpc_router_socket_extract_request(listener.get(), client->place(), &parsed);
+    request->reset(parsed);
+    if (rc == TAVRIX_OK) {
+        return true;
+    }
+    if (client->is_open() && !stop_requested()) {
+        LOG_WARNING("%s\n", bound.happened() ? "A client said nothing in time" : "A client sent no JSON object");
+        answer_error(*client, bound.happened() ? TAVRIX_JRPC_TIMED_OUT : TAVRIX_JRPC_INVALID_REQUEST, nullptr);
+    }
+    return false;
+}
+
+void Router::serve_client(const StreamSocket &listener, bool trusted) {
+    StreamSocket client;
+    Json request;
+    if (take_request(listener, &client, &request)) {
+        limit_sending(client, config_.client_timeout_ms);
+        handle_request(std::move(request), client, trusted);
+    }
+}
+
+void Router::handle_request(Json request, const StreamSocket &client, bool trusted) {
+    const json_t *id = json_object_get(request.get(), "id");
+    const std::string method = text_member(request.get(), "method");
+    if (id == nullptr && json_is_string(json_object_get(request.get(), "method"))) {
+        LOG_WARNING("Refused the notification %s of a client\n", method.c_str());
+        return;
+    }
+    if (!is_valid_id(id) || !json_is_string(json_object_get(request.get(), "method"))) {
+        LOG_WARNING("Refused a malformed request\n");
+        answer_error(client, TAVRIX_JRPC_INVALID_REQUEST, request.get());
+    } else if (is_own_method(method) && trusted) {
+        const Text text(json_dumps(request.get(), JSON_COMPACT));
+        char *response = nullptr;
+        tavrix_jrpc_eval_request(text ? text.get() : "", own_methods, &response);
+        const Text owner(response);
+        tavrix_socket_send(client.get(), response != nullptr ? response : "");
+    } else if (is_own_method(method)) {
+        LOG_WARNING("Refused %s over TCP\n", method.c_str());
+        answer_error(client, TAVRIX_JRPC_METHOD_NOT_FOUND, request.get());
+    } else if (locked_) {
+        LOG_INFO("Locked: refused %s\n", method.c_str());
+        answer_locked(client, request.get());
+    } else {
+        tavrix_lsyslog_is_json_method_lsyslog(method.c_str()); // the router's own logger rereads too
+        forward(std::move(request), method, client);
+    }
+}
+
+void Router::forward(Json request, const std::string &method, const StreamSocket &client) {
+    Pending pending;
+    pending.on_bus.reset(json_deep_copy(request.get()));
+    pending.request = std::move(request);
+    pending.method = method;
+    if (json_object_get(pending.on_bus.get(), "transaction_id") == nullptr) {
+        // Without one, a late reply to an earlier request of the same method could not be told from this one's.
+        pending.transaction_id_added = true;
+        json_object_set_new(pending.on_bus.get(), "transaction_id", json_integer(--last_transaction_id_));
+    }
+    drain_replies();
+    if (tavrix_jrpc_router_mq_dispatch_request(pub_.get(), pending.on_bus.get()) != TAVRIX_OK) {
+        LOG_ERROR("Cannot publish %s\n", method.c_str());
+        answer_error(client, TAVRIX_JRPC_INTERNAL_ERROR, pending.request.get());
+        return;
+    }
+    await_reply(pending, client);
+}
+
+// --- Replies -------------------------------------------------------------------------------------------------------
+
+void Router::await_reply(const Pending &pending, const StreamSocket &client) {
+    const auto end = Clock::now() + std::chrono::milliseconds(config_.reply_timeout_ms);
+    for (int left_ms = milliseconds_until(end); left_ms > 0; left_ms = milliseconds_until(end)) {
+        std::array<pollfd, 3> descriptors = {readable(sub_descriptor_), readable(daemon_support::signal_descriptor()),
+                                             pollfd{*client.get(), 0, 0}};
+        const int ready = poll(descriptors.data(), descriptors.size(), left_ms);
+        daemon_support::drain_signal_descriptor();
+        if (stop_requested()) {
+            return;
+        }
+        if (daemon_support::take_reload_request()) {
+            tavrix_lsyslog_reload_conf();
+        }
+        if (ready > 0 && descriptors[0].revents != 0 && take_reply(pending, client)) {
+            ++served_;
+            return;
+        }
+        if (has_gone(client)) {
+            LOG_INFO("The client of %s has gone\n", pending.method.c_str());
+            return;
+        }
+    }
+    ++timeouts_;
+    LOG_WARNING("No reply to %s in time\n", pending.method.c_str());
+    answer_timed_out(client, pending.request.get());
+}
+
+/** Takes the next message that has arrived; null when it is none of JSON, which is counted here. */
+Json Router::next_message() {
+    json_t *received = nullptr;
+    const int rc = tavrix_jrpc_router_mq_extract_response(sub_.get(), &received);
+    if (rc != TAVRIX_OK && rc != TAVRIX_ERR_MQ_TIMEOUT && !stop_requested()) {
+        LOG_WARNING("Discarded a message that is no JSON object\n");
+        ++discarded_;
+    }
+    return Json(received);
+}
+
+bool Router::message_waiting() const {
+    pollfd state = readable(sub_descriptor_);
+    return !stop_requested() && poll(&state, 1, 0) == 1;
+}
+
+/** Receives what has arrived until the awaited reply is among it. */
+bool Router::take_reply(const Pending &pending, const StreamSocket &client) {
+    while (message_waiting()) {
+        const Json message = next_message();
+        const bool is_reply = text_member(message.get(), "id") == pending.method &&
+                              json_equal(json_object_get(message.get(), "transaction_id"),
+                                         json_object_get(pending.on_bus.get(), "transaction_id")) != 0;
+        if (!is_reply) {
+            handle_other(message.get());
+            continue;
+        }
+        if (pending.transaction_id_added) {
+            json_object_del(message.get(), "transaction_id");
+        }
+        answer(client, message.get());
+        return true;
+    }
+    return false;
+}
+
+void Router::drain_replies() {
+    while (message_waiting()) {
+        handle_other(next_message().get());
+    }
+}
+
+void Router::handle_other(json_t *message) {
+    if (message == nullptr) {
+        return;
+    }
+    if (is_notification(message)) {
+        tavrix_jrpc_router_eval_notification(message, notifications);
+        return;
+    }
+    ++discarded_;
+    LOG_WARNING("Discarded a left-over reply of %s\n", text_member(message, "id").c_str());
+}
+
+// --- Answers -------------------------------------------------------------------------------------------------------
+
+void Router::answer(const StreamSocket &client, json_t *response) const {
+    if (tavrix_jrpc_router_socket_dispatch_response(client.get(), response) != TAVRIX_OK) {
+        LOG_INFO("A client did not take its answer\n");
+    }
+}
+
+/** An error response with the request's own id and transaction id as far as they are valid. */
+void Router::answer_error(const StreamSocket &client, int jrpc_code, json_t *request) const {
+    json_t *id = json_object_get(request, "id");
+    json_t *transaction_id = json_object_get(request, "transaction_id");
+    const Json no_id(json_null());
+    const Text response(tavrix_jrpc_create_error(jrpc_code, is_valid_id(id) ? id : no_id.get(), nullptr, 0,
+                                                 json_is_number(transaction_id) ? transaction_id : nullptr));
+    if (response) {
+        tavrix_socket_send(client.get(), response.get());
+    }
+}
+
+void Router::answer_locked(const StreamSocket &client, json_t *request) const {
+    json_t *response = nullptr;
+    if (tavrix_jrpc_router_create_system_lock_response(request, &response) != TAVRIX_OK) {
+        answer_error(client, TAVRIX_JRPC_SYSTEM_BUSY, request); // an id that is a number
+        return;
+    }
+    const Json owner(response);
+    answer(client, response);
+}
+
+void Router::answer_timed_out(const StreamSocket &client, json_t *request) const {
+    const char *id = json_string_value(json_object_get(request, "id"));
+    const json_t *transaction_id = json_object_get(request, "transaction_id");
+    const json_int_t number = json_integer_value(transaction_id);
+    const bool fits =
+        transaction_id == nullptr || (json_is_integer(transaction_id) && number >= INT_MIN && number <= INT_MAX);
+    json_t *response = nullptr;
+    if (id == nullptr || !fits ||
+        tavrix_jrpc_router_create_system_timeout_response(id, static_cast<int>(number), &response) != TAVRIX_OK) {
+        answer_error(client, TAVRIX_JRPC_TIMED_OUT, request); // carries the very same id and transaction id
+        return;
+    }
+    const Json owner(response);
+    answer(client, response);
+}
+
+// --- For the router's own methods ----------------------------------------------------------------------------------
+
+int Router::welcome(const std::string &name, const std::string &channel) {
+    if (channel.empty() || channel.find('|') != std::string::npos) {
+        return TAVRIX_ERR_INVALID_PARAMETER;
+    }
+    if (services_.emplace(name, channel).second) {
+        LOG_INFO("Service %s settled on channel %s\n", name.c_str(), channel.c_str());
+    }
+    const std::string text = std::string(R"({"jsonrpc":"2.0","method":")") + daemon_support::welcome_method + "\"}";
+    return tavrix_jrpc_mq_pub(pub_.get(), channel.c_str(), text.c_str());
+}
+
+void Router::set_locked(bool locked) {
+    locked_ = locked;
+    LOG_INFO("The system is %s\n", locked ? "locked" : "unlocked");
+}
+
+json_t *Router::status() const {
+    json_t *names = json_array();
+    for (const auto &[name, channel] : services_) {
+        json_array_append_new(names, json_string(name.c_str()));
+    }
+    return json_pack("{s:b, s:o, s:i, s:i, s:i}", "locked", locked_ ? 1 : 0, "services", names, "served",
+                     static_cast<int>(served_), "timeouts", static_cast<int>(timeouts_), "discarded",
+                     static_cast<int>(discarded_));
+}
+
+} // namespace router

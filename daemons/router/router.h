@@ -1,0 +1,99 @@
+/**
+ * The router: carries requests from client sockets to the bus, one at a time, and the replies back.
+ *
+ * It works on the library's split path: take a request, look at it, publish it, wait for its reply, answer the client.
+ * What arrives on the reply channel and is not the reply to the request in flight is a notification to the router or a
+ * left-over, never somebody else's answer.
+ */
+#ifndef TAVRIX_DAEMONS_ROUTER_ROUTER_H
+#define TAVRIX_DAEMONS_ROUTER_ROUTER_H
+
+#include <chrono>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "common/handles.h"
+
+namespace router {
+
+using daemon_support::BusSocket;
+using daemon_support::Json;
+using daemon_support::StreamSocket;
+using Clock = std::chrono::steady_clock;
+
+struct Config {
+    std::string socket_path = "/run/tavrix/router.sock";
+    int tcp_port = 0; ///< 0: no TCP listener
+    std::string publish = "tcp://127.0.0.1:7001";
+    std::vector<std::string> connect;
+    int reply_timeout_ms = 10000;
+    int client_timeout_ms = 500;
+};
+
+class Router {
+  public:
+    /** One router lives in a process: method handlers are plain functions. */
+    explicit Router(Config config);
+    Router(const Router &) = delete;
+    Router &operator=(const Router &) = delete;
+    ~Router();
+
+    /** Opens listeners and bus sockets; logs what failed. */
+    bool open();
+
+    /** Serves until a stop is asked for. */
+    void serve();
+
+    /** For the methods of the router itself. */
+    int welcome(const std::string &name, const std::string &channel);
+    void set_locked(bool locked);
+    json_t *status() const;
+
+  private:
+    /** A client's request between its publishing and its reply. */
+    struct Pending {
+        Json request; ///< as the client sent it
+        Json on_bus;  ///< as published
+        std::string method;
+        bool transaction_id_added = false;
+    };
+
+    bool open_bus();
+    void probe_services();
+    int poll_timeout_ms() const;
+
+    void serve_client(const StreamSocket &listener, bool trusted);
+    bool take_request(const StreamSocket &listener, StreamSocket *client, Json *request);
+    void handle_request(Json request, const StreamSocket &client, bool trusted);
+    void forward(Json request, const std::string &method, const StreamSocket &client);
+    void await_reply(const Pending &pending, const StreamSocket &client);
+    bool take_reply(const Pending &pending, const StreamSocket &client);
+    void drain_replies();
+    bool message_waiting() const;
+    Json next_message();
+    void handle_other(json_t *message);
+
+    void answer(const StreamSocket &client, json_t *response) const;
+    void answer_error(const StreamSocket &client, int jrpc_code, json_t *request) const;
+    void answer_locked(const StreamSocket &client, json_t *request) const;
+    void answer_timed_out(const StreamSocket &client, json_t *request) const;
+
+    Config config_;
+    StreamSocket unix_listener_;
+    StreamSocket tcp_listener_;
+    BusSocket pub_;
+    BusSocket sub_;
+    int sub_descriptor_ = -1;
+    bool locked_ = false;
+    std::map<std::string, std::string> services_; ///< name and channel of those that said hello
+    Clock::time_point probe_until_;
+    json_int_t last_transaction_id_ = 0;
+    unsigned served_ = 0;
+    unsigned timeouts_ = 0;
+    unsigned discarded_ = 0;
+};
+
+} // namespace router
+
+#endif

@@ -32,6 +32,8 @@ constexpr int lowest_sp_type = TAVRIX_SP_PAIR;
 constexpr int highest_sp_type = TAVRIX_SP_BUS;
 static_assert(sizeof protocols / sizeof protocols[0] == highest_sp_type, "one protocol for each SP type");
 
+constexpr char stand_in_topic[] = "\x01";
+
 // The transports 1 to 3 in their order.
 constexpr const char *schemes[] = {"inproc://", "ipc://", "tcp://"};
 constexpr int lowest_transport = TAVRIX_TRANSPORT_INPROC;
@@ -269,7 +271,17 @@ int tavrix_mq_socket_sendfd(int sock, int *fd_out) { return read_option(sock, NN
 
 int tavrix_mq_socket_subscribe(int sock, const char *topic) { return write_topic(sock, NN_SUB_SUBSCRIBE, topic); }
 
-int tavrix_mq_socket_unsubscribe(int sock, const char *topic) { return write_topic(sock, NN_SUB_UNSUBSCRIBE, topic); }
+int tavrix_mq_socket_unsubscribe(int sock, const char *topic) {
+    // nanomsg crashes when a topic is taken from a socket that has none; a topic that no channel begins with stands in.
+    if (topic != nullptr && write_topic(sock, NN_SUB_SUBSCRIBE, stand_in_topic) != TAVRIX_OK) {
+        return TAVRIX_ERR_GENERAL;
+    }
+    const int rc = write_topic(sock, NN_SUB_UNSUBSCRIBE, topic);
+    if (topic != nullptr) {
+        static_cast<void>(nn_setsockopt(sock, NN_SUB, NN_SUB_UNSUBSCRIBE, stand_in_topic, sizeof stand_in_topic - 1));
+    }
+    return rc;
+}
 
 int tavrix_mq_socket_set_timeout(int sock, int ms) {
     return write_option(sock, NN_SOL_SOCKET, NN_RCVTIMEO, &ms, sizeof ms);

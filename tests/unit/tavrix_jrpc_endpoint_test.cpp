@@ -1,0 +1,254 @@
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "support/bus.h"
+#include "support/log_capture.h"
+#include "tavrix_jrpc.h"
+#include "tavrix_mq.h"
+
+using support::BusPair;
+using support::BusSocket;
+using support::free_bus_address;
+using support::LogCapture;
+
+namespace {
+
+constexpr char unit[] = "tavrix_jrpc";
+
+int calls = 0;
+int handler_rc = 0;
+
+int get(json_t *, json_t **result, json_t **) {
+    ++calls;
+    *result = json_string("got");
+    return handler_rc;
+}
+
+const tavrix_jrpc_method table[] = {{"ports.Get", get}, {nullptr, nullptr}};
+
+/** A service with both directions of its bus settled: requests go in, replies come out. */
+class Endpoint : public testing::Test {
+  protected:
+    Endpoint() : requests("service", 2000), replies("", 50) {
+        calls = 0;
+        handler_rc = 0;
+    }
+
+    int step(int nonblock = 0) {
+        return tavrix_jrpc_mq_run(&requests.sub.number, &replies.pub.number, table, nonblock);
+    }
+    int serve(const std::string &frame) {
+        requests.publish(frame);
+        return step();
+    }
+
+    BusPair requests;
+    BusPair replies;
+};
+
+constexpr char request[] = R"({"jsonrpc":"2.0","id":"R1","method":"ports.Get"})";
+
+} // namespace
+
+TEST_F(Endpoint, PublishesTheReplyOnTheChannelNamedByTheRequestsId) {
+    EXPECT_EQ(serve(std::string("service|") + request), 0);
+    EXPECT_EQ(replies.receive(), R"(R1|{"jsonrpc":"2.0","id":"ports.Get","result":"got"})");
+}
+
+TEST_F(Endpoint, AnswersAFailedMethod) {
+    handler_rc = -35;
+    EXPECT_EQ(serve(std::string("service|") + request), 0);
+    EXPECT_NE(replies.receive().find("-32602"), std::string::npos);
+}
+
+TEST_F(Endpoint, DropsARequestWhoseIdIsANumber) {
+    const LogCapture log("debug");
+    EXPECT_EQ(serve(R"(service|{"jsonrpc":"2.0","id":12,"method":"ports.Get"})"), -1);
+    EXPECT_EQ(calls, 0);
+    EXPECT_EQ(replies.receive(), "(nothing)");
+    EXPECT_TRUE(log.has(support::debug, unit, "[tavrix_jrpc_mq_run]: Error parse_channel, rc = -1\n"));
+}
+
+TEST_F(Endpoint, RunsANotificationWithoutReply) {
+    EXPECT_EQ(serve(R"(service|{"jsonrpc":"2.0","method":"ports.Get"})"), 0);
+    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(replies.receive(), "(nothing)");
+}
+
+TEST_F(Endpoint, PassesAFailedEvaluationOn) {
+    EXPECT_EQ(serve(R"(service|{"jsonrpc":"1.0","id":"R1","method":"ports.Get"})"), -1);
+    EXPECT_EQ(replies.receive(), "(nothing)");
+}
+
+TEST_F(Endpoint, DropsAFrameWithoutBar) {
+    const LogCapture log("debug");
+    EXPECT_EQ(serve("service without bar"), -1);
+    EXPECT_TRUE(log.has(support::debug, unit, "[tavrix_jrpc_mq_run]: Error parse_msg, rc = -1\n"));
+}
+
+TEST_F(Endpoint, DropsAFrameWithoutJson) {
+    EXPECT_EQ(serve("service|no json"), -1);
+    EXPECT_EQ(replies.receive(), "(nothing)");
+}
+
+TEST_F(Endpoint, RefusesAnEmptyFrame) {
+    BusPair everything("", 2000);
+    ASSERT_EQ(tavrix_mq_socket_send(everything.pub.number, ""), 0);
+    EXPECT_EQ(tavrix_jrpc_mq_run(&everything.sub.number, &replies.pub.number, table, 0), -1);
+}
+
+TEST_F(Endpoint, SaysWhenNothingArrived) {
+    EXPECT_EQ(step(1), -46);
+    tavrix_mq_socket_set_timeout(requests.sub.number, 20);
+    EXPECT_EQ(step(0), -46);
+}
+
+TEST_F(Endpoint, PassesAFailedReceiveOn) {
+    requests.sub.close();
+    int closed = 9999;
+    EXPECT_EQ(tavrix_jrpc_mq_run(&closed, &replies.pub.number, table, 0), -1);
+}
+
+TEST_F(Endpoint, ReportsAReplyThatCannotBePublished) {
+    int closed = 9999;
+    requests.publish(std::string("service|") + request);
+    const LogCapture log("debug");
+    EXPECT_EQ(tavrix_jrpc_mq_run(&requests.sub.number, &closed, table, 0), -1);
+    EXPECT_TRUE(log.has(support::debug, unit, "[tavrix_jrpc_mq_run]: Sending response over mq_pub ...\n"));
+    EXPECT_TRUE(log.has(support::debug, unit, "[tavrix_jrpc_mq_pub]: Error mq_send, rc = -1\n"));
+    EXPECT_TRUE(log.has(support::debug, unit, "[tavrix_jrpc_mq_run]: Error mq_send, rc = -1\n"));
+}
+
+TEST_F(Endpoint, RefusesNullArguments) {
+    const LogCapture log("debug");
+    EXPECT_EQ(tavrix_jrpc_mq_run(nullptr, &replies.pub.number, table, 0), -20);
+    EXPECT_EQ(tavrix_jrpc_mq_run(&requests.sub.number, nullptr, table, 0), -20);
+    EXPECT_EQ(tavrix_jrpc_mq_run(&requests.sub.number, &replies.pub.number, nullptr, 0), -20);
+    EXPECT_EQ(log.count(support::debug, unit, "[tavrix_jrpc_mq_run]: Null Pointer!\n"), 3);
+}
+
+TEST_F(Endpoint, ShowsEachLegAtVerboseLevel) {
+    requests.publish(std::string("service|") + request);
+    const LogCapture log("verbose");
+    EXPECT_EQ(step(), 0);
+    const std::string frame = std::string("service|") + request;
+    const std::string reply = R"(R1|{"jsonrpc":"2.0","id":"ports.Get","result":"got"})";
+    EXPECT_TRUE(log.has(support::verbose, unit, "[tavrix_jrpc_mq_run]: waiting to receive... \n"));
+    EXPECT_TRUE(log.has(support::verbose, unit,
+                        "[tavrix_jrpc_mq_run]: mq_recv msg[" + std::to_string(frame.size()) + "]: " + frame + "\n"));
+    EXPECT_TRUE(log.has(support::debug, unit, "[tavrix_jrpc_mq_run]: Sending response over mq_pub ...\n"));
+    EXPECT_TRUE(log.has(support::verbose, unit, "[tavrix_jrpc_mq_pub]: Prefixing channel with response...\n"));
+    EXPECT_TRUE(log.has(support::verbose, unit, "[tavrix_jrpc_mq_pub]: Sending message over mq_pub...\n"));
+    EXPECT_TRUE(log.has(support::verbose, unit,
+                        "[tavrix_jrpc_mq_pub]: mq_send msg[" + std::to_string(reply.size()) + "]: " + reply + "\n"));
+}
+
+TEST_F(Endpoint, ListensOnSeveralChannels) {
+    ASSERT_EQ(tavrix_jrpc_mq_sub_set_channel(free_bus_address().c_str(), "second", &requests.sub.number), 0);
+    EXPECT_EQ(serve(std::string("second|") + request), 0);
+    EXPECT_EQ(serve(std::string("service|") + request), 0);
+    EXPECT_EQ(calls, 2);
+}
+
+TEST(Publish, RefusesNullArguments) {
+    const BusSocket pub(TAVRIX_SP_PUB);
+    const LogCapture log("debug");
+    EXPECT_EQ(tavrix_jrpc_mq_pub(nullptr, "c", "{}"), -20);
+    EXPECT_EQ(tavrix_jrpc_mq_pub(&pub.number, nullptr, "{}"), -20);
+    EXPECT_EQ(tavrix_jrpc_mq_pub(&pub.number, "c", nullptr), -20);
+    EXPECT_EQ(log.count(support::debug, unit, "[tavrix_jrpc_mq_pub]: Null Pointer!\n"), 3);
+}
+
+TEST(PubInit, BindsAPublisher) {
+    BusSocket pub;
+    const LogCapture log("debug");
+    const std::string address = free_bus_address();
+    ASSERT_EQ(tavrix_jrpc_mq_pub_init(address.c_str(), &pub.number), 0);
+    EXPECT_TRUE(log.has(support::debug, unit, "[tavrix_jrpc_mq_pub_init]: mq_socket for pub initialized.\n"));
+    BusSocket sub(TAVRIX_SP_SUB);
+    sub.connect(address);
+    tavrix_mq_socket_subscribe(sub.number, "c");
+    support::settle(pub.number, sub.number, "c");
+}
+
+TEST(PubInit, RefusesNullAndBadAddresses) {
+    int pub = -77;
+    const LogCapture log("debug");
+    EXPECT_EQ(tavrix_jrpc_mq_pub_init(nullptr, &pub), -20);
+    EXPECT_EQ(tavrix_jrpc_mq_pub_init("tcp://127.0.0.1:1", nullptr), -20);
+    EXPECT_EQ(log.count(support::debug, unit, "[tavrix_jrpc_mq_pub_init]: NULL pointer!\n"), 2);
+    EXPECT_EQ(tavrix_jrpc_mq_pub_init("ipc://x", &pub), -34) << "the bind's own status";
+    EXPECT_TRUE(log.has(support::debug, unit, "[tavrix_jrpc_mq_pub_init]: Error mq_socket_bind for pub, rc = -34\n"));
+    EXPECT_EQ(tavrix_jrpc_mq_pub_init("tcp://nowhere", &pub), -1);
+    EXPECT_TRUE(log.has(support::debug, unit, "[tavrix_jrpc_mq_pub_init]: Error mq_socket_bind for pub, rc = -1\n"));
+    EXPECT_EQ(pub, -77);
+}
+
+TEST(SubInit, SetsATimeOutWhenAskedTo) {
+    for (const int with_timeout : {0, 1, -1}) {
+        BusSocket sub;
+        const LogCapture log("debug");
+        ASSERT_EQ(tavrix_jrpc_mq_sub_init(&sub.number, with_timeout), 0);
+        int ms = 0;
+        tavrix_mq_socket_get_timeout(sub.number, &ms);
+        EXPECT_EQ(ms, with_timeout != 0 ? 1000 : -1);
+        EXPECT_TRUE(log.has(support::debug, unit, "[tavrix_jrpc_mq_sub_init]: mq_socket for sub initialized.\n"));
+    }
+}
+
+TEST(SubInit, RefusesNull) {
+    const LogCapture log("debug");
+    EXPECT_EQ(tavrix_jrpc_mq_sub_init(nullptr, 1), -20);
+    EXPECT_TRUE(log.has(support::debug, unit, "[tavrix_jrpc_mq_sub_init]: NULL pointer!\n"));
+}
+
+TEST(Init, ReportsThatNoBusSocketIsLeft) {
+    std::vector<int> sockets;
+    int socket = -77;
+    while (tavrix_mq_socket_init(TAVRIX_SP_PAIR, &socket) == 0) {
+        sockets.push_back(socket);
+    }
+    int out = -77;
+    const LogCapture log("debug");
+    EXPECT_EQ(tavrix_jrpc_mq_pub_init("tcp://127.0.0.1:1", &out), -1);
+    EXPECT_EQ(tavrix_jrpc_mq_sub_init(&out, 1), -1);
+    EXPECT_EQ(out, -77);
+    EXPECT_TRUE(log.has(support::debug, unit, "[tavrix_jrpc_mq_pub_init]: Error mq_socket_init for pub, rc = -1\n"));
+    EXPECT_TRUE(log.has(support::debug, unit, "[tavrix_jrpc_mq_sub_init]: Error mq_socket_init for sub, rc = -1\n"));
+    for (const int number : sockets) {
+        tavrix_mq_socket_close(number);
+    }
+}
+
+TEST(SetChannel, RefusesNull) {
+    BusSocket sub(TAVRIX_SP_SUB);
+    const LogCapture log("debug");
+    EXPECT_EQ(tavrix_jrpc_mq_sub_set_channel(nullptr, "c", &sub.number), -20);
+    EXPECT_EQ(tavrix_jrpc_mq_sub_set_channel("tcp://127.0.0.1:1", nullptr, &sub.number), -20);
+    EXPECT_EQ(tavrix_jrpc_mq_sub_set_channel("tcp://127.0.0.1:1", "c", nullptr), -20);
+    EXPECT_EQ(log.count(support::debug, unit, "[tavrix_jrpc_mq_sub_set_channel]: NULL pointer!\n"), 3);
+    int ms = 0;
+    EXPECT_EQ(tavrix_mq_socket_get_timeout(sub.number, &ms), 0) << "the socket is still open";
+}
+
+TEST(SetChannel, ClosesTheSocketWhenAStepFails) {
+    const struct {
+        int sp_type;
+        const char *address;
+        std::string line;
+    } rows[] = {
+        {TAVRIX_SP_SUB, "ipc://x", "[tavrix_jrpc_mq_sub_set_channel]: Error mq_socket_connect for sub, rc = -34\n"},
+        {TAVRIX_SP_SUB, "tcp://nowhere", "[tavrix_jrpc_mq_sub_set_channel]: Error mq_socket_connect for sub, rc = -1\n"},
+        {TAVRIX_SP_PAIR, "tcp://127.0.0.1:1",
+         "[tavrix_jrpc_mq_sub_set_channel]: Error mq_socket_subscribe for sub, rc = -1\n"},
+    };
+    for (const auto &row : rows) {
+        BusSocket socket(row.sp_type);
+        const LogCapture log("debug");
+        EXPECT_EQ(tavrix_jrpc_mq_sub_set_channel(row.address, "c", &socket.number), -1);
+        EXPECT_TRUE(log.has(support::debug, unit, row.line)) << log.text();
+        int ms = 0;
+        EXPECT_EQ(tavrix_mq_socket_get_timeout(std::exchange(socket.number, -1), &ms), -1) << "closed";
+    }
+}

@@ -1,0 +1,167 @@
+#include "tavrix_jrpc.h"
+
+#include <iterator>
+#include <map>
+
+#include <gtest/gtest.h>
+
+#include "support/log_capture.h"
+
+using support::LogCapture;
+
+namespace {
+
+struct Message {
+    int code;
+    const char *text;
+};
+
+constexpr Message catalogue[] = {
+    {-32001, "Unknown Error"},
+    {-32002, "JSONRPC Version not supported"},
+    {-32003, "This feature is not supported in this version, or the API may be incorrectly formed.  Please check the "
+             "API documentation for further details."},
+    {-32004, "Unable to formulate a JSON response"},
+    {-32005, "Command timed out"},
+    {-32006, "The given value is reserved internally"},
+    {-32007, "Attempted to set unique parameter to a value that already exists."},
+    {-32020, "The MZU for the given MZU ID is offline, and is expected to be online."},
+    {-32021, "The MZU for the given MZU ID is online, and is expected to be offline."},
+    {-32022, "The given MZU ID does not represent an existing MZU."},
+    {-32023, "The given MZU ID represents an MZU that already exists."},
+    {-32024, "An MZU ID was expected."},
+    {-32025, "The maximum allowed limit for MZUs has been reached."},
+    {-32026, "MAC address limiting is not supported by the MZU or port."},
+    {-32027, "Switch model does not support this function, or switch is in failed state."},
+    {-32028, "Configuration queue is busy. Cannot perform this action."},
+    {-32029, "There are pending configuration for this edge switch. Cannot perform this action."},
+    {-32030, "The given Port ID is invalid."},
+    {-32034, "The given id does not represent any existing port(s)."},
+    {-32031, "The given Port ID does not represent a D-port."},
+    {-32032, "The given Port ID does not represent a C-port."},
+    {-32033, "The number of VLAN IDs entered exceed the maximum number allowed."},
+    {-32035, "The given port(s) do not support POE."},
+    {-32036,
+     "Connected MAC addresses cannot be retrieved from this MZU model while MAC address restrictions are applied"},
+    {-32037, "Cannot put same MAC address allowed on more than one E13 port"},
+    {-32038, "Cannot changed status or VLAN of port d4 while peer to peer communication is enabled"},
+    {-32058, "Cannot set configuration where the management VLAN is not on a D port"},
+    {-32039, "Attempted to set too many entries for the switch or port."},
+    {-32050, "The box is not in ACTIVE mode."},
+    {-32051, "Invalid date and time. Input format should be YYYY-MM-DD HH:MM"},
+    {-32052, "Firmware file not present in filesystem"},
+    {-32053, "Software is already the factory default version"},
+    {-32054, "Multiple lasers are configured to be redundant with different IP addresses"},
+    {-32055, "A ZQN-H7 may not perform a config database sync while one of its lasers is in protect mode"},
+    {-32056, "A ZQN-H7 may not perform a config database sync while no lasers are in active mode"},
+    {-32044, "The given IP address is already in use"},
+    {-32045, "Subnets of VLAN and LOCAL management IP addresses are conflicting"},
+    {-32057, "Date on the ZQN-H7 must be set"},
+    {-32010, "The database encountered an error while processing the data."},
+    {-32013, "No records in the database are found."},
+    {-32011, "Insufficient memory error. Please reset the H7."},
+    {-32012, "One of the dependent hardware components returned an error."},
+    {-32014, "System is busy."},
+    {-32040, "The given MAC Address already exists."},
+    {-32041, "The given MAC Address does not exist."},
+    {-32042, "The given model does not exist."},
+    {-32043, "A Switch MAC address is required for this operation."},
+    {-32600, "Invalid Request"},
+    {-32601, "Method not found"},
+    {-32602, "Invalid parameter(s)"},
+    {-32603, "Internal error"},
+    {-32700, "Parse error"},
+};
+
+struct Pair {
+    int internal;
+    int jrpc;
+};
+
+constexpr Pair conversions[] = {
+    {-1, -32001},  {-30, -32004}, {-3, -32003},  {-35, -32602}, {-2, -32005},  {-49, -32006}, {-57, -32602},
+    {-72, -32007}, {-55, -32602}, {-8, -32020},  {-29, -32021}, {-59, -32022}, {-26, -32023}, {-15, -32024},
+    {-36, -32025}, {-58, -32026}, {-70, -32028}, {-71, -32029}, {-65, -32027}, {-6, -32030},  {-47, -32034},
+    {-14, -32031}, {-13, -32032}, {-19, -32033}, {-37, -32035}, {-64, -32036}, {-67, -32037}, {-68, -32038},
+    {-73, -32039}, {-32, -32050}, {-33, -32051}, {-40, -32052}, {-48, -32053}, {-52, -32054}, {-53, -32055},
+    {-54, -32056}, {-62, -32044}, {-63, -32045}, {-66, -32057}, {-7, -32010},  {-11, -32010}, {-12, -32010},
+    {-38, -32013}, {-21, -32011}, {-22, -32011}, {-16, -32012}, {-45, -32014}, {-61, -32043}, {-69, -32058},
+    {-27, -32040}, {-28, -32042}, {-4, -32001},  {-31, -32602},
+};
+
+} // namespace
+
+TEST(JrpcCatalogue, HasAMessageForEveryCode) {
+    for (const Message &row : catalogue) {
+        EXPECT_STREQ(tavrix_jrpc_error_message(row.code), row.text) << row.code;
+    }
+}
+
+TEST(JrpcCatalogue, FallsBackForCodesItLacks) {
+    for (const int code : {0, -1, 32001, -32000, -32008, -32099, -32599, -32701}) {
+        EXPECT_STREQ(tavrix_jrpc_error_message(code), "Unknown Error") << code;
+    }
+}
+
+TEST(JrpcCatalogue, HoldsItsRowsOnce) {
+    EXPECT_EQ(std::size(catalogue), 52U);
+    EXPECT_EQ(std::size(conversions), 53U);
+}
+
+TEST(ConvertToJrpc, FollowsTheTable) {
+    for (const Pair &row : conversions) {
+        EXPECT_EQ(tavrix_jrpc_error_convert_tavrix_to_jrpc(row.internal), row.jrpc) << row.internal;
+    }
+}
+
+TEST(ConvertToJrpc, AnswersUnknownErrorForEveryOtherCode) {
+    std::map<int, int> known;
+    for (const Pair &row : conversions) {
+        known[row.internal] = row.jrpc;
+    }
+    for (int code = -80; code <= 5; ++code) {
+        if (known.count(code) == 0) {
+            EXPECT_EQ(tavrix_jrpc_error_convert_tavrix_to_jrpc(code), -32001) << code;
+        }
+    }
+    EXPECT_EQ(known.count(-20), 0U);
+    EXPECT_EQ(known.count(-34), 0U);
+}
+
+TEST(ConvertFromJrpc, TakesTheFirstRowThatFits) {
+    std::map<int, int> first;
+    for (const Pair &row : conversions) {
+        first.emplace(row.jrpc, row.internal);
+    }
+    for (const auto &[jrpc, internal] : first) {
+        EXPECT_EQ(tavrix_jrpc_error_convert_jrpc_to_tavrix(jrpc), internal) << jrpc;
+    }
+    EXPECT_EQ(tavrix_jrpc_error_convert_jrpc_to_tavrix(-32602), -35);
+    EXPECT_EQ(tavrix_jrpc_error_convert_jrpc_to_tavrix(-32010), -7);
+    EXPECT_EQ(tavrix_jrpc_error_convert_jrpc_to_tavrix(-32011), -21);
+    EXPECT_EQ(tavrix_jrpc_error_convert_jrpc_to_tavrix(-32001), -1);
+}
+
+TEST(ConvertFromJrpc, AnswersTheOtherNumberingWhenNoRowFits) {
+    for (const int code : {-32600, -32601, -32603, -32700, -32002, -32041, 0, 5}) {
+        EXPECT_EQ(tavrix_jrpc_error_convert_jrpc_to_tavrix(code), -32001) << code;
+    }
+}
+
+TEST(Conversions, SayWhatTheyReceivedAtDebugLevel) {
+    const LogCapture log("debug");
+    tavrix_jrpc_error_convert_tavrix_to_jrpc(-35);
+    tavrix_jrpc_error_convert_jrpc_to_tavrix(-32602);
+    EXPECT_EQ(log.sequence(), (std::vector<std::string>{
+                                  "DEBUG|Received error code <-35> to convert to jrpc error",
+                                  "DEBUG|Received jrpc error code <-32602> to convert to tavrix error",
+                              }));
+    EXPECT_EQ(log.lines().front().file, "tavrix_jrpc");
+}
+
+TEST(Conversions, AreSilentBelowDebugLevel) {
+    const LogCapture log("info");
+    tavrix_jrpc_error_convert_tavrix_to_jrpc(-35);
+    tavrix_jrpc_error_convert_jrpc_to_tavrix(-32602);
+    EXPECT_TRUE(log.silent());
+}

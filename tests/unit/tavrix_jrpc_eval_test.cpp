@@ -1,0 +1,395 @@
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "support/log_capture.h"
+#include "tavrix_jrpc.h"
+
+using support::LogCapture;
+
+namespace {
+
+constexpr char unit[] = "tavrix_jrpc";
+
+/** What the handlers saw, and what they are to do next. */
+struct Script {
+    int calls = 0;
+    bool params_null = false;
+    std::string params;
+    int rc = 0;
+    json_t *result = nullptr;
+    json_t *error_data = nullptr;
+};
+Script script;
+
+int scripted(json_t *params, json_t **result, json_t **error_data) {
+    ++script.calls;
+    script.params_null = params == nullptr;
+    if (params != nullptr) {
+        char *text = json_dumps(params, JSON_COMPACT);
+        script.params = text;
+        free(text);
+    }
+    EXPECT_EQ(*result, nullptr);
+    EXPECT_EQ(*error_data, nullptr);
+    *result = std::exchange(script.result, nullptr);
+    *error_data = std::exchange(script.error_data, nullptr);
+    return script.rc;
+}
+
+int never(json_t *, json_t **, json_t **) {
+    ADD_FAILURE() << "the wrong handler";
+    return 0;
+}
+
+const tavrix_jrpc_method table[] = {
+    {"first.Method", never}, {"test.Run", scripted}, {"test.Run", never}, {nullptr, nullptr}};
+
+struct Answer {
+    int rc;
+    bool has_text;
+    std::string text;
+};
+
+Answer evaluate(const std::string &request) {
+    char *text = nullptr;
+    const int rc = tavrix_jrpc_eval_request(request.c_str(), table, &text);
+    Answer answer{rc, text != nullptr, text != nullptr ? text : ""};
+    free(text);
+    return answer;
+}
+
+/** The response as an object whose members can be compared whatever their order. */
+void expect_json(const std::string &text, const std::string &expected) {
+    json_t *left = json_loads(text.c_str(), 0, nullptr);
+    json_t *right = json_loads(expected.c_str(), 0, nullptr);
+    EXPECT_NE(left, nullptr) << text;
+    EXPECT_NE(right, nullptr) << expected;
+    EXPECT_TRUE(json_equal(left, right)) << text << "\nexpected " << expected;
+    json_decref(left);
+    json_decref(right);
+}
+
+class Evaluate : public testing::Test {
+  protected:
+    void SetUp() override { script = Script(); }
+    void TearDown() override {
+        json_decref(script.result);
+        json_decref(script.error_data);
+    }
+};
+
+constexpr char good[] = R"({"jsonrpc":"2.0","id":1,"method":"test.Run"})";
+
+} // namespace
+
+TEST_F(Evaluate, RefusesEachNullArgument) {
+    char *text = nullptr;
+    const LogCapture log("info");
+    EXPECT_EQ(tavrix_jrpc_eval_request(nullptr, table, &text), -1);
+    EXPECT_EQ(tavrix_jrpc_eval_request(good, nullptr, &text), -1);
+    EXPECT_EQ(tavrix_jrpc_eval_request(good, table, nullptr), -1);
+    EXPECT_EQ(log.count(support::error, unit, "tavrix_jrpc_eval_request: NULL pointer!\n"), 3);
+    EXPECT_EQ(script.calls, 0);
+}
+
+TEST_F(Evaluate, CallsTheFirstMethodOfTheName) {
+    const Answer answer = evaluate(good);
+    EXPECT_EQ(answer.rc, 0);
+    EXPECT_EQ(script.calls, 1);
+    EXPECT_TRUE(script.params_null);
+    expect_json(answer.text, R"({"jsonrpc":"2.0","id":"test.Run","result":0})");
+}
+
+TEST_F(Evaluate, PassesTheParamsObject) {
+    evaluate(R"({"jsonrpc":"2.0","id":1,"method":"test.Run","params":{"a":[1,2]}})");
+    EXPECT_EQ(script.params, R"({"a":[1,2]})");
+}
+
+TEST_F(Evaluate, AnswersWithTheMethodsNameAsIdWhateverTheRequestsId) {
+    for (const char *id : {"5", "1.5", "\"abc\"", "\"\"", "-7"}) {
+        script = Script();
+        script.result = json_string("done");
+        const Answer answer = evaluate(std::string(R"({"jsonrpc":"2.0","method":"test.Run","id":)") + id + "}");
+        EXPECT_EQ(answer.rc, 0) << id;
+        expect_json(answer.text, R"({"jsonrpc":"2.0","id":"test.Run","result":"done"})");
+    }
+}
+
+TEST_F(Evaluate, EchoesTheTransactionIdUnchanged) {
+    for (const char *id : {"7", "0", "-3", "2.5", "9007199254740993"}) {
+        const Answer answer =
+            evaluate(std::string(R"({"jsonrpc":"2.0","id":1,"method":"test.Run","transaction_id":)") + id + "}");
+        expect_json(answer.text,
+                    std::string(R"({"jsonrpc":"2.0","id":"test.Run","result":0,"transaction_id":)") + id + "}");
+    }
+}
+
+TEST_F(Evaluate, WritesCompactAsciiText) {
+    script.result = json_pack("{s:s}", "name", "Z\xc3\xbcrich");
+    const Answer answer = evaluate(good);
+    EXPECT_EQ(answer.text.find(' '), std::string::npos);
+    EXPECT_NE(answer.text.find("Z\\u00FCrich"), std::string::npos) << answer.text;
+}
+
+TEST_F(Evaluate, TakesAPositiveStatusForSuccess) {
+    script.rc = 3;
+    script.result = json_true();
+    expect_json(evaluate(good).text, R"({"jsonrpc":"2.0","id":"test.Run","result":true})");
+}
+
+TEST_F(Evaluate, DropsErrorDataOfASuccess) {
+    script.error_data = json_object();
+    expect_json(evaluate(good).text, R"({"jsonrpc":"2.0","id":"test.Run","result":0})");
+}
+
+TEST_F(Evaluate, ConvertsAFailureAndCarriesItsData) {
+    script.rc = -35;
+    script.result = json_integer(99);
+    script.error_data = json_pack("{s:s}", "message", "Missing");
+    const Answer answer = evaluate(R"({"jsonrpc":"2.0","id":1,"method":"test.Run","transaction_id":4})");
+    EXPECT_EQ(answer.rc, 0);
+    expect_json(answer.text, R"j({"jsonrpc":"2.0","id":"test.Run","transaction_id":4,)j"
+                             R"j("error":{"code":-32602,"message":"Invalid parameter(s)","data":{"message":"Missing"}}})j");
+}
+
+TEST_F(Evaluate, AnswersAnUnknownMethod) {
+    const LogCapture log("info");
+    const Answer answer = evaluate(R"({"jsonrpc":"2.0","id":5,"method":"x.Unknown"})");
+    EXPECT_EQ(answer.rc, 0);
+    expect_json(answer.text, R"({"jsonrpc":"2.0","id":"x.Unknown",
+        "error":{"code":-32601,"message":"Method not found","data":null}})");
+    EXPECT_TRUE(log.has(support::error, unit, "invalid method occurred <x.Unknown>\n"));
+    EXPECT_EQ(log.count(support::error, unit, "JSON Response: " + answer.text + "\n"), 1);
+}
+
+TEST_F(Evaluate, ComparesMethodNamesByteForByte) {
+    for (const char *name : {"test.run", "test.Run ", "test.Ru", "TEST.RUN", ""}) {
+        evaluate(std::string(R"({"jsonrpc":"2.0","id":5,"method":")") + name + "\"}");
+    }
+    EXPECT_EQ(script.calls, 0);
+}
+
+TEST_F(Evaluate, AnswersAMethodThatIsNoStringWithThatValueAsId) {
+    const Answer answer = evaluate(R"({"jsonrpc":"2.0","id":5,"method":[1]})");
+    EXPECT_EQ(answer.rc, 0);
+    expect_json(answer.text, R"({"jsonrpc":"2.0","id":[1],
+        "error":{"code":-32601,"message":"Method not found","data":null}})");
+}
+
+TEST_F(Evaluate, GivesNoResponseToANotification) {
+    const Answer success = evaluate(R"({"jsonrpc":"2.0","method":"test.Run"})");
+    EXPECT_EQ(success.rc, 0);
+    EXPECT_FALSE(success.has_text);
+    EXPECT_EQ(script.calls, 1);
+    script.rc = -4;
+    script.result = json_integer(1);
+    script.error_data = json_object();
+    const Answer failure = evaluate(R"({"jsonrpc":"2.0","method":"test.Run"})");
+    EXPECT_EQ(failure.rc, -1);
+    EXPECT_FALSE(failure.has_text);
+    const Answer unknown = evaluate(R"({"jsonrpc":"2.0","method":"x"})");
+    EXPECT_EQ(unknown.rc, -1);
+    EXPECT_FALSE(unknown.has_text);
+}
+
+struct Refused {
+    const char *name;
+    const char *request;
+    const char *line; ///< the error line, null when none is due
+};
+
+class EvaluateRefuses : public testing::TestWithParam<Refused> {};
+
+TEST_P(EvaluateRefuses, WithoutAnyResponse) {
+    script = Script();
+    const LogCapture log("info");
+    const Answer answer = evaluate(GetParam().request);
+    EXPECT_EQ(answer.rc, -1);
+    EXPECT_FALSE(answer.has_text) << answer.text;
+    EXPECT_EQ(script.calls, 0);
+    if (GetParam().line != nullptr) {
+        EXPECT_EQ(log.count(support::error, unit, std::string(GetParam().line) + "\n"), 1) << log.text();
+    } else {
+        EXPECT_TRUE(log.silent()) << log.text();
+    }
+}
+
+constexpr char bad_id[] = "tavrix_jrpc_eval_request: Invalid Request ID";
+constexpr char bad_transaction[] = "tavrix_jrpc_eval_request: Invalid Transaction ID";
+constexpr char no_json[] = "tavrix_jrpc_eval_request: Cannot parse JSON data";
+constexpr char no_object[] = "tavrix_jrpc_eval_request: Invalid JSON";
+
+INSTANTIATE_TEST_SUITE_P(
+    Envelope, EvaluateRefuses,
+    testing::Values(
+        Refused{"IdTrue", R"({"jsonrpc":"2.0","id":true,"method":"test.Run"})", bad_id},
+        Refused{"IdNull", R"({"jsonrpc":"2.0","id":null,"method":"test.Run"})", bad_id},
+        Refused{"IdArray", R"({"jsonrpc":"2.0","id":[],"method":"test.Run"})", bad_id},
+        Refused{"IdObject", R"({"jsonrpc":"2.0","id":{},"method":"test.Run"})", bad_id},
+        Refused{"IdBeforeTransaction", R"({"id":{},"transaction_id":"x","method":"test.Run"})", bad_id},
+        Refused{"TransactionText", R"({"jsonrpc":"2.0","id":1,"transaction_id":"x","method":"test.Run"})",
+                bad_transaction},
+        Refused{"TransactionNull", R"({"jsonrpc":"2.0","id":1,"transaction_id":null,"method":"test.Run"})",
+                bad_transaction},
+        Refused{"TransactionBeforeVersion", R"({"id":1,"transaction_id":true,"method":"test.Run"})", bad_transaction},
+        Refused{"VersionMissing", R"({"id":1,"method":"test.Run"})", nullptr},
+        Refused{"VersionNumber", R"({"jsonrpc":2.0,"id":1,"method":"test.Run"})", nullptr},
+        Refused{"VersionOne", R"({"jsonrpc":"1.0","id":1,"method":"test.Run"})", nullptr},
+        Refused{"ParamsArray", R"({"jsonrpc":"2.0","id":1,"method":"test.Run","params":[]})", nullptr},
+        Refused{"ParamsNull", R"({"jsonrpc":"2.0","id":1,"method":"test.Run","params":null})", nullptr},
+        Refused{"MethodMissing", R"({"jsonrpc":"2.0","id":1})", nullptr},
+        Refused{"MethodMissingInNotification", R"({"jsonrpc":"2.0"})", nullptr}, Refused{"NoJson", "hello", no_json},
+        Refused{"Empty", "", no_json}, Refused{"Half", "{\"a\":", no_json},
+        Refused{"DuplicateKeys", R"({"jsonrpc":"2.0","jsonrpc":"2.0","id":1,"method":"test.Run"})", no_json},
+        Refused{"Array", "[]", no_object}, Refused{"Number", "12", no_object}, Refused{"Null", "null", no_object}),
+    [](const auto &row) { return row.param.name; });
+
+TEST_F(Evaluate, SaysWhereTheParserStopped) {
+    const LogCapture log("info");
+    evaluate("{\n\n]");
+    const auto lines = log.lines();
+    ASSERT_EQ(lines.size(), 2U);
+    EXPECT_EQ(lines[1].tag, "ERROR");
+    EXPECT_EQ(lines[1].message.rfind("error: on line 3: ", 0), 0U) << lines[1].message;
+}
+
+TEST_F(Evaluate, IgnoresWhatFollowsTheObject) {
+    EXPECT_EQ(evaluate(std::string(good) + " trailing").rc, 0);
+    EXPECT_EQ(script.calls, 1);
+}
+
+TEST_F(Evaluate, ShowsRequestAndResponseAtVerboseLevel) {
+    const LogCapture log("verbose");
+    const Answer answer = evaluate(R"({"jsonrpc":"2.0","id":1,"method":"test.Run"})");
+    const std::string rendering = "{\n    \"jsonrpc\": \"2.0\",\n    \"id\": 1,\n    \"method\": \"test.Run\"\n}";
+    EXPECT_EQ(log.sequence(), (std::vector<std::string>{
+                                  "VERB |Valid JSON received, of length " + std::to_string(rendering.size()),
+                                  "VERB |JSON Data:\n" + rendering,
+                                  "VERB |creating response",
+                                  "DEBUG|JSON response sent, of string length " + std::to_string(answer.text.size()),
+                                  "VERB |The JSON Response was:\n" + answer.text,
+                              }));
+}
+
+TEST_F(Evaluate, ShowsOnlyTheLengthOfTheResponseAtDebugLevel) {
+    const LogCapture log("debug");
+    const Answer answer = evaluate(good);
+    EXPECT_EQ(log.sequence(), std::vector<std::string>{"DEBUG|JSON response sent, of string length " +
+                                                       std::to_string(answer.text.size())});
+}
+
+// --- The two builders ---
+
+namespace {
+
+std::string taken(char *text) {
+    const std::string copy = text != nullptr ? text : "(null)";
+    free(text);
+    return copy;
+}
+
+} // namespace
+
+TEST(CreateResponse, SharesItsValues) {
+    json_t *result = json_integer(1);
+    json_t *id = json_string("m");
+    json_t *transaction = json_real(0.5);
+    expect_json(taken(tavrix_jrpc_create_response(result, id, 0, transaction)),
+                R"({"jsonrpc":"2.0","id":"m","result":1,"transaction_id":0.5})");
+    EXPECT_EQ(result->refcount, 1U);
+    EXPECT_EQ(id->refcount, 1U);
+    EXPECT_EQ(transaction->refcount, 1U);
+    json_decref(result);
+    json_decref(id);
+    json_decref(transaction);
+}
+
+TEST(CreateResponse, RefusesNullAndBadIndentAtErrorLevel) {
+    json_t *value = json_integer(1);
+    const LogCapture log("info");
+    EXPECT_EQ(tavrix_jrpc_create_response(nullptr, value, 0, nullptr), nullptr);
+    EXPECT_EQ(tavrix_jrpc_create_response(value, nullptr, 0, nullptr), nullptr);
+    EXPECT_EQ(tavrix_jrpc_create_response(value, value, -1, nullptr), nullptr);
+    EXPECT_EQ(tavrix_jrpc_create_response(value, value, 32, nullptr), nullptr);
+    EXPECT_EQ(log.sequence(), (std::vector<std::string>{
+                                  "ERROR|tavrix_jrpc_create_response: NULL pointer!",
+                                  "ERROR|tavrix_jrpc_create_response: NULL pointer!",
+                                  "ERROR|tavrix_jrpc_create_response: Invalid Indent Number",
+                                  "ERROR|tavrix_jrpc_create_response: Invalid Indent Number",
+                              }));
+    json_decref(value);
+}
+
+TEST(CreateResponse, IndentsFrom0To31) {
+    json_t *value = json_integer(1);
+    EXPECT_EQ(taken(tavrix_jrpc_create_response(value, value, 31, nullptr)).find("{\n" + std::string(31, ' ') + "\""),
+              0U);
+    EXPECT_EQ(taken(tavrix_jrpc_create_response(value, value, 0, nullptr)).find('\n'), std::string::npos);
+    json_decref(value);
+}
+
+TEST(CreateResponse, ReportsWhatCannotBeRendered) {
+    json_t *value = json_integer(1);
+    json_t *loop = json_array();
+    json_t *inner = json_array();
+    json_array_append_new(loop, inner);
+    json_array_append(inner, loop); // a circle has no text
+    const LogCapture log("info");
+    EXPECT_EQ(tavrix_jrpc_create_response(loop, value, 0, nullptr), nullptr);
+    EXPECT_EQ(tavrix_jrpc_create_error(-32001, value, loop, 0, nullptr), nullptr);
+    EXPECT_EQ(log.sequence(), (std::vector<std::string>{
+                                  "ERROR|tavrix_jrpc_create_response: Failed to create JRPC response",
+                                  "ERROR|tavrix_jrpc_create_error: Failed to create JRPC response",
+                              }));
+    json_array_clear(inner);
+    json_decref(loop);
+    json_decref(value);
+}
+
+TEST(CreateError, CarriesCodeMessageAndData) {
+    json_t *id = json_string("m");
+    json_t *data = json_pack("[i]", 1);
+    expect_json(
+        taken(tavrix_jrpc_create_error(-32003, id, data, 0, nullptr)),
+        R"({"jsonrpc":"2.0","id":"m","error":{"code":-32003,"data":[1],"message":)"
+        R"("This feature is not supported in this version, or the API may be incorrectly formed.  Please check the API documentation for further details."}})");
+    expect_json(
+        taken(tavrix_jrpc_create_error(-32700, id, nullptr, 0, data)),
+        R"({"jsonrpc":"2.0","id":"m","transaction_id":[1],"error":{"code":-32700,"message":"Parse error","data":null}})");
+    EXPECT_EQ(id->refcount, 1U);
+    EXPECT_EQ(data->refcount, 1U);
+    json_decref(id);
+    json_decref(data);
+}
+
+TEST(CreateError, FallsBackForACodeWithoutMessage) {
+    json_t *id = json_string("m");
+    expect_json(taken(tavrix_jrpc_create_error(0, id, nullptr, 0, nullptr)),
+                R"({"jsonrpc":"2.0","id":"m","error":{"code":0,"message":"Unknown Error","data":null}})");
+    json_decref(id);
+}
+
+TEST(CreateError, RefusesNullAndBadIndentAtDebugLevel) {
+    json_t *id = json_string("m");
+    const LogCapture log("debug");
+    EXPECT_EQ(tavrix_jrpc_create_error(-32001, nullptr, nullptr, 0, nullptr), nullptr);
+    EXPECT_EQ(tavrix_jrpc_create_error(-32001, id, nullptr, -1, nullptr), nullptr);
+    EXPECT_EQ(tavrix_jrpc_create_error(-32001, id, nullptr, 32, nullptr), nullptr);
+    EXPECT_EQ(log.sequence(), (std::vector<std::string>{
+                                  "DEBUG|[tavrix_jrpc_create_error]: NULL pointer!",
+                                  "DEBUG|[tavrix_jrpc_create_error]: Invalid indent -1!",
+                                  "DEBUG|[tavrix_jrpc_create_error]: Invalid indent 32!",
+                              }));
+    json_decref(id);
+}
+
+TEST(CreateError, ShowsItsTextAtErrorLevel) {
+    json_t *id = json_string("m");
+    const LogCapture log("info");
+    const std::string text = taken(tavrix_jrpc_create_error(-32001, id, nullptr, 0, nullptr));
+    EXPECT_EQ(log.sequence(), std::vector<std::string>{"ERROR|JSON Response: " + text});
+    json_decref(id);
+}

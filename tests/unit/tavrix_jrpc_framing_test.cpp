@@ -1,0 +1,168 @@
+#include <cstdlib>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "support/log_capture.h"
+#include "tavrix_jrpc.h"
+
+using support::LogCapture;
+
+namespace {
+
+constexpr char unit[] = "tavrix_jrpc";
+
+std::string taken(char *text) {
+    const std::string copy = text != nullptr ? text : "(null)";
+    free(text);
+    return copy;
+}
+
+struct Split {
+    int rc;
+    std::string text;
+};
+
+Split split(const std::string &frame, int length) {
+    char *text = nullptr;
+    const int rc = tavrix_jrpc_parse_msg(frame.data(), length, &text);
+    return {rc, taken(text)};
+}
+
+Split split(const std::string &frame) { return split(frame, static_cast<int>(frame.size())); }
+
+Split channel_of(const std::string &json_text) {
+    char untouched = 0;
+    char *channel = &untouched;
+    const int rc = tavrix_jrpc_parse_channel(json_text.c_str(), &channel);
+    if (channel == &untouched) {
+        return {rc, "(untouched)"};
+    }
+    return {rc, taken(channel)};
+}
+
+} // namespace
+
+TEST(AddChannel, PutsABarBetweenChannelAndText) {
+    char *frame = tavrix_api_router_json_add_channel("abc", "{}");
+    ASSERT_NE(frame, nullptr);
+    EXPECT_EQ(std::string(frame, 7), std::string("abc|{}\0", 7));
+    free(frame);
+    EXPECT_EQ(taken(tavrix_api_router_json_add_channel("", "")), "|");
+    EXPECT_EQ(taken(tavrix_api_router_json_add_channel("a", std::string(100000, 'x').c_str())),
+              "a|" + std::string(100000, 'x'));
+}
+
+TEST(AddChannel, RefusesNull) {
+    const LogCapture log("debug");
+    EXPECT_EQ(tavrix_api_router_json_add_channel(nullptr, "{}"), nullptr);
+    EXPECT_EQ(tavrix_api_router_json_add_channel("abc", nullptr), nullptr);
+    EXPECT_EQ(log.count(support::debug, unit, "[tavrix_api_router_json_add_channel]: Null Pointer!\n"), 2);
+}
+
+TEST(ParseMsg, SplitsAtTheFirstBar) {
+    EXPECT_EQ(split("abc|{}").text, "{}");
+    EXPECT_EQ(split("a|b|c").text, "b|c");
+    EXPECT_EQ(split("|all").text, "all");
+    EXPECT_EQ(split("abc|").text, "");
+    EXPECT_EQ(split("abc|").rc, 0);
+}
+
+TEST(ParseMsg, StaysWithinTheGivenLength) {
+    EXPECT_EQ(split("abc|defg", 6).text, "de");
+    EXPECT_EQ(split("abc|d", 4).text, "");
+    const LogCapture log("debug");
+    EXPECT_EQ(split("abc|d", 3).rc, -1) << "the bar lies beyond";
+    EXPECT_EQ(split("abc|d", 0).rc, -1);
+    EXPECT_EQ(split("abc|d", -5).rc, -1);
+    EXPECT_EQ(split("abcd").rc, -1) << "no bar";
+    EXPECT_EQ(log.count(support::debug, unit, "[tavrix_connect_parse_msg]: Failed to parse JSON message\n"), 4);
+}
+
+TEST(ParseMsg, RefusesNull) {
+    char *text = nullptr;
+    const LogCapture log("debug");
+    EXPECT_EQ(tavrix_jrpc_parse_msg(nullptr, 3, &text), -20);
+    EXPECT_EQ(tavrix_jrpc_parse_msg("a|b", 3, nullptr), -20);
+    EXPECT_EQ(log.count(support::debug, unit, "[tavrix_connect_parse_msg]: Null Pointer!\n"), 2);
+}
+
+TEST(ParseChannel, TakesTheIdWhenItIsAString) {
+    EXPECT_EQ(channel_of(R"({"id":"chan-1","result":0})").text, "chan-1");
+    EXPECT_EQ(channel_of(R"({"id":"chan-1"})").rc, 0);
+    EXPECT_EQ(channel_of(R"({"id":""})").text, "");
+    EXPECT_EQ(channel_of(R"({"id":"a"} trailing)").text, "a");
+}
+
+TEST(ParseChannel, TellsANotificationApart) {
+    const LogCapture log("verbose");
+    const Split none = channel_of(R"({"method":"x"})");
+    EXPECT_EQ(none.rc, -44);
+    EXPECT_EQ(none.text, "(null)");
+    EXPECT_TRUE(log.has(support::verbose, unit, "[tavrix_jrpc_parse_channel]: No ID\n"));
+}
+
+TEST(ParseChannel, RefusesOtherIdsAndLeavesTheOutputAlone) {
+    for (const char *id : {"7", "1.5", "true", "null", "[]", "{}"}) {
+        const LogCapture log("debug");
+        const Split refused = channel_of(std::string("{\"id\":") + id + "}");
+        EXPECT_EQ(refused.rc, -1) << id;
+        EXPECT_EQ(refused.text, "(untouched)") << id;
+        EXPECT_TRUE(log.has(support::debug, unit, "[tavrix_jrpc_parse_channel]: Invalid ID\n"));
+    }
+}
+
+TEST(ParseChannel, RefusesWhatIsNoObject) {
+    for (const char *text : {"[]", "7", "\"id\"", "null"}) {
+        const LogCapture log("debug");
+        EXPECT_EQ(channel_of(text).rc, -1) << text;
+        EXPECT_EQ(log.sequence(), std::vector<std::string>{"DEBUG|[tavrix_jrpc_parse_channel]: Invalid JSON"});
+    }
+}
+
+TEST(ParseChannel, RefusesWhatIsNoJson) {
+    const LogCapture log("debug");
+    EXPECT_EQ(channel_of("{\n]").rc, -1);
+    EXPECT_EQ(channel_of(R"({"id":"a","id":"b"})").text, "(untouched)") << "duplicate keys";
+    const auto lines = log.lines();
+    ASSERT_EQ(lines.size(), 4U);
+    EXPECT_EQ(lines[0].message, "[tavrix_jrpc_parse_channel]: Cannot parse JSON message.\n");
+    EXPECT_EQ(lines[1].message.rfind("Error on line[2]: ", 0), 0U) << lines[1].message;
+    EXPECT_EQ(lines[1].tag, "DEBUG");
+}
+
+TEST(ParseChannel, RefusesNull) {
+    char *channel = nullptr;
+    const LogCapture log("debug");
+    EXPECT_EQ(tavrix_jrpc_parse_channel(nullptr, &channel), -20);
+    EXPECT_EQ(tavrix_jrpc_parse_channel("{}", nullptr), -20);
+    EXPECT_EQ(log.count(support::debug, unit, "[tavrix_jrpc_parse_channel]: Null Pointer!\n"), 2);
+}
+
+TEST(ServiceChannel, FollowsTheLeadingLetters) {
+    const std::string first = "3a6f8f51-502f-4238-9638-29764ff1a8a4";
+    const std::string events = "505a5451-3ef2-4618-8087-9a22b800a510";
+    const std::string interfaces = "b4469f46-e963-42ef-9fd2-f978e73adc76";
+    const std::string other = "30e493d7-9e02-41b6-97f5-21f2cc9cbbb3";
+    const struct {
+        const char *method;
+        std::string channel;
+    } rows[] = {
+        {"d", first},          {"db.ApplyBackup", first}, {"p", first},        {"ports.Get", first},
+        {"en", first},         {"entity.X", first},       {"mz", first},       {"mzu.List", first},
+        {"ev", events},        {"events.X", events},      {"i", interfaces},   {"interfaces.X", interfaces},
+        {"e", other},          {"eth.X", other},          {"m", other},        {"mac.X", other},
+        {"", other},           {"logger.ReloadConf", other}, {"Ports.Get", other}, {"EVENTS", other},
+        {"D", other},          {"eV", other},             {"mZ", other},       {"I", other},
+        {"z", other},
+    };
+    for (const auto &row : rows) {
+        EXPECT_EQ(taken(tavrix_api_router_json_parse_channel(row.method)), row.channel) << row.method;
+    }
+}
+
+TEST(ServiceChannel, RefusesNull) {
+    const LogCapture log("debug");
+    EXPECT_EQ(tavrix_api_router_json_parse_channel(nullptr), nullptr);
+    EXPECT_TRUE(log.has(support::debug, unit, "[tavrix_api_router_json_parse_channel]: Null Pointer!\n"));
+}

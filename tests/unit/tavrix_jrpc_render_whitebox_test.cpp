@@ -1,0 +1,89 @@
+/*
+ * Renderings that only a chatty line needs are not made below its level.
+ */
+#include <cstdlib>
+
+#include <gtest/gtest.h>
+
+#include "support/bus.h"
+#include "support/log_capture.h"
+#include "tavrix_jrpc.h"
+#include "tavrix_mq.h"
+
+namespace {
+
+int renderings = 0;
+bool fail_rendering = false;
+
+int succeed(json_t *, json_t **, json_t **) { return 0; }
+const tavrix_jrpc_method table[] = {{"test.Run", succeed}, {nullptr, nullptr}};
+
+int evaluate_notification() {
+    char *text = nullptr;
+    renderings = 0;
+    return tavrix_jrpc_eval_request(R"({"jsonrpc":"2.0","method":"test.Run"})", table, &text);
+}
+
+} // namespace
+
+extern "C" {
+char *__real_json_dumps(const json_t *json, size_t flags);
+char *__wrap_json_dumps(const json_t *json, size_t flags) {
+    ++renderings;
+    return fail_rendering ? nullptr : __real_json_dumps(json, flags);
+}
+}
+
+TEST(Rendering, OfARequestHappensAtVerboseLevelOnly) {
+    for (const char *level : {"off", "info", "debug"}) {
+        const support::LogCapture log(level);
+        EXPECT_EQ(evaluate_notification(), 0);
+        EXPECT_EQ(renderings, 0) << level;
+    }
+    const support::LogCapture log("verbose");
+    EXPECT_EQ(evaluate_notification(), 0);
+    EXPECT_EQ(renderings, 1);
+}
+
+TEST(Rendering, ThatFailsAtVerboseLevelEndsTheEvaluation) {
+    const support::LogCapture log("verbose");
+    fail_rendering = true;
+    EXPECT_EQ(evaluate_notification(), -1);
+    fail_rendering = false;
+    EXPECT_TRUE(log.has(support::error, "tavrix_jrpc", "tavrix_jrpc_eval_request: Could not print JSON\n"));
+}
+
+TEST(Rendering, OfARoutedRequestHappensOnceBelowVerboseLevel) {
+    const support::BusSocket pub(TAVRIX_SP_PUB);
+    for (const char *level : {"info", "verbose"}) {
+        const support::LogCapture log(level);
+        json_t *request = json_pack("{s:s, s:i}", "method", "ports.Get", "id", 1);
+        renderings = 0;
+        EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&pub.number, request), 0);
+        EXPECT_EQ(renderings, std::string(level) == "verbose" ? 2 : 1) << "one goes onto the bus";
+        json_decref(request);
+    }
+}
+
+TEST(Rendering, OfARoutedRequestThatFailsIsReported) {
+    const support::BusSocket pub(TAVRIX_SP_PUB);
+    json_t *request = json_pack("{s:s, s:i}", "method", "ports.Get", "id", 1);
+    fail_rendering = true;
+    {
+        const support::LogCapture log("verbose");
+        EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&pub.number, request), -1);
+        EXPECT_TRUE(log.has(support::debug, "tavrix_jrpc",
+                            "[tavrix_jrpc_router_mq_dispatch_request]: Cannot print JSON message\n"));
+    }
+    {
+        const support::LogCapture log("debug");
+        EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&pub.number, request), -1);
+        EXPECT_TRUE(log.has(support::debug, "tavrix_jrpc",
+                            "[tavrix_jrpc_router_mq_dispatch_request]: Cannot re-encode JSON message\n"));
+        EXPECT_EQ(tavrix_jrpc_router_socket_dispatch_response(&pub.number, request), -1);
+        EXPECT_TRUE(log.has(support::debug, "tavrix_jrpc",
+                            "[tavrix_jrpc_router_socket_dispatch_response]: Cannot decode JSON message\n"));
+    }
+    fail_rendering = false;
+    json_decref(request);
+}

@@ -1,0 +1,286 @@
+#include <string>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "support/bus.h"
+#include "support/log_capture.h"
+#include "tavrix_jrpc.h"
+#include "tavrix_mq.h"
+
+using support::BusPair;
+using support::BusSocket;
+using support::LogCapture;
+
+namespace {
+
+constexpr char unit[] = "tavrix_jrpc";
+
+std::string compact(json_t *value) {
+    char *text = value != nullptr ? json_dumps(value, JSON_COMPACT) : nullptr;
+    const std::string copy = text != nullptr ? text : "(null)";
+    free(text);
+    json_decref(value);
+    return copy;
+}
+
+int count_lines(const LogCapture &log, const std::string &begin) {
+    int count = 0;
+    for (const auto &line : log.lines()) {
+        count += line.message.rfind(begin, 0) == 0 ? 1 : 0;
+    }
+    return count;
+}
+
+constexpr char reply[] = R"(me|{"jsonrpc":"2.0","id":"ports.Get","result":5})";
+constexpr char notification[] = R"(ev|{"jsonrpc":"2.0","method":"events.X","params":{"n":1}})";
+
+} // namespace
+
+// --- Matchers ---
+
+struct Candidate {
+    const char *name;
+    const char *text;
+    int rc;
+    std::vector<std::string> lines;
+};
+
+class EvalMethod : public testing::TestWithParam<Candidate> {};
+
+TEST_P(EvalMethod, Decides) {
+    json_t *out = nullptr;
+    const LogCapture log("debug");
+    EXPECT_EQ(tavrix_jrpc_eval_method("ports.Get", GetParam().text, &out), GetParam().rc);
+    EXPECT_EQ(out != nullptr, GetParam().rc == 0);
+    json_decref(out);
+    EXPECT_EQ(log.sequence(), GetParam().lines);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Replies, EvalMethod,
+    testing::Values(
+        Candidate{"Match", R"({"jsonrpc":"2.0","id":"ports.Get"})", 0, {"DEBUG|Found correct method \"ports.Get\"."}},
+        Candidate{"OtherMethod", R"({"jsonrpc":"2.0","id":"ports.get"})", -1,
+                  {"DEBUG|Found incorrect method \"ports.get\"."}},
+        Candidate{"NoVersion", R"({"id":"ports.Get"})", -1,
+                  {"DEBUG|Received invalid JSON-RPC format.", "DEBUG|Found incorrect method \"ports.Get\"."}},
+        Candidate{"VersionNumber", R"({"jsonrpc":2,"id":"ports.Get"})", -1,
+                  {"ERROR|tavrix_jrpc_eval_request: Invalid Request ID", "DEBUG|Found incorrect method \"ports.Get\"."}},
+        Candidate{"VersionOne", R"({"jsonrpc":"1.0","id":"ports.Get"})", -1,
+                  {"DEBUG|Received unsupported JSON-RPC version.", "DEBUG|Found incorrect method \"ports.Get\"."}},
+        Candidate{"IdNumber", R"({"jsonrpc":"2.0","id":5})", -1,
+                  {"ERROR|Given parameter <id> is not a string", "DEBUG|Found incorrect method \"(null)\"."}},
+        Candidate{"IdMissing", R"({"jsonrpc":"2.0"})", -1,
+                  {"ERROR|Given parameter <id> is not a string", "DEBUG|Found incorrect method \"(null)\"."}},
+        Candidate{"IdTrue", R"({"jsonrpc":"2.0","id":true})", -1,
+                  {"ERROR|tavrix_jrpc_eval_request: Invalid Request ID", "DEBUG|Found incorrect method \"(null)\"."}}),
+    [](const auto &row) { return row.param.name; });
+
+class EvalNotification : public testing::TestWithParam<Candidate> {};
+
+TEST_P(EvalNotification, Decides) {
+    json_t *out = nullptr;
+    const LogCapture log("verbose");
+    EXPECT_EQ(tavrix_jrpc_eval_notification("events.X", GetParam().text, &out), GetParam().rc);
+    EXPECT_EQ(out != nullptr, GetParam().rc == 0);
+    json_decref(out);
+    EXPECT_EQ(log.sequence(), GetParam().lines);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Notifications, EvalNotification,
+    testing::Values(
+        Candidate{"Match", R"({"jsonrpc":"2.0","method":"events.X"})", 0,
+                  {"VERB |JSON Method: events.X", "DEBUG|Found correct method \"events.X\"."}},
+        Candidate{"Other", R"({"jsonrpc":"2.0","method":"events.x"})", -1,
+                  {"VERB |JSON Method: events.x", "DEBUG|Found incorrect method \"events.x\"."}},
+        Candidate{"NoMethod", R"({"jsonrpc":"2.0"})", -1, {"DEBUG|[tavrix_jrpc_eval_notification]: No JSON method"}},
+        Candidate{"MethodNumber", R"({"jsonrpc":"2.0","method":1})", -1,
+                  {"DEBUG|[tavrix_jrpc_eval_notification]: Invalid JSON method"}},
+        Candidate{"NoVersion", R"({"method":"events.X"})", -1, {"DEBUG|Received invalid JSON-RPC format."}},
+        Candidate{"VersionTrue", R"({"jsonrpc":true,"method":"events.X"})", -1,
+                  {"ERROR|tavrix_jrpc_eval_request: Invalid Request ID"}},
+        Candidate{"VersionThree", R"({"jsonrpc":"3.0","method":"events.X"})", -1,
+                  {"DEBUG|Received unsupported JSON-RPC version."}}),
+    [](const auto &row) { return row.param.name; });
+
+TEST(Matchers, RefuseWhatIsNoJsonInTheEvaluatorsWords) {
+    json_t *out = nullptr;
+    const LogCapture log("debug");
+    EXPECT_EQ(tavrix_jrpc_eval_method("m", "{", &out), -1);
+    EXPECT_EQ(tavrix_jrpc_eval_notification("m", "{", &out), -1);
+    EXPECT_EQ(log.count(support::error, unit, "tavrix_jrpc_eval_request: Cannot parse JSON data\n"), 2);
+    EXPECT_EQ(count_lines(log, "error: on line 1: "), 2);
+    EXPECT_EQ(out, nullptr);
+}
+
+TEST(Matchers, RefuseNullArguments) {
+    json_t *out = nullptr;
+    const LogCapture log("debug");
+    EXPECT_EQ(tavrix_jrpc_eval_method(nullptr, "{}", &out), -20);
+    EXPECT_EQ(tavrix_jrpc_eval_method("m", nullptr, &out), -20);
+    EXPECT_EQ(log.count(support::debug, unit, "[tavrix_jrpc_eval_method]: Null Pointer!\n"), 2);
+    EXPECT_EQ(tavrix_jrpc_eval_notification(nullptr, "{}", &out), -20);
+    EXPECT_EQ(tavrix_jrpc_eval_notification("m", nullptr, &out), -20);
+    EXPECT_EQ(tavrix_jrpc_eval_notification("m", "{}", nullptr), -20);
+    EXPECT_EQ(log.count(support::debug, unit, "[tavrix_jrpc_eval_notification]: Null Pointer!\n"), 3);
+    EXPECT_EQ(tavrix_jrpc_eval_method("m", R"({"jsonrpc":"2.0","id":"m"})", nullptr), 0) << "only the verdict";
+}
+
+// --- Waiting for a reply ---
+
+TEST(ReplyWait, GivesUpAfterTheMethodsNumberOfAttempts) {
+    const struct {
+        const char *method;
+        int attempts;
+    } rows[] = {
+        {"ports.Get", 60},           {"ports.SetEnabled", 60},           {"ports.SetVlanLocal", 100},
+        {"ports.SetVlanAccess", 100}, {"ports.SetVlanTrunk", 100},       {"ports.poe.GetInstantPower", 200},
+        {"db.ApplyBackup", 200},     {"ports.get", 10},                  {"anything", 10},
+    };
+    const BusSocket silent(TAVRIX_SP_SUB);
+    tavrix_mq_socket_set_timeout(silent.number, 1);
+    for (const auto &row : rows) {
+        json_t *out = nullptr;
+        const LogCapture log("debug");
+        EXPECT_EQ(tavrix_jrpc_mq_sub_for_method(silent.number, row.method, &out), -50) << row.method;
+        EXPECT_EQ(out, nullptr);
+        EXPECT_EQ(count_lines(log, std::string("Waiting for API response <") + row.method + ">, attempts remaining: "),
+                  row.attempts);
+        EXPECT_EQ(log.lines().front().message, std::string("Waiting for API response <") + row.method +
+                                                   ">, attempts remaining: " + std::to_string(row.attempts) + "\n");
+        EXPECT_EQ(log.count(support::debug, unit, "Unable to receive an API response, rc = -46\n"), row.attempts);
+        EXPECT_EQ(log.lines().back().message, "Could not receive expected API response.\n");
+    }
+}
+
+TEST(ReplyWait, TakesTheReplyAndLetsOthersCostAnAttempt) {
+    BusPair bus("me");
+    for (const char *frame : {"me without bar", "me|no json", R"(me|{"jsonrpc":"2.0","id":"other","result":1})",
+                              R"(me|{"jsonrpc":"2.0","id":5,"result":1})", reply}) {
+        bus.publish(frame);
+    }
+    json_t *out = nullptr;
+    const LogCapture log("debug");
+    ASSERT_EQ(tavrix_jrpc_mq_sub_for_method(bus.sub.number, "ports.Get", &out), 0);
+    EXPECT_EQ(compact(out), R"({"jsonrpc":"2.0","id":"ports.Get","result":5})");
+    EXPECT_EQ(count_lines(log, "Waiting for API response <ports.Get>, attempts remaining: "), 5);
+    EXPECT_TRUE(log.has(support::debug, unit, "Unable to parse API response, rc = -1\n"));
+    EXPECT_EQ(log.count(support::debug, unit, "Incorrect API response received. rc = -1\n"), 3);
+    EXPECT_TRUE(log.has(support::debug, unit,
+                        std::string("[tavrix_jrpc_mq_sub_for_method] Received:\n") + reply + "\n"));
+    EXPECT_EQ(log.count(support::debug, unit,
+                        "[tavrix_jrpc_mq_sub_for_method] Received API response, evaluating id...\n"),
+              4);
+    EXPECT_EQ(log.lines().back().message, "[tavrix_jrpc_mq_sub_for_method] JSON Out: {\"jsonrpc\": \"2.0\", \"id\": "
+                                          "\"ports.Get\", \"result\": 5}\n");
+}
+
+TEST(ReplyWait, RunsOutOnFramesThatDoNotMatch) {
+    BusPair bus("me");
+    for (int i = 0; i < 10; ++i) {
+        bus.publish(R"(me|{"jsonrpc":"2.0","id":"other"})");
+    }
+    bus.publish(R"(me|{"jsonrpc":"2.0","id":"anything"})");
+    json_t *out = nullptr;
+    EXPECT_EQ(tavrix_jrpc_mq_sub_for_method(bus.sub.number, "anything", &out), -50);
+    EXPECT_EQ(tavrix_jrpc_mq_sub_for_method(bus.sub.number, "anything", &out), 0) << "the eleventh was left";
+    json_decref(out);
+}
+
+TEST(ReplyWait, RefusesNullArguments) {
+    json_t *out = nullptr;
+    const LogCapture log("debug");
+    EXPECT_EQ(tavrix_jrpc_mq_sub_for_method(0, nullptr, &out), -20);
+    EXPECT_EQ(tavrix_jrpc_mq_sub_for_method(0, "m", nullptr), -20);
+    EXPECT_EQ(log.count(support::debug, unit, "[tavrix_jrpc_mq_sub_for_method]: Null Pointer!\n"), 2);
+}
+
+// --- Waiting for a notification ---
+
+TEST(NotificationWait, TakesTheFifthFrameAndRestoresTheTimeOut) {
+    BusPair bus("ev", 700);
+    for (const char *frame : {"ev without bar", "ev|no json", R"(ev|{"jsonrpc":"2.0","method":"events.Y"})",
+                              R"(ev|{"jsonrpc":"2.0","id":"events.X","result":0})", notification}) {
+        bus.publish(frame);
+    }
+    json_t *out = nullptr;
+    const LogCapture log("debug");
+    ASSERT_EQ(tavrix_jrpc_mq_sub_for_notifcation(bus.sub.number, "events.X", &out), 0);
+    EXPECT_EQ(compact(out), R"({"jsonrpc":"2.0","method":"events.X","params":{"n":1}})");
+    int ms = 0;
+    tavrix_mq_socket_get_timeout(bus.sub.number, &ms);
+    EXPECT_EQ(ms, 700);
+    EXPECT_EQ(log.lines().front().message,
+              "[tavrix_jrpc_mq_sub_for_notifcation] Waiting for <events.X> response, attempts remaining: 5\n");
+    EXPECT_TRUE(log.has(support::debug, unit, "Unable to parse notification message, rc = -1\n"));
+    EXPECT_EQ(log.count(support::debug, unit, "Incorrect notification received. rc = -1\n"), 3);
+    EXPECT_TRUE(log.has(support::debug, unit,
+                        std::string("[tavrix_jrpc_mq_sub_for_notifcation] Recv:\n") + notification + "\n"));
+    EXPECT_EQ(log.count(support::debug, unit,
+                        "[tavrix_jrpc_mq_sub_for_notifcation] Received notification, evaluating method name...\n"),
+              4);
+    EXPECT_EQ(log.lines().back().message,
+              "[tavrix_jrpc_mq_sub_for_notifcation] JSON Out: {\"jsonrpc\": \"2.0\", \"method\": \"events.X\", "
+              "\"params\": {\"n\": 1}}\n");
+}
+
+TEST(NotificationWait, GivesUpAfterFiveFramesAndRestoresTheTimeOut) {
+    BusPair bus("ev", 700);
+    for (int i = 0; i < 5; ++i) {
+        bus.publish("ev|{}");
+    }
+    json_t *out = nullptr;
+    const LogCapture log("debug");
+    EXPECT_EQ(tavrix_jrpc_mq_sub_for_notifcation(bus.sub.number, "events.X", &out), -1);
+    EXPECT_EQ(out, nullptr);
+    EXPECT_EQ(log.lines().back().message, "Could not receive expected notification.\n");
+    int ms = 0;
+    tavrix_mq_socket_get_timeout(bus.sub.number, &ms);
+    EXPECT_EQ(ms, 700);
+}
+
+TEST(NotificationWait, WaitsBeyondTheSocketsOwnTimeOut) {
+    BusPair bus("ev", 1);
+    json_t *out = nullptr;
+    std::thread late([&] {
+        // Published once the wait has lifted the time-out.
+        support::wait_until([&] {
+            int ms = 0;
+            tavrix_mq_socket_get_timeout(bus.sub.number, &ms);
+            return ms == -1;
+        });
+        bus.publish(notification);
+    });
+    EXPECT_EQ(tavrix_jrpc_mq_sub_for_notifcation(bus.sub.number, "events.X", &out), 0);
+    late.join();
+    json_decref(out);
+}
+
+TEST(NotificationWait, FailsWhenTheTimeOutCannotBeRead) {
+    json_t *out = nullptr;
+    const LogCapture log("debug");
+    EXPECT_EQ(tavrix_jrpc_mq_sub_for_notifcation(9999, "events.X", &out), -1);
+    EXPECT_TRUE(log.has(support::debug, unit,
+                        "[tavrix_jrpc_mq_sub_for_notifcation]: Error mq_socket_get_timeout for sub, rc = -1\n"));
+}
+
+TEST(NotificationWait, CountsAFailedReceiveAsAnAttempt) {
+    BusSocket push(TAVRIX_SP_PUSH); // has a time-out, but cannot receive
+    json_t *out = nullptr;
+    const LogCapture log("debug");
+    EXPECT_EQ(tavrix_jrpc_mq_sub_for_notifcation(push.number, "events.X", &out), -1);
+    EXPECT_EQ(log.count(support::debug, unit, "Unable to receive an API response from TRLX Service, rc = -1\n"), 5);
+    int ms = 0;
+    tavrix_mq_socket_get_timeout(push.number, &ms);
+    EXPECT_EQ(ms, -1);
+}
+
+TEST(NotificationWait, RefusesNullArguments) {
+    json_t *out = nullptr;
+    const LogCapture log("debug");
+    EXPECT_EQ(tavrix_jrpc_mq_sub_for_notifcation(0, nullptr, &out), -20);
+    EXPECT_EQ(tavrix_jrpc_mq_sub_for_notifcation(0, "m", nullptr), -20);
+    EXPECT_EQ(log.count(support::debug, unit, "[tavrix_jrpc_mq_sub_for_notifcation]: Null Pointer!\n"), 2);
+}

@@ -1,0 +1,242 @@
+#include "tavrix_lsyslog.h"
+
+#include <chrono>
+#include <clocale>
+#include <cstdlib>
+#include <ctime>
+#include <fstream>
+#include <regex>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "support/log_capture.h"
+
+using support::LogCapture;
+using support::StderrCapture;
+
+namespace {
+
+constexpr char conf[] = "tavrix_lsyslog.conf";
+
+void write_conf(const std::string &text) { std::ofstream(conf, std::ios::binary) << text; }
+
+std::string logged(int level, const std::string &message) {
+    const StderrCapture out;
+    EXPECT_EQ(tavrix_lsyslog_log(level, "some_unit", 77, "%s", message.c_str()), 0);
+    return out.text();
+}
+
+/** Loads a level word and says what the reload returned and printed. */
+struct Reload {
+    int rc;
+    std::string text;
+};
+Reload reload_with(const std::string &text) {
+    write_conf(text);
+    const StderrCapture out;
+    const int rc = tavrix_lsyslog_reload_conf();
+    return {rc, out.text()};
+}
+
+class Logger : public testing::Test {
+  protected:
+    void SetUp() override { support::set_log_level("verbose"); }
+};
+
+constexpr char stamp[] = R"(\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}\] )";
+
+} // namespace
+
+TEST(LoggerBeforeInit, WorksAsUnknownAtDebugLevel) {
+    // First in this program: nothing has named the daemon yet.
+    const std::string line = logged(4, "early\n");
+    EXPECT_NE(line.find("] [INFO ] [unknown] early\n"), std::string::npos) << line;
+    EXPECT_EQ(tavrix_lsyslog_check_severity(5), 1);
+    EXPECT_EQ(tavrix_lsyslog_check_severity(6), 0);
+}
+
+TEST_F(Logger, PrintsShortLinesForUndefConfigWarningAndInfo) {
+    const struct {
+        int level;
+        const char *tag;
+    } rows[] = {{0, "UNKNW"}, {1, "CONF "}, {3, "WARN "}, {4, "INFO "}};
+    for (const auto &row : rows) {
+        const std::regex shape(std::string(stamp) + R"(\[)" + row.tag + R"(\] \[unit-test\] hello)" + "\n");
+        EXPECT_TRUE(std::regex_match(logged(row.level, "hello\n"), shape)) << row.level;
+    }
+}
+
+TEST_F(Logger, PrintsFileAndLineForErrorDebugVerboseAndStrangeLevels) {
+    const struct {
+        int level;
+        const char *tag;
+    } rows[] = {{2, "ERROR"}, {5, "DEBUG"}, {6, "VERB "}, {-1, "UNKNW"}, {-7, "UNKNW"}};
+    for (const auto &row : rows) {
+        const std::regex shape(std::string(stamp) + R"(\[)" + row.tag + R"(\] \[unit-test: some_unit:77\] hello)" +
+                               "\n");
+        EXPECT_TRUE(std::regex_match(logged(row.level, "hello\n"), shape)) << row.level;
+    }
+}
+
+TEST_F(Logger, DropsWhatIsAboveTheLevelBySignedComparison) {
+    support::set_log_level("info");
+    EXPECT_NE(logged(4, "x\n"), "");
+    EXPECT_EQ(logged(5, "x\n"), "");
+    EXPECT_EQ(logged(6, "x\n"), "");
+    EXPECT_EQ(logged(7, "x\n"), "");
+    EXPECT_NE(logged(-1, "x\n"), "") << "a negative level always passes";
+    support::set_log_level("verbose");
+    EXPECT_NE(logged(6, "x\n"), "");
+    EXPECT_EQ(logged(7, "x\n"), "") << "above the highest level";
+}
+
+TEST_F(Logger, AddsNoLineEndOfItsOwn) { EXPECT_EQ(logged(4, "no end").back(), 'd'); }
+
+TEST_F(Logger, KeepsAMessageOf8000CharactersAndCutsALongerOne) {
+    const std::string whole = std::string(7999, 'a') + "\n";
+    EXPECT_EQ(support::parse_log(logged(2, whole)).at(0).message, whole);
+    const std::string longer = std::string(8000, 'a') + "\n";
+    EXPECT_EQ(support::parse_log(logged(2, longer)).at(0).message, std::string(8000, 'a'));
+}
+
+TEST_F(Logger, ReportsAMessageThatCannotBeFormatted) {
+    std::setlocale(LC_ALL, "C");
+    const StderrCapture out;
+    const wchar_t unprintable[] = {static_cast<wchar_t>(0x12345), 0};
+    EXPECT_EQ(tavrix_lsyslog_log(2, "some_unit", 1, "%ls", unprintable), -1);
+    EXPECT_EQ(out.text(), "");
+}
+
+TEST_F(Logger, StampsLinesWithLocalTime) {
+    for (const char *zone : {"UTC0", "XYZ-5:30"}) {
+        setenv("TZ", zone, 1);
+        const std::time_t before = std::time(nullptr);
+        const std::string line = logged(4, "x\n");
+        const std::time_t after = std::time(nullptr);
+        tm local{};
+        ASSERT_NE(strptime(line.c_str(), "[%Y-%m-%d %H:%M:%S", &local), nullptr);
+        local.tm_isdst = 0;
+        const std::time_t stamped = std::mktime(&local);
+        EXPECT_GE(stamped, before) << zone;
+        EXPECT_LE(stamped, after) << zone;
+    }
+    unsetenv("TZ");
+}
+
+TEST_F(Logger, ChecksSeverityWithUnsignedNumbers) {
+    for (int level = 0; level <= 6; ++level) {
+        EXPECT_EQ(tavrix_lsyslog_check_severity(level), 1) << level;
+    }
+    EXPECT_EQ(tavrix_lsyslog_check_severity(7), 0);
+    EXPECT_EQ(tavrix_lsyslog_check_severity(-1), 0);
+    support::set_log_level("info");
+    EXPECT_EQ(tavrix_lsyslog_check_severity(4), 1);
+    EXPECT_EQ(tavrix_lsyslog_check_severity(5), 0);
+    support::set_log_level("off");
+    EXPECT_EQ(tavrix_lsyslog_check_severity(0), 1);
+    EXPECT_EQ(tavrix_lsyslog_check_severity(1), 0);
+}
+
+TEST_F(Logger, LoadsEachOfTheFourWords) {
+    const struct {
+        const char *word;
+        int level;
+    } rows[] = {{"info", 4}, {"debug", 5}, {"verbose", 6}};
+    for (const auto &row : rows) {
+        const Reload reload = reload_with(std::string("[logging_levels]\nunit-test=") + row.word + "\n");
+        EXPECT_EQ(reload.rc, 0);
+        const auto lines = support::parse_log(reload.text);
+        ASSERT_EQ(lines.size(), 1U);
+        EXPECT_EQ(lines[0].tag, "CONF ");
+        EXPECT_EQ(lines[0].message, std::string("Logging level set to ") + row.word + ".\n");
+        EXPECT_EQ(tavrix_lsyslog_check_severity(row.level), 1);
+        EXPECT_EQ(tavrix_lsyslog_check_severity(row.level + 1), 0);
+    }
+}
+
+TEST_F(Logger, SwitchedOffPrintsOnlyLevelZeroNotEvenTheConfirmation) {
+    const Reload reload = reload_with("[logging_levels]\nunit-test=off\n");
+    EXPECT_EQ(reload.rc, 0);
+    EXPECT_EQ(reload.text, "");
+    EXPECT_EQ(logged(1, "x\n"), "");
+    EXPECT_NE(logged(0, "x\n").find("[UNKNW] [unit-test] x\n"), std::string::npos);
+}
+
+TEST_F(Logger, RefusesOtherWordsAndKeepsTheLevel) {
+    for (const char *word : {"config", "error", "warning", "INFO", "Debug", "undef", "", " info", "info ", "6"}) {
+        const Reload reload = reload_with(std::string("[logging_levels]\nunit-test=") + word + "\n");
+        EXPECT_EQ(reload.rc, -42) << word;
+        EXPECT_EQ(reload.text, "") << word;
+        EXPECT_EQ(tavrix_lsyslog_check_severity(6), 1) << word;
+    }
+}
+
+TEST_F(Logger, PassesTheParsersStatusOn) {
+    std::remove(conf);
+    EXPECT_EQ(tavrix_lsyslog_reload_conf(), -40);
+    EXPECT_EQ(reload_with("[other]\nunit-test=info\n").rc, -35);
+    EXPECT_EQ(reload_with("[logging_levels]\nother=info\n").rc, -35);
+    EXPECT_EQ(reload_with("[logging_levels]\nunit-test=info").rc, -35) << "the last line has no newline";
+    EXPECT_EQ(reload_with("[logging_levels]\nunit-test=" + std::string(51, 'x') + "\n").rc, -41);
+    EXPECT_EQ(reload_with("[logging_levels]\nunit-test=" + std::string(50, 'x') + "\n").rc, -42);
+    EXPECT_EQ(tavrix_lsyslog_check_severity(6), 1) << "the level in force stays";
+}
+
+TEST_F(Logger, InitTakesTheNameAndSwallowsAFailedReload) {
+    std::remove(conf);
+    const StderrCapture out;
+    EXPECT_EQ(tavrix_lsyslog_init("renamed"), 0);
+    tavrix_lsyslog_log(4, "u", 1, "x\n");
+    EXPECT_NE(out.text().find("[renamed] x\n"), std::string::npos);
+    EXPECT_EQ(tavrix_lsyslog_check_severity(6), 1);
+}
+
+TEST_F(Logger, KeepsTheNameByItsPointer) {
+    static char name[] = "first";
+    tavrix_lsyslog_init(name);
+    name[0] = 'F';
+    EXPECT_NE(logged(4, "x\n").find("[First] x\n"), std::string::npos);
+    tavrix_lsyslog_init(nullptr);
+    EXPECT_NE(logged(4, "x\n").find("[First] x\n"), std::string::npos) << "a null name changes nothing";
+}
+
+TEST_F(Logger, ReloadsAsAMethodHandler) {
+    write_conf("[logging_levels]\nunit-test=info\n");
+    {
+        const StderrCapture confirmation;
+        EXPECT_EQ(tavrix_lsyslog_reload_conf_api(nullptr, nullptr, nullptr), 0);
+    }
+    EXPECT_EQ(tavrix_lsyslog_check_severity(5), 0);
+    std::remove(conf);
+    EXPECT_EQ(tavrix_lsyslog_reload_conf_api(nullptr, nullptr, nullptr), 0) << "a failure is swallowed";
+}
+
+TEST_F(Logger, RecognisesItsOwnMethod) {
+    write_conf("[logging_levels]\nunit-test=info\n");
+    for (const char *other : {"logger.reloadconf", "logger.ReloadConf ", "logger.Reload", "", "ports.Get"}) {
+        EXPECT_EQ(tavrix_lsyslog_is_json_method_lsyslog(other), 0) << other;
+        EXPECT_EQ(tavrix_lsyslog_check_severity(6), 1) << "nothing was reloaded";
+    }
+    const StderrCapture confirmation;
+    EXPECT_EQ(tavrix_lsyslog_is_json_method_lsyslog("logger.ReloadConf"), 1);
+    EXPECT_EQ(tavrix_lsyslog_check_severity(6), 0);
+}
+
+TEST_F(Logger, TakesAtLeastHalfASecondToStoreASocket) {
+    const auto before = std::chrono::steady_clock::now();
+    EXPECT_EQ(tavrix_lsyslog_set_socket(2), 0);
+    EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(500));
+}
+
+TEST_F(Logger, ShutdownChangesNothing) {
+    EXPECT_EQ(tavrix_lsyslog_shutdown(), 0);
+    EXPECT_NE(logged(6, "x\n"), "");
+}
+
+TEST_F(Logger, NamesItsLevels) {
+    const char *const names[] = {"undef", "config", "error", "warning", "info", "debug", "verbose"};
+    for (int level = 0; level < 7; ++level) {
+        EXPECT_STREQ(tavrix_log_level_strings[level], names[level]);
+    }
+}

@@ -239,7 +239,8 @@ TEST(SetChannel, ClosesTheSocketWhenAStepFails) {
         std::string line;
     } rows[] = {
         {TAVRIX_SP_SUB, "ipc://x", "[tavrix_jrpc_mq_sub_set_channel]: Error mq_socket_connect for sub, rc = -34\n"},
-        {TAVRIX_SP_SUB, "tcp://nowhere", "[tavrix_jrpc_mq_sub_set_channel]: Error mq_socket_connect for sub, rc = -1\n"},
+        {TAVRIX_SP_SUB, "tcp://nowhere",
+         "[tavrix_jrpc_mq_sub_set_channel]: Error mq_socket_connect for sub, rc = -1\n"},
         {TAVRIX_SP_PAIR, "tcp://127.0.0.1:1",
          "[tavrix_jrpc_mq_sub_set_channel]: Error mq_socket_subscribe for sub, rc = -1\n"},
     };

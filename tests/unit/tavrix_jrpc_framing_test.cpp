@@ -148,12 +148,18 @@ TEST(ServiceChannel, FollowsTheLeadingLetters) {
         const char *method;
         std::string channel;
     } rows[] = {
-        {"d", first},          {"db.ApplyBackup", first}, {"p", first},        {"ports.Get", first},
-        {"en", first},         {"entity.X", first},       {"mz", first},       {"mzu.List", first},
-        {"ev", events},        {"events.X", events},      {"i", interfaces},   {"interfaces.X", interfaces},
-        {"e", other},          {"eth.X", other},          {"m", other},        {"mac.X", other},
-        {"", other},           {"logger.ReloadConf", other}, {"Ports.Get", other}, {"EVENTS", other},
-        {"D", other},          {"eV", other},             {"mZ", other},       {"I", other},
+        {"d", first},         {"db.ApplyBackup", first},
+        {"p", first},         {"ports.Get", first},
+        {"en", first},        {"entity.X", first},
+        {"mz", first},        {"mzu.List", first},
+        {"ev", events},       {"events.X", events},
+        {"i", interfaces},    {"interfaces.X", interfaces},
+        {"e", other},         {"eth.X", other},
+        {"m", other},         {"mac.X", other},
+        {"", other},          {"logger.ReloadConf", other},
+        {"Ports.Get", other}, {"EVENTS", other},
+        {"D", other},         {"eV", other},
+        {"mZ", other},        {"I", other},
         {"z", other},
     };
     for (const auto &row : rows) {

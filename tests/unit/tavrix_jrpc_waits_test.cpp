@@ -61,19 +61,34 @@ INSTANTIATE_TEST_SUITE_P(
     Replies, EvalMethod,
     testing::Values(
         Candidate{"Match", R"({"jsonrpc":"2.0","id":"ports.Get"})", 0, {"DEBUG|Found correct method \"ports.Get\"."}},
-        Candidate{"OtherMethod", R"({"jsonrpc":"2.0","id":"ports.get"})", -1,
+        Candidate{"OtherMethod",
+                  R"({"jsonrpc":"2.0","id":"ports.get"})",
+                  -1,
                   {"DEBUG|Found incorrect method \"ports.get\"."}},
-        Candidate{"NoVersion", R"({"id":"ports.Get"})", -1,
+        Candidate{"NoVersion",
+                  R"({"id":"ports.Get"})",
+                  -1,
                   {"DEBUG|Received invalid JSON-RPC format.", "DEBUG|Found incorrect method \"ports.Get\"."}},
-        Candidate{"VersionNumber", R"({"jsonrpc":2,"id":"ports.Get"})", -1,
-                  {"ERROR|tavrix_jrpc_eval_request: Invalid Request ID", "DEBUG|Found incorrect method \"ports.Get\"."}},
-        Candidate{"VersionOne", R"({"jsonrpc":"1.0","id":"ports.Get"})", -1,
+        Candidate{
+            "VersionNumber",
+            R"({"jsonrpc":2,"id":"ports.Get"})",
+            -1,
+            {"ERROR|tavrix_jrpc_eval_request: Invalid Request ID", "DEBUG|Found incorrect method \"ports.Get\"."}},
+        Candidate{"VersionOne",
+                  R"({"jsonrpc":"1.0","id":"ports.Get"})",
+                  -1,
                   {"DEBUG|Received unsupported JSON-RPC version.", "DEBUG|Found incorrect method \"ports.Get\"."}},
-        Candidate{"IdNumber", R"({"jsonrpc":"2.0","id":5})", -1,
+        Candidate{"IdNumber",
+                  R"({"jsonrpc":"2.0","id":5})",
+                  -1,
                   {"ERROR|Given parameter <id> is not a string", "DEBUG|Found incorrect method \"(null)\"."}},
-        Candidate{"IdMissing", R"({"jsonrpc":"2.0"})", -1,
+        Candidate{"IdMissing",
+                  R"({"jsonrpc":"2.0"})",
+                  -1,
                   {"ERROR|Given parameter <id> is not a string", "DEBUG|Found incorrect method \"(null)\"."}},
-        Candidate{"IdTrue", R"({"jsonrpc":"2.0","id":true})", -1,
+        Candidate{"IdTrue",
+                  R"({"jsonrpc":"2.0","id":true})",
+                  -1,
                   {"ERROR|tavrix_jrpc_eval_request: Invalid Request ID", "DEBUG|Found incorrect method \"(null)\"."}}),
     [](const auto &row) { return row.param.name; });
 
@@ -91,17 +106,27 @@ TEST_P(EvalNotification, Decides) {
 INSTANTIATE_TEST_SUITE_P(
     Notifications, EvalNotification,
     testing::Values(
-        Candidate{"Match", R"({"jsonrpc":"2.0","method":"events.X"})", 0,
+        Candidate{"Match",
+                  R"({"jsonrpc":"2.0","method":"events.X"})",
+                  0,
                   {"VERB |JSON Method: events.X", "DEBUG|Found correct method \"events.X\"."}},
-        Candidate{"Other", R"({"jsonrpc":"2.0","method":"events.x"})", -1,
+        Candidate{"Other",
+                  R"({"jsonrpc":"2.0","method":"events.x"})",
+                  -1,
                   {"VERB |JSON Method: events.x", "DEBUG|Found incorrect method \"events.x\"."}},
         Candidate{"NoMethod", R"({"jsonrpc":"2.0"})", -1, {"DEBUG|[tavrix_jrpc_eval_notification]: No JSON method"}},
-        Candidate{"MethodNumber", R"({"jsonrpc":"2.0","method":1})", -1,
+        Candidate{"MethodNumber",
+                  R"({"jsonrpc":"2.0","method":1})",
+                  -1,
                   {"DEBUG|[tavrix_jrpc_eval_notification]: Invalid JSON method"}},
         Candidate{"NoVersion", R"({"method":"events.X"})", -1, {"DEBUG|Received invalid JSON-RPC format."}},
-        Candidate{"VersionTrue", R"({"jsonrpc":true,"method":"events.X"})", -1,
+        Candidate{"VersionTrue",
+                  R"({"jsonrpc":true,"method":"events.X"})",
+                  -1,
                   {"ERROR|tavrix_jrpc_eval_request: Invalid Request ID"}},
-        Candidate{"VersionThree", R"({"jsonrpc":"3.0","method":"events.X"})", -1,
+        Candidate{"VersionThree",
+                  R"({"jsonrpc":"3.0","method":"events.X"})",
+                  -1,
                   {"DEBUG|Received unsupported JSON-RPC version."}}),
     [](const auto &row) { return row.param.name; });
 
@@ -135,9 +160,15 @@ TEST(ReplyWait, GivesUpAfterTheMethodsNumberOfAttempts) {
         const char *method;
         int attempts;
     } rows[] = {
-        {"ports.Get", 60},           {"ports.SetEnabled", 60},           {"ports.SetVlanLocal", 100},
-        {"ports.SetVlanAccess", 100}, {"ports.SetVlanTrunk", 100},       {"ports.poe.GetInstantPower", 200},
-        {"db.ApplyBackup", 200},     {"ports.get", 10},                  {"anything", 10},
+        {"ports.Get", 60},
+        {"ports.SetEnabled", 60},
+        {"ports.SetVlanLocal", 100},
+        {"ports.SetVlanAccess", 100},
+        {"ports.SetVlanTrunk", 100},
+        {"ports.poe.GetInstantPower", 200},
+        {"db.ApplyBackup", 200},
+        {"ports.get", 10},
+        {"anything", 10},
     };
     const BusSocket silent(TAVRIX_SP_SUB);
     tavrix_mq_socket_set_timeout(silent.number, 1);
@@ -168,11 +199,11 @@ TEST(ReplyWait, TakesTheReplyAndLetsOthersCostAnAttempt) {
     EXPECT_EQ(count_lines(log, "Waiting for API response <ports.Get>, attempts remaining: "), 5);
     EXPECT_TRUE(log.has(support::debug, unit, "Unable to parse API response, rc = -1\n"));
     EXPECT_EQ(log.count(support::debug, unit, "Incorrect API response received. rc = -1\n"), 3);
-    EXPECT_TRUE(log.has(support::debug, unit,
-                        std::string("[tavrix_jrpc_mq_sub_for_method] Received:\n") + reply + "\n"));
-    EXPECT_EQ(log.count(support::debug, unit,
-                        "[tavrix_jrpc_mq_sub_for_method] Received API response, evaluating id...\n"),
-              4);
+    EXPECT_TRUE(
+        log.has(support::debug, unit, std::string("[tavrix_jrpc_mq_sub_for_method] Received:\n") + reply + "\n"));
+    EXPECT_EQ(
+        log.count(support::debug, unit, "[tavrix_jrpc_mq_sub_for_method] Received API response, evaluating id...\n"),
+        4);
     EXPECT_EQ(log.lines().back().message, "[tavrix_jrpc_mq_sub_for_method] JSON Out: {\"jsonrpc\": \"2.0\", \"id\": "
                                           "\"ports.Get\", \"result\": 5}\n");
 }

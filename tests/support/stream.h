@@ -1,0 +1,40 @@
+/**
+ * Stream-socket clients as the tests need them: connect, say something, hear the answer.
+ */
+#ifndef TAVRIX_TESTS_SUPPORT_STREAM_H
+#define TAVRIX_TESTS_SUPPORT_STREAM_H
+
+#include <string>
+
+namespace support {
+
+/** A connection that is closed with its scope. */
+class StreamClient {
+  public:
+    explicit StreamClient(int fd) : fd_(fd) {}
+    static StreamClient unix_path(const std::string &path);
+    static StreamClient tcp_port(int port);
+    StreamClient(StreamClient &&other) noexcept : fd_(other.fd_) { other.fd_ = -1; }
+    StreamClient(const StreamClient &) = delete;
+    StreamClient &operator=(const StreamClient &) = delete;
+    ~StreamClient() { close(); }
+
+    bool connected() const { return fd_ >= 0; }
+    void say(const std::string &text) const;
+    /** Everything until the peer closes, or "(time-out)" when it does not within the time. */
+    std::string hear(int timeout_ms = 20000) const;
+    /** True when the peer has closed without a byte. */
+    bool closed_silently() const { return hear().empty(); }
+    void close();
+    int fd() const { return fd_; }
+
+  private:
+    int fd_;
+};
+
+/** How many descriptors this process has open. */
+int open_descriptors();
+
+} // namespace support
+
+#endif

@@ -1,0 +1,376 @@
+#include "tavrix_socket.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <string>
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include "support/bus.h"
+#include "support/log_capture.h"
+#include "support/stream.h"
+
+using support::LogCapture;
+using support::StderrCapture;
+using support::StreamClient;
+
+namespace {
+
+constexpr char unit[] = "tavrix_socket";
+
+/** A handle that is closed with its scope. */
+struct Handle {
+    int fd = -1;
+    ~Handle() {
+        if (fd >= 0) {
+            ::close(fd);
+        }
+    }
+};
+
+struct Pair {
+    Handle ours;
+    Handle theirs;
+    Pair() {
+        int fds[2];
+        if (socketpair(AF_UNIX, SOCK_STREAM, 0, fds) == 0) {
+            ours.fd = fds[0];
+            theirs.fd = fds[1];
+        }
+    }
+};
+
+mode_t mode_of(const std::string &path) {
+    struct stat status {};
+    return stat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0;
+}
+
+bool is_nonblocking(int fd) { return (fcntl(fd, F_GETFL) & O_NONBLOCK) != 0; }
+
+int port_of(int fd) {
+    sockaddr_in address{};
+    socklen_t length = sizeof address;
+    getsockname(fd, reinterpret_cast<sockaddr *>(&address), &length);
+    return ntohs(address.sin_port);
+}
+
+std::string perror_text(const char *prefix, int reason) { return std::string(prefix) + ": " + strerror(reason) + "\n"; }
+
+} // namespace
+
+TEST(UnixListener, IsOpenToEveryoneWhateverTheUmask) {
+    for (const mode_t mask : {0000, 0022, 0077, 0777}) {
+        Handle listener;
+        const mode_t before = umask(mask);
+        EXPECT_EQ(tavrix_unix_socket_init("open.sock", &listener.fd, 0), 0);
+        umask(before);
+        EXPECT_EQ(mode_of("open.sock"), 0666U);
+    }
+}
+
+TEST(UnixListener, ReplacesAFileThatWasLeftBehind) {
+    {
+        Handle abandoned;
+        ASSERT_EQ(tavrix_unix_socket_init("stale.sock", &abandoned.fd, 0), 0);
+    }
+    ASSERT_NE(mode_of("stale.sock"), 0U) << "the file is still there";
+    Handle listener;
+    EXPECT_EQ(tavrix_unix_socket_init("stale.sock", &listener.fd, 0), 0);
+    EXPECT_TRUE(StreamClient::unix_path("stale.sock").connected());
+}
+
+TEST(UnixListener, WaitsOnlyWhenAskedTo) {
+    Handle blocking;
+    Handle nonblocking;
+    ASSERT_EQ(tavrix_unix_socket_init("a.sock", &blocking.fd, 0), 0);
+    ASSERT_EQ(tavrix_unix_socket_init("b.sock", &nonblocking.fd, 7), 0);
+    EXPECT_FALSE(is_nonblocking(blocking.fd));
+    EXPECT_TRUE(is_nonblocking(nonblocking.fd));
+}
+
+TEST(UnixListener, CutsALongPathTo107Bytes) {
+    const std::string exact(107, 'p');
+    for (const std::string &path : {exact, exact + "q", exact + std::string(100, 'q')}) {
+        Handle listener;
+        EXPECT_EQ(tavrix_unix_socket_init(path.c_str(), &listener.fd, 0), 0);
+        EXPECT_EQ(mode_of(exact), 0666U);
+        EXPECT_EQ(access(path.c_str(), F_OK) == 0, path == exact);
+        unlink(exact.c_str());
+    }
+}
+
+TEST(UnixListener, RefusesNull) {
+    int fd = -77;
+    const LogCapture log("debug");
+    EXPECT_EQ(tavrix_unix_socket_init(nullptr, &fd, 0), -1);
+    EXPECT_EQ(tavrix_unix_socket_init("x.sock", nullptr, 0), -1);
+    EXPECT_EQ(log.count(support::debug, unit, "[tavrix_unix_socket_init]: Null Pointer!\n"), 2);
+    EXPECT_EQ(fd, -77);
+}
+
+TEST(UnixListener, ReportsAPathThatCannotBeBoundAndLeavesNothingOpen) {
+    const int open_before = support::open_descriptors();
+    int fd = -77;
+    const StderrCapture out;
+    EXPECT_EQ(tavrix_unix_socket_init("no/such/folder/x.sock", &fd, 0), -1);
+    EXPECT_EQ(out.text(), perror_text("bind", ENOENT));
+    EXPECT_EQ(fd, -77);
+    EXPECT_EQ(support::open_descriptors(), open_before + 2) << "only the capture's own two";
+}
+
+TEST(TcpListener, NeverWaits) {
+    for (const int nonblocking : {0, 1}) {
+        Handle listener;
+        ASSERT_EQ(tavrix_tcp_socket_init(0, &listener.fd, nonblocking), 0);
+        EXPECT_TRUE(is_nonblocking(listener.fd));
+    }
+}
+
+TEST(TcpListener, ListensOnEveryAddressOfItsPort) {
+    const unsigned port = static_cast<unsigned>(support::free_port());
+    Handle listener;
+    ASSERT_EQ(tavrix_tcp_socket_init(port + 0x10000, &listener.fd, 0), 0) << "the low 16 bits count";
+    sockaddr_in address{};
+    socklen_t length = sizeof address;
+    ASSERT_EQ(getsockname(listener.fd, reinterpret_cast<sockaddr *>(&address), &length), 0);
+    EXPECT_EQ(ntohs(address.sin_port), port);
+    EXPECT_EQ(address.sin_addr.s_addr, htonl(INADDR_ANY));
+    int reuse = -1;
+    socklen_t size = sizeof reuse;
+    ASSERT_EQ(getsockopt(listener.fd, SOL_SOCKET, SO_REUSEADDR, &reuse, &size), 0);
+    EXPECT_EQ(reuse, 0) << "no option is set";
+}
+
+TEST(TcpListener, ReportsAPortInUseAndLeavesNothingOpen) {
+    Handle first;
+    ASSERT_EQ(tavrix_tcp_socket_init(0, &first.fd, 0), 0);
+    const int open_before = support::open_descriptors();
+    int fd = -77;
+    const StderrCapture out;
+    EXPECT_EQ(tavrix_tcp_socket_init(static_cast<unsigned>(port_of(first.fd)), &fd, 0), -1);
+    EXPECT_EQ(out.text(), perror_text("bind", EADDRINUSE));
+    EXPECT_EQ(fd, -77);
+    EXPECT_EQ(support::open_descriptors(), open_before + 2) << "only the capture's own two";
+}
+
+TEST(TcpListener, RefusesNull) {
+    const LogCapture log("debug");
+    EXPECT_EQ(tavrix_tcp_socket_init(0, nullptr, 0), -1);
+    EXPECT_TRUE(log.has(support::debug, unit, "[tavrix_tcp_socket_init]: Null Pointer!\n"));
+}
+
+TEST(Accept, TakesAWaitingClient) {
+    Handle local;
+    Handle tcp;
+    ASSERT_EQ(tavrix_unix_socket_init("accept.sock", &local.fd, 0), 0);
+    ASSERT_EQ(tavrix_tcp_socket_init(0, &tcp.fd, 0), 0);
+    const StreamClient local_client = StreamClient::unix_path("accept.sock");
+    const StreamClient tcp_client = StreamClient::tcp_port(port_of(tcp.fd));
+    Handle accepted;
+    Handle accepted_tcp;
+    EXPECT_EQ(tavrix_socket_accept(&local.fd, &accepted.fd), 0);
+    ASSERT_TRUE(support::wait_until([&] { return tavrix_tcp_socket_accept(&tcp.fd, &accepted_tcp.fd) == 0; }));
+    local_client.say("one");
+    tcp_client.say("two");
+    char text[8] = "";
+    EXPECT_EQ(tavrix_socket_recv(&accepted.fd, text, 7), 3);
+    EXPECT_STREQ(text, "one");
+    EXPECT_EQ(tavrix_socket_recv(&accepted_tcp.fd, text, 7), 3);
+    EXPECT_STREQ(text, "two");
+}
+
+TEST(Accept, IsSilentWhenNobodyWaits) {
+    Handle local;
+    Handle tcp;
+    ASSERT_EQ(tavrix_unix_socket_init("idle.sock", &local.fd, 1), 0);
+    ASSERT_EQ(tavrix_tcp_socket_init(0, &tcp.fd, 0), 0);
+    int client = -77;
+    const LogCapture log("verbose");
+    EXPECT_EQ(tavrix_socket_accept(&local.fd, &client), -1);
+    EXPECT_EQ(client, -1) << "written whatever the result";
+    client = -77;
+    EXPECT_EQ(tavrix_tcp_socket_accept(&tcp.fd, &client), -1);
+    EXPECT_EQ(client, -1);
+    EXPECT_TRUE(log.silent());
+}
+
+TEST(Accept, ReportsABadListener) {
+    const int bad = -5;
+    int client = -77;
+    const StderrCapture out;
+    EXPECT_EQ(tavrix_socket_accept(&bad, &client), -1);
+    EXPECT_EQ(tavrix_tcp_socket_accept(&bad, &client), -1);
+    EXPECT_EQ(out.text(), perror_text("tavrix_socket_accept", EBADF) + perror_text("tavrix_tcp_socket_accept", EBADF));
+    EXPECT_EQ(client, -1);
+}
+
+TEST(Accept, RefusesNull) {
+    int any = 0;
+    const LogCapture log("debug");
+    EXPECT_EQ(tavrix_socket_accept(nullptr, &any), -1);
+    EXPECT_EQ(tavrix_socket_accept(&any, nullptr), -1);
+    EXPECT_EQ(tavrix_tcp_socket_accept(nullptr, &any), -1);
+    EXPECT_EQ(tavrix_tcp_socket_accept(&any, nullptr), -1);
+    EXPECT_EQ(log.count(support::debug, unit, "[tavrix_socket_accept]: Null Pointer!\n"), 2);
+    EXPECT_EQ(log.count(support::debug, unit, "[tavrix_tcp_socket_accept]: Null Pointer!\n"), 2);
+}
+
+TEST(Connect, ReachesAListener) {
+    Handle listener;
+    ASSERT_EQ(tavrix_tcp_socket_init(0, &listener.fd, 0), 0);
+    Handle client;
+    ASSERT_EQ(tavrix_tcp_socket_connect("127.0.0.1", static_cast<unsigned>(port_of(listener.fd)), &client.fd), 0);
+    EXPECT_FALSE(is_nonblocking(client.fd));
+    EXPECT_EQ(tavrix_socket_send(&client.fd, "x"), 0);
+}
+
+TEST(Connect, IsSilentWhenItIsRefused) {
+    int fd = -77;
+    const int open_before = support::open_descriptors();
+    const LogCapture log("verbose");
+    EXPECT_EQ(tavrix_tcp_socket_connect("127.0.0.1", static_cast<unsigned>(support::free_port()), &fd), -1);
+    EXPECT_TRUE(log.silent());
+    EXPECT_EQ(fd, -77);
+    EXPECT_EQ(support::open_descriptors(), open_before + 2) << "only the capture's own two";
+}
+
+TEST(Connect, WantsADottedQuad) {
+    for (const char *text : {"localhost", "", "127.0.0", "::1", "127.0.0.1 "}) {
+        int fd = -77;
+        const int open_before = support::open_descriptors();
+        const StderrCapture out;
+        EXPECT_EQ(tavrix_tcp_socket_connect(text, 1, &fd), -1) << text;
+        EXPECT_EQ(out.text().rfind("inet_pton: ", 0), 0U) << out.text();
+        EXPECT_EQ(fd, -77);
+        EXPECT_EQ(support::open_descriptors(), open_before + 2);
+    }
+}
+
+TEST(Connect, RefusesNull) {
+    int fd = -77;
+    const LogCapture log("debug");
+    EXPECT_EQ(tavrix_tcp_socket_connect(nullptr, 1, &fd), -1);
+    EXPECT_EQ(tavrix_tcp_socket_connect("127.0.0.1", 1, nullptr), -1);
+    EXPECT_EQ(log.count(support::debug, unit, "[tavrix_tcp_socket_connect]: Null Pointer!\n"), 2);
+}
+
+TEST(Receive, GivesTheCountAndAddsNoTerminator) {
+    Pair pair;
+    ASSERT_EQ(tavrix_socket_send(&pair.theirs.fd, "abcdef"), 0);
+    char text[8];
+    std::memset(text, '~', sizeof text);
+    EXPECT_EQ(tavrix_socket_recv(&pair.ours.fd, text, 4), 4);
+    EXPECT_EQ(std::string(text, 8), "abcd~~~~");
+    EXPECT_EQ(tavrix_socket_recv(&pair.ours.fd, text, 8), 2);
+}
+
+TEST(Receive, SaysThatThePeerHasClosed) {
+    Pair pair;
+    ::close(std::exchange(pair.theirs.fd, -1));
+    char text[4];
+    const LogCapture log("debug");
+    EXPECT_EQ(tavrix_socket_recv(&pair.ours.fd, text, 4), 0);
+    EXPECT_EQ(log.sequence(), std::vector<std::string>{"DEBUG|[tavrix_socket_recv]: zero bytes received!"});
+}
+
+TEST(Receive, LooksEmptyForNullArguments) {
+    Pair pair;
+    char text[4];
+    const LogCapture log("debug");
+    EXPECT_EQ(tavrix_socket_recv(nullptr, text, 4), 0);
+    EXPECT_EQ(tavrix_socket_recv(&pair.ours.fd, nullptr, 4), 0);
+    EXPECT_EQ(log.count(support::debug, unit, "[tavrix_socket_recv]: Null Pointer!\n"), 2);
+}
+
+TEST(Receive, ReportsABadDescriptor) {
+    const int bad = -5;
+    char text[4];
+    const StderrCapture out;
+    EXPECT_EQ(tavrix_socket_recv(&bad, text, 4), -1);
+    EXPECT_EQ(out.text(), perror_text("tavrix_socket_recv", EBADF));
+}
+
+TEST(Receive, FailsOnASignal) {
+    struct sigaction action {};
+    struct sigaction before {};
+    action.sa_handler = [](int) {};
+    sigaction(SIGALRM, &action, &before);
+    itimerval ticking{};
+    ticking.it_value.tv_usec = 20000;
+    ticking.it_interval.tv_usec = 20000;
+    Pair pair;
+    char text[4];
+    const StderrCapture out;
+    setitimer(ITIMER_REAL, &ticking, nullptr);
+    EXPECT_EQ(tavrix_socket_recv(&pair.ours.fd, text, 4), -1);
+    const itimerval off{};
+    setitimer(ITIMER_REAL, &off, nullptr);
+    sigaction(SIGALRM, &before, nullptr);
+    EXPECT_EQ(out.text(), perror_text("tavrix_socket_recv", EINTR));
+}
+
+TEST(Send, SurvivesAPeerThatHasClosed) {
+    Pair pair;
+    ::close(std::exchange(pair.theirs.fd, -1));
+    const LogCapture log("verbose");
+    EXPECT_EQ(tavrix_socket_send(&pair.ours.fd, "x"), -1) << "and no SIGPIPE";
+    EXPECT_TRUE(log.silent());
+}
+
+TEST(Send, TakesAShortSendForASuccess) {
+    Pair pair;
+    fcntl(pair.ours.fd, F_SETFL, O_NONBLOCK);
+    const std::string large(50U << 20, 'x');
+    EXPECT_EQ(tavrix_socket_send(&pair.ours.fd, large.c_str()), 0);
+    EXPECT_EQ(tavrix_socket_send(&pair.ours.fd, large.c_str()), -1) << "now the buffer is full";
+}
+
+TEST(Send, RefusesNull) {
+    Pair pair;
+    const LogCapture log("debug");
+    EXPECT_EQ(tavrix_socket_send(nullptr, "x"), -1);
+    EXPECT_EQ(tavrix_socket_send(&pair.ours.fd, nullptr), -1);
+    EXPECT_EQ(log.count(support::debug, unit, "[tavrix_socket_send]: Null Pointer!\n"), 2);
+}
+
+TEST(Close, WorksOnce) {
+    Pair pair;
+    EXPECT_EQ(tavrix_socket_close(&pair.ours.fd), 0);
+    EXPECT_EQ(pair.ours.fd, -1);
+    const StderrCapture out;
+    EXPECT_EQ(tavrix_socket_close(&pair.ours.fd), -1);
+    EXPECT_EQ(out.text(), perror_text("tavrix_socket_close", EBADF));
+}
+
+TEST(Close, KeepsTheHandleWhenItFails) {
+    int bad = 987654;
+    const StderrCapture out;
+    EXPECT_EQ(tavrix_socket_close(&bad), -1);
+    EXPECT_EQ(bad, 987654);
+}
+
+TEST(Close, RefusesNull) {
+    const LogCapture log("debug");
+    EXPECT_EQ(tavrix_socket_close(nullptr), -1);
+    EXPECT_TRUE(log.has(support::debug, unit, "[tavrix_socket_close]: Null Pointer!\n"));
+}
+
+TEST(Shutdown, ForgetsTheHandleInAnyCaseAndSaysNothing) {
+    Pair pair;
+    const LogCapture log("verbose");
+    EXPECT_EQ(tavrix_socket_shutdown(&pair.ours.fd), 0);
+    EXPECT_EQ(pair.ours.fd, -1);
+    int bad = 987654;
+    EXPECT_EQ(tavrix_socket_shutdown(&bad), -1);
+    EXPECT_EQ(bad, -1);
+    EXPECT_EQ(tavrix_socket_shutdown(nullptr), -1);
+    EXPECT_TRUE(log.silent());
+}

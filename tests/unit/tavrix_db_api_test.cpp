@@ -1,0 +1,237 @@
+#include "tavrix_db_api.h"
+
+#include <cstdio>
+#include <string>
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include "support/log_capture.h"
+#include "support/stream.h"
+
+using support::LogCapture;
+
+namespace {
+
+constexpr char unit[] = "tavrix_db_api";
+constexpr char cfgdb[] = "zqn_h7.db"; ///< the test build's name of the configuration database
+constexpr char other[] = "other.db";
+
+void make_database(const char *path) {
+    std::remove(path);
+    sqlite3 *db = nullptr;
+    ASSERT_EQ(sqlite3_open(path, &db), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(db,
+                           "CREATE TABLE t (id INTEGER PRIMARY KEY, parent INTEGER REFERENCES t (id));"
+                           "INSERT INTO t VALUES (7, NULL); CREATE TABLE empty (id INTEGER);",
+                           nullptr, nullptr, nullptr),
+              SQLITE_OK);
+    sqlite3_close(db);
+}
+
+int pragma(sqlite3 *db, const char *sql) {
+    sqlite3_stmt *statement = nullptr;
+    sqlite3_prepare_v2(db, sql, -1, &statement, nullptr);
+    const int value = sqlite3_step(statement) == SQLITE_ROW ? sqlite3_column_int(statement, 0) : -1;
+    sqlite3_finalize(statement);
+    return value;
+}
+
+class Database : public testing::Test {
+  protected:
+    void SetUp() override {
+        make_database(cfgdb);
+        make_database(other);
+        tavrix_db_unlock_cfgdb();
+    }
+    void TearDown() override {
+        tavrix_db_unlock_cfgdb();
+        EXPECT_EQ(sqlite3_close(handle), SQLITE_OK);
+    }
+    sqlite3 *handle = nullptr;
+};
+
+} // namespace
+
+TEST_F(Database, OpensWithTheSettingsEveryConnectionMustHave) {
+    ASSERT_EQ(tavrix_db_open(&handle), 0);
+    EXPECT_EQ(pragma(handle, "PRAGMA foreign_keys"), 1);
+    EXPECT_EQ(pragma(handle, "PRAGMA recursive_triggers"), 1);
+    EXPECT_EQ(sqlite3_exec(handle, "INSERT INTO t VALUES (8, 99)", nullptr, nullptr, nullptr), SQLITE_CONSTRAINT);
+    EXPECT_NE(std::string(sqlite3_db_filename(handle, "main")).find(cfgdb), std::string::npos);
+}
+
+TEST_F(Database, NeverCreatesAFile) {
+    std::remove("missing.db");
+    const LogCapture log("info");
+    EXPECT_EQ(tavrix_db_open_file(&handle, "missing.db"), -7);
+    EXPECT_TRUE(log.has(support::error, unit, "Failed to open a database connection to file <missing.db>\n"));
+    EXPECT_NE(handle, nullptr) << "the closed handle's value stays";
+    EXPECT_EQ(tavrix_db_ensure_open_file(&handle, "missing.db"), 0) << "and counts as open";
+    handle = nullptr;
+    EXPECT_NE(access("missing.db", F_OK), 0);
+}
+
+TEST_F(Database, OpensLazily) {
+    LogCapture log("verbose");
+    ASSERT_EQ(tavrix_db_ensure_open(&handle), 0);
+    EXPECT_TRUE(log.has(support::debug, unit, "Database file <zqn_h7.db> was not open, opening now...\n"));
+    const sqlite3 *const opened = handle;
+    log.clear();
+    ASSERT_EQ(tavrix_db_ensure_open(&handle), 0);
+    EXPECT_EQ(handle, opened);
+    EXPECT_EQ(log.sequence(), std::vector<std::string>{
+                                  "VERB |Database file <zqn_h7.db> was already open, no further action required."});
+}
+
+TEST_F(Database, RefusesToOpenTheLockedConfigurationOnly) {
+    tavrix_db_lock_cfgdb();
+    const LogCapture log("info");
+    EXPECT_EQ(tavrix_db_ensure_open(&handle), -11);
+    EXPECT_EQ(handle, nullptr);
+    EXPECT_EQ(log.sequence(), std::vector<std::string>{"WARN |cfgdb is currently locked - not re-opening"});
+    EXPECT_EQ(tavrix_db_ensure_open_file(&handle, cfgdb), -11) << "by its path too";
+    int64_t value = -77;
+    sqlite3_stmt *statement = nullptr;
+    EXPECT_EQ(tavrix_db_get_single_id_result(nullptr, cfgdb, "t", &value, "SELECT 1"), -11);
+    EXPECT_EQ(tavrix_db_prepare_statement(nullptr, cfgdb, &statement, "SELECT 1"), -11);
+    EXPECT_EQ(tavrix_db_ensure_open_file(&handle, other), 0) << "another file is not locked";
+}
+
+TEST_F(Database, LetsAnOpenHandleAndAPlainOpenPassTheLock) {
+    ASSERT_EQ(tavrix_db_ensure_open(&handle), 0);
+    tavrix_db_lock_cfgdb();
+    EXPECT_EQ(tavrix_db_ensure_open(&handle), 0);
+    sqlite3 *second = nullptr;
+    EXPECT_EQ(tavrix_db_open(&second), 0);
+    EXPECT_EQ(tavrix_db_close(second), 0);
+    tavrix_db_unlock_cfgdb();
+    sqlite3 *third = nullptr;
+    EXPECT_EQ(tavrix_db_ensure_open(&third), 0);
+    EXPECT_EQ(tavrix_db_close(third), 0);
+}
+
+TEST_F(Database, ComparesTheLockedPathToTheLetter) {
+    tavrix_db_lock_cfgdb();
+    EXPECT_EQ(tavrix_db_ensure_open_file(&handle, "./zqn_h7.db"), 0);
+}
+
+TEST_F(Database, ClosesAndSaysWhatIsUnfinished) {
+    sqlite3 *db = nullptr;
+    ASSERT_EQ(tavrix_db_open(&db), 0);
+    sqlite3_stmt *statement = nullptr;
+    ASSERT_EQ(tavrix_db_prepare_statement(db, cfgdb, &statement, "SELECT id FROM t"), 0);
+    EXPECT_EQ(tavrix_db_close(db), -12);
+    sqlite3_finalize(statement);
+    EXPECT_EQ(tavrix_db_close(db), 0);
+    EXPECT_EQ(tavrix_db_close(nullptr), -4);
+}
+
+TEST_F(Database, PreparesOnTheCallersConnection) {
+    ASSERT_EQ(tavrix_db_open(&handle), 0);
+    sqlite3_stmt *statement = nullptr;
+    ASSERT_EQ(tavrix_db_prepare_statement(handle, cfgdb, &statement, "SELECT id FROM t"), 0);
+    EXPECT_EQ(sqlite3_db_handle(statement), handle);
+    sqlite3_finalize(statement);
+}
+
+TEST_F(Database, PreparesOnAFreshConnectionThatTheStatementKeeps) {
+    sqlite3_stmt *statement = nullptr;
+    ASSERT_EQ(tavrix_db_prepare_statement(nullptr, cfgdb, &statement, "SELECT id FROM t"), 0);
+    sqlite3 *kept = sqlite3_db_handle(statement);
+    ASSERT_NE(kept, nullptr);
+    EXPECT_EQ(sqlite3_step(statement), SQLITE_ROW);
+    EXPECT_EQ(sqlite3_column_int(statement, 0), 7);
+    sqlite3_finalize(statement);
+    EXPECT_EQ(tavrix_db_close(kept), 0);
+}
+
+TEST_F(Database, ReportsAQueryThatCannotBePrepared) {
+    ASSERT_EQ(tavrix_db_open(&handle), 0);
+    sqlite3_stmt *statement = nullptr;
+    const LogCapture log("info");
+    EXPECT_EQ(tavrix_db_prepare_statement(handle, cfgdb, &statement, "SELECT nonsense FROM t"), -7);
+    EXPECT_EQ(log.sequence(),
+              std::vector<std::string>{"WARN |[RC:1] Unable to prepare query <SELECT nonsense FROM t>"});
+}
+
+TEST_F(Database, LeaksNoFreshConnection) {
+    const int open_before = support::open_descriptors();
+    int64_t value = 0;
+    sqlite3_stmt *statement = nullptr;
+    {
+        const LogCapture log("off");
+        EXPECT_EQ(tavrix_db_get_single_id_result(nullptr, cfgdb, "t", &value, "SELECT id FROM t"), 0);
+        EXPECT_EQ(tavrix_db_get_single_id_result(nullptr, cfgdb, "t", &value, "SELECT id FROM empty"), -1);
+        EXPECT_EQ(tavrix_db_get_single_id_result(nullptr, cfgdb, "t", &value, "SELECT nonsense"), -1);
+        EXPECT_EQ(tavrix_db_prepare_statement(nullptr, cfgdb, &statement, "SELECT nonsense"), -7);
+        EXPECT_EQ(tavrix_db_prepare_statement(nullptr, cfgdb, &statement, "-- nothing to run"), 0);
+        EXPECT_EQ(statement, nullptr);
+        EXPECT_EQ(tavrix_db_get_single_id_result(nullptr, "missing.db", "t", &value, "SELECT 1"), -7);
+    }
+    EXPECT_EQ(support::open_descriptors(), open_before);
+}
+
+TEST_F(Database, ReadsIdsAndCounts) {
+    ASSERT_EQ(tavrix_db_open(&handle), 0);
+    int64_t value = 0;
+    LogCapture log("debug");
+    EXPECT_EQ(tavrix_db_get_single_id_result(handle, cfgdb, "thing", &value, "SELECT id FROM t WHERE id = %d", 7), 0);
+    EXPECT_EQ(value, 7);
+    EXPECT_EQ(log.sequence(), std::vector<std::string>{"DEBUG|Found [thing] id/count <7>"});
+    EXPECT_EQ(tavrix_db_get_single_id_result(handle, cfgdb, "empty", &value, "SELECT count(*) FROM empty"), 0);
+    EXPECT_EQ(value, 0);
+    value = -77;
+    log.clear();
+    EXPECT_EQ(tavrix_db_get_single_id_result(handle, cfgdb, "thing", &value, "SELECT id FROM t WHERE id = 8"), -1);
+    EXPECT_EQ(value, -77);
+    EXPECT_EQ(log.sequence(),
+              std::vector<std::string>{"DEBUG|Unable to get [thing] id/count from database [zqn_h7.db]"});
+}
+
+TEST_F(Database, RefusesNullArguments) {
+    int64_t value = 0;
+    sqlite3_stmt *statement = nullptr;
+    const char *no_text = nullptr;
+    const LogCapture log("off");
+    EXPECT_EQ(tavrix_db_open(nullptr), -4);
+    EXPECT_EQ(tavrix_db_open_file(nullptr, cfgdb), -4);
+    EXPECT_EQ(tavrix_db_open_file(&handle, nullptr), -4);
+    EXPECT_EQ(tavrix_db_ensure_open(nullptr), -4);
+    EXPECT_EQ(tavrix_db_ensure_open_file(nullptr, cfgdb), -4);
+    EXPECT_EQ(tavrix_db_ensure_open_file(&handle, nullptr), -4);
+    EXPECT_EQ(tavrix_db_prepare_statement(nullptr, nullptr, &statement, "SELECT 1"), -4);
+    EXPECT_EQ(tavrix_db_prepare_statement(nullptr, cfgdb, nullptr, "SELECT 1"), -4);
+    EXPECT_EQ(tavrix_db_prepare_statement(nullptr, cfgdb, &statement, nullptr), -4);
+    EXPECT_EQ(tavrix_db_get_single_id_result(nullptr, nullptr, "t", &value, "SELECT 1"), -4);
+    EXPECT_EQ(tavrix_db_get_single_id_result(nullptr, cfgdb, nullptr, &value, "SELECT 1"), -4);
+    EXPECT_EQ(tavrix_db_get_single_id_result(nullptr, cfgdb, "t", nullptr, "SELECT 1"), -4);
+    EXPECT_EQ(tavrix_db_get_single_id_result(nullptr, cfgdb, "t", &value, no_text), -4);
+}
+
+TEST_F(Database, RunsTransactions) {
+    ASSERT_EQ(tavrix_db_open(&handle), 0);
+    EXPECT_EQ(tavrix_db_open_transaction(handle), 0);
+    sqlite3_exec(handle, "INSERT INTO t VALUES (1, NULL)", nullptr, nullptr, nullptr);
+    EXPECT_EQ(tavrix_db_rollback_transaction(handle), 0);
+    EXPECT_EQ(pragma(handle, "SELECT count(*) FROM t"), 1);
+    EXPECT_EQ(tavrix_db_open_transaction(handle), 0);
+    sqlite3_exec(handle, "INSERT INTO t VALUES (1, NULL)", nullptr, nullptr, nullptr);
+    EXPECT_EQ(tavrix_db_commit_transaction(handle), 0);
+    EXPECT_EQ(pragma(handle, "SELECT count(*) FROM t"), 2);
+}
+
+TEST_F(Database, ReportsTransactionsThatFail) {
+    ASSERT_EQ(tavrix_db_open(&handle), 0);
+    const LogCapture log("info");
+    EXPECT_EQ(tavrix_db_commit_transaction(handle), -7);
+    EXPECT_EQ(tavrix_db_rollback_transaction(handle), -7);
+    ASSERT_EQ(tavrix_db_open_transaction(handle), 0);
+    EXPECT_EQ(tavrix_db_open_transaction(handle), -7);
+    EXPECT_EQ(log.sequence(), (std::vector<std::string>{
+                                  "ERROR|Unable to commit sql transaction due to SQLite error <1>",
+                                  "ERROR|Unable to rollback sql transaction due to SQLite error <1>",
+                                  "ERROR|Unable to begin sql transaction due to SQLite error <1>",
+                              }));
+    EXPECT_EQ(tavrix_db_rollback_transaction(handle), 0);
+}

@@ -1,0 +1,614 @@
+#include <string>
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "support/bus.h"
+#include "support/log_capture.h"
+#include "support/stream.h"
+#include "tavrix_jrpc.h"
+#include "tavrix_mq.h"
+
+using support::BusPair;
+using support::LogCapture;
+using support::StreamClient;
+
+namespace {
+
+constexpr char unit[] = "tavrix_jrpc";
+constexpr char reply_channel[] = "2524546b-ca99-4868-a062-359cefacff7c";
+constexpr char first_channel[] = "3a6f8f51-502f-4238-9638-29764ff1a8a4";
+constexpr char request[] = R"({"jsonrpc":"2.0","method":"ports.Get","id":7,"transaction_id":3})";
+constexpr char on_bus[] =
+    R"({"jsonrpc":"2.0","method":"ports.Get","transaction_id":3,"id":"2524546b-ca99-4868-a062-359cefacff7c"})";
+
+std::string line(const char *function, const std::string &words) {
+    return std::string("[") + function + "]: " + words + "\n";
+}
+
+/** A JSON value that is released with its scope. */
+struct Value {
+    json_t *json = nullptr;
+    Value() = default;
+    explicit Value(const std::string &text) : json(json_loads(text.c_str(), JSON_DECODE_ANY, nullptr)) {
+        EXPECT_NE(json, nullptr) << text;
+    }
+    Value(const Value &) = delete;
+    Value &operator=(const Value &) = delete;
+    ~Value() { json_decref(json); }
+
+    std::string text() const {
+        char *rendering = json != nullptr ? json_dumps(json, JSON_COMPACT | JSON_ENCODE_ANY) : nullptr;
+        const std::string copy = rendering != nullptr ? rendering : "(null)";
+        free(rendering);
+        return copy;
+    }
+};
+
+/** The router's two sides: a listener for clients, a bus to the services, a bus back. */
+class Router : public testing::Test {
+  protected:
+    Router() : bus("", 50), replies(reply_channel, 50) {}
+    void SetUp() override {
+        const LogCapture log("info");
+        ASSERT_EQ(tavrix_jrpc_unix_socket_init("router.sock", &listener, 1), 0);
+        open_before = support::open_descriptors() - 2; // the capture's own two
+    }
+    void TearDown() override {
+        close_client();
+        ::close(listener);
+    }
+    void close_client() {
+        if (client >= 0) {
+            ::close(client);
+        }
+        client = -1;
+    }
+    StreamClient connect(const std::string &text) const {
+        StreamClient stream = StreamClient::unix_path("router.sock");
+        stream.say(text);
+        return stream;
+    }
+    int take_in_one_call() { return tavrix_jrpc_router_socket_to_mq(&listener, &bus.pub.number, &client); }
+    int extract(Value *out) { return tavrix_jrpc_router_socket_extract_request(&listener, &client, &out->json); }
+
+    BusPair bus;
+    BusPair replies;
+    int listener = -1;
+    int client = -1;
+    int open_before = 0;
+};
+
+constexpr char one_call[] = "tavrix_jrpc_router_socket_to_mq";
+constexpr char process[] = "tavrix_jrpc_router_process_msg";
+constexpr char extracting[] = "tavrix_jrpc_router_socket_extract_request";
+constexpr char dispatching[] = "tavrix_jrpc_router_mq_dispatch_request";
+constexpr char answering[] = "tavrix_jrpc_router_mq_to_socket";
+constexpr char receiving[] = "tavrix_jrpc_router_mq_extract_response";
+constexpr char sending[] = "tavrix_jrpc_router_socket_dispatch_response";
+
+std::string padded_to(size_t size) { return request + std::string(size - sizeof request + 1, ' '); }
+
+} // namespace
+
+// --- Requests, one call ---
+
+TEST_F(Router, StampsARequestAndPublishesIt) {
+    const StreamClient asking = connect(request);
+    const LogCapture log("debug");
+    ASSERT_EQ(take_in_one_call(), 0);
+    EXPECT_EQ(bus.receive(), std::string(first_channel) + "|" + on_bus);
+    EXPECT_TRUE(log.has(support::debug, unit, line(one_call, "Sending response over mq_pub ...")));
+    EXPECT_GE(client, 0) << "the client stays open for its answer";
+}
+
+TEST_F(Router, RoutesByTheMethodsName) {
+    const StreamClient asking = connect(R"({"method":"events.X","id":"a"})");
+    ASSERT_EQ(take_in_one_call(), 0);
+    EXPECT_EQ(bus.receive().rfind("505a5451-3ef2-4618-8087-9a22b800a510|", 0), 0U);
+}
+
+TEST_F(Router, EscapesWhatIsNotAscii) {
+    const StreamClient asking = connect("{\"method\":\"p\",\"id\":1,\"params\":{\"n\":\"\xc3\xbc\"}}");
+    ASSERT_EQ(take_in_one_call(), 0);
+    EXPECT_NE(bus.receive().find("\\u00FC"), std::string::npos);
+}
+
+TEST_F(Router, ReadsAtMost8192Bytes) {
+    const StreamClient exact = connect(padded_to(8192));
+    EXPECT_EQ(take_in_one_call(), 0);
+    close_client();
+    const StreamClient cut = connect(std::string(8192 - sizeof request + 2, ' ') + request); // ends at byte 8193
+    EXPECT_EQ(take_in_one_call(), -1);
+    EXPECT_TRUE(cut.closed_silently());
+}
+
+struct Refusal {
+    const char *name;
+    const char *request;
+    const char *words; ///< what the refusing function says
+};
+
+class RouterRefuses : public Router, public testing::WithParamInterface<Refusal> {};
+
+TEST_P(RouterRefuses, InOneCallClosingTheClient) {
+    const StreamClient asking = connect(GetParam().request);
+    {
+        const LogCapture log("debug");
+        EXPECT_EQ(take_in_one_call(), -1);
+        EXPECT_EQ(log.lines().back().message, line(one_call, "router_process_msg: failed"));
+        EXPECT_TRUE(log.has(support::debug, unit, line(process, GetParam().words))) << log.text();
+    }
+    EXPECT_TRUE(asking.closed_silently());
+    EXPECT_EQ(client, -1);
+    EXPECT_EQ(support::open_descriptors(), open_before + 1) << "only the asking side";
+    EXPECT_EQ(bus.receive(), "(nothing)");
+}
+
+INSTANTIATE_TEST_SUITE_P(Requests, RouterRefuses,
+                         testing::Values(Refusal{"Array", "[]", "Invalid JSON message"},
+                                         Refusal{"Number", "5", "Invalid JSON message"},
+                                         Refusal{"NoMethod", R"({"id":1})", "No JSON method"},
+                                         Refusal{"MethodNumber", R"({"id":1,"method":2})", "Invalid JSON method"},
+                                         Refusal{"MethodBeforeId", R"({"method":null})", "Invalid JSON method"},
+                                         Refusal{"NoId", R"({"method":"ports.Get"})", "No JSON ID"},
+                                         Refusal{"IdNull", R"({"method":"ports.Get","id":null})", "Invalid JSON ID"},
+                                         Refusal{"IdTrue", R"({"method":"ports.Get","id":true})", "Invalid JSON ID"},
+                                         Refusal{"IdFalse", R"({"method":"ports.Get","id":false})", "Invalid JSON ID"},
+                                         Refusal{"IdArray", R"({"method":"ports.Get","id":[]})", "Invalid JSON ID"},
+                                         Refusal{"IdObject", R"({"method":"ports.Get","id":{}})", "Invalid JSON ID"}),
+                         [](const auto &row) { return row.param.name; });
+
+TEST_F(Router, AcceptsIdsThatAreTextsAndNumbers) {
+    for (const char *id : {"\"\"", "\"a\"", "0", "1.5", "-3"}) {
+        const StreamClient asking = connect(std::string(R"({"method":"ports.Get","id":)") + id + "}");
+        EXPECT_EQ(take_in_one_call(), 0) << id;
+        EXPECT_EQ(bus.receive(),
+                  std::string(first_channel) + R"(|{"method":"ports.Get","id":")" + reply_channel + "\"}");
+        close_client();
+    }
+}
+
+TEST_F(Router, AcceptsTrailingBytes) {
+    const StreamClient asking = connect(std::string(request) + "\nmore");
+    EXPECT_EQ(take_in_one_call(), 0);
+}
+
+TEST_F(Router, SaysWhereARequestIsNoJson) {
+    const StreamClient asking = connect("{\n\n]");
+    const LogCapture log("debug");
+    EXPECT_EQ(take_in_one_call(), -1);
+    EXPECT_EQ(log.lines().at(0).message.rfind("[tavrix_jrpc_router_process_msg]: line: 3, text: ", 0), 0U)
+        << log.text();
+}
+
+TEST_F(Router, ClosesAClientThatSaysNothing) {
+    StreamClient gone = connect("");
+    gone.close();
+    EXPECT_EQ(take_in_one_call(), -1);
+    EXPECT_EQ(support::open_descriptors(), open_before);
+}
+
+TEST_F(Router, ReportsThatItCannotPublish) {
+    const StreamClient asking = connect(request);
+    const int closed = 9999;
+    const LogCapture log("debug");
+    EXPECT_EQ(tavrix_jrpc_router_socket_to_mq(&listener, &closed, &client), -1);
+    EXPECT_TRUE(log.has(support::debug, unit, line(one_call, "Error mq_pub, rc = -1")));
+    EXPECT_TRUE(asking.closed_silently());
+}
+
+TEST_F(Router, PassesTheAcceptsStatusOn) {
+    EXPECT_EQ(take_in_one_call(), -1);
+    Value value;
+    const LogCapture log("debug");
+    EXPECT_EQ(extract(&value), -1);
+    EXPECT_EQ(log.sequence(), std::vector<std::string>{
+                                  "DEBUG|[tavrix_jrpc_router_socket_extract_request]: Failed socket_accept, rc = -1"});
+}
+
+TEST_F(Router, RefusesNullArguments) {
+    Value value("{}");
+    const LogCapture log("debug");
+    EXPECT_EQ(tavrix_jrpc_router_socket_to_mq(nullptr, &bus.pub.number, &client), -20);
+    EXPECT_EQ(tavrix_jrpc_router_socket_to_mq(&listener, nullptr, &client), -20);
+    EXPECT_EQ(tavrix_jrpc_router_socket_to_mq(&listener, &bus.pub.number, nullptr), -20);
+    EXPECT_EQ(log.count(support::debug, unit, line(one_call, "NULL pointer!")), 3);
+    EXPECT_EQ(tavrix_jrpc_router_socket_extract_request(nullptr, &client, &value.json), -1);
+    EXPECT_EQ(tavrix_jrpc_router_socket_extract_request(&listener, nullptr, &value.json), -1);
+    EXPECT_EQ(tavrix_jrpc_router_socket_extract_request(&listener, &client, nullptr), -1);
+    EXPECT_EQ(log.count(support::debug, unit, line(extracting, "NULL pointer!")), 3);
+    EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(nullptr, value.json), -1);
+    EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&bus.pub.number, nullptr), -1);
+    EXPECT_EQ(log.count(support::debug, unit, line(dispatching, "NULL pointer!")), 2);
+    EXPECT_EQ(tavrix_jrpc_router_mq_to_socket(nullptr, &client), -20);
+    EXPECT_EQ(tavrix_jrpc_router_mq_to_socket(&bus.sub.number, nullptr), -20);
+    EXPECT_EQ(log.count(support::debug, unit, line(answering, "Null Pointer!")), 2);
+    EXPECT_EQ(tavrix_jrpc_router_mq_extract_response(nullptr, &value.json), -1);
+    EXPECT_EQ(tavrix_jrpc_router_mq_extract_response(&bus.sub.number, nullptr), -1);
+    EXPECT_EQ(log.count(support::debug, unit, line(receiving, "NULL pointer!")), 2);
+    EXPECT_EQ(tavrix_jrpc_router_socket_dispatch_response(nullptr, value.json), -1);
+    EXPECT_EQ(tavrix_jrpc_router_socket_dispatch_response(&client, nullptr), -1);
+    EXPECT_EQ(log.count(support::debug, unit, line(sending, "NULL pointer!")), 2);
+}
+
+TEST_F(Router, ShowsARequestAtVerboseLevel) {
+    const StreamClient asking = connect(R"({"method":"ports.Get","id":7})");
+    const LogCapture log("verbose");
+    ASSERT_EQ(take_in_one_call(), 0);
+    const std::string rendering = "{\n    \"method\": \"ports.Get\",\n    \"id\": 7\n}";
+    const std::string sent = std::string(R"({"method":"ports.Get","id":")") + reply_channel + "\"}";
+    for (const std::string &words : {line(process, R"([Recv]: {"method":"ports.Get","id":7})"),
+                                     "Valid JSON received, of length " + std::to_string(rendering.size()) + "\n",
+                                     "JSON Data:\n" + rendering + "\n", line(process, "JSON Method: ports.Get"),
+                                     std::string("channel: ") + first_channel + "\n", std::string("JSON ID: (null)\n"),
+                                     "JSON request sent, of string length " + std::to_string(sent.size()) + "\n",
+                                     "The JSON Request was:\n" + sent + "\n"}) {
+        EXPECT_EQ(log.count(support::verbose, unit, words), 1) << words;
+    }
+}
+
+// --- Requests, split ---
+
+TEST_F(Router, ExtractsARequestWithoutLookingAtIt) {
+    for (const char *text : {request, "{}", R"({"method":5})"}) {
+        const StreamClient asking = connect(text);
+        Value value;
+        EXPECT_EQ(extract(&value), 0);
+        EXPECT_EQ(value.text(), text);
+        EXPECT_GE(client, 0);
+        close_client();
+    }
+}
+
+TEST_F(Router, LeavesTheClientOpenWhenItRefusesOnTheSplitPath) {
+    const struct {
+        const char *text;
+        const char *words;
+    } rows[] = {{"[]", "Invalid JSON message"}, {"\"x\"", "Invalid JSON message"}, {"nonsense", "line: 1, text: "}};
+    for (const auto &row : rows) {
+        StreamClient asking = connect(row.text);
+        Value value;
+        const LogCapture log("debug");
+        EXPECT_EQ(extract(&value), -1) << row.text;
+        EXPECT_EQ(value.json, nullptr);
+        EXPECT_NE(log.text().find(std::string("[") + extracting + "]: " + row.words), std::string::npos) << log.text();
+        ASSERT_GE(client, 0);
+        EXPECT_EQ(send(client, "answer", 6, 0), 6);
+        close_client();
+        EXPECT_EQ(asking.hear(), "answer");
+    }
+}
+
+TEST_F(Router, LeavesASilentClientOpenOnTheSplitPath) {
+    StreamClient gone = connect("");
+    gone.close();
+    Value value;
+    const LogCapture log("debug");
+    EXPECT_EQ(extract(&value), -1);
+    EXPECT_TRUE(log.has(support::debug, unit, line(extracting, "Failed socket_recv, readsize = 0")));
+    EXPECT_GE(client, 0);
+}
+
+TEST_F(Router, DispatchesAnObjectInPlace) {
+    Value value(request);
+    const LogCapture log("debug");
+    ASSERT_EQ(tavrix_jrpc_router_mq_dispatch_request(&bus.pub.number, value.json), 0);
+    EXPECT_EQ(bus.receive(), std::string(first_channel) + "|" + on_bus);
+    EXPECT_EQ(value.text(), on_bus) << "the caller's object carries the channel now";
+    EXPECT_TRUE(log.has(support::debug, unit, line(dispatching, "Sending response over mq_pub ...")));
+}
+
+TEST_P(RouterRefuses, OnTheSplitPath) {
+    Value value(GetParam().request);
+    if (!json_is_object(value.json)) {
+        return; // refused by the extraction already
+    }
+    const LogCapture log("debug");
+    EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&bus.pub.number, value.json), -1);
+    EXPECT_EQ(log.lines().back().message, line(dispatching, GetParam().words));
+}
+
+TEST_F(Router, ReportsADispatchThatCannotBePublished) {
+    Value value(request);
+    const int closed = 9999;
+    const LogCapture log("debug");
+    EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&closed, value.json), -1);
+    EXPECT_EQ(log.lines().back().message, line(dispatching, "Error mq_pub, rc = -1"));
+}
+
+TEST_F(Router, ShowsADispatchedRequestUnderItsOwnName) {
+    Value value(R"({"method":"ports.Get","id":"mine"})");
+    const LogCapture log("verbose");
+    ASSERT_EQ(tavrix_jrpc_router_mq_dispatch_request(&bus.pub.number, value.json), 0);
+    EXPECT_NE(log.text().find(std::string("[") + dispatching + "]: [Recv]: "), std::string::npos);
+    EXPECT_TRUE(log.has(support::verbose, unit, line(dispatching, "JSON Method: ports.Get")));
+    EXPECT_TRUE(log.has(support::verbose, unit, "JSON ID: mine\n"));
+}
+
+// --- Replies ---
+
+namespace {
+
+/** A connected pair of which the router's side is handed to the library. */
+struct Answered {
+    int router_side = -1;
+    StreamClient asking{-1};
+    Answered() {
+        int fds[2];
+        if (socketpair(AF_UNIX, SOCK_STREAM, 0, fds) == 0) {
+            router_side = fds[0];
+            asking.~StreamClient();
+            new (&asking) StreamClient(fds[1]);
+        }
+    }
+    Answered(const Answered &) = delete;
+    Answered &operator=(const Answered &) = delete;
+    ~Answered() {
+        if (router_side >= 0) {
+            ::close(router_side);
+        }
+    }
+};
+
+constexpr char reply_text[] = R"({"jsonrpc": "2.0",  "id":"ports.Get", "result":1})";
+
+} // namespace
+
+TEST_F(Router, RelaysAReplyUnchangedAndCloses) {
+    Answered pair;
+    replies.publish(std::string(reply_channel) + "|" + reply_text);
+    const LogCapture log("verbose");
+    EXPECT_EQ(tavrix_jrpc_router_mq_to_socket(&replies.sub.number, &pair.router_side), 0);
+    EXPECT_EQ(pair.asking.hear(), reply_text);
+    EXPECT_EQ(pair.router_side, -1);
+    const std::string frame = std::string(reply_channel) + "|" + reply_text;
+    EXPECT_TRUE(log.has(support::verbose, unit, line(answering, "waiting to receive... ")));
+    EXPECT_TRUE(log.has(support::verbose, unit,
+                        line(answering, "mq_recv msg[" + std::to_string(frame.size()) + "]: " + frame)));
+    EXPECT_TRUE(
+        log.has(support::verbose, unit,
+                line(answering, "parse_msg json_msg[" + std::to_string(sizeof reply_text - 1) + "]: " + reply_text)));
+}
+
+TEST_F(Router, ClosesTheClientWhenNoReplyComes) {
+    Answered pair;
+    EXPECT_EQ(tavrix_jrpc_router_mq_to_socket(&replies.sub.number, &pair.router_side), -46);
+    EXPECT_TRUE(pair.asking.closed_silently());
+}
+
+TEST_F(Router, ClosesTheClientWhenTheReplyHasNoBar) {
+    Answered pair;
+    replies.publish(reply_channel);
+    const LogCapture log("debug");
+    EXPECT_EQ(tavrix_jrpc_router_mq_to_socket(&replies.sub.number, &pair.router_side), -1);
+    EXPECT_TRUE(log.has(support::debug, unit, line(answering, "Error parse_msg, rc = -1")));
+    EXPECT_TRUE(pair.asking.closed_silently());
+}
+
+TEST_F(Router, ClosesTheClientWhenTheMessageIsEmpty) {
+    BusPair everything("", 2000);
+    Answered pair;
+    everything.publish("");
+    EXPECT_EQ(tavrix_jrpc_router_mq_to_socket(&everything.sub.number, &pair.router_side), -1);
+    EXPECT_TRUE(pair.asking.closed_silently());
+}
+
+TEST_F(Router, ReportsAClientThatHasGone) {
+    Answered pair;
+    pair.asking.close();
+    replies.publish(std::string(reply_channel) + "|" + reply_text);
+    const LogCapture log("debug");
+    EXPECT_EQ(tavrix_jrpc_router_mq_to_socket(&replies.sub.number, &pair.router_side), -1);
+    EXPECT_TRUE(log.has(support::debug, unit, line(answering, "Error send, rc = -1")));
+}
+
+TEST_F(Router, ExtractsAReplyAsAnObject) {
+    replies.publish(std::string(reply_channel) + "|" + reply_text);
+    Value value;
+    const LogCapture log("verbose");
+    EXPECT_EQ(tavrix_jrpc_router_mq_extract_response(&replies.sub.number, &value.json), 0);
+    EXPECT_EQ(value.text(), R"({"jsonrpc":"2.0","id":"ports.Get","result":1})");
+    EXPECT_TRUE(log.has(support::verbose, unit, line(receiving, "waiting to receive...")));
+    EXPECT_TRUE(log.has(support::verbose, unit, line(receiving, std::string("Recv: ") + reply_text)));
+}
+
+TEST_F(Router, RefusesRepliesThatAreNoObjects) {
+    const struct {
+        const char *frame;
+        const char *words;
+    } rows[] = {{"|[]", "Invalid JSON message"}, {"|nonsense", "line: 1, text: "}, {"", "Error parse_msg, rc = -1"}};
+    for (const auto &row : rows) {
+        replies.publish(std::string(reply_channel) + row.frame);
+        Value value;
+        const LogCapture log("debug");
+        EXPECT_EQ(tavrix_jrpc_router_mq_extract_response(&replies.sub.number, &value.json), -1);
+        EXPECT_EQ(value.json, nullptr);
+        EXPECT_NE(log.text().find(std::string("[") + receiving + "]: " + row.words), std::string::npos) << log.text();
+    }
+}
+
+TEST_F(Router, LetsTheTimeOutSurfaceOnTheSplitPath) {
+    Value value;
+    const LogCapture log("debug");
+    EXPECT_EQ(tavrix_jrpc_router_mq_extract_response(&replies.sub.number, &value.json), -46);
+    EXPECT_TRUE(log.has(support::debug, unit, line(receiving, "Failed mq_socket_recv, rc = -46")));
+}
+
+TEST_F(Router, RefusesAnEmptyMessageOnTheSplitPath) {
+    BusPair everything("", 2000);
+    everything.publish("");
+    Value value;
+    EXPECT_EQ(tavrix_jrpc_router_mq_extract_response(&everything.sub.number, &value.json), -1);
+}
+
+TEST_F(Router, SendsAnObjectCompactAndEscapedAndKeepsTheClientOpen) {
+    Answered pair;
+    Value value("{\"id\": \"\xc3\xbc\"}");
+    const LogCapture log("verbose");
+    EXPECT_EQ(tavrix_jrpc_router_socket_dispatch_response(&pair.router_side, value.json), 0);
+    EXPECT_TRUE(log.has(support::verbose, unit, "JSON response sent, of string length 15\n"));
+    EXPECT_TRUE(log.has(support::verbose, unit, "The JSON Request was:\n{\"id\":\"\\u00FC\"}\n"));
+    EXPECT_TRUE(log.has(support::debug, unit, line(sending, "Sending response over socket ...")));
+    EXPECT_GE(pair.router_side, 0);
+    ::close(std::exchange(pair.router_side, -1));
+    EXPECT_EQ(pair.asking.hear(), R"({"id":"\u00FC"})");
+}
+
+TEST_F(Router, ReportsAFailedSendInTheOneCallPathsWords) {
+    Answered pair;
+    pair.asking.close();
+    Value value("{}");
+    const LogCapture log("debug");
+    EXPECT_EQ(tavrix_jrpc_router_socket_dispatch_response(&pair.router_side, value.json), -1);
+    EXPECT_TRUE(log.has(support::debug, unit, line(answering, "Error send, rc = -1")));
+}
+
+// --- Notifications to the router ---
+
+namespace {
+
+int handler_rc = 0;
+int handler_calls = 0;
+std::string handler_params;
+
+int handle(json_t *params, json_t **result, json_t **error_data) {
+    ++handler_calls;
+    handler_params = params != nullptr ? "object" : "null";
+    *result = json_object();
+    *error_data = json_object();
+    return handler_rc;
+}
+
+const tavrix_jrpc_method notifications[] = {{"router.X", handle}, {nullptr, nullptr}};
+
+int evaluate(const std::string &text) {
+    const Value value(text);
+    return tavrix_jrpc_router_eval_notification(value.json, notifications);
+}
+
+constexpr char evaluating[] = "tavrix_jrpc_router_eval_notification";
+
+} // namespace
+
+TEST(RouterNotification, CallsItsHandler) {
+    handler_calls = 0;
+    handler_rc = 0;
+    EXPECT_EQ(evaluate(R"({"jsonrpc":"2.0","method":"router.X"})"), 0);
+    EXPECT_EQ(handler_params, "null");
+    EXPECT_EQ(evaluate(R"({"jsonrpc":"2.0","method":"router.X","params":{}})"), 0);
+    EXPECT_EQ(handler_params, "object");
+    EXPECT_EQ(handler_calls, 2);
+}
+
+TEST(RouterNotification, PassesTheHandlersStatusOnAPositiveOneToo) {
+    for (const int rc : {1, -35}) {
+        handler_rc = rc;
+        const LogCapture log("info");
+        EXPECT_EQ(evaluate(R"({"jsonrpc":"2.0","method":"router.X"})"), rc);
+        EXPECT_TRUE(
+            log.has(support::error, unit, line(evaluating, "Failed method handler, rc = " + std::to_string(rc))));
+    }
+    handler_rc = 0;
+}
+
+TEST(RouterNotification, RefusesWhatIsMalformedInThisOrder) {
+    const struct {
+        const char *text;
+        support::Level level;
+        const char *words;
+    } rows[] = {
+        {R"({"id":null})", support::error, "Invalid Request id found in notification"},
+        {R"({"id":1,"jsonrpc":"2.0","method":"router.X"})", support::error, "Invalid Request id found in notification"},
+        {R"({"params":[]})", support::error, "Empty jsonrpc"},
+        {R"({"jsonrpc":2,"params":[]})", support::error, "Invalid Request jsonrpc"},
+        {R"({"jsonrpc":"2.1","params":[]})", support::error, "Invalid Request jsonrpc version"},
+        {R"({"jsonrpc":"2.0","params":[]})", support::error, "Invalid Request params"},
+        {R"({"jsonrpc":"2.0","params":null,"method":"router.X"})", support::error, "Invalid Request params"},
+        {R"({"jsonrpc":"2.0"})", support::error, "No JSON method"},
+        {R"({"jsonrpc":"2.0","method":1})", support::error, "Invalid Request method"},
+        {R"({"jsonrpc":"2.0","method":"router.x"})", support::warning, "No method handler found"},
+    };
+    handler_calls = 0;
+    for (const auto &row : rows) {
+        const LogCapture log("info");
+        EXPECT_EQ(evaluate(row.text), -1) << row.text;
+        EXPECT_EQ(log.lines().size(), 1U);
+        EXPECT_TRUE(log.has(row.level, unit, line(evaluating, row.words))) << log.text();
+    }
+    EXPECT_EQ(handler_calls, 0);
+}
+
+TEST(RouterNotification, RefusesNull) {
+    const Value value("{}");
+    const LogCapture log("info");
+    EXPECT_EQ(tavrix_jrpc_router_eval_notification(nullptr, notifications), -1);
+    EXPECT_EQ(tavrix_jrpc_router_eval_notification(value.json, nullptr), -1);
+    EXPECT_EQ(log.count(support::error, unit, line(evaluating, "NULL pointer!")), 2);
+}
+
+// --- System responses ---
+
+TEST(LockResponse, CarriesIdAndTransactionId) {
+    const Value asked(R"({"method":"x","id":"a","transaction_id":9})");
+    Value response;
+    ASSERT_EQ(tavrix_jrpc_router_create_system_lock_response(asked.json, &response.json), 0);
+    const Value expected(
+        R"({"jsonrpc":"2.0","id":"a","transaction_id":9,"error":{"code":-32014,"message":"System is busy.","data":null}})");
+    EXPECT_TRUE(json_equal(response.json, expected.json)) << response.text();
+    EXPECT_EQ(json_object_get(response.json, "transaction_id"), json_object_get(asked.json, "transaction_id"))
+        << "shared";
+}
+
+TEST(LockResponse, LeavesTheTransactionIdOutWhenThereIsNone) {
+    const Value asked(R"({"id":"a"})");
+    Value response;
+    ASSERT_EQ(tavrix_jrpc_router_create_system_lock_response(asked.json, &response.json), 0);
+    EXPECT_EQ(json_object_get(response.json, "transaction_id"), nullptr);
+}
+
+TEST(LockResponse, NeedsAnIdThatIsAString) {
+    constexpr char locking[] = "tavrix_jrpc_router_create_system_lock_response";
+    for (const char *text : {"{}", R"({"id":5})", R"({"id":null})"}) {
+        const Value asked(text);
+        const Value old("{}");
+        json_t *response = old.json;
+        const LogCapture log("debug");
+        EXPECT_EQ(tavrix_jrpc_router_create_system_lock_response(asked.json, &response), -1);
+        EXPECT_EQ(response, nullptr);
+        EXPECT_EQ(log.lines().at(0).message,
+                  line(locking, std::string(text) == "{}" ? "No JSON id" : "Invalid JSON method"));
+        EXPECT_EQ(log.lines().at(0).tag, "DEBUG");
+    }
+    const LogCapture log("debug");
+    const Value asked("{}");
+    json_t *response = asked.json;
+    EXPECT_EQ(tavrix_jrpc_router_create_system_lock_response(nullptr, &response), -1);
+    EXPECT_EQ(response, asked.json) << "untouched";
+    EXPECT_EQ(tavrix_jrpc_router_create_system_lock_response(asked.json, nullptr), -1);
+    EXPECT_EQ(log.count(support::debug, unit, line(locking, "NULL pointer!")), 2);
+}
+
+TEST(TimeOutResponse, AlwaysCarriesATransactionId) {
+    for (const int id : {0, 7, -1, INT32_MAX}) {
+        Value response;
+        ASSERT_EQ(tavrix_jrpc_router_create_system_timeout_response("b", id, &response.json), 0);
+        const Value expected(R"({"jsonrpc":"2.0","id":"b","transaction_id":)" + std::to_string(id) +
+                             R"(,"error":{"code":-32005,"message":"Command timed out","data":null}})");
+        EXPECT_TRUE(json_equal(response.json, expected.json)) << response.text();
+    }
+}
+
+TEST(TimeOutResponse, RefusesNullAndGivesNullWhenItCannotBeMade) {
+    const Value old("{}");
+    json_t *response = old.json;
+    const LogCapture log("debug");
+    EXPECT_EQ(tavrix_jrpc_router_create_system_timeout_response(nullptr, 0, &response), -1);
+    EXPECT_EQ(tavrix_jrpc_router_create_system_timeout_response("b", 0, nullptr), -1);
+    EXPECT_EQ(
+        log.count(support::debug, unit, line("tavrix_jrpc_router_create_system_timeout_response", "NULL pointer!")), 2);
+    EXPECT_EQ(response, old.json) << "untouched by a null id";
+    EXPECT_EQ(tavrix_jrpc_router_create_system_timeout_response("\xff", 0, &response), -1) << "no valid UTF-8";
+    EXPECT_EQ(response, nullptr);
+}

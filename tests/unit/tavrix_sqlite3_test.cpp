@@ -1,0 +1,229 @@
+#include "tavrix_sqlite3.h"
+
+#include <chrono>
+#include <string>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "support/log_capture.h"
+
+using support::LogCapture;
+
+namespace {
+
+constexpr char unit[] = "tavrix_sqlite3";
+
+std::string null_line(int index) {
+    return "Found a null input parameter at varg index <" + std::to_string(index) + ">\n";
+}
+
+class Sqlite : public testing::Test {
+  protected:
+    Sqlite() {
+        EXPECT_EQ(sqlite3_open("helpers.db", &db), SQLITE_OK);
+        EXPECT_EQ(sqlite3_exec(db,
+                               "DROP TABLE IF EXISTS t; CREATE TABLE t (id INTEGER, word TEXT);"
+                               "INSERT INTO t VALUES (1,'one'),(2,'two'),(5000000000,NULL);",
+                               nullptr, nullptr, nullptr),
+                  SQLITE_OK);
+    }
+    ~Sqlite() override { EXPECT_EQ(sqlite3_close(db), SQLITE_OK) << "a statement was left open"; }
+
+    sqlite3 *db = nullptr;
+};
+
+/** Another connection that holds the database. */
+class Holder {
+  public:
+    Holder() {
+        EXPECT_EQ(sqlite3_open("helpers.db", &db_), SQLITE_OK);
+        EXPECT_EQ(sqlite3_exec(db_, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr), SQLITE_OK);
+    }
+    Holder(const Holder &) = delete;
+    Holder &operator=(const Holder &) = delete;
+    ~Holder() { sqlite3_close(db_); }
+    void let_go() { sqlite3_exec(db_, "COMMIT", nullptr, nullptr, nullptr); }
+
+  private:
+    sqlite3 *db_ = nullptr;
+};
+
+} // namespace
+
+TEST_F(Sqlite, PreparesAFormattedStatement) {
+    sqlite3_stmt *statement = nullptr;
+    ASSERT_EQ(tavrix_sqlite3_prepare_sql(db, &statement, "SELECT %d + length('%s')", 40, "ab"), SQLITE_OK);
+    EXPECT_STREQ(sqlite3_sql(statement), "SELECT 40 + length('ab')");
+    EXPECT_EQ(sqlite3_step(statement), SQLITE_ROW);
+    EXPECT_EQ(sqlite3_column_int(statement, 0), 42);
+    sqlite3_finalize(statement);
+}
+
+TEST_F(Sqlite, PassesThePreparesCodeOn) {
+    sqlite3_stmt *statement = nullptr;
+    EXPECT_EQ(tavrix_sqlite3_prepare_sql(db, &statement, "SELECT nonsense"), SQLITE_ERROR);
+    EXPECT_EQ(statement, nullptr);
+}
+
+TEST_F(Sqlite, CutsAStatementAfter1099Characters) {
+    // Up to the bound the comment is closed; one character more and its end is cut off, which SQLite tolerates too,
+    // so what stands behind the bound must be the part that shows.
+    const std::string head = "SELECT 1 /*";
+    const std::string fits = head + std::string(1099 - head.size() - 4, 'x') + "*/+1";
+    const std::string cut = head + std::string(1100 - head.size() - 4, 'x') + "*/+1";
+    int64_t value = 0;
+    ASSERT_EQ(fits.size(), 1099U);
+    EXPECT_EQ(tavrix_sqlite3_get_single_id_result(db, &value, "%s", fits.c_str()), 0);
+    EXPECT_EQ(value, 2);
+    EXPECT_EQ(tavrix_sqlite3_get_single_id_result(db, &value, "%s", cut.c_str()), SQLITE_ERROR) << "ends in a plus";
+    const std::string digits = "SELECT " + std::string(1099 - 7 - 1, ' ') + "12";
+    EXPECT_EQ(tavrix_sqlite3_get_single_id_result(db, &value, "%s", digits.c_str()), 0);
+    EXPECT_EQ(value, 1) << "the 1100th character is gone";
+}
+
+TEST_F(Sqlite, ReadsASingleId) {
+    int64_t value = 0;
+    EXPECT_EQ(tavrix_sqlite3_get_single_id_result(db, &value, "SELECT id FROM t WHERE word = '%s'", "two"), 0);
+    EXPECT_EQ(value, 2);
+    EXPECT_EQ(tavrix_sqlite3_get_single_id_result(db, &value, "SELECT max(id) FROM t"), 0);
+    EXPECT_EQ(value, 5000000000);
+}
+
+TEST_F(Sqlite, LeavesTheOutputAloneWithoutARow) {
+    int64_t value = -77;
+    EXPECT_EQ(tavrix_sqlite3_get_single_id_result(db, &value, "SELECT id FROM t WHERE id = 99"), SQLITE_DONE);
+    EXPECT_EQ(tavrix_sqlite3_get_single_id_result(db, &value, "SELECT nonsense"), SQLITE_ERROR);
+    EXPECT_EQ(value, -77);
+    char text[8] = "kept";
+    EXPECT_EQ(tavrix_sqlite3_get_single_string_result(db, text, sizeof text, "SELECT word FROM t WHERE id = 99"), 101);
+    EXPECT_EQ(tavrix_sqlite3_get_single_string_result(db, text, sizeof text, "SELECT nonsense"), 1);
+    EXPECT_STREQ(text, "kept");
+}
+
+TEST_F(Sqlite, ReadsASingleText) {
+    char text[8];
+    std::fill(std::begin(text), std::end(text), '~');
+    EXPECT_EQ(tavrix_sqlite3_get_single_string_result(db, text, 6, "SELECT word FROM t WHERE id = %d", 2), 0);
+    EXPECT_EQ(std::string(text, 8), std::string("two\0\0\0~~", 8)) << "size bytes are cleared, no more";
+}
+
+TEST_F(Sqlite, CutsATextToItsBuffer) {
+    for (const size_t size : {size_t{1}, size_t{2}, size_t{3}, size_t{4}}) {
+        char text[8] = "~~~~~~~";
+        EXPECT_EQ(tavrix_sqlite3_get_single_string_result(db, text, size, "SELECT 'abc'"), 0);
+        EXPECT_EQ(std::string(text), std::string("abc").substr(0, size - 1));
+        EXPECT_EQ(text[size], '~');
+    }
+    char untouched[2] = "~";
+    EXPECT_EQ(tavrix_sqlite3_get_single_string_result(db, untouched, 0, "SELECT 'abc'"), 0);
+    EXPECT_STREQ(untouched, "~");
+}
+
+TEST_F(Sqlite, ReadsANullTextAsEmpty) {
+    char text[8] = "old";
+    EXPECT_EQ(tavrix_sqlite3_get_single_string_result(db, text, sizeof text, "SELECT word FROM t WHERE word IS NULL"),
+              0);
+    EXPECT_STREQ(text, "");
+}
+
+TEST_F(Sqlite, StepsThroughAResultSet) {
+    sqlite3_stmt *statement = nullptr;
+    ASSERT_EQ(tavrix_sqlite3_prepare_sql(db, &statement, "SELECT id FROM t ORDER BY id"), 0);
+    int64_t value = 0;
+    for (const int64_t expected : {int64_t{1}, int64_t{2}, int64_t{5000000000}}) {
+        EXPECT_EQ(tavrix_sqlite3_step_retrieve_int(statement, &value), 0);
+        EXPECT_EQ(value, expected);
+    }
+    EXPECT_EQ(tavrix_sqlite3_step_retrieve_int(statement, &value), -7);
+    EXPECT_EQ(value, 5000000000);
+    sqlite3_finalize(statement);
+}
+
+TEST_F(Sqlite, NamesTheFirstNullArgument) {
+    sqlite3_stmt *statement = nullptr;
+    int64_t value = 0;
+    char text[4];
+    LogCapture log("info");
+    const auto named = [&](int rc, int index) {
+        EXPECT_EQ(rc, -4);
+        EXPECT_EQ(log.count(support::warning, "tavrix_utils", null_line(index)), 1) << log.text();
+        log.clear();
+    };
+    const char *no_format = nullptr;
+    named(tavrix_sqlite3_prepare_sql(nullptr, &statement, "SELECT 1"), 0);
+    named(tavrix_sqlite3_prepare_sql(db, nullptr, "SELECT 1"), 1);
+    named(tavrix_sqlite3_prepare_sql(db, &statement, no_format), 2);
+    named(tavrix_sqlite3_get_single_id_result(nullptr, &value, "SELECT 1"), 0);
+    named(tavrix_sqlite3_get_single_id_result(db, nullptr, "SELECT 1"), 1);
+    named(tavrix_sqlite3_get_single_id_result(db, &value, no_format), 2);
+    named(tavrix_sqlite3_get_single_string_result(nullptr, text, 4, "SELECT 1"), 0);
+    named(tavrix_sqlite3_get_single_string_result(db, nullptr, 4, "SELECT 1"), 1);
+    named(tavrix_sqlite3_get_single_string_result(db, text, 4, no_format), 2);
+    named(tavrix_sqlite3_exec_sql(nullptr, "SELECT 1"), 0);
+    named(tavrix_sqlite3_exec_sql(db, no_format), 1);
+}
+
+TEST_F(Sqlite, ExecutesWithCallbackAndErrorText) {
+    int rows = 0;
+    const auto count = [](void *arg, int, char **, char **) {
+        ++*static_cast<int *>(arg);
+        return 0;
+    };
+    EXPECT_EQ(tavrix_sqlite3_exec(db, "SELECT * FROM t", count, &rows, nullptr), SQLITE_OK);
+    EXPECT_EQ(rows, 3);
+    char *message = nullptr;
+    EXPECT_EQ(tavrix_sqlite3_exec(db, "SELECT nonsense", nullptr, nullptr, &message), SQLITE_ERROR);
+    EXPECT_STREQ(message, "no such column: nonsense");
+    sqlite3_free(message);
+}
+
+TEST_F(Sqlite, ExecutesAFormattedStatement) {
+    EXPECT_EQ(tavrix_sqlite3_exec_sql(db, "UPDATE t SET word = '%s' WHERE id = %d", "deux", 2), SQLITE_OK);
+    int64_t count = 0;
+    tavrix_sqlite3_get_single_id_result(db, &count, "SELECT count(*) FROM t WHERE word = 'deux'");
+    EXPECT_EQ(count, 1);
+    const std::string long_text = "UPDATE t SET word = 'x'" + std::string(1099 - 23, ' ') + "WHERE 0";
+    EXPECT_EQ(tavrix_sqlite3_exec_sql(db, "%s", long_text.c_str()), SQLITE_OK);
+    tavrix_sqlite3_get_single_id_result(db, &count, "SELECT count(*) FROM t WHERE word = 'x'");
+    EXPECT_EQ(count, 3) << "the condition stood behind the 1099th character";
+}
+
+TEST_F(Sqlite, TriesABusyDatabase21TimesOverASecond) {
+    const Holder holder;
+    char *message = nullptr;
+    const LogCapture log("debug");
+    const auto before = std::chrono::steady_clock::now();
+    EXPECT_EQ(tavrix_sqlite3_exec(db, "UPDATE t SET id = 1", nullptr, nullptr, &message), SQLITE_BUSY);
+    EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(1000));
+    std::vector<std::string> expected;
+    for (int retry = 1; retry <= 20; ++retry) {
+        expected.push_back("DEBUG|DB Busy! retry #" + std::to_string(retry) + "...");
+    }
+    EXPECT_EQ(log.sequence(), expected);
+    EXPECT_EQ(log.lines().front().file, unit);
+    EXPECT_STREQ(message, "database is locked");
+    sqlite3_free(message);
+}
+
+TEST_F(Sqlite, GoesOnWhenTheDatabaseIsLetGo) {
+    Holder holder;
+    LogCapture log("debug");
+    std::thread release([&] {
+        while (log.text().find("retry #2") == std::string::npos) {
+            std::this_thread::yield();
+        }
+        holder.let_go();
+    });
+    char *message = nullptr;
+    EXPECT_EQ(tavrix_sqlite3_exec(db, "UPDATE t SET id = 1", nullptr, nullptr, &message), SQLITE_OK);
+    release.join();
+    EXPECT_EQ(message, nullptr);
+}
+
+TEST_F(Sqlite, RetriesOnlyABusyDatabase) {
+    const LogCapture log("debug");
+    EXPECT_EQ(tavrix_sqlite3_exec(db, "SELECT nonsense", nullptr, nullptr, nullptr), SQLITE_ERROR);
+    EXPECT_EQ(tavrix_sqlite3_exec(nullptr, "SELECT 1", nullptr, nullptr, nullptr), SQLITE_MISUSE);
+    EXPECT_TRUE(log.silent());
+}

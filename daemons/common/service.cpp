@@ -123,6 +123,7 @@ void Service::serve_control() {
 }
 
 void Service::serve() {
+    LOG_INFO("%s serving\n", config_.name.c_str());
     std::vector<pollfd> descriptors = {readable(signal_descriptor()), readable(receive_descriptor(sub_)),
                                        readable(receive_descriptor(control_))};
     const size_t own = descriptors.size();

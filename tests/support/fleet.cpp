@@ -1,0 +1,99 @@
+#include "support/fleet.h"
+
+#include <stdexcept>
+
+#include <sqlite3.h>
+
+#include "tavrix_mq.h"
+
+namespace support {
+
+namespace {
+
+constexpr char reply_prefix[] = "2524546b-ca99-4868-a062-359cefacff7c";
+
+void run_sql_file(sqlite3 *db, const std::string &path) {
+    if (sqlite3_exec(db, read_file(path).c_str(), nullptr, nullptr, nullptr) != SQLITE_OK) {
+        throw std::runtime_error(path + ": " + sqlite3_errmsg(db));
+    }
+}
+
+} // namespace
+
+Fleet::Fleet() {
+    write_file("tavrix_lsyslog.conf", "[logging_levels]\nrouterd=info\nportsd=info\neventsd=info\nunit-test=off\n");
+    remove("zqn_h7.db");
+    sqlite3 *db = nullptr;
+    sqlite3_open("zqn_h7.db", &db);
+    run_sql_file(db, TAVRIX_SOURCE_DIR "/daemons/ports/schema.sql");
+    run_sql_file(db, TAVRIX_SOURCE_DIR "/daemons/ports/fleet.sql");
+    sqlite3_close(db);
+}
+
+Process &Fleet::start_router(const std::vector<std::string> &more) {
+    std::vector<std::string> arguments = {TAVRIX_ROUTERD, "--socket",  "router.sock", "--publish",
+                                          router_address, "--connect", ports_address};
+    arguments.insert(arguments.end(), more.begin(), more.end());
+    router = std::make_unique<Process>("routerd", arguments);
+    if (!router->says("routerd ready")) {
+        throw std::runtime_error("the router does not get ready: " + router->log());
+    }
+    return *router;
+}
+
+Process &Fleet::start_ports(const std::vector<std::string> &more) {
+    std::vector<std::string> arguments = {TAVRIX_PORTSD, "--publish", ports_address, "--connect", router_address};
+    arguments.insert(arguments.end(), more.begin(), more.end());
+    ports.reset();
+    ports = std::make_unique<Process>("portsd", arguments);
+    if (!ports->says("portsd ready")) {
+        throw std::runtime_error("the ports service does not get ready: " + ports->log());
+    }
+    return *ports;
+}
+
+std::string Fleet::ask(const std::string &request) const {
+    const StreamClient client = connect();
+    client.say(request);
+    return client.hear();
+}
+
+PlayedService::PlayedService(const Fleet &fleet, const std::string &channel) : pub(TAVRIX_SP_PUB), sub(TAVRIX_SP_SUB) {
+    pub.bind(fleet.ports_address);
+    sub.connect(fleet.router_address);
+    tavrix_mq_socket_subscribe(sub.number, channel.c_str());
+    tavrix_mq_socket_set_timeout(sub.number, 50);
+    const std::string hello = std::string(reply_prefix) +
+                              R"(|{"jsonrpc":"2.0","method":"router.Hello","params":{"name":"played","channel":")" +
+                              channel + "\"}}";
+    std::string heard;
+    const bool settled = wait_until([&] {
+        tavrix_mq_socket_send(pub.number, hello.c_str());
+        heard = next_request(50);
+        return heard.find("service.Welcome") != std::string::npos;
+    });
+    if (!settled) {
+        throw std::runtime_error("the router does not welcome the played service");
+    }
+    // Welcomes to repeated hellos may still be on their way.
+    while (next_request(100) != "(nothing)") {
+    }
+}
+
+std::string PlayedService::next_request(int timeout_ms) {
+    tavrix_mq_socket_set_timeout(sub.number, timeout_ms);
+    char *frame = nullptr;
+    int length = 0;
+    if (tavrix_mq_socket_recv(sub.number, &frame, &length, 0) != 0) {
+        return "(nothing)";
+    }
+    const std::string text(frame, static_cast<size_t>(length));
+    free(frame);
+    return text.substr(text.find('|') + 1);
+}
+
+void PlayedService::reply(const std::string &json) {
+    tavrix_mq_socket_send(pub.number, (std::string(reply_prefix) + "|" + json).c_str());
+}
+
+} // namespace support

@@ -1,0 +1,52 @@
+/**
+ * The system under test: router, service and database on private paths and ports.
+ */
+#ifndef TAVRIX_TESTS_SUPPORT_FLEET_H
+#define TAVRIX_TESTS_SUPPORT_FLEET_H
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "support/bus.h"
+#include "support/process.h"
+#include "support/stream.h"
+
+namespace support {
+
+class Fleet {
+  public:
+    /** Makes addresses, a logger configuration at level info, and a database with the example fleet. */
+    Fleet();
+
+    Process &start_router(const std::vector<std::string> &more = {});
+    Process &start_ports(const std::vector<std::string> &more = {});
+
+    /** Sends a request to the router's unix socket and hears the answer out. */
+    std::string ask(const std::string &request) const;
+    StreamClient connect() const { return StreamClient::unix_path("router.sock"); }
+
+    std::string router_address = free_bus_address();
+    std::string ports_address = free_bus_address();
+    std::unique_ptr<Process> router;
+    std::unique_ptr<Process> ports;
+};
+
+/** A service played by the test: it hears what the router publishes on a channel, and says what it likes. */
+class PlayedService {
+  public:
+    /** Connects to the router and waits until both directions stand. */
+    PlayedService(const Fleet &fleet, const std::string &channel);
+
+    /** The next request's JSON text, without the channel. */
+    std::string next_request(int timeout_ms = 20000);
+    /** Publishes on the router's reply channel. */
+    void reply(const std::string &json);
+
+    BusSocket pub;
+    BusSocket sub;
+};
+
+} // namespace support
+
+#endif

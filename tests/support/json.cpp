@@ -1,0 +1,25 @@
+#include "support/json.h"
+
+#include <cstdlib>
+
+#include <jansson.h>
+
+namespace support {
+
+std::string request(const std::string &method, const std::string &id, const std::string &more) {
+    return R"({"jsonrpc":"2.0","method":")" + method + R"(","id":)" + id + more + "}";
+}
+
+std::string member(const std::string &text, const char *key) {
+    json_t *object = json_loads(text.c_str(), JSON_DISABLE_EOF_CHECK, nullptr);
+    const json_t *value = json_object_get(object, key);
+    char *rendering = value != nullptr ? json_dumps(value, JSON_ENCODE_ANY | JSON_COMPACT) : nullptr;
+    const std::string copy = rendering != nullptr ? rendering : "(none)";
+    free(rendering);
+    json_decref(object);
+    return copy;
+}
+
+std::string code_of(const std::string &response) { return member(member(response, "error"), "code"); }
+
+} // namespace support

@@ -1,0 +1,22 @@
+/**
+ * JSON texts in the tests: made and looked into.
+ */
+#ifndef TAVRIX_TESTS_SUPPORT_JSON_H
+#define TAVRIX_TESTS_SUPPORT_JSON_H
+
+#include <string>
+
+namespace support {
+
+/** A JSON-RPC request; `id` and `more` stand as they are, `more` with its leading comma. */
+std::string request(const std::string &method, const std::string &id, const std::string &more = "");
+
+/** A member of a JSON object's text, rendered compactly; "(none)" when it is absent. */
+std::string member(const std::string &text, const char *key);
+
+/** The code of an error response. */
+std::string code_of(const std::string &response);
+
+} // namespace support
+
+#endif

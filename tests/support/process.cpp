@@ -1,0 +1,109 @@
+#include "support/process.h"
+
+#include <csignal>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+#include <stdexcept>
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "support/bus.h"
+
+// The words before a cross-built program's path, separated by blanks; empty for a native one.
+#ifndef TAVRIX_TEST_EMULATOR
+#define TAVRIX_TEST_EMULATOR ""
+#endif
+
+namespace support {
+
+namespace {
+
+std::vector<std::string> emulated(const std::vector<std::string> &arguments) {
+    std::istringstream words(TAVRIX_TEST_EMULATOR);
+    std::vector<std::string> all((std::istream_iterator<std::string>(words)), std::istream_iterator<std::string>());
+    all.insert(all.end(), arguments.begin(), arguments.end());
+    return all;
+}
+
+int open_for_output(const std::string &path) {
+    return open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+}
+
+} // namespace
+
+std::string read_file(const std::string &path) {
+    std::ifstream file(path, std::ios::binary);
+    return std::string((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+}
+
+void write_file(const std::string &path, const std::string &text) { std::ofstream(path, std::ios::binary) << text; }
+
+Process::Process(const std::string &name, const std::vector<std::string> &arguments) : name_(name) {
+    std::vector<std::string> words = emulated(arguments);
+    std::vector<char *> argv;
+    for (std::string &word : words) {
+        argv.push_back(word.data());
+    }
+    argv.push_back(nullptr);
+    const int log_fd = open_for_output(name + ".log");
+    const int out_fd = open_for_output(name + ".out");
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_adddup2(&actions, out_fd, STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, log_fd, STDERR_FILENO);
+    const int rc = posix_spawnp(&pid_, argv[0], &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    close(log_fd);
+    close(out_fd);
+    if (rc != 0) {
+        throw std::runtime_error("cannot start " + arguments[0]);
+    }
+}
+
+Process::~Process() {
+    if (status_ == -1) {
+        kill(pid_, SIGKILL);
+        waitpid(pid_, nullptr, 0);
+    }
+}
+
+std::string Process::log() const { return read_file(name_ + ".log"); }
+
+std::string Process::output() const { return read_file(name_ + ".out"); }
+
+bool Process::says(const std::string &text, int timeout_ms) const {
+    return wait_until([&] { return log().find(text) != std::string::npos; }, timeout_ms);
+}
+
+bool Process::prints(const std::string &text, int timeout_ms) const {
+    return wait_until([&] { return output().find(text) != std::string::npos; }, timeout_ms);
+}
+
+void Process::signal(int number) const { kill(pid_, number); }
+
+int Process::wait(int timeout_ms) {
+    wait_until(
+        [&] {
+            int status = 0;
+            if (status_ == -1 && waitpid(pid_, &status, WNOHANG) == pid_) {
+                status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+            }
+            return status_ != -1;
+        },
+        timeout_ms);
+    return status_;
+}
+
+Finished run(const std::vector<std::string> &arguments) {
+    static int count = 0;
+    Process process("run-" + std::to_string(++count), arguments);
+    const int status = process.wait();
+    return {status, process.output(), process.log()};
+}
+
+} // namespace support

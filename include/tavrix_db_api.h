@@ -22,9 +22,9 @@ TAVRIX_API void tavrix_db_lock_cfgdb(void);
 TAVRIX_API void tavrix_db_unlock_cfgdb(void);
 TAVRIX_API int tavrix_db_prepare_statement(sqlite3 *handle, const char *path, sqlite3_stmt **stmt_out, const char *sql);
 TAVRIX_API int tavrix_db_get_single_id_result(sqlite3 *handle, const char *path, const char *name, int64_t *out,
-                                              const char *format, ...) TAVRIX_PRINTF(5, 6);
+                                              const char *format, ...);
 TAVRIX_API int tavrix_db_get_single_id_result_args(sqlite3 *handle, const char *path, const char *name, int64_t *out,
-                                                   const char *format, va_list args) TAVRIX_PRINTF(5, 0);
+                                                   const char *format, va_list args);
 TAVRIX_API int tavrix_db_open_transaction(sqlite3 *handle);
 TAVRIX_API int tavrix_db_commit_transaction(sqlite3 *handle);
 TAVRIX_API int tavrix_db_rollback_transaction(sqlite3 *handle);

@@ -17,20 +17,15 @@ extern "C" {
 /** The longest statement text, in characters; what goes beyond is cut off without notice. */
 #define TAVRIX_SQL_MAX 1099
 
-TAVRIX_API int tavrix_sqlite3_prepare_sql(sqlite3 *db, sqlite3_stmt **stmt_out, const char *format, ...)
-    TAVRIX_PRINTF(3, 4);
-TAVRIX_API int tavrix_sqlite3_prepare_sql_args(sqlite3 *db, sqlite3_stmt **stmt_out, const char *format, va_list args)
-    TAVRIX_PRINTF(3, 0);
-TAVRIX_API int tavrix_sqlite3_get_single_id_result(sqlite3 *db, int64_t *out, const char *format, ...)
-    TAVRIX_PRINTF(3, 4);
-TAVRIX_API int tavrix_sqlite3_get_single_id_result_args(sqlite3 *db, int64_t *out, const char *format, va_list args)
-    TAVRIX_PRINTF(3, 0);
-TAVRIX_API int tavrix_sqlite3_get_single_string_result(sqlite3 *db, char *out, size_t size, const char *format, ...)
-    TAVRIX_PRINTF(4, 5);
+TAVRIX_API int tavrix_sqlite3_prepare_sql(sqlite3 *db, sqlite3_stmt **stmt_out, const char *format, ...);
+TAVRIX_API int tavrix_sqlite3_prepare_sql_args(sqlite3 *db, sqlite3_stmt **stmt_out, const char *format, va_list args);
+TAVRIX_API int tavrix_sqlite3_get_single_id_result(sqlite3 *db, int64_t *out, const char *format, ...);
+TAVRIX_API int tavrix_sqlite3_get_single_id_result_args(sqlite3 *db, int64_t *out, const char *format, va_list args);
+TAVRIX_API int tavrix_sqlite3_get_single_string_result(sqlite3 *db, char *out, size_t size, const char *format, ...);
 TAVRIX_API int tavrix_sqlite3_step_retrieve_int(sqlite3_stmt *stmt, int64_t *out);
 TAVRIX_API int tavrix_sqlite3_exec(sqlite3 *db, const char *sql, int (*callback)(void *, int, char **, char **),
                                    void *arg, char **errmsg);
-TAVRIX_API int tavrix_sqlite3_exec_sql(sqlite3 *db, const char *format, ...) TAVRIX_PRINTF(2, 3);
+TAVRIX_API int tavrix_sqlite3_exec_sql(sqlite3 *db, const char *format, ...);
 
 #ifdef __cplusplus
 }

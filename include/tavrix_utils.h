@@ -89,8 +89,7 @@ TAVRIX_API int tavrix_get_board_rev_number(void);
 TAVRIX_API int tavrix_terminate_process(void);
 TAVRIX_API int tavrix_utils_format_seconds_as_time_sentence(int seconds, char *out);
 TAVRIX_API void tavrix_debug_print_bytes(const void *bytes, int length, const char *title);
-TAVRIX_API void tavrix_utils_system_log(const char *tag, const char *file, int line, const char *format, ...)
-    TAVRIX_PRINTF(4, 5);
+TAVRIX_API void tavrix_utils_system_log(const char *tag, const char *file, int line, const char *format, ...);
 TAVRIX_API int tavrix_get_nn_rcvfd(int socket, int *fd);
 
 #ifdef __cplusplus

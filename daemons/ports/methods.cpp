@@ -11,7 +11,6 @@ namespace {
 constexpr int max_vlan_ids = 32;
 constexpr int max_mac_filters = 16;
 constexpr size_t word_size = 32;
-constexpr size_t mac_size = 20;
 constexpr char link_changed[] = "events.LinkChanged";
 
 Service service;

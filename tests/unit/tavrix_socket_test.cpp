@@ -67,7 +67,7 @@ std::string perror_text(const char *prefix, int reason) { return std::string(pre
 } // namespace
 
 TEST(UnixListener, IsOpenToEveryoneWhateverTheUmask) {
-    for (const mode_t mask : {0000, 0022, 0077, 0777}) {
+    for (const mode_t mask : {0000U, 0022U, 0077U, 0777U}) {
         Handle listener;
         const mode_t before = umask(mask);
         EXPECT_EQ(tavrix_unix_socket_init("open.sock", &listener.fd, 0), 0);

@@ -8,6 +8,7 @@
 #include <nanomsg/nn.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 
 #include "support/bus.h"
@@ -139,10 +140,11 @@ TEST(MqAddress, NeedsItsTransportsSchemeAndSaysNothingWithoutIt) {
 }
 
 TEST(MqAddress, FindsTheSchemeAnywhere) {
-    // The check passes; it is nanomsg that refuses these.
+    // The check passes; what nanomsg makes of the address is its own affair.
     EXPECT_EQ(bind_to(2, "xipc://a"), -1);
     EXPECT_EQ(bind_to(3, "xipc://tcp://a"), -1);
-    EXPECT_EQ(bind_to(3, "ipc://./tcp://a"), -1);
+    ASSERT_EQ(mkdir("tcp:", 0755), 0);
+    EXPECT_EQ(bind_to(3, "ipc://tcp://a"), 0) << "an ipc socket in the folder tcp:";
 }
 
 TEST(MqEndpoint, ReportsARefusedBindAndARefusedConnectInTheSameWords) {

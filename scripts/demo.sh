@@ -1,0 +1,156 @@
+#!/usr/bin/env bash
+# Shows the road of requests: client -> router -> bus -> service -> database -> bus -> router -> client.
+# Installs from Debian what is missing, builds, starts everything on private paths and loopback ports, sends requests,
+# and ends with everything stopped.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+usage() {
+    cat <<'TEXT'
+usage: scripts/demo.sh [--keep]
+
+  --keep   leave everything running and print the commands to try
+TEXT
+}
+
+keep=false
+case "${1:-}" in
+"") ;;
+--keep) keep=true ;;
+--help | -h) usage; exit 0 ;;
+*) usage >&2; exit 2 ;;
+esac
+
+./scripts/install-packages.sh build demo
+echo "Building ..."
+cmake --preset demo >/dev/null
+cmake --build --preset demo -- --quiet
+
+bin=$PWD/build/demo
+run=$bin/run
+ctl=$bin/tools/tavrixctl
+rm -rf "$run"
+mkdir -p "$run"
+schema=$PWD/daemons/ports
+cd "$run"
+
+# --- Start ---
+
+pids=()
+stop_all() {
+    if [ ${#pids[@]} -gt 0 ]; then
+        kill "${pids[@]}" 2>/dev/null || true
+        wait "${pids[@]}" 2>/dev/null || true
+    fi
+}
+trap stop_all EXIT
+
+port=$((20000 + RANDOM % 20000))
+next_address() { # a loopback port that nobody listens on
+    port=$((port + 1))
+    while (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null; do port=$((port + 1)); done
+    address="tcp://127.0.0.1:$port"
+}
+wait_for() { # FILE TEXT: until the file holds the text
+    local tries
+    for tries in $(seq 600); do
+        if grep -q -- "$2" "$1" 2>/dev/null; then return 0; fi
+        sleep 0.05
+    done
+    echo "demo: '$2' never came in $run/$1:" >&2
+    cat "$1" >&2
+    exit 1
+}
+
+sqlite3 zqn_h7.db <"$schema/schema.sql"
+sqlite3 zqn_h7.db <"$schema/fleet.sql"
+printf '[logging_levels]\nrouterd=info\nportsd=info\n' >tavrix_lsyslog.conf
+next_address; router=$address
+next_address; ports=$address
+export TAVRIX_SOCKET=router.sock
+
+"$bin/daemons/router/tavrix-routerd" --socket router.sock --publish "$router" --connect "$ports" \
+    --reply-timeout 1500 2>routerd.log &
+pids+=($!)
+wait_for routerd.log "routerd ready"
+"$bin/daemons/ports/tavrix-portsd" --publish "$ports" --connect "$router" 2>portsd.log &
+pids+=($!)
+wait_for portsd.log "portsd ready"
+"$ctl" monitor "$router" "$ports" >bus.log 2>monitor.log &
+pids+=($!)
+wait_for monitor.log "connected to 2 of 2"
+
+# --- Requests ---
+
+number=0
+frames_from() { tail -n +"$1" bus.log | grep -v -e service.Welcome -e service.Probe -e router.Hello || true; }
+
+# show LEGS TITLE TEXT: sends a request as it stands; LEGS is how many frames it is to make on the bus
+show() {
+    local legs=$1 title=$2 text=$3 first reply status=0 tries to_service="(nothing)" from_service="(nothing)"
+    first=$(($(wc -l <bus.log) + 1))
+    reply=$("$ctl" send "$text" 2>&1) || status=$?
+    for tries in $(seq 40); do
+        if [ "$(frames_from "$first" | wc -l)" -ge "$legs" ]; then break; fi
+        sleep 0.05
+    done
+    while read -r _ channel json; do
+        case "$channel" in
+        2524546b-*) from_service="$json" ;;
+        *) to_service="${channel:0:8}...| $json" ;;
+        esac
+    done < <(frames_from "$first")
+    number=$((number + 1))
+    printf '\n%2d. %s\n' "$number" "$title"
+    printf '    client  -> router   %s\n' "$text"
+    printf '    router  -> service  %s\n' "$to_service"
+    printf '    service -> router   %s\n' "$from_service"
+    printf '    router  -> client   %s   [exit status %d]\n' "$reply" "$status"
+}
+
+call() { # LEGS TITLE METHOD PARAMS
+    show "$1" "$2" "{\"jsonrpc\":\"2.0\",\"method\":\"$3\",\"id\":\"demo\",\"transaction_id\":$((number + 101)),\"params\":$4}"
+}
+
+call 2 "Read one port" ports.Get '{"port_id":"c1-1"}'
+call 2 "Switch a port on" ports.SetEnabled '{"port_id":"c1-3","status":"enable"}'
+call 2 "Read it back from the database" ports.Get '{"port_id":"c1-3"}'
+call 2 "Put a port into an access VLAN" ports.SetVlanAccess '{"port_id":"d2","vlan_id":20}'
+call 2 "A trunk with three VLANs" ports.SetVlanTrunk '{"port_id":"c2-1","vlan_ids":[10,20,30]}'
+call 2 "Register an edge switch" mzu.Register '{"mzu_id":"c4","model":"ZQN-E12","mac":"00-1b-0d-00-00-04","alias":"attic"}'
+call 2 "A parameter is missing" ports.Get '{}'
+call 2 "A parameter of the wrong type" ports.SetVlanAccess '{"port_id":"d2","vlan_id":"20"}'
+call 2 "A parameter out of range" ports.SetVlanAccess '{"port_id":"d2","vlan_id":4093}'
+call 2 "A parameter that is no option" ports.SetEnabled '{"port_id":"d2","status":"on"}'
+call 2 "A port that does not exist" ports.Get '{"port_id":"c1-99"}'
+call 2 "An unknown method" ports.Explode '{}'
+call 1 "A service that does not answer: the router does" interfaces.Get '{}'
+show 0 "A request without id: a notification, which the router refuses" '{"jsonrpc":"2.0","method":"ports.Get"}'
+show 0 "No JSON at all" 'good morning'
+
+printf '\nWhat the daemons logged: %s\n' "$run/*.log"
+
+if $keep; then
+    trap - EXIT
+    disown -a
+    cat <<TEXT
+
+Still running: router, ports service, monitor (process ids ${pids[*]}). Try, in $run:
+
+  export TAVRIX_SOCKET=router.sock
+  $ctl call ports.Get '{"port_id":"all"}' --json pretty
+  $ctl call mzu.List
+  $ctl call router.Status
+  $ctl log-level portsd verbose --file tavrix_lsyslog.conf && tail -f portsd.log
+  tail -f bus.log
+
+Stop it with: kill ${pids[*]}
+TEXT
+    exit 0
+fi
+stop_all
+pids=()
+for log in routerd portsd; do
+    grep -q "$log stopped" "$log.log" || { echo "demo: $log did not stop cleanly" >&2; exit 1; }
+done
+echo "Everything is stopped."

@@ -19,6 +19,9 @@ constexpr char version_text[] = "tavrixctl " TAVRIX_VERSION;
 constexpr char json_help[] = "Print JSON on several lines (pretty) or on one (short); default: pretty on a terminal";
 constexpr char params_help[] = "A JSON object, or - to read it from standard input";
 
+// What the completion script calls; taken before the parser, for which half a word would be wrong usage.
+constexpr char complete_verb[] = "__complete";
+
 constexpr char general_footer[] = R"(examples:
   tavrixctl call ports.Get '{"port_id":"c1-1"}'
   tavrixctl monitor tcp://127.0.0.1:7001 tcp://127.0.0.1:7002
@@ -39,7 +42,6 @@ struct CommandLine {
     std::string field;
     std::vector<std::string> values;
     std::string shell;
-    std::vector<std::string> words;
     bool show_log = false;
     std::function<int()> run;
 };
@@ -215,9 +217,7 @@ int complete(CLI::App &app, const std::vector<std::string> &words) {
     }
     std::vector<std::string> candidates;
     for (const CLI::App *sub : verb->get_subcommands([](CLI::App *) { return true; })) {
-        if (!sub->get_group().empty()) {
-            candidates.push_back(sub->get_name());
-        }
+        candidates.push_back(sub->get_name());
     }
     if (verb->get_name() == "validate" && positional == 0) {
         candidates = validated_fields();
@@ -243,17 +243,13 @@ int complete(CLI::App &app, const std::vector<std::string> &words) {
 void add_completion(CLI::App &app, CommandLine *line) {
     static constexpr char script[] = R"(_tavrixctl() {
     local IFS=$'\n'
-    COMPREPLY=($(tavrixctl __complete -- "${COMP_WORDS[@]:1:COMP_CWORD}" 2>/dev/null))
+    COMPREPLY=($(tavrixctl __complete "${COMP_WORDS[@]:1:COMP_CWORD}" 2>/dev/null))
 }
 complete -o default -F _tavrixctl tavrixctl)";
     CLI::App *verb =
         add_verb(app, "completion", "Print the shell's completion script", "  source <(tavrixctl completion bash)");
     verb->add_option("SHELL", line->shell, "bash")->required()->check(CLI::IsMember({"bash"}));
     verb->callback([line] { line->run = [] { return print_line(script) ? exit_result : exit_error_response; }; });
-
-    CLI::App *words = app.add_subcommand("__complete", "")->group("");
-    words->add_option("WORDS", line->words)->expected(0, 256);
-    words->callback([&app, line] { line->run = [&app, line] { return complete(app, line->words); }; });
 }
 
 } // namespace
@@ -268,6 +264,9 @@ int main(int argc, char **argv) {
     for (auto add : {add_call, add_send, add_monitor, add_push, add_wait, add_error, add_validate, add_shm,
                      add_log_level, add_completion}) {
         add(app, &line);
+    }
+    if (argc > 1 && std::string(argv[1]) == complete_verb) {
+        return complete(app, std::vector<std::string>(argv + 2, argv + argc));
     }
     try {
         app.parse(argc, argv);

@@ -1,0 +1,54 @@
+#include <cerrno>
+#include <cstdio>
+#include <string>
+
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
+#include "tavrix_db_api.h"
+#include "tavrix_lsyslog.h"
+
+namespace {
+
+std::string opened;
+
+FILE *refuse(const char *path) {
+    opened = path;
+    errno = ENOENT;
+    return nullptr;
+}
+
+} // namespace
+
+extern "C" {
+FILE *__wrap_fopen(const char *path, const char * /*mode*/) { return refuse(path); }
+FILE *__wrap_fopen64(const char *path, const char * /*mode*/) { return refuse(path); }
+int __wrap_sqlite3_open_v2(const char *path, sqlite3 **db, int /*flags*/, const char * /*vfs*/) {
+    opened = path;
+    *db = nullptr;
+    return SQLITE_CANTOPEN;
+}
+}
+
+TEST(DefaultPaths, NameTheAppliancesLoggerConfiguration) {
+    opened.clear();
+    EXPECT_EQ(tavrix_lsyslog_reload_conf(), -40);
+    EXPECT_EQ(opened, "/etc/tavrix_lsyslog.conf");
+}
+
+TEST(DefaultPaths, NameTheAppliancesConfigurationDatabase) {
+    sqlite3 *db = nullptr;
+    opened.clear();
+    EXPECT_EQ(tavrix_db_open(&db), -7);
+    EXPECT_EQ(opened, "/data/db/zqn_h7.db");
+    tavrix_db_lock_cfgdb();
+    opened.clear();
+    EXPECT_EQ(tavrix_db_ensure_open_file(&db, "/data/db/zqn_h7.db"), -11);
+    EXPECT_EQ(opened, "");
+    tavrix_db_unlock_cfgdb();
+}
+
+int main(int argc, char **argv) {
+    testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}

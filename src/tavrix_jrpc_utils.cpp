@@ -14,6 +14,7 @@
 
 #include "internal/handles.h"
 #include "internal/log.h"
+#include "internal/tables.h"
 #include "tavrix_error.h"
 #include "tavrix_jrpc_utils_internal.h"
 #include "tavrix_utils.h"
@@ -21,16 +22,16 @@
 
 namespace {
 
+using tavrix::count_of;
+using tavrix::in_order;
 using tavrix::Json;
 
 constexpr char unit_name[] = "tavrix_jrpc_utils";
 
 constexpr size_t debug_text_size = 100;
-constexpr size_t number_text_size = 100;
-constexpr size_t option_text_size = 100;
-constexpr size_t mac_size = 20;
+constexpr size_t value_text_size = 100;
 constexpr int max_vlan_ids = 32;
-constexpr int max_listed_macs = 512;
+static_assert(sizeof(tavrix_port_input::vlan_ids) == max_vlan_ids * sizeof(int32_t), "room for every VLAN id");
 constexpr size_t max_alias_length = 8;
 constexpr char everything[] = "all";
 constexpr char no_mac[] = "none";
@@ -111,27 +112,6 @@ int find_member(const TypeRule &rule, json_t *params, json_t **debug_message, co
 
 // --- Fields --------------------------------------------------------------------------------------------------------
 
-/** What a retriever of a text says and checks; it may rewrite the text. */
-struct TextRow {
-    const char *announcement;
-    int (*check)(char *text); ///< null: not validated
-    const char *success;
-};
-
-struct NumberRow {
-    const char *announcement;
-    int (*check)(int value); ///< null: not validated
-    const char *success;
-    int success_level;
-};
-
-template <int (*Validator)(const char *)>
-int checked(char *text) {
-    return Validator(text);
-}
-
-int format_mac_address(char *text) { return tavrix_validate_and_format_mac_addr_string(text); }
-
 enum TextRowId {
     text_status,
     text_description,
@@ -151,30 +131,6 @@ enum TextRowId {
     text_row_count
 };
 
-constexpr TextRow text_rows[] = {
-    {"Retrieving status...\n", checked<validate_status>, "Retrieved and validated status: %s\n"},
-    {"Retrieving description...\n", checked<validate_description>, "Retrieved and validated description: %s\n"},
-    {"Retrieving vlan mode...\n", checked<validate_vlan_mode>, "Retrieved and validated vlan mode: %s\n"},
-    {"Retrieving mzu model...\n", checked<validate_mzu_model>, "Retrieved and validated mzu model: %s\n"},
-    {"Retrieving mzu sw upgrade filename...\n", checked<validate_mzu_sw_upgrade_filename>,
-     "Retrieved and validated mzu sw upgrade filename: %s\n"},
-    {"Retrieving mac address...\n", format_mac_address, "Retrieved and validated mac address: %s\n"},
-    {"Retrieving sw bank...\n", checked<validate_unit_sw_bank>, "Retrieved and validated sw bank: %s\n"},
-    {"Retrieving ip address...\n", checked<validate_ip_address>, "Retrieved and validated ip address: %s\n"},
-    {"Retrieving unit sw upgrade filename...\n", checked<validate_unit_sw_upgrade_filename>,
-     "Retrieved and validated unit sw upgrade filename: %s\n"},
-    {"Retrieving username...\n", checked<validate_username>, "Retrieved and validated username: %s\n"},
-    {"Retrieving password...\n", checked<validate_password>, "Retrieved and validated password: %s\n"},
-    // The password's lines: meant.
-    {"Retrieving password...\n", checked<validate_date>, "Retrieved and validated password: %s\n"},
-    {"Retrieving time...\n", checked<validate_time>, "Retrieved and validated time: %s\n"},
-    // Not validated, despite the wording: meant.
-    {"Retrieving entity name...\n", nullptr, "Retrieved and validated entity name: %s\n"},
-    {"Retrieving entity extension...\n", checked<validate_entity_extension>,
-     "Retrieved and validated entity extension: %s\n"},
-};
-static_assert(sizeof text_rows / sizeof text_rows[0] == text_row_count, "one row for each text retriever");
-
 enum NumberRowId {
     number_vlan_id,
     number_unit_id,
@@ -188,36 +144,99 @@ enum NumberRowId {
     number_row_count
 };
 
-constexpr NumberRow number_rows[] = {
-    {"Retrieving vlan id...\n", validate_vlan_id, "Retrieved and validated vlan id: %d\n", TAVRIX_LOG_DEBUG},
-    {"Retrieving unit id...\n", validate_unit_id, "Retrieved and validated unit id: %d\n", TAVRIX_LOG_DEBUG},
-    {"Retrieving periodic interval...\n", validate_periodic_interval, "Retrieved and validated periodic interval: %d\n",
-     TAVRIX_LOG_DEBUG},
-    // A verbose line where the others have a debug line: meant.
-    {"Retrieving laser_id...\n", validate_laser_id, "Retrieved and validated laser_id: %d\n", TAVRIX_LOG_VERBOSE},
-    {"Retrieving olt id...\n", validate_olt_id, "Retrieved and validated olt id: %d\n", TAVRIX_LOG_DEBUG},
-    {"Retrieving onu id...\n", validate_onu_id, "Retrieved and validated onu id: %d\n", TAVRIX_LOG_DEBUG},
-    {"Retrieving port number...\n", validate_port_number, "Retrieved and validated port_number: %d\n",
-     TAVRIX_LOG_DEBUG},
-    {"Retrieving port link speed...\n", validate_port_link_speed, "Retrieved and validated port link_speed: %d\n",
-     TAVRIX_LOG_DEBUG},
-    // Not validated: meant.
-    {"Retrieving enable...\n", nullptr, "Retrieved and enable value: %d\n", TAVRIX_LOG_DEBUG},
+/** What a retriever of a text says and checks; it may rewrite the text. */
+struct TextRow {
+    TextRowId id;
+    const char *announcement;
+    int (*check)(char *text); ///< null: not validated
+    const char *success;
 };
-static_assert(sizeof number_rows / sizeof number_rows[0] == number_row_count, "one row for each number retriever");
 
-int retrieve_text(TextRowId id, json_t *params, json_t **debug_message, const char *key, char *out, size_t out_size) {
-    const TextRow &row = text_rows[id];
+struct NumberRow {
+    NumberRowId id;
+    const char *announcement;
+    int (*check)(int value); ///< null: not validated
+    const char *success;
+    int success_level;
+};
+
+template <int (*Validator)(const char *)>
+int checked(char *text) {
+    return Validator(text);
+}
+
+int format_mac_address(char *text) { return tavrix_validate_and_format_mac_addr_string(text); }
+
+constexpr TextRow text_rows[] = {
+    {text_status, "Retrieving status...\n", checked<validate_status>, "Retrieved and validated status: %s\n"},
+    {text_description, "Retrieving description...\n", checked<validate_description>,
+     "Retrieved and validated description: %s\n"},
+    {text_vlan_mode, "Retrieving vlan mode...\n", checked<validate_vlan_mode>,
+     "Retrieved and validated vlan mode: %s\n"},
+    {text_mzu_model, "Retrieving mzu model...\n", checked<validate_mzu_model>,
+     "Retrieved and validated mzu model: %s\n"},
+    {text_mzu_sw_upgrade_filename, "Retrieving mzu sw upgrade filename...\n", checked<validate_mzu_sw_upgrade_filename>,
+     "Retrieved and validated mzu sw upgrade filename: %s\n"},
+    {text_mac_address, "Retrieving mac address...\n", format_mac_address, "Retrieved and validated mac address: %s\n"},
+    {text_unit_sw_bank, "Retrieving sw bank...\n", checked<validate_unit_sw_bank>,
+     "Retrieved and validated sw bank: %s\n"},
+    {text_ip_address, "Retrieving ip address...\n", checked<validate_ip_address>,
+     "Retrieved and validated ip address: %s\n"},
+    {text_unit_sw_upgrade_filename, "Retrieving unit sw upgrade filename...\n",
+     checked<validate_unit_sw_upgrade_filename>, "Retrieved and validated unit sw upgrade filename: %s\n"},
+    {text_username, "Retrieving username...\n", checked<validate_username>, "Retrieved and validated username: %s\n"},
+    {text_password, "Retrieving password...\n", checked<validate_password>, "Retrieved and validated password: %s\n"},
+    // The password's lines: meant.
+    {text_date, "Retrieving password...\n", checked<validate_date>, "Retrieved and validated password: %s\n"},
+    {text_time, "Retrieving time...\n", checked<validate_time>, "Retrieved and validated time: %s\n"},
+    // Not validated, despite the wording: meant.
+    {text_entity_name, "Retrieving entity name...\n", nullptr, "Retrieved and validated entity name: %s\n"},
+    {text_entity_extension, "Retrieving entity extension...\n", checked<validate_entity_extension>,
+     "Retrieved and validated entity extension: %s\n"},
+};
+static_assert(count_of(text_rows) == text_row_count && in_order(text_rows));
+
+constexpr NumberRow number_rows[] = {
+    {number_vlan_id, "Retrieving vlan id...\n", validate_vlan_id, "Retrieved and validated vlan id: %d\n",
+     TAVRIX_LOG_DEBUG},
+    {number_unit_id, "Retrieving unit id...\n", validate_unit_id, "Retrieved and validated unit id: %d\n",
+     TAVRIX_LOG_DEBUG},
+    {number_periodic_interval, "Retrieving periodic interval...\n", validate_periodic_interval,
+     "Retrieved and validated periodic interval: %d\n", TAVRIX_LOG_DEBUG},
+    // A verbose line where the others have a debug line: meant.
+    {number_laser_id, "Retrieving laser_id...\n", validate_laser_id, "Retrieved and validated laser_id: %d\n",
+     TAVRIX_LOG_VERBOSE},
+    {number_olt_id, "Retrieving olt id...\n", validate_olt_id, "Retrieved and validated olt id: %d\n",
+     TAVRIX_LOG_DEBUG},
+    {number_onu_id, "Retrieving onu id...\n", validate_onu_id, "Retrieved and validated onu id: %d\n",
+     TAVRIX_LOG_DEBUG},
+    {number_port_number, "Retrieving port number...\n", validate_port_number,
+     "Retrieved and validated port_number: %d\n", TAVRIX_LOG_DEBUG},
+    {number_port_link_speed, "Retrieving port link speed...\n", validate_port_link_speed,
+     "Retrieved and validated port link_speed: %d\n", TAVRIX_LOG_DEBUG},
+    // Not validated: meant.
+    {number_enable, "Retrieving enable...\n", nullptr, "Retrieved and enable value: %d\n", TAVRIX_LOG_DEBUG},
+};
+static_assert(count_of(number_rows) == number_row_count && in_order(number_rows));
+
+/** What every retriever of a text begins with: null test, announcement, parsing. */
+int fetch_text(const char *announcement, json_t *params, json_t **debug_message, const char *key, char *out,
+               size_t out_size) {
     if (key == nullptr || out == nullptr || out_size == 0) {
         return TAVRIX_ERR_PARAMETER;
     }
-    LOG_VERBOSE("%s", row.announcement);
-    const int rc = tavrix_jrpc_utils_parse_input_string(params, debug_message, key, out, out_size);
+    LOG_VERBOSE("%s", announcement);
+    return tavrix_jrpc_utils_parse_input_string(params, debug_message, key, out, out_size);
+}
+
+int retrieve_text(TextRowId id, json_t *params, json_t **debug_message, const char *key, char *out, size_t out_size) {
+    const TextRow &row = text_rows[id];
+    const int rc = fetch_text(row.announcement, params, debug_message, key, out, out_size);
     if (rc != TAVRIX_OK) {
         return rc;
     }
     if (row.check != nullptr && row.check(out) != 0) {
-        return TAVRIX_ERR_VALIDATION;
+        return TAVRIX_ERR_VALIDATION; // the rejected value stays in `out`: meant
     }
     LOG_DEBUG(row.success, out);
     return TAVRIX_OK;
@@ -234,7 +253,7 @@ int retrieve_number(NumberRowId id, json_t *params, json_t **debug_message, cons
         return rc;
     }
     if (row.check != nullptr && row.check(*out) != 0) {
-        return TAVRIX_ERR_VALIDATION;
+        return TAVRIX_ERR_VALIDATION; // the rejected value stays in `out`: meant
     }
     TAVRIX_LOG_GUARDED_(row.success_level, row.success, *out);
     return TAVRIX_OK;
@@ -270,7 +289,7 @@ int check_port_id(const char *value, bool allow_all, bool allow_mzu_id, bool all
 
 int element_count(const json_t *array) { return static_cast<int>(std::min<size_t>(json_array_size(array), INT_MAX)); }
 
-/** Reads one plain integer member of an array's element; the first failure stays. */
+/** Reads the members of one record; after the first failure nothing more is read. */
 struct ElementReader {
     json_t *element;
     json_t **debug_message;
@@ -278,16 +297,20 @@ struct ElementReader {
 
     int32_t integer(const char *key) {
         int value = 0;
-        ok = ok && tavrix_jrpc_utils_parse_input_integer(element, debug_message, key, &value) == TAVRIX_OK;
+        if (ok) {
+            ok = tavrix_jrpc_utils_parse_input_integer(element, debug_message, key, &value) == TAVRIX_OK;
+        }
         return value;
     }
     void port_number(int32_t *out) {
-        ok =
-            ok && tavrix_jrpc_utils_retrieve_input_port_number(element, debug_message, "port_number", out) == TAVRIX_OK;
+        if (ok) {
+            ok = retrieve_number(number_port_number, element, debug_message, "port_number", out) == TAVRIX_OK;
+        }
     }
     void vlan_ids(int32_t *ids, int32_t *count) {
-        ok = ok &&
-             tavrix_jrpc_utils_retrieve_input_vlan_ids(element, debug_message, "vlan_ids", ids, count) == TAVRIX_OK;
+        if (ok) {
+            ok = tavrix_jrpc_utils_retrieve_input_vlan_ids(element, debug_message, "vlan_ids", ids, count) == TAVRIX_OK;
+        }
     }
 };
 
@@ -324,6 +347,51 @@ bool read_port_hardware(json_t *element, json_t **debug_message, tavrix_port_har
     record->link_status = link_status;
     record->link_speed = link_speed;
     return true;
+}
+
+/** What the reader of a list of records says, and how it reads one. */
+template <typename Record>
+struct RecordList {
+    const char *announcement;
+    const char *element;
+    const char *success;
+    bool (*read)(json_t *element, json_t **debug_message, Record *record);
+};
+
+constexpr RecordList<tavrix_port_input> port_list = {
+    "Retrieving ports input...\n",
+    "Retrieving port #%d...\n",
+    "Successfully retrieved %d ports.\n",
+    read_port,
+};
+constexpr RecordList<tavrix_port_hardware_input> port_hardware_list = {
+    "Retrieving ports hardware input...\n",
+    "Retrieving port hardware #%d...\n",
+    "Successfully retrieved %d ports hardware.\n",
+    read_port_hardware,
+};
+
+template <typename Record>
+int retrieve_records(const RecordList<Record> &list, json_t *params, json_t **debug_message, const char *key,
+                     Record *records, int *count, int max) {
+    if (key == nullptr || records == nullptr || count == nullptr) {
+        return TAVRIX_ERR_PARAMETER;
+    }
+    LOG_VERBOSE("%s", list.announcement);
+    json_t *elements = nullptr;
+    const int rc = tavrix_jrpc_utils_parse_input_array(params, debug_message, key, &elements);
+    if (rc != TAVRIX_OK) {
+        return rc;
+    }
+    *count = std::min(element_count(elements), max); // what is above goes unread without a word: meant
+    for (int i = 0; i < *count; ++i) {
+        LOG_VERBOSE(list.element, i);
+        if (!list.read(json_array_get(elements, static_cast<size_t>(i)), debug_message, &records[i])) {
+            return TAVRIX_ERR_PARAMETER; // whatever the inner status was: meant
+        }
+    }
+    LOG_VERBOSE(list.success, *count);
+    return TAVRIX_OK;
 }
 
 int read_mac_filter(json_t *element, json_t **debug_message, tavrix_mac_filter *filter) {
@@ -411,7 +479,7 @@ int tavrix_jrpc_utils_parse_input_uint64_t(json_t *params, json_t **debug_messag
     if (key == nullptr || out == nullptr) {
         return TAVRIX_ERR_PARAMETER;
     }
-    char text[number_text_size] = "";
+    char text[value_text_size] = "";
     const int rc = tavrix_jrpc_utils_parse_input_string(params, debug_message, key, text, sizeof text);
     if (rc == TAVRIX_OK) {
         *out = std::strtoull(text, nullptr, 0); // what is no number reads as 0: meant
@@ -423,7 +491,7 @@ int tavrix_jrpc_utils_parse_input_float(json_t *params, json_t **debug_message, 
     if (key == nullptr || out == nullptr) {
         return TAVRIX_ERR_PARAMETER;
     }
-    char text[number_text_size] = "";
+    char text[value_text_size] = "";
     const int rc = tavrix_jrpc_utils_parse_input_string(params, debug_message, key, text, sizeof text);
     if (rc == TAVRIX_OK) {
         *out = static_cast<float>(std::atof(text)); // what is no number reads as 0: meant
@@ -549,11 +617,7 @@ int tavrix_jrpc_utils_retrieve_input_enable(json_t *params, json_t **debug_messa
 int tavrix_jrpc_utils_retrieve_input_port_id(json_t *params, json_t **debug_message, const char *key, char *out,
                                              size_t out_size, bool allow_all, bool allow_mzu_id, bool allow_c_port,
                                              bool allow_d_port) {
-    if (key == nullptr || out == nullptr || out_size == 0) {
-        return TAVRIX_ERR_PARAMETER;
-    }
-    LOG_VERBOSE("Retrieving port id...\n");
-    int rc = tavrix_jrpc_utils_parse_input_string(params, debug_message, key, out, out_size);
+    int rc = fetch_text("Retrieving port id...\n", params, debug_message, key, out, out_size);
     if (rc == TAVRIX_OK) {
         rc = check_port_id(out, allow_all, allow_mzu_id, allow_c_port, allow_d_port);
     }
@@ -565,11 +629,7 @@ int tavrix_jrpc_utils_retrieve_input_port_id(json_t *params, json_t **debug_mess
 
 int tavrix_jrpc_utils_retrieve_input_mzu_id(json_t *params, json_t **debug_message, const char *key, char *out,
                                             size_t out_size, bool allow_all) {
-    if (key == nullptr || out == nullptr || out_size == 0) {
-        return TAVRIX_ERR_PARAMETER;
-    }
-    LOG_VERBOSE("Retrieving mzu id...\n");
-    const int rc = tavrix_jrpc_utils_parse_input_string(params, debug_message, key, out, out_size);
+    const int rc = fetch_text("Retrieving mzu id...\n", params, debug_message, key, out, out_size);
     if (rc != TAVRIX_OK) {
         return rc;
     }
@@ -612,46 +672,12 @@ int tavrix_jrpc_utils_retrieve_input_vlan_ids(json_t *params, json_t ** /*debug_
 
 int tavrix_jrpc_utils_retrieve_input_ports(json_t *params, json_t **debug_message, const char *key,
                                            tavrix_port_input *records, int *count, int max) {
-    if (key == nullptr || records == nullptr || count == nullptr) {
-        return TAVRIX_ERR_PARAMETER;
-    }
-    LOG_VERBOSE("Retrieving ports input...\n");
-    json_t *list = nullptr;
-    const int rc = tavrix_jrpc_utils_parse_input_array(params, debug_message, key, &list);
-    if (rc != TAVRIX_OK) {
-        return rc;
-    }
-    *count = std::min(element_count(list), max);
-    for (int i = 0; i < *count; ++i) {
-        LOG_VERBOSE("Retrieving port #%d...\n", i);
-        if (!read_port(json_array_get(list, static_cast<size_t>(i)), debug_message, &records[i])) {
-            return TAVRIX_ERR_PARAMETER; // whatever the inner status was: meant
-        }
-    }
-    LOG_VERBOSE("Successfully retrieved %d ports.\n", *count);
-    return TAVRIX_OK;
+    return retrieve_records(port_list, params, debug_message, key, records, count, max);
 }
 
 int tavrix_jrpc_utils_retrieve_input_ports_hardware(json_t *params, json_t **debug_message, const char *key,
                                                     tavrix_port_hardware_input *records, int *count, int max) {
-    if (key == nullptr || records == nullptr || count == nullptr) {
-        return TAVRIX_ERR_PARAMETER;
-    }
-    LOG_VERBOSE("Retrieving ports hardware input...\n");
-    json_t *list = nullptr;
-    const int rc = tavrix_jrpc_utils_parse_input_array(params, debug_message, key, &list);
-    if (rc != TAVRIX_OK) {
-        return rc;
-    }
-    *count = std::min(element_count(list), max);
-    for (int i = 0; i < *count; ++i) {
-        LOG_VERBOSE("Retrieving port hardware #%d...\n", i);
-        if (!read_port_hardware(json_array_get(list, static_cast<size_t>(i)), debug_message, &records[i])) {
-            return TAVRIX_ERR_PARAMETER; // whatever the inner status was: meant
-        }
-    }
-    LOG_VERBOSE("Successfully retrieved %d ports hardware.\n", *count);
-    return TAVRIX_OK;
+    return retrieve_records(port_hardware_list, params, debug_message, key, records, count, max);
 }
 
 int tavrix_jrpc_utils_retrieve_input_mac_filters(json_t *params, json_t **debug_message, const char *key,
@@ -675,13 +701,14 @@ int tavrix_jrpc_utils_retrieve_input_mac_filters(json_t *params, json_t **debug_
     }
     tavrix_mac_filter *records = owner.get();
     for (size_t i = 0; i < allocated; ++i) {
-        const int status =
-            *count == 0 ? TAVRIX_OK : read_mac_filter(json_array_get(list, i), debug_message, &records[i]);
+        records[i].first = first;
+        records[i].second = second;
+    }
+    for (int i = 0; i < *count; ++i) {
+        const int status = read_mac_filter(json_array_get(list, static_cast<size_t>(i)), debug_message, &records[i]);
         if (status != TAVRIX_OK) {
             return status;
         }
-        records[i].first = first;
-        records[i].second = second;
     }
     *filters = owner.release();
     return TAVRIX_OK;
@@ -689,11 +716,7 @@ int tavrix_jrpc_utils_retrieve_input_mac_filters(json_t *params, json_t **debug_
 
 int tavrix_jrpc_utils_retrieve_input_macaddr_allowed(json_t *params, json_t **debug_message, const char *key, char *out,
                                                      size_t out_size) {
-    if (key == nullptr || out == nullptr || out_size == 0) {
-        return TAVRIX_ERR_PARAMETER;
-    }
-    LOG_VERBOSE("Retrieving mac address...\n");
-    const int rc = tavrix_jrpc_utils_parse_input_string(params, debug_message, key, out, out_size);
+    const int rc = fetch_text("Retrieving mac address...\n", params, debug_message, key, out, out_size);
     if (rc != TAVRIX_OK || std::strcmp(out, no_mac) == 0) {
         return rc; // without a success line for "none": meant
     }
@@ -706,11 +729,7 @@ int tavrix_jrpc_utils_retrieve_input_macaddr_allowed(json_t *params, json_t **de
 
 int tavrix_jrpc_utils_retrieve_input_alias(json_t *params, json_t **debug_message, const char *key, char *out,
                                            size_t out_size) {
-    if (key == nullptr || out == nullptr || out_size == 0) {
-        return TAVRIX_ERR_PARAMETER;
-    }
-    LOG_VERBOSE("Retrieving alias\n");
-    const int rc = tavrix_jrpc_utils_parse_input_string(params, debug_message, key, out, out_size);
+    const int rc = fetch_text("Retrieving alias\n", params, debug_message, key, out, out_size);
     if (rc != TAVRIX_OK) {
         return rc;
     }
@@ -731,7 +750,7 @@ int tavrix_jrpc_utils_parse_input_secure_option(json_t *params, json_t **debug_m
         LOG_ERROR("tavrix_jrpc_utils_parse_input_secure_option received NULL input"); // without a line end: meant
         return TAVRIX_ERR_INVALID_PARAMETER;
     }
-    char word[option_text_size] = "";
+    char word[value_text_size] = "";
     if (tavrix_jrpc_utils_parse_input_string(params, debug_message, key, word, sizeof word) != TAVRIX_OK) {
         return TAVRIX_ERR_INVALID_PARAMETER; // not the parser's own status: meant
     }
@@ -753,8 +772,9 @@ int tavrix_jrpc_utils_populate_json_mac_addresses_array(json_t **array, char (*m
         LOG_ERROR("Unable to create JSON array for MAC addresses\n");
         return TAVRIX_ERR_NO_MEMORY;
     }
-    for (int i = 0; i < count && i < max_listed_macs; ++i) {
-        Json entry(json_stringn(macs[i], strnlen(macs[i], mac_size)));
+    const int listed = tavrix_get_num_macs_to_list(count);
+    for (int i = 0; i < listed; ++i) {
+        const Json entry(json_stringn(macs[i], strnlen(macs[i], sizeof macs[i])));
         if (!entry) {
             LOG_WARNING("Failed to create JSON object for MAC address %d\n", i);
             break; // what was listed so far is the answer: meant

@@ -154,10 +154,10 @@ struct TextRow {
 
 struct NumberRow {
     NumberRowId id;
+    int success_level;
     const char *announcement;
     int (*check)(int value); ///< null: not validated
     const char *success;
-    int success_level;
 };
 
 template <int (*Validator)(const char *)>
@@ -197,25 +197,25 @@ constexpr TextRow text_rows[] = {
 static_assert(count_of(text_rows) == text_row_count && in_order(text_rows));
 
 constexpr NumberRow number_rows[] = {
-    {number_vlan_id, "Retrieving vlan id...\n", validate_vlan_id, "Retrieved and validated vlan id: %d\n",
-     TAVRIX_LOG_DEBUG},
-    {number_unit_id, "Retrieving unit id...\n", validate_unit_id, "Retrieved and validated unit id: %d\n",
-     TAVRIX_LOG_DEBUG},
-    {number_periodic_interval, "Retrieving periodic interval...\n", validate_periodic_interval,
-     "Retrieved and validated periodic interval: %d\n", TAVRIX_LOG_DEBUG},
+    {number_vlan_id, TAVRIX_LOG_DEBUG, "Retrieving vlan id...\n", validate_vlan_id,
+     "Retrieved and validated vlan id: %d\n"},
+    {number_unit_id, TAVRIX_LOG_DEBUG, "Retrieving unit id...\n", validate_unit_id,
+     "Retrieved and validated unit id: %d\n"},
+    {number_periodic_interval, TAVRIX_LOG_DEBUG, "Retrieving periodic interval...\n", validate_periodic_interval,
+     "Retrieved and validated periodic interval: %d\n"},
     // A verbose line where the others have a debug line: meant.
-    {number_laser_id, "Retrieving laser_id...\n", validate_laser_id, "Retrieved and validated laser_id: %d\n",
-     TAVRIX_LOG_VERBOSE},
-    {number_olt_id, "Retrieving olt id...\n", validate_olt_id, "Retrieved and validated olt id: %d\n",
-     TAVRIX_LOG_DEBUG},
-    {number_onu_id, "Retrieving onu id...\n", validate_onu_id, "Retrieved and validated onu id: %d\n",
-     TAVRIX_LOG_DEBUG},
-    {number_port_number, "Retrieving port number...\n", validate_port_number,
-     "Retrieved and validated port_number: %d\n", TAVRIX_LOG_DEBUG},
-    {number_port_link_speed, "Retrieving port link speed...\n", validate_port_link_speed,
-     "Retrieved and validated port link_speed: %d\n", TAVRIX_LOG_DEBUG},
+    {number_laser_id, TAVRIX_LOG_VERBOSE, "Retrieving laser_id...\n", validate_laser_id,
+     "Retrieved and validated laser_id: %d\n"},
+    {number_olt_id, TAVRIX_LOG_DEBUG, "Retrieving olt id...\n", validate_olt_id,
+     "Retrieved and validated olt id: %d\n"},
+    {number_onu_id, TAVRIX_LOG_DEBUG, "Retrieving onu id...\n", validate_onu_id,
+     "Retrieved and validated onu id: %d\n"},
+    {number_port_number, TAVRIX_LOG_DEBUG, "Retrieving port number...\n", validate_port_number,
+     "Retrieved and validated port_number: %d\n"},
+    {number_port_link_speed, TAVRIX_LOG_DEBUG, "Retrieving port link speed...\n", validate_port_link_speed,
+     "Retrieved and validated port link_speed: %d\n"},
     // Not validated: meant.
-    {number_enable, "Retrieving enable...\n", nullptr, "Retrieved and enable value: %d\n", TAVRIX_LOG_DEBUG},
+    {number_enable, TAVRIX_LOG_DEBUG, "Retrieving enable...\n", nullptr, "Retrieved and enable value: %d\n"},
 };
 static_assert(count_of(number_rows) == number_row_count && in_order(number_rows));
 
@@ -494,7 +494,7 @@ int tavrix_jrpc_utils_parse_input_float(json_t *params, json_t **debug_message, 
     char text[value_text_size] = "";
     const int rc = tavrix_jrpc_utils_parse_input_string(params, debug_message, key, text, sizeof text);
     if (rc == TAVRIX_OK) {
-        *out = static_cast<float>(std::atof(text)); // what is no number reads as 0: meant
+        *out = static_cast<float>(std::strtod(text, nullptr)); // what is no number reads as 0: meant
     }
     return rc;
 }

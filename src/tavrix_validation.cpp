@@ -62,25 +62,25 @@ enum TextFieldId {
 /** The rule of a text field: a pattern, with bounds when max_length is not 0, or a list of options. */
 struct TextField {
     TextFieldId id;
-    const char *label;
-    const char *announcement; ///< null when the field has none
     int min_length;
     int max_length;
+    int option_count;
+    const char *label;
+    const char *announcement; ///< null when the field has none
     const char *pattern;
     const char *const *options;
-    int option_count;
 };
 
 constexpr TextField pattern_field(TextFieldId id, const char *label, const char *announcement, const char *pattern) {
-    return {id, label, announcement, 0, 0, pattern, nullptr, 0};
+    return {id, 0, 0, 0, label, announcement, pattern, nullptr};
 }
 constexpr TextField bounded_field(TextFieldId id, const char *label, const char *announcement, int min_length,
                                   int max_length, const char *pattern) {
-    return {id, label, announcement, min_length, max_length, pattern, nullptr, 0};
+    return {id, min_length, max_length, 0, label, announcement, pattern, nullptr};
 }
 constexpr TextField option_field(TextFieldId id, const char *label, const char *announcement,
                                  const char *const *options, int count) {
-    return {id, label, announcement, 0, 0, nullptr, options, count};
+    return {id, 0, 0, count, label, announcement, nullptr, options};
 }
 
 constexpr const char *status_options[] = {"enable", "disable"};

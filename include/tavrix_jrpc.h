@@ -1,5 +1,28 @@
 /**
  * @file tavrix_jrpc.h
+ * JSON-RPC 2.0 between daemons, and between clients and daemons.
+ *
+ * A service keeps a method table and serves it step by step; a router carries requests from client sockets to the bus
+ * and the replies back. A bus frame is a channel's name, one vertical bar, and the JSON text.
+ *
+ * @code
+ * static int say(json_t *params, json_t **result, json_t **error_data) {
+ *     *result = json_string("hello");
+ *     return TAVRIX_OK;
+ * }
+ * static const tavrix_jrpc_method methods[] = {{"hello.Say", say}, {NULL, NULL}};
+ *
+ * int pub, sub;
+ * tavrix_jrpc_mq_pub_init("tcp://127.0.0.1:7009", &pub);
+ * tavrix_jrpc_mq_sub_init(&sub, 1);
+ * tavrix_jrpc_mq_sub_set_channel("tcp://127.0.0.1:7001", TAVRIX_CHANNEL_DEFAULT, &sub);
+ * while (!stop)
+ *     tavrix_jrpc_mq_run(&sub, &pub, methods, 0);
+ * @endcode
+ *
+ * Texts that are handed back are released with `free`, JSON values with `json_decref`. Unless a function says otherwise
+ * it returns 0 or -1. A signal that interrupts a wait makes the call fail with -1. Thread-safety: no state; handlers
+ * run on the caller's thread.
  */
 #ifndef TAVRIX_JRPC_H
 #define TAVRIX_JRPC_H
@@ -37,51 +60,264 @@ enum tavrix_jrpc_code {
 #define TAVRIX_ROUTER_MAX_REQUEST 8192
 #define TAVRIX_SERVER_MAX_REQUEST 1024
 
+/**
+ * Performs a method.
+ *
+ * @param params     the request's "params" object, borrowed; null when the request has none
+ * @param result     place for a new value, the response's "result"; the engine releases it. Left null it becomes 0.
+ * @param error_data place for a new value, the error's "data"; the engine releases it
+ * @return 0 or a positive number for success, a negative status for failure
+ */
 typedef int (*tavrix_jrpc_handler)(json_t *params, json_t **result, json_t **error_data);
+
+/** A row of a method table; the table ends with a row whose handler is null. Names are compared byte for byte. */
 typedef struct tavrix_jrpc_method {
     const char *name;
     tavrix_jrpc_handler handler;
 } tavrix_jrpc_method;
 
+/** The JSON-RPC code that clients see for a status; -32001 for a status without one. */
 TAVRIX_API int tavrix_jrpc_error_convert_tavrix_to_jrpc(int internal_code);
+
+/**
+ * The first status that clients see as this JSON-RPC code; -32001, a number of the other numbering, when there is none.
+ */
 TAVRIX_API int tavrix_jrpc_error_convert_jrpc_to_tavrix(int jrpc_code);
+
+/** The message of a JSON-RPC code, in constant storage; "Unknown Error" for a code without one. */
 TAVRIX_API const char *tavrix_jrpc_error_message(int jrpc_code);
 
+/**
+ * Evaluates one request: checks its envelope, calls its method, makes the response.
+ *
+ * @param request_text  the request; what follows its object is ignored
+ * @param table         the methods
+ * @param response_text set to null first; receives the response's text, which the caller sends and releases, or null
+ * when nothing is to be sent: for a notification, and when a check before the method's name failed
+ * @return 0 when a response was made or a notification succeeded; -1 otherwise. The response's "id" is the method's
+ *         name, whatever the request's id.
+ */
 TAVRIX_API int tavrix_jrpc_eval_request(const char *request_text, const tavrix_jrpc_method *table,
                                         char **response_text);
+
+/**
+ * Makes the text of a successful response. The values are shared: the caller keeps its references.
+ *
+ * @param indent         0 to 31 blanks for each level; 0 for one line
+ * @param transaction_id null for none
+ * @return a new text, compact and ASCII only; null for a null result or id, another indent, or a value without a text
+ */
 TAVRIX_API char *tavrix_jrpc_create_response(json_t *result, json_t *id, int indent, json_t *transaction_id);
+
+/**
+ * Makes the text of an error response; ownership and limits as for tavrix_jrpc_create_response().
+ *
+ * @param jrpc_code a JSON-RPC code; its message comes from the catalogue
+ * @param data      the error's "data"; null makes it a JSON null
+ */
 TAVRIX_API char *tavrix_jrpc_create_error(int jrpc_code, json_t *id, json_t *data, int indent, json_t *transaction_id);
 
+/** Puts a channel's name and a bar before a JSON text; a new text, or null for a null argument or without memory. */
 TAVRIX_API char *tavrix_api_router_json_add_channel(const char *channel, const char *json_text);
+
+/**
+ * Takes the JSON text out of a frame: what follows the first bar.
+ *
+ * @param length   bytes of the frame that count
+ * @param json_out receives a new, terminated text
+ * @return 0; -20 for a null argument; -1 when there is no bar or no memory
+ */
 TAVRIX_API int tavrix_jrpc_parse_msg(const char *frame, int length, char **json_out);
+
+/**
+ * Takes the reply channel out of a request: its "id", when that is a string.
+ *
+ * @param channel_out receives a new text; null when the result is -44; untouched by the other failures
+ * @return 0; -44 for a notification, which has no "id"; -20 for a null argument; -1 for any other id or text
+ */
 TAVRIX_API int tavrix_jrpc_parse_channel(const char *json_text, char **channel_out);
+
+/** The service channel for a method's name, by its first letters: a new text, or null for a null name. */
 TAVRIX_API char *tavrix_api_router_json_parse_channel(const char *method);
 
+/**
+ * Makes a publisher.
+ *
+ * @param address      a "tcp://" address to bind to
+ * @param pub_sock_out receives the bus socket; the caller closes it
+ * @return 0; -20 for a null argument; the bind's status (-34, -1); -1. Nothing stays open on failure.
+ */
 TAVRIX_API int tavrix_jrpc_mq_pub_init(const char *address, int *pub_sock_out);
+
+/**
+ * Makes a subscriber that listens to nothing yet.
+ *
+ * @param with_timeout not 0: a receive waits 1000 ms at most
+ * @return 0; -20 for a null place; -1
+ */
 TAVRIX_API int tavrix_jrpc_mq_sub_init(int *sub_sock_out, int with_timeout);
+
+/**
+ * Connects a subscriber to a publisher and lets a channel through, by prefix; may be called again for further ones.
+ *
+ * @param address  the publisher's "tcp://" address; it may appear later
+ * @param sub_sock the subscriber; closed when the call fails, and the variable keeps its value
+ * @return 0; -20 for a null argument; -1
+ */
 TAVRIX_API int tavrix_jrpc_mq_sub_set_channel(const char *address, const char *channel, int *sub_sock);
+
+/**
+ * One serving step: receives one frame, evaluates it, publishes the response on the channel that the request's "id"
+ * names.
+ *
+ * @param nonblock above 0: return at once when nothing is waiting
+ * @return 0 served, a notification too; -46 nothing arrived; -20 for a null argument; -1 for a frame that is no request
+ *         (an "id" that is no string among them), a failed evaluation or a failed send
+ */
 TAVRIX_API int tavrix_jrpc_mq_run(int *sub_sock, int *pub_sock, const tavrix_jrpc_method *table, int nonblock);
+
+/**
+ * Publishes a JSON text on a channel.
+ *
+ * @return 0; -20 for a null argument; -1
+ */
 TAVRIX_API int tavrix_jrpc_mq_pub(const int *pub_sock, const char *channel, const char *json_text);
+
+/**
+ * Waits for the reply to a method: attempt after attempt, as many as the method is worth (60, 100 or 200 for the slow
+ * ports methods and the backup, 10 for any other), each as long as the socket's receive time-out. Anything else that
+ * arrives costs an attempt.
+ *
+ * @param reply_out receives the whole reply object
+ * @return 0; -50 when the attempts ran out; -20 for a null argument
+ */
 TAVRIX_API int tavrix_jrpc_mq_sub_for_method(int sub_sock, const char *method, json_t **reply_out);
+
+/**
+ * Tells whether a text is the reply to a method: a JSON-RPC 2.0 object whose "id" is the method's name.
+ *
+ * @param reply_out receives the object; may be null when only the verdict counts
+ * @return 0; -1; -20 for a null method or text
+ */
 TAVRIX_API int tavrix_jrpc_eval_method(const char *method, const char *json_text, json_t **reply_out);
+
+/**
+ * Waits for a notification of a method, without a time-out, until five frames that are none have arrived. The socket's
+ * receive time-out is lifted meanwhile and put back on every way out. (The name's spelling is the interface's.)
+ *
+ * @return 0; -1 when the attempts ran out or the time-out cannot be read or changed; -20 for a null argument
+ */
 TAVRIX_API int tavrix_jrpc_mq_sub_for_notifcation(int sub_sock, const char *method, json_t **notification_out);
+
+/**
+ * Tells whether a text is a notification of a method: a JSON-RPC 2.0 object whose "method" is the name.
+ *
+ * @return 0 and the object; -1; -20 for a null argument
+ */
 TAVRIX_API int tavrix_jrpc_eval_notification(const char *method, const char *json_text, json_t **out);
 
+/**
+ * Opens a Unix-domain request server.
+ *
+ * @return 0, also when the listener cannot be opened: then the handle is 0 and the log tells why; -20 for a null place
+ */
 TAVRIX_API int tavrix_jrpc_unix_socket_init(const char *path, int *sock_out, int nonblocking);
+
+/** Opens a TCP request server; statuses as for tavrix_jrpc_unix_socket_init(). */
 TAVRIX_API int tavrix_jrpc_tcp_socket_init(unsigned port, int *sock_out, int nonblocking);
+
+/**
+ * Serves one client: one request of at most 1024 bytes in one piece, one answer, connection closed.
+ *
+ * @return 0; -20 for a null argument; the accept's, the evaluation's or the send's status; -1 when nothing could be
+ * read
+ */
 TAVRIX_API int tavrix_jrpc_unix_socket_run(const int *listen_sock, const tavrix_jrpc_method *table);
+
+/** tavrix_jrpc_unix_socket_run() for a TCP listener. */
 TAVRIX_API int tavrix_jrpc_tcp_socket_run(const int *listen_sock, const tavrix_jrpc_method *table);
+
+/**
+ * Opens a server for one-way requests on a bus pull socket.
+ *
+ * @param address a "tcp://" address to bind to
+ * @return 0; -20 for a null place; the bind's status
+ */
 TAVRIX_API int tavrix_jrpc_pull_socket_init(const char *address, int *sock_out);
+
+/**
+ * Receives one message, without a channel, and evaluates it; nothing is ever sent.
+ *
+ * @return the evaluation's status; -20 for a null table; -1 when nothing could be received
+ */
 TAVRIX_API int tavrix_jrpc_pull_socket_run(int sock, const tavrix_jrpc_method *table);
 
+/**
+ * The router's request path in one call: accepts a client, reads its request (at most 8192 bytes in one piece), puts
+ * the reply channel in the place of its id, publishes it on its service channel.
+ *
+ * @param client_out receives the client, for tavrix_jrpc_router_mq_to_socket(); closed here on failure
+ * @return 0; -20 for a null argument; the accept's or the publishing's status; -1 for a request that is refused
+ */
 TAVRIX_API int tavrix_jrpc_router_socket_to_mq(const int *listen_sock, const int *pub_sock, int *client_out);
+
+/**
+ * The first half of the split request path: accepts a client and parses its request, without a look at its members.
+ *
+ * @param client_out  receives the client; it stays open when the request is refused, and the caller closes it; -1 when
+ *                    nobody was accepted
+ * @param request_out receives the request object
+ * @return 0; the accept's status; -1
+ */
 TAVRIX_API int tavrix_jrpc_router_socket_extract_request(const int *listen_sock, int *client_out, json_t **request_out);
+
+/**
+ * The second half: rewrites the caller's object in place and publishes it.
+ *
+ * @return 0; the publishing's status; -1 for a request without a method or with an id that is no string or number
+ */
 TAVRIX_API int tavrix_jrpc_router_mq_dispatch_request(const int *pub_sock, json_t *request);
+
+/**
+ * The router's response path in one call: the next message on the subscriber goes to the client, unchanged.
+ *
+ * @param client_sock the client; closed in every case once the arguments are valid, and set to -1
+ * @return 0; -20 for a null argument; the receive's status (-46 in time-out); -1
+ */
 TAVRIX_API int tavrix_jrpc_router_mq_to_socket(const int *sub_sock, int *client_sock);
+
+/**
+ * The first half of the split response path: receives the next message and parses it.
+ *
+ * @return 0; the receive's status (-46 in time-out); -1
+ */
 TAVRIX_API int tavrix_jrpc_router_mq_extract_response(const int *sub_sock, json_t **response_out);
+
+/** The second half: sends an object to the client, compact and ASCII only. Client and object stay the caller's. */
 TAVRIX_API int tavrix_jrpc_router_socket_dispatch_response(const int *client_sock, json_t *response);
+
+/**
+ * Evaluates a notification to the router itself.
+ *
+ * @return 0; the handler's own value when it is not 0, a positive one too; -1 when it is malformed or has no handler
+ */
 TAVRIX_API int tavrix_jrpc_router_eval_notification(json_t *notification, const tavrix_jrpc_method *table);
+
+/**
+ * Makes the answer of a busy system to a request.
+ *
+ * @param response_out receives the object; null when it cannot be made
+ * @return 0; -1, also for an id that is no string
+ */
 TAVRIX_API int tavrix_jrpc_router_create_system_lock_response(json_t *request, json_t **response_out);
+
+/**
+ * Makes the answer to a request whose reply did not come.
+ *
+ * @param id           the response's id
+ * @param transaction_id always carried, 0 too
+ * @param response_out receives the object; null when it cannot be made
+ */
 TAVRIX_API int tavrix_jrpc_router_create_system_timeout_response(const char *id, int transaction_id,
                                                                  json_t **response_out);
 

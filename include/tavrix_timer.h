@@ -1,5 +1,17 @@
 /**
  * @file tavrix_timer.h
+ * Timers on descriptors, to be polled beside sockets, on the monotonic clock.
+ *
+ * @code
+ * int timer;
+ * tavrix_timer_init(&timer, 1);
+ * tavrix_timer_set(timer, 1, 1);        // after a second, then every second
+ * // poll(timer) ...
+ * if (tavrix_timer_read(timer) == TAVRIX_OK)
+ *     on_tick();
+ * @endcode
+ *
+ * Thread-safety: no state; a timer belongs to its caller.
  */
 #ifndef TAVRIX_TIMER_H
 #define TAVRIX_TIMER_H
@@ -10,10 +22,35 @@
 extern "C" {
 #endif
 
+/**
+ * Creates a timer.
+ *
+ * @param fd_out   receives the descriptor; -1 on failure
+ * @param nonblock exactly 1: a read does not wait
+ * @return 0; -20 for a null place; -1, reported through perror
+ */
 TAVRIX_API int tavrix_timer_init(int *fd_out, int nonblock);
+
+/**
+ * Arms a timer in whole seconds.
+ *
+ * @param period_s   first expiry from now; 0 disarms, whatever the interval
+ * @param interval_s time between further expiries; 0 for none
+ * @return 0; -1, reported through perror
+ */
 TAVRIX_API int tavrix_timer_set(int fd, int period_s, int interval_s);
+
+/** tavrix_timer_set() in fractions of a second; what is no possible time is refused with -1. */
 TAVRIX_API int tavrix_timer_nsec_set(int fd, float period, float interval);
+
+/**
+ * Takes the expirations off a timer; a timer that may wait does so until it expires.
+ *
+ * @return 0; -25 when it may not wait and has not expired; -1
+ */
 TAVRIX_API int tavrix_timer_read(int fd);
+
+/** Closes a timer and sets the variable to 0, not to -1: do not free it twice. @return 0; -20 for a null place */
 TAVRIX_API int tavrix_timer_free(int *fd);
 
 #ifdef __cplusplus

@@ -1,0 +1,407 @@
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "support/log_capture.h"
+#include "tavrix_utils.h"
+
+using support::LogCapture;
+
+namespace {
+
+constexpr char unit[] = "tavrix_utils";
+
+/** A writable copy of a text, with a guard behind it. */
+struct Writable {
+    char text[64];
+    explicit Writable(const char *value) {
+        std::memset(text, '~', sizeof text);
+        std::strcpy(text, value);
+    }
+};
+
+std::string bytes_text(const unsigned char *bytes, int count) {
+    std::string text;
+    char pair[4];
+    for (int i = 0; i < count; ++i) {
+        std::snprintf(pair, sizeof pair, "%02x", bytes[i]);
+        text += pair;
+    }
+    return text;
+}
+
+} // namespace
+
+// --- MAC addresses ---
+
+TEST(MacFormat, BringsBothFormsIntoTheCanonicalOne) {
+    for (const char *value : {"aa:bb:cc:dd:ee:ff", "aa-bb-cc-dd-ee-ff", "AA-bb-Cc-DD-eE-fF", "AA:BB:CC:DD:EE:FF"}) {
+        Writable mac(value);
+        EXPECT_EQ(tavrix_validate_and_format_mac_addr_string(mac.text), 0) << value;
+        EXPECT_STREQ(mac.text, "AA:BB:CC:DD:EE:FF");
+        EXPECT_EQ(mac.text[18], '~');
+    }
+}
+
+TEST(MacFormat, LeavesWhatIsNoAddressAlone) {
+    for (const char *value : {"", "aa:bb:cc:dd:ee:f", "aa:bb:cc:dd:ee:fff", "aa:bb:cc:dd:ee:gg", "aa:bb-cc:dd:ee:ff"}) {
+        Writable mac(value);
+        EXPECT_EQ(tavrix_validate_and_format_mac_addr_string(mac.text), -4) << value;
+        EXPECT_STREQ(mac.text, value);
+    }
+    EXPECT_EQ(tavrix_validate_and_format_mac_addr_string(nullptr), -4);
+}
+
+TEST(MacFormat, SaysWhatItDoes) {
+    {
+        Writable mac("aa-bb-cc-dd-ee-ff");
+        const LogCapture log("verbose");
+        tavrix_validate_and_format_mac_addr_string(mac.text);
+        EXPECT_TRUE(log.has(support::debug, unit,
+                            "Validating and reformatting given mac address string <aa-bb-cc-dd-ee-ff>\n"));
+        EXPECT_TRUE(log.has(support::verbose, unit, "Converting all characters to uppercase\n"));
+        EXPECT_TRUE(log.has(support::verbose, unit, "Replacing delimiters with ':'\n"));
+    }
+    Writable mac("short");
+    const LogCapture log("debug");
+    tavrix_validate_and_format_mac_addr_string(mac.text);
+    EXPECT_EQ(log.sequence(), (std::vector<std::string>{
+                                  "DEBUG|Validating and reformatting given mac address string <short>",
+                                  "DEBUG|Incorrect mac address length, aborting reformation and validation",
+                              }));
+}
+
+TEST(MacToBytes, ConsumesTheText) {
+    Writable mac("0a-1B-2c-3D-4e-fF");
+    unsigned char bytes[6] = {};
+    const LogCapture log("verbose");
+    EXPECT_EQ(tavrix_str_to_mac_address(mac.text, bytes), 0);
+    EXPECT_EQ(bytes_text(bytes, 6), "0a1b2c3d4eff");
+    EXPECT_STREQ(mac.text, "0A") << "cut into its pieces";
+    EXPECT_TRUE(
+        log.has(support::debug, unit, "[tavrix_str_to_mac_address]: Parsing MAC address <0A:1B:2C:3D:4E:FF>\n"));
+    EXPECT_TRUE(log.has(support::verbose, unit, "Byte <0>: <0A>\n"));
+    EXPECT_TRUE(log.has(support::verbose, unit, "Byte <5>: <FF>\n"));
+}
+
+TEST(MacToBytes, PassesTheCheckOnAndRefusesNull) {
+    Writable mac("nonsense");
+    unsigned char bytes[6] = {};
+    EXPECT_EQ(tavrix_str_to_mac_address(mac.text, bytes), -4);
+    EXPECT_EQ(tavrix_str_to_mac_address(nullptr, bytes), -20);
+    EXPECT_EQ(tavrix_str_to_mac_address(mac.text, nullptr), -20);
+}
+
+TEST(MacToBytes, ScansWithoutAnyCheck) {
+    unsigned char bytes[6] = {};
+    EXPECT_EQ(tavrix_mac_address_to_char_array("0a:1B:2:ff:0:10 trailing", bytes), 0);
+    EXPECT_EQ(bytes_text(bytes, 6), "0a1b02ff0010");
+    EXPECT_EQ(tavrix_mac_address_to_char_array("0a:1b:2c:3d:4e", bytes), -4);
+    EXPECT_EQ(tavrix_mac_address_to_char_array("0a-1b-2c-3d-4e-5f", bytes), -4);
+    EXPECT_EQ(tavrix_mac_address_to_char_array("", bytes), -4);
+    EXPECT_EQ(tavrix_mac_address_to_char_array(nullptr, bytes), -20);
+    EXPECT_EQ(tavrix_mac_address_to_char_array("0a:1b:2c:3d:4e:5f", nullptr), -20);
+}
+
+TEST(MacBytes, ArePrintedAndTakenAsANumber) {
+    const unsigned char bytes[6] = {0x01, 0x02, 0xab, 0xcd, 0xef, 0x09};
+    char text[20] = "~~~~~~~~~~~~~~~~~~~";
+    EXPECT_EQ(tavrix_bytes_to_mac_address_string(text, bytes), 0);
+    EXPECT_STREQ(text, "01:02:AB:CD:EF:09");
+    uint32_t number = 0;
+    EXPECT_EQ(tavrix_mac_last_4_bytes_to_uint32_t(bytes, &number), 0);
+    EXPECT_EQ(number, 0xabcdef09U);
+}
+
+TEST(MacList, HoldsAtMost512) {
+    EXPECT_EQ(tavrix_get_num_macs_to_list(511), 511);
+    EXPECT_EQ(tavrix_get_num_macs_to_list(512), 512);
+    EXPECT_EQ(tavrix_get_num_macs_to_list(513), 512);
+    EXPECT_EQ(tavrix_get_num_macs_to_list(0), 0);
+    EXPECT_EQ(tavrix_get_num_macs_to_list(-1), -1);
+}
+
+TEST(MacVector, GrowsByDoubling) {
+    tavrix_mac_array array{};
+    tavrix_mac_vector vector{};
+    ASSERT_EQ(tavrix_mac_vector_init(&vector, &array), 0);
+    EXPECT_EQ(vector.array, &array);
+    EXPECT_EQ(vector.capacity, 8);
+    EXPECT_EQ(array.count, 0);
+    for (int i = 0; i < 17; ++i) {
+        const unsigned char bytes[6] = {0, 0, 0, 0, 0, static_cast<unsigned char>(i)};
+        const char *text = "AA:BB:CC:DD:EE:FF";
+        EXPECT_EQ(tavrix_mac_vector_insert(&vector, i % 2 == 0 ? static_cast<const void *>(bytes) : text, i % 2), 0);
+        EXPECT_EQ(array.count, i + 1);
+        EXPECT_EQ(vector.capacity, i < 8 ? 8 : i < 16 ? 16 : 32);
+    }
+    EXPECT_STREQ(array.entries[16], "00:00:00:00:00:10");
+    EXPECT_STREQ(array.entries[1], "AA:BB:CC:DD:EE:FF");
+    EXPECT_EQ(tavrix_mac_vector_insert(&vector, "x", 2), -4);
+    EXPECT_EQ(tavrix_mac_vector_insert(&vector, "x", -1), -4);
+    EXPECT_EQ(array.count, 17);
+    EXPECT_EQ(tavrix_mac_vector_insert(&vector, std::string(40, 'x').c_str(), 1), 0);
+    EXPECT_EQ(std::string(array.entries[17]), std::string(19, 'x')) << "cut to its entry";
+    free(array.entries);
+}
+
+TEST(MacVector, GrowsBeforeItRefusesAFlag) {
+    tavrix_mac_array array{};
+    tavrix_mac_vector vector{};
+    ASSERT_EQ(tavrix_mac_vector_init(&vector, &array), 0);
+    for (int i = 0; i < 8; ++i) {
+        tavrix_mac_vector_insert(&vector, "x", 1);
+    }
+    EXPECT_EQ(tavrix_mac_vector_insert(&vector, "x", 5), -4);
+    EXPECT_EQ(vector.capacity, 16);
+    EXPECT_EQ(array.count, 8);
+    free(array.entries);
+}
+
+TEST(MacVector, RefusesNull) {
+    tavrix_mac_array array{};
+    tavrix_mac_vector vector{};
+    EXPECT_EQ(tavrix_mac_vector_init(nullptr, &array), -20);
+    EXPECT_EQ(tavrix_mac_vector_init(&vector, nullptr), -20);
+    EXPECT_EQ(tavrix_mac_vector_insert(nullptr, "x", 1), -20);
+    EXPECT_EQ(tavrix_mac_vector_insert(&vector, nullptr, 1), -20);
+}
+
+TEST(PortMacs, AreReleasedWithTheirLists) {
+    auto *entries = static_cast<tavrix_port_macs *>(calloc(3, sizeof(tavrix_port_macs)));
+    entries[0].macs = static_cast<char(*)[20]>(malloc(20));
+    entries[2].macs = static_cast<char(*)[20]>(malloc(40));
+    tavrix_free_port_macs_array(entries, 3); // the leak checker sees what stays
+    tavrix_free_port_macs_array(nullptr, 3);
+}
+
+// --- IPv4 ---
+
+TEST(IpAddress, IsSplitIntoFourBytes) {
+    unsigned char bytes[6] = {9, 9, 9, 9, 9, 9};
+    EXPECT_EQ(tavrix_tokenize_ip_address(bytes, "192.168.100.255", 4), 0);
+    EXPECT_EQ(bytes_text(bytes, 6), "c0a864ff0909");
+    EXPECT_EQ(tavrix_tokenize_ip_address(bytes, "1.2.3.4.5.6", 4), 0);
+    EXPECT_EQ(bytes_text(bytes, 6), "010203040909") << "no further piece is stored";
+    EXPECT_EQ(tavrix_tokenize_ip_address(bytes, std::string(200, '7').c_str(), 4), 0);
+    EXPECT_EQ(tavrix_tokenize_ip_address(bytes, "", 4), 0);
+}
+
+TEST(IpAddress, WantsRoomForExactlyFour) {
+    unsigned char bytes[8] = {};
+    for (const int length : {0, 3, 5, -4}) {
+        EXPECT_EQ(tavrix_tokenize_ip_address(bytes, "1.2.3.4", length), -41);
+    }
+    EXPECT_EQ(tavrix_tokenize_ip_address(nullptr, "1.2.3.4", 4), -20);
+    EXPECT_EQ(tavrix_tokenize_ip_address(bytes, nullptr, 4), -20);
+    EXPECT_EQ(tavrix_tokenize_ip_address(nullptr, "1.2.3.4", 3), -20) << "null comes first";
+}
+
+// --- Port ids ---
+
+TEST(PortId, IsPrintedAndCut) {
+    char text[16] = "";
+    EXPECT_EQ(tavrix_create_port_id_str(text, sizeof text, 0, 2), 0);
+    EXPECT_STREQ(text, "d2");
+    EXPECT_EQ(tavrix_create_port_id_str(text, sizeof text, 3, 7), 0);
+    EXPECT_STREQ(text, "c3-7");
+    EXPECT_EQ(tavrix_create_port_id_str(text, 4, 128, 99), 0);
+    EXPECT_STREQ(text, "c12");
+    EXPECT_EQ(tavrix_create_mzu_id_str(text, sizeof text, 128), 0);
+    EXPECT_STREQ(text, "c128");
+    EXPECT_EQ(tavrix_create_mzu_id_str(text, 3, 128), 0);
+    EXPECT_STREQ(text, "c1");
+    EXPECT_EQ(tavrix_create_port_id_str(nullptr, 8, 1, 1), -4);
+    EXPECT_EQ(tavrix_create_mzu_id_str(nullptr, 8, 1), -4);
+    text[0] = '~';
+    EXPECT_EQ(tavrix_create_port_id_str(text, 0, 1, 1), 0);
+    EXPECT_EQ(text[0], '~');
+}
+
+TEST(PortId, IsNotMadeForANegativeUnit) {
+    char text[8] = "old";
+    const LogCapture log("debug");
+    EXPECT_EQ(tavrix_create_port_id_str(text, sizeof text, -1, 1), -1);
+    EXPECT_EQ(std::string(text, 8), std::string(8, '\0')) << "cleared all the same";
+    EXPECT_EQ(log.sequence(),
+              std::vector<std::string>{"DEBUG|Unable to create port id string due to mzu number being less than 0"});
+}
+
+TEST(PortId, IsParsed) {
+    constexpr int untouched = -77;
+    const struct {
+        const char *text;
+        int rc;
+        int unit;
+        int port;
+    } rows[] = {
+        {"c12-5", 0, 12, 5},
+        {"C12/5", 0, 12, 5},
+        {"c12", 0, 12, 32767},
+        {"d3", 0, 0, 3},
+        {"D4", 0, 0, 4},
+        {"c0", 0, 0, 32767},
+        {"c1000", 0, 1000, 32767},
+        {"c5-999", 0, 5, 999},
+        {"d1000", 0, 0, 1000},
+        {"c12\n", 0, 12, 32767},
+        {"c007-09", 0, 7, 9},
+        {"c1-2\nrest", 0, 1, 2},
+        {"c1001", -5, untouched, untouched},
+        {"C9999", -5, untouched, untouched},
+        {"d1001", -6, untouched, untouched},
+        {"x1001", -4, untouched, untouched},
+        {"c5-1000", -6, 5, untouched},
+        {"d3-1", -4, untouched, untouched},
+        {"x3", -4, untouched, untouched},
+        {"x3-1", -4, untouched, untouched},
+        {"c", -4, untouched, untouched},
+        {"", -4, untouched, untouched},
+        {"12", -4, untouched, untouched},
+        {"cc1", -4, untouched, untouched},
+        {"c1-", -4, untouched, untouched},
+        {"c1--2", -4, untouched, untouched},
+        {"c1-x2", -4, untouched, untouched},
+        {"c1-2x", -4, untouched, untouched},
+        {"c1x", -4, untouched, untouched},
+        {"c1 ", -4, untouched, untouched},
+        {"c-1", -4, untouched, untouched},
+        {"c12345678901", -5, untouched, untouched},
+        {"c123456789012", -5, untouched, untouched},
+        {"c1234567890123", -4, untouched, untouched},
+        {"c1-2-3", -4, untouched, untouched},
+    };
+    for (const auto &row : rows) {
+        int unit_number = untouched;
+        int port = untouched;
+        EXPECT_EQ(tavrix_parse_mzu_port_id(&unit_number, &port, row.text), row.rc) << row.text;
+        EXPECT_EQ(unit_number, row.unit) << row.text;
+        EXPECT_EQ(port, row.port) << row.text;
+    }
+    int value = 0;
+    EXPECT_EQ(tavrix_parse_mzu_port_id(nullptr, &value, "c1"), -4);
+    EXPECT_EQ(tavrix_parse_mzu_port_id(&value, nullptr, "c1"), -4);
+    EXPECT_EQ(tavrix_parse_mzu_port_id(&value, &value, nullptr), -4);
+}
+
+// --- Port lines ---
+
+namespace {
+
+tavrix_port_list four_ports() {
+    tavrix_port_list list{};
+    const uint16_t units[] = {2, 2, 2, 0};
+    const uint16_t ports[] = {1, 2, 3, 1};
+    for (size_t i = 0; i < 4; ++i) {
+        list.units[i] = units[i];
+        list.ports[i] = ports[i];
+    }
+    list.count = 4;
+    return list;
+}
+
+struct Line {
+    int rc;
+    std::string text;
+    int cursor;
+};
+
+Line line_of(const tavrix_port_list &list, int cursor, int width) {
+    std::string buffer(static_cast<size_t>(std::max(width, 0)) + 2, '~');
+    const int rc = tavrix_port_str_create(&list, &cursor, buffer.data(), width);
+    EXPECT_EQ(buffer.back(), '~') << "wrote past the line";
+    return {rc, buffer.c_str(), cursor};
+}
+
+} // namespace
+
+TEST(PortLine, ShowsWhatFitsAndPadsTheRest) {
+    const tavrix_port_list list = four_ports();
+    const Line whole = line_of(list, 0, 20);
+    EXPECT_EQ(whole.text, "c2-1, c2-2, c2-3, d1");
+    EXPECT_EQ(whole.cursor, 4);
+    const Line cut = line_of(list, 0, 19);
+    EXPECT_EQ(cut.text, "c2-1, c2-2, c2-3,  ");
+    EXPECT_EQ(cut.cursor, 4) << "the port that did not fit is passed over";
+    EXPECT_EQ(line_of(list, 1, 12).text, "c2-2, c2-3, ");
+    EXPECT_EQ(line_of(list, 4, 5).text, "     ");
+    EXPECT_EQ(line_of(list, 0, 0).text, "");
+    EXPECT_EQ(line_of(list, 0, -5).text, "");
+}
+
+TEST(PortLine, GoesOnWhereItStopped) {
+    const tavrix_port_list list = four_ports();
+    const Line first = line_of(list, 0, 11);
+    EXPECT_EQ(first.text, "c2-1, c2-2,");
+    EXPECT_EQ(first.cursor, 3) << "c2-3 was passed over";
+    EXPECT_EQ(line_of(list, first.cursor, 11).text, "d1         ");
+}
+
+TEST(PortLine, StaysWithinItsBuffersForAnyWidth) {
+    tavrix_port_list list{};
+    list.count = 1000;
+    for (size_t i = 0; i < 1000; ++i) {
+        list.units[i] = 65535;
+        list.ports[i] = 65535;
+    }
+    for (const int width : {127, 128, 129, 1000, 20000}) {
+        const Line line = line_of(list, 0, width);
+        EXPECT_EQ(line.text.size(), static_cast<size_t>(width));
+        EXPECT_EQ(line.text.rfind("c65535-65535, c65535-65535,", 0), 0U);
+    }
+    list.count = 1000;
+    EXPECT_EQ(line_of(list, -3, 20).rc, 0);
+    int cursor = 0;
+    char out[4];
+    EXPECT_EQ(tavrix_port_str_create(nullptr, &cursor, out, 2), -20);
+    EXPECT_EQ(tavrix_port_str_create(&list, nullptr, out, 2), -20);
+    EXPECT_EQ(tavrix_port_str_create(&list, &cursor, nullptr, 2), -20);
+}
+
+TEST(MzuOnline, IsAPositiveConnectionState) {
+    tavrix_mzu_record record{};
+    for (const int32_t state : {0, -1, INT32_MIN}) {
+        record.connection_state = state;
+        EXPECT_FALSE(tavrix_mzu_is_online(&record));
+    }
+    for (const int32_t state : {1, 2, INT32_MAX}) {
+        record.connection_state = state;
+        EXPECT_TRUE(tavrix_mzu_is_online(&record));
+    }
+}
+
+// --- Versions ---
+
+TEST(Version, IsComparedNumberByNumber) {
+    const struct {
+        const char *a;
+        const char *b;
+        int rc;
+    } rows[] = {
+        {"1.2.10", "1.2.9", 1},
+        {"2.0.1-004", "2.0.1-004", 0},
+        {"1.10", "1.9", 1},
+        {"1.9", "1.10", -1},
+        {"1.2", "1.2.0", 0},
+        {"1.2", "1.2.1", -1},
+        {"1.2.5", "1.2", 0},
+        {"1.2-3", "1.2.3", 0},
+        {"", "", 0},
+        {"1", "", 1},
+        {"", "1", -1},
+        {"", "0", 0},
+        {"2.0.1-005", "2.0.1-004", 1},
+        {"10", "9", 1},
+        {"1.2.", "1.2.0", 0},
+    };
+    for (const auto &row : rows) {
+        EXPECT_EQ(tavrix_utils_sw_version_strcmp(row.a, row.b), row.rc) << row.a << " against " << row.b;
+    }
+    EXPECT_EQ(tavrix_utils_sw_version_strcmp(nullptr, "1"), -20);
+    EXPECT_EQ(tavrix_utils_sw_version_strcmp("1", nullptr), -20);
+}

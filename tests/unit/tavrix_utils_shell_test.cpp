@@ -1,0 +1,296 @@
+/*
+ * Real commands, real files, and stand-in tools on a private PATH.
+ */
+#include <csignal>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <regex>
+#include <string>
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "support/bus.h"
+#include "support/log_capture.h"
+#include "support/process.h"
+#include "tavrix_mq.h"
+#include "tavrix_utils.h"
+
+using support::LogCapture;
+using support::StderrCapture;
+using support::write_file;
+
+namespace {
+
+constexpr char unit[] = "tavrix_utils";
+
+/** Puts a tool that prints `output` before all others on the PATH. */
+class StandIn {
+  public:
+    StandIn(const std::string &name, const std::string &script) {
+        mkdir("stand-ins", 0755);
+        write_file("stand-ins/" + name, "#!/bin/sh\n" + script + "\n");
+        chmod(("stand-ins/" + name).c_str(), 0755);
+        path_ = getenv("PATH");
+        char *here = get_current_dir_name();
+        setenv("PATH", (std::string(here) + "/stand-ins:" + path_).c_str(), 1);
+        free(here);
+        name_ = name;
+    }
+    StandIn(const StandIn &) = delete;
+    StandIn &operator=(const StandIn &) = delete;
+    ~StandIn() {
+        setenv("PATH", path_.c_str(), 1);
+        unlink(("stand-ins/" + name_).c_str());
+    }
+
+  private:
+    std::string path_;
+    std::string name_;
+};
+
+std::string taken(char *text) {
+    const std::string copy = text != nullptr ? text : "(null)";
+    free(text);
+    return copy;
+}
+
+int board_revision(const std::string &script) {
+    const StandIn tool("fw_printenv", script);
+    return tavrix_get_board_rev_number();
+}
+
+} // namespace
+
+TEST(ExecCommandLine, TakesTheFirstLineWithItsNewline) {
+    char out[80] = "old";
+    EXPECT_EQ(mw_exec_command_line("printf 'one\\ntwo\\n'", out), 0);
+    EXPECT_STREQ(out, "one\n");
+    EXPECT_EQ(mw_exec_command_line("true", out), 0);
+    EXPECT_STREQ(out, "");
+    EXPECT_EQ(mw_exec_command_line("printf %0100d 0", out), 0);
+    EXPECT_EQ(std::string(out), std::string(79, '0'));
+    EXPECT_EQ(mw_exec_command_line("printf %078d 0; echo", out), 0);
+    EXPECT_EQ(std::string(out), std::string(78, '0') + "\n");
+}
+
+TEST(FileExists, TellsFilesAndFoldersFromNothing) {
+    write_file("there", "");
+    EXPECT_EQ(file_exists("there"), 1);
+    EXPECT_EQ(file_exists("."), 1);
+    EXPECT_EQ(file_exists("not-there"), 0);
+    EXPECT_EQ(file_exists(""), 0);
+}
+
+TEST(FileStats, GivesOneColumnOfTheListing) {
+    write_file("listed", "12345");
+    EXPECT_EQ(taken(tavrix_file_stats("listed", nullptr, nullptr, 5)), "5\n");
+    EXPECT_EQ(taken(tavrix_file_stats("listed", "", "", 9)), "listed\n");
+}
+
+TEST(FileStats, FiltersTwice) {
+    mkdir("folder", 0755);
+    write_file("folder/zqn-1.img", "1");
+    write_file("folder/zqn-2.txt", "22");
+    write_file("folder/other.img", "333");
+    EXPECT_EQ(taken(tavrix_file_stats("folder", "zqn", "img", 5)), "1\n");
+    EXPECT_EQ(taken(tavrix_file_stats("folder", "", "txt", 9)), "zqn-2.txt\n");
+}
+
+TEST(FileStats, ShowsTheCommandAfterEachStage) {
+    write_file("listed", "12345");
+    const LogCapture log("verbose");
+    taken(tavrix_file_stats("listed", "list", "ed", 5));
+    EXPECT_EQ(log.sequence(),
+              (std::vector<std::string>{
+                  "VERB |[tavrix_file_stats]: cmd_str = ls -l listed",
+                  "VERB |[tavrix_file_stats]: cmd_str = ls -l listed | grep list",
+                  "VERB |[tavrix_file_stats]: cmd_str = ls -l listed | grep list | grep ed",
+                  "VERB |[tavrix_file_stats]: cmd_str = ls -l listed | grep list | grep ed | awk '{print $5}'",
+                  "VERB |[tavrix_file_stats]: cmd_ret = 5\n",
+              }));
+}
+
+TEST(FileStats, ReportsThatNothingIsThere) {
+    const LogCapture log("info");
+    EXPECT_EQ(tavrix_file_stats("listed", "no-such-word", nullptr, 5), nullptr);
+    EXPECT_TRUE(log.has(support::error, unit, "Tavrix Firmware not found in root folder of USB.\n"));
+    EXPECT_EQ(tavrix_file_stats(nullptr, "a", "b", 1), nullptr);
+}
+
+TEST(FileStats, DoesNotRunACommandThatWouldBeCut) {
+    const LogCapture log("info");
+    EXPECT_EQ(tavrix_file_stats((std::string(3190, ' ') + "listed").c_str(), nullptr, nullptr, 5), nullptr);
+    EXPECT_EQ(tavrix_file_stats("listed", std::string(5000, 'x').c_str(), nullptr, 5), nullptr);
+    EXPECT_EQ(log.count(support::error, unit, "System: Command failed. Aborting.\n"), 2);
+}
+
+TEST(CheckMd5, ComparesTheSums) {
+    write_file("data", "hello\n");
+    write_file("data.md5", "b1946ac92492d2347c6235b4d2611184  data\n");
+    bool match = false;
+    EXPECT_EQ(tavrix_check_md5("data", "data.md5", &match), 0);
+    EXPECT_TRUE(match);
+    for (const char *stored : {"B1946AC92492D2347C6235B4D2611184  data\n", "b1946ac92492d2347c6235b4d2611185  data\n",
+                               "b1946ac92492d2347c6235b4d2611184\n"}) {
+        write_file("data.md5", stored);
+        match = true;
+        EXPECT_EQ(tavrix_check_md5("data", "data.md5", &match), 0) << "a difference is no failure";
+        EXPECT_FALSE(match) << stored;
+    }
+}
+
+TEST(CheckMd5, ReportsWhatItCannotRead) {
+    write_file("data", "hello\n");
+    write_file("empty.md5", "");
+    bool match = true;
+    {
+        const LogCapture log("info");
+        EXPECT_EQ(tavrix_check_md5("data", "empty.md5", &match), -1);
+        EXPECT_TRUE(log.has(support::error, unit, "No result from md5sum\n"));
+    }
+    {
+        const StderrCapture out;
+        EXPECT_EQ(tavrix_check_md5("data", "missing.md5", &match), -1);
+        EXPECT_NE(out.text().find("fopen: No such file or directory\n"), std::string::npos);
+    }
+    {
+        const StandIn silent("md5sum", "exit 0");
+        const LogCapture log("info");
+        EXPECT_EQ(tavrix_check_md5("data", "data.md5", &match), -1);
+        EXPECT_TRUE(log.has(support::error, unit, "No result from md5sum\n"));
+    }
+    {
+        const StderrCapture out;
+        EXPECT_EQ(tavrix_check_md5(std::string(300, 'x').c_str(), "data.md5", &match), -1)
+            << "the command would be cut";
+        EXPECT_NE(out.text().find("popen: "), std::string::npos);
+    }
+    EXPECT_TRUE(match) << "untouched";
+}
+
+TEST(BoardRevision, IsTheOneDigitBehindTheEqualsSign) {
+    EXPECT_EQ(board_revision("echo brdrev=3"), 3);
+    EXPECT_EQ(board_revision("echo brdrev=12"), 1);
+    EXPECT_EQ(board_revision("echo brdrev=0"), 0);
+}
+
+TEST(BoardRevision, IsSevenWhenItCannotBeRead) {
+    const struct {
+        const char *script;
+        const char *line;
+    } rows[] = {
+        {"exit 0", "Couldn't get result from syscall\n"},
+        {"echo 'fw_printenv is not installed'", nullptr},
+        {"echo '## Error: brdrev not defined'", "Board rev# env var not set\n"},
+        {"echo nonsense", nullptr},
+        {"echo brdrev=x", nullptr},
+        {"echo brdrev=", nullptr},
+    };
+    for (const auto &row : rows) {
+        const LogCapture log("info");
+        EXPECT_EQ(board_revision(row.script), 7) << row.script;
+        if (row.line != nullptr) {
+            EXPECT_TRUE(log.has(support::error, unit, row.line)) << log.text();
+        } else {
+            EXPECT_TRUE(log.silent()) << log.text();
+        }
+    }
+    const StandIn on_standard_error("fw_printenv", "echo '## Error' >&2");
+    const LogCapture log("info");
+    EXPECT_EQ(tavrix_get_board_rev_number(), 7);
+    EXPECT_TRUE(log.has(support::error, unit, "Board rev# env var not set\n")) << "standard error counts too";
+}
+
+TEST(Terminate, RaisesSigterm) {
+    static volatile std::sig_atomic_t raised = 0;
+    const auto before = std::signal(SIGTERM, [](int) { raised = 1; });
+    const LogCapture log("info");
+    EXPECT_EQ(tavrix_terminate_process(), 0);
+    std::signal(SIGTERM, before);
+    EXPECT_EQ(raised, 1);
+    EXPECT_TRUE(log.has(support::error, unit, "CRITICAL ERROR, raise SIGTERM\n"));
+}
+
+TEST(TimeSentence, CountsDaysHoursMinutesSeconds) {
+    const struct {
+        int seconds;
+        const char *text;
+    } rows[] = {
+        {0, "0 days 00:00:00"},     {59, "0 days 00:00:59"},    {60, "0 days 00:01:00"},
+        {3599, "0 days 00:59:59"},  {3600, "0 days 01:00:00"},  {86399, "0 days 23:59:59"},
+        {86400, "1 days 00:00:00"}, {90061, "1 days 01:01:01"}, {INT32_MAX, "24855 days 03:14:07"},
+    };
+    for (const auto &row : rows) {
+        char out[32];
+        const LogCapture log("verbose");
+        EXPECT_EQ(tavrix_utils_format_seconds_as_time_sentence(row.seconds, out), 0);
+        EXPECT_STREQ(out, row.text);
+        EXPECT_TRUE(
+            log.has(support::verbose, unit,
+                    "Finished formatting seconds <" + std::to_string(row.seconds) + "> into <" + row.text + ">\n"));
+    }
+    EXPECT_EQ(tavrix_utils_format_seconds_as_time_sentence(1, nullptr), -4);
+}
+
+TEST(Dump, ShowsSixteenBytesALine) {
+    unsigned char bytes[18];
+    for (unsigned char i = 0; i < 18; ++i) {
+        bytes[i] = static_cast<unsigned char>(0xf0 + i);
+    }
+    const LogCapture log("info");
+    tavrix_debug_print_bytes(bytes, 18, "title");
+    EXPECT_EQ(log.sequence(),
+              std::vector<std::string>{"INFO |title\nF0 F1 F2 F3 F4 F5 F6 F7   F8 F9 FA FB FC FD FE FF \n00 01 "});
+}
+
+TEST(Dump, TakesAnyLengthAndNullPointers) {
+    const std::string many(100000, 'A');
+    const LogCapture log("info");
+    tavrix_debug_print_bytes(many.data(), static_cast<int>(many.size()), nullptr);
+    tavrix_debug_print_bytes(many.data(), -1, "negative");
+    tavrix_debug_print_bytes(nullptr, 5, "null");
+    tavrix_debug_print_bytes(many.data(), 3, many.c_str());
+    const auto lines = log.lines();
+    ASSERT_EQ(lines.size(), 4U);
+    EXPECT_EQ(lines[0].message.rfind("\n41 41 41 41 41 41 41 41   41 ", 0), 0U);
+    EXPECT_EQ(lines[1].message, "negative\n");
+    EXPECT_EQ(lines[2].message, "null\n");
+}
+
+TEST(SystemLog, WritesPastTheLevelInUtc) {
+    support::set_log_level("off");
+    setenv("TZ", "XYZ-5:30", 1);
+    tzset();
+    const time_t before = time(nullptr);
+    const StderrCapture out;
+    tavrix_utils_system_log("TAG", "some_file", 12, "value %d", 7);
+    const std::string text = out.text();
+    unsetenv("TZ");
+    const std::regex shape(R"(\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6}\] \[TAG\] \[some_file:12\] value 7)");
+    EXPECT_TRUE(std::regex_match(text, shape)) << text;
+    tm utc{};
+    ASSERT_NE(strptime(text.c_str(), "[%Y-%m-%d %H:%M:%S", &utc), nullptr);
+    EXPECT_GE(timegm(&utc), before);
+    EXPECT_LE(timegm(&utc), time(nullptr));
+}
+
+TEST(SystemLog, KeepsAMessageOf8000Characters) {
+    const StderrCapture out;
+    tavrix_utils_system_log("T", "f", 1, "%s", std::string(9000, 'x').c_str());
+    EXPECT_EQ(out.text().substr(out.text().find("x")), std::string(8000, 'x'));
+}
+
+TEST(ReceiveDescriptor, ComesFromTheBusSocket) {
+    const support::BusSocket sub(TAVRIX_SP_SUB);
+    int fd = -1;
+    int expected = -2;
+    EXPECT_EQ(tavrix_get_nn_rcvfd(sub.number, &fd), 0);
+    tavrix_mq_socket_recvfd(sub.number, &expected);
+    EXPECT_EQ(fd, expected);
+    EXPECT_EQ(tavrix_get_nn_rcvfd(9999, &fd), -1);
+    EXPECT_EQ(tavrix_get_nn_rcvfd(sub.number, nullptr), -1);
+}

@@ -1,0 +1,192 @@
+#include "tavrix_timer.h"
+
+#include <cerrno>
+#include <chrono>
+#include <cmath>
+#include <csignal>
+#include <cstring>
+#include <string>
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/time.h>
+#include <sys/timerfd.h>
+#include <unistd.h>
+
+#include "support/log_capture.h"
+
+using support::LogCapture;
+using support::StderrCapture;
+
+namespace {
+
+constexpr char unit[] = "tavrix_timer";
+
+class Timer : public testing::Test {
+  protected:
+    void SetUp() override {
+        const LogCapture log("off");
+        ASSERT_EQ(tavrix_timer_init(&fd, 1), 0);
+    }
+    void TearDown() override { ::close(fd); }
+
+    itimerspec armed() const {
+        itimerspec setting{};
+        timerfd_gettime(fd, &setting);
+        return setting;
+    }
+    bool expires() const {
+        pollfd state{fd, POLLIN, 0};
+        return poll(&state, 1, 20000) == 1;
+    }
+    int fd = -1;
+};
+
+} // namespace
+
+TEST(TimerInit, WaitsUnlessExactlyOneIsGiven) {
+    for (const int nonblock : {0, 1, 2, -1}) {
+        int fd = -1;
+        const LogCapture log("verbose");
+        ASSERT_EQ(tavrix_timer_init(&fd, nonblock), 0);
+        EXPECT_EQ((fcntl(fd, F_GETFL) & O_NONBLOCK) != 0, nonblock == 1) << nonblock;
+        EXPECT_EQ(log.sequence(), std::vector<std::string>{"VERB |Timer successfully created"});
+        ::close(fd);
+    }
+}
+
+TEST(TimerInit, RefusesNull) {
+    const LogCapture log("debug");
+    EXPECT_EQ(tavrix_timer_init(nullptr, 1), -20);
+    EXPECT_EQ(log.sequence(), std::vector<std::string>{"DEBUG|[tavrix_timer_init]: NULL pointer!"});
+}
+
+TEST_F(Timer, IsArmedInWholeSeconds) {
+    const LogCapture log("verbose");
+    EXPECT_EQ(tavrix_timer_set(fd, 1000, 5), 0);
+    EXPECT_EQ(log.sequence(), std::vector<std::string>{"VERB |Timer successfully set to 1000 period and 5 interval"});
+    const itimerspec setting = armed();
+    EXPECT_EQ(setting.it_interval.tv_sec, 5);
+    EXPECT_EQ(setting.it_interval.tv_nsec, 0);
+    EXPECT_GE(setting.it_value.tv_sec, 900);
+    EXPECT_LE(setting.it_value.tv_sec, 1000);
+}
+
+TEST_F(Timer, IsArmedInFractions) {
+    const LogCapture log("verbose");
+    EXPECT_EQ(tavrix_timer_nsec_set(fd, 1000.5F, 1.25F), 0);
+    EXPECT_EQ(log.sequence(),
+              std::vector<std::string>{"VERB |Timer successfully set to 1000.500000 period and 1.250000 interval"});
+    EXPECT_EQ(armed().it_interval.tv_sec, 1);
+    EXPECT_EQ(armed().it_interval.tv_nsec, 250000000);
+    EXPECT_EQ(tavrix_timer_nsec_set(fd, 1000, 0.1F), 0);
+    // The nearest float to a tenth is a little more; its fraction is cut, not rounded.
+    EXPECT_EQ(armed().it_interval.tv_nsec, 100000001);
+    EXPECT_EQ(tavrix_timer_nsec_set(fd, 1.25F, 0), 0);
+    EXPECT_EQ(armed().it_interval.tv_sec + armed().it_interval.tv_nsec, 0) << "one-shot";
+}
+
+TEST_F(Timer, IsDisarmedByAZeroFirstExpiry) {
+    ASSERT_EQ(tavrix_timer_set(fd, 100, 5), 0);
+    EXPECT_EQ(tavrix_timer_set(fd, 0, 5), 0);
+    EXPECT_EQ(armed().it_value.tv_sec + armed().it_value.tv_nsec, 0);
+    ASSERT_EQ(tavrix_timer_set(fd, 100, 5), 0);
+    EXPECT_EQ(tavrix_timer_nsec_set(fd, 0, 0.5F), 0);
+    EXPECT_EQ(armed().it_value.tv_sec + armed().it_value.tv_nsec, 0);
+}
+
+TEST_F(Timer, RefusesImpossibleTimes) {
+    const StderrCapture out;
+    EXPECT_EQ(tavrix_timer_set(fd, -1, 0), -1);
+    EXPECT_EQ(tavrix_timer_nsec_set(fd, -1.5F, 0), -1);
+    EXPECT_EQ(tavrix_timer_nsec_set(fd, std::nanf(""), 0), -1);
+    EXPECT_EQ(tavrix_timer_nsec_set(fd, HUGE_VALF, 0), -1);
+    EXPECT_EQ(tavrix_timer_nsec_set(fd, 1, -HUGE_VALF), -1);
+    std::string expected;
+    for (int i = 0; i < 5; ++i) {
+        expected += std::string("tavrix_timer_set: ") + strerror(EINVAL) + "\n";
+    }
+    EXPECT_EQ(out.text(), expected) << "the same prefix for both";
+}
+
+TEST_F(Timer, TellsThatItHasNotExpiredWithoutALine) {
+    const LogCapture log("verbose");
+    EXPECT_EQ(tavrix_timer_read(fd), -25);
+    EXPECT_TRUE(log.silent());
+}
+
+TEST_F(Timer, ExpiresOnceOrAgainAndAgain) {
+    ASSERT_EQ(tavrix_timer_nsec_set(fd, 0.01F, 0), 0);
+    ASSERT_TRUE(expires());
+    EXPECT_EQ(tavrix_timer_read(fd), 0);
+    EXPECT_EQ(tavrix_timer_read(fd), -25) << "consumed";
+    ASSERT_EQ(tavrix_timer_nsec_set(fd, 0.01F, 0.01F), 0);
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_TRUE(expires());
+        EXPECT_EQ(tavrix_timer_read(fd), 0);
+    }
+}
+
+TEST_F(Timer, MayWaitInItsRead) {
+    int waiting = -1;
+    ASSERT_EQ(tavrix_timer_init(&waiting, 0), 0);
+    const auto before = std::chrono::steady_clock::now();
+    ASSERT_EQ(tavrix_timer_nsec_set(waiting, 0.05F, 0), 0);
+    EXPECT_EQ(tavrix_timer_read(waiting), 0);
+    EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(50));
+    ::close(waiting);
+}
+
+TEST(TimerRead, ReportsOtherErrorsThroughTheLogger) {
+    const LogCapture log("info");
+    EXPECT_EQ(tavrix_timer_read(-1), -1);
+    EXPECT_TRUE(log.has(support::error, unit,
+                        "Bad errno value (" + std::to_string(EBADF) + " = '" + strerror(EBADF) + "')!\n"));
+}
+
+TEST(TimerRead, FailsOnASignal) {
+    struct sigaction action {};
+    struct sigaction before {};
+    action.sa_handler = [](int) {};
+    sigaction(SIGALRM, &action, &before);
+    int waiting = -1;
+    ASSERT_EQ(tavrix_timer_init(&waiting, 0), 0);
+    itimerval ticking{};
+    ticking.it_value.tv_usec = 20000;
+    ticking.it_interval.tv_usec = 20000;
+    const LogCapture log("info");
+    setitimer(ITIMER_REAL, &ticking, nullptr);
+    EXPECT_EQ(tavrix_timer_read(waiting), -1);
+    const itimerval off{};
+    setitimer(ITIMER_REAL, &off, nullptr);
+    sigaction(SIGALRM, &before, nullptr);
+    EXPECT_TRUE(log.has(support::error, unit,
+                        "Bad errno value (" + std::to_string(EINTR) + " = '" + strerror(EINTR) + "')!\n"));
+    ::close(waiting);
+}
+
+TEST(TimerRead, RefusesAReadThatIsTooShort) {
+    int fds[2];
+    ASSERT_EQ(pipe(fds), 0);
+    ASSERT_EQ(write(fds[1], "abc", 3), 3);
+    const LogCapture log("verbose");
+    EXPECT_EQ(tavrix_timer_read(fds[0]), -1);
+    EXPECT_TRUE(log.silent());
+    ::close(fds[0]);
+    ::close(fds[1]);
+}
+
+TEST(TimerFree, SetsTheVariableToZero) {
+    int fd = -1;
+    ASSERT_EQ(tavrix_timer_init(&fd, 0), 0);
+    const int number = fd;
+    EXPECT_EQ(tavrix_timer_free(&fd), 0);
+    EXPECT_EQ(fd, 0);
+    EXPECT_EQ(fcntl(number, F_GETFD), -1) << "closed";
+    int none = -1;
+    EXPECT_EQ(tavrix_timer_free(&none), 0);
+    const LogCapture log("debug");
+    EXPECT_EQ(tavrix_timer_free(nullptr), -20);
+    EXPECT_EQ(log.sequence(), std::vector<std::string>{"DEBUG|[tavrix_timer_free]: NULL pointer!"});
+}

@@ -1,0 +1,153 @@
+/*
+ * The builders of the debug message, and the parameter readers without memory.
+ */
+#include "tavrix_jrpc_utils_internal.h"
+
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "support/log_capture.h"
+#include "support/params.h"
+#include "tavrix_jrpc_utils.h"
+
+using support::LogCapture;
+using support::Params;
+using Lines = std::vector<std::string>;
+
+namespace {
+
+bool fail_allocation = false;
+
+void *no_memory(size_t) { return nullptr; }
+
+int missing(json_t **slot, const char *key) { return tavrix_jrpc_utils_set_missing_param_message(slot, key); }
+int wrong_type(json_t **slot, const char *key) {
+    return tavrix_jrpc_utils_set_wrong_type_message(slot, key, "integer");
+}
+
+struct Builder {
+    const char *name;
+    int (*build)(json_t **slot, const char *key);
+    std::string before; ///< the text before the key
+    std::string behind; ///< and behind it
+};
+
+class Builders : public testing::TestWithParam<Builder> {
+  protected:
+    std::string text(const std::string &key) const { return GetParam().before + key + GetParam().behind; }
+};
+
+INSTANTIATE_TEST_SUITE_P(Message, Builders,
+                         testing::Values(Builder{"Missing", missing, "Missing expected parameter: '", "'"},
+                                         Builder{"WrongType", wrong_type, "Parameter '",
+                                                 "' is not of type 'integer'."}),
+                         [](const auto &row) { return row.param.name; });
+
+} // namespace
+
+extern "C" {
+void *__real_calloc(size_t count, size_t size);
+void *__wrap_calloc(size_t count, size_t size) { return fail_allocation ? nullptr : __real_calloc(count, size); }
+}
+
+TEST_P(Builders, StoreAnObjectOfOneMember) {
+    const LogCapture log("verbose");
+    Params slot("{}");
+    EXPECT_EQ(GetParam().build(slot.debug(), "port_id"), 0);
+    EXPECT_EQ(slot.message(), text("port_id"));
+    EXPECT_EQ(log.sequence(), Lines{"DEBUG|Sending debug message: " + text("port_id")});
+    EXPECT_EQ(log.lines().front().file, "tavrix_jrpc_utils");
+}
+
+TEST_P(Builders, LogButKeepWhatTheSlotHolds) {
+    const LogCapture log("debug");
+    Params slot("{}");
+    slot.set_message("earlier");
+    EXPECT_EQ(GetParam().build(slot.debug(), "port_id"), 0);
+    EXPECT_EQ(slot.message(), "earlier");
+    EXPECT_EQ(log.sequence(), Lines{"DEBUG|Sending debug message: " + text("port_id")});
+}
+
+TEST_P(Builders, SayNothingBelowDebugLevel) {
+    const LogCapture log("info");
+    Params slot("{}");
+    EXPECT_EQ(GetParam().build(slot.debug(), "port_id"), 0);
+    EXPECT_EQ(slot.message(), text("port_id"));
+    EXPECT_TRUE(log.silent());
+}
+
+TEST_P(Builders, RefuseANullSlotInSilence) {
+    const LogCapture log("verbose");
+    EXPECT_EQ(GetParam().build(nullptr, "port_id"), -20);
+    EXPECT_TRUE(log.silent());
+}
+
+TEST_P(Builders, ReportWhatIsNoJsonString) {
+    Params slot("{}");
+    EXPECT_EQ(GetParam().build(slot.debug(), "\xff"), -30);
+    EXPECT_EQ(slot.message(), "(none)");
+    slot.set_message("earlier");
+    EXPECT_EQ(GetParam().build(slot.debug(), "\xff"), 0) << "nothing has to be built";
+}
+
+TEST_P(Builders, ReportThatThereIsNoMemory) {
+    Params slot("{}");
+    json_set_alloc_funcs(no_memory, std::free);
+    const int rc = GetParam().build(slot.debug(), "port_id");
+    json_set_alloc_funcs(std::malloc, std::free);
+    EXPECT_EQ(rc, -30);
+    EXPECT_EQ(slot.message(), "(none)");
+}
+
+TEST_P(Builders, CutTheTextAt99Characters) {
+    const size_t fits = 99 - text("").size();
+    for (const size_t length : {fits - 1, fits, fits + 1, fits + 40}) {
+        const std::string key(length, 'k');
+        Params slot("{}");
+        EXPECT_EQ(GetParam().build(slot.debug(), key.c_str()), 0);
+        EXPECT_EQ(slot.message(), text(key).substr(0, 99));
+    }
+}
+
+TEST(Parsers, KeepTheirStatusWhenTheMessageCannotBeBuilt) {
+    Params params(R"({"n": "text"})");
+    int out = 77;
+    json_set_alloc_funcs(no_memory, std::free);
+    const int absent = tavrix_jrpc_utils_parse_input_integer(params.get(), params.debug(), "absent", &out);
+    const int other_type = tavrix_jrpc_utils_parse_input_integer(params.get(), params.debug(), "n", &out);
+    json_set_alloc_funcs(std::malloc, std::free);
+    EXPECT_EQ(absent, -35);
+    EXPECT_EQ(other_type, -31);
+    EXPECT_EQ(params.message(), "(none)");
+}
+
+TEST(RetrieveAlias, KeepsItsStatusWhenTheMessageCannotBeBuilt) {
+    Params params(R"({"alias": "nine char"})");
+    params.set_message("earlier");
+    char out[32];
+    json_set_alloc_funcs(no_memory, std::free);
+    const int rc = tavrix_jrpc_utils_retrieve_input_alias(params.get(), params.debug(), "alias", out, sizeof out);
+    json_set_alloc_funcs(std::malloc, std::free);
+    EXPECT_EQ(rc, -34);
+    EXPECT_EQ(params.message(), "(none)") << "the earlier one is gone all the same";
+}
+
+TEST(RetrieveMacFilters, ReportsThatThereIsNoMemory) {
+    const LogCapture log("info");
+    for (const char *json : {R"({"filters": []})", R"({"filters": [{"mac": "x", "mask": "y"}]})"}) {
+        Params params(json);
+        tavrix_mac_filter *filters = nullptr;
+        int count = -77;
+        fail_allocation = true;
+        const int rc = tavrix_jrpc_utils_retrieve_input_mac_filters(params.get(), params.debug(), "filters", &filters,
+                                                                    &count, 1, 2);
+        fail_allocation = false;
+        EXPECT_EQ(rc, -22) << json;
+        EXPECT_EQ(filters, nullptr);
+        EXPECT_EQ(params.message(), "(none)");
+    }
+    EXPECT_TRUE(log.silent());
+}

@@ -1,0 +1,301 @@
+/*
+ * What the engine does when memory, Jansson or the bus refuses: each call it makes fails once.
+ */
+#include <cstdarg>
+#include <cstdlib>
+#include <string>
+
+#include <gtest/gtest.h>
+#include <jansson.h>
+
+#include "support/bus.h"
+#include "support/log_capture.h"
+#include "tavrix_jrpc.h"
+#include "tavrix_jrpc_internal.h"
+#include "tavrix_mq.h"
+
+using support::BusSocket;
+using support::LogCapture;
+
+namespace {
+
+constexpr char unit[] = "tavrix_jrpc";
+
+std::string failing;  ///< the function that fails
+int calls_before = 0; ///< how many of its calls still succeed
+
+bool fails(const char *name) { return failing == name && calls_before-- == 0; }
+
+/** Makes one call of a function fail for as long as it lives. */
+struct Failing {
+    explicit Failing(const char *name, int after = 0) {
+        calls_before = after;
+        failing = name;
+    }
+    Failing(const Failing &) = delete;
+    Failing &operator=(const Failing &) = delete;
+    ~Failing() { failing.clear(); }
+};
+
+int succeed(json_t *, json_t **, json_t **) { return 0; }
+int refuse(json_t *, json_t **, json_t **error_data) {
+    *error_data = json_true();
+    return -35;
+}
+const tavrix_jrpc_method table[] = {{"x.Ok", succeed}, {"x.No", refuse}, {nullptr, nullptr}};
+
+struct Answer {
+    int rc;
+    std::string text;
+};
+Answer evaluate(const char *method) {
+    char *text = nullptr;
+    const std::string request =
+        std::string(R"({"jsonrpc":"2.0","id":1,"transaction_id":2,"method":")") + method + "\"}";
+    const int rc = tavrix_jrpc_eval_request(request.c_str(), table, &text);
+    const std::string copy = text != nullptr ? text : "(null)";
+    free(text);
+    return {rc, copy};
+}
+
+constexpr char no_response[] = "tavrix_jrpc_create_response: Failed to create JRPC response\n";
+constexpr char no_error[] = "tavrix_jrpc_create_error: Failed to create JRPC response\n";
+constexpr char no_transaction[] = "tavrix_jrpc_eval_request: Failed to add Transaction ID to response\n";
+
+} // namespace
+
+extern "C" {
+void *__real_malloc(size_t size);
+char *__real_strdup(const char *text);
+char *__real_json_dumps(const json_t *json, size_t flags);
+int __real_json_object_set_new(json_t *object, const char *key, json_t *value);
+int __real_json_object_del(json_t *object, const char *key);
+json_t *__real_json_integer(json_int_t value);
+int __real_tavrix_mq_socket_set_timeout(int sock, int ms);
+
+void *__wrap_malloc(size_t size) { return fails("malloc") ? nullptr : __real_malloc(size); }
+char *__wrap_strdup(const char *text) { return fails("strdup") ? nullptr : __real_strdup(text); }
+char *__wrap_json_dumps(const json_t *json, size_t flags) {
+    return fails("json_dumps") ? nullptr : __real_json_dumps(json, flags);
+}
+json_t *__wrap_json_pack(const char *format, ...) {
+    if (fails("json_pack")) {
+        return nullptr;
+    }
+    va_list args;
+    va_start(args, format);
+    json_t *value = json_vpack_ex(nullptr, 0, format, args);
+    va_end(args);
+    return value;
+}
+int __wrap_json_object_set_new(json_t *object, const char *key, json_t *value) {
+    if (fails("json_object_set_new")) {
+        json_decref(value); // as the real one does
+        return -1;
+    }
+    return __real_json_object_set_new(object, key, value);
+}
+int __wrap_json_object_del(json_t *object, const char *key) {
+    return fails("json_object_del") ? -1 : __real_json_object_del(object, key);
+}
+json_t *__wrap_json_integer(json_int_t value) { return fails("json_integer") ? nullptr : __real_json_integer(value); }
+int __wrap_tavrix_mq_socket_set_timeout(int sock, int ms) {
+    return fails("set_timeout") ? -1 : __real_tavrix_mq_socket_set_timeout(sock, ms);
+}
+}
+
+TEST(EvaluateFailures, TurnAResponseThatCannotBeBuiltIntoAnInternalError) {
+    for (const char *function : {"json_pack", "json_object_set_new", "json_dumps"}) {
+        const LogCapture log("info");
+        const Failing once(function);
+        const Answer answer = evaluate("x.Ok");
+        EXPECT_EQ(answer.rc, 0) << function;
+        EXPECT_NE(answer.text.find(R"("code":-32603,"message":"Internal error")"), std::string::npos) << answer.text;
+        EXPECT_EQ(log.count(support::error, unit, no_response), 1) << function;
+        EXPECT_EQ(log.count(support::error, unit, no_transaction), failing == "json_object_set_new" ? 1 : 0);
+    }
+}
+
+TEST(EvaluateFailures, AnswerUnknownErrorWhenNotEvenZeroCanBeMade) {
+    const Failing once("json_integer");
+    const Answer answer = evaluate("x.Ok");
+    EXPECT_EQ(answer.rc, 0);
+    EXPECT_NE(answer.text.find(R"("code":0,"message":"Unknown Error")"), std::string::npos) << answer.text;
+}
+
+TEST(EvaluateFailures, LeaveNoResponseWhenTheErrorCannotBeBuilt) {
+    const struct {
+        const char *function;
+        int after;
+    } rows[] = {
+        {"json_pack", 0}, {"json_pack", 1}, {"json_object_set_new", 0}, {"json_object_set_new", 1}, {"json_dumps", 0},
+    };
+    for (const auto &row : rows) {
+        const LogCapture log("info");
+        const Failing once(row.function, row.after);
+        const Answer answer = evaluate("x.No");
+        EXPECT_EQ(answer.rc, -1) << row.function << row.after;
+        EXPECT_EQ(answer.text, "(null)");
+        EXPECT_EQ(log.count(support::error, unit, no_error), 1);
+    }
+}
+
+TEST(FramingFailures, ReportThatMemoryIsOut) {
+    char *text = nullptr;
+    const LogCapture log("debug");
+    {
+        const Failing once("malloc");
+        EXPECT_EQ(tavrix_api_router_json_add_channel("a", "b"), nullptr);
+    }
+    {
+        const Failing once("malloc");
+        EXPECT_EQ(tavrix_jrpc_parse_msg("a|b", 3, &text), -1);
+    }
+    {
+        const Failing once("strdup");
+        EXPECT_EQ(tavrix_jrpc_parse_channel(R"({"id":"a"})", &text), -1);
+    }
+    {
+        const Failing once("strdup");
+        EXPECT_EQ(tavrix_api_router_json_parse_channel("ports.Get"), nullptr);
+    }
+    EXPECT_EQ(text, nullptr);
+    EXPECT_TRUE(log.has(support::debug, unit, "[tavrix_api_router_json_add_channel]: Failed to allocate memory\n"));
+    EXPECT_TRUE(log.has(support::debug, unit, "[tavrix_connect_parse_msg]: Failed to allocate memory\n"));
+}
+
+TEST(PublishFailures, ReportAFrameThatCannotBeMade) {
+    const BusSocket pub(TAVRIX_SP_PUB);
+    const LogCapture log("debug");
+    const Failing once("malloc");
+    EXPECT_EQ(tavrix_jrpc_mq_pub(&pub.number, "c", "{}"), -1);
+    EXPECT_TRUE(log.has(support::debug, unit, "[tavrix_jrpc_mq_pub]: add_channel failed\n"));
+}
+
+TEST(SubInitFailures, LeaveNoSocketBehindWhenTheTimeOutCannotBeSet) {
+    int sub = -77;
+    const LogCapture log("debug");
+    const Failing once("set_timeout");
+    EXPECT_EQ(tavrix_jrpc_mq_sub_init(&sub, 1), -1);
+    EXPECT_EQ(sub, -77);
+    EXPECT_TRUE(log.has(support::debug, unit,
+                        "[tavrix_jrpc_mq_sub_init]: Error tavrix_mq_socket_set_timeout for sub, rc = -1\n"));
+    const BusSocket next(TAVRIX_SP_SUB);
+    EXPECT_EQ(next.number, 0) << "the number is free again";
+}
+
+TEST(NotificationWaitFailures, ReportATimeOutThatCannotBeLifted) {
+    const BusSocket sub(TAVRIX_SP_SUB);
+    json_t *out = nullptr;
+    const LogCapture log("debug");
+    const Failing once("set_timeout");
+    EXPECT_EQ(tavrix_jrpc_mq_sub_for_notifcation(sub.number, "x", &out), -1);
+    EXPECT_EQ(log.sequence(),
+              std::vector<std::string>{
+                  "DEBUG|[tavrix_jrpc_mq_sub_for_notifcation]: Error mq_socket_set_timeout for sub, rc = -1"});
+}
+
+TEST(NotificationWaitFailures, OnlyLogATimeOutThatCannotBeRestored) {
+    support::BusPair bus("ev");
+    bus.publish(R"(ev|{"jsonrpc":"2.0","method":"x"})");
+    json_t *out = nullptr;
+    const LogCapture log("debug");
+    const Failing second("set_timeout", 1);
+    EXPECT_EQ(tavrix_jrpc_mq_sub_for_notifcation(bus.sub.number, "x", &out), 0);
+    EXPECT_EQ(log.count(support::debug, unit,
+                        "[tavrix_jrpc_mq_sub_for_notifcation]: Error mq_socket_set_timeout for sub, rc = -1\n"),
+              1);
+    json_decref(out);
+}
+
+// --- Router ---
+
+namespace {
+
+struct RouterFailure {
+    const char *name;
+    const char *function;
+    const char *words;
+};
+
+class RouterFailures : public testing::TestWithParam<RouterFailure> {};
+
+INSTANTIATE_TEST_SUITE_P(Calls, RouterFailures,
+                         testing::Values(RouterFailure{"Delete", "json_object_del", "Cannot delete JSON ID"},
+                                         RouterFailure{"Update", "json_object_set_new", "Cannot update JSON ID"},
+                                         RouterFailure{"Encode", "json_dumps", "Cannot re-encode JSON message"}),
+                         [](const auto &row) { return row.param.name; });
+
+} // namespace
+
+TEST_P(RouterFailures, AreReportedOnBothPaths) {
+    char *request = nullptr;
+    char *channel = nullptr;
+    const LogCapture log("debug");
+    {
+        const Failing once(GetParam().function);
+        EXPECT_EQ(tavrix_jrpc_router_process_msg(R"({"method":"p","id":1})", &request, &channel), -1);
+    }
+    EXPECT_EQ(request, nullptr);
+    EXPECT_STREQ(channel, "3a6f8f51-502f-4238-9638-29764ff1a8a4") << "stored before the failing step";
+    free(channel);
+    json_t *object = json_loads(R"({"method":"p","id":1})", 0, nullptr);
+    const BusSocket pub(TAVRIX_SP_PUB);
+    {
+        const Failing once(GetParam().function);
+        EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&pub.number, object), -1);
+    }
+    json_decref(object);
+    for (const char *function : {"tavrix_jrpc_router_process_msg", "tavrix_jrpc_router_mq_dispatch_request"}) {
+        EXPECT_TRUE(log.has(support::debug, unit, std::string("[") + function + "]: " + GetParam().words + "\n"));
+    }
+}
+
+TEST(RouterFailure, WithoutAServiceChannelIsReportedOnTheSplitPath) {
+    json_t *object = json_loads(R"({"method":"p","id":1})", 0, nullptr);
+    const BusSocket pub(TAVRIX_SP_PUB);
+    const LogCapture log("debug");
+    const Failing once("strdup");
+    EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&pub.number, object), -1);
+    EXPECT_TRUE(log.has(support::debug, unit, "[tavrix_jrpc_router_mq_dispatch_request]: No JSON uuid\n"));
+    json_decref(object);
+}
+
+TEST(RouterProcessMsg, RefusesNullArguments) {
+    char *text = nullptr;
+    EXPECT_EQ(tavrix_jrpc_router_process_msg(nullptr, &text, &text), -1);
+    EXPECT_EQ(tavrix_jrpc_router_process_msg("{}", nullptr, &text), -1);
+    EXPECT_EQ(tavrix_jrpc_router_process_msg("{}", &text, nullptr), -1);
+}
+
+TEST(SystemResponseFailures, GiveNull) {
+    json_t *asked = json_loads(R"({"id":"a","transaction_id":1})", 0, nullptr);
+    const struct {
+        const char *function;
+        int after;
+        bool transaction_line;
+    } rows[] = {
+        {"json_pack", 0, false},
+        {"json_pack", 1, false},
+        {"json_object_set_new", 0, false},
+        {"json_object_set_new", 1, true},
+    };
+    for (const auto &row : rows) {
+        json_t *response = asked;
+        const LogCapture log("info");
+        {
+            const Failing once(row.function, row.after);
+            EXPECT_EQ(tavrix_jrpc_router_create_system_lock_response(asked, &response), -1);
+        }
+        EXPECT_EQ(response, nullptr);
+        EXPECT_EQ(log.has(support::error, unit, no_transaction), row.transaction_line);
+        if (row.transaction_line) {
+            continue;
+        }
+        response = asked;
+        const Failing once(row.function, row.after);
+        EXPECT_EQ(tavrix_jrpc_router_create_system_timeout_response("a", 1, &response), -1);
+        EXPECT_EQ(response, nullptr);
+    }
+    json_decref(asked);
+}

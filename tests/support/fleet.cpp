@@ -3,6 +3,7 @@
 #include <stdexcept>
 
 #include <sqlite3.h>
+#include <sys/mman.h>
 
 #include "tavrix_mq.h"
 
@@ -51,6 +52,20 @@ Process &Fleet::start_ports(const std::vector<std::string> &more) {
     }
     return *ports;
 }
+
+Process &Fleet::start_events(const std::string &interval_ms) {
+    write_file("links.txt", "# port and state\nc1-1 up\n\nd2 down\n");
+    events = std::make_unique<Process>(
+        "eventsd", std::vector<std::string>{TAVRIX_EVENTSD, "--publish", events_address, "--connect", router_address,
+                                            "--ports", ports_address, "--socket", "events.sock", "--pull", pull_address,
+                                            "--script", "links.txt", "--interval", interval_ms, "--slot", slot});
+    if (!events->says("eventsd ready")) {
+        throw std::runtime_error("the events service does not get ready: " + events->log());
+    }
+    return *events;
+}
+
+Fleet::~Fleet() { shm_unlink(slot.c_str()); }
 
 std::string Fleet::ask(const std::string &request) const {
     const StreamClient client = connect();

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include <unistd.h>
+
 #include "support/bus.h"
 #include "support/process.h"
 #include "support/stream.h"
@@ -18,9 +20,12 @@ class Fleet {
   public:
     /** Makes addresses, a logger configuration at level info, and a database with the example fleet. */
     Fleet();
+    ~Fleet();
 
     Process &start_router(const std::vector<std::string> &more = {});
     Process &start_ports(const std::vector<std::string> &more = {});
+    /** With a script of two link changes, played every `interval_ms`, on "events.sock" and a pull socket. */
+    Process &start_events(const std::string &interval_ms = "50");
 
     /** Sends a request to the router's unix socket and hears the answer out. */
     std::string ask(const std::string &request) const;
@@ -28,8 +33,12 @@ class Fleet {
 
     std::string router_address = free_bus_address();
     std::string ports_address = free_bus_address();
+    std::string events_address = free_bus_address();
+    std::string pull_address = free_bus_address();
+    std::string slot = "/tavrix-test-events-" + std::to_string(getpid());
     std::unique_ptr<Process> router;
     std::unique_ptr<Process> ports;
+    std::unique_ptr<Process> events;
 };
 
 /** A service played by the test: it hears what the router publishes on a channel, and says what it likes. */

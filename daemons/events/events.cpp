@@ -1,0 +1,73 @@
+#include "events.h"
+
+#include <fstream>
+#include <sstream>
+
+#include "common/log.h"
+#include "tavrix.h"
+
+namespace events {
+
+namespace {
+
+constexpr char unit_name[] = "events";
+constexpr size_t most_kept = 1000;
+
+} // namespace
+
+json_t *to_json(const Event &event) {
+    return json_pack("{s:i, s:s, s:s, s:s}", "number", event.number, "kind", event.kind.c_str(), "entity",
+                     event.entity.c_str(), "text", event.text.c_str());
+}
+
+bool Log::open(const std::string &slot) {
+    slot_ = slot;
+    return tavrix_shm_create(slot_.c_str(), sizeof last_number_) == TAVRIX_OK;
+}
+
+const Event &Log::add(const std::string &kind, const std::string &entity, const std::string &text) {
+    ++last_number_;
+    kept_.push_back(Event{last_number_, kind, entity, text});
+    if (kept_.size() > most_kept) {
+        kept_.pop_front();
+    }
+    tavrix_shm_set_int(slot_.c_str(), &last_number_);
+    return kept_.back();
+}
+
+const Event *Log::find(int number) const {
+    for (const Event &event : kept_) {
+        if (event.number == number) {
+            return &event;
+        }
+    }
+    return nullptr;
+}
+
+bool read_script(const std::string &path, std::vector<LinkChange> *out) {
+    std::ifstream file(path);
+    if (!file) {
+        LOG_ERROR("Cannot read the script %s\n", path.c_str());
+        return false;
+    }
+    int number = 0;
+    for (std::string line; std::getline(file, line);) {
+        ++number;
+        std::istringstream words(line);
+        LinkChange change;
+        std::string more;
+        if (!(words >> change.port_id) || change.port_id[0] == '#') {
+            continue;
+        }
+        const bool complete = static_cast<bool>(words >> change.state) && !(words >> more);
+        if (!complete || validate_port_id(change.port_id.c_str()) != 0 ||
+            (change.state != "up" && change.state != "down")) {
+            LOG_ERROR("%s:%d: a port id and up or down are wanted\n", path.c_str(), number);
+            return false;
+        }
+        out->push_back(change);
+    }
+    return true;
+}
+
+} // namespace events

@@ -1,0 +1,149 @@
+#include "methods.h"
+
+#include <array>
+
+#include "common/log.h"
+
+namespace events {
+
+namespace {
+
+using daemon_support::Json;
+using daemon_support::Text;
+
+constexpr char unit_name[] = "events";
+constexpr char reply_channel[] = "eventsd.replies";
+constexpr char get_method[] = "ports.Get";
+constexpr size_t text_size = 128;
+
+Service service;
+
+using Buffer = std::array<char, text_size>;
+
+int get(json_t *params, json_t **result, json_t **error_data) {
+    int number = 0;
+    const int rc = tavrix_jrpc_utils_parse_input_integer(params, error_data, "number", &number);
+    if (rc != TAVRIX_OK) {
+        return rc;
+    }
+    const Event *event = service.log->find(number);
+    if (event == nullptr) {
+        return TAVRIX_ERR_NO_RECORDS;
+    }
+    *result = to_json(*event);
+    return TAVRIX_OK;
+}
+
+int last(json_t * /*params*/, json_t **result, json_t ** /*error_data*/) {
+    const Event *event = service.log->last();
+    if (event == nullptr) {
+        return TAVRIX_ERR_NO_RECORDS;
+    }
+    *result = to_json(*event);
+    return TAVRIX_OK;
+}
+
+int report(json_t *params, json_t **result, json_t **error_data) {
+    Buffer text{};
+    const int rc = tavrix_jrpc_utils_parse_input_string(params, error_data, "text", text.data(), text.size());
+    if (rc == TAVRIX_OK) {
+        *result = to_json(service.log->add("report", "", text.data()));
+    }
+    return rc;
+}
+
+int describe(json_t *params, json_t **result, json_t **error_data) {
+    Buffer port_id{};
+    int rc = tavrix_jrpc_utils_retrieve_input_port_id(params, error_data, "port_id", port_id.data(), port_id.size(),
+                                                      false, false, true, true);
+    if (rc == TAVRIX_ERR_VALIDATION) {
+        *error_data = json_pack("{s:s}", "message", "Parameter 'port_id' has no valid value.");
+        return TAVRIX_ERR_INVALID_PARAMETER;
+    }
+    if (rc != TAVRIX_OK) {
+        return rc;
+    }
+    if (service.ports == nullptr) {
+        return TAVRIX_ERR_UNIMPLEMENTED;
+    }
+    json_t *ports = nullptr;
+    rc = service.ports->get(port_id.data(), &ports);
+    if (rc == TAVRIX_OK) {
+        const Event *event = service.log->last();
+        *result =
+            json_pack("{s:o, s:o}", "ports", ports, "last_event", event != nullptr ? to_json(*event) : json_null());
+    }
+    return rc;
+}
+
+} // namespace
+
+bool PortsClient::open(const std::string &ports_address, const int *publisher) {
+    publisher_ = publisher;
+    if (tavrix_jrpc_mq_sub_init(replies_.place(), 1) != TAVRIX_OK) {
+        return false;
+    }
+    if (tavrix_jrpc_mq_sub_set_channel(ports_address.c_str(), reply_channel, replies_.place()) != TAVRIX_OK) {
+        replies_.forget(); // closed by the failed call
+        return false;
+    }
+    return true;
+}
+
+/** Replies to calls that were given up must not answer the next one. */
+void PortsClient::drain() {
+    char *frame = nullptr;
+    int length = 0;
+    while (tavrix_mq_socket_recv(*replies_.get(), &frame, &length, 1) == TAVRIX_OK) {
+        const Text dropped(frame);
+    }
+}
+
+int PortsClient::get(const std::string &port_id, json_t **ports_out) {
+    const Json request(json_pack("{s:s, s:s, s:s, s:{s:s}}", "jsonrpc", "2.0", "method", get_method, "id",
+                                 reply_channel, "params", "port_id", port_id.c_str()));
+    const Text text(json_dumps(request.get(), JSON_COMPACT | JSON_ENSURE_ASCII));
+    if (!text) {
+        return TAVRIX_ERR_NO_MEMORY;
+    }
+    drain();
+    const Text channel(tavrix_api_router_json_parse_channel(get_method));
+    int rc = tavrix_jrpc_mq_pub(publisher_, channel.get(), text.get());
+    json_t *received = nullptr;
+    if (rc == TAVRIX_OK) {
+        rc = tavrix_jrpc_mq_sub_for_method(*replies_.get(), get_method, &received);
+    }
+    if (rc != TAVRIX_OK) {
+        return rc == TAVRIX_ERR_NO_RESPONSE ? TAVRIX_ERR_TIMEOUT : rc;
+    }
+    const Json reply(received);
+    const json_t *error = json_object_get(received, "error");
+    if (error != nullptr) {
+        const json_int_t code = json_integer_value(json_object_get(error, "code"));
+        return tavrix_jrpc_error_convert_jrpc_to_tavrix(static_cast<int>(code));
+    }
+    *ports_out = json_incref(json_object_get(json_object_get(received, "result"), "ports"));
+    return TAVRIX_OK;
+}
+
+void set_service(const Service &wanted) { service = wanted; }
+
+std::vector<tavrix_jrpc_method> methods() {
+    return {
+        {"events.Get", get},
+        {"events.Last", last},
+        {"events.Report", report},
+        {"events.Describe", describe},
+    };
+}
+
+void publish_link_changed(const int *publisher, const Event &event) {
+    const Json notification(
+        json_pack("{s:s, s:s, s:o}", "jsonrpc", "2.0", "method", link_changed, "params", to_json(event)));
+    const Text text(json_dumps(notification.get(), JSON_COMPACT | JSON_ENSURE_ASCII));
+    if (!text || tavrix_jrpc_mq_pub(publisher, link_changed, text.get()) != TAVRIX_OK) {
+        LOG_ERROR("Cannot publish event %d\n", event.number);
+    }
+}
+
+} // namespace events

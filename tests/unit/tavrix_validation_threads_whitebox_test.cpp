@@ -1,0 +1,94 @@
+/*
+ * Several threads meet at the first use of every pattern. The program has no other test, so that it is the first use.
+ */
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "support/log_capture.h"
+#include "support/mutation.h"
+#include "support/pattern_fields.h"
+
+using support::LogCapture;
+using support::PatternField;
+
+namespace {
+
+constexpr size_t thread_count = 8;
+
+/** Values for every field: its own, near ones, and some beyond the bound of the fast way. */
+std::vector<std::vector<std::string>> make_values() {
+    support::Mutator mutator(5);
+    std::vector<std::vector<std::string>> values;
+    for (const PatternField &field : support::pattern_fields()) {
+        std::vector<std::string> of_field = field.valid;
+        for (int i = 0; i < 20; ++i) {
+            of_field.push_back(mutator.near(field.valid.front(), field.alphabet));
+        }
+        of_field.push_back(support::repeated(field.valid.back(), 1024));
+        of_field.push_back(support::repeated(field.valid.back(), 3000));
+        values.push_back(of_field);
+    }
+    return values;
+}
+
+/** Every field's verdicts, beginning with field `first` so that the threads meet at different patterns. */
+std::vector<int> judge_all(const std::vector<std::vector<std::string>> &values, size_t first) {
+    std::vector<std::vector<int>> verdicts(values.size());
+    for (size_t i = 0; i < values.size(); ++i) {
+        const size_t at = (i + first) % values.size();
+        for (const std::string &value : values[at]) {
+            verdicts[at].push_back(support::pattern_fields()[at].validate(value.c_str()));
+        }
+    }
+    std::vector<int> all;
+    for (const std::vector<int> &of_field : verdicts) {
+        all.insert(all.end(), of_field.begin(), of_field.end());
+    }
+    return all;
+}
+
+} // namespace
+
+TEST(Threads, ShareThePatternsFromTheFirstUseOn) {
+    const auto values = make_values();
+    std::vector<std::vector<int>> verdicts(thread_count);
+    size_t passed = 0;
+    {
+        const LogCapture log("debug");
+        std::atomic<size_t> waiting{thread_count};
+        std::vector<std::thread> threads;
+        for (size_t t = 0; t < thread_count; ++t) {
+            threads.emplace_back([&, t] {
+                --waiting;
+                while (waiting > 0) {
+                    std::this_thread::yield();
+                }
+                // Half of them all begin with the same pattern.
+                verdicts[t] = judge_all(values, t % 2 == 0 ? 0 : t);
+            });
+        }
+        for (std::thread &thread : threads) {
+            thread.join();
+        }
+        for (const std::string &line : log.sequence()) {
+            passed += line == "DEBUG|Regex test passed." ? 1 : 0;
+        }
+    }
+    size_t accepted = 0;
+    {
+        const LogCapture log("debug");
+        const std::vector<int> alone = judge_all(values, 0);
+        for (const std::vector<int> &of_thread : verdicts) {
+            EXPECT_EQ(of_thread, alone);
+        }
+        for (const std::string &line : log.sequence()) {
+            accepted += line == "DEBUG|Regex test passed." ? 1 : 0;
+        }
+    }
+    EXPECT_GE(accepted, values.size()) << "at least every field's own value";
+    EXPECT_EQ(passed, accepted * thread_count) << "every thread logs every verdict";
+}

@@ -38,6 +38,7 @@ cd "$run"
 
 pids=()
 stop_all() {
+    rm -f "/dev/shm/tavrix-demo-$$"
     if [ ${#pids[@]} -gt 0 ]; then
         kill "${pids[@]}" 2>/dev/null || true
         wait "${pids[@]}" 2>/dev/null || true
@@ -64,18 +65,24 @@ wait_for() { # FILE TEXT: until the file holds the text
 
 sqlite3 zqn_h7.db <"$schema/schema.sql"
 sqlite3 zqn_h7.db <"$schema/fleet.sql"
-printf '[logging_levels]\nrouterd=info\nportsd=info\n' >tavrix_lsyslog.conf
+printf '[logging_levels]\nrouterd=info\nportsd=info\neventsd=info\n' >tavrix_lsyslog.conf
 next_address; router=$address
 next_address; ports=$address
+next_address; events=$address
 export TAVRIX_SOCKET=router.sock
 
-"$bin/daemons/router/tavrix-routerd" --socket router.sock --publish "$router" --connect "$ports" \
+"$bin/daemons/router/tavrix-routerd" --socket router.sock --publish "$router" --connect "$ports,$events" \
     --reply-timeout 1500 2>routerd.log &
 pids+=($!)
 wait_for routerd.log "routerd ready"
-"$bin/daemons/ports/tavrix-portsd" --publish "$ports" --connect "$router" 2>portsd.log &
+"$bin/daemons/ports/tavrix-portsd" --publish "$ports" --connect "$router,$events" --events "$events" 2>portsd.log &
 pids+=($!)
 wait_for portsd.log "portsd ready"
+printf 'c1-1 down\nc1-1 up\n' >links.txt
+"$bin/daemons/events/tavrix-eventsd" --publish "$events" --connect "$router" --ports "$ports" --socket events.sock \
+    --script links.txt --interval 500 --slot "/tavrix-demo-$$" 2>eventsd.log &
+pids+=($!)
+wait_for eventsd.log "eventsd ready"
 "$ctl" monitor "$router" "$ports" >bus.log 2>monitor.log &
 pids+=($!)
 wait_for monitor.log "connected to 2 of 2"
@@ -128,6 +135,18 @@ call 1 "A service that does not answer: the router does" interfaces.Get '{}'
 show 0 "A request without id: a notification, which the router refuses" '{"jsonrpc":"2.0","method":"ports.Get"}'
 show 0 "No JSON at all" 'good morning'
 
+# --- Daemons that call daemons ---
+
+section() { printf '\n%s\n    ' "$1"; }
+section "A daemon calls a daemon: events.Describe asks ports.Get over the bus and waits for the reply"
+"$ctl" call events.Describe '{"port_id":"c1-1"}'
+section "A notification, awaited by the client"
+"$ctl" wait events.LinkChanged "$events" 2>/dev/null
+section "A notification, awaited by the ports service"
+"$ctl" call ports.WaitLinkChanged
+section "A direct call, on the events service's own socket"
+"$ctl" call --direct events.sock events.Last
+
 printf '\nWhat the daemons logged: %s\n' "$run/*.log"
 
 if $keep; then
@@ -135,7 +154,7 @@ if $keep; then
     disown -a
     cat <<TEXT
 
-Still running: router, ports service, monitor (process ids ${pids[*]}). Try, in $run:
+Still running: router, ports service, events service, monitor (process ids ${pids[*]}). Try, in $run:
 
   export TAVRIX_SOCKET=router.sock
   $ctl call ports.Get '{"port_id":"all"}' --json pretty
@@ -150,7 +169,7 @@ TEXT
 fi
 stop_all
 pids=()
-for log in routerd portsd; do
+for log in routerd portsd eventsd; do
     grep -q "$log stopped" "$log.log" || { echo "demo: $log did not stop cleanly" >&2; exit 1; }
 done
 echo "Everything is stopped."

@@ -151,8 +151,9 @@ TEST_F(Evaluate, ConvertsAFailureAndCarriesItsData) {
     script.error_data = json_pack("{s:s}", "message", "Missing");
     const Answer answer = evaluate(R"({"jsonrpc":"2.0","id":1,"method":"test.Run","transaction_id":4})");
     EXPECT_EQ(answer.rc, 0);
-    expect_json(answer.text, R"j({"jsonrpc":"2.0","id":"test.Run","transaction_id":4,)j"
-                             R"j("error":{"code":-32602,"message":"Invalid parameter(s)","data":{"message":"Missing"}}})j");
+    expect_json(answer.text,
+                R"j({"jsonrpc":"2.0","id":"test.Run","transaction_id":4,)j"
+                R"j("error":{"code":-32602,"message":"Invalid parameter(s)","data":{"message":"Missing"}}})j");
 }
 
 TEST_F(Evaluate, AnswersAnUnknownMethod) {

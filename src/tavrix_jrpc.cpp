@@ -283,9 +283,10 @@ int check_envelope(const json_t *request, Envelope *out) {
     return json_is_string(out->method) ? 0 : TAVRIX_JRPC_METHOD_NOT_FOUND;
 }
 
+/** A row without a name is nobody's method. */
 const tavrix_jrpc_method *find_method(const tavrix_jrpc_method *table, const char *name) {
     for (; table->handler != nullptr; ++table) {
-        if (std::strcmp(table->name, name) == 0) {
+        if (table->name != nullptr && std::strcmp(table->name, name) == 0) {
             return table;
         }
     }

@@ -90,7 +90,10 @@ enum tavrix_jrpc_code {
     TAVRIX_JRPC_PARSE_ERROR = -32700
 };
 
-/** The service channels, by the first letters of a method's name. */
+/**
+ * The service channels, each for the methods whose names begin with these letters.
+ * tavrix_api_router_json_parse_channel() chooses.
+ */
 #define TAVRIX_CHANNEL_FIRST "3a6f8f51-502f-4238-9638-29764ff1a8a4"      /**< d, p, en, mz */
 #define TAVRIX_CHANNEL_EVENTS "505a5451-3ef2-4618-8087-9a22b800a510"     /**< ev */
 #define TAVRIX_CHANNEL_INTERFACES "b4469f46-e963-42ef-9fd2-f978e73adc76" /**< i */
@@ -99,9 +102,9 @@ enum tavrix_jrpc_code {
 /** The channel on which every reply to the router arrives. */
 #define TAVRIX_ROUTER_REPLY_CHANNEL "2524546b-ca99-4868-a062-359cefacff7c"
 
-/** The most bytes that are read of one request. */
-#define TAVRIX_ROUTER_MAX_REQUEST 8192
-#define TAVRIX_SERVER_MAX_REQUEST 1024
+/** The most bytes that are read of one request, which has to arrive in one piece. */
+#define TAVRIX_ROUTER_MAX_REQUEST 8192 /**< the router */
+#define TAVRIX_SERVER_MAX_REQUEST 1024 /**< the Unix-domain and TCP request servers */
 
 /**
  * Performs a method.
@@ -113,32 +116,61 @@ enum tavrix_jrpc_code {
  */
 typedef int (*tavrix_jrpc_handler)(json_t *params, json_t **result, json_t **error_data);
 
-/** A row of a method table; the table ends with a row whose handler is null. Names are compared byte for byte. */
+/**
+ * A row of a method table; the table ends with a row whose handler is null. Names are compared byte for byte, the first
+ * row of a name counts, and a row without a name is never called.
+ */
 typedef struct tavrix_jrpc_method {
     const char *name;
     tavrix_jrpc_handler handler;
 } tavrix_jrpc_method;
 
-/** The JSON-RPC code that clients see for a status; -32001 for a status without one. */
+/**
+ * The JSON-RPC code that clients see for a status.
+ *
+ * @code
+ * int code = tavrix_jrpc_error_convert_tavrix_to_jrpc(TAVRIX_ERR_SYSTEM_BUSY);
+ * puts(tavrix_jrpc_error_message(code)); // System is busy.
+ * @endcode
+ *
+ * @param internal_code a status, 0 to -73
+ * @return the code; -32001 for a status without one
+ */
 TAVRIX_API int tavrix_jrpc_error_convert_tavrix_to_jrpc(int internal_code);
 
 /**
- * The first status that clients see as this JSON-RPC code; -32001, a number of the other numbering, when there is none.
+ * The first status that clients see as this JSON-RPC code.
+ *
+ * @param jrpc_code see tavrix_jrpc_code
+ * @return the status; -32001, a number of the other numbering, when there is none
  */
 TAVRIX_API int tavrix_jrpc_error_convert_jrpc_to_tavrix(int jrpc_code);
 
-/** The message of a JSON-RPC code, in constant storage; "Unknown Error" for a code without one. */
+/**
+ * The message of a JSON-RPC code.
+ *
+ * @param jrpc_code see tavrix_jrpc_code
+ * @return a text in constant storage, never released; "Unknown Error" for a code without one
+ */
 TAVRIX_API const char *tavrix_jrpc_error_message(int jrpc_code);
 
 /**
  * Evaluates one request: checks its envelope, calls its method, makes the response.
  *
+ * @code
+ * char *response;
+ * if (tavrix_jrpc_eval_request(request, methods, &response) == TAVRIX_OK && response != NULL)
+ *     tavrix_socket_send(&client, response);
+ * free(response);
+ * @endcode
+ *
  * @param request_text  the request; what follows its object is ignored
  * @param table         the methods
- * @param response_text set to null first; receives the response's text, which the caller sends and releases, or null
- * when nothing is to be sent: for a notification, and when a check before the method's name failed
- * @return 0 when a response was made or a notification succeeded; -1 otherwise. The response's "id" is the method's
- *         name, whatever the request's id.
+ * @param response_text set to null once the arguments are valid; receives the response's text, which the caller sends
+ *                      and releases, or null when nothing is to be sent: for a notification, and when a check before
+ *                      the method's name failed or there is no method
+ * @return 0 when a response was made, an error response too, or when a notification succeeded; -1 otherwise, also for a
+ *         null argument. The response's "id" is the value of "method", whatever the request's id.
  */
 TAVRIX_API int tavrix_jrpc_eval_request(const char *request_text, const tavrix_jrpc_method *table,
                                         char **response_text);
@@ -146,8 +178,10 @@ TAVRIX_API int tavrix_jrpc_eval_request(const char *request_text, const tavrix_j
 /**
  * Makes the text of a successful response. The values are shared: the caller keeps its references.
  *
+ * @param result         the response's "result"
+ * @param id             the response's "id"
  * @param indent         0 to 31 blanks for each level; 0 for one line
- * @param transaction_id null for none
+ * @param transaction_id the response's "transaction_id"; null for none
  * @return a new text, compact and ASCII only; null for a null result or id, another indent, or a value without a text
  */
 TAVRIX_API char *tavrix_jrpc_create_response(json_t *result, json_t *id, int indent, json_t *transaction_id);
@@ -155,18 +189,37 @@ TAVRIX_API char *tavrix_jrpc_create_response(json_t *result, json_t *id, int ind
 /**
  * Makes the text of an error response; ownership and limits as for tavrix_jrpc_create_response().
  *
- * @param jrpc_code a JSON-RPC code; its message comes from the catalogue
- * @param data      the error's "data"; null makes it a JSON null
+ * @param jrpc_code      see tavrix_jrpc_code; its message comes with it
+ * @param id             the response's "id"
+ * @param data           the error's "data"; null makes it a JSON null
+ * @param indent         0 to 31 blanks for each level; 0 for one line
+ * @param transaction_id the response's "transaction_id"; null for none
+ * @return a new text; null for a null id, another indent, or a value without a text
  */
 TAVRIX_API char *tavrix_jrpc_create_error(int jrpc_code, json_t *id, json_t *data, int indent, json_t *transaction_id);
 
-/** Puts a channel's name and a bar before a JSON text; a new text, or null for a null argument or without memory. */
+/**
+ * Makes a frame: a channel's name, a bar, a JSON text.
+ *
+ * @code
+ * char *frame = tavrix_api_router_json_add_channel("me", "{}"); // me|{}
+ * char *text;
+ * if (frame != NULL && tavrix_jrpc_parse_msg(frame, (int)strlen(frame), &text) == TAVRIX_OK)
+ *     free(text); // {}
+ * free(frame);
+ * @endcode
+ *
+ * @param channel   a name without a bar
+ * @param json_text any text
+ * @return a new text; null for a null argument or without memory
+ */
 TAVRIX_API char *tavrix_api_router_json_add_channel(const char *channel, const char *json_text);
 
 /**
  * Takes the JSON text out of a frame: what follows the first bar.
  *
- * @param length   bytes of the frame that count
+ * @param frame    a received frame; needs no terminator
+ * @param length   bytes of the frame that count; 0 and less hold no bar
  * @param json_out receives a new, terminated text
  * @return 0; -20 for a null argument; -1 when there is no bar or no memory
  */
@@ -175,12 +228,19 @@ TAVRIX_API int tavrix_jrpc_parse_msg(const char *frame, int length, char **json_
 /**
  * Takes the reply channel out of a request: its "id", when that is a string.
  *
+ * @param json_text   a request; what follows its object is ignored
  * @param channel_out receives a new text; null when the result is -44; untouched by the other failures
- * @return 0; -44 for a notification, which has no "id"; -20 for a null argument; -1 for any other id or text
+ * @return 0; -44 for a notification, which has no "id"; -20 for a null argument; -1 for any other id or text, or
+ *         without memory
  */
 TAVRIX_API int tavrix_jrpc_parse_channel(const char *json_text, char **channel_out);
 
-/** The service channel for a method's name, by its first letters: a new text, or null for a null name. */
+/**
+ * The service channel for a method's name, by its first letters.
+ *
+ * @param method a method's name; the empty one goes to the default channel
+ * @return a new text; null for a null name or without memory
+ */
 TAVRIX_API char *tavrix_api_router_json_parse_channel(const char *method);
 
 /**
@@ -195,15 +255,17 @@ TAVRIX_API int tavrix_jrpc_mq_pub_init(const char *address, int *pub_sock_out);
 /**
  * Makes a subscriber that listens to nothing yet.
  *
- * @param with_timeout not 0: a receive waits 1000 ms at most
- * @return 0; -20 for a null place; -1
+ * @param sub_sock_out receives the bus socket; the caller closes it
+ * @param with_timeout not 0: a receive waits 1000 ms at most; 0: for ever
+ * @return 0; -20 for a null place; -1. Nothing stays open on failure.
  */
 TAVRIX_API int tavrix_jrpc_mq_sub_init(int *sub_sock_out, int with_timeout);
 
 /**
  * Connects a subscriber to a publisher and lets a channel through, by prefix; may be called again for further ones.
  *
- * @param address  the publisher's "tcp://" address; it may appear later
+ * @param address  the publisher's "tcp://" address; the publisher may appear later
+ * @param channel  the prefix of the frames to let through
  * @param sub_sock the subscriber; closed when the call fails, and the variable keeps its value
  * @return 0; -20 for a null argument; -1
  */
@@ -213,15 +275,21 @@ TAVRIX_API int tavrix_jrpc_mq_sub_set_channel(const char *address, const char *c
  * One serving step: receives one frame, evaluates it, publishes the response on the channel that the request's "id"
  * names.
  *
- * @param nonblock above 0: return at once when nothing is waiting
+ * @param sub_sock the subscriber that requests arrive on
+ * @param pub_sock the publisher for the responses
+ * @param table    the methods; their handlers run inside this call
+ * @param nonblock above 0: return at once when nothing is waiting; otherwise wait up to the socket's receive time-out
  * @return 0 served, a notification too; -46 nothing arrived; -20 for a null argument; -1 for a frame that is no request
- *         (an "id" that is no string among them), a failed evaluation or a failed send
+ *         (an "id" that is no string among them), a failed evaluation, receive or send
  */
 TAVRIX_API int tavrix_jrpc_mq_run(int *sub_sock, int *pub_sock, const tavrix_jrpc_method *table, int nonblock);
 
 /**
  * Publishes a JSON text on a channel.
  *
+ * @param pub_sock  a publisher
+ * @param channel   a name without a bar
+ * @param json_text any text; it stays the caller's
  * @return 0; -20 for a null argument; -1
  */
 TAVRIX_API int tavrix_jrpc_mq_pub(const int *pub_sock, const char *channel, const char *json_text);
@@ -229,9 +297,19 @@ TAVRIX_API int tavrix_jrpc_mq_pub(const int *pub_sock, const char *channel, cons
 /**
  * Waits for the reply to a method: attempt after attempt, as many as the method is worth (60, 100 or 200 for the slow
  * ports methods and the backup, 10 for any other), each as long as the socket's receive time-out. Anything else that
- * arrives costs an attempt.
+ * arrives costs an attempt. Subscribe to the request's "id" before it is published.
  *
- * @param reply_out receives the whole reply object
+ * @code
+ * json_t *reply;
+ * tavrix_jrpc_mq_sub_set_channel("tcp://127.0.0.1:7009", "me", &sub);
+ * tavrix_jrpc_mq_pub(&pub, TAVRIX_CHANNEL_FIRST, "{\"jsonrpc\":\"2.0\",\"id\":\"me\",\"method\":\"ports.Get\"}");
+ * if (tavrix_jrpc_mq_sub_for_method(sub, "ports.Get", &reply) == TAVRIX_OK)
+ *     json_decref(reply);
+ * @endcode
+ *
+ * @param sub_sock  the subscriber; without a receive time-out an attempt waits for ever
+ * @param method    the method's name
+ * @param reply_out receives the whole reply object; the caller releases it
  * @return 0; -50 when the attempts ran out; -20 for a null argument
  */
 TAVRIX_API int tavrix_jrpc_mq_sub_for_method(int sub_sock, const char *method, json_t **reply_out);
@@ -239,15 +317,21 @@ TAVRIX_API int tavrix_jrpc_mq_sub_for_method(int sub_sock, const char *method, j
 /**
  * Tells whether a text is the reply to a method: a JSON-RPC 2.0 object whose "id" is the method's name.
  *
- * @param reply_out receives the object; may be null when only the verdict counts
- * @return 0; -1; -20 for a null method or text
+ * @param method    the method's name
+ * @param json_text the text, without a channel
+ * @param reply_out receives the object, which the caller releases; may be null when only the verdict counts
+ * @return 0 for the reply; -1 for anything else; -20 for a null method or text
  */
 TAVRIX_API int tavrix_jrpc_eval_method(const char *method, const char *json_text, json_t **reply_out);
 
 /**
  * Waits for a notification of a method, without a time-out, until five frames that are none have arrived. The socket's
- * receive time-out is lifted meanwhile and put back on every way out. (The name's spelling is the interface's.)
+ * receive time-out is lifted meanwhile and put back on every way out, so nothing else may receive on it. (The name's
+ * spelling is the interface's.)
  *
+ * @param sub_sock         the subscriber
+ * @param method           the method's name
+ * @param notification_out receives the whole notification object; the caller releases it
  * @return 0; -1 when the attempts ran out or the time-out cannot be read or changed; -20 for a null argument
  */
 TAVRIX_API int tavrix_jrpc_mq_sub_for_notifcation(int sub_sock, const char *method, json_t **notification_out);
@@ -255,25 +339,48 @@ TAVRIX_API int tavrix_jrpc_mq_sub_for_notifcation(int sub_sock, const char *meth
 /**
  * Tells whether a text is a notification of a method: a JSON-RPC 2.0 object whose "method" is the name.
  *
- * @return 0 and the object; -1; -20 for a null argument
+ * @param method    the method's name
+ * @param json_text the text, without a channel
+ * @param out       receives the object; the caller releases it
+ * @return 0 for the notification; -1 for anything else; -20 for a null argument
  */
 TAVRIX_API int tavrix_jrpc_eval_notification(const char *method, const char *json_text, json_t **out);
 
 /**
  * Opens a Unix-domain request server.
  *
+ * @code
+ * int listener;
+ * tavrix_jrpc_unix_socket_init("/run/hello.sock", &listener, 0);
+ * while (listener > 0 && !stop)
+ *     tavrix_jrpc_unix_socket_run(&listener, methods);
+ * @endcode
+ *
+ * @param path        the socket's path, cut after 107 bytes; a file that is there is removed
+ * @param sock_out    receives the listener, or 0; the caller closes it
+ * @param nonblocking not 0: the accept of tavrix_jrpc_unix_socket_run() does not wait
  * @return 0, also when the listener cannot be opened: then the handle is 0 and the log tells why; -20 for a null place
  */
 TAVRIX_API int tavrix_jrpc_unix_socket_init(const char *path, int *sock_out, int nonblocking);
 
-/** Opens a TCP request server; statuses as for tavrix_jrpc_unix_socket_init(). */
+/**
+ * Opens a TCP request server on every local address. Its accept never waits.
+ *
+ * @param port        1 to 65535; 0 lets the system choose
+ * @param sock_out    receives the listener, or 0; the caller closes it
+ * @param nonblocking without effect
+ * @return as tavrix_jrpc_unix_socket_init()
+ */
 TAVRIX_API int tavrix_jrpc_tcp_socket_init(unsigned port, int *sock_out, int nonblocking);
 
 /**
- * Serves one client: one request of at most 1024 bytes in one piece, one answer, connection closed.
+ * Serves one client: one request of at most 1024 bytes in one piece, one answer, connection closed. A notification is
+ * not answered.
  *
- * @return 0; -20 for a null argument; the accept's, the evaluation's or the send's status; -1 when nothing could be
- * read
+ * @param listen_sock the listener
+ * @param table       the methods
+ * @return 0; -20 for a null argument; -1 when nobody is waiting, when nothing could be read, and for a failed
+ *         evaluation, send or close
  */
 TAVRIX_API int tavrix_jrpc_unix_socket_run(const int *listen_sock, const tavrix_jrpc_method *table);
 
@@ -283,23 +390,36 @@ TAVRIX_API int tavrix_jrpc_tcp_socket_run(const int *listen_sock, const tavrix_j
 /**
  * Opens a server for one-way requests on a bus pull socket.
  *
- * @param address a "tcp://" address to bind to
- * @return 0; -20 for a null place; the bind's status
+ * @param address  a "tcp://" address to bind to
+ * @param sock_out receives the bus socket; the caller closes it
+ * @return 0; -20 for a null argument; the bind's status (-34, -1). Nothing stays open on failure.
  */
 TAVRIX_API int tavrix_jrpc_pull_socket_init(const char *address, int *sock_out);
 
 /**
  * Receives one message, without a channel, and evaluates it; nothing is ever sent.
  *
- * @return the evaluation's status; -20 for a null table; -1 when nothing could be received
+ * @param sock  the pull socket; waits up to its receive time-out
+ * @param table the methods
+ * @return the evaluation's 0 or -1; -20 for a null table; -1 when nothing could be received, a time-out too
  */
 TAVRIX_API int tavrix_jrpc_pull_socket_run(int sock, const tavrix_jrpc_method *table);
 
 /**
  * The router's request path in one call: accepts a client, reads its request (at most 8192 bytes in one piece), puts
- * the reply channel in the place of its id, publishes it on its service channel.
+ * the reply channel in the place of its id, publishes it on its service channel. One request at a time: the next
+ * message on the reply channel is taken for its reply.
  *
- * @param client_out receives the client, for tavrix_jrpc_router_mq_to_socket(); closed here on failure
+ * @code
+ * int client;
+ * if (tavrix_jrpc_router_socket_to_mq(&listener, &pub, &client) == TAVRIX_OK)
+ *     tavrix_jrpc_router_mq_to_socket(&sub, &client);
+ * @endcode
+ *
+ * @param listen_sock the listener
+ * @param pub_sock    the router's publisher
+ * @param client_out  receives the client, for tavrix_jrpc_router_mq_to_socket(); untouched on failure, when the client
+ *                    is closed here
  * @return 0; -20 for a null argument; the accept's or the publishing's status; -1 for a request that is refused
  */
 TAVRIX_API int tavrix_jrpc_router_socket_to_mq(const int *listen_sock, const int *pub_sock, int *client_out);
@@ -307,59 +427,90 @@ TAVRIX_API int tavrix_jrpc_router_socket_to_mq(const int *listen_sock, const int
 /**
  * The first half of the split request path: accepts a client and parses its request, without a look at its members.
  *
+ * @code
+ * int client = -1;
+ * json_t *request = NULL, *response = NULL;
+ * if (tavrix_jrpc_router_socket_extract_request(&listener, &client, &request) == TAVRIX_OK &&
+ *     tavrix_jrpc_router_mq_dispatch_request(&pub, request) == TAVRIX_OK &&
+ *     tavrix_jrpc_router_mq_extract_response(&sub, &response) == TAVRIX_OK)
+ *     tavrix_jrpc_router_socket_dispatch_response(&client, response);
+ * json_decref(response);
+ * json_decref(request);
+ * if (client >= 0)
+ *     tavrix_socket_close(&client);
+ * @endcode
+ *
+ * @param listen_sock the listener
  * @param client_out  receives the client; it stays open when the request is refused, and the caller closes it; -1 when
  *                    nobody was accepted
- * @param request_out receives the request object
- * @return 0; the accept's status; -1
+ * @param request_out receives the request object; the caller releases it
+ * @return 0; the accept's status; -1, also for a null argument
  */
 TAVRIX_API int tavrix_jrpc_router_socket_extract_request(const int *listen_sock, int *client_out, json_t **request_out);
 
 /**
  * The second half: rewrites the caller's object in place and publishes it.
  *
- * @return 0; the publishing's status; -1 for a request without a method or with an id that is no string or number
+ * @param pub_sock the router's publisher
+ * @param request  the request object; it stays the caller's, its "id" becomes the reply channel
+ * @return 0; the publishing's status; -1 for a null argument, and for a request without a method or with an id that is
+ *         missing or no string or number
  */
 TAVRIX_API int tavrix_jrpc_router_mq_dispatch_request(const int *pub_sock, json_t *request);
 
 /**
  * The router's response path in one call: the next message on the subscriber goes to the client, unchanged.
  *
+ * @param sub_sock    the router's subscriber, on the reply channel
  * @param client_sock the client; closed in every case once the arguments are valid, and set to -1
- * @return 0; -20 for a null argument; the receive's status (-46 in time-out); -1
+ * @return 0; -20 for a null argument; the receive's status (-46 for a time-out); -1
  */
 TAVRIX_API int tavrix_jrpc_router_mq_to_socket(const int *sub_sock, int *client_sock);
 
 /**
  * The first half of the split response path: receives the next message and parses it.
  *
- * @return 0; the receive's status (-46 in time-out); -1
+ * @param sub_sock     the router's subscriber, on the reply channel
+ * @param response_out receives the response object; the caller releases it
+ * @return 0; the receive's status (-46 for a time-out); -1, also for a null argument
  */
 TAVRIX_API int tavrix_jrpc_router_mq_extract_response(const int *sub_sock, json_t **response_out);
 
-/** The second half: sends an object to the client, compact and ASCII only. Client and object stay the caller's. */
+/**
+ * The second half: sends an object to the client, compact and ASCII only.
+ *
+ * @param client_sock the client; it stays open
+ * @param response    the object; it stays the caller's
+ * @return 0; -1, also for a null argument
+ */
 TAVRIX_API int tavrix_jrpc_router_socket_dispatch_response(const int *client_sock, json_t *response);
 
 /**
  * Evaluates a notification to the router itself.
  *
- * @return 0; the handler's own value when it is not 0, a positive one too; -1 when it is malformed or has no handler
+ * @param notification the notification object, without an "id"; it stays the caller's
+ * @param table        the methods
+ * @return 0; the handler's own value when it is not 0, a positive one too; -1 when it is malformed or has no
+ *         handler, and for a null argument
  */
 TAVRIX_API int tavrix_jrpc_router_eval_notification(json_t *notification, const tavrix_jrpc_method *table);
 
 /**
  * Makes the answer of a busy system to a request.
  *
- * @param response_out receives the object; null when it cannot be made
- * @return 0; -1, also for an id that is no string
+ * @param request      the request object; it stays the caller's, its "transaction_id" is shared with the answer
+ * @param response_out receives the object, which the caller releases; null when it cannot be made
+ * @return 0; -1 for a null argument, for an id that is missing or no string, or without memory
  */
 TAVRIX_API int tavrix_jrpc_router_create_system_lock_response(json_t *request, json_t **response_out);
 
 /**
  * Makes the answer to a request whose reply did not come.
  *
- * @param id           the response's id
- * @param transaction_id always carried, 0 too
- * @param response_out receives the object; null when it cannot be made
+ * @param id             the response's "id"
+ * @param transaction_id the response's "transaction_id", 0 too
+ * @param response_out   receives the object, which the caller releases; null when it cannot be made
+ * @return 0; -1 for a null argument, for an id that is no UTF-8 text, or without memory
  */
 TAVRIX_API int tavrix_jrpc_router_create_system_timeout_response(const char *id, int transaction_id,
                                                                  json_t **response_out);

@@ -65,11 +65,29 @@ class PatternMemory {
 
 bool fail_calloc = false;
 
+// --- The pattern library's matching --------------------------------------------------------------------------------
+
+int jit_error = 0; ///< what a match by the JIT gives; 0: what it finds
+int matches = 0;
+
+bool uses_jit(const pcre_extra *extra) { return extra != nullptr && (extra->flags & PCRE_EXTRA_EXECUTABLE_JIT) != 0; }
+
 } // namespace
 
 extern "C" {
 void *__real_calloc(size_t count, size_t size);
 void *__wrap_calloc(size_t count, size_t size) { return fail_calloc ? nullptr : __real_calloc(count, size); }
+
+int __real_pcre_exec(const pcre *code, const pcre_extra *extra, const char *subject, int length, int start, int options,
+                     int *vector, int vector_size);
+int __wrap_pcre_exec(const pcre *code, const pcre_extra *extra, const char *subject, int length, int start, int options,
+                     int *vector, int vector_size) {
+    ++matches;
+    if (jit_error != 0 && uses_jit(extra)) {
+        return jit_error;
+    }
+    return __real_pcre_exec(code, extra, subject, length, start, options, vector, vector_size);
+}
 }
 
 // --- Regular expression --------------------------------------------------------------------------------------------
@@ -264,6 +282,39 @@ TEST(KeptPattern, IsMadeOnce) {
     EXPECT_EQ(live_blocks, 0);
     const PatternMemory none(0);
     EXPECT_EQ(validate_mzu_id("c1"), 0) << "needs no memory any more";
+}
+
+// --- The JIT -------------------------------------------------------------------------------------------------------
+
+TEST(KeptPattern, LeavesToTheInterpreterWhatTheJitGivesUpOn) {
+    int has_jit = 0;
+    ASSERT_EQ(pcre_config(PCRE_CONFIG_JIT, &has_jit), 0);
+    EXPECT_EQ(validate_d_port_id("d1"), 0);
+    const LogCapture log("debug");
+    for (const int failure : {PCRE_ERROR_JIT_STACKLIMIT, PCRE_ERROR_MATCHLIMIT, PCRE_ERROR_JIT_BADOPTION}) {
+        jit_error = failure;
+        matches = 0;
+        EXPECT_EQ(validate_d_port_id("d1"), 0) << failure;
+        EXPECT_EQ(validate_d_port_id("d5"), -2) << failure;
+        EXPECT_EQ(matches, has_jit != 0 ? 4 : 2) << "each value by the JIT, then by the interpreter";
+    }
+    jit_error = 0;
+    EXPECT_EQ(log.count(support::error, unit, "Error code received from pcre_exec: -8\n"), 0);
+    EXPECT_EQ(log.sequence().size(), 6U) << "one verdict for each value";
+}
+
+TEST(KeptPattern, UsesTheJitUpTo1024BytesOnly) {
+    const std::string longest(1024, 'x');
+    jit_error = PCRE_ERROR_JIT_STACKLIMIT;
+    int has_jit = 0;
+    ASSERT_EQ(pcre_config(PCRE_CONFIG_JIT, &has_jit), 0);
+    matches = 0;
+    EXPECT_EQ(validate_mzu_sw_upgrade_filename(longest.c_str()), 0);
+    EXPECT_EQ(matches, has_jit != 0 ? 2 : 1);
+    matches = 0;
+    EXPECT_EQ(validate_mzu_sw_upgrade_filename((longest + "x").c_str()), 0);
+    EXPECT_EQ(matches, 1) << "the interpreter at once";
+    jit_error = 0;
 }
 
 TEST(PatternOf, KnowsPatternFieldsOnly) {

@@ -21,6 +21,7 @@
 
 #include "internal/handles.h"
 #include "internal/log.h"
+#include "internal/tables.h"
 #include "tavrix_error.h"
 #include "tavrix_validation.h"
 
@@ -28,13 +29,11 @@ namespace {
 
 constexpr char unit_name[] = "tavrix_utils";
 
-constexpr size_t mac_entry_size = 20;
+constexpr size_t mac_entry_size = TAVRIX_MAC_TEXT_SIZE;
 constexpr size_t mac_text_length = 17;
-constexpr int mac_bytes = 6;
-constexpr int first_mac_capacity = 8;
-constexpr int max_listed_macs = 512;
+constexpr int mac_bytes = TAVRIX_MAC_SIZE;
+constexpr int32_t first_mac_capacity = 8;
 constexpr int ip_bytes = 4;
-constexpr int whole_unit_port = 32767;
 constexpr size_t port_id_limit = 14;
 constexpr int max_unit = 1000;
 constexpr int max_port = 999;
@@ -42,11 +41,11 @@ constexpr size_t max_stops = 11;
 constexpr int list_capacity = sizeof(tavrix_port_list::ports) / sizeof(tavrix_port_list::ports[0]);
 constexpr char digits[] = "0123456789";
 
-constexpr size_t command_output_size = 80;
+constexpr size_t command_output_size = TAVRIX_COMMAND_OUTPUT_SIZE;
 constexpr size_t md5_line_size = 255;
 constexpr size_t stats_command_size = 3201;
 constexpr size_t board_line_size = 256;
-constexpr int default_board_revision = 7;
+constexpr int default_board_revision = TAVRIX_DEFAULT_BOARD_REVISION;
 constexpr size_t dump_size = 10000;
 constexpr size_t dump_item_size = 5; // two blanks, two digits, a blank
 constexpr size_t system_log_size = 8001;
@@ -57,11 +56,26 @@ char to_upper(char c) { return static_cast<char>(std::toupper(static_cast<unsign
 char to_lower(char c) { return static_cast<char>(std::tolower(static_cast<unsigned char>(c))); }
 bool is_digit(char c) { return c >= '0' && c <= '9'; }
 
-bool is_quoted(const char *text, size_t length) { return length >= 2 && text[0] == '"' && text[length - 1] == '"'; }
+// A single quote character both begins and ends its text: meant.
+bool is_quoted(const char *text, size_t length) { return length > 0 && text[0] == '"' && text[length - 1] == '"'; }
 
 // --- Tokenizer -----------------------------------------------------------------------------------------------------
 
 const char *strparse_cursor = nullptr;
+
+// --- MAC vectors ---------------------------------------------------------------------------------------------------
+
+/** Doubles a vector's room; one that has none yet gets the first. When it fails the old entries stay. */
+bool grow(tavrix_mac_vector *vector) {
+    const int32_t capacity = vector->capacity > 0 ? vector->capacity * 2 : first_mac_capacity;
+    void *entries = std::realloc(vector->array->entries, static_cast<size_t>(capacity) * mac_entry_size);
+    if (entries == nullptr) {
+        return false;
+    }
+    vector->array->entries = static_cast<char(*)[mac_entry_size]>(entries);
+    vector->capacity = capacity;
+    return true;
+}
 
 // --- Port ids ------------------------------------------------------------------------------------------------------
 
@@ -94,7 +108,7 @@ int parse_single_number(int *unit, int *port, char prefix, int number) {
     if (is_d(prefix)) {
         return store_port_id(unit, port, 0, number);
     }
-    return is_c(prefix) ? store_port_id(unit, port, number, whole_unit_port) : TAVRIX_ERR_PARAMETER;
+    return is_c(prefix) ? store_port_id(unit, port, number, TAVRIX_WHOLE_UNIT_PORT) : TAVRIX_ERR_PARAMETER;
 }
 
 /** One item of a port line: "c2-1", "d1", with its blank before and its comma behind. */
@@ -130,7 +144,11 @@ class VersionReader {
   private:
     void read() {
         char *end = nullptr;
-        number_ = static_cast<int32_t>(static_cast<uint32_t>(std::strtoul(start_, &end, 10)));
+        const long long value = std::strtoll(start_, &end, 10);
+        // As strtoul reads it where long has 32 bits, so that every machine gives the same answer: what does not fit
+        // is the largest number, which is -1 as a signed one.
+        const bool fits = value >= -int64_t{UINT32_MAX} && value <= int64_t{UINT32_MAX};
+        number_ = static_cast<int32_t>(fits ? static_cast<uint32_t>(value) : UINT32_MAX);
         end_ = end;
     }
 
@@ -185,7 +203,19 @@ const char *const tavrix_mzu_model_strings[12] = {"unknown", "ZQN-E09",     "ZQN
                                                   "ZQN-E14", "Generic MZU", "ZQN-E15", "ZQN-E16", "ZQN-E17", nullptr};
 const char *const tavrix_secure_option_strings[4] = {"current", "enable", "disable", nullptr};
 
-// --- Addresses and identifiers -------------------------------------------------------------------------------------
+// Behind the last value stands the terminator.
+static_assert(tavrix::count_of(tavrix_state_troubled_strings) == TAVRIX_STATE_TROUBLED_TROUBLED + 2);
+static_assert(tavrix::count_of(tavrix_state_failed_strings) == TAVRIX_STATE_FAILED_FAILED + 2);
+static_assert(tavrix::count_of(tavrix_admin_status_strings) == TAVRIX_ADMIN_STATUS_ENABLE + 2);
+static_assert(tavrix::count_of(tavrix_port_status_strings) == TAVRIX_PORT_STATUS_ENABLE + 2);
+static_assert(tavrix::count_of(tavrix_poe_status_strings) == TAVRIX_POE_STATUS_UNSUPPORTED + 2);
+static_assert(tavrix::count_of(tavrix_link_status_strings) == TAVRIX_LINK_STATUS_OFFLINE + 2);
+static_assert(tavrix::count_of(tavrix_link_speed_strings) == TAVRIX_LINK_SPEED_1000_MBPS + 2);
+static_assert(tavrix::count_of(tavrix_vlan_mode_strings) == TAVRIX_VLAN_MODE_TRANS + 2);
+static_assert(tavrix::count_of(tavrix_mzu_model_strings) == TAVRIX_MZU_MODEL_ZQN_E17 + 2);
+static_assert(tavrix::count_of(tavrix_secure_option_strings) == TAVRIX_SECURE_OPTION_DISABLE + 2);
+
+// --- MAC addresses -------------------------------------------------------------------------------------------------
 
 int16_t tavrix_validate_and_format_mac_addr_string(char *text) {
     if (text == nullptr) {
@@ -249,7 +279,7 @@ int tavrix_mac_last_4_bytes_to_uint32_t(const unsigned char *bytes, uint32_t *ou
     return TAVRIX_OK;
 }
 
-int tavrix_get_num_macs_to_list(int n) { return std::min(n, max_listed_macs); }
+int tavrix_get_num_macs_to_list(int n) { return std::min(n, TAVRIX_MAX_LISTED_MACS); }
 
 int tavrix_mac_vector_init(tavrix_mac_vector *vector, tavrix_mac_array *array) {
     if (vector == nullptr || array == nullptr) {
@@ -268,19 +298,13 @@ int tavrix_mac_vector_init(tavrix_mac_vector *vector, tavrix_mac_array *array) {
 }
 
 int tavrix_mac_vector_insert(tavrix_mac_vector *vector, const void *source, int is_text) {
-    if (vector == nullptr || source == nullptr) {
+    if (vector == nullptr || source == nullptr || vector->array == nullptr) {
         return TAVRIX_ERR_NULL_INPUT;
     }
     tavrix_mac_array *array = vector->array;
-    if (array->count == vector->capacity) {
-        const size_t size = static_cast<size_t>(vector->capacity) * 2 * mac_entry_size;
-        void *grown = std::realloc(array->entries, size);
-        if (grown == nullptr) {
-            static_cast<void>(tavrix_terminate_process());
-            return TAVRIX_ERR_GENERAL;
-        }
-        array->entries = static_cast<char(*)[mac_entry_size]>(grown);
-        vector->capacity *= 2;
+    if (array->count >= vector->capacity && !grow(vector)) {
+        static_cast<void>(tavrix_terminate_process());
+        return TAVRIX_ERR_GENERAL;
     }
     char *entry = array->entries[array->count];
     if (is_text == 1) {
@@ -305,6 +329,8 @@ void tavrix_free_port_macs_array(tavrix_port_macs *entries, int count) {
     std::free(entries);
 }
 
+// --- IPv4 ----------------------------------------------------------------------------------------------------------
+
 int tavrix_tokenize_ip_address(unsigned char *out, const char *text, int out_len) {
     if (out == nullptr || text == nullptr) {
         return TAVRIX_ERR_NULL_INPUT;
@@ -322,6 +348,8 @@ int tavrix_tokenize_ip_address(unsigned char *out, const char *text, int out_len
     }
     return TAVRIX_OK;
 }
+
+// --- Port and unit ids ---------------------------------------------------------------------------------------------
 
 int tavrix_create_port_id_str(char *out, size_t out_size, int unit, int port) {
     if (out == nullptr) {
@@ -409,6 +437,8 @@ int tavrix_port_str_create(const tavrix_port_list *list, int *cursor, char *out,
 
 bool tavrix_mzu_is_online(const tavrix_mzu_record *record) { return record->connection_state > 0; }
 
+// --- Versions ------------------------------------------------------------------------------------------------------
+
 int tavrix_utils_sw_version_strcmp(const char *a, const char *b) {
     if (tavrix_check_for_null(2, a, b) != TAVRIX_OK) {
         return TAVRIX_ERR_NULL_INPUT;
@@ -426,7 +456,7 @@ int tavrix_utils_sw_version_strcmp(const char *a, const char *b) {
     return 0;
 }
 
-// --- Strings -------------------------------------------------------------------------------------------------------
+// --- Null test and strings -----------------------------------------------------------------------------------------
 
 int tavrix_check_for_null(int count, ...) {
     va_list args;
@@ -522,6 +552,8 @@ int tavrix_cli_desc_parse(const char *text, char *out) {
     return TAVRIX_OK;
 }
 
+// --- Enumerations --------------------------------------------------------------------------------------------------
+
 int tavrix_enum_to_str(char *out, size_t out_size, int value, const char *const *table) {
     if (tavrix_check_for_null(2, out, table) != TAVRIX_OK) {
         return TAVRIX_ERR_PARAMETER;
@@ -551,7 +583,7 @@ int tavrix_str_to_enum(int *out, const char *text, const char *const *table) {
 // --- Shell and files -----------------------------------------------------------------------------------------------
 
 int mw_exec_command_line(const char *command, char *out) {
-    const tavrix::Pipe pipe = run_command(command);
+    const tavrix::Pipe pipe = command != nullptr && out != nullptr ? run_command(command) : nullptr;
     if (!pipe) {
         LOG_ERROR("Popen error.\n");
         return 1;
@@ -564,7 +596,7 @@ int mw_exec_command_line(const char *command, char *out) {
 
 int file_exists(const char *path) {
     struct stat status {};
-    return stat(path, &status) == 0 ? 1 : 0;
+    return path != nullptr && stat(path, &status) == 0 ? 1 : 0;
 }
 
 char *tavrix_file_stats(const char *path, const char *filter1, const char *filter2, int column) {

@@ -1,14 +1,19 @@
+/*
+ * Texts: the tokenizer with its hidden cursor, digits, letter case, quotes.
+ */
 #include <cstring>
-#include <iterator>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "support/log_capture.h"
+#include "support/params.h"
 #include "tavrix_utils.h"
 
+using support::Buffer;
 using support::LogCapture;
+using Lines = std::vector<std::string>;
 
 namespace {
 
@@ -25,7 +30,12 @@ Piece next(const char *text, const char *stops) {
     return {rc, out};
 }
 
+/** What is in the buffer, terminators included. */
+std::string bytes_of(Buffer &buffer) { return {buffer.get(), buffer.size()}; }
+
 } // namespace
+
+// --- Tokenizer ---
 
 TEST(Strparse, GoesThroughATextWithoutSkippingItsStops) {
     EXPECT_EQ(next("ab,cd;ef", ",;").text, "ab");
@@ -36,225 +46,260 @@ TEST(Strparse, GoesThroughATextWithoutSkippingItsStops) {
     EXPECT_EQ(next(nullptr, "x").text, "untouched");
 }
 
-TEST(Strparse, StopsAtNewlinesAndEnds) {
+TEST(Strparse, StopsAtTheFirstOfSeveralStops) {
+    EXPECT_EQ(next("a;b,c", ",;").text, "a");
+    EXPECT_EQ(next("a,b;c", ",;").text, "a");
+}
+
+TEST(Strparse, AlwaysStopsAtANewline) {
     EXPECT_EQ(next("one\ntwo", "").text, "one");
-    EXPECT_EQ(next("", ",").rc, 0);
-    EXPECT_EQ(next(nullptr, ",").rc, 1);
+    EXPECT_EQ(next(nullptr, "w").text, "") << "the newline stops the next call too";
+    EXPECT_EQ(next(nullptr, "w").rc, 0);
+    EXPECT_EQ(next("one\ntwo", "abcdfghijkl").text, "one") << "with as many stops as there can be";
+    EXPECT_EQ(next("one\ntwo", "abcdfghijklm").text, "one") << "and with more";
+}
+
+TEST(Strparse, EndsWithTheText) {
     EXPECT_EQ(next("no stop", ",").text, "no stop");
     EXPECT_EQ(next(nullptr, ",").rc, 1);
+    EXPECT_EQ(next("last,", ",").text, "last");
+    EXPECT_EQ(next(nullptr, "").text, ",");
+    EXPECT_EQ(next(nullptr, "").rc, 1);
+}
+
+TEST(Strparse, TakesAnEmptyTextOnce) {
+    const Piece piece = next("", ",");
+    EXPECT_EQ(piece.rc, 0);
+    EXPECT_EQ(piece.text, "");
+    EXPECT_EQ(next(nullptr, ",").rc, 1);
+}
+
+TEST(Strparse, BeginsAnewWithAText) {
+    EXPECT_EQ(next("ab,cd", ",").text, "ab");
+    EXPECT_EQ(next("xy,z", ",").text, "xy");
+    EXPECT_EQ(next(nullptr, "").text, ",z");
 }
 
 TEST(Strparse, CountsElevenStops) {
-    EXPECT_EQ(next("xyzlk", "abcdefghijkl").text, "xyzl") << "the twelfth stop does not count, the eleventh does";
+    EXPECT_EQ(next("xyzk", "abcdefghijk").text, "xyz") << "the eleventh counts";
+    EXPECT_EQ(next("xyzlk", "abcdefghijkl").text, "xyzl") << "the twelfth does not";
     EXPECT_EQ(next("xyz", std::string(100, 'z').c_str()).text, "xy");
 }
 
+TEST(Strparse, TakesBytesOfAnyValue) {
+    EXPECT_EQ(next("\xc3\xa4,\xff", ",").text, "\xc3\xa4");
+    EXPECT_EQ(next("ab\xff"
+                   "cd",
+                   "\xff")
+                  .text,
+              "ab");
+}
+
 TEST(Strparse, RefusesNullPlacesAndKeepsItsCursor) {
-    char out[8];
+    char out[8] = "kept";
     EXPECT_EQ(next("a,b", ",").text, "a");
     EXPECT_EQ(strparse("zzz", nullptr, out), -4);
     EXPECT_EQ(strparse("zzz", ",", nullptr), -4);
+    EXPECT_STREQ(out, "kept");
     EXPECT_EQ(next(nullptr, "x").text, ",b");
 }
 
+TEST(Strparse, SharesItsCursorWithThePortIdParser) {
+    int unit_number = 0;
+    int port = 0;
+    EXPECT_EQ(next("a,b", ",").text, "a");
+    EXPECT_EQ(tavrix_parse_mzu_port_id(&unit_number, &port, "c1\nmore"), 0);
+    EXPECT_EQ(next(nullptr, "").text, "") << "stands at the newline in the port id now";
+    EXPECT_EQ(next("a,b", ",").text, "a");
+    EXPECT_EQ(tavrix_parse_mzu_port_id(&unit_number, &port, "c1-2"), 0);
+    EXPECT_EQ(next(nullptr, "").rc, 1) << "the port id was read to its end";
+}
+
+// --- Digits and letter case ---
+
 TEST(IsDigits, AcceptsOnlyDecimalDigits) {
     EXPECT_EQ(isdigits("0123456789"), 1);
+    EXPECT_EQ(isdigits("7"), 1);
     EXPECT_EQ(isdigits(""), 1);
-    for (const char *text : {"1a", "-1", " 1", "1.0", "\xb2", "\xff"}) {
+    for (const char *text : {"1a", "a1", "-1", "+1", " 1", "1 ", "1.0", "1\n", "/", ":", "\xb2", "1\xff", "\xd9\xa1"}) {
         EXPECT_EQ(isdigits(text), 0) << text;
     }
 }
 
-TEST(LowerCase, FillsItsBuffer) {
-    char out[8];
-    std::memset(out, '~', sizeof out);
-    EXPECT_EQ(tavrix_to_lower_case(out, 6, "AbC"), 0);
-    EXPECT_EQ(std::string(out, 8), std::string("abc\0\0\0~~", 8));
-    EXPECT_EQ(tavrix_to_lower_case(out, 4, "ABCDEF"), 0);
-    EXPECT_STREQ(out, "abc");
-    EXPECT_EQ(tavrix_to_lower_case(out, 1, "ABC"), 0);
-    EXPECT_STREQ(out, "");
-    out[0] = '~';
-    EXPECT_EQ(tavrix_to_lower_case(out, 0, "ABC"), 0);
-    EXPECT_EQ(out[0], '~');
+TEST(LowerCase, ClearsItsBufferAndCopies) {
+    Buffer out(8);
+    EXPECT_EQ(tavrix_to_lower_case(out.get(), out.size(), "AbC"), 0);
+    EXPECT_EQ(bytes_of(out), std::string("abc\0\0\0\0\0", 8));
+}
+
+TEST(LowerCase, CopiesOneCharacterLessThanItsBufferHolds) {
+    const struct {
+        size_t size;
+        const char *copied;
+    } rows[] = {{8, "abcdef"}, {7, "abcdef"}, {6, "abcde"}, {2, "a"}, {1, ""}};
+    for (const auto &row : rows) {
+        Buffer out(row.size);
+        EXPECT_EQ(tavrix_to_lower_case(out.get(), row.size, "ABCDEF"), 0);
+        EXPECT_EQ(out.text(), row.copied);
+    }
+    Buffer none(4);
+    EXPECT_EQ(tavrix_to_lower_case(none.get(), 0, "ABC"), 0);
+    EXPECT_TRUE(none.untouched());
+}
+
+TEST(LowerCase, ChangesLettersOnly) {
+    Buffer out(32);
+    EXPECT_EQ(tavrix_to_lower_case(out.get(), out.size(), "AZaz09@[`{-_ \xc4\x80\xff"), 0);
+    EXPECT_EQ(out.text(), "azaz09@[`{-_ \xc4\x80\xff");
+}
+
+TEST(LowerCase, RefusesNull) {
+    char out[4] = "old";
     EXPECT_EQ(tavrix_to_lower_case(nullptr, 4, "A"), -4);
     EXPECT_EQ(tavrix_to_lower_case(out, 4, nullptr), -4);
+    EXPECT_STREQ(out, "old");
 }
 
 TEST(UpperCase, StopsAtItsLimitOrTheEnd) {
-    char text[] = "abcdef";
-    EXPECT_EQ(tavrix_to_upper_case(text, 3), 0);
-    EXPECT_STREQ(text, "ABCdef");
-    EXPECT_EQ(tavrix_to_upper_case(text, 100), 0);
-    EXPECT_STREQ(text, "ABCDEF");
-    char other[] = "abc";
-    EXPECT_EQ(tavrix_to_upper_case(other, 0), 0);
-    EXPECT_EQ(tavrix_to_upper_case(other, -1), 0);
-    EXPECT_STREQ(other, "abc");
-    const LogCapture log("verbose");
-    EXPECT_EQ(tavrix_to_upper_case(nullptr, 3), -4);
-    EXPECT_EQ(log.sequence(), std::vector<std::string>{"VERB |Received null value for tavrix_to_upper_case"});
+    const struct {
+        int max;
+        const char *changed;
+    } rows[] = {{0, "abcdef"},  {-1, "abcdef"}, {1, "Abcdef"},  {3, "ABCdef"},
+                {5, "ABCDEf"}, {6, "ABCDEF"},  {100, "ABCDEF"}};
+    for (const auto &row : rows) {
+        char text[] = "abcdef\0hidden";
+        EXPECT_EQ(tavrix_to_upper_case(text, row.max), 0);
+        EXPECT_STREQ(text, row.changed) << row.max;
+        EXPECT_STREQ(text + 7, "hidden") << "what stands behind the end is left alone";
+    }
 }
 
-TEST(UpperCase, ReturnsTheLengthOfAWholeText) {
+TEST(UpperCase, ChangesLettersOnly) {
+    char text[] = "AZaz09@[`{-_ \xe4\x80\xff";
+    EXPECT_EQ(tavrix_to_upper_case(text, 100), 0);
+    EXPECT_STREQ(text, "AZAZ09@[`{-_ \xe4\x80\xff");
+}
+
+TEST(UpperCase, RefusesNullAndSaysSoAtVerboseOnly) {
+    {
+        const LogCapture log("verbose");
+        EXPECT_EQ(tavrix_to_upper_case(nullptr, 3), -4);
+        EXPECT_EQ(log.sequence(), Lines{"VERB |Received null value for tavrix_to_upper_case"});
+        EXPECT_EQ(log.lines().front().file, unit);
+    }
+    const LogCapture log("debug");
+    EXPECT_EQ(tavrix_to_upper_case(nullptr, 3), -4);
+    EXPECT_TRUE(log.silent());
+}
+
+TEST(WholeUpperCase, ReturnsTheTextsLength) {
     char text[] = "ab-1\xe4z";
     EXPECT_EQ(tavrix_str_to_upper(text), 6);
     EXPECT_STREQ(text, "AB-1\xe4Z");
     char empty[] = "";
     EXPECT_EQ(tavrix_str_to_upper(empty), 0);
+    EXPECT_STREQ(empty, "");
 }
 
-TEST(Quotes, AreTakenOffAtTheBeginningOnly) {
+// --- Quotes ---
+
+TEST(SurroundingQuotes, LoseTheOpeningOneOnly) {
     const struct {
         const char *text;
         const char *copied;
     } rows[] = {
-        {"\"abc\"", "abc\""}, {"abc", "abc"}, {"\"abc", "\"abc"}, {"abc\"", "abc\""},
-        {"\"\"", "\""},       {"\"", "\""},   {"", ""},
+        {R"("abc")", R"(abc")"}, {"abc", "abc"},          {R"("abc)", R"("abc)"}, {R"(abc")", R"(abc")"},
+        {R"(a"c)", R"(a"c)"},    {R"("a"b")", R"(a"b")"}, {R"("")", R"(")"},      {R"(""")", R"("")"},
+        {"'abc'", "'abc'"},      {"", ""},
     };
     for (const auto &row : rows) {
-        char out[8];
-        std::memset(out, '~', sizeof out);
-        EXPECT_EQ(tavrix_remove_surrounding_quotes(row.text, out, 7), 0);
-        EXPECT_STREQ(out, row.copied) << row.text;
-        EXPECT_EQ(out[7], '~');
+        Buffer out(10);
+        EXPECT_EQ(tavrix_remove_surrounding_quotes(row.text, out.get(), out.size()), 0);
+        EXPECT_EQ(out.text(), row.copied) << row.text;
+        EXPECT_TRUE(out.cleared_behind_text()) << row.text;
     }
 }
 
-TEST(Quotes, AreCopiedUpToTheBuffersSize) {
-    char out[8];
-    std::memset(out, '~', sizeof out);
-    EXPECT_EQ(tavrix_remove_surrounding_quotes("abcdef", out, 4), 0);
-    EXPECT_EQ(std::string(out, 8), "abcd~~~~") << "no terminator when it fills";
-    EXPECT_EQ(tavrix_remove_surrounding_quotes("\"abcdef\"", out, 3), 0);
-    EXPECT_EQ(std::string(out, 4), "abcd");
+TEST(SurroundingQuotes, LeaveNothingOfASingleQuoteCharacter) {
+    Buffer out(4);
+    EXPECT_EQ(tavrix_remove_surrounding_quotes("\"", out.get(), out.size()), 0);
+    EXPECT_EQ(bytes_of(out), std::string(4, '\0')) << "it begins and ends the text; the characters behind it are none";
+}
+
+TEST(SurroundingQuotes, LeaveNoTerminatorInABufferThatFills) {
+    const struct {
+        const char *text;
+        size_t size;
+        std::string bytes;
+    } rows[] = {
+        {"abcdef", 7, std::string("abcdef\0", 7)},
+        {"abcdef", 6, "abcdef"},
+        {"abcdef", 4, "abcd"},
+        {R"("abc")", 5, std::string("abc\"\0", 5)},
+        {R"("abc")", 4, "abc\""},
+        {R"("abc")", 3, "abc"},
+        {R"("abc")", 1, "a"},
+        {R"("abc")", 0, ""},
+        {"abc", 0, ""},
+    };
+    for (const auto &row : rows) {
+        Buffer out(row.size);
+        EXPECT_EQ(tavrix_remove_surrounding_quotes(row.text, out.get(), row.size), 0);
+        EXPECT_EQ(bytes_of(out), row.bytes) << row.text << " in " << row.size;
+    }
+}
+
+TEST(SurroundingQuotes, RefuseNull) {
+    char out[4] = "old";
     EXPECT_EQ(tavrix_remove_surrounding_quotes(nullptr, out, 4), -4);
     EXPECT_EQ(tavrix_remove_surrounding_quotes("a", nullptr, 4), -4);
+    EXPECT_STREQ(out, "old");
 }
 
 TEST(Description, LosesItsOpeningQuoteWhenThereAreJustTwo) {
     const struct {
         const char *text;
-        std::string copied; ///< with what stays behind it
+        std::string bytes; ///< with what stays behind the copy
     } rows[] = {
-        {"\"abc\"", "abc\"~~"},
+        {R"("abc")", "abc\"~~"},
+        {R"("")", "\"~~~~~"},
         {"abc", std::string("abc\0~~", 6)},
-        {"\"a\"b\"", std::string("\"a\"b\"\0", 6)},
-        {"\"", std::string("\"\0~~~~", 6)},
-        {"\"\"", "\"~~~~~"},
+        {R"("a"b")", std::string("\"a\"b\"\0", 6)},
+        {R"(""")", std::string("\"\"\"\0~~", 6)},
+        {R"(")", std::string("\"\0~~~~", 6)},
+        {R"("ab)", std::string("\"ab\0~~", 6)},
+        {R"(ab")", std::string("ab\"\0~~", 6)},
+        {R"(a"b"c)", std::string("a\"b\"c\0", 6)},
+        {"", std::string("\0~~~~~", 6)},
     };
     for (const auto &row : rows) {
-        char out[16];
-        std::memset(out, '~', sizeof out);
-        EXPECT_EQ(tavrix_cli_desc_parse(row.text, out), 0);
-        EXPECT_EQ(std::string(out, 6), row.copied) << row.text;
+        Buffer out(6);
+        EXPECT_EQ(tavrix_cli_desc_parse(row.text, out.get()), 0);
+        EXPECT_EQ(bytes_of(out), row.bytes) << row.text;
     }
-    char out[4];
+}
+
+TEST(Description, RefusesNull) {
+    char out[4] = "old";
     EXPECT_EQ(tavrix_cli_desc_parse(nullptr, out), -4);
     EXPECT_EQ(tavrix_cli_desc_parse("a", nullptr), -4);
+    EXPECT_STREQ(out, "old");
 }
 
-// --- Enumerations ---
-
-namespace {
-
-struct Table {
-    const char *name;
-    const char *const *words;
-    size_t extent;
-    std::vector<std::string> expected;
-};
-
-const std::vector<Table> &tables() {
-    static const std::vector<Table> all = {
-        {"troubled",
-         tavrix_state_troubled_strings,
-         std::size(tavrix_state_troubled_strings),
-         {"disabled", "enabled", "troubled"}},
-        {"failed",
-         tavrix_state_failed_strings,
-         std::size(tavrix_state_failed_strings),
-         {"disabled", "enabled", "failed"}},
-        {"admin", tavrix_admin_status_strings, std::size(tavrix_admin_status_strings), {"disable", "enable"}},
-        {"port", tavrix_port_status_strings, std::size(tavrix_port_status_strings), {"disable", "enable"}},
-        {"poe",
-         tavrix_poe_status_strings,
-         std::size(tavrix_poe_status_strings),
-         {"unknown", "disabled", "enabled", "offline", "unsupported"}},
-        {"link",
-         tavrix_link_status_strings,
-         std::size(tavrix_link_status_strings),
-         {"unknown", "down", "up", "offline"}},
-        {"speed",
-         tavrix_link_speed_strings,
-         std::size(tavrix_link_speed_strings),
-         {"unknown", "offline", "N/A", "unsupported", "10 Mbps", "100 Mbps", "1000 Mbps"}},
-        {"vlan",
-         tavrix_vlan_mode_strings,
-         std::size(tavrix_vlan_mode_strings),
-         {"unknown", "local", "access", "trunk", "trans"}},
-        {"model",
-         tavrix_mzu_model_strings,
-         std::size(tavrix_mzu_model_strings),
-         {"unknown", "ZQN-E09", "ZQN-E10", "ZQN-E11", "ZQN-E12", "ZQN-E13", "ZQN-E14", "Generic MZU", "ZQN-E15",
-          "ZQN-E16", "ZQN-E17"}},
-        {"secure",
-         tavrix_secure_option_strings,
-         std::size(tavrix_secure_option_strings),
-         {"current", "enable", "disable"}},
-    };
-    return all;
-}
-
-} // namespace
-
-TEST(Enumerations, MapEveryWordBothWays) {
-    for (const Table &table : tables()) {
-        ASSERT_EQ(table.extent, table.expected.size() + 1) << table.name;
-        EXPECT_EQ(table.words[table.expected.size()], nullptr) << table.name;
-        for (size_t i = 0; i < table.expected.size(); ++i) {
-            const int value = static_cast<int>(i);
-            char word[20] = "";
-            EXPECT_EQ(tavrix_enum_to_str(word, sizeof word, value, table.words), 0);
-            EXPECT_EQ(word, table.expected[i]) << table.name;
-            int back = -77;
-            EXPECT_EQ(tavrix_str_to_enum(&back, table.expected[i].c_str(), table.words), 0);
-            EXPECT_EQ(back, value) << table.name;
-        }
-    }
-}
-
-TEST(Enumerations, CompareWordsExactly) {
-    int value = -77;
+TEST(StringHelpers, LogNothingElse) {
     const LogCapture log("verbose");
-    EXPECT_EQ(tavrix_str_to_enum(&value, "Up", tavrix_link_status_strings), -1);
-    EXPECT_EQ(value, -77);
-    EXPECT_EQ(tavrix_str_to_enum(&value, "up", tavrix_link_status_strings), 0);
-    EXPECT_EQ(log.sequence(), (std::vector<std::string>{
-                                  "VERB |Unable to map string <Up> to enum value",
-                                  "VERB |Mapped string <up> to enum value <2>",
-                              }));
-    EXPECT_EQ(log.lines().front().file, unit);
-}
-
-TEST(Enumerations, CutAWordToItsBuffer) {
-    char word[8];
-    std::memset(word, '~', sizeof word);
-    const LogCapture log("verbose");
-    EXPECT_EQ(tavrix_enum_to_str(word, 4, 2, tavrix_secure_option_strings), 0);
-    EXPECT_EQ(std::string(word, 8), std::string("dis\0~~~~", 8));
-    EXPECT_EQ(log.sequence(), std::vector<std::string>{"VERB |Mapped enum value <2> to string <disable>"});
-    EXPECT_EQ(tavrix_enum_to_str(word, 0, 2, tavrix_secure_option_strings), 0);
-    EXPECT_EQ(tavrix_enum_to_str(word, 4, 3, tavrix_secure_option_strings), 0) << "the terminator reads as no word";
-    EXPECT_STREQ(word, "");
-}
-
-TEST(Enumerations, RefuseNull) {
-    char word[8];
-    int value = 0;
-    EXPECT_EQ(tavrix_enum_to_str(nullptr, 8, 0, tavrix_link_status_strings), -4);
-    EXPECT_EQ(tavrix_enum_to_str(word, 8, 0, nullptr), -4);
-    EXPECT_EQ(tavrix_str_to_enum(nullptr, "up", tavrix_link_status_strings), -4);
-    EXPECT_EQ(tavrix_str_to_enum(&value, nullptr, tavrix_link_status_strings), -4);
-    EXPECT_EQ(tavrix_str_to_enum(&value, "up", nullptr), -4);
+    char out[16];
+    char text[] = "abc";
+    next("a,b", ",");
+    isdigits("1");
+    tavrix_to_lower_case(out, sizeof out, "A");
+    tavrix_to_upper_case(text, 3);
+    tavrix_str_to_upper(text);
+    tavrix_remove_surrounding_quotes("\"a\"", out, sizeof out);
+    tavrix_cli_desc_parse("a", out);
+    tavrix_remove_surrounding_quotes(nullptr, out, sizeof out);
+    tavrix_cli_desc_parse(nullptr, out);
+    tavrix_to_lower_case(nullptr, 1, "A");
+    strparse(nullptr, nullptr, out);
+    EXPECT_TRUE(log.silent()) << log.text();
 }

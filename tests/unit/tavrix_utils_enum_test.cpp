@@ -1,0 +1,317 @@
+/*
+ * The words of the enumerations: each table, its enumerators, and the two ways between value and word.
+ */
+#include <cstddef>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "support/log_capture.h"
+#include "support/params.h"
+#include "tavrix_lsyslog.h"
+#include "tavrix_utils.h"
+#include "tavrix_validation.h"
+
+using support::Buffer;
+using support::LogCapture;
+using Lines = std::vector<std::string>;
+
+namespace {
+
+constexpr char unit[] = "tavrix_utils";
+constexpr int untouched = -77;
+
+struct Table {
+    const char *name;
+    const char *const *words;
+    size_t extent;
+    std::vector<std::string> expected;
+};
+
+void PrintTo(const Table &table, std::ostream *out) { *out << table.name; }
+
+template <size_t Extent>
+Table table_of(const char *name, const char *const (&words)[Extent], const std::vector<std::string> &expected) {
+    return {name, words, Extent, expected};
+}
+
+std::vector<Table> tables() {
+    return {
+        table_of("Troubled", tavrix_state_troubled_strings, {"disabled", "enabled", "troubled"}),
+        table_of("Failed", tavrix_state_failed_strings, {"disabled", "enabled", "failed"}),
+        table_of("AdminStatus", tavrix_admin_status_strings, {"disable", "enable"}),
+        table_of("PortStatus", tavrix_port_status_strings, {"disable", "enable"}),
+        table_of("PoeStatus", tavrix_poe_status_strings, {"unknown", "disabled", "enabled", "offline", "unsupported"}),
+        table_of("LinkStatus", tavrix_link_status_strings, {"unknown", "down", "up", "offline"}),
+        table_of("LinkSpeed", tavrix_link_speed_strings,
+                 {"unknown", "offline", "N/A", "unsupported", "10 Mbps", "100 Mbps", "1000 Mbps"}),
+        table_of("VlanMode", tavrix_vlan_mode_strings, {"unknown", "local", "access", "trunk", "trans"}),
+        table_of("MzuModel", tavrix_mzu_model_strings,
+                 {"unknown", "ZQN-E09", "ZQN-E10", "ZQN-E11", "ZQN-E12", "ZQN-E13", "ZQN-E14", "Generic MZU", "ZQN-E15",
+                  "ZQN-E16", "ZQN-E17"}),
+        table_of("SecureOption", tavrix_secure_option_strings, {"current", "enable", "disable"}),
+    };
+}
+
+std::string word_of(int value, const char *const *table) {
+    char word[32] = "";
+    EXPECT_EQ(tavrix_enum_to_str(word, sizeof word, value, table), 0);
+    return word;
+}
+
+int value_of(const std::string &word, const char *const *table) {
+    int value = untouched;
+    EXPECT_EQ(tavrix_str_to_enum(&value, word.c_str(), table), 0) << word;
+    return value;
+}
+
+bool lacks(const char *const *table, const std::string &word) {
+    int value = untouched;
+    return tavrix_str_to_enum(&value, word.c_str(), table) == -1 && value == untouched;
+}
+
+class EnumerationTable : public testing::TestWithParam<Table> {};
+
+} // namespace
+
+TEST_P(EnumerationTable, HoldsItsWordsInOrderAndThenNull) {
+    const Table &table = GetParam();
+    ASSERT_EQ(table.extent, table.expected.size() + 1);
+    for (size_t i = 0; i < table.expected.size(); ++i) {
+        EXPECT_EQ(table.words[i], table.expected[i]) << i;
+    }
+    EXPECT_EQ(table.words[table.expected.size()], nullptr);
+}
+
+TEST_P(EnumerationTable, MapsEveryWordBothWays) {
+    const Table &table = GetParam();
+    for (size_t i = 0; i < table.expected.size(); ++i) {
+        const int value = static_cast<int>(i);
+        EXPECT_EQ(word_of(value, table.words), table.expected[i]);
+        EXPECT_EQ(value_of(table.expected[i], table.words), value);
+    }
+}
+
+TEST_P(EnumerationTable, LacksWordsThatAreOnlyAlmostItsOwn) {
+    const Table &table = GetParam();
+    EXPECT_TRUE(lacks(table.words, ""));
+    for (const std::string &word : table.expected) {
+        std::string other_case = word;
+        other_case[0] = static_cast<char>(other_case[0] ^ 0x20);
+        EXPECT_TRUE(lacks(table.words, other_case)) << other_case;
+        EXPECT_TRUE(lacks(table.words, word + " ")) << word;
+        EXPECT_TRUE(lacks(table.words, " " + word)) << word;
+        EXPECT_TRUE(lacks(table.words, word + "x")) << word;
+        EXPECT_TRUE(lacks(table.words, word.substr(0, 1))) << word;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Tables, EnumerationTable, testing::ValuesIn(tables()),
+                         [](const testing::TestParamInfo<Table> &row) { return std::string(row.param.name); });
+
+TEST(Enumerators, AreThePositionsOfTheirWords) {
+    const struct {
+        const char *const *table;
+        int value;
+        const char *word;
+    } rows[] = {
+        {tavrix_state_troubled_strings, TAVRIX_STATE_TROUBLED_DISABLED, "disabled"},
+        {tavrix_state_troubled_strings, TAVRIX_STATE_TROUBLED_ENABLED, "enabled"},
+        {tavrix_state_troubled_strings, TAVRIX_STATE_TROUBLED_TROUBLED, "troubled"},
+        {tavrix_state_failed_strings, TAVRIX_STATE_FAILED_DISABLED, "disabled"},
+        {tavrix_state_failed_strings, TAVRIX_STATE_FAILED_ENABLED, "enabled"},
+        {tavrix_state_failed_strings, TAVRIX_STATE_FAILED_FAILED, "failed"},
+        {tavrix_admin_status_strings, TAVRIX_ADMIN_STATUS_DISABLE, "disable"},
+        {tavrix_admin_status_strings, TAVRIX_ADMIN_STATUS_ENABLE, "enable"},
+        {tavrix_port_status_strings, TAVRIX_PORT_STATUS_DISABLE, "disable"},
+        {tavrix_port_status_strings, TAVRIX_PORT_STATUS_ENABLE, "enable"},
+        {tavrix_poe_status_strings, TAVRIX_POE_STATUS_UNKNOWN, "unknown"},
+        {tavrix_poe_status_strings, TAVRIX_POE_STATUS_DISABLED, "disabled"},
+        {tavrix_poe_status_strings, TAVRIX_POE_STATUS_ENABLED, "enabled"},
+        {tavrix_poe_status_strings, TAVRIX_POE_STATUS_OFFLINE, "offline"},
+        {tavrix_poe_status_strings, TAVRIX_POE_STATUS_UNSUPPORTED, "unsupported"},
+        {tavrix_link_status_strings, TAVRIX_LINK_STATUS_UNKNOWN, "unknown"},
+        {tavrix_link_status_strings, TAVRIX_LINK_STATUS_DOWN, "down"},
+        {tavrix_link_status_strings, TAVRIX_LINK_STATUS_UP, "up"},
+        {tavrix_link_status_strings, TAVRIX_LINK_STATUS_OFFLINE, "offline"},
+        {tavrix_link_speed_strings, TAVRIX_LINK_SPEED_UNKNOWN, "unknown"},
+        {tavrix_link_speed_strings, TAVRIX_LINK_SPEED_OFFLINE, "offline"},
+        {tavrix_link_speed_strings, TAVRIX_LINK_SPEED_NOT_APPLICABLE, "N/A"},
+        {tavrix_link_speed_strings, TAVRIX_LINK_SPEED_UNSUPPORTED, "unsupported"},
+        {tavrix_link_speed_strings, TAVRIX_LINK_SPEED_10_MBPS, "10 Mbps"},
+        {tavrix_link_speed_strings, TAVRIX_LINK_SPEED_100_MBPS, "100 Mbps"},
+        {tavrix_link_speed_strings, TAVRIX_LINK_SPEED_1000_MBPS, "1000 Mbps"},
+        {tavrix_vlan_mode_strings, TAVRIX_VLAN_MODE_UNKNOWN, "unknown"},
+        {tavrix_vlan_mode_strings, TAVRIX_VLAN_MODE_LOCAL, "local"},
+        {tavrix_vlan_mode_strings, TAVRIX_VLAN_MODE_ACCESS, "access"},
+        {tavrix_vlan_mode_strings, TAVRIX_VLAN_MODE_TRUNK, "trunk"},
+        {tavrix_vlan_mode_strings, TAVRIX_VLAN_MODE_TRANS, "trans"},
+        {tavrix_mzu_model_strings, TAVRIX_MZU_MODEL_UNKNOWN, "unknown"},
+        {tavrix_mzu_model_strings, TAVRIX_MZU_MODEL_ZQN_E09, "ZQN-E09"},
+        {tavrix_mzu_model_strings, TAVRIX_MZU_MODEL_ZQN_E10, "ZQN-E10"},
+        {tavrix_mzu_model_strings, TAVRIX_MZU_MODEL_ZQN_E11, "ZQN-E11"},
+        {tavrix_mzu_model_strings, TAVRIX_MZU_MODEL_ZQN_E12, "ZQN-E12"},
+        {tavrix_mzu_model_strings, TAVRIX_MZU_MODEL_ZQN_E13, "ZQN-E13"},
+        {tavrix_mzu_model_strings, TAVRIX_MZU_MODEL_ZQN_E14, "ZQN-E14"},
+        {tavrix_mzu_model_strings, TAVRIX_MZU_MODEL_GENERIC, "Generic MZU"},
+        {tavrix_mzu_model_strings, TAVRIX_MZU_MODEL_ZQN_E15, "ZQN-E15"},
+        {tavrix_mzu_model_strings, TAVRIX_MZU_MODEL_ZQN_E16, "ZQN-E16"},
+        {tavrix_mzu_model_strings, TAVRIX_MZU_MODEL_ZQN_E17, "ZQN-E17"},
+        {tavrix_secure_option_strings, TAVRIX_SECURE_OPTION_CURRENT, "current"},
+        {tavrix_secure_option_strings, TAVRIX_SECURE_OPTION_ENABLE, "enable"},
+        {tavrix_secure_option_strings, TAVRIX_SECURE_OPTION_DISABLE, "disable"},
+    };
+    for (const auto &row : rows) {
+        EXPECT_STREQ(row.table[row.value], row.word);
+    }
+}
+
+// --- What stored numbers rely on ---
+
+TEST(Enumerations, ReadARecordOfZerosAsUnknown) {
+    for (const char *const *table : {&tavrix_poe_status_strings[0], &tavrix_link_status_strings[0],
+                                     &tavrix_link_speed_strings[0], &tavrix_vlan_mode_strings[0],
+                                     &tavrix_mzu_model_strings[0]}) {
+        EXPECT_EQ(word_of(0, table), "unknown");
+        EXPECT_EQ(value_of("unknown", table), 0);
+    }
+}
+
+TEST(Enumerations, KeepTheGenericModelAtSeven) {
+    EXPECT_EQ(value_of("Generic MZU", tavrix_mzu_model_strings), 7);
+    EXPECT_EQ(word_of(7, tavrix_mzu_model_strings), "Generic MZU");
+}
+
+TEST(Enumerations, NumberTheSpeedsFromFourOn) {
+    EXPECT_EQ(value_of("10 Mbps", tavrix_link_speed_strings), 4);
+    EXPECT_EQ(value_of("100 Mbps", tavrix_link_speed_strings), 5);
+    EXPECT_EQ(value_of("1000 Mbps", tavrix_link_speed_strings), 6);
+}
+
+TEST(Enumerations, MapAVlanModeThatRequestsCannotName) {
+    EXPECT_EQ(value_of("trans", tavrix_vlan_mode_strings), 4);
+    EXPECT_EQ(validate_vlan_mode("trans"), TAVRIX_INVALID_NOT_ALLOWED);
+}
+
+TEST(Enumerations, GiveDisableThePlaceThatEachTableHasForIt) {
+    EXPECT_EQ(value_of("disable", tavrix_admin_status_strings), 0);
+    EXPECT_EQ(value_of("disable", tavrix_port_status_strings), 0);
+    EXPECT_EQ(value_of("disable", tavrix_secure_option_strings), 2);
+    EXPECT_EQ(word_of(2, tavrix_secure_option_strings), "disable");
+}
+
+TEST(Enumerations, IndexTheLogLevelsWhichHaveNoTerminator) {
+    const char *const expected[] = {"undef", "config", "error", "warning", "info", "debug", "verbose"};
+    ASSERT_EQ(sizeof tavrix_log_level_strings, sizeof expected);
+    for (int level = TAVRIX_LOG_UNDEF; level <= TAVRIX_LOG_VERBOSE; ++level) {
+        EXPECT_EQ(word_of(level, tavrix_log_level_strings), expected[level]);
+    }
+}
+
+// --- Value to word ---
+
+TEST(EnumToStr, CutsAWordToItsBuffer) {
+    const struct {
+        size_t size;
+        const char *word;
+    } rows[] = {{9, "disable"}, {8, "disable"}, {7, "disabl"}, {2, "d"}, {1, ""}};
+    for (const auto &row : rows) {
+        Buffer out(row.size);
+        EXPECT_EQ(tavrix_enum_to_str(out.get(), row.size, 2, tavrix_secure_option_strings), 0);
+        EXPECT_EQ(out.text(), row.word);
+    }
+}
+
+TEST(EnumToStr, ClearsTheWholeBuffer) {
+    Buffer out(16);
+    EXPECT_EQ(tavrix_enum_to_str(out.get(), out.size(), 2, tavrix_link_status_strings), 0);
+    EXPECT_EQ(out.text(), "up");
+    EXPECT_TRUE(out.cleared_behind_text());
+}
+
+TEST(EnumToStr, WritesNothingIntoNoRoom) {
+    Buffer out(4);
+    EXPECT_EQ(tavrix_enum_to_str(out.get(), 0, 2, tavrix_secure_option_strings), 0);
+    EXPECT_TRUE(out.untouched());
+}
+
+TEST(EnumToStr, ReadsTheTerminatorAsNoWord) {
+    Buffer out(8);
+    EXPECT_EQ(tavrix_enum_to_str(out.get(), out.size(), 3, tavrix_secure_option_strings), 0);
+    EXPECT_EQ(out.text(), "");
+    EXPECT_TRUE(out.cleared_behind_text());
+}
+
+TEST(EnumToStr, SaysTheWholeWordAtVerboseOnly) {
+    char word[4] = "";
+    {
+        const LogCapture log("verbose");
+        tavrix_enum_to_str(word, sizeof word, 2, tavrix_secure_option_strings);
+        EXPECT_EQ(log.sequence(), Lines{"VERB |Mapped enum value <2> to string <disable>"});
+        EXPECT_EQ(log.lines().front().file, unit);
+    }
+    const LogCapture log("debug");
+    tavrix_enum_to_str(word, sizeof word, 2, tavrix_secure_option_strings);
+    EXPECT_TRUE(log.silent());
+}
+
+TEST(EnumToStr, RefusesNullAndNamesIt) {
+    char word[8] = "kept";
+    const LogCapture log("info");
+    EXPECT_EQ(tavrix_enum_to_str(nullptr, sizeof word, 0, tavrix_link_status_strings), -4);
+    EXPECT_EQ(tavrix_enum_to_str(word, sizeof word, 0, nullptr), -4);
+    EXPECT_EQ(log.sequence(), (Lines{
+                                  "WARN |Found a null input parameter at varg index <0>",
+                                  "WARN |Found a null input parameter at varg index <1>",
+                              }));
+    EXPECT_STREQ(word, "kept");
+}
+
+// --- Word to value ---
+
+TEST(StrToEnum, TakesTheFirstOfEqualWords) {
+    const char *const table[] = {"a", "b", "b", nullptr};
+    EXPECT_EQ(value_of("b", table), 1);
+}
+
+TEST(StrToEnum, FindsNothingInAnEmptyTable) {
+    const char *const table[] = {nullptr};
+    EXPECT_TRUE(lacks(table, "a"));
+    EXPECT_TRUE(lacks(table, ""));
+}
+
+TEST(StrToEnum, SaysWhatItFoundAtVerboseOnly) {
+    int value = untouched;
+    {
+        const LogCapture log("verbose");
+        EXPECT_EQ(tavrix_str_to_enum(&value, "Up", tavrix_link_status_strings), -1);
+        EXPECT_EQ(value, untouched);
+        EXPECT_EQ(tavrix_str_to_enum(&value, "up", tavrix_link_status_strings), 0);
+        EXPECT_EQ(value, 2);
+        EXPECT_EQ(log.sequence(), (Lines{
+                                      "VERB |Unable to map string <Up> to enum value",
+                                      "VERB |Mapped string <up> to enum value <2>",
+                                  }));
+        EXPECT_EQ(log.lines().front().file, unit);
+    }
+    const LogCapture log("debug");
+    tavrix_str_to_enum(&value, "Up", tavrix_link_status_strings);
+    tavrix_str_to_enum(&value, "up", tavrix_link_status_strings);
+    EXPECT_TRUE(log.silent());
+}
+
+TEST(StrToEnum, RefusesNullAndNamesIt) {
+    int value = untouched;
+    const LogCapture log("info");
+    EXPECT_EQ(tavrix_str_to_enum(nullptr, "up", tavrix_link_status_strings), -4);
+    EXPECT_EQ(tavrix_str_to_enum(&value, nullptr, tavrix_link_status_strings), -4);
+    EXPECT_EQ(tavrix_str_to_enum(&value, "up", nullptr), -4);
+    EXPECT_EQ(log.sequence(), (Lines{
+                                  "WARN |Found a null input parameter at varg index <0>",
+                                  "WARN |Found a null input parameter at varg index <1>",
+                                  "WARN |Found a null input parameter at varg index <2>",
+                              }));
+    EXPECT_EQ(value, untouched);
+}

@@ -7,13 +7,15 @@
  * @code
  * sqlite3 *db = NULL;
  * int64_t id;
- * int rc = tavrix_db_ensure_open(&db);
+ * int rc = tavrix_db_ensure_open_file(&db, path);
  * if (rc == TAVRIX_OK)
- *     rc = tavrix_db_get_single_id_result(db, path, "port", &id, "SELECT id FROM ports WHERE name = '%s'", name);
+ *     rc = tavrix_db_get_single_id_result(db, path, "port", &id, "SELECT id FROM ports WHERE unit = %d", unit);
+ * else
+ *     db = NULL; // after a failed open it holds a closed handle
  * @endcode
  *
- * A null argument gives -4. Thread-safety: one process-wide flag, unsynchronised (see tavrix_db_lock_cfgdb());
- * connections follow SQLite's rules.
+ * A null argument gives -4 unless the function says otherwise. Nothing waits for a busy database. Thread-safety: one
+ * process-wide flag, unsynchronised (see tavrix_db_lock_cfgdb()); connections follow SQLite's rules.
  */
 #ifndef TAVRIX_DB_API_H
 #define TAVRIX_DB_API_H
@@ -27,70 +29,119 @@
 extern "C" {
 #endif
 
-/** tavrix_db_open_file() on the configuration database. */
+/**
+ * tavrix_db_open_file() on the configuration database.
+ *
+ * @param handle_var as there
+ * @return 0; -4 for a null argument; -7 when the database cannot be opened
+ */
 TAVRIX_API int tavrix_db_open(sqlite3 **handle_var);
 
 /**
- * Opens a database that exists, with foreign keys and recursive triggers on. Ignores the lock.
+ * Opens a database file that exists, for reading and writing, with foreign keys and recursive triggers on. The lock of
+ * the configuration database does not matter here.
  *
- * @param handle_var receives the connection; after a failure it holds a closed handle: set it back to null
- * @return 0; -4; -7
+ * @param handle_var receives the connection, which the caller closes; what it held before is lost. After a failure it
+ *                   holds a closed handle: set it back to null, never use or close it.
+ * @param path       the file; it is never created, and a directory is refused. That the file holds a database shows
+ *                   with the first statement.
+ * @return 0; -4 for a null argument; -7 when it cannot be opened
  */
 TAVRIX_API int tavrix_db_open_file(sqlite3 **handle_var, const char *path);
 
-/** tavrix_db_ensure_open_file() on the configuration database. */
+/**
+ * tavrix_db_ensure_open_file() on the configuration database.
+ *
+ * @param handle_var as there
+ * @return 0; -4 for a null argument; -11 while the configuration database is locked; -7 when it cannot be opened
+ */
 TAVRIX_API int tavrix_db_ensure_open(sqlite3 **handle_var);
 
 /**
  * Opens a database unless the variable holds a handle already.
  *
- * @return 0; -4; -11 when the path is the configuration database's and it is locked; -7
+ * @param handle_var null inside: receives the connection as in tavrix_db_open_file(), and stays null when the lock
+ *                   forbids it; otherwise it is left alone, whichever file it is open on
+ * @param path       the file
+ * @return 0; -4 for a null argument; -11 when the path is the configuration database's, to the letter, and that is
+ *         locked; -7 when it cannot be opened
  */
 TAVRIX_API int tavrix_db_ensure_open_file(sqlite3 **handle_var, const char *path);
 
-/** Closes a connection; the caller's variable keeps its value. @return 0; -4; -12 while statements are open; -7 */
+/**
+ * Closes a connection.
+ *
+ * @param handle the connection; the caller's variable keeps its value. After -12 it is still open.
+ * @return 0; -4 for a null handle; -12 while it has statements that are not finalised; -7 for any other failure
+ */
 TAVRIX_API int tavrix_db_close(sqlite3 *handle);
 
-/** Forbids opening the configuration database anew, for as long as its file is replaced or synchronised. */
+/**
+ * Forbids opening the configuration database anew, for as long as its file is replaced or synchronised. Connections
+ * that are open already, other files, tavrix_db_open() and tavrix_db_open_file() are not affected. The library itself
+ * never locks; the lock does not count, so one unlock ends it.
+ */
 TAVRIX_API void tavrix_db_lock_cfgdb(void);
 
-/** Allows it again. */
+/** Allows opening the configuration database again. */
 TAVRIX_API void tavrix_db_unlock_cfgdb(void);
 
 /**
  * Prepares a statement.
  *
- * @param handle   a connection, or null for a fresh one: then the statement keeps it. Take it with sqlite3_db_handle
- * before you finalise, and close it after. A text that holds no statement keeps nothing.
+ * @param handle   a connection, or null for a fresh one that serves this statement only and that the statement keeps:
+ *                 take it with sqlite3_db_handle() before you finalise the statement, and close it after. On a failure,
+ *                 and for a text that holds no statement, the fresh connection is closed here.
  * @param path     the file to open when there is no connection
- * @param stmt_out receives the statement; the caller finalises it
- * @return 0; -4; the opening's status; -7 when it cannot be prepared
+ * @param stmt_out receives the statement, which the caller finalises; null when SQLite refuses the text, and for a text
+ *                 that holds no statement
+ * @param sql      the statement, of any length
+ * @return 0; -4 for a null path, place or text; -11 or -7 as tavrix_db_ensure_open_file(); -7 when it cannot be
+ *         prepared
  */
 TAVRIX_API int tavrix_db_prepare_statement(sqlite3 *handle, const char *path, sqlite3_stmt **stmt_out, const char *sql);
 
 /**
- * Reads column 0 of the first row of a formatted query.
+ * Reads column 0 of the first row of a formatted query, an id or a count.
  *
  * @param handle a connection, or null for a fresh one that is closed before the call returns
  * @param path   the file to open when there is no connection
- * @param name   what is looked up, for the log
+ * @param name   what is looked up, for the log lines only
  * @param out    receives the value; untouched on failure
- * @return 0; -4; the opening's status; -1 when the query fails or finds no row
+ * @param format printf format of the query, which is cut after TAVRIX_SQL_MAX characters
+ * @return 0; -4 for a null argument other than the handle; -11 or -7 as tavrix_db_ensure_open_file(); -1 when the query
+ *         fails or finds no row
  */
 TAVRIX_API int tavrix_db_get_single_id_result(sqlite3 *handle, const char *path, const char *name, int64_t *out,
                                               const char *format, ...);
 
-/** tavrix_db_get_single_id_result() with a va_list, which is used up. */
+/** tavrix_db_get_single_id_result() with a va_list, which is used up: one call for one va_list. */
 TAVRIX_API int tavrix_db_get_single_id_result_args(sqlite3 *handle, const char *path, const char *name, int64_t *out,
                                                    const char *format, va_list args);
 
-/** Begins a transaction, without a busy retry. @return 0; -7, logged with SQLite's code */
+/**
+ * Begins a transaction.
+ *
+ * @param handle the connection; null is refused with -7 as any failure
+ * @return 0; -7, logged with SQLite's code: inside a transaction, for example
+ */
 TAVRIX_API int tavrix_db_open_transaction(sqlite3 *handle);
 
-/** Commits it. @return 0; -7 */
+/**
+ * Commits the transaction. Another connection can make it fail as busy; then the transaction stays open, and the commit
+ * may be tried again.
+ *
+ * @param handle the connection; null is refused with -7 as any failure
+ * @return 0; -7, logged with SQLite's code: outside a transaction, for example
+ */
 TAVRIX_API int tavrix_db_commit_transaction(sqlite3 *handle);
 
-/** Rolls it back. @return 0; -7 */
+/**
+ * Rolls the transaction back.
+ *
+ * @param handle the connection; null is refused with -7 as any failure
+ * @return 0; -7, logged with SQLite's code: outside a transaction, for example
+ */
 TAVRIX_API int tavrix_db_rollback_transaction(sqlite3 *handle);
 
 #ifdef __cplusplus

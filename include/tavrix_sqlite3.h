@@ -8,9 +8,13 @@
  *     printf("%lld ports\n", (long long)count);
  * @endcode
  *
- * The functions return SQLite's own result codes, which are positive, and -4 when an argument is null. A statement has
- * at most TAVRIX_SQL_MAX characters. Values are not quoted: pass only what is validated, or bind it. Thread-safety: no
- * state; a connection is shared only as SQLite allows.
+ * `db` is always an open connection, and stays the caller's. `format` is a printf format; the statement that comes out
+ * has at most TAVRIX_SQL_MAX characters, and what goes beyond is cut off without notice. Values are not quoted: pass
+ * only what is validated, or bind it.
+ *
+ * The functions return SQLite's own result codes, 0 or positive, and -4 when an argument is null. Nothing but
+ * tavrix_sqlite3_exec() and tavrix_sqlite3_exec_sql() waits for a busy database. Thread-safety: no state; a connection
+ * is shared only as SQLite allows.
  */
 #ifndef TAVRIX_SQLITE3_H
 #define TAVRIX_SQLITE3_H
@@ -31,51 +35,74 @@ extern "C" {
 /**
  * Prepares a formatted statement.
  *
- * @param stmt_out receives the statement; the caller finalises it
- * @return SQLite's code; -4 for a null argument
+ * @param db       the connection
+ * @param stmt_out receives the statement, which the caller finalises; null when SQLite refuses the text, and for a text
+ *                 that holds no statement
+ * @param format   printf format of the statement
+ * @return 0 when prepared; SQLite's code; -4 for a null argument
  */
 TAVRIX_API int tavrix_sqlite3_prepare_sql(sqlite3 *db, sqlite3_stmt **stmt_out, const char *format, ...);
 
-/** tavrix_sqlite3_prepare_sql() with a va_list, which is used up. */
+/** tavrix_sqlite3_prepare_sql() with a va_list, which is used up: one call for one va_list. */
 TAVRIX_API int tavrix_sqlite3_prepare_sql_args(sqlite3 *db, sqlite3_stmt **stmt_out, const char *format, va_list args);
 
 /**
- * Reads column 0 of the first row as an integer.
+ * Reads column 0 of the first row of a formatted query as an integer.
  *
- * @param out receives the value; untouched without a row
- * @return 0; SQLITE_DONE (101) when there is no row; SQLite's other codes; -4 for a null argument
+ * @param db     the connection
+ * @param out    receives the value; untouched without a row
+ * @param format printf format of the query
+ * @return 0 for a row; SQLITE_DONE (101) when there is none; SQLITE_MISUSE (21) for a text that holds no statement;
+ *         SQLite's other codes; -4 for a null argument
  */
 TAVRIX_API int tavrix_sqlite3_get_single_id_result(sqlite3 *db, int64_t *out, const char *format, ...);
 
-/** tavrix_sqlite3_get_single_id_result() with a va_list, which is used up. */
+/** tavrix_sqlite3_get_single_id_result() with a va_list, which is used up: one call for one va_list. */
 TAVRIX_API int tavrix_sqlite3_get_single_id_result_args(sqlite3 *db, int64_t *out, const char *format, va_list args);
 
 /**
- * Reads column 0 of the first row as a text. A NULL reads as the empty text.
+ * Reads column 0 of the first row of a formatted query as a text. A NULL reads as the empty text.
  *
- * @param out  cleared and filled when there is a row; always terminated
- * @param size size of `out` in bytes; a longer text is cut
- * @return as tavrix_sqlite3_get_single_id_result()
+ * @param db     the connection
+ * @param out    receives the text, cut to `size` - 1 bytes, and zeros up to `size`; untouched without a row
+ * @param size   size of `out` in bytes; 1 gives the empty text, with 0 nothing is written
+ * @param format printf format of the query
+ * @return 0 for a row; SQLITE_DONE (101) when there is none; SQLITE_MISUSE (21) for a text that holds no statement;
+ *         SQLite's other codes; -4 for a null argument
  */
 TAVRIX_API int tavrix_sqlite3_get_single_string_result(sqlite3 *db, char *out, size_t size, const char *format, ...);
 
 /**
- * Steps a prepared statement once and reads column 0. The arguments are not tested for null.
+ * Steps a prepared statement once and reads column 0 as an integer; for loops over a result set.
  *
+ * @param stmt the statement, which stays the caller's
+ * @param out  receives the value; untouched without a row. The caller makes sure that it is not null.
  * @return 0 for a row; -7 at the end of the result set and for any failure
  */
 TAVRIX_API int tavrix_sqlite3_step_retrieve_int(sqlite3_stmt *stmt, int64_t *out);
 
 /**
- * sqlite3_exec with up to 20 retries, 50 ms apart, while the database is busy.
+ * sqlite3_exec with up to 20 retries, 50 ms apart, while SQLite answers SQLITE_BUSY: the call can take more than a
+ * second. Every attempt runs all of `sql` and calls back anew. Arguments are not tested for null.
  *
- * @param errmsg null, or the place for SQLite's error text, which the caller releases with sqlite3_free
- * @return the last code of SQLite
+ * @param db       the connection
+ * @param sql      one or more statements, of any length
+ * @param callback called for each row, or null; see sqlite3_exec
+ * @param arg      handed to the callback
+ * @param errmsg   null, or the place for the last attempt's error text, which the caller releases with sqlite3_free;
+ *                 what earlier attempts left there is released inside
+ * @return SQLite's last code; SQLITE_BUSY (5) when the database stayed busy
  */
 TAVRIX_API int tavrix_sqlite3_exec(sqlite3 *db, const char *sql, int (*callback)(void *, int, char **, char **),
                                    void *arg, char **errmsg);
 
-/** Executes a formatted statement through tavrix_sqlite3_exec(). @return SQLite's code; -4 for a null argument */
+/**
+ * Executes a formatted statement through tavrix_sqlite3_exec(), without a callback.
+ *
+ * @param db     the connection
+ * @param format printf format of the statement
+ * @return SQLite's last code; -4 for a null argument
+ */
 TAVRIX_API int tavrix_sqlite3_exec_sql(sqlite3 *db, const char *format, ...);
 
 #ifdef __cplusplus

@@ -5,7 +5,6 @@
  */
 #include "tavrix_sqlite3.h"
 
-#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
@@ -50,16 +49,24 @@ int step_to_row(sqlite3_stmt *statement) {
     return rc == SQLITE_ROW ? SQLITE_OK : rc;
 }
 
-void copy_text(sqlite3_stmt *statement, char *out, size_t size) {
-    if (size == 0) {
-        return;
+/** Column 0's text, the empty one for a NULL column; null when SQLite has no memory for it. */
+const char *column_text(sqlite3_stmt *statement) {
+    if (sqlite3_column_type(statement, 0) == SQLITE_NULL) {
+        return "";
     }
-    std::memset(out, 0, size);
-    const void *text = sqlite3_column_text(statement, 0);
-    const size_t length = static_cast<size_t>(sqlite3_column_bytes(statement, 0));
-    if (text != nullptr) { // a NULL column reads as the empty text
-        std::memcpy(out, text, std::min(length, size - 1));
+    return reinterpret_cast<const char *>(sqlite3_column_text(statement, 0));
+}
+
+int copy_text(sqlite3_stmt *statement, char *out, size_t size) {
+    const char *text = column_text(statement);
+    if (text == nullptr) {
+        return SQLITE_NOMEM;
     }
+    if (size > 0) {
+        std::memset(out, 0, size);
+        std::memcpy(out, text, strnlen(text, size - 1));
+    }
+    return SQLITE_OK;
 }
 
 } // namespace
@@ -116,7 +123,7 @@ int tavrix_sqlite3_get_single_string_result(sqlite3 *db, char *out, size_t size,
         rc = step_to_row(statement.get());
     }
     if (rc == SQLITE_OK) {
-        copy_text(statement.get(), out, size);
+        rc = copy_text(statement.get(), out, size);
     }
     return rc;
 }

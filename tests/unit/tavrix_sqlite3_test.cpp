@@ -1,8 +1,10 @@
 #include "tavrix_sqlite3.h"
 
 #include <chrono>
+#include <cstdarg>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -49,6 +51,22 @@ class Holder {
     sqlite3 *db_ = nullptr;
 };
 
+int prepare_args(sqlite3 *db, sqlite3_stmt **statement, const char *format, ...) {
+    va_list args;
+    va_start(args, format);
+    const int rc = tavrix_sqlite3_prepare_sql_args(db, statement, format, args);
+    va_end(args);
+    return rc;
+}
+
+int single_id_args(sqlite3 *db, int64_t *out, const char *format, ...) {
+    va_list args;
+    va_start(args, format);
+    const int rc = tavrix_sqlite3_get_single_id_result_args(db, out, format, args);
+    va_end(args);
+    return rc;
+}
+
 } // namespace
 
 TEST_F(Sqlite, PreparesAFormattedStatement) {
@@ -60,15 +78,50 @@ TEST_F(Sqlite, PreparesAFormattedStatement) {
     sqlite3_finalize(statement);
 }
 
+TEST_F(Sqlite, TakesArgumentsOfEveryWidthFromAList) {
+    sqlite3_stmt *statement = nullptr;
+    ASSERT_EQ(prepare_args(db, &statement, "SELECT %lld, '%s', %d, %.1f", 5000000000LL, "text", -1, 2.5), SQLITE_OK);
+    EXPECT_STREQ(sqlite3_sql(statement), "SELECT 5000000000, 'text', -1, 2.5");
+    sqlite3_finalize(statement);
+    int64_t value = 0;
+    EXPECT_EQ(single_id_args(db, &value, "SELECT %lld + %d", 5000000000LL, 7), 0);
+    EXPECT_EQ(value, 5000000007);
+    EXPECT_EQ(single_id_args(db, &value, "SELECT id FROM t WHERE id = %d", 99), SQLITE_DONE);
+}
+
 TEST_F(Sqlite, PassesThePreparesCodeOn) {
     sqlite3_stmt *statement = nullptr;
     EXPECT_EQ(tavrix_sqlite3_prepare_sql(db, &statement, "SELECT nonsense"), SQLITE_ERROR);
     EXPECT_EQ(statement, nullptr);
 }
 
-TEST_F(Sqlite, CutsAStatementAfter1099Characters) {
-    // Up to the bound the comment is closed; one character more and its end is cut off, which SQLite tolerates too,
-    // so what stands behind the bound must be the part that shows.
+TEST_F(Sqlite, HasNothingToStepInATextWithoutAStatement) {
+    int64_t value = -77;
+    char text[8] = "kept";
+    for (const char *nothing : {"", " ", "-- a comment"}) {
+        sqlite3_stmt *statement = nullptr;
+        EXPECT_EQ(tavrix_sqlite3_prepare_sql(db, &statement, "%s", nothing), SQLITE_OK);
+        EXPECT_EQ(statement, nullptr);
+        EXPECT_EQ(tavrix_sqlite3_get_single_id_result(db, &value, "%s", nothing), SQLITE_MISUSE);
+        EXPECT_EQ(tavrix_sqlite3_get_single_string_result(db, text, sizeof text, "%s", nothing), SQLITE_MISUSE);
+        EXPECT_EQ(tavrix_sqlite3_exec_sql(db, "%s", nothing), SQLITE_OK);
+    }
+    EXPECT_EQ(value, -77);
+    EXPECT_STREQ(text, "kept");
+}
+
+TEST_F(Sqlite, PreparesTheFirst1099CharactersOfALongerText) {
+    for (const size_t length : {size_t{1098}, size_t{1099}, size_t{1100}, size_t{1101}, size_t{5000}}) {
+        const std::string sql = "SELECT 1 --" + std::string(length - 11, 'x');
+        sqlite3_stmt *statement = nullptr;
+        ASSERT_EQ(tavrix_sqlite3_prepare_sql(db, &statement, "%s", sql.c_str()), SQLITE_OK);
+        EXPECT_EQ(sqlite3_sql(statement), sql.substr(0, 1099)) << length;
+        sqlite3_finalize(statement);
+    }
+}
+
+TEST_F(Sqlite, RunsWhatIsLeftOfACutStatement) {
+    // A text of exactly 1099 characters ends in "+1"; with one more it ends in a plus.
     const std::string head = "SELECT 1 /*";
     const std::string fits = head + std::string(1099 - head.size() - 4, 'x') + "*/+1";
     const std::string cut = head + std::string(1100 - head.size() - 4, 'x') + "*/+1";
@@ -120,6 +173,43 @@ TEST_F(Sqlite, CutsATextToItsBuffer) {
     EXPECT_STREQ(untouched, "~");
 }
 
+TEST_F(Sqlite, ReadsOtherColumnsAsText) {
+    const struct {
+        const char *column;
+        std::string text;
+    } rows[] = {
+        {"42", "42"}, {"-1.5", "-1.5"}, {"x'6162'", "ab"}, {"x''", ""}, {"''", ""}, {"'ab' || char(0) || 'cd'", "ab"},
+    };
+    for (const auto &row : rows) {
+        char text[8] = "~~~~~~~";
+        EXPECT_EQ(tavrix_sqlite3_get_single_string_result(db, text, sizeof text, "SELECT %s", row.column), 0);
+        EXPECT_EQ(std::string(text, 8), row.text + std::string(8 - row.text.size(), '\0')) << row.column;
+    }
+}
+
+TEST_F(Sqlite, ReadsANullNumberAsZero) {
+    int64_t value = -77;
+    EXPECT_EQ(tavrix_sqlite3_get_single_id_result(db, &value, "SELECT NULL"), 0);
+    EXPECT_EQ(value, 0);
+}
+
+TEST_F(Sqlite, ReadsTheWholeRangeOfIntegers) {
+    int64_t value = 0;
+    EXPECT_EQ(tavrix_sqlite3_get_single_id_result(db, &value, "SELECT 9223372036854775807"), 0);
+    EXPECT_EQ(value, INT64_MAX);
+    EXPECT_EQ(tavrix_sqlite3_get_single_id_result(db, &value, "SELECT -9223372036854775807 - 1"), 0);
+    EXPECT_EQ(value, INT64_MIN);
+}
+
+TEST_F(Sqlite, ReadsOnlyTheFirstRow) {
+    int64_t value = 0;
+    char text[8];
+    EXPECT_EQ(tavrix_sqlite3_get_single_id_result(db, &value, "SELECT id FROM t ORDER BY id DESC LIMIT 2"), 0);
+    EXPECT_EQ(value, 5000000000);
+    EXPECT_EQ(tavrix_sqlite3_get_single_string_result(db, text, sizeof text, "SELECT word, id FROM t ORDER BY id"), 0);
+    EXPECT_STREQ(text, "one");
+}
+
 TEST_F(Sqlite, ReadsANullTextAsEmpty) {
     char text[8] = "old";
     EXPECT_EQ(tavrix_sqlite3_get_single_string_result(db, text, sizeof text, "SELECT word FROM t WHERE word IS NULL"),
@@ -154,14 +244,21 @@ TEST_F(Sqlite, NamesTheFirstNullArgument) {
     named(tavrix_sqlite3_prepare_sql(nullptr, &statement, "SELECT 1"), 0);
     named(tavrix_sqlite3_prepare_sql(db, nullptr, "SELECT 1"), 1);
     named(tavrix_sqlite3_prepare_sql(db, &statement, no_format), 2);
+    named(prepare_args(nullptr, &statement, "SELECT 1"), 0);
+    named(prepare_args(db, nullptr, "SELECT 1"), 1);
+    named(prepare_args(db, &statement, no_format), 2);
     named(tavrix_sqlite3_get_single_id_result(nullptr, &value, "SELECT 1"), 0);
     named(tavrix_sqlite3_get_single_id_result(db, nullptr, "SELECT 1"), 1);
     named(tavrix_sqlite3_get_single_id_result(db, &value, no_format), 2);
+    named(single_id_args(nullptr, &value, "SELECT 1"), 0);
+    named(single_id_args(db, nullptr, "SELECT 1"), 1);
+    named(single_id_args(db, &value, no_format), 2);
     named(tavrix_sqlite3_get_single_string_result(nullptr, text, 4, "SELECT 1"), 0);
     named(tavrix_sqlite3_get_single_string_result(db, nullptr, 4, "SELECT 1"), 1);
     named(tavrix_sqlite3_get_single_string_result(db, text, 4, no_format), 2);
     named(tavrix_sqlite3_exec_sql(nullptr, "SELECT 1"), 0);
     named(tavrix_sqlite3_exec_sql(db, no_format), 1);
+    named(tavrix_sqlite3_prepare_sql(nullptr, nullptr, no_format), 0);
 }
 
 TEST_F(Sqlite, ExecutesWithCallbackAndErrorText) {
@@ -219,11 +316,41 @@ TEST_F(Sqlite, GoesOnWhenTheDatabaseIsLetGo) {
     EXPECT_EQ(tavrix_sqlite3_exec(db, "UPDATE t SET id = 1", nullptr, nullptr, &message), SQLITE_OK);
     release.join();
     EXPECT_EQ(message, nullptr);
+    int64_t changed = 0;
+    EXPECT_EQ(tavrix_sqlite3_get_single_id_result(db, &changed, "SELECT count(*) FROM t WHERE id = 1"), 0);
+    EXPECT_EQ(changed, 3);
 }
 
 TEST_F(Sqlite, RetriesOnlyABusyDatabase) {
     const LogCapture log("debug");
     EXPECT_EQ(tavrix_sqlite3_exec(db, "SELECT nonsense", nullptr, nullptr, nullptr), SQLITE_ERROR);
     EXPECT_EQ(tavrix_sqlite3_exec(nullptr, "SELECT 1", nullptr, nullptr, nullptr), SQLITE_MISUSE);
+    sqlite3_stmt *reading = nullptr;
+    ASSERT_EQ(tavrix_sqlite3_prepare_sql(db, &reading, "SELECT id FROM t"), SQLITE_OK);
+    ASSERT_EQ(sqlite3_step(reading), SQLITE_ROW);
+    EXPECT_EQ(tavrix_sqlite3_exec_sql(db, "DROP TABLE t"), SQLITE_LOCKED) << "by this connection's own reader";
+    sqlite3_finalize(reading);
     EXPECT_TRUE(log.silent());
+}
+
+TEST_F(Sqlite, RetriesNeitherPreparingNorStepping) {
+    sqlite3_stmt *statement = nullptr;
+    ASSERT_EQ(tavrix_sqlite3_prepare_sql(db, &statement, "SELECT id FROM t"), SQLITE_OK);
+    const Holder holder;
+    int64_t value = -77;
+    char text[8] = "kept";
+    const LogCapture log("debug");
+    EXPECT_EQ(tavrix_sqlite3_get_single_id_result(db, &value, "SELECT id FROM t"), SQLITE_BUSY);
+    EXPECT_EQ(tavrix_sqlite3_get_single_string_result(db, text, sizeof text, "SELECT word FROM t"), SQLITE_BUSY);
+    EXPECT_EQ(tavrix_sqlite3_step_retrieve_int(statement, &value), -7);
+    EXPECT_TRUE(log.silent());
+    EXPECT_EQ(value, -77);
+    EXPECT_STREQ(text, "kept");
+    sqlite3_finalize(statement);
+}
+
+TEST_F(Sqlite, ReportsAMissingStatementAsAFailedStep) {
+    int64_t value = -77;
+    EXPECT_EQ(tavrix_sqlite3_step_retrieve_int(nullptr, &value), -7);
+    EXPECT_EQ(value, -77);
 }

@@ -121,9 +121,19 @@ TEST_P(StreamServer, ClosesAClientWhoseRequestFails) {
 }
 
 TEST_P(StreamServer, ClosesAClientThatSaysNothing) {
+    const LogCapture log("debug");
+    const int open_before = support::open_descriptors();
     StreamClient silent = client();
     silent.close();
-    EXPECT_TRUE(support::wait_until([&] { return run() == -1; }));
+    int rc = 0;
+    EXPECT_TRUE(support::wait_until([&] {
+        rc = run();
+        return !log.silent(); // it is while nobody is waiting yet
+    }));
+    EXPECT_EQ(rc, -1);
+    EXPECT_EQ(log.sequence(), std::vector<std::string>{"DEBUG|[tavrix_socket_recv]: zero bytes received!"})
+        << "nothing is left to evaluate";
+    EXPECT_EQ(support::open_descriptors(), open_before);
     EXPECT_EQ(calls, 0);
 }
 
@@ -150,16 +160,20 @@ TEST_P(StreamServer, LeavesNoDescriptorOpen) {
     EXPECT_EQ(support::open_descriptors(), open_before);
 }
 
-TEST(UnixServerSend, FailsWhenTheClientHasGone) {
-    int listener = -1;
-    ASSERT_EQ(tavrix_jrpc_unix_socket_init("gone.sock", &listener, 1), 0);
+// Both accept on a Unix-domain listener, where a send to a closed client fails at once.
+TEST_P(StreamServer, ReportsAndClosesAClientThatHasGone) {
+    int local = -1;
+    ASSERT_EQ(tavrix_jrpc_unix_socket_init("gone.sock", &local, 1), 0);
+    const LogCapture log("debug");
+    const int open_before = support::open_descriptors();
     StreamClient gone = StreamClient::unix_path("gone.sock");
     gone.say(request);
     gone.close();
-    const LogCapture log("debug");
-    EXPECT_EQ(tavrix_jrpc_unix_socket_run(&listener, table), -1);
-    EXPECT_TRUE(log.has(support::debug, unit, "[tavrix_jrpc_unix_socket_run]: Error response!\n"));
-    ::close(listener);
+    EXPECT_EQ(GetParam().run(&local, table), -1);
+    EXPECT_EQ(calls, 1) << "the request itself was good";
+    EXPECT_EQ(log.count(support::debug, unit, GetParam().send_line), 1);
+    EXPECT_EQ(support::open_descriptors(), open_before);
+    ::close(local);
 }
 
 TEST(ServerInit, ReportsAFailedListenerOnlyByLogAndHandle) {
@@ -169,6 +183,16 @@ TEST(ServerInit, ReportsAFailedListenerOnlyByLogAndHandle) {
         EXPECT_EQ(tavrix_jrpc_unix_socket_init("no/such/folder/x.sock", &handle, 0), 0);
         EXPECT_EQ(handle, 0);
         EXPECT_NE(log.text().find("[tavrix_jrpc_unix_socket_init]: cannot init unix socket!\n"), std::string::npos);
+    }
+    handle = -77;
+    {
+        const LogCapture log("debug");
+        EXPECT_EQ(tavrix_jrpc_unix_socket_init(nullptr, &handle, 0), 0) << "a null path is a failed listener too";
+        EXPECT_EQ(handle, 0);
+        EXPECT_EQ(log.sequence(), (std::vector<std::string>{
+                                      "DEBUG|[tavrix_unix_socket_init]: Null Pointer!",
+                                      "DEBUG|[tavrix_jrpc_unix_socket_init]: cannot init unix socket!",
+                                  }));
     }
     int first = -1;
     ASSERT_EQ(tavrix_jrpc_tcp_socket_init(0, &first, 0), 0);

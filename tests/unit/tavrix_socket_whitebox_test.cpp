@@ -1,13 +1,16 @@
 /*
- * System calls that fail on demand.
+ * System calls that fail on demand, and the addresses that they are given.
  */
 #include <cerrno>
 #include <cstring>
 #include <string>
 
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 #include "support/log_capture.h"
 #include "support/stream.h"
@@ -17,6 +20,8 @@ namespace {
 
 std::string failing; ///< the call that fails next
 int reason = EACCES;
+std::string bound;        ///< the address of the last bind, as many bytes as its length said
+std::string connected_to; ///< the same of the last connect
 
 bool fails(const char *name) {
     if (failing != name) {
@@ -26,10 +31,35 @@ bool fails(const char *name) {
     return true;
 }
 
+template <typename T>
+std::string bytes_of(const T &object) {
+    return {reinterpret_cast<const char *>(&object), sizeof object};
+}
+
+std::string given(const sockaddr *address, socklen_t length) {
+    return {reinterpret_cast<const char *>(address), length};
+}
+
+sockaddr_in ipv4(uint32_t host, uint16_t port) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(host);
+    return address;
+}
+
+/** So that what the next call does not clear in its own frame is not zero by luck. */
+__attribute__((noinline)) void soil_the_stack() {
+    char used[2048];
+    std::memset(used, 0x5a, sizeof used);
+    __asm__ volatile("" : : "r"(used) : "memory"); // keeps the bytes
+}
+
 } // namespace
 
 extern "C" {
 int __real_socket(int domain, int type, int protocol);
+int __real_bind(int fd, const sockaddr *address, socklen_t length);
 int __real_listen(int fd, int backlog);
 int __real_chmod(const char *path, mode_t mode);
 int __real_connect(int fd, const sockaddr *address, socklen_t length);
@@ -37,12 +67,17 @@ int __real_connect(int fd, const sockaddr *address, socklen_t length);
 int __wrap_socket(int domain, int type, int protocol) {
     return fails("socket") ? -1 : __real_socket(domain, type, protocol);
 }
+int __wrap_bind(int fd, const sockaddr *address, socklen_t length) {
+    bound = given(address, length);
+    return fails("bind") ? -1 : __real_bind(fd, address, length);
+}
 int __wrap_listen(int fd, int backlog) {
     EXPECT_EQ(backlog, 10);
     return fails("listen") ? -1 : __real_listen(fd, backlog);
 }
 int __wrap_chmod(const char *path, mode_t mode) { return fails("chmod") ? -1 : __real_chmod(path, mode); }
 int __wrap_connect(int fd, const sockaddr *address, socklen_t length) {
+    connected_to = given(address, length);
     return fails("connect") ? -1 : __real_connect(fd, address, length);
 }
 }
@@ -76,11 +111,44 @@ TEST_P(ListenerSetUp, ReportsTheFailingCallAndLeavesNothingOpen) {
 
 INSTANTIATE_TEST_SUITE_P(Calls, ListenerSetUp,
                          testing::Values(FailingCall{"UnixSocket", "socket", true, "tavrix_unix_socket_init"},
+                                         FailingCall{"UnixBind", "bind", true, "bind"},
                                          FailingCall{"UnixListen", "listen", true, "listen"},
                                          FailingCall{"UnixChmod", "chmod", true, "chmod"},
                                          FailingCall{"TcpSocket", "socket", false, "tavrix_tcp_socket_init"},
+                                         FailingCall{"TcpBind", "bind", false, "bind"},
                                          FailingCall{"TcpListen", "listen", false, "listen"}),
                          [](const auto &row) { return row.param.name; });
+
+TEST(ListenerAddress, OfAPathIsTheWholeStructureWithItsRestZero) {
+    sockaddr_un expected{};
+    expected.sun_family = AF_UNIX;
+    std::strcpy(expected.sun_path, "address.sock");
+    int fd = -1;
+    soil_the_stack();
+    ASSERT_EQ(tavrix_unix_socket_init("address.sock", &fd, 0), 0);
+    ::close(fd);
+    EXPECT_EQ(bound.size(), 110U);
+    EXPECT_EQ(bound, bytes_of(expected));
+}
+
+TEST(ListenerAddress, OfAPortHasTheLengthOfAPathsAndARestOfZero) {
+    int fd = -1;
+    soil_the_stack();
+    ASSERT_EQ(tavrix_tcp_socket_init(0, &fd, 0), 0);
+    ::close(fd);
+    ASSERT_EQ(bound.size(), 110U);
+    EXPECT_EQ(bound.substr(0, 16), bytes_of(ipv4(INADDR_ANY, 0)));
+    EXPECT_EQ(bound.substr(16), std::string(94, '\0'));
+}
+
+TEST(Connect, GivesAnIpv4AddressAndItsLength) {
+    int fd = -77;
+    failing = "connect";
+    EXPECT_EQ(tavrix_tcp_socket_connect("192.0.2.7", 4660, &fd), -1);
+    failing.clear();
+    EXPECT_EQ(connected_to.size(), 16U);
+    EXPECT_EQ(connected_to, bytes_of(ipv4(0xC0000207, 4660)));
+}
 
 TEST(Connect, TellsATimeOutFromOtherFailures) {
     int fd = -77;

@@ -9,8 +9,10 @@
  * @endcode
  *
  * Names begin with '/' and hold no further one. Objects are created with the mode 0x666 (octal 3146) less the umask,
- * and are never removed. Every function returns 0, or -1 for any failure, which is logged. Thread-safety: nothing is
- * locked; a reader can see half of a text that is being written. Integers are stored at once.
+ * and are never removed. That mode lets the owner neither read nor write: a process that opens a slot of its own again
+ * needs the right to override permissions (CAP_DAC_OVERRIDE), as root has it. Every function returns 0, or -1 for any
+ * failure, which is logged. Thread-safety: nothing is locked; a reader can see half of a text that is being written.
+ * Integers are stored at once.
  */
 #ifndef TAVRIX_SHM_H
 #define TAVRIX_SHM_H
@@ -22,7 +24,10 @@
 extern "C" {
 #endif
 
-/** Creates a slot of `size` bytes, 1 or more, filled with zeros; an old slot is resized and cleared. */
+/**
+ * Creates a slot of `size` bytes, 1 or more, filled with zeros; an old slot is resized and cleared. Its memory is
+ * reserved here; when the slot can be opened but the size cannot be had, it is left with the size 0.
+ */
 TAVRIX_API int tavrix_shm_create(const char *name, size_t size);
 
 /** Stores a text in a slot of `len` bytes: cut to `len` - 1 characters, zeros up to `len`. */

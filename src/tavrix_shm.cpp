@@ -5,6 +5,7 @@
  */
 #include "tavrix_shm.h"
 
+#include <cerrno>
 #include <cstdint>
 #include <cstring>
 
@@ -22,6 +23,7 @@ namespace {
 constexpr char unit_name[] = "tavrix_shm";
 // Hexadecimal, that is octal 3146: meant, the daemons rely on exactly these bits.
 constexpr mode_t slot_mode = 0x666;
+constexpr int max_reserve_attempts = 100;
 
 /** A slot, open and mapped for one access. */
 class Mapping {
@@ -43,10 +45,8 @@ class Mapping {
         return static_cast<bool>(fd_);
     }
 
-    /** Sizes the slot and makes sure that its memory exists. */
-    bool resize(size_t size) {
-        static_cast<void>(ftruncate(fd_.get(), static_cast<off_t>(size))); // what counts is whether the memory is there
-        return posix_fallocate(fd_.get(), 0, static_cast<off_t>(size)) == 0;
+    void resize(size_t size) {
+        static_cast<void>(ftruncate(fd_.get(), static_cast<off_t>(size))); // what counts is whether it can be mapped
     }
 
     bool map(const char *name, size_t length, int protection) {
@@ -58,6 +58,18 @@ class Mapping {
             LOG_ERROR("Mmap error with %s.\n", name);
         }
         return address_ != MAP_FAILED;
+    }
+
+    /** Makes sure that the mapped bytes have memory: an access to a hole raises SIGBUS when none is left. */
+    bool reserve(const char *name) {
+        int error = EINTR;
+        for (int attempt = 0; error == EINTR && attempt < max_reserve_attempts; ++attempt) {
+            error = posix_fallocate(fd_.get(), 0, static_cast<off_t>(length_)); // any pending signal may interrupt it
+        }
+        if (error != 0) {
+            LOG_ERROR("Mmap error with %s.\n", name);
+        }
+        return error == 0;
     }
 
     char *bytes() const { return static_cast<char *>(address_); }
@@ -106,11 +118,10 @@ int tavrix_shm_create(const char *name, size_t size) {
     if (!slot.open(name, O_RDWR | O_CREAT)) {
         return TAVRIX_ERR_GENERAL;
     }
-    if (!slot.resize(size)) {
-        LOG_ERROR("Mmap error with %s.\n", name);
-        return TAVRIX_ERR_GENERAL;
-    }
-    if (!slot.map(name, size, PROT_READ | PROT_WRITE)) {
+    slot.resize(size);
+    // Mapped first: memory is not taken for a size that no address space has room for.
+    if (!slot.map(name, size, PROT_READ | PROT_WRITE) || !slot.reserve(name)) {
+        slot.resize(0); // no hole stays behind for a later access
         return TAVRIX_ERR_GENERAL;
     }
     std::memset(slot.bytes(), 0, size);

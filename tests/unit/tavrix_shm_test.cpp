@@ -29,7 +29,7 @@ class Shm : public testing::Test {
     const char *name() const { return name_.c_str(); }
     struct stat state() const {
         struct stat status {};
-        stat(("/dev/shm" + name_).c_str(), &status);
+        EXPECT_EQ(stat(("/dev/shm" + name_).c_str(), &status), 0);
         return status;
     }
     std::string get(size_t len) const {
@@ -190,6 +190,8 @@ TEST_F(Shm, RefusesASizeThatCannotBeHad) {
         EXPECT_EQ(log.count(support::error, unit, map_line()), 1);
     }
     EXPECT_EQ(support::open_descriptors(), open_before);
+    EXPECT_EQ(state().st_size, 0);
+    EXPECT_EQ(state().st_blocks, 0);
 }
 
 TEST_F(Shm, LeavesNothingOpen) {

@@ -1,0 +1,154 @@
+/*
+ * Slots whose memory cannot be mapped or reserved.
+ */
+#include "tavrix_shm.h"
+
+#include <cerrno>
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "support/log_capture.h"
+#include "support/stream.h"
+
+using support::LogCapture;
+
+namespace {
+
+bool mapping_fails = false;
+int reserve_error = 0;
+int reserve_failures = 0; ///< how many reservations fail, from the next one on
+std::vector<off_t> reserved;
+
+} // namespace
+
+extern "C" {
+void *__real_mmap64(void *address, size_t length, int protection, int flags, int fd, off_t offset);
+int __real_posix_fallocate64(int fd, off_t offset, off_t length);
+
+void *__wrap_mmap64(void *address, size_t length, int protection, int flags, int fd, off_t offset) {
+    if (mapping_fails) {
+        errno = ENOMEM;
+        return MAP_FAILED;
+    }
+    return __real_mmap64(address, length, protection, flags, fd, offset);
+}
+
+int __wrap_posix_fallocate64(int fd, off_t offset, off_t length) {
+    reserved.push_back(length);
+    if (reserve_failures > 0) {
+        --reserve_failures;
+        return reserve_error;
+    }
+    return __real_posix_fallocate64(fd, offset, length);
+}
+}
+
+class ShmMemory : public testing::Test {
+  protected:
+    ShmMemory() : name_("/tavrix-memory-" + std::to_string(getpid())) {
+        shm_unlink(name());
+        mapping_fails = false;
+        reserve_failures = 0;
+        reserved.clear();
+    }
+    ~ShmMemory() override { shm_unlink(name()); }
+
+    const char *name() const { return name_.c_str(); }
+    std::vector<std::string> map_lines(size_t count) const {
+        return std::vector<std::string>(count, "ERROR|Mmap error with " + name_ + ".");
+    }
+    struct stat state() const {
+        struct stat status {};
+        EXPECT_EQ(stat(("/dev/shm" + name_).c_str(), &status), 0);
+        return status;
+    }
+    static void fail_reservations(int count, int error) {
+        reserve_failures = count;
+        reserve_error = error;
+    }
+    void expect_every_access_to_fail() const {
+        int value = 1;
+        char text[4] = "old";
+        const LogCapture log("info");
+        EXPECT_EQ(tavrix_shm_set_string(name(), 4, "x"), -1);
+        EXPECT_EQ(tavrix_shm_get_string(name(), 4, text), -1);
+        EXPECT_EQ(tavrix_shm_set_int(name(), &value), -1);
+        EXPECT_EQ(tavrix_shm_get_int(name(), &value), -1);
+        EXPECT_EQ(tavrix_shm_clear(name(), 1), -1);
+        EXPECT_EQ(log.sequence(), map_lines(5));
+        EXPECT_STREQ(text, "old");
+        EXPECT_EQ(value, 1);
+    }
+
+  private:
+    std::string name_;
+};
+
+TEST_F(ShmMemory, IsReservedForTheWholeSlot) {
+    EXPECT_EQ(tavrix_shm_create(name(), 100000), 0);
+    EXPECT_EQ(reserved, std::vector<off_t>{100000});
+    EXPECT_GE(state().st_blocks * 512, 100000);
+}
+
+TEST_F(ShmMemory, IsNotReservedForWhatCannotBeMapped) {
+    mapping_fails = true;
+    const LogCapture log("info");
+    EXPECT_EQ(tavrix_shm_create(name(), 100000), -1);
+    EXPECT_EQ(log.sequence(), map_lines(1));
+    EXPECT_TRUE(reserved.empty());
+    EXPECT_EQ(state().st_size, 0);
+    EXPECT_EQ(state().st_blocks, 0);
+}
+
+TEST_F(ShmMemory, FailsTheCreationWhenThereIsNone) {
+    const int open_before = support::open_descriptors();
+    {
+        const LogCapture log("info");
+        fail_reservations(1, ENOSPC);
+        EXPECT_EQ(tavrix_shm_create(name(), 100000), -1);
+        EXPECT_EQ(log.sequence(), map_lines(1));
+    }
+    EXPECT_EQ(support::open_descriptors(), open_before);
+    EXPECT_EQ(reserved.size(), 1U) << "only an interruption is tried again";
+    EXPECT_EQ(state().st_size, 0);
+    expect_every_access_to_fail();
+}
+
+TEST_F(ShmMemory, LeavesNoHoleInAnOldSlotThatCannotGrow) {
+    ASSERT_EQ(tavrix_shm_create(name(), 16), 0);
+    fail_reservations(1, ENOSPC);
+    {
+        const LogCapture log("off");
+        EXPECT_EQ(tavrix_shm_create(name(), 100000), -1);
+    }
+    expect_every_access_to_fail();
+    EXPECT_EQ(tavrix_shm_create(name(), 16), 0) << "the slot can be created again";
+    EXPECT_EQ(tavrix_shm_set_string(name(), 16, "back"), 0);
+}
+
+TEST_F(ShmMemory, IsReservedInSpiteOfSignals) {
+    const LogCapture log("info");
+    fail_reservations(3, EINTR);
+    EXPECT_EQ(tavrix_shm_create(name(), 16), 0);
+    EXPECT_EQ(reserved, std::vector<off_t>(4, 16));
+    EXPECT_TRUE(log.silent());
+}
+
+TEST_F(ShmMemory, IsGivenUpWhenSignalsNeverEnd) {
+    const LogCapture log("info");
+    fail_reservations(99, EINTR);
+    EXPECT_EQ(tavrix_shm_create(name(), 16), 0) << "by the hundredth attempt";
+    reserved.clear();
+    fail_reservations(100, EINTR);
+    EXPECT_EQ(tavrix_shm_create(name(), 16), -1);
+    EXPECT_EQ(reserved.size(), 100U);
+    EXPECT_EQ(log.sequence(), map_lines(1));
+    EXPECT_EQ(state().st_size, 0);
+}

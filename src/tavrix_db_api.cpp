@@ -110,6 +110,7 @@ void tavrix_db_lock_cfgdb(void) { cfgdb_locked = 1; }
 void tavrix_db_unlock_cfgdb(void) { cfgdb_locked = 0; }
 
 int tavrix_db_prepare_statement(sqlite3 *handle, const char *path, sqlite3_stmt **stmt_out, const char *sql) {
+    // A missing text is refused before anything is opened; the path is tested when it is.
     if (tavrix_check_for_null(2, stmt_out, sql) != TAVRIX_OK) {
         return TAVRIX_ERR_PARAMETER;
     }

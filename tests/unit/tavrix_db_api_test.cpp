@@ -1,7 +1,9 @@
 #include "tavrix_db_api.h"
 
+#include <cstdarg>
 #include <cstdio>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -35,6 +37,14 @@ int pragma(sqlite3 *db, const char *sql) {
     const int value = sqlite3_step(statement) == SQLITE_ROW ? sqlite3_column_int(statement, 0) : -1;
     sqlite3_finalize(statement);
     return value;
+}
+
+int single_id_args(sqlite3 *db, const char *path, const char *name, int64_t *out, const char *format, ...) {
+    va_list args;
+    va_start(args, format);
+    const int rc = tavrix_db_get_single_id_result_args(db, path, name, out, format, args);
+    va_end(args);
+    return rc;
 }
 
 class Database : public testing::Test {
@@ -189,24 +199,37 @@ TEST_F(Database, ReadsIdsAndCounts) {
               std::vector<std::string>{"DEBUG|Unable to get [thing] id/count from database [zqn_h7.db]"});
 }
 
-TEST_F(Database, RefusesNullArguments) {
+TEST_F(Database, NamesTheFirstNullArgument) {
     int64_t value = 0;
     sqlite3_stmt *statement = nullptr;
     const char *no_text = nullptr;
-    const LogCapture log("off");
-    EXPECT_EQ(tavrix_db_open(nullptr), -4);
-    EXPECT_EQ(tavrix_db_open_file(nullptr, cfgdb), -4);
-    EXPECT_EQ(tavrix_db_open_file(&handle, nullptr), -4);
-    EXPECT_EQ(tavrix_db_ensure_open(nullptr), -4);
-    EXPECT_EQ(tavrix_db_ensure_open_file(nullptr, cfgdb), -4);
-    EXPECT_EQ(tavrix_db_ensure_open_file(&handle, nullptr), -4);
-    EXPECT_EQ(tavrix_db_prepare_statement(nullptr, nullptr, &statement, "SELECT 1"), -4);
-    EXPECT_EQ(tavrix_db_prepare_statement(nullptr, cfgdb, nullptr, "SELECT 1"), -4);
-    EXPECT_EQ(tavrix_db_prepare_statement(nullptr, cfgdb, &statement, nullptr), -4);
-    EXPECT_EQ(tavrix_db_get_single_id_result(nullptr, nullptr, "t", &value, "SELECT 1"), -4);
-    EXPECT_EQ(tavrix_db_get_single_id_result(nullptr, cfgdb, nullptr, &value, "SELECT 1"), -4);
-    EXPECT_EQ(tavrix_db_get_single_id_result(nullptr, cfgdb, "t", nullptr, "SELECT 1"), -4);
-    EXPECT_EQ(tavrix_db_get_single_id_result(nullptr, cfgdb, "t", &value, no_text), -4);
+    LogCapture log("info");
+    const auto named = [&](int rc, int index) {
+        EXPECT_EQ(rc, -4);
+        EXPECT_EQ(log.sequence(), std::vector<std::string>{"WARN |Found a null input parameter at varg index <" +
+                                                           std::to_string(index) + ">"});
+        log.clear();
+    };
+    named(tavrix_db_open(nullptr), 0);
+    named(tavrix_db_open_file(nullptr, cfgdb), 0);
+    named(tavrix_db_open_file(&handle, nullptr), 1);
+    named(tavrix_db_ensure_open(nullptr), 0);
+    named(tavrix_db_ensure_open_file(nullptr, cfgdb), 0);
+    named(tavrix_db_ensure_open_file(&handle, nullptr), 1);
+    named(tavrix_db_close(nullptr), 0);
+    named(tavrix_db_prepare_statement(nullptr, nullptr, &statement, "SELECT 1"), 1); // by the test of opening
+    named(tavrix_db_prepare_statement(nullptr, cfgdb, nullptr, "SELECT 1"), 0);
+    named(tavrix_db_prepare_statement(nullptr, cfgdb, &statement, nullptr), 1);
+    named(tavrix_db_get_single_id_result(nullptr, nullptr, "t", &value, "SELECT 1"), 0);
+    named(tavrix_db_get_single_id_result(nullptr, cfgdb, nullptr, &value, "SELECT 1"), 1);
+    named(tavrix_db_get_single_id_result(nullptr, cfgdb, "t", nullptr, "SELECT 1"), 2);
+    named(tavrix_db_get_single_id_result(nullptr, cfgdb, "t", &value, no_text), 3);
+    named(single_id_args(nullptr, nullptr, "t", &value, "SELECT 1"), 0);
+    named(single_id_args(nullptr, cfgdb, nullptr, &value, "SELECT 1"), 1);
+    named(single_id_args(nullptr, cfgdb, "t", nullptr, "SELECT 1"), 2);
+    named(single_id_args(nullptr, cfgdb, "t", &value, no_text), 3);
+    EXPECT_EQ(handle, nullptr);
+    EXPECT_EQ(statement, nullptr);
 }
 
 TEST_F(Database, RunsTransactions) {
@@ -234,4 +257,36 @@ TEST_F(Database, ReportsTransactionsThatFail) {
                                   "ERROR|Unable to begin sql transaction due to SQLite error <1>",
                               }));
     EXPECT_EQ(tavrix_db_rollback_transaction(handle), 0);
+}
+
+TEST_F(Database, CommitsOnceWhileAnotherConnectionReads) {
+    ASSERT_EQ(tavrix_db_open(&handle), 0);
+    sqlite3_stmt *reading = nullptr;
+    ASSERT_EQ(tavrix_db_prepare_statement(nullptr, cfgdb, &reading, "SELECT id FROM t"), 0);
+    sqlite3 *const reader = sqlite3_db_handle(reading);
+    ASSERT_EQ(sqlite3_step(reading), SQLITE_ROW);
+    ASSERT_EQ(tavrix_db_open_transaction(handle), 0);
+    ASSERT_EQ(sqlite3_exec(handle, "INSERT INTO t VALUES (1, NULL)", nullptr, nullptr, nullptr), SQLITE_OK);
+    {
+        const LogCapture log("debug");
+        EXPECT_EQ(tavrix_db_commit_transaction(handle), -7);
+        EXPECT_EQ(log.sequence(),
+                  std::vector<std::string>{"ERROR|Unable to commit sql transaction due to SQLite error <5>"});
+    }
+    sqlite3_finalize(reading);
+    EXPECT_EQ(tavrix_db_close(reader), 0);
+    EXPECT_EQ(tavrix_db_commit_transaction(handle), 0) << "the transaction is still open";
+    EXPECT_EQ(pragma(handle, "SELECT count(*) FROM t"), 2);
+}
+
+TEST_F(Database, RunsNoTransactionWithoutAHandle) {
+    const LogCapture log("debug");
+    EXPECT_EQ(tavrix_db_open_transaction(nullptr), -7);
+    EXPECT_EQ(tavrix_db_commit_transaction(nullptr), -7);
+    EXPECT_EQ(tavrix_db_rollback_transaction(nullptr), -7);
+    EXPECT_EQ(log.sequence(), (std::vector<std::string>{
+                                  "ERROR|Unable to begin sql transaction due to SQLite error <21>",
+                                  "ERROR|Unable to commit sql transaction due to SQLite error <21>",
+                                  "ERROR|Unable to rollback sql transaction due to SQLite error <21>",
+                              }));
 }

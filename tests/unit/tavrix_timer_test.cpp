@@ -10,6 +10,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/time.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
@@ -62,6 +63,24 @@ TEST(TimerInit, RefusesNull) {
     EXPECT_EQ(log.sequence(), std::vector<std::string>{"DEBUG|[tavrix_timer_init]: NULL pointer!"});
 }
 
+TEST(TimerInit, StoresAndPrintsItsFailure) {
+    const LogCapture log("verbose");
+    rlimit before{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+    const int next_free = dup(STDERR_FILENO);
+    ASSERT_GE(next_free, 0);
+    ::close(next_free);
+    rlimit none_left = before;
+    none_left.rlim_cur = static_cast<rlim_t>(next_free);
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none_left), 0);
+    int fd = 5;
+    const int rc = tavrix_timer_init(&fd, 0);
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+    EXPECT_EQ(rc, -1);
+    EXPECT_EQ(fd, -1);
+    EXPECT_EQ(log.text(), std::string("tavrix_timer_init: ") + strerror(EMFILE) + "\n");
+}
+
 TEST_F(Timer, IsArmedInWholeSeconds) {
     const LogCapture log("verbose");
     EXPECT_EQ(tavrix_timer_set(fd, 1000, 5), 0);
@@ -78,13 +97,24 @@ TEST_F(Timer, IsArmedInFractions) {
     EXPECT_EQ(tavrix_timer_nsec_set(fd, 1000.5F, 1.25F), 0);
     EXPECT_EQ(log.sequence(),
               std::vector<std::string>{"VERB |Timer successfully set to 1000.500000 period and 1.250000 interval"});
+    EXPECT_GE(armed().it_value.tv_sec, 900);
+    EXPECT_LE(armed().it_value.tv_sec, 1000);
     EXPECT_EQ(armed().it_interval.tv_sec, 1);
     EXPECT_EQ(armed().it_interval.tv_nsec, 250000000);
     EXPECT_EQ(tavrix_timer_nsec_set(fd, 1000, 0.1F), 0);
     // The nearest float to a tenth is a little more; its fraction is cut, not rounded.
     EXPECT_EQ(armed().it_interval.tv_nsec, 100000001);
-    EXPECT_EQ(tavrix_timer_nsec_set(fd, 1.25F, 0), 0);
+}
+
+TEST_F(Timer, IsArmedForOneFractionalShot) {
+    const auto before = std::chrono::steady_clock::now();
+    ASSERT_EQ(tavrix_timer_nsec_set(fd, 1.25F, 0), 0);
     EXPECT_EQ(armed().it_interval.tv_sec + armed().it_interval.tv_nsec, 0) << "one-shot";
+    const timespec left = armed().it_value;
+    EXPECT_LE(std::chrono::seconds(left.tv_sec) + std::chrono::nanoseconds(left.tv_nsec),
+              std::chrono::milliseconds(1250));
+    ASSERT_TRUE(expires());
+    EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(1250));
 }
 
 TEST_F(Timer, IsDisarmedByAZeroFirstExpiry) {
@@ -189,4 +219,18 @@ TEST(TimerFree, SetsTheVariableToZero) {
     const LogCapture log("debug");
     EXPECT_EQ(tavrix_timer_free(nullptr), -20);
     EXPECT_EQ(log.sequence(), std::vector<std::string>{"DEBUG|[tavrix_timer_free]: NULL pointer!"});
+}
+
+TEST(TimerFree, ClosesDescriptorZeroWhenRepeated) {
+    const int aside = dup(STDIN_FILENO);
+    ASSERT_GT(aside, STDIN_FILENO);
+    int fd = -1;
+    ASSERT_EQ(tavrix_timer_init(&fd, 0), 0);
+    EXPECT_EQ(tavrix_timer_free(&fd), 0);
+    EXPECT_NE(fcntl(STDIN_FILENO, F_GETFD), -1) << "not yet";
+    EXPECT_EQ(tavrix_timer_free(&fd), 0);
+    EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1);
+    EXPECT_EQ(fd, 0);
+    EXPECT_EQ(dup2(aside, STDIN_FILENO), STDIN_FILENO);
+    ::close(aside);
 }

@@ -138,7 +138,13 @@ TAVRIX_API int tavrix_mq_socket_sendfd(int sock, int *fd_out);
  */
 TAVRIX_API int tavrix_mq_socket_subscribe(int sock, const char *topic);
 
-/** Removes a prefix; statuses as for tavrix_mq_socket_subscribe(). */
+/**
+ * Takes one subscription of a prefix away; the others stay. One that was subscribed twice has to be taken away twice.
+ *
+ * @param sock  a subscribe socket
+ * @param topic the prefix; of one that is not subscribed nothing changes, and the status is 0 or -1, as nanomsg says
+ * @return 0; -20 for a null topic; -1 when nanomsg refuses, or without memory
+ */
 TAVRIX_API int tavrix_mq_socket_unsubscribe(int sock, const char *topic);
 
 /** Sets the receive time-out in milliseconds; -1 waits for ever. */

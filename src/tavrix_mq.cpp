@@ -32,8 +32,6 @@ constexpr int lowest_sp_type = TAVRIX_SP_PAIR;
 constexpr int highest_sp_type = TAVRIX_SP_BUS;
 static_assert(sizeof protocols / sizeof protocols[0] == highest_sp_type, "one protocol for each SP type");
 
-constexpr char stand_in_topic[] = "\x01";
-
 // The transports 1 to 3 in their order.
 constexpr const char *schemes[] = {"inproc://", "ipc://", "tcp://"};
 constexpr int lowest_transport = TAVRIX_TRANSPORT_INPROC;
@@ -128,12 +126,13 @@ int read_option(int sock, int option, int *out) {
     return TAVRIX_OK;
 }
 
+int option_not_written(int sock) {
+    LOG_DEBUG("nn_setsockopt failed for mq_socket [%d]: %s\n", sock, bus_error());
+    return TAVRIX_ERR_GENERAL;
+}
+
 int write_option(int sock, int level, int option, const void *value, size_t size) {
-    if (nn_setsockopt(sock, level, option, value, size) < 0) {
-        LOG_DEBUG("nn_setsockopt failed for mq_socket [%d]: %s\n", sock, bus_error());
-        return TAVRIX_ERR_GENERAL;
-    }
-    return TAVRIX_OK;
+    return nn_setsockopt(sock, level, option, value, size) < 0 ? option_not_written(sock) : TAVRIX_OK;
 }
 
 int write_topic(int sock, int option, const char *topic) {
@@ -142,6 +141,37 @@ int write_topic(int sock, int option, const char *topic) {
     }
     return write_option(sock, NN_SUB, option, topic, std::strlen(topic));
 }
+
+/**
+ * A topic and one more character, subscribed for a moment. nanomsg's topic tree takes the wrong topic away, or crashes,
+ * when the one to remove has no node of its own; two of these give it one. No frame begins with them.
+ */
+class LongerTopic {
+  public:
+    LongerTopic(int sock, const char *topic, char more) : sock_(sock), length_(std::strlen(topic) + 1) {
+        text_.reset(static_cast<char *>(std::malloc(length_)));
+        if (text_) {
+            std::memcpy(text_.get(), topic, length_ - 1);
+            text_.get()[length_ - 1] = more;
+            subscribed_ = nn_setsockopt(sock_, NN_SUB, NN_SUB_SUBSCRIBE, text_.get(), length_) == 0;
+        }
+    }
+    LongerTopic(const LongerTopic &) = delete;
+    LongerTopic &operator=(const LongerTopic &) = delete;
+    ~LongerTopic() {
+        if (subscribed_) {
+            static_cast<void>(nn_setsockopt(sock_, NN_SUB, NN_SUB_UNSUBSCRIBE, text_.get(), length_));
+        }
+    }
+
+    explicit operator bool() const { return subscribed_; }
+
+  private:
+    int sock_;
+    size_t length_;
+    tavrix::Text text_;
+    bool subscribed_ = false;
+};
 
 /** nanomsg tells an expired time-out and a receive that would wait apart; here both mean that no message is there. */
 bool nothing_received(int reason) { return reason == EAGAIN || reason == ETIMEDOUT; }
@@ -272,15 +302,15 @@ int tavrix_mq_socket_sendfd(int sock, int *fd_out) { return read_option(sock, NN
 int tavrix_mq_socket_subscribe(int sock, const char *topic) { return write_topic(sock, NN_SUB_SUBSCRIBE, topic); }
 
 int tavrix_mq_socket_unsubscribe(int sock, const char *topic) {
-    // nanomsg crashes when a topic is taken from a socket that has none; a topic that no channel begins with stands in.
-    if (topic != nullptr && write_topic(sock, NN_SUB_SUBSCRIBE, stand_in_topic) != TAVRIX_OK) {
-        return TAVRIX_ERR_GENERAL;
+    if (topic == nullptr) {
+        return null_pointer();
     }
-    const int rc = write_topic(sock, NN_SUB_UNSUBSCRIBE, topic);
-    if (topic != nullptr) {
-        static_cast<void>(nn_setsockopt(sock, NN_SUB, NN_SUB_UNSUBSCRIBE, stand_in_topic, sizeof stand_in_topic - 1));
+    const LongerTopic one(sock, topic, '\x01');
+    const LongerTopic other(sock, topic, '\x02');
+    if (!one || !other) {
+        return option_not_written(sock);
     }
-    return rc;
+    return write_topic(sock, NN_SUB_UNSUBSCRIBE, topic);
 }
 
 int tavrix_mq_socket_set_timeout(int sock, int ms) {

@@ -62,6 +62,17 @@ TEST(MqFailures, OfAMessagesAllocationAreReported) {
         2);
 }
 
+TEST(MqFailures, OfAnUnsubscriptionLeaveTheTopic) {
+    BusPair bus("events");
+    const LogCapture log("debug");
+    failing = "malloc";
+    EXPECT_EQ(tavrix_mq_socket_unsubscribe(bus.sub.number, "events"), -1);
+    EXPECT_EQ(log.sequence(), std::vector<std::string>{"DEBUG|nn_setsockopt failed for mq_socket [" +
+                                                       std::to_string(bus.sub.number) + "]: " + nn_strerror(ENOMEM)});
+    bus.publish("events|1");
+    EXPECT_EQ(bus.receive(), "events|1");
+}
+
 TEST(MqFailures, OfTheReceivedCopyLoseNothingElse) {
     BusPair bus;
     bus.publish("lost");

@@ -166,7 +166,7 @@ TAVRIX_API const char *tavrix_jrpc_error_message(int jrpc_code);
  *
  * @param request_text  the request; what follows its object is ignored
  * @param table         the methods
- * @param response_text set to null once the arguments are valid; receives the response's text, which the caller sends
+ * @param response_text set to null first; receives the response's text, which the caller sends
  *                      and releases, or null when nothing is to be sent: for a notification, and when a check before
  *                      the method's name failed or there is no method
  * @return 0 when a response was made, an error response too, or when a notification succeeded; -1 otherwise, also for a
@@ -246,9 +246,12 @@ TAVRIX_API char *tavrix_api_router_json_parse_channel(const char *method);
 /**
  * Makes a publisher.
  *
+ * A failed bind leaves its bus socket, of which a process has 512, open until the process ends: do not call this in a
+ * loop until an address is free.
+ *
  * @param address      a "tcp://" address to bind to
  * @param pub_sock_out receives the bus socket; the caller closes it
- * @return 0; -20 for a null argument; the bind's status (-34, -1); -1. Nothing stays open on failure.
+ * @return 0; -20 for a null argument; the bind's status (-34, -1); -1 without a bus socket
  */
 TAVRIX_API int tavrix_jrpc_mq_pub_init(const char *address, int *pub_sock_out);
 
@@ -257,7 +260,8 @@ TAVRIX_API int tavrix_jrpc_mq_pub_init(const char *address, int *pub_sock_out);
  *
  * @param sub_sock_out receives the bus socket; the caller closes it
  * @param with_timeout not 0: a receive waits 1000 ms at most; 0: for ever
- * @return 0; -20 for a null place; -1. Nothing stays open on failure.
+ * @return 0; -20 for a null place; -1 without a bus socket, or when the time-out cannot be set: then the socket stays
+ *         open until the process ends
  */
 TAVRIX_API int tavrix_jrpc_mq_sub_init(int *sub_sock_out, int with_timeout);
 

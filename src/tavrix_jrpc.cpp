@@ -670,15 +670,25 @@ Json parse_object(const char *text, const char *function) {
     return object;
 }
 
-/** Shows a request at verbose level, as received and as parsed; nothing is rendered below it. */
+bool cannot_print(const char *function) {
+    LOG_DEBUG("[%s]: Cannot print JSON message\n", function);
+    return false;
+}
+
+/**
+ * Shows a request at verbose level, as received and as parsed. Nothing is rendered below it, but a bare value, which
+ * has no rendering, is refused at every level.
+ */
 bool show_routed_request(const json_t *request, const char *received, const char *function) {
+    if (!json_is_object(request) && !json_is_array(request)) {
+        return cannot_print(function);
+    }
     if (!tavrix_lsyslog_check_severity(TAVRIX_LOG_VERBOSE)) {
         return true;
     }
     const Text rendering(json_dumps(request, log_flags));
     if (!rendering) {
-        LOG_DEBUG("[%s]: Cannot print JSON message\n", function);
-        return false;
+        return cannot_print(function);
     }
     LOG_VERBOSE("[%s]: [Recv]: %s\n", function, received != nullptr ? received : rendering.get());
     LOG_VERBOSE("Valid JSON received, of length %d\n", length_of(rendering.get()));
@@ -845,11 +855,13 @@ const char *tavrix_jrpc_error_message(int jrpc_code) {
 // --- Evaluation and responses --------------------------------------------------------------------------------------
 
 int tavrix_jrpc_eval_request(const char *request_text, const tavrix_jrpc_method *table, char **response_text) {
+    if (response_text != nullptr) {
+        *response_text = nullptr;
+    }
     if (request_text == nullptr || table == nullptr || response_text == nullptr) {
         LOG_ERROR("tavrix_jrpc_eval_request: NULL pointer!\n");
         return TAVRIX_ERR_GENERAL;
     }
-    *response_text = nullptr;
     const Json request = parse_request(request_text);
     if (!request || !show_request(request.get())) {
         return TAVRIX_ERR_GENERAL;
@@ -1016,6 +1028,7 @@ int tavrix_jrpc_mq_pub_init(const char *address, int *pub_sock_out) {
     rc = tavrix_mq_socket_bind(pub.get(), TAVRIX_TRANSPORT_TCP, address, &endpoint);
     if (rc != TAVRIX_OK) {
         LOG_DEBUG("[tavrix_jrpc_mq_pub_init]: Error mq_socket_bind for pub, rc = %d\n", rc);
+        static_cast<void>(pub.release()); // the socket stays open: meant
         return rc;
     }
     LOG_DEBUG("[tavrix_jrpc_mq_pub_init]: mq_socket for pub initialized.\n");
@@ -1037,6 +1050,7 @@ int tavrix_jrpc_mq_sub_init(int *sub_sock_out, int with_timeout) {
     rc = with_timeout != 0 ? tavrix_mq_socket_set_timeout(sub.get(), reply_timeout_ms) : TAVRIX_OK;
     if (rc != TAVRIX_OK) {
         LOG_DEBUG("[tavrix_jrpc_mq_sub_init]: Error tavrix_mq_socket_set_timeout for sub, rc = %d\n", rc);
+        static_cast<void>(sub.release()); // the socket stays open: meant
         return TAVRIX_ERR_GENERAL;
     }
     LOG_DEBUG("[tavrix_jrpc_mq_sub_init]: mq_socket for sub initialized.\n");

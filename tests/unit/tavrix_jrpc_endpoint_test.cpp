@@ -1,3 +1,4 @@
+#include <chrono>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -183,6 +184,23 @@ TEST(PubInit, RefusesNullAndBadAddresses) {
     EXPECT_EQ(tavrix_jrpc_mq_pub_init("tcp://nowhere", &pub), -1);
     EXPECT_TRUE(log.has(support::debug, unit, "[tavrix_jrpc_mq_pub_init]: Error mq_socket_bind for pub, rc = -1\n"));
     EXPECT_EQ(pub, -77);
+}
+
+TEST(PubInit, LeavesTheSocketOpenWhenItCannotBind) {
+    int pub = -77;
+    ASSERT_EQ(tavrix_jrpc_mq_pub_init("tcp://nowhere", &pub), -1);
+    int ms = 0;
+    EXPECT_EQ(tavrix_mq_socket_get_timeout(0, &ms), 0) << "the first number";
+    EXPECT_EQ(tavrix_mq_socket_close(0), 0);
+}
+
+TEST(SubInit, MakesAStepWaitForASecond) {
+    BusSocket sub;
+    ASSERT_EQ(tavrix_jrpc_mq_sub_init(&sub.number, 1), 0);
+    BusSocket pub(TAVRIX_SP_PUB);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(tavrix_jrpc_mq_run(&sub.number, &pub.number, table, 0), -46);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(990)) << "not before its time";
 }
 
 TEST(SubInit, SetsATimeOutWhenAskedTo) {

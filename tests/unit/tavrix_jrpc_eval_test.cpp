@@ -86,10 +86,14 @@ constexpr char good[] = R"({"jsonrpc":"2.0","id":1,"method":"test.Run"})";
 } // namespace
 
 TEST_F(Evaluate, RefusesEachNullArgument) {
-    char *text = nullptr;
+    char stale[] = "not the library's";
     const LogCapture log("info");
+    char *text = stale;
     EXPECT_EQ(tavrix_jrpc_eval_request(nullptr, table, &text), -1);
+    EXPECT_EQ(text, nullptr);
+    text = stale;
     EXPECT_EQ(tavrix_jrpc_eval_request(good, nullptr, &text), -1);
+    EXPECT_EQ(text, nullptr);
     EXPECT_EQ(tavrix_jrpc_eval_request(good, table, nullptr), -1);
     EXPECT_EQ(log.count(support::error, unit, "tavrix_jrpc_eval_request: NULL pointer!\n"), 3);
     EXPECT_EQ(script.calls, 0);
@@ -154,6 +158,20 @@ TEST_F(Evaluate, ConvertsAFailureAndCarriesItsData) {
     expect_json(answer.text,
                 R"j({"jsonrpc":"2.0","id":"test.Run","transaction_id":4,)j"
                 R"j("error":{"code":-32602,"message":"Invalid parameter(s)","data":{"message":"Missing"}}})j");
+}
+
+TEST_F(Evaluate, AnswersAStatusThatClientsDoNotKnowAsUnknownError) {
+    script.rc = -20;
+    expect_json(evaluate(good).text, R"({"jsonrpc":"2.0","id":"test.Run",
+        "error":{"code":-32001,"message":"Unknown Error","data":null}})");
+}
+
+TEST_F(Evaluate, PassesOverARowWithoutAName) {
+    const tavrix_jrpc_method rows[] = {{nullptr, never}, {"test.Run", scripted}, {nullptr, nullptr}};
+    char *text = nullptr;
+    EXPECT_EQ(tavrix_jrpc_eval_request(good, rows, &text), 0);
+    EXPECT_EQ(script.calls, 1);
+    free(text);
 }
 
 TEST_F(Evaluate, AnswersAnUnknownMethod) {

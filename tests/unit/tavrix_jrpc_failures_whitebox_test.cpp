@@ -4,12 +4,15 @@
 #include <cstdarg>
 #include <cstdlib>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 #include <jansson.h>
+#include <unistd.h>
 
 #include "support/bus.h"
 #include "support/log_capture.h"
+#include "support/stream.h"
 #include "tavrix_jrpc.h"
 #include "tavrix_jrpc_internal.h"
 #include "tavrix_mq.h"
@@ -172,7 +175,7 @@ TEST(PublishFailures, ReportAFrameThatCannotBeMade) {
     EXPECT_TRUE(log.has(support::debug, unit, "[tavrix_jrpc_mq_pub]: add_channel failed\n"));
 }
 
-TEST(SubInitFailures, LeaveNoSocketBehindWhenTheTimeOutCannotBeSet) {
+TEST(SubInitFailures, LeaveTheSocketOpenWhenTheTimeOutCannotBeSet) {
     int sub = -77;
     const LogCapture log("debug");
     const Failing once("set_timeout");
@@ -180,8 +183,9 @@ TEST(SubInitFailures, LeaveNoSocketBehindWhenTheTimeOutCannotBeSet) {
     EXPECT_EQ(sub, -77);
     EXPECT_TRUE(log.has(support::debug, unit,
                         "[tavrix_jrpc_mq_sub_init]: Error tavrix_mq_socket_set_timeout for sub, rc = -1\n"));
-    const BusSocket next(TAVRIX_SP_SUB);
-    EXPECT_EQ(next.number, 0) << "the number is free again";
+    int ms = 0;
+    EXPECT_EQ(tavrix_mq_socket_get_timeout(0, &ms), 0) << "the first number";
+    EXPECT_EQ(tavrix_mq_socket_close(0), 0);
 }
 
 TEST(NotificationWaitFailures, ReportATimeOutThatCannotBeLifted) {
@@ -206,6 +210,24 @@ TEST(NotificationWaitFailures, OnlyLogATimeOutThatCannotBeRestored) {
                         "[tavrix_jrpc_mq_sub_for_notifcation]: Error mq_socket_set_timeout for sub, rc = -1\n"),
               1);
     json_decref(out);
+}
+
+TEST(NotificationWaitFailures, OnlyLogATimeOutThatCannotBeRestoredWhenTheyGiveUp) {
+    support::BusPair bus("ev");
+    for (int frame = 0; frame < 5; ++frame) {
+        bus.publish("ev|{}");
+    }
+    json_t *out = nullptr;
+    const LogCapture log("debug");
+    const Failing second("set_timeout", 1);
+    EXPECT_EQ(tavrix_jrpc_mq_sub_for_notifcation(bus.sub.number, "x", &out), -1);
+    const std::vector<std::string> lines = log.sequence();
+    ASSERT_GE(lines.size(), 2U);
+    EXPECT_EQ(std::vector<std::string>(lines.end() - 2, lines.end()),
+              (std::vector<std::string>{
+                  "DEBUG|[tavrix_jrpc_mq_sub_for_notifcation]: Error mq_socket_set_timeout for sub, rc = -1",
+                  "DEBUG|Could not receive expected notification.",
+              }));
 }
 
 // --- Router ---
@@ -259,6 +281,24 @@ TEST(RouterFailure, WithoutAServiceChannelIsReportedOnTheSplitPath) {
     EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&pub.number, object), -1);
     EXPECT_TRUE(log.has(support::debug, unit, "[tavrix_jrpc_router_mq_dispatch_request]: No JSON uuid\n"));
     json_decref(object);
+}
+
+TEST(RouterFailure, WithoutAServiceChannelIsReportedAndClosesTheClientInOneCall) {
+    int listener = -1;
+    int client = -1;
+    ASSERT_EQ(tavrix_jrpc_unix_socket_init("router.sock", &listener, 1), 0);
+    support::StreamClient asking = support::StreamClient::unix_path("router.sock");
+    asking.say(R"({"method":"p","id":1})");
+    const BusSocket pub(TAVRIX_SP_PUB);
+    const LogCapture log("debug");
+    {
+        const Failing once("strdup");
+        EXPECT_EQ(tavrix_jrpc_router_socket_to_mq(&listener, &pub.number, &client), -20);
+    }
+    EXPECT_EQ(log.lines().back().message, "[tavrix_jrpc_router_socket_to_mq]: Error mq_pub, rc = -20\n");
+    EXPECT_TRUE(asking.closed_silently());
+    EXPECT_EQ(client, -1);
+    close(listener);
 }
 
 TEST(RouterProcessMsg, RefusesNullArguments) {

@@ -8,6 +8,7 @@
 #include "support/bus.h"
 #include "support/log_capture.h"
 #include "tavrix_jrpc.h"
+#include "tavrix_jrpc_internal.h"
 #include "tavrix_mq.h"
 
 namespace {
@@ -74,6 +75,13 @@ TEST(Rendering, OfARoutedRequestThatFailsIsReported) {
         EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&pub.number, request), -1);
         EXPECT_TRUE(log.has(support::debug, "tavrix_jrpc",
                             "[tavrix_jrpc_router_mq_dispatch_request]: Cannot print JSON message\n"));
+        char *text = nullptr;
+        char *channel = nullptr;
+        EXPECT_EQ(tavrix_jrpc_router_process_msg(R"({"method":"ports.Get","id":1})", &text, &channel), -1);
+        EXPECT_EQ(text, nullptr);
+        EXPECT_EQ(channel, nullptr);
+        EXPECT_TRUE(
+            log.has(support::debug, "tavrix_jrpc", "[tavrix_jrpc_router_process_msg]: Cannot print JSON message\n"));
     }
     {
         const support::LogCapture log("debug");

@@ -124,6 +124,17 @@ TEST_F(Router, ReadsAtMost8192Bytes) {
     EXPECT_TRUE(cut.closed_silently());
 }
 
+TEST_F(Router, ReadsAtMost8192BytesOnTheSplitPath) {
+    Value value;
+    const StreamClient exact = connect(padded_to(8192));
+    EXPECT_EQ(extract(&value), 0);
+    close_client();
+    Value nothing;
+    const StreamClient cut = connect(std::string(8192 - sizeof request + 2, ' ') + request); // ends at byte 8193
+    EXPECT_EQ(extract(&nothing), -1);
+    EXPECT_EQ(nothing.json, nullptr);
+}
+
 struct Refusal {
     const char *name;
     const char *request;
@@ -181,6 +192,20 @@ TEST_F(Router, SaysWhereARequestIsNoJson) {
     EXPECT_EQ(take_in_one_call(), -1);
     EXPECT_EQ(log.lines().at(0).message.rfind("[tavrix_jrpc_router_process_msg]: line: 3, text: ", 0), 0U)
         << log.text();
+}
+
+TEST_F(Router, RefusesDuplicateKeys) {
+    for (int path = 0; path < 2; ++path) {
+        const StreamClient asking = connect(R"({"method":"p","id":1,"id":2})");
+        Value value;
+        const LogCapture log("debug");
+        EXPECT_EQ(path == 0 ? take_in_one_call() : extract(&value), -1);
+        EXPECT_EQ(log.lines().at(0).message.rfind(
+                      std::string("[") + (path == 0 ? process : extracting) + "]: line: 1, text: ", 0),
+                  0U)
+            << log.text();
+        close_client();
+    }
 }
 
 TEST_F(Router, ClosesAClientThatSaysNothing) {
@@ -253,7 +278,7 @@ TEST_F(Router, ShowsARequestAtVerboseLevel) {
 
 TEST_F(Router, ExtractsARequestWithoutLookingAtIt) {
     for (const char *text : {request, "{}", R"({"method":5})"}) {
-        const StreamClient asking = connect(text);
+        const StreamClient asking = connect(std::string(text) + "\nmore");
         Value value;
         EXPECT_EQ(extract(&value), 0);
         EXPECT_EQ(value.text(), text);
@@ -310,6 +335,19 @@ TEST_P(RouterRefuses, OnTheSplitPath) {
     EXPECT_EQ(log.lines().back().message, line(dispatching, GetParam().words));
 }
 
+TEST_F(Router, RefusesToDispatchWhatIsNoObject) {
+    const struct {
+        const char *text;
+        const char *words;
+    } rows[] = {{"\"x\"", "Cannot print JSON message"}, {"7", "Cannot print JSON message"}, {"[]", "No JSON method"}};
+    for (const auto &row : rows) {
+        Value value(row.text);
+        const LogCapture log("debug");
+        EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&bus.pub.number, value.json), -1);
+        EXPECT_EQ(log.lines().back().message, line(dispatching, row.words)) << row.text;
+    }
+}
+
 TEST_F(Router, ReportsADispatchThatCannotBePublished) {
     Value value(request);
     const int closed = 9999;
@@ -322,7 +360,8 @@ TEST_F(Router, ShowsADispatchedRequestUnderItsOwnName) {
     Value value(R"({"method":"ports.Get","id":"mine"})");
     const LogCapture log("verbose");
     ASSERT_EQ(tavrix_jrpc_router_mq_dispatch_request(&bus.pub.number, value.json), 0);
-    EXPECT_NE(log.text().find(std::string("[") + dispatching + "]: [Recv]: "), std::string::npos);
+    EXPECT_TRUE(log.has(support::verbose, unit,
+                        line(dispatching, "[Recv]: {\n    \"method\": \"ports.Get\",\n    \"id\": \"mine\"\n}")));
     EXPECT_TRUE(log.has(support::verbose, unit, line(dispatching, "JSON Method: ports.Get")));
     EXPECT_TRUE(log.has(support::verbose, unit, "JSON ID: mine\n"));
 }
@@ -352,7 +391,7 @@ struct Answered {
     }
 };
 
-constexpr char reply_text[] = R"({"jsonrpc": "2.0",  "id":"ports.Get", "result":1})";
+constexpr char reply_text[] = R"({"jsonrpc": "2.0",  "id":"ports.Get", "result":"a|b"})";
 
 } // namespace
 
@@ -376,6 +415,7 @@ TEST_F(Router, ClosesTheClientWhenNoReplyComes) {
     Answered pair;
     EXPECT_EQ(tavrix_jrpc_router_mq_to_socket(&replies.sub.number, &pair.router_side), -46);
     EXPECT_TRUE(pair.asking.closed_silently());
+    EXPECT_EQ(pair.router_side, -1);
 }
 
 TEST_F(Router, ClosesTheClientWhenTheReplyHasNoBar) {
@@ -385,6 +425,7 @@ TEST_F(Router, ClosesTheClientWhenTheReplyHasNoBar) {
     EXPECT_EQ(tavrix_jrpc_router_mq_to_socket(&replies.sub.number, &pair.router_side), -1);
     EXPECT_TRUE(log.has(support::debug, unit, line(answering, "Error parse_msg, rc = -1")));
     EXPECT_TRUE(pair.asking.closed_silently());
+    EXPECT_EQ(pair.router_side, -1);
 }
 
 TEST_F(Router, ClosesTheClientWhenTheMessageIsEmpty) {
@@ -393,6 +434,7 @@ TEST_F(Router, ClosesTheClientWhenTheMessageIsEmpty) {
     everything.publish("");
     EXPECT_EQ(tavrix_jrpc_router_mq_to_socket(&everything.sub.number, &pair.router_side), -1);
     EXPECT_TRUE(pair.asking.closed_silently());
+    EXPECT_EQ(pair.router_side, -1);
 }
 
 TEST_F(Router, ReportsAClientThatHasGone) {
@@ -409,7 +451,7 @@ TEST_F(Router, ExtractsAReplyAsAnObject) {
     Value value;
     const LogCapture log("verbose");
     EXPECT_EQ(tavrix_jrpc_router_mq_extract_response(&replies.sub.number, &value.json), 0);
-    EXPECT_EQ(value.text(), R"({"jsonrpc":"2.0","id":"ports.Get","result":1})");
+    EXPECT_EQ(value.text(), R"({"jsonrpc":"2.0","id":"ports.Get","result":"a|b"})");
     EXPECT_TRUE(log.has(support::verbose, unit, line(receiving, "waiting to receive...")));
     EXPECT_TRUE(log.has(support::verbose, unit, line(receiving, std::string("Recv: ") + reply_text)));
 }
@@ -475,13 +517,21 @@ std::string handler_params;
 
 int handle(json_t *params, json_t **result, json_t **error_data) {
     ++handler_calls;
-    handler_params = params != nullptr ? "object" : "null";
+    char *text = params != nullptr ? json_dumps(params, JSON_COMPACT) : nullptr;
+    handler_params = text != nullptr ? text : "null";
+    free(text);
     *result = json_object();
     *error_data = json_object();
     return handler_rc;
 }
 
-const tavrix_jrpc_method notifications[] = {{"router.X", handle}, {nullptr, nullptr}};
+int never(json_t *, json_t **, json_t **) {
+    ADD_FAILURE() << "the wrong handler";
+    return 0;
+}
+
+const tavrix_jrpc_method notifications[] = {
+    {"router.W", never}, {"router.X", handle}, {"router.X", never}, {nullptr, nullptr}};
 
 int evaluate(const std::string &text) {
     const Value value(text);
@@ -497,8 +547,8 @@ TEST(RouterNotification, CallsItsHandler) {
     handler_rc = 0;
     EXPECT_EQ(evaluate(R"({"jsonrpc":"2.0","method":"router.X"})"), 0);
     EXPECT_EQ(handler_params, "null");
-    EXPECT_EQ(evaluate(R"({"jsonrpc":"2.0","method":"router.X","params":{}})"), 0);
-    EXPECT_EQ(handler_params, "object");
+    EXPECT_EQ(evaluate(R"({"jsonrpc":"2.0","method":"router.X","params":{"a":[1]}})"), 0);
+    EXPECT_EQ(handler_params, R"({"a":[1]})");
     EXPECT_EQ(handler_calls, 2);
 }
 
@@ -559,6 +609,15 @@ TEST(LockResponse, CarriesIdAndTransactionId) {
     EXPECT_TRUE(json_equal(response.json, expected.json)) << response.text();
     EXPECT_EQ(json_object_get(response.json, "transaction_id"), json_object_get(asked.json, "transaction_id"))
         << "shared";
+}
+
+TEST(LockResponse, TakesATransactionIdOfAnyType) {
+    for (const char *id : {"\"t\"", "null", "1.5", "[2]"}) {
+        const Value asked(std::string(R"({"id":"a","transaction_id":)") + id + "}");
+        Value response;
+        ASSERT_EQ(tavrix_jrpc_router_create_system_lock_response(asked.json, &response.json), 0) << id;
+        EXPECT_EQ(json_object_get(response.json, "transaction_id"), json_object_get(asked.json, "transaction_id"));
+    }
 }
 
 TEST(LockResponse, LeavesTheTransactionIdOutWhenThereIsNone) {

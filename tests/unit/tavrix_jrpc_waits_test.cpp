@@ -65,6 +65,8 @@ INSTANTIATE_TEST_SUITE_P(
                   R"({"jsonrpc":"2.0","id":"ports.get"})",
                   -1,
                   {"DEBUG|Found incorrect method \"ports.get\"."}},
+        Candidate{
+            "Array", "[]", -1, {"DEBUG|Received invalid JSON-RPC format.", "DEBUG|Found incorrect method \"(null)\"."}},
         Candidate{"NoVersion",
                   R"({"id":"ports.Get"})",
                   -1,
@@ -114,6 +116,8 @@ INSTANTIATE_TEST_SUITE_P(
                   R"({"jsonrpc":"2.0","method":"events.x"})",
                   -1,
                   {"VERB |JSON Method: events.x", "DEBUG|Found incorrect method \"events.x\"."}},
+        Candidate{"Array", "[]", -1, {"DEBUG|Received invalid JSON-RPC format."}},
+        Candidate{"Number", "7", -1, {"DEBUG|Received invalid JSON-RPC format."}},
         Candidate{"NoMethod", R"({"jsonrpc":"2.0"})", -1, {"DEBUG|[tavrix_jrpc_eval_notification]: No JSON method"}},
         Candidate{"MethodNumber",
                   R"({"jsonrpc":"2.0","method":1})",

@@ -30,7 +30,8 @@
  *   buffer is cleared.
  *
  * The statuses that all of them share, in the order of the checks: -4 for a null `key` or `out`; -35 when the member is
- * absent; -31 when it has another type. Only these last two set the debug message.
+ * absent; -31 when it has another type. Only these last two set the debug message. Retrievers of a text then refuse an
+ * `out_size` of 0, with -4 too.
  *
  * Thread-safety: no state; any thread at any time, each on its own request.
  */
@@ -111,7 +112,7 @@ TAVRIX_API int tavrix_jrpc_utils_parse_input_float(json_t *params, json_t **debu
  * Each copies a JSON string and applies the validator of its name, for example validate_status(). `out` keeps a
  * rejected value.
  *
- * @return 0; -4, also for an `out_size` of 0; -35, -31; -34 when the validator refuses
+ * @return 0, -4, -35, -31; -34 when the validator refuses
  * @{
  */
 /** See validate_status(). */
@@ -219,17 +220,17 @@ TAVRIX_API int tavrix_jrpc_utils_retrieve_input_port_id(json_t *params, json_t *
 /**
  * Copies a switch unit's id, or the word "all" when `allow_all` is set; `out` keeps a rejected value.
  *
- * @return 0; -4, also for an `out_size` of 0; -35, -31; -34 for anything else
+ * @return 0, -4, -35, -31; -34 for anything else
  */
 TAVRIX_API int tavrix_jrpc_utils_retrieve_input_mzu_id(json_t *params, json_t **debug_message, const char *key,
                                                        char *out, size_t out_size, bool allow_all);
 /**
- * Reads a list of VLAN ids. Sets no debug message.
+ * Reads a list of VLAN ids, each the low 32 bits of its integer. Sets no debug message.
  *
  * @param ids   room for 32 numbers; after -31 the ones before the refused one are stored
  * @param count receives the length of the array, 0 for a member that is no array; also written with -19 and -31
- * @return 0; -4 for a null `key`, `ids` or `count`; -35; -19 for more than 32; -31 for an id outside 1 to 4092 or
- *         anything but an integer
+ * @return 0; -4 for a null `key`, `ids` or `count`; -35; -19 for more than 32; -31 for anything but an integer, or for
+ *         one whose low 32 bits are outside 1 to 4092
  */
 TAVRIX_API int tavrix_jrpc_utils_retrieve_input_vlan_ids(json_t *params, json_t **debug_message, const char *key,
                                                          int *ids, int *count);
@@ -266,7 +267,7 @@ TAVRIX_API int tavrix_jrpc_utils_retrieve_input_mac_filters(json_t *params, json
 /**
  * Copies a MAC address as tavrix_jrpc_utils_retrieve_input_mac_address() does, or the word "none" as it is.
  *
- * @return 0; -4, also for an `out_size` of 0; -35, -31; -34 for anything else
+ * @return 0, -4, -35, -31; -34 for anything else
  */
 TAVRIX_API int tavrix_jrpc_utils_retrieve_input_macaddr_allowed(json_t *params, json_t **debug_message, const char *key,
                                                                 char *out, size_t out_size);
@@ -276,7 +277,7 @@ TAVRIX_API int tavrix_jrpc_utils_retrieve_input_macaddr_allowed(json_t *params, 
  * A longer one replaces the debug message, whatever it held: the old object is released. `out` keeps the rejected
  * value; it needs more than 9 bytes, or a longer alias is cut before it is measured.
  *
- * @return 0; -4, also for an `out_size` of 0; -35, -31; -34 for a longer alias
+ * @return 0, -4, -35, -31; -34 for a longer alias
  */
 TAVRIX_API int tavrix_jrpc_utils_retrieve_input_alias(json_t *params, json_t **debug_message, const char *key,
                                                       char *out, size_t out_size);

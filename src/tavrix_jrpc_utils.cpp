@@ -222,11 +222,13 @@ static_assert(count_of(number_rows) == number_row_count && in_order(number_rows)
 /** What every retriever of a text begins with: null test, announcement, parsing. */
 int fetch_text(const char *announcement, json_t *params, json_t **debug_message, const char *key, char *out,
                size_t out_size) {
-    if (key == nullptr || out == nullptr || out_size == 0) {
+    if (key == nullptr || out == nullptr) {
         return TAVRIX_ERR_PARAMETER;
     }
     LOG_VERBOSE("%s", announcement);
-    return tavrix_jrpc_utils_parse_input_string(params, debug_message, key, out, out_size);
+    const int rc = tavrix_jrpc_utils_parse_input_string(params, debug_message, key, out, out_size);
+    // A buffer of no bytes holds no text to judge; what the parser finds comes first.
+    return rc == TAVRIX_OK && out_size == 0 ? TAVRIX_ERR_PARAMETER : rc;
 }
 
 int retrieve_text(TextRowId id, json_t *params, json_t **debug_message, const char *key, char *out, size_t out_size) {

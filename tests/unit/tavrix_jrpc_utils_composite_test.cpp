@@ -615,7 +615,21 @@ TEST(RetrieveMacaddrAllowed, PassesOnWhatTheParserFindsAndRefusesNullArguments) 
     const LogCapture log("verbose");
     EXPECT_EQ(retrieve_allowed(number, out, nullptr), -4);
     EXPECT_EQ(tavrix_jrpc_utils_retrieve_input_macaddr_allowed(number.get(), number.debug(), "mac", nullptr, 20), -4);
-    EXPECT_EQ(tavrix_jrpc_utils_retrieve_input_macaddr_allowed(number.get(), number.debug(), "mac", out.get(), 0), -4);
+    EXPECT_TRUE(out.untouched());
+    EXPECT_TRUE(log.silent());
+}
+
+TEST(RetrieveMacaddrAllowed, RefusesABufferOfNoBytesAfterWhatTheParserFinds) {
+    Buffer out(0);
+    Params missing("{}");
+    EXPECT_EQ(retrieve_allowed(missing, out), -35);
+    Params number(R"({"mac": 1})");
+    EXPECT_EQ(retrieve_allowed(number, out), -31);
+    const LogCapture log("debug");
+    for (const char *text : {"none", "aa:bb:cc:dd:ee:ff"}) {
+        Params good(std::string(R"({"mac": ")") + text + R"("})");
+        EXPECT_EQ(retrieve_allowed(good, out), -4) << text;
+    }
     EXPECT_TRUE(out.untouched());
     EXPECT_TRUE(log.silent());
 }
@@ -711,7 +725,22 @@ TEST(RetrieveAlias, PassesOnWhatTheParserFindsAndRefusesNullArguments) {
     const LogCapture log("verbose");
     EXPECT_EQ(retrieve_alias(number, out, nullptr), -4);
     EXPECT_EQ(tavrix_jrpc_utils_retrieve_input_alias(number.get(), number.debug(), "alias", nullptr, 32), -4);
-    EXPECT_EQ(tavrix_jrpc_utils_retrieve_input_alias(number.get(), number.debug(), "alias", out.get(), 0), -4);
+    EXPECT_TRUE(out.untouched());
+    EXPECT_TRUE(log.silent());
+}
+
+TEST(RetrieveAlias, RefusesABufferOfNoBytesAfterWhatTheParserFinds) {
+    Buffer out(0);
+    Params missing("{}");
+    EXPECT_EQ(retrieve_alias(missing, out), -35);
+    Params number(R"({"alias": 1})");
+    EXPECT_EQ(retrieve_alias(number, out), -31);
+    const LogCapture log("debug");
+    for (const char *text : {"ab1", "nine char"}) {
+        Params good(alias_json(text));
+        EXPECT_EQ(retrieve_alias(good, out), -4) << text;
+        EXPECT_EQ(good.message(), "(none)") << text;
+    }
     EXPECT_TRUE(out.untouched());
     EXPECT_TRUE(log.silent());
 }

@@ -193,6 +193,30 @@ TEST_P(TextRetrievers, RefuseNullArgumentsInSilence) {
     EXPECT_TRUE(log.silent());
 }
 
+TEST_P(TextRetrievers, RefuseABufferOfNoBytesAfterWhatTheParserFinds) {
+    Buffer out(0);
+    const std::string announcement = std::string("VERB |") + GetParam().announcement;
+    {
+        const LogCapture log("verbose");
+        Params missing("{}");
+        EXPECT_EQ(retrieve(missing, out), -35);
+        EXPECT_EQ(missing.message(), "Missing expected parameter: 'field'");
+        EXPECT_EQ(log.sequence(), (Lines{announcement, "VERB |Parsing input string for parameter: field",
+                                         "WARN |No parameter by the name <field> found",
+                                         "DEBUG|Sending debug message: Missing expected parameter: 'field'"}));
+    }
+    Params number(R"({"field": 1})");
+    EXPECT_EQ(retrieve(number, out), -31);
+    EXPECT_EQ(number.message(), "Parameter 'field' is not of type 'string'.");
+
+    const LogCapture log("debug");
+    Params good(json(GetParam().good));
+    EXPECT_EQ(retrieve(good, out), -4);
+    EXPECT_EQ(good.message(), "(none)");
+    EXPECT_TRUE(out.untouched());
+    EXPECT_TRUE(log.silent()) << "neither validated nor a success: " << log.text();
+}
+
 TEST_P(TextRetrievers, WorkWithoutAPlaceForTheMessage) {
     const Params params(json(GetParam().good));
     Buffer out(roomy);
@@ -601,16 +625,27 @@ TEST(RetrievePortId, PassesOnWhatTheParserFinds) {
     EXPECT_TRUE(out.untouched());
 }
 
-TEST(RetrievePortId, RefusesNullArgumentsAndNoRoomInSilence) {
+TEST(RetrievePortId, RefusesABufferOfNoBytesAfterWhatTheParserFinds) {
+    const Allowed every_kind = {true, true, true, true};
+    Buffer out(0);
+    Params missing("{}");
+    EXPECT_EQ(retrieve_port_id(missing, out, every_kind), -35);
+    Params number(R"({"port_id": 1})");
+    EXPECT_EQ(retrieve_port_id(number, out, every_kind), -31);
+    const LogCapture log("debug");
+    Params good(port_json("d1"));
+    EXPECT_EQ(retrieve_port_id(good, out, every_kind), -4);
+    EXPECT_TRUE(out.untouched());
+    EXPECT_TRUE(log.silent());
+}
+
+TEST(RetrievePortId, RefusesNullArgumentsInSilence) {
     const LogCapture log("verbose");
     Params params(port_json("d1"));
     Buffer out(16);
     EXPECT_EQ(retrieve_port_id(params, out, {true, true, true, true}, nullptr), -4);
     EXPECT_EQ(tavrix_jrpc_utils_retrieve_input_port_id(params.get(), params.debug(), "port_id", nullptr, 16, true, true,
                                                        true, true),
-              -4);
-    EXPECT_EQ(tavrix_jrpc_utils_retrieve_input_port_id(params.get(), params.debug(), "port_id", out.get(), 0, true,
-                                                       true, true, true),
               -4);
     EXPECT_TRUE(out.untouched());
     EXPECT_TRUE(log.silent());
@@ -670,7 +705,19 @@ TEST(RetrieveMzuId, PassesOnWhatTheParserFindsAndRefusesNullArguments) {
     const LogCapture log("verbose");
     EXPECT_EQ(retrieve_mzu_id(number, out, true, nullptr), -4);
     EXPECT_EQ(tavrix_jrpc_utils_retrieve_input_mzu_id(number.get(), number.debug(), "mzu_id", nullptr, 16, true), -4);
-    EXPECT_EQ(tavrix_jrpc_utils_retrieve_input_mzu_id(number.get(), number.debug(), "mzu_id", out.get(), 0, true), -4);
+    EXPECT_TRUE(out.untouched());
+    EXPECT_TRUE(log.silent());
+}
+
+TEST(RetrieveMzuId, RefusesABufferOfNoBytesAfterWhatTheParserFinds) {
+    Buffer out(0);
+    Params missing("{}");
+    EXPECT_EQ(retrieve_mzu_id(missing, out, true), -35);
+    Params number(R"({"mzu_id": 1})");
+    EXPECT_EQ(retrieve_mzu_id(number, out, true), -31);
+    const LogCapture log("debug");
+    Params good(R"({"mzu_id": "c1"})");
+    EXPECT_EQ(retrieve_mzu_id(good, out, true), -4);
     EXPECT_TRUE(out.untouched());
     EXPECT_TRUE(log.silent());
 }
@@ -757,6 +804,14 @@ TEST(RetrieveVlanIds, AcceptsBothBounds) {
     EXPECT_EQ(vlans.retrieve(), 0);
     EXPECT_EQ(vlans.ids[1], 4092);
     EXPECT_EQ(vlans.ids[2], 4092) << "repeats are the caller's business";
+}
+
+TEST(RetrieveVlanIds, JudgesAndStoresTheLow32Bits) {
+    VlanIds vlans(R"({"vlan_ids": [4294967297, -4294963204]})"); // 2^32 + 1 and 4092 - 2^32
+    EXPECT_EQ(vlans.retrieve(), 0);
+    EXPECT_EQ(vlans.stored(), 2);
+    EXPECT_EQ(vlans.ids[0], 1);
+    EXPECT_EQ(vlans.ids[1], 4092);
 }
 
 TEST(RetrieveVlanIds, CountsWhatIsNoArrayAsEmpty) {

@@ -170,6 +170,7 @@ TEST(MacVector, RefusesNull) {
     EXPECT_EQ(tavrix_mac_vector_init(&vector, nullptr), -20);
     EXPECT_EQ(tavrix_mac_vector_insert(nullptr, "x", 1), -20);
     EXPECT_EQ(tavrix_mac_vector_insert(&vector, nullptr, 1), -20);
+    EXPECT_EQ(tavrix_mac_vector_insert(&vector, "x", 1), -20) << "bound to no array yet";
 }
 
 TEST(PortMacs, AreReleasedWithTheirLists) {

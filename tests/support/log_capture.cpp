@@ -59,6 +59,12 @@ std::string tag_of(Level level) {
     return tags.at(static_cast<size_t>(level));
 }
 
+std::time_t wall_clock() {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    return now.tv_sec;
+}
+
 void set_log_level(const std::string &word) {
     std::ofstream("tavrix_lsyslog.conf") << "[logging_levels]\n" << daemon_under_test << "=" << word << "\n";
     const StderrCapture confirmation;

@@ -8,10 +8,14 @@
 #ifndef TAVRIX_TESTS_SUPPORT_LOG_CAPTURE_H
 #define TAVRIX_TESTS_SUPPORT_LOG_CAPTURE_H
 
+#include <ctime>
 #include <string>
 #include <vector>
 
 namespace support {
+
+/** Seconds by the clock that stamps the lines: time() reads a coarser one, which may still be in the second before. */
+std::time_t wall_clock();
 
 enum Level { undef = 0, config = 1, error = 2, warning = 3, info = 4, debug = 5, verbose = 6 };
 

@@ -111,9 +111,9 @@ TEST_F(Logger, ReportsAMessageThatCannotBeFormatted) {
 TEST_F(Logger, StampsLinesWithLocalTime) {
     for (const char *zone : {"UTC0", "XYZ-5:30"}) {
         setenv("TZ", zone, 1);
-        const std::time_t before = std::time(nullptr);
+        const std::time_t before = support::wall_clock();
         const std::string line = logged(4, "x\n");
-        const std::time_t after = std::time(nullptr);
+        const std::time_t after = support::wall_clock();
         tm local{};
         ASSERT_NE(strptime(line.c_str(), "[%Y-%m-%d %H:%M:%S", &local), nullptr);
         local.tm_isdst = 0;
@@ -221,6 +221,19 @@ TEST_F(Logger, RecognisesItsOwnMethod) {
     const StderrCapture confirmation;
     EXPECT_EQ(tavrix_lsyslog_is_json_method_lsyslog("logger.ReloadConf"), 1);
     EXPECT_EQ(tavrix_lsyslog_check_severity(6), 0);
+}
+
+TEST_F(Logger, RecognisesItsOwnMethodWhenTheReloadFails) {
+    std::remove(conf);
+    {
+        const StderrCapture out;
+        EXPECT_EQ(tavrix_lsyslog_is_json_method_lsyslog("logger.ReloadConf"), 1);
+        EXPECT_EQ(out.text(), "");
+    }
+    EXPECT_EQ(tavrix_lsyslog_check_severity(6), 1) << "the level in force stays";
+    write_conf("[logging_levels]\nunit-test=error\n");
+    EXPECT_EQ(tavrix_lsyslog_is_json_method_lsyslog("logger.ReloadConf"), 1);
+    EXPECT_EQ(tavrix_lsyslog_check_severity(6), 1);
 }
 
 TEST_F(Logger, TakesAtLeastHalfASecondToStoreASocket) {

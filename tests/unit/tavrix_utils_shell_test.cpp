@@ -77,12 +77,23 @@ TEST(ExecCommandLine, TakesTheFirstLineWithItsNewline) {
     EXPECT_EQ(std::string(out), std::string(78, '0') + "\n");
 }
 
+TEST(ExecCommandLine, RunsNothingForANullArgument) {
+    char out[80] = "old";
+    const LogCapture log("info");
+    EXPECT_EQ(mw_exec_command_line(nullptr, out), 1);
+    EXPECT_EQ(mw_exec_command_line("echo > written", nullptr), 1);
+    EXPECT_STREQ(out, "old");
+    EXPECT_EQ(file_exists("written"), 0);
+    EXPECT_EQ(log.sequence(), (std::vector<std::string>{"ERROR|Popen error.", "ERROR|Popen error."}));
+}
+
 TEST(FileExists, TellsFilesAndFoldersFromNothing) {
     write_file("there", "");
     EXPECT_EQ(file_exists("there"), 1);
     EXPECT_EQ(file_exists("."), 1);
     EXPECT_EQ(file_exists("not-there"), 0);
     EXPECT_EQ(file_exists(""), 0);
+    EXPECT_EQ(file_exists(nullptr), 0);
 }
 
 TEST(FileStats, GivesOneColumnOfTheListing) {
@@ -172,6 +183,16 @@ TEST(CheckMd5, ReportsWhatItCannotRead) {
     EXPECT_TRUE(match) << "untouched";
 }
 
+TEST(CheckMd5, RefusesNull) {
+    write_file("data", "hello\n");
+    write_file("data.md5", "b1946ac92492d2347c6235b4d2611184  data\n");
+    bool match = false;
+    EXPECT_EQ(tavrix_check_md5(nullptr, "data.md5", &match), -1);
+    EXPECT_EQ(tavrix_check_md5("data", nullptr, &match), -1);
+    EXPECT_EQ(tavrix_check_md5("data", "data.md5", nullptr), -1);
+    EXPECT_FALSE(match);
+}
+
 TEST(BoardRevision, IsTheOneDigitBehindTheEqualsSign) {
     EXPECT_EQ(board_revision("echo brdrev=3"), 3);
     EXPECT_EQ(board_revision("echo brdrev=12"), 1);
@@ -220,9 +241,17 @@ TEST(TimeSentence, CountsDaysHoursMinutesSeconds) {
         int seconds;
         const char *text;
     } rows[] = {
-        {0, "0 days 00:00:00"},     {59, "0 days 00:00:59"},    {60, "0 days 00:01:00"},
-        {3599, "0 days 00:59:59"},  {3600, "0 days 01:00:00"},  {86399, "0 days 23:59:59"},
-        {86400, "1 days 00:00:00"}, {90061, "1 days 01:01:01"}, {INT32_MAX, "24855 days 03:14:07"},
+        {0, "0 days 00:00:00"},
+        {59, "0 days 00:00:59"},
+        {60, "0 days 00:01:00"},
+        {3599, "0 days 00:59:59"},
+        {3600, "0 days 01:00:00"},
+        {86399, "0 days 23:59:59"},
+        {86400, "1 days 00:00:00"},
+        {90061, "1 days 01:01:01"},
+        {INT32_MAX, "24855 days 03:14:07"},
+        {-1, "0 days 00:00:-1"}, // each part of a negative span has its own sign
+        {INT32_MIN, "-24855 days -3:-14:-8"},
     };
     for (const auto &row : rows) {
         char out[32];
@@ -265,7 +294,7 @@ TEST(SystemLog, WritesPastTheLevelInUtc) {
     support::set_log_level("off");
     setenv("TZ", "XYZ-5:30", 1);
     tzset();
-    const time_t before = time(nullptr);
+    const time_t before = support::wall_clock();
     const StderrCapture out;
     tavrix_utils_system_log("TAG", "some_file", 12, "value %d", 7);
     const std::string text = out.text();
@@ -275,7 +304,7 @@ TEST(SystemLog, WritesPastTheLevelInUtc) {
     tm utc{};
     ASSERT_NE(strptime(text.c_str(), "[%Y-%m-%d %H:%M:%S", &utc), nullptr);
     EXPECT_GE(timegm(&utc), before);
-    EXPECT_LE(timegm(&utc), time(nullptr));
+    EXPECT_LE(timegm(&utc), support::wall_clock());
 }
 
 TEST(SystemLog, KeepsAMessageOf8000Characters) {

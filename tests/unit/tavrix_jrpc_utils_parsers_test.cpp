@@ -493,7 +493,9 @@ TEST(ParseFloat, ReadsTheText) {
         {"1e300", HUGE_VALF},
         {".5", 0.5F},
         {"0x10", 16.0F},
-        {"16777217", 16777216.0F} // not every integer has a float
+        {"16777217", 16777216.0F},          // not every integer has a float
+        {std::string(99, '0') + "7", 0.0F}, // the hundredth character does not fit the buffer
+        {std::string(98, '0') + "7", 7.0F},
     };
     for (const auto &row : rows) {
         Params params(R"({"n": ")" + row.text + R"("})");

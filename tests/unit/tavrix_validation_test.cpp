@@ -480,6 +480,21 @@ TEST(DateTime, ChecksTheDateFirst) {
     EXPECT_FALSE(log.has(support::verbose, unit, "Validating time: y\n"));
 }
 
+TEST(DateTime, HasNoLineOfItsOwn) {
+    const LogCapture log("verbose");
+    EXPECT_EQ(validate_date_time("2026-05-01", "13:45"), 0);
+    EXPECT_EQ(log.sequence(), (Lines{
+                                  "VERB |Validating date: 2026-05-01",
+                                  "VERB |Testing [Date] value <2026-05-01> against regex: "
+                                  R"(^2\d{3}-([1-9]|0[1-9]|1[0-2])-([1-9]|0[1-9]|1\d|2\d|3[0-1])$)",
+                                  "DEBUG|Regex test passed.",
+                                  "VERB |Validating time: 13:45",
+                                  "VERB |Testing [Time] value <13:45> against regex: "
+                                  R"(^([0-1]\d|2[0-3]):[0-5]\d$)",
+                                  "DEBUG|Regex test passed.",
+                              }));
+}
+
 TEST(Date, KnowsNoCalendar) {
     EXPECT_EQ(validate_date("2030-2-30"), 0);
     EXPECT_EQ(validate_date("1999-12-31"), -2);

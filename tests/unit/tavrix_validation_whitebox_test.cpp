@@ -145,6 +145,7 @@ TEST(LengthAndRegex, ChecksItsBoundsBeforeThePattern) {
         EXPECT_EQ(log.sequence(), std::vector<std::string>{row.line});
     }
     EXPECT_EQ(validate_length_and_regex("ab", 3, 5, "(", "Label"), -5) << "the pattern is not compiled";
+    EXPECT_EQ(validate_length_and_regex("abcdef", 3, 5, "(", "Label"), -4) << "nor here";
     EXPECT_EQ(validate_length_and_regex("abc", 3, 5, "(", "Label"), -1);
 }
 
@@ -190,6 +191,23 @@ TEST(PatternCompiledForTheCall, ReleasesEverything) {
         const PatternMemory memory;
         const std::string pattern = studied_pattern;
         validate_against_regex(pattern.c_str(), value, "Label");
+        EXPECT_EQ(live_blocks, 0) << value;
+        EXPECT_EQ(null_releases, 0) << value;
+    }
+}
+
+TEST(PatternCompiledForTheCall, WorksWithoutStudyDataAndReleasesNone) {
+    const std::string pattern = "^.*$"; // any text will do: nothing to study
+    const PatternMemory memory;
+    const char *error = nullptr;
+    int offset = 0;
+    pcre *code = pcre_compile(pattern.c_str(), 0, &error, &offset, nullptr);
+    ASSERT_NE(code, nullptr);
+    ASSERT_EQ(pcre_study(code, 0, &error), nullptr);
+    ASSERT_EQ(error, nullptr);
+    pcre_free(code);
+    for (const char *value : {"any text", ""}) {
+        EXPECT_EQ(validate_against_regex(pattern.c_str(), value, "Label"), 0) << value;
         EXPECT_EQ(live_blocks, 0) << value;
         EXPECT_EQ(null_releases, 0) << value;
     }

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <random>
 
 #include <poll.h>
 #include <sys/socket.h>
@@ -94,7 +95,38 @@ bool is_notification(const json_t *message) {
     return json_is_string(json_object_get(message, "method")) && json_object_get(message, "id") == nullptr;
 }
 
+/** The code for what the services' own evaluation would refuse without an answer; 0 when it would go on. */
+int find_envelope_error(const json_t *request) {
+    const json_t *transaction_id = json_object_get(request, "transaction_id");
+    const json_t *params = json_object_get(request, "params");
+    if (!is_valid_id(json_object_get(request, "id")) ||
+        (transaction_id != nullptr && !json_is_number(transaction_id)) ||
+        !json_is_string(json_object_get(request, "jsonrpc"))) {
+        return TAVRIX_JRPC_INVALID_REQUEST;
+    }
+    if (text_member(request, "jsonrpc") != "2.0") {
+        return TAVRIX_JRPC_VERSION_NOT_SUPPORTED;
+    }
+    if (params != nullptr && !json_is_object(params)) {
+        return TAVRIX_JRPC_INVALID_PARAMS;
+    }
+    return json_is_string(json_object_get(request, "method")) ? 0 : TAVRIX_JRPC_METHOD_NOT_FOUND;
+}
+
 bool is_own_method(const std::string &method) { return method.rfind(own_prefix, 0) == 0; }
+
+/** Gives the answer what the client's request had: its own transaction id, or none. */
+void put_back_transaction_id(const json_t *request, json_t *answer) {
+    json_t *transaction_id = json_object_get(request, "transaction_id");
+    if (transaction_id != nullptr) {
+        json_object_set(answer, "transaction_id", transaction_id);
+    } else {
+        json_object_del(answer, "transaction_id");
+    }
+}
+
+/** Where to begin counting: elsewhere in each run, so that no reply to an earlier run's request fits. */
+json_int_t random_transaction_id() { return static_cast<json_int_t>(std::random_device()() % INT_MAX); }
 
 int milliseconds_until(Clock::time_point end) {
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now()).count();
@@ -116,7 +148,9 @@ bool has_gone(const StreamSocket &client) {
 
 // --- Set-up --------------------------------------------------------------------------------------------------------
 
-Router::Router(Config config) : config_(std::move(config)), probe_until_(Clock::now() + probe_time) {
+Router::Router(Config config)
+    : config_(std::move(config)), probe_until_(Clock::now() + probe_time),
+      last_transaction_id_(random_transaction_id()) {
     the_router = this;
 }
 
@@ -235,15 +269,15 @@ void Router::serve_client(const StreamSocket &listener, bool trusted) {
 }
 
 void Router::handle_request(Json request, const StreamSocket &client, bool trusted) {
-    const json_t *id = json_object_get(request.get(), "id");
     const std::string method = text_member(request.get(), "method");
-    if (id == nullptr && json_is_string(json_object_get(request.get(), "method"))) {
+    if (is_notification(request.get())) {
         LOG_WARNING("Refused the notification %s of a client\n", method.c_str());
         return;
     }
-    if (!is_valid_id(id) || !json_is_string(json_object_get(request.get(), "method"))) {
+    const int envelope_error = find_envelope_error(request.get());
+    if (envelope_error != 0) {
         LOG_WARNING("Refused a malformed request\n");
-        answer_error(client, TAVRIX_JRPC_INVALID_REQUEST, request.get());
+        answer_error(client, envelope_error, request.get());
     } else if (is_own_method(method) && trusted) {
         const Text text(json_dumps(request.get(), JSON_COMPACT));
         char *response = nullptr;
@@ -258,23 +292,17 @@ void Router::handle_request(Json request, const StreamSocket &client, bool trust
         answer_locked(client, request.get());
     } else {
         tavrix_lsyslog_is_json_method_lsyslog(method.c_str()); // the router's own logger rereads too
-        forward(std::move(request), method, client);
+        forward(std::move(request), client);
     }
 }
 
-void Router::forward(Json request, const std::string &method, const StreamSocket &client) {
-    Pending pending;
-    pending.on_bus.reset(json_deep_copy(request.get()));
-    pending.request = std::move(request);
-    pending.method = method;
-    if (json_object_get(pending.on_bus.get(), "transaction_id") == nullptr) {
-        // Without one, a late reply to an earlier request of the same method could not be told from this one's.
-        pending.transaction_id_added = true;
-        json_object_set_new(pending.on_bus.get(), "transaction_id", json_integer(--last_transaction_id_));
-    }
-    drain_replies();
-    if (tavrix_jrpc_router_mq_dispatch_request(pub_.get(), pending.on_bus.get()) != TAVRIX_OK) {
-        LOG_ERROR("Cannot publish %s\n", method.c_str());
+void Router::forward(Json request, const StreamSocket &client) {
+    last_transaction_id_ = last_transaction_id_ % INT_MAX + 1;
+    const Json on_bus(json_deep_copy(request.get()));
+    json_object_set_new(on_bus.get(), "transaction_id", json_integer(last_transaction_id_));
+    const Pending pending{std::move(request), text_member(on_bus.get(), "method"), last_transaction_id_};
+    if (tavrix_jrpc_router_mq_dispatch_request(pub_.get(), on_bus.get()) != TAVRIX_OK) {
+        LOG_ERROR("Cannot publish %s\n", pending.method.c_str());
         answer_error(client, TAVRIX_JRPC_INTERNAL_ERROR, pending.request.get());
         return;
     }
@@ -330,16 +358,14 @@ bool Router::message_waiting() const {
 bool Router::take_reply(const Pending &pending, const StreamSocket &client) {
     while (message_waiting()) {
         const Json message = next_message();
-        const bool is_reply = text_member(message.get(), "id") == pending.method &&
-                              json_equal(json_object_get(message.get(), "transaction_id"),
-                                         json_object_get(pending.on_bus.get(), "transaction_id")) != 0;
+        const json_t *transaction_id = json_object_get(message.get(), "transaction_id");
+        const bool is_reply = text_member(message.get(), "id") == pending.method && json_is_integer(transaction_id) &&
+                              json_integer_value(transaction_id) == pending.transaction_id;
         if (!is_reply) {
             handle_other(message.get());
             continue;
         }
-        if (pending.transaction_id_added) {
-            json_object_del(message.get(), "transaction_id");
-        }
+        put_back_transaction_id(pending.request.get(), message.get());
         answer(client, message.get());
         return true;
     }

@@ -2,8 +2,9 @@
  * The router: carries requests from client sockets to the bus, one at a time, and the replies back.
  *
  * It works on the library's split path: take a request, look at it, publish it, wait for its reply, answer the client.
- * What arrives on the reply channel and is not the reply to the request in flight is a notification to the router or a
- * left-over, never somebody else's answer.
+ * Each is published under a transaction id of the router's own, and the reply that carries it is the one that is
+ * awaited; the client's own id, or none, is put back into the answer. What else arrives on the reply channel is a
+ * notification to the router or a left-over, never somebody else's answer.
  */
 #ifndef TAVRIX_DAEMONS_ROUTER_ROUTER_H
 #define TAVRIX_DAEMONS_ROUTER_ROUTER_H
@@ -54,9 +55,8 @@ class Router {
     /** A client's request between its publishing and its reply. */
     struct Pending {
         Json request; ///< as the client sent it
-        Json on_bus;  ///< as published
         std::string method;
-        bool transaction_id_added = false;
+        json_int_t transaction_id; ///< the router's own, as published
     };
 
     bool open_bus();
@@ -66,7 +66,7 @@ class Router {
     void serve_client(const StreamSocket &listener, bool trusted);
     bool take_request(const StreamSocket &listener, StreamSocket *client, Json *request);
     void handle_request(Json request, const StreamSocket &client, bool trusted);
-    void forward(Json request, const std::string &method, const StreamSocket &client);
+    void forward(Json request, const StreamSocket &client);
     void await_reply(const Pending &pending, const StreamSocket &client);
     bool take_reply(const Pending &pending, const StreamSocket &client);
     void drain_replies();
@@ -88,7 +88,7 @@ class Router {
     bool locked_ = false;
     std::map<std::string, std::string> services_; ///< name and channel of those that said hello
     Clock::time_point probe_until_;
-    json_int_t last_transaction_id_ = 0;
+    json_int_t last_transaction_id_;
     unsigned served_ = 0;
     unsigned timeouts_ = 0;
     unsigned discarded_ = 0;

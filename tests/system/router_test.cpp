@@ -19,9 +19,14 @@ namespace {
 
 constexpr char first_channel[] = "3a6f8f51-502f-4238-9638-29764ff1a8a4";
 
-std::string reply_to(const std::string &method, const std::string &result, const std::string &transaction_id) {
-    return R"({"jsonrpc":"2.0","id":")" + method + R"(","result":)" + result + ",\"transaction_id\":" + transaction_id +
+std::string reply_of(const std::string &method, const std::string &result, const std::string &transaction_id) {
+    return R"({"jsonrpc":"2.0","id":)" + method + ",\"result\":" + result + ",\"transaction_id\":" + transaction_id +
            "}";
+}
+
+/** A service's reply to a request as it came over the bus. */
+std::string reply_to(const std::string &on_bus, const std::string &result) {
+    return reply_of(member(on_bus, "method"), result, member(on_bus, "transaction_id"));
 }
 
 } // namespace
@@ -32,49 +37,115 @@ TEST(RouterDaemon, CarriesARequestToItsServiceAndTheReplyBack) {
     PlayedService service(fleet, first_channel);
     const StreamClient client = fleet.connect();
     client.say(request("ports.Get", "\"mine\"", R"(,"transaction_id":5,"params":{"port_id":"d1"})"));
-    EXPECT_EQ(service.next_request(), R"({"jsonrpc":"2.0","method":"ports.Get","transaction_id":5,)"
-                                      R"("params":{"port_id":"d1"},"id":"2524546b-ca99-4868-a062-359cefacff7c"})");
-    service.reply(reply_to("ports.Get", "[1]", "5"));
-    EXPECT_EQ(client.hear(), reply_to("ports.Get", "[1]", "5"));
+    const std::string on_bus = service.next_request();
+    EXPECT_EQ(on_bus, R"({"jsonrpc":"2.0","method":"ports.Get","transaction_id":)" + member(on_bus, "transaction_id") +
+                          R"(,"params":{"port_id":"d1"},"id":"2524546b-ca99-4868-a062-359cefacff7c"})");
+    service.reply(reply_to(on_bus, "[1]"));
+    EXPECT_EQ(client.hear(), reply_of("\"ports.Get\"", "[1]", "5"));
+}
+
+TEST(RouterDaemon, GivesAClientTheServicesAnswerWithTheClientsOwnTransactionId) {
+    Fleet fleet;
+    fleet.start_router();
+    PlayedService service(fleet, first_channel);
+    const struct {
+        const char *asked;    ///< in the request
+        const char *answered; ///< in the client's answer
+    } rows[] = {
+        {R"(,"transaction_id":5)", R"("transaction_id":5,)"},
+        {R"(,"transaction_id":-1)", R"("transaction_id":-1,)"},
+        {R"(,"transaction_id":2.5)", R"("transaction_id":2.5,)"},
+        {R"(,"transaction_id":9007199254740993)", R"("transaction_id":9007199254740993,)"},
+        {"", ""},
+    };
+    const std::string before = R"({"more":[null,true],"id":"ports.Get",)";
+    const std::string after = R"("jsonrpc":"2.0","error":{"data":{"z":"\u00E9","a":1.5},"code":-32001}})";
+    for (const auto &row : rows) {
+        const StreamClient client = fleet.connect();
+        client.say(request("ports.Get", "1", row.asked));
+        const std::string on_bus = member(service.next_request(), "transaction_id");
+        EXPECT_NE(on_bus, member(request("ports.Get", "1", row.asked), "transaction_id")) << "the router's own";
+        service.reply(before + "\"transaction_id\":" + on_bus + "," + after);
+        EXPECT_EQ(client.hear(), before + row.answered + after);
+    }
 }
 
 TEST(RouterDaemon, NeverDeliversALateReplyToTheNextClient) {
-    for (const bool with_transaction : {true, false}) {
+    for (const std::string asked : {",\"transaction_id\":1", ""}) {
         Fleet fleet;
         fleet.start_router({"--reply-timeout", "300"});
         PlayedService service(fleet, first_channel);
-        const auto ask = [&](const char *transaction) {
-            StreamClient client = fleet.connect();
-            const std::string more = std::string(",\"transaction_id\":") + transaction;
-            client.say(request("ports.Get", "\"a\"", with_transaction ? more : ""));
-            return client;
-        };
-        const StreamClient first = ask("1");
+        const StreamClient first = fleet.connect();
+        first.say(request("ports.Get", "\"a\"", asked));
         const std::string first_on_bus = service.next_request();
         EXPECT_EQ(code_of(first.hear()), "-32005");
-        const StreamClient second = ask("2");
+        const StreamClient second = fleet.connect();
+        second.say(request("ports.Get", "\"a\"", asked)); // the very same request
         const std::string second_on_bus = service.next_request();
-        service.reply(reply_to("ports.Get", "\"late\"", member(first_on_bus, "transaction_id")));
-        service.reply(reply_to("ports.Set", "\"other\"", member(second_on_bus, "transaction_id")));
-        service.reply(reply_to("ports.Get", "\"right\"", member(second_on_bus, "transaction_id")));
-        const std::string answer = second.hear();
-        EXPECT_EQ(member(answer, "result"), "\"right\"") << with_transaction;
-        EXPECT_EQ(member(answer, "transaction_id"), with_transaction ? "2" : "(none)") << "as the client sent it";
+        service.reply(reply_to(first_on_bus, "\"late\""));
+        service.reply(reply_of("\"ports.Set\"", "\"other\"", member(second_on_bus, "transaction_id")));
+        service.reply(reply_of("\"ports.Get\"", "\"as the client sent it\"", "1"));
+        service.reply(reply_to(second_on_bus, "\"right\""));
+        EXPECT_EQ(member(second.hear(), "result"), "\"right\"") << asked;
         EXPECT_TRUE(fleet.router->says("Discarded a left-over reply of ports.Get"));
     }
+}
+
+TEST(RouterDaemon, NeverDeliversALateReplyAfterTheFirstClientLeft) {
+    Fleet fleet;
+    fleet.start_router();
+    PlayedService service(fleet, first_channel);
+    StreamClient first = fleet.connect();
+    first.say(request("ports.Get", "1", ",\"transaction_id\":1"));
+    const std::string first_on_bus = service.next_request();
+    first.close();
+    EXPECT_TRUE(fleet.router->says("The client of ports.Get has gone"));
+    const StreamClient second = fleet.connect();
+    second.say(request("ports.Get", "1", ",\"transaction_id\":1"));
+    const std::string second_on_bus = service.next_request();
+    service.reply(reply_to(first_on_bus, "\"late\""));
+    service.reply(reply_to(second_on_bus, "\"right\""));
+    EXPECT_EQ(member(second.hear(), "result"), "\"right\"");
+}
+
+TEST(RouterDaemon, NeverDeliversALateReplyToAClientOfItsNextRun) {
+    Fleet fleet;
+    fleet.start_router();
+    const auto first_transaction_id = [&fleet] {
+        PlayedService service(fleet, first_channel);
+        const StreamClient client = fleet.connect();
+        client.say(request("ports.Get", "1"));
+        return member(service.next_request(), "transaction_id");
+    };
+    const std::string earlier = first_transaction_id();
+    fleet.router->signal(SIGTERM);
+    EXPECT_EQ(fleet.router->wait(), 0);
+    fleet.start_router();
+    EXPECT_NE(first_transaction_id(), earlier);
 }
 
 TEST(RouterDaemon, DiscardsAReplyThatComesWhileNobodyWaits) {
     Fleet fleet;
     fleet.start_router();
     PlayedService service(fleet, first_channel);
-    service.reply(reply_to("ports.Get", "\"stray\"", "1"));
+    service.reply(reply_of("\"ports.Get\"", "\"stray\"", "1"));
     EXPECT_TRUE(fleet.router->says("Discarded a left-over reply of ports.Get"));
     const StreamClient client = fleet.connect();
     client.say(request("ports.Get", "1", ",\"transaction_id\":1"));
-    service.next_request();
-    service.reply(reply_to("ports.Get", "\"right\"", "1"));
+    service.reply(reply_to(service.next_request(), "\"right\""));
     EXPECT_EQ(member(client.hear(), "result"), "\"right\"");
+}
+
+TEST(RouterDaemon, TakesAReplyThatArrivesTwiceOnce) {
+    Fleet fleet;
+    fleet.start_router({"--connect", fleet.ports_address}); // once more
+    PlayedService service(fleet, first_channel);
+    for (const char *result : {"1", "2", "3"}) {
+        const StreamClient client = fleet.connect();
+        client.say(request("ports.Get", "1"));
+        service.reply(reply_to(service.next_request(), result));
+        EXPECT_EQ(member(client.hear(), "result"), result);
+    }
 }
 
 TEST(RouterDaemon, SurvivesRubbishOnItsReplyChannel) {
@@ -83,12 +154,12 @@ TEST(RouterDaemon, SurvivesRubbishOnItsReplyChannel) {
     PlayedService service(fleet, first_channel);
     const StreamClient client = fleet.connect();
     client.say(request("ports.Get", "1", ",\"transaction_id\":1"));
-    service.next_request();
+    const std::string on_bus = service.next_request();
     for (const char *text :
          {"rubbish", "[]", "{}", "5", R"({"method":"router.Nothing"})", R"({"method":7,"id":true})"}) {
         service.reply(text);
     }
-    service.reply(reply_to("ports.Get", "\"right\"", "1"));
+    service.reply(reply_to(on_bus, "\"right\""));
     EXPECT_EQ(member(client.hear(), "result"), "\"right\"");
 }
 
@@ -145,26 +216,47 @@ TEST(RouterDaemon, IsLockedOverTheBusToo) {
 
 TEST(RouterDaemon, RefusesMalformedRequestsAndGoesOn) {
     Fleet fleet;
-    fleet.start_router({"--reply-timeout", "100"});
+    fleet.start_router();
+    PlayedService service(fleet, first_channel);
     const struct {
         const char *text;
+        const char *code;
         const char *id;
+        const char *transaction_id;
     } rows[] = {
-        {"nonsense", "null"},
-        {"[]", "null"},
-        {R"({"id":1})", "1"},
-        {R"({"id":"a","method":5})", "\"a\""},
-        {R"({"method":"ports.Get","id":null})", "null"},
-        {R"({"method":"ports.Get","id":{}})", "null"},
-        {R"({"half":)", "null"},
-        {"\xff\xfe", "null"},
+        {"nonsense", "-32600", "null", "(none)"},
+        {"[]", "-32600", "null", "(none)"},
+        {R"({"half":)", "-32600", "null", "(none)"},
+        {"\xff\xfe", "-32600", "null", "(none)"},
+        {"{}", "-32600", "null", "(none)"},
+        {R"({"jsonrpc":"2.0","method":"ports.Get","id":null})", "-32600", "null", "(none)"},
+        {R"({"jsonrpc":"2.0","method":"ports.Get","id":{}})", "-32600", "null", "(none)"},
+        {R"({"jsonrpc":"2.0","method":"ports.Get","id":true,"transaction_id":3})", "-32600", "null", "3"},
+        {R"({"jsonrpc":"2.0","method":"ports.Get","id":1,"transaction_id":null})", "-32600", "1", "(none)"},
+        {R"({"jsonrpc":"2.0","method":"ports.Get","id":1,"transaction_id":"7"})", "-32600", "1", "(none)"},
+        {R"({"jsonrpc":"2.0","method":"ports.Get","id":1,"transaction_id":true})", "-32600", "1", "(none)"},
+        {R"({"method":"ports.Get","id":"a","transaction_id":3})", "-32600", "\"a\"", "3"},
+        {R"({"method":"router.Status","id":"a"})", "-32600", "\"a\"", "(none)"},
+        {R"({"jsonrpc":2.0,"method":"ports.Get","id":1.5})", "-32600", "1.5", "(none)"},
+        {R"({"jsonrpc":"1.0","method":"ports.Get","id":1})", "-32002", "1", "(none)"},
+        {R"({"jsonrpc":"2.0","method":"ports.Get","id":1,"params":[]})", "-32602", "1", "(none)"},
+        {R"({"jsonrpc":"2.0","method":"ports.Get","id":1,"params":null})", "-32602", "1", "(none)"},
+        {R"({"jsonrpc":"2.0","method":"router.Status","id":1,"params":[]})", "-32602", "1", "(none)"},
+        {R"({"jsonrpc":"2.0","id":"a","transaction_id":3})", "-32601", "\"a\"", "3"},
+        {R"({"jsonrpc":"2.0","id":"a","method":5})", "-32601", "\"a\"", "(none)"},
     };
     for (const auto &row : rows) {
         const std::string answer = fleet.ask(row.text);
-        EXPECT_EQ(code_of(answer), "-32600") << row.text << answer;
+        EXPECT_EQ(code_of(answer), row.code) << row.text << answer;
         EXPECT_EQ(member(answer, "id"), row.id) << row.text;
+        EXPECT_EQ(member(answer, "transaction_id"), row.transaction_id) << row.text;
     }
-    EXPECT_EQ(code_of(fleet.ask(request("ports.Get", "1"))), "-32005");
+    const StreamClient client = fleet.connect();
+    client.say(request("ports.Get", "\"good\"", ",\"params\":{}"));
+    const std::string first_on_bus = service.next_request();
+    EXPECT_EQ(member(first_on_bus, "params"), "{}") << "the service saw none of those";
+    service.reply(reply_to(first_on_bus, "1"));
+    EXPECT_EQ(member(client.hear(), "result"), "1");
 }
 
 TEST(RouterDaemon, ForwardsNoNotification) {
@@ -186,8 +278,7 @@ TEST(RouterDaemon, Takes8192BytesAndNoMore) {
     const std::string text = request("ports.Get", "1", ",\"transaction_id\":1");
     const StreamClient exact = fleet.connect();
     exact.say(std::string(8192 - text.size(), ' ') + text);
-    EXPECT_EQ(member(service.next_request(), "method"), "\"ports.Get\"");
-    service.reply(reply_to("ports.Get", "1", "1"));
+    service.reply(reply_to(service.next_request(), "1"));
     EXPECT_EQ(member(exact.hear(), "result"), "1");
     EXPECT_EQ(code_of(fleet.ask(std::string(8193 - text.size(), ' ') + text)), "-32600");
 }
@@ -214,8 +305,7 @@ TEST(RouterDaemon, GoesOnWhenAClientLeavesEarly) {
     }
     const StreamClient client = fleet.connect();
     client.say(request("ports.Get", "2", ",\"transaction_id\":2"));
-    service.next_request();
-    service.reply(reply_to("ports.Get", "\"right\"", "2"));
+    service.reply(reply_to(service.next_request(), "\"right\""));
     EXPECT_EQ(member(client.hear(), "result"), "\"right\"");
 }
 
@@ -226,8 +316,7 @@ TEST(RouterDaemon, HearsAClientOutThatOnlyClosedItsSendingSide) {
     const StreamClient client = fleet.connect();
     client.say(request("ports.Get", "1", ",\"transaction_id\":1"));
     shutdown(client.fd(), SHUT_WR);
-    service.next_request();
-    service.reply(reply_to("ports.Get", "\"right\"", "1"));
+    service.reply(reply_to(service.next_request(), "\"right\""));
     EXPECT_EQ(member(client.hear(), "result"), "\"right\"");
 }
 
@@ -280,10 +369,10 @@ TEST(RouterDaemon, ServesThroughAStormOfSignals) {
         fleet.router->signal(SIGHUP);
         client.say(request("ports.Get", "1", ",\"transaction_id\":" + std::to_string(i)));
         fleet.router->signal(SIGHUP);
-        EXPECT_EQ(member(service.next_request(), "transaction_id"), std::to_string(i));
+        const std::string on_bus = service.next_request();
         fleet.router->signal(SIGHUP);
-        service.reply(reply_to("ports.Get", "1", std::to_string(i)));
-        EXPECT_EQ(member(client.hear(), "result"), "1");
+        service.reply(reply_to(on_bus, "1"));
+        EXPECT_EQ(member(client.hear(), "transaction_id"), std::to_string(i));
     }
 }
 

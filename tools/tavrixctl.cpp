@@ -97,7 +97,7 @@ void add_call(CLI::App &app, CommandLine *line) {
 
 void add_send(CLI::App &app, CommandLine *line) {
     CLI::App *verb = add_verb(app, "send", "Send a text as it stands and print the reply",
-                              "  tavrixctl send '{\"jsonrpc\":\"2.0\",\"method\":\"ports.Get\",\"id\":7}'");
+                              "  tavrixctl send '{\"jsonrpc\":\"2.0\",\"method\":\"router.Status\",\"id\":7}'");
     SendOptions &options = line->send;
     verb->add_option("TEXT", options.text, "What to send, or - to read it from standard input")->required();
     add_target(verb, &options.target, true);
@@ -109,10 +109,13 @@ void add_send(CLI::App &app, CommandLine *line) {
 void add_monitor(CLI::App &app, CommandLine *line) {
     CLI::App *verb = add_verb(app, "monitor", "Print every bus frame with time, channel and JSON",
                               "  tavrixctl monitor tcp://127.0.0.1:7001 tcp://127.0.0.1:7002\n"
-                              "  tavrixctl monitor tcp://127.0.0.1:7002 --channel events");
+                              "  tavrixctl monitor tcp://127.0.0.1:7003 --channel events");
     MonitorOptions &options = line->monitor;
     verb->add_option("ADDRESS", options.addresses, "Publish addresses to connect to")->required()->expected(1, 64);
-    verb->add_option("--channel", options.channels, "Only channels that begin so; may be repeated")->expected(1);
+    verb->add_option("--channel", options.channels, "Only channels that begin so; may be repeated")
+        ->expected(1)
+        ->allow_extra_args(false)
+        ->take_all();
     verb->add_option("--count", options.count, "End after so many frames");
     add_json(verb, &options.json);
     verb->callback([line] { line->run = [line] { return monitor(line->monitor); }; });
@@ -120,7 +123,8 @@ void add_monitor(CLI::App &app, CommandLine *line) {
 
 void add_push(CLI::App &app, CommandLine *line) {
     CLI::App *verb = add_verb(app, "push", "Send a one-way request to a daemon's pull socket",
-                              "  tavrixctl push tcp://127.0.0.1:7003 events.Report '{\"text\":\"door open\"}'");
+                              "  tavrix-eventsd --pull tcp://127.0.0.1:7013 &\n"
+                              "  tavrixctl push tcp://127.0.0.1:7013 events.Report '{\"text\":\"door open\"}'");
     PushOptions &options = line->push;
     verb->add_option("ADDRESS", options.address, "Address of the pull socket")->required();
     verb->add_option("METHOD", options.method, "Method name")->required();
@@ -131,7 +135,7 @@ void add_push(CLI::App &app, CommandLine *line) {
 
 void add_wait(CLI::App &app, CommandLine *line) {
     CLI::App *verb = add_verb(app, "wait", "Wait for a notification on the bus and print it",
-                              "  tavrixctl wait events.LinkChanged tcp://127.0.0.1:7002");
+                              "  tavrixctl wait events.LinkChanged tcp://127.0.0.1:7003");
     WaitOptions &options = line->wait;
     verb->add_option("METHOD", options.method, "The notification's method name")->required();
     verb->add_option("ADDRESS", options.address, "Publish address to connect to")->required();
@@ -167,10 +171,10 @@ void add_shm(CLI::App &app, CommandLine *line) {
                               "  tavrixctl shm set /note 'maintenance at noon' --create");
     verb->require_subcommand(1);
     ShmOptions &options = line->shm;
-    CLI::App *get = verb->add_subcommand("get", "Print the slot's value");
-    CLI::App *set = verb->add_subcommand("set", "Store a value in the slot");
+    CLI::App *get = add_verb(*verb, "get", "Print the slot's value", "  tavrixctl shm get /tavrix_last_event --int");
+    CLI::App *set =
+        add_verb(*verb, "set", "Store a value in the slot", "  tavrixctl shm set /note 'maintenance at noon' --create");
     for (CLI::App *action : {get, set}) {
-        action->set_version_flag("--version", version_text);
         action->add_option("NAME", options.name, "The slot's name, beginning with '/'")->required();
         action->add_flag("--int", options.integer, "The slot holds an integer, not a text");
         action->add_option("--size", options.size, "Size of a text slot in bytes")

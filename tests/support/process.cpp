@@ -42,8 +42,8 @@ std::string read_file(const std::string &path) {
 
 void write_file(const std::string &path, const std::string &text) { std::ofstream(path, std::ios::binary) << text; }
 
-Process::Process(const std::string &name, const std::vector<std::string> &arguments) : name_(name) {
-    std::vector<std::string> words = emulated(arguments);
+Process::Process(const std::string &name, const std::vector<std::string> &arguments, Origin origin) : name_(name) {
+    std::vector<std::string> words = origin == Origin::build ? emulated(arguments) : arguments;
     std::vector<char *> argv;
     for (std::string &word : words) {
         argv.push_back(word.data());
@@ -99,11 +99,22 @@ int Process::wait(int timeout_ms) {
     return status_;
 }
 
-Finished run(const std::vector<std::string> &arguments) {
+namespace {
+
+Finished run_to_its_end(const std::vector<std::string> &arguments, Origin origin) {
     static int count = 0;
-    Process process("run-" + std::to_string(++count), arguments);
+    Process process("run-" + std::to_string(++count), arguments, origin);
     const int status = process.wait();
     return {status, process.output(), process.log()};
+}
+
+} // namespace
+
+Finished run(const std::vector<std::string> &arguments) { return run_to_its_end(arguments, Origin::build); }
+
+Finished run_script(const std::string &name, const std::string &path, const std::string &script) {
+    const std::string function = name + "() { " TAVRIX_TEST_EMULATOR " " + path + " \"$@\"; }\n";
+    return run_to_its_end({"bash", "-c", function + script}, Origin::machine);
 }
 
 } // namespace support

@@ -11,11 +11,14 @@
 
 namespace support {
 
-/** A running program; killed and reaped with its scope. Cross-built programs run under the build's emulator. */
+/** Whether a program is one of the build, which runs under the build's emulator, or one of this machine. */
+enum class Origin { build, machine };
+
+/** A running program; killed and reaped with its scope. */
 class Process {
   public:
     /** Starts `arguments[0]`; standard error goes to the file `name`.log, standard output to `name`.out. */
-    Process(const std::string &name, const std::vector<std::string> &arguments);
+    Process(const std::string &name, const std::vector<std::string> &arguments, Origin origin = Origin::build);
     Process(const Process &) = delete;
     Process &operator=(const Process &) = delete;
     ~Process();
@@ -44,6 +47,9 @@ struct Finished {
     std::string diagnostics;
 };
 Finished run(const std::vector<std::string> &arguments);
+
+/** Runs a script in this machine's bash, in which `name` is the build's program at `path`. */
+Finished run_script(const std::string &name, const std::string &path, const std::string &script);
 
 std::string read_file(const std::string &path);
 void write_file(const std::string &path, const std::string &text);

@@ -1,4 +1,5 @@
 #include <csignal>
+#include <sstream>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -19,6 +20,27 @@ namespace {
 Finished ctl(std::vector<std::string> arguments) {
     arguments.insert(arguments.begin(), TAVRIXCTL);
     return support::run(arguments);
+}
+
+/** A script in bash that calls the tool by its name. */
+Finished script(const std::string &text) { return support::run_script("tavrixctl", TAVRIXCTL, text); }
+
+/** The lines under "examples:", up to the next blank line. */
+std::vector<std::string> examples_of(const std::string &help) {
+    std::istringstream lines(help.substr(help.find("examples:\n")));
+    std::vector<std::string> examples;
+    std::string line;
+    for (std::getline(lines, line); std::getline(lines, line) && !line.empty();) {
+        examples.push_back(line.substr(2));
+    }
+    return examples;
+}
+
+std::string replaced(std::string text, const std::string &what, const std::string &by) {
+    for (size_t at = 0; (at = text.find(what, at)) != std::string::npos; at += by.size()) {
+        text.replace(at, what.size(), by);
+    }
+    return text;
 }
 
 std::string first_line(const std::string &text) { return text.substr(0, text.find('\n')); }
@@ -130,6 +152,43 @@ TEST(CtlHelp, ExplainsTheToolAndEachVerbWithExamples) {
     }
 }
 
+TEST(CtlHelp, GivesExamplesThatWorkWithTheDaemonsOwnAddresses) {
+    Fleet fleet;
+    fleet.start_router({"--connect", fleet.events_address});
+    fleet.start_ports();
+    fleet.start_events();
+    const std::string note = "/tavrix-test-note-" + std::to_string(getpid());
+    const std::vector<std::pair<std::string, std::string>> private_names = {
+        {"tcp://127.0.0.1:7001", fleet.router_address},
+        {"tcp://127.0.0.1:7002", fleet.ports_address},
+        {"tcp://127.0.0.1:7003", fleet.events_address},
+        {"tcp://127.0.0.1:7013", fleet.pull_address},
+        {"/run/tavrix/events.sock", "events.sock"},
+        {"/tavrix_last_event", fleet.slot},
+        {"/note", note},
+    };
+    const std::string traffic = "export TAVRIX_SOCKET=router.sock\n"
+                                "while tavrixctl call ports.Get '{\"port_id\":\"d1\"}' >/dev/null; do :; done &\n"
+                                "trap \"kill $!\" EXIT\n";
+    for (const char *verb : {"", "call", "send", "monitor", "push", "wait", "error", "validate", "shm set", "shm get",
+                             "shm", "log-level", "completion"}) {
+        const std::string help = script(std::string("tavrixctl ") + verb + " --help").output;
+        ASSERT_NE(help.find("examples:\n  "), std::string::npos) << verb;
+        for (std::string example : examples_of(help)) {
+            for (const auto &[name, by] : private_names) {
+                example = replaced(example, name, by);
+            }
+            if (example.rfind("tavrix-eventsd ", 0) == 0) {
+                continue; // it runs
+            }
+            const std::string enough = example.find(" monitor ") != std::string::npos ? " --count 1" : "";
+            const Finished finished = script(traffic + example + enough);
+            EXPECT_EQ(finished.status, 0) << example << "\n" << finished.output << finished.diagnostics;
+        }
+    }
+    shm_unlink(note.c_str());
+}
+
 TEST(CtlMonitor, PrintsEveryFrameOfBothDirections) {
     Fleet fleet;
     fleet.start_router();
@@ -155,6 +214,20 @@ TEST(CtlMonitor, KeepsToItsChannelsAndItsCount) {
     const std::string output = monitor.output();
     EXPECT_EQ(output.find('\n'), output.size() - 1) << "one line";
     EXPECT_NE(output.find("2524546b-ca99-4868-a062-359cefacff7c"), std::string::npos);
+}
+
+TEST(CtlMonitor, TakesSeveralChannelsBeforeAndAfterTheAddresses) {
+    Fleet fleet;
+    fleet.start_router();
+    fleet.start_ports();
+    support::Process monitor("monitor",
+                             {TAVRIXCTL, "monitor", "--channel", "3a6f8f51", fleet.router_address, fleet.ports_address,
+                              "--channel", "no-such-channel", "--channel", "2524546b", "--count", "2"});
+    ASSERT_TRUE(monitor.says("connected to 2 of 2")) << monitor.log();
+    fleet.ask(support::request("ports.Get", "\"a\"", R"(,"params":{"port_id":"d1"})"));
+    EXPECT_EQ(monitor.wait(), 0);
+    EXPECT_NE(monitor.output().find("  3a6f8f51"), std::string::npos) << monitor.output();
+    EXPECT_NE(monitor.output().find("  2524546b"), std::string::npos) << monitor.output();
 }
 
 TEST(CtlMonitor, RefusesAnAddressThatIsNone) { EXPECT_EQ(ctl({"monitor", "localhost:1"}).status, 2); }

@@ -1,0 +1,282 @@
+/*
+ * The JSON-RPC engine with each of its calls failing once.
+ */
+#include "tavrix_jrpc.h"
+
+#include <cstdlib>
+#include <string>
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "faults.h"
+#include "support/bus.h"
+#include "support/log_capture.h"
+#include "support/stream.h"
+#include "tavrix_jrpc_internal.h"
+#include "tavrix_mq.h"
+
+using fault::each_failure;
+using fault::Fault;
+using support::BusPair;
+using support::LogCapture;
+using support::StreamClient;
+
+namespace {
+
+constexpr char levels[][8] = {"off", "verbose"};
+
+json_t *handed_out = nullptr; ///< made before: a handler's own memory is not the engine's
+
+int give(json_t *, json_t **result, json_t **) {
+    *result = json_incref(handed_out);
+    return 0;
+}
+
+int refuse(json_t *, json_t **, json_t **error_data) {
+    *error_data = json_incref(handed_out);
+    return -35;
+}
+
+const tavrix_jrpc_method table[] = {{"x.Give", give}, {"x.Refuse", refuse}, {nullptr, nullptr}};
+
+constexpr char request[] = R"({"jsonrpc":"2.0","id":"r1","method":"x.Give","transaction_id":3})";
+constexpr char response[] = R"({"jsonrpc":"2.0","id":"x.Give","result":["kept"],"transaction_id":3})";
+
+std::string take(char *text) {
+    const std::string copy = text != nullptr ? text : "(null)";
+    free(text);
+    return copy;
+}
+
+std::string take(json_t *value) {
+    const std::string copy = value != nullptr ? take(json_dumps(value, JSON_COMPACT)) : "(null)";
+    json_decref(value);
+    return copy;
+}
+
+class EngineFaults : public testing::Test {
+  protected:
+    EngineFaults() { handed_out = json_pack("[s]", "kept"); }
+    ~EngineFaults() override { json_decref(handed_out); }
+};
+
+} // namespace
+
+TEST_F(EngineFaults, LeaveAnEvaluationWithAnAnswerOrNone) {
+    const struct {
+        const char *text;
+        std::string answer;
+    } rows[] = {
+        {request, response},
+        {R"({"jsonrpc":"2.0","id":1,"method":"x.Refuse"})",
+         R"j({"jsonrpc":"2.0","id":"x.Refuse","error":{"code":-32602,"message":"Invalid parameter(s)","data":["kept"]}})j"},
+        {R"({"jsonrpc":"2.0","id":1,"method":"x.Unknown"})",
+         R"j({"jsonrpc":"2.0","id":"x.Unknown","error":{"code":-32601,"message":"Method not found","data":null}})j"},
+        {R"({"jsonrpc":"2.0","method":"x.Give"})", "(null)"},
+    };
+    for (const auto &row : rows) {
+        for (const char *level : levels) {
+            const LogCapture log(level);
+            each_failure([&](Fault &fault) {
+                char *text = nullptr;
+                const int rc = fault.in([&] { return tavrix_jrpc_eval_request(row.text, table, &text); });
+                const std::string answer = take(text);
+                if (!fault.happened()) {
+                    EXPECT_EQ(rc, 0);
+                    EXPECT_EQ(answer, row.answer);
+                } else if (rc == 0 && answer != row.answer) {
+                    EXPECT_NE(answer.find(R"("code":-32603,)"), std::string::npos) << answer;
+                } else if (rc != 0) {
+                    EXPECT_EQ(rc, -1);
+                    EXPECT_EQ(answer, "(null)");
+                }
+            });
+        }
+    }
+}
+
+TEST_F(EngineFaults, LeaveABuilderWithAWholeTextOrNone) {
+    json_t *const id = json_string("m");
+    json_t *const transaction_id = json_integer(7);
+    each_failure([&](Fault &fault) {
+        char *text = fault.in([&] { return tavrix_jrpc_create_response(handed_out, id, 0, transaction_id); });
+        EXPECT_EQ(take(text),
+                  fault.happened() ? "(null)" : R"({"jsonrpc":"2.0","id":"m","result":["kept"],"transaction_id":7})");
+    });
+    each_failure([&](Fault &fault) {
+        char *text = fault.in([&] { return tavrix_jrpc_create_error(-32005, id, nullptr, 0, nullptr); });
+        EXPECT_EQ(
+            take(text),
+            fault.happened()
+                ? "(null)"
+                : R"({"jsonrpc":"2.0","id":"m","error":{"code":-32005,"message":"Command timed out","data":null}})");
+    });
+    json_decref(id);
+    json_decref(transaction_id);
+}
+
+TEST_F(EngineFaults, LeaveFramingWithItsStatus) {
+    each_failure([](Fault &fault) {
+        char *frame = fault.in([] { return tavrix_api_router_json_add_channel("c", "{}"); });
+        EXPECT_EQ(take(frame), fault.happened() ? "(null)" : "c|{}");
+    });
+    each_failure([](Fault &fault) {
+        char *channel = fault.in([] { return tavrix_api_router_json_parse_channel("events.X"); });
+        EXPECT_EQ(take(channel), fault.happened() ? "(null)" : TAVRIX_CHANNEL_EVENTS);
+    });
+    each_failure([](Fault &fault) {
+        char *json = nullptr;
+        fault.expect(-1, 0, [&] { return tavrix_jrpc_parse_msg("c|{}", 4, &json); });
+        EXPECT_EQ(take(json), fault.happened() ? "(null)" : "{}");
+    });
+    each_failure([](Fault &fault) {
+        char *channel = nullptr;
+        fault.expect(-1, 0, [&] { return tavrix_jrpc_parse_channel(request, &channel); });
+        EXPECT_EQ(take(channel), fault.happened() ? "(null)" : "r1");
+    });
+}
+
+TEST_F(EngineFaults, LeaveAMatcherWithAMatchOrNone) {
+    using Matcher = int (*)(const char *, const char *, json_t **);
+    const struct {
+        Matcher match;
+        const char *text;
+    } rows[] = {{tavrix_jrpc_eval_method, R"({"jsonrpc":"2.0","id":"x"})"},
+                {tavrix_jrpc_eval_notification, R"({"jsonrpc":"2.0","method":"x"})"}};
+    for (const auto &row : rows) {
+        each_failure([&](Fault &fault) {
+            json_t *out = nullptr;
+            fault.expect(-1, 0, [&] { return row.match("x", row.text, &out); });
+            EXPECT_EQ(take(out), fault.happened() ? "(null)" : row.text);
+        });
+    }
+}
+
+TEST_F(EngineFaults, LeaveAServingStepWithAReplyOrAStatus) {
+    BusPair requests("s");
+    BusPair replies("r1", 2000);
+    for (const char *level : levels) {
+        const LogCapture log(level);
+        each_failure([&](Fault &fault) {
+            requests.publish(std::string("s|") + request);
+            const int rc =
+                fault.in([&] { return tavrix_jrpc_mq_run(&requests.sub.number, &replies.pub.number, table, 0); });
+            if (rc == 0) {
+                const std::string reply = replies.receive();
+                EXPECT_TRUE(reply == std::string("r1|") + response || reply.find("-32603") != std::string::npos)
+                    << reply;
+            } else {
+                EXPECT_EQ(rc, -1);
+                EXPECT_TRUE(fault.happened());
+            }
+        });
+    }
+}
+
+TEST_F(EngineFaults, CostAWaitOneAttempt) {
+    BusPair bus("me");
+    for (const char *level : levels) {
+        const LogCapture log(level);
+        each_failure([&](Fault &fault) {
+            constexpr char frame[] = R"(me|{"jsonrpc":"2.0","id":"x","result":1})";
+            bus.publish(frame);
+            bus.publish(frame);
+            json_t *reply = nullptr;
+            EXPECT_EQ(fault.in([&] { return tavrix_jrpc_mq_sub_for_method(bus.sub.number, "x", &reply); }), 0);
+            EXPECT_EQ(take(reply), R"({"jsonrpc":"2.0","id":"x","result":1})");
+            while (tavrix_jrpc_mq_run(&bus.sub.number, &bus.pub.number, table, 1) != -46) {
+            }
+        });
+    }
+}
+
+TEST_F(EngineFaults, LeaveARoutedRequestWithAStatus) {
+    constexpr char routed[] = R"({"method":"x.Give","id":"2524546b-ca99-4868-a062-359cefacff7c"})";
+    for (const char *level : levels) {
+        const LogCapture log(level);
+        each_failure([&](Fault &fault) {
+            char *text = nullptr;
+            char *channel = nullptr;
+            const int rc = fault.in(
+                [&] { return tavrix_jrpc_router_process_msg(R"({"method":"x.Give","id":1})", &text, &channel); });
+            take(channel);
+            // A channel that cannot be made is found out when the request is published.
+            EXPECT_EQ(rc, fault.happened() && !fault.was("strdup") ? -1 : 0) << fault.function();
+            EXPECT_EQ(take(text), rc == 0 ? routed : "(null)");
+        });
+    }
+}
+
+TEST_F(EngineFaults, LeaveASystemResponseWholeOrNull) {
+    json_t *const asked = json_loads(R"({"id":"a","transaction_id":9})", 0, nullptr);
+    each_failure([&](Fault &fault) {
+        json_t *out = asked;
+        const int rc = fault.in([&] { return tavrix_jrpc_router_create_system_lock_response(asked, &out); });
+        EXPECT_EQ(rc, fault.happened() ? -1 : 0);
+        EXPECT_EQ(out == nullptr, fault.happened());
+        json_decref(out);
+    });
+    each_failure([&](Fault &fault) {
+        json_t *out = asked;
+        const int rc = fault.in([&] { return tavrix_jrpc_router_create_system_timeout_response("a", 9, &out); });
+        EXPECT_EQ(rc, fault.happened() ? -1 : 0);
+        EXPECT_EQ(out == nullptr, fault.happened());
+        json_decref(out);
+    });
+    json_decref(asked);
+}
+
+// --- Servers and router on their sockets ---
+
+TEST_F(EngineFaults, LeaveAServersClientClosed) {
+    int listener = -1;
+    ASSERT_EQ(tavrix_jrpc_unix_socket_init("fault.sock", &listener, 1), 0);
+    each_failure([&](Fault &fault) {
+        StreamClient client = StreamClient::unix_path("fault.sock");
+        client.say(request);
+        const int rc = fault.in([&] { return tavrix_jrpc_unix_socket_run(&listener, table); });
+        if (fault.was("accept")) {
+            EXPECT_EQ(rc, -1);
+            EXPECT_EQ(tavrix_jrpc_unix_socket_run(&listener, table), 0) << "the client is still waiting";
+        }
+        const std::string answer = client.hear();
+        EXPECT_NE(answer, "(time-out)");
+        EXPECT_EQ(answer.empty(), rc != 0 && !fault.was("accept")) << rc << answer;
+    });
+    close(listener);
+}
+
+TEST_F(EngineFaults, LeaveTheRoutersClientClosedOrAnswered) {
+    int listener = -1;
+    ASSERT_EQ(tavrix_jrpc_unix_socket_init("fault.sock", &listener, 1), 0);
+    BusPair bus("2524546b-ca99-4868-a062-359cefacff7c");
+    each_failure([&](Fault &fault) {
+        StreamClient asking = StreamClient::unix_path("fault.sock");
+        asking.say(request);
+        int client = -1;
+        int rc = fault.in([&] { return tavrix_jrpc_router_socket_to_mq(&listener, &bus.pub.number, &client); });
+        if (fault.was("accept")) {
+            EXPECT_EQ(rc, -1);
+            rc = tavrix_jrpc_router_socket_to_mq(&listener, &bus.pub.number, &client);
+        }
+        EXPECT_EQ(client >= 0, rc == 0);
+        if (client < 0) {
+            EXPECT_TRUE(asking.closed_silently());
+            return;
+        }
+        close(client);
+    });
+    each_failure([&](Fault &fault) {
+        int pair[2];
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
+        StreamClient asking(pair[0]);
+        bus.publish(std::string("2524546b-ca99-4868-a062-359cefacff7c|") + response);
+        const int rc = fault.in([&] { return tavrix_jrpc_router_mq_to_socket(&bus.sub.number, &pair[1]); });
+        EXPECT_EQ(rc, fault.happened() ? -1 : 0);
+        EXPECT_EQ(asking.hear(), fault.happened() ? "" : response);
+        EXPECT_EQ(pair[1], -1);
+    });
+    close(listener);
+}

@@ -1,0 +1,220 @@
+/*
+ * Sockets, timers, shared memory, files and commands with each allocation and each system call failing once.
+ */
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <string>
+
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include "faults.h"
+#include "support/bus.h"
+#include "support/log_capture.h"
+#include "support/stream.h"
+#include "tavrix_conf_parser.h"
+#include "tavrix_lsyslog.h"
+#include "tavrix_mq.h"
+#include "tavrix_shm.h"
+#include "tavrix_socket.h"
+#include "tavrix_timer.h"
+#include "tavrix_utils.h"
+
+using fault::each_failure;
+using fault::Fault;
+using support::LogCapture;
+using support::StderrCapture;
+using support::StreamClient;
+
+namespace {
+
+void write_file(const char *path, const std::string &text) { std::ofstream(path) << text; }
+
+} // namespace
+
+TEST(SocketFaults, LeaveNoListenerBehind) {
+    const StderrCapture quiet;
+    each_failure([](Fault &fault) {
+        int sock = -77;
+        fault.expect(-1, 0, [&] { return tavrix_unix_socket_init("fault.sock", &sock, 1); });
+        if (!fault.happened()) {
+            close(sock);
+        }
+    });
+    const unsigned port = static_cast<unsigned>(support::free_port());
+    each_failure([&](Fault &fault) {
+        int sock = -77;
+        fault.expect(-1, 0, [&] { return tavrix_tcp_socket_init(port, &sock, 1); });
+        if (!fault.happened()) {
+            close(sock);
+        }
+    });
+}
+
+TEST(SocketFaults, AreStatusesOfAConnection) {
+    const StderrCapture quiet;
+    const unsigned port = static_cast<unsigned>(support::free_port());
+    int listener = -1;
+    ASSERT_EQ(tavrix_tcp_socket_init(port, &listener, 0), 0);
+    each_failure([&](Fault &fault) {
+        int sock = -77;
+        fault.expect(-1, 0, [&] { return tavrix_tcp_socket_connect("127.0.0.1", port, &sock); });
+        if (!fault.happened()) {
+            close(sock);
+        }
+    });
+    int client = -1;
+    ASSERT_EQ(tavrix_tcp_socket_connect("127.0.0.1", port, &client), 0);
+    each_failure([&](Fault &fault) {
+        int accepted = -77;
+        fault.expect(-1, 0, [&] { return tavrix_tcp_socket_accept(&listener, &accepted); });
+        if (!fault.happened()) {
+            close(accepted);
+            close(client);
+            ASSERT_EQ(tavrix_tcp_socket_connect("127.0.0.1", port, &client), 0);
+        }
+    });
+    each_failure([&](Fault &fault) { fault.expect(-1, 0, [&] { return tavrix_socket_send(&client, "text"); }); });
+    close(client);
+    close(listener);
+}
+
+TEST(BusFaults, LeaveAMessageReceivedOrAStatus) {
+    support::BusPair bus;
+    each_failure([&](Fault &fault) {
+        bus.publish("frame");
+        char *text = nullptr;
+        int length = 0;
+        fault.expect(-1, 0, [&] { return tavrix_mq_socket_recv(bus.sub.number, &text, &length, 0); });
+        EXPECT_EQ(text == nullptr, fault.happened());
+        free(text);
+    });
+    each_failure([&](Fault &fault) {
+        ASSERT_EQ(tavrix_mq_socket_subscribe(bus.sub.number, "t"), 0);
+        fault.expect(-1, 0, [&] { return tavrix_mq_socket_unsubscribe(bus.sub.number, "t"); });
+    });
+}
+
+TEST(TimerFaults, LeaveNoDescriptorBehind) {
+    const StderrCapture quiet;
+    each_failure([](Fault &fault) {
+        int timer = -77;
+        fault.expect(-1, 0, [&] { return tavrix_timer_init(&timer, 1); });
+        if (!fault.happened()) {
+            tavrix_timer_free(&timer);
+        }
+    });
+}
+
+TEST(SlotFaults, LeaveASlotThatCanBeMadeAgain) {
+    const std::string name = "/tavrix-fault-" + std::to_string(getpid());
+    const LogCapture log("off");
+    const int value = 7;
+    each_failure([&](Fault &fault) {
+        const int rc = fault.in([&] { return tavrix_shm_create(name.c_str(), 16); });
+        // The size's own result is not looked at: a slot that has it already is as good.
+        if (!fault.was("ftruncate64")) {
+            EXPECT_EQ(rc, fault.happened() ? -1 : 0) << fault.function();
+        }
+        if (rc != 0) {
+            int read = 0;
+            EXPECT_EQ(tavrix_shm_get_int(name.c_str(), &read), -1) << "no hole is left";
+            EXPECT_EQ(tavrix_shm_create(name.c_str(), 16), 0);
+        }
+    });
+    each_failure([&](Fault &fault) {
+        fault.expect(-1, 0, [&] { return tavrix_shm_set_int(name.c_str(), &value); });
+        int read = -77;
+        const int rc = tavrix_shm_get_int(name.c_str(), &read);
+        EXPECT_EQ(rc, 0);
+        EXPECT_EQ(read, fault.happened() ? 0 : 7);
+    });
+    each_failure([&](Fault &fault) {
+        int read = -77;
+        fault.expect(-1, 0, [&] { return tavrix_shm_get_int(name.c_str(), &read); });
+        EXPECT_EQ(read, fault.happened() ? -77 : 7);
+    });
+    each_failure([&](Fault &fault) { fault.expect(-1, 0, [&] { return tavrix_shm_clear(name.c_str(), 4); }); });
+    shm_unlink(name.c_str());
+}
+
+TEST(FileFaults, AreStatuses) {
+    const LogCapture log("off");
+    write_file("some.conf", "[a]\nkey=value\n");
+    each_failure([](Fault &fault) {
+        char out[16] = "";
+        const int rc = fault.in([&] { return tavrix_conf_parser_parse("some.conf", "a", "key", out, sizeof out); });
+        EXPECT_EQ(rc == 0, !fault.happened());
+        EXPECT_STREQ(out, fault.happened() ? "" : "value");
+    });
+    each_failure([](Fault &fault) {
+        const int rc = fault.in([] { return tavrix_lsyslog_reload_conf(); });
+        EXPECT_EQ(rc == 0, !fault.happened());
+    });
+}
+
+TEST(CommandFaults, AreStatuses) {
+    const LogCapture log("off");
+    each_failure([](Fault &fault) {
+        char out[80] = "";
+        fault.expect(1, 0, [&] { return mw_exec_command_line("echo word", out); });
+        EXPECT_STREQ(out, fault.happened() ? "" : "word\n");
+    });
+    write_file("some.file", "content");
+    ASSERT_EQ(std::system("md5sum some.file > some.md5"), 0);
+    each_failure([](Fault &fault) {
+        bool match = false;
+        fault.expect(-1, 0, [&] { return tavrix_check_md5("some.file", "some.md5", &match); });
+        EXPECT_EQ(match, !fault.happened());
+    });
+    each_failure([](Fault &fault) {
+        char *stats = fault.in([] { return tavrix_file_stats("some.file", nullptr, nullptr, 5); });
+        EXPECT_EQ(stats == nullptr, fault.happened());
+        free(stats);
+    });
+    each_failure([](Fault &fault) { EXPECT_EQ(fault.in([] { return tavrix_get_board_rev_number(); }), 7); });
+}
+
+TEST(MacVectorFaults, KeepTheEntriesAndEndTheProcess) {
+    static int terminations = 0;
+    const auto before = std::signal(SIGTERM, [](int) { ++terminations; });
+    const LogCapture log("off");
+    each_failure([](Fault &fault) {
+        tavrix_mac_array array = {};
+        tavrix_mac_vector vector = {};
+        terminations = 0;
+        const int stopped_at = fault.in([&] {
+            if (tavrix_mac_vector_init(&vector, &array) != 0) {
+                return 0;
+            }
+            for (int i = 1; i <= 20; ++i) {
+                if (tavrix_mac_vector_insert(&vector, "00:11:22:33:44:55", 1) != 0) {
+                    return i;
+                }
+            }
+            return 21;
+        });
+        EXPECT_EQ(terminations, fault.happened() ? 1 : 0);
+        EXPECT_EQ(array.count, stopped_at == 0 ? 0 : stopped_at - 1);
+        for (int i = 0; i < array.count; ++i) {
+            EXPECT_STREQ(array.entries[i], "00:11:22:33:44:55");
+        }
+        free(array.entries);
+    });
+    std::signal(SIGTERM, before);
+}
+
+TEST(DumpFaults, LeaveOutTheDump) {
+    const LogCapture log("info");
+    each_failure([&](Fault &fault) {
+        LogCapture dump("info");
+        fault.in([] {
+            tavrix_debug_print_bytes("abc", 3, "title");
+            return 0;
+        });
+        EXPECT_EQ(dump.silent(), fault.happened());
+    });
+}

@@ -6,7 +6,7 @@ set -euo pipefail
 declare -A packages=(
     [build]="ca-certificates cmake g++ libcli11-dev libjansson-dev libnanomsg-dev libpcre3-dev libsqlite3-dev ninja-build pkg-config"
     [demo]="sqlite3"
-    [test]="binutils clang g++-arm-linux-gnueabihf googletest libclang-rt-14-dev mandoc qemu-user sqlite3"
+    [test]="binutils clang g++-arm-linux-gnueabihf googletest libclang-rt-14-dev make mandoc qemu-user sqlite3"
 )
 
 missing=()
@@ -17,13 +17,13 @@ for purpose in "$@"; do
 done
 [ ${#missing[@]} -eq 0 ] && exit 0
 
-as_root=()
+# Through env, because sudo drops the variables of its caller.
+apt_get=(env DEBIAN_FRONTEND=noninteractive apt-get)
 if [ "$(id -u)" -ne 0 ]; then
     command -v sudo >/dev/null || { echo "missing packages: ${missing[*]} (run as root, or install sudo)" >&2; exit 1; }
-    as_root=(sudo)
+    apt_get=(sudo "${apt_get[@]}")
 fi
 echo "Installing from Debian: ${missing[*]}"
-export DEBIAN_FRONTEND=noninteractive
 # A package source that cannot be reached does not matter as long as the packages are found.
-"${as_root[@]}" apt-get -qq update >/dev/null 2>&1 || true
-"${as_root[@]}" apt-get -qq -y --no-install-recommends install "${missing[@]}" >/dev/null
+"${apt_get[@]}" -qq update >/dev/null 2>&1 || true
+"${apt_get[@]}" -qq -y --no-install-recommends install "${missing[@]}" >/dev/null

@@ -1,5 +1,7 @@
 /*
  * The smallest router: TCP clients to the bus and back, one request at a time, until SIGTERM.
+ * Too small for a product: a client that says nothing holds up all others, and a reply that comes after the wait of a
+ * second is given to the next client. daemons/router bounds the one and drops the other.
  * usage: router PORT PUBLISH_ADDRESS SERVICE_ADDRESS e.g. router 7100 tcp://127.0.0.1:7101 tcp://127.0.0.1:7102
  */
 #include <poll.h>

@@ -20,6 +20,9 @@ static int say(json_t *params, json_t **result, json_t **error_data) {
     if (rc != TAVRIX_OK) {
         return rc; /* what was wrong with the parameter is in *error_data already */
     }
+    if (json_string_length(json_object_get(params, "text")) >= sizeof text) {
+        return TAVRIX_ERR_INVALID_PARAMETER; /* it was cut to the buffer, perhaps inside a character */
+    }
     *result = json_pack("{s:s}", "said", text);
     return TAVRIX_OK;
 }

@@ -7,6 +7,8 @@
 #include <cstdlib>
 #include <string>
 
+#include <unistd.h>
+
 #include <tavrix.h>
 
 int main(int argc, char **argv) {
@@ -18,17 +20,21 @@ int main(int argc, char **argv) {
     if (tavrix_tcp_socket_connect("127.0.0.1", static_cast<unsigned>(std::atoi(argv[1])), &sock) != TAVRIX_OK) {
         return 4;
     }
-    const std::string request = std::string(R"({"jsonrpc":"2.0","id":"client","transaction_id":1,"method":")") +
-                                argv[2] + R"(","params":)" + argv[3] + "}";
-    std::array<char, 8193> reply{};
+    const std::string request = std::string(R"({"jsonrpc":"2.0","id":"client","method":")") + argv[2] +
+                                R"(","transaction_id":)" + std::to_string(getpid()) + R"(,"params":)" + argv[3] + "}";
+    std::string reply;
+    std::array<char, 1024> piece{};
     int got = -1;
     if (tavrix_socket_send(&sock, request.c_str()) == TAVRIX_OK) {
-        got = tavrix_socket_recv(&sock, reply.data(), reply.size() - 1); // the router sends the reply in one piece
+        // The router closes behind the reply.
+        while ((got = tavrix_socket_recv(&sock, piece.data(), piece.size())) > 0) {
+            reply.append(piece.data(), static_cast<size_t>(got));
+        }
     }
     tavrix_socket_close(&sock);
-    if (got < 1) {
+    if (got < 0 || reply.empty()) {
         return 3;
     }
-    std::puts(reply.data());
+    std::puts(reply.c_str());
     return 0;
 }

@@ -23,7 +23,9 @@ int main(int argc, char **argv) {
                                     "--connect tcp://127.0.0.1:7002");
     options.text("name", "NAME", "the daemon's name in the logger's configuration", &name);
     options.text("socket", "PATH", "unix socket to listen on", &config.socket_path);
-    options.number("tcp", "PORT", "TCP port to listen on, 0 for none", 0, 65535, &config.tcp_port);
+    options.number("tcp", "PORT",
+                   "TCP port to listen on, on every address, 0 for none; one that is not free yet is tried again", 0,
+                   65535, &config.tcp_port);
     options.text("publish", "ADDRESS", "bus address to publish on", &config.publish);
     options.list("connect", "ADDRESS", "a service's bus address; may be repeated", &config.connect);
     options.number("reply-timeout", "MS", "how long a service may take to reply", 1, longest_timeout_ms,

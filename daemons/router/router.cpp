@@ -4,12 +4,12 @@
 #include <array>
 #include <cerrno>
 #include <climits>
+#include <cstdio>
 #include <cstring>
 #include <random>
 
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include "common/log.h"
@@ -24,12 +24,16 @@ namespace router {
 namespace {
 
 using daemon_support::Interruption;
+using daemon_support::signal_descriptor;
 using daemon_support::stop_requested;
 using daemon_support::Text;
 
 constexpr char unit_name[] = "router";
-constexpr int probe_interval_ms = 200;
+constexpr std::chrono::milliseconds probe_interval{200};
 constexpr std::chrono::seconds probe_time{5};
+constexpr std::chrono::milliseconds tcp_attempt_interval{1000};
+constexpr int pause_ms = 200;
+constexpr int messages_per_turn = 100;
 constexpr char own_prefix[] = "router.";
 constexpr const char *service_channels[] = {TAVRIX_CHANNEL_FIRST, TAVRIX_CHANNEL_EVENTS, TAVRIX_CHANNEL_INTERFACES,
                                             TAVRIX_CHANNEL_DEFAULT};
@@ -129,14 +133,27 @@ void put_back_transaction_id(const json_t *request, json_t *answer) {
 json_int_t random_transaction_id() { return static_cast<json_int_t>(std::random_device()() % INT_MAX); }
 
 int milliseconds_until(Clock::time_point end) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now()).count();
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now()).count();
     return static_cast<int>(std::clamp<long long>(left, 0, INT_MAX));
 }
 
-/** A client that does not read its answer holds up the others no longer than one that does not write. */
-void limit_sending(const StreamSocket &client, int timeout_ms) {
-    const timeval limit{timeout_ms / 1000, (timeout_ms % 1000) * 1000};
-    setsockopt(*client.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+/** Lets go of the processor for a moment when the system lacks what the next step needs. */
+void pause_briefly() { poll(nullptr, 0, pause_ms); }
+
+/**
+ * Waits for one of the descriptors, the one of the signals among them. Nothing else in the router waits, but for the
+ * reading of a request: a reload that is asked for is done here and interrupts nothing.
+ */
+template <size_t Count>
+void wait_for(std::array<pollfd, Count> *descriptors, int timeout_ms) {
+    if (poll(descriptors->data(), Count, timeout_ms) < 0 && errno != EINTR) {
+        std::perror("poll");
+        pause_briefly();
+    }
+    daemon_support::drain_signal_descriptor();
+    if (daemon_support::take_reload_request()) {
+        tavrix_lsyslog_reload_conf();
+    }
 }
 
 bool has_gone(const StreamSocket &client) {
@@ -149,17 +166,12 @@ bool has_gone(const StreamSocket &client) {
 // --- Set-up --------------------------------------------------------------------------------------------------------
 
 Router::Router(Config config)
-    : config_(std::move(config)), probe_until_(Clock::now() + probe_time),
+    : config_(std::move(config)), probe_until_(Clock::now() + probe_time), next_probe_(Clock::now() + probe_interval),
       last_transaction_id_(random_transaction_id()) {
     the_router = this;
 }
 
-Router::~Router() {
-    if (unix_listener_.is_open()) {
-        unlink(config_.socket_path.c_str());
-    }
-    the_router = nullptr;
-}
+Router::~Router() { the_router = nullptr; }
 
 bool Router::open_bus() {
     if (tavrix_jrpc_mq_pub_init(config_.publish.c_str(), pub_.place()) != TAVRIX_OK) {
@@ -182,21 +194,23 @@ bool Router::open_bus() {
            tavrix_mq_socket_recvfd(*sub_.get(), &sub_descriptor_) == TAVRIX_OK;
 }
 
-bool Router::open() {
-    if (!open_bus()) {
+/** A port that nobody serves but that is not free, held by connections of an earlier run, is tried again from the loop.
+ */
+bool Router::open_tcp() {
+    if (config_.tcp_port == 0 ||
+        tavrix_tcp_socket_init(static_cast<unsigned>(config_.tcp_port), tcp_listener_.place(), 1) == TAVRIX_OK) {
+        return true;
+    }
+    if (tcp_port_is_served(config_.tcp_port, config_.client_timeout_ms)) {
+        LOG_ERROR("Cannot listen on TCP port %d: somebody serves there\n", config_.tcp_port);
         return false;
     }
-    if (tavrix_unix_socket_init(config_.socket_path.c_str(), unix_listener_.place(), 1) != TAVRIX_OK) {
-        LOG_ERROR("Cannot listen on %s\n", config_.socket_path.c_str());
-        return false;
-    }
-    if (config_.tcp_port > 0 &&
-        tavrix_tcp_socket_init(static_cast<unsigned>(config_.tcp_port), tcp_listener_.place(), 1) != TAVRIX_OK) {
-        LOG_ERROR("Cannot listen on TCP port %d\n", config_.tcp_port);
-        return false;
-    }
+    LOG_WARNING("Cannot listen on TCP port %d yet, trying again\n", config_.tcp_port);
+    next_tcp_attempt_ = Clock::now() + tcp_attempt_interval;
     return true;
 }
+
+bool Router::open() { return open_bus() && unix_listener_.open(config_.socket_path) && open_tcp(); }
 
 // --- Loop ----------------------------------------------------------------------------------------------------------
 
@@ -208,31 +222,41 @@ void Router::probe_services() {
     }
 }
 
-int Router::poll_timeout_ms() const {
-    const bool probing = services_.size() < config_.connect.size() && Clock::now() < probe_until_;
-    return probing ? probe_interval_ms : -1;
+void Router::try_tcp_again() {
+    if (tavrix_tcp_socket_init(static_cast<unsigned>(config_.tcp_port), tcp_listener_.place(), 1) == TAVRIX_OK) {
+        LOG_INFO("Listening on TCP port %d\n", config_.tcp_port);
+    }
+}
+
+bool Router::lacks_services() const { return services_.size() < config_.connect.size() && Clock::now() < probe_until_; }
+
+bool Router::lacks_tcp() const { return config_.tcp_port > 0 && !tcp_listener_.is_open(); }
+
+/** Does what its time has come for; gives how long the loop may wait for the next time. */
+int Router::do_what_is_due() {
+    if (lacks_services() && Clock::now() >= next_probe_) {
+        probe_services();
+        next_probe_ = Clock::now() + probe_interval;
+    }
+    if (lacks_tcp() && Clock::now() >= next_tcp_attempt_) {
+        try_tcp_again();
+        next_tcp_attempt_ = Clock::now() + tcp_attempt_interval;
+    }
+    const int until_probe_ms = lacks_services() ? milliseconds_until(next_probe_) : INT_MAX;
+    const int until_tcp_ms = lacks_tcp() ? milliseconds_until(next_tcp_attempt_) : INT_MAX;
+    return std::min(until_probe_ms, until_tcp_ms);
 }
 
 void Router::serve() {
     LOG_INFO("routerd ready\n");
     while (!stop_requested()) {
-        std::array<pollfd, 4> descriptors = {readable(daemon_support::signal_descriptor()), readable(sub_descriptor_),
-                                             readable(*unix_listener_.get()), readable(*tcp_listener_.get())};
-        const int timeout_ms = poll_timeout_ms();
-        const int ready = poll(descriptors.data(), descriptors.size(), timeout_ms);
-        daemon_support::drain_signal_descriptor();
-        if (daemon_support::take_reload_request()) {
-            tavrix_lsyslog_reload_conf();
-        }
-        if (ready < 0) {
-            continue; // a signal: the loop's condition and the reload above have looked at it
-        }
-        if (ready == 0) {
-            probe_services();
-        }
-        drain_replies();
+        const int timeout_ms = do_what_is_due();
+        std::array<pollfd, 4> descriptors = {readable(signal_descriptor()), readable(sub_descriptor_),
+                                             readable(*unix_listener_.socket().get()), readable(*tcp_listener_.get())};
+        wait_for(&descriptors, timeout_ms);
+        take_other_messages();
         if (descriptors[2].revents != 0) {
-            serve_client(unix_listener_, true);
+            serve_client(unix_listener_.socket(), true);
         }
         if (descriptors[3].revents != 0) {
             serve_client(tcp_listener_, false);
@@ -252,7 +276,9 @@ bool Router::take_request(const StreamSocket &listener, StreamSocket *client, Js
     if (rc == TAVRIX_OK) {
         return true;
     }
-    if (client->is_open() && !stop_requested()) {
+    if (!client->is_open()) {
+        pause_briefly(); // no descriptor to spare, perhaps: the client waits on the listener
+    } else if (!stop_requested()) {
         LOG_WARNING("%s\n", bound.happened() ? "A client said nothing in time" : "A client sent no JSON object");
         answer_error(*client, bound.happened() ? TAVRIX_JRPC_TIMED_OUT : TAVRIX_JRPC_INVALID_REQUEST, nullptr);
     }
@@ -263,7 +289,6 @@ void Router::serve_client(const StreamSocket &listener, bool trusted) {
     StreamSocket client;
     Json request;
     if (take_request(listener, &client, &request)) {
-        limit_sending(client, config_.client_timeout_ms);
         handle_request(std::move(request), client, trusted);
     }
 }
@@ -283,7 +308,7 @@ void Router::handle_request(Json request, const StreamSocket &client, bool trust
         char *response = nullptr;
         tavrix_jrpc_eval_request(text ? text.get() : "", own_methods, &response);
         const Text owner(response);
-        tavrix_socket_send(client.get(), response != nullptr ? response : "");
+        deliver(client, response != nullptr ? response : "");
     } else if (is_own_method(method)) {
         LOG_WARNING("Refused %s over TCP\n", method.c_str());
         answer_error(client, TAVRIX_JRPC_METHOD_NOT_FOUND, request.get());
@@ -311,23 +336,24 @@ void Router::forward(Json request, const StreamSocket &client) {
 
 // --- Replies -------------------------------------------------------------------------------------------------------
 
+/** One message in each turn: whatever else floods the bus, the client, the signals and the end are looked at. */
 void Router::await_reply(const Pending &pending, const StreamSocket &client) {
     const auto end = Clock::now() + std::chrono::milliseconds(config_.reply_timeout_ms);
     for (int left_ms = milliseconds_until(end); left_ms > 0; left_ms = milliseconds_until(end)) {
-        std::array<pollfd, 3> descriptors = {readable(sub_descriptor_), readable(daemon_support::signal_descriptor()),
+        std::array<pollfd, 3> descriptors = {readable(signal_descriptor()), readable(sub_descriptor_),
                                              pollfd{*client.get(), 0, 0}};
-        const int ready = poll(descriptors.data(), descriptors.size(), left_ms);
-        daemon_support::drain_signal_descriptor();
+        wait_for(&descriptors, left_ms);
         if (stop_requested()) {
             return;
         }
-        if (daemon_support::take_reload_request()) {
-            tavrix_lsyslog_reload_conf();
-        }
-        if (ready > 0 && descriptors[0].revents != 0 && take_reply(pending, client)) {
+        const Json message = descriptors[1].revents != 0 ? next_message() : nullptr;
+        if (is_reply_to(pending, message.get())) {
+            put_back_transaction_id(pending.request.get(), message.get());
+            answer(client, message.get());
             ++served_;
             return;
         }
+        handle_other(message.get());
         if (has_gone(client)) {
             LOG_INFO("The client of %s has gone\n", pending.method.c_str());
             return;
@@ -336,6 +362,12 @@ void Router::await_reply(const Pending &pending, const StreamSocket &client) {
     ++timeouts_;
     LOG_WARNING("No reply to %s in time\n", pending.method.c_str());
     answer_timed_out(client, pending.request.get());
+}
+
+bool Router::is_reply_to(const Pending &pending, const json_t *message) const {
+    const json_t *transaction_id = json_object_get(message, "transaction_id");
+    return text_member(message, "id") == pending.method && json_is_integer(transaction_id) &&
+           json_integer_value(transaction_id) == pending.transaction_id;
 }
 
 /** Takes the next message that has arrived; null when it is none of JSON, which is counted here. */
@@ -354,26 +386,9 @@ bool Router::message_waiting() const {
     return !stop_requested() && poll(&state, 1, 0) == 1;
 }
 
-/** Receives what has arrived until the awaited reply is among it. */
-bool Router::take_reply(const Pending &pending, const StreamSocket &client) {
-    while (message_waiting()) {
-        const Json message = next_message();
-        const json_t *transaction_id = json_object_get(message.get(), "transaction_id");
-        const bool is_reply = text_member(message.get(), "id") == pending.method && json_is_integer(transaction_id) &&
-                              json_integer_value(transaction_id) == pending.transaction_id;
-        if (!is_reply) {
-            handle_other(message.get());
-            continue;
-        }
-        put_back_transaction_id(pending.request.get(), message.get());
-        answer(client, message.get());
-        return true;
-    }
-    return false;
-}
-
-void Router::drain_replies() {
-    while (message_waiting()) {
+/** What arrives while no request is in flight; a part of it when it is much, so that clients are not kept waiting. */
+void Router::take_other_messages() {
+    for (int left = messages_per_turn; left > 0 && message_waiting(); --left) {
         handle_other(next_message().get());
     }
 }
@@ -392,9 +407,34 @@ void Router::handle_other(json_t *message) {
 
 // --- Answers -------------------------------------------------------------------------------------------------------
 
-void Router::answer(const StreamSocket &client, json_t *response) const {
-    if (tavrix_jrpc_router_socket_dispatch_response(client.get(), response) != TAVRIX_OK) {
-        LOG_INFO("A client did not take its answer\n");
+/**
+ * Sends the whole text, which the library's one send does not when it is longer than the client's buffer has room for.
+ * A client that does not read holds up the others no longer than one that does not write.
+ */
+void Router::deliver(const StreamSocket &client, const char *text) const {
+    const auto end = Clock::now() + std::chrono::milliseconds(config_.client_timeout_ms);
+    size_t left = std::strlen(text);
+    while (left > 0) {
+        const ssize_t sent = send(*client.get(), text, left, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (sent >= 0) {
+            text += sent;
+            left -= static_cast<size_t>(sent);
+            continue;
+        }
+        const int left_ms = milliseconds_until(end);
+        if ((errno != EAGAIN && errno != EINTR) || left_ms == 0 || stop_requested()) {
+            LOG_WARNING("A client did not take its answer\n");
+            return;
+        }
+        std::array<pollfd, 2> descriptors = {readable(signal_descriptor()), pollfd{*client.get(), POLLOUT, 0}};
+        wait_for(&descriptors, left_ms);
+    }
+}
+
+void Router::answer(const StreamSocket &client, const json_t *response) const {
+    const Text text(json_dumps(response, JSON_COMPACT | JSON_ENSURE_ASCII));
+    if (text) {
+        deliver(client, text.get());
     }
 }
 
@@ -406,7 +446,7 @@ void Router::answer_error(const StreamSocket &client, int jrpc_code, json_t *req
     const Text response(tavrix_jrpc_create_error(jrpc_code, is_valid_id(id) ? id : no_id.get(), nullptr, 0,
                                                  json_is_number(transaction_id) ? transaction_id : nullptr));
     if (response) {
-        tavrix_socket_send(client.get(), response.get());
+        deliver(client, response.get());
     }
 }
 
@@ -442,7 +482,9 @@ int Router::welcome(const std::string &name, const std::string &channel) {
     if (channel.empty() || channel.find('|') != std::string::npos) {
         return TAVRIX_ERR_INVALID_PARAMETER;
     }
-    if (services_.emplace(name, channel).second) {
+    std::string &known_channel = services_[name];
+    if (known_channel != channel) {
+        known_channel = channel;
         LOG_INFO("Service %s settled on channel %s\n", name.c_str(), channel.c_str());
     }
     const std::string text = std::string(R"({"jsonrpc":"2.0","method":")") + daemon_support::welcome_method + "\"}";

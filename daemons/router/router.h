@@ -15,12 +15,12 @@
 #include <vector>
 
 #include "common/handles.h"
+#include "listeners.h"
 
 namespace router {
 
 using daemon_support::BusSocket;
 using daemon_support::Json;
-using daemon_support::StreamSocket;
 using Clock = std::chrono::steady_clock;
 
 struct Config {
@@ -60,27 +60,32 @@ class Router {
     };
 
     bool open_bus();
+    bool open_tcp();
+    bool lacks_services() const;
+    bool lacks_tcp() const;
     void probe_services();
-    int poll_timeout_ms() const;
+    void try_tcp_again();
+    int do_what_is_due();
 
     void serve_client(const StreamSocket &listener, bool trusted);
     bool take_request(const StreamSocket &listener, StreamSocket *client, Json *request);
     void handle_request(Json request, const StreamSocket &client, bool trusted);
     void forward(Json request, const StreamSocket &client);
     void await_reply(const Pending &pending, const StreamSocket &client);
-    bool take_reply(const Pending &pending, const StreamSocket &client);
-    void drain_replies();
+    bool is_reply_to(const Pending &pending, const json_t *message) const;
     bool message_waiting() const;
     Json next_message();
+    void take_other_messages();
     void handle_other(json_t *message);
 
-    void answer(const StreamSocket &client, json_t *response) const;
+    void deliver(const StreamSocket &client, const char *text) const;
+    void answer(const StreamSocket &client, const json_t *response) const;
     void answer_error(const StreamSocket &client, int jrpc_code, json_t *request) const;
     void answer_locked(const StreamSocket &client, json_t *request) const;
     void answer_timed_out(const StreamSocket &client, json_t *request) const;
 
     Config config_;
-    StreamSocket unix_listener_;
+    UnixListener unix_listener_;
     StreamSocket tcp_listener_;
     BusSocket pub_;
     BusSocket sub_;
@@ -88,6 +93,8 @@ class Router {
     bool locked_ = false;
     std::map<std::string, std::string> services_; ///< name and channel of those that said hello
     Clock::time_point probe_until_;
+    Clock::time_point next_probe_;
+    Clock::time_point next_tcp_attempt_;
     json_int_t last_transaction_id_;
     unsigned served_ = 0;
     unsigned timeouts_ = 0;

@@ -1,7 +1,15 @@
+#include <atomic>
+#include <chrono>
 #include <csignal>
+#include <filesystem>
+#include <iterator>
 #include <string>
+#include <thread>
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -28,6 +36,45 @@ std::string reply_of(const std::string &method, const std::string &result, const
 std::string reply_to(const std::string &on_bus, const std::string &result) {
     return reply_of(member(on_bus, "method"), result, member(on_bus, "transaction_id"));
 }
+
+/** A reply of nearly the largest size that the bus carries, far above what a socket's buffer holds. */
+std::string large_reply_to(const std::string &on_bus) {
+    return reply_to(on_bus, "\"" + std::string(1000000, 'x') + "\"");
+}
+
+size_t count_of(const std::string &text, const std::string &part) {
+    size_t count = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size())) {
+        ++count;
+    }
+    return count;
+}
+
+size_t open_descriptors_of(const support::Process &process) {
+    const std::filesystem::directory_iterator open("/proc/" + std::to_string(process.pid()) + "/fd");
+    return static_cast<size_t>(std::distance(begin(open), end(open)));
+}
+
+/** Publishes left-over replies on the router's reply channel as fast as it can, as long as it lives. */
+class Flood {
+  public:
+    explicit Flood(PlayedService &service)
+        : thread_([this, &service] {
+              while (!ended_) {
+                  service.reply(reply_of("\"ports.Flood\"", "0", "1"));
+              }
+          }) {}
+    Flood(const Flood &) = delete;
+    Flood &operator=(const Flood &) = delete;
+    ~Flood() {
+        ended_ = true;
+        thread_.join();
+    }
+
+  private:
+    std::atomic<bool> ended_{false};
+    std::thread thread_;
+};
 
 } // namespace
 
@@ -203,6 +250,20 @@ TEST(RouterDaemon, AnswersBusyWhileTheSystemIsLocked) {
     EXPECT_EQ(code_of(fleet.ask(request("ports.Get", "1"))), "-32005") << "forwarded again";
 }
 
+TEST(RouterDaemon, LetsARequestInFlightEndWhenItIsLocked) {
+    Fleet fleet;
+    fleet.start_router();
+    PlayedService service(fleet, first_channel);
+    const StreamClient client = fleet.connect();
+    client.say(request("ports.Get", "1"));
+    const std::string on_bus = service.next_request();
+    service.reply(R"({"jsonrpc":"2.0","method":"router.Lock"})");
+    EXPECT_TRUE(fleet.router->says("The system is locked"));
+    service.reply(reply_to(on_bus, "\"right\""));
+    EXPECT_EQ(member(client.hear(), "result"), "\"right\"");
+    EXPECT_EQ(code_of(fleet.ask(request("ports.Get", "1"))), "-32014");
+}
+
 TEST(RouterDaemon, IsLockedOverTheBusToo) {
     Fleet fleet;
     fleet.start_router();
@@ -283,14 +344,130 @@ TEST(RouterDaemon, Takes8192BytesAndNoMore) {
     EXPECT_EQ(code_of(fleet.ask(std::string(8193 - text.size(), ' ') + text)), "-32600");
 }
 
-TEST(RouterDaemon, WaitsForASilentClientOnlyUpToItsBound) {
+TEST(RouterDaemon, Takes8192BytesAndNoMoreOverTcp) {
+    Fleet fleet;
+    const int port = support::free_port();
+    fleet.start_router({"--tcp", std::to_string(port)});
+    PlayedService service(fleet, first_channel);
+    const std::string text = request("ports.Get", "1");
+    const StreamClient exact = StreamClient::tcp_port(port);
+    exact.say(std::string(8192 - text.size(), ' ') + text);
+    service.reply(reply_to(service.next_request(), "1"));
+    EXPECT_EQ(member(exact.hear(), "result"), "1");
+    const StreamClient longer = StreamClient::tcp_port(port);
+    longer.say(std::string(8193 - text.size(), ' ') + text);
+    EXPECT_EQ(code_of(longer.hear()), "-32600");
+}
+
+TEST(RouterDaemon, WaitsForSilentClientsOnlyUpToTheirBound) {
     Fleet fleet;
     fleet.start_router({"--client-timeout", "100", "--reply-timeout", "100"});
-    const StreamClient silent = fleet.connect();
+    std::vector<StreamClient> silent;
+    for (int i = 0; i < 5; ++i) {
+        silent.push_back(fleet.connect());
+    }
     const StreamClient next = fleet.connect();
     next.say(request("ports.Get", "\"next\""));
-    EXPECT_EQ(code_of(silent.hear()), "-32005");
-    EXPECT_EQ(member(next.hear(), "id"), "\"next\"") << "served after the silent one";
+    EXPECT_EQ(member(next.hear(), "id"), "\"next\"") << "served after the silent ones";
+    for (const StreamClient &client : silent) {
+        EXPECT_EQ(code_of(client.hear()), "-32005");
+    }
+}
+
+TEST(RouterDaemon, IsNotHeldUpByHalfARequestOverTcp) {
+    Fleet fleet;
+    const int port = support::free_port();
+    fleet.start_router({"--tcp", std::to_string(port), "--reply-timeout", "100"});
+    const StreamClient half = StreamClient::tcp_port(port);
+    half.say(R"({"jsonrpc":"2.0","meth)");
+    EXPECT_EQ(code_of(half.hear()), "-32600");
+    EXPECT_EQ(code_of(fleet.ask(request("ports.Get", "1"))), "-32005");
+}
+
+TEST(RouterDaemon, SendsALargeAnswerWholeThroughAStormOfSignals) {
+    Fleet fleet;
+    fleet.start_router({"--client-timeout", "20000"});
+    PlayedService service(fleet, first_channel);
+    const StreamClient client = fleet.connect();
+    client.say(request("ports.Get", "1", ",\"transaction_id\":1"));
+    const std::string on_bus = service.next_request();
+    service.reply(large_reply_to(on_bus));
+    char byte = 0;
+    ASSERT_EQ(recv(client.fd(), &byte, 1, MSG_PEEK), 1) << "the router is sending";
+    for (const char *level : {"debug", "info", "verbose"}) { // while the router waits for room in the socket's buffer
+        support::write_file("tavrix_lsyslog.conf", std::string("[logging_levels]\nrouterd=") + level + "\n");
+        fleet.router->signal(SIGHUP);
+        EXPECT_TRUE(fleet.router->says(std::string("Logging level set to ") + level)) << level;
+    }
+    EXPECT_EQ(client.hear(), large_reply_to(request("ports.Get", "1", ",\"transaction_id\":1")));
+}
+
+TEST(RouterDaemon, LeavesAClientThatDoesNotReadItsAnswer) {
+    Fleet fleet;
+    fleet.start_router({"--client-timeout", "100"});
+    PlayedService service(fleet, first_channel);
+    const StreamClient does_not_read = fleet.connect();
+    does_not_read.say(request("ports.Get", "1"));
+    service.reply(large_reply_to(service.next_request()));
+    EXPECT_TRUE(fleet.router->says("A client did not take its answer"));
+    EXPECT_EQ(member(fleet.ask(request("router.Status", "\"next\"")), "id"), "\"router.Status\"");
+}
+
+TEST(RouterDaemon, StopsWhileAClientDoesNotReadItsAnswer) {
+    Fleet fleet;
+    fleet.start_router({"--client-timeout", "86400000"});
+    PlayedService service(fleet, first_channel);
+    const StreamClient does_not_read = fleet.connect();
+    does_not_read.say(request("ports.Get", "1"));
+    service.reply(large_reply_to(service.next_request()));
+    char byte = 0;
+    EXPECT_EQ(recv(does_not_read.fd(), &byte, 1, MSG_PEEK), 1) << "the router is sending";
+    fleet.router->signal(SIGTERM);
+    EXPECT_EQ(fleet.router->wait(), 0);
+}
+
+TEST(RouterDaemon, StopsWhileAClientSaysNothing) {
+    Fleet fleet;
+    fleet.start_router({"--client-timeout", "86400000"});
+    const size_t before = open_descriptors_of(*fleet.router);
+    const StreamClient silent = fleet.connect();
+    EXPECT_TRUE(support::wait_until([&] { return open_descriptors_of(*fleet.router) > before; })) << "it is accepted";
+    fleet.router->signal(SIGTERM);
+    EXPECT_EQ(fleet.router->wait(), 0);
+}
+
+TEST(RouterDaemon, ServesAndStopsThroughAFloodOnItsReplyChannel) {
+    Fleet fleet;
+    fleet.start_router({"--reply-timeout", "300"});
+    PlayedService service(fleet, first_channel);
+    const Flood flood(service);
+    EXPECT_EQ(code_of(fleet.ask(request("ports.Get", "1"))), "-32005");
+    EXPECT_EQ(member(member(fleet.ask(request("router.Status", "1")), "result"), "timeouts"), "1");
+    fleet.router->signal(SIGTERM);
+    EXPECT_EQ(fleet.router->wait(), 0);
+}
+
+TEST(RouterDaemon, PausesWhenTheSystemLacksDescriptors) {
+    using Clock = std::chrono::steady_clock;
+    const struct {
+        rlim_t descriptors;
+        const char *complaint;
+    } rows[] = {{4, "tavrix_socket_accept: Too many open files"}, {1, "poll: Invalid argument"}};
+    for (const auto &row : rows) {
+        Fleet fleet;
+        fleet.start_router();
+        rlimit before{};
+        const auto start = Clock::now();
+        ASSERT_EQ(prlimit(fleet.router->pid(), RLIMIT_NOFILE, nullptr, &before), 0);
+        const rlimit few{row.descriptors, before.rlim_max};
+        ASSERT_EQ(prlimit(fleet.router->pid(), RLIMIT_NOFILE, &few, nullptr), 0);
+        const StreamClient client = fleet.connect();
+        client.say(request("router.Status", "1"));
+        EXPECT_TRUE(support::wait_until([&] { return count_of(fleet.router->log(), row.complaint) >= 3; }));
+        EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(200)) << "it does not spin";
+        ASSERT_EQ(prlimit(fleet.router->pid(), RLIMIT_NOFILE, &before, nullptr), 0);
+        EXPECT_EQ(member(member(client.hear(), "result"), "served"), "0");
+    }
 }
 
 TEST(RouterDaemon, GoesOnWhenAClientLeavesEarly) {
@@ -352,11 +529,89 @@ TEST(RouterDaemon, EndsCleanlyOnSigtermAndSigintAlsoInFlight) {
     }
 }
 
+TEST(RouterDaemon, TakesAPathThatNobodyServesAndLeavesOneThatAnotherServes) {
+    Fleet fleet;
+    fleet.start_router();
+    fleet.router->signal(SIGKILL);
+    fleet.router->wait();
+    EXPECT_EQ(access("router.sock", F_OK), 0) << "left behind";
+    fleet.start_router();
+    const support::Finished second =
+        support::run({TAVRIX_ROUTERD, "--socket", "router.sock", "--publish", support::free_bus_address()});
+    EXPECT_EQ(second.status, 1);
+    EXPECT_NE(second.diagnostics.find("Cannot listen on router.sock: another daemon serves there"), std::string::npos);
+    EXPECT_EQ(member(fleet.ask(request("router.Status", "1")), "id"), "\"router.Status\"") << "the first goes on";
+}
+
+TEST(RouterDaemon, LeavesAFileThatIsNoLongerItsOwn) {
+    Fleet fleet;
+    fleet.start_router();
+    ASSERT_EQ(remove("router.sock"), 0);
+    support::write_file("router.sock", "another's");
+    fleet.router->signal(SIGTERM);
+    EXPECT_EQ(fleet.router->wait(), 0);
+    EXPECT_EQ(support::read_file("router.sock"), "another's");
+    remove("router.sock");
+}
+
+TEST(RouterDaemon, TakesAPathOf107BytesAndNoMore) {
+    Fleet fleet;
+    const std::string longest(107, 'p');
+    fleet.start_router({"--socket", longest});
+    EXPECT_EQ(access(longest.c_str(), F_OK), 0);
+    fleet.router->signal(SIGTERM);
+    EXPECT_EQ(fleet.router->wait(), 0);
+    EXPECT_EQ(access(longest.c_str(), F_OK), -1) << "removed at the end";
+    const support::Finished finished =
+        support::run({TAVRIX_ROUTERD, "--socket", longest + "p", "--publish", fleet.router_address});
+    EXPECT_EQ(finished.status, 1);
+    EXPECT_NE(finished.diagnostics.find("a socket's path has at most 107 bytes"), std::string::npos);
+    EXPECT_EQ(access(longest.c_str(), F_OK), -1) << "not cut either";
+}
+
+TEST(RouterDaemon, TriesATcpPortAgainThatIsNotFreeYet) {
+    Fleet fleet;
+    const int port = support::free_port();
+    const int holder = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    ASSERT_EQ(bind(holder, reinterpret_cast<sockaddr *>(&address), sizeof address), 0); // and does not listen
+    fleet.start_router({"--tcp", std::to_string(port)});
+    const std::string name = "TCP port " + std::to_string(port);
+    EXPECT_TRUE(fleet.router->says("Cannot listen on " + name + " yet, trying again"));
+    EXPECT_EQ(member(fleet.ask(request("router.Status", "1")), "id"), "\"router.Status\"") << "others are served";
+    close(holder);
+    EXPECT_TRUE(fleet.router->says("Listening on " + name));
+    const StreamClient client = StreamClient::tcp_port(port);
+    client.say(request("router.Status", "1"));
+    EXPECT_EQ(code_of(client.hear()), "-32601");
+}
+
+TEST(RouterDaemon, LeavesATcpPortThatAnotherServes) {
+    Fleet fleet;
+    const int port = support::free_port();
+    fleet.start_router({"--tcp", std::to_string(port)});
+    const support::Finished second = support::run({TAVRIX_ROUTERD, "--socket", "second.sock", "--publish",
+                                                   support::free_bus_address(), "--tcp", std::to_string(port)});
+    EXPECT_EQ(second.status, 1);
+    EXPECT_NE(second.diagnostics.find("Cannot listen on TCP port"), std::string::npos);
+}
+
 TEST(RouterDaemon, RereadsTheLoggersConfigurationOnSighup) {
     Fleet fleet;
     fleet.start_router();
     support::write_file("tavrix_lsyslog.conf", "[logging_levels]\nrouterd=verbose\n");
     fleet.router->signal(SIGHUP);
+    EXPECT_TRUE(fleet.router->says("Logging level set to verbose."));
+}
+
+TEST(RouterDaemon, RereadsTheLoggersConfigurationOnANotificationOverTheBus) {
+    Fleet fleet;
+    fleet.start_router();
+    PlayedService service(fleet, first_channel);
+    support::write_file("tavrix_lsyslog.conf", "[logging_levels]\nrouterd=verbose\n");
+    service.reply(R"({"jsonrpc":"2.0","method":"logger.ReloadConf"})");
     EXPECT_TRUE(fleet.router->says("Logging level set to verbose."));
 }
 
@@ -386,6 +641,31 @@ TEST(RouterDaemon, HearsOfServicesThatWereThereBefore) {
     fleet.start_router();
     EXPECT_TRUE(fleet.router->says("Service portsd settled")) << "it was asked to say hello again";
     EXPECT_EQ(code_of(fleet.ask(request("ports.Nothing", "1"))), "-32601");
+}
+
+TEST(RouterDaemon, AsksForServicesAlsoWhileItIsBusy) {
+    Fleet fleet;
+    fleet.start_router({"--connect", fleet.events_address}); // whose service never comes
+    PlayedService service(fleet, first_channel);
+    int probes = 0;
+    EXPECT_TRUE(support::wait_until([&] {
+        fleet.ask(request("router.Status", "1"));
+        probes += member(service.next_request(1), "method") == "\"service.Probe\"" ? 1 : 0;
+        return probes == 3;
+    }));
+}
+
+TEST(RouterDaemon, KnowsAServiceByItsLatestChannel) {
+    Fleet fleet;
+    fleet.start_router();
+    PlayedService service(fleet, first_channel);
+    const auto hello = [&](const char *channel) {
+        service.reply(std::string(R"({"jsonrpc":"2.0","method":"router.Hello","params":{"name":"played","channel":")") +
+                      channel + "\"}}");
+        return fleet.router->says(std::string("Service played settled on channel ") + channel);
+    };
+    EXPECT_TRUE(hello("another"));
+    EXPECT_EQ(member(member(fleet.ask(request("router.Status", "1")), "result"), "services"), "[\"played\"]");
 }
 
 TEST(RouterDaemon, ReadsItsOptionsFromAFileAndTheCommandLine) {

@@ -18,6 +18,7 @@ namespace {
 
 constexpr size_t router_request_limit = 8192;
 constexpr size_t direct_request_limit = 1024;
+constexpr int highest_port = 65535;
 
 class Socket {
   public:
@@ -44,9 +45,11 @@ void limit_waiting(int fd, const Deadline &deadline) {
     setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
 }
 
+bool is_timeout(int reason) { return reason == EAGAIN || reason == EINPROGRESS || reason == ETIMEDOUT; }
+
 int connect_failure(const std::string &where) {
     const int reason = errno;
-    if (reason == EAGAIN || reason == EINPROGRESS || reason == ETIMEDOUT) {
+    if (is_timeout(reason)) {
         complain("%s: no connection in time", where.c_str());
         return exit_timeout;
     }
@@ -74,28 +77,47 @@ struct FreeAddresses {
     void operator()(addrinfo *list) const { freeaddrinfo(list); }
 };
 
-int connect_tcp(const std::string &where, const Deadline &deadline, Socket *out) {
+/** Splits HOST:PORT at its last colon; the port has to be a number. */
+bool split_tcp(const std::string &where, std::string *host, std::string *port) {
     const size_t colon = where.rfind(':');
     if (colon == std::string::npos) {
-        complain("%s: HOST:PORT is wanted", where.c_str());
+        return false;
+    }
+    *host = where.substr(0, colon);
+    *port = where.substr(colon + 1);
+    return !port->empty() && port->size() <= 5 && port->find_first_not_of("0123456789") == std::string::npos &&
+           std::stoi(*port) >= 1 && std::stoi(*port) <= highest_port;
+}
+
+int connect_tcp(const std::string &where, const Deadline &deadline, Socket *out) {
+    std::string host;
+    std::string port;
+    if (!split_tcp(where, &host, &port)) {
+        complain("%s: HOST:PORT is wanted, with a PORT from 1 to %d", where.c_str(), highest_port);
         return exit_usage;
     }
     addrinfo hints{};
     hints.ai_family = AF_UNSPEC;
     hints.ai_socktype = SOCK_STREAM;
     addrinfo *found = nullptr;
-    const int rc = getaddrinfo(where.substr(0, colon).c_str(), where.substr(colon + 1).c_str(), &hints, &found);
+    const int rc = getaddrinfo(host.empty() ? nullptr : host.c_str(), port.c_str(), &hints, &found);
     if (rc != 0) {
         complain("%s: %s", where.c_str(), gai_strerror(rc));
         return exit_no_connection;
     }
     const std::unique_ptr<addrinfo, FreeAddresses> addresses(found);
-    out->reset(socket(found->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    limit_waiting(out->get(), deadline);
-    if (connect(out->get(), found->ai_addr, found->ai_addrlen) != 0) {
-        return connect_failure(where);
+    // A name often stands for an IPv6 address first, and the router listens on IPv4 only.
+    for (const addrinfo *address = found; address != nullptr; address = address->ai_next) {
+        out->reset(socket(address->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        limit_waiting(out->get(), deadline);
+        if (connect(out->get(), address->ai_addr, address->ai_addrlen) == 0) {
+            return exit_result;
+        }
+        if (is_timeout(errno)) {
+            break;
+        }
     }
-    return exit_result;
+    return connect_failure(where);
 }
 
 int connect_to(const Target &target, const Deadline &deadline, Socket *out) {
@@ -106,15 +128,17 @@ int connect_to(const Target &target, const Deadline &deadline, Socket *out) {
                               : connect_tcp(target.tcp, deadline, out);
 }
 
-int send_all(int fd, const std::string &text, const Deadline &deadline) {
+int send_request(int fd, const std::string &text, const Deadline &deadline) {
     // One send: a server takes its request from one read and puts nothing together.
     limit_waiting(fd, deadline);
     const ssize_t sent = ::send(fd, text.data(), text.size(), MSG_NOSIGNAL);
-    if (sent == static_cast<ssize_t>(text.size())) {
+    // A peer that takes only a part, or closes first, may have refused the request: its answer is there to be read.
+    if (sent >= 0 || errno == EPIPE || errno == ECONNRESET) {
         return exit_result;
     }
-    complain("cannot send the request: %s", sent < 0 ? std::strerror(errno) : "connection full");
-    return exit_no_connection;
+    const int reason = errno;
+    complain("cannot send the request: %s", is_timeout(reason) ? "not taken in time" : std::strerror(reason));
+    return is_timeout(reason) ? exit_timeout : exit_no_connection;
 }
 
 int read_to_end(int fd, const Deadline &deadline, std::string *answer) {
@@ -156,7 +180,7 @@ int exchange(const Target &target, const std::string &text, const Deadline &dead
     Socket socket(-1);
     int status = connect_to(target, deadline, &socket);
     if (status == exit_result) {
-        status = send_all(socket.get(), text, deadline);
+        status = send_request(socket.get(), text, deadline);
     }
     if (status == exit_result) {
         status = read_to_end(socket.get(), deadline, answer);

@@ -89,7 +89,8 @@ std::string render(const json_t *value, JsonStyle style) {
 }
 
 bool print_line(const std::string &line) {
-    if (std::printf("%s\n", line.c_str()) < 0 || std::fflush(stdout) != 0) {
+    const std::string text = line + "\n";
+    if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size() || std::fflush(stdout) != 0) {
         complain("cannot write to standard output");
         return false;
     }

@@ -3,6 +3,7 @@
  *
  * This file holds the command line only; the verbs are in verb_*.cpp.
  */
+#include <cstdlib>
 #include <functional>
 #include <iostream>
 
@@ -16,7 +17,9 @@ namespace {
 using namespace tavrixctl;
 
 constexpr char version_text[] = "tavrixctl " TAVRIX_VERSION;
-constexpr char json_help[] = "Print JSON on several lines (pretty) or on one (short); default: pretty on a terminal";
+constexpr char default_socket[] = "/run/tavrix/router.sock";
+const std::vector<std::string> json_words = {"pretty", "short"};
+const std::vector<std::string> shells = {"bash"};
 constexpr char params_help[] = "A JSON object, or - to read it from standard input";
 
 // What the completion script calls; taken before the parser, for which half a word would be wrong usage.
@@ -53,15 +56,18 @@ CLI::App *add_verb(CLI::App &app, const std::string &name, const std::string &wh
     return verb;
 }
 
-void add_target(CLI::App *verb, Target *target, bool with_direct) {
-    verb->add_option("--socket", target->socket_path, "The router's unix socket")
-        ->envname("TAVRIX_SOCKET")
-        ->default_val("/run/tavrix/router.sock");
-    CLI::Option *tcp = verb->add_option("--tcp", target->tcp, "The router's TCP socket, as HOST:PORT");
-    if (with_direct) {
-        verb->add_option("--direct", target->direct, "A daemon's own unix socket server instead of the router")
-            ->excludes(tcp);
-    }
+void add_router(CLI::App *verb, Target *target) {
+    const char *socket_path = std::getenv("TAVRIX_SOCKET");
+    CLI::Option *socket =
+        verb->add_option("--socket", target->socket_path, "The router's unix socket; default from TAVRIX_SOCKET")
+            ->default_val(socket_path != nullptr && socket_path[0] != '\0' ? socket_path : default_socket);
+    verb->add_option("--tcp", target->tcp, "The router's TCP socket, as HOST:PORT")->excludes(socket);
+}
+
+CLI::Option *add_direct(CLI::App *verb, Target *target) {
+    return verb->add_option("--direct", target->direct, "A daemon's own unix socket server instead of the router")
+        ->excludes("--socket")
+        ->excludes("--tcp");
 }
 
 void add_timeout(CLI::App *verb, double *timeout_s) {
@@ -71,10 +77,13 @@ void add_timeout(CLI::App *verb, double *timeout_s) {
 }
 
 void add_json(CLI::App *verb, JsonStyle *style) {
+    const std::string usual = *style == JsonStyle::automatic ? "pretty on a terminal, short otherwise" : "short";
     const auto store = [style](const std::string &word) {
         *style = word == "pretty" ? JsonStyle::pretty : JsonStyle::single_line;
     };
-    verb->add_option_function<std::string>("--json", store, json_help)->check(CLI::IsMember({"pretty", "short"}));
+    verb->add_option_function<std::string>("--json", store,
+                                           "Print JSON on several lines (pretty) or on one (short); default: " + usual)
+        ->check(CLI::IsMember(json_words));
 }
 
 void add_call(CLI::App &app, CommandLine *line) {
@@ -88,8 +97,10 @@ void add_call(CLI::App &app, CommandLine *line) {
     verb->add_option("PARAMS", options.params, params_help);
     verb->add_option("--id", options.id, "The request's id")->default_val("tavrixctl");
     verb->add_option("--transaction", options.transaction_id, "The request's transaction id; default: a fresh number");
-    verb->add_flag("--notification", options.notification, "Send no id; no answer is expected");
-    add_target(verb, &options.target, true);
+    add_router(verb, &options.target);
+    CLI::Option *direct = add_direct(verb, &options.target);
+    verb->add_flag("--notification", options.notification, "Send no id; no answer is expected. The router takes none")
+        ->needs(direct);
     add_timeout(verb, &options.timeout_s);
     add_json(verb, &options.json);
     verb->callback([line] { line->run = [line] { return call(line->call); }; });
@@ -100,7 +111,8 @@ void add_send(CLI::App &app, CommandLine *line) {
                               "  tavrixctl send '{\"jsonrpc\":\"2.0\",\"method\":\"router.Status\",\"id\":7}'");
     SendOptions &options = line->send;
     verb->add_option("TEXT", options.text, "What to send, or - to read it from standard input")->required();
-    add_target(verb, &options.target, true);
+    add_router(verb, &options.target);
+    add_direct(verb, &options.target);
     add_timeout(verb, &options.timeout_s);
     add_json(verb, &options.json);
     verb->callback([line] { line->run = [line] { return send(line->send); }; });
@@ -196,8 +208,8 @@ void add_log_level(CLI::App &app, CommandLine *line) {
         ->required()
         ->check(CLI::IsMember(log_level_words()));
     verb->add_option("--file", options.file, "The logger's configuration file")->default_val(TAVRIX_LSYSLOG_CONF_PATH);
-    verb->add_flag("!--no-reload", options.reload, "Only edit the file");
-    add_target(verb, &options.target, false);
+    verb->add_flag("--no-reload", options.edit_only, "Only edit the file");
+    add_router(verb, &options.target);
     add_timeout(verb, &options.timeout_s);
     verb->callback([line] { line->run = [line] { return log_level(line->log_level); }; });
 }
@@ -207,37 +219,85 @@ CLI::App *find_verb(CLI::App *parent, const std::string &name) {
     return found.empty() ? nullptr : found.front();
 }
 
-/** The words that may follow: asked for by the shell, word by word, so that it never knows less than the tool. */
-int complete(CLI::App &app, const std::vector<std::string> &words) {
-    CLI::App *verb = &app;
-    size_t positional = 0;
+/**
+ * Bash breaks words at '=' and ':' too, and gives those as words of their own: puts them together again, but for the
+ * '=' between an option and its value, which are two words in either spelling.
+ */
+std::vector<std::string> rejoin(const std::vector<std::string> &pieces) {
+    std::vector<std::string> words;
+    bool glued = false;
+    for (const std::string &piece : pieces) {
+        const bool is_break = !piece.empty() && piece.find_first_not_of("=:") == std::string::npos;
+        if (piece == "=" && !words.empty() && words.back().rfind("--", 0) == 0) {
+            words.emplace_back();
+        } else if (!words.empty() && (is_break || glued)) {
+            words.back() += piece;
+        } else {
+            words.push_back(piece);
+        }
+        glued = is_break;
+    }
+    return words.empty() ? std::vector<std::string>(1) : words;
+}
+
+/** What stands before the word that is being typed. */
+struct Position {
+    CLI::App *verb = nullptr;
+    size_t positionals = 0;
+    std::string option = {}; ///< the option whose value comes next, if any
+};
+
+Position position_after(CLI::App &app, const std::vector<std::string> &words) {
+    Position position{&app};
     for (size_t i = 0; i + 1 < words.size(); ++i) {
-        CLI::App *next = find_verb(verb, words[i]);
-        if (next != nullptr) {
-            verb = next;
-        } else if (words[i].rfind('-', 0) != 0) {
-            ++positional;
+        const std::string &word = words[i];
+        CLI::App *next = find_verb(position.verb, word);
+        if (!position.option.empty()) {
+            position.option.clear();
+        } else if (next != nullptr) {
+            position.verb = next;
+        } else if (word.rfind("--", 0) == 0) {
+            const CLI::Option *option = position.verb->get_option_no_throw(word);
+            position.option = option != nullptr && option->get_items_expected_max() > 0 ? word : "";
+        } else {
+            ++position.positionals;
         }
     }
-    std::vector<std::string> candidates;
-    for (const CLI::App *sub : verb->get_subcommands([](CLI::App *) { return true; })) {
+    return position;
+}
+
+std::vector<std::string> positional_words(const Position &position) {
+    const std::string verb = position.verb->get_name();
+    if (verb == "validate" && position.positionals == 0) {
+        return validated_fields();
+    }
+    if (verb == "log-level" && position.positionals == 1) {
+        return log_level_words();
+    }
+    return verb == "completion" && position.positionals == 0 ? shells : std::vector<std::string>();
+}
+
+std::vector<std::string> candidates_at(const Position &position) {
+    if (!position.option.empty()) {
+        return position.option == "--json" ? json_words : std::vector<std::string>();
+    }
+    std::vector<std::string> candidates = positional_words(position);
+    for (const CLI::App *sub : position.verb->get_subcommands([](CLI::App *) { return true; })) {
         candidates.push_back(sub->get_name());
     }
-    if (verb->get_name() == "validate" && positional == 0) {
-        candidates = validated_fields();
-    } else if (verb->get_name() == "log-level" && positional == 1) {
-        candidates = log_level_words();
-    } else if (verb->get_name() == "completion") {
-        candidates = {"bash"};
-    }
-    for (const CLI::Option *option : verb->get_options()) {
+    for (const CLI::Option *option : position.verb->get_options()) {
         for (const std::string &name : option->get_lnames()) {
             candidates.push_back("--" + name);
         }
     }
-    const std::string begin = words.empty() ? "" : words.back();
-    for (const std::string &candidate : candidates) {
-        if (candidate.rfind(begin, 0) == 0) {
+    return candidates;
+}
+
+/** The words that may follow: asked for by the shell, word by word, so that it never knows less than the tool. */
+int complete(CLI::App &app, const std::vector<std::string> &pieces) {
+    const std::vector<std::string> words = rejoin(pieces);
+    for (const std::string &candidate : candidates_at(position_after(app, words))) {
+        if (candidate.rfind(words.back(), 0) == 0) {
             print_line(candidate);
         }
     }
@@ -252,7 +312,7 @@ void add_completion(CLI::App &app, CommandLine *line) {
 complete -o default -F _tavrixctl tavrixctl)";
     CLI::App *verb =
         add_verb(app, "completion", "Print the shell's completion script", "  source <(tavrixctl completion bash)");
-    verb->add_option("SHELL", line->shell, "bash")->required()->check(CLI::IsMember({"bash"}));
+    verb->add_option("SHELL", line->shell, "bash")->required()->check(CLI::IsMember(shells));
     verb->callback([line] { line->run = [] { return print_line(script) ? exit_result : exit_error_response; }; });
 }
 

@@ -7,9 +7,11 @@
 #include <cstring>
 #include <ctime>
 
+#include <fcntl.h>
 #include <nanomsg/nn.h>
 #include <poll.h>
 #include <sys/time.h>
+#include <unistd.h>
 
 #include "support.h"
 #include "tavrix_error.h"
@@ -24,14 +26,25 @@ namespace {
 constexpr int tick_ms = 50;
 
 volatile std::sig_atomic_t stop_requested = 0;
+// Readable once a stop is asked for, so that a signal just before a poll is not slept over; -1 when nobody asked for
+// it.
+int stop_pipe[2] = {-1, -1};
 
-void request_stop(int /*signal*/) { stop_requested = 1; }
+void request_stop(int /*signal*/) {
+    stop_requested = 1;
+    if (write(stop_pipe[1], "", 1) < 0) {
+        // A full pipe is readable just as well.
+    }
+}
 
-void stop_on_signals() {
+bool stop_on_signals() {
+    if (pipe2(stop_pipe, O_NONBLOCK | O_CLOEXEC) != 0) {
+        complain("cannot watch for signals: %s", std::strerror(errno));
+        return false;
+    }
     struct sigaction action {};
-    action.sa_handler = request_stop; // without SA_RESTART: a waiting poll has to come back
-    sigaction(SIGINT, &action, nullptr);
-    sigaction(SIGTERM, &action, nullptr);
+    action.sa_handler = request_stop; // without SA_RESTART: output that waits for its reader has to come back too
+    return sigaction(SIGINT, &action, nullptr) == 0 && sigaction(SIGTERM, &action, nullptr) == 0;
 }
 
 /** A bus socket of one type, connected to every address. */
@@ -76,8 +89,8 @@ class BusSocket {
         if (descriptor_of(socket_, &fd) != TAVRIX_OK) {
             return false;
         }
-        pollfd ready{fd, POLLIN, 0};
-        return poll(&ready, 1, timeout_ms) == 1;
+        pollfd ready[] = {{fd, POLLIN, 0}, {stop_pipe[0], POLLIN, 0}};
+        return poll(ready, 2, timeout_ms) > 0 && ready[0].revents != 0;
     }
 
   private:
@@ -131,16 +144,31 @@ std::string time_of_day() {
     return text;
 }
 
-/** The frame's JSON in the wanted style, or as it came when it is no JSON. */
+/** The text with everything but printable ASCII as \xHH: what stands on the bus must not steer a terminal. */
+std::string printable(const std::string &text) {
+    std::string safe;
+    for (const char c : text) {
+        char escaped[5] = {c, '\0'};
+        if (c < ' ' || c > '~' || c == '\\') {
+            std::snprintf(escaped, sizeof escaped, "\\x%02x", static_cast<unsigned>(static_cast<unsigned char>(c)));
+        }
+        safe += escaped;
+    }
+    return safe;
+}
+
+/** The frame's JSON in the wanted style, or its escaped bytes when it is no JSON. */
 std::string styled(const std::string &json, JsonStyle style) {
     const Json value(json_loadb(json.data(), json.size(), JSON_DECODE_ANY, nullptr));
-    return value ? render(value.get(), style) : json;
+    return value ? render(value.get(), style) : printable(json);
 }
 
 } // namespace
 
 int monitor(const MonitorOptions &options) {
-    stop_on_signals();
+    if (!stop_on_signals()) {
+        return exit_error_response;
+    }
     BusSocket socket(TAVRIX_SP_SUB);
     const std::vector<std::string> every_channel = {""};
     const int status =
@@ -159,10 +187,10 @@ int monitor(const MonitorOptions &options) {
             continue;
         }
         Frame frame;
-        while (receive(socket, &frame) && (!options.count || printed < *options.count)) {
-            const std::string channel = frame.channel.empty() ? "-" : frame.channel;
+        while (stop_requested == 0 && (!options.count || printed < *options.count) && receive(socket, &frame)) {
+            const std::string channel = frame.channel.empty() ? "-" : printable(frame.channel);
             if (!print_line(time_of_day() + "  " + channel + "  " + styled(frame.json, options.json))) {
-                return exit_error_response;
+                return stop_requested != 0 ? exit_result : exit_error_response;
             }
             ++printed;
         }
@@ -198,7 +226,6 @@ int push(const PushOptions &options) {
 }
 
 int wait(const WaitOptions &options) {
-    stop_on_signals();
     BusSocket socket(TAVRIX_SP_SUB);
     const int status = subscribe(&socket, {options.address}, {options.channel});
     if (status != exit_result) {
@@ -206,7 +233,7 @@ int wait(const WaitOptions &options) {
     }
     const Deadline deadline(options.timeout_s);
     bool announced = false;
-    while (stop_requested == 0 && !deadline.passed()) {
+    while (!deadline.passed()) {
         if (!announced && socket.connections() > 0) {
             complain("waiting for %s", options.method.c_str());
             announced = true;
@@ -216,7 +243,7 @@ int wait(const WaitOptions &options) {
             continue;
         }
         Frame frame;
-        while (receive(socket, &frame)) {
+        while (!deadline.passed() && receive(socket, &frame)) {
             json_t *found = nullptr;
             if (tavrix_jrpc_eval_notification(options.method.c_str(), frame.json.c_str(), &found) == TAVRIX_OK) {
                 const Json notification(found);

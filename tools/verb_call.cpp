@@ -23,7 +23,14 @@ int print_answer(const std::string &answer, JsonStyle style) {
     if (!print_line(render(reply.get(), style))) {
         return exit_error_response;
     }
-    return json_object_get(reply.get(), "error") != nullptr ? exit_error_response : exit_result;
+    if (json_object_get(reply.get(), "error") != nullptr) {
+        return exit_error_response;
+    }
+    if (json_object_get(reply.get(), "result") == nullptr) {
+        complain("the answer is no JSON-RPC response");
+        return exit_error_response;
+    }
+    return exit_result;
 }
 
 int exchange_and_print(const Target &target, const std::string &text, double timeout_s, bool wants_answer,

@@ -5,8 +5,8 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <limits>
+#include <memory>
 #include <sstream>
 
 #include <sys/stat.h>
@@ -25,6 +25,9 @@ namespace {
 
 constexpr int unknown_jrpc_code = -32001;
 constexpr int lowest_status = -73;
+constexpr int check_failed = -1;
+constexpr char status_title[] = "status   ";
+constexpr char jrpc_title[] = "json-rpc ";
 constexpr char levels_header[] = "[logging_levels]";
 
 using TextValidator = int (*)(const char *);
@@ -73,8 +76,6 @@ const char *verdict_text(int verdict) {
     switch (verdict) {
     case 0:
         return "valid";
-    case -1:
-        return "the check itself failed";
     case -2:
         return "does not match the field's pattern";
     case -3:
@@ -164,17 +165,53 @@ std::string with_level(const std::string &old_text, const std::string &daemon, c
     return written ? text : text + entry;
 }
 
-/** Replaces a file in one step, so that a reader sees the old text or the new one; keeps its permissions. */
-bool replace_file(const std::string &path, const std::string &text) {
+struct CloseFile {
+    void operator()(FILE *file) const { fclose(file); }
+};
+
+/** All of a file; a file that does not exist is an empty one. False, with errno, for any other failure. */
+bool read_file(const std::string &path, std::string *text) {
+    const std::unique_ptr<FILE, CloseFile> file(std::fopen(path.c_str(), "re"));
+    if (!file) {
+        return errno == ENOENT;
+    }
+    char chunk[4096];
+    for (size_t got = 0; (got = std::fread(chunk, 1, sizeof chunk, file.get())) > 0;) {
+        text->append(chunk, got);
+    }
+    return std::ferror(file.get()) == 0;
+}
+
+bool write_all(int fd, const std::string &text) {
+    for (size_t done = 0; done < text.size();) {
+        const ssize_t written = write(fd, text.data() + done, text.size() - done);
+        if (written < 0) {
+            return false;
+        }
+        done += static_cast<size_t>(written);
+    }
+    return true;
+}
+
+/** Gives a new file the owner and permissions of the one that it will replace, if there is one. */
+bool take_after(int fd, const std::string &path) {
+    struct stat old {};
+    if (stat(path.c_str(), &old) != 0) {
+        return errno == ENOENT && fchmod(fd, 0644) == 0;
+    }
+    return fchown(fd, old.st_uid, old.st_gid) == 0 && fchmod(fd, old.st_mode & 07777) == 0;
+}
+
+/** Replaces a file, not a link to it, in one step: a reader sees the old text or the new one. */
+bool replace_file(const std::string &name, const std::string &text) {
+    const Text resolved(realpath(name.c_str(), nullptr));
+    const std::string path = resolved ? resolved.get() : name;
     std::string temporary = path + ".XXXXXX";
     const int fd = mkstemp(temporary.data());
     if (fd < 0) {
         return false;
     }
-    struct stat old {};
-    const mode_t mode = stat(path.c_str(), &old) == 0 ? old.st_mode & 07777 : 0644;
-    const bool done = write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size()) &&
-                      fchmod(fd, mode) == 0 && fsync(fd) == 0;
+    const bool done = write_all(fd, text) && take_after(fd, path) && fsync(fd) == 0;
     if (close(fd) == 0 && done && rename(temporary.c_str(), path.c_str()) == 0) {
         return true;
     }
@@ -182,6 +219,10 @@ bool replace_file(const std::string &path, const std::string &text) {
     unlink(temporary.c_str());
     errno = reason;
     return false;
+}
+
+bool print_code(const char *title, int code, const char *meaning) {
+    return print_line(std::string(title) + std::to_string(code) + "  " + meaning);
 }
 
 int shm_failed(const std::string &name) {
@@ -195,23 +236,19 @@ int explain_error(int code) {
     const int status = code > 0 ? -code : code;
     if (status >= lowest_status) {
         const int jrpc = tavrix_jrpc_error_convert_tavrix_to_jrpc(status);
-        std::printf("status   %d  %s\n", status, tavrix_error_decode(status));
-        if (status != TAVRIX_OK) {
-            std::printf("json-rpc %d  %s\n", jrpc, tavrix_jrpc_error_message(jrpc));
-        }
-        return exit_result;
+        const bool printed = print_code(status_title, status, tavrix_error_decode(status)) &&
+                             (status == TAVRIX_OK || print_code(jrpc_title, jrpc, tavrix_jrpc_error_message(jrpc)));
+        return printed ? exit_result : exit_error_response;
     }
     const char *message = tavrix_jrpc_error_message(status);
     if (status != unknown_jrpc_code && std::strcmp(message, tavrix_jrpc_error_message(unknown_jrpc_code)) == 0) {
         complain("%d is neither a status nor a JSON-RPC code of the system", code);
         return exit_usage;
     }
-    std::printf("json-rpc %d  %s\n", status, message);
     const int back = tavrix_jrpc_error_convert_jrpc_to_tavrix(status);
-    if (back != unknown_jrpc_code) {
-        std::printf("status   %d  %s\n", back, tavrix_error_decode(back));
-    }
-    return exit_result;
+    const bool printed = print_code(jrpc_title, status, message) &&
+                         (back == unknown_jrpc_code || print_code(status_title, back, tavrix_error_decode(back)));
+    return printed ? exit_result : exit_error_response;
 }
 
 int validate(const std::string &field, const std::vector<std::string> &values) {
@@ -219,8 +256,11 @@ int validate(const std::string &field, const std::vector<std::string> &values) {
     if (verdict > 0) {
         return exit_usage;
     }
-    print_line(verdict_text(verdict));
-    return verdict == 0 ? exit_result : exit_error_response;
+    if (verdict == check_failed) {
+        complain("the value could not be checked");
+        return exit_error_response;
+    }
+    return print_line(verdict_text(verdict)) && verdict == 0 ? exit_result : exit_error_response;
 }
 
 std::vector<std::string> validated_fields() {
@@ -274,13 +314,13 @@ int log_level(const LogLevelOptions &options) {
         complain("'%s' cannot be a key of %s", options.daemon.c_str(), options.file.c_str());
         return exit_usage;
     }
-    std::ifstream file(options.file);
-    const std::string old_text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-    if (!replace_file(options.file, with_level(old_text, options.daemon, options.level))) {
+    std::string old_text;
+    if (!read_file(options.file, &old_text) ||
+        !replace_file(options.file, with_level(old_text, options.daemon, options.level))) {
         complain("%s: %s", options.file.c_str(), std::strerror(errno));
         return exit_error_response;
     }
-    if (!options.reload) {
+    if (options.edit_only) {
         return exit_result;
     }
     CallOptions reload;

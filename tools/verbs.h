@@ -93,7 +93,7 @@ struct LogLevelOptions {
     std::string file;
     Target target;
     double timeout_s = 15;
-    bool reload = true;
+    bool edit_only = false; ///< leaves out the reload
 };
 int log_level(const LogLevelOptions &options);
 std::vector<std::string> log_level_words();

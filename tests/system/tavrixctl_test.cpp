@@ -1,13 +1,24 @@
 #include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <iterator>
 #include <sstream>
+#include <stdexcept>
 #include <string>
+#include <thread>
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
+#include "support/bus.h"
 #include "support/fleet.h"
 #include "support/json.h"
+#include "tavrix_mq.h"
 
 using support::Finished;
 using support::Fleet;
@@ -34,6 +45,73 @@ std::vector<std::string> examples_of(const std::string &help) {
         examples.push_back(line.substr(2));
     }
     return examples;
+}
+
+/** A server played by the test: takes one client on "played.sock", hears it once, says its answer and closes. */
+class PlayedServer {
+  public:
+    explicit PlayedServer(const std::string &answer) : fd_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::strcpy(address.sun_path, "played.sock");
+        unlink(address.sun_path);
+        if (bind(fd_, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0 || listen(fd_, 1) != 0) {
+            throw std::runtime_error("cannot listen on played.sock");
+        }
+        server_ = std::thread([fd = fd_, answer] {
+            const support::StreamClient client(accept(fd, nullptr, nullptr));
+            char request[1024];
+            static_cast<void>(recv(client.fd(), request, sizeof request, 0));
+            client.say(answer);
+        });
+    }
+    PlayedServer(const PlayedServer &) = delete;
+    PlayedServer &operator=(const PlayedServer &) = delete;
+    ~PlayedServer() {
+        shutdown(fd_, SHUT_RDWR); // a client that never came is waited for no longer
+        server_.join();
+        close(fd_);
+    }
+
+  private:
+    int fd_;
+    std::thread server_;
+};
+
+/** A terminal: its name to write to, and what was written. */
+class Terminal {
+  public:
+    Terminal() : fd_(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC | O_NONBLOCK)) {
+        if (fd_ < 0 || grantpt(fd_) != 0 || unlockpt(fd_) != 0) {
+            throw std::runtime_error("no terminal");
+        }
+    }
+    Terminal(const Terminal &) = delete;
+    Terminal &operator=(const Terminal &) = delete;
+    ~Terminal() { close(fd_); }
+    std::string name() const { return ptsname(fd_); }
+    std::string written() const {
+        char text[4096];
+        const ssize_t got = read(fd_, text, sizeof text);
+        return std::string(text, got < 0 ? 0 : static_cast<size_t>(got));
+    }
+
+  private:
+    int fd_;
+};
+
+/** What bash offers for the last of the words, as its completion breaks them up. */
+std::string completed(const std::vector<std::string> &words) {
+    std::string list;
+    for (const std::string &word : words) {
+        list += " '" + word + "'";
+    }
+    const Finished finished =
+        script("source <(tavrixctl completion bash)\n"
+               "COMP_WORDS=(tavrixctl" +
+               list + ")\nCOMP_CWORD=" + std::to_string(words.size()) + "\n_tavrixctl\necho \"${COMPREPLY[@]}\"");
+    EXPECT_EQ(finished.diagnostics, "");
+    return finished.output;
 }
 
 std::string replaced(std::string text, const std::string &what, const std::string &by) {
@@ -101,13 +179,135 @@ TEST(CtlCall, ReachesTheRouterOverTcp) {
     EXPECT_EQ(finished.status, 0) << finished.diagnostics;
 }
 
-TEST(CtlCall, SendsANotificationWithoutWaitingForAnAnswer) {
+TEST(CtlCall, TriesEachAddressOfAHost) {
+    Fleet fleet;
+    const int port = support::free_port();
+    fleet.start_router({"--tcp", std::to_string(port)});
+    fleet.start_ports();
+    // No host at all stands for this machine's loopback addresses, IPv6 first; the router listens on IPv4 only.
+    for (const char *host : {"", "localhost"}) {
+        const Finished finished =
+            ctl({"call", "--tcp", host + (":" + std::to_string(port)), "ports.Get", R"({"port_id":"d1"})"});
+        EXPECT_EQ(finished.status, 0) << host << finished.diagnostics;
+    }
+}
+
+TEST(CtlCall, SendsANotificationToADaemonItselfAndWaitsForNoAnswer) {
+    Fleet fleet;
+    fleet.start_router({"--connect", fleet.events_address});
+    fleet.start_events("3600000");
+    const Finished finished =
+        ctl({"call", "--direct", "events.sock", "--notification", "events.Report", R"({"text":"no answer"})"});
+    EXPECT_EQ(finished.status, 0) << finished.diagnostics;
+    EXPECT_EQ(finished.output, "");
+    const Finished last = ctl({"call", "--direct", "events.sock", "events.Last"});
+    EXPECT_EQ(member(member(last.output, "result"), "text"), "\"no answer\"");
+}
+
+TEST(CtlCall, ReadsItsParamsFromStandardInput) {
     Fleet fleet;
     fleet.start_router();
-    const Finished finished = ctl({"call", "--socket", "router.sock", "--notification", "ports.Get"});
-    EXPECT_EQ(finished.status, 0);
-    EXPECT_EQ(finished.output, "");
-    EXPECT_TRUE(fleet.router->says("Refused the notification ports.Get"));
+    fleet.start_ports();
+    const Finished finished = script(R"(echo '{"port_id":"d2"}' | tavrixctl call --socket router.sock ports.Get -)");
+    EXPECT_EQ(finished.status, 0) << finished.diagnostics;
+    EXPECT_NE(finished.output.find(R"("port_id":"d2")"), std::string::npos) << finished.output;
+    EXPECT_EQ(script("tavrixctl call --socket router.sock ports.Get - </dev/null").status, 2) << "no JSON at all";
+}
+
+TEST(CtlCall, FindsTheRouterByTheEnvironmentUnlessToldOtherwise) {
+    Fleet fleet;
+    fleet.start_router();
+    EXPECT_EQ(script("TAVRIX_SOCKET=router.sock tavrixctl call router.Status").status, 0);
+    EXPECT_EQ(script("TAVRIX_SOCKET=nobody.sock tavrixctl call router.Status").status, 4);
+    EXPECT_EQ(script("TAVRIX_SOCKET=nobody.sock tavrixctl call --socket router.sock router.Status").status, 0);
+    EXPECT_EQ(script("TAVRIX_SOCKET=nobody.sock tavrixctl call --direct router.sock router.Status").status, 0);
+}
+
+TEST(CtlCall, PrintsAResultOnSeveralLinesOnATerminal) {
+    Fleet fleet;
+    fleet.start_router();
+    const Terminal terminal;
+    const Finished finished = script("tavrixctl call --socket router.sock router.Status >" + terminal.name());
+    EXPECT_EQ(finished.status, 0) << finished.diagnostics;
+    EXPECT_EQ(terminal.written().rfind("{\r\n  \"jsonrpc\": \"2.0\",\r\n", 0), 0U);
+}
+
+TEST(CtlCall, TellsAnAnswerThatIsNoResponse) {
+    const struct {
+        const char *answer;
+        int status;
+        const char *diagnostics;
+    } rows[] = {
+        {R"({"jsonrpc":"2.0","id":1,"result":0})", 0, ""},
+        {"5", 1, "tavrixctl: the answer is no JSON-RPC response\n"},
+        {R"({"jsonrpc":"2.0","id":1})", 1, "tavrixctl: the answer is no JSON-RPC response\n"},
+        {"", 4, "tavrixctl: the connection was closed without an answer\n"},
+    };
+    for (const auto &row : rows) {
+        const PlayedServer server(row.answer);
+        const Finished finished = ctl({"call", "--direct", "played.sock", "x.Y"});
+        EXPECT_EQ(finished.status, row.status) << row.answer;
+        EXPECT_EQ(finished.diagnostics, row.diagnostics);
+        EXPECT_EQ(first_line(finished.output), row.answer);
+    }
+    const PlayedServer server("no JSON");
+    const Finished finished = ctl({"send", "--direct", "played.sock", "{}"});
+    EXPECT_EQ(finished.status, 1);
+    EXPECT_EQ(finished.diagnostics.rfind("tavrixctl: the answer is no JSON: ", 0), 0U) << finished.diagnostics;
+}
+
+TEST(CtlCall, GivesUpOnARouterThatStandsStill) {
+    Fleet fleet;
+    fleet.start_router();
+    fleet.router->signal(SIGSTOP);
+    EXPECT_EQ(ctl({"call", "--socket", "router.sock", "--timeout", "0.2", "router.Status"}).status, 3);
+    // More than the socket holds: some of it stays with the client.
+    write_file("long.txt", std::string(8 << 20, 'x'));
+    EXPECT_EQ(script("tavrixctl send --socket router.sock --timeout 0.2 - <long.txt").status, 3);
+    // And in the end nobody gets in any more: the backlog is full.
+    for (int i = 0; i < 8; ++i) {
+        EXPECT_EQ(ctl({"call", "--socket", "router.sock", "--timeout", "0.05", "router.Status"}).status, 3) << i;
+    }
+    fleet.router->signal(SIGCONT);
+}
+
+TEST(CtlCall, SaysThatStandardOutputIsClosed) {
+    Fleet fleet;
+    fleet.start_router();
+    const std::string slot = "/tavrix-test-" + std::to_string(getpid());
+    ASSERT_EQ(ctl({"shm", "set", slot, "text", "--create"}).status, 0);
+    for (const std::string &words :
+         {std::string("call --socket router.sock router.Status"), std::string("error -35"), std::string("error -32601"),
+          std::string("validate port_id d1"), "shm get " + slot, std::string("completion bash")}) {
+        const Finished finished = script("tavrixctl " + words + " >&-");
+        EXPECT_EQ(finished.status, 1) << words;
+        EXPECT_EQ(finished.diagnostics, "tavrixctl: cannot write to standard output\n") << words;
+    }
+    shm_unlink(slot.c_str());
+}
+
+TEST(CtlSend, SendsATextAsItStands) {
+    Fleet fleet;
+    fleet.start_router();
+    const Finished good = ctl({"send", "--socket", "router.sock", support::request("router.Status", "7")});
+    EXPECT_EQ(good.status, 0) << good.diagnostics;
+    EXPECT_EQ(member(good.output, "jsonrpc"), "\"2.0\"");
+    const Finished broken = ctl({"send", "--socket", "router.sock", "{broken"});
+    EXPECT_EQ(broken.status, 1);
+    EXPECT_EQ(support::code_of(broken.output), "-32600");
+    const Finished piped =
+        script("printf '%s' '" + support::request("router.Status", "7") + "' | tavrixctl send --socket router.sock -");
+    EXPECT_EQ(piped.status, 0) << piped.diagnostics;
+}
+
+TEST(CtlSend, PrintsTheAnswerToATextThatTheRouterRefusesToReadWhole) {
+    Fleet fleet;
+    fleet.start_router();
+    write_file("long.txt", std::string(8 << 20, 'x'));
+    const Finished finished = script("tavrixctl send --socket router.sock - <long.txt");
+    EXPECT_EQ(finished.status, 1) << finished.diagnostics;
+    EXPECT_EQ(support::code_of(finished.output), "-32600") << finished.output;
+    EXPECT_EQ(finished.diagnostics, "");
 }
 
 TEST(CtlCall, RefusesWrongUsage) {
@@ -122,6 +322,13 @@ TEST(CtlCall, RefusesWrongUsage) {
         {"call", "m", "--timeout", "x"},
         {"call", "m", "--json", "ugly"},
         {"call", "m", "--tcp", "a:1", "--direct", "b"},
+        {"call", "m", "--socket", "a", "--direct", "b"},
+        {"call", "m", "--socket", "a", "--tcp", "b:1"},
+        {"call", "m", "--tcp", "localhost:"},
+        {"call", "m", "--tcp", "localhost:x"},
+        {"call", "m", "--tcp", "localhost:0"},
+        {"call", "m", "--tcp", "localhost:65536"},
+        {"call", "m", "--notification"},
         {"call", "m", "{\"long\":\"" + std::string(8192, 'x') + "\"}"},
         {"call", "m", "--direct", "x", "{\"long\":\"" + std::string(1024, 'x') + "\"}"},
     };
@@ -230,6 +437,24 @@ TEST(CtlMonitor, TakesSeveralChannelsBeforeAndAfterTheAddresses) {
     EXPECT_NE(monitor.output().find("  2524546b"), std::string::npos) << monitor.output();
 }
 
+TEST(CtlMonitor, KeepsAFrameThatIsNoJsonOnOneHarmlessLine) {
+    support::BusSocket pub(TAVRIX_SP_PUB);
+    const std::string address = support::free_bus_address();
+    pub.bind(address);
+    support::Process monitor("monitor", {TAVRIXCTL, "monitor", address, "--count", "2"});
+    ASSERT_TRUE(monitor.says("connected to 1 of 1")) << monitor.log();
+    tavrix_mq_socket_send(pub.number, "cha\tnnel|no\nJSON \033[2J \\ \xc3\xa4");
+    tavrix_mq_socket_send(pub.number, "no bar");
+    EXPECT_EQ(monitor.wait(), 0);
+    std::istringstream lines(monitor.output());
+    std::string line;
+    std::getline(lines, line);
+    EXPECT_EQ(line.substr(line.find("  ")), R"(  cha\x09nnel  no\x0aJSON \x1b[2J \x5c \xc3\xa4)");
+    std::getline(lines, line);
+    EXPECT_EQ(line.substr(line.find("  ")), "  -  no bar");
+    EXPECT_FALSE(std::getline(lines, line)) << line;
+}
+
 TEST(CtlMonitor, RefusesAnAddressThatIsNone) { EXPECT_EQ(ctl({"monitor", "localhost:1"}).status, 2); }
 
 TEST(CtlError, ExplainsBothNumberings) {
@@ -253,6 +478,68 @@ TEST(CtlValidate, TellsValidFromInvalid) {
     EXPECT_EQ(ctl({"validate", "date_time", "2026-05-01", "13:45"}).status, 0);
     EXPECT_EQ(ctl({"validate", "date_time", "2026-05-01"}).status, 2);
     EXPECT_EQ(ctl({"validate", "no_field", "x"}).status, 2);
+}
+
+TEST(CtlValidate, SaysThatAValueCouldNotBeChecked) {
+    std::string long_value;
+    for (int i = 0; i < 20000; ++i) {
+        long_value += "zqn"; // the pattern's engine gives up on it
+    }
+    const Finished finished = ctl({"validate", "unit_sw_upgrade_filename", long_value});
+    EXPECT_EQ(finished.status, 1);
+    EXPECT_EQ(finished.output, "");
+    EXPECT_EQ(finished.diagnostics, "tavrixctl: the value could not be checked\n");
+}
+
+TEST(CtlValidate, KnowsEachField) {
+    const struct {
+        const char *field;
+        const char *good;
+        const char *bad;
+        const char *verdict;
+    } rows[] = {
+        {"c_port_id", "c128-99", "d1", "does not match the field's pattern"},
+        {"d_port_id", "d4", "c1-1", "does not match the field's pattern"},
+        {"date", "2026-05-31", "1999-05-31", "does not match the field's pattern"},
+        {"description", "the door", "a \" quote", "does not match the field's pattern"},
+        {"entity_extension", "anything", nullptr, "too long"},
+        {"entity_name", "v4092", "v4093", "does not match the field's pattern"},
+        {"ip_address", "10.0.0.1", "1.1.1", "too short"},
+        {"laser_id", "1", "2", "out of range"},
+        {"mac_address", "00:11:22:33:44:55", "00:11:22:33:44:5g", "does not match the field's pattern"},
+        {"mzu_id", "c128", "c129", "does not match the field's pattern"},
+        {"mzu_model", "unknown", "no model", "not an allowed value"},
+        {"mzu_sw_upgrade_filename", "any line", "two\nlines", "does not match the field's pattern"},
+        {"olt_id", "0", "2", "out of range"},
+        {"onu_id", "-1", "129", "out of range"},
+        {"password", "Aa1!", "Aa1", "too short"},
+        {"periodic_interval", "3600", "3601", "out of range"},
+        {"port_id", "D4", "d5", "does not match the field's pattern"},
+        {"port_number", "128", "0", "out of range"},
+        {"status", "enable", "enabled", "not an allowed value"},
+        {"time", "23:59", "24:00", "does not match the field's pattern"},
+        {"unit_id", "1", "2", "out of range"},
+        {"unit_sw_bank", "previous", "next", "not an allowed value"},
+        {"unit_sw_upgrade_filename", "zqn-1.2.3-004", "1.2.3-004", "does not match the field's pattern"},
+        {"username", "user", "root", "not an allowed value"},
+        {"uuid", "2524546b-ca99-4868-a062-359cefacff7c", "2524546b", "does not match the field's pattern"},
+        {"vlan_id", "4092", "4093", "out of range"},
+        {"vlan_mode", "trunk", "tree", "not an allowed value"},
+        {"vlan_name_id", "v1", "V1", "does not match the field's pattern"},
+    };
+    for (const auto &row : rows) {
+        const Finished good = ctl({"validate", row.field, row.good});
+        EXPECT_EQ(good.status, 0) << row.field;
+        EXPECT_EQ(good.output, "valid\n") << row.field;
+        const Finished bad = ctl({"validate", row.field, row.bad != nullptr ? row.bad : std::string(1001, 'x')});
+        EXPECT_EQ(bad.status, 1) << row.field;
+        EXPECT_EQ(first_line(bad.output), row.verdict) << row.field;
+    }
+    EXPECT_EQ(ctl({"validate", "port_link_speed", "-2147483648"}).status, 0) << "any number";
+    EXPECT_EQ(ctl({"validate", "date_time", "2026-05-01", "24:00"}).status, 1);
+    const std::string help = ctl({"validate", "--help"}).output;
+    std::istringstream named(help.substr(help.find("fields:") + 7));
+    EXPECT_EQ(std::distance(std::istream_iterator<std::string>(named), {}), 30) << "the rows and these two";
 }
 
 TEST(CtlShm, SharesValuesWithAnotherProcess) {
@@ -281,6 +568,38 @@ TEST(CtlLogLevel, EditsTheFileAndKeepsTheRest) {
     EXPECT_EQ(ctl({"log-level", "a=b", "debug", "--file", "levels.conf"}).status, 2);
 }
 
+TEST(CtlLogLevel, KeepsTheFilesOwnerPermissionsAndLinks) {
+    write_file("real.conf", "[logging_levels]\na=info\n");
+    ASSERT_EQ(chmod("real.conf", 0640), 0);
+    // Only root may give a file away; anybody else keeps his own.
+    const uid_t owner = geteuid() == 0 ? 12345 : geteuid();
+    const gid_t group = geteuid() == 0 ? 23456 : getegid();
+    ASSERT_EQ(chown("real.conf", owner, group), 0);
+    ASSERT_EQ(symlink("real.conf", "link.conf"), 0);
+    EXPECT_EQ(ctl({"log-level", "a", "debug", "--file", "link.conf", "--no-reload"}).status, 0);
+    EXPECT_EQ(read_file("real.conf"), "[logging_levels]\na=debug\n");
+    struct stat state {};
+    ASSERT_EQ(lstat("link.conf", &state), 0);
+    EXPECT_TRUE(S_ISLNK(state.st_mode));
+    ASSERT_EQ(stat("real.conf", &state), 0);
+    EXPECT_EQ(state.st_mode & 07777, 0640U);
+    EXPECT_EQ(state.st_uid, owner);
+    EXPECT_EQ(state.st_gid, group);
+}
+
+TEST(CtlLogLevel, LeavesAloneWhatItCannotRead) {
+    ASSERT_EQ(symlink("loop.conf", "loop.conf"), 0);
+    const Finished finished = ctl({"log-level", "a", "debug", "--file", "loop.conf", "--no-reload"});
+    EXPECT_EQ(finished.status, 1);
+    EXPECT_EQ(finished.diagnostics, "tavrixctl: loop.conf: Too many levels of symbolic links\n");
+    struct stat state {};
+    ASSERT_EQ(lstat("loop.conf", &state), 0);
+    EXPECT_TRUE(S_ISLNK(state.st_mode));
+    EXPECT_EQ(ctl({"log-level", "a", "debug", "--file", "new.conf", "--no-reload"}).status, 0);
+    EXPECT_EQ(read_file("new.conf"), "[logging_levels]\na=debug\n") << "a file that does not exist is made";
+    EXPECT_EQ(ctl({"log-level", "a", "debug", "--file", "no-folder/x.conf", "--no-reload"}).status, 1);
+}
+
 TEST(CtlLogLevel, MakesTheDaemonsRereadIt) {
     Fleet fleet;
     fleet.start_router();
@@ -291,20 +610,90 @@ TEST(CtlLogLevel, MakesTheDaemonsRereadIt) {
     EXPECT_TRUE(fleet.ports->says("Logging level set to verbose."));
 }
 
-TEST(CtlCompletion, AsksTheToolItself) {
-    EXPECT_NE(ctl({"completion", "bash"}).output.find("complete -o default -F _tavrixctl tavrixctl"),
-              std::string::npos);
-    EXPECT_EQ(ctl({"__complete", "mon"}).output, "monitor\n");
-    EXPECT_EQ(ctl({"__complete", "validate", "vlan_n"}).output, "vlan_name_id\n");
-    EXPECT_EQ(ctl({"__complete", "log-level", "portsd", "v"}).output, "verbose\n");
-    EXPECT_EQ(ctl({"__complete", "call", "--tim"}).output, "--timeout\n");
-    EXPECT_EQ(ctl({"__complete", "shm", "g"}).output, "get\n");
+TEST(CtlCompletion, IsBoundToTheToolsName) {
+    EXPECT_EQ(script("source <(tavrixctl completion bash); complete -p tavrixctl").output,
+              "complete -o default -F _tavrixctl tavrixctl\n");
+}
+
+TEST(CtlCompletion, OffersInBashWhatTheToolKnows) {
+    const struct {
+        std::vector<std::string> words;
+        const char *offered;
+    } rows[] = {
+        {{"mon"}, "monitor\n"},
+        {{"shm", "g"}, "get\n"},
+        {{"shm", ""}, "get set --help --version\n"},
+        {{"completion", ""}, "bash --help --version\n"},
+        {{"validate", "vlan_n"}, "vlan_name_id\n"},
+        {{"validate", "vlan_id", "v"}, "\n"},
+        {{"log-level", "portsd", "v"}, "verbose\n"},
+        {{"log-level", "--file", "f", "portsd", "v"}, "verbose\n"},
+        {{"log-level", "--file", "=", "f", "portsd", "v"}, "verbose\n"},
+        {{"log-level", "--tcp", "localhost", ":", "7100", "portsd", "v"}, "verbose\n"},
+        {{"log-level", "--no-reload", "portsd", "v"}, "verbose\n"},
+        {{"log-level", "--file", ""}, "\n"},
+        {{"call", "--tim"}, "--timeout\n"},
+        {{"call", "--json", ""}, "pretty short\n"},
+        {{"call", "--json", "="}, "pretty short\n"},
+        {{"call", "--json", "=", "p"}, "pretty\n"},
+        {{"call", "m", "-", "--tim"}, "--timeout\n"},
+        {{"nonsense", "mon"}, "monitor\n"},
+    };
+    for (const auto &row : rows) {
+        EXPECT_EQ(completed(row.words), row.offered) << testing::PrintToString(row.words);
+    }
+}
+
+TEST(CtlManPage, IsWellFormed) {
+    const Finished lint =
+        support::run_script("tavrixctl", TAVRIXCTL, "mandoc -T lint -W style " TAVRIX_SOURCE_DIR "/tools/tavrixctl.1");
+    EXPECT_EQ(lint.status, 0);
+    EXPECT_EQ(lint.output + lint.diagnostics, "");
+}
+
+TEST(CtlManPage, NamesEachVerbAndOption) {
+    const std::string page = read_file(TAVRIX_SOURCE_DIR "/tools/tavrixctl.1");
+    for (const char *verb :
+         {"", "call", "send", "monitor", "push", "wait", "error", "validate", "shm", "log-level", "completion"}) {
+        const std::string deeper =
+            verb == std::string("shm") ? "tavrixctl shm get --help; tavrixctl shm set --help;" : "";
+        std::istringstream lines(script(deeper + "tavrixctl " + verb + " --help").output);
+        for (std::string line; std::getline(lines, line);) {
+            if (line.rfind("  --", 0) == 0) {
+                const std::string option = line.substr(3, line.find_first_of(" {", 3) - 3);
+                EXPECT_NE(page.find("Fl " + option), std::string::npos) << verb << " " << option;
+            }
+        }
+        EXPECT_NE(page.find(std::string(".Cm ") + verb), std::string::npos) << verb;
+    }
 }
 
 TEST(CtlPush, SaysThatNobodyTakesTheMessage) {
     const Finished finished = ctl({"push", support::free_bus_address(), "x.Y", "--timeout", "0.2"});
     EXPECT_EQ(finished.status, 4);
     EXPECT_NE(finished.diagnostics.find("nobody takes the message"), std::string::npos);
+}
+
+TEST(CtlWait, PrintsTheNotification) {
+    Fleet fleet;
+    fleet.start_router({"--connect", fleet.events_address});
+    fleet.start_events();
+    const Finished finished = ctl({"wait", "events.LinkChanged", fleet.events_address});
+    EXPECT_EQ(finished.status, 0) << finished.diagnostics;
+    EXPECT_EQ(member(finished.output, "method"), "\"events.LinkChanged\"");
+    EXPECT_EQ(member(finished.output, "id"), "(none)");
+}
+
+TEST(CtlWait, EndsWithTheSignalThatEndsIt) {
+    Fleet fleet;
+    fleet.start_router();
+    for (const int number : {SIGINT, SIGTERM}) {
+        support::Process waiting("wait", {TAVRIXCTL, "wait", "x.Y", fleet.router_address});
+        ASSERT_TRUE(waiting.says("waiting for x.Y")) << waiting.log();
+        waiting.signal(number);
+        EXPECT_EQ(waiting.wait(), 128 + number);
+        EXPECT_EQ(waiting.log(), "tavrixctl: waiting for x.Y\n");
+    }
 }
 
 TEST(CtlWait, GivesUpWithoutConnectionOrNotification) {

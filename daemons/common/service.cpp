@@ -1,5 +1,11 @@
 #include "common/service.h"
 
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+
 #include <poll.h>
 
 #include "common/log.h"
@@ -10,8 +16,12 @@ namespace daemon_support {
 
 namespace {
 
+using Clock = std::chrono::steady_clock;
+
 constexpr char unit_name[] = "service";
 constexpr int hello_interval_ms = 50;
+constexpr int take_time_ms = 20;
+constexpr int messages_per_turn = 64; // a peer that floods the bus must not keep the rest of the loop waiting
 
 Service *the_service = nullptr;
 
@@ -24,13 +34,36 @@ bool is_reload(const char *json_text) {
 
 pollfd readable(int descriptor) { return pollfd{descriptor, POLLIN, 0}; }
 
-int receive_descriptor(const BusSocket &socket) {
-    int descriptor = -1;
-    tavrix_mq_socket_recvfd(*socket.get(), &descriptor);
-    return descriptor;
+void obey_reload_request() {
+    if (take_reload_request()) {
+        tavrix_lsyslog_reload_conf();
+    }
 }
 
 } // namespace
+
+bool wait_within(int timeout_ms, const char *awaited, const BusSocket &socket, const std::function<bool()> &take) {
+    int descriptor = -1;
+    if (tavrix_mq_socket_recvfd(*socket.get(), &descriptor) != TAVRIX_OK) {
+        return false;
+    }
+    LOG_DEBUG("Waiting for %s, %d ms at most\n", awaited, timeout_ms);
+    const auto end = Clock::now() + std::chrono::milliseconds(timeout_ms);
+    std::array<pollfd, 2> descriptors = {readable(descriptor), readable(signal_descriptor())};
+    while (!stop_requested() && Clock::now() < end) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
+        const int ready = poll(descriptors.data(), descriptors.size(), std::max(0, static_cast<int>(left.count())));
+        drain_signal_descriptor();
+        obey_reload_request();
+        if (ready > 0 && descriptors[0].revents != 0) {
+            const Deadline deadline(take_time_ms);
+            if (take()) {
+                return true;
+            }
+        }
+    }
+    return false;
+}
 
 Service::Service(ServiceConfig config, const std::vector<tavrix_jrpc_method> &methods)
     : config_(std::move(config)), methods_(methods) {
@@ -43,8 +76,9 @@ Service::Service(ServiceConfig config, const std::vector<tavrix_jrpc_method> &me
 
 Service::~Service() { the_service = nullptr; }
 
-bool Service::listen_on(const std::string &channel, BusSocket *socket) {
-    if (tavrix_jrpc_mq_sub_init(socket->place(), 1) != TAVRIX_OK) {
+bool Service::listen_on(const std::string &channel, BusSocket *socket, int *descriptor) {
+    if (tavrix_jrpc_mq_sub_init(socket->place(), 1) != TAVRIX_OK ||
+        tavrix_mq_socket_recvfd(*socket->get(), descriptor) != TAVRIX_OK) {
         LOG_ERROR("Cannot make a subscriber\n");
         return false;
     }
@@ -63,7 +97,8 @@ bool Service::open() {
         LOG_ERROR("Cannot publish on %s\n", config_.publish.c_str());
         return false;
     }
-    return listen_on(config_.channel, &sub_) && listen_on(TAVRIX_CHANNEL_DEFAULT, &control_);
+    return listen_on(config_.channel, &sub_, &sub_descriptor_) &&
+           listen_on(TAVRIX_CHANNEL_DEFAULT, &control_, &control_descriptor_);
 }
 
 void Service::watch(int descriptor, std::function<void()> on_readable) {
@@ -93,39 +128,50 @@ void Service::say_hello() {
 }
 
 void Service::serve_requests() {
-    while (!stop_requested() && tavrix_jrpc_mq_run(sub_.place(), pub_.place(), methods_.data(), 1) == TAVRIX_OK) {
+    for (int left = messages_per_turn; left > 0 && !stop_requested(); --left) {
+        if (tavrix_jrpc_mq_run(sub_.place(), pub_.place(), methods_.data(), 1) != TAVRIX_OK) {
+            return;
+        }
     }
 }
 
-void Service::serve_control() {
+/** False when none has arrived. */
+bool Service::serve_control_message() {
     static const tavrix_jrpc_method reload_only[] = {{reload_method, tavrix_lsyslog_reload_conf_api},
                                                      {nullptr, nullptr}};
     char *frame = nullptr;
     int length = 0;
-    while (tavrix_mq_socket_recv(*control_.get(), &frame, &length, 1) == TAVRIX_OK) {
-        const Text frame_owner(frame);
-        char *json_text = nullptr;
-        const int split = tavrix_jrpc_parse_msg(frame, length, &json_text);
-        const Text json_owner(json_text);
-        if (split != TAVRIX_OK || !is_reload(json_text)) {
-            continue; // another daemon's: several share this channel
-        }
-        char *channel = nullptr;
-        tavrix_jrpc_parse_channel(json_text, &channel);
-        const Text channel_owner(channel);
-        char *response = nullptr;
-        tavrix_jrpc_eval_request(json_text, reload_only, &response);
-        const Text response_owner(response);
-        if (channel != nullptr && response != nullptr) {
-            tavrix_jrpc_mq_pub(pub_.get(), channel, response);
-        }
+    if (tavrix_mq_socket_recv(*control_.get(), &frame, &length, 1) != TAVRIX_OK) {
+        return false;
+    }
+    const Text frame_owner(frame);
+    char *json_text = nullptr;
+    const int split = tavrix_jrpc_parse_msg(frame, length, &json_text);
+    const Text json_owner(json_text);
+    if (split != TAVRIX_OK || !is_reload(json_text)) {
+        return true; // another daemon's: several share this channel
+    }
+    char *channel = nullptr;
+    tavrix_jrpc_parse_channel(json_text, &channel);
+    const Text channel_owner(channel);
+    char *response = nullptr;
+    tavrix_jrpc_eval_request(json_text, reload_only, &response);
+    const Text response_owner(response);
+    if (channel != nullptr && response != nullptr) {
+        tavrix_jrpc_mq_pub(pub_.get(), channel, response);
+    }
+    return true;
+}
+
+void Service::serve_control() {
+    for (int left = messages_per_turn; left > 0 && !stop_requested() && serve_control_message(); --left) {
     }
 }
 
-void Service::serve() {
+bool Service::serve() {
     LOG_INFO("%s serving\n", config_.name.c_str());
-    std::vector<pollfd> descriptors = {readable(signal_descriptor()), readable(receive_descriptor(sub_)),
-                                       readable(receive_descriptor(control_))};
+    std::vector<pollfd> descriptors = {readable(signal_descriptor()), readable(sub_descriptor_),
+                                       readable(control_descriptor_)};
     const size_t own = descriptors.size();
     for (const Watch &watch : watches_) {
         descriptors.push_back(readable(watch.descriptor));
@@ -135,12 +181,15 @@ void Service::serve() {
             say_hello();
         }
         const int ready = poll(descriptors.data(), descriptors.size(), welcomed_ ? -1 : hello_interval_ms);
+        const int reason = errno;
         drain_signal_descriptor();
-        if (take_reload_request()) {
-            tavrix_lsyslog_reload_conf();
+        obey_reload_request();
+        if (ready < 0 && reason == EINTR) {
+            continue; // a signal: the loop's condition and the reload above have looked at it
         }
         if (ready < 0) {
-            continue; // a signal: the loop's condition and the reload above have looked at it
+            LOG_ERROR("Cannot wait for requests: %s\n", std::strerror(reason));
+            return false;
         }
         serve_requests();
         serve_control();
@@ -151,6 +200,7 @@ void Service::serve() {
         }
     }
     LOG_INFO("%s stopped\n", config_.name.c_str());
+    return true;
 }
 
 } // namespace daemon_support

@@ -32,6 +32,13 @@ struct ServiceConfig {
     std::vector<std::string> connect; ///< addresses to listen to, the router's among them
 };
 
+/**
+ * Waits until `take` takes the awaited message from the socket, `timeout_ms` have passed, or a stop is asked for: true
+ * for the first. The library's waits count a signal as one of their attempts, and the one for a notification has no end
+ * of its own: `take` enters them only when a message is there, and is interrupted when it was another one.
+ */
+bool wait_within(int timeout_ms, const char *awaited, const BusSocket &socket, const std::function<bool()> &take);
+
 class Service {
   public:
     /** At most one service lives in a process: method handlers are plain functions. */
@@ -46,8 +53,8 @@ class Service {
     /** Calls `on_readable` from the loop whenever the descriptor is readable. */
     void watch(int descriptor, std::function<void()> on_readable);
 
-    /** Serves until a stop is asked for. */
-    void serve();
+    /** Serves until a stop is asked for; false, with a log line, when it cannot go on before that. */
+    bool serve();
 
     const int *publisher() const { return pub_.get(); }
 
@@ -60,9 +67,10 @@ class Service {
     static int on_welcome(json_t *params, json_t **result, json_t **error_data);
     static int on_probe(json_t *params, json_t **result, json_t **error_data);
 
-    bool listen_on(const std::string &channel, BusSocket *socket);
+    bool listen_on(const std::string &channel, BusSocket *socket, int *descriptor);
     void say_hello();
     void serve_requests();
+    bool serve_control_message();
     void serve_control();
 
     ServiceConfig config_;
@@ -70,6 +78,8 @@ class Service {
     BusSocket pub_;
     BusSocket sub_;
     BusSocket control_;
+    int sub_descriptor_ = -1;
+    int control_descriptor_ = -1;
     std::vector<Watch> watches_;
     bool welcomed_ = false;
 };

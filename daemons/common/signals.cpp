@@ -76,9 +76,11 @@ void drain_signal_descriptor() {
 bool stop_requested() { return stop != 0; }
 
 bool take_reload_request() {
-    const bool wanted = reload != 0;
+    if (reload == 0) {
+        return false; // written only when it was set: one that comes right now must not be cleared
+    }
     reload = 0;
-    return wanted;
+    return true;
 }
 
 namespace {
@@ -90,20 +92,30 @@ void hold_back_reload(int how) {
     pthread_sigmask(how, &set, nullptr);
 }
 
+/** The timer has just been taken over: a stop that came before wants its ticks all the same. */
+void keep_stop_ticking() {
+    if (stop_requested()) {
+        start_ticking(0, tick_us);
+    }
+}
+
 } // namespace
 
-Interruption::Interruption(int first_ms) : ticks_before_(ticks) {
-    hold_back_reload(SIG_BLOCK);
+Deadline::Deadline(int first_ms) {
     start_ticking(first_ms / 1000, (first_ms % 1000) * 1000);
+    ticks_before_ = ticks; // read afterwards: a tick of an earlier bound does not count
+    keep_stop_ticking();
 }
 
-Interruption::~Interruption() {
-    if (!stop_requested()) {
-        stop_ticking();
-    }
-    hold_back_reload(SIG_UNBLOCK);
+Deadline::~Deadline() {
+    stop_ticking();
+    keep_stop_ticking();
 }
 
-bool Interruption::happened() const { return ticks != ticks_before_; }
+bool Deadline::happened() const { return ticks != ticks_before_; }
+
+ReloadHeldBack::ReloadHeldBack() { hold_back_reload(SIG_BLOCK); }
+
+ReloadHeldBack::~ReloadHeldBack() { hold_back_reload(SIG_UNBLOCK); }
 
 } // namespace daemon_support

@@ -28,20 +28,41 @@ bool take_reload_request();
 
 /**
  * Interrupts whatever waits on this thread once `first_ms` have passed, and then again and again, as long as it lives.
- * SIGHUP is held back meanwhile: a reload must not cost a client its request.
+ * The process has one timer: of two such bounds the later one counts, and ends both.
  */
-class Interruption {
+class Deadline {
   public:
-    explicit Interruption(int first_ms);
-    Interruption(const Interruption &) = delete;
-    Interruption &operator=(const Interruption &) = delete;
-    ~Interruption();
+    explicit Deadline(int first_ms);
+    Deadline(const Deadline &) = delete;
+    Deadline &operator=(const Deadline &) = delete;
+    ~Deadline();
 
     /** Whether the time has passed. */
     bool happened() const;
 
   private:
-    int ticks_before_;
+    int ticks_before_ = 0;
+};
+
+/** Holds SIGHUP back as long as it lives. */
+class ReloadHeldBack {
+  public:
+    ReloadHeldBack();
+    ReloadHeldBack(const ReloadHeldBack &) = delete;
+    ReloadHeldBack &operator=(const ReloadHeldBack &) = delete;
+    ~ReloadHeldBack();
+};
+
+/** The bound on a client's request: a deadline, and no reload meanwhile that would cost the client its request. */
+class Interruption {
+  public:
+    explicit Interruption(int first_ms) : deadline_(first_ms) {}
+
+    bool happened() const { return deadline_.happened(); }
+
+  private:
+    ReloadHeldBack held_back_;
+    Deadline deadline_;
 };
 
 } // namespace daemon_support

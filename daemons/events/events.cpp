@@ -31,7 +31,9 @@ const Event &Log::add(const std::string &kind, const std::string &entity, const 
     if (kept_.size() > most_kept) {
         kept_.pop_front();
     }
-    tavrix_shm_set_int(slot_.c_str(), &last_number_);
+    if (tavrix_shm_set_int(slot_.c_str(), &last_number_) != TAVRIX_OK) {
+        LOG_ERROR("The number of event %d is not shared\n", last_number_);
+    }
     return kept_.back();
 }
 

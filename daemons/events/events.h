@@ -22,10 +22,13 @@ struct Event {
 /** A new reference to the event as an object. */
 json_t *to_json(const Event &event);
 
-/** Keeps the latest events; the last number is shared with other processes through a slot of shared memory. */
+/**
+ * Keeps the latest events; the last number is shared with other processes through a slot of shared memory. Numbers
+ * begin at 1 in each run, as what is kept does.
+ */
 class Log {
   public:
-    /** Creates the slot; false, after the library has logged why, when that fails. */
+    /** Creates the slot, or clears it; false, after the library has logged why, when that fails. */
     bool open(const std::string &slot);
 
     const Event &add(const std::string &kind, const std::string &entity, const std::string &text);

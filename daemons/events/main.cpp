@@ -20,7 +20,7 @@ using daemon_support::StreamSocket;
 
 constexpr char unit_name[] = "eventsd";
 constexpr int client_timeout_ms = 500;
-constexpr int longest_interval_ms = 24 * 60 * 60 * 1000;
+constexpr int longest_time_ms = 24 * 60 * 60 * 1000;
 
 struct Config {
     daemon_support::ServiceConfig service;
@@ -30,6 +30,7 @@ struct Config {
     std::string script;
     std::string slot = "/tavrix_last_event";
     int interval_ms = 1000;
+    int wait_timeout_ms = 5000; // less than the router waits for the reply
 };
 
 /** A descriptor from the timer family, released with its scope. */
@@ -69,17 +70,14 @@ class EventsDaemon {
     }
 
     bool open() {
-        if (!log_.open(config_.slot) || !service_.open() || !open_script() || !open_direct() || !open_pull()) {
-            return false;
-        }
         const bool with_ports = !config_.ports_address.empty();
-        if (with_ports && !ports_.open(config_.ports_address, service_.publisher())) {
+        if (!service_.open() || !open_script() || !open_direct() || !open_pull() || (with_ports && !open_ports())) {
             return false;
         }
         events::set_service({&log_, with_ports ? &ports_ : nullptr});
-        return true;
+        return log_.open(config_.slot); // last: what fails to start leaves a running daemon's slot alone
     }
-    void serve() { service_.serve(); }
+    bool serve() { return service_.serve(); }
 
   private:
     bool open_script() {
@@ -112,7 +110,8 @@ class EventsDaemon {
         }
         *listener_.place() = listener;
         service_.watch(listener, [this] {
-            const daemon_support::Interruption bound(client_timeout_ms); // a silent client holds nobody up for longer
+            // A silent client holds nobody up for longer; a handler that waits has a bound of its own.
+            const daemon_support::Interruption bound(client_timeout_ms);
             tavrix_jrpc_unix_socket_run(listener_.get(), table_.data());
         });
         return true;
@@ -124,11 +123,21 @@ class EventsDaemon {
         }
         int descriptor = -1;
         if (tavrix_jrpc_pull_socket_init(config_.pull_address.c_str(), pull_.place()) != TAVRIX_OK ||
-            tavrix_mq_socket_recvfd(*pull_.get(), &descriptor) != TAVRIX_OK) {
+            tavrix_mq_socket_recvfd(*pull_.get(), &descriptor) != TAVRIX_OK ||
+            // What poll has seen may be gone with its sender by now: only what is there is received.
+            tavrix_mq_socket_set_timeout(*pull_.get(), 0) != TAVRIX_OK) {
             LOG_ERROR("Cannot take one-way requests on %s\n", config_.pull_address.c_str());
             return false;
         }
         service_.watch(descriptor, [this] { tavrix_jrpc_pull_socket_run(*pull_.get(), table_.data()); });
+        return true;
+    }
+
+    bool open_ports() {
+        if (!ports_.open(config_.ports_address, service_.publisher(), config_.wait_timeout_ms)) {
+            LOG_ERROR("Cannot listen to %s\n", config_.ports_address.c_str());
+            return false;
+        }
         return true;
     }
 
@@ -159,11 +168,13 @@ int main(int argc, char **argv) {
     options.list("connect", "ADDRESS", "bus address to listen to: the router's; may be repeated",
                  &config.service.connect);
     options.text("ports", "ADDRESS", "where the ports service publishes, for events.Describe", &config.ports_address);
+    options.number("wait-timeout", "MS", "how long events.Describe waits for it; other requests wait as long", 1,
+                   longest_time_ms, &config.wait_timeout_ms);
     options.text("socket", "PATH", "unix socket to answer requests on directly", &config.socket_path);
     options.text("pull", "ADDRESS", "bus address to take one-way requests on", &config.pull_address);
     options.text("script", "FILE", "link changes to play, a line each, like: c1-1 up", &config.script);
-    options.number("interval", "MS", "time between two of them", 1, longest_interval_ms, &config.interval_ms);
-    options.text("slot", "NAME", "shared-memory slot for the last event's number", &config.slot);
+    options.number("interval", "MS", "time between two of them", 1, longest_time_ms, &config.interval_ms);
+    options.text("slot", "NAME", "shared-memory slot for the last event's number, which begins anew", &config.slot);
     int exit_status = 0;
     if (!options.parse(argc, argv, &exit_status)) {
         return exit_status;
@@ -177,6 +188,5 @@ int main(int argc, char **argv) {
         LOG_ERROR("eventsd cannot start\n");
         return 1;
     }
-    daemon.serve();
-    return 0;
+    return daemon.serve() ? 0 : 1;
 }

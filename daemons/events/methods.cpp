@@ -1,8 +1,10 @@
 #include "methods.h"
 
 #include <array>
+#include <random>
 
 #include "common/log.h"
+#include "common/service.h"
 
 namespace events {
 
@@ -20,6 +22,11 @@ Service service;
 
 using Buffer = std::array<char, text_size>;
 
+int answer(json_t *value, json_t **result) {
+    *result = value;
+    return value != nullptr ? TAVRIX_OK : TAVRIX_ERR_NO_MEMORY;
+}
+
 int get(json_t *params, json_t **result, json_t **error_data) {
     int number = 0;
     const int rc = tavrix_jrpc_utils_parse_input_integer(params, error_data, "number", &number);
@@ -30,8 +37,7 @@ int get(json_t *params, json_t **result, json_t **error_data) {
     if (event == nullptr) {
         return TAVRIX_ERR_NO_RECORDS;
     }
-    *result = to_json(*event);
-    return TAVRIX_OK;
+    return answer(to_json(*event), result);
 }
 
 int last(json_t * /*params*/, json_t **result, json_t ** /*error_data*/) {
@@ -39,17 +45,20 @@ int last(json_t * /*params*/, json_t **result, json_t ** /*error_data*/) {
     if (event == nullptr) {
         return TAVRIX_ERR_NO_RECORDS;
     }
-    *result = to_json(*event);
-    return TAVRIX_OK;
+    return answer(to_json(*event), result);
 }
 
 int report(json_t *params, json_t **result, json_t **error_data) {
     Buffer text{};
     const int rc = tavrix_jrpc_utils_parse_input_string(params, error_data, "text", text.data(), text.size());
-    if (rc == TAVRIX_OK) {
-        *result = to_json(service.log->add("report", "", text.data()));
+    if (rc != TAVRIX_OK) {
+        return rc;
     }
-    return rc;
+    if (json_string_length(json_object_get(params, "text")) >= text.size()) { // it has been cut
+        *error_data = json_pack("{s:s}", "message", "Parameter 'text' has more than 127 bytes.");
+        return TAVRIX_ERR_INVALID_PARAMETER;
+    }
+    return answer(to_json(service.log->add("report", "", text.data())), result);
 }
 
 int describe(json_t *params, json_t **result, json_t **error_data) {
@@ -68,18 +77,20 @@ int describe(json_t *params, json_t **result, json_t **error_data) {
     }
     json_t *ports = nullptr;
     rc = service.ports->get(port_id.data(), &ports);
-    if (rc == TAVRIX_OK) {
-        const Event *event = service.log->last();
-        *result =
-            json_pack("{s:o, s:o}", "ports", ports, "last_event", event != nullptr ? to_json(*event) : json_null());
+    if (rc != TAVRIX_OK) {
+        return rc;
     }
-    return rc;
+    const Event *event = service.log->last();
+    json_t *last_event = event != nullptr ? to_json(*event) : json_null();
+    return answer(json_pack("{s:o, s:o}", "ports", ports, "last_event", last_event), result);
 }
 
 } // namespace
 
-bool PortsClient::open(const std::string &ports_address, const int *publisher) {
+bool PortsClient::open(const std::string &ports_address, const int *publisher, int timeout_ms) {
     publisher_ = publisher;
+    timeout_ms_ = timeout_ms;
+    last_transaction_id_ = std::random_device()(); // a reply to an earlier run's call must not fit one of this run's
     if (tavrix_jrpc_mq_sub_init(replies_.place(), 1) != TAVRIX_OK) {
         return false;
     }
@@ -87,43 +98,47 @@ bool PortsClient::open(const std::string &ports_address, const int *publisher) {
         replies_.forget(); // closed by the failed call
         return false;
     }
-    return true;
+    // Only what is there is received, poll does the waiting.
+    return tavrix_mq_socket_set_timeout(*replies_.get(), 0) == TAVRIX_OK;
 }
 
-/** Replies to calls that were given up must not answer the next one. */
-void PortsClient::drain() {
-    char *frame = nullptr;
-    int length = 0;
-    while (tavrix_mq_socket_recv(*replies_.get(), &frame, &length, 1) == TAVRIX_OK) {
-        const Text dropped(frame);
+/** False for a reply to a call that was given up, too: it must not answer the next one. */
+bool PortsClient::receive(json_int_t transaction_id, Json *reply) {
+    json_t *received = nullptr;
+    if (tavrix_jrpc_mq_sub_for_method(*replies_.get(), get_method, &received) != TAVRIX_OK) {
+        return false;
     }
+    reply->reset(received);
+    const json_t *answered = json_object_get(received, "transaction_id");
+    return json_is_integer(answered) && json_integer_value(answered) == transaction_id;
 }
 
 int PortsClient::get(const std::string &port_id, json_t **ports_out) {
-    const Json request(json_pack("{s:s, s:s, s:s, s:{s:s}}", "jsonrpc", "2.0", "method", get_method, "id",
-                                 reply_channel, "params", "port_id", port_id.c_str()));
+    const json_int_t transaction_id = ++last_transaction_id_;
+    const Json request(json_pack("{s:s, s:s, s:s, s:I, s:{s:s}}", "jsonrpc", "2.0", "method", get_method, "id",
+                                 reply_channel, "transaction_id", transaction_id, "params", "port_id",
+                                 port_id.c_str()));
     const Text text(json_dumps(request.get(), JSON_COMPACT | JSON_ENSURE_ASCII));
     if (!text) {
         return TAVRIX_ERR_NO_MEMORY;
     }
-    drain();
     const Text channel(tavrix_api_router_json_parse_channel(get_method));
-    int rc = tavrix_jrpc_mq_pub(publisher_, channel.get(), text.get());
-    json_t *received = nullptr;
-    if (rc == TAVRIX_OK) {
-        rc = tavrix_jrpc_mq_sub_for_method(*replies_.get(), get_method, &received);
-    }
+    const int rc = tavrix_jrpc_mq_pub(publisher_, channel.get(), text.get());
     if (rc != TAVRIX_OK) {
-        return rc == TAVRIX_ERR_NO_RESPONSE ? TAVRIX_ERR_TIMEOUT : rc;
+        return rc;
     }
-    const Json reply(received);
-    const json_t *error = json_object_get(received, "error");
+    Json reply;
+    const auto take = [&] { return receive(transaction_id, &reply); };
+    if (!daemon_support::wait_within(timeout_ms_, get_method, replies_, take)) {
+        return TAVRIX_ERR_TIMEOUT;
+    }
+    const json_t *error = json_object_get(reply.get(), "error");
     if (error != nullptr) {
         const json_int_t code = json_integer_value(json_object_get(error, "code"));
         return tavrix_jrpc_error_convert_jrpc_to_tavrix(static_cast<int>(code));
     }
-    *ports_out = json_incref(json_object_get(json_object_get(received, "result"), "ports"));
-    return TAVRIX_OK;
+    *ports_out = json_incref(json_object_get(json_object_get(reply.get(), "result"), "ports"));
+    return *ports_out != nullptr ? TAVRIX_OK : TAVRIX_ERR_GENERAL;
 }
 
 void set_service(const Service &wanted) { service = wanted; }

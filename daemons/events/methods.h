@@ -5,7 +5,7 @@
  * |-----------------|-----------------|--------------------------------------------------------------|
  * | events.Get      | number          | the event                                                    |
  * | events.Last     | none            | the latest event                                             |
- * | events.Report   | text            | the event that was made of it                                |
+ * | events.Report   | text, 127 bytes | the event that was made of it                                |
  * | events.Describe | port_id         | the port, asked of the ports service, and its latest event   |
  *
  * And it publishes, on the channel of that name, the notification events.LinkChanged with the event as its params.
@@ -24,18 +24,20 @@ namespace events {
 
 constexpr char link_changed[] = "events.LinkChanged";
 
-/** Calls the ports service over the bus and waits for its reply. */
+/** Calls the ports service over the bus and waits for its reply: nothing else is served meanwhile. */
 class PortsClient {
   public:
     /** Listens for replies on the ports service's address; `publisher` is this service's own. */
-    bool open(const std::string &ports_address, const int *publisher);
+    bool open(const std::string &ports_address, const int *publisher, int timeout_ms);
     /** ports.Get for one port: its "ports" list as a new reference, or the status that the reply carries. */
     int get(const std::string &port_id, json_t **ports_out);
 
   private:
-    void drain();
+    bool receive(json_int_t transaction_id, daemon_support::Json *reply);
 
     const int *publisher_ = nullptr;
+    int timeout_ms_ = 0;
+    json_int_t last_transaction_id_ = 0;
     daemon_support::BusSocket replies_;
 };
 

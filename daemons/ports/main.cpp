@@ -12,6 +12,7 @@
 namespace {
 
 constexpr char unit_name[] = "portsd";
+constexpr int longest_wait_ms = 24 * 60 * 60 * 1000;
 
 } // namespace
 
@@ -31,6 +32,8 @@ int main(int argc, char **argv) {
     options.text("database", "FILE", "the configuration database", &database_path);
     options.text("events", "ADDRESS", "where the events service publishes, for ports.WaitLinkChanged",
                  &service_context.events_address);
+    options.number("wait-timeout", "MS", "how long ports.WaitLinkChanged waits; other requests wait as long", 1,
+                   longest_wait_ms, &service_context.wait_timeout_ms);
     int exit_status = 0;
     if (!options.parse(argc, argv, &exit_status)) {
         return exit_status;
@@ -48,6 +51,5 @@ int main(int argc, char **argv) {
         LOG_ERROR("portsd cannot start\n");
         return 1;
     }
-    service.serve();
-    return 0;
+    return service.serve() ? 0 : 1;
 }

@@ -4,9 +4,16 @@
 #include <cstdio>
 #include <memory>
 
+#include "common/handles.h"
+#include "common/service.h"
+
 namespace ports {
 
 namespace {
+
+using daemon_support::BusSocket;
+using daemon_support::FreeMemory;
+using daemon_support::Json;
 
 constexpr int max_vlan_ids = 32;
 constexpr int max_mac_filters = 16;
@@ -16,10 +23,6 @@ constexpr char link_changed[] = "events.LinkChanged";
 Service service;
 
 using Word = std::array<char, word_size>;
-
-struct FreeMemory {
-    void operator()(void *memory) const { free(memory); }
-};
 
 /** Which forms a port parameter may take. */
 struct PortForms {
@@ -282,48 +285,36 @@ int register_unit(json_t *params, json_t **result, json_t **error_data) {
     return status;
 }
 
-/** A subscription of its own, open for one wait. */
-class NotificationSocket {
-  public:
-    NotificationSocket() {
-        if (tavrix_jrpc_mq_sub_init(&socket_, 0) != TAVRIX_OK) {
-            socket_ = -1;
-        }
+/** Subscribes a socket of its own to a notification. */
+bool listen_for(const std::string &address, const char *method, BusSocket *socket) {
+    if (tavrix_jrpc_mq_sub_init(socket->place(), 0) != TAVRIX_OK) {
+        return false;
     }
-    NotificationSocket(const NotificationSocket &) = delete;
-    NotificationSocket &operator=(const NotificationSocket &) = delete;
-    ~NotificationSocket() {
-        if (socket_ >= 0) {
-            tavrix_mq_socket_close(socket_);
-        }
+    if (tavrix_jrpc_mq_sub_set_channel(address.c_str(), method, socket->place()) != TAVRIX_OK) {
+        socket->forget(); // closed by the failed call
+        return false;
     }
-    int wait_for(const std::string &address, const char *method, json_t **out) {
-        if (socket_ < 0) {
-            return TAVRIX_ERR_GENERAL;
-        }
-        if (tavrix_jrpc_mq_sub_set_channel(address.c_str(), method, &socket_) != TAVRIX_OK) {
-            socket_ = -1; // closed by the failed call
-            return TAVRIX_ERR_GENERAL;
-        }
-        return tavrix_jrpc_mq_sub_for_notifcation(socket_, method, out);
-    }
-
-  private:
-    int socket_ = -1;
-};
+    return true;
+}
 
 int wait_link_changed(json_t * /*params*/, json_t **result, json_t **error_data) {
     if (service.events_address.empty()) {
         *error_data = json_pack("{s:s}", "message", "No events service is configured.");
         return TAVRIX_ERR_UNIMPLEMENTED;
     }
-    json_t *notification = nullptr;
-    NotificationSocket socket;
-    if (socket.wait_for(service.events_address, link_changed, &notification) != TAVRIX_OK) {
+    BusSocket socket;
+    if (!listen_for(service.events_address, link_changed, &socket)) {
+        return TAVRIX_ERR_GENERAL;
+    }
+    json_t *received = nullptr;
+    const bool heard = daemon_support::wait_within(service.wait_timeout_ms, link_changed, socket, [&] {
+        return tavrix_jrpc_mq_sub_for_notifcation(*socket.get(), link_changed, &received) == TAVRIX_OK;
+    });
+    const Json notification(received);
+    if (!heard) {
         return TAVRIX_ERR_TIMEOUT;
     }
-    *result = json_incref(json_object_get(notification, "params"));
-    json_decref(notification);
+    *result = json_incref(json_object_get(notification.get(), "params"));
     return TAVRIX_OK;
 }
 

@@ -10,7 +10,7 @@
  * | ports.SetVlanTrunk        | port_id: a port, vlan_ids: [...]                   | 0                          |
  * | ports.poe.GetInstantPower | port_id: a C-port                                  | port_id, power_mw          |
  * | ports.SetMacFilters       | port_id: a C-port, filters: [{mac, mask}]          | 0                          |
- * | ports.WaitLinkChanged     | none; waits for the events service                 | the notification's params  |
+ * | ports.WaitLinkChanged     | none; waits for the events service, not for ever   | the notification's params  |
  * | mzu.List                  | none                                               | mzus: [...]                |
  * | mzu.Register              | mzu_id, model, mac, alias                          | mzu_id                     |
  *
@@ -31,6 +31,7 @@ namespace ports {
 struct Service {
     Database *database = nullptr;
     std::string events_address; ///< where the events service publishes; empty when there is none
+    int wait_timeout_ms = 5000; ///< for one of its events; less than the router waits for the reply
 };
 void set_service(const Service &service);
 

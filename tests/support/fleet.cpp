@@ -53,12 +53,15 @@ Process &Fleet::start_ports(const std::vector<std::string> &more) {
     return *ports;
 }
 
-Process &Fleet::start_events(const std::string &interval_ms) {
+Process &Fleet::start_events(const std::string &interval_ms, const std::vector<std::string> &more) {
     write_file("links.txt", "# port and state\nc1-1 up\n\nd2 down\n");
-    events = std::make_unique<Process>(
-        "eventsd", std::vector<std::string>{TAVRIX_EVENTSD, "--publish", events_address, "--connect", router_address,
-                                            "--ports", ports_address, "--socket", "events.sock", "--pull", pull_address,
-                                            "--script", "links.txt", "--interval", interval_ms, "--slot", slot});
+    std::vector<std::string> arguments = {TAVRIX_EVENTSD, "--publish",   events_address, "--connect",   router_address,
+                                          "--ports",      ports_address, "--socket",     "events.sock", "--pull",
+                                          pull_address,   "--script",    "links.txt",    "--interval",  interval_ms,
+                                          "--slot",       slot};
+    arguments.insert(arguments.end(), more.begin(), more.end());
+    events.reset();
+    events = std::make_unique<Process>("eventsd", arguments);
     if (!events->says("eventsd ready")) {
         throw std::runtime_error("the events service does not get ready: " + events->log());
     }

@@ -25,7 +25,7 @@ class Fleet {
     Process &start_router(const std::vector<std::string> &more = {});
     Process &start_ports(const std::vector<std::string> &more = {});
     /** With a script of two link changes, played every `interval_ms`, on "events.sock" and a pull socket. */
-    Process &start_events(const std::string &interval_ms = "50");
+    Process &start_events(const std::string &interval_ms = "50", const std::vector<std::string> &more = {});
 
     /** Sends a request to the router's unix socket and hears the answer out. */
     std::string ask(const std::string &request) const;

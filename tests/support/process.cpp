@@ -80,6 +80,15 @@ bool Process::says(const std::string &text, int timeout_ms) const {
     return wait_until([&] { return log().find(text) != std::string::npos; }, timeout_ms);
 }
 
+int Process::times_said(const std::string &text) const {
+    const std::string all = log();
+    int count = 0;
+    for (size_t at = all.find(text); at != std::string::npos; at = all.find(text, at + 1)) {
+        ++count;
+    }
+    return count;
+}
+
 bool Process::prints(const std::string &text, int timeout_ms) const {
     return wait_until([&] { return output().find(text) != std::string::npos; }, timeout_ms);
 }

@@ -27,6 +27,8 @@ class Process {
     std::string output() const;
     /** Waits until the log holds the text; false when it does not in time. */
     bool says(const std::string &text, int timeout_ms = 30000) const;
+    /** How often the log holds the text. */
+    int times_said(const std::string &text) const;
     bool prints(const std::string &text, int timeout_ms = 30000) const;
     void signal(int number) const;
     /** Waits for the end: the exit status, or 128 and the signal's number; -1 when it goes on. */

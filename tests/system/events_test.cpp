@@ -2,13 +2,17 @@
  * Daemons that call daemons: awaited replies and notifications, direct and one-way requests, shared state.
  */
 #include <csignal>
+#include <memory>
 #include <string>
 
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include "support/fleet.h"
 #include "support/json.h"
+#include "tavrix_jrpc.h"
+#include "tavrix_mq.h"
 #include "tavrix_shm.h"
 
 using support::code_of;
@@ -27,10 +31,19 @@ Finished ctl(std::vector<std::string> arguments) {
 
 class Events : public testing::Test {
   protected:
-    void start(const std::string &interval_ms = "50") {
-        fleet.start_router({"--connect", fleet.events_address});
-        fleet.start_ports({"--connect", fleet.events_address, "--events", fleet.events_address});
-        fleet.start_events(interval_ms);
+    void start(const std::string &interval_ms = "50", const std::string &wait_timeout_ms = "20000") {
+        start_router();
+        start_ports(wait_timeout_ms);
+        fleet.start_events(interval_ms, {"--wait-timeout", wait_timeout_ms});
+    }
+    void start_router() { fleet.start_router({"--connect", fleet.events_address, "--reply-timeout", "60000"}); }
+    void start_ports(const std::string &wait_timeout_ms) {
+        fleet.start_ports(
+            {"--connect", fleet.events_address, "--events", fleet.events_address, "--wait-timeout", wait_timeout_ms});
+    }
+    /** At debug level the services say when they begin to wait. */
+    static void log_all() {
+        support::write_file("tavrix_lsyslog.conf", "[logging_levels]\nrouterd=info\nportsd=debug\neventsd=debug\n");
     }
     std::string call(const std::string &method, const std::string &params = "{}") {
         return fleet.ask(request(method, "\"a\"", ",\"params\":" + params));
@@ -45,7 +58,71 @@ class Events : public testing::Test {
         tavrix_shm_get_int(fleet.slot.c_str(), &number);
         return number;
     }
+    static StreamClient describe(const std::string &port_id) {
+        StreamClient client = StreamClient::unix_path("events.sock");
+        client.say(request("events.Describe", "1", R"(,"params":{"port_id":")" + port_id + "\"}"));
+        return client;
+    }
+    static bool has_answer(const StreamClient &client) {
+        pollfd state{client.fd(), POLLIN, 0};
+        return poll(&state, 1, 0) == 1;
+    }
     Fleet fleet;
+};
+
+/** The ports service played by the test, as the events service meets it. */
+class PlayedPorts {
+  public:
+    explicit PlayedPorts(const Fleet &fleet) : pub_(TAVRIX_SP_PUB), sub_(TAVRIX_SP_SUB) {
+        pub_.bind(fleet.ports_address);
+        sub_.connect(fleet.events_address);
+        tavrix_mq_socket_subscribe(sub_.number, TAVRIX_CHANNEL_FIRST);
+    }
+    /** The next ports.Get, or "(nothing)". */
+    std::string next_request(int timeout_ms = 20000) const {
+        tavrix_mq_socket_set_timeout(sub_.number, timeout_ms);
+        char *frame = nullptr;
+        int length = 0;
+        if (tavrix_mq_socket_recv(sub_.number, &frame, &length, 0) != 0) {
+            return "(nothing)";
+        }
+        const std::string text(frame, static_cast<size_t>(length));
+        free(frame);
+        return text.substr(text.find('|') + 1);
+    }
+    /** Publishes `members`, the answer to that request. */
+    void reply(const std::string &to, const std::string &members) const {
+        tavrix_mq_socket_send(pub_.number, (R"(eventsd.replies|{"jsonrpc":"2.0","id":"ports.Get",)" + members +
+                                            ",\"transaction_id\":" + member(to, "transaction_id") + "}")
+                                               .c_str());
+    }
+    /** Publishes it until the client has its answer: the first ones may come before the connection stands. */
+    std::string answer(const StreamClient &client, const std::string &to, const std::string &members) const {
+        support::wait_until([&] {
+            reply(to, members);
+            pollfd state{client.fd(), POLLIN, 0};
+            return poll(&state, 1, 20) == 1;
+        });
+        return client.hear();
+    }
+    static std::string ports(const std::string &text) { return R"("result":{"ports":[")" + text + "\"]}"; }
+
+  private:
+    support::BusSocket pub_;
+    support::BusSocket sub_;
+};
+
+/** The events service between the router and played ports. */
+class EventsWithPlayedPorts : public Events {
+  protected:
+    void start_all(const std::string &wait_timeout_ms) {
+        start_router();
+        fleet.start_events("3600000", {"--wait-timeout", wait_timeout_ms});
+        const StreamClient client = describe("d1"); // settles the connections
+        const std::string asked = ports->next_request();
+        EXPECT_NE(ports->answer(client, asked, PlayedPorts::ports("first")).find("first"), std::string::npos);
+    }
+    std::unique_ptr<PlayedPorts> ports = std::make_unique<PlayedPorts>(fleet);
 };
 
 } // namespace
@@ -127,23 +204,179 @@ TEST_F(Events, RereadTheLoggersConfigurationOverTheBus) {
 }
 
 TEST_F(Events, StopCleanlyAlsoWhileTheyWaitForAReply) {
-    start();
+    log_all();
+    start("3600000");
     fleet.ports->signal(SIGKILL);
     fleet.ports->wait();
-    const StreamClient client = StreamClient::unix_path("events.sock");
-    client.say(request("events.Describe", "1", R"(,"params":{"port_id":"d1"})"));
-    // The wait's patience is a minute; the second connection shows that it has begun to be served.
+    const StreamClient client = describe("d1");
+    ASSERT_TRUE(fleet.events->says("Waiting for ports.Get"));
     fleet.events->signal(SIGTERM);
     EXPECT_EQ(fleet.events->wait(), 0) << fleet.events->log();
     EXPECT_EQ(access("events.sock", F_OK), -1);
 }
 
 TEST_F(Events, StopThePortsServiceWhileItWaitsForThem) {
+    log_all();
     start("3600000");
     const StreamClient client = fleet.connect();
     client.say(request("ports.WaitLinkChanged", "1"));
+    ASSERT_TRUE(fleet.ports->says("Waiting for events.LinkChanged"));
     fleet.ports->signal(SIGTERM);
     EXPECT_EQ(fleet.ports->wait(), 0) << fleet.ports->log();
+}
+
+TEST_F(Events, StopOnInterruptFromTheKeyboard) {
+    start();
+    fleet.events->signal(SIGINT);
+    EXPECT_EQ(fleet.events->wait(), 0);
+    EXPECT_NE(fleet.events->log().find("eventsd stopped"), std::string::npos);
+}
+
+TEST_F(Events, ThatDoNotComeHoldThePortsServiceUpNoLongerThanItsBound) {
+    start_router();
+    start_ports("500");
+    const StreamClient waiting = fleet.connect();
+    waiting.say(request("ports.WaitLinkChanged", "1"));
+    const StreamClient other = fleet.connect();
+    other.say(request("ports.Get", "1", R"(,"params":{"port_id":"d1"})"));
+    EXPECT_EQ(code_of(waiting.hear()), "-32005");
+    EXPECT_NE(member(other.hear(), "result").find("d1"), std::string::npos);
+}
+
+TEST_F(Events, AreAwaitedByThePortsServiceWhateverSignalsCome) {
+    log_all();
+    start_router();
+    support::BusSocket events(TAVRIX_SP_PUB); // played by the test
+    events.bind(fleet.events_address);
+    start_ports("60000");
+    const StreamClient client = fleet.connect();
+    client.say(request("ports.WaitLinkChanged", "1"));
+    constexpr char reloaded[] = "Logging level set to debug.";
+    ASSERT_TRUE(fleet.ports->says("Waiting for events.LinkChanged"));
+    const int reloads = fleet.ports->times_said(reloaded);
+    for (int i = 1; i <= 12; ++i) { // more than the library has attempts
+        fleet.ports->signal(SIGHUP);
+        ASSERT_TRUE(support::wait_until([&] { return fleet.ports->times_said(reloaded) == reloads + i; })) << i;
+    }
+    EXPECT_FALSE(has_answer(client));
+    support::wait_until([&] {
+        tavrix_mq_socket_send(
+            events.number,
+            R"(events.LinkChanged|{"jsonrpc":"2.0","method":"events.LinkChanged","params":{"entity":"d3"}})");
+        return has_answer(client);
+    });
+    EXPECT_EQ(member(client.hear(), "result"), R"({"entity":"d3"})");
+}
+
+TEST_F(Events, AreAwaitedAgainAfterTheirServiceWasKilled) {
+    log_all();
+    start("3600000", "1000");
+    const StreamClient client = fleet.connect();
+    client.say(request("ports.WaitLinkChanged", "1"));
+    ASSERT_TRUE(fleet.ports->says("Waiting for events.LinkChanged"));
+    fleet.events->signal(SIGKILL);
+    EXPECT_EQ(fleet.events->wait(), 128 + SIGKILL);
+    EXPECT_EQ(code_of(client.hear()), "-32005");
+    fleet.start_events("20");
+    std::string answer;
+    EXPECT_TRUE(support::wait_until([&] {
+        answer = call("ports.WaitLinkChanged");
+        return code_of(answer) == "(none)";
+    }));
+    EXPECT_EQ(member(member(answer, "result"), "kind"), "\"link\"") << answer;
+}
+
+TEST_F(Events, AreServedUnharmedInAStormOfReloads) {
+    start("1");
+    for (int i = 0; i < 40; ++i) {
+        fleet.events->signal(SIGHUP);
+        fleet.ports->signal(SIGHUP);
+        const std::string described =
+            i % 2 == 0 ? call("events.Describe", R"({"port_id":"d1"})") : describe("d1").hear();
+        fleet.events->signal(SIGHUP);
+        EXPECT_NE(member(described, "result").find(R"("ports":[{"port_id":"d1")"), std::string::npos) << described;
+        EXPECT_NE(member(direct(request("events.Last", "1")), "result"), "(none)");
+        fleet.ports->signal(SIGHUP);
+        EXPECT_NE(member(call("ports.Get", R"({"port_id":"d1"})"), "result"), "(none)");
+    }
+    EXPECT_EQ(member(member(call("ports.WaitLinkChanged"), "result"), "kind"), "\"link\"");
+}
+
+TEST_F(Events, ReportTextsThatFitAndRefuseLongerOnes) {
+    start("3600000");
+    const std::string fits(127, 'x');
+    const std::string fits_exactly_with_two_bytes_a_character = std::string(125, 'x') + "\xc3\xa9";
+    int number = 0;
+    for (const std::string &text : {fits, fits_exactly_with_two_bytes_a_character}) {
+        const std::string answer = call("events.Report", R"({"text":")" + text + "\"}");
+        EXPECT_EQ(member(member(answer, "result"), "text"), "\"" + text + "\"") << answer;
+        EXPECT_EQ(member(member(answer, "result"), "number"), std::to_string(++number));
+    }
+    for (const std::string &text : {fits + "x", std::string(126, 'x') + "\xc3\xa9", std::string(900, 'x')}) {
+        const std::string answer = call("events.Report", R"({"text":")" + text + "\"}");
+        EXPECT_EQ(code_of(answer), "-32602") << text;
+        EXPECT_EQ(member(member(member(answer, "error"), "data"), "message"),
+                  "\"Parameter 'text' has more than 127 bytes.\"");
+    }
+    EXPECT_EQ(member(member(call("events.Last"), "result"), "number"), "2") << "nothing was made of the others";
+    EXPECT_EQ(code_of(call("events.Report")), "-32602");
+    EXPECT_EQ(code_of(call("events.Report", R"({"text":7})")), "-32602");
+}
+
+TEST_F(EventsWithPlayedPorts, AreDescribedOnTheSocketAlsoByASlowPortsService) {
+    start_all("20000");
+    const StreamClient client = describe("c1-1");
+    const std::string asked = ports->next_request();
+    EXPECT_EQ(ports->next_request(2500), "(nothing)") << "asked once, and waited for";
+    ports->reply(asked, PlayedPorts::ports("slow"));
+    EXPECT_EQ(member(member(client.hear(), "result"), "ports"), R"(["slow"])");
+}
+
+TEST_F(EventsWithPlayedPorts, AreDescribedByTheReplyToTheirOwnCallOnly) {
+    start_all("3000");
+    const StreamClient given_up = describe("c1-1");
+    const std::string first = ports->next_request();
+    EXPECT_EQ(code_of(given_up.hear()), "-32005");
+    const StreamClient client = describe("c1-2");
+    const std::string second = ports->next_request();
+    EXPECT_EQ(member(member(second, "params"), "port_id"), "\"c1-2\"");
+    EXPECT_NE(member(first, "transaction_id"), member(second, "transaction_id"));
+    ports->reply(first, PlayedPorts::ports("late"));
+    ports->reply("{\"transaction_id\":\"5\"}", PlayedPorts::ports("text"));
+    ports->reply(second, PlayedPorts::ports("right"));
+    EXPECT_EQ(member(member(client.hear(), "result"), "ports"), R"(["right"])");
+}
+
+TEST_F(EventsWithPlayedPorts, PassOnTheErrorOfThePortsServiceAndSurviveAnEmptyReply) {
+    start_all("20000");
+    const struct {
+        const char *members;
+        const char *code;
+    } rows[] = {
+        {R"("error":{"code":-32034,"message":"No such port"})", "-32034"},
+        {R"("error":{})", "-32001"},
+        {R"("result":0)", "-32001"},
+        {R"("result":{})", "-32001"},
+    };
+    for (const auto &row : rows) {
+        const StreamClient client = describe("c1-1");
+        ports->reply(ports->next_request(), row.members);
+        EXPECT_EQ(code_of(client.hear()), row.code) << row.members;
+    }
+}
+
+TEST_F(Events, AreLeftAloneByASecondServiceThatCannotStart) {
+    start("3600000");
+    ASSERT_EQ(member(member(call("events.Report", R"({"text":"one"})"), "result"), "number"), "1");
+    ASSERT_EQ(shared_number(), 1);
+    const std::vector<std::string> taken_address = {TAVRIX_EVENTSD, "--publish", fleet.events_address, "--slot",
+                                                    fleet.slot};
+    const std::vector<std::string> no_script = {
+        TAVRIX_EVENTSD, "--publish", support::free_bus_address(), "--slot", fleet.slot, "--script", "missing.txt"};
+    for (const auto &arguments : {taken_address, no_script}) {
+        EXPECT_EQ(support::run(arguments).status, 1);
+        EXPECT_EQ(shared_number(), 1);
+    }
 }
 
 TEST(EventsDaemon, SaysWhatIsWrongWithItsScript) {

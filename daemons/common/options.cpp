@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 
 #include <getopt.h>
 
@@ -31,6 +32,14 @@ void add_parts(const std::string &value, std::vector<std::string> *list) {
         }
         begin = comma + 1;
     }
+}
+
+std::string with_commas(const std::vector<std::string> &parts) {
+    std::string text;
+    for (const std::string &part : parts) {
+        text += (text.empty() ? "" : ",") + part;
+    }
+    return text;
 }
 
 } // namespace
@@ -67,21 +76,32 @@ void Options::print_help() const {
             help += " (default " + std::to_string(*option.number) + ")";
         } else if (option.text != nullptr && !option.text->empty()) {
             help += " (default " + *option.text + ")";
+        } else if (option.list != nullptr && !option.list->empty()) {
+            help += " (default " + with_commas(*option.list) + ")";
         }
         line("--" + option.name + " " + option.value_name, help);
     }
     line("--config FILE", "read the same options from section [" + section_ + "], as option_name=value");
     line("--help", "show this");
     line("--version", "show the version");
-    std::printf("\nexample:\n  %s\n", example_.c_str());
+    std::printf("\nexample:\n  %s\n\n", example_.c_str());
+    for (const std::string &note : notes_) {
+        std::printf("%s\n", note.c_str());
+    }
+    std::printf("SIGTERM and SIGINT end the daemon, SIGHUP makes it reread its logger's configuration.\n"
+                "exit status: 0 ended by a signal, 1 cannot start, 2 wrong usage or configuration file\n");
 }
 
-bool Options::store(Option *option, const std::string &value) {
+/** `origin` names the option as the user wrote it. */
+bool Options::store(Option *option, const std::string &value, const std::string &origin) {
     if (option->text != nullptr) {
         *option->text = value;
         return true;
     }
     if (option->list != nullptr) {
+        if (!option->given) {
+            option->list->clear();
+        }
         add_parts(value, option->list);
         return true;
     }
@@ -89,7 +109,7 @@ bool Options::store(Option *option, const std::string &value) {
     errno = 0;
     const long number = std::strtol(value.c_str(), &end, 10);
     if (value.empty() || *end != '\0' || errno != 0 || number < option->lowest || number > option->highest) {
-        return complain("--" + option->name + " takes a number from " + std::to_string(option->lowest) + " to " +
+        return complain(origin + " takes a number from " + std::to_string(option->lowest) + " to " +
                         std::to_string(option->highest) + ", not '" + value + "'");
     }
     *option->number = static_cast<int>(number);
@@ -123,27 +143,81 @@ bool Options::read_command_line(int argc, char **argv, bool *finished) {
                             argv[optind - 1]);
         } else {
             Option &option = options_[static_cast<size_t>(found)];
-            option.given = true;
-            if (!store(&option, optarg)) {
+            if (!store(&option, optarg, "--" + option.name)) {
                 return false;
             }
+            option.given = true;
         }
     }
     return optind == argc || complain(std::string("what is '") + argv[optind] + "'?");
 }
 
+/** What is wrong with a line of the daemon's own section; empty when it is as it should be. */
+std::string Options::find_problem(const std::string &line, std::set<std::string> *keys) const {
+    const size_t equals_sign = line.find('=');
+    const std::string key = line.substr(0, equals_sign);
+    if (line.back() == '\r') {
+        return "the line ends with a carriage return";
+    }
+    if (equals_sign == std::string::npos) {
+        return "'" + line + "' is no key=value";
+    }
+    if (std::none_of(options_.begin(), options_.end(),
+                     [&key](const Option &option) { return key_of(option.name) == key; })) {
+        return "there is no option '" + key + "'";
+    }
+    return keys->insert(key).second ? "" : "a second '" + key + "'";
+}
+
+/** Refuses what the parser would pass over without a word. Other daemons' sections are their own affair. */
+bool Options::check_file() const {
+    std::ifstream file(config_, std::ios::binary);
+    if (!file.is_open()) {
+        return complain(config_ + ": cannot be opened");
+    }
+    std::set<std::string> keys;
+    std::string line;
+    std::string section;
+    bool found = false;
+    for (int number = 1; std::getline(file, line); ++number) {
+        std::string problem;
+        if (line.empty() || line[0] == '#') {
+            continue;
+        }
+        if (line[0] == '[') {
+            section = line.substr(0, line.find(']'));
+            if (section == "[" + section_) {
+                problem = found ? "a second section " + section + "]" : "";
+                found = true;
+            }
+        } else if (section.empty()) {
+            problem = "'" + line + "' stands before any section";
+        } else if (section == "[" + section_) {
+            problem = file.eof() ? "the last line does not end with a newline" : find_problem(line, &keys);
+        }
+        if (!problem.empty()) {
+            return complain(config_ + ":" + std::to_string(number) + ": " + problem);
+        }
+    }
+    return found || complain(config_ + ": there is no section [" + section_ + "]");
+}
+
 bool Options::read_file() {
+    if (!check_file()) {
+        return false;
+    }
     for (Option &option : options_) {
         char value[max_value_length + 1] = "";
-        const int rc = tavrix_conf_parser_parse(config_.c_str(), section_.c_str(), key_of(option.name).c_str(), value,
-                                                max_value_length);
+        const std::string key = key_of(option.name);
+        const int rc =
+            tavrix_conf_parser_parse(config_.c_str(), section_.c_str(), key.c_str(), value, max_value_length);
         if (rc == TAVRIX_ERR_PARAMETER_NOT_FOUND) {
             continue;
         }
         if (rc != TAVRIX_OK) {
-            return complain(config_ + ": " + key_of(option.name) + ": " + tavrix_error_decode(rc));
+            return complain(config_ + ": " + key + ": " + tavrix_error_decode(rc));
         }
-        if (!option.given && !store(&option, value)) {
+        if (!option.given && !store(&option, value, config_ + ": " + key)) {
             return false;
         }
     }

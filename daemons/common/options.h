@@ -2,12 +2,15 @@
  * A daemon's options, from the command line and from a configuration file.
  *
  * Every long option `--some-name` can also stand as `some_name=value` in the daemon's section of the file that --config
- * names; the command line wins. --help and --version come by themselves.
+ * names; the command line wins. A file that would be read otherwise than it looks is refused. --help and --version come
+ * by themselves.
  */
 #ifndef TAVRIX_DAEMONS_COMMON_OPTIONS_H
 #define TAVRIX_DAEMONS_COMMON_OPTIONS_H
 
+#include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace daemon_support {
@@ -18,9 +21,12 @@ class Options {
     Options(std::string program, std::string section, std::string summary, std::string example);
 
     void text(const char *name, const char *value_name, const char *help, std::string *value);
-    /** May be given several times, or once with commas. */
+    /** May be given several times, or once with commas; what is given replaces what the list held before. */
     void list(const char *name, const char *value_name, const char *help, std::vector<std::string> *values);
     void number(const char *name, const char *value_name, const char *help, int lowest, int highest, int *value);
+
+    /** A sentence for the end of the help. */
+    void note(std::string text) { notes_.push_back(std::move(text)); }
 
     /** True when the daemon goes on; otherwise `*exit_status` is what the process ends with. */
     bool parse(int argc, char **argv, int *exit_status);
@@ -40,8 +46,10 @@ class Options {
 
     void print_help() const;
     bool read_command_line(int argc, char **argv, bool *finished);
+    std::string find_problem(const std::string &line, std::set<std::string> *keys) const;
+    bool check_file() const;
     bool read_file();
-    bool store(Option *option, const std::string &value);
+    bool store(Option *option, const std::string &value, const std::string &origin);
     bool complain(const std::string &what) const;
 
     std::string program_;
@@ -49,6 +57,7 @@ class Options {
     std::string summary_;
     std::string example_;
     std::string config_;
+    std::vector<std::string> notes_;
     std::vector<Option> options_;
 };
 

@@ -22,7 +22,7 @@ int main(int argc, char **argv) {
                                     "tavrix-routerd --socket /run/tavrix/router.sock --publish tcp://127.0.0.1:7001 "
                                     "--connect tcp://127.0.0.1:7002");
     options.text("name", "NAME", "the daemon's name in the logger's configuration", &name);
-    options.text("socket", "PATH", "unix socket to listen on", &config.socket_path);
+    options.text("socket", "PATH", "unix socket to listen on, in a folder that exists", &config.socket_path);
     options.number("tcp", "PORT",
                    "TCP port to listen on, on every address, 0 for none; one that is not free yet is tried again", 0,
                    65535, &config.tcp_port);
@@ -30,8 +30,10 @@ int main(int argc, char **argv) {
     options.list("connect", "ADDRESS", "a service's bus address; may be repeated", &config.connect);
     options.number("reply-timeout", "MS", "how long a service may take to reply", 1, longest_timeout_ms,
                    &config.reply_timeout_ms);
-    options.number("client-timeout", "MS", "how long a client may keep silent, or not read", 1, longest_timeout_ms,
-                   &config.client_timeout_ms);
+    options.number("client-timeout", "MS", "how long a client may keep silent, or not read; the others wait meanwhile",
+                   1, longest_timeout_ms, &config.client_timeout_ms);
+    options.note("Every local user may connect to the unix socket, and there also ask router.Lock, router.Unlock and\n"
+                 "router.Status of the router itself. Over TCP these are refused.");
     int exit_status = 0;
     if (!options.parse(argc, argv, &exit_status)) {
         return exit_status;

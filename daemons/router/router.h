@@ -27,7 +27,7 @@ struct Config {
     std::string socket_path = "/run/tavrix/router.sock";
     int tcp_port = 0; ///< 0: no TCP listener
     std::string publish = "tcp://127.0.0.1:7001";
-    std::vector<std::string> connect;
+    std::vector<std::string> connect = {"tcp://127.0.0.1:7002", "tcp://127.0.0.1:7003"}; ///< the services' defaults
     int reply_timeout_ms = 10000;
     int client_timeout_ms = 500;
 };

@@ -679,6 +679,52 @@ TEST(RouterDaemon, ReadsItsOptionsFromAFileAndTheCommandLine) {
     EXPECT_EQ(code_of(fleet.ask(request("ports.Get", "1"))), "-32005");
 }
 
+TEST(RouterDaemon, RefusesAConfigurationFileThatWouldBeReadOtherwiseThanItLooks) {
+    const struct {
+        const char *text;
+        const char *complaint;
+    } rows[] = {
+        {"", "routerd.conf: there is no section [routerd]"},
+        {"[router]\ntcp=1\n", "routerd.conf: there is no section [routerd]"},
+        {"tcp=1\n[routerd]\n", "routerd.conf:1: 'tcp=1' stands before any section"},
+        {"[routerd]\n\nreply-timeout=1\n", "routerd.conf:3: there is no option 'reply-timeout'"},
+        {"[routerd]\ntcp =1\n", "routerd.conf:2: there is no option 'tcp '"},
+        {"[routerd]\ntcp\n", "routerd.conf:2: 'tcp' is no key=value"},
+        {"[routerd]\ntcp=1\ntcp=2\n", "routerd.conf:3: a second 'tcp'"},
+        {"[routerd]\n[other]\nx=1\n[routerd]\ntcp=1\n", "routerd.conf:4: a second section [routerd]"},
+        {"[routerd]\r\nsocket=a.sock\r\n", "routerd.conf:2: the line ends with a carriage return"},
+        {"[routerd]\n# no newline\ntcp=1", "routerd.conf:3: the last line does not end with a newline"},
+        {"[routerd]\ntcp=65536\n", "routerd.conf: tcp takes a number from 0 to 65535, not '65536'"},
+    };
+    for (const auto &row : rows) {
+        support::write_file("routerd.conf", row.text);
+        const support::Finished finished = support::run({TAVRIX_ROUTERD, "--config", "routerd.conf"});
+        EXPECT_EQ(finished.status, 2) << row.text;
+        EXPECT_EQ(finished.diagnostics.rfind(std::string("tavrix-routerd: ") + row.complaint + "\n", 0), 0U)
+            << finished.diagnostics;
+    }
+    const support::Finished missing = support::run({TAVRIX_ROUTERD, "--config", "missing.conf"});
+    EXPECT_EQ(missing.diagnostics.rfind("tavrix-routerd: missing.conf: cannot be opened\n", 0), 0U);
+}
+
+TEST(RouterDaemon, ReadsAValueOfAsManyBytesAsFit) {
+    for (const size_t length : {1023U, 1024U}) {
+        support::write_file("routerd.conf", "[routerd]\nsocket=" + std::string(length, 'p') + "\n");
+        const support::Finished finished =
+            support::run({TAVRIX_ROUTERD, "--config", "routerd.conf", "--publish", "nonsense"});
+        EXPECT_EQ(finished.status, length == 1023 ? 1 : 2) << finished.diagnostics;
+    }
+}
+
+TEST(RouterDaemon, ListensWhereItIsToldInsteadOfTheDefaults) {
+    Fleet fleet;
+    const std::string other = support::free_bus_address();
+    fleet.start_router({"--connect", other + "," + support::free_bus_address()});
+    fleet.ports_address = other;
+    const PlayedService service(fleet, first_channel);
+    EXPECT_TRUE(fleet.router->says("Service played settled"));
+}
+
 TEST(RouterDaemon, ExplainsWrongUsage) {
     const std::vector<std::vector<std::string>> rows = {
         {"--tcp", "x"}, {"--tcp", "65536"},           {"--tcp", "-1"},          {"--nonsense"},          {"--socket"},
@@ -695,6 +741,8 @@ TEST(RouterDaemon, ExplainsWrongUsage) {
     EXPECT_EQ(help.status, 0);
     EXPECT_NE(help.output.find("--reply-timeout MS"), std::string::npos);
     EXPECT_NE(help.output.find("example:"), std::string::npos);
+    EXPECT_NE(help.output.find("(default tcp://127.0.0.1:7002,tcp://127.0.0.1:7003)"), std::string::npos);
+    EXPECT_NE(help.output.find("exit status:"), std::string::npos);
     EXPECT_EQ(support::run({TAVRIX_ROUTERD, "--version"}).output.rfind("tavrix-routerd 1.", 0), 0U);
 }
 
@@ -705,4 +753,24 @@ TEST(RouterDaemon, SaysWhyItCannotStart) {
     EXPECT_EQ(finished.status, 1);
     EXPECT_NE(finished.diagnostics.find("Cannot listen on no/such/folder/x.sock"), std::string::npos);
     EXPECT_EQ(support::run({TAVRIX_ROUTERD, "--publish", "nonsense"}).status, 1);
+}
+
+TEST(Daemons, ReadTheirOwnSectionOfOneFile) {
+    support::write_file("fleet.conf",
+                        "# one file for all\n[routerd]\ntcp=0\n[portsd]\nname=p\n[eventsd]\nname=e\ninterval=0\n");
+    const struct {
+        const char *program;
+        const char *complaint;
+    } rows[] = {
+        {TAVRIX_ROUTERD, "Cannot publish on nonsense"},
+        {TAVRIX_PORTSD, "Cannot publish on nonsense"},
+        {TAVRIX_EVENTSD, "tavrix-eventsd: fleet.conf: interval takes a number from 1 to"},
+    };
+    for (const auto &row : rows) {
+        const Fleet fleet; // with the database
+        const support::Finished finished =
+            support::run({row.program, "--config", "fleet.conf", "--publish", "nonsense"});
+        EXPECT_NE(finished.diagnostics.find(row.complaint), std::string::npos) << finished.diagnostics;
+        EXPECT_NE(support::run({row.program, "--help"}).output.find("exit status:"), std::string::npos);
+    }
 }

@@ -1,7 +1,6 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <iterator>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -11,30 +10,24 @@
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include "support/bus.h"
 #include "support/fleet.h"
 #include "support/json.h"
+#include "support/tavrixctl.h"
 #include "tavrix_mq.h"
 
+using support::ctl;
 using support::Finished;
+using support::first_line;
 using support::Fleet;
 using support::member;
-using support::read_file;
+using support::script;
 using support::write_file;
 
 namespace {
-
-Finished ctl(std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(), TAVRIXCTL);
-    return support::run(arguments);
-}
-
-/** A script in bash that calls the tool by its name. */
-Finished script(const std::string &text) { return support::run_script("tavrixctl", TAVRIXCTL, text); }
 
 /** The lines under "examples:", up to the next blank line. */
 std::vector<std::string> examples_of(const std::string &help) {
@@ -100,28 +93,12 @@ class Terminal {
     int fd_;
 };
 
-/** What bash offers for the last of the words, as its completion breaks them up. */
-std::string completed(const std::vector<std::string> &words) {
-    std::string list;
-    for (const std::string &word : words) {
-        list += " '" + word + "'";
-    }
-    const Finished finished =
-        script("source <(tavrixctl completion bash)\n"
-               "COMP_WORDS=(tavrixctl" +
-               list + ")\nCOMP_CWORD=" + std::to_string(words.size()) + "\n_tavrixctl\necho \"${COMPREPLY[@]}\"");
-    EXPECT_EQ(finished.diagnostics, "");
-    return finished.output;
-}
-
 std::string replaced(std::string text, const std::string &what, const std::string &by) {
     for (size_t at = 0; (at = text.find(what, at)) != std::string::npos; at += by.size()) {
         text.replace(at, what.size(), by);
     }
     return text;
 }
-
-std::string first_line(const std::string &text) { return text.substr(0, text.find('\n')); }
 
 } // namespace
 
@@ -262,7 +239,7 @@ TEST(CtlCall, GivesUpOnARouterThatStandsStill) {
     fleet.router->signal(SIGSTOP);
     EXPECT_EQ(ctl({"call", "--socket", "router.sock", "--timeout", "0.2", "router.Status"}).status, 3);
     // More than the socket holds: some of it stays with the client.
-    write_file("long.txt", std::string(8 << 20, 'x'));
+    write_file("long.txt", std::string(1 << 20, 'x'));
     EXPECT_EQ(script("tavrixctl send --socket router.sock --timeout 0.2 - <long.txt").status, 3);
     // And in the end nobody gets in any more: the backlog is full.
     for (int i = 0; i < 8; ++i) {
@@ -303,7 +280,7 @@ TEST(CtlSend, SendsATextAsItStands) {
 TEST(CtlSend, PrintsTheAnswerToATextThatTheRouterRefusesToReadWhole) {
     Fleet fleet;
     fleet.start_router();
-    write_file("long.txt", std::string(8 << 20, 'x'));
+    write_file("long.txt", std::string(1 << 20, 'x'));
     const Finished finished = script("tavrixctl send --socket router.sock - <long.txt");
     EXPECT_EQ(finished.status, 1) << finished.diagnostics;
     EXPECT_EQ(support::code_of(finished.output), "-32600") << finished.output;
@@ -337,25 +314,6 @@ TEST(CtlCall, RefusesWrongUsage) {
         EXPECT_EQ(finished.status, 2) << (row.empty() ? "nothing" : row.back().substr(0, 40));
         EXPECT_EQ(finished.output, "");
         EXPECT_NE(finished.diagnostics, "");
-    }
-}
-
-TEST(CtlHelp, ExplainsTheToolAndEachVerbWithExamples) {
-    for (const char *verb :
-         {"", "call", "send", "monitor", "push", "wait", "error", "validate", "shm", "log-level", "completion"}) {
-        std::vector<std::string> words;
-        if (verb[0] != '\0') {
-            words.emplace_back(verb);
-        }
-        words.emplace_back("--help");
-        const Finished help = ctl(words);
-        EXPECT_EQ(help.status, 0) << verb;
-        EXPECT_NE(help.output.find("examples:"), std::string::npos) << verb;
-        EXPECT_NE(help.output.find("tavrixctl"), std::string::npos) << verb;
-        words.back() = "--version";
-        const Finished version = ctl(words);
-        EXPECT_EQ(version.status, 0) << verb;
-        EXPECT_EQ(version.output.rfind("tavrixctl 1.", 0), 0U) << verb << version.output;
     }
 }
 
@@ -457,149 +415,6 @@ TEST(CtlMonitor, KeepsAFrameThatIsNoJsonOnOneHarmlessLine) {
 
 TEST(CtlMonitor, RefusesAnAddressThatIsNone) { EXPECT_EQ(ctl({"monitor", "localhost:1"}).status, 2); }
 
-TEST(CtlError, ExplainsBothNumberings) {
-    EXPECT_EQ(ctl({"error", "-35"}).output, "status   -35  Request parameter not found\n"
-                                            "json-rpc -32602  Invalid parameter(s)\n");
-    EXPECT_EQ(ctl({"error", "35"}).output, ctl({"error", "-35"}).output);
-    EXPECT_EQ(ctl({"error", "-32011"}).output, "json-rpc -32011  Insufficient memory error. Please reset the H7.\n"
-                                               "status   -21  Data was about to be written to unallocated memory\n");
-    EXPECT_EQ(ctl({"error", "-32601"}).output, "json-rpc -32601  Method not found\n");
-    EXPECT_EQ(ctl({"error", "-12345"}).status, 2);
-}
-
-TEST(CtlValidate, TellsValidFromInvalid) {
-    EXPECT_EQ(ctl({"validate", "port_id", "c128-99"}).status, 0);
-    const Finished invalid = ctl({"validate", "port_id", "c129-1"});
-    EXPECT_EQ(invalid.status, 1);
-    EXPECT_EQ(first_line(invalid.output), "does not match the field's pattern");
-    EXPECT_EQ(ctl({"validate", "vlan_id", "4093"}).status, 1);
-    EXPECT_EQ(ctl({"validate", "onu_id", "-1"}).status, 0);
-    EXPECT_EQ(ctl({"validate", "vlan_id", "x"}).status, 2);
-    EXPECT_EQ(ctl({"validate", "date_time", "2026-05-01", "13:45"}).status, 0);
-    EXPECT_EQ(ctl({"validate", "date_time", "2026-05-01"}).status, 2);
-    EXPECT_EQ(ctl({"validate", "no_field", "x"}).status, 2);
-}
-
-TEST(CtlValidate, SaysThatAValueCouldNotBeChecked) {
-    std::string long_value;
-    for (int i = 0; i < 20000; ++i) {
-        long_value += "zqn"; // the pattern's engine gives up on it
-    }
-    const Finished finished = ctl({"validate", "unit_sw_upgrade_filename", long_value});
-    EXPECT_EQ(finished.status, 1);
-    EXPECT_EQ(finished.output, "");
-    EXPECT_EQ(finished.diagnostics, "tavrixctl: the value could not be checked\n");
-}
-
-TEST(CtlValidate, KnowsEachField) {
-    const struct {
-        const char *field;
-        const char *good;
-        const char *bad;
-        const char *verdict;
-    } rows[] = {
-        {"c_port_id", "c128-99", "d1", "does not match the field's pattern"},
-        {"d_port_id", "d4", "c1-1", "does not match the field's pattern"},
-        {"date", "2026-05-31", "1999-05-31", "does not match the field's pattern"},
-        {"description", "the door", "a \" quote", "does not match the field's pattern"},
-        {"entity_extension", "anything", nullptr, "too long"},
-        {"entity_name", "v4092", "v4093", "does not match the field's pattern"},
-        {"ip_address", "10.0.0.1", "1.1.1", "too short"},
-        {"laser_id", "1", "2", "out of range"},
-        {"mac_address", "00:11:22:33:44:55", "00:11:22:33:44:5g", "does not match the field's pattern"},
-        {"mzu_id", "c128", "c129", "does not match the field's pattern"},
-        {"mzu_model", "unknown", "no model", "not an allowed value"},
-        {"mzu_sw_upgrade_filename", "any line", "two\nlines", "does not match the field's pattern"},
-        {"olt_id", "0", "2", "out of range"},
-        {"onu_id", "-1", "129", "out of range"},
-        {"password", "Aa1!", "Aa1", "too short"},
-        {"periodic_interval", "3600", "3601", "out of range"},
-        {"port_id", "D4", "d5", "does not match the field's pattern"},
-        {"port_number", "128", "0", "out of range"},
-        {"status", "enable", "enabled", "not an allowed value"},
-        {"time", "23:59", "24:00", "does not match the field's pattern"},
-        {"unit_id", "1", "2", "out of range"},
-        {"unit_sw_bank", "previous", "next", "not an allowed value"},
-        {"unit_sw_upgrade_filename", "zqn-1.2.3-004", "1.2.3-004", "does not match the field's pattern"},
-        {"username", "user", "root", "not an allowed value"},
-        {"uuid", "2524546b-ca99-4868-a062-359cefacff7c", "2524546b", "does not match the field's pattern"},
-        {"vlan_id", "4092", "4093", "out of range"},
-        {"vlan_mode", "trunk", "tree", "not an allowed value"},
-        {"vlan_name_id", "v1", "V1", "does not match the field's pattern"},
-    };
-    for (const auto &row : rows) {
-        const Finished good = ctl({"validate", row.field, row.good});
-        EXPECT_EQ(good.status, 0) << row.field;
-        EXPECT_EQ(good.output, "valid\n") << row.field;
-        const Finished bad = ctl({"validate", row.field, row.bad != nullptr ? row.bad : std::string(1001, 'x')});
-        EXPECT_EQ(bad.status, 1) << row.field;
-        EXPECT_EQ(first_line(bad.output), row.verdict) << row.field;
-    }
-    EXPECT_EQ(ctl({"validate", "port_link_speed", "-2147483648"}).status, 0) << "any number";
-    EXPECT_EQ(ctl({"validate", "date_time", "2026-05-01", "24:00"}).status, 1);
-    const std::string help = ctl({"validate", "--help"}).output;
-    std::istringstream named(help.substr(help.find("fields:") + 7));
-    EXPECT_EQ(std::distance(std::istream_iterator<std::string>(named), {}), 30) << "the rows and these two";
-}
-
-TEST(CtlShm, SharesValuesWithAnotherProcess) {
-    const std::string name = "/tavrix-test-" + std::to_string(getpid());
-    EXPECT_EQ(ctl({"shm", "get", name}).status, 1);
-    EXPECT_EQ(ctl({"shm", "set", name, "hello", "--create"}).status, 0);
-    EXPECT_EQ(ctl({"shm", "get", name}).output, "hello\n");
-    EXPECT_EQ(ctl({"shm", "set", name, "--int", "--create", "42"}).status, 0);
-    EXPECT_EQ(ctl({"shm", "get", name, "--int"}).output, "42\n");
-    EXPECT_EQ(ctl({"shm", "set", name, "--size", "4", "long"}).status, 2);
-    shm_unlink(name.c_str());
-}
-
-TEST(CtlLogLevel, EditsTheFileAndKeepsTheRest) {
-    const auto edited = [](const std::string &before, const std::string &daemon) {
-        write_file("levels.conf", before);
-        EXPECT_EQ(ctl({"log-level", daemon, "debug", "--file", "levels.conf", "--no-reload"}).status, 0);
-        return read_file("levels.conf");
-    };
-    EXPECT_EQ(edited("", "a"), "[logging_levels]\na=debug\n");
-    EXPECT_EQ(edited("[logging_levels]\na=info\n", "a"), "[logging_levels]\na=debug\n");
-    EXPECT_EQ(edited("# c\n[x]\na=1\n[logging_levels]\nb=info\n[y]\na=2\n", "a"),
-              "# c\n[x]\na=1\n[logging_levels]\nb=info\na=debug\n[y]\na=2\n");
-    EXPECT_EQ(edited("[logging_levels]\na=info", "a"), "[logging_levels]\na=debug\n") << "its last line counts now";
-    EXPECT_EQ(ctl({"log-level", "a", "error", "--file", "levels.conf"}).status, 2) << "no word of the file";
-    EXPECT_EQ(ctl({"log-level", "a=b", "debug", "--file", "levels.conf"}).status, 2);
-}
-
-TEST(CtlLogLevel, KeepsTheFilesOwnerPermissionsAndLinks) {
-    write_file("real.conf", "[logging_levels]\na=info\n");
-    ASSERT_EQ(chmod("real.conf", 0640), 0);
-    // Only root may give a file away; anybody else keeps his own.
-    const uid_t owner = geteuid() == 0 ? 12345 : geteuid();
-    const gid_t group = geteuid() == 0 ? 23456 : getegid();
-    ASSERT_EQ(chown("real.conf", owner, group), 0);
-    ASSERT_EQ(symlink("real.conf", "link.conf"), 0);
-    EXPECT_EQ(ctl({"log-level", "a", "debug", "--file", "link.conf", "--no-reload"}).status, 0);
-    EXPECT_EQ(read_file("real.conf"), "[logging_levels]\na=debug\n");
-    struct stat state {};
-    ASSERT_EQ(lstat("link.conf", &state), 0);
-    EXPECT_TRUE(S_ISLNK(state.st_mode));
-    ASSERT_EQ(stat("real.conf", &state), 0);
-    EXPECT_EQ(state.st_mode & 07777, 0640U);
-    EXPECT_EQ(state.st_uid, owner);
-    EXPECT_EQ(state.st_gid, group);
-}
-
-TEST(CtlLogLevel, LeavesAloneWhatItCannotRead) {
-    ASSERT_EQ(symlink("loop.conf", "loop.conf"), 0);
-    const Finished finished = ctl({"log-level", "a", "debug", "--file", "loop.conf", "--no-reload"});
-    EXPECT_EQ(finished.status, 1);
-    EXPECT_EQ(finished.diagnostics, "tavrixctl: loop.conf: Too many levels of symbolic links\n");
-    struct stat state {};
-    ASSERT_EQ(lstat("loop.conf", &state), 0);
-    EXPECT_TRUE(S_ISLNK(state.st_mode));
-    EXPECT_EQ(ctl({"log-level", "a", "debug", "--file", "new.conf", "--no-reload"}).status, 0);
-    EXPECT_EQ(read_file("new.conf"), "[logging_levels]\na=debug\n") << "a file that does not exist is made";
-    EXPECT_EQ(ctl({"log-level", "a", "debug", "--file", "no-folder/x.conf", "--no-reload"}).status, 1);
-}
-
 TEST(CtlLogLevel, MakesTheDaemonsRereadIt) {
     Fleet fleet;
     fleet.start_router();
@@ -608,64 +423,6 @@ TEST(CtlLogLevel, MakesTheDaemonsRereadIt) {
         ctl({"log-level", "portsd", "verbose", "--file", "tavrix_lsyslog.conf", "--socket", "router.sock"});
     EXPECT_EQ(finished.status, 0) << finished.diagnostics;
     EXPECT_TRUE(fleet.ports->says("Logging level set to verbose."));
-}
-
-TEST(CtlCompletion, IsBoundToTheToolsName) {
-    EXPECT_EQ(script("source <(tavrixctl completion bash); complete -p tavrixctl").output,
-              "complete -o default -F _tavrixctl tavrixctl\n");
-}
-
-TEST(CtlCompletion, OffersInBashWhatTheToolKnows) {
-    const struct {
-        std::vector<std::string> words;
-        const char *offered;
-    } rows[] = {
-        {{"mon"}, "monitor\n"},
-        {{"shm", "g"}, "get\n"},
-        {{"shm", ""}, "get set --help --version\n"},
-        {{"completion", ""}, "bash --help --version\n"},
-        {{"validate", "vlan_n"}, "vlan_name_id\n"},
-        {{"validate", "vlan_id", "v"}, "\n"},
-        {{"log-level", "portsd", "v"}, "verbose\n"},
-        {{"log-level", "--file", "f", "portsd", "v"}, "verbose\n"},
-        {{"log-level", "--file", "=", "f", "portsd", "v"}, "verbose\n"},
-        {{"log-level", "--tcp", "localhost", ":", "7100", "portsd", "v"}, "verbose\n"},
-        {{"log-level", "--no-reload", "portsd", "v"}, "verbose\n"},
-        {{"log-level", "--file", ""}, "\n"},
-        {{"call", "--tim"}, "--timeout\n"},
-        {{"call", "--json", ""}, "pretty short\n"},
-        {{"call", "--json", "="}, "pretty short\n"},
-        {{"call", "--json", "=", "p"}, "pretty\n"},
-        {{"call", "m", "-", "--tim"}, "--timeout\n"},
-        {{"nonsense", "mon"}, "monitor\n"},
-    };
-    for (const auto &row : rows) {
-        EXPECT_EQ(completed(row.words), row.offered) << testing::PrintToString(row.words);
-    }
-}
-
-TEST(CtlManPage, IsWellFormed) {
-    const Finished lint =
-        support::run_script("tavrixctl", TAVRIXCTL, "mandoc -T lint -W style " TAVRIX_SOURCE_DIR "/tools/tavrixctl.1");
-    EXPECT_EQ(lint.status, 0);
-    EXPECT_EQ(lint.output + lint.diagnostics, "");
-}
-
-TEST(CtlManPage, NamesEachVerbAndOption) {
-    const std::string page = read_file(TAVRIX_SOURCE_DIR "/tools/tavrixctl.1");
-    for (const char *verb :
-         {"", "call", "send", "monitor", "push", "wait", "error", "validate", "shm", "log-level", "completion"}) {
-        const std::string deeper =
-            verb == std::string("shm") ? "tavrixctl shm get --help; tavrixctl shm set --help;" : "";
-        std::istringstream lines(script(deeper + "tavrixctl " + verb + " --help").output);
-        for (std::string line; std::getline(lines, line);) {
-            if (line.rfind("  --", 0) == 0) {
-                const std::string option = line.substr(3, line.find_first_of(" {", 3) - 3);
-                EXPECT_NE(page.find("Fl " + option), std::string::npos) << verb << " " << option;
-            }
-        }
-        EXPECT_NE(page.find(std::string(".Cm ") + verb), std::string::npos) << verb;
-    }
 }
 
 TEST(CtlPush, SaysThatNobodyTakesTheMessage) {

@@ -1,0 +1,14 @@
+#include "support/tavrixctl.h"
+
+namespace support {
+
+Finished ctl(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), TAVRIXCTL);
+    return run(arguments);
+}
+
+Finished script(const std::string &text) { return run_script("tavrixctl", TAVRIXCTL, text); }
+
+std::string first_line(const std::string &text) { return text.substr(0, text.find('\n')); }
+
+} // namespace support

@@ -1,8 +1,6 @@
 #include <atomic>
 #include <chrono>
 #include <csignal>
-#include <filesystem>
-#include <iterator>
 #include <string>
 #include <thread>
 
@@ -48,11 +46,6 @@ size_t count_of(const std::string &text, const std::string &part) {
         ++count;
     }
     return count;
-}
-
-size_t open_descriptors_of(const support::Process &process) {
-    const std::filesystem::directory_iterator open("/proc/" + std::to_string(process.pid()) + "/fd");
-    return static_cast<size_t>(std::distance(begin(open), end(open)));
 }
 
 /** Publishes left-over replies on the router's reply channel as fast as it can, as long as it lives. */
@@ -427,13 +420,13 @@ TEST(RouterDaemon, StopsWhileAClientDoesNotReadItsAnswer) {
 }
 
 TEST(RouterDaemon, StopsWhileAClientSaysNothing) {
-    Fleet fleet;
-    fleet.start_router({"--client-timeout", "86400000"});
-    const size_t before = open_descriptors_of(*fleet.router);
-    const StreamClient silent = fleet.connect();
-    EXPECT_TRUE(support::wait_until([&] { return open_descriptors_of(*fleet.router) > before; })) << "it is accepted";
-    fleet.router->signal(SIGTERM);
-    EXPECT_EQ(fleet.router->wait(), 0);
+    for (int i = 0; i < 5; ++i) { // before, while and after the client is accepted
+        Fleet fleet;
+        fleet.start_router({"--client-timeout", "86400000"});
+        const StreamClient silent = fleet.connect();
+        fleet.router->signal(SIGTERM);
+        EXPECT_EQ(fleet.router->wait(), 0);
+    }
 }
 
 TEST(RouterDaemon, ServesAndStopsThroughAFloodOnItsReplyChannel) {

@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include "support/fleet.h"
@@ -112,6 +113,26 @@ class PlayedPorts {
     support::BusSocket sub_;
 };
 
+/** A one-way sender that takes what is on its way along when it goes: the connection is reset. */
+class ResettingPusher {
+  public:
+    explicit ResettingPusher(const std::string &address)
+        : stream_(StreamClient::tcp_port(std::stoi(address.substr(address.rfind(':') + 1)))) {
+        stream_.say(std::string("\0SP\0\0\x50\0\0", 8)); // the bus's greeting of a PUSH socket
+    }
+    void push(const std::string &text) const {
+        stream_.say(std::string(7, '\0') + static_cast<char>(text.size()) + text); // the length has eight bytes
+    }
+    void reset() {
+        const linger at_once{1, 0};
+        setsockopt(stream_.fd(), SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
+        stream_.close();
+    }
+
+  private:
+    StreamClient stream_;
+};
+
 /** The events service between the router and played ports. */
 class EventsWithPlayedPorts : public Events {
   protected:
@@ -197,10 +218,10 @@ TEST_F(Events, TakeOneWayReports) {
 
 TEST_F(Events, RereadTheLoggersConfigurationOverTheBus) {
     start();
-    support::write_file("tavrix_lsyslog.conf", "[logging_levels]\nrouterd=info\nportsd=info\neventsd=debug\n");
+    support::write_file("tavrix_lsyslog.conf", "[logging_levels]\nrouterd=info\nportsd=debug\neventsd=debug\n");
     EXPECT_EQ(member(call("logger.ReloadConf"), "result"), "0");
     EXPECT_TRUE(fleet.events->says("Logging level set to debug."));
-    EXPECT_TRUE(fleet.ports->says("Logging level set to info."));
+    EXPECT_TRUE(fleet.ports->says("Logging level set to debug."));
 }
 
 TEST_F(Events, StopCleanlyAlsoWhileTheyWaitForAReply) {
@@ -363,6 +384,31 @@ TEST_F(EventsWithPlayedPorts, PassOnTheErrorOfThePortsServiceAndSurviveAnEmptyRe
         ports->reply(ports->next_request(), row.members);
         EXPECT_EQ(code_of(client.hear()), row.code) << row.members;
     }
+}
+
+TEST_F(EventsWithPlayedPorts, GoOnWhenAReportHasGoneWithItsSender) {
+    start_all("20000");
+    bool overtaken = false;
+    for (int i = 0; i < 20 && !overtaken; ++i) {
+        const StreamClient busy = describe("c1-1");
+        const std::string first = ports->next_request();
+        // While the service waits, a report and one more call arrive: it sees both at once, and the call comes first.
+        ResettingPusher pusher(fleet.pull_address);
+        pusher.push(R"({"jsonrpc":"2.0","method":"events.Report","params":{"text":"lost"},"id":"1"})");
+        const int before = shared_number();
+        const StreamClient client = fleet.connect();
+        client.say(request("events.Describe", "1", R"(,"params":{"port_id":"c1-2"})"));
+        EXPECT_EQ(ports->next_request(100), "(nothing)");
+        ports->reply(first, PlayedPorts::ports("first"));
+        const std::string second = ports->next_request();
+        overtaken = shared_number() == before;
+        pusher.reset();
+        EXPECT_EQ(ports->next_request(100), "(nothing)");
+        ports->reply(second, PlayedPorts::ports("second"));
+        EXPECT_NE(client.hear().find("second"), std::string::npos);
+        EXPECT_NE(direct(request("events.Last", "1")), "(time-out)");
+    }
+    EXPECT_TRUE(overtaken);
 }
 
 TEST_F(Events, AreLeftAloneByASecondServiceThatCannotStart) {

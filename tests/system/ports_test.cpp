@@ -1,13 +1,21 @@
 /*
  * Router, ports service and database together.
  */
+#include <array>
+#include <atomic>
 #include <csignal>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
+#include <sqlite3.h>
+#include <unistd.h>
 
 #include "support/fleet.h"
 #include "support/json.h"
+#include "tavrix_jrpc.h"
+#include "tavrix_mq.h"
 
 using support::code_of;
 using support::Fleet;
@@ -16,6 +24,58 @@ using support::request;
 using support::StreamClient;
 
 namespace {
+
+constexpr char database_error[] = "-32010";
+
+/** The test's own connection to the daemons' database. */
+class Sql {
+  public:
+    Sql() {
+        sqlite3_open("zqn_h7.db", &db_);
+        sqlite3_busy_timeout(db_, 20000);
+    }
+    Sql(const Sql &) = delete;
+    Sql &operator=(const Sql &) = delete;
+    ~Sql() { sqlite3_close(db_); }
+
+    void run(const std::string &text) const {
+        EXPECT_EQ(sqlite3_exec(db_, text.c_str(), nullptr, nullptr, nullptr), SQLITE_OK) << sqlite3_errmsg(db_);
+    }
+    /** The rows' values, a blank between any two. */
+    std::string read(const std::string &query) const {
+        std::string values;
+        const auto add = [](void *out, int count, char **texts, char ** /*names*/) {
+            for (int i = 0; i < count; ++i) {
+                std::string &all = *static_cast<std::string *>(out);
+                all += (all.empty() ? "" : " ") + std::string(texts[i] != nullptr ? texts[i] : "null");
+            }
+            return 0;
+        };
+        EXPECT_EQ(sqlite3_exec(db_, query.c_str(), add, &values, nullptr), SQLITE_OK) << sqlite3_errmsg(db_);
+        return values;
+    }
+
+  private:
+    sqlite3 *db_ = nullptr;
+};
+
+std::string numbers(int from, int to) {
+    std::string list = "[";
+    for (int i = from; i <= to; ++i) {
+        list += (i == from ? "" : ",") + std::to_string(i);
+    }
+    return list + "]";
+}
+
+/** Parameters of ports.SetMacFilters for c1-1: so many filters, ending in 01, 02, and so on. */
+std::string mac_filters(int count) {
+    std::string list;
+    for (int i = 1; i <= count; ++i) {
+        list += std::string(i == 1 ? "" : ",") + R"({"mac":"00:00:00:00:00:)" + (i < 10 ? "0" : "") +
+                std::to_string(i) + R"(","mask":"ff:ff:ff:ff:ff:ff"})";
+    }
+    return R"({"port_id":"c1-1","filters":[)" + list + "]}";
+}
 
 class Road : public testing::Test {
   protected:
@@ -151,6 +211,135 @@ TEST_F(Road, SurvivesAServiceThatIsKilledInMidRequest) {
     EXPECT_NE(port("d1").find("d1"), std::string::npos);
 }
 
+TEST_F(Road, SurvivesAServiceThatIsKilledInTheMiddleOfAChange) {
+    const std::string before = port("c1");
+    // Once the rows are written, the change goes on for as good as ever.
+    Sql().run("CREATE TRIGGER slow AFTER UPDATE ON ports BEGIN SELECT count(*) FROM ports a, ports b, ports c, ports d,"
+              " ports e, ports f, ports g, ports h, ports i, ports j WHERE a.unit + j.unit > 500; END");
+    const StreamClient client = fleet.connect();
+    client.say(request("ports.SetEnabled", "\"a\"", R"(,"params":{"port_id":"c1","status":"disable"})"));
+    ASSERT_TRUE(support::wait_until([] { return access("zqn_h7.db-journal", F_OK) == 0; }));
+    fleet.ports->signal(SIGKILL);
+    EXPECT_EQ(fleet.ports->wait(), 128 + SIGKILL);
+    EXPECT_EQ(code_of(client.hear()), "-32005");
+    Sql().run("DROP TRIGGER slow");
+    fleet.start_ports();
+    EXPECT_EQ(port("c1"), before);
+    EXPECT_EQ(member(call("ports.SetEnabled", R"({"port_id":"c1","status":"disable"})"), "result"), "0");
+}
+
+TEST_F(Road, LeavesNothingChangedWhenAChangeFailsHalfWay) {
+    const struct {
+        const char *trigger;
+        const char *method;
+        std::string params;
+        const char *state;
+    } rows[] = {
+        {"BEFORE INSERT ON vlan_members WHEN NEW.vlan_id = 7", "ports.SetVlanTrunk",
+         R"({"port_id":"d1","vlan_ids":[5,7,9]})",
+         "SELECT vlan_mode, vlan_id FROM ports JOIN vlan_members USING (unit, port) WHERE unit = 0 ORDER BY vlan_id"},
+        {"BEFORE INSERT ON vlan_members WHEN NEW.vlan_id = 7", "ports.SetVlanAccess", R"({"port_id":"d1","vlan_id":7})",
+         "SELECT vlan_mode, vlan_id FROM ports JOIN vlan_members USING (unit, port) WHERE unit = 0 ORDER BY vlan_id"},
+        {"BEFORE DELETE ON vlan_members", "ports.SetVlanLocal", R"({"port_id":"d1"})",
+         "SELECT vlan_mode, vlan_id FROM ports JOIN vlan_members USING (unit, port) WHERE unit = 0 ORDER BY vlan_id"},
+        {"BEFORE INSERT ON mac_filters WHEN NEW.mac LIKE '%02'", "ports.SetMacFilters", mac_filters(3),
+         "SELECT mac FROM mac_filters"},
+        {"BEFORE UPDATE ON ports WHEN NEW.port = 3", "ports.SetEnabled", R"({"port_id":"all","status":"disable"})",
+         "SELECT status FROM ports ORDER BY unit, port"},
+        {"BEFORE INSERT ON ports WHEN NEW.port = 5", "mzu.Register",
+         R"({"mzu_id":"c9","model":"ZQN-E10","mac":"00:11:22:33:44:55","alias":"x"})",
+         "SELECT count(*) FROM units UNION ALL SELECT count(*) FROM ports"},
+    };
+    ASSERT_EQ(member(call("ports.SetMacFilters", mac_filters(1)), "result"), "0");
+    const Sql sql;
+    for (const auto &row : rows) {
+        const std::string before = sql.read(row.state);
+        sql.run(std::string("CREATE TRIGGER refusal ") + row.trigger + " BEGIN SELECT RAISE(ABORT, 'no'); END");
+        EXPECT_EQ(code_of(call(row.method, row.params)), database_error) << row.method;
+        EXPECT_EQ(sql.read(row.state), before) << row.method;
+        sql.run("DROP TRIGGER refusal");
+        EXPECT_EQ(member(call(row.method, row.params), "error"), "(none)") << row.method;
+        EXPECT_NE(sql.read(row.state), before) << row.method;
+    }
+}
+
+TEST_F(Road, ReportsALockedDatabaseAndGoesOnAfterwards) {
+    const Sql other;
+    const std::string before = port("c1");
+    const struct {
+        const char *lock;
+        bool readable;
+    } rows[] = {
+        {"BEGIN EXCLUSIVE", false},
+        {"BEGIN IMMEDIATE", true},
+        {"BEGIN; SELECT * FROM ports", true}, // a reader: only the commit fails
+    };
+    for (const auto &row : rows) {
+        other.run(row.lock);
+        EXPECT_EQ(code_of(call("ports.Get", R"({"port_id":"c1"})")), row.readable ? "(none)" : database_error)
+            << row.lock;
+        EXPECT_EQ(code_of(call("ports.SetEnabled", R"({"port_id":"c1","status":"disable"})")), database_error)
+            << row.lock;
+        EXPECT_EQ(
+            code_of(call("mzu.Register", R"({"mzu_id":"c9","model":"ZQN-E10","mac":"00:11:22:33:44:55","alias":"x"})")),
+            database_error)
+            << row.lock;
+        other.run("COMMIT");
+        EXPECT_EQ(port("c1"), before) << row.lock;
+    }
+    EXPECT_EQ(member(call("ports.SetEnabled", R"({"port_id":"c1","status":"disable"})"), "result"), "0");
+}
+
+TEST_F(Road, StoresUpToItsBoundsAndNoMore) {
+    const Sql sql;
+    constexpr char stored[] = "SELECT mac, mask FROM mac_filters WHERE unit = 1 AND port = 1";
+    EXPECT_EQ(member(call("ports.SetMacFilters", mac_filters(1)), "result"), "0");
+    EXPECT_EQ(sql.read(stored), "00:00:00:00:00:01 FF:FF:FF:FF:FF:FF");
+    EXPECT_EQ(code_of(call("ports.SetMacFilters", mac_filters(17))), "-32039");
+    EXPECT_EQ(sql.read(stored), "00:00:00:00:00:01 FF:FF:FF:FF:FF:FF");
+    EXPECT_EQ(member(call("ports.SetMacFilters", mac_filters(16)), "result"), "0");
+    EXPECT_EQ(sql.read("SELECT count(*) FROM mac_filters"), "16");
+    EXPECT_EQ(member(call("ports.SetVlanTrunk", R"({"port_id":"d1","vlan_ids":)" + numbers(1, 32) + "}"), "result"),
+              "0");
+    EXPECT_NE(port("d1").find(R"("vlan_ids":)" + numbers(1, 32)), std::string::npos);
+    EXPECT_EQ(code_of(call("ports.SetVlanTrunk", R"({"port_id":"d1","vlan_ids":)" + numbers(1, 33) + "}")), "-32033");
+    for (const char *fits : {"1", "4092"}) {
+        EXPECT_EQ(
+            member(call("ports.SetVlanAccess", std::string(R"({"port_id":"d1","vlan_id":)") + fits + "}"), "result"),
+            "0");
+        EXPECT_NE(port("d1").find(std::string(R"("vlan_ids":[)") + fits + "]"), std::string::npos);
+    }
+    for (const char *outside : {"0", "-1", "4093"}) {
+        EXPECT_EQ(code_of(call("ports.SetVlanAccess", std::string(R"({"port_id":"d1","vlan_id":)") + outside + "}")),
+                  "-32602");
+    }
+    EXPECT_EQ(member(call("ports.SetEnabled", R"({"port_id":"all","status":"disable"})"), "result"), "0");
+    EXPECT_EQ(sql.read("SELECT DISTINCT status FROM ports"), "0");
+}
+
+TEST_F(Road, AsksForTheParametersOfEachMethod) {
+    for (const char *method : {"ports.Get", "ports.SetEnabled", "ports.SetVlanLocal", "ports.SetVlanAccess",
+                               "ports.SetVlanTrunk", "ports.poe.GetInstantPower", "ports.SetMacFilters"}) {
+        EXPECT_EQ(message_of(call(method, "{}")), "\"Missing expected parameter: 'port_id'\"") << method;
+        EXPECT_EQ(code_of(fleet.ask(request(method, "\"a\""))), "-32602") << method << " without parameters";
+    }
+    EXPECT_EQ(message_of(call("mzu.Register", "{}")), "\"Missing expected parameter: 'mzu_id'\"");
+}
+
+TEST_F(Road, StandsWhileTheRouterIsStartedAnewInMidRequest) {
+    support::write_file("tavrix_lsyslog.conf", "[logging_levels]\nrouterd=info\nportsd=debug\n");
+    fleet.start_ports({"--events", fleet.events_address, "--wait-timeout", "1000"}); // where nobody is
+    const StreamClient client = fleet.connect();
+    client.say(request("ports.WaitLinkChanged", "1"));
+    ASSERT_TRUE(fleet.ports->says("Waiting for events.LinkChanged"));
+    fleet.router->signal(SIGKILL);
+    EXPECT_EQ(fleet.router->wait(), 128 + SIGKILL);
+    EXPECT_EQ(client.hear(), "");
+    fleet.start_router();
+    ASSERT_TRUE(fleet.router->says("Service portsd settled"));
+    EXPECT_NE(port("d1").find(R"({"port_id":"d1")"), std::string::npos);
+}
+
 TEST_F(Road, ReloadsTheLoggersOfAllDaemonsOverTheBus) {
     support::write_file("tavrix_lsyslog.conf", "[logging_levels]\nrouterd=debug\nportsd=debug\n");
     EXPECT_EQ(member(fleet.ask(request("logger.ReloadConf", "\"a\"")), "result"), "0");
@@ -176,4 +365,35 @@ TEST(PortsDaemon, StopsWhileNoRouterIsThere) {
     ASSERT_TRUE(lonely.says("portsd serving"));
     lonely.signal(SIGINT);
     EXPECT_EQ(lonely.wait(), 0);
+}
+
+TEST(PortsDaemon, ObeysSignalsInAFloodOfMessages) {
+    Fleet fleet;
+    std::vector<std::string> arguments = {TAVRIX_PORTSD, "--publish", fleet.ports_address};
+    std::array<support::BusSocket, 4> peers; // while the bus fetches the next message of one, another's is there
+    for (support::BusSocket &peer : peers) {
+        const std::string address = support::free_bus_address();
+        tavrix_mq_socket_init(TAVRIX_SP_PUB, &peer.number);
+        peer.bind(address);
+        arguments.insert(arguments.end(), {"--connect", address});
+    }
+    support::Process service("flooded", arguments);
+    const std::string request_text =
+        R"(|{"jsonrpc":"2.0","method":"service.Welcome","id":"nobody","params":{"list":)" + numbers(1, 4000) + "}}";
+    for (const char *channel : {TAVRIX_CHANNEL_FIRST, TAVRIX_CHANNEL_DEFAULT}) {
+        std::atomic<bool> enough{false};
+        std::thread flood([&] {
+            while (!enough) {
+                for (const support::BusSocket &peer : peers) {
+                    tavrix_mq_socket_send(peer.number, (channel + request_text).c_str());
+                }
+            }
+        });
+        EXPECT_TRUE(service.says("portsd ready"));
+        const int reloads = service.times_said("Logging level set");
+        service.signal(SIGHUP);
+        EXPECT_TRUE(support::wait_until([&] { return service.times_said("Logging level set") > reloads; })) << channel;
+        enough = true;
+        flood.join();
+    }
 }

@@ -68,7 +68,7 @@ TAVRIX_API int tavrix_lsyslog_set_socket(int fd);
  * @param file   the caller's source unit
  * @param line   the caller's line number
  * @param format printf format; the message carries its own newline, and is cut after 8000 characters
- * @return 0 when the line was written or filtered out, -1 when the message could not be formatted
+ * @return 0 when the line was written or filtered out, -1 when the message could not be formatted, or for a null format
  */
 TAVRIX_API int tavrix_lsyslog_log(int level, const char *file, int line, const char *format, ...) TAVRIX_PRINTF(4, 5);
 

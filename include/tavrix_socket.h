@@ -75,7 +75,8 @@ TAVRIX_API int tavrix_tcp_socket_accept(const int *listen_sock, int *client_out)
  * @param ipv4_text dotted-quad address
  * @param port      the low 16 bits count
  * @param sock_out  receives the descriptor, blocking; the caller closes it
- * @return 0; -51 when the system's time-out ran out; -1
+ * @return 0; -51 when the system's time-out ran out; -1 for any other failure, a null argument too (the place for the
+ *         descriptor is looked at last)
  */
 TAVRIX_API int tavrix_tcp_socket_connect(const char *ipv4_text, unsigned port, int *sock_out);
 

@@ -247,7 +247,7 @@ TAVRIX_API void tavrix_free_port_macs_array(tavrix_port_macs *entries, int count
 
 /**
  * Splits a dotted quad into bytes. The text is not validated: pass one that validate_ip_address() has accepted. Of any
- * other at most 15 characters are read and 4 numbers stored, each cut to its low byte; a number that is missing leaves
+ * other at most 16 characters are read and 4 numbers stored, each cut to its low byte; a number that is missing leaves
  * its byte as it was.
  *
  * @param out     receives the bytes, the first number first

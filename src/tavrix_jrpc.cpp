@@ -610,7 +610,11 @@ class Client {
 
     int *place() { return &fd_; }
     const int *get() const { return &fd_; }
-    int close() { return tavrix_socket_close(&fd_); }
+    /** Closes now, and only once: after a failure the number may be another thread's already. */
+    int close() {
+        int fd = release();
+        return tavrix_socket_close(&fd);
+    }
     int release() { return std::exchange(fd_, -1); }
 
   private:

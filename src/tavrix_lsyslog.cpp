@@ -115,6 +115,9 @@ int tavrix_lsyslog_log(int level, const char *file, int line, const char *format
     if (level > current_level) {
         return TAVRIX_OK;
     }
+    if (format == nullptr) {
+        return TAVRIX_ERR_GENERAL;
+    }
     char message[message_size];
     va_list args;
     va_start(args, format);

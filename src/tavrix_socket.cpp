@@ -149,7 +149,7 @@ int tavrix_tcp_socket_accept(const int *listen_sock, int *client_out) {
 }
 
 int tavrix_tcp_socket_connect(const char *ipv4_text, unsigned port, int *sock_out) {
-    if (ipv4_text == nullptr || sock_out == nullptr) {
+    if (ipv4_text == nullptr) {
         LOG_DEBUG("[tavrix_tcp_socket_connect]: Null Pointer!\n");
         return TAVRIX_ERR_GENERAL;
     }
@@ -165,6 +165,10 @@ int tavrix_tcp_socket_connect(const char *ipv4_text, unsigned port, int *sock_ou
     }
     if (connect(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
         return errno == ETIMEDOUT ? TAVRIX_ERR_CONNECT_TIMEOUT : TAVRIX_ERR_GENERAL;
+    }
+    if (sock_out == nullptr) { // looked at only here: meant, an address that cannot be reached is told as such
+        LOG_DEBUG("[tavrix_tcp_socket_connect]: Null Pointer!\n");
+        return TAVRIX_ERR_GENERAL;
     }
     *sock_out = fd.release();
     return TAVRIX_OK;

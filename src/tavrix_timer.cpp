@@ -22,6 +22,7 @@ namespace {
 constexpr char unit_name[] = "tavrix_timer";
 constexpr double nanoseconds_per_second = 1e9;
 constexpr double beyond_time = 9e18;
+static_assert(sizeof(time_t) == sizeof(int64_t), "seconds are 64 bits wide on the 32-bit target too");
 
 timespec whole_seconds(int seconds) {
     timespec value{};

@@ -34,6 +34,7 @@ constexpr size_t mac_text_length = 17;
 constexpr int mac_bytes = TAVRIX_MAC_SIZE;
 constexpr int32_t first_mac_capacity = 8;
 constexpr int ip_bytes = 4;
+constexpr size_t ip_text_size = 16;
 constexpr size_t port_id_limit = 14;
 constexpr int max_unit = 1000;
 constexpr int max_port = 999;
@@ -338,12 +339,12 @@ int tavrix_tokenize_ip_address(unsigned char *out, const char *text, int out_len
     if (out_len != ip_bytes) {
         return TAVRIX_ERR_BUFFER_SPACE;
     }
-    char work[16] = "";
-    std::memcpy(work, text, strnlen(text, sizeof work - 1)); // the longest address has 15 characters
+    char work[ip_text_size + 1] = "";
+    std::memcpy(work, text, strnlen(text, ip_text_size));
     char *rest = nullptr;
     const char *piece = strtok_r(work, ".", &rest);
     for (int i = 0; i < ip_bytes && piece != nullptr; ++i) {
-        out[i] = static_cast<unsigned char>(std::atoi(piece));
+        out[i] = static_cast<unsigned char>(std::strtol(piece, nullptr, 10));
         piece = strtok_r(nullptr, ".", &rest);
     }
     return TAVRIX_OK;

@@ -368,6 +368,14 @@ TEST(CreateResponse, ReportsWhatCannotBeRendered) {
     json_decref(value);
 }
 
+TEST(CreateError, IndentsUpTo31) {
+    json_t *id = json_integer(1);
+    EXPECT_EQ(
+        taken(tavrix_jrpc_create_error(-32001, id, nullptr, 31, nullptr)).find("{\n" + std::string(31, ' ') + "\""),
+        0U);
+    json_decref(id);
+}
+
 TEST(CreateError, CarriesCodeMessageAndData) {
     json_t *id = json_string("m");
     json_t *data = json_pack("[i]", 1);

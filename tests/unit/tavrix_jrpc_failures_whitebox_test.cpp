@@ -26,6 +26,7 @@ constexpr char unit[] = "tavrix_jrpc";
 
 std::string failing;  ///< the function that fails
 int calls_before = 0; ///< how many of its calls still succeed
+int closes = 0;       ///< calls of close
 
 bool fails(const char *name) { return failing == name && calls_before-- == 0; }
 
@@ -75,6 +76,7 @@ int __real_json_object_set_new(json_t *object, const char *key, json_t *value);
 int __real_json_object_del(json_t *object, const char *key);
 json_t *__real_json_integer(json_int_t value);
 int __real_tavrix_mq_socket_set_timeout(int sock, int ms);
+int __real_close(int fd);
 
 void *__wrap_malloc(size_t size) { return fails("malloc") ? nullptr : __real_malloc(size); }
 char *__wrap_strdup(const char *text) { return fails("strdup") ? nullptr : __real_strdup(text); }
@@ -102,6 +104,11 @@ int __wrap_json_object_del(json_t *object, const char *key) {
     return fails("json_object_del") ? -1 : __real_json_object_del(object, key);
 }
 json_t *__wrap_json_integer(json_int_t value) { return fails("json_integer") ? nullptr : __real_json_integer(value); }
+int __wrap_close(int fd) {
+    ++closes;
+    const int rc = __real_close(fd); // released all the same: only the report fails
+    return fails("close") ? -1 : rc;
+}
 int __wrap_tavrix_mq_socket_set_timeout(int sock, int ms) {
     return fails("set_timeout") ? -1 : __real_tavrix_mq_socket_set_timeout(sock, ms);
 }
@@ -140,6 +147,8 @@ TEST(EvaluateFailures, LeaveNoResponseWhenTheErrorCannotBeBuilt) {
         EXPECT_EQ(answer.rc, -1) << row.function << row.after;
         EXPECT_EQ(answer.text, "(null)");
         EXPECT_EQ(log.count(support::error, unit, no_error), 1);
+        const bool transaction = failing == "json_object_set_new" && row.after == 0;
+        EXPECT_EQ(log.count(support::error, unit, no_transaction), transaction ? 1 : 0);
     }
 }
 
@@ -298,6 +307,23 @@ TEST(RouterFailure, WithoutAServiceChannelIsReportedAndClosesTheClientInOneCall)
     EXPECT_EQ(log.lines().back().message, "[tavrix_jrpc_router_socket_to_mq]: Error mq_pub, rc = -20\n");
     EXPECT_TRUE(asking.closed_silently());
     EXPECT_EQ(client, -1);
+    close(listener);
+}
+
+TEST(ServerFailures, OfTheClientsCloseAreItsStatusAndComeOnce) {
+    int listener = -1;
+    ASSERT_EQ(tavrix_jrpc_unix_socket_init("server.sock", &listener, 1), 0);
+    support::StreamClient asking = support::StreamClient::unix_path("server.sock");
+    asking.say(R"({"jsonrpc":"2.0","id":1,"method":"x.Ok"})");
+    const support::StderrCapture out;
+    closes = 0;
+    {
+        const Failing always("close");
+        EXPECT_EQ(tavrix_jrpc_unix_socket_run(&listener, table), -1);
+    }
+    EXPECT_EQ(closes, 1);
+    EXPECT_EQ(out.text().find("tavrix_socket_close: "), out.text().rfind("tavrix_socket_close: "));
+    EXPECT_NE(out.text().find("tavrix_socket_close: "), std::string::npos);
     close(listener);
 }
 

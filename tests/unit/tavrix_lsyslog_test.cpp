@@ -108,6 +108,14 @@ TEST_F(Logger, ReportsAMessageThatCannotBeFormatted) {
     EXPECT_EQ(out.text(), "");
 }
 
+TEST_F(Logger, RefusesANullFormatThatItWouldPrint) {
+    const char *const none = nullptr;
+    const StderrCapture out;
+    EXPECT_EQ(tavrix_lsyslog_log(2, "some_unit", 77, none), -1);
+    EXPECT_EQ(tavrix_lsyslog_log(7, "some_unit", 77, none), 0) << "filtered out before";
+    EXPECT_EQ(out.text(), "");
+}
+
 TEST_F(Logger, StampsLinesWithLocalTime) {
     for (const char *zone : {"UTC0", "XYZ-5:30"}) {
         setenv("TZ", zone, 1);

@@ -258,8 +258,20 @@ TEST(Connect, RefusesNull) {
     int fd = -77;
     const LogCapture log("debug");
     EXPECT_EQ(tavrix_tcp_socket_connect(nullptr, 1, &fd), -1);
-    EXPECT_EQ(tavrix_tcp_socket_connect("127.0.0.1", 1, nullptr), -1);
-    EXPECT_EQ(log.count(support::debug, unit, "[tavrix_tcp_socket_connect]: Null Pointer!\n"), 2);
+    EXPECT_EQ(log.count(support::debug, unit, "[tavrix_tcp_socket_connect]: Null Pointer!\n"), 1);
+}
+
+TEST(Connect, LooksAtThePlaceForTheDescriptorLast) {
+    {
+        const StderrCapture out;
+        EXPECT_EQ(tavrix_tcp_socket_connect("nowhere", 1, nullptr), -1);
+        EXPECT_EQ(out.text().find("inet_pton: "), 0U);
+    }
+    Handle listener;
+    ASSERT_EQ(tavrix_tcp_socket_init(0, &listener.fd, 0), 0);
+    const int before = support::open_descriptors();
+    EXPECT_EQ(tavrix_tcp_socket_connect("127.0.0.1", static_cast<unsigned>(port_of(listener.fd)), nullptr), -1);
+    EXPECT_EQ(support::open_descriptors(), before);
 }
 
 TEST(Receive, GivesTheCountAndAddsNoTerminator) {

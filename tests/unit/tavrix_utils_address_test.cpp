@@ -189,6 +189,10 @@ TEST(IpAddress, IsSplitIntoFourBytes) {
     EXPECT_EQ(bytes_text(bytes, 6), "c0a864ff0909");
     EXPECT_EQ(tavrix_tokenize_ip_address(bytes, "1.2.3.4.5.6", 4), 0);
     EXPECT_EQ(bytes_text(bytes, 6), "010203040909") << "no further piece is stored";
+    EXPECT_EQ(tavrix_tokenize_ip_address(bytes, "0192.168.100.255.9", 4), 0);
+    EXPECT_EQ(bytes_text(bytes, 4), "c0a864ff") << "16 characters are read";
+    EXPECT_EQ(tavrix_tokenize_ip_address(bytes, "00192.168.100.255", 4), 0);
+    EXPECT_EQ(bytes_text(bytes, 4), "c0a86419") << "not 17";
     EXPECT_EQ(tavrix_tokenize_ip_address(bytes, std::string(200, '7').c_str(), 4), 0);
     EXPECT_EQ(tavrix_tokenize_ip_address(bytes, "", 4), 0);
 }
@@ -399,6 +403,12 @@ TEST(Version, IsComparedNumberByNumber) {
         {"2.0.1-005", "2.0.1-004", 1},
         {"10", "9", 1},
         {"1.2.", "1.2.0", 0},
+        {"2147483647", "1", 1},
+        {"2147483648", "1", -1}, // as a signed number it is below 0
+        {"4294967295", "0", -1},
+        {"4294967296", "0", -1}, // does not fit: read as the largest one
+        {"99999999999999999999", "0", -1},
+        {"-1", "0", -1},
     };
     for (const auto &row : rows) {
         EXPECT_EQ(tavrix_utils_sw_version_strcmp(row.a, row.b), row.rc) << row.a << " against " << row.b;

@@ -125,6 +125,12 @@ TEST(FileStats, ShowsTheCommandAfterEachStage) {
               }));
 }
 
+TEST(FileStats, TakesAtMost3200Characters) {
+    const StandIn long_listing("awk", "head -c 4000 /dev/zero | tr '\\0' x");
+    write_file("listed", "1");
+    EXPECT_EQ(taken(tavrix_file_stats("listed", nullptr, nullptr, 5)), std::string(3200, 'x'));
+}
+
 TEST(FileStats, ReportsThatNothingIsThere) {
     const LogCapture log("info");
     EXPECT_EQ(tavrix_file_stats("listed", "no-such-word", nullptr, 5), nullptr);
@@ -181,6 +187,18 @@ TEST(CheckMd5, ReportsWhatItCannotRead) {
         EXPECT_NE(out.text().find("popen: "), std::string::npos);
     }
     EXPECT_TRUE(match) << "untouched";
+}
+
+TEST(CheckMd5, ReadsAtMost254CharactersOfEachLine) {
+    const StandIn long_sum("md5sum", "head -c 254 /dev/zero | tr '\\0' x; echo and more");
+    write_file("data", "hello\n");
+    write_file("data.md5", std::string(254, 'x') + "another end\n");
+    bool match = false;
+    EXPECT_EQ(tavrix_check_md5("data", "data.md5", &match), 0);
+    EXPECT_TRUE(match);
+    write_file("data.md5", std::string(253, 'x') + "y\n");
+    EXPECT_EQ(tavrix_check_md5("data", "data.md5", &match), 0);
+    EXPECT_FALSE(match);
 }
 
 TEST(CheckMd5, RefusesNull) {

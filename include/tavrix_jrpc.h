@@ -270,8 +270,9 @@ TAVRIX_API int tavrix_jrpc_mq_sub_init(int *sub_sock_out, int with_timeout);
  *
  * @param address  the publisher's "tcp://" address; the publisher may appear later
  * @param channel  the prefix of the frames to let through
- * @param sub_sock the subscriber; closed when the call fails, and the variable keeps its value
- * @return 0; -20 for a null argument; -1
+ * @param sub_sock the subscriber. When the connection or the subscription fails it is closed, and the variable keeps
+ * its value; after -20 it is open still.
+ * @return 0; -20 for a null argument; -1 when the connection or the subscription fails
  */
 TAVRIX_API int tavrix_jrpc_mq_sub_set_channel(const char *address, const char *channel, int *sub_sock);
 

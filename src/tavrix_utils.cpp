@@ -302,20 +302,22 @@ int tavrix_mac_vector_insert(tavrix_mac_vector *vector, const void *source, int 
     if (vector == nullptr || source == nullptr || vector->array == nullptr) {
         return TAVRIX_ERR_NULL_INPUT;
     }
+    char entry[mac_entry_size] = ""; // made first: the source may be an entry of the array, which a growth moves
+    if (is_text == 1) {
+        // The caller's text has 17 characters; a longer one is cut to the entry.
+        static_cast<void>(std::snprintf(entry, sizeof entry, "%s", static_cast<const char *>(source)));
+    } else if (is_text == 0) {
+        static_cast<void>(tavrix_bytes_to_mac_address_string(entry, static_cast<const unsigned char *>(source)));
+    }
     tavrix_mac_array *array = vector->array;
     if (array->count >= vector->capacity && !grow(vector)) {
         static_cast<void>(tavrix_terminate_process());
         return TAVRIX_ERR_GENERAL;
     }
-    char *entry = array->entries[array->count];
-    if (is_text == 1) {
-        // The caller's text has 17 characters; a longer one is cut to the entry.
-        static_cast<void>(std::snprintf(entry, mac_entry_size, "%s", static_cast<const char *>(source)));
-    } else if (is_text == 0) {
-        static_cast<void>(tavrix_bytes_to_mac_address_string(entry, static_cast<const unsigned char *>(source)));
-    } else {
+    if (is_text != 0 && is_text != 1) {
         return TAVRIX_ERR_PARAMETER; // after a possible growth: meant
     }
+    std::memcpy(array->entries[array->count], entry, sizeof entry);
     ++array->count;
     return TAVRIX_OK;
 }
@@ -430,6 +432,9 @@ int tavrix_port_str_create(const tavrix_port_list *list, int *cursor, char *out,
         }
         std::memcpy(out + used, item, length);
         used += length;
+    }
+    if (*cursor == list_capacity) {
+        *cursor = list->count; // a count beyond the arrays ends like any other
     }
     std::memset(out + used, ' ', line_width - used);
     out[line_width] = '\0';

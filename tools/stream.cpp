@@ -41,7 +41,7 @@ class Socket {
 /** Makes a blocking connect and send give up at the deadline. */
 void limit_waiting(int fd, const Deadline &deadline) {
     const int left_ms = std::max(deadline.left_ms(), 1);
-    const timeval limit{left_ms / 1000, (left_ms % 1000) * 1000};
+    const timeval limit{left_ms / 1000, (left_ms % 1000) * 1000L};
     setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
 }
 

@@ -119,6 +119,7 @@ bool Options::store(Option *option, const std::string &value, const std::string 
 bool Options::read_command_line(int argc, char **argv, bool *finished) {
     const int own = static_cast<int>(options_.size());
     std::vector<::option> known;
+    known.reserve(options_.size() + 4);
     for (int i = 0; i < own; ++i) {
         known.push_back({options_[static_cast<size_t>(i)].name.c_str(), required_argument, nullptr, i});
     }

@@ -102,7 +102,7 @@ void keep_stop_ticking() {
 } // namespace
 
 Deadline::Deadline(int first_ms) {
-    start_ticking(first_ms / 1000, (first_ms % 1000) * 1000);
+    start_ticking(first_ms / 1000, (first_ms % 1000) * 1000L);
     ticks_before_ = ticks; // read afterwards: a tick of an earlier bound does not count
     keep_stop_ticking();
 }

@@ -59,6 +59,7 @@ TEST_F(Shm, IsCreatedFilledWithZeros) {
     EXPECT_EQ(tavrix_shm_create(name(), 16), 0);
     EXPECT_EQ(state().st_size, 16);
     EXPECT_EQ(stored(), std::string(16, '\0'));
+    EXPECT_EQ(get(16), std::string(16, '\0'));
 }
 
 TEST_F(Shm, HasItsExactModeUnderAnyUmask) {

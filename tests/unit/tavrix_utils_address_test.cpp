@@ -150,6 +150,18 @@ TEST(MacVector, GrowsByDoubling) {
     free(array.entries);
 }
 
+TEST(MacVector, TakesAnEntryOfItsOwnWhileItGrows) {
+    tavrix_mac_array array{};
+    tavrix_mac_vector vector{};
+    ASSERT_EQ(tavrix_mac_vector_init(&vector, &array), 0);
+    ASSERT_EQ(tavrix_mac_vector_insert(&vector, "00:11:22:33:44:55", 1), 0);
+    for (int i = 1; i < 40; ++i) {
+        ASSERT_EQ(tavrix_mac_vector_insert(&vector, array.entries[0], 1), 0);
+        EXPECT_STREQ(array.entries[i], "00:11:22:33:44:55") << i;
+    }
+    free(array.entries);
+}
+
 TEST(MacVector, GrowsBeforeItRefusesAFlag) {
     tavrix_mac_array array{};
     tavrix_mac_vector vector{};
@@ -361,6 +373,12 @@ TEST(PortLine, StaysWithinItsBuffersForAnyWidth) {
     }
     list.count = 1000;
     EXPECT_EQ(line_of(list, -3, 20).rc, 0);
+    for (const int16_t count : {int16_t{1001}, int16_t{32767}}) {
+        list.count = count;
+        const Line last = line_of(list, 999, 20);
+        EXPECT_EQ(last.text, "c65535-65535,       ");
+        EXPECT_EQ(last.cursor, count) << "a loop up to the count comes to its end";
+    }
     int cursor = 0;
     char out[4];
     EXPECT_EQ(tavrix_port_str_create(nullptr, &cursor, out, 2), -20);

@@ -35,6 +35,10 @@ if [ -z "$bin" ]; then
 fi
 run=$bin/run
 ctl=$bin/tools/tavrixctl
+if "$ctl" call --socket "$run/router.sock" router.Status >/dev/null 2>&1; then
+    echo "demo: one is still running in $run: stop it first, with the command that it printed" >&2
+    exit 1
+fi
 rm -rf "$run"
 mkdir -p "$run"
 schema=$PWD/daemons/ports
@@ -182,6 +186,9 @@ show_ctl "A daemon calls a daemon: events.Describe asks ports.Get over the bus a
 show_ctl "A notification, awaited by the client" '"events.LinkChanged"' wait events.LinkChanged "$events"
 show_ctl "A notification, awaited by the ports service" '"result"' call ports.WaitLinkChanged
 show_ctl "A direct call, on the events service's own socket" '"result"' call --direct events.sock events.Last
+if [ "$(id -u)" -eq 0 ]; then # the slot's mode lets nobody else open it
+    show_ctl "The number of the last event, read from shared memory" "" shm get "/$slot" --int
+fi
 
 printf '\nWhat the daemons logged: %s\n' "$run/*.log"
 

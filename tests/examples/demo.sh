@@ -36,6 +36,8 @@ output=$(demo --keep --built "$work/kept")
 stop=$(sed -n 's/^Stop it with: //p' <<<"$output")
 slot=${stop##* }
 [ -e "$slot" ] || fail "the slot '$slot' is not there"
+again=$(demo --built "$work/kept" 2>&1) && fail "a second one started beside it"
+case "$again" in *"still running"*) ;; *) fail "a second one said: $again" ;; esac
 "$work/kept/tools/tavrixctl" call --socket "$work/kept/run/router.sock" ports.Get '{"port_id":"c1-1"}'
 eval "$stop"
 [ ! -e "$slot" ] || fail "the slot $slot is still there"

@@ -110,7 +110,7 @@ wait_for monitor.log "connected to 2 of 2"
 # --- Requests ---
 
 number=0
-frames_from() { tail -n +"$1" bus.log | grep -v -e service.Welcome -e service.Probe -e router.Hello || true; }
+frames_from() { tail -n +"$1" bus.log | grep -v -e service.Welcome -e service.Probe -e service.Hello -e router.Hello || true; }
 
 # outcome STATUS REPLY: what a request came to: "result", the code of an error response, or "none" without an answer
 outcome() {

@@ -1,7 +1,6 @@
 #include "common/service.h"
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -19,7 +18,6 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr char unit_name[] = "service";
-constexpr int hello_interval_ms = 50;
 constexpr int take_time_ms = 20;
 constexpr int messages_per_turn = 64; // a peer that floods the bus must not keep the rest of the loop waiting
 
@@ -40,27 +38,51 @@ void obey_reload_request() {
     }
 }
 
+void add_watched(const std::vector<Watch> &watches, std::vector<pollfd> *descriptors) {
+    for (const Watch &watch : watches) {
+        descriptors->push_back(readable(watch.descriptor));
+    }
+}
+
+/** `descriptors` end with those of the watches. */
+void serve_watched(const std::vector<Watch> &watches, const std::vector<pollfd> &descriptors) {
+    const size_t first = descriptors.size() - watches.size();
+    for (size_t i = 0; i < watches.size() && !stop_requested(); ++i) {
+        if (descriptors[first + i].revents != 0) {
+            watches[i].on_readable();
+        }
+    }
+}
+
+int on_service_hello(json_t * /*params*/, json_t ** /*result*/, json_t ** /*error_data*/) { return TAVRIX_OK; }
+
 } // namespace
 
-bool wait_within(int timeout_ms, const char *awaited, const BusSocket &socket, const std::function<bool()> &take) {
+bool wait_within(int timeout_ms, const char *awaited, const BusSocket &socket, const std::function<bool()> &take,
+                 const std::vector<Watch> &meanwhile) {
     int descriptor = -1;
     if (tavrix_mq_socket_recvfd(*socket.get(), &descriptor) != TAVRIX_OK) {
         return false;
     }
     LOG_DEBUG("Waiting for %s, %d ms at most\n", awaited, timeout_ms);
     const auto end = Clock::now() + std::chrono::milliseconds(timeout_ms);
-    std::array<pollfd, 2> descriptors = {readable(descriptor), readable(signal_descriptor())};
+    std::vector<pollfd> descriptors = {readable(descriptor), readable(signal_descriptor())};
+    add_watched(meanwhile, &descriptors);
     while (!stop_requested() && Clock::now() < end) {
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
         const int ready = poll(descriptors.data(), descriptors.size(), std::max(0, static_cast<int>(left.count())));
         drain_signal_descriptor();
         obey_reload_request();
-        if (ready > 0 && descriptors[0].revents != 0) {
+        if (ready <= 0) {
+            continue;
+        }
+        if (descriptors[0].revents != 0) {
             const Deadline deadline(take_time_ms);
             if (take()) {
                 return true;
             }
         }
+        serve_watched(meanwhile, descriptors);
     }
     return false;
 }
@@ -69,6 +91,7 @@ Service::Service(ServiceConfig config, const std::vector<tavrix_jrpc_method> &me
     : config_(std::move(config)), methods_(methods) {
     methods_.push_back({welcome_method, on_welcome});
     methods_.push_back({probe_method, on_probe});
+    methods_.push_back({service_hello_method, on_service_hello});
     methods_.push_back({reload_method, tavrix_lsyslog_reload_conf_api});
     methods_.push_back({nullptr, nullptr});
     the_service = this;
@@ -99,10 +122,6 @@ bool Service::open() {
     }
     return listen_on(config_.channel, &sub_, &sub_descriptor_) &&
            listen_on(TAVRIX_CHANNEL_DEFAULT, &control_, &control_descriptor_);
-}
-
-void Service::watch(int descriptor, std::function<void()> on_readable) {
-    watches_.push_back({descriptor, std::move(on_readable)});
 }
 
 int Service::on_welcome(json_t * /*params*/, json_t ** /*result*/, json_t ** /*error_data*/) {
@@ -172,10 +191,7 @@ bool Service::serve() {
     LOG_INFO("%s serving\n", config_.name.c_str());
     std::vector<pollfd> descriptors = {readable(signal_descriptor()), readable(sub_descriptor_),
                                        readable(control_descriptor_)};
-    const size_t own = descriptors.size();
-    for (const Watch &watch : watches_) {
-        descriptors.push_back(readable(watch.descriptor));
-    }
+    add_watched(watches_, &descriptors);
     while (!stop_requested()) {
         if (!welcomed_) {
             say_hello();
@@ -193,11 +209,7 @@ bool Service::serve() {
         }
         serve_requests();
         serve_control();
-        for (size_t i = own; i < descriptors.size() && !stop_requested(); ++i) {
-            if (descriptors[i].revents != 0) {
-                watches_[i - own].on_readable();
-            }
-        }
+        serve_watched(watches_, descriptors);
     }
     LOG_INFO("%s stopped\n", config_.name.c_str());
     return true;

@@ -6,6 +6,9 @@
  * service's own channel): then both directions have carried a real frame, and the service reports ready. A router that
  * starts later asks for the hello with service.Probe.
  *
+ * A service that calls another one is in the same position towards it: the other may have come later, or be back after
+ * a restart. It asks service.Hello of it first, again and again until that is answered: then both directions stand.
+ *
  * On the default channel every service listens for logger.ReloadConf, and for nothing else.
  */
 #ifndef TAVRIX_DAEMONS_COMMON_SERVICE_H
@@ -13,6 +16,7 @@
 
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "common/handles.h"
@@ -23,6 +27,7 @@ namespace daemon_support {
 constexpr char hello_method[] = "router.Hello";
 constexpr char welcome_method[] = "service.Welcome";
 constexpr char probe_method[] = "service.Probe";
+constexpr char service_hello_method[] = "service.Hello";
 constexpr char reload_method[] = "logger.ReloadConf";
 
 struct ServiceConfig {
@@ -32,12 +37,22 @@ struct ServiceConfig {
     std::vector<std::string> connect; ///< addresses to listen to, the router's among them
 };
 
+constexpr int hello_interval_ms = 50; ///< between two hellos that are not answered yet
+
+/** What a loop does whenever the descriptor is readable. */
+struct Watch {
+    int descriptor;
+    std::function<void()> on_readable;
+};
+
 /**
  * Waits until `take` takes the awaited message from the socket, `timeout_ms` have passed, or a stop is asked for: true
  * for the first. The library's waits count a signal as one of their attempts, and the one for a notification has no end
- * of its own: `take` enters them only when a message is there, and is interrupted when it was another one.
+ * of its own: `take` enters them only when a message is there, and is interrupted when it was another one. What
+ * `meanwhile` holds goes on.
  */
-bool wait_within(int timeout_ms, const char *awaited, const BusSocket &socket, const std::function<bool()> &take);
+bool wait_within(int timeout_ms, const char *awaited, const BusSocket &socket, const std::function<bool()> &take,
+                 const std::vector<Watch> &meanwhile = {});
 
 class Service {
   public:
@@ -50,8 +65,8 @@ class Service {
     /** Opens the endpoint; logs what failed. */
     bool open();
 
-    /** Calls `on_readable` from the loop whenever the descriptor is readable. */
-    void watch(int descriptor, std::function<void()> on_readable);
+    /** Beside the service's own sockets. */
+    void watch(Watch wanted) { watches_.push_back(std::move(wanted)); }
 
     /** Serves until a stop is asked for; false, with a log line, when it cannot go on before that. */
     bool serve();
@@ -59,11 +74,6 @@ class Service {
     const int *publisher() const { return pub_.get(); }
 
   private:
-    struct Watch {
-        int descriptor;
-        std::function<void()> on_readable;
-    };
-
     static int on_welcome(json_t *params, json_t **result, json_t **error_data);
     static int on_probe(json_t *params, json_t **result, json_t **error_data);
 

@@ -87,8 +87,12 @@ class EventsDaemon {
         if (!events::read_script(config_.script, &script_) || !timer_.start(config_.interval_ms)) {
             return false;
         }
-        service_.watch(timer_.get(), [this] { on_timer(); });
+        service_.watch(script_watch());
         return true;
+    }
+
+    daemon_support::Watch script_watch() {
+        return {timer_.get(), [this] { on_timer(); }};
     }
 
     void on_timer() {
@@ -109,11 +113,11 @@ class EventsDaemon {
             return false;
         }
         *listener_.place() = listener;
-        service_.watch(listener, [this] {
-            // A silent client holds nobody up for longer; a handler that waits has a bound of its own.
-            const daemon_support::Interruption bound(client_timeout_ms);
-            tavrix_jrpc_unix_socket_run(listener_.get(), table_.data());
-        });
+        service_.watch({listener, [this] {
+                            // A silent client holds nobody up for longer; a handler that waits has a bound of its own.
+                            const daemon_support::Interruption bound(client_timeout_ms);
+                            tavrix_jrpc_unix_socket_run(listener_.get(), table_.data());
+                        }});
         return true;
     }
 
@@ -129,12 +133,17 @@ class EventsDaemon {
             LOG_ERROR("Cannot take one-way requests on %s\n", config_.pull_address.c_str());
             return false;
         }
-        service_.watch(descriptor, [this] { tavrix_jrpc_pull_socket_run(*pull_.get(), table_.data()); });
+        service_.watch({descriptor, [this] { tavrix_jrpc_pull_socket_run(*pull_.get(), table_.data()); }});
         return true;
     }
 
     bool open_ports() {
-        if (!ports_.open(config_.ports_address, service_.publisher(), config_.wait_timeout_ms)) {
+        // The script plays on while a call waits: the ports service may be waiting for one of its link changes.
+        std::vector<daemon_support::Watch> meanwhile;
+        if (!script_.empty()) {
+            meanwhile.push_back(script_watch());
+        }
+        if (!ports_.open(config_.ports_address, service_.publisher(), config_.wait_timeout_ms, meanwhile)) {
             LOG_ERROR("Cannot listen to %s\n", config_.ports_address.c_str());
             return false;
         }

@@ -1,10 +1,11 @@
 #include "methods.h"
 
+#include <algorithm>
 #include <array>
 #include <random>
 
 #include "common/log.h"
-#include "common/service.h"
+#include "common/signals.h"
 
 namespace events {
 
@@ -25,6 +26,11 @@ using Buffer = std::array<char, text_size>;
 int answer(json_t *value, json_t **result) {
     *result = value;
     return value != nullptr ? TAVRIX_OK : TAVRIX_ERR_NO_MEMORY;
+}
+
+int milliseconds_until(std::chrono::steady_clock::time_point end) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+    return std::max(0, static_cast<int>(left.count()));
 }
 
 int get(json_t *params, json_t **result, json_t **error_data) {
@@ -87,10 +93,12 @@ int describe(json_t *params, json_t **result, json_t **error_data) {
 
 } // namespace
 
-bool PortsClient::open(const std::string &ports_address, const int *publisher, int timeout_ms) {
+bool PortsClient::open(const std::string &ports_address, const int *publisher, int timeout_ms,
+                       std::vector<daemon_support::Watch> meanwhile) {
     publisher_ = publisher;
     timeout_ms_ = timeout_ms;
-    last_transaction_id_ = std::random_device()(); // a reply to an earlier run's call must not fit one of this run's
+    meanwhile_ = std::move(meanwhile);
+    transaction_id_ = std::random_device()(); // a reply to an earlier run's call must not fit one of this run's
     if (tavrix_jrpc_mq_sub_init(replies_.place(), 1) != TAVRIX_OK) {
         return false;
     }
@@ -102,34 +110,55 @@ bool PortsClient::open(const std::string &ports_address, const int *publisher, i
     return tavrix_mq_socket_set_timeout(*replies_.get(), 0) == TAVRIX_OK;
 }
 
-/** False for a reply to a call that was given up, too: it must not answer the next one. */
-bool PortsClient::receive(json_int_t transaction_id, Json *reply) {
-    json_t *received = nullptr;
-    if (tavrix_jrpc_mq_sub_for_method(*replies_.get(), get_method, &received) != TAVRIX_OK) {
-        return false;
-    }
-    reply->reset(received);
-    const json_t *answered = json_object_get(received, "transaction_id");
-    return json_is_integer(answered) && json_integer_value(answered) == transaction_id;
+int PortsClient::publish_request(const char *method, json_t *params) const {
+    const Json request(json_pack("{s:s, s:s, s:s, s:I, s:o}", "jsonrpc", "2.0", "method", method, "id", reply_channel,
+                                 "transaction_id", transaction_id_, "params", params));
+    const Text text(json_dumps(request.get(), JSON_COMPACT | JSON_ENSURE_ASCII));
+    return text ? tavrix_jrpc_mq_pub(publisher_, TAVRIX_CHANNEL_FIRST, text.get()) : TAVRIX_ERR_NO_MEMORY;
+}
+
+/** A reply to a call that was given up is passed over: it must not answer the next one. */
+bool PortsClient::await_reply(const char *method, Clock::time_point end, Json *reply) const {
+    const auto take = [&] {
+        json_t *received = nullptr;
+        if (tavrix_jrpc_mq_sub_for_method(*replies_.get(), method, &received) != TAVRIX_OK) {
+            return false;
+        }
+        reply->reset(received);
+        const json_t *answered = json_object_get(received, "transaction_id");
+        return json_is_integer(answered) && json_integer_value(answered) == transaction_id_;
+    };
+    return daemon_support::wait_within(milliseconds_until(end), method, replies_, take, meanwhile_);
+}
+
+/** Says hello until it is answered: a request that is published before the connections stand is lost. */
+int PortsClient::settle(Clock::time_point end) const {
+    Json reply;
+    do {
+        const int rc = publish_request(daemon_support::service_hello_method, json_object());
+        if (rc != TAVRIX_OK) {
+            return rc;
+        }
+        const auto next = Clock::now() + std::chrono::milliseconds(daemon_support::hello_interval_ms);
+        if (await_reply(daemon_support::service_hello_method, std::min(next, end), &reply)) {
+            return TAVRIX_OK;
+        }
+    } while (!daemon_support::stop_requested() && Clock::now() < end);
+    return TAVRIX_ERR_TIMEOUT;
 }
 
 int PortsClient::get(const std::string &port_id, json_t **ports_out) {
-    const json_int_t transaction_id = ++last_transaction_id_;
-    const Json request(json_pack("{s:s, s:s, s:s, s:I, s:{s:s}}", "jsonrpc", "2.0", "method", get_method, "id",
-                                 reply_channel, "transaction_id", transaction_id, "params", "port_id",
-                                 port_id.c_str()));
-    const Text text(json_dumps(request.get(), JSON_COMPACT | JSON_ENSURE_ASCII));
-    if (!text) {
-        return TAVRIX_ERR_NO_MEMORY;
+    ++transaction_id_;
+    const auto end = Clock::now() + std::chrono::milliseconds(timeout_ms_);
+    int rc = settle(end);
+    if (rc == TAVRIX_OK) {
+        rc = publish_request(get_method, json_pack("{s:s}", "port_id", port_id.c_str()));
     }
-    const Text channel(tavrix_api_router_json_parse_channel(get_method));
-    const int rc = tavrix_jrpc_mq_pub(publisher_, channel.get(), text.get());
     if (rc != TAVRIX_OK) {
         return rc;
     }
     Json reply;
-    const auto take = [&] { return receive(transaction_id, &reply); };
-    if (!daemon_support::wait_within(timeout_ms_, get_method, replies_, take)) {
+    if (!await_reply(get_method, end, &reply)) {
         return TAVRIX_ERR_TIMEOUT;
     }
     const json_t *error = json_object_get(reply.get(), "error");

@@ -13,10 +13,13 @@
 #ifndef TAVRIX_DAEMONS_EVENTS_METHODS_H
 #define TAVRIX_DAEMONS_EVENTS_METHODS_H
 
+#include <chrono>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "common/handles.h"
+#include "common/service.h"
 #include "events.h"
 #include "tavrix.h"
 
@@ -24,20 +27,29 @@ namespace events {
 
 constexpr char link_changed[] = "events.LinkChanged";
 
-/** Calls the ports service over the bus and waits for its reply: nothing else is served meanwhile. */
+/** Calls the ports service over the bus and waits for its reply: no other request is served meanwhile. */
 class PortsClient {
   public:
-    /** Listens for replies on the ports service's address; `publisher` is this service's own. */
-    bool open(const std::string &ports_address, const int *publisher, int timeout_ms);
+    /**
+     * Listens for replies on the ports service's address; `publisher` is this service's own. What `meanwhile` holds
+     * goes on while a call waits.
+     */
+    bool open(const std::string &ports_address, const int *publisher, int timeout_ms,
+              std::vector<daemon_support::Watch> meanwhile);
     /** ports.Get for one port: its "ports" list as a new reference, or the status that the reply carries. */
     int get(const std::string &port_id, json_t **ports_out);
 
   private:
-    bool receive(json_int_t transaction_id, daemon_support::Json *reply);
+    using Clock = std::chrono::steady_clock;
+
+    int publish_request(const char *method, json_t *params) const;
+    bool await_reply(const char *method, Clock::time_point end, daemon_support::Json *reply) const;
+    int settle(Clock::time_point end) const;
 
     const int *publisher_ = nullptr;
     int timeout_ms_ = 0;
-    json_int_t last_transaction_id_ = 0;
+    json_int_t transaction_id_ = 0; ///< of the latest call
+    std::vector<daemon_support::Watch> meanwhile_;
     daemon_support::BusSocket replies_;
 };
 

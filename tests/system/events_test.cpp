@@ -79,36 +79,41 @@ class PlayedPorts {
         sub_.connect(fleet.events_address);
         tavrix_mq_socket_subscribe(sub_.number, TAVRIX_CHANNEL_FIRST);
     }
-    /** The next ports.Get, or "(nothing)". */
+    /** The next ports.Get, or "(nothing)"; answers the hellos before it. */
     std::string next_request(int timeout_ms = 20000) const {
-        tavrix_mq_socket_set_timeout(sub_.number, timeout_ms);
+        std::string text = "(nothing)";
+        const bool arrived = support::wait_until(
+            [&] {
+                text = receive();
+                if (member(text, "method") == "\"service.Hello\"") {
+                    reply(text, "\"result\":0", "service.Hello");
+                    return false;
+                }
+                return text != "(nothing)";
+            },
+            timeout_ms);
+        return arrived ? text : "(nothing)";
+    }
+    /** Publishes `members`, the answer to that request. */
+    void reply(const std::string &to, const std::string &members, const std::string &method = "ports.Get") const {
+        tavrix_mq_socket_send(pub_.number, (R"(eventsd.replies|{"jsonrpc":"2.0","id":")" + method + "\"," + members +
+                                            ",\"transaction_id\":" + member(to, "transaction_id") + "}")
+                                               .c_str());
+    }
+    static std::string ports(const std::string &text) { return R"("result":{"ports":[")" + text + "\"]}"; }
+
+  private:
+    std::string receive() const {
         char *frame = nullptr;
         int length = 0;
-        if (tavrix_mq_socket_recv(sub_.number, &frame, &length, 0) != 0) {
+        if (tavrix_mq_socket_recv(sub_.number, &frame, &length, 1) != 0) {
             return "(nothing)";
         }
         const std::string text(frame, static_cast<size_t>(length));
         free(frame);
         return text.substr(text.find('|') + 1);
     }
-    /** Publishes `members`, the answer to that request. */
-    void reply(const std::string &to, const std::string &members) const {
-        tavrix_mq_socket_send(pub_.number, (R"(eventsd.replies|{"jsonrpc":"2.0","id":"ports.Get",)" + members +
-                                            ",\"transaction_id\":" + member(to, "transaction_id") + "}")
-                                               .c_str());
-    }
-    /** Publishes it until the client has its answer: the first ones may come before the connection stands. */
-    std::string answer(const StreamClient &client, const std::string &to, const std::string &members) const {
-        support::wait_until([&] {
-            reply(to, members);
-            pollfd state{client.fd(), POLLIN, 0};
-            return poll(&state, 1, 20) == 1;
-        });
-        return client.hear();
-    }
-    static std::string ports(const std::string &text) { return R"("result":{"ports":[")" + text + "\"]}"; }
 
-  private:
     support::BusSocket pub_;
     support::BusSocket sub_;
 };
@@ -139,9 +144,6 @@ class EventsWithPlayedPorts : public Events {
     void start_all(const std::string &wait_timeout_ms) {
         start_router();
         fleet.start_events("3600000", {"--wait-timeout", wait_timeout_ms});
-        const StreamClient client = describe("d1"); // settles the connections
-        const std::string asked = ports->next_request();
-        EXPECT_NE(ports->answer(client, asked, PlayedPorts::ports("first")).find("first"), std::string::npos);
     }
     std::unique_ptr<PlayedPorts> ports = std::make_unique<PlayedPorts>(fleet);
 };
@@ -230,10 +232,53 @@ TEST_F(Events, StopCleanlyAlsoWhileTheyWaitForAReply) {
     fleet.ports->signal(SIGKILL);
     fleet.ports->wait();
     const StreamClient client = describe("d1");
-    ASSERT_TRUE(fleet.events->says("Waiting for ports.Get"));
+    ASSERT_TRUE(fleet.events->says("Waiting for service.Hello"));
     fleet.events->signal(SIGTERM);
     EXPECT_EQ(fleet.events->wait(), 0) << fleet.events->log();
     EXPECT_EQ(access("events.sock", F_OK), -1);
+}
+
+TEST_F(EventsWithPlayedPorts, StopCleanlyAlsoWhenTheirRequestWasHeard) {
+    log_all();
+    start_all("20000");
+    const StreamClient client = describe("d1");
+    EXPECT_NE(ports->next_request(), "(nothing)");
+    ASSERT_TRUE(fleet.events->says("Waiting for ports.Get"));
+    fleet.events->signal(SIGTERM);
+    EXPECT_EQ(fleet.events->wait(), 0) << fleet.events->log();
+}
+
+TEST_F(EventsWithPlayedPorts, AreDescribedAlsoWhenThePortsServiceComesDuringTheCall) {
+    log_all();
+    ports.reset();
+    start_all("20000");
+    const StreamClient client = describe("c1-1");
+    ASSERT_TRUE(fleet.events->says("Waiting for "));
+    ports = std::make_unique<PlayedPorts>(fleet);
+    ports->reply(ports->next_request(), PlayedPorts::ports("came late"));
+    EXPECT_EQ(member(member(client.hear(), "result"), "ports"), R"(["came late"])");
+}
+
+TEST_F(Events, GoOnWhileTheyWaitForAPortsServiceThatWaitsForThem) {
+    log_all();
+    start("1000");
+    const StreamClient waits = fleet.connect();
+    waits.say(request("ports.WaitLinkChanged", "1"));
+    ASSERT_TRUE(fleet.ports->says("Waiting for events.LinkChanged"));
+    EXPECT_NE(member(describe("d1").hear(), "result").find(R"("ports":[{"port_id":"d1")"), std::string::npos);
+    EXPECT_EQ(member(member(waits.hear(), "result"), "kind"), "\"link\"");
+}
+
+TEST_F(Events, ThatDoNotComeLeaveNoServiceWaitingForTheOtherForEver) {
+    log_all();
+    start("3600000", "2000");
+    const StreamClient waits = fleet.connect();
+    waits.say(request("ports.WaitLinkChanged", "1"));
+    ASSERT_TRUE(fleet.ports->says("Waiting for events.LinkChanged"));
+    describe("d1").hear(); // an answer or -32005: who begins first gives up first
+    EXPECT_EQ(code_of(waits.hear()), "-32005");
+    EXPECT_EQ(code_of(describe("d1").hear()), "(none)");
+    EXPECT_EQ(code_of(call("ports.Get", R"({"port_id":"d1"})")), "(none)");
 }
 
 TEST_F(Events, StopThePortsServiceWhileItWaitsForThem) {

@@ -2,21 +2,62 @@
 
 #include <initializer_list>
 #include <memory>
+
+#include <unistd.h>
+
+#include "common/log.h"
+
 namespace ports {
 
 namespace {
 
+constexpr char unit_name[] = "database";
 constexpr int ports_of_a_new_unit = 8;
+constexpr int lock_attempts = 20;
+constexpr useconds_t lock_delay_us = 50000;
 
 struct FinalizeStatement {
     void operator()(sqlite3_stmt *statement) const { sqlite3_finalize(statement); }
 };
 using Statement = std::unique_ptr<sqlite3_stmt, FinalizeStatement>;
 
-/** Rolls back unless committed. */
+/** SQLite's busy handler: a lock that another process holds for a moment fails no request. */
+int wait_for_lock(void * /*context*/, int attempts) {
+    if (attempts >= lock_attempts) {
+        return 0;
+    }
+    LOG_DEBUG("The database is locked, attempt %d\n", attempts + 1);
+    usleep(lock_delay_us);
+    return 1;
+}
+
+/** The status for a result code of SQLite. */
+int status_of(int sqlite_code) {
+    switch (sqlite_code & 0xff) {
+    case SQLITE_OK:
+    case SQLITE_DONE:
+    case SQLITE_ROW:
+        return TAVRIX_OK;
+    case SQLITE_BUSY:
+    case SQLITE_LOCKED:
+        return TAVRIX_ERR_DB_BUSY;
+    default:
+        return TAVRIX_ERR_SYSTEM_ACCESS;
+    }
+}
+
+/**
+ * Rolls back unless committed. The lock for writing is taken at once, which the layer's own begin leaves to the first
+ * change: between here and the commit nothing has to wait for another process, and what is read first stays true.
+ */
 class Transaction {
   public:
-    explicit Transaction(sqlite3 *handle) : handle_(handle), status_(tavrix_db_open_transaction(handle)) {}
+    explicit Transaction(sqlite3 *handle)
+        : handle_(handle), status_(status_of(sqlite3_exec(handle, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr))) {
+        if (status_ != TAVRIX_OK) {
+            LOG_ERROR("Cannot begin a change: %s\n", sqlite3_errmsg(handle));
+        }
+    }
     Transaction(const Transaction &) = delete;
     Transaction &operator=(const Transaction &) = delete;
     ~Transaction() {
@@ -36,21 +77,6 @@ class Transaction {
     int status_;
     bool committed_ = false;
 };
-
-/** The status for a result code of SQLite. */
-int status_of(int sqlite_code) {
-    switch (sqlite_code & 0xff) {
-    case SQLITE_OK:
-    case SQLITE_DONE:
-    case SQLITE_ROW:
-        return TAVRIX_OK;
-    case SQLITE_BUSY:
-    case SQLITE_LOCKED:
-        return TAVRIX_ERR_DB_BUSY;
-    default:
-        return TAVRIX_ERR_SYSTEM_ACCESS;
-    }
-}
 
 /** Which rows of a table with `unit` and `port` columns a selection means. */
 std::string where(const Selection &selection) {
@@ -96,8 +122,10 @@ int Database::open() {
     const int rc = tavrix_db_ensure_open_file(&handle_, path_.c_str());
     if (rc != TAVRIX_OK) {
         handle_ = nullptr; // after a failed open the variable holds a closed handle
+        return rc;
     }
-    return rc;
+    sqlite3_busy_handler(handle_, wait_for_lock, nullptr);
+    return TAVRIX_OK;
 }
 
 int Database::count(const char *table, const char *condition, int64_t *out) {
@@ -127,7 +155,7 @@ template <class Change>
 int Database::in_transaction(Change change) {
     Transaction transaction(handle_);
     if (transaction.status() != TAVRIX_OK) {
-        return TAVRIX_ERR_DB_BUSY;
+        return transaction.status();
     }
     const int rc = change();
     return rc == TAVRIX_OK ? transaction.commit() : rc;

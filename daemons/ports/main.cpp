@@ -21,6 +21,7 @@ int main(int argc, char **argv) {
     config.name = "portsd";
     config.channel = TAVRIX_CHANNEL_FIRST;
     config.publish = "tcp://127.0.0.1:7002";
+    config.connect = {"tcp://127.0.0.1:7001"};
     std::string database_path = TAVRIX_CFGDB_PATH;
     ports::Service service_context;
 
@@ -34,20 +35,19 @@ int main(int argc, char **argv) {
                  &service_context.events_address);
     options.number("wait-timeout", "MS", "how long ports.WaitLinkChanged waits; other requests wait as long", 1,
                    longest_wait_ms, &service_context.wait_timeout_ms);
+    options.note("Keep --wait-timeout below the router's --reply-timeout: otherwise the router gives up first, and\n"
+                 "requests wait for an event that nobody waits for any more.");
     int exit_status = 0;
     if (!options.parse(argc, argv, &exit_status)) {
         return exit_status;
-    }
-    if (config.connect.empty()) {
-        config.connect = {"tcp://127.0.0.1:7001"};
     }
     tavrix_lsyslog_init(config.name.c_str());
 
     ports::Database database(database_path);
     service_context.database = &database;
-    ports::set_service(service_context);
     daemon_support::Service service(config, ports::methods());
-    if (!daemon_support::install_signals() || database.open() != TAVRIX_OK || !service.open()) {
+    if (!daemon_support::install_signals() || database.open() != TAVRIX_OK || !ports::set_service(service_context) ||
+        !service.open()) {
         LOG_ERROR("portsd cannot start\n");
         return 1;
     }

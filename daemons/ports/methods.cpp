@@ -4,7 +4,9 @@
 #include <cstdio>
 #include <memory>
 
+#include "common/error_data.h"
 #include "common/handles.h"
+#include "common/log.h"
 #include "common/service.h"
 
 namespace ports {
@@ -12,9 +14,12 @@ namespace ports {
 namespace {
 
 using daemon_support::BusSocket;
+using daemon_support::error_message;
 using daemon_support::FreeMemory;
 using daemon_support::Json;
+using daemon_support::method;
 
+constexpr char unit_name[] = "ports";
 constexpr int max_vlan_ids = 32;
 constexpr int max_mac_filters = 16;
 constexpr size_t word_size = 32;
@@ -208,7 +213,7 @@ int set_vlan_trunk(json_t *params, json_t ** /*result*/, json_t **error_data) {
         return rc;
     }
     if (count == 0) {
-        *error_data = json_pack("{s:s}", "message", "Parameter 'vlan_ids' needs at least one VLAN id.");
+        *error_data = error_message("Parameter 'vlan_ids' needs at least one VLAN id.");
         return TAVRIX_ERR_INVALID_PARAMETER;
     }
     return service.database->set_vlans(selection, vlan_mode_value("trunk"), vlan_ids.data(), count);
@@ -299,7 +304,7 @@ bool listen_for(const std::string &address, const char *method, BusSocket *socke
 
 int wait_link_changed(json_t * /*params*/, json_t **result, json_t **error_data) {
     if (service.events_address.empty()) {
-        *error_data = json_pack("{s:s}", "message", "No events service is configured.");
+        *error_data = error_message("No events service is configured.");
         return TAVRIX_ERR_UNIMPLEMENTED;
     }
     BusSocket socket;
@@ -320,20 +325,28 @@ int wait_link_changed(json_t * /*params*/, json_t **result, json_t **error_data)
 
 } // namespace
 
-void set_service(const Service &wanted) { service = wanted; }
+bool set_service(const Service &wanted) {
+    service = wanted;
+    BusSocket trial;
+    if (!service.events_address.empty() && !listen_for(service.events_address, link_changed, &trial)) {
+        LOG_ERROR("Cannot listen to %s\n", service.events_address.c_str());
+        return false;
+    }
+    return true;
+}
 
 std::vector<tavrix_jrpc_method> methods() {
     return {
-        {"ports.Get", get},
-        {"ports.SetEnabled", set_enabled},
-        {"ports.SetVlanLocal", set_vlan_local},
-        {"ports.SetVlanAccess", set_vlan_access},
-        {"ports.SetVlanTrunk", set_vlan_trunk},
-        {"ports.poe.GetInstantPower", get_instant_power},
-        {"ports.SetMacFilters", set_mac_filters},
-        {"ports.WaitLinkChanged", wait_link_changed},
-        {"mzu.List", list_units},
-        {"mzu.Register", register_unit},
+        method<get>("ports.Get"),
+        method<set_enabled>("ports.SetEnabled"),
+        method<set_vlan_local>("ports.SetVlanLocal"),
+        method<set_vlan_access>("ports.SetVlanAccess"),
+        method<set_vlan_trunk>("ports.SetVlanTrunk"),
+        method<get_instant_power>("ports.poe.GetInstantPower"),
+        method<set_mac_filters>("ports.SetMacFilters"),
+        method<wait_link_changed>("ports.WaitLinkChanged"),
+        method<list_units>("mzu.List"),
+        method<register_unit>("mzu.Register"),
     };
 }
 

@@ -14,7 +14,7 @@
  * | mzu.List                  | none                                               | mzus: [...]                |
  * | mzu.Register              | mzu_id, model, mac, alias                          | mzu_id                     |
  *
- * A refused parameter is answered with {"message": ...} as the error's data.
+ * Every error has {"message": ...} as its data: which parameter is refused and why, or the status's text.
  */
 #ifndef TAVRIX_DAEMONS_PORTS_METHODS_H
 #define TAVRIX_DAEMONS_PORTS_METHODS_H
@@ -31,9 +31,10 @@ namespace ports {
 struct Service {
     Database *database = nullptr;
     std::string events_address; ///< where the events service publishes; empty when there is none
-    int wait_timeout_ms = 5000; ///< for one of its events; less than the router waits for the reply
+    int wait_timeout_ms = 5000; ///< for one of its events; less than the router's --reply-timeout
 };
-void set_service(const Service &service);
+/** False, with a log line, when the events service's address is none that can be listened to. */
+bool set_service(const Service &service);
 
 /** The method table, without its terminating record. */
 std::vector<tavrix_jrpc_method> methods();

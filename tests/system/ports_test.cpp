@@ -152,6 +152,27 @@ TEST_F(Road, RefusesEachKindOfBadParameterWithItsReason) {
         {"ports.SetVlanTrunk", R"({"port_id":"d1"})", "-32602", "\"Parameter 'vlan_ids' has no valid value.\""},
         {"ports.SetMacFilters", R"({"port_id":"d1","filters":[]})", "-32032",
          "\"Parameter 'port_id' has no valid value.\""},
+        {"ports.SetMacFilters", R"({"port_id":"c1-1"})", "-32602", "\"Missing expected parameter: 'filters'\""},
+        {"ports.SetMacFilters", R"({"port_id":"c1-1","filters":{}})", "-32602",
+         "\"Parameter 'filters' is not of type 'array'.\""},
+        {"ports.SetMacFilters", R"({"port_id":"c1-1","filters":[{"mac":"x","mask":"ff:ff:ff:ff:ff:ff"}]})", "-32602",
+         "\"Parameter 'filters' has no valid value.\""},
+        {"ports.SetMacFilters", R"({"port_id":"c1-1","filters":[{"mac":"aa:bb:cc:dd:ee:ff","mask":"x"}]})", "-32602",
+         "\"Parameter 'filters' has no valid value.\""},
+        {"mzu.Register", R"({"mzu_id":"c9","mac":"00:11:22:33:44:55","alias":"x"})", "-32602",
+         "\"Missing expected parameter: 'model'\""},
+        {"mzu.Register", R"({"mzu_id":"c9","model":10,"mac":"00:11:22:33:44:55","alias":"x"})", "-32602",
+         "\"Parameter 'model' is not of type 'string'.\""},
+        {"mzu.Register", R"({"mzu_id":"c9","model":"ZQN-E10","alias":"x"})", "-32602",
+         "\"Missing expected parameter: 'mac'\""},
+        {"mzu.Register", R"({"mzu_id":"c9","model":"ZQN-E10","mac":[],"alias":"x"})", "-32602",
+         "\"Parameter 'mac' is not of type 'string'.\""},
+        {"mzu.Register", R"({"mzu_id":"c9","model":"ZQN-E10","mac":"00:11:22:33:44","alias":"x"})", "-32602",
+         "\"Parameter 'mac' has no valid value.\""},
+        {"mzu.Register", R"({"mzu_id":"c9","model":"ZQN-E10","mac":"00:11:22:33:44:55"})", "-32602",
+         "\"Missing expected parameter: 'alias'\""},
+        {"mzu.Register", R"({"mzu_id":"c9","model":"ZQN-E10","mac":"00:11:22:33:44:55","alias":true})", "-32602",
+         "\"Parameter 'alias' is not of type 'string'.\""},
         {"mzu.Register", R"({"mzu_id":"c9","model":"ZQN-E10","mac":"00:11:22:33:44:55","alias":"ninechars"})", "-32602",
          "\"Alias must be 8 characters or fewer.\""},
     };
@@ -165,24 +186,31 @@ TEST_F(Road, RefusesEachKindOfBadParameterWithItsReason) {
 TEST_F(Road, RefusesWhatTheFleetDoesNotHaveOrAllow) {
     const struct {
         const char *method;
-        const char *params;
+        std::string params;
         const char *code;
+        const char *message;
     } rows[] = {
-        {"ports.Get", R"({"port_id":"c1-99"})", "-32034"},
-        {"ports.Get", R"({"port_id":"c99"})", "-32022"},
-        {"ports.SetVlanTrunk",
-         R"({"port_id":"d1","vlan_ids":[1,2,3,4,5,6,7,8,9,10,11,12,13,14,15,16,17,18,19,20,21,22,23,24,25,26,27,28,29,30,31,32,33]})",
-         "-32033"},
-        {"ports.poe.GetInstantPower", R"({"port_id":"c1-4"})", "-32035"},
-        {"ports.poe.GetInstantPower", R"({"port_id":"c3-1"})", "-32020"},
-        {"mzu.Register", R"({"mzu_id":"c1","model":"ZQN-E10","mac":"00:11:22:33:44:55","alias":"x"})", "-32023"},
-        {"mzu.Register", R"({"mzu_id":"c9","model":"ZQN-E10","mac":"00:1b:0d:00:00:01","alias":"x"})", "-32040"},
-        {"mzu.Register", R"({"mzu_id":"c9","model":"unknown","mac":"00:11:22:33:44:55","alias":"x"})", "-32042"},
-        {"ports.Nothing", "{}", "-32601"},
-        {"ports.WaitLinkChanged", "{}", "-32003"},
+        {"ports.Get", R"({"port_id":"c1-99"})", "-32034", "\"The given port does not exist\""},
+        {"ports.Get", R"({"port_id":"c99"})", "-32022", "\"The given MZU ID does not represent an existing MZU\""},
+        {"ports.SetVlanTrunk", R"({"port_id":"d1","vlan_ids":)" + numbers(1, 33) + "}", "-32033",
+         "\"Parameter 'vlan_ids' has no valid value.\""},
+        {"ports.SetMacFilters", mac_filters(17), "-32039",
+         "\"Attempted to set too many entries for the switch or port.\""},
+        {"ports.poe.GetInstantPower", R"({"port_id":"c1-4"})", "-32035", "\"The given port/mzu does not support poe\""},
+        {"ports.poe.GetInstantPower", R"({"port_id":"c3-1"})", "-32020", "\"MZU offline\""},
+        {"mzu.Register", R"({"mzu_id":"c1","model":"ZQN-E10","mac":"00:11:22:33:44:55","alias":"x"})", "-32023",
+         "\"MZU already exists.\""},
+        {"mzu.Register", R"({"mzu_id":"c9","model":"ZQN-E10","mac":"00:1b:0d:00:00:01","alias":"x"})", "-32040",
+         "\"MAC Address already exists.\""},
+        {"mzu.Register", R"({"mzu_id":"c9","model":"unknown","mac":"00:11:22:33:44:55","alias":"x"})", "-32042",
+         "\"MZU model does not exist.\""},
+        {"ports.Nothing", "{}", "-32601", "(none)"},
+        {"ports.WaitLinkChanged", "{}", "-32003", "\"No events service is configured.\""},
     };
     for (const auto &row : rows) {
-        EXPECT_EQ(code_of(call(row.method, row.params)), row.code) << row.method << row.params;
+        const std::string answer = call(row.method, row.params);
+        EXPECT_EQ(code_of(answer), row.code) << row.method << row.params;
+        EXPECT_EQ(message_of(answer), row.message) << row.method << row.params;
     }
 }
 
@@ -255,7 +283,9 @@ TEST_F(Road, LeavesNothingChangedWhenAChangeFailsHalfWay) {
     for (const auto &row : rows) {
         const std::string before = sql.read(row.state);
         sql.run(std::string("CREATE TRIGGER refusal ") + row.trigger + " BEGIN SELECT RAISE(ABORT, 'no'); END");
-        EXPECT_EQ(code_of(call(row.method, row.params)), database_error) << row.method;
+        const std::string answer = call(row.method, row.params);
+        EXPECT_EQ(code_of(answer), database_error) << row.method;
+        EXPECT_EQ(message_of(answer), "\"System access error\"") << row.method;
         EXPECT_EQ(sql.read(row.state), before) << row.method;
         sql.run("DROP TRIGGER refusal");
         EXPECT_EQ(member(call(row.method, row.params), "error"), "(none)") << row.method;
@@ -288,6 +318,37 @@ TEST_F(Road, ReportsALockedDatabaseAndGoesOnAfterwards) {
         EXPECT_EQ(port("c1"), before) << row.lock;
     }
     EXPECT_EQ(member(call("ports.SetEnabled", R"({"port_id":"c1","status":"disable"})"), "result"), "0");
+}
+
+TEST_F(Road, WaitsForALockThatGoesAway) {
+    constexpr char locked[] = "The database is locked";
+    support::write_file("tavrix_lsyslog.conf", "[logging_levels]\nrouterd=info\nportsd=debug\n");
+    fleet.start_ports();
+    const Sql other;
+    const struct {
+        const char *lock;
+        const char *method;
+        std::string params;
+    } rows[] = {
+        {"BEGIN EXCLUSIVE", "ports.Get", R"({"port_id":"c1"})"},
+        {"BEGIN EXCLUSIVE", "mzu.List", "{}"},
+        {"BEGIN EXCLUSIVE", "ports.SetEnabled", R"({"port_id":"c1","status":"disable"})"},
+        {"BEGIN IMMEDIATE", "ports.SetMacFilters", mac_filters(2)},
+        {"BEGIN IMMEDIATE", "mzu.Register",
+         R"({"mzu_id":"c9","model":"ZQN-E10","mac":"00:11:22:33:44:55","alias":"x"})"},
+        {"BEGIN; SELECT * FROM ports", "ports.SetVlanAccess", R"({"port_id":"d1","vlan_id":7})"},
+        {"BEGIN; SELECT * FROM ports", "mzu.Register",
+         R"({"mzu_id":"c10","model":"ZQN-E10","mac":"00:11:22:33:44:56","alias":"x"})"},
+    };
+    for (const auto &row : rows) {
+        const int waits = fleet.ports->times_said(locked);
+        other.run(row.lock);
+        const StreamClient client = fleet.connect();
+        client.say(request(row.method, "\"a\"", ",\"params\":" + row.params));
+        EXPECT_TRUE(support::wait_until([&] { return fleet.ports->times_said(locked) > waits; })) << row.method;
+        other.run("COMMIT");
+        EXPECT_EQ(code_of(client.hear()), "(none)") << row.lock << row.method;
+    }
 }
 
 TEST_F(Road, StoresUpToItsBoundsAndNoMore) {
@@ -347,15 +408,56 @@ TEST_F(Road, ReloadsTheLoggersOfAllDaemonsOverTheBus) {
     EXPECT_TRUE(fleet.ports->says("Logging level set to debug."));
 }
 
+TEST(PortsDaemon, ReloadsItsLoggerOnItsOwnAndOnTheDefaultChannel) {
+    Fleet fleet;
+    support::BusSocket peer(TAVRIX_SP_PUB);
+    const std::string address = support::free_bus_address();
+    peer.bind(address);
+    support::Process service("reloaded", {TAVRIX_PORTSD, "--publish", fleet.ports_address, "--connect", address});
+    ASSERT_TRUE(service.says("portsd serving"));
+    const struct {
+        const char *channel;
+        const char *level;
+    } rows[] = {{TAVRIX_CHANNEL_FIRST, "debug"}, {TAVRIX_CHANNEL_DEFAULT, "verbose"}};
+    for (const auto &row : rows) {
+        support::write_file("tavrix_lsyslog.conf", std::string("[logging_levels]\nportsd=") + row.level + "\n");
+        const std::string frame = std::string(row.channel) + R"(|{"jsonrpc":"2.0","method":"logger.ReloadConf"})";
+        EXPECT_TRUE(support::wait_until([&] { // what is published before the connection stands is lost
+            tavrix_mq_socket_send(peer.number, frame.c_str());
+            return service.says(std::string("Logging level set to ") + row.level, 50);
+        })) << row.level;
+    }
+}
+
 TEST_F(Road, StopsAndSaysWhyItCannotStart) {
     fleet.ports->signal(SIGTERM);
     EXPECT_EQ(fleet.ports->wait(), 0);
     EXPECT_NE(fleet.ports->log().find("portsd stopped"), std::string::npos);
-    const support::Finished finished =
-        support::run({TAVRIX_PORTSD, "--database", "missing.db", "--publish", fleet.ports_address});
-    EXPECT_EQ(finished.status, 1);
-    EXPECT_NE(finished.diagnostics.find("Failed to open a database connection to file <missing.db>"),
-              std::string::npos);
+    const struct {
+        const char *option;
+        const char *value;
+        const char *reason;
+    } rows[] = {
+        {"--database", "missing.db", "Failed to open a database connection to file <missing.db>"},
+        {"--events", "nonsense", "Cannot listen to nonsense"},
+        {"--connect", "nonsense", "Cannot listen to nonsense"},
+        {"--publish", "nonsense", "Cannot publish on nonsense"},
+    };
+    for (const auto &row : rows) {
+        const support::Finished finished =
+            support::run({TAVRIX_PORTSD, "--publish", fleet.ports_address, row.option, row.value});
+        EXPECT_EQ(finished.status, 1) << row.option;
+        EXPECT_NE(finished.diagnostics.find(row.reason), std::string::npos) << row.option << finished.diagnostics;
+    }
+}
+
+TEST(PortsDaemon, ShowsInItsHelpWhatItDoesUnasked) {
+    const support::Finished finished = support::run({TAVRIX_PORTSD, "--help"});
+    EXPECT_EQ(finished.status, 0);
+    for (const char *text : {"(default tcp://127.0.0.1:7001)", "(default tcp://127.0.0.1:7002)", "(default zqn_h7.db)",
+                             "(default 5000)", "Keep --wait-timeout below the router's --reply-timeout"}) {
+        EXPECT_NE(finished.output.find(text), std::string::npos) << text << "\n" << finished.output;
+    }
 }
 
 TEST(PortsDaemon, StopsWhileNoRouterIsThere) {

@@ -47,8 +47,7 @@ void limit_waiting(int fd, const Deadline &deadline) {
 
 bool is_timeout(int reason) { return reason == EAGAIN || reason == EINPROGRESS || reason == ETIMEDOUT; }
 
-int connect_failure(const std::string &where) {
-    const int reason = errno;
+int connect_failure(const std::string &where, int reason) {
     if (is_timeout(reason)) {
         complain("%s: no connection in time", where.c_str());
         return exit_timeout;
@@ -68,7 +67,7 @@ int connect_unix(const std::string &path, const Deadline &deadline, Socket *out)
     out->reset(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     limit_waiting(out->get(), deadline);
     if (connect(out->get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
-        return connect_failure(path);
+        return connect_failure(path, errno);
     }
     return exit_result;
 }
@@ -89,6 +88,9 @@ bool split_tcp(const std::string &where, std::string *host, std::string *port) {
            std::stoi(*port) >= 1 && std::stoi(*port) <= highest_port;
 }
 
+/** The name "localhost" needs no name service, which may know nothing of it. */
+bool is_this_machine(const std::string &host) { return host.empty() || host == "localhost"; }
+
 int connect_tcp(const std::string &where, const Deadline &deadline, Socket *out) {
     std::string host;
     std::string port;
@@ -100,24 +102,29 @@ int connect_tcp(const std::string &where, const Deadline &deadline, Socket *out)
     hints.ai_family = AF_UNSPEC;
     hints.ai_socktype = SOCK_STREAM;
     addrinfo *found = nullptr;
-    const int rc = getaddrinfo(host.empty() ? nullptr : host.c_str(), port.c_str(), &hints, &found);
+    const int rc = getaddrinfo(is_this_machine(host) ? nullptr : host.c_str(), port.c_str(), &hints, &found);
     if (rc != 0) {
         complain("%s: %s", where.c_str(), gai_strerror(rc));
         return exit_no_connection;
     }
     const std::unique_ptr<addrinfo, FreeAddresses> addresses(found);
     // A name often stands for an IPv6 address first, and the router listens on IPv4 only.
+    int reason = EAFNOSUPPORT;
     for (const addrinfo *address = found; address != nullptr; address = address->ai_next) {
         out->reset(socket(address->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        if (out->get() < 0) {
+            continue; // a machine without IPv6
+        }
         limit_waiting(out->get(), deadline);
         if (connect(out->get(), address->ai_addr, address->ai_addrlen) == 0) {
             return exit_result;
         }
-        if (is_timeout(errno)) {
+        reason = errno;
+        if (is_timeout(reason)) {
             break;
         }
     }
-    return connect_failure(where);
+    return connect_failure(where, reason);
 }
 
 int connect_to(const Target &target, const Deadline &deadline, Socket *out) {

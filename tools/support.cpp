@@ -82,10 +82,32 @@ Json make_request(const std::string &method, Json params, const std::string &id)
     return request;
 }
 
+std::string request_text(const json_t *request) {
+    const Text text(json_dumps(request, JSON_COMPACT));
+    return text ? text.get() : "";
+}
+
 std::string render(const json_t *value, JsonStyle style) {
     const bool pretty = style == JsonStyle::pretty || (style == JsonStyle::automatic && isatty(STDOUT_FILENO) != 0);
-    const Text text(json_dumps(value, JSON_ENCODE_ANY | (pretty ? JSON_INDENT(2) : JSON_COMPACT)));
-    return text ? text.get() : "";
+    const Text text(json_dumps(value, JSON_ENCODE_ANY | JSON_ENSURE_ASCII | (pretty ? JSON_INDENT(2) : JSON_COMPACT)));
+    std::string safe = text ? text.get() : "";
+    // The one control character that is ASCII and that JSON leaves as it is.
+    for (size_t at = 0; (at = safe.find('\x7f', at)) != std::string::npos;) {
+        safe.replace(at, 1, "\\u007F");
+    }
+    return safe;
+}
+
+std::string printable(const std::string &text) {
+    std::string safe;
+    for (const char c : text) {
+        char escaped[5] = {c, '\0'};
+        if (c < ' ' || c > '~' || c == '\\') {
+            std::snprintf(escaped, sizeof escaped, "\\x%02x", static_cast<unsigned>(static_cast<unsigned char>(c)));
+        }
+        safe += escaped;
+    }
+    return safe;
 }
 
 bool print_line(const std::string &line) {

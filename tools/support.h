@@ -56,7 +56,14 @@ Json parse_params(const std::string &text, bool *valid);
 /** A JSON-RPC 2.0 request or, with an empty id, a notification. */
 Json make_request(const std::string &method, Json params, const std::string &id);
 
+/** The request's text as it is sent. */
+std::string request_text(const json_t *request);
+
+/** The value's text for standard output: whatever stands in it, it is printable ASCII, and the same value when read. */
 std::string render(const json_t *value, JsonStyle style);
+
+/** The text with everything but printable ASCII as \xHH: what others said must not steer a terminal. */
+std::string printable(const std::string &text);
 
 /** Writes one line to standard output; false when it could not be written. */
 bool print_line(const std::string &line);

@@ -49,6 +49,8 @@ struct CommandLine {
     std::function<int()> run;
 };
 
+std::string not_empty(const std::string &text) { return text.empty() ? "an empty text is none" : ""; }
+
 CLI::App *add_verb(CLI::App &app, const std::string &name, const std::string &what, const std::string &examples) {
     CLI::App *verb = app.add_subcommand(name, what);
     verb->footer("examples:\n" + examples);
@@ -95,7 +97,7 @@ void add_call(CLI::App &app, CommandLine *line) {
     CallOptions &options = line->call;
     verb->add_option("METHOD", options.method, "Method name, for example ports.Get")->required();
     verb->add_option("PARAMS", options.params, params_help);
-    verb->add_option("--id", options.id, "The request's id")->default_val("tavrixctl");
+    verb->add_option("--id", options.id, "The request's id")->default_val("tavrixctl")->check(not_empty);
     verb->add_option("--transaction", options.transaction_id, "The request's transaction id; default: a fresh number");
     add_router(verb, &options.target);
     CLI::Option *direct = add_direct(verb, &options.target);

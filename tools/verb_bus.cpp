@@ -144,19 +144,6 @@ std::string time_of_day() {
     return text;
 }
 
-/** The text with everything but printable ASCII as \xHH: what stands on the bus must not steer a terminal. */
-std::string printable(const std::string &text) {
-    std::string safe;
-    for (const char c : text) {
-        char escaped[5] = {c, '\0'};
-        if (c < ' ' || c > '~' || c == '\\') {
-            std::snprintf(escaped, sizeof escaped, "\\x%02x", static_cast<unsigned>(static_cast<unsigned char>(c)));
-        }
-        safe += escaped;
-    }
-    return safe;
-}
-
 /** The frame's JSON in the wanted style, or its escaped bytes when it is no JSON. */
 std::string styled(const std::string &json, JsonStyle style) {
     const Json value(json_loadb(json.data(), json.size(), JSON_DECODE_ANY, nullptr));
@@ -211,7 +198,7 @@ int push(const PushOptions &options) {
         return status;
     }
     const Deadline deadline(options.timeout_s);
-    const std::string text = render(request.get(), JsonStyle::single_line);
+    const std::string text = request_text(request.get());
     if (!socket.wait_ready(tavrix_mq_socket_sendfd, deadline.left_ms()) ||
         tavrix_mq_socket_send_nonblock(socket.get(), text.c_str()) != TAVRIX_OK) {
         complain("%s: nobody takes the message", options.address.c_str());

@@ -16,8 +16,8 @@ int print_answer(const std::string &answer, JsonStyle style) {
     json_error_t error;
     const Json reply(json_loadb(answer.data(), answer.size(), JSON_DECODE_ANY, &error));
     if (!reply) {
-        complain("the answer is no JSON: %s", error.text);
-        print_line(answer);
+        complain("the answer is no JSON: %s", printable(error.text).c_str());
+        print_line(printable(answer));
         return exit_error_response;
     }
     if (!print_line(render(reply.get(), style))) {
@@ -73,7 +73,7 @@ int call(const CallOptions &options) {
     }
     const json_int_t transaction_id = options.transaction_id.value_or(fresh_transaction_id());
     json_object_set_new(request.get(), "transaction_id", json_integer(transaction_id));
-    const std::string text = render(request.get(), JsonStyle::single_line);
+    const std::string text = request_text(request.get());
     if (text.size() > request_limit(options.target)) {
         complain("the request has %zu bytes, %zu are read at most", text.size(), request_limit(options.target));
         return exit_usage;

@@ -30,10 +30,16 @@ int main(int argc, char **argv) {
     options.list("connect", "ADDRESS", "a service's bus address; may be repeated", &config.connect);
     options.number("reply-timeout", "MS", "how long a service may take to reply", 1, longest_timeout_ms,
                    &config.reply_timeout_ms);
-    options.number("client-timeout", "MS", "how long a client may keep silent, or not read; the others wait meanwhile",
-                   1, longest_timeout_ms, &config.client_timeout_ms);
-    options.note("Every local user may connect to the unix socket, and there also ask router.Lock, router.Unlock and\n"
-                 "router.Status of the router itself. Over TCP these are refused.");
+    options.number("client-timeout", "MS",
+                   "how long each client may keep silent, or not read; the others wait meanwhile", 1,
+                   longest_timeout_ms, &config.client_timeout_ms);
+    options.note(
+        "One client is served at a time, in the order in which they connected, and the time-outs of those\n"
+        "before it add up: behind ten silent clients the next one waits ten times --client-timeout. Unix socket\n"
+        "and TCP port take turns.\n"
+        "\n"
+        "Every local user may connect to the unix socket, and there also ask router.Lock, router.Unlock and\n"
+        "router.Status of the router itself. Over TCP these are refused.");
     int exit_status = 0;
     if (!options.parse(argc, argv, &exit_status)) {
         return exit_status;

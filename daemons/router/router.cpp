@@ -6,6 +6,7 @@
 #include <climits>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 #include <random>
 
 #include <poll.h>
@@ -93,6 +94,19 @@ std::string text_member(const json_t *object, const char *key) {
     return text != nullptr ? text : "";
 }
 
+/** The text with everything but printable ASCII as \xHH: a client's words must not make log lines of their own. */
+std::string printable(const std::string &text) {
+    std::string safe;
+    for (const char c : text) {
+        char escaped[5] = {c, '\0'};
+        if (c < ' ' || c > '~' || c == '\\') {
+            std::snprintf(escaped, sizeof escaped, "\\x%02x", static_cast<unsigned>(static_cast<unsigned char>(c)));
+        }
+        safe += escaped;
+    }
+    return safe;
+}
+
 bool is_valid_id(const json_t *id) { return json_is_string(id) || json_is_number(id); }
 
 bool is_notification(const json_t *message) {
@@ -117,7 +131,13 @@ int find_envelope_error(const json_t *request) {
     return json_is_string(json_object_get(request, "method")) ? 0 : TAVRIX_JRPC_METHOD_NOT_FOUND;
 }
 
-bool is_own_method(const std::string &method) { return method.rfind(own_prefix, 0) == 0; }
+/** A method that no service may have, known or not. */
+bool is_for_router(const std::string &method) { return method.rfind(own_prefix, 0) == 0; }
+
+bool is_own_method(const std::string &method) {
+    return std::any_of(std::begin(own_methods), std::end(own_methods),
+                       [&](const tavrix_jrpc_method &own) { return own.name != nullptr && method == own.name; });
+}
 
 /** Gives the answer what the client's request had: its own transaction id, or none. */
 void put_back_transaction_id(const json_t *request, json_t *answer) {
@@ -296,7 +316,7 @@ void Router::serve_client(const StreamSocket &listener, bool trusted) {
 void Router::handle_request(Json request, const StreamSocket &client, bool trusted) {
     const std::string method = text_member(request.get(), "method");
     if (is_notification(request.get())) {
-        LOG_WARNING("Refused the notification %s of a client\n", method.c_str());
+        LOG_WARNING("Refused the notification %s of a client\n", printable(method).c_str());
         return;
     }
     const int envelope_error = find_envelope_error(request.get());
@@ -309,11 +329,11 @@ void Router::handle_request(Json request, const StreamSocket &client, bool trust
         tavrix_jrpc_eval_request(text ? text.get() : "", own_methods, &response);
         const Text owner(response);
         deliver(client, response != nullptr ? response : "");
-    } else if (is_own_method(method)) {
-        LOG_WARNING("Refused %s over TCP\n", method.c_str());
+    } else if (is_for_router(method)) {
+        LOG_WARNING("Refused %s%s\n", printable(method).c_str(), trusted ? "" : " over TCP");
         answer_error(client, TAVRIX_JRPC_METHOD_NOT_FOUND, request.get());
     } else if (locked_) {
-        LOG_INFO("Locked: refused %s\n", method.c_str());
+        LOG_INFO("Locked: refused %s\n", printable(method).c_str());
         answer_locked(client, request.get());
     } else {
         tavrix_lsyslog_is_json_method_lsyslog(method.c_str()); // the router's own logger rereads too
@@ -327,8 +347,12 @@ void Router::forward(Json request, const StreamSocket &client) {
     json_object_set_new(on_bus.get(), "transaction_id", json_integer(last_transaction_id_));
     const Pending pending{std::move(request), text_member(on_bus.get(), "method"), last_transaction_id_};
     if (tavrix_jrpc_router_mq_dispatch_request(pub_.get(), on_bus.get()) != TAVRIX_OK) {
-        LOG_ERROR("Cannot publish %s\n", pending.method.c_str());
+        LOG_ERROR("Cannot publish %s\n", printable(pending.method).c_str());
         answer_error(client, TAVRIX_JRPC_INTERNAL_ERROR, pending.request.get());
+        return;
+    }
+    if (pending.method == daemon_support::reload_method && services_.empty()) {
+        answer_reloaded(client, pending.request.get());
         return;
     }
     await_reply(pending, client);
@@ -355,12 +379,12 @@ void Router::await_reply(const Pending &pending, const StreamSocket &client) {
         }
         handle_other(message.get());
         if (has_gone(client)) {
-            LOG_INFO("The client of %s has gone\n", pending.method.c_str());
+            LOG_INFO("The client of %s has gone\n", printable(pending.method).c_str());
             return;
         }
     }
     ++timeouts_;
-    LOG_WARNING("No reply to %s in time\n", pending.method.c_str());
+    LOG_WARNING("No reply to %s in time\n", printable(pending.method).c_str());
     answer_timed_out(client, pending.request.get());
 }
 
@@ -401,8 +425,12 @@ void Router::handle_other(json_t *message) {
         tavrix_jrpc_router_eval_notification(message, notifications);
         return;
     }
+    const std::string method = text_member(message, "id");
+    if (method == daemon_support::reload_method) {
+        return; // every service replies to it, and one reply is all that is awaited
+    }
     ++discarded_;
-    LOG_WARNING("Discarded a left-over reply of %s\n", text_member(message, "id").c_str());
+    LOG_WARNING("Discarded a left-over reply of %s\n", printable(method).c_str());
 }
 
 // --- Answers -------------------------------------------------------------------------------------------------------
@@ -450,6 +478,16 @@ void Router::answer_error(const StreamSocket &client, int jrpc_code, json_t *req
     }
 }
 
+/** What a service would answer, when the router knows of none: its own logger has reread. */
+void Router::answer_reloaded(const StreamSocket &client, json_t *request) const {
+    const Json result(json_integer(TAVRIX_OK));
+    const Text response(tavrix_jrpc_create_response(result.get(), json_object_get(request, "method"), 0,
+                                                    json_object_get(request, "transaction_id")));
+    if (response) {
+        deliver(client, response.get());
+    }
+}
+
 void Router::answer_locked(const StreamSocket &client, json_t *request) const {
     json_t *response = nullptr;
     if (tavrix_jrpc_router_create_system_lock_response(request, &response) != TAVRIX_OK) {
@@ -485,7 +523,7 @@ int Router::welcome(const std::string &name, const std::string &channel) {
     std::string &known_channel = services_[name];
     if (known_channel != channel) {
         known_channel = channel;
-        LOG_INFO("Service %s settled on channel %s\n", name.c_str(), channel.c_str());
+        LOG_INFO("Service %s settled on channel %s\n", printable(name).c_str(), printable(channel).c_str());
     }
     const std::string text = std::string(R"({"jsonrpc":"2.0","method":")") + daemon_support::welcome_method + "\"}";
     return tavrix_jrpc_mq_pub(pub_.get(), channel.c_str(), text.c_str());

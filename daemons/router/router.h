@@ -81,6 +81,7 @@ class Router {
     void deliver(const StreamSocket &client, const char *text) const;
     void answer(const StreamSocket &client, const json_t *response) const;
     void answer_error(const StreamSocket &client, int jrpc_code, json_t *request) const;
+    void answer_reloaded(const StreamSocket &client, json_t *request) const;
     void answer_locked(const StreamSocket &client, json_t *request) const;
     void answer_timed_out(const StreamSocket &client, json_t *request) const;
 

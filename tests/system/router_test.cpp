@@ -3,16 +3,20 @@
 #include <csignal>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "support/fleet.h"
 #include "support/json.h"
+#include "tavrix_jrpc.h"
+#include "tavrix_mq.h"
 
 using support::code_of;
 using support::Fleet;
@@ -46,6 +50,21 @@ size_t count_of(const std::string &text, const std::string &part) {
         ++count;
     }
     return count;
+}
+
+/** Stops the process and waits until it stands. */
+void stand_still(const support::Process &process) {
+    process.signal(SIGSTOP);
+    siginfo_t state{};
+    ASSERT_EQ(waitid(P_PID, static_cast<id_t>(process.pid()), &state, WSTOPPED), 0);
+}
+
+std::vector<StreamClient> silent_clients(const Fleet &fleet, int count) {
+    std::vector<StreamClient> clients;
+    while (clients.size() < static_cast<size_t>(count)) {
+        clients.push_back(fleet.connect());
+    }
+    return clients;
 }
 
 /** Publishes left-over replies on the router's reply channel as fast as it can, as long as it lives. */
@@ -352,19 +371,37 @@ TEST(RouterDaemon, Takes8192BytesAndNoMoreOverTcp) {
     EXPECT_EQ(code_of(longer.hear()), "-32600");
 }
 
-TEST(RouterDaemon, WaitsForSilentClientsOnlyUpToTheirBound) {
+TEST(RouterDaemon, WaitsOneBoundForEachSilentClientBeforeTheNext) {
     Fleet fleet;
-    fleet.start_router({"--client-timeout", "100", "--reply-timeout", "100"});
-    std::vector<StreamClient> silent;
-    for (int i = 0; i < 5; ++i) {
-        silent.push_back(fleet.connect());
-    }
+    fleet.start_router({"--client-timeout", "100"});
+    const auto start = std::chrono::steady_clock::now();
+    stand_still(*fleet.router); // until all are there
+    const std::vector<StreamClient> silent = silent_clients(fleet, 5);
     const StreamClient next = fleet.connect();
-    next.say(request("ports.Get", "\"next\""));
-    EXPECT_EQ(member(next.hear(), "id"), "\"next\"") << "served after the silent ones";
+    next.say(request("router.Status", "\"next\""));
+    fleet.router->signal(SIGCONT);
+    EXPECT_EQ(member(next.hear(), "id"), "\"router.Status\"") << "served after the silent ones";
+    EXPECT_EQ(fleet.router->times_said("A client said nothing in time"), 5) << "each was waited for once";
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(500)) << "the bounds add up";
     for (const StreamClient &client : silent) {
         EXPECT_EQ(code_of(client.hear()), "-32005");
     }
+}
+
+TEST(RouterDaemon, WaitsOneBoundOnlyBeforeAClientOfTheOtherListener) {
+    Fleet fleet;
+    const int port = support::free_port();
+    fleet.start_router({"--client-timeout", "100", "--tcp", std::to_string(port)});
+    stand_still(*fleet.router);
+    const std::vector<StreamClient> silent = silent_clients(fleet, 5);
+    const StreamClient other = StreamClient::tcp_port(port);
+    other.say(request("router.Status", "1"));
+    fleet.router->signal(SIGCONT);
+    EXPECT_EQ(code_of(silent.back().hear()), "-32005");
+    const std::string log = fleet.router->log();
+    EXPECT_EQ(count_of(log, "A client said nothing in time"), 5U);
+    EXPECT_LE(count_of(log.substr(0, log.find("Refused router.Status over TCP")), "A client said nothing in time"), 1U);
+    EXPECT_EQ(code_of(other.hear()), "-32601");
 }
 
 TEST(RouterDaemon, IsNotHeldUpByHalfARequestOverTcp) {
@@ -477,6 +514,27 @@ TEST(RouterDaemon, GoesOnWhenAClientLeavesEarly) {
     client.say(request("ports.Get", "2", ",\"transaction_id\":2"));
     service.reply(reply_to(service.next_request(), "\"right\""));
     EXPECT_EQ(member(client.hear(), "result"), "\"right\"");
+}
+
+TEST(RouterDaemon, WaitsTheReplyOutForATcpClientThatLeavesEarly) {
+    Fleet fleet;
+    const int port = support::free_port();
+    fleet.start_router({"--tcp", std::to_string(port), "--reply-timeout", "300"});
+    PlayedService service(fleet, first_channel);
+    const auto ask_and_leave = [port](const char *id) {
+        const StreamClient client = StreamClient::tcp_port(port);
+        client.say(request("ports.Get", id, ",\"transaction_id\":1"));
+    };
+    ask_and_leave("1");
+    const std::string unanswered = service.next_request();
+    EXPECT_TRUE(fleet.router->says("No reply to ports.Get in time")) << "leaving looks like having no more to say";
+    ask_and_leave("2");
+    service.reply(reply_to(unanswered, "\"late\""));
+    service.reply(reply_to(service.next_request(), "\"nobody reads it\""));
+    const StreamClient next = StreamClient::tcp_port(port);
+    next.say(request("ports.Get", "3", ",\"transaction_id\":1"));
+    service.reply(reply_to(service.next_request(), "\"right\""));
+    EXPECT_EQ(member(next.hear(), "result"), "\"right\"");
 }
 
 TEST(RouterDaemon, HearsAClientOutThatOnlyClosedItsSendingSide) {
@@ -606,6 +664,89 @@ TEST(RouterDaemon, RereadsTheLoggersConfigurationOnANotificationOverTheBus) {
     support::write_file("tavrix_lsyslog.conf", "[logging_levels]\nrouterd=verbose\n");
     service.reply(R"({"jsonrpc":"2.0","method":"logger.ReloadConf"})");
     EXPECT_TRUE(fleet.router->says("Logging level set to verbose."));
+}
+
+TEST(RouterDaemon, AnswersForTheLoggersConfigurationItselfWhenItKnowsOfNoService) {
+    Fleet fleet;
+    fleet.start_router({"--reply-timeout", "86400000"});
+    support::write_file("tavrix_lsyslog.conf", "[logging_levels]\nrouterd=verbose\n");
+    EXPECT_EQ(fleet.ask(request("logger.ReloadConf", "\"a\"", ",\"transaction_id\":7")),
+              reply_of("\"logger.ReloadConf\"", "0", "7"));
+    EXPECT_TRUE(fleet.router->says("Logging level set to verbose."));
+    support::BusSocket unknown(TAVRIX_SP_SUB); // a service that says no hello is told all the same
+    unknown.connect(fleet.router_address);
+    tavrix_mq_socket_subscribe(unknown.number, "");
+    tavrix_mq_socket_set_timeout(unknown.number, 50);
+    EXPECT_TRUE(support::wait_until([&] {
+        fleet.ask(request("logger.ReloadConf", "1"));
+        char *frame = nullptr;
+        int length = 0;
+        const bool heard = tavrix_mq_socket_recv(unknown.number, &frame, &length, 0) == 0;
+        const std::string text(frame != nullptr ? frame : "", heard ? static_cast<size_t>(length) : 0);
+        free(frame);
+        return text.find("\"logger.ReloadConf\"") != std::string::npos;
+    }));
+}
+
+TEST(RouterDaemon, TakesTheRepliesOfAllServicesToOneReload) {
+    Fleet fleet;
+    fleet.start_router();
+    PlayedService service(fleet, TAVRIX_CHANNEL_DEFAULT);
+    const StreamClient client = fleet.connect();
+    client.say(request("logger.ReloadConf", "1"));
+    const std::string on_bus = service.next_request();
+    service.reply(reply_to(on_bus, "\"first\""));
+    EXPECT_EQ(member(client.hear(), "result"), "\"first\"");
+    service.reply(reply_to(on_bus, "\"second\""));
+    service.reply(reply_of("\"ports.Get\"", "\"stray\"", "1"));
+    EXPECT_TRUE(fleet.router->says("Discarded a left-over reply of ports.Get"));
+    EXPECT_EQ(fleet.router->times_said("Discarded a left-over reply"), 1) << fleet.router->log();
+    EXPECT_EQ(member(member(fleet.ask(request("router.Status", "1")), "result"), "discarded"), "1");
+}
+
+TEST(RouterDaemon, RereadsNothingForAClientWhileTheSystemIsLocked) {
+    Fleet fleet;
+    fleet.start_router();
+    fleet.ask(request("router.Lock", "1"));
+    support::write_file("tavrix_lsyslog.conf", "[logging_levels]\nrouterd=verbose\n");
+    EXPECT_EQ(code_of(fleet.ask(request("logger.ReloadConf", "1"))), "-32014");
+    EXPECT_EQ(fleet.router->times_said("Logging level set to verbose."), 0);
+}
+
+TEST(RouterDaemon, KeepsTheWordsOfOthersOnItsOwnLogLines) {
+    Fleet fleet;
+    const int port = support::free_port();
+    fleet.start_router({"--tcp", std::to_string(port), "--reply-timeout", "100"});
+    PlayedService service(fleet, first_channel);
+    const std::string sent = R"(p\n\u001b[2J\u009b\\)"; // in a JSON string
+    const std::string logged = R"(p\x0a\x1b[2J\xc2\x9b\x5c)";
+    fleet.ask(R"({"jsonrpc":"2.0","method":")" + sent + "\"}");
+    EXPECT_TRUE(fleet.router->says("Refused the notification " + logged + " of a client\n"));
+    fleet.ask(request(sent, "1"));
+    EXPECT_TRUE(fleet.router->says("No reply to " + logged + " in time\n"));
+    service.reply(reply_of('"' + sent + '"', "1", "1"));
+    EXPECT_TRUE(fleet.router->says("Discarded a left-over reply of " + logged + "\n"));
+    service.reply(R"({"jsonrpc":"2.0","method":"router.Hello","params":{"name":")" + sent + R"(","channel":")" + sent +
+                  "\"}}");
+    EXPECT_TRUE(fleet.router->says("Service " + logged + " settled on channel " + logged + "\n"));
+    {
+        const StreamClient client = StreamClient::tcp_port(port);
+        client.say(request("router." + sent, "1"));
+        EXPECT_EQ(code_of(client.hear()), "-32601");
+        EXPECT_TRUE(fleet.router->says("Refused router." + logged + " over TCP\n"));
+    }
+    EXPECT_EQ(code_of(fleet.ask(request("router." + sent, "1"))), "-32601");
+    EXPECT_TRUE(fleet.router->says("Refused router." + logged + "\n"));
+    {
+        StreamClient client = fleet.connect();
+        client.say(request(sent, "1", ",\"transaction_id\":1"));
+        client.close();
+        EXPECT_TRUE(fleet.router->says("The client of " + logged + " has gone\n"));
+    }
+    fleet.ask(request("router.Lock", "1"));
+    fleet.ask(request(sent, "1"));
+    EXPECT_TRUE(fleet.router->says("Locked: refused " + logged + "\n"));
+    EXPECT_EQ(fleet.router->log().find('\x1b'), std::string::npos) << fleet.router->log();
 }
 
 TEST(RouterDaemon, ServesThroughAStormOfSignals) {

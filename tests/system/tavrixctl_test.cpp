@@ -161,7 +161,8 @@ TEST(CtlCall, TriesEachAddressOfAHost) {
     const int port = support::free_port();
     fleet.start_router({"--tcp", std::to_string(port)});
     fleet.start_ports();
-    // No host at all stands for this machine's loopback addresses, IPv6 first; the router listens on IPv4 only.
+    // Both stand for this machine's loopback addresses, IPv6 first; the router listens on IPv4 only. No name service is
+    // asked: a machine without /etc/hosts does not know "localhost".
     for (const char *host : {"", "localhost"}) {
         const Finished finished =
             ctl({"call", "--tcp", host + (":" + std::to_string(port)), "ports.Get", R"({"port_id":"d1"})"});
@@ -227,10 +228,28 @@ TEST(CtlCall, TellsAnAnswerThatIsNoResponse) {
         EXPECT_EQ(finished.diagnostics, row.diagnostics);
         EXPECT_EQ(first_line(finished.output), row.answer);
     }
-    const PlayedServer server("no JSON");
+    const PlayedServer server("\033[2J");
     const Finished finished = ctl({"send", "--direct", "played.sock", "{}"});
     EXPECT_EQ(finished.status, 1);
     EXPECT_EQ(finished.diagnostics.rfind("tavrixctl: the answer is no JSON: ", 0), 0U) << finished.diagnostics;
+    EXPECT_EQ(finished.diagnostics.find('\033'), std::string::npos);
+    EXPECT_EQ(finished.output, "\\x1b[2J\n");
+}
+
+TEST(CtlCall, PrintsAnAnswerThatSteersNoTerminal) {
+    const PlayedServer server("{\"result\":\"\xc2\x9b\x32J \x7f\x7f \xc3\xa4 \\u001b\"}"); // U+009B and DEL, raw
+    const Finished finished = ctl({"call", "--direct", "played.sock", "x.Y"});
+    EXPECT_EQ(finished.status, 0) << finished.diagnostics;
+    EXPECT_EQ(finished.output, R"({"result":"\u009B2J \u007F\u007F \u00E4 \u001B"})"
+                               "\n");
+}
+
+TEST(CtlCall, SendsTextAsTheUserWroteIt) {
+    std::string text;
+    while (text.size() < 800) {
+        text += "\xc3\xa4"; // escaped, it would be three times as long
+    }
+    EXPECT_EQ(ctl({"call", "m", "--direct", "nobody.sock", "{\"text\":\"" + text + "\"}"}).status, 4) << "it fits";
 }
 
 TEST(CtlCall, GivesUpOnARouterThatStandsStill) {
@@ -306,6 +325,8 @@ TEST(CtlCall, RefusesWrongUsage) {
         {"call", "m", "--tcp", "localhost:0"},
         {"call", "m", "--tcp", "localhost:65536"},
         {"call", "m", "--notification"},
+        {"call", "m", "--id", ""},
+        {"call", "m", "--direct", "x", "--id", ""},
         {"call", "m", "{\"long\":\"" + std::string(8192, 'x') + "\"}"},
         {"call", "m", "--direct", "x", "{\"long\":\"" + std::string(1024, 'x') + "\"}"},
     };
@@ -413,6 +434,18 @@ TEST(CtlMonitor, KeepsAFrameThatIsNoJsonOnOneHarmlessLine) {
     EXPECT_FALSE(std::getline(lines, line)) << line;
 }
 
+TEST(CtlMonitor, PrintsJsonThatSteersNoTerminal) {
+    support::BusSocket pub(TAVRIX_SP_PUB);
+    const std::string address = support::free_bus_address();
+    pub.bind(address);
+    support::Process monitor("monitor", {TAVRIXCTL, "monitor", address, "--count", "1"});
+    ASSERT_TRUE(monitor.says("connected to 1 of 1")) << monitor.log();
+    tavrix_mq_socket_send(pub.number, "channel|{\"\x7f\":\"\xc2\x9b\x32J\"}");
+    EXPECT_EQ(monitor.wait(), 0);
+    const std::string line = first_line(monitor.output());
+    EXPECT_EQ(line.substr(line.find("  ")), R"(  channel  {"\u007F":"\u009B2J"})");
+}
+
 TEST(CtlMonitor, RefusesAnAddressThatIsNone) { EXPECT_EQ(ctl({"monitor", "localhost:1"}).status, 2); }
 
 TEST(CtlLogLevel, MakesTheDaemonsRereadIt) {
@@ -423,6 +456,15 @@ TEST(CtlLogLevel, MakesTheDaemonsRereadIt) {
         ctl({"log-level", "portsd", "verbose", "--file", "tavrix_lsyslog.conf", "--socket", "router.sock"});
     EXPECT_EQ(finished.status, 0) << finished.diagnostics;
     EXPECT_TRUE(fleet.ports->says("Logging level set to verbose."));
+}
+
+TEST(CtlLogLevel, MakesTheRouterRereadItAlsoWithoutAService) {
+    Fleet fleet;
+    fleet.start_router({"--reply-timeout", "86400000"});
+    const Finished finished =
+        ctl({"log-level", "routerd", "verbose", "--file", "tavrix_lsyslog.conf", "--socket", "router.sock"});
+    EXPECT_EQ(finished.status, 0) << finished.diagnostics;
+    EXPECT_TRUE(fleet.router->says("Logging level set to verbose."));
 }
 
 TEST(CtlPush, SaysThatNobodyTakesTheMessage) {

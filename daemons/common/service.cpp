@@ -124,8 +124,10 @@ bool Service::open() {
            listen_on(TAVRIX_CHANNEL_DEFAULT, &control_, &control_descriptor_);
 }
 
-int Service::on_welcome(json_t * /*params*/, json_t ** /*result*/, json_t ** /*error_data*/) {
-    if (!the_service->welcomed_) {
+int Service::on_welcome(json_t *params, json_t ** /*result*/, json_t ** /*error_data*/) {
+    const char *name = json_string_value(json_object_get(params, "name"));
+    const bool is_own = name != nullptr && the_service->config_.name == name; // several may share a channel
+    if (is_own && !the_service->welcomed_) {
         the_service->welcomed_ = true;
         LOG_INFO("%s ready\n", the_service->config_.name.c_str());
     }

@@ -3,8 +3,8 @@
  *
  * Publish/subscribe drops what is published before a connection stands. A service therefore says hello to the router
  * (the notification router.Hello on the router's reply channel) until the router welcomes it (service.Welcome on the
- * service's own channel): then both directions have carried a real frame, and the service reports ready. A router that
- * starts later asks for the hello with service.Probe.
+ * service's own channel, with its name): then both directions have carried a real frame, and the service reports ready.
+ * A router that starts later asks for the hello with service.Probe.
  *
  * A service that calls another one is in the same position towards it: the other may have come later, or be back after
  * a restart. It asks service.Hello of it first, again and again until that is answered: then both directions stand.

@@ -48,9 +48,12 @@ const Event *Log::find(int number) const {
 
 bool read_script(const std::string &path, std::vector<LinkChange> *out) {
     std::ifstream file(path);
-    if (!file) {
+    const auto complain = [&path] {
         LOG_ERROR("Cannot read the script %s\n", path.c_str());
         return false;
+    };
+    if (!file) {
+        return complain();
     }
     int number = 0;
     for (std::string line; std::getline(file, line);) {
@@ -68,6 +71,9 @@ bool read_script(const std::string &path, std::vector<LinkChange> *out) {
             return false;
         }
         out->push_back(change);
+    }
+    if (file.bad()) { // a folder opens, too
+        return complain();
     }
     return true;
 }

@@ -4,22 +4,25 @@
  *     tavrix-eventsd --publish tcp://127.0.0.1:7003 --connect tcp://127.0.0.1:7001 --script links.txt --interval 1000
  */
 
-#include <unistd.h>
+#include <cerrno>
+
+#include <poll.h>
 
 #include "common/log.h"
 #include "common/options.h"
 #include "common/service.h"
 #include "common/signals.h"
+#include "common/unix_listener.h"
 #include "methods.h"
 
 namespace {
 
 using daemon_support::BusSocket;
 using daemon_support::Service;
-using daemon_support::StreamSocket;
 
 constexpr char unit_name[] = "eventsd";
 constexpr int client_timeout_ms = 500;
+constexpr int pause_ms = 200;
 constexpr int longest_time_ms = 24 * 60 * 60 * 1000;
 
 struct Config {
@@ -30,7 +33,7 @@ struct Config {
     std::string script;
     std::string slot = "/tavrix_last_event";
     int interval_ms = 1000;
-    int wait_timeout_ms = 5000; // less than the router waits for the reply
+    int wait_timeout_ms = 5000;
 };
 
 /** A descriptor from the timer family, released with its scope. */
@@ -63,11 +66,6 @@ class EventsDaemon {
     }
     EventsDaemon(const EventsDaemon &) = delete;
     EventsDaemon &operator=(const EventsDaemon &) = delete;
-    ~EventsDaemon() {
-        if (listener_.is_open()) {
-            unlink(config_.socket_path.c_str());
-        }
-    }
 
     bool open() {
         const bool with_ports = !config_.ports_address.empty();
@@ -106,19 +104,21 @@ class EventsDaemon {
         if (config_.socket_path.empty()) {
             return true;
         }
-        int listener = 0;
-        tavrix_jrpc_unix_socket_init(config_.socket_path.c_str(), &listener, 1);
-        if (listener <= 0) { // the status does not tell
-            LOG_ERROR("Cannot listen on %s\n", config_.socket_path.c_str());
+        if (!listener_.open(config_.socket_path)) {
             return false;
         }
-        *listener_.place() = listener;
-        service_.watch({listener, [this] {
-                            // A silent client holds nobody up for longer; a handler that waits has a bound of its own.
-                            const daemon_support::Interruption bound(client_timeout_ms);
-                            tavrix_jrpc_unix_socket_run(listener_.get(), table_.data());
-                        }});
+        service_.watch({*listener_.socket().get(), [this] { serve_direct(); }});
         return true;
+    }
+
+    void serve_direct() {
+        // A silent client holds nobody up for longer; a handler that waits has a bound of its own.
+        const daemon_support::Interruption bound(client_timeout_ms);
+        errno = 0;
+        tavrix_jrpc_unix_socket_run(listener_.socket().get(), table_.data());
+        if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
+            poll(nullptr, 0, pause_ms); // the client waits on the listener: poll would come back at once
+        }
     }
 
     bool open_pull() {
@@ -158,7 +158,7 @@ class EventsDaemon {
     std::vector<events::LinkChange> script_;
     size_t next_ = 0;
     Timer timer_;
-    StreamSocket listener_;
+    daemon_support::UnixListener listener_;
     BusSocket pull_;
 };
 
@@ -169,6 +169,7 @@ int main(int argc, char **argv) {
     config.service.name = "eventsd";
     config.service.channel = TAVRIX_CHANNEL_EVENTS;
     config.service.publish = "tcp://127.0.0.1:7003";
+    config.service.connect = {"tcp://127.0.0.1:7001"};
     daemon_support::Options options("tavrix-eventsd", "eventsd", "The events service of the fleet.",
                                     "tavrix-eventsd --publish tcp://127.0.0.1:7003 --connect tcp://127.0.0.1:7001 "
                                     "--script links.txt");
@@ -184,12 +185,15 @@ int main(int argc, char **argv) {
     options.text("script", "FILE", "link changes to play, a line each, like: c1-1 up", &config.script);
     options.number("interval", "MS", "time between two of them", 1, longest_time_ms, &config.interval_ms);
     options.text("slot", "NAME", "shared-memory slot for the last event's number, which begins anew", &config.slot);
+    options.note(
+        "--wait-timeout has to be less than the router's --reply-timeout: the router would give up first, and this\n"
+        "service go on waiting. If the ports service waits for a link change at that time (ports.WaitLinkChanged),\n"
+        "it replies when the script's next one comes, or when it has given up itself.");
+    options.note(
+        "The slot's mode gives its owner no access: whoever is not root needs CAP_DAC_OVERRIDE to share the number.");
     int exit_status = 0;
     if (!options.parse(argc, argv, &exit_status)) {
         return exit_status;
-    }
-    if (config.service.connect.empty()) {
-        config.service.connect = {"tcp://127.0.0.1:7001"};
     }
     tavrix_lsyslog_init(config.service.name.c_str());
     EventsDaemon daemon(config);

@@ -1,60 +1,9 @@
 #include "listeners.h"
 
-#include <cerrno>
-
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
-#include <unistd.h>
-
-#include "common/log.h"
 #include "common/signals.h"
 #include "tavrix_error.h"
 
 namespace router {
-
-namespace {
-
-constexpr char unit_name[] = "listeners";
-
-bool unix_path_is_served(const std::string &path) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    path.copy(address.sun_path, TAVRIX_SOCKET_MAX_PATH);
-    StreamSocket probe;
-    *probe.place() = ::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    return probe.is_open() && (connect(*probe.get(), reinterpret_cast<sockaddr *>(&address), sizeof address) == 0 ||
-                               errno == EAGAIN); // somebody listens, with a full backlog
-}
-
-} // namespace
-
-bool UnixListener::open(const std::string &path) {
-    if (path.size() > TAVRIX_SOCKET_MAX_PATH) {
-        LOG_ERROR("Cannot listen on %s: a socket's path has at most %d bytes\n", path.c_str(), TAVRIX_SOCKET_MAX_PATH);
-        return false;
-    }
-    if (unix_path_is_served(path)) {
-        LOG_ERROR("Cannot listen on %s: another daemon serves there\n", path.c_str());
-        return false;
-    }
-    struct stat file {};
-    if (tavrix_unix_socket_init(path.c_str(), socket_.place(), 1) != TAVRIX_OK || stat(path.c_str(), &file) != 0) {
-        LOG_ERROR("Cannot listen on %s\n", path.c_str());
-        return false;
-    }
-    path_ = path;
-    device_ = file.st_dev;
-    inode_ = file.st_ino;
-    return true;
-}
-
-UnixListener::~UnixListener() {
-    struct stat file {};
-    if (!path_.empty() && stat(path_.c_str(), &file) == 0 && file.st_dev == device_ && file.st_ino == inode_) {
-        unlink(path_.c_str());
-    }
-}
 
 bool tcp_port_is_served(int port, int timeout_ms) {
     const daemon_support::Interruption bound(timeout_ms); // with a full backlog it would take minutes

@@ -525,8 +525,10 @@ int Router::welcome(const std::string &name, const std::string &channel) {
         known_channel = channel;
         LOG_INFO("Service %s settled on channel %s\n", printable(name).c_str(), printable(channel).c_str());
     }
-    const std::string text = std::string(R"({"jsonrpc":"2.0","method":")") + daemon_support::welcome_method + "\"}";
-    return tavrix_jrpc_mq_pub(pub_.get(), channel.c_str(), text.c_str());
+    const Json message(json_pack("{s:s, s:s, s:{s:s}}", "jsonrpc", "2.0", "method", daemon_support::welcome_method,
+                                 "params", "name", name.c_str()));
+    const Text text(json_dumps(message.get(), JSON_COMPACT));
+    return text ? tavrix_jrpc_mq_pub(pub_.get(), channel.c_str(), text.get()) : TAVRIX_ERR_NO_MEMORY;
 }
 
 void Router::set_locked(bool locked) {

@@ -1,12 +1,15 @@
 /*
  * Daemons that call daemons: awaited replies and notifications, direct and one-way requests, shared state.
  */
+#include <chrono>
 #include <csignal>
 #include <memory>
 #include <string>
 
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -20,6 +23,7 @@ using support::code_of;
 using support::Finished;
 using support::Fleet;
 using support::member;
+using support::Process;
 using support::request;
 using support::StreamClient;
 
@@ -460,13 +464,116 @@ TEST_F(Events, AreLeftAloneByASecondServiceThatCannotStart) {
     start("3600000");
     ASSERT_EQ(member(member(call("events.Report", R"({"text":"one"})"), "result"), "number"), "1");
     ASSERT_EQ(shared_number(), 1);
-    const std::vector<std::string> taken_address = {TAVRIX_EVENTSD, "--publish", fleet.events_address, "--slot",
-                                                    fleet.slot};
-    const std::vector<std::string> no_script = {
-        TAVRIX_EVENTSD, "--publish", support::free_bus_address(), "--slot", fleet.slot, "--script", "missing.txt"};
-    for (const auto &arguments : {taken_address, no_script}) {
-        EXPECT_EQ(support::run(arguments).status, 1);
+    const std::vector<std::vector<std::string>> rows = {
+        {"--publish", fleet.events_address},
+        {"--script", "missing.txt"},
+        {"--ports", "nonsense"},
+        {"--socket", "second.sock", "--ports", "nonsense"},
+        {"--socket", "second.sock", "--pull", fleet.pull_address},
+    };
+    for (const auto &row : rows) {
+        std::vector<std::string> arguments = {
+            TAVRIX_EVENTSD, "--publish", support::free_bus_address(), "--slot", fleet.slot, "--socket", "events.sock"};
+        arguments.insert(arguments.end(), row.begin(), row.end());
+        EXPECT_EQ(support::run(arguments).status, 1) << row.front();
         EXPECT_EQ(shared_number(), 1);
+        EXPECT_EQ(member(member(direct(request("events.Last", "1")), "result"), "text"), "\"one\"") << row.front();
+        EXPECT_EQ(access("second.sock", F_OK), -1);
+    }
+}
+
+TEST_F(Events, LeaveTheSocketToTheServiceThatHasIt) {
+    start("3600000");
+    const Finished second = support::run(
+        {TAVRIX_EVENTSD, "--publish", support::free_bus_address(), "--slot", fleet.slot, "--socket", "events.sock"});
+    EXPECT_EQ(second.status, 1);
+    EXPECT_NE(second.diagnostics.find("Cannot listen on events.sock: another daemon serves there"), std::string::npos);
+    EXPECT_EQ(code_of(direct(request("events.Last", "1"))), "-32013");
+    fleet.events->signal(SIGKILL);
+    fleet.events->wait();
+    ASSERT_EQ(access("events.sock", F_OK), 0) << "left behind";
+    fleet.start_events("3600000");
+    EXPECT_EQ(code_of(direct(request("events.Last", "1"))), "-32013");
+}
+
+TEST_F(Events, PauseWhenTheSystemLacksDescriptors) {
+    using Clock = std::chrono::steady_clock;
+    start("3600000");
+    rlimit before{};
+    ASSERT_EQ(prlimit(fleet.events->pid(), RLIMIT_NOFILE, nullptr, &before), 0);
+    const rlimit few{8, before.rlim_max}; // enough for poll, which counts what it is given
+    const auto begin = Clock::now();
+    ASSERT_EQ(prlimit(fleet.events->pid(), RLIMIT_NOFILE, &few, nullptr), 0);
+    const StreamClient client = StreamClient::unix_path("events.sock");
+    client.say(request("events.Last", "1"));
+    EXPECT_TRUE(support::wait_until(
+        [&] { return fleet.events->times_said("tavrix_socket_accept: Too many open files") >= 3; }));
+    EXPECT_GE(Clock::now() - begin, std::chrono::milliseconds(200)) << "they do not spin";
+    ASSERT_EQ(prlimit(fleet.events->pid(), RLIMIT_NOFILE, &before, nullptr), 0);
+    EXPECT_EQ(code_of(client.hear()), "-32013");
+}
+
+TEST_F(Events, RereadTheLoggersConfigurationWhenANotificationSaysSo) {
+    support::BusSocket peer(TAVRIX_SP_PUB);
+    const std::string address = support::free_bus_address();
+    peer.bind(address);
+    start_router();
+    fleet.start_events("3600000", {"--connect", address});
+    const char *level = "debug";
+    for (const char *channel : {TAVRIX_CHANNEL_DEFAULT, TAVRIX_CHANNEL_EVENTS}) {
+        support::write_file("tavrix_lsyslog.conf", std::string("[logging_levels]\neventsd=") + level + "\n");
+        const std::string set = std::string("Logging level set to ") + level;
+        const int before = fleet.events->times_said(set);
+        EXPECT_TRUE(support::wait_until([&] { // the first ones may come before the connection stands
+            tavrix_mq_socket_send(
+                peer.number, (channel + std::string(R"(|{"jsonrpc":"2.0","method":"logger.ReloadConf"})")).c_str());
+            return fleet.events->times_said(set) > before;
+        })) << channel;
+        level = "verbose";
+    }
+}
+
+/** Of two services on a channel, the router hears one only. */
+TEST_F(Events, AreNotReadyByAnotherServicesWelcome) {
+    support::write_file("tavrix_lsyslog.conf", "[logging_levels]\nrouterd=info\neventsd=info\nunheard=info\n");
+    const std::string unheard_slot = fleet.slot + "-unheard";
+    fleet.start_router({"--connect", fleet.events_address, "--reply-timeout", "100"});
+    Process unheard("unheard", {TAVRIX_EVENTSD, "--name", "unheard", "--publish", support::free_bus_address(),
+                                "--connect", fleet.router_address, "--slot", unheard_slot});
+    const auto number = [&] {
+        int value = 0;
+        tavrix_shm_get_int(unheard_slot.c_str(), &value);
+        return value;
+    };
+    const auto reported = [&] {
+        call("events.Report", R"({"text":"to both"})");
+        return number() > 0;
+    };
+    ASSERT_TRUE(support::wait_until(reported)) << "it hears the router";
+    fleet.start_events("3600000");
+    const int before = number();
+    call("events.Report", R"({"text":"after the welcome"})");
+    EXPECT_TRUE(support::wait_until([&] { return number() > before; })) << "and has heard the welcome, too";
+    EXPECT_EQ(unheard.times_said("unheard ready"), 0) << unheard.log();
+    shm_unlink(unheard_slot.c_str());
+}
+
+TEST(Daemons, RefuseASocketPathThatIsNotTheirs) {
+    Fleet fleet;
+    support::write_file("notes.txt", "somebody's");
+    const std::string too_long(108, 'q');
+    for (const char *daemon : {TAVRIX_ROUTERD, TAVRIX_EVENTSD}) {
+        const auto complaint = [&](const std::string &path) {
+            const Finished finished =
+                support::run({daemon, "--publish", support::free_bus_address(), "--socket", path});
+            EXPECT_EQ(finished.status, 1) << daemon;
+            return finished.diagnostics;
+        };
+        EXPECT_NE(complaint("notes.txt").find("Cannot listen on notes.txt: there is a file that is no socket"),
+                  std::string::npos);
+        EXPECT_EQ(support::read_file("notes.txt"), "somebody's");
+        EXPECT_NE(complaint(too_long).find("a socket's path has at most 107 bytes"), std::string::npos);
+        EXPECT_EQ(access(too_long.substr(0, 107).c_str(), F_OK), -1) << "not cut either";
     }
 }
 
@@ -479,9 +586,19 @@ TEST(EventsDaemon, SaysWhatIsWrongWithItsScript) {
         EXPECT_EQ(finished.status, 1) << text;
         EXPECT_NE(finished.diagnostics.find("bad.txt:2: a port id and up or down are wanted"), std::string::npos);
     }
-    EXPECT_EQ(support::run(
-                  {TAVRIX_EVENTSD, "--script", "missing.txt", "--publish", fleet.events_address, "--slot", fleet.slot})
-                  .status,
-              1);
-    EXPECT_EQ(support::run({TAVRIX_EVENTSD, "--help"}).status, 0);
+    for (const std::string path : {"missing.txt", "."}) { // the second is a folder
+        const Finished finished =
+            support::run({TAVRIX_EVENTSD, "--publish", fleet.events_address, "--script", path, "--slot", fleet.slot});
+        EXPECT_EQ(finished.status, 1) << path;
+        EXPECT_NE(finished.diagnostics.find("Cannot read the script " + path), std::string::npos);
+    }
+}
+
+TEST(EventsDaemon, TellsOfItsDefaultsAndLimitsInItsHelp) {
+    const Finished help = support::run({TAVRIX_EVENTSD, "--help"});
+    EXPECT_EQ(help.status, 0);
+    for (const char *text : {"may be repeated (default tcp://127.0.0.1:7001)", "(default tcp://127.0.0.1:7003)",
+                             "less than the router's --reply-timeout", "ports.WaitLinkChanged", "CAP_DAC_OVERRIDE"}) {
+        EXPECT_NE(help.output.find(text), std::string::npos) << text;
+    }
 }

@@ -481,7 +481,8 @@ TEST(PortsDaemon, ObeysSignalsInAFloodOfMessages) {
     }
     support::Process service("flooded", arguments);
     const std::string request_text =
-        R"(|{"jsonrpc":"2.0","method":"service.Welcome","id":"nobody","params":{"list":)" + numbers(1, 4000) + "}}";
+        R"(|{"jsonrpc":"2.0","method":"service.Welcome","id":"nobody","params":{"name":"portsd","list":)" +
+        numbers(1, 4000) + "}}";
     for (const char *channel : {TAVRIX_CHANNEL_FIRST, TAVRIX_CHANNEL_DEFAULT}) {
         std::atomic<bool> enough{false};
         std::thread flood([&] {

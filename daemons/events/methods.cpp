@@ -4,6 +4,7 @@
 #include <array>
 #include <random>
 
+#include "common/error_data.h"
 #include "common/log.h"
 #include "common/signals.h"
 
@@ -11,7 +12,9 @@ namespace events {
 
 namespace {
 
+using daemon_support::error_message;
 using daemon_support::Json;
+using daemon_support::method;
 using daemon_support::Text;
 
 constexpr char unit_name[] = "events";
@@ -61,7 +64,7 @@ int report(json_t *params, json_t **result, json_t **error_data) {
         return rc;
     }
     if (json_string_length(json_object_get(params, "text")) >= text.size()) { // it has been cut
-        *error_data = json_pack("{s:s}", "message", "Parameter 'text' has more than 127 bytes.");
+        *error_data = error_message("Parameter 'text' has more than 127 bytes.");
         return TAVRIX_ERR_INVALID_PARAMETER;
     }
     return answer(to_json(service.log->add("report", "", text.data())), result);
@@ -72,7 +75,7 @@ int describe(json_t *params, json_t **result, json_t **error_data) {
     int rc = tavrix_jrpc_utils_retrieve_input_port_id(params, error_data, "port_id", port_id.data(), port_id.size(),
                                                       false, false, true, true);
     if (rc == TAVRIX_ERR_VALIDATION) {
-        *error_data = json_pack("{s:s}", "message", "Parameter 'port_id' has no valid value.");
+        *error_data = error_message("Parameter 'port_id' has no valid value.");
         return TAVRIX_ERR_INVALID_PARAMETER;
     }
     if (rc != TAVRIX_OK) {
@@ -82,7 +85,7 @@ int describe(json_t *params, json_t **result, json_t **error_data) {
         return TAVRIX_ERR_UNIMPLEMENTED;
     }
     json_t *ports = nullptr;
-    rc = service.ports->get(port_id.data(), &ports);
+    rc = service.ports->get(port_id.data(), &ports, error_data);
     if (rc != TAVRIX_OK) {
         return rc;
     }
@@ -147,7 +150,7 @@ int PortsClient::settle(Clock::time_point end) const {
     return TAVRIX_ERR_TIMEOUT;
 }
 
-int PortsClient::get(const std::string &port_id, json_t **ports_out) {
+int PortsClient::get(const std::string &port_id, json_t **ports_out, json_t **error_data) {
     ++transaction_id_;
     const auto end = Clock::now() + std::chrono::milliseconds(timeout_ms_);
     int rc = settle(end);
@@ -164,7 +167,10 @@ int PortsClient::get(const std::string &port_id, json_t **ports_out) {
     const json_t *error = json_object_get(reply.get(), "error");
     if (error != nullptr) {
         const json_int_t code = json_integer_value(json_object_get(error, "code"));
-        return tavrix_jrpc_error_convert_jrpc_to_tavrix(static_cast<int>(code));
+        json_t *data = json_object_get(error, "data");
+        *error_data = json_is_object(data) ? json_incref(data) : nullptr;
+        const int status = tavrix_jrpc_error_convert_jrpc_to_tavrix(static_cast<int>(code));
+        return status == TAVRIX_JRPC_UNKNOWN_ERROR ? TAVRIX_ERR_GENERAL : status;
     }
     *ports_out = json_incref(json_object_get(json_object_get(reply.get(), "result"), "ports"));
     return *ports_out != nullptr ? TAVRIX_OK : TAVRIX_ERR_GENERAL;
@@ -174,10 +180,10 @@ void set_service(const Service &wanted) { service = wanted; }
 
 std::vector<tavrix_jrpc_method> methods() {
     return {
-        {"events.Get", get},
-        {"events.Last", last},
-        {"events.Report", report},
-        {"events.Describe", describe},
+        method<get>("events.Get"),
+        method<last>("events.Last"),
+        method<report>("events.Report"),
+        method<describe>("events.Describe"),
     };
 }
 

@@ -36,8 +36,8 @@ class PortsClient {
      */
     bool open(const std::string &ports_address, const int *publisher, int timeout_ms,
               std::vector<daemon_support::Watch> meanwhile);
-    /** ports.Get for one port: its "ports" list as a new reference, or the status that the reply carries. */
-    int get(const std::string &port_id, json_t **ports_out);
+    /** ports.Get for one port: its "ports" list as a new reference, or the status and data that the reply carries. */
+    int get(const std::string &port_id, json_t **ports_out, json_t **error_data);
 
   private:
     using Clock = std::chrono::steady_clock;

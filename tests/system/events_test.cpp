@@ -15,6 +15,7 @@
 
 #include "support/fleet.h"
 #include "support/json.h"
+#include "tavrix_error.h"
 #include "tavrix_jrpc.h"
 #include "tavrix_mq.h"
 #include "tavrix_shm.h"
@@ -163,7 +164,10 @@ TEST_F(Events, PlayTheirScriptInTurnAndShareTheLastNumber) {
               R"({"number":2,"kind":"link","entity":"d2","text":"down"})");
     EXPECT_EQ(member(member(call("events.Get", R"({"number":3})"), "result"), "entity"), "\"c1-1\"")
         << "again from its start";
-    EXPECT_EQ(code_of(call("events.Get", R"({"number":100000})")), "-32013");
+    const std::string unknown = call("events.Get", R"({"number":100000})");
+    EXPECT_EQ(code_of(unknown), "-32013");
+    EXPECT_EQ(member(member(unknown, "error"), "data"),
+              std::string(R"({"message":")") + tavrix_error_decode(TAVRIX_ERR_NO_RECORDS) + "\"}");
     EXPECT_EQ(code_of(call("events.Get")), "-32602");
 }
 
@@ -419,19 +423,26 @@ TEST_F(EventsWithPlayedPorts, AreDescribedByTheReplyToTheirOwnCallOnly) {
 
 TEST_F(EventsWithPlayedPorts, PassOnTheErrorOfThePortsServiceAndSurviveAnEmptyReply) {
     start_all("20000");
+    const auto text_of = [](int status) {
+        return std::string(R"({"message":")") + tavrix_error_decode(status) + "\"}";
+    };
     const struct {
         const char *members;
         const char *code;
+        std::string data;
     } rows[] = {
-        {R"("error":{"code":-32034,"message":"No such port"})", "-32034"},
-        {R"("error":{})", "-32001"},
-        {R"("result":0)", "-32001"},
-        {R"("result":{})", "-32001"},
+        {R"("error":{"code":-32034,"data":{"message":"why"}})", "-32034", R"({"message":"why"})"},
+        {R"("error":{"code":-32034,"data":null})", "-32034", text_of(TAVRIX_ERR_NO_SUCH_PORT)},
+        {R"("error":{})", "-32001", text_of(TAVRIX_ERR_GENERAL)},
+        {R"("result":0)", "-32001", text_of(TAVRIX_ERR_GENERAL)},
+        {R"("result":{})", "-32001", text_of(TAVRIX_ERR_GENERAL)},
     };
     for (const auto &row : rows) {
         const StreamClient client = describe("c1-1");
         ports->reply(ports->next_request(), row.members);
-        EXPECT_EQ(code_of(client.hear()), row.code) << row.members;
+        const std::string answer = client.hear();
+        EXPECT_EQ(code_of(answer), row.code) << row.members;
+        EXPECT_EQ(member(member(answer, "error"), "data"), row.data) << row.members;
     }
 }
 

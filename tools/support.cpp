@@ -73,8 +73,8 @@ Json parse_params(const std::string &text, bool *valid) {
 
 Json make_request(const std::string &method, Json params, const std::string &id) {
     Json request(json_pack("{s:s, s:s}", "jsonrpc", "2.0", "method", method.c_str()));
-    if (request && !id.empty()) {
-        json_object_set_new(request.get(), "id", json_string(id.c_str()));
+    if (request && !id.empty() && json_object_set_new(request.get(), "id", json_string(id.c_str())) != 0) {
+        return nullptr;
     }
     if (request && params) {
         json_object_set(request.get(), "params", params.get());

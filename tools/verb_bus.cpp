@@ -53,7 +53,11 @@ class BusSocket {
     explicit BusSocket(int sp_type) {
         if (tavrix_mq_socket_init(sp_type, &socket_) != TAVRIX_OK) {
             socket_ = -1;
+            return;
         }
+        // At the first larger message nanomsg would drop the publisher's connection for good.
+        constexpr int limit = 8 * 1024 * 1024;
+        nn_setsockopt(socket_, NN_SOL_SOCKET, NN_RCVMAXSIZE, &limit, sizeof limit);
     }
     BusSocket(const BusSocket &) = delete;
     BusSocket &operator=(const BusSocket &) = delete;

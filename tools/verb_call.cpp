@@ -68,7 +68,7 @@ int call(const CallOptions &options) {
     }
     const Json request = make_request(options.method, std::move(params), options.notification ? "" : options.id);
     if (!request) {
-        complain("METHOD is no valid UTF-8 text");
+        complain("METHOD or --id is no valid UTF-8 text");
         return exit_usage;
     }
     const json_int_t transaction_id = options.transaction_id.value_or(fresh_transaction_id());

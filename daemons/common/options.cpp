@@ -89,7 +89,7 @@ void Options::print_help() const {
         std::printf("%s\n", note.c_str());
     }
     std::printf("SIGTERM and SIGINT end the daemon, SIGHUP makes it reread its logger's configuration.\n"
-                "exit status: 0 ended by a signal, 1 cannot start, 2 wrong usage or configuration file\n");
+                "exit status: 0 ended by a signal, 1 cannot start or go on, 2 wrong usage or configuration file\n");
 }
 
 /** `origin` names the option as the user wrote it. */
@@ -140,8 +140,9 @@ bool Options::read_command_line(int argc, char **argv, bool *finished) {
             *finished = true;
             return true;
         } else if (found < 0 || found > own) {
+            const bool is_letter = found == '?' && optopt > ' '; // getopt has not moved on behind its word yet
             return complain(std::string(found == ':' ? "a value is missing after " : "there is no option ") +
-                            argv[optind - 1]);
+                            (is_letter ? std::string("-") + static_cast<char>(optopt) : argv[optind - 1]));
         } else {
             Option &option = options_[static_cast<size_t>(found)];
             if (!store(&option, optarg, "--" + option.name)) {

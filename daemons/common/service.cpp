@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstring>
 
+#include <nanomsg/nn.h>
 #include <poll.h>
 
 #include "common/log.h"
@@ -19,6 +20,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr char unit_name[] = "service";
 constexpr int take_time_ms = 20;
+constexpr size_t max_name = 50;
 constexpr int messages_per_turn = 64; // a peer that floods the bus must not keep the rest of the loop waiting
 
 Service *the_service = nullptr;
@@ -57,6 +59,11 @@ void serve_watched(const std::vector<Watch> &watches, const std::vector<pollfd> 
 int on_service_hello(json_t * /*params*/, json_t ** /*result*/, json_t ** /*error_data*/) { return TAVRIX_OK; }
 
 } // namespace
+
+bool receive_large_messages(const BusSocket &socket) {
+    constexpr int limit = 8 * 1024 * 1024;
+    return nn_setsockopt(*socket.get(), NN_SOL_SOCKET, NN_RCVMAXSIZE, &limit, sizeof limit) == 0;
+}
 
 bool wait_within(int timeout_ms, const char *awaited, const BusSocket &socket, const std::function<bool()> &take,
                  const std::vector<Watch> &meanwhile) {
@@ -100,7 +107,7 @@ Service::Service(ServiceConfig config, const std::vector<tavrix_jrpc_method> &me
 Service::~Service() { the_service = nullptr; }
 
 bool Service::listen_on(const std::string &channel, BusSocket *socket, int *descriptor) {
-    if (tavrix_jrpc_mq_sub_init(socket->place(), 1) != TAVRIX_OK ||
+    if (tavrix_jrpc_mq_sub_init(socket->place(), 1) != TAVRIX_OK || !receive_large_messages(*socket) ||
         tavrix_mq_socket_recvfd(*socket->get(), descriptor) != TAVRIX_OK) {
         LOG_ERROR("Cannot make a subscriber\n");
         return false;
@@ -115,7 +122,17 @@ bool Service::listen_on(const std::string &channel, BusSocket *socket, int *desc
     return true;
 }
 
+/** The logger reads no longer name from its configuration, and the bus carries text only. */
+bool Service::has_usable_name() const {
+    const Json text(json_string(config_.name.c_str()));
+    return text && !config_.name.empty() && config_.name.size() <= max_name;
+}
+
 bool Service::open() {
+    if (!has_usable_name()) {
+        LOG_ERROR("The name has to be 1 to %d bytes of UTF-8\n", static_cast<int>(max_name));
+        return false;
+    }
     if (tavrix_jrpc_mq_pub_init(config_.publish.c_str(), pub_.place()) != TAVRIX_OK) {
         LOG_ERROR("Cannot publish on %s\n", config_.publish.c_str());
         return false;

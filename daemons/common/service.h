@@ -39,6 +39,12 @@ struct ServiceConfig {
 
 constexpr int hello_interval_ms = 50; ///< between two hellos that are not answered yet
 
+/**
+ * Lets a new subscriber receive messages of up to 8 MiB. nanomsg drops a publisher's connection at the first one that
+ * is larger than the subscriber's limit, 1 MiB as it comes, and does not connect again.
+ */
+bool receive_large_messages(const BusSocket &socket);
+
 /** What a loop does whenever the descriptor is readable. */
 struct Watch {
     int descriptor;
@@ -77,6 +83,7 @@ class Service {
     static int on_welcome(json_t *params, json_t **result, json_t **error_data);
     static int on_probe(json_t *params, json_t **result, json_t **error_data);
 
+    bool has_usable_name() const;
     bool listen_on(const std::string &channel, BusSocket *socket, int *descriptor);
     void say_hello();
     void serve_requests();

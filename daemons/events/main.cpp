@@ -177,7 +177,9 @@ int main(int argc, char **argv) {
     options.text("publish", "ADDRESS", "bus address to publish on", &config.service.publish);
     options.list("connect", "ADDRESS", "bus address to listen to: the router's; may be repeated",
                  &config.service.connect);
-    options.text("ports", "ADDRESS", "where the ports service publishes, for events.Describe", &config.ports_address);
+    options.text("ports", "ADDRESS",
+                 "where the ports service publishes, for events.Describe; it has to --connect to this service too",
+                 &config.ports_address);
     options.number("wait-timeout", "MS", "how long events.Describe waits for it; other requests wait as long", 1,
                    longest_time_ms, &config.wait_timeout_ms);
     options.text("socket", "PATH", "unix socket to answer requests on directly", &config.socket_path);

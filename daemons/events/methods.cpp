@@ -102,7 +102,8 @@ bool PortsClient::open(const std::string &ports_address, const int *publisher, i
     timeout_ms_ = timeout_ms;
     meanwhile_ = std::move(meanwhile);
     transaction_id_ = std::random_device()(); // a reply to an earlier run's call must not fit one of this run's
-    if (tavrix_jrpc_mq_sub_init(replies_.place(), 1) != TAVRIX_OK) {
+    if (tavrix_jrpc_mq_sub_init(replies_.place(), 1) != TAVRIX_OK ||
+        !daemon_support::receive_large_messages(replies_)) {
         return false;
     }
     if (tavrix_jrpc_mq_sub_set_channel(ports_address.c_str(), reply_channel, replies_.place()) != TAVRIX_OK) {

@@ -29,7 +29,10 @@ int main(int argc, char **argv) {
                                     "tavrix-portsd --publish tcp://127.0.0.1:7002 --connect tcp://127.0.0.1:7001");
     options.text("name", "NAME", "the daemon's name in the logger's configuration", &config.name);
     options.text("publish", "ADDRESS", "bus address to publish on", &config.publish);
-    options.list("connect", "ADDRESS", "bus address to listen to: the router's; may be repeated", &config.connect);
+    options.list(
+        "connect", "ADDRESS",
+        "bus address to listen to: the router's, and that of each service that calls this one; may be repeated",
+        &config.connect);
     options.text("database", "FILE", "the configuration database", &database_path);
     options.text("events", "ADDRESS", "where the events service publishes, for ports.WaitLinkChanged",
                  &service_context.events_address);

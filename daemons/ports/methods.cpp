@@ -292,7 +292,7 @@ int register_unit(json_t *params, json_t **result, json_t **error_data) {
 
 /** Subscribes a socket of its own to a notification. */
 bool listen_for(const std::string &address, const char *method, BusSocket *socket) {
-    if (tavrix_jrpc_mq_sub_init(socket->place(), 0) != TAVRIX_OK) {
+    if (tavrix_jrpc_mq_sub_init(socket->place(), 0) != TAVRIX_OK || !daemon_support::receive_large_messages(*socket)) {
         return false;
     }
     if (tavrix_jrpc_mq_sub_set_channel(address.c_str(), method, socket->place()) != TAVRIX_OK) {

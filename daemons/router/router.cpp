@@ -35,6 +35,7 @@ constexpr std::chrono::seconds probe_time{5};
 constexpr std::chrono::milliseconds tcp_attempt_interval{1000};
 constexpr int pause_ms = 200;
 constexpr int messages_per_turn = 100;
+constexpr size_t max_shown = 200;
 constexpr char own_prefix[] = "router.";
 constexpr const char *service_channels[] = {TAVRIX_CHANNEL_FIRST, TAVRIX_CHANNEL_EVENTS, TAVRIX_CHANNEL_INTERFACES,
                                             TAVRIX_CHANNEL_DEFAULT};
@@ -98,6 +99,9 @@ std::string text_member(const json_t *object, const char *key) {
 std::string printable(const std::string &text) {
     std::string safe;
     for (const char c : text) {
+        if (safe.size() >= max_shown) {
+            return safe + "..."; // a longer line would lose its end, and the next one its beginning
+        }
         char escaped[5] = {c, '\0'};
         if (c < ' ' || c > '~' || c == '\\') {
             std::snprintf(escaped, sizeof escaped, "\\x%02x", static_cast<unsigned>(static_cast<unsigned char>(c)));
@@ -198,7 +202,7 @@ bool Router::open_bus() {
         LOG_ERROR("Cannot publish on %s\n", config_.publish.c_str());
         return false;
     }
-    if (tavrix_jrpc_mq_sub_init(sub_.place(), 1) != TAVRIX_OK) {
+    if (tavrix_jrpc_mq_sub_init(sub_.place(), 1) != TAVRIX_OK || !daemon_support::receive_large_messages(sub_)) {
         LOG_ERROR("Cannot make a subscriber\n");
         return false;
     }
@@ -364,6 +368,7 @@ void Router::forward(Json request, const StreamSocket &client) {
 void Router::await_reply(const Pending &pending, const StreamSocket &client) {
     const auto end = Clock::now() + std::chrono::milliseconds(config_.reply_timeout_ms);
     for (int left_ms = milliseconds_until(end); left_ms > 0; left_ms = milliseconds_until(end)) {
+        left_ms = std::min(left_ms, do_what_is_due());
         std::array<pollfd, 3> descriptors = {readable(signal_descriptor()), readable(sub_descriptor_),
                                              pollfd{*client.get(), 0, 0}};
         wait_for(&descriptors, left_ms);

@@ -433,6 +433,7 @@ TEST_F(Road, StopsAndSaysWhyItCannotStart) {
     fleet.ports->signal(SIGTERM);
     EXPECT_EQ(fleet.ports->wait(), 0);
     EXPECT_NE(fleet.ports->log().find("portsd stopped"), std::string::npos);
+    const std::string fifty_one(51, 'n');
     const struct {
         const char *option;
         const char *value;
@@ -442,6 +443,9 @@ TEST_F(Road, StopsAndSaysWhyItCannotStart) {
         {"--events", "nonsense", "Cannot listen to nonsense"},
         {"--connect", "nonsense", "Cannot listen to nonsense"},
         {"--publish", "nonsense", "Cannot publish on nonsense"},
+        {"--name", "\xff", "The name has to be 1 to 50 bytes of UTF-8"},
+        {"--name", "", "The name has to be 1 to 50 bytes of UTF-8"},
+        {"--name", fifty_one.c_str(), "The name has to be 1 to 50 bytes of UTF-8"},
     };
     for (const auto &row : rows) {
         const support::Finished finished =

@@ -39,9 +39,9 @@ std::string reply_to(const std::string &on_bus, const std::string &result) {
     return reply_of(member(on_bus, "method"), result, member(on_bus, "transaction_id"));
 }
 
-/** A reply of nearly the largest size that the bus carries, far above what a socket's buffer holds. */
+/** A reply far above what a socket's buffer holds, and above what a bus socket receives unasked. */
 std::string large_reply_to(const std::string &on_bus) {
-    return reply_to(on_bus, "\"" + std::string(1000000, 'x') + "\"");
+    return reply_to(on_bus, "\"" + std::string(3000000, 'x') + "\"");
 }
 
 size_t count_of(const std::string &text, const std::string &part) {
@@ -787,6 +787,32 @@ TEST(RouterDaemon, AsksForServicesAlsoWhileItIsBusy) {
         probes += member(service.next_request(1), "method") == "\"service.Probe\"" ? 1 : 0;
         return probes == 3;
     }));
+}
+
+TEST(RouterDaemon, AsksForServicesAlsoWhileARequestWaits) {
+    Fleet fleet;
+    fleet.start_router({"--connect", fleet.events_address, "--reply-timeout", "60000"});
+    PlayedService service(fleet, first_channel);
+    const StreamClient client = fleet.connect();
+    client.say(request("ports.Get", "1"));
+    while (member(service.next_request(), "method") != "\"ports.Get\"") {
+    }
+    EXPECT_EQ(member(service.next_request(), "method"), "\"service.Probe\"");
+}
+
+TEST(RouterDaemon, NamesTheShortOptionThatItDoesNotKnow) {
+    const support::Finished finished = support::run({TAVRIX_ROUTERD, "--socket", "a.sock", "-xy"});
+    EXPECT_EQ(finished.status, 2);
+    EXPECT_NE(finished.diagnostics.find("there is no option -x"), std::string::npos) << finished.diagnostics;
+}
+
+TEST(RouterDaemon, ShowsTheBeginningOfALongNameOnly) {
+    Fleet fleet;
+    fleet.start_router();
+    for (const int length : {201, 8000}) {
+        fleet.ask(R"({"jsonrpc":"2.0","method":")" + std::string(static_cast<size_t>(length), 'm') + "\"}");
+        EXPECT_TRUE(fleet.router->says("Refused the notification " + std::string(200, 'm') + "... of a client\n"));
+    }
 }
 
 TEST(RouterDaemon, KnowsAServiceByItsLatestChannel) {

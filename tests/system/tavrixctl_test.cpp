@@ -326,6 +326,8 @@ TEST(CtlCall, RefusesWrongUsage) {
         {"call", "m", "--tcp", "localhost:65536"},
         {"call", "m", "--notification"},
         {"call", "m", "--id", ""},
+        {"call", "m", "--id", "\xff"},
+        {"call", "\xff"},
         {"call", "m", "--direct", "x", "--id", ""},
         {"call", "m", "{\"long\":\"" + std::string(8192, 'x') + "\"}"},
         {"call", "m", "--direct", "x", "{\"long\":\"" + std::string(1024, 'x') + "\"}"},

@@ -1,7 +1,10 @@
 #include "events.h"
 
+#include <algorithm>
 #include <fstream>
 #include <sstream>
+
+#include <strings.h>
 
 #include "common/log.h"
 #include "tavrix.h"
@@ -44,6 +47,13 @@ const Event *Log::find(int number) const {
         }
     }
     return nullptr;
+}
+
+const Event *Log::last_of(const std::string &port_id) const {
+    const auto found = std::find_if(kept_.rbegin(), kept_.rend(), [&port_id](const Event &event) {
+        return strcasecmp(event.entity.c_str(), port_id.c_str()) == 0;
+    });
+    return found != kept_.rend() ? &*found : nullptr;
 }
 
 bool read_script(const std::string &path, std::vector<LinkChange> *out) {

@@ -35,6 +35,8 @@ class Log {
     /** Null when the event is not kept, or never was. */
     const Event *find(int number) const;
     const Event *last() const { return kept_.empty() ? nullptr : &kept_.back(); }
+    /** The latest link event of a port, however its letter is written; null when none is kept. */
+    const Event *last_of(const std::string &port_id) const;
 
   private:
     std::string slot_;

@@ -89,7 +89,7 @@ int describe(json_t *params, json_t **result, json_t **error_data) {
     if (rc != TAVRIX_OK) {
         return rc;
     }
-    const Event *event = service.log->last();
+    const Event *event = service.log->last_of(port_id.data());
     json_t *last_event = event != nullptr ? to_json(*event) : json_null();
     return answer(json_pack("{s:o, s:o}", "ports", ports, "last_event", last_event), result);
 }

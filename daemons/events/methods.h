@@ -8,6 +8,8 @@
  * | events.Report   | text, 127 bytes | the event that was made of it                                |
  * | events.Describe | port_id         | the port, asked of the ports service, and its latest event   |
  *
+ * A port without an event that is kept has null for it.
+ *
  * And it publishes, on the channel of that name, the notification events.LinkChanged with the event as its params.
  */
 #ifndef TAVRIX_DAEMONS_EVENTS_METHODS_H

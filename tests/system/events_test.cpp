@@ -193,6 +193,27 @@ TEST_F(Events, DescribeAPortByAskingThePortsService) {
     EXPECT_EQ(code_of(call("events.Describe", R"({"port_id":"x"})")), "-32602");
 }
 
+TEST_F(Events, DescribeAPortWithTheLatestEventOfItsOwn) {
+    start();
+    ASSERT_TRUE(support::wait_until([&] { return shared_number() >= 3; }));
+    call("events.Report", R"({"text":"of no port"})");
+    const auto last_event = [&](const std::string &port_id) {
+        return member(member(call("events.Describe", R"({"port_id":")" + port_id + "\"}"), "result"), "last_event");
+    };
+    const struct {
+        const char *port_id;
+        const char *entity;
+        const char *state;
+    } rows[] = {{"c1-1", "\"c1-1\"", "\"up\""}, {"C1-1", "\"c1-1\"", "\"up\""}, {"d2", "\"d2\"", "\"down\""}};
+    for (const auto &row : rows) {
+        const std::string event = last_event(row.port_id);
+        EXPECT_EQ(member(event, "entity"), row.entity) << event;
+        EXPECT_EQ(member(event, "text"), row.state) << event;
+    }
+    EXPECT_GT(std::stoi(member(last_event("c1-1"), "number")), 1) << "the latest, not the first";
+    EXPECT_EQ(last_event("d1"), "null");
+}
+
 TEST_F(Events, AnswerDirectlyOnTheirOwnSocket) {
     start("3600000");
     EXPECT_EQ(code_of(direct(request("events.Last", "1"))), "-32013") << "nothing has happened yet";

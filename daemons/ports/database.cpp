@@ -46,9 +46,16 @@ int status_of(int sqlite_code) {
     }
 }
 
+/** The status for the call that has just failed: the layer's own does not tell a lock from anything else. */
+int failure_of(sqlite3 *handle) {
+    const int status = status_of(sqlite3_errcode(handle));
+    return status != TAVRIX_OK ? status : TAVRIX_ERR_SYSTEM_ACCESS;
+}
+
 /**
  * Rolls back unless committed. The lock for writing is taken at once, which the layer's own begin leaves to the first
- * change: between here and the commit nothing has to wait for another process, and what is read first stays true.
+ * change: from here on nothing but the commit, which lets readers finish, has to wait for another process, and what is
+ * read first stays true.
  */
 class Transaction {
   public:
@@ -67,9 +74,8 @@ class Transaction {
     }
     int status() const { return status_; }
     int commit() {
-        const int rc = tavrix_db_commit_transaction(handle_);
-        committed_ = rc == TAVRIX_OK;
-        return rc;
+        committed_ = tavrix_db_commit_transaction(handle_) == TAVRIX_OK;
+        return committed_ ? TAVRIX_OK : failure_of(handle_);
     }
 
   private:
@@ -92,22 +98,36 @@ std::string text_column(sqlite3_stmt *statement, int column) {
     return text == nullptr ? "" : reinterpret_cast<const char *>(text);
 }
 
+int prepare(sqlite3 *handle, const std::string &path, const std::string &sql, Statement *out) {
+    sqlite3_stmt *prepared = nullptr;
+    if (tavrix_db_prepare_statement(handle, path.c_str(), &prepared, sql.c_str()) != TAVRIX_OK) {
+        return failure_of(handle);
+    }
+    out->reset(prepared);
+    return TAVRIX_OK;
+}
+
+/** Reads the one number that a query is for; `name` is what the log calls it. */
+int read_number(sqlite3 *handle, const std::string &path, const char *name, const std::string &sql, int64_t *out) {
+    const int rc = tavrix_db_get_single_id_result(handle, path.c_str(), name, out, "%s", sql.c_str());
+    return rc == TAVRIX_OK ? TAVRIX_OK : failure_of(handle);
+}
+
 int run_bound(sqlite3 *handle, const std::string &path, const char *sql, std::initializer_list<int> numbers,
               std::initializer_list<const char *> texts) {
-    sqlite3_stmt *prepared = nullptr;
-    const int rc = tavrix_db_prepare_statement(handle, path.c_str(), &prepared, sql);
+    Statement statement;
+    const int rc = prepare(handle, path, sql, &statement);
     if (rc != TAVRIX_OK) {
         return rc;
     }
-    const Statement statement(prepared);
     int position = 0;
     for (const int number : numbers) {
-        sqlite3_bind_int(prepared, ++position, number);
+        sqlite3_bind_int(statement.get(), ++position, number);
     }
     for (const char *text : texts) {
-        sqlite3_bind_text(prepared, ++position, text, -1, SQLITE_TRANSIENT);
+        sqlite3_bind_text(statement.get(), ++position, text, -1, SQLITE_TRANSIENT);
     }
-    return status_of(sqlite3_step(prepared));
+    return status_of(sqlite3_step(statement.get()));
 }
 
 } // namespace
@@ -129,21 +149,20 @@ int Database::open() {
 }
 
 int Database::count(const char *table, const char *condition, int64_t *out) {
-    return tavrix_db_get_single_id_result(handle_, path_.c_str(), table, out, "SELECT count(*) FROM %s WHERE %s", table,
-                                          condition);
+    return read_number(handle_, path_, table, std::string("SELECT count(*) FROM ") + table + " WHERE " + condition,
+                       out);
 }
 
 int Database::check_selection(const Selection &selection) {
-    const int rc = open();
+    int rc = open();
     if (rc != TAVRIX_OK || selection.all) {
         return rc;
     }
     int64_t found = 0;
     const bool unit_meant = selection.port == whole_unit;
-    if (count(unit_meant ? "units" : "ports",
-              unit_meant ? ("unit = " + std::to_string(selection.unit)).c_str() : where(selection).c_str(),
-              &found) != TAVRIX_OK) {
-        return TAVRIX_ERR_SYSTEM_ACCESS;
+    rc = count(unit_meant ? "units" : "ports", where(selection).c_str(), &found);
+    if (rc != TAVRIX_OK) {
+        return rc;
     }
     if (found > 0) {
         return TAVRIX_OK;
@@ -169,12 +188,12 @@ int Database::find_ports(const Selection &selection, std::vector<Port> *out) {
     const std::string sql = "SELECT unit, port, status, poe_status, link_status, link_speed, vlan_mode, vlan_id"
                             " FROM ports LEFT JOIN vlan_members USING (unit, port) WHERE " +
                             where(selection) + " ORDER BY unit, port, vlan_id";
-    sqlite3_stmt *prepared = nullptr;
-    rc = tavrix_db_prepare_statement(handle_, path_.c_str(), &prepared, sql.c_str());
+    Statement statement;
+    rc = prepare(handle_, path_, sql, &statement);
     if (rc != TAVRIX_OK) {
         return rc;
     }
-    const Statement statement(prepared);
+    sqlite3_stmt *prepared = statement.get();
     int step = SQLITE_ROW;
     while ((step = sqlite3_step(prepared)) == SQLITE_ROW) {
         const int unit = sqlite3_column_int(prepared, 0);
@@ -198,16 +217,15 @@ int Database::find_ports(const Selection &selection, std::vector<Port> *out) {
 
 int Database::list_units(std::vector<Unit> *out) {
     int rc = open();
-    sqlite3_stmt *prepared = nullptr;
+    Statement statement;
     if (rc == TAVRIX_OK) {
-        rc = tavrix_db_prepare_statement(handle_, path_.c_str(), &prepared,
-                                         "SELECT unit, model, mac, alias, online FROM units WHERE unit > 0"
-                                         " ORDER BY unit");
+        rc = prepare(handle_, path_, "SELECT unit, model, mac, alias, online FROM units WHERE unit > 0 ORDER BY unit",
+                     &statement);
     }
     if (rc != TAVRIX_OK) {
         return rc;
     }
-    const Statement statement(prepared);
+    sqlite3_stmt *prepared = statement.get();
     int step = SQLITE_ROW;
     while ((step = sqlite3_step(prepared)) == SQLITE_ROW) {
         out->push_back(Unit{sqlite3_column_int(prepared, 0), sqlite3_column_int(prepared, 1), text_column(prepared, 2),
@@ -217,21 +235,24 @@ int Database::list_units(std::vector<Unit> *out) {
 }
 
 int Database::instant_power(const Selection &selection, int *milliwatts_out) {
-    const int rc = check_selection(selection);
-    if (rc != TAVRIX_OK) {
-        return rc;
-    }
-    const std::string condition = where(selection);
+    int rc = check_selection(selection);
     int64_t online = 0;
     int64_t poe_status = 0;
     int64_t milliwatts = 0;
-    if (tavrix_db_get_single_id_result(handle_, path_.c_str(), "online", &online,
-                                       "SELECT online FROM units WHERE unit = %d", selection.unit) != TAVRIX_OK ||
-        tavrix_db_get_single_id_result(handle_, path_.c_str(), "poe status", &poe_status,
-                                       "SELECT poe_status FROM ports WHERE %s", condition.c_str()) != TAVRIX_OK ||
-        tavrix_db_get_single_id_result(handle_, path_.c_str(), "power", &milliwatts,
-                                       "SELECT power_mw FROM ports WHERE %s", condition.c_str()) != TAVRIX_OK) {
-        return TAVRIX_ERR_SYSTEM_ACCESS;
+    const struct {
+        const char *name;
+        std::string sql;
+        int64_t *out;
+    } reads[] = {
+        {"online", "SELECT online FROM units WHERE unit = " + std::to_string(selection.unit), &online},
+        {"poe status", "SELECT poe_status FROM ports WHERE " + where(selection), &poe_status},
+        {"power", "SELECT power_mw FROM ports WHERE " + where(selection), &milliwatts},
+    };
+    for (const auto &read : reads) {
+        rc = rc == TAVRIX_OK ? read_number(handle_, path_, read.name, read.sql, read.out) : rc;
+    }
+    if (rc != TAVRIX_OK) {
+        return rc;
     }
     int unsupported = 0;
     tavrix_str_to_enum(&unsupported, "unsupported", tavrix_poe_status_strings);
@@ -302,21 +323,23 @@ int Database::register_unit(const Unit &unit) {
     }
     return in_transaction([&]() -> int {
         int64_t found = 0;
-        if (count("units", ("unit = " + std::to_string(unit.unit)).c_str(), &found) != TAVRIX_OK) {
-            return TAVRIX_ERR_SYSTEM_ACCESS;
+        int status = count("units", ("unit = " + std::to_string(unit.unit)).c_str(), &found);
+        if (status != TAVRIX_OK) {
+            return status;
         }
         if (found > 0) {
             return TAVRIX_ERR_MZU_EXISTS;
         }
         // The address is canonical: hexadecimal pairs and colons only.
-        if (count("units", ("mac = '" + unit.mac + "'").c_str(), &found) != TAVRIX_OK) {
-            return TAVRIX_ERR_SYSTEM_ACCESS;
+        status = count("units", ("mac = '" + unit.mac + "'").c_str(), &found);
+        if (status != TAVRIX_OK) {
+            return status;
         }
         if (found > 0) {
             return TAVRIX_ERR_MAC_EXISTS;
         }
-        int status = run_bound(handle_, path_, "INSERT INTO units (unit, model, mac, alias) VALUES (?, ?, ?, ?)",
-                               {unit.unit, unit.model}, {unit.mac.c_str(), unit.alias.c_str()});
+        status = run_bound(handle_, path_, "INSERT INTO units (unit, model, mac, alias) VALUES (?, ?, ?, ?)",
+                           {unit.unit, unit.model}, {unit.mac.c_str(), unit.alias.c_str()});
         for (int port = 1; status == TAVRIX_OK && port <= ports_of_a_new_unit; ++port) {
             status = status_of(
                 tavrix_sqlite3_exec_sql(handle_, "INSERT INTO ports (unit, port) VALUES (%d, %d)", unit.unit, port));

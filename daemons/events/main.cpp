@@ -192,7 +192,8 @@ int main(int argc, char **argv) {
         "service go on waiting. If the ports service waits for a link change at that time (ports.WaitLinkChanged),\n"
         "it replies when the script's next one comes, or when it has given up itself.");
     options.note(
-        "The slot's mode gives its owner no access: whoever is not root needs CAP_DAC_OVERRIDE to share the number.");
+        "The slot's mode gives its owner no access: whoever is not root needs CAP_DAC_OVERRIDE to share the number,\n"
+        "and to start again once the slot is there. Remove a slot that somebody else has made from /dev/shm.");
     int exit_status = 0;
     if (!options.parse(argc, argv, &exit_status)) {
         return exit_status;

@@ -20,15 +20,10 @@
 #include <vector>
 
 #include "common/handles.h"
+#include "common/service_names.h"
 #include "tavrix_jrpc.h"
 
 namespace daemon_support {
-
-constexpr char hello_method[] = "router.Hello";
-constexpr char welcome_method[] = "service.Welcome";
-constexpr char probe_method[] = "service.Probe";
-constexpr char service_hello_method[] = "service.Hello";
-constexpr char reload_method[] = "logger.ReloadConf";
 
 struct ServiceConfig {
     std::string name;                 ///< kept by the logger: must outlive the service

@@ -32,8 +32,8 @@ Fleet::Fleet() {
 }
 
 Process &Fleet::start_router(const std::vector<std::string> &more) {
-    std::vector<std::string> arguments = {TAVRIX_ROUTERD, "--socket",  "router.sock", "--publish",
-                                          router_address, "--connect", ports_address};
+    std::vector<std::string> arguments = {TAVRIX_ROUTERD,  "--socket",     "router.sock", "--session",  "session.sock",
+                                          "--publish",     router_address, "--connect",   ports_address};
     arguments.insert(arguments.end(), more.begin(), more.end());
     router = std::make_unique<Process>("routerd", arguments);
     if (!router->says("routerd ready")) {

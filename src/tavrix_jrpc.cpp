@@ -6,6 +6,7 @@
  */
 #include "tavrix_jrpc.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 
@@ -679,12 +680,65 @@ bool cannot_print(const char *function) {
     return false;
 }
 
+/** Pure ASCII is seen at a glance; the rare other text is for Jansson to judge. */
+bool is_utf8(const char *text, size_t length) {
+    size_t ascii = 0;
+    while (ascii < length && static_cast<unsigned char>(text[ascii]) < 0x80) {
+        ++ascii;
+    }
+    return ascii == length || Json(json_stringn(text, length)) != nullptr;
+}
+
+/** The way down to a container, as far as a loop needs it to be noticed. */
+struct Descent {
+    const json_t *landmark; ///< the container above at the last depth that was a power of two
+    size_t depth;
+};
+
 /**
- * Shows a request at verbose level, as received and as parsed. Nothing is rendered below it, but a bare value, which
- * has no rendering, is refused at every level.
+ * Whether a JSON text can hold the value: its strings and keys are UTF-8 (of a key that is not, Jansson would write
+ * half and report success), and it does not contain itself. Round a loop of any length the walk meets its landmark
+ * again, so that one comparison for each container is enough to notice.
+ */
+bool is_renderable(const json_t *value, const Descent &above) {
+    if (json_is_string(value)) {
+        return is_utf8(json_string_value(value), json_string_length(value));
+    }
+    if (!json_is_object(value) && !json_is_array(value)) {
+        return true;
+    }
+    if (value == above.landmark) {
+        return false;
+    }
+    const size_t depth = above.depth + 1;
+    const bool is_power_of_two = (depth & (depth - 1)) == 0;
+    const Descent here = {is_power_of_two ? value : above.landmark, depth};
+    for (size_t i = 0; i < json_array_size(value); ++i) {
+        if (!is_renderable(json_array_get(value, i), here)) {
+            return false;
+        }
+    }
+    json_t *object = const_cast<json_t *>(value); // Jansson's iterators could change an object; these do not
+    for (void *member = json_object_iter(object); member != nullptr; member = json_object_iter_next(object, member)) {
+        if (!is_utf8(json_object_iter_key(member), json_object_iter_key_len(member)) ||
+            !is_renderable(json_object_iter_value(member), here)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+/**
+ * Shows a request at verbose level, as received and as parsed. Nothing is rendered below it, but what has no rendering
+ * is refused at every level: a bare value, and what a caller has put together that no text can hold.
+ *
+ * @param received the text that the request was parsed from, which proves that there is a rendering; or null
  */
 bool show_routed_request(const json_t *request, const char *received, const char *function) {
     if (!json_is_object(request) && !json_is_array(request)) {
+        return cannot_print(function);
+    }
+    if (received == nullptr && !is_renderable(request, {nullptr, 0})) {
         return cannot_print(function);
     }
     if (!tavrix_lsyslog_check_severity(TAVRIX_LOG_VERBOSE)) {

@@ -1613,6 +1613,9 @@ int tavrix_jrpc_router_create_system_lock_response(json_t *request, json_t **res
 }
 
 int tavrix_jrpc_router_create_system_timeout_response(const char *id, int transaction_id, json_t **response_out) {
+    if (response_out != nullptr) {
+        *response_out = nullptr;
+    }
     if (id == nullptr || response_out == nullptr) {
         LOG_DEBUG("[%s]: NULL pointer!\n", "tavrix_jrpc_router_create_system_timeout_response");
         return TAVRIX_ERR_GENERAL;

@@ -788,7 +788,8 @@ TEST(TimeOutResponse, RefusesNullAndGivesNullWhenItCannotBeMade) {
     EXPECT_EQ(tavrix_jrpc_router_create_system_timeout_response("b", 0, nullptr), -1);
     EXPECT_EQ(
         log.count(support::debug, unit, line("tavrix_jrpc_router_create_system_timeout_response", "NULL pointer!")), 2);
-    EXPECT_EQ(response, old.json) << "untouched by a null id";
+    EXPECT_EQ(response, nullptr) << "a null id too";
+    response = old.json;
     EXPECT_EQ(tavrix_jrpc_router_create_system_timeout_response("\xff", 0, &response), -1) << "no valid UTF-8";
     EXPECT_EQ(response, nullptr);
 }

@@ -342,6 +342,32 @@ Text respond(const Envelope &envelope, Outcome *outcome, int *jrpc_code) {
     return response;
 }
 
+/** Evaluates a request, an object; `response_text` is null before. */
+int evaluate(const json_t *request, const tavrix_jrpc_method *table, char **response_text) {
+    if (!show_request(request)) {
+        return TAVRIX_ERR_GENERAL;
+    }
+    Envelope envelope;
+    Outcome outcome;
+    int code = check_envelope(request, &envelope);
+    if (code == 0) {
+        code = call_method(table, envelope, &outcome);
+    }
+    const bool is_notification = envelope.id == nullptr;
+    if (is_notification) {
+        return code == 0 ? TAVRIX_OK : TAVRIX_ERR_GENERAL;
+    }
+    if (code == 0) {
+        *response_text = respond(envelope, &outcome, &code).release();
+    }
+    if (*response_text == nullptr) {
+        // Without a method value, that is when a check before it failed, the builder refuses: meant, no response.
+        *response_text =
+            tavrix_jrpc_create_error(code, envelope.method, outcome.error_data.get(), 0, envelope.transaction_id);
+    }
+    return *response_text != nullptr ? TAVRIX_OK : TAVRIX_ERR_GENERAL;
+}
+
 // --- Framing -------------------------------------------------------------------------------------------------------
 
 struct ChannelRule {
@@ -362,6 +388,30 @@ const char *service_channel(const char *method) {
         }
     }
     return TAVRIX_CHANNEL_DEFAULT;
+}
+
+/** The reply channel that a message names, borrowed from it. A text that could not be read comes as null. */
+int find_channel(const json_t *message, const json_error_t &error, const char **channel) {
+    if (message == nullptr) {
+        LOG_DEBUG("[tavrix_jrpc_parse_channel]: Cannot parse JSON message.\n");
+        LOG_DEBUG("Error on line[%d]: %s\n", error.line, error.text);
+        return TAVRIX_ERR_GENERAL;
+    }
+    if (!json_is_object(message)) {
+        LOG_DEBUG("[tavrix_jrpc_parse_channel]: Invalid JSON\n");
+        return TAVRIX_ERR_GENERAL;
+    }
+    const json_t *id = json_object_get(message, "id");
+    if (id == nullptr) {
+        LOG_VERBOSE("[tavrix_jrpc_parse_channel]: No ID\n");
+        return TAVRIX_ERR_NO_JSON_ID;
+    }
+    if (!json_is_string(id)) {
+        LOG_DEBUG("[tavrix_jrpc_parse_channel]: Invalid ID\n");
+        return TAVRIX_ERR_GENERAL;
+    }
+    *channel = json_string_value(id);
+    return TAVRIX_OK;
 }
 
 // --- Endpoint ------------------------------------------------------------------------------------------------------
@@ -401,9 +451,11 @@ int receive_frame(int sock, Frame *frame, int nonblock) {
     return rc;
 }
 
-int split_frame(const Frame &frame, Text *json_text) {
+/** Takes the JSON text out of a frame and releases the frame: a long message is not held twice by what follows. */
+int split_frame(Frame *frame, Text *json_text) {
     char *text = nullptr;
-    const int rc = tavrix_jrpc_parse_msg(frame.text.get(), frame.length, &text);
+    const int rc = tavrix_jrpc_parse_msg(frame->text.get(), frame->length, &text);
+    frame->text.reset();
     json_text->reset(text);
     return rc;
 }
@@ -414,9 +466,9 @@ int close_failed_endpoint(int sock) {
 }
 
 /** Evaluates a request and publishes its response on the reply channel. */
-int serve(const char *json_text, const char *channel, int *pub_sock, const tavrix_jrpc_method *table) {
+int serve(const json_t *request, const char *channel, int *pub_sock, const tavrix_jrpc_method *table) {
     char *text = nullptr;
-    int rc = tavrix_jrpc_eval_request(json_text, table, &text);
+    int rc = evaluate(request, table, &text);
     const Text response(text);
     if (rc != TAVRIX_OK || !response) {
         return rc;
@@ -509,7 +561,7 @@ Json await_reply_once(int sub_sock, const char *method) {
     }
     LOG_DEBUG("[%s] Received:\n%s\n", function, frame.text.get());
     Text json_text;
-    rc = split_frame(frame, &json_text);
+    rc = split_frame(&frame, &json_text);
     if (rc != TAVRIX_OK) {
         LOG_DEBUG("Unable to parse API response, rc = %d\n", rc);
         return nullptr;
@@ -534,7 +586,7 @@ Json await_notification_once(int sub_sock, const char *method) {
     }
     LOG_DEBUG("[%s] Recv:\n%s\n", function, frame.text.get());
     Text json_text;
-    rc = split_frame(frame, &json_text);
+    rc = split_frame(&frame, &json_text);
     if (rc != TAVRIX_OK) {
         LOG_DEBUG("Unable to parse notification message, rc = %d\n", rc);
         return nullptr;
@@ -816,7 +868,7 @@ int receive_reply(int sub_sock, Text *json_text) {
     if (frame.empty()) {
         return TAVRIX_ERR_GENERAL;
     }
-    rc = split_frame(frame, json_text);
+    rc = split_frame(&frame, json_text);
     if (rc != TAVRIX_OK) {
         LOG_DEBUG("[%s]: Error parse_msg, rc = %d\n", function, rc);
     }
@@ -921,28 +973,7 @@ int tavrix_jrpc_eval_request(const char *request_text, const tavrix_jrpc_method 
         return TAVRIX_ERR_GENERAL;
     }
     const Json request = parse_request(request_text);
-    if (!request || !show_request(request.get())) {
-        return TAVRIX_ERR_GENERAL;
-    }
-    Envelope envelope;
-    Outcome outcome;
-    int code = check_envelope(request.get(), &envelope);
-    if (code == 0) {
-        code = call_method(table, envelope, &outcome);
-    }
-    const bool is_notification = envelope.id == nullptr;
-    if (is_notification) {
-        return code == 0 ? TAVRIX_OK : TAVRIX_ERR_GENERAL;
-    }
-    if (code == 0) {
-        *response_text = respond(envelope, &outcome, &code).release();
-    }
-    if (*response_text == nullptr) {
-        // Without a method value, that is when a check before it failed, the builder refuses: meant, no response.
-        *response_text =
-            tavrix_jrpc_create_error(code, envelope.method, outcome.error_data.get(), 0, envelope.transaction_id);
-    }
-    return *response_text != nullptr ? TAVRIX_OK : TAVRIX_ERR_GENERAL;
+    return request ? evaluate(request.get(), table, response_text) : TAVRIX_ERR_GENERAL;
 }
 
 char *tavrix_jrpc_create_response(json_t *result, json_t *id, int indent, json_t *transaction_id) {
@@ -1034,26 +1065,15 @@ int tavrix_jrpc_parse_channel(const char *json_text, char **channel_out) {
     }
     json_error_t error;
     const Json message(json_loads(json_text, parse_flags, &error));
-    if (!message) {
-        LOG_DEBUG("[tavrix_jrpc_parse_channel]: Cannot parse JSON message.\n");
-        LOG_DEBUG("Error on line[%d]: %s\n", error.line, error.text);
-        return TAVRIX_ERR_GENERAL;
-    }
-    if (!json_is_object(message.get())) {
-        LOG_DEBUG("[tavrix_jrpc_parse_channel]: Invalid JSON\n");
-        return TAVRIX_ERR_GENERAL;
-    }
-    const json_t *id = json_object_get(message.get(), "id");
-    if (id == nullptr) {
-        LOG_VERBOSE("[tavrix_jrpc_parse_channel]: No ID\n");
+    const char *id = nullptr;
+    const int rc = find_channel(message.get(), error, &id);
+    if (rc == TAVRIX_ERR_NO_JSON_ID) {
         *channel_out = nullptr;
-        return TAVRIX_ERR_NO_JSON_ID;
     }
-    if (!json_is_string(id)) {
-        LOG_DEBUG("[tavrix_jrpc_parse_channel]: Invalid ID\n");
-        return TAVRIX_ERR_GENERAL;
+    if (rc != TAVRIX_OK) {
+        return rc;
     }
-    char *channel = strdup(json_string_value(id));
+    char *channel = strdup(id);
     if (channel == nullptr) {
         return TAVRIX_ERR_GENERAL;
     }
@@ -1151,19 +1171,21 @@ int tavrix_jrpc_mq_run(int *sub_sock, int *pub_sock, const tavrix_jrpc_method *t
     }
     LOG_VERBOSE("[tavrix_jrpc_mq_run]: mq_recv msg[%d]: %s\n", frame.length, frame.text.get());
     Text json_text;
-    rc = split_frame(frame, &json_text);
+    rc = split_frame(&frame, &json_text);
     if (rc != TAVRIX_OK) {
         LOG_DEBUG("[tavrix_jrpc_mq_run]: Error parse_msg, rc = %d\n", rc);
         return rc;
     }
-    char *channel_text = nullptr;
-    rc = tavrix_jrpc_parse_channel(json_text.get(), &channel_text);
-    const Text channel(channel_text);
+    json_error_t error;
+    const Json request(json_loads(json_text.get(), parse_flags, &error));
+    json_text.reset(); // the channel and the evaluation share what was read
+    const char *channel = nullptr;
+    rc = find_channel(request.get(), error, &channel);
     if (rc != TAVRIX_OK && rc != TAVRIX_ERR_NO_JSON_ID) {
         LOG_DEBUG("[tavrix_jrpc_mq_run]: Error parse_channel, rc = %d\n", rc);
         return rc;
     }
-    return serve(json_text.get(), channel.get(), pub_sock, table);
+    return serve(request.get(), channel, pub_sock, table);
 }
 
 int tavrix_jrpc_mq_pub(const int *pub_sock, const char *channel, const char *json_text) {
@@ -1511,7 +1533,7 @@ int tavrix_jrpc_router_mq_to_socket(const int *sub_sock, int *client_sock) {
     }
     LOG_VERBOSE("[tavrix_jrpc_router_mq_to_socket]: mq_recv msg[%d]: %s\n", frame.length, frame.text.get());
     Text json_text;
-    rc = split_frame(frame, &json_text);
+    rc = split_frame(&frame, &json_text);
     if (rc != TAVRIX_OK) {
         LOG_DEBUG("[tavrix_jrpc_router_mq_to_socket]: Error parse_msg, rc = %d\n", rc);
         return rc;

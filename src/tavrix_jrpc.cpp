@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 
 #include "internal/handles.h"
@@ -32,6 +33,7 @@ constexpr char protocol_version[] = "2.0";
 constexpr char bar = '|';
 constexpr int reply_timeout_ms = 1000;
 constexpr int notification_attempts = 5;
+constexpr size_t first_draft_size = 256;
 
 // --- Error map -----------------------------------------------------------------------------------------------------
 
@@ -185,13 +187,16 @@ struct Envelope {
     json_t *method = nullptr; ///< stays null when a check before it failed
 };
 
-/** Adds "transaction_id", shared, when there is one. Both builders and the lock response report as the evaluator. */
-bool add_transaction_id(json_t *response, json_t *transaction_id) {
-    if (transaction_id == nullptr || json_object_set(response, "transaction_id", transaction_id) == 0) {
-        return true;
-    }
+/** Both builders and the lock response report as the evaluator. */
+bool cannot_add_transaction_id() {
     LOG_ERROR("tavrix_jrpc_eval_request: Failed to add Transaction ID to response\n");
     return false;
+}
+
+/** Adds "transaction_id", shared, when there is one. */
+bool add_transaction_id(json_t *response, json_t *transaction_id) {
+    return transaction_id == nullptr || json_object_set(response, "transaction_id", transaction_id) == 0 ||
+           cannot_add_transaction_id();
 }
 
 /** The object under "error"; data is shared, null makes it a JSON null. */
@@ -221,12 +226,79 @@ Text build_error(int jrpc_code, json_t *id, json_t *data, int indent, json_t *tr
     return render_response(response, indent);
 }
 
-Text build_response(json_t *result, json_t *id, int indent, json_t *transaction_id) {
+/** An object, with the member order of write_response(). */
+Text pack_response(json_t *result, json_t *id, int indent, json_t *transaction_id) {
     const Json response(json_pack("{s:s,s:O,s:O}", "jsonrpc", protocol_version, "id", id, "result", result));
     if (!response || !add_transaction_id(response.get(), transaction_id)) {
         return nullptr;
     }
     return render_response(response, indent);
+}
+
+/** A text under construction; `size` bytes are allocated, `length` of them written. */
+struct Draft {
+    Text text;
+    size_t length = 0;
+    size_t size = 0;
+};
+
+bool enlarge(Draft *draft, size_t needed) {
+    const size_t size = std::max({needed, 2 * draft->size, first_draft_size});
+    char *text = static_cast<char *>(std::realloc(draft->text.get(), size));
+    if (text == nullptr) {
+        return false;
+    }
+    static_cast<void>(draft->text.release());
+    draft->text.reset(text);
+    draft->size = size;
+    return true;
+}
+
+bool append(Draft *draft, const char *bytes, size_t count) {
+    const size_t needed = draft->length + count;
+    if (needed > draft->size && !enlarge(draft, needed)) {
+        return false;
+    }
+    std::memcpy(draft->text.get() + draft->length, bytes, count);
+    draft->length = needed;
+    return true;
+}
+
+/** Jansson hands the pieces of a rendering to this. */
+int append_piece(const char *bytes, size_t count, void *draft) {
+    return append(static_cast<Draft *>(draft), bytes, count) ? 0 : -1;
+}
+
+template <size_t Size>
+bool append_words(Draft *draft, const char (&words)[Size]) {
+    return append(draft, words, Size - 1);
+}
+
+bool append_value(Draft *draft, const json_t *value) {
+    return json_dump_callback(value, append_piece, draft, wire_flags | JSON_ENCODE_ANY) == 0;
+}
+
+bool append_transaction_id(Draft *draft, const json_t *transaction_id) {
+    return (append_words(draft, R"(,"transaction_id":)") || cannot_add_transaction_id()) &&
+           append_value(draft, transaction_id);
+}
+
+/**
+ * A response on one line. Every request that is served pays for its envelope: as text these few words cost next to
+ * nothing, as an object they make a serving step a quarter dearer.
+ */
+Text write_response(const json_t *result, const json_t *id, const json_t *transaction_id) {
+    Draft draft;
+    const bool written = append_words(&draft, R"({"jsonrpc":")") && append_words(&draft, protocol_version) &&
+                         append_words(&draft, R"(","id":)") && append_value(&draft, id) &&
+                         append_words(&draft, R"(,"result":)") && append_value(&draft, result) &&
+                         (transaction_id == nullptr || append_transaction_id(&draft, transaction_id));
+    constexpr char end[] = "}";
+    return written && append(&draft, end, sizeof end) ? std::move(draft.text) : nullptr;
+}
+
+Text build_response(json_t *result, json_t *id, int indent, json_t *transaction_id) {
+    return indent == 0 ? write_response(result, id, transaction_id) : pack_response(result, id, indent, transaction_id);
 }
 
 // --- Evaluation ----------------------------------------------------------------------------------------------------

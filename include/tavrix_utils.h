@@ -287,7 +287,8 @@ TAVRIX_API int tavrix_parse_mzu_port_id(int *unit, int *port, const char *text);
  *
  * @param list   its count may be anything; entries beyond its arrays are not looked at
  * @param cursor first entry to print, from 0; moved behind the last one looked at. The one that does not fit any more
- *               is passed over: the next line does not show it either. A negative one starts at 0.
+ *               is passed over: the next line does not show it either. A negative one starts at 0; one at the count or
+ *               beyond stays.
  * @param out    receives exactly `width` characters and a terminator
  * @param width  characters of a line; a negative one counts as 0
  * @return 0, also behind the last port, where the line is all blanks; -20 for a null argument

@@ -69,9 +69,12 @@ TAVRIX_API int tavrix_mq_socket_init(int sp_type, int *sock_out);
  *
  * @param sock      a socket
  * @param transport 1 to 3, see tavrix_transport
- * @param addr      at most 128 characters; the transport's scheme has to occur somewhere in it
+ * @param addr      at most 128 characters; the transport's scheme has to occur somewhere in it. An "ipc://" address is
+ *                  the path of a file, at most 113 characters with its scheme; a file that is there already is removed
+ *                  unless somebody listens on it
  * @param eid_out   receives the endpoint's id, for tavrix_mq_socket_shutdown()
- * @return 0; -20 for a null pointer; -34 for a bad transport or address; -1
+ * @return 0; -20 for a null pointer; -34 for a bad transport or address; -1, also for an "ipc://" address over which
+ * nanomsg would end the process: one too long, a folder's, or that of a file that cannot be removed
  */
 TAVRIX_API int tavrix_mq_socket_bind(int sock, int transport, const char *addr, int *eid_out);
 

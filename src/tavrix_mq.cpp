@@ -15,6 +15,10 @@
 #include <nanomsg/pubsub.h>
 #include <nanomsg/reqrep.h>
 #include <nanomsg/survey.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 #include "internal/handles.h"
 #include "internal/log.h"
@@ -39,6 +43,13 @@ constexpr int highest_transport = TAVRIX_TRANSPORT_TCP;
 static_assert(sizeof schemes / sizeof schemes[0] == highest_transport, "one scheme for each transport");
 
 const char *bus_error() { return nn_strerror(nn_errno()); }
+
+/** One of the protocols; -1 for a number that no socket has. */
+int protocol_of(int sock) {
+    int protocol = 0;
+    size_t size = sizeof protocol;
+    return nn_getsockopt(sock, NN_SOL_SOCKET, NN_PROTOCOL, &protocol, &size) == 0 ? protocol : -1;
+}
 
 /** A message that nanomsg allocated and that nobody has taken over yet. */
 class BusMessage {
@@ -90,9 +101,65 @@ int null_pointer() {
     return TAVRIX_ERR_NULL_INPUT;
 }
 
+// --- Paths of ipc addresses ---
+
+// nanomsg ends the process over a path that the system does not take, so these are found out before it sees one.
+
+/** The path when nanomsg takes the address for an ipc one, whatever transport was named with it; else null. */
+const char *ipc_path(const char *addr) {
+    const char *scheme = schemes[TAVRIX_TRANSPORT_IPC - 1];
+    const size_t length = std::strlen(scheme);
+    return std::strncmp(addr, scheme, length) == 0 ? addr + length : nullptr;
+}
+
+bool is_folder(const char *path) {
+    struct stat found = {};
+    return lstat(path, &found) == 0 && S_ISDIR(found.st_mode);
+}
+
+/**
+ * Removes what a bind would find in its way: nanomsg does it in the same manner, and aborts when it is not allowed to.
+ *
+ * @return 0, or the reason why it stays
+ */
+int clear_the_way(const char *path) {
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path, path, std::strlen(path));
+    const tavrix::Descriptor probe(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    const bool left_over = probe &&
+                           connect(probe.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0 &&
+                           errno == ECONNREFUSED;
+    return left_over && unlink(path) != 0 && errno != ENOENT ? errno : 0;
+}
+
+/** 0, or the reason why nanomsg must not see the path. */
+int refuse_path(const char *path, bool to_bind) {
+    if (std::strlen(path) >= sizeof sockaddr_un::sun_path) {
+        return ENAMETOOLONG;
+    }
+    if (is_folder(path)) {
+        return EISDIR;
+    }
+    return to_bind ? clear_the_way(path) : 0;
+}
+
 // --- Endpoints, options, messages ---
 
 using Attach = int (*)(int, const char *);
+
+/** The endpoint's id; -1 and `errno` when the address is refused, here or by nanomsg. */
+int make_endpoint(Attach attach_to, int sock, const char *addr) {
+    const char *path = ipc_path(addr);
+    // For a closed socket nothing is removed, and nanomsg has its own words.
+    const bool looked_at = path != nullptr && protocol_of(sock) >= 0;
+    const int reason = looked_at ? refuse_path(path, attach_to == nn_bind) : 0;
+    if (reason != 0) {
+        errno = reason;
+        return -1;
+    }
+    return attach_to(sock, addr);
+}
 
 int attach(Attach attach_to, int sock, int transport, const char *addr, int *eid_out) {
     if (addr == nullptr || eid_out == nullptr) {
@@ -102,7 +169,7 @@ int attach(Attach attach_to, int sock, int transport, const char *addr, int *eid
     if (rc != TAVRIX_OK) {
         return rc;
     }
-    const int eid = attach_to(sock, addr);
+    const int eid = make_endpoint(attach_to, sock, addr);
     if (eid < 0) {
         // The same words for a failed connect: meant.
         LOG_DEBUG("nn_bind failed for SP addr [%s]: %s\n", addr, bus_error());

@@ -13,8 +13,11 @@
 #include <nanomsg/nn.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/time.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 #include "support/bus.h"
 #include "support/log_capture.h"
@@ -45,6 +48,16 @@ int bind_to(int transport, const std::string &address) {
     const BusSocket socket(TAVRIX_SP_PAIR);
     int endpoint = -1;
     return tavrix_mq_socket_bind(socket.number, transport, address.c_str(), &endpoint);
+}
+
+/** The file of a Unix socket that nobody listens on any more. */
+void leave_socket_file(const char *path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, path, sizeof address.sun_path - 1);
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    EXPECT_EQ(bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
+    close(fd);
 }
 
 } // namespace
@@ -114,6 +127,102 @@ TEST(MqAddress, HasAtMost128Characters) {
     EXPECT_EQ(bind_to(1, too_long), -34);
     EXPECT_TRUE(log.has(support::debug, unit, "FAIL: SP address is too long [129] v/s max 128\n"));
     EXPECT_TRUE(log.has(support::debug, unit, "Validating transport type: 1 with sp_addr: " + too_long + "\n"));
+}
+
+namespace {
+
+constexpr auto attachments = {tavrix_mq_socket_bind, tavrix_mq_socket_connect};
+
+std::string ipc_address(size_t length) { return "ipc://" + std::string(length - 6, 'a'); }
+
+std::string attach_line(const std::string &address, int reason) {
+    return "nn_bind failed for SP addr [" + address + "]: " + nn_strerror(reason) + "\n";
+}
+
+/** Binding and connecting to the address are both refused with the one line, and nothing is written. */
+void expect_refused(int transport, const std::string &address, int reason) {
+    for (const auto attach : attachments) {
+        const BusSocket socket(TAVRIX_SP_PAIR);
+        int endpoint = -77;
+        const LogCapture log("debug");
+        EXPECT_EQ(attach(socket.number, transport, address.c_str(), &endpoint), -1) << address;
+        EXPECT_EQ(endpoint, -77);
+        ASSERT_EQ(log.lines().size(), 2U) << "the check's announcement and the failure";
+        EXPECT_EQ(log.count(support::debug, unit, attach_line(address, reason)), 1) << log.text();
+    }
+}
+
+} // namespace
+
+TEST(MqAddress, OfAnIpcSocketMayHave113Characters) {
+    const std::string longest = ipc_address(113);
+    BusSocket left(TAVRIX_SP_PAIR);
+    BusSocket right(TAVRIX_SP_PAIR);
+    int endpoint = -1;
+    ASSERT_EQ(tavrix_mq_socket_bind(left.number, TAVRIX_TRANSPORT_IPC, longest.c_str(), &endpoint), 0);
+    ASSERT_EQ(tavrix_mq_socket_connect(right.number, TAVRIX_TRANSPORT_IPC, longest.c_str(), &endpoint), 0);
+    ASSERT_EQ(tavrix_mq_socket_send(right.number, "through"), 0);
+    char *text = nullptr;
+    int length = 0;
+    ASSERT_EQ(tavrix_mq_socket_recv(left.number, &text, &length, 0), 0);
+    EXPECT_STREQ(text, "through");
+    free(text);
+}
+
+TEST(MqAddress, OfAnIpcSocketIsRefusedWhenTheSystemHasNoRoomForIt) {
+    for (size_t length = 114; length <= 128; ++length) {
+        expect_refused(TAVRIX_TRANSPORT_IPC, ipc_address(length), ENAMETOOLONG);
+    }
+    expect_refused(TAVRIX_TRANSPORT_TCP, "ipc://tcp://" + std::string(102, 'a'), ENAMETOOLONG);
+}
+
+TEST(MqAddress, OfAnIpcSocketIsNoFolder) {
+    ASSERT_EQ(mkdir("folder", 0755), 0);
+    for (const char *address : {"ipc://.", "ipc://..", "ipc:///", "ipc://./", "ipc://folder", "ipc://folder/"}) {
+        expect_refused(TAVRIX_TRANSPORT_IPC, address, EISDIR);
+    }
+}
+
+TEST(MqAddress, OfAnIpcSocketMayBeInAFolderThatIsNotThereYet) {
+    const BusSocket socket(TAVRIX_SP_PAIR);
+    int endpoint = -1;
+    EXPECT_EQ(tavrix_mq_socket_connect(socket.number, TAVRIX_TRANSPORT_IPC, "ipc://later/bus.ipc", &endpoint), 0);
+    const LogCapture log("debug");
+    EXPECT_EQ(tavrix_mq_socket_bind(socket.number, TAVRIX_TRANSPORT_IPC, "ipc://later/bus.ipc", &endpoint), -1);
+    EXPECT_EQ(log.count(support::debug, unit, attach_line("ipc://later/bus.ipc", ENOENT)), 1) << log.text();
+}
+
+TEST(MqAddress, OfAnIpcSocketIsTakenOverFromOneThatIsGone) {
+    leave_socket_file("left_over.ipc");
+    EXPECT_EQ(bind_to(TAVRIX_TRANSPORT_IPC, "ipc://left_over.ipc"), 0);
+}
+
+TEST(MqAddress, OfAnIpcSocketIsNotTakenFromOneThatIsThere) {
+    const BusSocket first(TAVRIX_SP_PAIR);
+    int endpoint = -1;
+    ASSERT_EQ(tavrix_mq_socket_bind(first.number, TAVRIX_TRANSPORT_IPC, "ipc://taken.ipc", &endpoint), 0);
+    const LogCapture log("debug");
+    EXPECT_EQ(bind_to(TAVRIX_TRANSPORT_IPC, "ipc://taken.ipc"), -1);
+    EXPECT_EQ(log.count(support::debug, unit, attach_line("ipc://taken.ipc", EADDRINUSE)), 1) << log.text();
+}
+
+TEST(MqAddress, OfAnIpcSocketIsNotLookedAtForAClosedSocket) {
+    leave_socket_file("kept.ipc");
+    const int closed = closed_socket();
+    int endpoint = -77;
+    const LogCapture log("debug");
+    for (const auto attach : attachments) {
+        EXPECT_EQ(attach(closed, TAVRIX_TRANSPORT_IPC, "ipc://kept.ipc", &endpoint), -1);
+    }
+    EXPECT_EQ(log.count(support::debug, unit, attach_line("ipc://kept.ipc", EBADF)), 2) << log.text();
+    EXPECT_EQ(access("kept.ipc", F_OK), 0) << "nothing is removed for it";
+}
+
+TEST(MqAddress, OfAnIpcSocketIsRefusedWhenWhatIsThereCannotBeRemoved) {
+    const std::string address = "ipc:///proc/self/status";
+    const LogCapture log("debug");
+    EXPECT_EQ(bind_to(TAVRIX_TRANSPORT_IPC, address), -1);
+    EXPECT_EQ(log.count(support::debug, unit, attach_line(address, EPERM)), 1) << log.text();
 }
 
 TEST(MqAddress, LengthIsCheckedBeforeTheTransport) {

@@ -1,12 +1,16 @@
 /*
  * Bus sockets: a thin wrapper over nanomsg's scalability-protocol sockets.
  *
- * Keeps no state: a socket is nanomsg's number, an endpoint nanomsg's id.
+ * A socket is nanomsg's number, an endpoint nanomsg's id. Kept is only what a subscribe socket has subscribed, from its
+ * first topic until it is closed, because nanomsg survives no unsubscription of a topic that is not there.
  */
 #include "tavrix_mq.h"
 
+#include <atomic>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
+#include <ctime>
 
 #include <nanomsg/bus.h>
 #include <nanomsg/nn.h>
@@ -22,6 +26,7 @@
 
 #include "internal/handles.h"
 #include "internal/log.h"
+#include "internal/topics.h"
 #include "tavrix_error.h"
 
 namespace {
@@ -144,7 +149,7 @@ int refuse_path(const char *path, bool to_bind) {
     return to_bind ? clear_the_way(path) : 0;
 }
 
-// --- Endpoints, options, messages ---
+// --- Endpoints and options ---
 
 using Attach = int (*)(int, const char *);
 
@@ -202,43 +207,107 @@ int write_option(int sock, int level, int option, const void *value, size_t size
     return nn_setsockopt(sock, level, option, value, size) < 0 ? option_not_written(sock) : TAVRIX_OK;
 }
 
-int write_topic(int sock, int option, const char *topic) {
-    if (topic == nullptr) {
-        return null_pointer();
+// --- Topics ---
+
+/** As many as nanomsg has sockets, so that no two share one. */
+constexpr unsigned place_count = 512;
+std::atomic<tavrix::Topic *> kept_topics[place_count];
+
+/** In the place of topics that somebody is at work on. */
+tavrix::Topic at_work = {};
+
+/** The topics, taken out of their place for as long as they are worked on. */
+tavrix::Topic *take_topics(std::atomic<tavrix::Topic *> *place) {
+    tavrix::Topic *first = nullptr;
+    while ((first = place->exchange(&at_work, std::memory_order_acquire)) == &at_work) {
+        // Another thread changes topics of the same socket. Yielding alone would starve one of lower priority.
+        constexpr timespec moment = {0, 50000};
+        static_cast<void>(nanosleep(&moment, nullptr));
     }
-    return write_option(sock, NN_SUB, option, topic, std::strlen(topic));
+    return first;
 }
 
-/**
- * A topic and one more character, subscribed for a moment. nanomsg's topic tree takes the wrong topic away, or crashes,
- * when the one to remove has no node of its own; two of these give it one. No frame begins with them.
- */
-class LongerTopic {
-  public:
-    LongerTopic(int sock, const char *topic, char more) : sock_(sock), length_(std::strlen(topic) + 1) {
-        text_.reset(static_cast<char *>(std::malloc(length_)));
-        if (text_) {
-            std::memcpy(text_.get(), topic, length_ - 1);
-            text_.get()[length_ - 1] = more;
-            subscribed_ = nn_setsockopt(sock_, NN_SUB, NN_SUB_SUBSCRIBE, text_.get(), length_) == 0;
-        }
-    }
-    LongerTopic(const LongerTopic &) = delete;
-    LongerTopic &operator=(const LongerTopic &) = delete;
-    ~LongerTopic() {
-        if (subscribed_) {
-            static_cast<void>(nn_setsockopt(sock_, NN_SUB, NN_SUB_UNSUBSCRIBE, text_.get(), length_));
-        }
-    }
+/** nanomsg names a socket by its number; one whose topics are kept has another name. */
+bool has_its_first_name(int sock) {
+    char name[64] = ""; // nanomsg's own size
+    char number[16];
+    size_t size = sizeof name;
+    static_cast<void>(std::snprintf(number, sizeof number, "%d", sock));
+    return nn_getsockopt(sock, NN_SOL_SOCKET, NN_SOCKET_NAME, name, &size) < 0 || std::strcmp(name, number) == 0;
+}
 
-    explicit operator bool() const { return subscribed_; }
+void give_name(int sock) {
+    char name[24];
+    const int length = std::snprintf(name, sizeof name, "tavrix-%d", sock);
+    static_cast<void>(nn_setsockopt(sock, NN_SOL_SOCKET, NN_SOCKET_NAME, name, static_cast<size_t>(length)));
+}
+
+/** The kept topics of a socket, for one thread at a time. */
+class SocketTopics {
+  public:
+    explicit SocketTopics(int sock)
+        : sock_(sock), place_(&kept_topics[static_cast<unsigned>(sock) % place_count]), topics_(take_topics(place_)) {
+        // Kept of a socket that was closed past this library; nanomsg has given its number to a new one.
+        if (topics_.any_of(sock) && has_its_first_name(sock)) {
+            topics_.remove_all_of(sock);
+        }
+    }
+    SocketTopics(const SocketTopics &) = delete;
+    SocketTopics &operator=(const SocketTopics &) = delete;
+    ~SocketTopics() { place_->store(topics_.first(), std::memory_order_release); }
+
+    bool any() const { return topics_.any_of(sock_); }
+    bool has_node(const tavrix::TopicName &name) { return topics_.has_node(name); }
+    void add(tavrix::OwnedTopic topic) {
+        if (!any() && has_its_first_name(sock_)) {
+            give_name(sock_);
+        }
+        topics_.add(std::move(topic));
+    }
+    void remove(const tavrix::TopicName &name) { topics_.remove(name); }
+    void remove_all() { topics_.remove_all_of(sock_); }
 
   private:
     int sock_;
-    size_t length_;
-    tavrix::Text text_;
-    bool subscribed_ = false;
+    std::atomic<tavrix::Topic *> *place_;
+    tavrix::Topics topics_;
 };
+
+int write_topic(int option, const tavrix::TopicName &name) {
+    return write_option(name.sock, NN_SUB, option, name.text, name.length);
+}
+
+int subscribe(const tavrix::TopicName &name) {
+    tavrix::OwnedTopic topic = tavrix::make_topic(name);
+    if (!topic) {
+        return option_not_written(name.sock);
+    }
+    SocketTopics kept(name.sock);
+    const int rc = write_topic(NN_SUB_SUBSCRIBE, name);
+    if (rc == TAVRIX_OK) {
+        kept.add(std::move(topic));
+    }
+    return rc;
+}
+
+int unsubscribe(const tavrix::TopicName &name) {
+    SocketTopics kept(name.sock);
+    if (!kept.has_node(name) && protocol_of(name.sock) == NN_SUB) {
+        // nanomsg must not be asked. Where it survives that, it sees no failure in it but on a socket without topics.
+        if (kept.any()) {
+            return TAVRIX_OK;
+        }
+        errno = EINVAL;
+        return option_not_written(name.sock);
+    }
+    const int rc = write_topic(NN_SUB_UNSUBSCRIBE, name);
+    if (rc == TAVRIX_OK) {
+        kept.remove(name);
+    }
+    return rc;
+}
+
+// --- Messages ---
 
 /** nanomsg tells an expired time-out and a receive that would wait apart; here both mean that no message is there. */
 bool nothing_received(int reason) { return reason == EAGAIN || reason == ETIMEDOUT; }
@@ -342,6 +411,7 @@ int tavrix_mq_socket_shutdown(int sock, int eid) {
 }
 
 int tavrix_mq_socket_close(int sock) {
+    SocketTopics(sock).remove_all(); // first: once it is closed, the number may be another thread's
     if (nn_close(sock) < 0) {
         LOG_WARNING("nn_close failed for mq_socket [%d]: %s\n", sock, bus_error());
         return TAVRIX_ERR_GENERAL;
@@ -366,18 +436,12 @@ int tavrix_mq_socket_recvfd(int sock, int *fd_out) { return read_option(sock, NN
 
 int tavrix_mq_socket_sendfd(int sock, int *fd_out) { return read_option(sock, NN_SNDFD, fd_out); }
 
-int tavrix_mq_socket_subscribe(int sock, const char *topic) { return write_topic(sock, NN_SUB_SUBSCRIBE, topic); }
+int tavrix_mq_socket_subscribe(int sock, const char *topic) {
+    return topic == nullptr ? null_pointer() : subscribe({sock, topic, std::strlen(topic)});
+}
 
 int tavrix_mq_socket_unsubscribe(int sock, const char *topic) {
-    if (topic == nullptr) {
-        return null_pointer();
-    }
-    const LongerTopic one(sock, topic, '\x01');
-    const LongerTopic other(sock, topic, '\x02');
-    if (!one || !other) {
-        return option_not_written(sock);
-    }
-    return write_topic(sock, NN_SUB_UNSUBSCRIBE, topic);
+    return topic == nullptr ? null_pointer() : unsubscribe({sock, topic, std::strlen(topic)});
 }
 
 int tavrix_mq_socket_set_timeout(int sock, int ms) {

@@ -209,8 +209,8 @@ int write_option(int sock, int level, int option, const void *value, size_t size
 
 // --- Topics ---
 
-/** As many as nanomsg has sockets, so that no two share one. */
-constexpr unsigned place_count = 512;
+/** More than a daemon has sockets; those whose numbers are a multiple of it apart share a place. */
+constexpr unsigned place_count = 64;
 std::atomic<tavrix::Topic *> kept_topics[place_count];
 
 /** In the place of topics that somebody is at work on. */
@@ -220,7 +220,7 @@ tavrix::Topic at_work = {};
 tavrix::Topic *take_topics(std::atomic<tavrix::Topic *> *place) {
     tavrix::Topic *first = nullptr;
     while ((first = place->exchange(&at_work, std::memory_order_acquire)) == &at_work) {
-        // Another thread changes topics of the same socket. Yielding alone would starve one of lower priority.
+        // Another thread changes topics of the socket. Yielding alone would starve one of lower priority.
         constexpr timespec moment = {0, 50000};
         static_cast<void>(nanosleep(&moment, nullptr));
     }

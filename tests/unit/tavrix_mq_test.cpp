@@ -56,15 +56,21 @@ int bind_to(int transport, const std::string &address) {
     return tavrix_mq_socket_bind(socket.number, transport, address.c_str(), &endpoint);
 }
 
-/** The file of a Unix socket that nobody listens on any more. */
-void leave_socket_file(const char *path) {
+/** A Unix socket that is bound or connected to the path and never waits; -1 when that fails. */
+int unix_socket(const char *path, int (*attach)(int, const sockaddr *, socklen_t)) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     std::strncpy(address.sun_path, path, sizeof address.sun_path - 1);
-    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    EXPECT_EQ(bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (attach(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0) {
+        return fd;
+    }
     close(fd);
+    return -1;
 }
+
+/** The file of a Unix socket that nobody listens on any more. */
+void leave_socket_file(const char *path) { close(unix_socket(path, bind)); }
 
 } // namespace
 
@@ -200,6 +206,10 @@ TEST(MqAddress, OfAnIpcSocketMayBeInAFolderThatIsNotThereYet) {
 
 TEST(MqAddress, OfAnIpcSocketIsTakenOverFromOneThatIsGone) {
     leave_socket_file("left_over.ipc");
+    const BusSocket socket(TAVRIX_SP_PAIR);
+    int endpoint = -1;
+    EXPECT_EQ(tavrix_mq_socket_connect(socket.number, TAVRIX_TRANSPORT_IPC, "ipc://left_over.ipc", &endpoint), 0);
+    EXPECT_EQ(access("left_over.ipc", F_OK), 0) << "a connect leaves it";
     EXPECT_EQ(bind_to(TAVRIX_TRANSPORT_IPC, "ipc://left_over.ipc"), 0);
 }
 
@@ -210,6 +220,21 @@ TEST(MqAddress, OfAnIpcSocketIsNotTakenFromOneThatIsThere) {
     const LogCapture log("debug");
     EXPECT_EQ(bind_to(TAVRIX_TRANSPORT_IPC, "ipc://taken.ipc"), -1);
     EXPECT_EQ(log.count(support::debug, unit, attach_line("ipc://taken.ipc", EADDRINUSE)), 1) << log.text();
+}
+
+TEST(MqAddress, OfAnIpcSocketIsNotTakenFromOneThatIsBusy) {
+    const int listener = unix_socket("busy.ipc", bind);
+    ASSERT_EQ(listen(listener, 0), 0);
+    std::vector<int> waiting; // until no more may wait to be accepted
+    while (waiting.empty() || waiting.back() >= 0) {
+        waiting.push_back(unix_socket("busy.ipc", connect));
+    }
+    const LogCapture log("debug");
+    EXPECT_EQ(bind_to(TAVRIX_TRANSPORT_IPC, "ipc://busy.ipc"), -1);
+    EXPECT_EQ(log.count(support::debug, unit, attach_line("ipc://busy.ipc", EADDRINUSE)), 1) << log.text();
+    EXPECT_EQ(access("busy.ipc", F_OK), 0);
+    waiting.back() = listener;
+    std::for_each(waiting.begin(), waiting.end(), close);
 }
 
 TEST(MqAddress, OfAnIpcSocketIsNotLookedAtForAClosedSocket) {
@@ -746,17 +771,43 @@ TEST(MqUnsubscribe, HeedsNoNameThatTheSocketIsGiven) {
     }
 }
 
+TEST(MqUnsubscribe, KeepsTheTopicsOfManySocketsApart) {
+    const LogCapture quiet("off");
+    const std::vector<std::string> eight = {"ta", "tb", "tc", "td", "te", "tf", "tg", "th"};
+    std::vector<std::unique_ptr<BusSocket>> sockets;
+    while (sockets.size() < 200) {
+        sockets.push_back(std::make_unique<BusSocket>(TAVRIX_SP_SUB));
+        ASSERT_EQ(tavrix_mq_socket_subscribe(sockets.back()->number, "t"), 0);
+        for (const std::string &longer : eight) {
+            ASSERT_EQ(tavrix_mq_socket_subscribe(sockets.back()->number, longer.c_str()), 0);
+        }
+    }
+    for (int i = 0; i < 100; ++i) {
+        const BusSocket other(TAVRIX_SP_SUB);
+        ASSERT_EQ(tavrix_mq_socket_subscribe(other.number, "ti"), 0);
+        sockets[static_cast<size_t>(i)]->close(); // and the next one has its number
+    }
+    for (const auto &sub : sockets) {
+        const int expected = sub->number >= 0 ? 0 : -1;
+        for (const std::string &longer : eight) {
+            EXPECT_EQ(tavrix_mq_socket_unsubscribe(sub->number, longer.c_str()), expected) << sub->number;
+        }
+        EXPECT_EQ(tavrix_mq_socket_unsubscribe(sub->number, "t"), expected) << sub->number;
+        EXPECT_EQ(tavrix_mq_socket_unsubscribe(sub->number, "t"), -1) << sub->number;
+    }
+}
+
 TEST(MqUnsubscribe, MayBeCalledByManyThreadsOnTheirSocketsAndOnOne) {
     const LogCapture quiet("off");
-    const BusSocket shared(TAVRIX_SP_SUB);
+    BusPair bus("~");
     std::atomic<int> refused{0};
     std::vector<std::thread> threads;
     for (char letter = 'a'; letter <= 'd'; ++letter) {
-        threads.emplace_back([&shared, &refused, letter] {
+        threads.emplace_back([&bus, &refused, letter] {
             const std::string topic = std::string("t") + letter;
-            for (int round = 0; round < 200; ++round) {
-                const BusSocket own(TAVRIX_SP_SUB);
-                for (const int sock : {shared.number, own.number}) {
+            const BusSocket own(TAVRIX_SP_SUB);
+            for (int round = 0; round < 2000; ++round) {
+                for (const int sock : {bus.sub.number, own.number}) {
                     refused += tavrix_mq_socket_subscribe(sock, topic.c_str()) != 0 ? 1 : 0;
                     refused += tavrix_mq_socket_subscribe(sock, "t") != 0 ? 1 : 0;
                     refused += tavrix_mq_socket_unsubscribe(sock, topic.c_str()) != 0 ? 1 : 0;
@@ -769,7 +820,10 @@ TEST(MqUnsubscribe, MayBeCalledByManyThreadsOnTheirSocketsAndOnOne) {
         thread.join();
     }
     EXPECT_EQ(refused, 0);
-    EXPECT_EQ(tavrix_mq_socket_unsubscribe(shared.number, "t"), -1) << "none is left";
+    for (const char *frame : {"t|", "ta|", "tb|", "tc|", "td|", "~"}) {
+        bus.publish(frame);
+    }
+    EXPECT_EQ(bus.receive(), "~") << "as often as a topic was added it was taken away";
 }
 
 namespace {

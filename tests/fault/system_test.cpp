@@ -93,8 +93,8 @@ TEST(BusFaults, LeaveAMessageReceivedOrAStatus) {
         free(text);
     });
     each_failure([&](Fault &fault) {
-        ASSERT_EQ(tavrix_mq_socket_subscribe(bus.sub.number, "t"), 0);
-        fault.expect(-1, 0, [&] { return tavrix_mq_socket_unsubscribe(bus.sub.number, "t"); });
+        fault.expect(-1, 0, [&] { return tavrix_mq_socket_subscribe(bus.sub.number, "t"); });
+        EXPECT_EQ(tavrix_mq_socket_unsubscribe(bus.sub.number, "t"), 0) << "nothing changes when it is not there";
     });
 }
 

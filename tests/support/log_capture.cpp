@@ -117,11 +117,9 @@ int LogCapture::count(Level level, const std::string &unit, const std::string &m
 std::vector<std::string> LogCapture::sequence() const {
     std::vector<std::string> entries;
     for (const LogLine &line : lines()) {
-        std::string message = line.message;
-        if (!message.empty() && message.back() == '\n') {
-            message.pop_back();
-        }
-        entries.push_back(line.tag + "|" + message);
+        const bool ended = !line.message.empty() && line.message.back() == '\n';
+        entries.push_back(line.tag + "|" +
+                          (ended ? line.message.substr(0, line.message.size() - 1) : line.message + " (no line end)"));
     }
     return entries;
 }

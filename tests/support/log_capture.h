@@ -66,7 +66,10 @@ class LogCapture {
     bool has(Level level, const std::string &unit, const std::string &message) const {
         return count(level, unit, message) > 0;
     }
-    /** The messages in order, as "TAG|message" without the final newline: for comparing whole sequences. */
+    /**
+     * The messages in order, as "TAG|message": for comparing whole sequences. The newline that ends a message is left
+     * out, and one that lacks it is told by " (no line end)" behind it.
+     */
     std::vector<std::string> sequence() const;
     bool silent() const { return text().empty(); }
 

@@ -252,7 +252,7 @@ def try_change(place, change, programs, units, runner):
 
 
 def main():
-    seconds, seed = int(sys.argv[1]), int(sys.argv[2])
+    seconds, seed, wanted = int(sys.argv[1]), int(sys.argv[2]), re.compile(sys.argv[3])
     resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
     resource.setrlimit(resource.RLIMIT_FSIZE, (1 << 28, 1 << 28))  # a loop that logs for ever
     copy_tree()
@@ -275,6 +275,8 @@ def main():
         if time.monotonic() > end:
             break
         change = change_of(place, draw)
+        if not wanted.search(change[3].partition("\n")[0]):
+            continue
         noticed = try_change(place, change, programs, units, runner)
         if noticed is False:
             continue  # the build itself refuses it

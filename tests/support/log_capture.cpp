@@ -59,6 +59,8 @@ std::string tag_of(Level level) {
     return tags.at(static_cast<size_t>(level));
 }
 
+std::string whole(Level level, const std::string &message) { return tag_of(level) + "|" + message; }
+
 std::time_t wall_clock() {
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
@@ -103,6 +105,10 @@ LogCapture::LogCapture(const std::string &level_word) {
 }
 
 std::vector<LogLine> LogCapture::lines() const { return parse_log(text()); }
+
+std::string LogCapture::first() const { return silent() ? "(silent)" : lines().front().whole(); }
+
+std::string LogCapture::last() const { return silent() ? "(silent)" : lines().back().whole(); }
 
 int LogCapture::count(Level level, const std::string &unit, const std::string &message) const {
     int found = 0;

@@ -304,7 +304,8 @@ TEST(RouterFailure, WithoutAServiceChannelIsReportedAndClosesTheClientInOneCall)
         const Failing once("strdup");
         EXPECT_EQ(tavrix_jrpc_router_socket_to_mq(&listener, &pub.number, &client), -20);
     }
-    EXPECT_EQ(log.lines().back().message, "[tavrix_jrpc_router_socket_to_mq]: Error mq_pub, rc = -20\n");
+    EXPECT_EQ(log.last(),
+              support::whole(support::debug, "[tavrix_jrpc_router_socket_to_mq]: Error mq_pub, rc = -20\n"));
     EXPECT_TRUE(asking.closed_silently());
     EXPECT_EQ(client, -1);
     close(listener);

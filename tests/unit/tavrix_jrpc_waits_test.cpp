@@ -186,7 +186,7 @@ TEST(ReplyWait, GivesUpAfterTheMethodsNumberOfAttempts) {
         EXPECT_EQ(log.lines().front().message, std::string("Waiting for API response <") + row.method +
                                                    ">, attempts remaining: " + std::to_string(row.attempts) + "\n");
         EXPECT_EQ(log.count(support::debug, unit, "Unable to receive an API response, rc = -46\n"), row.attempts);
-        EXPECT_EQ(log.lines().back().message, "Could not receive expected API response.\n");
+        EXPECT_EQ(log.last(), support::whole(support::debug, "Could not receive expected API response.\n"));
     }
 }
 
@@ -208,8 +208,9 @@ TEST(ReplyWait, TakesTheReplyAndLetsOthersCostAnAttempt) {
     EXPECT_EQ(
         log.count(support::debug, unit, "[tavrix_jrpc_mq_sub_for_method] Received API response, evaluating id...\n"),
         4);
-    EXPECT_EQ(log.lines().back().message, "[tavrix_jrpc_mq_sub_for_method] JSON Out: {\"jsonrpc\": \"2.0\", \"id\": "
-                                          "\"ports.Get\", \"result\": 5}\n");
+    EXPECT_EQ(log.last(),
+              support::whole(support::debug, "[tavrix_jrpc_mq_sub_for_method] JSON Out: {\"jsonrpc\": \"2.0\", \"id\": "
+                                             "\"ports.Get\", \"result\": 5}\n"));
 }
 
 TEST(ReplyWait, RunsOutOnFramesThatDoNotMatch) {
@@ -256,9 +257,11 @@ TEST(NotificationWait, TakesTheFifthFrameAndRestoresTheTimeOut) {
     EXPECT_EQ(log.count(support::debug, unit,
                         "[tavrix_jrpc_mq_sub_for_notifcation] Received notification, evaluating method name...\n"),
               4);
-    EXPECT_EQ(log.lines().back().message,
-              "[tavrix_jrpc_mq_sub_for_notifcation] JSON Out: {\"jsonrpc\": \"2.0\", \"method\": \"events.X\", "
-              "\"params\": {\"n\": 1}}\n");
+    EXPECT_EQ(log.last(),
+              support::whole(
+                  support::debug,
+                  "[tavrix_jrpc_mq_sub_for_notifcation] JSON Out: {\"jsonrpc\": \"2.0\", \"method\": \"events.X\", "
+                  "\"params\": {\"n\": 1}}\n"));
 }
 
 TEST(NotificationWait, GivesUpAfterFiveFramesAndRestoresTheTimeOut) {
@@ -270,7 +273,7 @@ TEST(NotificationWait, GivesUpAfterFiveFramesAndRestoresTheTimeOut) {
     const LogCapture log("debug");
     EXPECT_EQ(tavrix_jrpc_mq_sub_for_notifcation(bus.sub.number, "events.X", &out), -1);
     EXPECT_EQ(out, nullptr);
-    EXPECT_EQ(log.lines().back().message, "Could not receive expected notification.\n");
+    EXPECT_EQ(log.last(), support::whole(support::debug, "Could not receive expected notification.\n"));
     int ms = 0;
     tavrix_mq_socket_get_timeout(bus.sub.number, &ms);
     EXPECT_EQ(ms, 700);

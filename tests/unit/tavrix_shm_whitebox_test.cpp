@@ -22,6 +22,7 @@ using support::LogCapture;
 namespace {
 
 bool mapping_fails = false;
+int last_protection = 0;
 int reserve_error = 0;
 int reserve_failures = 0; ///< how many reservations fail, from the next one on
 std::vector<off_t> reserved;
@@ -33,6 +34,7 @@ void *__real_mmap64(void *address, size_t length, int protection, int flags, int
 int __real_posix_fallocate64(int fd, off_t offset, off_t length);
 
 void *__wrap_mmap64(void *address, size_t length, int protection, int flags, int fd, off_t offset) {
+    last_protection = protection;
     if (mapping_fails) {
         errno = ENOMEM;
         return MAP_FAILED;
@@ -131,6 +133,20 @@ TEST_F(ShmMemory, LeavesNoHoleInAnOldSlotThatCannotGrow) {
     expect_every_access_to_fail();
     EXPECT_EQ(tavrix_shm_create(name(), 16), 0) << "the slot can be created again";
     EXPECT_EQ(tavrix_shm_set_string(name(), 16, "back"), 0);
+}
+
+TEST_F(ShmMemory, IsMappedForWritingOnlyWhereItIsWritten) {
+    ASSERT_EQ(tavrix_shm_create(name(), 16), 0);
+    int value = 0;
+    char text[16] = {};
+    EXPECT_EQ(tavrix_shm_get_int(name(), &value), 0);
+    EXPECT_EQ(last_protection, PROT_READ);
+    EXPECT_EQ(tavrix_shm_set_int(name(), &value), 0);
+    EXPECT_EQ(last_protection, PROT_READ | PROT_WRITE);
+    EXPECT_EQ(tavrix_shm_get_string(name(), sizeof text, text), 0);
+    EXPECT_EQ(last_protection, PROT_READ);
+    EXPECT_EQ(tavrix_shm_set_string(name(), sizeof text, "x"), 0);
+    EXPECT_EQ(last_protection, PROT_READ | PROT_WRITE);
 }
 
 TEST_F(ShmMemory, IsReservedInSpiteOfSignals) {

@@ -370,6 +370,7 @@ TEST_F(Router, ShowsADispatchedRequestUnderItsOwnName) {
     EXPECT_TRUE(log.has(support::verbose, unit,
                         line(dispatching, "[Recv]: {\n    \"method\": \"ports.Get\",\n    \"id\": \"mine\"\n}")));
     EXPECT_TRUE(log.has(support::verbose, unit, line(dispatching, "JSON Method: ports.Get")));
+    EXPECT_TRUE(log.has(support::verbose, unit, std::string("channel: ") + first_channel + "\n"));
     EXPECT_TRUE(log.has(support::verbose, unit, "JSON ID: mine\n"));
 }
 

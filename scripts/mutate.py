@@ -220,26 +220,26 @@ def own_programs(path, programs, units):
 
 # --- The run --------------------------------------------------------------------------------------------------------
 
-def change_of(place, draw):
-    path, kind, start, end, choices = place
-    source = path.read_text()
-    choice = draw.choice(choices)
-    changed = choice(source[start:end]) if callable(choice) else choice
-    first = source.rfind("\n", 0, start) + 1
-    last = source.find("\n", end)
-    name = f"{path.relative_to(TREE)}:{source.count(chr(10), 0, start) + 1}"
-    report = f"{name}: {kind}\n    - {source[first:last].strip()}\n    + " \
-             f"{(source[first:start] + changed + source[end:last]).strip()}"
-    return source, source[:start] + changed + source[end:], name, report
+class Change:
+    """A place with one of its choices drawn."""
+
+    def __init__(self, place, draw):
+        self.path, self.kind, start, end, choices = place
+        self.before = self.path.read_text()
+        choice = draw.choice(choices)
+        new = choice(self.before[start:end]) if callable(choice) else choice
+        self.after = self.before[:start] + new + self.before[end:]
+        first, last = self.before.rfind("\n", 0, start) + 1, self.before.find("\n", end)
+        number = self.before.count("\n", 0, start) + 1
+        self.heading = f"{self.path.relative_to(TREE)}:{number}: {self.kind}"
+        self.lines = self.before[first:last].strip(), (self.before[first:start] + new + self.before[end:last]).strip()
 
 
-def try_change(place, change, programs, units, runner):
-    """The program that noticed, None when all passed, or False when the change does not build."""
-    path = place[0]
-    source, changed, _, _ = change
-    path.write_text(changed)
+def judge(change, programs, units, runner):
+    """The program that notices the change, None when none does, False when the change does not build."""
+    own = own_programs(change.path, programs, units)
+    change.path.write_text(change.after)
     try:
-        own = own_programs(path, programs, units)
         for wanted in [own, [program for program in programs if program not in own]]:
             if wanted and build(wanted).returncode != 0:
                 return False
@@ -248,13 +248,11 @@ def try_change(place, change, programs, units, runner):
                 return noticed
         return None
     finally:
-        path.write_text(source)
+        change.path.write_text(change.before)
 
 
-def main():
-    seconds, seed, wanted = int(sys.argv[1]), int(sys.argv[2]), re.compile(sys.argv[3])
-    resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
-    resource.setrlimit(resource.RLIMIT_FSIZE, (1 << 28, 1 << 28))  # a loop that logs for ever
+def prepare():
+    """Builds and runs the unchanged tree; gives the units, the programs and the runner that knows their times."""
     copy_tree()
     configure()
     units = sorted(path.stem for path in (TREE / "src").glob("*.cpp"))
@@ -266,26 +264,42 @@ def main():
     runner = Runner(2 * os.cpu_count())  # the tests wait more than they work
     if runner.run(programs):
         sys.exit(f"{runner.failed} fails on the unchanged tree")
+    return units, programs, runner
+
+
+def changes(seed, pattern):
+    """Every place once, in the seed's order; the pattern leaves those whose heading it matches."""
     draw = random.Random(seed)
     places = [place for path in sorted((TREE / "src").rglob("*.[ch]*")) for place in places_in(path)]
     draw.shuffle(places)
-    print(f"{len(places)} places, seed {seed}", flush=True)
+    drawn = (Change(place, draw) for place in places)
+    return (change for change in drawn if re.search(pattern, change.heading))
+
+
+def main():
+    seconds, seed, pattern = int(sys.argv[1]), int(sys.argv[2]), sys.argv[3]
+    if os.geteuid() != 0:
+        sys.exit("run it as root, as the tests are, so that what a change breaks can be kept apart")
+    resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
+    resource.setrlimit(resource.RLIMIT_FSIZE, (1 << 28, 1 << 28))  # a loop that logs for ever
+    units, programs, runner = prepare()
     tried, survivors, end = 0, [], time.monotonic() + seconds
-    for place in places:
-        if time.monotonic() > end:
-            break
-        change = change_of(place, draw)
-        if not wanted.search(change[3].partition("\n")[0]):
-            continue
-        noticed = try_change(place, change, programs, units, runner)
-        if noticed is False:
-            continue  # the build itself refuses it
-        tried += 1
-        if noticed is None:
-            survivors.append(change[3])
-        print(f"{'noticed ' if noticed else 'SURVIVED'} {change[2]}: {place[1]} {noticed or ''}", flush=True)
-    print(f"\n{tried - len(survivors)} of {tried} noticed (seed {seed})")
+    try:
+        for change in changes(seed, pattern):
+            if time.monotonic() > end:
+                break
+            noticed = judge(change, programs, units, runner)
+            if noticed is False:
+                continue  # the build itself refuses it: another is drawn
+            tried += 1
+            print(f"{'noticed ' if noticed else 'SURVIVED'} {change.heading} {noticed or ''}", flush=True)
+            if noticed is None:
+                survivors.append("{}\n    - {}\n    + {}".format(change.heading, *change.lines))
+    except KeyboardInterrupt:
+        pass
+    print(f"\n{tried - len(survivors)} of {tried} noticed, seed {seed}")
     print("\n".join(survivors))
 
 
-main()
+if __name__ == "__main__":
+    main()

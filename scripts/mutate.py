@@ -73,8 +73,16 @@ def operators(code):
         yield "arithmetic", found.start(), found.end(), ["--" if found.group() == "++" else "++"]
 
 
+def name_before(code, place):
+    """The variable that is given its first value at the place."""
+    declared = re.search(r"(\w+) = -?$", code[max(0, place - 80):place])
+    return (declared.group(1) if declared else "(?!)") + r"\b"
+
+
 def constants(code):
     for found in re.finditer(r"(?<![\w.])(0[xX][0-9a-fA-F]+|\d+)(?![\w.])", code):
+        if re.match(r";[^{}]*?&" + name_before(code, found.start()), code[found.end():]):
+            continue  # the first value of what a function then fills in
         octal = re.fullmatch(r"0\d+", found.group())
         value = int(found.group(), 8 if octal else 0)
         changed = [value + 1] + [value - 1] * (value > 0)

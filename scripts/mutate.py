@@ -278,7 +278,8 @@ def prepare():
 def changes(seed, pattern):
     """Every place once, in the seed's order; the pattern leaves those whose heading it matches."""
     draw = random.Random(seed)
-    places = [place for path in sorted((TREE / "src").rglob("*.[ch]*")) for place in places_in(path)]
+    places = [place for path in sorted((TREE / "src").rglob("*.[ch]*")) for place in places_in(path)
+              if path.name != "tables.h"]  # it works while the library is compiled
     draw.shuffle(places)
     drawn = (Change(place, draw) for place in places)
     return (change for change in drawn if re.search(pattern, change.heading))

@@ -5,6 +5,8 @@
 
 #include <cerrno>
 #include <cstddef>
+#include <fstream>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -147,6 +149,21 @@ TEST_F(ShmMemory, IsMappedForWritingOnlyWhereItIsWritten) {
     EXPECT_EQ(last_protection, PROT_READ);
     EXPECT_EQ(tavrix_shm_set_string(name(), sizeof text, "x"), 0);
     EXPECT_EQ(last_protection, PROT_READ | PROT_WRITE);
+}
+
+TEST_F(ShmMemory, IsMappedNoLongerThanTheCallLasts) {
+    int value = 1;
+    char text[16] = {};
+    ASSERT_EQ(tavrix_shm_create(name(), sizeof text), 0);
+    EXPECT_EQ(tavrix_shm_set_int(name(), &value), 0);
+    EXPECT_EQ(tavrix_shm_get_int(name(), &value), 0);
+    EXPECT_EQ(tavrix_shm_set_string(name(), sizeof text, "x"), 0);
+    EXPECT_EQ(tavrix_shm_get_string(name(), sizeof text, text), 0);
+    EXPECT_EQ(tavrix_shm_clear(name(), sizeof text), 0);
+    std::stringstream maps;
+    maps << std::ifstream("/proc/self/maps").rdbuf();
+    EXPECT_NE(maps.str(), "");
+    EXPECT_EQ(maps.str().find(name()), std::string::npos) << maps.str();
 }
 
 TEST_F(ShmMemory, IsReservedInSpiteOfSignals) {

@@ -217,6 +217,11 @@ TEST(BoardRevision, IsTheOneDigitBehindTheEqualsSign) {
     EXPECT_EQ(board_revision("echo brdrev=0"), 0);
 }
 
+TEST(BoardRevision, IsLookedForIn255Characters) {
+    EXPECT_EQ(board_revision("printf '%0253d=4' 0"), 4);
+    EXPECT_EQ(board_revision("printf '%0254d=4' 0"), 7) << "the digit is cut off";
+}
+
 TEST(BoardRevision, IsSevenWhenItCannotBeRead) {
     const struct {
         const char *script;

@@ -19,6 +19,7 @@ TREE, BUILD = WORK / "tree", WORK / "build"
 PRIVATE = """mount -o bind,remount,ro / && mount -o bind,remount,ro /dev && mount -t tmpfs none /tmp &&
              mount -t tmpfs none /dev/shm && exec "$@" """
 LEVELS = ["LOG_CONFIG", "LOG_ERROR", "LOG_WARNING", "LOG_INFO", "LOG_DEBUG", "LOG_VERBOSE"]
+RELATIONS = ("<", "<=", ">", ">=", "==", "!=")
 SWAPS = {"<": ["<=", ">"], "<=": ["<", ">="], ">": [">=", "<"], ">=": [">", "<="], "==": ["!="], "!=": ["=="],
          "+": ["-"], "-": ["+"], "*": ["+"], "/": ["*"], "%": ["/"], "+=": ["-="], "-=": ["+="], "|=": ["&="],
          "&&": ["||"], "||": ["&&"], "|": ["&"], "&": ["|"]}
@@ -66,7 +67,7 @@ def closing(code, opening):
 def operators(code):
     for found in re.finditer(r"(?<= )(<=|>=|==|!=|\+=|-=|\|=|&&|\|\||[-<>+*/%|&])(?= |\n)", code):
         sign = found.group()
-        kind = "relation" if sign in "<= >= == !=" else "logic" if sign in "&& ||" else "arithmetic"
+        kind = "relation" if sign in RELATIONS else "logic" if sign in ("&&", "||") else "arithmetic"
         for swap in SWAPS[sign]:
             yield kind, found.start(), found.end(), [swap]
     for found in re.finditer(r"\+\+|--", code):

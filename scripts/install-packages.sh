@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Installs from Debian what is missing for one or more purposes: build, bench, demo, test.
+# Installs from Debian what is missing for one or more purposes: build, bench, demo, mutate, test.
 # usage: scripts/install-packages.sh PURPOSE...
 set -euo pipefail
 
@@ -7,6 +7,7 @@ declare -A packages=(
     [build]="ca-certificates cmake g++ libcli11-dev libevent-dev libjansson-dev libnanomsg-dev libpcre3-dev libsqlite3-dev ninja-build pkg-config"
     [bench]="libbenchmark-dev valgrind"
     [demo]="sqlite3"
+    [mutate]="googletest python3"
     [test]="binutils clang g++-arm-linux-gnueabihf googletest libclang-rt-14-dev make mandoc qemu-user sqlite3"
 )
 

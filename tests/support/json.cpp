@@ -2,12 +2,20 @@
 
 #include <cstdlib>
 
-#include <jansson.h>
+#include <gtest/gtest.h>
 
 namespace support {
 
 std::string request(const std::string &method, const std::string &id, const std::string &more) {
     return R"({"jsonrpc":"2.0","method":")" + method + R"(","id":)" + id + more + "}";
+}
+
+json_error_t parse_error(const std::string &text) {
+    json_error_t error{};
+    json_t *value = json_loads(text.c_str(), JSON_REJECT_DUPLICATES | JSON_DISABLE_EOF_CHECK | JSON_DECODE_ANY, &error);
+    EXPECT_EQ(value, nullptr) << text;
+    json_decref(value);
+    return error;
 }
 
 std::string member(const std::string &text, const char *key) {

@@ -6,10 +6,15 @@
 
 #include <string>
 
+#include <jansson.h>
+
 namespace support {
 
 /** A JSON-RPC request; `id` and `more` stand as they are, `more` with its leading comma. */
 std::string request(const std::string &method, const std::string &id, const std::string &more = "");
+
+/** What the parser says of a text that is no JSON: its line and its words. */
+json_error_t parse_error(const std::string &text);
 
 /** A member of a JSON object's text, rendered compactly; "(none)" when it is absent. */
 std::string member(const std::string &text, const char *key);

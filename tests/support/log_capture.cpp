@@ -16,7 +16,6 @@ namespace support {
 namespace {
 
 constexpr char daemon_under_test[] = "unit-test";
-constexpr char no_line_end[] = " [no line end]";
 
 /** Length of "[2024-05-01 13:45:12.042] " in the C locale; 0 when the text at `at` is no time stamp. */
 size_t time_stamp_length(const std::string &text, size_t at) {
@@ -59,6 +58,8 @@ std::string tag_of(Level level) {
     static const std::array<const char *, 7> tags = {"UNKNW", "CONF ", "ERROR", "WARN ", "INFO ", "DEBUG", "VERB "};
     return tags.at(static_cast<size_t>(level));
 }
+
+std::string whole(Level level, const std::string &message) { return tag_of(level) + "|" + message; }
 
 std::time_t wall_clock() {
     timespec now{};
@@ -105,6 +106,10 @@ LogCapture::LogCapture(const std::string &level_word) {
 
 std::vector<LogLine> LogCapture::lines() const { return parse_log(text()); }
 
+std::string LogCapture::first() const { return silent() ? "(silent)" : lines().front().whole(); }
+
+std::string LogCapture::last() const { return silent() ? "(silent)" : lines().back().whole(); }
+
 int LogCapture::count(Level level, const std::string &unit, const std::string &message) const {
     int found = 0;
     for (const LogLine &line : lines()) {
@@ -118,13 +123,9 @@ int LogCapture::count(Level level, const std::string &unit, const std::string &m
 std::vector<std::string> LogCapture::sequence() const {
     std::vector<std::string> entries;
     for (const LogLine &line : lines()) {
-        std::string message = line.message;
-        if (!message.empty() && message.back() == '\n') {
-            message.pop_back();
-        } else {
-            message += no_line_end;
-        }
-        entries.push_back(line.tag + "|" + message);
+        const bool ended = !line.message.empty() && line.message.back() == '\n';
+        entries.push_back(line.tag + "|" +
+                          (ended ? line.message.substr(0, line.message.size() - 1) : line.message + " (no line end)"));
     }
     return entries;
 }

@@ -26,10 +26,16 @@ struct LogLine {
     std::string file;
     int line = 0;
     std::string message; ///< with its newline
+
+    /** Level and message in one, as whole() below spells it. */
+    std::string whole() const { return tag + "|" + message; }
 };
 
 /** The five characters that the logger prints for a level. */
 std::string tag_of(Level level);
+
+/** A line as a test expects it, down to the newline: what a comparison of the message alone would let pass is seen. */
+std::string whole(Level level, const std::string &message);
 
 /** Writes the private logger configuration and loads it: "off", "info", "debug" or "verbose". */
 void set_log_level(const std::string &word);
@@ -60,6 +66,9 @@ class LogCapture {
     std::string text() const { return capture_.text(); }
     void clear() { capture_.clear(); }
     std::vector<LogLine> lines() const;
+    /** The first line and the last one, level and all; "(silent)" when there is none. */
+    std::string first() const;
+    std::string last() const;
 
     /** How many lines carry exactly this level, unit (checked where the level prints it) and message. */
     int count(Level level, const std::string &unit, const std::string &message) const;
@@ -67,8 +76,8 @@ class LogCapture {
         return count(level, unit, message) > 0;
     }
     /**
-     * The messages in order, as "TAG|message" without the final newline: for comparing whole sequences. One that lacks
-     * its newline ends in " [no line end]" instead.
+     * The messages in order, as "TAG|message": for comparing whole sequences. The newline that ends a message is left
+     * out, and one that lacks it is told by " (no line end)" behind it.
      */
     std::vector<std::string> sequence() const;
     bool silent() const { return text().empty(); }

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include "support/json.h"
 #include "support/log_capture.h"
 #include "tavrix_jrpc.h"
 
@@ -126,9 +127,10 @@ TEST(ParseChannel, RefusesWhatIsNoJson) {
     EXPECT_EQ(channel_of(R"({"id":"a","id":"b"})").text, "(untouched)") << "duplicate keys";
     const auto lines = log.lines();
     ASSERT_EQ(lines.size(), 4U);
-    EXPECT_EQ(lines[0].message, "[tavrix_jrpc_parse_channel]: Cannot parse JSON message.\n");
-    EXPECT_EQ(lines[1].message.rfind("Error on line[2]: ", 0), 0U) << lines[1].message;
-    EXPECT_EQ(lines[1].tag, "DEBUG");
+    EXPECT_EQ(lines[0].whole(),
+              support::whole(support::debug, "[tavrix_jrpc_parse_channel]: Cannot parse JSON message.\n"));
+    EXPECT_EQ(lines[1].whole(), support::whole(support::debug, std::string("Error on line[2]: ") +
+                                                                   support::parse_error("{\n]").text + "\n"));
 }
 
 TEST(ParseChannel, RefusesNull) {

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include "support/bus.h"
+#include "support/json.h"
 #include "support/log_capture.h"
 #include "support/stream.h"
 #include "tavrix_jrpc.h"
@@ -22,6 +23,12 @@ constexpr char first_channel[] = "3a6f8f51-502f-4238-9638-29764ff1a8a4";
 constexpr char request[] = R"({"jsonrpc":"2.0","method":"ports.Get","id":7,"transaction_id":3})";
 constexpr char on_bus[] =
     R"({"jsonrpc":"2.0","method":"ports.Get","transaction_id":3,"id":"2524546b-ca99-4868-a062-359cefacff7c"})";
+
+/** The words for a text that is no JSON. */
+std::string stopped_at(const std::string &text) {
+    const json_error_t error = support::parse_error(text);
+    return "line: " + std::to_string(error.line) + ", text: " + error.text;
+}
 
 std::string line(const char *function, const std::string &words) {
     return std::string("[") + function + "]: " + words + "\n";
@@ -148,7 +155,7 @@ TEST_P(RouterRefuses, InOneCallClosingTheClient) {
     {
         const LogCapture log("debug");
         EXPECT_EQ(take_in_one_call(), -1);
-        EXPECT_EQ(log.lines().back().message, line(one_call, "router_process_msg: failed"));
+        EXPECT_EQ(log.last(), support::whole(support::debug, line(one_call, "router_process_msg: failed")));
         EXPECT_TRUE(log.has(support::debug, unit, line(process, GetParam().words))) << log.text();
     }
     EXPECT_TRUE(asking.closed_silently());
@@ -190,20 +197,19 @@ TEST_F(Router, SaysWhereARequestIsNoJson) {
     const StreamClient asking = connect("{\n\n]");
     const LogCapture log("debug");
     EXPECT_EQ(take_in_one_call(), -1);
-    EXPECT_EQ(log.lines().at(0).message.rfind("[tavrix_jrpc_router_process_msg]: line: 3, text: ", 0), 0U)
-        << log.text();
+    EXPECT_EQ(log.first(), support::whole(support::debug, line(process, stopped_at("{\n\n]"))));
+    EXPECT_EQ(support::parse_error("{\n\n]").line, 3);
 }
 
 TEST_F(Router, RefusesDuplicateKeys) {
     for (int path = 0; path < 2; ++path) {
-        const StreamClient asking = connect(R"({"method":"p","id":1,"id":2})");
+        const std::string twice = R"({"method":"p","id":1,"id":2})";
+        const StreamClient asking = connect(twice);
         Value value;
         const LogCapture log("debug");
         EXPECT_EQ(path == 0 ? take_in_one_call() : extract(&value), -1);
-        EXPECT_EQ(log.lines().at(0).message.rfind(
-                      std::string("[") + (path == 0 ? process : extracting) + "]: line: 1, text: ", 0),
-                  0U)
-            << log.text();
+        EXPECT_EQ(log.first(),
+                  support::whole(support::debug, line(path == 0 ? process : extracting, stopped_at(twice))));
         close_client();
     }
 }
@@ -290,15 +296,16 @@ TEST_F(Router, ExtractsARequestWithoutLookingAtIt) {
 TEST_F(Router, LeavesTheClientOpenWhenItRefusesOnTheSplitPath) {
     const struct {
         const char *text;
-        const char *words;
-    } rows[] = {{"[]", "Invalid JSON message"}, {"\"x\"", "Invalid JSON message"}, {"nonsense", "line: 1, text: "}};
+        std::string words;
+    } rows[] = {
+        {"[]", "Invalid JSON message"}, {"\"x\"", "Invalid JSON message"}, {"nonsense", stopped_at("nonsense")}};
     for (const auto &row : rows) {
         StreamClient asking = connect(row.text);
         Value value;
         const LogCapture log("debug");
         EXPECT_EQ(extract(&value), -1) << row.text;
         EXPECT_EQ(value.json, nullptr);
-        EXPECT_NE(log.text().find(std::string("[") + extracting + "]: " + row.words), std::string::npos) << log.text();
+        EXPECT_TRUE(log.has(support::debug, unit, line(extracting, row.words))) << log.text();
         ASSERT_GE(client, 0);
         EXPECT_EQ(send(client, "answer", 6, 0), 6);
         close_client();
@@ -332,7 +339,7 @@ TEST_P(RouterRefuses, OnTheSplitPath) {
     }
     const LogCapture log("debug");
     EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&bus.pub.number, value.json), -1);
-    EXPECT_EQ(log.lines().back().message, line(dispatching, GetParam().words));
+    EXPECT_EQ(log.last(), support::whole(support::debug, line(dispatching, GetParam().words)));
 }
 
 TEST_F(Router, RefusesToDispatchWhatIsNoObject) {
@@ -344,7 +351,7 @@ TEST_F(Router, RefusesToDispatchWhatIsNoObject) {
         Value value(row.text);
         const LogCapture log("debug");
         EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&bus.pub.number, value.json), -1);
-        EXPECT_EQ(log.lines().back().message, line(dispatching, row.words)) << row.text;
+        EXPECT_EQ(log.last(), support::whole(support::debug, line(dispatching, row.words))) << row.text;
     }
 }
 
@@ -474,7 +481,7 @@ TEST_F(Router, ReportsADispatchThatCannotBePublished) {
     const int closed = 9999;
     const LogCapture log("debug");
     EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&closed, value.json), -1);
-    EXPECT_EQ(log.lines().back().message, line(dispatching, "Error mq_pub, rc = -1"));
+    EXPECT_EQ(log.last(), support::whole(support::debug, line(dispatching, "Error mq_pub, rc = -1")));
 }
 
 TEST_F(Router, ShowsADispatchedRequestUnderItsOwnName) {
@@ -484,6 +491,7 @@ TEST_F(Router, ShowsADispatchedRequestUnderItsOwnName) {
     EXPECT_TRUE(log.has(support::verbose, unit,
                         line(dispatching, "[Recv]: {\n    \"method\": \"ports.Get\",\n    \"id\": \"mine\"\n}")));
     EXPECT_TRUE(log.has(support::verbose, unit, line(dispatching, "JSON Method: ports.Get")));
+    EXPECT_TRUE(log.has(support::verbose, unit, std::string("channel: ") + first_channel + "\n"));
     EXPECT_TRUE(log.has(support::verbose, unit, "JSON ID: mine\n"));
 }
 
@@ -580,15 +588,16 @@ TEST_F(Router, ExtractsAReplyAsAnObject) {
 TEST_F(Router, RefusesRepliesThatAreNoObjects) {
     const struct {
         const char *frame;
-        const char *words;
-    } rows[] = {{"|[]", "Invalid JSON message"}, {"|nonsense", "line: 1, text: "}, {"", "Error parse_msg, rc = -1"}};
+        std::string words;
+    } rows[] = {
+        {"|[]", "Invalid JSON message"}, {"|nonsense", stopped_at("nonsense")}, {"", "Error parse_msg, rc = -1"}};
     for (const auto &row : rows) {
         replies.publish(std::string(reply_channel) + row.frame);
         Value value;
         const LogCapture log("debug");
         EXPECT_EQ(tavrix_jrpc_router_mq_extract_response(&replies.sub.number, &value.json), -1);
         EXPECT_EQ(value.json, nullptr);
-        EXPECT_NE(log.text().find(std::string("[") + receiving + "]: " + row.words), std::string::npos) << log.text();
+        EXPECT_TRUE(log.has(support::debug, unit, line(receiving, row.words))) << log.text();
     }
 }
 
@@ -757,9 +766,9 @@ TEST(LockResponse, NeedsAnIdThatIsAString) {
         const LogCapture log("debug");
         EXPECT_EQ(tavrix_jrpc_router_create_system_lock_response(asked.json, &response), -1);
         EXPECT_EQ(response, nullptr);
-        EXPECT_EQ(log.lines().at(0).message,
-                  line(locking, std::string(text) == "{}" ? "No JSON id" : "Invalid JSON method"));
-        EXPECT_EQ(log.lines().at(0).tag, "DEBUG");
+        EXPECT_EQ(log.first(),
+                  support::whole(support::debug,
+                                 line(locking, std::string(text) == "{}" ? "No JSON id" : "Invalid JSON method")));
     }
     const LogCapture log("debug");
     const Value asked("{}");

@@ -182,7 +182,8 @@ TEST(ServerInit, ReportsAFailedListenerOnlyByLogAndHandle) {
         const LogCapture log("debug");
         EXPECT_EQ(tavrix_jrpc_unix_socket_init("no/such/folder/x.sock", &handle, 0), 0);
         EXPECT_EQ(handle, 0);
-        EXPECT_NE(log.text().find("[tavrix_jrpc_unix_socket_init]: cannot init unix socket!\n"), std::string::npos);
+        EXPECT_EQ(log.last(),
+                  support::whole(support::debug, "[tavrix_jrpc_unix_socket_init]: cannot init unix socket!\n"));
     }
     handle = -77;
     {
@@ -203,7 +204,7 @@ TEST(ServerInit, ReportsAFailedListenerOnlyByLogAndHandle) {
     const LogCapture log("debug");
     EXPECT_EQ(tavrix_jrpc_tcp_socket_init(ntohs(address.sin_port), &handle, 0), 0);
     EXPECT_EQ(handle, 0);
-    EXPECT_NE(log.text().find("[tavrix_jrpc_tcp_socket_init]: cannot init tcp socket!\n"), std::string::npos);
+    EXPECT_EQ(log.last(), support::whole(support::debug, "[tavrix_jrpc_tcp_socket_init]: cannot init tcp socket!\n"));
     ::close(first);
 }
 
@@ -292,6 +293,18 @@ TEST(PullServerInit, SpeaksInTheNamesOfTheTcpServerAndThePublisher) {
     EXPECT_TRUE(log.has(support::error, unit, "[tavrix_jrpc_mq_pub_init]: Error mq_socket_bind for pull, rc = -34\n"));
     EXPECT_EQ(tavrix_jrpc_pull_socket_init(nullptr, &handle), -20);
     EXPECT_EQ(handle, -77);
+}
+
+TEST(PullServerInit, GivesItsSocketBackWhenItCannotBind) {
+    const auto next_number = [] {
+        const BusSocket next(TAVRIX_SP_PULL);
+        return next.number;
+    };
+    const int free_number = next_number();
+    int handle = -77;
+    const LogCapture log("off");
+    EXPECT_EQ(tavrix_jrpc_pull_socket_init("ipc://x", &handle), -34);
+    EXPECT_EQ(next_number(), free_number);
 }
 
 TEST(PullServerInit, GoesOnToTheBindWhenNoBusSocketIsLeft) {

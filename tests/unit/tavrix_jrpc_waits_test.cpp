@@ -3,11 +3,13 @@
 #include <csignal>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 #include <pthread.h>
 
 #include "support/bus.h"
+#include "support/json.h"
 #include "support/log_capture.h"
 #include "tavrix_jrpc.h"
 #include "tavrix_mq.h"
@@ -28,12 +30,9 @@ std::string compact(json_t *value) {
     return copy;
 }
 
-int count_lines(const LogCapture &log, const std::string &begin) {
-    int count = 0;
-    for (const auto &line : log.lines()) {
-        count += line.message.rfind(begin, 0) == 0 ? 1 : 0;
-    }
-    return count;
+/** The line before an attempt, the last of which is number 1. */
+std::string waiting(const std::string &method, int attempt) {
+    return "Waiting for API response <" + method + ">, attempts remaining: " + std::to_string(attempt);
 }
 
 /** Interrupts this thread again and again, with a handler that asks for interrupted calls to go on. */
@@ -173,7 +172,8 @@ TEST(Matchers, RefuseWhatIsNoJsonInTheEvaluatorsWords) {
     EXPECT_EQ(tavrix_jrpc_eval_method("m", "{", &out), -1);
     EXPECT_EQ(tavrix_jrpc_eval_notification("m", "{", &out), -1);
     EXPECT_EQ(log.count(support::error, unit, "tavrix_jrpc_eval_request: Cannot parse JSON data\n"), 2);
-    EXPECT_EQ(count_lines(log, "error: on line 1: "), 2);
+    EXPECT_EQ(
+        log.count(support::error, unit, std::string("error: on line 1: ") + support::parse_error("{").text + "\n"), 2);
     EXPECT_EQ(out, nullptr);
 }
 
@@ -214,12 +214,13 @@ TEST(ReplyWait, GivesUpAfterTheMethodsNumberOfAttempts) {
         const LogCapture log("debug");
         EXPECT_EQ(tavrix_jrpc_mq_sub_for_method(silent.number, row.method, &out), -50) << row.method;
         EXPECT_EQ(out, nullptr);
-        EXPECT_EQ(count_lines(log, std::string("Waiting for API response <") + row.method + ">, attempts remaining: "),
-                  row.attempts);
-        EXPECT_EQ(log.lines().front().message, std::string("Waiting for API response <") + row.method +
-                                                   ">, attempts remaining: " + std::to_string(row.attempts) + "\n");
-        EXPECT_EQ(log.count(support::debug, unit, "Unable to receive an API response, rc = -46\n"), row.attempts);
-        EXPECT_EQ(log.lines().back().message, "Could not receive expected API response.\n");
+        std::vector<std::string> expected;
+        for (int attempt = row.attempts; attempt > 0; --attempt) {
+            expected.push_back("DEBUG|" + waiting(row.method, attempt));
+            expected.push_back("DEBUG|Unable to receive an API response, rc = -46");
+        }
+        expected.push_back("DEBUG|Could not receive expected API response.");
+        EXPECT_EQ(log.sequence(), expected);
     }
 }
 
@@ -233,7 +234,10 @@ TEST(ReplyWait, TakesTheReplyAndLetsOthersCostAnAttempt) {
     const LogCapture log("debug");
     ASSERT_EQ(tavrix_jrpc_mq_sub_for_method(bus.sub.number, "ports.Get", &out), 0);
     EXPECT_EQ(compact(out), R"({"jsonrpc":"2.0","id":"ports.Get","result":5})");
-    EXPECT_EQ(count_lines(log, "Waiting for API response <ports.Get>, attempts remaining: "), 5);
+    for (int attempt = 60; attempt > 55; --attempt) {
+        EXPECT_TRUE(log.has(support::debug, unit, waiting("ports.Get", attempt) + "\n")) << attempt;
+    }
+    EXPECT_FALSE(log.has(support::debug, unit, waiting("ports.Get", 55) + "\n")) << "the fifth frame was the one";
     EXPECT_TRUE(log.has(support::debug, unit, "Unable to parse API response, rc = -1\n"));
     EXPECT_EQ(log.count(support::debug, unit, "Incorrect API response received. rc = -1\n"), 3);
     EXPECT_TRUE(
@@ -241,8 +245,9 @@ TEST(ReplyWait, TakesTheReplyAndLetsOthersCostAnAttempt) {
     EXPECT_EQ(
         log.count(support::debug, unit, "[tavrix_jrpc_mq_sub_for_method] Received API response, evaluating id...\n"),
         4);
-    EXPECT_EQ(log.lines().back().message, "[tavrix_jrpc_mq_sub_for_method] JSON Out: {\"jsonrpc\": \"2.0\", \"id\": "
-                                          "\"ports.Get\", \"result\": 5}\n");
+    EXPECT_EQ(log.last(),
+              support::whole(support::debug, "[tavrix_jrpc_mq_sub_for_method] JSON Out: {\"jsonrpc\": \"2.0\", \"id\": "
+                                             "\"ports.Get\", \"result\": 5}\n"));
 }
 
 TEST(ReplyWait, RunsOutOnFramesThatDoNotMatch) {
@@ -289,8 +294,12 @@ TEST(NotificationWait, TakesTheFifthFrameAndRestoresTheTimeOut) {
     int ms = 0;
     tavrix_mq_socket_get_timeout(bus.sub.number, &ms);
     EXPECT_EQ(ms, 700);
-    EXPECT_EQ(log.lines().front().message,
-              "[tavrix_jrpc_mq_sub_for_notifcation] Waiting for <events.X> response, attempts remaining: 5\n");
+    for (int attempt = 5; attempt > 0; --attempt) {
+        EXPECT_TRUE(
+            log.has(support::debug, unit,
+                    "[tavrix_jrpc_mq_sub_for_notifcation] Waiting for <events.X> response, attempts remaining: " +
+                        std::to_string(attempt) + "\n"));
+    }
     EXPECT_TRUE(log.has(support::debug, unit, "Unable to parse notification message, rc = -1\n"));
     EXPECT_EQ(log.count(support::debug, unit, "Incorrect notification received. rc = -1\n"), 3);
     EXPECT_TRUE(log.has(support::debug, unit,
@@ -298,9 +307,11 @@ TEST(NotificationWait, TakesTheFifthFrameAndRestoresTheTimeOut) {
     EXPECT_EQ(log.count(support::debug, unit,
                         "[tavrix_jrpc_mq_sub_for_notifcation] Received notification, evaluating method name...\n"),
               4);
-    EXPECT_EQ(log.lines().back().message,
-              "[tavrix_jrpc_mq_sub_for_notifcation] JSON Out: {\"jsonrpc\": \"2.0\", \"method\": \"events.X\", "
-              "\"params\": {\"n\": 1}}\n");
+    EXPECT_EQ(log.last(),
+              support::whole(
+                  support::debug,
+                  "[tavrix_jrpc_mq_sub_for_notifcation] JSON Out: {\"jsonrpc\": \"2.0\", \"method\": \"events.X\", "
+                  "\"params\": {\"n\": 1}}\n"));
 }
 
 TEST(NotificationWait, GivesUpAfterFiveFramesAndRestoresTheTimeOut) {
@@ -312,7 +323,7 @@ TEST(NotificationWait, GivesUpAfterFiveFramesAndRestoresTheTimeOut) {
     const LogCapture log("debug");
     EXPECT_EQ(tavrix_jrpc_mq_sub_for_notifcation(bus.sub.number, "events.X", &out), -1);
     EXPECT_EQ(out, nullptr);
-    EXPECT_EQ(log.lines().back().message, "Could not receive expected notification.\n");
+    EXPECT_EQ(log.last(), support::whole(support::debug, "Could not receive expected notification.\n"));
     int ms = 0;
     tavrix_mq_socket_get_timeout(bus.sub.number, &ms);
     EXPECT_EQ(ms, 700);

@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <fstream>
 #include <iterator>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -24,6 +25,7 @@ using support::LogCapture;
 namespace {
 
 bool mapping_fails = false;
+int last_protection = 0;
 int reserve_error = 0;
 int reserve_failures = 0;       ///< how many reservations fail, from the next one on
 off_t grown_before_failing = 0; ///< what a reservation that fails has added by then
@@ -36,6 +38,7 @@ void *__real_mmap64(void *address, size_t length, int protection, int flags, int
 int __real_posix_fallocate64(int fd, off_t offset, off_t length);
 
 void *__wrap_mmap64(void *address, size_t length, int protection, int flags, int fd, off_t offset) {
+    last_protection = protection;
     if (mapping_fails) {
         errno = ENOMEM;
         return MAP_FAILED;
@@ -178,6 +181,35 @@ TEST_F(ShmMemory, KeepsWhatItHoldsWhenSignalsNeverEnd) {
     fail_reservations(100, EINTR);
     expect_creation_to_fail(100000);
     expect_the_text_held();
+}
+
+TEST_F(ShmMemory, IsMappedForWritingOnlyWhereItIsWritten) {
+    ASSERT_EQ(tavrix_shm_create(name(), 16), 0);
+    int value = 0;
+    char text[16] = {};
+    EXPECT_EQ(tavrix_shm_get_int(name(), &value), 0);
+    EXPECT_EQ(last_protection, PROT_READ);
+    EXPECT_EQ(tavrix_shm_set_int(name(), &value), 0);
+    EXPECT_EQ(last_protection, PROT_READ | PROT_WRITE);
+    EXPECT_EQ(tavrix_shm_get_string(name(), sizeof text, text), 0);
+    EXPECT_EQ(last_protection, PROT_READ);
+    EXPECT_EQ(tavrix_shm_set_string(name(), sizeof text, "x"), 0);
+    EXPECT_EQ(last_protection, PROT_READ | PROT_WRITE);
+}
+
+TEST_F(ShmMemory, IsMappedNoLongerThanTheCallLasts) {
+    int value = 1;
+    char text[16] = {};
+    ASSERT_EQ(tavrix_shm_create(name(), sizeof text), 0);
+    EXPECT_EQ(tavrix_shm_set_int(name(), &value), 0);
+    EXPECT_EQ(tavrix_shm_get_int(name(), &value), 0);
+    EXPECT_EQ(tavrix_shm_set_string(name(), sizeof text, "x"), 0);
+    EXPECT_EQ(tavrix_shm_get_string(name(), sizeof text, text), 0);
+    EXPECT_EQ(tavrix_shm_clear(name(), sizeof text), 0);
+    std::stringstream maps;
+    maps << std::ifstream("/proc/self/maps").rdbuf();
+    EXPECT_NE(maps.str(), "");
+    EXPECT_EQ(maps.str().find(name()), std::string::npos) << maps.str();
 }
 
 TEST_F(ShmMemory, IsReservedInSpiteOfSignals) {

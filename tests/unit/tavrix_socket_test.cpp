@@ -269,9 +269,11 @@ TEST(Connect, LooksAtThePlaceForTheDescriptorLast) {
     }
     Handle listener;
     ASSERT_EQ(tavrix_tcp_socket_init(0, &listener.fd, 0), 0);
+    const LogCapture log("debug");
     const int before = support::open_descriptors();
     EXPECT_EQ(tavrix_tcp_socket_connect("127.0.0.1", static_cast<unsigned>(port_of(listener.fd)), nullptr), -1);
     EXPECT_EQ(support::open_descriptors(), before);
+    EXPECT_EQ(log.sequence(), std::vector<std::string>{"DEBUG|[tavrix_tcp_socket_connect]: Null Pointer!"});
 }
 
 TEST(Receive, GivesTheCountAndAddsNoTerminator) {
@@ -343,6 +345,11 @@ TEST(Send, TakesAShortSendForASuccess) {
     const std::string large(50U << 20, 'x');
     EXPECT_EQ(tavrix_socket_send(&pair.ours.fd, large.c_str()), 0);
     EXPECT_EQ(tavrix_socket_send(&pair.ours.fd, large.c_str()), -1) << "now the buffer is full";
+}
+
+TEST(Send, HasNothingToSendOfAnEmptyText) {
+    Pair pair;
+    EXPECT_EQ(tavrix_socket_send(&pair.ours.fd, ""), 0);
 }
 
 TEST(Send, RefusesNull) {

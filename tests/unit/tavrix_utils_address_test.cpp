@@ -457,6 +457,8 @@ TEST(Version, IsComparedNumberByNumber) {
         {"4294967296", "0", -1}, // does not fit: read as the largest one
         {"99999999999999999999", "0", -1},
         {"-1", "0", -1},
+        {"-4294967295", "0", 1}, // the last that fits, and with the sign turned 1
+        {"-4294967296", "0", -1},
     };
     for (const auto &row : rows) {
         EXPECT_EQ(tavrix_utils_sw_version_strcmp(row.a, row.b), row.rc) << row.a << " against " << row.b;

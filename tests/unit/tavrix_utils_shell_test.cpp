@@ -261,6 +261,11 @@ TEST(BoardRevision, IsTheOneDigitBehindTheEqualsSign) {
     EXPECT_EQ(board_revision("echo brdrev=0"), 0);
 }
 
+TEST(BoardRevision, IsLookedForIn255Characters) {
+    EXPECT_EQ(board_revision("printf '%0253d=4' 0"), 4);
+    EXPECT_EQ(board_revision("printf '%0254d=4' 0"), 7) << "the digit is cut off";
+}
+
 TEST(BoardRevision, IsSevenWhenItCannotBeRead) {
     const struct {
         const char *script;
@@ -348,8 +353,8 @@ TEST(Dump, TakesAnyLengthAndNullPointers) {
     const auto lines = log.lines();
     ASSERT_EQ(lines.size(), 4U);
     EXPECT_EQ(lines[0].message.rfind("\n41 41 41 41 41 41 41 41   41 ", 0), 0U);
-    EXPECT_EQ(lines[1].message, "negative\n");
-    EXPECT_EQ(lines[2].message, "null\n");
+    EXPECT_EQ(lines[1].whole(), support::whole(support::info, "negative\n"));
+    EXPECT_EQ(lines[2].whole(), support::whole(support::info, "null\n"));
 }
 
 TEST(SystemLog, WritesPastTheLevelInUtc) {

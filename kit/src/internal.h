@@ -226,14 +226,13 @@ struct Session {
     event flush; ///< made active when there is something to write: what one turn of the loop writes goes out at once
     event retry;
     Buffer in;
+    size_t searched; ///< of `in`: no line ends there
     Buffer out;
     int backoff_ms;
     bool outage_told;
     bool was_ready;
     bool lost_subscriptions; ///< notifications may have been missed
     int refusal;             ///< the registration's last refusal, told once
-    bool reading;
-    uint64_t bus_request;
 };
 
 bool session_prepare(tavrix_service *service);

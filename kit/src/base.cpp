@@ -60,6 +60,9 @@ bool buffer_reserve(Buffer *buffer, size_t count) {
 }
 
 bool buffer_append(Buffer *buffer, const char *bytes, size_t count) {
+    if (count == 0) {
+        return true; // an empty buffer has no bytes to copy to
+    }
     if (!buffer_reserve(buffer, count)) {
         return false;
     }

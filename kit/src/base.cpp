@@ -12,10 +12,12 @@ namespace kit {
 namespace {
 
 constexpr size_t first_capacity = 4096;
-constexpr size_t kept_capacity = 64 * 1024;
+constexpr size_t kept_capacity = 65536;
 constexpr size_t max_method_name = 255;
 
 } // namespace
+
+void unmake(void *record) { std::free(record); }
 
 // --- Time ----------------------------------------------------------------------------------------------------------
 

@@ -219,7 +219,7 @@ void give_up(tavrix_service *service) {
 void cancel_timer(tavrix_service *service, Entry *entry) {
     event_del(&as_timer(entry)->ready);
     leave(&service->directory, entry);
-    std::free(as_timer(entry));
+    unmake(as_timer(entry));
 }
 
 } // namespace kit

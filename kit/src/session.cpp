@@ -25,8 +25,8 @@ constexpr char unit_name[] = "service_session";
 constexpr int first_backoff_ms = 20;
 constexpr int last_backoff_ms = 1000;
 constexpr int control_timeout_ms = 10000;
-constexpr size_t short_read_size = 16 * 1024;
-constexpr size_t read_size = 64 * 1024; // once a line has begun: long ones are read in larger pieces
+constexpr size_t short_read_size = 16384;
+constexpr size_t read_size = 65536; // once a line has begun: long ones are read in larger pieces
 
 void lose_session(tavrix_service *service, const char *why);
 void ask_for_bus(tavrix_service *service);

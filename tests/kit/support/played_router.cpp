@@ -87,14 +87,17 @@ void PlayedRouter::step() {
         setsockopt(client_, SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
     }
     char bytes[65536];
+    size_t searched = 0;
     const ssize_t count = client_ >= 0 ? recv(client_, bytes, sizeof bytes, 0) : -1;
     if (count == 0) {
         hang_up();
     } else if (count > 0) {
+        searched = in_.size();
         in_.append(bytes, static_cast<size_t>(count));
     }
     size_t end = 0;
-    while ((end = in_.find('\n')) != std::string::npos) {
+    while ((end = in_.find('\n', searched)) != std::string::npos) {
+        searched = 0;
         const std::string line = in_.substr(0, end);
         in_.erase(0, end + 1);
         take_line(line);

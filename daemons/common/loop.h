@@ -4,6 +4,7 @@
 #ifndef TAVRIX_DAEMONS_COMMON_LOOP_H
 #define TAVRIX_DAEMONS_COMMON_LOOP_H
 
+#include <algorithm>
 #include <chrono>
 #include <functional>
 #include <list>
@@ -30,14 +31,16 @@ using EventBase = std::unique_ptr<event_base, FreeBase>;
 using Event = std::unique_ptr<event, FreeEvent>;
 using Buffer = std::unique_ptr<evbuffer, FreeBuffer>;
 
-inline timeval as_timeval(std::chrono::milliseconds time) {
-    return {static_cast<time_t>(time.count() / 1000), static_cast<suseconds_t>(time.count() % 1000 * 1000)};
-}
-
-/** Adds the event with a time; false when there is no memory for it. */
+/**
+ * Adds the event with a time; false when there is no memory for it. Debian's libevent for 32-bit ARM was built with a
+ * timeval of two 32-bit numbers, and these sources are not: it is handed over as libevent knows it.
+ */
 inline bool add_after(const Event &event, std::chrono::milliseconds time) {
-    const timeval wait = as_timeval(time);
-    return event_add(event.get(), &wait) == 0;
+    const struct {
+        long seconds;
+        long microseconds;
+    } wait = {static_cast<long>(time.count() / 1000), static_cast<long>(time.count() % 1000 * 1000)};
+    return event_add(event.get(), reinterpret_cast<const timeval *>(&wait)) == 0;
 }
 
 /**

@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <cstring>
 
-#include "common/log.h"
 #include "router.h"
 #include "tavrix_jrpc.h"
 
@@ -12,7 +11,6 @@ namespace router {
 
 namespace {
 
-constexpr char unit_name[] = "router";
 constexpr size_t max_patterns = 64;
 constexpr size_t max_pattern = 128;
 constexpr size_t max_name = 50;

@@ -32,14 +32,20 @@ Fleet::Fleet() {
 }
 
 Process &Fleet::start_router(const std::vector<std::string> &more) {
-    std::vector<std::string> arguments = {TAVRIX_ROUTERD,  "--socket",     "router.sock", "--session",  "session.sock",
-                                          "--publish",     router_address, "--connect",   ports_address};
+    std::vector<std::string> arguments = {TAVRIX_ROUTERD, "--socket",     "router.sock", "--session",  "session.sock",
+                                          "--publish",    router_address, "--connect",   ports_address};
     arguments.insert(arguments.end(), more.begin(), more.end());
     router = std::make_unique<Process>("routerd", arguments);
     if (!router->says("routerd ready")) {
         throw std::runtime_error("the router does not get ready: " + router->log());
     }
     return *router;
+}
+
+Process &Fleet::start_router_with_tcp(int port, std::vector<std::string> more) {
+    write_file("policy.conf", "[tcp]\nall=*\n");
+    more.insert(more.end(), {"--tcp", std::to_string(port), "--policy", "policy.conf"});
+    return start_router(more);
 }
 
 Process &Fleet::start_ports(const std::vector<std::string> &more) {

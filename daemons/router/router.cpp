@@ -109,7 +109,8 @@ bool Router::make_bus_folder() const {
         if (folder.empty()) {
             continue;
         }
-        if (mkdir(folder.c_str(), 0770) != 0 && errno != EEXIST) {
+        const bool is_new = mkdir(folder.c_str(), 0770) == 0;
+        if ((!is_new && errno != EEXIST) || (is_new && chmod(folder.c_str(), 0770) != 0)) { // whatever the umask
             LOG_ERROR("Cannot make the bus folder %s: %s\n", folder.c_str(), std::strerror(errno));
             return false;
         }

@@ -563,6 +563,9 @@ void Router::take_frame(std::string_view channel, std::string_view text) {
         return;
     }
     const std::string method(channel);
+    if (!is_plain(method) || method.rfind(own_prefix, 0) == 0) {
+        return; // no method, or one that the router alone may use
+    }
     const bool is_wanted = std::any_of(sessions_.begin(), sessions_.end(), [&method](const Session *session) {
         return matches_any(session->subscribed, method) || matches_any(session->monitored, method);
     });

@@ -20,6 +20,7 @@ constexpr int messages_per_turn = 100;         // a flood on the bus must not ke
 constexpr size_t bytes_per_turn = 1024 * 1024; // nor fill what they are sent faster than they could ever read it
 constexpr int largest_message = 8 * 1024 * 1024;
 constexpr mode_t for_the_group = 0007;
+constexpr size_t longest_ipc_address = 113; // nanomsg aborts on a longer one
 
 } // namespace
 
@@ -30,7 +31,8 @@ int transport_of(const std::string &address) {
     } rows[] = {{"tcp://", TAVRIX_TRANSPORT_TCP}, {"ipc://", TAVRIX_TRANSPORT_IPC}};
     for (const auto &row : rows) {
         if (address.rfind(row.scheme, 0) == 0) {
-            return row.transport;
+            const bool fits = row.transport != TAVRIX_TRANSPORT_IPC || address.size() <= longest_ipc_address;
+            return fits ? row.transport : 0;
         }
     }
     return 0;

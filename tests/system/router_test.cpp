@@ -946,3 +946,16 @@ TEST(Daemons, ReadTheirOwnSectionOfOneFile) {
         EXPECT_NE(support::run({row.program, "--help"}).output.find("exit status:"), std::string::npos);
     }
 }
+
+TEST(RouterDaemon, RefusesAnIpcAddressThatTheBusCannotBear) {
+    for (const char *option : {"--publish", "--connect"}) {
+        for (const size_t length : {114U, 127U, 128U, 200U}) {
+            const std::string address = "ipc://" + std::string(length - 6, 'p');
+            const support::Finished finished =
+                support::run({TAVRIX_ROUTERD, "--socket", "a.sock", "--session", "", "--publish",
+                              support::free_bus_address(), option, address});
+            EXPECT_EQ(finished.status, 1) << length;
+            EXPECT_NE(finished.diagnostics.find("Cannot "), std::string::npos) << finished.diagnostics;
+        }
+    }
+}

@@ -424,6 +424,17 @@ bool Router::send(const Call &call, json_t *request) {
     return tavrix_jrpc_router_mq_dispatch_request(bus_.publisher(), request) == TAVRIX_OK;
 }
 
+/** True once the client has been told that this service has too much to do already. */
+bool Router::is_overloaded(const Service &service, Client &client, const json_t *request, const BatchPlace &batch) {
+    if (has_room(service.users, account_of(client.peer), service.calls.size(),
+                 static_cast<size_t>(config_.max_in_flight))) {
+        return false;
+    }
+    ++statistics_.busy;
+    client.answer(make_error(TAVRIX_JRPC_SYSTEM_BUSY, request, message_data("too many requests in flight")), batch);
+    return true;
+}
+
 void Router::forward(Client &client, const std::string &method, Json request, const BatchPlace &batch) {
     Json why_not;
     Service *service = find_service(method, channel_of(method), &why_not);
@@ -433,11 +444,7 @@ void Router::forward(Client &client, const std::string &method, Json request, co
         client.answer(make_error(TAVRIX_JRPC_METHOD_NOT_FOUND, request.get(), std::move(why_not)), batch);
         return;
     }
-    if (!has_room(service->users, account_of(client.peer), service->calls.size(),
-                  static_cast<size_t>(config_.max_in_flight))) {
-        ++statistics_.busy;
-        client.answer(make_error(TAVRIX_JRPC_SYSTEM_BUSY, request.get(), message_data("too many requests in flight")),
-                      batch);
+    if (is_overloaded(*service, client, request.get(), batch)) {
         return;
     }
     Call *call = begin_call(client, *service, method, request.get(), batch);
@@ -456,6 +463,9 @@ void Router::forward(Client &client, const std::string &method, Json request, co
 void Router::reload(Client &client, Json request, const BatchPlace &batch) {
     tavrix_lsyslog_is_json_method_lsyslog(daemon_support::reload_method); // the router's own logger rereads too
     Service &everybody = registry_.listeners_on(TAVRIX_CHANNEL_DEFAULT);
+    if (is_overloaded(everybody, client, request.get(), batch)) {
+        return;
+    }
     Call *call = begin_call(client, everybody, daemon_support::reload_method, request.get(), batch);
     bool is_anybody_there = registry_.heard_count() > 0;
     send(*call, request.get());

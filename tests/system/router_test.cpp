@@ -10,6 +10,7 @@
 #include <netinet/in.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "support/fleet.h"
@@ -41,6 +42,13 @@ std::string reply_to(const std::string &on_bus, const std::string &result) {
 /** A reply far above what a socket's buffer holds, and above what a bus socket receives unasked. */
 std::string large_reply_to(const std::string &on_bus) {
     return reply_to(on_bus, "\"" + std::string(3000000, 'x') + "\"");
+}
+
+/** Stops the process and waits until it stands. */
+void stand_still(const support::Process &process) {
+    process.signal(SIGSTOP);
+    siginfo_t state{};
+    ASSERT_EQ(waitid(P_PID, static_cast<id_t>(process.pid()), &state, WSTOPPED), 0);
 }
 
 std::vector<StreamClient> silent_clients(const Fleet &fleet, int count) {
@@ -536,6 +544,25 @@ TEST(RouterDaemon, NoticesATcpClientThatLeavesEarly) {
     service.reply(reply_to(unanswered, "\"late\""));
     service.reply(reply_to(service.next_request(), "\"right\""));
     EXPECT_EQ(member(next.hear(), "result"), "\"right\"");
+}
+
+TEST(RouterDaemon, NoticesAClientThatLeavesWithTheLastPieceOfItsRequest) {
+    Fleet fleet;
+    const int port = support::free_port();
+    fleet.start_router_with_tcp(port, {"--reply-timeout", "86400000", "--client-timeout", "86400000"});
+    const std::string text = request("ports.Get", "1");
+    for (const bool tcp : {false, true}) {
+        StreamClient client = tcp ? StreamClient::tcp_port(port) : fleet.connect();
+        client.say(text.substr(0, 10));
+        fleet.ask(request("router.Status", "1")); // the beginning has been read
+        stand_still(*fleet.router);
+        client.say(text.substr(10));
+        client.close();
+        fleet.router->signal(SIGCONT);
+        EXPECT_TRUE(support::wait_until([&] {
+            return fleet.router->times_said("ports.Get has gone") == 1 + (tcp ? 1 : 0);
+        })) << tcp;
+    }
 }
 
 TEST(RouterDaemon, HearsAClientOutThatOnlyClosedItsSendingSide) {

@@ -31,8 +31,14 @@ bool OneShot::start() {
 
 void OneShot::on_readable(evutil_socket_t /*descriptor*/, short /*what*/, void *context) {
     auto *self = static_cast<OneShot *>(context);
-    self->router_.guard(self,
-                        [self] { self->state_ == State::reading ? self->read_request() : self->watch_for_hang_up(); });
+    self->router_.guard(self, [self] {
+        if (self->state_ == State::reading) {
+            self->read_request();
+        }
+        if (!self->is_closed() && self->state_ != State::reading) {
+            self->watch_for_hang_up(); // it may have come with the request, and is not told again
+        }
+    });
 }
 
 void OneShot::on_writable(evutil_socket_t /*descriptor*/, short /*what*/, void *context) {
@@ -123,22 +129,26 @@ void OneShot::refuse_notification(const std::string &method, const BatchPlace & 
 
 /** What comes behind the request is passed over. */
 void OneShot::watch_for_hang_up() {
-    if (has_hung_up()) {
-        close();
-        return;
-    }
     for (size_t discarded = 0; !half_closed_ && discarded < max_discarded;) {
         char bytes[4096];
         const ssize_t count = recv(descriptor_, bytes, sizeof bytes, MSG_DONTWAIT);
         if (count < 0) {
+            if (errno != EAGAIN && errno != EINTR) {
+                close();
+            }
             return;
         }
         discarded += static_cast<size_t>(count);
         half_closed_ = count == 0;
     }
+    if (has_hung_up()) {
+        close();
+        return;
+    }
     // Over TCP, having no more to say looks like having gone. A blank, which may stand before any JSON text, tells: who
     // has gone refuses it.
-    if (half_closed_ && peer.road == Road::tcp && state_ == State::waiting) {
+    if (half_closed_ && !was_asked_ && peer.road == Road::tcp && state_ == State::waiting) {
+        was_asked_ = true;
         static_cast<void>(send(descriptor_, " ", 1, MSG_NOSIGNAL | MSG_DONTWAIT));
     }
 }

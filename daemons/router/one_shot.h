@@ -43,6 +43,7 @@ class OneShot final : public Client {
     size_t sent_ = 0;
     size_t tried_ = 0; ///< how much of the request the last attempt to parse it has seen
     bool half_closed_ = false;
+    bool was_asked_ = false; ///< whether it is still there, after the half-close
     ObjectScanner scanner_;
     daemon_support::Event readable_;
     daemon_support::Event writable_;

@@ -1,6 +1,7 @@
 #include "policy.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <fstream>
 #include <iterator>
 #include <set>
@@ -33,6 +34,12 @@ bool covers(const std::string &pattern, std::string_view method) {
     return matches(pattern, method) && (!is_restricted(method) || pattern.rfind(own_prefix, 0) == 0);
 }
 
+/** As methods are named here: printable, without blanks, a `*` at the end only. */
+bool is_pattern(const std::string &text) {
+    return text.find('*') >= text.size() - 1 &&
+           std::all_of(text.begin(), text.end(), [](char c) { return c > ' ' && c <= '~'; });
+}
+
 std::vector<std::string> split(const std::string &text) {
     std::vector<std::string> parts;
     for (size_t begin = 0; begin <= text.size();) {
@@ -58,11 +65,15 @@ Peer peer_of(int descriptor, Road road) {
     peer.known = true;
     peer.user = credentials.uid;
     peer.groups.push_back(credentials.gid);
-    std::array<gid_t, 64> more{};
-    size = sizeof more;
-    if (getsockopt(descriptor, SOL_SOCKET, SO_PEERGROUPS, more.data(), &size) == 0) {
-        peer.groups.insert(peer.groups.end(), more.begin(), more.begin() + size / sizeof(gid_t));
+    std::vector<gid_t> more(32);
+    size = static_cast<socklen_t>(more.size() * sizeof(gid_t));
+    while (getsockopt(descriptor, SOL_SOCKET, SO_PEERGROUPS, more.data(), &size) != 0) {
+        if (errno != ERANGE || size <= more.size() * sizeof(gid_t)) {
+            return peer;
+        }
+        more.resize(size / sizeof(gid_t)); // as many as the kernel has just said
     }
+    peer.groups.insert(peer.groups.end(), more.begin(), more.begin() + size / sizeof(gid_t));
     return peer;
 }
 
@@ -80,6 +91,11 @@ std::string Policy::read_row(const std::string &line, Row *row) const {
     }
     const std::string key = line.substr(0, equals_sign);
     row->patterns = split(line.substr(equals_sign + 1));
+    for (const std::string &pattern : row->patterns) {
+        if (!is_pattern(pattern)) {
+            return "'" + pattern + "' is no method pattern";
+        }
+    }
     if (key == "all") {
         *row = {Whom::all, 0, row->patterns};
         return "";
@@ -104,6 +120,9 @@ std::string Policy::read_lines(const std::string &path) {
     if (!file.is_open()) {
         return "cannot be opened";
     }
+    if (file.peek() == std::ifstream::traits_type::eof() && file.bad()) {
+        return "cannot be read"; // a folder
+    }
     std::vector<Row> *section = nullptr;
     std::set<std::string> seen;
     std::string line;
@@ -112,8 +131,17 @@ std::string Policy::read_lines(const std::string &path) {
         if (line.empty() || line[0] == '#') {
             continue;
         }
+        if (line.back() == '\r') {
+            return place + "the line ends with a carriage return";
+        }
+        if (file.eof()) {
+            return place + "the last line does not end with a newline";
+        }
         if (line[0] == '[') {
-            const std::string name = line.substr(1, line.find(']') - 1);
+            if (line.find(']') != line.size() - 1) {
+                return place + "'" + line + "' is no section";
+            }
+            const std::string name = line.substr(1, line.size() - 2);
             const auto *road = std::find(road_names.begin(), road_names.end(), name);
             if (road == road_names.end() || !seen.insert(name).second) {
                 return place + "[" + name + "] is none of [unix], [tcp] and [session], or stands there already";

@@ -424,6 +424,17 @@ bool Router::send(const Call &call, json_t *request) {
     return tavrix_jrpc_router_mq_dispatch_request(bus_.publisher(), request) == TAVRIX_OK;
 }
 
+/** True once the client has been told that this service has too much to do already. */
+bool Router::is_overloaded(const Service &service, Client &client, const json_t *request, const BatchPlace &batch) {
+    if (has_room(service.users, account_of(client.peer), service.calls.size(),
+                 static_cast<size_t>(config_.max_in_flight))) {
+        return false;
+    }
+    ++statistics_.busy;
+    client.answer(make_error(TAVRIX_JRPC_SYSTEM_BUSY, request, message_data("too many requests in flight")), batch);
+    return true;
+}
+
 void Router::forward(Client &client, const std::string &method, Json request, const BatchPlace &batch) {
     Json why_not;
     Service *service = find_service(method, channel_of(method), &why_not);
@@ -433,20 +444,18 @@ void Router::forward(Client &client, const std::string &method, Json request, co
         client.answer(make_error(TAVRIX_JRPC_METHOD_NOT_FOUND, request.get(), std::move(why_not)), batch);
         return;
     }
-    if (!has_room(service->users, account_of(client.peer), service->calls.size(),
-                  static_cast<size_t>(config_.max_in_flight))) {
-        ++statistics_.busy;
-        client.answer(make_error(TAVRIX_JRPC_SYSTEM_BUSY, request.get(), message_data("too many requests in flight")),
-                      batch);
+    if (is_overloaded(*service, client, request.get(), batch)) {
         return;
     }
     Call *call = begin_call(client, *service, method, request.get(), batch);
     show_traffic("request", call, method, service, nullptr, request.get());
     if (!send(*call, request.get())) {
         LOG_ERROR("Cannot send %s to its service\n", printable(method).c_str());
-        json_object_set(request.get(), "id", call->id.get());
-        json_object_del(request.get(), "transaction_id");
-        finish(*call, Outcome::error, make_error(TAVRIX_JRPC_INTERNAL_ERROR, request.get(), nullptr));
+        const Json ids(json_pack("{s:O}", "id", call->id.get()));
+        finish(*call, Outcome::error,
+               service->direct ? make_error(TAVRIX_JRPC_SYSTEM_BUSY, ids.get(),
+                                            message_data(service->name + " does not read its requests"))
+                               : make_error(TAVRIX_JRPC_INTERNAL_ERROR, ids.get(), nullptr));
     }
 }
 
@@ -454,6 +463,9 @@ void Router::forward(Client &client, const std::string &method, Json request, co
 void Router::reload(Client &client, Json request, const BatchPlace &batch) {
     tavrix_lsyslog_is_json_method_lsyslog(daemon_support::reload_method); // the router's own logger rereads too
     Service &everybody = registry_.listeners_on(TAVRIX_CHANNEL_DEFAULT);
+    if (is_overloaded(everybody, client, request.get(), batch)) {
+        return;
+    }
     Call *call = begin_call(client, everybody, daemon_support::reload_method, request.get(), batch);
     bool is_anybody_there = registry_.heard_count() > 0;
     send(*call, request.get());
@@ -563,6 +575,9 @@ void Router::take_frame(std::string_view channel, std::string_view text) {
         return;
     }
     const std::string method(channel);
+    if (!is_plain(method) || method.rfind(own_prefix, 0) == 0) {
+        return; // no method, or one that the router alone may use
+    }
     const bool is_wanted = std::any_of(sessions_.begin(), sessions_.end(), [&method](const Session *session) {
         return matches_any(session->subscribed, method) || matches_any(session->monitored, method);
     });
@@ -649,7 +664,9 @@ void Router::settle() {
             LOG_WARNING("Service %s does not answer on the bus\n", printable(name).c_str());
             const Json request(json_pack("{s:O}", "id", service->registration.id.get()));
             end_registration(*service, make_error(TAVRIX_JRPC_TIMED_OUT, request.get(), nullptr));
-            service->session->close(); // it registers anew, when it can
+            Session &session = *service->session;
+            session.flush(); // for the answer
+            session.close(); // it registers anew, when it can
             is_any_left = true;
             break; // the list may have changed
         }

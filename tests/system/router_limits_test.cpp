@@ -1,0 +1,463 @@
+/*
+ * What the router bears: bounds and fairness, malformed input on every listener, floods, foreign words in its log.
+ */
+#include <atomic>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+
+#include "support/fleet.h"
+#include "support/json.h"
+#include "support/mutation.h"
+#include "support/session.h"
+#include "support/stranger.h"
+
+using support::BusService;
+using support::code_of;
+using support::DirectService;
+using support::Fleet;
+using support::member;
+using support::Mutator;
+using support::Registration;
+using support::request;
+using support::SessionClient;
+using support::Stranger;
+using support::StreamClient;
+
+namespace {
+
+constexpr uint32_t seed = 20090; // the same inputs in every run
+constexpr int inputs = 1000;
+
+std::string status_of(const Fleet &fleet, const char *key) {
+    return member(member(fleet.ask(request("router.Status", "1")), "result"), key);
+}
+
+/** One of: near a good request, of JSON's own characters, of any bytes. */
+std::string malformed(Mutator &mutator) {
+    const std::string good =
+        R"({"jsonrpc":"2.0","method":"ports.Get","id":1,"transaction_id":7,"params":{"a":[1,"x"]}})";
+    const std::string alphabet = "{}[]\",:\\u0019.-+eE truefalsn\x01\x7f\x80\xc2\xff";
+    switch (mutator.below(3)) {
+    case 0:
+        return mutator.near(good, alphabet);
+    case 1:
+        return mutator.of(alphabet, 200);
+    default:
+        return mutator.bytes(200);
+    }
+}
+
+std::string without_newlines(std::string text) {
+    for (char &c : text) {
+        c = c == '\n' ? ' ' : c;
+    }
+    return text;
+}
+
+class RouterLimits : public testing::Test {
+  protected:
+    /** A router with a policy that opens TCP to all. */
+    void start(std::vector<std::string> more = {}) {
+        support::write_file("policy.conf", "[tcp]\nall=*\n");
+        more.insert(more.end(), {"--tcp", std::to_string(port), "--policy", "policy.conf"});
+        fleet.start_lone_router(more);
+    }
+    StreamClient connect(bool tcp) const { return tcp ? StreamClient::tcp_port(port) : fleet.connect(); }
+    /** Whether a call through the service comes back with its own parameter. */
+    bool serves(DirectService &service) {
+        SessionClient client;
+        const std::string number = std::to_string(++calls);
+        client.say(request("ports.Get", "\"good\"", ",\"params\":{\"n\":" + number + "}"));
+        std::string asked = service.next_request();
+        while (asked.find("\"params\":{\"n\":" + number + "}") == std::string::npos && asked[0] == '{') {
+            asked = service.next_request(); // some of the malformed ones were good enough
+        }
+        service.reply(asked, number);
+        return member(client.hear(), "result") == number;
+    }
+
+    int port = support::free_port();
+    int calls = 0;
+    Fleet fleet;
+};
+
+/** The same, with sockets that a stranger can reach. */
+class RouterFairness : public RouterLimits {
+  protected:
+    void SetUp() override {
+        if (!support::can_be_a_stranger()) {
+            GTEST_SKIP() << "only root can play another user";
+        }
+        chmod(".", 0755);
+    }
+    static SessionClient strange_session() {
+        const Stranger stranger;
+        EXPECT_TRUE(stranger.worked());
+        return SessionClient();
+    }
+};
+
+} // namespace
+
+// --- Clients -------------------------------------------------------------------------------------------------------
+
+TEST_F(RouterLimits, TurnsAwayWhoIsBeyondHalfOfTheFreePlaces) {
+    start({"--max-clients", "8", "--client-timeout", "86400000"});
+    std::vector<StreamClient> silent;
+    for (int i = 0; i < 3; ++i) {
+        silent.push_back(fleet.connect());
+    }
+    EXPECT_EQ(status_of(fleet, "clients"), "4") << "the fourth of eight places is to be had";
+    silent.push_back(fleet.connect());
+    const std::string answer = fleet.ask(request("router.Status", "1"));
+    EXPECT_EQ(answer, R"({"jsonrpc":"2.0","id":null,"error":{"code":-32014,"message":"System is busy.",)"
+                      R"("data":{"message":"too many clients"}}})");
+    SessionClient session;
+    EXPECT_EQ(code_of(session.hear()), "-32014") << "a session is told in a line";
+    EXPECT_TRUE(session.gets_closed());
+    silent.pop_back();
+    EXPECT_TRUE(support::wait_until([&] { return status_of(fleet, "clients") == "4"; }));
+    EXPECT_NE(status_of(fleet, "busy"), "0");
+}
+
+TEST_F(RouterLimits, CountsAllClientsOverTcpAsOneUser) {
+    start({"--max-clients", "8", "--client-timeout", "86400000"});
+    std::vector<StreamClient> silent;
+    for (int i = 0; i < 4; ++i) {
+        silent.push_back(StreamClient::tcp_port(port));
+    }
+    const StreamClient beyond = StreamClient::tcp_port(port);
+    EXPECT_EQ(code_of(beyond.hear()), "-32014");
+    EXPECT_EQ(status_of(fleet, "clients"), "5") << "a local user has half of what is left";
+}
+
+TEST_F(RouterFairness, LeavesRoomForAnotherUser) {
+    start({"--max-clients", "8", "--client-timeout", "86400000"});
+    std::vector<SessionClient> flood;
+    for (int i = 0; i < 20; ++i) {
+        flood.push_back(strange_session());
+    }
+    EXPECT_EQ(code_of(flood.back().hear()), "-32014");
+    SessionClient first;
+    SessionClient second;
+    EXPECT_EQ(member(first.ask(request("router.Status", "1")), "id"), "1");
+    EXPECT_EQ(member(second.ask(request("router.Status", "2")), "id"), "2");
+    EXPECT_EQ(code_of(fleet.ask(request("router.Status", "3"))), "-32014") << "half of four are two";
+}
+
+TEST_F(RouterFairness, ServesOneUserBesideTheFloodOfAnother) {
+    start({"--max-clients", "64"});
+    std::atomic<bool> ended{false};
+    DirectService service;
+    std::vector<SessionClient> flood;
+    for (int i = 0; i < 8; ++i) {
+        flood.push_back(strange_session());
+        fcntl(flood.back().fd(), F_SETFL, O_NONBLOCK);
+    }
+    std::thread flooding([&] {
+        const std::string lines =
+            request("router.Status", "1") + "\nrubbish\n[1,2,3]\n" + request("ports.Get", "1") + "\n";
+        char bytes[65536];
+        for (size_t i = 0; !ended; i = (i + 1) % flood.size()) {
+            static_cast<void>(flood[i].say_bytes(lines));
+            static_cast<void>(
+                recv(flood[i].fd(), bytes, i % 2 == 0 ? sizeof bytes : 0, MSG_DONTWAIT)); // some never read
+        }
+    });
+    for (int i = 0; i < 50; ++i) {
+        EXPECT_TRUE(serves(service)) << i;
+    }
+    ended = true;
+    flooding.join();
+}
+
+// --- Requests in flight --------------------------------------------------------------------------------------------
+
+TEST_F(RouterLimits, BoundsTheRequestsInFlightOfEachService) {
+    start({"--max-in-flight", "8"});
+    DirectService service;
+    DirectService other({"other", "505a5451-3ef2-4618-8087-9a22b800a510", "[]", R"(["events.List"])", "true"});
+    SessionClient client;
+    std::vector<std::string> in_flight;
+    for (int i = 0; i < 4; ++i) {
+        client.say(request("ports.Get", std::to_string(i)));
+        in_flight.push_back(service.next_request());
+    }
+    const std::string busy = client.ask(request("ports.Get", "\"beyond\"", ",\"transaction_id\":6"));
+    EXPECT_EQ(busy, R"({"jsonrpc":"2.0","id":"beyond","error":{"code":-32014,"message":"System is busy.",)"
+                    R"("data":{"message":"too many requests in flight"}},"transaction_id":6})");
+    client.say(request("events.List", "\"other\""));
+    other.reply(other.next_request(), "1");
+    EXPECT_EQ(member(client.hear(), "id"), "\"other\"") << "each service has its own";
+    const StreamClient over_tcp = StreamClient::tcp_port(port);
+    over_tcp.say(request("ports.Get", "1"));
+    service.reply(service.next_request(), "\"another user's\"");
+    EXPECT_EQ(member(over_tcp.hear(), "result"), "\"another user's\"");
+    service.reply(in_flight[0], "0");
+    EXPECT_EQ(member(client.hear(), "id"), "0");
+    client.say(request("ports.Get", "\"again\""));
+    service.reply(service.next_request(), "1");
+    EXPECT_EQ(member(client.hear(), "id"), "\"again\"");
+}
+
+TEST_F(RouterLimits, BoundsReloadsInFlightToo) {
+    start({"--max-in-flight", "8", "--reply-timeout", "86400000"});
+    const BusService service(fleet, {"mute", "30e493d7-9e02-41b6-97f5-21f2cc9cbbb3", "[]", R"(["other.List"])", ""});
+    SessionClient client;
+    for (int i = 0; i < 5; ++i) {
+        client.say(request("logger.ReloadConf", std::to_string(i)));
+    }
+    const std::string busy = client.hear();
+    EXPECT_EQ(code_of(busy), "-32014");
+    EXPECT_EQ(member(busy, "id"), "4");
+    EXPECT_EQ(status_of(fleet, "in_flight"), "4");
+}
+
+// --- Descriptors ---------------------------------------------------------------------------------------------------
+
+TEST_F(RouterLimits, ServesThoseItHasWhenDescriptorsRunOut) {
+    start({"--client-timeout", "86400000"});
+    DirectService service;
+    SessionClient client;
+    EXPECT_EQ(member(client.ask(request("router.Status", "1")), "id"), "1");
+    rlimit before{};
+    ASSERT_EQ(prlimit(fleet.router->pid(), RLIMIT_NOFILE, nullptr, &before), 0);
+    const rlimit few{8, before.rlim_max};
+    ASSERT_EQ(prlimit(fleet.router->pid(), RLIMIT_NOFILE, &few, nullptr), 0);
+    const StreamClient waiting = fleet.connect();
+    waiting.say(request("router.Status", "\"waits\""));
+    const StreamClient over_tcp = StreamClient::tcp_port(port);
+    over_tcp.say(request("router.Status", "1"));
+    EXPECT_TRUE(fleet.router->says("Cannot accept a client: Too many open files; those that are there are served"));
+    for (int i = 0; i < 10; ++i) {
+        client.say(request("ports.Get", "1"));
+        service.reply(service.next_request(), "1");
+        EXPECT_EQ(member(client.hear(), "result"), "1");
+    }
+    ASSERT_EQ(prlimit(fleet.router->pid(), RLIMIT_NOFILE, &before, nullptr), 0);
+    EXPECT_EQ(member(waiting.hear(), "id"), "\"router.Status\"");
+    EXPECT_EQ(member(over_tcp.hear(), "id"), "\"router.Status\"");
+}
+
+// --- Malformed input -----------------------------------------------------------------------------------------------
+
+TEST_F(RouterLimits, BearsMalformedRequestsOfOneShotClients) {
+    start({"--reply-timeout", "86400000"}); // those that were good enough end with their clients
+    DirectService service;
+    for (const bool tcp : {false, true}) {
+        Mutator mutator(seed);
+        for (int i = 0; i < inputs; ++i) {
+            const StreamClient client = connect(tcp);
+            const std::string text = malformed(mutator);
+            const size_t middle = text.empty() ? 0 : mutator.below(text.size());
+            client.say(text.substr(0, middle));
+            client.say(text.substr(middle));
+            if (i % 2 == 0) {
+                shutdown(client.fd(), SHUT_WR); // the others go without a word
+            }
+        }
+        EXPECT_TRUE(serves(service)) << tcp;
+    }
+    EXPECT_TRUE(fleet.router->running());
+    EXPECT_TRUE(support::wait_until([&] { return status_of(fleet, "clients") == "2"; })) << "the service and this one";
+}
+
+TEST_F(RouterLimits, AnswersEachMalformedLineOfASessionAndGoesOn) {
+    start();
+    DirectService service;
+    SessionClient client;
+    Mutator mutator(seed);
+    for (int i = 0; i < inputs; ++i) {
+        client.say(without_newlines(malformed(mutator)));
+    }
+    const std::string last = client.ask(request("router.Status", "\"last\""));
+    EXPECT_NE(last, "(closed)");
+    EXPECT_EQ(member(client.hear_of("\"id\":\"last\""), "id"), "\"last\"");
+    EXPECT_TRUE(serves(service));
+}
+
+TEST_F(RouterLimits, BearsRawBytesOverASession) {
+    start();
+    DirectService service;
+    Mutator mutator(seed);
+    std::optional<SessionClient> client(std::in_place);
+    for (int i = 0; i < inputs; ++i) {
+        if (!client->say_bytes(malformed(mutator)) || i % 100 == 99) {
+            client.emplace();
+        }
+    }
+    EXPECT_TRUE(serves(service));
+}
+
+TEST_F(RouterLimits, BearsMalformedLinesOfAService) {
+    start();
+    DirectService service;
+    SessionClient witness;
+    witness.ask(request("router.Subscribe", "1", R"(,"params":{"methods":["*"]})"));
+    Mutator mutator(seed);
+    for (int i = 0; i < inputs; ++i) {
+        service.say(without_newlines(malformed(mutator)));
+        service.say(without_newlines(
+            mutator.near(R"({"jsonrpc":"2.0","id":"ports.Get","result":[1],"transaction_id":7})", "{}[]\",:\\0x\x80")));
+    }
+    EXPECT_TRUE(serves(service));
+    service.say(R"({"jsonrpc":"2.0","method":"ports.Last"})");
+    EXPECT_EQ(member(witness.hear_of("ports.Last"), "method"), "\"ports.Last\"");
+}
+
+TEST_F(RouterLimits, BearsMalformedMessagesOnTheBus) {
+    start();
+    DirectService direct;
+    Registration registration = Registration::on_bus();
+    registration.name = "bus";
+    registration.methods = R"(["mzu.List"])";
+    BusService service(fleet, registration);
+    SessionClient everything;
+    everything.ask(request("router.Subscribe", "1", R"(,"params":{"methods":["*"]})"));
+    everything.ask(request("router.Monitor", "1", R"(,"params":{"methods":["*"]})"));
+    Mutator mutator(seed);
+    const std::string hello = R"({"jsonrpc":"2.0","method":"router.Hello","params":{"name":"n","channel":"c"}})";
+    for (int i = 0; i < inputs; ++i) {
+        service.publish_reply(malformed(mutator));
+        service.publish_reply(mutator.near(hello, "{}[]\",:\\0x\x80"));
+        service.publish(malformed(mutator), malformed(mutator));
+    }
+    SessionClient client;
+    client.say(request("mzu.List", "1"));
+    std::string asked = service.next_request();
+    while (member(asked, "method") != "\"mzu.List\"" && asked[0] == '{') {
+        asked = service.next_request(); // welcomes to some of the hellos
+    }
+    service.reply(asked, "\"served\"");
+    EXPECT_EQ(member(client.hear(), "result"), "\"served\"");
+    EXPECT_TRUE(serves(direct));
+}
+
+TEST_F(RouterLimits, BearsStrangeConnectionsToItsBusAddress) {
+    start();
+    DirectService service;
+    const int bus = std::stoi(fleet.router_address.substr(fleet.router_address.rfind(':') + 1));
+    const std::string subscriber("\0SP\0\0\x21\0\0", 8); // nanomsg ends the process for a message behind this header:
+    Mutator mutator(seed);                               // who may connect is trusted not to send one
+    for (int i = 0; i < inputs; ++i) {
+        const StreamClient client = StreamClient::tcp_port(bus);
+        std::string text = mutator.below(2) == 0 ? "x" + mutator.bytes(64) : subscriber;
+        text[mutator.below(text.size())] ^= static_cast<char>(1 + mutator.below(255));
+        if (text.compare(0, subscriber.size(), subscriber) != 0) {
+            client.say(text);
+        }
+    }
+    EXPECT_TRUE(serves(service));
+}
+
+// --- Floods --------------------------------------------------------------------------------------------------------
+
+TEST_F(RouterLimits, KnowsOnlySoManyOfThoseThatSayHello) {
+    start();
+    Registration registration = Registration::on_bus();
+    BusService service(fleet, registration);
+    for (int i = 0; i < 1000; ++i) {
+        service.publish_reply(R"({"jsonrpc":"2.0","method":"router.Hello","params":{"name":"h)" + std::to_string(i) +
+                              R"(","channel":"c"}})");
+    }
+    EXPECT_TRUE(fleet.router->says("Passed over the hello of h999 on channel c"));
+    const std::string services = status_of(fleet, "services");
+    EXPECT_NE(services.find("\"h63\""), std::string::npos);
+    EXPECT_EQ(services.find("\"h64\""), std::string::npos) << "64 of them";
+}
+
+TEST_F(RouterLimits, ServesBesideAFloodOfReplies) {
+    start();
+    DirectService direct;
+    Registration registration = Registration::on_bus();
+    registration.name = "bus";
+    registration.methods = R"(["mzu.List"])";
+    BusService service(fleet, registration);
+    std::atomic<bool> ended{false};
+    std::thread flooding([&] {
+        while (!ended) {
+            service.publish_reply(R"({"jsonrpc":"2.0","id":"ports.Get","result":0,"transaction_id":1})");
+        }
+    });
+    for (int i = 0; i < 20; ++i) {
+        EXPECT_TRUE(serves(direct)) << i;
+    }
+    ended = true;
+    flooding.join();
+}
+
+TEST_F(RouterLimits, ServesBesideClientsThatNeverReadAndSlowWriters) {
+    start({"--client-timeout", "86400000", "--reply-timeout", "86400000"});
+    DirectService service;
+    std::vector<StreamClient> slow;
+    std::vector<SessionClient> never_read(5);
+    for (int i = 0; i < 20; ++i) {
+        slow.push_back(connect(i % 2 == 0));
+        slow.back().say("{\"jsonrpc\"");
+        for (const SessionClient &client : never_read) {
+            client.say(request("router.Status", std::to_string(i)));
+        }
+    }
+    SessionClient abandoned;
+    for (int i = 0; i < 20; ++i) {
+        abandoned.say(request("ports.Get", std::to_string(i)));
+    }
+    for (int i = 0; i < 20; ++i) {
+        EXPECT_TRUE(serves(service)) << i;
+        slow[static_cast<size_t>(i)].say(":");
+    }
+}
+
+// --- Its log -------------------------------------------------------------------------------------------------------
+
+TEST_F(RouterLimits, WritesNoLineOfForeignWords) {
+    start({"--reply-timeout", "100"});
+    const std::string forged = R"(x\n[2000-01-01 00:00:00.000] [ERROR] forged\r\u001b[2J\u0085\u2028\u009b)";
+    Registration registration = Registration::on_bus();
+    registration.name = "bus";
+    registration.methods = R"(["mzu.List"])";
+    BusService on_bus(fleet, registration);
+    DirectService service;
+    SessionClient client;
+    client.say(request(forged, "1"));
+    client.say(request("ports.Get", "\"" + forged + "\"")); // times out
+    client.say(request("mzu.List", "\"" + forged + "\""));  // over the bus
+    client.say(request("router." + forged, "1"));
+    client.say(R"({"jsonrpc":"2.0","method":")" + forged + "\"}");
+    client.say(R"({"jsonrpc":"2.0","method":")" + forged + R"(","id":1,"transaction_id":")" + forged + "\"}");
+    client.say(Registration{forged}.line());
+    client.say(request("router.Subscribe", "1", R"(,"params":{"methods":[")" + forged + "\"]}"));
+    fleet.ask(request(forged, "1"));
+    fleet.ask(request("ports." + forged, "\"" + forged + "\""));
+    fleet.ask(request("ports.Get", "\"" + forged + "\""));
+    fleet.ask("x\n[forged");
+    service.say(R"({"jsonrpc":"2.0","method":")" + forged + "\"}");
+    service.say(R"({"jsonrpc":"2.0","id":")" + forged + R"(","result":1})");
+    service.say("x\n[forged");
+    on_bus.publish_reply(R"({"jsonrpc":"2.0","id":")" + forged + R"(","result":1})");
+    on_bus.publish_reply(R"({"jsonrpc":"2.0","method":")" + forged + "\"}");
+    on_bus.publish_reply(R"({"jsonrpc":"2.0","method":"router.Hello","params":{"name":")" + forged +
+                         R"(","channel":")" + forged + "\"}}");
+    on_bus.publish_reply(R"({"jsonrpc":"2.0","method":"router.Hello","params":{")" + forged + R"(":1}})");
+    on_bus.publish("x\n[forged", "y\n[forged");
+    on_bus.publish_reply(R"({"jsonrpc":"2.0","id":"the.Last","result":1})");
+    EXPECT_TRUE(fleet.router->says("Discarded a left-over reply of the.Last"));
+    EXPECT_TRUE(fleet.router->says("No reply to mzu.List in time"));
+    std::istringstream lines(fleet.router->log());
+    for (std::string line; std::getline(lines, line);) {
+        EXPECT_EQ(line.rfind("[20", 0), 0U) << line;
+        EXPECT_NE(line.rfind("[2000-", 0), 0U) << line;
+        EXPECT_EQ(line.find_first_of("\r\x1b\x7f"), std::string::npos) << line;
+        EXPECT_EQ(line.find("\xc2"), std::string::npos) << line;
+        EXPECT_EQ(line.find("\xe2"), std::string::npos) << line;
+    }
+}

@@ -1,0 +1,292 @@
+/*
+ * Who may do what: the policy's file, and what another local user and a client over TCP can do.
+ */
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <pwd.h>
+#include <sys/stat.h>
+
+#include "support/fleet.h"
+#include "support/json.h"
+#include "support/session.h"
+#include "support/stranger.h"
+
+using support::code_of;
+using support::DirectService;
+using support::Fleet;
+using support::member;
+using support::Registration;
+using support::request;
+using support::SessionClient;
+using support::Stranger;
+using support::StreamClient;
+
+namespace {
+
+constexpr char nobody_allowed_it[] = R"({"message":"the policy does not allow this"})";
+
+std::string data_of(const std::string &answer) { return member(member(answer, "error"), "data"); }
+
+bool is_refused(const std::string &answer) {
+    return code_of(answer) == "-32601" && data_of(answer) == nobody_allowed_it;
+}
+
+/** A router whose sockets a stranger can reach. */
+class RouterPolicy : public testing::Test {
+  protected:
+    RouterPolicy() {
+        if (!support::can_be_a_stranger()) {
+            return;
+        }
+        chmod(".", 0755); // the test's own folder: strangers have to get at the sockets in it
+        support::write_file("policy.conf", "[tcp]\nall=*\n");
+        fleet.start_lone_router({"--tcp", std::to_string(port), "--policy", "policy.conf"});
+    }
+    void SetUp() override {
+        if (!support::can_be_a_stranger()) {
+            GTEST_SKIP() << "only root can play another user";
+        }
+    }
+
+    static SessionClient session(const std::vector<gid_t> &more_groups = {}) {
+        const Stranger stranger(more_groups);
+        EXPECT_TRUE(stranger.worked());
+        return SessionClient();
+    }
+    /** What the router answers a stranger, through one of its listeners. */
+    std::string ask(const std::string &listener, const std::string &text, const std::vector<gid_t> &more_groups = {}) {
+        std::optional<Stranger> stranger(more_groups);
+        EXPECT_TRUE(stranger->worked());
+        if (listener == "session") {
+            SessionClient client;
+            stranger.reset();
+            return client.ask(text);
+        }
+        const StreamClient client = listener == "tcp" ? StreamClient::tcp_port(port) : fleet.connect();
+        stranger.reset();
+        client.say(text);
+        return client.hear();
+    }
+    /** Has the router read this policy; what it logs of it. */
+    std::string reread(const std::string &policy) {
+        support::write_file("policy.conf", policy);
+        const std::string done = "Logging level set to info.";
+        const size_t before = fleet.router->log().size();
+        fleet.router->signal(SIGHUP);
+        EXPECT_TRUE(
+            support::wait_until([&] { return fleet.router->log().substr(before).find(done) != std::string::npos; }));
+        EXPECT_EQ(code_of(fleet.ask(request("router.Status", "1"))), "(none)"); // the whole signal has been handled
+        return fleet.router->log().substr(before);
+    }
+
+    int port = support::free_port();
+    Fleet fleet;
+};
+
+} // namespace
+
+// --- Another local user --------------------------------------------------------------------------------------------
+
+TEST_F(RouterPolicy, LetsAStrangerCallTheServices) {
+    DirectService service;
+    for (const char *listener : {"unix", "session"}) {
+        EXPECT_EQ(code_of(ask(listener, request("router.Status", "1"))), "(none)") << listener;
+        EXPECT_EQ(code_of(ask(listener, request("router.Metrics", "1"))), "(none)") << listener;
+    }
+    SessionClient client = session();
+    client.say(request("ports.Get", "1"));
+    service.reply(service.next_request(), "\"served\"");
+    EXPECT_EQ(member(client.hear(), "result"), "\"served\"");
+    EXPECT_EQ(member(client.ask(request("router.Subscribe", "1", R"(,"params":{"methods":["*"]})")), "result"), "0");
+    service.say(R"({"jsonrpc":"2.0","method":"ports.Changed"})");
+    EXPECT_EQ(member(client.hear(), "method"), "\"ports.Changed\"");
+}
+
+TEST_F(RouterPolicy, KeepsAStrangerFromLockingRegisteringAndListening) {
+    for (const char *listener : {"unix", "session", "tcp"}) {
+        for (const char *method : {"router.Lock", "router.Unlock", "router.Bus", "router.Register", "router.Monitor"}) {
+            EXPECT_TRUE(is_refused(ask(listener, request(method, "1", R"(,"params":{"methods":["*"]})"))))
+                << method << listener;
+        }
+    }
+    EXPECT_TRUE(is_refused(ask("session", Registration().line())));
+    EXPECT_TRUE(fleet.router->says("Refused router.Lock to user 65534\n"));
+    EXPECT_TRUE(fleet.router->says("Refused router.Lock over TCP\n"));
+    EXPECT_EQ(member(member(fleet.ask(request("router.Status", "1")), "result"), "locked"), "false");
+}
+
+TEST_F(RouterPolicy, KeepsAStrangerOffTheBus) {
+    const std::string folder = "bus-of-" + std::to_string(getpid());
+    fleet.router_address = "ipc://" + folder + "/router";
+    fleet.start_lone_router();
+    const std::string path = folder + "/router";
+    EXPECT_TRUE(StreamClient::unix_path(path).connected()) << "root may";
+    struct stat state {};
+    ASSERT_EQ(stat(folder.c_str(), &state), 0);
+    EXPECT_EQ(state.st_mode & 0777U, 0770U);
+    const Stranger stranger;
+    ASSERT_TRUE(stranger.worked());
+    EXPECT_FALSE(StreamClient::unix_path(path).connected());
+    EXPECT_EQ(errno, EACCES);
+}
+
+TEST_F(RouterPolicy, KeepsAStrangersWordsFromServices) {
+    DirectService service;
+    SessionClient stranger = session();
+    SessionClient client;
+    client.say(request("ports.Get", "1"));
+    const std::string asked = service.next_request();
+    EXPECT_EQ(code_of(stranger.ask(support::service_reply(asked, "\"forged\""))), "-32601");
+    EXPECT_EQ(code_of(stranger.ask(R"({"jsonrpc":"2.0","method":"events.LinkChanged"})")), "-32600");
+    service.reply(asked, "\"right\"");
+    EXPECT_EQ(member(client.hear(), "result"), "\"right\"");
+}
+
+TEST_F(RouterPolicy, AllowsNothingOverTcpWithoutAPolicy) {
+    fleet.start_lone_router({"--tcp", std::to_string(port)});
+    for (const char *method : {"ports.Get", "router.Status", "logger.ReloadConf", "no.such"}) {
+        EXPECT_TRUE(is_refused(ask("tcp", request(method, "1")))) << method;
+    }
+}
+
+TEST_F(RouterPolicy, WarnsOfABusFolderThatIsOpenToAll) {
+    ASSERT_EQ(mkdir("open-bus", 0755), 0);
+    fleet.router_address = "ipc://open-bus/router";
+    fleet.start_lone_router();
+    EXPECT_TRUE(fleet.router->says("Every local user may enter open-bus"));
+}
+
+// --- The file ------------------------------------------------------------------------------------------------------
+
+TEST_F(RouterPolicy, AllowsWhatItsRowsName) {
+    const passwd *daemon = getpwnam("daemon");
+    const passwd *nobody = getpwuid(support::stranger_user);
+    ASSERT_TRUE(daemon != nullptr && nobody != nullptr && std::string(nobody->pw_name) == "nobody");
+    const struct {
+        const char *policy;
+        const char *listener;
+        const char *method;
+        bool allowed;
+    } rows[] = {
+        {"", "unix", "ports.Get", true}, // without a section of its own: as without a policy
+        {"", "session", "router.Status", true},
+        {"", "unix", "router.Unlock", false},
+        {"", "tcp", "ports.Get", false},
+        {"# nothing\n\n[tcp]\n# all=*\n", "tcp", "ports.Get", false},
+        {"[tcp]\nall=ports.Get,mzu.*\n", "tcp", "ports.Get", true},
+        {"[tcp]\nall=ports.Get,mzu.*\n", "tcp", "mzu.List", true},
+        {"[tcp]\nall=ports.Get,mzu.*\n", "tcp", "mzu", false},
+        {"[tcp]\nall=ports.Get,mzu.*\n", "tcp", "ports.Gets", false},
+        {"[tcp]\nall=ports.Get,mzu.*\n", "tcp", "ports.Ge", false},
+        {"[tcp]\nall=ports.Get,mzu.*\n", "tcp", "router.Status", false},
+        {"[tcp]\nall=ports.Get,mzu.*\n", "unix", "events.List", true},
+        {"[tcp]\nall=*\n", "tcp", "router.Status", true},
+        {"[tcp]\nall=*\n", "tcp", "router.Unlock", false},
+        {"[tcp]\nall=*,router.Unlock\n", "tcp", "router.Unlock", true},
+        {"[tcp]\nuser.nobody=*\n", "tcp", "ports.Get", false}, // nobody knows who is there
+        {"[tcp]\ngroup.nogroup=*\n", "tcp", "ports.Get", false},
+        {"[unix]\n", "unix", "ports.Get", false},
+        {"[unix]\n", "session", "ports.Get", true},
+        {"[session]\nall=\n", "session", "ports.Get", false},
+        {"[session]\nall=\n", "unix", "ports.Get", true},
+        {"[unix]\nuser.nobody=ports.*\n", "unix", "ports.Get", true},
+        {"[unix]\nuser.nobody=ports.*\n", "unix", "events.List", false},
+        {"[unix]\nuser.daemon=*\n", "unix", "ports.Get", false},
+        {"[unix]\ngroup.nogroup=*\n", "unix", "ports.Get", true},
+        {"[unix]\ngroup.daemon=*\n", "unix", "ports.Get", false},
+        {"[unix]\nall=ports.*\nuser.nobody=mzu.*\n", "unix", "mzu.List", true},
+        {"[unix]\nall=ports.*\nuser.nobody=mzu.*\n", "unix", "ports.Get", true},
+        {"[session]\nall=*\nuser.nobody=router.Unlock\n", "session", "router.Unlock", true},
+        {"[session]\nall=*\nuser.nobody=router.Unlock\n", "session", "router.Lock", false},
+        {"[session]\nuser.nobody=router.*\n", "session", "router.Unlock", true},
+        {"[session]\nuser.nobody=router.*\n", "session", "ports.Get", false},
+        {"[session]\nall=router.U*\n", "session", "router.Unlock", true},
+        {"[session]\nall=r*\n", "session", "router.Status", true},
+        {"[session]\nall=r*\n", "session", "router.Unlock", false}, // it is named by router.* at least
+        {"[session]\nall=ports.Get\n[unix]\nall=mzu.*\n", "session", "ports.Get", true},
+        {"[session]\nall=ports.Get\n[unix]\nall=mzu.*\n", "unix", "ports.Get", false},
+    };
+    std::string before = "none";
+    for (const auto &row : rows) {
+        if (before != row.policy) {
+            EXPECT_EQ(reread(row.policy).find("cannot be used"), std::string::npos) << row.policy;
+            before = row.policy;
+        }
+        EXPECT_EQ(is_refused(ask(row.listener, request(row.method, "1"))), !row.allowed)
+            << row.policy << row.listener << " " << row.method;
+    }
+    reread("[unix]\ngroup.daemon=*\n");
+    EXPECT_FALSE(is_refused(ask("unix", request("ports.Get", "1"), {daemon->pw_gid}))) << "a supplementary group";
+    std::vector<gid_t> many;
+    for (gid_t group = 10000; group < 10200; ++group) {
+        many.push_back(group);
+    }
+    many.push_back(daemon->pw_gid);
+    EXPECT_FALSE(is_refused(ask("unix", request("ports.Get", "1"), many))) << "one of very many";
+}
+
+TEST_F(RouterPolicy, LocksNobodyOutWhoKeepsTheFile) {
+    reread("[unix]\n[session]\n[tcp]\n");
+    EXPECT_EQ(member(fleet.ask(request("router.Unlock", "1")), "result"), "0");
+    DirectService service;
+    SessionClient client;
+    EXPECT_EQ(member(client.ask(request("router.Bus", "1")), "jsonrpc"), "\"2.0\"");
+    EXPECT_EQ(code_of(client.ask(request("router.Monitor", "1", R"(,"params":{"methods":["*"]})"))), "(none)");
+    EXPECT_FALSE(is_refused(ask("unix", request("router.Unlock", "1"), {0}))) << "the router's own group";
+}
+
+TEST_F(RouterPolicy, RefusesAFileThatWouldBeReadOtherwiseThanItLooks) {
+    const struct {
+        const char *text;
+        const char *complaint;
+    } rows[] = {
+        {"all=*\n", "line 1: 'all=*' stands before any section"},
+        {"[other]\n", "line 1: [other] is none of [unix], [tcp] and [session], or stands there already"},
+        {"[tcp]\n\n#\n[tcp]\n", "line 4: [tcp] is none of [unix], [tcp] and [session], or stands there already"},
+        {"[TCP]\n", "line 1: [TCP] is none of"},
+        {"[tcp\nall=*\n", "line 1: '[tcp' is no section"},
+        {"[tcp] # net\n", "line 1: '[tcp] # net' is no section"},
+        {"[tcp]\nall\n", "line 2: 'all' is no key=value"},
+        {"[tcp]\neverybody=*\n", "line 2: 'everybody' is neither all, user.NAME nor group.NAME"},
+        {"[tcp]\n all=*\n", "line 2: ' all' is neither all, user.NAME nor group.NAME"},
+        {"[tcp]\nall =*\n", "line 2: 'all ' is neither all, user.NAME nor group.NAME"},
+        {"[unix]\nuser.no-such-user=*\n", "line 2: there is no user 'no-such-user'"},
+        {"[unix]\nuser.=*\n", "line 2: there is no user ''"},
+        {"[unix]\ngroup.no-such-group=*\n", "line 2: there is no group 'no-such-group'"},
+        {"[tcp]\nall= ports.Get\n", "line 2: ' ports.Get' is no method pattern"},
+        {"[tcp]\nall=ports.Get, mzu.List\n", "line 2: ' mzu.List' is no method pattern"},
+        {"[tcp]\nall=ports.*.Get\n", "line 2: 'ports.*.Get' is no method pattern"},
+        {"[tcp]\nall=**\n", "line 2: '**' is no method pattern"},
+        {"[tcp]\r\nall=*\r\n", "line 1: the line ends with a carriage return"},
+        {"[tcp]\nall=*\r\n", "line 2: the line ends with a carriage return"},
+        {"[tcp]\nall=*", "line 2: the last line does not end with a newline"},
+        {"[tcp]\nall=\x1b[2J\n", "line 2: '\\x1b[2J' is no method pattern"},
+    };
+    for (const auto &row : rows) {
+        const std::string said = reread(row.text);
+        EXPECT_NE(said.find(std::string("The policy policy.conf cannot be used: ") + row.complaint), std::string::npos)
+            << said;
+    }
+    EXPECT_FALSE(is_refused(ask("tcp", request("ports.Get", "1")))) << "the one that was good stays";
+    remove("policy.conf");
+    fleet.router->signal(SIGHUP);
+    EXPECT_TRUE(fleet.router->says("The policy policy.conf cannot be used: cannot be opened"));
+    EXPECT_FALSE(is_refused(ask("tcp", request("ports.Get", "1"))));
+    EXPECT_TRUE(reread("[tcp]\n").find("cannot be used") == std::string::npos);
+    EXPECT_TRUE(is_refused(ask("tcp", request("ports.Get", "1")))) << "and a new good one counts";
+}
+
+TEST_F(RouterPolicy, StartsWithNoPolicyThatCannotBeUsed) {
+    support::write_file("bad.conf", "[tcp]\nnonsense\n");
+    mkdir("folder.conf", 0755);
+    for (const char *path : {"bad.conf", "missing.conf", "folder.conf"}) {
+        const support::Finished finished = support::run({TAVRIX_ROUTERD, "--socket", "second.sock", "--session", "",
+                                                         "--publish", support::free_bus_address(), "--policy", path});
+        EXPECT_EQ(finished.status, 1) << path;
+        EXPECT_NE(finished.diagnostics.find(std::string("The policy ") + path + " cannot be used"), std::string::npos)
+            << finished.diagnostics;
+    }
+}

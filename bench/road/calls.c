@@ -46,7 +46,7 @@ static void keep_latency(struct tally *tally, double seconds) {
 
 void tally_count(struct tally *tally, enum outcome outcome, double began) {
     ++tally->outcomes[outcome];
-    if (outcome == OUTCOME_RESULT || outcome == OUTCOME_ERROR) {
+    if (outcome == OUTCOME_RESULT || outcome == OUTCOME_ERROR || outcome == OUTCOME_OVERDUE) {
         tally->ended = now();
         keep_latency(tally, tally->ended - began);
     }

@@ -52,7 +52,7 @@ double now(void);
 
 void tally_begin(struct tally *tally);
 
-/** Counts a call that ended; the latency of one that was answered is kept. */
+/** Counts a call that ended; how long it took is kept of one that was answered, or given up. */
 void tally_count(struct tally *tally, enum outcome outcome, double began);
 
 /** True while another call may begin. */

@@ -48,13 +48,21 @@ static void fill_table(const char *name) {
 
 // --- On the bus ---
 
+static int transport_of(const char *address) {
+    return strncmp(address, "ipc:", 4) == 0 ? TAVRIX_TRANSPORT_IPC : TAVRIX_TRANSPORT_TCP;
+}
+
+/** The endpoint functions' way, over ipc too. */
 static int serve_bus(const char *publish, const char *router) {
     char *channel = tavrix_api_router_json_parse_channel(methods[0].name);
     int publisher = -1;
     int subscriber = -1;
-    if (channel == NULL || tavrix_jrpc_mq_pub_init(publish, &publisher) != TAVRIX_OK ||
+    int endpoint = -1;
+    if (channel == NULL || tavrix_mq_socket_init(TAVRIX_SP_PUB, &publisher) != TAVRIX_OK ||
+        tavrix_mq_socket_bind(publisher, transport_of(publish), publish, &endpoint) != TAVRIX_OK ||
         tavrix_jrpc_mq_sub_init(&subscriber, 1) != TAVRIX_OK ||
-        tavrix_jrpc_mq_sub_set_channel(router, channel, &subscriber) != TAVRIX_OK) {
+        tavrix_mq_socket_connect(subscriber, transport_of(router), router, &endpoint) != TAVRIX_OK ||
+        tavrix_mq_socket_subscribe(subscriber, channel) != TAVRIX_OK) {
         fprintf(stderr, "echo_service: cannot use the bus\n");
         free(channel);
         return 1;

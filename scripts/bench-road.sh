@@ -1,0 +1,365 @@
+#!/usr/bin/env bash
+# Measures the road of a request, from the client through the router to the service and back: against the same three
+# processes by hand, beside clients that are a trouble, and across the end of services.
+# Each row has the work's figure, the floor's, their ratio and the goal. Work and floor are measured in turns, several
+# short rounds each, and the figures are medians; the ratio is the median of the rounds' ratios.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+usage() {
+    cat <<'TEXT'
+usage: scripts/bench-road.sh [--built FOLDER] [--rounds N] [--seconds S] [ROW...]
+
+  --built FOLDER   build nothing, use the programs of this build folder
+  --rounds N       rounds of each measurement, 7 unless told otherwise
+  --seconds S      how long each round's work and floor take, 0.7 unless told otherwise
+  ROW              only these: oneshot ports crowd session pipeline company gone recovery idle
+TEXT
+}
+
+built=
+rounds=7
+seconds=0.7
+rows=()
+while [ $# -gt 0 ]; do
+    case "$1" in
+    --built) built=$(realpath -e "${2:?--built takes a build folder}"); shift ;;
+    --rounds) rounds=${2:?--rounds takes a number}; shift ;;
+    --seconds) seconds=${2:?--seconds takes a number}; shift ;;
+    --help | -h) usage; exit 0 ;;
+    oneshot | ports | crowd | session | pipeline | company | gone | recovery | idle) rows+=("$1") ;;
+    *) usage >&2; exit 2 ;;
+    esac
+    shift
+done
+[ ${#rows[@]} -gt 0 ] || rows=(oneshot ports crowd session pipeline company gone recovery idle)
+
+. scripts/road.sh
+build_road bench
+cd "$run"
+
+# --- The table ---
+
+row() { # WORK WORK-FIGURE FLOOR-FIGURE RATIO GOAL
+    printf '%-66s %10s %10s %7s   %s\n' "$@"
+}
+
+median() { # of the numbers in the lines, FORMAT
+    sort -g | awk -v format="$1" '{ n[NR] = $1 } END { m = int((NR + 1) / 2);
+        printf format, NR % 2 ? n[m] : (n[m] + n[m + 1]) / 2 }'
+}
+
+# compare TITLE GOAL KEY FORMAT FACTOR FLOOR WORK: both are functions that print a line of figures
+compare() {
+    local title=$1 goal=$2 key=$3 format=$4 factor=$5 floor=$6 work=$7 a b
+    : >pairs
+    for _ in $(seq "$rounds"); do
+        "$floor" >figure # not through a pipe: what the function starts and stops has to be known here
+        a=$(value "$key" <figure)
+        "$work" >figure
+        b=$(value "$key" <figure)
+        awk -v a="$a" -v b="$b" -v f="$factor" 'BEGIN { print a * f, b * f, (a > 0 ? b / a : 0) }' >>pairs
+    done
+    row "$title" "$(cut -d' ' -f2 pairs | median "$format")" "$(cut -d' ' -f1 pairs | median "$format")" \
+        "$(cut -d' ' -f3 pairs | median %.2f)" "$goal"
+}
+
+compare_rates() { compare "$1" "$2" rate '%.0f/s' 1 "$3" "$4"; }
+compare_p99() { compare "$1" "$2" p99_us '%.2f ms' 0.001 "$3" "$4"; }
+
+# absolute TITLE GOAL KEY WORK: a figure in milliseconds that has no floor, its median
+absolute() {
+    local title=$1 goal=$2 key=$3 work=$4
+    : >figures
+    for _ in $(seq "$rounds"); do
+        "$work" >figure
+        value "$key" <figure >>figures
+    done
+    row "$title" "$(awk '{ print $1 / 1000 }' figures | median '%.2f ms')" - - "$goal"
+}
+
+# --- The processes ---
+
+# A measurement says so when calls were lost, and goes on: the figures are those of the others.
+measure() { "$load" "$@" || echo "bench-road.sh: calls were lost: $*" >&2; }
+
+port_params='{"port_id":"c1-1"}'
+echo_call() { measure oneshot --unix "$1" --method echo.Empty --seconds "$seconds" --calls 1000000; }
+ports_call() {
+    measure oneshot --unix "$1" --method ports.Get --params "$port_params" --seconds "$seconds" --calls 1000000 \
+        --timeout 20000
+}
+session_call() { # SOCKET IN-FLIGHT
+    measure session --unix "$1" --in-flight "$2" --method echo.Empty --seconds "$seconds" --calls 10000000
+}
+
+is_running() { [ -n "${pid_of[$1]:-}" ]; }
+
+address_of() { # NAME TRANSPORT: a bus address
+    case "$2" in
+    tcp) next_port; address=tcp://127.0.0.1:$port ;;
+    ipc) address=ipc://$run/bus/$1 ;;
+    esac
+}
+
+start_bare() { # TRANSPORT: bare-TRANSPORT.sock
+    local router service
+    if is_running "bare-router-$1"; then return; fi
+    address_of "bare-router-$1" "$1"; router=$address
+    address_of "bare-service-$1" "$1"; service=$address
+    start "bare-router-$1" "$road/bare_router" "bare-$1.sock" "$router" "$service"
+    start "bare-service-$1" "$road/bare_service" "$service" "$router" fleet.db
+    until_answered oneshot --unix "bare-$1.sock"
+}
+
+start_router() { # NAME OPTION...: NAME.sock, and NAME.session when the router has sessions
+    local name=$1
+    shift
+    if $with_sessions; then set -- "$@" --session "$name.session" --max-clients 4000; fi
+    start "router-$name" "$routerd" --socket "$name.sock" --reply-timeout "$reply_timeout_ms" "$@"
+}
+
+# A router and an echo service that meet on the bus and nothing else: NAME is the transport.
+start_bus() {
+    local router service
+    if is_running "router-$1"; then return; fi
+    address_of "router-$1" "$1"; router=$address
+    address_of "echo-$1" "$1"; service=$address
+    start_router "$1" --publish "$router" --connect "$service"
+    start "echo-$1" "$road/echo_service" bus "$service" "$router"
+    until_answered oneshot --unix "$1.sock"
+}
+
+# A router with services that register and are served directly: direct.sock, direct.session.
+start_direct() {
+    if is_running router-direct; then return; fi
+    start_router direct --publish "ipc://$run/bus/direct"
+    start echo-direct "$road/echo_service" direct direct.session
+    until_answered oneshot --unix direct.sock
+}
+
+# A router and the ports service, as they are: ports.sock.
+start_ports() {
+    local router service
+    if is_running router-ports; then return; fi
+    if $with_sessions; then
+        start_router ports --publish "ipc://$run/bus/ports"
+        start portsd "$portsd" --session ports.session --database fleet.db
+    else
+        address_of router-ports tcp; router=$address
+        address_of portsd tcp; service=$address
+        next_port # where an events service would be
+        start_router ports --publish "$router" --connect "$service"
+        start portsd "$portsd" --publish "$service" --connect "$router" --database fleet.db \
+            --events "tcp://127.0.0.1:$port"
+    fi
+    until_answered oneshot --unix ports.sock --method ports.Get --params "$port_params"
+}
+
+needs_sessions() { # TITLE GOAL: says so when the router has none
+    if $with_sessions; then return 0; fi
+    row "$1" "no session" - - "$2"
+    return 1
+}
+
+# --- The rows ---
+
+reply_timeout_ms=10000
+
+bare_tcp() { echo_call bare-tcp.sock; }
+bare_ports() { ports_call bare-tcp.sock; }
+echo_tcp() { echo_call tcp.sock; }
+echo_ipc() { echo_call ipc.sock; }
+echo_direct() { echo_call direct.sock; }
+ports_alone() { ports_call ports.sock; }
+
+rows_oneshot() {
+    start_bare tcp
+    start_bus tcp
+    compare_rates "one client, a connection a call, empty handler, bus over tcp : bare" ">= 0.85" bare_tcp echo_tcp
+    if $with_sessions; then
+        start_bus ipc
+        compare_rates "one client, a connection a call, empty handler, bus over ipc : bare" ">= 1.05" bare_tcp echo_ipc
+    fi
+    if needs_sessions "one client, a connection a call, empty handler, direct : bare" "-"; then
+        start_direct
+        compare_rates "one client, a connection a call, empty handler, direct : bare" "-" bare_tcp echo_direct
+    fi
+}
+
+rows_ports() {
+    start_bare tcp
+    start_ports
+    compare_rates "one client, a connection a call, ports.Get of one port : bare" ">= 0.75" bare_ports ports_alone
+}
+
+crowd_tcp() { measure oneshot --unix tcp.sock --clients 64 --seconds "$seconds" --calls 1000000; }
+crowd_direct() { measure oneshot --unix direct.sock --clients 64 --seconds "$seconds" --calls 1000000; }
+
+rows_crowd() {
+    start_bus tcp
+    compare_rates "64 clients at once, a connection a call, bus over tcp : one client" ">= 2.5" echo_tcp crowd_tcp
+    absolute "64 clients at once, bus over tcp, p99" "<= 15 ms" p99_us crowd_tcp
+    if needs_sessions "64 clients at once, a connection a call, direct : one client" ">= 2.5"; then
+        start_direct
+        compare_rates "64 clients at once, a connection a call, direct : one client" ">= 2.5" echo_direct crowd_direct
+        absolute "64 clients at once, direct, p99" "<= 15 ms" p99_us crowd_direct
+    fi
+}
+
+session_tcp() { session_call tcp.session 1; }
+session_ipc() { session_call ipc.session 1; }
+session_direct() { session_call direct.session 1; }
+pipeline_direct() { session_call direct.session 64; }
+pipeline_ipc() { session_call ipc.session 64; }
+
+rows_session() {
+    if ! needs_sessions "one session, one call at a time" ">= 1.3, direct >= 2.0"; then return; fi
+    start_bare tcp
+    start_bus tcp
+    start_bus ipc
+    start_direct
+    compare_rates "one session, one call at a time, bus over tcp : bare" "-" bare_tcp session_tcp
+    compare_rates "one session, one call at a time, bus over ipc : bare" ">= 1.3" bare_tcp session_ipc
+    compare_rates "one session, one call at a time, direct : bare" ">= 2.0" bare_tcp session_direct
+}
+
+rows_pipeline() {
+    if ! needs_sessions "one session, 64 calls in flight, direct : bare" ">= 8"; then return; fi
+    start_bare tcp
+    start_bus ipc
+    start_direct
+    compare_rates "one session, 64 calls in flight, bus over ipc : bare" "-" bare_tcp pipeline_ipc
+    compare_rates "one session, 64 calls in flight, direct : bare" ">= 8" bare_tcp pipeline_direct
+}
+
+# --- Beside clients that are a trouble ---
+
+silent() { trouble silent silent --unix ports.sock --clients 50; }
+slow() { trouble slow slow --unix ports.sock --clients 50; }
+unread() {
+    if $with_sessions; then
+        trouble unread unread --unix ports.session --method ports.Get --params '{"port_id":"all"}'
+    else
+        trouble unread unread --unix ports.sock --method ports.Get --params '{"port_id":"all"}'
+    fi
+}
+dead() { trouble dead pending --unix ports.sock --clients 20 --method interfaces.Empty; }
+abandoned() { trouble abandoned abandoned --unix ports.sock --clients 10 --method ports.WaitLinkChanged --params '{}'; }
+
+# A service that has registered, and answers no more; without registration one that is not there at all.
+start_dead() {
+    if $with_sessions && ! is_running stalled; then
+        start stalled "$road/echo_service" direct ports.session interfaces
+        until_answered oneshot --unix ports.sock --method interfaces.Empty
+        kill -STOP "${pid_of[stalled]}"
+    fi
+}
+
+ports_beside() { # what $company names is there meanwhile
+    local name
+    for name in $company; do "$name"; done
+    ports_alone
+    # shellcheck disable=SC2086
+    finish $company
+}
+
+company_row() { # TITLE COMPANY
+    company=$2
+    compare_p99 "a good client's p99 beside $1 : alone" "<= 1.5" ports_alone ports_beside
+}
+
+rows_company() {
+    start_ports
+    start_dead
+    if ! $with_sessions; then local rounds=1; fi # such a router takes many seconds for each
+    company_row "50 silent ones" silent
+    company_row "50 slow writers" slow
+    company_row "one that never reads" unread
+    company_row "20 requests in flight to a dead service" dead
+    company_row "10 abandoned waits" abandoned
+    company_row "all of these" "silent slow unread dead abandoned"
+    if is_running stalled; then finish stalled; fi
+}
+
+# --- Across the end of a service ---
+
+# In the background, so that the call is under way when its service is killed.
+killed_meanwhile() {
+    start gone "$road/echo_service" direct direct.session interfaces
+    until_answered oneshot --unix direct.sock --method interfaces.Empty >/dev/null
+    kill -STOP "${pid_of[gone]}"
+    "$load" oneshot --unix direct.sock --method interfaces.Empty --calls 1 --timeout 60000 >under-way &
+    local caller=$!
+    sleep 0.05
+    local killed=$EPOCHREALTIME
+    kill_hard gone
+    wait "$caller" || true
+    awk -v a="$killed" -v b="$EPOCHREALTIME" 'BEGIN { printf "us=%d\n", (b - a) * 1e6 }'
+}
+gone_before() { measure oneshot --unix "$1" --method interfaces.Empty --calls 1 --timeout 60000; }
+gone_direct() { gone_before direct.sock; }
+gone_tcp() { gone_before tcp.sock; }
+
+rows_gone() {
+    if needs_sessions "an answer to a call under way when its service is killed" "<= 100 ms"; then
+        start_direct
+        absolute "an answer to a call under way when its service is killed" "<= 100 ms" us killed_meanwhile
+        absolute "an answer to a call when the service has gone" "<= 100 ms" max_us gone_direct
+    else
+        start_bus tcp
+        rounds=1 absolute "an answer to a call when the service has gone" "<= 100 ms" max_us gone_tcp
+    fi
+}
+
+# From the kill on: the program is started again at once, and called until it answers.
+calls_again() { # SOCKET METHOD PARAMS
+    "$load" oneshot --unix "$1" --method "$2" --params "$3" --until-result --calls 1000000 --timeout 60000 \
+        --seconds 60 >/dev/null || true
+}
+service_again() {
+    local killed=$EPOCHREALTIME
+    kill_hard portsd
+    start portsd "${portsd_command[@]}"
+    calls_again ports.sock ports.Get "$port_params"
+    awk -v a="$killed" -v b="$EPOCHREALTIME" 'BEGIN { printf "us=%d\n", (b - a) * 1e6 }'
+}
+router_again() {
+    local killed=$EPOCHREALTIME
+    kill_hard router-ports
+    start router-ports "${router_command[@]}"
+    calls_again ports.sock ports.Get "$port_params"
+    awk -v a="$killed" -v b="$EPOCHREALTIME" 'BEGIN { printf "us=%d\n", (b - a) * 1e6 }'
+}
+
+command_of() { # NAME: into the array $command, what the process was started with
+    mapfile -d '' -t command <"/proc/${pid_of[$1]}/cmdline"
+}
+
+rows_recovery() {
+    start_ports
+    command_of portsd; portsd_command=("${command[@]}")
+    command_of router-ports; router_command=("${command[@]}")
+    if ! $with_sessions; then rounds=1; fi # each takes a time-out
+    absolute "calls again after kill -9 and restart of the service" "<= 300 ms" us service_again
+    absolute "calls again after kill -9 and restart of the router" "<= 300 ms" us router_again
+}
+
+idle() { trouble idle idle --unix direct.session --clients 1000 --pid "${pid_of[router-direct]}"; }
+echo_beside_idle() {
+    idle
+    echo_direct
+    finish idle
+}
+
+rows_idle() {
+    if ! needs_sessions "1,000 idle sessions" "<= 16 KiB each, p99 <= 1.2"; then return; fi
+    start_direct
+    idle
+    row "1,000 idle sessions, the router's memory for each" "$(value each_bytes <idle.log) B" - - "<= 16384 B"
+    finish idle
+    compare_p99 "a good client's p99 beside 1,000 idle sessions : alone" "<= 1.2" echo_direct echo_beside_idle
+}
+
+row "the work : its floor" work floor ratio goal
+for name in "${rows[@]}"; do "rows_$name"; done

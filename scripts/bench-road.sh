@@ -37,6 +37,7 @@ done
 . scripts/road.sh
 build_road bench
 cd "$run"
+mkdir bus
 
 # --- The table ---
 

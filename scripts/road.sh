@@ -101,5 +101,4 @@ build_road() {
     sqlite3 "$run/fleet.db" <daemons/ports/schema.sql
     sqlite3 "$run/fleet.db" <daemons/ports/fleet.sql
     printf '[logging_levels]\nrouterd=info\nportsd=info\necho=info\n' >"$run/tavrix_lsyslog.conf"
-    mkdir "$run/bus"
 }

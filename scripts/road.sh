@@ -1,6 +1,6 @@
 # What the scripts that start routers and services share; sourced, not run. A private folder, programs in the background,
 # everything stopped and gone at the end.
-# shellcheck shell=bash
+# shellcheck shell=bash disable=SC2034
 
 run=$(mktemp -d /tmp/tavrix-road.XXXXXX)
 chmod 755 "$run" # another user's attempts have to reach the sockets in it

@@ -219,6 +219,15 @@ void stop_on_signals(void) {
     signal(SIGPIPE, SIG_IGN);
 }
 
+void *must_allocate(size_t count, size_t size) {
+    void *memory = calloc(count, size);
+    if (memory == NULL) {
+        perror("load");
+        exit(1);
+    }
+    return memory;
+}
+
 void raise_descriptor_limit(void) {
     struct rlimit limit;
     if (getrlimit(RLIMIT_NOFILE, &limit) == 0) {

@@ -82,6 +82,9 @@ bool going_on(void);
 
 void stop_on_signals(void);
 
+/** Zeroed memory; without any the process ends. */
+void *must_allocate(size_t count, size_t size);
+
 /** Lets the process have as many descriptors as it may. */
 void raise_descriptor_limit(void);
 

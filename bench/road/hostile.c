@@ -177,7 +177,7 @@ static void damage(void) {
             input[at] = (char)below(256);
             break;
         case 1:
-            input[at] ^= (char)(1 << below(8));
+            input[at] = (char)((unsigned char)input[at] ^ 1U << below(8));
             break;
         case 2:
             input_length = at;
@@ -385,7 +385,9 @@ static void make_message(void) {
         add_byte('}');
     }
     for (size_t i = 0; i < input_length; ++i) {
-        input[i] = input[i] != '\0' ? input[i] : ' ';
+        if (input[i] == '\0') {
+            input[i] = ' ';
+        }
     }
     input[input_length < max_input ? input_length : max_input - 1] = '\0';
 }

@@ -79,10 +79,7 @@ static void hold(double seconds) {
 }
 
 int run_idle(const struct plan *plan) {
-    int *sessions = calloc((size_t)plan->clients, sizeof *sessions);
-    if (sessions == NULL) {
-        return 1;
-    }
+    int *sessions = must_allocate((size_t)plan->clients, sizeof *sessions);
     const long before = private_memory(plan->pid);
     for (int i = 0; i < plan->clients; ++i) {
         sessions[i] = open_session(plan, plan->first + i);

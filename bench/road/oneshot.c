@@ -4,7 +4,6 @@
 #include "calls.h"
 
 #include <errno.h>
-#include <stdio.h>
 #include <stdlib.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
@@ -149,18 +148,10 @@ static void loop(struct run *run) {
 
 int run_oneshot(const struct plan *plan) {
     struct run run = {.plan = plan, .epoll = epoll_create1(EPOLL_CLOEXEC)};
-    run.clients = calloc((size_t)plan->clients, sizeof *run.clients);
-    if (run.epoll < 0 || run.clients == NULL) {
-        perror("load");
-        return 1;
-    }
+    run.clients = must_allocate((size_t)plan->clients, sizeof *run.clients);
     for (int i = 0; i < plan->clients; ++i) {
         run.clients[i].descriptor = -1;
-        run.clients[i].answer = malloc(answer_size);
-        if (run.clients[i].answer == NULL) {
-            perror("load");
-            return 1;
-        }
+        run.clients[i].answer = must_allocate(1, answer_size);
     }
     tally_begin(&run.tally);
     loop(&run);

@@ -235,13 +235,12 @@ static void loop(struct run *run) {
     }
 }
 
-static bool prepare(struct session *session, const struct plan *plan, int index) {
+static void prepare(struct session *session, const struct plan *plan, int index) {
     session->index = index;
     session->descriptor = -1;
-    session->calls = calloc((size_t)plan->in_flight, sizeof *session->calls);
-    session->in = malloc(answer_size);
-    session->out = malloc((size_t)plan->in_flight * (request_size + 1));
-    return session->calls != NULL && session->in != NULL && session->out != NULL;
+    session->calls = must_allocate((size_t)plan->in_flight, sizeof *session->calls);
+    session->in = must_allocate(1, answer_size);
+    session->out = must_allocate((size_t)plan->in_flight, request_size + 1);
 }
 
 static void release(struct session *session) {
@@ -255,15 +254,9 @@ static void release(struct session *session) {
 
 int run_sessions(const struct plan *plan) {
     struct run run = {.plan = plan, .epoll = epoll_create1(EPOLL_CLOEXEC)};
-    run.sessions = calloc((size_t)plan->clients, sizeof *run.sessions);
-    for (int i = 0; run.sessions != NULL && i < plan->clients; ++i) {
-        if (!prepare(&run.sessions[i], plan, i)) {
-            run.epoll = -1;
-        }
-    }
-    if (run.epoll < 0 || run.sessions == NULL) {
-        perror("load");
-        return 1;
+    run.sessions = must_allocate((size_t)plan->clients, sizeof *run.sessions);
+    for (int i = 0; i < plan->clients; ++i) {
+        prepare(&run.sessions[i], plan, i);
     }
     tally_begin(&run.tally);
     loop(&run);

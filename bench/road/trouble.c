@@ -43,10 +43,10 @@ static bool send_request(const struct plan *plan, struct connection *connection)
 /** One byte of a request that has no end. */
 static bool send_byte(const struct plan *plan, struct connection *connection) {
     static const char beginning[] = "{\"jsonrpc\":\"2.0\",\"method\":\"echo.Empty\",\"id\":1,\"params\":{\"text\":\"";
-    const char byte = connection->sent < sizeof beginning - 1 ? beginning[connection->sent] : 'x';
+    const char *byte = connection->sent < sizeof beginning - 1 ? &beginning[connection->sent] : "x";
     (void)plan;
     ++connection->sent;
-    return send(connection->descriptor, &byte, 1, MSG_NOSIGNAL | MSG_DONTWAIT) > 0;
+    return send(connection->descriptor, byte, 1, MSG_NOSIGNAL | MSG_DONTWAIT) > 0;
 }
 
 /** As many as the other side takes; their answers fill what lies between it and the one who never reads. */
@@ -140,11 +140,11 @@ static void say_ready(void) {
 
 int run_trouble(const struct plan *plan, const char *name) {
     const struct kind *kind = find_kind(name);
-    struct connection *connections = calloc((size_t)plan->clients, sizeof *connections);
-    struct pollfd *states = calloc((size_t)plan->clients, sizeof *states);
-    if (kind == NULL || connections == NULL || states == NULL) {
+    if (kind == NULL) {
         return 2;
     }
+    struct connection *connections = must_allocate((size_t)plan->clients, sizeof *connections);
+    struct pollfd *states = must_allocate((size_t)plan->clients, sizeof *states);
     for (int i = 0; i < plan->clients; ++i) {
         connections[i].number = plan->first + i;
         open_again(plan, kind, &connections[i]);

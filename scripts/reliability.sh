@@ -75,14 +75,14 @@ next_port; ports_tcp=tcp://127.0.0.1:$port
 printf '[tcp]\nall=*\n' >policy.conf
 
 start_routerd() {
-    local connect="$bus_echo,$rogue,tcp://127.0.0.1:$rogue_port"
+    local connect="$bus_echo,$rogue,tcp://127.0.0.1:$rogue_port,$ports_tcp"
     if $with_sessions; then
         start router "$routerd" --socket router.sock --session router.session --tcp "$tcp" --policy policy.conf \
             --publish "ipc://$run/bus/router,$router_tcp" --connect "$connect" --reply-timeout "$reply_timeout_ms" \
             --client-timeout 1000 --max-clients 1000 --max-in-flight 4096
     else
         start router "$routerd" --socket router.sock --tcp "$tcp" --publish "$router_tcp" \
-            --connect "$connect,$ports_tcp" --reply-timeout "$reply_timeout_ms" --client-timeout 1000
+            --connect "$connect" --reply-timeout "$reply_timeout_ms" --client-timeout 1000
     fi
 }
 start_echo() { # echo.*: registered and direct; without sessions on the bus
@@ -93,7 +93,7 @@ start_echo() { # echo.*: registered and direct; without sessions on the bus
     fi
 }
 start_ports() {
-    if $with_sessions; then
+    if $ports_register; then
         start ports "$portsd" --session router.session --database fleet.db
     else
         start ports "$portsd" --publish "$ports_tcp" --connect "$router_tcp" --database fleet.db

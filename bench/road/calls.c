@@ -76,13 +76,14 @@ void tally_report(struct tally *tally) {
     const long answered = outcomes[OUTCOME_RESULT] + outcomes[OUTCOME_ERROR];
     const double seconds = (answered > 0 ? tally->ended : now()) - tally->began;
     qsort(tally->latencies_us, tally->latency_count, sizeof *tally->latencies_us, compare_floats);
+    const double median = percentile(tally, 0.5);
     printf("calls=%ld results=%ld errors=%ld mismatched=%ld closed=%ld overdue=%ld refused=%ld lost=%ld code=%d"
-           " seconds=%.4f rate=%.1f p50_us=%.1f p90_us=%.1f p99_us=%.1f max_us=%.1f\n",
+           " seconds=%.4f rate=%.1f typical=%.1f p50_us=%.1f p90_us=%.1f p99_us=%.1f max_us=%.1f\n",
            tally->begun, outcomes[OUTCOME_RESULT], outcomes[OUTCOME_ERROR], outcomes[OUTCOME_MISMATCHED],
            outcomes[OUTCOME_CLOSED], outcomes[OUTCOME_OVERDUE], outcomes[OUTCOME_REFUSED],
            tally->begun - answered - outcomes[OUTCOME_MISMATCHED], tally->last_code, seconds,
-           (double)answered / seconds, percentile(tally, 0.5), percentile(tally, 0.9), percentile(tally, 0.99),
-           percentile(tally, 1));
+           (double)answered / seconds, median > 0 ? 1e6 / median : 0, median, percentile(tally, 0.9),
+           percentile(tally, 0.99), percentile(tally, 1));
     fflush(stdout);
     free(tally->latencies_us);
     tally->latencies_us = NULL;

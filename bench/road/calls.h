@@ -58,7 +58,8 @@ void tally_count(struct tally *tally, enum outcome outcome, double began);
 /** True while another call may begin. */
 bool tally_has_more(const struct tally *tally, const struct plan *plan);
 
-/** Prints the run's figures as one line of KEY=VALUE. */
+/** Prints the run's figures as one line of KEY=VALUE; "typical" is the rate of one caller whose calls are all median.
+ */
 void tally_report(struct tally *tally);
 
 /** 0 when every call had a result or an error of its own. */

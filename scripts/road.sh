@@ -12,7 +12,7 @@ fail() {
 }
 
 stop_all() {
-    local pids=("${pid_of[@]}")
+    local status=$? pids=("${pid_of[@]}")
     if [ ${#pids[@]} -gt 0 ]; then
         kill -CONT "${pids[@]}" 2>/dev/null || true
         kill "${pids[@]}" 2>/dev/null || true
@@ -22,6 +22,12 @@ stop_all() {
         done
         kill -9 "${pids[@]}" 2>/dev/null || true
         wait "${pids[@]}" 2>/dev/null || true
+    fi
+    if [ "$status" -ne 0 ] && [ -n "$built" ]; then
+        rm -rf "$built/road-failure"
+        mkdir "$built/road-failure"
+        cp "$run"/*.log "$built/road-failure" 2>/dev/null || true
+        echo "The logs are in $built/road-failure" >&2
     fi
     rm -rf "$run"
 }

@@ -6,7 +6,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 root=build/armhf-sysroot
-packages=(libc6-dev libcli11-dev libstdc++6 libjansson-dev libnanomsg-dev libpcre3-dev libsqlite3-dev)
+packages=(libc6-dev libcli11-dev libevent-dev libstdc++6 libjansson-dev libnanomsg-dev libpcre3-dev libsqlite3-dev)
 stamp="$root/.complete"
 wanted="${packages[*]}"
 if [ -f "$stamp" ] && [ "$(cat "$stamp")" = "$wanted" ]; then exit 0; fi

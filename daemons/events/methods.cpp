@@ -1,198 +1,97 @@
 #include "methods.h"
 
-#include <algorithm>
-#include <array>
-#include <random>
+#include <string>
 
-#include "common/error_data.h"
 #include "common/log.h"
-#include "common/signals.h"
 
 namespace events {
 
 namespace {
 
-using daemon_support::error_message;
-using daemon_support::Json;
-using daemon_support::method;
-using daemon_support::Text;
-
 constexpr char unit_name[] = "events";
-constexpr char reply_channel[] = "eventsd.replies";
-constexpr char get_method[] = "ports.Get";
-constexpr size_t text_size = 128;
+constexpr char link_changed[] = "events.LinkChanged";
+constexpr int max_report = 127; // bytes
 
-Service service;
+Log &log_of(const tavrix_call *call) { return static_cast<Context *>(tavrix_call_user(call))->log; }
 
-using Buffer = std::array<char, text_size>;
-
-int answer(json_t *value, json_t **result) {
-    *result = value;
-    return value != nullptr ? TAVRIX_OK : TAVRIX_ERR_NO_MEMORY;
+int reply_with(tavrix_call *call, const Event *event) {
+    return event != nullptr ? tavrix_call_reply(call, to_json(*event)) : TAVRIX_ERR_NO_RECORDS;
 }
 
-int milliseconds_until(std::chrono::steady_clock::time_point end) {
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
-    return std::max(0, static_cast<int>(left.count()));
+int get(tavrix_call *call) {
+    return reply_with(call, log_of(call).find(static_cast<int>(tavrix_call_integer(call, "number"))));
 }
 
-int get(json_t *params, json_t **result, json_t **error_data) {
-    int number = 0;
-    const int rc = tavrix_jrpc_utils_parse_input_integer(params, error_data, "number", &number);
-    if (rc != TAVRIX_OK) {
-        return rc;
-    }
-    const Event *event = service.log->find(number);
-    if (event == nullptr) {
-        return TAVRIX_ERR_NO_RECORDS;
-    }
-    return answer(to_json(*event), result);
+int last(tavrix_call *call) { return reply_with(call, log_of(call).last()); }
+
+int report(tavrix_call *call) {
+    return reply_with(call, &log_of(call).add("report", "", tavrix_call_text(call, "text")));
 }
 
-int last(json_t * /*params*/, json_t **result, json_t ** /*error_data*/) {
-    const Event *event = service.log->last();
-    if (event == nullptr) {
-        return TAVRIX_ERR_NO_RECORDS;
+/** A call of events.Describe between its question to the ports service and the answer. */
+struct Description {
+    uint64_t call;
+    std::string port_id;
+};
+
+void on_ports(tavrix_service *service, const tavrix_answer *answer, void *user) {
+    const auto *description = static_cast<Description *>(user);
+    tavrix_call *call = tavrix_service_deferred(service, description->call);
+    if (call != nullptr && answer->outcome != TAVRIX_OUTCOME_RESULT) {
+        tavrix_call_pass_on(call, answer);
+    } else if (call != nullptr) {
+        const Event *event = log_of(call).last_of(description->port_id);
+        tavrix_call_reply(call, json_pack("{s:O, s:o}", "ports", json_object_get(answer->result, "ports"), "last_event",
+                                          event != nullptr ? to_json(*event) : json_null()));
     }
-    return answer(to_json(*event), result);
+    delete description;
 }
 
-int report(json_t *params, json_t **result, json_t **error_data) {
-    Buffer text{};
-    const int rc = tavrix_jrpc_utils_parse_input_string(params, error_data, "text", text.data(), text.size());
-    if (rc != TAVRIX_OK) {
-        return rc;
+int describe(tavrix_call *call) {
+    const char *port_id = tavrix_call_text(call, "port_id");
+    auto *description = new Description{tavrix_call_defer(call, nullptr, nullptr), port_id};
+    const int timeout_ms = static_cast<Context *>(tavrix_call_user(call))->wait_timeout_ms;
+    if (description->call == 0 ||
+        tavrix_service_request(tavrix_call_service(call), "ports.Get", json_pack("{s:s}", "port_id", port_id),
+                               timeout_ms, on_ports, description) == 0) {
+        delete description;
+        return TAVRIX_ERR_SYSTEM_BUSY;
     }
-    if (json_string_length(json_object_get(params, "text")) >= text.size()) { // it has been cut
-        *error_data = error_message("Parameter 'text' has more than 127 bytes.");
-        return TAVRIX_ERR_INVALID_PARAMETER;
-    }
-    return answer(to_json(service.log->add("report", "", text.data())), result);
+    return TAVRIX_OK;
 }
 
-int describe(json_t *params, json_t **result, json_t **error_data) {
-    Buffer port_id{};
-    int rc = tavrix_jrpc_utils_retrieve_input_port_id(params, error_data, "port_id", port_id.data(), port_id.size(),
-                                                      false, false, true, true);
-    if (rc == TAVRIX_ERR_VALIDATION) {
-        *error_data = error_message("Parameter 'port_id' has no valid value.");
-        return TAVRIX_ERR_INVALID_PARAMETER;
-    }
-    if (rc != TAVRIX_OK) {
-        return rc;
-    }
-    if (service.ports == nullptr) {
-        return TAVRIX_ERR_UNIMPLEMENTED;
-    }
-    json_t *ports = nullptr;
-    rc = service.ports->get(port_id.data(), &ports, error_data);
-    if (rc != TAVRIX_OK) {
-        return rc;
-    }
-    const Event *event = service.log->last_of(port_id.data());
-    json_t *last_event = event != nullptr ? to_json(*event) : json_null();
-    return answer(json_pack("{s:o, s:o}", "ports", ports, "last_event", last_event), result);
-}
+const tavrix_service_param get_params[] = {
+    TAVRIX_PARAM("number", TAVRIX_KIND_INTEGER, "an event's number; the first one of a run is 1", 0), TAVRIX_PARAM_END};
+const tavrix_service_param report_params[] = {
+    TAVRIX_PARAM_RANGE("text", TAVRIX_KIND_TEXT, "what has happened", 0, 0, max_report), TAVRIX_PARAM_END};
+const tavrix_service_param describe_params[] = {
+    TAVRIX_PARAM("port_id", TAVRIX_KIND_PORT_ID, "a converter port or a dedicated port", TAVRIX_ANY_PORT),
+    TAVRIX_PARAM_END};
+const tavrix_service_param event_rows[] = {TAVRIX_PARAM("number", TAVRIX_KIND_INTEGER, "counted from 1 in each run", 0),
+                                           TAVRIX_PARAM("kind", TAVRIX_KIND_TEXT, "link or report", 0),
+                                           TAVRIX_PARAM("entity", TAVRIX_KIND_TEXT, "the port of a link event", 0),
+                                           TAVRIX_PARAM("text", TAVRIX_KIND_TEXT, "up, down, or what was reported", 0),
+                                           TAVRIX_PARAM_END};
+const tavrix_service_param describe_result[] = {
+    TAVRIX_PARAM("ports", TAVRIX_KIND_ARRAY, "the port, as ports.Get shows it", 0),
+    TAVRIX_PARAM("last_event", TAVRIX_KIND_JSON, "its latest event; null when none is kept", 0), TAVRIX_PARAM_END};
+
+const tavrix_service_method table[] = {
+    TAVRIX_METHOD("events.Get", get, "Reads an event.", get_params, event_rows, TAVRIX_METHOD_READS),
+    TAVRIX_METHOD("events.Last", last, "Reads the latest event.", nullptr, event_rows, TAVRIX_METHOD_READS),
+    TAVRIX_METHOD("events.Report", report, "Makes an event of a text.", report_params, event_rows,
+                  TAVRIX_METHOD_CHANGES),
+    TAVRIX_METHOD("events.Describe", describe, "Reads a port and its latest event.", describe_params, describe_result,
+                  TAVRIX_METHOD_READS),
+    TAVRIX_METHOD_END,
+};
 
 } // namespace
 
-bool PortsClient::open(const std::string &ports_address, const int *publisher, int timeout_ms,
-                       std::vector<daemon_support::Watch> meanwhile) {
-    publisher_ = publisher;
-    timeout_ms_ = timeout_ms;
-    meanwhile_ = std::move(meanwhile);
-    transaction_id_ = std::random_device()(); // a reply to an earlier run's call must not fit one of this run's
-    if (tavrix_jrpc_mq_sub_init(replies_.place(), 1) != TAVRIX_OK ||
-        !daemon_support::receive_large_messages(replies_)) {
-        return false;
-    }
-    if (tavrix_jrpc_mq_sub_set_channel(ports_address.c_str(), reply_channel, replies_.place()) != TAVRIX_OK) {
-        replies_.forget(); // closed by the failed call
-        return false;
-    }
-    // Only what is there is received, poll does the waiting.
-    return tavrix_mq_socket_set_timeout(*replies_.get(), 0) == TAVRIX_OK;
-}
+const tavrix_service_method *methods() { return table; }
 
-int PortsClient::publish_request(const char *method, json_t *params) const {
-    const Json request(json_pack("{s:s, s:s, s:s, s:I, s:o}", "jsonrpc", "2.0", "method", method, "id", reply_channel,
-                                 "transaction_id", transaction_id_, "params", params));
-    const Text text(json_dumps(request.get(), JSON_COMPACT | JSON_ENSURE_ASCII));
-    return text ? tavrix_jrpc_mq_pub(publisher_, TAVRIX_CHANNEL_FIRST, text.get()) : TAVRIX_ERR_NO_MEMORY;
-}
-
-/** A reply to a call that was given up is passed over: it must not answer the next one. */
-bool PortsClient::await_reply(const char *method, Clock::time_point end, Json *reply) const {
-    const auto take = [&] {
-        json_t *received = nullptr;
-        if (tavrix_jrpc_mq_sub_for_method(*replies_.get(), method, &received) != TAVRIX_OK) {
-            return false;
-        }
-        reply->reset(received);
-        const json_t *answered = json_object_get(received, "transaction_id");
-        return json_is_integer(answered) && json_integer_value(answered) == transaction_id_;
-    };
-    return daemon_support::wait_within(milliseconds_until(end), method, replies_, take, meanwhile_);
-}
-
-/** Says hello until it is answered: a request that is published before the connections stand is lost. */
-int PortsClient::settle(Clock::time_point end) const {
-    Json reply;
-    do {
-        const int rc = publish_request(daemon_support::service_hello_method, json_object());
-        if (rc != TAVRIX_OK) {
-            return rc;
-        }
-        const auto next = Clock::now() + std::chrono::milliseconds(daemon_support::hello_interval_ms);
-        if (await_reply(daemon_support::service_hello_method, std::min(next, end), &reply)) {
-            return TAVRIX_OK;
-        }
-    } while (!daemon_support::stop_requested() && Clock::now() < end);
-    return TAVRIX_ERR_TIMEOUT;
-}
-
-int PortsClient::get(const std::string &port_id, json_t **ports_out, json_t **error_data) {
-    ++transaction_id_;
-    const auto end = Clock::now() + std::chrono::milliseconds(timeout_ms_);
-    int rc = settle(end);
-    if (rc == TAVRIX_OK) {
-        rc = publish_request(get_method, json_pack("{s:s}", "port_id", port_id.c_str()));
-    }
-    if (rc != TAVRIX_OK) {
-        return rc;
-    }
-    Json reply;
-    if (!await_reply(get_method, end, &reply)) {
-        return TAVRIX_ERR_TIMEOUT;
-    }
-    const json_t *error = json_object_get(reply.get(), "error");
-    if (error != nullptr) {
-        const json_int_t code = json_integer_value(json_object_get(error, "code"));
-        json_t *data = json_object_get(error, "data");
-        *error_data = json_is_object(data) ? json_incref(data) : nullptr;
-        const int status = tavrix_jrpc_error_convert_jrpc_to_tavrix(static_cast<int>(code));
-        return status == TAVRIX_JRPC_UNKNOWN_ERROR ? TAVRIX_ERR_GENERAL : status;
-    }
-    *ports_out = json_incref(json_object_get(json_object_get(reply.get(), "result"), "ports"));
-    return *ports_out != nullptr ? TAVRIX_OK : TAVRIX_ERR_GENERAL;
-}
-
-void set_service(const Service &wanted) { service = wanted; }
-
-std::vector<tavrix_jrpc_method> methods() {
-    return {
-        method<get>("events.Get"),
-        method<last>("events.Last"),
-        method<report>("events.Report"),
-        method<describe>("events.Describe"),
-    };
-}
-
-void publish_link_changed(const int *publisher, const Event &event) {
-    const Json notification(
-        json_pack("{s:s, s:s, s:o}", "jsonrpc", "2.0", "method", link_changed, "params", to_json(event)));
-    const Text text(json_dumps(notification.get(), JSON_COMPACT | JSON_ENSURE_ASCII));
-    if (!text || tavrix_jrpc_mq_pub(publisher, link_changed, text.get()) != TAVRIX_OK) {
+void publish_link_changed(tavrix_service *service, const Event &event) {
+    if (tavrix_service_publish(service, link_changed, to_json(event)) != TAVRIX_OK) {
         LOG_ERROR("Cannot publish event %d\n", event.number);
     }
 }

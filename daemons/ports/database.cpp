@@ -3,7 +3,7 @@
 #include <initializer_list>
 #include <memory>
 
-#include <unistd.h>
+#include <sys/stat.h>
 
 #include "common/log.h"
 
@@ -13,23 +13,11 @@ namespace {
 
 constexpr char unit_name[] = "database";
 constexpr int ports_of_a_new_unit = 8;
-constexpr int lock_attempts = 20;
-constexpr useconds_t lock_delay_us = 50000;
 
 struct FinalizeStatement {
     void operator()(sqlite3_stmt *statement) const { sqlite3_finalize(statement); }
 };
 using Statement = std::unique_ptr<sqlite3_stmt, FinalizeStatement>;
-
-/** SQLite's busy handler: a lock that another process holds for a moment fails no request. */
-int wait_for_lock(void * /*context*/, int attempts) {
-    if (attempts >= lock_attempts) {
-        return 0;
-    }
-    LOG_DEBUG("The database is locked, attempt %d\n", attempts + 1);
-    usleep(lock_delay_us);
-    return 1;
-}
 
 /** The status for a result code of SQLite. */
 int status_of(int sqlite_code) {
@@ -138,14 +126,28 @@ Database::~Database() {
     }
 }
 
+/** Lets go of a connection whose file has been put aside for another: what it reads is nobody's any more. */
+void Database::leave_replaced_file() {
+    struct stat file {};
+    const bool is_there = stat(path_.c_str(), &file) == 0;
+    if (handle_ != nullptr && (!is_there || file.st_dev != device_ || file.st_ino != inode_)) {
+        LOG_WARNING("The database %s has been replaced: opening it again\n", path_.c_str());
+        tavrix_db_close(handle_);
+        handle_ = nullptr;
+    }
+    device_ = file.st_dev;
+    inode_ = file.st_ino;
+}
+
 int Database::open() {
+    leave_replaced_file();
     const int rc = tavrix_db_ensure_open_file(&handle_, path_.c_str());
     if (rc != TAVRIX_OK) {
         handle_ = nullptr; // after a failed open the variable holds a closed handle
-        return rc;
+        LOG_ERROR("Cannot open the database %s; it is made with: sqlite3 %s <schema.sql\n", path_.c_str(),
+                  path_.c_str());
     }
-    sqlite3_busy_handler(handle_, wait_for_lock, nullptr);
-    return TAVRIX_OK;
+    return rc;
 }
 
 int Database::count(const char *table, const char *condition, int64_t *out) {

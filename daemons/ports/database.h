@@ -1,7 +1,8 @@
 /**
  * The ports service's view of the configuration database: every query and change it makes, as one function each.
  *
- * Functions return a status of tavrix_error.h. Changes run in a transaction: on failure nothing has changed.
+ * Functions return a status of tavrix_error.h. Changes run in a transaction: on failure nothing has changed. A lock of
+ * another process is a failure at once, TAVRIX_ERR_DB_BUSY: who calls may try again later, nothing here waits.
  */
 #ifndef TAVRIX_DAEMONS_PORTS_DATABASE_H
 #define TAVRIX_DAEMONS_PORTS_DATABASE_H
@@ -10,6 +11,7 @@
 #include <vector>
 
 #include <sqlite3.h>
+#include <sys/types.h>
 
 #include "tavrix.h"
 
@@ -69,6 +71,7 @@ class Database {
     int register_unit(const Unit &unit);
 
   private:
+    void leave_replaced_file();
     int check_selection(const Selection &selection);
     int count(const char *table, const char *condition, int64_t *out);
     template <class Change>
@@ -76,6 +79,8 @@ class Database {
 
     std::string path_;
     sqlite3 *handle_ = nullptr;
+    dev_t device_ = 0; ///< with the inode: tells whether the file is still the one that is open
+    ino_t inode_ = 0;
 };
 
 } // namespace ports

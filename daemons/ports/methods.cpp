@@ -1,153 +1,137 @@
 #include "methods.h"
 
+#include <algorithm>
 #include <array>
-#include <cstdio>
-#include <memory>
+#include <string>
 
-#include "common/error_data.h"
 #include "common/handles.h"
 #include "common/log.h"
-#include "common/service.h"
 
 namespace ports {
 
 namespace {
 
-using daemon_support::BusSocket;
-using daemon_support::error_message;
-using daemon_support::FreeMemory;
 using daemon_support::Json;
-using daemon_support::method;
 
 constexpr char unit_name[] = "ports";
-constexpr int max_vlan_ids = 32;
-constexpr int max_mac_filters = 16;
 constexpr size_t word_size = 32;
 constexpr char link_changed[] = "events.LinkChanged";
+constexpr int lock_attempts = 20;
+constexpr int lock_delay_ms = 50;
 
-Service service;
+Context &context_of(const tavrix_call *call) { return *static_cast<Context *>(tavrix_call_user(call)); }
+Database &database_of(const tavrix_call *call) { return *context_of(call).database; }
 
-using Word = std::array<char, word_size>;
+// --- A lock of another process -------------------------------------------------------------------------------------
 
-/** Which forms a port parameter may take. */
-struct PortForms {
-    bool all;
-    bool unit;
-    bool c_port;
-    bool d_port;
-};
-constexpr PortForms any_port_or_group = {true, true, true, true};
-constexpr PortForms any_port = {false, false, true, true};
-constexpr PortForms c_port_only = {false, false, true, false};
-
-/**
- * Reads a request's parameters one after the other; the first failure stays and makes the rest do nothing. A value
- * that fails its field's rule is answered like a wrong type, with a message that names the parameter.
- */
-class Parameters {
-  public:
-    Parameters(json_t *params, json_t **error_data) : params_(params), error_data_(error_data) {}
-
-    Parameters &port(const char *key, const PortForms &forms, Selection *out) {
-        Word text{};
-        if (take(key, tavrix_jrpc_utils_retrieve_input_port_id, text.data(), text.size(), forms.all, forms.unit,
-                 forms.c_port, forms.d_port)) {
-            *out = selection_of(text.data());
-        }
-        return *this;
+void try_again(tavrix_service *service, void *user) {
+    auto *retry = static_cast<Retry *>(user);
+    tavrix_call *call = tavrix_service_deferred(service, retry->call);
+    const int rc = call != nullptr ? retry->work(call) : TAVRIX_OK;
+    if (rc == TAVRIX_ERR_DB_BUSY && --retry->left > 0) {
+        LOG_DEBUG("The database is locked, %d attempts left\n", retry->left);
+        return;
     }
-    Parameters &unit(const char *key, int *out) {
-        Word text{};
-        int port = 0;
-        if (take(key, tavrix_jrpc_utils_retrieve_input_mzu_id, text.data(), text.size(), false)) {
-            tavrix_parse_mzu_port_id(out, &port, text.data());
-        }
-        return *this;
+    if (call != nullptr && rc < 0) {
+        tavrix_call_fail(call, rc);
+    } else if (call != nullptr && tavrix_service_deferred(service, retry->call) != nullptr) {
+        tavrix_call_reply(call, json_integer(0));
     }
-    /** A word that passes its retriever, as its position in a table. */
-    template <class Retriever>
-    Parameters &word(const char *key, Retriever retrieve, const char *const *table, int *out) {
-        Word text{};
-        if (take(key, retrieve, text.data(), text.size())) {
-            tavrix_str_to_enum(out, text.data(), table);
-        }
-        return *this;
-    }
-    template <class Retriever>
-    Parameters &text(const char *key, Retriever retrieve, std::string *out) {
-        Word text{};
-        if (take(key, retrieve, text.data(), text.size())) {
-            *out = text.data();
-        }
-        return *this;
-    }
-    template <class Retriever, class... Out>
-    Parameters &value(const char *key, Retriever retrieve, Out... out) {
-        take(key, retrieve, out...);
-        return *this;
-    }
+    tavrix_service_cancel(service, retry->timer);
+    static_cast<Context *>(tavrix_service_user(service))->retries.remove_if([retry](const Retry &ended) {
+        return &ended == retry;
+    });
+}
 
-    int status() const { return status_; }
-
-  private:
-    template <class Retriever, class... Arguments>
-    bool take(const char *key, Retriever retrieve, Arguments... arguments) {
-        if (status_ != TAVRIX_OK) {
-            return false;
-        }
-        status_ = retrieve(params_, error_data_, key, arguments...);
-        if (status_ == TAVRIX_ERR_VALIDATION || status_ == TAVRIX_ERR_PARAMETER) {
-            status_ = TAVRIX_ERR_INVALID_PARAMETER;
-        }
-        if (status_ != TAVRIX_OK && *error_data_ == nullptr) {
-            *error_data_ = json_pack("{s:o}", "message", json_sprintf("Parameter '%s' has no valid value.", key));
-        }
-        return status_ == TAVRIX_OK;
+/** The handler of a method that reads or changes the database: nobody else waits while it is locked. */
+template <Work work>
+int with_database(tavrix_call *call) {
+    const int rc = work(call);
+    if (rc != TAVRIX_ERR_DB_BUSY) {
+        return rc;
     }
-
-    static Selection selection_of(const char *text) {
-        Selection selection;
-        selection.all = std::string(text) == "all";
-        if (!selection.all) {
-            tavrix_parse_mzu_port_id(&selection.unit, &selection.port, text);
-        }
-        return selection;
+    LOG_DEBUG("The database is locked, %d attempts left\n", lock_attempts);
+    tavrix_service *service = tavrix_call_service(call);
+    std::list<Retry> &retries = context_of(call).retries;
+    const uint64_t number = tavrix_call_defer(call, nullptr, nullptr);
+    Retry &retry = retries.emplace_back(Retry{work, number, 0, lock_attempts});
+    retry.timer = number != 0 ? tavrix_service_timer(service, lock_delay_ms, lock_delay_ms, try_again, &retry) : 0;
+    if (retry.timer == 0) {
+        retries.pop_back();
+        return TAVRIX_ERR_DB_BUSY;
     }
+    return TAVRIX_OK;
+}
 
-    json_t *params_;
-    json_t **error_data_;
-    int status_ = TAVRIX_OK;
-};
+// --- Parameters and results ----------------------------------------------------------------------------------------
 
-json_t *word_json(int value, const char *const *table) {
-    Word text{};
-    tavrix_enum_to_str(text.data(), text.size(), value, table);
-    return json_string(text.data());
+Selection selection_of(const tavrix_call *call) {
+    const std::string text = tavrix_call_text(call, "port_id");
+    Selection selection;
+    selection.all = text == "all";
+    if (!selection.all) {
+        tavrix_parse_mzu_port_id(&selection.unit, &selection.port, text.c_str());
+    }
+    return selection;
+}
+
+/** The word at a stored position; null, with a line in the log, for a position that the table does not have. */
+json_t *word_json(int value, const char *const *table, const char *what) {
+    int count = 0;
+    while (table[count] != nullptr) {
+        ++count;
+    }
+    if (value < 0 || value >= count) {
+        LOG_ERROR("The database holds %d for a %s, which is none; was it written by another version?\n", value, what);
+        return nullptr;
+    }
+    return json_string(table[value]);
 }
 
 json_t *port_id_json(int unit, int port) {
-    Word text{};
+    std::array<char, word_size> text{};
     tavrix_create_port_id_str(text.data(), text.size(), unit, port);
     return json_string(text.data());
 }
 
 json_t *mzu_id_json(int unit) {
-    Word text{};
+    std::array<char, word_size> text{};
     tavrix_create_mzu_id_str(text.data(), text.size(), unit);
     return json_string(text.data());
 }
 
+/** Null when a stored value is none that its table has. */
 json_t *port_json(const Port &port) {
     json_t *vlan_ids = json_array();
     for (const int vlan_id : port.vlan_ids) {
         json_array_append_new(vlan_ids, json_integer(vlan_id));
     }
     return json_pack("{s:o, s:o, s:o, s:o, s:o, s:o, s:o}", "port_id", port_id_json(port.unit, port.port), "status",
-                     word_json(port.status, tavrix_port_status_strings), "poe_status",
-                     word_json(port.poe_status, tavrix_poe_status_strings), "link_status",
-                     word_json(port.link_status, tavrix_link_status_strings), "link_speed",
-                     word_json(port.link_speed, tavrix_link_speed_strings), "vlan_mode",
-                     word_json(port.vlan_mode, tavrix_vlan_mode_strings), "vlan_ids", vlan_ids);
+                     word_json(port.status, tavrix_port_status_strings, "port status"), "poe_status",
+                     word_json(port.poe_status, tavrix_poe_status_strings, "PoE status"), "link_status",
+                     word_json(port.link_status, tavrix_link_status_strings, "link status"), "link_speed",
+                     word_json(port.link_speed, tavrix_link_speed_strings, "link speed"), "vlan_mode",
+                     word_json(port.vlan_mode, tavrix_vlan_mode_strings, "VLAN mode"), "vlan_ids", vlan_ids);
+}
+
+json_t *unit_json(const Unit &unit) {
+    return json_pack("{s:o, s:o, s:s, s:s, s:b}", "mzu_id", mzu_id_json(unit.unit), "model",
+                     word_json(unit.model, tavrix_mzu_model_strings, "model"), "mac", unit.mac.c_str(), "alias",
+                     unit.alias.c_str(), "online", unit.online ? 1 : 0);
+}
+
+/** Answers with {name: [...]}; an entry that cannot be shown fails the whole, since a list without it would lie. */
+template <class Entry>
+int reply_with_list(tavrix_call *call, const char *name, const std::vector<Entry> &entries,
+                    json_t *(*as_json)(const Entry &)) {
+    Json list(json_array());
+    for (const Entry &entry : entries) {
+        if (json_array_append_new(list.get(), as_json(entry)) != 0) {
+            return tavrix_call_fail_with(call, TAVRIX_JRPC_DATABASE_ERROR, "The database holds a value that is none.",
+                                         nullptr);
+        }
+    }
+    return tavrix_call_reply(call, json_pack("{s:o}", name, list.release()));
 }
 
 int vlan_mode_value(const char *word) {
@@ -156,198 +140,209 @@ int vlan_mode_value(const char *word) {
     return value;
 }
 
-int get(json_t *params, json_t **result, json_t **error_data) {
-    Selection selection;
-    const int rc = Parameters(params, error_data).port("port_id", any_port_or_group, &selection).status();
-    if (rc != TAVRIX_OK) {
-        return rc;
-    }
+// --- Methods -------------------------------------------------------------------------------------------------------
+
+int get(tavrix_call *call) {
     std::vector<Port> found;
-    const int status = service.database->find_ports(selection, &found);
-    if (status != TAVRIX_OK) {
-        return status;
-    }
-    json_t *list = json_array();
-    for (const Port &port : found) {
-        json_array_append_new(list, port_json(port));
-    }
-    *result = json_pack("{s:o}", "ports", list);
-    return TAVRIX_OK;
+    const int rc = database_of(call).find_ports(selection_of(call), &found);
+    return rc != TAVRIX_OK ? rc : reply_with_list(call, "ports", found, port_json);
 }
 
-int set_enabled(json_t *params, json_t ** /*result*/, json_t **error_data) {
-    Selection selection;
-    int status = 0;
-    const int rc = Parameters(params, error_data)
-                       .port("port_id", any_port_or_group, &selection)
-                       .word("status", tavrix_jrpc_utils_retrieve_input_status, tavrix_admin_status_strings, &status)
-                       .status();
-    return rc != TAVRIX_OK ? rc : service.database->set_status(selection, status);
+int set_enabled(tavrix_call *call) {
+    return database_of(call).set_status(selection_of(call), tavrix_call_word(call, "status"));
 }
 
-int set_vlan_local(json_t *params, json_t ** /*result*/, json_t **error_data) {
-    Selection selection;
-    const int rc = Parameters(params, error_data).port("port_id", any_port, &selection).status();
-    return rc != TAVRIX_OK ? rc : service.database->set_vlans(selection, vlan_mode_value("local"), nullptr, 0);
+int set_vlan_local(tavrix_call *call) {
+    return database_of(call).set_vlans(selection_of(call), vlan_mode_value("local"), nullptr, 0);
 }
 
-int set_vlan_access(json_t *params, json_t ** /*result*/, json_t **error_data) {
-    Selection selection;
-    int vlan_id = 0;
-    const int rc = Parameters(params, error_data)
-                       .port("port_id", any_port, &selection)
-                       .value("vlan_id", tavrix_jrpc_utils_retrieve_input_vlan_id, &vlan_id)
-                       .status();
-    return rc != TAVRIX_OK ? rc : service.database->set_vlans(selection, vlan_mode_value("access"), &vlan_id, 1);
+int set_vlan_access(tavrix_call *call) {
+    const int vlan_id = static_cast<int>(tavrix_call_integer(call, "vlan_id"));
+    return database_of(call).set_vlans(selection_of(call), vlan_mode_value("access"), &vlan_id, 1);
 }
 
-int set_vlan_trunk(json_t *params, json_t ** /*result*/, json_t **error_data) {
-    Selection selection;
-    std::array<int, max_vlan_ids> vlan_ids{};
+int set_vlan_trunk(tavrix_call *call) {
     int count = 0;
-    const int rc = Parameters(params, error_data)
-                       .port("port_id", any_port, &selection)
-                       .value("vlan_ids", tavrix_jrpc_utils_retrieve_input_vlan_ids, vlan_ids.data(), &count)
-                       .status();
-    if (rc != TAVRIX_OK) {
-        return rc;
-    }
-    if (count == 0) {
-        *error_data = error_message("Parameter 'vlan_ids' needs at least one VLAN id.");
-        return TAVRIX_ERR_INVALID_PARAMETER;
-    }
-    return service.database->set_vlans(selection, vlan_mode_value("trunk"), vlan_ids.data(), count);
+    const int *vlan_ids = tavrix_call_integers(call, "vlan_ids", &count);
+    return database_of(call).set_vlans(selection_of(call), vlan_mode_value("trunk"), vlan_ids, count);
 }
 
-int get_instant_power(json_t *params, json_t **result, json_t **error_data) {
-    Selection selection;
+int get_instant_power(tavrix_call *call) {
+    const Selection selection = selection_of(call);
     int milliwatts = 0;
-    const int rc = Parameters(params, error_data).port("port_id", c_port_only, &selection).status();
-    const int status = rc != TAVRIX_OK ? rc : service.database->instant_power(selection, &milliwatts);
-    if (status == TAVRIX_OK) {
-        *result =
-            json_pack("{s:o, s:i}", "port_id", port_id_json(selection.unit, selection.port), "power_mw", milliwatts);
-    }
-    return status;
+    const int rc = database_of(call).instant_power(selection, &milliwatts);
+    return rc != TAVRIX_OK ? rc
+                           : tavrix_call_reply(call, json_pack("{s:o, s:i}", "port_id",
+                                                               port_id_json(selection.unit, selection.port), "power_mw",
+                                                               milliwatts));
 }
 
-int set_mac_filters(json_t *params, json_t ** /*result*/, json_t **error_data) {
-    Selection selection;
-    int rc = Parameters(params, error_data).port("port_id", c_port_only, &selection).status();
-    if (rc != TAVRIX_OK) {
-        return rc;
-    }
-    tavrix_mac_filter *filters = nullptr;
+int set_mac_filters(tavrix_call *call) {
     int count = 0;
-    rc = Parameters(params, error_data)
-             .value("filters", tavrix_jrpc_utils_retrieve_input_mac_filters, &filters, &count, selection.unit,
-                    selection.port)
-             .status();
-    if (rc != TAVRIX_OK) {
-        return rc;
-    }
-    const std::unique_ptr<tavrix_mac_filter, FreeMemory> owner(filters);
-    if (count > max_mac_filters) {
-        return TAVRIX_ERR_TOO_MANY_ENTRIES;
-    }
-    return service.database->set_mac_filters(selection, filters, count);
+    const tavrix_mac_filter *filters = tavrix_call_mac_filters(call, "filters", &count);
+    return database_of(call).set_mac_filters(selection_of(call), filters, count);
 }
 
-int list_units(json_t * /*params*/, json_t **result, json_t ** /*error_data*/) {
+int list_units(tavrix_call *call) {
     std::vector<Unit> units;
-    const int rc = service.database->list_units(&units);
-    if (rc != TAVRIX_OK) {
-        return rc;
-    }
-    json_t *list = json_array();
-    for (const Unit &unit : units) {
-        json_array_append_new(list, json_pack("{s:o, s:o, s:s, s:s, s:b}", "mzu_id", mzu_id_json(unit.unit), "model",
-                                              word_json(unit.model, tavrix_mzu_model_strings), "mac", unit.mac.c_str(),
-                                              "alias", unit.alias.c_str(), "online", unit.online ? 1 : 0));
-    }
-    *result = json_pack("{s:o}", "mzus", list);
-    return TAVRIX_OK;
+    const int rc = database_of(call).list_units(&units);
+    return rc != TAVRIX_OK ? rc : reply_with_list(call, "mzus", units, unit_json);
 }
 
-int register_unit(json_t *params, json_t **result, json_t **error_data) {
+int register_unit(tavrix_call *call) {
     Unit unit;
-    const int rc = Parameters(params, error_data)
-                       .unit("mzu_id", &unit.unit)
-                       .word("model", tavrix_jrpc_utils_retrieve_input_mzu_model, tavrix_mzu_model_strings, &unit.model)
-                       .text("mac", tavrix_jrpc_utils_retrieve_input_mac_address, &unit.mac)
-                       .text("alias", tavrix_jrpc_utils_retrieve_input_alias, &unit.alias)
-                       .status();
-    if (rc != TAVRIX_OK) {
-        return rc;
-    }
+    int port = 0;
+    tavrix_parse_mzu_port_id(&unit.unit, &port, tavrix_call_text(call, "mzu_id"));
+    unit.model = tavrix_call_word(call, "model");
+    unit.mac = tavrix_call_text(call, "mac");
+    unit.alias = tavrix_call_text(call, "alias");
     if (unit.model == 0) {
         return TAVRIX_ERR_NO_SUCH_MODEL; // "unknown" is a word of the table, but nothing that can be registered
     }
-    const int status = service.database->register_unit(unit);
-    if (status == TAVRIX_OK) {
-        *result = json_pack("{s:o}", "mzu_id", mzu_id_json(unit.unit));
-    }
-    return status;
+    const int rc = database_of(call).register_unit(unit);
+    return rc != TAVRIX_OK ? rc : tavrix_call_reply(call, json_pack("{s:o}", "mzu_id", mzu_id_json(unit.unit)));
 }
 
-/** Subscribes a socket of its own to a notification. */
-bool listen_for(const std::string &address, const char *method, BusSocket *socket) {
-    if (tavrix_jrpc_mq_sub_init(socket->place(), 0) != TAVRIX_OK || !daemon_support::receive_large_messages(*socket)) {
-        return false;
-    }
-    if (tavrix_jrpc_mq_sub_set_channel(address.c_str(), method, socket->place()) != TAVRIX_OK) {
-        socket->forget(); // closed by the failed call
-        return false;
-    }
-    return true;
+// --- Waiting for a link change -------------------------------------------------------------------------------------
+
+/** Takes out of the list who is answered, and stops his timer. */
+void end_wait(tavrix_service *service, std::list<Waiter> *waiters, std::list<Waiter>::iterator waiter) {
+    tavrix_service_cancel(service, waiter->timer);
+    waiters->erase(waiter);
 }
 
-int wait_link_changed(json_t * /*params*/, json_t **result, json_t **error_data) {
-    if (service.events_address.empty()) {
-        *error_data = error_message("No events service is configured.");
-        return TAVRIX_ERR_UNIMPLEMENTED;
+void on_wait_abandoned(tavrix_call *call, void *user) {
+    std::list<Waiter> &waiters = context_of(call).waiters;
+    const auto *abandoned = static_cast<Waiter *>(user);
+    const auto found = std::find_if(waiters.begin(), waiters.end(),
+                                    [abandoned](const Waiter &waiter) { return &waiter == abandoned; });
+    end_wait(tavrix_call_service(call), &waiters, found);
+}
+
+void on_wait_over(tavrix_service *service, void *user) {
+    tavrix_call *call = tavrix_service_deferred(service, static_cast<Waiter *>(user)->call);
+    on_wait_abandoned(call, user);
+    tavrix_call_fail(call, TAVRIX_ERR_TIMEOUT);
+}
+
+int wait_link_changed(tavrix_call *call) {
+    Context &context = context_of(call);
+    Waiter &waiter = context.waiters.emplace_back();
+    waiter.call = tavrix_call_defer(call, on_wait_abandoned, &waiter);
+    if (waiter.call != 0) {
+        waiter.timer =
+            tavrix_service_timer(tavrix_call_service(call), context.wait_timeout_ms, 0, on_wait_over, &waiter);
     }
-    BusSocket socket;
-    if (!listen_for(service.events_address, link_changed, &socket)) {
-        return TAVRIX_ERR_GENERAL;
+    if (waiter.call == 0 || waiter.timer == 0) {
+        context.waiters.pop_back();
+        return TAVRIX_ERR_SYSTEM_BUSY;
     }
-    json_t *received = nullptr;
-    const bool heard = daemon_support::wait_within(service.wait_timeout_ms, link_changed, socket, [&] {
-        return tavrix_jrpc_mq_sub_for_notifcation(*socket.get(), link_changed, &received) == TAVRIX_OK;
-    });
-    const Json notification(received);
-    if (!heard) {
-        return TAVRIX_ERR_TIMEOUT;
-    }
-    *result = json_incref(json_object_get(notification.get(), "params"));
+    LOG_DEBUG("Waiting for %s, %d ms at most\n", link_changed, context.wait_timeout_ms);
     return TAVRIX_OK;
 }
 
-} // namespace
-
-bool set_service(const Service &wanted) {
-    service = wanted;
-    BusSocket trial;
-    if (!service.events_address.empty() && !listen_for(service.events_address, link_changed, &trial)) {
-        LOG_ERROR("Cannot listen to %s\n", service.events_address.c_str());
-        return false;
+void on_link_changed(tavrix_service *service, const char * /*method*/, json_t *params, void *user) {
+    std::list<Waiter> &waiters = static_cast<Context *>(user)->waiters;
+    while (!waiters.empty()) {
+        tavrix_call *call = tavrix_service_deferred(service, waiters.front().call);
+        end_wait(service, &waiters, waiters.begin());
+        tavrix_call_reply(call, params != nullptr ? json_incref(params) : json_null());
     }
-    return true;
 }
 
-std::vector<tavrix_jrpc_method> methods() {
-    return {
-        method<get>("ports.Get"),
-        method<set_enabled>("ports.SetEnabled"),
-        method<set_vlan_local>("ports.SetVlanLocal"),
-        method<set_vlan_access>("ports.SetVlanAccess"),
-        method<set_vlan_trunk>("ports.SetVlanTrunk"),
-        method<get_instant_power>("ports.poe.GetInstantPower"),
-        method<set_mac_filters>("ports.SetMacFilters"),
-        method<wait_link_changed>("ports.WaitLinkChanged"),
-        method<list_units>("mzu.List"),
-        method<register_unit>("mzu.Register"),
-    };
+// --- Table ---------------------------------------------------------------------------------------------------------
+
+constexpr int max_vlan_ids = 32;
+constexpr int max_mac_filters = 16;
+
+const tavrix_service_param end_of_rows = TAVRIX_PARAM_END;
+const tavrix_service_param any_ports =
+    TAVRIX_PARAM("port_id", TAVRIX_KIND_PORT_ID, "a port, a unit for all its ports, or all", TAVRIX_ANY_PORTS);
+const tavrix_service_param any_port =
+    TAVRIX_PARAM("port_id", TAVRIX_KIND_PORT_ID, "a converter port or a dedicated port", TAVRIX_ANY_PORT);
+const tavrix_service_param c_port =
+    TAVRIX_PARAM("port_id", TAVRIX_KIND_PORT_ID, "a converter port", TAVRIX_ALLOW_C_PORT);
+
+const tavrix_service_param get_params[] = {any_ports, end_of_rows};
+const tavrix_service_param set_enabled_params[] = {
+    any_ports, TAVRIX_PARAM("status", TAVRIX_KIND_STATUS, "whether the ports carry traffic", 0), end_of_rows};
+const tavrix_service_param port_params[] = {any_port, end_of_rows};
+const tavrix_service_param access_params[] = {
+    any_port, TAVRIX_PARAM("vlan_id", TAVRIX_KIND_VLAN_ID, "the port's only VLAN", 0), end_of_rows};
+const tavrix_service_param trunk_params[] = {
+    any_port,
+    TAVRIX_PARAM_RANGE("vlan_ids", TAVRIX_KIND_VLAN_IDS, "the VLANs that the port carries", 0, 1, max_vlan_ids),
+    end_of_rows};
+const tavrix_service_param c_port_params[] = {c_port, end_of_rows};
+const tavrix_service_param mac_filter_params[] = {c_port,
+                                                  TAVRIX_PARAM_RANGE("filters", TAVRIX_KIND_MAC_FILTERS,
+                                                                     "what takes the place of the port's filters", 0, 0,
+                                                                     max_mac_filters),
+                                                  end_of_rows};
+const tavrix_service_param register_params[] = {
+    TAVRIX_PARAM("mzu_id", TAVRIX_KIND_MZU_ID, "the unit's id, not in use yet", 0),
+    TAVRIX_PARAM("model", TAVRIX_KIND_MZU_MODEL, "its model", 0),
+    TAVRIX_PARAM("mac", TAVRIX_KIND_MAC_ADDRESS, "its MAC address", 0),
+    TAVRIX_PARAM("alias", TAVRIX_KIND_ALIAS, "its name for people", 0), end_of_rows};
+
+const tavrix_service_param port_rows[] = {
+    TAVRIX_PARAM("port_id", TAVRIX_KIND_PORT_ID, "the port", TAVRIX_ANY_PORT),
+    TAVRIX_PARAM_WORDS("status", tavrix_port_status_strings, "whether it carries traffic", 0),
+    TAVRIX_PARAM_WORDS("poe_status", tavrix_poe_status_strings, "whether it feeds a device", 0),
+    TAVRIX_PARAM_WORDS("link_status", tavrix_link_status_strings, "whether its link stands", 0),
+    TAVRIX_PARAM_WORDS("link_speed", tavrix_link_speed_strings, "its speed", 0),
+    TAVRIX_PARAM_WORDS("vlan_mode", tavrix_vlan_mode_strings, "how it treats VLANs", 0),
+    TAVRIX_PARAM("vlan_ids", TAVRIX_KIND_VLAN_IDS, "the VLANs that it is in", 0),
+    end_of_rows};
+const tavrix_service_param unit_rows[] = {TAVRIX_PARAM("mzu_id", TAVRIX_KIND_MZU_ID, "the unit", 0),
+                                          TAVRIX_PARAM_WORDS("model", tavrix_mzu_model_strings, "its model", 0),
+                                          TAVRIX_PARAM("mac", TAVRIX_KIND_MAC_ADDRESS, "its MAC address", 0),
+                                          TAVRIX_PARAM("alias", TAVRIX_KIND_ALIAS, "its name for people", 0),
+                                          TAVRIX_PARAM("online", TAVRIX_KIND_BOOLEAN, "whether it is connected", 0),
+                                          end_of_rows};
+const tavrix_service_param event_rows[] = {TAVRIX_PARAM("number", TAVRIX_KIND_INTEGER, "the event's number", 0),
+                                           TAVRIX_PARAM("kind", TAVRIX_KIND_TEXT, "link", 0),
+                                           TAVRIX_PARAM("entity", TAVRIX_KIND_TEXT, "the port", 0),
+                                           TAVRIX_PARAM("text", TAVRIX_KIND_TEXT, "up or down", 0), end_of_rows};
+
+const tavrix_service_param get_result[] = {
+    TAVRIX_PARAM_MEMBERS("ports", TAVRIX_KIND_ARRAY, "the ports, in their order", 0, 0, 0, port_rows), end_of_rows};
+const tavrix_service_param power_result[] = {
+    TAVRIX_PARAM("port_id", TAVRIX_KIND_PORT_ID, "the port", TAVRIX_ALLOW_C_PORT),
+    TAVRIX_PARAM("power_mw", TAVRIX_KIND_INTEGER, "what its device draws, in milliwatts", 0), end_of_rows};
+const tavrix_service_param list_result[] = {
+    TAVRIX_PARAM_MEMBERS("mzus", TAVRIX_KIND_ARRAY, "the units, in their order", 0, 0, 0, unit_rows), end_of_rows};
+const tavrix_service_param register_result[] = {TAVRIX_PARAM("mzu_id", TAVRIX_KIND_MZU_ID, "the unit", 0), end_of_rows};
+
+const tavrix_service_method table[] = {
+    TAVRIX_METHOD("ports.Get", with_database<get>, "Reads ports.", get_params, get_result, TAVRIX_METHOD_READS),
+    TAVRIX_METHOD("ports.SetEnabled", with_database<set_enabled>, "Lets ports carry traffic, or not.",
+                  set_enabled_params, nullptr, TAVRIX_METHOD_CHANGES),
+    TAVRIX_METHOD("ports.SetVlanLocal", with_database<set_vlan_local>, "Takes a port out of all VLANs.", port_params,
+                  nullptr, TAVRIX_METHOD_CHANGES),
+    TAVRIX_METHOD("ports.SetVlanAccess", with_database<set_vlan_access>, "Puts a port into one VLAN.", access_params,
+                  nullptr, TAVRIX_METHOD_CHANGES),
+    TAVRIX_METHOD("ports.SetVlanTrunk", with_database<set_vlan_trunk>, "Puts a port into several VLANs.", trunk_params,
+                  nullptr, TAVRIX_METHOD_CHANGES),
+    TAVRIX_METHOD("ports.poe.GetInstantPower", with_database<get_instant_power>, "Reads what a port's device draws.",
+                  c_port_params, power_result, TAVRIX_METHOD_READS),
+    TAVRIX_METHOD("ports.SetMacFilters", with_database<set_mac_filters>, "Sets the MAC filters of a port.",
+                  mac_filter_params, nullptr, TAVRIX_METHOD_CHANGES),
+    TAVRIX_METHOD("ports.WaitLinkChanged", wait_link_changed, "Waits for the next link change.", nullptr, event_rows,
+                  TAVRIX_METHOD_READS),
+    TAVRIX_METHOD("mzu.List", with_database<list_units>, "Lists the units of the fleet.", nullptr, list_result,
+                  TAVRIX_METHOD_READS),
+    TAVRIX_METHOD("mzu.Register", with_database<register_unit>, "Adds a unit to the fleet.", register_params,
+                  register_result, TAVRIX_METHOD_CHANGES),
+    TAVRIX_METHOD_END,
+};
+
+} // namespace
+
+const tavrix_service_method *methods() { return table; }
+
+bool listen_for_link_changes(tavrix_service *service, Context *context) {
+    return tavrix_service_subscribe(service, link_changed, on_link_changed, context) != 0;
 }
 
 } // namespace ports

@@ -1,43 +1,48 @@
 /**
- * The methods that the ports service offers.
+ * The methods that the ports service offers; the rows in methods.cpp say with which parameters, and what they give.
  *
- * | method                    | parameters                                         | result                     |
- * |---------------------------|----------------------------------------------------|----------------------------|
- * | ports.Get                 | port_id: a port, a unit's id, or "all"             | ports: [...]               |
- * | ports.SetEnabled          | port_id as above, status: "enable" or "disable"    | 0                          |
- * | ports.SetVlanLocal        | port_id: a port                                    | 0                          |
- * | ports.SetVlanAccess       | port_id: a port, vlan_id                           | 0                          |
- * | ports.SetVlanTrunk        | port_id: a port, vlan_ids: [...]                   | 0                          |
- * | ports.poe.GetInstantPower | port_id: a C-port                                  | port_id, power_mw          |
- * | ports.SetMacFilters       | port_id: a C-port, filters: [{mac, mask}]          | 0                          |
- * | ports.WaitLinkChanged     | none; waits for the events service, not for ever   | the notification's params  |
- * | mzu.List                  | none                                               | mzus: [...]                |
- * | mzu.Register              | mzu_id, model, mac, alias                          | mzu_id                     |
- *
- * Every error has {"message": ...} as its data: which parameter is refused and why, or the status's text.
+ * A request whose change meets a lock of another process waits in the loop, a second at most, and then is tried again.
  */
 #ifndef TAVRIX_DAEMONS_PORTS_METHODS_H
 #define TAVRIX_DAEMONS_PORTS_METHODS_H
 
-#include <string>
-#include <vector>
+#include <list>
 
 #include "database.h"
-#include "tavrix.h"
+#include "tavrix_service.h"
 
 namespace ports {
 
-/** What the handlers work on: handlers are plain functions, so there is one for the process. */
-struct Service {
-    Database *database = nullptr;
-    std::string events_address; ///< where the events service publishes; empty when there is none
-    int wait_timeout_ms = 5000; ///< for one of its events; less than the router's --reply-timeout
+/** A caller of ports.WaitLinkChanged. */
+struct Waiter {
+    uint64_t call;
+    uint64_t timer;
 };
-/** False, with a log line, when the events service's address is none that can be listened to. */
-bool set_service(const Service &service);
 
-/** The method table, without its terminating record. */
-std::vector<tavrix_jrpc_method> methods();
+/** Does what a method is for; TAVRIX_ERR_DB_BUSY when a lock was in the way, and nothing has happened. */
+using Work = int (*)(tavrix_call *call);
+
+/** A call that is tried again when the lock may have gone. */
+struct Retry {
+    Work work;
+    uint64_t call;
+    uint64_t timer;
+    int left;
+};
+
+/** What the handlers work on: the service's user pointer. */
+struct Context {
+    Database *database = nullptr;
+    int wait_timeout_ms = 5000; ///< for ports.WaitLinkChanged; less than the router's --reply-timeout
+    std::list<Waiter> waiters;
+    std::list<Retry> retries;
+};
+
+/** The method table. */
+const tavrix_service_method *methods();
+
+/** Begins to listen for link changes, for those who wait for one. */
+bool listen_for_link_changes(tavrix_service *service, Context *context);
 
 } // namespace ports
 

@@ -4,18 +4,17 @@
 #include <array>
 #include <cerrno>
 #include <climits>
-#include <cstdio>
+#include <csignal>
 #include <cstring>
-#include <iterator>
 #include <random>
 
-#include <poll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "common/log.h"
-#include "common/service.h"
-#include "common/signals.h"
+#include "common/service_names.h"
 #include "tavrix_error.h"
 #include "tavrix_jrpc.h"
 #include "tavrix_jrpc_utils.h"
@@ -24,25 +23,19 @@ namespace router {
 
 namespace {
 
-using daemon_support::Interruption;
-using daemon_support::signal_descriptor;
-using daemon_support::stop_requested;
+using daemon_support::add_after;
+using daemon_support::Clock;
 using daemon_support::Text;
+using std::chrono::milliseconds;
 
 constexpr char unit_name[] = "router";
-constexpr std::chrono::milliseconds probe_interval{200};
+constexpr milliseconds probe_interval{200};
 constexpr std::chrono::seconds probe_time{5};
-constexpr std::chrono::milliseconds tcp_attempt_interval{1000};
-constexpr int pause_ms = 200;
-constexpr int messages_per_turn = 100;
-constexpr size_t max_shown = 200;
+constexpr int max_settle_probes = 1000; // five seconds
 constexpr char own_prefix[] = "router.";
-constexpr const char *service_channels[] = {TAVRIX_CHANNEL_FIRST, TAVRIX_CHANNEL_EVENTS, TAVRIX_CHANNEL_INTERFACES,
-                                            TAVRIX_CHANNEL_DEFAULT};
-
 Router *the_router = nullptr;
 
-// --- The router's own methods --------------------------------------------------------------------------------------
+// --- What daemons may tell the router over the bus -----------------------------------------------------------------
 
 int on_hello(json_t *params, json_t ** /*result*/, json_t **error_data) {
     std::array<char, 64> name{};
@@ -51,489 +44,510 @@ int on_hello(json_t *params, json_t ** /*result*/, json_t **error_data) {
     if (rc == TAVRIX_OK) {
         rc = tavrix_jrpc_utils_parse_input_string(params, error_data, "channel", channel.data(), channel.size());
     }
-    return rc == TAVRIX_OK ? the_router->welcome(name.data(), channel.data()) : rc;
+    return rc == TAVRIX_OK ? the_router->hear_hello(name.data(), channel.data()) : rc;
 }
 
-int on_lock(json_t * /*params*/, json_t ** /*result*/, json_t ** /*error_data*/) {
+int on_bus_lock(json_t * /*params*/, json_t ** /*result*/, json_t ** /*error_data*/) {
     the_router->set_locked(true);
     return TAVRIX_OK;
 }
 
-int on_unlock(json_t * /*params*/, json_t ** /*result*/, json_t ** /*error_data*/) {
+int on_bus_unlock(json_t * /*params*/, json_t ** /*result*/, json_t ** /*error_data*/) {
     the_router->set_locked(false);
     return TAVRIX_OK;
 }
 
-int on_status(json_t * /*params*/, json_t **result, json_t ** /*error_data*/) {
-    *result = the_router->status();
-    return TAVRIX_OK;
-}
-
-/** What a client of the unix socket may ask of the router itself. */
-constexpr tavrix_jrpc_method own_methods[] = {
-    {"router.Lock", on_lock},
-    {"router.Unlock", on_unlock},
-    {"router.Status", on_status},
-    {nullptr, nullptr},
-};
-
-/** What daemons may tell the router over the bus. */
 constexpr tavrix_jrpc_method notifications[] = {
     {daemon_support::hello_method, on_hello},
-    {"router.Lock", on_lock},
-    {"router.Unlock", on_unlock},
+    {"router.Lock", on_bus_lock},
+    {"router.Unlock", on_bus_unlock},
     {daemon_support::reload_method, tavrix_lsyslog_reload_conf_api},
     {nullptr, nullptr},
 };
 
 // --- Helpers -------------------------------------------------------------------------------------------------------
 
-pollfd readable(int descriptor) { return pollfd{descriptor, POLLIN, 0}; }
-
-std::string text_member(const json_t *object, const char *key) {
-    const char *text = json_string_value(json_object_get(object, key));
-    return text != nullptr ? text : "";
-}
-
-/** The text with everything but printable ASCII as \xHH: a client's words must not make log lines of their own. */
-std::string printable(const std::string &text) {
-    std::string safe;
-    for (const char c : text) {
-        if (safe.size() >= max_shown) {
-            return safe + "..."; // a longer line would lose its end, and the next one its beginning
-        }
-        char escaped[5] = {c, '\0'};
-        if (c < ' ' || c > '~' || c == '\\') {
-            std::snprintf(escaped, sizeof escaped, "\\x%02x", static_cast<unsigned>(static_cast<unsigned char>(c)));
-        }
-        safe += escaped;
-    }
-    return safe;
-}
-
-bool is_valid_id(const json_t *id) { return json_is_string(id) || json_is_number(id); }
-
-bool is_notification(const json_t *message) {
-    return json_is_string(json_object_get(message, "method")) && json_object_get(message, "id") == nullptr;
-}
-
-/** The code for what the services' own evaluation would refuse without an answer; 0 when it would go on. */
-int find_envelope_error(const json_t *request) {
-    const json_t *transaction_id = json_object_get(request, "transaction_id");
-    const json_t *params = json_object_get(request, "params");
-    if (!is_valid_id(json_object_get(request, "id")) ||
-        (transaction_id != nullptr && !json_is_number(transaction_id)) ||
-        !json_is_string(json_object_get(request, "jsonrpc"))) {
-        return TAVRIX_JRPC_INVALID_REQUEST;
-    }
-    if (text_member(request, "jsonrpc") != "2.0") {
-        return TAVRIX_JRPC_VERSION_NOT_SUPPORTED;
-    }
-    if (params != nullptr && !json_is_object(params)) {
-        return TAVRIX_JRPC_INVALID_PARAMS;
-    }
-    return json_is_string(json_object_get(request, "method")) ? 0 : TAVRIX_JRPC_METHOD_NOT_FOUND;
-}
-
-/** A method that no service may have, known or not. */
-bool is_for_router(const std::string &method) { return method.rfind(own_prefix, 0) == 0; }
-
-bool is_own_method(const std::string &method) {
-    return std::any_of(std::begin(own_methods), std::end(own_methods),
-                       [&](const tavrix_jrpc_method &own) { return own.name != nullptr && method == own.name; });
-}
-
-/** Gives the answer what the client's request had: its own transaction id, or none. */
-void put_back_transaction_id(const json_t *request, json_t *answer) {
-    json_t *transaction_id = json_object_get(request, "transaction_id");
-    if (transaction_id != nullptr) {
-        json_object_set(answer, "transaction_id", transaction_id);
-    } else {
-        json_object_del(answer, "transaction_id");
-    }
-}
-
 /** Where to begin counting: elsewhere in each run, so that no reply to an earlier run's request fits. */
-json_int_t random_transaction_id() { return static_cast<json_int_t>(std::random_device()() % INT_MAX); }
+int random_number() { return static_cast<int>(std::random_device()() % INT_MAX); }
 
-int milliseconds_until(Clock::time_point end) {
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now()).count();
-    return static_cast<int>(std::clamp<long long>(left, 0, INT_MAX));
-}
-
-/** Lets go of the processor for a moment when the system lacks what the next step needs. */
-void pause_briefly() { poll(nullptr, 0, pause_ms); }
-
-/**
- * Waits for one of the descriptors, the one of the signals among them. Nothing else in the router waits, but for the
- * reading of a request: a reload that is asked for is done here and interrupts nothing.
- */
-template <size_t Count>
-void wait_for(std::array<pollfd, Count> *descriptors, int timeout_ms) {
-    if (poll(descriptors->data(), Count, timeout_ms) < 0 && errno != EINTR) {
-        std::perror("poll");
-        pause_briefly();
-    }
-    daemon_support::drain_signal_descriptor();
-    if (daemon_support::take_reload_request()) {
-        tavrix_lsyslog_reload_conf();
+/** As many descriptors as the system grants: what is short is counted in clients, not in this. */
+void raise_descriptor_limit() {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < limit.rlim_max) {
+        limit.rlim_cur = limit.rlim_max;
+        static_cast<void>(setrlimit(RLIMIT_NOFILE, &limit));
     }
 }
 
-bool has_gone(const StreamSocket &client) {
-    pollfd state{*client.get(), 0, 0}; // hang-ups and errors are reported unasked
-    return poll(&state, 1, 0) == 1;
-}
+double seconds_since(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
 
 } // namespace
 
 // --- Set-up --------------------------------------------------------------------------------------------------------
 
 Router::Router(Config config)
-    : config_(std::move(config)), probe_until_(Clock::now() + probe_time), next_probe_(Clock::now() + probe_interval),
-      last_transaction_id_(random_transaction_id()) {
+    : config_(std::move(config)), base_(event_base_new()),
+      bus_([this](std::string_view channel, std::string_view text) {
+          guard(nullptr, [&] { take_frame(channel, text); });
+      }),
+      last_number_(random_number()), probe_until_(Clock::now() + probe_time) {
     the_router = this;
 }
 
-Router::~Router() { the_router = nullptr; }
-
-bool Router::open_bus() {
-    if (tavrix_jrpc_mq_pub_init(config_.publish.c_str(), pub_.place()) != TAVRIX_OK) {
-        LOG_ERROR("Cannot publish on %s\n", config_.publish.c_str());
-        return false;
-    }
-    if (tavrix_jrpc_mq_sub_init(sub_.place(), 1) != TAVRIX_OK || !daemon_support::receive_large_messages(sub_)) {
-        LOG_ERROR("Cannot make a subscriber\n");
-        return false;
-    }
-    for (const std::string &address : config_.connect) {
-        if (tavrix_jrpc_mq_sub_set_channel(address.c_str(), TAVRIX_ROUTER_REPLY_CHANNEL, sub_.place()) != TAVRIX_OK) {
-            sub_.forget(); // closed by the failed call
-            LOG_ERROR("Cannot listen to %s\n", address.c_str());
-            return false;
-        }
-    }
-    // Only what is there is received, poll does the waiting.
-    return tavrix_mq_socket_set_timeout(*sub_.get(), 0) == TAVRIX_OK &&
-           tavrix_mq_socket_recvfd(*sub_.get(), &sub_descriptor_) == TAVRIX_OK;
+Router::~Router() {
+    calls_.clear(); // before the clients and services that they belong to
+    clients_.clear();
+    graveyard_.clear();
+    the_router = nullptr;
 }
 
-/** A port that nobody serves but that is not free, held by connections of an earlier run, is tried again from the loop.
- */
-bool Router::open_tcp() {
-    if (config_.tcp_port == 0 ||
-        tavrix_tcp_socket_init(static_cast<unsigned>(config_.tcp_port), tcp_listener_.place(), 1) == TAVRIX_OK) {
-        return true;
+/** The folder of the bus is for this daemon's group: strangers neither listen nor speak. */
+bool Router::make_bus_folder() const {
+    for (const std::string &address : config_.publish) {
+        const std::string folder = folder_of(address);
+        struct stat state {};
+        if (folder.empty()) {
+            continue;
+        }
+        const bool is_new = mkdir(folder.c_str(), 0770) == 0;
+        if ((!is_new && errno != EEXIST) || (is_new && chmod(folder.c_str(), 0770) != 0)) { // whatever the umask
+            LOG_ERROR("Cannot make the bus folder %s: %s\n", folder.c_str(), std::strerror(errno));
+            return false;
+        }
+        if (stat(folder.c_str(), &state) == 0 && (state.st_mode & S_IRWXO) != 0) {
+            LOG_WARNING("Every local user may enter %s, and so the bus; mode 0770 keeps it to the group\n",
+                        folder.c_str());
+        }
     }
-    if (tcp_port_is_served(config_.tcp_port, config_.client_timeout_ms)) {
-        LOG_ERROR("Cannot listen on TCP port %d: somebody serves there\n", config_.tcp_port);
-        return false;
-    }
-    LOG_WARNING("Cannot listen on TCP port %d yet, trying again\n", config_.tcp_port);
-    next_tcp_attempt_ = Clock::now() + tcp_attempt_interval;
     return true;
 }
 
-bool Router::open() { return open_bus() && unix_listener_.open(config_.socket_path) && open_tcp(); }
-
-// --- Loop ----------------------------------------------------------------------------------------------------------
-
-/** Asks services that were there before the router to say hello. */
-void Router::probe_services() {
-    const std::string text = std::string(R"({"jsonrpc":"2.0","method":")") + daemon_support::probe_method + "\"}";
-    for (const char *channel : service_channels) {
-        tavrix_jrpc_mq_pub(pub_.get(), channel, text.c_str());
+bool Router::open_timers() {
+    client_deadlines_ = std::make_unique<daemon_support::Deadlines<OneShot>>(
+        base(), milliseconds(config_.client_timeout_ms),
+        [this](OneShot &client) { guard(&client, [&client] { client.time_out(); }); });
+    call_deadlines_ = std::make_unique<daemon_support::Deadlines<Call>>(
+        base(), milliseconds(config_.reply_timeout_ms),
+        [this](Call &call) { guard(&call.client, [this, &call] { expire(call); }); });
+    turn_end_.reset(event_new(base(), -1, 0, on_turn_end, this));
+    probe_timer_.reset(event_new(base(), -1, 0, on_probe_timer, this));
+    settle_timer_.reset(event_new(base(), -1, EV_PERSIST, on_settle_timer, this));
+    bool added = client_deadlines_->works() && call_deadlines_->works() && turn_end_ && probe_timer_ && settle_timer_ &&
+                 add_after(probe_timer_, probe_interval);
+    for (const int number : {SIGTERM, SIGINT, SIGHUP}) {
+        signals_.emplace_back(evsignal_new(base(), number, on_signal, this));
+        added = added && signals_.back() && event_add(signals_.back().get(), nullptr) == 0;
     }
+    return added && std::signal(SIGPIPE, SIG_IGN) != SIG_ERR;
 }
 
-void Router::try_tcp_again() {
-    if (tavrix_tcp_socket_init(static_cast<unsigned>(config_.tcp_port), tcp_listener_.place(), 1) == TAVRIX_OK) {
-        LOG_INFO("Listening on TCP port %d\n", config_.tcp_port);
-    }
+bool Router::open_listeners() {
+    const auto one_shot = [this](Road road) {
+        return [this, road](int descriptor) { admit<OneShot>(descriptor, road); };
+    };
+    return unix_listener_.open_unix(base(), config_.socket_path, one_shot(Road::unix_socket)) &&
+           (config_.session_path.empty() ||
+            session_listener_.open_unix(base(), config_.session_path,
+                                        [this](int descriptor) { admit<Session>(descriptor, Road::session); })) &&
+           (config_.tcp_port == 0 ||
+            tcp_listener_.open_tcp(base(), config_.tcp_address, config_.tcp_port, one_shot(Road::tcp)));
 }
 
-bool Router::lacks_services() const { return services_.size() < config_.connect.size() && Clock::now() < probe_until_; }
-
-bool Router::lacks_tcp() const { return config_.tcp_port > 0 && !tcp_listener_.is_open(); }
-
-/** Does what its time has come for; gives how long the loop may wait for the next time. */
-int Router::do_what_is_due() {
-    if (lacks_services() && Clock::now() >= next_probe_) {
-        probe_services();
-        next_probe_ = Clock::now() + probe_interval;
+bool Router::open() {
+    raise_descriptor_limit();
+    to_flush_.reserve(static_cast<size_t>(config_.max_clients));
+    if (!base_ || !open_timers() || (!config_.policy.empty() && !policy_.read(config_.policy)) || !make_bus_folder() ||
+        !bus_.open(base(), config_.publish)) {
+        return false;
     }
-    if (lacks_tcp() && Clock::now() >= next_tcp_attempt_) {
-        try_tcp_again();
-        next_tcp_attempt_ = Clock::now() + tcp_attempt_interval;
+    for (const std::string &address : config_.connect) {
+        if (bus_.connect(address) < 0) {
+            return false;
+        }
     }
-    const int until_probe_ms = lacks_services() ? milliseconds_until(next_probe_) : INT_MAX;
-    const int until_tcp_ms = lacks_tcp() ? milliseconds_until(next_tcp_attempt_) : INT_MAX;
-    return std::min(until_probe_ms, until_tcp_ms);
+    return open_listeners();
 }
 
 void Router::serve() {
     LOG_INFO("routerd ready\n");
-    while (!stop_requested()) {
-        const int timeout_ms = do_what_is_due();
-        std::array<pollfd, 4> descriptors = {readable(signal_descriptor()), readable(sub_descriptor_),
-                                             readable(*unix_listener_.socket().get()), readable(*tcp_listener_.get())};
-        wait_for(&descriptors, timeout_ms);
-        take_other_messages();
-        if (descriptors[2].revents != 0) {
-            serve_client(unix_listener_.socket(), true);
-        }
-        if (descriptors[3].revents != 0) {
-            serve_client(tcp_listener_, false);
-        }
-    }
+    event_base_dispatch(base());
     LOG_INFO("routerd stopped\n");
+}
+
+void Router::on_signal(evutil_socket_t number, short /*what*/, void *context) {
+    auto *self = static_cast<Router *>(context);
+    if (number != SIGHUP) {
+        event_base_loopbreak(self->base());
+        return;
+    }
+    tavrix_lsyslog_reload_conf();
+    Policy fresh;
+    if (!self->config_.policy.empty() && fresh.read(self->config_.policy)) {
+        self->policy_ = fresh; // otherwise the one that was good stays
+    }
+}
+
+// --- Clients -------------------------------------------------------------------------------------------------------
+
+template <class Kind>
+void Router::admit(int descriptor, Road road) {
+    guard(nullptr, [&] {
+        daemon_support::StreamSocket owner;
+        *owner.place() = descriptor;
+        Peer peer = peer_of(descriptor, road);
+        const int64_t account = account_of(peer);
+        if (!has_room(users_, account, clients_.size(), static_cast<size_t>(config_.max_clients))) {
+            turn_away(descriptor, road);
+            return;
+        }
+        auto added = std::make_unique<Kind>(*this, descriptor, std::move(peer));
+        owner.forget();
+        Kind *client = added.get();
+        ++users_[account];
+        clients_.push_back(std::move(added));
+        client->place = std::prev(clients_.end());
+        if constexpr (std::is_same_v<Kind, Session>) {
+            sessions_.push_back(client);
+        }
+        guard(client, [client] {
+            if (!client->start()) {
+                client->close();
+            }
+        });
+    });
+}
+
+/** Answered at once, whatever it wanted to ask. */
+void Router::turn_away(int descriptor, Road road) {
+    ++statistics_.busy;
+    LOG_WARNING("Too many clients: one more turned away\n");
+    const Json answer = make_error(TAVRIX_JRPC_SYSTEM_BUSY, nullptr, message_data("too many clients"));
+    std::string text(render(answer.get()));
+    text += road == Road::session ? "\n" : "";
+    char bytes[TAVRIX_ROUTER_MAX_REQUEST]; // what is left unread would make the close a reset
+    static_cast<void>(recv(descriptor, bytes, sizeof bytes, MSG_DONTWAIT));
+    static_cast<void>(::send(descriptor, text.data(), text.size(), MSG_NOSIGNAL | MSG_DONTWAIT));
+}
+
+void Router::out_of_memory(Client *client) {
+    LOG_ERROR("There is no memory for what a client wants\n");
+    if (client != nullptr) {
+        client->close();
+    }
+}
+
+/** The client's connection is closed: what it has asked is nobody's any more. */
+void Router::bury(Client &client) {
+    const auto user = users_.find(account_of(client.peer));
+    if (user != users_.end() && --user->second == 0) {
+        users_.erase(user);
+    }
+    while (!client.calls.empty()) {
+        Call &call = *client.calls.front();
+        LOG_INFO("The client of %s has gone\n", printable(call.method).c_str());
+        cancel(call);
+        finish(call, Outcome::cancelled, nullptr);
+    }
+    graveyard_.splice(graveyard_.end(), clients_, client.place);
+    event_active(turn_end_.get(), 0, 0);
+}
+
+void Router::on_session_end(Session &session) {
+    sessions_.remove(&session);
+    if (session.service != nullptr) {
+        Service &service = *session.service;
+        session.service = nullptr;
+        gone(service);
+    }
+    listen_as_wanted();
+}
+
+void Router::flush_later(Session &session) {
+    if (!session.is_to_flush) {
+        session.is_to_flush = true;
+        to_flush_.push_back(&session);
+        event_active(turn_end_.get(), 0, 0);
+    }
+}
+
+/** Everything that one turn has written to a session leaves in one piece. */
+void Router::on_turn_end(evutil_socket_t /*descriptor*/, short /*what*/, void *context) {
+    auto *self = static_cast<Router *>(context);
+    for (size_t i = 0; i < self->to_flush_.size(); ++i) { // a flush that ends a session may write to others
+        Session *session = self->to_flush_[i];
+        session->is_to_flush = false;
+        self->guard(session, [session] { session->flush(); });
+    }
+    self->to_flush_.clear();
+    self->graveyard_.clear();
 }
 
 // --- Requests ------------------------------------------------------------------------------------------------------
 
-/** Accepts a client and reads its request; answers it here when there is none. */
-bool Router::take_request(const StreamSocket &listener, StreamSocket *client, Json *request) {
-    const Interruption bound(config_.client_timeout_ms);
-    json_t *parsed = nullptr;
-    const int rc = tavrix_jrpc_router_socket_extract_request(listener.get(), client->place(), &parsed);
-    request->reset(parsed);
-    if (rc == TAVRIX_OK) {
-        return true;
-    }
-    if (!client->is_open()) {
-        pause_briefly(); // no descriptor to spare, perhaps: the client waits on the listener
-    } else if (!stop_requested()) {
-        LOG_WARNING("%s\n", bound.happened() ? "A client said nothing in time" : "A client sent no JSON object");
-        answer_error(*client, bound.happened() ? TAVRIX_JRPC_TIMED_OUT : TAVRIX_JRPC_INVALID_REQUEST, nullptr);
-    }
-    return false;
+void Router::refuse(Client &client, const json_t *request, int code, const std::string &why, const BatchPlace &batch) {
+    ++statistics_.refused;
+    client.answer(make_error(code, request, why.empty() ? nullptr : message_data(why)), batch);
 }
 
-void Router::serve_client(const StreamSocket &listener, bool trusted) {
-    StreamSocket client;
-    Json request;
-    if (take_request(listener, &client, &request)) {
-        handle_request(std::move(request), client, trusted);
+/** Why the client may not have this method; empty when it may. */
+std::string Router::find_refusal(const Client &client, const std::string &method, const json_t *request, int *code) {
+    *code = find_envelope_error(request);
+    if (*code != 0) {
+        LOG_WARNING("Refused a malformed request\n");
+        return "";
     }
+    *code = TAVRIX_JRPC_METHOD_NOT_FOUND;
+    if (!is_plain(method)) {
+        LOG_WARNING("Refused %s\n", printable(method).c_str());
+        return "a method's name has no control characters";
+    }
+    if (!policy_.allows(client.peer, method)) {
+        if (client.peer.known) {
+            LOG_WARNING("Refused %s to user %u\n", printable(method).c_str(), static_cast<unsigned>(client.peer.user));
+        } else {
+            LOG_WARNING("Refused %s over TCP\n", printable(method).c_str());
+        }
+        return "the policy does not allow this";
+    }
+    *code = 0;
+    return "";
 }
 
-void Router::handle_request(Json request, const StreamSocket &client, bool trusted) {
+void Router::take_request(Client &client, Json request, const BatchPlace &batch) {
     const std::string method = text_member(request.get(), "method");
     if (is_notification(request.get())) {
-        LOG_WARNING("Refused the notification %s of a client\n", printable(method).c_str());
+        count_refused();
+        client.refuse_notification(method, batch);
         return;
     }
-    const int envelope_error = find_envelope_error(request.get());
-    if (envelope_error != 0) {
-        LOG_WARNING("Refused a malformed request\n");
-        answer_error(client, envelope_error, request.get());
-    } else if (is_own_method(method) && trusted) {
-        const Text text(json_dumps(request.get(), JSON_COMPACT));
-        char *response = nullptr;
-        tavrix_jrpc_eval_request(text ? text.get() : "", own_methods, &response);
-        const Text owner(response);
-        deliver(client, response != nullptr ? response : "");
-    } else if (is_for_router(method)) {
-        LOG_WARNING("Refused %s%s\n", printable(method).c_str(), trusted ? "" : " over TCP");
-        answer_error(client, TAVRIX_JRPC_METHOD_NOT_FOUND, request.get());
+    int code = 0;
+    const std::string refusal = find_refusal(client, method, request.get(), &code);
+    if (code != 0) {
+        refuse(client, request.get(), code, refusal, batch);
+    } else if (method.rfind(own_prefix, 0) == 0) {
+        if (!run_own(client, method, request.get(), batch)) {
+            LOG_WARNING("Refused %s\n", printable(method).c_str());
+            refuse(client, request.get(), TAVRIX_JRPC_METHOD_NOT_FOUND, "the router has no such method", batch);
+        }
     } else if (locked_) {
         LOG_INFO("Locked: refused %s\n", printable(method).c_str());
-        answer_locked(client, request.get());
+        answer_locked(client, request.get(), batch);
+    } else if (method == daemon_support::reload_method) {
+        reload(client, std::move(request), batch);
     } else {
-        tavrix_lsyslog_is_json_method_lsyslog(method.c_str()); // the router's own logger rereads too
-        forward(std::move(request), client);
+        forward(client, method, std::move(request), batch);
     }
 }
 
-void Router::forward(Json request, const StreamSocket &client) {
-    last_transaction_id_ = last_transaction_id_ % INT_MAX + 1;
-    const Json on_bus(json_deep_copy(request.get()));
-    json_object_set_new(on_bus.get(), "transaction_id", json_integer(last_transaction_id_));
-    const Pending pending{std::move(request), text_member(on_bus.get(), "method"), last_transaction_id_};
-    if (tavrix_jrpc_router_mq_dispatch_request(pub_.get(), on_bus.get()) != TAVRIX_OK) {
-        LOG_ERROR("Cannot publish %s\n", printable(pending.method).c_str());
-        answer_error(client, TAVRIX_JRPC_INTERNAL_ERROR, pending.request.get());
-        return;
+/** False when there is no such method, for this kind of client. */
+bool Router::run_own(Client &client, const std::string &method, json_t *request, const BatchPlace &batch) {
+    const auto *own = own_methods;
+    while (own->name != nullptr && method != own->name) {
+        ++own;
     }
-    if (pending.method == daemon_support::reload_method && services_.empty()) {
-        answer_reloaded(client, pending.request.get());
-        return;
+    if (own->name == nullptr || (own->needs_session && client.peer.road != Road::session)) {
+        return false;
     }
-    await_reply(pending, client);
+    Own call{client, json_object_get(request, "params"), request, batch, nullptr, "", false};
+    const int code = (this->*own->handler)(call);
+    if (code != 0) {
+        refuse(client, request, code, call.problem, batch);
+    } else if (!call.is_deferred) {
+        Json id = share(json_object_get(request, client.gets_own_id() ? "id" : "method"));
+        client.answer(make_result(std::move(id), share(json_object_get(request, "transaction_id")),
+                                  call.result ? std::move(call.result) : Json(json_integer(TAVRIX_OK))),
+                      batch);
+    }
+    return true;
 }
 
-// --- Replies -------------------------------------------------------------------------------------------------------
+void Router::answer_locked(Client &client, json_t *request, const BatchPlace &batch) {
+    json_t *response = nullptr;
+    if (tavrix_jrpc_router_create_system_lock_response(request, &response) != TAVRIX_OK) {
+        response = make_error(TAVRIX_JRPC_SYSTEM_BUSY, request, nullptr).release(); // an id that is a number
+    }
+    ++statistics_.busy;
+    client.answer(Json(response), batch);
+}
 
-/** One message in each turn: whatever else floods the bus, the client, the signals and the end are looked at. */
-void Router::await_reply(const Pending &pending, const StreamSocket &client) {
-    const auto end = Clock::now() + std::chrono::milliseconds(config_.reply_timeout_ms);
-    for (int left_ms = milliseconds_until(end); left_ms > 0; left_ms = milliseconds_until(end)) {
-        left_ms = std::min(left_ms, do_what_is_due());
-        std::array<pollfd, 3> descriptors = {readable(signal_descriptor()), readable(sub_descriptor_),
-                                             pollfd{*client.get(), 0, 0}};
-        wait_for(&descriptors, left_ms);
-        if (stop_requested()) {
-            return;
+/** The service that is to have the request; null, with the error's data, when there is none. */
+Service *Router::find_service(const std::string &method, const std::string &channel, Json *why_not) {
+    Service *offering = registry_.of_method(method);
+    if (offering != nullptr && offering->state == Service::State::up) {
+        return offering;
+    }
+    if (offering != nullptr) {
+        *why_not = gone_data(*offering, method);
+        return nullptr;
+    }
+    if (Service *taker = registry_.taker_on(channel)) {
+        return taker;
+    }
+    if (!config_.connect.empty() || registry_.heard_on(channel)) {
+        return &registry_.listeners_on(channel);
+    }
+    const std::string message =
+        registry_.is_served(channel) ? "no service offers " + method : "no service is there for " + method;
+    *why_not = Json(
+        json_pack("{s:o, s:n, s:s}", "message", json_string(message.c_str()), "service", "channel", channel.c_str()));
+    return nullptr;
+}
+
+Json Router::gone_data(const Service &service, const std::string &method) const {
+    const std::string message = service.name + ", which serves " + method + ", is not there";
+    return Json(json_pack("{s:o, s:s, s:s}", "message", json_string(message.c_str()), "service", service.name.c_str(),
+                          "channel", service.channel.c_str()));
+}
+
+Call *Router::begin_call(Client &client, Service &service, const std::string &method, const json_t *request,
+                         const BatchPlace &batch) {
+    do {
+        last_number_ = last_number_ % INT_MAX + 1;
+    } while (calls_.count(last_number_) > 0);
+    auto call = std::make_unique<Call>(last_number_, client, service, method);
+    call->id = share(json_object_get(request, "id"));
+    call->transaction_id = share(json_object_get(request, "transaction_id"));
+    call->batch = batch;
+    call->deadline.take(*call_deadlines_, *call);
+    return (calls_[last_number_] = std::move(call)).get();
+}
+
+/** Sends the request on under the router's own ids; the client's are kept in the call. */
+bool Router::send(const Call &call, json_t *request) {
+    json_object_set_new(request, "transaction_id", json_integer(call.number));
+    if (call.service.direct) {
+        json_object_del(request, "id"); // the member's place is at the end, as on the bus
+        json_object_set_new(request, "id", json_string(TAVRIX_ROUTER_REPLY_CHANNEL));
+        return call.service.session->send_request(render(request));
+    }
+    json_object_set_new(request, "id", json_integer(0)); // the client's own words are not for the library's log lines
+    return tavrix_jrpc_router_mq_dispatch_request(bus_.publisher(), request) == TAVRIX_OK;
+}
+
+void Router::forward(Client &client, const std::string &method, Json request, const BatchPlace &batch) {
+    Json why_not;
+    Service *service = find_service(method, channel_of(method), &why_not);
+    if (service == nullptr) {
+        LOG_WARNING("There is no service for %s\n", printable(method).c_str());
+        ++statistics_.refused;
+        client.answer(make_error(TAVRIX_JRPC_METHOD_NOT_FOUND, request.get(), std::move(why_not)), batch);
+        return;
+    }
+    if (!has_room(service->users, account_of(client.peer), service->calls.size(),
+                  static_cast<size_t>(config_.max_in_flight))) {
+        ++statistics_.busy;
+        client.answer(make_error(TAVRIX_JRPC_SYSTEM_BUSY, request.get(), message_data("too many requests in flight")),
+                      batch);
+        return;
+    }
+    Call *call = begin_call(client, *service, method, request.get(), batch);
+    show_traffic("request", call, method, service, nullptr, request.get());
+    if (!send(*call, request.get())) {
+        LOG_ERROR("Cannot send %s to its service\n", printable(method).c_str());
+        json_object_set(request.get(), "id", call->id.get());
+        json_object_del(request.get(), "transaction_id");
+        finish(*call, Outcome::error, make_error(TAVRIX_JRPC_INTERNAL_ERROR, request.get(), nullptr));
+    }
+}
+
+/** Every service is told, and the first that has obeyed answers; without any the router has, and answers itself. */
+void Router::reload(Client &client, Json request, const BatchPlace &batch) {
+    tavrix_lsyslog_is_json_method_lsyslog(daemon_support::reload_method); // the router's own logger rereads too
+    Service &everybody = registry_.listeners_on(TAVRIX_CHANNEL_DEFAULT);
+    Call *call = begin_call(client, everybody, daemon_support::reload_method, request.get(), batch);
+    bool is_anybody_there = registry_.heard_count() > 0;
+    send(*call, request.get());
+    for (const auto &[name, service] : registry_.registered()) {
+        if (service->state == Service::State::up) {
+            is_anybody_there = true;
+            if (service->direct && service->publish.empty()) { // it is not on the bus
+                service->session->send_request(render(request.get()));
+            }
         }
-        const Json message = descriptors[1].revents != 0 ? next_message() : nullptr;
-        if (is_reply_to(pending, message.get())) {
-            put_back_transaction_id(pending.request.get(), message.get());
-            answer(client, message.get());
-            ++served_;
-            return;
-        }
-        handle_other(message.get());
-        if (has_gone(client)) {
-            LOG_INFO("The client of %s has gone\n", printable(pending.method).c_str());
-            return;
-        }
     }
-    ++timeouts_;
-    LOG_WARNING("No reply to %s in time\n", printable(pending.method).c_str());
-    answer_timed_out(client, pending.request.get());
-}
-
-bool Router::is_reply_to(const Pending &pending, const json_t *message) const {
-    const json_t *transaction_id = json_object_get(message, "transaction_id");
-    return text_member(message, "id") == pending.method && json_is_integer(transaction_id) &&
-           json_integer_value(transaction_id) == pending.transaction_id;
-}
-
-/** Takes the next message that has arrived; null when it is none of JSON, which is counted here. */
-Json Router::next_message() {
-    json_t *received = nullptr;
-    const int rc = tavrix_jrpc_router_mq_extract_response(sub_.get(), &received);
-    if (rc != TAVRIX_OK && rc != TAVRIX_ERR_MQ_TIMEOUT && !stop_requested()) {
-        LOG_WARNING("Discarded a message that is no JSON object\n");
-        ++discarded_;
+    if (!is_anybody_there) {
+        finish(*call, Outcome::result,
+               make_result(Json(json_string(daemon_support::reload_method)), Json(json_integer(call->number)),
+                           Json(json_integer(TAVRIX_OK))));
     }
-    return Json(received);
-}
-
-bool Router::message_waiting() const {
-    pollfd state = readable(sub_descriptor_);
-    return !stop_requested() && poll(&state, 1, 0) == 1;
-}
-
-/** What arrives while no request is in flight; a part of it when it is much, so that clients are not kept waiting. */
-void Router::take_other_messages() {
-    for (int left = messages_per_turn; left > 0 && message_waiting(); --left) {
-        handle_other(next_message().get());
-    }
-}
-
-void Router::handle_other(json_t *message) {
-    if (message == nullptr) {
-        return;
-    }
-    if (is_notification(message)) {
-        tavrix_jrpc_router_eval_notification(message, notifications);
-        return;
-    }
-    const std::string method = text_member(message, "id");
-    if (method == daemon_support::reload_method) {
-        return; // every service replies to it, and one reply is all that is awaited
-    }
-    ++discarded_;
-    LOG_WARNING("Discarded a left-over reply of %s\n", printable(method).c_str());
 }
 
 // --- Answers -------------------------------------------------------------------------------------------------------
 
-/**
- * Sends the whole text, which the library's one send does not when it is longer than the client's buffer has room for.
- * A client that does not read holds up the others no longer than one that does not write.
- */
-void Router::deliver(const StreamSocket &client, const char *text) const {
-    const auto end = Clock::now() + std::chrono::milliseconds(config_.client_timeout_ms);
-    size_t left = std::strlen(text);
-    while (left > 0) {
-        const ssize_t sent = send(*client.get(), text, left, MSG_NOSIGNAL | MSG_DONTWAIT);
-        if (sent >= 0) {
-            text += sent;
-            left -= static_cast<size_t>(sent);
-            continue;
-        }
-        const int left_ms = milliseconds_until(end);
-        if ((errno != EAGAIN && errno != EINTR) || left_ms == 0 || stop_requested()) {
-            LOG_WARNING("A client did not take its answer\n");
-            return;
-        }
-        std::array<pollfd, 2> descriptors = {readable(signal_descriptor()), pollfd{*client.get(), POLLOUT, 0}};
-        wait_for(&descriptors, left_ms);
-    }
-}
-
-void Router::answer(const StreamSocket &client, const json_t *response) const {
-    const Text text(json_dumps(response, JSON_COMPACT | JSON_ENSURE_ASCII));
-    if (text) {
-        deliver(client, text.get());
-    }
-}
-
-/** An error response with the request's own id and transaction id as far as they are valid. */
-void Router::answer_error(const StreamSocket &client, int jrpc_code, json_t *request) const {
-    json_t *id = json_object_get(request, "id");
-    json_t *transaction_id = json_object_get(request, "transaction_id");
-    const Json no_id(json_null());
-    const Text response(tavrix_jrpc_create_error(jrpc_code, is_valid_id(id) ? id : no_id.get(), nullptr, 0,
-                                                 json_is_number(transaction_id) ? transaction_id : nullptr));
-    if (response) {
-        deliver(client, response.get());
-    }
-}
-
-/** What a service would answer, when the router knows of none: its own logger has reread. */
-void Router::answer_reloaded(const StreamSocket &client, json_t *request) const {
-    const Json result(json_integer(TAVRIX_OK));
-    const Text response(tavrix_jrpc_create_response(result.get(), json_object_get(request, "method"), 0,
-                                                    json_object_get(request, "transaction_id")));
-    if (response) {
-        deliver(client, response.get());
-    }
-}
-
-void Router::answer_locked(const StreamSocket &client, json_t *request) const {
-    json_t *response = nullptr;
-    if (tavrix_jrpc_router_create_system_lock_response(request, &response) != TAVRIX_OK) {
-        answer_error(client, TAVRIX_JRPC_SYSTEM_BUSY, request); // an id that is a number
+/** The one end of a call, whichever it is. The answer has the router's ids where it came from a service. */
+void Router::finish(Call &call, Outcome outcome, Json answer) {
+    std::unique_ptr<Call> owner = std::move(calls_[call.number]);
+    calls_.erase(call.number);
+    statistics_.count(call.method, call.service.session != nullptr || outcome == Outcome::result, outcome,
+                      seconds_since(call.started));
+    show_traffic("reply", &call, call.method, &call.service, name_of(outcome), answer.get());
+    if (outcome == Outcome::cancelled) {
         return;
     }
-    const Json owner(response);
-    answer(client, response);
+    if (call.client.gets_own_id()) {
+        json_object_set(answer.get(), "id", call.id.get());
+    }
+    if (call.transaction_id) {
+        json_object_set(answer.get(), "transaction_id", call.transaction_id.get());
+    } else if (outcome != Outcome::timeout) { // the system's time-out response has one in any case
+        json_object_del(answer.get(), "transaction_id");
+    }
+    Client &client = call.client;
+    const BatchPlace batch = call.batch;
+    owner.reset(); // before the answer, which may be the client's end, and so that of all its calls
+    client.answer(std::move(answer), batch);
 }
 
-void Router::answer_timed_out(const StreamSocket &client, json_t *request) const {
-    const char *id = json_string_value(json_object_get(request, "id"));
-    const json_t *transaction_id = json_object_get(request, "transaction_id");
+void Router::take_reply(Json reply, Service *from) {
+    const std::string method = text_member(reply.get(), "id");
+    const json_t *transaction_id = json_object_get(reply.get(), "transaction_id");
     const json_int_t number = json_integer_value(transaction_id);
-    const bool fits =
-        transaction_id == nullptr || (json_is_integer(transaction_id) && number >= INT_MIN && number <= INT_MAX);
-    json_t *response = nullptr;
-    if (id == nullptr || !fits ||
-        tavrix_jrpc_router_create_system_timeout_response(id, static_cast<int>(number), &response) != TAVRIX_OK) {
-        answer_error(client, TAVRIX_JRPC_TIMED_OUT, request); // carries the very same id and transaction id
-        return;
+    const auto found = json_is_integer(transaction_id) && number > 0 && number <= INT_MAX
+                           ? calls_.find(static_cast<int>(number))
+                           : calls_.end();
+    const bool is_reload = method == daemon_support::reload_method;
+    // Only the service that was asked answers, and the way it was asked.
+    if (found != calls_.end() && found->second->method == method &&
+        (is_reload || (found->second->service.direct ? &found->second->service : nullptr) == from)) {
+        const Outcome outcome = json_object_get(reply.get(), "error") != nullptr ? Outcome::error : Outcome::result;
+        finish(*found->second, outcome, std::move(reply));
+    } else if (!is_reload) { // every service replies to a reload, and one reply is all that is awaited
+        ++statistics_.late;
+        LOG_WARNING("Discarded a left-over reply of %s\n", printable(method).c_str());
     }
-    const Json owner(response);
-    answer(client, response);
 }
 
-// --- For the router's own methods ----------------------------------------------------------------------------------
+void Router::answer_timed_out(const Call &call, Json *answer) const {
+    const char *id = json_string_value(call.id.get());
+    const json_int_t number = json_integer_value(call.transaction_id.get());
+    const bool fits =
+        !call.transaction_id || (json_is_integer(call.transaction_id.get()) && number >= INT_MIN && number <= INT_MAX);
+    json_t *response = nullptr;
+    if (id != nullptr && fits && !call.client.gets_own_id() &&
+        tavrix_jrpc_router_create_system_timeout_response(id, static_cast<int>(number), &response) == TAVRIX_OK) {
+        answer->reset(response);
+        return;
+    }
+    const Json request(json_pack("{s:O}", "id", call.id.get()));
+    *answer = make_error(TAVRIX_JRPC_TIMED_OUT, request.get(), nullptr);
+}
 
-int Router::welcome(const std::string &name, const std::string &channel) {
-    if (channel.empty() || channel.find('|') != std::string::npos) {
-        return TAVRIX_ERR_INVALID_PARAMETER;
+void Router::expire(Call &call) {
+    call.deadline.leave();
+    LOG_WARNING("No reply to %s in time\n", printable(call.method).c_str());
+    cancel(call);
+    Json answer;
+    answer_timed_out(call, &answer);
+    finish(call, Outcome::timeout, std::move(answer));
+}
+
+/** Tells a direct service that nobody waits for this any more. */
+void Router::cancel(const Call &call) {
+    if (call.service.direct && call.service.session != nullptr) {
+        const Json notice =
+            make_notification("service.Cancel", Json(json_pack("{s:i}", "transaction_id", call.number)));
+        call.service.session->send_request(render(notice.get()));
     }
-    std::string &known_channel = services_[name];
-    if (known_channel != channel) {
-        known_channel = channel;
-        LOG_INFO("Service %s settled on channel %s\n", printable(name).c_str(), printable(channel).c_str());
-    }
-    const Json message(json_pack("{s:s, s:s, s:{s:s}}", "jsonrpc", "2.0", "method", daemon_support::welcome_method,
-                                 "params", "name", name.c_str()));
-    const Text text(json_dumps(message.get(), JSON_COMPACT));
-    return text ? tavrix_jrpc_mq_pub(pub_.get(), channel.c_str(), text.get()) : TAVRIX_ERR_NO_MEMORY;
 }
 
 void Router::set_locked(bool locked) {
@@ -541,14 +555,233 @@ void Router::set_locked(bool locked) {
     LOG_INFO("The system is %s\n", locked ? "locked" : "unlocked");
 }
 
-json_t *Router::status() const {
-    json_t *names = json_array();
-    for (const auto &[name, channel] : services_) {
-        json_array_append_new(names, json_string(name.c_str()));
+// --- The bus -------------------------------------------------------------------------------------------------------
+
+void Router::take_frame(std::string_view channel, std::string_view text) {
+    if (channel == TAVRIX_ROUTER_REPLY_CHANNEL) {
+        take_for_router(text);
+        return;
     }
-    return json_pack("{s:b, s:o, s:i, s:i, s:i}", "locked", locked_ ? 1 : 0, "services", names, "served",
-                     static_cast<int>(served_), "timeouts", static_cast<int>(timeouts_), "discarded",
-                     static_cast<int>(discarded_));
+    const std::string method(channel);
+    const bool is_wanted = std::any_of(sessions_.begin(), sessions_.end(), [&method](const Session *session) {
+        return matches_any(session->subscribed, method) || matches_any(session->monitored, method);
+    });
+    if (is_wanted) {
+        const Json message(json_loadb(text.data(), text.size(), JSON_REJECT_DUPLICATES, nullptr));
+        if (is_notification(message.get()) && text_member(message.get(), "method") == method) {
+            deliver_notification(message.get(), method);
+        }
+    }
+}
+
+void Router::take_for_router(std::string_view text) {
+    Json message(json_loadb(text.data(), text.size(), JSON_REJECT_DUPLICATES | JSON_DISABLE_EOF_CHECK | JSON_DECODE_ANY,
+                            nullptr));
+    if (!json_is_object(message.get())) {
+        LOG_WARNING("Discarded a message that is no JSON object\n");
+        ++statistics_.late;
+    } else if (is_notification(message.get())) {
+        tavrix_jrpc_router_eval_notification(message.get(), notifications);
+    } else {
+        take_reply(std::move(message), nullptr);
+    }
+}
+
+bool Router::lacks_listeners() const {
+    return registry_.heard_count() < config_.connect.size() && Clock::now() < probe_until_;
+}
+
+/** Asks services that were there before the router to say hello. */
+void Router::probe_listeners() {
+    const Json probe = make_notification(daemon_support::probe_method, Json(json_object()));
+    const std::string text(render(probe.get()));
+    for (const char *channel : service_channels) {
+        bus_.publish(channel, text.c_str());
+    }
+}
+
+void Router::on_probe_timer(evutil_socket_t /*descriptor*/, short /*what*/, void *context) {
+    auto *self = static_cast<Router *>(context);
+    if (self->lacks_listeners()) {
+        self->guard(nullptr, [self] { self->probe_listeners(); });
+        add_after(self->probe_timer_, probe_interval);
+    }
+}
+
+// --- Services ------------------------------------------------------------------------------------------------------
+
+int Router::hear_hello(const std::string &name, const std::string &channel) {
+    Service *registered = registry_.find(name);
+    if (registered != nullptr && registered->session != nullptr) {
+        if (registered->state == Service::State::settling && registered->channel == channel) {
+            up(*registered);
+        }
+        return TAVRIX_OK;
+    }
+    const bool is_new = registry_.heard().count(name) == 0 || registry_.heard().at(name) != channel;
+    if (!is_plain(name) || !is_plain(channel) || channel.empty() || channel.find('|') != std::string::npos ||
+        !registry_.hear(name, channel)) {
+        LOG_WARNING("Passed over the hello of %s on channel %s\n", printable(name).c_str(), printable(channel).c_str());
+        return TAVRIX_ERR_INVALID_PARAMETER;
+    }
+    if (is_new) {
+        LOG_INFO("Service %s settled on channel %s\n", printable(name).c_str(), printable(channel).c_str());
+    }
+    const Json welcome =
+        make_notification(daemon_support::welcome_method, Json(json_pack("{s:s}", "name", name.c_str())));
+    const std::string text(render(welcome.get()));
+    return bus_.publish(channel.c_str(), text.c_str()) ? TAVRIX_OK : TAVRIX_ERR_GENERAL;
+}
+
+void Router::on_settle_timer(evutil_socket_t /*descriptor*/, short /*what*/, void *context) {
+    auto *self = static_cast<Router *>(context);
+    self->guard(nullptr, [self] { self->settle(); });
+}
+
+/** Publishes probes until the service's hello has come back: then both directions of the bus have carried a frame. */
+void Router::settle() {
+    bool is_any_left = false;
+    for (const auto &[name, service] : registry_.registered()) {
+        if (service->state != Service::State::settling) {
+            continue;
+        }
+        if (++service->probes > max_settle_probes) {
+            LOG_WARNING("Service %s does not answer on the bus\n", printable(name).c_str());
+            const Json request(json_pack("{s:O}", "id", service->registration.id.get()));
+            end_registration(*service, make_error(TAVRIX_JRPC_TIMED_OUT, request.get(), nullptr));
+            service->session->close(); // it registers anew, when it can
+            is_any_left = true;
+            break; // the list may have changed
+        }
+        is_any_left = true;
+        const Json probe =
+            make_notification(daemon_support::probe_method, Json(json_pack("{s:s}", "name", name.c_str())));
+        const std::string text(render(probe.get()));
+        bus_.publish(service->channel.c_str(), text.c_str());
+    }
+    if (!is_any_left) {
+        event_del(settle_timer_.get());
+    }
+}
+
+void Router::end_registration(Service &service, Json answer) {
+    const Service::Registration registration = std::move(service.registration);
+    if (registration.transaction_id) {
+        json_object_set(answer.get(), "transaction_id", registration.transaction_id.get());
+    }
+    service.session->answer(std::move(answer), registration.batch);
+}
+
+void Router::up(Service &service) {
+    service.state = Service::State::up;
+    service.since = std::time(nullptr);
+    LOG_INFO("Service %s settled on channel %s\n", printable(service.name).c_str(), printable(service.channel).c_str());
+    end_registration(service, make_result(share(service.registration.id), nullptr, Json(json_integer(TAVRIX_OK))));
+    tell_services(make_notification("router.ServiceUp", describe(service)), service);
+}
+
+void Router::gone(Service &service) {
+    const bool was_up = service.state == Service::State::up;
+    service.state = Service::State::gone;
+    service.since = std::time(nullptr);
+    service.session = nullptr;
+    for (const int endpoint : service.endpoints) {
+        bus_.disconnect(endpoint);
+    }
+    service.endpoints.clear();
+    LOG_WARNING("Service %s has gone\n", printable(service.name).c_str());
+    while (!service.calls.empty()) {
+        Call &call = *service.calls.front();
+        const Json request(json_pack("{s:O}", "id", call.id.get()));
+        finish(call, Outcome::gone,
+               make_error(TAVRIX_JRPC_METHOD_NOT_FOUND, request.get(), gone_data(service, call.method)));
+    }
+    if (was_up) {
+        tell_services(make_notification("router.ServiceDown", Json(json_pack("{s:s}", "name", service.name.c_str()))),
+                      service);
+    }
+}
+
+void Router::tell_services(const Json &notification, const Service &except) {
+    const std::string line(render(notification.get()));
+    for (Session *session : sessions_) {
+        if (session->service != nullptr && session->service != &except) {
+            session->send_request(line);
+        }
+    }
+}
+
+Json Router::describe(const Service &service) const {
+    Json publish(json_array());
+    for (const std::string &address : service.publish) {
+        json_array_append_new(publish.get(), json_string(address.c_str()));
+    }
+    Json methods(json_array());
+    for (const std::string &method : service.methods) {
+        json_array_append_new(methods.get(), json_string(method.c_str()));
+    }
+    return Json(json_pack("{s:s, s:s, s:o, s:o}", "name", service.name.c_str(), "channel", service.channel.c_str(),
+                          "publish", publish.release(), "methods", methods.release()));
+}
+
+// --- Notifications and monitors ------------------------------------------------------------------------------------
+
+/** Nothing is copied while nobody asks. */
+void Router::listen_as_wanted() {
+    bus_.listen_to_everything(std::any_of(sessions_.begin(), sessions_.end(), [](const Session *session) {
+        return !session->subscribed.empty() || !session->monitored.empty();
+    }));
+}
+
+void Router::take_notification(json_t *notification, Service *from) {
+    const std::string method = text_member(notification, "method");
+    if (!is_plain(method) || method.rfind(own_prefix, 0) == 0) {
+        LOG_WARNING("Discarded the notification %s of %s\n", printable(method).c_str(), printable(from->name).c_str());
+        return;
+    }
+    deliver_notification(notification, method);
+}
+
+void Router::deliver_notification(json_t *notification, const std::string &method) {
+    show_traffic("notification", nullptr, method, nullptr, nullptr, notification);
+    std::string line;
+    for (Session *session : sessions_) {
+        if (matches_any(session->subscribed, method)) {
+            line = line.empty() ? std::string(render(notification)) : line;
+            session->send_notification(line);
+        }
+    }
+}
+
+void Router::show_traffic(const char *leg, const Call *call, const std::string &method, const Service *service,
+                          const char *outcome, json_t *message) {
+    const bool is_watched = std::any_of(sessions_.begin(), sessions_.end(), [&method](const Session *session) {
+        return matches_any(session->monitored, method);
+    });
+    if (!is_watched) {
+        return;
+    }
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    const bool has_name = service != nullptr && !service->name.empty();
+    Json params(json_pack("{s:f, s:s, s:o, s:s, s:o, s:s, s:o, s:O}", "time",
+                          static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9, "leg", leg, "call",
+                          call != nullptr ? json_integer(call->number) : json_null(), "method", method.c_str(),
+                          "service", has_name ? json_string(service->name.c_str()) : json_null(), "road",
+                          service != nullptr && service->direct ? "direct" : "bus", "client",
+                          call != nullptr ? json_string(name_of(call->client.peer.road)) : json_null(), "message",
+                          message != nullptr ? message : json_null()));
+    if (outcome != nullptr) {
+        json_object_set_new(params.get(), "outcome", json_string(outcome));
+        json_object_set_new(params.get(), "seconds", json_real(seconds_since(call->started)));
+    }
+    const Json traffic = make_notification("router.Traffic", std::move(params));
+    const std::string line(render(traffic.get()));
+    for (Session *session : sessions_) {
+        if (matches_any(session->monitored, method)) {
+            session->send_notification(line);
+        }
+    }
 }
 
 } // namespace router

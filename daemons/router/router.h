@@ -1,40 +1,51 @@
 /**
- * The router: carries requests from client sockets to the bus, one at a time, and the replies back.
+ * The router: carries requests from clients to the services, and the answers back.
  *
- * It works on the library's split path: take a request, look at it, publish it, wait for its reply, answer the client.
- * Each is published under a transaction id of the router's own, and the reply that carries it is the one that is
- * awaited; the client's own id, or none, is put back into the answer. What else arrives on the reply channel is a
- * notification to the router or a left-over, never somebody else's answer.
+ * One loop, in which nothing waits, and one table of calls in flight. Each request travels under a number of the
+ * router's own, its transaction id between router and service; the reply that carries it is its answer, and whatever
+ * else a service says is a notification or comes too late. docs/router.md has the life of a request as a drawing.
  */
 #ifndef TAVRIX_DAEMONS_ROUTER_ROUTER_H
 #define TAVRIX_DAEMONS_ROUTER_ROUTER_H
 
-#include <chrono>
-#include <map>
+#include <list>
+#include <memory>
+#include <new>
 #include <string>
+#include <string_view>
+#include <unordered_map>
 #include <vector>
 
-#include "common/handles.h"
-#include "listeners.h"
+#include "bus.h"
+#include "client.h"
+#include "common/loop.h"
+#include "listener.h"
+#include "message.h"
+#include "one_shot.h"
+#include "policy.h"
+#include "service.h"
+#include "session.h"
+#include "statistics.h"
 
 namespace router {
 
-using daemon_support::BusSocket;
-using daemon_support::Json;
-using Clock = std::chrono::steady_clock;
-
 struct Config {
     std::string socket_path = "/run/tavrix/router.sock";
-    int tcp_port = 0; ///< 0: no TCP listener
-    std::string publish = "tcp://127.0.0.1:7001";
-    std::vector<std::string> connect = {"tcp://127.0.0.1:7002", "tcp://127.0.0.1:7003"}; ///< the services' defaults
+    std::string session_path = "/run/tavrix/session.sock"; ///< empty: no sessions
+    int tcp_port = 0;                                      ///< 0: no TCP listener
+    std::string tcp_address = "127.0.0.1";
+    std::vector<std::string> publish = {"ipc:///run/tavrix/bus/router"};
+    std::vector<std::string> connect; ///< of services that register nowhere
+    std::string policy;               ///< a file; empty: the built-in one
     int reply_timeout_ms = 10000;
     int client_timeout_ms = 500;
+    int max_clients = 1024;
+    int max_in_flight = 512; ///< for each service
 };
 
 class Router {
   public:
-    /** One router lives in a process: method handlers are plain functions. */
+    /** One router lives in a process: what the library calls are plain functions. */
     explicit Router(Config config);
     Router(const Router &) = delete;
     Router &operator=(const Router &) = delete;
@@ -42,64 +53,148 @@ class Router {
 
     /** Opens listeners and bus sockets; logs what failed. */
     bool open();
-
-    /** Serves until a stop is asked for. */
+    /** Serves until a signal asks for the end. */
     void serve();
 
-    /** For the methods of the router itself. */
-    int welcome(const std::string &name, const std::string &channel);
+    // For clients and sessions.
+    event_base *base() const { return base_.get(); }
+    daemon_support::Deadlines<OneShot> &client_deadlines() { return *client_deadlines_; }
+    std::string_view render(const json_t *value) { return renderer_.render(value); }
+    void take_request(Client &client, Json request, const BatchPlace &batch);
+    /** From a direct service, or from the bus for null. */
+    void take_reply(Json reply, Service *from);
+    void take_notification(json_t *notification, Service *from);
+    void bury(Client &client);
+    void on_session_end(Session &session);
+    void flush_later(Session &session);
+    void count_refused() { ++statistics_.refused; }
+    void count_dropped() { ++statistics_.dropped; }
+    /** Runs what a client's event is for; without memory for it the client is closed, and nobody else notices. */
+    template <class Action>
+    void guard(Client *client, Action action) {
+        try {
+            action();
+        } catch (const std::bad_alloc &) {
+            out_of_memory(client);
+        }
+    }
+
+    // For the notifications that arrive on the bus.
+    int hear_hello(const std::string &name, const std::string &channel);
     void set_locked(bool locked);
-    json_t *status() const;
 
   private:
-    /** A client's request between its publishing and its reply. */
-    struct Pending {
-        Json request; ///< as the client sent it
-        std::string method;
-        json_int_t transaction_id; ///< the router's own, as published
+    /** A request for the router itself. */
+    struct Own {
+        Client &client;
+        json_t *params;
+        json_t *request;
+        const BatchPlace &batch;
+        Json result;
+        std::string problem; ///< the error's message; empty when there is none
+        bool is_deferred = false;
     };
+    /** Gives 0, or the error's code. */
+    using OwnHandler = int (Router::*)(Own &own);
+    struct OwnMethod {
+        const char *name;
+        bool needs_session;
+        OwnHandler handler;
+    };
+    static const OwnMethod own_methods[];
 
-    bool open_bus();
-    bool open_tcp();
-    bool lacks_services() const;
-    bool lacks_tcp() const;
-    void probe_services();
-    void try_tcp_again();
-    int do_what_is_due();
+    // Set-up
+    bool open_listeners();
+    bool open_timers();
+    bool make_bus_folder() const;
+    static void on_turn_end(evutil_socket_t descriptor, short what, void *context);
+    static void on_probe_timer(evutil_socket_t descriptor, short what, void *context);
+    static void on_settle_timer(evutil_socket_t descriptor, short what, void *context);
+    static void on_signal(evutil_socket_t number, short what, void *context);
 
-    void serve_client(const StreamSocket &listener, bool trusted);
-    bool take_request(const StreamSocket &listener, StreamSocket *client, Json *request);
-    void handle_request(Json request, const StreamSocket &client, bool trusted);
-    void forward(Json request, const StreamSocket &client);
-    void await_reply(const Pending &pending, const StreamSocket &client);
-    bool is_reply_to(const Pending &pending, const json_t *message) const;
-    bool message_waiting() const;
-    Json next_message();
-    void take_other_messages();
-    void handle_other(json_t *message);
+    // Clients
+    template <class Kind>
+    void admit(int descriptor, Road road);
+    void turn_away(int descriptor, Road road);
+    void out_of_memory(Client *client);
 
-    void deliver(const StreamSocket &client, const char *text) const;
-    void answer(const StreamSocket &client, const json_t *response) const;
-    void answer_error(const StreamSocket &client, int jrpc_code, json_t *request) const;
-    void answer_reloaded(const StreamSocket &client, json_t *request) const;
-    void answer_locked(const StreamSocket &client, json_t *request) const;
-    void answer_timed_out(const StreamSocket &client, json_t *request) const;
+    // Requests
+    std::string find_refusal(const Client &client, const std::string &method, const json_t *request, int *code);
+    void refuse(Client &client, const json_t *request, int code, const std::string &why, const BatchPlace &batch);
+    bool run_own(Client &client, const std::string &method, json_t *request, const BatchPlace &batch);
+    void answer_locked(Client &client, json_t *request, const BatchPlace &batch);
+    void answer_timed_out(const Call &call, Json *answer) const;
+    void reload(Client &client, Json request, const BatchPlace &batch);
+    void forward(Client &client, const std::string &method, Json request, const BatchPlace &batch);
+    Service *find_service(const std::string &method, const std::string &channel, Json *why_not);
+    Json gone_data(const Service &service, const std::string &method) const;
+    Call *begin_call(Client &client, Service &service, const std::string &method, const json_t *request,
+                     const BatchPlace &batch);
+    bool send(const Call &call, json_t *request);
+    void finish(Call &call, Outcome outcome, Json answer);
+    void expire(Call &call);
+    void cancel(const Call &call);
+
+    // Bus
+    void take_frame(std::string_view channel, std::string_view text);
+    void take_for_router(std::string_view text);
+    void probe_listeners();
+    bool lacks_listeners() const;
+
+    // Services
+    void settle();
+    void end_registration(Service &service, Json answer);
+    void up(Service &service);
+    void gone(Service &service);
+    void tell_services(const Json &notification, const Service &except);
+    Json describe(const Service &service) const;
+
+    // Notifications and monitors
+    void listen_as_wanted();
+    void deliver_notification(json_t *notification, const std::string &method);
+    void show_traffic(const char *leg, const Call *call, const std::string &method, const Service *service,
+                      const char *outcome, json_t *message);
+
+    // The router's own methods
+    int on_status(Own &own);
+    int on_metrics(Own &own);
+    int on_lock(Own &own);
+    int on_unlock(Own &own);
+    int on_bus(Own &own);
+    int on_register(Own &own);
+    int on_subscribe(Own &own);
+    int on_unsubscribe(Own &own);
+    int on_monitor(Own &own);
+    std::string read_registration(const json_t *params, Service *wanted) const;
+    int find_registration_conflict(const Service &wanted, std::string *problem);
 
     Config config_;
-    UnixListener unix_listener_;
-    StreamSocket tcp_listener_;
-    BusSocket pub_;
-    BusSocket sub_;
-    int sub_descriptor_ = -1;
+    Policy policy_;
+    daemon_support::EventBase base_; ///< outlives everything that is registered with it
+    Renderer renderer_;
+    Statistics statistics_;
+    Registry registry_;
+    std::unique_ptr<daemon_support::Deadlines<OneShot>> client_deadlines_;
+    std::unique_ptr<daemon_support::Deadlines<Call>> call_deadlines_;
+    Bus bus_;
+    Listener unix_listener_;
+    Listener tcp_listener_;
+    Listener session_listener_;
+    daemon_support::Event turn_end_;
+    daemon_support::Event probe_timer_;
+    daemon_support::Event settle_timer_;
+    std::vector<daemon_support::Event> signals_;
+
+    std::list<std::unique_ptr<Client>> clients_;
+    std::list<std::unique_ptr<Client>> graveyard_;
+    std::map<int64_t, int> users_; ///< how many clients, by whom
+    std::vector<Session *> to_flush_;
+    std::list<Session *> sessions_;
+    std::unordered_map<int, std::unique_ptr<Call>> calls_;
+    int last_number_;
     bool locked_ = false;
-    std::map<std::string, std::string> services_; ///< name and channel of those that said hello
-    Clock::time_point probe_until_;
-    Clock::time_point next_probe_;
-    Clock::time_point next_tcp_attempt_;
-    json_int_t last_transaction_id_;
-    unsigned served_ = 0;
-    unsigned timeouts_ = 0;
-    unsigned discarded_ = 0;
+    daemon_support::Clock::time_point probe_until_;
+    const daemon_support::Clock::time_point started_ = daemon_support::Clock::now();
 };
 
 } // namespace router

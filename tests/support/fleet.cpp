@@ -32,8 +32,8 @@ Fleet::Fleet() {
 }
 
 Process &Fleet::start_router(const std::vector<std::string> &more) {
-    std::vector<std::string> arguments = {TAVRIX_ROUTERD, "--socket",  "router.sock", "--publish",
-                                          router_address, "--connect", ports_address};
+    std::vector<std::string> arguments = {TAVRIX_ROUTERD,  "--socket",     "router.sock", "--session",  "session.sock",
+                                          "--publish",     router_address, "--connect",   ports_address};
     arguments.insert(arguments.end(), more.begin(), more.end());
     router = std::make_unique<Process>("routerd", arguments);
     if (!router->says("routerd ready")) {
@@ -43,7 +43,7 @@ Process &Fleet::start_router(const std::vector<std::string> &more) {
 }
 
 Process &Fleet::start_ports(const std::vector<std::string> &more) {
-    std::vector<std::string> arguments = {TAVRIX_PORTSD, "--publish", ports_address, "--connect", router_address};
+    std::vector<std::string> arguments = {TAVRIX_PORTSD, "--session", "session.sock", "--publish", ports_address};
     arguments.insert(arguments.end(), more.begin(), more.end());
     ports.reset();
     ports = std::make_unique<Process>("portsd", arguments);
@@ -55,9 +55,9 @@ Process &Fleet::start_ports(const std::vector<std::string> &more) {
 
 Process &Fleet::start_events(const std::string &interval_ms, const std::vector<std::string> &more) {
     write_file("links.txt", "# port and state\nc1-1 up\n\nd2 down\n");
-    std::vector<std::string> arguments = {TAVRIX_EVENTSD, "--publish",   events_address, "--connect",   router_address,
-                                          "--ports",      ports_address, "--socket",     "events.sock", "--pull",
-                                          pull_address,   "--script",    "links.txt",    "--interval",  interval_ms,
+    std::vector<std::string> arguments = {TAVRIX_EVENTSD, "--session",   "session.sock", "--publish", events_address,
+                                          "--socket",     "events.sock", "--pull",       pull_address,
+                                          "--script",     "links.txt",   "--interval",   interval_ms,
                                           "--slot",       slot};
     arguments.insert(arguments.end(), more.begin(), more.end());
     events.reset();

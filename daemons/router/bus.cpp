@@ -1,0 +1,111 @@
+#include "bus.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include <sys/stat.h>
+
+#include "common/log.h"
+#include "tavrix_error.h"
+#include "tavrix_jrpc.h"
+
+#include <nanomsg/nn.h>
+
+namespace router {
+
+namespace {
+
+constexpr char unit_name[] = "bus";
+constexpr int messages_per_turn = 100; // a flood on the bus must not keep clients waiting
+constexpr int largest_message = 8 * 1024 * 1024;
+constexpr mode_t for_the_group = 0007;
+
+} // namespace
+
+int transport_of(const std::string &address) {
+    const struct {
+        const char *scheme;
+        int transport;
+    } rows[] = {{"tcp://", TAVRIX_TRANSPORT_TCP}, {"ipc://", TAVRIX_TRANSPORT_IPC}};
+    for (const auto &row : rows) {
+        if (address.rfind(row.scheme, 0) == 0) {
+            return row.transport;
+        }
+    }
+    return 0;
+}
+
+std::string folder_of(const std::string &address) {
+    if (transport_of(address) != TAVRIX_TRANSPORT_IPC) {
+        return "";
+    }
+    const std::string path = address.substr(std::strlen("ipc://"));
+    const size_t slash = path.rfind('/');
+    return slash == std::string::npos ? "." : path.substr(0, std::max(slash, size_t{1}));
+}
+
+bool Bus::open(event_base *base, const std::vector<std::string> &publish) {
+    const mode_t before = umask(for_the_group); // who may enter the folder may also connect
+    bool bound = tavrix_mq_socket_init(TAVRIX_SP_PUB, pub_.place()) == TAVRIX_OK;
+    for (const std::string &address : publish) {
+        int endpoint = 0;
+        if (!bound || tavrix_mq_socket_bind(*pub_.get(), transport_of(address), address.c_str(), &endpoint) != 0) {
+            LOG_ERROR("Cannot publish on %s: %s; is another router running, or the folder missing?\n", address.c_str(),
+                      nn_strerror(nn_errno()));
+            bound = false;
+        }
+    }
+    umask(before);
+    int descriptor = -1;
+    if (!bound || tavrix_mq_socket_init(TAVRIX_SP_SUB, sub_.place()) != TAVRIX_OK ||
+        nn_setsockopt(*sub_.get(), NN_SOL_SOCKET, NN_RCVMAXSIZE, &largest_message, sizeof largest_message) != 0 ||
+        tavrix_mq_socket_subscribe(*sub_.get(), TAVRIX_ROUTER_REPLY_CHANNEL) != TAVRIX_OK ||
+        tavrix_mq_socket_recvfd(*sub_.get(), &descriptor) != TAVRIX_OK) {
+        return false;
+    }
+    readable_.reset(event_new(base, descriptor, EV_READ | EV_PERSIST, on_readable, this));
+    return readable_ && event_add(readable_.get(), nullptr) == 0;
+}
+
+int Bus::connect(const std::string &address) {
+    int endpoint = -1;
+    if (tavrix_mq_socket_connect(*sub_.get(), transport_of(address), address.c_str(), &endpoint) != TAVRIX_OK) {
+        LOG_ERROR("Cannot listen to %s: it is no address of the bus\n", address.c_str());
+        return -1;
+    }
+    return endpoint;
+}
+
+void Bus::disconnect(int endpoint) { tavrix_mq_socket_shutdown(*sub_.get(), endpoint); }
+
+bool Bus::publish(const char *channel, const char *text) {
+    return tavrix_jrpc_mq_pub(pub_.get(), channel, text) == TAVRIX_OK;
+}
+
+void Bus::listen_to_everything(bool wanted) {
+    if (wanted != everything_) {
+        const int rc =
+            wanted ? tavrix_mq_socket_subscribe(*sub_.get(), "") : tavrix_mq_socket_unsubscribe(*sub_.get(), "");
+        everything_ = rc == TAVRIX_OK ? wanted : everything_;
+    }
+}
+
+/** nanomsg keeps the descriptor readable until nothing is left, which is found out by receiving only. */
+void Bus::on_readable(evutil_socket_t /*descriptor*/, short /*what*/, void *context) {
+    auto *self = static_cast<Bus *>(context);
+    for (int left = messages_per_turn; left > 0; --left) {
+        char *frame = nullptr;
+        int length = 0;
+        if (tavrix_mq_socket_recv(*self->sub_.get(), &frame, &length, 1) != TAVRIX_OK) {
+            return;
+        }
+        const daemon_support::Text owner(frame);
+        const std::string_view text(frame, static_cast<size_t>(length));
+        const size_t bar = text.find('|');
+        if (bar != std::string_view::npos) {
+            self->receiver_(text.substr(0, bar), text.substr(bar + 1));
+        }
+    }
+}
+
+} // namespace router

@@ -1,0 +1,58 @@
+/**
+ * The router's end of the bus: one publisher, and one subscriber that is connected to every service.
+ */
+#ifndef TAVRIX_DAEMONS_ROUTER_BUS_H
+#define TAVRIX_DAEMONS_ROUTER_BUS_H
+
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "common/handles.h"
+#include "common/loop.h"
+
+namespace router {
+
+class Bus {
+  public:
+    /** Gets every frame that arrives: its channel, and the JSON text behind it. */
+    using Receiver = std::function<void(std::string_view channel, std::string_view text)>;
+
+    explicit Bus(Receiver receiver) : receiver_(std::move(receiver)) {}
+    Bus(const Bus &) = delete;
+    Bus &operator=(const Bus &) = delete;
+
+    /** Binds the publisher and begins to receive what is for the router; logs what failed. */
+    bool open(event_base *base, const std::vector<std::string> &publish);
+
+    /** Listens to a publisher; the number that disconnect() takes, -1 when it cannot. */
+    int connect(const std::string &address);
+    void disconnect(int endpoint);
+
+    bool publish(const char *channel, const char *text);
+    /** For the library's own dispatching. */
+    const int *publisher() const { return pub_.get(); }
+
+    /** Whether everything is received, or only what is addressed to the router. */
+    void listen_to_everything(bool wanted);
+
+  private:
+    static void on_readable(evutil_socket_t descriptor, short what, void *context);
+
+    Receiver receiver_;
+    daemon_support::BusSocket pub_;
+    daemon_support::BusSocket sub_;
+    daemon_support::Event readable_;
+    bool everything_ = false;
+};
+
+/** The library's number for the transport of an address: 0 when it names none. */
+int transport_of(const std::string &address);
+
+/** The folder of an ipc address; empty for any other. */
+std::string folder_of(const std::string &address);
+
+} // namespace router
+
+#endif

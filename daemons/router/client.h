@@ -1,0 +1,84 @@
+/**
+ * Those who ask, and what they have asked.
+ */
+#ifndef TAVRIX_DAEMONS_ROUTER_CLIENT_H
+#define TAVRIX_DAEMONS_ROUTER_CLIENT_H
+
+#include <list>
+#include <memory>
+#include <string>
+
+#include "common/loop.h"
+#include "message.h"
+#include "policy.h"
+
+namespace router {
+
+class Router;
+struct Call;
+struct Service;
+
+/** The answers to one batch: sent as one when the last of them is there. */
+struct Batch {
+    Json answers{json_array()};
+    size_t missing = 0;
+};
+using BatchPlace = std::shared_ptr<Batch>; ///< null for a request that came alone
+
+/** Someone who is connected. Its end is its calls' end. */
+class Client {
+  public:
+    Client(Router &router, int descriptor, Peer peer);
+    Client(const Client &) = delete;
+    Client &operator=(const Client &) = delete;
+    virtual ~Client();
+
+    /** Gives the answer to a request; null when there was no memory for one. */
+    virtual void answer(Json message, const BatchPlace &batch) = 0;
+    /** A request that asks for no answer, and is not carried out. */
+    virtual void refuse_notification(const std::string &method, const BatchPlace &batch) = 0;
+    /** Whether its answers carry its own "id": old clients know the method's name there. */
+    virtual bool gets_own_id() const = 0;
+
+    /** Ends the connection. The object goes at the end of the turn, since its own functions may be running. */
+    void close();
+    bool is_closed() const { return descriptor_ < 0; }
+
+    const Peer peer;
+    std::list<Call *> calls; ///< in flight
+    std::list<std::unique_ptr<Client>>::iterator place;
+
+  protected:
+    /** Lets go of what watches the descriptor, just before it is closed. */
+    virtual void on_close() = 0;
+    bool has_hung_up() const;
+
+    Router &router_;
+    int descriptor_;
+};
+
+/** A request between its way to the service and its answer. Its end takes it out of every list that it is in. */
+struct Call {
+    Call(int number, Client &asking, Service &serving, std::string name);
+    Call(const Call &) = delete;
+    Call &operator=(const Call &) = delete;
+    ~Call();
+
+    const int number; ///< the transaction id between router and service
+    Client &client;
+    Service &service;
+    const std::string method;
+    Json id;             ///< the client's own
+    Json transaction_id; ///< the client's own, or null
+    BatchPlace batch;
+    const daemon_support::Clock::time_point started = daemon_support::Clock::now();
+    daemon_support::Deadlines<Call>::Place deadline;
+
+  private:
+    std::list<Call *>::iterator at_client_;
+    std::list<Call *>::iterator at_service_;
+};
+
+} // namespace router
+
+#endif

@@ -1,0 +1,138 @@
+#include "listener.h"
+
+#include <cerrno>
+#include <cstring>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+
+#include "common/log.h"
+
+namespace router {
+
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr char unit_name[] = "listener";
+constexpr int clients_per_turn = 32;
+constexpr milliseconds pause_time{100};
+constexpr milliseconds tcp_attempt_interval{1000};
+
+sockaddr_in tcp_socket_address(const std::string &address, int port) {
+    sockaddr_in place{};
+    place.sin_family = AF_INET;
+    place.sin_port = htons(static_cast<uint16_t>(port));
+    inet_pton(AF_INET, address.c_str(), &place.sin_addr);
+    return place;
+}
+
+/** Whether somebody takes connections there; a full backlog, which takes none at the moment, counts. */
+bool is_served(const sockaddr_in &place) {
+    daemon_support::StreamSocket probe;
+    *probe.place() = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    const auto *address = reinterpret_cast<const sockaddr *>(&place);
+    return connect(*probe.get(), address, sizeof place) == 0 || errno == EINPROGRESS;
+}
+
+} // namespace
+
+bool Listener::watch(event_base *base, int descriptor, Taker taker) {
+    base_ = base;
+    taker_ = std::move(taker);
+    if (descriptor < 0) {
+        return true;
+    }
+    listen(descriptor, SOMAXCONN); // again, for a backlog that a burst of clients fits into
+    readable_.reset(event_new(base, descriptor, EV_READ | EV_PERSIST, on_client, this));
+    return readable_ && event_add(readable_.get(), nullptr) == 0;
+}
+
+bool Listener::open_unix(event_base *base, const std::string &path, Taker taker) {
+    pause_.reset(event_new(base, -1, 0, on_pause_over, this));
+    return pause_ && unix_.open(path) && watch(base, *unix_.socket().get(), std::move(taker));
+}
+
+bool Listener::open_tcp(event_base *base, const std::string &address, int port, Taker taker) {
+    in_addr parsed{};
+    if (inet_pton(AF_INET, address.c_str(), &parsed) != 1) {
+        LOG_ERROR("Cannot listen on %s: it is no IPv4 address\n", address.c_str());
+        return false;
+    }
+    tcp_address_ = address;
+    tcp_port_ = port;
+    pause_.reset(event_new(base, -1, 0, on_pause_over, this));
+    if (!pause_) {
+        return false;
+    }
+    if (try_tcp()) {
+        return watch(base, *tcp_.get(), std::move(taker));
+    }
+    const int reason = errno;
+    const bool served = reason == EADDRINUSE && is_served(tcp_socket_address(address, port));
+    if (served || reason != EADDRINUSE) {
+        LOG_ERROR("Cannot listen on TCP port %d of %s: %s\n", port, address.c_str(),
+                  served ? "somebody serves there" : std::strerror(reason));
+        return false;
+    }
+    LOG_WARNING("Cannot listen on TCP port %d yet, trying again\n", port);
+    return watch(base, -1, std::move(taker)) && daemon_support::add_after(pause_, tcp_attempt_interval);
+}
+
+bool Listener::try_tcp() {
+    const int yes = 1;
+    const sockaddr_in place = tcp_socket_address(tcp_address_, tcp_port_);
+    tcp_.reset();
+    *tcp_.place() = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (tcp_.is_open() && setsockopt(*tcp_.get(), SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes) == 0 &&
+        bind(*tcp_.get(), reinterpret_cast<const sockaddr *>(&place), sizeof place) == 0 &&
+        listen(*tcp_.get(), SOMAXCONN) == 0) {
+        return true;
+    }
+    const int reason = errno;
+    tcp_.reset();
+    errno = reason;
+    return false;
+}
+
+void Listener::stop() {
+    readable_.reset();
+    pause_.reset();
+}
+
+void Listener::on_pause_over(evutil_socket_t /*descriptor*/, short /*what*/, void *context) {
+    auto *self = static_cast<Listener *>(context);
+    if (self->readable_) {
+        event_add(self->readable_.get(), nullptr);
+    } else if (self->try_tcp()) {
+        LOG_INFO("Listening on TCP port %d\n", self->tcp_port_);
+        self->watch(self->base_, *self->tcp_.get(), self->taker_);
+    } else {
+        daemon_support::add_after(self->pause_, tcp_attempt_interval);
+    }
+}
+
+void Listener::on_client(evutil_socket_t /*descriptor*/, short /*what*/, void *context) {
+    static_cast<Listener *>(context)->accept_clients();
+}
+
+void Listener::accept_clients() {
+    const int listening = event_get_fd(readable_.get());
+    for (int left = clients_per_turn; left > 0; --left) {
+        const int descriptor = accept4(listening, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+        if (descriptor >= 0) {
+            taker_(descriptor);
+        } else if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
+            LOG_ERROR("Cannot accept a client: %s; those that are there are served\n", std::strerror(errno));
+            event_del(readable_.get()); // it would be readable at once, again and again
+            daemon_support::add_after(pause_, pause_time);
+            return;
+        } else if (errno != ECONNABORTED && errno != EINTR) {
+            return;
+        }
+    }
+}
+
+} // namespace router

@@ -1,0 +1,50 @@
+/**
+ * The sockets that clients connect to, watched by the loop.
+ */
+#ifndef TAVRIX_DAEMONS_ROUTER_LISTENER_H
+#define TAVRIX_DAEMONS_ROUTER_LISTENER_H
+
+#include <functional>
+#include <string>
+
+#include "common/handles.h"
+#include "common/loop.h"
+#include "common/unix_listener.h"
+
+namespace router {
+
+class Listener {
+  public:
+    using Taker = std::function<void(int descriptor)>;
+
+    Listener() = default;
+    Listener(const Listener &) = delete;
+    Listener &operator=(const Listener &) = delete;
+
+    /** Both log what failed. */
+    bool open_unix(event_base *base, const std::string &path, Taker taker);
+    /** A port that nobody serves but that is not free, held by connections of an earlier run, is tried again. */
+    bool open_tcp(event_base *base, const std::string &address, int port, Taker taker);
+    /** Nobody is accepted any more. */
+    void stop();
+
+  private:
+    static void on_client(evutil_socket_t descriptor, short what, void *context);
+    static void on_pause_over(evutil_socket_t descriptor, short what, void *context);
+    void accept_clients();
+    bool watch(event_base *base, int descriptor, Taker taker);
+    bool try_tcp();
+
+    Taker taker_;
+    daemon_support::UnixListener unix_;
+    daemon_support::StreamSocket tcp_;
+    std::string tcp_address_;
+    int tcp_port_ = 0;
+    event_base *base_ = nullptr;
+    daemon_support::Event readable_;
+    daemon_support::Event pause_;
+};
+
+} // namespace router
+
+#endif

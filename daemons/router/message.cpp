@@ -1,0 +1,145 @@
+#include "message.h"
+
+#include <algorithm>
+#include <cstdio>
+
+#include "tavrix_jrpc.h"
+
+namespace router {
+
+namespace {
+
+constexpr size_t max_shown = 200;
+constexpr size_t max_kept_memory = 1024 * 1024;
+
+} // namespace
+
+std::string text_member(const json_t *object, const char *key) {
+    const json_t *member = json_object_get(object, key);
+    const char *text = json_string_value(member);
+    return text != nullptr ? std::string(text, json_string_length(member)) : "";
+}
+
+std::string printable(std::string_view text) {
+    std::string safe;
+    for (const char c : text) {
+        if (safe.size() >= max_shown) {
+            return safe + "..."; // a longer line would lose its end, and the next one its beginning
+        }
+        char escaped[5] = {c, '\0'};
+        if (c < ' ' || c > '~' || c == '\\') {
+            std::snprintf(escaped, sizeof escaped, "\\x%02x", static_cast<unsigned>(static_cast<unsigned char>(c)));
+        }
+        safe += escaped;
+    }
+    return safe;
+}
+
+bool is_plain(std::string_view text) {
+    return std::none_of(text.begin(), text.end(),
+                        [](char c) { return static_cast<unsigned char>(c) < ' ' || c == 127; });
+}
+
+bool is_valid_id(const json_t *id) { return json_is_string(id) || json_is_number(id); }
+
+bool is_notification(const json_t *message) {
+    return json_is_string(json_object_get(message, "method")) && json_object_get(message, "id") == nullptr;
+}
+
+int find_envelope_error(const json_t *request) {
+    const json_t *transaction_id = json_object_get(request, "transaction_id");
+    const json_t *params = json_object_get(request, "params");
+    const char *version = json_string_value(json_object_get(request, "jsonrpc"));
+    if (!is_valid_id(json_object_get(request, "id")) ||
+        (transaction_id != nullptr && !json_is_number(transaction_id)) || version == nullptr) {
+        return TAVRIX_JRPC_INVALID_REQUEST;
+    }
+    if (std::string_view(version) != "2.0") {
+        return TAVRIX_JRPC_VERSION_NOT_SUPPORTED;
+    }
+    if (params != nullptr && !json_is_object(params)) {
+        return TAVRIX_JRPC_INVALID_PARAMS;
+    }
+    return json_is_string(json_object_get(request, "method")) ? 0 : TAVRIX_JRPC_METHOD_NOT_FOUND;
+}
+
+Json message_data(const std::string &message) {
+    return Json(json_pack("{s:o}", "message", json_stringn(message.data(), message.size())));
+}
+
+namespace {
+
+Json with_transaction_id(Json message, json_t *transaction_id) {
+    if (json_is_number(transaction_id)) {
+        json_object_set(message.get(), "transaction_id", transaction_id);
+    }
+    return message;
+}
+
+} // namespace
+
+Json make_result(Json id, Json transaction_id, Json result) {
+    Json message(json_pack("{s:s, s:o, s:o}", "jsonrpc", "2.0", "id", id.release(), "result", result.release()));
+    return with_transaction_id(std::move(message), transaction_id.get());
+}
+
+Json make_error(int jrpc_code, const json_t *request, Json data) {
+    json_t *id = json_object_get(request, "id");
+    Json message(json_pack("{s:s, s:O, s:{s:i, s:s, s:o}}", "jsonrpc", "2.0", "id", is_valid_id(id) ? id : json_null(),
+                           "error", "code", jrpc_code, "message", tavrix_jrpc_error_message(jrpc_code), "data",
+                           data ? data.release() : json_null()));
+    return with_transaction_id(std::move(message), json_object_get(request, "transaction_id"));
+}
+
+Json make_notification(const char *method, Json params) {
+    return Json(json_pack("{s:s, s:s, s:o}", "jsonrpc", "2.0", "method", method, "params", params.release()));
+}
+
+bool matches(std::string_view pattern, std::string_view method) {
+    if (!pattern.empty() && pattern.back() == '*') {
+        pattern.remove_suffix(1);
+        return method.substr(0, pattern.size()) == pattern;
+    }
+    return pattern == method;
+}
+
+bool matches_any(const std::vector<std::string> &patterns, std::string_view method) {
+    return std::any_of(patterns.begin(), patterns.end(),
+                       [method](const std::string &pattern) { return matches(pattern, method); });
+}
+
+std::string_view Renderer::render(const json_t *value) {
+    constexpr size_t flags = JSON_COMPACT | JSON_ENSURE_ASCII;
+    if (memory_.size() > max_kept_memory) {
+        memory_ = std::string(max_kept_memory, '\0'); // one large message must not be paid for ever after
+    }
+    size_t length = json_dumpb(value, memory_.data(), memory_.size(), flags);
+    if (length > memory_.size()) {
+        memory_.resize(length);
+        length = json_dumpb(value, memory_.data(), memory_.size(), flags);
+    }
+    return std::string_view(memory_).substr(0, length);
+}
+
+bool ObjectScanner::is_complete_with(std::string_view bytes) {
+    for (const char c : bytes) {
+        if (escaped_) {
+            escaped_ = false;
+        } else if (in_text_) {
+            escaped_ = c == '\\';
+            in_text_ = c != '"';
+        } else if (c == '"') {
+            in_text_ = true;
+        } else if (c == '{' || c == '[') {
+            ++depth_;
+        } else if ((c == '}' || c == ']') && --depth_ <= 0) {
+            return true;
+        }
+        if (depth_ == 0 && c != ' ' && c != '\t' && c != '\r' && c != '\n') {
+            return true; // it begins as no object does
+        }
+    }
+    return false;
+}
+
+} // namespace router

@@ -1,0 +1,75 @@
+/**
+ * JSON-RPC messages as the router makes and judges them, and how it shows the words of others.
+ */
+#ifndef TAVRIX_DAEMONS_ROUTER_MESSAGE_H
+#define TAVRIX_DAEMONS_ROUTER_MESSAGE_H
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <jansson.h>
+
+#include "common/handles.h"
+
+namespace router {
+
+using daemon_support::Json;
+
+/** Another reference to the value. */
+inline Json share(json_t *value) { return Json(json_incref(value)); }
+inline Json share(const Json &value) { return share(value.get()); }
+
+/** The member's text; empty when it is absent or of another type. */
+std::string text_member(const json_t *object, const char *key);
+
+/** The text with everything but printable ASCII as \xHH: the words of others must not make log lines of their own. */
+std::string printable(std::string_view text);
+
+/** Whether the library's log lines may show the text: no control characters. */
+bool is_plain(std::string_view text);
+
+bool is_valid_id(const json_t *id);
+
+bool is_notification(const json_t *message);
+
+/** The code for what the services' own evaluation would refuse without an answer; 0 when it would go on. */
+int find_envelope_error(const json_t *request);
+
+/** {"message": ...} */
+Json message_data(const std::string &message);
+
+/** Null values are left out, but for the id, which is null then. */
+Json make_result(Json id, Json transaction_id, Json result);
+Json make_error(int jrpc_code, const json_t *request, Json data);
+Json make_notification(const char *method, Json params);
+
+/** A method's name, or the beginning of one and `*`. */
+bool matches(std::string_view pattern, std::string_view method);
+bool matches_any(const std::vector<std::string> &patterns, std::string_view method);
+
+/** Turns JSON values into compact ASCII, in one piece of memory that is used again. */
+class Renderer {
+  public:
+    /** Valid until the next call; empty when there is no memory. */
+    std::string_view render(const json_t *value);
+
+  private:
+    std::string memory_ = std::string(4096, '\0');
+};
+
+/** Follows a JSON object as it arrives, without reading it, to tell where its last brace is. */
+class ObjectScanner {
+  public:
+    /** The next bytes; true once the object has ended or the text cannot be one. */
+    bool is_complete_with(std::string_view bytes);
+
+  private:
+    int depth_ = 0;
+    bool in_text_ = false;
+    bool escaped_ = false;
+};
+
+} // namespace router
+
+#endif

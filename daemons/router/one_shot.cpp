@@ -1,0 +1,186 @@
+#include "one_shot.h"
+
+#include <cerrno>
+
+#include <sys/socket.h>
+
+#include "common/log.h"
+#include "router.h"
+#include "tavrix_jrpc.h"
+
+namespace router {
+
+namespace {
+
+constexpr char unit_name[] = "router";
+constexpr size_t parse_flags = JSON_REJECT_DUPLICATES | JSON_DISABLE_EOF_CHECK | JSON_DECODE_ANY;
+constexpr size_t max_discarded = 64 * 1024;
+
+} // namespace
+
+bool OneShot::start() {
+    deadline_.take(router_.client_deadlines(), *this);
+    read_request();
+    if (is_closed()) {
+        return true; // answered already: most clients send their request before they are accepted
+    }
+    // Edge-triggered: an end of file that is already known must not wake the loop again and again.
+    readable_.reset(event_new(router_.base(), descriptor_, EV_READ | EV_ET | EV_PERSIST, on_readable, this));
+    return readable_ && event_add(readable_.get(), nullptr) == 0;
+}
+
+void OneShot::on_readable(evutil_socket_t /*descriptor*/, short /*what*/, void *context) {
+    auto *self = static_cast<OneShot *>(context);
+    self->router_.guard(self,
+                        [self] { self->state_ == State::reading ? self->read_request() : self->watch_for_hang_up(); });
+}
+
+void OneShot::on_writable(evutil_socket_t /*descriptor*/, short /*what*/, void *context) {
+    auto *self = static_cast<OneShot *>(context);
+    self->router_.guard(self, [self] { self->send_rest(); });
+}
+
+void OneShot::on_close() {
+    deadline_.leave();
+    for (const daemon_support::Event *watch : {&readable_, &writable_}) {
+        if (*watch) {
+            event_del(watch->get());
+        }
+    }
+}
+
+void OneShot::time_out() {
+    deadline_.leave();
+    if (state_ == State::writing) {
+        LOG_WARNING("A client did not take its answer\n");
+        close();
+        return;
+    }
+    LOG_WARNING("A client said nothing in time\n");
+    refuse(TAVRIX_JRPC_TIMED_OUT);
+}
+
+// --- The request ---------------------------------------------------------------------------------------------------
+
+void OneShot::read_request() {
+    while (state_ == State::reading) {
+        char bytes[TAVRIX_ROUTER_MAX_REQUEST];
+        const ssize_t count = recv(descriptor_, bytes, sizeof bytes - text_.size(), MSG_DONTWAIT);
+        if (count > 0) {
+            take_bytes({bytes, static_cast<size_t>(count)});
+        } else if (count == 0) {
+            half_closed_ = true;
+            take_request(true);
+        } else if (errno != EINTR) {
+            if (errno != EAGAIN) {
+                close();
+            }
+            return;
+        }
+    }
+}
+
+void OneShot::take_bytes(std::string_view bytes) {
+    text_ += bytes;
+    const bool is_full = text_.size() >= TAVRIX_ROUTER_MAX_REQUEST;
+    // A text that is wrong from its beginning is found out at once, and again whenever it has doubled.
+    if (scanner_.is_complete_with(bytes) || is_full || text_.size() >= 2 * tried_) {
+        take_request(is_full);
+    }
+}
+
+void OneShot::take_request(bool at_end) {
+    tried_ = text_.size();
+    json_error_t error;
+    Json request(json_loadb(text_.data(), text_.size(), parse_flags, &error));
+    if (!request && !at_end && json_error_code(&error) == json_error_premature_end_of_input) {
+        return;
+    }
+    if (!json_is_object(request.get())) {
+        LOG_WARNING("A client sent no JSON object\n");
+        refuse(TAVRIX_JRPC_INVALID_REQUEST);
+        return;
+    }
+    deadline_.leave();
+    state_ = State::waiting;
+    text_ = std::string();
+    router_.take_request(*this, std::move(request), nullptr);
+    if (!is_closed() && state_ == State::waiting && half_closed_) {
+        watch_for_hang_up();
+    }
+}
+
+void OneShot::refuse(int jrpc_code) {
+    router_.count_refused();
+    state_ = State::waiting;
+    answer(make_error(jrpc_code, nullptr, nullptr), nullptr);
+}
+
+void OneShot::refuse_notification(const std::string &method, const BatchPlace & /*batch*/) {
+    LOG_WARNING("Refused the notification %s of a client\n", printable(method).c_str());
+    close();
+}
+
+/** What comes behind the request is passed over. */
+void OneShot::watch_for_hang_up() {
+    if (has_hung_up()) {
+        close();
+        return;
+    }
+    for (size_t discarded = 0; !half_closed_ && discarded < max_discarded;) {
+        char bytes[4096];
+        const ssize_t count = recv(descriptor_, bytes, sizeof bytes, MSG_DONTWAIT);
+        if (count < 0) {
+            return;
+        }
+        discarded += static_cast<size_t>(count);
+        half_closed_ = count == 0;
+    }
+    // Over TCP, having no more to say looks like having gone. A blank, which may stand before any JSON text, tells: who
+    // has gone refuses it.
+    if (half_closed_ && peer.road == Road::tcp && state_ == State::waiting) {
+        static_cast<void>(send(descriptor_, " ", 1, MSG_NOSIGNAL | MSG_DONTWAIT));
+    }
+}
+
+// --- The answer ----------------------------------------------------------------------------------------------------
+
+void OneShot::answer(Json message, const BatchPlace & /*batch*/) {
+    if (is_closed()) {
+        return;
+    }
+    const std::string_view text = router_.render(message.get());
+    state_ = State::writing;
+    const ssize_t count = send(descriptor_, text.data(), text.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    const size_t sent = count < 0 ? 0 : static_cast<size_t>(count);
+    if (sent == text.size() || (count < 0 && errno != EAGAIN)) {
+        char bytes[4096]; // what is left unread would make the close a reset, which may overtake the answer
+        static_cast<void>(recv(descriptor_, bytes, sizeof bytes, MSG_DONTWAIT));
+        close();
+        return;
+    }
+    text_ = text.substr(sent);
+    writable_.reset(event_new(router_.base(), descriptor_, EV_WRITE | EV_ET | EV_PERSIST, on_writable, this));
+    if (!writable_ || event_add(writable_.get(), nullptr) != 0) {
+        close();
+        return;
+    }
+    deadline_.take(router_.client_deadlines(), *this);
+}
+
+void OneShot::send_rest() {
+    while (sent_ < text_.size()) {
+        const ssize_t count = send(descriptor_, &text_[sent_], text_.size() - sent_, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (count < 0 && errno == EAGAIN) {
+            return;
+        }
+        if (count < 0 && errno != EINTR) {
+            LOG_WARNING("A client did not take its answer\n");
+            break;
+        }
+        sent_ += count < 0 ? 0 : static_cast<size_t>(count);
+    }
+    close();
+}
+
+} // namespace router

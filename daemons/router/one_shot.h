@@ -1,0 +1,54 @@
+/**
+ * A client of the old kind: one request, one answer, closed.
+ */
+#ifndef TAVRIX_DAEMONS_ROUTER_ONE_SHOT_H
+#define TAVRIX_DAEMONS_ROUTER_ONE_SHOT_H
+
+#include <string>
+#include <string_view>
+
+#include "client.h"
+
+namespace router {
+
+class OneShot final : public Client {
+  public:
+    OneShot(Router &router, int descriptor, Peer who) : Client(router, descriptor, std::move(who)) {}
+
+    /** Begins to read; false when the client cannot be watched. */
+    bool start();
+    /** The time for asking, or for taking the answer, is over. */
+    void time_out();
+
+    void answer(Json message, const BatchPlace &batch) override;
+    void refuse_notification(const std::string &method, const BatchPlace &batch) override;
+    bool gets_own_id() const override { return false; }
+
+  private:
+    enum class State { reading, waiting, writing };
+
+    static void on_readable(evutil_socket_t descriptor, short what, void *context);
+    static void on_writable(evutil_socket_t descriptor, short what, void *context);
+    void on_close() override;
+
+    void read_request();
+    void take_bytes(std::string_view bytes);
+    void take_request(bool at_end);
+    void watch_for_hang_up();
+    void send_rest();
+    void refuse(int jrpc_code);
+
+    State state_ = State::reading;
+    std::string text_; ///< the request as far as it has come, then the rest of the answer
+    size_t sent_ = 0;
+    size_t tried_ = 0; ///< how much of the request the last attempt to parse it has seen
+    bool half_closed_ = false;
+    ObjectScanner scanner_;
+    daemon_support::Event readable_;
+    daemon_support::Event writable_;
+    daemon_support::Deadlines<OneShot>::Place deadline_;
+};
+
+} // namespace router
+
+#endif

@@ -1,0 +1,294 @@
+/*
+ * The methods that the router answers itself.
+ */
+#include <algorithm>
+#include <cstring>
+
+#include "common/log.h"
+#include "router.h"
+#include "tavrix_jrpc.h"
+
+namespace router {
+
+namespace {
+
+constexpr char unit_name[] = "router";
+constexpr size_t max_patterns = 64;
+constexpr size_t max_pattern = 128;
+constexpr size_t max_name = 50;
+constexpr size_t max_methods = 256;
+constexpr size_t max_addresses = 8;
+constexpr std::chrono::milliseconds settle_interval{5};
+
+/** The array's texts; false when it is none, or has too many, or one that is empty, too long or not plain. */
+bool read_texts(const json_t *array, size_t most, size_t longest, std::vector<std::string> *out) {
+    size_t index = 0;
+    const json_t *entry = nullptr;
+    if (!json_is_array(array) || json_array_size(array) > most) {
+        return false;
+    }
+    json_array_foreach(array, index, entry) {
+        std::string text(json_is_string(entry) ? json_string_value(entry) : "", json_string_length(entry));
+        if (text.empty() || text.size() > longest || !is_plain(text)) {
+            return false;
+        }
+        out->push_back(std::move(text));
+    }
+    return true;
+}
+
+bool is_name(const std::string &name) {
+    constexpr char allowed[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789.-_";
+    return !name.empty() && name.size() <= max_name && name.find_first_not_of(allowed) == std::string::npos &&
+           name[0] != '.';
+}
+
+json_int_t number(uint64_t value) { return static_cast<json_int_t>(value); }
+
+} // namespace
+
+const Router::OwnMethod Router::own_methods[] = {
+    {"router.Status", false, &Router::on_status},
+    {"router.Metrics", false, &Router::on_metrics},
+    {"router.Lock", false, &Router::on_lock},
+    {"router.Unlock", false, &Router::on_unlock},
+    {"router.Bus", false, &Router::on_bus},
+    {"router.Register", true, &Router::on_register},
+    {"router.Subscribe", true, &Router::on_subscribe},
+    {"router.Unsubscribe", true, &Router::on_unsubscribe},
+    {"router.Monitor", true, &Router::on_monitor},
+    {nullptr, false, nullptr},
+};
+
+// --- What the router sees ------------------------------------------------------------------------------------------
+
+int Router::on_status(Own &own) {
+    Json services(json_array());
+    for (const auto &[name, service] : registry_.registered()) {
+        Json shown = describe(*service);
+        json_object_set_new(shown.get(), "state", json_string(name_of(service->state)));
+        json_object_set_new(shown.get(), "direct", json_boolean(service->direct));
+        json_object_set_new(shown.get(), "since", json_integer(service->since));
+        json_object_set_new(shown.get(), "in_flight", json_integer(number(service->calls.size())));
+        json_array_append_new(services.get(), shown.release());
+    }
+    for (const auto &[name, channel] : registry_.heard()) { // registered nowhere: their hello is all that is known
+        json_array_append_new(services.get(), json_pack("{s:s, s:s, s:s}", "name", name.c_str(), "channel",
+                                                        channel.c_str(), "state", name_of(Service::State::listening)));
+    }
+    const auto total = [this](Outcome outcome) { return number(statistics_.total(outcome)); };
+    own.result.reset(json_pack("{s:b, s:o, s:I, s:I, s:I, s:I, s:I, s:I, s:I, s:I, s:I, s:I, s:I, s:f, s:o}", "locked",
+                               locked_ ? 1 : 0, "services", services.release(), "clients", number(clients_.size()),
+                               "sessions", number(sessions_.size()), "in_flight", number(calls_.size()), "served",
+                               total(Outcome::result) + total(Outcome::error), "timeouts", total(Outcome::timeout),
+                               "gone", total(Outcome::gone), "cancelled", total(Outcome::cancelled), "discarded",
+                               number(statistics_.late), "refused", number(statistics_.refused), "busy",
+                               number(statistics_.busy), "dropped", number(statistics_.dropped), "uptime_s",
+                               std::chrono::duration<double>(daemon_support::Clock::now() - started_).count(),
+                               "methods", statistics_.methods_json()));
+    return 0;
+}
+
+int Router::on_metrics(Own &own) {
+    std::string text = statistics_.metrics();
+    const struct {
+        const char *name;
+        const char *help;
+        size_t value;
+    } gauges[] = {
+        {"clients", "Connected clients, sessions among them.", clients_.size()},
+        {"sessions", "Open sessions, services among them.", sessions_.size()},
+        {"in_flight", "Requests that wait for their reply.", calls_.size()},
+        {"locked", "1 while the system is locked.", locked_ ? 1U : 0U},
+    };
+    for (const auto &gauge : gauges) {
+        const std::string name = std::string("tavrix_router_") + gauge.name;
+        text += "# HELP " + name + " " + gauge.help + "\n# TYPE " + name + " gauge\n" + name + " " +
+                std::to_string(gauge.value) + "\n";
+    }
+    text += "# HELP tavrix_router_service_up Whether a registered service is there.\n"
+            "# TYPE tavrix_router_service_up gauge\n";
+    for (const auto &[name, service] : registry_.registered()) {
+        text += "tavrix_router_service_up{service=\"" + name + "\"} " +
+                (service->state == Service::State::up ? "1" : "0") + "\n";
+    }
+    own.result.reset(json_stringn(text.data(), text.size()));
+    return 0;
+}
+
+int Router::on_lock(Own & /*own*/) {
+    set_locked(true);
+    return 0;
+}
+
+int Router::on_unlock(Own & /*own*/) {
+    set_locked(false);
+    return 0;
+}
+
+// --- Services ------------------------------------------------------------------------------------------------------
+
+int Router::on_bus(Own &own) {
+    Json publish(json_array());
+    std::string folder;
+    for (const std::string &address : config_.publish) {
+        json_array_append_new(publish.get(), json_string(address.c_str()));
+        folder = folder.empty() ? folder_of(address) : folder;
+    }
+    Json services(json_array());
+    for (const auto &[name, service] : registry_.registered()) {
+        if (service->state == Service::State::up) {
+            json_array_append_new(services.get(), describe(*service).release());
+        }
+    }
+    own.result.reset(json_pack("{s:o, s:o, s:o, s:i}", "publish", publish.release(), "folder",
+                               folder.empty() ? json_null() : json_string(folder.c_str()), "services",
+                               services.release(), "reply_timeout_ms", config_.reply_timeout_ms));
+    return 0;
+}
+
+/** Reads what a service says of itself; gives what is wrong with it. */
+std::string Router::read_registration(const json_t *params, Service *wanted) const {
+    const json_t *methods = json_object_get(params, "methods");
+    const json_t *publish = json_object_get(params, "publish");
+    wanted->name = text_member(params, "name");
+    wanted->channel = text_member(params, "channel");
+    wanted->direct = json_is_true(json_object_get(params, "direct"));
+    if (!is_name(wanted->name)) {
+        return "name: 1 to 50 letters, digits, '.', '-' and '_'";
+    }
+    if (!Registry::is_channel(wanted->channel)) {
+        return "channel: none of the service channels";
+    }
+    if (publish != nullptr && !read_texts(publish, max_addresses, max_pattern, &wanted->publish)) {
+        return "publish: at most 8 addresses of the bus";
+    }
+    if (methods != nullptr && !read_texts(methods, max_methods, max_pattern, &wanted->methods)) {
+        return "methods: at most 256 names of at most 128 bytes";
+    }
+    if (wanted->publish.empty() && !wanted->direct) {
+        return "publish: a service that takes its requests from the bus needs an address there";
+    }
+    const auto elsewhere =
+        std::find_if(wanted->methods.begin(), wanted->methods.end(), [wanted](const std::string &method) {
+            return method.rfind("router.", 0) == 0 || channel_of(method) != wanted->channel;
+        });
+    return elsewhere == wanted->methods.end() ? "" : "methods: " + *elsewhere + " is not of this channel";
+}
+
+int Router::find_registration_conflict(const Service &wanted, std::string *problem) {
+    const Service *former = registry_.find(wanted.name);
+    if (former != nullptr && former->session != nullptr) {
+        *problem = "a service of this name is registered already";
+        return TAVRIX_JRPC_NOT_UNIQUE;
+    }
+    for (const std::string &method : wanted.methods) {
+        const Service *offering = registry_.of_method(method);
+        if (offering != nullptr && offering->session != nullptr) {
+            *problem = method + " is offered by " + offering->name + " already";
+            return TAVRIX_JRPC_NOT_UNIQUE;
+        }
+    }
+    return 0;
+}
+
+int Router::on_register(Own &own) {
+    auto &session = static_cast<Session &>(own.client);
+    Service wanted;
+    own.problem = read_registration(own.params, &wanted);
+    if (!own.problem.empty()) {
+        return TAVRIX_JRPC_INVALID_PARAMS;
+    }
+    if (session.service != nullptr) {
+        own.problem = "this session is a service already";
+        return TAVRIX_JRPC_NOT_UNIQUE;
+    }
+    const int conflict = find_registration_conflict(wanted, &own.problem);
+    if (conflict != 0) {
+        return conflict;
+    }
+    Service *service = registry_.add(wanted.name);
+    if (service == nullptr) {
+        own.problem = "too many services";
+        return TAVRIX_JRPC_SYSTEM_BUSY;
+    }
+    for (const std::string &address : wanted.publish) {
+        const int endpoint = bus_.connect(address);
+        if (endpoint < 0) {
+            own.problem = "publish: " + address + " is no address of the bus";
+            for (const int connected : service->endpoints) {
+                bus_.disconnect(connected);
+            }
+            registry_.remove(wanted.name);
+            return TAVRIX_JRPC_INVALID_PARAMS;
+        }
+        service->endpoints.push_back(endpoint);
+    }
+    service->channel = wanted.channel;
+    service->publish = std::move(wanted.publish);
+    service->methods = std::move(wanted.methods);
+    service->direct = wanted.direct;
+    service->session = &session;
+    service->state = Service::State::settling;
+    service->registration = {share(json_object_get(own.request, "id")),
+                             share(json_object_get(own.request, "transaction_id")), own.batch};
+    session.service = service;
+    registry_.offer(*service);
+    own.is_deferred = true;
+    if (service->endpoints.empty()) {
+        up(*service);
+    } else {
+        settle();
+        daemon_support::add_after(settle_timer_, settle_interval);
+    }
+    return 0;
+}
+
+// --- Notifications and monitors ------------------------------------------------------------------------------------
+
+int Router::on_subscribe(Own &own) {
+    auto &session = static_cast<Session &>(own.client);
+    std::vector<std::string> patterns;
+    if (!read_texts(json_object_get(own.params, "methods"), max_patterns, max_pattern, &patterns) ||
+        session.subscribed.size() + patterns.size() > max_patterns) {
+        own.problem = "methods: at most 64 patterns of at most 128 bytes";
+        return TAVRIX_JRPC_INVALID_PARAMS;
+    }
+    for (std::string &pattern : patterns) {
+        const auto end = session.subscribed.end();
+        if (std::find(session.subscribed.begin(), end, pattern) == end) {
+            session.subscribed.push_back(std::move(pattern));
+        }
+    }
+    listen_as_wanted();
+    return 0;
+}
+
+int Router::on_unsubscribe(Own &own) {
+    auto &session = static_cast<Session &>(own.client);
+    std::vector<std::string> patterns;
+    if (!read_texts(json_object_get(own.params, "methods"), max_patterns, max_pattern, &patterns)) {
+        own.problem = "methods: at most 64 patterns of at most 128 bytes";
+        return TAVRIX_JRPC_INVALID_PARAMS;
+    }
+    for (const std::string &pattern : patterns) {
+        const auto end = session.subscribed.end();
+        session.subscribed.erase(std::remove(session.subscribed.begin(), end, pattern), end);
+    }
+    listen_as_wanted();
+    return 0;
+}
+
+int Router::on_monitor(Own &own) {
+    auto &session = static_cast<Session &>(own.client);
+    std::vector<std::string> patterns;
+    if (!read_texts(json_object_get(own.params, "methods"), max_patterns, max_pattern, &patterns)) {
+        own.problem = "methods: at most 64 patterns of at most 128 bytes";
+        return TAVRIX_JRPC_INVALID_PARAMS;
+    }
+    session.monitored = std::move(patterns);
+    listen_as_wanted();
+    return 0;
+}
+
+} // namespace router

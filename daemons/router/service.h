@@ -1,0 +1,108 @@
+/**
+ * The services that the router knows, and which of them a method is for.
+ */
+#ifndef TAVRIX_DAEMONS_ROUTER_SERVICE_H
+#define TAVRIX_DAEMONS_ROUTER_SERVICE_H
+
+#include <ctime>
+#include <list>
+#include <map>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "client.h"
+#include "tavrix_jrpc.h"
+
+namespace router {
+
+class Session;
+
+struct Service {
+    enum class State {
+        listening, ///< on the bus, registered nowhere: known by its hello, or by nothing but its channel
+        settling,  ///< registered; the bus has not carried a frame both ways yet
+        up,
+        gone
+    };
+
+    /** To be answered once the service is settled. */
+    struct Registration {
+        Json id;
+        Json transaction_id;
+        BatchPlace batch;
+    };
+
+    std::string name;
+    std::string channel;
+    std::vector<std::string> publish;
+    std::vector<std::string> methods;
+    bool direct = false;
+    State state = State::listening;
+    std::time_t since = std::time(nullptr);
+    Session *session = nullptr; ///< while it is registered
+    Registration registration;
+    std::vector<int> endpoints;   ///< of the bus
+    int probes = 0;               ///< published while it settles
+    std::list<Call *> calls;      ///< in flight
+    std::map<int64_t, int> users; ///< how many of them by whom
+};
+
+const char *name_of(Service::State state);
+
+/** One for each group of methods, by their first letters. */
+constexpr const char *service_channels[] = {TAVRIX_CHANNEL_FIRST, TAVRIX_CHANNEL_EVENTS, TAVRIX_CHANNEL_INTERFACES,
+                                            TAVRIX_CHANNEL_DEFAULT};
+std::string channel_of(const std::string &method);
+
+class Registry {
+  public:
+    Registry();
+
+    static bool is_channel(const std::string &channel);
+
+    /** By name, whatever its state; null when there never was one. */
+    Service *find(const std::string &name);
+    /** The registered service that offers, or offered, the method. */
+    Service *of_method(const std::string &method);
+    /** One on this channel that is up and has named no methods: it gets what no other offers. */
+    Service *taker_on(const std::string &channel);
+    /** Whether anybody on this channel is up. */
+    bool is_served(const std::string &channel);
+    /** Stands for whoever listens on the channel without having registered. */
+    Service &listeners_on(const std::string &channel) { return channels_.at(channel); }
+
+    /** Makes room for a registration; what a former service of this name offered is forgotten. */
+    Service *add(const std::string &name);
+    void offer(Service &service);
+    void remove(const std::string &name);
+
+    /** A hello from a service that is not registered; false when the list of those is full. */
+    bool hear(const std::string &name, const std::string &channel);
+    /** Whether one of those is on the channel. */
+    bool heard_on(const std::string &channel) const;
+    size_t heard_count() const { return heard_.size(); }
+
+    const std::map<std::string, std::unique_ptr<Service>> &registered() const { return services_; }
+    const std::map<std::string, std::string> &heard() const { return heard_; }
+
+  private:
+    std::map<std::string, std::unique_ptr<Service>> services_;
+    std::unordered_map<std::string, Service *> methods_;
+    std::map<std::string, Service> channels_;
+    std::map<std::string, std::string> heard_; ///< name and channel
+};
+
+/** A user as the one whom places are counted for: everybody who comes over TCP is one. */
+int64_t account_of(const Peer &peer);
+
+/**
+ * Whether one more is to be had: at most `most` in all, and nobody more than half of what the others leave, so that the
+ * last place is never taken by him who has taken all the others.
+ */
+bool has_room(const std::map<int64_t, int> &users, int64_t account, size_t total, size_t most);
+
+} // namespace router
+
+#endif

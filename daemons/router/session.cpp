@@ -1,0 +1,246 @@
+#include "session.h"
+
+#include <array>
+#include <cerrno>
+
+#include <sys/socket.h>
+
+#include "common/log.h"
+#include "router.h"
+#include "tavrix_jrpc.h"
+
+namespace router {
+
+namespace {
+
+constexpr char unit_name[] = "session";
+constexpr size_t max_line = 64 * 1024; // with its newline
+constexpr size_t max_unread_with_notifications = 1024 * 1024;
+constexpr size_t max_unread = 8 * 1024 * 1024;
+
+/** One turn's bytes of whichever session: nothing stays here from one turn to the next. */
+std::array<char, max_line> shared_bytes;
+
+} // namespace
+
+bool Session::start() {
+    readable_.reset(event_new(router_.base(), descriptor_, EV_READ | EV_PERSIST, on_readable, this));
+    writable_.reset(event_new(router_.base(), descriptor_, EV_WRITE, on_writable, this));
+    out_.reset(evbuffer_new());
+    return readable_ && writable_ && out_ && event_add(readable_.get(), nullptr) == 0;
+}
+
+void Session::on_readable(evutil_socket_t /*descriptor*/, short /*what*/, void *context) {
+    auto *self = static_cast<Session *>(context);
+    self->router_.guard(self, [self] { self->read_lines(); });
+}
+
+void Session::on_writable(evutil_socket_t /*descriptor*/, short /*what*/, void *context) {
+    auto *self = static_cast<Session *>(context);
+    self->router_.guard(self, [self] { self->flush(); });
+}
+
+void Session::on_close() {
+    event_del(readable_.get());
+    event_del(writable_.get());
+    router_.on_session_end(*this);
+}
+
+// --- Lines in ------------------------------------------------------------------------------------------------------
+
+/** One read in each turn: a session that floods the router waits for its next turn like all others. */
+void Session::read_lines() {
+    const ssize_t count = recv(descriptor_, shared_bytes.data(), shared_bytes.size(), MSG_DONTWAIT);
+    if (count > 0) {
+        take_bytes({shared_bytes.data(), static_cast<size_t>(count)});
+    } else if (count == 0) {
+        end_of_input();
+    } else if (errno != EAGAIN && errno != EINTR) {
+        close();
+    }
+}
+
+void Session::take_bytes(std::string_view bytes) {
+    while (!bytes.empty() && !is_closed() && !ending_ && !broken_) {
+        const size_t end = bytes.find('\n');
+        const std::string_view part = bytes.substr(0, end);
+        if (partial_.size() + part.size() >= max_line) {
+            LOG_WARNING("A session sent a line of more than %zu bytes\n", max_line);
+            router_.count_refused();
+            answer(make_error(TAVRIX_JRPC_INVALID_REQUEST, nullptr, message_data("the line is too long")), nullptr);
+            ending_ = true;
+            end_when_answered();
+            return;
+        }
+        if (end == std::string_view::npos) {
+            partial_ += part;
+            return;
+        }
+        if (partial_.empty()) {
+            take_line(part);
+        } else {
+            const std::string line = std::exchange(partial_, {}).append(part);
+            take_line(line);
+        }
+        bytes.remove_prefix(end + 1);
+    }
+}
+
+void Session::take_line(std::string_view line) {
+    if (line.find_first_not_of(" \t\r") == std::string_view::npos) {
+        return;
+    }
+    Json value(json_loadb(line.data(), line.size(), JSON_REJECT_DUPLICATES | JSON_DECODE_ANY, nullptr));
+    if (json_is_object(value.get())) {
+        take_object(std::move(value), nullptr);
+        return;
+    }
+    if (json_is_array(value.get()) && json_array_size(value.get()) > 0) {
+        take_batch(value.get());
+        return;
+    }
+    router_.count_refused();
+    answer(make_error(value ? TAVRIX_JRPC_INVALID_REQUEST : TAVRIX_JRPC_PARSE_ERROR, nullptr, nullptr), nullptr);
+}
+
+void Session::take_batch(const json_t *requests) {
+    const auto batch = std::make_shared<Batch>();
+    batch->missing = json_array_size(requests) + 1; // one for this function: the batch ends when all are taken
+    for (size_t i = 0; i < json_array_size(requests) && !is_closed(); ++i) {
+        json_t *request = json_array_get(requests, i);
+        if (json_is_object(request)) {
+            take_object(share(request), batch);
+        } else {
+            router_.count_refused();
+            answer(make_error(TAVRIX_JRPC_INVALID_REQUEST, nullptr, nullptr), batch);
+        }
+    }
+    complete(batch);
+}
+
+void Session::take_object(Json object, const BatchPlace &batch) {
+    const bool has_method = json_object_get(object.get(), "method") != nullptr;
+    if (service != nullptr && !has_method) {
+        router_.take_reply(std::move(object), service);
+        complete(batch);
+    } else if (service != nullptr && is_notification(object.get())) {
+        router_.take_notification(object.get(), service);
+        complete(batch);
+    } else {
+        router_.take_request(*this, std::move(object), batch);
+    }
+}
+
+void Session::end_of_input() {
+    if (service != nullptr || has_hung_up()) {
+        close();
+        return;
+    }
+    if (!partial_.empty()) {
+        const std::string line = std::exchange(partial_, {}); // the last line may lack its newline
+        take_line(line);
+    }
+    if (!is_closed()) {
+        ending_ = true;
+        end_when_answered();
+    }
+}
+
+void Session::end_when_answered() {
+    event_del(readable_.get());
+    router_.flush_later(*this); // which closes it, once there is nothing left to answer
+}
+
+// --- Lines out -----------------------------------------------------------------------------------------------------
+
+void Session::give_up(const char *why) {
+    LOG_WARNING("%s: the session is closed\n", why);
+    broken_ = true;
+    router_.flush_later(*this);
+}
+
+void Session::write_line(std::string_view line) {
+    if (is_closed() || broken_) {
+        return;
+    }
+    if (line.empty() || evbuffer_add(out_.get(), line.data(), line.size()) != 0 ||
+        evbuffer_add(out_.get(), "\n", 1) != 0) {
+        give_up("No memory for a session's line"); // one that is missing must not look like all is well
+        return;
+    }
+    router_.flush_later(*this);
+}
+
+void Session::complete(const BatchPlace &batch) {
+    if (batch != nullptr && --batch->missing == 0 && json_array_size(batch->answers.get()) > 0) {
+        answer(share(batch->answers), nullptr);
+    }
+}
+
+void Session::answer(Json message, const BatchPlace &batch) {
+    if (batch != nullptr) {
+        json_array_append_new(batch->answers.get(), message.release());
+        complete(batch);
+        return;
+    }
+    if (unread() > max_unread && !broken_) {
+        give_up("A session does not read its answers");
+    }
+    write_line(router_.render(message.get()));
+}
+
+void Session::refuse_notification(const std::string &method, const BatchPlace &batch) {
+    LOG_WARNING("Refused the notification %s of a client\n", printable(method).c_str());
+    answer(make_error(TAVRIX_JRPC_INVALID_REQUEST, nullptr, message_data("notifications are for registered services")),
+           batch);
+}
+
+bool Session::send_request(std::string_view line) {
+    if (unread() > max_unread) {
+        return false;
+    }
+    write_line(line);
+    return !is_closed() && !broken_;
+}
+
+void Session::send_notification(std::string_view line) {
+    if (unread() > max_unread_with_notifications || lost_ > 0) {
+        ++lost_;
+        router_.count_dropped();
+        return;
+    }
+    write_line(line);
+}
+
+void Session::tell_of_loss() {
+    const Json lost = make_notification("router.Lost", Json(json_pack("{s:I}", "count", std::exchange(lost_, 0))));
+    write_line(router_.render(lost.get()));
+}
+
+void Session::flush() {
+    if (broken_) {
+        close();
+    }
+    if (is_closed()) {
+        return;
+    }
+    while (unread() > 0) {
+        if (evbuffer_write(out_.get(), descriptor_) < 0) {
+            if (errno != EAGAIN && errno != EINTR) {
+                close();
+                return;
+            }
+            break;
+        }
+    }
+    if (lost_ > 0 && unread() < max_unread_with_notifications / 2) {
+        tell_of_loss();
+    }
+    if (unread() > 0) {
+        event_add(writable_.get(), nullptr);
+    } else if (ending_ && calls.empty()) {
+        close();
+    }
+}
+
+} // namespace router

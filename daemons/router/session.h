@@ -1,0 +1,67 @@
+/**
+ * A client that stays: lines of JSON, any number of requests in flight; also a service, once it has registered.
+ */
+#ifndef TAVRIX_DAEMONS_ROUTER_SESSION_H
+#define TAVRIX_DAEMONS_ROUTER_SESSION_H
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "client.h"
+
+namespace router {
+
+class Session final : public Client {
+  public:
+    Session(Router &router, int descriptor, Peer who) : Client(router, descriptor, std::move(who)) {}
+
+    /** Begins to read; false when the session cannot be watched. */
+    bool start();
+
+    void answer(Json message, const BatchPlace &batch) override;
+    void refuse_notification(const std::string &method, const BatchPlace &batch) override;
+    bool gets_own_id() const override { return true; }
+
+    /** A request, for a direct service; false when it has too many unread already. */
+    bool send_request(std::string_view line);
+    /** May be dropped when the session does not read; it is told how many were, as soon as it does. */
+    void send_notification(std::string_view line);
+    /** What has been written since the last time; called at the end of the turn. */
+    void flush();
+
+    Service *service = nullptr; ///< when it has registered as one
+    std::vector<std::string> subscribed;
+    std::vector<std::string> monitored;
+    bool is_to_flush = false;
+
+  private:
+    static void on_readable(evutil_socket_t descriptor, short what, void *context);
+    static void on_writable(evutil_socket_t descriptor, short what, void *context);
+    void on_close() override;
+
+    void read_lines();
+    void take_bytes(std::string_view bytes);
+    void take_line(std::string_view line);
+    void take_object(Json object, const BatchPlace &batch);
+    void take_batch(const json_t *requests);
+    void complete(const BatchPlace &batch);
+    void end_of_input();
+    void end_when_answered();
+    size_t unread() const { return out_ ? evbuffer_get_length(out_.get()) : 0; }
+    void write_line(std::string_view line);
+    void give_up(const char *why);
+    void tell_of_loss();
+
+    std::string partial_; ///< the beginning of a line
+    daemon_support::Event readable_;
+    daemon_support::Event writable_;
+    daemon_support::Buffer out_;
+    json_int_t lost_ = 0;
+    bool ending_ = false; ///< nothing more is read; closed when everything is answered
+    bool broken_ = false; ///< closed at the end of the turn: whoever writes to it may be walking along all sessions
+};
+
+} // namespace router
+
+#endif

@@ -1,0 +1,566 @@
+/**
+ * @file tavrix_service.h
+ * The service kit: a daemon that answers methods, calls other services and tells of events, around one event loop.
+ *
+ * A service is a name and a table of methods. The kit connects to the router's session socket, registers, settles the
+ * bus, takes requests, checks their parameters by the rows of the table, and registers again by itself when the router
+ * comes back. Handlers run on the loop, one after the other: they answer at once, or defer and answer later, and never
+ * wait.
+ *
+ * @code
+ * #include <tavrix_service.h>
+ *
+ * static int say(tavrix_call *call) {
+ *     return tavrix_call_reply(call, json_pack("{s:s}", "hello", tavrix_call_text(call, "name")));
+ * }
+ *
+ * static const tavrix_service_param say_params[] = {
+ *     TAVRIX_PARAM_RANGE("name", TAVRIX_KIND_TEXT, "whom to greet", 0, 1, 40),
+ *     TAVRIX_PARAM_END,
+ * };
+ * static const tavrix_service_param say_result[] = {
+ *     TAVRIX_PARAM("hello", TAVRIX_KIND_TEXT, "who was greeted", 0),
+ *     TAVRIX_PARAM_END,
+ * };
+ * static const tavrix_service_method methods[] = {
+ *     TAVRIX_METHOD("hello.Say", say, "Greets somebody.", say_params, say_result, TAVRIX_METHOD_READS),
+ *     TAVRIX_METHOD_END,
+ * };
+ *
+ * int main(int argc, char **argv) {
+ *     const tavrix_service_options options = {.name = "hello", .methods = methods};
+ *     return tavrix_service_main(&options, argc, argv);
+ * }
+ * @endcode
+ *
+ * Unless a function says otherwise it returns 0 or a negative status of tavrix_error.h, tests its pointers for null
+ * (-20), and does nothing on failure. What can be ended is named by a number that is never used again in the life of
+ * the service, so that what is ended too late or twice is refused; 0 is no number. Function names, tables, rows and
+ * texts that are handed over by pointer in options and rows have to live as long as the service; others are copied.
+ * A `json_t *` that is handed over (`result`, `params`, `data`) is one reference, taken on failure too.
+ *
+ * Thread-safety: a service and everything of it belong to the thread that runs it. No function throws.
+ */
+#ifndef TAVRIX_SERVICE_H
+#define TAVRIX_SERVICE_H
+
+#include <jansson.h>
+#include <stdbool.h>
+#include <stddef.h>
+#include <stdint.h>
+#include <sys/types.h>
+
+#include "tavrix_error.h"
+#include "tavrix_jrpc.h"
+#include "tavrix_jrpc_utils.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/** Visible in the shared library; everything else is built hidden. */
+#define TAVRIX_SERVICE_API __attribute__((visibility("default")))
+
+/** The router's session socket, unless the options or the environment's TAVRIX_SESSION name another. */
+#define TAVRIX_SERVICE_SESSION "/run/tavrix/session.sock"
+
+#define TAVRIX_SERVICE_MAX_NAME 50       /**< bytes of a service's name: letters, digits, `.`, `-` and `_` */
+#define TAVRIX_SERVICE_MAX_METHODS 256   /**< rows of a table */
+#define TAVRIX_SERVICE_MAX_PARAMS 32     /**< rows of a method, or of the members of one parameter */
+#define TAVRIX_SERVICE_MAX_DEFERRED 4096 /**< calls that wait for their answer at once; more are answered -32014 */
+#define TAVRIX_SERVICE_MAX_REQUESTS 4096 /**< calls to others in flight at once; more are refused */
+#define TAVRIX_SERVICE_MAX_CLIENTS 256   /**< clients of the direct sockets at once */
+
+struct event_base;
+
+/** A service. */
+typedef struct tavrix_service tavrix_service;
+
+/** A request that is being answered. */
+typedef struct tavrix_call tavrix_call;
+
+/**
+ * @name The table
+ * What is declared here is what is checked, described and documented.
+ * @{
+ */
+
+/**
+ * What a parameter is. A kind is checked by the library's retriever of its name in tavrix_jrpc_utils.h; the comment
+ * says with which getter the checked value is read.
+ */
+typedef enum tavrix_kind {
+    TAVRIX_KIND_NONE = 0,
+
+    TAVRIX_KIND_TEXT,    /**< text, `min` to `max` bytes (0, 0: any length); tavrix_call_text() */
+    TAVRIX_KIND_INTEGER, /**< integer, `min` to `max` (0, 0: what 32 bits hold); tavrix_call_integer() */
+    TAVRIX_KIND_BOOLEAN, /**< true or false; tavrix_call_boolean() */
+    TAVRIX_KIND_NUMBER,  /**< integer or real; tavrix_call_real() */
+    TAVRIX_KIND_UINT64,  /**< a number of 64 bits in a text: decimal, 0x, or octal after 0; tavrix_call_uint64() */
+    TAVRIX_KIND_FLOAT,   /**< a real in a text; tavrix_call_real() */
+    TAVRIX_KIND_WORD,    /**< one of the row's `words`; tavrix_call_text(), tavrix_call_word() */
+    TAVRIX_KIND_ARRAY,   /**< array of `min` to `max` elements (0, 0: any), each as `members` say; tavrix_call_json() */
+    TAVRIX_KIND_OBJECT,  /**< object with the `members`; tavrix_call_json() */
+    TAVRIX_KIND_JSON,    /**< any value; tavrix_call_json() */
+
+    TAVRIX_KIND_PORT_ID, /**< in the forms that the flags allow; tavrix_call_text() */
+    TAVRIX_KIND_MZU_ID,  /**< a unit's id, `all` too with #TAVRIX_ALLOW_ALL; tavrix_call_text() */
+    TAVRIX_KIND_STATUS,  /**< `enable` or `disable`; tavrix_call_text(), tavrix_call_word() */
+    TAVRIX_KIND_DESCRIPTION,
+    TAVRIX_KIND_VLAN_MODE, /**< tavrix_call_text(), tavrix_call_word() */
+    TAVRIX_KIND_MZU_MODEL, /**< tavrix_call_text(), tavrix_call_word() */
+    TAVRIX_KIND_MZU_SW_UPGRADE_FILENAME,
+    TAVRIX_KIND_UNIT_SW_UPGRADE_FILENAME,
+    TAVRIX_KIND_UNIT_SW_BANK, /**< tavrix_call_text(), tavrix_call_word() */
+    TAVRIX_KIND_MAC_ADDRESS,  /**< handed out in upper case with colons; tavrix_call_text() */
+    TAVRIX_KIND_MACADDR_ALLOWED,
+    TAVRIX_KIND_IP_ADDRESS,
+    TAVRIX_KIND_USERNAME,
+    TAVRIX_KIND_PASSWORD, /**< never shown in a refusal */
+    TAVRIX_KIND_DATE,
+    TAVRIX_KIND_TIME,
+    TAVRIX_KIND_ENTITY_NAME,
+    TAVRIX_KIND_ENTITY_EXTENSION,
+    TAVRIX_KIND_ALIAS,         /**< handed out in upper case; tavrix_call_text() */
+    TAVRIX_KIND_SECURE_OPTION, /**< tavrix_call_text(), tavrix_call_word() */
+
+    TAVRIX_KIND_VLAN_ID, /**< tavrix_call_integer(), as all until #TAVRIX_KIND_ENABLE */
+    TAVRIX_KIND_UNIT_ID,
+    TAVRIX_KIND_PERIODIC_INTERVAL,
+    TAVRIX_KIND_LASER_ID,
+    TAVRIX_KIND_OLT_ID,
+    TAVRIX_KIND_ONU_ID,
+    TAVRIX_KIND_PORT_NUMBER,
+    TAVRIX_KIND_PORT_LINK_SPEED,
+    TAVRIX_KIND_ENABLE,
+
+    TAVRIX_KIND_VLAN_IDS,       /**< up to 32; `min` is the least count; tavrix_call_integers() */
+    TAVRIX_KIND_PORTS,          /**< up to `max`, 128 when that is 0; tavrix_call_ports() */
+    TAVRIX_KIND_PORTS_HARDWARE, /**< up to `max`, 128 when that is 0; tavrix_call_ports_hardware() */
+    TAVRIX_KIND_MAC_FILTERS,    /**< up to `max`, 128 when that is 0; tavrix_call_mac_filters() */
+
+    TAVRIX_KIND_COUNT /**< how many there are; no kind */
+} tavrix_kind;
+
+/** Flags of a parameter. */
+enum tavrix_param_flags {
+    TAVRIX_OPTIONAL = 1 << 0,     /**< may be absent; tavrix_call_has() tells */
+    TAVRIX_MULTILINE = 1 << 1,    /**< the text may hold newlines, tabs and other control characters */
+    TAVRIX_ALLOW_ALL = 1 << 2,    /**< port and unit ids: the word `all` */
+    TAVRIX_ALLOW_MZU = 1 << 3,    /**< port ids: a unit's id, for all its ports */
+    TAVRIX_ALLOW_C_PORT = 1 << 4, /**< port ids: c1-1 and the like */
+    TAVRIX_ALLOW_D_PORT = 1 << 5, /**< port ids: d1 to d4 */
+    TAVRIX_ANY_PORT = TAVRIX_ALLOW_C_PORT | TAVRIX_ALLOW_D_PORT,
+    TAVRIX_ANY_PORTS = TAVRIX_ANY_PORT | TAVRIX_ALLOW_MZU | TAVRIX_ALLOW_ALL
+};
+
+/** A row of parameters, or of a result's members. Rows end with #TAVRIX_PARAM_END. */
+typedef struct tavrix_service_param tavrix_service_param;
+struct tavrix_service_param {
+    const char *name; /**< the member's name; empty: the element of an array, or the result, itself */
+    tavrix_kind kind;
+    const char *summary; /**< one line */
+    unsigned flags;      /**< see tavrix_param_flags; 0 is a required one */
+    int64_t min;         /**< see the kind; min and max both 0: no bound but the kind's own */
+    int64_t max;
+    const char *const *words;            /**< for #TAVRIX_KIND_WORD: ended by a null pointer */
+    const tavrix_service_param *members; /**< for objects and arrays of objects: rows; null: any */
+};
+
+/** A row without bounds. */
+#define TAVRIX_PARAM(name, kind, summary, flags)                                                                       \
+    { name, kind, summary, flags, 0, 0, NULL, NULL }
+/** A row with bounds. */
+#define TAVRIX_PARAM_RANGE(name, kind, summary, flags, min, max)                                                       \
+    { name, kind, summary, flags, min, max, NULL, NULL }
+/** A row for one of a table's words, such as tavrix_link_speed_strings. */
+#define TAVRIX_PARAM_WORDS(name, words, summary, flags)                                                                \
+    { name, TAVRIX_KIND_WORD, summary, flags, 0, 0, words, NULL }
+/** A row for an object, or for an array of `min` to `max` objects. */
+#define TAVRIX_PARAM_MEMBERS(name, kind, summary, flags, min, max, members)                                            \
+    { name, kind, summary, flags, min, max, NULL, members }
+/** The last row. */
+#define TAVRIX_PARAM_END                                                                                               \
+    { NULL, TAVRIX_KIND_NONE, NULL, 0, 0, 0, NULL, NULL }
+
+/**
+ * Performs a method, on the loop's thread.
+ *
+ * @return 0 or more: answered, deferred, or else answered here with the result 0; negative: the status that the call
+ *         fails with, unless it has been answered
+ */
+typedef int (*tavrix_call_handler)(tavrix_call *call);
+
+/** Flags of a method. */
+enum tavrix_method_flags {
+    TAVRIX_METHOD_READS = 1 << 0,   /**< changes nothing */
+    TAVRIX_METHOD_CHANGES = 1 << 1, /**< changes something */
+    TAVRIX_METHOD_STRICT = 1 << 2   /**< parameters without a row are refused; otherwise they are ignored */
+};
+
+/** A row of the table. The table ends with #TAVRIX_METHOD_END. */
+typedef struct tavrix_service_method {
+    const char *name; /**< without control characters; all names of a table belong to one channel */
+    tavrix_call_handler handler;
+    const char *summary;                /**< one line */
+    const tavrix_service_param *params; /**< null: none */
+    const tavrix_service_param *result; /**< the result's members, or one row without a name; null: 0 */
+    unsigned flags;                     /**< see tavrix_method_flags */
+} tavrix_service_method;
+
+/** A row. */
+#define TAVRIX_METHOD(name, handler, summary, params, result, flags)                                                   \
+    { name, handler, summary, params, result, flags }
+/** The last row. */
+#define TAVRIX_METHOD_END                                                                                              \
+    { NULL, NULL, NULL, NULL, NULL, 0 }
+/** @} */
+
+/**
+ * @name The service
+ * @{
+ */
+
+/** Flags of a service. */
+enum tavrix_service_flags {
+    TAVRIX_SERVICE_BUS = 1 << 0,         /**< take requests on the bus instead of on the session */
+    TAVRIX_SERVICE_NEED_ROUTER = 1 << 1, /**< end with a failure when the router is not there at the start */
+    TAVRIX_SERVICE_NO_SIGNALS = 1 << 2,  /**< leave SIGTERM, SIGINT, SIGHUP and SIGPIPE alone */
+    TAVRIX_SERVICE_SILENT = 1 << 3       /**< bind no publisher: the service's notifications go over its session */
+};
+
+/** What a service is made of. What is null or 0 is chosen by the kit. */
+typedef struct tavrix_service_options {
+    const char *name; /**< also the logger's name, which is kept as the pointer: has to live as long as the process */
+    const tavrix_service_method *methods; /**< null: a client that only calls and listens, and registers nowhere */
+    void *user;                           /**< for tavrix_service_user() and tavrix_call_user() */
+    const char *session;        /**< the router's session socket; null: TAVRIX_SESSION or #TAVRIX_SERVICE_SESSION;
+                                     empty: none, only the bus, whose addresses are given */
+    const char *const *publish; /**< bus addresses to publish on, ended by null; null: one in the router's folder */
+    const char *const *connect; /**< bus addresses to listen to besides the router's and the services' that it knows */
+    unsigned flags;             /**< see tavrix_service_flags */
+    struct event_base *base;    /**< the loop to live in; null: one of its own */
+    /** Called by tavrix_service_main() before it runs: open what the handlers need, or fail. */
+    int (*start)(tavrix_service *service, void *user);
+    /** Called each time when the service has registered; requests and subscriptions can be made before, too. */
+    void (*ready)(tavrix_service *service, void *user);
+    /** Called by tavrix_service_main() before it closes the service. */
+    void (*stop)(tavrix_service *service, void *user);
+    const char *summary; /**< one line, for --help and the description */
+    const char *version; /**< for --version and the description */
+} tavrix_service_options;
+
+/**
+ * Makes a service: checks the table, names the logger, binds the given addresses. Connects to nothing yet.
+ *
+ * @param options     copied; what it points to has to live as long as the service
+ * @param service_out receives the service; tavrix_service_close() releases it
+ * @return 0; -20 for a null argument; -4 for options that cannot be: a bad name, two channels in one table; -1 for an
+ *         address that cannot be bound; -22. The log tells at error level what is wrong and what to do.
+ */
+TAVRIX_SERVICE_API int tavrix_service_open(const tavrix_service_options *options, tavrix_service **service_out);
+
+/**
+ * Serves until tavrix_service_stop(), SIGTERM or SIGINT. Then requests to others are cancelled, deferred calls are
+ * answered -32014, and what waits to be written is written, for a second at most.
+ *
+ * @return 0 when it was stopped; -1, with a line in the log, when it cannot go on
+ */
+TAVRIX_SERVICE_API int tavrix_service_run(tavrix_service *service);
+
+/**
+ * Starts what tavrix_service_run() starts, without running the loop: for a program that runs the event_base itself.
+ * It then ends the service with tavrix_service_close().
+ */
+TAVRIX_SERVICE_API int tavrix_service_start(tavrix_service *service);
+
+/** Ends tavrix_service_run(), from a handler, a callback or before it. */
+TAVRIX_SERVICE_API void tavrix_service_stop(tavrix_service *service);
+
+/**
+ * Releases the service: cancels its requests, answers deferred calls -32014 as far as that can be written at once,
+ * closes its sockets. Not from a handler or a callback. A null service is none.
+ */
+TAVRIX_SERVICE_API void tavrix_service_close(tavrix_service *service);
+
+/**
+ * A whole daemon: reads the options that every service has from the command line (--session, --publish, --connect,
+ * --bus, --need-router, --help, --version), opens, calls `start`, runs, calls `stop`, closes.
+ *
+ * @return what main returns: 0 stopped by a signal, 1 cannot start or go on, 2 wrong usage
+ */
+TAVRIX_SERVICE_API int tavrix_service_main(const tavrix_service_options *options, int argc, char **argv);
+
+/** The options' user pointer. */
+TAVRIX_SERVICE_API void *tavrix_service_user(const tavrix_service *service);
+
+/** The service's name. */
+TAVRIX_SERVICE_API const char *tavrix_service_name(const tavrix_service *service);
+
+/** The loop: everything that libevent has works beside the service. It stays the service's, or the options'. */
+TAVRIX_SERVICE_API struct event_base *tavrix_service_base(const tavrix_service *service);
+
+/** Whether the service is registered and settled at this moment. */
+TAVRIX_SERVICE_API bool tavrix_service_is_ready(const tavrix_service *service);
+
+/**
+ * Ends what a number names: a request (its callback is called with #TAVRIX_OUTCOME_CANCELLED before this returns), a
+ * subscription, a timer, a listener.
+ *
+ * @return 0; -38 when the number names nothing any more
+ */
+TAVRIX_SERVICE_API int tavrix_service_cancel(tavrix_service *service, uint64_t number);
+/** @} */
+
+/**
+ * @name Answering a call
+ * A handle is valid while its handler runs. With tavrix_call_defer() it stays valid until the call is answered or
+ * abandoned; the number that names it finds it again, or finds that it is gone.
+ * @{
+ */
+
+/** How a call came. */
+typedef enum tavrix_road {
+    TAVRIX_ROAD_SESSION, /**< from the router, over the session */
+    TAVRIX_ROAD_BUS,     /**< over the bus: from a router, or from another daemon */
+    TAVRIX_ROAD_UNIX,    /**< over a unix socket of the service's own */
+    TAVRIX_ROAD_TCP,     /**< over a TCP port of the service's own */
+    TAVRIX_ROAD_PULL     /**< one-way, over a pull socket */
+} tavrix_road;
+
+/** Who calls, as far as it is known: -1 where it is not. */
+typedef struct tavrix_caller {
+    tavrix_road road;
+    pid_t pid; /**< known for unix sockets */
+    uid_t uid;
+    gid_t gid;
+} tavrix_caller;
+
+TAVRIX_SERVICE_API tavrix_service *tavrix_call_service(const tavrix_call *call);
+/** The options' user pointer. */
+TAVRIX_SERVICE_API void *tavrix_call_user(const tavrix_call *call);
+/** The row of the table. */
+TAVRIX_SERVICE_API const tavrix_service_method *tavrix_call_method(const tavrix_call *call);
+/** Who calls. */
+TAVRIX_SERVICE_API tavrix_caller tavrix_call_caller(const tavrix_call *call);
+/** Whether an answer is wanted: false for one without an "id". */
+TAVRIX_SERVICE_API bool tavrix_call_wants_answer(const tavrix_call *call);
+/** How long the caller goes on waiting, in milliseconds; 0 when that has passed. */
+TAVRIX_SERVICE_API int tavrix_call_time_left_ms(const tavrix_call *call);
+
+/** The request's "params", borrowed; null when it has none. */
+TAVRIX_SERVICE_API json_t *tavrix_call_params(const tavrix_call *call);
+
+/**
+ * Whether an optional parameter is there. The getters give null, 0 or false for one that is not, and, with a line in
+ * the log, for a name that has no row or a row of another kind. Texts and records live as long as the handle.
+ */
+TAVRIX_SERVICE_API bool tavrix_call_has(const tavrix_call *call, const char *name);
+TAVRIX_SERVICE_API const char *tavrix_call_text(const tavrix_call *call, const char *name);
+TAVRIX_SERVICE_API int64_t tavrix_call_integer(const tavrix_call *call, const char *name);
+TAVRIX_SERVICE_API uint64_t tavrix_call_uint64(const tavrix_call *call, const char *name);
+TAVRIX_SERVICE_API double tavrix_call_real(const tavrix_call *call, const char *name);
+TAVRIX_SERVICE_API bool tavrix_call_boolean(const tavrix_call *call, const char *name);
+/** The position of an enumerated word in its table: the row's, or the kind's, such as tavrix_vlan_mode_strings. */
+TAVRIX_SERVICE_API int tavrix_call_word(const tavrix_call *call, const char *name);
+/** The value as it came, checked, borrowed. */
+TAVRIX_SERVICE_API json_t *tavrix_call_json(const tavrix_call *call, const char *name);
+/** The VLAN ids; `*count_out` receives how many. */
+TAVRIX_SERVICE_API const int *tavrix_call_integers(const tavrix_call *call, const char *name, int *count_out);
+TAVRIX_SERVICE_API tavrix_port_input *tavrix_call_ports(const tavrix_call *call, const char *name, int *count_out);
+TAVRIX_SERVICE_API tavrix_port_hardware_input *tavrix_call_ports_hardware(const tavrix_call *call, const char *name,
+                                                                          int *count_out);
+/** `first` and `second` of the records are 0. */
+TAVRIX_SERVICE_API tavrix_mac_filter *tavrix_call_mac_filters(const tavrix_call *call, const char *name,
+                                                              int *count_out);
+
+/**
+ * Answers with a result.
+ *
+ * @param call   may be null, as tavrix_service_deferred() gives it for a call that is over
+ * @param result taken; null is answered -32603, as when json_pack() found no memory
+ * @return 0; -38 when the call is null or has been answered already
+ */
+TAVRIX_SERVICE_API int tavrix_call_reply(tavrix_call *call, json_t *result);
+
+/**
+ * Answers with the JSON-RPC error that belongs to a status, and the status's words as `{"message": ...}`.
+ *
+ * @return the status itself, so that a handler can end with it; -38 as for tavrix_call_reply()
+ */
+TAVRIX_SERVICE_API int tavrix_call_fail(tavrix_call *call, int status);
+
+/**
+ * Answers with a JSON-RPC error.
+ *
+ * @param code    see tavrix_jrpc_code; the error's "message" is the catalogue's
+ * @param message what is wrong, for a person: stored as "message" in the data; null for none
+ * @param data    taken: an object, to which the message is added, or null for none
+ * @return 0; -38 as for tavrix_call_reply()
+ */
+TAVRIX_SERVICE_API int tavrix_call_fail_with(tavrix_call *call, int code, const char *message, json_t *data);
+
+/**
+ * Lets the handler return without an answer.
+ *
+ * The call ends when it is answered, and when nobody waits for it any more: the router has cancelled it, its deadline
+ * has passed, the direct socket's client has gone.
+ *
+ * @param call      the handler's
+ * @param abandoned called in the second case, while the handle is still valid for reading; may be null
+ * @param user      for the callback
+ * @return the call's number; 0 when too many are deferred: then the call has been answered -32014
+ */
+TAVRIX_SERVICE_API uint64_t tavrix_call_defer(tavrix_call *call, void (*abandoned)(tavrix_call *call, void *user),
+                                              void *user);
+
+/**
+ * The handle of a deferred call.
+ *
+ * @code
+ * tavrix_call_reply(tavrix_service_deferred(service, number), json_true()); // does nothing when it is over
+ * @endcode
+ *
+ * @return null when it has been answered or abandoned
+ */
+TAVRIX_SERVICE_API tavrix_call *tavrix_service_deferred(const tavrix_service *service, uint64_t number);
+/** @} */
+
+/**
+ * @name Calling other services
+ * @{
+ */
+
+/** How a request ended. */
+typedef enum tavrix_outcome {
+    TAVRIX_OUTCOME_RESULT,   /**< `result` */
+    TAVRIX_OUTCOME_ERROR,    /**< `code`, `message`, `data` */
+    TAVRIX_OUTCOME_TIMEOUT,  /**< no answer in time; `code` is -32005 */
+    TAVRIX_OUTCOME_GONE,     /**< nobody serves the method, or the connection broke; `code` is -32601 */
+    TAVRIX_OUTCOME_CANCELLED /**< by tavrix_service_cancel(), or because the service ends */
+} tavrix_outcome;
+
+/** A request's end. The values are borrowed. */
+typedef struct tavrix_answer {
+    tavrix_outcome outcome;
+    json_t *result;      /**< null unless there is one */
+    int code;            /**< the error's JSON-RPC code; 0 for a result and a cancellation */
+    const char *message; /**< the error's message, never null */
+    json_t *data;        /**< the error's data; may be null */
+} tavrix_answer;
+
+/** Called once for each request, never before tavrix_service_request() has returned. */
+typedef void (*tavrix_answer_callback)(tavrix_service *service, const tavrix_answer *answer, void *user);
+
+/**
+ * Sends a request through the router. One that is made before the session stands waits for it.
+ *
+ * @param method     a method's name
+ * @param params     taken: an object, or null for none
+ * @param timeout_ms at least 1: how long the answer may take
+ * @param callback   receives the outcome
+ * @param user       for the callback
+ * @return the request's number, for tavrix_service_cancel(); 0 when the request cannot be made: then the log tells why,
+ *         and the callback is not called
+ */
+TAVRIX_SERVICE_API uint64_t tavrix_service_request(tavrix_service *service, const char *method, json_t *params,
+                                                   int timeout_ms, tavrix_answer_callback callback, void *user);
+
+/**
+ * Passes a request's failure on as the answer to a call: code, message and data as they came; a call that depends on
+ * another then fails as that one did. A result is passed on as it is.
+ */
+TAVRIX_SERVICE_API int tavrix_call_pass_on(tavrix_call *call, const tavrix_answer *answer);
+
+/**
+ * Sends a request and waits for its answer: for simple programs. It needs no service, and serves none while it waits;
+ * inside a running service's loop it says so in the log.
+ *
+ * @param session      the session socket; null as in the options
+ * @param method       a method's name
+ * @param params       taken: an object, or null for none
+ * @param timeout_ms   at least 1
+ * @param response_out receives the whole response object, with "result" or "error"; the caller releases it
+ * @return 0; -2 without an answer in time; -51 when the router is not there; -50 when it went away; -4 for a bad
+ *         method or time; -22
+ */
+TAVRIX_SERVICE_API int tavrix_request_wait(const char *session, const char *method, json_t *params, int timeout_ms,
+                                           json_t **response_out);
+/** @} */
+
+/**
+ * @name Notifications
+ * @{
+ */
+
+/**
+ * Publishes a notification.
+ *
+ * @param method its name
+ * @param params taken: an object, or null for none
+ * @return 0; -4 for a bad name; -22; -1 when there is neither a publisher nor a session
+ */
+TAVRIX_SERVICE_API int tavrix_service_publish(tavrix_service *service, const char *method, json_t *params);
+
+/** Called for each notification; the values are borrowed, `params` may be null. */
+typedef void (*tavrix_notification_callback)(tavrix_service *service, const char *method, json_t *params, void *user);
+
+/**
+ * Asks the router for every service's notifications of a pattern, now and after each reconnection.
+ *
+ * @param pattern a method's name, or the beginning of one followed by `*`
+ * @return the subscription's number, for tavrix_service_cancel(); 0 when it cannot be made: then the log tells why
+ */
+TAVRIX_SERVICE_API uint64_t tavrix_service_subscribe(tavrix_service *service, const char *pattern,
+                                                     tavrix_notification_callback callback, void *user);
+
+/**
+ * Sets what is called when notifications have been lost: `count` of them because this service did not read for long;
+ * with 0 an unknown number, because the connection to the router was away. Null for nothing.
+ */
+TAVRIX_SERVICE_API void tavrix_service_on_lost(tavrix_service *service,
+                                               void (*lost)(tavrix_service *service, uint64_t count, void *user),
+                                               void *user);
+/** @} */
+
+/**
+ * @name Timers and sockets of the service's own
+ * tavrix_service_cancel() ends each. On failure they return 0 and the log tells why.
+ * @{
+ */
+
+/**
+ * Calls back after `first_ms`, then every `interval_ms`; an interval of 0 is once.
+ *
+ * @return the timer's number
+ */
+TAVRIX_SERVICE_API uint64_t tavrix_service_timer(tavrix_service *service, int first_ms, int interval_ms,
+                                                 void (*callback)(tavrix_service *service, void *user), void *user);
+
+/**
+ * Answers requests on a unix socket, as tavrix_jrpc_unix_socket_run() does: one of at most 1024 bytes, one answer,
+ * closed; it may come in pieces. Takes the place of a socket that was left behind, not that of a daemon that serves
+ * there, nor that of another file. A client that sends nothing costs a descriptor until it is closed after ten
+ * seconds, or earlier when there are too many.
+ */
+TAVRIX_SERVICE_API uint64_t tavrix_service_listen_unix(tavrix_service *service, const char *path);
+
+/**
+ * The same on a TCP port.
+ *
+ * @param address  an IPv4 address; null: 127.0.0.1
+ * @param port     1 to 65535; 0 lets the system choose
+ * @param port_out receives the port; may be null
+ */
+TAVRIX_SERVICE_API uint64_t tavrix_service_listen_tcp(tavrix_service *service, const char *address, unsigned port,
+                                                      unsigned *port_out);
+
+/** Takes one-way requests on a bus pull socket; nothing is ever answered. @param address `tcp://` or `ipc://` */
+TAVRIX_SERVICE_API uint64_t tavrix_service_listen_pull(tavrix_service *service, const char *address);
+/** @} */
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

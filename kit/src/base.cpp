@@ -1,0 +1,204 @@
+/*
+ * The kit's leaves: clock, buffers, foreign text, names, the directory of numbered things, and the memory of a call.
+ */
+#include <cctype>
+#include <cstdio>
+#include <ctime>
+
+#include "internal.h"
+
+namespace kit {
+
+namespace {
+
+constexpr size_t first_capacity = 4096;
+constexpr size_t kept_capacity = 64 * 1024;
+constexpr size_t max_method_name = 255;
+
+} // namespace
+
+// --- Time ----------------------------------------------------------------------------------------------------------
+
+int64_t now_ms() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
+timeval time_of_ms(int64_t ms) {
+    timeval time{};
+    time.tv_sec = static_cast<decltype(time.tv_sec)>(ms / 1000);
+    time.tv_usec = static_cast<decltype(time.tv_usec)>(ms % 1000 * 1000);
+    return time;
+}
+
+// --- Buffers -------------------------------------------------------------------------------------------------------
+
+bool buffer_reserve(Buffer *buffer, size_t count) {
+    if (buffer->capacity - buffer->end >= count) {
+        return true;
+    }
+    if (buffer->start > 0) {
+        std::memmove(buffer->bytes, buffer->data(), buffer->size());
+        buffer->end -= buffer->start;
+        buffer->start = 0;
+    }
+    if (buffer->capacity - buffer->end >= count) {
+        return true;
+    }
+    size_t capacity = buffer->capacity == 0 ? first_capacity : buffer->capacity;
+    while (capacity - buffer->end < count) {
+        capacity *= 2;
+    }
+    char *bytes = static_cast<char *>(std::realloc(buffer->bytes, capacity));
+    if (bytes == nullptr) {
+        return false;
+    }
+    buffer->bytes = bytes;
+    buffer->capacity = capacity;
+    return true;
+}
+
+bool buffer_append(Buffer *buffer, const char *bytes, size_t count) {
+    if (!buffer_reserve(buffer, count)) {
+        return false;
+    }
+    std::memcpy(buffer->bytes + buffer->end, bytes, count);
+    buffer->end += count;
+    return true;
+}
+
+void buffer_consume(Buffer *buffer, size_t count) {
+    buffer->start += count;
+    if (buffer->start < buffer->end) {
+        return;
+    }
+    buffer->start = 0;
+    buffer->end = 0;
+    if (buffer->capacity > kept_capacity) {
+        buffer_free(buffer);
+    }
+}
+
+void buffer_free(Buffer *buffer) {
+    std::free(buffer->bytes);
+    *buffer = Buffer{};
+}
+
+// --- Texts ---------------------------------------------------------------------------------------------------------
+
+Printable::Printable(const char *foreign) {
+    constexpr size_t escaped = 4;
+    constexpr size_t room = sizeof text - escaped - sizeof "...";
+    size_t length = 0;
+    for (; foreign != nullptr && *foreign != '\0'; ++foreign) {
+        if (length >= room) {
+            length += static_cast<size_t>(std::snprintf(text + length, sizeof "...", "..."));
+            break;
+        }
+        const auto byte = static_cast<unsigned char>(*foreign);
+        if (byte >= ' ' && byte < 127) {
+            text[length++] = *foreign;
+        } else {
+            length += static_cast<size_t>(std::snprintf(text + length, escaped + 1, "\\x%02x", byte));
+        }
+    }
+    text[length] = '\0';
+}
+
+bool has_control_characters(const char *text) {
+    for (; *text != '\0'; ++text) {
+        const auto byte = static_cast<unsigned char>(*text);
+        if (byte < ' ' || byte == 127) {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool is_method_name(const char *name) {
+    return name != nullptr && *name != '\0' && std::strlen(name) <= max_method_name && !has_control_characters(name) &&
+           std::strchr(name, '|') == nullptr;
+}
+
+bool matches(const char *pattern, const char *name) {
+    const size_t length = std::strlen(pattern);
+    if (length > 0 && pattern[length - 1] == '*') {
+        return std::strncmp(pattern, name, length - 1) == 0;
+    }
+    return std::strcmp(pattern, name) == 0;
+}
+
+// --- Directory -----------------------------------------------------------------------------------------------------
+
+uint64_t enter(Directory *directory, Entry *entry, EntryType type) {
+    entry->number = ++directory->last_number;
+    entry->type = type;
+    Entry **bucket = &directory->buckets[entry->number % bucket_count];
+    entry->chain = *bucket;
+    *bucket = entry;
+    EntryList *list = &directory->lists[type];
+    entry->previous = list->last;
+    entry->next = nullptr;
+    (list->last != nullptr ? list->last->next : list->first) = entry;
+    list->last = entry;
+    ++list->count;
+    return entry->number;
+}
+
+void leave(Directory *directory, Entry *entry) {
+    Entry **place = &directory->buckets[entry->number % bucket_count];
+    while (*place != entry) {
+        place = &(*place)->chain;
+    }
+    *place = entry->chain;
+    EntryList *list = &directory->lists[entry->type];
+    (entry->previous != nullptr ? entry->previous->next : list->first) = entry->next;
+    (entry->next != nullptr ? entry->next->previous : list->last) = entry->previous;
+    --list->count;
+}
+
+Entry *find(const Directory *directory, uint64_t number) {
+    Entry *entry = directory->buckets[number % bucket_count];
+    while (entry != nullptr && entry->number != number) {
+        entry = entry->chain;
+    }
+    return entry;
+}
+
+Entry *find(const Directory *directory, uint64_t number, EntryType type) {
+    Entry *entry = find(directory, number);
+    return entry != nullptr && entry->type == type ? entry : nullptr;
+}
+
+// --- The memory of a call ------------------------------------------------------------------------------------------
+
+void *arena_take(Arena *arena, size_t size) {
+    constexpr size_t alignment = alignof(std::max_align_t);
+    size = (size + alignment - 1) / alignment * alignment;
+    if (sizeof arena->first - arena->used >= size) {
+        void *memory = arena->first + arena->used;
+        arena->used += size;
+        std::memset(memory, 0, size);
+        return memory;
+    }
+    constexpr size_t header = (sizeof(ArenaChunk) + alignment - 1) / alignment * alignment;
+    auto *chunk = static_cast<ArenaChunk *>(std::calloc(1, header + size));
+    if (chunk == nullptr) {
+        return nullptr;
+    }
+    chunk->next = arena->chunks;
+    arena->chunks = chunk;
+    return reinterpret_cast<char *>(chunk) + header;
+}
+
+void arena_clear(Arena *arena) {
+    while (arena->chunks != nullptr) {
+        ArenaChunk *next = arena->chunks->next;
+        std::free(arena->chunks);
+        arena->chunks = next;
+    }
+    arena->used = 0;
+}
+
+} // namespace kit

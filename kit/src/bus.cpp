@@ -1,0 +1,408 @@
+/*
+ * The bus: a publisher, and a subscriber that is connected to the router and to the other services.
+ *
+ * The endpoint table follows what the router tells: its own addresses and those of the services that it knows. nanomsg
+ * goes on trying to reach an address until it is let go, so nobody who has gone stays in the table.
+ */
+#include <cerrno>
+#include <cstdio>
+
+#include <arpa/inet.h>
+#include <nanomsg/nn.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "internal.h"
+#include "tavrix_mq.h"
+
+namespace kit {
+
+namespace {
+
+constexpr char unit_name[] = "service_bus";
+constexpr int messages_per_turn = 64; // a peer that floods the bus must not keep the rest of the loop waiting
+constexpr int port_attempts = 8;
+constexpr mode_t private_to_group = 0007;
+
+// --- Sockets -------------------------------------------------------------------------------------------------------
+
+void close_socket(int *socket) {
+    if (*socket >= 0) {
+        tavrix_mq_socket_close(*socket);
+    }
+    *socket = -1;
+}
+
+bool is_published(const Bus *bus, const char *address) {
+    for (size_t i = 0; i < bus->published_count; ++i) {
+        if (std::strcmp(bus->published[i], address) == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool note_published(Bus *bus, const char *address) {
+    void *grown = std::realloc(bus->published, (bus->published_count + 1) * sizeof bus->published[0]);
+    if (grown == nullptr) {
+        return false;
+    }
+    bus->published = static_cast<char(*)[max_bus_address + 1]>(grown);
+    std::snprintf(bus->published[bus->published_count], sizeof bus->published[0], "%s", address);
+    ++bus->published_count;
+    return true;
+}
+
+/** Binds the publisher to an address more; errno tells why not. */
+bool bind_publisher(tavrix_service *service, const char *address) {
+    Bus *bus = &service->bus;
+    if (is_published(bus, address)) {
+        return true;
+    }
+    if (bus->pub < 0 && tavrix_mq_socket_init(TAVRIX_SP_PUB, &bus->pub) != TAVRIX_OK) {
+        return false;
+    }
+    int id = 0;
+    const mode_t mask = umask(private_to_group); // who may connect to a socket's file is what its mode says
+    const int rc = tavrix_mq_socket_bind(bus->pub, transport_of(address), address, &id);
+    const int reason = nn_errno();
+    umask(mask);
+    errno = reason;
+    return rc == TAVRIX_OK && note_published(bus, address);
+}
+
+bool publish_on(tavrix_service *service, const char *address) {
+    if (transport_of(address) == 0) {
+        LOG_ERROR("Cannot publish on %s: an address begins with tcp:// or ipc:// and has at most %zu bytes\n",
+                  Printable(address).text, max_bus_address);
+        return false;
+    }
+    if (!bind_publisher(service, address)) {
+        LOG_ERROR("Cannot publish on %s: %s; is another %s running?\n", Printable(address).text, bus_error(),
+                  service->name);
+        return false;
+    }
+    return true;
+}
+
+/** A loopback port that nobody listens on at the moment; 0 without one. */
+unsigned free_port() {
+    const tavrix::Descriptor fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address;
+    if (!fd || bind(fd.get(), reinterpret_cast<sockaddr *>(&address), size) != 0 ||
+        getsockname(fd.get(), reinterpret_cast<sockaddr *>(&address), &size) != 0) {
+        return 0;
+    }
+    return ntohs(address.sin_port);
+}
+
+bool publish_on_free_port(tavrix_service *service) {
+    for (int left = port_attempts; left > 0; --left) {
+        char address[max_bus_address + 1];
+        std::snprintf(address, sizeof address, "tcp://127.0.0.1:%u", free_port());
+        if (bind_publisher(service, address)) {
+            return true;
+        }
+    }
+    LOG_ERROR("Cannot publish on a free port of 127.0.0.1: %s\n", bus_error());
+    return false;
+}
+
+/** The service's own address: in the router's folder, or else a loopback port. Kept over the router's restarts. */
+bool publish_where_told(tavrix_service *service, const char *folder) {
+    if (service->options.publish != nullptr || (service->options.flags & TAVRIX_SERVICE_SILENT) != 0) {
+        return true;
+    }
+    if (folder == nullptr) {
+        return service->bus.published_count > 0 || publish_on_free_port(service);
+    }
+    char address[2 * max_bus_address];
+    const int length = std::snprintf(address, sizeof address, "ipc://%s/%s", folder, service->name);
+    if (length < 0 || static_cast<size_t>(length) > max_bus_address || has_control_characters(address)) {
+        LOG_ERROR("Cannot publish in the router's folder %s: the path would be too long\n", Printable(folder).text);
+        return false;
+    }
+    return publish_on(service, address);
+}
+
+// --- Endpoints -----------------------------------------------------------------------------------------------------
+
+Endpoint *find_endpoint(Bus *bus, const char *address) {
+    for (size_t i = 0; i < bus->endpoint_count; ++i) {
+        if (std::strcmp(bus->endpoints[i].address, address) == 0) {
+            return &bus->endpoints[i];
+        }
+    }
+    return nullptr;
+}
+
+void let_go(Bus *bus, size_t index) {
+    tavrix_mq_socket_shutdown(bus->sub, bus->endpoints[index].id);
+    bus->endpoints[index] = bus->endpoints[--bus->endpoint_count];
+}
+
+/** Lets those go that `is_unwanted` names. */
+template <class Predicate>
+void let_go_if(Bus *bus, Predicate is_unwanted) {
+    for (size_t i = 0; i < bus->endpoint_count;) {
+        if (!bus->endpoints[i].fixed && is_unwanted(bus->endpoints[i])) {
+            let_go(bus, i);
+        } else {
+            ++i;
+        }
+    }
+}
+
+bool subscribe(tavrix_service *service) {
+    Bus *bus = &service->bus;
+    if (bus->sub >= 0) {
+        return true;
+    }
+    const bool made = tavrix_mq_socket_init(TAVRIX_SP_SUB, &bus->sub) == TAVRIX_OK &&
+                      receive_large_messages(bus->sub) &&
+                      tavrix_mq_socket_subscribe(bus->sub, service->channel) == TAVRIX_OK &&
+                      (std::strcmp(service->channel, TAVRIX_CHANNEL_DEFAULT) == 0 ||
+                       tavrix_mq_socket_subscribe(bus->sub, TAVRIX_CHANNEL_DEFAULT) == TAVRIX_OK);
+    if (!made) {
+        LOG_ERROR("Cannot make a subscriber: %s\n", bus_error());
+        close_socket(&bus->sub);
+    }
+    return made;
+}
+
+void connect_endpoint(tavrix_service *service, const char *address, const char *owner, bool fixed) {
+    Bus *bus = &service->bus;
+    Endpoint *known = find_endpoint(bus, address);
+    if (known != nullptr) {
+        known->wanted = true;
+        return;
+    }
+    if (is_published(bus, address) || bus->sub < 0) {
+        return;
+    }
+    Endpoint endpoint{};
+    endpoint.wanted = true;
+    endpoint.fixed = fixed;
+    const int transport = transport_of(address);
+    void *grown = bus->endpoint_count < max_endpoints
+                      ? std::realloc(bus->endpoints, (bus->endpoint_count + 1) * sizeof endpoint)
+                      : nullptr;
+    if (grown != nullptr) {
+        bus->endpoints = static_cast<Endpoint *>(grown);
+    }
+    if (transport == 0 || grown == nullptr ||
+        tavrix_mq_socket_connect(bus->sub, transport, address, &endpoint.id) != TAVRIX_OK) {
+        LOG_ERROR("Cannot listen to %s: %s\n", Printable(address).text,
+                  transport == 0 ? "this is no bus address" : (grown == nullptr ? "too many addresses" : bus_error()));
+        return;
+    }
+    std::snprintf(endpoint.address, sizeof endpoint.address, "%s", address);
+    std::snprintf(endpoint.owner, sizeof endpoint.owner, "%s", owner);
+    bus->endpoints[bus->endpoint_count++] = endpoint;
+}
+
+void connect_all(tavrix_service *service, const json_t *addresses, const char *owner) {
+    for (size_t i = 0; i < json_array_size(addresses); ++i) {
+        const char *address = json_string_value(json_array_get(addresses, i));
+        if (address != nullptr) {
+            connect_endpoint(service, address, owner, false);
+        }
+    }
+}
+
+/** A service that the router tells of; the service itself is passed over. */
+void connect_service(tavrix_service *service, const json_t *description) {
+    const char *name = json_string_value(json_object_get(description, "name"));
+    if (name != nullptr && *name != '\0' && std::strcmp(name, service->name) != 0) {
+        connect_all(service, json_object_get(description, "publish"), name);
+    }
+}
+
+// --- Frames --------------------------------------------------------------------------------------------------------
+
+void say_hello(tavrix_service *service) {
+    Text text =
+        request_text("router.Hello", json_pack("{s:s, s:s}", "name", service->name, "channel", service->channel), 0);
+    if (text) {
+        bus_publish(service, TAVRIX_ROUTER_REPLY_CHANNEL, text.get());
+    }
+}
+
+/** Whether a router's word is for this service: several share a channel. One without a name is for all. */
+bool is_addressed(const tavrix_service *service, const json_t *params) {
+    const char *name = json_string_value(json_object_get(params, "name"));
+    return name == nullptr || std::strcmp(name, service->name) == 0;
+}
+
+/** The router's own words on the bus; false for any other method. */
+bool take_bus_notice(tavrix_service *service, const char *method, const json_t *params) {
+    const bool is_probe = std::strcmp(method, "service.Probe") == 0;
+    const bool is_welcome = std::strcmp(method, "service.Welcome") == 0;
+    if ((is_probe || is_welcome) && is_addressed(service, params)) {
+        if (is_probe) {
+            say_hello(service);
+        }
+        if (service->session.path[0] == '\0' && service->session.state != session_ready) {
+            become_ready(service); // without a session this frame is the only sign that the router is there
+        }
+    }
+    return is_probe || is_welcome;
+}
+
+void take_frame(tavrix_service *service, const char *frame, size_t length) {
+    const auto *bar = static_cast<const char *>(std::memchr(frame, '|', length));
+    if (bar == nullptr) {
+        return;
+    }
+    const auto channel_length = static_cast<size_t>(bar - frame);
+    const bool own =
+        std::strlen(service->channel) == channel_length && std::memcmp(service->channel, frame, channel_length) == 0;
+    Json message(json_loadb(bar + 1, length - channel_length - 1, parse_flags, nullptr));
+    const char *method = json_string_value(json_object_get(message.get(), "method"));
+    if (method == nullptr || (!own && std::strcmp(method, "logger.ReloadConf") != 0)) {
+        return; // on the default channel the others' requests pass by
+    }
+    if (take_bus_notice(service, method, json_object_get(message.get(), "params"))) {
+        return;
+    }
+    const json_t *id = json_object_get(message.get(), "id");
+    Origin origin{};
+    origin.caller = {TAVRIX_ROAD_BUS, -1, static_cast<uid_t>(-1), static_cast<gid_t>(-1)};
+    origin.channel = json_string_value(id);
+    const bool answerable = origin.channel != nullptr && is_method_name(origin.channel);
+    if (id != nullptr && !answerable) {
+        LOG_DEBUG("%s: a request on the bus whose id is no channel is passed over\n", Printable(method).text);
+        return;
+    }
+    evaluate(service, std::move(message), origin);
+}
+
+void on_readable(evutil_socket_t /*fd*/, short /*what*/, void *argument) {
+    auto *service = static_cast<tavrix_service *>(argument);
+    for (int left = messages_per_turn; left > 0 && service->bus.sub >= 0; --left) {
+        char *frame = nullptr;
+        int length = 0;
+        if (tavrix_mq_socket_recv(service->bus.sub, &frame, &length, 1) != TAVRIX_OK) {
+            return;
+        }
+        const Text owner(frame);
+        if (frame != nullptr && length > 0) {
+            take_frame(service, frame, static_cast<size_t>(length));
+        }
+    }
+}
+
+} // namespace
+
+int transport_of(const char *address) {
+    if (std::strlen(address) > max_bus_address || has_control_characters(address)) {
+        return 0;
+    }
+    if (std::strncmp(address, "tcp://", 6) == 0) {
+        return TAVRIX_TRANSPORT_TCP;
+    }
+    return std::strncmp(address, "ipc://", 6) == 0 ? TAVRIX_TRANSPORT_IPC : 0;
+}
+
+const char *bus_error() { return nn_strerror(nn_errno()); }
+
+bool receive_large_messages(int socket) {
+    constexpr int limit = 8 * 1024 * 1024;
+    return nn_setsockopt(socket, NN_SOL_SOCKET, NN_RCVMAXSIZE, &limit, sizeof limit) == 0;
+}
+
+void bus_prepare(tavrix_service *service) {
+    service->bus.pub = -1;
+    service->bus.sub = -1;
+}
+
+bool bus_publish_given(tavrix_service *service) {
+    bool bound = true;
+    for (const char *const *address = service->options.publish; address != nullptr && *address != nullptr; ++address) {
+        bound = bound && publish_on(service, *address);
+    }
+    return bound;
+}
+
+bool bus_start(tavrix_service *service) {
+    Bus *bus = &service->bus;
+    if (bus->sub_listens) {
+        return true;
+    }
+    int descriptor = -1;
+    if (!subscribe(service) || tavrix_mq_socket_recvfd(bus->sub, &descriptor) != TAVRIX_OK) {
+        return false;
+    }
+    event_assign(&bus->readable, service->base, descriptor, EV_READ | EV_PERSIST, on_readable, service);
+    event_add(&bus->readable, nullptr);
+    bus->sub_listens = true;
+    for (const char *const *address = service->options.connect; address != nullptr && *address != nullptr; ++address) {
+        connect_endpoint(service, *address, "", true);
+    }
+    return true;
+}
+
+bool bus_follow(tavrix_service *service, const json_t *answer) {
+    Bus *bus = &service->bus;
+    if (!publish_where_told(service, json_string_value(json_object_get(answer, "folder"))) || !bus_start(service)) {
+        return false;
+    }
+    for (size_t i = 0; i < bus->endpoint_count; ++i) {
+        bus->endpoints[i].wanted = false;
+    }
+    connect_all(service, json_object_get(answer, "publish"), "");
+    const json_t *services = json_object_get(answer, "services");
+    for (size_t i = 0; i < json_array_size(services); ++i) {
+        connect_service(service, json_array_get(services, i));
+    }
+    let_go_if(bus, [](const Endpoint &endpoint) { return !endpoint.wanted; });
+    return true;
+}
+
+void bus_service_up(tavrix_service *service, const json_t *params) {
+    if (service->channel != nullptr) {
+        connect_service(service, params);
+    }
+}
+
+void bus_service_down(tavrix_service *service, const json_t *params) {
+    const char *name = json_string_value(json_object_get(params, "name"));
+    if (name != nullptr && *name != '\0') {
+        let_go_if(&service->bus, [name](const Endpoint &endpoint) { return std::strcmp(endpoint.owner, name) == 0; });
+    }
+}
+
+void bus_router_gone(tavrix_service *service) {
+    let_go_if(&service->bus, [](const Endpoint &endpoint) { return endpoint.owner[0] == '\0'; });
+}
+
+int bus_publish(tavrix_service *service, const char *channel, const char *text) {
+    if (service->bus.pub < 0) {
+        return TAVRIX_ERR_GENERAL;
+    }
+    const int rc = tavrix_jrpc_mq_pub(&service->bus.pub, channel, text);
+    if (rc != TAVRIX_OK) {
+        LOG_ERROR("Cannot publish on channel %s: %s\n", Printable(channel).text, bus_error());
+    }
+    return rc;
+}
+
+void bus_close(tavrix_service *service) {
+    Bus *bus = &service->bus;
+    if (bus->sub_listens) {
+        event_del(&bus->readable);
+        bus->sub_listens = false;
+    }
+    close_socket(&bus->sub);
+    close_socket(&bus->pub);
+    std::free(bus->endpoints);
+    std::free(bus->published);
+    *bus = Bus{};
+    bus_prepare(service);
+}
+
+} // namespace kit

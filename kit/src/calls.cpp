@@ -1,0 +1,484 @@
+/*
+ * Calls: a request is evaluated, its parameters are checked, its handler runs, and exactly one answer goes back on the
+ * road that it came by, now or later.
+ *
+ * A call's record is taken from the spare ones and goes back there; while it is deferred it stands in the directory.
+ */
+#include "internal.h"
+#include "tavrix_jrpc.h"
+#include "tavrix_utils.h"
+
+using namespace kit;
+
+namespace kit {
+
+namespace {
+
+constexpr char unit_name[] = "service_calls";
+constexpr size_t kept_spare_calls = 64;
+constexpr char reload_method[] = "logger.ReloadConf";
+constexpr char hello_method[] = "service.Hello";
+
+// --- Records -------------------------------------------------------------------------------------------------------
+
+tavrix_call *take_call(tavrix_service *service) {
+    tavrix_call *call = service->spare_calls;
+    if (call == nullptr) {
+        return make<tavrix_call>();
+    }
+    service->spare_calls = reinterpret_cast<tavrix_call *>(call->entry.next);
+    --service->spare_count;
+    return call;
+}
+
+void release_call(tavrix_call *call) {
+    tavrix_service *service = call->service;
+    json_decref(call->request);
+    arena_clear(&call->arena);
+    if (service->spare_count >= kept_spare_calls) {
+        std::free(call);
+        return;
+    }
+    std::memset(call, 0, offsetof(tavrix_call, arena)); // the arena is cleared where it is taken from
+    call->entry.next = reinterpret_cast<Entry *>(service->spare_calls);
+    service->spare_calls = call;
+    ++service->spare_count;
+}
+
+/** Takes a deferred call out of the directory; it is released when its handler no longer runs. */
+void end_deferred(tavrix_call *call) {
+    event_del(&call->deadline);
+    leave(&call->service->directory, &call->entry);
+    call->deferred = false;
+    if (!call->in_handler) {
+        release_call(call);
+    }
+}
+
+// --- Answers -------------------------------------------------------------------------------------------------------
+
+void send_answer(tavrix_call *call, const char *text) {
+    tavrix_service *service = call->service;
+    switch (call->caller.road) {
+    case TAVRIX_ROAD_SESSION:
+        if (call->session == service->session.generation) { // a router that came back knows nothing of it
+            session_write(service, text, std::strlen(text));
+        }
+        return;
+    case TAVRIX_ROAD_BUS:
+        bus_publish(service, call->channel, text);
+        return;
+    case TAVRIX_ROAD_UNIX:
+    case TAVRIX_ROAD_TCP:
+        client_answer(call->client, text);
+        return;
+    case TAVRIX_ROAD_PULL:
+        return;
+    }
+}
+
+/** Sends what there is, or lets a client go that gets nothing; the call is over. */
+int finish(tavrix_call *call, Text text) {
+    call->over = true;
+    if (call->wants_answer && text) {
+        send_answer(call, text.get());
+    } else if (call->client != nullptr) {
+        client_answer(call->client, "");
+    }
+    call->client = nullptr;
+    if (call->deferred) {
+        end_deferred(call);
+    }
+    return TAVRIX_OK;
+}
+
+Text error_text(tavrix_call *call, int code, json_t *data) {
+    if (!call->wants_answer) {
+        return nullptr;
+    }
+    return Text(tavrix_jrpc_create_error(code, call->method, data, 0, call->transaction_id));
+}
+
+int code_of_status(int status) {
+    return tavrix_jrpc_error_convert_tavrix_to_jrpc(status == TAVRIX_ERR_VALIDATION ? TAVRIX_ERR_INVALID_PARAMETER
+                                                                                    : status);
+}
+
+/** The data is taken; without any the status's words are sent. */
+int fail_with_data(tavrix_call *call, int status, json_t *data) {
+    const char *words = tavrix_error_decode(status);
+    Json owner(data != nullptr ? data : json_pack("{s:s*}", "message", words));
+    return finish(call, error_text(call, code_of_status(status), owner.get()));
+}
+
+// --- Evaluation ----------------------------------------------------------------------------------------------------
+
+bool is_text_or_number(const json_t *value) { return json_is_string(value) || json_is_number(value); }
+
+/** The envelope's checks in the library's order. Before "method" is known there is nobody to answer. */
+bool has_good_envelope(const json_t *request) {
+    const json_t *id = json_object_get(request, "id");
+    const json_t *transaction_id = json_object_get(request, "transaction_id");
+    const char *version = json_string_value(json_object_get(request, "jsonrpc"));
+    const json_t *params = json_object_get(request, "params");
+    return json_is_object(request) && (id == nullptr || is_text_or_number(id)) &&
+           (transaction_id == nullptr || json_is_number(transaction_id)) && version != nullptr &&
+           std::strcmp(version, "2.0") == 0 && (params == nullptr || json_is_object(params)) &&
+           json_object_get(request, "method") != nullptr;
+}
+
+const tavrix_service_method *find_method(const tavrix_service *service, const char *name) {
+    const tavrix_service_method *row = service->options.methods;
+    for (; row != nullptr && row->name != nullptr; ++row) {
+        if (std::strcmp(row->name, name) == 0) {
+            return row;
+        }
+    }
+    return nullptr;
+}
+
+void run_handler(tavrix_call *call) {
+    json_t *data = nullptr;
+    int rc = check_params(call->row, call->params, &call->arena, &call->values, &data);
+    if (rc != TAVRIX_OK) {
+        fail_with_data(call, rc, data);
+        return;
+    }
+    rc = call->row->handler(call);
+    if (!call->over && rc < 0) {
+        fail_with_data(call, rc, nullptr);
+    } else if (!call->over && !call->deferred) {
+        tavrix_call_reply(call, json_integer(0));
+    }
+}
+
+/** Every service's own methods; false when the name is none of them. */
+bool answer_own_method(tavrix_call *call, const char *name) {
+    if (std::strcmp(name, reload_method) == 0) {
+        tavrix_lsyslog_reload_conf();
+    } else if (std::strcmp(name, hello_method) != 0) {
+        return false;
+    }
+    tavrix_call_reply(call, json_integer(0));
+    return true;
+}
+
+void answer(tavrix_call *call) {
+    const char *name = json_string_value(call->method);
+    if (name != nullptr && answer_own_method(call, name)) {
+        return;
+    }
+    if (call->service->stopping) {
+        tavrix_call_fail_with(call, TAVRIX_JRPC_SYSTEM_BUSY, "The service ends.", nullptr);
+        return;
+    }
+    call->row = name != nullptr ? find_method(call->service, name) : nullptr;
+    if (call->row == nullptr) {
+        LOG_DEBUG("There is no method <%s>\n", Printable(name).text);
+        finish(call, error_text(call, TAVRIX_JRPC_METHOD_NOT_FOUND, nullptr));
+        return;
+    }
+    run_handler(call);
+}
+
+// --- Ends that are no answer ---------------------------------------------------------------------------------------
+
+void on_deadline(evutil_socket_t /*fd*/, short /*what*/, void *argument) {
+    auto *call = static_cast<tavrix_call *>(argument);
+    LOG_DEBUG("%s: no answer within the time that its caller waits\n", call->row->name);
+    // The router gives its own answer; nobody else tells a client of a direct socket, or a daemon on the bus.
+    if (call->caller.road != TAVRIX_ROAD_SESSION && call->wants_answer && call->client != nullptr) {
+        const Text text = error_text(call, TAVRIX_JRPC_TIMED_OUT, nullptr);
+        if (text) {
+            client_answer(call->client, text.get());
+            call->client = nullptr;
+        }
+    }
+    abandon_call(call);
+}
+
+tavrix_call *as_call(Entry *entry) { return reinterpret_cast<tavrix_call *>(entry); }
+
+Entry *first_deferred(const tavrix_service *service) { return service->directory.lists[entry_call].first; }
+
+// --- Values --------------------------------------------------------------------------------------------------------
+
+/** The value of a parameter that is there and is read as its kind wants; null otherwise. */
+const Value *value_of(const tavrix_call *call, const char *name, unsigned storages) {
+    if (call == nullptr || name == nullptr) {
+        return nullptr;
+    }
+    const tavrix_service_param *rows = call->row->params;
+    for (size_t i = 0; rows != nullptr && rows[i].name != nullptr; ++i) {
+        if (std::strcmp(rows[i].name, name) != 0) {
+            continue;
+        }
+        if ((storages & (1U << storage_of(rows[i].kind))) == 0) {
+            LOG_ERROR("%s reads its parameter %s as another kind than its row says\n", call->row->name, name);
+            return nullptr;
+        }
+        return call->values != nullptr && call->values[i].present ? &call->values[i] : nullptr;
+    }
+    LOG_ERROR("%s reads a parameter %s that has no row\n", call->row->name, name);
+    return nullptr;
+}
+
+void *records_of(const tavrix_call *call, const char *name, Storage storage, int *count_out) {
+    const Value *value = value_of(call, name, 1U << storage);
+    if (count_out != nullptr) {
+        *count_out = value != nullptr ? value->count : 0;
+    }
+    return value != nullptr ? value->records : nullptr;
+}
+
+} // namespace
+
+void evaluate(tavrix_service *service, Json request, const Origin &origin) {
+    tavrix_call *call = has_good_envelope(request.get()) ? take_call(service) : nullptr;
+    if (call == nullptr) {
+        if (origin.client != nullptr) {
+            client_answer(origin.client, "");
+        }
+        return;
+    }
+    call->service = service;
+    call->request = request.release();
+    call->params = json_object_get(call->request, "params");
+    call->method = json_object_get(call->request, "method");
+    call->transaction_id = json_object_get(call->request, "transaction_id");
+    call->wants_answer = json_object_get(call->request, "id") != nullptr && origin.caller.road != TAVRIX_ROAD_PULL;
+    call->caller = origin.caller;
+    call->channel = origin.channel;
+    call->client = origin.client;
+    call->session = service->session.generation;
+    call->deadline_ms = -1;
+    call->in_handler = true;
+    answer(call);
+    call->in_handler = false;
+    if (!call->deferred) {
+        release_call(call);
+    }
+}
+
+void abandon_call(tavrix_call *call) {
+    call->over = true;
+    if (call->client != nullptr) {
+        client_answer(call->client, "");
+        call->client = nullptr;
+    }
+    if (call->abandoned != nullptr) {
+        call->abandoned(call, call->abandoned_user);
+    }
+    end_deferred(call);
+}
+
+void abandon_session_calls(tavrix_service *service) {
+    Entry *next = nullptr;
+    for (Entry *entry = first_deferred(service); entry != nullptr; entry = next) {
+        next = entry->next;
+        if (as_call(entry)->caller.road == TAVRIX_ROAD_SESSION) {
+            as_call(entry)->over = true; // first all: what a callback answers must not change the list
+        }
+    }
+    for (Entry *entry = first_deferred(service); entry != nullptr;) {
+        if (!as_call(entry)->over) {
+            entry = entry->next;
+            continue;
+        }
+        abandon_call(as_call(entry));
+        entry = first_deferred(service);
+    }
+}
+
+void abandon_cancelled_call(tavrix_service *service, const json_t *transaction_id) {
+    for (Entry *entry = first_deferred(service); entry != nullptr; entry = entry->next) {
+        tavrix_call *call = as_call(entry);
+        if (call->caller.road == TAVRIX_ROAD_SESSION && json_equal(call->transaction_id, transaction_id) != 0) {
+            LOG_DEBUG("%s: cancelled\n", call->row->name);
+            abandon_call(call);
+            return;
+        }
+    }
+}
+
+void refuse_deferred_calls(tavrix_service *service) {
+    while (first_deferred(service) != nullptr) {
+        tavrix_call_fail_with(as_call(first_deferred(service)), TAVRIX_JRPC_SYSTEM_BUSY, "The service ends.", nullptr);
+    }
+}
+
+void free_spare_calls(tavrix_service *service) {
+    while (service->spare_calls != nullptr) {
+        tavrix_call *next = reinterpret_cast<tavrix_call *>(service->spare_calls->entry.next);
+        std::free(service->spare_calls);
+        service->spare_calls = next;
+    }
+    service->spare_count = 0;
+}
+
+} // namespace kit
+
+// --- What a call is ------------------------------------------------------------------------------------------------
+
+tavrix_service *tavrix_call_service(const tavrix_call *call) { return call != nullptr ? call->service : nullptr; }
+
+void *tavrix_call_user(const tavrix_call *call) { return call != nullptr ? call->service->options.user : nullptr; }
+
+const tavrix_service_method *tavrix_call_method(const tavrix_call *call) {
+    return call != nullptr ? call->row : nullptr;
+}
+
+tavrix_caller tavrix_call_caller(const tavrix_call *call) {
+    if (call == nullptr) {
+        return {TAVRIX_ROAD_SESSION, -1, static_cast<uid_t>(-1), static_cast<gid_t>(-1)};
+    }
+    return call->caller;
+}
+
+bool tavrix_call_wants_answer(const tavrix_call *call) { return call != nullptr && call->wants_answer && !call->over; }
+
+int tavrix_call_time_left_ms(const tavrix_call *call) {
+    if (call == nullptr || call->over) {
+        return 0;
+    }
+    if (call->deadline_ms < 0) {
+        return call->service->reply_timeout_ms; // in its handler: the time has only begun
+    }
+    const int64_t left = call->deadline_ms - now_ms();
+    return left > 0 ? static_cast<int>(left) : 0;
+}
+
+json_t *tavrix_call_params(const tavrix_call *call) { return call != nullptr ? call->params : nullptr; }
+
+// --- Values --------------------------------------------------------------------------------------------------------
+
+bool tavrix_call_has(const tavrix_call *call, const char *name) { return value_of(call, name, ~0U) != nullptr; }
+
+const char *tavrix_call_text(const tavrix_call *call, const char *name) {
+    const Value *value = value_of(call, name, 1U << stored_text);
+    return value != nullptr ? value->text : nullptr;
+}
+
+int64_t tavrix_call_integer(const tavrix_call *call, const char *name) {
+    const Value *value = value_of(call, name, 1U << stored_integer);
+    return value != nullptr ? value->integer : 0;
+}
+
+uint64_t tavrix_call_uint64(const tavrix_call *call, const char *name) {
+    const Value *value = value_of(call, name, 1U << stored_uint64);
+    return value != nullptr ? value->unsigned_integer : 0;
+}
+
+double tavrix_call_real(const tavrix_call *call, const char *name) {
+    const Value *value = value_of(call, name, 1U << stored_real);
+    return value != nullptr ? value->real : 0;
+}
+
+bool tavrix_call_boolean(const tavrix_call *call, const char *name) {
+    const Value *value = value_of(call, name, 1U << stored_boolean);
+    return value != nullptr && value->integer != 0;
+}
+
+int tavrix_call_word(const tavrix_call *call, const char *name) {
+    const Value *value = value_of(call, name, 1U << stored_text);
+    return value != nullptr ? static_cast<int>(value->integer) : 0;
+}
+
+json_t *tavrix_call_json(const tavrix_call *call, const char *name) {
+    return value_of(call, name, ~0U) != nullptr ? json_object_get(call->params, name) : nullptr;
+}
+
+const int *tavrix_call_integers(const tavrix_call *call, const char *name, int *count_out) {
+    return static_cast<const int *>(records_of(call, name, stored_integers, count_out));
+}
+
+tavrix_port_input *tavrix_call_ports(const tavrix_call *call, const char *name, int *count_out) {
+    return static_cast<tavrix_port_input *>(records_of(call, name, stored_ports, count_out));
+}
+
+tavrix_port_hardware_input *tavrix_call_ports_hardware(const tavrix_call *call, const char *name, int *count_out) {
+    return static_cast<tavrix_port_hardware_input *>(records_of(call, name, stored_ports_hardware, count_out));
+}
+
+tavrix_mac_filter *tavrix_call_mac_filters(const tavrix_call *call, const char *name, int *count_out) {
+    return static_cast<tavrix_mac_filter *>(records_of(call, name, stored_mac_filters, count_out));
+}
+
+// --- Answers -------------------------------------------------------------------------------------------------------
+
+int tavrix_call_reply(tavrix_call *call, json_t *result) {
+    const Json owner(result);
+    if (call == nullptr || call->over) {
+        return TAVRIX_ERR_NO_RECORDS;
+    }
+    if (!call->wants_answer) {
+        return finish(call, nullptr);
+    }
+    Text text;
+    if (result != nullptr) {
+        text.reset(tavrix_jrpc_create_response(result, call->method, 0, call->transaction_id));
+    }
+    if (!text) {
+        text = error_text(call, TAVRIX_JRPC_INTERNAL_ERROR, nullptr);
+    }
+    return finish(call, std::move(text));
+}
+
+int tavrix_call_fail(tavrix_call *call, int status) {
+    if (call == nullptr || call->over) {
+        return TAVRIX_ERR_NO_RECORDS;
+    }
+    status = status < 0 ? status : TAVRIX_ERR_GENERAL;
+    fail_with_data(call, status, nullptr);
+    return status;
+}
+
+int tavrix_call_fail_with(tavrix_call *call, int code, const char *message, json_t *data) {
+    Json owner(data);
+    if (call == nullptr || call->over) {
+        return TAVRIX_ERR_NO_RECORDS;
+    }
+    if (message != nullptr && !owner) {
+        owner.reset(json_object());
+    }
+    if (message != nullptr && json_is_object(owner.get())) {
+        json_object_set_new(owner.get(), "message", json_string(message));
+    }
+    return finish(call, error_text(call, code, owner.get()));
+}
+
+int tavrix_call_pass_on(tavrix_call *call, const tavrix_answer *answer) {
+    if (answer == nullptr) {
+        return TAVRIX_ERR_NULL_INPUT;
+    }
+    if (answer->outcome == TAVRIX_OUTCOME_RESULT) {
+        return tavrix_call_reply(call, json_incref(answer->result));
+    }
+    const bool cancelled = answer->outcome == TAVRIX_OUTCOME_CANCELLED;
+    return tavrix_call_fail_with(call, cancelled ? TAVRIX_JRPC_SYSTEM_BUSY : answer->code, nullptr,
+                                 json_incref(answer->data));
+}
+
+uint64_t tavrix_call_defer(tavrix_call *call, void (*abandoned)(tavrix_call *call, void *user), void *user) {
+    if (call == nullptr || call->over || call->deferred) {
+        return 0;
+    }
+    tavrix_service *service = call->service;
+    if (service->directory.lists[entry_call].count >= TAVRIX_SERVICE_MAX_DEFERRED) {
+        tavrix_call_fail_with(call, TAVRIX_JRPC_SYSTEM_BUSY, "Too many calls wait for their answers.", nullptr);
+        return 0;
+    }
+    call->deferred = true;
+    call->abandoned = abandoned;
+    call->abandoned_user = user;
+    call->deadline_ms = now_ms() + service->reply_timeout_ms;
+    evtimer_assign(&call->deadline, service->base, on_deadline, call);
+    const timeval time = time_of_ms(service->reply_timeout_ms);
+    evtimer_add(&call->deadline, &time);
+    return enter(&service->directory, &call->entry, entry_call);
+}
+
+tavrix_call *tavrix_service_deferred(const tavrix_service *service, uint64_t number) {
+    Entry *entry = service != nullptr ? find(&service->directory, number, entry_call) : nullptr;
+    return entry != nullptr ? as_call(entry) : nullptr;
+}

@@ -1,0 +1,356 @@
+/**
+ * What the units of the kit share: the service's one record, and the verbs that they use of each other.
+ *
+ * Everything that is named by a number (deferred calls, requests, subscriptions, timers, listeners) begins with an
+ * Entry, stands in one directory by its number and in one list by its type. All records are plain and come from calloc:
+ * the kit carries no C++ runtime.
+ */
+#ifndef TAVRIX_SERVICE_INTERNAL_H
+#define TAVRIX_SERVICE_INTERNAL_H
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+
+#include <event2/event.h>
+#include <event2/event_struct.h>
+#include <jansson.h>
+#include <sys/types.h>
+
+#include "internal/handles.h"
+#include "internal/log.h"
+#include "tavrix_service.h"
+
+namespace kit {
+
+using tavrix::Json;
+using tavrix::Text;
+
+constexpr size_t parse_flags = JSON_REJECT_DUPLICATES | JSON_DISABLE_EOF_CHECK | JSON_DECODE_ANY;
+constexpr size_t wire_flags = JSON_COMPACT | JSON_ENSURE_ASCII;
+constexpr int default_reply_timeout_ms = 10000;
+constexpr size_t max_line = 9 * 1024 * 1024; // a reply may be as large as a bus message, 8 MiB, and its envelope
+constexpr size_t max_unwritten = 16 * 1024 * 1024;
+
+template <class Record>
+Record *make() {
+    return static_cast<Record *>(std::calloc(1, sizeof(Record)));
+}
+
+int64_t now_ms();
+timeval time_of_ms(int64_t ms);
+
+// --- Bytes ---------------------------------------------------------------------------------------------------------
+
+/** A growing buffer that is written at its end and read from its start. */
+struct Buffer {
+    char *bytes;
+    size_t start;
+    size_t end;
+    size_t capacity;
+
+    char *data() const { return bytes + start; }
+    size_t size() const { return end - start; }
+};
+/** Makes room for `count` more bytes; false without memory. */
+bool buffer_reserve(Buffer *buffer, size_t count);
+bool buffer_append(Buffer *buffer, const char *bytes, size_t count);
+/** Takes bytes off the start; an empty buffer that has grown gives its memory back. */
+void buffer_consume(Buffer *buffer, size_t count);
+void buffer_free(Buffer *buffer);
+
+/** Foreign text for a log line: what is not printable ASCII is escaped, what is long is cut. */
+struct Printable {
+    explicit Printable(const char *text);
+    char text[160];
+};
+
+/** Whether a text holds a byte below a blank, or 127. */
+bool has_control_characters(const char *text);
+/** A method's name: 1 to 255 bytes without control characters or bars. */
+bool is_method_name(const char *name);
+/** Whether a name matches a pattern: the name itself, or its beginning followed by `*`. */
+bool matches(const char *pattern, const char *name);
+
+// --- Numbered things -----------------------------------------------------------------------------------------------
+
+enum EntryType { entry_call, entry_request, entry_subscription, entry_timer, entry_listener, entry_type_count };
+
+struct Entry {
+    Entry *chain; ///< the next of the same bucket
+    Entry *previous;
+    Entry *next;
+    uint64_t number;
+    EntryType type;
+};
+
+struct EntryList {
+    Entry *first;
+    Entry *last;
+    size_t count;
+};
+
+constexpr size_t bucket_count = 1024;
+
+struct Directory {
+    Entry *buckets[bucket_count];
+    EntryList lists[entry_type_count];
+    uint64_t last_number;
+};
+
+uint64_t enter(Directory *directory, Entry *entry, EntryType type);
+void leave(Directory *directory, Entry *entry);
+Entry *find(const Directory *directory, uint64_t number);
+Entry *find(const Directory *directory, uint64_t number, EntryType type);
+
+// --- Parameters ----------------------------------------------------------------------------------------------------
+
+/** Memory that lives as long as a call; the first bytes lie in the call itself. */
+struct ArenaChunk {
+    ArenaChunk *next;
+};
+struct Arena {
+    ArenaChunk *chunks;
+    size_t used;
+    alignas(std::max_align_t) char first[640];
+};
+void *arena_take(Arena *arena, size_t size);
+void arena_clear(Arena *arena);
+
+/** A checked value; which member counts is the kind's affair. */
+struct Value {
+    bool present;
+    const char *text;
+    int64_t integer; ///< also the position of a word, true as 1
+    uint64_t unsigned_integer;
+    double real;
+    void *records;
+    int count;
+};
+
+/**
+ * Checks the parameters of a request by the rows of its method, in their order.
+ *
+ * @param values_out receives one value for each row, in the arena
+ * @param data_out   receives the error's data when a parameter is refused
+ * @return 0, or the status of the refusal
+ */
+int check_params(const tavrix_service_method *method, json_t *params, Arena *arena, Value **values_out,
+                 json_t **data_out);
+/** Checks that rows can be served; logs what is wrong with them. */
+bool check_rows(const char *method, const tavrix_service_param *rows);
+
+/** How a kind's value is read. */
+enum Storage {
+    stored_text,
+    stored_integer,
+    stored_uint64,
+    stored_real,
+    stored_boolean,
+    stored_json,
+    stored_integers,
+    stored_ports,
+    stored_ports_hardware,
+    stored_mac_filters
+};
+Storage storage_of(tavrix_kind kind);
+/** The table in which a row's word has its position; null for a kind without words. */
+const char *const *words_of(const tavrix_service_param *row);
+
+// --- Calls ---------------------------------------------------------------------------------------------------------
+
+struct Client;
+
+} // namespace kit
+
+struct tavrix_call {
+    kit::Entry entry; ///< in the directory once it is deferred; `next` chains the spare ones
+    tavrix_service *service;
+    const tavrix_service_method *row;
+    json_t *request; ///< owned; the next four are borrowed from it
+    json_t *params;
+    json_t *method;
+    json_t *transaction_id;
+    const char *channel; ///< where a bus reply goes
+    bool wants_answer;
+    bool in_handler;
+    bool deferred;
+    bool over; ///< answered or abandoned
+    tavrix_caller caller;
+    uint64_t session; ///< the connection that it came by
+    kit::Client *client;
+    int64_t deadline_ms;
+    event deadline;
+    void (*abandoned)(tavrix_call *call, void *user);
+    void *abandoned_user;
+    kit::Value *values;
+    kit::Arena arena;
+};
+
+namespace kit {
+
+/** Where a request came from. */
+struct Origin {
+    tavrix_caller caller;
+    const char *channel; ///< bus: where the reply goes; borrowed from the request
+    Client *client;      ///< direct sockets
+};
+
+/** Evaluates a request as tavrix_jrpc_eval_request() does, and answers it on the road that it came by. */
+void evaluate(tavrix_service *service, Json request, const Origin &origin);
+/** Nobody waits for the calls any more: tells their handlers, releases them. */
+void abandon_session_calls(tavrix_service *service);
+void abandon_cancelled_call(tavrix_service *service, const json_t *transaction_id);
+void abandon_call(tavrix_call *call);
+/** Answers what is still deferred: the service ends. */
+void refuse_deferred_calls(tavrix_service *service);
+void free_spare_calls(tavrix_service *service);
+
+// --- Session -------------------------------------------------------------------------------------------------------
+
+enum SessionState {
+    session_off,     ///< not asked for, or not started
+    session_waiting, ///< for the next attempt to connect
+    session_open,    ///< connected; asking for the bus, or registering
+    session_ready    ///< registered
+};
+
+struct Session {
+    SessionState state;
+    char path[108];
+    int fd;
+    uint64_t generation; ///< counts connections
+    event readable;
+    event writable;
+    event flush; ///< made active when there is something to write: what one turn of the loop writes goes out at once
+    event retry;
+    Buffer in;
+    Buffer out;
+    int backoff_ms;
+    bool outage_told;
+    bool was_ready;
+    bool lost_subscriptions; ///< notifications may have been missed
+    int refusal;             ///< the registration's last refusal, told once
+    bool reading;
+    uint64_t bus_request;
+};
+
+bool session_prepare(tavrix_service *service);
+void session_start(tavrix_service *service);
+bool session_is_connected(const tavrix_service *service);
+/** Appends a line; written at the end of this turn of the loop. False when it is not connected, or without memory. */
+bool session_write(tavrix_service *service, const char *text, size_t length);
+void session_close(tavrix_service *service);
+bool session_has_unwritten(const tavrix_service *service);
+/** Says ready: once a connection. */
+void become_ready(tavrix_service *service);
+
+// --- Bus -----------------------------------------------------------------------------------------------------------
+
+constexpr size_t max_bus_address = 113; // nanomsg aborts on ipc addresses of 114 bytes and more
+constexpr size_t max_endpoints = 1024;
+
+/** A publisher that the subscriber is connected to. */
+struct Endpoint {
+    char address[max_bus_address + 1];
+    char owner[TAVRIX_SERVICE_MAX_NAME + 1]; ///< a service's name; empty: the router's
+    bool fixed;                              ///< given in the options
+    bool wanted;
+    int id;
+};
+
+struct Bus {
+    int pub; ///< -1 without
+    int sub;
+    bool sub_listens;
+    event readable;
+    Endpoint *endpoints;
+    size_t endpoint_count;
+    char (*published)[max_bus_address + 1]; ///< where the service publishes
+    size_t published_count;
+};
+
+void bus_prepare(tavrix_service *service);
+/** Binds the options' addresses; logs what fails. */
+bool bus_publish_given(tavrix_service *service);
+/** Does what the answer to router.Bus says; false, with a log line, when that cannot be done. */
+bool bus_follow(tavrix_service *service, const json_t *answer);
+bool bus_start(tavrix_service *service);
+void bus_service_up(tavrix_service *service, const json_t *params);
+void bus_service_down(tavrix_service *service, const json_t *params);
+/** The router has gone: nothing goes on trying to reach it. */
+void bus_router_gone(tavrix_service *service);
+int bus_publish(tavrix_service *service, const char *channel, const char *text);
+void bus_close(tavrix_service *service);
+/** A bus socket's receive limit: nanomsg cuts a publisher off for good at a larger message. */
+bool receive_large_messages(int socket);
+/** The transport of an address that nanomsg bears; 0 for any other. */
+int transport_of(const char *address);
+const char *bus_error();
+
+// --- Requests, notifications, timers, listeners --------------------------------------------------------------------
+
+/** `control` goes out before the registration is through, and in the kit's own name. */
+uint64_t send_request(tavrix_service *service, const char *method, json_t *params, int timeout_ms,
+                      tavrix_answer_callback callback, void *user);
+void send_waiting_requests(tavrix_service *service);
+/** The answer to a request, when it is one of those in flight. */
+void take_response(tavrix_service *service, const json_t *response);
+/** Ends all that are in flight, or with `sent_only` those that the lost connection has taken along. */
+void end_requests(tavrix_service *service, tavrix_outcome outcome, bool sent_only);
+void cancel_request(tavrix_service *service, Entry *entry);
+/** A text {"jsonrpc", "method", "params", "id"}; takes `params`; 0 is no id. Null without memory. */
+Text request_text(const char *method, json_t *params, uint64_t id);
+
+void send_subscriptions(tavrix_service *service);
+void take_notification(tavrix_service *service, const json_t *message, const char *method);
+void tell_lost(tavrix_service *service, uint64_t count);
+void cancel_subscription(tavrix_service *service, Entry *entry);
+
+void cancel_timer(tavrix_service *service, Entry *entry);
+
+void close_listener(tavrix_service *service, Entry *entry);
+void client_answer(Client *client, const char *text);
+bool clients_have_unwritten(const tavrix_service *service);
+void close_clients(tavrix_service *service);
+struct ClientList {
+    Client *first;
+    Client *last;
+    size_t count;
+};
+
+// --- The service ---------------------------------------------------------------------------------------------------
+
+/** Whether a service runs on this thread: somebody who waits keeps it. */
+bool is_inside_a_loop();
+/** Ends the service's run with a failure. */
+void give_up(tavrix_service *service);
+
+} // namespace kit
+
+struct tavrix_service {
+    tavrix_service_options options;
+    char name[TAVRIX_SERVICE_MAX_NAME + 1];
+    const char *channel; ///< null for a client
+    size_t method_count;
+    event_base *base;
+    bool owns_base;
+    bool started;
+    bool stopping;
+    bool failed;
+    event signals[3];
+    bool has_signals;
+    int reply_timeout_ms;
+    kit::Directory directory;
+    tavrix_call *spare_calls;
+    size_t spare_count;
+    kit::Session session;
+    kit::Bus bus;
+    kit::ClientList clients;
+    void (*lost)(tavrix_service *service, uint64_t count, void *user);
+    void *lost_user;
+    int notifying; ///< subscriptions that end meanwhile are released afterwards
+};
+
+#endif

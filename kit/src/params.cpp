@@ -1,0 +1,722 @@
+/*
+ * Parameters: one row of the kind table for each kind, the check of a request by its method's rows, the words of a
+ * refusal.
+ *
+ * The library's retrievers decide. The kit looks first at what they let through by their own rules: numbers that do not
+ * fit into 32 bits, which are cut there, control characters, values that read as an empty list.
+ */
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+
+#include "internal.h"
+#include "tavrix_jrpc_utils.h"
+#include "tavrix_utils.h"
+
+namespace kit {
+
+namespace {
+
+constexpr char unit_name[] = "service_params";
+constexpr size_t text_slack = 32; // a retriever may write a longer form: colons between a MAC address's pairs
+constexpr int default_record_count = 128;
+constexpr int max_vlan_ids = 32;
+constexpr size_t max_depth = 8;
+constexpr size_t path_size = 128;
+constexpr size_t allowed_size = 400;
+constexpr size_t max_number_text = 99;
+
+using TextRetriever = int (*)(json_t *, json_t **, const char *, char *, size_t);
+using IntegerRetriever = int (*)(json_t *, json_t **, const char *, int *);
+
+constexpr const char *status_words[] = {"enable", "disable", nullptr};
+constexpr const char *vlan_mode_words[] = {"local", "access", "trunk", nullptr};
+constexpr const char *sw_bank_words[] = {"all", "current", "previous", "default", nullptr};
+
+// --- Kinds ---------------------------------------------------------------------------------------------------------
+
+struct KindRow {
+    tavrix_kind kind;
+    Storage storage;
+    TextRetriever text;       ///< for stored_text
+    IntegerRetriever integer; ///< for stored_integer
+    int64_t lowest;           ///< of an integer: what the retriever lets through
+    int64_t highest;
+    const char *const *words;     ///< what is let through, where that is a list of words
+    const char *const *positions; ///< where the word has its number; null: `words`
+    const char *allowed;          ///< a noun: what is let through, for people
+};
+
+constexpr KindRow other(tavrix_kind kind, Storage storage, const char *allowed) {
+    return {kind, storage, nullptr, nullptr, INT32_MIN, INT32_MAX, nullptr, nullptr, allowed};
+}
+constexpr KindRow text(tavrix_kind kind, TextRetriever retriever, const char *allowed) {
+    return {kind, stored_text, retriever, nullptr, 0, 0, nullptr, nullptr, allowed};
+}
+constexpr KindRow word(tavrix_kind kind, TextRetriever retriever, const char *const *words,
+                       const char *const *positions) {
+    return {kind, stored_text, retriever, nullptr, 0, 0, words, positions, nullptr};
+}
+constexpr KindRow integer(tavrix_kind kind, IntegerRetriever retriever, int64_t lowest, int64_t highest) {
+    return {kind, stored_integer, nullptr, retriever, lowest, highest, nullptr, nullptr, nullptr};
+}
+
+constexpr KindRow kinds[] = {
+    other(TAVRIX_KIND_NONE, stored_json, ""),
+    text(TAVRIX_KIND_TEXT, tavrix_jrpc_utils_parse_input_string, "a text"),
+    integer(TAVRIX_KIND_INTEGER, tavrix_jrpc_utils_parse_input_integer, INT32_MIN, INT32_MAX),
+    other(TAVRIX_KIND_BOOLEAN, stored_boolean, "true or false"),
+    other(TAVRIX_KIND_NUMBER, stored_real, "a number"),
+    other(TAVRIX_KIND_UINT64, stored_uint64, "a text with a number of 64 bits, such as \"4711\" or \"0x1267\""),
+    other(TAVRIX_KIND_FLOAT, stored_real, "a text with a number, such as \"2.5\""),
+    text(TAVRIX_KIND_WORD, tavrix_jrpc_utils_parse_input_string, nullptr),
+    other(TAVRIX_KIND_ARRAY, stored_json, "an array"),
+    other(TAVRIX_KIND_OBJECT, stored_json, "an object"),
+    other(TAVRIX_KIND_JSON, stored_json, "any value"),
+    text(TAVRIX_KIND_PORT_ID, nullptr, nullptr),
+    text(TAVRIX_KIND_MZU_ID, nullptr, "a unit: c1 to c128"),
+    word(TAVRIX_KIND_STATUS, tavrix_jrpc_utils_retrieve_input_status, status_words, tavrix_admin_status_strings),
+    text(TAVRIX_KIND_DESCRIPTION, tavrix_jrpc_utils_retrieve_input_description,
+         "a text of up to 50 characters without double quotes"),
+    word(TAVRIX_KIND_VLAN_MODE, tavrix_jrpc_utils_retrieve_input_vlan_mode, vlan_mode_words, tavrix_vlan_mode_strings),
+    word(TAVRIX_KIND_MZU_MODEL, tavrix_jrpc_utils_retrieve_input_mzu_model, tavrix_mzu_model_strings, nullptr),
+    text(TAVRIX_KIND_MZU_SW_UPGRADE_FILENAME, tavrix_jrpc_utils_retrieve_input_mzu_sw_upgrade_filename,
+         "a file's name, one line"),
+    text(TAVRIX_KIND_UNIT_SW_UPGRADE_FILENAME, tavrix_jrpc_utils_retrieve_input_unit_sw_upgrade_filename,
+         "a file's name with zqn and a version, such as zqn-1.2.3-004.img"),
+    word(TAVRIX_KIND_UNIT_SW_BANK, tavrix_jrpc_utils_retrieve_input_unit_sw_bank, sw_bank_words, nullptr),
+    text(TAVRIX_KIND_MAC_ADDRESS, tavrix_jrpc_utils_retrieve_input_mac_address,
+         "a MAC address, such as 00:1A:2B:3C:4D:5E"),
+    text(TAVRIX_KIND_MACADDR_ALLOWED, tavrix_jrpc_utils_retrieve_input_macaddr_allowed,
+         "none, or a MAC address such as 00:1A:2B:3C:4D:5E"),
+    text(TAVRIX_KIND_IP_ADDRESS, tavrix_jrpc_utils_retrieve_input_ip_address, "an IPv4 address, such as 192.168.1.10"),
+    text(TAVRIX_KIND_USERNAME, tavrix_jrpc_utils_retrieve_input_username,
+         "a user name: 4 to 15 letters and digits, none of the system's own"),
+    text(TAVRIX_KIND_PASSWORD, tavrix_jrpc_utils_retrieve_input_password,
+         "a password: 4 to 15 letters, digits, and ! ? _ @ -"),
+    text(TAVRIX_KIND_DATE, tavrix_jrpc_utils_retrieve_input_date, "a date: YYYY-MM-DD, from the year 2000"),
+    text(TAVRIX_KIND_TIME, tavrix_jrpc_utils_retrieve_input_time, "a time: HH:MM, 00:00 to 23:59"),
+    text(TAVRIX_KIND_ENTITY_NAME, tavrix_jrpc_utils_retrieve_input_entity_name, "a name"),
+    text(TAVRIX_KIND_ENTITY_EXTENSION, tavrix_jrpc_utils_retrieve_input_entity_extension,
+         "a text of up to 1000 characters"),
+    text(TAVRIX_KIND_ALIAS, tavrix_jrpc_utils_retrieve_input_alias, "a text of up to 8 characters"),
+    word(TAVRIX_KIND_SECURE_OPTION, nullptr, tavrix_secure_option_strings, nullptr),
+    integer(TAVRIX_KIND_VLAN_ID, tavrix_jrpc_utils_retrieve_input_vlan_id, 1, 4092),
+    integer(TAVRIX_KIND_UNIT_ID, tavrix_jrpc_utils_retrieve_input_unit_id, 1, 1),
+    integer(TAVRIX_KIND_PERIODIC_INTERVAL, tavrix_jrpc_utils_retrieve_input_periodic_interval, 1, 3600),
+    integer(TAVRIX_KIND_LASER_ID, tavrix_jrpc_utils_retrieve_input_laser_id, 0, 1),
+    integer(TAVRIX_KIND_OLT_ID, tavrix_jrpc_utils_retrieve_input_olt_id, 0, 1),
+    integer(TAVRIX_KIND_ONU_ID, tavrix_jrpc_utils_retrieve_input_onu_id, -1, 128),
+    integer(TAVRIX_KIND_PORT_NUMBER, tavrix_jrpc_utils_retrieve_input_port_number, 1, 128),
+    integer(TAVRIX_KIND_PORT_LINK_SPEED, tavrix_jrpc_utils_retrieve_input_port_link_speed, INT32_MIN, INT32_MAX),
+    integer(TAVRIX_KIND_ENABLE, tavrix_jrpc_utils_retrieve_input_enable, INT32_MIN, INT32_MAX),
+    other(TAVRIX_KIND_VLAN_IDS, stored_integers, "an array of up to 32 VLAN ids, each 1 to 4092"),
+    other(TAVRIX_KIND_PORTS, stored_ports,
+          "an array of ports: port_number 1 to 128, port_status, poe_status, link_status, link_speed, vlan_mode, "
+          "vlan_ids"),
+    other(TAVRIX_KIND_PORTS_HARDWARE, stored_ports_hardware,
+          "an array of ports: port_number 1 to 128, poe_status, link_status, link_speed"),
+    other(TAVRIX_KIND_MAC_FILTERS, stored_mac_filters, "an array of filters: mac and mask, two MAC addresses each"),
+};
+static_assert(sizeof kinds / sizeof kinds[0] == TAVRIX_KIND_COUNT, "one row for each kind");
+
+constexpr bool stand_in_order() {
+    for (size_t i = 0; i < sizeof kinds / sizeof kinds[0]; ++i) {
+        if (kinds[i].kind != static_cast<tavrix_kind>(i)) {
+            return false;
+        }
+    }
+    return true;
+}
+static_assert(stand_in_order(), "the rows stand in the order of the kinds");
+
+const char *const *words_allowed(const tavrix_service_param *row) {
+    return row->kind == TAVRIX_KIND_WORD ? row->words : kinds[row->kind].words;
+}
+
+bool has_bounds(const tavrix_service_param *row) { return row->min != 0 || row->max != 0; }
+
+// --- What is allowed, in words -------------------------------------------------------------------------------------
+
+/** A text of bounded length that grows at its end. */
+struct Words {
+    char text[allowed_size] = "";
+    size_t length = 0;
+
+    void add(const char *format, ...) TAVRIX_PRINTF(2, 3) {
+        va_list arguments;
+        va_start(arguments, format);
+        const int count = std::vsnprintf(text + length, sizeof text - length, format, arguments);
+        va_end(arguments);
+        if (count > 0) {
+            length += static_cast<size_t>(count);
+            length = length < sizeof text ? length : sizeof text - 1;
+        }
+    }
+};
+
+void add_port_forms(unsigned flags, Words *words) {
+    const struct {
+        unsigned flag;
+        const char *form;
+    } forms[] = {{TAVRIX_ALLOW_C_PORT, "a port c1-1 to c128-99"},
+                 {TAVRIX_ALLOW_D_PORT, "a port d1 to d4"},
+                 {TAVRIX_ALLOW_MZU, "a unit c1 to c128"},
+                 {TAVRIX_ALLOW_ALL, "all"}};
+    const char *separator = "";
+    for (const auto &form : forms) {
+        if ((flags & form.flag) != 0) {
+            words->add("%s%s", separator, form.form);
+            separator = ", ";
+        }
+    }
+}
+
+int64_t lowest_of(const tavrix_service_param *row) { return has_bounds(row) ? row->min : kinds[row->kind].lowest; }
+int64_t highest_of(const tavrix_service_param *row) { return has_bounds(row) ? row->max : kinds[row->kind].highest; }
+
+int most_records(const tavrix_service_param *row) {
+    return row->max > 0 && row->max < INT32_MAX ? static_cast<int>(row->max) : default_record_count;
+}
+
+void add_bounds(const tavrix_service_param *row, const char *unit, Words *words) {
+    if (has_bounds(row)) {
+        words->add(" of %lld to %lld %s", static_cast<long long>(row->min), static_cast<long long>(row->max), unit);
+    }
+}
+
+void describe_allowed(const tavrix_service_param *row, Words *words) {
+    const KindRow &kind = kinds[row->kind];
+    if (const char *const *list = words_allowed(row); list != nullptr) {
+        const char *separator = "one of ";
+        for (; *list != nullptr; ++list) {
+            words->add("%s%s", separator, *list);
+            separator = ", ";
+        }
+    } else if (row->kind == TAVRIX_KIND_PORT_ID) {
+        add_port_forms(row->flags, words);
+    } else if (kind.storage == stored_integer) {
+        words->add("%lld to %lld", static_cast<long long>(lowest_of(row)), static_cast<long long>(highest_of(row)));
+    } else {
+        words->add("%s", kind.allowed);
+        if (row->kind == TAVRIX_KIND_MZU_ID && (row->flags & TAVRIX_ALLOW_ALL) != 0) {
+            words->add(", or all");
+        } else if (row->kind == TAVRIX_KIND_TEXT) {
+            add_bounds(row, "bytes", words);
+        } else if (row->kind == TAVRIX_KIND_ARRAY) {
+            add_bounds(row, "elements", words);
+        } else if (kind.storage >= stored_ports) {
+            words->add(", at most %d", most_records(row));
+        } else if (row->kind == TAVRIX_KIND_VLAN_IDS && row->min > 0) {
+            words->add(", at least %lld", static_cast<long long>(row->min));
+        }
+    }
+}
+
+// --- Refusals ------------------------------------------------------------------------------------------------------
+
+/** The state of one check. */
+struct Check {
+    Arena *arena;
+    json_t **data; ///< where the refusal goes
+};
+
+/** A value for a person: cut when it is long. */
+void show_value(const json_t *value, Words *words) {
+    constexpr size_t shown = 60;
+    const Text rendering(json_dumps(value, wire_flags | JSON_ENCODE_ANY));
+    if (rendering) {
+        words->add("%.*s%s", static_cast<int>(shown), rendering.get(),
+                   std::strlen(rendering.get()) > shown ? "..." : "");
+    }
+}
+
+void explain(const tavrix_service_param *row, const char *path, const json_t *value, const char *complaint,
+             Words *reason) {
+    Words allowed;
+    describe_allowed(row, &allowed);
+    if (value == nullptr) {
+        reason->add("%s is missing: %s", path, allowed.text);
+        return;
+    }
+    reason->add("%s: ", path);
+    if (row->kind != TAVRIX_KIND_PASSWORD) {
+        show_value(value, reason);
+        reason->add(" ");
+    }
+    const bool is_range = kinds[row->kind].storage == stored_integer;
+    if (complaint != nullptr) {
+        reason->add("%s", complaint);
+    } else if (is_range && json_is_integer(value)) {
+        reason->add("is not in %s", allowed.text);
+    } else {
+        reason->add("is not %s%s", is_range ? "an integer in " : "", allowed.text);
+    }
+}
+
+void set_text(json_t *object, const char *key, const char *text) {
+    json_object_set_new(object, key, json_string(text)); // without memory the member is missing
+}
+
+/**
+ * Makes the error's data of a refused parameter: what the library says, or else the reason; the reason; the parameter,
+ * what came and what is allowed. `library` is taken.
+ */
+int refuse(const Check &check, const tavrix_service_param *row, const char *path, const json_t *value, int status,
+           json_t *library, const char *complaint = nullptr) {
+    const Json library_owner(library);
+    Words reason;
+    Words allowed;
+    explain(row, path, value, complaint, &reason);
+    describe_allowed(row, &allowed);
+    const char *message = json_string_value(json_object_get(library, "message"));
+    Json data(json_object());
+    set_text(data.get(), "message", message != nullptr ? message : reason.text);
+    set_text(data.get(), "reason", reason.text);
+    set_text(data.get(), "parameter", path);
+    set_text(data.get(), "allowed", allowed.text);
+    if (value != nullptr && row->kind != TAVRIX_KIND_PASSWORD) {
+        Words shown;
+        show_value(value, &shown);
+        json_object_set_new(data.get(), "value",
+                            json_is_number(value) ? json_copy(const_cast<json_t *>(value))
+                            : json_is_string(value) && json_string_length(value) < 60
+                                ? json_copy(const_cast<json_t *>(value))
+                                : json_string(shown.text));
+    }
+    *check.data = data.release();
+    return status;
+}
+
+int status_of_refusal(int status) {
+    return status == TAVRIX_ERR_VALIDATION || status == TAVRIX_ERR_PARAMETER || status == TAVRIX_ERR_NULL_INPUT
+               ? TAVRIX_ERR_INVALID_PARAMETER
+               : status;
+}
+
+// --- One value -----------------------------------------------------------------------------------------------------
+
+int check_rows_of(const Check &check, const tavrix_service_param *rows, json_t *object, const char *path, size_t depth,
+                  Value *values);
+
+/** One row, the object that holds its value, and the value; `path` names it for people. */
+struct Place {
+    const tavrix_service_param *row;
+    json_t *object;
+    json_t *value; ///< null when it is absent
+    const char *path;
+    size_t depth;
+
+    const char *key() const { return row->name; }
+};
+
+int refuse(const Check &check, const Place &place, int status, json_t *library, const char *complaint = nullptr) {
+    return refuse(check, place.row, place.path, place.value, status_of_refusal(status), library, complaint);
+}
+
+/** A number that 32 bits do not hold, anywhere in the value: the library would cut it to some other number. */
+bool holds_wide_integer(const json_t *value, size_t depth = 0) {
+    if (json_is_integer(value)) {
+        return json_integer_value(value) < INT32_MIN || json_integer_value(value) > INT32_MAX;
+    }
+    bool wide = false;
+    if (json_is_array(value)) {
+        for (size_t i = 0; i < json_array_size(value) && !wide && depth < max_depth; ++i) {
+            wide = holds_wide_integer(json_array_get(value, i), depth + 1);
+        }
+        return wide;
+    }
+    const char *key = nullptr;
+    json_t *member = nullptr;
+    json_object_foreach(const_cast<json_t *>(value), key, member) {
+        wide = wide || (depth < max_depth && holds_wide_integer(member, depth + 1));
+    }
+    return wide;
+}
+
+int retrieve_text(const Place &place, json_t **library, char *out, size_t size) {
+    const tavrix_service_param &row = *place.row;
+    const bool all = (row.flags & TAVRIX_ALLOW_ALL) != 0;
+    int position = 0;
+    switch (row.kind) {
+    case TAVRIX_KIND_PORT_ID:
+        return tavrix_jrpc_utils_retrieve_input_port_id(
+            place.object, library, place.key(), out, size, all, (row.flags & TAVRIX_ALLOW_MZU) != 0,
+            (row.flags & TAVRIX_ALLOW_C_PORT) != 0, (row.flags & TAVRIX_ALLOW_D_PORT) != 0);
+    case TAVRIX_KIND_MZU_ID:
+        return tavrix_jrpc_utils_retrieve_input_mzu_id(place.object, library, place.key(), out, size, all);
+    case TAVRIX_KIND_SECURE_OPTION:
+        std::snprintf(out, size, "%s", json_is_string(place.value) ? json_string_value(place.value) : "");
+        return tavrix_jrpc_utils_parse_input_secure_option(place.object, library, place.key(), &position);
+    default:
+        return kinds[row.kind].text(place.object, library, place.key(), out, size);
+    }
+}
+
+bool find_word(const char *const *words, const char *text, int *position) {
+    for (int i = 0; words[i] != nullptr; ++i) {
+        if (std::strcmp(words[i], text) == 0) {
+            *position = i;
+            return true;
+        }
+    }
+    return false;
+}
+
+int check_text(const Check &check, const Place &place, Value *value) {
+    const tavrix_service_param &row = *place.row;
+    const size_t length = json_string_length(place.value); // 0 for another type
+    const char *given = json_string_value(place.value);
+    if (given != nullptr && (row.flags & TAVRIX_MULTILINE) == 0 && has_control_characters(given)) {
+        return refuse(check, place, TAVRIX_ERR_INVALID_PARAMETER, nullptr, "holds a control character");
+    }
+    char *out = static_cast<char *>(arena_take(check.arena, length + text_slack));
+    if (out == nullptr) {
+        return TAVRIX_ERR_NO_MEMORY;
+    }
+    json_t *library = nullptr;
+    const int rc = retrieve_text(place, &library, out, length + text_slack);
+    if (rc != TAVRIX_OK) {
+        return refuse(check, place, rc, library);
+    }
+    value->text = out;
+    const bool bounded = row.kind == TAVRIX_KIND_TEXT && has_bounds(&row);
+    if (bounded && (static_cast<int64_t>(length) < row.min || static_cast<int64_t>(length) > row.max)) {
+        return refuse(check, place, TAVRIX_ERR_INVALID_PARAMETER, nullptr);
+    }
+    int position = 0;
+    const char *const *words = words_of(&row);
+    if (words != nullptr && !find_word(words, out, &position)) {
+        return refuse(check, place, TAVRIX_ERR_INVALID_PARAMETER, nullptr);
+    }
+    value->integer = position;
+    return TAVRIX_OK;
+}
+
+int check_integer(const Check &check, const Place &place, Value *value) {
+    const json_int_t given = json_integer_value(place.value); // 0 for another type
+    const bool is_plain = place.row->kind == TAVRIX_KIND_INTEGER;
+    if (json_is_integer(place.value) && !is_plain && holds_wide_integer(place.value)) {
+        return refuse(check, place, TAVRIX_ERR_INVALID_PARAMETER, nullptr);
+    }
+    json_t *library = nullptr;
+    int number = 0;
+    const int rc = kinds[place.row->kind].integer(place.object, &library, place.key(), &number);
+    if (rc != TAVRIX_OK) {
+        return refuse(check, place, rc, library);
+    }
+    if (given < lowest_of(place.row) || given > highest_of(place.row)) {
+        return refuse(check, place, TAVRIX_ERR_INVALID_PARAMETER, nullptr);
+    }
+    value->integer = is_plain ? static_cast<int64_t>(given) : number;
+    return TAVRIX_OK;
+}
+
+int check_boolean(const Check &check, const Place &place, Value *value) {
+    json_t *library = nullptr;
+    json_t *found = nullptr;
+    const int rc = tavrix_jrpc_utils_parse_input_bool(place.object, &library, place.key(), &found);
+    if (rc != TAVRIX_OK) {
+        return refuse(check, place, rc, library);
+    }
+    value->integer = json_is_true(found) ? 1 : 0;
+    return TAVRIX_OK;
+}
+
+/** The library takes what is no number for 0: the text has to be one from its beginning to its end. */
+bool is_number_text(tavrix_kind kind, const char *text) {
+    char *end = nullptr;
+    errno = 0;
+    if (kind == TAVRIX_KIND_UINT64) {
+        static_cast<void>(std::strtoull(text, &end, 0));
+        if (text[0] < '0' || text[0] > '9') { // a sign or a blank
+            return false;
+        }
+    } else {
+        static_cast<void>(std::strtod(text, &end));
+    }
+    return *text != '\0' && *end == '\0' && errno == 0 && std::strlen(text) <= max_number_text;
+}
+
+int check_number_text(const Check &check, const Place &place, Value *value) {
+    const char *given = json_string_value(place.value);
+    if (given != nullptr && !is_number_text(place.row->kind, given)) {
+        return refuse(check, place, TAVRIX_ERR_INVALID_PARAMETER, nullptr);
+    }
+    json_t *library = nullptr;
+    float real = 0;
+    const int rc =
+        place.row->kind == TAVRIX_KIND_UINT64
+            ? tavrix_jrpc_utils_parse_input_uint64_t(place.object, &library, place.key(), &value->unsigned_integer)
+            : tavrix_jrpc_utils_parse_input_float(place.object, &library, place.key(), &real);
+    if (rc != TAVRIX_OK) {
+        return refuse(check, place, rc, library);
+    }
+    value->real = static_cast<double>(real);
+    return TAVRIX_OK;
+}
+
+int refuse_type(const Check &check, const Place &place) {
+    return refuse(check, place, place.value == nullptr ? TAVRIX_ERR_PARAMETER_NOT_FOUND : TAVRIX_ERR_INVALID_PARAMETER,
+                  nullptr);
+}
+
+int check_array(const Check &check, const Place &place) {
+    json_t *library = nullptr;
+    json_t *array = nullptr;
+    const tavrix_service_param &row = *place.row;
+    const int rc = tavrix_jrpc_utils_parse_input_array(place.object, &library, place.key(), &array);
+    if (rc != TAVRIX_OK) {
+        return refuse(check, place, rc, library);
+    }
+    const auto count = static_cast<int64_t>(json_array_size(array));
+    if (has_bounds(&row) && (count < row.min || count > row.max)) {
+        return refuse(check, place, TAVRIX_ERR_INVALID_PARAMETER, nullptr);
+    }
+    for (size_t i = 0; row.members != nullptr && i < json_array_size(array); ++i) {
+        char path[path_size];
+        std::snprintf(path, sizeof path, "%s[%zu]", place.path, i);
+        json_t *element = json_array_get(array, i);
+        const bool bare = row.members->name != nullptr && row.members->name[0] == '\0';
+        const Json holder(bare ? json_pack("{s:O}", "", element) : json_incref(element));
+        if (!bare && !json_is_object(element)) {
+            return refuse(check, place, TAVRIX_ERR_INVALID_PARAMETER, nullptr, "holds an element that is no object");
+        }
+        const int status = check_rows_of(check, row.members, holder.get(), path, place.depth + 1, nullptr);
+        if (status != TAVRIX_OK) {
+            return status;
+        }
+    }
+    return TAVRIX_OK;
+}
+
+int check_json(const Check &check, const Place &place) {
+    if (place.row->kind == TAVRIX_KIND_ARRAY) {
+        return check_array(check, place);
+    }
+    if (place.value == nullptr || (place.row->kind == TAVRIX_KIND_OBJECT && !json_is_object(place.value))) {
+        return refuse_type(check, place);
+    }
+    if (place.row->kind != TAVRIX_KIND_OBJECT || place.row->members == nullptr) {
+        return TAVRIX_OK;
+    }
+    return check_rows_of(check, place.row->members, place.value, place.path, place.depth + 1, nullptr);
+}
+
+int check_real(const Check &check, const Place &place, Value *value) {
+    if (place.row->kind == TAVRIX_KIND_FLOAT) {
+        return check_number_text(check, place, value);
+    }
+    if (!json_is_number(place.value)) {
+        return refuse_type(check, place);
+    }
+    value->real = json_number_value(place.value);
+    return TAVRIX_OK;
+}
+
+// --- Lists of records ----------------------------------------------------------------------------------------------
+
+int check_vlan_ids(const Check &check, const Place &place, Value *value) {
+    bool all_integers = json_is_array(place.value);
+    for (size_t i = 0; i < json_array_size(place.value); ++i) {
+        all_integers = all_integers && json_is_integer(json_array_get(place.value, i));
+    }
+    if (place.value != nullptr && (!all_integers || holds_wide_integer(place.value))) {
+        return refuse(check, place, TAVRIX_ERR_INVALID_PARAMETER, nullptr);
+    }
+    auto *ids = static_cast<int *>(arena_take(check.arena, max_vlan_ids * sizeof(int)));
+    if (ids == nullptr) {
+        return TAVRIX_ERR_NO_MEMORY;
+    }
+    json_t *library = nullptr;
+    const int rc = tavrix_jrpc_utils_retrieve_input_vlan_ids(place.object, &library, place.key(), ids, &value->count);
+    if (rc != TAVRIX_OK) {
+        return refuse(check, place, rc, library);
+    }
+    if (value->count < place.row->min) {
+        return refuse(check, place, TAVRIX_ERR_INVALID_PARAMETER, nullptr);
+    }
+    value->records = ids;
+    return TAVRIX_OK;
+}
+
+/** The library cuts a list that is too long, and numbers that are too large, without a word. */
+bool is_fit_list(const Place &place) {
+    return json_is_array(place.value) && !holds_wide_integer(place.value) &&
+           json_array_size(place.value) <= static_cast<size_t>(most_records(place.row));
+}
+
+template <class Record, class Retriever>
+int check_records(const Check &check, const Place &place, Retriever retrieve, Value *value) {
+    if (place.value != nullptr && json_is_array(place.value) && !is_fit_list(place)) {
+        return refuse(check, place, TAVRIX_ERR_INVALID_PARAMETER, nullptr);
+    }
+    const size_t count = json_array_size(place.value);
+    auto *records = static_cast<Record *>(arena_take(check.arena, (count + 1) * sizeof(Record)));
+    if (records == nullptr) {
+        return TAVRIX_ERR_NO_MEMORY;
+    }
+    json_t *library = nullptr;
+    const int rc = retrieve(place.object, &library, place.key(), records, &value->count, static_cast<int>(count));
+    if (rc != TAVRIX_OK) {
+        return refuse(check, place, rc, library);
+    }
+    value->records = records;
+    return TAVRIX_OK;
+}
+
+int retrieve_mac_filters(json_t *object, json_t **library, const char *key, tavrix_mac_filter *records, int *count,
+                         int /*max*/) {
+    tavrix_mac_filter *filters = nullptr;
+    const int rc = tavrix_jrpc_utils_retrieve_input_mac_filters(object, library, key, &filters, count, 0, 0);
+    if (rc == TAVRIX_OK) {
+        std::memcpy(records, filters, static_cast<size_t>(*count) * sizeof *records);
+        std::free(filters);
+    }
+    return rc;
+}
+
+// --- Rows ----------------------------------------------------------------------------------------------------------
+
+int check_value(const Check &check, const Place &place, Value *value) {
+    switch (storage_of(place.row->kind)) {
+    case stored_text:
+        return check_text(check, place, value);
+    case stored_integer:
+        return check_integer(check, place, value);
+    case stored_boolean:
+        return check_boolean(check, place, value);
+    case stored_uint64:
+        return check_number_text(check, place, value);
+    case stored_real:
+        return check_real(check, place, value);
+    case stored_json:
+        return check_json(check, place);
+    case stored_integers:
+        return check_vlan_ids(check, place, value);
+    case stored_ports:
+        return check_records<tavrix_port_input>(check, place, tavrix_jrpc_utils_retrieve_input_ports, value);
+    case stored_ports_hardware:
+        return check_records<tavrix_port_hardware_input>(check, place, tavrix_jrpc_utils_retrieve_input_ports_hardware,
+                                                         value);
+    case stored_mac_filters:
+        return check_records<tavrix_mac_filter>(check, place, retrieve_mac_filters, value);
+    }
+    return TAVRIX_ERR_GENERAL;
+}
+
+/** `values` may be null: what lies inside another value is checked only. */
+int check_rows_of(const Check &check, const tavrix_service_param *rows, json_t *object, const char *path, size_t depth,
+                  Value *values) {
+    for (size_t i = 0; rows[i].name != nullptr && depth < max_depth; ++i) {
+        json_t *value = json_object_get(object, rows[i].name);
+        if (value == nullptr && (rows[i].flags & TAVRIX_OPTIONAL) != 0) {
+            continue;
+        }
+        char own_path[path_size];
+        std::snprintf(own_path, sizeof own_path, "%s%s%s", path, *path != '\0' && *rows[i].name != '\0' ? "." : "",
+                      rows[i].name);
+        Value unused{};
+        Value *place_for_value = values != nullptr ? &values[i] : &unused;
+        const int rc = check_value(check, {&rows[i], object, value, own_path, depth}, place_for_value);
+        if (rc != TAVRIX_OK) {
+            return rc;
+        }
+        place_for_value->present = true;
+    }
+    return TAVRIX_OK;
+}
+
+size_t count_rows(const tavrix_service_param *rows) {
+    size_t count = 0;
+    while (rows != nullptr && rows[count].name != nullptr) {
+        ++count;
+    }
+    return count;
+}
+
+const tavrix_service_param *find_row(const tavrix_service_param *rows, const char *name) {
+    for (; rows != nullptr && rows->name != nullptr; ++rows) {
+        if (std::strcmp(rows->name, name) == 0) {
+            return rows;
+        }
+    }
+    return nullptr;
+}
+
+int refuse_unknown(const tavrix_service_method *method, json_t *params, json_t **data_out) {
+    const char *key = nullptr;
+    json_t *value = nullptr;
+    json_object_foreach(params, key, value) {
+        if (find_row(method->params, key) == nullptr) {
+            const Printable name(key);
+            Words reason;
+            reason.add("%s: %s has no such parameter", name.text, method->name);
+            *data_out =
+                json_pack("{s:s, s:s, s:s}", "message", reason.text, "reason", reason.text, "parameter", name.text);
+            return TAVRIX_ERR_UNEXPECTED_PARAMETER;
+        }
+    }
+    return TAVRIX_OK;
+}
+
+bool complain(const char *method, const char *param, const char *what) {
+    LOG_ERROR("Method %s: parameter %s %s\n", method, param, what);
+    return false;
+}
+
+} // namespace
+
+Storage storage_of(tavrix_kind kind) { return kinds[kind].storage; }
+
+const char *const *words_of(const tavrix_service_param *row) {
+    const char *const *positions = row->kind == TAVRIX_KIND_WORD ? nullptr : kinds[row->kind].positions;
+    return positions != nullptr ? positions : words_allowed(row);
+}
+
+int check_params(const tavrix_service_method *method, json_t *params, Arena *arena, Value **values_out,
+                 json_t **data_out) {
+    if ((method->flags & TAVRIX_METHOD_STRICT) != 0) {
+        const int rc = refuse_unknown(method, params, data_out);
+        if (rc != TAVRIX_OK) {
+            return rc;
+        }
+    }
+    const size_t count = count_rows(method->params);
+    if (count == 0) {
+        return TAVRIX_OK;
+    }
+    *values_out = static_cast<Value *>(arena_take(arena, count * sizeof(Value)));
+    if (*values_out == nullptr) {
+        return TAVRIX_ERR_NO_MEMORY;
+    }
+    return check_rows_of({arena, data_out}, method->params, params, "", 0, *values_out);
+}
+
+bool check_rows(const char *method, const tavrix_service_param *rows) {
+    if (count_rows(rows) > TAVRIX_SERVICE_MAX_PARAMS) {
+        LOG_ERROR("Method %s: more than %d parameters\n", method, TAVRIX_SERVICE_MAX_PARAMS);
+        return false;
+    }
+    for (const tavrix_service_param *row = rows; row != nullptr && row->name != nullptr; ++row) {
+        constexpr unsigned forms = TAVRIX_ANY_PORTS;
+        if (row->kind <= TAVRIX_KIND_NONE || row->kind >= TAVRIX_KIND_COUNT) {
+            return complain(method, row->name, "is of no kind");
+        }
+        if (row->kind == TAVRIX_KIND_WORD && (row->words == nullptr || row->words[0] == nullptr)) {
+            return complain(method, row->name, "is a word without words");
+        }
+        if (row->kind == TAVRIX_KIND_PORT_ID && (row->flags & forms) == 0) {
+            return complain(method, row->name, "is a port without a form that is allowed");
+        }
+        if (has_bounds(row) && row->min > row->max && row->kind != TAVRIX_KIND_VLAN_IDS) {
+            return complain(method, row->name, "has bounds in the wrong order");
+        }
+        if (find_row(rows, row->name) != row) {
+            return complain(method, row->name, "has two rows");
+        }
+    }
+    return true;
+}
+
+} // namespace kit

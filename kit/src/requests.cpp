@@ -1,0 +1,484 @@
+/*
+ * Requests to others: a record and a timer each until one outcome is told; subscriptions, and what is published.
+ *
+ * A request's number is its id on the wire, so a response finds its record without a search, and one that comes too
+ * late finds none.
+ */
+#include <cerrno>
+#include <cstdio>
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include "internal.h"
+
+namespace kit {
+
+namespace {
+
+constexpr char unit_name[] = "service_requests";
+constexpr size_t max_request_line = 65536;
+constexpr int control_timeout_ms = 10000;
+
+struct Request {
+    Entry entry;
+    tavrix_service *service;
+    char *waiting; ///< the line, until there is a session to send it over
+    tavrix_answer_callback callback;
+    void *user;
+    event timer;
+};
+
+struct Subscription {
+    Entry entry;
+    tavrix_notification_callback callback;
+    void *user;
+    bool over;
+    char pattern[1]; ///< the rest of it lies behind
+};
+
+Request *as_request(Entry *entry) { return reinterpret_cast<Request *>(entry); }
+Subscription *as_subscription(Entry *entry) { return reinterpret_cast<Subscription *>(entry); }
+
+// --- Outcomes ------------------------------------------------------------------------------------------------------
+
+/** The record is gone before the callback runs: it may make new requests, and end others. */
+void end_request(Request *request, const tavrix_answer &answer) {
+    tavrix_service *service = request->service;
+    const tavrix_answer_callback callback = request->callback;
+    void *user = request->user;
+    event_del(&request->timer);
+    leave(&service->directory, &request->entry);
+    std::free(request->waiting);
+    std::free(request);
+    callback(service, &answer, user);
+}
+
+tavrix_answer failure(tavrix_outcome outcome) {
+    int code = 0;
+    if (outcome == TAVRIX_OUTCOME_TIMEOUT) {
+        code = TAVRIX_JRPC_TIMED_OUT;
+    } else if (outcome == TAVRIX_OUTCOME_GONE) {
+        code = TAVRIX_JRPC_METHOD_NOT_FOUND;
+    }
+    return {outcome, nullptr, code, code != 0 ? tavrix_jrpc_error_message(code) : "Cancelled", nullptr};
+}
+
+void on_timeout(evutil_socket_t /*fd*/, short /*what*/, void *argument) {
+    end_request(static_cast<Request *>(argument), failure(TAVRIX_OUTCOME_TIMEOUT));
+}
+
+tavrix_answer answer_of(const json_t *response) {
+    json_t *error = json_object_get(response, "error");
+    if (error == nullptr) {
+        return {TAVRIX_OUTCOME_RESULT, json_object_get(response, "result"), 0, "", nullptr};
+    }
+    const int code = static_cast<int>(json_integer_value(json_object_get(error, "code")));
+    const char *message = json_string_value(json_object_get(error, "message"));
+    json_t *data = json_object_get(error, "data");
+    tavrix_outcome outcome = TAVRIX_OUTCOME_ERROR;
+    if (code == TAVRIX_JRPC_TIMED_OUT) {
+        outcome = TAVRIX_OUTCOME_TIMEOUT;
+    } else if (code == TAVRIX_JRPC_METHOD_NOT_FOUND && json_object_get(data, "channel") != nullptr) {
+        outcome = TAVRIX_OUTCOME_GONE; // the router names the channel that nobody serves
+    }
+    return {outcome, nullptr, code, message != nullptr ? message : "", data};
+}
+
+// --- Making ---------------------------------------------------------------------------------------------------------
+
+Request *make_request(tavrix_service *service, int timeout_ms, tavrix_answer_callback callback, void *user) {
+    auto *request = make<Request>();
+    if (request == nullptr) {
+        return nullptr;
+    }
+    request->service = service;
+    request->callback = callback;
+    request->user = user;
+    evtimer_assign(&request->timer, service->base, on_timeout, request);
+    const timeval time = time_of_ms(timeout_ms);
+    if (evtimer_add(&request->timer, &time) != 0) {
+        std::free(request);
+        return nullptr;
+    }
+    enter(&service->directory, &request->entry, entry_request);
+    return request;
+}
+
+void forget_request(Request *request) {
+    event_del(&request->timer);
+    leave(&request->service->directory, &request->entry);
+    std::free(request);
+}
+
+bool set_id(json_t *message, uint64_t id) {
+    return id == 0 || json_object_set_new(message, "id", json_integer(static_cast<json_int_t>(id))) == 0;
+}
+
+uint64_t cannot_request(const char *method, const char *why) {
+    LOG_ERROR("Cannot call %s: %s\n", Printable(method).text, why);
+    return 0;
+}
+
+// --- Subscriptions --------------------------------------------------------------------------------------------------
+
+void on_subscribed(tavrix_service * /*service*/, const tavrix_answer *answer, void * /*user*/) {
+    if (answer->outcome == TAVRIX_OUTCOME_ERROR || answer->outcome == TAVRIX_OUTCOME_TIMEOUT) {
+        const char *message = json_string_value(json_object_get(answer->data, "message"));
+        LOG_ERROR("The router refuses a subscription: %s\n",
+                  Printable(message != nullptr ? message : answer->message).text);
+    }
+}
+
+void send_patterns(tavrix_service *service, const char *method, json_t *patterns) {
+    if (session_is_connected(service) && json_array_size(patterns) > 0) {
+        send_request(service, method, json_pack("{s:O}", "methods", patterns), control_timeout_ms, on_subscribed,
+                     nullptr);
+    }
+}
+
+EntryList *subscriptions_of(tavrix_service *service) { return &service->directory.lists[entry_subscription]; }
+
+bool is_pattern_used(tavrix_service *service, const char *pattern) {
+    for (Entry *entry = subscriptions_of(service)->first; entry != nullptr; entry = entry->next) {
+        const Subscription *subscription = as_subscription(entry);
+        if (!subscription->over && std::strcmp(subscription->pattern, pattern) == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+void free_ended_subscriptions(tavrix_service *service) {
+    Entry *next = nullptr;
+    for (Entry *entry = subscriptions_of(service)->first; entry != nullptr; entry = next) {
+        next = entry->next;
+        if (as_subscription(entry)->over) {
+            leave(&service->directory, entry);
+            std::free(as_subscription(entry));
+        }
+    }
+}
+
+} // namespace
+
+Text request_text(const char *method, json_t *params, uint64_t id) {
+    const Json params_owner(params);
+    const Json message(json_pack("{s:s, s:s}", "jsonrpc", "2.0", "method", method));
+    if (!message || (params != nullptr && json_object_set(message.get(), "params", params) != 0) ||
+        !set_id(message.get(), id)) {
+        return nullptr;
+    }
+    return Text(json_dumps(message.get(), wire_flags));
+}
+
+uint64_t send_request(tavrix_service *service, const char *method, json_t *params, int timeout_ms,
+                      tavrix_answer_callback callback, void *user) {
+    Json params_owner(params);
+    Request *request = make_request(service, timeout_ms, callback, user);
+    if (request == nullptr) {
+        return cannot_request(method, "no memory");
+    }
+    Text text = request_text(method, params_owner.release(), request->entry.number);
+    const size_t length = text ? std::strlen(text.get()) : 0;
+    if (!text || length >= max_request_line) {
+        forget_request(request);
+        return cannot_request(method, text ? "a request has at most 65535 bytes" : "no memory, or no UTF-8");
+    }
+    if (!session_is_connected(service)) {
+        request->waiting = text.release();
+    } else if (!session_write(service, text.get(), length)) {
+        forget_request(request);
+        return cannot_request(method, "the line to the router is full");
+    }
+    return request->entry.number;
+}
+
+void send_waiting_requests(tavrix_service *service) {
+    for (Entry *entry = service->directory.lists[entry_request].first; entry != nullptr; entry = entry->next) {
+        Request *request = as_request(entry);
+        if (request->waiting != nullptr && session_write(service, request->waiting, std::strlen(request->waiting))) {
+            std::free(request->waiting);
+            request->waiting = nullptr;
+        }
+    }
+}
+
+void take_response(tavrix_service *service, const json_t *response) {
+    const json_t *id = json_object_get(response, "id");
+    const uint64_t number = json_is_integer(id) ? static_cast<uint64_t>(json_integer_value(id)) : 0;
+    Entry *entry = find(&service->directory, number, entry_request);
+    if (entry == nullptr) {
+        LOG_DEBUG("A response came when nobody waited for it any more\n");
+        return;
+    }
+    end_request(as_request(entry), answer_of(response));
+}
+
+void end_requests(tavrix_service *service, tavrix_outcome outcome, bool sent_only) {
+    const uint64_t newest = service->directory.last_number; // what the callbacks begin is not ended with them
+    const EntryList *list = &service->directory.lists[entry_request];
+    Entry *entry = list->first;
+    while (entry != nullptr && entry->number <= newest) {
+        if (sent_only && as_request(entry)->waiting != nullptr) {
+            entry = entry->next;
+            continue;
+        }
+        end_request(as_request(entry), failure(outcome));
+        entry = list->first;
+    }
+}
+
+void cancel_request(tavrix_service * /*service*/, Entry *entry) {
+    end_request(as_request(entry), failure(TAVRIX_OUTCOME_CANCELLED));
+}
+
+void send_subscriptions(tavrix_service *service) {
+    const Json patterns(json_array());
+    for (Entry *entry = subscriptions_of(service)->first; entry != nullptr; entry = entry->next) {
+        if (!as_subscription(entry)->over) {
+            json_array_append_new(patterns.get(), json_string(as_subscription(entry)->pattern));
+        }
+    }
+    send_patterns(service, "router.Subscribe", patterns.get());
+}
+
+void take_notification(tavrix_service *service, const json_t *message, const char *method) {
+    ++service->notifying;
+    for (Entry *entry = subscriptions_of(service)->first; entry != nullptr; entry = entry->next) {
+        const Subscription *subscription = as_subscription(entry);
+        if (!subscription->over && matches(subscription->pattern, method)) {
+            subscription->callback(service, method, json_object_get(message, "params"), subscription->user);
+        }
+    }
+    if (--service->notifying == 0) {
+        free_ended_subscriptions(service);
+    }
+}
+
+void tell_lost(tavrix_service *service, uint64_t count) {
+    if (subscriptions_of(service)->count == 0) {
+        return;
+    }
+    if (count > 0) {
+        LOG_ERROR("%llu notifications are lost: %s did not read them in time\n", static_cast<unsigned long long>(count),
+                  service->name);
+    }
+    if (service->lost != nullptr) {
+        service->lost(service, count, service->lost_user);
+    }
+}
+
+void cancel_subscription(tavrix_service *service, Entry *entry) {
+    as_subscription(entry)->over = true;
+    if (!is_pattern_used(service, as_subscription(entry)->pattern)) {
+        const Json patterns(json_pack("[s]", as_subscription(entry)->pattern));
+        send_patterns(service, "router.Unsubscribe", patterns.get());
+    }
+    if (service->notifying == 0) {
+        free_ended_subscriptions(service);
+    }
+}
+
+} // namespace kit
+
+using namespace kit;
+
+// --- Calls to others -----------------------------------------------------------------------------------------------
+
+uint64_t tavrix_service_request(tavrix_service *service, const char *method, json_t *params, int timeout_ms,
+                                tavrix_answer_callback callback, void *user) {
+    Json owner(params);
+    if (service == nullptr || callback == nullptr || !is_method_name(method) || timeout_ms < 1) {
+        return cannot_request(method, "it has no service, no name, no time or no callback");
+    }
+    if (params != nullptr && !json_is_object(params)) {
+        return cannot_request(method, "its params are no object");
+    }
+    if (service->stopping) {
+        return cannot_request(method, "the service ends");
+    }
+    if (service->session.path[0] == '\0') {
+        return cannot_request(method, "this service has no session; name the router's session socket");
+    }
+    if (service->directory.lists[entry_request].count >= TAVRIX_SERVICE_MAX_REQUESTS) {
+        return cannot_request(method, "too many calls are in flight");
+    }
+    return send_request(service, method, owner.release(), timeout_ms, callback, user);
+}
+
+// --- The waiting form ----------------------------------------------------------------------------------------------
+
+namespace {
+
+/** A connection of its own, for one request. */
+struct Conversation {
+    tavrix::Descriptor fd;
+    Buffer in{};
+    int64_t end_ms = 0;
+
+    ~Conversation() { buffer_free(&in); }
+    /** 0 when the descriptor is ready; -2 when the time is over. */
+    int wait(short events) const {
+        for (;;) {
+            const int64_t left = end_ms - now_ms();
+            pollfd descriptor{fd.get(), events, 0};
+            const int ready = left > 0 ? poll(&descriptor, 1, static_cast<int>(left)) : 0;
+            if (ready >= 0 || errno != EINTR) {
+                return ready > 0 ? TAVRIX_OK : TAVRIX_ERR_TIMEOUT;
+            }
+        }
+    }
+};
+
+int open_conversation(const char *session, Conversation *out) {
+    const char *path = session;
+    if (path == nullptr) {
+        path = std::getenv("TAVRIX_SESSION");
+        path = path != nullptr && *path != '\0' ? path : TAVRIX_SERVICE_SESSION;
+    }
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (std::strlen(path) >= sizeof address.sun_path) {
+        return TAVRIX_ERR_PARAMETER;
+    }
+    std::memcpy(address.sun_path, path, std::strlen(path));
+    out->fd.reset(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (!out->fd || connect(out->fd.get(), reinterpret_cast<sockaddr *>(&address), sizeof address) != 0) {
+        LOG_ERROR("Cannot reach the router at %s: %s; is it running?\n", Printable(path).text, std::strerror(errno));
+        return TAVRIX_ERR_CONNECT_TIMEOUT;
+    }
+    return TAVRIX_OK;
+}
+
+int send_all(const Conversation &conversation, const char *text, size_t length) {
+    while (length > 0) {
+        const ssize_t count = send(conversation.fd.get(), text, length, MSG_NOSIGNAL);
+        if (count > 0) {
+            text += count;
+            length -= static_cast<size_t>(count);
+        } else if (errno == EAGAIN) {
+            const int rc = conversation.wait(POLLOUT);
+            if (rc != TAVRIX_OK) {
+                return rc;
+            }
+        } else if (errno != EINTR) {
+            return TAVRIX_ERR_NO_RESPONSE;
+        }
+    }
+    return TAVRIX_OK;
+}
+
+/** Reads until a line is there. */
+int read_line(Conversation *conversation) {
+    Buffer *in = &conversation->in;
+    while (in->size() == 0 || std::memchr(in->data(), '\n', in->size()) == nullptr) {
+        int rc = conversation->wait(POLLIN);
+        if (rc == TAVRIX_OK && !buffer_reserve(in, 4096)) {
+            rc = TAVRIX_ERR_NO_MEMORY;
+        }
+        if (rc != TAVRIX_OK) {
+            return rc;
+        }
+        const ssize_t count = recv(conversation->fd.get(), in->bytes + in->end, in->capacity - in->end, 0);
+        if (count == 0 || (count < 0 && errno != EAGAIN && errno != EINTR) || in->size() > max_line) {
+            return TAVRIX_ERR_NO_RESPONSE;
+        }
+        in->end += count > 0 ? static_cast<size_t>(count) : 0;
+    }
+    return TAVRIX_OK;
+}
+
+} // namespace
+
+int tavrix_request_wait(const char *session, const char *method, json_t *params, int timeout_ms,
+                        json_t **response_out) {
+    Json owner(params);
+    if (response_out == nullptr || method == nullptr) {
+        return TAVRIX_ERR_NULL_INPUT;
+    }
+    if (!is_method_name(method) || timeout_ms < 1 || (params != nullptr && !json_is_object(params))) {
+        return TAVRIX_ERR_PARAMETER;
+    }
+    if (is_inside_a_loop()) {
+        LOG_WARNING("Waiting for %s: nothing else is served meanwhile\n", Printable(method).text);
+    }
+    Conversation conversation;
+    conversation.end_ms = now_ms() + timeout_ms;
+    int rc = open_conversation(session, &conversation);
+    const Text text = request_text(method, owner.release(), 1);
+    if (rc == TAVRIX_OK && !text) {
+        rc = TAVRIX_ERR_NO_MEMORY;
+    }
+    if (rc == TAVRIX_OK) {
+        rc = send_all(conversation, text.get(), std::strlen(text.get()));
+    }
+    rc = rc == TAVRIX_OK ? send_all(conversation, "\n", 1) : rc;
+    rc = rc == TAVRIX_OK ? read_line(&conversation) : rc;
+    if (rc != TAVRIX_OK) {
+        return rc;
+    }
+    const Buffer &in = conversation.in;
+    Json response(json_loadb(in.data(), in.size(), parse_flags, nullptr));
+    if (!json_is_object(response.get())) {
+        return TAVRIX_ERR_NO_RESPONSE;
+    }
+    *response_out = response.release();
+    return TAVRIX_OK;
+}
+
+// --- Notifications -------------------------------------------------------------------------------------------------
+
+int tavrix_service_publish(tavrix_service *service, const char *method, json_t *params) {
+    Json owner(params);
+    if (service == nullptr || method == nullptr) {
+        return TAVRIX_ERR_NULL_INPUT;
+    }
+    if (!is_method_name(method) || (params != nullptr && !json_is_object(params))) {
+        return TAVRIX_ERR_PARAMETER;
+    }
+    const Text text = request_text(method, owner.release(), 0);
+    if (!text) {
+        return TAVRIX_ERR_NO_MEMORY;
+    }
+    if (service->bus.pub >= 0) {
+        return bus_publish(service, method, text.get());
+    }
+    const bool written = session_write(service, text.get(), std::strlen(text.get()));
+    return written ? TAVRIX_OK : TAVRIX_ERR_GENERAL;
+}
+
+uint64_t tavrix_service_subscribe(tavrix_service *service, const char *pattern, tavrix_notification_callback callback,
+                                  void *user) {
+    if (service == nullptr || callback == nullptr || !is_method_name(pattern)) {
+        LOG_ERROR("Cannot subscribe to %s: a pattern is a method's name, or the beginning of one and *\n",
+                  Printable(pattern).text);
+        return 0;
+    }
+    const bool is_new = !is_pattern_used(service, pattern);
+    const size_t length = std::strlen(pattern);
+    auto *subscription = static_cast<Subscription *>(std::calloc(1, sizeof(Subscription) + length));
+    if (subscription == nullptr) {
+        LOG_ERROR("Cannot subscribe to %s: no memory\n", pattern);
+        return 0;
+    }
+    std::memcpy(subscription->pattern, pattern, length + 1);
+    subscription->callback = callback;
+    subscription->user = user;
+    const uint64_t number = enter(&service->directory, &subscription->entry, entry_subscription);
+    if (is_new) {
+        const Json patterns(json_pack("[s]", pattern));
+        send_patterns(service, "router.Subscribe", patterns.get());
+    }
+    return number;
+}
+
+void tavrix_service_on_lost(tavrix_service *service, void (*lost)(tavrix_service *service, uint64_t count, void *user),
+                            void *user) {
+    if (service != nullptr) {
+        service->lost = lost;
+        service->lost_user = user;
+    }
+}

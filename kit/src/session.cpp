@@ -1,0 +1,414 @@
+/*
+ * The session: one connection to the router, kept open; lines of JSON both ways; registration; connecting again.
+ *
+ *     waiting --connect--> open --router.Bus, router.Register--> ready
+ *        ^                  |                                      |
+ *        +---- back-off ----+------------- connection lost --------+
+ *
+ * Nothing is written from within a handler: what is to go out stands in a buffer, and one write at the end of the
+ * loop's turn takes all of it.
+ */
+#include <cerrno>
+#include <cstdio>
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include "internal.h"
+
+namespace kit {
+
+namespace {
+
+constexpr char unit_name[] = "service_session";
+constexpr int first_backoff_ms = 20;
+constexpr int last_backoff_ms = 1000;
+constexpr int control_timeout_ms = 10000;
+constexpr size_t short_read_size = 16 * 1024;
+constexpr size_t read_size = 64 * 1024; // once a line has begun: long ones are read in larger pieces
+
+void lose_session(tavrix_service *service, const char *why);
+void ask_for_bus(tavrix_service *service);
+
+// --- Ready ---------------------------------------------------------------------------------------------------------
+
+/** The readiness notice that a service manager waits for. */
+void notify_manager() {
+    const char *path = std::getenv("NOTIFY_SOCKET");
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    const size_t length = path != nullptr ? std::strlen(path) : 0;
+    if (length == 0 || length >= sizeof address.sun_path || (path[0] != '/' && path[0] != '@')) {
+        return;
+    }
+    std::memcpy(address.sun_path, path, length);
+    if (path[0] == '@') {
+        address.sun_path[0] = '\0'; // a name without a file
+    }
+    const tavrix::Descriptor fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    constexpr char ready[] = "READY=1";
+    const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + length);
+    if (!fd ||
+        sendto(fd.get(), ready, sizeof ready - 1, MSG_NOSIGNAL, reinterpret_cast<sockaddr *>(&address), size) < 0) {
+        LOG_ERROR("Cannot tell the service manager at %s that the service is ready: %s\n", Printable(path).text,
+                  std::strerror(errno));
+    }
+}
+
+// --- Registration --------------------------------------------------------------------------------------------------
+
+void retry_in(tavrix_service *service, int ms) {
+    const timeval time = time_of_ms(ms);
+    evtimer_add(&service->session.retry, &time);
+}
+
+/** Tells a refusal once, however often it is repeated, and asks again later. */
+void registration_failed(tavrix_service *service, const tavrix_answer *answer, const char *hint) {
+    Session *session = &service->session;
+    const char *message = json_string_value(json_object_get(answer->data, "message"));
+    if (session->refusal != answer->code) {
+        session->refusal = answer->code;
+        LOG_ERROR("The router at %s refuses %s: %s (%s)%s\n", session->path, service->name,
+                  Printable(message != nullptr ? message : answer->message).text, answer->message, hint);
+    }
+    if ((service->options.flags & TAVRIX_SERVICE_NEED_ROUTER) != 0 && !session->was_ready) {
+        give_up(service);
+        return;
+    }
+    retry_in(service, last_backoff_ms);
+}
+
+void on_registered(tavrix_service *service, const tavrix_answer *answer, void * /*user*/) {
+    if (answer->outcome == TAVRIX_OUTCOME_RESULT) {
+        become_ready(service);
+        return;
+    }
+    if (!session_is_connected(service) || answer->outcome == TAVRIX_OUTCOME_CANCELLED) {
+        return; // the next connection asks anew
+    }
+    const char *hint = "";
+    if (answer->code == TAVRIX_JRPC_NOT_UNIQUE) {
+        hint = "; is another one running?";
+    } else if (answer->code == TAVRIX_JRPC_METHOD_NOT_FOUND) {
+        hint = "; do its policy and this process's user fit?";
+    } else if (answer->code == TAVRIX_JRPC_TIMED_OUT) {
+        hint = "; can it reach the addresses that this service publishes on?";
+    }
+    registration_failed(service, answer, hint);
+}
+
+json_t *names_of_methods(const tavrix_service *service) {
+    Json names(json_array());
+    for (size_t i = 0; i < service->method_count; ++i) {
+        json_array_append_new(names.get(), json_string(service->options.methods[i].name));
+    }
+    return names.release();
+}
+
+void send_registration(tavrix_service *service) {
+    Json publish(json_array());
+    for (size_t i = 0; i < service->bus.published_count; ++i) {
+        json_array_append_new(publish.get(), json_string(service->bus.published[i]));
+    }
+    json_t *params = json_pack("{s:s, s:s, s:o, s:o, s:b}", "name", service->name, "channel", service->channel,
+                               "publish", publish.release(), "methods", names_of_methods(service), "direct",
+                               (service->options.flags & TAVRIX_SERVICE_BUS) == 0 ? 1 : 0);
+    send_request(service, "router.Register", params, control_timeout_ms, on_registered, nullptr);
+}
+
+void on_bus_known(tavrix_service *service, const tavrix_answer *answer, void * /*user*/) {
+    if (answer->outcome != TAVRIX_OUTCOME_RESULT) {
+        if (session_is_connected(service) && answer->outcome != TAVRIX_OUTCOME_CANCELLED) {
+            registration_failed(service, answer, "");
+        }
+        return;
+    }
+    const json_t *timeout = json_object_get(answer->result, "reply_timeout_ms");
+    if (json_is_integer(timeout) && json_integer_value(timeout) > 0 && json_integer_value(timeout) < INT32_MAX) {
+        service->reply_timeout_ms = static_cast<int>(json_integer_value(timeout));
+    }
+    if (service->channel == nullptr) {
+        become_ready(service);
+    } else if (!bus_follow(service, answer->result)) {
+        give_up(service);
+    } else {
+        send_registration(service);
+    }
+}
+
+void ask_for_bus(tavrix_service *service) {
+    send_request(service, "router.Bus", nullptr, control_timeout_ms, on_bus_known, nullptr);
+}
+
+// --- Lines ---------------------------------------------------------------------------------------------------------
+
+/** What the router itself tells. */
+bool take_router_notice(tavrix_service *service, const char *method, const json_t *params) {
+    if (std::strcmp(method, "service.Cancel") == 0) {
+        abandon_cancelled_call(service, json_object_get(params, "transaction_id"));
+    } else if (std::strcmp(method, "router.ServiceUp") == 0) {
+        bus_service_up(service, params);
+    } else if (std::strcmp(method, "router.ServiceDown") == 0) {
+        bus_service_down(service, params);
+    } else if (std::strcmp(method, "router.Lost") == 0) {
+        const json_int_t count = json_integer_value(json_object_get(params, "count"));
+        tell_lost(service, count > 0 ? static_cast<uint64_t>(count) : 0);
+    } else {
+        return false;
+    }
+    return true;
+}
+
+void take_line(tavrix_service *service, const char *line, size_t length) {
+    json_error_t error;
+    Json message(json_loadb(line, length, parse_flags, &error));
+    if (!json_is_object(message.get())) {
+        LOG_ERROR("The router at %s sent a line that is no JSON object: %s\n", service->session.path,
+                  Printable(error.text).text);
+        return;
+    }
+    const char *method = json_string_value(json_object_get(message.get(), "method"));
+    if (method == nullptr) {
+        take_response(service, message.get());
+    } else if (json_object_get(message.get(), "id") != nullptr) {
+        Origin origin{};
+        origin.caller = {TAVRIX_ROAD_SESSION, -1, static_cast<uid_t>(-1), static_cast<gid_t>(-1)};
+        evaluate(service, std::move(message), origin);
+    } else if (!take_router_notice(service, method, json_object_get(message.get(), "params"))) {
+        take_notification(service, message.get(), method);
+    }
+}
+
+void take_lines(tavrix_service *service) {
+    Buffer *in = &service->session.in;
+    const uint64_t generation = service->session.generation;
+    while (in->size() > 0 && service->session.generation == generation) {
+        const char *line = in->data();
+        const auto *end = static_cast<const char *>(std::memchr(line, '\n', in->size()));
+        if (end == nullptr) {
+            return;
+        }
+        take_line(service, line, static_cast<size_t>(end - line));
+        buffer_consume(in, static_cast<size_t>(end - line) + 1);
+    }
+}
+
+void write_out(tavrix_service *service) {
+    Session *session = &service->session;
+    while (session->fd >= 0 && session->out.size() > 0) {
+        const ssize_t count = send(session->fd, session->out.data(), session->out.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (count > 0) {
+            buffer_consume(&session->out, static_cast<size_t>(count));
+        } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
+            event_add(&session->writable, nullptr);
+            return;
+        } else if (errno != EINTR) {
+            lose_session(service, std::strerror(errno));
+        }
+    }
+}
+
+void on_writable(evutil_socket_t /*fd*/, short /*what*/, void *argument) {
+    write_out(static_cast<tavrix_service *>(argument));
+}
+
+void on_readable(evutil_socket_t fd, short /*what*/, void *argument) {
+    auto *service = static_cast<tavrix_service *>(argument);
+    Session *session = &service->session;
+    Buffer *in = &session->in;
+    const size_t room = in->size() == 0 ? short_read_size : read_size;
+    if (!buffer_reserve(in, room)) {
+        lose_session(service, "no memory for what it sends");
+        return;
+    }
+    const ssize_t count = recv(fd, in->bytes + in->end, in->capacity - in->end, MSG_DONTWAIT);
+    if (count < 0 && (errno == EAGAIN || errno == EINTR)) {
+        return;
+    }
+    if (count <= 0) {
+        lose_session(service, count == 0 ? "it closed the connection" : std::strerror(errno));
+        return;
+    }
+    in->end += static_cast<size_t>(count);
+    take_lines(service);
+    if (session->in.size() > max_line) {
+        lose_session(service, "it sent a line without an end");
+        return;
+    }
+    write_out(service);
+}
+
+// --- Connection ----------------------------------------------------------------------------------------------------
+
+/** Every end of a connection, and every attempt that failed. */
+void wait_for_router(tavrix_service *service) {
+    Session *session = &service->session;
+    session->state = session_waiting;
+    retry_in(service, session->backoff_ms);
+    session->backoff_ms = session->backoff_ms * 2 < last_backoff_ms ? session->backoff_ms * 2 : last_backoff_ms;
+}
+
+void drop_connection(Session *session) {
+    event_del(&session->readable);
+    event_del(&session->writable);
+    event_del(&session->flush);
+    event_del(&session->retry);
+    close(session->fd);
+    session->fd = -1;
+    ++session->generation;
+    buffer_free(&session->in);
+    buffer_free(&session->out);
+}
+
+void lose_session(tavrix_service *service, const char *why) {
+    Session *session = &service->session;
+    if (session->fd < 0) {
+        return;
+    }
+    if (session->state == session_ready || !session->outage_told) {
+        LOG_ERROR("The router at %s has gone: %s; trying again until it is back\n", session->path, why);
+        session->outage_told = true;
+    }
+    drop_connection(session);
+    session->lost_subscriptions = true;
+    bus_router_gone(service);
+    wait_for_router(service);
+    end_requests(service, TAVRIX_OUTCOME_GONE, true);
+    abandon_session_calls(service);
+}
+
+/** A descriptor that is connected, or -1 with errno. */
+int connect_to(const char *path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path, path, std::strlen(path));
+    tavrix::Descriptor fd(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (!fd || connect(fd.get(), reinterpret_cast<sockaddr *>(&address), sizeof address) != 0) {
+        return -1;
+    }
+    return fd.release();
+}
+
+void connect_session(tavrix_service *service) {
+    Session *session = &service->session;
+    session->fd = connect_to(session->path);
+    if (session->fd < 0) {
+        const bool needed = (service->options.flags & TAVRIX_SERVICE_NEED_ROUTER) != 0 && !session->was_ready;
+        if (!session->outage_told) {
+            LOG_ERROR("Cannot reach the router at %s: %s; is it running?%s\n", session->path, std::strerror(errno),
+                      needed ? "" : " Trying again until it is there");
+            session->outage_told = true;
+        }
+        if (needed) {
+            give_up(service);
+            return;
+        }
+        wait_for_router(service);
+        return;
+    }
+    session->state = session_open;
+    event_assign(&session->readable, service->base, session->fd, EV_READ | EV_PERSIST, on_readable, service);
+    event_assign(&session->writable, service->base, session->fd, EV_WRITE, on_writable, service);
+    event_add(&session->readable, nullptr);
+    ask_for_bus(service);
+    send_subscriptions(service);
+    send_waiting_requests(service);
+}
+
+/** The back-off has passed: connects, or asks again for the registration that was refused. */
+void on_retry(evutil_socket_t /*fd*/, short /*what*/, void *argument) {
+    auto *service = static_cast<tavrix_service *>(argument);
+    if (service->session.state == session_waiting) {
+        connect_session(service);
+    } else if (service->session.state == session_open) {
+        ask_for_bus(service);
+    }
+}
+
+} // namespace
+
+bool session_prepare(tavrix_service *service) {
+    Session *session = &service->session;
+    session->fd = -1;
+    session->backoff_ms = first_backoff_ms;
+    evtimer_assign(&session->retry, service->base, on_retry, service);
+    event_assign(&session->flush, service->base, -1, 0, on_writable, service);
+    event_assign(&session->readable, service->base, -1, 0, on_readable, service);
+    event_assign(&session->writable, service->base, -1, 0, on_writable, service);
+    const char *path = service->options.session;
+    if (path == nullptr) {
+        path = std::getenv("TAVRIX_SESSION");
+        path = path != nullptr && *path != '\0' ? path : TAVRIX_SERVICE_SESSION;
+    }
+    if (std::strlen(path) >= sizeof session->path) {
+        LOG_ERROR("Cannot use the session socket %s: a socket's path has at most %zu bytes\n", Printable(path).text,
+                  sizeof session->path - 1);
+        return false;
+    }
+    std::memcpy(session->path, path, std::strlen(path) + 1);
+    return true;
+}
+
+void session_start(tavrix_service *service) {
+    if (service->session.path[0] != '\0' && service->session.state == session_off) {
+        connect_session(service);
+    }
+}
+
+bool session_is_connected(const tavrix_service *service) { return service->session.fd >= 0; }
+
+bool session_has_unwritten(const tavrix_service *service) {
+    return service->session.fd >= 0 && service->session.out.size() > 0;
+}
+
+bool session_write(tavrix_service *service, const char *text, size_t length) {
+    Session *session = &service->session;
+    if (session->fd < 0) {
+        return false;
+    }
+    const bool fits = session->out.size() + length < max_unwritten;
+    if (!fits || !buffer_reserve(&session->out, length + 1)) {
+        LOG_ERROR("A line of %zu bytes for the router is lost: %s\n", length,
+                  fits ? "no memory" : "it has not read for long");
+        return false;
+    }
+    buffer_append(&session->out, text, length);
+    buffer_append(&session->out, "\n", 1);
+    event_active(&session->flush, EV_WRITE, 1);
+    return true;
+}
+
+void session_close(tavrix_service *service) {
+    Session *session = &service->session;
+    if (session->fd >= 0) {
+        write_out(service);
+    }
+    if (session->fd >= 0) {
+        drop_connection(session);
+    }
+    event_del(&session->retry);
+    session->state = session_off;
+}
+
+void become_ready(tavrix_service *service) {
+    Session *session = &service->session;
+    session->state = session_ready;
+    session->backoff_ms = first_backoff_ms;
+    session->outage_told = false;
+    session->refusal = 0;
+    LOG_INFO("%s ready\n", service->name);
+    if (!session->was_ready) {
+        session->was_ready = true;
+        notify_manager();
+    }
+    if (session->lost_subscriptions) {
+        session->lost_subscriptions = false;
+        tell_lost(service, 0);
+    }
+    if (service->options.ready != nullptr) {
+        service->options.ready(service, service->options.user);
+    }
+}
+
+} // namespace kit

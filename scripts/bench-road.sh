@@ -117,11 +117,11 @@ start_bare() { # TRANSPORT: bare-TRANSPORT.sock
     until_answered oneshot --unix "bare-$1.sock"
 }
 
-start_router() { # NAME OPTION...: NAME.sock, and NAME.session when the router has sessions
+start_router() { # NAME OPTION...: NAME.sock, NAME.session
     local name=$1
     shift
-    if $with_sessions; then set -- "$@" --session "$name.session" --max-clients 4000; fi
-    start "router-$name" "$routerd" --socket "$name.sock" --reply-timeout "$reply_timeout_ms" "$@"
+    start "router-$name" "$routerd" --socket "$name.sock" --session "$name.session" --max-clients 4000 \
+        --max-in-flight 4096 "$@"
 }
 
 # A router and an echo service that meet on the bus and nothing else: NAME is the transport.
@@ -131,7 +131,7 @@ start_bus() {
     address_of "router-$1" "$1"; router=$address
     address_of "echo-$1" "$1"; service=$address
     start_router "$1" --publish "$router" --connect "$service"
-    start "echo-$1" "$road/echo_service" bus "$service" "$router"
+    start "echo-$1" "$road/echo_service" "$service" "$router"
     until_answered oneshot --unix "$1.sock"
 }
 
@@ -139,37 +139,19 @@ start_bus() {
 start_direct() {
     if is_running router-direct; then return; fi
     start_router direct --publish "ipc://$run/bus/direct"
-    start echo-direct "$road/echo_service" direct direct.session
+    start echo-direct "$road/kit_service" echo --session direct.session
     until_answered oneshot --unix direct.sock
 }
 
 # A router and the ports service, as they are: ports.sock.
 start_ports() {
-    local router service
     if is_running router-ports; then return; fi
-    if $ports_register; then
-        start_router ports --publish "ipc://$run/bus/ports"
-        start portsd "$portsd" --session ports.session --database fleet.db
-    else
-        address_of router-ports tcp; router=$address
-        address_of portsd tcp; service=$address
-        next_port # where an events service would be
-        start_router ports --publish "$router" --connect "$service"
-        start portsd "$portsd" --publish "$service" --connect "$router" --database fleet.db \
-            --events "tcp://127.0.0.1:$port"
-    fi
+    start_router ports --publish "ipc://$run/bus/ports"
+    start portsd "$portsd" --session ports.session --database fleet.db
     until_answered oneshot --unix ports.sock --method ports.Get --params "$port_params"
 }
 
-needs_sessions() { # TITLE GOAL: says so when the router has none
-    if $with_sessions; then return 0; fi
-    row "$1" "no session" - - "$2"
-    return 1
-}
-
 # --- The rows ---
-
-reply_timeout_ms=10000
 
 bare_tcp() { echo_call bare-tcp.sock; }
 bare_ports() { ports_call bare-tcp.sock; }
@@ -182,14 +164,10 @@ rows_oneshot() {
     start_bare tcp
     start_bus tcp
     compare_calls "one client, a connection a call, empty handler, bus over tcp : bare" ">= 0.85" bare_tcp echo_tcp
-    if $with_sessions; then
-        start_bus ipc
-        compare_calls "one client, a connection a call, empty handler, bus over ipc : bare" ">= 1.05" bare_tcp echo_ipc
-    fi
-    if needs_sessions "one client, a connection a call, empty handler, direct : bare" "-"; then
-        start_direct
-        compare_calls "one client, a connection a call, empty handler, direct : bare" "-" bare_tcp echo_direct
-    fi
+    start_bus ipc
+    compare_calls "one client, a connection a call, empty handler, bus over ipc : bare" ">= 1.05" bare_tcp echo_ipc
+    start_direct
+    compare_calls "one client, a connection a call, empty handler, direct : bare" "-" bare_tcp echo_direct
 }
 
 rows_ports() {
@@ -205,11 +183,9 @@ rows_crowd() {
     start_bus tcp
     compare_crowd "64 clients at once, a connection a call, bus over tcp : one client" ">= 2.5" echo_tcp crowd_tcp
     absolute "64 clients at once, bus over tcp, p99" "<= 15 ms" p99_us crowd_tcp
-    if needs_sessions "64 clients at once, a connection a call, direct : one client" ">= 2.5"; then
-        start_direct
-        compare_crowd "64 clients at once, a connection a call, direct : one client" ">= 2.5" echo_direct crowd_direct
-        absolute "64 clients at once, direct, p99" "<= 15 ms" p99_us crowd_direct
-    fi
+    start_direct
+    compare_crowd "64 clients at once, a connection a call, direct : one client" ">= 2.5" echo_direct crowd_direct
+    absolute "64 clients at once, direct, p99" "<= 15 ms" p99_us crowd_direct
 }
 
 session_tcp() { session_call tcp.session 1; }
@@ -219,7 +195,6 @@ pipeline_direct() { session_call direct.session 64; }
 pipeline_ipc() { session_call ipc.session 64; }
 
 rows_session() {
-    if ! needs_sessions "one session, one call at a time" ">= 1.3, direct >= 2.0"; then return; fi
     start_bare tcp
     start_bus tcp
     start_bus ipc
@@ -230,7 +205,6 @@ rows_session() {
 }
 
 rows_pipeline() {
-    if ! needs_sessions "one session, 64 calls in flight, direct : bare" ">= 8"; then return; fi
     start_bare tcp
     start_bus ipc
     start_direct
@@ -243,22 +217,16 @@ rows_pipeline() {
 silent() { trouble silent silent --unix ports.sock --clients 50; }
 slow() { trouble slow slow --unix ports.sock --clients 50; }
 unread() {
-    if $with_sessions; then
-        trouble unread unread --unix ports.session --method ports.Get --params '{"port_id":"all"}'
-    else
-        trouble unread unread --unix ports.sock --method ports.Get --params '{"port_id":"all"}'
-    fi
+    trouble unread unread --unix ports.session --method ports.Get --params '{"port_id":"all"}'
 }
 dead() { trouble dead pending --unix ports.sock --clients 20 --method interfaces.Empty; }
 abandoned() { trouble abandoned abandoned --unix ports.sock --clients 10 --method ports.WaitLinkChanged --params '{}'; }
 
-# A service that has registered, and answers no more; without registration one that is not there at all.
+# A service that has registered, and answers no more.
 start_dead() {
-    if $with_sessions && ! is_running stalled; then
-        start stalled "$road/echo_service" direct ports.session interfaces
-        until_answered oneshot --unix ports.sock --method interfaces.Empty
-        kill -STOP "${pid_of[stalled]}"
-    fi
+    start stalled "$road/kit_service" interfaces --session ports.session
+    until_answered oneshot --unix ports.sock --method interfaces.Empty
+    kill -STOP "${pid_of[stalled]}"
 }
 
 ports_beside() { # what $company names is there meanwhile
@@ -277,21 +245,20 @@ company_row() { # TITLE COMPANY
 rows_company() {
     start_ports
     start_dead
-    if ! $with_sessions; then local rounds=1; fi # such a router takes many seconds for each
     company_row "50 silent ones" silent
     company_row "50 slow writers" slow
     company_row "one that never reads" unread
     company_row "20 requests in flight to a dead service" dead
     company_row "10 abandoned waits" abandoned
     company_row "all of these" "silent slow unread dead abandoned"
-    if is_running stalled; then finish stalled; fi
+    finish stalled
 }
 
 # --- Across the end of a service ---
 
 # In the background, so that the call is under way when its service is killed.
 killed_meanwhile() {
-    start gone "$road/echo_service" direct direct.session interfaces
+    start gone "$road/kit_service" interfaces --session direct.session
     until_answered oneshot --unix direct.sock --method interfaces.Empty >/dev/null
     kill -STOP "${pid_of[gone]}"
     "$load" oneshot --unix direct.sock --method interfaces.Empty --calls 1 --timeout 60000 >under-way &
@@ -302,19 +269,12 @@ killed_meanwhile() {
     wait "$caller" || true
     awk -v a="$killed" -v b="$EPOCHREALTIME" 'BEGIN { printf "us=%d\n", (b - a) * 1e6 }'
 }
-gone_before() { measure oneshot --unix "$1" --method interfaces.Empty --calls 1 --timeout 60000; }
-gone_direct() { gone_before direct.sock; }
-gone_tcp() { gone_before tcp.sock; }
+gone_before() { measure oneshot --unix direct.sock --method interfaces.Empty --calls 1 --timeout 60000; }
 
 rows_gone() {
-    if needs_sessions "an answer to a call under way when its service is killed" "<= 100 ms"; then
-        start_direct
-        absolute "an answer to a call under way when its service is killed" "<= 100 ms" us killed_meanwhile
-        absolute "an answer to a call when the service has gone" "<= 100 ms" max_us gone_direct
-    else
-        start_bus tcp
-        rounds=1 absolute "an answer to a call when the service has gone" "<= 100 ms" max_us gone_tcp
-    fi
+    start_direct
+    absolute "an answer to a call under way when its service is killed" "<= 100 ms" us killed_meanwhile
+    absolute "an answer to a call when the service has gone" "<= 100 ms" max_us gone_before
 }
 
 # From the kill on: the program is started again at once, and called until it answers.
@@ -345,7 +305,6 @@ rows_recovery() {
     start_ports
     command_of portsd; portsd_command=("${command[@]}")
     command_of router-ports; router_command=("${command[@]}")
-    if ! $with_sessions; then rounds=1; fi # each takes a time-out
     absolute "calls again after kill -9 and restart of the service" "<= 300 ms" us service_again
     absolute "calls again after kill -9 and restart of the router" "<= 300 ms" us router_again
 }
@@ -358,7 +317,6 @@ echo_beside_idle() {
 }
 
 rows_idle() {
-    if ! needs_sessions "1,000 idle sessions" "<= 16 KiB each, p99 <= 1.2"; then return; fi
     start_direct
     idle
     row "1,000 idle sessions, the router's memory for each" "$(value each_bytes <idle.log) B" - - "<= 16384 B"

@@ -102,9 +102,6 @@ build_road() {
     portsd=$built/daemons/ports/tavrix-portsd
     road=$built/bench/road
     load=$road/load
-    with_sessions=false ports_register=false
-    if "$routerd" --help | grep -q -e '--session'; then with_sessions=true; fi
-    if "$portsd" --help | grep -q -e '--session'; then ports_register=true; fi
     sqlite3 "$run/fleet.db" <daemons/ports/schema.sql
     sqlite3 "$run/fleet.db" <daemons/ports/fleet.sql
     printf '[logging_levels]\nrouterd=info\nportsd=info\necho=info\n' >"$run/tavrix_lsyslog.conf"

@@ -11,7 +11,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-enum { tick_ms = 100, read_at_once = 4096, first_requests = 4000, requests_a_tick = 50 };
+enum { tick_ms = 100, read_at_once = 4096, first_requests = 300, requests_a_tick = 5 };
 
 struct connection {
     int descriptor;

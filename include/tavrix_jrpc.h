@@ -21,8 +21,13 @@
  * @endcode
  *
  * Texts that are handed back are released with `free`, JSON values with `json_decref`. Unless a function says otherwise
- * it returns 0 or -1. A signal that interrupts a wait makes the call fail with -1. Thread-safety: no state; handlers
- * run on the caller's thread.
+ * it returns 0 or -1, and -20 for a null argument where it lists one. Thread-safety: no state; handlers run on the
+ * caller's thread.
+ *
+ * Signals: one that arrives while a call waits on the bus makes it fail with -1, SA_RESTART or not;
+ * tavrix_jrpc_mq_sub_for_method() and tavrix_jrpc_mq_sub_for_notifcation() count that as one attempt and go on. On
+ * client sockets the system decides: with SA_RESTART an accept and a receive wait on, without it they fail with -1. An
+ * answer that a signal cuts short counts as sent.
  */
 #ifndef TAVRIX_JRPC_H
 #define TAVRIX_JRPC_H
@@ -300,9 +305,18 @@ TAVRIX_API int tavrix_jrpc_mq_run(int *sub_sock, int *pub_sock, const tavrix_jrp
 TAVRIX_API int tavrix_jrpc_mq_pub(const int *pub_sock, const char *channel, const char *json_text);
 
 /**
- * Waits for the reply to a method: attempt after attempt, as many as the method is worth (60, 100 or 200 for the slow
- * ports methods and the backup, 10 for any other), each as long as the socket's receive time-out. Anything else that
- * arrives costs an attempt. Subscribe to the request's "id" before it is published.
+ * Waits for the reply to a method, attempt after attempt, each as long as the socket's receive time-out. With the
+ * 1000 ms of tavrix_jrpc_mq_sub_init() the attempts are seconds, by the method's exact name:
+ * - 60 for "ports.Get" and "ports.SetEnabled";
+ * - 100 for "ports.SetVlanLocal", "ports.SetVlanAccess" and "ports.SetVlanTrunk";
+ * - 200 for "ports.poe.GetInstantPower" and "db.ApplyBackup";
+ * - 10 for any other.
+ *
+ * Anything else that arrives costs an attempt, and so does a receive that fails or that a signal interrupts.
+ *
+ * A reply is told by the method's name alone: the first one to that method counts, whoever asked, even one to an
+ * earlier request that was given up. Listen on a channel of your own, and tell replies apart by "transaction_id".
+ * Subscribe to the request's "id" before it is published.
  *
  * @code
  * json_t *reply;
@@ -320,7 +334,7 @@ TAVRIX_API int tavrix_jrpc_mq_pub(const int *pub_sock, const char *channel, cons
 TAVRIX_API int tavrix_jrpc_mq_sub_for_method(int sub_sock, const char *method, json_t **reply_out);
 
 /**
- * Tells whether a text is the reply to a method: a JSON-RPC 2.0 object whose "id" is the method's name.
+ * Tells whether a text is a reply to a method, whoever asked: a JSON-RPC 2.0 object whose "id" is the method's name.
  *
  * @param method    the method's name
  * @param json_text the text, without a channel
@@ -330,9 +344,9 @@ TAVRIX_API int tavrix_jrpc_mq_sub_for_method(int sub_sock, const char *method, j
 TAVRIX_API int tavrix_jrpc_eval_method(const char *method, const char *json_text, json_t **reply_out);
 
 /**
- * Waits for a notification of a method, without a time-out, until five frames that are none have arrived. The socket's
- * receive time-out is lifted meanwhile and put back on every way out, so nothing else may receive on it. (The name's
- * spelling is the interface's.)
+ * Waits for a notification of a method, without a time-out, for five attempts: each frame that is none costs one, and
+ * so does a receive that fails or that a signal interrupts. The socket's receive time-out is lifted meanwhile and put
+ * back on every way out, so nothing else may receive on it. (The name's spelling is the interface's.)
  *
  * @param sub_sock         the subscriber
  * @param method           the method's name
@@ -458,8 +472,8 @@ TAVRIX_API int tavrix_jrpc_router_socket_extract_request(const int *listen_sock,
  *
  * @param pub_sock the router's publisher
  * @param request  the request object; it stays the caller's, its "id" becomes the reply channel
- * @return 0; the publishing's status; -1 for a null argument, and for a request without a method or with an id that is
- *         missing or no string or number
+ * @return 0; the publishing's status; -1 for a null argument, and, with the object as it was, for one that no JSON text
+ *         can hold, for a request without a method, and for an id that is missing or no string or number
  */
 TAVRIX_API int tavrix_jrpc_router_mq_dispatch_request(const int *pub_sock, json_t *request);
 
@@ -504,7 +518,8 @@ TAVRIX_API int tavrix_jrpc_router_eval_notification(json_t *notification, const 
  * Makes the answer of a busy system to a request.
  *
  * @param request      the request object; it stays the caller's, its "transaction_id" is shared with the answer
- * @param response_out receives the object, which the caller releases; null when it cannot be made
+ * @param response_out receives the object, which the caller releases; null when it cannot be made, untouched for a null
+ *                     argument
  * @return 0; -1 for a null argument, for an id that is missing or no string, or without memory
  */
 TAVRIX_API int tavrix_jrpc_router_create_system_lock_response(json_t *request, json_t **response_out);
@@ -514,7 +529,7 @@ TAVRIX_API int tavrix_jrpc_router_create_system_lock_response(json_t *request, j
  *
  * @param id             the response's "id"
  * @param transaction_id the response's "transaction_id", 0 too
- * @param response_out   receives the object, which the caller releases; null when it cannot be made
+ * @param response_out   receives the object, which the caller releases; null with every -1
  * @return 0; -1 for a null argument, for an id that is no UTF-8 text, or without memory
  */
 TAVRIX_API int tavrix_jrpc_router_create_system_timeout_response(const char *id, int transaction_id,

@@ -31,7 +31,13 @@
  *
  * The statuses that all of them share, in the order of the checks: -4 for a null `key` or `out`; -35 when the member is
  * absent; -31 when it has another type. Only these last two set the debug message. Retrievers of a text then refuse an
- * `out_size` of 0, with -4 too.
+ * `out_size` of 0, with -4 too. A null argument gives another status in three functions: -20 in
+ * tavrix_jrpc_utils_retrieve_input_mac_filters() and tavrix_jrpc_utils_populate_json_mac_addresses_array(), -31 in
+ * tavrix_jrpc_utils_parse_input_secure_option(). And -4 is not always a null argument: the two readers of ports give it
+ * for a bad element too.
+ *
+ * Of every JSON integer only the low 32 bits count, for the rule as for the value: 4294967297 is read, judged and
+ * stored as 1. What must not pass so is for the handler to refuse, with `json_integer_value` on the member itself.
  *
  * Thread-safety: no state; any thread at any time, each on its own request.
  */
@@ -241,7 +247,8 @@ TAVRIX_API int tavrix_jrpc_utils_retrieve_input_vlan_ids(json_t *params, json_t 
  * @param records receives one record for each element, the daemon's own members untouched. After a failure the ones
  *                before the bad element are filled; of its own only the port number and the VLAN ids may be.
  * @param count   receives the length of the array, at most `max`; also written when an element is bad
- * @param max     the number of records there is room for; further elements are ignored
+ * @param max     the number of records there is room for; further elements are ignored. With a negative one nothing is
+ *                read, the status is 0, and `count` is as negative.
  * @return 0; -4 for a null `key`, `records` or `count` and for any bad element; -35, -31
  */
 TAVRIX_API int tavrix_jrpc_utils_retrieve_input_ports(json_t *params, json_t **debug_message, const char *key,
@@ -294,9 +301,10 @@ TAVRIX_API int tavrix_jrpc_utils_parse_input_secure_option(json_t *params, json_
  *
  * @param array receives a new array, or null on every failure but the first; the caller releases it
  * @param macs  texts of up to 19 characters; may be null when `count` is 0
- * @param count the number of texts; at most 512 are listed. The list ends early, with a warning in the log, at a text
- *              that is not UTF-8 or for which there is no memory.
- * @return 0; -20 for a null pointer; -22 without memory for the array; -1 when an entry cannot be appended
+ * @param count the number of texts; at most 512 are listed, none for a negative number. The list ends early, with a
+ *              warning in the log, at a text that is not UTF-8 or for which there is no memory.
+ * @return 0; -20 for a null `array`, and for null `macs` unless `count` is 0; -22 without memory for the array; -1 when
+ *         an entry cannot be appended
  */
 TAVRIX_API int tavrix_jrpc_utils_populate_json_mac_addresses_array(json_t **array, char (*macs)[20], int count);
 

@@ -6,7 +6,9 @@
  */
 #include "tavrix_jrpc.h"
 
+#include <algorithm>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 
 #include "internal/handles.h"
@@ -31,6 +33,7 @@ constexpr char protocol_version[] = "2.0";
 constexpr char bar = '|';
 constexpr int reply_timeout_ms = 1000;
 constexpr int notification_attempts = 5;
+constexpr size_t first_draft_size = 256;
 
 // --- Error map -----------------------------------------------------------------------------------------------------
 
@@ -184,13 +187,16 @@ struct Envelope {
     json_t *method = nullptr; ///< stays null when a check before it failed
 };
 
-/** Adds "transaction_id", shared, when there is one. Both builders and the lock response report as the evaluator. */
-bool add_transaction_id(json_t *response, json_t *transaction_id) {
-    if (transaction_id == nullptr || json_object_set(response, "transaction_id", transaction_id) == 0) {
-        return true;
-    }
+/** Both builders and the lock response report as the evaluator. */
+bool cannot_add_transaction_id() {
     LOG_ERROR("tavrix_jrpc_eval_request: Failed to add Transaction ID to response\n");
     return false;
+}
+
+/** Adds "transaction_id", shared, when there is one. */
+bool add_transaction_id(json_t *response, json_t *transaction_id) {
+    return transaction_id == nullptr || json_object_set(response, "transaction_id", transaction_id) == 0 ||
+           cannot_add_transaction_id();
 }
 
 /** The object under "error"; data is shared, null makes it a JSON null. */
@@ -220,12 +226,79 @@ Text build_error(int jrpc_code, json_t *id, json_t *data, int indent, json_t *tr
     return render_response(response, indent);
 }
 
-Text build_response(json_t *result, json_t *id, int indent, json_t *transaction_id) {
+/** An object, with the member order of write_response(). */
+Text pack_response(json_t *result, json_t *id, int indent, json_t *transaction_id) {
     const Json response(json_pack("{s:s,s:O,s:O}", "jsonrpc", protocol_version, "id", id, "result", result));
     if (!response || !add_transaction_id(response.get(), transaction_id)) {
         return nullptr;
     }
     return render_response(response, indent);
+}
+
+/** A text under construction; `size` bytes are allocated, `length` of them written. */
+struct Draft {
+    Text text;
+    size_t length = 0;
+    size_t size = 0;
+};
+
+bool enlarge(Draft *draft, size_t needed) {
+    const size_t size = std::max({needed, 2 * draft->size, first_draft_size});
+    char *text = static_cast<char *>(std::realloc(draft->text.get(), size));
+    if (text == nullptr) {
+        return false;
+    }
+    static_cast<void>(draft->text.release());
+    draft->text.reset(text);
+    draft->size = size;
+    return true;
+}
+
+bool append(Draft *draft, const char *bytes, size_t count) {
+    const size_t needed = draft->length + count;
+    if (needed > draft->size && !enlarge(draft, needed)) {
+        return false;
+    }
+    std::memcpy(draft->text.get() + draft->length, bytes, count);
+    draft->length = needed;
+    return true;
+}
+
+/** Jansson hands the pieces of a rendering to this. */
+int append_piece(const char *bytes, size_t count, void *draft) {
+    return append(static_cast<Draft *>(draft), bytes, count) ? 0 : -1;
+}
+
+template <size_t Size>
+bool append_words(Draft *draft, const char (&words)[Size]) {
+    return append(draft, words, Size - 1);
+}
+
+bool append_value(Draft *draft, const json_t *value) {
+    return json_dump_callback(value, append_piece, draft, wire_flags | JSON_ENCODE_ANY) == 0;
+}
+
+bool append_transaction_id(Draft *draft, const json_t *transaction_id) {
+    return (append_words(draft, R"(,"transaction_id":)") || cannot_add_transaction_id()) &&
+           append_value(draft, transaction_id);
+}
+
+/**
+ * A response on one line. Every request that is served pays for its envelope: as text these few words cost next to
+ * nothing, as an object they make a serving step a quarter dearer.
+ */
+Text write_response(const json_t *result, const json_t *id, const json_t *transaction_id) {
+    Draft draft;
+    const bool written = append_words(&draft, R"({"jsonrpc":")") && append_words(&draft, protocol_version) &&
+                         append_words(&draft, R"(","id":)") && append_value(&draft, id) &&
+                         append_words(&draft, R"(,"result":)") && append_value(&draft, result) &&
+                         (transaction_id == nullptr || append_transaction_id(&draft, transaction_id));
+    constexpr char end[] = "}";
+    return written && append(&draft, end, sizeof end) ? std::move(draft.text) : nullptr;
+}
+
+Text build_response(json_t *result, json_t *id, int indent, json_t *transaction_id) {
+    return indent == 0 ? write_response(result, id, transaction_id) : pack_response(result, id, indent, transaction_id);
 }
 
 // --- Evaluation ----------------------------------------------------------------------------------------------------
@@ -341,6 +414,32 @@ Text respond(const Envelope &envelope, Outcome *outcome, int *jrpc_code) {
     return response;
 }
 
+/** Evaluates a request, an object; `response_text` is null before. */
+int evaluate(const json_t *request, const tavrix_jrpc_method *table, char **response_text) {
+    if (!show_request(request)) {
+        return TAVRIX_ERR_GENERAL;
+    }
+    Envelope envelope;
+    Outcome outcome;
+    int code = check_envelope(request, &envelope);
+    if (code == 0) {
+        code = call_method(table, envelope, &outcome);
+    }
+    const bool is_notification = envelope.id == nullptr;
+    if (is_notification) {
+        return code == 0 ? TAVRIX_OK : TAVRIX_ERR_GENERAL;
+    }
+    if (code == 0) {
+        *response_text = respond(envelope, &outcome, &code).release();
+    }
+    if (*response_text == nullptr) {
+        // Without a method value, that is when a check before it failed, the builder refuses: meant, no response.
+        *response_text =
+            tavrix_jrpc_create_error(code, envelope.method, outcome.error_data.get(), 0, envelope.transaction_id);
+    }
+    return *response_text != nullptr ? TAVRIX_OK : TAVRIX_ERR_GENERAL;
+}
+
 // --- Framing -------------------------------------------------------------------------------------------------------
 
 struct ChannelRule {
@@ -361,6 +460,30 @@ const char *service_channel(const char *method) {
         }
     }
     return TAVRIX_CHANNEL_DEFAULT;
+}
+
+/** The reply channel that a message names, borrowed from it. A text that could not be read comes as null. */
+int find_channel(const json_t *message, const json_error_t &error, const char **channel) {
+    if (message == nullptr) {
+        LOG_DEBUG("[tavrix_jrpc_parse_channel]: Cannot parse JSON message.\n");
+        LOG_DEBUG("Error on line[%d]: %s\n", error.line, error.text);
+        return TAVRIX_ERR_GENERAL;
+    }
+    if (!json_is_object(message)) {
+        LOG_DEBUG("[tavrix_jrpc_parse_channel]: Invalid JSON\n");
+        return TAVRIX_ERR_GENERAL;
+    }
+    const json_t *id = json_object_get(message, "id");
+    if (id == nullptr) {
+        LOG_VERBOSE("[tavrix_jrpc_parse_channel]: No ID\n");
+        return TAVRIX_ERR_NO_JSON_ID;
+    }
+    if (!json_is_string(id)) {
+        LOG_DEBUG("[tavrix_jrpc_parse_channel]: Invalid ID\n");
+        return TAVRIX_ERR_GENERAL;
+    }
+    *channel = json_string_value(id);
+    return TAVRIX_OK;
 }
 
 // --- Endpoint ------------------------------------------------------------------------------------------------------
@@ -400,9 +523,11 @@ int receive_frame(int sock, Frame *frame, int nonblock) {
     return rc;
 }
 
-int split_frame(const Frame &frame, Text *json_text) {
+/** Takes the JSON text out of a frame and releases the frame: a long message is not held twice by what follows. */
+int split_frame(Frame *frame, Text *json_text) {
     char *text = nullptr;
-    const int rc = tavrix_jrpc_parse_msg(frame.text.get(), frame.length, &text);
+    const int rc = tavrix_jrpc_parse_msg(frame->text.get(), frame->length, &text);
+    frame->text.reset();
     json_text->reset(text);
     return rc;
 }
@@ -413,9 +538,9 @@ int close_failed_endpoint(int sock) {
 }
 
 /** Evaluates a request and publishes its response on the reply channel. */
-int serve(const char *json_text, const char *channel, int *pub_sock, const tavrix_jrpc_method *table) {
+int serve(const json_t *request, const char *channel, int *pub_sock, const tavrix_jrpc_method *table) {
     char *text = nullptr;
-    int rc = tavrix_jrpc_eval_request(json_text, table, &text);
+    int rc = evaluate(request, table, &text);
     const Text response(text);
     if (rc != TAVRIX_OK || !response) {
         return rc;
@@ -508,7 +633,7 @@ Json await_reply_once(int sub_sock, const char *method) {
     }
     LOG_DEBUG("[%s] Received:\n%s\n", function, frame.text.get());
     Text json_text;
-    rc = split_frame(frame, &json_text);
+    rc = split_frame(&frame, &json_text);
     if (rc != TAVRIX_OK) {
         LOG_DEBUG("Unable to parse API response, rc = %d\n", rc);
         return nullptr;
@@ -533,7 +658,7 @@ Json await_notification_once(int sub_sock, const char *method) {
     }
     LOG_DEBUG("[%s] Recv:\n%s\n", function, frame.text.get());
     Text json_text;
-    rc = split_frame(frame, &json_text);
+    rc = split_frame(&frame, &json_text);
     if (rc != TAVRIX_OK) {
         LOG_DEBUG("Unable to parse notification message, rc = %d\n", rc);
         return nullptr;
@@ -679,12 +804,65 @@ bool cannot_print(const char *function) {
     return false;
 }
 
+/** Pure ASCII is seen at a glance; the rare other text is for Jansson to judge. */
+bool is_utf8(const char *text, size_t length) {
+    size_t ascii = 0;
+    while (ascii < length && static_cast<unsigned char>(text[ascii]) < 0x80) {
+        ++ascii;
+    }
+    return ascii == length || Json(json_stringn(text, length)) != nullptr;
+}
+
+/** The way down to a container, as far as a loop needs it to be noticed. */
+struct Descent {
+    const json_t *landmark; ///< the container above at the last depth that was a power of two
+    size_t depth;
+};
+
 /**
- * Shows a request at verbose level, as received and as parsed. Nothing is rendered below it, but a bare value, which
- * has no rendering, is refused at every level.
+ * Whether a JSON text can hold the value: its strings and keys are UTF-8 (of a key that is not, Jansson would write
+ * half and report success), and it does not contain itself. Round a loop of any length the walk meets its landmark
+ * again, so that one comparison for each container is enough to notice.
+ */
+bool is_renderable(const json_t *value, const Descent &above) {
+    if (json_is_string(value)) {
+        return is_utf8(json_string_value(value), json_string_length(value));
+    }
+    if (!json_is_object(value) && !json_is_array(value)) {
+        return true;
+    }
+    if (value == above.landmark) {
+        return false;
+    }
+    const size_t depth = above.depth + 1;
+    const bool is_power_of_two = (depth & (depth - 1)) == 0;
+    const Descent here = {is_power_of_two ? value : above.landmark, depth};
+    for (size_t i = 0; i < json_array_size(value); ++i) {
+        if (!is_renderable(json_array_get(value, i), here)) {
+            return false;
+        }
+    }
+    json_t *object = const_cast<json_t *>(value); // Jansson's iterators could change an object; these do not
+    for (void *member = json_object_iter(object); member != nullptr; member = json_object_iter_next(object, member)) {
+        if (!is_utf8(json_object_iter_key(member), json_object_iter_key_len(member)) ||
+            !is_renderable(json_object_iter_value(member), here)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+/**
+ * Shows a request at verbose level, as received and as parsed. Nothing is rendered below it, but what has no rendering
+ * is refused at every level: a bare value, and what a caller has put together that no text can hold.
+ *
+ * @param received the text that the request was parsed from, which proves that there is a rendering; or null
  */
 bool show_routed_request(const json_t *request, const char *received, const char *function) {
     if (!json_is_object(request) && !json_is_array(request)) {
+        return cannot_print(function);
+    }
+    if (received == nullptr && !is_renderable(request, {nullptr, 0})) {
         return cannot_print(function);
     }
     if (!tavrix_lsyslog_check_severity(TAVRIX_LOG_VERBOSE)) {
@@ -762,7 +940,7 @@ int receive_reply(int sub_sock, Text *json_text) {
     if (frame.empty()) {
         return TAVRIX_ERR_GENERAL;
     }
-    rc = split_frame(frame, json_text);
+    rc = split_frame(&frame, json_text);
     if (rc != TAVRIX_OK) {
         LOG_DEBUG("[%s]: Error parse_msg, rc = %d\n", function, rc);
     }
@@ -867,28 +1045,7 @@ int tavrix_jrpc_eval_request(const char *request_text, const tavrix_jrpc_method 
         return TAVRIX_ERR_GENERAL;
     }
     const Json request = parse_request(request_text);
-    if (!request || !show_request(request.get())) {
-        return TAVRIX_ERR_GENERAL;
-    }
-    Envelope envelope;
-    Outcome outcome;
-    int code = check_envelope(request.get(), &envelope);
-    if (code == 0) {
-        code = call_method(table, envelope, &outcome);
-    }
-    const bool is_notification = envelope.id == nullptr;
-    if (is_notification) {
-        return code == 0 ? TAVRIX_OK : TAVRIX_ERR_GENERAL;
-    }
-    if (code == 0) {
-        *response_text = respond(envelope, &outcome, &code).release();
-    }
-    if (*response_text == nullptr) {
-        // Without a method value, that is when a check before it failed, the builder refuses: meant, no response.
-        *response_text =
-            tavrix_jrpc_create_error(code, envelope.method, outcome.error_data.get(), 0, envelope.transaction_id);
-    }
-    return *response_text != nullptr ? TAVRIX_OK : TAVRIX_ERR_GENERAL;
+    return request ? evaluate(request.get(), table, response_text) : TAVRIX_ERR_GENERAL;
 }
 
 char *tavrix_jrpc_create_response(json_t *result, json_t *id, int indent, json_t *transaction_id) {
@@ -980,26 +1137,15 @@ int tavrix_jrpc_parse_channel(const char *json_text, char **channel_out) {
     }
     json_error_t error;
     const Json message(json_loads(json_text, parse_flags, &error));
-    if (!message) {
-        LOG_DEBUG("[tavrix_jrpc_parse_channel]: Cannot parse JSON message.\n");
-        LOG_DEBUG("Error on line[%d]: %s\n", error.line, error.text);
-        return TAVRIX_ERR_GENERAL;
-    }
-    if (!json_is_object(message.get())) {
-        LOG_DEBUG("[tavrix_jrpc_parse_channel]: Invalid JSON\n");
-        return TAVRIX_ERR_GENERAL;
-    }
-    const json_t *id = json_object_get(message.get(), "id");
-    if (id == nullptr) {
-        LOG_VERBOSE("[tavrix_jrpc_parse_channel]: No ID\n");
+    const char *id = nullptr;
+    const int rc = find_channel(message.get(), error, &id);
+    if (rc == TAVRIX_ERR_NO_JSON_ID) {
         *channel_out = nullptr;
-        return TAVRIX_ERR_NO_JSON_ID;
     }
-    if (!json_is_string(id)) {
-        LOG_DEBUG("[tavrix_jrpc_parse_channel]: Invalid ID\n");
-        return TAVRIX_ERR_GENERAL;
+    if (rc != TAVRIX_OK) {
+        return rc;
     }
-    char *channel = strdup(json_string_value(id));
+    char *channel = strdup(id);
     if (channel == nullptr) {
         return TAVRIX_ERR_GENERAL;
     }
@@ -1097,19 +1243,21 @@ int tavrix_jrpc_mq_run(int *sub_sock, int *pub_sock, const tavrix_jrpc_method *t
     }
     LOG_VERBOSE("[tavrix_jrpc_mq_run]: mq_recv msg[%d]: %s\n", frame.length, frame.text.get());
     Text json_text;
-    rc = split_frame(frame, &json_text);
+    rc = split_frame(&frame, &json_text);
     if (rc != TAVRIX_OK) {
         LOG_DEBUG("[tavrix_jrpc_mq_run]: Error parse_msg, rc = %d\n", rc);
         return rc;
     }
-    char *channel_text = nullptr;
-    rc = tavrix_jrpc_parse_channel(json_text.get(), &channel_text);
-    const Text channel(channel_text);
+    json_error_t error;
+    const Json request(json_loads(json_text.get(), parse_flags, &error));
+    json_text.reset(); // the channel and the evaluation share what was read
+    const char *channel = nullptr;
+    rc = find_channel(request.get(), error, &channel);
     if (rc != TAVRIX_OK && rc != TAVRIX_ERR_NO_JSON_ID) {
         LOG_DEBUG("[tavrix_jrpc_mq_run]: Error parse_channel, rc = %d\n", rc);
         return rc;
     }
-    return serve(json_text.get(), channel.get(), pub_sock, table);
+    return serve(request.get(), channel, pub_sock, table);
 }
 
 int tavrix_jrpc_mq_pub(const int *pub_sock, const char *channel, const char *json_text) {
@@ -1457,7 +1605,7 @@ int tavrix_jrpc_router_mq_to_socket(const int *sub_sock, int *client_sock) {
     }
     LOG_VERBOSE("[tavrix_jrpc_router_mq_to_socket]: mq_recv msg[%d]: %s\n", frame.length, frame.text.get());
     Text json_text;
-    rc = split_frame(frame, &json_text);
+    rc = split_frame(&frame, &json_text);
     if (rc != TAVRIX_OK) {
         LOG_DEBUG("[tavrix_jrpc_router_mq_to_socket]: Error parse_msg, rc = %d\n", rc);
         return rc;
@@ -1559,6 +1707,9 @@ int tavrix_jrpc_router_create_system_lock_response(json_t *request, json_t **res
 }
 
 int tavrix_jrpc_router_create_system_timeout_response(const char *id, int transaction_id, json_t **response_out) {
+    if (response_out != nullptr) {
+        *response_out = nullptr;
+    }
     if (id == nullptr || response_out == nullptr) {
         LOG_DEBUG("[%s]: NULL pointer!\n", "tavrix_jrpc_router_create_system_timeout_response");
         return TAVRIX_ERR_GENERAL;

@@ -312,7 +312,7 @@ int Database::set_mac_filters(const Selection &selection, const tavrix_mac_filte
         for (int i = 0; status == TAVRIX_OK && i < count; ++i) {
             status = run_bound(handle_, path_,
                                "INSERT OR IGNORE INTO mac_filters (unit, port, mac, mask) VALUES (?, ?, ?, ?)",
-                               {filters[i].first, filters[i].second}, {filters[i].mac, filters[i].mask});
+                               {selection.unit, selection.port}, {filters[i].mac, filters[i].mask});
         }
         return status;
     });

@@ -16,6 +16,8 @@ using daemon_support::Json;
 constexpr char unit_name[] = "ports";
 constexpr size_t word_size = 32;
 constexpr char link_changed[] = "events.LinkChanged";
+constexpr int max_vlan_ids = 32;
+constexpr int max_mac_filters = 16;
 constexpr int lock_attempts = 20;
 constexpr int lock_delay_ms = 50;
 
@@ -180,6 +182,9 @@ int get_instant_power(tavrix_call *call) {
 int set_mac_filters(tavrix_call *call) {
     int count = 0;
     const tavrix_mac_filter *filters = tavrix_call_mac_filters(call, "filters", &count);
+    if (count > max_mac_filters) {
+        return TAVRIX_ERR_TOO_MANY_ENTRIES; // which has a code of its own, unlike a parameter that is refused
+    }
     return database_of(call).set_mac_filters(selection_of(call), filters, count);
 }
 
@@ -252,9 +257,6 @@ void on_link_changed(tavrix_service *service, const char * /*method*/, json_t *p
 
 // --- Table ---------------------------------------------------------------------------------------------------------
 
-constexpr int max_vlan_ids = 32;
-constexpr int max_mac_filters = 16;
-
 const tavrix_service_param end_of_rows = TAVRIX_PARAM_END;
 const tavrix_service_param any_ports =
     TAVRIX_PARAM("port_id", TAVRIX_KIND_PORT_ID, "a port, a unit for all its ports, or all", TAVRIX_ANY_PORTS);
@@ -274,11 +276,10 @@ const tavrix_service_param trunk_params[] = {
     TAVRIX_PARAM_RANGE("vlan_ids", TAVRIX_KIND_VLAN_IDS, "the VLANs that the port carries", 0, 1, max_vlan_ids),
     end_of_rows};
 const tavrix_service_param c_port_params[] = {c_port, end_of_rows};
-const tavrix_service_param mac_filter_params[] = {c_port,
-                                                  TAVRIX_PARAM_RANGE("filters", TAVRIX_KIND_MAC_FILTERS,
-                                                                     "what takes the place of the port's filters", 0, 0,
-                                                                     max_mac_filters),
-                                                  end_of_rows};
+const tavrix_service_param mac_filter_params[] = {
+    c_port,
+    TAVRIX_PARAM("filters", TAVRIX_KIND_MAC_FILTERS, "what takes the place of the port's filters, at most 16", 0),
+    end_of_rows};
 const tavrix_service_param register_params[] = {
     TAVRIX_PARAM("mzu_id", TAVRIX_KIND_MZU_ID, "the unit's id, not in use yet", 0),
     TAVRIX_PARAM("model", TAVRIX_KIND_MZU_MODEL, "its model", 0),

@@ -174,15 +174,15 @@ bool subscribe(tavrix_service *service) {
     return made;
 }
 
-void connect_endpoint(tavrix_service *service, const char *address, const char *owner, bool fixed) {
+bool connect_endpoint(tavrix_service *service, const char *address, const char *owner, bool fixed) {
     Bus *bus = &service->bus;
     Endpoint *known = find_endpoint(bus, address);
     if (known != nullptr) {
         known->wanted = true;
-        return;
+        return true;
     }
     if (is_published(bus, address) || bus->sub < 0) {
-        return;
+        return true;
     }
     Endpoint endpoint{};
     endpoint.wanted = true;
@@ -198,11 +198,12 @@ void connect_endpoint(tavrix_service *service, const char *address, const char *
         tavrix_mq_socket_connect(bus->sub, transport, address, &endpoint.id) != TAVRIX_OK) {
         LOG_ERROR("Cannot listen to %s: %s\n", Printable(address).text,
                   transport == 0 ? "this is no bus address" : (grown == nullptr ? "too many addresses" : bus_error()));
-        return;
+        return false;
     }
     std::snprintf(endpoint.address, sizeof endpoint.address, "%s", address);
     std::snprintf(endpoint.owner, sizeof endpoint.owner, "%s", owner);
     bus->endpoints[bus->endpoint_count++] = endpoint;
+    return true;
 }
 
 void connect_all(tavrix_service *service, const json_t *addresses, const char *owner) {
@@ -341,7 +342,9 @@ bool bus_start(tavrix_service *service) {
     event_add(&bus->readable, nullptr);
     bus->sub_listens = true;
     for (const char *const *address = service->options.connect; address != nullptr && *address != nullptr; ++address) {
-        connect_endpoint(service, *address, "", true);
+        if (!connect_endpoint(service, *address, "", true)) {
+            return false;
+        }
     }
     return true;
 }

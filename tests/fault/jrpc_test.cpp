@@ -209,6 +209,26 @@ TEST_F(EngineFaults, LeaveARoutedRequestWithAStatus) {
     }
 }
 
+TEST_F(EngineFaults, LeaveADispatchedRequestsIdUntilItCanBeRendered) {
+    BusPair bus("30e493d7-9e02-41b6-97f5-21f2cc9cbbb3");
+    for (const char *level : levels) {
+        LogCapture log(level);
+        each_failure([&](Fault &fault) {
+            log.clear();
+            json_t *const asked = json_pack("{s:s, s:i, s:s}", "method", "x.Give", "id", 1, "name", "\xc3\xbc");
+            const int rc = fault.in([&] { return tavrix_jrpc_router_mq_dispatch_request(&bus.pub.number, asked); });
+            EXPECT_EQ(rc, fault.happened() ? -1 : 0) << fault.function();
+            if (rc == 0) {
+                EXPECT_NE(bus.receive().find(R"("name":"\u00FC")"), std::string::npos);
+            }
+            if (log.text().find("Cannot print JSON message") != std::string::npos) {
+                EXPECT_EQ(json_integer_value(json_object_get(asked, "id")), 1);
+            }
+            json_decref(asked);
+        });
+    }
+}
+
 TEST_F(EngineFaults, LeaveASystemResponseWholeOrNull) {
     json_t *const asked = json_loads(R"({"id":"a","transaction_id":9})", 0, nullptr);
     each_failure([&](Fault &fault) {

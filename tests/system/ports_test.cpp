@@ -141,25 +141,29 @@ TEST_F(Road, RefusesEachKindOfBadParameterWithItsReason) {
     } rows[] = {
         {"ports.Get", "{}", "-32602", "\"Missing expected parameter: 'port_id'\""},
         {"ports.Get", R"({"port_id":5})", "-32602", "\"Parameter 'port_id' is not of type 'string'.\""},
-        {"ports.Get", R"({"port_id":"x1"})", "-32024", "\"Parameter 'port_id' has no valid value.\""},
+        {"ports.Get", R"({"port_id":"x1"})", "-32024",
+         R"("port_id: \"x1\" is not a port c1-1 to c128-99, a port d1 to d4, a unit c1 to c128, all")"},
         {"ports.SetEnabled", R"({"port_id":"d1","status":"on"})", "-32602",
-         "\"Parameter 'status' has no valid value.\""},
+         R"("status: \"on\" is not one of enable, disable")"},
         {"ports.SetVlanAccess", R"({"port_id":"d1","vlan_id":4093})", "-32602",
-         "\"Parameter 'vlan_id' has no valid value.\""},
+         R"("vlan_id: 4093 is not in 1 to 4092")"},
         {"ports.SetVlanAccess", R"({"port_id":"d1","vlan_id":"5"})", "-32602",
          "\"Parameter 'vlan_id' is not of type 'integer'.\""},
         {"ports.SetVlanTrunk", R"({"port_id":"d1","vlan_ids":[]})", "-32602",
-         "\"Parameter 'vlan_ids' needs at least one VLAN id.\""},
-        {"ports.SetVlanTrunk", R"({"port_id":"d1"})", "-32602", "\"Parameter 'vlan_ids' has no valid value.\""},
+         R"("vlan_ids: [] is not an array of up to 32 VLAN ids, each 1 to 4092, at least 1")"},
+        {"ports.SetVlanTrunk", R"({"port_id":"d1"})", "-32602",
+         R"("vlan_ids is missing: an array of up to 32 VLAN ids, each 1 to 4092, at least 1")"},
         {"ports.SetMacFilters", R"({"port_id":"d1","filters":[]})", "-32032",
-         "\"Parameter 'port_id' has no valid value.\""},
+         R"("port_id: \"d1\" is not a port c1-1 to c128-99")"},
         {"ports.SetMacFilters", R"({"port_id":"c1-1"})", "-32602", "\"Missing expected parameter: 'filters'\""},
         {"ports.SetMacFilters", R"({"port_id":"c1-1","filters":{}})", "-32602",
          "\"Parameter 'filters' is not of type 'array'.\""},
         {"ports.SetMacFilters", R"({"port_id":"c1-1","filters":[{"mac":"x","mask":"ff:ff:ff:ff:ff:ff"}]})", "-32602",
-         "\"Parameter 'filters' has no valid value.\""},
+         R"("filters: [{\"mac\":\"x\",\"mask\":\"ff:ff:ff:ff:ff:ff\"}] is not )"
+         R"(an array of filters: mac and mask, two MAC addresses each, at most 128")"},
         {"ports.SetMacFilters", R"({"port_id":"c1-1","filters":[{"mac":"aa:bb:cc:dd:ee:ff","mask":"x"}]})", "-32602",
-         "\"Parameter 'filters' has no valid value.\""},
+         R"("filters: [{\"mac\":\"aa:bb:cc:dd:ee:ff\",\"mask\":\"x\"}] is not )"
+         R"(an array of filters: mac and mask, two MAC addresses each, at most 128")"},
         {"mzu.Register", R"({"mzu_id":"c9","mac":"00:11:22:33:44:55","alias":"x"})", "-32602",
          "\"Missing expected parameter: 'model'\""},
         {"mzu.Register", R"({"mzu_id":"c9","model":10,"mac":"00:11:22:33:44:55","alias":"x"})", "-32602",
@@ -169,7 +173,7 @@ TEST_F(Road, RefusesEachKindOfBadParameterWithItsReason) {
         {"mzu.Register", R"({"mzu_id":"c9","model":"ZQN-E10","mac":[],"alias":"x"})", "-32602",
          "\"Parameter 'mac' is not of type 'string'.\""},
         {"mzu.Register", R"({"mzu_id":"c9","model":"ZQN-E10","mac":"00:11:22:33:44","alias":"x"})", "-32602",
-         "\"Parameter 'mac' has no valid value.\""},
+         R"("mac: \"00:11:22:33:44\" is not a MAC address, such as 00:1A:2B:3C:4D:5E")"},
         {"mzu.Register", R"({"mzu_id":"c9","model":"ZQN-E10","mac":"00:11:22:33:44:55"})", "-32602",
          "\"Missing expected parameter: 'alias'\""},
         {"mzu.Register", R"({"mzu_id":"c9","model":"ZQN-E10","mac":"00:11:22:33:44:55","alias":true})", "-32602",
@@ -194,7 +198,8 @@ TEST_F(Road, RefusesWhatTheFleetDoesNotHaveOrAllow) {
         {"ports.Get", R"({"port_id":"c1-99"})", "-32034", "\"The given port does not exist\""},
         {"ports.Get", R"({"port_id":"c99"})", "-32022", "\"The given MZU ID does not represent an existing MZU\""},
         {"ports.SetVlanTrunk", R"({"port_id":"d1","vlan_ids":)" + numbers(1, 33) + "}", "-32033",
-         "\"Parameter 'vlan_ids' has no valid value.\""},
+         R"("vlan_ids: [1,2,3,4,5,6,7,8,9,10,11,12,13,14,15,16,17,18,19,20,21,22,23... is not )"
+         R"(an array of up to 32 VLAN ids, each 1 to 4092, at least 1")"},
         {"ports.SetMacFilters", mac_filters(17), "-32039",
          "\"Attempted to set too many entries for the switch or port.\""},
         {"ports.poe.GetInstantPower", R"({"port_id":"c1-4"})", "-32035", "\"The given port/mzu does not support poe\""},
@@ -206,7 +211,6 @@ TEST_F(Road, RefusesWhatTheFleetDoesNotHaveOrAllow) {
         {"mzu.Register", R"({"mzu_id":"c9","model":"unknown","mac":"00:11:22:33:44:55","alias":"x"})", "-32042",
          "\"MZU model does not exist.\""},
         {"ports.Nothing", "{}", "-32601", "(none)"},
-        {"ports.WaitLinkChanged", "{}", "-32003", "\"No events service is configured.\""},
     };
     for (const auto &row : rows) {
         const std::string answer = call(row.method, row.params);
@@ -235,7 +239,10 @@ TEST_F(Road, SurvivesAServiceThatIsKilledInMidRequest) {
     client.say(request("ports.Get", "\"a\"", R"(,"params":{"port_id":"d1"})"));
     fleet.ports->signal(SIGKILL);
     EXPECT_EQ(fleet.ports->wait(), 128 + SIGKILL);
-    EXPECT_EQ(code_of(client.hear()), "-32005");
+    const std::string answer = client.hear();
+    EXPECT_EQ(code_of(answer), "-32601") << "at once, and not when the time is over";
+    EXPECT_EQ(message_of(answer), "\"portsd, which serves ports.Get, is not there\"");
+    EXPECT_EQ(code_of(call("ports.Get", R"({"port_id":"d1"})")), "-32601") << "so are those who come later";
     fleet.start_ports();
     EXPECT_NE(port("d1").find("d1"), std::string::npos);
 }
@@ -250,7 +257,7 @@ TEST_F(Road, SurvivesAServiceThatIsKilledInTheMiddleOfAChange) {
     ASSERT_TRUE(support::wait_until([] { return access("zqn_h7.db-journal", F_OK) == 0; }));
     fleet.ports->signal(SIGKILL);
     EXPECT_EQ(fleet.ports->wait(), 128 + SIGKILL);
-    EXPECT_EQ(code_of(client.hear()), "-32005");
+    EXPECT_EQ(code_of(client.hear()), "-32601");
     Sql().run("DROP TRIGGER slow");
     fleet.start_ports();
     EXPECT_EQ(port("c1"), before);
@@ -400,7 +407,7 @@ TEST_F(Road, AsksForTheParametersOfEachMethod) {
 
 TEST_F(Road, StandsWhileTheRouterIsStartedAnewInMidRequest) {
     support::write_file("tavrix_lsyslog.conf", "[logging_levels]\nrouterd=info\nportsd=debug\n");
-    fleet.start_ports({"--events", fleet.events_address, "--wait-timeout", "1000"}); // where nobody is
+    fleet.start_ports();
     const StreamClient client = fleet.connect();
     client.say(request("ports.WaitLinkChanged", "1"));
     ASSERT_TRUE(fleet.ports->says("Waiting for events.LinkChanged"));
@@ -408,7 +415,7 @@ TEST_F(Road, StandsWhileTheRouterIsStartedAnewInMidRequest) {
     EXPECT_EQ(fleet.router->wait(), 128 + SIGKILL);
     EXPECT_EQ(client.hear(), "");
     fleet.start_router();
-    ASSERT_TRUE(fleet.router->says("Service portsd settled"));
+    ASSERT_TRUE(fleet.router->says("Service portsd settled")) << "it registers by itself";
     EXPECT_NE(port("d1").find(R"({"port_id":"d1")"), std::string::npos);
 }
 
@@ -424,8 +431,8 @@ TEST(PortsDaemon, ReloadsItsLoggerOnItsOwnAndOnTheDefaultChannel) {
     support::BusSocket peer(TAVRIX_SP_PUB);
     const std::string address = support::free_bus_address();
     peer.bind(address);
-    support::Process service("reloaded", {TAVRIX_PORTSD, "--publish", fleet.ports_address, "--connect", address});
-    ASSERT_TRUE(service.says("portsd serving"));
+    support::Process service("reloaded",
+                             {TAVRIX_PORTSD, "--session", "", "--publish", fleet.ports_address, "--connect", address});
     const struct {
         const char *channel;
         const char *level;
@@ -445,18 +452,19 @@ TEST_F(Road, StopsAndSaysWhyItCannotStart) {
     EXPECT_EQ(fleet.ports->wait(), 0);
     EXPECT_NE(fleet.ports->log().find("portsd stopped"), std::string::npos);
     const std::string fifty_one(51, 'n');
+    const std::string too_long(108, 's');
     const struct {
         const char *option;
         const char *value;
         const char *reason;
     } rows[] = {
         {"--database", "missing.db", "Failed to open a database connection to file <missing.db>"},
-        {"--events", "nonsense", "Cannot listen to nonsense"},
         {"--connect", "nonsense", "Cannot listen to nonsense"},
         {"--publish", "nonsense", "Cannot publish on nonsense"},
-        {"--name", "\xff", "The name has to be 1 to 50 bytes of UTF-8"},
-        {"--name", "", "The name has to be 1 to 50 bytes of UTF-8"},
-        {"--name", fifty_one.c_str(), "The name has to be 1 to 50 bytes of UTF-8"},
+        {"--name", "\xff", "A service's name has 1 to 50 letters, digits, dots, dashes and underscores"},
+        {"--name", "", "A service's name has 1 to 50 letters, digits, dots, dashes and underscores"},
+        {"--name", fifty_one.c_str(), "A service's name has 1 to 50 letters, digits, dots, dashes and underscores"},
+        {"--session", too_long.c_str(), "a socket's path has at most 107 bytes"},
     };
     for (const auto &row : rows) {
         const support::Finished finished =
@@ -469,24 +477,24 @@ TEST_F(Road, StopsAndSaysWhyItCannotStart) {
 TEST(PortsDaemon, ShowsInItsHelpWhatItDoesUnasked) {
     const support::Finished finished = support::run({TAVRIX_PORTSD, "--help"});
     EXPECT_EQ(finished.status, 0);
-    for (const char *text : {"(default tcp://127.0.0.1:7001)", "(default tcp://127.0.0.1:7002)", "(default zqn_h7.db)",
-                             "(default 5000)", "Keep --wait-timeout below the router's --reply-timeout"}) {
+    for (const char *text :
+         {"(default /run/tavrix/session.sock)", "(default: one in the router's bus folder)", "(default zqn_h7.db)",
+          "(default 5000)", "Keep --wait-timeout below the router's --reply-timeout"}) {
         EXPECT_NE(finished.output.find(text), std::string::npos) << text << "\n" << finished.output;
     }
 }
 
 TEST(PortsDaemon, StopsWhileNoRouterIsThere) {
     Fleet fleet;
-    support::Process lonely("lonely",
-                            {TAVRIX_PORTSD, "--publish", fleet.ports_address, "--connect", fleet.router_address});
-    ASSERT_TRUE(lonely.says("portsd serving"));
+    support::Process lonely("lonely", {TAVRIX_PORTSD, "--session", "missing.sock"});
+    ASSERT_TRUE(lonely.says("Cannot reach the router at missing.sock: No such file or directory; is it running?"));
     lonely.signal(SIGINT);
     EXPECT_EQ(lonely.wait(), 0);
 }
 
 TEST(PortsDaemon, ObeysSignalsInAFloodOfMessages) {
     Fleet fleet;
-    std::vector<std::string> arguments = {TAVRIX_PORTSD, "--publish", fleet.ports_address};
+    std::vector<std::string> arguments = {TAVRIX_PORTSD, "--session", "", "--publish", fleet.ports_address};
     std::array<support::BusSocket, 4> peers; // while the bus fetches the next message of one, another's is there
     for (support::BusSocket &peer : peers) {
         const std::string address = support::free_bus_address();

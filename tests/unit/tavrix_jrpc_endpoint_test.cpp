@@ -1,7 +1,9 @@
 #include <chrono>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
+#include <jansson.h>
 
 #include "support/bus.h"
 #include "support/log_capture.h"
@@ -50,7 +52,99 @@ class Endpoint : public testing::Test {
 
 constexpr char request[] = R"({"jsonrpc":"2.0","id":"R1","method":"ports.Get"})";
 
+std::string mq_run(const std::string &words) { return "[tavrix_jrpc_mq_run]: " + words + "\n"; }
+std::string parse_channel(const std::string &words) { return "[tavrix_jrpc_parse_channel]: " + words + "\n"; }
+
+/** Why Jansson stops reading a text. */
+std::string complaint(const char *text) {
+    json_error_t error;
+    json_t *value = json_loads(text, JSON_REJECT_DUPLICATES | JSON_DISABLE_EOF_CHECK | JSON_DECODE_ANY, &error);
+    EXPECT_EQ(value, nullptr) << text;
+    return "Error on line[" + std::to_string(error.line) + "]: " + error.text + "\n";
+}
+
+/** The engine's lines as "TAG|message", each message whole. */
+std::vector<std::string> engine_lines(const LogCapture &log) {
+    std::vector<std::string> all;
+    for (const auto &line : log.lines()) {
+        if (line.file == unit) {
+            all.push_back(line.tag + "|" + line.message);
+        }
+    }
+    return all;
+}
+
+struct Served {
+    const char *name;
+    const char *json;
+    int rc;
+    std::vector<std::string> lines; ///< between the frame's line and the publishing
+};
+
+class EndpointSays : public Endpoint, public testing::WithParamInterface<Served> {};
+
+std::vector<std::string> dropped(const std::string &why) {
+    return {"DEBUG|" + why, "DEBUG|" + mq_run("Error parse_channel, rc = -1")};
+}
+
+std::vector<Served> served_messages() {
+    return {
+        {"NoJson",
+         "{\n]",
+         -1,
+         {"DEBUG|" + parse_channel("Cannot parse JSON message."), "DEBUG|" + complaint("{\n]"),
+          "DEBUG|" + mq_run("Error parse_channel, rc = -1")}},
+        {"TwoIds",
+         R"({"id":"a","id":"a"})",
+         -1,
+         {"DEBUG|" + parse_channel("Cannot parse JSON message."), "DEBUG|" + complaint(R"({"id":"a","id":"a"})"),
+          "DEBUG|" + mq_run("Error parse_channel, rc = -1")}},
+        {"Array", "[]", -1, dropped(parse_channel("Invalid JSON"))},
+        {"String", "\"R1\"", -1, dropped(parse_channel("Invalid JSON"))},
+        {"IdNumber", R"({"jsonrpc":"2.0","id":12,"method":"ports.Get"})", -1, dropped(parse_channel("Invalid ID"))},
+        {"IdNull", R"({"jsonrpc":"2.0","id":null,"method":"ports.Get"})", -1, dropped(parse_channel("Invalid ID"))},
+        {"Notification",
+         R"({"jsonrpc":"2.0","method":"x"})",
+         -1,
+         {"VERB |" + parse_channel("No ID"), "VERB |Valid JSON received, of length 43\n",
+          "VERB |JSON Data:\n{\n    \"jsonrpc\": \"2.0\",\n    \"method\": \"x\"\n}\n",
+          "ERROR|invalid method occurred <x>\n"}},
+        {"OtherVersion",
+         R"({"jsonrpc":"1.0","id":"R1"})",
+         -1,
+         {"VERB |Valid JSON received, of length 40\n",
+          "VERB |JSON Data:\n{\n    \"jsonrpc\": \"1.0\",\n    \"id\": \"R1\"\n}\n",
+          "DEBUG|[tavrix_jrpc_create_error]: NULL pointer!\n"}},
+        {"Request",
+         R"({"jsonrpc":"2.0","id":"R1","method":"ports.Get"} and more)",
+         0,
+         {"VERB |Valid JSON received, of length 67\n",
+          "VERB |JSON Data:\n{\n    \"jsonrpc\": \"2.0\",\n    \"id\": \"R1\",\n    \"method\": \"ports.Get\"\n}\n",
+          "VERB |creating response\n", "DEBUG|JSON response sent, of string length 49\n",
+          "VERB |The JSON Response was:\n{\"jsonrpc\":\"2.0\",\"id\":\"ports.Get\",\"result\":\"got\"}\n",
+          "DEBUG|" + mq_run("Sending response over mq_pub ..."),
+          "VERB |[tavrix_jrpc_mq_pub]: Prefixing channel with response...\n",
+          "VERB |[tavrix_jrpc_mq_pub]: Sending message over mq_pub...\n",
+          "VERB |[tavrix_jrpc_mq_pub]: mq_send msg[52]: "
+          "R1|{\"jsonrpc\":\"2.0\",\"id\":\"ports.Get\",\"result\":\"got\"}\n"}},
+    };
+}
+
+INSTANTIATE_TEST_SUITE_P(Messages, EndpointSays, testing::ValuesIn(served_messages()),
+                         [](const auto &row) { return row.param.name; });
+
 } // namespace
+
+TEST_P(EndpointSays, WhatItMakesOfAMessageInThisOrder) {
+    const std::string frame = std::string("service|") + GetParam().json;
+    requests.publish(frame);
+    const LogCapture log("verbose");
+    EXPECT_EQ(step(), GetParam().rc);
+    std::vector<std::string> lines = {"VERB |" + mq_run("waiting to receive... "),
+                                      "VERB |" + mq_run("mq_recv msg[" + std::to_string(frame.size()) + "]: " + frame)};
+    lines.insert(lines.end(), GetParam().lines.begin(), GetParam().lines.end());
+    EXPECT_EQ(engine_lines(log), lines);
+}
 
 TEST_F(Endpoint, PublishesTheReplyOnTheChannelNamedByTheRequestsId) {
     EXPECT_EQ(serve(std::string("service|") + request), 0);

@@ -3,6 +3,7 @@
  */
 #include <cstdarg>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -62,6 +63,15 @@ Answer evaluate(const char *method) {
     return {rc, copy};
 }
 
+/** The lines as "TAG|message", each message whole. */
+std::vector<std::string> messages(const LogCapture &log) {
+    std::vector<std::string> all;
+    for (const auto &line : log.lines()) {
+        all.push_back(line.tag + "|" + line.message);
+    }
+    return all;
+}
+
 constexpr char no_response[] = "tavrix_jrpc_create_response: Failed to create JRPC response\n";
 constexpr char no_error[] = "tavrix_jrpc_create_error: Failed to create JRPC response\n";
 constexpr char no_transaction[] = "tavrix_jrpc_eval_request: Failed to add Transaction ID to response\n";
@@ -70,8 +80,10 @@ constexpr char no_transaction[] = "tavrix_jrpc_eval_request: Failed to add Trans
 
 extern "C" {
 void *__real_malloc(size_t size);
+void *__real_realloc(void *memory, size_t size);
 char *__real_strdup(const char *text);
 char *__real_json_dumps(const json_t *json, size_t flags);
+int __real_json_dump_callback(const json_t *json, json_dump_callback_t callback, void *data, size_t flags);
 int __real_json_object_set_new(json_t *object, const char *key, json_t *value);
 int __real_json_object_del(json_t *object, const char *key);
 json_t *__real_json_integer(json_int_t value);
@@ -79,9 +91,13 @@ int __real_tavrix_mq_socket_set_timeout(int sock, int ms);
 int __real_close(int fd);
 
 void *__wrap_malloc(size_t size) { return fails("malloc") ? nullptr : __real_malloc(size); }
+void *__wrap_realloc(void *memory, size_t size) { return fails("realloc") ? nullptr : __real_realloc(memory, size); }
 char *__wrap_strdup(const char *text) { return fails("strdup") ? nullptr : __real_strdup(text); }
 char *__wrap_json_dumps(const json_t *json, size_t flags) {
     return fails("json_dumps") ? nullptr : __real_json_dumps(json, flags);
+}
+int __wrap_json_dump_callback(const json_t *json, json_dump_callback_t callback, void *data, size_t flags) {
+    return fails("json_dump_callback") ? -1 : __real_json_dump_callback(json, callback, data, flags);
 }
 json_t *__wrap_json_pack(const char *format, ...) {
     if (fails("json_pack")) {
@@ -115,15 +131,71 @@ int __wrap_tavrix_mq_socket_set_timeout(int sock, int ms) {
 }
 
 TEST(EvaluateFailures, TurnAResponseThatCannotBeBuiltIntoAnInternalError) {
-    for (const char *function : {"json_pack", "json_object_set_new", "json_dumps"}) {
+    const struct {
+        const char *function;
+        int after;
+    } rows[] = {{"realloc", 0}, {"json_dump_callback", 0}, {"json_dump_callback", 1}, {"json_dump_callback", 2}};
+    for (const auto &row : rows) {
         const LogCapture log("info");
-        const Failing once(function);
+        const Failing once(row.function, row.after);
         const Answer answer = evaluate("x.Ok");
-        EXPECT_EQ(answer.rc, 0) << function;
+        EXPECT_EQ(answer.rc, 0) << row.function << row.after;
         EXPECT_NE(answer.text.find(R"("code":-32603,"message":"Internal error")"), std::string::npos) << answer.text;
-        EXPECT_EQ(log.count(support::error, unit, no_response), 1) << function;
-        EXPECT_EQ(log.count(support::error, unit, no_transaction), failing == "json_object_set_new" ? 1 : 0);
+        EXPECT_EQ(messages(log), (std::vector<std::string>{"ERROR|" + std::string(no_response),
+                                                           "ERROR|JSON Response: " + answer.text + "\n"}));
     }
+}
+
+TEST(CreateResponseFailures, AreReportedForOneLineAsForSeveral) {
+    json_t *result = json_true();
+    json_t *id = json_string("x.Ok");
+    json_t *transaction_id = json_integer(2);
+    const struct {
+        const char *function;
+        int indent;
+        bool transaction_line;
+    } rows[] = {{"realloc", 0, false},
+                {"json_dump_callback", 0, false},
+                {"json_pack", 1, false},
+                {"json_object_set_new", 1, true},
+                {"json_dumps", 1, false}};
+    for (const auto &row : rows) {
+        const LogCapture log("info");
+        const Failing once(row.function);
+        EXPECT_EQ(tavrix_jrpc_create_response(result, id, row.indent, transaction_id), nullptr) << row.function;
+        EXPECT_EQ(messages(log), row.transaction_line
+                                     ? (std::vector<std::string>{std::string("ERROR|") + no_transaction,
+                                                                 "ERROR|" + std::string(no_response)})
+                                     : (std::vector<std::string>{std::string("ERROR|") + no_response}));
+    }
+    json_decref(transaction_id);
+    json_decref(id);
+    json_decref(result);
+}
+
+/** Results of growing length, so that each place of the text once is the one for which there is no more memory. */
+TEST(CreateResponseFailures, TellWhenThereIsNoRoomForTheTransactionId) {
+    json_t *id = json_string("x.Ok");
+    json_t *transaction_id = json_integer(2);
+    int without_room = 0;
+    for (size_t length = 0; length < 300; ++length) {
+        json_t *result = json_string(std::string(length, 'r').c_str());
+        const LogCapture log("info");
+        const Failing second("realloc", 1);
+        char *text = tavrix_jrpc_create_response(result, id, 0, transaction_id);
+        if (text == nullptr) {
+            const std::vector<std::string> lines = messages(log);
+            ASSERT_FALSE(lines.empty());
+            EXPECT_EQ(lines.back(), std::string("ERROR|") + no_response);
+            EXPECT_LE(lines.size(), 2U);
+            without_room += lines.front() == std::string("ERROR|") + no_transaction ? 1 : 0;
+        }
+        free(text);
+        json_decref(result);
+    }
+    EXPECT_EQ(without_room, static_cast<int>(strlen(R"(,"transaction_id":)")));
+    json_decref(transaction_id);
+    json_decref(id);
 }
 
 TEST(EvaluateFailures, AnswerUnknownErrorWhenNotEvenZeroCanBeMade) {

@@ -348,6 +348,127 @@ TEST_F(Router, RefusesToDispatchWhatIsNoObject) {
     }
 }
 
+namespace {
+
+/** An object that no text can hold: a member of it is not UTF-8, or it contains itself. */
+struct Unprintable {
+    const char *name;
+    void (*spoil)(json_t *object);
+};
+
+json_t *not_utf8() { return json_string_nocheck("a\xff"); }
+
+void put_deep_inside(json_t *object) {
+    json_t *list = json_pack("[[{s:[]}]]", "k");
+    json_array_append_new(json_object_get(json_array_get(json_array_get(list, 0), 0), "k"), not_utf8());
+    json_object_set_new(object, "params", list);
+}
+
+/** The loop closes below the member "loop", which end_loop() takes away again. */
+void tie_loop(json_t *object, int length) {
+    json_t *first = json_object();
+    json_object_set_new(object, "params", first);
+    json_t *last = first;
+    for (int i = 1; i < length; ++i) {
+        json_t *next = json_object();
+        json_object_set_new(last, "next", next);
+        last = next;
+    }
+    json_object_set(last, "loop", first);
+}
+
+void end_loop(json_t *object) {
+    json_t *last = json_object_get(object, "params");
+    while (json_is_object(json_object_get(last, "next"))) {
+        last = json_object_get(last, "next");
+    }
+    json_object_del(last, "loop");
+}
+
+constexpr Unprintable unprintables[] = {
+    {"Value", [](json_t *object) { json_object_set_new(object, "params", not_utf8()); }},
+    {"Key", [](json_t *object) { json_object_set_new_nocheck(object, "\xc3", json_null()); }},
+    {"Id", [](json_t *object) { json_object_set_new(object, "id", not_utf8()); }},
+    {"Method", [](json_t *object) { json_object_set_new(object, "method", not_utf8()); }},
+    {"WithoutMethod",
+     [](json_t *object) {
+         json_object_set_new(object, "params", not_utf8());
+         json_object_del(object, "method");
+     }},
+    {"WithoutId",
+     [](json_t *object) {
+         json_object_set_new(object, "params", not_utf8());
+         json_object_del(object, "id");
+     }},
+    {"DeepInside", put_deep_inside},
+    {"LoopOf2", [](json_t *object) { tie_loop(object, 2); }},
+    {"LoopOf3", [](json_t *object) { tie_loop(object, 3); }},
+    {"LoopOf100", [](json_t *object) { tie_loop(object, 100); }},
+    {"Itself",
+     [](json_t *object) {
+         json_t *list = json_array();
+         json_object_set_new(object, "params", list);
+         json_array_append(list, object);
+     }},
+};
+
+class RouterDispatchRefuses : public Router, public testing::WithParamInterface<Unprintable> {};
+
+INSTANTIATE_TEST_SUITE_P(Unprintable, RouterDispatchRefuses, testing::ValuesIn(unprintables),
+                         [](const auto &row) { return row.param.name; });
+
+/** The keys in their order with the members' addresses. */
+std::vector<std::pair<std::string, const json_t *>> members(json_t *object) {
+    std::vector<std::pair<std::string, const json_t *>> all;
+    const char *key = nullptr;
+    json_t *value = nullptr;
+    json_object_foreach(object, key, value) { all.emplace_back(key, value); }
+    return all;
+}
+
+} // namespace
+
+TEST_P(RouterDispatchRefuses, BeforeAnythingElseAtEveryLevel) {
+    const Value value(request);
+    GetParam().spoil(value.json);
+    const auto before = members(value.json);
+    for (const char *level : {"off", "info", "debug", "verbose"}) {
+        const LogCapture log(level);
+        EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&bus.pub.number, value.json), -1) << level;
+        const bool told = std::string(level) == "debug" || std::string(level) == "verbose";
+        EXPECT_EQ(log.count(support::debug, unit, line(dispatching, "Cannot print JSON message")), told ? 1 : 0);
+        EXPECT_EQ(log.lines().size(), told ? 1U : 0U) << log.text();
+        EXPECT_EQ(members(value.json), before) << level;
+    }
+    EXPECT_EQ(bus.receive(), "(nothing)");
+    end_loop(value.json);
+    json_object_del(value.json, "params"); // where an object holds itself
+}
+
+TEST_F(Router, DispatchesWhatOnlyLooksUnprintable) {
+    json_t *shared = json_pack("{s:[]}", "list");
+    json_t *deep = json_array();
+    json_t *bottom = deep;
+    for (int depth = 0; depth < 1000; ++depth) {
+        json_t *next = json_array();
+        json_array_append_new(bottom, next);
+        bottom = next;
+    }
+    const Value plain(request);
+    json_object_set_new(plain.json, "\xc3\xbc",
+                        json_pack("{s:O, s:[O, [O]], s:s, s:o}", "once", shared, "again", shared, shared, "text",
+                                  "\xe2\x82\xac", "deep", deep));
+    json_object_set_new(plain.json, "nul", json_stringn("a\0\xc3\xbc", 4));
+    json_decref(shared);
+    for (const char *level : {"info", "verbose"}) {
+        Value value;
+        value.json = json_copy(plain.json); // the members stay shared
+        const LogCapture log(level);
+        EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&bus.pub.number, value.json), 0) << level;
+        EXPECT_NE(bus.receive().find(R"("text":"\u20AC")"), std::string::npos) << level;
+    }
+}
+
 TEST_F(Router, ReportsADispatchThatCannotBePublished) {
     Value value(request);
     const int closed = 9999;
@@ -667,7 +788,8 @@ TEST(TimeOutResponse, RefusesNullAndGivesNullWhenItCannotBeMade) {
     EXPECT_EQ(tavrix_jrpc_router_create_system_timeout_response("b", 0, nullptr), -1);
     EXPECT_EQ(
         log.count(support::debug, unit, line("tavrix_jrpc_router_create_system_timeout_response", "NULL pointer!")), 2);
-    EXPECT_EQ(response, old.json) << "untouched by a null id";
+    EXPECT_EQ(response, nullptr) << "a null id too";
+    response = old.json;
     EXPECT_EQ(tavrix_jrpc_router_create_system_timeout_response("\xff", 0, &response), -1) << "no valid UTF-8";
     EXPECT_EQ(response, nullptr);
 }

@@ -1,7 +1,11 @@
+#include <atomic>
+#include <chrono>
+#include <csignal>
 #include <string>
 #include <thread>
 
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include "support/bus.h"
 #include "support/log_capture.h"
@@ -31,6 +35,35 @@ int count_lines(const LogCapture &log, const std::string &begin) {
     }
     return count;
 }
+
+/** Interrupts this thread again and again, with a handler that asks for interrupted calls to go on. */
+class Signals {
+  public:
+    Signals() {
+        struct sigaction action {};
+        action.sa_handler = [](int) {};
+        action.sa_flags = SA_RESTART;
+        sigaction(SIGUSR1, &action, &before_);
+        sender_ = std::thread([this, waiting = pthread_self()] {
+            while (!ended_) {
+                pthread_kill(waiting, SIGUSR1);
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            }
+        });
+    }
+    Signals(const Signals &) = delete;
+    Signals &operator=(const Signals &) = delete;
+    ~Signals() {
+        ended_ = true;
+        sender_.join();
+        sigaction(SIGUSR1, &before_, nullptr);
+    }
+
+  private:
+    struct sigaction before_ {};
+    std::atomic<bool> ended_{false};
+    std::thread sender_;
+};
 
 constexpr char reply[] = R"(me|{"jsonrpc":"2.0","id":"ports.Get","result":5})";
 constexpr char notification[] = R"(ev|{"jsonrpc":"2.0","method":"events.X","params":{"n":1}})";
@@ -224,6 +257,15 @@ TEST(ReplyWait, RunsOutOnFramesThatDoNotMatch) {
     json_decref(out);
 }
 
+TEST(ReplyWait, CountsASignalAsAnAttempt) {
+    const BusSocket silent(TAVRIX_SP_SUB); // without a time-out: only signals end an attempt
+    const Signals signals;
+    json_t *out = nullptr;
+    const LogCapture log("debug");
+    EXPECT_EQ(tavrix_jrpc_mq_sub_for_method(silent.number, "anything", &out), -50);
+    EXPECT_EQ(log.count(support::debug, unit, "Unable to receive an API response, rc = -1\n"), 10);
+}
+
 TEST(ReplyWait, RefusesNullArguments) {
     json_t *out = nullptr;
     const LogCapture log("debug");
@@ -310,6 +352,15 @@ TEST(NotificationWait, CountsAFailedReceiveAsAnAttempt) {
     int ms = 0;
     tavrix_mq_socket_get_timeout(push.number, &ms);
     EXPECT_EQ(ms, -1);
+}
+
+TEST(NotificationWait, CountsASignalAsAnAttempt) {
+    const BusSocket silent(TAVRIX_SP_SUB);
+    const Signals signals;
+    json_t *out = nullptr;
+    const LogCapture log("debug");
+    EXPECT_EQ(tavrix_jrpc_mq_sub_for_notifcation(silent.number, "events.X", &out), -1);
+    EXPECT_EQ(log.count(support::debug, unit, "Unable to receive an API response from TRLX Service, rc = -1\n"), 5);
 }
 
 TEST(NotificationWait, RefusesNullArguments) {

@@ -1,0 +1,141 @@
+/*
+ * What a received frame costs: it is released as soon as it is split, and its text is read once.
+ */
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include <gtest/gtest.h>
+#include <jansson.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "support/bus.h"
+#include "support/log_capture.h"
+#include "tavrix_jrpc.h"
+#include "tavrix_mq.h"
+
+namespace {
+
+std::string incoming;        ///< the frame that the bus brings
+const void *frame = nullptr; ///< its bytes, for as long as they are held
+int readings = 0;            ///< how many texts were read
+bool held = false;           ///< whether the frame was there when its text was read, served or sent
+std::string published;
+
+void look() { held = held || frame != nullptr; }
+
+int serve(json_t *, json_t **result, json_t **) {
+    look();
+    *result = json_true();
+    return 0;
+}
+const tavrix_jrpc_method table[] = {{"x.Serve", serve}, {nullptr, nullptr}};
+
+void bring(const char *text) {
+    incoming = text;
+    readings = 0;
+    held = false;
+    published.clear();
+}
+
+int step() {
+    int sub = 1;
+    int pub = 2;
+    return tavrix_jrpc_mq_run(&sub, &pub, table, 0);
+}
+
+constexpr char request[] = R"(s|{"jsonrpc":"2.0","id":"r1","method":"x.Serve"})";
+constexpr char notification[] = R"(s|{"jsonrpc":"2.0","method":"x.Serve"})";
+constexpr char reply[] = R"(me|{"jsonrpc":"2.0","id":"x.Serve","result":1})";
+
+} // namespace
+
+extern "C" {
+json_t *__real_json_loads(const char *text, size_t flags, json_error_t *error);
+void __real_free(void *memory);
+int __real_tavrix_socket_send(const int *sock, const char *text);
+
+json_t *__wrap_json_loads(const char *text, size_t flags, json_error_t *error) {
+    ++readings;
+    look();
+    return __real_json_loads(text, flags, error);
+}
+void __wrap_free(void *memory) {
+    if (memory != nullptr && memory == frame) {
+        frame = nullptr;
+    }
+    __real_free(memory);
+}
+int __wrap_tavrix_mq_socket_recv(int, char **text, int *length, int) {
+    *text = strdup(incoming.c_str());
+    *length = static_cast<int>(incoming.size());
+    frame = *text;
+    return 0;
+}
+int __wrap_tavrix_mq_socket_send(int, const char *text) {
+    published = text;
+    return 0;
+}
+int __wrap_tavrix_socket_send(const int *sock, const char *text) {
+    look();
+    return __real_tavrix_socket_send(sock, text);
+}
+}
+
+TEST(Frame, IsReleasedBeforeItsRequestIsRead) {
+    const support::LogCapture log("info");
+    bring(request);
+    EXPECT_EQ(step(), 0);
+    EXPECT_EQ(published, R"(r1|{"jsonrpc":"2.0","id":"x.Serve","result":true})");
+    EXPECT_FALSE(held);
+    bring(notification);
+    EXPECT_EQ(step(), 0);
+    EXPECT_EQ(published, "");
+    EXPECT_FALSE(held);
+}
+
+TEST(Frame, IsReleasedBeforeAReplyIsRead) {
+    const int sub = 1;
+    json_t *out = nullptr;
+    bring(reply);
+    EXPECT_EQ(tavrix_jrpc_mq_sub_for_method(sub, "x.Serve", &out), 0);
+    json_decref(out);
+    EXPECT_FALSE(held);
+    bring(reply);
+    EXPECT_EQ(tavrix_jrpc_router_mq_extract_response(&sub, &out), 0);
+    json_decref(out);
+    EXPECT_FALSE(held);
+}
+
+TEST(Frame, IsReleasedBeforeANotificationIsRead) {
+    const support::BusSocket sub(TAVRIX_SP_SUB); // its time-out is read and put back
+    json_t *out = nullptr;
+    bring(notification);
+    EXPECT_EQ(tavrix_jrpc_mq_sub_for_notifcation(sub.number, "x.Serve", &out), 0);
+    json_decref(out);
+    EXPECT_FALSE(held);
+}
+
+TEST(Frame, IsReleasedBeforeItsTextGoesToTheClient) {
+    int pair[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
+    bring(reply);
+    int sub = 1;
+    EXPECT_EQ(tavrix_jrpc_router_mq_to_socket(&sub, &pair[0]), 0);
+    EXPECT_FALSE(held);
+    char text[sizeof reply] = "";
+    EXPECT_EQ(recv(pair[1], text, sizeof text - 1, 0), static_cast<ssize_t>(strlen(reply + 3)));
+    EXPECT_STREQ(text, reply + 3);
+    close(pair[1]);
+}
+
+TEST(ServingStep, ReadsAMessageOnce) {
+    for (const char *text : {request, notification, R"(s|{"jsonrpc":"2.0","id":"r1","method":"x.Unknown"})",
+                             R"(s|{"jsonrpc":"2.0","id":1,"method":"x.Serve"})", "s|no json", "s|[]"}) {
+        const support::LogCapture log("off");
+        bring(text);
+        step();
+        EXPECT_EQ(readings, 1) << text;
+    }
+}

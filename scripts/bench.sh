@@ -1,11 +1,12 @@
 #!/usr/bin/env bash
-# Builds the benchmarks, runs them and prints a table: what each piece of work costs beside the same by hand, and the
-# goal. docs/performance.md explains the rows. Arguments go to the benchmark program: --benchmark_filter=log for one.
+# Builds the benchmarks, runs them and prints tables: what each piece of work costs beside the same by hand, and the
+# goal. docs/performance.md explains the rows. Arguments go to the benchmark program, --benchmark_filter=log for one;
+# without any the instructions of a serving step and the road through the daemons are measured too.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-scripts/install-packages.sh build bench
+scripts/install-packages.sh build bench demo
 cmake --preset bench >/dev/null
-cmake --build --preset bench --target tavrix_bench -- --quiet
+cmake --build --preset bench -- --quiet
 
 # Every source of rows prints lines of five parts between tabs: name, work, floor, unit, goal.
 rows() {
@@ -20,3 +21,7 @@ rows "$@" | awk -F'\t' '
         ratio = $2 / $3
         printf "%-44s %12.1f %12.1f %-6s %6.2f %6.2f%s\n", $1, $2, $3, $4, ratio, $5, (ratio > $5 ? "  missed" : "")
     }'
+if [ $# -eq 0 ]; then
+    scripts/bench-instructions.sh
+    scripts/bench-road.sh --built build/bench
+fi

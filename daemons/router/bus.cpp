@@ -16,9 +16,11 @@ namespace router {
 namespace {
 
 constexpr char unit_name[] = "bus";
-constexpr int messages_per_turn = 100; // a flood on the bus must not keep clients waiting
+constexpr int messages_per_turn = 100;         // a flood on the bus must not keep clients waiting,
+constexpr size_t bytes_per_turn = 1024 * 1024; // nor fill what they are sent faster than they could ever read it
 constexpr int largest_message = 8 * 1024 * 1024;
 constexpr mode_t for_the_group = 0007;
+constexpr size_t longest_ipc_address = 113; // nanomsg aborts on a longer one
 
 } // namespace
 
@@ -29,7 +31,8 @@ int transport_of(const std::string &address) {
     } rows[] = {{"tcp://", TAVRIX_TRANSPORT_TCP}, {"ipc://", TAVRIX_TRANSPORT_IPC}};
     for (const auto &row : rows) {
         if (address.rfind(row.scheme, 0) == 0) {
-            return row.transport;
+            const bool fits = row.transport != TAVRIX_TRANSPORT_IPC || address.size() <= longest_ipc_address;
+            return fits ? row.transport : 0;
         }
     }
     return 0;
@@ -93,7 +96,8 @@ void Bus::listen_to_everything(bool wanted) {
 /** nanomsg keeps the descriptor readable until nothing is left, which is found out by receiving only. */
 void Bus::on_readable(evutil_socket_t /*descriptor*/, short /*what*/, void *context) {
     auto *self = static_cast<Bus *>(context);
-    for (int left = messages_per_turn; left > 0; --left) {
+    size_t bytes = 0;
+    for (int left = messages_per_turn; left > 0 && bytes < bytes_per_turn; --left) {
         char *frame = nullptr;
         int length = 0;
         if (tavrix_mq_socket_recv(*self->sub_.get(), &frame, &length, 1) != TAVRIX_OK) {
@@ -102,6 +106,7 @@ void Bus::on_readable(evutil_socket_t /*descriptor*/, short /*what*/, void *cont
         const daemon_support::Text owner(frame);
         const std::string_view text(frame, static_cast<size_t>(length));
         const size_t bar = text.find('|');
+        bytes += text.size();
         if (bar != std::string_view::npos) {
             self->receiver_(text.substr(0, bar), text.substr(bar + 1));
         }

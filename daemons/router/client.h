@@ -20,7 +20,7 @@ struct Service;
 
 /** The answers to one batch: sent as one when the last of them is there. */
 struct Batch {
-    Json answers{json_array()};
+    std::string answers; ///< with commas between them
     size_t missing = 0;
 };
 using BatchPlace = std::shared_ptr<Batch>; ///< null for a request that came alone

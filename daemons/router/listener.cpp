@@ -5,7 +5,7 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
-#include <netinet/tcp.h>
+#include <poll.h>
 #include <sys/socket.h>
 
 #include "common/log.h"
@@ -20,6 +20,7 @@ constexpr char unit_name[] = "listener";
 constexpr int clients_per_turn = 32;
 constexpr milliseconds pause_time{100};
 constexpr milliseconds tcp_attempt_interval{1000};
+constexpr int refusal_time_ms = 500;
 
 sockaddr_in tcp_socket_address(const std::string &address, int port) {
     sockaddr_in place{};
@@ -29,12 +30,23 @@ sockaddr_in tcp_socket_address(const std::string &address, int port) {
     return place;
 }
 
-/** Whether somebody takes connections there; a full backlog, which takes none at the moment, counts. */
+/**
+ * Whether somebody takes connections there; a full backlog, which takes none at the moment, counts. A refusal may take
+ * a moment on a busy machine: this is asked before anybody is served, so it can be waited for.
+ */
 bool is_served(const sockaddr_in &place) {
     daemon_support::StreamSocket probe;
     *probe.place() = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     const auto *address = reinterpret_cast<const sockaddr *>(&place);
-    return connect(*probe.get(), address, sizeof place) == 0 || errno == EINPROGRESS;
+    if (connect(*probe.get(), address, sizeof place) == 0) {
+        return true;
+    }
+    pollfd state{*probe.get(), POLLOUT, 0};
+    int refusal = 0;
+    socklen_t size = sizeof refusal;
+    return errno == EINPROGRESS &&
+           (poll(&state, 1, refusal_time_ms) == 0 ||
+            getsockopt(*probe.get(), SOL_SOCKET, SO_ERROR, &refusal, &size) != 0 || refusal == 0);
 }
 
 } // namespace

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <utility>
 
 #include "tavrix_jrpc.h"
 
@@ -36,8 +37,12 @@ std::string printable(std::string_view text) {
 }
 
 bool is_plain(std::string_view text) {
-    return std::none_of(text.begin(), text.end(),
-                        [](char c) { return static_cast<unsigned char>(c) < ' ' || c == 127; });
+    unsigned char before = 0;
+    return std::none_of(text.begin(), text.end(), [&before](char character) {
+        const auto c = static_cast<unsigned char>(character);
+        const bool is_second_set = std::exchange(before, c) == 0xc2 && c >= 0x80 && c < 0xa0; // U+0080 to U+009F
+        return c < ' ' || c == 127 || is_second_set;
+    });
 }
 
 bool is_valid_id(const json_t *id) { return json_is_string(id) || json_is_number(id); }

@@ -151,9 +151,10 @@ int Router::on_bus(Own &own) {
 std::string Router::read_registration(const json_t *params, Service *wanted) const {
     const json_t *methods = json_object_get(params, "methods");
     const json_t *publish = json_object_get(params, "publish");
+    const json_t *direct = json_object_get(params, "direct");
     wanted->name = text_member(params, "name");
     wanted->channel = text_member(params, "channel");
-    wanted->direct = json_is_true(json_object_get(params, "direct"));
+    wanted->direct = json_is_true(direct);
     if (!is_name(wanted->name)) {
         return "name: 1 to 50 letters, digits, '.', '-' and '_'";
     }
@@ -165,6 +166,9 @@ std::string Router::read_registration(const json_t *params, Service *wanted) con
     }
     if (methods != nullptr && !read_texts(methods, max_methods, max_pattern, &wanted->methods)) {
         return "methods: at most 256 names of at most 128 bytes";
+    }
+    if (direct != nullptr && !json_is_boolean(direct)) {
+        return "direct: true or false";
     }
     if (wanted->publish.empty() && !wanted->direct) {
         return "publish: a service that takes its requests from the bus needs an address there";

@@ -444,9 +444,11 @@ void Router::forward(Client &client, const std::string &method, Json request, co
     show_traffic("request", call, method, service, nullptr, request.get());
     if (!send(*call, request.get())) {
         LOG_ERROR("Cannot send %s to its service\n", printable(method).c_str());
-        json_object_set(request.get(), "id", call->id.get());
-        json_object_del(request.get(), "transaction_id");
-        finish(*call, Outcome::error, make_error(TAVRIX_JRPC_INTERNAL_ERROR, request.get(), nullptr));
+        const Json ids(json_pack("{s:O}", "id", call->id.get()));
+        finish(*call, Outcome::error,
+               service->direct ? make_error(TAVRIX_JRPC_SYSTEM_BUSY, ids.get(),
+                                            message_data(service->name + " does not read its requests"))
+                               : make_error(TAVRIX_JRPC_INTERNAL_ERROR, ids.get(), nullptr));
     }
 }
 
@@ -563,6 +565,9 @@ void Router::take_frame(std::string_view channel, std::string_view text) {
         return;
     }
     const std::string method(channel);
+    if (!is_plain(method) || method.rfind(own_prefix, 0) == 0) {
+        return; // no method, or one that the router alone may use
+    }
     const bool is_wanted = std::any_of(sessions_.begin(), sessions_.end(), [&method](const Session *session) {
         return matches_any(session->subscribed, method) || matches_any(session->monitored, method);
     });
@@ -649,7 +654,9 @@ void Router::settle() {
             LOG_WARNING("Service %s does not answer on the bus\n", printable(name).c_str());
             const Json request(json_pack("{s:O}", "id", service->registration.id.get()));
             end_registration(*service, make_error(TAVRIX_JRPC_TIMED_OUT, request.get(), nullptr));
-            service->session->close(); // it registers anew, when it can
+            Session &session = *service->session;
+            session.flush(); // for the answer
+            session.close(); // it registers anew, when it can
             is_any_left = true;
             break; // the list may have changed
         }

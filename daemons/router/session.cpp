@@ -14,7 +14,8 @@ namespace router {
 namespace {
 
 constexpr char unit_name[] = "session";
-constexpr size_t max_line = 64 * 1024; // with its newline
+constexpr size_t max_line = 64 * 1024;               // with its newline
+constexpr size_t max_service_line = 9 * 1024 * 1024; // a reply as large as a bus message, 8 MiB, and its envelope
 constexpr size_t max_unread_with_notifications = 1024 * 1024;
 constexpr size_t max_unread = 8 * 1024 * 1024;
 
@@ -41,8 +42,11 @@ void Session::on_writable(evutil_socket_t /*descriptor*/, short /*what*/, void *
 }
 
 void Session::on_close() {
-    event_del(readable_.get());
-    event_del(writable_.get());
+    for (const daemon_support::Event *watch : {&readable_, &writable_}) {
+        if (*watch) {
+            event_del(watch->get());
+        }
+    }
     router_.on_session_end(*this);
 }
 
@@ -60,12 +64,14 @@ void Session::read_lines() {
     }
 }
 
+size_t Session::longest_line() const { return service != nullptr && service->direct ? max_service_line : max_line; }
+
 void Session::take_bytes(std::string_view bytes) {
     while (!bytes.empty() && !is_closed() && !ending_ && !broken_) {
         const size_t end = bytes.find('\n');
         const std::string_view part = bytes.substr(0, end);
-        if (partial_.size() + part.size() >= max_line) {
-            LOG_WARNING("A session sent a line of more than %zu bytes\n", max_line);
+        if (partial_.size() + part.size() >= longest_line()) {
+            LOG_WARNING("A session sent a line of more than %zu bytes\n", longest_line());
             router_.count_refused();
             answer(make_error(TAVRIX_JRPC_INVALID_REQUEST, nullptr, message_data("the line is too long")), nullptr);
             ending_ = true;
@@ -147,8 +153,24 @@ void Session::end_of_input() {
 }
 
 void Session::end_when_answered() {
-    event_del(readable_.get());
+    watch_for_hang_up();
     router_.flush_later(*this); // which closes it, once there is nothing left to answer
+}
+
+/** Nothing more is read. Edge-triggered: an end of file that is already known must not wake the loop again and again.
+ */
+void Session::watch_for_hang_up() {
+    readable_.reset(event_new(router_.base(), descriptor_, EV_READ | EV_ET | EV_PERSIST, on_hang_up, this));
+    if (!readable_ || event_add(readable_.get(), nullptr) != 0) {
+        give_up("No memory for the end of a session");
+    }
+}
+
+void Session::on_hang_up(evutil_socket_t /*descriptor*/, short /*what*/, void *context) {
+    auto *self = static_cast<Session *>(context);
+    if (self->has_hung_up()) {
+        self->router_.guard(self, [self] { self->close(); });
+    }
 }
 
 // --- Lines out -----------------------------------------------------------------------------------------------------
@@ -172,21 +194,31 @@ void Session::write_line(std::string_view line) {
 }
 
 void Session::complete(const BatchPlace &batch) {
-    if (batch != nullptr && --batch->missing == 0 && json_array_size(batch->answers.get()) > 0) {
-        answer(share(batch->answers), nullptr);
+    if (batch == nullptr || --batch->missing > 0) {
+        return;
+    }
+    batched_ -= batch->answers.size();
+    if (!batch->answers.empty()) {
+        write_line("[" + batch->answers + "]");
     }
 }
 
 void Session::answer(Json message, const BatchPlace &batch) {
-    if (batch != nullptr) {
-        json_array_append_new(batch->answers.get(), message.release());
-        complete(batch);
-        return;
-    }
-    if (unread() > max_unread && !broken_) {
+    if (has_unread_beyond(max_unread) && !broken_) {
         give_up("A session does not read its answers");
     }
-    write_line(router_.render(message.get()));
+    const std::string_view text = router_.render(message.get());
+    if (batch == nullptr) {
+        write_line(text);
+        return;
+    }
+    if (text.empty()) {
+        give_up("No memory for a session's line");
+    }
+    const size_t before = batch->answers.size();
+    batch->answers.append(before > 0 && !text.empty() ? "," : "").append(text);
+    batched_ += batch->answers.size() - before;
+    complete(batch);
 }
 
 void Session::refuse_notification(const std::string &method, const BatchPlace &batch) {
@@ -196,7 +228,7 @@ void Session::refuse_notification(const std::string &method, const BatchPlace &b
 }
 
 bool Session::send_request(std::string_view line) {
-    if (unread() > max_unread) {
+    if (has_unread_beyond(max_unread)) {
         return false;
     }
     write_line(line);
@@ -204,7 +236,7 @@ bool Session::send_request(std::string_view line) {
 }
 
 void Session::send_notification(std::string_view line) {
-    if (unread() > max_unread_with_notifications || lost_ > 0) {
+    if (has_unread_beyond(max_unread_with_notifications) || lost_ > 0) {
         ++lost_;
         router_.count_dropped();
         return;
@@ -217,6 +249,24 @@ void Session::tell_of_loss() {
     write_line(router_.render(lost.get()));
 }
 
+/** False when the connection has failed. */
+bool Session::send_what_fits() {
+    while (unread() > 0) {
+        if (evbuffer_write(out_.get(), descriptor_) < 0) {
+            return errno == EAGAIN || errno == EINTR;
+        }
+    }
+    return true;
+}
+
+/** What has been written in this turn counts only when the session does not take it. */
+bool Session::has_unread_beyond(size_t bound) {
+    if (unread() > bound && !is_closed() && !broken_ && !send_what_fits()) {
+        give_up("A session's connection has failed");
+    }
+    return unread() + batched_ > bound;
+}
+
 void Session::flush() {
     if (broken_) {
         close();
@@ -224,14 +274,9 @@ void Session::flush() {
     if (is_closed()) {
         return;
     }
-    while (unread() > 0) {
-        if (evbuffer_write(out_.get(), descriptor_) < 0) {
-            if (errno != EAGAIN && errno != EINTR) {
-                close();
-                return;
-            }
-            break;
-        }
+    if (!send_what_fits()) {
+        close();
+        return;
     }
     if (lost_ > 0 && unread() < max_unread_with_notifications / 2) {
         tell_of_loss();

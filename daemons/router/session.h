@@ -48,6 +48,11 @@ class Session final : public Client {
     void complete(const BatchPlace &batch);
     void end_of_input();
     void end_when_answered();
+    static void on_hang_up(evutil_socket_t descriptor, short what, void *context);
+    void watch_for_hang_up();
+    size_t longest_line() const;
+    bool send_what_fits();
+    bool has_unread_beyond(size_t bound);
     size_t unread() const { return out_ ? evbuffer_get_length(out_.get()) : 0; }
     void write_line(std::string_view line);
     void give_up(const char *why);
@@ -57,6 +62,7 @@ class Session final : public Client {
     daemon_support::Event readable_;
     daemon_support::Event writable_;
     daemon_support::Buffer out_;
+    size_t batched_ = 0; ///< bytes of answers that wait for the rest of their batch
     json_int_t lost_ = 0;
     bool ending_ = false; ///< nothing more is read; closed when everything is answered
     bool broken_ = false; ///< closed at the end of the turn: whoever writes to it may be walking along all sessions

@@ -55,16 +55,24 @@ void BusSocket::close() {
     number = -1;
 }
 
+namespace {
+
+int transport_of(const std::string &address) {
+    return address.rfind("ipc://", 0) == 0 ? TAVRIX_TRANSPORT_IPC : TAVRIX_TRANSPORT_TCP;
+}
+
+} // namespace
+
 void BusSocket::bind(const std::string &address) {
     int endpoint = 0;
-    if (tavrix_mq_socket_bind(number, TAVRIX_TRANSPORT_TCP, address.c_str(), &endpoint) != 0) {
+    if (tavrix_mq_socket_bind(number, transport_of(address), address.c_str(), &endpoint) != 0) {
         throw std::runtime_error("cannot bind " + address);
     }
 }
 
 void BusSocket::connect(const std::string &address) {
     int endpoint = 0;
-    if (tavrix_mq_socket_connect(number, TAVRIX_TRANSPORT_TCP, address.c_str(), &endpoint) != 0) {
+    if (tavrix_mq_socket_connect(number, transport_of(address), address.c_str(), &endpoint) != 0) {
         throw std::runtime_error("cannot connect " + address);
     }
 }

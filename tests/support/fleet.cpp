@@ -31,15 +31,28 @@ Fleet::Fleet() {
     sqlite3_close(db);
 }
 
-Process &Fleet::start_router(const std::vector<std::string> &more) {
-    std::vector<std::string> arguments = {TAVRIX_ROUTERD,  "--socket",     "router.sock", "--session",  "session.sock",
-                                          "--publish",     router_address, "--connect",   ports_address};
+Process &Fleet::start_lone_router(const std::vector<std::string> &more) {
+    std::vector<std::string> arguments = {TAVRIX_ROUTERD, "--socket",  "router.sock", "--session",
+                                          "session.sock", "--publish", router_address};
     arguments.insert(arguments.end(), more.begin(), more.end());
+    router.reset();
     router = std::make_unique<Process>("routerd", arguments);
     if (!router->says("routerd ready")) {
         throw std::runtime_error("the router does not get ready: " + router->log());
     }
     return *router;
+}
+
+Process &Fleet::start_router(const std::vector<std::string> &more) {
+    std::vector<std::string> arguments = {"--connect", ports_address};
+    arguments.insert(arguments.end(), more.begin(), more.end());
+    return start_lone_router(arguments);
+}
+
+Process &Fleet::start_router_with_tcp(int port, std::vector<std::string> more) {
+    write_file("policy.conf", "[tcp]\nall=*\n");
+    more.insert(more.end(), {"--tcp", std::to_string(port), "--policy", "policy.conf"});
+    return start_router(more);
 }
 
 Process &Fleet::start_ports(const std::vector<std::string> &more) {

@@ -23,6 +23,10 @@ class Fleet {
     ~Fleet();
 
     Process &start_router(const std::vector<std::string> &more = {});
+    /** Connected to no service: it knows those only that register. */
+    Process &start_lone_router(const std::vector<std::string> &more = {});
+    /** With a TCP listener too, to which a policy file allows all that it can allow everybody. */
+    Process &start_router_with_tcp(int port, std::vector<std::string> more = {});
     Process &start_ports(const std::vector<std::string> &more = {});
     /** With a script of two link changes, played every `interval_ms`, on "events.sock" and a pull socket. */
     Process &start_events(const std::string &interval_ms = "50", const std::vector<std::string> &more = {});

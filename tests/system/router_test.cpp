@@ -10,7 +10,6 @@
 #include <netinet/in.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include "support/fleet.h"
@@ -42,21 +41,6 @@ std::string reply_to(const std::string &on_bus, const std::string &result) {
 /** A reply far above what a socket's buffer holds, and above what a bus socket receives unasked. */
 std::string large_reply_to(const std::string &on_bus) {
     return reply_to(on_bus, "\"" + std::string(3000000, 'x') + "\"");
-}
-
-size_t count_of(const std::string &text, const std::string &part) {
-    size_t count = 0;
-    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size())) {
-        ++count;
-    }
-    return count;
-}
-
-/** Stops the process and waits until it stands. */
-void stand_still(const support::Process &process) {
-    process.signal(SIGSTOP);
-    siginfo_t state{};
-    ASSERT_EQ(waitid(P_PID, static_cast<id_t>(process.pid()), &state, WSTOPPED), 0);
 }
 
 std::vector<StreamClient> silent_clients(const Fleet &fleet, int count) {
@@ -299,7 +283,7 @@ TEST(RouterDaemon, RefusesMalformedRequestsAndGoesOn) {
     } rows[] = {
         {"nonsense", "-32600", "null", "(none)"},
         {"[]", "-32600", "null", "(none)"},
-        {R"({"half":)", "-32600", "null", "(none)"},
+        {R"({"half":)", "-32005", "null", "(none)"}, // there may be more to come
         {"\xff\xfe", "-32600", "null", "(none)"},
         {"{}", "-32600", "null", "(none)"},
         {R"({"jsonrpc":"2.0","method":"ports.Get","id":null})", "-32600", "null", "(none)"},
@@ -359,7 +343,7 @@ TEST(RouterDaemon, Takes8192BytesAndNoMore) {
 TEST(RouterDaemon, Takes8192BytesAndNoMoreOverTcp) {
     Fleet fleet;
     const int port = support::free_port();
-    fleet.start_router({"--tcp", std::to_string(port)});
+    fleet.start_router_with_tcp(port);
     PlayedService service(fleet, first_channel);
     const std::string text = request("ports.Get", "1");
     const StreamClient exact = StreamClient::tcp_port(port);
@@ -371,47 +355,73 @@ TEST(RouterDaemon, Takes8192BytesAndNoMoreOverTcp) {
     EXPECT_EQ(code_of(longer.hear()), "-32600");
 }
 
-TEST(RouterDaemon, WaitsOneBoundForEachSilentClientBeforeTheNext) {
+TEST(RouterDaemon, ServesOthersBesideSilentClients) {
     Fleet fleet;
-    fleet.start_router({"--client-timeout", "100"});
-    const auto start = std::chrono::steady_clock::now();
-    stand_still(*fleet.router); // until all are there
-    const std::vector<StreamClient> silent = silent_clients(fleet, 5);
-    const StreamClient next = fleet.connect();
-    next.say(request("router.Status", "\"next\""));
-    fleet.router->signal(SIGCONT);
-    EXPECT_EQ(member(next.hear(), "id"), "\"router.Status\"") << "served after the silent ones";
-    EXPECT_EQ(fleet.router->times_said("A client said nothing in time"), 5) << "each was waited for once";
-    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(500)) << "the bounds add up";
+    const int port = support::free_port();
+    fleet.start_router_with_tcp(port, {"--client-timeout", "86400000"});
+    PlayedService service(fleet, first_channel);
+    const std::vector<StreamClient> silent = silent_clients(fleet, 50);
+    const StreamClient half = fleet.connect();
+    half.say(R"({"jsonrpc":"2.0","meth)");
+    for (const bool tcp : {false, true}) {
+        const StreamClient client = tcp ? StreamClient::tcp_port(port) : fleet.connect();
+        client.say(request("ports.Get", "1"));
+        service.reply(reply_to(service.next_request(), "\"served\""));
+        EXPECT_EQ(member(client.hear(), "result"), "\"served\"") << tcp;
+    }
+    EXPECT_EQ(fleet.router->times_said("said nothing in time"), 0);
+}
+
+TEST(RouterDaemon, TellsEachClientThatItSaidNothingInTime) {
+    Fleet fleet;
+    const int port = support::free_port();
+    fleet.start_router_with_tcp(port, {"--client-timeout", "100"});
+    std::vector<StreamClient> silent = silent_clients(fleet, 5);
+    silent.push_back(StreamClient::tcp_port(port));
+    silent.push_back(fleet.connect());
+    silent.back().say(R"({"jsonrpc":"2.0","meth)");
     for (const StreamClient &client : silent) {
-        EXPECT_EQ(code_of(client.hear()), "-32005");
+        const std::string answer = client.hear();
+        EXPECT_EQ(code_of(answer), "-32005") << answer;
+        EXPECT_EQ(member(answer, "id"), "null");
     }
 }
 
-TEST(RouterDaemon, WaitsOneBoundOnlyBeforeAClientOfTheOtherListener) {
+TEST(RouterDaemon, TakesARequestInPieces) {
     Fleet fleet;
     const int port = support::free_port();
-    fleet.start_router({"--client-timeout", "100", "--tcp", std::to_string(port)});
-    stand_still(*fleet.router);
-    const std::vector<StreamClient> silent = silent_clients(fleet, 5);
-    const StreamClient other = StreamClient::tcp_port(port);
-    other.say(request("router.Status", "1"));
-    fleet.router->signal(SIGCONT);
-    EXPECT_EQ(code_of(silent.back().hear()), "-32005");
-    const std::string log = fleet.router->log();
-    EXPECT_EQ(count_of(log, "A client said nothing in time"), 5U);
-    EXPECT_LE(count_of(log.substr(0, log.find("Refused router.Status over TCP")), "A client said nothing in time"), 1U);
-    EXPECT_EQ(code_of(other.hear()), "-32601");
+    fleet.start_router_with_tcp(port, {"--client-timeout", "86400000"});
+    PlayedService service(fleet, first_channel);
+    const std::string text = request("ports.Get", "1", R"(,"params":{"text":"}\"{\\"})");
+    for (const bool tcp : {false, true}) {
+        const StreamClient client = tcp ? StreamClient::tcp_port(port) : fleet.connect();
+        for (const char c : text) {
+            client.say(std::string(1, c));
+            EXPECT_EQ(member(fleet.ask(request("router.Status", "1")), "id"), "\"router.Status\"") << "it was read";
+        }
+        const std::string on_bus = service.next_request();
+        EXPECT_EQ(member(on_bus, "params"), R"({"text":"}\"{\\"})");
+        service.reply(reply_to(on_bus, "1"));
+        EXPECT_EQ(member(client.hear(), "result"), "1");
+    }
 }
 
-TEST(RouterDaemon, IsNotHeldUpByHalfARequestOverTcp) {
+TEST(RouterDaemon, TakesARequestAsCompleteAtTheHalfClose) {
     Fleet fleet;
     const int port = support::free_port();
-    fleet.start_router({"--tcp", std::to_string(port), "--reply-timeout", "100"});
-    const StreamClient half = StreamClient::tcp_port(port);
-    half.say(R"({"jsonrpc":"2.0","meth)");
-    EXPECT_EQ(code_of(half.hear()), "-32600");
-    EXPECT_EQ(code_of(fleet.ask(request("ports.Get", "1"))), "-32005");
+    fleet.start_router_with_tcp(port, {"--client-timeout", "86400000"});
+    const struct {
+        const char *text;
+        const char *code;
+    } rows[] = {{R"({"jsonrpc":"2.0","meth)", "-32600"}, {"", "-32600"}, {"  ", "-32600"}};
+    for (const auto &row : rows) {
+        for (const bool tcp : {false, true}) {
+            const StreamClient client = tcp ? StreamClient::tcp_port(port) : fleet.connect();
+            client.say(row.text);
+            shutdown(client.fd(), SHUT_WR);
+            EXPECT_EQ(code_of(client.hear()), row.code) << row.text << tcp;
+        }
+    }
 }
 
 TEST(RouterDaemon, SendsALargeAnswerWholeThroughAStormOfSignals) {
@@ -478,26 +488,20 @@ TEST(RouterDaemon, ServesAndStopsThroughAFloodOnItsReplyChannel) {
 }
 
 TEST(RouterDaemon, PausesWhenTheSystemLacksDescriptors) {
-    using Clock = std::chrono::steady_clock;
-    const struct {
-        rlim_t descriptors;
-        const char *complaint;
-    } rows[] = {{4, "tavrix_socket_accept: Too many open files"}, {1, "poll: Invalid argument"}};
-    for (const auto &row : rows) {
-        Fleet fleet;
-        fleet.start_router();
-        rlimit before{};
-        const auto start = Clock::now();
-        ASSERT_EQ(prlimit(fleet.router->pid(), RLIMIT_NOFILE, nullptr, &before), 0);
-        const rlimit few{row.descriptors, before.rlim_max};
-        ASSERT_EQ(prlimit(fleet.router->pid(), RLIMIT_NOFILE, &few, nullptr), 0);
-        const StreamClient client = fleet.connect();
-        client.say(request("router.Status", "1"));
-        EXPECT_TRUE(support::wait_until([&] { return count_of(fleet.router->log(), row.complaint) >= 3; }));
-        EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(200)) << "it does not spin";
-        ASSERT_EQ(prlimit(fleet.router->pid(), RLIMIT_NOFILE, &before, nullptr), 0);
-        EXPECT_EQ(member(member(client.hear(), "result"), "served"), "0");
-    }
+    Fleet fleet;
+    fleet.start_router();
+    rlimit before{};
+    const auto start = std::chrono::steady_clock::now();
+    ASSERT_EQ(prlimit(fleet.router->pid(), RLIMIT_NOFILE, nullptr, &before), 0);
+    const rlimit few{4, before.rlim_max};
+    ASSERT_EQ(prlimit(fleet.router->pid(), RLIMIT_NOFILE, &few, nullptr), 0);
+    const StreamClient client = fleet.connect();
+    client.say(request("router.Status", "1"));
+    EXPECT_TRUE(support::wait_until(
+        [&] { return fleet.router->times_said("Cannot accept a client: Too many open files") >= 3; }));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(200)) << "it does not spin";
+    ASSERT_EQ(prlimit(fleet.router->pid(), RLIMIT_NOFILE, &before, nullptr), 0);
+    EXPECT_EQ(member(member(client.hear(), "result"), "served"), "0");
 }
 
 TEST(RouterDaemon, GoesOnWhenAClientLeavesEarly) {
@@ -516,42 +520,44 @@ TEST(RouterDaemon, GoesOnWhenAClientLeavesEarly) {
     EXPECT_EQ(member(client.hear(), "result"), "\"right\"");
 }
 
-TEST(RouterDaemon, WaitsTheReplyOutForATcpClientThatLeavesEarly) {
+TEST(RouterDaemon, NoticesATcpClientThatLeavesEarly) {
     Fleet fleet;
     const int port = support::free_port();
-    fleet.start_router({"--tcp", std::to_string(port), "--reply-timeout", "300"});
+    fleet.start_router_with_tcp(port, {"--reply-timeout", "86400000"});
     PlayedService service(fleet, first_channel);
-    const auto ask_and_leave = [port](const char *id) {
-        const StreamClient client = StreamClient::tcp_port(port);
-        client.say(request("ports.Get", id, ",\"transaction_id\":1"));
-    };
-    ask_and_leave("1");
+    StreamClient leaving = StreamClient::tcp_port(port);
+    leaving.say(request("ports.Get", "1", ",\"transaction_id\":1"));
     const std::string unanswered = service.next_request();
-    EXPECT_TRUE(fleet.router->says("No reply to ports.Get in time")) << "leaving looks like having no more to say";
-    ask_and_leave("2");
-    service.reply(reply_to(unanswered, "\"late\""));
-    service.reply(reply_to(service.next_request(), "\"nobody reads it\""));
+    leaving.close();
+    EXPECT_TRUE(fleet.router->says("The client of ports.Get has gone"));
+    EXPECT_EQ(member(member(fleet.ask(request("router.Status", "1")), "result"), "in_flight"), "0");
     const StreamClient next = StreamClient::tcp_port(port);
     next.say(request("ports.Get", "3", ",\"transaction_id\":1"));
+    service.reply(reply_to(unanswered, "\"late\""));
     service.reply(reply_to(service.next_request(), "\"right\""));
     EXPECT_EQ(member(next.hear(), "result"), "\"right\"");
 }
 
 TEST(RouterDaemon, HearsAClientOutThatOnlyClosedItsSendingSide) {
     Fleet fleet;
-    fleet.start_router();
+    const int port = support::free_port();
+    fleet.start_router_with_tcp(port);
     PlayedService service(fleet, first_channel);
-    const StreamClient client = fleet.connect();
-    client.say(request("ports.Get", "1", ",\"transaction_id\":1"));
-    shutdown(client.fd(), SHUT_WR);
-    service.reply(reply_to(service.next_request(), "\"right\""));
-    EXPECT_EQ(member(client.hear(), "result"), "\"right\"");
+    for (const bool tcp : {false, true}) {
+        const StreamClient client = tcp ? StreamClient::tcp_port(port) : fleet.connect();
+        client.say(request("ports.Get", "1", ",\"transaction_id\":1"));
+        shutdown(client.fd(), SHUT_WR);
+        service.reply(reply_to(service.next_request(), "\"right\""));
+        const std::string answer = client.hear();
+        EXPECT_EQ(member(answer, "result"), "\"right\"") << tcp;
+        EXPECT_EQ(answer.find('{'), tcp ? 1U : 0U) << "one blank over TCP asks whether somebody is there";
+    }
 }
 
 TEST(RouterDaemon, ServesTcpClientsButKeepsItsOwnMethodsFromThem) {
     Fleet fleet;
     const int port = support::free_port();
-    fleet.start_router({"--tcp", std::to_string(port), "--reply-timeout", "100"});
+    fleet.start_router_with_tcp(port, {"--reply-timeout", "100"});
     const auto ask = [&](const std::string &text) {
         const StreamClient client = StreamClient::tcp_port(port);
         client.say(text);
@@ -643,8 +649,9 @@ TEST(RouterDaemon, LeavesATcpPortThatAnotherServes) {
     Fleet fleet;
     const int port = support::free_port();
     fleet.start_router({"--tcp", std::to_string(port)});
-    const support::Finished second = support::run({TAVRIX_ROUTERD, "--socket", "second.sock", "--publish",
-                                                   support::free_bus_address(), "--tcp", std::to_string(port)});
+    const support::Finished second =
+        support::run({TAVRIX_ROUTERD, "--socket", "second.sock", "--session", "", "--publish",
+                      support::free_bus_address(), "--tcp", std::to_string(port)});
     EXPECT_EQ(second.status, 1);
     EXPECT_NE(second.diagnostics.find("Cannot listen on TCP port"), std::string::npos);
 }
@@ -716,37 +723,42 @@ TEST(RouterDaemon, RereadsNothingForAClientWhileTheSystemIsLocked) {
 TEST(RouterDaemon, KeepsTheWordsOfOthersOnItsOwnLogLines) {
     Fleet fleet;
     const int port = support::free_port();
-    fleet.start_router({"--tcp", std::to_string(port), "--reply-timeout", "100"});
+    fleet.start_router_with_tcp(port, {"--reply-timeout", "100"});
     PlayedService service(fleet, first_channel);
     const std::string sent = R"(p\n\u001b[2J\u009b\\)"; // in a JSON string
     const std::string logged = R"(p\x0a\x1b[2J\xc2\x9b\x5c)";
     fleet.ask(R"({"jsonrpc":"2.0","method":")" + sent + "\"}");
     EXPECT_TRUE(fleet.router->says("Refused the notification " + logged + " of a client\n"));
-    fleet.ask(request(sent, "1"));
-    EXPECT_TRUE(fleet.router->says("No reply to " + logged + " in time\n"));
+    for (const bool tcp : {false, true}) {
+        const StreamClient client = tcp ? StreamClient::tcp_port(port) : fleet.connect();
+        client.say(request(sent, "1"));
+        EXPECT_EQ(code_of(client.hear()), "-32601");
+    }
+    EXPECT_TRUE(support::wait_until([&] { return fleet.router->times_said("Refused " + logged + "\n") == 2; }));
     service.reply(reply_of('"' + sent + '"', "1", "1"));
     EXPECT_TRUE(fleet.router->says("Discarded a left-over reply of " + logged + "\n"));
     service.reply(R"({"jsonrpc":"2.0","method":"router.Hello","params":{"name":")" + sent + R"(","channel":")" + sent +
                   "\"}}");
-    EXPECT_TRUE(fleet.router->says("Service " + logged + " settled on channel " + logged + "\n"));
-    {
-        const StreamClient client = StreamClient::tcp_port(port);
-        client.say(request("router." + sent, "1"));
-        EXPECT_EQ(code_of(client.hear()), "-32601");
-        EXPECT_TRUE(fleet.router->says("Refused router." + logged + " over TCP\n"));
-    }
+    EXPECT_TRUE(fleet.router->says("Passed over the hello of " + logged + " on channel " + logged + "\n"));
     EXPECT_EQ(code_of(fleet.ask(request("router." + sent, "1"))), "-32601");
     EXPECT_TRUE(fleet.router->says("Refused router." + logged + "\n"));
-    {
-        StreamClient client = fleet.connect();
-        client.say(request(sent, "1", ",\"transaction_id\":1"));
-        client.close();
-        EXPECT_TRUE(fleet.router->says("The client of " + logged + " has gone\n"));
-    }
-    fleet.ask(request("router.Lock", "1"));
-    fleet.ask(request(sent, "1"));
-    EXPECT_TRUE(fleet.router->says("Locked: refused " + logged + "\n"));
     EXPECT_EQ(fleet.router->log().find('\x1b'), std::string::npos) << fleet.router->log();
+}
+
+TEST(RouterDaemon, RefusesAMethodWithControlCharactersBeforeAnybodySeesIt) {
+    Fleet fleet;
+    fleet.start_router();
+    PlayedService service(fleet, first_channel);
+    for (const char *character : {"\\n", "\\r", "\\t", "\\u001b", "\\u007f", "\\u0085", "\\u009b"}) {
+        const std::string answer = fleet.ask(request("p" + std::string(character) + "x", "7"));
+        EXPECT_EQ(code_of(answer), "-32601") << character;
+        EXPECT_EQ(member(answer, "id"), "7");
+        EXPECT_EQ(member(member(answer, "error"), "data"),
+                  R"({"message":"a method's name has no control characters"})");
+    }
+    const StreamClient client = fleet.connect();
+    client.say(request("p\\u00e9", "1"));
+    EXPECT_EQ(member(service.next_request(), "method"), "\"p\u00e9\"") << "the first that comes through";
 }
 
 TEST(RouterDaemon, ServesThroughAStormOfSignals) {
@@ -819,20 +831,18 @@ TEST(RouterDaemon, KnowsAServiceByItsLatestChannel) {
     Fleet fleet;
     fleet.start_router();
     PlayedService service(fleet, first_channel);
-    const auto hello = [&](const char *channel) {
-        service.reply(std::string(R"({"jsonrpc":"2.0","method":"router.Hello","params":{"name":"played","channel":")") +
-                      channel + "\"}}");
-        return fleet.router->says(std::string("Service played settled on channel ") + channel);
-    };
-    EXPECT_TRUE(hello("another"));
-    EXPECT_EQ(member(member(fleet.ask(request("router.Status", "1")), "result"), "services"), "[\"played\"]");
+    service.reply(R"({"jsonrpc":"2.0","method":"router.Hello","params":{"name":"played","channel":"another"}})");
+    EXPECT_TRUE(fleet.router->says("Service played settled on channel another"));
+    EXPECT_EQ(member(member(fleet.ask(request("router.Status", "1")), "result"), "services"),
+              R"([{"name":"played","channel":"another","state":"listening"}])");
 }
 
 TEST(RouterDaemon, ReadsItsOptionsFromAFileAndTheCommandLine) {
     Fleet fleet;
-    support::write_file("routerd.conf",
-                        "[routerd]\nsocket=from-file.sock\nreply_timeout=100\npublish=" + fleet.router_address +
-                            "\nconnect=" + fleet.ports_address + "," + support::free_bus_address() + "\n");
+    support::write_file(
+        "routerd.conf",
+        "[routerd]\nsocket=from-file.sock\nsession=session.sock\nreply_timeout=100\npublish=" + fleet.router_address +
+            "\nconnect=" + fleet.ports_address + "," + support::free_bus_address() + "\n");
     support::Process router("configured", {TAVRIX_ROUTERD, "--config", "routerd.conf", "--socket", "router.sock"});
     ASSERT_TRUE(router.says("routerd ready")) << router.log();
     EXPECT_EQ(access("from-file.sock", F_OK), -1) << "the command line wins";
@@ -901,7 +911,9 @@ TEST(RouterDaemon, ExplainsWrongUsage) {
     EXPECT_EQ(help.status, 0);
     EXPECT_NE(help.output.find("--reply-timeout MS"), std::string::npos);
     EXPECT_NE(help.output.find("example:"), std::string::npos);
-    EXPECT_NE(help.output.find("(default tcp://127.0.0.1:7002,tcp://127.0.0.1:7003)"), std::string::npos);
+    EXPECT_NE(help.output.find("(default ipc:///run/tavrix/bus/router)"), std::string::npos);
+    EXPECT_NE(help.output.find("does not register; may be repeated\n"), std::string::npos)
+        << "no default for --connect";
     EXPECT_NE(help.output.find("exit status:"), std::string::npos);
     EXPECT_EQ(support::run({TAVRIX_ROUTERD, "--version"}).output.rfind("tavrix-routerd 1.", 0), 0U);
 }
@@ -932,5 +944,18 @@ TEST(Daemons, ReadTheirOwnSectionOfOneFile) {
             support::run({row.program, "--config", "fleet.conf", "--publish", "nonsense"});
         EXPECT_NE(finished.diagnostics.find(row.complaint), std::string::npos) << finished.diagnostics;
         EXPECT_NE(support::run({row.program, "--help"}).output.find("exit status:"), std::string::npos);
+    }
+}
+
+TEST(RouterDaemon, RefusesAnIpcAddressThatTheBusCannotBear) {
+    for (const char *option : {"--publish", "--connect"}) {
+        for (const size_t length : {114U, 127U, 128U, 200U}) {
+            const std::string address = "ipc://" + std::string(length - 6, 'p');
+            const support::Finished finished =
+                support::run({TAVRIX_ROUTERD, "--socket", "a.sock", "--session", "", "--publish",
+                              support::free_bus_address(), option, address});
+            EXPECT_EQ(finished.status, 1) << length;
+            EXPECT_NE(finished.diagnostics.find("Cannot "), std::string::npos) << finished.diagnostics;
+        }
     }
 }

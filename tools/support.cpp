@@ -15,6 +15,7 @@ namespace tavrixctl {
 namespace {
 
 FILE *diagnostics = stderr;
+bool is_silent = false;
 
 } // namespace
 
@@ -36,7 +37,14 @@ void silence_library_log() {
     diagnostics = stream;
 }
 
+Silence::Silence() { is_silent = true; }
+
+Silence::~Silence() { is_silent = false; }
+
 void complain(const char *format, ...) {
+    if (is_silent) {
+        return;
+    }
     va_list args;
     va_start(args, format);
     std::fputs("tavrixctl: ", diagnostics);

@@ -24,6 +24,9 @@ struct FreeMemory {
 };
 using Text = std::unique_ptr<char, FreeMemory>;
 
+/** So many seconds that nobody sees their end. */
+constexpr double for_ever_s = 1e9;
+
 /** A point in time to wait until. */
 class Deadline {
   public:
@@ -46,6 +49,15 @@ void silence_library_log();
 
 /** Prints "tavrixctl: ..." as a diagnostic. */
 void complain(const char *format, ...) __attribute__((format(printf, 1, 2)));
+
+/** While one lives nothing is complained about: for what is tried again. */
+class Silence {
+  public:
+    Silence();
+    Silence(const Silence &) = delete;
+    Silence &operator=(const Silence &) = delete;
+    ~Silence();
+};
 
 /** The text itself, or all of standard input when it is "-". */
 std::string text_or_stdin(const std::string &text);

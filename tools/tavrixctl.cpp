@@ -17,7 +17,6 @@ namespace {
 using namespace tavrixctl;
 
 constexpr char version_text[] = "tavrixctl " TAVRIX_VERSION;
-constexpr char default_socket[] = "/run/tavrix/router.sock";
 const std::vector<std::string> json_words = {"pretty", "short"};
 const std::vector<std::string> shells = {"bash"};
 constexpr char params_help[] = "A JSON object, or - to read it from standard input";
@@ -41,6 +40,9 @@ struct CommandLine {
     WaitOptions wait;
     LogLevelOptions log_level;
     ShmOptions shm;
+    StatusOptions status;
+    TopOptions top;
+    WaitServiceOptions wait_service;
     int error_code = 0;
     std::string field;
     std::vector<std::string> values;
@@ -54,20 +56,29 @@ std::string not_empty(const std::string &text) { return text.empty() ? "an empty
 CLI::App *add_verb(CLI::App &app, const std::string &name, const std::string &what, const std::string &examples) {
     CLI::App *verb = app.add_subcommand(name, what);
     verb->footer("examples:\n" + examples);
-    verb->set_version_flag("--version", version_text);
+    verb->set_version_flag("-V,--version", version_text);
     return verb;
 }
 
+void add_session(CLI::App *verb, Target *target) {
+    verb->add_option("--session", target->session,
+                     "The router's socket for sessions; default: TAVRIX_SESSION, or /run/tavrix/session.sock");
+}
+
 void add_router(CLI::App *verb, Target *target) {
-    const char *socket_path = std::getenv("TAVRIX_SOCKET");
+    add_session(verb, target);
     CLI::Option *socket =
-        verb->add_option("--socket", target->socket_path, "The router's unix socket; default from TAVRIX_SOCKET")
-            ->default_val(socket_path != nullptr && socket_path[0] != '\0' ? socket_path : default_socket);
-    verb->add_option("--tcp", target->tcp, "The router's TCP socket, as HOST:PORT")->excludes(socket);
+        verb->add_option("--socket", target->socket_path,
+                         "The router's socket for one request; default: TAVRIX_SOCKET, or /run/tavrix/router.sock")
+            ->excludes("--session");
+    verb->add_option("--tcp", target->tcp, "The router's TCP socket, as HOST:PORT")
+        ->excludes(socket)
+        ->excludes("--session");
 }
 
 CLI::Option *add_direct(CLI::App *verb, Target *target) {
     return verb->add_option("--direct", target->direct, "A daemon's own unix socket server instead of the router")
+        ->excludes("--session")
         ->excludes("--socket")
         ->excludes("--tcp");
 }
@@ -133,6 +144,57 @@ void add_monitor(CLI::App &app, CommandLine *line) {
     verb->add_option("--count", options.count, "End after so many frames");
     add_json(verb, &options.json);
     verb->callback([line] { line->run = [line] { return monitor(line->monitor); }; });
+}
+
+/** What is shown for people unless one of the words is given. */
+void add_optional_json(CLI::App *verb, std::optional<JsonStyle> *style) {
+    const auto store = [style](const std::string &word) {
+        *style = word == "pretty" ? JsonStyle::pretty : JsonStyle::single_line;
+    };
+    verb->add_option_function<std::string>("--json", store, "Print JSON, on several lines (pretty) or on one (short)")
+        ->check(CLI::IsMember(json_words));
+}
+
+void add_status(CLI::App &app, CommandLine *line) {
+    CLI::App *verb = add_verb(app, "status", "Show the services, clients and calls that the router knows",
+                              "  tavrixctl status\n  tavrixctl status --json pretty");
+    StatusOptions &options = line->status;
+    add_router(verb, &options.target);
+    add_timeout(verb, &options.timeout_s);
+    add_optional_json(verb, &options.json);
+    verb->callback([line] { line->run = [line] { return status(line->status); }; });
+}
+
+void add_top(CLI::App &app, CommandLine *line) {
+    CLI::App *verb = add_verb(app, "top", "Show the status again and again, busiest methods first",
+                              "  tavrixctl top --interval 0.2 --count 2");
+    TopOptions &options = line->top;
+    verb->add_option("--interval", options.interval_s, "Seconds from one look to the next")
+        ->check(CLI::Range(0.01, 1e6))
+        ->capture_default_str();
+    verb->add_option("--count", options.count, "End after so many looks");
+    add_router(verb, &options.target);
+    add_timeout(verb, &options.timeout_s);
+    verb->callback([line] { line->run = [line] { return top(line->top); }; });
+}
+
+void add_metrics(CLI::App &app, CommandLine *line) {
+    CLI::App *verb =
+        add_verb(app, "metrics", "Print what the router counts, in Prometheus' format", "  tavrixctl metrics");
+    StatusOptions &options = line->status;
+    add_router(verb, &options.target);
+    add_timeout(verb, &options.timeout_s);
+    verb->callback([line] { line->run = [line] { return metrics(line->status); }; });
+}
+
+void add_wait_service(CLI::App &app, CommandLine *line) {
+    CLI::App *verb = add_verb(app, "wait-service", "Wait until services are there, and the router with them",
+                              "  tavrixctl wait-service portsd --timeout 10");
+    WaitServiceOptions &options = line->wait_service;
+    verb->add_option("NAME", options.names, "The services' names")->required()->expected(1, 64);
+    add_router(verb, &options.target);
+    add_timeout(verb, &options.timeout_s);
+    verb->callback([line] { line->run = [line] { return wait_service(line->wait_service); }; });
 }
 
 void add_push(CLI::App &app, CommandLine *line) {
@@ -323,12 +385,12 @@ complete -o default -F _tavrixctl tavrixctl)";
 int main(int argc, char **argv) {
     CommandLine line;
     CLI::App app("The command line of the tavrix middleware", "tavrixctl");
-    app.set_version_flag("--version", version_text);
+    app.set_version_flag("-V,--version", version_text);
     app.add_flag("--log", line.show_log, "Show the library's own log lines on standard error");
     app.require_subcommand(1);
     app.footer(general_footer);
-    for (auto add : {add_call, add_send, add_monitor, add_push, add_wait, add_error, add_validate, add_shm,
-                     add_log_level, add_completion}) {
+    for (auto add : {add_call, add_send, add_status, add_top, add_metrics, add_wait_service, add_monitor, add_push,
+                     add_wait, add_error, add_validate, add_shm, add_log_level, add_completion}) {
         add(app, &line);
     }
     if (argc > 1 && std::string(argv[1]) == complete_verb) {

@@ -2,17 +2,15 @@
  * monitor, push, wait: straight to the bus, without the router.
  */
 #include <cerrno>
-#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
 
-#include <fcntl.h>
 #include <nanomsg/nn.h>
 #include <poll.h>
 #include <sys/time.h>
-#include <unistd.h>
 
+#include "interrupt.h"
 #include "support.h"
 #include "tavrix_error.h"
 #include "tavrix_jrpc.h"
@@ -24,28 +22,6 @@ namespace tavrixctl {
 namespace {
 
 constexpr int tick_ms = 50;
-
-volatile std::sig_atomic_t stop_requested = 0;
-// Readable once a stop is asked for, so that a signal just before a poll is not slept over; -1 when nobody asked for
-// it.
-int stop_pipe[2] = {-1, -1};
-
-void request_stop(int /*signal*/) {
-    stop_requested = 1;
-    if (write(stop_pipe[1], "", 1) < 0) {
-        // A full pipe is readable just as well.
-    }
-}
-
-bool stop_on_signals() {
-    if (pipe2(stop_pipe, O_NONBLOCK | O_CLOEXEC) != 0) {
-        complain("cannot watch for signals: %s", std::strerror(errno));
-        return false;
-    }
-    struct sigaction action {};
-    action.sa_handler = request_stop; // without SA_RESTART: output that waits for its reader has to come back too
-    return sigaction(SIGINT, &action, nullptr) == 0 && sigaction(SIGTERM, &action, nullptr) == 0;
-}
 
 /** A bus socket of one type, connected to every address. */
 class BusSocket {
@@ -93,7 +69,7 @@ class BusSocket {
         if (descriptor_of(socket_, &fd) != TAVRIX_OK) {
             return false;
         }
-        pollfd ready[] = {{fd, POLLIN, 0}, {stop_pipe[0], POLLIN, 0}};
+        pollfd ready[] = {{fd, POLLIN, 0}, {stop_descriptor(), POLLIN, 0}};
         return poll(ready, 2, timeout_ms) > 0 && ready[0].revents != 0;
     }
 
@@ -169,7 +145,7 @@ int monitor(const MonitorOptions &options) {
     }
     bool announced = false;
     unsigned printed = 0;
-    while (stop_requested == 0 && (!options.count || printed < *options.count)) {
+    while (!stop_requested() && (!options.count || printed < *options.count)) {
         if (!announced && socket.connections() >= options.addresses.size()) {
             complain("connected to %zu of %zu addresses", options.addresses.size(), options.addresses.size());
             announced = true;
@@ -178,10 +154,10 @@ int monitor(const MonitorOptions &options) {
             continue;
         }
         Frame frame;
-        while (stop_requested == 0 && (!options.count || printed < *options.count) && receive(socket, &frame)) {
+        while (!stop_requested() && (!options.count || printed < *options.count) && receive(socket, &frame)) {
             const std::string channel = frame.channel.empty() ? "-" : printable(frame.channel);
             if (!print_line(time_of_day() + "  " + channel + "  " + styled(frame.json, options.json))) {
-                return stop_requested != 0 ? exit_result : exit_error_response;
+                return stop_requested() ? exit_result : exit_error_response;
             }
             ++printed;
         }

@@ -20,11 +20,12 @@ enum ExitStatus {
 
 enum class JsonStyle { automatic, pretty, single_line };
 
-/** Where a request goes: the router's socket unless `tcp` or `direct` is set. */
+/** Where a request goes: at most one is set; with none, the environment or the usual paths tell. */
 struct Target {
-    std::string socket_path;
-    std::string tcp;    ///< HOST:PORT
-    std::string direct; ///< path of a daemon's own socket server
+    std::string session;     ///< path of the router's socket for sessions
+    std::string socket_path; ///< path of the router's socket for one request a connection
+    std::string tcp;         ///< HOST:PORT
+    std::string direct;      ///< path of a daemon's own socket server
 };
 
 struct CallOptions {
@@ -54,6 +55,29 @@ struct MonitorOptions {
     std::optional<unsigned> count; ///< frames to print before it ends
 };
 int monitor(const MonitorOptions &options);
+
+struct StatusOptions {
+    Target target;
+    double timeout_s = 15;
+    std::optional<JsonStyle> json; ///< none: tables
+};
+int status(const StatusOptions &options);
+int metrics(const StatusOptions &options);
+
+struct TopOptions {
+    Target target;
+    double timeout_s = 15;
+    double interval_s = 2;
+    std::optional<unsigned> count; ///< pages to print before it ends
+};
+int top(const TopOptions &options);
+
+struct WaitServiceOptions {
+    Target target;
+    std::vector<std::string> names;
+    double timeout_s = 60;
+};
+int wait_service(const WaitServiceOptions &options);
 
 struct PushOptions {
     std::string address;

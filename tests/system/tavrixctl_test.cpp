@@ -149,7 +149,8 @@ TEST(CtlCall, SaysThatThereIsNoConnection) {
 TEST(CtlCall, ReachesTheRouterOverTcp) {
     Fleet fleet;
     const int port = support::free_port();
-    fleet.start_router({"--tcp", std::to_string(port)});
+    write_file("policy.conf", "[tcp]\nall=*\n");
+    fleet.start_router({"--tcp", std::to_string(port), "--policy", "policy.conf"});
     fleet.start_ports();
     const Finished finished =
         ctl({"call", "--tcp", "127.0.0.1:" + std::to_string(port), "ports.Get", R"({"port_id":"d1"})"});
@@ -159,7 +160,8 @@ TEST(CtlCall, ReachesTheRouterOverTcp) {
 TEST(CtlCall, TriesEachAddressOfAHost) {
     Fleet fleet;
     const int port = support::free_port();
-    fleet.start_router({"--tcp", std::to_string(port)});
+    write_file("policy.conf", "[tcp]\nall=*\n");
+    fleet.start_router({"--tcp", std::to_string(port), "--policy", "policy.conf"});
     fleet.start_ports();
     // Both stand for this machine's loopback addresses, IPv6 first; the router listens on IPv4 only. No name service is
     // asked: a machine without /etc/hosts does not know "localhost".
@@ -355,11 +357,11 @@ TEST(CtlHelp, GivesExamplesThatWorkWithTheDaemonsOwnAddresses) {
         {"/tavrix_last_event", fleet.slot},
         {"/note", note},
     };
-    const std::string traffic = "export TAVRIX_SOCKET=router.sock\n"
+    const std::string traffic = "export TAVRIX_SOCKET=router.sock TAVRIX_SESSION=session.sock\n"
                                 "while tavrixctl call ports.Get '{\"port_id\":\"d1\"}' >/dev/null; do :; done &\n"
                                 "trap \"kill $!\" EXIT\n";
-    for (const char *verb : {"", "call", "send", "monitor", "push", "wait", "error", "validate", "shm set", "shm get",
-                             "shm", "log-level", "completion"}) {
+    for (const char *verb : {"", "call", "send", "status", "top", "metrics", "wait-service", "monitor", "push", "wait",
+                             "error", "validate", "shm set", "shm get", "shm", "log-level", "completion"}) {
         const std::string help = script(std::string("tavrixctl ") + verb + " --help").output;
         ASSERT_NE(help.find("examples:\n  "), std::string::npos) << verb;
         for (std::string example : examples_of(help)) {

@@ -60,25 +60,6 @@ std::string text_or_stdin(const std::string &text) {
     return std::string(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
 }
 
-Json parse_params(const std::string &text, bool *valid) {
-    *valid = true;
-    if (text.empty()) {
-        return nullptr;
-    }
-    const std::string source = text_or_stdin(text);
-    json_error_t error;
-    Json params(json_loadb(source.data(), source.size(), JSON_REJECT_DUPLICATES | JSON_DECODE_ANY, &error));
-    if (!params) {
-        complain("PARAMS is no JSON: line %d, column %d: %s", error.line, error.column, error.text);
-        *valid = false;
-    } else if (!json_is_object(params.get())) {
-        complain("PARAMS has to be a JSON object");
-        *valid = false;
-        params.reset();
-    }
-    return params;
-}
-
 Json make_request(const std::string &method, Json params, const std::string &id) {
     Json request(json_pack("{s:s, s:s}", "jsonrpc", "2.0", "method", method.c_str()));
     if (request && !id.empty() && json_object_set_new(request.get(), "id", json_string(id.c_str())) != 0) {

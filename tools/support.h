@@ -62,9 +62,6 @@ class Silence {
 /** The text itself, or all of standard input when it is "-". */
 std::string text_or_stdin(const std::string &text);
 
-/** A request's "params": null for none. On bad input complains and sets `*valid` to false. */
-Json parse_params(const std::string &text, bool *valid);
-
 /** A JSON-RPC 2.0 request or, with an empty id, a notification. */
 Json make_request(const std::string &method, Json params, const std::string &id);
 

@@ -19,7 +19,12 @@ using namespace tavrixctl;
 constexpr char version_text[] = "tavrixctl " TAVRIX_VERSION;
 const std::vector<std::string> json_words = {"pretty", "short"};
 const std::vector<std::string> shells = {"bash"};
-constexpr char params_help[] = "A JSON object, or - to read it from standard input";
+constexpr char params_help[] = "key=text, key:=json, a JSON object, @FILE or - (standard input) with one";
+
+constexpr int most_params = 256;
+
+// Before a word that begins with '[', which the parser would otherwise break up into several.
+constexpr char guard[] = "\x1f";
 
 // What the completion script calls; taken before the parser, for which half a word would be wrong usage.
 constexpr char complete_verb[] = "__complete";
@@ -37,6 +42,7 @@ struct CommandLine {
     SendOptions send;
     MonitorOptions monitor;
     PushOptions push;
+    SubscribeOptions subscribe;
     WaitOptions wait;
     LogLevelOptions log_level;
     ShmOptions shm;
@@ -107,7 +113,7 @@ void add_call(CLI::App &app, CommandLine *line) {
                  "  tavrixctl call --direct /run/tavrix/events.sock events.Last");
     CallOptions &options = line->call;
     verb->add_option("METHOD", options.method, "Method name, for example ports.Get")->required();
-    verb->add_option("PARAMS", options.params, params_help);
+    verb->add_option("PARAMS", options.params, params_help)->expected(0, most_params);
     verb->add_option("--id", options.id, "The request's id")->default_val("tavrixctl")->check(not_empty);
     verb->add_option("--transaction", options.transaction_id, "The request's transaction id; default: a fresh number");
     add_router(verb, &options.target);
@@ -204,18 +210,43 @@ void add_push(CLI::App &app, CommandLine *line) {
     PushOptions &options = line->push;
     verb->add_option("ADDRESS", options.address, "Address of the pull socket")->required();
     verb->add_option("METHOD", options.method, "Method name")->required();
-    verb->add_option("PARAMS", options.params, params_help);
+    verb->add_option("PARAMS", options.params, params_help)->expected(0, most_params);
     add_timeout(verb, &options.timeout_s);
     verb->callback([line] { line->run = [line] { return push(line->push); }; });
 }
 
+void add_subscribe(CLI::App &app, CommandLine *line) {
+    CLI::App *verb = add_verb(app, "subscribe", "Print notifications as they are published",
+                              "  tavrixctl subscribe 'events.*' --count 2\n"
+                              "  tavrixctl subscribe events.LinkChanged --json short --count 1");
+    SubscribeOptions &options = line->subscribe;
+    verb->add_option("PATTERN", options.patterns, "Methods, or beginnings of some followed by '*'")
+        ->required()
+        ->expected(1, 64);
+    verb->add_option("--count", options.count, "End after so many");
+    add_session(verb, &options.target);
+    verb->add_option("--timeout", options.timeout_s, "Seconds to wait at most; default: for ever")
+        ->check(CLI::Range(0.001, 1e6));
+    add_optional_json(verb, &options.json);
+    verb->callback([line] { line->run = [line] { return subscribe(line->subscribe); }; });
+}
+
 void add_wait(CLI::App &app, CommandLine *line) {
-    CLI::App *verb = add_verb(app, "wait", "Wait for a notification on the bus and print it",
+    CLI::App *verb = add_verb(app, "wait", "Wait for a notification and print it",
+                              "  tavrixctl wait events.LinkChanged\n"
+                              "  tavrixctl wait events.LinkChanged entity=c1-1 --timeout 10\n"
                               "  tavrixctl wait events.LinkChanged tcp://127.0.0.1:7003");
     WaitOptions &options = line->wait;
     verb->add_option("METHOD", options.method, "The notification's method name")->required();
-    verb->add_option("ADDRESS", options.address, "Publish address to connect to")->required();
-    verb->add_option("--channel", options.channel, "Only channels that begin so");
+    verb->add_option("WORD", options.words,
+                     "What its params have to hold, as key=text or key:=json; bus addresses to listen to instead of "
+                     "asking the router")
+        ->expected(0, most_params);
+    verb->add_option("--count", options.count, "End after so many")
+        ->check(CLI::Range(1U, 1000000U))
+        ->capture_default_str();
+    verb->add_option("--channel", options.channel, "Only channels of the bus that begin so");
+    add_session(verb, &options.target);
     add_timeout(verb, &options.timeout_s);
     add_json(verb, &options.json);
     verb->callback([line] { line->run = [line] { return wait(line->wait); }; });
@@ -357,6 +388,16 @@ std::vector<std::string> candidates_at(const Position &position) {
     return candidates;
 }
 
+/** Takes the guard of words off again before they are stored. */
+void unguard(CLI::App *app) {
+    for (CLI::Option *option : app->get_options()) {
+        option->transform([](const std::string &word) { return word.substr(word.rfind(guard, 0) == 0 ? 1 : 0); });
+    }
+    for (CLI::App *verb : app->get_subcommands([](CLI::App *) { return true; })) {
+        unguard(verb);
+    }
+}
+
 /** The words that may follow: asked for by the shell, word by word, so that it never knows less than the tool. */
 int complete(CLI::App &app, const std::vector<std::string> &pieces) {
     const std::vector<std::string> words = rejoin(pieces);
@@ -390,14 +431,20 @@ int main(int argc, char **argv) {
     app.require_subcommand(1);
     app.footer(general_footer);
     for (auto add : {add_call, add_send, add_status, add_top, add_metrics, add_wait_service, add_monitor, add_push,
-                     add_wait, add_error, add_validate, add_shm, add_log_level, add_completion}) {
+                     add_subscribe, add_wait, add_error, add_validate, add_shm, add_log_level, add_completion}) {
         add(app, &line);
     }
+    unguard(&app);
     if (argc > 1 && std::string(argv[1]) == complete_verb) {
         return complete(app, std::vector<std::string>(argv + 2, argv + argc));
     }
+    std::vector<std::string> words(argv + 1, argv + argc);
+    std::reverse(words.begin(), words.end()); // as the parser wants them
+    for (std::string &word : words) {
+        word.insert(0, word.rfind('[', 0) == 0 ? guard : "");
+    }
     try {
-        app.parse(argc, argv);
+        app.parse(words);
     } catch (const CLI::ParseError &error) {
         return app.exit(error) == 0 ? exit_result : exit_usage;
     }

@@ -11,10 +11,12 @@
 #include <sys/time.h>
 
 #include "interrupt.h"
+#include "params.h"
 #include "support.h"
 #include "tavrix_error.h"
 #include "tavrix_jrpc.h"
 #include "tavrix_mq.h"
+#include "verb_bus.h"
 #include "verbs.h"
 
 namespace tavrixctl {
@@ -192,17 +194,19 @@ int push(const PushOptions &options) {
     return exit_result;
 }
 
-int wait(const WaitOptions &options) {
+int wait_on_bus(const WaitOptions &options, const std::vector<std::string> &addresses, const Deadline &deadline,
+                const Taker &take) {
     BusSocket socket(TAVRIX_SP_SUB);
-    const int status = subscribe(&socket, {options.address}, {options.channel});
+    const int status = subscribe(&socket, addresses, {options.channel});
     if (status != exit_result) {
         return status;
     }
-    const Deadline deadline(options.timeout_s);
+    const std::string method = printable(options.method);
     bool announced = false;
+    unsigned taken = 0;
     while (!deadline.passed()) {
-        if (!announced && socket.connections() > 0) {
-            complain("waiting for %s", options.method.c_str());
+        if (!announced && socket.connections() >= addresses.size()) {
+            complain("waiting for %s", method.c_str());
             announced = true;
         }
         const int left_ms = deadline.left_ms();
@@ -212,14 +216,23 @@ int wait(const WaitOptions &options) {
         Frame frame;
         while (!deadline.passed() && receive(socket, &frame)) {
             json_t *found = nullptr;
-            if (tavrix_jrpc_eval_notification(options.method.c_str(), frame.json.c_str(), &found) == TAVRIX_OK) {
-                const Json notification(found);
-                return print_line(render(found, options.json)) ? exit_result : exit_error_response;
+            if (tavrix_jrpc_eval_notification(options.method.c_str(), frame.json.c_str(), &found) != TAVRIX_OK) {
+                continue;
+            }
+            const Json notification(found);
+            const int verdict = take(found);
+            taken += verdict > 0 ? 1 : 0;
+            if (verdict < 0 || taken == options.count) {
+                return verdict < 0 ? exit_error_response : exit_result;
             }
         }
     }
-    complain(announced ? "no %s in time" : "no connection while waiting for %s", options.method.c_str());
-    return announced ? exit_timeout : exit_no_connection;
+    if (announced || socket.connections() > 0) {
+        complain("no %s in time", method.c_str());
+        return exit_timeout;
+    }
+    complain("no connection while waiting for %s", method.c_str());
+    return exit_no_connection;
 }
 
 } // namespace tavrixctl

@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "params.h"
 #include "router.h"
 #include "support.h"
 #include "verbs.h"

@@ -31,7 +31,7 @@ struct Target {
 struct CallOptions {
     Target target;
     std::string method;
-    std::string params; ///< a JSON object, "-" for standard input, empty for none
+    std::vector<std::string> params; ///< words as in params.h
     std::string id;
     std::optional<long long> transaction_id;
     bool notification = false;
@@ -82,14 +82,25 @@ int wait_service(const WaitServiceOptions &options);
 struct PushOptions {
     std::string address;
     std::string method;
-    std::string params;
+    std::vector<std::string> params;
     double timeout_s = 5;
 };
 int push(const PushOptions &options);
 
+struct SubscribeOptions {
+    Target target;
+    std::vector<std::string> patterns;
+    std::optional<unsigned> count; ///< notifications to print before it ends
+    std::optional<double> timeout_s;
+    std::optional<JsonStyle> json; ///< none: time, method and params
+};
+int subscribe(const SubscribeOptions &options);
+
 struct WaitOptions {
+    Target target;
     std::string method;
-    std::string address;
+    std::vector<std::string> words; ///< bus addresses, and what the params have to hold
+    unsigned count = 1;
     std::string channel;
     double timeout_s = 60;
     JsonStyle json = JsonStyle::automatic;

@@ -18,8 +18,9 @@ using support::write_file;
 
 namespace {
 
-constexpr const char *verbs[] = {"",     "call", "send",  "status",   "top", "metrics",   "wait-service", "monitor",
-                                 "push", "wait", "error", "validate", "shm", "log-level", "completion"};
+constexpr const char *verbs[] = {"",          "call",      "send",      "status", "top",   "metrics",  "wait-service",
+                                 "monitor",   "push",      "subscribe", "wait",   "error", "validate", "shm",
+                                 "log-level", "completion"};
 
 /** What bash offers for the last of the words, as its completion breaks them up. */
 std::string completed(const std::vector<std::string> &words) {

@@ -24,6 +24,13 @@ int Deadline::left_ms() const {
     return left.count() <= 0 ? 0 : static_cast<int>(std::ceil(std::min(left.count(), 1e9)));
 }
 
+Deadline Deadline::later(double seconds) const {
+    Deadline other = *this;
+    other.end_ +=
+        std::chrono::duration_cast<std::chrono::steady_clock::duration>(std::chrono::duration<double>(seconds));
+    return other;
+}
+
 void silence_library_log() {
     const int terminal = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
     FILE *stream = terminal < 0 ? nullptr : fdopen(terminal, "w");
@@ -51,6 +58,11 @@ void complain(const char *format, ...) {
     std::vfprintf(diagnostics, format, args);
     std::fputc('\n', diagnostics);
     va_end(args);
+}
+
+void tell(const std::string &line) {
+    std::fputs((line + "\n").c_str(), diagnostics);
+    std::fflush(diagnostics);
 }
 
 std::string text_or_stdin(const std::string &text) {

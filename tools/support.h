@@ -36,6 +36,7 @@ class Deadline {
     /** Milliseconds left, rounded up, never below 0; fits poll. */
     int left_ms() const;
     bool passed() const { return left_ms() == 0; }
+    Deadline later(double seconds) const;
 
   private:
     std::chrono::steady_clock::time_point end_;
@@ -49,6 +50,9 @@ void silence_library_log();
 
 /** Prints "tavrixctl: ..." as a diagnostic. */
 void complain(const char *format, ...) __attribute__((format(printf, 1, 2)));
+
+/** Prints a line beside the results, where the diagnostics go. */
+void tell(const std::string &line);
 
 /** While one lives nothing is complained about: for what is tried again. */
 class Silence {

@@ -18,6 +18,7 @@ using namespace tavrixctl;
 
 constexpr char version_text[] = "tavrixctl " TAVRIX_VERSION;
 const std::vector<std::string> json_words = {"pretty", "short"};
+const std::vector<std::string> monitor_words = {"pretty", "short", "lines"};
 const std::vector<std::string> shells = {"bash"};
 constexpr char params_help[] = "key=text, key:=json, a JSON object, @FILE or - (standard input) with one";
 
@@ -31,7 +32,8 @@ constexpr char complete_verb[] = "__complete";
 
 constexpr char general_footer[] = R"(examples:
   tavrixctl call ports.Get '{"port_id":"c1-1"}'
-  tavrixctl monitor tcp://127.0.0.1:7001 tcp://127.0.0.1:7002
+  tavrixctl status
+  tavrixctl monitor
   tavrixctl error -35
 
 exit status: 0 result, 1 error response or rejected value, 2 usage, 3 time-out, 4 no connection)";
@@ -41,6 +43,7 @@ struct CommandLine {
     CallOptions call;
     SendOptions send;
     MonitorOptions monitor;
+    ReplayOptions replay;
     PushOptions push;
     SubscribeOptions subscribe;
     WaitOptions wait;
@@ -66,9 +69,9 @@ CLI::App *add_verb(CLI::App &app, const std::string &name, const std::string &wh
     return verb;
 }
 
-void add_session(CLI::App *verb, Target *target) {
-    verb->add_option("--session", target->session,
-                     "The router's socket for sessions; default: TAVRIX_SESSION, or /run/tavrix/session.sock");
+CLI::Option *add_session(CLI::App *verb, Target *target) {
+    return verb->add_option("--session", target->session,
+                            "The router's socket for sessions; default: TAVRIX_SESSION, or /run/tavrix/session.sock");
 }
 
 void add_router(CLI::App *verb, Target *target) {
@@ -137,21 +140,6 @@ void add_send(CLI::App &app, CommandLine *line) {
     verb->callback([line] { line->run = [line] { return send(line->send); }; });
 }
 
-void add_monitor(CLI::App &app, CommandLine *line) {
-    CLI::App *verb = add_verb(app, "monitor", "Print every bus frame with time, channel and JSON",
-                              "  tavrixctl monitor tcp://127.0.0.1:7001 tcp://127.0.0.1:7002\n"
-                              "  tavrixctl monitor tcp://127.0.0.1:7003 --channel events");
-    MonitorOptions &options = line->monitor;
-    verb->add_option("ADDRESS", options.addresses, "Publish addresses to connect to")->required()->expected(1, 64);
-    verb->add_option("--channel", options.channels, "Only channels that begin so; may be repeated")
-        ->expected(1)
-        ->allow_extra_args(false)
-        ->take_all();
-    verb->add_option("--count", options.count, "End after so many frames");
-    add_json(verb, &options.json);
-    verb->callback([line] { line->run = [line] { return monitor(line->monitor); }; });
-}
-
 /** What is shown for people unless one of the words is given. */
 void add_optional_json(CLI::App *verb, std::optional<JsonStyle> *style) {
     const auto store = [style](const std::string &word) {
@@ -159,6 +147,54 @@ void add_optional_json(CLI::App *verb, std::optional<JsonStyle> *style) {
     };
     verb->add_option_function<std::string>("--json", store, "Print JSON, on several lines (pretty) or on one (short)")
         ->check(CLI::IsMember(json_words));
+}
+
+void add_monitor(CLI::App &app, CommandLine *line) {
+    CLI::App *verb = add_verb(app, "monitor", "Print what passes: requests with their replies, and notifications",
+                              "  tavrixctl monitor\n"
+                              "  tavrixctl monitor 'ports.*' --slower-than 0.001\n"
+                              "  tavrixctl monitor --json lines --record traffic.json\n"
+                              "  tavrixctl monitor tcp://127.0.0.1:7001 tcp://127.0.0.1:7002\n"
+                              "  tavrixctl monitor tcp://127.0.0.1:7003 --channel events");
+    MonitorOptions &options = line->monitor;
+    verb->add_option("WORD", options.words,
+                     "Methods, or beginnings of some followed by '*'; bus addresses to listen to instead of asking the "
+                     "router")
+        ->expected(0, most_params);
+    verb->add_option("--service", options.service, "Only what this service answers or publishes");
+    verb->add_flag("--errors", options.errors_only, "Only requests that ended otherwise than with a result");
+    verb->add_option("--slower-than", options.slower_than_ms, "Only requests that took more milliseconds")
+        ->check(CLI::Range(0.0, 1e9));
+    verb->add_option("--record", options.record, "Write what is printed to this file as well, a JSON object a line");
+    verb->add_option("--channel", options.channels, "Only channels of the bus that begin so; may be repeated")
+        ->expected(1)
+        ->allow_extra_args(false)
+        ->take_all();
+    verb->add_option("--count", options.count, "End after so many lines");
+    add_session(verb, &options.target);
+    const auto store = [&options](const std::string &word) {
+        options.json = word == "pretty"  ? JsonStyle::pretty
+                       : word == "lines" ? JsonStyle::lines
+                                         : JsonStyle::single_line;
+    };
+    verb->add_option_function<std::string>(
+            "--json", store, "Print JSON: on several lines (pretty), on one (short), an object a line (lines)")
+        ->check(CLI::IsMember(monitor_words));
+    verb->callback([line] { line->run = [line] { return monitor(line->monitor); }; });
+}
+
+void add_replay(CLI::App &app, CommandLine *line) {
+    CLI::App *verb = add_verb(app, "replay", "Send recorded requests once more, to a test system",
+                              "  tavrixctl replay traffic.json --session session.sock --speed 0");
+    ReplayOptions &options = line->replay;
+    verb->add_option("FILE", options.file, "What monitor --record has written")->required();
+    verb->add_option("--speed", options.speed, "Times as fast as recorded; 0: each when the former is answered")
+        ->check(CLI::Range(0.0, 1e6))
+        ->capture_default_str();
+    // No usual path and no variable: requests that change a system are not sent to it by mistake.
+    add_session(verb, &options.target)->description("The test system's socket for sessions")->required();
+    add_timeout(verb, &options.timeout_s);
+    verb->callback([line] { line->run = [line] { return replay(line->replay); }; });
 }
 
 void add_status(CLI::App &app, CommandLine *line) {
@@ -374,7 +410,8 @@ std::vector<std::string> positional_words(const Position &position) {
 
 std::vector<std::string> candidates_at(const Position &position) {
     if (!position.option.empty()) {
-        return position.option == "--json" ? json_words : std::vector<std::string>();
+        const bool is_monitor = position.verb->get_name() == "monitor";
+        return position.option != "--json" ? std::vector<std::string>() : is_monitor ? monitor_words : json_words;
     }
     std::vector<std::string> candidates = positional_words(position);
     for (const CLI::App *sub : position.verb->get_subcommands([](CLI::App *) { return true; })) {
@@ -430,8 +467,9 @@ int main(int argc, char **argv) {
     app.add_flag("--log", line.show_log, "Show the library's own log lines on standard error");
     app.require_subcommand(1);
     app.footer(general_footer);
-    for (auto add : {add_call, add_send, add_status, add_top, add_metrics, add_wait_service, add_monitor, add_push,
-                     add_subscribe, add_wait, add_error, add_validate, add_shm, add_log_level, add_completion}) {
+    for (auto add :
+         {add_call, add_send, add_status, add_top, add_metrics, add_wait_service, add_monitor, add_replay, add_push,
+          add_subscribe, add_wait, add_error, add_validate, add_shm, add_log_level, add_completion}) {
         add(app, &line);
     }
     unguard(&app);

@@ -21,6 +21,10 @@ bool tell_loss(const json_t *notification);
 int open_stream(Session *session, const char *method, const std::vector<std::string> &patterns,
                 const Deadline &deadline);
 
+/** Prints every frame that the addresses publish and that one of the patterns, if any, fits. */
+int monitor_bus(const MonitorOptions &options, const std::vector<std::string> &addresses,
+                const std::vector<std::string> &patterns);
+
 /** Takes a notification: 0 when it was not wanted, 1 when it was, -1 when it could not be printed. */
 using Taker = std::function<int(const json_t *)>;
 

@@ -18,7 +18,7 @@ enum ExitStatus {
     exit_no_connection = 4,
 };
 
-enum class JsonStyle { automatic, pretty, single_line };
+enum class JsonStyle { automatic, pretty, single_line, lines };
 
 /** Where a request goes: at most one is set; with none, the environment or the usual paths tell. */
 struct Target {
@@ -49,12 +49,26 @@ struct SendOptions {
 int send(const SendOptions &options);
 
 struct MonitorOptions {
-    std::vector<std::string> addresses;
-    std::vector<std::string> channels; ///< prefixes; none means every channel
-    JsonStyle json = JsonStyle::single_line;
-    std::optional<unsigned> count; ///< frames to print before it ends
+    Target target;
+    std::vector<std::string> words;    ///< method patterns, and bus addresses to listen to instead of the router
+    std::vector<std::string> channels; ///< of the bus: prefixes; none means every channel
+    std::string service;               ///< only this one's, when not empty
+    bool errors_only = false;
+    std::optional<double> slower_than_ms;
+    std::string record;            ///< file to write to as well, when not empty
+    std::optional<JsonStyle> json; ///< none: lines for people
+    std::optional<unsigned> count; ///< lines to print before it ends
+    double timeout_s = 15;         ///< for the router to begin
 };
 int monitor(const MonitorOptions &options);
+
+struct ReplayOptions {
+    Target target;
+    std::string file;
+    double speed = 1; ///< 0: each as soon as the former is answered
+    double timeout_s = 15;
+};
+int replay(const ReplayOptions &options);
 
 struct StatusOptions {
     Target target;

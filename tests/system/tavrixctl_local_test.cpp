@@ -18,9 +18,9 @@ using support::write_file;
 
 namespace {
 
-constexpr const char *verbs[] = {"",          "call",      "send",      "status", "top",   "metrics",  "wait-service",
-                                 "monitor",   "push",      "subscribe", "wait",   "error", "validate", "shm",
-                                 "log-level", "completion"};
+constexpr const char *verbs[] = {"",        "call",      "send",      "status",    "top",  "metrics", "wait-service",
+                                 "monitor", "replay",    "push",      "subscribe", "wait", "error",   "validate",
+                                 "shm",     "log-level", "completion"};
 
 /** What bash offers for the last of the words, as its completion breaks them up. */
 std::string completed(const std::vector<std::string> &words) {
@@ -225,6 +225,7 @@ TEST(CtlCompletion, OffersInBashWhatTheToolKnows) {
         {{"log-level", "--file", ""}, "\n"},
         {{"call", "--tim"}, "--timeout\n"},
         {{"call", "--json", ""}, "pretty short\n"},
+        {{"monitor", "--json", "l"}, "lines\n"},
         {{"call", "--json", "="}, "pretty short\n"},
         {{"call", "--json", "=", "p"}, "pretty\n"},
         {{"call", "m", "-", "--tim"}, "--timeout\n"},

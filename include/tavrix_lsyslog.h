@@ -62,7 +62,8 @@ TAVRIX_API int tavrix_lsyslog_set_socket(int fd);
 
 /**
  * Writes one line to standard error: `[date time.ms] [TAG] [daemon] message` at the levels 0, 1, 3 and 4,
- * `[date time.ms] [TAG] [daemon: file:line] message` at every other level.
+ * `[date time.ms] [TAG] [daemon: file:line] message` at every other level. The time is local; a change of the zone or
+ * of the locale shows from the next second on.
  *
  * @param level  0 to 6, see tavrix_log_level; lines above the current level are dropped before any formatting
  * @param file   the caller's source unit

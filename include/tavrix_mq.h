@@ -2,8 +2,9 @@
  * @file tavrix_mq.h
  * Bus sockets: whole text messages over nanomsg's scalability protocols.
  *
- * A socket is a number, an endpoint an id; nothing else is kept. The order of calls is init, bind or connect (any
- * number of endpoints), subscribe when the type is subscribe, then send and receive, then close.
+ * A socket is a number, an endpoint an id. Nothing else is kept but the topics of a subscribe socket, until it is
+ * closed. The order of calls is init, bind or connect (any number of endpoints), subscribe when the type is subscribe,
+ * then send and receive, then close.
  *
  * @code
  * int sock, eid;
@@ -20,7 +21,8 @@
  * Publish/subscribe drops what is published before a subscriber's connection stands.
  *
  * Every function that has no other list returns 0, or -1 when nanomsg refuses; a failure is logged with nanomsg's own
- * words. Thread-safety: no state of its own; nanomsg's rules for sharing a socket hold.
+ * words. Thread-safety: nanomsg's rules for sharing a socket hold; threads that change one socket's topics at the same
+ * moment take turns.
  */
 #ifndef TAVRIX_MQ_H
 #define TAVRIX_MQ_H
@@ -69,9 +71,12 @@ TAVRIX_API int tavrix_mq_socket_init(int sp_type, int *sock_out);
  *
  * @param sock      a socket
  * @param transport 1 to 3, see tavrix_transport
- * @param addr      at most 128 characters; the transport's scheme has to occur somewhere in it
+ * @param addr      at most 128 characters; the transport's scheme has to occur somewhere in it. An "ipc://" address is
+ *                  the path of a file, at most 113 characters with its scheme; a file that is there already is removed
+ *                  unless somebody listens on it
  * @param eid_out   receives the endpoint's id, for tavrix_mq_socket_shutdown()
- * @return 0; -20 for a null pointer; -34 for a bad transport or address; -1
+ * @return 0; -20 for a null pointer; -34 for a bad transport or address; -1, also for an "ipc://" address over which
+ * nanomsg would end the process: one too long, a folder's, or that of a file that cannot be removed
  */
 TAVRIX_API int tavrix_mq_socket_bind(int sock, int transport, const char *addr, int *eid_out);
 
@@ -107,7 +112,10 @@ TAVRIX_API int tavrix_mq_socket_send_nonblock(int sock, const char *text);
 /** Removes one endpoint from a socket. */
 TAVRIX_API int tavrix_mq_socket_shutdown(int sock, int eid);
 
-/** Closes a socket; a failure is logged as a warning. */
+/**
+ * Closes a socket; a failure is logged as a warning. Gives back what is kept of its topics: one that is closed with
+ * `nn_close` leaves them until its number is in use again.
+ */
 TAVRIX_API int tavrix_mq_socket_close(int sock);
 
 /** Does nothing. */
@@ -134,16 +142,21 @@ TAVRIX_API int tavrix_mq_socket_sendfd(int sock, int *fd_out);
 /**
  * Adds a prefix to what a subscribe socket lets through; the empty topic lets everything through.
  *
- * @return 0; -20 for a null topic; -1
+ * The topics that begin with one may go on from it with eight different bytes, no more: with the ninth nanomsg 1.1.5
+ * loses the shorter topic, and again when they come back to eight. For the empty topic that means at most eight
+ * different first bytes on the socket.
+ *
+ * @return 0; -20 for a null topic; -1 when nanomsg refuses, or without memory
  */
 TAVRIX_API int tavrix_mq_socket_subscribe(int sock, const char *topic);
 
 /**
  * Takes one subscription of a prefix away; the others stay. One that was subscribed twice has to be taken away twice.
+ * Known are the topics that were subscribed through this library; they have to be taken away through it too.
  *
  * @param sock  a subscribe socket
- * @param topic the prefix; of one that is not subscribed nothing changes, and the status is 0 or -1, as nanomsg says
- * @return 0; -20 for a null topic; -1 when nanomsg refuses, or without memory
+ * @param topic the prefix; of one that is not known nothing changes, and the status is 0 or -1, as nanomsg says
+ * @return 0; -20 for a null topic; -1 when nanomsg refuses
  */
 TAVRIX_API int tavrix_mq_socket_unsubscribe(int sock, const char *topic);
 

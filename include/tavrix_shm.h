@@ -26,7 +26,8 @@ extern "C" {
 
 /**
  * Creates a slot of `size` bytes, 1 or more, filled with zeros; an old slot is resized and cleared. Its memory is
- * reserved here; when the slot can be opened but the size cannot be had, it is left with the size 0.
+ * reserved here; when the size cannot be had, an old slot keeps its size and what it holds, and a new one is left with
+ * the size 0.
  */
 TAVRIX_API int tavrix_shm_create(const char *name, size_t size);
 

@@ -16,8 +16,11 @@
  * }
  * @endcode
  *
- * A signal that interrupts a wait makes the call fail with -1. Thread-safety: no state; callers that share a descriptor
- * serialise themselves.
+ * A signal that interrupts a wait makes the call fail with -1 if its handler was installed without SA_RESTART. With
+ * SA_RESTART the call goes on waiting, a receive too, and never comes back for the caller to look at its flags. A send
+ * that has passed on a part before the signal came is no failure.
+ *
+ * Thread-safety: no state; callers that share a descriptor serialise themselves.
  */
 #ifndef TAVRIX_SOCKET_H
 #define TAVRIX_SOCKET_H
@@ -91,7 +94,7 @@ TAVRIX_API int tavrix_socket_recv(const int *sock, char *buf, size_t len);
 /**
  * Sends a text without its terminator, once. A closed peer is a failure, never a signal.
  *
- * @return 0, also when only a part was taken; -1
+ * @return 0, also when only a part was taken, because the descriptor does not block or a signal came; -1
  */
 TAVRIX_API int tavrix_socket_send(const int *sock, const char *text);
 

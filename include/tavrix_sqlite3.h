@@ -9,12 +9,26 @@
  * @endcode
  *
  * `db` is always an open connection, and stays the caller's. `format` is a printf format; the statement that comes out
- * has at most TAVRIX_SQL_MAX characters, and what goes beyond is cut off without notice. Values are not quoted: pass
- * only what is validated, or bind it.
+ * has at most TAVRIX_SQL_MAX characters, and what goes beyond is cut off without notice.
+ *
+ * Values are not quoted: formats are for numbers and for the program's own words. A validated text is not safe in one
+ * yet, a description for example may hold an apostrophe. Bind it, then it is neither read as SQL nor cut:
+ * @code
+ * sqlite3_stmt *stmt;
+ * int rc = tavrix_db_prepare_statement(db, path, &stmt, "UPDATE ports SET description = ?1 WHERE unit = ?2");
+ * if (rc == TAVRIX_OK) {
+ *     sqlite3_bind_text(stmt, 1, description, -1, SQLITE_TRANSIENT);
+ *     sqlite3_bind_int(stmt, 2, unit);
+ *     rc = sqlite3_step(stmt) == SQLITE_DONE ? TAVRIX_OK : TAVRIX_ERR_SYSTEM_ACCESS;
+ *     sqlite3_finalize(stmt);
+ * }
+ * @endcode
+ * A text that has to go through a format stands between apostrophes there, with each of its own doubled. That is what
+ * `sqlite3_mprintf("%Q", text)` makes of it, for a plain `%s`; release it with sqlite3_free.
  *
  * The functions return SQLite's own result codes, 0 or positive, and -4 when an argument is null. Nothing but
- * tavrix_sqlite3_exec() and tavrix_sqlite3_exec_sql() waits for a busy database. Thread-safety: no state; a connection
- * is shared only as SQLite allows.
+ * tavrix_sqlite3_exec() and tavrix_sqlite3_exec_sql() waits for a busy database, unless the caller has given the
+ * connection a busy handler. Thread-safety: no state; a connection is shared only as SQLite allows.
  */
 #ifndef TAVRIX_SQLITE3_H
 #define TAVRIX_SQLITE3_H
@@ -82,8 +96,9 @@ TAVRIX_API int tavrix_sqlite3_get_single_string_result(sqlite3 *db, char *out, s
 TAVRIX_API int tavrix_sqlite3_step_retrieve_int(sqlite3_stmt *stmt, int64_t *out);
 
 /**
- * sqlite3_exec with up to 20 retries, 50 ms apart, while SQLite answers SQLITE_BUSY: the call can take more than a
- * second. Every attempt runs all of `sql` and calls back anew. Arguments are not tested for null.
+ * sqlite3_exec with up to 20 retries while SQLite answers SQLITE_BUSY, each after a pause of 50 ms: the call can take
+ * more than a second. A signal ends a pause early, but not the call, so a series of signals uses the retries up sooner.
+ * Every attempt runs all of `sql` and calls back anew. Arguments are not tested for null.
  *
  * @param db       the connection
  * @param sql      one or more statements, of any length

@@ -287,7 +287,8 @@ TAVRIX_API int tavrix_parse_mzu_port_id(int *unit, int *port, const char *text);
  *
  * @param list   its count may be anything; entries beyond its arrays are not looked at
  * @param cursor first entry to print, from 0; moved behind the last one looked at. The one that does not fit any more
- *               is passed over: the next line does not show it either. A negative one starts at 0.
+ *               is passed over: the next line does not show it either. A negative one starts at 0; one at the count or
+ *               beyond stays.
  * @param out    receives exactly `width` characters and a terminator
  * @param width  characters of a line; a negative one counts as 0
  * @return 0, also behind the last port, where the line is all blanks; -20 for a null argument
@@ -379,7 +380,8 @@ TAVRIX_API int tavrix_enum_to_str(char *out, size_t out_size, int value, const c
 TAVRIX_API int tavrix_str_to_enum(int *out, const char *text, const char *const *table);
 
 /**
- * Runs a shell command and takes the first line that it prints. Pass only trusted texts.
+ * Runs a shell command and takes the first line that it prints. Pass only what the program made itself. A text from
+ * elsewhere, a validated one too, has to be quoted in it: between apostrophes, with each of its own written as `'\''`.
  *
  * @param out receives the line with its newline, at most 79 characters, in up to 80 bytes; the empty text when there
  *            was none
@@ -391,8 +393,8 @@ TAVRIX_API int mw_exec_command_line(const char *command, char *out);
 TAVRIX_API int file_exists(const char *path);
 
 /**
- * Takes one column of the long listing of a file, through the shell. Pass only trusted texts: they stand unquoted in
- * the command.
+ * Takes one column of the long listing of a file, through the shell. The texts stand unquoted in the command: quote
+ * them as for mw_exec_command_line(). A name that is a valid upgrade file's may hold blanks, `;` and further lines.
  *
  * @param path    the file, or a folder, whose listing has a line for each file
  * @param filter1 a pattern for grep that the line has to match; null or empty for none
@@ -405,10 +407,12 @@ TAVRIX_API int file_exists(const char *path);
 TAVRIX_API char *tavrix_file_stats(const char *path, const char *filter1, const char *filter2, int column);
 
 /**
- * Compares a file's MD5 sum with the first word of another file, byte for byte: md5sum prints lower case.
+ * Compares a file's MD5 sum with a stored one, byte for byte: md5sum prints lower case.
  *
- * @param file     at most 247 characters; it stands unquoted in a shell command: pass only trusted texts
- * @param md5_file a file as md5sum writes it
+ * @param file     at most 247 characters, quotes included: it stands unquoted in a shell command, so quote it as for
+ *                 mw_exec_command_line()
+ * @param md5_file a file as md5sum writes it: what stands before the first blank of its first line counts, of which 254
+ *                 characters are read. A bare sum with a newline behind it is never equal.
  * @param match    receives whether the sums are equal; a difference is no failure
  * @return 0; -1 for a null argument or a longer `file`, or when either sum cannot be read
  */

@@ -17,8 +17,15 @@
  * a field with a pattern may end in one where its length bounds leave room. Each verdict is explained in the debug log;
  * the verbose log shows the value, passwords included.
  *
- * A field's pattern is compiled on first use and kept for the process. Thread-safety: any function from any thread at
- * any time, without a lock.
+ * A valid value is well-formed, not harmless: descriptions, entity extensions and the names of the two upgrade files
+ * may hold blanks, apostrophes, `;` and `$(`, and except for an MZU's file also newlines with more text after them.
+ * Quote such a value before it reaches a shell, and bind it in SQL.
+ *
+ * Thread-safety: any function from any thread at any time. A field's pattern is compiled on first use and kept for the
+ * process; from then on matching takes no lock. Behind the first use PCRE translates the pattern to machine code where
+ * it can: it takes a mutex of its own, one for all patterns, and maps memory that is executable, 64 KiB for the life of
+ * the process. Where such a mapping is forbidden the patterns are interpreted, with the same verdicts. Because of the
+ * mutex, do not validate for the first time in a signal handler, nor in a forked child whose parent had other threads.
  */
 #ifndef TAVRIX_VALIDATION_H
 #define TAVRIX_VALIDATION_H
@@ -56,12 +63,14 @@ TAVRIX_API int validate_vlan_name_id(const char *value);
 /** A switch unit `c<unit>`, unit 1 to 128, letter in either case. @return 0, -1, -2 */
 TAVRIX_API int validate_mzu_id(const char *value);
 
-/** A switch unit's upgrade file: any single line, the empty one too. @return 0, -1, -2 */
+/** A switch unit's upgrade file: any single line, the empty one too, with or without a final newline. Quote it before
+ *  it reaches a shell. @return 0, -1, -2 */
 TAVRIX_API int validate_mzu_sw_upgrade_filename(const char *value);
 
 /**
- * The appliance's upgrade file: a line with `zqn` and, anywhere after it, a version such as `1.2.3-004`. The characters
- * between the version's digits may be any. Very long values that nearly match are given up on.
+ * The appliance's upgrade file: the first line holds `zqn` and, anywhere after it, a version such as `1.2.3-004`. The
+ * characters between the version's digits may be any. What stands before `zqn` and behind the version is not looked at,
+ * further lines included: quote the value before it reaches a shell. A very long value that nearly matches ends in -1.
  * @return 0, -1, -2
  */
 TAVRIX_API int validate_unit_sw_upgrade_filename(const char *value);
@@ -83,7 +92,8 @@ TAVRIX_API int validate_ip_address(const char *value);
  *  @return 0, -1, -2, -4, -5 */
 TAVRIX_API int validate_mac_address(const char *value);
 
-/** A description of 0 to 50 characters without a double quote. @return 0, -1, -2, -4 */
+/** A description of 0 to 50 characters without a double quote; it may hold apostrophes and newlines.
+ *  @return 0, -1, -2, -4 */
 TAVRIX_API int validate_description(const char *value);
 
 /** A password of 4 to 15 letters, digits and `! ? _ @ -`. @return 0, -1, -2, -4, -5 */

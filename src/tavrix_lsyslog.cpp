@@ -1,7 +1,8 @@
 /*
  * Leveled logger: one line on standard error per message.
  *
- * Keeps three process-wide variables, unsynchronised: the current level, the log socket and the daemon's name.
+ * Keeps three process-wide variables, unsynchronised: the current level, the log socket and the daemon's name. Each
+ * thread keeps the date and time of its last line, to the second.
  */
 #include "tavrix_lsyslog.h"
 
@@ -10,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <string_view>
 
 #include <sys/time.h>
 #include <unistd.h>
@@ -29,8 +31,8 @@ constexpr char unit_name[] = "tavrix_lsyslog";
 constexpr char levels_section[] = "logging_levels";
 constexpr char reload_method[] = "logger.ReloadConf";
 constexpr size_t message_size = 8001;
-constexpr size_t time_size = 80;
-constexpr size_t milliseconds_size = 8;
+constexpr size_t time_size = 81;     // with its bracket
+constexpr size_t line_size = BUFSIZ; // what printf gathers of a line before it writes
 constexpr int level_word_size = 50;
 constexpr useconds_t socket_delay_us = 500000;
 
@@ -49,6 +51,18 @@ constexpr LevelTag level_tags[] = {
     {"INFO ", false}, {"DEBUG", true},  {"VERB ", true},
 };
 constexpr LevelTag unknown_level_tag = {"UNKNW", true};
+
+/** A second in local time as a stamp begins with it, for example "[2024-05-01 13:45:12". */
+struct Second {
+    time_t time;
+    size_t length; ///< 0 when there is none yet
+    char text[time_size];
+};
+
+// The second of the thread's last line: most lines share theirs, and a look at the zone costs more than all the rest of
+// a line. It is taken once a second, so a change of the zone shows in the next one. The model keeps the dynamic loader
+// off the list of libraries that this one needs.
+[[gnu::tls_model("initial-exec")]] thread_local Second last_second;
 
 struct LevelWord {
     const char *word;
@@ -70,17 +84,93 @@ const LevelTag &tag_of(int level) {
     return level_tags[level];
 }
 
-/** Writes the local date and time with milliseconds, for example 2024-05-01 13:45:12.042. */
-void print_time(char *out, size_t size) {
-    timeval now{};
-    static_cast<void>(gettimeofday(&now, nullptr));
-    tm local{};
-    tzset(); // localtime_r alone would miss a change of the zone
-    static_cast<void>(localtime_r(&now.tv_sec, &local));
-    const size_t length = std::strftime(out, size - milliseconds_size, "%Y-%m-%d %X", &local);
-    const unsigned milliseconds = static_cast<unsigned>(now.tv_usec / 1000) % 1000U;
-    static_cast<void>(std::snprintf(out + length, milliseconds_size, ".%03u", milliseconds));
+std::string_view text_of_second(time_t time) {
+    Second &second = last_second;
+    if (second.length == 0 || second.time != time) {
+        tm local{};
+        tzset(); // localtime_r alone would miss a change of the zone
+        static_cast<void>(localtime_r(&time, &local));
+        second.length = std::strftime(second.text, sizeof second.text, "[%Y-%m-%d %X", &local);
+        second.time = time;
+    }
+    return {second.text, second.length};
 }
+
+char digit(unsigned number) { return static_cast<char>('0' + number % 10); }
+
+/** What follows the second, for example ".042] [". */
+struct Milliseconds {
+    explicit Milliseconds(int64_t microseconds) {
+        const unsigned count = static_cast<unsigned>(microseconds / 1000);
+        text[1] = digit(count / 100);
+        text[2] = digit(count / 10);
+        text[3] = digit(count);
+    }
+    std::string_view view() const { return {text, sizeof text - 1}; }
+
+    char text[8] = ".000] [";
+};
+
+/** A line number with the colon before it, for example ":77". */
+struct LineNumber {
+    explicit LineNumber(int number) {
+        unsigned rest = number < 0 ? 0U - static_cast<unsigned>(number) : static_cast<unsigned>(number);
+        do {
+            *--begin = digit(rest);
+            rest /= 10;
+        } while (rest > 0);
+        if (number < 0) {
+            *--begin = '-';
+        }
+        *--begin = ':';
+    }
+    std::string_view view() const { return {begin, static_cast<size_t>(text + sizeof text - begin)}; }
+
+    char text[12];
+    char *begin = text + sizeof text;
+};
+
+/** A line on its way to standard error: written at once when it ends, unless it is longer than printf's own buffer. */
+class Line {
+  public:
+    Line() = default;
+    Line(const Line &) = delete;
+    Line &operator=(const Line &) = delete;
+    ~Line() {
+        flush();
+        if (locked_) {
+            funlockfile(stderr);
+        }
+    }
+
+    // Not inline: ten copies would take more room than ten calls take time.
+    [[gnu::noinline]] void add(std::string_view piece) {
+        if (piece.size() <= sizeof text_ - length_) {
+            std::memcpy(text_ + length_, piece.data(), piece.size());
+            length_ += piece.size();
+        } else {
+            add_long(piece);
+        }
+    }
+
+  private:
+    void flush() {
+        static_cast<void>(std::fwrite(text_, 1, length_, stderr));
+        length_ = 0;
+    }
+    void add_long(std::string_view piece) {
+        if (!locked_) {
+            flockfile(stderr); // no other line comes between its parts
+            locked_ = true;
+        }
+        flush();
+        static_cast<void>(std::fwrite(piece.data(), 1, piece.size(), stderr));
+    }
+
+    char text_[line_size];
+    size_t length_ = 0;
+    bool locked_ = false;
+};
 
 const LevelWord *find_level(const char *word) {
     for (const LevelWord &entry : level_words) {
@@ -126,14 +216,23 @@ int tavrix_lsyslog_log(int level, const char *file, int line, const char *format
     if (formatted < 0) {
         return TAVRIX_ERR_GENERAL;
     }
-    char time_text[time_size + milliseconds_size] = "";
-    print_time(time_text, sizeof time_text);
+    timeval now{};
+    static_cast<void>(gettimeofday(&now, nullptr));
+    const std::string_view second = text_of_second(now.tv_sec);
     const LevelTag &tag = tag_of(level);
+    Line out;
+    out.add(second);
+    out.add(Milliseconds(now.tv_usec).view());
+    out.add(tag.tag);
+    out.add("] [");
+    out.add(daemon_name);
     if (tag.with_place) {
-        std::fprintf(stderr, "[%s] [%s] [%s: %s:%d] %s", time_text, tag.tag, daemon_name, file, line, message);
-    } else {
-        std::fprintf(stderr, "[%s] [%s] [%s] %s", time_text, tag.tag, daemon_name, message);
+        out.add(": ");
+        out.add(file != nullptr ? file : "(null)");
+        out.add(LineNumber(line).view());
     }
+    out.add("] ");
+    out.add(message);
     return TAVRIX_OK;
 }
 

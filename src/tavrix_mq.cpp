@@ -1,12 +1,16 @@
 /*
  * Bus sockets: a thin wrapper over nanomsg's scalability-protocol sockets.
  *
- * Keeps no state: a socket is nanomsg's number, an endpoint nanomsg's id.
+ * A socket is nanomsg's number, an endpoint nanomsg's id. Kept is only what a subscribe socket has subscribed, from its
+ * first topic until it is closed, because nanomsg survives no unsubscription of a topic that is not there.
  */
 #include "tavrix_mq.h"
 
+#include <atomic>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
+#include <ctime>
 
 #include <nanomsg/bus.h>
 #include <nanomsg/nn.h>
@@ -15,9 +19,14 @@
 #include <nanomsg/pubsub.h>
 #include <nanomsg/reqrep.h>
 #include <nanomsg/survey.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 #include "internal/handles.h"
 #include "internal/log.h"
+#include "internal/topics.h"
 #include "tavrix_error.h"
 
 namespace {
@@ -39,6 +48,13 @@ constexpr int highest_transport = TAVRIX_TRANSPORT_TCP;
 static_assert(sizeof schemes / sizeof schemes[0] == highest_transport, "one scheme for each transport");
 
 const char *bus_error() { return nn_strerror(nn_errno()); }
+
+/** One of the protocols; -1 for a number that no socket has. */
+int protocol_of(int sock) {
+    int protocol = 0;
+    size_t size = sizeof protocol;
+    return nn_getsockopt(sock, NN_SOL_SOCKET, NN_PROTOCOL, &protocol, &size) == 0 ? protocol : -1;
+}
 
 /** A message that nanomsg allocated and that nobody has taken over yet. */
 class BusMessage {
@@ -90,9 +106,65 @@ int null_pointer() {
     return TAVRIX_ERR_NULL_INPUT;
 }
 
-// --- Endpoints, options, messages ---
+// --- Paths of ipc addresses ---
+
+// nanomsg ends the process over a path that the system does not take, so these are found out before it sees one.
+
+/** The path when nanomsg takes the address for an ipc one, whatever transport was named with it; else null. */
+const char *ipc_path(const char *addr) {
+    const char *scheme = schemes[TAVRIX_TRANSPORT_IPC - 1];
+    const size_t length = std::strlen(scheme);
+    return std::strncmp(addr, scheme, length) == 0 ? addr + length : nullptr;
+}
+
+bool is_folder(const char *path) {
+    struct stat found = {};
+    return lstat(path, &found) == 0 && S_ISDIR(found.st_mode);
+}
+
+/**
+ * Removes what a bind would find in its way: nanomsg does it in the same manner, and aborts when it is not allowed to.
+ *
+ * @return 0, or the reason why it stays
+ */
+int clear_the_way(const char *path) {
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path, path, std::strlen(path));
+    const tavrix::Descriptor probe(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    const bool left_over = probe &&
+                           connect(probe.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0 &&
+                           errno == ECONNREFUSED;
+    return left_over && unlink(path) != 0 && errno != ENOENT ? errno : 0;
+}
+
+/** 0, or the reason why nanomsg must not see the path. */
+int refuse_path(const char *path, bool to_bind) {
+    if (std::strlen(path) >= sizeof sockaddr_un::sun_path) {
+        return ENAMETOOLONG;
+    }
+    if (is_folder(path)) {
+        return EISDIR;
+    }
+    return to_bind ? clear_the_way(path) : 0;
+}
+
+// --- Endpoints and options ---
 
 using Attach = int (*)(int, const char *);
+
+/** The endpoint's id; -1 and `errno` when the address is refused, here or by nanomsg. */
+int make_endpoint(Attach attach_to, int sock, const char *addr) {
+    const char *path = ipc_path(addr);
+    // For a closed socket nothing is removed, and nanomsg has its own words.
+    const bool looked_at = path != nullptr && protocol_of(sock) >= 0;
+    const int reason = looked_at ? refuse_path(path, attach_to == nn_bind) : 0;
+    if (reason != 0) {
+        errno = reason;
+        return -1;
+    }
+    return attach_to(sock, addr);
+}
 
 int attach(Attach attach_to, int sock, int transport, const char *addr, int *eid_out) {
     if (addr == nullptr || eid_out == nullptr) {
@@ -102,7 +174,7 @@ int attach(Attach attach_to, int sock, int transport, const char *addr, int *eid
     if (rc != TAVRIX_OK) {
         return rc;
     }
-    const int eid = attach_to(sock, addr);
+    const int eid = make_endpoint(attach_to, sock, addr);
     if (eid < 0) {
         // The same words for a failed connect: meant.
         LOG_DEBUG("nn_bind failed for SP addr [%s]: %s\n", addr, bus_error());
@@ -135,43 +207,107 @@ int write_option(int sock, int level, int option, const void *value, size_t size
     return nn_setsockopt(sock, level, option, value, size) < 0 ? option_not_written(sock) : TAVRIX_OK;
 }
 
-int write_topic(int sock, int option, const char *topic) {
-    if (topic == nullptr) {
-        return null_pointer();
+// --- Topics ---
+
+/** More than a daemon has sockets; those whose numbers are a multiple of it apart share a place. */
+constexpr unsigned place_count = 64;
+std::atomic<tavrix::Topic *> kept_topics[place_count];
+
+/** In the place of topics that somebody is at work on. */
+tavrix::Topic at_work = {};
+
+/** The topics, taken out of their place for as long as they are worked on. */
+tavrix::Topic *take_topics(std::atomic<tavrix::Topic *> *place) {
+    tavrix::Topic *first = nullptr;
+    while ((first = place->exchange(&at_work, std::memory_order_acquire)) == &at_work) {
+        // Another thread changes topics of the socket. Yielding alone would starve one of lower priority.
+        constexpr timespec moment = {0, 50000};
+        static_cast<void>(nanosleep(&moment, nullptr));
     }
-    return write_option(sock, NN_SUB, option, topic, std::strlen(topic));
+    return first;
 }
 
-/**
- * A topic and one more character, subscribed for a moment. nanomsg's topic tree takes the wrong topic away, or crashes,
- * when the one to remove has no node of its own; two of these give it one. No frame begins with them.
- */
-class LongerTopic {
-  public:
-    LongerTopic(int sock, const char *topic, char more) : sock_(sock), length_(std::strlen(topic) + 1) {
-        text_.reset(static_cast<char *>(std::malloc(length_)));
-        if (text_) {
-            std::memcpy(text_.get(), topic, length_ - 1);
-            text_.get()[length_ - 1] = more;
-            subscribed_ = nn_setsockopt(sock_, NN_SUB, NN_SUB_SUBSCRIBE, text_.get(), length_) == 0;
-        }
-    }
-    LongerTopic(const LongerTopic &) = delete;
-    LongerTopic &operator=(const LongerTopic &) = delete;
-    ~LongerTopic() {
-        if (subscribed_) {
-            static_cast<void>(nn_setsockopt(sock_, NN_SUB, NN_SUB_UNSUBSCRIBE, text_.get(), length_));
-        }
-    }
+/** nanomsg names a socket by its number; one whose topics are kept has another name. */
+bool has_its_first_name(int sock) {
+    char name[64] = ""; // nanomsg's own size
+    char number[16];
+    size_t size = sizeof name;
+    static_cast<void>(std::snprintf(number, sizeof number, "%d", sock));
+    return nn_getsockopt(sock, NN_SOL_SOCKET, NN_SOCKET_NAME, name, &size) < 0 || std::strcmp(name, number) == 0;
+}
 
-    explicit operator bool() const { return subscribed_; }
+void give_name(int sock) {
+    char name[24];
+    const int length = std::snprintf(name, sizeof name, "tavrix-%d", sock);
+    static_cast<void>(nn_setsockopt(sock, NN_SOL_SOCKET, NN_SOCKET_NAME, name, static_cast<size_t>(length)));
+}
+
+/** The kept topics of a socket, for one thread at a time. */
+class SocketTopics {
+  public:
+    explicit SocketTopics(int sock)
+        : sock_(sock), place_(&kept_topics[static_cast<unsigned>(sock) % place_count]), topics_(take_topics(place_)) {
+        // Kept of a socket that was closed past this library; nanomsg has given its number to a new one.
+        if (topics_.any_of(sock) && has_its_first_name(sock)) {
+            topics_.remove_all_of(sock);
+        }
+    }
+    SocketTopics(const SocketTopics &) = delete;
+    SocketTopics &operator=(const SocketTopics &) = delete;
+    ~SocketTopics() { place_->store(topics_.first(), std::memory_order_release); }
+
+    bool any() const { return topics_.any_of(sock_); }
+    bool has_node(const tavrix::TopicName &name) { return topics_.has_node(name); }
+    void add(tavrix::OwnedTopic topic) {
+        if (!any() && has_its_first_name(sock_)) {
+            give_name(sock_);
+        }
+        topics_.add(std::move(topic));
+    }
+    void remove(const tavrix::TopicName &name) { topics_.remove(name); }
+    void remove_all() { topics_.remove_all_of(sock_); }
 
   private:
     int sock_;
-    size_t length_;
-    tavrix::Text text_;
-    bool subscribed_ = false;
+    std::atomic<tavrix::Topic *> *place_;
+    tavrix::Topics topics_;
 };
+
+int write_topic(int option, const tavrix::TopicName &name) {
+    return write_option(name.sock, NN_SUB, option, name.text, name.length);
+}
+
+int subscribe(const tavrix::TopicName &name) {
+    tavrix::OwnedTopic topic = tavrix::make_topic(name);
+    if (!topic) {
+        return option_not_written(name.sock);
+    }
+    SocketTopics kept(name.sock);
+    const int rc = write_topic(NN_SUB_SUBSCRIBE, name);
+    if (rc == TAVRIX_OK) {
+        kept.add(std::move(topic));
+    }
+    return rc;
+}
+
+int unsubscribe(const tavrix::TopicName &name) {
+    SocketTopics kept(name.sock);
+    if (!kept.has_node(name) && protocol_of(name.sock) == NN_SUB) {
+        // nanomsg must not be asked. Where it survives that, it sees no failure in it but on a socket without topics.
+        if (kept.any()) {
+            return TAVRIX_OK;
+        }
+        errno = EINVAL;
+        return option_not_written(name.sock);
+    }
+    const int rc = write_topic(NN_SUB_UNSUBSCRIBE, name);
+    if (rc == TAVRIX_OK) {
+        kept.remove(name);
+    }
+    return rc;
+}
+
+// --- Messages ---
 
 /** nanomsg tells an expired time-out and a receive that would wait apart; here both mean that no message is there. */
 bool nothing_received(int reason) { return reason == EAGAIN || reason == ETIMEDOUT; }
@@ -275,6 +411,7 @@ int tavrix_mq_socket_shutdown(int sock, int eid) {
 }
 
 int tavrix_mq_socket_close(int sock) {
+    SocketTopics(sock).remove_all(); // first: once it is closed, the number may be another thread's
     if (nn_close(sock) < 0) {
         LOG_WARNING("nn_close failed for mq_socket [%d]: %s\n", sock, bus_error());
         return TAVRIX_ERR_GENERAL;
@@ -299,18 +436,12 @@ int tavrix_mq_socket_recvfd(int sock, int *fd_out) { return read_option(sock, NN
 
 int tavrix_mq_socket_sendfd(int sock, int *fd_out) { return read_option(sock, NN_SNDFD, fd_out); }
 
-int tavrix_mq_socket_subscribe(int sock, const char *topic) { return write_topic(sock, NN_SUB_SUBSCRIBE, topic); }
+int tavrix_mq_socket_subscribe(int sock, const char *topic) {
+    return topic == nullptr ? null_pointer() : subscribe({sock, topic, std::strlen(topic)});
+}
 
 int tavrix_mq_socket_unsubscribe(int sock, const char *topic) {
-    if (topic == nullptr) {
-        return null_pointer();
-    }
-    const LongerTopic one(sock, topic, '\x01');
-    const LongerTopic other(sock, topic, '\x02');
-    if (!one || !other) {
-        return option_not_written(sock);
-    }
-    return write_topic(sock, NN_SUB_UNSUBSCRIBE, topic);
+    return topic == nullptr ? null_pointer() : unsubscribe({sock, topic, std::strlen(topic)});
 }
 
 int tavrix_mq_socket_set_timeout(int sock, int ms) {

@@ -45,29 +45,33 @@ class Mapping {
         return static_cast<bool>(fd_);
     }
 
-    void resize(size_t size) {
-        static_cast<void>(ftruncate(fd_.get(), static_cast<off_t>(size))); // what counts is whether it can be mapped
+    /** Whether the slot has pages for so many bytes: beyond its last one an access would raise SIGBUS. */
+    bool has_pages(size_t length) const {
+        const off_t bytes = size();
+        const uint64_t page = static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
+        return bytes >= 0 && length <= (static_cast<uint64_t>(bytes) + page - 1) / page * page;
     }
 
-    bool map(const char *name, size_t length, int protection) {
-        if (pages_exist(length)) {
-            address_ = mmap(nullptr, length, protection, MAP_SHARED, fd_.get(), 0);
-            length_ = length;
-        }
-        if (address_ == MAP_FAILED) {
-            LOG_ERROR("Mmap error with %s.\n", name);
-        }
+    bool map(size_t length, int protection) {
+        address_ = mmap(nullptr, length, protection, MAP_SHARED, fd_.get(), 0);
+        length_ = length;
         return address_ != MAP_FAILED;
     }
 
-    /** Makes sure that the mapped bytes have memory: an access to a hole raises SIGBUS when none is left. */
-    bool reserve(const char *name) {
+    /**
+     * Gives the slot the mapped length, in memory of its own: an access to a hole raises SIGBUS when none is left. When
+     * there is not enough, the slot stays as it was.
+     */
+    bool reserve() {
+        const off_t old_size = size();
         int error = EINTR;
         for (int attempt = 0; error == EINTR && attempt < max_reserve_attempts; ++attempt) {
             error = posix_fallocate(fd_.get(), 0, static_cast<off_t>(length_)); // any pending signal may interrupt it
         }
-        if (error != 0) {
-            LOG_ERROR("Mmap error with %s.\n", name);
+        if (error == 0) {
+            resize(static_cast<off_t>(length_)); // an old slot may have been longer
+        } else if (old_size >= 0 && size() > old_size) {
+            resize(old_size); // it has grown page by page, where the system cannot do it at once
         }
         return error == 0;
     }
@@ -75,16 +79,12 @@ class Mapping {
     char *bytes() const { return static_cast<char *>(address_); }
 
   private:
-    /** Beyond the slot's last page an access would raise SIGBUS. */
-    bool pages_exist(size_t length) const {
+    off_t size() const {
         struct stat status {};
-        if (fstat(fd_.get(), &status) != 0) {
-            return false;
-        }
-        const uint64_t page = static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
-        const uint64_t pages = (static_cast<uint64_t>(status.st_size) + page - 1) / page;
-        return length <= pages * page;
+        return fstat(fd_.get(), &status) == 0 ? status.st_size : -1;
     }
+
+    void resize(off_t size) { static_cast<void>(ftruncate(fd_.get(), size)); }
 
     tavrix::Descriptor fd_;
     void *address_ = MAP_FAILED;
@@ -98,9 +98,17 @@ void copy_padded(char *to, const char *from, size_t from_length, size_t len) {
     std::memset(to + kept, 0, len - kept);
 }
 
+/** Tells that a slot could not be mapped in the length that was asked for. */
+bool checked(bool mapped, const char *name) {
+    if (!mapped) {
+        LOG_ERROR("Mmap error with %s.\n", name);
+    }
+    return mapped;
+}
+
 bool open_and_map(Mapping *slot, const char *name, size_t length, bool writing) {
     return slot->open(name, writing ? O_RDWR : O_RDONLY) &&
-           slot->map(name, length, writing ? PROT_READ | PROT_WRITE : PROT_READ);
+           checked(slot->has_pages(length) && slot->map(length, writing ? PROT_READ | PROT_WRITE : PROT_READ), name);
 }
 
 } // namespace
@@ -115,13 +123,10 @@ int tavrix_shm_create(const char *name, size_t size) {
         return TAVRIX_ERR_GENERAL;
     }
     Mapping slot;
-    if (!slot.open(name, O_RDWR | O_CREAT)) {
-        return TAVRIX_ERR_GENERAL;
-    }
-    slot.resize(size);
+    // Nothing of what an old slot holds is touched before the new size is certain: other daemons may be reading it.
     // Mapped first: memory is not taken for a size that no address space has room for.
-    if (!slot.map(name, size, PROT_READ | PROT_WRITE) || !slot.reserve(name)) {
-        slot.resize(0); // no hole stays behind for a later access
+    if (!slot.open(name, O_RDWR | O_CREAT) ||
+        !checked(slot.map(size, PROT_READ | PROT_WRITE) && slot.reserve(), name)) {
         return TAVRIX_ERR_GENERAL;
     }
     std::memset(slot.bytes(), 0, size);

@@ -162,7 +162,7 @@ class VersionReader {
 
 tavrix::Pipe run_command(const char *command) { return tavrix::Pipe(popen(command, "re")); }
 
-/** Appends one stage to the command that lists a file, and shows what stands so far. */
+/** Appends one stage to the command that lists a file, and shows what stands so far; false when it does not fit. */
 TAVRIX_PRINTF(2, 3)
 bool append_stage(char (&command)[stats_command_size], const char *format, ...) {
     const size_t used = std::strlen(command);
@@ -170,8 +170,11 @@ bool append_stage(char (&command)[stats_command_size], const char *format, ...) 
     va_start(args, format);
     const int length = std::vsnprintf(command + used, sizeof command - used, format, args);
     va_end(args);
-    LOG_VERBOSE("[%s]: cmd_str = %s\n", "tavrix_file_stats", command);
-    return length >= 0 && static_cast<size_t>(length) < sizeof command - used;
+    const bool fits = length >= 0 && static_cast<size_t>(length) < sizeof command - used;
+    if (fits) {
+        LOG_VERBOSE("[%s]: cmd_str = %s\n", "tavrix_file_stats", command);
+    }
+    return fits;
 }
 
 bool is_set(const char *filter) { return filter != nullptr && filter[0] != '\0'; }
@@ -420,7 +423,9 @@ int tavrix_port_str_create(const tavrix_port_list *list, int *cursor, char *out,
     }
     // The line is built in the caller's buffer, which holds `width` characters and a terminator.
     const size_t line_width = static_cast<size_t>(std::max(width, 0));
-    *cursor = std::max(*cursor, 0);
+    if (*cursor < list->count) {
+        *cursor = std::max(*cursor, 0);
+    }
     const int start = *cursor;
     size_t used = 0;
     while (*cursor < list->count && *cursor < list_capacity) {
@@ -433,7 +438,7 @@ int tavrix_port_str_create(const tavrix_port_list *list, int *cursor, char *out,
         std::memcpy(out + used, item, length);
         used += length;
     }
-    if (*cursor == list_capacity) {
+    if (*cursor >= list_capacity && *cursor < list->count) {
         *cursor = list->count; // a count beyond the arrays ends like any other
     }
     std::memset(out + used, ' ', line_width - used);
@@ -635,8 +640,11 @@ int tavrix_check_md5(const char *file, const char *md5_file, bool *match) {
     }
     char command[md5_line_size];
     const int length = std::snprintf(command, sizeof command, "md5sum %s", file);
-    errno = ENAMETOOLONG; // a command that does not fit is not run
-    tavrix::Pipe pipe = static_cast<size_t>(length) < sizeof command ? run_command(command) : nullptr;
+    const bool fits = length >= 0 && static_cast<size_t>(length) < sizeof command;
+    if (!fits) {
+        errno = ENAMETOOLONG; // a command that does not fit is not run
+    }
+    tavrix::Pipe pipe = fits ? run_command(command) : nullptr;
     if (!pipe) {
         std::perror("popen");
         return TAVRIX_ERR_GENERAL;

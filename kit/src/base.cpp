@@ -12,10 +12,12 @@ namespace kit {
 namespace {
 
 constexpr size_t first_capacity = 4096;
-constexpr size_t kept_capacity = 64 * 1024;
+constexpr size_t kept_capacity = 65536;
 constexpr size_t max_method_name = 255;
 
 } // namespace
+
+void unmake(void *record) { std::free(record); }
 
 // --- Time ----------------------------------------------------------------------------------------------------------
 
@@ -60,6 +62,9 @@ bool buffer_reserve(Buffer *buffer, size_t count) {
 }
 
 bool buffer_append(Buffer *buffer, const char *bytes, size_t count) {
+    if (count == 0) {
+        return true; // an empty buffer has no bytes to copy to
+    }
     if (!buffer_reserve(buffer, count)) {
         return false;
     }

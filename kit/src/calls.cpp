@@ -36,7 +36,7 @@ void release_call(tavrix_call *call) {
     json_decref(call->request);
     arena_clear(&call->arena);
     if (service->spare_count >= kept_spare_calls) {
-        std::free(call);
+        unmake(call);
         return;
     }
     std::memset(call, 0, offsetof(tavrix_call, arena)); // the arena is cleared where it is taken from
@@ -310,7 +310,7 @@ void refuse_deferred_calls(tavrix_service *service) {
 void free_spare_calls(tavrix_service *service) {
     while (service->spare_calls != nullptr) {
         tavrix_call *next = reinterpret_cast<tavrix_call *>(service->spare_calls->entry.next);
-        std::free(service->spare_calls);
+        unmake(service->spare_calls);
         service->spare_calls = next;
     }
     service->spare_count = 0;

@@ -30,13 +30,20 @@ using tavrix::Text;
 constexpr size_t parse_flags = JSON_REJECT_DUPLICATES | JSON_DISABLE_EOF_CHECK | JSON_DECODE_ANY;
 constexpr size_t wire_flags = JSON_COMPACT | JSON_ENSURE_ASCII;
 constexpr int default_reply_timeout_ms = 10000;
-constexpr size_t max_line = 9 * 1024 * 1024; // a reply may be as large as a bus message, 8 MiB, and its envelope
-constexpr size_t max_unwritten = 16 * 1024 * 1024;
+constexpr size_t mebibyte = 1048576;
+constexpr size_t max_line = 9 * mebibyte; // a reply may be as large as a bus message, 8 MiB, and its envelope
+constexpr size_t max_unwritten = 16 * mebibyte;
 
 template <class Record>
 Record *make() {
     return static_cast<Record *>(std::calloc(1, sizeof(Record)));
 }
+
+/**
+ * The counterpart, in a source of its own: the analyser follows a list's records into the loops that free them, and
+ * there takes what has left the list for what is still in it.
+ */
+void unmake(void *record);
 
 int64_t now_ms();
 timeval time_of_ms(int64_t ms);
@@ -226,14 +233,13 @@ struct Session {
     event flush; ///< made active when there is something to write: what one turn of the loop writes goes out at once
     event retry;
     Buffer in;
+    size_t searched; ///< of `in`: no line ends there
     Buffer out;
     int backoff_ms;
     bool outage_told;
     bool was_ready;
     bool lost_subscriptions; ///< notifications may have been missed
     int refusal;             ///< the registration's last refusal, told once
-    bool reading;
-    uint64_t bus_request;
 };
 
 bool session_prepare(tavrix_service *service);

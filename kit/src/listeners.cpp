@@ -74,7 +74,7 @@ void free_client(Client *client) {
     event_del(&client->ready);
     close(client->fd);
     buffer_free(&client->out);
-    std::free(client);
+    unmake(client);
 }
 
 /** The call that a client waits for, when it has one. */
@@ -152,9 +152,11 @@ bool is_whole(Client *client) {
             client->in_text = true;
         } else if (byte == '{' || byte == '[') {
             ++client->depth;
-        } else if ((byte == '}' || byte == ']') && --client->depth <= 0) {
-            return true;
-        } else if (client->depth == 0 && std::strchr(" \t\r\n", byte) == nullptr) {
+        } else if (byte == '}' || byte == ']') {
+            --client->depth;
+        }
+        const bool is_blank = byte == ' ' || byte == '\t' || byte == '\r' || byte == '\n';
+        if (client->depth <= 0 && !client->in_text && !is_blank) {
             return true;
         }
     }
@@ -295,7 +297,7 @@ uint64_t add_listener(tavrix_service *service, tavrix_road road, int fd, int wat
     evtimer_assign(&listener->pause, service->base, on_pause_over, listener);
     if (event_add(&listener->readable, nullptr) != 0) {
         LOG_ERROR("Cannot listen: %s\n", std::strerror(errno));
-        std::free(listener);
+        unmake(listener);
         return 0;
     }
     return enter(&service->directory, &listener->entry, entry_listener);
@@ -348,7 +350,7 @@ void close_listener(tavrix_service *service, Entry *entry) {
         file.st_ino == listener->inode) {
         unlink(listener->path);
     }
-    std::free(listener);
+    unmake(listener);
 }
 
 void close_clients(tavrix_service *service) {

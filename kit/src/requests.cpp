@@ -52,7 +52,7 @@ void end_request(Request *request, const tavrix_answer &answer) {
     event_del(&request->timer);
     leave(&service->directory, &request->entry);
     std::free(request->waiting);
-    std::free(request);
+    unmake(request);
     callback(service, &answer, user);
 }
 
@@ -100,7 +100,7 @@ Request *make_request(tavrix_service *service, int timeout_ms, tavrix_answer_cal
     evtimer_assign(&request->timer, service->base, on_timeout, request);
     const timeval time = time_of_ms(timeout_ms);
     if (evtimer_add(&request->timer, &time) != 0) {
-        std::free(request);
+        unmake(request);
         return nullptr;
     }
     enter(&service->directory, &request->entry, entry_request);
@@ -110,7 +110,7 @@ Request *make_request(tavrix_service *service, int timeout_ms, tavrix_answer_cal
 void forget_request(Request *request) {
     event_del(&request->timer);
     leave(&request->service->directory, &request->entry);
-    std::free(request);
+    unmake(request);
 }
 
 bool set_id(json_t *message, uint64_t id) {
@@ -157,7 +157,7 @@ void free_ended_subscriptions(tavrix_service *service) {
         next = entry->next;
         if (as_subscription(entry)->over) {
             leave(&service->directory, entry);
-            std::free(as_subscription(entry));
+            unmake(as_subscription(entry));
         }
     }
 }

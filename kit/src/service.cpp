@@ -15,7 +15,8 @@ constexpr char unit_name[] = "service";
 constexpr int farewell_ms = 1000;
 constexpr int signal_numbers[] = {SIGTERM, SIGINT, SIGHUP};
 
-thread_local bool inside_a_loop = false;
+// This model needs no call into the dynamic linker, and with it no further library.
+thread_local bool inside_a_loop __attribute__((tls_model("initial-exec"))) = false;
 
 struct Timer {
     Entry entry;
@@ -218,7 +219,7 @@ void give_up(tavrix_service *service) {
 void cancel_timer(tavrix_service *service, Entry *entry) {
     event_del(&as_timer(entry)->ready);
     leave(&service->directory, entry);
-    std::free(as_timer(entry));
+    unmake(as_timer(entry));
 }
 
 } // namespace kit

@@ -25,8 +25,8 @@ constexpr char unit_name[] = "service_session";
 constexpr int first_backoff_ms = 20;
 constexpr int last_backoff_ms = 1000;
 constexpr int control_timeout_ms = 10000;
-constexpr size_t short_read_size = 16 * 1024;
-constexpr size_t read_size = 64 * 1024; // once a line has begun: long ones are read in larger pieces
+constexpr size_t short_read_size = 16384;
+constexpr size_t read_size = 65536; // once a line has begun: long ones are read in larger pieces
 
 void lose_session(tavrix_service *service, const char *why);
 void ask_for_bus(tavrix_service *service);
@@ -181,16 +181,19 @@ void take_line(tavrix_service *service, const char *line, size_t length) {
 }
 
 void take_lines(tavrix_service *service) {
-    Buffer *in = &service->session.in;
-    const uint64_t generation = service->session.generation;
-    while (in->size() > 0 && service->session.generation == generation) {
+    Session *session = &service->session;
+    Buffer *in = &session->in;
+    while (in->size() > session->searched) {
         const char *line = in->data();
-        const auto *end = static_cast<const char *>(std::memchr(line, '\n', in->size()));
+        const auto *end =
+            static_cast<const char *>(std::memchr(line + session->searched, '\n', in->size() - session->searched));
         if (end == nullptr) {
+            session->searched = in->size();
             return;
         }
         take_line(service, line, static_cast<size_t>(end - line));
         buffer_consume(in, static_cast<size_t>(end - line) + 1);
+        session->searched = 0;
     }
 }
 
@@ -257,6 +260,7 @@ void drop_connection(Session *session) {
     close(session->fd);
     session->fd = -1;
     ++session->generation;
+    session->searched = 0;
     buffer_free(&session->in);
     buffer_free(&session->out);
 }

@@ -16,6 +16,7 @@ namespace support {
 namespace {
 
 constexpr char daemon_under_test[] = "unit-test";
+constexpr char no_line_end[] = " [no line end]";
 
 /** Length of "[2024-05-01 13:45:12.042] " in the C locale; 0 when the text at `at` is no time stamp. */
 size_t time_stamp_length(const std::string &text, size_t at) {
@@ -120,6 +121,8 @@ std::vector<std::string> LogCapture::sequence() const {
         std::string message = line.message;
         if (!message.empty() && message.back() == '\n') {
             message.pop_back();
+        } else {
+            message += no_line_end;
         }
         entries.push_back(line.tag + "|" + message);
     }

@@ -66,7 +66,10 @@ class LogCapture {
     bool has(Level level, const std::string &unit, const std::string &message) const {
         return count(level, unit, message) > 0;
     }
-    /** The messages in order, as "TAG|message" without the final newline: for comparing whole sequences. */
+    /**
+     * The messages in order, as "TAG|message" without the final newline: for comparing whole sequences. One that lacks
+     * its newline ends in " [no line end]" instead.
+     */
     std::vector<std::string> sequence() const;
     bool silent() const { return text().empty(); }
 

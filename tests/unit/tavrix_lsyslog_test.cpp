@@ -1,14 +1,21 @@
 #include "tavrix_lsyslog.h"
 
+#include <atomic>
 #include <chrono>
 #include <clocale>
+#include <cstdint>
 #include <cstdlib>
 #include <ctime>
 #include <fstream>
 #include <regex>
+#include <sstream>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include "support/log_capture.h"
 
@@ -45,6 +52,70 @@ class Logger : public testing::Test {
 };
 
 constexpr char stamp[] = R"(\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}\] )";
+
+/** Changes the process's zone for as long as it lives; nobody tells the C library. */
+class Zone {
+  public:
+    explicit Zone(const char *zone) { setenv("TZ", zone, 1); }
+    ~Zone() { unsetenv("TZ"); }
+    Zone(const Zone &) = delete;
+    Zone &operator=(const Zone &) = delete;
+};
+
+/** The clock that stamps the lines, in milliseconds since 1970. */
+int64_t milliseconds_now() {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+}
+
+/** A line's stamp, likewise, as if it were in UTC. */
+int64_t stamp_of(const std::string &line) {
+    tm local{};
+    const char *rest = strptime(line.c_str(), "[%Y-%m-%d %H:%M:%S.", &local);
+    EXPECT_NE(rest, nullptr) << line;
+    return rest == nullptr ? 0 : int64_t{timegm(&local)} * 1000 + std::atoi(rest);
+}
+
+void wait_for_the_next_millisecond() {
+    for (const int64_t now = milliseconds_now(); milliseconds_now() == now;) {
+        std::this_thread::yield();
+    }
+}
+void wait_for_the_next_second() {
+    for (const std::time_t now = support::wall_clock(); support::wall_clock() == now;) {
+        std::this_thread::yield();
+    }
+}
+
+/** Standard error as the pieces in which it is written, for as long as it lives. */
+class StderrPieces {
+  public:
+    StderrPieces() : saved_(dup(STDERR_FILENO)) {
+        EXPECT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, ends_), 0);
+        EXPECT_GE(dup2(ends_[1], STDERR_FILENO), 0);
+    }
+    ~StderrPieces() {
+        dup2(saved_, STDERR_FILENO);
+        close(saved_);
+        close(ends_[0]);
+        close(ends_[1]);
+    }
+    StderrPieces(const StderrPieces &) = delete;
+    StderrPieces &operator=(const StderrPieces &) = delete;
+
+    /** The next piece; empty when there is none. */
+    std::string next() const {
+        std::string piece(65536, '\0');
+        const ssize_t length = recv(ends_[0], piece.data(), piece.size(), MSG_DONTWAIT);
+        piece.resize(length < 0 ? 0 : static_cast<size_t>(length));
+        return piece;
+    }
+
+  private:
+    int saved_;
+    int ends_[2] = {-1, -1};
+};
 
 } // namespace
 
@@ -116,20 +187,78 @@ TEST_F(Logger, RefusesANullFormatThatItWouldPrint) {
     EXPECT_EQ(out.text(), "");
 }
 
-TEST_F(Logger, StampsLinesWithLocalTime) {
-    for (const char *zone : {"UTC0", "XYZ-5:30"}) {
-        setenv("TZ", zone, 1);
-        const std::time_t before = support::wall_clock();
-        const std::string line = logged(4, "x\n");
-        const std::time_t after = support::wall_clock();
-        tm local{};
-        ASSERT_NE(strptime(line.c_str(), "[%Y-%m-%d %H:%M:%S", &local), nullptr);
-        local.tm_isdst = 0;
-        const std::time_t stamped = std::mktime(&local);
-        EXPECT_GE(stamped, before) << zone;
-        EXPECT_LE(stamped, after) << zone;
+TEST_F(Logger, FollowsAChangeOfTheZoneFromTheNextSecondOn) {
+    const struct {
+        const char *zone;
+        int minutes; ///< ahead of UTC
+    } rows[] = {{"XYZ-5:30", 330}, {"ABC+3", -180}};
+    for (const auto &row : rows) {
+        const Zone changed(row.zone);
+        wait_for_the_next_second();
+        const int64_t before = milliseconds_now();
+        const int64_t stamped = stamp_of(logged(4, "x\n")) - row.minutes * 60000;
+        EXPECT_GE(stamped, before) << row.zone;
+        EXPECT_LE(stamped, milliseconds_now()) << row.zone;
     }
-    unsetenv("TZ");
+}
+
+TEST_F(Logger, StampsEachLineWithItsOwnMillisecond) {
+    const Zone zone("UTC0");
+    wait_for_the_next_second();
+    for (const std::time_t second = support::wall_clock(); support::wall_clock() <= second + 1;) {
+        const int64_t before = milliseconds_now();
+        const int64_t stamped = stamp_of(logged(4, "x\n"));
+        ASSERT_GE(stamped, before);
+        ASSERT_LE(stamped, milliseconds_now());
+        wait_for_the_next_millisecond();
+    }
+}
+
+TEST_F(Logger, StampsTheLinesOfSeveralThreadsEachWithItsOwnTime) {
+    constexpr int thread_count = 4;
+    const Zone zone("UTC0");
+    wait_for_the_next_second();
+    const std::time_t second = support::wall_clock();
+    const StderrCapture out;
+    std::atomic<int> written{0};
+    std::vector<std::thread> threads;
+    for (int id = 0; id < thread_count; ++id) {
+        threads.emplace_back([&] {
+            while (support::wall_clock() <= second + 1) {
+                const long long before = milliseconds_now();
+                tavrix_lsyslog_log(4, "some_unit", 77, "not before %lld\n", before);
+                ++written;
+                wait_for_the_next_millisecond();
+            }
+        });
+    }
+    for (std::thread &thread : threads) {
+        thread.join();
+    }
+    const int64_t end = milliseconds_now();
+    const std::regex shape(std::string(stamp) + R"(\[INFO \] \[unit-test\] not before (\d+))");
+    std::istringstream lines(out.text());
+    int whole = 0;
+    for (std::string line; std::getline(lines, line); ++whole) {
+        std::smatch match;
+        ASSERT_TRUE(std::regex_match(line, match, shape)) << line;
+        ASSERT_GE(stamp_of(line), std::stoll(match[1])) << line;
+        ASSERT_LE(stamp_of(line), end) << line;
+    }
+    EXPECT_EQ(whole, written);
+    EXPECT_GE(whole, thread_count);
+}
+
+TEST_F(Logger, WritesEachLineInOnePiece) {
+    for (const size_t length : {1U, 100U, 4096U, 8000U}) {
+        const StderrPieces pieces;
+        const std::string message(length, 'm');
+        tavrix_lsyslog_log(4, "some_unit", 77, "%s", message.c_str());
+        tavrix_lsyslog_log(2, "some_unit", 77, "%s", message.c_str());
+        EXPECT_EQ(pieces.next().erase(0, 26), "[INFO ] [unit-test] " + message);
+        EXPECT_EQ(pieces.next().erase(0, 26), "[ERROR] [unit-test: some_unit:77] " + message);
+        EXPECT_EQ(pieces.next(), "") << "nothing else";
+    }
 }
 
 TEST_F(Logger, ChecksSeverityWithUnsignedNumbers) {

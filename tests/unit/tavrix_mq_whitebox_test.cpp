@@ -1,6 +1,7 @@
 /*
  * What the bus sockets do when nanomsg or memory refuses.
  */
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <string>
@@ -18,6 +19,7 @@ using support::LogCapture;
 namespace {
 
 std::string failing;
+std::atomic<int> blocks{0}; ///< in use of this program's own objects, the library's among them
 
 bool fails(const char *name) {
     if (failing != name) {
@@ -32,10 +34,19 @@ bool fails(const char *name) {
 
 extern "C" {
 void *__real_malloc(size_t size);
+void __real_free(void *memory);
 void *__real_nn_allocmsg(size_t size, int type);
 int __real_nn_freemsg(void *msg);
 
-void *__wrap_malloc(size_t size) { return fails("malloc") ? nullptr : __real_malloc(size); }
+void *__wrap_malloc(size_t size) {
+    void *memory = fails("malloc") ? nullptr : __real_malloc(size);
+    blocks += memory != nullptr ? 1 : 0;
+    return memory;
+}
+void __wrap_free(void *memory) {
+    blocks -= memory != nullptr ? 1 : 0;
+    __real_free(memory);
+}
 void *__wrap_nn_allocmsg(size_t size, int type) {
     return fails("nn_allocmsg") ? nullptr : __real_nn_allocmsg(size, type);
 }
@@ -62,15 +73,79 @@ TEST(MqFailures, OfAMessagesAllocationAreReported) {
         2);
 }
 
-TEST(MqFailures, OfAnUnsubscriptionLeaveTheTopic) {
-    BusPair bus("events");
+TEST(MqFailures, OfASubscriptionLeaveTheTopicOut) {
+    BusPair bus("~");
     const LogCapture log("debug");
     failing = "malloc";
-    EXPECT_EQ(tavrix_mq_socket_unsubscribe(bus.sub.number, "events"), -1);
-    EXPECT_EQ(log.sequence(), std::vector<std::string>{"DEBUG|nn_setsockopt failed for mq_socket [" +
-                                                       std::to_string(bus.sub.number) + "]: " + nn_strerror(ENOMEM)});
+    EXPECT_EQ(tavrix_mq_socket_subscribe(bus.sub.number, "events"), -1);
+    EXPECT_EQ(log.lines().size(), 1U);
+    EXPECT_EQ(log.count(support::debug, "tavrix_mq",
+                        "nn_setsockopt failed for mq_socket [" + std::to_string(bus.sub.number) +
+                            "]: " + nn_strerror(ENOMEM) + "\n"),
+              1);
     bus.publish("events|1");
-    EXPECT_EQ(bus.receive(), "events|1");
+    bus.publish("~|2");
+    EXPECT_EQ(bus.receive(), "~|2");
+}
+
+TEST(MqFailures, CannotHitAnUnsubscription) {
+    BusPair bus("~");
+    ASSERT_EQ(tavrix_mq_socket_subscribe(bus.sub.number, "events"), 0);
+    failing = "malloc";
+    EXPECT_EQ(tavrix_mq_socket_unsubscribe(bus.sub.number, "events"), 0);
+    EXPECT_EQ(failing, "malloc") << "none was needed";
+    failing.clear();
+    bus.publish("events|1");
+    bus.publish("~|2");
+    EXPECT_EQ(bus.receive(), "~|2");
+}
+
+namespace {
+
+/** Subscribes to topics of which each begins with the one before, the last of them twice. */
+void subscribe_to_three(int sock) {
+    for (const char *topic : {"", "a", "ab", "ab"}) {
+        EXPECT_EQ(tavrix_mq_socket_subscribe(sock, topic), 0);
+    }
+}
+
+} // namespace
+
+TEST(MqTopics, AreGivenBackOneByOne) {
+    const support::BusSocket sub(TAVRIX_SP_SUB);
+    const int before = blocks;
+    subscribe_to_three(sub.number);
+    EXPECT_EQ(blocks, before + 3);
+    for (const char *topic : {"a", "", "ab", "ab", "never"}) {
+        tavrix_mq_socket_unsubscribe(sub.number, topic);
+    }
+    EXPECT_EQ(blocks, before);
+}
+
+TEST(MqTopics, AreGivenBackAtClose) {
+    const int before = blocks;
+    support::BusSocket sub(TAVRIX_SP_SUB);
+    support::BusSocket other(TAVRIX_SP_SUB);
+    subscribe_to_three(other.number);
+    subscribe_to_three(sub.number);
+    sub.close();
+    EXPECT_EQ(blocks, before + 3) << "the other's";
+    other.close();
+    EXPECT_EQ(blocks, before);
+}
+
+TEST(MqTopics, OfASocketClosedPastTheLibraryAreGivenBackWithTheNextOfItsNumber) {
+    const int before = blocks;
+    support::BusSocket sub(TAVRIX_SP_SUB);
+    subscribe_to_three(sub.number);
+    ASSERT_EQ(nn_close(sub.number), 0);
+    support::BusSocket next(TAVRIX_SP_SUB);
+    ASSERT_EQ(next.number, sub.number);
+    sub.number = -1;
+    EXPECT_EQ(tavrix_mq_socket_subscribe(next.number, "a"), 0);
+    EXPECT_EQ(blocks, before + 1);
+    next.close();
+    EXPECT_EQ(blocks, before);
 }
 
 TEST(MqFailures, OfTheReceivedCopyLoseNothingElse) {

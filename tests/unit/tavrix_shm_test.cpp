@@ -198,6 +198,21 @@ TEST_F(Shm, RefusesASizeThatCannotBeHad) {
     EXPECT_EQ(state().st_blocks, 0);
 }
 
+TEST_F(Shm, KeepsWhatItHoldsWhenANewSizeCannotBeHad) {
+    ASSERT_EQ(tavrix_shm_create(name(), 16), 0);
+    ASSERT_EQ(tavrix_shm_set_string(name(), 16, "still needed"), 0);
+    const std::string held = stored();
+    {
+        const LogCapture log("info");
+        EXPECT_EQ(tavrix_shm_create(name(), SIZE_MAX), -1);
+        EXPECT_EQ(log.count(support::error, unit, map_line()), 1);
+        EXPECT_EQ(log.lines().size(), 1U);
+    }
+    EXPECT_EQ(stored(), held);
+    EXPECT_EQ(tavrix_shm_create(name(), 8), 0);
+    EXPECT_EQ(stored(), std::string(8, '\0'));
+}
+
 TEST_F(Shm, LeavesNothingOpen) {
     const int open_before = support::open_descriptors();
     const int value = 1;

@@ -5,6 +5,8 @@
 
 #include <cerrno>
 #include <cstddef>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -23,7 +25,8 @@ namespace {
 
 bool mapping_fails = false;
 int reserve_error = 0;
-int reserve_failures = 0; ///< how many reservations fail, from the next one on
+int reserve_failures = 0;       ///< how many reservations fail, from the next one on
+off_t grown_before_failing = 0; ///< what a reservation that fails has added by then
 std::vector<off_t> reserved;
 
 } // namespace
@@ -44,6 +47,9 @@ int __wrap_posix_fallocate64(int fd, off_t offset, off_t length) {
     reserved.push_back(length);
     if (reserve_failures > 0) {
         --reserve_failures;
+        if (grown_before_failing > 0) {
+            EXPECT_EQ(ftruncate(fd, grown_before_failing), 0);
+        }
         return reserve_error;
     }
     return __real_posix_fallocate64(fd, offset, length);
@@ -56,6 +62,7 @@ class ShmMemory : public testing::Test {
         shm_unlink(name());
         mapping_fails = false;
         reserve_failures = 0;
+        grown_before_failing = 0;
         reserved.clear();
     }
     ~ShmMemory() override { shm_unlink(name()); }
@@ -68,6 +75,23 @@ class ShmMemory : public testing::Test {
         struct stat status {};
         EXPECT_EQ(stat(("/dev/shm" + name_).c_str(), &status), 0);
         return status;
+    }
+    /** The slot's bytes as they are, past the library. */
+    std::string stored() const {
+        std::ifstream slot("/dev/shm" + name_, std::ios::binary);
+        return {std::istreambuf_iterator<char>(slot), std::istreambuf_iterator<char>()};
+    }
+    /** Creates a slot that is in use: 16 bytes with a text. */
+    void hold_a_text() const {
+        ASSERT_EQ(tavrix_shm_create(name(), 16), 0);
+        ASSERT_EQ(tavrix_shm_set_string(name(), 16, "still needed"), 0);
+    }
+    void expect_the_text_held() const { EXPECT_EQ(stored(), std::string("still needed\0\0\0\0", 16)); }
+    void expect_creation_to_fail(size_t size) const {
+        const LogCapture log("info");
+        EXPECT_EQ(tavrix_shm_create(name(), size), -1);
+        EXPECT_EQ(log.count(support::error, "tavrix_shm", "Mmap error with " + name_ + ".\n"), 1);
+        EXPECT_EQ(log.lines().size(), 1U);
     }
     static void fail_reservations(int count, int error) {
         reserve_failures = count;
@@ -121,16 +145,39 @@ TEST_F(ShmMemory, FailsTheCreationWhenThereIsNone) {
     expect_every_access_to_fail();
 }
 
-TEST_F(ShmMemory, LeavesNoHoleInAnOldSlotThatCannotGrow) {
-    ASSERT_EQ(tavrix_shm_create(name(), 16), 0);
-    fail_reservations(1, ENOSPC);
-    {
-        const LogCapture log("off");
-        EXPECT_EQ(tavrix_shm_create(name(), 100000), -1);
+TEST_F(ShmMemory, KeepsWhatItHoldsWhenItCannotBeMapped) {
+    hold_a_text();
+    mapping_fails = true;
+    for (const size_t size : {100000U, 16U, 8U}) {
+        expect_creation_to_fail(size);
+        expect_the_text_held();
     }
-    expect_every_access_to_fail();
-    EXPECT_EQ(tavrix_shm_create(name(), 16), 0) << "the slot can be created again";
-    EXPECT_EQ(tavrix_shm_set_string(name(), 16, "back"), 0);
+}
+
+TEST_F(ShmMemory, KeepsWhatItHoldsWhenThereIsNoMemory) {
+    hold_a_text();
+    for (const size_t size : {100000U, 16U, 8U}) {
+        fail_reservations(1, ENOSPC);
+        expect_creation_to_fail(size);
+        expect_the_text_held();
+    }
+}
+
+TEST_F(ShmMemory, KeepsItsSizeWhenMemoryRunsOutHalfWay) {
+    hold_a_text();
+    grown_before_failing = 50000;
+    fail_reservations(1, ENOSPC);
+    expect_creation_to_fail(100000);
+    expect_the_text_held();
+    EXPECT_EQ(tavrix_shm_create(name(), 100000), 0) << "the slot can be created again";
+    EXPECT_EQ(stored(), std::string(100000, '\0'));
+}
+
+TEST_F(ShmMemory, KeepsWhatItHoldsWhenSignalsNeverEnd) {
+    hold_a_text();
+    fail_reservations(100, EINTR);
+    expect_creation_to_fail(100000);
+    expect_the_text_held();
 }
 
 TEST_F(ShmMemory, IsReservedInSpiteOfSignals) {
@@ -150,5 +197,5 @@ TEST_F(ShmMemory, IsGivenUpWhenSignalsNeverEnd) {
     EXPECT_EQ(tavrix_shm_create(name(), 16), -1);
     EXPECT_EQ(reserved.size(), 100U);
     EXPECT_EQ(log.sequence(), map_lines(1));
-    EXPECT_EQ(state().st_size, 0);
+    EXPECT_EQ(state().st_size, 16);
 }

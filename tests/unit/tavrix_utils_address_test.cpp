@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <climits>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -384,6 +385,35 @@ TEST(PortLine, StaysWithinItsBuffersForAnyWidth) {
     EXPECT_EQ(tavrix_port_str_create(nullptr, &cursor, out, 2), -20);
     EXPECT_EQ(tavrix_port_str_create(&list, nullptr, out, 2), -20);
     EXPECT_EQ(tavrix_port_str_create(&list, &cursor, nullptr, 2), -20);
+}
+
+TEST(PortLine, LeavesACursorBehindTheLastPortWhereItIs) {
+    // A count below 0 has no port either.
+    const struct {
+        int16_t count;
+        int cursor;
+    } rows[] = {
+        {4, 4},       {4, 5},       {4, 999},     {4, 1000},    {4, 1001}, {4, INT_MAX}, {0, 0},   {0, 1000},
+        {1000, 1000}, {1000, 1001}, {1001, 1001}, {1001, 1002}, {-5, 0},   {-5, 1000},   {-5, -5}, {-5, -4},
+    };
+    tavrix_port_list list = four_ports();
+    for (const auto &row : rows) {
+        list.count = row.count;
+        const Line line = line_of(list, row.cursor, 3);
+        EXPECT_EQ(line.rc, 0);
+        EXPECT_EQ(line.text, "   ");
+        EXPECT_EQ(line.cursor, row.cursor) << row.count;
+    }
+}
+
+TEST(PortLine, EndsACountBeyondItsArraysFromAnyCursor) {
+    tavrix_port_list list = four_ports();
+    for (const int cursor : {1000, 1001, 1999}) {
+        list.count = 2000;
+        const Line line = line_of(list, cursor, 3);
+        EXPECT_EQ(line.text, "   ");
+        EXPECT_EQ(line.cursor, 2000) << cursor;
+    }
 }
 
 TEST(MzuOnline, IsAPositiveConnectionState) {

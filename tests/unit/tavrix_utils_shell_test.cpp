@@ -1,6 +1,7 @@
 /*
  * Real commands, real files, and stand-in tools on a private PATH.
  */
+#include <cerrno>
 #include <csignal>
 #include <cstdint>
 #include <cstdlib>
@@ -8,6 +9,7 @@
 #include <ctime>
 #include <regex>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -143,6 +145,33 @@ TEST(FileStats, DoesNotRunACommandThatWouldBeCut) {
     EXPECT_EQ(tavrix_file_stats((std::string(3190, ' ') + "listed").c_str(), nullptr, nullptr, 5), nullptr);
     EXPECT_EQ(tavrix_file_stats("listed", std::string(5000, 'x').c_str(), nullptr, 5), nullptr);
     EXPECT_EQ(log.count(support::error, unit, "System: Command failed. Aborting.\n"), 2);
+    write_file("listed", "12345");
+    EXPECT_EQ(tavrix_file_stats((std::string(3170, ' ') + "listed").c_str(), nullptr, nullptr, 5), nullptr);
+    EXPECT_EQ(taken(tavrix_file_stats((std::string(3169, ' ') + "listed").c_str(), nullptr, nullptr, 5)), "5\n")
+        << "3200 characters with the listing and the column";
+}
+
+TEST(FileStats, ShowsNoCommandThatWouldBeCut) {
+    const std::string shown = "VERB |[tavrix_file_stats]: cmd_str = ";
+    const std::string refused = "ERROR|System: Command failed. Aborting.";
+    write_file("listed", "12345");
+    const struct {
+        std::string path;
+        std::string filter;
+        std::vector<std::string> lines;
+    } rows[] = {
+        {std::string(3195, 'p'), "", {refused}},
+        {std::string(3194, 'p'), "", {shown + "ls -l " + std::string(3194, 'p'), refused}},
+        {"listed", std::string(3181, 'f'), {shown + "ls -l listed", refused}},
+        {"listed",
+         std::string(3180, 'f'),
+         {shown + "ls -l listed", shown + "ls -l listed | grep " + std::string(3180, 'f'), refused}},
+    };
+    for (const auto &row : rows) {
+        const LogCapture log("verbose");
+        EXPECT_EQ(tavrix_file_stats(row.path.c_str(), row.filter.c_str(), nullptr, 5), nullptr);
+        EXPECT_EQ(log.sequence(), row.lines);
+    }
 }
 
 TEST(CheckMd5, ComparesTheSums) {
@@ -199,6 +228,21 @@ TEST(CheckMd5, ReadsAtMost254CharactersOfEachLine) {
     write_file("data.md5", std::string(253, 'x') + "y\n");
     EXPECT_EQ(tavrix_check_md5("data", "data.md5", &match), 0);
     EXPECT_FALSE(match);
+}
+
+TEST(CheckMd5, LeavesErrnoAloneUnlessItFails) {
+    write_file("data", "hello\n");
+    write_file("data.md5", "b1946ac92492d2347c6235b4d2611184  data\n");
+    write_file("other.md5", "c1946ac92492d2347c6235b4d2611184  data\n");
+    bool match = false;
+    for (const char *stored : {"data.md5", "other.md5"}) {
+        errno = EXDEV;
+        EXPECT_EQ(tavrix_check_md5("data", stored, &match), 0);
+        EXPECT_EQ(errno, EXDEV) << stored;
+    }
+    const StderrCapture out;
+    EXPECT_EQ(tavrix_check_md5(std::string(248, 'x').c_str(), "data.md5", &match), -1);
+    EXPECT_EQ(out.text(), "popen: File name too long\n");
 }
 
 TEST(CheckMd5, RefusesNull) {

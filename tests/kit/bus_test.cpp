@@ -1,0 +1,171 @@
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "kit/support/played_router.h"
+#include "support/json.h"
+#include "support/log_capture.h"
+#include "tavrix_mq.h"
+
+namespace {
+
+using support::BusSocket;
+using support::LogCapture;
+using support::Stage;
+
+uint64_t deferred = 0;
+
+int echo(tavrix_call *call) { return tavrix_call_reply(call, json_incref(tavrix_call_params(call))); }
+int defer(tavrix_call *call) {
+    deferred = tavrix_call_defer(call, nullptr, nullptr);
+    return 0;
+}
+
+const tavrix_service_method methods[] = {
+    TAVRIX_METHOD("ports.Echo", echo, "", nullptr, nullptr, 0),
+    TAVRIX_METHOD("ports.Defer", defer, "", nullptr, nullptr, 0),
+    TAVRIX_METHOD_END,
+};
+
+/** A daemon on the bus that uses only the library, and a service that it knows by its address. */
+class Bus : public testing::Test {
+  protected:
+    Bus() {
+        own_address = support::free_bus_address();
+        peer_address = support::free_bus_address();
+        peer_pub.bind(peer_address);
+    }
+
+    /** Opens a service without a session and waits until both directions stand. */
+    void open() {
+        const char *publish[] = {own_address.c_str(), nullptr};
+        const char *connect[] = {peer_address.c_str(), nullptr};
+        tavrix_service_options options = {};
+        options.session = "";
+        options.publish = publish;
+        options.connect = connect;
+        stage.open(methods, options);
+        for (const char *channel : {TAVRIX_ROUTER_REPLY_CHANNEL, "me", "events."}) {
+            tavrix_mq_socket_subscribe(peer_sub.number, channel);
+        }
+        peer_sub.connect(own_address);
+        ASSERT_TRUE(stage.wait([this] {
+            publish_request(R"({"jsonrpc":"2.0","method":"service.Probe","params":{"name":"tester"}})");
+            return received().find("router.Hello") != std::string::npos;
+        }));
+        while (!received().empty()) {
+        }
+    }
+    void publish_request(const std::string &text, const char *channel = TAVRIX_CHANNEL_FIRST) {
+        tavrix_mq_socket_send(peer_pub.number, (std::string(channel) + "|" + text).c_str());
+    }
+    std::string received() {
+        char *frame = nullptr;
+        int length = 0;
+        if (tavrix_mq_socket_recv(peer_sub.number, &frame, &length, 1) != TAVRIX_OK) {
+            return "";
+        }
+        std::string text(frame, static_cast<size_t>(length));
+        std::free(frame);
+        return text;
+    }
+    /** The next frame that is none of the settling's. */
+    std::string next() {
+        std::string frame;
+        stage.wait([&] {
+            frame = received();
+            return !frame.empty() && frame.find("router.Hello") == std::string::npos;
+        });
+        return frame;
+    }
+
+    LogCapture log{"info"};
+    std::string own_address;
+    std::string peer_address;
+    BusSocket peer_pub{TAVRIX_SP_PUB};
+    BusSocket peer_sub{TAVRIX_SP_SUB};
+    Stage stage;
+};
+
+} // namespace
+
+TEST_F(Bus, ServesAPeerThatKnowsOfNoSession) {
+    open();
+    EXPECT_TRUE(tavrix_service_is_ready(stage.service)) << "the probe said that the router is there";
+    publish_request(R"({"jsonrpc":"2.0","method":"ports.Echo","id":"me","transaction_id":4,"params":{"a":1}})");
+    EXPECT_EQ(next(), R"(me|{"jsonrpc":"2.0","id":"ports.Echo","result":{"a":1},"transaction_id":4})");
+    publish_request(R"({"jsonrpc":"2.0","method":"service.Hello","id":"me"})");
+    EXPECT_EQ(next(), R"(me|{"jsonrpc":"2.0","id":"service.Hello","result":0})");
+}
+
+TEST_F(Bus, AnswersLaterOnTheChannelThatAsked) {
+    open();
+    deferred = 0;
+    publish_request(R"({"jsonrpc":"2.0","method":"ports.Defer","id":"me","transaction_id":5})");
+    ASSERT_TRUE(stage.wait([] { return deferred != 0; }));
+    tavrix_call_reply(tavrix_service_deferred(stage.service, deferred), json_integer(1));
+    EXPECT_EQ(next(), R"(me|{"jsonrpc":"2.0","id":"ports.Defer","result":1,"transaction_id":5})");
+}
+
+TEST_F(Bus, PassesOverIdsThatAreNoChannelsAndFramesThatAreNone) {
+    open();
+    publish_request(R"({"jsonrpc":"2.0","method":"ports.Echo","id":12,"params":{}})");
+    publish_request(R"({"jsonrpc":"2.0","method":"ports.Echo","id":"a|b","params":{}})");
+    publish_request("nonsense");
+    tavrix_mq_socket_send(peer_pub.number, TAVRIX_CHANNEL_FIRST);
+    publish_request(R"({"jsonrpc":"2.0","method":"ports.Echo","id":"me","params":{"last":1}})");
+    EXPECT_EQ(next(), R"(me|{"jsonrpc":"2.0","id":"ports.Echo","result":{"last":1}})");
+}
+
+TEST_F(Bus, ObeysTheLoggersMethodOnTheDefaultChannelAndNothingElseThere) {
+    open();
+    publish_request(R"({"jsonrpc":"2.0","method":"ports.Echo","id":"me","params":{}})", TAVRIX_CHANNEL_DEFAULT);
+    publish_request(R"({"jsonrpc":"2.0","method":"other.Method","id":"me"})", TAVRIX_CHANNEL_DEFAULT);
+    publish_request(R"({"jsonrpc":"2.0","method":"logger.ReloadConf","id":"me"})", TAVRIX_CHANNEL_DEFAULT);
+    EXPECT_EQ(next(), R"(me|{"jsonrpc":"2.0","id":"logger.ReloadConf","result":0})");
+}
+
+TEST_F(Bus, PublishesNotificationsUnderTheirName) {
+    open();
+    EXPECT_EQ(tavrix_service_publish(stage.service, "events.LinkChanged", json_pack("{s:i}", "n", 1)), TAVRIX_OK);
+    EXPECT_EQ(next(), R"(events.LinkChanged|{"jsonrpc":"2.0","method":"events.LinkChanged","params":{"n":1}})");
+}
+
+TEST_F(Bus, HasToBeGivenAddressesWithoutASession) {
+    tavrix_service_options options = {};
+    options.name = "tester";
+    options.session = "";
+    options.methods = methods;
+    tavrix_service *service = nullptr;
+    EXPECT_EQ(tavrix_service_open(&options, &service), TAVRIX_ERR_PARAMETER);
+    const std::string long_address = "ipc:///" + std::string(107, 'p');
+    const char *publish[] = {long_address.c_str(), nullptr};
+    options.session = "session.sock";
+    options.publish = publish;
+    EXPECT_EQ(tavrix_service_open(&options, &service), TAVRIX_ERR_GENERAL) << "nanomsg would abort";
+    EXPECT_NE(log.text().find("an address begins with tcp:// or ipc:// and has at most 113 bytes"), std::string::npos);
+}
+
+TEST_F(Bus, FollowsTheServicesThatTheRouterTellsOf) {
+    stage.open(methods);
+    stage.router.settles = false;
+    ASSERT_TRUE(stage.wait_ready());
+    stage.router.say(
+        R"({"jsonrpc":"2.0","method":"router.ServiceUp","params":{"name":"peer","channel":"c","publish":[")" +
+        peer_address + R"(","nonsense"],"methods":[]}})");
+    int id = 0;
+    const std::string address = "ipc://" + stage.router.folder + "/tester";
+    ASSERT_EQ(tavrix_mq_socket_connect(peer_sub.number, TAVRIX_TRANSPORT_IPC, address.c_str(), &id), TAVRIX_OK);
+    tavrix_mq_socket_subscribe(peer_sub.number, "me");
+    std::string frame;
+    ASSERT_TRUE(stage.wait([&] {
+        publish_request(R"({"jsonrpc":"2.0","method":"ports.Echo","id":"me","params":{"a":1}})");
+        frame = received();
+        return !frame.empty();
+    }));
+    EXPECT_EQ(frame, R"(me|{"jsonrpc":"2.0","id":"ports.Echo","result":{"a":1}})");
+    EXPECT_NE(log.text().find("Cannot listen to nonsense: this is no bus address"), std::string::npos);
+    stage.router.say(R"({"jsonrpc":"2.0","method":"router.ServiceDown","params":{"name":"peer"}})");
+    stage.router.hang_up();
+    EXPECT_TRUE(stage.wait_ready());
+}

@@ -1,0 +1,283 @@
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "kit/support/played_router.h"
+#include "support/json.h"
+#include "support/log_capture.h"
+
+namespace {
+
+using support::code_of;
+using support::LogCapture;
+using support::member;
+using support::Stage;
+
+/** What the handlers below leave for the test to look at. */
+struct Seen {
+    std::vector<uint64_t> numbers;
+    int abandoned = 0;
+    int late_reply = 1;
+    int second_reply = 1;
+    int time_left_ms = 0;
+    void *user = nullptr;
+    tavrix_road road = TAVRIX_ROAD_BUS;
+};
+Seen seen;
+
+int echo(tavrix_call *call) { return tavrix_call_reply(call, json_incref(tavrix_call_params(call))); }
+int nothing(tavrix_call * /*call*/) { return 0; }
+int count(tavrix_call * /*call*/) { return 5; }
+int busy(tavrix_call * /*call*/) { return TAVRIX_ERR_SYSTEM_BUSY; }
+int null_input(tavrix_call * /*call*/) { return TAVRIX_ERR_NULL_INPUT; }
+int no_memory(tavrix_call *call) { return tavrix_call_reply(call, nullptr); }
+int twice(tavrix_call *call) {
+    tavrix_call_reply(call, json_integer(1));
+    seen.second_reply = tavrix_call_reply(call, json_integer(2));
+    return TAVRIX_ERR_GENERAL;
+}
+int refuse(tavrix_call *call) {
+    return tavrix_call_fail_with(call, TAVRIX_JRPC_NO_SUCH_PORT, "There is no such port.", json_pack("{s:i}", "n", 3));
+}
+int look(tavrix_call *call) {
+    seen.user = tavrix_call_user(call);
+    seen.time_left_ms = tavrix_call_time_left_ms(call);
+    seen.road = tavrix_call_caller(call).road;
+    return 0;
+}
+
+void on_abandoned(tavrix_call *call, void *user) {
+    ++*static_cast<int *>(user);
+    EXPECT_STREQ(tavrix_call_method(call)->name, "t.Defer");
+    seen.late_reply = tavrix_call_reply(call, json_integer(1));
+}
+int defer(tavrix_call *call) {
+    seen.numbers.push_back(tavrix_call_defer(call, on_abandoned, &seen.abandoned));
+    return 0;
+}
+int defer_and_fail(tavrix_call *call) {
+    tavrix_call_defer(call, nullptr, nullptr);
+    return TAVRIX_ERR_SYSTEM_BUSY;
+}
+int defer_and_reply(tavrix_call *call) {
+    tavrix_call_defer(call, nullptr, nullptr);
+    return tavrix_call_reply(call, json_integer(4));
+}
+
+const tavrix_service_method methods[] = {
+    TAVRIX_METHOD("t.Echo", echo, "", nullptr, nullptr, 0),
+    TAVRIX_METHOD("t.Nothing", nothing, "", nullptr, nullptr, 0),
+    TAVRIX_METHOD("t.Count", count, "", nullptr, nullptr, 0),
+    TAVRIX_METHOD("t.Busy", busy, "", nullptr, nullptr, 0),
+    TAVRIX_METHOD("t.NullInput", null_input, "", nullptr, nullptr, 0),
+    TAVRIX_METHOD("t.NoMemory", no_memory, "", nullptr, nullptr, 0),
+    TAVRIX_METHOD("t.Twice", twice, "", nullptr, nullptr, 0),
+    TAVRIX_METHOD("t.Refuse", refuse, "", nullptr, nullptr, 0),
+    TAVRIX_METHOD("t.Look", look, "", nullptr, nullptr, 0),
+    TAVRIX_METHOD("t.Defer", defer, "", nullptr, nullptr, 0),
+    TAVRIX_METHOD("t.DeferAndFail", defer_and_fail, "", nullptr, nullptr, 0),
+    TAVRIX_METHOD("t.DeferAndReply", defer_and_reply, "", nullptr, nullptr, 0),
+    TAVRIX_METHOD_END,
+};
+
+/** The same methods as the library's table has them. */
+const tavrix_jrpc_method library_methods[] = {
+    {"t.Echo",
+     [](json_t *params, json_t **result, json_t **) {
+         *result = json_incref(params);
+         return params != nullptr ? 0 : TAVRIX_ERR_GENERAL;
+     }},
+    {"t.Nothing", [](json_t *, json_t **, json_t **) { return 0; }},
+    {"t.Count", [](json_t *, json_t **, json_t **) { return 5; }},
+    {nullptr, nullptr},
+};
+
+std::string evaluated(const std::string &request) {
+    char *text = nullptr;
+    tavrix_jrpc_eval_request(request.c_str(), library_methods, &text);
+    const std::string copy = text != nullptr ? text : "";
+    std::free(text);
+    return copy;
+}
+
+class Calls : public testing::Test {
+  protected:
+    void SetUp() override { seen = Seen{}; }
+};
+
+} // namespace
+
+TEST_F(Calls, AreAnsweredAsTheLibrarysEvaluatorAnswersThem) {
+    const LogCapture log("info");
+    Stage stage(methods);
+    const std::vector<std::string> requests = {
+        R"({"jsonrpc":"2.0","method":"t.Echo","id":"c","params":{"a":"\u00e4\n"}})",
+        R"({"jsonrpc":"2.0","method":"t.Nothing","id":"c","transaction_id":12})",
+        R"({"jsonrpc":"2.0","method":"t.Count","id":5,"transaction_id":1.5})",
+        R"({"jsonrpc":"2.0","method":"t.Unknown","id":"c","transaction_id":3})",
+        R"({"id":"c","transaction_id":4,"method":"t.Nothing","jsonrpc":"2.0","more":[]})",
+    };
+    for (const std::string &request : requests) {
+        stage.router.say(request);
+        EXPECT_EQ(stage.next(), evaluated(request)) << request;
+    }
+}
+
+TEST_F(Calls, AreNotAnsweredWhereTheEvaluatorAnswersNothing) {
+    const LogCapture log("info");
+    Stage stage(methods);
+    for (const char *request :
+         {R"({"jsonrpc":"1.0","method":"t.Nothing","id":"c"})", R"({"jsonrpc":"2.0","method":"t.Nothing","id":true})",
+          R"({"jsonrpc":"2.0","method":"t.Nothing","id":"c","params":[]})",
+          R"({"jsonrpc":"2.0","method":"t.Nothing","id":"c","transaction_id":"x"})",
+          R"({"method":"t.Nothing","id":"c"})"}) {
+        ASSERT_EQ(evaluated(request), "") << request;
+        stage.router.say(request);
+    }
+    EXPECT_EQ(member(stage.ask("t.Count"), "id"), "\"t.Count\"") << "the first answer is the last request's";
+}
+
+TEST_F(Calls, FailWithTheStatusAndItsWords) {
+    const LogCapture log("info");
+    Stage stage(methods);
+    const std::string answer = stage.ask("t.Busy");
+    EXPECT_EQ(code_of(answer), "-32014");
+    EXPECT_EQ(member(member(answer, "error"), "data"), R"({"message":"System is busy"})");
+    EXPECT_EQ(code_of(stage.ask("t.NullInput")), "-32001");
+}
+
+TEST_F(Calls, FailWithCodeDataAndMessage) {
+    const LogCapture log("info");
+    Stage stage(methods);
+    const std::string error = member(stage.ask("t.Refuse"), "error");
+    EXPECT_EQ(member(error, "code"), "-32034");
+    EXPECT_EQ(member(error, "data"), R"({"n":3,"message":"There is no such port."})");
+}
+
+TEST_F(Calls, WithoutAResultForWantOfMemoryFailInternally) {
+    const LogCapture log("info");
+    Stage stage(methods);
+    EXPECT_EQ(code_of(stage.ask("t.NoMemory")), "-32603");
+}
+
+TEST_F(Calls, TakeOneAnswerAndRefuseTheSecond) {
+    Stage stage(methods);
+    EXPECT_EQ(member(stage.ask("t.Twice"), "result"), "1");
+    EXPECT_EQ(seen.second_reply, TAVRIX_ERR_NO_RECORDS);
+    EXPECT_EQ(member(stage.ask("t.Nothing"), "id"), "\"t.Nothing\"");
+}
+
+TEST_F(Calls, KnowTheirUserTheirRoadAndTheirTime) {
+    tavrix_service_options options = {};
+    options.user = &seen;
+    Stage stage(methods, options);
+    stage.ask("t.Look");
+    EXPECT_EQ(seen.user, &seen);
+    EXPECT_EQ(seen.road, TAVRIX_ROAD_SESSION);
+    EXPECT_EQ(seen.time_left_ms, 5000) << "what the router said";
+}
+
+TEST_F(Calls, CanBeAnsweredLaterInAnyOrder) {
+    Stage stage(methods);
+    stage.router.say(support::direct_request("t.Defer", "{}", 1));
+    stage.router.say(support::direct_request("t.Defer", "{}", 2));
+    ASSERT_TRUE(stage.wait([] { return seen.numbers.size() == 2; }));
+    EXPECT_EQ(tavrix_call_reply(tavrix_service_deferred(stage.service, seen.numbers[1]), json_integer(20)), 0);
+    EXPECT_EQ(member(stage.next(), "transaction_id"), "2");
+    EXPECT_EQ(tavrix_call_reply(tavrix_service_deferred(stage.service, seen.numbers[0]), json_integer(10)), 0);
+    EXPECT_EQ(member(stage.next(), "transaction_id"), "1");
+}
+
+TEST_F(Calls, AnsweredLaterTwiceAreRefusedTheSecondTime) {
+    Stage stage(methods);
+    stage.router.say(support::direct_request("t.Defer", "{}", 1));
+    ASSERT_TRUE(stage.wait([] { return seen.numbers.size() == 1; }));
+    EXPECT_EQ(tavrix_call_reply(tavrix_service_deferred(stage.service, seen.numbers[0]), json_integer(1)), 0);
+    EXPECT_EQ(tavrix_service_deferred(stage.service, seen.numbers[0]), nullptr);
+    EXPECT_EQ(tavrix_call_reply(tavrix_service_deferred(stage.service, seen.numbers[0]), json_integer(2)),
+              TAVRIX_ERR_NO_RECORDS);
+    EXPECT_EQ(seen.abandoned, 0);
+}
+
+TEST_F(Calls, DeferredAndFailedOrAnsweredAtOnceHaveOneAnswer) {
+    const LogCapture log("info");
+    Stage stage(methods);
+    EXPECT_EQ(code_of(stage.ask("t.DeferAndFail")), "-32014");
+    EXPECT_EQ(member(stage.ask("t.DeferAndReply"), "result"), "4");
+    EXPECT_EQ(member(stage.ask("t.Nothing"), "id"), "\"t.Nothing\"");
+}
+
+TEST_F(Calls, EndWhenTheRouterCancelsThem) {
+    Stage stage(methods);
+    stage.router.say(support::direct_request("t.Defer", "{}", 41));
+    stage.router.say(support::direct_request("t.Defer", "{}", 42));
+    stage.router.say(R"({"jsonrpc":"2.0","method":"service.Cancel","params":{"transaction_id":41}})");
+    ASSERT_TRUE(stage.wait([] { return seen.abandoned == 1; }));
+    EXPECT_EQ(seen.late_reply, TAVRIX_ERR_NO_RECORDS);
+    EXPECT_EQ(tavrix_service_deferred(stage.service, seen.numbers[0]), nullptr);
+    EXPECT_NE(tavrix_service_deferred(stage.service, seen.numbers[1]), nullptr);
+}
+
+TEST_F(Calls, ThatAreNeverAnsweredEndAtTheirDeadline) {
+    Stage stage(methods, {}, [](support::PlayedRouter &router) { router.reply_timeout_ms = 50; });
+    stage.router.say(support::direct_request("t.Defer", "{}", 1));
+    ASSERT_TRUE(stage.wait([] { return seen.abandoned == 1; }));
+    EXPECT_EQ(tavrix_service_deferred(stage.service, seen.numbers[0]), nullptr);
+    EXPECT_TRUE(stage.router.lines.empty()) << "the router tells its client itself";
+}
+
+TEST_F(Calls, EndWithTheRouterThatSentThem) {
+    Stage stage(methods);
+    for (int i = 0; i < 3; ++i) {
+        stage.router.say(support::direct_request("t.Defer", "{}", i));
+    }
+    ASSERT_TRUE(stage.wait([] { return seen.numbers.size() == 3; }));
+    stage.router.hang_up();
+    ASSERT_TRUE(stage.wait([] { return seen.abandoned == 3; }));
+    ASSERT_TRUE(stage.wait_ready());
+    EXPECT_EQ(member(stage.ask("t.Nothing"), "id"), "\"t.Nothing\"");
+}
+
+TEST_F(Calls, BeyondTheLimitAreAnsweredBusy) {
+    const LogCapture log("info");
+    Stage stage(methods);
+    for (int i = 0; i < TAVRIX_SERVICE_MAX_DEFERRED; ++i) {
+        stage.router.say(support::direct_request("t.Defer", "{}", i));
+        if (i % 64 == 0) {
+            stage.step();
+        }
+    }
+    ASSERT_TRUE(stage.wait([] { return seen.numbers.size() == TAVRIX_SERVICE_MAX_DEFERRED; }));
+    EXPECT_TRUE(stage.router.lines.empty());
+    EXPECT_EQ(code_of(stage.ask("t.Defer")), "-32014");
+    EXPECT_EQ(seen.numbers.back(), 0U);
+}
+
+TEST_F(Calls, InFlightAreAnsweredWhenTheServiceEnds) {
+    const LogCapture log("info");
+    Stage stage(methods);
+    stage.router.say(support::direct_request("t.Defer", "{}", 1));
+    ASSERT_TRUE(stage.wait([] { return seen.numbers.size() == 1; }));
+    tavrix_service_stop(stage.service);
+    EXPECT_EQ(tavrix_service_run(stage.service), TAVRIX_OK);
+    stage.router.step();
+    ASSERT_EQ(stage.router.lines.size(), 1U);
+    EXPECT_EQ(code_of(stage.router.lines[0]), "-32014");
+}
+
+TEST_F(Calls, OnOneSessionAreAnsweredInTheirOrderByThousands) {
+    Stage stage(methods);
+    constexpr int total = 5000;
+    int answered = 0;
+    for (int i = 0; i < total; ++i) {
+        stage.router.say(support::direct_request("t.Echo", "{\"n\":" + std::to_string(i) + "}", i));
+        if (i % 64 == 63 || i == total - 1) {
+            stage.wait([&] { return static_cast<int>(stage.router.lines.size()) == i + 1 - answered; });
+            for (; !stage.router.lines.empty(); stage.router.lines.pop_front(), ++answered) {
+                ASSERT_EQ(member(stage.router.lines.front(), "result"), "{\"n\":" + std::to_string(answered) + "}");
+            }
+        }
+    }
+    EXPECT_EQ(answered, total);
+}

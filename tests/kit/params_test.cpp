@@ -1,0 +1,373 @@
+#include <map>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "kit/support/played_router.h"
+#include "support/json.h"
+#include "support/log_capture.h"
+
+namespace {
+
+using support::code_of;
+using support::LogCapture;
+using support::member;
+using support::Stage;
+
+constexpr const char *colours[] = {"red", "green", "blue", nullptr};
+
+const tavrix_service_param point[] = {
+    TAVRIX_PARAM("x", TAVRIX_KIND_INTEGER, "", 0),
+    TAVRIX_PARAM("mac", TAVRIX_KIND_MAC_ADDRESS, "", TAVRIX_OPTIONAL),
+    TAVRIX_PARAM_END,
+};
+const tavrix_service_param bare_port[] = {
+    TAVRIX_PARAM("", TAVRIX_KIND_PORT_ID, "", TAVRIX_ALLOW_D_PORT),
+    TAVRIX_PARAM_END,
+};
+
+/** One row for each kind; each request of a test uses one of them. */
+const tavrix_service_param rows[] = {
+    TAVRIX_PARAM_RANGE("text", TAVRIX_KIND_TEXT, "", TAVRIX_OPTIONAL, 2, 5),
+    TAVRIX_PARAM("lines", TAVRIX_KIND_TEXT, "", TAVRIX_OPTIONAL | TAVRIX_MULTILINE),
+    TAVRIX_PARAM_RANGE("integer", TAVRIX_KIND_INTEGER, "", TAVRIX_OPTIONAL, -5, 5000000000),
+    TAVRIX_PARAM("plain", TAVRIX_KIND_INTEGER, "", TAVRIX_OPTIONAL),
+    TAVRIX_PARAM("boolean", TAVRIX_KIND_BOOLEAN, "", TAVRIX_OPTIONAL),
+    TAVRIX_PARAM("number", TAVRIX_KIND_NUMBER, "", TAVRIX_OPTIONAL),
+    TAVRIX_PARAM("uint64", TAVRIX_KIND_UINT64, "", TAVRIX_OPTIONAL),
+    TAVRIX_PARAM("float", TAVRIX_KIND_FLOAT, "", TAVRIX_OPTIONAL),
+    TAVRIX_PARAM_WORDS("colour", colours, "", TAVRIX_OPTIONAL),
+    TAVRIX_PARAM_MEMBERS("points", TAVRIX_KIND_ARRAY, "", TAVRIX_OPTIONAL, 1, 2, point),
+    TAVRIX_PARAM_MEMBERS("bare", TAVRIX_KIND_ARRAY, "", TAVRIX_OPTIONAL, 0, 0, bare_port),
+    TAVRIX_PARAM_MEMBERS("object", TAVRIX_KIND_OBJECT, "", TAVRIX_OPTIONAL, 0, 0, point),
+    TAVRIX_PARAM("json", TAVRIX_KIND_JSON, "", TAVRIX_OPTIONAL),
+    TAVRIX_PARAM("port", TAVRIX_KIND_PORT_ID, "", TAVRIX_OPTIONAL | TAVRIX_ANY_PORT),
+    TAVRIX_PARAM("c_port", TAVRIX_KIND_PORT_ID, "", TAVRIX_OPTIONAL | TAVRIX_ALLOW_C_PORT),
+    TAVRIX_PARAM("d_port", TAVRIX_KIND_PORT_ID, "", TAVRIX_OPTIONAL | TAVRIX_ALLOW_D_PORT),
+    TAVRIX_PARAM("any_port", TAVRIX_KIND_PORT_ID, "", TAVRIX_OPTIONAL | TAVRIX_ANY_PORTS),
+    TAVRIX_PARAM("mzu", TAVRIX_KIND_MZU_ID, "", TAVRIX_OPTIONAL),
+    TAVRIX_PARAM("status", TAVRIX_KIND_STATUS, "", TAVRIX_OPTIONAL),
+    TAVRIX_PARAM("vlan_mode", TAVRIX_KIND_VLAN_MODE, "", TAVRIX_OPTIONAL),
+    TAVRIX_PARAM("model", TAVRIX_KIND_MZU_MODEL, "", TAVRIX_OPTIONAL),
+    TAVRIX_PARAM("secure", TAVRIX_KIND_SECURE_OPTION, "", TAVRIX_OPTIONAL),
+    TAVRIX_PARAM("mac", TAVRIX_KIND_MAC_ADDRESS, "", TAVRIX_OPTIONAL),
+    TAVRIX_PARAM("password", TAVRIX_KIND_PASSWORD, "", TAVRIX_OPTIONAL),
+    TAVRIX_PARAM("alias", TAVRIX_KIND_ALIAS, "", TAVRIX_OPTIONAL),
+    TAVRIX_PARAM("vlan_id", TAVRIX_KIND_VLAN_ID, "", TAVRIX_OPTIONAL),
+    TAVRIX_PARAM_RANGE("vlan_ids", TAVRIX_KIND_VLAN_IDS, "", TAVRIX_OPTIONAL, 1, 0),
+    TAVRIX_PARAM_RANGE("ports", TAVRIX_KIND_PORTS, "", TAVRIX_OPTIONAL, 0, 2),
+    TAVRIX_PARAM("hardware", TAVRIX_KIND_PORTS_HARDWARE, "", TAVRIX_OPTIONAL),
+    TAVRIX_PARAM_RANGE("filters", TAVRIX_KIND_MAC_FILTERS, "", TAVRIX_OPTIONAL, 0, 2),
+    TAVRIX_PARAM_END,
+};
+
+/** The checked values as a text, each read with its getter. */
+std::string last_values;
+
+void add(const std::string &text) { last_values += (last_values.empty() ? "" : " ") + text; }
+
+std::string integers(const tavrix_call *call, const char *name) {
+    int count = 0;
+    const int *ids = tavrix_call_integers(call, name, &count);
+    std::string text;
+    for (int i = 0; i < count; ++i) {
+        text += (i > 0 ? "," : "") + std::to_string(ids[i]);
+    }
+    return text;
+}
+
+void add_records(const tavrix_call *call) {
+    int count = 0;
+    if (const tavrix_port_input *ports = tavrix_call_ports(call, "ports", &count); ports != nullptr) {
+        add(std::to_string(count) + " ports, the first " + std::to_string(ports[0].port_number) + " in " +
+            std::to_string(ports[0].vlan_ids[0]));
+    }
+    if (const tavrix_port_hardware_input *ports = tavrix_call_ports_hardware(call, "hardware", &count);
+        ports != nullptr) {
+        add(std::to_string(count) + " ports, the first " + std::to_string(ports[0].port_number));
+    }
+    if (const tavrix_mac_filter *filters = tavrix_call_mac_filters(call, "filters", &count); filters != nullptr) {
+        add(std::to_string(count) + " filters" + (count > 0 ? std::string(", the first ") + filters[0].mac : ""));
+    }
+}
+
+int show(tavrix_call *call) {
+    last_values.clear();
+    for (const char *name : {"text", "lines", "colour", "port", "c_port", "d_port", "any_port", "mzu", "status",
+                             "vlan_mode", "model", "secure", "mac", "password", "alias"}) {
+        if (tavrix_call_has(call, name)) {
+            add(std::string(tavrix_call_text(call, name)) + "/" + std::to_string(tavrix_call_word(call, name)));
+        }
+    }
+    for (const char *name : {"integer", "plain", "vlan_id"}) {
+        if (tavrix_call_has(call, name)) {
+            add(std::to_string(tavrix_call_integer(call, name)));
+        }
+    }
+    for (const char *name : {"number", "float"}) {
+        if (tavrix_call_has(call, name)) {
+            add(std::to_string(tavrix_call_real(call, name)));
+        }
+    }
+    if (tavrix_call_has(call, "boolean")) {
+        add(tavrix_call_boolean(call, "boolean") ? "true" : "false");
+    }
+    if (tavrix_call_has(call, "uint64")) {
+        add(std::to_string(tavrix_call_uint64(call, "uint64")));
+    }
+    if (tavrix_call_has(call, "vlan_ids")) {
+        add(integers(call, "vlan_ids"));
+    }
+    for (const char *name : {"points", "bare", "object", "json"}) {
+        char *text = json_dumps(tavrix_call_json(call, name), JSON_COMPACT | JSON_ENCODE_ANY);
+        if (text != nullptr) {
+            add(text);
+        }
+        std::free(text);
+    }
+    add_records(call);
+    return 0;
+}
+
+const tavrix_service_param required[] = {
+    TAVRIX_PARAM("port_id", TAVRIX_KIND_PORT_ID, "", TAVRIX_ANY_PORT),
+    TAVRIX_PARAM("vlan_id", TAVRIX_KIND_VLAN_ID, "", 0),
+    TAVRIX_PARAM_END,
+};
+int misread(tavrix_call *call) {
+    EXPECT_EQ(tavrix_call_text(call, "vlan_id"), nullptr);
+    EXPECT_EQ(tavrix_call_integer(call, "port_id"), 0);
+    EXPECT_EQ(tavrix_call_integer(call, "nothing"), 0);
+    return 0;
+}
+
+const tavrix_service_method methods[] = {
+    TAVRIX_METHOD("t.Show", show, "", rows, nullptr, TAVRIX_METHOD_STRICT),
+    TAVRIX_METHOD("t.Required", misread, "", required, nullptr, 0),
+    TAVRIX_METHOD(
+        "t.None", [](tavrix_call *) { return 0; }, "", nullptr, nullptr, TAVRIX_METHOD_STRICT),
+    TAVRIX_METHOD_END,
+};
+
+class Params : public testing::Test {
+  protected:
+    /** The values that the handler saw, or the code and reason of the refusal. */
+    std::string show_of(const std::string &params) {
+        last_values = "(not called)";
+        const std::string answer = stage.ask("t.Show", params);
+        if (member(answer, "error") == "(none)") {
+            return last_values;
+        }
+        data = member(member(answer, "error"), "data");
+        return code_of(answer) + " " + member(data, "reason");
+    }
+
+    LogCapture log{"info"};
+    Stage stage{methods};
+    std::string data;
+};
+
+} // namespace
+
+TEST_F(Params, OfEachKindAreHandedOverChecked) {
+    const std::map<std::string, std::string> cases = {
+        {R"({"text":"ab"})", "ab/0"},
+        {R"({"lines":"a\nb"})", "a\nb/0"},
+        {R"({"integer":5000000000})", "5000000000"},
+        {R"({"integer":-5})", "-5"},
+        {R"({"boolean":true})", "true"},
+        {R"({"boolean":false})", "false"},
+        {R"({"number":2})", "2.000000"},
+        {R"({"uint64":"0x10"})", "16"},
+        {R"({"uint64":"18446744073709551615"})", "18446744073709551615"},
+        {R"({"float":"2.5"})", "2.500000"},
+        {R"({"colour":"blue"})", "blue/2"},
+        {R"({"points":[{"x":1},{"x":2,"mac":"00:11:22:33:44:55"}]})", R"([{"x":1},{"x":2,"mac":"00:11:22:33:44:55"}])"},
+        {R"({"bare":["d1","d4"]})", R"(["d1","d4"])"},
+        {R"({"object":{"x":1,"more":2}})", R"({"x":1,"more":2})"},
+        {R"({"json":null})", "null"},
+        {R"({"port":"c128-99"})", "c128-99/0"},
+        {R"({"any_port":"all"})", "all/0"},
+        {R"({"any_port":"c2"})", "c2/0"},
+        {R"({"mzu":"c128"})", "c128/0"},
+        {R"({"status":"enable"})", "enable/1"},
+        {R"({"vlan_mode":"trunk"})", "trunk/3"},
+        {R"({"model":"ZQN-E10"})", "ZQN-E10/2"},
+        {R"({"secure":"disable"})", "disable/2"},
+        {R"({"mac":"aa-bb-cc-00-11-22"})", "AA:BB:CC:00:11:22/0"},
+        {R"({"alias":"ab1"})", "AB1/0"},
+        {R"({"vlan_id":4092})", "4092"},
+        {R"({"vlan_ids":[1,4092]})", "1,4092"},
+        {R"({"ports":[{"port_number":7,"port_status":1,"poe_status":1,"link_status":1,"link_speed":4,"vlan_mode":1,"vlan_ids":[9]}]})",
+         "1 ports, the first 7 in 9"},
+        {R"({"hardware":[{"port_number":7,"poe_status":1,"link_status":1,"link_speed":4}]})", "1 ports, the first 7"},
+        {R"({"filters":[{"mac":"aa:bb:cc:00:11:22","mask":"ff:ff:ff:00:00:00"}]})",
+         "1 filters, the first AA:BB:CC:00:11:22"},
+        {R"({"filters":[]})", "0 filters"},
+        {"{}", ""},
+    };
+    for (const auto &[params, values] : cases) {
+        EXPECT_EQ(show_of(params), values) << params;
+    }
+}
+
+TEST_F(Params, AreRefusedInWordsThatSayWhatCameAndWhatIsAllowed) {
+    const std::map<std::string, std::string> cases = {
+        {R"({"vlan_id":4093})", R"(-32602 "vlan_id: 4093 is not in 1 to 4092")"},
+        {R"({"vlan_id":0})", R"(-32602 "vlan_id: 0 is not in 1 to 4092")"},
+        {R"({"vlan_id":4294967297})", R"(-32602 "vlan_id: 4294967297 is not in 1 to 4092")"},
+        {R"({"vlan_id":"7"})", R"(-32602 "vlan_id: \"7\" is not an integer in 1 to 4092")"},
+        {R"({"vlan_id":7.0})", R"(-32602 "vlan_id: 7.0 is not an integer in 1 to 4092")"},
+        {R"({"integer":5000000001})", R"(-32602 "integer: 5000000001 is not in -5 to 5000000000")"},
+        {R"({"plain":4294967297})", R"(-32602 "plain: 4294967297 is not in -2147483648 to 2147483647")"},
+        {R"({"text":"a"})", R"(-32602 "text: \"a\" is not a text of 2 to 5 bytes")"},
+        {R"({"text":"abcdef"})", R"(-32602 "text: \"abcdef\" is not a text of 2 to 5 bytes")"},
+        {R"({"text":"ab\n"})", R"(-32602 "text: \"ab\\n\" holds a control character")"},
+        {R"({"mac":"00:11:22:33:44:5\u0007"})",
+         R"(-32602 "mac: \"00:11:22:33:44:5\\u0007\" holds a control character")"},
+        {R"({"boolean":1})", R"(-32602 "boolean: 1 is not true or false")"},
+        {R"({"number":"1"})", R"(-32602 "number: \"1\" is not a number")"},
+        {R"({"uint64":"12x"})",
+         R"(-32602 "uint64: \"12x\" is not a text with a number of 64 bits, such as \"4711\" or \"0x1267\"")"},
+        {R"({"uint64":"-1"})",
+         R"(-32602 "uint64: \"-1\" is not a text with a number of 64 bits, such as \"4711\" or \"0x1267\"")"},
+        {R"({"float":"fast"})", R"(-32602 "float: \"fast\" is not a text with a number, such as \"2.5\"")"},
+        {R"({"colour":"pink"})", R"(-32602 "colour: \"pink\" is not one of red, green, blue")"},
+        {R"({"status":"up"})", R"(-32602 "status: \"up\" is not one of enable, disable")"},
+        {R"({"vlan_mode":"trans"})", R"(-32602 "vlan_mode: \"trans\" is not one of local, access, trunk")"},
+        {R"({"secure":"Enable"})", R"(-32602 "secure: \"Enable\" is not one of current, enable, disable")"},
+        {R"({"points":[]})", R"(-32602 "points: [] is not an array of 1 to 2 elements")"},
+        {R"({"points":[7]})", R"(-32602 "points: [7] holds an element that is no object")"},
+        {R"({"points":[{"x":1},{}]})", R"(-32602 "points[1].x is missing: -2147483648 to 2147483647")"},
+        {R"({"points":[{"x":1,"mac":"no"}]})",
+         R"(-32602 "points[0].mac: \"no\" is not a MAC address, such as 00:1A:2B:3C:4D:5E")"},
+        {R"({"bare":["d1","d9"]})", R"(-32031 "bare[1]: \"d9\" is not a port d1 to d4")"},
+        {R"({"object":{"x":"1"}})", R"(-32602 "object.x: \"1\" is not an integer in -2147483648 to 2147483647")"},
+        {R"({"object":[]})", R"(-32602 "object: [] is not an object")"},
+        {R"({"port":"c2-100"})", R"(-32602 "port: \"c2-100\" is not a port c1-1 to c128-99, a port d1 to d4")"},
+        {R"({"c_port":"d1"})", R"(-32032 "c_port: \"d1\" is not a port c1-1 to c128-99")"},
+        {R"({"d_port":"c1-1"})", R"(-32031 "d_port: \"c1-1\" is not a port d1 to d4")"},
+        {R"({"any_port":"x"})",
+         R"(-32024 "any_port: \"x\" is not a port c1-1 to c128-99, a port d1 to d4, a unit c1 to c128, all")"},
+        {R"({"alias":"ninechars"})", R"(-32602 "alias: \"ninechars\" is not a text of up to 8 characters")"},
+        {R"({"password":"abc"})", R"(-32602 "password: is not a password: 4 to 15 letters, digits, and ! ? _ @ -")"},
+        {R"({"vlan_ids":[]})",
+         R"(-32602 "vlan_ids: [] is not an array of up to 32 VLAN ids, each 1 to 4092, at least 1")"},
+        {R"({"vlan_ids":7})",
+         R"(-32602 "vlan_ids: 7 is not an array of up to 32 VLAN ids, each 1 to 4092, at least 1")"},
+        {R"({"vlan_ids":[4294967297]})",
+         R"(-32602 "vlan_ids: [4294967297] is not an array of up to 32 VLAN ids, each 1 to 4092, at least 1")"},
+        {R"({"filters":[{"mac":"00:11:22:33:44:55"}]})",
+         R"(-32602 "filters: [{\"mac\":\"00:11:22:33:44:55\"}] is not an array of filters: mac and mask, two MAC addresses each, at most 2")"},
+        {R"({"filters":[1,2,3]})",
+         R"(-32602 "filters: [1,2,3] is not an array of filters: mac and mask, two MAC addresses each, at most 2")"},
+        {R"({"unknown":1})", R"(-32602 "unknown: t.Show has no such parameter")"},
+    };
+    for (const auto &[params, refusal] : cases) {
+        EXPECT_EQ(show_of(params), refusal) << params;
+        EXPECT_EQ(last_values, "(not called)") << params;
+    }
+}
+
+TEST_F(Params, RefusedCarryTheLibrarysMessageBesideTheKitsReason) {
+    show_of(R"({"vlan_id":"7"})");
+    EXPECT_EQ(data, R"({"message":"Parameter 'vlan_id' is not of type 'integer'.",)"
+                    R"("reason":"vlan_id: \"7\" is not an integer in 1 to 4092","parameter":"vlan_id",)"
+                    R"("allowed":"1 to 4092","value":"7"})");
+    show_of(R"({"alias":"ninechars"})");
+    EXPECT_EQ(member(data, "message"), R"("Alias must be 8 characters or fewer.")");
+    show_of(R"({"password":"abc"})");
+    EXPECT_EQ(data.find("abc"), std::string::npos) << data;
+}
+
+TEST_F(Params, ThatAreMissingAreNamedInTheTablesOrder) {
+    const std::string error = member(stage.ask("t.Required", "{}"), "error");
+    EXPECT_EQ(member(error, "code"), "-32602");
+    EXPECT_EQ(member(member(error, "data"), "message"), R"("Missing expected parameter: 'port_id'")");
+    EXPECT_EQ(member(member(error, "data"), "reason"),
+              R"("port_id is missing: a port c1-1 to c128-99, a port d1 to d4")");
+    stage.router.say(R"({"jsonrpc":"2.0","method":"t.Required","id":"c"})");
+    EXPECT_EQ(code_of(stage.next()), "-32602") << "no params at all";
+}
+
+TEST_F(Params, WithoutARowAreIgnoredUnlessTheTableIsStrict) {
+    EXPECT_EQ(member(stage.ask("t.Required", R"({"port_id":"d1","vlan_id":1,"more":1})"), "result"), "0");
+    EXPECT_EQ(code_of(stage.ask("t.None", R"({"more":1})")), "-32602");
+}
+
+TEST_F(Params, ReadAsAnotherKindAreAbsentAndTold) {
+    stage.ask("t.Required", R"({"port_id":"d1","vlan_id":1})");
+    EXPECT_NE(log.text().find("reads its parameter vlan_id as another kind"), std::string::npos);
+    EXPECT_NE(log.text().find("reads a parameter nothing that has no row"), std::string::npos);
+}
+
+TEST_F(Params, OfAnySizeLeaveNothingBehind) {
+    const std::string large(30000, 'x');
+    for (int i = 0; i < 50; ++i) {
+        EXPECT_EQ(show_of("{\"lines\":\"" + large + "\"}"), large + "/0");
+    }
+}
+
+// --- The kinds' bounds are the library's ---------------------------------------------------------------------------
+
+namespace {
+
+struct IntegerKind {
+    tavrix_kind kind;
+    int (*retrieve)(json_t *, json_t **, const char *, int *);
+};
+
+} // namespace
+
+TEST(Kinds, RefuseTheIntegersThatTheLibraryRefusesAndNoOthers) {
+    const LogCapture log("info");
+    const IntegerKind kinds[] = {
+        {TAVRIX_KIND_VLAN_ID, tavrix_jrpc_utils_retrieve_input_vlan_id},
+        {TAVRIX_KIND_UNIT_ID, tavrix_jrpc_utils_retrieve_input_unit_id},
+        {TAVRIX_KIND_PERIODIC_INTERVAL, tavrix_jrpc_utils_retrieve_input_periodic_interval},
+        {TAVRIX_KIND_LASER_ID, tavrix_jrpc_utils_retrieve_input_laser_id},
+        {TAVRIX_KIND_OLT_ID, tavrix_jrpc_utils_retrieve_input_olt_id},
+        {TAVRIX_KIND_ONU_ID, tavrix_jrpc_utils_retrieve_input_onu_id},
+        {TAVRIX_KIND_PORT_NUMBER, tavrix_jrpc_utils_retrieve_input_port_number},
+        {TAVRIX_KIND_PORT_LINK_SPEED, tavrix_jrpc_utils_retrieve_input_port_link_speed},
+        {TAVRIX_KIND_ENABLE, tavrix_jrpc_utils_retrieve_input_enable},
+    };
+    for (const IntegerKind &kind : kinds) {
+        const tavrix_service_param row[] = {TAVRIX_PARAM("n", kind.kind, "", 0), TAVRIX_PARAM_END};
+        const tavrix_service_method table[] = {TAVRIX_METHOD(
+                                                   "t.One", [](tavrix_call *) { return 0; }, "", row, nullptr, 0),
+                                               TAVRIX_METHOD_END};
+        Stage stage(table);
+        for (const int n : {-2, -1, 0, 1, 2, 128, 129, 3600, 3601, 4092, 4093}) {
+            json_t *params = json_pack("{s:i}", "n", n);
+            int out = 0;
+            const bool accepted = kind.retrieve(params, nullptr, "n", &out) == TAVRIX_OK;
+            json_decref(params);
+            const std::string answer = stage.ask("t.One", "{\"n\":" + std::to_string(n) + "}");
+            EXPECT_EQ(member(answer, "result") == "0", accepted) << kind.kind << " " << n << " " << answer;
+        }
+    }
+}
+
+TEST(Rows, ThatCannotBeServedAreRefusedWhenTheServiceOpens) {
+    const LogCapture log("info");
+    const tavrix_service_param bad[][2] = {
+        {TAVRIX_PARAM("a", TAVRIX_KIND_NONE, "", 0), TAVRIX_PARAM_END},
+        {TAVRIX_PARAM("a", TAVRIX_KIND_COUNT, "", 0), TAVRIX_PARAM_END},
+        {TAVRIX_PARAM("a", TAVRIX_KIND_WORD, "", 0), TAVRIX_PARAM_END},
+        {TAVRIX_PARAM("a", TAVRIX_KIND_PORT_ID, "", 0), TAVRIX_PARAM_END},
+        {TAVRIX_PARAM_RANGE("a", TAVRIX_KIND_INTEGER, "", 0, 5, 4), TAVRIX_PARAM_END},
+    };
+    for (const auto &row : bad) {
+        const tavrix_service_method table[] = {TAVRIX_METHOD(
+                                                   "t.One", [](tavrix_call *) { return 0; }, "", row, nullptr, 0),
+                                               TAVRIX_METHOD_END};
+        tavrix_service_options options = {};
+        options.name = "tester";
+        options.methods = table;
+        tavrix_service *service = nullptr;
+        EXPECT_EQ(tavrix_service_open(&options, &service), TAVRIX_ERR_PARAMETER);
+    }
+    EXPECT_NE(log.text().find("Method t.One: parameter a is a word without words"), std::string::npos);
+}

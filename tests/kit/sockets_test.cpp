@@ -1,0 +1,244 @@
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "kit/support/played_router.h"
+#include "support/json.h"
+#include "support/log_capture.h"
+#include "support/stream.h"
+#include "tavrix_mq.h"
+
+namespace {
+
+using support::code_of;
+using support::LogCapture;
+using support::member;
+using support::Stage;
+using support::StreamClient;
+
+uint64_t deferred = 0;
+int abandoned = 0;
+int calls = 0;
+tavrix_caller caller;
+
+int echo(tavrix_call *call) {
+    ++calls;
+    caller = tavrix_call_caller(call);
+    json_t *params = tavrix_call_params(call);
+    return params != nullptr ? tavrix_call_reply(call, json_incref(params)) : 0;
+}
+int defer(tavrix_call *call) {
+    deferred = tavrix_call_defer(
+        call, [](tavrix_call *, void *) { ++abandoned; }, nullptr);
+    return 0;
+}
+
+const tavrix_service_method methods[] = {
+    TAVRIX_METHOD("t.Echo", echo, "", nullptr, nullptr, 0),
+    TAVRIX_METHOD("t.Defer", defer, "", nullptr, nullptr, 0),
+    TAVRIX_METHOD_END,
+};
+
+class Sockets : public testing::Test {
+  protected:
+    void SetUp() override {
+        deferred = 0;
+        abandoned = 0;
+        calls = 0;
+    }
+    /** What a client hears until the service closes. */
+    std::string hear(const StreamClient &client) {
+        std::string text;
+        char bytes[4096];
+        const bool closed = stage.wait([&] {
+            ssize_t count = 0;
+            while ((count = recv(client.fd(), bytes, sizeof bytes, MSG_DONTWAIT)) > 0) {
+                text.append(bytes, static_cast<size_t>(count));
+            }
+            return count == 0 || errno == ECONNRESET;
+        });
+        return closed ? text : "(time-out)";
+    }
+    std::string ask(const std::string &request) {
+        const StreamClient client = StreamClient::unix_path("direct.sock");
+        client.say(request);
+        return hear(client);
+    }
+    static std::string request(const std::string &method, const std::string &params) {
+        return R"({"jsonrpc":"2.0","method":")" + method + R"(","id":1,"params":)" + params + "}";
+    }
+
+    LogCapture log{"info"};
+    Stage stage{methods};
+};
+
+} // namespace
+
+TEST_F(Sockets, AnswerOneRequestOnAUnixPathAndClose) {
+    ASSERT_NE(tavrix_service_listen_unix(stage.service, "direct.sock"), 0U);
+    EXPECT_EQ(ask(request("t.Echo", R"({"a":1})")), R"({"jsonrpc":"2.0","id":"t.Echo","result":{"a":1}})");
+    EXPECT_EQ(caller.road, TAVRIX_ROAD_UNIX);
+    EXPECT_EQ(caller.pid, getpid());
+    EXPECT_EQ(caller.uid, getuid());
+    EXPECT_EQ(code_of(ask(request("t.Unknown", "{}"))), "-32601");
+}
+
+TEST_F(Sockets, AnswerOnATcpPort) {
+    unsigned port = 0;
+    ASSERT_NE(tavrix_service_listen_tcp(stage.service, nullptr, 0, &port), 0U);
+    ASSERT_NE(port, 0U);
+    const StreamClient client = StreamClient::tcp_port(static_cast<int>(port));
+    client.say(request("t.Echo", R"({"a":2})"));
+    EXPECT_EQ(member(hear(client), "result"), R"({"a":2})");
+    EXPECT_EQ(caller.road, TAVRIX_ROAD_TCP);
+    EXPECT_EQ(tavrix_service_listen_tcp(stage.service, nullptr, port, nullptr), 0U);
+    EXPECT_NE(log.text().find("Cannot listen on 127.0.0.1:" + std::to_string(port) +
+                              ": Address already in use; is another daemon running there?"),
+              std::string::npos);
+}
+
+TEST_F(Sockets, TakeARequestThatComesInPieces) {
+    tavrix_service_listen_unix(stage.service, "direct.sock");
+    const StreamClient client = StreamClient::unix_path("direct.sock");
+    const std::string text = request("t.Echo", R"({"brace":"}\"{"})");
+    for (const char byte : text) {
+        client.say(std::string(1, byte));
+        stage.step();
+    }
+    EXPECT_EQ(member(hear(client), "result"), R"({"brace":"}\"{"})");
+}
+
+TEST_F(Sockets, TakeARequestOf1024BytesAndNoLongerOne) {
+    tavrix_service_listen_unix(stage.service, "direct.sock");
+    const size_t rest = request("t.Echo", R"({"a":""})").size();
+    const std::string longest = request("t.Echo", R"({"a":")" + std::string(1024 - rest, 'x') + "\"}");
+    ASSERT_EQ(longest.size(), 1024U);
+    EXPECT_EQ(member(ask(longest), "id"), "\"t.Echo\"");
+    EXPECT_EQ(ask(request("t.Echo", R"({"a":")" + std::string(1025 - rest, 'x') + "\"}")), "");
+}
+
+TEST_F(Sockets, CloseWithoutAnAnswerWhereTheLibraryDoes) {
+    tavrix_service_listen_unix(stage.service, "direct.sock");
+    EXPECT_EQ(ask("nonsense"), "");
+    EXPECT_EQ(ask("[]"), "");
+    EXPECT_EQ(ask(R"({"jsonrpc":"2.0","method":"t.Echo","params":{}})"), "") << "a notification";
+    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(ask(R"({"jsonrpc":"1.0","method":"t.Echo","id":1})"), "");
+}
+
+TEST_F(Sockets, AnswerAClientThatHasShutItsSendingSideDown) {
+    tavrix_service_listen_unix(stage.service, "direct.sock");
+    const StreamClient client = StreamClient::unix_path("direct.sock");
+    client.say(request("t.Defer", "{}"));
+    shutdown(client.fd(), SHUT_WR);
+    ASSERT_TRUE(stage.wait([] { return deferred != 0; }));
+    for (int i = 0; i < 5; ++i) {
+        stage.step();
+    }
+    EXPECT_EQ(tavrix_call_reply(tavrix_service_deferred(stage.service, deferred), json_integer(3)), TAVRIX_OK);
+    EXPECT_EQ(member(hear(client), "result"), "3");
+}
+
+TEST_F(Sockets, AbandonTheCallOfAClientThatGoes) {
+    tavrix_service_listen_unix(stage.service, "direct.sock");
+    {
+        const StreamClient client = StreamClient::unix_path("direct.sock");
+        client.say(request("t.Defer", "{}"));
+        ASSERT_TRUE(stage.wait([] { return deferred != 0; }));
+    }
+    EXPECT_TRUE(stage.wait([] { return abandoned == 1; }));
+    EXPECT_EQ(tavrix_service_deferred(stage.service, deferred), nullptr);
+}
+
+TEST_F(Sockets, SilentClientsHoldNobodyUpAndMakeRoom) {
+    tavrix_service_listen_unix(stage.service, "direct.sock");
+    std::vector<StreamClient> silent;
+    for (int i = 0; i < TAVRIX_SERVICE_MAX_CLIENTS; ++i) {
+        silent.push_back(StreamClient::unix_path("direct.sock"));
+        stage.step();
+    }
+    EXPECT_EQ(member(ask(request("t.Echo", "{}")), "result"), "{}");
+    EXPECT_EQ(hear(silent.front()), "") << "the one that has been silent for longest was closed";
+}
+
+TEST_F(Sockets, AnswerMoreThanAClientReadsAtOnce) {
+    tavrix_service_listen_unix(stage.service, "direct.sock");
+    const StreamClient client = StreamClient::unix_path("direct.sock");
+    client.say(request("t.Defer", "{}"));
+    ASSERT_TRUE(stage.wait([] { return deferred != 0; }));
+    const std::string large(4 << 20, 'x');
+    tavrix_call_reply(tavrix_service_deferred(stage.service, deferred), json_string(large.c_str()));
+    EXPECT_EQ(member(hear(client), "result").size(), large.size() + 2);
+}
+
+TEST_F(Sockets, TakeNoPlaceThatIsServedOrIsNoSocket) {
+    ASSERT_NE(tavrix_service_listen_unix(stage.service, "direct.sock"), 0U);
+    EXPECT_EQ(tavrix_service_listen_unix(stage.service, "direct.sock"), 0U);
+    EXPECT_NE(log.text().find("Cannot listen on direct.sock: another daemon serves there"), std::string::npos);
+    std::ofstream("file") << "precious";
+    EXPECT_EQ(tavrix_service_listen_unix(stage.service, "file"), 0U);
+    EXPECT_NE(log.text().find("Cannot listen on file: there is a file that is no socket"), std::string::npos);
+    EXPECT_EQ(tavrix_service_listen_unix(stage.service, std::string(108, 'p').c_str()), 0U);
+}
+
+TEST_F(Sockets, RemoveTheirFileWhenTheyAreCancelled) {
+    const uint64_t number = tavrix_service_listen_unix(stage.service, "direct.sock");
+    EXPECT_EQ(tavrix_service_cancel(stage.service, number), TAVRIX_OK);
+    EXPECT_NE(access("direct.sock", F_OK), 0);
+}
+
+TEST_F(Sockets, PullTakesOneWayRequests) {
+    const std::string address = support::free_bus_address();
+    ASSERT_NE(tavrix_service_listen_pull(stage.service, address.c_str()), 0U);
+    support::BusSocket push(TAVRIX_SP_PUSH);
+    push.connect(address);
+    ASSERT_EQ(tavrix_mq_socket_send(push.number, request("t.Echo", "{}").c_str()), TAVRIX_OK);
+    EXPECT_TRUE(stage.wait([] { return calls == 1; }));
+    EXPECT_EQ(caller.road, TAVRIX_ROAD_PULL);
+    EXPECT_EQ(tavrix_service_listen_pull(stage.service, "nowhere"), 0U);
+}
+
+TEST_F(Sockets, EndWithTheService) {
+    tavrix_service_listen_unix(stage.service, "direct.sock");
+    const StreamClient client = StreamClient::unix_path("direct.sock");
+    client.say(request("t.Defer", "{}"));
+    ASSERT_TRUE(stage.wait([] { return deferred != 0; }));
+    tavrix_service_close(stage.service);
+    stage.service = nullptr;
+    EXPECT_EQ(code_of(client.hear()), "-32014");
+    EXPECT_NE(access("direct.sock", F_OK), 0);
+}
+
+// --- Timers --------------------------------------------------------------------------------------------------------
+
+namespace {
+
+struct Ticks {
+    int count = 0;
+    uint64_t number = 0;
+};
+
+void tick(tavrix_service *service, void *user) {
+    auto *ticks = static_cast<Ticks *>(user);
+    if (++ticks->count == 3) {
+        EXPECT_EQ(tavrix_service_cancel(service, ticks->number), TAVRIX_OK);
+    }
+}
+
+} // namespace
+
+TEST_F(Sockets, TimersRunOnceOrAgainAndAgainUntilTheyAreCancelled) {
+    Ticks once;
+    Ticks often;
+    once.number = tavrix_service_timer(stage.service, 0, 0, tick, &once);
+    often.number = tavrix_service_timer(stage.service, 1, 1, tick, &often);
+    ASSERT_TRUE(stage.wait([&] { return often.count == 3 && once.count == 1; }));
+    EXPECT_EQ(tavrix_service_cancel(stage.service, once.number), TAVRIX_ERR_NO_RECORDS);
+    EXPECT_EQ(tavrix_service_cancel(stage.service, often.number), TAVRIX_ERR_NO_RECORDS);
+    EXPECT_EQ(tavrix_service_timer(stage.service, -1, 0, tick, &once), 0U);
+}

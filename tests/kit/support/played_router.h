@@ -1,0 +1,107 @@
+/**
+ * A router that the test plays, and a service beside it: both live in the test's thread, and move when the test waits.
+ *
+ *     Stage stage(methods);                       // opens, connects and registers the service
+ *     stage.router.say(request("t.Echo", "1"));   // a line on the session
+ *     EXPECT_EQ(stage.router.next(), ...);        // the line that comes back
+ */
+#ifndef TAVRIX_TESTS_KIT_PLAYED_ROUTER_H
+#define TAVRIX_TESTS_KIT_PLAYED_ROUTER_H
+
+#include <deque>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <jansson.h>
+
+#include "support/bus.h"
+#include "tavrix.h"
+#include "tavrix_service.h"
+
+namespace support {
+
+/** The session's listener and its one connection, to the newest service. */
+class PlayedRouter {
+  public:
+    explicit PlayedRouter(std::string path = "session.sock");
+    PlayedRouter(const PlayedRouter &) = delete;
+    PlayedRouter &operator=(const PlayedRouter &) = delete;
+    ~PlayedRouter();
+
+    void listen();
+    /** Stops listening and closes the connection, as a router that dies. */
+    void die();
+    /** Closes the connection alone. */
+    void hang_up();
+    bool connected() const { return client_ >= 0; }
+
+    /** Takes connections and lines; answers router.Bus, router.Register and router.Subscribe when `polite`. */
+    void step();
+    void say(const std::string &line);
+    /** Writes as many bytes as the socket takes, without a line end. */
+    void say_bytes(const std::string &bytes);
+
+    std::deque<std::string> lines; ///< what it has not answered by itself
+    std::vector<std::string> heard_methods;
+    std::string registration; ///< the last router.Register's params
+    std::string patterns;     ///< of the last router.Subscribe or router.Unsubscribe
+
+    bool polite = true;
+    bool settles = true; ///< answers a registration only when the bus stands both ways
+    std::string folder;  ///< absolute; empty: null
+    std::string services = "[]";
+    int reply_timeout_ms = 5000;
+    std::string register_error; ///< instead of a result
+    std::string bus_address;
+    BusSocket pub;
+    BusSocket sub;
+    std::vector<std::string> frames; ///< replies and hellos on the reply channel
+
+  private:
+    void take_line(const std::string &line);
+    void answer(const json_t *request, const std::string &method);
+    void open_bus();
+    void settle();
+    void result(const json_t *id, const std::string &value);
+
+    std::string path_;
+    int listener_ = -1;
+    int client_ = -1;
+    std::string in_;
+    std::string pending_register_; ///< the id of one that waits for its hello
+    std::string connected_address_;
+};
+
+class Stage {
+  public:
+    /** With a table the service is started, and registered when this returns. */
+    explicit Stage(const tavrix_service_method *methods, tavrix_service_options options = {},
+                   const std::function<void(PlayedRouter &)> &prepare = nullptr);
+    /** A stage without a service yet. */
+    Stage();
+    Stage(const Stage &) = delete;
+    Stage &operator=(const Stage &) = delete;
+    ~Stage();
+
+    void open(const tavrix_service_method *methods, tavrix_service_options options = {});
+    /** Lets both move once. */
+    void step();
+    bool wait(const std::function<bool()> &condition, int timeout_ms = 20000);
+    bool wait_ready();
+    /** The next line that the service writes; "(nothing)" when none comes. */
+    std::string next();
+    /** Sends a request on the session and gives the service's answer. */
+    std::string ask(const std::string &method, const std::string &params = "{}", int transaction_id = 7);
+
+    PlayedRouter router;
+    tavrix_service *service = nullptr;
+};
+
+/** A request as the router puts it on a direct service's session. */
+std::string direct_request(const std::string &method, const std::string &params, int transaction_id);
+
+} // namespace support
+
+#endif

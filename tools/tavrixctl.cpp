@@ -17,17 +17,23 @@ namespace {
 using namespace tavrixctl;
 
 constexpr char version_text[] = "tavrixctl " TAVRIX_VERSION;
-constexpr char default_socket[] = "/run/tavrix/router.sock";
 const std::vector<std::string> json_words = {"pretty", "short"};
+const std::vector<std::string> monitor_words = {"pretty", "short", "lines"};
 const std::vector<std::string> shells = {"bash"};
-constexpr char params_help[] = "A JSON object, or - to read it from standard input";
+constexpr char params_help[] = "key=text, key:=json, a JSON object, @FILE or - (standard input) with one";
+
+constexpr int most_params = 256;
+
+// Before a word that begins with '[', which the parser would otherwise break up into several.
+constexpr char guard[] = "\x1f";
 
 // What the completion script calls; taken before the parser, for which half a word would be wrong usage.
 constexpr char complete_verb[] = "__complete";
 
 constexpr char general_footer[] = R"(examples:
   tavrixctl call ports.Get '{"port_id":"c1-1"}'
-  tavrixctl monitor tcp://127.0.0.1:7001 tcp://127.0.0.1:7002
+  tavrixctl status
+  tavrixctl monitor
   tavrixctl error -35
 
 exit status: 0 result, 1 error response or rejected value, 2 usage, 3 time-out, 4 no connection)";
@@ -37,10 +43,15 @@ struct CommandLine {
     CallOptions call;
     SendOptions send;
     MonitorOptions monitor;
+    ReplayOptions replay;
     PushOptions push;
+    SubscribeOptions subscribe;
     WaitOptions wait;
     LogLevelOptions log_level;
     ShmOptions shm;
+    StatusOptions status;
+    TopOptions top;
+    WaitServiceOptions wait_service;
     int error_code = 0;
     std::string field;
     std::vector<std::string> values;
@@ -54,20 +65,29 @@ std::string not_empty(const std::string &text) { return text.empty() ? "an empty
 CLI::App *add_verb(CLI::App &app, const std::string &name, const std::string &what, const std::string &examples) {
     CLI::App *verb = app.add_subcommand(name, what);
     verb->footer("examples:\n" + examples);
-    verb->set_version_flag("--version", version_text);
+    verb->set_version_flag("-V,--version", version_text);
     return verb;
 }
 
+CLI::Option *add_session(CLI::App *verb, Target *target) {
+    return verb->add_option("--session", target->session,
+                            "The router's socket for sessions; default: TAVRIX_SESSION, or /run/tavrix/session.sock");
+}
+
 void add_router(CLI::App *verb, Target *target) {
-    const char *socket_path = std::getenv("TAVRIX_SOCKET");
+    add_session(verb, target);
     CLI::Option *socket =
-        verb->add_option("--socket", target->socket_path, "The router's unix socket; default from TAVRIX_SOCKET")
-            ->default_val(socket_path != nullptr && socket_path[0] != '\0' ? socket_path : default_socket);
-    verb->add_option("--tcp", target->tcp, "The router's TCP socket, as HOST:PORT")->excludes(socket);
+        verb->add_option("--socket", target->socket_path,
+                         "The router's socket for one request; default: TAVRIX_SOCKET, or /run/tavrix/router.sock")
+            ->excludes("--session");
+    verb->add_option("--tcp", target->tcp, "The router's TCP socket, as HOST:PORT")
+        ->excludes(socket)
+        ->excludes("--session");
 }
 
 CLI::Option *add_direct(CLI::App *verb, Target *target) {
     return verb->add_option("--direct", target->direct, "A daemon's own unix socket server instead of the router")
+        ->excludes("--session")
         ->excludes("--socket")
         ->excludes("--tcp");
 }
@@ -96,7 +116,7 @@ void add_call(CLI::App &app, CommandLine *line) {
                  "  tavrixctl call --direct /run/tavrix/events.sock events.Last");
     CallOptions &options = line->call;
     verb->add_option("METHOD", options.method, "Method name, for example ports.Get")->required();
-    verb->add_option("PARAMS", options.params, params_help);
+    verb->add_option("PARAMS", options.params, params_help)->expected(0, most_params);
     verb->add_option("--id", options.id, "The request's id")->default_val("tavrixctl")->check(not_empty);
     verb->add_option("--transaction", options.transaction_id, "The request's transaction id; default: a fresh number");
     add_router(verb, &options.target);
@@ -120,19 +140,103 @@ void add_send(CLI::App &app, CommandLine *line) {
     verb->callback([line] { line->run = [line] { return send(line->send); }; });
 }
 
+/** What is shown for people unless one of the words is given. */
+void add_optional_json(CLI::App *verb, std::optional<JsonStyle> *style) {
+    const auto store = [style](const std::string &word) {
+        *style = word == "pretty" ? JsonStyle::pretty : JsonStyle::single_line;
+    };
+    verb->add_option_function<std::string>("--json", store, "Print JSON, on several lines (pretty) or on one (short)")
+        ->check(CLI::IsMember(json_words));
+}
+
 void add_monitor(CLI::App &app, CommandLine *line) {
-    CLI::App *verb = add_verb(app, "monitor", "Print every bus frame with time, channel and JSON",
+    CLI::App *verb = add_verb(app, "monitor", "Print what passes: requests with their replies, and notifications",
+                              "  tavrixctl monitor\n"
+                              "  tavrixctl monitor 'ports.*' --slower-than 0.001\n"
+                              "  tavrixctl monitor --json lines --record traffic.json\n"
                               "  tavrixctl monitor tcp://127.0.0.1:7001 tcp://127.0.0.1:7002\n"
                               "  tavrixctl monitor tcp://127.0.0.1:7003 --channel events");
     MonitorOptions &options = line->monitor;
-    verb->add_option("ADDRESS", options.addresses, "Publish addresses to connect to")->required()->expected(1, 64);
-    verb->add_option("--channel", options.channels, "Only channels that begin so; may be repeated")
+    verb->add_option("WORD", options.words,
+                     "Methods, or beginnings of some followed by '*'; bus addresses to listen to instead of asking the "
+                     "router")
+        ->expected(0, most_params);
+    verb->add_option("--service", options.service, "Only what this service answers or publishes");
+    verb->add_flag("--errors", options.errors_only, "Only requests that ended otherwise than with a result");
+    verb->add_option("--slower-than", options.slower_than_ms, "Only requests that took more milliseconds")
+        ->check(CLI::Range(0.0, 1e9));
+    verb->add_option("--record", options.record, "Write what is printed to this file as well, a JSON object a line");
+    verb->add_option("--channel", options.channels, "Only channels of the bus that begin so; may be repeated")
         ->expected(1)
         ->allow_extra_args(false)
         ->take_all();
-    verb->add_option("--count", options.count, "End after so many frames");
-    add_json(verb, &options.json);
+    verb->add_option("--count", options.count, "End after so many lines");
+    add_session(verb, &options.target);
+    const auto store = [&options](const std::string &word) {
+        options.json = word == "pretty"  ? JsonStyle::pretty
+                       : word == "lines" ? JsonStyle::lines
+                                         : JsonStyle::single_line;
+    };
+    verb->add_option_function<std::string>(
+            "--json", store, "Print JSON: on several lines (pretty), on one (short), an object a line (lines)")
+        ->check(CLI::IsMember(monitor_words));
     verb->callback([line] { line->run = [line] { return monitor(line->monitor); }; });
+}
+
+void add_replay(CLI::App &app, CommandLine *line) {
+    CLI::App *verb = add_verb(app, "replay", "Send recorded requests once more, to a test system",
+                              "  tavrixctl replay traffic.json --session session.sock --speed 0");
+    ReplayOptions &options = line->replay;
+    verb->add_option("FILE", options.file, "What monitor --record has written")->required();
+    verb->add_option("--speed", options.speed, "Times as fast as recorded; 0: each when the former is answered")
+        ->check(CLI::Range(0.0, 1e6))
+        ->capture_default_str();
+    // No usual path and no variable: requests that change a system are not sent to it by mistake.
+    add_session(verb, &options.target)->description("The test system's socket for sessions")->required();
+    add_timeout(verb, &options.timeout_s);
+    verb->callback([line] { line->run = [line] { return replay(line->replay); }; });
+}
+
+void add_status(CLI::App &app, CommandLine *line) {
+    CLI::App *verb = add_verb(app, "status", "Show the services, clients and calls that the router knows",
+                              "  tavrixctl status\n  tavrixctl status --json pretty");
+    StatusOptions &options = line->status;
+    add_router(verb, &options.target);
+    add_timeout(verb, &options.timeout_s);
+    add_optional_json(verb, &options.json);
+    verb->callback([line] { line->run = [line] { return status(line->status); }; });
+}
+
+void add_top(CLI::App &app, CommandLine *line) {
+    CLI::App *verb = add_verb(app, "top", "Show the status again and again, busiest methods first",
+                              "  tavrixctl top --interval 0.2 --count 2");
+    TopOptions &options = line->top;
+    verb->add_option("--interval", options.interval_s, "Seconds from one look to the next")
+        ->check(CLI::Range(0.01, 1e6))
+        ->capture_default_str();
+    verb->add_option("--count", options.count, "End after so many looks");
+    add_router(verb, &options.target);
+    add_timeout(verb, &options.timeout_s);
+    verb->callback([line] { line->run = [line] { return top(line->top); }; });
+}
+
+void add_metrics(CLI::App &app, CommandLine *line) {
+    CLI::App *verb =
+        add_verb(app, "metrics", "Print what the router counts, in Prometheus' format", "  tavrixctl metrics");
+    StatusOptions &options = line->status;
+    add_router(verb, &options.target);
+    add_timeout(verb, &options.timeout_s);
+    verb->callback([line] { line->run = [line] { return metrics(line->status); }; });
+}
+
+void add_wait_service(CLI::App &app, CommandLine *line) {
+    CLI::App *verb = add_verb(app, "wait-service", "Wait until services are there, and the router with them",
+                              "  tavrixctl wait-service portsd --timeout 10");
+    WaitServiceOptions &options = line->wait_service;
+    verb->add_option("NAME", options.names, "The services' names")->required()->expected(1, 64);
+    add_router(verb, &options.target);
+    add_timeout(verb, &options.timeout_s);
+    verb->callback([line] { line->run = [line] { return wait_service(line->wait_service); }; });
 }
 
 void add_push(CLI::App &app, CommandLine *line) {
@@ -142,18 +246,43 @@ void add_push(CLI::App &app, CommandLine *line) {
     PushOptions &options = line->push;
     verb->add_option("ADDRESS", options.address, "Address of the pull socket")->required();
     verb->add_option("METHOD", options.method, "Method name")->required();
-    verb->add_option("PARAMS", options.params, params_help);
+    verb->add_option("PARAMS", options.params, params_help)->expected(0, most_params);
     add_timeout(verb, &options.timeout_s);
     verb->callback([line] { line->run = [line] { return push(line->push); }; });
 }
 
+void add_subscribe(CLI::App &app, CommandLine *line) {
+    CLI::App *verb = add_verb(app, "subscribe", "Print notifications as they are published",
+                              "  tavrixctl subscribe 'events.*' --count 2\n"
+                              "  tavrixctl subscribe events.LinkChanged --json short --count 1");
+    SubscribeOptions &options = line->subscribe;
+    verb->add_option("PATTERN", options.patterns, "Methods, or beginnings of some followed by '*'")
+        ->required()
+        ->expected(1, 64);
+    verb->add_option("--count", options.count, "End after so many");
+    add_session(verb, &options.target);
+    verb->add_option("--timeout", options.timeout_s, "Seconds to wait at most; default: for ever")
+        ->check(CLI::Range(0.001, 1e6));
+    add_optional_json(verb, &options.json);
+    verb->callback([line] { line->run = [line] { return subscribe(line->subscribe); }; });
+}
+
 void add_wait(CLI::App &app, CommandLine *line) {
-    CLI::App *verb = add_verb(app, "wait", "Wait for a notification on the bus and print it",
+    CLI::App *verb = add_verb(app, "wait", "Wait for a notification and print it",
+                              "  tavrixctl wait events.LinkChanged\n"
+                              "  tavrixctl wait events.LinkChanged entity=c1-1 --timeout 10\n"
                               "  tavrixctl wait events.LinkChanged tcp://127.0.0.1:7003");
     WaitOptions &options = line->wait;
     verb->add_option("METHOD", options.method, "The notification's method name")->required();
-    verb->add_option("ADDRESS", options.address, "Publish address to connect to")->required();
-    verb->add_option("--channel", options.channel, "Only channels that begin so");
+    verb->add_option("WORD", options.words,
+                     "What its params have to hold, as key=text or key:=json; bus addresses to listen to instead of "
+                     "asking the router")
+        ->expected(0, most_params);
+    verb->add_option("--count", options.count, "End after so many")
+        ->check(CLI::Range(1U, 1000000U))
+        ->capture_default_str();
+    verb->add_option("--channel", options.channel, "Only channels of the bus that begin so");
+    add_session(verb, &options.target);
     add_timeout(verb, &options.timeout_s);
     add_json(verb, &options.json);
     verb->callback([line] { line->run = [line] { return wait(line->wait); }; });
@@ -281,7 +410,8 @@ std::vector<std::string> positional_words(const Position &position) {
 
 std::vector<std::string> candidates_at(const Position &position) {
     if (!position.option.empty()) {
-        return position.option == "--json" ? json_words : std::vector<std::string>();
+        const bool is_monitor = position.verb->get_name() == "monitor";
+        return position.option != "--json" ? std::vector<std::string>() : is_monitor ? monitor_words : json_words;
     }
     std::vector<std::string> candidates = positional_words(position);
     for (const CLI::App *sub : position.verb->get_subcommands([](CLI::App *) { return true; })) {
@@ -293,6 +423,16 @@ std::vector<std::string> candidates_at(const Position &position) {
         }
     }
     return candidates;
+}
+
+/** Takes the guard of words off again before they are stored. */
+void unguard(CLI::App *app) {
+    for (CLI::Option *option : app->get_options()) {
+        option->transform([](const std::string &word) { return word.substr(word.rfind(guard, 0) == 0 ? 1 : 0); });
+    }
+    for (CLI::App *verb : app->get_subcommands([](CLI::App *) { return true; })) {
+        unguard(verb);
+    }
 }
 
 /** The words that may follow: asked for by the shell, word by word, so that it never knows less than the tool. */
@@ -323,19 +463,26 @@ complete -o default -F _tavrixctl tavrixctl)";
 int main(int argc, char **argv) {
     CommandLine line;
     CLI::App app("The command line of the tavrix middleware", "tavrixctl");
-    app.set_version_flag("--version", version_text);
+    app.set_version_flag("-V,--version", version_text);
     app.add_flag("--log", line.show_log, "Show the library's own log lines on standard error");
     app.require_subcommand(1);
     app.footer(general_footer);
-    for (auto add : {add_call, add_send, add_monitor, add_push, add_wait, add_error, add_validate, add_shm,
-                     add_log_level, add_completion}) {
+    for (auto add :
+         {add_call, add_send, add_status, add_top, add_metrics, add_wait_service, add_monitor, add_replay, add_push,
+          add_subscribe, add_wait, add_error, add_validate, add_shm, add_log_level, add_completion}) {
         add(app, &line);
     }
+    unguard(&app);
     if (argc > 1 && std::string(argv[1]) == complete_verb) {
         return complete(app, std::vector<std::string>(argv + 2, argv + argc));
     }
+    std::vector<std::string> words(argv + 1, argv + argc);
+    std::reverse(words.begin(), words.end()); // as the parser wants them
+    for (std::string &word : words) {
+        word.insert(0, word.rfind('[', 0) == 0 ? guard : "");
+    }
     try {
-        app.parse(argc, argv);
+        app.parse(words);
     } catch (const CLI::ParseError &error) {
         return app.exit(error) == 0 ? exit_result : exit_usage;
     }

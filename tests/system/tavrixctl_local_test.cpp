@@ -18,6 +18,10 @@ using support::write_file;
 
 namespace {
 
+constexpr const char *verbs[] = {"",        "call",      "send",      "status",    "top",  "metrics", "wait-service",
+                                 "monitor", "replay",    "push",      "subscribe", "wait", "error",   "validate",
+                                 "shm",     "log-level", "completion"};
+
 /** What bash offers for the last of the words, as its completion breaks them up. */
 std::string completed(const std::vector<std::string> &words) {
     std::string list;
@@ -35,8 +39,7 @@ std::string completed(const std::vector<std::string> &words) {
 } // namespace
 
 TEST(CtlHelp, ExplainsTheToolAndEachVerbWithExamples) {
-    for (const char *verb :
-         {"", "call", "send", "monitor", "push", "wait", "error", "validate", "shm", "log-level", "completion"}) {
+    for (const char *verb : verbs) {
         std::vector<std::string> words;
         if (verb[0] != '\0') {
             words.emplace_back(verb);
@@ -207,6 +210,8 @@ TEST(CtlCompletion, OffersInBashWhatTheToolKnows) {
         const char *offered;
     } rows[] = {
         {{"mon"}, "monitor\n"},
+        {{"status", "--se"}, "--session\n"},
+        {{"top", "--interval", "1", "--cou"}, "--count\n"},
         {{"shm", "g"}, "get\n"},
         {{"shm", ""}, "get set --help --version\n"},
         {{"completion", ""}, "bash --help --version\n"},
@@ -220,6 +225,7 @@ TEST(CtlCompletion, OffersInBashWhatTheToolKnows) {
         {{"log-level", "--file", ""}, "\n"},
         {{"call", "--tim"}, "--timeout\n"},
         {{"call", "--json", ""}, "pretty short\n"},
+        {{"monitor", "--json", "l"}, "lines\n"},
         {{"call", "--json", "="}, "pretty short\n"},
         {{"call", "--json", "=", "p"}, "pretty\n"},
         {{"call", "m", "-", "--tim"}, "--timeout\n"},
@@ -238,8 +244,7 @@ TEST(CtlManPage, IsWellFormed) {
 
 TEST(CtlManPage, NamesEachVerbAndOption) {
     const std::string page = read_file(TAVRIX_SOURCE_DIR "/tools/tavrixctl.1");
-    for (const char *verb :
-         {"", "call", "send", "monitor", "push", "wait", "error", "validate", "shm", "log-level", "completion"}) {
+    for (const char *verb : verbs) {
         const std::string deeper =
             verb == std::string("shm") ? "tavrixctl shm get --help; tavrixctl shm set --help;" : "";
         std::istringstream lines(script(deeper + "tavrixctl " + verb + " --help").output);

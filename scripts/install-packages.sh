@@ -8,6 +8,8 @@ declare -A packages=(
     [bench]="libbenchmark-dev valgrind"
     [demo]="sqlite3"
     [mutate]="googletest python3"
+    [npm]="nodejs npm"
+    [openrpc]="python3-jsonschema"
     [test]="binutils clang g++-arm-linux-gnueabihf googletest libclang-rt-14-dev make mandoc qemu-user sqlite3"
 )
 

@@ -41,6 +41,7 @@ class KitService {
         wanted.session = options.session.c_str();
         wanted.methods = methods;
         wanted.user = user;
+        wanted.version = TAVRIX_VERSION;
         wanted.publish = options.publish.empty() ? nullptr : publish_.data();
         wanted.connect = options.connect.empty() ? nullptr : connect_.data();
         tavrix_service_open(&wanted, &service_);

@@ -43,19 +43,51 @@ bool is_name(const std::string &name) {
 
 json_int_t number(uint64_t value) { return static_cast<json_int_t>(value); }
 
+// What the descriptions below say.
+static_assert(max_patterns == 64 && max_pattern == 128 && max_name == 50 && max_methods == 256 && max_addresses == 8);
+
+constexpr char no_params[] = "[]";
+constexpr char zero[] = R"({"type":"integer","enum":[0]})";
+constexpr char an_object[] = R"({"type":"object"})";
+constexpr char pattern_params[] =
+    R"([{"name":"methods","summary":"names, or beginnings of names and *","required":true,"schema":)"
+    R"({"type":"array","maxItems":64,"items":{"type":"string","minLength":1,"maxLength":128}}}])";
+constexpr char registration[] =
+    R"([{"name":"name","summary":"letters, digits, dots, dashes and underscores","required":true,)"
+    R"("schema":{"type":"string","minLength":1,"maxLength":50}},)"
+    R"({"name":"channel","summary":"the channel of the service's requests","required":true,)"
+    R"("schema":{"type":"string"}},)"
+    R"({"name":"publish","summary":"the bus addresses that it publishes on","required":false,)"
+    R"("schema":{"type":"array","maxItems":8,"items":{"type":"string","minLength":1,"maxLength":128}}},)"
+    R"({"name":"methods","summary":"what it offers","required":false,)"
+    R"("schema":{"type":"array","maxItems":256,"items":{"type":"string","minLength":1,"maxLength":128}}},)"
+    R"({"name":"direct","summary":"whether it takes its requests over the session","required":false,)"
+    R"("schema":{"type":"boolean"}}])";
+constexpr char description[] =
+    R"([{"name":"document","summary":"an OpenRPC document of the service's methods","required":true,)"
+    R"("schema":{"type":"object","required":["methods"]}}])";
+
 } // namespace
 
 const Router::OwnMethod Router::own_methods[] = {
-    {"router.Status", false, &Router::on_status},
-    {"router.Metrics", false, &Router::on_metrics},
-    {"router.Lock", false, &Router::on_lock},
-    {"router.Unlock", false, &Router::on_unlock},
-    {"router.Bus", false, &Router::on_bus},
-    {"router.Register", true, &Router::on_register},
-    {"router.Subscribe", true, &Router::on_subscribe},
-    {"router.Unsubscribe", true, &Router::on_unsubscribe},
-    {"router.Monitor", true, &Router::on_monitor},
-    {nullptr, false, nullptr},
+    {"rpc.discover", false, &Router::on_discover, "Describes all methods that can be called now.", "reads", no_params,
+     an_object},
+    {"router.Status", false, &Router::on_status, "Tells what the router sees.", "reads", no_params, an_object},
+    {"router.Metrics", false, &Router::on_metrics, "Gives the router's counts as Prometheus reads them.", "reads",
+     no_params, R"({"type":"string"})"},
+    {"router.Lock", false, &Router::on_lock, "Locks the system: requests to services are refused.", "changes",
+     no_params, zero},
+    {"router.Unlock", false, &Router::on_unlock, "Unlocks the system.", "changes", no_params, zero},
+    {"router.Bus", false, &Router::on_bus, "Tells who publishes where.", "reads", no_params, an_object},
+    {"router.Register", true, &Router::on_register, "Makes the session a service.", "changes", registration, zero},
+    {"router.Describe", true, &Router::on_describe, "Takes what a service says of its methods.", "changes", description,
+     zero},
+    {"router.Subscribe", true, &Router::on_subscribe, "Delivers notifications to the session.", "changes",
+     pattern_params, zero},
+    {"router.Unsubscribe", true, &Router::on_unsubscribe, "Ends the delivery of notifications.", "changes",
+     pattern_params, zero},
+    {"router.Monitor", true, &Router::on_monitor, "Shows all traffic to the session.", "changes", pattern_params, zero},
+    {nullptr, false, nullptr, nullptr, nullptr, nullptr, nullptr},
 };
 
 // --- What the router sees ------------------------------------------------------------------------------------------
@@ -173,7 +205,8 @@ std::string Router::read_registration(const json_t *params, Service *wanted) con
     }
     const auto elsewhere =
         std::find_if(wanted->methods.begin(), wanted->methods.end(), [wanted](const std::string &method) {
-            return method.rfind("router.", 0) == 0 || channel_of(method) != wanted->channel;
+            return method.rfind("router.", 0) == 0 || method.rfind("rpc.", 0) == 0 ||
+                   channel_of(method) != wanted->channel;
         });
     return elsewhere == wanted->methods.end() ? "" : "methods: " + *elsewhere + " is not of this channel";
 }

@@ -34,6 +34,9 @@ constexpr milliseconds probe_interval{200};
 constexpr std::chrono::seconds probe_time{5};
 constexpr int max_settle_probes = 1000; // five seconds
 constexpr char own_prefix[] = "router.";
+constexpr char register_method[] = "router.Register";
+constexpr char describe_method[] = "router.Describe";
+constexpr char reserved_prefix[] = "rpc."; // by JSON-RPC; one of them is the router's
 Router *the_router = nullptr;
 
 // --- What daemons may tell the router over the bus -----------------------------------------------------------------
@@ -302,7 +305,8 @@ std::string Router::find_refusal(const Client &client, const std::string &method
         LOG_FOREIGN("Refused %s\n", printable(method).c_str());
         return "a method's name has no control characters";
     }
-    if (!policy_.allows(client.peer, method)) {
+    // Who may register may describe what he has registered.
+    if (!policy_.allows(client.peer, method == describe_method ? register_method : method)) {
         if (client.peer.known) {
             LOG_FOREIGN("Refused %s to user %u\n", printable(method).c_str(), static_cast<unsigned>(client.peer.user));
         } else {
@@ -325,7 +329,7 @@ void Router::take_request(Client &client, Json request, const BatchPlace &batch)
     const std::string refusal = find_refusal(client, method, request.get(), &code);
     if (code != 0) {
         refuse(client, request.get(), code, refusal, batch);
-    } else if (method.rfind(own_prefix, 0) == 0) {
+    } else if (method.rfind(own_prefix, 0) == 0 || method.rfind(reserved_prefix, 0) == 0) {
         if (!run_own(client, method, request.get(), batch)) {
             LOG_FOREIGN("Refused %s\n", printable(method).c_str());
             refuse(client, request.get(), TAVRIX_JRPC_METHOD_NOT_FOUND, "the router has no such method", batch);
@@ -380,6 +384,9 @@ Service *Router::find_service(const std::string &method, const std::string &chan
     if (offering != nullptr) {
         *why_not = gone_data(*offering, method);
         return nullptr;
+    }
+    if (Service *described = registry_.of_discovery(method)) {
+        return described;
     }
     if (Service *taker = registry_.taker_on(channel)) {
         return taker;
@@ -703,6 +710,7 @@ void Router::gone(Service &service) {
     service.state = Service::State::gone;
     service.since = std::time(nullptr);
     service.session = nullptr;
+    service.document.reset();
     for (const int endpoint : service.endpoints) {
         bus_.disconnect(endpoint);
     }

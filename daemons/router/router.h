@@ -100,6 +100,10 @@ class Router {
         const char *name;
         bool needs_session;
         OwnHandler handler;
+        const char *summary;
+        const char *tag;
+        const char *params; ///< JSON: OpenRPC's content descriptors
+        const char *result; ///< JSON: a schema
     };
     static const OwnMethod own_methods[];
 
@@ -163,6 +167,8 @@ class Router {
     int on_unlock(Own &own);
     int on_bus(Own &own);
     int on_register(Own &own);
+    int on_describe(Own &own);
+    int on_discover(Own &own);
     int on_subscribe(Own &own);
     int on_unsubscribe(Own &own);
     int on_monitor(Own &own);

@@ -27,6 +27,11 @@ bool Registry::is_channel(const std::string &channel) {
                        [&channel](const char *known) { return channel == known; });
 }
 
+std::string discovery_of(const Service &service) {
+    const std::string &first = service.methods.front();
+    return first.substr(0, first.find('.')) + ".Discover";
+}
+
 Registry::Registry() {
     for (const char *channel : service_channels) {
         channels_[channel].channel = channel;
@@ -46,6 +51,16 @@ Service *Registry::of_method(const std::string &method) {
 Service *Registry::taker_on(const std::string &channel) {
     for (const auto &[name, service] : services_) {
         if (service->state == Service::State::up && service->channel == channel && service->methods.empty()) {
+            return service.get();
+        }
+    }
+    return nullptr;
+}
+
+Service *Registry::of_discovery(const std::string &method) {
+    for (const auto &[name, service] : services_) {
+        if (service->state == Service::State::up && service->document && !service->methods.empty() &&
+            method == discovery_of(*service)) {
             return service.get();
         }
     }

@@ -19,6 +19,8 @@ namespace router {
 
 class Session;
 
+constexpr size_t max_document = 262144; ///< bytes of what a service says of its methods
+
 struct Service {
     enum class State {
         listening, ///< on the bus, registered nowhere: known by its hello, or by nothing but its channel
@@ -38,6 +40,7 @@ struct Service {
     std::string channel;
     std::vector<std::string> publish;
     std::vector<std::string> methods;
+    Json document; ///< what it says of its methods; null when it says nothing
     bool direct = false;
     State state = State::listening;
     std::time_t since = std::time(nullptr);
@@ -56,6 +59,9 @@ constexpr const char *service_channels[] = {TAVRIX_CHANNEL_FIRST, TAVRIX_CHANNEL
                                             TAVRIX_CHANNEL_DEFAULT};
 std::string channel_of(const std::string &method);
 
+/** The method by which a service describes itself: its first method's prefix and `.Discover`. */
+std::string discovery_of(const Service &service);
+
 class Registry {
   public:
     Registry();
@@ -68,6 +74,8 @@ class Registry {
     Service *of_method(const std::string &method);
     /** One on this channel that is up and has named no methods: it gets what no other offers. */
     Service *taker_on(const std::string &channel);
+    /** One that is up, describes itself, and has this method for its discovery; null without. */
+    Service *of_discovery(const std::string &method);
     /** Whether anybody on this channel is up. */
     bool is_served(const std::string &channel);
     /** Stands for whoever listens on the channel without having registered. */

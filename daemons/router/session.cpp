@@ -17,6 +17,7 @@ namespace {
 constexpr char unit_name[] = "session";
 constexpr size_t max_line = 64 * 1024;               // with its newline
 constexpr size_t max_service_line = 9 * 1024 * 1024; // a reply as large as a bus message, 8 MiB, and its envelope
+constexpr size_t max_description_line = max_document + 1024;
 constexpr size_t max_unread_with_notifications = 1024 * 1024;
 constexpr size_t max_unread = 8 * 1024 * 1024;
 
@@ -65,7 +66,12 @@ void Session::read_lines() {
     }
 }
 
-size_t Session::longest_line() const { return service != nullptr && service->direct ? max_service_line : max_line; }
+size_t Session::longest_line() const {
+    if (service == nullptr) {
+        return max_line;
+    }
+    return service->direct ? max_service_line : max_description_line;
+}
 
 void Session::take_bytes(std::string_view bytes) {
     while (!bytes.empty() && !is_closed() && !ending_ && !broken_) {

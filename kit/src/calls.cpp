@@ -173,6 +173,10 @@ void answer(tavrix_call *call) {
         return;
     }
     call->row = name != nullptr ? find_method(call->service, name) : nullptr;
+    if (call->row == nullptr && name != nullptr && is_discovery(call->service, name)) {
+        tavrix_call_reply(call, make_document(call->service));
+        return;
+    }
     if (call->row == nullptr && call->caller.road == TAVRIX_ROAD_BUS &&
         (call->service->options.flags & TAVRIX_SERVICE_BUS) == 0) {
         finish(call, nullptr); // another service of the channel has the method, and answers: this one's come elsewhere

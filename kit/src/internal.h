@@ -162,6 +162,22 @@ enum Storage {
     stored_mac_filters
 };
 Storage storage_of(tavrix_kind kind);
+
+// What a row lets through: the check, the words of a refusal and the description of the service take it from here.
+constexpr size_t max_depth = 8; ///< of values within values: what lies deeper is neither checked nor described
+constexpr int max_vlan_ids = 32;
+constexpr size_t max_number_text = 99;
+constexpr size_t allowed_size = 400;
+bool has_bounds(const tavrix_service_param *row);
+/** Of an integer. */
+int64_t lowest_of(const tavrix_service_param *row);
+int64_t highest_of(const tavrix_service_param *row);
+/** Of a list of records. */
+int most_records(const tavrix_service_param *row);
+/** Null where the words are not counted. */
+const char *const *words_allowed(const tavrix_service_param *row);
+/** For people. */
+void describe_allowed(const tavrix_service_param *row, char (&out)[allowed_size]);
 /** The table in which a row's word has its position; null for a kind without words. */
 const char *const *words_of(const tavrix_service_param *row);
 
@@ -213,6 +229,13 @@ void abandon_call(tavrix_call *call);
 /** Answers what is still deferred: the service ends. */
 void refuse_deferred_calls(tavrix_service *service);
 void free_spare_calls(tavrix_service *service);
+
+// --- Discovery -----------------------------------------------------------------------------------------------------
+
+/** The service's OpenRPC document; null, with a line in the log, when it cannot be made. */
+json_t *make_document(const tavrix_service *service);
+/** Whether a method is `<prefix>.Discover`, the prefix being that of the table's first method. */
+bool is_discovery(const tavrix_service *service, const char *method);
 
 // --- Session -------------------------------------------------------------------------------------------------------
 

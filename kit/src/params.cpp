@@ -20,11 +20,7 @@ namespace {
 constexpr char unit_name[] = "service_params";
 constexpr size_t text_slack = 32; // a retriever may write a longer form: colons between a MAC address's pairs
 constexpr int default_record_count = 128;
-constexpr int max_vlan_ids = 32;
-constexpr size_t max_depth = 8;
 constexpr size_t path_size = 128;
-constexpr size_t allowed_size = 400;
-constexpr size_t max_number_text = 99;
 
 using TextRetriever = int (*)(json_t *, json_t **, const char *, char *, size_t);
 using IntegerRetriever = int (*)(json_t *, json_t **, const char *, int *);
@@ -130,11 +126,24 @@ constexpr bool stand_in_order() {
 }
 static_assert(stand_in_order(), "the rows stand in the order of the kinds");
 
+} // namespace
+
+// --- What is allowed -----------------------------------------------------------------------------------------------
+
 const char *const *words_allowed(const tavrix_service_param *row) {
     return row->kind == TAVRIX_KIND_WORD ? row->words : kinds[row->kind].words;
 }
 
 bool has_bounds(const tavrix_service_param *row) { return row->min != 0 || row->max != 0; }
+
+int64_t lowest_of(const tavrix_service_param *row) { return has_bounds(row) ? row->min : kinds[row->kind].lowest; }
+int64_t highest_of(const tavrix_service_param *row) { return has_bounds(row) ? row->max : kinds[row->kind].highest; }
+
+int most_records(const tavrix_service_param *row) {
+    return row->max > 0 && row->max < INT32_MAX ? static_cast<int>(row->max) : default_record_count;
+}
+
+namespace {
 
 // --- What is allowed, in words -------------------------------------------------------------------------------------
 
@@ -170,13 +179,6 @@ void add_port_forms(unsigned flags, Words *words) {
             separator = ", ";
         }
     }
-}
-
-int64_t lowest_of(const tavrix_service_param *row) { return has_bounds(row) ? row->min : kinds[row->kind].lowest; }
-int64_t highest_of(const tavrix_service_param *row) { return has_bounds(row) ? row->max : kinds[row->kind].highest; }
-
-int most_records(const tavrix_service_param *row) {
-    return row->max > 0 && row->max < INT32_MAX ? static_cast<int>(row->max) : default_record_count;
 }
 
 void add_bounds(const tavrix_service_param *row, const char *unit, Words *words) {
@@ -668,6 +670,12 @@ bool complain(const char *method, const char *param, const char *what) {
 } // namespace
 
 Storage storage_of(tavrix_kind kind) { return kinds[kind].storage; }
+
+void describe_allowed(const tavrix_service_param *row, char (&out)[allowed_size]) {
+    Words words;
+    describe_allowed(row, &words);
+    std::memcpy(out, words.text, sizeof out);
+}
 
 const char *const *words_of(const tavrix_service_param *row) {
     const char *const *positions = row->kind == TAVRIX_KIND_WORD ? nullptr : kinds[row->kind].positions;

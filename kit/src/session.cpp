@@ -79,9 +79,31 @@ void registration_failed(tavrix_service *service, const tavrix_answer *answer, c
     retry_in(service, last_backoff_ms);
 }
 
+/** The service is there for everybody, described or not. */
+void on_described(tavrix_service *service, const tavrix_answer *answer, void * /*user*/) {
+    if (!session_is_connected(service) || answer->outcome == TAVRIX_OUTCOME_CANCELLED) {
+        return; // the next connection asks anew
+    }
+    if (answer->outcome != TAVRIX_OUTCOME_RESULT && answer->code != TAVRIX_JRPC_METHOD_NOT_FOUND) { // an older router
+        const char *message = json_string_value(json_object_get(answer->data, "message"));
+        LOG_WARNING("The router at %s does not list the methods of %s: %s\n", service->session.path, service->name,
+                    Printable(message != nullptr ? message : answer->message).text);
+    }
+    become_ready(service);
+}
+
+/** Before the service says that it is ready: from then on it can be discovered. */
+void send_description(tavrix_service *service) {
+    json_t *document = make_document(service);
+    if (document == nullptr || send_request(service, "router.Describe", json_pack("{s:o}", "document", document),
+                                            control_timeout_ms, on_described, nullptr) == 0) {
+        become_ready(service);
+    }
+}
+
 void on_registered(tavrix_service *service, const tavrix_answer *answer, void * /*user*/) {
     if (answer->outcome == TAVRIX_OUTCOME_RESULT) {
-        become_ready(service);
+        send_description(service);
         return;
     }
     if (!session_is_connected(service) || answer->outcome == TAVRIX_OUTCOME_CANCELLED) {

@@ -129,6 +129,13 @@ void PlayedRouter::answer(const json_t *request, const std::string &method) {
             pending_register_ = rendered(id);
             connected_address_ = json_string_value(json_array_get(json_object_get(params, "publish"), 0));
         }
+    } else if (method == "router.Describe") {
+        description = rendered(json_object_get(params, "document"));
+        if (describe_error.empty()) {
+            result(id, "0");
+        } else {
+            say("{\"jsonrpc\":\"2.0\",\"id\":" + rendered(id) + ",\"error\":" + describe_error + "}");
+        }
     } else {
         patterns = method + " " + rendered(json_object_get(params, "methods"));
         result(id, "0");

@@ -37,7 +37,7 @@ class PlayedRouter {
     void hang_up();
     bool connected() const { return client_ >= 0; }
 
-    /** Takes connections and lines; answers router.Bus, router.Register and router.Subscribe when `polite`. */
+    /** Takes connections and lines; answers what services ask a router when `polite`. */
     void step();
     void say(const std::string &line);
     /** Writes as many bytes as the socket takes, without a line end. */
@@ -46,6 +46,7 @@ class PlayedRouter {
     std::deque<std::string> lines; ///< what it has not answered by itself
     std::vector<std::string> heard_methods;
     std::string registration; ///< the last router.Register's params
+    std::string description;  ///< the last router.Describe's document
     std::string patterns;     ///< of the last router.Subscribe or router.Unsubscribe
 
     bool polite = true;
@@ -54,6 +55,7 @@ class PlayedRouter {
     std::string services = "[]";
     int reply_timeout_ms = 5000;
     std::string register_error; ///< instead of a result
+    std::string describe_error; ///< the same
     std::string bus_address;
     BusSocket pub;
     BusSocket sub;

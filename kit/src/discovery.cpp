@@ -1,0 +1,507 @@
+/*
+ * Discovery: what the service says of itself, an OpenRPC document made of the table's rows. It keeps no state: the
+ * document is made when it is asked for, and given away.
+ *
+ * Bounds and words come from the functions that the check itself asks.
+ */
+#include <cstdio>
+
+#include "internal.h"
+#include "tavrix_jrpc.h"
+
+namespace kit {
+
+namespace {
+
+constexpr char unit_name[] = "service_discovery";
+constexpr char openrpc_version[] = "1.2.6";
+constexpr char unknown_version[] = "unversioned";
+constexpr char discovery_suffix[] = ".Discover";
+constexpr size_t description_size = 2 * allowed_size;
+constexpr int64_t most_shown = 16; // of an example's elements
+constexpr size_t example_text_size = 65;
+
+constexpr char uint64_pattern[] = "^(0[xX][0-9A-Fa-f]+|0[0-7]*|[1-9][0-9]*)$";
+
+constexpr tavrix_service_param port_hardware_members[] = {
+    TAVRIX_PARAM("port_number", TAVRIX_KIND_PORT_NUMBER, "the port's number", 0),
+    TAVRIX_PARAM("poe_status", TAVRIX_KIND_INTEGER, "its PoE status", 0),
+    TAVRIX_PARAM("link_status", TAVRIX_KIND_INTEGER, "its link status", 0),
+    TAVRIX_PARAM("link_speed", TAVRIX_KIND_INTEGER, "its link speed", 0),
+    TAVRIX_PARAM_END,
+};
+constexpr tavrix_service_param port_members[] = {
+    TAVRIX_PARAM("port_number", TAVRIX_KIND_PORT_NUMBER, "the port's number", 0),
+    TAVRIX_PARAM("port_status", TAVRIX_KIND_INTEGER, "its status", 0),
+    TAVRIX_PARAM("poe_status", TAVRIX_KIND_INTEGER, "its PoE status", 0),
+    TAVRIX_PARAM("link_status", TAVRIX_KIND_INTEGER, "its link status", 0),
+    TAVRIX_PARAM("link_speed", TAVRIX_KIND_INTEGER, "its link speed", 0),
+    TAVRIX_PARAM("vlan_mode", TAVRIX_KIND_INTEGER, "its VLAN mode", 0),
+    TAVRIX_PARAM("vlan_ids", TAVRIX_KIND_VLAN_IDS, "its VLANs", 0),
+    TAVRIX_PARAM_END,
+};
+constexpr tavrix_service_param mac_filter_members[] = {
+    TAVRIX_PARAM("mac", TAVRIX_KIND_MAC_ADDRESS, "the address", 0),
+    TAVRIX_PARAM("mask", TAVRIX_KIND_MAC_ADDRESS, "which of its bits count", 0),
+    TAVRIX_PARAM_END,
+};
+constexpr tavrix_service_param one_vlan_id = TAVRIX_PARAM("", TAVRIX_KIND_VLAN_ID, nullptr, 0);
+constexpr tavrix_service_param document_result[] = {
+    TAVRIX_PARAM("", TAVRIX_KIND_OBJECT, "an OpenRPC document", 0),
+    TAVRIX_PARAM_END,
+};
+
+// --- Examples ------------------------------------------------------------------------------------------------------
+
+struct Example {
+    tavrix_kind kind;
+    const char *text;
+};
+
+constexpr Example examples[] = {
+    {TAVRIX_KIND_TEXT, "text"},
+    {TAVRIX_KIND_UINT64, "4711"},
+    {TAVRIX_KIND_FLOAT, "2.5"},
+    {TAVRIX_KIND_MZU_ID, "c1"},
+    {TAVRIX_KIND_DESCRIPTION, "Uplink"},
+    {TAVRIX_KIND_MZU_SW_UPGRADE_FILENAME, "zqn-1.2.3-004.img"},
+    {TAVRIX_KIND_UNIT_SW_UPGRADE_FILENAME, "zqn-1.2.3-004.img"},
+    {TAVRIX_KIND_MAC_ADDRESS, "00:1A:2B:3C:4D:5E"},
+    {TAVRIX_KIND_MACADDR_ALLOWED, "none"},
+    {TAVRIX_KIND_IP_ADDRESS, "192.168.1.10"},
+    {TAVRIX_KIND_USERNAME, "keeper1"},
+    {TAVRIX_KIND_PASSWORD, "Secret-1"},
+    {TAVRIX_KIND_DATE, "2026-01-31"},
+    {TAVRIX_KIND_TIME, "12:30"},
+    {TAVRIX_KIND_ENTITY_NAME, "attic"},
+    {TAVRIX_KIND_ENTITY_EXTENSION, "text"},
+    {TAVRIX_KIND_ALIAS, "ATTIC"},
+};
+
+const char *example_of_port(unsigned flags) {
+    if ((flags & TAVRIX_ALLOW_C_PORT) != 0) {
+        return "c1-1";
+    }
+    if ((flags & TAVRIX_ALLOW_D_PORT) != 0) {
+        return "d1";
+    }
+    return (flags & TAVRIX_ALLOW_MZU) != 0 ? "c1" : "all";
+}
+
+json_t *example_of_text(const tavrix_service_param &row) {
+    if (const char *const *words = words_allowed(&row); words != nullptr) {
+        return json_string(words[0]);
+    }
+    if (row.kind == TAVRIX_KIND_PORT_ID) {
+        return json_string(example_of_port(row.flags));
+    }
+    if (row.kind == TAVRIX_KIND_TEXT && has_bounds(&row) && (row.min > 4 || row.max < 4)) {
+        char text[example_text_size] = "";
+        const auto length = static_cast<size_t>(row.min > 4 ? row.min : row.max);
+        if (row.min >= static_cast<int64_t>(sizeof text)) {
+            return nullptr;
+        }
+        std::memset(text, 'x', length);
+        return json_string(text);
+    }
+    for (const Example &example : examples) {
+        if (example.kind == row.kind) {
+            return json_string(example.text);
+        }
+    }
+    return nullptr;
+}
+
+json_t *example_of_integer(const tavrix_service_param &row) {
+    const int64_t lowest = lowest_of(&row);
+    return json_integer(lowest > INT32_MIN ? lowest : 1 < highest_of(&row) ? 1 : highest_of(&row));
+}
+
+json_t *example_of(const tavrix_service_param &row, size_t depth);
+
+/** The members that have to be there. */
+json_t *example_of_object(const tavrix_service_param *rows, size_t depth) {
+    Json object(json_object());
+    for (; rows != nullptr && rows->name != nullptr && depth < max_depth; ++rows) {
+        if ((rows->flags & TAVRIX_OPTIONAL) == 0 &&
+            json_object_set_new(object.get(), rows->name, example_of(*rows, depth)) != 0) {
+            return nullptr;
+        }
+    }
+    return object.release();
+}
+
+json_t *example_of_list(int64_t count, const tavrix_service_param *members, size_t depth) {
+    const bool bare = members != nullptr && members->name != nullptr && members->name[0] == '\0';
+    Json list(count <= most_shown ? json_array() : nullptr);
+    for (int64_t i = 0; list && i < count; ++i) {
+        json_t *element = nullptr;
+        if (members == nullptr || members->name == nullptr) {
+            element = json_integer(1);
+        } else {
+            element = bare ? example_of(*members, depth) : example_of_object(members, depth);
+        }
+        if (json_array_append_new(list.get(), element) != 0) {
+            return nullptr;
+        }
+    }
+    return list.release();
+}
+
+int64_t shown_elements(const tavrix_service_param &row) {
+    const bool holds_none = row.kind == TAVRIX_KIND_ARRAY && has_bounds(&row) && row.max < 1;
+    return row.min > 1 ? row.min : holds_none ? 0 : 1;
+}
+
+/** A value that the check lets through; null when there is none that could be shown. */
+json_t *example_of(const tavrix_service_param &row, size_t depth) {
+    if (depth >= max_depth) {
+        return nullptr;
+    }
+    switch (storage_of(row.kind)) {
+    case stored_text:
+    case stored_uint64:
+        return example_of_text(row);
+    case stored_integer:
+        return example_of_integer(row);
+    case stored_boolean:
+        return json_true();
+    case stored_real:
+        return row.kind == TAVRIX_KIND_FLOAT ? example_of_text(row) : json_real(2.5);
+    case stored_json:
+        return row.kind == TAVRIX_KIND_ARRAY ? example_of_list(shown_elements(row), row.members, depth + 1)
+                                             : example_of_object(row.members, depth + 1);
+    case stored_integers:
+        return example_of_list(shown_elements(row), &one_vlan_id, depth + 1);
+    case stored_ports:
+        return example_of_list(1, port_members, depth + 1);
+    case stored_ports_hardware:
+        return example_of_list(1, port_hardware_members, depth + 1);
+    case stored_mac_filters:
+        return example_of_list(1, mac_filter_members, depth + 1);
+    }
+    return nullptr;
+}
+
+// --- Writing -------------------------------------------------------------------------------------------------------
+
+/** Puts values together, and knows in the end whether one could not be made: a part of a document would lie. */
+struct Writer {
+    bool complete = true;
+
+    void put(json_t *object, const char *key, json_t *value) {
+        complete = json_object_set_new(object, key, value) == 0 && complete;
+    }
+    void put_text(json_t *object, const char *key, const char *text) {
+        if (text != nullptr && *text != '\0') {
+            put(object, key, json_string(text));
+        }
+    }
+    void add(json_t *array, json_t *value) { complete = json_array_append_new(array, value) == 0 && complete; }
+};
+
+// --- Schemas -------------------------------------------------------------------------------------------------------
+
+json_t *schema_of(Writer *writer, const tavrix_service_param &row, size_t depth, const char *summary);
+
+json_t *schema_of_object(Writer *writer, const tavrix_service_param *rows, size_t depth) {
+    Json schema(json_pack("{s:s}", "type", "object"));
+    if (rows == nullptr || depth >= max_depth) {
+        return schema.release();
+    }
+    Json properties(json_object());
+    Json required(json_array());
+    for (; rows->name != nullptr; ++rows) {
+        writer->put(properties.get(), rows->name, schema_of(writer, *rows, depth, rows->summary));
+        if ((rows->flags & TAVRIX_OPTIONAL) == 0) {
+            writer->add(required.get(), json_string(rows->name));
+        }
+    }
+    writer->put(schema.get(), "properties", properties.release());
+    if (json_array_size(required.get()) > 0) {
+        writer->put(schema.get(), "required", required.release());
+    }
+    return schema.release();
+}
+
+void add_range(Writer *writer, json_t *schema, const char *least, int64_t lowest, const char *most, int64_t highest) {
+    writer->put(schema, least, json_integer(lowest));
+    writer->put(schema, most, json_integer(highest));
+}
+
+void add_text(Writer *writer, json_t *schema, const tavrix_service_param &row) {
+    writer->put_text(schema, "type", "string");
+    if (const char *const *words = words_allowed(&row); words != nullptr) {
+        Json list(json_array());
+        for (; *words != nullptr; ++words) {
+            writer->add(list.get(), json_string(*words));
+        }
+        writer->put(schema, "enum", list.release());
+    } else if (row.kind == TAVRIX_KIND_TEXT && has_bounds(&row)) {
+        add_range(writer, schema, "minLength", row.min, "maxLength", row.max);
+    } else if (row.kind == TAVRIX_KIND_UINT64) {
+        writer->put_text(schema, "pattern", uint64_pattern);
+    }
+    if (row.kind == TAVRIX_KIND_UINT64 || row.kind == TAVRIX_KIND_FLOAT) {
+        writer->put(schema, "maxLength", json_integer(max_number_text));
+    }
+}
+
+void add_list(Writer *writer, json_t *schema, int64_t least, int64_t most, json_t *items) {
+    writer->put_text(schema, "type", "array");
+    if (least > 0) {
+        writer->put(schema, "minItems", json_integer(least));
+    }
+    if (most >= 0) {
+        writer->put(schema, "maxItems", json_integer(most));
+    }
+    writer->put(schema, "items", items);
+}
+
+void add_array(Writer *writer, json_t *schema, const tavrix_service_param &row, size_t depth) {
+    const tavrix_service_param *members = row.members;
+    json_t *items = nullptr;
+    if (members == nullptr || members->name == nullptr) {
+        items = json_object();
+    } else if (members->name[0] == '\0') {
+        items = schema_of(writer, *members, depth + 1, members->summary);
+    } else {
+        items = schema_of_object(writer, members, depth + 1);
+    }
+    add_list(writer, schema, row.min, has_bounds(&row) ? row.max : -1, items);
+}
+
+void add_records(Writer *writer, json_t *schema, const tavrix_service_param &row, size_t depth) {
+    const tavrix_service_param *members = port_members;
+    if (row.kind == TAVRIX_KIND_PORTS_HARDWARE) {
+        members = port_hardware_members;
+    } else if (row.kind == TAVRIX_KIND_MAC_FILTERS) {
+        members = mac_filter_members;
+    }
+    add_list(writer, schema, 0, most_records(&row), schema_of_object(writer, members, depth + 1));
+}
+
+/** What the member is for, and what its value has to look like where the schema's own words do not tell. */
+void add_description(Writer *writer, json_t *schema, const tavrix_service_param &row, const char *summary) {
+    char text[description_size] = "";
+    char allowed[allowed_size] = "";
+    const Storage storage = storage_of(row.kind);
+    const bool is_plain_text = row.kind == TAVRIX_KIND_TEXT && !has_bounds(&row);
+    if (((storage == stored_text && words_allowed(&row) == nullptr) || storage == stored_uint64 ||
+         row.kind == TAVRIX_KIND_FLOAT) &&
+        !is_plain_text) {
+        describe_allowed(&row, allowed);
+    }
+    const bool has_summary = summary != nullptr && *summary != '\0';
+    std::snprintf(text, sizeof text, "%.*s%s%s", static_cast<int>(sizeof text - sizeof allowed - 3),
+                  has_summary ? summary : "", has_summary && *allowed != '\0' ? ": " : "", allowed);
+    writer->put_text(schema, "description", text);
+}
+
+json_t *schema_of(Writer *writer, const tavrix_service_param &row, size_t depth, const char *summary) {
+    if (depth >= max_depth) {
+        return json_object();
+    }
+    Json owner(row.kind == TAVRIX_KIND_OBJECT ? schema_of_object(writer, row.members, depth + 1) : json_object());
+    json_t *schema = owner.get();
+    switch (storage_of(row.kind)) {
+    case stored_text:
+    case stored_uint64:
+        add_text(writer, schema, row);
+        break;
+    case stored_integer:
+        writer->put_text(schema, "type", "integer");
+        add_range(writer, schema, "minimum", lowest_of(&row), "maximum", highest_of(&row));
+        break;
+    case stored_boolean:
+        writer->put_text(schema, "type", "boolean");
+        break;
+    case stored_real:
+        if (row.kind == TAVRIX_KIND_FLOAT) {
+            add_text(writer, schema, row);
+        } else {
+            writer->put_text(schema, "type", "number");
+        }
+        break;
+    case stored_json:
+        if (row.kind == TAVRIX_KIND_ARRAY) {
+            add_array(writer, schema, row, depth);
+        }
+        break;
+    case stored_integers:
+        add_list(writer, schema, row.min, max_vlan_ids, schema_of(writer, one_vlan_id, depth + 1, nullptr));
+        break;
+    case stored_ports:
+    case stored_ports_hardware:
+    case stored_mac_filters:
+        add_records(writer, schema, row, depth);
+        break;
+    }
+    add_description(writer, schema, row, summary);
+    return owner.release();
+}
+
+// --- Methods -------------------------------------------------------------------------------------------------------
+
+/** OpenRPC wants those that may be absent after those that may not. */
+json_t *params_of(Writer *writer, const tavrix_service_method &method) {
+    Json params(json_array());
+    for (const bool optional : {false, true}) {
+        for (const tavrix_service_param *row = method.params; row != nullptr && row->name != nullptr; ++row) {
+            if (((row->flags & TAVRIX_OPTIONAL) != 0) != optional) {
+                continue;
+            }
+            Json param(json_pack("{s:s}", "name", row->name));
+            writer->put_text(param.get(), "summary", row->summary);
+            writer->put(param.get(), "required", json_boolean(!optional));
+            writer->put(param.get(), "schema", schema_of(writer, *row, 0, nullptr));
+            writer->add(params.get(), param.release());
+        }
+    }
+    return params.release();
+}
+
+json_t *result_of(Writer *writer, const tavrix_service_method &method) {
+    json_t *schema = nullptr;
+    if (method.result == nullptr) {
+        schema = json_pack("{s:s, s:[i]}", "type", "integer", "enum", 0);
+    } else if (method.result->name != nullptr && method.result->name[0] == '\0') {
+        schema = schema_of(writer, *method.result, 0, method.result->summary);
+    } else {
+        schema = schema_of_object(writer, method.result, 0);
+    }
+    return json_pack("{s:s, s:o}", "name", "result", "schema", schema);
+}
+
+/** Which of the retrievers' own codes the rows can bring about. */
+enum RowErrors { wants_c_port = 1, wants_d_port = 2, wants_unit = 4, counts_vlan_ids = 8 };
+
+unsigned errors_of_rows(const tavrix_service_param *rows, size_t depth) {
+    unsigned found = 0;
+    for (; rows != nullptr && rows->name != nullptr && depth < max_depth; ++rows) {
+        const unsigned kinds_of_port = rows->flags & TAVRIX_ANY_PORT;
+        if (rows->kind == TAVRIX_KIND_VLAN_IDS) {
+            found |= counts_vlan_ids;
+        } else if (rows->kind == TAVRIX_KIND_PORT_ID && (rows->flags & TAVRIX_ALLOW_MZU) != 0) {
+            found |= wants_unit;
+        } else if (rows->kind == TAVRIX_KIND_PORT_ID && kinds_of_port == TAVRIX_ALLOW_C_PORT) {
+            found |= wants_c_port;
+        } else if (rows->kind == TAVRIX_KIND_PORT_ID && kinds_of_port == TAVRIX_ALLOW_D_PORT) {
+            found |= wants_d_port;
+        }
+        found |= errors_of_rows(rows->members, depth + 1);
+    }
+    return found;
+}
+
+/** What is answered without the handler; what it answers itself is any other row of the catalogue. */
+json_t *errors_of(Writer *writer, const tavrix_service_method &method) {
+    const unsigned found = errors_of_rows(method.params, 0);
+    const bool is_checked = method.params != nullptr || (method.flags & TAVRIX_METHOD_STRICT) != 0;
+    const struct {
+        int code;
+        bool possible;
+    } codes[] = {
+        {TAVRIX_JRPC_INVALID_PARAMS, is_checked},
+        {TAVRIX_JRPC_EXPECTED_C_PORT, (found & wants_c_port) != 0},
+        {TAVRIX_JRPC_EXPECTED_D_PORT, (found & wants_d_port) != 0},
+        {TAVRIX_JRPC_EXPECTED_MZU, (found & wants_unit) != 0},
+        {TAVRIX_JRPC_TOO_MANY_VLAN_IDS, (found & counts_vlan_ids) != 0},
+        {TAVRIX_JRPC_TIMED_OUT, true},
+        {TAVRIX_JRPC_SYSTEM_BUSY, true},
+        {TAVRIX_JRPC_INTERNAL_ERROR, true},
+    };
+    Json errors(json_array());
+    for (const auto &error : codes) {
+        if (error.possible) {
+            writer->add(errors.get(),
+                        json_pack("{s:i, s:s}", "code", error.code, "message", tavrix_jrpc_error_message(error.code)));
+        }
+    }
+    return errors.release();
+}
+
+/** One, with the parameters that have to be there, where each has a value to show. */
+json_t *examples_of(Writer *writer, const tavrix_service_method &method) {
+    Json params(json_array());
+    for (const tavrix_service_param *row = method.params; row != nullptr && row->name != nullptr; ++row) {
+        if ((row->flags & TAVRIX_OPTIONAL) != 0) {
+            continue;
+        }
+        json_t *value = example_of(*row, 0);
+        if (value == nullptr) {
+            return json_array();
+        }
+        writer->add(params.get(), json_pack("{s:s, s:o}", "name", row->name, "value", value));
+    }
+    return json_pack("[{s:s, s:o}]", "name", "example", "params", params.release());
+}
+
+json_t *method_of(Writer *writer, const tavrix_service_method &method) {
+    Json object(json_pack("{s:s}", "name", method.name));
+    Json tags(json_array());
+    const struct {
+        unsigned flag;
+        const char *tag;
+    } flags[] = {{TAVRIX_METHOD_READS, "reads"}, {TAVRIX_METHOD_CHANGES, "changes"}};
+    for (const auto &row : flags) {
+        if ((method.flags & row.flag) != 0) {
+            writer->add(tags.get(), json_pack("{s:s}", "name", row.tag));
+        }
+    }
+    writer->put_text(object.get(), "summary", method.summary);
+    writer->put(object.get(), "tags", tags.release());
+    writer->put_text(object.get(), "paramStructure", "by-name");
+    writer->put(object.get(), "params", params_of(writer, method));
+    writer->put(object.get(), "result", result_of(writer, method));
+    writer->put(object.get(), "errors", errors_of(writer, method));
+    writer->put(object.get(), "examples", examples_of(writer, method));
+    return object.release();
+}
+
+size_t prefix_length(const tavrix_service *service) { return std::strcspn(service->options.methods[0].name, "."); }
+
+json_t *methods_of(Writer *writer, const tavrix_service *service) {
+    Json methods(json_array());
+    bool has_own = false; // a row of the table that has the discovery's name takes its place
+    for (size_t i = 0; i < service->method_count; ++i) {
+        writer->add(methods.get(), method_of(writer, service->options.methods[i]));
+        has_own = has_own || is_discovery(service, service->options.methods[i].name);
+    }
+    if (!has_own && service->method_count > 0) {
+        char name[256 + sizeof discovery_suffix];
+        std::snprintf(name, sizeof name, "%.*s%s", static_cast<int>(prefix_length(service)),
+                      service->options.methods[0].name, discovery_suffix);
+        writer->add(methods.get(), method_of(writer, TAVRIX_METHOD(name, nullptr, "Describes the service.", nullptr,
+                                                                   document_result, TAVRIX_METHOD_READS)));
+    }
+    return methods.release();
+}
+
+} // namespace
+
+json_t *make_document(const tavrix_service *service) {
+    Writer writer;
+    const char *version = service->options.version != nullptr ? service->options.version : unknown_version;
+    Json info(json_pack("{s:s, s:s}", "title", service->name, "version", version));
+    writer.put_text(info.get(), "description", service->options.summary);
+    Json document(json_pack("{s:s}", "openrpc", openrpc_version));
+    writer.put(document.get(), "info", info.release());
+    writer.put(document.get(), "methods", methods_of(&writer, service));
+    if (!writer.complete) {
+        LOG_ERROR("%s cannot be described: there is no memory, or a text of its table is not UTF-8\n", service->name);
+        return nullptr;
+    }
+    return document.release();
+}
+
+bool is_discovery(const tavrix_service *service, const char *method) {
+    if (service->method_count == 0) {
+        return false;
+    }
+    const size_t length = prefix_length(service);
+    return std::strncmp(method, service->options.methods[0].name, length) == 0 &&
+           std::strcmp(method + length, discovery_suffix) == 0;
+}
+
+} // namespace kit

@@ -81,7 +81,9 @@ typedef struct tavrix_call tavrix_call;
 
 /**
  * @name The table
- * What is declared here is what is checked, described and documented.
+ * What is declared here is what is checked, described and documented: the kit makes an OpenRPC document of it, hands
+ * that to the router when it registers, and answers it to `<prefix>.Discover`, where the prefix is the first method's
+ * name up to its first dot, unless the table has a method of that name. The texts are UTF-8.
  * @{
  */
 

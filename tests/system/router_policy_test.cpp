@@ -182,8 +182,10 @@ TEST_F(RouterPolicy, AllowsWhatItsRowsName) {
         {"[tcp]\nall=ports.Get,mzu.*\n", "tcp", "ports.Gets", false},
         {"[tcp]\nall=ports.Get,mzu.*\n", "tcp", "ports.Ge", false},
         {"[tcp]\nall=ports.Get,mzu.*\n", "tcp", "router.Status", false},
+        {"[tcp]\nall=ports.Get,mzu.*\n", "tcp", "rpc.discover", false},
         {"[tcp]\nall=ports.Get,mzu.*\n", "unix", "events.List", true},
         {"[tcp]\nall=*\n", "tcp", "router.Status", true},
+        {"[tcp]\nall=*\n", "tcp", "rpc.discover", true},
         {"[tcp]\nall=*\n", "tcp", "router.Unlock", false},
         {"[tcp]\nall=*,router.Unlock\n", "tcp", "router.Unlock", true},
         {"[tcp]\nuser.nobody=*\n", "tcp", "ports.Get", false}, // nobody knows who is there
@@ -206,6 +208,8 @@ TEST_F(RouterPolicy, AllowsWhatItsRowsName) {
         {"[session]\nall=router.U*\n", "session", "router.Unlock", true},
         {"[session]\nall=r*\n", "session", "router.Status", true},
         {"[session]\nall=r*\n", "session", "router.Unlock", false}, // it is named by router.* at least
+        {"[session]\nall=*\n", "session", "router.Describe", false}, // as router.Register
+        {"[session]\nuser.nobody=router.Register\n", "session", "router.Describe", true},
         {"[session]\nall=ports.Get\n[unix]\nall=mzu.*\n", "session", "ports.Get", true},
         {"[session]\nall=ports.Get\n[unix]\nall=mzu.*\n", "unix", "ports.Get", false},
     };

@@ -1,0 +1,222 @@
+/*
+ * Discovery over the router: one OpenRPC document of what can be called now.
+ */
+#include <memory>
+#include <set>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "support/fleet.h"
+#include "support/json.h"
+#include "support/session.h"
+#include "tavrix_jrpc.h"
+
+using support::code_of;
+using support::DirectService;
+using support::Fleet;
+using support::member;
+using support::Registration;
+using support::request;
+using support::SessionClient;
+
+namespace {
+
+struct Drop {
+    void operator()(json_t *value) const { json_decref(value); }
+};
+using Json = std::unique_ptr<json_t, Drop>;
+
+constexpr size_t longest_document = 262144;
+
+std::string message_of(const std::string &answer) { return member(member(member(answer, "error"), "data"), "message"); }
+
+std::string described(const std::string &name, const std::string &more = "") {
+    return R"({"name":")" + name + R"(","params":[],"result":{"name":"result","schema":{}})" + more + "}";
+}
+
+std::string describe(const std::string &methods) {
+    return request("router.Describe", "\"described\"",
+                   R"(,"params":{"document":{"openrpc":"1.2.6","methods":[)" + methods + "]}}");
+}
+
+/** One method's description, so long that the document has this size. */
+std::string of_size(size_t size) {
+    const std::string empty = R"({"openrpc":"1.2.6","methods":[)" + described("ports.Get", R"(,"summary":"")") + "]}";
+    return described("ports.Get", ",\"summary\":\"" + std::string(size - empty.size(), 's') + "\"");
+}
+
+std::set<std::string> keys_of(const json_t *object) {
+    std::set<std::string> keys;
+    const char *key = nullptr;
+    json_t *value = nullptr;
+    json_object_foreach(const_cast<json_t *>(object), key, value) { keys.insert(key); }
+    return keys;
+}
+
+class RouterDiscovery : public testing::Test {
+  protected:
+    RouterDiscovery() { fleet.start_lone_router(); }
+
+    Json discover() const {
+        return Json(json_loads(member(fleet.ask(request("rpc.discover", "1")), "result").c_str(), 0, nullptr));
+    }
+    std::set<std::string> names() const {
+        const Json document = discover();
+        const json_t *methods = json_object_get(document.get(), "methods");
+        std::set<std::string> found;
+        for (size_t i = 0; i < json_array_size(methods); ++i) {
+            const char *name = json_string_value(json_object_get(json_array_get(methods, i), "name"));
+            EXPECT_TRUE(found.insert(name).second) << name << " is there twice";
+        }
+        return found;
+    }
+
+    Fleet fleet;
+};
+
+} // namespace
+
+TEST_F(RouterDiscovery, HasTheMembersOfOpenRpcAndNoOthers) {
+    fleet.start_ports();
+    fleet.start_events();
+    const Json document = discover();
+    EXPECT_EQ(keys_of(document.get()), (std::set<std::string>{"openrpc", "info", "methods", "components"}));
+    EXPECT_EQ(keys_of(json_object_get(document.get(), "info")), (std::set<std::string>{"title", "version"}));
+    EXPECT_STREQ(json_string_value(json_object_get(document.get(), "openrpc")), "1.2.6");
+    const json_t *methods = json_object_get(document.get(), "methods");
+    ASSERT_GT(json_array_size(methods), 20U);
+    for (size_t i = 0; i < json_array_size(methods); ++i) {
+        const json_t *method = json_array_get(methods, i);
+        EXPECT_EQ(keys_of(method), (std::set<std::string>{"name", "summary", "tags", "paramStructure", "params",
+                                                          "result", "errors", "examples"}))
+            << json_string_value(json_object_get(method, "name"));
+        const json_t *params = json_object_get(method, "params");
+        for (size_t k = 0; k < json_array_size(params); ++k) {
+            EXPECT_EQ(keys_of(json_array_get(params, k)),
+                      (std::set<std::string>{"name", "summary", "required", "schema"}));
+        }
+        EXPECT_EQ(keys_of(json_object_get(method, "result")), (std::set<std::string>{"name", "schema"}));
+    }
+}
+
+TEST_F(RouterDiscovery, NamesTheWholeErrorCatalogue) {
+    const Json document = discover();
+    const json_t *errors = json_object_get(json_object_get(document.get(), "components"), "errors");
+    EXPECT_EQ(json_object_size(errors), 52U) << "one for each code of tavrix_jrpc.h";
+    const json_t *error = json_object_get(errors, "-32034");
+    EXPECT_EQ(json_integer_value(json_object_get(error, "code")), TAVRIX_JRPC_NO_SUCH_PORT);
+    EXPECT_STREQ(json_string_value(json_object_get(error, "message")),
+                 "The given id does not represent any existing port(s).");
+}
+
+TEST_F(RouterDiscovery, NamesTheMethodsOfTheRouterAndOfServicesThatAreUp) {
+    EXPECT_EQ(names(), (std::set<std::string>{"rpc.discover", "router.Status", "router.Metrics", "router.Lock",
+                                              "router.Unlock", "router.Bus", "router.Register", "router.Describe",
+                                              "router.Subscribe", "router.Unsubscribe", "router.Monitor"}));
+    fleet.start_ports();
+    const std::set<std::string> found = names();
+    for (const char *name : {"ports.Get", "ports.poe.GetInstantPower", "mzu.Register", "ports.Discover"}) {
+        EXPECT_EQ(found.count(name), 1U) << name;
+    }
+}
+
+TEST_F(RouterDiscovery, ForgetsAServiceThatHasGone) {
+    SessionClient watcher;
+    auto service = std::make_unique<DirectService>();
+    EXPECT_EQ(member(service->ask(describe(described("ports.Get"))), "result"), "0");
+    EXPECT_EQ(names().count("ports.Get"), 1U);
+    service.reset();
+    EXPECT_TRUE(support::wait_until([this] { return names().count("ports.Get") == 0; }));
+    EXPECT_EQ(code_of(watcher.ask(request("ports.Discover", "1"))), "-32601");
+    const DirectService again;
+    EXPECT_EQ(names().count("ports.Get"), 0U) << "it has described nothing yet";
+}
+
+TEST_F(RouterDiscovery, LeavesOutAServiceThatDescribesNothing) {
+    const DirectService service;
+    EXPECT_EQ(names().count("ports.Get"), 0U);
+}
+
+TEST_F(RouterDiscovery, TakesADocumentOf262144BytesAndNoMore) {
+    DirectService service;
+    const std::string refused = service.ask(describe(of_size(longest_document + 1)));
+    EXPECT_EQ(code_of(refused), "-32602");
+    EXPECT_EQ(message_of(refused), "\"document: at most 262144 bytes\"");
+    EXPECT_EQ(names().count("ports.Get"), 0U);
+    EXPECT_EQ(member(service.ask(describe(of_size(longest_document))), "result"), "0");
+    EXPECT_EQ(names().count("ports.Get"), 1U);
+    EXPECT_EQ(code_of(service.ask(describe(of_size(longest_document + 1)))), "-32602");
+    EXPECT_EQ(names().count("ports.Get"), 1U) << "the earlier one stays";
+}
+
+TEST_F(RouterDiscovery, TakesALongDocumentFromAServiceOnTheBusToo) {
+    support::BusService service(fleet);
+    ASSERT_EQ(member(service.registered, "result"), "0");
+    EXPECT_EQ(member(service.session.ask(describe(of_size(longest_document))), "result"), "0");
+    service.session.say(std::string(longest_document + 1024, ' '));
+    EXPECT_EQ(code_of(service.session.hear()), "-32600") << "a line that is longer than any description";
+    EXPECT_TRUE(service.session.gets_closed());
+}
+
+TEST_F(RouterDiscovery, TakesAServicesWordForItsOwnMethodsOnly) {
+    DirectService service;
+    const struct {
+        std::string methods;
+        const char *message;
+    } rows[] = {
+        {described("mzu.List"), "\"document: it describes 'mzu.List', which the service does not offer\""},
+        {described("mzu.Discover"), "\"document: it describes 'mzu.Discover', which the service does not offer\""},
+        {"1", "\"document: it describes '', which the service does not offer\""},
+        {R"({"name":"ports.Get","result":{}})",
+         "\"document: ports.Get needs params, an array, and a result, an object\""},
+        {R"({"name":"ports.Get","params":[]})",
+         "\"document: ports.Get needs params, an array, and a result, an object\""},
+    };
+    for (const auto &row : rows) {
+        const std::string answer = service.ask(describe(row.methods));
+        EXPECT_EQ(code_of(answer), "-32602") << row.methods;
+        EXPECT_EQ(message_of(answer), row.message);
+    }
+    const std::string none = service.ask(request("router.Describe", "1", R"(,"params":{"document":[]})"));
+    EXPECT_EQ(message_of(none), "\"document: an object with methods, an array\"");
+    EXPECT_EQ(member(service.ask(describe(described("ports.Get") + "," + described("ports.Discover"))), "result"), "0");
+}
+
+TEST_F(RouterDiscovery, IsDescribedByServicesOnly) {
+    SessionClient client;
+    const std::string answer = client.ask(describe(""));
+    EXPECT_EQ(code_of(answer), "-32600");
+    EXPECT_EQ(message_of(answer), "\"this session is no service\"");
+    EXPECT_EQ(code_of(fleet.ask(describe(""))), "-32601") << "it needs a session";
+}
+
+TEST_F(RouterDiscovery, PassesAServicesOwnDiscoveryOn) {
+    fleet.start_ports();
+    const std::string answer = fleet.ask(request("ports.Discover", "1"));
+    EXPECT_EQ(member(member(member(answer, "result"), "info"), "title"), "\"portsd\"");
+    EXPECT_EQ(code_of(fleet.ask(request("mzu.Discover", "1"))), "-32601") << "its first method begins with ports";
+}
+
+TEST_F(RouterDiscovery, IsAskedOfNoServiceThatHasDescribedNothing) {
+    const DirectService service;
+    EXPECT_EQ(message_of(fleet.ask(request("ports.Discover", "1"))), "\"no service offers ports.Discover\"");
+}
+
+TEST_F(RouterDiscovery, AnswersOnSessionsAndWhileTheSystemIsLocked) {
+    SessionClient client;
+    client.ask(request("router.Lock", "1"));
+    EXPECT_EQ(member(client.ask(request("rpc.discover", "\"mine\"", ",\"transaction_id\":4")), "id"), "\"mine\"");
+    const std::string one_shot = fleet.ask(request("rpc.discover", "1", ",\"transaction_id\":4"));
+    EXPECT_EQ(member(one_shot, "id"), "\"rpc.discover\"");
+    EXPECT_EQ(member(one_shot, "transaction_id"), "4");
+}
+
+TEST_F(RouterDiscovery, KeepsTheReservedNamesToTheRouter) {
+    Registration registration;
+    registration.channel = "30e493d7-9e02-41b6-97f5-21f2cc9cbbb3";
+    registration.methods = R"(["rpc.discover"])";
+    SessionClient service;
+    EXPECT_EQ(code_of(service.ask(registration.line())), "-32602");
+    EXPECT_EQ(code_of(fleet.ask(request("rpc.other", "1"))), "-32601");
+}

@@ -46,13 +46,13 @@ class RouterFaults : public testing::Test {
         support::write_file("policy.conf", "[tcp]\nall=*\n");
         support::write_file("tavrix_lsyslog.conf", "[logging_levels]\nrouterd=info\nunit-test=off\n");
         router_ = std::make_unique<support::Process>(
-            "routerd",
-            std::vector<std::string>{TAVRIX_ROUTERD_WITH_FAULTS, "--socket", "router.sock", "--session", "session.sock",
-                                     "--publish", fleet_.router_address, "--tcp", std::to_string(port_), "--policy",
-                                     "policy.conf", "--reply-timeout", "300", "--client-timeout", "300"});
+            "routerd", std::vector<std::string>{TAVRIX_ROUTERD_WITH_FAULTS, "--socket", "router.sock", "--session",
+                                                "session.sock", "--publish", fleet_.router_address, "--connect",
+                                                fleet_.ports_address, "--tcp", std::to_string(port_), "--policy",
+                                                "policy.conf", "--reply-timeout", "300", "--client-timeout", "300"});
         EXPECT_TRUE(router_->says("routerd ready")) << router_->log();
         unsetenv(fault::router_faults_variable);
-        bystander_service_.emplace(Registration{"beside", events_channel, "[]", R"(["events.List"])", "true"});
+        bystander_service_.emplace(fleet_, events_channel);
         bystander_.emplace();
     }
     ~RouterFaults() override { munmap(faults_, sizeof *faults_); }
@@ -85,7 +85,7 @@ class RouterFaults : public testing::Test {
         const std::string number = std::to_string(++calls_);
         bystander_->say(request("events.List", number));
         const std::string asked = bystander_service_->next_request();
-        bystander_service_->reply(asked, number);
+        bystander_service_->reply(support::service_reply(asked, number));
         const std::string answer = bystander_->hear();
         EXPECT_EQ(member(answer, "result"), number) << asked << "\n" << answer;
         return member(answer, "result") == number;
@@ -141,7 +141,7 @@ class RouterFaults : public testing::Test {
     fault::RouterFaults *faults_ = nullptr;
     support::Fleet fleet_;
     std::unique_ptr<support::Process> router_;
-    std::optional<DirectService> bystander_service_;
+    std::optional<support::PlayedService> bystander_service_; ///< is told nothing of other services
     std::optional<SessionClient> bystander_;
     std::optional<DirectService> service_;
 };

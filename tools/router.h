@@ -32,8 +32,8 @@ class Router {
 /** The exit status that an answer stands for: a result, an error, a time-out. */
 int status_of(const json_t *answer);
 
-/** Says in words what an error answer says. */
-void explain_failure(const std::string &method, const json_t *answer);
+/** What an error answer says, in words. */
+std::string words_of_failure(const std::string &method, const json_t *answer);
 
 /** The methods that a router.Status tells of, and the router's own. */
 std::vector<std::string> known_methods(const json_t *status);

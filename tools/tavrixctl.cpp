@@ -11,6 +11,7 @@
 
 #include "support.h"
 #include "verbs.h"
+#include "words.h"
 
 namespace {
 
@@ -31,7 +32,7 @@ constexpr char guard[] = "\x1f";
 constexpr char complete_verb[] = "__complete";
 
 constexpr char general_footer[] = R"(examples:
-  tavrixctl call ports.Get '{"port_id":"c1-1"}'
+  tavrixctl call ports.Get port_id=c1-1
   tavrixctl status
   tavrixctl monitor
   tavrixctl error -35
@@ -110,8 +111,10 @@ void add_json(CLI::App *verb, JsonStyle *style) {
 
 void add_call(CLI::App &app, CommandLine *line) {
     CLI::App *verb =
-        add_verb(app, "call", "Send one request and print the reply",
-                 "  tavrixctl call ports.Get '{\"port_id\":\"all\"}'\n"
+        add_verb(app, "call", "Send one request and print its result",
+                 "  tavrixctl call ports.Get port_id=c1-1\n"
+                 "  tavrixctl call ports.SetVlanAccess port_id=d2 vlan_id:=20\n"
+                 "  tavrixctl call ports.Get '{\"port_id\":\"all\"}' --full\n"
                  "  echo '{\"port_id\":\"c1-1\",\"status\":\"enable\"}' | tavrixctl call ports.SetEnabled -\n"
                  "  tavrixctl call --direct /run/tavrix/events.sock events.Last");
     CallOptions &options = line->call;
@@ -123,6 +126,7 @@ void add_call(CLI::App &app, CommandLine *line) {
     CLI::Option *direct = add_direct(verb, &options.target);
     verb->add_flag("--notification", options.notification, "Send no id; no answer is expected. The router takes none")
         ->needs(direct);
+    verb->add_flag("--full", options.full, "Print the whole response, also when it is an error");
     add_timeout(verb, &options.timeout_s);
     add_json(verb, &options.json);
     verb->callback([line] { line->run = [line] { return call(line->call); }; });
@@ -350,6 +354,14 @@ CLI::App *find_verb(CLI::App *parent, const std::string &name) {
     return found.empty() ? nullptr : found.front();
 }
 
+std::vector<std::string> verb_names(const CLI::App &parent) {
+    std::vector<std::string> names;
+    for (const CLI::App *verb : parent.get_subcommands([](const CLI::App *) { return true; })) {
+        names.push_back(verb->get_name());
+    }
+    return names;
+}
+
 /**
  * Bash breaks words at '=' and ':' too, and gives those as words of their own: puts them together again, but for the
  * '=' between an option and its value, which are two words in either spelling.
@@ -399,6 +411,9 @@ Position position_after(CLI::App &app, const std::vector<std::string> &words) {
 
 std::vector<std::string> positional_words(const Position &position) {
     const std::string verb = position.verb->get_name();
+    if (verb == "help") {
+        return verb_names(*position.verb->get_parent());
+    }
     if (verb == "validate" && position.positionals == 0) {
         return validated_fields();
     }
@@ -414,15 +429,34 @@ std::vector<std::string> candidates_at(const Position &position) {
         return position.option != "--json" ? std::vector<std::string>() : is_monitor ? monitor_words : json_words;
     }
     std::vector<std::string> candidates = positional_words(position);
-    for (const CLI::App *sub : position.verb->get_subcommands([](CLI::App *) { return true; })) {
-        candidates.push_back(sub->get_name());
-    }
+    const std::vector<std::string> verbs = verb_names(*position.verb);
+    candidates.insert(candidates.end(), verbs.begin(), verbs.end());
     for (const CLI::Option *option : position.verb->get_options()) {
         for (const std::string &name : option->get_lnames()) {
             candidates.push_back("--" + name);
         }
     }
     return candidates;
+}
+
+/** The first of the words that should be a verb and is none, complained about; empty when all is well. */
+std::string find_stranger(CLI::App &app, const std::vector<std::string> &words) {
+    CLI::App *parent = &app;
+    for (const std::string &word : words) {
+        CLI::App *verb = find_verb(parent, word);
+        if (verb_names(*parent).empty()) {
+            return "";
+        }
+        if (verb != nullptr) {
+            parent = verb;
+        } else if (word.rfind('-', 0) != 0) {
+            const std::string similar = nearest(word, verb_names(*parent));
+            complain("there is no verb '%s'%s", printable(word).c_str(),
+                     similar.empty() ? "; see tavrixctl --help" : ("; did you mean '" + similar + "'?").c_str());
+            return word;
+        }
+    }
+    return "";
 }
 
 /** Takes the guard of words off again before they are stored. */
@@ -444,6 +478,28 @@ int complete(CLI::App &app, const std::vector<std::string> &pieces) {
         }
     }
     return exit_result;
+}
+
+void add_help(CLI::App &app, CommandLine *line) {
+    CLI::App *verb = add_verb(app, "help", "Explain a verb", "  tavrixctl help call\n  tavrixctl help shm get");
+    verb->add_option("VERB", line->values, "The verb, and its own")->expected(0, 2);
+    verb->callback([line, &app] {
+        line->run = [line, &app] {
+            if (!find_stranger(app, line->values).empty()) {
+                return static_cast<int>(exit_usage);
+            }
+            CLI::App *asked = &app;
+            std::string name = app.get_name();
+            for (const std::string &word : line->values) {
+                asked = find_verb(asked, word);
+                name += " " + word;
+            }
+            // Not by help(), which explains the verb that was chosen: this one.
+            std::string help = asked->get_formatter()->make_help(asked, name, CLI::AppFormatMode::Normal);
+            help.erase(help.find_last_not_of('\n') + 1);
+            return print_line(help) ? static_cast<int>(exit_result) : static_cast<int>(exit_error_response);
+        };
+    });
 }
 
 void add_completion(CLI::App &app, CommandLine *line) {
@@ -469,7 +525,7 @@ int main(int argc, char **argv) {
     app.footer(general_footer);
     for (auto add :
          {add_call, add_send, add_status, add_top, add_metrics, add_wait_service, add_monitor, add_replay, add_push,
-          add_subscribe, add_wait, add_error, add_validate, add_shm, add_log_level, add_completion}) {
+          add_subscribe, add_wait, add_error, add_validate, add_shm, add_log_level, add_help, add_completion}) {
         add(app, &line);
     }
     unguard(&app);
@@ -477,6 +533,9 @@ int main(int argc, char **argv) {
         return complete(app, std::vector<std::string>(argv + 2, argv + argc));
     }
     std::vector<std::string> words(argv + 1, argv + argc);
+    if (!find_stranger(app, words).empty()) {
+        return exit_usage;
+    }
     std::reverse(words.begin(), words.end()); // as the parser wants them
     for (std::string &word : words) {
         word.insert(0, word.rfind('[', 0) == 0 ? guard : "");

@@ -35,6 +35,7 @@ struct CallOptions {
     std::string id;
     std::optional<long long> transaction_id;
     bool notification = false;
+    bool full = false; ///< prints the whole response, not the result alone
     double timeout_s = 15;
     JsonStyle json = JsonStyle::automatic;
 };

@@ -18,9 +18,9 @@ using support::write_file;
 
 namespace {
 
-constexpr const char *verbs[] = {"",        "call",      "send",      "status",    "top",  "metrics", "wait-service",
-                                 "monitor", "replay",    "push",      "subscribe", "wait", "error",   "validate",
-                                 "shm",     "log-level", "completion"};
+constexpr const char *verbs[] = {"",        "call",      "send", "status",    "top",  "metrics", "wait-service",
+                                 "monitor", "replay",    "push", "subscribe", "wait", "error",   "validate",
+                                 "shm",     "log-level", "help", "completion"};
 
 /** What bash offers for the last of the words, as its completion breaks them up. */
 std::string completed(const std::vector<std::string> &words) {
@@ -210,6 +210,7 @@ TEST(CtlCompletion, OffersInBashWhatTheToolKnows) {
         const char *offered;
     } rows[] = {
         {{"mon"}, "monitor\n"},
+        {{"help", "mon"}, "monitor\n"},
         {{"status", "--se"}, "--session\n"},
         {{"top", "--interval", "1", "--cou"}, "--count\n"},
         {{"shm", "g"}, "get\n"},

@@ -116,7 +116,7 @@ frames_from() { tail -n +"$1" bus.log | grep -v -e service.Welcome -e service.Pr
 outcome() {
     case "$1" in
     0) echo result ;;
-    1) grep -o -m 1 '"code":-[0-9]*' <<<"$2" | grep -o -e '-[0-9]*' || echo unknown ;;
+    1 | 3) grep -o -m 1 '"code":-[0-9]*' <<<"$2" | grep -o -e '-[0-9]*' || echo unknown ;;
     4) echo none ;;
     *) echo unknown ;;
     esac

@@ -313,7 +313,7 @@ void add_validate(CLI::App &app, CommandLine *line) {
 }
 
 void add_shm(CLI::App &app, CommandLine *line) {
-    CLI::App *verb = add_verb(app, "shm", "Read or write a shared-memory slot",
+    CLI::App *verb = add_verb(app, "shm", "Show, read, write or remove shared-memory slots",
                               "  tavrixctl shm get /tavrix_last_event --int\n"
                               "  tavrixctl shm set /note 'maintenance at noon' --create");
     verb->require_subcommand(1);
@@ -330,6 +330,10 @@ void add_shm(CLI::App &app, CommandLine *line) {
     }
     set->add_option("VALUE", options.value, "What to store")->required();
     set->add_flag("--create", options.create, "Create the slot first; an old one is resized and cleared");
+    add_verb(*verb, "list", "Show every slot", "  tavrixctl shm list")->callback([line] { line->run = shm_list; });
+    CLI::App *rm = add_verb(*verb, "rm", "Remove a slot; who has it open keeps it", "  tavrixctl shm rm /note");
+    rm->add_option("NAME", options.name, "The slot's name, beginning with '/'")->required();
+    rm->callback([line] { line->run = [line] { return shm_remove(line->shm); }; });
     get->callback([line] { line->run = [line] { return shm_get(line->shm); }; });
     set->callback([line] { line->run = [line] { return shm_set(line->shm); }; });
 }
@@ -338,12 +342,11 @@ void add_log_level(CLI::App &app, CommandLine *line) {
     CLI::App *verb = add_verb(app, "log-level", "Set a daemon's log level and make the daemons reread it",
                               "  tavrixctl log-level portsd verbose");
     LogLevelOptions &options = line->log_level;
-    verb->add_option("DAEMON", options.daemon, "The daemon's name in the logger's configuration")->required();
-    verb->add_option("LEVEL", options.level, "off, info, debug or verbose")
-        ->required()
-        ->check(CLI::IsMember(log_level_words()));
+    verb->add_option("DAEMON", options.daemon, "The daemon's name in the logger's configuration");
+    verb->add_option("LEVEL", options.level, "off, info, debug or verbose")->check(CLI::IsMember(log_level_words()));
     verb->add_option("--file", options.file, "The logger's configuration file")->default_val(TAVRIX_LSYSLOG_CONF_PATH);
-    verb->add_flag("--no-reload", options.edit_only, "Only edit the file");
+    verb->add_flag("--no-reload", options.edit_only,
+                   "Only edit the file, and ask nobody whether there is such a daemon");
     add_router(verb, &options.target);
     add_timeout(verb, &options.timeout_s);
     verb->callback([line] { line->run = [line] { return log_level(line->log_level); }; });

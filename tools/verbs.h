@@ -136,10 +136,12 @@ struct ShmOptions {
 };
 int shm_get(const ShmOptions &options);
 int shm_set(const ShmOptions &options);
+int shm_list();
+int shm_remove(const ShmOptions &options);
 
 struct LogLevelOptions {
-    std::string daemon;
-    std::string level;
+    std::string daemon; ///< empty: all are shown
+    std::string level;  ///< empty: is shown, not set
     std::string file;
     Target target;
     double timeout_s = 15;

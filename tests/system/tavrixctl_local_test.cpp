@@ -152,6 +152,39 @@ TEST(CtlShm, SharesValuesWithAnotherProcess) {
     shm_unlink(name.c_str());
 }
 
+TEST(CtlShm, ListsAndRemovesSlotsAndNothingElse) {
+    const std::string name = "/tavrix-test-list-" + std::to_string(getpid());
+    const std::string foreign = "/tavrix-test-foreign-" + std::to_string(getpid());
+    write_file("/dev/shm" + foreign, "text");
+    ASSERT_EQ(ctl({"shm", "set", name, "one \033[2J", "--create", "--size", "20"}).status, 0);
+    const auto line_of = [](const std::string &slot) {
+        std::istringstream lines(ctl({"shm", "list"}).output);
+        std::string line;
+        while (std::getline(lines, line) && line.rfind(slot + " ", 0) != 0) {
+        }
+        std::istringstream words(line);
+        std::string text;
+        for (std::string word; words >> word;) {
+            text += word + " ";
+        }
+        return text;
+    };
+    const std::string text_line = line_of(name);
+    EXPECT_EQ(text_line.rfind(name + " 20 ", 0), 0U) << text_line;
+    EXPECT_NE(text_line.find(" one \\x1b[2J "), std::string::npos) << text_line;
+    ASSERT_EQ(ctl({"shm", "set", name, "--int", "--create", "42"}).status, 0);
+    const std::string integer_line = line_of(name);
+    EXPECT_EQ(integer_line.rfind(name + " 4 ", 0), 0U) << integer_line;
+    EXPECT_EQ(integer_line.substr(integer_line.size() - 4), " 42 ") << integer_line;
+    EXPECT_EQ(line_of(foreign), "");
+    EXPECT_EQ(ctl({"shm", "rm", foreign}).status, 1) << "it is somebody else's";
+    EXPECT_EQ(ctl({"shm", "rm", name}).status, 0);
+    EXPECT_EQ(line_of(name), "");
+    EXPECT_EQ(ctl({"shm", "rm", name}).status, 1);
+    EXPECT_EQ(ctl({"shm", "rm", "/../x"}).status, 1);
+    EXPECT_EQ(unlink(("/dev/shm" + foreign).c_str()), 0);
+}
+
 TEST(CtlLogLevel, EditsTheFileAndKeepsTheRest) {
     const auto edited = [](const std::string &before, const std::string &daemon) {
         write_file("levels.conf", before);
@@ -214,7 +247,7 @@ TEST(CtlCompletion, OffersInBashWhatTheToolKnows) {
         {{"status", "--se"}, "--session\n"},
         {{"top", "--interval", "1", "--cou"}, "--count\n"},
         {{"shm", "g"}, "get\n"},
-        {{"shm", ""}, "get set --help --version\n"},
+        {{"shm", ""}, "get set list rm --help --version\n"},
         {{"completion", ""}, "bash --help --version\n"},
         {{"validate", "vlan_n"}, "vlan_name_id\n"},
         {{"validate", "vlan_id", "v"}, "\n"},
@@ -246,8 +279,9 @@ TEST(CtlManPage, IsWellFormed) {
 TEST(CtlManPage, NamesEachVerbAndOption) {
     const std::string page = read_file(TAVRIX_SOURCE_DIR "/tools/tavrixctl.1");
     for (const char *verb : verbs) {
-        const std::string deeper =
-            verb == std::string("shm") ? "tavrixctl shm get --help; tavrixctl shm set --help;" : "";
+        const std::string deeper = verb == std::string("shm") ? "tavrixctl shm get --help; tavrixctl shm set --help; "
+                                                                "tavrixctl shm list --help; tavrixctl shm rm --help;"
+                                                              : "";
         std::istringstream lines(script(deeper + "tavrixctl " + verb + " --help").output);
         for (std::string line; std::getline(lines, line);) {
             if (line.rfind("  --", 0) == 0) {

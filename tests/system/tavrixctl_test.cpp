@@ -561,6 +561,65 @@ TEST(CtlLogLevel, MakesTheDaemonsRereadIt) {
     EXPECT_TRUE(fleet.ports->says("Logging level set to verbose."));
 }
 
+TEST(CtlLogLevel, ShowsWhatEachDaemonHas) {
+    Fleet fleet;
+    fleet.start_router();
+    fleet.start_ports();
+    write_file("levels.conf", "[other]\nx=1\n[logging_levels]\n# c\nportsd=info\ntool=off\n");
+    const Finished shown = ctl({"log-level", "--file", "levels.conf", "--socket", "router.sock"});
+    EXPECT_EQ(shown.status, 0) << shown.diagnostics;
+    EXPECT_EQ(shown.output, "DAEMON   LEVEL  STATE\n"
+                            "portsd   info   listening\n"
+                            "routerd  -      up\n"
+                            "tool     off    -\n");
+    const Finished one = ctl({"log-level", "portsd", "--file", "levels.conf", "--socket", "router.sock"});
+    EXPECT_EQ(one.output, "DAEMON  LEVEL  STATE\nportsd  info   listening\n");
+    const Finished changed = ctl({"log-level", "routerd", "debug", "--file", "levels.conf", "--socket", "router.sock"});
+    EXPECT_NE(changed.output.find("\nrouterd  debug  up\n"), std::string::npos) << changed.output;
+}
+
+TEST(CtlLogLevel, RefusesADaemonThatNobodyKnows) {
+    Fleet fleet;
+    fleet.start_router();
+    fleet.start_ports();
+    write_file("levels.conf", "[logging_levels]\ntool=off\n");
+    for (const char *level : {"debug", ""}) {
+        std::vector<std::string> words = {"log-level", "--file", "levels.conf", "--socket", "router.sock", "portsdd"};
+        if (level[0] != '\0') {
+            words.emplace_back(level);
+        }
+        const Finished finished = ctl(words);
+        EXPECT_EQ(finished.status, 2) << level;
+        EXPECT_EQ(finished.diagnostics, "tavrixctl: there is no daemon 'portsdd'; did you mean 'portsd'?\n");
+    }
+    EXPECT_EQ(support::read_file("levels.conf"), "[logging_levels]\ntool=off\n");
+    EXPECT_EQ(ctl({"log-level", "--file", "levels.conf", "--socket", "router.sock", "tool", "info"}).status, 0)
+        << "the file knows it";
+    EXPECT_EQ(ctl({"log-level", "--file", "levels.conf", "--socket", "nobody.sock", "tool", "debug"}).status, 4)
+        << "set, but nobody has been told";
+    EXPECT_EQ(support::read_file("levels.conf"), "[logging_levels]\ntool=debug\n");
+}
+
+TEST(CtlStatus, HasColoursOnATerminalOnlyAndNotAgainstItsWill) {
+    Fleet fleet;
+    fleet.start_router();
+    const support::DirectService service("portsd", {"ports.Get"});
+    const struct {
+        const char *environment;
+        bool coloured;
+    } rows[] = {{"TERM=xterm NO_COLOR=", true}, {"TERM=xterm NO_COLOR=1", false}, {"TERM=dumb NO_COLOR=", false}};
+    for (const auto &row : rows) {
+        const Terminal terminal;
+        const Finished finished =
+            script(std::string(row.environment) + " tavrixctl status --session session.sock >" + terminal.name());
+        EXPECT_EQ(finished.status, 0) << finished.diagnostics;
+        const std::string written = terminal.written();
+        EXPECT_NE(written.find("portsd"), std::string::npos);
+        EXPECT_EQ(written.find("\033[32mup\033[0m") != std::string::npos, row.coloured) << row.environment;
+        EXPECT_EQ(written.find('\033') != std::string::npos, row.coloured) << row.environment;
+    }
+}
+
 TEST(CtlLogLevel, MakesTheRouterRereadItAlsoWithoutAService) {
     Fleet fleet;
     fleet.start_router({"--reply-timeout", "86400000"});

@@ -50,6 +50,8 @@ struct CommandLine {
     WaitOptions wait;
     LogLevelOptions log_level;
     ShmOptions shm;
+    DbOptions db_check;
+    DbOptions db_init;
     StatusOptions status;
     TopOptions top;
     WaitServiceOptions wait_service;
@@ -338,6 +340,25 @@ void add_shm(CLI::App &app, CommandLine *line) {
     set->callback([line] { line->run = [line] { return shm_set(line->shm); }; });
 }
 
+void add_db(CLI::App &app, CommandLine *line) {
+    CLI::App *verb = add_verb(app, "db", "Check the configuration database, or make one",
+                              "  tavrixctl db init new.db --schema schema.sql\n  tavrixctl db check");
+    verb->require_subcommand(1);
+    CLI::App *check = add_verb(*verb, "check", "Check its integrity and show version and tables",
+                               "  tavrixctl db check\n  tavrixctl db check --schema schema.sql");
+    CLI::App *init = add_verb(*verb, "init", "Make a new one; one that exists stays as it is",
+                              "  tavrixctl db init another.db --schema schema.sql");
+    for (const auto &[action, options] : {std::pair(check, &line->db_check), std::pair(init, &line->db_init)}) {
+        action->add_option("FILE", options->file, "The database")->default_val(TAVRIX_CFGDB_PATH);
+    }
+    check->add_option("--schema", line->db_check.schema, "SQL file whose tables it has to have");
+    init->add_option("--schema", line->db_init.schema, "SQL file that makes its tables")
+        ->default_val(TAVRIX_SCHEMA_PATH);
+    init->add_option("--data", line->db_init.data, "SQL file that makes its first rows");
+    check->callback([line] { line->run = [line] { return db_check(line->db_check); }; });
+    init->callback([line] { line->run = [line] { return db_init(line->db_init); }; });
+}
+
 void add_log_level(CLI::App &app, CommandLine *line) {
     CLI::App *verb = add_verb(app, "log-level", "Set a daemon's log level and make the daemons reread it",
                               "  tavrixctl log-level portsd verbose");
@@ -528,7 +549,7 @@ int main(int argc, char **argv) {
     app.footer(general_footer);
     for (auto add :
          {add_call, add_send, add_status, add_top, add_metrics, add_wait_service, add_monitor, add_replay, add_push,
-          add_subscribe, add_wait, add_error, add_validate, add_shm, add_log_level, add_help, add_completion}) {
+          add_subscribe, add_wait, add_error, add_validate, add_shm, add_db, add_log_level, add_help, add_completion}) {
         add(app, &line);
     }
     unguard(&app);

@@ -338,7 +338,7 @@ std::string value_of(const std::string &name, off_t size) {
         std::memcpy(&number, bytes.data(), sizeof number);
         return std::to_string(number);
     }
-    return printable(bytes.c_str());
+    return printable(bytes.substr(0, bytes.find('\0')));
 }
 
 int shm_failed(const std::string &name) {

@@ -139,6 +139,14 @@ int shm_set(const ShmOptions &options);
 int shm_list();
 int shm_remove(const ShmOptions &options);
 
+struct DbOptions {
+    std::string file;
+    std::string schema; ///< file of statements; for a check: what to compare with, if not empty
+    std::string data;   ///< another one, for the rows that a new database begins with
+};
+int db_check(const DbOptions &options);
+int db_init(const DbOptions &options);
+
 struct LogLevelOptions {
     std::string daemon; ///< empty: all are shown
     std::string level;  ///< empty: is shown, not set

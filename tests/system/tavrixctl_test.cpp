@@ -457,6 +457,9 @@ TEST(CtlHelp, GivesExamplesThatWorkWithTheDaemonsOwnAddresses) {
         {"/tavrix_last_event", fleet.slot},
         {"/note", note},
     };
+    write_file("schema.sql", support::read_file(TAVRIX_SOURCE_DIR "/daemons/ports/schema.sql"));
+    unlink("another.db");
+    unlink("new.db");
     const std::string traffic = "export TAVRIX_SOCKET=router.sock TAVRIX_SESSION=session.sock\n"
                                 "while tavrixctl call ports.Get '{\"port_id\":\"d1\"}' >/dev/null; do :; done &\n"
                                 "trap \"kill $!\" EXIT\n";
@@ -478,6 +481,7 @@ TEST(CtlHelp, GivesExamplesThatWorkWithTheDaemonsOwnAddresses) {
         }
     }
     shm_unlink(note.c_str());
+    unlink("new.db");
 }
 
 TEST(CtlMonitor, PrintsEveryFrameOfBothDirections) {

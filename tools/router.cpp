@@ -1,5 +1,6 @@
 #include "router.h"
 
+#include "interrupt.h"
 #include "tavrix_jrpc.h"
 
 namespace tavrixctl {
@@ -38,7 +39,7 @@ int Router::ask(const std::string &method, Json params, const Deadline &deadline
     std::string text;
     const Json request = make_request(method, std::move(params), own_id);
     int status = exchange(request_text(request.get()), deadline, &text);
-    if (status != exit_result) {
+    if (status != exit_result || (text.empty() && stop_requested())) {
         return status;
     }
     const Json answer(json_loadb(text.data(), text.size(), 0, nullptr));

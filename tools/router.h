@@ -21,7 +21,7 @@ class Router {
     /** The answer to a request's text. Complains and returns the exit status when there is none. */
     int exchange(const std::string &request, const Deadline &deadline, std::string *answer);
 
-    /** The method's result. Complains and returns the exit status when there is none. */
+    /** The method's result. Complains and returns the exit status when there is none; null when it was stopped. */
     int ask(const std::string &method, Json params, const Deadline &deadline, Json *result);
 
   private:

@@ -116,7 +116,7 @@ bool Router::make_bus_folder() const {
             return false;
         }
         if (stat(folder.c_str(), &state) == 0 && (state.st_mode & S_IRWXO) != 0) {
-            LOG_FOREIGN("Every local user may enter %s, and so the bus; mode 0770 keeps it to the group\n",
+            LOG_WARNING("Every local user may enter %s, and so the bus; mode 0770 keeps it to the group\n",
                         folder.c_str());
         }
     }

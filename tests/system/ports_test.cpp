@@ -82,7 +82,7 @@ std::string mac_filters(int count) {
 class Road : public testing::Test {
   protected:
     void SetUp() override {
-        fleet.start_router({"--reply-timeout", "5000"});
+        fleet.start_lone_router({"--reply-timeout", "5000"});
         fleet.start_ports();
     }
     std::string call(const std::string &method, const std::string &params) {
@@ -211,7 +211,7 @@ TEST_F(Road, RefusesWhatTheFleetDoesNotHaveOrAllow) {
          "\"MAC Address already exists.\""},
         {"mzu.Register", R"({"mzu_id":"c9","model":"unknown","mac":"00:11:22:33:44:55","alias":"x"})", "-32042",
          "\"MZU model does not exist.\""},
-        {"ports.Nothing", "{}", "-32601", "(none)"},
+        {"ports.Nothing", "{}", "-32601", "\"no service offers ports.Nothing\""},
     };
     for (const auto &row : rows) {
         const std::string answer = call(row.method, row.params);

@@ -123,7 +123,7 @@ outcome() {
 # show SERVICE OUTCOME TITLE TEXT: sends a request as it stands; SERVICE is who is to have it, or nobody
 show() {
     local service=$1 expected=$2 title=$3 text=$4
-    local first reply status=0 line= wanted=0 seen request="(nothing)" answer="(nothing)"
+    local first reply status=0 line="" wanted=0 seen request="(nothing)" answer="(nothing)"
     [ "$service" = nobody ] || wanted=1
     first=$(($(wc -l <traffic.log) + 1))
     reply=$("$ctl" send --socket router.sock "$text" 2>&1) || status=$?

@@ -173,7 +173,7 @@ cmake --build build >/dev/null
 mv build/hello-cmake .
 for program in hello-pkg-config hello-cmake; do
     emulate "$PWD/$program"
-    "./$program" --session ../readme/session.sock --publish "ipc://$PWD/bus" 2>"$program.log" & pids+=($!); service_pid=$!
+    "./$program" --session ../readme/session.sock 2>"$program.log" & pids+=($!); service_pid=$!
     for _ in $(seq 100); do
         grep -q 'hello ready' "$program.log" && break
         sleep 0.1

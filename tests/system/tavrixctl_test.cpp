@@ -476,7 +476,8 @@ TEST(CtlHelp, GivesExamplesThatWorkWithTheDaemonsOwnAddresses) {
                 continue; // it runs
             }
             const std::string enough = example.find(" monitor") != std::string::npos ? " --count 1" : "";
-            const Finished finished = script(traffic + example + enough);
+            std::string text = traffic;
+            const Finished finished = script(text.append(example).append(enough));
             EXPECT_EQ(finished.status, 0) << example << "\n" << finished.output << finished.diagnostics;
         }
     }

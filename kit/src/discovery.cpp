@@ -90,7 +90,8 @@ const char *example_of_port(unsigned flags) {
 
 json_t *example_of_text(const tavrix_service_param &row) {
     if (const char *const *words = words_allowed(&row); words != nullptr) {
-        return json_string(words[0]);
+        const bool passes_over = words[1] != nullptr && std::strcmp(words[0], "unknown") == 0; // nothing to ask for
+        return json_string(words[passes_over ? 1 : 0]);
     }
     if (row.kind == TAVRIX_KIND_PORT_ID) {
         return json_string(example_of_port(row.flags));

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs the library into a folder of its own, builds the examples against it, in C through pkg-config and in C++
 # through the CMake package, and runs each set: client -> router -> service and back. Then the README's service as it
-# stands, by the commands below it, of which only the two ports are replaced by free ones.
+# stands, by the commands below it, of which only the two ports are replaced by free ones; and the service in the kit's
+# header as it stands, built both ways, which registers with the same router.
 # usage: run.sh BUILD_DIR CC CXX EMULATOR SYSROOT FLAGS
 set -euo pipefail
 
@@ -144,9 +145,43 @@ while read -r command; do
     case "$command" in
     "cc "*) eval "$command"; emulate "$PWD/hello" ;;
     *" &") number=$((number + 1)); eval "$command" 2>"readme-$number.log"; pids+=($!) ;;
-    "tavrixctl call --socket router.sock hello.Say '{\"text\":\"good morning\"}'") call=$command ;;
+    "tavrixctl call --socket router.sock hello.Say text='good morning'") call=$command ;;
     *) fail "README: what is '$command'?" ;;
     esac
 done < <(block sh | sed "s/:7001/:$router/g; s/:7009/:$service/g")
-check_answers README tavrixctl call --socket router.sock
+check_answers README tavrixctl call --full --socket router.sock
 echo "README: $(eval "$call")"
+
+# --- Service kit ---
+
+cd "$work"
+mkdir kit
+cd kit
+awk '/@endcode/ {exit} inside {sub(/^ \* ?/, ""); print} /@code/ {inside = 1}' "$work/prefix/include/tavrix_service.h" >hello.c
+cat >CMakeLists.txt <<'TEXT'
+cmake_minimum_required(VERSION 3.25)
+project(hello LANGUAGES C)
+find_package(tavrix 1 REQUIRED)
+add_executable(hello-cmake hello.c)
+target_link_libraries(hello-cmake PRIVATE tavrix::service)
+TEXT
+# shellcheck disable=SC2046
+cc -o hello-pkg-config hello.c $(pkg-config --cflags --libs tavrix_service)
+cmake -S . -B build -G Ninja -DCMAKE_C_COMPILER="$cc" -DCMAKE_C_FLAGS="-Wall -Wextra -Werror $6" \
+    -Dtavrix_DIR="$library_dir/cmake/tavrix" "${toolchain[@]}" >/dev/null
+cmake --build build >/dev/null
+mv build/hello-cmake .
+for program in hello-pkg-config hello-cmake; do
+    emulate "$PWD/$program"
+    "./$program" --session ../readme/session.sock 2>"$program.log" & pids+=($!); service_pid=$!
+    for _ in $(seq 100); do
+        grep -q 'hello ready' "$program.log" && break
+        sleep 0.1
+    done
+    answer=$(tavrixctl call --session ../readme/session.sock hello.Say '{"name":"the kit"}') ||
+        fail "$program: it was answered with '$answer'"
+    case "$answer" in *'"hello":"the kit"'*) ;; *) fail "$program: it was answered with '$answer'" ;; esac
+    echo "$program: $answer"
+    kill "$service_pid"
+    wait "$service_pid" || fail "$program: did not stop cleanly"
+done

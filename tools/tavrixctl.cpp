@@ -20,6 +20,7 @@ using namespace tavrixctl;
 constexpr char version_text[] = "tavrixctl " TAVRIX_VERSION;
 const std::vector<std::string> json_words = {"pretty", "short"};
 const std::vector<std::string> monitor_words = {"pretty", "short", "lines"};
+const std::vector<std::string> doc_words = {"markdown", "json"};
 const std::vector<std::string> shells = {"bash"};
 constexpr char params_help[] = "key=text, key:=json, a JSON object, @FILE or - (standard input) with one";
 
@@ -55,6 +56,9 @@ struct CommandLine {
     StatusOptions status;
     TopOptions top;
     WaitServiceOptions wait_service;
+    DiscoverOptions list;
+    DiscoverOptions describe;
+    DiscoverOptions docs;
     int error_code = 0;
     std::string field;
     std::vector<std::string> values;
@@ -243,6 +247,29 @@ void add_wait_service(CLI::App &app, CommandLine *line) {
     add_router(verb, &options.target);
     add_timeout(verb, &options.timeout_s);
     verb->callback([line] { line->run = [line] { return wait_service(line->wait_service); }; });
+}
+
+void add_discovery(CLI::App &app, CommandLine *line) {
+    CLI::App *list = add_verb(app, "list", "List the methods that can be called now",
+                              "  tavrixctl list\n  tavrixctl list 'ports.*'");
+    list->add_option("PATTERN", line->list.word, "A method's name, or the beginning of one followed by *");
+    CLI::App *describe = add_verb(app, "describe", "Show a method's parameters, result, errors and an example",
+                                  "  tavrixctl describe ports.Get");
+    describe->add_option("METHOD", line->describe.word, "Method name")->required();
+    CLI::App *docs = add_verb(app, "docs", "Print what all services say of their methods",
+                              "  tavrixctl docs --format markdown >methods.md");
+    line->docs.word = doc_words.front();
+    docs->add_option("--format", line->docs.word, "markdown, or json: the OpenRPC document; default: markdown")
+        ->check(CLI::IsMember(doc_words));
+    add_router(list, &line->list.target);
+    add_timeout(list, &line->list.timeout_s);
+    add_router(describe, &line->describe.target);
+    add_timeout(describe, &line->describe.timeout_s);
+    add_router(docs, &line->docs.target);
+    add_timeout(docs, &line->docs.timeout_s);
+    list->callback([line] { line->run = [line] { return list_methods(line->list); }; });
+    describe->callback([line] { line->run = [line] { return tavrixctl::describe(line->describe); }; });
+    docs->callback([line] { line->run = [line] { return tavrixctl::docs(line->docs); }; });
 }
 
 void add_push(CLI::App &app, CommandLine *line) {
@@ -547,9 +574,9 @@ int main(int argc, char **argv) {
     app.add_flag("--log", line.show_log, "Show the library's own log lines on standard error");
     app.require_subcommand(1);
     app.footer(general_footer);
-    for (auto add :
-         {add_call, add_send, add_status, add_top, add_metrics, add_wait_service, add_monitor, add_replay, add_push,
-          add_subscribe, add_wait, add_error, add_validate, add_shm, add_db, add_log_level, add_help, add_completion}) {
+    for (auto add : {add_call, add_send, add_status, add_top, add_metrics, add_wait_service, add_discovery, add_monitor,
+                     add_replay, add_push, add_subscribe, add_wait, add_error, add_validate, add_shm, add_db,
+                     add_log_level, add_help, add_completion}) {
         add(app, &line);
     }
     unguard(&app);

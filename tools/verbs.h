@@ -94,6 +94,15 @@ struct WaitServiceOptions {
 };
 int wait_service(const WaitServiceOptions &options);
 
+struct DiscoverOptions {
+    Target target;
+    std::string word; ///< list: a pattern, empty for all; describe: a method; docs: the format
+    double timeout_s = 15;
+};
+int list_methods(const DiscoverOptions &options);
+int describe(const DiscoverOptions &options);
+int docs(const DiscoverOptions &options);
+
 struct PushOptions {
     std::string address;
     std::string method;

@@ -117,9 +117,13 @@ std::vector<Field> params_of(const json_t *method) {
     for (const json_t *param : elements_of(method, "params")) {
         const json_t *schema = json_object_get(param, "schema");
         const std::string detail = shown(schema, "description");
-        const std::string summary = shown(param, "summary");
-        fields.push_back({shown(param, "name"), json_is_true(json_object_get(param, "required")),
-                          words_of_schema(schema), summary + (summary.empty() || detail.empty() ? "" : ": ") + detail});
+        std::string summary = shown(param, "summary");
+        if (!summary.empty() && !detail.empty()) {
+            summary += ": ";
+        }
+        summary += detail;
+        fields.push_back(
+            {shown(param, "name"), json_is_true(json_object_get(param, "required")), words_of_schema(schema), summary});
         add_members(shown(param, "name"), schema, 1, &fields);
     }
     return fields;
@@ -195,6 +199,7 @@ const json_t *find_method(const std::vector<const json_t *> &methods, const std:
 
 int complain_of_unknown(const std::string &name, const std::vector<const json_t *> &methods) {
     std::vector<std::string> names;
+    names.reserve(methods.size());
     for (const json_t *method : methods) {
         names.push_back(text_of(method, "name"));
     }

@@ -88,9 +88,9 @@ printf '[logging_levels]\nrouterd=info\nportsd=info\neventsd=info\n' >tavrix_lsy
 next_address; router=$address
 next_address; ports=$address
 next_address; events=$address
-export TAVRIX_SOCKET=router.sock
+export TAVRIX_SOCKET=router.sock TAVRIX_SESSION=session.sock
 
-"$bin/daemons/router/tavrix-routerd" --socket router.sock --publish "$router" --connect "$ports,$events" \
+"$bin/daemons/router/tavrix-routerd" --socket router.sock --session session.sock --publish "$router" --connect "$ports,$events" \
     --reply-timeout 1500 >/dev/null 2>routerd.log &
 pids+=($!)
 wait_for routerd.log "routerd ready"
@@ -116,7 +116,7 @@ frames_from() { tail -n +"$1" bus.log | grep -v -e service.Welcome -e service.Pr
 outcome() {
     case "$1" in
     0) echo result ;;
-    1) grep -o -m 1 '"code":-[0-9]*' <<<"$2" | grep -o -e '-[0-9]*' || echo unknown ;;
+    1 | 3) grep -o -m 1 '"code":-[0-9]*' <<<"$2" | grep -o -e '-[0-9]*' || echo unknown ;;
     4) echo none ;;
     *) echo unknown ;;
     esac
@@ -182,10 +182,10 @@ show_ctl() {
 }
 
 show_ctl "A daemon calls a daemon: events.Describe asks ports.Get over the bus and waits for the reply" \
-    '"port_id":"c1-1"' call events.Describe '{"port_id":"c1-1"}'
+    '"port_id":"c1-1"' call events.Describe port_id=c1-1
 show_ctl "A notification, awaited by the client" '"events.LinkChanged"' wait events.LinkChanged "$events"
-show_ctl "A notification, awaited by the ports service" '"result"' call ports.WaitLinkChanged
-show_ctl "A direct call, on the events service's own socket" '"result"' call --direct events.sock events.Last
+show_ctl "A notification, awaited by the ports service" '"entity":"c1-1"' call ports.WaitLinkChanged
+show_ctl "A direct call, on the events service's own socket" '"entity":"c1-1"' call --direct events.sock events.Last
 if [ "$(id -u)" -eq 0 ]; then # the slot's mode lets nobody else open it
     show_ctl "The number of the last event, read from shared memory" "" shm get "/$slot" --int
 fi
@@ -199,10 +199,11 @@ if $keep; then
 
 Still running: router, ports service, events service, monitor (process ids ${pids[*]}). Try, in $run:
 
-  export TAVRIX_SOCKET=router.sock
-  $ctl call ports.Get '{"port_id":"all"}' --json pretty
+  export TAVRIX_SOCKET=router.sock TAVRIX_SESSION=session.sock
+  $ctl call ports.Get port_id=all --json pretty
   $ctl call mzu.List
-  $ctl call router.Status
+  $ctl status
+  $ctl monitor
   $ctl log-level portsd verbose --file tavrix_lsyslog.conf && tail -f portsd.log
   tail -f bus.log
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 
@@ -16,27 +17,9 @@ namespace tavrixctl {
 
 namespace {
 
-constexpr size_t router_request_limit = 8192;
-constexpr size_t direct_request_limit = 1024;
+constexpr char default_socket[] = "/run/tavrix/router.sock";
+constexpr char default_session[] = "/run/tavrix/session.sock";
 constexpr int highest_port = 65535;
-
-class Socket {
-  public:
-    explicit Socket(int fd) : fd_(fd) {}
-    Socket(const Socket &) = delete;
-    Socket &operator=(const Socket &) = delete;
-    ~Socket() { reset(-1); }
-    int get() const { return fd_; }
-    void reset(int fd) {
-        if (fd_ >= 0) {
-            close(fd_);
-        }
-        fd_ = fd;
-    }
-
-  private:
-    int fd_;
-};
 
 /** Makes a blocking connect and send give up at the deadline. */
 void limit_waiting(int fd, const Deadline &deadline) {
@@ -49,27 +32,21 @@ bool is_timeout(int reason) { return reason == EAGAIN || reason == EINPROGRESS |
 
 int connect_failure(const std::string &where, int reason) {
     if (is_timeout(reason)) {
-        complain("%s: no connection in time", where.c_str());
+        complain("%s: no connection in time", printable(where).c_str());
         return exit_timeout;
     }
-    complain("%s: %s", where.c_str(), std::strerror(reason));
+    complain("%s: %s", printable(where).c_str(), std::strerror(reason));
     return exit_no_connection;
 }
 
-int connect_unix(const std::string &path, const Deadline &deadline, Socket *out) {
+/** 0 or the reason why there is no connection; the path has to fit. */
+int try_unix(const std::string &path, const Deadline &deadline, Socket *out) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    if (path.size() >= sizeof address.sun_path) {
-        complain("%s: the path is longer than %zu characters", path.c_str(), sizeof address.sun_path - 1);
-        return exit_usage;
-    }
-    path.copy(address.sun_path, path.size());
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
     out->reset(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     limit_waiting(out->get(), deadline);
-    if (connect(out->get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
-        return connect_failure(path, errno);
-    }
-    return exit_result;
+    return connect(out->get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0 ? 0 : errno;
 }
 
 struct FreeAddresses {
@@ -127,15 +104,93 @@ int connect_tcp(const std::string &where, const Deadline &deadline, Socket *out)
     return connect_failure(where, reason);
 }
 
-int connect_to(const Target &target, const Deadline &deadline, Socket *out) {
-    if (!target.direct.empty()) {
-        return connect_unix(target.direct, deadline, out);
-    }
-    return target.tcp.empty() ? connect_unix(target.socket_path, deadline, out)
-                              : connect_tcp(target.tcp, deadline, out);
+/** Nothing listens there, or it is not for this user: another road may still lead to the router. */
+bool is_absent(int reason) { return reason == ENOENT || reason == ECONNREFUSED || reason == EACCES; }
+
+/** The variable's value; empty when it has none. */
+std::string environment(const char *name) {
+    const char *value = std::getenv(name);
+    return value == nullptr ? "" : value;
 }
 
-int send_request(int fd, const std::string &text, const Deadline &deadline) {
+} // namespace
+
+size_t request_limit(RoadKind kind) {
+    switch (kind) {
+    case RoadKind::session:
+        return 65535; // and its newline
+    case RoadKind::direct:
+        return 1024;
+    default:
+        return 8192;
+    }
+}
+
+std::vector<Road> roads_to(const Target &target) {
+    if (!target.direct.empty()) {
+        return {{RoadKind::direct, target.direct}};
+    }
+    if (!target.tcp.empty()) {
+        return {{RoadKind::tcp, target.tcp}};
+    }
+    if (!target.socket_path.empty()) {
+        return {{RoadKind::one_shot, target.socket_path}};
+    }
+    if (!target.session.empty()) {
+        return {{RoadKind::session, target.session}};
+    }
+    // Who names one socket of a router means that router: the usual paths could be another one's.
+    const std::string session = environment("TAVRIX_SESSION");
+    const std::string socket_path = environment("TAVRIX_SOCKET");
+    if (session.empty() && socket_path.empty()) {
+        return {{RoadKind::session, default_session}, {RoadKind::one_shot, default_socket}};
+    }
+    std::vector<Road> roads;
+    if (!session.empty()) {
+        roads.push_back({RoadKind::session, session});
+    }
+    if (!socket_path.empty()) {
+        roads.push_back({RoadKind::one_shot, socket_path});
+    }
+    return roads;
+}
+
+std::vector<Road> only(RoadKind kind, std::vector<Road> roads) {
+    const auto is_other = [kind](const Road &road) { return road.kind != kind; };
+    roads.erase(std::remove_if(roads.begin(), roads.end(), is_other), roads.end());
+    return roads;
+}
+
+int connect_to(const std::vector<Road> &roads, size_t request_size, const Deadline &deadline, Socket *out,
+               RoadKind *kind) {
+    for (size_t i = 0; i < roads.size(); ++i) {
+        const Road &road = roads[i];
+        *kind = road.kind;
+        if (request_size > request_limit(road.kind)) {
+            complain("the request has %zu bytes, %zu are read at most", request_size, request_limit(road.kind));
+            return exit_usage;
+        }
+        if (road.kind == RoadKind::tcp) {
+            return connect_tcp(road.where, deadline, out);
+        }
+        if (road.where.size() >= sizeof sockaddr_un{}.sun_path) {
+            complain("%s: the path is longer than %zu characters", printable(road.where).c_str(),
+                     sizeof sockaddr_un{}.sun_path - 1);
+            return exit_usage;
+        }
+        const int reason = try_unix(road.where, deadline, out);
+        if (reason == 0) {
+            return exit_result;
+        }
+        if (i + 1 == roads.size() || !is_absent(reason)) {
+            return connect_failure(road.where, reason);
+        }
+    }
+    complain("a session of the router is needed: --session or TAVRIX_SESSION tells where");
+    return exit_usage;
+}
+
+int send_text(int fd, const std::string &text, const Deadline &deadline) {
     // One send: a server takes its request from one read and puts nothing together.
     limit_waiting(fd, deadline);
     const ssize_t sent = ::send(fd, text.data(), text.size(), MSG_NOSIGNAL);
@@ -175,24 +230,6 @@ int read_to_end(int fd, const Deadline &deadline, std::string *answer) {
         }
         answer->append(chunk, static_cast<size_t>(got));
     }
-}
-
-} // namespace
-
-size_t request_limit(const Target &target) {
-    return target.direct.empty() ? router_request_limit : direct_request_limit;
-}
-
-int exchange(const Target &target, const std::string &text, const Deadline &deadline, std::string *answer) {
-    Socket socket(-1);
-    int status = connect_to(target, deadline, &socket);
-    if (status == exit_result) {
-        status = send_request(socket.get(), text, deadline);
-    }
-    if (status == exit_result) {
-        status = read_to_end(socket.get(), deadline, answer);
-    }
-    return status;
 }
 
 } // namespace tavrixctl

@@ -1,20 +1,69 @@
 /**
- * One exchange with a stream socket: connect, send a text, read until the peer closes.
+ * Stream sockets: the roads to a router or a daemon, and texts sent and read whole.
  */
 #ifndef TAVRIX_TOOLS_STREAM_H
 #define TAVRIX_TOOLS_STREAM_H
 
 #include <string>
+#include <utility>
+#include <vector>
+
+#include <unistd.h>
 
 #include "support.h"
 
 namespace tavrixctl {
 
-/** Sends `text` to the target and collects the answer. Complains and returns the exit status when it fails. */
-int exchange(const Target &target, const std::string &text, const Deadline &deadline, std::string *answer);
+/** Owns a descriptor. */
+class Socket {
+  public:
+    Socket() = default;
+    Socket(Socket &&other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+    Socket &operator=(Socket &&other) noexcept {
+        reset(std::exchange(other.fd_, -1));
+        return *this;
+    }
+    Socket(const Socket &) = delete;
+    Socket &operator=(const Socket &) = delete;
+    ~Socket() { reset(-1); }
+    int get() const { return fd_; }
+    void reset(int fd) {
+        if (fd_ >= 0) {
+            close(fd_);
+        }
+        fd_ = fd;
+    }
 
-/** The most bytes that the target reads of one request. */
-size_t request_limit(const Target &target);
+  private:
+    int fd_ = -1;
+};
+
+enum class RoadKind { one_shot, tcp, session, direct };
+
+struct Road {
+    RoadKind kind;
+    std::string where;
+};
+
+/** The most bytes that are read of one request on this kind of road. */
+size_t request_limit(RoadKind kind);
+
+/** What the target leads to, the road that is preferred first. */
+std::vector<Road> roads_to(const Target &target);
+
+/** Those of one kind. */
+std::vector<Road> only(RoadKind kind, std::vector<Road> roads);
+
+/**
+ * Takes the first of the roads on which somebody listens and for which the request is not too long. Complains and
+ * returns the exit status when there is none.
+ */
+int connect_to(const std::vector<Road> &roads, size_t request_size, const Deadline &deadline, Socket *out,
+               RoadKind *kind);
+
+/** Both complain and return the exit status when they fail. */
+int send_text(int fd, const std::string &text, const Deadline &deadline);
+int read_to_end(int fd, const Deadline &deadline, std::string *answer);
 
 } // namespace tavrixctl
 

@@ -15,12 +15,20 @@ namespace tavrixctl {
 namespace {
 
 FILE *diagnostics = stderr;
+bool is_silent = false;
 
 } // namespace
 
 int Deadline::left_ms() const {
     const std::chrono::duration<double, std::milli> left = end_ - std::chrono::steady_clock::now();
     return left.count() <= 0 ? 0 : static_cast<int>(std::ceil(std::min(left.count(), 1e9)));
+}
+
+Deadline Deadline::later(double seconds) const {
+    Deadline other = *this;
+    other.end_ +=
+        std::chrono::duration_cast<std::chrono::steady_clock::duration>(std::chrono::duration<double>(seconds));
+    return other;
 }
 
 void silence_library_log() {
@@ -36,7 +44,14 @@ void silence_library_log() {
     diagnostics = stream;
 }
 
+Silence::Silence() { is_silent = true; }
+
+Silence::~Silence() { is_silent = false; }
+
 void complain(const char *format, ...) {
+    if (is_silent) {
+        return;
+    }
     va_list args;
     va_start(args, format);
     std::fputs("tavrixctl: ", diagnostics);
@@ -45,30 +60,16 @@ void complain(const char *format, ...) {
     va_end(args);
 }
 
+void tell(const std::string &line) {
+    std::fputs((line + "\n").c_str(), diagnostics);
+    std::fflush(diagnostics);
+}
+
 std::string text_or_stdin(const std::string &text) {
     if (text != "-") {
         return text;
     }
     return std::string(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
-}
-
-Json parse_params(const std::string &text, bool *valid) {
-    *valid = true;
-    if (text.empty()) {
-        return nullptr;
-    }
-    const std::string source = text_or_stdin(text);
-    json_error_t error;
-    Json params(json_loadb(source.data(), source.size(), JSON_REJECT_DUPLICATES | JSON_DECODE_ANY, &error));
-    if (!params) {
-        complain("PARAMS is no JSON: line %d, column %d: %s", error.line, error.column, error.text);
-        *valid = false;
-    } else if (!json_is_object(params.get())) {
-        complain("PARAMS has to be a JSON object");
-        *valid = false;
-        params.reset();
-    }
-    return params;
 }
 
 Json make_request(const std::string &method, Json params, const std::string &id) {

@@ -24,6 +24,9 @@ struct FreeMemory {
 };
 using Text = std::unique_ptr<char, FreeMemory>;
 
+/** So many seconds that nobody sees their end. */
+constexpr double for_ever_s = 1e9;
+
 /** A point in time to wait until. */
 class Deadline {
   public:
@@ -33,6 +36,7 @@ class Deadline {
     /** Milliseconds left, rounded up, never below 0; fits poll. */
     int left_ms() const;
     bool passed() const { return left_ms() == 0; }
+    Deadline later(double seconds) const;
 
   private:
     std::chrono::steady_clock::time_point end_;
@@ -47,11 +51,20 @@ void silence_library_log();
 /** Prints "tavrixctl: ..." as a diagnostic. */
 void complain(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
+/** Prints a line beside the results, where the diagnostics go. */
+void tell(const std::string &line);
+
+/** While one lives nothing is complained about: for what is tried again. */
+class Silence {
+  public:
+    Silence();
+    Silence(const Silence &) = delete;
+    Silence &operator=(const Silence &) = delete;
+    ~Silence();
+};
+
 /** The text itself, or all of standard input when it is "-". */
 std::string text_or_stdin(const std::string &text);
-
-/** A request's "params": null for none. On bad input complains and sets `*valid` to false. */
-Json parse_params(const std::string &text, bool *valid);
 
 /** A JSON-RPC 2.0 request or, with an empty id, a notification. */
 Json make_request(const std::string &method, Json params, const std::string &id);

@@ -1,51 +1,31 @@
 /*
  * monitor, push, wait: straight to the bus, without the router.
  */
+#include <algorithm>
 #include <cerrno>
-#include <csignal>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 
-#include <fcntl.h>
 #include <nanomsg/nn.h>
 #include <poll.h>
-#include <sys/time.h>
-#include <unistd.h>
 
+#include "interrupt.h"
+#include "params.h"
+#include "router.h"
 #include "support.h"
 #include "tavrix_error.h"
 #include "tavrix_jrpc.h"
 #include "tavrix_mq.h"
+#include "verb_bus.h"
 #include "verbs.h"
+#include "words.h"
 
 namespace tavrixctl {
 
 namespace {
 
 constexpr int tick_ms = 50;
-
-volatile std::sig_atomic_t stop_requested = 0;
-// Readable once a stop is asked for, so that a signal just before a poll is not slept over; -1 when nobody asked for
-// it.
-int stop_pipe[2] = {-1, -1};
-
-void request_stop(int /*signal*/) {
-    stop_requested = 1;
-    if (write(stop_pipe[1], "", 1) < 0) {
-        // A full pipe is readable just as well.
-    }
-}
-
-bool stop_on_signals() {
-    if (pipe2(stop_pipe, O_NONBLOCK | O_CLOEXEC) != 0) {
-        complain("cannot watch for signals: %s", std::strerror(errno));
-        return false;
-    }
-    struct sigaction action {};
-    action.sa_handler = request_stop; // without SA_RESTART: output that waits for its reader has to come back too
-    return sigaction(SIGINT, &action, nullptr) == 0 && sigaction(SIGTERM, &action, nullptr) == 0;
-}
+constexpr double patience_s = 2; // before it is told which addresses are dead
 
 /** A bus socket of one type, connected to every address. */
 class BusSocket {
@@ -93,7 +73,7 @@ class BusSocket {
         if (descriptor_of(socket_, &fd) != TAVRIX_OK) {
             return false;
         }
-        pollfd ready[] = {{fd, POLLIN, 0}, {stop_pipe[0], POLLIN, 0}};
+        pollfd ready[] = {{fd, POLLIN, 0}, {stop_descriptor(), POLLIN, 0}};
         return poll(ready, 2, timeout_ms) > 0 && ready[0].revents != 0;
     }
 
@@ -137,53 +117,113 @@ int subscribe(BusSocket *socket, const std::vector<std::string> &addresses, cons
     return exit_result;
 }
 
-std::string time_of_day() {
-    timeval now{};
-    gettimeofday(&now, nullptr);
-    tm local{};
-    localtime_r(&now.tv_sec, &local);
-    char text[32];
-    const size_t length = std::strftime(text, sizeof text, "%H:%M:%S", &local);
-    std::snprintf(text + length, sizeof text - length, ".%03d", static_cast<int>(now.tv_usec / 1000));
-    return text;
+/** The method that a request, a notification or a reply is about. */
+std::string method_of(const json_t *message) {
+    const std::string method = text_of(message, "method");
+    return method.empty() ? text_of(message, "id") : method;
 }
 
-/** The frame's JSON in the wanted style, or its escaped bytes when it is no JSON. */
-std::string styled(const std::string &json, JsonStyle style) {
-    const Json value(json_loadb(json.data(), json.size(), JSON_DECODE_ANY, nullptr));
-    return value ? render(value.get(), style) : printable(json);
+/** One connection for each address, so that it can be told which of them nobody publishes on. */
+class Listeners {
+  public:
+    /** Complains and returns the exit status when an address or a channel is refused. */
+    int open(const std::vector<std::string> &addresses, const std::vector<std::string> &channels) {
+        for (const std::string &address : addresses) {
+            sockets_.push_back(std::make_unique<BusSocket>(TAVRIX_SP_SUB));
+            const int status = subscribe(sockets_.back().get(), {address}, channels);
+            if (status != exit_result) {
+                return status;
+            }
+        }
+        addresses_ = addresses;
+        return exit_result;
+    }
+
+    /** Waits for a frame, a stop, or the time. */
+    void wait_ready(int timeout_ms) const {
+        std::vector<pollfd> ready = {{stop_descriptor(), POLLIN, 0}};
+        for (const auto &socket : sockets_) {
+            int fd = -1;
+            if (tavrix_mq_socket_recvfd(socket->get(), &fd) == TAVRIX_OK) {
+                ready.push_back({fd, POLLIN, 0});
+            }
+        }
+        poll(ready.data(), ready.size(), timeout_ms);
+    }
+
+    bool receive_any(Frame *frame) const {
+        return std::any_of(sockets_.begin(), sockets_.end(),
+                           [frame](const auto &socket) { return receive(*socket, frame); });
+    }
+
+    size_t connected() const {
+        return static_cast<size_t>(std::count_if(sockets_.begin(), sockets_.end(),
+                                                 [](const auto &socket) { return socket->connections() > 0; }));
+    }
+
+    void tell_dead() const {
+        for (size_t i = 0; i < sockets_.size(); ++i) {
+            if (sockets_[i]->connections() == 0) {
+                complain("%s: nobody publishes there yet", printable(addresses_[i]).c_str());
+            }
+        }
+    }
+
+  private:
+    std::vector<std::string> addresses_;
+    std::vector<std::unique_ptr<BusSocket>> sockets_;
+};
+
+/** The frame as it is printed; empty when no pattern fits it. */
+std::string line_of(const Frame &frame, const std::optional<JsonStyle> &style,
+                    const std::vector<std::string> &patterns) {
+    const double now = now_since_1970();
+    const Json message(json_loadb(frame.json.data(), frame.json.size(), JSON_DECODE_ANY, nullptr));
+    const std::string method = method_of(message.get());
+    if (!patterns.empty() && std::none_of(patterns.begin(), patterns.end(),
+                                          [&method](const std::string &pattern) { return matches(pattern, method); })) {
+        return "";
+    }
+    if (style == JsonStyle::lines) {
+        const Json object(json_pack("{s:f, s:o, s:o}", "time", now, "channel",
+                                    json_string(printable(frame.channel).c_str()), "message",
+                                    message ? json_incref(message.get()) : json_string(printable(frame.json).c_str())));
+        return render(object.get(), JsonStyle::lines);
+    }
+    return time_text(now) + "  " + (frame.channel.empty() ? "-" : printable(frame.channel)) + "  " +
+           (message ? render(message.get(), style.value_or(JsonStyle::single_line)) : printable(frame.json));
 }
 
 } // namespace
 
-int monitor(const MonitorOptions &options) {
-    if (!stop_on_signals()) {
-        return exit_error_response;
-    }
-    BusSocket socket(TAVRIX_SP_SUB);
+int monitor_bus(const MonitorOptions &options, const std::vector<std::string> &addresses,
+                const std::vector<std::string> &patterns) {
     const std::vector<std::string> every_channel = {""};
-    const int status =
-        subscribe(&socket, options.addresses, options.channels.empty() ? every_channel : options.channels);
+    Listeners listeners;
+    const int status = listeners.open(addresses, options.channels.empty() ? every_channel : options.channels);
     if (status != exit_result) {
         return status;
     }
+    const Deadline patience(patience_s);
     bool announced = false;
+    bool told_dead = false;
     unsigned printed = 0;
-    while (stop_requested == 0 && (!options.count || printed < *options.count)) {
-        if (!announced && socket.connections() >= options.addresses.size()) {
-            complain("connected to %zu of %zu addresses", options.addresses.size(), options.addresses.size());
+    while (!stop_requested() && (!options.count || printed < *options.count)) {
+        if (!announced && listeners.connected() == addresses.size()) {
+            complain("connected to %zu of %zu addresses", addresses.size(), addresses.size());
             announced = true;
+        } else if (!announced && !told_dead && patience.passed()) {
+            listeners.tell_dead();
+            told_dead = true;
         }
-        if (!socket.wait_ready(tavrix_mq_socket_recvfd, announced ? -1 : tick_ms)) {
-            continue;
-        }
+        listeners.wait_ready(announced ? -1 : tick_ms);
         Frame frame;
-        while (stop_requested == 0 && (!options.count || printed < *options.count) && receive(socket, &frame)) {
-            const std::string channel = frame.channel.empty() ? "-" : printable(frame.channel);
-            if (!print_line(time_of_day() + "  " + channel + "  " + styled(frame.json, options.json))) {
-                return stop_requested != 0 ? exit_result : exit_error_response;
+        while (!stop_requested() && (!options.count || printed < *options.count) && listeners.receive_any(&frame)) {
+            const std::string line = line_of(frame, options.json, patterns);
+            if (!line.empty() && !print_line(line)) {
+                return stop_requested() ? exit_result : exit_error_response;
             }
-            ++printed;
+            printed += line.empty() ? 0 : 1;
         }
     }
     return exit_result;
@@ -216,17 +256,19 @@ int push(const PushOptions &options) {
     return exit_result;
 }
 
-int wait(const WaitOptions &options) {
+int wait_on_bus(const WaitOptions &options, const std::vector<std::string> &addresses, const Deadline &deadline,
+                const Taker &take) {
     BusSocket socket(TAVRIX_SP_SUB);
-    const int status = subscribe(&socket, {options.address}, {options.channel});
+    const int status = subscribe(&socket, addresses, {options.channel});
     if (status != exit_result) {
         return status;
     }
-    const Deadline deadline(options.timeout_s);
+    const std::string method = printable(options.method);
     bool announced = false;
+    unsigned taken = 0;
     while (!deadline.passed()) {
-        if (!announced && socket.connections() > 0) {
-            complain("waiting for %s", options.method.c_str());
+        if (!announced && socket.connections() >= addresses.size()) {
+            complain("waiting for %s", method.c_str());
             announced = true;
         }
         const int left_ms = deadline.left_ms();
@@ -236,14 +278,23 @@ int wait(const WaitOptions &options) {
         Frame frame;
         while (!deadline.passed() && receive(socket, &frame)) {
             json_t *found = nullptr;
-            if (tavrix_jrpc_eval_notification(options.method.c_str(), frame.json.c_str(), &found) == TAVRIX_OK) {
-                const Json notification(found);
-                return print_line(render(found, options.json)) ? exit_result : exit_error_response;
+            if (tavrix_jrpc_eval_notification(options.method.c_str(), frame.json.c_str(), &found) != TAVRIX_OK) {
+                continue;
+            }
+            const Json notification(found);
+            const int verdict = take(found);
+            taken += verdict > 0 ? 1 : 0;
+            if (verdict < 0 || taken == options.count) {
+                return verdict < 0 ? exit_error_response : exit_result;
             }
         }
     }
-    complain(announced ? "no %s in time" : "no connection while waiting for %s", options.method.c_str());
-    return announced ? exit_timeout : exit_no_connection;
+    if (announced || socket.connections() > 0) {
+        complain("no %s in time", method.c_str());
+        return exit_timeout;
+    }
+    complain("no connection while waiting for %s", method.c_str());
+    return exit_no_connection;
 }
 
 } // namespace tavrixctl

@@ -1,15 +1,42 @@
 /*
- * call, send: one request to the router or to a daemon's own socket, one answer.
+ * call, send: one request to the router or to a daemon's own socket, and its answer.
  */
+#include <algorithm>
+
+#include <sys/socket.h>
 #include <unistd.h>
 
-#include "stream.h"
+#include "params.h"
+#include "router.h"
 #include "support.h"
+#include "tavrix_jrpc.h"
 #include "verbs.h"
+#include "words.h"
 
 namespace tavrixctl {
 
 namespace {
+
+/** Whether a response, or each of a batch's, is a result. */
+int judge(const json_t *reply) {
+    if (json_is_array(reply)) {
+        size_t index = 0;
+        const json_t *one = nullptr;
+        json_array_foreach(reply, index, one) {
+            const int status = json_is_object(one) ? judge(one) : static_cast<int>(exit_error_response);
+            if (status != exit_result) {
+                return status;
+            }
+        }
+        return exit_result;
+    }
+    const int status = status_of(reply);
+    if (status == exit_result && json_object_get(reply, "result") == nullptr) {
+        complain("the answer is no JSON-RPC response");
+        return exit_error_response;
+    }
+    return status;
+}
 
 /** Prints an answer and tells result from error response. */
 int print_answer(const std::string &answer, JsonStyle style) {
@@ -20,35 +47,68 @@ int print_answer(const std::string &answer, JsonStyle style) {
         print_line(printable(answer));
         return exit_error_response;
     }
-    if (!print_line(render(reply.get(), style))) {
-        return exit_error_response;
-    }
-    if (json_object_get(reply.get(), "error") != nullptr) {
-        return exit_error_response;
-    }
-    if (json_object_get(reply.get(), "result") == nullptr) {
-        complain("the answer is no JSON-RPC response");
-        return exit_error_response;
-    }
-    return exit_result;
+    return print_line(render(reply.get(), style)) ? judge(reply.get()) : static_cast<int>(exit_error_response);
 }
 
-int exchange_and_print(const Target &target, const std::string &text, double timeout_s, bool wants_answer,
-                       JsonStyle style) {
-    const Deadline deadline(timeout_s);
-    std::string answer;
-    const int status = exchange(target, text, deadline, &answer);
-    if (status != exit_result) {
-        return status;
+/** One connection for the text where there is one: its lines would be several requests of a session. */
+std::vector<Road> for_one_text(std::vector<Road> roads) {
+    const auto is_session = [](const Road &road) { return road.kind == RoadKind::session; };
+    if (!std::all_of(roads.begin(), roads.end(), is_session)) {
+        roads.erase(std::remove_if(roads.begin(), roads.end(), is_session), roads.end());
     }
-    if (!answer.empty()) {
-        return print_answer(answer, style);
+    return roads;
+}
+
+/** The answer, or a session's several ones; the exit status is the last that is not 0. */
+int print_all(const std::string &answers, RoadKind kind, JsonStyle style) {
+    int status = answers.empty() ? exit_no_connection : exit_result;
+    if (answers.empty()) {
+        complain("the connection was closed without an answer");
     }
-    if (!wants_answer) {
-        return exit_result;
+    size_t begin = 0;
+    while (begin < answers.size()) {
+        const size_t end =
+            kind == RoadKind::session ? std::min(answers.find('\n', begin), answers.size()) : answers.size();
+        const int one = print_answer(answers.substr(begin, end - begin), style);
+        status = one == exit_result ? status : one;
+        begin = end + 1;
     }
-    complain("the connection was closed without an answer");
-    return exit_no_connection;
+    return status;
+}
+
+/** The method that was probably meant where this one was not found; empty when none is near. */
+std::string find_similar(const CallOptions &options, Router *router) {
+    const Silence silence; // what cannot be found out is not worth a word
+    Json status;
+    if (!options.target.direct.empty() ||
+        router->ask("router.Status", nullptr, Deadline(options.timeout_s), &status) != exit_result) {
+        return "";
+    }
+    // A known method is the nearest to itself.
+    const std::string similar = nearest(options.method, known_methods(status.get()));
+    return similar == options.method ? "" : similar;
+}
+
+/** Prints the result alone, or says in words what went wrong. */
+int print_result(const CallOptions &options, Router *router, const std::string &answer) {
+    const Json reply(json_loadb(answer.data(), answer.size(), 0, nullptr));
+    const json_t *result = json_object_get(reply.get(), "result");
+    const json_t *error = json_object_get(reply.get(), "error");
+    if (result == nullptr && !json_is_object(error)) {
+        complain("the answer is no JSON-RPC response: %s",
+                 (reply ? render(reply.get(), JsonStyle::single_line) : printable(answer)).c_str());
+        return exit_error_response;
+    }
+    if (error == nullptr) {
+        return print_line(render(result, options.json)) ? exit_result : exit_error_response;
+    }
+    // A request to nobody on the bus is timed out.
+    const json_int_t code = json_integer_value(json_object_get(error, "code"));
+    const bool is_unknown = code == TAVRIX_JRPC_METHOD_NOT_FOUND || code == TAVRIX_JRPC_TIMED_OUT;
+    const std::string similar = is_unknown ? find_similar(options, router) : "";
+    complain("%s%s", words_of_failure(options.method, reply.get()).c_str(),
+             similar.empty() ? "" : ("; did you mean " + printable(similar) + "?").c_str());
+    return status_of(reply.get());
 }
 
 /** A transaction id that two clients at a time hardly share. */
@@ -73,16 +133,38 @@ int call(const CallOptions &options) {
     }
     const json_int_t transaction_id = options.transaction_id.value_or(fresh_transaction_id());
     json_object_set_new(request.get(), "transaction_id", json_integer(transaction_id));
-    const std::string text = request_text(request.get());
-    if (text.size() > request_limit(options.target)) {
-        complain("the request has %zu bytes, %zu are read at most", text.size(), request_limit(options.target));
-        return exit_usage;
+    const Deadline deadline(options.timeout_s);
+    Router router(options.target);
+    std::string answer;
+    const int status = router.exchange(request_text(request.get()), deadline, &answer);
+    if (status != exit_result || (answer.empty() && options.notification)) {
+        return status;
     }
-    return exchange_and_print(options.target, text, options.timeout_s, !options.notification, options.json);
+    if (answer.empty()) {
+        complain("the connection was closed without an answer");
+        return exit_no_connection;
+    }
+    return options.full ? print_answer(answer, options.json) : print_result(options, &router, answer);
 }
 
 int send(const SendOptions &options) {
-    return exchange_and_print(options.target, text_or_stdin(options.text), options.timeout_s, true, options.json);
+    const Deadline deadline(options.timeout_s);
+    const std::string text = text_or_stdin(options.text);
+    Socket socket;
+    RoadKind kind = RoadKind::one_shot;
+    // The limit is for the other side to tell: what is sent here may be meant to be refused.
+    int status = connect_to(for_one_text(roads_to(options.target)), 0, deadline, &socket, &kind);
+    if (status == exit_result) {
+        status = send_text(socket.get(), kind == RoadKind::session ? text + "\n" : text, deadline);
+    }
+    if (kind == RoadKind::session) {
+        shutdown(socket.get(), SHUT_WR); // the router answers what it has, and closes
+    }
+    std::string answers;
+    if (status == exit_result) {
+        status = read_to_end(socket.get(), deadline, &answers);
+    }
+    return status == exit_result ? print_all(answers, kind, options.json) : status;
 }
 
 } // namespace tavrixctl

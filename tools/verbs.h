@@ -18,22 +18,24 @@ enum ExitStatus {
     exit_no_connection = 4,
 };
 
-enum class JsonStyle { automatic, pretty, single_line };
+enum class JsonStyle { automatic, pretty, single_line, lines };
 
-/** Where a request goes: the router's socket unless `tcp` or `direct` is set. */
+/** Where a request goes: at most one is set; with none, the environment or the usual paths tell. */
 struct Target {
-    std::string socket_path;
-    std::string tcp;    ///< HOST:PORT
-    std::string direct; ///< path of a daemon's own socket server
+    std::string session;     ///< path of the router's socket for sessions
+    std::string socket_path; ///< path of the router's socket for one request a connection
+    std::string tcp;         ///< HOST:PORT
+    std::string direct;      ///< path of a daemon's own socket server
 };
 
 struct CallOptions {
     Target target;
     std::string method;
-    std::string params; ///< a JSON object, "-" for standard input, empty for none
+    std::vector<std::string> params; ///< words as in params.h
     std::string id;
     std::optional<long long> transaction_id;
     bool notification = false;
+    bool full = false; ///< prints the whole response, not the result alone
     double timeout_s = 15;
     JsonStyle json = JsonStyle::automatic;
 };
@@ -48,24 +50,72 @@ struct SendOptions {
 int send(const SendOptions &options);
 
 struct MonitorOptions {
-    std::vector<std::string> addresses;
-    std::vector<std::string> channels; ///< prefixes; none means every channel
-    JsonStyle json = JsonStyle::single_line;
-    std::optional<unsigned> count; ///< frames to print before it ends
+    Target target;
+    std::vector<std::string> words;    ///< method patterns, and bus addresses to listen to instead of the router
+    std::vector<std::string> channels; ///< of the bus: prefixes; none means every channel
+    std::string service;               ///< only this one's, when not empty
+    bool errors_only = false;
+    std::optional<double> slower_than_ms;
+    std::string record;            ///< file to write to as well, when not empty
+    std::optional<JsonStyle> json; ///< none: lines for people
+    std::optional<unsigned> count; ///< lines to print before it ends
+    double timeout_s = 15;         ///< for the router to begin
 };
 int monitor(const MonitorOptions &options);
+
+struct ReplayOptions {
+    Target target;
+    std::string file;
+    double speed = 1; ///< 0: each as soon as the former is answered
+    double timeout_s = 15;
+};
+int replay(const ReplayOptions &options);
+
+struct StatusOptions {
+    Target target;
+    double timeout_s = 15;
+    std::optional<JsonStyle> json; ///< none: tables
+};
+int status(const StatusOptions &options);
+int metrics(const StatusOptions &options);
+
+struct TopOptions {
+    Target target;
+    double timeout_s = 15;
+    double interval_s = 2;
+    std::optional<unsigned> count; ///< pages to print before it ends
+};
+int top(const TopOptions &options);
+
+struct WaitServiceOptions {
+    Target target;
+    std::vector<std::string> names;
+    double timeout_s = 60;
+};
+int wait_service(const WaitServiceOptions &options);
 
 struct PushOptions {
     std::string address;
     std::string method;
-    std::string params;
+    std::vector<std::string> params;
     double timeout_s = 5;
 };
 int push(const PushOptions &options);
 
+struct SubscribeOptions {
+    Target target;
+    std::vector<std::string> patterns;
+    std::optional<unsigned> count; ///< notifications to print before it ends
+    std::optional<double> timeout_s;
+    std::optional<JsonStyle> json; ///< none: time, method and params
+};
+int subscribe(const SubscribeOptions &options);
+
 struct WaitOptions {
+    Target target;
     std::string method;
-    std::string address;
+    std::vector<std::string> words; ///< bus addresses, and what the params have to hold
+    unsigned count = 1;
     std::string channel;
     double timeout_s = 60;
     JsonStyle json = JsonStyle::automatic;
@@ -86,10 +136,20 @@ struct ShmOptions {
 };
 int shm_get(const ShmOptions &options);
 int shm_set(const ShmOptions &options);
+int shm_list();
+int shm_remove(const ShmOptions &options);
+
+struct DbOptions {
+    std::string file;
+    std::string schema; ///< file of statements; for a check: what to compare with, if not empty
+    std::string data;   ///< another one, for the rows that a new database begins with
+};
+int db_check(const DbOptions &options);
+int db_init(const DbOptions &options);
 
 struct LogLevelOptions {
-    std::string daemon;
-    std::string level;
+    std::string daemon; ///< empty: all are shown
+    std::string level;  ///< empty: is shown, not set
     std::string file;
     Target target;
     double timeout_s = 15;

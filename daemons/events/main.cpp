@@ -26,6 +26,7 @@ class EventsDaemon {
   public:
     bool open(const Config &config, tavrix_service *service) {
         return open_sockets(config, service) && open_script(config, service) &&
+               tavrix_service_start(service) == TAVRIX_OK &&
                context.log.open(config.slot); // last: what fails to start leaves a running daemon's slot alone
     }
 

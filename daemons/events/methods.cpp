@@ -1,5 +1,6 @@
 #include "methods.h"
 
+#include <memory>
 #include <string>
 
 #include "common/log.h"
@@ -31,11 +32,12 @@ int report(tavrix_call *call) {
 /** A call of events.Describe between its question to the ports service and the answer. */
 struct Description {
     uint64_t call;
+    uint64_t question;
     std::string port_id;
 };
 
 void on_ports(tavrix_service *service, const tavrix_answer *answer, void *user) {
-    const auto *description = static_cast<Description *>(user);
+    const std::unique_ptr<const Description> description(static_cast<const Description *>(user));
     tavrix_call *call = tavrix_service_deferred(service, description->call);
     if (call != nullptr && answer->outcome != TAVRIX_OUTCOME_RESULT) {
         tavrix_call_pass_on(call, answer);
@@ -44,19 +46,27 @@ void on_ports(tavrix_service *service, const tavrix_answer *answer, void *user) 
         tavrix_call_reply(call, json_pack("{s:O, s:o}", "ports", json_object_get(answer->result, "ports"), "last_event",
                                           event != nullptr ? to_json(*event) : json_null()));
     }
-    delete description;
+}
+
+/** Nobody waits for the description: its question is asked in vain, and its end is the description's. */
+void on_description_abandoned(tavrix_call *call, void *user) {
+    tavrix_service_cancel(tavrix_call_service(call), static_cast<const Description *>(user)->question);
 }
 
 int describe(tavrix_call *call) {
     const char *port_id = tavrix_call_text(call, "port_id");
-    auto *description = new Description{tavrix_call_defer(call, nullptr, nullptr), port_id};
     const int timeout_ms = static_cast<Context *>(tavrix_call_user(call))->wait_timeout_ms;
-    if (description->call == 0 ||
-        tavrix_service_request(tavrix_call_service(call), "ports.Get", json_pack("{s:s}", "port_id", port_id),
-                               timeout_ms, on_ports, description) == 0) {
-        delete description;
+    auto description = std::make_unique<Description>(Description{0, 0, port_id});
+    description->call = tavrix_call_defer(call, on_description_abandoned, description.get());
+    if (description->call != 0) {
+        description->question =
+            tavrix_service_request(tavrix_call_service(call), "ports.Get", json_pack("{s:s}", "port_id", port_id),
+                                   timeout_ms, on_ports, description.get());
+    }
+    if (description->question == 0) {
         return TAVRIX_ERR_SYSTEM_BUSY;
     }
+    description.release(); // on_ports has it, which is called once, however the question ends
     return TAVRIX_OK;
 }
 

@@ -1,6 +1,5 @@
 #include "methods.h"
 
-#include <algorithm>
 #include <array>
 #include <string>
 
@@ -210,23 +209,22 @@ int register_unit(tavrix_call *call) {
 
 // --- Waiting for a link change -------------------------------------------------------------------------------------
 
-/** Takes out of the list who is answered, and stops his timer. */
-void end_wait(tavrix_service *service, std::list<Waiter> *waiters, std::list<Waiter>::iterator waiter) {
-    tavrix_service_cancel(service, waiter->timer);
-    waiters->erase(waiter);
+/** Ends a wait, however it ends: its timer goes with it. */
+void end_wait(tavrix_service *service, const Waiter *ended) {
+    tavrix_service_cancel(service, ended->timer);
+    static_cast<Context *>(tavrix_service_user(service))->waiters.remove_if([ended](const Waiter &waiter) {
+        return &waiter == ended;
+    });
 }
 
 void on_wait_abandoned(tavrix_call *call, void *user) {
-    std::list<Waiter> &waiters = context_of(call).waiters;
-    const auto *abandoned = static_cast<Waiter *>(user);
-    const auto found = std::find_if(waiters.begin(), waiters.end(),
-                                    [abandoned](const Waiter &waiter) { return &waiter == abandoned; });
-    end_wait(tavrix_call_service(call), &waiters, found);
+    end_wait(tavrix_call_service(call), static_cast<const Waiter *>(user));
 }
 
 void on_wait_over(tavrix_service *service, void *user) {
-    tavrix_call *call = tavrix_service_deferred(service, static_cast<Waiter *>(user)->call);
-    on_wait_abandoned(call, user);
+    const auto *waiter = static_cast<const Waiter *>(user);
+    tavrix_call *call = tavrix_service_deferred(service, waiter->call); // null when the service itself has answered it
+    end_wait(service, waiter);
     tavrix_call_fail(call, TAVRIX_ERR_TIMEOUT);
 }
 
@@ -250,7 +248,7 @@ void on_link_changed(tavrix_service *service, const char * /*method*/, json_t *p
     std::list<Waiter> &waiters = static_cast<Context *>(user)->waiters;
     while (!waiters.empty()) {
         tavrix_call *call = tavrix_service_deferred(service, waiters.front().call);
-        end_wait(service, &waiters, waiters.begin());
+        end_wait(service, &waiters.front());
         tavrix_call_reply(call, params != nullptr ? json_incref(params) : json_null());
     }
 }

@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 
 #include "common/log.h"
+#include "foreign_log.h"
 #include "router.h"
 #include "tavrix_jrpc.h"
 
@@ -58,11 +59,11 @@ void OneShot::on_close() {
 void OneShot::time_out() {
     deadline_.leave();
     if (state_ == State::writing) {
-        LOG_WARNING("A client did not take its answer\n");
+        LOG_FOREIGN("A client did not take its answer\n");
         close();
         return;
     }
-    LOG_WARNING("A client said nothing in time\n");
+    LOG_FOREIGN("A client said nothing in time\n");
     refuse(TAVRIX_JRPC_TIMED_OUT);
 }
 
@@ -103,7 +104,7 @@ void OneShot::take_request(bool at_end) {
         return;
     }
     if (!json_is_object(request.get())) {
-        LOG_WARNING("A client sent no JSON object\n");
+        LOG_FOREIGN("A client sent no JSON object\n");
         refuse(TAVRIX_JRPC_INVALID_REQUEST);
         return;
     }
@@ -123,7 +124,7 @@ void OneShot::refuse(int jrpc_code) {
 }
 
 void OneShot::refuse_notification(const std::string &method, const BatchPlace & /*batch*/) {
-    LOG_WARNING("Refused the notification %s of a client\n", printable(method).c_str());
+    LOG_FOREIGN("Refused the notification %s of a client\n", printable(method).c_str());
     close();
 }
 
@@ -185,7 +186,7 @@ void OneShot::send_rest() {
             return;
         }
         if (count < 0 && errno != EINTR) {
-            LOG_WARNING("A client did not take its answer\n");
+            LOG_FOREIGN("A client did not take its answer\n");
             break;
         }
         sent_ += count < 0 ? 0 : static_cast<size_t>(count);

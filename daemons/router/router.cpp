@@ -15,6 +15,7 @@
 
 #include "common/log.h"
 #include "common/service_names.h"
+#include "foreign_log.h"
 #include "tavrix_error.h"
 #include "tavrix_jrpc.h"
 #include "tavrix_jrpc_utils.h"
@@ -234,7 +235,7 @@ void Router::admit(int descriptor, Road road) {
 /** Answered at once, whatever it wanted to ask. */
 void Router::turn_away(int descriptor, Road road) {
     ++statistics_.busy;
-    LOG_WARNING("Too many clients: one more turned away\n");
+    LOG_FOREIGN("Too many clients: one more turned away\n");
     const Json answer = make_error(TAVRIX_JRPC_SYSTEM_BUSY, nullptr, message_data("too many clients"));
     std::string text(render(answer.get()));
     text += road == Road::session ? "\n" : "";
@@ -259,7 +260,7 @@ void Router::bury(Client &client) {
     while (!client.calls.empty()) {
         Call &call = *client.calls.front();
         guard(nullptr, [&] {
-            LOG_INFO("The client of %s has gone\n", printable(call.method).c_str());
+            LOG_FOREIGN("The client of %s has gone\n", printable(call.method).c_str());
             cancel(call);
         });
         finish(call, Outcome::cancelled, nullptr);
@@ -309,19 +310,19 @@ void Router::refuse(Client &client, const json_t *request, int code, const std::
 std::string Router::find_refusal(const Client &client, const std::string &method, const json_t *request, int *code) {
     *code = find_envelope_error(request);
     if (*code != 0) {
-        LOG_WARNING("Refused a malformed request\n");
+        LOG_FOREIGN("Refused a malformed request\n");
         return "";
     }
     *code = TAVRIX_JRPC_METHOD_NOT_FOUND;
     if (!is_plain(method)) {
-        LOG_WARNING("Refused %s\n", printable(method).c_str());
+        LOG_FOREIGN("Refused %s\n", printable(method).c_str());
         return "a method's name has no control characters";
     }
     if (!policy_.allows(client.peer, method)) {
         if (client.peer.known) {
-            LOG_WARNING("Refused %s to user %u\n", printable(method).c_str(), static_cast<unsigned>(client.peer.user));
+            LOG_FOREIGN("Refused %s to user %u\n", printable(method).c_str(), static_cast<unsigned>(client.peer.user));
         } else {
-            LOG_WARNING("Refused %s over TCP\n", printable(method).c_str());
+            LOG_FOREIGN("Refused %s over TCP\n", printable(method).c_str());
         }
         return "the policy does not allow this";
     }
@@ -342,11 +343,11 @@ void Router::take_request(Client &client, Json request, const BatchPlace &batch)
         refuse(client, request.get(), code, refusal, batch);
     } else if (method.rfind(own_prefix, 0) == 0) {
         if (!run_own(client, method, request.get(), batch)) {
-            LOG_WARNING("Refused %s\n", printable(method).c_str());
+            LOG_FOREIGN("Refused %s\n", printable(method).c_str());
             refuse(client, request.get(), TAVRIX_JRPC_METHOD_NOT_FOUND, "the router has no such method", batch);
         }
     } else if (locked_) {
-        LOG_INFO("Locked: refused %s\n", printable(method).c_str());
+        LOG_FOREIGN("Locked: refused %s\n", printable(method).c_str());
         answer_locked(client, request.get(), batch);
     } else if (method == daemon_support::reload_method) {
         reload(client, std::move(request), batch);
@@ -455,7 +456,7 @@ void Router::forward(Client &client, const std::string &method, Json request, co
     Json why_not;
     Service *service = find_service(method, channel_of(method), &why_not);
     if (service == nullptr) {
-        LOG_WARNING("There is no service for %s\n", printable(method).c_str());
+        LOG_FOREIGN("There is no service for %s\n", printable(method).c_str());
         ++statistics_.refused;
         client.answer(make_error(TAVRIX_JRPC_METHOD_NOT_FOUND, request.get(), std::move(why_not)), batch);
         return;
@@ -549,7 +550,7 @@ void Router::take_reply(Json reply, Service *from) {
         finish(*found->second, outcome, std::move(reply));
     } else if (!is_reload) { // every service replies to a reload, and one reply is all that is awaited
         ++statistics_.late;
-        LOG_WARNING("Discarded a left-over reply of %s\n", printable(method).c_str());
+        LOG_FOREIGN("Discarded a left-over reply of %s\n", printable(method).c_str());
     }
 }
 
@@ -570,7 +571,7 @@ void Router::answer_timed_out(const Call &call, Json *answer) const {
 
 void Router::expire(Call &call) {
     call.deadline.leave();
-    LOG_WARNING("No reply to %s in time\n", printable(call.method).c_str());
+    LOG_FOREIGN("No reply to %s in time\n", printable(call.method).c_str());
     cancel(call);
     Json answer;
     answer_timed_out(call, &answer);
@@ -617,7 +618,7 @@ void Router::take_for_router(std::string_view text) {
     Json message(json_loadb(text.data(), text.size(), JSON_REJECT_DUPLICATES | JSON_DISABLE_EOF_CHECK | JSON_DECODE_ANY,
                             nullptr));
     if (!json_is_object(message.get())) {
-        LOG_WARNING("Discarded a message that is no JSON object\n");
+        LOG_FOREIGN("Discarded a message that is no JSON object\n");
         ++statistics_.late;
     } else if (is_notification(message.get())) {
         tavrix_jrpc_router_eval_notification(message.get(), notifications);
@@ -660,7 +661,7 @@ int Router::hear_hello(const std::string &name, const std::string &channel) {
     const bool is_new = registry_.heard().count(name) == 0 || registry_.heard().at(name) != channel;
     if (!is_plain(name) || !is_plain(channel) || channel.empty() || channel.find('|') != std::string::npos ||
         !registry_.hear(name, channel)) {
-        LOG_WARNING("Passed over the hello of %s on channel %s\n", printable(name).c_str(), printable(channel).c_str());
+        LOG_FOREIGN("Passed over the hello of %s on channel %s\n", printable(name).c_str(), printable(channel).c_str());
         return TAVRIX_ERR_INVALID_PARAMETER;
     }
     if (is_new) {
@@ -783,7 +784,7 @@ void Router::listen_as_wanted() {
 void Router::take_notification(json_t *notification, Service *from) {
     const std::string method = text_member(notification, "method");
     if (!is_plain(method) || method.rfind(own_prefix, 0) == 0) {
-        LOG_WARNING("Discarded the notification %s of %s\n", printable(method).c_str(), printable(from->name).c_str());
+        LOG_FOREIGN("Discarded the notification %s of %s\n", printable(method).c_str(), printable(from->name).c_str());
         return;
     }
     deliver_notification(notification, method);

@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 
 #include "common/log.h"
+#include "foreign_log.h"
 #include "router.h"
 #include "tavrix_jrpc.h"
 
@@ -74,7 +75,7 @@ void Session::take_bytes(std::string_view bytes) {
         const size_t end = bytes.find('\n');
         const std::string_view part = bytes.substr(0, end);
         if (partial_.size() + part.size() >= longest_line()) {
-            LOG_WARNING("A session sent a line of more than %zu bytes\n", longest_line());
+            LOG_FOREIGN("A session sent a line of more than %zu bytes\n", longest_line());
             router_.count_refused();
             answer(make_error(TAVRIX_JRPC_INVALID_REQUEST, nullptr, message_data("the line is too long")), nullptr);
             ending_ = true;
@@ -179,7 +180,7 @@ void Session::on_hang_up(evutil_socket_t /*descriptor*/, short /*what*/, void *c
 // --- Lines out -----------------------------------------------------------------------------------------------------
 
 void Session::give_up(const char *why) {
-    LOG_WARNING("%s: the session is closed\n", why);
+    LOG_FOREIGN("%s: the session is closed\n", why);
     broken_ = true;
     router_.flush_later(*this);
 }
@@ -230,7 +231,7 @@ void Session::answer(Json message, const BatchPlace &batch) {
 }
 
 void Session::refuse_notification(const std::string &method, const BatchPlace &batch) {
-    LOG_WARNING("Refused the notification %s of a client\n", printable(method).c_str());
+    LOG_FOREIGN("Refused the notification %s of a client\n", printable(method).c_str());
     answer(make_error(TAVRIX_JRPC_INVALID_REQUEST, nullptr, message_data("notifications are for registered services")),
            batch);
 }

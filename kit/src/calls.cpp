@@ -173,6 +173,11 @@ void answer(tavrix_call *call) {
         return;
     }
     call->row = name != nullptr ? find_method(call->service, name) : nullptr;
+    if (call->row == nullptr && call->caller.road == TAVRIX_ROAD_BUS &&
+        (call->service->options.flags & TAVRIX_SERVICE_BUS) == 0) {
+        finish(call, nullptr); // another service of the channel has the method, and answers: this one's come elsewhere
+        return;
+    }
     if (call->row == nullptr) {
         LOG_DEBUG("There is no method <%s>\n", Printable(name).text);
         finish(call, error_text(call, TAVRIX_JRPC_METHOD_NOT_FOUND, nullptr));

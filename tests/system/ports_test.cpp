@@ -4,6 +4,7 @@
 #include <array>
 #include <atomic>
 #include <csignal>
+#include <filesystem>
 #include <string>
 #include <thread>
 #include <vector>
@@ -81,7 +82,7 @@ std::string mac_filters(int count) {
 class Road : public testing::Test {
   protected:
     void SetUp() override {
-        fleet.start_router({"--reply-timeout", "5000"});
+        fleet.start_lone_router({"--reply-timeout", "5000"});
         fleet.start_ports();
     }
     std::string call(const std::string &method, const std::string &params) {
@@ -210,7 +211,7 @@ TEST_F(Road, RefusesWhatTheFleetDoesNotHaveOrAllow) {
          "\"MAC Address already exists.\""},
         {"mzu.Register", R"({"mzu_id":"c9","model":"unknown","mac":"00:11:22:33:44:55","alias":"x"})", "-32042",
          "\"MZU model does not exist.\""},
-        {"ports.Nothing", "{}", "-32601", "(none)"},
+        {"ports.Nothing", "{}", "-32601", "\"no service offers ports.Nothing\""},
     };
     for (const auto &row : rows) {
         const std::string answer = call(row.method, row.params);
@@ -367,6 +368,108 @@ TEST_F(Road, WaitsForALockThatGoesAway) {
         other.run("COMMIT");
         EXPECT_EQ(code_of(client.hear()), "(none)") << row.lock << row.method;
     }
+}
+
+TEST_F(Road, LetsNobodyElseWaitForALockThatOneRequestMeets) {
+    support::write_file("tavrix_lsyslog.conf", "[logging_levels]\nrouterd=info\nportsd=debug\n");
+    fleet.start_ports();
+    const Sql other;
+    other.run("BEGIN IMMEDIATE"); // readers may pass
+    const StreamClient client = fleet.connect();
+    client.say(request("ports.SetEnabled", "\"a\"", R"(,"params":{"port_id":"c1","status":"disable"})"));
+    ASSERT_TRUE(fleet.ports->says("The database is locked"));
+    const StreamClient waiting = fleet.connect();
+    waiting.say(request("ports.WaitLinkChanged", "\"a\""));
+    EXPECT_TRUE(fleet.ports->says("Waiting for events.LinkChanged"));
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_NE(port("d1").find("d1"), std::string::npos);
+    }
+    other.run("COMMIT");
+    EXPECT_EQ(member(client.hear(), "result"), "0");
+    EXPECT_EQ(port("c1").find(R"("status":"enable")"), std::string::npos);
+}
+
+TEST_F(Road, GivesUpOnALockWithWhoeverAsked) {
+    support::write_file("tavrix_lsyslog.conf", "[logging_levels]\nrouterd=info\nportsd=debug\n");
+    fleet.start_ports();
+    const std::string before = port("c1");
+    const Sql other;
+    other.run("BEGIN IMMEDIATE");
+    StreamClient client = fleet.connect();
+    client.say(request("ports.SetEnabled", "\"a\"", R"(,"params":{"port_id":"c1","status":"disable"})"));
+    ASSERT_TRUE(fleet.ports->says("The database is locked"));
+    client.close();
+    EXPECT_TRUE(fleet.ports->says("ports.SetEnabled: cancelled"));
+    other.run("COMMIT");
+    EXPECT_EQ(code_of(call("ports.SetEnabled", R"({"port_id":"d1","status":"disable"})")), "(none)");
+    EXPECT_EQ(port("c1"), before) << "what nobody waits for is not done behind his back";
+}
+
+TEST_F(Road, OpensADatabaseThatTookTheOldOnesPlace) {
+    EXPECT_EQ(code_of(call("ports.SetVlanAccess", R"({"port_id":"d1","vlan_id":77})")), "(none)");
+    std::filesystem::copy_file("zqn_h7.db", "backup.db");
+    EXPECT_EQ(code_of(call("ports.SetVlanAccess", R"({"port_id":"d1","vlan_id":78})")), "(none)");
+    std::filesystem::rename("backup.db", "zqn_h7.db"); // an update, or a backup that is put back
+    EXPECT_NE(port("d1").find(R"("vlan_ids":[77])"), std::string::npos);
+    EXPECT_EQ(code_of(call("ports.SetVlanAccess", R"({"port_id":"d1","vlan_id":79})")), "(none)");
+    EXPECT_EQ(Sql().read("SELECT vlan_id FROM vlan_members WHERE unit = 0 AND port = 1"), "79") << "the new file's";
+}
+
+TEST_F(Road, GoesOnWithADatabaseThatWasAwayForAWhile) {
+    const std::string before = port("c1");
+    std::filesystem::rename("zqn_h7.db", "aside.db");
+    for (int i = 0; i < 2; ++i) {
+        const std::string answer = call("ports.Get", R"({"port_id":"c1"})");
+        EXPECT_EQ(code_of(answer), database_error) << answer;
+        EXPECT_EQ(code_of(call("ports.SetEnabled", R"({"port_id":"c1","status":"disable"})")), database_error);
+    }
+    EXPECT_EQ(access("zqn_h7.db", F_OK), -1) << "none is made in its place";
+    support::write_file("zqn_h7.db", std::string(4096, 'x'));
+    EXPECT_EQ(code_of(call("ports.Get", R"({"port_id":"c1"})")), database_error) << "no database";
+    std::filesystem::rename("aside.db", "zqn_h7.db");
+    EXPECT_EQ(port("c1"), before);
+    EXPECT_EQ(member(call("ports.SetEnabled", R"({"port_id":"c1","status":"disable"})"), "result"), "0");
+}
+
+TEST_F(Road, AnswersWithAnErrorWhenAStoredValueIsNone) {
+    const Sql sql;
+    sql.run("PRAGMA ignore_check_constraints = ON");
+    const struct {
+        const char *break_it;
+        const char *mend_it;
+        const char *method;
+        const char *params;
+    } rows[] = {
+        {"UPDATE ports SET status = 2 WHERE unit = 0", "UPDATE ports SET status = 1", "ports.Get",
+         R"({"port_id":"d1"})"},
+        {"UPDATE ports SET status = -1 WHERE unit = 0", "UPDATE ports SET status = 1", "ports.Get",
+         R"({"port_id":"all"})"},
+        {"UPDATE ports SET poe_status = 5", "UPDATE ports SET poe_status = 0", "ports.Get", R"({"port_id":"c1-1"})"},
+        {"UPDATE ports SET link_status = 99", "UPDATE ports SET link_status = 0", "ports.Get", R"({"port_id":"c1"})"},
+        {"UPDATE ports SET link_speed = 2147483647", "UPDATE ports SET link_speed = 0", "ports.Get",
+         R"({"port_id":"c1"})"},
+        {"UPDATE ports SET vlan_mode = -2147483648", "UPDATE ports SET vlan_mode = 1", "ports.Get",
+         R"({"port_id":"c1"})"},
+        {"UPDATE units SET model = 11 WHERE unit = 1", "UPDATE units SET model = 1", "mzu.List", "{}"},
+        {"UPDATE units SET model = -1 WHERE unit = 1", "UPDATE units SET model = 1", "mzu.List", "{}"},
+    };
+    for (const auto &row : rows) {
+        sql.run(row.break_it);
+        const std::string answer = call(row.method, row.params);
+        EXPECT_EQ(code_of(answer), database_error) << row.break_it << answer;
+        sql.run(row.mend_it);
+        EXPECT_EQ(code_of(call(row.method, row.params)), "(none)") << row.break_it;
+    }
+    EXPECT_TRUE(fleet.ports->running());
+}
+
+TEST_F(Road, ShowsTextsOfTheDatabaseAsTheyAreOrNotAtAll) {
+    const Sql sql;
+    sql.run("PRAGMA ignore_check_constraints = ON");
+    sql.run("UPDATE units SET alias = CAST(x'ff41' AS TEXT) WHERE unit = 1"); // no UTF-8
+    EXPECT_EQ(code_of(call("mzu.List", "{}")), database_error);
+    sql.run("UPDATE units SET alias = 'LOBBY' WHERE unit = 1");
+    EXPECT_EQ(code_of(call("mzu.List", "{}")), "(none)");
 }
 
 TEST_F(Road, StoresUpToItsBoundsAndNoMore) {

@@ -810,13 +810,13 @@ TEST(RouterDaemon, ServesThroughAStormOfSignals) {
 
 TEST(RouterDaemon, HearsOfServicesThatWereThereBefore) {
     Fleet fleet;
-    fleet.start_router();
+    fleet.start_lone_router();
     fleet.start_ports();
     fleet.router->signal(SIGTERM);
     EXPECT_EQ(fleet.router->wait(), 0);
     fleet.router.reset();
-    fleet.start_router();
-    EXPECT_TRUE(fleet.router->says("Service portsd settled")) << "it was asked to say hello again";
+    fleet.start_lone_router();
+    EXPECT_TRUE(fleet.router->says("Service portsd settled")) << "it registers again by itself";
     EXPECT_EQ(code_of(fleet.ask(request("ports.Nothing", "1"))), "-32601");
 }
 

@@ -1,0 +1,36 @@
+#include "support/played_server.h"
+
+#include <cstring>
+#include <stdexcept>
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include "support/stream.h"
+
+namespace support {
+
+PlayedServer::PlayedServer(const std::string &answer) : fd_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strcpy(address.sun_path, "played.sock");
+    unlink(address.sun_path);
+    if (bind(fd_, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0 || listen(fd_, 1) != 0) {
+        throw std::runtime_error("cannot listen on played.sock");
+    }
+    server_ = std::thread([fd = fd_, answer] {
+        const StreamClient client(accept(fd, nullptr, nullptr));
+        char request[1024];
+        static_cast<void>(recv(client.fd(), request, sizeof request, 0));
+        client.say(answer);
+    });
+}
+
+PlayedServer::~PlayedServer() {
+    shutdown(fd_, SHUT_RDWR); // a client that never came is waited for no longer
+    server_.join();
+    close(fd_);
+}
+
+} // namespace support

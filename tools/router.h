@@ -1,0 +1,46 @@
+/**
+ * Questions to the router itself, whichever road leads to it.
+ */
+#ifndef TAVRIX_TOOLS_ROUTER_H
+#define TAVRIX_TOOLS_ROUTER_H
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "session.h"
+#include "stream.h"
+#include "support.h"
+
+namespace tavrixctl {
+
+class Router {
+  public:
+    explicit Router(const Target &target) : roads_(roads_to(target)) {}
+
+    /** The answer to a request's text. Complains and returns the exit status when there is none. */
+    int exchange(const std::string &request, const Deadline &deadline, std::string *answer);
+
+    /** The method's result. Complains and returns the exit status when there is none; null when it was stopped. */
+    int ask(const std::string &method, Json params, const Deadline &deadline, Json *result);
+
+  private:
+    std::vector<Road> roads_;
+    std::unique_ptr<Session> session_; ///< kept from the first question on, when that is the road
+};
+
+/** The exit status that an answer stands for: a result, an error, a time-out. */
+int status_of(const json_t *answer);
+
+/** What an error answer says, in words. */
+std::string words_of_failure(const std::string &method, const json_t *answer);
+
+/** The methods that a router.Status tells of, and the router's own. */
+std::vector<std::string> known_methods(const json_t *status);
+
+/** The object's text; empty when it is none. */
+std::string text_of(const json_t *object, const char *key);
+
+} // namespace tavrixctl
+
+#endif

@@ -1,0 +1,171 @@
+/*
+ * subscribe, wait: notifications, as the router delivers them.
+ */
+#include <algorithm>
+
+#include "interrupt.h"
+#include "params.h"
+#include "router.h"
+#include "session.h"
+#include "support.h"
+#include "verb_bus.h"
+#include "verbs.h"
+#include "words.h"
+
+namespace tavrixctl {
+
+namespace {
+
+constexpr char lost_method[] = "router.Lost";
+
+std::string joined(const std::vector<std::string> &words) {
+    std::string text;
+    for (const std::string &word : words) {
+        text += (text.empty() ? "" : " ") + printable(word);
+    }
+    return text;
+}
+
+/** What arrives on a session until enough of it was wanted, or the time is over. */
+struct Delivery {
+    const std::vector<std::string> &patterns;
+    std::optional<unsigned> count;
+    const Deadline &deadline;
+    Taker take;
+};
+
+int deliver(const Target &target, const Delivery &delivery) {
+    std::unique_ptr<Session> session;
+    int status = open_session(target, delivery.deadline, &session);
+    if (status == exit_result) {
+        status = open_stream(session.get(), "router.Subscribe", delivery.patterns, delivery.deadline);
+    }
+    if (status != exit_result || stop_requested()) {
+        return status;
+    }
+    complain("waiting for %s", joined(delivery.patterns).c_str());
+    for (unsigned taken = 0; !delivery.count || taken < *delivery.count;) {
+        Json message;
+        const Session::Got got = session->next_notification(delivery.deadline, &message);
+        if (got == Session::Got::timeout) {
+            const bool is_enough = !delivery.count && taken > 0;
+            if (!is_enough) {
+                complain("no %s in time", joined(delivery.patterns).c_str());
+            }
+            return is_enough ? exit_result : exit_timeout;
+        }
+        if (got == Session::Got::stopped) {
+            return exit_result;
+        }
+        if (got == Session::Got::closed) {
+            complain("the router has closed the session");
+            return exit_no_connection;
+        }
+        if (tell_loss(message.get())) {
+            continue;
+        }
+        const int verdict = delivery.take(message.get());
+        if (verdict < 0) {
+            return stop_requested() ? exit_result : exit_error_response;
+        }
+        taken += static_cast<unsigned>(verdict);
+    }
+    return exit_result;
+}
+
+std::string line_of(const json_t *notification, const std::optional<JsonStyle> &style) {
+    if (style) {
+        return render(notification, *style);
+    }
+    const json_t *params = json_object_get(notification, "params");
+    return time_text(now_since_1970()) + "  " + coloured(printable(text_of(notification, "method")), Colour::bold) +
+           (params == nullptr ? "" : "  " + render(params, JsonStyle::single_line));
+}
+
+/** An address of the bus has a scheme; everything else that is no filter is a mistake. */
+bool sort_words(const WaitOptions &options, std::vector<std::string> *addresses, std::vector<Member> *filters) {
+    for (const std::string &word : options.words) {
+        bool valid = true;
+        std::optional<Member> member = parse_member(word, &valid);
+        if (!valid) {
+            return false;
+        }
+        if (member) {
+            filters->push_back(std::move(*member));
+        } else if (word.find("://") != std::string::npos) {
+            addresses->push_back(word);
+        } else {
+            complain("'%s' is neither a bus address, such as tcp://127.0.0.1:7003, nor key=value",
+                     printable(word).c_str());
+            return false;
+        }
+    }
+    return true;
+}
+
+} // namespace
+
+bool tell_loss(const json_t *notification) {
+    if (text_of(notification, "method") != lost_method) {
+        return false;
+    }
+    const json_t *count = json_object_get(json_object_get(notification, "params"), "count");
+    complain("%lld more were lost: they came faster than they were read",
+             static_cast<long long>(json_integer_value(count)));
+    return true;
+}
+
+int open_stream(Session *session, const char *method, const std::vector<std::string> &patterns,
+                const Deadline &deadline) {
+    Json names(json_array());
+    for (const std::string &pattern : patterns) {
+        json_array_append_new(names.get(), json_string(pattern.c_str()));
+    }
+    const Json request = make_request(method, Json(json_pack("{s:o}", "methods", names.release())), "tavrixctl");
+    Json answer;
+    int status = session->ask(request_text(request.get()), deadline, &answer);
+    if (status == exit_result && answer) { // none, when it was stopped meanwhile
+        status = status_of(answer.get());
+        if (status != exit_result) {
+            complain("%s", words_of_failure(method, answer.get()).c_str());
+        }
+    }
+    return status;
+}
+
+int subscribe(const SubscribeOptions &options) {
+    if (!stop_on_signals()) {
+        return exit_error_response;
+    }
+    const Deadline deadline(options.timeout_s.value_or(for_ever_s));
+    const auto take = [&options](const json_t *notification) {
+        return print_line(line_of(notification, options.json)) ? 1 : -1;
+    };
+    return deliver(options.target, {options.patterns, options.count, deadline, take});
+}
+
+int wait(const WaitOptions &options) {
+    std::vector<std::string> addresses;
+    std::vector<Member> filters;
+    if (!sort_words(options, &addresses, &filters)) {
+        return exit_usage;
+    }
+    const Deadline deadline(options.timeout_s);
+    const auto take = [&](const json_t *notification) {
+        if (!has_members(json_object_get(notification, "params"), filters)) {
+            return 0;
+        }
+        return print_line(render(notification, options.json)) ? 1 : -1;
+    };
+    if (!addresses.empty()) {
+        return wait_on_bus(options, addresses, deadline, take);
+    }
+    if (!options.channel.empty()) {
+        complain("--channel is for bus addresses");
+        return exit_usage;
+    }
+    const std::vector<std::string> patterns = {options.method};
+    return deliver(options.target, {patterns, options.count, deadline, take});
+}
+
+} // namespace tavrixctl

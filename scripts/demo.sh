@@ -187,7 +187,7 @@ for descriptor in "${silent[@]}"; do exec {descriptor}>&-; done
 
 kill -STOP "${pids[1]}"
 call portsd -32005 "A service that does not answer in time: the router does" ports.Get '{"port_id":"d1"}'
-"$ctl" call ports.Get '{"port_id":"d1"}' >killed.log 2>>ctl.log &
+"$ctl" call --full ports.Get port_id=d1 >killed.log 2>>ctl.log &
 caller=$!
 for _ in $(seq 200); do
     if "$ctl" call router.Status | grep -q '"in_flight":1'; then break; fi
@@ -214,10 +214,10 @@ show_ctl() {
 }
 
 show_ctl "A daemon calls a daemon: events.Describe asks ports.Get through the router, and serves others meanwhile" \
-    '"port_id":"c1-1"' call events.Describe '{"port_id":"c1-1"}'
+    '"port_id":"c1-1"' call events.Describe port_id=c1-1
 show_ctl "A notification, awaited by the client" '"events.LinkChanged"' wait events.LinkChanged
-show_ctl "A notification, awaited by the ports service" '"result"' call ports.WaitLinkChanged
-show_ctl "A direct call, on the events service's own socket" '"result"' call --direct events.sock events.Last
+show_ctl "A notification, awaited by the ports service" '"entity":"c1-1"' call ports.WaitLinkChanged
+show_ctl "A direct call, on the events service's own socket" '"entity":"c1-1"' call --direct events.sock events.Last
 if [ "$(id -u)" -eq 0 ]; then # the slot's mode lets nobody else open it
     show_ctl "The number of the last event, read from shared memory" "" shm get "/$slot" --int
 fi
@@ -232,9 +232,10 @@ if $keep; then
 Still running: router, ports service, events service, monitor (process ids ${pids[*]}). Try, in $run:
 
   export TAVRIX_SOCKET=router.sock TAVRIX_SESSION=session.sock
-  $ctl call ports.Get '{"port_id":"all"}' --json pretty
+  $ctl call ports.Get port_id=all --json pretty
   $ctl call mzu.List
-  $ctl call router.Status
+  $ctl status
+  $ctl monitor
   $ctl log-level portsd verbose --file tavrix_lsyslog.conf && tail -f portsd.log
   tail -f traffic.log
 

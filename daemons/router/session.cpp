@@ -182,16 +182,21 @@ void Session::give_up(const char *why) {
     router_.flush_later(*this);
 }
 
-void Session::write_line(std::string_view line) {
-    if (is_closed() || broken_) {
-        return;
-    }
-    if (line.empty() || evbuffer_add(out_.get(), line.data(), line.size()) != 0 ||
-        evbuffer_add(out_.get(), "\n", 1) != 0) {
-        give_up("No memory for a session's line"); // one that is missing must not look like all is well
-        return;
+/** The whole line or, when there is no memory for it, nothing. */
+bool Session::add_line(std::string_view line) {
+    char newline[] = "\n";
+    evbuffer_iovec parts[] = {{const_cast<char *>(line.data()), line.size()}, {newline, 1}};
+    if (line.empty() || evbuffer_add_iovec(out_.get(), parts, 2) != line.size() + 1) {
+        return false;
     }
     router_.flush_later(*this);
+    return true;
+}
+
+void Session::write_line(std::string_view line) {
+    if (!is_closed() && !broken_ && !add_line(line)) {
+        give_up("No memory for a session's line"); // one that is missing must not look like all is well
+    }
 }
 
 void Session::complete(const BatchPlace &batch) {
@@ -232,7 +237,9 @@ bool Session::send_request(std::string_view line) {
     if (has_unread_beyond(max_unread)) {
         return false;
     }
-    write_line(line);
+    if (!is_closed() && !broken_ && !add_line(line)) {
+        throw std::bad_alloc(); // it is the asking client's affair
+    }
     return !is_closed() && !broken_;
 }
 

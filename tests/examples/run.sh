@@ -145,11 +145,11 @@ while read -r command; do
     case "$command" in
     "cc "*) eval "$command"; emulate "$PWD/hello" ;;
     *" &") number=$((number + 1)); eval "$command" 2>"readme-$number.log"; pids+=($!) ;;
-    "tavrixctl call --socket router.sock hello.Say '{\"text\":\"good morning\"}'") call=$command ;;
+    "tavrixctl call --socket router.sock hello.Say text='good morning'") call=$command ;;
     *) fail "README: what is '$command'?" ;;
     esac
 done < <(block sh | sed "s/:7001/:$router/g; s/:7009/:$service/g")
-check_answers README tavrixctl call --socket router.sock
+check_answers README tavrixctl call --full --socket router.sock
 echo "README: $(eval "$call")"
 
 # --- Service kit ---

@@ -141,9 +141,9 @@ std::string BusService::take_frame(int timeout_ms) {
     return text.substr(text.find('|') + 1);
 }
 
-std::string BusService::next_request() {
+std::string BusService::next_request(int timeout_ms) {
     for (;;) {
-        std::string text = take_frame(20000);
+        std::string text = take_frame(timeout_ms);
         if (member(text, "method") != "\"service.Probe\"") {
             return text;
         }

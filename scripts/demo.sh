@@ -187,7 +187,7 @@ for descriptor in "${silent[@]}"; do exec {descriptor}>&-; done
 
 kill -STOP "${pids[1]}"
 call portsd -32005 "A service that does not answer in time: the router does" ports.Get '{"port_id":"d1"}'
-"$ctl" call ports.Get '{"port_id":"d1"}' >killed.log 2>>ctl.log &
+"$ctl" call --full ports.Get port_id=d1 >killed.log 2>>ctl.log &
 caller=$!
 for _ in $(seq 200); do
     if "$ctl" call router.Status | grep -q '"in_flight":1'; then break; fi

@@ -15,11 +15,14 @@ namespace router {
 namespace {
 
 constexpr char unit_name[] = "session";
-constexpr size_t max_line = 64 * 1024;               // with its newline
-constexpr size_t max_service_line = 9 * 1024 * 1024; // a reply as large as a bus message, 8 MiB, and its envelope
+constexpr size_t max_line = size_t{64} * 1024; // with its newline
+constexpr size_t max_service_line =
+    size_t{9} * 1024 * 1024; // a reply as large as a bus message, 8 MiB, and its envelope
 constexpr size_t max_description_line = max_document + 1024;
-constexpr size_t max_unread_with_notifications = 1024 * 1024;
-constexpr size_t max_unread = 8 * 1024 * 1024;
+constexpr size_t bytes_per_turn =
+    size_t{8} * 1024; // of a client: some dozen requests, before the others have their turn
+constexpr size_t max_unread_with_notifications = size_t{1024} * 1024;
+constexpr size_t max_unread = size_t{8} * 1024 * 1024;
 
 /** One turn's bytes of whichever session: nothing stays here from one turn to the next. */
 std::array<char, max_line> shared_bytes;
@@ -56,7 +59,9 @@ void Session::on_close() {
 
 /** One read in each turn: a session that floods the router waits for its next turn like all others. */
 void Session::read_lines() {
-    const ssize_t count = recv(descriptor_, shared_bytes.data(), shared_bytes.size(), MSG_DONTWAIT);
+    const bool has_long_line = service != nullptr || partial_.size() >= bytes_per_turn;
+    const ssize_t count =
+        recv(descriptor_, shared_bytes.data(), has_long_line ? shared_bytes.size() : bytes_per_turn, MSG_DONTWAIT);
     if (count > 0) {
         take_bytes({shared_bytes.data(), static_cast<size_t>(count)});
     } else if (count == 0) {

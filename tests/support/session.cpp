@@ -41,7 +41,7 @@ std::string SessionClient::hear(int timeout_ms) {
     for (;;) {
         const size_t newline = heard_.find('\n', searched);
         if (newline != std::string::npos) {
-            const std::string line = heard_.substr(0, newline);
+            std::string line = heard_.substr(0, newline);
             heard_.erase(0, newline + 1);
             return line;
         }

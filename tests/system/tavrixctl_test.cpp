@@ -15,6 +15,7 @@
 #include "support/json.h"
 #include "support/played_server.h"
 #include "support/tavrixctl.h"
+#include "tavrix_jrpc.h"
 #include "tavrix_mq.h"
 
 using support::ctl;
@@ -23,7 +24,9 @@ using support::first_line;
 using support::Fleet;
 using support::member;
 using support::PlayedServer;
+using support::PlayedService;
 using support::script;
+using support::StreamClient;
 using support::write_file;
 
 namespace {
@@ -488,10 +491,14 @@ TEST(CtlHelp, GivesExamplesThatWorkWithTheDaemonsOwnAddresses) {
 TEST(CtlMonitor, PrintsEveryFrameOfBothDirections) {
     Fleet fleet;
     fleet.start_router();
-    fleet.start_ports();
+    PlayedService service(fleet, TAVRIX_CHANNEL_FIRST); // one that takes its requests from the bus
     support::Process monitor("monitor", {TAVRIXCTL, "monitor", fleet.router_address, fleet.ports_address});
     ASSERT_TRUE(monitor.says("connected to 2 of 2")) << monitor.log();
-    fleet.ask(support::request("ports.Get", "\"a\"", R"(,"transaction_id":31,"params":{"port_id":"d1"})"));
+    const StreamClient client = fleet.connect();
+    client.say(support::request("ports.Get", "\"a\"", R"(,"transaction_id":31,"params":{"port_id":"d1"})"));
+    service.reply(R"({"jsonrpc":"2.0","id":"ports.Get","result":0,"transaction_id":)" +
+                  support::member(service.next_request(), "transaction_id") + "}");
+    EXPECT_EQ(support::member(client.hear(), "transaction_id"), "31");
     EXPECT_TRUE(monitor.prints(R"(  3a6f8f51-502f-4238-9638-29764ff1a8a4  {"jsonrpc":"2.0","method":"ports.Get")"));
     EXPECT_TRUE(monitor.prints(R"(  2524546b-ca99-4868-a062-359cefacff7c  {"jsonrpc":"2.0","id":"ports.Get")"));
     monitor.signal(SIGINT);
@@ -574,11 +581,11 @@ TEST(CtlLogLevel, ShowsWhatEachDaemonHas) {
     const Finished shown = ctl({"log-level", "--file", "levels.conf", "--socket", "router.sock"});
     EXPECT_EQ(shown.status, 0) << shown.diagnostics;
     EXPECT_EQ(shown.output, "DAEMON   LEVEL  STATE\n"
-                            "portsd   info   listening\n"
+                            "portsd   info   up\n"
                             "routerd  -      up\n"
                             "tool     off    -\n");
     const Finished one = ctl({"log-level", "portsd", "--file", "levels.conf", "--socket", "router.sock"});
-    EXPECT_EQ(one.output, "DAEMON  LEVEL  STATE\nportsd  info   listening\n");
+    EXPECT_EQ(one.output, "DAEMON  LEVEL  STATE\nportsd  info   up\n");
     const Finished changed = ctl({"log-level", "routerd", "debug", "--file", "levels.conf", "--socket", "router.sock"});
     EXPECT_NE(changed.output.find("\nrouterd  debug  up\n"), std::string::npos) << changed.output;
 }

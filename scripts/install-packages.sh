@@ -8,7 +8,7 @@ declare -A packages=(
     [bench]="libbenchmark-dev valgrind"
     [demo]="sqlite3"
     [mutate]="googletest python3"
-    [test]="binutils clang g++-arm-linux-gnueabihf googletest libclang-rt-14-dev make mandoc qemu-user sqlite3"
+    [test]="binutils clang g++-arm-linux-gnueabihf googletest libclang-rt-14-dev make mandoc python3 qemu-user sqlite3"
 )
 
 missing=()

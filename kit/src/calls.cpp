@@ -47,7 +47,7 @@ void release_call(tavrix_call *call) {
 
 /** Takes a deferred call out of the directory; it is released when its handler no longer runs. */
 void end_deferred(tavrix_call *call) {
-    event_del(&call->deadline);
+    clear_alarm(&call->deadline);
     leave(&call->service->directory, &call->entry);
     call->deferred = false;
     if (!call->in_handler) {
@@ -477,9 +477,8 @@ uint64_t tavrix_call_defer(tavrix_call *call, void (*abandoned)(tavrix_call *cal
     call->abandoned = abandoned;
     call->abandoned_user = user;
     call->deadline_ms = now_ms() + service->reply_timeout_ms;
-    evtimer_assign(&call->deadline, service->base, on_deadline, call);
-    const timeval time = time_of_ms(service->reply_timeout_ms);
-    evtimer_add(&call->deadline, &time);
+    evtimer_assign(&call->deadline.ready, service->base, on_deadline, call);
+    set_alarm(&call->deadline, service->reply_timeout_ms);
     return enter(&service->directory, &call->entry, entry_call);
 }
 

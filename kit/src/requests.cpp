@@ -24,11 +24,11 @@ constexpr int control_timeout_ms = 10000;
 
 struct Request {
     Entry entry;
+    Alarm timer;
     tavrix_service *service;
     char *waiting; ///< the line, until there is a session to send it over
     tavrix_answer_callback callback;
     void *user;
-    event timer;
 };
 
 struct Subscription {
@@ -49,7 +49,7 @@ void end_request(Request *request, const tavrix_answer &answer) {
     tavrix_service *service = request->service;
     const tavrix_answer_callback callback = request->callback;
     void *user = request->user;
-    event_del(&request->timer);
+    clear_alarm(&request->timer);
     leave(&service->directory, &request->entry);
     std::free(request->waiting);
     unmake(request);
@@ -97,9 +97,8 @@ Request *make_request(tavrix_service *service, int timeout_ms, tavrix_answer_cal
     request->service = service;
     request->callback = callback;
     request->user = user;
-    evtimer_assign(&request->timer, service->base, on_timeout, request);
-    const timeval time = time_of_ms(timeout_ms);
-    if (evtimer_add(&request->timer, &time) != 0) {
+    evtimer_assign(&request->timer.ready, service->base, on_timeout, request);
+    if (!set_alarm(&request->timer, timeout_ms)) {
         unmake(request);
         return nullptr;
     }
@@ -108,7 +107,7 @@ Request *make_request(tavrix_service *service, int timeout_ms, tavrix_answer_cal
 }
 
 void forget_request(Request *request) {
-    event_del(&request->timer);
+    clear_alarm(&request->timer);
     leave(&request->service->directory, &request->entry);
     unmake(request);
 }

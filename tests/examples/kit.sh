@@ -6,8 +6,12 @@ set -euo pipefail
 source "$(dirname "$0")/installed.sh"
 
 cp -r "$source/examples/kit" "$source/examples/python" "$work"
-CFLAGS=$flags CXXFLAGS=$flags make -s -C kit CC="$cc" CXX="$cxx"
-for program in hello notesd client-c client-cpp; do emulate "$work/kit/$program"; done
+CFLAGS=$flags CXXFLAGS=$flags make -s -C kit CC="$cc" CXX="$cxx" all notes_test
+for program in hello notesd notes_test client-c client-cpp; do emulate "$work/kit/$program"; done
+
+kit/notes_test 2>notes_test.log || fail "the test of the notes failed"
+expect "its only line" "$(sed 's/.*] //' notes_test.log)" \
+    "ERROR Cannot open the notes in /nonexistent/notes.db: unable to open database file"
 
 start_router
 start hello kit/hello

@@ -328,7 +328,8 @@ void cancel_request(tavrix_service *service, Entry *entry);
 /** A text {"jsonrpc", "method", "params", "id"}; takes `params`; 0 is no id. Null without memory. */
 Text request_text(const char *method, json_t *params, uint64_t id);
 
-void send_subscriptions(tavrix_service *service);
+/** Subscribes anew, over a new connection; false without memory. */
+bool send_subscriptions(tavrix_service *service);
 void take_notification(tavrix_service *service, const json_t *message, const char *method);
 void tell_lost(tavrix_service *service, uint64_t count);
 void cancel_subscription(tavrix_service *service, Entry *entry);

@@ -194,7 +194,9 @@ void on_timer(evutil_socket_t /*fd*/, short /*what*/, void *argument) {
         timer->repeats = true;
         clear_alarm(&timer->alarm);
         event_assign(&timer->alarm.ready, service->base, -1, EV_PERSIST, on_timer, timer);
-        set_alarm(&timer->alarm, timer->interval_ms);
+        if (!set_alarm(&timer->alarm, timer->interval_ms)) {
+            LOG_ERROR("A timer of %d ms ends: no memory\n", timer->interval_ms);
+        }
     }
     callback(service, user); // it may cancel the timer
 }

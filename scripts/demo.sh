@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Shows the road of requests: client -> router -> bus -> service -> database -> bus -> router -> client.
+# Shows the road of requests: client -> router -> service -> database -> service -> router -> client.
 # Installs from Debian what is missing, builds, starts everything on private paths and loopback ports, sends requests,
 # and ends with everything stopped. An answer that is not the expected one ends it with a failure.
 set -euo pipefail
@@ -68,10 +68,9 @@ stop_all() {
 trap stop_all EXIT
 
 port=$((20000 + RANDOM % 12000)) # below those that the kernel gives to clients
-next_address() { # a loopback port that nobody listens on
+next_port() { # a loopback port that nobody listens on
     port=$((port + 1))
     while (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null; do port=$((port + 1)); done
-    address="tcp://127.0.0.1:$port"
 }
 wait_for() { # FILE TEXT: until the file holds the text
     for _ in $(seq 600); do
@@ -85,90 +84,123 @@ wait_for() { # FILE TEXT: until the file holds the text
 sqlite3 zqn_h7.db <"$schema/schema.sql"
 sqlite3 zqn_h7.db <"$schema/fleet.sql"
 printf '[logging_levels]\nrouterd=info\nportsd=info\neventsd=info\n' >tavrix_lsyslog.conf
-next_address; router=$address
-next_address; ports=$address
-next_address; events=$address
-export TAVRIX_SOCKET=router.sock
+next_port
+export TAVRIX_SOCKET=router.sock TAVRIX_SESSION=session.sock
 
-"$bin/daemons/router/tavrix-routerd" --socket router.sock --publish "$router" --connect "$ports,$events" \
-    --reply-timeout 1500 >/dev/null 2>routerd.log &
+"$bin/daemons/router/tavrix-routerd" --socket router.sock --session session.sock --publish ipc://bus/router \
+    --tcp "$port" --reply-timeout 1500 --client-timeout 10000 >/dev/null 2>routerd.log &
 pids+=($!)
 wait_for routerd.log "routerd ready"
-"$bin/daemons/ports/tavrix-portsd" --publish "$ports" --connect "$router,$events" --events "$events" \
-    >/dev/null 2>portsd.log &
-pids+=($!)
-wait_for portsd.log "portsd ready"
+start_ports() { # the second process: started anew in the middle of it
+    "$bin/daemons/ports/tavrix-portsd" --session session.sock >/dev/null 2>portsd.log &
+    pids[1]=$!
+    wait_for portsd.log "portsd ready"
+}
+start_ports
 printf 'c1-1 down\nc1-1 up\n' >links.txt
-"$bin/daemons/events/tavrix-eventsd" --publish "$events" --connect "$router" --ports "$ports" --socket events.sock \
+"$bin/daemons/events/tavrix-eventsd" --session session.sock --socket events.sock \
     --script links.txt --interval 500 --slot "/$slot" >/dev/null 2>eventsd.log &
 pids+=($!)
 wait_for eventsd.log "eventsd ready"
-"$ctl" monitor "$router" "$ports" >bus.log 2>monitor.log &
+"$ctl" monitor --json lines 'ports.*' 'mzu.*' >traffic.log 2>monitor.log &
 pids+=($!)
-wait_for monitor.log "connected to 2 of 2"
+wait_for monitor.log "watching through the router"
 
 # --- Requests ---
 
 number=0
-frames_from() { tail -n +"$1" bus.log | grep -v -e service.Welcome -e service.Probe -e service.Hello -e router.Hello || true; }
 
 # outcome STATUS REPLY: what a request came to: "result", the code of an error response, or "none" without an answer
 outcome() {
     case "$1" in
     0) echo result ;;
-    1) grep -o -m 1 '"code":-[0-9]*' <<<"$2" | grep -o -e '-[0-9]*' || echo unknown ;;
+    1 | 3) grep -o -m 1 '"code":-[0-9]*' <<<"$2" | grep -o -e '-[0-9]*' || echo unknown ;;
     4) echo none ;;
     *) echo unknown ;;
     esac
 }
 
-# show LEGS OUTCOME TITLE TEXT: sends a request as it stands; LEGS is how many frames it is to make on the bus
+# show SERVICE OUTCOME TITLE TEXT: sends a request as it stands; SERVICE is who is to have it, or nobody
 show() {
-    local legs=$1 expected=$2 title=$3 text=$4
-    local first reply status=0 frames to_service="(nothing)" from_service="(nothing)"
-    first=$(($(wc -l <bus.log) + 1))
-    reply=$("$ctl" send "$text" 2>&1) || status=$?
+    local service=$1 expected=$2 title=$3 text=$4
+    local first reply status=0 line="" wanted=0 seen request="(nothing)" answer="(nothing)"
+    [ "$service" = nobody ] || wanted=1
+    first=$(($(wc -l <traffic.log) + 1))
+    reply=$("$ctl" send --socket router.sock "$text" 2>&1) || status=$?
     for _ in $(seq 200); do
-        frames=$(frames_from "$first" | wc -l)
-        if [ "$frames" -ge "$legs" ]; then break; fi
+        seen=$(tail -n +"$first" traffic.log | wc -l)
+        if [ "$seen" -ge "$wanted" ]; then break; fi
         sleep 0.05
     done
-    while read -r _ channel json; do
-        case "$channel" in
-        2524546b-*) from_service="$json" ;;
-        *) to_service="${channel:0:8}...| $json" ;;
+    line=$(tail -n +"$first" traffic.log)
+    if [ -n "$line" ]; then
+        request=$(sed 's/.*,"request":\(.*\),"reply":.*/\1/' <<<"$line")
+        case "$line" in # otherwise it is the router that answers
+        *'"outcome":"result"'* | *'"outcome":"error"'*) answer=$(sed 's/.*,"reply":\(.*\)}$/\1/' <<<"$line") ;;
         esac
-    done < <(frames_from "$first")
+    fi
     number=$((number + 1))
     printf '\n%2d. %s\n' "$number" "$title"
     printf '    client  -> router   %s\n' "$text"
-    printf '    router  -> service  %s\n' "$to_service"
-    printf '    service -> router   %s\n' "$from_service"
+    printf '    router  -> service  %s\n' "$request"
+    printf '    service -> router   %s\n' "$answer"
     printf '    router  -> client   %s   [exit status %d]\n' "$reply" "$status"
     [ "$(outcome "$status" "$reply")" = "$expected" ] || fail "the answer should have been $expected"
-    [ "$frames" -eq "$legs" ] || fail "$frames frames were seen on the bus instead of $legs"
+    [ "$seen" -eq "$wanted" ] || fail "$seen requests went to a service instead of $wanted"
+    case "$service $line" in
+    nobody*) ;;
+    *"\"service\":\"$service\""*) ;;
+    *) fail "$service should have had the request" ;;
+    esac
 }
 
-call() { # LEGS OUTCOME TITLE METHOD PARAMS
+call() { # SERVICE OUTCOME TITLE METHOD PARAMS
     show "$1" "$2" "$3" \
         "{\"jsonrpc\":\"2.0\",\"method\":\"$4\",\"id\":\"demo\",\"transaction_id\":$((number + 101)),\"params\":$5}"
 }
 
-call 2 result "Read one port" ports.Get '{"port_id":"c1-1"}'
-call 2 result "Switch a port on" ports.SetEnabled '{"port_id":"c1-3","status":"enable"}'
-call 2 result "Read it back from the database" ports.Get '{"port_id":"c1-3"}'
-call 2 result "Put a port into an access VLAN" ports.SetVlanAccess '{"port_id":"d2","vlan_id":20}'
-call 2 result "A trunk with three VLANs" ports.SetVlanTrunk '{"port_id":"c2-1","vlan_ids":[10,20,30]}'
-call 2 result "Register an edge switch" mzu.Register '{"mzu_id":"c4","model":"ZQN-E12","mac":"00-1b-0d-00-00-04","alias":"attic"}'
-call 2 -32602 "A parameter is missing" ports.Get '{}'
-call 2 -32602 "A parameter of the wrong type" ports.SetVlanAccess '{"port_id":"d2","vlan_id":"20"}'
-call 2 -32602 "A parameter out of range" ports.SetVlanAccess '{"port_id":"d2","vlan_id":4093}'
-call 2 -32602 "A parameter that is no option" ports.SetEnabled '{"port_id":"d2","status":"on"}'
-call 2 -32034 "A port that does not exist" ports.Get '{"port_id":"c1-99"}'
-call 2 -32601 "An unknown method" ports.Explode '{}'
-call 1 -32005 "A service that does not answer: the router does" interfaces.Get '{}'
-show 0 none "A request without id: a notification, which the router refuses" '{"jsonrpc":"2.0","method":"ports.Get"}'
-show 0 -32600 "No JSON at all" 'good morning'
+call portsd result "Read one port" ports.Get '{"port_id":"c1-1"}'
+call portsd result "Switch a port on" ports.SetEnabled '{"port_id":"c1-3","status":"enable"}'
+call portsd result "Read it back from the database" ports.Get '{"port_id":"c1-3"}'
+call portsd result "Put a port into an access VLAN" ports.SetVlanAccess '{"port_id":"d2","vlan_id":20}'
+call portsd result "A trunk with three VLANs" ports.SetVlanTrunk '{"port_id":"c2-1","vlan_ids":[10,20,30]}'
+call portsd result "Register an edge switch" mzu.Register '{"mzu_id":"c4","model":"ZQN-E12","mac":"00-1b-0d-00-00-04","alias":"attic"}'
+call portsd -32602 "A parameter is missing" ports.Get '{}'
+call portsd -32602 "A parameter of the wrong type" ports.SetVlanAccess '{"port_id":"d2","vlan_id":"20"}'
+call portsd -32602 "A parameter out of range" ports.SetVlanAccess '{"port_id":"d2","vlan_id":4093}'
+call portsd -32602 "A parameter that is no option" ports.SetEnabled '{"port_id":"d2","status":"on"}'
+call portsd -32034 "A port that does not exist" ports.Get '{"port_id":"c1-99"}'
+call nobody -32601 "An unknown method" ports.Explode '{}'
+call nobody -32601 "A method whose service is not there" interfaces.Get '{}'
+show nobody none "A request without id: a notification, which the router refuses" '{"jsonrpc":"2.0","method":"ports.Get"}'
+show nobody -32600 "No JSON at all" 'good morning'
+
+# --- Clients and services that do not behave ---
+
+silent=()
+for _ in $(seq 20); do
+    exec {descriptor}<>"/dev/tcp/127.0.0.1/$port"
+    silent+=("$descriptor")
+done
+call portsd result "Twenty clients have connected and say nothing: they hold nobody up" ports.Get '{"port_id":"d1"}'
+for descriptor in "${silent[@]}"; do exec {descriptor}>&-; done
+
+kill -STOP "${pids[1]}"
+call portsd -32005 "A service that does not answer in time: the router does" ports.Get '{"port_id":"d1"}'
+"$ctl" call --full ports.Get port_id=d1 >killed.log 2>>ctl.log &
+caller=$!
+for _ in $(seq 200); do
+    if "$ctl" call router.Status | grep -q '"in_flight":1'; then break; fi
+    sleep 0.01
+done
+{ kill -KILL "${pids[1]}" && wait "${pids[1]}"; } 2>/dev/null || true
+wait "$caller" || true
+printf '\nA service is killed while it has a request: its caller is told at once\n    %s\n' "$(cat killed.log)"
+grep -q '"code":-32601.*portsd, which serves ports.Get, is not there' killed.log || fail "its caller was not told"
+call nobody -32601 "So is who comes later" ports.Get '{"port_id":"d1"}'
+mv portsd.log portsd-killed.log
+start_ports
+call portsd result "It is started again: calls flow" ports.Get '{"port_id":"d1"}'
 
 # --- Daemons that call daemons ---
 
@@ -181,11 +213,11 @@ show_ctl() {
     case "$output" in *"$text"*) ;; *) fail "the answer should have held $text" ;; esac
 }
 
-show_ctl "A daemon calls a daemon: events.Describe asks ports.Get over the bus and waits for the reply" \
-    '"port_id":"c1-1"' call events.Describe '{"port_id":"c1-1"}'
-show_ctl "A notification, awaited by the client" '"events.LinkChanged"' wait events.LinkChanged "$events"
-show_ctl "A notification, awaited by the ports service" '"result"' call ports.WaitLinkChanged
-show_ctl "A direct call, on the events service's own socket" '"result"' call --direct events.sock events.Last
+show_ctl "A daemon calls a daemon: events.Describe asks ports.Get through the router, and serves others meanwhile" \
+    '"port_id":"c1-1"' call events.Describe port_id=c1-1
+show_ctl "A notification, awaited by the client" '"events.LinkChanged"' wait events.LinkChanged
+show_ctl "A notification, awaited by the ports service" '"entity":"c1-1"' call ports.WaitLinkChanged
+show_ctl "A direct call, on the events service's own socket" '"entity":"c1-1"' call --direct events.sock events.Last
 if [ "$(id -u)" -eq 0 ]; then # the slot's mode lets nobody else open it
     show_ctl "The number of the last event, read from shared memory" "" shm get "/$slot" --int
 fi
@@ -199,12 +231,13 @@ if $keep; then
 
 Still running: router, ports service, events service, monitor (process ids ${pids[*]}). Try, in $run:
 
-  export TAVRIX_SOCKET=router.sock
-  $ctl call ports.Get '{"port_id":"all"}' --json pretty
+  export TAVRIX_SOCKET=router.sock TAVRIX_SESSION=session.sock
+  $ctl call ports.Get port_id=all --json pretty
   $ctl call mzu.List
-  $ctl call router.Status
+  $ctl status
+  $ctl monitor
   $ctl log-level portsd verbose --file tavrix_lsyslog.conf && tail -f portsd.log
-  tail -f bus.log
+  tail -f traffic.log
 
 Stop it with: kill ${pids[*]}; rm -f /dev/shm/$slot
 TEXT

@@ -1,5 +1,6 @@
 #include "router.h"
 
+#include "interrupt.h"
 #include "tavrix_jrpc.h"
 
 namespace tavrixctl {
@@ -38,14 +39,14 @@ int Router::ask(const std::string &method, Json params, const Deadline &deadline
     std::string text;
     const Json request = make_request(method, std::move(params), own_id);
     int status = exchange(request_text(request.get()), deadline, &text);
-    if (status != exit_result) {
+    if (status != exit_result || (text.empty() && stop_requested())) {
         return status;
     }
     const Json answer(json_loadb(text.data(), text.size(), 0, nullptr));
     json_t *found = json_object_get(answer.get(), "result");
     status = answer ? status_of(answer.get()) : static_cast<int>(exit_no_connection);
     if (status != exit_result || found == nullptr) {
-        explain_failure(method, answer.get());
+        complain("%s", words_of_failure(method, answer.get()).c_str());
         return status == exit_result ? static_cast<int>(exit_error_response) : status;
     }
     result->reset(json_incref(found));
@@ -61,20 +62,19 @@ int status_of(const json_t *answer) {
                                                                                        : exit_error_response;
 }
 
-void explain_failure(const std::string &method, const json_t *answer) {
+std::string words_of_failure(const std::string &method, const json_t *answer) {
     const json_t *error = json_object_get(answer, "error");
     if (!json_is_object(error)) {
-        complain("%s: the answer is no JSON-RPC response", printable(method).c_str());
-        return;
+        return printable(method) + ": the answer is no JSON-RPC response";
     }
     const json_t *data = json_object_get(error, "data");
     std::string why = json_is_string(data) ? json_string_value(data) : text_of(data, "message");
     if (why.empty() && data != nullptr && !json_is_null(data)) {
         why = render(data, JsonStyle::single_line);
     }
-    const json_int_t code = json_integer_value(json_object_get(error, "code"));
-    complain("%s: %s (%lld)%s%s", printable(method).c_str(), printable(text_of(error, "message")).c_str(),
-             static_cast<long long>(code), why.empty() ? "" : ": ", printable(why).c_str());
+    return printable(method) + ": " + printable(text_of(error, "message")) + " (" +
+           std::to_string(json_integer_value(json_object_get(error, "code"))) + ")" +
+           (why.empty() ? "" : ": " + printable(why));
 }
 
 std::vector<std::string> known_methods(const json_t *status) {

@@ -21,7 +21,7 @@ class Router {
     /** The answer to a request's text. Complains and returns the exit status when there is none. */
     int exchange(const std::string &request, const Deadline &deadline, std::string *answer);
 
-    /** The method's result. Complains and returns the exit status when there is none. */
+    /** The method's result. Complains and returns the exit status when there is none; null when it was stopped. */
     int ask(const std::string &method, Json params, const Deadline &deadline, Json *result);
 
   private:
@@ -32,8 +32,8 @@ class Router {
 /** The exit status that an answer stands for: a result, an error, a time-out. */
 int status_of(const json_t *answer);
 
-/** Says in words what an error answer says. */
-void explain_failure(const std::string &method, const json_t *answer);
+/** What an error answer says, in words. */
+std::string words_of_failure(const std::string &method, const json_t *answer);
 
 /** The methods that a router.Status tells of, and the router's own. */
 std::vector<std::string> known_methods(const json_t *status);

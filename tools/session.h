@@ -32,9 +32,6 @@ class Session {
     /** Sends one request and waits for its answer. Complains and returns the exit status when there is none. */
     int ask(const std::string &request, const Deadline &deadline, Json *answer);
 
-    /** Whether something has been received that nobody has taken yet. */
-    bool has_kept() const { return !kept_.empty() || buffer_.find('\n') != std::string::npos; }
-
   private:
     Got next_message(const Deadline &deadline, Json *message);
     Got next_line(const Deadline &deadline, std::string *line);

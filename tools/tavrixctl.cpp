@@ -11,6 +11,7 @@
 
 #include "support.h"
 #include "verbs.h"
+#include "words.h"
 
 namespace {
 
@@ -31,7 +32,7 @@ constexpr char guard[] = "\x1f";
 constexpr char complete_verb[] = "__complete";
 
 constexpr char general_footer[] = R"(examples:
-  tavrixctl call ports.Get '{"port_id":"c1-1"}'
+  tavrixctl call ports.Get port_id=c1-1
   tavrixctl status
   tavrixctl monitor
   tavrixctl error -35
@@ -49,6 +50,8 @@ struct CommandLine {
     WaitOptions wait;
     LogLevelOptions log_level;
     ShmOptions shm;
+    DbOptions db_check;
+    DbOptions db_init;
     StatusOptions status;
     TopOptions top;
     WaitServiceOptions wait_service;
@@ -110,8 +113,10 @@ void add_json(CLI::App *verb, JsonStyle *style) {
 
 void add_call(CLI::App &app, CommandLine *line) {
     CLI::App *verb =
-        add_verb(app, "call", "Send one request and print the reply",
-                 "  tavrixctl call ports.Get '{\"port_id\":\"all\"}'\n"
+        add_verb(app, "call", "Send one request and print its result",
+                 "  tavrixctl call ports.Get port_id=c1-1\n"
+                 "  tavrixctl call ports.SetVlanAccess port_id=d2 vlan_id:=20\n"
+                 "  tavrixctl call ports.Get '{\"port_id\":\"all\"}' --full\n"
                  "  echo '{\"port_id\":\"c1-1\",\"status\":\"enable\"}' | tavrixctl call ports.SetEnabled -\n"
                  "  tavrixctl call --direct /run/tavrix/events.sock events.Last");
     CallOptions &options = line->call;
@@ -123,6 +128,7 @@ void add_call(CLI::App &app, CommandLine *line) {
     CLI::Option *direct = add_direct(verb, &options.target);
     verb->add_flag("--notification", options.notification, "Send no id; no answer is expected. The router takes none")
         ->needs(direct);
+    verb->add_flag("--full", options.full, "Print the whole response, also when it is an error");
     add_timeout(verb, &options.timeout_s);
     add_json(verb, &options.json);
     verb->callback([line] { line->run = [line] { return call(line->call); }; });
@@ -309,7 +315,7 @@ void add_validate(CLI::App &app, CommandLine *line) {
 }
 
 void add_shm(CLI::App &app, CommandLine *line) {
-    CLI::App *verb = add_verb(app, "shm", "Read or write a shared-memory slot",
+    CLI::App *verb = add_verb(app, "shm", "Show, read, write or remove shared-memory slots",
                               "  tavrixctl shm get /tavrix_last_event --int\n"
                               "  tavrixctl shm set /note 'maintenance at noon' --create");
     verb->require_subcommand(1);
@@ -326,20 +332,42 @@ void add_shm(CLI::App &app, CommandLine *line) {
     }
     set->add_option("VALUE", options.value, "What to store")->required();
     set->add_flag("--create", options.create, "Create the slot first; an old one is resized and cleared");
+    add_verb(*verb, "list", "Show every slot", "  tavrixctl shm list")->callback([line] { line->run = shm_list; });
+    CLI::App *rm = add_verb(*verb, "rm", "Remove a slot; who has it open keeps it", "  tavrixctl shm rm /note");
+    rm->add_option("NAME", options.name, "The slot's name, beginning with '/'")->required();
+    rm->callback([line] { line->run = [line] { return shm_remove(line->shm); }; });
     get->callback([line] { line->run = [line] { return shm_get(line->shm); }; });
     set->callback([line] { line->run = [line] { return shm_set(line->shm); }; });
+}
+
+void add_db(CLI::App &app, CommandLine *line) {
+    CLI::App *verb = add_verb(app, "db", "Check the configuration database, or make one",
+                              "  tavrixctl db init new.db --schema schema.sql\n  tavrixctl db check");
+    verb->require_subcommand(1);
+    CLI::App *check = add_verb(*verb, "check", "Check its integrity and show version and tables",
+                               "  tavrixctl db check\n  tavrixctl db check --schema schema.sql");
+    CLI::App *init = add_verb(*verb, "init", "Make a new one; one that exists stays as it is",
+                              "  tavrixctl db init another.db --schema schema.sql");
+    for (const auto &[action, options] : {std::pair(check, &line->db_check), std::pair(init, &line->db_init)}) {
+        action->add_option("FILE", options->file, "The database")->default_val(TAVRIX_CFGDB_PATH);
+    }
+    check->add_option("--schema", line->db_check.schema, "SQL file whose tables it has to have");
+    init->add_option("--schema", line->db_init.schema, "SQL file that makes its tables")
+        ->default_val(TAVRIX_SCHEMA_PATH);
+    init->add_option("--data", line->db_init.data, "SQL file that makes its first rows");
+    check->callback([line] { line->run = [line] { return db_check(line->db_check); }; });
+    init->callback([line] { line->run = [line] { return db_init(line->db_init); }; });
 }
 
 void add_log_level(CLI::App &app, CommandLine *line) {
     CLI::App *verb = add_verb(app, "log-level", "Set a daemon's log level and make the daemons reread it",
                               "  tavrixctl log-level portsd verbose");
     LogLevelOptions &options = line->log_level;
-    verb->add_option("DAEMON", options.daemon, "The daemon's name in the logger's configuration")->required();
-    verb->add_option("LEVEL", options.level, "off, info, debug or verbose")
-        ->required()
-        ->check(CLI::IsMember(log_level_words()));
+    verb->add_option("DAEMON", options.daemon, "The daemon's name in the logger's configuration");
+    verb->add_option("LEVEL", options.level, "off, info, debug or verbose")->check(CLI::IsMember(log_level_words()));
     verb->add_option("--file", options.file, "The logger's configuration file")->default_val(TAVRIX_LSYSLOG_CONF_PATH);
-    verb->add_flag("--no-reload", options.edit_only, "Only edit the file");
+    verb->add_flag("--no-reload", options.edit_only,
+                   "Only edit the file, and ask nobody whether there is such a daemon");
     add_router(verb, &options.target);
     add_timeout(verb, &options.timeout_s);
     verb->callback([line] { line->run = [line] { return log_level(line->log_level); }; });
@@ -348,6 +376,14 @@ void add_log_level(CLI::App &app, CommandLine *line) {
 CLI::App *find_verb(CLI::App *parent, const std::string &name) {
     const auto found = parent->get_subcommands([&](CLI::App *verb) { return verb->get_name() == name; });
     return found.empty() ? nullptr : found.front();
+}
+
+std::vector<std::string> verb_names(const CLI::App &parent) {
+    std::vector<std::string> names;
+    for (const CLI::App *verb : parent.get_subcommands([](const CLI::App *) { return true; })) {
+        names.push_back(verb->get_name());
+    }
+    return names;
 }
 
 /**
@@ -399,6 +435,9 @@ Position position_after(CLI::App &app, const std::vector<std::string> &words) {
 
 std::vector<std::string> positional_words(const Position &position) {
     const std::string verb = position.verb->get_name();
+    if (verb == "help") {
+        return verb_names(*position.verb->get_parent());
+    }
     if (verb == "validate" && position.positionals == 0) {
         return validated_fields();
     }
@@ -414,15 +453,34 @@ std::vector<std::string> candidates_at(const Position &position) {
         return position.option != "--json" ? std::vector<std::string>() : is_monitor ? monitor_words : json_words;
     }
     std::vector<std::string> candidates = positional_words(position);
-    for (const CLI::App *sub : position.verb->get_subcommands([](CLI::App *) { return true; })) {
-        candidates.push_back(sub->get_name());
-    }
+    const std::vector<std::string> verbs = verb_names(*position.verb);
+    candidates.insert(candidates.end(), verbs.begin(), verbs.end());
     for (const CLI::Option *option : position.verb->get_options()) {
         for (const std::string &name : option->get_lnames()) {
             candidates.push_back("--" + name);
         }
     }
     return candidates;
+}
+
+/** The first of the words that should be a verb and is none, complained about; empty when all is well. */
+std::string find_stranger(CLI::App &app, const std::vector<std::string> &words) {
+    CLI::App *parent = &app;
+    for (const std::string &word : words) {
+        CLI::App *verb = find_verb(parent, word);
+        if (verb_names(*parent).empty()) {
+            return "";
+        }
+        if (verb != nullptr) {
+            parent = verb;
+        } else if (word.rfind('-', 0) != 0) {
+            const std::string similar = nearest(word, verb_names(*parent));
+            complain("there is no verb '%s'%s", printable(word).c_str(),
+                     similar.empty() ? "; see tavrixctl --help" : ("; did you mean '" + similar + "'?").c_str());
+            return word;
+        }
+    }
+    return "";
 }
 
 /** Takes the guard of words off again before they are stored. */
@@ -444,6 +502,28 @@ int complete(CLI::App &app, const std::vector<std::string> &pieces) {
         }
     }
     return exit_result;
+}
+
+void add_help(CLI::App &app, CommandLine *line) {
+    CLI::App *verb = add_verb(app, "help", "Explain a verb", "  tavrixctl help call\n  tavrixctl help shm get");
+    verb->add_option("VERB", line->values, "The verb, and its own")->expected(0, 2);
+    verb->callback([line, &app] {
+        line->run = [line, &app] {
+            if (!find_stranger(app, line->values).empty()) {
+                return static_cast<int>(exit_usage);
+            }
+            CLI::App *asked = &app;
+            std::string name = app.get_name();
+            for (const std::string &word : line->values) {
+                asked = find_verb(asked, word);
+                name += " " + word;
+            }
+            // Not by help(), which explains the verb that was chosen: this one.
+            std::string help = asked->get_formatter()->make_help(asked, name, CLI::AppFormatMode::Normal);
+            help.erase(help.find_last_not_of('\n') + 1);
+            return print_line(help) ? static_cast<int>(exit_result) : static_cast<int>(exit_error_response);
+        };
+    });
 }
 
 void add_completion(CLI::App &app, CommandLine *line) {
@@ -469,7 +549,7 @@ int main(int argc, char **argv) {
     app.footer(general_footer);
     for (auto add :
          {add_call, add_send, add_status, add_top, add_metrics, add_wait_service, add_monitor, add_replay, add_push,
-          add_subscribe, add_wait, add_error, add_validate, add_shm, add_log_level, add_completion}) {
+          add_subscribe, add_wait, add_error, add_validate, add_shm, add_db, add_log_level, add_help, add_completion}) {
         add(app, &line);
     }
     unguard(&app);
@@ -477,6 +557,9 @@ int main(int argc, char **argv) {
         return complete(app, std::vector<std::string>(argv + 2, argv + argc));
     }
     std::vector<std::string> words(argv + 1, argv + argc);
+    if (!find_stranger(app, words).empty()) {
+        return exit_usage;
+    }
     std::reverse(words.begin(), words.end()); // as the parser wants them
     for (std::string &word : words) {
         word.insert(0, word.rfind('[', 0) == 0 ? guard : "");

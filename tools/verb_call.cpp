@@ -9,7 +9,9 @@
 #include "params.h"
 #include "router.h"
 #include "support.h"
+#include "tavrix_jrpc.h"
 #include "verbs.h"
+#include "words.h"
 
 namespace tavrixctl {
 
@@ -48,24 +50,6 @@ int print_answer(const std::string &answer, JsonStyle style) {
     return print_line(render(reply.get(), style)) ? judge(reply.get()) : static_cast<int>(exit_error_response);
 }
 
-int exchange_and_print(const Target &target, const std::string &text, double timeout_s, bool wants_answer,
-                       JsonStyle style) {
-    const Deadline deadline(timeout_s);
-    std::string answer;
-    const int status = Router(target).exchange(text, deadline, &answer);
-    if (status != exit_result) {
-        return status;
-    }
-    if (!answer.empty()) {
-        return print_answer(answer, style);
-    }
-    if (!wants_answer) {
-        return exit_result;
-    }
-    complain("the connection was closed without an answer");
-    return exit_no_connection;
-}
-
 /** One connection for the text where there is one: its lines would be several requests of a session. */
 std::vector<Road> for_one_text(std::vector<Road> roads) {
     const auto is_session = [](const Road &road) { return road.kind == RoadKind::session; };
@@ -92,6 +76,41 @@ int print_all(const std::string &answers, RoadKind kind, JsonStyle style) {
     return status;
 }
 
+/** The method that was probably meant where this one was not found; empty when none is near. */
+std::string find_similar(const CallOptions &options, Router *router) {
+    const Silence silence; // what cannot be found out is not worth a word
+    Json status;
+    if (!options.target.direct.empty() ||
+        router->ask("router.Status", nullptr, Deadline(options.timeout_s), &status) != exit_result) {
+        return "";
+    }
+    // A known method is the nearest to itself.
+    const std::string similar = nearest(options.method, known_methods(status.get()));
+    return similar == options.method ? "" : similar;
+}
+
+/** Prints the result alone, or says in words what went wrong. */
+int print_result(const CallOptions &options, Router *router, const std::string &answer) {
+    const Json reply(json_loadb(answer.data(), answer.size(), 0, nullptr));
+    const json_t *result = json_object_get(reply.get(), "result");
+    const json_t *error = json_object_get(reply.get(), "error");
+    if (result == nullptr && !json_is_object(error)) {
+        complain("the answer is no JSON-RPC response: %s",
+                 (reply ? render(reply.get(), JsonStyle::single_line) : printable(answer)).c_str());
+        return exit_error_response;
+    }
+    if (error == nullptr) {
+        return print_line(render(result, options.json)) ? exit_result : exit_error_response;
+    }
+    // A request to nobody on the bus is timed out.
+    const json_int_t code = json_integer_value(json_object_get(error, "code"));
+    const bool is_unknown = code == TAVRIX_JRPC_METHOD_NOT_FOUND || code == TAVRIX_JRPC_TIMED_OUT;
+    const std::string similar = is_unknown ? find_similar(options, router) : "";
+    complain("%s%s", words_of_failure(options.method, reply.get()).c_str(),
+             similar.empty() ? "" : ("; did you mean " + printable(similar) + "?").c_str());
+    return status_of(reply.get());
+}
+
 /** A transaction id that two clients at a time hardly share. */
 json_int_t fresh_transaction_id() {
     const auto now = std::chrono::system_clock::now().time_since_epoch();
@@ -114,8 +133,18 @@ int call(const CallOptions &options) {
     }
     const json_int_t transaction_id = options.transaction_id.value_or(fresh_transaction_id());
     json_object_set_new(request.get(), "transaction_id", json_integer(transaction_id));
-    const std::string text = request_text(request.get());
-    return exchange_and_print(options.target, text, options.timeout_s, !options.notification, options.json);
+    const Deadline deadline(options.timeout_s);
+    Router router(options.target);
+    std::string answer;
+    const int status = router.exchange(request_text(request.get()), deadline, &answer);
+    if (status != exit_result || (answer.empty() && options.notification)) {
+        return status;
+    }
+    if (answer.empty()) {
+        complain("the connection was closed without an answer");
+        return exit_no_connection;
+    }
+    return options.full ? print_answer(answer, options.json) : print_result(options, &router, answer);
 }
 
 int send(const SendOptions &options) {

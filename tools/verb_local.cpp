@@ -5,19 +5,26 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <limits>
+#include <map>
 #include <memory>
 #include <sstream>
 
+#include <dirent.h>
+#include <pwd.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "router.h"
 #include "support.h"
 #include "tavrix_error.h"
 #include "tavrix_jrpc.h"
 #include "tavrix_shm.h"
 #include "tavrix_validation.h"
 #include "verbs.h"
+#include "words.h"
 
 namespace tavrixctl {
 
@@ -165,6 +172,80 @@ std::string with_level(const std::string &old_text, const std::string &daemon, c
     return written ? text : text + entry;
 }
 
+/** What each daemon has in the file's section; the first entry counts. */
+std::map<std::string, std::string> levels_in(const std::string &text) {
+    std::map<std::string, std::string> levels;
+    std::istringstream lines(text);
+    bool in_section = false;
+    for (std::string line; std::getline(lines, line);) {
+        const size_t equals_sign = line.find('=');
+        if (line.rfind('[', 0) == 0) {
+            in_section = line.rfind(levels_header, 0) == 0;
+        } else if (in_section && line.rfind('#', 0) != 0 && equals_sign != std::string::npos) {
+            levels.emplace(line.substr(0, equals_sign), line.substr(equals_sign + 1));
+        }
+    }
+    return levels;
+}
+
+/** Those that the router knows, and their states. */
+using Daemons = std::map<std::string, std::string>;
+
+Daemons ask_for_daemons(Router *router, const LogLevelOptions &options) {
+    const Silence silence; // a router that is not there is told of when it is to pass the reload on
+    Json status;
+    if (router->ask("router.Status", nullptr, Deadline(options.timeout_s), &status) != exit_result) {
+        return {};
+    }
+    Daemons daemons = {{"routerd", "up"}};
+    size_t index = 0;
+    const json_t *service = nullptr;
+    json_array_foreach(json_object_get(status.get(), "services"), index, service) {
+        daemons[text_of(service, "name")] = text_of(service, "state");
+    }
+    return daemons;
+}
+
+bool is_known(const Daemons &daemons, const std::string &text, const std::string &daemon) {
+    std::vector<std::string> names;
+    for (const auto &[name, state] : daemons) {
+        names.push_back(name);
+    }
+    for (const auto &[name, level] : levels_in(text)) {
+        names.push_back(name);
+    }
+    if (std::find(names.begin(), names.end(), daemon) != names.end()) {
+        return true;
+    }
+    const std::string similar = nearest(daemon, names);
+    complain("there is no daemon '%s'%s", printable(daemon).c_str(),
+             similar.empty() ? "; tavrixctl log-level shows those that there are"
+                             : ("; did you mean '" + printable(similar) + "'?").c_str());
+    return false;
+}
+
+/** Every daemon's level, or one's. */
+int show_levels(const Daemons &daemons, const std::string &text, const std::string &only) {
+    std::map<std::string, std::string> levels = levels_in(text);
+    for (const auto &[name, state] : daemons) {
+        levels.emplace(name, "-");
+    }
+    Table table({"DAEMON", "LEVEL", "STATE"});
+    bool found = false;
+    for (const auto &[name, level] : levels) {
+        const auto known = daemons.find(name);
+        if (only.empty() || name == only) {
+            found = true;
+            table.add({printable(name), printable(level), known == daemons.end() ? "-" : printable(known->second)});
+        }
+    }
+    if (!only.empty() && !found) {
+        return is_known(daemons, text, only) ? exit_result : exit_usage;
+    }
+    const std::vector<std::string> lines = table.lines();
+    return std::all_of(lines.begin(), lines.end(), print_line) ? exit_result : exit_error_response;
+}
+
 struct CloseFile {
     void operator()(FILE *file) const { fclose(file); }
 };
@@ -223,6 +304,41 @@ bool replace_file(const std::string &name, const std::string &text) {
 
 bool print_code(const char *title, int code, const char *meaning) {
     return print_line(std::string(title) + std::to_string(code) + "  " + meaning);
+}
+
+constexpr char slots_folder[] = "/dev/shm";
+constexpr size_t shown_bytes = 60;
+// The mode that the library gives its slots, and nobody else his files, whatever the umask.
+constexpr mode_t slot_mode = S_ISGID | S_ISVTX;
+
+struct CloseFolder {
+    void operator()(DIR *folder) const { closedir(folder); }
+};
+
+bool is_slot(const std::string &name, struct stat *state) {
+    return lstat((slots_folder + name).c_str(), state) == 0 && S_ISREG(state->st_mode) &&
+           (state->st_mode & (S_ISUID | S_ISGID | S_ISVTX)) == slot_mode;
+}
+
+std::string owner_name(uid_t user) {
+    const passwd *entry = getpwuid(user);
+    return entry == nullptr ? std::to_string(user) : printable(entry->pw_name);
+}
+
+/** A slot of an integer's size holds one, as far as anybody can tell; another one a text. */
+std::string value_of(const std::string &name, off_t size) {
+    std::ifstream file(slots_folder + name, std::ios::binary);
+    std::string bytes(shown_bytes, '\0');
+    file.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    if (file.gcount() == 0) {
+        return "-";
+    }
+    int number = 0;
+    if (size == static_cast<off_t>(sizeof number)) {
+        std::memcpy(&number, bytes.data(), sizeof number);
+        return std::to_string(number);
+    }
+    return printable(bytes.substr(0, bytes.find('\0')));
 }
 
 int shm_failed(const std::string &name) {
@@ -306,29 +422,80 @@ int shm_set(const ShmOptions &options) {
     return rc == TAVRIX_OK ? exit_result : shm_failed(options.name);
 }
 
+int shm_list() {
+    const std::unique_ptr<DIR, CloseFolder> folder(opendir(slots_folder));
+    if (!folder) {
+        complain("%s: %s", slots_folder, std::strerror(errno));
+        return exit_error_response;
+    }
+    std::vector<std::string> names;
+    while (const dirent *entry = readdir(folder.get())) {
+        struct stat state {};
+        const std::string name = std::string("/") + entry->d_name;
+        if (is_slot(name, &state)) {
+            names.push_back(name);
+        }
+    }
+    std::sort(names.begin(), names.end());
+    Table table({"SLOT", "BYTES", "OWNER", "SET", "VALUE"});
+    table.align_right(1, 1);
+    for (const std::string &name : names) {
+        struct stat state {};
+        if (is_slot(name, &state)) { // still
+            table.add({printable(name), std::to_string(state.st_size), owner_name(state.st_uid),
+                       date_text(static_cast<double>(state.st_mtime)), value_of(name, state.st_size)});
+        }
+    }
+    const std::vector<std::string> lines = names.empty() ? std::vector<std::string>{"no slots"} : table.lines();
+    return std::all_of(lines.begin(), lines.end(), print_line) ? exit_result : exit_error_response;
+}
+
+int shm_remove(const ShmOptions &options) {
+    struct stat state {};
+    if (options.name.rfind('/', 0) != 0 || options.name.find('/', 1) != std::string::npos ||
+        !is_slot(options.name, &state)) {
+        return shm_failed(options.name); // whatever else is there belongs to others
+    }
+    if (shm_unlink(options.name.c_str()) != 0) {
+        complain("%s: %s", printable(options.name).c_str(), std::strerror(errno));
+        return exit_error_response;
+    }
+    return exit_result;
+}
+
 std::vector<std::string> log_level_words() { return {"off", "info", "debug", "verbose"}; }
 
 int log_level(const LogLevelOptions &options) {
-    if (options.daemon.empty() || options.daemon.size() > 50 || options.daemon.find_first_of("=\n[#") == 0 ||
-        options.daemon.find_first_of("=\n") != std::string::npos) {
-        complain("'%s' cannot be a key of %s", options.daemon.c_str(), options.file.c_str());
+    if (!options.level.empty() &&
+        (options.daemon.empty() || options.daemon.size() > 50 || options.daemon.find_first_of("=\n[#") == 0 ||
+         options.daemon.find_first_of("=\n") != std::string::npos)) {
+        complain("'%s' cannot be a key of %s", printable(options.daemon).c_str(), printable(options.file).c_str());
         return exit_usage;
     }
     std::string old_text;
-    if (!read_file(options.file, &old_text) ||
-        !replace_file(options.file, with_level(old_text, options.daemon, options.level))) {
-        complain("%s: %s", options.file.c_str(), std::strerror(errno));
+    if (!read_file(options.file, &old_text)) {
+        complain("%s: %s", printable(options.file).c_str(), std::strerror(errno));
+        return exit_error_response;
+    }
+    Router router(options.target);
+    Daemons daemons = options.edit_only ? Daemons() : ask_for_daemons(&router, options);
+    if (options.level.empty()) {
+        return show_levels(daemons, old_text, options.daemon);
+    }
+    if (!daemons.empty() && !is_known(daemons, old_text, options.daemon)) {
+        return exit_usage;
+    }
+    const std::string text = with_level(old_text, options.daemon, options.level);
+    if (!replace_file(options.file, text)) {
+        complain("%s: %s", printable(options.file).c_str(), std::strerror(errno));
         return exit_error_response;
     }
     if (options.edit_only) {
         return exit_result;
     }
-    CallOptions reload;
-    reload.target = options.target;
-    reload.method = "logger.ReloadConf";
-    reload.id = "tavrixctl";
-    reload.timeout_s = options.timeout_s;
-    return call(reload);
+    Json result;
+    const int status = router.ask("logger.ReloadConf", nullptr, Deadline(options.timeout_s), &result);
+    return status == exit_result ? show_levels(daemons, text, "") : status;
 }
 
 } // namespace tavrixctl

@@ -127,7 +127,7 @@ int open_stream(Session *session, const char *method, const std::vector<std::str
     if (status == exit_result && answer) { // none, when it was stopped meanwhile
         status = status_of(answer.get());
         if (status != exit_result) {
-            explain_failure(method, answer.get());
+            complain("%s", words_of_failure(method, answer.get()).c_str());
         }
     }
     return status;

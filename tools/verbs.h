@@ -35,6 +35,7 @@ struct CallOptions {
     std::string id;
     std::optional<long long> transaction_id;
     bool notification = false;
+    bool full = false; ///< prints the whole response, not the result alone
     double timeout_s = 15;
     JsonStyle json = JsonStyle::automatic;
 };
@@ -135,10 +136,20 @@ struct ShmOptions {
 };
 int shm_get(const ShmOptions &options);
 int shm_set(const ShmOptions &options);
+int shm_list();
+int shm_remove(const ShmOptions &options);
+
+struct DbOptions {
+    std::string file;
+    std::string schema; ///< file of statements; for a check: what to compare with, if not empty
+    std::string data;   ///< another one, for the rows that a new database begins with
+};
+int db_check(const DbOptions &options);
+int db_init(const DbOptions &options);
 
 struct LogLevelOptions {
-    std::string daemon;
-    std::string level;
+    std::string daemon; ///< empty: all are shown
+    std::string level;  ///< empty: is shown, not set
     std::string file;
     Target target;
     double timeout_s = 15;

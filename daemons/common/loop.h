@@ -9,6 +9,7 @@
 #include <functional>
 #include <list>
 #include <memory>
+#include <new>
 #include <utility>
 
 #include <event2/buffer.h>
@@ -72,10 +73,11 @@ class Deadlines {
 
         void take(Deadlines &deadlines, Waiter &waiter) {
             leave();
-            owner_ = &deadlines;
             entry_ = deadlines.entries_.insert(deadlines.entries_.end(), {Clock::now() + deadlines.time_, &waiter});
-            if (event_pending(deadlines.timer_.get(), EV_TIMEOUT, nullptr) == 0) {
-                deadlines.start_timer();
+            owner_ = &deadlines; // not before there is an entry to leave
+            if (event_pending(deadlines.timer_.get(), EV_TIMEOUT, nullptr) == 0 && !deadlines.start_timer()) {
+                leave();
+                throw std::bad_alloc();
             }
         }
         void leave() {
@@ -92,18 +94,19 @@ class Deadlines {
     };
 
   private:
-    void start_timer() {
-        if (!entries_.empty()) {
-            const auto left = std::chrono::ceil<std::chrono::milliseconds>(entries_.front().due - Clock::now());
-            add_after(timer_, std::max(left, std::chrono::milliseconds(0)));
+    bool start_timer() {
+        if (entries_.empty()) {
+            return true;
         }
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(entries_.front().due - Clock::now());
+        return add_after(timer_, std::max(left, std::chrono::milliseconds(0)));
     }
     static void on_timer(evutil_socket_t /*descriptor*/, short /*what*/, void *context) {
         auto *self = static_cast<Deadlines *>(context);
         while (!self->entries_.empty() && self->entries_.front().due <= Clock::now()) {
             self->when_due_(*self->entries_.front().waiter); // who leaves its place
         }
-        self->start_timer();
+        self->start_timer(); // libevent has just had room for it
     }
 
     std::chrono::milliseconds time_;

@@ -9,7 +9,6 @@ namespace daemon_support {
 constexpr char hello_method[] = "router.Hello";
 constexpr char welcome_method[] = "service.Welcome";
 constexpr char probe_method[] = "service.Probe";
-constexpr char service_hello_method[] = "service.Hello";
 constexpr char reload_method[] = "logger.ReloadConf";
 
 } // namespace daemon_support

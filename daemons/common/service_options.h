@@ -63,6 +63,7 @@ class KitService {
   private:
     static std::vector<const char *> pointers_to(const std::vector<std::string> &texts) {
         std::vector<const char *> pointers;
+        pointers.reserve(texts.size() + 1);
         for (const std::string &text : texts) {
             pointers.push_back(text.c_str());
         }

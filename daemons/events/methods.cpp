@@ -66,7 +66,7 @@ int describe(tavrix_call *call) {
     if (description->question == 0) {
         return TAVRIX_ERR_SYSTEM_BUSY;
     }
-    description.release(); // on_ports has it, which is called once, however the question ends
+    static_cast<void>(description.release()); // on_ports has it, which is called once, however the question ends
     return TAVRIX_OK;
 }
 

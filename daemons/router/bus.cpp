@@ -18,7 +18,7 @@ namespace {
 
 constexpr char unit_name[] = "bus";
 constexpr int messages_per_turn = 100;         // a flood on the bus must not keep clients waiting,
-constexpr size_t bytes_per_turn = 1024 * 1024; // nor fill what they are sent faster than they could ever read it
+constexpr size_t bytes_per_turn = size_t{1024} * 1024; // nor fill what they are sent faster than they could ever read it
 constexpr int largest_message = 8 * 1024 * 1024;
 constexpr mode_t for_the_group = 0007;
 constexpr size_t longest_ipc_address = 113; // nanomsg aborts on a longer one

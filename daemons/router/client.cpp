@@ -33,15 +33,12 @@ bool Client::has_hung_up() const {
 }
 
 Call::Call(int wanted_number, Client &asking, Service &serving, std::string name)
-    : number(wanted_number), client(asking), service(serving), method(std::move(name)),
-      at_client_(client.calls.insert(client.calls.end(), this)),
-      at_service_(service.calls.insert(service.calls.end(), this)) {
+    : number(wanted_number), client(asking), service(serving), method(std::move(name)), at_client_(client.calls, this),
+      at_service_(service.calls, this) {
     ++service.users[account_of(client.peer)];
 }
 
 Call::~Call() {
-    client.calls.erase(at_client_);
-    service.calls.erase(at_service_);
     const auto user = service.users.find(account_of(client.peer));
     if (--user->second == 0) {
         service.users.erase(user);

@@ -57,6 +57,19 @@ class Client {
     int descriptor_;
 };
 
+/** A call's place in a list, left with its destruction: also when the call could not be made after all. */
+class Listed {
+  public:
+    Listed(std::list<Call *> &list, Call *call) : list_(list), place_(list.insert(list.end(), call)) {}
+    Listed(const Listed &) = delete;
+    Listed &operator=(const Listed &) = delete;
+    ~Listed() { list_.erase(place_); }
+
+  private:
+    std::list<Call *> &list_;
+    std::list<Call *>::iterator place_;
+};
+
 /** A request between its way to the service and its answer. Its end takes it out of every list that it is in. */
 struct Call {
     Call(int number, Client &asking, Service &serving, std::string name);
@@ -75,8 +88,8 @@ struct Call {
     daemon_support::Deadlines<Call>::Place deadline;
 
   private:
-    std::list<Call *>::iterator at_client_;
-    std::list<Call *>::iterator at_service_;
+    Listed at_client_;
+    Listed at_service_;
 };
 
 } // namespace router

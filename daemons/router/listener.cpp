@@ -117,7 +117,9 @@ void Listener::stop() {
 void Listener::on_pause_over(evutil_socket_t /*descriptor*/, short /*what*/, void *context) {
     auto *self = static_cast<Listener *>(context);
     if (self->readable_) {
-        event_add(self->readable_.get(), nullptr);
+        if (event_add(self->readable_.get(), nullptr) != 0) {
+            daemon_support::add_after(self->pause_, pause_time);
+        }
     } else if (self->try_tcp()) {
         LOG_INFO("Listening on TCP port %d\n", self->tcp_port_);
         self->watch(self->base_, *self->tcp_.get(), self->taker_);
@@ -138,8 +140,9 @@ void Listener::accept_clients() {
             taker_(descriptor);
         } else if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
             LOG_ERROR("Cannot accept a client: %s; those that are there are served\n", std::strerror(errno));
-            event_del(readable_.get()); // it would be readable at once, again and again
-            daemon_support::add_after(pause_, pause_time);
+            if (daemon_support::add_after(pause_, pause_time)) {
+                event_del(readable_.get()); // it would be readable at once, again and again
+            }
             return;
         } else if (errno != ECONNABORTED && errno != EINTR) {
             return;

@@ -75,8 +75,9 @@ Json message_data(const std::string &message) {
 namespace {
 
 Json with_transaction_id(Json message, json_t *transaction_id) {
-    if (json_is_number(transaction_id)) {
-        json_object_set(message.get(), "transaction_id", transaction_id);
+    const bool is_wanted = json_is_number(transaction_id);
+    if (is_wanted && json_object_set(message.get(), "transaction_id", transaction_id) != 0) {
+        return nullptr;
     }
     return message;
 }

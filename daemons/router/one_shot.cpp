@@ -15,7 +15,7 @@ namespace {
 
 constexpr char unit_name[] = "router";
 constexpr size_t parse_flags = JSON_REJECT_DUPLICATES | JSON_DISABLE_EOF_CHECK | JSON_DECODE_ANY;
-constexpr size_t max_discarded = 64 * 1024;
+constexpr size_t max_discarded = size_t{64} * 1024;
 
 } // namespace
 

@@ -84,7 +84,7 @@ int Router::on_status(Own &own) {
                                number(statistics_.busy), "dropped", number(statistics_.dropped), "uptime_s",
                                std::chrono::duration<double>(daemon_support::Clock::now() - started_).count(),
                                "methods", statistics_.methods_json()));
-    return 0;
+    return own.result ? 0 : TAVRIX_JRPC_INTERNAL_ERROR;
 }
 
 int Router::on_metrics(Own &own) {
@@ -111,7 +111,7 @@ int Router::on_metrics(Own &own) {
                 (service->state == Service::State::up ? "1" : "0") + "\n";
     }
     own.result.reset(json_stringn(text.data(), text.size()));
-    return 0;
+    return own.result ? 0 : TAVRIX_JRPC_INTERNAL_ERROR;
 }
 
 int Router::on_lock(Own & /*own*/) {
@@ -142,7 +142,7 @@ int Router::on_bus(Own &own) {
     own.result.reset(json_pack("{s:o, s:o, s:o, s:i}", "publish", publish.release(), "folder",
                                folder.empty() ? json_null() : json_string(folder.c_str()), "services",
                                services.release(), "reply_timeout_ms", config_.reply_timeout_ms));
-    return 0;
+    return own.result ? 0 : TAVRIX_JRPC_INTERNAL_ERROR;
 }
 
 /** Reads what a service says of itself; gives what is wrong with it. */
@@ -214,6 +214,7 @@ int Router::on_register(Own &own) {
         own.problem = "too many services";
         return TAVRIX_JRPC_SYSTEM_BUSY;
     }
+    service->endpoints.reserve(wanted.publish.size());
     for (const std::string &address : wanted.publish) {
         const int endpoint = bus_.connect(address);
         if (endpoint < 0) {
@@ -239,9 +240,10 @@ int Router::on_register(Own &own) {
     own.is_deferred = true;
     if (service->endpoints.empty()) {
         up(*service);
-    } else {
+    } else if (daemon_support::add_after(settle_timer_, settle_interval)) {
         settle();
-        daemon_support::add_after(settle_timer_, settle_interval);
+    } else {
+        throw std::bad_alloc();
     }
     return 0;
 }

@@ -76,7 +76,8 @@ Peer peer_of(int descriptor, Road road) {
         }
         more.resize(size / sizeof(gid_t)); // as many as the kernel has just said
     }
-    peer.groups.insert(peer.groups.end(), more.begin(), more.begin() + size / sizeof(gid_t));
+    more.resize(size / sizeof(gid_t));
+    peer.groups.insert(peer.groups.end(), more.begin(), more.end());
     return peer;
 }
 
@@ -142,12 +143,13 @@ std::string Policy::read_lines(const std::string &path) {
         }
         if (line[0] == '[') {
             if (line.find(']') != line.size() - 1) {
-                return place + "'" + line + "' is no section";
+                return std::string(place).append("'").append(line).append("' is no section");
             }
             const std::string name = line.substr(1, line.size() - 2);
             const auto *road = std::find(road_names.begin(), road_names.end(), name);
             if (road == road_names.end() || !seen.insert(name).second) {
-                return place + "[" + name + "] is none of [unix], [tcp] and [session], or stands there already";
+                return std::string(place).append(line).append(
+                    " is none of [unix], [tcp] and [session], or stands there already");
             }
             section = &rows_[static_cast<size_t>(road - road_names.begin())];
             section->clear();

@@ -45,7 +45,11 @@ int on_hello(json_t *params, json_t ** /*result*/, json_t **error_data) {
     if (rc == TAVRIX_OK) {
         rc = tavrix_jrpc_utils_parse_input_string(params, error_data, "channel", channel.data(), channel.size());
     }
-    return rc == TAVRIX_OK ? the_router->hear_hello(name.data(), channel.data()) : rc;
+    if (rc == TAVRIX_OK) {
+        rc = TAVRIX_ERR_GENERAL; // what the library called must not throw through it
+        the_router->guard(nullptr, [&] { rc = the_router->hear_hello(name.data(), channel.data()); });
+    }
+    return rc;
 }
 
 int on_bus_lock(json_t * /*params*/, json_t ** /*result*/, json_t ** /*error_data*/) {
@@ -77,6 +81,13 @@ void raise_descriptor_limit() {
     if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < limit.rlim_max) {
         limit.rlim_cur = limit.rlim_max;
         static_cast<void>(setrlimit(RLIMIT_NOFILE, &limit));
+    }
+}
+
+/** Ids are never left out or left as they were: an answer must not look like another's. */
+void put(json_t *message, const char *key, Json value) {
+    if (json_object_set_new(message, key, value.release()) != 0) {
+        throw std::bad_alloc();
     }
 }
 
@@ -182,10 +193,12 @@ void Router::on_signal(evutil_socket_t number, short /*what*/, void *context) {
         return;
     }
     tavrix_lsyslog_reload_conf();
-    Policy fresh;
-    if (!self->config_.policy.empty() && fresh.read(self->config_.policy)) {
-        self->policy_ = fresh; // otherwise the one that was good stays
-    }
+    self->guard(nullptr, [self] {
+        Policy fresh;
+        if (!self->config_.policy.empty() && fresh.read(self->config_.policy)) {
+            self->policy_ = std::move(fresh); // otherwise the one that was good stays
+        }
+    });
 }
 
 // --- Clients -------------------------------------------------------------------------------------------------------
@@ -204,13 +217,14 @@ void Router::admit(int descriptor, Road road) {
         auto added = std::make_unique<Kind>(*this, descriptor, std::move(peer));
         owner.forget();
         Kind *client = added.get();
-        ++users_[account];
+        int &places = users_[account];
         clients_.push_back(std::move(added));
         client->place = std::prev(clients_.end());
-        if constexpr (std::is_same_v<Kind, Session>) {
-            sessions_.push_back(client);
-        }
-        guard(client, [client] {
+        ++places;
+        guard(client, [&] {
+            if constexpr (std::is_same_v<Kind, Session>) {
+                sessions_.push_back(client);
+            }
             if (!client->start()) {
                 client->close();
             }
@@ -245,8 +259,10 @@ void Router::bury(Client &client) {
     }
     while (!client.calls.empty()) {
         Call &call = *client.calls.front();
-        LOG_FOREIGN("The client of %s has gone\n", printable(call.method).c_str());
-        cancel(call);
+        guard(nullptr, [&] {
+            LOG_FOREIGN("The client of %s has gone\n", printable(call.method).c_str());
+            cancel(call);
+        });
         finish(call, Outcome::cancelled, nullptr);
     }
     graveyard_.splice(graveyard_.end(), clients_, client.place);
@@ -415,13 +431,13 @@ Call *Router::begin_call(Client &client, Service &service, const std::string &me
 
 /** Sends the request on under the router's own ids; the client's are kept in the call. */
 bool Router::send(const Call &call, json_t *request) {
-    json_object_set_new(request, "transaction_id", json_integer(call.number));
+    put(request, "transaction_id", Json(json_integer(call.number)));
     if (call.service.direct) {
         json_object_del(request, "id"); // the member's place is at the end, as on the bus
-        json_object_set_new(request, "id", json_string(TAVRIX_ROUTER_REPLY_CHANNEL));
+        put(request, "id", Json(json_string(TAVRIX_ROUTER_REPLY_CHANNEL)));
         return call.service.session->send_request(render(request));
     }
-    json_object_set_new(request, "id", json_integer(0)); // the client's own words are not for the library's log lines
+    put(request, "id", Json(json_integer(0))); // the client's own words are not for the library's log lines
     return tavrix_jrpc_router_mq_dispatch_request(bus_.publisher(), request) == TAVRIX_OK;
 }
 
@@ -489,8 +505,16 @@ void Router::reload(Client &client, Json request, const BatchPlace &batch) {
 
 /** The one end of a call, whichever it is. The answer has the router's ids where it came from a service. */
 void Router::finish(Call &call, Outcome outcome, Json answer) {
-    std::unique_ptr<Call> owner = std::move(calls_[call.number]);
-    calls_.erase(call.number);
+    const auto place = calls_.find(call.number);
+    std::unique_ptr<Call> owner = std::move(place->second);
+    calls_.erase(place);
+    Client &client = call.client;
+    guard(outcome == Outcome::cancelled ? nullptr : &client,
+          [&] { give_answer(std::move(owner), outcome, std::move(answer)); });
+}
+
+void Router::give_answer(std::unique_ptr<Call> owner, Outcome outcome, Json answer) {
+    Call &call = *owner;
     statistics_.count(call.method, call.service.session != nullptr || outcome == Outcome::result, outcome,
                       seconds_since(call.started));
     show_traffic("reply", &call, call.method, &call.service, name_of(outcome), answer.get());
@@ -498,10 +522,10 @@ void Router::finish(Call &call, Outcome outcome, Json answer) {
         return;
     }
     if (call.client.gets_own_id()) {
-        json_object_set(answer.get(), "id", call.id.get());
+        put(answer.get(), "id", share(call.id));
     }
     if (call.transaction_id) {
-        json_object_set(answer.get(), "transaction_id", call.transaction_id.get());
+        put(answer.get(), "transaction_id", share(call.transaction_id));
     } else if (outcome != Outcome::timeout) { // the system's time-out response has one in any case
         json_object_del(answer.get(), "transaction_id");
     }
@@ -685,7 +709,7 @@ void Router::settle() {
 void Router::end_registration(Service &service, Json answer) {
     const Service::Registration registration = std::move(service.registration);
     if (registration.transaction_id) {
-        json_object_set(answer.get(), "transaction_id", registration.transaction_id.get());
+        put(answer.get(), "transaction_id", share(registration.transaction_id));
     }
     service.session->answer(std::move(answer), registration.batch);
 }
@@ -707,16 +731,22 @@ void Router::gone(Service &service) {
         bus_.disconnect(endpoint);
     }
     service.endpoints.clear();
-    LOG_WARNING("Service %s has gone\n", printable(service.name).c_str());
+    guard(nullptr, [&service] { LOG_WARNING("Service %s has gone\n", printable(service.name).c_str()); });
     while (!service.calls.empty()) {
         Call &call = *service.calls.front();
-        const Json request(json_pack("{s:O}", "id", call.id.get()));
-        finish(call, Outcome::gone,
-               make_error(TAVRIX_JRPC_METHOD_NOT_FOUND, request.get(), gone_data(service, call.method)));
+        Json answer;
+        guard(nullptr, [&] {
+            const Json request(json_pack("{s:O}", "id", call.id.get()));
+            answer = make_error(TAVRIX_JRPC_METHOD_NOT_FOUND, request.get(), gone_data(service, call.method));
+        });
+        finish(call, Outcome::gone, std::move(answer)); // a client that cannot be told is closed
     }
     if (was_up) {
-        tell_services(make_notification("router.ServiceDown", Json(json_pack("{s:s}", "name", service.name.c_str()))),
-                      service);
+        guard(nullptr, [&] {
+            tell_services(
+                make_notification("router.ServiceDown", Json(json_pack("{s:s}", "name", service.name.c_str()))),
+                service);
+        });
     }
 }
 

@@ -133,6 +133,7 @@ class Router {
                      const BatchPlace &batch);
     bool send(const Call &call, json_t *request);
     void finish(Call &call, Outcome outcome, Json answer);
+    void give_answer(std::unique_ptr<Call> owner, Outcome outcome, Json answer);
     void expire(Call &call);
     void cancel(const Call &call);
 

@@ -70,6 +70,7 @@ Service *Registry::add(const std::string &name) {
     }
     const auto added = services_.emplace(name, std::make_unique<Service>()).first;
     added->second->name = name;
+    added->second->state = Service::State::gone; // until its registration is complete
     heard_.erase(name);
     return added->second.get();
 }

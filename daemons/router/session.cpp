@@ -15,10 +15,13 @@ namespace router {
 namespace {
 
 constexpr char unit_name[] = "session";
-constexpr size_t max_line = 64 * 1024;               // with its newline
-constexpr size_t max_service_line = 9 * 1024 * 1024; // a reply as large as a bus message, 8 MiB, and its envelope
-constexpr size_t max_unread_with_notifications = 1024 * 1024;
-constexpr size_t max_unread = 8 * 1024 * 1024;
+constexpr size_t max_line = size_t{64} * 1024; // with its newline
+constexpr size_t max_service_line =
+    size_t{9} * 1024 * 1024; // a reply as large as a bus message, 8 MiB, and its envelope
+constexpr size_t bytes_per_turn =
+    size_t{8} * 1024; // of a client: some dozen requests, before the others have their turn
+constexpr size_t max_unread_with_notifications = size_t{1024} * 1024;
+constexpr size_t max_unread = size_t{8} * 1024 * 1024;
 
 /** One turn's bytes of whichever session: nothing stays here from one turn to the next. */
 std::array<char, max_line> shared_bytes;
@@ -55,7 +58,9 @@ void Session::on_close() {
 
 /** One read in each turn: a session that floods the router waits for its next turn like all others. */
 void Session::read_lines() {
-    const ssize_t count = recv(descriptor_, shared_bytes.data(), shared_bytes.size(), MSG_DONTWAIT);
+    const bool has_long_line = service != nullptr || partial_.size() >= bytes_per_turn;
+    const ssize_t count =
+        recv(descriptor_, shared_bytes.data(), has_long_line ? shared_bytes.size() : bytes_per_turn, MSG_DONTWAIT);
     if (count > 0) {
         take_bytes({shared_bytes.data(), static_cast<size_t>(count)});
     } else if (count == 0) {
@@ -182,16 +187,21 @@ void Session::give_up(const char *why) {
     router_.flush_later(*this);
 }
 
-void Session::write_line(std::string_view line) {
-    if (is_closed() || broken_) {
-        return;
-    }
-    if (line.empty() || evbuffer_add(out_.get(), line.data(), line.size()) != 0 ||
-        evbuffer_add(out_.get(), "\n", 1) != 0) {
-        give_up("No memory for a session's line"); // one that is missing must not look like all is well
-        return;
+/** The whole line or, when there is no memory for it, nothing. */
+bool Session::add_line(std::string_view line) {
+    char newline[] = "\n";
+    evbuffer_iovec parts[] = {{const_cast<char *>(line.data()), line.size()}, {newline, 1}};
+    if (line.empty() || evbuffer_add_iovec(out_.get(), parts, 2) != line.size() + 1) {
+        return false;
     }
     router_.flush_later(*this);
+    return true;
+}
+
+void Session::write_line(std::string_view line) {
+    if (!is_closed() && !broken_ && !add_line(line)) {
+        give_up("No memory for a session's line"); // one that is missing must not look like all is well
+    }
 }
 
 void Session::complete(const BatchPlace &batch) {
@@ -232,7 +242,9 @@ bool Session::send_request(std::string_view line) {
     if (has_unread_beyond(max_unread)) {
         return false;
     }
-    write_line(line);
+    if (!is_closed() && !broken_ && !add_line(line)) {
+        throw std::bad_alloc(); // it is the asking client's affair
+    }
     return !is_closed() && !broken_;
 }
 

@@ -54,6 +54,7 @@ class Session final : public Client {
     bool send_what_fits();
     bool has_unread_beyond(size_t bound);
     size_t unread() const { return out_ ? evbuffer_get_length(out_.get()) : 0; }
+    bool add_line(std::string_view line);
     void write_line(std::string_view line);
     void give_up(const char *why);
     void tell_of_loss();

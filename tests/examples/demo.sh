@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# The demonstration, with this build's programs: to its end, left running, and with a service that is another one.
+# The demonstration, with this build's programs: to its end, left running, and with a service that answers otherwise.
 # usage: demo.sh BUILD_DIR
 set -euo pipefail
 
@@ -47,12 +47,13 @@ rm "$work/broken/daemons/ports"
 mkdir "$work/broken/daemons/ports"
 cat >"$work/broken/daemons/ports/tavrix-portsd" <<TEXT
 #!/bin/sh
-# says that it is ready, and answers no method of the ports service
-exec "$build/daemons/events/tavrix-eventsd" --name portsd --slot "/tavrix-broken-$$" "\$1" "\$2" "\$3" "\$4"
+# says that it is ready, and knows of no port
+rm -f empty.db
+sqlite3 empty.db <"$source/daemons/ports/schema.sql"
+exec "$build/daemons/ports/tavrix-portsd" --database empty.db "\$@"
 TEXT
 chmod +x "$work/broken/daemons/ports/tavrix-portsd"
 status=0
 output=$(demo --built "$work/broken" 2>&1) || status=$?
-rm -f "/dev/shm/tavrix-broken-$$"
-[ "$status" -eq 1 ] || fail "without the ports service it ended with $status: $output"
+[ "$status" -eq 1 ] || fail "with an empty fleet it ended with $status: $output"
 case "$output" in *"demo: the answer should have been result"*) ;; *) fail "it said: $output" ;; esac

@@ -5,14 +5,6 @@
 set -euo pipefail
 source "$(dirname "$0")/installed.sh"
 
-cc() { # as on the page, with this build's compiler and warnings
-    local target=
-    [ "$1" = -o ] && target=$2
-    # shellcheck disable=SC2086
-    command "$cc" -std=gnu11 -Wall -Wextra $flags "$@"
-    emulate "$PWD/$target"
-}
-
 # Splits the page: files by their names, commands as NUMBER.sh, and what they print as NUMBER.text.
 mkdir guide listings
 awk -v listings=listings -v files=guide '

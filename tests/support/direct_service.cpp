@@ -58,7 +58,7 @@ std::string DirectService::next_line() {
         }
         received_.append(chunk, static_cast<size_t>(got));
     }
-    const std::string line = received_.substr(0, end);
+    std::string line = received_.substr(0, end);
     received_.erase(0, end + 1);
     return line;
 }

@@ -68,10 +68,9 @@ Process &Fleet::start_ports(const std::vector<std::string> &more) {
 
 Process &Fleet::start_events(const std::string &interval_ms, const std::vector<std::string> &more) {
     write_file("links.txt", "# port and state\nc1-1 up\n\nd2 down\n");
-    std::vector<std::string> arguments = {TAVRIX_EVENTSD, "--session",   "session.sock", "--publish", events_address,
-                                          "--socket",     "events.sock", "--pull",       pull_address,
-                                          "--script",     "links.txt",   "--interval",   interval_ms,
-                                          "--slot",       slot};
+    std::vector<std::string> arguments = {TAVRIX_EVENTSD, "--session",   "session.sock", "--publish",  events_address,
+                                          "--socket",     "events.sock", "--pull",       pull_address, "--script",
+                                          "links.txt",    "--interval",  interval_ms,    "--slot",     slot};
     arguments.insert(arguments.end(), more.begin(), more.end());
     events.reset();
     events = std::make_unique<Process>("eventsd", arguments);

@@ -41,7 +41,7 @@ std::string SessionClient::hear(int timeout_ms) {
     for (;;) {
         const size_t newline = heard_.find('\n', searched);
         if (newline != std::string::npos) {
-            const std::string line = heard_.substr(0, newline);
+            std::string line = heard_.substr(0, newline);
             heard_.erase(0, newline + 1);
             return line;
         }
@@ -141,9 +141,9 @@ std::string BusService::take_frame(int timeout_ms) {
     return text.substr(text.find('|') + 1);
 }
 
-std::string BusService::next_request() {
+std::string BusService::next_request(int timeout_ms) {
     for (;;) {
-        std::string text = take_frame(20000);
+        std::string text = take_frame(timeout_ms);
         if (member(text, "method") != "\"service.Probe\"") {
             return text;
         }

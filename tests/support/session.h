@@ -77,8 +77,8 @@ class BusService {
     /** Binds its publisher on the registration's address, a free one for "[]", and registers. */
     explicit BusService(const Fleet &fleet, Registration registration = Registration::on_bus());
 
-    /** The next request, past probes. */
-    std::string next_request();
+    /** The next request, past probes; "(nothing)" when none comes. */
+    std::string next_request(int timeout_ms = 20000);
     void reply(const std::string &request, const std::string &result) { publish_reply(service_reply(request, result)); }
     /** Publishes on the router's reply channel. */
     void publish_reply(const std::string &text) const;

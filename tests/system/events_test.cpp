@@ -28,7 +28,6 @@ using support::Finished;
 using support::Fleet;
 using support::member;
 using support::Process;
-using support::Registration;
 using support::request;
 using support::StreamClient;
 
@@ -98,6 +97,7 @@ class Events : public testing::Test {
     std::vector<StreamClient> begin_waits(int count) {
         const int before = fleet.ports->times_said(waiting);
         std::vector<StreamClient> clients;
+        clients.reserve(static_cast<size_t>(count));
         for (int i = 0; i < count; ++i) {
             clients.push_back(begin_call("ports.WaitLinkChanged"));
         }
@@ -246,7 +246,7 @@ TEST_F(Events, AnswerDirectlyOnTheirOwnSocket) {
     start(never_ms);
     EXPECT_EQ(code_of(direct(request("events.Last", "1"))), "-32013") << "nothing has happened yet";
     const Finished reported =
-        ctl({"call", "--direct", "events.sock", "events.Report", R"({"text":"door open"})", "--transaction", "4"});
+        ctl({"call", "--full", "--direct", "events.sock", "events.Report", "text=door open", "--transaction", "4"});
     EXPECT_EQ(reported.status, 0);
     EXPECT_EQ(
         reported.output,
@@ -564,7 +564,8 @@ TEST_F(Events, AreAwaitedByThePortsServiceThatTheyAskMeanwhile) {
     start("1000");
     const std::vector<StreamClient> waits = begin_waits(8);
     std::vector<StreamClient> descriptions;
-    for (int i = 0; i < 8; ++i) {
+    descriptions.reserve(waits.size());
+    for (size_t i = 0; i < waits.size(); ++i) {
         descriptions.push_back(begin_describe("d1"));
     }
     for (const StreamClient &client : descriptions) {

@@ -463,7 +463,7 @@ TEST_F(RouterSession, IsToldOnceHowManyNotificationsItLost) {
         ASSERT_EQ(member(member(line, "params"), "n"), std::to_string(arrived)) << "the first ones, in order";
         ++arrived;
     }
-    EXPECT_GT(arrived * filling.size(), mebibyte) << "that much waits for it";
+    EXPECT_GT(static_cast<size_t>(arrived) * filling.size(), mebibyte) << "that much waits for it";
     EXPECT_LT(arrived, count);
     EXPECT_EQ(line, notification("router.Lost", "{\"count\":" + std::to_string(count - arrived) + "}"));
     EXPECT_EQ(member(member(reader.ask(request("router.Status", "1")), "result"), "dropped"),

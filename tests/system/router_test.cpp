@@ -194,7 +194,11 @@ TEST(RouterDaemon, TakesAReplyThatArrivesTwiceOnce) {
     for (const char *result : {"1", "2", "3"}) {
         const StreamClient client = fleet.connect();
         client.say(request("ports.Get", "1"));
-        service.reply(reply_to(service.next_request(), result));
+        std::string on_bus = service.next_request();
+        while (member(on_bus, "method") == "\"service.Probe\"") { // for the second service, as the router thinks
+            on_bus = service.next_request();
+        }
+        service.reply(reply_to(on_bus, result));
         EXPECT_EQ(member(client.hear(), "result"), result);
     }
 }

@@ -18,9 +18,9 @@ using support::write_file;
 
 namespace {
 
-constexpr const char *verbs[] = {"",        "call",      "send",      "status",    "top",  "metrics", "wait-service",
-                                 "monitor", "replay",    "push",      "subscribe", "wait", "error",   "validate",
-                                 "shm",     "log-level", "completion"};
+constexpr const char *verbs[] = {"",        "call",   "send",      "status",    "top",       "metrics", "wait-service",
+                                 "monitor", "replay", "push",      "subscribe", "wait",      "error",   "validate",
+                                 "shm",     "db",     "log-level", "help",      "completion"};
 
 /** What bash offers for the last of the words, as its completion breaks them up. */
 std::string completed(const std::vector<std::string> &words) {
@@ -152,6 +152,106 @@ TEST(CtlShm, SharesValuesWithAnotherProcess) {
     shm_unlink(name.c_str());
 }
 
+TEST(CtlShm, ListsAndRemovesSlotsAndNothingElse) {
+    const std::string name = "/tavrix-test-list-" + std::to_string(getpid());
+    const std::string foreign = "/tavrix-test-foreign-" + std::to_string(getpid());
+    write_file("/dev/shm" + foreign, "text");
+    ASSERT_EQ(ctl({"shm", "set", name, "one \033[2J", "--create", "--size", "20"}).status, 0);
+    const auto line_of = [](const std::string &slot) {
+        std::istringstream lines(ctl({"shm", "list"}).output);
+        std::string line;
+        while (std::getline(lines, line) && line.rfind(slot + " ", 0) != 0) {
+        }
+        std::istringstream words(line);
+        std::string text;
+        for (std::string word; words >> word;) {
+            text += word + " ";
+        }
+        return text;
+    };
+    const std::string text_line = line_of(name);
+    EXPECT_EQ(text_line.rfind(name + " 20 ", 0), 0U) << text_line;
+    EXPECT_NE(text_line.find(" one \\x1b[2J "), std::string::npos) << text_line;
+    ASSERT_EQ(ctl({"shm", "set", name, "--int", "--create", "42"}).status, 0);
+    const std::string integer_line = line_of(name);
+    EXPECT_EQ(integer_line.rfind(name + " 4 ", 0), 0U) << integer_line;
+    EXPECT_EQ(integer_line.substr(integer_line.size() - 4), " 42 ") << integer_line;
+    EXPECT_EQ(line_of(foreign), "");
+    EXPECT_EQ(ctl({"shm", "rm", foreign}).status, 1) << "it is somebody else's";
+    EXPECT_EQ(ctl({"shm", "rm", name}).status, 0);
+    EXPECT_EQ(line_of(name), "");
+    EXPECT_EQ(ctl({"shm", "rm", name}).status, 1);
+    EXPECT_EQ(ctl({"shm", "rm", "/../x"}).status, 1);
+    EXPECT_EQ(unlink(("/dev/shm" + foreign).c_str()), 0);
+}
+
+class CtlDb : public testing::Test {
+  protected:
+    void SetUp() override {
+        for (const char *file : {"made.db", "other.db"}) {
+            unlink(file);
+        }
+        write_file("schema.sql", "CREATE TABLE units (unit INTEGER PRIMARY KEY, mac TEXT NOT NULL);\n"
+                                 "CREATE TABLE ports (unit INTEGER REFERENCES units (unit), port INTEGER);\n"
+                                 "PRAGMA user_version = 3;\n");
+        write_file("data.sql", "INSERT INTO units VALUES (1, 'a');");
+    }
+
+    static Finished init(std::vector<std::string> more) {
+        more.insert(more.begin(), {"db", "init", "made.db"});
+        return ctl(more);
+    }
+};
+
+TEST_F(CtlDb, MakesADatabaseAndFindsItGood) {
+    const Finished made = init({"--schema", "schema.sql", "--data", "data.sql"});
+    EXPECT_EQ(made.status, 0) << made.diagnostics;
+    for (const std::vector<std::string> &words :
+         {std::vector<std::string>{"db", "check", "made.db"}, {"db", "check", "made.db", "--schema", "schema.sql"}}) {
+        const Finished good = ctl(words);
+        EXPECT_EQ(good.status, 0) << good.diagnostics;
+        EXPECT_EQ(good.output, "made.db: good, version 3, tables: ports units\n");
+    }
+    EXPECT_EQ(init({"--schema", "schema.sql"}).diagnostics, "tavrixctl: made.db: there is one already\n");
+}
+
+TEST_F(CtlDb, LeavesNothingOfADatabaseThatCannotBeMade) {
+    write_file("wrong.sql", "CREATE TABLE units (unit INTEGER); CREATE NONSENSE;");
+    EXPECT_EQ(init({"--schema", "no-such.sql"}).status, 1);
+    const Finished wrong = init({"--schema", "wrong.sql"});
+    EXPECT_EQ(wrong.status, 1);
+    EXPECT_EQ(wrong.diagnostics, "tavrixctl: wrong.sql: near \"NONSENSE\": syntax error\n");
+    EXPECT_EQ(init({"--schema", "schema.sql", "--data", "wrong.sql"}).status, 1) << "a second table of the name";
+    EXPECT_EQ(script("ls made.db*").output, "");
+}
+
+TEST_F(CtlDb, TellsWhatIsWrongWithADatabase) {
+    ASSERT_EQ(init({"--schema", "schema.sql"}).status, 0);
+    write_file("schema2.sql", "CREATE TABLE units (unit INTEGER PRIMARY KEY); CREATE TABLE more (x);"
+                              "CREATE TABLE ports (unit INTEGER REFERENCES units (unit), port INTEGER);");
+    const Finished otherwise = ctl({"db", "check", "made.db", "--schema", "schema2.sql"});
+    EXPECT_EQ(otherwise.status, 1);
+    EXPECT_EQ(otherwise.diagnostics, "tavrixctl: made.db: table more is missing\n"
+                                     "tavrixctl: made.db: table units is another one than the schema's\n");
+    EXPECT_EQ(otherwise.output, "made.db: not good, version 3, tables: ports units\n");
+
+    write_file("dangling.sql", "INSERT INTO ports VALUES (9, 1);");
+    ASSERT_EQ(ctl({"db", "init", "other.db", "--schema", "schema.sql", "--data", "dangling.sql"}).status, 0);
+    const Finished dangling = ctl({"db", "check", "other.db"});
+    EXPECT_EQ(dangling.status, 1);
+    EXPECT_EQ(dangling.diagnostics,
+              "tavrixctl: other.db: a row refers to nothing (table, row, refers to, key): ports 1 units 0\n");
+
+    write_file("made.db", "");
+    const Finished empty = ctl({"db", "check", "made.db"});
+    EXPECT_EQ(empty.status, 1);
+    EXPECT_EQ(empty.diagnostics, "tavrixctl: made.db: there are no tables; tavrixctl db init makes them\n");
+    write_file("made.db", std::string(5000, 'x'));
+    EXPECT_EQ(ctl({"db", "check", "made.db"}).diagnostics, "tavrixctl: made.db: file is not a database\n");
+    EXPECT_EQ(ctl({"db", "check", "no-such.db"}).status, 1);
+    EXPECT_EQ(script("ls no-such.db").output, "") << "a check makes none";
+}
+
 TEST(CtlLogLevel, EditsTheFileAndKeepsTheRest) {
     const auto edited = [](const std::string &before, const std::string &daemon) {
         write_file("levels.conf", before);
@@ -210,10 +310,11 @@ TEST(CtlCompletion, OffersInBashWhatTheToolKnows) {
         const char *offered;
     } rows[] = {
         {{"mon"}, "monitor\n"},
+        {{"help", "mon"}, "monitor\n"},
         {{"status", "--se"}, "--session\n"},
         {{"top", "--interval", "1", "--cou"}, "--count\n"},
         {{"shm", "g"}, "get\n"},
-        {{"shm", ""}, "get set --help --version\n"},
+        {{"shm", ""}, "get set list rm --help --version\n"},
         {{"completion", ""}, "bash --help --version\n"},
         {{"validate", "vlan_n"}, "vlan_name_id\n"},
         {{"validate", "vlan_id", "v"}, "\n"},
@@ -245,8 +346,11 @@ TEST(CtlManPage, IsWellFormed) {
 TEST(CtlManPage, NamesEachVerbAndOption) {
     const std::string page = read_file(TAVRIX_SOURCE_DIR "/tools/tavrixctl.1");
     for (const char *verb : verbs) {
-        const std::string deeper =
-            verb == std::string("shm") ? "tavrixctl shm get --help; tavrixctl shm set --help;" : "";
+        const std::string deeper = verb == std::string("shm")  ? "tavrixctl shm get --help; tavrixctl shm set --help; "
+                                                                 "tavrixctl shm list --help; tavrixctl shm rm --help;"
+                                   : verb == std::string("db") ? "tavrixctl db check --help; tavrixctl db init --help;"
+
+                                                               : "";
         std::istringstream lines(script(deeper + "tavrixctl " + verb + " --help").output);
         for (std::string line; std::getline(lines, line);) {
             if (line.rfind("  --", 0) == 0) {

@@ -21,7 +21,6 @@ using support::Finished;
 using support::first_line;
 using support::Fleet;
 using support::member;
-using support::read_file;
 using support::write_file;
 
 namespace {

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "support/bus.h"
+#include "support/direct_service.h"
 #include "support/fleet.h"
 #include "support/json.h"
 #include "support/played_server.h"
@@ -69,12 +70,12 @@ std::string replaced(std::string text, const std::string &what, const std::strin
 
 } // namespace
 
-TEST(CtlCall, PrintsAResultOnOneLineWhenPiped) {
+TEST(CtlCall, PrintsTheWholeResponseOnOneLineWhenAskedTo) {
     Fleet fleet;
     fleet.start_router();
     fleet.start_ports();
     const Finished finished =
-        ctl({"call", "--socket", "router.sock", "--transaction", "7", "ports.Get", R"({"port_id":"d2"})"});
+        ctl({"call", "--socket", "router.sock", "--transaction", "7", "ports.Get", "port_id=d2", "--full"});
     EXPECT_EQ(finished.status, 0);
     EXPECT_EQ(finished.output, R"({"jsonrpc":"2.0","id":"ports.Get","result":{"ports":[{"port_id":"d2",)"
                                R"("status":"enable","poe_status":"unsupported","link_status":"up",)"
@@ -82,7 +83,7 @@ TEST(CtlCall, PrintsAResultOnOneLineWhenPiped) {
                                "\n");
     EXPECT_EQ(finished.diagnostics, "");
     const Finished pretty =
-        ctl({"call", "--socket", "router.sock", "--json=pretty", "ports.Get", R"({"port_id":"d2"})"});
+        ctl({"call", "--socket", "router.sock", "--json=pretty", "--full", "ports.Get", R"({"port_id":"d2"})"});
     EXPECT_EQ(pretty.output.rfind("{\n  \"jsonrpc\": \"2.0\",\n", 0), 0U) << pretty.output;
 }
 
@@ -90,9 +91,104 @@ TEST(CtlCall, TellsAnErrorResponseByItsExitStatus) {
     Fleet fleet;
     fleet.start_router();
     fleet.start_ports();
-    const Finished finished = ctl({"call", "--socket", "router.sock", "ports.Get", "{}"});
-    EXPECT_EQ(finished.status, 1);
-    EXPECT_EQ(support::code_of(finished.output), "-32602");
+    const Finished full = ctl({"call", "--socket", "router.sock", "ports.Get", "{}", "--full"});
+    EXPECT_EQ(full.status, 1);
+    EXPECT_EQ(support::code_of(full.output), "-32602");
+    EXPECT_EQ(full.diagnostics, "");
+    const Finished words = ctl({"call", "--socket", "router.sock", "ports.Get", "{}"});
+    EXPECT_EQ(words.status, 1);
+    EXPECT_EQ(words.output, "");
+    EXPECT_EQ(words.diagnostics,
+              "tavrixctl: ports.Get: Invalid parameter(s) (-32602): Missing expected parameter: 'port_id'\n");
+}
+
+TEST(CtlCall, PrintsTheResultAlone) {
+    const support::PlayedServer server(R"({"jsonrpc":"2.0","id":1,"result":{"a":[1,"\u001b"]},"transaction_id":5})");
+    const Finished finished = ctl({"call", "--direct", "played.sock", "x.Y"});
+    EXPECT_EQ(finished.status, 0);
+    EXPECT_EQ(finished.output, "{\"a\":[1,\"\\u001B\"]}\n");
+    EXPECT_EQ(finished.diagnostics, "");
+}
+
+TEST(CtlCall, TellsATimeOutWhoeverReportsIt) {
+    Fleet fleet;
+    fleet.start_router({"--reply-timeout", "50"});
+    const Finished finished = ctl({"call", "--socket", "router.sock", "ports.Get"});
+    EXPECT_EQ(finished.status, 3);
+    EXPECT_EQ(finished.diagnostics, "tavrixctl: ports.Get: Command timed out (-32005)\n");
+    EXPECT_EQ(ctl({"call", "--socket", "router.sock", "ports.Get", "--full"}).status, 3);
+    EXPECT_EQ(ctl({"send", "--socket", "router.sock", support::request("ports.Get", "\"a\"")}).status, 3);
+}
+
+TEST(CtlCall, SaysWhatAnErrorHoldsWhateverItsData) {
+    const struct {
+        const char *error;
+        const char *words;
+    } rows[] = {
+        {R"({"code":-1,"message":"m","data":null})", "m (-1)"},
+        {R"({"code":-1,"message":"m"})", "m (-1)"},
+        {R"({"code":-1,"message":"m","data":"plain"})", "m (-1): plain"},
+        {R"({"code":-1,"message":"m","data":{"message":"field: why"}})", "m (-1): field: why"},
+        {R"({"code":-1,"message":"m","data":{"other":[1]}})", "m (-1): {\"other\":[1]}"},
+        {R"({"code":-1,"message":"m\u001b\n","data":{"message":"\u009b2J"}})", "m\\x1b\\x0a (-1): \\xc2\\x9b2J"},
+    };
+    for (const auto &row : rows) {
+        const support::PlayedServer server(std::string(R"({"jsonrpc":"2.0","id":1,"error":)") + row.error + "}");
+        const Finished finished = ctl({"call", "--direct", "played.sock", "x.Y"});
+        EXPECT_EQ(finished.status, 1) << row.error;
+        EXPECT_EQ(finished.diagnostics, std::string("tavrixctl: x.Y: ") + row.words + "\n") << row.error;
+    }
+}
+
+TEST(CtlCall, OffersTheNearestMethodForOneThatIsUnknown) {
+    const Fleet fleet;
+    const support::Process router("routerd", {TAVRIX_ROUTERD, "--socket", "router.sock", "--session", "session.sock",
+                                              "--publish", fleet.router_address});
+    ASSERT_TRUE(router.says("routerd ready")) << router.log();
+    const support::DirectService service("portsd", {"ports.Get", "ports.SetEnabled"});
+    const struct {
+        const char *method;
+        const char *meant;
+    } rows[] = {
+        {"ports.Gte", "ports.Get"}, {"ports.SetEnable", "ports.SetEnabled"}, {"PORTS.GET", "ports.Get"},
+        {"port.get", "ports.Get"},  {"router.Stats", "router.Status"},       {"something.Else", ""},
+    };
+    for (const auto &row : rows) {
+        for (const std::vector<std::string> &road :
+             {std::vector<std::string>{"--socket", "router.sock"}, {"--session", "session.sock"}}) {
+            const Finished finished = ctl({"call", road[0], road[1], row.method});
+            EXPECT_EQ(finished.status, 1) << row.method;
+            const std::string ending = row.meant[0] == '\0' ? "" : std::string("; did you mean ") + row.meant + "?\n";
+            const std::string &said = finished.diagnostics;
+            EXPECT_EQ(said.find("did you mean") == std::string::npos, ending.empty()) << said;
+            EXPECT_EQ(said.substr(said.size() - std::min(said.size(), ending.size())), ending) << said;
+        }
+    }
+}
+
+TEST(CtlCall, TakesItsParamsInEachForm) {
+    write_file("params.json", R"({"port_id":"d1","file":true})");
+    Fleet fleet;
+    fleet.start_router();
+    const support::DirectService service(
+        "portsd", {"ports.Get"}, [](const auto & /*method*/, const auto &params) { return R"("result":)" + params; });
+    const struct {
+        const char *words;
+        const char *params;
+    } rows[] = {
+        {"port_id=c1-1", R"({"port_id":"c1-1"})"},
+        {"a= b:=5 c:=[1,2] d:='{\"x\":1}' e==", R"({"a":"","b":5,"c":[1,2],"d":{"x":1},"e":"="})"},
+        {"a=1 a=2", R"({"a":"2"})"},
+        {"@params.json port_id=d2", R"({"port_id":"d2","file":true})"},
+        {"port_id=d2 '{\"port_id\":\"d3\"}'", R"({"port_id":"d3"})"},
+        {"' {\"a\":\"b=c\"}'", R"({"a":"b=c"})"},
+        {"- b=2 <<<'{\"a\":1}'", R"({"a":1,"b":"2"})"},
+        {"'a=[x]'", R"({"a":"[x]"})"},
+    };
+    for (const auto &row : rows) {
+        const Finished finished = script(std::string("tavrixctl call --session session.sock ports.Get ") + row.words);
+        EXPECT_EQ(finished.output, row.params + std::string("\n")) << row.words << finished.diagnostics;
+    }
 }
 
 TEST(CtlCall, SaysThatNoAnswerCameInTime) {
@@ -148,7 +244,7 @@ TEST(CtlCall, SendsANotificationToADaemonItselfAndWaitsForNoAnswer) {
     EXPECT_EQ(finished.status, 0) << finished.diagnostics;
     EXPECT_EQ(finished.output, "");
     const Finished last = ctl({"call", "--direct", "events.sock", "events.Last"});
-    EXPECT_EQ(member(member(last.output, "result"), "text"), "\"no answer\"");
+    EXPECT_EQ(member(last.output, "text"), "\"no answer\"");
 }
 
 TEST(CtlCall, ReadsItsParamsFromStandardInput) {
@@ -176,7 +272,7 @@ TEST(CtlCall, PrintsAResultOnSeveralLinesOnATerminal) {
     const Terminal terminal;
     const Finished finished = script("tavrixctl call --socket router.sock router.Status >" + terminal.name());
     EXPECT_EQ(finished.status, 0) << finished.diagnostics;
-    EXPECT_EQ(terminal.written().rfind("{\r\n  \"jsonrpc\": \"2.0\",\r\n", 0), 0U);
+    EXPECT_EQ(terminal.written().rfind("{\r\n  \"locked\": false,\r\n", 0), 0U);
 }
 
 TEST(CtlCall, TellsAnAnswerThatIsNoResponse) {
@@ -192,10 +288,20 @@ TEST(CtlCall, TellsAnAnswerThatIsNoResponse) {
     };
     for (const auto &row : rows) {
         const PlayedServer server(row.answer);
-        const Finished finished = ctl({"call", "--direct", "played.sock", "x.Y"});
+        const Finished finished = ctl({"call", "--full", "--direct", "played.sock", "x.Y"});
         EXPECT_EQ(finished.status, row.status) << row.answer;
         EXPECT_EQ(finished.diagnostics, row.diagnostics);
         EXPECT_EQ(first_line(finished.output), row.answer);
+    }
+    {
+        const PlayedServer server(R"({"jsonrpc":"2.0","id":1})");
+        EXPECT_EQ(ctl({"call", "--direct", "played.sock", "x.Y"}).diagnostics,
+                  "tavrixctl: the answer is no JSON-RPC response: {\"jsonrpc\":\"2.0\",\"id\":1}\n");
+    }
+    {
+        const PlayedServer server("\033[2J");
+        EXPECT_EQ(ctl({"call", "--direct", "played.sock", "x.Y"}).diagnostics,
+                  "tavrixctl: the answer is no JSON-RPC response: \\x1b[2J\n");
     }
     const PlayedServer server("\033[2J");
     const Finished finished = ctl({"send", "--direct", "played.sock", "{}"});
@@ -209,7 +315,7 @@ TEST(CtlCall, PrintsAnAnswerThatSteersNoTerminal) {
     const PlayedServer server("{\"result\":\"\xc2\x9b\x32J \x7f\x7f \xc3\xa4 \\u001b\"}"); // U+009B and DEL, raw
     const Finished finished = ctl({"call", "--direct", "played.sock", "x.Y"});
     EXPECT_EQ(finished.status, 0) << finished.diagnostics;
-    EXPECT_EQ(finished.output, R"({"result":"\u009B2J \u007F\u007F \u00E4 \u001B"})"
+    EXPECT_EQ(finished.output, R"("\u009B2J \u007F\u007F \u00E4 \u001B")"
                                "\n");
 }
 
@@ -275,6 +381,30 @@ TEST(CtlSend, PrintsTheAnswerToATextThatTheRouterRefusesToReadWhole) {
     EXPECT_EQ(finished.diagnostics, "");
 }
 
+TEST(CtlHelp, OffersTheNearestVerbForOneThatIsUnknown) {
+    const struct {
+        std::vector<std::string> words;
+        const char *diagnostics;
+    } rows[] = {
+        {{"mointor"}, "tavrixctl: there is no verb 'mointor'; did you mean 'monitor'?\n"},
+        {{"shm", "gte", "/x"}, "tavrixctl: there is no verb 'gte'; did you mean 'get'?\n"},
+        {{"help", "cal"}, "tavrixctl: there is no verb 'cal'; did you mean 'call'?\n"},
+        {{"nonsense\033"}, "tavrixctl: there is no verb 'nonsense\\x1b'; see tavrixctl --help\n"},
+    };
+    for (const auto &row : rows) {
+        const Finished finished = ctl(row.words);
+        EXPECT_EQ(finished.status, 2);
+        EXPECT_EQ(finished.diagnostics, row.diagnostics);
+    }
+}
+
+TEST(CtlHelp, IsTheSameByVerbAndByOption) {
+    EXPECT_EQ(ctl({"help"}).output, ctl({"--help"}).output);
+    EXPECT_EQ(ctl({"help", "call"}).output, ctl({"call", "-h"}).output);
+    EXPECT_EQ(ctl({"help", "shm", "get"}).output, ctl({"shm", "get", "--help"}).output);
+    EXPECT_EQ(ctl({"-V"}).output, ctl({"call", "--version"}).output);
+}
+
 TEST(CtlCall, RefusesWrongUsage) {
     const std::vector<std::vector<std::string>> rows = {
         {},
@@ -327,12 +457,15 @@ TEST(CtlHelp, GivesExamplesThatWorkWithTheDaemonsOwnAddresses) {
         {"/tavrix_last_event", fleet.slot},
         {"/note", note},
     };
+    write_file("schema.sql", support::read_file(TAVRIX_SOURCE_DIR "/daemons/ports/schema.sql"));
+    unlink("another.db");
+    unlink("new.db");
     const std::string traffic = "export TAVRIX_SOCKET=router.sock TAVRIX_SESSION=session.sock\n"
                                 "while tavrixctl call ports.Get '{\"port_id\":\"d1\"}' >/dev/null; do :; done &\n"
                                 "trap \"kill $!\" EXIT\n";
-    for (const char *verb :
-         {"", "call", "send", "status", "top", "metrics", "wait-service", "monitor", "replay", "push", "subscribe",
-          "wait", "error", "validate", "shm set", "shm get", "shm", "log-level", "completion"}) {
+    for (const char *verb : {"",        "call",    "send", "status",    "top",  "metrics",   "wait-service",
+                             "monitor", "replay",  "push", "subscribe", "wait", "error",     "validate",
+                             "shm set", "shm get", "shm",  "log-level", "help", "completion"}) {
         const std::string help = script(std::string("tavrixctl ") + verb + " --help").output;
         ASSERT_NE(help.find("examples:\n  "), std::string::npos) << verb;
         for (std::string example : examples_of(help)) {
@@ -343,11 +476,13 @@ TEST(CtlHelp, GivesExamplesThatWorkWithTheDaemonsOwnAddresses) {
                 continue; // it runs
             }
             const std::string enough = example.find(" monitor") != std::string::npos ? " --count 1" : "";
-            const Finished finished = script(traffic + example + enough);
+            std::string text = traffic;
+            const Finished finished = script(text.append(example).append(enough));
             EXPECT_EQ(finished.status, 0) << example << "\n" << finished.output << finished.diagnostics;
         }
     }
     shm_unlink(note.c_str());
+    unlink("new.db");
 }
 
 TEST(CtlMonitor, PrintsEveryFrameOfBothDirections) {
@@ -429,6 +564,65 @@ TEST(CtlLogLevel, MakesTheDaemonsRereadIt) {
         ctl({"log-level", "portsd", "verbose", "--file", "tavrix_lsyslog.conf", "--socket", "router.sock"});
     EXPECT_EQ(finished.status, 0) << finished.diagnostics;
     EXPECT_TRUE(fleet.ports->says("Logging level set to verbose."));
+}
+
+TEST(CtlLogLevel, ShowsWhatEachDaemonHas) {
+    Fleet fleet;
+    fleet.start_router();
+    fleet.start_ports();
+    write_file("levels.conf", "[other]\nx=1\n[logging_levels]\n# c\nportsd=info\ntool=off\n");
+    const Finished shown = ctl({"log-level", "--file", "levels.conf", "--socket", "router.sock"});
+    EXPECT_EQ(shown.status, 0) << shown.diagnostics;
+    EXPECT_EQ(shown.output, "DAEMON   LEVEL  STATE\n"
+                            "portsd   info   listening\n"
+                            "routerd  -      up\n"
+                            "tool     off    -\n");
+    const Finished one = ctl({"log-level", "portsd", "--file", "levels.conf", "--socket", "router.sock"});
+    EXPECT_EQ(one.output, "DAEMON  LEVEL  STATE\nportsd  info   listening\n");
+    const Finished changed = ctl({"log-level", "routerd", "debug", "--file", "levels.conf", "--socket", "router.sock"});
+    EXPECT_NE(changed.output.find("\nrouterd  debug  up\n"), std::string::npos) << changed.output;
+}
+
+TEST(CtlLogLevel, RefusesADaemonThatNobodyKnows) {
+    Fleet fleet;
+    fleet.start_router();
+    fleet.start_ports();
+    write_file("levels.conf", "[logging_levels]\ntool=off\n");
+    for (const char *level : {"debug", ""}) {
+        std::vector<std::string> words = {"log-level", "--file", "levels.conf", "--socket", "router.sock", "portsdd"};
+        if (level[0] != '\0') {
+            words.emplace_back(level);
+        }
+        const Finished finished = ctl(words);
+        EXPECT_EQ(finished.status, 2) << level;
+        EXPECT_EQ(finished.diagnostics, "tavrixctl: there is no daemon 'portsdd'; did you mean 'portsd'?\n");
+    }
+    EXPECT_EQ(support::read_file("levels.conf"), "[logging_levels]\ntool=off\n");
+    EXPECT_EQ(ctl({"log-level", "--file", "levels.conf", "--socket", "router.sock", "tool", "info"}).status, 0)
+        << "the file knows it";
+    EXPECT_EQ(ctl({"log-level", "--file", "levels.conf", "--socket", "nobody.sock", "tool", "debug"}).status, 4)
+        << "set, but nobody has been told";
+    EXPECT_EQ(support::read_file("levels.conf"), "[logging_levels]\ntool=debug\n");
+}
+
+TEST(CtlStatus, HasColoursOnATerminalOnlyAndNotAgainstItsWill) {
+    Fleet fleet;
+    fleet.start_router();
+    const support::DirectService service("portsd", {"ports.Get"});
+    const struct {
+        const char *environment;
+        bool coloured;
+    } rows[] = {{"TERM=xterm NO_COLOR=", true}, {"TERM=xterm NO_COLOR=1", false}, {"TERM=dumb NO_COLOR=", false}};
+    for (const auto &row : rows) {
+        const Terminal terminal;
+        const Finished finished =
+            script(std::string(row.environment) + " tavrixctl status --session session.sock >" + terminal.name());
+        EXPECT_EQ(finished.status, 0) << finished.diagnostics;
+        const std::string written = terminal.written();
+        EXPECT_NE(written.find("portsd"), std::string::npos);
+        EXPECT_EQ(written.find("\033[32mup\033[0m") != std::string::npos, row.coloured) << row.environment;
+        EXPECT_EQ(written.find('\033') != std::string::npos, row.coloured) << row.environment;
+    }
 }
 
 TEST(CtlLogLevel, MakesTheRouterRereadItAlsoWithoutAService) {

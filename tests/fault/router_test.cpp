@@ -1,0 +1,298 @@
+/*
+ * The router with each of its allocations and system calls failing once: the client concerned gets an error or is
+ * closed, the others notice nothing.
+ */
+#include <csignal>
+#include <cstdlib>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "router_faults.h"
+#include "support/fleet.h"
+#include "support/json.h"
+#include "support/session.h"
+
+using support::BusService;
+using support::code_of;
+using support::DirectService;
+using support::member;
+using support::Registration;
+using support::request;
+using support::SessionClient;
+using support::StreamClient;
+
+namespace {
+
+constexpr int most_failures = 2000; // in one attempt
+constexpr char events_channel[] = "505a5451-3ef2-4618-8087-9a22b800a510";
+
+class RouterFaults : public testing::Test {
+  protected:
+    RouterFaults() {
+        const int descriptor = open("faults", O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+        EXPECT_EQ(ftruncate(descriptor, sizeof *faults_), 0);
+        faults_ = static_cast<fault::RouterFaults *>(
+            mmap(nullptr, sizeof *faults_, PROT_READ | PROT_WRITE, MAP_SHARED, descriptor, 0));
+        close(descriptor);
+        setenv(fault::router_faults_variable, "faults", 1);
+        support::write_file("policy.conf", "[tcp]\nall=*\n");
+        support::write_file("tavrix_lsyslog.conf", "[logging_levels]\nrouterd=info\nunit-test=off\n");
+        router_ = std::make_unique<support::Process>(
+            "routerd", std::vector<std::string>{TAVRIX_ROUTERD_WITH_FAULTS, "--socket", "router.sock", "--session",
+                                                "session.sock", "--publish", fleet_.router_address, "--connect",
+                                                fleet_.ports_address, "--tcp", std::to_string(port_), "--policy",
+                                                "policy.conf", "--reply-timeout", "300", "--client-timeout", "300"});
+        EXPECT_TRUE(router_->says("routerd ready")) << router_->log();
+        unsetenv(fault::router_faults_variable);
+        bystander_service_.emplace(fleet_, events_channel);
+        bystander_.emplace();
+    }
+    ~RouterFaults() override { munmap(faults_, sizeof *faults_); }
+
+    /**
+     * Runs the attempt with the first call failing, then with the second, until one gets through with none. It is told
+     * nothing of the failure: whatever it hears in its time is well, as long as it is its own.
+     */
+    void each_failure(const std::function<void()> &prepare, const std::function<void()> &attempt) {
+        int number = 0;
+        bool failed = true;
+        while (failed && !HasFailure() && ++number < most_failures) {
+            prepare();
+            ASSERT_TRUE(serves_bystander()) << "before call " << number; // and so all is done that was begun before
+            faults_->remaining = number;
+            attempt();
+            failed = faults_->remaining.exchange(0) == 0;
+            const std::string what =
+                "call " + std::to_string(number) + (failed ? ", " + std::string(faults_->function) : ", none");
+            ASSERT_TRUE(router_->running()) << what << "\n" << router_->log();
+            ASSERT_FALSE(HasFailure()) << what << "\n" << router_->log();
+            ASSERT_TRUE(serves_bystander()) << what << "\n" << router_->log();
+        }
+        EXPECT_GT(number, 5) << "there is more that can fail";
+        EXPECT_LT(number, most_failures);
+    }
+
+    /** The other client's session and service have been there from the beginning. */
+    bool serves_bystander() {
+        const std::string number = std::to_string(++calls_);
+        bystander_->say(request("events.List", number));
+        const std::string asked = bystander_service_->next_request();
+        bystander_service_->reply(support::service_reply(asked, number));
+        const std::string answer = bystander_->hear();
+        EXPECT_EQ(member(answer, "result"), number) << asked << "\n" << answer;
+        return member(answer, "result") == number;
+    }
+    /** A direct service that is there: anew when a failure has ended the former one. */
+    void prepare_service() {
+        if (service_) {
+            service_->say(request("router.Unlock", "\"here\""));
+        }
+        if (!service_ || service_->hear_of("\"here\"") == "(closed)") {
+            service_.reset();
+            EXPECT_TRUE(support::wait_until([this] {
+                try {
+                    service_.emplace(Registration{"victim"});
+                    return true;
+                } catch (const std::exception &) {
+                    return false; // the former one has not gone yet
+                }
+            }));
+        }
+        for (std::string left = service_->hear(0); left != "(time-out)"; left = service_->hear(0)) {
+            ASSERT_NE(left, "(closed)") << router_->log();
+        }
+    }
+    /** Answers what comes, until the session has nothing more to say. */
+    void serve_once() {
+        const std::string asked = service_->hear(50);
+        if (asked.find("\"ports.Get\"") != std::string::npos) {
+            service_->reply(asked, member(member(asked, "params"), "n"));
+        }
+    }
+    static std::string call(const std::string &id, const std::string &n) {
+        return request("ports.Get", id, ",\"transaction_id\":8,\"params\":{\"n\":" + n + "}");
+    }
+    /** What a client hears is its own: the result that it asked for, an error, or the end. */
+    static void expect_own(const std::string &answer, const std::string &id, const std::string &n) {
+        if (answer.empty() || answer == "(closed)") {
+            return;
+        }
+        EXPECT_NE(answer, "(time-out)");
+        const std::string given = member(answer, "id");
+        if (member(answer, "error") == "(none)") {
+            EXPECT_EQ(given, id) << answer;
+            EXPECT_EQ(member(answer, "result"), n) << answer;
+            EXPECT_EQ(member(answer, "transaction_id"), "8") << answer;
+        } else {
+            EXPECT_TRUE(given == id || given == "null" || given == "\"ports.Get\"" || given == "7") << answer;
+        }
+    }
+
+    int port_ = support::free_port();
+    int calls_ = 0;
+    fault::RouterFaults *faults_ = nullptr;
+    support::Fleet fleet_;
+    std::unique_ptr<support::Process> router_;
+    std::optional<support::PlayedService> bystander_service_; ///< is told nothing of other services
+    std::optional<SessionClient> bystander_;
+    std::optional<DirectService> service_;
+};
+
+} // namespace
+
+TEST_F(RouterFaults, OfAOneShotCallConcernItsClientOnly) {
+    for (const bool tcp : {false, true}) {
+        each_failure([this] { prepare_service(); },
+                     [&] {
+                         const StreamClient client = tcp ? StreamClient::tcp_port(port_) : fleet_.connect();
+                         client.say(call("7", "[1,2]"));
+                         serve_once();
+                         expect_own(client.hear(), "\"ports.Get\"", "[1,2]");
+                     });
+    }
+}
+
+TEST_F(RouterFaults, OfACallOverASessionConcernItsClientOnly) {
+    each_failure([this] { prepare_service(); },
+                 [this] {
+                     SessionClient client;
+                     client.say(call("\"mine\"", "[1,2]"));
+                     serve_once();
+                     expect_own(client.hear(), "\"mine\"", "[1,2]");
+                 });
+}
+
+TEST_F(RouterFaults, OfABatchConcernItsClientOnly) {
+    each_failure([this] { prepare_service(); },
+                 [this] {
+                     SessionClient client;
+                     client.say("[" + call("1", "1") + "," + request("router.Subscribe", "2") + "," + call("3", "3") +
+                                ",5]");
+                     serve_once();
+                     serve_once();
+                     EXPECT_NE(client.hear(), "(time-out)");
+                 });
+}
+
+TEST_F(RouterFaults, OfATimeOutConcernItsClientOnly) {
+    each_failure([this] { prepare_service(); },
+                 [this] {
+                     const StreamClient client = fleet_.connect();
+                     client.say(request("ports.Get", "\"late\"", ",\"transaction_id\":8"));
+                     const std::string answer = client.hear();
+                     EXPECT_TRUE(answer.empty() || code_of(answer) != "(none)") << answer;
+                 });
+}
+
+TEST_F(RouterFaults, OfAClientThatLeavesConcernItsServiceOnly) {
+    std::optional<SessionClient> client;
+    each_failure(
+        [&] {
+            prepare_service();
+            client.emplace();
+            client->say(call("1", "1"));
+            service_->next_request();
+        },
+        [&] {
+            client->close();
+            service_->hear(50); // the cancellation, or nothing
+        });
+}
+
+TEST_F(RouterFaults, OfAServiceThatGoesLeaveNoCallerWithoutAnEnd) {
+    std::optional<SessionClient> client;
+    each_failure(
+        [&] {
+            prepare_service();
+            client.emplace();
+            client->say(call("1", "1"));
+            client->say(call("2", "2"));
+            service_->next_request();
+            service_->next_request();
+        },
+        [&] {
+            service_.reset();
+            const std::string answer = client->hear();
+            EXPECT_TRUE(answer == "(closed)" || code_of(answer) == "-32601" || code_of(answer) == "-32005") << answer;
+        });
+}
+
+TEST_F(RouterFaults, OfARegistrationConcernItsServiceOnly) {
+    std::optional<BusService> former;
+    int number = 0;
+    each_failure([] {},
+                 [&] {
+                     SessionClient service;
+                     Registration registration{"s" + std::to_string(++number)};
+                     registration.publish = "[\"" + support::free_bus_address() + "\"]";
+                     registration.methods = "[\"ports.M" + std::to_string(number) + "\",\"ports.N\"]";
+                     service.say(registration.line());
+                     service.say(request("router.Bus", "\"bus\""));
+                     EXPECT_NE(service.hear(), "(time-out)");
+                 });
+}
+
+TEST_F(RouterFaults, OfTheRoutersOwnMethodsConcernItsClientOnly) {
+    for (const char *method : {"router.Status", "router.Metrics", "router.Unlock"}) {
+        each_failure([this] { prepare_service(); },
+                     [&] {
+                         SessionClient client;
+                         const std::string answer = client.ask(request(method, "1"));
+                         EXPECT_NE(answer, "(time-out)");
+                         if (member(answer, "result") != "(none)" && std::string(method) == "router.Status") {
+                             EXPECT_NE(member(member(answer, "result"), "locked"), "(none)") << "whole, or not at all";
+                         }
+                     });
+    }
+}
+
+TEST_F(RouterFaults, OfNotificationsConcernTheirSubscriber) {
+    std::optional<SessionClient> client;
+    each_failure(
+        [&] {
+            prepare_service();
+            client.emplace();
+            client->ask(request("router.Subscribe", "1", R"(,"params":{"methods":["ports.*"]})"));
+            client->ask(request("router.Monitor", "1", R"(,"params":{"methods":["ports.*"]})"));
+        },
+        [&] {
+            service_->say(R"({"jsonrpc":"2.0","method":"ports.Changed"})");
+            client->say(request("router.Status", "\"last\""));
+            EXPECT_NE(client->hear_of("\"id\":"), "(time-out)");
+        });
+}
+
+TEST_F(RouterFaults, OfTheBusConcernTheCallersOverIt) {
+    BusService service(fleet_, {"bus", "3a6f8f51-502f-4238-9638-29764ff1a8a4", "[]", R"(["mzu.List"])", ""});
+    ASSERT_EQ(member(service.registered, "result"), "0");
+    each_failure([] {},
+                 [&] {
+                     SessionClient client;
+                     client.say(request("mzu.List", "1", ",\"transaction_id\":8,\"params\":{\"n\":4}"));
+                     const std::string asked = service.next_request(100);
+                     if (member(asked, "method") == "\"mzu.List\"") {
+                         service.reply(asked, "4");
+                     }
+                     service.publish_reply(R"({"jsonrpc":"2.0","method":"router.Hello","params":{"name":"n",)"
+                                           R"("channel":"c"}})");
+                     expect_own(client.hear(), "1", "4");
+                 });
+}
+
+TEST_F(RouterFaults, OfAReloadLeaveThePolicyThatWasGood) {
+    each_failure([] {},
+                 [this] {
+                     router_->signal(SIGHUP);
+                     const StreamClient client = StreamClient::tcp_port(port_);
+                     client.say(request("router.Status", "1"));
+                     EXPECT_NE(client.hear(), "(time-out)");
+                 });
+}

@@ -119,7 +119,7 @@ class Testee {
     }
     /** The only outcome, if there is one. */
     std::string outcome() const {
-        const std::string outcome = text(tavrix_service_test_next_outcome(test_));
+        std::string outcome = text(tavrix_service_test_next_outcome(test_));
         EXPECT_EQ(tavrix_service_test_next_response(test_), nullptr) << "a second answer to " << outcome;
         return outcome;
     }

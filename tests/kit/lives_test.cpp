@@ -177,11 +177,12 @@ TEST_F(Lives, TwoServicesThatCallEachOtherAtOnceAreBothAnswered) {
     const Service left = start("left", left_methods);
     const Service right = start("right", right_methods);
     constexpr int calls = 20;
+    constexpr size_t both = 40;
     for (int i = 0; i < calls; ++i) {
         request(left, "right.Down", json_pack("{s:i}", "n", 9));
         request(right, "left.Down", json_pack("{s:i}", "n", 9));
     }
-    EXPECT_TRUE(wait([&] { return seen.results.size() + seen.ends.size() == 2 * calls; })) << seen.results.size();
+    EXPECT_TRUE(wait([&] { return seen.results.size() + seen.ends.size() == both; })) << seen.results.size();
     EXPECT_EQ(seen.ends, Ends{});
 }
 

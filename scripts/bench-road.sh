@@ -16,7 +16,7 @@ usage: scripts/bench-road.sh [--built FOLDER] [--rounds N] [--seconds S] [--real
   --rounds N       rounds of each measurement, 7 unless told otherwise
   --seconds S      how long each round's work and floor take, 0.7 unless told otherwise
   --realtime       before all other processes, where the machine has other things to do and this user may
-  ROW              only these: oneshot ports crowd session pipeline company gone recovery idle
+  ROW              only these: oneshot ports crowd session pipeline kit company gone recovery idle
 TEXT
 }
 
@@ -32,12 +32,12 @@ while [ $# -gt 0 ]; do
     --seconds) seconds=${2:?--seconds takes a number}; shift ;;
     --realtime) realtime=true ;;
     --help | -h) usage; exit 0 ;;
-    oneshot | ports | crowd | session | pipeline | company | gone | recovery | idle) rows+=("$1") ;;
+    oneshot | ports | crowd | session | pipeline | kit | company | gone | recovery | idle) rows+=("$1") ;;
     *) usage >&2; exit 2 ;;
     esac
     shift
 done
-[ ${#rows[@]} -gt 0 ] || rows=(oneshot ports crowd session pipeline company gone recovery idle)
+[ ${#rows[@]} -gt 0 ] || rows=(oneshot ports crowd session pipeline kit company gone recovery idle)
 
 . scripts/road.sh
 build_road bench
@@ -213,6 +213,22 @@ rows_pipeline() {
     start_direct
     compare_crowd "one session, 64 calls in flight, bus over ipc : bare" "-" bare_tcp pipeline_ipc
     compare_crowd "one session, 64 calls in flight, direct : bare" ">= 8" bare_tcp pipeline_direct
+}
+
+# The same router, client and bus: what is compared is the service's own part.
+start_kit_bus() {
+    start_bus ipc
+    if is_running kit-bus; then return; fi
+    start kit-bus "$road/kit_service" kit --session ipc.session --bus
+    until_answered oneshot --unix ipc.sock --method kit.Empty
+}
+kit_bus() { measure session --unix ipc.session --in-flight 1 --method kit.Empty --seconds "$seconds" --calls 10000000; }
+
+rows_kit() {
+    start_kit_bus
+    compare_calls "one session, one call at a time, bus over ipc, kit : library's loop" ">= 0.95" session_ipc kit_bus
+    start_direct
+    compare_calls "the same, kit directly over its session : library's loop" ">= 0.95" session_ipc session_direct
 }
 
 # --- Beside clients that are a trouble ---

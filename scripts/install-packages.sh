@@ -5,12 +5,12 @@ set -euo pipefail
 
 declare -A packages=(
     [build]="ca-certificates cmake g++ libcli11-dev libevent-dev libjansson-dev libnanomsg-dev libpcre3-dev libsqlite3-dev ninja-build pkg-config"
-    [bench]="libbenchmark-dev valgrind"
+    [bench]="libbenchmark-dev strace valgrind"
     [demo]="sqlite3"
     [mutate]="googletest python3"
     [npm]="nodejs npm"
     [openrpc]="python3-jsonschema"
-    [test]="binutils clang g++-arm-linux-gnueabihf googletest libclang-rt-14-dev make mandoc qemu-user sqlite3"
+    [test]="binutils clang g++-arm-linux-gnueabihf googletest libclang-rt-14-dev make mandoc python3 qemu-user sqlite3"
 )
 
 missing=()

@@ -4,6 +4,7 @@
 #ifndef TAVRIX_DAEMONS_COMMON_SERVICE_OPTIONS_H
 #define TAVRIX_DAEMONS_COMMON_SERVICE_OPTIONS_H
 
+#include <cstdlib>
 #include <string>
 #include <utility>
 #include <vector>
@@ -26,9 +27,16 @@ struct ServiceOptions {
     }
 
     std::string name;
-    std::string session = TAVRIX_SERVICE_SESSION;
+    std::string session = default_session();
     std::vector<std::string> publish;
     std::vector<std::string> connect;
+
+  private:
+    /** As for every service of the kit, and every client. */
+    static std::string default_session() {
+        const char *named = std::getenv("TAVRIX_SESSION");
+        return named != nullptr && *named != '\0' ? named : TAVRIX_SERVICE_SESSION;
+    }
 };
 
 /** The kit's service, closed with its scope. The options have to outlive it. */

@@ -411,7 +411,7 @@ TAVRIX_SERVICE_API int tavrix_call_fail_with(tavrix_call *call, int code, const 
  * @param call      the handler's
  * @param abandoned called in the second case, while the handle is still valid for reading; may be null
  * @param user      for the callback
- * @return the call's number; 0 when too many are deferred: then the call has been answered -32014
+ * @return the call's number; 0 when too many are deferred, or without memory: then the call has been answered -32014
  */
 TAVRIX_SERVICE_API uint64_t tavrix_call_defer(tavrix_call *call, void (*abandoned)(tavrix_call *call, void *user),
                                               void *user);

@@ -21,7 +21,12 @@ void unmake(void *record) { std::free(record); }
 
 // --- Time ----------------------------------------------------------------------------------------------------------
 
+int64_t played_clock_ms = -1;
+
 int64_t now_ms() {
+    if (played_clock_ms >= 0) {
+        return played_clock_ms;
+    }
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
     return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
@@ -32,6 +37,21 @@ timeval time_of_ms(int64_t ms) {
     time.tv_sec = static_cast<decltype(time.tv_sec)>(ms / 1000);
     time.tv_usec = static_cast<decltype(time.tv_usec)>(ms % 1000 * 1000);
     return time;
+}
+
+bool set_alarm(Alarm *alarm, int64_t ms) {
+    if (played_clock_ms >= 0) {
+        alarm->due_ms = played_clock_ms + ms;
+        alarm->every_ms = (event_get_events(&alarm->ready) & EV_PERSIST) != 0 ? ms : 0;
+        return true;
+    }
+    const timeval time = time_of_ms(ms);
+    return event_add(&alarm->ready, &time) == 0;
+}
+
+void clear_alarm(Alarm *alarm) {
+    alarm->due_ms = 0;
+    event_del(&alarm->ready);
 }
 
 // --- Buffers -------------------------------------------------------------------------------------------------------

@@ -346,7 +346,10 @@ bool bus_start(tavrix_service *service) {
         return false;
     }
     event_assign(&bus->readable, service->base, descriptor, EV_READ | EV_PERSIST, on_readable, service);
-    event_add(&bus->readable, nullptr);
+    if (event_add(&bus->readable, nullptr) != 0) {
+        LOG_ERROR("Cannot listen to the bus: no memory\n");
+        return false;
+    }
     bus->sub_listens = true;
     for (const char *const *address = service->options.connect; address != nullptr && *address != nullptr; ++address) {
         if (!connect_endpoint(service, *address, "", true)) {

@@ -47,7 +47,7 @@ void release_call(tavrix_call *call) {
 
 /** Takes a deferred call out of the directory; it is released when its handler no longer runs. */
 void end_deferred(tavrix_call *call) {
-    event_del(&call->deadline);
+    clear_alarm(&call->deadline);
     leave(&call->service->directory, &call->entry);
     call->deferred = false;
     if (!call->in_handler) {
@@ -477,13 +477,15 @@ uint64_t tavrix_call_defer(tavrix_call *call, void (*abandoned)(tavrix_call *cal
         tavrix_call_fail_with(call, TAVRIX_JRPC_SYSTEM_BUSY, "Too many calls wait for their answers.", nullptr);
         return 0;
     }
+    evtimer_assign(&call->deadline.ready, service->base, on_deadline, call);
+    if (!set_alarm(&call->deadline, service->reply_timeout_ms)) {
+        tavrix_call_fail_with(call, TAVRIX_JRPC_SYSTEM_BUSY, "No memory to wait for an answer.", nullptr);
+        return 0;
+    }
     call->deferred = true;
     call->abandoned = abandoned;
     call->abandoned_user = user;
     call->deadline_ms = now_ms() + service->reply_timeout_ms;
-    evtimer_assign(&call->deadline, service->base, on_deadline, call);
-    const timeval time = time_of_ms(service->reply_timeout_ms);
-    evtimer_add(&call->deadline, &time);
     return enter(&service->directory, &call->entry, entry_call);
 }
 

@@ -48,6 +48,19 @@ void unmake(void *record);
 int64_t now_ms();
 timeval time_of_ms(int64_t ms);
 
+/** A clock that stands still until a test moves it; below 0 the time is the system's. */
+extern int64_t played_clock_ms;
+
+/** The one timer of a numbered thing. Under a played clock it is only noted when it is due. */
+struct Alarm {
+    event ready;
+    int64_t due_ms;   ///< played; 0 is never
+    int64_t every_ms; ///< played; 0 is once
+};
+/** Sets an alarm whose event has been assigned; false without memory. */
+bool set_alarm(Alarm *alarm, int64_t ms);
+void clear_alarm(Alarm *alarm);
+
 // --- Bytes ---------------------------------------------------------------------------------------------------------
 
 /** A growing buffer that is written at its end and read from its start. */
@@ -90,6 +103,12 @@ struct Entry {
     Entry *next;
     uint64_t number;
     EntryType type;
+};
+
+/** How calls, requests and timers begin. */
+struct TimedEntry {
+    Entry entry;
+    Alarm alarm;
 };
 
 struct EntryList {
@@ -189,6 +208,7 @@ struct Client;
 
 struct tavrix_call {
     kit::Entry entry; ///< in the directory once it is deferred; `next` chains the spare ones
+    kit::Alarm deadline;
     tavrix_service *service;
     const tavrix_service_method *row;
     json_t *request; ///< owned; the next four are borrowed from it
@@ -204,7 +224,6 @@ struct tavrix_call {
     uint64_t session; ///< the connection that it came by
     kit::Client *client;
     int64_t deadline_ms;
-    event deadline;
     void (*abandoned)(tavrix_call *call, void *user);
     void *abandoned_user;
     kit::Value *values;
@@ -332,7 +351,8 @@ void cancel_request(tavrix_service *service, Entry *entry);
 /** A text {"jsonrpc", "method", "params", "id"}; takes `params`; 0 is no id. Null without memory. */
 Text request_text(const char *method, json_t *params, uint64_t id);
 
-void send_subscriptions(tavrix_service *service);
+/** Subscribes anew, over a new connection; false without memory. */
+bool send_subscriptions(tavrix_service *service);
 void take_notification(tavrix_service *service, const json_t *message, const char *method);
 void tell_lost(tavrix_service *service, uint64_t count);
 void cancel_subscription(tavrix_service *service, Entry *entry);
@@ -353,6 +373,8 @@ struct ClientList {
 
 /** Whether a service runs on this thread: somebody who waits keeps it. */
 bool is_inside_a_loop();
+/** Every request gets its outcome, every deferred call its answer. */
+void end_everything(tavrix_service *service);
 /** Ends the service's run with a failure. */
 void give_up(tavrix_service *service);
 

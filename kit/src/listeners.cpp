@@ -102,7 +102,9 @@ void watch_client(Client *client, short what, int timeout_ms, event_callback_fn 
     event_del(&client->ready);
     event_assign(&client->ready, client->service->base, client->fd, what, callback, client);
     const timeval time = time_of_ms(timeout_ms);
-    event_add(&client->ready, timeout_ms > 0 ? &time : nullptr);
+    if (event_add(&client->ready, timeout_ms > 0 ? &time : nullptr) != 0) {
+        shutdown(client->fd, SHUT_RDWR); // it is not served any more; the record goes when its place is needed
+    }
 }
 
 void on_client_writable(evutil_socket_t fd, short what, void *argument) {
@@ -238,7 +240,16 @@ void take_client(Listener *listener, int fd) {
     ++list->count;
     event_assign(&client->ready, service->base, fd, EV_READ | EV_PERSIST, on_client_readable, client);
     const timeval time = time_of_ms(request_timeout_ms);
-    event_add(&client->ready, &time);
+    if (event_add(&client->ready, &time) != 0) {
+        free_client(client);
+    }
+}
+
+void pause(Listener *listener) {
+    const timeval time = time_of_ms(pause_ms);
+    if (evtimer_add(&listener->pause, &time) == 0) {
+        event_del(&listener->readable);
+    }
 }
 
 void on_acceptable(evutil_socket_t fd, short /*what*/, void *argument) {
@@ -249,9 +260,7 @@ void on_acceptable(evutil_socket_t fd, short /*what*/, void *argument) {
             take_client(listener, client);
         } else if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
             LOG_ERROR("Cannot accept a client: %s; pausing\n", std::strerror(errno));
-            event_del(&listener->readable);
-            const timeval time = time_of_ms(pause_ms);
-            evtimer_add(&listener->pause, &time);
+            pause(listener);
             return;
         } else if (errno != EINTR && errno != ECONNABORTED) {
             return;
@@ -260,7 +269,10 @@ void on_acceptable(evutil_socket_t fd, short /*what*/, void *argument) {
 }
 
 void on_pause_over(evutil_socket_t /*fd*/, short /*what*/, void *argument) {
-    event_add(&static_cast<Listener *>(argument)->readable, nullptr);
+    auto *listener = static_cast<Listener *>(argument);
+    if (event_add(&listener->readable, nullptr) != 0) {
+        LOG_ERROR("A listener takes no clients any more: no memory\n");
+    }
 }
 
 void on_pull_readable(evutil_socket_t /*fd*/, short /*what*/, void *argument) {

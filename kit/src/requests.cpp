@@ -24,11 +24,11 @@ constexpr int control_timeout_ms = 10000;
 
 struct Request {
     Entry entry;
+    Alarm timer;
     tavrix_service *service;
     char *waiting; ///< the line, until there is a session to send it over
     tavrix_answer_callback callback;
     void *user;
-    event timer;
 };
 
 struct Subscription {
@@ -49,7 +49,7 @@ void end_request(Request *request, const tavrix_answer &answer) {
     tavrix_service *service = request->service;
     const tavrix_answer_callback callback = request->callback;
     void *user = request->user;
-    event_del(&request->timer);
+    clear_alarm(&request->timer);
     leave(&service->directory, &request->entry);
     std::free(request->waiting);
     unmake(request);
@@ -97,9 +97,8 @@ Request *make_request(tavrix_service *service, int timeout_ms, tavrix_answer_cal
     request->service = service;
     request->callback = callback;
     request->user = user;
-    evtimer_assign(&request->timer, service->base, on_timeout, request);
-    const timeval time = time_of_ms(timeout_ms);
-    if (evtimer_add(&request->timer, &time) != 0) {
+    evtimer_assign(&request->timer.ready, service->base, on_timeout, request);
+    if (!set_alarm(&request->timer, timeout_ms)) {
         unmake(request);
         return nullptr;
     }
@@ -108,7 +107,7 @@ Request *make_request(tavrix_service *service, int timeout_ms, tavrix_answer_cal
 }
 
 void forget_request(Request *request) {
-    event_del(&request->timer);
+    clear_alarm(&request->timer);
     leave(&request->service->directory, &request->entry);
     unmake(request);
 }
@@ -132,11 +131,13 @@ void on_subscribed(tavrix_service * /*service*/, const tavrix_answer *answer, vo
     }
 }
 
-void send_patterns(tavrix_service *service, const char *method, json_t *patterns) {
-    if (session_is_connected(service) && json_array_size(patterns) > 0) {
-        send_request(service, method, json_pack("{s:O}", "methods", patterns), control_timeout_ms, on_subscribed,
-                     nullptr);
+/** False without memory; without a connection there is nobody to tell yet. */
+bool send_patterns(tavrix_service *service, const char *method, json_t *patterns) {
+    if (!session_is_connected(service)) {
+        return true;
     }
+    json_t *params = json_pack("{s:O}", "methods", patterns);
+    return params != nullptr && send_request(service, method, params, control_timeout_ms, on_subscribed, nullptr) != 0;
 }
 
 EntryList *subscriptions_of(tavrix_service *service) { return &service->directory.lists[entry_subscription]; }
@@ -235,14 +236,17 @@ void cancel_request(tavrix_service * /*service*/, Entry *entry) {
     end_request(as_request(entry), failure(TAVRIX_OUTCOME_CANCELLED));
 }
 
-void send_subscriptions(tavrix_service *service) {
+bool send_subscriptions(tavrix_service *service) {
     const Json patterns(json_array());
+    size_t count = 0;
     for (Entry *entry = subscriptions_of(service)->first; entry != nullptr; entry = entry->next) {
         if (!as_subscription(entry)->over) {
             json_array_append_new(patterns.get(), json_string(as_subscription(entry)->pattern));
+            ++count;
         }
     }
-    send_patterns(service, "router.Subscribe", patterns.get());
+    return count == 0 ||
+           (json_array_size(patterns.get()) == count && send_patterns(service, "router.Subscribe", patterns.get()));
 }
 
 void take_notification(tavrix_service *service, const json_t *message, const char *method) {
@@ -468,9 +472,12 @@ uint64_t tavrix_service_subscribe(tavrix_service *service, const char *pattern, 
     subscription->callback = callback;
     subscription->user = user;
     const uint64_t number = enter(&service->directory, &subscription->entry, entry_subscription);
-    if (is_new) {
-        const Json patterns(json_pack("[s]", pattern));
-        send_patterns(service, "router.Subscribe", patterns.get());
+    const Json patterns(is_new ? json_pack("[s]", pattern) : nullptr);
+    if (is_new && (!patterns || !send_patterns(service, "router.Subscribe", patterns.get()))) {
+        LOG_ERROR("Cannot subscribe to %s: no memory\n", pattern);
+        leave(&service->directory, &subscription->entry);
+        unmake(subscription);
+        return 0;
     }
     return number;
 }

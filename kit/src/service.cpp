@@ -20,12 +20,12 @@ thread_local bool inside_a_loop __attribute__((tls_model("initial-exec"))) = fal
 
 struct Timer {
     Entry entry;
+    Alarm alarm;
     tavrix_service *service;
     int interval_ms;
     bool repeats; ///< armed with its interval
     void (*callback)(tavrix_service *service, void *user);
     void *user;
-    event ready;
 };
 
 Timer *as_timer(Entry *entry) { return reinterpret_cast<Timer *>(entry); }
@@ -165,13 +165,6 @@ void remove_signals(tavrix_service *service) {
 
 // --- The end -------------------------------------------------------------------------------------------------------
 
-/** Every request gets its outcome, every deferred call its answer. */
-void end_everything(tavrix_service *service) {
-    service->stopping = true;
-    end_requests(service, TAVRIX_OUTCOME_CANCELLED, false);
-    refuse_deferred_calls(service);
-}
-
 /** Lets the loop write what stands in the buffers, for a second at most. */
 void write_the_rest(tavrix_service *service) {
     const int64_t end = now_ms() + farewell_ms;
@@ -199,10 +192,11 @@ void on_timer(evutil_socket_t /*fd*/, short /*what*/, void *argument) {
         cancel_timer(service, &timer->entry);
     } else if (!timer->repeats) {
         timer->repeats = true;
-        event_del(&timer->ready);
-        event_assign(&timer->ready, service->base, -1, EV_PERSIST, on_timer, timer);
-        const timeval time = time_of_ms(timer->interval_ms);
-        event_add(&timer->ready, &time);
+        clear_alarm(&timer->alarm);
+        event_assign(&timer->alarm.ready, service->base, -1, EV_PERSIST, on_timer, timer);
+        if (!set_alarm(&timer->alarm, timer->interval_ms)) {
+            LOG_ERROR("A timer of %d ms ends: no memory\n", timer->interval_ms);
+        }
     }
     callback(service, user); // it may cancel the timer
 }
@@ -211,13 +205,19 @@ void on_timer(evutil_socket_t /*fd*/, short /*what*/, void *argument) {
 
 bool is_inside_a_loop() { return inside_a_loop; }
 
+void end_everything(tavrix_service *service) {
+    service->stopping = true;
+    end_requests(service, TAVRIX_OUTCOME_CANCELLED, false);
+    refuse_deferred_calls(service);
+}
+
 void give_up(tavrix_service *service) {
     service->failed = true;
     tavrix_service_stop(service);
 }
 
 void cancel_timer(tavrix_service *service, Entry *entry) {
-    event_del(&as_timer(entry)->ready);
+    clear_alarm(&as_timer(entry)->alarm);
     leave(&service->directory, entry);
     unmake(as_timer(entry));
 }
@@ -364,9 +364,8 @@ uint64_t tavrix_service_timer(tavrix_service *service, int first_ms, int interva
     timer->interval_ms = interval_ms;
     timer->callback = callback;
     timer->user = user;
-    event_assign(&timer->ready, service->base, -1, 0, on_timer, timer);
-    const timeval time = time_of_ms(first_ms);
-    if (event_add(&timer->ready, &time) != 0) {
+    event_assign(&timer->alarm.ready, service->base, -1, 0, on_timer, timer);
+    if (!set_alarm(&timer->alarm, first_ms)) {
         LOG_ERROR("Cannot make a timer: no memory\n");
         std::free(timer);
         return 0;

@@ -60,7 +60,10 @@ void notify_manager() {
 
 void retry_in(tavrix_service *service, int ms) {
     const timeval time = time_of_ms(ms);
-    evtimer_add(&service->session.retry, &time);
+    if (evtimer_add(&service->session.retry, &time) != 0) {
+        LOG_ERROR("Cannot wait for the router: no memory\n");
+        give_up(service); // it would never ask again; whoever starts services starts this one anew
+    }
 }
 
 /** Tells a refusal once, however often it is repeated, and asks again later. */
@@ -125,7 +128,15 @@ json_t *names_of_methods(const tavrix_service *service) {
     for (size_t i = 0; i < service->method_count; ++i) {
         json_array_append_new(names.get(), json_string(service->options.methods[i].name));
     }
-    return names.release();
+    // Without memory for all of them rather none: the router would not know the missing ones.
+    return json_array_size(names.get()) == service->method_count ? names.release() : nullptr;
+}
+
+/** What has to be asked: a connection over which it cannot be is given up, and the next one asks anew. */
+void ask_router(tavrix_service *service, const char *method, json_t *params, tavrix_answer_callback callback) {
+    if (send_request(service, method, params, control_timeout_ms, callback, nullptr) == 0) {
+        lose_session(service, "no memory to ask it");
+    }
 }
 
 void send_registration(tavrix_service *service) {
@@ -133,10 +144,16 @@ void send_registration(tavrix_service *service) {
     for (size_t i = 0; i < service->bus.published_count; ++i) {
         json_array_append_new(publish.get(), json_string(service->bus.published[i]));
     }
+    const bool complete = json_array_size(publish.get()) == service->bus.published_count;
     json_t *params = json_pack("{s:s, s:s, s:o, s:o, s:b}", "name", service->name, "channel", service->channel,
                                "publish", publish.release(), "methods", names_of_methods(service), "direct",
                                (service->options.flags & TAVRIX_SERVICE_BUS) == 0 ? 1 : 0);
-    send_request(service, "router.Register", params, control_timeout_ms, on_registered, nullptr);
+    if (!complete || params == nullptr) {
+        json_decref(params);
+        lose_session(service, "no memory to register");
+        return;
+    }
+    ask_router(service, "router.Register", params, on_registered);
 }
 
 void on_bus_known(tavrix_service *service, const tavrix_answer *answer, void * /*user*/) {
@@ -159,9 +176,7 @@ void on_bus_known(tavrix_service *service, const tavrix_answer *answer, void * /
     }
 }
 
-void ask_for_bus(tavrix_service *service) {
-    send_request(service, "router.Bus", nullptr, control_timeout_ms, on_bus_known, nullptr);
-}
+void ask_for_bus(tavrix_service *service) { ask_router(service, "router.Bus", nullptr, on_bus_known); }
 
 // --- Lines ---------------------------------------------------------------------------------------------------------
 
@@ -188,6 +203,9 @@ void take_line(tavrix_service *service, const char *line, size_t length) {
     if (!json_is_object(message.get())) {
         LOG_ERROR("The router at %s sent a line that is no JSON object: %s\n", service->session.path,
                   Printable(error.text).text);
+        if (service->session.state != session_ready) {
+            lose_session(service, "its answer cannot be read"); // the next attempt need not wait for a time-out
+        }
         return;
     }
     const char *method = json_string_value(json_object_get(message.get(), "method"));
@@ -226,7 +244,9 @@ void write_out(tavrix_service *service) {
         if (count > 0) {
             buffer_consume(&session->out, static_cast<size_t>(count));
         } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
-            event_add(&session->writable, nullptr);
+            if (event_add(&session->writable, nullptr) != 0) {
+                lose_session(service, "no memory to wait for it");
+            }
             return;
         } else if (errno != EINTR) {
             lose_session(service, std::strerror(errno));
@@ -336,9 +356,14 @@ void connect_session(tavrix_service *service) {
     session->state = session_open;
     event_assign(&session->readable, service->base, session->fd, EV_READ | EV_PERSIST, on_readable, service);
     event_assign(&session->writable, service->base, session->fd, EV_WRITE, on_writable, service);
-    event_add(&session->readable, nullptr);
+    if (event_add(&session->readable, nullptr) != 0) {
+        lose_session(service, "no memory to listen to it");
+        return;
+    }
     ask_for_bus(service);
-    send_subscriptions(service);
+    if (!send_subscriptions(service)) {
+        lose_session(service, "no memory to subscribe");
+    }
     send_waiting_requests(service);
 }
 

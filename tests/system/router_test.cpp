@@ -581,7 +581,8 @@ TEST(RouterDaemon, HearsAClientOutThatOnlyClosedItsSendingSide) {
         service.reply(reply_to(service.next_request(), "\"right\""));
         const std::string answer = client.hear();
         EXPECT_EQ(member(answer, "result"), "\"right\"") << tcp;
-        EXPECT_EQ(answer.find('{'), tcp ? 1U : 0U) << "one blank over TCP asks whether somebody is there";
+        // One blank over TCP asks whether somebody is there, unless the reply has come at the same moment.
+        EXPECT_LE(answer.find('{'), tcp ? 1U : 0U) << answer;
     }
 }
 

@@ -1,0 +1,636 @@
+/*
+ * The test kit: a service whose session is connected to nobody. What it writes there is taken out of the buffer and
+ * sorted into responses, requests and notifications; what the router would write is handed to the same functions that
+ * a real line reaches. The log is taken from standard error while the service's code runs, and only then.
+ */
+#include "tavrix_service_test.h"
+
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstdio>
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include "internal.h"
+
+namespace kit {
+
+namespace {
+
+constexpr int no_descriptor = INT_MAX; // nothing is ever written to the session
+constexpr char played_session[] = "(played)";
+constexpr int64_t clock_begin_ms = 1;
+
+enum Kind { kind_response, kind_request, kind_notification, kind_log, kind_taken, kind_count };
+
+struct Line {
+    Line *next;
+    char *text;
+};
+
+struct Lines {
+    Line *first;
+    Line *last;
+};
+
+/** What a method answers, or one request to it that still waits. */
+struct Other {
+    Other *next;
+    char *method;
+    json_t *outcome; ///< null: it waits
+    json_t *id;
+};
+
+// --- The ends that are the test's own --------------------------------------------------------------------------------
+
+[[noreturn]] void die(const char *what, const char *text) {
+    std::fprintf(stderr, "tavrix_service_test: %s%s\n", what, text);
+    std::abort();
+}
+
+template <class Pointer>
+Pointer need(Pointer pointer, const char *what = "no memory") {
+    if (!pointer) {
+        die(what, "");
+    }
+    return pointer;
+}
+
+char *copy_of(const char *text, size_t length) {
+    auto *copy = static_cast<char *>(need(std::malloc(length + 1)));
+    std::memcpy(copy, text, length);
+    copy[length] = '\0';
+    return copy;
+}
+
+Json object_of(const char *text) {
+    Json object(json_loads(text, parse_flags, nullptr));
+    if (!json_is_object(object.get())) {
+        die("this is no JSON object: ", text);
+    }
+    return object;
+}
+
+// --- Lines -----------------------------------------------------------------------------------------------------------
+
+void append(Lines *lines, Line *line) {
+    line->next = nullptr;
+    (lines->last != nullptr ? lines->last->next : lines->first) = line;
+    lines->last = line;
+}
+
+void append_text(Lines *lines, char *text) {
+    Line *line = need(make<Line>());
+    line->text = text;
+    append(lines, line);
+}
+
+void append_json(Lines *lines, const json_t *value) { append_text(lines, need(json_dumps(value, wire_flags))); }
+
+Line *take_first(Lines *lines) {
+    Line *line = lines->first;
+    if (line != nullptr) {
+        lines->first = line->next;
+        lines->last = lines->first != nullptr ? lines->last : nullptr;
+    }
+    return line;
+}
+
+/** Takes a line out of the middle; `previous` is null for the first. */
+Line *take_after(Lines *lines, Line *previous) {
+    if (previous == nullptr) {
+        return take_first(lines);
+    }
+    Line *line = previous->next;
+    previous->next = line->next;
+    lines->last = lines->last == line ? previous : lines->last;
+    return line;
+}
+
+void free_lines(Lines *lines) {
+    while (Line *line = take_first(lines)) {
+        std::free(line->text);
+        unmake(line);
+    }
+}
+
+} // namespace
+
+} // namespace kit
+
+struct tavrix_service_test {
+    tavrix_service *service;
+    kit::Lines lines[kit::kind_count];
+    kit::Other *others;
+    int64_t last_transaction_id;
+    int log;
+};
+
+namespace kit {
+
+namespace {
+
+// --- The log ---------------------------------------------------------------------------------------------------------
+
+int real_stderr = -1; ///< while standard error is a log
+int taken_log = -1;
+
+/** What has been logged, to where it would have gone. */
+void give_back(int log, int descriptor) {
+    char piece[1024];
+    lseek(log, 0, SEEK_SET);
+    for (ssize_t count = 0; (count = read(log, piece, sizeof piece)) > 0;) {
+        if (write(descriptor, piece, static_cast<size_t>(count)) < 0) {
+            return;
+        }
+    }
+}
+
+/** An assertion in a handler has written why to standard error; abort() comes back here only to end. */
+void on_abort(int /*signal*/) {
+    if (real_stderr >= 0) {
+        give_back(taken_log, real_stderr);
+    }
+}
+
+/** A line `[time] [LEVEL] [who] text` as "LEVEL text"; null for what only a developer wants, whole when it is none. */
+char *log_text(const char *line, size_t length) {
+    const auto *level = static_cast<const char *>(memmem(line, length, "] [", 3));
+    const char *end = line + length;
+    const auto *who = level != nullptr
+                          ? static_cast<const char *>(memmem(level + 3, static_cast<size_t>(end - level - 3), "] [", 3))
+                          : nullptr;
+    const auto *text = who != nullptr
+                           ? static_cast<const char *>(memmem(who + 3, static_cast<size_t>(end - who - 3), "] ", 2))
+                           : nullptr;
+    if (*line != '[' || text == nullptr) {
+        return copy_of(line, length);
+    }
+    level += 3;
+    const auto *blank = static_cast<const char *>(std::memchr(level, ' ', static_cast<size_t>(who - level)));
+    const auto level_length = static_cast<size_t>((blank != nullptr ? blank : who) - level);
+    if (std::strncmp(level, "DEBUG", 5) == 0 || std::strncmp(level, "VERB", 4) == 0) {
+        return nullptr;
+    }
+    text += 1; // its blank stays between the two
+    const auto text_length = static_cast<size_t>(end - text);
+    char *whole = copy_of(level, level_length + text_length);
+    std::memcpy(whole + level_length, text, text_length);
+    return whole;
+}
+
+void take_log(tavrix_service_test *test) {
+    const off_t size = lseek(test->log, 0, SEEK_END);
+    char *text = copy_of("", 0);
+    text = static_cast<char *>(need(std::realloc(text, static_cast<size_t>(size) + 1)));
+    const ssize_t count = pread(test->log, text, static_cast<size_t>(size), 0);
+    const char *line = text;
+    const char *end = text + (count > 0 ? count : 0);
+    while (line < end) {
+        const auto *newline = static_cast<const char *>(std::memchr(line, '\n', static_cast<size_t>(end - line)));
+        const char *line_end = newline != nullptr ? newline : end;
+        char *found = log_text(line, static_cast<size_t>(line_end - line));
+        if (found != nullptr) {
+            append_text(&test->lines[kind_log], found);
+        }
+        line = line_end + 1;
+    }
+    std::free(text);
+    if (ftruncate(test->log, 0) != 0 || lseek(test->log, 0, SEEK_SET) != 0) {
+        die("cannot empty the log: ", std::strerror(errno));
+    }
+}
+
+/** Takes standard error for as long as the service's code runs. */
+class Capture {
+  public:
+    explicit Capture(tavrix_service_test *test) : test_(test), outer_(real_stderr < 0) {
+        if (!outer_) {
+            return; // called from the service's own code
+        }
+        std::fflush(stderr);
+        taken_log = test->log;
+        real_stderr = dup(STDERR_FILENO);
+        struct sigaction action {};
+        action.sa_handler = on_abort;
+        sigaction(SIGABRT, &action, &former_);
+        dup2(test->log, STDERR_FILENO);
+    }
+    Capture(const Capture &) = delete;
+    Capture &operator=(const Capture &) = delete;
+    ~Capture() {
+        if (!outer_) {
+            return;
+        }
+        std::fflush(stderr);
+        dup2(real_stderr, STDERR_FILENO);
+        close(real_stderr);
+        real_stderr = -1;
+        sigaction(SIGABRT, &former_, nullptr);
+        take_log(test_);
+    }
+
+  private:
+    tavrix_service_test *test_;
+    bool outer_;
+    struct sigaction former_ {};
+};
+
+// --- The other services ----------------------------------------------------------------------------------------------
+
+void free_other(Other **place) {
+    Other *other = *place;
+    *place = other->next;
+    std::free(other->method);
+    json_decref(other->outcome);
+    json_decref(other->id);
+    unmake(other);
+}
+
+/** The oldest that is played (`waits` false), or that waits. */
+Other **find_other(tavrix_service_test *test, const char *method, bool waits) {
+    Other **place = &test->others;
+    while (*place != nullptr &&
+           (std::strcmp((*place)->method, method) != 0 || ((*place)->outcome == nullptr) != waits)) {
+        place = &(*place)->next;
+    }
+    return place;
+}
+
+void add_other(tavrix_service_test *test, const char *method, json_t *outcome, json_t *id) {
+    Other **place = &test->others;
+    while (*place != nullptr) {
+        place = &(*place)->next;
+    }
+    *place = need(make<Other>());
+    (*place)->method = copy_of(method, std::strlen(method));
+    (*place)->outcome = outcome;
+    (*place)->id = id;
+}
+
+void respond(tavrix_service_test *test, json_t *id, json_t *outcome) {
+    const Json response(need(json_copy(outcome)));
+    json_object_set(response.get(), "id", id);
+    take_response(test->service, response.get());
+}
+
+// --- What the service has written ------------------------------------------------------------------------------------
+
+/** A message without what belongs to the wire. */
+Json content_of(const json_t *message) {
+    Json content(need(json_copy(const_cast<json_t *>(message))));
+    for (const char *name : {"jsonrpc", "id", "transaction_id"}) {
+        json_object_del(content.get(), name);
+    }
+    return content;
+}
+
+void take_request(tavrix_service_test *test, const json_t *message, const char *method) {
+    json_t *id = json_object_get(message, "id");
+    Other *played = *find_other(test, method, false);
+    if (std::strncmp(method, "router.", 7) == 0) {
+        const Json done(need(json_pack("{s:i}", "result", 0)));
+        respond(test, id, done.get());
+    } else if (played != nullptr) {
+        const Json outcome(json_incref(played->outcome)); // the callback may play another
+        respond(test, id, outcome.get());
+    } else {
+        append_json(&test->lines[kind_request], content_of(message).get());
+        add_other(test, method, nullptr, json_incref(id));
+    }
+}
+
+void take_written(tavrix_service_test *test, const char *line, size_t length) {
+    const Json message(need(json_loadb(line, length, parse_flags, nullptr), "the service wrote what is no JSON"));
+    const char *method = json_string_value(json_object_get(message.get(), "method"));
+    if (method == nullptr) {
+        append_text(&test->lines[kind_response], copy_of(line, length));
+    } else if (json_object_get(message.get(), "id") == nullptr) {
+        append_json(&test->lines[kind_notification], content_of(message.get()).get());
+    } else {
+        take_request(test, message.get(), method);
+    }
+}
+
+/** Until nothing is left: an answer that is played may lead to the next request. */
+void settle(tavrix_service_test *test) {
+    Buffer *out = &test->service->session.out;
+    while (out->size() > 0) {
+        const auto *end = static_cast<const char *>(std::memchr(out->data(), '\n', out->size()));
+        const auto length = static_cast<size_t>(end - out->data());
+        char *line = copy_of(out->data(), length);
+        buffer_consume(out, length + 1);
+        take_written(test, line, length);
+        std::free(line);
+    }
+}
+
+void on_flush(evutil_socket_t /*fd*/, short /*what*/, void * /*argument*/) {}
+
+const char *take(tavrix_service_test *test, Kind kind) {
+    Line *line = take_first(&need(test, "there is no test")->lines[kind]);
+    if (line == nullptr) {
+        return nullptr;
+    }
+    append(&test->lines[kind_taken], line);
+    return line->text;
+}
+
+/** The response to a request, among those behind `previous`. */
+const char *take_response_to(tavrix_service_test *test, const json_t *transaction_id, Line *previous) {
+    Lines *lines = &test->lines[kind_response];
+    Line *line = previous != nullptr ? previous->next : lines->first;
+    for (; line != nullptr; previous = line, line = line->next) {
+        const Json response = object_of(line->text);
+        const json_t *found = json_object_get(response.get(), "transaction_id");
+        if (found == transaction_id || json_equal(found, transaction_id) != 0) {
+            append(&test->lines[kind_taken], take_after(lines, previous));
+            return line->text;
+        }
+    }
+    return nullptr;
+}
+
+const char *outcome_of(tavrix_service_test *test, const char *response) {
+    if (response == nullptr) {
+        return nullptr;
+    }
+    append_json(&test->lines[kind_taken], content_of(object_of(response).get()).get());
+    return test->lines[kind_taken].last->text;
+}
+
+// --- The clock -------------------------------------------------------------------------------------------------------
+
+/** The alarm that is due next, up to a time; null without one. */
+Alarm *next_alarm(const tavrix_service *service, int64_t end_ms) {
+    Alarm *found = nullptr;
+    for (const EntryType type : {entry_call, entry_request, entry_timer}) {
+        for (Entry *entry = service->directory.lists[type].first; entry != nullptr; entry = entry->next) {
+            Alarm *alarm = &reinterpret_cast<TimedEntry *>(entry)->alarm;
+            if (alarm->due_ms > 0 && alarm->due_ms <= end_ms && (found == nullptr || alarm->due_ms < found->due_ms)) {
+                found = alarm;
+            }
+        }
+    }
+    return found;
+}
+
+void ring(Alarm *alarm) {
+    played_clock_ms = alarm->due_ms > played_clock_ms ? alarm->due_ms : played_clock_ms;
+    alarm->due_ms = alarm->every_ms > 0 ? alarm->due_ms + alarm->every_ms : 0;
+    event_get_callback (&alarm->ready)(-1, EV_TIMEOUT, event_get_callback_arg(&alarm->ready));
+}
+
+// --- Opening ---------------------------------------------------------------------------------------------------------
+
+/** The session stands, to nobody. */
+void connect_to_nobody(tavrix_service *service) {
+    service->session.fd = no_descriptor;
+    event_assign(&service->session.flush, service->base, -1, 0, on_flush, service);
+    service->session.was_ready = true; // no service manager waits for a test
+    service->started = true;
+    become_ready(service);
+}
+
+int open_test(tavrix_service_test *test, tavrix_service_options options) {
+    options.session = played_session;
+    options.publish = nullptr;
+    options.connect = nullptr;
+    options.flags = (options.flags | TAVRIX_SERVICE_SILENT | TAVRIX_SERVICE_NO_SIGNALS) & ~unsigned{TAVRIX_SERVICE_BUS};
+    int rc = tavrix_service_open(&options, &test->service);
+    if (rc != TAVRIX_OK) {
+        return rc;
+    }
+    rc = options.start != nullptr ? options.start(test->service, options.user) : TAVRIX_OK;
+    if (rc < 0) {
+        return rc;
+    }
+    connect_to_nobody(test->service);
+    send_subscriptions(test->service);
+    send_waiting_requests(test->service);
+    settle(test);
+    return TAVRIX_OK;
+}
+
+void close_service(tavrix_service_test *test) {
+    tavrix_service *service = test->service;
+    if (service == nullptr) {
+        return;
+    }
+    const tavrix_service_options options = service->options;
+    end_everything(service);
+    if (options.stop != nullptr) {
+        options.stop(service, options.user);
+    }
+    event_del(&service->session.flush);
+    buffer_free(&service->session.out);
+    service->session.fd = -1;
+    tavrix_service_close(service);
+    test->service = nullptr;
+}
+
+void free_test(tavrix_service_test *test) {
+    for (Lines &lines : test->lines) {
+        free_lines(&lines);
+    }
+    while (test->others != nullptr) {
+        free_other(&test->others);
+    }
+    close(test->log);
+    unmake(test);
+}
+
+} // namespace
+
+} // namespace kit
+
+using namespace kit;
+
+int tavrix_service_test_open(const tavrix_service_options *options, tavrix_service_test **test_out) {
+    need(options, "there are no options");
+    need(test_out, "there is no place for the test");
+    tavrix_service_test *test = need(make<tavrix_service_test>());
+    test->log = memfd_create("tavrix_service_test", MFD_CLOEXEC);
+    if (test->log < 0) {
+        die("cannot take the log: ", std::strerror(errno));
+    }
+    played_clock_ms = played_clock_ms < 0 ? clock_begin_ms : played_clock_ms;
+    int rc = TAVRIX_OK;
+    {
+        const Capture capture(test);
+        rc = open_test(test, *options);
+        if (rc < 0) {
+            close_service(test);
+        }
+    }
+    if (rc < 0) {
+        while (const char *line = take(test, kind_log)) {
+            std::fprintf(stderr, "%s\n", line);
+        }
+        free_test(test);
+        return rc;
+    }
+    *test_out = test;
+    return TAVRIX_OK;
+}
+
+void tavrix_service_test_close(tavrix_service_test *test) {
+    if (test == nullptr) {
+        return;
+    }
+    {
+        const Capture capture(test);
+        close_service(test);
+    }
+    free_test(test);
+}
+
+tavrix_service *tavrix_service_test_service(const tavrix_service_test *test) {
+    return need(test, "there is no test")->service;
+}
+
+// --- Requests to the service -----------------------------------------------------------------------------------------
+
+const char *tavrix_service_test_request(tavrix_service_test *test, const char *text) {
+    need(text, "there is no request");
+    Line *before = need(test, "there is no test")->lines[kind_response].last;
+    const Capture capture(test);
+    Json request(json_loads(text, parse_flags, nullptr));
+    const Json transaction_id(json_incref(json_object_get(request.get(), "transaction_id")));
+    Origin origin{};
+    origin.caller = {TAVRIX_ROAD_SESSION, -1, static_cast<uid_t>(-1), static_cast<gid_t>(-1)};
+    evaluate(test->service, std::move(request), origin);
+    settle(test);
+    return take_response_to(test, transaction_id.get(), before);
+}
+
+const char *tavrix_service_test_call(tavrix_service_test *test, const char *method, const char *params) {
+    need(method, "there is no method");
+    need(test, "there is no test");
+    const Json request(need(json_pack("{s:s, s:s, s:s, s:I}", "jsonrpc", "2.0", "method", method, "id", "test",
+                                      "transaction_id", static_cast<json_int_t>(++test->last_transaction_id))));
+    if (params != nullptr) {
+        json_object_set_new(request.get(), "params", object_of(params).release());
+    }
+    const Text text(need(json_dumps(request.get(), wire_flags)));
+    return outcome_of(test, tavrix_service_test_request(test, text.get()));
+}
+
+const char *tavrix_service_test_next_response(tavrix_service_test *test) { return take(test, kind_response); }
+
+const char *tavrix_service_test_next_outcome(tavrix_service_test *test) {
+    return outcome_of(test, take(test, kind_response));
+}
+
+void tavrix_service_test_cancel(tavrix_service_test *test, int64_t transaction_id) {
+    const Capture capture(need(test, "there is no test"));
+    const Json number(need(json_integer(transaction_id)));
+    abandon_cancelled_call(test->service, number.get());
+    settle(test);
+}
+
+// --- What the service sends ------------------------------------------------------------------------------------------
+
+const char *tavrix_service_test_next_request(tavrix_service_test *test) { return take(test, kind_request); }
+
+void tavrix_service_test_play(tavrix_service_test *test, const char *method, const char *outcome) {
+    Other **place = find_other(need(test, "there is no test"), need(method, "there is no method"), false);
+    if (*place != nullptr) {
+        free_other(place);
+    }
+    if (outcome != nullptr) {
+        add_other(test, method, object_of(outcome).release(), nullptr);
+    }
+}
+
+bool tavrix_service_test_answer(tavrix_service_test *test, const char *method, const char *outcome) {
+    Other **place = find_other(need(test, "there is no test"), need(method, "there is no method"), true);
+    const Json response = object_of(need(outcome, "there is no outcome"));
+    if (*place == nullptr) {
+        return false;
+    }
+    const Json id(json_incref((*place)->id));
+    free_other(place);
+    const bool waits =
+        find(&test->service->directory, static_cast<uint64_t>(json_integer_value(id.get())), entry_request) != nullptr;
+    const Capture capture(test);
+    respond(test, id.get(), response.get());
+    settle(test);
+    return waits;
+}
+
+const char *tavrix_service_test_next_notification(tavrix_service_test *test) { return take(test, kind_notification); }
+
+const char *tavrix_service_test_next_log(tavrix_service_test *test) { return take(test, kind_log); }
+
+bool tavrix_service_test_logged(tavrix_service_test *test, const char *part) {
+    need(part, "there is no text to look for");
+    while (const char *line = take(test, kind_log)) {
+        if (std::strstr(line, part) != nullptr) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// --- What happens to the service -------------------------------------------------------------------------------------
+
+void tavrix_service_test_notify(tavrix_service_test *test, const char *method, const char *params) {
+    const Json message(need(json_object()));
+    if (params != nullptr) {
+        json_object_set_new(message.get(), "params", object_of(params).release());
+    }
+    const Capture capture(need(test, "there is no test"));
+    take_notification(test->service, message.get(), need(method, "there is no method"));
+    settle(test);
+}
+
+void tavrix_service_test_lose(tavrix_service_test *test, uint64_t count) {
+    const Capture capture(need(test, "there is no test"));
+    tell_lost(test->service, count);
+    settle(test);
+}
+
+void tavrix_service_test_restart_router(tavrix_service_test *test) {
+    const Capture capture(need(test, "there is no test"));
+    Session *session = &test->service->session;
+    session->fd = -1;
+    session->state = session_waiting;
+    session->lost_subscriptions = true;
+    ++session->generation;
+    end_requests(test->service, TAVRIX_OUTCOME_GONE, true);
+    abandon_session_calls(test->service);
+    session->fd = no_descriptor;
+    send_subscriptions(test->service);
+    send_waiting_requests(test->service);
+    become_ready(test->service);
+    settle(test);
+}
+
+void tavrix_service_test_advance(tavrix_service_test *test, int ms) {
+    const Capture capture(need(test, "there is no test"));
+    const int64_t end_ms = played_clock_ms + (ms > 0 ? ms : 0);
+    while (Alarm *alarm = next_alarm(test->service, end_ms)) {
+        ring(alarm);
+        settle(test);
+    }
+    played_clock_ms = end_ms;
+}
+
+void tavrix_service_test_run(tavrix_service_test *test) {
+    const Capture capture(need(test, "there is no test"));
+    event_base_loop(test->service->base, EVLOOP_NONBLOCK);
+    settle(test);
+}
+
+void tavrix_service_test_stop(tavrix_service_test *test) {
+    const Capture capture(need(test, "there is no test"));
+    end_everything(test->service);
+    settle(test);
+}
+
+bool tavrix_service_test_is_stopped(const tavrix_service_test *test) {
+    return need(test, "there is no test")->service->stopping;
+}

@@ -1,0 +1,41 @@
+#!/usr/bin/env bash
+# The README's service as it stands, by the commands below it, and the service in the kit's header as it stands, built
+# through the CMake package: it takes the first one's place.
+# usage: readme.sh BUILD_DIR CC CXX EMULATOR SYSROOT FLAGS
+set -euo pipefail
+source "$(dirname "$0")/installed.sh"
+
+block() { # LANGUAGE: the README's listing in that language
+    awk -v begin="\`\`\`$1" '/^```$/ {inside = 0} inside {print} $0 == begin {inside = 1}' "$source/README.md"
+}
+
+block c >hello.c
+diff hello.c <(sed 1d "$source/examples/kit/hello.c") || fail "the README's service is another than examples/kit/hello.c"
+block sh >commands.sh
+[ -s hello.c ] && [ -s commands.sh ] || fail "the README has no service"
+set +o pipefail # as in the reader's shell
+eval "$(cat commands.sh)" >printed.log 2>said.log || fail "the README's commands failed"
+set -o pipefail
+mapfile -t pids < <(jobs -pr)
+expect "the README's call" "$(tail -n 1 printed.log)" '{"hello":"you"}'
+case "$(tavrixctl call --full hello.Say name=you)" in *'"result":{"hello":"you"}'*) ;; *) fail "the whole response is another" ;; esac
+kill %?hello
+wait %?hello || fail "the README's service did not stop cleanly"
+
+mkdir header
+awk '/@endcode/ {exit} inside {sub(/^ \* ?/, ""); print} /@code/ {inside = 1}' \
+    "$work/prefix/include/tavrix_service.h" >header/hello.c
+cat >header/CMakeLists.txt <<'TEXT'
+cmake_minimum_required(VERSION 3.18)
+project(hello LANGUAGES C CXX)
+find_package(tavrix 1 REQUIRED)
+add_executable(hello hello.c)
+target_link_libraries(hello PRIVATE tavrix::service)
+TEXT
+configure header header/build
+cmake --build header/build >/dev/null
+emulate "$work/header/build/hello"
+start hello header/build/hello
+expect "the header's service" "$(tavrixctl call hello.Say name=you)" '{"hello":"you"}'
+kill "${pids[-1]}"
+wait "${pids[-1]}" || fail "the header's service did not stop cleanly"

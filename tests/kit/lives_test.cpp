@@ -1,0 +1,280 @@
+/*
+ * Services of the kit beside the real router: they call each other at once, are killed while they wait for each other,
+ * answer late, twice and never, and see thousands of others come and go.
+ */
+#include <csignal>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <event2/event.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include "support/bus.h"
+#include "support/json.h"
+#include "support/process.h"
+#include "support/session.h"
+#include "tavrix.h"
+#include "tavrix_service.h"
+
+namespace {
+
+using support::Process;
+
+/** What the handlers and callbacks below have seen. */
+struct Seen {
+    int abandoned = 0;
+    std::vector<int> results;
+    std::vector<std::string> ends;
+    int second_reply = 0;
+    int late_reply = 0;
+    uint64_t late_call = 0;
+};
+Seen seen;
+
+std::string describe(const tavrix_answer *answer) {
+    static const char *const names[] = {"result", "error", "time-out", "gone", "cancelled"};
+    return std::string(names[answer->outcome]) + " " + std::to_string(answer->code);
+}
+void on_end(tavrix_service * /*service*/, const tavrix_answer *answer, void * /*user*/) {
+    if (answer->outcome == TAVRIX_OUTCOME_RESULT) {
+        seen.results.push_back(static_cast<int>(json_integer_value(answer->result)));
+    } else {
+        seen.ends.push_back(describe(answer));
+    }
+}
+
+int times_said(const std::string &text, const std::string &part) {
+    int count = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
+        ++count;
+    }
+    return count;
+}
+
+// --- Handlers ---
+
+struct Pending {
+    uint64_t call;
+};
+void on_other(tavrix_service *service, const tavrix_answer *answer, void *user) {
+    const std::unique_ptr<Pending> pending(static_cast<Pending *>(user));
+    tavrix_call_pass_on(tavrix_service_deferred(service, pending->call), answer);
+}
+/** Counts down by asking the other service for the rest of it. */
+int down(tavrix_call *call) {
+    const int64_t left = tavrix_call_integer(call, "n");
+    if (left == 0) {
+        return tavrix_call_reply(call, json_integer(0));
+    }
+    auto *pending = new Pending{tavrix_call_defer(call, nullptr, nullptr)};
+    const std::string own = tavrix_service_name(tavrix_call_service(call));
+    tavrix_service_request(tavrix_call_service(call), own == "left" ? "right.Down" : "left.Down",
+                           json_pack("{s:i}", "n", static_cast<int>(left) - 1), 20000, on_other, pending);
+    return 0;
+}
+int never(tavrix_call *call) {
+    tavrix_call_defer(
+        call, [](tavrix_call * /*call*/, void * /*user*/) { ++seen.abandoned; }, nullptr);
+    return 0;
+}
+int late(tavrix_call *call) {
+    seen.late_call = tavrix_call_defer(
+        call,
+        [](tavrix_call *abandoned, void * /*user*/) {
+            ++seen.abandoned;
+            seen.late_reply = tavrix_call_reply(abandoned, json_integer(1));
+        },
+        nullptr);
+    return 0;
+}
+int twice(tavrix_call *call) {
+    tavrix_call_reply(call, json_integer(1));
+    seen.second_reply = tavrix_call_reply(call, json_integer(2));
+    return 0;
+}
+
+const tavrix_service_param count[] = {TAVRIX_PARAM("n", TAVRIX_KIND_INTEGER, "", 0), TAVRIX_PARAM_END};
+const tavrix_service_method left_methods[] = {TAVRIX_METHOD("left.Down", down, "", count, nullptr, 0),
+                                              TAVRIX_METHOD_END};
+const tavrix_service_method right_methods[] = {TAVRIX_METHOD("right.Down", down, "", count, nullptr, 0),
+                                               TAVRIX_METHOD_END};
+const tavrix_service_method t_methods[] = {
+    TAVRIX_METHOD("t.Never", never, "", nullptr, nullptr, 0),
+    TAVRIX_METHOD("t.Late", late, "", nullptr, nullptr, 0),
+    TAVRIX_METHOD("t.Twice", twice, "", nullptr, nullptr, 0),
+    TAVRIX_METHOD_END,
+};
+
+// --- The stage ---
+
+struct FreeBase {
+    void operator()(event_base *base) const { event_base_free(base); }
+};
+struct CloseService {
+    void operator()(tavrix_service *service) const { tavrix_service_close(service); }
+};
+using Service = std::unique_ptr<tavrix_service, CloseService>;
+
+class Lives : public testing::Test {
+  protected:
+    Lives() {
+        seen = {};
+        support::write_file("tavrix_lsyslog.conf",
+                            "[logging_levels]\npeer=info\nrouterd=info\nt=off\nleft=off\nright=off\n");
+    }
+
+    void start_router(const std::string &reply_timeout_ms = "20000") {
+        router_ = std::make_unique<Process>(
+            "routerd", std::vector<std::string>{TAVRIX_ROUTERD, "--socket", "router.sock", "--session", "session.sock",
+                                                "--publish", "ipc://bus/router", "--reply-timeout", reply_timeout_ms});
+        ASSERT_TRUE(router_->says("routerd ready")) << router_->log();
+    }
+    void start_peer() {
+        peer_.reset();
+        peer_ = std::make_unique<Process>("peer", std::vector<std::string>{PEER_SERVICE, "--session", "session.sock"});
+        ASSERT_TRUE(peer_->says("peer ready")) << peer_->log();
+    }
+    Service start(const char *name, const tavrix_service_method *methods) {
+        tavrix_service_options options{};
+        options.name = name;
+        options.methods = methods;
+        options.session = "session.sock";
+        options.base = base_.get();
+        options.flags = TAVRIX_SERVICE_NO_SIGNALS;
+        tavrix_service *service = nullptr;
+        EXPECT_EQ(tavrix_service_open(&options, &service), 0);
+        EXPECT_EQ(tavrix_service_start(service), 0);
+        EXPECT_TRUE(wait([&] { return tavrix_service_is_ready(service); })) << name;
+        return Service(service);
+    }
+    bool wait(const std::function<bool()> &condition) {
+        return support::wait_until([&] {
+            event_base_loop(base_.get(), EVLOOP_NONBLOCK);
+            return condition();
+        });
+    }
+    static void request(const Service &service, const char *method, json_t *params = nullptr) {
+        EXPECT_NE(tavrix_service_request(service.get(), method, params, 20000, on_end, nullptr), 0U);
+    }
+    std::string status() const {
+        return support::SessionClient().ask(R"({"jsonrpc":"2.0","method":"router.Status","id":1})");
+    }
+
+    std::unique_ptr<event_base, FreeBase> base_{event_base_new()};
+    std::unique_ptr<Process> router_;
+    std::unique_ptr<Process> peer_;
+};
+
+using Ends = std::vector<std::string>;
+
+} // namespace
+
+TEST_F(Lives, TwoServicesThatCallEachOtherAtOnceAreBothAnswered) {
+    start_router();
+    const Service left = start("left", left_methods);
+    const Service right = start("right", right_methods);
+    constexpr int calls = 20;
+    constexpr size_t both = 40;
+    for (int i = 0; i < calls; ++i) {
+        request(left, "right.Down", json_pack("{s:i}", "n", 9));
+        request(right, "left.Down", json_pack("{s:i}", "n", 9));
+    }
+    EXPECT_TRUE(wait([&] { return seen.results.size() + seen.ends.size() == both; })) << seen.results.size();
+    EXPECT_EQ(seen.ends, Ends{});
+}
+
+TEST_F(Lives, AServiceThatIsKilledEndsItsCallsBothWaysAndServesAgain) {
+    start_router();
+    start_peer();
+    const Service service = start("t", t_methods);
+    request(service, "x.Never");
+    request(service, "x.Ask"); // which asks t.Never
+    ASSERT_TRUE(wait([&] {
+        return tavrix_service_deferred(service.get(), 0) == nullptr &&
+               status().find("\"in_flight\":3") != std::string::npos;
+    })) << status();
+    peer_->signal(SIGKILL);
+    EXPECT_TRUE(wait([] { return seen.ends.size() == 2 && seen.abandoned == 1; }))
+        << seen.ends.size() << ' ' << seen.abandoned;
+    EXPECT_EQ(seen.ends, (Ends{"gone -32601", "gone -32601"}));
+    start_peer();
+    tavrix_service_request(
+        service.get(), "x.Echo", nullptr, 20000,
+        [](tavrix_service * /*service*/, const tavrix_answer *answer, void * /*user*/) {
+            seen.ends.emplace_back(json_string_value(answer->result) != nullptr ? json_string_value(answer->result)
+                                                                                : describe(answer));
+        },
+        nullptr);
+    EXPECT_TRUE(wait([] { return seen.ends.size() == 3; }));
+    EXPECT_EQ(seen.ends.back(), "peer");
+}
+
+TEST_F(Lives, TheRoutersDeathEndsCallsBothWaysAndItsReturnIsNoticed) {
+    start_router();
+    const Service left = start("left", left_methods);
+    const Service service = start("t", t_methods);
+    request(left, "t.Never");
+    ASSERT_TRUE(wait([&] { return status().find("\"in_flight\":1") != std::string::npos; })) << status();
+    router_->signal(SIGKILL);
+    router_->wait();
+    EXPECT_TRUE(wait([] { return seen.ends.size() == 1 && seen.abandoned == 1; }));
+    EXPECT_EQ(seen.ends, Ends{"gone -32601"});
+    start_router();
+    ASSERT_TRUE(wait([&] { return tavrix_service_is_ready(left.get()) && tavrix_service_is_ready(service.get()); }));
+    request(left, "t.Twice");
+    EXPECT_TRUE(wait([] { return seen.results.size() == 1; }));
+}
+
+TEST_F(Lives, LateAnswersAreRefusedSecondOnesTooAndNoneIsATimeOut) {
+    start_router("300");
+    const Service service = start("t", t_methods);
+    const Service left = start("left", left_methods);
+    request(left, "t.Twice");
+    ASSERT_TRUE(wait([] { return seen.results.size() == 1; }));
+    EXPECT_EQ(seen.results.front(), 1);
+    EXPECT_EQ(seen.second_reply, TAVRIX_ERR_NO_RECORDS);
+    request(left, "t.Never");
+    request(left, "t.Late");
+    ASSERT_TRUE(wait([] { return seen.ends.size() == 2 && seen.abandoned == 2; }));
+    EXPECT_EQ(seen.ends, (Ends{"time-out -32005", "time-out -32005"}));
+    EXPECT_EQ(seen.late_reply, TAVRIX_ERR_NO_RECORDS);
+    EXPECT_EQ(tavrix_service_deferred(service.get(), seen.late_call), nullptr);
+}
+
+TEST_F(Lives, TenThousandRegistrationsLeaveNothingBehind) {
+    start_router();
+    const Service service = start("t", t_methods);
+    const std::string descriptors = "/proc/" + std::to_string(router_->pid()) + "/fd";
+    const auto open = [&] {
+        return std::distance(std::filesystem::directory_iterator(descriptors), std::filesystem::directory_iterator{});
+    };
+    const auto before = open();
+    constexpr int rounds = 200;
+    constexpr int at_once = 50;
+    for (int round = 0; round < rounds; ++round) {
+        std::vector<std::unique_ptr<support::SessionClient>> others;
+        for (int i = 0; i < at_once; ++i) {
+            others.push_back(std::make_unique<support::SessionClient>());
+            others.back()->say(R"({"jsonrpc":"2.0","id":1,"method":"router.Register","params":{"name":"s)" +
+                               std::to_string(round * at_once + i) +
+                               R"(","channel":"30e493d7-9e02-41b6-97f5-21f2cc9cbbb3","publish":[],"methods":["y)" +
+                               std::to_string(i) + R"(.Get"],"direct":true}})");
+        }
+        for (auto &other : others) {
+            ASSERT_NE(other->hear().find("\"result\":0"), std::string::npos) << router_->log();
+            event_base_loop(base_.get(), EVLOOP_NONBLOCK);
+        }
+    }
+    EXPECT_TRUE(wait([&] { return open() == before; })) << open() << " descriptors instead of " << before;
+    // Those that have gone are remembered for a while, up to a bound; none of them is there.
+    const std::string known = status();
+    EXPECT_EQ(times_said(known, "\"state\":\"up\""), 1) << known;
+    EXPECT_LE(times_said(known, "\"state\":"), 256);
+    EXPECT_TRUE(tavrix_service_is_ready(service.get()));
+    const Service left = start("left", left_methods);
+    request(left, "t.Twice");
+    EXPECT_TRUE(wait([] { return seen.results.size() == 1; }));
+}

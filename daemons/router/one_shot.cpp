@@ -165,8 +165,10 @@ void OneShot::answer(Json message, const BatchPlace & /*batch*/) {
     const ssize_t count = send(descriptor_, text.data(), text.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
     const size_t sent = count < 0 ? 0 : static_cast<size_t>(count);
     if (sent == text.size() || (count < 0 && errno != EAGAIN)) {
-        char bytes[4096]; // what is left unread would make the close a reset, which may overtake the answer
-        static_cast<void>(recv(descriptor_, bytes, sizeof bytes, MSG_DONTWAIT));
+        if (peer.road == Road::tcp) { // what is left unread would make the close a reset, which may overtake the answer
+            char bytes[4096];
+            static_cast<void>(recv(descriptor_, bytes, sizeof bytes, MSG_DONTWAIT));
+        }
         close();
         return;
     }

@@ -14,7 +14,8 @@
  * @endcode
  *
  * Thread-safety: the level, the name and the log socket are process-wide and unsynchronised. Log calls may run on
- * several threads at once; init and reload must not run beside them.
+ * several threads at once; init and reload must not run beside them. Not from a signal handler: a line that it
+ * interrupts holds standard error.
  */
 #ifndef TAVRIX_LSYSLOG_H
 #define TAVRIX_LSYSLOG_H

@@ -82,7 +82,7 @@ TAVRIX_API int tavrix_mq_socket_bind(int sock, int transport, const char *addr, 
 
 /**
  * Connects a socket to an address; parameters and statuses as for tavrix_mq_socket_bind(). Returns before the peer is
- * there.
+ * there. A folder is refused here too: nobody can be listening behind it.
  */
 TAVRIX_API int tavrix_mq_socket_connect(int sock, int transport, const char *addr, int *eid_out);
 

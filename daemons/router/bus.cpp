@@ -6,6 +6,8 @@
 #include <sys/stat.h>
 
 #include "common/log.h"
+#include "foreign_log.h"
+#include "message.h"
 #include "tavrix_error.h"
 #include "tavrix_jrpc.h"
 
@@ -17,8 +19,9 @@ namespace router {
 namespace {
 
 constexpr char unit_name[] = "bus";
-constexpr int messages_per_turn = 100;         // a flood on the bus must not keep clients waiting,
-constexpr size_t bytes_per_turn = size_t{1024} * 1024; // nor fill what they are sent faster than they could ever read it
+constexpr int messages_per_turn = 100; // a flood on the bus must not keep clients waiting,
+constexpr size_t bytes_per_turn =
+    size_t{1024} * 1024; // nor fill what they are sent faster than they could ever read it
 constexpr int largest_message = 8 * 1024 * 1024;
 constexpr mode_t for_the_group = 0007;
 constexpr size_t longest_ipc_address = 113; // nanomsg aborts on a longer one
@@ -84,7 +87,7 @@ bool Bus::open(event_base *base, const std::vector<std::string> &publish) {
 int Bus::connect(const std::string &address) {
     int endpoint = -1;
     if (tavrix_mq_socket_connect(*sub_.get(), transport_of(address), address.c_str(), &endpoint) != TAVRIX_OK) {
-        LOG_ERROR("Cannot listen to %s: it is no address of the bus\n", address.c_str());
+        LOG_FOREIGN("Cannot listen to %s: it is no address of the bus\n", printable(address).c_str());
         return -1;
     }
     return endpoint;

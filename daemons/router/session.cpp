@@ -20,7 +20,8 @@ constexpr size_t max_service_line =
     size_t{9} * 1024 * 1024; // a reply as large as a bus message, 8 MiB, and its envelope
 constexpr size_t max_description_line = max_document + 1024;
 constexpr size_t bytes_per_turn =
-    size_t{8} * 1024; // of a client: some dozen requests, before the others have their turn
+    size_t{8} * 1024;             // of a client: some dozen requests, before the others have their turn
+constexpr size_t max_batch = 256; // a turn's work is bounded, however cheap the requests are to write
 constexpr size_t max_unread_with_notifications = size_t{1024} * 1024;
 constexpr size_t max_unread = size_t{8} * 1024 * 1024;
 
@@ -122,9 +123,15 @@ void Session::take_line(std::string_view line) {
 }
 
 void Session::take_batch(const json_t *requests) {
+    if (json_array_size(requests) > max_batch) {
+        router_.count_refused();
+        answer(make_error(TAVRIX_JRPC_INVALID_REQUEST, nullptr, message_data("at most 256 requests in a batch")),
+               nullptr);
+        return;
+    }
     const auto batch = std::make_shared<Batch>();
     batch->missing = json_array_size(requests) + 1; // one for this function: the batch ends when all are taken
-    for (size_t i = 0; i < json_array_size(requests) && !is_closed(); ++i) {
+    for (size_t i = 0; i < json_array_size(requests) && !is_closed() && !broken_; ++i) {
         json_t *request = json_array_get(requests, i);
         if (json_is_object(request)) {
             take_object(share(request), batch);

@@ -4,6 +4,8 @@
 #include <cmath>
 #include <cstdio>
 
+#include "message.h"
+
 namespace router {
 
 namespace {
@@ -15,7 +17,7 @@ constexpr double metric_bounds[] = {0.0001, 0.00025, 0.0005, 0.001, 0.0025, 0.00
                                     0.05,   0.1,     0.25,   0.5,   1,      2.5,   5,    10};
 
 __attribute__((format(printf, 2, 3))) void append(std::string *text, const char *format, ...) {
-    char line[512];
+    char line[1024];
     va_list arguments;
     va_start(arguments, format);
     std::vsnprintf(line, sizeof line, format, arguments);
@@ -23,11 +25,11 @@ __attribute__((format(printf, 2, 3))) void append(std::string *text, const char 
     *text += line;
 }
 
-/** A label's value: Prometheus escapes these three. */
+/** A label's value: printable characters only, and Prometheus escapes these two. */
 std::string label(const std::string &value) {
     std::string safe;
-    for (const char c : value) {
-        safe += c == '\\' || c == '"' ? std::string("\\") + c : c == '\n' ? std::string("\\n") : std::string(1, c);
+    for (const char c : printable(value)) {
+        safe += c == '\\' || c == '"' ? std::string("\\") + c : std::string(1, c);
     }
     return safe;
 }
@@ -106,14 +108,14 @@ std::string Statistics::metrics() const {
                        "# TYPE tavrix_router_calls_total counter\n";
     for (const auto &[name, row] : methods_) {
         for (size_t i = 0; i < outcome_names.size(); ++i) {
-            append(&text, "tavrix_router_calls_total{method=\"%.200s\",outcome=\"%s\"} %llu\n", label(name).c_str(),
+            append(&text, "tavrix_router_calls_total{method=\"%s\",outcome=\"%s\"} %llu\n", label(name).c_str(),
                    outcome_names[i], static_cast<unsigned long long>(row.outcomes[i]));
         }
     }
     text += "# HELP tavrix_router_call_seconds Time from request to reply, of calls that a service answered.\n"
             "# TYPE tavrix_router_call_seconds histogram\n";
     for (const auto &[name, row] : methods_) {
-        const std::string method = label(name).substr(0, 200);
+        const std::string method = label(name);
         for (const double bound : metric_bounds) {
             append(&text, "tavrix_router_call_seconds_bucket{method=\"%s\",le=\"%g\"} %llu\n", method.c_str(), bound,
                    static_cast<unsigned long long>(row.latency.count_within(bound)));

@@ -68,6 +68,23 @@ TEST_F(RouterServices, RegisterToTheByte) {
               0U);
 }
 
+TEST_F(RouterServices, ShowInTheMetricsWhateverTheirMethodsAreCalled) {
+    std::string method = "p";
+    for (int i = 0; i < 98; ++i) {
+        method += R"(\")";
+    }
+    method += "z\xc3\xa9"; // a character of two bytes where a cut would go through it
+    Registration registration;
+    registration.methods = "[\"" + method + "\"]";
+    DirectService service(registration);
+    SessionClient client;
+    client.say(request(method, "1"));
+    service.reply(service.next_request(), "0");
+    EXPECT_EQ(member(client.hear(), "result"), "0");
+    const std::string metrics = fleet.ask(request("router.Metrics", "2"));
+    EXPECT_NE(metrics.find("tavrix_router_calls_total{method="), std::string::npos) << metrics;
+}
+
 TEST_F(RouterServices, SettleBothDirectionsOfTheBusBeforeTheyAreThere) {
     support::BusSocket pub(TAVRIX_SP_PUB);
     support::BusSocket sub(TAVRIX_SP_SUB);

@@ -519,6 +519,20 @@ TEST_F(RouterSession, IsNotClosedForManyLargeRepliesThatItReads) {
     }
 }
 
+TEST_F(RouterSession, TakesABatchOf256RequestsAndNoMore) {
+    SessionClient client;
+    const auto batch_of = [](int count) {
+        std::string batch = "[";
+        for (int i = 0; i < count; ++i) {
+            batch += (i == 0 ? "" : ",") + request("router.Nothing", std::to_string(i));
+        }
+        return batch + "]";
+    };
+    EXPECT_EQ(client.ask(batch_of(256)).front(), '[');
+    EXPECT_EQ(code_of(client.ask(batch_of(257))), "-32600");
+    EXPECT_EQ(code_of(client.ask(request("router.Nothing", "1"))), "-32601") << "the session goes on";
+}
+
 TEST_F(RouterSession, BoundsWhatTheAnswersOfABatchTake) {
     DirectService service;
     SessionClient client;

@@ -128,7 +128,9 @@ std::string_view Renderer::render(const json_t *value) {
 }
 
 bool ObjectScanner::is_complete_with(std::string_view bytes) {
+    constexpr std::string_view of_words_and_numbers = "truefalsn0123456789+-.E";
     for (const char c : bytes) {
+        ++seen_;
         if (escaped_) {
             escaped_ = false;
         } else if (in_text_) {
@@ -143,6 +145,9 @@ bool ObjectScanner::is_complete_with(std::string_view bytes) {
         }
         if (depth_ == 0 && c != ' ' && c != '\t' && c != '\r' && c != '\n') {
             return true; // it begins as no object does
+        }
+        if (!in_text_ && of_words_and_numbers.find(c) == std::string_view::npos) {
+            settled_ = seen_;
         }
     }
     return false;

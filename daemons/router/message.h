@@ -63,8 +63,12 @@ class ObjectScanner {
   public:
     /** The next bytes; true once the object has ended or the text cannot be one. */
     bool is_complete_with(std::string_view bytes);
+    /** How many of the bytes no later one can change: a text, word or number at the end may go on. */
+    size_t settled() const { return settled_; }
 
   private:
+    size_t seen_ = 0;
+    size_t settled_ = 0;
     int depth_ = 0;
     bool in_text_ = false;
     bool escaped_ = false;

@@ -17,6 +17,12 @@ constexpr char unit_name[] = "router";
 constexpr size_t parse_flags = JSON_REJECT_DUPLICATES | JSON_DISABLE_EOF_CHECK | JSON_DECODE_ANY;
 constexpr size_t max_discarded = size_t{64} * 1024;
 
+bool may_become_an_object(std::string_view beginning) {
+    json_error_t error;
+    const Json whole(json_loadb(beginning.data(), beginning.size(), parse_flags, &error));
+    return !whole && json_error_code(&error) == json_error_premature_end_of_input;
+}
+
 } // namespace
 
 bool OneShot::start() {
@@ -77,7 +83,7 @@ void OneShot::read_request() {
             take_bytes({bytes, static_cast<size_t>(count)});
         } else if (count == 0) {
             half_closed_ = true;
-            take_request(true);
+            take_request();
         } else if (errno != EINTR) {
             if (errno != EAGAIN) {
                 close();
@@ -89,20 +95,19 @@ void OneShot::read_request() {
 
 void OneShot::take_bytes(std::string_view bytes) {
     text_ += bytes;
-    const bool is_full = text_.size() >= TAVRIX_ROUTER_MAX_REQUEST;
-    // A text that is wrong from its beginning is found out at once, and again whenever it has doubled.
-    if (scanner_.is_complete_with(bytes) || is_full || text_.size() >= 2 * tried_) {
-        take_request(is_full);
+    if (scanner_.is_complete_with(bytes) || text_.size() >= TAVRIX_ROUTER_MAX_REQUEST) {
+        take_request();
+    } else if (text_.size() >= 2 * tried_) {
+        // A text that is wrong from its beginning is found out at once, and again whenever it has doubled.
+        tried_ = text_.size();
+        if (!may_become_an_object(std::string_view(text_).substr(0, scanner_.settled()))) {
+            take_request();
+        }
     }
 }
 
-void OneShot::take_request(bool at_end) {
-    tried_ = text_.size();
-    json_error_t error;
-    Json request(json_loadb(text_.data(), text_.size(), parse_flags, &error));
-    if (!request && !at_end && json_error_code(&error) == json_error_premature_end_of_input) {
-        return;
-    }
+void OneShot::take_request() {
+    Json request(json_loadb(text_.data(), text_.size(), parse_flags, nullptr));
     if (!json_is_object(request.get())) {
         LOG_FOREIGN("A client sent no JSON object\n");
         refuse(TAVRIX_JRPC_INVALID_REQUEST);

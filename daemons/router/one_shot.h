@@ -33,7 +33,7 @@ class OneShot final : public Client {
 
     void read_request();
     void take_bytes(std::string_view bytes);
-    void take_request(bool at_end);
+    void take_request();
     void watch_for_hang_up();
     void send_rest();
     void refuse(int jrpc_code);
@@ -41,7 +41,7 @@ class OneShot final : public Client {
     State state_ = State::reading;
     std::string text_; ///< the request as far as it has come, then the rest of the answer
     size_t sent_ = 0;
-    size_t tried_ = 0; ///< how much of the request the last attempt to parse it has seen
+    size_t tried_ = 0; ///< how much of the request had come when its beginning was last judged
     bool half_closed_ = false;
     bool was_asked_ = false; ///< whether it is still there, after the half-close
     ObjectScanner scanner_;

@@ -418,6 +418,31 @@ TEST(RouterDaemon, TakesARequestInPieces) {
     }
 }
 
+TEST(RouterDaemon, TakesARequestInTwoPiecesWhereverItIsCut) {
+    Fleet fleet;
+    fleet.start_router({"--client-timeout", "86400000"});
+    const std::string text = R"({"jsonrpc":"2.0","method":"router.Status","id":1,)"
+                             "\"params\":{\"a\":[true,false,null,-1.5e+3,0.25E-2],\"\u00e9\":\"\\\"\\u00e9\\\\\"}}";
+    for (size_t cut = 1; cut < text.size(); ++cut) {
+        const StreamClient client = fleet.connect();
+        client.say(text.substr(0, cut));
+        EXPECT_EQ(member(fleet.ask(request("router.Status", "1")), "id"), "\"router.Status\"") << "it was read";
+        client.say(text.substr(cut));
+        const std::string answer = client.hear();
+        EXPECT_EQ(member(answer, "id"), "\"router.Status\"") << answer << " behind " << text.substr(0, cut);
+    }
+}
+
+TEST(RouterDaemon, RefusesABeginningThatCannotBecomeARequestAtOnce) {
+    Fleet fleet;
+    fleet.start_router({"--client-timeout", "86400000"});
+    for (const char *text : {"{hello", R"({"a":nil)", R"({"a":1,,"b)", R"({"a" "b")", "\"text", "hello", "{]"}) {
+        const StreamClient client = fleet.connect();
+        client.say(text);
+        EXPECT_EQ(code_of(client.hear()), "-32600") << text;
+    }
+}
+
 TEST(RouterDaemon, TakesARequestAsCompleteAtTheHalfClose) {
     Fleet fleet;
     const int port = support::free_port();

@@ -38,11 +38,6 @@ Call::Call(int wanted_number, Client &asking, Service &serving, std::string name
     ++service.users[account_of(client.peer)];
 }
 
-Call::~Call() {
-    const auto user = service.users.find(account_of(client.peer));
-    if (--user->second == 0) {
-        service.users.erase(user);
-    }
-}
+Call::~Call() { drop_one(service.users, account_of(client.peer)); }
 
 } // namespace router

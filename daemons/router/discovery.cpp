@@ -82,10 +82,21 @@ int Router::on_describe(Own &own) {
         return TAVRIX_JRPC_INVALID_PARAMS;
     }
     session.service->document = share(document);
+    discovered_.reset();
     return 0;
 }
 
+/** Made once for all who ask, until a service comes, goes or says more of itself: it is a thousand times a call's work.
+ */
 int Router::on_discover(Own &own) {
+    if (!discovered_) {
+        discovered_ = discover();
+    }
+    own.result = share(discovered_);
+    return own.result ? 0 : TAVRIX_JRPC_INTERNAL_ERROR;
+}
+
+Json Router::discover() const {
     Json methods(json_array());
     std::set<std::string> names;
     const auto add = [&](json_t *method) {
@@ -111,10 +122,9 @@ int Router::on_discover(Own &own) {
             add(json_array_get(described, i));
         }
     }
-    own.result.reset(json_pack("{s:s, s:{s:s, s:s}, s:o, s:{s:o}}", "openrpc", openrpc_version, "info", "title",
-                               "tavrix", "version", TAVRIX_VERSION, "methods", methods.release(), "components",
-                               "errors", catalogue().release()));
-    return own.result ? 0 : TAVRIX_JRPC_INTERNAL_ERROR;
+    return Json(json_pack("{s:s, s:{s:s, s:s}, s:o, s:{s:o}}", "openrpc", openrpc_version, "info", "title", "tavrix",
+                          "version", TAVRIX_VERSION, "methods", methods.release(), "components", "errors",
+                          catalogue().release()));
 }
 
 } // namespace router

@@ -1,28 +1,28 @@
 #include "foreign_log.h"
 
-#include "common/loop.h"
-
 namespace router {
 
 namespace {
 
 constexpr char unit_name[] = "router";
-constexpr unsigned lines_per_second = 100;
+constexpr unsigned most_of_clients = 100;
+constexpr unsigned most_of_services = 1000; // all of them may go at once, and come back
 
 } // namespace
 
-bool may_log_foreign_line() {
-    static daemon_support::Clock::time_point begin;
-    static unsigned count = 0;
+bool LogBudget::has_room() {
     const auto now = daemon_support::Clock::now();
-    if (now - begin >= std::chrono::seconds(1)) {
-        if (count > lines_per_second) {
-            LOG_WARNING("%u more lines about clients and services were left out\n", count - lines_per_second);
+    if (now - begin_ >= std::chrono::seconds(1)) {
+        if (count_ > most_) {
+            LOG_WARNING("%u more lines about %s were left out\n", count_ - most_, about_);
         }
-        begin = now;
-        count = 0;
+        begin_ = now;
+        count_ = 0;
     }
-    return ++count <= lines_per_second;
+    return ++count_ <= most_;
 }
+
+LogBudget lines_of_clients(most_of_clients, "clients and services");
+LogBudget lines_of_services(most_of_services, "services that come and go");
 
 } // namespace router

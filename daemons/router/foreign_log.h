@@ -5,19 +5,35 @@
 #define TAVRIX_DAEMONS_ROUTER_FOREIGN_LOG_H
 
 #include "common/log.h"
+#include "common/loop.h"
 
 namespace router {
 
-/** Whether one more of these lines may be written in this second. */
-bool may_log_foreign_line();
+class LogBudget {
+  public:
+    LogBudget(unsigned lines_per_second, const char *about) : most_(lines_per_second), about_(about) {}
+    /** Whether one more of these lines may be written in this second. */
+    bool has_room();
+
+  private:
+    const unsigned most_;
+    const char *const about_;
+    daemon_support::Clock::time_point begin_;
+    unsigned count_ = 0;
+};
+
+extern LogBudget lines_of_clients;
+/** For those who may register. They have their own: strangers must not crowd out that a service has gone. */
+extern LogBudget lines_of_services;
 
 } // namespace router
 
-#define LOG_FOREIGN(...)                                                                                               \
+#define LOG_WITHIN(budget, line)                                                                                       \
     do {                                                                                                               \
-        if (may_log_foreign_line()) {                                                                                  \
-            LOG_WARNING(__VA_ARGS__);                                                                                  \
+        if ((budget).has_room()) {                                                                                     \
+            line;                                                                                                      \
         }                                                                                                              \
     } while (0)
+#define LOG_FOREIGN(...) LOG_WITHIN(lines_of_clients, LOG_WARNING(__VA_ARGS__))
 
 #endif

@@ -6,6 +6,7 @@
 #include <climits>
 #include <csignal>
 #include <cstring>
+#include <numeric>
 #include <random>
 
 #include <sys/resource.h>
@@ -33,6 +34,7 @@ constexpr char unit_name[] = "router";
 constexpr milliseconds probe_interval{200};
 constexpr std::chrono::seconds probe_time{5};
 constexpr int max_settle_probes = 1000; // five seconds
+constexpr size_t most_reloads = 20;     // a second
 constexpr char own_prefix[] = "router.";
 constexpr char register_method[] = "router.Register";
 constexpr char describe_method[] = "router.Describe";
@@ -220,7 +222,7 @@ void Router::admit(int descriptor, Road road) {
         auto added = std::make_unique<Kind>(*this, descriptor, std::move(peer));
         owner.forget();
         Kind *client = added.get();
-        int &places = users_[account];
+        size_t &places = users_[account];
         clients_.push_back(std::move(added));
         client->place = std::prev(clients_.end());
         ++places;
@@ -256,10 +258,7 @@ void Router::out_of_memory(Client *client) {
 
 /** The client's connection is closed: what it has asked is nobody's any more. */
 void Router::bury(Client &client) {
-    const auto user = users_.find(account_of(client.peer));
-    if (user != users_.end() && --user->second == 0) {
-        users_.erase(user);
-    }
+    drop_one(users_, account_of(client.peer));
     while (!client.calls.empty()) {
         Call &call = *client.calls.front();
         guard(nullptr, [&] {
@@ -269,11 +268,12 @@ void Router::bury(Client &client) {
         finish(call, Outcome::cancelled, nullptr);
     }
     graveyard_.splice(graveyard_.end(), clients_, client.place);
-    event_active(turn_end_.get(), 0, 0);
+    end_turn();
 }
 
 void Router::on_session_end(Session &session) {
     sessions_.remove(&session);
+    Turns::leave(*session.account, session);
     if (session.service != nullptr) {
         Service &service = *session.service;
         session.service = nullptr;
@@ -286,6 +286,55 @@ void Router::flush_later(Session &session) {
     if (!session.is_to_flush) {
         session.is_to_flush = true;
         to_flush_.push_back(&session);
+        end_turn();
+    }
+}
+
+std::shared_ptr<Account> Router::account_for(const Peer &peer) {
+    for (auto entry = accounts_.begin(); entry != accounts_.end();) {
+        entry = entry->second.expired() ? accounts_.erase(entry) : std::next(entry);
+    }
+    std::weak_ptr<Account> &known = accounts_[account_of(peer)];
+    std::shared_ptr<Account> account = known.lock();
+    if (account == nullptr) {
+        known = account = std::make_shared<Account>();
+    }
+    return account;
+}
+
+void Router::serve_now(Session &session) {
+    guard(&session, [&] {
+        session.is_waiting = false;
+        serving_since_ = Clock::now();
+        session.read();
+        turns_.use(session.account, Clock::now() - serving_since_);
+        end_turn();
+    });
+}
+
+void Router::serve(Session &session) {
+    const Account &account = *session.account;
+    if (session.service != nullptr || (account.waiting.empty() && Turns::has_time(account))) {
+        serve_now(session); // a service's replies are others' answers: they do not wait for its user's time
+    } else {
+        guard(&session, [&] { wait_for_turn(session); });
+    }
+}
+
+void Router::wait_for_turn(Session &session) {
+    if (!session.is_waiting) {
+        turns_.wait(session.account, session);
+        session.is_waiting = true;
+    }
+    end_turn();
+}
+
+bool Router::is_turn_over(const Session &session) const {
+    return !Turns::has_time(*session.account, Clock::now() - serving_since_);
+}
+
+void Router::end_turn() {
+    if (!is_turn_ending_) {
         event_active(turn_end_.get(), 0, 0);
     }
 }
@@ -293,6 +342,8 @@ void Router::flush_later(Session &session) {
 /** Everything that one turn has written to a session leaves in one piece. */
 void Router::on_turn_end(evutil_socket_t /*descriptor*/, short /*what*/, void *context) {
     auto *self = static_cast<Router *>(context);
+    self->is_turn_ending_ = true;
+    const bool is_any_waiting = self->turns_.begin([self](Session &session) { self->serve_now(session); });
     for (size_t i = 0; i < self->to_flush_.size(); ++i) { // a flush that ends a session may write to others
         Session *session = self->to_flush_[i];
         session->is_to_flush = false;
@@ -300,6 +351,10 @@ void Router::on_turn_end(evutil_socket_t /*descriptor*/, short /*what*/, void *c
     }
     self->to_flush_.clear();
     self->graveyard_.clear();
+    self->is_turn_ending_ = false;
+    if (is_any_waiting) {
+        add_after(self->turn_end_, milliseconds(0)); // behind whatever has come for others meanwhile
+    }
 }
 
 // --- Requests ------------------------------------------------------------------------------------------------------
@@ -483,8 +538,30 @@ void Router::forward(Client &client, const std::string &method, Json request, co
     }
 }
 
+/** Each reload makes every daemon read a file and log a line: a few a second are enough for whoever means well. */
+bool Router::may_reload(const Client &client) {
+    const auto now = Clock::now();
+    if (now - reloads_since_ >= std::chrono::seconds(1)) {
+        reloads_.clear();
+        reloads_since_ = now;
+    }
+    const size_t total = std::accumulate(reloads_.begin(), reloads_.end(), size_t{0},
+                                         [](size_t sum, const auto &share) { return sum + share.second; });
+    if (!has_room(reloads_, account_of(client.peer), total, most_reloads)) {
+        return false;
+    }
+    ++reloads_[account_of(client.peer)];
+    return true;
+}
+
 /** Every service is told, and the first that has obeyed answers; without any the router has, and answers itself. */
 void Router::reload(Client &client, Json request, const BatchPlace &batch) {
+    if (!may_reload(client)) {
+        ++statistics_.busy;
+        client.answer(make_error(TAVRIX_JRPC_SYSTEM_BUSY, request.get(), message_data("too often: wait a second")),
+                      batch);
+        return;
+    }
     tavrix_lsyslog_is_json_method_lsyslog(daemon_support::reload_method); // the router's own logger rereads too
     Service &everybody = registry_.listeners_on(TAVRIX_CHANNEL_DEFAULT);
     if (is_overloaded(everybody, client, request.get(), batch)) {
@@ -672,7 +749,8 @@ int Router::hear_hello(const std::string &name, const std::string &channel) {
         return TAVRIX_ERR_INVALID_PARAMETER;
     }
     if (is_new) {
-        LOG_INFO("Service %s settled on channel %s\n", printable(name).c_str(), printable(channel).c_str());
+        LOG_WITHIN(lines_of_services,
+                   LOG_INFO("Service %s settled on channel %s\n", printable(name).c_str(), printable(channel).c_str()));
     }
     const Json welcome =
         make_notification(daemon_support::welcome_method, Json(json_pack("{s:s}", "name", name.c_str())));
@@ -723,8 +801,10 @@ void Router::end_registration(Service &service, Json answer) {
 
 void Router::up(Service &service) {
     service.state = Service::State::up;
+    discovered_.reset();
     service.since = std::time(nullptr);
-    LOG_INFO("Service %s settled on channel %s\n", printable(service.name).c_str(), printable(service.channel).c_str());
+    LOG_WITHIN(lines_of_services, LOG_INFO("Service %s settled on channel %s\n", printable(service.name).c_str(),
+                                           printable(service.channel).c_str()));
     end_registration(service, make_result(share(service.registration.id), nullptr, Json(json_integer(TAVRIX_OK))));
     tell_services(make_notification("router.ServiceUp", describe(service)), service);
 }
@@ -735,11 +815,14 @@ void Router::gone(Service &service) {
     service.since = std::time(nullptr);
     service.session = nullptr;
     service.document.reset();
+    discovered_.reset();
     for (const int endpoint : service.endpoints) {
         bus_.disconnect(endpoint);
     }
     service.endpoints.clear();
-    guard(nullptr, [&service] { LOG_WARNING("Service %s has gone\n", printable(service.name).c_str()); });
+    guard(nullptr, [&service] {
+        LOG_WITHIN(lines_of_services, LOG_WARNING("Service %s has gone\n", printable(service.name).c_str()));
+    });
     while (!service.calls.empty()) {
         Call &call = *service.calls.front();
         Json answer;

@@ -16,6 +16,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "account.h"
 #include "bus.h"
 #include "client.h"
 #include "common/loop.h"
@@ -67,6 +68,13 @@ class Router {
     void bury(Client &client);
     void on_session_end(Session &session);
     void flush_later(Session &session);
+    /** Of the session's user; shared by all his sessions. */
+    std::shared_ptr<Account> account_for(const Peer &peer);
+    /** Serves the session now or, when its user's part of this turn is used up, in the next. */
+    void serve(Session &session);
+    /** Remembers a session that has more to do than its turn had time for. */
+    void wait_for_turn(Session &session);
+    bool is_turn_over(const Session &session) const;
     void count_refused() { ++statistics_.refused; }
     void count_dropped() { ++statistics_.dropped; }
     /** Runs what a client's event is for; without memory for it the client is closed, and nobody else notices. */
@@ -119,6 +127,8 @@ class Router {
     // Clients
     template <class Kind>
     void admit(int descriptor, Road road);
+    void serve_now(Session &session);
+    void end_turn();
     void turn_away(int descriptor, Road road);
     void out_of_memory(Client *client);
 
@@ -128,6 +138,7 @@ class Router {
     bool run_own(Client &client, const std::string &method, json_t *request, const BatchPlace &batch);
     void answer_locked(Client &client, json_t *request, const BatchPlace &batch);
     void answer_timed_out(const Call &call, Json *answer) const;
+    bool may_reload(const Client &client);
     void reload(Client &client, Json request, const BatchPlace &batch);
     bool is_overloaded(const Service &service, Client &client, const json_t *request, const BatchPlace &batch);
     void forward(Client &client, const std::string &method, Json request, const BatchPlace &batch);
@@ -170,6 +181,7 @@ class Router {
     int on_register(Own &own);
     int on_describe(Own &own);
     int on_discover(Own &own);
+    Json discover() const;
     int on_subscribe(Own &own);
     int on_unsubscribe(Own &own);
     int on_monitor(Own &own);
@@ -195,10 +207,17 @@ class Router {
 
     std::list<std::unique_ptr<Client>> clients_;
     std::list<std::unique_ptr<Client>> graveyard_;
-    std::map<int64_t, int> users_; ///< how many clients, by whom
+    Shares users_;                                       ///< how many clients, by whom
+    std::map<int64_t, std::weak_ptr<Account>> accounts_; ///< of those who have sessions
+    Turns turns_;
+    daemon_support::Clock::time_point serving_since_;
+    bool is_turn_ending_ = false;
+    Shares reloads_; ///< in this second, by whom
+    daemon_support::Clock::time_point reloads_since_;
     std::vector<Session *> to_flush_;
     std::list<Session *> sessions_;
     std::unordered_map<int, std::unique_ptr<Call>> calls_;
+    Json discovered_; ///< what rpc.discover answers; null when that has changed
     int last_number_;
     bool locked_ = false;
     daemon_support::Clock::time_point probe_until_;

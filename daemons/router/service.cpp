@@ -122,13 +122,4 @@ bool Registry::heard_on(const std::string &channel) const {
     return std::any_of(heard_.begin(), heard_.end(), [&channel](const auto &entry) { return entry.second == channel; });
 }
 
-int64_t account_of(const Peer &peer) { return peer.known ? static_cast<int64_t>(peer.user) : -1; }
-
-bool has_room(const std::map<int64_t, int> &users, int64_t account, size_t total, size_t most) {
-    const auto found = users.find(account);
-    const size_t own = found != users.end() ? static_cast<size_t>(found->second) : 0;
-    const size_t left_by_others = most - std::min(most, total - own);
-    return total < most && own < (left_by_others + 1) / 2;
-}
-
 } // namespace router

@@ -12,6 +12,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "account.h"
 #include "client.h"
 #include "tavrix_jrpc.h"
 
@@ -46,10 +47,10 @@ struct Service {
     std::time_t since = std::time(nullptr);
     Session *session = nullptr; ///< while it is registered
     Registration registration;
-    std::vector<int> endpoints;   ///< of the bus
-    int probes = 0;               ///< published while it settles
-    std::list<Call *> calls;      ///< in flight
-    std::map<int64_t, int> users; ///< how many of them by whom
+    std::vector<int> endpoints; ///< of the bus
+    int probes = 0;             ///< published while it settles
+    std::list<Call *> calls;    ///< in flight
+    Shares users;               ///< how many of them by whom
 };
 
 const char *name_of(Service::State state);
@@ -101,15 +102,6 @@ class Registry {
     std::map<std::string, Service> channels_;
     std::map<std::string, std::string> heard_; ///< name and channel
 };
-
-/** A user as the one whom places are counted for: everybody who comes over TCP is one. */
-int64_t account_of(const Peer &peer);
-
-/**
- * Whether one more is to be had: at most `most` in all, and nobody more than half of what the others leave, so that the
- * last place is never taken by him who has taken all the others.
- */
-bool has_room(const std::map<int64_t, int> &users, int64_t account, size_t total, size_t most);
 
 } // namespace router
 

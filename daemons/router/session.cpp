@@ -3,6 +3,7 @@
 #include <array>
 #include <cerrno>
 
+#include <malloc.h>
 #include <sys/socket.h>
 
 #include "common/log.h"
@@ -19,16 +20,21 @@ constexpr size_t max_line = size_t{64} * 1024; // with its newline
 constexpr size_t max_service_line =
     size_t{9} * 1024 * 1024; // a reply as large as a bus message, 8 MiB, and its envelope
 constexpr size_t max_description_line = max_document + 1024;
-constexpr size_t bytes_per_turn =
-    size_t{8} * 1024;             // of a client: some dozen requests, before the others have their turn
-constexpr size_t max_batch = 256; // a turn's work is bounded, however cheap the requests are to write
+constexpr size_t bytes_per_turn = size_t{8} * 1024; // of a client: some dozen requests
+constexpr size_t max_batch = 256;                   // is one turn's work, however cheap the requests are to write
 constexpr size_t max_unread_with_notifications = size_t{1024} * 1024;
 constexpr size_t max_unread = size_t{8} * 1024 * 1024;
+constexpr size_t max_unread_of_user = size_t{64} * 1024 * 1024; // of all his sessions; beyond it
+constexpr size_t unread_in_any_case = size_t{64} * 1024;        // each has this still
+constexpr size_t large_line = size_t{1024} * 1024;
 
 /** One turn's bytes of whichever session: nothing stays here from one turn to the next. */
 std::array<char, max_line> shared_bytes;
 
 } // namespace
+
+Session::Session(Router &router, int descriptor, Peer who)
+    : Client(router, descriptor, std::move(who)), account(router.account_for(peer)) {}
 
 bool Session::start() {
     readable_.reset(event_new(router_.base(), descriptor_, EV_READ | EV_PERSIST, on_readable, this));
@@ -39,7 +45,7 @@ bool Session::start() {
 
 void Session::on_readable(evutil_socket_t /*descriptor*/, short /*what*/, void *context) {
     auto *self = static_cast<Session *>(context);
-    self->router_.guard(self, [self] { self->read_lines(); });
+    self->router_.serve(*self);
 }
 
 void Session::on_writable(evutil_socket_t /*descriptor*/, short /*what*/, void *context) {
@@ -53,13 +59,22 @@ void Session::on_close() {
             event_del(watch->get());
         }
     }
+    account->unread -= std::exchange(counted_, 0);
     router_.on_session_end(*this);
 }
 
 // --- Lines in ------------------------------------------------------------------------------------------------------
 
 /** One read in each turn: a session that floods the router waits for its next turn like all others. */
-void Session::read_lines() {
+void Session::read() {
+    if (is_closed() || ending_ || broken_) {
+        return;
+    }
+    if (!held_.empty()) {
+        const std::string bytes = std::exchange(held_, {});
+        take_bytes(bytes);
+        return;
+    }
     const bool has_long_line = service != nullptr || partial_.size() >= bytes_per_turn;
     const ssize_t count =
         recv(descriptor_, shared_bytes.data(), has_long_line ? shared_bytes.size() : bytes_per_turn, MSG_DONTWAIT);
@@ -102,6 +117,11 @@ void Session::take_bytes(std::string_view bytes) {
             take_line(line);
         }
         bytes.remove_prefix(end + 1);
+        if (!bytes.empty() && service == nullptr && router_.is_turn_over(*this)) {
+            held_ = bytes;
+            router_.wait_for_turn(*this);
+            return;
+        }
     }
 }
 
@@ -112,6 +132,9 @@ void Session::take_line(std::string_view line) {
     Json value(json_loadb(line.data(), line.size(), JSON_REJECT_DUPLICATES | JSON_DECODE_ANY, nullptr));
     if (json_is_object(value.get())) {
         take_object(std::move(value), nullptr);
+        if (line.size() > large_line) {
+            malloc_trim(0); // a large reply of many small values would be kept in pieces for ever
+        }
         return;
     }
     if (json_is_array(value.get()) && json_array_size(value.get()) > 0) {
@@ -207,6 +230,7 @@ bool Session::add_line(std::string_view line) {
     if (line.empty() || evbuffer_add_iovec(out_.get(), parts, 2) != line.size() + 1) {
         return false;
     }
+    count_unread();
     router_.flush_later(*this);
     return true;
 }
@@ -242,6 +266,7 @@ void Session::answer(Json message, const BatchPlace &batch) {
     const size_t before = batch->answers.size();
     batch->answers.append(before > 0 && !text.empty() ? "," : "").append(text);
     batched_ += batch->answers.size() - before;
+    count_unread();
     complete(batch);
 }
 
@@ -279,14 +304,22 @@ void Session::tell_of_loss() {
 bool Session::send_what_fits() {
     while (unread() > 0) {
         if (evbuffer_write(out_.get(), descriptor_) < 0) {
+            count_unread();
             return errno == EAGAIN || errno == EINTR;
         }
     }
+    count_unread();
     return true;
+}
+
+void Session::count_unread() {
+    const size_t now = is_closed() ? 0 : unread() + batched_;
+    account->unread += now - std::exchange(counted_, now);
 }
 
 /** What has been written in this turn counts only when the session does not take it. */
 bool Session::has_unread_beyond(size_t bound) {
+    bound = account->unread > max_unread_of_user ? unread_in_any_case : bound;
     if (unread() > bound && !is_closed() && !broken_ && !send_what_fits()) {
         give_up("A session's connection has failed");
     }

@@ -8,16 +8,19 @@
 #include <string_view>
 #include <vector>
 
+#include "account.h"
 #include "client.h"
 
 namespace router {
 
 class Session final : public Client {
   public:
-    Session(Router &router, int descriptor, Peer who) : Client(router, descriptor, std::move(who)) {}
+    Session(Router &router, int descriptor, Peer who);
 
     /** Begins to read; false when the session cannot be watched. */
     bool start();
+    /** Takes what has come, as far as its user's time goes. */
+    void read();
 
     void answer(Json message, const BatchPlace &batch) override;
     void refuse_notification(const std::string &method, const BatchPlace &batch) override;
@@ -34,13 +37,14 @@ class Session final : public Client {
     std::vector<std::string> subscribed;
     std::vector<std::string> monitored;
     bool is_to_flush = false;
+    bool is_waiting = false; ///< for its next turn
+    const std::shared_ptr<Account> account;
 
   private:
     static void on_readable(evutil_socket_t descriptor, short what, void *context);
     static void on_writable(evutil_socket_t descriptor, short what, void *context);
     void on_close() override;
 
-    void read_lines();
     void take_bytes(std::string_view bytes);
     void take_line(std::string_view line);
     void take_object(Json object, const BatchPlace &batch);
@@ -53,17 +57,20 @@ class Session final : public Client {
     size_t longest_line() const;
     bool send_what_fits();
     bool has_unread_beyond(size_t bound);
+    void count_unread();
     size_t unread() const { return out_ ? evbuffer_get_length(out_.get()) : 0; }
     bool add_line(std::string_view line);
     void write_line(std::string_view line);
     void give_up(const char *why);
     void tell_of_loss();
 
+    std::string held_;    ///< what has come and waits for the next turn
     std::string partial_; ///< the beginning of a line
     daemon_support::Event readable_;
     daemon_support::Event writable_;
     daemon_support::Buffer out_;
     size_t batched_ = 0; ///< bytes of answers that wait for the rest of their batch
+    size_t counted_ = 0; ///< of what is unread, in the account
     json_int_t lost_ = 0;
     bool ending_ = false; ///< nothing more is read; closed when everything is answered
     bool broken_ = false; ///< closed at the end of the turn: whoever writes to it may be walking along all sessions

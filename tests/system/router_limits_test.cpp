@@ -180,6 +180,82 @@ TEST_F(RouterFairness, ServesOneUserBesideTheFloodOfAnother) {
     flooding.join();
 }
 
+TEST_F(RouterFairness, ServesOneUserBeforeAllThatAnotherHasAsked) {
+    start();
+    constexpr int sessions = 20;
+    constexpr int lines_of_each = 4000;
+    std::vector<SessionClient> flood;
+    for (int i = 0; i < sessions; ++i) {
+        flood.push_back(strange_session());
+        EXPECT_EQ(member(flood.back().ask(request("router.Status", "1")), "id"), "1");
+    }
+    std::vector<SessionClient> good(3);
+    for (SessionClient &session : good) {
+        EXPECT_EQ(member(session.ask(request("router.Status", "1")), "id"), "1");
+    }
+    std::string rubbish;
+    for (int i = 0; i < lines_of_each; ++i) {
+        rubbish += "1\n";
+    }
+    fleet.router->signal(SIGSTOP);
+    for (SessionClient &session : flood) {
+        session.say_bytes(rubbish);
+    }
+    for (SessionClient &session : good) {
+        session.say(request("router.Status", "2"));
+    }
+    fleet.router->signal(SIGCONT);
+    for (SessionClient &session : good) {
+        const int refused = std::stoi(member(member(session.hear(), "result"), "refused"));
+        EXPECT_LT(refused, sessions * lines_of_each / 2) << "the flood had not been served when the good one was";
+    }
+    EXPECT_TRUE(support::wait_until(
+        [&] { return std::stoi(status_of(fleet, "refused")) == sessions * lines_of_each; })) // but it is, in the end
+        << status_of(fleet, "refused");
+}
+
+TEST_F(RouterFairness, BoundsWhatTheSessionsOfOneUserLeaveUnread) {
+    start();
+    const std::string question = request("rpc.discover", "1") + "\n";
+    SessionClient measuring;
+    const size_t answer = measuring.ask(request("rpc.discover", "1")).size();
+    std::vector<SessionClient> deaf;
+    for (int i = 0; i < 12; ++i) {
+        deaf.push_back(strange_session());
+        for (size_t asked = 0; asked < size_t{7} * 1024 * 1024; asked += answer) { // fewer than each may leave
+            deaf.back().say_bytes(question);
+        }
+    }
+    EXPECT_TRUE(fleet.router->says("A session does not read its answers"));
+    SessionClient small = strange_session();
+    EXPECT_EQ(member(small.ask(request("router.Status", "1")), "id"), "1") << "the same user, who reads now";
+    SessionClient large;
+    large.say_bytes(question + question + question + question);
+    for (int i = 0; i < 4; ++i) {
+        EXPECT_EQ(member(large.hear(), "id"), "1") << "another user";
+    }
+}
+
+TEST_F(RouterLimits, RereadsLogLevelsOnlySoOftenForOneUser) {
+    start();
+    SessionClient client;
+    std::string burst;
+    for (int i = 0; i < 11; ++i) {
+        burst += request("logger.ReloadConf", std::to_string(i)) + "\n";
+    }
+    client.say_bytes(burst);
+    for (int i = 0; i < 10; ++i) {
+        EXPECT_EQ(member(client.hear(), "result"), "0") << i;
+    }
+    const std::string busy = client.hear();
+    EXPECT_EQ(code_of(busy), "-32014") << busy;
+    const StreamClient over_tcp = StreamClient::tcp_port(port);
+    over_tcp.say(request("logger.ReloadConf", "1"));
+    EXPECT_EQ(member(over_tcp.hear(), "result"), "0") << "another user";
+    EXPECT_TRUE(
+        support::wait_until([&] { return member(client.ask(request("logger.ReloadConf", "12")), "result") == "0"; }));
+}
+
 // --- Requests in flight --------------------------------------------------------------------------------------------
 
 TEST_F(RouterLimits, BoundsTheRequestsInFlightOfEachService) {

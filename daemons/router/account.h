@@ -1,0 +1,80 @@
+/**
+ * What one user has of the router: places, and parts of its time and its memory.
+ */
+#ifndef TAVRIX_DAEMONS_ROUTER_ACCOUNT_H
+#define TAVRIX_DAEMONS_ROUTER_ACCOUNT_H
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <memory>
+#include <vector>
+
+#include "common/loop.h"
+#include "policy.h"
+
+namespace router {
+
+class Session;
+
+/** A user as the one whom things are counted for: everybody who comes over TCP is one. */
+int64_t account_of(const Peer &peer);
+
+/** How many of something each user has. */
+using Shares = std::map<int64_t, size_t>;
+
+/**
+ * Whether one more is to be had: at most `most` in all, and nobody more than half of what the others leave, so that the
+ * last place is never taken by him who has taken all the others.
+ */
+bool has_room(const Shares &shares, int64_t account, size_t total, size_t most);
+void drop_one(Shares &shares, int64_t account);
+
+/** What the sessions of one user have together. */
+struct Account {
+    size_t unread = 0;                       ///< bytes that wait in the router because they are not read
+    daemon_support::Clock::duration used{0}; ///< of this turn of the loop
+    std::deque<Session *> waiting;           ///< for the next turn, since this one's time is used up
+    bool is_noted = false;                   ///< among those whose turn is to end
+};
+
+/**
+ * Who has how much of a turn of the loop. A user whose part is used up waits for the next turn, and his sessions are
+ * served in the order in which they came: who asks for much delays himself.
+ */
+class Turns {
+  public:
+    /** Whether the account has time left when this much more of it is used. */
+    static bool has_time(const Account &account, daemon_support::Clock::duration more = {});
+    void use(const std::shared_ptr<Account> &account, daemon_support::Clock::duration time);
+    void wait(const std::shared_ptr<Account> &account, Session &session);
+    static void leave(Account &account, const Session &session);
+
+    /** Begins the next turn with those who have waited, as far as the time goes; true when some wait on. */
+    template <class Serve>
+    bool begin(Serve serve) {
+        for (const auto &account : noted_) {
+            account->used = {};
+        }
+        for (size_t i = 0; i < noted_.size(); ++i) { // whoever is served may note another
+            const std::shared_ptr<Account> account = noted_[i];
+            while (!account->waiting.empty() && has_time(*account)) {
+                Session *session = account->waiting.front();
+                account->waiting.pop_front();
+                serve(*session);
+            }
+        }
+        return forget_the_idle();
+    }
+
+  private:
+    void note(const std::shared_ptr<Account> &account);
+    bool forget_the_idle();
+
+    std::vector<std::shared_ptr<Account>> noted_;
+};
+
+} // namespace router
+
+#endif

@@ -31,6 +31,14 @@ bool OneShot::start() {
     if (is_closed()) {
         return true; // answered already: most clients send their request before they are accepted
     }
+    if (state_ == State::waiting && !half_closed_) {
+        deadline_.take(router_.patience(), *this); // most are answered before anybody has to look whether they go
+        return true;
+    }
+    return watch();
+}
+
+bool OneShot::watch() {
     // Edge-triggered: an end of file that is already known must not wake the loop again and again.
     readable_.reset(event_new(router_.base(), descriptor_, EV_READ | EV_ET | EV_PERSIST, on_readable, this));
     return readable_ && event_add(readable_.get(), nullptr) == 0;
@@ -64,6 +72,14 @@ void OneShot::on_close() {
 
 void OneShot::time_out() {
     deadline_.leave();
+    if (state_ == State::waiting) {
+        if (watch()) {
+            watch_for_hang_up();
+        } else {
+            close();
+        }
+        return;
+    }
     if (state_ == State::writing) {
         LOG_FOREIGN("A client did not take its answer\n");
         close();

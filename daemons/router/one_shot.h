@@ -17,7 +17,7 @@ class OneShot final : public Client {
 
     /** Begins to read; false when the client cannot be watched. */
     bool start();
-    /** The time for asking, or for taking the answer, is over. */
+    /** The time for asking, or for taking the answer, is over; or the one after which its going is watched for. */
     void time_out();
 
     void answer(Json message, const BatchPlace &batch) override;
@@ -31,6 +31,7 @@ class OneShot final : public Client {
     static void on_writable(evutil_socket_t descriptor, short what, void *context);
     void on_close() override;
 
+    bool watch();
     void read_request();
     void take_bytes(std::string_view bytes);
     void take_request();

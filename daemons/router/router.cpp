@@ -32,6 +32,7 @@ using std::chrono::milliseconds;
 
 constexpr char unit_name[] = "router";
 constexpr milliseconds probe_interval{200};
+constexpr milliseconds time_unwatched{20};
 constexpr std::chrono::seconds probe_time{5};
 constexpr int max_settle_probes = 1000; // five seconds
 constexpr size_t most_reloads = 20;     // a second
@@ -140,17 +141,18 @@ bool Router::make_bus_folder() const {
 }
 
 bool Router::open_timers() {
-    client_deadlines_ = std::make_unique<daemon_support::Deadlines<OneShot>>(
-        base(), milliseconds(config_.client_timeout_ms),
-        [this](OneShot &client) { guard(&client, [&client] { client.time_out(); }); });
+    const auto time_out = [this](OneShot &client) { guard(&client, [&client] { client.time_out(); }); };
+    client_deadlines_ =
+        std::make_unique<daemon_support::Deadlines<OneShot>>(base(), milliseconds(config_.client_timeout_ms), time_out);
+    patience_ = std::make_unique<daemon_support::Deadlines<OneShot>>(base(), time_unwatched, time_out);
     call_deadlines_ = std::make_unique<daemon_support::Deadlines<Call>>(
         base(), milliseconds(config_.reply_timeout_ms),
         [this](Call &call) { guard(&call.client, [this, &call] { expire(call); }); });
     turn_end_.reset(event_new(base(), -1, 0, on_turn_end, this));
     probe_timer_.reset(event_new(base(), -1, 0, on_probe_timer, this));
     settle_timer_.reset(event_new(base(), -1, EV_PERSIST, on_settle_timer, this));
-    bool added = client_deadlines_->works() && call_deadlines_->works() && turn_end_ && probe_timer_ && settle_timer_ &&
-                 add_after(probe_timer_, probe_interval);
+    bool added = client_deadlines_->works() && patience_->works() && call_deadlines_->works() && turn_end_ &&
+                 probe_timer_ && settle_timer_ && add_after(probe_timer_, probe_interval);
     for (const int number : {SIGTERM, SIGINT, SIGHUP}) {
         signals_.emplace_back(evsignal_new(base(), number, on_signal, this));
         added = added && signals_.back() && event_add(signals_.back().get(), nullptr) == 0;

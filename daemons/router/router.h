@@ -60,6 +60,8 @@ class Router {
     // For clients and sessions.
     event_base *base() const { return base_.get(); }
     daemon_support::Deadlines<OneShot> &client_deadlines() { return *client_deadlines_; }
+    /** For clients that wait for their answer: after this time they are watched, lest they have gone. */
+    daemon_support::Deadlines<OneShot> &patience() { return *patience_; }
     std::string_view render(const json_t *value) { return renderer_.render(value); }
     void take_request(Client &client, Json request, const BatchPlace &batch);
     /** From a direct service, or from the bus for null. */
@@ -195,6 +197,7 @@ class Router {
     Statistics statistics_;
     Registry registry_;
     std::unique_ptr<daemon_support::Deadlines<OneShot>> client_deadlines_;
+    std::unique_ptr<daemon_support::Deadlines<OneShot>> patience_;
     std::unique_ptr<daemon_support::Deadlines<Call>> call_deadlines_;
     Bus bus_;
     Listener unix_listener_;

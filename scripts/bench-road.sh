@@ -191,6 +191,7 @@ rows_crowd() {
     absolute "64 clients at once, direct, p99" "<= 15 ms" p99_us crowd_direct
 }
 
+session_bare() { session_call bare-ipc.sock 1; }
 session_tcp() { session_call tcp.session 1; }
 session_ipc() { session_call ipc.session 1; }
 session_direct() { session_call direct.session 1; }
@@ -199,9 +200,11 @@ pipeline_ipc() { session_call ipc.session 64; }
 
 rows_session() {
     start_bare tcp
+    start_bare ipc
     start_bus tcp
     start_bus ipc
     start_direct
+    compare_calls "one session, one call at a time, by hand over ipc : bare" "-" bare_tcp session_bare
     compare_calls "one session, one call at a time, bus over tcp : bare" "-" bare_tcp session_tcp
     compare_calls "one session, one call at a time, bus over ipc : bare" ">= 1.3" bare_tcp session_ipc
     compare_calls "one session, one call at a time, direct : bare" ">= 2.0" bare_tcp session_direct

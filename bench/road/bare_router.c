@@ -1,6 +1,7 @@
 /*
  * The router's road by hand, for comparison: one request at a time from a unix socket to the bus, and its reply back.
  * It does what the road cannot do without, and nothing that makes a router: no checks, no table, no one else served.
+ * A request with a newline begins a session: its connection is kept, and its answers carry its own ids.
  *
  *     bare_router SOCKET PUBLISH_ADDRESS SERVICE_ADDRESS
  */
@@ -8,6 +9,7 @@
 
 #include <jansson.h>
 #include <poll.h>
+#include <stdbool.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -34,11 +36,12 @@ static int listen_on(const char *path) {
     return listener;
 }
 
-/** The request as it goes to the bus, and its channel; null when it is none. */
-static char *readdress(const char *text, size_t length, const char **channel) {
+/** The request as it goes to the bus, its channel and its own id; null when it is none. */
+static char *readdress(const char *text, size_t length, const char **channel, json_t **id) {
     json_t *request = json_loadb(text, length, 0, NULL);
     const char *method = json_string_value(json_object_get(request, "method"));
     char *addressed = NULL;
+    *id = json_incref(json_object_get(request, "id"));
     if (method != NULL && json_object_set_new(request, "id", json_string(CHANNEL_REPLIES)) == 0) {
         *channel = bare_channel_of(method);
         addressed = json_dumps(request, JSON_COMPACT);
@@ -66,21 +69,39 @@ static void drop_left_overs(int subscriber) {
     }
 }
 
-static void carry(int client, int publisher, int subscriber, struct pollfd *reply) {
+static void send_line(int client, const struct frame *frame, json_t *id) {
+    char line[max_request];
+    json_t *reply = json_loadb(frame->text, frame->length, 0, NULL);
+    json_object_set(reply, "id", id);
+    const size_t length = json_dumpb(reply, line, sizeof line - 1, JSON_COMPACT);
+    if (length > 0 && length < sizeof line) {
+        line[length] = '\n';
+        send_all(client, line, length + 1);
+    }
+    json_decref(reply);
+}
+
+/** Whether the client's next request may come over the same connection. */
+static bool carry(int client, int publisher, int subscriber, struct pollfd *reply) {
     char request[max_request];
     const char *channel = NULL;
+    json_t *id = NULL;
     const ssize_t length = recv(client, request, sizeof request, 0);
-    char *addressed = length > 0 ? readdress(request, (size_t)length, &channel) : NULL;
+    const bool stays = length > 0 && request[length - 1] == '\n';
+    char *addressed = length > 0 ? readdress(request, (size_t)length, &channel, &id) : NULL;
     struct frame frame;
-    if (addressed == NULL) {
-        return;
-    }
-    if (bare_publish(publisher, channel, addressed) == 0 && poll(reply, 1, reply_timeout_ms) == 1 &&
-        bare_receive(subscriber, 0, &frame) == 0) {
-        send_all(client, frame.text, frame.length);
+    if (addressed != NULL && bare_publish(publisher, channel, addressed) == 0 &&
+        poll(reply, 1, reply_timeout_ms) == 1 && bare_receive(subscriber, 0, &frame) == 0) {
+        if (stays) {
+            send_line(client, &frame, id);
+        } else {
+            send_all(client, frame.text, frame.length);
+        }
         bare_release(&frame);
     }
     free(addressed);
+    json_decref(id);
+    return stays;
 }
 
 int main(int argc, char **argv) {
@@ -104,7 +125,8 @@ int main(int argc, char **argv) {
         if (ready[0].revents != 0) {
             const int client = accept4(listener, NULL, NULL, SOCK_CLOEXEC);
             if (client >= 0) {
-                carry(client, publisher, subscriber, &reply);
+                while (carry(client, publisher, subscriber, &reply)) {
+                }
                 close(client);
             }
         }

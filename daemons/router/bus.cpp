@@ -53,6 +53,10 @@ std::string folder_of(const std::string &address) {
 
 namespace {
 
+struct FreeMessage {
+    void operator()(char *message) const { nn_freemsg(message); }
+};
+
 /** Over TCP a small message does not wait for the acknowledgement of the one before. */
 bool send_at_once(int socket) {
     const int yes = 1;
@@ -95,8 +99,19 @@ int Bus::connect(const std::string &address) {
 
 void Bus::disconnect(int endpoint) { tavrix_mq_socket_shutdown(*sub_.get(), endpoint); }
 
-bool Bus::publish(const char *channel, const char *text) {
-    return tavrix_jrpc_mq_pub(pub_.get(), channel, text) == TAVRIX_OK;
+bool Bus::publish(std::string_view channel, std::string_view text) {
+    auto *frame = static_cast<char *>(nn_allocmsg(channel.size() + 1 + text.size(), 0));
+    if (frame == nullptr) {
+        return false;
+    }
+    channel.copy(frame, channel.size());
+    frame[channel.size()] = '|';
+    text.copy(frame + channel.size() + 1, text.size());
+    if (nn_send(*pub_.get(), &frame, NN_MSG, NN_DONTWAIT) >= 0) {
+        return true;
+    }
+    nn_freemsg(frame);
+    return false;
 }
 
 void Bus::listen_to_everything(bool wanted) {
@@ -113,11 +128,11 @@ void Bus::on_readable(evutil_socket_t /*descriptor*/, short /*what*/, void *cont
     size_t bytes = 0;
     for (int left = messages_per_turn; left > 0 && bytes < bytes_per_turn; --left) {
         char *frame = nullptr;
-        int length = 0;
-        if (tavrix_mq_socket_recv(*self->sub_.get(), &frame, &length, 1) != TAVRIX_OK) {
+        const int length = nn_recv(*self->sub_.get(), &frame, NN_MSG, NN_DONTWAIT);
+        if (length < 0) {
             return;
         }
-        const daemon_support::Text owner(frame);
+        const std::unique_ptr<char, FreeMessage> owner(frame);
         const std::string_view text(frame, static_cast<size_t>(length));
         const size_t bar = text.find('|');
         bytes += text.size();

@@ -30,9 +30,7 @@ class Bus {
     int connect(const std::string &address);
     void disconnect(int endpoint);
 
-    bool publish(const char *channel, const char *text);
-    /** For the library's own dispatching. */
-    const int *publisher() const { return pub_.get(); }
+    bool publish(std::string_view channel, std::string_view text);
 
     /** Whether everything is received, or only what is addressed to the router. */
     void listen_to_everything(bool wanted);

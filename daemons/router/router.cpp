@@ -496,13 +496,13 @@ Call *Router::begin_call(Client &client, Service &service, const std::string &me
 /** Sends the request on under the router's own ids; the client's are kept in the call. */
 bool Router::send(const Call &call, json_t *request) {
     put(request, "transaction_id", Json(json_integer(call.number)));
-    if (call.service.direct) {
-        json_object_del(request, "id"); // the member's place is at the end, as on the bus
-        put(request, "id", Json(json_string(TAVRIX_ROUTER_REPLY_CHANNEL)));
-        return call.service.session->send_request(render(request));
+    json_object_del(request, "id"); // the member's place is at the end, as from the library's own router
+    put(request, "id", Json(json_string(TAVRIX_ROUTER_REPLY_CHANNEL)));
+    const std::string_view text = render(request);
+    if (text.empty()) {
+        throw std::bad_alloc();
     }
-    put(request, "id", Json(json_integer(0))); // the client's own words are not for the library's log lines
-    return tavrix_jrpc_router_mq_dispatch_request(bus_.publisher(), request) == TAVRIX_OK;
+    return call.service.direct ? call.service.session->send_request(text) : bus_.publish(call.service.channel, text);
 }
 
 /** True once the client has been told that this service has too much to do already. */
@@ -720,9 +720,9 @@ bool Router::lacks_listeners() const {
 /** Asks services that were there before the router to say hello. */
 void Router::probe_listeners() {
     const Json probe = make_notification(daemon_support::probe_method, Json(json_object()));
-    const std::string text(render(probe.get()));
+    const std::string_view text = render(probe.get());
     for (const char *channel : service_channels) {
-        bus_.publish(channel, text.c_str());
+        bus_.publish(channel, text);
     }
 }
 
@@ -756,8 +756,7 @@ int Router::hear_hello(const std::string &name, const std::string &channel) {
     }
     const Json welcome =
         make_notification(daemon_support::welcome_method, Json(json_pack("{s:s}", "name", name.c_str())));
-    const std::string text(render(welcome.get()));
-    return bus_.publish(channel.c_str(), text.c_str()) ? TAVRIX_OK : TAVRIX_ERR_GENERAL;
+    return bus_.publish(channel, render(welcome.get())) ? TAVRIX_OK : TAVRIX_ERR_GENERAL;
 }
 
 void Router::on_settle_timer(evutil_socket_t /*descriptor*/, short /*what*/, void *context) {
@@ -785,8 +784,7 @@ void Router::settle() {
         is_any_left = true;
         const Json probe =
             make_notification(daemon_support::probe_method, Json(json_pack("{s:s}", "name", name.c_str())));
-        const std::string text(render(probe.get()));
-        bus_.publish(service->channel.c_str(), text.c_str());
+        bus_.publish(service->channel, render(probe.get()));
     }
     if (!is_any_left) {
         event_del(settle_timer_.get());

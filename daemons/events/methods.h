@@ -15,13 +15,15 @@ namespace events {
 struct Context {
     Log log;
     int wait_timeout_ms = 5000; ///< for the ports service, in events.Describe
+    std::vector<LinkChange> script;
+    size_t next_change = 0; ///< of the script
 };
 
 /** The method table. */
 const tavrix_service_method *methods();
 
-/** Publishes a link event. */
-void publish_link_changed(tavrix_service *service, const Event &event);
+/** Begins to make an event of each of the script's link changes in turn, and to publish it; false without a timer. */
+bool play_script(tavrix_service *service, Context *context, int interval_ms);
 
 } // namespace events
 

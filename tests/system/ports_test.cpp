@@ -10,10 +10,10 @@
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <sqlite3.h>
 #include <unistd.h>
 
 #include "support/fleet.h"
+#include "support/fleet_database.h"
 #include "support/json.h"
 #include "tavrix_error.h"
 #include "tavrix_jrpc.h"
@@ -23,43 +23,12 @@ using support::code_of;
 using support::Fleet;
 using support::member;
 using support::request;
+using support::Sql;
 using support::StreamClient;
 
 namespace {
 
 constexpr char database_error[] = "-32010";
-
-/** The test's own connection to the daemons' database. */
-class Sql {
-  public:
-    Sql() {
-        sqlite3_open("zqn_h7.db", &db_);
-        sqlite3_busy_timeout(db_, 20000);
-    }
-    Sql(const Sql &) = delete;
-    Sql &operator=(const Sql &) = delete;
-    ~Sql() { sqlite3_close(db_); }
-
-    void run(const std::string &text) const {
-        EXPECT_EQ(sqlite3_exec(db_, text.c_str(), nullptr, nullptr, nullptr), SQLITE_OK) << sqlite3_errmsg(db_);
-    }
-    /** The rows' values, a blank between any two. */
-    std::string read(const std::string &query) const {
-        std::string values;
-        const auto add = [](void *out, int count, char **texts, char ** /*names*/) {
-            for (int i = 0; i < count; ++i) {
-                std::string &all = *static_cast<std::string *>(out);
-                all += (all.empty() ? "" : " ") + std::string(texts[i] != nullptr ? texts[i] : "null");
-            }
-            return 0;
-        };
-        EXPECT_EQ(sqlite3_exec(db_, query.c_str(), add, &values, nullptr), SQLITE_OK) << sqlite3_errmsg(db_);
-        return values;
-    }
-
-  private:
-    sqlite3 *db_ = nullptr;
-};
 
 std::string numbers(int from, int to) {
     std::string list = "[";

@@ -34,10 +34,22 @@ int status_of(int sqlite_code) {
     }
 }
 
-/** The status for the call that has just failed: the layer's own does not tell a lock from anything else. */
+/**
+ * The status for the call that has just failed: the layer's own does not tell a lock from anything else. A lock is no
+ * news: whoever asked tries again.
+ */
 int failure_of(sqlite3 *handle) {
     const int status = status_of(sqlite3_errcode(handle));
-    return status != TAVRIX_OK ? status : TAVRIX_ERR_SYSTEM_ACCESS;
+    if (status == TAVRIX_ERR_DB_BUSY) {
+        return status;
+    }
+    LOG_ERROR("Cannot use the database: %s\n", sqlite3_errmsg(handle));
+    return TAVRIX_ERR_SYSTEM_ACCESS;
+}
+
+/** The status for a result code that the last call has given. */
+int outcome_of(sqlite3 *handle, int sqlite_code) {
+    return status_of(sqlite_code) == TAVRIX_OK ? TAVRIX_OK : failure_of(handle);
 }
 
 /**
@@ -48,11 +60,8 @@ int failure_of(sqlite3 *handle) {
 class Transaction {
   public:
     explicit Transaction(sqlite3 *handle)
-        : handle_(handle), status_(status_of(sqlite3_exec(handle, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr))) {
-        if (status_ != TAVRIX_OK) {
-            LOG_ERROR("Cannot begin a change: %s\n", sqlite3_errmsg(handle));
-        }
-    }
+        : handle_(handle),
+          status_(outcome_of(handle, sqlite3_exec(handle, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr))) {}
     Transaction(const Transaction &) = delete;
     Transaction &operator=(const Transaction &) = delete;
     ~Transaction() {
@@ -115,7 +124,7 @@ int run_bound(sqlite3 *handle, const std::string &path, const char *sql, std::in
     for (const char *text : texts) {
         sqlite3_bind_text(statement.get(), ++position, text, -1, SQLITE_TRANSIENT);
     }
-    return status_of(sqlite3_step(statement.get()));
+    return outcome_of(handle, sqlite3_step(statement.get()));
 }
 
 } // namespace
@@ -145,6 +154,24 @@ int Database::open() {
     if (rc != TAVRIX_OK) {
         handle_ = nullptr; // after a failed open the variable holds a closed handle
         LOG_ERROR("Cannot open the database %s; it is made with: sqlite3 %s <schema.sql\n", path_.c_str(),
+                  path_.c_str());
+    }
+    return rc;
+}
+
+int Database::check_schema() {
+    int rc = open();
+    Statement statement;
+    for (const char *rows : {"unit, model, mac, alias, online FROM units",
+                             "unit, port, status, poe_status, link_status, link_speed, vlan_mode, power_mw FROM ports",
+                             "unit, port, vlan_id FROM vlan_members", "unit, port, mac, mask FROM mac_filters"}) {
+        rc = rc == TAVRIX_OK ? prepare(handle_, path_, std::string("SELECT ") + rows, &statement) : rc;
+    }
+    if (rc == TAVRIX_ERR_DB_BUSY) {
+        return TAVRIX_OK; // another process is at work: each request finds out for itself
+    }
+    if (rc != TAVRIX_OK && handle_ != nullptr) {
+        LOG_ERROR("The database %s is not the fleet's; one is made with: sqlite3 %s <schema.sql\n", path_.c_str(),
                   path_.c_str());
     }
     return rc;
@@ -214,7 +241,7 @@ int Database::find_ports(const Selection &selection, std::vector<Port> *out) {
             out->back().vlan_ids.push_back(sqlite3_column_int(prepared, 7));
         }
     }
-    return status_of(step);
+    return outcome_of(handle_, step);
 }
 
 int Database::list_units(std::vector<Unit> *out) {
@@ -233,7 +260,7 @@ int Database::list_units(std::vector<Unit> *out) {
         out->push_back(Unit{sqlite3_column_int(prepared, 0), sqlite3_column_int(prepared, 1), text_column(prepared, 2),
                             text_column(prepared, 3), sqlite3_column_int(prepared, 4) != 0});
     }
-    return status_of(step);
+    return outcome_of(handle_, step);
 }
 
 int Database::instant_power(const Selection &selection, int *milliwatts_out) {
@@ -274,8 +301,8 @@ int Database::set_status(const Selection &selection, int status) {
         return rc;
     }
     return in_transaction([&] {
-        return status_of(tavrix_sqlite3_exec_sql(handle_, "UPDATE ports SET status = %d WHERE %s", status,
-                                                 where(selection).c_str()));
+        return outcome_of(handle_, tavrix_sqlite3_exec_sql(handle_, "UPDATE ports SET status = %d WHERE %s", status,
+                                                           where(selection).c_str()));
     });
 }
 
@@ -297,7 +324,7 @@ int Database::set_vlans(const Selection &selection, int mode, const int *vlan_id
                                            " SELECT unit, port, %d FROM ports WHERE %s",
                                            vlan_ids[i], condition.c_str());
         }
-        return status_of(step);
+        return outcome_of(handle_, step);
     });
 }
 
@@ -307,8 +334,8 @@ int Database::set_mac_filters(const Selection &selection, const tavrix_mac_filte
         return rc;
     }
     return in_transaction([&] {
-        int status =
-            status_of(tavrix_sqlite3_exec_sql(handle_, "DELETE FROM mac_filters WHERE %s", where(selection).c_str()));
+        int status = outcome_of(
+            handle_, tavrix_sqlite3_exec_sql(handle_, "DELETE FROM mac_filters WHERE %s", where(selection).c_str()));
         for (int i = 0; status == TAVRIX_OK && i < count; ++i) {
             status = run_bound(handle_, path_,
                                "INSERT OR IGNORE INTO mac_filters (unit, port, mac, mask) VALUES (?, ?, ?, ?)",
@@ -343,8 +370,9 @@ int Database::register_unit(const Unit &unit) {
         status = run_bound(handle_, path_, "INSERT INTO units (unit, model, mac, alias) VALUES (?, ?, ?, ?)",
                            {unit.unit, unit.model}, {unit.mac.c_str(), unit.alias.c_str()});
         for (int port = 1; status == TAVRIX_OK && port <= ports_of_a_new_unit; ++port) {
-            status = status_of(
-                tavrix_sqlite3_exec_sql(handle_, "INSERT INTO ports (unit, port) VALUES (%d, %d)", unit.unit, port));
+            status =
+                outcome_of(handle_, tavrix_sqlite3_exec_sql(handle_, "INSERT INTO ports (unit, port) VALUES (%d, %d)",
+                                                            unit.unit, port));
         }
         return status;
     });

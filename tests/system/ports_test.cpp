@@ -523,6 +523,9 @@ TEST_F(Road, StopsAndSaysWhyItCannotStart) {
     fleet.ports->signal(SIGTERM);
     EXPECT_EQ(fleet.ports->wait(), 0);
     EXPECT_NE(fleet.ports->log().find("portsd stopped"), std::string::npos);
+    support::write_file("empty.db", "");
+    support::write_file("notes.txt", "somebody's, and long enough to be more than the beginning of a header: " +
+                                         std::string(1000, 'x'));
     const std::string fifty_one(51, 'n');
     const std::string too_long(108, 's');
     const struct {
@@ -531,6 +534,9 @@ TEST_F(Road, StopsAndSaysWhyItCannotStart) {
         const char *reason;
     } rows[] = {
         {"--database", "missing.db", "Failed to open a database connection to file <missing.db>"},
+        {"--database", "empty.db",
+         "The database empty.db is not the fleet's; one is made with: sqlite3 empty.db <schema.sql"},
+        {"--database", "notes.txt", "Cannot use the database: file is not a database"},
         {"--connect", "nonsense", "Cannot listen to nonsense"},
         {"--publish", "nonsense", "Cannot publish on nonsense"},
         {"--name", "\xff", "A service's name has 1 to 50 letters, digits, dots, dashes and underscores"},

@@ -435,6 +435,7 @@ TEST_F(PortsService, WaitsASecondForALockAndThenGivesUp) {
         other.run("COMMIT");
         driven->advance(lock_patience_ms);
         EXPECT_EQ(driven->next_outcome(), deferred) << "one answer is all";
+        EXPECT_FALSE(driven->logged("Cannot use the database")) << "a lock is no fault: " << row.method;
     }
     EXPECT_EQ(get("all"), before);
     EXPECT_EQ(other.read("SELECT count(*) FROM units"), "4");
@@ -489,6 +490,22 @@ TEST_F(PortsService, TellsThatATableIsMissing) {
         EXPECT_EQ(code_and_words(call(row.method, row.params)),
                   code_and_words(TAVRIX_JRPC_DATABASE_ERROR, TAVRIX_ERR_SYSTEM_ACCESS))
             << row.method;
+        EXPECT_TRUE(driven->logged("ERROR Cannot use the database: no such table: ")) << row.method;
+    }
+}
+
+TEST_F(PortsService, ChecksTheTablesItNeedsAtItsStart) {
+    const Sql sql;
+    EXPECT_EQ(ports::Database("zqn_h7.db").check_schema(), TAVRIX_OK);
+    sql.run("BEGIN EXCLUSIVE");
+    EXPECT_EQ(ports::Database("zqn_h7.db").check_schema(), TAVRIX_OK) << "whoever has locked it is done some time";
+    sql.run("COMMIT");
+    for (const char *change :
+         {"DROP TABLE mac_filters", "DROP TABLE vlan_members", "ALTER TABLE ports RENAME COLUMN power_mw TO power",
+          "ALTER TABLE units RENAME COLUMN alias TO name"}) {
+        support::make_fleet_database();
+        Sql().run(change);
+        EXPECT_EQ(ports::Database("zqn_h7.db").check_schema(), TAVRIX_ERR_SYSTEM_ACCESS) << change;
     }
 }
 
@@ -577,6 +594,7 @@ TEST_F(PortsService, LeavesNothingHalfDone) {
         EXPECT_EQ(code_and_words(call(row.method, row.params)),
                   code_and_words(TAVRIX_JRPC_DATABASE_ERROR, TAVRIX_ERR_SYSTEM_ACCESS))
             << row.method;
+        EXPECT_TRUE(driven->logged("ERROR Cannot use the database: no")) << row.method;
         EXPECT_EQ(sql.read(row.state), before) << row.method;
         sql.run("DROP TRIGGER refusal");
         EXPECT_EQ(code_of(call(row.method, row.params)), "(none)") << row.method;

@@ -1,5 +1,6 @@
 #include "database.h"
 
+#include <climits>
 #include <initializer_list>
 #include <memory>
 
@@ -88,6 +89,17 @@ std::string where(const Selection &selection) {
     }
     const std::string of_unit = "unit = " + std::to_string(selection.unit);
     return selection.port == whole_unit ? of_unit : of_unit + " AND port = " + std::to_string(selection.port);
+}
+
+/** A stored number; -1, which stands for nothing in the fleet, when it is none, or none that an int holds. */
+int number_column(sqlite3_stmt *statement, int column) {
+    const sqlite3_int64 number = sqlite3_column_int64(statement, column);
+    if (sqlite3_column_type(statement, column) != SQLITE_INTEGER || number < INT_MIN || number > INT_MAX) {
+        LOG_ERROR("The database holds in column %s what is no number, or none of 32 bits\n",
+                  sqlite3_column_name(statement, column));
+        return -1;
+    }
+    return static_cast<int>(number);
 }
 
 std::string text_column(sqlite3_stmt *statement, int column) {
@@ -225,20 +237,20 @@ int Database::find_ports(const Selection &selection, std::vector<Port> *out) {
     sqlite3_stmt *prepared = statement.get();
     int step = SQLITE_ROW;
     while ((step = sqlite3_step(prepared)) == SQLITE_ROW) {
-        const int unit = sqlite3_column_int(prepared, 0);
-        const int port = sqlite3_column_int(prepared, 1);
+        const int unit = number_column(prepared, 0);
+        const int port = number_column(prepared, 1);
         if (out->empty() || out->back().unit != unit || out->back().port != port) {
             out->push_back(Port{unit,
                                 port,
-                                sqlite3_column_int(prepared, 2),
-                                sqlite3_column_int(prepared, 3),
-                                sqlite3_column_int(prepared, 4),
-                                sqlite3_column_int(prepared, 5),
-                                sqlite3_column_int(prepared, 6),
+                                number_column(prepared, 2),
+                                number_column(prepared, 3),
+                                number_column(prepared, 4),
+                                number_column(prepared, 5),
+                                number_column(prepared, 6),
                                 {}});
         }
         if (sqlite3_column_type(prepared, 7) != SQLITE_NULL) {
-            out->back().vlan_ids.push_back(sqlite3_column_int(prepared, 7));
+            out->back().vlan_ids.push_back(number_column(prepared, 7));
         }
     }
     return outcome_of(handle_, step);
@@ -257,8 +269,8 @@ int Database::list_units(std::vector<Unit> *out) {
     sqlite3_stmt *prepared = statement.get();
     int step = SQLITE_ROW;
     while ((step = sqlite3_step(prepared)) == SQLITE_ROW) {
-        out->push_back(Unit{sqlite3_column_int(prepared, 0), sqlite3_column_int(prepared, 1), text_column(prepared, 2),
-                            text_column(prepared, 3), sqlite3_column_int(prepared, 4) != 0});
+        out->push_back(Unit{number_column(prepared, 0), number_column(prepared, 1), text_column(prepared, 2),
+                            text_column(prepared, 3), number_column(prepared, 4) != 0});
     }
     return outcome_of(handle_, step);
 }
@@ -290,6 +302,10 @@ int Database::instant_power(const Selection &selection, int *milliwatts_out) {
     }
     if (poe_status == unsupported) {
         return TAVRIX_ERR_NO_POE;
+    }
+    if (milliwatts < 0 || milliwatts > INT_MAX) {
+        LOG_ERROR("The database holds %lld for a power, which is none\n", static_cast<long long>(milliwatts));
+        return TAVRIX_ERR_SYSTEM_ACCESS;
     }
     *milliwatts_out = static_cast<int>(milliwatts);
     return TAVRIX_OK;

@@ -552,6 +552,13 @@ TEST_F(PortsService, ShowsNoStoredValueThatIsNone) {
     } rows[] = {
         {"ports SET status = 2", "ports.Get", R"({"port_id":"d1"})", "2 for a port status"},
         {"ports SET status = -1", "ports.Get", R"({"port_id":"all"})", "-1 for a port status"},
+        {"ports SET status = 4294967297", "ports.Get", R"({"port_id":"d1"})",
+         "in column status what is no number, or none of 32 bits"}, // 1 when cut
+        {"ports SET status = 'on'", "ports.Get", R"({"port_id":"d1"})", "in column status what is no number"},
+        {"vlan_members SET vlan_id = 4093 WHERE vlan_id = 10", "ports.Get", R"({"port_id":"d1"})",
+         "a VLAN id that is none"},
+        {"vlan_members SET vlan_id = 4294967297 WHERE vlan_id = 10", "ports.Get", R"({"port_id":"d1"})",
+         "a VLAN id that is none"},
         {"ports SET poe_status = 5", "ports.Get", R"({"port_id":"d1"})", "5 for a PoE status"},
         {"ports SET link_status = 4", "ports.Get", R"({"port_id":"d1"})", "4 for a link status"},
         {"ports SET link_speed = 7", "ports.Get", R"({"port_id":"d1"})", "7 for a link speed"},
@@ -566,8 +573,24 @@ TEST_F(PortsService, ShowsNoStoredValueThatIsNone) {
         EXPECT_TRUE(driven->logged((std::string("ERROR The database holds ") + row.noun).c_str())) << row.set;
         sql.run("UPDATE ports SET status = 1, poe_status = 0, link_status = 0, link_speed = 0, vlan_mode = 1");
         sql.run("UPDATE units SET model = 1");
+        sql.run("UPDATE vlan_members SET vlan_id = 10 WHERE vlan_id > 4092");
         EXPECT_NE(member(call(row.method, row.params), "result"), "(none)") << row.set;
     }
+}
+
+TEST_F(PortsService, ShowsNoPowerThatNoPortDraws) {
+    const Sql sql;
+    sql.run("PRAGMA ignore_check_constraints = ON");
+    for (const char *power : {"-1", "4294967297"}) {
+        sql.run(std::string("UPDATE ports SET power_mw = ") + power);
+        EXPECT_EQ(code_of(call("ports.poe.GetInstantPower", R"({"port_id":"c1-1"})")),
+                  std::to_string(TAVRIX_JRPC_DATABASE_ERROR))
+            << power;
+        EXPECT_TRUE(driven->logged((std::string("ERROR The database holds ") + power + " for a power").c_str()));
+    }
+    sql.run("UPDATE ports SET power_mw = 2147483647");
+    EXPECT_EQ(call("ports.poe.GetInstantPower", R"({"port_id":"c1-1"})"),
+              result(R"({"port_id":"c1-1","power_mw":2147483647})"));
 }
 
 TEST_F(PortsService, LeavesNothingHalfDone) {

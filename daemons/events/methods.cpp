@@ -116,6 +116,15 @@ const tavrix_service_method table[] = {
 
 const tavrix_service_method *methods() { return table; }
 
+void share_number(tavrix_service *service, void *user) {
+    auto *context = static_cast<Context *>(user);
+    if (!context->log.share(context->slot)) {
+        LOG_ERROR("Cannot share the last event's number in %s; has somebody else made it?\n", context->slot.c_str());
+        context->has_failed = true;
+        tavrix_service_stop(service);
+    }
+}
+
 bool play_script(tavrix_service *service, Context *context, int interval_ms) {
     return context->script.empty() || tavrix_service_timer(service, interval_ms, interval_ms, on_timer, context) != 0;
 }

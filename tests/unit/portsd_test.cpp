@@ -26,6 +26,7 @@ using support::Sql;
 namespace {
 
 constexpr int wait_timeout_ms = 700;
+constexpr int caller_patience_ms = 10000; // the router's reply time-out, unless it is told another
 constexpr int lock_patience_ms = 1000;
 constexpr char link_changed[] = "events.LinkChanged";
 const std::string done = R"({"result":0})";
@@ -663,6 +664,18 @@ TEST_F(PortsService, EndsEachWaitInItsOwnTime) {
     driven->notify(link_changed, R"({"number":1})");
     EXPECT_EQ(driven->next_outcome(), result(R"({"number":1})"));
     EXPECT_TRUE(context.waiters.empty());
+}
+
+TEST_F(PortsService, WaitsNoLongerThanItsCaller) {
+    context.wait_timeout_ms = 2 * caller_patience_ms;
+    call("ports.WaitLinkChanged");
+    driven->advance(caller_patience_ms - 1);
+    EXPECT_EQ(context.waiters.size(), 1U);
+    driven->advance(1);
+    EXPECT_TRUE(context.waiters.empty());
+    driven->notify(link_changed, "{}");
+    driven->advance(caller_patience_ms);
+    EXPECT_EQ(driven->next_outcome(), deferred) << "the router has answered him";
 }
 
 TEST_F(PortsService, ForgetsAWaitThatIsCancelled) {

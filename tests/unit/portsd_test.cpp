@@ -135,7 +135,10 @@ TEST_F(PortsService, GetsAPortWithEverythingThatIsKnownOfIt) {
 
 TEST_F(PortsService, GetsThePortsOfAUnitOrOfTheFleetInTheirOrder) {
     EXPECT_EQ(ids_of("c1"), "c1-1 c1-2 c1-3 c1-4 ");
-    EXPECT_EQ(ids_of("all"), "d1 d2 d3 d4 c1-1 c1-2 c1-3 c1-4 c2-1 c2-2 c3-1 c3-2 ");
+    const std::string in_order = "d1 d2 d3 d4 c1-1 c1-2 c1-3 c1-4 c2-1 c2-2 c3-1 c3-2 ";
+    EXPECT_EQ(ids_of("all"), in_order);
+    Sql().run("DELETE FROM ports WHERE unit = 0 AND port = 1; INSERT INTO ports (unit, port) VALUES (0, 1)");
+    EXPECT_EQ(ids_of("all"), in_order) << "whenever they were stored";
     Sql().run("DELETE FROM ports");
     EXPECT_EQ(get("all"), result(R"({"ports":[]})"));
     EXPECT_EQ(get("c1"), result(R"({"ports":[]})")) << "the unit is there, without ports";
@@ -661,6 +664,7 @@ TEST_F(PortsService, EndsEachWaitInItsOwnTime) {
     driven->advance(1);
     EXPECT_EQ(code_and_words(driven->next_outcome()), code_and_words(TAVRIX_JRPC_TIMED_OUT, TAVRIX_ERR_TIMEOUT));
     EXPECT_EQ(driven->next_outcome(), deferred) << "the second has half of its time left";
+    EXPECT_EQ(context.waiters.size(), 1U);
     driven->notify(link_changed, R"({"number":1})");
     EXPECT_EQ(driven->next_outcome(), result(R"({"number":1})"));
     EXPECT_TRUE(context.waiters.empty());

@@ -63,7 +63,8 @@ Process &Fleet::start_events(const std::string &interval_ms, const std::vector<s
     arguments.insert(arguments.end(), more.begin(), more.end());
     events.reset();
     events = std::make_unique<Process>("eventsd", arguments);
-    if (!events->says("eventsd ready")) {
+    const std::string shared = "/dev/shm" + slot; // which comes right after the line
+    if (!events->says("eventsd ready") || !wait_until([&] { return access(shared.c_str(), F_OK) == 0; })) {
         throw std::runtime_error("the events service does not get ready: " + events->log());
     }
     return *events;

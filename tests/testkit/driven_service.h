@@ -30,6 +30,21 @@ inline std::string code_and_words(int code, tavrix_status status) {
     return code_and_words(code, std::string(tavrix_error_decode(status)));
 }
 
+/** A text as JSON. */
+inline std::string quoted(const std::string &text) {
+    std::string json = "\"";
+    for (const char letter : text) {
+        json += letter == '"' || letter == '\\' ? "\\" : "";
+        json += letter;
+    }
+    return json += '"';
+}
+
+/** The reason in a refusal's data; `value` is JSON. */
+inline std::string reason_of(const std::string &parameter, const std::string &value, const std::string &complaint) {
+    return quoted(parameter + ": " + value + " " + complaint);
+}
+
 /** A call whose parameter is refused; `value` is JSON as the data shows it, "(none)" for a parameter that is missing.
  */
 struct Refusal {
@@ -89,7 +104,7 @@ class Service {
         const std::string outcome = call(row.method, row.params);
         const std::string data = support::member(support::member(outcome, "error"), "data");
         EXPECT_EQ(support::code_of(outcome), std::to_string(row.code)) << what << outcome;
-        EXPECT_EQ(support::member(data, "parameter"), "\"" + std::string(row.parameter) + "\"") << what;
+        EXPECT_EQ(support::member(data, "parameter"), quoted(row.parameter)) << what;
         EXPECT_EQ(support::member(data, "value"), row.value) << what;
         EXPECT_EQ(support::member(data, "reason"), row.reason) << what;
         EXPECT_NE(support::member(data, "message"), "(none)") << what;

@@ -17,6 +17,7 @@
 #include "testkit/driven_service.h"
 
 using driven::code_and_words;
+using driven::quoted;
 using driven::result;
 using support::code_of;
 using support::member;
@@ -146,7 +147,7 @@ TEST_F(EventsService, RefusesNumbersThatAreNoEvents) {
     report("which a number that is cut would name");
     for (const std::string value : {"4294967297", "2147483648", "-2147483649"}) {
         driven->expect_refusal({method, R"({"number":)" + value + "}", refused, "number", value,
-                                "\"number: " + value + " is not in " + range + "\""});
+                                driven::reason_of("number", value, "is not in " + range)});
     }
 }
 
@@ -181,8 +182,8 @@ TEST_F(EventsService, RefusesToDescribeWhatIsNoPort) {
     driven->expect_refusal(
         {method, R"({"port_id":[]})", refused, "port_id", "\"[]\"", "\"port_id: [] is not " + allowed + "\""});
     for (const std::string port_id : {"", "x1", "c1", "all", "d5", "c129-1", "c1-0"}) {
-        driven->expect_refusal({method, R"({"port_id":")" + port_id + "\"}", refused, "port_id", "\"" + port_id + "\"",
-                                R"("port_id: \")" + port_id + R"(\" is not )" + allowed + "\""});
+        driven->expect_refusal({method, R"({"port_id":)" + quoted(port_id) + "}", refused, "port_id", quoted(port_id),
+                                driven::reason_of("port_id", quoted(port_id), "is not " + allowed)});
     }
     EXPECT_EQ(driven->next_request(), nothing) << "the ports service is not asked";
 }

@@ -42,13 +42,15 @@ struct ServiceOptions {
 /** The kit's service, closed with its scope. The options have to outlive it. */
 class KitService {
   public:
-    KitService(const ServiceOptions &options, const tavrix_service_method *methods, void *user)
+    KitService(const ServiceOptions &options, const tavrix_service_method *methods, void *user,
+               void (*ready)(tavrix_service *service, void *user) = nullptr)
         : publish_(pointers_to(options.publish)), connect_(pointers_to(options.connect)) {
         tavrix_service_options wanted{};
         wanted.name = options.name.c_str();
         wanted.session = options.session.c_str();
         wanted.methods = methods;
         wanted.user = user;
+        wanted.ready = ready;
         wanted.version = TAVRIX_VERSION;
         wanted.publish = options.publish.empty() ? nullptr : publish_.data();
         wanted.connect = options.connect.empty() ? nullptr : connect_.data();

@@ -23,9 +23,16 @@ json_t *to_json(const Event &event) {
                      event.entity.c_str(), "text", event.text.c_str());
 }
 
-bool Log::open(const std::string &slot) {
+bool Log::share(const std::string &slot) {
+    if (!slot_.empty()) {
+        return true;
+    }
+    if (tavrix_shm_create(slot.c_str(), sizeof last_number_) != TAVRIX_OK ||
+        tavrix_shm_set_int(slot.c_str(), &last_number_) != TAVRIX_OK) {
+        return false;
+    }
     slot_ = slot;
-    return tavrix_shm_create(slot_.c_str(), sizeof last_number_) == TAVRIX_OK;
+    return true;
 }
 
 const Event &Log::add(const std::string &kind, const std::string &entity, const std::string &text) {
@@ -34,7 +41,7 @@ const Event &Log::add(const std::string &kind, const std::string &entity, const 
     if (kept_.size() > most_kept) {
         kept_.pop_front();
     }
-    if (tavrix_shm_set_int(slot_.c_str(), &last_number_) != TAVRIX_OK) {
+    if (!slot_.empty() && tavrix_shm_set_int(slot_.c_str(), &last_number_) != TAVRIX_OK) {
         LOG_ERROR("The number of event %d is not shared\n", last_number_);
     }
     return kept_.back();

@@ -28,8 +28,11 @@ json_t *to_json(const Event &event);
  */
 class Log {
   public:
-    /** Creates the slot, or clears it; false, after the library has logged why, when that fails. */
-    bool open(const std::string &slot);
+    /**
+     * From now on the last number is in the slot, which is created, or taken over from a service that has ended; once
+     * is enough. False, after the library has logged why, when that fails.
+     */
+    bool share(const std::string &slot);
 
     const Event &add(const std::string &kind, const std::string &entity, const std::string &text);
     /** Null when the event is not kept, or never was. */

@@ -17,53 +17,33 @@ struct Config {
     std::string socket_path;
     std::string pull_address;
     std::string script;
-    std::string slot = "/tavrix_last_event";
     int interval_ms = 1000;
 };
 
-/** Everything that lives beside the service itself. */
-class EventsDaemon {
-  public:
-    bool open(const Config &config, tavrix_service *service) {
-        return open_sockets(config, service) && open_script(config, service) &&
-               tavrix_service_start(service) == TAVRIX_OK &&
-               context.log.open(config.slot); // last: what fails to start leaves a running daemon's slot alone
-    }
+bool open_sockets(const Config &config, tavrix_service *service) {
+    return (config.socket_path.empty() || tavrix_service_listen_unix(service, config.socket_path.c_str()) != 0) &&
+           (config.pull_address.empty() || tavrix_service_listen_pull(service, config.pull_address.c_str()) != 0);
+}
 
-    events::Context context;
+bool open_script(const Config &config, tavrix_service *service, events::Context *context) {
+    return (config.script.empty() || events::read_script(config.script, &context->script)) &&
+           events::play_script(service, context, config.interval_ms);
+}
 
-  private:
-    static bool open_sockets(const Config &config, tavrix_service *service) {
-        return (config.socket_path.empty() || tavrix_service_listen_unix(service, config.socket_path.c_str()) != 0) &&
-               (config.pull_address.empty() || tavrix_service_listen_pull(service, config.pull_address.c_str()) != 0);
-    }
+bool open(const Config &config, tavrix_service *service, events::Context *context) {
+    return open_sockets(config, service) && open_script(config, service, context) &&
+           tavrix_service_start(service) == TAVRIX_OK;
+}
 
-    bool open_script(const Config &config, tavrix_service *service) {
-        return config.script.empty() ||
-               (events::read_script(config.script, &script_) &&
-                (script_.empty() ||
-                 tavrix_service_timer(service, config.interval_ms, config.interval_ms, on_timer, this) != 0));
-    }
-
-    static void on_timer(tavrix_service *service, void *user) {
-        auto *self = static_cast<EventsDaemon *>(user);
-        const events::LinkChange &change = self->script_[self->next_++ % self->script_.size()];
-        events::publish_link_changed(service, self->context.log.add("link", change.port_id, change.state));
-    }
-
-    std::vector<events::LinkChange> script_;
-    size_t next_ = 0;
-};
-
-void add_options(daemon_support::Options *options, Config *config, int *wait_timeout_ms) {
+void add_options(daemon_support::Options *options, Config *config, events::Context *context) {
     config->service.add_to(options);
     options->number("wait-timeout", "MS", "how long events.Describe waits for the ports service", 1, longest_time_ms,
-                    wait_timeout_ms);
+                    &context->wait_timeout_ms);
     options->text("socket", "PATH", "unix socket to answer requests on directly", &config->socket_path);
     options->text("pull", "ADDRESS", "bus address to take one-way requests on", &config->pull_address);
     options->text("script", "FILE", "link changes to play, a line each, like: c1-1 up", &config->script);
     options->number("interval", "MS", "time between two of them", 1, longest_time_ms, &config->interval_ms);
-    options->text("slot", "NAME", "shared-memory slot for the last event's number, which begins anew", &config->slot);
+    options->text("slot", "NAME", "shared-memory slot for the last event's number, which begins anew", &context->slot);
     options->note("--wait-timeout has to be less than the router's --reply-timeout: the router would give up first.");
     options->note(
         "The slot's mode gives its owner no access: whoever is not root needs CAP_DAC_OVERRIDE to share the number,\n"
@@ -74,18 +54,18 @@ void add_options(daemon_support::Options *options, Config *config, int *wait_tim
 
 int main(int argc, char **argv) {
     Config config;
-    EventsDaemon daemon;
+    events::Context context;
     daemon_support::Options options("tavrix-eventsd", "eventsd", "The events service of the fleet.",
                                     "tavrix-eventsd --session /run/tavrix/session.sock --script links.txt");
-    add_options(&options, &config, &daemon.context.wait_timeout_ms);
+    add_options(&options, &config, &context);
     int exit_status = 0;
     if (!options.parse(argc, argv, &exit_status)) {
         return exit_status;
     }
-    const daemon_support::KitService service(config.service, events::methods(), &daemon.context);
-    if (!service || !daemon.open(config, service.get())) {
+    const daemon_support::KitService service(config.service, events::methods(), &context, events::share_number);
+    if (!service || !open(config, service.get(), &context)) {
         LOG_ERROR("eventsd cannot start\n");
         return 1;
     }
-    return tavrix_service_run(service.get()) == TAVRIX_OK ? 0 : 1;
+    return tavrix_service_run(service.get()) == TAVRIX_OK && !context.has_failed ? 0 : 1;
 }

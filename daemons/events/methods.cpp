@@ -70,6 +70,22 @@ int describe(tavrix_call *call) {
     return TAVRIX_OK;
 }
 
+// --- The script ----------------------------------------------------------------------------------------------------
+
+void publish_link_changed(tavrix_service *service, const Event &event) {
+    if (tavrix_service_publish(service, link_changed, to_json(event)) != TAVRIX_OK) {
+        LOG_ERROR("Cannot publish event %d\n", event.number);
+    }
+}
+
+void on_timer(tavrix_service *service, void *user) {
+    auto *context = static_cast<Context *>(user);
+    const LinkChange &change = context->script[context->next_change++ % context->script.size()];
+    publish_link_changed(service, context->log.add("link", change.port_id, change.state));
+}
+
+// --- Table ---------------------------------------------------------------------------------------------------------
+
 const tavrix_service_param get_params[] = {
     TAVRIX_PARAM("number", TAVRIX_KIND_INTEGER, "an event's number; the first one of a run is 1", 0), TAVRIX_PARAM_END};
 const tavrix_service_param report_params[] = {
@@ -100,10 +116,17 @@ const tavrix_service_method table[] = {
 
 const tavrix_service_method *methods() { return table; }
 
-void publish_link_changed(tavrix_service *service, const Event &event) {
-    if (tavrix_service_publish(service, link_changed, to_json(event)) != TAVRIX_OK) {
-        LOG_ERROR("Cannot publish event %d\n", event.number);
+void share_number(tavrix_service *service, void *user) {
+    auto *context = static_cast<Context *>(user);
+    if (!context->log.share(context->slot)) {
+        LOG_ERROR("Cannot share the last event's number in %s; has somebody else made it?\n", context->slot.c_str());
+        context->has_failed = true;
+        tavrix_service_stop(service);
     }
+}
+
+bool play_script(tavrix_service *service, Context *context, int interval_ms) {
+    return context->script.empty() || tavrix_service_timer(service, interval_ms, interval_ms, on_timer, context) != 0;
 }
 
 } // namespace events

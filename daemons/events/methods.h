@@ -15,13 +15,23 @@ namespace events {
 struct Context {
     Log log;
     int wait_timeout_ms = 5000; ///< for the ports service, in events.Describe
+    std::vector<LinkChange> script;
+    size_t next_change = 0;                  ///< of the script
+    std::string slot = "/tavrix_last_event"; ///< of shared memory, for the last event's number
+    bool has_failed = false;                 ///< the service has stopped itself
 };
 
 /** The method table. */
 const tavrix_service_method *methods();
 
-/** Publishes a link event. */
-void publish_link_changed(tavrix_service *service, const Event &event);
+/**
+ * Shares the last event's number: for the options' `ready`. Not earlier, since until a service has registered, another
+ * one of its name may be running, whose slot that is. A service that cannot share it stops.
+ */
+void share_number(tavrix_service *service, void *user);
+
+/** Begins to make an event of each of the script's link changes in turn, and to publish it; false without a timer. */
+bool play_script(tavrix_service *service, Context *context, int interval_ms);
 
 } // namespace events
 

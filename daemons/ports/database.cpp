@@ -1,5 +1,6 @@
 #include "database.h"
 
+#include <climits>
 #include <initializer_list>
 #include <memory>
 
@@ -34,10 +35,22 @@ int status_of(int sqlite_code) {
     }
 }
 
-/** The status for the call that has just failed: the layer's own does not tell a lock from anything else. */
+/**
+ * The status for the call that has just failed: the layer's own does not tell a lock from anything else. A lock is no
+ * news: whoever asked tries again.
+ */
 int failure_of(sqlite3 *handle) {
     const int status = status_of(sqlite3_errcode(handle));
-    return status != TAVRIX_OK ? status : TAVRIX_ERR_SYSTEM_ACCESS;
+    if (status == TAVRIX_ERR_DB_BUSY) {
+        return status;
+    }
+    LOG_ERROR("Cannot use the database: %s\n", sqlite3_errmsg(handle));
+    return TAVRIX_ERR_SYSTEM_ACCESS;
+}
+
+/** The status for a result code that the last call has given. */
+int outcome_of(sqlite3 *handle, int sqlite_code) {
+    return status_of(sqlite_code) == TAVRIX_OK ? TAVRIX_OK : failure_of(handle);
 }
 
 /**
@@ -48,11 +61,8 @@ int failure_of(sqlite3 *handle) {
 class Transaction {
   public:
     explicit Transaction(sqlite3 *handle)
-        : handle_(handle), status_(status_of(sqlite3_exec(handle, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr))) {
-        if (status_ != TAVRIX_OK) {
-            LOG_ERROR("Cannot begin a change: %s\n", sqlite3_errmsg(handle));
-        }
-    }
+        : handle_(handle),
+          status_(outcome_of(handle, sqlite3_exec(handle, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr))) {}
     Transaction(const Transaction &) = delete;
     Transaction &operator=(const Transaction &) = delete;
     ~Transaction() {
@@ -79,6 +89,17 @@ std::string where(const Selection &selection) {
     }
     const std::string of_unit = "unit = " + std::to_string(selection.unit);
     return selection.port == whole_unit ? of_unit : of_unit + " AND port = " + std::to_string(selection.port);
+}
+
+/** A stored number; -1, which stands for nothing in the fleet, when it is none, or none that an int holds. */
+int number_column(sqlite3_stmt *statement, int column) {
+    const sqlite3_int64 number = sqlite3_column_int64(statement, column);
+    if (sqlite3_column_type(statement, column) != SQLITE_INTEGER || number < INT_MIN || number > INT_MAX) {
+        LOG_ERROR("The database holds in column %s what is no number, or none of 32 bits\n",
+                  sqlite3_column_name(statement, column));
+        return -1;
+    }
+    return static_cast<int>(number);
 }
 
 std::string text_column(sqlite3_stmt *statement, int column) {
@@ -115,7 +136,7 @@ int run_bound(sqlite3 *handle, const std::string &path, const char *sql, std::in
     for (const char *text : texts) {
         sqlite3_bind_text(statement.get(), ++position, text, -1, SQLITE_TRANSIENT);
     }
-    return status_of(sqlite3_step(statement.get()));
+    return outcome_of(handle, sqlite3_step(statement.get()));
 }
 
 } // namespace
@@ -145,6 +166,24 @@ int Database::open() {
     if (rc != TAVRIX_OK) {
         handle_ = nullptr; // after a failed open the variable holds a closed handle
         LOG_ERROR("Cannot open the database %s; it is made with: sqlite3 %s <schema.sql\n", path_.c_str(),
+                  path_.c_str());
+    }
+    return rc;
+}
+
+int Database::check_schema() {
+    int rc = open();
+    Statement statement;
+    for (const char *rows : {"unit, model, mac, alias, online FROM units",
+                             "unit, port, status, poe_status, link_status, link_speed, vlan_mode, power_mw FROM ports",
+                             "unit, port, vlan_id FROM vlan_members", "unit, port, mac, mask FROM mac_filters"}) {
+        rc = rc == TAVRIX_OK ? prepare(handle_, path_, std::string("SELECT ") + rows, &statement) : rc;
+    }
+    if (rc == TAVRIX_ERR_DB_BUSY) {
+        return TAVRIX_OK; // another process is at work: each request finds out for itself
+    }
+    if (rc != TAVRIX_OK && handle_ != nullptr) {
+        LOG_ERROR("The database %s is not the fleet's; one is made with: sqlite3 %s <schema.sql\n", path_.c_str(),
                   path_.c_str());
     }
     return rc;
@@ -198,23 +237,23 @@ int Database::find_ports(const Selection &selection, std::vector<Port> *out) {
     sqlite3_stmt *prepared = statement.get();
     int step = SQLITE_ROW;
     while ((step = sqlite3_step(prepared)) == SQLITE_ROW) {
-        const int unit = sqlite3_column_int(prepared, 0);
-        const int port = sqlite3_column_int(prepared, 1);
+        const int unit = number_column(prepared, 0);
+        const int port = number_column(prepared, 1);
         if (out->empty() || out->back().unit != unit || out->back().port != port) {
             out->push_back(Port{unit,
                                 port,
-                                sqlite3_column_int(prepared, 2),
-                                sqlite3_column_int(prepared, 3),
-                                sqlite3_column_int(prepared, 4),
-                                sqlite3_column_int(prepared, 5),
-                                sqlite3_column_int(prepared, 6),
+                                number_column(prepared, 2),
+                                number_column(prepared, 3),
+                                number_column(prepared, 4),
+                                number_column(prepared, 5),
+                                number_column(prepared, 6),
                                 {}});
         }
         if (sqlite3_column_type(prepared, 7) != SQLITE_NULL) {
-            out->back().vlan_ids.push_back(sqlite3_column_int(prepared, 7));
+            out->back().vlan_ids.push_back(number_column(prepared, 7));
         }
     }
-    return status_of(step);
+    return outcome_of(handle_, step);
 }
 
 int Database::list_units(std::vector<Unit> *out) {
@@ -230,10 +269,10 @@ int Database::list_units(std::vector<Unit> *out) {
     sqlite3_stmt *prepared = statement.get();
     int step = SQLITE_ROW;
     while ((step = sqlite3_step(prepared)) == SQLITE_ROW) {
-        out->push_back(Unit{sqlite3_column_int(prepared, 0), sqlite3_column_int(prepared, 1), text_column(prepared, 2),
-                            text_column(prepared, 3), sqlite3_column_int(prepared, 4) != 0});
+        out->push_back(Unit{number_column(prepared, 0), number_column(prepared, 1), text_column(prepared, 2),
+                            text_column(prepared, 3), number_column(prepared, 4) != 0});
     }
-    return status_of(step);
+    return outcome_of(handle_, step);
 }
 
 int Database::instant_power(const Selection &selection, int *milliwatts_out) {
@@ -264,6 +303,10 @@ int Database::instant_power(const Selection &selection, int *milliwatts_out) {
     if (poe_status == unsupported) {
         return TAVRIX_ERR_NO_POE;
     }
+    if (milliwatts < 0 || milliwatts > INT_MAX) {
+        LOG_ERROR("The database holds %lld for a power, which is none\n", static_cast<long long>(milliwatts));
+        return TAVRIX_ERR_SYSTEM_ACCESS;
+    }
     *milliwatts_out = static_cast<int>(milliwatts);
     return TAVRIX_OK;
 }
@@ -274,8 +317,8 @@ int Database::set_status(const Selection &selection, int status) {
         return rc;
     }
     return in_transaction([&] {
-        return status_of(tavrix_sqlite3_exec_sql(handle_, "UPDATE ports SET status = %d WHERE %s", status,
-                                                 where(selection).c_str()));
+        return outcome_of(handle_, tavrix_sqlite3_exec_sql(handle_, "UPDATE ports SET status = %d WHERE %s", status,
+                                                           where(selection).c_str()));
     });
 }
 
@@ -297,7 +340,7 @@ int Database::set_vlans(const Selection &selection, int mode, const int *vlan_id
                                            " SELECT unit, port, %d FROM ports WHERE %s",
                                            vlan_ids[i], condition.c_str());
         }
-        return status_of(step);
+        return outcome_of(handle_, step);
     });
 }
 
@@ -307,8 +350,8 @@ int Database::set_mac_filters(const Selection &selection, const tavrix_mac_filte
         return rc;
     }
     return in_transaction([&] {
-        int status =
-            status_of(tavrix_sqlite3_exec_sql(handle_, "DELETE FROM mac_filters WHERE %s", where(selection).c_str()));
+        int status = outcome_of(
+            handle_, tavrix_sqlite3_exec_sql(handle_, "DELETE FROM mac_filters WHERE %s", where(selection).c_str()));
         for (int i = 0; status == TAVRIX_OK && i < count; ++i) {
             status = run_bound(handle_, path_,
                                "INSERT OR IGNORE INTO mac_filters (unit, port, mac, mask) VALUES (?, ?, ?, ?)",
@@ -343,8 +386,9 @@ int Database::register_unit(const Unit &unit) {
         status = run_bound(handle_, path_, "INSERT INTO units (unit, model, mac, alias) VALUES (?, ?, ?, ?)",
                            {unit.unit, unit.model}, {unit.mac.c_str(), unit.alias.c_str()});
         for (int port = 1; status == TAVRIX_OK && port <= ports_of_a_new_unit; ++port) {
-            status = status_of(
-                tavrix_sqlite3_exec_sql(handle_, "INSERT INTO ports (unit, port) VALUES (%d, %d)", unit.unit, port));
+            status =
+                outcome_of(handle_, tavrix_sqlite3_exec_sql(handle_, "INSERT INTO ports (unit, port) VALUES (%d, %d)",
+                                                            unit.unit, port));
         }
         return status;
     });

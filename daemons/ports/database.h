@@ -54,8 +54,8 @@ class Database {
     Database &operator=(const Database &) = delete;
     ~Database();
 
-    /** Opens the database now, to learn early that it is missing. */
-    int open();
+    /** Opens the database now, to learn early that it is missing, or has not the tables that are needed. */
+    int check_schema();
 
     /** The ports of a selection; -47 when the port does not exist, -59 when the unit does not. */
     int find_ports(const Selection &selection, std::vector<Port> *out);
@@ -71,6 +71,7 @@ class Database {
     int register_unit(const Unit &unit);
 
   private:
+    int open();
     void leave_replaced_file();
     int check_selection(const Selection &selection);
     int count(const char *table, const char *condition, int64_t *out);

@@ -32,7 +32,7 @@ int main(int argc, char **argv) {
     ports::Database database(database_path);
     context.database = &database;
     const daemon_support::KitService service(common, ports::methods(), &context);
-    if (!service || database.open() != TAVRIX_OK || !ports::listen_for_link_changes(service.get(), &context)) {
+    if (!service || database.check_schema() != TAVRIX_OK || !ports::listen_for_link_changes(service.get(), &context)) {
         LOG_ERROR("portsd cannot start\n");
         return 1;
     }

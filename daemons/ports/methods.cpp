@@ -16,6 +16,7 @@ constexpr char unit_name[] = "ports";
 constexpr size_t word_size = 32;
 constexpr char link_changed[] = "events.LinkChanged";
 constexpr int max_vlan_ids = 32;
+constexpr int max_vlan_id = 4092;
 constexpr int max_mac_filters = 16;
 constexpr int lock_attempts = 20;
 constexpr int lock_delay_ms = 50;
@@ -105,6 +106,11 @@ json_t *mzu_id_json(int unit) {
 json_t *port_json(const Port &port) {
     json_t *vlan_ids = json_array();
     for (const int vlan_id : port.vlan_ids) {
+        if (vlan_id < 1 || vlan_id > max_vlan_id) {
+            LOG_ERROR("The database holds a VLAN id that is none\n");
+            json_decref(vlan_ids);
+            return nullptr;
+        }
         json_array_append_new(vlan_ids, json_integer(vlan_id));
     }
     return json_pack("{s:o, s:o, s:o, s:o, s:o, s:o, s:o}", "port_id", port_id_json(port.unit, port.port), "status",

@@ -2,9 +2,9 @@
 
 #include <stdexcept>
 
-#include <sqlite3.h>
 #include <sys/mman.h>
 
+#include "support/fleet_database.h"
 #include "tavrix_mq.h"
 
 namespace support {
@@ -13,22 +13,11 @@ namespace {
 
 constexpr char reply_prefix[] = "2524546b-ca99-4868-a062-359cefacff7c";
 
-void run_sql_file(sqlite3 *db, const std::string &path) {
-    if (sqlite3_exec(db, read_file(path).c_str(), nullptr, nullptr, nullptr) != SQLITE_OK) {
-        throw std::runtime_error(path + ": " + sqlite3_errmsg(db));
-    }
-}
-
 } // namespace
 
 Fleet::Fleet() {
     write_file("tavrix_lsyslog.conf", "[logging_levels]\nrouterd=info\nportsd=info\neventsd=info\nunit-test=off\n");
-    remove("zqn_h7.db");
-    sqlite3 *db = nullptr;
-    sqlite3_open("zqn_h7.db", &db);
-    run_sql_file(db, TAVRIX_SOURCE_DIR "/daemons/ports/schema.sql");
-    run_sql_file(db, TAVRIX_SOURCE_DIR "/daemons/ports/fleet.sql");
-    sqlite3_close(db);
+    make_fleet_database();
 }
 
 Process &Fleet::start_lone_router(const std::vector<std::string> &more) {
@@ -74,7 +63,8 @@ Process &Fleet::start_events(const std::string &interval_ms, const std::vector<s
     arguments.insert(arguments.end(), more.begin(), more.end());
     events.reset();
     events = std::make_unique<Process>("eventsd", arguments);
-    if (!events->says("eventsd ready")) {
+    const std::string shared = "/dev/shm" + slot; // which comes right after the line
+    if (!events->says("eventsd ready") || !wait_until([&] { return access(shared.c_str(), F_OK) == 0; })) {
         throw std::runtime_error("the events service does not get ready: " + events->log());
     }
     return *events;

@@ -746,17 +746,33 @@ TEST_F(Events, LeaveTheSocketToTheServiceThatHasIt) {
     EXPECT_EQ(code_of(direct(request("events.Last", "1"))), "-32013");
 }
 
-TEST_F(Events, AreRegisteredOnce) {
+TEST_F(Events, AreRegisteredAndSharedOnce) {
     start(never_ms);
+    ASSERT_EQ(member(member(call("events.Report", R"({"text":"one"})"), "result"), "number"), "1");
     Process second("second", {TAVRIX_EVENTSD, "--session", "session.sock", "--publish", support::free_bus_address(),
-                              "--slot", fleet.slot + "-second"});
+                              "--slot", fleet.slot, "--socket", "second.sock"});
     EXPECT_TRUE(second.says("a service of this name is registered already"));
     EXPECT_EQ(second.times_said("eventsd ready"), 0);
+    for (int number = 1; number <= 3; ++number) { // more than the first has
+        const StreamClient client = StreamClient::unix_path("second.sock");
+        client.say(request("events.Report", "1", R"(,"params":{"text":"the second's"})"));
+        EXPECT_EQ(member(member(client.hear(), "result"), "number"), std::to_string(number));
+        EXPECT_EQ(shared_number(), 1) << "the slot is the first's";
+    }
     fleet.events->signal(SIGTERM);
     EXPECT_EQ(fleet.events->wait(), 0);
     EXPECT_TRUE(second.says("eventsd ready")) << "it takes the place of the one that has gone";
-    EXPECT_EQ(code_of(call("events.Last")), "-32013");
-    shm_unlink((fleet.slot + "-second").c_str());
+    EXPECT_EQ(member(member(call("events.Last"), "result"), "number"), "3");
+    EXPECT_TRUE(support::wait_until([&] { return shared_number() == 3; })) << "and its slot";
+}
+
+TEST_F(Events, EndWhenTheirNumberCannotBeShared) {
+    start_router();
+    const Finished finished = support::run(
+        {TAVRIX_EVENTSD, "--session", "session.sock", "--publish", support::free_bus_address(), "--slot", "/no/slot"});
+    EXPECT_EQ(finished.status, 1);
+    EXPECT_NE(finished.diagnostics.find("Cannot share the last event's number in /no/slot"), std::string::npos)
+        << finished.diagnostics;
 }
 
 TEST(Daemons, RefuseASocketPathThatIsNotTheirs) {

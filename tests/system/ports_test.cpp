@@ -10,10 +10,10 @@
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <sqlite3.h>
 #include <unistd.h>
 
 #include "support/fleet.h"
+#include "support/fleet_database.h"
 #include "support/json.h"
 #include "tavrix_error.h"
 #include "tavrix_jrpc.h"
@@ -23,43 +23,12 @@ using support::code_of;
 using support::Fleet;
 using support::member;
 using support::request;
+using support::Sql;
 using support::StreamClient;
 
 namespace {
 
 constexpr char database_error[] = "-32010";
-
-/** The test's own connection to the daemons' database. */
-class Sql {
-  public:
-    Sql() {
-        sqlite3_open("zqn_h7.db", &db_);
-        sqlite3_busy_timeout(db_, 20000);
-    }
-    Sql(const Sql &) = delete;
-    Sql &operator=(const Sql &) = delete;
-    ~Sql() { sqlite3_close(db_); }
-
-    void run(const std::string &text) const {
-        EXPECT_EQ(sqlite3_exec(db_, text.c_str(), nullptr, nullptr, nullptr), SQLITE_OK) << sqlite3_errmsg(db_);
-    }
-    /** The rows' values, a blank between any two. */
-    std::string read(const std::string &query) const {
-        std::string values;
-        const auto add = [](void *out, int count, char **texts, char ** /*names*/) {
-            for (int i = 0; i < count; ++i) {
-                std::string &all = *static_cast<std::string *>(out);
-                all += (all.empty() ? "" : " ") + std::string(texts[i] != nullptr ? texts[i] : "null");
-            }
-            return 0;
-        };
-        EXPECT_EQ(sqlite3_exec(db_, query.c_str(), add, &values, nullptr), SQLITE_OK) << sqlite3_errmsg(db_);
-        return values;
-    }
-
-  private:
-    sqlite3 *db_ = nullptr;
-};
 
 std::string numbers(int from, int to) {
     std::string list = "[";
@@ -554,6 +523,9 @@ TEST_F(Road, StopsAndSaysWhyItCannotStart) {
     fleet.ports->signal(SIGTERM);
     EXPECT_EQ(fleet.ports->wait(), 0);
     EXPECT_NE(fleet.ports->log().find("portsd stopped"), std::string::npos);
+    support::write_file("empty.db", "");
+    support::write_file("notes.txt", "somebody's, and long enough to be more than the beginning of a header: " +
+                                         std::string(1000, 'x'));
     const std::string fifty_one(51, 'n');
     const std::string too_long(108, 's');
     const struct {
@@ -562,6 +534,9 @@ TEST_F(Road, StopsAndSaysWhyItCannotStart) {
         const char *reason;
     } rows[] = {
         {"--database", "missing.db", "Failed to open a database connection to file <missing.db>"},
+        {"--database", "empty.db",
+         "The database empty.db is not the fleet's; one is made with: sqlite3 empty.db <schema.sql"},
+        {"--database", "notes.txt", "Cannot use the database: file is not a database"},
         {"--connect", "nonsense", "Cannot listen to nonsense"},
         {"--publish", "nonsense", "Cannot publish on nonsense"},
         {"--name", "\xff", "A service's name has 1 to 50 letters, digits, dots, dashes and underscores"},

@@ -1,0 +1,119 @@
+/**
+ * A reference service's method table, driven by the test kit: what its tests have in common.
+ */
+#ifndef TAVRIX_TESTS_TESTKIT_DRIVEN_SERVICE_H
+#define TAVRIX_TESTS_TESTKIT_DRIVEN_SERVICE_H
+
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "support/json.h"
+#include "tavrix_error.h"
+#include "tavrix_service_test.h"
+
+namespace driven {
+
+inline std::string text(const char *found) { return found != nullptr ? found : "(none)"; }
+
+/** An outcome: {"result":...}, or {"error":...} whose data has the status's words. */
+inline std::string result(const std::string &value) { return R"({"result":)" + value + "}"; }
+inline std::string code_and_words(const std::string &outcome) {
+    return support::code_of(outcome) + " " +
+           support::member(support::member(support::member(outcome, "error"), "data"), "message");
+}
+inline std::string code_and_words(int code, const std::string &words) {
+    return std::to_string(code) + " \"" + words + "\"";
+}
+/** How a status is answered: its words are the message of the error's data. */
+inline std::string code_and_words(int code, tavrix_status status) {
+    return code_and_words(code, std::string(tavrix_error_decode(status)));
+}
+
+/** A text as JSON. */
+inline std::string quoted(const std::string &text) {
+    std::string json = "\"";
+    for (const char letter : text) {
+        json += letter == '"' || letter == '\\' ? "\\" : "";
+        json += letter;
+    }
+    return json += '"';
+}
+
+/** The reason in a refusal's data; `value` is JSON. */
+inline std::string reason_of(const std::string &parameter, const std::string &value, const std::string &complaint) {
+    return quoted(parameter + ": " + value + " " + complaint);
+}
+
+/** A call whose parameter is refused; `value` is JSON as the data shows it, "(none)" for a parameter that is missing.
+ */
+struct Refusal {
+    const char *method;
+    std::string params;
+    int code;
+    const char *parameter;
+    std::string value;
+    std::string reason;
+};
+
+class Service {
+  public:
+    Service(const char *name, const tavrix_service_method *methods, void *user,
+            void (*ready)(tavrix_service *, void *) = nullptr) {
+        tavrix_service_options options{};
+        options.name = name;
+        options.methods = methods;
+        options.user = user;
+        options.ready = ready;
+        EXPECT_EQ(tavrix_service_test_open(&options, &test_), TAVRIX_OK);
+    }
+    Service(const Service &) = delete;
+    Service &operator=(const Service &) = delete;
+    ~Service() { tavrix_service_test_close(test_); }
+
+    tavrix_service *service() const { return tavrix_service_test_service(test_); }
+
+    /** The outcome; "(none)" when the call is deferred. */
+    std::string call(const char *method, const std::string &params = "{}") {
+        return text(tavrix_service_test_call(test_, method, params.c_str()));
+    }
+    std::string request(const std::string &whole) { return text(tavrix_service_test_request(test_, whole.c_str())); }
+    std::string next_outcome() { return text(tavrix_service_test_next_outcome(test_)); }
+    /** By its transaction id: calls count from 1. */
+    void cancel(int64_t call) { tavrix_service_test_cancel(test_, call); }
+
+    std::string next_request() { return text(tavrix_service_test_next_request(test_)); }
+    void play(const char *method, const std::string &outcome) {
+        tavrix_service_test_play(test_, method, outcome.c_str());
+    }
+    bool answer(const char *method, const std::string &outcome) {
+        return tavrix_service_test_answer(test_, method, outcome.c_str());
+    }
+    std::string next_notification() { return text(tavrix_service_test_next_notification(test_)); }
+    bool logged(const char *part) { return tavrix_service_test_logged(test_, part); }
+    std::string next_log() { return text(tavrix_service_test_next_log(test_)); }
+
+    void notify(const char *method, const char *params) { tavrix_service_test_notify(test_, method, params); }
+    void advance(int ms) { tavrix_service_test_advance(test_, ms); }
+    void restart_router() { tavrix_service_test_restart_router(test_); }
+    void stop() { tavrix_service_test_stop(test_); }
+    bool is_stopped() const { return tavrix_service_test_is_stopped(test_); }
+
+    void expect_refusal(const Refusal &row) {
+        const std::string what = std::string(row.method) + " " + row.params;
+        const std::string outcome = call(row.method, row.params);
+        const std::string data = support::member(support::member(outcome, "error"), "data");
+        EXPECT_EQ(support::code_of(outcome), std::to_string(row.code)) << what << outcome;
+        EXPECT_EQ(support::member(data, "parameter"), quoted(row.parameter)) << what;
+        EXPECT_EQ(support::member(data, "value"), row.value) << what;
+        EXPECT_EQ(support::member(data, "reason"), row.reason) << what;
+        EXPECT_NE(support::member(data, "message"), "(none)") << what;
+    }
+
+  private:
+    tavrix_service_test *test_ = nullptr;
+};
+
+} // namespace driven
+
+#endif

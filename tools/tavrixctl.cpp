@@ -176,7 +176,8 @@ void add_monitor(CLI::App &app, CommandLine *line) {
     verb->add_option("--slower-than", options.slower_than_ms, "Only requests that took more milliseconds")
         ->check(CLI::Range(0.0, 1e9));
     verb->add_option("--record", options.record, "Write what is printed to this file as well, a JSON object a line");
-    verb->add_option("--channel", options.channels, "Only channels of the bus that begin so; may be repeated")
+    verb->add_option("--channel", options.channels,
+                     "Only channels of the bus that begin so, or that have this short name; may be repeated")
         ->expected(1)
         ->allow_extra_args(false)
         ->take_all();

@@ -1,6 +1,6 @@
 # bash completion for tavrixctl, which is asked what may follow.
 _tavrixctl() {
-    local line=${COMP_LINE:0:COMP_POINT} words=() piece= offer prefix i
+    local line=${COMP_LINE:0:COMP_POINT} words=() piece='' offer prefix i
     # Bash breaks words at '=' and ':' too: what no blank divides is one word.
     for ((i = 0; i <= COMP_CWORD; ++i)); do
         if ((i == 0)) || [[ $line == [[:space:]]* ]]; then
@@ -16,7 +16,7 @@ _tavrixctl() {
     done
     # Only the last piece is replaced, and a break between pieces stays as it is.
     if [[ $piece != *[!=:]* ]]; then
-        piece=
+        piece=''
     fi
     prefix=${words[${#words[@]} - 1]%"$piece"}
     COMPREPLY=()

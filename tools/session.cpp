@@ -11,6 +11,7 @@ namespace tavrixctl {
 
 Session::Got Session::next_line(const Deadline &deadline, std::string *line) {
     char chunk[65536];
+    bool has_read = false;
     for (;;) {
         const size_t end = buffer_.find('\n', searched_);
         if (end != std::string::npos) {
@@ -22,6 +23,9 @@ Session::Got Session::next_line(const Deadline &deadline, std::string *line) {
         searched_ = buffer_.size();
         if (stop_requested()) {
             return Got::stopped;
+        }
+        if (has_read && deadline.passed()) {
+            return Got::timeout; // however much comes without an end
         }
         pollfd ready[] = {{socket_.get(), POLLIN, 0}, {stop_descriptor(), POLLIN, 0}};
         const int count = poll(ready, 2, deadline.left_ms());
@@ -36,11 +40,12 @@ Session::Got Session::next_line(const Deadline &deadline, std::string *line) {
             return Got::closed;
         }
         buffer_.append(chunk, got < 0 ? 0 : static_cast<size_t>(got));
+        has_read = true;
     }
 }
 
 Session::Got Session::next_message(const Deadline &deadline, Json *message) {
-    for (;;) {
+    do {
         std::string line;
         const Got got = next_line(deadline, &line);
         if (got != Got::line) {
@@ -50,7 +55,8 @@ Session::Got Session::next_message(const Deadline &deadline, Json *message) {
         if (*message) {
             return got;
         }
-    }
+    } while (!deadline.passed());
+    return Got::timeout;
 }
 
 Session::Got Session::next_notification(const Deadline &deadline, Json *notification) {
@@ -59,22 +65,24 @@ Session::Got Session::next_notification(const Deadline &deadline, Json *notifica
         kept_.pop_front();
         return Got::line;
     }
-    for (;;) {
+    do {
         const Got got = next_message(deadline, notification);
         if (got != Got::line || json_object_get(notification->get(), "method") != nullptr) {
             return got;
         }
-    }
+    } while (!deadline.passed());
+    return Got::timeout;
 }
 
 Session::Got Session::next_answer(const Deadline &deadline, Json *answer) {
-    for (;;) {
+    do {
         const Got got = next_message(deadline, answer);
         if (got != Got::line || json_object_get(answer->get(), "method") == nullptr) {
             return got;
         }
         kept_.push_back(std::move(*answer));
-    }
+    } while (!deadline.passed());
+    return Got::timeout;
 }
 
 int Session::ask(const std::string &request, const Deadline &deadline, Json *answer) {

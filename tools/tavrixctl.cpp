@@ -9,6 +9,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "completion.h"
 #include "support.h"
 #include "verbs.h"
 #include "words.h"
@@ -18,10 +19,6 @@ namespace {
 using namespace tavrixctl;
 
 constexpr char version_text[] = "tavrixctl " TAVRIX_VERSION;
-const std::vector<std::string> json_words = {"pretty", "short"};
-const std::vector<std::string> monitor_words = {"pretty", "short", "lines"};
-const std::vector<std::string> doc_words = {"markdown", "json"};
-const std::vector<std::string> shells = {"bash"};
 constexpr char params_help[] = "key=text, key:=json, a JSON object, @FILE or - (standard input) with one";
 
 constexpr int most_params = 256;
@@ -176,7 +173,8 @@ void add_monitor(CLI::App &app, CommandLine *line) {
     verb->add_option("--slower-than", options.slower_than_ms, "Only requests that took more milliseconds")
         ->check(CLI::Range(0.0, 1e9));
     verb->add_option("--record", options.record, "Write what is printed to this file as well, a JSON object a line");
-    verb->add_option("--channel", options.channels, "Only channels of the bus that begin so; may be repeated")
+    verb->add_option("--channel", options.channels,
+                     "Only channels of the bus that begin so, or that have this short name; may be repeated")
         ->expected(1)
         ->allow_extra_args(false)
         ->take_all();
@@ -400,96 +398,6 @@ void add_log_level(CLI::App &app, CommandLine *line) {
     verb->callback([line] { line->run = [line] { return log_level(line->log_level); }; });
 }
 
-CLI::App *find_verb(CLI::App *parent, const std::string &name) {
-    const auto found = parent->get_subcommands([&](CLI::App *verb) { return verb->get_name() == name; });
-    return found.empty() ? nullptr : found.front();
-}
-
-std::vector<std::string> verb_names(const CLI::App &parent) {
-    std::vector<std::string> names;
-    for (const CLI::App *verb : parent.get_subcommands([](const CLI::App *) { return true; })) {
-        names.push_back(verb->get_name());
-    }
-    return names;
-}
-
-/**
- * Bash breaks words at '=' and ':' too, and gives those as words of their own: puts them together again, but for the
- * '=' between an option and its value, which are two words in either spelling.
- */
-std::vector<std::string> rejoin(const std::vector<std::string> &pieces) {
-    std::vector<std::string> words;
-    bool glued = false;
-    for (const std::string &piece : pieces) {
-        const bool is_break = !piece.empty() && piece.find_first_not_of("=:") == std::string::npos;
-        if (piece == "=" && !words.empty() && words.back().rfind("--", 0) == 0) {
-            words.emplace_back();
-        } else if (!words.empty() && (is_break || glued)) {
-            words.back() += piece;
-        } else {
-            words.push_back(piece);
-        }
-        glued = is_break;
-    }
-    return words.empty() ? std::vector<std::string>(1) : words;
-}
-
-/** What stands before the word that is being typed. */
-struct Position {
-    CLI::App *verb = nullptr;
-    size_t positionals = 0;
-    std::string option = {}; ///< the option whose value comes next, if any
-};
-
-Position position_after(CLI::App &app, const std::vector<std::string> &words) {
-    Position position{&app};
-    for (size_t i = 0; i + 1 < words.size(); ++i) {
-        const std::string &word = words[i];
-        CLI::App *next = find_verb(position.verb, word);
-        if (!position.option.empty()) {
-            position.option.clear();
-        } else if (next != nullptr) {
-            position.verb = next;
-        } else if (word.rfind("--", 0) == 0) {
-            const CLI::Option *option = position.verb->get_option_no_throw(word);
-            position.option = option != nullptr && option->get_items_expected_max() > 0 ? word : "";
-        } else {
-            ++position.positionals;
-        }
-    }
-    return position;
-}
-
-std::vector<std::string> positional_words(const Position &position) {
-    const std::string verb = position.verb->get_name();
-    if (verb == "help") {
-        return verb_names(*position.verb->get_parent());
-    }
-    if (verb == "validate" && position.positionals == 0) {
-        return validated_fields();
-    }
-    if (verb == "log-level" && position.positionals == 1) {
-        return log_level_words();
-    }
-    return verb == "completion" && position.positionals == 0 ? shells : std::vector<std::string>();
-}
-
-std::vector<std::string> candidates_at(const Position &position) {
-    if (!position.option.empty()) {
-        const bool is_monitor = position.verb->get_name() == "monitor";
-        return position.option != "--json" ? std::vector<std::string>() : is_monitor ? monitor_words : json_words;
-    }
-    std::vector<std::string> candidates = positional_words(position);
-    const std::vector<std::string> verbs = verb_names(*position.verb);
-    candidates.insert(candidates.end(), verbs.begin(), verbs.end());
-    for (const CLI::Option *option : position.verb->get_options()) {
-        for (const std::string &name : option->get_lnames()) {
-            candidates.push_back("--" + name);
-        }
-    }
-    return candidates;
-}
-
 /** The first of the words that should be a verb and is none, complained about; empty when all is well. */
 std::string find_stranger(CLI::App &app, const std::vector<std::string> &words) {
     CLI::App *parent = &app;
@@ -520,17 +428,6 @@ void unguard(CLI::App *app) {
     }
 }
 
-/** The words that may follow: asked for by the shell, word by word, so that it never knows less than the tool. */
-int complete(CLI::App &app, const std::vector<std::string> &pieces) {
-    const std::vector<std::string> words = rejoin(pieces);
-    for (const std::string &candidate : candidates_at(position_after(app, words))) {
-        if (candidate.rfind(words.back(), 0) == 0) {
-            print_line(candidate);
-        }
-    }
-    return exit_result;
-}
-
 void add_help(CLI::App &app, CommandLine *line) {
     CLI::App *verb = add_verb(app, "help", "Explain a verb", "  tavrixctl help call\n  tavrixctl help shm get");
     verb->add_option("VERB", line->values, "The verb, and its own")->expected(0, 2);
@@ -554,15 +451,12 @@ void add_help(CLI::App &app, CommandLine *line) {
 }
 
 void add_completion(CLI::App &app, CommandLine *line) {
-    static constexpr char script[] = R"(_tavrixctl() {
-    local IFS=$'\n'
-    COMPREPLY=($(tavrixctl __complete "${COMP_WORDS[@]:1:COMP_CWORD}" 2>/dev/null))
-}
-complete -o default -F _tavrixctl tavrixctl)";
-    CLI::App *verb =
-        add_verb(app, "completion", "Print the shell's completion script", "  source <(tavrixctl completion bash)");
-    verb->add_option("SHELL", line->shell, "bash")->required()->check(CLI::IsMember(shells));
-    verb->callback([line] { line->run = [] { return print_line(script) ? exit_result : exit_error_response; }; });
+    CLI::App *verb = add_verb(app, "completion", "Print the shell's completion script",
+                              "  source <(tavrixctl completion bash)\n  source <(tavrixctl completion zsh)");
+    verb->add_option("SHELL", line->shell, "bash or zsh")->required()->check(CLI::IsMember(shells));
+    verb->callback([line] {
+        line->run = [line] { return print_line(completion_script(line->shell)) ? exit_result : exit_error_response; };
+    });
 }
 
 } // namespace

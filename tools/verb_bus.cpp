@@ -174,6 +174,24 @@ class Listeners {
     std::vector<std::unique_ptr<BusSocket>> sockets_;
 };
 
+/** A text that may be no UTF-8, which JSON could not hold as it is. */
+Json json_of(const std::string &text) {
+    Json exact(json_stringn(text.data(), text.size()));
+    return exact ? std::move(exact) : Json(json_string(printable(text).c_str()));
+}
+
+/** What begins with a channel's short name is meant as well: such names begin methods, too. */
+std::vector<std::string> prefixes_of(const std::vector<std::string> &channels) {
+    std::vector<std::string> prefixes = channels.empty() ? std::vector<std::string>{""} : channels;
+    for (const std::string &channel : channels) {
+        const std::string named = channel_of(channel);
+        if (!named.empty()) {
+            prefixes.push_back(named);
+        }
+    }
+    return prefixes;
+}
+
 /** The frame as it is printed; empty when no pattern fits it. */
 std::string line_of(const Frame &frame, const std::optional<JsonStyle> &style,
                     const std::vector<std::string> &patterns) {
@@ -185,12 +203,13 @@ std::string line_of(const Frame &frame, const std::optional<JsonStyle> &style,
         return "";
     }
     if (style == JsonStyle::lines) {
-        const Json object(json_pack("{s:f, s:o, s:o}", "time", now, "channel",
-                                    json_string(printable(frame.channel).c_str()), "message",
+        const std::string name = short_name_of(frame.channel);
+        const Json object(json_pack("{s:f, s:o, s:o, s:o}", "time", now, "channel", json_of(frame.channel).release(),
+                                    "name", name.empty() ? json_null() : json_string(name.c_str()), "message",
                                     message ? json_incref(message.get()) : json_string(printable(frame.json).c_str())));
         return render(object.get(), JsonStyle::lines);
     }
-    return time_text(now) + "  " + (frame.channel.empty() ? "-" : printable(frame.channel)) + "  " +
+    return time_text(now) + "  " + (frame.channel.empty() ? "-" : channel_name(frame.channel)) + "  " +
            (message ? render(message.get(), style.value_or(JsonStyle::single_line)) : printable(frame.json));
 }
 
@@ -198,9 +217,8 @@ std::string line_of(const Frame &frame, const std::optional<JsonStyle> &style,
 
 int monitor_bus(const MonitorOptions &options, const std::vector<std::string> &addresses,
                 const std::vector<std::string> &patterns) {
-    const std::vector<std::string> every_channel = {""};
     Listeners listeners;
-    const int status = listeners.open(addresses, options.channels.empty() ? every_channel : options.channels);
+    const int status = listeners.open(addresses, prefixes_of(options.channels));
     if (status != exit_result) {
         return status;
     }

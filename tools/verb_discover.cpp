@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "discovery.h"
 #include "router.h"
 #include "support.h"
 #include "verbs.h"
@@ -18,26 +19,6 @@ constexpr size_t deepest = 8; // of values within values
 constexpr char plain_characters[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-+=:.,/@%";
 
 // --- What a document says ------------------------------------------------------------------------------------------
-
-int discover(const Target &target, double timeout_s, Json *document) {
-    Router router(target);
-    return router.ask("rpc.discover", nullptr, Deadline(timeout_s), document);
-}
-
-std::vector<const json_t *> elements_of(const json_t *object, const char *key) {
-    std::vector<const json_t *> elements;
-    size_t index = 0;
-    const json_t *element = nullptr;
-    json_array_foreach(json_object_get(object, key), index, element) { elements.push_back(element); }
-    return elements;
-}
-
-std::vector<const json_t *> methods_of(const json_t *document) {
-    std::vector<const json_t *> methods = elements_of(document, "methods");
-    std::sort(methods.begin(), methods.end(),
-              [](const json_t *a, const json_t *b) { return text_of(a, "name") < text_of(b, "name"); });
-    return methods;
-}
 
 std::string shown(const json_t *object, const char *key) { return printable(text_of(object, key)); }
 
@@ -191,12 +172,6 @@ std::vector<std::string> lines_of(const json_t *method) {
 
 bool print_lines(const std::vector<std::string> &lines) { return std::all_of(lines.begin(), lines.end(), print_line); }
 
-const json_t *find_method(const std::vector<const json_t *> &methods, const std::string &name) {
-    const auto found = std::find_if(methods.begin(), methods.end(),
-                                    [&name](const json_t *method) { return text_of(method, "name") == name; });
-    return found != methods.end() ? *found : nullptr;
-}
-
 int complain_of_unknown(const std::string &name, const std::vector<const json_t *> &methods) {
     std::vector<std::string> names;
     names.reserve(methods.size());
@@ -254,7 +229,7 @@ std::vector<std::string> markdown_of(const json_t *document) {
 
 int list_methods(const DiscoverOptions &options) {
     Json document;
-    const int rc = discover(options.target, options.timeout_s, &document);
+    const int rc = discover(options.target, Deadline(options.timeout_s), &document);
     if (rc != exit_result) {
         return rc;
     }
@@ -274,7 +249,7 @@ int list_methods(const DiscoverOptions &options) {
 
 int describe(const DiscoverOptions &options) {
     Json document;
-    const int rc = discover(options.target, options.timeout_s, &document);
+    const int rc = discover(options.target, Deadline(options.timeout_s), &document);
     if (rc != exit_result) {
         return rc;
     }
@@ -288,7 +263,7 @@ int describe(const DiscoverOptions &options) {
 
 int docs(const DiscoverOptions &options) {
     Json document;
-    const int rc = discover(options.target, options.timeout_s, &document);
+    const int rc = discover(options.target, Deadline(options.timeout_s), &document);
     if (rc != exit_result) {
         return rc;
     }

@@ -206,14 +206,22 @@ Daemons ask_for_daemons(Router *router, const LogLevelOptions &options) {
     return daemons;
 }
 
-bool is_known(const Daemons &daemons, const std::string &text, const std::string &daemon) {
+/** The router's and the file's. */
+std::vector<std::string> names_of(const Daemons &daemons, const std::string &text) {
     std::vector<std::string> names;
     for (const auto &[name, state] : daemons) {
         names.push_back(name);
     }
     for (const auto &[name, level] : levels_in(text)) {
-        names.push_back(name);
+        if (daemons.count(name) == 0) {
+            names.push_back(name);
+        }
     }
+    return names;
+}
+
+bool is_known(const Daemons &daemons, const std::string &text, const std::string &daemon) {
+    const std::vector<std::string> names = names_of(daemons, text);
     if (std::find(names.begin(), names.end(), daemon) != names.end()) {
         return true;
     }
@@ -464,6 +472,13 @@ int shm_remove(const ShmOptions &options) {
 }
 
 std::vector<std::string> log_level_words() { return {"off", "info", "debug", "verbose"}; }
+
+std::vector<std::string> daemon_names(const LogLevelOptions &options) {
+    std::string text;
+    read_file(options.file, &text); // names that cannot be read are none
+    Router router(options.target);
+    return names_of(options.edit_only ? Daemons() : ask_for_daemons(&router, options), text);
+}
 
 int log_level(const LogLevelOptions &options) {
     if (!options.level.empty() &&

@@ -166,6 +166,8 @@ struct LogLevelOptions {
 };
 int log_level(const LogLevelOptions &options);
 std::vector<std::string> log_level_words();
+/** Those that the file or the router knows, without a complaint when either cannot be asked. */
+std::vector<std::string> daemon_names(const LogLevelOptions &options);
 
 } // namespace tavrixctl
 

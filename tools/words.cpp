@@ -19,6 +19,17 @@ namespace {
 
 constexpr char column_gap[] = "  ";
 
+struct NamedChannel {
+    const char *channel;
+    const char *name;
+};
+
+constexpr NamedChannel named_channels[] = {
+    {TAVRIX_CHANNEL_FIRST, "first"},           {TAVRIX_CHANNEL_EVENTS, "events"},
+    {TAVRIX_CHANNEL_INTERFACES, "interfaces"}, {TAVRIX_CHANNEL_DEFAULT, "default"},
+    {TAVRIX_ROUTER_REPLY_CHANNEL, "replies"},
+};
+
 bool bears_colours() {
     static const bool bears = [] {
         const char *no_colour = std::getenv("NO_COLOR");
@@ -163,20 +174,28 @@ double now_since_1970() {
 }
 
 std::string channel_name(const std::string &channel) {
-    const struct {
-        const char *channel;
-        const char *name;
-    } rows[] = {
-        {TAVRIX_CHANNEL_FIRST, "first"},           {TAVRIX_CHANNEL_EVENTS, "events"},
-        {TAVRIX_CHANNEL_INTERFACES, "interfaces"}, {TAVRIX_CHANNEL_DEFAULT, "default"},
-        {TAVRIX_ROUTER_REPLY_CHANNEL, "replies"},
-    };
-    for (const auto &row : rows) {
-        if (channel == row.channel) {
-            return row.name;
-        }
+    const std::string name = short_name_of(channel);
+    return name.empty() ? printable(channel) : name;
+}
+
+std::string short_name_of(const std::string &channel) {
+    const auto *const row = std::find_if(std::begin(named_channels), std::end(named_channels),
+                                         [&](const NamedChannel &named) { return channel == named.channel; });
+    return row == std::end(named_channels) ? "" : row->name;
+}
+
+std::string channel_of(const std::string &short_name) {
+    const auto *const row = std::find_if(std::begin(named_channels), std::end(named_channels),
+                                         [&](const NamedChannel &named) { return short_name == named.name; });
+    return row == std::end(named_channels) ? "" : row->channel;
+}
+
+std::vector<std::string> channel_names() {
+    std::vector<std::string> names;
+    for (const NamedChannel &row : named_channels) {
+        names.emplace_back(row.name);
     }
-    return printable(channel);
+    return names;
 }
 
 std::string nearest(const std::string &word, const std::vector<std::string> &candidates) {

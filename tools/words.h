@@ -59,6 +59,11 @@ double now_since_1970();
 /** What the bus calls the channel: a short name for the system's own, otherwise its printable text. */
 std::string channel_name(const std::string &channel);
 
+/** From one to the other of the system's own channels; empty when there is none. */
+std::string short_name_of(const std::string &channel);
+std::string channel_of(const std::string &short_name);
+std::vector<std::string> channel_names();
+
 /** The candidate that was probably meant; empty when none is near. */
 std::string nearest(const std::string &word, const std::vector<std::string> &candidates);
 

@@ -38,6 +38,10 @@ for program in "$work"/prefix/*bin/*; do
     "$program" --version >/dev/null # finds the library beside it, with no help from the loader's configuration
 done
 
+# The completion's scripts are where the shells look for them, and what the tool prints.
+tavrixctl completion bash | cmp - "$work/prefix/share/bash-completion/completions/tavrixctl" || fail "bash completion"
+tavrixctl completion zsh | cmp - "$work/prefix/share/zsh/site-functions/_tavrixctl" || fail "zsh completion"
+
 # What ldconfig and a prefix that pkg-config knows would do.
 export LD_LIBRARY_PATH=$library_dir PKG_CONFIG_PATH=$library_dir/pkgconfig
 if [ -n "$sysroot" ]; then

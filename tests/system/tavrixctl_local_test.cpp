@@ -22,20 +22,6 @@ constexpr const char *verbs[] = {"",        "call",   "send",      "status",    
                                  "monitor", "replay", "push",      "subscribe", "wait",      "error",   "validate",
                                  "shm",     "db",     "log-level", "help",      "completion"};
 
-/** What bash offers for the last of the words, as its completion breaks them up. */
-std::string completed(const std::vector<std::string> &words) {
-    std::string list;
-    for (const std::string &word : words) {
-        list += " '" + word + "'";
-    }
-    const Finished finished =
-        script("source <(tavrixctl completion bash)\n"
-               "COMP_WORDS=(tavrixctl" +
-               list + ")\nCOMP_CWORD=" + std::to_string(words.size()) + "\n_tavrixctl\necho \"${COMPREPLY[@]}\"");
-    EXPECT_EQ(finished.diagnostics, "");
-    return finished.output;
-}
-
 } // namespace
 
 TEST(CtlHelp, ExplainsTheToolAndEachVerbWithExamples) {
@@ -297,44 +283,6 @@ TEST(CtlLogLevel, LeavesAloneWhatItCannotRead) {
     EXPECT_EQ(ctl({"log-level", "a", "debug", "--file", "new.conf", "--no-reload"}).status, 0);
     EXPECT_EQ(read_file("new.conf"), "[logging_levels]\na=debug\n") << "a file that does not exist is made";
     EXPECT_EQ(ctl({"log-level", "a", "debug", "--file", "no-folder/x.conf", "--no-reload"}).status, 1);
-}
-
-TEST(CtlCompletion, IsBoundToTheToolsName) {
-    EXPECT_EQ(script("source <(tavrixctl completion bash); complete -p tavrixctl").output,
-              "complete -o default -F _tavrixctl tavrixctl\n");
-}
-
-TEST(CtlCompletion, OffersInBashWhatTheToolKnows) {
-    const struct {
-        std::vector<std::string> words;
-        const char *offered;
-    } rows[] = {
-        {{"mon"}, "monitor\n"},
-        {{"help", "mon"}, "monitor\n"},
-        {{"status", "--se"}, "--session\n"},
-        {{"top", "--interval", "1", "--cou"}, "--count\n"},
-        {{"shm", "g"}, "get\n"},
-        {{"shm", ""}, "get set list rm --help --version\n"},
-        {{"completion", ""}, "bash --help --version\n"},
-        {{"validate", "vlan_n"}, "vlan_name_id\n"},
-        {{"validate", "vlan_id", "v"}, "\n"},
-        {{"log-level", "portsd", "v"}, "verbose\n"},
-        {{"log-level", "--file", "f", "portsd", "v"}, "verbose\n"},
-        {{"log-level", "--file", "=", "f", "portsd", "v"}, "verbose\n"},
-        {{"log-level", "--tcp", "localhost", ":", "7100", "portsd", "v"}, "verbose\n"},
-        {{"log-level", "--no-reload", "portsd", "v"}, "verbose\n"},
-        {{"log-level", "--file", ""}, "\n"},
-        {{"call", "--tim"}, "--timeout\n"},
-        {{"call", "--json", ""}, "pretty short\n"},
-        {{"monitor", "--json", "l"}, "lines\n"},
-        {{"call", "--json", "="}, "pretty short\n"},
-        {{"call", "--json", "=", "p"}, "pretty\n"},
-        {{"call", "m", "-", "--tim"}, "--timeout\n"},
-        {{"nonsense", "mon"}, "monitor\n"},
-    };
-    for (const auto &row : rows) {
-        EXPECT_EQ(completed(row.words), row.offered) << testing::PrintToString(row.words);
-    }
 }
 
 TEST(CtlManPage, IsWellFormed) {

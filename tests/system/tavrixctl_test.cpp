@@ -502,8 +502,8 @@ TEST(CtlMonitor, PrintsEveryFrameOfBothDirections) {
     service.reply(R"({"jsonrpc":"2.0","id":"ports.Get","result":0,"transaction_id":)" +
                   support::member(service.next_request(), "transaction_id") + "}");
     EXPECT_EQ(support::member(client.hear(), "transaction_id"), "31");
-    EXPECT_TRUE(monitor.prints(R"(  3a6f8f51-502f-4238-9638-29764ff1a8a4  {"jsonrpc":"2.0","method":"ports.Get")"));
-    EXPECT_TRUE(monitor.prints(R"(  2524546b-ca99-4868-a062-359cefacff7c  {"jsonrpc":"2.0","id":"ports.Get")"));
+    EXPECT_TRUE(monitor.prints(R"(  first  {"jsonrpc":"2.0","method":"ports.Get")"));
+    EXPECT_TRUE(monitor.prints(R"(  replies  {"jsonrpc":"2.0","id":"ports.Get")"));
     monitor.signal(SIGINT);
     EXPECT_EQ(monitor.wait(), 0);
 }
@@ -544,6 +544,61 @@ TEST(CtlMonitor, TakesSeveralChannelsBeforeAndAfterTheAddresses) {
     EXPECT_NE(monitor.output().find("  3a6f8f51  {}"), std::string::npos) << monitor.output();
     EXPECT_NE(monitor.output().find("  2524546b  {}"), std::string::npos) << monitor.output();
     EXPECT_EQ(monitor.output().find("9d4f"), std::string::npos) << monitor.output();
+}
+
+TEST(CtlMonitor, NamesTheSystemsChannelsForPeopleAndPrograms) {
+    const struct {
+        std::string channel;
+        const char *shown;
+        const char *name;
+    } rows[] = {
+        {TAVRIX_CHANNEL_FIRST, "first", "\"first\""},
+        {TAVRIX_CHANNEL_EVENTS, "events", "\"events\""},
+        {TAVRIX_CHANNEL_INTERFACES, "interfaces", "\"interfaces\""},
+        {TAVRIX_CHANNEL_DEFAULT, "default", "\"default\""},
+        {TAVRIX_ROUTER_REPLY_CHANNEL, "replies", "\"replies\""},
+        {"3a6f8f51", "3a6f8f51", "null"},
+        {"first", "first", "null"},
+    };
+    for (const auto &row : rows) {
+        const std::string address = support::free_bus_address();
+        support::Process monitor("monitor", {TAVRIXCTL, "monitor", address, "--count", "1"});
+        support::Process lines("lines", {TAVRIXCTL, "monitor", address, "--count", "1", "--json", "lines"});
+        publish_until_it_ends(&monitor, {address}, {row.channel + "|{}"});
+        publish_until_it_ends(&lines, {address}, {row.channel + "|{}"});
+        const std::string line = first_line(monitor.output());
+        EXPECT_EQ(line.substr(line.find("  ")), std::string("  ") + row.shown + "  {}");
+        EXPECT_EQ(support::member(lines.output(), "channel"), '"' + row.channel + '"');
+        EXPECT_EQ(support::member(lines.output(), "name"), row.name) << row.channel;
+    }
+}
+
+TEST(CtlMonitor, KeepsTheChannelsExactTextForPrograms) {
+    const std::string address = support::free_bus_address();
+    for (const auto &[frame, channel] : {std::pair("a\\b\x1b\xc3\xa4|{}", R"("channel":"a\\b\u001B\u00E4")"),
+                                         std::pair("no\xff UTF-8|{}", R"("channel":"no\\xff UTF-8")"),
+                                         std::pair("no bar", R"("channel":"","name":null)")}) {
+        support::Process monitor("monitor", {TAVRIXCTL, "monitor", address, "--count", "1", "--json", "lines"});
+        publish_until_it_ends(&monitor, {address}, {frame});
+        EXPECT_NE(monitor.output().find(channel), std::string::npos) << monitor.output();
+    }
+}
+
+TEST(CtlMonitor, TakesAChannelByItsName) {
+    const std::string address = support::free_bus_address();
+    support::Process monitor("monitor", {TAVRIXCTL, "monitor", address, "--channel", "replies", "--count", "1"});
+    publish_until_it_ends(&monitor, {address},
+                          {"x|{}", "2524546b|{}", std::string(TAVRIX_ROUTER_REPLY_CHANNEL) + "|{}"});
+    EXPECT_NE(monitor.output().find("  replies  {}"), std::string::npos) << monitor.output();
+}
+
+TEST(CtlMonitor, TakesAChannelsNameForTheBeginningOfOthersToo) {
+    for (const std::string frame : {"events.LinkChanged|{}", TAVRIX_CHANNEL_EVENTS "|{}"}) {
+        const std::string address = support::free_bus_address();
+        support::Process monitor("monitor", {TAVRIXCTL, "monitor", address, "--channel", "events", "--count", "1"});
+        publish_until_it_ends(&monitor, {address}, {"x|{}", frame});
+        EXPECT_NE(monitor.output().find("  events"), std::string::npos) << monitor.output();
+    }
 }
 
 TEST(CtlMonitor, KeepsAFrameThatIsNoJsonOnOneHarmlessLine) {

@@ -1,0 +1,370 @@
+/*
+ * What bash and zsh offer for a line of tavrixctl: what the tool knows, and what the running system knows.
+ */
+#include <algorithm>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include "support/fleet.h"
+#include "support/session.h"
+#include "support/tavrixctl.h"
+
+using support::ctl;
+using support::Finished;
+using support::Fleet;
+using support::script;
+using support::wait_until;
+using support::write_file;
+
+namespace {
+
+/** A line as bash breaks it up: at blanks, and at '=' and ':', which are pieces of their own; not within quotes. */
+std::vector<std::string> pieces_of(const std::string &line) {
+    std::vector<std::string> pieces(1);
+    char quote = '\0';
+    bool was_break = false;
+    for (size_t i = 0; i < line.size(); ++i) {
+        const char c = line[i];
+        const bool is_break = quote == '\0' && (c == '=' || c == ':');
+        if (quote == '\0' && c == ' ') {
+            pieces.emplace_back();
+            was_break = false;
+            continue;
+        }
+        if (!pieces.back().empty() && is_break != was_break) {
+            pieces.emplace_back();
+        }
+        was_break = is_break;
+        pieces.back() += c;
+        if (c == '\\' && quote != '\'' && i + 1 < line.size()) {
+            pieces.back() += line[++i];
+        } else if (c == '\'' || c == '"') {
+            quote = quote == '\0' ? c : quote == c ? '\0' : quote;
+        }
+    }
+    return pieces;
+}
+
+std::string quoted(const std::string &text) {
+    std::string word = "'";
+    for (const char c : text) {
+        word += c == '\'' ? "'\\''" : std::string(1, c);
+    }
+    return word + "'";
+}
+
+/** What the function leaves to bash in place of the line's last piece, of a line that may go on behind the cursor. */
+std::string completed(const std::string &line, const std::string &behind = "",
+                      const std::vector<std::string> &pieces = {}) {
+    std::string words;
+    const std::vector<std::string> broken = pieces.empty() ? pieces_of(line) : pieces;
+    for (const std::string &piece : broken) {
+        words += " " + quoted(piece + (&piece == &broken.back() ? behind : ""));
+    }
+    const Finished finished =
+        script("export TAVRIX_SESSION=session.sock\n"
+               "source <(tavrixctl completion bash)\n"
+               "COMP_WORDS=(" +
+               words + ")\nCOMP_CWORD=" + std::to_string(broken.size() - 1) + "\nCOMP_LINE=" + quoted(line + behind) +
+               "\nCOMP_POINT=" + std::to_string(line.size()) +
+               "\n_tavrixctl tavrixctl\nfor offer in \"${COMPREPLY[@]}\"; do printf '%s|' \"$offer\"; done");
+    EXPECT_EQ(finished.diagnostics, "");
+    return finished.output;
+}
+
+struct Row {
+    const char *line;
+    const char *offered;
+};
+
+/** On a slow machine the answer of a running system may come too late for a key that was pressed: pressed once more. */
+void expect_offers(const std::vector<Row> &rows) {
+    for (const Row &row : rows) {
+        std::string offered;
+        wait_until([&] { return (offered = completed(row.line)) == row.offered; });
+        EXPECT_EQ(offered, row.offered) << row.line;
+    }
+}
+
+/** A router, and a service with a method whose parameters are of many kinds, and foreign. */
+class CtlCompletionOfForeignWords : public testing::Test {
+  protected:
+    CtlCompletionOfForeignWords() {
+        fleet.start_lone_router();
+        support::Registration registration;
+        registration.channel = "b4469f46-e963-42ef-9fd2-f978e73adc76";
+        registration.methods = R"(["i.Do"])";
+        service = std::make_unique<support::DirectService>(registration);
+    }
+
+    /** The service says this of its method's parameters. */
+    void describe(const std::string &params) const {
+        const std::string answer = service->ask(
+            R"({"jsonrpc":"2.0","method":"router.Describe","id":1,"params":{"document":{"methods":[{"name":"i.Do",)"
+            R"("params":)" +
+            params + R"(,"result":{}}]}}})");
+        EXPECT_NE(answer.find("\"result\":0"), std::string::npos) << answer;
+    }
+
+    Fleet fleet;
+    std::unique_ptr<support::DirectService> service;
+};
+
+/** Something that listens in the router's place and does with its clients what it likes. */
+class Impostor {
+  public:
+    explicit Impostor(const std::string &flood) : fd_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::strcpy(address.sun_path, "session.sock");
+        unlink(address.sun_path);
+        EXPECT_EQ(bind(fd_, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+        EXPECT_EQ(listen(fd_, 4), 0);
+        thread_ = std::thread([fd = fd_, flood] {
+            for (int client = -1; (client = accept(fd, nullptr, nullptr)) >= 0; close(client)) {
+                char request[1024];
+                ssize_t done = recv(client, request, sizeof request, 0);
+                while (done > 0) { // until the client has had enough
+                    done = flood.empty() ? recv(client, request, sizeof request, 0)
+                                         : send(client, flood.data(), flood.size(), MSG_NOSIGNAL);
+                }
+            }
+        });
+    }
+    Impostor(const Impostor &) = delete;
+    Impostor &operator=(const Impostor &) = delete;
+    ~Impostor() {
+        shutdown(fd_, SHUT_RDWR);
+        thread_.join();
+        close(fd_);
+        unlink("session.sock");
+    }
+
+  private:
+    int fd_;
+    std::thread thread_;
+};
+
+} // namespace
+
+TEST(CtlCompletion, IsBoundToTheToolsName) {
+    EXPECT_EQ(script("source <(tavrixctl completion bash); complete -p tavrixctl").output,
+              "complete -o default -o nosort -F _tavrixctl tavrixctl\n");
+}
+
+TEST(CtlCompletion, OffersInBashWhatTheToolKnows) {
+    const std::vector<Row> rows = {
+        {"tavrixctl mon", "monitor|"},
+        {"tavrixctl help mon", "monitor|"},
+        {"tavrixctl status --se", "--session|"},
+        {"tavrixctl top --interval 1 --cou", "--count|"},
+        {"tavrixctl shm g", "get|"},
+        {"tavrixctl shm ", "get|set|list|rm|"},
+        {"tavrixctl shm -", "--help|--version|"},
+        {"tavrixctl metrics --ti", "--timeout|"},
+        {"tavrixctl completion ", "bash|zsh|"},
+        {"tavrixctl completion z", "zsh|"},
+        {"tavrixctl validate vlan_n", "vlan_name_id|"},
+        {"tavrixctl validate vlan_id v", ""},
+        {"tavrixctl log-level portsd v", "verbose|"},
+        {"tavrixctl log-level portsd ", "off|info|debug|verbose|"},
+        {"tavrixctl log-level --file f portsd v", "verbose|"},
+        {"tavrixctl log-level --file=f portsd v", "verbose|"},
+        {"tavrixctl log-level --tcp localhost:7100 portsd v", "verbose|"},
+        {"tavrixctl log-level --no-reload portsd v", "verbose|"},
+        {"tavrixctl log-level --file ", ""},
+        {"tavrixctl call --tim", "--timeout|"},
+        {"tavrixctl call --json ", "pretty|short|"},
+        {"tavrixctl call --json=", "pretty|short|"},
+        {"tavrixctl call --json=p", "pretty|"},
+        {"tavrixctl docs --format m", "markdown|"},
+        {"tavrixctl monitor --json l", "lines|"},
+        {"tavrixctl monitor --channel ", "first|events|interfaces|default|replies|"},
+        {"tavrixctl monitor --channel=re", "replies|"},
+        {"tavrixctl call m - --tim", "--timeout|"},
+        {"tavrixctl nonsense mon", "monitor|"},
+        {"tavrixctl  mo", "monitor|"},
+        {"  tavrixctl mo", "monitor|"},
+    };
+    for (const Row &row : rows) {
+        std::vector<std::string> pieces = pieces_of(row.line);
+        pieces.erase(std::remove(pieces.begin(), pieces.end() - 1, ""), pieces.end() - 1); // several blanks are one
+        EXPECT_EQ(completed(row.line, "", pieces), row.offered) << row.line;
+    }
+}
+
+TEST(CtlCompletion, LeavesOutWhatStandsBehindTheCursor) {
+    EXPECT_EQ(completed("tavrixctl shm g", "abc"), "get|");
+    EXPECT_EQ(completed("tavrixctl call --json=p", "x"), "pretty|");
+}
+
+TEST(CtlCompletion, OffersWholeWordsWhereBashDoesNotBreakThem) {
+    EXPECT_EQ(completed("tavrixctl call --json=p", "", {"tavrixctl", "call", "--json=p"}), "--json=pretty|");
+}
+
+TEST(CtlCompletion, OffersTheMethodsThatCanBeCalled) {
+    Fleet fleet;
+    fleet.start_lone_router();
+    fleet.start_ports();
+    expect_offers({
+        {"tavrixctl call ports.SetV", "ports.SetVlanAccess|ports.SetVlanLocal|ports.SetVlanTrunk|"},
+        {"tavrixctl call --timeout 3 mz", "mzu.List|mzu.Register|"},
+        {"tavrixctl describe mzu.L", "mzu.List|"},
+        {"tavrixctl describe mzu.List m", ""},
+        {"tavrixctl list mzu.R", "mzu.Register|"},
+        {"tavrixctl call no.", ""},
+    });
+}
+
+TEST(CtlCompletion, OffersTheParametersThatAreMissingAndTheirWords) {
+    Fleet fleet;
+    fleet.start_lone_router();
+    fleet.start_ports();
+    expect_offers({
+        {"tavrixctl call ports.SetEnabled ", "port_id=|status=|"},
+        {"tavrixctl call ports.SetEnabled st", "status=|"},
+        {"tavrixctl call ports.SetEnabled port_id=c1-1 ", "status=|"},
+        {"tavrixctl call ports.SetEnabled port_id= ", "status=|"},
+        {R"(tavrixctl call ports.SetEnabled '{"port_id":"c1-1"}' )", "status=|"},
+        {"tavrixctl call ports.SetEnabled status=", "enable|disable|"},
+        {"tavrixctl call ports.SetEnabled status=d", "disable|"},
+        {"tavrixctl call ports.SetEnabled port_id=c1-1 status=d", "disable|"},
+        {"tavrixctl call ports.SetEnabled status:=", ""},
+        {"tavrixctl call ports.SetEnabled port_id=", ""},
+        {"tavrixctl call ports.SetVlanAccess v", "vlan_id:=|"},
+        {"tavrixctl call mzu.Register mac=00:1A:2B:3C:4D:5E mz", "mzu_id=|"},
+        {"tavrixctl call mzu.Register model=G", "Generic\\ MZU|"},
+        {"tavrixctl call mzu.Register model=Generic\\ M", "Generic\\ MZU|"},
+        {"tavrixctl call mzu.Register model=\"Generic M", "Generic MZU|"},
+        {"tavrixctl call mzu.Register 'model=Generic M", "model=Generic MZU|"},
+        {"tavrixctl call no.Method x", ""},
+    });
+}
+
+TEST(CtlCompletion, OffersServicesAndDaemons) {
+    Fleet fleet;
+    fleet.start_lone_router();
+    fleet.start_ports();
+    write_file("levels.conf", "[logging_levels]\nportsd=info\ntool=off\n\x1b[31m=off\n");
+    expect_offers({
+        {"tavrixctl wait-service ", "portsd|"},
+        {"tavrixctl wait-service portsd p", ""},
+        {"tavrixctl monitor --service p", "portsd|"},
+        {"tavrixctl monitor --service=p", "portsd|"},
+        {"tavrixctl log-level --file levels.conf ", "portsd|routerd|tool|"},
+        {"tavrixctl log-level --file=levels.conf p", "portsd|"},
+    });
+}
+
+TEST(CtlCompletion, AsksTheRouterThatTheLineNames) {
+    Fleet fleet;
+    fleet.start_lone_router();
+    fleet.start_ports();
+    ASSERT_EQ(rename("session.sock", "elsewhere.sock"), 0);
+    expect_offers({
+        {"tavrixctl call mzu.L", ""},
+        {"tavrixctl call --session elsewhere.sock mzu.L", "mzu.List|"},
+        {"tavrixctl call --session=elsewhere.sock mzu.L", "mzu.List|"},
+        {"tavrixctl call --socket router.sock mzu.L", "mzu.List|"},
+        {"tavrixctl call --session elsewhere.sock --direct events.sock mzu.L", ""},
+        {"tavrixctl call --tcp localhost:1 mzu.L", ""},
+    });
+}
+
+TEST_F(CtlCompletionOfForeignWords, OffersWhatTheDeclaredSchemasNeed) {
+    describe(R"([{"name":"note","schema":{"type":"string"}},{"name":"any","schema":{}},)"
+             R"({"name":"on","required":true,"schema":{"type":"boolean"}},)"
+             R"({"name":"level","required":true,"schema":{"enum":[1,2.5,"auto",null]}},)"
+             R"({"name":"maybe","schema":{"type":["string","null"]}},)"
+             R"({"name":"list","schema":{"type":"array"}}])");
+    expect_offers({
+        {"tavrixctl call i.Do ", "on:=|level=|note=|any=|maybe=|list:=|"},
+        {"tavrixctl call i.Do on:=true level=auto a", "any=|"},
+        {"tavrixctl call i.Do on:=", "true|false|"},
+        {"tavrixctl call i.Do on:=f", "false|"},
+        {"tavrixctl call i.Do on=", ""},
+        {"tavrixctl call i.Do level=", "auto|"},
+        {"tavrixctl call i.Do level:=", "1|2.5|null|"},
+        {"tavrixctl call i.Do list:=", ""},
+    });
+}
+
+TEST_F(CtlCompletionOfForeignWords, OffersNothingThatSteersATerminalOrAShell) {
+    describe(R"([7,{"name":"x\u001b[31m"},{"name":"a\nb"},{"name":"-x"},{"name":"@f"},{"name":"a=b"},{"name":"a:"},)"
+             R"({"name":"\u00e4"},{"name":""},{"name":"good","schema":7},{"name":")" +
+             std::string(300, 'n') +
+             R"("},{"name":"word","schema":{"type":"string",)"
+             R"json("enum":["","o\u001b[2J","o\nn","\u009b","$(x)","*","it's",7]}}])json");
+    expect_offers({
+        {"tavrixctl call i.Do ", "good=|word=|"},
+        {"tavrixctl call i.Do word=", R"(\$\(x\)|\*|it\'s|)"},
+        {"tavrixctl call i.Do word=\"", "*|"},
+    });
+    const Finished plain = ctl({"__complete", "call", "--session", "session.sock", "i.Do", "word="});
+    EXPECT_EQ(plain.output.find('\x1b'), std::string::npos) << plain.output;
+}
+
+TEST_F(CtlCompletionOfForeignWords, OffersNoMoreThanAPersonCanTake) {
+    std::string words = "\"w0\"";
+    for (int i = 1; i < 1200; ++i) {
+        words += ",\"w" + std::to_string(i) + '"';
+    }
+    describe(R"([{"name":"word","schema":{"type":"string","enum":[)" + words + "]}}]");
+    size_t offered = 0;
+    wait_until([&] {
+        const Finished finished = ctl({"__complete", "call", "--session", "session.sock", "i.Do", "word="});
+        offered = static_cast<size_t>(std::count(finished.output.begin(), finished.output.end(), '\n'));
+        return offered > 0;
+    });
+    EXPECT_EQ(offered, 1000U);
+}
+
+TEST(CtlCompletion, OffersNothingWithoutARouterAndSaysNothing) {
+    for (const char *line : {"tavrixctl call p", "tavrixctl call ports.Get p", "tavrixctl call ports.Get port_id=",
+                             "tavrixctl wait-service p", "tavrixctl monitor --service p"}) {
+        EXPECT_EQ(completed(line), "") << line;
+    }
+    const Finished finished = ctl({"__complete", "call", "--session", "nobody.sock", "p"});
+    EXPECT_EQ(finished.status, 0);
+    EXPECT_EQ(finished.diagnostics, "");
+    EXPECT_EQ(ctl({"__complete", "call", "--session", std::string(200, 'x'), "p"}).diagnostics, "");
+    write_file("levels.conf", "[logging_levels]\ntool=off\n");
+    EXPECT_EQ(completed("tavrixctl log-level --file levels.conf t"), "tool|") << "the file is there";
+}
+
+TEST(CtlCompletion, IsNotHeldUpByARouterThatDoesNotAnswer) {
+    for (const std::string text : {"", "x", "nonsense\n", "{\"method\":\"a.B\"}\n"}) {
+        std::string flood;
+        while (!text.empty() && flood.size() < 65536) {
+            flood += text;
+        }
+        const Impostor impostor(flood);
+        for (const char *road : {"--session", "--socket"}) {
+            const Finished finished = ctl({"__complete", "call", road, "session.sock", "p"});
+            EXPECT_EQ(finished.status, 0);
+            EXPECT_EQ(finished.output + finished.diagnostics, "") << road << " " << text;
+        }
+    }
+}
+
+TEST(CtlCompletion, HasAScriptForZshThatAsksTheTool) {
+    const std::string text = ctl({"completion", "zsh"}).output;
+    EXPECT_EQ(text.rfind("#compdef tavrixctl\n", 0), 0U) << text;
+    EXPECT_NE(text.find("$(tavrixctl __complete "), std::string::npos) << text;
+    EXPECT_NE(text.find("compdef _tavrixctl tavrixctl\n"), std::string::npos) << text;
+    EXPECT_EQ(text, support::read_file(TAVRIX_SOURCE_DIR "/tools/_tavrixctl")) << "what is installed";
+    const Finished checked = script("command -v zsh >/dev/null || exit 0; tavrixctl completion zsh >_t; zsh -n _t");
+    EXPECT_EQ(checked.status, 0) << checked.diagnostics;
+    EXPECT_EQ(ctl({"completion", "fish"}).status, 2);
+}
+
+TEST(CtlCompletion, PrintsTheScriptThatIsInstalledForBash) {
+    EXPECT_EQ(ctl({"completion", "bash"}).output, support::read_file(TAVRIX_SOURCE_DIR "/tools/completion.bash"));
+}

@@ -1,0 +1,35 @@
+#include "discovery.h"
+
+#include <algorithm>
+
+#include "router.h"
+
+namespace tavrixctl {
+
+int discover(const Target &target, const Deadline &deadline, Json *document) {
+    Router router(target);
+    return router.ask("rpc.discover", nullptr, deadline, document);
+}
+
+std::vector<const json_t *> elements_of(const json_t *object, const char *key) {
+    std::vector<const json_t *> elements;
+    size_t index = 0;
+    const json_t *element = nullptr;
+    json_array_foreach(json_object_get(object, key), index, element) { elements.push_back(element); }
+    return elements;
+}
+
+std::vector<const json_t *> methods_of(const json_t *document) {
+    std::vector<const json_t *> methods = elements_of(document, "methods");
+    std::sort(methods.begin(), methods.end(),
+              [](const json_t *a, const json_t *b) { return text_of(a, "name") < text_of(b, "name"); });
+    return methods;
+}
+
+const json_t *find_method(const std::vector<const json_t *> &methods, const std::string &name) {
+    const auto found = std::find_if(methods.begin(), methods.end(),
+                                    [&name](const json_t *method) { return text_of(method, "name") == name; });
+    return found != methods.end() ? *found : nullptr;
+}
+
+} // namespace tavrixctl

@@ -1,0 +1,28 @@
+/**
+ * The document of everything that can be called, as the router hands it out, and the way about in it.
+ */
+#ifndef TAVRIX_TOOLS_DISCOVERY_H
+#define TAVRIX_TOOLS_DISCOVERY_H
+
+#include <string>
+#include <vector>
+
+#include "support.h"
+
+namespace tavrixctl {
+
+/** Asks for the document. Complains and returns the exit status when there is none. */
+int discover(const Target &target, const Deadline &deadline, Json *document);
+
+/** The elements of a member that is an array; none when it is no array. */
+std::vector<const json_t *> elements_of(const json_t *object, const char *key);
+
+/** The document's methods in the order of their names. */
+std::vector<const json_t *> methods_of(const json_t *document);
+
+/** The method of this name; null when there is none. */
+const json_t *find_method(const std::vector<const json_t *> &methods, const std::string &name);
+
+} // namespace tavrixctl
+
+#endif

@@ -68,14 +68,17 @@ TEST(Rendering, OfARoutedRequestHappensOnceBelowVerboseLevel) {
 
 TEST(Rendering, OfARoutedRequestThatHasNoneIsNotTriedBelowVerboseLevel) {
     const support::BusSocket pub(TAVRIX_SP_PUB);
-    json_t *request = json_pack("{s:s, s:i, s:o}", "method", "ports.Get", "id", 1, "name", json_string_nocheck("\xff"));
-    for (const char *level : {"off", "info", "debug"}) {
-        const support::LogCapture log(level);
-        renderings = 0;
-        EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&pub.number, request), -1);
-        EXPECT_EQ(renderings, 0) << level;
+    for (const char *text : {"\xff", "\x80"}) {
+        json_t *request =
+            json_pack("{s:s, s:i, s:o}", "method", "ports.Get", "id", 1, "name", json_string_nocheck(text));
+        for (const char *level : {"off", "info", "debug"}) {
+            const support::LogCapture log(level);
+            renderings = 0;
+            EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&pub.number, request), -1);
+            EXPECT_EQ(renderings, 0) << level;
+        }
+        json_decref(request);
     }
-    json_decref(request);
 }
 
 TEST(Rendering, OfARoutedRequestThatFailsIsReported) {

@@ -76,6 +76,20 @@ TEST(UnixListener, IsOpenToEveryoneWhateverTheUmask) {
     }
 }
 
+TEST(UnixListener, MayBeDescriptor0) {
+    const int standard_input = fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3);
+    close(STDIN_FILENO); // as in a daemon that was started without one
+    int listener = -1;
+    EXPECT_EQ(tavrix_unix_socket_init("zero.sock", &listener, 0), 0);
+    EXPECT_EQ(listener, 0);
+    EXPECT_TRUE(StreamClient::unix_path("zero.sock").connected());
+    close(listener);
+    if (standard_input >= 0) {
+        dup2(standard_input, STDIN_FILENO);
+        close(standard_input);
+    }
+}
+
 TEST(UnixListener, ReplacesAFileThatWasLeftBehind) {
     {
         Handle abandoned;

@@ -259,6 +259,7 @@ TEST(BoardRevision, IsTheOneDigitBehindTheEqualsSign) {
     EXPECT_EQ(board_revision("echo brdrev=3"), 3);
     EXPECT_EQ(board_revision("echo brdrev=12"), 1);
     EXPECT_EQ(board_revision("echo brdrev=0"), 0);
+    EXPECT_EQ(board_revision("echo brdrev=9"), 9);
 }
 
 TEST(BoardRevision, IsLookedForIn255Characters) {
@@ -273,6 +274,7 @@ TEST(BoardRevision, IsSevenWhenItCannotBeRead) {
     } rows[] = {
         {"exit 0", "Couldn't get result from syscall\n"},
         {"echo 'fw_printenv is not installed'", nullptr},
+        {"echo 'brdrev=3: the environment is not installed'", nullptr},
         {"echo '## Error: brdrev not defined'", "Board rev# env var not set\n"},
         {"echo nonsense", nullptr},
         {"echo brdrev=x", nullptr},

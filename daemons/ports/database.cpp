@@ -1,5 +1,6 @@
 #include "database.h"
 
+#include <array>
 #include <climits>
 #include <initializer_list>
 #include <memory>
@@ -52,35 +53,6 @@ int failure_of(sqlite3 *handle) {
 int outcome_of(sqlite3 *handle, int sqlite_code) {
     return status_of(sqlite_code) == TAVRIX_OK ? TAVRIX_OK : failure_of(handle);
 }
-
-/**
- * Rolls back unless committed. The lock for writing is taken at once, which the layer's own begin leaves to the first
- * change: from here on nothing but the commit, which lets readers finish, has to wait for another process, and what is
- * read first stays true.
- */
-class Transaction {
-  public:
-    explicit Transaction(sqlite3 *handle)
-        : handle_(handle),
-          status_(outcome_of(handle, sqlite3_exec(handle, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr))) {}
-    Transaction(const Transaction &) = delete;
-    Transaction &operator=(const Transaction &) = delete;
-    ~Transaction() {
-        if (status_ == TAVRIX_OK && !committed_) {
-            tavrix_db_rollback_transaction(handle_);
-        }
-    }
-    int status() const { return status_; }
-    int commit() {
-        committed_ = tavrix_db_commit_transaction(handle_) == TAVRIX_OK;
-        return committed_ ? TAVRIX_OK : failure_of(handle_);
-    }
-
-  private:
-    sqlite3 *handle_;
-    int status_;
-    bool committed_ = false;
-};
 
 /** Which rows of a table with `unit` and `port` columns a selection means. */
 std::string where(const Selection &selection) {
@@ -189,7 +161,7 @@ int Database::check_schema() {
     return rc;
 }
 
-int Database::count(const char *table, const char *condition, int64_t *out) {
+int Database::count(const char *table, const std::string &condition, int64_t *out) {
     return read_number(handle_, path_, table, std::string("SELECT count(*) FROM ") + table + " WHERE " + condition,
                        out);
 }
@@ -201,7 +173,7 @@ int Database::check_selection(const Selection &selection) {
     }
     int64_t found = 0;
     const bool unit_meant = selection.port == whole_unit;
-    rc = count(unit_meant ? "units" : "ports", where(selection).c_str(), &found);
+    rc = count(unit_meant ? "units" : "ports", where(selection), &found);
     if (rc != TAVRIX_OK) {
         return rc;
     }
@@ -211,68 +183,72 @@ int Database::check_selection(const Selection &selection) {
     return unit_meant ? TAVRIX_ERR_NO_SUCH_MZU : TAVRIX_ERR_NO_SUCH_PORT;
 }
 
-template <class Change>
-int Database::in_transaction(Change change) {
-    Transaction transaction(handle_);
-    if (transaction.status() != TAVRIX_OK) {
-        return transaction.status();
+template <class TakeRow>
+int Database::read_rows(const std::string &sql, TakeRow take) {
+    Statement statement;
+    const int rc = prepare(handle_, path_, sql, &statement);
+    int step = SQLITE_DONE;
+    while (rc == TAVRIX_OK && (step = sqlite3_step(statement.get())) == SQLITE_ROW) {
+        take(statement.get());
     }
-    const int rc = change();
-    return rc == TAVRIX_OK ? transaction.commit() : rc;
+    return rc == TAVRIX_OK ? outcome_of(handle_, step) : rc;
+}
+
+/**
+ * The lock for writing is taken at once, which the layer's own begin leaves to the first change: from here on nothing
+ * but the commit, which lets readers finish, has to wait for another process, and what is read first stays true.
+ */
+template <class Change>
+int Database::change(const Selection &selection, Change carry_out) {
+    int rc = check_selection(selection);
+    rc =
+        rc == TAVRIX_OK ? outcome_of(handle_, sqlite3_exec(handle_, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr)) : rc;
+    if (rc != TAVRIX_OK) {
+        return rc;
+    }
+    rc = carry_out();
+    if (rc == TAVRIX_OK && tavrix_db_commit_transaction(handle_) != TAVRIX_OK) {
+        rc = failure_of(handle_);
+    }
+    if (rc != TAVRIX_OK) {
+        tavrix_db_rollback_transaction(handle_);
+    }
+    return rc;
 }
 
 int Database::find_ports(const Selection &selection, std::vector<Port> *out) {
-    int rc = check_selection(selection);
+    const int rc = check_selection(selection);
     if (rc != TAVRIX_OK) {
         return rc;
     }
     const std::string sql = "SELECT unit, port, status, poe_status, link_status, link_speed, vlan_mode, vlan_id"
                             " FROM ports LEFT JOIN vlan_members USING (unit, port) WHERE " +
                             where(selection) + " ORDER BY unit, port, vlan_id";
-    Statement statement;
-    rc = prepare(handle_, path_, sql, &statement);
-    if (rc != TAVRIX_OK) {
-        return rc;
-    }
-    sqlite3_stmt *prepared = statement.get();
-    int step = SQLITE_ROW;
-    while ((step = sqlite3_step(prepared)) == SQLITE_ROW) {
-        const int unit = number_column(prepared, 0);
-        const int port = number_column(prepared, 1);
+    return read_rows(sql, [out](sqlite3_stmt *row) {
+        std::array<int, 7> numbers{}; // in the order of Port's members
+        for (size_t column = 0; column < numbers.size(); ++column) {
+            numbers[column] = number_column(row, static_cast<int>(column));
+        }
+        const auto [unit, port, status, poe_status, link_status, link_speed, vlan_mode] = numbers;
         if (out->empty() || out->back().unit != unit || out->back().port != port) {
-            out->push_back(Port{unit,
-                                port,
-                                number_column(prepared, 2),
-                                number_column(prepared, 3),
-                                number_column(prepared, 4),
-                                number_column(prepared, 5),
-                                number_column(prepared, 6),
-                                {}});
+            out->push_back(Port{unit, port, status, poe_status, link_status, link_speed, vlan_mode, {}});
         }
-        if (sqlite3_column_type(prepared, 7) != SQLITE_NULL) {
-            out->back().vlan_ids.push_back(number_column(prepared, 7));
+        if (sqlite3_column_type(row, 7) != SQLITE_NULL) {
+            out->back().vlan_ids.push_back(number_column(row, 7));
         }
-    }
-    return outcome_of(handle_, step);
+    });
 }
 
 int Database::list_units(std::vector<Unit> *out) {
-    int rc = open();
-    Statement statement;
-    if (rc == TAVRIX_OK) {
-        rc = prepare(handle_, path_, "SELECT unit, model, mac, alias, online FROM units WHERE unit > 0 ORDER BY unit",
-                     &statement);
-    }
+    const int rc = open();
     if (rc != TAVRIX_OK) {
         return rc;
     }
-    sqlite3_stmt *prepared = statement.get();
-    int step = SQLITE_ROW;
-    while ((step = sqlite3_step(prepared)) == SQLITE_ROW) {
-        out->push_back(Unit{number_column(prepared, 0), number_column(prepared, 1), text_column(prepared, 2),
-                            text_column(prepared, 3), number_column(prepared, 4) != 0});
-    }
-    return outcome_of(handle_, step);
+    return read_rows("SELECT unit, model, mac, alias, online FROM units WHERE unit > 0 ORDER BY unit",
+                     [out](sqlite3_stmt *row) {
+                         out->push_back(Unit{number_column(row, 0), number_column(row, 1), text_column(row, 2),
+                                             text_column(row, 3), number_column(row, 4) != 0});
+                     });
 }
 
 int Database::instant_power(const Selection &selection, int *milliwatts_out) {
@@ -312,23 +288,14 @@ int Database::instant_power(const Selection &selection, int *milliwatts_out) {
 }
 
 int Database::set_status(const Selection &selection, int status) {
-    const int rc = check_selection(selection);
-    if (rc != TAVRIX_OK) {
-        return rc;
-    }
-    return in_transaction([&] {
+    return change(selection, [&] {
         return outcome_of(handle_, tavrix_sqlite3_exec_sql(handle_, "UPDATE ports SET status = %d WHERE %s", status,
                                                            where(selection).c_str()));
     });
 }
 
 int Database::set_vlans(const Selection &selection, int mode, const int *vlan_ids, int count) {
-    const int rc = check_selection(selection);
-    if (rc != TAVRIX_OK) {
-        return rc;
-    }
-    const std::string condition = where(selection);
-    return in_transaction([&] {
+    return change(selection, [&, condition = where(selection)] {
         int step =
             tavrix_sqlite3_exec_sql(handle_, "UPDATE ports SET vlan_mode = %d WHERE %s", mode, condition.c_str());
         if (step == SQLITE_OK) {
@@ -345,11 +312,7 @@ int Database::set_vlans(const Selection &selection, int mode, const int *vlan_id
 }
 
 int Database::set_mac_filters(const Selection &selection, const tavrix_mac_filter *filters, int count) {
-    const int rc = check_selection(selection);
-    if (rc != TAVRIX_OK) {
-        return rc;
-    }
-    return in_transaction([&] {
+    return change(selection, [&] {
         int status = outcome_of(
             handle_, tavrix_sqlite3_exec_sql(handle_, "DELETE FROM mac_filters WHERE %s", where(selection).c_str()));
         for (int i = 0; status == TAVRIX_OK && i < count; ++i) {
@@ -362,29 +325,23 @@ int Database::set_mac_filters(const Selection &selection, const tavrix_mac_filte
 }
 
 int Database::register_unit(const Unit &unit) {
-    const int rc = open();
-    if (rc != TAVRIX_OK) {
-        return rc;
-    }
-    return in_transaction([&]() -> int {
-        int64_t found = 0;
-        int status = count("units", ("unit = " + std::to_string(unit.unit)).c_str(), &found);
-        if (status != TAVRIX_OK) {
-            return status;
+    Selection everything;
+    everything.all = true;
+    return change(everything, [&]() -> int {
+        const struct {
+            std::string condition;
+            int status;
+        } conflicts[] = {{"unit = " + std::to_string(unit.unit), TAVRIX_ERR_MZU_EXISTS},
+                         {"mac = '" + unit.mac + "'", TAVRIX_ERR_MAC_EXISTS}}; // canonical: hexadecimal and colons only
+        for (const auto &conflict : conflicts) {
+            int64_t found = 0;
+            const int rc = count("units", conflict.condition, &found);
+            if (rc != TAVRIX_OK || found > 0) {
+                return rc != TAVRIX_OK ? rc : conflict.status;
+            }
         }
-        if (found > 0) {
-            return TAVRIX_ERR_MZU_EXISTS;
-        }
-        // The address is canonical: hexadecimal pairs and colons only.
-        status = count("units", ("mac = '" + unit.mac + "'").c_str(), &found);
-        if (status != TAVRIX_OK) {
-            return status;
-        }
-        if (found > 0) {
-            return TAVRIX_ERR_MAC_EXISTS;
-        }
-        status = run_bound(handle_, path_, "INSERT INTO units (unit, model, mac, alias) VALUES (?, ?, ?, ?)",
-                           {unit.unit, unit.model}, {unit.mac.c_str(), unit.alias.c_str()});
+        int status = run_bound(handle_, path_, "INSERT INTO units (unit, model, mac, alias) VALUES (?, ?, ?, ?)",
+                               {unit.unit, unit.model}, {unit.mac.c_str(), unit.alias.c_str()});
         for (int port = 1; status == TAVRIX_OK && port <= ports_of_a_new_unit; ++port) {
             status =
                 outcome_of(handle_, tavrix_sqlite3_exec_sql(handle_, "INSERT INTO ports (unit, port) VALUES (%d, %d)",

@@ -74,9 +74,11 @@ class Database {
     int open();
     void leave_replaced_file();
     int check_selection(const Selection &selection);
-    int count(const char *table, const char *condition, int64_t *out);
+    int count(const char *table, const std::string &condition, int64_t *out);
+    template <class TakeRow>
+    int read_rows(const std::string &sql, TakeRow take);
     template <class Change>
-    int in_transaction(Change change);
+    int change(const Selection &selection, Change carry_out);
 
     std::string path_;
     sqlite3 *handle_ = nullptr;

@@ -24,6 +24,15 @@ constexpr int lock_delay_ms = 50;
 Context &context_of(const tavrix_call *call) { return *static_cast<Context *>(tavrix_call_user(call)); }
 Database &database_of(const tavrix_call *call) { return *context_of(call).database; }
 
+/** The end of a wait, whichever it is: its timer goes with it. */
+template <class Wait>
+void end(tavrix_service *service, std::list<Wait> Context::*waits, const Wait *ended) {
+    tavrix_service_cancel(service, ended->timer);
+    (static_cast<Context *>(tavrix_service_user(service))->*waits).remove_if([ended](const Wait &wait) {
+        return &wait == ended;
+    });
+}
+
 // --- A lock of another process -------------------------------------------------------------------------------------
 
 void try_again(tavrix_service *service, void *user) {
@@ -39,10 +48,7 @@ void try_again(tavrix_service *service, void *user) {
     } else if (call != nullptr && tavrix_service_deferred(service, retry->call) != nullptr) {
         tavrix_call_reply(call, json_integer(0));
     }
-    tavrix_service_cancel(service, retry->timer);
-    static_cast<Context *>(tavrix_service_user(service))->retries.remove_if([retry](const Retry &ended) {
-        return &ended == retry;
-    });
+    end(service, &Context::retries, retry);
 }
 
 /** The handler of a method that reads or changes the database: nobody else waits while it is locked. */
@@ -215,22 +221,14 @@ int register_unit(tavrix_call *call) {
 
 // --- Waiting for a link change -------------------------------------------------------------------------------------
 
-/** Ends a wait, however it ends: its timer goes with it. */
-void end_wait(tavrix_service *service, const Waiter *ended) {
-    tavrix_service_cancel(service, ended->timer);
-    static_cast<Context *>(tavrix_service_user(service))->waiters.remove_if([ended](const Waiter &waiter) {
-        return &waiter == ended;
-    });
-}
-
 void on_wait_abandoned(tavrix_call *call, void *user) {
-    end_wait(tavrix_call_service(call), static_cast<const Waiter *>(user));
+    end(tavrix_call_service(call), &Context::waiters, static_cast<const Waiter *>(user));
 }
 
 void on_wait_over(tavrix_service *service, void *user) {
     const auto *waiter = static_cast<const Waiter *>(user);
     tavrix_call *call = tavrix_service_deferred(service, waiter->call); // null when the service itself has answered it
-    end_wait(service, waiter);
+    end(service, &Context::waiters, waiter);
     tavrix_call_fail(call, TAVRIX_ERR_TIMEOUT);
 }
 
@@ -254,7 +252,7 @@ void on_link_changed(tavrix_service *service, const char * /*method*/, json_t *p
     std::list<Waiter> &waiters = static_cast<Context *>(user)->waiters;
     while (!waiters.empty()) {
         tavrix_call *call = tavrix_service_deferred(service, waiters.front().call);
-        end_wait(service, &waiters.front());
+        end(service, &Context::waiters, &waiters.front());
         tavrix_call_reply(call, params != nullptr ? json_incref(params) : json_null());
     }
 }

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # What a service of the kit costs while it does nothing: its wake-ups, counted as system calls over some seconds, and
-# its private memory beside that of a service on the library alone. With a build for the appliance, the kit's text too.
+# its private memory beside that of a service on the library alone. With a build for the appliance, the kit's text and
+# both services' memory there, under qemu-user: what they touch of the four gigabytes at a place that qemu is told.
 # usage: scripts/footprint.sh [--built FOLDER] [--armhf FOLDER] [--seconds S]
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -27,6 +28,17 @@ private_kib() { # NAME: what no other process shares
     awk '/^Private_(Clean|Dirty):/ { sum += $2 } END { print sum }' "/proc/${pid_of[$1]}/smaps_rollup"
 }
 
+guest=0x200000000
+start_emulated() { # NAME PROGRAM ARGUMENT...
+    local name=$1
+    shift
+    start "$name" qemu-arm -B "$guest" -L "$armhf-sysroot" "$@"
+}
+guest_private_kib() { # NAME: the same, of the emulated program alone
+    awk '/^[0-9a-f]+-[0-9a-f]+ / { inside = length($1) == 19 && substr($1, 1, 1) == "2" }
+         inside && /^Private_(Clean|Dirty):/ { sum += $2 } END { print sum }' "/proc/${pid_of[$1]}/smaps"
+}
+
 # A router each: one that looks for a service that does not register goes on asking on the bus, which wakes all.
 start router "$routerd" --socket router.sock --session session.sock --publish "ipc://$run/bus/router"
 start old-router "$routerd" --socket old.sock --session old.session --publish "ipc://$run/bus/old-router" \
@@ -49,6 +61,15 @@ printf '%-52s %8s   %s\n' "system calls of an idle kit service in $seconds s" "$
 printf '%-52s %8s\n' "private memory on the library alone, KiB" "$bare"
 printf '%-52s %8s   %s\n' "more of it with the kit, KiB" "$((kit - bare))" "<= 300"
 if [ -n "$armhf" ]; then
+    finish echo kit
+    start_emulated echo "$armhf/bench/road/echo_service" "ipc://$run/bus/echo" "ipc://$run/bus/old-router"
+    start_emulated kit "$armhf/bench/road/kit_service" kit --session session.sock
+    until_answered oneshot --unix old.sock
+    until_answered oneshot --unix router.sock --method kit.Empty
+    bare=$(guest_private_kib echo)
+    kit=$(guest_private_kib kit)
+    printf '%-52s %8s\n' "private memory on the appliance, library alone, KiB" "$bare"
+    printf '%-52s %8s   %s\n' "more of it with the kit, KiB" "$((kit - bare))" "<= 300"
     text=$(size "$armhf/kit/libtavrix_service.so.1" | awk 'NR == 2 { print $1 }')
     printf '%-52s %8s   %s\n' "the kit's text on the appliance, bytes" "$text" "< 65536"
 fi

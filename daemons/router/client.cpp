@@ -27,6 +27,8 @@ void Client::close() {
     router_.bury(*this);
 }
 
+void Client::answer(Json message, const BatchPlace &batch) { answer_text(router_.render(message.get()), batch); }
+
 bool Client::has_hung_up() const {
     pollfd state{descriptor_, 0, 0}; // hang-ups and errors are reported unasked
     return poll(&state, 1, 0) == 1;

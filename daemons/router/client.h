@@ -34,7 +34,9 @@ class Client {
     virtual ~Client();
 
     /** Gives the answer to a request; null when there was no memory for one. */
-    virtual void answer(Json message, const BatchPlace &batch) = 0;
+    void answer(Json message, const BatchPlace &batch);
+    /** The same, as it is sent; empty without memory. */
+    virtual void answer_text(std::string_view text, const BatchPlace &batch) = 0;
     /** A request that asks for no answer, and is not carried out. */
     virtual void refuse_notification(const std::string &method, const BatchPlace &batch) = 0;
     /** Whether its answers carry its own "id": old clients know the method's name there. */

@@ -82,18 +82,18 @@ int Router::on_describe(Own &own) {
         return TAVRIX_JRPC_INVALID_PARAMS;
     }
     session.service->document = share(document);
-    discovered_.reset();
+    discovered_.clear();
     return 0;
 }
 
 /** Made once for all who ask, until a service comes, goes or says more of itself: it is a thousand times a call's work.
  */
 int Router::on_discover(Own &own) {
-    if (!discovered_) {
-        discovered_ = discover();
+    if (discovered_.empty()) {
+        discovered_ = render(discover().get());
     }
-    own.result = share(discovered_);
-    return own.result ? 0 : TAVRIX_JRPC_INTERNAL_ERROR;
+    own.result_text = discovered_;
+    return discovered_.empty() ? TAVRIX_JRPC_INTERNAL_ERROR : 0;
 }
 
 Json Router::discover() const {

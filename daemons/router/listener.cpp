@@ -18,6 +18,7 @@ using std::chrono::milliseconds;
 
 constexpr char unit_name[] = "listener";
 constexpr int clients_per_turn = 32;
+constexpr milliseconds time_per_turn{1}; // what they ask is often answered as they are accepted
 constexpr milliseconds pause_time{100};
 constexpr milliseconds tcp_attempt_interval{1000};
 constexpr int refusal_time_ms = 500;
@@ -134,7 +135,8 @@ void Listener::on_client(evutil_socket_t /*descriptor*/, short /*what*/, void *c
 
 void Listener::accept_clients() {
     const int listening = event_get_fd(readable_.get());
-    for (int left = clients_per_turn; left > 0; --left) {
+    const auto end = daemon_support::Clock::now() + time_per_turn;
+    for (int left = clients_per_turn; left > 0 && daemon_support::Clock::now() < end; --left) {
         const int descriptor = accept4(listening, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (descriptor >= 0) {
             taker_(descriptor);

@@ -115,7 +115,7 @@ bool matches_any(const std::vector<std::string> &patterns, std::string_view meth
 }
 
 std::string_view Renderer::render(const json_t *value) {
-    constexpr size_t flags = JSON_COMPACT | JSON_ENSURE_ASCII;
+    constexpr size_t flags = JSON_COMPACT | JSON_ENSURE_ASCII | JSON_ENCODE_ANY;
     if (memory_.size() > max_kept_memory) {
         memory_ = std::string(max_kept_memory, '\0'); // one large message must not be paid for ever after
     }

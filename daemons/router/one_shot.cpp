@@ -177,11 +177,10 @@ void OneShot::watch_for_hang_up() {
 
 // --- The answer ----------------------------------------------------------------------------------------------------
 
-void OneShot::answer(Json message, const BatchPlace & /*batch*/) {
+void OneShot::answer_text(std::string_view text, const BatchPlace & /*batch*/) {
     if (is_closed()) {
         return;
     }
-    const std::string_view text = router_.render(message.get());
     state_ = State::writing;
     const ssize_t count = send(descriptor_, text.data(), text.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
     const size_t sent = count < 0 ? 0 : static_cast<size_t>(count);

@@ -20,7 +20,7 @@ class OneShot final : public Client {
     /** The time for asking, or for taking the answer, is over; or the one after which its going is watched for. */
     void time_out();
 
-    void answer(Json message, const BatchPlace &batch) override;
+    void answer_text(std::string_view text, const BatchPlace &batch) override;
     void refuse_notification(const std::string &method, const BatchPlace &batch) override;
     bool gets_own_id() const override { return false; }
 

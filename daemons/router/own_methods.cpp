@@ -17,6 +17,8 @@ constexpr size_t max_name = 50;
 constexpr size_t max_methods = 256;
 constexpr size_t max_addresses = 8;
 constexpr std::chrono::milliseconds settle_interval{5};
+constexpr std::chrono::seconds settle_time{5};
+constexpr std::chrono::milliseconds metrics_time{100}; // no two readers see what lies between
 
 /** The array's texts; false when it is none, or has too many, or one that is empty, too long or not plain. */
 bool read_texts(const json_t *array, size_t most, size_t longest, std::vector<std::string> *out) {
@@ -119,7 +121,7 @@ int Router::on_status(Own &own) {
     return own.result ? 0 : TAVRIX_JRPC_INTERNAL_ERROR;
 }
 
-int Router::on_metrics(Own &own) {
+std::string Router::metrics() const {
     std::string text = statistics_.metrics();
     const struct {
         const char *name;
@@ -142,8 +144,19 @@ int Router::on_metrics(Own &own) {
         text += "tavrix_router_service_up{service=\"" + name + "\"} " +
                 (service->state == Service::State::up ? "1" : "0") + "\n";
     }
-    own.result.reset(json_stringn(text.data(), text.size()));
-    return own.result ? 0 : TAVRIX_JRPC_INTERNAL_ERROR;
+    return text;
+}
+
+int Router::on_metrics(Own &own) {
+    const auto now = daemon_support::Clock::now();
+    if (metrics_.empty() || now >= metrics_until_) {
+        const std::string text = metrics();
+        const Json value(json_stringn(text.data(), text.size()));
+        metrics_ = render(value.get());
+        metrics_until_ = now + metrics_time;
+    }
+    own.result_text = metrics_;
+    return metrics_.empty() ? TAVRIX_JRPC_INTERNAL_ERROR : 0;
 }
 
 int Router::on_lock(Own & /*own*/) {
@@ -274,7 +287,8 @@ int Router::on_register(Own &own) {
     if (service->endpoints.empty()) {
         up(*service);
     } else if (daemon_support::add_after(settle_timer_, settle_interval)) {
-        settle();
+        service->settles_until = daemon_support::Clock::now() + settle_time;
+        probe(*service);
     } else {
         throw std::bad_alloc();
     }
@@ -286,17 +300,18 @@ int Router::on_register(Own &own) {
 int Router::on_subscribe(Own &own) {
     auto &session = static_cast<Session &>(own.client);
     std::vector<std::string> patterns;
-    if (!read_texts(json_object_get(own.params, "methods"), max_patterns, max_pattern, &patterns) ||
-        session.subscribed.size() + patterns.size() > max_patterns) {
+    std::vector<std::string> wanted = session.subscribed;
+    const bool readable = read_texts(json_object_get(own.params, "methods"), max_patterns, max_pattern, &patterns);
+    for (std::string &pattern : patterns) {
+        if (std::find(wanted.begin(), wanted.end(), pattern) == wanted.end()) {
+            wanted.push_back(std::move(pattern));
+        }
+    }
+    if (!readable || wanted.size() > max_patterns) {
         own.problem = "methods: at most 64 patterns of at most 128 bytes";
         return TAVRIX_JRPC_INVALID_PARAMS;
     }
-    for (std::string &pattern : patterns) {
-        const auto end = session.subscribed.end();
-        if (std::find(session.subscribed.begin(), end, pattern) == end) {
-            session.subscribed.push_back(std::move(pattern));
-        }
-    }
+    session.subscribed = std::move(wanted);
     listen_as_wanted();
     return 0;
 }

@@ -34,8 +34,7 @@ constexpr char unit_name[] = "router";
 constexpr milliseconds probe_interval{200};
 constexpr milliseconds time_unwatched{20};
 constexpr std::chrono::seconds probe_time{5};
-constexpr int max_settle_probes = 1000; // five seconds
-constexpr size_t most_reloads = 20;     // a second
+constexpr size_t most_reloads = 20; // a second
 constexpr char own_prefix[] = "router.";
 constexpr char register_method[] = "router.Register";
 constexpr char describe_method[] = "router.Describe";
@@ -252,7 +251,7 @@ void Router::turn_away(int descriptor, Road road) {
 }
 
 void Router::out_of_memory(Client *client) {
-    LOG_ERROR("There is no memory for what a client wants\n");
+    LOG_WITHIN(lines_of_clients, LOG_ERROR("There is no memory for what a client wants\n"));
     if (client != nullptr) {
         client->close();
     }
@@ -426,17 +425,32 @@ bool Router::run_own(Client &client, const std::string &method, json_t *request,
     if (own->name == nullptr || (own->needs_session && client.peer.road != Road::session)) {
         return false;
     }
-    Own call{client, json_object_get(request, "params"), request, batch, nullptr, "", false};
+    Own call{client, json_object_get(request, "params"), request, batch, nullptr, {}, "", false};
     const int code = (this->*own->handler)(call);
     if (code != 0) {
         refuse(client, request, code, call.problem, batch);
     } else if (!call.is_deferred) {
-        Json id = share(json_object_get(request, client.gets_own_id() ? "id" : "method"));
-        client.answer(make_result(std::move(id), share(json_object_get(request, "transaction_id")),
-                                  call.result ? std::move(call.result) : Json(json_integer(TAVRIX_OK))),
-                      batch);
+        answer_own(client, request, &call);
     }
     return true;
+}
+
+void Router::answer_own(Client &client, json_t *request, Own *own) {
+    Json id = share(json_object_get(request, client.gets_own_id() ? "id" : "method"));
+    Json transaction_id = share(json_object_get(request, "transaction_id"));
+    if (own->result_text.empty()) {
+        client.answer(make_result(std::move(id), std::move(transaction_id),
+                                  own->result ? std::move(own->result) : Json(json_integer(TAVRIX_OK))),
+                      own->batch);
+        return;
+    }
+    const Json envelope = make_result(std::move(id), std::move(transaction_id), Json(json_null()));
+    std::string text(render(envelope.get()));
+    if (text.empty()) {
+        throw std::bad_alloc();
+    }
+    text.replace(text.rfind("null"), 4, own->result_text); // an id, which might say so too, stands before it
+    client.answer_text(text, own->batch);
 }
 
 void Router::answer_locked(Client &client, json_t *request, const BatchPlace &batch) {
@@ -498,6 +512,7 @@ bool Router::send(const Call &call, json_t *request) {
     put(request, "transaction_id", Json(json_integer(call.number)));
     json_object_del(request, "id"); // the member's place is at the end, as from the library's own router
     put(request, "id", Json(json_string(TAVRIX_ROUTER_REPLY_CHANNEL)));
+    show_traffic("request", &call, call.method, &call.service, nullptr, request);
     const std::string_view text = render(request);
     if (text.empty()) {
         throw std::bad_alloc();
@@ -507,12 +522,18 @@ bool Router::send(const Call &call, json_t *request) {
 
 /** True once the client has been told that this service has too much to do already. */
 bool Router::is_overloaded(const Service &service, Client &client, const json_t *request, const BatchPlace &batch) {
-    if (has_room(service.users, account_of(client.peer), service.calls.size(),
-                 static_cast<size_t>(config_.max_in_flight))) {
+    std::string why;
+    if (!has_room(service.users, account_of(client.peer), service.calls.size(),
+                  static_cast<size_t>(config_.max_in_flight))) {
+        why = "too many requests in flight";
+    } else if (service.direct && !service.session->takes_requests()) {
+        why = service.name + " does not read its requests";
+    }
+    if (why.empty()) {
         return false;
     }
     ++statistics_.busy;
-    client.answer(make_error(TAVRIX_JRPC_SYSTEM_BUSY, request, message_data("too many requests in flight")), batch);
+    client.answer(make_error(TAVRIX_JRPC_SYSTEM_BUSY, request, message_data(why)), batch);
     return true;
 }
 
@@ -529,14 +550,10 @@ void Router::forward(Client &client, const std::string &method, Json request, co
         return;
     }
     Call *call = begin_call(client, *service, method, request.get(), batch);
-    show_traffic("request", call, method, service, nullptr, request.get());
     if (!send(*call, request.get())) {
-        LOG_ERROR("Cannot send %s to its service\n", printable(method).c_str());
+        LOG_WITHIN(lines_of_clients, LOG_ERROR("Cannot send %s to its service\n", printable(method).c_str()));
         const Json ids(json_pack("{s:O}", "id", call->id.get()));
-        finish(*call, Outcome::error,
-               service->direct ? make_error(TAVRIX_JRPC_SYSTEM_BUSY, ids.get(),
-                                            message_data(service->name + " does not read its requests"))
-                               : make_error(TAVRIX_JRPC_INTERNAL_ERROR, ids.get(), nullptr));
+        finish(*call, Outcome::error, make_error(TAVRIX_JRPC_INTERNAL_ERROR, ids.get(), nullptr));
     }
 }
 
@@ -601,7 +618,7 @@ void Router::finish(Call &call, Outcome outcome, Json answer) {
 
 void Router::give_answer(std::unique_ptr<Call> owner, Outcome outcome, Json answer) {
     Call &call = *owner;
-    statistics_.count(call.method, call.service.session != nullptr || outcome == Outcome::result, outcome,
+    statistics_.count(call.method, !call.service.methods.empty() || outcome == Outcome::result, outcome,
                       seconds_since(call.started));
     show_traffic("reply", &call, call.method, &call.service, name_of(outcome), answer.get());
     if (outcome == Outcome::cancelled) {
@@ -632,8 +649,14 @@ void Router::take_reply(Json reply, Service *from) {
     // Only the service that was asked answers, and the way it was asked.
     if (found != calls_.end() && found->second->method == method &&
         (is_reload || (found->second->service.direct ? &found->second->service : nullptr) == from)) {
-        const Outcome outcome = json_object_get(reply.get(), "error") != nullptr ? Outcome::error : Outcome::result;
-        finish(*found->second, outcome, std::move(reply));
+        const bool is_error = json_object_get(reply.get(), "error") != nullptr;
+        if (!is_error && json_object_get(reply.get(), "result") == nullptr) {
+            LOG_FOREIGN("A reply to %s has neither a result nor an error\n", printable(method).c_str());
+            const Json ids(json_pack("{s:O}", "id", found->second->id.get()));
+            finish(*found->second, Outcome::error, make_error(TAVRIX_JRPC_INTERNAL_ERROR, ids.get(), nullptr));
+            return;
+        }
+        finish(*found->second, is_error ? Outcome::error : Outcome::result, std::move(reply));
     } else if (!is_reload) { // every service replies to a reload, and one reply is all that is awaited
         ++statistics_.late;
         LOG_FOREIGN("Discarded a left-over reply of %s\n", printable(method).c_str());
@@ -695,7 +718,7 @@ void Router::take_frame(std::string_view channel, std::string_view text) {
     if (is_wanted) {
         const Json message(json_loadb(text.data(), text.size(), JSON_REJECT_DUPLICATES, nullptr));
         if (is_notification(message.get()) && text_member(message.get(), "method") == method) {
-            deliver_notification(message.get(), method);
+            deliver_notification(message.get(), method, nullptr);
         }
     }
 }
@@ -771,8 +794,9 @@ void Router::settle() {
         if (service->state != Service::State::settling) {
             continue;
         }
-        if (++service->probes > max_settle_probes) {
-            LOG_WARNING("Service %s does not answer on the bus\n", printable(name).c_str());
+        if (Clock::now() >= service->settles_until) {
+            LOG_WITHIN(lines_of_services,
+                       LOG_WARNING("Service %s does not answer on the bus\n", printable(name).c_str()));
             const Json request(json_pack("{s:O}", "id", service->registration.id.get()));
             end_registration(*service, make_error(TAVRIX_JRPC_TIMED_OUT, request.get(), nullptr));
             Session &session = *service->session;
@@ -782,13 +806,17 @@ void Router::settle() {
             break; // the list may have changed
         }
         is_any_left = true;
-        const Json probe =
-            make_notification(daemon_support::probe_method, Json(json_pack("{s:s}", "name", name.c_str())));
-        bus_.publish(service->channel, render(probe.get()));
+        probe(*service);
     }
     if (!is_any_left) {
         event_del(settle_timer_.get());
     }
+}
+
+void Router::probe(const Service &service) {
+    const Json notice =
+        make_notification(daemon_support::probe_method, Json(json_pack("{s:s}", "name", service.name.c_str())));
+    bus_.publish(service.channel, render(notice.get()));
 }
 
 void Router::end_registration(Service &service, Json answer) {
@@ -801,7 +829,7 @@ void Router::end_registration(Service &service, Json answer) {
 
 void Router::up(Service &service) {
     service.state = Service::State::up;
-    discovered_.reset();
+    discovered_.clear();
     service.since = std::time(nullptr);
     LOG_WITHIN(lines_of_services, LOG_INFO("Service %s settled on channel %s\n", printable(service.name).c_str(),
                                            printable(service.channel).c_str()));
@@ -815,7 +843,7 @@ void Router::gone(Service &service) {
     service.since = std::time(nullptr);
     service.session = nullptr;
     service.document.reset();
-    discovered_.reset();
+    discovered_.clear();
     for (const int endpoint : service.endpoints) {
         bus_.disconnect(endpoint);
     }
@@ -878,11 +906,11 @@ void Router::take_notification(json_t *notification, Service *from) {
         LOG_FOREIGN("Discarded the notification %s of %s\n", printable(method).c_str(), printable(from->name).c_str());
         return;
     }
-    deliver_notification(notification, method);
+    deliver_notification(notification, method, from);
 }
 
-void Router::deliver_notification(json_t *notification, const std::string &method) {
-    show_traffic("notification", nullptr, method, nullptr, nullptr, notification);
+void Router::deliver_notification(json_t *notification, const std::string &method, const Service *from) {
+    show_traffic("notification", nullptr, method, from, nullptr, notification);
     std::string line;
     for (Session *session : sessions_) {
         if (matches_any(session->subscribed, method)) {

@@ -101,7 +101,8 @@ class Router {
         json_t *request;
         const BatchPlace &batch;
         Json result;
-        std::string problem; ///< the error's message; empty when there is none
+        std::string_view result_text; ///< instead of the result, where it is kept as it is sent
+        std::string problem;          ///< the error's message; empty when there is none
         bool is_deferred = false;
     };
     /** Gives 0, or the error's code. */
@@ -137,6 +138,7 @@ class Router {
     // Requests
     std::string find_refusal(const Client &client, const std::string &method, const json_t *request, int *code);
     void refuse(Client &client, const json_t *request, int code, const std::string &why, const BatchPlace &batch);
+    void answer_own(Client &client, json_t *request, Own *own);
     bool run_own(Client &client, const std::string &method, json_t *request, const BatchPlace &batch);
     void answer_locked(Client &client, json_t *request, const BatchPlace &batch);
     void answer_timed_out(const Call &call, Json *answer) const;
@@ -162,6 +164,7 @@ class Router {
 
     // Services
     void settle();
+    void probe(const Service &service);
     void end_registration(Service &service, Json answer);
     void up(Service &service);
     void gone(Service &service);
@@ -170,7 +173,7 @@ class Router {
 
     // Notifications and monitors
     void listen_as_wanted();
-    void deliver_notification(json_t *notification, const std::string &method);
+    void deliver_notification(json_t *notification, const std::string &method, const Service *from);
     void show_traffic(const char *leg, const Call *call, const std::string &method, const Service *service,
                       const char *outcome, json_t *message);
 
@@ -184,6 +187,7 @@ class Router {
     int on_describe(Own &own);
     int on_discover(Own &own);
     Json discover() const;
+    std::string metrics() const;
     int on_subscribe(Own &own);
     int on_unsubscribe(Own &own);
     int on_monitor(Own &own);
@@ -220,7 +224,9 @@ class Router {
     std::vector<Session *> to_flush_;
     std::list<Session *> sessions_;
     std::unordered_map<int, std::unique_ptr<Call>> calls_;
-    Json discovered_; ///< what rpc.discover answers; null when that has changed
+    std::string discovered_; ///< what rpc.discover answers, as JSON; empty when that has changed
+    std::string metrics_;    ///< what router.Metrics answers, for a moment
+    daemon_support::Clock::time_point metrics_until_;
     int last_number_;
     bool locked_ = false;
     daemon_support::Clock::time_point probe_until_;

@@ -47,10 +47,10 @@ struct Service {
     std::time_t since = std::time(nullptr);
     Session *session = nullptr; ///< while it is registered
     Registration registration;
-    std::vector<int> endpoints; ///< of the bus
-    int probes = 0;             ///< published while it settles
-    std::list<Call *> calls;    ///< in flight
-    Shares users;               ///< how many of them by whom
+    std::vector<int> endpoints;                      ///< of the bus
+    daemon_support::Clock::time_point settles_until; ///< then it has not
+    std::list<Call *> calls;                         ///< in flight
+    Shares users;                                    ///< how many of them by whom
 };
 
 const char *name_of(Service::State state);

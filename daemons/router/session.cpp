@@ -23,7 +23,6 @@ constexpr size_t max_description_line = max_document + 1024;
 constexpr size_t bytes_per_turn = size_t{8} * 1024; // of a client: some dozen requests
 constexpr size_t max_batch = 256;                   // is one turn's work, however cheap the requests are to write
 constexpr size_t max_unread_with_notifications = size_t{1024} * 1024;
-constexpr size_t max_unread = size_t{8} * 1024 * 1024;
 constexpr size_t max_unread_of_user = size_t{64} * 1024 * 1024; // of all his sessions; beyond it
 constexpr size_t unread_in_any_case = size_t{64} * 1024;        // each has this still
 constexpr size_t large_line = size_t{1024} * 1024;
@@ -67,7 +66,10 @@ void Session::on_close() {
 
 /** One read in each turn: a session that floods the router waits for its next turn like all others. */
 void Session::read() {
-    if (is_closed() || ending_ || broken_) {
+    if (requests_) {
+        go_on_with_batch();
+    }
+    if (requests_ || is_closed() || ending_ || broken_) {
         return;
     }
     if (!held_.empty()) {
@@ -117,7 +119,7 @@ void Session::take_bytes(std::string_view bytes) {
             take_line(line);
         }
         bytes.remove_prefix(end + 1);
-        if (!bytes.empty() && service == nullptr && router_.is_turn_over(*this)) {
+        if (requests_ || (!bytes.empty() && service == nullptr && router_.is_turn_over(*this))) {
             held_ = bytes;
             router_.wait_for_turn(*this);
             return;
@@ -138,32 +140,44 @@ void Session::take_line(std::string_view line) {
         return;
     }
     if (json_is_array(value.get()) && json_array_size(value.get()) > 0) {
-        take_batch(value.get());
+        take_batch(std::move(value));
         return;
     }
     router_.count_refused();
     answer(make_error(value ? TAVRIX_JRPC_INVALID_REQUEST : TAVRIX_JRPC_PARSE_ERROR, nullptr, nullptr), nullptr);
 }
 
-void Session::take_batch(const json_t *requests) {
-    if (json_array_size(requests) > max_batch) {
+void Session::take_batch(Json requests) {
+    if (json_array_size(requests.get()) > max_batch) {
         router_.count_refused();
         answer(make_error(TAVRIX_JRPC_INVALID_REQUEST, nullptr, message_data("at most 256 requests in a batch")),
                nullptr);
         return;
     }
-    const auto batch = std::make_shared<Batch>();
-    batch->missing = json_array_size(requests) + 1; // one for this function: the batch ends when all are taken
-    for (size_t i = 0; i < json_array_size(requests) && !is_closed() && !broken_; ++i) {
-        json_t *request = json_array_get(requests, i);
+    batch_ = std::make_shared<Batch>();
+    batch_->missing = json_array_size(requests.get()) + 1; // one for this function: it ends when all are taken
+    requests_ = std::move(requests);
+    taken_ = 0;
+    go_on_with_batch();
+}
+
+/** As far as the user's time goes; the rest has its turn later. */
+void Session::go_on_with_batch() {
+    while (taken_ < json_array_size(requests_.get()) && !is_closed() && !broken_) {
+        if (taken_ > 0 && service == nullptr && router_.is_turn_over(*this)) {
+            router_.wait_for_turn(*this);
+            return;
+        }
+        json_t *request = json_array_get(requests_.get(), taken_++);
         if (json_is_object(request)) {
-            take_object(share(request), batch);
+            take_object(share(request), batch_);
         } else {
             router_.count_refused();
-            answer(make_error(TAVRIX_JRPC_INVALID_REQUEST, nullptr, nullptr), batch);
+            answer(make_error(TAVRIX_JRPC_INVALID_REQUEST, nullptr, nullptr), batch_);
         }
     }
-    complete(batch);
+    requests_.reset();
+    complete(std::exchange(batch_, nullptr));
 }
 
 void Session::take_object(Json object, const BatchPlace &batch) {
@@ -251,11 +265,10 @@ void Session::complete(const BatchPlace &batch) {
     }
 }
 
-void Session::answer(Json message, const BatchPlace &batch) {
+void Session::answer_text(std::string_view text, const BatchPlace &batch) {
     if (has_unread_beyond(max_unread) && !broken_) {
         give_up("A session does not read its answers");
     }
-    const std::string_view text = router_.render(message.get());
     if (batch == nullptr) {
         write_line(text);
         return;
@@ -342,7 +355,7 @@ void Session::flush() {
     }
     if (unread() > 0) {
         event_add(writable_.get(), nullptr);
-    } else if (ending_ && calls.empty()) {
+    } else if (ending_ && calls.empty() && !requests_) {
         close();
     }
 }

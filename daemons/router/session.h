@@ -13,6 +13,8 @@
 
 namespace router {
 
+constexpr size_t max_unread = size_t{8} * 1024 * 1024; ///< bytes of replies or requests; beyond it nothing is kept
+
 class Session final : public Client {
   public:
     Session(Router &router, int descriptor, Peer who);
@@ -22,10 +24,12 @@ class Session final : public Client {
     /** Takes what has come, as far as its user's time goes. */
     void read();
 
-    void answer(Json message, const BatchPlace &batch) override;
+    void answer_text(std::string_view text, const BatchPlace &batch) override;
     void refuse_notification(const std::string &method, const BatchPlace &batch) override;
     bool gets_own_id() const override { return true; }
 
+    /** Whether the service reads what it is sent. */
+    bool takes_requests() { return !has_unread_beyond(max_unread); }
     /** A request, for a direct service; false when it has too many unread already. */
     bool send_request(std::string_view line);
     /** May be dropped when the session does not read; it is told how many were, as soon as it does. */
@@ -48,7 +52,8 @@ class Session final : public Client {
     void take_bytes(std::string_view bytes);
     void take_line(std::string_view line);
     void take_object(Json object, const BatchPlace &batch);
-    void take_batch(const json_t *requests);
+    void take_batch(Json requests);
+    void go_on_with_batch();
     void complete(const BatchPlace &batch);
     void end_of_input();
     void end_when_answered();
@@ -64,6 +69,9 @@ class Session final : public Client {
     void give_up(const char *why);
     void tell_of_loss();
 
+    Json requests_; ///< of a batch that is being taken
+    size_t taken_ = 0;
+    BatchPlace batch_;
     std::string held_;    ///< what has come and waits for the next turn
     std::string partial_; ///< the beginning of a line
     daemon_support::Event readable_;

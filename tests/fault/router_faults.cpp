@@ -12,6 +12,7 @@
 #include <event2/event.h>
 #include <fcntl.h>
 #include <jansson.h>
+#include <nanomsg/nn.h>
 #include <poll.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
@@ -107,8 +108,9 @@ json_t *__wrap_json_loadb(const char *text, size_t size, size_t flags, json_erro
     const Truce nothing_inside;
     return __real_json_loadb(text, size, flags, error);
 }
-FAILING(int, tavrix_jrpc_mq_pub, (const int *sock, const char *channel, const char *text), (sock, channel, text), -1)
-FAILING(int, tavrix_jrpc_router_mq_dispatch_request, (const int *sock, json_t *request), (sock, request), -1)
+FAILING(void *, nn_allocmsg, (size_t size, int type), (size, type), nullptr)
+FAILING(int, nn_send, (int sock, const void *message, size_t size, int flags), (sock, message, size, flags), -1)
+FAILING(int, nn_recv, (int sock, void *message, size_t size, int flags), (sock, message, size, flags), -1)
 FAILING(int, tavrix_jrpc_router_create_system_lock_response, (json_t * request, json_t **response), (request, response),
         -1)
 FAILING(int, tavrix_jrpc_router_create_system_timeout_response, (const char *id, int number, json_t **response),

@@ -7,6 +7,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 
 #include <fcntl.h>
@@ -70,6 +71,9 @@ class RouterFaults : public testing::Test {
             faults_->remaining = number;
             attempt();
             failed = faults_->remaining.exchange(0) == 0;
+            if (failed) {
+                failed_.insert(static_cast<const char *>(faults_->function));
+            }
             const std::string what =
                 "call " + std::to_string(number) + (failed ? ", " + std::string(faults_->function) : ", none");
             ASSERT_TRUE(router_->running()) << what << "\n" << router_->log();
@@ -144,6 +148,7 @@ class RouterFaults : public testing::Test {
     std::optional<support::PlayedService> bystander_service_; ///< is told nothing of other services
     std::optional<SessionClient> bystander_;
     std::optional<DirectService> service_;
+    std::set<std::string> failed_; ///< what has failed once
 };
 
 } // namespace
@@ -285,6 +290,9 @@ TEST_F(RouterFaults, OfTheBusConcernTheCallersOverIt) {
                                            R"("channel":"c"}})");
                      expect_own(client.hear(), "1", "4");
                  });
+    for (const char *function : {"nn_allocmsg", "nn_send", "nn_recv"}) {
+        EXPECT_EQ(failed_.count(function), 1U) << function;
+    }
 }
 
 TEST_F(RouterFaults, OfAReloadLeaveThePolicyThatWasGood) {

@@ -181,37 +181,63 @@ TEST_F(RouterFairness, ServesOneUserBesideTheFloodOfAnother) {
 }
 
 TEST_F(RouterFairness, ServesOneUserBeforeAllThatAnotherHasAsked) {
-    start();
+    std::string batch = "[1";
+    for (int i = 1; i < 256; ++i) {
+        batch += ",1";
+    }
+    const struct {
+        std::string line;
+        int lines;
+        int requests;
+    } floods[] = {{"1\n", 4000, 4000}, {batch + "]\n", 15, 15 * 256}};
     constexpr int sessions = 20;
-    constexpr int lines_of_each = 4000;
-    std::vector<SessionClient> flood;
-    for (int i = 0; i < sessions; ++i) {
-        flood.push_back(strange_session());
-        EXPECT_EQ(member(flood.back().ask(request("router.Status", "1")), "id"), "1");
+    for (const auto &flood : floods) {
+        start();
+        std::vector<SessionClient> strangers;
+        for (int i = 0; i < sessions; ++i) {
+            strangers.push_back(strange_session());
+            EXPECT_EQ(member(strangers.back().ask(request("router.Status", "1")), "id"), "1");
+        }
+        std::vector<SessionClient> good(3);
+        for (SessionClient &session : good) {
+            EXPECT_EQ(member(session.ask(request("router.Status", "1")), "id"), "1");
+        }
+        std::string rubbish;
+        for (int i = 0; i < flood.lines; ++i) {
+            rubbish += flood.line;
+        }
+        fleet.router->signal(SIGSTOP);
+        for (SessionClient &session : strangers) {
+            session.say_bytes(rubbish);
+        }
+        for (SessionClient &session : good) {
+            session.say(request("router.Status", "2"));
+        }
+        fleet.router->signal(SIGCONT);
+        for (SessionClient &session : good) {
+            const int refused = std::stoi(member(member(session.hear(), "result"), "refused"));
+            EXPECT_LT(refused, sessions * flood.requests / 2) << "the flood had not been served when the good one was";
+        }
+        EXPECT_TRUE(support::wait_until([&] { // but it is, in the end
+            return std::stoi(status_of(fleet, "refused")) == sessions * flood.requests;
+        })) << status_of(fleet, "refused");
     }
-    std::vector<SessionClient> good(3);
-    for (SessionClient &session : good) {
-        EXPECT_EQ(member(session.ask(request("router.Status", "1")), "id"), "1");
+}
+
+TEST_F(RouterLimits, AnswersABatchThatTakesSeveralTurnsAndWhatComesBehindIt) {
+    start();
+    std::string batch = "[";
+    for (int i = 0; i < 256; ++i) {
+        batch += (i > 0 ? "," : "") + request("rpc.discover", std::to_string(i));
     }
-    std::string rubbish;
-    for (int i = 0; i < lines_of_each; ++i) {
-        rubbish += "1\n";
-    }
-    fleet.router->signal(SIGSTOP);
-    for (SessionClient &session : flood) {
-        session.say_bytes(rubbish);
-    }
-    for (SessionClient &session : good) {
-        session.say(request("router.Status", "2"));
-    }
-    fleet.router->signal(SIGCONT);
-    for (SessionClient &session : good) {
-        const int refused = std::stoi(member(member(session.hear(), "result"), "refused"));
-        EXPECT_LT(refused, sessions * lines_of_each / 2) << "the flood had not been served when the good one was";
-    }
-    EXPECT_TRUE(support::wait_until(
-        [&] { return std::stoi(status_of(fleet, "refused")) == sessions * lines_of_each; })) // but it is, in the end
-        << status_of(fleet, "refused");
+    SessionClient client;
+    client.say_bytes(batch + "]\n" + request("router.Status", "\"behind\"") + "\n");
+    shutdown(client.fd(), SHUT_WR);
+    const std::string answers = client.hear();
+    EXPECT_EQ(answers.substr(0, 24), R"([{"jsonrpc":"2.0","id":0)");
+    EXPECT_NE(answers.find(R"({"jsonrpc":"2.0","id":255,"result":{"openrpc":)"), std::string::npos);
+    EXPECT_EQ(member(client.hear(), "id"), "\"behind\"");
+    EXPECT_TRUE(client.gets_closed());
 }
 
 TEST_F(RouterFairness, BoundsWhatTheSessionsOfOneUserLeaveUnread) {

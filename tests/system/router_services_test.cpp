@@ -342,6 +342,17 @@ TEST_F(RouterServices, ThatGoHaveTheirCallersAnsweredAtOnce) {
     const std::string after = client.ask(request("ports.Get", "2"));
     EXPECT_EQ(data_of(after), data) << "and so is who comes later";
     EXPECT_EQ(status_member("gone"), "2");
+    EXPECT_EQ(member(member(status_member("methods"), "ports.Get"), "gone"), "2");
+}
+
+TEST_F(RouterServices, ThatReplyWithNothingAreAnErrorForTheirCallers) {
+    DirectService service;
+    SessionClient client;
+    client.say(request("ports.Get", "1", ",\"transaction_id\":8"));
+    service.say(R"({"jsonrpc":"2.0","id":"ports.Get","transaction_id":)" +
+                member(service.next_request(), "transaction_id") + "}");
+    EXPECT_EQ(client.hear(), R"({"jsonrpc":"2.0","id":1,"error":{"code":-32603,"message":"Internal error",)"
+                             R"("data":null},"transaction_id":8})");
 }
 
 TEST_F(RouterServices, ThatComeBackAreCalledAgain) {
@@ -522,7 +533,8 @@ TEST_F(RouterServices, ThatDoNotReadAreBusyAtLast) {
     }
     EXPECT_EQ(code_of(answer), "-32014") << answer;
     EXPECT_EQ(message_of(answer), "\"played does not read its requests\"");
-    EXPECT_EQ(code_of(fleet.ask(request("router.Status", "1"))), "(none)");
+    EXPECT_EQ(status_member("busy"), "1");
+    EXPECT_EQ(status_member("served"), "0");
     service.reply(service.next_request(), "\"it reads again\"");
     EXPECT_EQ(member(client.hear_of("it reads again"), "result"), "\"it reads again\"");
 }

@@ -414,6 +414,7 @@ TEST_F(RouterSession, RefusesPatternsThatCannotBe) {
     const std::string fit = "[" + many.substr(0, many.rfind(',')) + "]";
     EXPECT_EQ(member(client.ask(subscription("Subscribe", fit)), "result"), "0") << "64 fit";
     EXPECT_EQ(code_of(client.ask(subscription("Subscribe", R"(["one more"])"))), "-32602");
+    EXPECT_EQ(member(client.ask(subscription("Subscribe", R"(["p1","p2"])")), "result"), "0") << "no more than before";
     EXPECT_EQ(member(client.ask(subscription("Unsubscribe", R"(["p1"])")), "result"), "0");
     EXPECT_EQ(member(client.ask(subscription("Subscribe", "[\"" + std::string(128, 'm') + "\"]")), "result"), "0");
     EXPECT_EQ(member(client.ask(subscription("Subscribe", "[]")), "result"), "0");
@@ -577,7 +578,7 @@ TEST_F(RouterSession, ShowsAMonitorRequestsAndReplies) {
     EXPECT_EQ(member(asked, "client"), "\"session\"");
     EXPECT_EQ(member(asked, "outcome"), "(none)");
     EXPECT_EQ(member(asked, "seconds"), "(none)");
-    EXPECT_EQ(member(member(asked, "message"), "params"), "{\"a\":1}");
+    EXPECT_EQ(member(asked, "message"), in_flight) << "as the service gets it";
     const std::string replied = member(monitor.hear(), "params");
     EXPECT_EQ(member(replied, "leg"), "\"reply\"");
     EXPECT_EQ(member(replied, "call"), member(asked, "call"));
@@ -635,6 +636,13 @@ TEST_F(RouterSession, ShowsAMonitorTheOtherRoadsAndNotifications) {
     EXPECT_EQ(member(notified, "call"), "null");
     EXPECT_EQ(member(notified, "client"), "null");
     EXPECT_EQ(member(notified, "message"), notification("ports.Changed"));
+    EXPECT_EQ(member(notified, "service"), "null") << "the bus does not tell";
+    EXPECT_EQ(member(notified, "road"), "\"bus\"");
+    DirectService direct({"direct", "505a5451-3ef2-4618-8087-9a22b800a510", "[]", R"(["events.List"])", "true"});
+    direct.say(notification("ports.Changed"));
+    const std::string told = member(monitor.hear(), "params");
+    EXPECT_EQ(member(told, "service"), "\"direct\"");
+    EXPECT_EQ(member(told, "road"), "\"direct\"");
 }
 
 TEST_F(RouterSession, ReplacesWhatAMonitorWatchesAndEndsIt) {

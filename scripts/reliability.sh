@@ -142,7 +142,15 @@ part_calls() {
     exactly "  errors" "$(sum errors counted.*)" 0
     at_most "  the router's descriptors, gained" \
         $(($(settled_descriptors_of router "$before_descriptors") - before_descriptors)) 0
-    at_most "  the router's memory, KiB gained" $(($(memory_of router) - before_memory)) 64
+    # More calls may once be under way at a time than ever before; what leaks is lost in every round.
+    local gained=$(($(memory_of router) - before_memory)) round=1
+    while [ "$gained" -gt 64 ] && [ "$round" -lt 5 ]; do
+        round=$((round + 1))
+        before_memory=$(memory_of router)
+        every_road "$calls" $((10000000 * round)) again
+        gained=$(($(memory_of router) - before_memory))
+    done
+    at_most "  the router's memory, KiB gained in round $round" "$gained" 64
     finish "${!pid_of[@]}"
 }
 

@@ -83,7 +83,7 @@ TEST(CtlMonitor, PairsRequestsWithTheirReplies) {
     std::getline(lines, line);
     EXPECT_NE(line.find(R"(  {"port_id":"c1-1"} -> error -32602 Refused: so)"), std::string::npos) << line;
     std::getline(lines, line);
-    EXPECT_EQ(squeezed(line), R"(ports.Changed bus notified {"port_id":"c1-1"})") << line;
+    EXPECT_EQ(squeezed(line), R"(ports.Changed portsd notified {"port_id":"c1-1"})") << line;
     EXPECT_EQ(monitor->output().find("3a6f8f51"), std::string::npos) << "no channel";
 }
 

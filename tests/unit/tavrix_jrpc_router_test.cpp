@@ -214,6 +214,14 @@ TEST_F(Router, RefusesDuplicateKeys) {
     }
 }
 
+TEST_F(Router, TakesARequestOfOneByteForOneThatIsNoJson) {
+    const StreamClient asking = connect("{");
+    Value value;
+    const LogCapture log("debug");
+    EXPECT_EQ(extract(&value), -1);
+    EXPECT_EQ(log.first(), support::whole(support::debug, line(extracting, stopped_at("{"))));
+}
+
 TEST_F(Router, ClosesAClientThatSaysNothing) {
     StreamClient gone = connect("");
     gone.close();
@@ -623,6 +631,7 @@ TEST_F(Router, SendsAnObjectCompactAndEscapedAndKeepsTheClientOpen) {
     EXPECT_TRUE(log.has(support::verbose, unit, "JSON response sent, of string length 15\n"));
     EXPECT_TRUE(log.has(support::verbose, unit, "The JSON Request was:\n{\"id\":\"\\u00FC\"}\n"));
     EXPECT_TRUE(log.has(support::debug, unit, line(sending, "Sending response over socket ...")));
+    EXPECT_EQ(log.count(support::debug, unit, line(answering, "Error send, rc = 0")), 0) << log.text();
     EXPECT_GE(pair.router_side, 0);
     ::close(std::exchange(pair.router_side, -1));
     EXPECT_EQ(pair.asking.hear(), R"({"id":"\u00FC"})");

@@ -1049,7 +1049,7 @@ int tavrix_jrpc_eval_request(const char *request_text, const tavrix_jrpc_method 
 }
 
 char *tavrix_jrpc_create_response(json_t *result, json_t *id, int indent, json_t *transaction_id) {
-    // Debug lines in create_error, where requests without a method end; there the response itself is the error line.
+    // Only debug lines in create_error, where requests without a method end: its error line is the response itself.
     if (result == nullptr || id == nullptr) {
         LOG_ERROR("tavrix_jrpc_create_response: NULL pointer!\n");
         return nullptr;

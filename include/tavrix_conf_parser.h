@@ -30,8 +30,9 @@ extern "C" {
  * @param out      receives the value; `out_size` bytes are cleared first. A value of exactly `out_size` characters
  *                 fills the buffer and leaves no terminator: pass one less than the buffer holds.
  * @param out_size size of `out` in bytes, at least 1
- * @return 0; -20 for a null pointer; -4 for `out_size` below 1; -40 when the file cannot be opened; -35 when the
- *         section or the key is not found; -41 when the value is longer than `out_size` characters. Nothing is
+ * @return 0; TAVRIX_ERR_NULL_INPUT for a null pointer; TAVRIX_ERR_PARAMETER for `out_size` below 1;
+ *         TAVRIX_ERR_FILE_OPEN when the file cannot be opened; TAVRIX_ERR_PARAMETER_NOT_FOUND when the section or the
+ *         key is not found; TAVRIX_ERR_BUFFER_SPACE when the value is longer than `out_size` characters. Nothing is
  *         logged, and `out` is untouched on failure.
  */
 TAVRIX_API int tavrix_conf_parser_parse(const char *path, const char *section, const char *key, char *out,

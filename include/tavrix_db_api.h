@@ -14,8 +14,8 @@
  *     db = NULL; // after a failed open it holds a closed handle
  * @endcode
  *
- * A null argument gives -4 unless the function says otherwise. Nothing waits for a busy database. Thread-safety: one
- * process-wide flag, unsynchronised (see tavrix_db_lock_cfgdb()); connections follow SQLite's rules.
+ * A null argument gives TAVRIX_ERR_PARAMETER unless the function says otherwise. Nothing waits for a busy database.
+ * Thread-safety: one process-wide flag, unsynchronised (see tavrix_db_lock_cfgdb()); connections follow SQLite's rules.
  */
 #ifndef TAVRIX_DB_API_H
 #define TAVRIX_DB_API_H
@@ -33,7 +33,7 @@ extern "C" {
  * tavrix_db_open_file() on the configuration database.
  *
  * @param handle_var as there
- * @return 0; -4 for a null argument; -7 when the database cannot be opened
+ * @return 0; TAVRIX_ERR_PARAMETER for a null argument; TAVRIX_ERR_SYSTEM_ACCESS when the database cannot be opened
  */
 TAVRIX_API int tavrix_db_open(sqlite3 **handle_var);
 
@@ -45,7 +45,7 @@ TAVRIX_API int tavrix_db_open(sqlite3 **handle_var);
  *                   holds a closed handle: set it back to null, never use or close it.
  * @param path       the file; it is never created, and a directory is refused. That the file holds a database shows
  *                   with the first statement.
- * @return 0; -4 for a null argument; -7 when it cannot be opened
+ * @return 0; TAVRIX_ERR_PARAMETER for a null argument; TAVRIX_ERR_SYSTEM_ACCESS when it cannot be opened
  */
 TAVRIX_API int tavrix_db_open_file(sqlite3 **handle_var, const char *path);
 
@@ -53,7 +53,8 @@ TAVRIX_API int tavrix_db_open_file(sqlite3 **handle_var, const char *path);
  * tavrix_db_ensure_open_file() on the configuration database.
  *
  * @param handle_var as there
- * @return 0; -4 for a null argument; -11 while the configuration database is locked; -7 when it cannot be opened
+ * @return 0; TAVRIX_ERR_PARAMETER for a null argument; TAVRIX_ERR_DB_BUSY while the configuration database is locked;
+ *         TAVRIX_ERR_SYSTEM_ACCESS when it cannot be opened
  */
 TAVRIX_API int tavrix_db_ensure_open(sqlite3 **handle_var);
 
@@ -63,16 +64,17 @@ TAVRIX_API int tavrix_db_ensure_open(sqlite3 **handle_var);
  * @param handle_var null inside: receives the connection as in tavrix_db_open_file(), and stays null when the lock
  *                   forbids it; otherwise it is left alone, whichever file it is open on
  * @param path       the file
- * @return 0; -4 for a null argument; -11 when the path is the configuration database's, to the letter, and that is
- *         locked; -7 when it cannot be opened
+ * @return 0; TAVRIX_ERR_PARAMETER for a null argument; TAVRIX_ERR_DB_BUSY when the path is the configuration
+ *         database's, to the letter, and that is locked; TAVRIX_ERR_SYSTEM_ACCESS when it cannot be opened
  */
 TAVRIX_API int tavrix_db_ensure_open_file(sqlite3 **handle_var, const char *path);
 
 /**
  * Closes a connection.
  *
- * @param handle the connection; the caller's variable keeps its value. After -12 it is still open.
- * @return 0; -4 for a null handle; -12 while it has statements that are not finalised; -7 for any other failure
+ * @param handle the connection; the caller's variable keeps its value. After TAVRIX_ERR_DB_UNFINISHED it is still open.
+ * @return 0; TAVRIX_ERR_PARAMETER for a null handle; TAVRIX_ERR_DB_UNFINISHED while it has statements that are not
+ *         finalised; TAVRIX_ERR_SYSTEM_ACCESS for any other failure
  */
 TAVRIX_API int tavrix_db_close(sqlite3 *handle);
 
@@ -96,8 +98,8 @@ TAVRIX_API void tavrix_db_unlock_cfgdb(void);
  * @param stmt_out receives the statement, which the caller finalises; null when SQLite refuses the text, and for a text
  *                 that holds no statement
  * @param sql      the statement, of any length
- * @return 0; -4 for a null path, place or text; -11 or -7 as tavrix_db_ensure_open_file(); -7 when it cannot be
- *         prepared
+ * @return 0; TAVRIX_ERR_PARAMETER for a null path, place or text; TAVRIX_ERR_DB_BUSY or TAVRIX_ERR_SYSTEM_ACCESS as
+ *         tavrix_db_ensure_open_file(); TAVRIX_ERR_SYSTEM_ACCESS when it cannot be prepared
  */
 TAVRIX_API int tavrix_db_prepare_statement(sqlite3 *handle, const char *path, sqlite3_stmt **stmt_out, const char *sql);
 
@@ -109,8 +111,9 @@ TAVRIX_API int tavrix_db_prepare_statement(sqlite3 *handle, const char *path, sq
  * @param name   what is looked up, for the log lines only
  * @param out    receives the value; untouched on failure
  * @param format printf format of the query, which is cut after TAVRIX_SQL_MAX characters
- * @return 0; -4 for a null argument other than the handle; -11 or -7 as tavrix_db_ensure_open_file(); -1 when the query
- *         fails or finds no row
+ * @return 0; TAVRIX_ERR_PARAMETER for a null argument other than the handle; TAVRIX_ERR_DB_BUSY or
+ *         TAVRIX_ERR_SYSTEM_ACCESS as tavrix_db_ensure_open_file(); TAVRIX_ERR_GENERAL when the query fails or finds no
+ *         row
  */
 TAVRIX_API int tavrix_db_get_single_id_result(sqlite3 *handle, const char *path, const char *name, int64_t *out,
                                               const char *format, ...);
@@ -122,8 +125,8 @@ TAVRIX_API int tavrix_db_get_single_id_result_args(sqlite3 *handle, const char *
 /**
  * Begins a transaction.
  *
- * @param handle the connection; null is refused with -7 as any failure
- * @return 0; -7, logged with SQLite's code: inside a transaction, for example
+ * @param handle the connection; null is refused with TAVRIX_ERR_SYSTEM_ACCESS as any failure
+ * @return 0; TAVRIX_ERR_SYSTEM_ACCESS, logged with SQLite's code: inside a transaction, for example
  */
 TAVRIX_API int tavrix_db_open_transaction(sqlite3 *handle);
 
@@ -131,16 +134,16 @@ TAVRIX_API int tavrix_db_open_transaction(sqlite3 *handle);
  * Commits the transaction. Another connection can make it fail as busy; then the transaction stays open, and the commit
  * may be tried again.
  *
- * @param handle the connection; null is refused with -7 as any failure
- * @return 0; -7, logged with SQLite's code: outside a transaction, for example
+ * @param handle the connection; null is refused with TAVRIX_ERR_SYSTEM_ACCESS as any failure
+ * @return 0; TAVRIX_ERR_SYSTEM_ACCESS, logged with SQLite's code: outside a transaction, for example
  */
 TAVRIX_API int tavrix_db_commit_transaction(sqlite3 *handle);
 
 /**
  * Rolls the transaction back.
  *
- * @param handle the connection; null is refused with -7 as any failure
- * @return 0; -7, logged with SQLite's code: outside a transaction, for example
+ * @param handle the connection; null is refused with TAVRIX_ERR_SYSTEM_ACCESS as any failure
+ * @return 0; TAVRIX_ERR_SYSTEM_ACCESS, logged with SQLite's code: outside a transaction, for example
  */
 TAVRIX_API int tavrix_db_rollback_transaction(sqlite3 *handle);
 

@@ -21,13 +21,13 @@
  * @endcode
  *
  * Texts that are handed back are released with `free`, JSON values with `json_decref`. Unless a function says otherwise
- * it returns 0 or -1, and -20 for a null argument where it lists one. Thread-safety: no state; handlers run on the
- * caller's thread.
+ * it returns 0 or TAVRIX_ERR_GENERAL, and TAVRIX_ERR_NULL_INPUT for a null argument where it lists one. Thread-safety:
+ * no state; handlers run on the caller's thread.
  *
- * Signals: one that arrives while a call waits on the bus makes it fail with -1, SA_RESTART or not;
+ * Signals: one that arrives while a call waits on the bus makes it fail with TAVRIX_ERR_GENERAL, SA_RESTART or not;
  * tavrix_jrpc_mq_sub_for_method() and tavrix_jrpc_mq_sub_for_notifcation() count that as one attempt and go on. On
- * client sockets the system decides: with SA_RESTART an accept and a receive wait on, without it they fail with -1. An
- * answer that a signal cuts short counts as sent.
+ * client sockets the system decides: with SA_RESTART an accept and a receive wait on, without it they fail with
+ * TAVRIX_ERR_GENERAL. An answer that a signal cuts short counts as sent.
  */
 #ifndef TAVRIX_JRPC_H
 #define TAVRIX_JRPC_H
@@ -139,7 +139,7 @@ typedef struct tavrix_jrpc_method {
  * @endcode
  *
  * @param internal_code a status, 0 to -73
- * @return the code; -32001 for a status without one
+ * @return the code; TAVRIX_JRPC_UNKNOWN_ERROR for a status without one
  */
 TAVRIX_API int tavrix_jrpc_error_convert_tavrix_to_jrpc(int internal_code);
 
@@ -147,7 +147,7 @@ TAVRIX_API int tavrix_jrpc_error_convert_tavrix_to_jrpc(int internal_code);
  * The first status that clients see as this JSON-RPC code.
  *
  * @param jrpc_code see tavrix_jrpc_code
- * @return the status; -32001, a number of the other numbering, when there is none
+ * @return the status; TAVRIX_JRPC_UNKNOWN_ERROR, a number of the other numbering, when there is none
  */
 TAVRIX_API int tavrix_jrpc_error_convert_jrpc_to_tavrix(int jrpc_code);
 
@@ -174,8 +174,8 @@ TAVRIX_API const char *tavrix_jrpc_error_message(int jrpc_code);
  * @param response_text set to null first; receives the response's text, which the caller sends
  *                      and releases, or null when nothing is to be sent: for a notification, and when a check before
  *                      the method's name failed or there is no method
- * @return 0 when a response was made, an error response too, or when a notification succeeded; -1 otherwise, also for a
- *         null argument. The response's "id" is the value of "method", whatever the request's id.
+ * @return 0 when a response was made, an error response too, or when a notification succeeded; TAVRIX_ERR_GENERAL
+ *         otherwise, also for a null argument. The response's "id" is the value of "method", whatever the request's id.
  */
 TAVRIX_API int tavrix_jrpc_eval_request(const char *request_text, const tavrix_jrpc_method *table,
                                         char **response_text);
@@ -226,7 +226,7 @@ TAVRIX_API char *tavrix_api_router_json_add_channel(const char *channel, const c
  * @param frame    a received frame; needs no terminator
  * @param length   bytes of the frame that count; 0 and less hold no bar
  * @param json_out receives a new, terminated text
- * @return 0; -20 for a null argument; -1 when there is no bar or no memory
+ * @return 0; TAVRIX_ERR_NULL_INPUT for a null argument; TAVRIX_ERR_GENERAL when there is no bar or no memory
  */
 TAVRIX_API int tavrix_jrpc_parse_msg(const char *frame, int length, char **json_out);
 
@@ -234,9 +234,10 @@ TAVRIX_API int tavrix_jrpc_parse_msg(const char *frame, int length, char **json_
  * Takes the reply channel out of a request: its "id", when that is a string.
  *
  * @param json_text   a request; what follows its object is ignored
- * @param channel_out receives a new text; null when the result is -44; untouched by the other failures
- * @return 0; -44 for a notification, which has no "id"; -20 for a null argument; -1 for any other id or text, or
- *         without memory
+ * @param channel_out receives a new text; null when the result is TAVRIX_ERR_NO_JSON_ID; untouched by the other
+ *                    failures
+ * @return 0; TAVRIX_ERR_NO_JSON_ID for a notification, which has no "id"; TAVRIX_ERR_NULL_INPUT for a null argument;
+ *         TAVRIX_ERR_GENERAL for any other id or text, or without memory
  */
 TAVRIX_API int tavrix_jrpc_parse_channel(const char *json_text, char **channel_out);
 
@@ -256,7 +257,8 @@ TAVRIX_API char *tavrix_api_router_json_parse_channel(const char *method);
  *
  * @param address      a "tcp://" address to bind to
  * @param pub_sock_out receives the bus socket; the caller closes it
- * @return 0; -20 for a null argument; the bind's status (-34, -1); -1 without a bus socket
+ * @return 0; TAVRIX_ERR_NULL_INPUT for a null argument; the bind's status (TAVRIX_ERR_VALIDATION, TAVRIX_ERR_GENERAL);
+ *         TAVRIX_ERR_GENERAL without a bus socket
  */
 TAVRIX_API int tavrix_jrpc_mq_pub_init(const char *address, int *pub_sock_out);
 
@@ -265,8 +267,8 @@ TAVRIX_API int tavrix_jrpc_mq_pub_init(const char *address, int *pub_sock_out);
  *
  * @param sub_sock_out receives the bus socket; the caller closes it
  * @param with_timeout not 0: a receive waits 1000 ms at most; 0: for ever
- * @return 0; -20 for a null place; -1 without a bus socket, or when the time-out cannot be set: then the socket stays
- *         open until the process ends
+ * @return 0; TAVRIX_ERR_NULL_INPUT for a null place; TAVRIX_ERR_GENERAL without a bus socket, or when the time-out
+ *         cannot be set: then the socket stays open until the process ends
  */
 TAVRIX_API int tavrix_jrpc_mq_sub_init(int *sub_sock_out, int with_timeout);
 
@@ -276,8 +278,9 @@ TAVRIX_API int tavrix_jrpc_mq_sub_init(int *sub_sock_out, int with_timeout);
  * @param address  the publisher's "tcp://" address; the publisher may appear later
  * @param channel  the prefix of the frames to let through
  * @param sub_sock the subscriber. When the connection or the subscription fails it is closed, and the variable keeps
- * its value; after -20 it is open still.
- * @return 0; -20 for a null argument; -1 when the connection or the subscription fails
+ *                 its value; after TAVRIX_ERR_NULL_INPUT it is open still.
+ * @return 0; TAVRIX_ERR_NULL_INPUT for a null argument; TAVRIX_ERR_GENERAL when the connection or the subscription
+ *         fails
  */
 TAVRIX_API int tavrix_jrpc_mq_sub_set_channel(const char *address, const char *channel, int *sub_sock);
 
@@ -289,8 +292,9 @@ TAVRIX_API int tavrix_jrpc_mq_sub_set_channel(const char *address, const char *c
  * @param pub_sock the publisher for the responses
  * @param table    the methods; their handlers run inside this call
  * @param nonblock above 0: return at once when nothing is waiting; otherwise wait up to the socket's receive time-out
- * @return 0 served, a notification too; -46 nothing arrived; -20 for a null argument; -1 for a frame that is no request
- *         (an "id" that is no string among them), a failed evaluation, receive or send
+ * @return 0 served, a notification too; TAVRIX_ERR_MQ_TIMEOUT when nothing arrived; TAVRIX_ERR_NULL_INPUT for a null
+ *         argument; TAVRIX_ERR_GENERAL for a frame that is no request (an "id" that is no string among them), a failed
+ *         evaluation, receive or send
  */
 TAVRIX_API int tavrix_jrpc_mq_run(int *sub_sock, int *pub_sock, const tavrix_jrpc_method *table, int nonblock);
 
@@ -300,7 +304,7 @@ TAVRIX_API int tavrix_jrpc_mq_run(int *sub_sock, int *pub_sock, const tavrix_jrp
  * @param pub_sock  a publisher
  * @param channel   a name without a bar
  * @param json_text any text; it stays the caller's
- * @return 0; -20 for a null argument; -1
+ * @return 0; TAVRIX_ERR_NULL_INPUT for a null argument; TAVRIX_ERR_GENERAL
  */
 TAVRIX_API int tavrix_jrpc_mq_pub(const int *pub_sock, const char *channel, const char *json_text);
 
@@ -329,7 +333,7 @@ TAVRIX_API int tavrix_jrpc_mq_pub(const int *pub_sock, const char *channel, cons
  * @param sub_sock  the subscriber; without a receive time-out an attempt waits for ever
  * @param method    the method's name
  * @param reply_out receives the whole reply object; the caller releases it
- * @return 0; -50 when the attempts ran out; -20 for a null argument
+ * @return 0; TAVRIX_ERR_NO_RESPONSE when the attempts ran out; TAVRIX_ERR_NULL_INPUT for a null argument
  */
 TAVRIX_API int tavrix_jrpc_mq_sub_for_method(int sub_sock, const char *method, json_t **reply_out);
 
@@ -339,7 +343,7 @@ TAVRIX_API int tavrix_jrpc_mq_sub_for_method(int sub_sock, const char *method, j
  * @param method    the method's name
  * @param json_text the text, without a channel
  * @param reply_out receives the object, which the caller releases; may be null when only the verdict counts
- * @return 0 for the reply; -1 for anything else; -20 for a null method or text
+ * @return 0 for the reply; TAVRIX_ERR_GENERAL for anything else; TAVRIX_ERR_NULL_INPUT for a null method or text
  */
 TAVRIX_API int tavrix_jrpc_eval_method(const char *method, const char *json_text, json_t **reply_out);
 
@@ -351,7 +355,8 @@ TAVRIX_API int tavrix_jrpc_eval_method(const char *method, const char *json_text
  * @param sub_sock         the subscriber
  * @param method           the method's name
  * @param notification_out receives the whole notification object; the caller releases it
- * @return 0; -1 when the attempts ran out or the time-out cannot be read or changed; -20 for a null argument
+ * @return 0; TAVRIX_ERR_GENERAL when the attempts ran out or the time-out cannot be read or changed;
+ *         TAVRIX_ERR_NULL_INPUT for a null argument
  */
 TAVRIX_API int tavrix_jrpc_mq_sub_for_notifcation(int sub_sock, const char *method, json_t **notification_out);
 
@@ -361,7 +366,7 @@ TAVRIX_API int tavrix_jrpc_mq_sub_for_notifcation(int sub_sock, const char *meth
  * @param method    the method's name
  * @param json_text the text, without a channel
  * @param out       receives the object; the caller releases it
- * @return 0 for the notification; -1 for anything else; -20 for a null argument
+ * @return 0 for the notification; TAVRIX_ERR_GENERAL for anything else; TAVRIX_ERR_NULL_INPUT for a null argument
  */
 TAVRIX_API int tavrix_jrpc_eval_notification(const char *method, const char *json_text, json_t **out);
 
@@ -378,7 +383,8 @@ TAVRIX_API int tavrix_jrpc_eval_notification(const char *method, const char *jso
  * @param path        the socket's path, cut after 107 bytes; a file that is there is removed
  * @param sock_out    receives the listener, or 0; the caller closes it
  * @param nonblocking not 0: the accept of tavrix_jrpc_unix_socket_run() does not wait
- * @return 0, also when the listener cannot be opened: then the handle is 0 and the log tells why; -20 for a null place
+ * @return 0, also when the listener cannot be opened: then the handle is 0 and the log tells why; TAVRIX_ERR_NULL_INPUT
+ *         for a null place
  */
 TAVRIX_API int tavrix_jrpc_unix_socket_init(const char *path, int *sock_out, int nonblocking);
 
@@ -398,8 +404,8 @@ TAVRIX_API int tavrix_jrpc_tcp_socket_init(unsigned port, int *sock_out, int non
  *
  * @param listen_sock the listener
  * @param table       the methods
- * @return 0; -20 for a null argument; -1 when nobody is waiting, when nothing could be read, and for a failed
- *         evaluation, send or close
+ * @return 0; TAVRIX_ERR_NULL_INPUT for a null argument; TAVRIX_ERR_GENERAL when nobody is waiting, when nothing could
+ *         be read, and for a failed evaluation, send or close
  */
 TAVRIX_API int tavrix_jrpc_unix_socket_run(const int *listen_sock, const tavrix_jrpc_method *table);
 
@@ -411,7 +417,8 @@ TAVRIX_API int tavrix_jrpc_tcp_socket_run(const int *listen_sock, const tavrix_j
  *
  * @param address  a "tcp://" address to bind to
  * @param sock_out receives the bus socket; the caller closes it
- * @return 0; -20 for a null argument; the bind's status (-34, -1). Nothing stays open on failure.
+ * @return 0; TAVRIX_ERR_NULL_INPUT for a null argument; the bind's status (TAVRIX_ERR_VALIDATION, TAVRIX_ERR_GENERAL).
+ *         Nothing stays open on failure.
  */
 TAVRIX_API int tavrix_jrpc_pull_socket_init(const char *address, int *sock_out);
 
@@ -420,7 +427,8 @@ TAVRIX_API int tavrix_jrpc_pull_socket_init(const char *address, int *sock_out);
  *
  * @param sock  the pull socket; waits up to its receive time-out
  * @param table the methods
- * @return the evaluation's 0 or -1; -20 for a null table; -1 when nothing could be received, a time-out too
+ * @return the evaluation's 0 or TAVRIX_ERR_GENERAL; TAVRIX_ERR_NULL_INPUT for a null table; TAVRIX_ERR_GENERAL when
+ *         nothing could be received, a time-out too
  */
 TAVRIX_API int tavrix_jrpc_pull_socket_run(int sock, const tavrix_jrpc_method *table);
 
@@ -439,7 +447,8 @@ TAVRIX_API int tavrix_jrpc_pull_socket_run(int sock, const tavrix_jrpc_method *t
  * @param pub_sock    the router's publisher
  * @param client_out  receives the client, for tavrix_jrpc_router_mq_to_socket(); untouched on failure, when the client
  *                    is closed here
- * @return 0; -20 for a null argument; the accept's or the publishing's status; -1 for a request that is refused
+ * @return 0; TAVRIX_ERR_NULL_INPUT for a null argument; the accept's or the publishing's status; TAVRIX_ERR_GENERAL for
+ *         a request that is refused
  */
 TAVRIX_API int tavrix_jrpc_router_socket_to_mq(const int *listen_sock, const int *pub_sock, int *client_out);
 
@@ -463,7 +472,7 @@ TAVRIX_API int tavrix_jrpc_router_socket_to_mq(const int *listen_sock, const int
  * @param client_out  receives the client; it stays open when the request is refused, and the caller closes it; -1 when
  *                    nobody was accepted
  * @param request_out receives the request object; the caller releases it
- * @return 0; the accept's status; -1, also for a null argument
+ * @return 0; the accept's status; TAVRIX_ERR_GENERAL, also for a null argument
  */
 TAVRIX_API int tavrix_jrpc_router_socket_extract_request(const int *listen_sock, int *client_out, json_t **request_out);
 
@@ -472,8 +481,9 @@ TAVRIX_API int tavrix_jrpc_router_socket_extract_request(const int *listen_sock,
  *
  * @param pub_sock the router's publisher
  * @param request  the request object; it stays the caller's, its "id" becomes the reply channel
- * @return 0; the publishing's status; -1 for a null argument, and, with the object as it was, for one that no JSON text
- *         can hold, for a request without a method, and for an id that is missing or no string or number
+ * @return 0; the publishing's status; TAVRIX_ERR_GENERAL for a null argument, and, with the object as it was, for one
+ *         that no JSON text can hold, for a request without a method, and for an id that is missing or no string or
+ *         number
  */
 TAVRIX_API int tavrix_jrpc_router_mq_dispatch_request(const int *pub_sock, json_t *request);
 
@@ -482,7 +492,8 @@ TAVRIX_API int tavrix_jrpc_router_mq_dispatch_request(const int *pub_sock, json_
  *
  * @param sub_sock    the router's subscriber, on the reply channel
  * @param client_sock the client; closed in every case once the arguments are valid, and set to -1
- * @return 0; -20 for a null argument; the receive's status (-46 for a time-out); -1
+ * @return 0; TAVRIX_ERR_NULL_INPUT for a null argument; the receive's status (TAVRIX_ERR_MQ_TIMEOUT for a time-out);
+ *         TAVRIX_ERR_GENERAL
  */
 TAVRIX_API int tavrix_jrpc_router_mq_to_socket(const int *sub_sock, int *client_sock);
 
@@ -491,7 +502,7 @@ TAVRIX_API int tavrix_jrpc_router_mq_to_socket(const int *sub_sock, int *client_
  *
  * @param sub_sock     the router's subscriber, on the reply channel
  * @param response_out receives the response object; the caller releases it
- * @return 0; the receive's status (-46 for a time-out); -1, also for a null argument
+ * @return 0; the receive's status (TAVRIX_ERR_MQ_TIMEOUT for a time-out); TAVRIX_ERR_GENERAL, also for a null argument
  */
 TAVRIX_API int tavrix_jrpc_router_mq_extract_response(const int *sub_sock, json_t **response_out);
 
@@ -500,7 +511,7 @@ TAVRIX_API int tavrix_jrpc_router_mq_extract_response(const int *sub_sock, json_
  *
  * @param client_sock the client; it stays open
  * @param response    the object; it stays the caller's
- * @return 0; -1, also for a null argument
+ * @return 0; TAVRIX_ERR_GENERAL, also for a null argument
  */
 TAVRIX_API int tavrix_jrpc_router_socket_dispatch_response(const int *client_sock, json_t *response);
 
@@ -509,8 +520,8 @@ TAVRIX_API int tavrix_jrpc_router_socket_dispatch_response(const int *client_soc
  *
  * @param notification the notification object, without an "id"; it stays the caller's
  * @param table        the methods
- * @return 0; the handler's own value when it is not 0, a positive one too; -1 when it is malformed or has no
- *         handler, and for a null argument
+ * @return 0; the handler's own value when it is not 0, a positive one too; TAVRIX_ERR_GENERAL when it is malformed or
+ *         has no handler, and for a null argument
  */
 TAVRIX_API int tavrix_jrpc_router_eval_notification(json_t *notification, const tavrix_jrpc_method *table);
 
@@ -520,7 +531,7 @@ TAVRIX_API int tavrix_jrpc_router_eval_notification(json_t *notification, const 
  * @param request      the request object; it stays the caller's, its "transaction_id" is shared with the answer
  * @param response_out receives the object, which the caller releases; null when it cannot be made, untouched for a null
  *                     argument
- * @return 0; -1 for a null argument, for an id that is missing or no string, or without memory
+ * @return 0; TAVRIX_ERR_GENERAL for a null argument, for an id that is missing or no string, or without memory
  */
 TAVRIX_API int tavrix_jrpc_router_create_system_lock_response(json_t *request, json_t **response_out);
 
@@ -529,8 +540,8 @@ TAVRIX_API int tavrix_jrpc_router_create_system_lock_response(json_t *request, j
  *
  * @param id             the response's "id"
  * @param transaction_id the response's "transaction_id", 0 too
- * @param response_out   receives the object, which the caller releases; null with every -1
- * @return 0; -1 for a null argument, for an id that is no UTF-8 text, or without memory
+ * @param response_out   receives the object, which the caller releases; null with every TAVRIX_ERR_GENERAL
+ * @return 0; TAVRIX_ERR_GENERAL for a null argument, for an id that is no UTF-8 text, or without memory
  */
 TAVRIX_API int tavrix_jrpc_router_create_system_timeout_response(const char *id, int transaction_id,
                                                                  json_t **response_out);

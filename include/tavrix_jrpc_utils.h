@@ -29,12 +29,17 @@
  * - `out_size`: the size of a text's buffer in bytes. A longer text is cut to fit, without a word; the rest of the
  *   buffer is cleared.
  *
- * The statuses that all of them share, in the order of the checks: -4 for a null `key` or `out`; -35 when the member is
- * absent; -31 when it has another type. Only these last two set the debug message. Retrievers of a text then refuse an
- * `out_size` of 0, with -4 too. A null argument gives another status in three functions: -20 in
- * tavrix_jrpc_utils_retrieve_input_mac_filters() and tavrix_jrpc_utils_populate_json_mac_addresses_array(), -31 in
- * tavrix_jrpc_utils_parse_input_secure_option(). And -4 is not always a null argument: the two readers of ports give it
- * for a bad element too.
+ * The shared statuses, in the order of the checks:
+ * - TAVRIX_ERR_PARAMETER: `key` or `out` is null;
+ * - TAVRIX_ERR_PARAMETER_NOT_FOUND: the member is absent;
+ * - TAVRIX_ERR_INVALID_PARAMETER: the member has another type;
+ * - TAVRIX_ERR_PARAMETER again: `out_size` is 0, in a retriever of a text.
+ *
+ * Only an absent member and another type set the debug message. A null argument gives another status in three
+ * functions: TAVRIX_ERR_NULL_INPUT in tavrix_jrpc_utils_retrieve_input_mac_filters() and
+ * tavrix_jrpc_utils_populate_json_mac_addresses_array(), TAVRIX_ERR_INVALID_PARAMETER in
+ * tavrix_jrpc_utils_parse_input_secure_option(). And the two readers of ports give TAVRIX_ERR_PARAMETER for a bad
+ * element too.
  *
  * Of every JSON integer only the low 32 bits count, for the rule as for the value: 4294967297 is read, judged and
  * stored as 1. What must not pass so is for the handler to refuse, with `json_integer_value` on the member itself.
@@ -79,8 +84,8 @@ typedef struct tavrix_mac_filter {
  * Finds a JSON true or false.
  *
  * @param out receives the member itself, borrowed; test it with `json_is_true`. Also written when the call fails with
- *            -35 (null) or -31 (the member of another type).
- * @return 0, -4, -35, -31
+ *            TAVRIX_ERR_PARAMETER_NOT_FOUND (null) or TAVRIX_ERR_INVALID_PARAMETER (the member of another type).
+ * @return 0 or a shared status
  */
 TAVRIX_API int tavrix_jrpc_utils_parse_input_bool(json_t *params, json_t **debug_message, const char *key,
                                                   json_t **out);
@@ -91,7 +96,7 @@ TAVRIX_API int tavrix_jrpc_utils_parse_input_array(json_t *params, json_t **debu
  * Copies a JSON string.
  *
  * @param out_size the buffer's size; with 0 the member is checked and nothing is written
- * @return 0, -4, -35, -31
+ * @return 0 or a shared status
  */
 TAVRIX_API int tavrix_jrpc_utils_parse_input_string(json_t *params, json_t **debug_message, const char *key, char *out,
                                                     size_t out_size);
@@ -99,18 +104,18 @@ TAVRIX_API int tavrix_jrpc_utils_parse_input_string(json_t *params, json_t **deb
  * Reads a JSON integer; a real such as 3.0 is another type.
  *
  * @param out receives the low 32 bits
- * @return 0, -4, -35, -31
+ * @return 0 or a shared status
  */
 TAVRIX_API int tavrix_jrpc_utils_parse_input_integer(json_t *params, json_t **debug_message, const char *key, int *out);
 /**
  * Reads an unsigned 64-bit number out of a JSON string of up to 99 characters, as `strtoull` does: decimal, `0x`
  * hexadecimal or `0` octal. What is no number reads as 0.
  *
- * @return 0, -4, -35, -31, for a JSON number too
+ * @return 0 or a shared status, TAVRIX_ERR_INVALID_PARAMETER for a JSON number too
  */
 TAVRIX_API int tavrix_jrpc_utils_parse_input_uint64_t(json_t *params, json_t **debug_message, const char *key,
                                                       uint64_t *out);
-/** Reads a number out of a JSON string as `atof` does; what is no number reads as 0. @return 0, -4, -35, -31 */
+/** Reads a number out of a JSON string as `atof` does; what is no number reads as 0. @return 0 or a shared status */
 TAVRIX_API int tavrix_jrpc_utils_parse_input_float(json_t *params, json_t **debug_message, const char *key, float *out);
 
 /**
@@ -118,7 +123,7 @@ TAVRIX_API int tavrix_jrpc_utils_parse_input_float(json_t *params, json_t **debu
  * Each copies a JSON string and applies the validator of its name, for example validate_status(). `out` keeps a
  * rejected value.
  *
- * @return 0, -4, -35, -31; -34 when the validator refuses
+ * @return 0 or a shared status; TAVRIX_ERR_VALIDATION when the validator refuses
  * @{
  */
 /** See validate_status(). */
@@ -175,7 +180,7 @@ TAVRIX_API int tavrix_jrpc_utils_retrieve_input_entity_extension(json_t *params,
  * Each reads a JSON integer and applies the validator of its name, for example validate_vlan_id(). `out` keeps a
  * rejected value.
  *
- * @return 0, -4, -35, -31; -34 when the validator refuses
+ * @return 0 or a shared status; TAVRIX_ERR_VALIDATION when the validator refuses
  * @{
  */
 /** See validate_vlan_id(). */
@@ -217,8 +222,9 @@ TAVRIX_API int tavrix_jrpc_utils_retrieve_input_enable(json_t *params, json_t **
  * @param allow_mzu_id accept a switch unit, validate_mzu_id()
  * @param allow_c_port accept a C-port, validate_c_port_id()
  * @param allow_d_port accept a D-port, validate_d_port_id()
- * @return 0, -4, -35, -31; for a value that is refused: -15 whenever units are allowed, else -13 when of the ports only
- *         C-ports are, -14 when only D-ports are, -34 when both or neither
+ * @return 0 or a shared status; for a value that is refused: TAVRIX_ERR_EXPECTED_MZU whenever units are allowed, else
+ *         TAVRIX_ERR_EXPECTED_C_PORT when of the ports only C-ports are, TAVRIX_ERR_EXPECTED_D_PORT when only D-ports
+ *         are, TAVRIX_ERR_VALIDATION when both or neither
  */
 TAVRIX_API int tavrix_jrpc_utils_retrieve_input_port_id(json_t *params, json_t **debug_message, const char *key,
                                                         char *out, size_t out_size, bool allow_all, bool allow_mzu_id,
@@ -226,17 +232,19 @@ TAVRIX_API int tavrix_jrpc_utils_retrieve_input_port_id(json_t *params, json_t *
 /**
  * Copies a switch unit's id, or the word "all" when `allow_all` is set; `out` keeps a rejected value.
  *
- * @return 0, -4, -35, -31; -34 for anything else
+ * @return 0 or a shared status; TAVRIX_ERR_VALIDATION for anything else
  */
 TAVRIX_API int tavrix_jrpc_utils_retrieve_input_mzu_id(json_t *params, json_t **debug_message, const char *key,
                                                        char *out, size_t out_size, bool allow_all);
 /**
  * Reads a list of VLAN ids, each the low 32 bits of its integer. Sets no debug message.
  *
- * @param ids   room for 32 numbers; after -31 the ones before the refused one are stored
- * @param count receives the length of the array, 0 for a member that is no array; also written with -19 and -31
- * @return 0; -4 for a null `key`, `ids` or `count`; -35; -19 for more than 32; -31 for anything but an integer, or for
- *         one whose low 32 bits are outside 1 to 4092
+ * @param ids   room for 32 numbers; after TAVRIX_ERR_INVALID_PARAMETER the ones before the refused one are stored
+ * @param count receives the length of the array, 0 for a member that is no array; also written with
+ *              TAVRIX_ERR_TOO_MANY_VLAN_IDS and TAVRIX_ERR_INVALID_PARAMETER
+ * @return 0; TAVRIX_ERR_PARAMETER for a null `key`, `ids` or `count`; TAVRIX_ERR_PARAMETER_NOT_FOUND;
+ *         TAVRIX_ERR_TOO_MANY_VLAN_IDS for more than 32; TAVRIX_ERR_INVALID_PARAMETER for anything but an integer, or
+ *         for one whose low 32 bits are outside 1 to 4092
  */
 TAVRIX_API int tavrix_jrpc_utils_retrieve_input_vlan_ids(json_t *params, json_t **debug_message, const char *key,
                                                          int *ids, int *count);
@@ -249,7 +257,8 @@ TAVRIX_API int tavrix_jrpc_utils_retrieve_input_vlan_ids(json_t *params, json_t 
  * @param count   receives the length of the array, at most `max`; also written when an element is bad
  * @param max     the number of records there is room for; further elements are ignored. With a negative one nothing is
  *                read, the status is 0, and `count` is as negative.
- * @return 0; -4 for a null `key`, `records` or `count` and for any bad element; -35, -31
+ * @return 0; TAVRIX_ERR_PARAMETER for a null `key`, `records` or `count` and for any bad element;
+ *         TAVRIX_ERR_PARAMETER_NOT_FOUND, TAVRIX_ERR_INVALID_PARAMETER
  */
 TAVRIX_API int tavrix_jrpc_utils_retrieve_input_ports(json_t *params, json_t **debug_message, const char *key,
                                                       tavrix_port_input *records, int *count, int max);
@@ -265,8 +274,9 @@ TAVRIX_API int tavrix_jrpc_utils_retrieve_input_ports_hardware(json_t *params, j
  * @param count   receives the length of the list; also written when an element is bad
  * @param first   copied into every element
  * @param second  copied into every element
- * @return 0; -20 for any null pointer, `params` and `debug_message` too; -22 without memory; -35, -31; -34 for an
- *         address that is refused
+ * @return 0; TAVRIX_ERR_NULL_INPUT for any null pointer, `params` and `debug_message` too; TAVRIX_ERR_NO_MEMORY without
+ *         memory; TAVRIX_ERR_PARAMETER_NOT_FOUND, TAVRIX_ERR_INVALID_PARAMETER; TAVRIX_ERR_VALIDATION for an address
+ *         that is refused
  */
 TAVRIX_API int tavrix_jrpc_utils_retrieve_input_mac_filters(json_t *params, json_t **debug_message, const char *key,
                                                             tavrix_mac_filter **filters, int *count, int first,
@@ -274,7 +284,7 @@ TAVRIX_API int tavrix_jrpc_utils_retrieve_input_mac_filters(json_t *params, json
 /**
  * Copies a MAC address as tavrix_jrpc_utils_retrieve_input_mac_address() does, or the word "none" as it is.
  *
- * @return 0, -4, -35, -31; -34 for anything else
+ * @return 0 or a shared status; TAVRIX_ERR_VALIDATION for anything else
  */
 TAVRIX_API int tavrix_jrpc_utils_retrieve_input_macaddr_allowed(json_t *params, json_t **debug_message, const char *key,
                                                                 char *out, size_t out_size);
@@ -284,7 +294,7 @@ TAVRIX_API int tavrix_jrpc_utils_retrieve_input_macaddr_allowed(json_t *params, 
  * A longer one replaces the debug message, whatever it held: the old object is released. `out` keeps the rejected
  * value; it needs more than 9 bytes, or a longer alias is cut before it is measured.
  *
- * @return 0, -4, -35, -31; -34 for a longer alias
+ * @return 0 or a shared status; TAVRIX_ERR_VALIDATION for a longer alias
  */
 TAVRIX_API int tavrix_jrpc_utils_retrieve_input_alias(json_t *params, json_t **debug_message, const char *key,
                                                       char *out, size_t out_size);
@@ -292,7 +302,7 @@ TAVRIX_API int tavrix_jrpc_utils_retrieve_input_alias(json_t *params, json_t **d
  * Reads one of tavrix_secure_option_strings; the choice is always recorded in the log.
  *
  * @param out receives its number: "current" 0, "enable" 1, "disable" 2
- * @return 0; -31 for any failure, null arguments too
+ * @return 0; TAVRIX_ERR_INVALID_PARAMETER for any failure, null arguments too
  */
 TAVRIX_API int tavrix_jrpc_utils_parse_input_secure_option(json_t *params, json_t **debug_message, const char *key,
                                                            int *out);
@@ -303,8 +313,8 @@ TAVRIX_API int tavrix_jrpc_utils_parse_input_secure_option(json_t *params, json_
  * @param macs  texts of up to 19 characters; may be null when `count` is 0
  * @param count the number of texts; at most 512 are listed, none for a negative number. The list ends early, with a
  *              warning in the log, at a text that is not UTF-8 or for which there is no memory.
- * @return 0; -20 for a null `array`, and for null `macs` unless `count` is 0; -22 without memory for the array; -1 when
- *         an entry cannot be appended
+ * @return 0; TAVRIX_ERR_NULL_INPUT for a null `array`, and for null `macs` unless `count` is 0; TAVRIX_ERR_NO_MEMORY
+ *         without memory for the array; TAVRIX_ERR_GENERAL when an entry cannot be appended
  */
 TAVRIX_API int tavrix_jrpc_utils_populate_json_mac_addresses_array(json_t **array, char (*macs)[20], int count);
 

@@ -70,7 +70,8 @@ TAVRIX_API int tavrix_lsyslog_set_socket(int fd);
  * @param file   the caller's source unit
  * @param line   the caller's line number
  * @param format printf format; the message carries its own newline, and is cut after 8000 characters
- * @return 0 when the line was written or filtered out, -1 when the message could not be formatted, or for a null format
+ * @return 0 when the line was written or filtered out, TAVRIX_ERR_GENERAL when the message could not be formatted, or
+ *         for a null format
  */
 TAVRIX_API int tavrix_lsyslog_log(int level, const char *file, int line, const char *format, ...) TAVRIX_PRINTF(4, 5);
 
@@ -85,8 +86,9 @@ TAVRIX_API int tavrix_lsyslog_check_severity(int level);
 /**
  * Rereads the daemon's level from the configuration file and logs it at level 1.
  *
- * @return 0; -40 when the file cannot be opened, -35 when the section or the daemon's key is missing, -41 when the
- *         value is longer than 50 characters, -42 when it is not one of the four words. On failure the level stays.
+ * @return 0; TAVRIX_ERR_FILE_OPEN when the file cannot be opened, TAVRIX_ERR_PARAMETER_NOT_FOUND when the section or
+ *         the daemon's key is missing, TAVRIX_ERR_BUFFER_SPACE when the value is longer than 50 characters,
+ *         TAVRIX_ERR_CONF_ENTRY when it is not one of the four words. On failure the level stays.
  */
 TAVRIX_API int tavrix_lsyslog_reload_conf(void);
 

@@ -20,9 +20,9 @@
  *
  * Publish/subscribe drops what is published before a subscriber's connection stands.
  *
- * Every function that has no other list returns 0, or -1 when nanomsg refuses; a failure is logged with nanomsg's own
- * words. Thread-safety: nanomsg's rules for sharing a socket hold; threads that change one socket's topics at the same
- * moment take turns.
+ * Every function that has no other list returns 0, or TAVRIX_ERR_GENERAL when nanomsg refuses; a failure is logged with
+ * nanomsg's own words. Thread-safety: nanomsg's rules for sharing a socket hold; threads that change one socket's
+ * topics at the same moment take turns.
  */
 #ifndef TAVRIX_MQ_H
 #define TAVRIX_MQ_H
@@ -62,7 +62,7 @@ enum tavrix_transport {
  *
  * @param sp_type  1 to 10, see tavrix_sp_type
  * @param sock_out receives the socket; the caller closes it
- * @return 0; -20 for a null pointer; -34 for another type; -1
+ * @return 0; TAVRIX_ERR_NULL_INPUT for a null pointer; TAVRIX_ERR_VALIDATION for another type; TAVRIX_ERR_GENERAL
  */
 TAVRIX_API int tavrix_mq_socket_init(int sp_type, int *sock_out);
 
@@ -75,8 +75,9 @@ TAVRIX_API int tavrix_mq_socket_init(int sp_type, int *sock_out);
  *                  the path of a file, at most 113 characters with its scheme; a file that is there already is removed
  *                  unless somebody listens on it
  * @param eid_out   receives the endpoint's id, for tavrix_mq_socket_shutdown()
- * @return 0; -20 for a null pointer; -34 for a bad transport or address; -1, also for an "ipc://" address over which
- * nanomsg would end the process: one too long, a folder's, or that of a file that cannot be removed
+ * @return 0; TAVRIX_ERR_NULL_INPUT for a null pointer; TAVRIX_ERR_VALIDATION for a bad transport or address;
+ *         TAVRIX_ERR_GENERAL, also for an "ipc://" address over which nanomsg would end the process: one too long, a
+ *         folder's, or that of a file that cannot be removed
  */
 TAVRIX_API int tavrix_mq_socket_bind(int sock, int transport, const char *addr, int *eid_out);
 
@@ -94,19 +95,19 @@ TAVRIX_API int tavrix_mq_socket_connect(int sock, int transport, const char *add
  *                 tavrix_mq_socket_freemsg()
  * @param len_out  receives its length in bytes, without the terminator
  * @param nonblock above 0: do not wait; otherwise wait up to the socket's receive time-out
- * @return 0; -20 for a null pointer; -46 when no message is waiting or the time-out ran out; -1 for any other failure,
- * a signal that interrupts the wait among them
+ * @return 0; TAVRIX_ERR_NULL_INPUT for a null pointer; TAVRIX_ERR_MQ_TIMEOUT when no message is waiting or the time-out
+ *         ran out; TAVRIX_ERR_GENERAL for any other failure, a signal that interrupts the wait among them
  */
 TAVRIX_API int tavrix_mq_socket_recv(int sock, char **msg_out, int *len_out, int nonblock);
 
 /**
  * Sends a text without its terminator, waiting as long as nanomsg waits.
  *
- * @return 0; -20 for a null text; -1
+ * @return 0; TAVRIX_ERR_NULL_INPUT for a null text; TAVRIX_ERR_GENERAL
  */
 TAVRIX_API int tavrix_mq_socket_send(int sock, const char *text);
 
-/** tavrix_mq_socket_send() that does not wait: what would block fails with -1. */
+/** tavrix_mq_socket_send() that does not wait: what would block fails with TAVRIX_ERR_GENERAL. */
 TAVRIX_API int tavrix_mq_socket_send_nonblock(int sock, const char *text);
 
 /** Removes one endpoint from a socket. */
@@ -124,7 +125,7 @@ TAVRIX_API void tavrix_mq_socket_terminate(void);
 /**
  * Releases a message that nanomsg itself allocated, never one from tavrix_mq_socket_recv().
  *
- * @return 0; -20 for a null pointer; -1
+ * @return 0; TAVRIX_ERR_NULL_INPUT for a null pointer; TAVRIX_ERR_GENERAL
  */
 TAVRIX_API int tavrix_mq_socket_freemsg(void *msg);
 
@@ -132,7 +133,7 @@ TAVRIX_API int tavrix_mq_socket_freemsg(void *msg);
  * Reads the descriptor that becomes readable when a message can be received, for poll.
  *
  * @param fd_out receives the descriptor; it stays nanomsg's
- * @return 0; -20 for a null pointer; -1, also for a socket type that cannot receive
+ * @return 0; TAVRIX_ERR_NULL_INPUT for a null pointer; TAVRIX_ERR_GENERAL, also for a socket type that cannot receive
  */
 TAVRIX_API int tavrix_mq_socket_recvfd(int sock, int *fd_out);
 
@@ -146,7 +147,7 @@ TAVRIX_API int tavrix_mq_socket_sendfd(int sock, int *fd_out);
  * loses the shorter topic, and again when they come back to eight. For the empty topic that means at most eight
  * different first bytes on the socket.
  *
- * @return 0; -20 for a null topic; -1 when nanomsg refuses, or without memory
+ * @return 0; TAVRIX_ERR_NULL_INPUT for a null topic; TAVRIX_ERR_GENERAL when nanomsg refuses, or without memory
  */
 TAVRIX_API int tavrix_mq_socket_subscribe(int sock, const char *topic);
 
@@ -155,8 +156,9 @@ TAVRIX_API int tavrix_mq_socket_subscribe(int sock, const char *topic);
  * Known are the topics that were subscribed through this library; they have to be taken away through it too.
  *
  * @param sock  a subscribe socket
- * @param topic the prefix; of one that is not known nothing changes, and the status is 0 or -1, as nanomsg says
- * @return 0; -20 for a null topic; -1 when nanomsg refuses
+ * @param topic the prefix; of one that is not known nothing changes, and the status is 0 or TAVRIX_ERR_GENERAL, as
+ *              nanomsg says
+ * @return 0; TAVRIX_ERR_NULL_INPUT for a null topic; TAVRIX_ERR_GENERAL when nanomsg refuses
  */
 TAVRIX_API int tavrix_mq_socket_unsubscribe(int sock, const char *topic);
 
@@ -166,7 +168,7 @@ TAVRIX_API int tavrix_mq_socket_set_timeout(int sock, int ms);
 /**
  * Reads the receive time-out in milliseconds.
  *
- * @return 0; -20 for a null pointer; -1
+ * @return 0; TAVRIX_ERR_NULL_INPUT for a null pointer; TAVRIX_ERR_GENERAL
  */
 TAVRIX_API int tavrix_mq_socket_get_timeout(int sock, int *ms_out);
 

@@ -10,9 +10,9 @@
  *
  * Names begin with '/' and hold no further one. Objects are created with the mode 0x666 (octal 3146) less the umask,
  * and are never removed. That mode lets the owner neither read nor write: a process that opens a slot of its own again
- * needs the right to override permissions (CAP_DAC_OVERRIDE), as root has it. Every function returns 0, or -1 for any
- * failure, which is logged. Thread-safety: nothing is locked; a reader can see half of a text that is being written.
- * Integers are stored at once.
+ * needs the right to override permissions (CAP_DAC_OVERRIDE), as root has it. Every function returns 0, or
+ * TAVRIX_ERR_GENERAL for any failure, which is logged. Thread-safety: nothing is locked; a reader can see half of a
+ * text that is being written. Integers are stored at once.
  */
 #ifndef TAVRIX_SHM_H
 #define TAVRIX_SHM_H

@@ -16,9 +16,9 @@
  * }
  * @endcode
  *
- * A signal that interrupts a wait makes the call fail with -1 if its handler was installed without SA_RESTART. With
- * SA_RESTART the call goes on waiting, a receive too, and never comes back for the caller to look at its flags. A send
- * that has passed on a part before the signal came is no failure.
+ * A signal that interrupts a wait makes the call fail with TAVRIX_ERR_GENERAL if its handler was installed without
+ * SA_RESTART. With SA_RESTART the call goes on waiting, a receive too, and never comes back for the caller to look at
+ * its flags. A send that has passed on a part before the signal came is no failure.
  *
  * Thread-safety: no state; callers that share a descriptor serialise themselves.
  */
@@ -45,7 +45,7 @@ extern "C" {
  * @param path        where; cut to 107 bytes
  * @param sock_out    receives the descriptor; the caller closes it
  * @param nonblocking not 0: accepts do not wait
- * @return 0; -1 for a null pointer or a failing call, and nothing stays open
+ * @return 0; TAVRIX_ERR_GENERAL for a null pointer or a failing call, and nothing stays open
  */
 TAVRIX_API int tavrix_unix_socket_init(const char *path, int *sock_out, int nonblocking);
 
@@ -56,7 +56,7 @@ TAVRIX_API int tavrix_unix_socket_init(const char *path, int *sock_out, int nonb
  * @param port        the low 16 bits count; 0 lets the system choose
  * @param sock_out    receives the descriptor; the caller closes it
  * @param nonblocking makes no difference
- * @return 0; -1 for a null pointer or a failing call, and nothing stays open
+ * @return 0; TAVRIX_ERR_GENERAL for a null pointer or a failing call, and nothing stays open
  */
 TAVRIX_API int tavrix_tcp_socket_init(unsigned port, int *sock_out, int nonblocking);
 
@@ -65,7 +65,7 @@ TAVRIX_API int tavrix_tcp_socket_init(unsigned port, int *sock_out, int nonblock
  *
  * @param listen_sock the listener
  * @param client_out  receives the client's descriptor, blocking; -1 on failure
- * @return 0; -1, without a message when the listener is non-blocking and nobody is waiting
+ * @return 0; TAVRIX_ERR_GENERAL, without a message when the listener is non-blocking and nobody is waiting
  */
 TAVRIX_API int tavrix_socket_accept(const int *listen_sock, int *client_out);
 
@@ -78,8 +78,8 @@ TAVRIX_API int tavrix_tcp_socket_accept(const int *listen_sock, int *client_out)
  * @param ipv4_text dotted-quad address
  * @param port      the low 16 bits count
  * @param sock_out  receives the descriptor, blocking; the caller closes it
- * @return 0; -51 when the system's time-out ran out; -1 for any other failure, a null argument too (the place for the
- *         descriptor is looked at last)
+ * @return 0; TAVRIX_ERR_CONNECT_TIMEOUT when the system's time-out ran out; TAVRIX_ERR_GENERAL for any other failure, a
+ *         null argument too (the place for the descriptor is looked at last)
  */
 TAVRIX_API int tavrix_tcp_socket_connect(const char *ipv4_text, unsigned port, int *sock_out);
 
@@ -94,21 +94,22 @@ TAVRIX_API int tavrix_socket_recv(const int *sock, char *buf, size_t len);
 /**
  * Sends a text without its terminator, once. A closed peer is a failure, never a signal.
  *
- * @return 0, also when only a part was taken, because the descriptor does not block or a signal came; -1
+ * @return 0, also when only a part was taken, because the descriptor does not block or a signal came;
+ *         TAVRIX_ERR_GENERAL
  */
 TAVRIX_API int tavrix_socket_send(const int *sock, const char *text);
 
 /**
  * Closes a descriptor and sets it to -1.
  *
- * @return 0; -1 for a null pointer or a failing close, and the handle keeps its value
+ * @return 0; TAVRIX_ERR_GENERAL for a null pointer or a failing close, and the handle keeps its value
  */
 TAVRIX_API int tavrix_socket_close(int *sock);
 
 /**
  * Closes a descriptor and sets it to -1 whatever the outcome, without a message.
  *
- * @return what close returned; -1 for a null pointer
+ * @return what close returned; TAVRIX_ERR_GENERAL for a null pointer
  */
 TAVRIX_API int tavrix_socket_shutdown(int *sock);
 

@@ -26,9 +26,9 @@
  * A text that has to go through a format stands between apostrophes there, with each of its own doubled. That is what
  * `sqlite3_mprintf("%Q", text)` makes of it, for a plain `%s`; release it with sqlite3_free.
  *
- * The functions return SQLite's own result codes, 0 or positive, and -4 when an argument is null. Nothing but
- * tavrix_sqlite3_exec() and tavrix_sqlite3_exec_sql() waits for a busy database, unless the caller has given the
- * connection a busy handler. Thread-safety: no state; a connection is shared only as SQLite allows.
+ * The functions return SQLite's own result codes, 0 or positive, and TAVRIX_ERR_PARAMETER when an argument is null.
+ * Nothing but tavrix_sqlite3_exec() and tavrix_sqlite3_exec_sql() waits for a busy database, unless the caller has
+ * given the connection a busy handler. Thread-safety: no state; a connection is shared only as SQLite allows.
  */
 #ifndef TAVRIX_SQLITE3_H
 #define TAVRIX_SQLITE3_H
@@ -53,7 +53,7 @@ extern "C" {
  * @param stmt_out receives the statement, which the caller finalises; null when SQLite refuses the text, and for a text
  *                 that holds no statement
  * @param format   printf format of the statement
- * @return 0 when prepared; SQLite's code; -4 for a null argument
+ * @return 0 when prepared; SQLite's code; TAVRIX_ERR_PARAMETER for a null argument
  */
 TAVRIX_API int tavrix_sqlite3_prepare_sql(sqlite3 *db, sqlite3_stmt **stmt_out, const char *format, ...);
 
@@ -67,7 +67,7 @@ TAVRIX_API int tavrix_sqlite3_prepare_sql_args(sqlite3 *db, sqlite3_stmt **stmt_
  * @param out    receives the value; untouched without a row
  * @param format printf format of the query
  * @return 0 for a row; SQLITE_DONE (101) when there is none; SQLITE_MISUSE (21) for a text that holds no statement;
- *         SQLite's other codes; -4 for a null argument
+ *         SQLite's other codes; TAVRIX_ERR_PARAMETER for a null argument
  */
 TAVRIX_API int tavrix_sqlite3_get_single_id_result(sqlite3 *db, int64_t *out, const char *format, ...);
 
@@ -82,7 +82,7 @@ TAVRIX_API int tavrix_sqlite3_get_single_id_result_args(sqlite3 *db, int64_t *ou
  * @param size   size of `out` in bytes; 1 gives the empty text, with 0 nothing is written
  * @param format printf format of the query
  * @return 0 for a row; SQLITE_DONE (101) when there is none; SQLITE_MISUSE (21) for a text that holds no statement;
- *         SQLite's other codes; -4 for a null argument
+ *         SQLite's other codes; TAVRIX_ERR_PARAMETER for a null argument
  */
 TAVRIX_API int tavrix_sqlite3_get_single_string_result(sqlite3 *db, char *out, size_t size, const char *format, ...);
 
@@ -91,7 +91,7 @@ TAVRIX_API int tavrix_sqlite3_get_single_string_result(sqlite3 *db, char *out, s
  *
  * @param stmt the statement, which stays the caller's
  * @param out  receives the value; untouched without a row. The caller makes sure that it is not null.
- * @return 0 for a row; -7 at the end of the result set and for any failure
+ * @return 0 for a row; TAVRIX_ERR_SYSTEM_ACCESS at the end of the result set and for any failure
  */
 TAVRIX_API int tavrix_sqlite3_step_retrieve_int(sqlite3_stmt *stmt, int64_t *out);
 
@@ -116,7 +116,7 @@ TAVRIX_API int tavrix_sqlite3_exec(sqlite3 *db, const char *sql, int (*callback)
  *
  * @param db     the connection
  * @param format printf format of the statement
- * @return SQLite's last code; -4 for a null argument
+ * @return SQLite's last code; TAVRIX_ERR_PARAMETER for a null argument
  */
 TAVRIX_API int tavrix_sqlite3_exec_sql(sqlite3 *db, const char *format, ...);
 

@@ -27,7 +27,7 @@ extern "C" {
  *
  * @param fd_out   receives the descriptor; -1 on failure
  * @param nonblock exactly 1: a read does not wait
- * @return 0; -20 for a null place; -1, reported through perror
+ * @return 0; TAVRIX_ERR_NULL_INPUT for a null place; TAVRIX_ERR_GENERAL, reported through perror
  */
 TAVRIX_API int tavrix_timer_init(int *fd_out, int nonblock);
 
@@ -36,21 +36,25 @@ TAVRIX_API int tavrix_timer_init(int *fd_out, int nonblock);
  *
  * @param period_s   first expiry from now; 0 disarms, whatever the interval
  * @param interval_s time between further expiries; 0 for none
- * @return 0; -1, reported through perror
+ * @return 0; TAVRIX_ERR_GENERAL, reported through perror
  */
 TAVRIX_API int tavrix_timer_set(int fd, int period_s, int interval_s);
 
-/** tavrix_timer_set() in fractions of a second; what is no possible time is refused with -1. */
+/** tavrix_timer_set() in fractions of a second; what is no possible time is refused with TAVRIX_ERR_GENERAL. */
 TAVRIX_API int tavrix_timer_nsec_set(int fd, float period, float interval);
 
 /**
  * Takes the expirations off a timer; a timer that may wait does so until it expires.
  *
- * @return 0; -25 when it may not wait and has not expired; -1
+ * @return 0; TAVRIX_ERR_NO_TIMER_EXPIRATION when it may not wait and has not expired; TAVRIX_ERR_GENERAL
  */
 TAVRIX_API int tavrix_timer_read(int fd);
 
-/** Closes a timer and sets the variable to 0, not to -1: do not free it twice. @return 0; -20 for a null place */
+/**
+ * Closes a timer and sets the variable to 0, not to -1: do not free it twice.
+ *
+ * @return 0; TAVRIX_ERR_NULL_INPUT for a null place
+ */
 TAVRIX_API int tavrix_timer_free(int *fd);
 
 #ifdef __cplusplus

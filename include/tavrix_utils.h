@@ -186,7 +186,7 @@ typedef struct tavrix_mzu_record {
  * Checks a MAC address and rewrites it in canonical form, in place: "aa-bb-cc-dd-ee-ff" becomes "AA:BB:CC:DD:EE:FF".
  *
  * @param text 17 characters as validate_mac_address() takes them
- * @return 0; -4 for anything else, null too, and the text stays as it was
+ * @return 0; TAVRIX_ERR_PARAMETER for anything else, null too, and the text stays as it was
  */
 TAVRIX_API int16_t tavrix_validate_and_format_mac_addr_string(char *text);
 
@@ -195,7 +195,8 @@ TAVRIX_API int16_t tavrix_validate_and_format_mac_addr_string(char *text);
  *
  * @param text  the address; consumed: it is cut into its pieces, and only the first pair can still be read
  * @param bytes receives 6 bytes
- * @return 0; -20 for a null argument; -4 when the text is no MAC address, and nothing is changed
+ * @return 0; TAVRIX_ERR_NULL_INPUT for a null argument; TAVRIX_ERR_PARAMETER when the text is no MAC address, and
+ *         nothing is changed
  */
 TAVRIX_API int tavrix_str_to_mac_address(char *text, unsigned char *bytes);
 
@@ -204,7 +205,8 @@ TAVRIX_API int tavrix_str_to_mac_address(char *text, unsigned char *bytes);
  * sixth one, are accepted.
  *
  * @param bytes receives 6 bytes
- * @return 0; -20 for a null argument; -4 with fewer than six numbers, and some of the bytes may be written
+ * @return 0; TAVRIX_ERR_NULL_INPUT for a null argument; TAVRIX_ERR_PARAMETER with fewer than six numbers, and some of
+ *         the bytes may be written
  */
 TAVRIX_API int tavrix_mac_address_to_char_array(const char *text, unsigned char *bytes);
 
@@ -228,7 +230,8 @@ TAVRIX_API int tavrix_get_num_macs_to_list(int n);
  *
  * @param vector receives the array's address: the array must live as long as the vector is used
  * @param array  what it held is forgotten, not released; the caller releases its new `entries` with `free`
- * @return 0; -20 for a null argument; -22 without memory, after SIGTERM was raised, and nothing is changed
+ * @return 0; TAVRIX_ERR_NULL_INPUT for a null argument; TAVRIX_ERR_NO_MEMORY without memory, after SIGTERM was raised,
+ *         and nothing is changed
  */
 TAVRIX_API int tavrix_mac_vector_init(tavrix_mac_vector *vector, tavrix_mac_array *array);
 
@@ -237,8 +240,9 @@ TAVRIX_API int tavrix_mac_vector_init(tavrix_mac_vector *vector, tavrix_mac_arra
  *
  * @param source  a MAC text when `is_text` is 1 (cut to 19 characters), 6 bytes when it is 0
  * @param is_text 1 or 0
- * @return 0; -20 for a null argument, or a vector without an array; -4 for another flag, when the room may have grown
- *         already; -1 without memory, after SIGTERM was raised: the array keeps its entries
+ * @return 0; TAVRIX_ERR_NULL_INPUT for a null argument, or a vector without an array; TAVRIX_ERR_PARAMETER for another
+ *         flag, when the room may have grown already; TAVRIX_ERR_GENERAL without memory, after SIGTERM was raised: the
+ *         array keeps its entries
  */
 TAVRIX_API int tavrix_mac_vector_insert(tavrix_mac_vector *vector, const void *source, int is_text);
 
@@ -252,7 +256,7 @@ TAVRIX_API void tavrix_free_port_macs_array(tavrix_port_macs *entries, int count
  *
  * @param out     receives the bytes, the first number first
  * @param out_len 4
- * @return 0; -20 for a null argument; -41 for another `out_len`
+ * @return 0; TAVRIX_ERR_NULL_INPUT for a null argument; TAVRIX_ERR_BUFFER_SPACE for another `out_len`
  */
 TAVRIX_API int tavrix_tokenize_ip_address(unsigned char *out, const char *text, int out_len);
 
@@ -262,11 +266,15 @@ TAVRIX_API int tavrix_tokenize_ip_address(unsigned char *out, const char *text, 
  * @param out_size bytes of `out`; 0 writes nothing
  * @param unit     0 for a D-port; no upper limit
  * @param port     any number
- * @return 0; -4 for a null buffer; -1 for a negative unit
+ * @return 0; TAVRIX_ERR_PARAMETER for a null buffer; TAVRIX_ERR_GENERAL for a negative unit
  */
 TAVRIX_API int tavrix_create_port_id_str(char *out, size_t out_size, int unit, int port);
 
-/** Prints a unit's id, "c3", cut to the buffer, which is cleared first. @return 0; -4 for a null buffer */
+/**
+ * Prints a unit's id, "c3", cut to the buffer, which is cleared first.
+ *
+ * @return 0; TAVRIX_ERR_PARAMETER for a null buffer
+ */
 TAVRIX_API int tavrix_create_mzu_id_str(char *out, size_t out_size, int unit);
 
 /**
@@ -276,8 +284,9 @@ TAVRIX_API int tavrix_create_mzu_id_str(char *out, size_t out_size, int unit);
  *
  * @param unit receives 0 to 1000
  * @param port receives 0 to 999, 0 to 1000 for a D-port
- * @return 0; -5 for a unit above 1000; -6 for a D-port above 1000, or a port above 999 (then the unit is written
- *         already); -4 for anything else, a null argument too
+ * @return 0; TAVRIX_ERR_INVALID_MZU_ID for a unit above 1000; TAVRIX_ERR_INVALID_PORT for a D-port above 1000, or a
+ *         port above 999 (then the unit is written already); TAVRIX_ERR_PARAMETER for anything else, a null argument
+ *         too
  */
 TAVRIX_API int tavrix_parse_mzu_port_id(int *unit, int *port, const char *text);
 
@@ -291,7 +300,7 @@ TAVRIX_API int tavrix_parse_mzu_port_id(int *unit, int *port, const char *text);
  *               beyond stays.
  * @param out    receives exactly `width` characters and a terminator
  * @param width  characters of a line; a negative one counts as 0
- * @return 0, also behind the last port, where the line is all blanks; -20 for a null argument
+ * @return 0, also behind the last port, where the line is all blanks; TAVRIX_ERR_NULL_INPUT for a null argument
  */
 TAVRIX_API int tavrix_port_str_create(const tavrix_port_list *list, int *cursor, char *out, int width);
 
@@ -302,7 +311,7 @@ TAVRIX_API bool tavrix_mzu_is_online(const tavrix_mzu_record *record);
  * Compares versions number by number, "1.10" above "1.9", as far as `b` goes: what `a` has beyond it is not looked at,
  * and a number that `a` lacks counts as 0. Any one character separates two numbers. Numbers are signed 32-bit ones.
  *
- * @return -1 when `a` is the older one, 0, or 1; -20 for a null argument
+ * @return -1 when `a` is the older one, 0, or 1; TAVRIX_ERR_NULL_INPUT for a null argument
  */
 TAVRIX_API int tavrix_utils_sw_version_strcmp(const char *a, const char *b);
 
@@ -310,7 +319,7 @@ TAVRIX_API int tavrix_utils_sw_version_strcmp(const char *a, const char *b);
  * Looks for a null pointer; the first one is logged by its index from 0, at level 3.
  *
  * @param count how many pointers follow
- * @return 0; -1 when one is null
+ * @return 0; TAVRIX_ERR_GENERAL when one is null
  */
 TAVRIX_API int tavrix_check_for_null(int count, ...);
 
@@ -322,18 +331,22 @@ TAVRIX_API int tavrix_check_for_null(int count, ...);
  *              as calls go on in it.
  * @param stops at most 11 characters count
  * @param out   receives the piece; the caller gives it room for the whole rest of the text
- * @return 0; 1 when there is nothing to go on with, and `out` stays as it was; -4 when `stops` or `out` is null
+ * @return 0; 1 when there is nothing to go on with, and `out` stays as it was; TAVRIX_ERR_PARAMETER when `stops` or
+ *         `out` is null
  */
 TAVRIX_API int strparse(const char *text, const char *stops, char *out);
 
 /** 1 when every character is a decimal digit, also for the empty text; else 0. The text may not be null. */
 TAVRIX_API int isdigits(const char *text);
 
-/** Copies a text in lower case, at most `out_size` - 1 characters; the rest of the buffer is cleared.
- *  @return 0; -4 for a null argument */
+/**
+ * Copies a text in lower case, at most `out_size` - 1 characters; the rest of the buffer is cleared.
+ *
+ * @return 0; TAVRIX_ERR_PARAMETER for a null argument
+ */
 TAVRIX_API int tavrix_to_lower_case(char *out, size_t out_size, const char *text);
 
-/** Turns at most `max` characters to upper case, in place. @return 0; -4 for null */
+/** Turns at most `max` characters to upper case, in place. @return 0; TAVRIX_ERR_PARAMETER for null */
 TAVRIX_API int tavrix_to_upper_case(char *text, int max);
 
 /** Turns a whole text to upper case, in place; it may not be null. @return its length */
@@ -346,7 +359,7 @@ TAVRIX_API int tavrix_str_to_upper(char *text);
  * @param out      must not overlap the text
  * @param out_size bytes of `out`, which are cleared first. At most as many characters are copied: a copy that fills
  *                 the buffer is not terminated, so tell one byte less than it holds.
- * @return 0; -4 for a null argument
+ * @return 0; TAVRIX_ERR_PARAMETER for a null argument
  */
 TAVRIX_API int tavrix_remove_surrounding_quotes(const char *text, char *out, size_t out_size);
 
@@ -355,7 +368,7 @@ TAVRIX_API int tavrix_remove_surrounding_quotes(const char *text, char *out, siz
  * clear the buffer first.
  *
  * @param out the caller gives it room for the whole text; must not overlap it
- * @return 0; -4 for a null argument
+ * @return 0; TAVRIX_ERR_PARAMETER for a null argument
  */
 TAVRIX_API int tavrix_cli_desc_parse(const char *text, char *out);
 
@@ -367,7 +380,7 @@ TAVRIX_API int tavrix_cli_desc_parse(const char *text, char *out);
  * @param value    a position in the table: the caller's word, it is not tested. The terminator's reads as the empty
  *                 word.
  * @param table    one of the tables above, or another that ends with null
- * @return 0; -4 when `out` or `table` is null
+ * @return 0; TAVRIX_ERR_PARAMETER when `out` or `table` is null
  */
 TAVRIX_API int tavrix_enum_to_str(char *out, size_t out_size, int value, const char *const *table);
 
@@ -375,7 +388,7 @@ TAVRIX_API int tavrix_enum_to_str(char *out, size_t out_size, int value, const c
  * Looks up the value of a word, compared byte for byte.
  *
  * @param table one of the tables above, or another that ends with null; not tavrix_log_level_strings, which does not
- * @return 0; -4 for a null argument; -1 when the table lacks the word
+ * @return 0; TAVRIX_ERR_PARAMETER for a null argument; TAVRIX_ERR_GENERAL when the table lacks the word
  */
 TAVRIX_API int tavrix_str_to_enum(int *out, const char *text, const char *const *table);
 
@@ -414,7 +427,7 @@ TAVRIX_API char *tavrix_file_stats(const char *path, const char *filter1, const 
  * @param md5_file a file as md5sum writes it: what stands before the first blank of its first line counts, of which 254
  *                 characters are read. A bare sum with a newline behind it is never equal.
  * @param match    receives whether the sums are equal; a difference is no failure
- * @return 0; -1 for a null argument or a longer `file`, or when either sum cannot be read
+ * @return 0; TAVRIX_ERR_GENERAL for a null argument or a longer `file`, or when either sum cannot be read
  */
 TAVRIX_API int tavrix_check_md5(const char *file, const char *md5_file, bool *match);
 
@@ -429,7 +442,7 @@ TAVRIX_API int tavrix_terminate_process(void);
  *
  * @param seconds the span; no number of a negative one is positive
  * @param out     at least 32 bytes
- * @return 0; -4 for a null buffer
+ * @return 0; TAVRIX_ERR_PARAMETER for a null buffer
  */
 TAVRIX_API int tavrix_utils_format_seconds_as_time_sentence(int seconds, char *out);
 
@@ -459,7 +472,7 @@ TAVRIX_API void tavrix_utils_system_log(const char *tag, const char *file, int l
  * do not read or close it.
  *
  * @param socket a bus socket's number
- * @return 0; -1 for a null place or when the bus refuses
+ * @return 0; TAVRIX_ERR_GENERAL for a null place or when the bus refuses
  */
 TAVRIX_API int tavrix_get_nn_rcvfd(int socket, int *fd);
 

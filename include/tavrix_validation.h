@@ -13,9 +13,9 @@
  * @endcode
  *
  * Every validator returns 0 or one of the negative verdicts below, which are numbers of their own and not those of
- * tavrix_error.h. A null text is refused with -1. A pattern's end also matches before one final newline, so a value of
- * a field with a pattern may end in one where its length bounds leave room. Each verdict is explained in the debug log;
- * the verbose log shows the value, passwords included.
+ * tavrix_error.h. A null text is refused with TAVRIX_INVALID_ENGINE. A pattern's end also matches before one final
+ * newline, so a value of a field with a pattern may end in one where its length bounds leave room. Each verdict is
+ * explained in the debug log; the verbose log shows the value, passwords included.
  *
  * A valid value is well-formed, not harmless: descriptions, entity extensions and the names of the two upgrade files
  * may hold blanks, apostrophes, `;` and `$(`, and except for an MZU's file also newlines with more text after them.
@@ -47,99 +47,155 @@ enum tavrix_verdict {
     TAVRIX_INVALID_OUT_OF_RANGE = -6
 };
 
-/** A C-port `c<unit>-<port>`, unit 1 to 128, port 1 to 99, or a D-port `d1` to `d4`; letters in either case, no leading
- *  zeros. @return 0, -1, -2 */
+/**
+ * A C-port `c<unit>-<port>`, unit 1 to 128, port 1 to 99, or a D-port `d1` to `d4`; letters in either case, no leading
+ * zeros.
+ *
+ * @return 0, TAVRIX_INVALID_ENGINE, TAVRIX_INVALID_NO_MATCH
+ */
 TAVRIX_API int validate_port_id(const char *value);
 
-/** A C-port only. @return 0, -1, -2 */
+/** A C-port only. @return 0, TAVRIX_INVALID_ENGINE, TAVRIX_INVALID_NO_MATCH */
 TAVRIX_API int validate_c_port_id(const char *value);
 
-/** A D-port only. @return 0, -1, -2 */
+/** A D-port only. @return 0, TAVRIX_INVALID_ENGINE, TAVRIX_INVALID_NO_MATCH */
 TAVRIX_API int validate_d_port_id(const char *value);
 
-/** A VLAN's name `v<n>`, n 1 to 4092 without leading zeros, lower-case `v`. @return 0, -1, -2 */
+/**
+ * A VLAN's name `v<n>`, n 1 to 4092 without leading zeros, lower-case `v`.
+ *
+ * @return 0, TAVRIX_INVALID_ENGINE, TAVRIX_INVALID_NO_MATCH
+ */
 TAVRIX_API int validate_vlan_name_id(const char *value);
 
-/** A switch unit `c<unit>`, unit 1 to 128, letter in either case. @return 0, -1, -2 */
+/**
+ * A switch unit `c<unit>`, unit 1 to 128, letter in either case.
+ *
+ * @return 0, TAVRIX_INVALID_ENGINE, TAVRIX_INVALID_NO_MATCH
+ */
 TAVRIX_API int validate_mzu_id(const char *value);
 
-/** A switch unit's upgrade file: any single line, the empty one too, with or without a final newline. Quote it before
- *  it reaches a shell. @return 0, -1, -2 */
+/**
+ * A switch unit's upgrade file: any single line, the empty one too, with or without a final newline. Quote it before it
+ * reaches a shell.
+ *
+ * @return 0, TAVRIX_INVALID_ENGINE, TAVRIX_INVALID_NO_MATCH
+ */
 TAVRIX_API int validate_mzu_sw_upgrade_filename(const char *value);
 
 /**
  * The appliance's upgrade file: the first line holds `zqn` and, anywhere after it, a version such as `1.2.3-004`. The
  * characters between the version's digits may be any. What stands before `zqn` and behind the version is not looked at,
- * further lines included: quote the value before it reaches a shell. A very long value that nearly matches ends in -1.
- * @return 0, -1, -2
+ * further lines included: quote the value before it reaches a shell. A very long value that nearly matches ends in
+ * TAVRIX_INVALID_ENGINE.
+ *
+ * @return 0, TAVRIX_INVALID_ENGINE, TAVRIX_INVALID_NO_MATCH
  */
 TAVRIX_API int validate_unit_sw_upgrade_filename(const char *value);
 
-/** A date `yyyy-mm-dd` of the years 2000 to 2999; month and day with or without a leading zero, day 31 in every month.
- *  @return 0, -1, -2 */
+/**
+ * A date `yyyy-mm-dd` of the years 2000 to 2999; month and day with or without a leading zero, day 31 in every month.
+ *
+ * @return 0, TAVRIX_INVALID_ENGINE, TAVRIX_INVALID_NO_MATCH
+ */
 TAVRIX_API int validate_date(const char *value);
 
-/** A time `hh:mm`, 00:00 to 23:59, two digits each. @return 0, -1, -2 */
+/** A time `hh:mm`, 00:00 to 23:59, two digits each. @return 0, TAVRIX_INVALID_ENGINE, TAVRIX_INVALID_NO_MATCH */
 TAVRIX_API int validate_time(const char *value);
 
-/** A UUID: 8, 4, 4, 4 and 12 hexadecimal digits of either case between dashes. @return 0, -1, -2 */
+/**
+ * A UUID: 8, 4, 4, 4 and 12 hexadecimal digits of either case between dashes.
+ *
+ * @return 0, TAVRIX_INVALID_ENGINE, TAVRIX_INVALID_NO_MATCH
+ */
 TAVRIX_API int validate_uuid(const char *value);
 
-/** An IPv4 address in dotted form without leading zeros, 7 to 15 characters. @return 0, -1, -2, -4, -5 */
+/**
+ * An IPv4 address in dotted form without leading zeros, 7 to 15 characters.
+ *
+ * @return 0, TAVRIX_INVALID_ENGINE, TAVRIX_INVALID_NO_MATCH, TAVRIX_INVALID_TOO_LONG, TAVRIX_INVALID_TOO_SHORT
+ */
 TAVRIX_API int validate_ip_address(const char *value);
 
-/** A MAC address of 17 characters: six hexadecimal pairs of either case, all separated by `:` or all by `-`.
- *  @return 0, -1, -2, -4, -5 */
+/**
+ * A MAC address of 17 characters: six hexadecimal pairs of either case, all separated by `:` or all by `-`.
+ *
+ * @return 0, TAVRIX_INVALID_ENGINE, TAVRIX_INVALID_NO_MATCH, TAVRIX_INVALID_TOO_LONG, TAVRIX_INVALID_TOO_SHORT
+ */
 TAVRIX_API int validate_mac_address(const char *value);
 
-/** A description of 0 to 50 characters without a double quote; it may hold apostrophes and newlines.
- *  @return 0, -1, -2, -4 */
+/**
+ * A description of 0 to 50 characters without a double quote; it may hold apostrophes and newlines.
+ *
+ * @return 0, TAVRIX_INVALID_ENGINE, TAVRIX_INVALID_NO_MATCH, TAVRIX_INVALID_TOO_LONG
+ */
 TAVRIX_API int validate_description(const char *value);
 
-/** A password of 4 to 15 letters, digits and `! ? _ @ -`. @return 0, -1, -2, -4, -5 */
+/**
+ * A password of 4 to 15 letters, digits and `! ? _ @ -`.
+ *
+ * @return 0, TAVRIX_INVALID_ENGINE, TAVRIX_INVALID_NO_MATCH, TAVRIX_INVALID_TOO_LONG, TAVRIX_INVALID_TOO_SHORT
+ */
 TAVRIX_API int validate_password(const char *value);
 
-/** A user name of 4 to 15 letters and digits that is not a system account's, such as `root` (-3).
- *  @return 0, -1, -2, -3, -4, -5 */
+/**
+ * A user name of 4 to 15 letters and digits that is not a system account's, such as `root`
+ * (TAVRIX_INVALID_NOT_ALLOWED).
+ *
+ * @return 0, TAVRIX_INVALID_ENGINE, TAVRIX_INVALID_NO_MATCH, TAVRIX_INVALID_NOT_ALLOWED, TAVRIX_INVALID_TOO_LONG,
+ *         TAVRIX_INVALID_TOO_SHORT
+ */
 TAVRIX_API int validate_username(const char *value);
 
-/** "enable" or "disable". @return 0, -1 for null, -3 */
+/** "enable" or "disable". @return 0, TAVRIX_INVALID_ENGINE for null, TAVRIX_INVALID_NOT_ALLOWED */
 TAVRIX_API int validate_status(const char *value);
 
-/** "local", "access" or "trunk"; not the other words of tavrix_vlan_mode_strings. @return 0, -1 for null, -3 */
+/**
+ * "local", "access" or "trunk"; not the other words of tavrix_vlan_mode_strings.
+ *
+ * @return 0, TAVRIX_INVALID_ENGINE for null, TAVRIX_INVALID_NOT_ALLOWED
+ */
 TAVRIX_API int validate_vlan_mode(const char *value);
 
-/** "all", "current", "previous" or "default". @return 0, -1 for null, -3 */
+/** "all", "current", "previous" or "default". @return 0, TAVRIX_INVALID_ENGINE for null, TAVRIX_INVALID_NOT_ALLOWED */
 TAVRIX_API int validate_unit_sw_bank(const char *value);
 
-/** One of tavrix_mzu_model_strings, "unknown" included. @return 0, -1 for null, -3 */
+/**
+ * One of tavrix_mzu_model_strings, "unknown" included.
+ *
+ * @return 0, TAVRIX_INVALID_ENGINE for null, TAVRIX_INVALID_NOT_ALLOWED
+ */
 TAVRIX_API int validate_mzu_model(const char *value);
 
-/** A switch unit, a port or a VLAN's name, tried in this order. @return 0; -2 for anything else, null too */
+/**
+ * A switch unit, a port or a VLAN's name, tried in this order.
+ *
+ * @return 0; TAVRIX_INVALID_NO_MATCH for anything else, null too
+ */
 TAVRIX_API int validate_entity_name(const char *value);
 
-/** Any text of at most 1000 characters. @return 0, -1 for null, -4 */
+/** Any text of at most 1000 characters. @return 0, TAVRIX_INVALID_ENGINE for null, TAVRIX_INVALID_TOO_LONG */
 TAVRIX_API int validate_entity_extension(const char *value);
 
-/** 1 to 4092. @return 0, -6 */
+/** 1 to 4092. @return 0, TAVRIX_INVALID_OUT_OF_RANGE */
 TAVRIX_API int validate_vlan_id(int value);
 
-/** 1, the only unit. @return 0, -6 */
+/** 1, the only unit. @return 0, TAVRIX_INVALID_OUT_OF_RANGE */
 TAVRIX_API int validate_unit_id(int value);
 
-/** 0 or 1. @return 0, -6 */
+/** 0 or 1. @return 0, TAVRIX_INVALID_OUT_OF_RANGE */
 TAVRIX_API int validate_laser_id(int value);
 
-/** 0 or 1. @return 0, -6 */
+/** 0 or 1. @return 0, TAVRIX_INVALID_OUT_OF_RANGE */
 TAVRIX_API int validate_olt_id(int value);
 
-/** 0 to 128, or -1 for none. @return 0, -6 */
+/** 0 to 128, or -1 for none. @return 0, TAVRIX_INVALID_OUT_OF_RANGE */
 TAVRIX_API int validate_onu_id(int value);
 
-/** 1 to 128. @return 0, -6 */
+/** 1 to 128. @return 0, TAVRIX_INVALID_OUT_OF_RANGE */
 TAVRIX_API int validate_port_number(int value);
 
-/** 1 to 3600, in the unit of the daemon that asks. @return 0, -6 */
+/** 1 to 3600, in the unit of the daemon that asks. @return 0, TAVRIX_INVALID_OUT_OF_RANGE */
 TAVRIX_API int validate_periodic_interval(int value);
 
 /** Any number; for symmetry with the other fields. @return 0 always */

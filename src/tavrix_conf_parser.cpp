@@ -80,7 +80,7 @@ int copy_value(const Span &value, char *out, size_t out_size) {
     if (value.length > out_size) {
         return TAVRIX_ERR_BUFFER_SPACE;
     }
-    // A value of exactly out_size characters leaves no terminator: meant, the caller passes one less than it holds.
+    // A value of exactly out_size characters leaves no terminator: callers tell one byte less than they hold.
     std::memset(out, 0, out_size);
     std::memcpy(out, value.text, value.length);
     return TAVRIX_OK;

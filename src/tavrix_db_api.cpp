@@ -68,7 +68,7 @@ int tavrix_db_open_file(sqlite3 **handle_var, const char *path) {
     }
     if (sqlite3_open_v2(path, handle_var, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK) {
         LOG_ERROR("Failed to open a database connection to file <%s>\n", path);
-        static_cast<void>(sqlite3_close(*handle_var)); // the variable keeps the closed handle's value: meant
+        static_cast<void>(sqlite3_close(*handle_var)); // its value stays: callers go by the status and reset it
         return TAVRIX_ERR_SYSTEM_ACCESS;
     }
     static_cast<void>(tavrix_sqlite3_exec_sql(*handle_var, "PRAGMA foreign_keys = on"));

@@ -49,7 +49,7 @@ struct ConversionRow {
 
 constexpr char unknown_message[] = "Unknown Error";
 
-// Rows stand out of numeric order: meant, a look-up takes the first that fits.
+// By subject, each code once. Of the conversions below, a code's first row is its way back: callers compare that one.
 constexpr CatalogueRow catalogue[] = {
     {TAVRIX_JRPC_UNKNOWN_ERROR, "Unknown Error"},
     {TAVRIX_JRPC_VERSION_NOT_SUPPORTED, "JSONRPC Version not supported"},
@@ -404,7 +404,7 @@ Text respond(const Envelope &envelope, Outcome *outcome, int *jrpc_code) {
         outcome->result.reset(json_integer(0));
     }
     if (!outcome->result) {
-        return nullptr; // the code stays 0: meant, the error response then says "Unknown Error"
+        return nullptr; // the code stays 0, "Unknown Error": clients read "Internal error" as a result without a text
     }
     // The response's id is the method's name: a reply travels by it, and a waiting caller looks for it.
     Text response(tavrix_jrpc_create_response(outcome->result.get(), envelope.method, 0, envelope.transaction_id));
@@ -433,7 +433,7 @@ int evaluate(const json_t *request, const tavrix_jrpc_method *table, char **resp
         *response_text = respond(envelope, &outcome, &code).release();
     }
     if (*response_text == nullptr) {
-        // Without a method value, that is when a check before it failed, the builder refuses: meant, no response.
+        // Without a method value the builder refuses: callers know a reply by that name, and would pass this one over.
         *response_text =
             tavrix_jrpc_create_error(code, envelope.method, outcome.error_data.get(), 0, envelope.transaction_id);
     }
@@ -447,7 +447,7 @@ struct ChannelRule {
     const char *channel;
 };
 
-// Leading letters only, not whole names: meant, every name that begins with d or p goes to the first channel.
+// Leading letters, not whole names: deployed services listen by these, and a new family of methods needs no row.
 constexpr ChannelRule channel_rules[] = {
     {"d", TAVRIX_CHANNEL_FIRST},  {"p", TAVRIX_CHANNEL_FIRST},   {"en", TAVRIX_CHANNEL_FIRST},
     {"mz", TAVRIX_CHANNEL_FIRST}, {"ev", TAVRIX_CHANNEL_EVENTS}, {"i", TAVRIX_CHANNEL_INTERFACES},
@@ -582,7 +582,7 @@ Json parse_candidate(const char *text) {
     json_error_t error;
     Json candidate(json_loads(text, parse_flags, &error));
     if (!candidate) {
-        // The evaluator's wording, here and for the version's type below: meant.
+        // The evaluator's wording, here and for the version's type below: log filters know malformed messages by it.
         LOG_ERROR("tavrix_jrpc_eval_request: Cannot parse JSON data\n");
         LOG_ERROR("error: on line %d: %s\n", error.line, error.text);
     }
@@ -716,7 +716,7 @@ struct StreamServer {
 
 constexpr StreamServer unix_server = {tavrix_socket_accept, "[tavrix_jrpc_unix_socket_run]: NULL pointer!\n",
                                       "[tavrix_jrpc_unix_socket_run]: Error response!\n"};
-// The second text leaves out the "tcp": meant.
+// The second text leaves out the "tcp": log filters match it.
 constexpr StreamServer tcp_server = {tavrix_tcp_socket_accept, "[tavrix_jrpc_tcp_socket_run]: NULL pointer!\n",
                                      "[tavrix_jrpc_socket_run]: Error response!\n"};
 
@@ -1022,7 +1022,7 @@ int tavrix_jrpc_error_convert_jrpc_to_tavrix(int jrpc_code) {
             return row.internal_code;
         }
     }
-    return TAVRIX_JRPC_UNKNOWN_ERROR; // a number of the other numbering: meant
+    return TAVRIX_JRPC_UNKNOWN_ERROR; // of the other numbering: callers test for it, any status could be a real one
 }
 
 const char *tavrix_jrpc_error_message(int jrpc_code) {
@@ -1049,7 +1049,7 @@ int tavrix_jrpc_eval_request(const char *request_text, const tavrix_jrpc_method 
 }
 
 char *tavrix_jrpc_create_response(json_t *result, json_t *id, int indent, json_t *transaction_id) {
-    // Bad arguments are errors here and debug lines in create_error, successes the other way round: meant.
+    // Only debug lines in create_error, where requests without a method end: its error line is the response itself.
     if (result == nullptr || id == nullptr) {
         LOG_ERROR("tavrix_jrpc_create_response: NULL pointer!\n");
         return nullptr;
@@ -1107,7 +1107,7 @@ char *tavrix_api_router_json_add_channel(const char *channel, const char *json_t
 }
 
 int tavrix_jrpc_parse_msg(const char *frame, int length, char **json_out) {
-    // The lines carry another function's name: meant.
+    // The lines carry another function's name: log filters match it.
     if (frame == nullptr || json_out == nullptr) {
         LOG_DEBUG("[tavrix_connect_parse_msg]: Null Pointer!\n");
         return TAVRIX_ERR_NULL_INPUT;
@@ -1178,7 +1178,7 @@ int tavrix_jrpc_mq_pub_init(const char *address, int *pub_sock_out) {
     rc = tavrix_mq_socket_bind(pub.get(), TAVRIX_TRANSPORT_TCP, address, &endpoint);
     if (rc != TAVRIX_OK) {
         LOG_DEBUG("[tavrix_jrpc_mq_pub_init]: Error mq_socket_bind for pub, rc = %d\n", rc);
-        static_cast<void>(pub.release()); // the socket stays open: meant
+        static_cast<void>(pub.release()); // stays open: a daemon without a publisher ends, and the socket with it
         return rc;
     }
     LOG_DEBUG("[tavrix_jrpc_mq_pub_init]: mq_socket for pub initialized.\n");
@@ -1200,7 +1200,7 @@ int tavrix_jrpc_mq_sub_init(int *sub_sock_out, int with_timeout) {
     rc = with_timeout != 0 ? tavrix_mq_socket_set_timeout(sub.get(), reply_timeout_ms) : TAVRIX_OK;
     if (rc != TAVRIX_OK) {
         LOG_DEBUG("[tavrix_jrpc_mq_sub_init]: Error tavrix_mq_socket_set_timeout for sub, rc = %d\n", rc);
-        static_cast<void>(sub.release()); // the socket stays open: meant
+        static_cast<void>(sub.release()); // stays open, like a publisher that could not bind
         return TAVRIX_ERR_GENERAL;
     }
     LOG_DEBUG("[tavrix_jrpc_mq_sub_init]: mq_socket for sub initialized.\n");
@@ -1353,7 +1353,7 @@ int tavrix_jrpc_mq_sub_for_notifcation(int sub_sock, const char *method, json_t 
     }
     saved.restore();
     LOG_DEBUG("Could not receive expected notification.\n");
-    return TAVRIX_ERR_GENERAL; // not the reply wait's -50: meant
+    return TAVRIX_ERR_GENERAL; // not TAVRIX_ERR_NO_RESPONSE: nobody was asked, so no service is to blame
 }
 
 int tavrix_jrpc_eval_notification(const char *method, const char *json_text, json_t **out) {
@@ -1397,7 +1397,7 @@ int tavrix_jrpc_unix_socket_init(const char *path, int *sock_out, int nonblockin
     } else {
         LOG_DEBUG("[tavrix_jrpc_unix_socket_init]: unix socket initialized!\n");
     }
-    // A listener that failed shows as the handle 0, not as a status: meant.
+    // A listener that failed shows as the handle 0: daemons start without it, and look at the handle and the log.
     *sock_out = listener;
     return TAVRIX_OK;
 }
@@ -1413,7 +1413,7 @@ int tavrix_jrpc_tcp_socket_init(unsigned port, int *sock_out, int nonblocking) {
     } else {
         LOG_DEBUG("[tavrix_jrpc_tcp_socket_init]: tcp socket initialized!\n");
     }
-    // A listener that failed shows as the handle 0, not as a status: meant.
+    // A listener that failed shows as the handle 0, as in tavrix_jrpc_unix_socket_init().
     *sock_out = listener;
     return TAVRIX_OK;
 }
@@ -1427,7 +1427,7 @@ int tavrix_jrpc_tcp_socket_run(const int *listen_sock, const tavrix_jrpc_method 
 }
 
 int tavrix_jrpc_pull_socket_init(const char *address, int *sock_out) {
-    // The lines carry the names of the TCP server and of the publisher: meant.
+    // The lines carry the names of the TCP server and of the publisher: log filters match them.
     if (sock_out == nullptr) {
         LOG_DEBUG("[tavrix_jrpc_tcp_socket_init]: NULL pointer!\n");
         return TAVRIX_ERR_NULL_INPUT;
@@ -1488,7 +1488,7 @@ int tavrix_jrpc_router_socket_to_mq(const int *listen_sock, const int *pub_sock,
         LOG_DEBUG("[tavrix_jrpc_router_socket_to_mq]: router_process_msg: failed\n");
         return rc;
     }
-    LOG_DEBUG("[tavrix_jrpc_router_socket_to_mq]: Sending response over mq_pub ...\n"); // "response": meant
+    LOG_DEBUG("[tavrix_jrpc_router_socket_to_mq]: Sending response over mq_pub ...\n"); // sic, for log filters
     rc = tavrix_jrpc_mq_pub(pub_sock, channel.get(), request.get());
     if (rc != TAVRIX_OK) {
         LOG_DEBUG("[tavrix_jrpc_router_socket_to_mq]: Error mq_pub, rc = %d\n", rc);
@@ -1514,7 +1514,7 @@ int tavrix_jrpc_router_process_msg(const char *text, char **request_out, char **
     char *channel = tavrix_api_router_json_parse_channel(method);
     LOG_VERBOSE("channel: %s\n", printable(channel));
     if (channel != nullptr) {
-        *channel_out = channel; // before the remaining checks: meant, the caller releases it
+        *channel_out = channel; // before the remaining checks: callers release it whatever the status
     }
     if (!stamp_reply_channel(request.get(), function)) {
         return TAVRIX_ERR_GENERAL;
@@ -1578,7 +1578,7 @@ int tavrix_jrpc_router_mq_dispatch_request(const int *pub_sock, json_t *request)
     if (!encoded) {
         return TAVRIX_ERR_GENERAL;
     }
-    LOG_DEBUG("[%s]: Sending response over mq_pub ...\n", function); // "response": meant
+    LOG_DEBUG("[%s]: Sending response over mq_pub ...\n", function); // sic, for log filters
     const int rc = tavrix_jrpc_mq_pub(pub_sock, channel.get(), encoded.get());
     if (rc != TAVRIX_OK) {
         LOG_DEBUG("[%s]: Error mq_pub, rc = %d\n", function, rc);
@@ -1647,7 +1647,7 @@ int tavrix_jrpc_router_socket_dispatch_response(const int *client_sock, json_t *
     }
     const Text text(json_dumps(response, wire_flags));
     if (!text) {
-        LOG_DEBUG("[%s]: Cannot decode JSON message\n", function); // "decode", for a rendering: meant
+        LOG_DEBUG("[%s]: Cannot decode JSON message\n", function); // "decode", for a rendering: log filters match it
         return TAVRIX_ERR_GENERAL;
     }
     LOG_VERBOSE("JSON response sent, of string length %d\n", length_of(text.get()));
@@ -1655,7 +1655,7 @@ int tavrix_jrpc_router_socket_dispatch_response(const int *client_sock, json_t *
     LOG_DEBUG("[%s]: Sending response over socket ...\n", function);
     const int rc = tavrix_socket_send(client_sock, text.get());
     if (rc != TAVRIX_OK) {
-        LOG_DEBUG("[tavrix_jrpc_router_mq_to_socket]: Error send, rc = %d\n", rc); // the one-call path's line: meant
+        LOG_DEBUG("[tavrix_jrpc_router_mq_to_socket]: Error send, rc = %d\n", rc); // one line for both paths
     }
     return rc;
 }
@@ -1699,7 +1699,7 @@ int tavrix_jrpc_router_create_system_lock_response(json_t *request, json_t **res
         return TAVRIX_ERR_GENERAL;
     }
     if (!json_is_string(id)) {
-        LOG_DEBUG("[%s]: Invalid JSON method\n", function); // "method", for the id: meant
+        LOG_DEBUG("[%s]: Invalid JSON method\n", function); // "method", for the id: log filters match it
         return TAVRIX_ERR_GENERAL;
     }
     *response_out = build_lock_response(json_string_value(id), json_object_get(request, "transaction_id")).release();

@@ -50,7 +50,7 @@ int explain(json_t **debug_message, const char *text) {
 
 // --- Types ---------------------------------------------------------------------------------------------------------
 
-/** What a parser accepts and says. The levels of a missing member differ: meant. */
+/** What a parser accepts and says. Bools and texts are often optional: a missing one is only a warning. */
 struct TypeRule {
     const char *name;
     bool (*accepts)(const json_t *value);
@@ -186,10 +186,10 @@ constexpr TextRow text_rows[] = {
      checked<validate_unit_sw_upgrade_filename>, "Retrieved and validated unit sw upgrade filename: %s\n"},
     {text_username, "Retrieving username...\n", checked<validate_username>, "Retrieved and validated username: %s\n"},
     {text_password, "Retrieving password...\n", checked<validate_password>, "Retrieved and validated password: %s\n"},
-    // The password's lines: meant.
+    // The password's lines: log filters match them.
     {text_date, "Retrieving password...\n", checked<validate_date>, "Retrieved and validated password: %s\n"},
     {text_time, "Retrieving time...\n", checked<validate_time>, "Retrieved and validated time: %s\n"},
-    // Not validated, despite the wording: meant.
+    // Not validated, despite the wording: handlers look the name up, and refuse what they do not find.
     {text_entity_name, "Retrieving entity name...\n", nullptr, "Retrieved and validated entity name: %s\n"},
     {text_entity_extension, "Retrieving entity extension...\n", checked<validate_entity_extension>,
      "Retrieved and validated entity extension: %s\n"},
@@ -203,7 +203,7 @@ constexpr NumberRow number_rows[] = {
      "Retrieved and validated unit id: %d\n"},
     {number_periodic_interval, TAVRIX_LOG_DEBUG, "Retrieving periodic interval...\n", validate_periodic_interval,
      "Retrieved and validated periodic interval: %d\n"},
-    // A verbose line where the others have a debug line: meant.
+    // Verbose where the others are debug: lasers are polled, and would crowd out the rest of a debug log.
     {number_laser_id, TAVRIX_LOG_VERBOSE, "Retrieving laser_id...\n", validate_laser_id,
      "Retrieved and validated laser_id: %d\n"},
     {number_olt_id, TAVRIX_LOG_DEBUG, "Retrieving olt id...\n", validate_olt_id,
@@ -214,7 +214,7 @@ constexpr NumberRow number_rows[] = {
      "Retrieved and validated port_number: %d\n"},
     {number_port_link_speed, TAVRIX_LOG_DEBUG, "Retrieving port link speed...\n", validate_port_link_speed,
      "Retrieved and validated port link_speed: %d\n"},
-    // Not validated: meant.
+    // Not validated: which numbers mean something is for each handler to say.
     {number_enable, TAVRIX_LOG_DEBUG, "Retrieving enable...\n", nullptr, "Retrieved and enable value: %d\n"},
 };
 static_assert(count_of(number_rows) == number_row_count && in_order(number_rows));
@@ -238,7 +238,7 @@ int retrieve_text(TextRowId id, json_t *params, json_t **debug_message, const ch
         return rc;
     }
     if (row.check != nullptr && row.check(out) != 0) {
-        return TAVRIX_ERR_VALIDATION; // the rejected value stays in `out`: meant
+        return TAVRIX_ERR_VALIDATION; // the rejected value stays in `out`: handlers quote it in their answer
     }
     LOG_DEBUG(row.success, out);
     return TAVRIX_OK;
@@ -255,7 +255,7 @@ int retrieve_number(NumberRowId id, json_t *params, json_t **debug_message, cons
         return rc;
     }
     if (row.check != nullptr && row.check(*out) != 0) {
-        return TAVRIX_ERR_VALIDATION; // the rejected value stays in `out`: meant
+        return TAVRIX_ERR_VALIDATION; // the rejected value stays in `out`, as for a text
     }
     TAVRIX_LOG_GUARDED_(row.success_level, row.success, *out);
     return TAVRIX_OK;
@@ -283,7 +283,7 @@ int check_port_id(const char *value, bool allow_all, bool allow_mzu_id, bool all
     if (rc == TAVRIX_OK || !allow_mzu_id) {
         return rc;
     }
-    // -15 whatever the port kinds gave: meant.
+    // Whatever the port kinds gave: a client that may name a unit is told that one was expected.
     return validate_mzu_id(value) == 0 ? TAVRIX_OK : TAVRIX_ERR_EXPECTED_MZU;
 }
 
@@ -385,11 +385,11 @@ int retrieve_records(const RecordList<Record> &list, json_t *params, json_t **de
     if (rc != TAVRIX_OK) {
         return rc;
     }
-    *count = std::min(element_count(elements), max); // what is above goes unread without a word: meant
+    *count = std::min(element_count(elements), max); // no failure: a newer switch may have more ports
     for (int i = 0; i < *count; ++i) {
         LOG_VERBOSE(list.element, i);
         if (!list.read(json_array_get(elements, static_cast<size_t>(i)), debug_message, &records[i])) {
-            return TAVRIX_ERR_PARAMETER; // whatever the inner status was: meant
+            return TAVRIX_ERR_PARAMETER; // for every bad element: callers compare this one, the log has the reason
         }
     }
     LOG_VERBOSE(list.success, *count);
@@ -472,7 +472,7 @@ int tavrix_jrpc_utils_parse_input_integer(json_t *params, json_t **debug_message
     if (rc != TAVRIX_OK) {
         return rc;
     }
-    *out = static_cast<int32_t>(static_cast<uint32_t>(json_integer_value(member))); // the low 32 bits: meant
+    *out = static_cast<int32_t>(static_cast<uint32_t>(json_integer_value(member))); // unsigned masks pass whole
     LOG_VERBOSE("Parsed %s: %d\n", key, *out);
     return TAVRIX_OK;
 }
@@ -484,7 +484,7 @@ int tavrix_jrpc_utils_parse_input_uint64_t(json_t *params, json_t **debug_messag
     char text[value_text_size] = "";
     const int rc = tavrix_jrpc_utils_parse_input_string(params, debug_message, key, text, sizeof text);
     if (rc == TAVRIX_OK) {
-        *out = std::strtoull(text, nullptr, 0); // what is no number reads as 0: meant
+        *out = std::strtoull(text, nullptr, 0); // no number reads as 0: clients send "" for none
     }
     return rc;
 }
@@ -496,7 +496,7 @@ int tavrix_jrpc_utils_parse_input_float(json_t *params, json_t **debug_message, 
     char text[value_text_size] = "";
     const int rc = tavrix_jrpc_utils_parse_input_string(params, debug_message, key, text, sizeof text);
     if (rc == TAVRIX_OK) {
-        *out = static_cast<float>(std::strtod(text, nullptr)); // what is no number reads as 0: meant
+        *out = static_cast<float>(std::strtod(text, nullptr)); // no number reads as 0, as above
     }
     return rc;
 }
@@ -648,22 +648,22 @@ int tavrix_jrpc_utils_retrieve_input_vlan_ids(json_t *params, json_t ** /*debug_
     if (key == nullptr || ids == nullptr || count == nullptr) {
         return TAVRIX_ERR_PARAMETER;
     }
-    // No announcement and no debug message on any path: meant.
+    // No announcement for each port of a list, and no debug message: the handler's own, naming the port, comes first.
     const json_t *list = json_object_get(params, key);
     if (list == nullptr) {
         LOG_ERROR("Failed, vlan ID is null.\n");
         return TAVRIX_ERR_PARAMETER_NOT_FOUND;
     }
-    *count = element_count(list); // 0 for what is no array: meant
+    *count = element_count(list); // 0 for what is no array: clients send null for no VLANs
     if (*count > max_vlan_ids) {
         return TAVRIX_ERR_TOO_MANY_VLAN_IDS;
     }
     for (int i = 0; i < *count; ++i) {
         const json_t *element = json_array_get(list, static_cast<size_t>(i));
-        const json_int_t value = json_integer_value(element); // 0 for what is no integer: meant
+        const json_int_t value = json_integer_value(element); // 0 for what is no integer: refused below
         const int vlan_id = static_cast<int32_t>(static_cast<uint32_t>(value));
         if (element == nullptr || validate_vlan_id(vlan_id) != 0) {
-            return TAVRIX_ERR_INVALID_PARAMETER; // not -34: meant
+            return TAVRIX_ERR_INVALID_PARAMETER; // TAVRIX_ERR_VALIDATION would reach clients as "Unknown Error"
         }
         ids[i] = vlan_id;
     }
@@ -694,7 +694,7 @@ int tavrix_jrpc_utils_retrieve_input_mac_filters(json_t *params, json_t **debug_
         return rc;
     }
     *count = element_count(list);
-    // One element even for an empty list: meant, the caller always has something to free.
+    // One element even for an empty list: a null array is how callers, and the test below, know want of memory.
     const size_t allocated = static_cast<size_t>(std::max(*count, 1));
     std::unique_ptr<tavrix_mac_filter, tavrix::FreeMemory> owner(
         static_cast<tavrix_mac_filter *>(std::calloc(allocated, sizeof(tavrix_mac_filter))));
@@ -720,7 +720,7 @@ int tavrix_jrpc_utils_retrieve_input_macaddr_allowed(json_t *params, json_t **de
                                                      size_t out_size) {
     const int rc = fetch_text("Retrieving mac address...\n", params, debug_message, key, out, out_size);
     if (rc != TAVRIX_OK || std::strcmp(out, no_mac) == 0) {
-        return rc; // without a success line for "none": meant
+        return rc; // no success line for "none": that line says that an address was validated
     }
     if (tavrix_validate_and_format_mac_addr_string(out) != TAVRIX_OK) {
         return TAVRIX_ERR_VALIDATION;
@@ -737,7 +737,7 @@ int tavrix_jrpc_utils_retrieve_input_alias(json_t *params, json_t **debug_messag
     }
     if (std::strlen(out) > max_alias_length) {
         if (debug_message != nullptr) {
-            json_decref(*debug_message); // the one message that replaces an earlier one: meant
+            json_decref(*debug_message); // replaced: the user who typed the alias has to see its limit
             *debug_message = json_pack("{s:s}", "message", "Alias must be 8 characters or fewer.");
         }
         return TAVRIX_ERR_VALIDATION;
@@ -749,12 +749,12 @@ int tavrix_jrpc_utils_retrieve_input_alias(json_t *params, json_t **debug_messag
 
 int tavrix_jrpc_utils_parse_input_secure_option(json_t *params, json_t **debug_message, const char *key, int *out) {
     if (key == nullptr || out == nullptr) {
-        LOG_ERROR("tavrix_jrpc_utils_parse_input_secure_option received NULL input"); // without a line end: meant
+        LOG_ERROR("tavrix_jrpc_utils_parse_input_secure_option received NULL input"); // no line end: filters match it
         return TAVRIX_ERR_INVALID_PARAMETER;
     }
     char word[value_text_size] = "";
     if (tavrix_jrpc_utils_parse_input_string(params, debug_message, key, word, sizeof word) != TAVRIX_OK) {
-        return TAVRIX_ERR_INVALID_PARAMETER; // not the parser's own status: meant
+        return TAVRIX_ERR_INVALID_PARAMETER; // one status for every failure: callers compare no other
     }
     LOG_CONFIG("Vaultline - %s: <%s>\n", key, word);
     if (tavrix_str_to_enum(out, word, tavrix_secure_option_strings) != TAVRIX_OK) {
@@ -779,7 +779,7 @@ int tavrix_jrpc_utils_populate_json_mac_addresses_array(json_t **array, char (*m
         const Json entry(json_stringn(macs[i], strnlen(macs[i], sizeof macs[i])));
         if (!entry) {
             LOG_WARNING("Failed to create JSON object for MAC address %d\n", i);
-            break; // what was listed so far is the answer: meant
+            break; // what was listed so far is the answer: a part of the list helps a client more than none
         }
         if (json_array_append(list.get(), entry.get()) != 0) {
             LOG_ERROR("Failed to append MAC address %d to array\n", i);

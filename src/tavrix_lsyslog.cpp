@@ -69,7 +69,7 @@ struct LevelWord {
     int32_t level;
 };
 
-// The file can switch a daemon off or between the three chatty levels only: meant, errors cannot be selected alone.
+// No word for errors alone: support silences a daemon or lets it talk, and never sees errors without their warnings.
 constexpr LevelWord level_words[] = {
     {"off", TAVRIX_LOG_UNDEF},
     {"info", TAVRIX_LOG_INFO},
@@ -237,7 +237,7 @@ int tavrix_lsyslog_log(int level, const char *file, int line, const char *format
 }
 
 int tavrix_lsyslog_check_severity(int level) {
-    // Compared as unsigned numbers: meant, a negative level is never worth a guarded line.
+    // Compared as unsigned numbers: a negative level, a caller's mistake, is never worth building a line for.
     return static_cast<uint32_t>(current_level) >= static_cast<uint32_t>(level) ? 1 : 0;
 }
 

@@ -97,7 +97,7 @@ int check_transport(int transport, const char *addr) {
         LOG_DEBUG("FAIL: Transport type outside acceptable range [%d, %d]\n", lowest_transport, highest_transport);
         return TAVRIX_ERR_VALIDATION;
     }
-    // Anywhere in the address, not only at its start: meant, and refused without a line of its own.
+    // Anywhere in addr: TAVRIX_ERR_VALIDATION tells callers that the transport is wrong; the rest nanomsg judges.
     return std::strstr(addr, schemes[transport - 1]) != nullptr ? TAVRIX_OK : TAVRIX_ERR_VALIDATION;
 }
 
@@ -176,7 +176,7 @@ int attach(Attach attach_to, int sock, int transport, const char *addr, int *eid
     }
     const int eid = make_endpoint(attach_to, sock, addr);
     if (eid < 0) {
-        // The same words for a failed connect: meant.
+        // Says nn_bind for a failed connect too: log filters match this one text for both.
         LOG_DEBUG("nn_bind failed for SP addr [%s]: %s\n", addr, bus_error());
         return TAVRIX_ERR_GENERAL;
     }

@@ -33,7 +33,7 @@ union ListenAddress {
     sockaddr_un local;
     sockaddr_in ipv4;
 };
-// Both binds are given the Unix-domain length, the IPv4 one too: meant, the kernel accepts the larger length.
+// The Unix-domain length serves both binds: for IPv4 the kernel takes a longer one, and there is one path to test.
 constexpr socklen_t listen_address_length = 110;
 static_assert(sizeof(ListenAddress) >= listen_address_length, "the kernel reads this much of the address");
 static_assert(TAVRIX_SOCKET_MAX_PATH == sizeof(sockaddr_un::sun_path) - 1, "one byte is left for the terminator");
@@ -62,7 +62,7 @@ bool start_listening(int fd, const ListenAddress &address) {
 }
 
 int accept_client(int listen_sock, sockaddr *peer, socklen_t length, int *client_out, const char *function) {
-    // Written whatever the result, -1 on failure: meant.
+    // Written on failure too: daemons test the handle for -1, and must not find an earlier client's number there.
     *client_out = accept(listen_sock, peer, &length);
     if (*client_out >= 0) {
         return TAVRIX_OK;
@@ -90,7 +90,7 @@ int tavrix_unix_socket_init(const char *path, int *sock_out, int nonblocking) {
     ListenAddress address{};
     std::memset(&address, 0, sizeof address);
     address.local.sun_family = AF_UNIX;
-    // A longer path is cut: meant. Everything below works on the cut one, which is where the socket is.
+    // A longer path is cut: clients that cut it as well still meet the daemon. Everything below works on the cut one.
     std::memcpy(address.local.sun_path, path, strnlen(path, TAVRIX_SOCKET_MAX_PATH));
     static_cast<void>(unlink(address.local.sun_path)); // left behind by an earlier run
     if (!start_listening(fd.get(), address)) {
@@ -108,7 +108,7 @@ int tavrix_tcp_socket_init(unsigned port, int *sock_out, int nonblocking) {
         LOG_DEBUG("[tavrix_tcp_socket_init]: Null Pointer!\n");
         return TAVRIX_ERR_GENERAL;
     }
-    // Non-blocking whatever the caller asks: meant.
+    // Non-blocking whatever the caller asks: daemons serve it in turn with others, and an accept must not hold them up.
     tavrix::Descriptor fd(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0));
     if (!fd) {
         return failed("tavrix_tcp_socket_init");
@@ -166,7 +166,7 @@ int tavrix_tcp_socket_connect(const char *ipv4_text, unsigned port, int *sock_ou
     if (connect(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
         return errno == ETIMEDOUT ? TAVRIX_ERR_CONNECT_TIMEOUT : TAVRIX_ERR_GENERAL;
     }
-    if (sock_out == nullptr) { // looked at only here: meant, an address that cannot be reached is told as such
+    if (sock_out == nullptr) { // looked at last: callers that only probe pass null, and still learn of a time-out
         LOG_DEBUG("[tavrix_tcp_socket_connect]: Null Pointer!\n");
         return TAVRIX_ERR_GENERAL;
     }
@@ -177,7 +177,7 @@ int tavrix_tcp_socket_connect(const char *ipv4_text, unsigned port, int *sock_ou
 int tavrix_socket_recv(const int *sock, char *buf, size_t len) {
     if (sock == nullptr || buf == nullptr) {
         LOG_DEBUG("[tavrix_socket_recv]: Null Pointer!\n");
-        return 0; // like an empty read, not -1: meant
+        return 0; // as at the end of the stream: after -1 callers look at errno, which says nothing here
     }
     const ssize_t received = recv(*sock, buf, len, 0);
     if (received < 0) {
@@ -193,7 +193,7 @@ int tavrix_socket_send(const int *sock, const char *text) {
         LOG_DEBUG("[tavrix_socket_send]: Null Pointer!\n");
         return TAVRIX_ERR_GENERAL;
     }
-    // A short send counts as sent: meant, nothing is retried.
+    // A short send counts as sent: a client that does not read must not hold up a daemon that serves one at a time.
     return send(*sock, text, std::strlen(text), MSG_NOSIGNAL) < 0 ? TAVRIX_ERR_GENERAL : TAVRIX_OK;
 }
 

@@ -48,7 +48,7 @@ int arm(int fd, const timespec &first, const timespec &interval) {
     setting.it_value = first;
     setting.it_interval = interval;
     if (timerfd_settime(fd, 0, &setting, nullptr) != 0) {
-        std::perror("tavrix_timer_set"); // for both ways of arming: meant
+        std::perror("tavrix_timer_set"); // for both ways of arming: log filters match one line
         return TAVRIX_ERR_GENERAL;
     }
     return TAVRIX_OK;
@@ -61,7 +61,7 @@ int tavrix_timer_init(int *fd_out, int nonblock) {
         LOG_DEBUG("[tavrix_timer_init]: NULL pointer!\n");
         return TAVRIX_ERR_NULL_INPUT;
     }
-    // Only exactly 1 asks for a timer that does not wait: meant. A failure's -1 is stored too.
+    // Only exactly 1: daemons that pass another number count on the wait. A failure's -1 is stored too: poll skips it.
     *fd_out = timerfd_create(CLOCK_MONOTONIC, nonblock == 1 ? TFD_NONBLOCK : 0);
     if (*fd_out < 0) {
         std::perror("tavrix_timer_init");
@@ -89,7 +89,7 @@ int tavrix_timer_nsec_set(int fd, float period, float interval) {
 }
 
 int tavrix_timer_read(int fd) {
-    uint64_t expirations = 0; // how many is not passed on: meant
+    uint64_t expirations = 0; // how many is not passed on: 0 is what callers compare, and missed ticks are not made up
     const ssize_t got = read(fd, &expirations, sizeof expirations);
     if (got == static_cast<ssize_t>(sizeof expirations)) {
         return TAVRIX_OK;
@@ -111,6 +111,6 @@ int tavrix_timer_free(int *fd) {
         return TAVRIX_ERR_NULL_INPUT;
     }
     static_cast<void>(close(*fd));
-    *fd = 0; // not -1: meant, a second free would close descriptor 0
+    *fd = 0; // not -1: daemons take 0, as in a zeroed record, for no timer; a second free would close descriptor 0
     return TAVRIX_OK;
 }

@@ -57,7 +57,7 @@ char to_upper(char c) { return static_cast<char>(std::toupper(static_cast<unsign
 char to_lower(char c) { return static_cast<char>(std::tolower(static_cast<unsigned char>(c))); }
 bool is_digit(char c) { return c >= '0' && c <= '9'; }
 
-// A single quote character both begins and ends its text: meant.
+// A lone quote character is both ends of an empty text: a description may hold no quote, not even a forgotten one.
 bool is_quoted(const char *text, size_t length) { return length > 0 && text[0] == '"' && text[length - 1] == '"'; }
 
 // --- Tokenizer -----------------------------------------------------------------------------------------------------
@@ -202,7 +202,7 @@ const char *const tavrix_link_status_strings[5] = {"unknown", "down", "up", "off
 const char *const tavrix_link_speed_strings[8] = {"unknown", "offline",  "N/A",       "unsupported",
                                                   "10 Mbps", "100 Mbps", "1000 Mbps", nullptr};
 const char *const tavrix_vlan_mode_strings[6] = {"unknown", "local", "access", "trunk", "trans", nullptr};
-// "Generic MZU" stands between the named models: meant, stored model numbers keep their meaning.
+// "Generic MZU" stays between the named models: databases in the field store positions, later models came after it.
 const char *const tavrix_mzu_model_strings[12] = {"unknown", "ZQN-E09",     "ZQN-E10", "ZQN-E11", "ZQN-E12", "ZQN-E13",
                                                   "ZQN-E14", "Generic MZU", "ZQN-E15", "ZQN-E16", "ZQN-E17", nullptr};
 const char *const tavrix_secure_option_strings[4] = {"current", "enable", "disable", nullptr};
@@ -251,7 +251,7 @@ int tavrix_str_to_mac_address(char *text, unsigned char *bytes) {
         return rc;
     }
     LOG_DEBUG("[%s]: Parsing MAC address <%s>\n", "tavrix_str_to_mac_address", text);
-    // The text is cut into its pieces: meant, the caller's string is consumed.
+    // The caller's own text is cut into pieces: nothing is allocated, and daemons pass a copy that they can spare.
     char *rest = nullptr;
     const char *piece = strtok_r(text, ":", &rest);
     for (int i = 0; i < mac_bytes && piece != nullptr; ++i) {
@@ -318,7 +318,7 @@ int tavrix_mac_vector_insert(tavrix_mac_vector *vector, const void *source, int 
         return TAVRIX_ERR_GENERAL;
     }
     if (is_text != 0 && is_text != 1) {
-        return TAVRIX_ERR_PARAMETER; // after a possible growth: meant
+        return TAVRIX_ERR_PARAMETER; // judged last: without memory the daemon stops first, whatever the flag
     }
     std::memcpy(array->entries[array->count], entry, sizeof entry);
     ++array->count;
@@ -408,7 +408,7 @@ int tavrix_parse_mzu_port_id(int *unit, int *port, const char *text) {
     if (std::strlen(separator) != 1 || !is_number(second) || !is_c(prefix[0])) {
         return TAVRIX_ERR_PARAMETER;
     }
-    *unit = number; // before the port is known to be valid: meant
+    *unit = number; // even if the port is refused: daemons name the unit in what they tell the user
     const int port_number = to_number(second);
     if (port_number > max_port) {
         return TAVRIX_ERR_INVALID_PORT;
@@ -433,7 +433,7 @@ int tavrix_port_str_create(const tavrix_port_list *list, int *cursor, char *out,
         const size_t length = format_port_item(list, *cursor, *cursor == start, item, sizeof item);
         ++*cursor;
         if (used + length > line_width) {
-            break; // passed over for good, the next line does not show it either: meant
+            break; // shown on no line: the cursor has to move on, or a caller with a narrow line would never finish
         }
         std::memcpy(out + used, item, length);
         used += length;
@@ -500,7 +500,7 @@ int strparse(const char *text, const char *stops, char *out) {
     const size_t length = std::strcspn(strparse_cursor, stop_set);
     std::memcpy(out, strparse_cursor, length);
     out[length] = '\0';
-    // The stop character is not skipped, the next call begins with it: meant.
+    // The stop character is left to the next call: callers read there which one it was, as for "c12-5" and "c12/5".
     const char *stop = strparse_cursor + length;
     strparse_cursor = *stop != '\0' ? stop : nullptr;
     return 0;
@@ -544,7 +544,7 @@ int tavrix_remove_surrounding_quotes(const char *text, char *out, size_t out_siz
     }
     std::memset(out, 0, out_size);
     const size_t length = std::strlen(text);
-    // The closing quote stays: meant.
+    // The closing quote stays: callers see by it that the text was quoted, and take it off themselves.
     const size_t skipped = is_quoted(text, length) ? 1 : 0;
     std::memcpy(out, text + skipped, std::min(length - skipped, out_size));
     return TAVRIX_OK;
@@ -556,7 +556,7 @@ int tavrix_cli_desc_parse(const char *text, char *out) {
     }
     const size_t length = std::strlen(text);
     if (is_quoted(text, length) && std::count(text, text + length, '"') == 2) {
-        std::memcpy(out, text + 1, length - 1); // the closing quote stays and no terminator is added: meant
+        std::memcpy(out, text + 1, length - 1); // callers find the end by the closing quote
     } else {
         std::memcpy(out, text, length + 1);
     }
@@ -689,7 +689,7 @@ int tavrix_get_board_rev_number(void) {
     if (equals_sign == nullptr || !is_digit(equals_sign[1])) {
         return default_board_revision;
     }
-    return equals_sign[1] - '0'; // one digit only: meant
+    return equals_sign[1] - '0'; // the first digit alone, by which daemons tell boards apart
 }
 
 int tavrix_terminate_process(void) {
@@ -701,7 +701,7 @@ int tavrix_utils_format_seconds_as_time_sentence(int seconds, char *out) {
     if (out == nullptr) {
         return TAVRIX_ERR_PARAMETER;
     }
-    // "days" whatever the number: meant.
+    // "days" even for one day: scripts split the sentence at this word.
     static_cast<void>(std::sprintf(out, "%d days %02d:%02d:%02d", seconds / 86400, (seconds / 3600) % 24,
                                    (seconds / 60) % 60, seconds % 60));
     LOG_VERBOSE("Finished formatting seconds <%ld> into <%s>\n", static_cast<long>(seconds), out);

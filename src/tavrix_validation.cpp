@@ -85,13 +85,13 @@ constexpr TextField option_field(TextFieldId id, const char *label, const char *
 
 constexpr const char *status_options[] = {"enable", "disable"};
 constexpr const char *unit_sw_bank_options[] = {"all", "current", "previous", "default"};
-// Between "unknown" and "trans" only the three real modes: meant.
+// Without "unknown" and "trans": switches report these two, but no port can be set to them.
 constexpr int vlan_mode_option_count = 3;
 static_assert(count_of(tavrix_vlan_mode_strings) == 1 + vlan_mode_option_count + 2, "unknown, modes, trans, the end");
-// All 11 words, "unknown" too: meant.
+// All 11 words, "unknown" too: a unit can be registered before its model is known.
 constexpr int mzu_model_count = 11;
 static_assert(count_of(tavrix_mzu_model_strings) == mzu_model_count + 1, "models, the end");
-// System accounts; those with a '-' never pass the pattern and stay in the list all the same: meant.
+// System accounts. "www-data" never passes the pattern and stays all the same: the list mirrors the appliance's own.
 constexpr const char *reserved_usernames[] = {"root",     "daemon", "bin",      "sys",       "sync", "mail",   "proxy",
                                               "www-data", "backup", "operator", "haldaemon", "dbus", "nobody", "sshd"};
 static_assert(count_of(reserved_usernames) == 14, "the reserved account names");
@@ -107,7 +107,7 @@ constexpr TextField text_fields[] = {
     pattern_field(mzu_id, "MZU ID", "Validating mzu id: %s\n", R"(^[cC]([1-9]|[1-9]\d|1[0-1]\d|12[0-8])$)"),
     pattern_field(mzu_sw_upgrade_filename, "MZU SW Upgrade Filename", "Validating sw upgrade filename: %s\n",
                   R"(^.*$)"),
-    // The same line as for the file of an MZU, and unescaped dots between the digits: meant.
+    // Announced like an MZU's file: log filters match it. Any character parts the digits: released files have several.
     pattern_field(unit_sw_upgrade_filename, "Unit SW Upgrade filename", "Validating sw upgrade filename: %s\n",
                   R"(^.*zqn.*\d.\d.\d-\d{3}.*)"),
     // No calendar: every month may have 31 days.
@@ -122,7 +122,7 @@ constexpr TextField text_fields[] = {
     bounded_field(mac_address, "MAC Address", "Validating mac address: %s\n", 17, 17,
                   R"(^((((\d|[A-Fa-f]){2}:){5})|(((\d|[A-Fa-f]){2}-){5}))(\d|[A-Fa-f]){2}$)"),
     bounded_field(description, "Description", "Validating description: %s\n", 0, 50, R"(^[^"]*$)"),
-    // The value stands in clear in the verbose log: meant.
+    // In clear, at verbose level only: support sees there why a password is refused.
     bounded_field(password, "Password", "Validating password: %s\n", 4, 15, R"(^[a-zA-Z0-9!?_@-]{4,15}$)"),
     bounded_field(username, "Username", "Validating username: %s\n", 4, 15, R"(^[a-zA-Z0-9]{4,15}$)"),
     option_field(status, "Status", "Validating status: %s\n", status_options, count_of(status_options)),
@@ -439,7 +439,7 @@ int validate_onu_id(int value) { return check_number(onu_id, value); }
 int validate_port_number(int value) { return check_number(port_number, value); }
 int validate_periodic_interval(int value) { return check_number(periodic_interval, value); }
 
-// Every speed is accepted: meant, the retrievers treat link speed like any other field.
+// Every speed is accepted: switches report new ones before the appliance has a word for them.
 int validate_port_link_speed(int /*value*/) { return TAVRIX_VALID; }
 
 int validate_date_time(const char *date, const char *time) {

@@ -180,7 +180,7 @@ Json json_of(const std::string &text) {
     return exact ? std::move(exact) : Json(json_string(printable(text).c_str()));
 }
 
-/** What begins with a channel's short name is meant as well: such names begin methods, too. */
+/** A channel's short name also stands for what begins with it: such names begin methods, too. */
 std::vector<std::string> prefixes_of(const std::vector<std::string> &channels) {
     std::vector<std::string> prefixes = channels.empty() ? std::vector<std::string>{""} : channels;
     for (const std::string &channel : channels) {

@@ -76,7 +76,7 @@ int print_all(const std::string &answers, RoadKind kind, JsonStyle style) {
     return status;
 }
 
-/** The method that was probably meant where this one was not found; empty when none is near. */
+/** The method that was probably intended where this one was not found; empty when none is near. */
 std::string find_similar(const CallOptions &options, Router *router) {
     const Silence silence; // what cannot be found out is not worth a word
     Json status;
@@ -152,7 +152,7 @@ int send(const SendOptions &options) {
     const std::string text = text_or_stdin(options.text);
     Socket socket;
     RoadKind kind = RoadKind::one_shot;
-    // The limit is for the other side to tell: what is sent here may be meant to be refused.
+    // No limit of its own: what is sent may be there to be refused.
     int status = connect_to(for_one_text(roads_to(options.target)), 0, deadline, &socket, &kind);
     if (status == exit_result) {
         status = send_text(socket.get(), kind == RoadKind::session ? text + "\n" : text, deadline);

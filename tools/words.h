@@ -64,7 +64,7 @@ std::string short_name_of(const std::string &channel);
 std::string channel_of(const std::string &short_name);
 std::vector<std::string> channel_names();
 
-/** The candidate that was probably meant; empty when none is near. */
+/** The candidate that was probably intended; empty when none is near. */
 std::string nearest(const std::string &word, const std::vector<std::string> &candidates);
 
 /** Whether the method fits the pattern, a name or the beginning of one followed by '*'. */

@@ -4,6 +4,10 @@
  * A unit defines `unit_name` before it logs: `constexpr char unit_name[] = "tavrix_mq";`. The line number is the
  * caller's. The debug and verbose macros evaluate their arguments only when the level is on, so nothing that only a
  * chatty line needs is computed in normal running.
+ *
+ * The appliances in the field have log filters and scripts that match the lines: by level, by the function's name in
+ * brackets, by their words. So a line that was once worded wrongly, or carries another function's name, stays as it is;
+ * a remark beside it ("log filters match it") keeps the next reader from correcting it.
  */
 #ifndef TAVRIX_INTERNAL_LOG_H
 #define TAVRIX_INTERNAL_LOG_H

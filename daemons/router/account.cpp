@@ -4,12 +4,6 @@
 
 namespace router {
 
-namespace {
-
-constexpr std::chrono::milliseconds time_per_turn{1};
-
-} // namespace
-
 int64_t account_of(const Peer &peer) { return peer.known ? static_cast<int64_t>(peer.user) : -1; }
 
 bool has_room(const Shares &shares, int64_t account, size_t total, size_t most) {

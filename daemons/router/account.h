@@ -18,6 +18,8 @@ namespace router {
 
 class Session;
 
+constexpr std::chrono::milliseconds time_per_turn{1};
+
 /** A user as the one whom things are counted for: everybody who comes over TCP is one. */
 int64_t account_of(const Peer &peer);
 

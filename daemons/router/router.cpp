@@ -308,7 +308,9 @@ void Router::serve_now(Session &session) {
         session.is_waiting = false;
         serving_since_ = Clock::now();
         session.read();
-        turns_.use(session.account, Clock::now() - serving_since_);
+        if (session.service == nullptr) {
+            turns_.use(session.account, Clock::now() - serving_since_);
+        }
         end_turn();
     });
 }
@@ -330,8 +332,10 @@ void Router::wait_for_turn(Session &session) {
     end_turn();
 }
 
+/** A service has a turn's time of its own: its replies are others' answers. */
 bool Router::is_turn_over(const Session &session) const {
-    return !Turns::has_time(*session.account, Clock::now() - serving_since_);
+    const auto used = Clock::now() - serving_since_;
+    return session.service != nullptr ? used >= time_per_turn : !Turns::has_time(*session.account, used);
 }
 
 void Router::end_turn() {
@@ -618,8 +622,7 @@ void Router::finish(Call &call, Outcome outcome, Json answer) {
 
 void Router::give_answer(std::unique_ptr<Call> owner, Outcome outcome, Json answer) {
     Call &call = *owner;
-    statistics_.count(call.method, !call.service.methods.empty() || outcome == Outcome::result, outcome,
-                      seconds_since(call.started));
+    statistics_.count(call.method, !call.service.methods.empty(), outcome, seconds_since(call.started));
     show_traffic("reply", &call, call.method, &call.service, name_of(outcome), answer.get());
     if (outcome == Outcome::cancelled) {
         return;

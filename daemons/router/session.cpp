@@ -58,18 +58,20 @@ void Session::on_close() {
             event_del(watch->get());
         }
     }
+    router_.on_session_end(*this); // which may still answer to it
     account->unread -= std::exchange(counted_, 0);
-    router_.on_session_end(*this);
 }
 
 // --- Lines in ------------------------------------------------------------------------------------------------------
 
+bool Session::is_turn_over() const { return router_.is_turn_over(*this); }
+
 /** One read in each turn: a session that floods the router waits for its next turn like all others. */
 void Session::read() {
-    if (requests_) {
+    if (batch_ != nullptr) {
         go_on_with_batch();
     }
-    if (requests_ || is_closed() || ending_ || broken_) {
+    if (batch_ != nullptr || is_closed() || ending_ || broken_) {
         return;
     }
     if (!held_.empty()) {
@@ -119,7 +121,7 @@ void Session::take_bytes(std::string_view bytes) {
             take_line(line);
         }
         bytes.remove_prefix(end + 1);
-        if (requests_ || (!bytes.empty() && service == nullptr && router_.is_turn_over(*this))) {
+        if (batch_ != nullptr || (!bytes.empty() && is_turn_over())) {
             held_ = bytes;
             router_.wait_for_turn(*this);
             return;
@@ -140,43 +142,74 @@ void Session::take_line(std::string_view line) {
         return;
     }
     if (json_is_array(value.get()) && json_array_size(value.get()) > 0) {
-        take_batch(std::move(value));
+        take_batch(value.get());
         return;
     }
     router_.count_refused();
     answer(make_error(value ? TAVRIX_JRPC_INVALID_REQUEST : TAVRIX_JRPC_PARSE_ERROR, nullptr, nullptr), nullptr);
 }
 
-void Session::take_batch(Json requests) {
-    if (json_array_size(requests.get()) > max_batch) {
+void Session::take_batch(const json_t *requests) {
+    if (json_array_size(requests) > max_batch) {
         router_.count_refused();
         answer(make_error(TAVRIX_JRPC_INVALID_REQUEST, nullptr, message_data("at most 256 requests in a batch")),
                nullptr);
         return;
     }
+    const size_t count = json_array_size(requests);
     batch_ = std::make_shared<Batch>();
-    batch_->missing = json_array_size(requests.get()) + 1; // one for this function: it ends when all are taken
-    requests_ = std::move(requests);
-    taken_ = 0;
-    go_on_with_batch();
+    batch_->missing = count + 1; // one for this function: it ends when all are taken
+    for (size_t i = 0; i < count && !is_closed() && !broken_; ++i) {
+        if (i > 0 && is_turn_over()) {
+            put_off(requests, i);
+            return;
+        }
+        take_member(share(json_array_get(requests, i)));
+    }
+    end_batch();
 }
 
-/** As far as the user's time goes; the rest has its turn later. */
+void Session::take_member(Json request) {
+    if (json_is_object(request.get())) {
+        take_object(std::move(request), batch_);
+        return;
+    }
+    router_.count_refused();
+    answer(make_error(TAVRIX_JRPC_INVALID_REQUEST, nullptr, nullptr), batch_);
+}
+
+/** The rest has its turn later. It waits as text, which takes a tenth of what its values do. */
+void Session::put_off(const json_t *requests, size_t first) {
+    for (size_t i = first; i < json_array_size(requests); ++i) {
+        const std::string_view text = router_.render(json_array_get(requests, i));
+        if (text.empty()) {
+            throw std::bad_alloc();
+        }
+        requests_.append(text).append("\n");
+    }
+    router_.wait_for_turn(*this);
+}
+
 void Session::go_on_with_batch() {
-    while (taken_ < json_array_size(requests_.get()) && !is_closed() && !broken_) {
-        if (taken_ > 0 && service == nullptr && router_.is_turn_over(*this)) {
+    while (next_ < requests_.size() && !is_closed() && !broken_) {
+        if (is_turn_over()) {
             router_.wait_for_turn(*this);
             return;
         }
-        json_t *request = json_array_get(requests_.get(), taken_++);
-        if (json_is_object(request)) {
-            take_object(share(request), batch_);
-        } else {
-            router_.count_refused();
-            answer(make_error(TAVRIX_JRPC_INVALID_REQUEST, nullptr, nullptr), batch_);
+        const size_t end = requests_.find('\n', next_);
+        Json request(json_loadb(&requests_[next_], end - next_, JSON_DECODE_ANY, nullptr));
+        next_ = end + 1;
+        if (request == nullptr) {
+            throw std::bad_alloc();
         }
+        take_member(std::move(request));
     }
-    requests_.reset();
+    end_batch();
+}
+
+void Session::end_batch() {
+    requests_ = std::string();
+    next_ = 0;
     complete(std::exchange(batch_, nullptr));
 }
 
@@ -217,7 +250,9 @@ void Session::end_when_answered() {
  */
 void Session::watch_for_hang_up() {
     readable_.reset(event_new(router_.base(), descriptor_, EV_READ | EV_ET | EV_PERSIST, on_hang_up, this));
-    if (!readable_ || event_add(readable_.get(), nullptr) != 0) {
+    // One event of the descriptor that is not edge-triggered makes all of them so.
+    writable_.reset(event_new(router_.base(), descriptor_, EV_WRITE | EV_ET, on_writable, this));
+    if (!readable_ || !writable_ || event_add(readable_.get(), nullptr) != 0) {
         give_up("No memory for the end of a session");
     }
 }
@@ -266,7 +301,7 @@ void Session::complete(const BatchPlace &batch) {
 }
 
 void Session::answer_text(std::string_view text, const BatchPlace &batch) {
-    if (has_unread_beyond(max_unread) && !broken_) {
+    if (has_unread_beyond(max_unread, text.size()) && !broken_) {
         give_up("A session does not read its answers");
     }
     if (batch == nullptr) {
@@ -300,7 +335,7 @@ bool Session::send_request(std::string_view line) {
 }
 
 void Session::send_notification(std::string_view line) {
-    if (has_unread_beyond(max_unread_with_notifications) || lost_ > 0) {
+    if (lost_ > 0 || has_unread_beyond(max_unread_with_notifications)) {
         ++lost_;
         router_.count_dropped();
         return;
@@ -325,18 +360,24 @@ bool Session::send_what_fits() {
     return true;
 }
 
+/** What a service has not read is what others have asked of it, and not its user's to answer for. */
 void Session::count_unread() {
-    const size_t now = is_closed() ? 0 : unread() + batched_;
+    const size_t now = is_closed() || service != nullptr ? 0 : unread() + batched_;
     account->unread += now - std::exchange(counted_, now);
 }
 
-/** What has been written in this turn counts only when the session does not take it. */
-bool Session::has_unread_beyond(size_t bound) {
-    bound = account->unread > max_unread_of_user ? unread_in_any_case : bound;
-    if (unread() > bound && !is_closed() && !broken_ && !send_what_fits()) {
+/**
+ * What has been written in this turn counts only when the session does not take it. What is to come counts once its
+ * user's sessions have too much unread together.
+ */
+bool Session::has_unread_beyond(size_t bound, size_t more) {
+    const bool is_scarce = service == nullptr && account->unread + more > max_unread_of_user;
+    bound = is_scarce ? unread_in_any_case : bound;
+    const bool is_stuck = event_pending(writable_.get(), EV_WRITE, nullptr) != 0;
+    if (unread() > bound && !is_stuck && !is_closed() && !broken_ && !send_what_fits()) {
         give_up("A session's connection has failed");
     }
-    return unread() + batched_ > bound;
+    return unread() + batched_ + (is_scarce ? more : 0) > bound;
 }
 
 void Session::flush() {
@@ -355,7 +396,7 @@ void Session::flush() {
     }
     if (unread() > 0) {
         event_add(writable_.get(), nullptr);
-    } else if (ending_ && calls.empty() && !requests_) {
+    } else if (ending_ && calls.empty() && batch_ == nullptr) {
         close();
     }
 }

@@ -52,8 +52,12 @@ class Session final : public Client {
     void take_bytes(std::string_view bytes);
     void take_line(std::string_view line);
     void take_object(Json object, const BatchPlace &batch);
-    void take_batch(Json requests);
+    void take_batch(const json_t *requests);
+    void take_member(Json request);
+    void put_off(const json_t *requests, size_t first);
     void go_on_with_batch();
+    bool is_turn_over() const;
+    void end_batch();
     void complete(const BatchPlace &batch);
     void end_of_input();
     void end_when_answered();
@@ -61,7 +65,7 @@ class Session final : public Client {
     void watch_for_hang_up();
     size_t longest_line() const;
     bool send_what_fits();
-    bool has_unread_beyond(size_t bound);
+    bool has_unread_beyond(size_t bound, size_t more = 0);
     void count_unread();
     size_t unread() const { return out_ ? evbuffer_get_length(out_.get()) : 0; }
     bool add_line(std::string_view line);
@@ -69,11 +73,11 @@ class Session final : public Client {
     void give_up(const char *why);
     void tell_of_loss();
 
-    Json requests_; ///< of a batch that is being taken
-    size_t taken_ = 0;
-    BatchPlace batch_;
-    std::string held_;    ///< what has come and waits for the next turn
-    std::string partial_; ///< the beginning of a line
+    BatchPlace batch_;     ///< that is being taken
+    std::string requests_; ///< the rest of it, a line each
+    size_t next_ = 0;      ///< where the next one begins
+    std::string held_;     ///< what has come and waits for the next turn
+    std::string partial_;  ///< the beginning of a line
     daemon_support::Event readable_;
     daemon_support::Event writable_;
     daemon_support::Buffer out_;

@@ -10,6 +10,8 @@ namespace router {
 
 namespace {
 
+constexpr size_t max_unknown_name = 128;
+constexpr size_t max_unknown = 128; // names that nobody has registered
 constexpr size_t max_methods = 512;
 constexpr char others[] = "(others)";
 constexpr double shortest = 1e-6;
@@ -68,7 +70,13 @@ uint64_t Histogram::count_within(double seconds) const {
 }
 
 void Statistics::count(const std::string &method, bool is_offered, Outcome outcome, double seconds) {
-    const bool has_row = methods_.count(method) > 0 || (is_offered && methods_.size() < max_methods);
+    bool has_row = methods_.count(method) > 0;
+    if (!has_row && is_offered) {
+        has_row = methods_.size() < max_methods;
+    } else if (!has_row) { // a result shows that there is such a method, but who knows what else is called so
+        has_row = outcome == Outcome::result && method.size() <= max_unknown_name && unknown_ < max_unknown;
+        unknown_ += has_row ? 1 : 0;
+    }
     MethodStatistics &row = methods_[has_row ? method : others];
     ++row.outcomes[static_cast<size_t>(outcome)];
     if (outcome == Outcome::result || outcome == Outcome::error) {

@@ -5,6 +5,7 @@
 #define TAVRIX_DAEMONS_ROUTER_STATISTICS_H
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <string>
@@ -50,7 +51,7 @@ class Statistics {
   public:
     /**
      * Counts the end of a call. Methods beyond a few hundred share one row, "(others)": names cost nothing to invent,
-     * and one that no service has offered gets no row of its own.
+     * and of those that no service has named only some get a row of their own, with their first result.
      */
     void count(const std::string &method, bool is_offered, Outcome outcome, double seconds);
 
@@ -67,6 +68,7 @@ class Statistics {
 
   private:
     std::map<std::string, MethodStatistics> methods_;
+    size_t unknown_ = 0; ///< rows of names that nobody has registered
 };
 
 } // namespace router

@@ -69,7 +69,7 @@ extern "C" {
 #define TAVRIX_SERVICE_MAX_PARAMS 32     /**< rows of a method, or of the members of one parameter */
 #define TAVRIX_SERVICE_MAX_DEFERRED 4096 /**< calls that wait for their answer at once; more are answered -32014 */
 #define TAVRIX_SERVICE_MAX_REQUESTS 4096 /**< calls to others in flight at once; more are refused */
-#define TAVRIX_SERVICE_MAX_CLIENTS 256   /**< clients of the direct sockets at once */
+#define TAVRIX_SERVICE_MAX_CLIENTS 256   /**< on direct sockets; a user has half of them at most */
 
 struct event_base;
 

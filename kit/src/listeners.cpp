@@ -2,8 +2,8 @@
  * Sockets of the service's own: one request, one answer, closed; and bus pull sockets, one-way.
  *
  * A client is read as its bytes come, never waited for. It is whole when its JSON object is, when it has shut its
- * sending side down, or when 1024 bytes are there. When there are too many clients, the one that has been silent for
- * longest makes room.
+ * sending side down, or when 1024 bytes are there. When there are too many clients, or too many of one user, the one
+ * that has been silent for longest makes room.
  */
 #include <cerrno>
 #include <cstdio>
@@ -66,11 +66,25 @@ Listener *as_listener(Entry *entry) { return reinterpret_cast<Listener *>(entry)
 
 // --- Clients -------------------------------------------------------------------------------------------------------
 
-void free_client(Client *client) {
+void leave_list(Client *client) {
     ClientList *list = &client->service->clients;
     (client->previous != nullptr ? client->previous->next : list->first) = client->next;
     (client->next != nullptr ? client->next->previous : list->last) = client->previous;
     --list->count;
+}
+
+/** Who has been silent for longest stands first. */
+void enter_list(Client *client) {
+    ClientList *list = &client->service->clients;
+    client->previous = list->last;
+    client->next = nullptr;
+    (list->last != nullptr ? list->last->next : list->first) = client;
+    list->last = client;
+    ++list->count;
+}
+
+void free_client(Client *client) {
+    leave_list(client);
     event_del(&client->ready);
     close(client->fd);
     buffer_free(&client->out);
@@ -194,18 +208,28 @@ void on_client_readable(evutil_socket_t fd, short what, void *argument) {
         return;
     }
     client->length += static_cast<size_t>(count);
+    leave_list(client);
+    enter_list(client);
     if (is_whole(client) || count == 0) {
         evaluate_client(client);
     }
 }
 
-/** Makes room by closing the client that has been silent for longest; false when all of them wait for answers. */
-bool make_room(tavrix_service *service) {
-    if (service->clients.count < TAVRIX_SERVICE_MAX_CLIENTS) {
+/**
+ * Makes room by closing the client that has been silent for longest, one of the same user when he has half of the
+ * places; false when all of them wait for answers. Over TCP everybody is one user.
+ */
+bool make_room(tavrix_service *service, uid_t user) {
+    size_t own = 0;
+    for (const Client *client = service->clients.first; client != nullptr; client = client->next) {
+        own += client->caller.uid == user ? 1 : 0;
+    }
+    const bool has_half = own >= TAVRIX_SERVICE_MAX_CLIENTS / 2;
+    if (!has_half && service->clients.count < TAVRIX_SERVICE_MAX_CLIENTS) {
         return true;
     }
     for (Client *client = service->clients.first; client != nullptr; client = client->next) {
-        if (client->reading) {
+        if (client->reading && (!has_half || client->caller.uid == user)) {
             free_client(client);
             return true;
         }
@@ -224,20 +248,17 @@ tavrix_caller caller_of(tavrix_road road, int fd) {
 
 void take_client(Listener *listener, int fd) {
     tavrix_service *service = listener->service;
-    auto *client = !service->stopping && make_room(service) ? make<Client>() : nullptr;
+    const tavrix_caller caller = caller_of(listener->road, fd);
+    auto *client = !service->stopping && make_room(service, caller.uid) ? make<Client>() : nullptr;
     if (client == nullptr) {
         close(fd);
         return;
     }
     client->service = service;
     client->fd = fd;
-    client->caller = caller_of(listener->road, fd);
+    client->caller = caller;
     client->reading = true;
-    ClientList *list = &service->clients;
-    client->previous = list->last;
-    (list->last != nullptr ? list->last->next : list->first) = client;
-    list->last = client;
-    ++list->count;
+    enter_list(client);
     event_assign(&client->ready, service->base, fd, EV_READ | EV_PERSIST, on_client_readable, client);
     const timeval time = time_of_ms(request_timeout_ms);
     if (event_add(&client->ready, &time) != 0) {

@@ -10,6 +10,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -83,6 +84,19 @@ class RouterLimits : public testing::Test {
         }
         service.reply(asked, number);
         return member(client.hear(), "result") == number;
+    }
+
+    /** Of the router, user's and system's. */
+    long processor_ticks() const {
+        std::istringstream fields(support::read_file("/proc/" + std::to_string(fleet.router->pid()) + "/stat"));
+        std::string field;
+        for (int i = 1; i <= 13; ++i) {
+            fields >> field;
+        }
+        long user = 0;
+        long system = 0;
+        fields >> user >> system;
+        return user + system;
     }
 
     int port = support::free_port();
@@ -260,6 +274,68 @@ TEST_F(RouterFairness, BoundsWhatTheSessionsOfOneUserLeaveUnread) {
     for (int i = 0; i < 4; ++i) {
         EXPECT_EQ(member(large.hear(), "id"), "1") << "another user";
     }
+}
+
+TEST_F(RouterLimits, CountsNothingAsUnreadThatWentWithItsSession) {
+    start({"--max-in-flight", "4096"});
+    const SessionClient of_the_same_user; // keeps the user's account
+    const std::string filling = ",\"params\":{\"filling\":\"" + std::string(60000, 'x') + "\"}";
+    for (int round = 0; round < 15; ++round) {
+        DirectService service; // calls itself, reads nothing, and goes
+        for (int i = 0; i < 110; ++i) {
+            service.say(request("ports.Get", std::to_string(i), filling));
+        }
+    }
+    SessionClient innocent;
+    std::string questions;
+    for (int i = 0; i < 20; ++i) {
+        questions += request("rpc.discover", std::to_string(i)) + "\n";
+    }
+    innocent.say_bytes(questions);
+    for (int i = 0; i < 20; ++i) {
+        EXPECT_EQ(member(innocent.hear(), "id"), std::to_string(i));
+    }
+}
+
+TEST_F(RouterLimits, RestsWhileASessionThatHasEndedDoesNotRead) {
+    start();
+    SessionClient deaf;
+    std::string questions;
+    for (int i = 0; i < 400; ++i) {
+        questions += request("rpc.discover", "1") + "\n";
+    }
+    deaf.say_bytes(questions);
+    shutdown(deaf.fd(), SHUT_WR);
+    // Once all has been answered there is nothing to do but to wait.
+    EXPECT_TRUE(support::wait_until([this] {
+        const long before = processor_ticks();
+        poll(nullptr, 0, 300);
+        return processor_ticks() - before <= 3;
+    })) << "it never rests";
+    for (int i = 0; i < 400; ++i) {
+        EXPECT_EQ(member(deaf.hear(), "id"), "1");
+    }
+    EXPECT_TRUE(deaf.gets_closed());
+}
+
+TEST_F(RouterLimits, KeepsNoStatisticsOfNamesThatAnybodyMayInvent) {
+    start({"--max-in-flight", "4096"});
+    DirectService service({"everything", "30e493d7-9e02-41b6-97f5-21f2cc9cbbb3", "[]", "[]", "true"});
+    SessionClient client;
+    const auto call = [&](const std::string &method) {
+        client.say(request(method, "1"));
+        service.reply(service.next_request(), "1");
+        EXPECT_EQ(member(client.hear(), "result"), "1") << method;
+    };
+    call("log." + std::string(125, 'n'));
+    EXPECT_EQ(status_of(fleet, "methods").find("nnn"), std::string::npos) << "a long name";
+    for (int i = 0; i < 140; ++i) {
+        call("log.m" + std::to_string(i));
+    }
+    const std::string methods = status_of(fleet, "methods");
+    EXPECT_NE(methods.find("\"log.m127\""), std::string::npos);
+    EXPECT_EQ(methods.find("\"log.m128\""), std::string::npos);
+    EXPECT_NE(methods.find("\"(others)\":{\"calls\":13"), std::string::npos) << methods;
 }
 
 TEST_F(RouterLimits, RereadsLogLevelsOnlySoOftenForOneUser) {

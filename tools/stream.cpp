@@ -35,7 +35,9 @@ int connect_failure(const std::string &where, int reason) {
         complain("%s: no connection in time", printable(where).c_str());
         return exit_timeout;
     }
-    complain("%s: %s", printable(where).c_str(), std::strerror(reason));
+    const bool is_nobody_there = reason == ENOENT || reason == ECONNREFUSED;
+    complain("%s: %s%s", printable(where).c_str(), std::strerror(reason),
+             is_nobody_there ? "; is anybody listening there? --help says how to name another place" : "");
     return exit_no_connection;
 }
 

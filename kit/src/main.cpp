@@ -75,7 +75,8 @@ bool take_option(CommandLine *line, int letter, const char *program) {
         line->finished = true;
         return true;
     case 'v':
-        std::printf("%s %s\n", line->options.name, line->options.version != nullptr ? line->options.version : "");
+        std::printf("%s%s%s\n", line->options.name, line->options.version != nullptr ? " " : "",
+                    line->options.version != nullptr ? line->options.version : "");
         line->finished = true;
         return true;
     default:
@@ -110,6 +111,7 @@ int start(tavrix_service *service, const tavrix_service_options &options) {
 
 int tavrix_service_main(const tavrix_service_options *options, int argc, char **argv) {
     if (options == nullptr || options->name == nullptr) {
+        std::fprintf(stderr, "%s: a service needs a name in its options\n", argc > 0 ? argv[0] : "service");
         return usage_error;
     }
     CommandLine line{};

@@ -10,10 +10,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-/** nanomsg does not give back the endpoint of an ipc address that it could not bind to. */
-extern "C" const char *__lsan_default_suppressions();
-extern "C" const char *__lsan_default_suppressions() { return "leak:nn_bipc_create\n"; }
-
 int main(int argc, char **argv) {
     testing::InitGoogleTest(&argc, argv);
     const char *base = std::getenv("TMPDIR");

@@ -102,8 +102,9 @@ TEST(CtlCall, TellsAnErrorResponseByItsExitStatus) {
     const Finished words = ctl({"call", "--socket", "router.sock", "ports.Get", "{}"});
     EXPECT_EQ(words.status, 1);
     EXPECT_EQ(words.output, "");
-    EXPECT_EQ(words.diagnostics,
-              "tavrixctl: ports.Get: Invalid parameter(s) (-32602): Missing expected parameter: 'port_id'\n");
+    EXPECT_EQ(words.diagnostics, "tavrixctl: ports.Get: Invalid parameter(s) (-32602): Missing expected parameter: "
+                                 "'port_id'; port_id is missing: a port c1-1 to c128-99, "
+                                 "a port d1 to d4, a unit c1 to c128, all\n");
 }
 
 TEST(CtlCall, PrintsTheResultAlone) {
@@ -207,7 +208,9 @@ TEST(CtlCall, SaysThatNoAnswerCameInTime) {
 TEST(CtlCall, SaysThatThereIsNoConnection) {
     const Finished unix_path = ctl({"call", "--socket", "nobody.sock", "ports.Get"});
     EXPECT_EQ(unix_path.status, 4);
-    EXPECT_EQ(unix_path.diagnostics, "tavrixctl: nobody.sock: No such file or directory\n");
+    EXPECT_EQ(unix_path.diagnostics,
+              "tavrixctl: nobody.sock: No such file or directory; is anybody listening there? --help says "
+              "how to name another place\n");
     const Finished tcp = ctl({"call", "--tcp", "127.0.0.1:" + std::to_string(support::free_port()), "ports.Get"});
     EXPECT_EQ(tcp.status, 4);
     EXPECT_EQ(ctl({"call", "--tcp", "127.0.0.1", "ports.Get"}).status, 2);

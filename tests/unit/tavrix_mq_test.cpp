@@ -26,6 +26,7 @@
 #include <unistd.h>
 
 #include "support/bus.h"
+#include "support/leaks.h"
 #include "support/log_capture.h"
 
 using support::BusPair;
@@ -200,6 +201,7 @@ TEST(MqAddress, OfAnIpcSocketMayBeInAFolderThatIsNotThereYet) {
     int endpoint = -1;
     EXPECT_EQ(tavrix_mq_socket_connect(socket.number, TAVRIX_TRANSPORT_IPC, "ipc://later/bus.ipc", &endpoint), 0);
     const LogCapture log("debug");
+    const support::MayLeak nanomsg;
     EXPECT_EQ(tavrix_mq_socket_bind(socket.number, TAVRIX_TRANSPORT_IPC, "ipc://later/bus.ipc", &endpoint), -1);
     EXPECT_EQ(log.count(support::debug, unit, attach_line("ipc://later/bus.ipc", ENOENT)), 1) << log.text();
 }
@@ -218,6 +220,7 @@ TEST(MqAddress, OfAnIpcSocketIsNotTakenFromOneThatIsThere) {
     int endpoint = -1;
     ASSERT_EQ(tavrix_mq_socket_bind(first.number, TAVRIX_TRANSPORT_IPC, "ipc://taken.ipc", &endpoint), 0);
     const LogCapture log("debug");
+    const support::MayLeak nanomsg;
     EXPECT_EQ(bind_to(TAVRIX_TRANSPORT_IPC, "ipc://taken.ipc"), -1);
     EXPECT_EQ(log.count(support::debug, unit, attach_line("ipc://taken.ipc", EADDRINUSE)), 1) << log.text();
 }
@@ -230,6 +233,7 @@ TEST(MqAddress, OfAnIpcSocketIsNotTakenFromOneThatIsBusy) {
         waiting.push_back(unix_socket("busy.ipc", connect));
     }
     const LogCapture log("debug");
+    const support::MayLeak nanomsg;
     EXPECT_EQ(bind_to(TAVRIX_TRANSPORT_IPC, "ipc://busy.ipc"), -1);
     EXPECT_EQ(log.count(support::debug, unit, attach_line("ipc://busy.ipc", EADDRINUSE)), 1) << log.text();
     EXPECT_EQ(access("busy.ipc", F_OK), 0);

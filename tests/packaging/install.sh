@@ -44,15 +44,20 @@ outside() { # PACKAGES VERSION ROOT
 
 # --- Inside --------------------------------------------------------------------------------------------------------
 
-apt() { DEBIAN_FRONTEND=noninteractive apt-get -qq -y --no-install-recommends "$@" >/tried/apt.log 2>&1 || { cat /tried/apt.log >&2; fail "apt-get $*"; }; }
+apt() {
+    DEBIAN_FRONTEND=noninteractive apt-get -qq -y --no-install-recommends "$@" >/tried/apt.log 2>&1 && return
+    cat /tried/apt.log >&2
+    fail "apt-get $*"
+}
 
-# All files but the package manager's and the loader's own books.
+# All files but those that the package manager, the loader and adduser keep for themselves.
 files() {
-    find / -xdev \( -path /proc -o -path /dev -o -path /tried -o -path /tmp -o -path /var/lib/dpkg -o -path /var/lib/apt \
-        -o -path /var/cache -o -path /var/log/apt -o -path '/var/log/*.log' -o -path /etc/ld.so.cache \
-        -o -path '/etc/passwd-' -o -path '/etc/shadow-' -o -path '/etc/group-' -o -path '/etc/gshadow-' -o -path '/etc/subuid-' -o -path '/etc/subgid-' \) \
-        -o -path /run/adduser \
-        -prune -o -print | sort
+    local path own=(-path /tried)
+    for path in /proc /dev /tmp /run/adduser /var/cache /var/lib/apt /var/lib/dpkg /var/log/apt '/var/log/*.log' \
+        /etc/ld.so.cache /etc/passwd- /etc/shadow- /etc/group- /etc/gshadow- /etc/subuid- /etc/subgid-; do
+        own+=(-o -path "$path")
+    done
+    find / -xdev \( "${own[@]}" \) -prune -o -print | sort
 }
 
 pid_of() { cat "/run/tavrix-$1.pid"; }

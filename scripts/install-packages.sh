@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Installs from Debian what is missing for one or more purposes: build, bench, demo, mutate, test.
+# Installs from Debian what is missing for one or more purposes: build, test and those below.
 # usage: scripts/install-packages.sh PURPOSE...
 set -euo pipefail
 
@@ -10,6 +10,8 @@ declare -A packages=(
     [mutate]="googletest python3"
     [npm]="nodejs npm"
     [openrpc]="python3-jsonschema"
+    [package]="dpkg-dev file g++-arm-linux-gnueabihf lintian qemu-user systemd"
+    [package-try]="debootstrap"
     [test]="binutils clang g++-arm-linux-gnueabihf googletest libclang-rt-14-dev make mandoc python3 qemu-user sqlite3"
 )
 

@@ -43,7 +43,8 @@ void add_options(daemon_support::Options *options, Config *config, events::Conte
     options->text("pull", "ADDRESS", "bus address to take one-way requests on", &config->pull_address);
     options->text("script", "FILE", "link changes to play, a line each, like: c1-1 up", &config->script);
     options->number("interval", "MS", "time between two of them", 1, longest_time_ms, &config->interval_ms);
-    options->text("slot", "NAME", "shared-memory slot for the last event's number, which begins anew", &context->slot);
+    options->text("slot", "NAME", "shared-memory slot for the last event's number, which begins anew; empty for none",
+                  &context->slot);
     options->note("--wait-timeout has to be less than the router's --reply-timeout: the router would give up first.");
     options->note(
         "The slot's mode gives its owner no access: whoever is not root needs CAP_DAC_OVERRIDE to share the number,\n"

@@ -118,7 +118,7 @@ const tavrix_service_method *methods() { return table; }
 
 void share_number(tavrix_service *service, void *user) {
     auto *context = static_cast<Context *>(user);
-    if (!context->log.share(context->slot)) {
+    if (!context->slot.empty() && !context->log.share(context->slot)) {
         LOG_ERROR("Cannot share the last event's number in %s; has somebody else made it?\n", context->slot.c_str());
         context->has_failed = true;
         tavrix_service_stop(service);

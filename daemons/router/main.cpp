@@ -3,8 +3,12 @@
  *
  *     tavrix-routerd --socket /run/tavrix/router.sock --session /run/tavrix/session.sock
  */
+#include <cerrno>
+#include <cstring>
+
 #include "common/log.h"
 #include "common/options.h"
+#include "internal/notify.h"
 #include "router.h"
 
 namespace {
@@ -12,6 +16,14 @@ namespace {
 constexpr char unit_name[] = "routerd";
 constexpr int longest_timeout_ms = 24 * 60 * 60 * 1000;
 constexpr int most_clients = 100000;
+
+/** Services that are started after this find the sockets. */
+void notify_manager() {
+    const char *path = tavrix::ready_notice_address();
+    if (path != nullptr && !tavrix::send_ready_notice(path)) {
+        LOG_ERROR("Cannot tell the service manager that the router is ready: %s\n", std::strerror(errno));
+    }
+}
 
 } // namespace
 
@@ -60,6 +72,7 @@ int main(int argc, char **argv) {
         LOG_ERROR("routerd cannot start\n");
         return 1;
     }
+    notify_manager();
     router.serve();
     return 0;
 }

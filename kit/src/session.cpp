@@ -16,6 +16,7 @@
 #include <unistd.h>
 
 #include "internal.h"
+#include "internal/notify.h"
 
 namespace kit {
 
@@ -33,24 +34,9 @@ void ask_for_bus(tavrix_service *service);
 
 // --- Ready ---------------------------------------------------------------------------------------------------------
 
-/** The readiness notice that a service manager waits for. */
 void notify_manager() {
-    const char *path = std::getenv("NOTIFY_SOCKET");
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    const size_t length = path != nullptr ? std::strlen(path) : 0;
-    if (length == 0 || length >= sizeof address.sun_path || (path[0] != '/' && path[0] != '@')) {
-        return;
-    }
-    std::memcpy(address.sun_path, path, length);
-    if (path[0] == '@') {
-        address.sun_path[0] = '\0'; // a name without a file
-    }
-    const tavrix::Descriptor fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    constexpr char ready[] = "READY=1";
-    const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + length);
-    if (!fd ||
-        sendto(fd.get(), ready, sizeof ready - 1, MSG_NOSIGNAL, reinterpret_cast<sockaddr *>(&address), size) < 0) {
+    const char *path = tavrix::ready_notice_address();
+    if (path != nullptr && !tavrix::send_ready_notice(path)) {
         LOG_ERROR("Cannot tell the service manager at %s that the service is ready: %s\n", Printable(path).text,
                   std::strerror(errno));
     }

@@ -1,6 +1,9 @@
+#include <algorithm>
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <csignal>
+#include <cstddef>
 #include <string>
 #include <thread>
 #include <vector>
@@ -10,6 +13,7 @@
 #include <netinet/in.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -1014,5 +1018,48 @@ TEST(RouterDaemon, RefusesAnIpcAddressThatTheBusCannotBear) {
             EXPECT_EQ(finished.status, 1) << length;
             EXPECT_NE(finished.diagnostics.find("Cannot "), std::string::npos) << finished.diagnostics;
         }
+    }
+}
+
+TEST(RouterDaemon, TellsTheServiceManagerThatItIsReadyOnceClientsAreLetIn) {
+    const std::array<const char *, 2> names = {"/notify.sock", "@"}; // a file, or a name without one
+    for (const std::string name : names) {
+        std::array<char, 256> folder{};
+        const std::string path = name == "@" ? "@tavrix-test-notify-" + std::to_string(getpid())
+                                             : std::string(getcwd(folder.data(), folder.size())) + name;
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        path.copy(address.sun_path, sizeof address.sun_path - 1);
+        std::replace(address.sun_path, address.sun_path + 1, '@', '\0');
+        const int manager = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path.size());
+        ASSERT_EQ(bind(manager, reinterpret_cast<sockaddr *>(&address), size), 0);
+        const timeval patience = {30, 0};
+        setsockopt(manager, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+        setenv("NOTIFY_SOCKET", path.c_str(), 1);
+        Fleet fleet;
+        const support::Process router(
+            "router", {TAVRIX_ROUTERD, "--socket", "router.sock", "--session", "", "--publish", fleet.router_address});
+        unsetenv("NOTIFY_SOCKET");
+        std::array<char, 64> notice{};
+        EXPECT_EQ(recv(manager, notice.data(), notice.size() - 1, 0), 7);
+        EXPECT_STREQ(notice.data(), "READY=1");
+        EXPECT_NE(member(fleet.ask(request("router.Status", "1")), "result"), "") << "clients are let in from then on";
+        close(manager);
+        if (name != "@") {
+            unlink(path.c_str());
+        }
+    }
+}
+
+TEST(RouterDaemon, ServesAlsoWhenNoServiceManagerHearsItsNotice) {
+    for (const char *path : {"/no/such.sock", "relative.sock", ""}) {
+        setenv("NOTIFY_SOCKET", path, 1);
+        Fleet fleet;
+        const support::Process &router = fleet.start_router();
+        unsetenv("NOTIFY_SOCKET");
+        EXPECT_EQ(router.times_said("Cannot tell the service manager that the router is ready"), path[0] == '/' ? 1 : 0)
+            << "'" << path << "'";
+        EXPECT_NE(member(fleet.ask(request("router.Status", "1")), "result"), "");
     }
 }

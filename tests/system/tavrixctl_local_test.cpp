@@ -309,3 +309,31 @@ TEST(CtlManPage, NamesEachVerbAndOption) {
         EXPECT_NE(page.find(std::string(".Cm ") + verb), std::string::npos) << verb;
     }
 }
+
+TEST(DaemonManPages, AreWellFormedAndNameEachOption) {
+    const struct {
+        const char *program;
+        const char *page;
+    } rows[] = {
+        {TAVRIX_ROUTERD, TAVRIX_SOURCE_DIR "/daemons/router/tavrix-routerd.8"},
+        {TAVRIX_PORTSD, TAVRIX_SOURCE_DIR "/daemons/ports/tavrix-portsd.8"},
+        {TAVRIX_EVENTSD, TAVRIX_SOURCE_DIR "/daemons/events/tavrix-eventsd.8"},
+    };
+    for (const auto &row : rows) {
+        // Not the style of references: the other pages are found when they are installed.
+        const Finished lint = script(std::string("mandoc -T lint -W warning ") + row.page);
+        EXPECT_EQ(lint.status, 0);
+        EXPECT_EQ(lint.output + lint.diagnostics, "");
+        const std::string page = read_file(row.page);
+        std::istringstream lines(support::run({row.program, "--help"}).output);
+        int found = 0;
+        for (std::string line; std::getline(lines, line);) {
+            if (line.rfind("  --", 0) == 0) {
+                const std::string option = line.substr(3, line.find(' ', 3) - 3);
+                EXPECT_NE(page.find("Fl " + option), std::string::npos) << row.program << " " << option;
+                ++found;
+            }
+        }
+        EXPECT_GT(found, 3) << row.program;
+    }
+}

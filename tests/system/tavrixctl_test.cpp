@@ -7,6 +7,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -511,9 +512,9 @@ TEST(CtlMonitor, PrintsEveryFrameOfBothDirections) {
     EXPECT_EQ(monitor.wait(), 0);
 }
 
-/** Publishes on both addresses, a round after the other, until the monitor has had enough. */
-void publish_until_it_ends(support::Process *monitor, const std::vector<std::string> &addresses,
-                           const std::vector<std::string> &frames) {
+/** Publishes on all addresses, a round after the other, until the monitors have had enough. */
+void publish_until_they_end(const std::vector<support::Process *> &monitors, const std::vector<std::string> &addresses,
+                            const std::vector<std::string> &frames) {
     std::vector<std::unique_ptr<support::BusSocket>> publishers;
     for (const std::string &address : addresses) {
         publishers.push_back(std::make_unique<support::BusSocket>(TAVRIX_SP_PUB));
@@ -525,15 +526,17 @@ void publish_until_it_ends(support::Process *monitor, const std::vector<std::str
                 tavrix_mq_socket_send(publisher->number, frame.c_str());
             }
         }
-        return monitor->wait(50) != -1;
-    })) << monitor->log();
+        poll(nullptr, 0, 50);
+        return std::all_of(monitors.begin(), monitors.end(),
+                           [](support::Process *monitor) { return monitor->wait(0) != -1; });
+    })) << monitors.back()->log();
 }
 
 TEST(CtlMonitor, KeepsToItsChannelsAndItsCount) {
     const std::vector<std::string> addresses = {support::free_bus_address(), support::free_bus_address()};
     support::Process monitor(
         "monitor", {TAVRIXCTL, "monitor", addresses[0], addresses[1], "--channel", "2524546b", "--count", "1"});
-    publish_until_it_ends(&monitor, addresses, {"3a6f8f51|{}", "2524546b-ca99|{}"});
+    publish_until_they_end({&monitor}, addresses, {"3a6f8f51|{}", "2524546b-ca99|{}"});
     const std::string output = monitor.output();
     EXPECT_EQ(output.find('\n'), output.size() - 1) << "one line";
     EXPECT_NE(output.find("  2524546b-ca99  {}"), std::string::npos) << output;
@@ -543,7 +546,7 @@ TEST(CtlMonitor, TakesSeveralChannelsBeforeAndAfterTheAddresses) {
     const std::vector<std::string> addresses = {support::free_bus_address(), support::free_bus_address()};
     support::Process monitor("monitor", {TAVRIXCTL, "monitor", "--channel", "3a6f8f51", addresses[0], addresses[1],
                                          "--channel", "no-such-channel", "--channel", "2524546b", "--count", "4"});
-    publish_until_it_ends(&monitor, addresses, {"3a6f8f51|{}", "9d4f|{}", "2524546b|{}"});
+    publish_until_they_end({&monitor}, addresses, {"3a6f8f51|{}", "9d4f|{}", "2524546b|{}"});
     EXPECT_NE(monitor.output().find("  3a6f8f51  {}"), std::string::npos) << monitor.output();
     EXPECT_NE(monitor.output().find("  2524546b  {}"), std::string::npos) << monitor.output();
     EXPECT_EQ(monitor.output().find("9d4f"), std::string::npos) << monitor.output();
@@ -567,8 +570,7 @@ TEST(CtlMonitor, NamesTheSystemsChannelsForPeopleAndPrograms) {
         const std::string address = support::free_bus_address();
         support::Process monitor("monitor", {TAVRIXCTL, "monitor", address, "--count", "1"});
         support::Process lines("lines", {TAVRIXCTL, "monitor", address, "--count", "1", "--json", "lines"});
-        publish_until_it_ends(&monitor, {address}, {row.channel + "|{}"});
-        publish_until_it_ends(&lines, {address}, {row.channel + "|{}"});
+        publish_until_they_end({&monitor, &lines}, {address}, {row.channel + "|{}"});
         const std::string line = first_line(monitor.output());
         EXPECT_EQ(line.substr(line.find("  ")), std::string("  ") + row.shown + "  {}");
         EXPECT_EQ(support::member(lines.output(), "channel"), '"' + row.channel + '"');
@@ -582,7 +584,7 @@ TEST(CtlMonitor, KeepsTheChannelsExactTextForPrograms) {
                                          std::pair("no\xff UTF-8|{}", R"("channel":"no\\xff UTF-8")"),
                                          std::pair("no bar", R"("channel":"","name":null)")}) {
         support::Process monitor("monitor", {TAVRIXCTL, "monitor", address, "--count", "1", "--json", "lines"});
-        publish_until_it_ends(&monitor, {address}, {frame});
+        publish_until_they_end({&monitor}, {address}, {frame});
         EXPECT_NE(monitor.output().find(channel), std::string::npos) << monitor.output();
     }
 }
@@ -590,8 +592,8 @@ TEST(CtlMonitor, KeepsTheChannelsExactTextForPrograms) {
 TEST(CtlMonitor, TakesAChannelByItsName) {
     const std::string address = support::free_bus_address();
     support::Process monitor("monitor", {TAVRIXCTL, "monitor", address, "--channel", "replies", "--count", "1"});
-    publish_until_it_ends(&monitor, {address},
-                          {"x|{}", "2524546b|{}", std::string(TAVRIX_ROUTER_REPLY_CHANNEL) + "|{}"});
+    publish_until_they_end({&monitor}, {address},
+                           {"x|{}", "2524546b|{}", std::string(TAVRIX_ROUTER_REPLY_CHANNEL) + "|{}"});
     EXPECT_NE(monitor.output().find("  replies  {}"), std::string::npos) << monitor.output();
 }
 
@@ -599,7 +601,7 @@ TEST(CtlMonitor, TakesAChannelsNameForTheBeginningOfOthersToo) {
     for (const std::string frame : {"events.LinkChanged|{}", TAVRIX_CHANNEL_EVENTS "|{}"}) {
         const std::string address = support::free_bus_address();
         support::Process monitor("monitor", {TAVRIXCTL, "monitor", address, "--channel", "events", "--count", "1"});
-        publish_until_it_ends(&monitor, {address}, {"x|{}", frame});
+        publish_until_they_end({&monitor}, {address}, {"x|{}", frame});
         EXPECT_NE(monitor.output().find("  events"), std::string::npos) << monitor.output();
     }
 }
@@ -607,7 +609,7 @@ TEST(CtlMonitor, TakesAChannelsNameForTheBeginningOfOthersToo) {
 TEST(CtlMonitor, KeepsAFrameThatIsNoJsonOnOneHarmlessLine) {
     const std::string address = support::free_bus_address();
     support::Process monitor("monitor", {TAVRIXCTL, "monitor", address, "--count", "2"});
-    publish_until_it_ends(&monitor, {address}, {"cha\tnnel|no\nJSON \033[2J \\ \xc3\xa4", "no bar"});
+    publish_until_they_end({&monitor}, {address}, {"cha\tnnel|no\nJSON \033[2J \\ \xc3\xa4", "no bar"});
     std::istringstream lines(monitor.output());
     std::string line;
     std::vector<std::string> shown;
@@ -621,7 +623,7 @@ TEST(CtlMonitor, KeepsAFrameThatIsNoJsonOnOneHarmlessLine) {
 TEST(CtlMonitor, PrintsJsonThatSteersNoTerminal) {
     const std::string address = support::free_bus_address();
     support::Process monitor("monitor", {TAVRIXCTL, "monitor", address, "--count", "1"});
-    publish_until_it_ends(&monitor, {address}, {"channel|{\"\x7f\":\"\xc2\x9b\x32J\"}"});
+    publish_until_they_end({&monitor}, {address}, {"channel|{\"\x7f\":\"\xc2\x9b\x32J\"}"});
     const std::string line = first_line(monitor.output());
     EXPECT_EQ(line.substr(line.find("  ")), R"(  channel  {"\u007F":"\u009B2J"})");
 }

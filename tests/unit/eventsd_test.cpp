@@ -350,6 +350,15 @@ TEST_F(EventsService, LeavesTheSlotToAnotherUntilItHasRegistered) {
     EXPECT_FALSE(registered.is_stopped());
 }
 
+TEST_F(EventsService, SharesNothingWhenNoSlotIsNamed) {
+    events::Context alone;
+    alone.slot = "";
+    driven::Service service("eventsd", events::methods(), &alone, events::share_number);
+    EXPECT_FALSE(service.is_stopped());
+    EXPECT_EQ(service.call("events.Report", R"({"text":"one"})"), result(event(1, "report", "", "one")));
+    EXPECT_FALSE(service.logged("not shared"));
+}
+
 TEST_F(EventsService, EndsWhenItCannotShareItsNumber) {
     events::Context hopeless;
     hopeless.slot = "/no/slot";

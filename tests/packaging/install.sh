@@ -1,0 +1,183 @@
+#!/usr/bin/env bash
+# The packages in a bare Debian root without systemd: installed, started, upgraded, removed, purged; nothing stays.
+# usage: tests/packaging/install.sh PACKAGES VERSION ROOT; the root is made when it is not there, and then removed.
+set -euo pipefail
+
+fail() {
+    echo "install: $1" >&2
+    exit 1
+}
+
+# --- Outside: the root, and what is put into it --------------------------------------------------------------------
+
+# The same packages under a later version: all that an upgrade needs.
+make_next_version() { # FOLDER VERSION NEXT
+    local file tree=$1/tree
+    mkdir "$1/next"
+    for file in "$1"/first/*.deb; do
+        dpkg-deb -R "$file" "$tree"
+        sed -i -e "s/^Version: .*/Version: $3/" -e "s/(= $2)/(= $3)/g" "$tree/DEBIAN/control"
+        dpkg-deb -b --root-owner-group "$tree" "$1/next" >/dev/null
+        rm -rf "$tree"
+    done
+}
+
+outside() { # PACKAGES VERSION ROOT
+    local packages=$1 version=$2 root made=false
+    [ "$(id -u)" = 0 ] || fail "only root can make a root"
+    if [ ! -e "$3/etc/debian_version" ]; then
+        made=true
+        debootstrap --variant=minbase bookworm "$3" http://deb.debian.org/debian >/dev/null
+    fi
+    root=$(realpath "$3")
+    # shellcheck disable=SC2064 # the values of now
+    trap "rm -rf '$root/tried' '$root/usr/sbin/policy-rc.d'; if $made; then rm -rf '$root'; fi" EXIT
+    mkdir -p "$root/tried/first"
+    cp "$packages"/*_"$version"_amd64.deb "$packages"/*_"$version"_all.deb "$root/tried/first"
+    make_next_version "$root/tried" "$version" "$version+1"
+    cp "$0" "$root/tried/install.sh"
+    # Namespaces of its own: what is mounted and started in there ends with it.
+    # shellcheck disable=SC2016 # expanded in there
+    unshare --mount --pid --fork --mount-proc="$root/proc" bash -c '
+        mkdir -p "$0/dev/shm"
+        mount -t tmpfs none "$0/dev/shm" && exec chroot "$0" bash /tried/install.sh --inside "$1"' "$root" "$version"
+}
+
+# --- Inside --------------------------------------------------------------------------------------------------------
+
+apt() {
+    DEBIAN_FRONTEND=noninteractive apt-get -qq -y --no-install-recommends "$@" >/tried/apt.log 2>&1 && return
+    cat /tried/apt.log >&2
+    fail "apt-get $*"
+}
+
+# All files but those that the package manager, the loader and adduser keep for themselves.
+files() {
+    local path own=(-path /tried)
+    for path in /proc /dev /tmp /run/adduser /var/cache /var/lib/apt /var/lib/dpkg /var/log/apt '/var/log/*.log' \
+        /etc/ld.so.cache /etc/passwd- /etc/shadow- /etc/group- /etc/gshadow- /etc/subuid- /etc/subgid-; do
+        own+=(-o -path "$path")
+    done
+    find / -xdev \( "${own[@]}" \) -prune -o -print | sort
+}
+
+pid_of() { cat "/run/tavrix-$1.pid"; }
+
+# Prints the names of the daemons that run, each as the user tavrix or it is not counted.
+running() {
+    local daemon pid
+    for daemon in routerd portsd eventsd; do
+        pid=$(pid_of "$daemon" 2>/dev/null) || continue
+        [ "$(readlink "/proc/$pid/exe")" = "/usr/sbin/tavrix-$daemon" ] || continue
+        [ "$(stat -c %U:%G "/proc/$pid")" = tavrix:tavrix ] && echo "$daemon"
+    done | tr '\n' ' '
+}
+
+any_process() { # by its program, whoever started it and whatever became of its file
+    local exe
+    for exe in /proc/[0-9]*/exe; do readlink "$exe" 2>/dev/null || true; done | grep -q tavrix
+}
+
+expect() { # WHAT GOT WANTED
+    [ "$2" = "$3" ] || { cat /var/log/tavrix/*.log >&2 || true; fail "$1: '$2' instead of '$3'"; }
+    echo "   $1"
+}
+
+serves() { # the client finds what the services have, and the database is whole
+    local methods
+    methods=$(tavrixctl list) || return 1
+    grep -q '^ports\.Get ' <<<"$methods" && grep -q '^events\.Get ' <<<"$methods" &&
+        tavrixctl call mzu.List >/dev/null && tavrixctl db check /var/lib/tavrix/fleet.db >/dev/null
+}
+
+all="routerd portsd eventsd "
+
+installed() {
+    expect "started by the installation" "$(running)" "$all"
+    serves || fail "the client does not find the services"
+    expect "the database is the user's" "$(stat -c '%U %a' /var/lib/tavrix/fleet.db)" "tavrix 640"
+    expect "the bus is closed to strangers" "$(stat -c '%U:%G %a' /run/tavrix/bus)" "tavrix:tavrix 770"
+    [ -s /usr/share/man/man8/tavrix-routerd.8.gz ] || fail "no man page"
+}
+
+scripted() {
+    local before
+    before=$(pid_of portsd)
+    /etc/init.d/tavrix start >/dev/null
+    expect "a second start changes nothing" "$(running)$(pid_of portsd)" "$all$before"
+    /etc/init.d/tavrix reload >/dev/null
+    expect "reloaded" "$(running)" "$all"
+    kill -9 "$before"
+    while [ -d "/proc/$before" ]; do sleep 0.05; done
+    /etc/init.d/tavrix status >/dev/null && fail "status does not tell of a daemon that is gone"
+    /etc/init.d/tavrix start >/dev/null
+    serves || fail "portsd does not serve after it was killed"
+    expect "started again after a kill" "$(running)" "$all"
+    /etc/init.d/tavrix restart >/dev/null
+    serves || fail "nothing serves after a restart"
+    /etc/init.d/tavrix stop >/dev/null
+    expect "stopped" "$(running)" ""
+    any_process && fail "a process is left"
+    printf '[portsd]\nno_such_option=1\n' >/tried/wrong.conf
+    cp /etc/tavrix/portsd.conf /tried/right.conf
+    cp /tried/wrong.conf /etc/tavrix/portsd.conf
+    /etc/init.d/tavrix start >/dev/null 2>/tried/start.log && fail "a start with a wrong file succeeds"
+    grep -q "/var/log/tavrix/portsd.log" /tried/start.log || fail "nothing says where to look"
+    grep -q "no option 'no_such_option'" /var/log/tavrix/portsd.log || fail "the log does not say what is wrong"
+    expect "a wrong configuration stops the start there" "$(running)" "routerd "
+    cp /tried/right.conf /etc/tavrix/portsd.conf
+    /etc/init.d/tavrix start >/dev/null
+    expect "and a right one goes on" "$(running)" "$all"
+}
+
+upgraded() { # FROM
+    local before
+    before=$(pid_of routerd)
+    echo '#client_timeout=500' >>/etc/tavrix/routerd.conf
+    tavrixctl log-level portsd debug >/dev/null
+    stat -c %i /var/lib/tavrix/fleet.db >/tried/database
+    apt install /tried/next/*.deb
+    expect "the next version" "$(dpkg-query -W -f '${Version}' tavrix-daemons)" "$1+1"
+    [ "$(pid_of routerd)" != "$before" ] || fail "the former router still runs"
+    expect "runs after the upgrade" "$(running)" "$all"
+    serves || fail "nothing serves after the upgrade"
+    expect "the database stays" "$(stat -c %i /var/lib/tavrix/fleet.db)" "$(cat /tried/database)"
+    expect "what was written into a file stays" "$(tail -n 1 /etc/tavrix/routerd.conf)" "#client_timeout=500"
+    expect "and what the client has written" "$(grep portsd= /etc/tavrix_lsyslog.conf)" "portsd=debug"
+}
+
+removed() {
+    apt remove tavrix-daemons
+    any_process && fail "a process outlives the removal"
+    expect "the removal leaves the configuration" "$(tail -n 1 /etc/tavrix/routerd.conf)" "#client_timeout=500"
+    expect "and the database" "$(stat -c %i /var/lib/tavrix/fleet.db)" "$(cat /tried/database)"
+    [ ! -e /run/tavrix ] || fail "/run/tavrix is left"
+    apt install /tried/next/tavrix-daemons_*.deb
+    serves || fail "nothing serves after the removal is undone"
+    expect "installed again over it" "$(running)" "$all"
+}
+
+purged() {
+    apt purge tavrix-daemons tavrix-tools tavrix-doc libtavrix-dev libtavrix1
+    any_process && fail "a process outlives the purge"
+    apt autoremove --purge
+    files >/tried/after
+    expect "nothing is left" "$(diff /tried/before /tried/after | grep '^[<>]' || true)" ""
+    expect "no user, no group" "$(grep -h tavrix /etc/passwd /etc/group || true)" ""
+}
+
+inside() { # VERSION
+    # Without an init nothing would be started, unless a policy says that it may be.
+    printf '#!/bin/sh\nexit 0\n' >/usr/sbin/policy-rc.d
+    chmod 755 /usr/sbin/policy-rc.d
+    apt update
+    files >/tried/before
+    apt install /tried/first/*.deb
+    installed
+    scripted
+    upgraded "$1"
+    removed
+    purged
+}
+
+if [ "$1" = --inside ]; then inside "$2"; else outside "$@"; fi

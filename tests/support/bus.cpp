@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <random>
 #include <stdexcept>
 
 #include <arpa/inet.h>
@@ -25,19 +26,33 @@ bool wait_until(const std::function<bool()> &condition, int timeout_ms) {
     return true;
 }
 
-int free_port() {
+namespace {
+
+bool can_bind(int port) {
     const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(port));
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    const bool bound = bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0 &&
-                       getsockname(fd, reinterpret_cast<sockaddr *>(&address), &length) == 0;
+    const bool bound = bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0;
     close(fd);
-    if (!bound) {
-        throw std::runtime_error("no free port");
+    return bound;
+}
+
+} // namespace
+
+int free_port() {
+    // Below those that the kernel gives to clients: one of another test's might take it before it is used here.
+    constexpr int first = 10240;
+    constexpr int end = 32768;
+    static std::minstd_rand random{std::random_device()()};
+    for (int attempt = 0; attempt < 1000; ++attempt) {
+        const int port = std::uniform_int_distribution<int>(first, end - 1)(random);
+        if (can_bind(port)) {
+            return port;
+        }
     }
-    return ntohs(address.sin_port);
+    throw std::runtime_error("no free port");
 }
 
 std::string free_bus_address() { return "tcp://127.0.0.1:" + std::to_string(free_port()); }

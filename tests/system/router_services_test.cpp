@@ -1,6 +1,8 @@
 /*
  * Services that register with the router: what it says to each registration, and what becomes of their calls.
  */
+#include <filesystem>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -316,6 +318,36 @@ TEST_F(RouterServices, AreBoundedInNumber) {
     services.pop_back();
     EXPECT_TRUE(fleet.router->says("Service s255 has gone"));
     EXPECT_EQ(member(one_more.ask(Registration{"more"}.line()), "result"), "0") << "one that has gone makes room";
+}
+
+TEST_F(RouterServices, MayComeAndGoTenThousandTimes) {
+    support::write_file("tavrix_lsyslog.conf", "[logging_levels]\nrouterd=off\n"); // two lines each
+    fleet.router->signal(SIGHUP);
+    const std::string descriptors = "/proc/" + std::to_string(fleet.router->pid()) + "/fd";
+    const auto open_ones = [&descriptors] {
+        const std::filesystem::directory_iterator all(descriptors);
+        return std::distance(begin(all), end(all));
+    };
+    SessionClient client;
+    EXPECT_EQ(member(client.ask(request("router.Status", "1")), "id"), "1");
+    const auto before = open_ones();
+    for (int i = 0; i < 10000; ++i) {
+        Registration registration{"s" + std::to_string(i)};
+        registration.methods = "[\"ports.M" + std::to_string(i) + "\"]";
+        DirectService service(registration);
+        if (i % 100 == 0) {
+            client.say(request("ports.M" + std::to_string(i), std::to_string(i)));
+            service.reply(service.next_request(), "1");
+            ASSERT_EQ(member(client.hear(), "id"), std::to_string(i));
+        }
+    }
+    EXPECT_TRUE(support::wait_until([&] { return open_ones() <= before; }));
+    const std::string services = status_member("services");
+    size_t count = 0;
+    for (size_t at = services.find("\"name\":"); at != std::string::npos; at = services.find("\"name\":", at + 1)) {
+        ++count;
+    }
+    EXPECT_LE(count, 256U) << "those that have gone make room";
 }
 
 // --- Their life ----------------------------------------------------------------------------------------------------

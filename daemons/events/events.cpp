@@ -1,6 +1,8 @@
 #include "events.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <fstream>
 #include <sstream>
 
@@ -66,7 +68,7 @@ const Event *Log::last_of(const std::string &port_id) const {
 bool read_script(const std::string &path, std::vector<LinkChange> *out) {
     std::ifstream file(path);
     const auto complain = [&path] {
-        LOG_ERROR("Cannot read the script %s\n", path.c_str());
+        LOG_ERROR("Cannot read the script %s: %s\n", path.c_str(), std::strerror(errno));
         return false;
     };
     if (!file) {

@@ -86,8 +86,12 @@ bool publish_on(tavrix_service *service, const char *address) {
         return false;
     }
     if (!bind_publisher(service, address)) {
-        LOG_ERROR("Cannot publish on %s: %s; is another %s running?\n", Printable(address).text, bus_error(),
-                  service->name);
+        if (errno == EADDRINUSE) {
+            LOG_ERROR("Cannot publish on %s: %s; is another %s running?\n", Printable(address).text, bus_error(),
+                      service->name);
+        } else {
+            LOG_ERROR("Cannot publish on %s: %s\n", Printable(address).text, bus_error());
+        }
         return false;
     }
     return true;

@@ -6,6 +6,8 @@
  * fit into 32 bits, which are cut there, control characters, values that read as an empty list.
  */
 #include <cerrno>
+#include <cfloat>
+#include <cmath>
 #include <cstdarg>
 #include <cstdio>
 
@@ -427,17 +429,15 @@ int check_boolean(const Check &check, const Place &place, Value *value) {
 
 /** The library takes what is no number for 0: the text has to be one from its beginning to its end. */
 bool is_number_text(tavrix_kind kind, const char *text) {
+    const bool is_whole = kind == TAVRIX_KIND_UINT64;
+    if (*text == '\0' || std::strchr(is_whole ? "0123456789" : "0123456789+-.", *text) == nullptr) {
+        return false; // blanks, and words such as nan
+    }
     char *end = nullptr;
     errno = 0;
-    if (kind == TAVRIX_KIND_UINT64) {
-        static_cast<void>(std::strtoull(text, &end, 0));
-        if (text[0] < '0' || text[0] > '9') { // a sign or a blank
-            return false;
-        }
-    } else {
-        static_cast<void>(std::strtod(text, &end));
-    }
-    return *text != '\0' && *end == '\0' && errno == 0 && std::strlen(text) <= max_number_text;
+    const double number = is_whole ? static_cast<double>(std::strtoull(text, &end, 0)) : std::strtod(text, &end);
+    const bool fits = is_whole || std::fabs(number) <= static_cast<double>(FLT_MAX); // false for what is no number
+    return fits && *end == '\0' && errno == 0 && std::strlen(text) <= max_number_text;
 }
 
 int check_number_text(const Check &check, const Place &place, Value *value) {

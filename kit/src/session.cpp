@@ -52,14 +52,28 @@ void retry_in(tavrix_service *service, int ms) {
     }
 }
 
+const char *hint_for(int code) {
+    switch (code) {
+    case TAVRIX_JRPC_NOT_UNIQUE:
+        return "; is another one running?";
+    case TAVRIX_JRPC_METHOD_NOT_FOUND:
+        return "; do its policy and this process's user fit?";
+    case TAVRIX_JRPC_TIMED_OUT:
+        return "; can it reach the addresses that this service publishes on?";
+    default:
+        return "";
+    }
+}
+
 /** Tells a refusal once, however often it is repeated, and asks again later. */
-void registration_failed(tavrix_service *service, const tavrix_answer *answer, const char *hint) {
+void registration_failed(tavrix_service *service, const tavrix_answer *answer) {
     Session *session = &service->session;
     const char *message = json_string_value(json_object_get(answer->data, "message"));
     if (session->refusal != answer->code) {
         session->refusal = answer->code;
         LOG_ERROR("The router at %s refuses %s: %s (%s)%s\n", session->path, service->name,
-                  Printable(message != nullptr ? message : answer->message).text, answer->message, hint);
+                  Printable(message != nullptr ? message : answer->message).text, answer->message,
+                  hint_for(answer->code));
     }
     if ((service->options.flags & TAVRIX_SERVICE_NEED_ROUTER) != 0 && !session->was_ready) {
         give_up(service);
@@ -98,15 +112,7 @@ void on_registered(tavrix_service *service, const tavrix_answer *answer, void * 
     if (!session_is_connected(service) || answer->outcome == TAVRIX_OUTCOME_CANCELLED) {
         return; // the next connection asks anew
     }
-    const char *hint = "";
-    if (answer->code == TAVRIX_JRPC_NOT_UNIQUE) {
-        hint = "; is another one running?";
-    } else if (answer->code == TAVRIX_JRPC_METHOD_NOT_FOUND) {
-        hint = "; do its policy and this process's user fit?";
-    } else if (answer->code == TAVRIX_JRPC_TIMED_OUT) {
-        hint = "; can it reach the addresses that this service publishes on?";
-    }
-    registration_failed(service, answer, hint);
+    registration_failed(service, answer);
 }
 
 json_t *names_of_methods(const tavrix_service *service) {
@@ -145,7 +151,7 @@ void send_registration(tavrix_service *service) {
 void on_bus_known(tavrix_service *service, const tavrix_answer *answer, void * /*user*/) {
     if (answer->outcome != TAVRIX_OUTCOME_RESULT) {
         if (session_is_connected(service) && answer->outcome != TAVRIX_OUTCOME_CANCELLED) {
-            registration_failed(service, answer, "");
+            registration_failed(service, answer);
         }
         return;
     }

@@ -21,7 +21,6 @@ constexpr int clients_per_turn = 32;
 constexpr milliseconds time_per_turn{1}; // what they ask is often answered as they are accepted
 constexpr milliseconds pause_time{100};
 constexpr milliseconds tcp_attempt_interval{1000};
-constexpr int refusal_time_ms = 500;
 
 sockaddr_in tcp_socket_address(const std::string &address, int port) {
     sockaddr_in place{};
@@ -29,25 +28,6 @@ sockaddr_in tcp_socket_address(const std::string &address, int port) {
     place.sin_port = htons(static_cast<uint16_t>(port));
     inet_pton(AF_INET, address.c_str(), &place.sin_addr);
     return place;
-}
-
-/**
- * Whether somebody takes connections there; a full backlog, which takes none at the moment, counts. A refusal may take
- * a moment on a busy machine: this is asked before anybody is served, so it can be waited for.
- */
-bool is_served(const sockaddr_in &place) {
-    daemon_support::StreamSocket probe;
-    *probe.place() = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    const auto *address = reinterpret_cast<const sockaddr *>(&place);
-    if (connect(*probe.get(), address, sizeof place) == 0) {
-        return true;
-    }
-    pollfd state{*probe.get(), POLLOUT, 0};
-    int refusal = 0;
-    socklen_t size = sizeof refusal;
-    return errno == EINPROGRESS &&
-           (poll(&state, 1, refusal_time_ms) == 0 ||
-            getsockopt(*probe.get(), SOL_SOCKET, SO_ERROR, &refusal, &size) != 0 || refusal == 0);
 }
 
 } // namespace
@@ -83,15 +63,42 @@ bool Listener::open_tcp(event_base *base, const std::string &address, int port, 
     if (try_tcp()) {
         return watch(base, *tcp_.get(), std::move(taker));
     }
-    const int reason = errno;
-    const bool served = reason == EADDRINUSE && is_served(tcp_socket_address(address, port));
-    if (served || reason != EADDRINUSE) {
-        LOG_ERROR("Cannot listen on TCP port %d of %s: %s\n", port, address.c_str(),
-                  served ? "somebody serves there" : std::strerror(reason));
-        return false;
+    if (errno != EADDRINUSE) {
+        return tcp_failed(std::strerror(errno));
+    }
+    knock();
+    if (is_answered()) {
+        return tcp_failed("somebody serves there");
     }
     LOG_WARNING("Cannot listen on TCP port %d yet, trying again\n", port);
     return watch(base, -1, std::move(taker)) && daemon_support::add_after(pause_, tcp_attempt_interval);
+}
+
+bool Listener::tcp_failed(const char *why) {
+    LOG_ERROR("Cannot listen on TCP port %d of %s: %s\n", tcp_port_, tcp_address_.c_str(), why);
+    return false;
+}
+
+/** Begins a connection to the port that is taken: it tells whether somebody serves there. */
+void Listener::knock() {
+    const sockaddr_in place = tcp_socket_address(tcp_address_, tcp_port_);
+    *probe_.place() = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (connect(*probe_.get(), reinterpret_cast<const sockaddr *>(&place), sizeof place) != 0 && errno != EINPROGRESS) {
+        probe_.reset();
+    }
+}
+
+/** Mostly known at once; on a busy machine, or with a full backlog there, only later. */
+bool Listener::is_answered() {
+    pollfd state{*probe_.get(), POLLOUT, 0};
+    if (!probe_.is_open() || poll(&state, 1, 0) != 1) {
+        return false;
+    }
+    int refusal = 0;
+    socklen_t size = sizeof refusal;
+    const bool is_refused = getsockopt(*probe_.get(), SOL_SOCKET, SO_ERROR, &refusal, &size) != 0 || refusal != 0;
+    probe_.reset();
+    return !is_refused;
 }
 
 bool Listener::try_tcp() {
@@ -121,7 +128,11 @@ void Listener::on_pause_over(evutil_socket_t /*descriptor*/, short /*what*/, voi
         if (event_add(self->readable_.get(), nullptr) != 0) {
             daemon_support::add_after(self->pause_, pause_time);
         }
+    } else if (self->is_answered()) {
+        self->has_failed_ = !self->tcp_failed("somebody serves there");
+        event_base_loopbreak(self->base_);
     } else if (self->try_tcp()) {
+        self->probe_.reset();
         LOG_INFO("Listening on TCP port %d\n", self->tcp_port_);
         self->watch(self->base_, *self->tcp_.get(), self->taker_);
     } else {

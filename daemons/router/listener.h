@@ -23,8 +23,12 @@ class Listener {
 
     /** Both log what failed. */
     bool open_unix(event_base *base, const std::string &path, Taker taker);
-    /** A port that nobody serves but that is not free, held by connections of an earlier run, is tried again. */
+    /**
+     * A port that nobody serves but that is not free, held by connections of an earlier run, is tried again. When it
+     * turns out only later that somebody serves there, the loop ends and has_failed() is true.
+     */
     bool open_tcp(event_base *base, const std::string &address, int port, Taker taker);
+    bool has_failed() const { return has_failed_; }
     /** Nobody is accepted any more. */
     void stop();
 
@@ -34,10 +38,15 @@ class Listener {
     void accept_clients();
     bool watch(event_base *base, int descriptor, Taker taker);
     bool try_tcp();
+    bool tcp_failed(const char *why);
+    void knock();
+    bool is_answered();
 
     Taker taker_;
     daemon_support::UnixListener unix_;
     daemon_support::StreamSocket tcp_;
+    daemon_support::StreamSocket probe_; ///< a connection to the port, while it is open who has it
+    bool has_failed_ = false;
     std::string tcp_address_;
     int tcp_port_ = 0;
     event_base *base_ = nullptr;

@@ -73,6 +73,5 @@ int main(int argc, char **argv) {
         return 1;
     }
     notify_manager();
-    router.serve();
-    return 0;
+    return router.serve() ? 0 : 1;
 }

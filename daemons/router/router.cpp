@@ -186,10 +186,11 @@ bool Router::open() {
     return open_listeners();
 }
 
-void Router::serve() {
+bool Router::serve() {
     LOG_INFO("routerd ready\n");
     event_base_dispatch(base());
     LOG_INFO("routerd stopped\n");
+    return !tcp_listener_.has_failed();
 }
 
 void Router::on_signal(evutil_socket_t number, short /*what*/, void *context) {

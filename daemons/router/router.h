@@ -54,8 +54,8 @@ class Router {
 
     /** Opens listeners and bus sockets; logs what failed. */
     bool open();
-    /** Serves until a signal asks for the end. */
-    void serve();
+    /** Serves until a signal asks for the end; false when it ends because it cannot go on. */
+    bool serve();
 
     // For clients and sessions.
     event_base *base() const { return base_.get(); }

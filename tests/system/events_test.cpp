@@ -305,6 +305,7 @@ TEST_F(Events, AnswerEverybodyWhoCameWhileTheyWereStopped) {
 
 TEST_F(Events, PauseOnTheirSocketWhenTheSystemLacksDescriptors) {
     start(never_ms);
+    EXPECT_EQ(code_of(call("events.Last")), "-32013") << "and so its slot has been written";
     rlimit before{};
     ASSERT_EQ(prlimit(fleet.events->pid(), RLIMIT_NOFILE, nullptr, &before), 0);
     const rlimit few{3, before.rlim_max};

@@ -27,7 +27,7 @@ outside() { # PACKAGES VERSION ROOT
     [ "$(id -u)" = 0 ] || fail "only root can make a root"
     if [ ! -e "$3/etc/debian_version" ]; then
         made=true
-        debootstrap --variant=minbase bookworm "$3" http://deb.debian.org/debian >/dev/null
+        debootstrap --variant=minbase bookworm "$3" >/dev/null
     fi
     root=$(realpath "$3")
     # shellcheck disable=SC2064 # the values of now

@@ -54,10 +54,8 @@ void Turns::wait(const std::shared_ptr<Account> &account, Session &session) {
 }
 
 void Turns::leave(Account &account, const Session &session) {
-    const auto place = std::find(account.waiting.begin(), account.waiting.end(), &session);
-    if (place != account.waiting.end()) {
-        account.waiting.erase(place);
-    }
+    std::deque<Session *> &waiting = account.waiting;
+    waiting.erase(std::remove(waiting.begin(), waiting.end(), &session), waiting.end());
 }
 
 } // namespace router

@@ -61,7 +61,9 @@ class Turns {
         }
         for (size_t i = 0; i < noted_.size(); ++i) { // whoever is served may note another
             const std::shared_ptr<Account> account = noted_[i];
-            while (!account->waiting.empty() && has_time(*account)) {
+            // Once each: a service, whose time is its own, may wait again at once.
+            for (size_t left = account->waiting.size(); left > 0 && !account->waiting.empty() && has_time(*account);
+                 --left) {
                 Session *session = account->waiting.front();
                 account->waiting.pop_front();
                 serve(*session);

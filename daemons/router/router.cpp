@@ -318,7 +318,9 @@ void Router::serve_now(Session &session) {
 
 void Router::serve(Session &session) {
     const Account &account = *session.account;
-    if (session.service != nullptr || (account.waiting.empty() && Turns::has_time(account))) {
+    if (session.is_waiting) { // in the list once
+        end_turn();
+    } else if (session.service != nullptr || (account.waiting.empty() && Turns::has_time(account))) {
         serve_now(session); // a service's replies are others' answers: they do not wait for its user's time
     } else {
         guard(&session, [&] { wait_for_turn(session); });

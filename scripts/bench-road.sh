@@ -192,6 +192,7 @@ rows_crowd() {
 }
 
 session_bare() { session_call bare-ipc.sock 1; }
+session_bare_direct() { session_call bare-direct.sock 1; }
 session_tcp() { session_call tcp.session 1; }
 session_ipc() { session_call ipc.session 1; }
 session_direct() { session_call direct.session 1; }
@@ -204,7 +205,9 @@ rows_session() {
     start_bus tcp
     start_bus ipc
     start_direct
+    start bare-direct "$road/bare_direct" bare-direct.sock
     compare_calls "one session, one call at a time, by hand over ipc : bare" "-" bare_tcp session_bare
+    compare_calls "one session, one call at a time, by hand, direct : bare" "-" bare_tcp session_bare_direct
     compare_calls "one session, one call at a time, bus over tcp : bare" "-" bare_tcp session_tcp
     compare_calls "one session, one call at a time, bus over ipc : bare" ">= 1.3" bare_tcp session_ipc
     compare_calls "one session, one call at a time, direct : bare" ">= 2.0" bare_tcp session_direct

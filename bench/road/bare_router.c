@@ -6,6 +6,7 @@
  *     bare_router SOCKET PUBLISH_ADDRESS SERVICE_ADDRESS
  */
 #include "bare_bus.h"
+#include "bare_socket.h"
 
 #include <jansson.h>
 #include <poll.h>
@@ -14,27 +15,9 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
-enum { max_request = 8192, reply_timeout_ms = 200 };
-
-static int listen_on(const char *path) {
-    struct sockaddr_un address = {.sun_family = AF_UNIX};
-    const int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (strlen(path) >= sizeof address.sun_path) {
-        fprintf(stderr, "%s: too long\n", path);
-        exit(1);
-    }
-    memcpy(address.sun_path, path, strlen(path) + 1);
-    unlink(path);
-    if (listener < 0 || bind(listener, (const struct sockaddr *)&address, sizeof address) < 0 ||
-        listen(listener, 128) < 0) {
-        perror(path);
-        exit(1);
-    }
-    return listener;
-}
+enum { reply_timeout_ms = 200 };
 
 /** The request as it goes to the bus, its channel and its own id; null when it is none. */
 static char *readdress(const char *text, size_t length, const char **channel, json_t **id) {
@@ -48,17 +31,6 @@ static char *readdress(const char *text, size_t length, const char **channel, js
     }
     json_decref(request);
     return addressed;
-}
-
-static void send_all(int client, const char *text, size_t length) {
-    while (length > 0) {
-        const ssize_t sent = send(client, text, length, MSG_NOSIGNAL);
-        if (sent < 0) {
-            return;
-        }
-        text += sent;
-        length -= (size_t)sent;
-    }
 }
 
 /** A reply that came too late for its client would be the next one's: whatever waits is thrown away first. */

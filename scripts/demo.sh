@@ -1,43 +1,107 @@
 #!/usr/bin/env bash
-# Shows the road of requests: client -> router -> service -> database -> service -> router -> client.
-# Installs from Debian what is missing, builds, starts everything on private paths and loopback ports, sends requests,
-# and ends with everything stopped. An answer that is not the expected one ends it with a failure.
+# Shows what the system does, a line a step: builds, starts router and services on private paths, sends requests, judges
+# every answer, and ends with everything stopped. An answer that is not the expected one ends it with a failure.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+stop_command="$PWD/scripts/demo.sh --stop"
 
 usage() {
     cat <<'TEXT'
-usage: scripts/demo.sh [--keep] [--built FOLDER]
+usage: scripts/demo.sh [--verbose] [--keep | --stop] [--built FOLDER]
 
-  --keep           leave everything running and print the commands to try
+  --verbose        show every request and reply whole
+  --keep           leave everything running, also after the terminal is closed, and print commands to try
+  --stop           stop what --keep left running
   --built FOLDER   install and build nothing, use the programs of this build folder, for example build/native
+
+Without --keep everything ends with the demonstration, when it is interrupted and when its terminal is closed, too.
 TEXT
 }
 
-keep=false
+keep=false stop=false verbose=false
 bin=
 while [ $# -gt 0 ]; do
     case "$1" in
+    --verbose) verbose=true ;;
     --keep) keep=true ;;
-    --built) bin=$(realpath -e "${2:?--built takes a build folder}"); shift ;;
+    --stop) stop=true ;;
+    --built) bin=$(realpath -e "${2:?--built takes a build folder}"); stop_command+=" --built $bin"; shift ;;
     --help | -h) usage; exit 0 ;;
     *) usage >&2; exit 2 ;;
     esac
     shift
 done
 
-if [ -z "$bin" ]; then
+# --- How it looks ---
+
+if [ -t 1 ] && [ -z "${NO_COLOR:-}" ] && [ "${TERM:-dumb}" != dumb ]; then
+    bold=$'\e[1m' dim=$'\e[2m' green=$'\e[32m' red=$'\e[31m' plain=$'\e[0m'
+else
+    bold='' dim='' green='' red='' plain=''
+fi
+
+fail() {
+    printf '%s✘ %s%s\n' "$red" "$1" "$plain" >&2
+    exit 1
+}
+
+heading() { printf '\n%s%s%s\n' "$bold" "$1" "$plain"; }
+
+cut_to() { # WIDTH TEXT
+    if [ ${#2} -gt "$1" ]; then printf '%s…' "${2:0:$(($1 - 1))}"; else printf '%s' "$2"; fi
+}
+
+padded() { # WIDTH TEXT: printf counts bytes where the locale has none of more than one
+    local text
+    text=$(cut_to "$1" "$2")
+    printf '%s%*s' "$text" $(($1 - ${#text})) ''
+}
+
+# --- Build and folder ---
+
+build() {
     ./scripts/install-packages.sh build demo
-    echo "Building ..."
     cmake --preset demo >/dev/null
-    cmake --build --preset demo -- --quiet
+    if [ -t 1 ]; then # one line that counts
+        NINJA_STATUS='Building [%f of %t] ' cmake --build --preset demo
+    else
+        echo "Building in build/demo, which takes a minute or two at first ..."
+        cmake --build --preset demo -- --quiet
+    fi
     bin=$PWD/build/demo
+}
+
+if $stop && [ -z "$bin" ]; then
+    bin=$PWD/build/demo
+elif [ -z "$bin" ]; then
+    build
 fi
 run=$bin/run
 ctl=$bin/tools/tavrixctl
-if "$ctl" call --socket "$run/router.sock" router.Status >/dev/null 2>&1; then
-    echo "demo: one is still running in $run: stop it first, with the command that it printed" >&2
-    exit 1
+
+still_running() { "$ctl" call --socket "$run/router.sock" router.Status >/dev/null 2>&1; }
+
+stop_processes() { # PID...
+    [ $# -gt 0 ] || return 0
+    kill -CONT "$@" 2>/dev/null || true
+    kill "$@" 2>/dev/null || true
+    for _ in $(seq 200); do # ten seconds, then by force
+        if ! kill -0 "$@" 2>/dev/null; then return 0; fi
+        sleep 0.05
+    done
+    kill -9 "$@" 2>/dev/null || true
+}
+
+if $stop; then
+    [ -e "$run/kept" ] || fail "none was left running in $run"
+    read -r -a kept <"$run/kept" # a shared-memory slot and the process ids
+    stop_processes "${kept[@]:1}"
+    rm -f "/dev/shm/${kept[0]}" "$run/kept"
+    echo "Everything is stopped."
+    exit 0
+fi
+if still_running; then
+    fail "one is still running in $run: stop it first, with scripts/demo.sh --stop"
 fi
 rm -rf "$run"
 mkdir -p "$run"
@@ -46,33 +110,22 @@ cd "$run"
 
 # --- Start ---
 
-fail() {
-    printf '\ndemo: %s\n' "$1" >&2
-    exit 1
-}
-
-pids=()
+declare -A pid_of=()
 slot=tavrix-demo-$$
 stop_all() {
-    if [ ${#pids[@]} -gt 0 ]; then
-        kill "${pids[@]}" 2>/dev/null || true
-        for _ in $(seq 200); do # ten seconds, then by force
-            if [ -z "$(jobs -pr)" ]; then break; fi
-            sleep 0.05
-        done
-        kill -9 "${pids[@]}" 2>/dev/null || true
-        wait "${pids[@]}" 2>/dev/null || true
-    fi
+    stop_processes "${pid_of[@]}"
+    pid_of=()
     rm -f "/dev/shm/$slot"
 }
 trap stop_all EXIT
+trap 'exit 129' HUP
+trap 'exit 130' INT
+trap 'exit 143' TERM
 
 port=$((20000 + RANDOM % 12000)) # below those that the kernel gives to clients
-next_port() { # a loopback port that nobody listens on
-    port=$((port + 1))
-    while (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null; do port=$((port + 1)); done
-}
-wait_for() { # FILE TEXT: until the file holds the text
+while (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null; do port=$((port + 1)); done
+
+until_there() { # FILE TEXT: until the file holds the text
     for _ in $(seq 600); do
         if grep -q -- "$2" "$1" 2>/dev/null; then return 0; fi
         sleep 0.05
@@ -81,171 +134,232 @@ wait_for() { # FILE TEXT: until the file holds the text
     fail "'$2' never came in $run/$1"
 }
 
+start() { # NAME READY PROGRAM ARGUMENT...: in the background, its log in NAME.log, until that holds READY
+    local name=$1 ready=$2 run_as=()
+    shift 2
+    if $keep; then run_as=(setsid); fi
+    if [ -e "$name.log" ]; then mv "$name.log" "$name-before.log"; fi
+    "${run_as[@]}" "$@" </dev/null >"$name.out" 2>"$name.log" &
+    pid_of[$name]=$!
+    disown # the shell says nothing when one of them is killed
+    until_there "$name.log" "$ready"
+}
+
+start_ports() { # started anew in the middle of it
+    start portsd "portsd ready" "$bin/daemons/ports/tavrix-portsd" --session session.sock
+}
+
 sqlite3 zqn_h7.db <"$schema/schema.sql"
 sqlite3 zqn_h7.db <"$schema/fleet.sql"
 printf '[logging_levels]\nrouterd=info\nportsd=info\neventsd=info\n' >tavrix_lsyslog.conf
-next_port
+printf 'c1-1 down\nc1-1 up\n' >links.txt
 export TAVRIX_SOCKET=router.sock TAVRIX_SESSION=session.sock
 
-"$bin/daemons/router/tavrix-routerd" --socket router.sock --session session.sock --publish ipc://bus/router \
-    --tcp "$port" --reply-timeout 1500 --client-timeout 10000 >/dev/null 2>routerd.log &
-pids+=($!)
-wait_for routerd.log "routerd ready"
-start_ports() { # the second process: started anew in the middle of it
-    "$bin/daemons/ports/tavrix-portsd" --session session.sock >/dev/null 2>portsd.log &
-    pids[1]=$!
-    wait_for portsd.log "portsd ready"
-}
+start routerd "routerd ready" "$bin/daemons/router/tavrix-routerd" --socket router.sock --session session.sock \
+    --publish ipc://bus/router --tcp "$port" --reply-timeout 1500 --client-timeout 10000
 start_ports
-printf 'c1-1 down\nc1-1 up\n' >links.txt
-"$bin/daemons/events/tavrix-eventsd" --session session.sock --socket events.sock \
-    --script links.txt --interval 500 --slot "/$slot" >/dev/null 2>eventsd.log &
-pids+=($!)
-wait_for eventsd.log "eventsd ready"
-"$ctl" monitor --json lines 'ports.*' 'mzu.*' >traffic.log 2>monitor.log &
-pids+=($!)
-wait_for monitor.log "watching through the router"
+start eventsd "eventsd ready" "$bin/daemons/events/tavrix-eventsd" --session session.sock --socket events.sock \
+    --script links.txt --interval 500 --slot "/$slot"
+start monitor "watching through the router" "$ctl" monitor --json lines 'ports.*' 'mzu.*'
 
-# --- Requests ---
+# --- Steps ---
 
-number=0
+steps=0
+latencies=()
 
-# outcome STATUS REPLY: what a request came to: "result", the code of an error response, or "none" without an answer
-outcome() {
-    case "$1" in
-    0) echo result ;;
-    1 | 3) grep -o -m 1 '"code":-[0-9]*' <<<"$2" | grep -o -e '-[0-9]*' || echo unknown ;;
-    4) echo none ;;
-    *) echo unknown ;;
-    esac
-}
-
-# show SERVICE OUTCOME TITLE TEXT: sends a request as it stands; SERVICE is who is to have it, or nobody
-show() {
-    local service=$1 expected=$2 title=$3 text=$4
-    local first reply status=0 line="" wanted=0 seen request="(nothing)" answer="(nothing)"
+# step TITLE SERVICE OUTCOME WORDS COMMAND...: one line of what a command came to.
+# SERVICE is who has to get one request of it, or nobody; OUTCOME what its answer has to be: "result", an error's code,
+# or "none"; WORDS makes the line's words of a result, as jq has it.
+step() {
+    local title=$1 service=$2 expected=$3 words=$4 first reply status=0 seen wanted=0 text milliseconds=''
+    shift 4
     [ "$service" = nobody ] || wanted=1
-    first=$(($(wc -l <traffic.log) + 1))
-    reply=$("$ctl" send --socket router.sock "$text" 2>&1) || status=$?
+    first=$(($(wc -l <monitor.out) + 1))
+    reply=$("$@" 2>>ctl.log) || status=$?
     for _ in $(seq 200); do
-        seen=$(tail -n +"$first" traffic.log | wc -l)
+        seen=$(tail -n +"$first" monitor.out | wc -l)
         if [ "$seen" -ge "$wanted" ]; then break; fi
         sleep 0.05
     done
-    line=$(tail -n +"$first" traffic.log)
-    if [ -n "$line" ]; then
-        request=$(sed 's/.*,"request":\(.*\),"reply":.*/\1/' <<<"$line")
-        case "$line" in # otherwise it is the router that answers
-        *'"outcome":"result"'* | *'"outcome":"error"'*) answer=$(sed 's/.*,"reply":\(.*\)}$/\1/' <<<"$line") ;;
-        esac
-    fi
-    number=$((number + 1))
-    printf '\n%2d. %s\n' "$number" "$title"
-    printf '    client  -> router   %s\n' "$text"
-    printf '    router  -> service  %s\n' "$request"
-    printf '    service -> router   %s\n' "$answer"
-    printf '    router  -> client   %s   [exit status %d]\n' "$reply" "$status"
-    [ "$(outcome "$status" "$reply")" = "$expected" ] || fail "the answer should have been $expected"
-    [ "$seen" -eq "$wanted" ] || fail "$seen requests went to a service instead of $wanted"
-    case "$service $line" in
-    nobody*) ;;
-    *"\"service\":\"$service\""*) ;;
-    *) fail "$service should have had the request" ;;
+    tail -n +"$first" monitor.out >passed
+    steps=$((steps + 1))
+
+    case "$status $(jq -r '(.error.code)? // "result"' <<<"$reply" 2>/dev/null)" in
+    0\ result) outcome=result text=$(jq -r "$words" <<<"$reply") ;;
+    4\ *) outcome=none text="closed without an answer" ;;
+    *) outcome=$(jq -r '.error.code' <<<"$reply" 2>/dev/null || echo unknown)
+        text=$(jq -r '"\(.error.data?.reason? // .error.data?.message? // .error.message) (\(.error.code))"' \
+            <<<"$reply" 2>/dev/null || echo "$reply") ;;
     esac
+    [ "$outcome" = "$expected" ] || fail "$title: $text; the answer should have been $expected"
+    [ "$seen" -eq "$wanted" ] || fail "$title: $seen requests went to a service instead of $wanted"
+    if [ "$wanted" -eq 1 ]; then
+        [ "$(jq -r .service passed)" = "$service" ] || fail "$title: $service should have had the request"
+        milliseconds=$(LC_ALL=C printf '%.1f' "$(jq -r '.seconds * 1000' passed)")
+        latencies+=("$milliseconds")
+        milliseconds+=" ms"
+    fi
+    printf '%s✔%s %s ' "$green" "$plain" "$(padded 34 "$title")"
+    if [ "$wanted" -eq 1 ]; then
+        printf '%s %s%9s%s\n' "$(padded 53 "$text")" "$dim" "$milliseconds" "$plain"
+    else
+        printf '%s\n' "$(cut_to 63 "$text")"
+    fi
+    if $verbose; then show_frames "$reply"; fi
 }
 
-call() { # SERVICE OUTCOME TITLE METHOD PARAMS
-    show "$1" "$2" "$3" \
-        "{\"jsonrpc\":\"2.0\",\"method\":\"$4\",\"id\":\"demo\",\"transaction_id\":$((number + 101)),\"params\":$5}"
+show_frames() { # REPLY: and what went to a service and came back meanwhile
+    printf '%s' "$dim"
+    jq -c '.request, .reply' passed | sed 's/^/    service  /'
+    printf '    client   %s\n' "$1"
+    printf '%s' "$plain"
 }
 
-call portsd result "Read one port" ports.Get '{"port_id":"c1-1"}'
-call portsd result "Switch a port on" ports.SetEnabled '{"port_id":"c1-3","status":"enable"}'
-call portsd result "Read it back from the database" ports.Get '{"port_id":"c1-3"}'
-call portsd result "Put a port into an access VLAN" ports.SetVlanAccess '{"port_id":"d2","vlan_id":20}'
-call portsd result "A trunk with three VLANs" ports.SetVlanTrunk '{"port_id":"c2-1","vlan_ids":[10,20,30]}'
-call portsd result "Register an edge switch" mzu.Register '{"mzu_id":"c4","model":"ZQN-E12","mac":"00-1b-0d-00-00-04","alias":"attic"}'
-call portsd -32602 "A parameter is missing" ports.Get '{}'
-call portsd -32602 "A parameter of the wrong type" ports.SetVlanAccess '{"port_id":"d2","vlan_id":"20"}'
-call portsd -32602 "A parameter out of range" ports.SetVlanAccess '{"port_id":"d2","vlan_id":4093}'
-call portsd -32602 "A parameter that is no option" ports.SetEnabled '{"port_id":"d2","status":"on"}'
-call portsd -32034 "A port that does not exist" ports.Get '{"port_id":"c1-99"}'
-call nobody -32601 "An unknown method" ports.Explode '{}'
-call nobody -32601 "A method whose service is not there" interfaces.Get '{}'
-show nobody none "A request without id: a notification, which the router refuses" '{"jsonrpc":"2.0","method":"ports.Get"}'
-show nobody -32600 "No JSON at all" 'good morning'
+# A request as any client may write it, over the router's socket for one request.
+request() { # METHOD PARAMS
+    "$ctl" send --timeout 30 "{\"jsonrpc\":\"2.0\",\"method\":\"$1\",\"id\":\"demo\",\"transaction_id\":$((steps + 101)),\"params\":$2}"
+}
 
-# --- Clients and services that do not behave ---
+port_words='.result.ports[0] | [if .status == "enable" then .link_status else "off" end, .link_speed,
+    ([.vlan_mode, "VLAN", (.vlan_ids | map(tostring) | join(", "))] | select(.[2] != "") | join(" "))] | join(", ")'
 
+leg() { # ENDS TEXT: without the member that is always the same, unless everything is to be seen
+    local text=$2
+    if ! $verbose; then text=$(cut_to 70 "${text/\"jsonrpc\":\"2.0\",/}"); fi
+    printf ' %s   %s\n' "$1" "$text"
+}
+
+# The road of one request, drawn from what was said at each end and what passed in the middle.
+draw_road() {
+    local asked reply
+    asked='{"jsonrpc":"2.0","method":"ports.Get","id":"demo","params":{"port_id":"c1-1"}}'
+    reply=$("$ctl" send "$asked") || true # it is the first step that judges it
+    until_there monitor.out ports.Get
+    heading "The road of one request"
+    leg 'client ──▶ router           ' "$asked"
+    leg '           router ──▶ portsd' "$(head -n 1 monitor.out | jq -c .request)"
+    leg '           router ◀── portsd' "$(head -n 1 monitor.out | jq -c .reply)"
+    leg 'client ◀── router           ' "$reply"
+}
+
+draw_road
+
+heading "Read and change"
+step "ports.Get c1-1" portsd result "$port_words" request ports.Get '{"port_id":"c1-1"}'
+step "ports.SetEnabled c1-3 enable" portsd result '"done"' request ports.SetEnabled '{"port_id":"c1-3","status":"enable"}'
+step "ports.Get c1-3" portsd result "$port_words" request ports.Get '{"port_id":"c1-3"}'
+step "ports.SetVlanTrunk c2-1 10,20,30" portsd result '"done"' \
+    request ports.SetVlanTrunk '{"port_id":"c2-1","vlan_ids":[10,20,30]}'
+step "mzu.Register c4" portsd result '"registered as \(.result.mzu_id)"' request mzu.Register \
+    '{"mzu_id":"c4","model":"ZQN-E12","mac":"00-1b-0d-00-00-04","alias":"attic"}'
+
+heading "Refused, with the reason"
+step "ports.Get" portsd -32602 . request ports.Get '{}'
+step 'ports.SetVlanAccess d2 "20"' portsd -32602 . request ports.SetVlanAccess '{"port_id":"d2","vlan_id":"20"}'
+step "ports.SetVlanAccess d2 4093" portsd -32602 . request ports.SetVlanAccess '{"port_id":"d2","vlan_id":4093}'
+step "ports.SetEnabled d2 on" portsd -32602 . request ports.SetEnabled '{"port_id":"d2","status":"on"}'
+step "ports.Get c1-99" portsd -32034 . request ports.Get '{"port_id":"c1-99"}'
+step "ports.Explode" nobody -32601 . request ports.Explode '{}'
+step "interfaces.Get" nobody -32601 . request interfaces.Get '{}'
+step "a request without id" nobody none . "$ctl" send '{"jsonrpc":"2.0","method":"ports.Get"}'
+step '"good morning"' nobody -32600 . "$ctl" send 'good morning'
+
+heading "Whoever does not behave disturbs nobody"
 silent=()
 for _ in $(seq 20); do
     exec {descriptor}<>"/dev/tcp/127.0.0.1/$port"
     silent+=("$descriptor")
 done
-call portsd result "Twenty clients have connected and say nothing: they hold nobody up" ports.Get '{"port_id":"d1"}'
+step "20 silent ones: ports.Get d1" portsd result "$port_words" request ports.Get '{"port_id":"d1"}'
 for descriptor in "${silent[@]}"; do exec {descriptor}>&-; done
 
-kill -STOP "${pids[1]}"
-call portsd -32005 "A service that does not answer in time: the router does" ports.Get '{"port_id":"d1"}'
-"$ctl" call --full ports.Get port_id=d1 >killed.log 2>>ctl.log &
-caller=$!
-for _ in $(seq 200); do
-    if "$ctl" call router.Status | grep -q '"in_flight":1'; then break; fi
-    sleep 0.01
-done
-{ kill -KILL "${pids[1]}" && wait "${pids[1]}"; } 2>/dev/null || true
-wait "$caller" || true
-printf '\nA service is killed while it has a request: its caller is told at once\n    %s\n' "$(cat killed.log)"
-grep -q '"code":-32601.*portsd, which serves ports.Get, is not there' killed.log || fail "its caller was not told"
-call nobody -32601 "So is who comes later" ports.Get '{"port_id":"d1"}'
-mv portsd.log portsd-killed.log
-start_ports
-call portsd result "It is started again: calls flow" ports.Get '{"port_id":"d1"}'
+kill -STOP "${pid_of[portsd]}"
+step "portsd is stopped: ports.Get d1" portsd -32005 . request ports.Get '{"port_id":"d1"}'
 
-# --- Daemons that call daemons ---
-
-# show_ctl TITLE TEXT ARGUMENTS: runs the client, whose output is to hold the text
-show_ctl() {
-    local title=$1 text=$2 output
-    shift 2
-    output=$("$ctl" "$@" 2>>ctl.log) || fail "$title: tavrixctl $* failed with exit status $?: $output"
-    printf '\n%s\n    %s\n' "$title" "$output"
-    case "$output" in *"$text"*) ;; *) fail "the answer should have held $text" ;; esac
+# The service is killed as soon as the router has a call of it under way.
+call_and_kill() {
+    local caller
+    "$ctl" call --full ports.Get port_id=d1 >killed.out 2>>ctl.log &
+    caller=$!
+    for _ in $(seq 200); do
+        if "$ctl" call router.Status | jq -e '.in_flight == 1' >/dev/null; then break; fi
+        sleep 0.01
+    done
+    kill -KILL "${pid_of[portsd]}"
+    wait "$caller" || true
+    cat killed.out
 }
+step "portsd is killed in a call" portsd -32601 . call_and_kill
+step "portsd is gone: ports.Get d1" nobody -32601 . request ports.Get '{"port_id":"d1"}'
+start_ports
+step "portsd is back: ports.Get d1" portsd result "$port_words" request ports.Get '{"port_id":"d1"}'
 
-show_ctl "A daemon calls a daemon: events.Describe asks ports.Get through the router, and serves others meanwhile" \
-    '"port_id":"c1-1"' call events.Describe port_id=c1-1
-show_ctl "A notification, awaited by the client" '"events.LinkChanged"' wait events.LinkChanged
-show_ctl "A notification, awaited by the ports service" '"entity":"c1-1"' call ports.WaitLinkChanged
-show_ctl "A direct call, on the events service's own socket" '"entity":"c1-1"' call --direct events.sock events.Last
+# A program that changes the database is killed when pages of its transaction are in the file already.
+# shellcheck disable=SC2016
+(
+    sqlite3 zqn_h7.db "PRAGMA cache_size = 1; BEGIN; UPDATE ports SET status = 0, link_speed = 1;
+        CREATE TABLE filler AS WITH RECURSIVE n(i) AS (VALUES(1) UNION ALL SELECT i + 1 FROM n WHERE i < 1000)
+        SELECT i, hex(randomblob(64)) FROM n;" '.system kill -KILL $PPID' || true # this shell says that it was killed, and nobody hears it
+) >/dev/null 2>&1
+[ -s zqn_h7.db-journal ] || fail "the killed change should have left its journal"
+step "a change killed half done: undone" portsd result "$port_words" request ports.Get '{"port_id":"c1-1"}'
+
+heading "What an operator does"
+step "router.Lock" nobody result '"locked"' request router.Lock '{}'
+step "ports.Get c1-1, while locked" nobody -32014 . request ports.Get '{"port_id":"c1-1"}'
+step "router.Unlock" nobody result '"unlocked"' request router.Unlock '{}'
+
+log_level() { # LEVEL: the daemon rereads it while it serves
+    "$ctl" log-level portsd "$1" --file tavrix_lsyslog.conf | sed -n 's/^portsd *\([a-z]*\) */\1, /p' | jq -R .
+}
+step "tavrixctl log-level portsd verbose" nobody result . log_level verbose
+until_there portsd.log "Logging level set to verbose"
+step "tavrixctl log-level portsd info" nobody result . log_level info
+
+heading "Daemons among themselves"
+step "eventsd asks portsd: Describe c1-1" portsd result '.result | "its latest event: \(.last_event.number? // "none")"' \
+    "$ctl" call --full events.Describe port_id=c1-1
+step "a notification, to a client" nobody result '"\(.params.entity) is \(.params.text)"' "$ctl" wait events.LinkChanged
+step "a notification, to portsd" portsd result '.result | "\(.entity) is \(.text)"' \
+    "$ctl" call --full ports.WaitLinkChanged
+step "eventsd's own socket: events.Last" nobody result '.result | "event \(.number): \(.entity) is \(.text)"' \
+    "$ctl" call --full --direct events.sock events.Last
 if [ "$(id -u)" -eq 0 ]; then # the slot's mode lets nobody else open it
-    show_ctl "The number of the last event, read from shared memory" "" shm get "/$slot" --int
+    step "shared memory: the latest event" nobody result '"event \(.)"' "$ctl" shm get "/$slot" --int
 fi
 
-printf '\nWhat the daemons logged: %s\n' "$run/*.log"
+# --- End ---
+
+summary() {
+    local sorted median slowest
+    mapfile -t sorted < <(printf '%s\n' "${latencies[@]}" | sort -g)
+    median=${sorted[$((${#sorted[@]} / 2))]} slowest=${sorted[-1]}
+    printf '\n%s%d steps, every answer as expected.%s %d calls of services: median %s ms, slowest %s ms.\n' \
+        "$bold" "$steps" "$plain" "${#latencies[@]}" "$median" "$slowest"
+}
+summary
 
 if $keep; then
     trap - EXIT
+    echo "$slot ${pid_of[*]}" >kept
     disown -a
     cat <<TEXT
 
-Still running: router, ports service, events service, monitor (process ids ${pids[*]}). Try, in $run:
+Still running: router, ports service, events service, monitor. Try, in $run:
 
   export TAVRIX_SOCKET=router.sock TAVRIX_SESSION=session.sock
+  $ctl list
   $ctl call ports.Get port_id=all --json pretty
-  $ctl call mzu.List
   $ctl status
   $ctl monitor
-  $ctl log-level portsd verbose --file tavrix_lsyslog.conf && tail -f portsd.log
-  tail -f traffic.log
+  $ctl log-level portsd verbose && tail -f portsd.log
 
-Stop it with: kill ${pids[*]}; rm -f /dev/shm/$slot
+Stop it with: $stop_command
 TEXT
     exit 0
 fi
 stop_all
-pids=()
 for log in routerd portsd eventsd; do
     grep -q "$log stopped" "$log.log" || fail "$log did not stop cleanly"
 done
-echo "Everything is stopped."
+echo "Everything is stopped; the logs are in ${run#"$OLDPWD"/}."

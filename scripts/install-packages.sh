@@ -6,13 +6,13 @@ set -euo pipefail
 declare -A packages=(
     [build]="ca-certificates cmake g++ libcli11-dev libevent-dev libjansson-dev libnanomsg-dev libpcre3-dev libsqlite3-dev ninja-build pkg-config"
     [bench]="libbenchmark-dev strace valgrind"
-    [demo]="sqlite3"
+    [demo]="jq sqlite3"
     [mutate]="googletest python3"
     [npm]="nodejs npm"
     [openrpc]="python3-jsonschema"
     [package]="dpkg-dev file g++-arm-linux-gnueabihf lintian qemu-user systemd"
     [package-try]="debootstrap"
-    [test]="binutils clang g++-arm-linux-gnueabihf googletest libclang-rt-14-dev make mandoc python3 qemu-user sqlite3"
+    [test]="binutils clang g++-arm-linux-gnueabihf googletest jq libclang-rt-14-dev make mandoc python3 qemu-user sqlite3"
 )
 
 missing=()

@@ -28,19 +28,35 @@ demo() { "$source/scripts/demo.sh" "$@" </dev/null; }
 
 folder whole
 output=$(demo --built "$work/whole") || fail "it failed: $output"
-case "$output" in *"Everything is stopped.") ;; *) fail "it ended with: $output" ;; esac
+case "$output" in *"every answer as expected"*"Everything is stopped"*) ;; *) fail "it ended with: $output" ;; esac
 
 # Its standard output is closed when it ends, though the daemons run on: else this would wait for them.
 folder kept
 output=$(demo --keep --built "$work/kept")
-stop=$(sed -n 's/^Stop it with: //p' <<<"$output")
-slot=${stop##* }
-[ -e "$slot" ] || fail "the slot '$slot' is not there"
+stop="demo --stop --built $work/kept"
+read -r slot _ <"$work/kept/run/kept"
+[ "$(id -u)" -ne 0 ] || [ -e "/dev/shm/$slot" ] || fail "the slot '$slot' is not there"
 again=$(demo --built "$work/kept" 2>&1) && fail "a second one started beside it"
 case "$again" in *"still running"*) ;; *) fail "a second one said: $again" ;; esac
 "$work/kept/tools/tavrixctl" call --socket "$work/kept/run/router.sock" ports.Get '{"port_id":"c1-1"}'
-eval "$stop"
-[ ! -e "$slot" ] || fail "the slot $slot is still there"
+$stop
+[ ! -e "/dev/shm/$slot" ] || fail "the slot $slot is still there"
+if "$work/kept/tools/tavrixctl" call --socket "$work/kept/run/router.sock" router.Status 2>/dev/null; then
+    fail "its router still answers"
+fi
+
+# A terminal that is closed takes the daemons with it, unless they are to be kept.
+folder closed
+setsid "$source/scripts/demo.sh" --built "$work/closed" </dev/null >"$work/closed.out" 2>&1 &
+for _ in $(seq 1200); do
+    if grep -q 'ports.Get c1-1' "$work/closed.out"; then break; fi
+    sleep 0.05
+done
+kill -HUP "$!"
+wait "$!" && fail "it went on without its terminal"
+if "$work/closed/tools/tavrixctl" call --socket "$work/closed/run/router.sock" router.Status 2>/dev/null; then
+    fail "its router outlived the terminal"
+fi
 
 folder broken
 rm "$work/broken/daemons/ports"
@@ -56,4 +72,4 @@ chmod +x "$work/broken/daemons/ports/tavrix-portsd"
 status=0
 output=$(demo --built "$work/broken" 2>&1) || status=$?
 [ "$status" -eq 1 ] || fail "with an empty fleet it ended with $status: $output"
-case "$output" in *"demo: the answer should have been result"*) ;; *) fail "it said: $output" ;; esac
+case "$output" in *"the answer should have been result"*) ;; *) fail "it said: $output" ;; esac

@@ -217,7 +217,7 @@ show_frames() { # REPLY: and what went to a service and came back meanwhile
 
 # A request as any client may write it, over the router's socket for one request.
 request() { # METHOD PARAMS
-    "$ctl" send --timeout 30 "{\"jsonrpc\":\"2.0\",\"method\":\"$1\",\"id\":\"demo\",\"transaction_id\":$((steps + 101)),\"params\":$2}"
+    "$ctl" send "{\"jsonrpc\":\"2.0\",\"method\":\"$1\",\"id\":\"demo\",\"transaction_id\":$((steps + 101)),\"params\":$2}"
 }
 
 port_words='.result.ports[0] | [if .status == "enable" then .link_status else "off" end, .link_speed,
@@ -296,10 +296,10 @@ step "portsd is back: ports.Get d1" portsd result "$port_words" request ports.Ge
 
 # A program that changes the database is killed when pages of its transaction are in the file already.
 # shellcheck disable=SC2016
-(
+( # whose words about the killed program nobody hears
     sqlite3 zqn_h7.db "PRAGMA cache_size = 1; BEGIN; UPDATE ports SET status = 0, link_speed = 1;
         CREATE TABLE filler AS WITH RECURSIVE n(i) AS (VALUES(1) UNION ALL SELECT i + 1 FROM n WHERE i < 1000)
-        SELECT i, hex(randomblob(64)) FROM n;" '.system kill -KILL $PPID' || true # this shell says that it was killed, and nobody hears it
+        SELECT i, hex(randomblob(64)) FROM n;" '.system kill -KILL $PPID' || true
 ) >/dev/null 2>&1
 [ -s zqn_h7.db-journal ] || fail "the killed change should have left its journal"
 step "a change killed half done: undone" portsd result "$port_words" request ports.Get '{"port_id":"c1-1"}'

@@ -354,14 +354,43 @@ TEST(CtlCompletion, IsNotHeldUpByARouterThatDoesNotAnswer) {
     }
 }
 
+/** What a zsh on a terminal of its own makes of the line when Tab is pressed. */
+std::string completed_by_zsh(const std::string &line) {
+    write_file("type.zsh", R"zsh(
+        zmodload zsh/zpty
+        zpty shell zsh -f -i
+        zpty -w shell "autoload -Uz compinit; compinit -u -D; source tool; source <(tavrixctl completion zsh)"
+        zpty -w shell 'show() { zle complete-word; print -rn -- "$BUFFER" >line; exit; }; zle -N show; bindkey "^I" show'
+        zpty -w shell 'print rea""dy'
+        zpty -r -m shell output '*ready*'
+        zpty -w -n shell "$1"$'\t'
+        while zpty -r shell output; do done
+    )zsh");
+    const Finished finished = script(
+        "export TERM=dumb TAVRIX_SESSION=session.sock\nrm -f line\ndeclare -f tavrixctl >tool\nzsh -f type.zsh " +
+        quoted(line) + "\ncat line");
+    EXPECT_EQ(finished.diagnostics, "");
+    return finished.output;
+}
+
+TEST(CtlCompletion, CompletesALineInZsh) {
+    EXPECT_EQ(completed_by_zsh("tavrixctl sta"), "tavrixctl status ");
+    EXPECT_EQ(completed_by_zsh("tavrixctl call --dir"), "tavrixctl call --direct ");
+    Fleet fleet;
+    fleet.start_lone_router();
+    fleet.start_ports();
+    EXPECT_EQ(completed_by_zsh("tavrixctl call ports.SetE"), "tavrixctl call ports.SetEnabled ");
+    EXPECT_EQ(completed_by_zsh("tavrixctl call ports.SetEnabled por"), "tavrixctl call ports.SetEnabled port_id=");
+    EXPECT_EQ(completed_by_zsh("tavrixctl call ports.SetEnabled status=en"),
+              "tavrixctl call ports.SetEnabled status=enable ");
+}
+
 TEST(CtlCompletion, HasAScriptForZshThatAsksTheTool) {
     const std::string text = ctl({"completion", "zsh"}).output;
     EXPECT_EQ(text.rfind("#compdef tavrixctl\n", 0), 0U) << text;
     EXPECT_NE(text.find("$(tavrixctl __complete "), std::string::npos) << text;
     EXPECT_NE(text.find("compdef _tavrixctl tavrixctl\n"), std::string::npos) << text;
     EXPECT_EQ(text, support::read_file(TAVRIX_SOURCE_DIR "/tools/_tavrixctl")) << "what is installed";
-    const Finished checked = script("command -v zsh >/dev/null || exit 0; tavrixctl completion zsh >_t; zsh -n _t");
-    EXPECT_EQ(checked.status, 0) << checked.diagnostics;
     EXPECT_EQ(ctl({"completion", "fish"}).status, 2);
 }
 

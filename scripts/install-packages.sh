@@ -11,6 +11,7 @@ declare -A packages=(
     [npm]="nodejs npm"
     [openrpc]="python3-jsonschema"
     [package]="dpkg-dev file g++-arm-linux-gnueabihf lintian qemu-user systemd"
+    [package-boot]="debootstrap systemd-container"
     [package-try]="debootstrap"
     [test]="binutils clang g++-arm-linux-gnueabihf googletest jq libclang-rt-14-dev make mandoc python3 qemu-user sqlite3 zsh"
 )

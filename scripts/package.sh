@@ -6,10 +6,12 @@ cd "$(dirname "$0")/.."
 
 usage() {
     cat <<'TEXT'
-usage: scripts/package.sh [--only amd64|armhf] [--try ROOT]
+usage: scripts/package.sh [--only amd64|armhf] [--try ROOT] [--boot ROOT]
 
   --only NAME   one of the two architectures instead of both
   --try ROOT    install, upgrade, remove and purge the amd64 packages in a bare Debian root, which is made in this
+                folder when it is not there, and then removed; as root
+  --boot ROOT   boot a Debian root with systemd in a container and try the units there; the root is made in this
                 folder when it is not there, and then removed; as root
 
 The packages are in build/packages.
@@ -18,10 +20,12 @@ TEXT
 
 runs=(amd64 armhf)
 try=
+boot=
 while [ $# -gt 0 ]; do
     case "$1" in
     --only) runs=("${2:?--only takes a name}"); shift ;;
     --try) try=${2:?--try takes a folder}; shift ;;
+    --boot) boot=${2:?--boot takes a folder}; shift ;;
     --help | -h) usage; exit 0 ;;
     *) usage >&2; exit 2 ;;
     esac
@@ -103,7 +107,7 @@ make_unit_root() { # FOLDER
     mkdir -p "$1"/{bin,usr/sbin,lib/systemd}
     cp -r /lib/systemd/system "$1/lib/systemd/"
     cp packaging/systemd/* "$1/lib/systemd/system/"
-    cp /bin/sh /bin/kill "$1/bin/"
+    cp /bin/sh "$1/bin/"
     for daemon in routerd portsd eventsd; do install -m 755 /bin/true "$1/usr/sbin/tavrix-$daemon"; done
 }
 
@@ -141,5 +145,10 @@ if [ -n "$try" ]; then
     ./scripts/install-packages.sh package-try
     echo "== try in $try"
     bash tests/packaging/install.sh "$packages" "$version" "$try"
+fi
+if [ -n "$boot" ]; then
+    ./scripts/install-packages.sh package-boot
+    echo "== boot in $boot"
+    bash tests/packaging/boot.sh "$packages" "$version" "$boot"
 fi
 ls "$packages"/*.deb

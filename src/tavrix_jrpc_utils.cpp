@@ -15,8 +15,8 @@
 #include "internal/handles.h"
 #include "internal/log.h"
 #include "internal/tables.h"
+#include "internal/tavrix_jrpc_utils_seam.h"
 #include "tavrix_error.h"
-#include "tavrix_jrpc_utils_internal.h"
 #include "tavrix_utils.h"
 #include "tavrix_validation.h"
 

@@ -15,8 +15,8 @@
 
 #include "internal/log.h"
 #include "internal/tables.h"
+#include "internal/tavrix_validation_seam.h"
 #include "tavrix_utils.h"
-#include "tavrix_validation_internal.h"
 
 namespace {
 

@@ -49,6 +49,30 @@ struct CloseConnection {
 };
 using Connection = std::unique_ptr<sqlite3, CloseConnection>;
 
+/**
+ * The place that a C function stores a resource in: `call(into(owner))`. When the call is over, the owner has what it
+ * stored, whatever its status, and has released what it had before.
+ */
+template <class Owner>
+class Place {
+  public:
+    explicit Place(Owner &owner) : owner_(owner) {}
+    Place(const Place &) = delete;
+    Place &operator=(const Place &) = delete;
+    ~Place() { owner_.reset(stored_); }
+
+    operator typename Owner::pointer *() { return &stored_; }
+
+  private:
+    Owner &owner_;
+    typename Owner::pointer stored_ = nullptr;
+};
+
+template <class Owner>
+Place<Owner> into(Owner &owner) {
+    return Place<Owner>(owner);
+}
+
 /** A file descriptor, -1 when it holds none. */
 class Descriptor {
   public:

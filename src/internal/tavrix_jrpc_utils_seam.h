@@ -4,8 +4,8 @@
  * Both store {"message": text} in the slot unless it holds an object already, and return 0, or -30 when the object
  * cannot be made, or -20 when the slot's address is null.
  */
-#ifndef TAVRIX_JRPC_UTILS_INTERNAL_H
-#define TAVRIX_JRPC_UTILS_INTERNAL_H
+#ifndef TAVRIX_INTERNAL_JRPC_UTILS_SEAM_H
+#define TAVRIX_INTERNAL_JRPC_UTILS_SEAM_H
 
 #include <jansson.h>
 

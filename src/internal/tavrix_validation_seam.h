@@ -2,8 +2,8 @@
  * The checking primitives of tavrix_validation, for its white-box tests. They return a tavrix_verdict; none of their
  * arguments is tested for null.
  */
-#ifndef TAVRIX_VALIDATION_INTERNAL_H
-#define TAVRIX_VALIDATION_INTERNAL_H
+#ifndef TAVRIX_INTERNAL_VALIDATION_SEAM_H
+#define TAVRIX_INTERNAL_VALIDATION_SEAM_H
 
 #ifdef __cplusplus
 extern "C" {

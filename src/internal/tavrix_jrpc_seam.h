@@ -1,8 +1,8 @@
 /**
  * What tavrix_jrpc shares with its white-box tests.
  */
-#ifndef TAVRIX_JRPC_INTERNAL_H
-#define TAVRIX_JRPC_INTERNAL_H
+#ifndef TAVRIX_INTERNAL_JRPC_SEAM_H
+#define TAVRIX_INTERNAL_JRPC_SEAM_H
 
 #ifdef __cplusplus
 extern "C" {

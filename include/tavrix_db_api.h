@@ -116,11 +116,11 @@ TAVRIX_API int tavrix_db_prepare_statement(sqlite3 *handle, const char *path, sq
  *         row
  */
 TAVRIX_API int tavrix_db_get_single_id_result(sqlite3 *handle, const char *path, const char *name, int64_t *out,
-                                              const char *format, ...);
+                                              const char *format, ...) TAVRIX_PRINTF(5, 6);
 
 /** tavrix_db_get_single_id_result() with a va_list, which is used up: one call for one va_list. */
 TAVRIX_API int tavrix_db_get_single_id_result_args(sqlite3 *handle, const char *path, const char *name, int64_t *out,
-                                                   const char *format, va_list args);
+                                                   const char *format, va_list args) TAVRIX_PRINTF(5, 0);
 
 /**
  * Begins a transaction.

@@ -55,10 +55,12 @@ extern "C" {
  * @param format   printf format of the statement
  * @return 0 when prepared; SQLite's code; TAVRIX_ERR_PARAMETER for a null argument
  */
-TAVRIX_API int tavrix_sqlite3_prepare_sql(sqlite3 *db, sqlite3_stmt **stmt_out, const char *format, ...);
+TAVRIX_API int tavrix_sqlite3_prepare_sql(sqlite3 *db, sqlite3_stmt **stmt_out, const char *format, ...)
+    TAVRIX_PRINTF(3, 4);
 
 /** tavrix_sqlite3_prepare_sql() with a va_list, which is used up: one call for one va_list. */
-TAVRIX_API int tavrix_sqlite3_prepare_sql_args(sqlite3 *db, sqlite3_stmt **stmt_out, const char *format, va_list args);
+TAVRIX_API int tavrix_sqlite3_prepare_sql_args(sqlite3 *db, sqlite3_stmt **stmt_out, const char *format, va_list args)
+    TAVRIX_PRINTF(3, 0);
 
 /**
  * Reads column 0 of the first row of a formatted query as an integer.
@@ -69,10 +71,12 @@ TAVRIX_API int tavrix_sqlite3_prepare_sql_args(sqlite3 *db, sqlite3_stmt **stmt_
  * @return 0 for a row; SQLITE_DONE (101) when there is none; SQLITE_MISUSE (21) for a text that holds no statement;
  *         SQLite's other codes; TAVRIX_ERR_PARAMETER for a null argument
  */
-TAVRIX_API int tavrix_sqlite3_get_single_id_result(sqlite3 *db, int64_t *out, const char *format, ...);
+TAVRIX_API int tavrix_sqlite3_get_single_id_result(sqlite3 *db, int64_t *out, const char *format, ...)
+    TAVRIX_PRINTF(3, 4);
 
 /** tavrix_sqlite3_get_single_id_result() with a va_list, which is used up: one call for one va_list. */
-TAVRIX_API int tavrix_sqlite3_get_single_id_result_args(sqlite3 *db, int64_t *out, const char *format, va_list args);
+TAVRIX_API int tavrix_sqlite3_get_single_id_result_args(sqlite3 *db, int64_t *out, const char *format, va_list args)
+    TAVRIX_PRINTF(3, 0);
 
 /**
  * Reads column 0 of the first row of a formatted query as a text. A NULL reads as the empty text.
@@ -84,7 +88,8 @@ TAVRIX_API int tavrix_sqlite3_get_single_id_result_args(sqlite3 *db, int64_t *ou
  * @return 0 for a row; SQLITE_DONE (101) when there is none; SQLITE_MISUSE (21) for a text that holds no statement;
  *         SQLite's other codes; TAVRIX_ERR_PARAMETER for a null argument
  */
-TAVRIX_API int tavrix_sqlite3_get_single_string_result(sqlite3 *db, char *out, size_t size, const char *format, ...);
+TAVRIX_API int tavrix_sqlite3_get_single_string_result(sqlite3 *db, char *out, size_t size, const char *format, ...)
+    TAVRIX_PRINTF(4, 5);
 
 /**
  * Steps a prepared statement once and reads column 0 as an integer; for loops over a result set.
@@ -118,7 +123,7 @@ TAVRIX_API int tavrix_sqlite3_exec(sqlite3 *db, const char *sql, int (*callback)
  * @param format printf format of the statement
  * @return SQLite's last code; TAVRIX_ERR_PARAMETER for a null argument
  */
-TAVRIX_API int tavrix_sqlite3_exec_sql(sqlite3 *db, const char *format, ...);
+TAVRIX_API int tavrix_sqlite3_exec_sql(sqlite3 *db, const char *format, ...) TAVRIX_PRINTF(2, 3);
 
 #ifdef __cplusplus
 }

@@ -465,7 +465,8 @@ TAVRIX_API void tavrix_debug_print_bytes(const void *bytes, int length, const ch
  * @param line   the caller's line number
  * @param format as printf takes it; the message is cut behind 8000 characters
  */
-TAVRIX_API void tavrix_utils_system_log(const char *tag, const char *file, int line, const char *format, ...);
+TAVRIX_API void tavrix_utils_system_log(const char *tag, const char *file, int line, const char *format, ...)
+    TAVRIX_PRINTF(4, 5);
 
 /**
  * Asks for the descriptor that becomes readable when a bus socket can receive. It belongs to the socket: wait on it,

@@ -56,7 +56,15 @@ class CallConnection {
     Connection fresh_;
 };
 
-int execute(sqlite3 *handle, const char *sql) { return sqlite3_exec(handle, sql, nullptr, nullptr, nullptr); }
+/** One step of a transaction; `verb` is its word in the log. */
+int run_step(sqlite3 *handle, const char *sql, const char *verb) {
+    const int rc = sqlite3_exec(handle, sql, nullptr, nullptr, nullptr);
+    if (rc != SQLITE_OK) {
+        LOG_ERROR("Unable to %s sql transaction due to SQLite error <%d>\n", verb, rc);
+        return TAVRIX_ERR_SYSTEM_ACCESS;
+    }
+    return TAVRIX_OK;
+}
 
 } // namespace
 
@@ -157,29 +165,8 @@ int tavrix_db_get_single_id_result_args(sqlite3 *handle, const char *path, const
     return TAVRIX_OK;
 }
 
-int tavrix_db_open_transaction(sqlite3 *handle) {
-    const int rc = execute(handle, "BEGIN");
-    if (rc != SQLITE_OK) {
-        LOG_ERROR("Unable to begin sql transaction due to SQLite error <%d>\n", rc);
-        return TAVRIX_ERR_SYSTEM_ACCESS;
-    }
-    return TAVRIX_OK;
-}
+int tavrix_db_open_transaction(sqlite3 *handle) { return run_step(handle, "BEGIN", "begin"); }
 
-int tavrix_db_commit_transaction(sqlite3 *handle) {
-    const int rc = execute(handle, "COMMIT");
-    if (rc != SQLITE_OK) {
-        LOG_ERROR("Unable to commit sql transaction due to SQLite error <%d>\n", rc);
-        return TAVRIX_ERR_SYSTEM_ACCESS;
-    }
-    return TAVRIX_OK;
-}
+int tavrix_db_commit_transaction(sqlite3 *handle) { return run_step(handle, "COMMIT", "commit"); }
 
-int tavrix_db_rollback_transaction(sqlite3 *handle) {
-    const int rc = execute(handle, "ROLLBACK");
-    if (rc != SQLITE_OK) {
-        LOG_ERROR("Unable to rollback sql transaction due to SQLite error <%d>\n", rc);
-        return TAVRIX_ERR_SYSTEM_ACCESS;
-    }
-    return TAVRIX_OK;
-}
+int tavrix_db_rollback_transaction(sqlite3 *handle) { return run_step(handle, "ROLLBACK", "rollback"); }

@@ -110,6 +110,15 @@ int find_member(const TypeRule &rule, json_t *params, json_t **debug_message, co
     return TAVRIX_OK;
 }
 
+/** Reads a number that clients send as a text. */
+int find_number_text(json_t *params, json_t **debug_message, const char *key, const void *out,
+                     char (&text)[value_text_size]) {
+    if (key == nullptr || out == nullptr) {
+        return TAVRIX_ERR_PARAMETER;
+    }
+    return tavrix_jrpc_utils_parse_input_string(params, debug_message, key, text, sizeof text);
+}
+
 // --- Fields --------------------------------------------------------------------------------------------------------
 
 enum TextRowId {
@@ -478,11 +487,8 @@ int tavrix_jrpc_utils_parse_input_integer(json_t *params, json_t **debug_message
 }
 
 int tavrix_jrpc_utils_parse_input_uint64_t(json_t *params, json_t **debug_message, const char *key, uint64_t *out) {
-    if (key == nullptr || out == nullptr) {
-        return TAVRIX_ERR_PARAMETER;
-    }
     char text[value_text_size] = "";
-    const int rc = tavrix_jrpc_utils_parse_input_string(params, debug_message, key, text, sizeof text);
+    const int rc = find_number_text(params, debug_message, key, out, text);
     if (rc == TAVRIX_OK) {
         *out = std::strtoull(text, nullptr, 0); // no number reads as 0: clients send "" for none
     }
@@ -490,11 +496,8 @@ int tavrix_jrpc_utils_parse_input_uint64_t(json_t *params, json_t **debug_messag
 }
 
 int tavrix_jrpc_utils_parse_input_float(json_t *params, json_t **debug_message, const char *key, float *out) {
-    if (key == nullptr || out == nullptr) {
-        return TAVRIX_ERR_PARAMETER;
-    }
     char text[value_text_size] = "";
-    const int rc = tavrix_jrpc_utils_parse_input_string(params, debug_message, key, text, sizeof text);
+    const int rc = find_number_text(params, debug_message, key, out, text);
     if (rc == TAVRIX_OK) {
         *out = static_cast<float>(std::strtod(text, nullptr)); // no number reads as 0, as above
     }

@@ -26,6 +26,7 @@
 
 #include "internal/handles.h"
 #include "internal/log.h"
+#include "internal/tables.h"
 #include "internal/topics.h"
 #include "tavrix_error.h"
 
@@ -39,13 +40,13 @@ constexpr int protocols[] = {
 };
 constexpr int lowest_sp_type = TAVRIX_SP_PAIR;
 constexpr int highest_sp_type = TAVRIX_SP_BUS;
-static_assert(sizeof protocols / sizeof protocols[0] == highest_sp_type, "one protocol for each SP type");
+static_assert(tavrix::count_of(protocols) == highest_sp_type, "one protocol for each SP type");
 
 // The transports 1 to 3 in their order.
 constexpr const char *schemes[] = {"inproc://", "ipc://", "tcp://"};
 constexpr int lowest_transport = TAVRIX_TRANSPORT_INPROC;
 constexpr int highest_transport = TAVRIX_TRANSPORT_TCP;
-static_assert(sizeof schemes / sizeof schemes[0] == highest_transport, "one scheme for each transport");
+static_assert(tavrix::count_of(schemes) == highest_transport, "one scheme for each transport");
 
 const char *bus_error() { return nn_strerror(nn_errno()); }
 
@@ -56,24 +57,11 @@ int protocol_of(int sock) {
     return nn_getsockopt(sock, NN_SOL_SOCKET, NN_PROTOCOL, &protocol, &size) == 0 ? protocol : -1;
 }
 
-/** A message that nanomsg allocated and that nobody has taken over yet. */
-class BusMessage {
-  public:
-    explicit BusMessage(void *message) : message_(message) {}
-    BusMessage(const BusMessage &) = delete;
-    BusMessage &operator=(const BusMessage &) = delete;
-    ~BusMessage() {
-        if (message_ != nullptr) {
-            static_cast<void>(nn_freemsg(message_));
-        }
-    }
-
-    void *get() const { return message_; }
-    void *release() { return std::exchange(message_, nullptr); }
-
-  private:
-    void *message_;
+struct FreeMessage {
+    void operator()(void *message) const { static_cast<void>(nn_freemsg(message)); }
 };
+/** A message that nanomsg allocated and that nobody has taken over yet. */
+using BusMessage = std::unique_ptr<void, FreeMessage>;
 
 // --- Checks ---
 
@@ -328,7 +316,7 @@ int send_text(int sock, const char *text, int flags) {
     const size_t length = std::strlen(text);
     LOG_VERBOSE("[tavrix_mq_socket_send]: message[%d]: %s\n", static_cast<int>(length), text);
     BusMessage message(nn_allocmsg(length, 0));
-    if (message.get() == nullptr) {
+    if (!message) {
         LOG_DEBUG("nn_allocmsg failed to allocate buffer for message: %s\n", bus_error());
         return TAVRIX_ERR_GENERAL;
     }

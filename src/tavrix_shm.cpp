@@ -25,6 +25,12 @@ constexpr char unit_name[] = "tavrix_shm";
 constexpr mode_t slot_mode = 0x666;
 constexpr int max_reserve_attempts = 100;
 
+/** The line number is the caller's. */
+int refuse(const char *line_text, int line = __builtin_LINE()) {
+    static_cast<void>(tavrix_lsyslog_log(TAVRIX_LOG_ERROR, unit_name, line, "%s", line_text));
+    return TAVRIX_ERR_GENERAL;
+}
+
 /** A slot, open and mapped for one access. */
 class Mapping {
   public:
@@ -115,12 +121,10 @@ bool open_and_map(Mapping *slot, const char *name, size_t length, bool writing) 
 
 int tavrix_shm_create(const char *name, size_t size) {
     if (name == nullptr) {
-        LOG_ERROR("NULL Pointer!\n"); // not the capitals of the others: log filters know the creation by it
-        return TAVRIX_ERR_GENERAL;
+        return refuse("NULL Pointer!\n"); // not the capitals of the others: log filters know the creation by it
     }
     if (size == 0) {
-        LOG_ERROR("Zero size!\n");
-        return TAVRIX_ERR_GENERAL;
+        return refuse("Zero size!\n");
     }
     Mapping slot;
     // Nothing of what an old slot holds is touched before the new size is certain: other daemons may be reading it.
@@ -135,12 +139,10 @@ int tavrix_shm_create(const char *name, size_t size) {
 
 int tavrix_shm_set_string(const char *name, size_t len, const char *text) {
     if (name == nullptr || text == nullptr) {
-        LOG_ERROR("NULL POINTER!\n");
-        return TAVRIX_ERR_GENERAL;
+        return refuse("NULL POINTER!\n");
     }
     if (len == 0) {
-        LOG_ERROR("Zero size!\n");
-        return TAVRIX_ERR_GENERAL;
+        return refuse("Zero size!\n");
     }
     Mapping slot;
     if (!open_and_map(&slot, name, len, true)) {
@@ -152,12 +154,10 @@ int tavrix_shm_set_string(const char *name, size_t len, const char *text) {
 
 int tavrix_shm_get_string(const char *name, size_t len, char *dst) {
     if (name == nullptr || dst == nullptr) {
-        LOG_ERROR("NULL POINTER!\n");
-        return TAVRIX_ERR_GENERAL;
+        return refuse("NULL POINTER!\n");
     }
     if (len == 0) {
-        LOG_ERROR("ERROR: Zero size!\n"); // a text of its own: log filters know the reader by it
-        return TAVRIX_ERR_GENERAL;
+        return refuse("ERROR: Zero size!\n"); // a text of its own: log filters know the reader by it
     }
     Mapping slot;
     if (!open_and_map(&slot, name, len, false)) {
@@ -169,8 +169,7 @@ int tavrix_shm_get_string(const char *name, size_t len, char *dst) {
 
 int tavrix_shm_set_int(const char *name, const int *value) {
     if (name == nullptr || value == nullptr) {
-        LOG_ERROR("NULL POINTER!\n");
-        return TAVRIX_ERR_GENERAL;
+        return refuse("NULL POINTER!\n");
     }
     Mapping slot;
     if (!open_and_map(&slot, name, sizeof(int32_t), true)) {
@@ -182,8 +181,7 @@ int tavrix_shm_set_int(const char *name, const int *value) {
 
 int tavrix_shm_get_int(const char *name, int *value_out) {
     if (name == nullptr || value_out == nullptr) {
-        LOG_ERROR("NULL POINTER!\n");
-        return TAVRIX_ERR_GENERAL;
+        return refuse("NULL POINTER!\n");
     }
     Mapping slot;
     if (!open_and_map(&slot, name, sizeof(int32_t), false)) {
@@ -195,12 +193,10 @@ int tavrix_shm_get_int(const char *name, int *value_out) {
 
 int tavrix_shm_clear(const char *name, size_t len) {
     if (name == nullptr) {
-        LOG_ERROR("NULL POINTER!\n");
-        return TAVRIX_ERR_GENERAL;
+        return refuse("NULL POINTER!\n");
     }
     if (len == 0) {
-        LOG_ERROR("Zero size!\n");
-        return TAVRIX_ERR_GENERAL;
+        return refuse("Zero size!\n");
     }
     Mapping slot;
     if (!open_and_map(&slot, name, len, true)) {

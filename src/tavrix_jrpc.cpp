@@ -2,8 +2,8 @@
  * JSON-RPC 2.0 between daemons: error map, evaluation and responses, channel framing, the service endpoint and its
  * serving step, awaited replies, socket servers, and the router between client sockets and the bus.
  *
- * Stateless: every call owns what it parses and builds until it returns. Each chapter is whole: what only it needs,
- * then its public functions. The tables of codes, channels and attempts are in internal/jrpc_tables.h.
+ * Stateless: every call owns what it parses and builds until it returns. Each chapter has its private part first, then
+ * its public functions. The tables of codes, channels and attempts are in internal/jrpc_tables.h.
  */
 #include "tavrix_jrpc.h"
 
@@ -43,7 +43,7 @@ constexpr int notification_attempts = 5;
 
 // --- What all chapters use -----------------------------------------------------------------------------------------
 
-/** A null pointer, such as the text of a number, is shown as the platform's printf shows it. */
+/** A null pointer, such as the text of a number, is shown as glibc's printf shows it. */
 const char *printable(const char *text) { return text != nullptr ? text : "(null)"; }
 
 int length_of(const char *text) { return static_cast<int>(std::strlen(text)); }
@@ -52,24 +52,24 @@ bool is_text_or_number(const json_t *value) { return json_is_string(value) || js
 
 bool is_version_2(const json_t *version) { return std::strcmp(json_string_value(version), protocol_version) == 0; }
 
-// Of a null argument some functions tell in capitals, the others with initials only: log filters match both.
+// Some functions report a null argument in capitals, others do not: log filters match both.
 constexpr char null_capitals[] = "NULL pointer!";
 constexpr char null_initials[] = "Null Pointer!";
 
-/** Tells at debug level, with the caller's line number, why a function fails, and gives its status back. */
+/** Logs why a function fails, at debug level and with the caller's line number, and returns its status. */
 int refuse(const char *function, const char *words, int status = TAVRIX_ERR_GENERAL, int line = __builtin_LINE()) {
     static_cast<void>(tavrix_lsyslog_log(TAVRIX_LOG_DEBUG, unit_name, line, "[%s]: %s\n", function, words));
     return status;
 }
 
-/** The same about a call inside it that failed with this status. */
+/** The same for a call inside the function that failed with this status. */
 int failed(const char *function, const char *words, int rc, int line = __builtin_LINE()) {
     static_cast<void>(
         tavrix_lsyslog_log(TAVRIX_LOG_DEBUG, unit_name, line, "[%s]: %s, rc = %d\n", function, words, rc));
     return rc;
 }
 
-/** The method's name, borrowed; null, and told so, when there is none. */
+/** The method's name, borrowed; logs why and returns null when there is none. */
 const char *method_name(const json_t *message, const char *function) {
     const json_t *method = json_object_get(message, "method");
     if (!json_is_string(method)) {
@@ -98,7 +98,7 @@ const char *tavrix_jrpc_error_message(int jrpc_code) { return tavrix::message_of
 
 namespace {
 
-/** Parses a message. Log filters know a malformed one by these lines, the waits' as well. */
+/** Parses a message, for the waits too: log filters recognise a malformed one by these lines. */
 Json parse_message(const char *text) {
     json_error_t error;
     Json message(json_loads(text, parse_flags, &error));
@@ -112,7 +112,7 @@ Json parse_message(const char *text) {
 /**
  * Shows a request at verbose level; false when it cannot be rendered. Nothing is rendered below that level.
  *
- * @param router   the router's function, which also shows what it received; null for the evaluator
+ * @param router   the router's function, which also logs what it received; null for the evaluator
  * @param received the text that the request was parsed from; null shows the rendering
  */
 bool show_request(const json_t *request, const char *router, const char *received) {
@@ -166,7 +166,7 @@ int check_envelope(const json_t *request, Envelope *out) {
     return json_is_string(out->method) ? 0 : TAVRIX_JRPC_METHOD_NOT_FOUND;
 }
 
-/** A row without a name is nobody's method. */
+/** A row without a name is never found. */
 const tavrix_jrpc_method *find_method(const tavrix_jrpc_method *table, const char *name) {
     for (; table->handler != nullptr; ++table) {
         if (table->name != nullptr && std::strcmp(table->name, name) == 0) {
@@ -198,14 +198,14 @@ int call_method(const tavrix_jrpc_method *table, const Envelope &envelope, Outco
     return rc < 0 ? tavrix_jrpc_error_convert_tavrix_to_jrpc(rc) : 0;
 }
 
-/** The text of a successful response; sets the code and gives null when it cannot be built. */
+/** The text of a successful response; null, and the code set, when it cannot be built. */
 Text respond(const Envelope &envelope, Outcome *outcome, int *jrpc_code) {
     LOG_VERBOSE("creating response\n");
     if (!outcome->result) {
         outcome->result.reset(json_integer(0));
     }
     if (!outcome->result) {
-        return nullptr; // the code stays 0, "Unknown Error": clients read "Internal error" as a result without a text
+        return nullptr; // the code stays 0, "Unknown Error": "Internal error" tells clients that a result has no text
     }
     // The response's id is the method's name: a reply travels by it, and a waiting caller looks for it.
     Text response(tavrix_jrpc_create_response(outcome->result.get(), envelope.method, 0, envelope.transaction_id));
@@ -235,7 +235,7 @@ int evaluate(const json_t *request, const tavrix_jrpc_method *table, char **resp
         *response_text = respond(envelope, &outcome, &code).release();
     }
     if (*response_text == nullptr) {
-        // Without a method value the builder refuses: callers know a reply by that name, and would pass this one over.
+        // Without a method the builder refuses: callers recognise a reply by that name and would ignore this one.
         *response_text =
             tavrix_jrpc_create_error(code, envelope.method, outcome.error_data.get(), 0, envelope.transaction_id);
     }
@@ -267,7 +267,7 @@ int tavrix_jrpc_eval_request(const char *request_text, const tavrix_jrpc_method 
 
 namespace {
 
-/** Both builders and the lock response report as the evaluator. */
+/** Both builders and the lock response report this in the evaluator's name: log filters match it. */
 bool cannot_add_transaction_id() {
     LOG_ERROR("tavrix_jrpc_eval_request: Failed to add Transaction ID to response\n");
     return false;
@@ -307,8 +307,8 @@ Text pack_response(json_t *result, json_t *id, int indent, json_t *transaction_i
 bool write_value(Draft *draft, const json_t *value) { return draft->add(value, wire_flags | JSON_ENCODE_ANY); }
 
 /**
- * A response on one line. Every request that is served pays for its envelope: as text these few words cost next to
- * nothing, as an object they make a serving step a quarter dearer.
+ * A response on one line. Every request that is served pays for this envelope: written as text it costs next to
+ * nothing, built as an object it makes a serving step a quarter slower.
  */
 Text write_response(const json_t *result, const json_t *id, const json_t *transaction_id) {
     Draft draft;
@@ -330,7 +330,7 @@ bool is_indent(int indent) { return indent >= 0 && indent <= max_indent; }
 } // namespace
 
 char *tavrix_jrpc_create_response(json_t *result, json_t *id, int indent, json_t *transaction_id) {
-    // Only debug lines in create_error, where requests without a method end: its error line is the response itself.
+    // Errors here, debug lines in create_error, where requests without a method end: its error line is the response.
     if (result == nullptr || id == nullptr) {
         LOG_ERROR("tavrix_jrpc_create_response: NULL pointer!\n");
         return nullptr;
@@ -371,9 +371,9 @@ char *tavrix_jrpc_create_error(int jrpc_code, json_t *id, json_t *data, int inde
 
 namespace {
 
-/** The reply channel that a message names, borrowed from it. A text that could not be read comes as null. */
+/** The reply channel that a message names, borrowed from it; a message that could not be parsed is null. */
 int find_channel(const json_t *message, const json_error_t &error, const char **channel) {
-    constexpr char function[] = "tavrix_jrpc_parse_channel"; // for the serving step, too
+    constexpr char function[] = "tavrix_jrpc_parse_channel"; // also when the serving step calls it
     if (message == nullptr) {
         refuse(function, "Cannot parse JSON message.");
         LOG_DEBUG("Error on line[%d]: %s\n", error.line, error.text);
@@ -504,10 +504,10 @@ int receive_text(const char *function, int sock, int nonblock, Text *json_text) 
     return rc == TAVRIX_OK ? rc : failed(function, "Error parse_msg", rc);
 }
 
-/** Publishes what a function has made. */
+/** Publishes a text for one of the functions. The line says "response" even for a request: log filters match it. */
 int publish(const char *function, const int *pub_sock, const char *channel, const char *json_text,
             const char *failure) {
-    LOG_DEBUG("[%s]: Sending response over mq_pub ...\n", function); // requests are called so too: log filters match it
+    LOG_DEBUG("[%s]: Sending response over mq_pub ...\n", function);
     const int rc = tavrix_jrpc_mq_pub(pub_sock, channel, json_text);
     return rc == TAVRIX_OK ? rc : failed(function, failure, rc);
 }
@@ -519,7 +519,7 @@ int tavrix_jrpc_mq_pub_init(const char *address, int *pub_sock_out) {
         return refuse(__func__, null_capitals, TAVRIX_ERR_NULL_INPUT);
     }
     BusSocket pub;
-    int rc = pub.open(TAVRIX_SP_PUB);
+    int rc = tavrix_mq_socket_init(TAVRIX_SP_PUB, pub.place());
     if (rc != TAVRIX_OK) {
         failed(__func__, "Error mq_socket_init for pub", rc);
         return TAVRIX_ERR_GENERAL;
@@ -540,7 +540,7 @@ int tavrix_jrpc_mq_sub_init(int *sub_sock_out, int with_timeout) {
         return refuse(__func__, null_capitals, TAVRIX_ERR_NULL_INPUT);
     }
     BusSocket sub;
-    int rc = sub.open(TAVRIX_SP_SUB);
+    int rc = tavrix_mq_socket_init(TAVRIX_SP_SUB, sub.place());
     if (rc != TAVRIX_OK) {
         failed(__func__, "Error mq_socket_init for sub", rc);
         return TAVRIX_ERR_GENERAL;
@@ -626,7 +626,7 @@ bool has_version_2(const json_t *candidate) {
         return false;
     }
     if (!json_is_string(version)) {
-        LOG_ERROR("tavrix_jrpc_eval_request: Invalid Request ID\n"); // of the version too: log filters match it
+        LOG_ERROR("tavrix_jrpc_eval_request: Invalid Request ID\n"); // about the version, too: log filters match it
         return false;
     }
     if (!is_version_2(version)) {
@@ -652,7 +652,7 @@ bool is_reply_to(const json_t *candidate, const char *method) {
     return std::strcmp(json_string_value(id), method) == 0;
 }
 
-/** The verdict on a candidate, which is handed over when it is the awaited one and somebody wants it. */
+/** Ends a match: an awaited candidate is handed over if the caller wants it. */
 int conclude(bool is_awaited, const char *found, const char *method, Json candidate, json_t **out) {
     if (!is_awaited) {
         LOG_DEBUG("Found incorrect method \"%s\".\n", printable(found));
@@ -665,7 +665,7 @@ int conclude(bool is_awaited, const char *found, const char *method, Json candid
     return TAVRIX_OK;
 }
 
-/** What tells the wait for a reply and the wait for a notification apart: the matcher, and what they say. */
+/** What distinguishes the two waits: how they recognise what they wait for, and what they log. */
 struct Wait {
     const char *function;
     int (*match)(const char *method, const char *json_text, json_t **out);
@@ -733,7 +733,7 @@ Json await(const Wait &wait, int sub_sock, const char *method, int attempts) {
     return awaited;
 }
 
-/** Hands over what a wait has brought; the status is the one of a wait in vain. */
+/** Hands over what a wait has brought, if anything; else returns the status. */
 int hand_over(const Wait &wait, Json awaited, json_t **out, int status) {
     if (!awaited) {
         LOG_DEBUG("%s", wait.exhausted);
@@ -786,7 +786,7 @@ int tavrix_jrpc_mq_sub_for_notifcation(int sub_sock, const char *method, json_t 
     Json notification = await(notification_wait, sub_sock, method, notification_attempts);
     rc = tavrix_mq_socket_set_timeout(sub_sock, timeout_ms);
     if (rc != TAVRIX_OK) {
-        failed(__func__, not_set, rc); // only told: what the wait has brought counts more
+        failed(__func__, not_set, rc); // only logged: what the wait has brought counts more
     }
     // Not TAVRIX_ERR_NO_RESPONSE: nobody was asked, so no service is to blame.
     return hand_over(notification_wait, std::move(notification), notification_out, TAVRIX_ERR_GENERAL);
@@ -812,7 +812,7 @@ int tavrix_jrpc_eval_notification(const char *method, const char *json_text, jso
 
 namespace {
 
-/** What tells the Unix-domain and the TCP server apart. */
+/** What distinguishes the Unix-domain server from the TCP server. */
 struct StreamServer {
     int (*accept)(const int *listen_sock, int *client_out);
     const char *function;
@@ -824,7 +824,7 @@ constexpr StreamServer unix_server = {tavrix_socket_accept, "tavrix_jrpc_unix_so
 // The second name leaves out the "tcp": log filters match it.
 constexpr StreamServer tcp_server = {tavrix_tcp_socket_accept, "tavrix_jrpc_tcp_socket_run", "tavrix_jrpc_socket_run"};
 
-/** Tells what became of a listener. One that failed is the handle 0: daemons start without it, and look at that. */
+/** Logs what became of a listener. If it failed the handle is 0: daemons start without it and look at the handle. */
 int store_listener(const char *function, const char *kind, int rc, int listener, int *sock_out) {
     if (rc != TAVRIX_OK) {
         LOG_DEBUG("[%s]: cannot init %s socket!\n", function, kind);
@@ -845,7 +845,7 @@ int run_stream_server(const StreamServer &server, const int *listen_sock, const 
         return rc;
     }
     char request[TAVRIX_SERVER_MAX_REQUEST + 1] = "";
-    if (tavrix_socket_recv(client.get(), request, TAVRIX_SERVER_MAX_REQUEST) < 1) {
+    if (tavrix_socket_recv(client.place(), request, TAVRIX_SERVER_MAX_REQUEST) < 1) {
         return TAVRIX_ERR_GENERAL;
     }
     Text response;
@@ -853,8 +853,12 @@ int run_stream_server(const StreamServer &server, const int *listen_sock, const 
     if (rc != TAVRIX_OK) {
         return rc;
     }
-    rc = response ? tavrix_socket_send(client.get(), response.get()) : TAVRIX_OK;
-    return rc == TAVRIX_OK ? client.close() : refuse(server.sending_function, "Error response!", rc);
+    rc = response ? tavrix_socket_send(client.place(), response.get()) : TAVRIX_OK;
+    if (rc != TAVRIX_OK) {
+        return refuse(server.sending_function, "Error response!", rc);
+    }
+    int fd = client.release(); // closed only once: after a failure the number may be another thread's already
+    return tavrix_socket_close(&fd);
 }
 
 } // namespace
@@ -892,7 +896,7 @@ int tavrix_jrpc_pull_socket_init(const char *address, int *sock_out) {
         return refuse(function, null_capitals, TAVRIX_ERR_NULL_INPUT);
     }
     BusSocket pull;
-    if (pull.open(TAVRIX_SP_PULL) != TAVRIX_OK) {
+    if (tavrix_mq_socket_init(TAVRIX_SP_PULL, pull.place()) != TAVRIX_OK) {
         LOG_ERROR("[%s]: cannot init pull socket!\n", function);
     } else {
         LOG_DEBUG("[%s]: pull socket initialized!\n", function);
@@ -923,7 +927,7 @@ int tavrix_jrpc_pull_socket_run(int sock, const tavrix_jrpc_method *table) {
 
 namespace {
 
-/** Parses an object and tells what is wrong under the function's name. */
+/** Parses an object and logs what is wrong with it in the function's name. */
 Json parse_object(const char *text, const char *function) {
     json_error_t error;
     Json object(json_loads(text, parse_flags, &error));
@@ -939,12 +943,12 @@ Json parse_object(const char *text, const char *function) {
 }
 
 /**
- * Shows a request and chooses its service channel, which is null without memory.
+ * Shows a request and chooses its service channel, which is null when memory runs out.
  *
- * What has no rendering is refused whether or not it is shown: a bare value, and what a caller has put together that no
- * text can hold.
+ * A request that cannot be rendered is refused at every log level: a bare value, and an object that a caller has built
+ * and that has no JSON text.
  *
- * @param received the text that the request was parsed from, which proves that there is a rendering; or null
+ * @param received the text that the request was parsed from, which proves that it can be rendered; or null
  */
 int choose_channel(const json_t *request, const char *received, const char *function, Text *channel) {
     const bool is_container = json_is_object(request) || json_is_array(request);
@@ -962,7 +966,7 @@ int choose_channel(const json_t *request, const char *received, const char *func
     return TAVRIX_OK;
 }
 
-/** Puts the router's reply channel in the place of the client's id, which is kept nowhere, and encodes the request. */
+/** Replaces the client's id, which is not kept, by the router's reply channel and encodes the request. */
 int stamp_and_encode(json_t *request, const char *function, Text *encoded) {
     const json_t *id = json_object_get(request, "id");
     if (!is_text_or_number(id)) {
@@ -1000,7 +1004,7 @@ int tavrix_jrpc_router_socket_to_mq(const int *listen_sock, const int *pub_sock,
         return rc;
     }
     char buffer[TAVRIX_ROUTER_MAX_REQUEST + 1] = "";
-    if (tavrix_socket_recv(client.get(), buffer, TAVRIX_ROUTER_MAX_REQUEST) < 1) {
+    if (tavrix_socket_recv(client.place(), buffer, TAVRIX_ROUTER_MAX_REQUEST) < 1) {
         return TAVRIX_ERR_GENERAL;
     }
     Text request;
@@ -1098,7 +1102,7 @@ int receive_reply(const char *function, int sub_sock, Text *json_text) {
     return rc == TAVRIX_OK ? rc : failed(function, "Error parse_msg", rc);
 }
 
-/** Both paths fail with the line of the first: log filters match it. */
+/** Both paths report a failure in the name of the one-call path: log filters match it. */
 int send_response(const int *client_sock, const Text &text) {
     const int rc = tavrix_socket_send(client_sock, text.get());
     return rc == TAVRIX_OK ? rc : failed("tavrix_jrpc_router_mq_to_socket", "Error send", rc);
@@ -1110,14 +1114,14 @@ int tavrix_jrpc_router_mq_to_socket(const int *sub_sock, int *client_sock) {
     if (sub_sock == nullptr || client_sock == nullptr) {
         return refuse(__func__, null_initials, TAVRIX_ERR_NULL_INPUT);
     }
-    const Client client(std::exchange(*client_sock, -1)); // closed on every way out
+    const Client client(std::exchange(*client_sock, -1)); // closed whatever happens
     Text json_text;
     const int rc = receive_text(__func__, *sub_sock, 0, &json_text);
     if (rc != TAVRIX_OK) {
         return rc;
     }
     LOG_VERBOSE("[%s]: parse_msg json_msg[%d]: %s\n", __func__, length_of(json_text.get()), json_text.get());
-    return send_response(client.get(), json_text);
+    return send_response(client.place(), json_text);
 }
 
 int tavrix_jrpc_router_mq_extract_response(const int *sub_sock, json_t **response_out) {
@@ -1144,7 +1148,7 @@ int tavrix_jrpc_router_socket_dispatch_response(const int *client_sock, json_t *
     }
     const Text text(json_dumps(response, wire_flags));
     if (!text) {
-        return refuse(__func__, "Cannot decode JSON message"); // "decode", for a rendering: log filters match it
+        return refuse(__func__, "Cannot decode JSON message"); // "decode" for encoding: log filters match it
     }
     LOG_VERBOSE("JSON response sent, of string length %d\n", length_of(text.get()));
     LOG_VERBOSE("The JSON Request was:\n%s\n", text.get());
@@ -1228,7 +1232,7 @@ int tavrix_jrpc_router_create_system_lock_response(json_t *request, json_t **res
     *response_out = nullptr;
     const json_t *id = json_object_get(request, "id");
     if (!json_is_string(id)) {
-        // "method", for an id of another type: log filters match it.
+        // "method" for an id of the wrong type: log filters match it.
         return refuse(__func__, id == nullptr ? "No JSON id" : "Invalid JSON method");
     }
     *response_out = build_lock_response(json_string_value(id), json_object_get(request, "transaction_id")).release();

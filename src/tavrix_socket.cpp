@@ -33,7 +33,7 @@ union ListenAddress {
     sockaddr_un local;
     sockaddr_in ipv4;
 };
-// The Unix-domain length serves both binds: for IPv4 the kernel takes a longer one, and there is one path to test.
+// The Unix-domain length serves both binds: for IPv4 the kernel accepts a longer one, and there is one path to test.
 constexpr socklen_t listen_address_length = 110;
 static_assert(sizeof(ListenAddress) >= listen_address_length, "the kernel reads this much of the address");
 static_assert(TAVRIX_SOCKET_MAX_PATH == sizeof(sockaddr_un::sun_path) - 1, "one byte is left for the terminator");
@@ -78,7 +78,7 @@ int accept_client(const int *listen_sock, int *client_out, const char *function)
     }
     Peer peer{};
     socklen_t length = sizeof peer;
-    // Written on failure too: daemons test the handle for -1, and must not find an earlier client's number there.
+    // Written on failure too: daemons compare the handle with -1, and must not find an earlier client's number there.
     *client_out = accept(*listen_sock, reinterpret_cast<sockaddr *>(&peer), &length);
     if (*client_out >= 0) {
         return TAVRIX_OK;
@@ -97,7 +97,7 @@ int tavrix_unix_socket_init(const char *path, int *sock_out, int nonblocking) {
         return failed(__func__);
     }
     ListenAddress address = address_of_family(AF_UNIX);
-    // A longer path is cut: clients that cut it as well still meet the daemon. Everything below works on the cut one.
+    // A longer path is cut: clients that cut it as well still reach the daemon. All that follows uses the cut path.
     std::memcpy(address.local.sun_path, path, strnlen(path, TAVRIX_SOCKET_MAX_PATH));
     static_cast<void>(unlink(address.local.sun_path)); // left behind by an earlier run
     if (start_listening(fd.get(), address) != TAVRIX_OK) {
@@ -114,7 +114,7 @@ int tavrix_tcp_socket_init(unsigned port, int *sock_out, int nonblocking) {
     if (sock_out == nullptr) {
         return null_pointer(__func__);
     }
-    // Non-blocking whatever the caller asks: daemons serve it in turn with others, and an accept must not hold them up.
+    // Non-blocking, whatever the caller asks for: daemons serve it in turn with others, and accept must not block them.
     tavrix::Descriptor fd = open_listener(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, nonblocking);
     if (!fd) {
         return failed(__func__);
@@ -154,7 +154,7 @@ int tavrix_tcp_socket_connect(const char *ipv4_text, unsigned port, int *sock_ou
     if (connect(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
         return errno == ETIMEDOUT ? TAVRIX_ERR_CONNECT_TIMEOUT : TAVRIX_ERR_GENERAL;
     }
-    if (sock_out == nullptr) { // looked at last: callers that only probe pass null, and still learn of a time-out
+    if (sock_out == nullptr) { // checked last: callers that only probe pass null, and still learn of a time-out
         return null_pointer(__func__);
     }
     *sock_out = fd.release();
@@ -164,7 +164,7 @@ int tavrix_tcp_socket_connect(const char *ipv4_text, unsigned port, int *sock_ou
 int tavrix_socket_recv(const int *sock, char *buf, size_t len) {
     if (sock == nullptr || buf == nullptr) {
         null_pointer(__func__);
-        return 0; // as at the end of the stream: after -1 callers look at errno, which says nothing here
+        return 0; // as at the end of a stream: after -1 callers look at errno, which has no meaning here
     }
     const ssize_t received = recv(*sock, buf, len, 0);
     if (received < 0) {
@@ -179,7 +179,7 @@ int tavrix_socket_send(const int *sock, const char *text) {
     if (sock == nullptr || text == nullptr) {
         return null_pointer(__func__);
     }
-    // A short send counts as sent: a client that does not read must not hold up a daemon that serves one at a time.
+    // A short send counts as sent: a client that does not read must not block a daemon that serves one at a time.
     return send(*sock, text, std::strlen(text), MSG_NOSIGNAL) < 0 ? TAVRIX_ERR_GENERAL : TAVRIX_OK;
 }
 

@@ -24,7 +24,7 @@ constexpr char unit_name[] = "tavrix_sqlite3";
 constexpr unsigned char max_retries = 20;
 constexpr useconds_t retry_delay_us = 50000;
 
-/** A statement's text on the stack, cut off at its end without notice: what has no fixed length is bound instead. */
+/** A statement's text on the stack, silently cut off at its end: values of any length are to be bound instead. */
 class Sql {
   public:
     TAVRIX_PRINTF(2, 0) Sql(const char *format, va_list args) {

@@ -1,6 +1,6 @@
 /**
- * The tables of tavrix_jrpc: JSON-RPC codes with their messages, the statuses behind them, service channels, and how
- * long callers wait for a reply.
+ * The tables of tavrix_jrpc: JSON-RPC codes, their messages and statuses, service channels, and how long callers wait
+ * for a reply.
  */
 #ifndef TAVRIX_INTERNAL_JRPC_TABLES_H
 #define TAVRIX_INTERNAL_JRPC_TABLES_H
@@ -89,7 +89,7 @@ constexpr CatalogueRow catalogue[] = {
 };
 static_assert(count_of(catalogue) == 52, "one row for each JSON-RPC code");
 
-// A code's first row is its way back: callers compare that status.
+// The first row of a code is also its way back to a status: callers compare that one.
 constexpr ConversionRow conversions[] = {
     {TAVRIX_ERR_GENERAL, TAVRIX_JRPC_UNKNOWN_ERROR},
     {TAVRIX_ERR_JSON_RESPONSE, TAVRIX_JRPC_RESPONSE_FAILED},
@@ -157,7 +157,7 @@ inline int code_of_status(int internal_code) {
     return TAVRIX_JRPC_UNKNOWN_ERROR;
 }
 
-/** For an unknown code a number of the other numbering: callers test for it, any status could be a real one. */
+/** An unknown code yields a code, not a status: callers test for it, and any status could be a real one. */
 inline int status_of_code(int jrpc_code) {
     for (const ConversionRow &row : conversions) {
         if (row.jrpc_code == jrpc_code) {
@@ -200,7 +200,7 @@ inline const char *service_channel(const char *method) {
 
 // --- Patience ------------------------------------------------------------------------------------------------------
 
-/** How many receives a caller waits for the reply to a method. */
+/** How many receives a caller spends waiting for the reply to a method. */
 struct Patience {
     const char *method;
     int attempts;

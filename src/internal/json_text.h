@@ -1,5 +1,5 @@
 /**
- * JSON as text: whether a value has one, and a text that is put together from pieces.
+ * JSON as text: whether a value can be written as one, and a text that is built from pieces.
  */
 #ifndef TAVRIX_INTERNAL_JSON_TEXT_H
 #define TAVRIX_INTERNAL_JSON_TEXT_H
@@ -18,7 +18,7 @@ namespace tavrix {
 
 // --- Values that have a text ---------------------------------------------------------------------------------------
 
-/** Pure ASCII is seen at a glance; the rare other text is for Jansson to judge. */
+/** Pure ASCII is quick to recognise; Jansson judges the rare other text. */
 inline bool is_utf8(const char *text, size_t length) {
     size_t ascii = 0;
     while (ascii < length && static_cast<unsigned char>(text[ascii]) < 0x80) {
@@ -27,16 +27,16 @@ inline bool is_utf8(const char *text, size_t length) {
     return ascii == length || Json(json_stringn(text, length)) != nullptr;
 }
 
-/** The way down to a container, as far as a loop needs it to be noticed. */
+/** The path down to a container, as much of it as is needed to notice a loop. */
 struct Descent {
     const json_t *landmark; ///< the container above at the last depth that was a power of two
     size_t depth;
 };
 
 /**
- * Whether a JSON text can hold the value: its strings and keys are UTF-8 (of a key that is not, Jansson would write
- * half and report success), and it does not contain itself. Round a loop of any length the walk meets its landmark
- * again, so that one comparison for each container is enough to notice.
+ * Whether the value can be written as JSON text: its strings and keys are UTF-8 (Jansson would write half of a key that
+ * is not, and report success), and it does not contain itself. In a loop of any length the walk meets its landmark
+ * again, so one comparison per container is enough.
  */
 inline bool is_renderable(const json_t *value, const Descent &above = {nullptr, 0}) {
     if (json_is_string(value)) {
@@ -71,8 +71,7 @@ inline bool is_renderable(const json_t *value, const Descent &above = {nullptr, 
 /** A text under construction; `size` bytes are allocated, `length` of them written. */
 class Draft {
   public:
-    /** False without memory; what was written so far stays. Not inline: a dozen copies would cost more than the calls.
-     */
+    /** False when memory runs out. Not inline: a dozen copies would cost more room than a dozen calls cost time. */
     [[gnu::noinline]] bool add(const char *bytes, size_t count) {
         const size_t needed = length_ + count;
         if (needed > size_ && !enlarge(needed)) {
@@ -86,9 +85,9 @@ class Draft {
     bool add(const char (&words)[Size]) {
         return add(words, Size - 1);
     }
-    /** False when the value has no text, too. */
+    /** Also false when the value cannot be written. */
     bool add(const json_t *value, size_t flags) { return json_dump_callback(value, add_piece, this, flags) == 0; }
-    /** The finished text; null without memory for its end. */
+    /** The finished text; null when there is no memory for its terminator. */
     Text finish() { return add("", 1) ? std::move(text_) : nullptr; }
 
   private:

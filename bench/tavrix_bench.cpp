@@ -21,8 +21,8 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include "internal/tavrix_validation_seam.h"
 #include "tavrix.h"
-#include "tavrix_validation_internal.h"
 
 namespace {
 

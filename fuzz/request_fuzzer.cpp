@@ -3,8 +3,8 @@
  */
 #include "input.h"
 
+#include "internal/tavrix_jrpc_seam.h"
 #include "tavrix_jrpc.h"
-#include "tavrix_jrpc_internal.h"
 #include "tavrix_jrpc_utils.h"
 
 namespace {

@@ -2,8 +2,8 @@
  * @file tavrix_conf_parser.h
  * Looks up one value in a small sectioned configuration file.
  *
- * Lines that start with `#` are comments; `[name]` opens a section; inside it, `key=value` lines are taken to the
- * letter: blanks belong to the key and to the value, and a line counts only when it ends in a newline.
+ * Lines that start with `#` are comments; `[name]` opens a section; inside it, `key=value` lines are taken
+ * literally: blanks belong to the key and to the value, and a line counts only when it ends in a newline.
  *
  * @code
  * char level[51] = "";
@@ -22,7 +22,7 @@ extern "C" {
 #endif
 
 /**
- * Finds the first key of a name inside the first section of a name.
+ * Finds the first entry of that key in the first section of that name.
  *
  * @param path     file to read
  * @param section  section name, compared exactly; a name of more than 49 characters is never found

@@ -23,159 +23,159 @@ extern "C" {
 #endif
 
 /**
- * Status codes, what each means and what a caller does about it. The numbers are fixed: daemons compare them, and logs
- * have them.
+ * Status codes, what each means and what a caller does about it. The numbers are fixed: daemons compare them, and they
+ * appear in logs.
  *
- * Those about units, ports, lasers and the appliance's settings come from the services' handlers; the library gives
- * them to clients as tavrix_jrpc_error_convert_tavrix_to_jrpc() says. A caller that expects none in particular logs
- * tavrix_error_decode() and gives up what it was doing.
+ * Statuses about units, ports, lasers and the appliance's settings come from the services' handlers; clients see them
+ * as tavrix_jrpc_error_convert_tavrix_to_jrpc() converts them. A caller that has no use for a particular status logs
+ * tavrix_error_decode() and gives up.
  */
 enum tavrix_status {
-    /** Success. Where a function gives a count, any number from 0 on is one. */
+    /** Success. Where a function returns a count, any number from 0 up is success. */
     TAVRIX_OK = 0,
-    /** Anything without a status of its own; the log says what. Give up, or try again where the function says so. */
+    /** Any failure without a status of its own; the log says which. Give up, or retry where the function allows it. */
     TAVRIX_ERR_GENERAL = -1,
-    /** No answer in time. Whether a change was made is not known: read the state before you ask for it again. */
+    /** No answer in time. The change may have been made all the same: read the state before asking for it again. */
     TAVRIX_ERR_TIMEOUT = -2,
-    /** The function is not there in this version or on this appliance. Do without it. */
+    /** Not available in this version or on this appliance. Do without it. */
     TAVRIX_ERR_UNIMPLEMENTED = -3,
-    /** An argument is null or cannot be, such as a text that is no port's id. The same call fails again: correct it. */
+    /** An argument is null or impossible, such as a text that is not a port id. The same call fails again: fix it. */
     TAVRIX_ERR_PARAMETER = -4,
-    /** A unit's id that no unit can have. Ask for another. */
+    /** Not a possible unit id. Ask for another. */
     TAVRIX_ERR_INVALID_MZU_ID = -5,
-    /** A port's id that no port can have. Ask for another. */
+    /** Not a possible port id. Ask for another. */
     TAVRIX_ERR_INVALID_PORT = -6,
-    /** The database, or another part of the system, refuses; the log has the reason. Roll back or give up. */
+    /** The database or another part of the system refused; the log has the reason. Roll back or give up. */
     TAVRIX_ERR_SYSTEM_ACCESS = -7,
-    /** The unit has to be connected for this, and is not. Try again when it is. */
+    /** The unit has to be connected for this and is not. Try again when it is. */
     TAVRIX_ERR_MZU_OFFLINE = -8,
-    /** Never given; the number is kept free. */
+    /** Never returned; the number is reserved. */
     TAVRIX_ERR_UNASSIGNED_9 = -9,
     /** The system's variables are not set up yet. Initialise them first. */
     TAVRIX_ERR_UNINITIALIZED = -10,
-    /** The configuration database is locked, or busy with another's change. Try again in a while. */
+    /** The configuration database is locked, or busy with another change. Try again later. */
     TAVRIX_ERR_DB_BUSY = -11,
-    /** The connection has statements left, and is still open. Finalise them, then close it again. */
+    /** The connection still has statements and stays open. Finalise them, then close it again. */
     TAVRIX_ERR_DB_UNFINISHED = -12,
-    /** Only a C-port is possible here. Ask for one. */
+    /** Only a C-port will do here. Ask for one. */
     TAVRIX_ERR_EXPECTED_C_PORT = -13,
-    /** Only a D-port is possible here. Ask for one. */
+    /** Only a D-port will do here. Ask for one. */
     TAVRIX_ERR_EXPECTED_D_PORT = -14,
-    /** A unit is wanted here. Ask for one. */
+    /** A unit id was expected here. Ask for one. */
     TAVRIX_ERR_EXPECTED_MZU = -15,
     /** A hardware component reports a failure. Pass it on to the user; trying again rarely helps. */
     TAVRIX_ERR_HARDWARE = -16,
-    /** Never given; the number is kept free. */
+    /** Never returned; the number is reserved. */
     TAVRIX_ERR_UNASSIGNED_17 = -17,
-    /** Only one VLAN is possible here. Ask for one. */
+    /** Only one VLAN is allowed here. Ask for one. */
     TAVRIX_ERR_MULTIPLE_VLANS = -18,
     /** More VLAN ids than a port may have. Ask for fewer. */
     TAVRIX_ERR_TOO_MANY_VLAN_IDS = -19,
-    /** A pointer argument is null: the calling program is wrong. */
+    /** A pointer argument is null: a bug in the calling program. */
     TAVRIX_ERR_NULL_INPUT = -20,
-    /** A write beyond the memory that is there was prevented: a program is wrong. Report it. */
+    /** A write beyond allocated memory was prevented: a bug. Report it. */
     TAVRIX_ERR_UNALLOCATED_WRITE = -21,
-    /** Memory ran out. Release what can be spared, or end and be started again. */
+    /** Out of memory. Free what can be spared, or exit and be restarted. */
     TAVRIX_ERR_NO_MEMORY = -22,
     /** The database has no such entry. Ask for another. */
     TAVRIX_ERR_DB_ENTRY_NOT_FOUND = -23,
-    /** A parameter is there more than once. Send it once. */
+    /** A parameter was given more than once. Send it once. */
     TAVRIX_ERR_DUPLICATE_PARAMETER = -24,
-    /** The timer has not expired yet: no failure. Wait on its descriptor. */
+    /** The timer has not expired yet; not an error. Wait on its descriptor. */
     TAVRIX_ERR_NO_TIMER_EXPIRATION = -25,
-    /** The unit is registered already. Change it instead, or choose another id. */
+    /** The unit is already registered. Change it instead, or choose another id. */
     TAVRIX_ERR_MZU_EXISTS = -26,
-    /** The MAC address is in use already. Choose another. */
+    /** The MAC address is already in use. Choose another. */
     TAVRIX_ERR_MAC_EXISTS = -27,
     /** No model has this name. Choose one of tavrix_mzu_model_strings. */
     TAVRIX_ERR_NO_SUCH_MODEL = -28,
-    /** The unit has to be disconnected for this, and is not. Disconnect it first. */
+    /** The unit has to be disconnected for this and is not. Disconnect it first. */
     TAVRIX_ERR_MZU_ONLINE = -29,
-    /** A text for the client could not be made, for want of memory or because a value has none. Log it. */
+    /** The JSON for the client could not be built: no memory, or a value that has no JSON text. Log it. */
     TAVRIX_ERR_JSON_RESPONSE = -30,
     /** A parameter of the request has the wrong type or a wrong value. Hand the debug message to the client. */
     TAVRIX_ERR_INVALID_PARAMETER = -31,
-    /** The appliance is not in active mode. Ask the one that is, or make it active. */
+    /** The appliance is not in active mode. Ask the one that is, or activate this one. */
     TAVRIX_ERR_UNIT_NOT_ACTIVE = -32,
-    /** No date and time as YYYY-MM-DD HH:MM. Ask for another. */
+    /** Not a date and time of the form YYYY-MM-DD HH:MM. Ask for another. */
     TAVRIX_ERR_INVALID_DATE_TIME = -33,
-    /** A field's value is against its rule in tavrix_validation.h, or a bus socket's type or address is wrong. */
+    /** A field's value breaks its rule in tavrix_validation.h, or a bus socket's type or address is wrong. */
     TAVRIX_ERR_VALIDATION = -34,
-    /** A parameter, or a key of a configuration file, is absent. Take the default where it is optional. */
+    /** A parameter, or a key of a configuration file, is missing. Use the default if it is optional. */
     TAVRIX_ERR_PARAMETER_NOT_FOUND = -35,
-    /** As many units are registered as there may be. Remove one first. */
+    /** The maximum number of units is registered. Remove one first. */
     TAVRIX_ERR_MZU_LIMIT = -36,
-    /** The port or unit has no power over Ethernet. Do not ask it for any. */
+    /** The port or unit has no power over Ethernet. Do without it. */
     TAVRIX_ERR_NO_POE = -37,
-    /** The query found nothing; in the service kit, a number names nothing any more. Often no failure. */
+    /** The query found nothing; in the service kit, a number no longer names anything. Often not an error. */
     TAVRIX_ERR_NO_RECORDS = -38,
-    /** The change would break one of the database's rules. Roll back, and tell the client. */
+    /** The change would violate a constraint of the database. Roll back and tell the client. */
     TAVRIX_ERR_DATA_CONSTRAINT = -39,
-    /** The file cannot be opened. Look at its path and its rights. */
+    /** The file cannot be opened. Check its path and permissions. */
     TAVRIX_ERR_FILE_OPEN = -40,
     /** The value is longer than the caller's buffer. Call again with a larger one. */
     TAVRIX_ERR_BUFFER_SPACE = -41,
-    /** The configuration file has another word than those that are allowed. Correct it there. */
+    /** A value in the configuration file is not one of the allowed words. Correct the file. */
     TAVRIX_ERR_CONF_ENTRY = -42,
-    /** A result holds an entry that cannot be. Do not use it. */
+    /** A result contains an invalid entry. Do not use it. */
     TAVRIX_ERR_RESULT_ENTRY = -43,
-    /** The request has no "id", it is a notification: no failure. Serve it without an answer. */
+    /** The request has no "id", so it is a notification; not an error. Serve it without an answer. */
     TAVRIX_ERR_NO_JSON_ID = -44,
-    /** The system is locked, or has too much to do. Try again in a while. */
+    /** The system is locked or overloaded. Try again later. */
     TAVRIX_ERR_SYSTEM_BUSY = -45,
-    /** No message is waiting, or none came in time: no failure. Go on with the loop. */
+    /** No message is waiting, or none came in time; not an error. Go on with the loop. */
     TAVRIX_ERR_MQ_TIMEOUT = -46,
-    /** A port's id that could be, but there is no such port. Ask for another. */
+    /** A well-formed port id, but there is no such port. Ask for another. */
     TAVRIX_ERR_NO_SUCH_PORT = -47,
-    /** The software is the factory's version already. Nothing is to be done. */
+    /** The software is already the factory version. There is nothing to do. */
     TAVRIX_ERR_FACTORY_VERSION = -48,
-    /** The system needs this value for itself. Choose another. */
+    /** The system reserves this value for itself. Choose another. */
     TAVRIX_ERR_RESERVED_VALUE = -49,
-    /** No reply in all the attempts. The service may be down; read the state before you ask for a change again. */
+    /** No reply within the attempts. The service may be down; read the state before asking for a change again. */
     TAVRIX_ERR_NO_RESPONSE = -50,
-    /** Nobody answers at the other end, or the router is not there. Try again in a while. */
+    /** Nobody answers at the other end, or the router is not running. Try again later. */
     TAVRIX_ERR_CONNECT_TIMEOUT = -51,
-    /** Redundant lasers have different IP addresses. Configure the same one for them. */
+    /** Redundant lasers have different IP addresses. Give them the same one. */
     TAVRIX_ERR_LASER_ADDRESSES_DIFFER = -52,
-    /** A laser in protect mode forbids to synchronise the configuration. Wait until none is. */
+    /** The configuration cannot be synchronised while a laser is in protect mode. Wait until none is. */
     TAVRIX_ERR_LASER_IN_PROTECT_MODE = -53,
-    /** Without an active laser the configuration cannot be synchronised. Activate one first. */
+    /** The configuration cannot be synchronised without an active laser. Activate one first. */
     TAVRIX_ERR_NO_ACTIVE_LASER = -54,
     /** Not the name of a unit, a port or a VLAN. Ask for another. */
     TAVRIX_ERR_INVALID_ENTITY = -55,
-    /** The unit does not answer. Try again in a while. */
+    /** The unit does not answer. Try again later. */
     TAVRIX_ERR_MZU_COMMUNICATION = -56,
     /** The method has no such parameter. Leave it out. */
     TAVRIX_ERR_UNEXPECTED_PARAMETER = -57,
-    /** The port or unit cannot do this, limit MAC addresses for example. Do without it. */
+    /** The port or unit does not support this, for example a limit on MAC addresses. Do without it. */
     TAVRIX_ERR_NOT_SUPPORTED = -58,
-    /** A unit's id that could be, but no such unit is registered. Register it, or ask for another. */
+    /** A well-formed unit id, but no such unit is registered. Register it, or ask for another. */
     TAVRIX_ERR_NO_SUCH_MZU = -59,
     /** A unit reports a model that this software does not know. Treat it as a generic one. */
     TAVRIX_ERR_UNKNOWN_MODEL = -60,
     /** A switch's MAC address is missing. Send it along. */
     TAVRIX_ERR_MAC_EXPECTED = -61,
-    /** The IP address is taken. Choose another. */
+    /** The IP address is already in use. Choose another. */
     TAVRIX_ERR_IP_IN_USE = -62,
-    /** The VLAN's and the local management address share a subnet. Change one of them. */
+    /** The subnets of the VLAN and the local management addresses conflict. Change one of them. */
     TAVRIX_ERR_SUBNET_CONFLICT = -63,
-    /** This model does not list MAC addresses while they are restricted. Lift the restriction first. */
+    /** This model cannot list MAC addresses while they are restricted. Lift the restriction first. */
     TAVRIX_ERR_MACS_RESTRICTED = -64,
-    /** The unit's model has no such function. Do without it. */
+    /** The unit's model does not support this. Do without it. */
     TAVRIX_ERR_MODEL_UNSUPPORTED = -65,
     /** The appliance's date has to be set first. */
     TAVRIX_ERR_DATE_NOT_SET = -66,
     /** An E13 allows a MAC address on one of its ports only. Remove it from the other. */
     TAVRIX_ERR_E13_MAC_LIMIT = -67,
-    /** Port d4 cannot be changed during peer-to-peer communication. Switch that off first. */
+    /** Port d4 cannot be changed while peer-to-peer communication is enabled. Disable that first. */
     TAVRIX_ERR_D4_PEER_TO_PEER = -68,
-    /** The management VLAN would be on no D-port. Leave it on one. */
+    /** The change would leave the management VLAN on no D-port. Leave it on one. */
     TAVRIX_ERR_MANAGEMENT_VLAN = -69,
-    /** The configuration queue is full. Try again in a while. */
+    /** The configuration queue is busy. Try again later. */
     TAVRIX_ERR_CONFIG_QUEUE_BUSY = -70,
-    /** The unit has not taken its last configuration yet. Try again when it has. */
+    /** The unit has not yet applied its last configuration. Try again when it has. */
     TAVRIX_ERR_CONFIG_PENDING = -71,
-    /** The value has to be unique, and is taken. Choose another. */
+    /** The value has to be unique and is already taken. Choose another. */
     TAVRIX_ERR_NOT_UNIQUE = -72,
     /** More entries than the unit or port has room for. Remove some. */
     TAVRIX_ERR_TOO_MANY_ENTRIES = -73
@@ -188,7 +188,7 @@ enum tavrix_status {
 TAVRIX_API extern const char *const tavrix_error_strings[75];
 
 /**
- * Words for a status.
+ * The message of a status.
  *
  * @param code a status, of either sign: 20 and -20 give the same text
  * @return the message, in constant storage; the text of 0 when the magnitude is above 75; a null pointer for the

@@ -20,13 +20,13 @@
  *     tavrix_jrpc_mq_run(&sub, &pub, methods, 0);
  * @endcode
  *
- * Texts that are handed back are released with `free`, JSON values with `json_decref`. Unless a function says otherwise
- * it returns 0 or TAVRIX_ERR_GENERAL, and TAVRIX_ERR_NULL_INPUT for a null argument where it lists one. Thread-safety:
- * no state; handlers run on the caller's thread.
+ * The caller releases returned texts with `free` and JSON values with `json_decref`. Unless its comment says otherwise,
+ * a function returns 0 or TAVRIX_ERR_GENERAL; those that return TAVRIX_ERR_NULL_INPUT for a null argument say so.
+ * Thread-safety: no state; handlers run on the caller's thread.
  *
  * Signals: one that arrives while a call waits on the bus makes it fail with TAVRIX_ERR_GENERAL, SA_RESTART or not;
  * tavrix_jrpc_mq_sub_for_method() and tavrix_jrpc_mq_sub_for_notifcation() count that as one attempt and go on. On
- * client sockets the system decides: with SA_RESTART an accept and a receive wait on, without it they fail with
+ * client sockets the system decides: with SA_RESTART an accept or a receive goes on waiting, without it it fails with
  * TAVRIX_ERR_GENERAL. An answer that a signal cuts short counts as sent.
  */
 #ifndef TAVRIX_JRPC_H
@@ -39,7 +39,7 @@
 extern "C" {
 #endif
 
-/** JSON-RPC error codes; tavrix_jrpc_error_message() has the words of each. */
+/** JSON-RPC error codes; tavrix_jrpc_error_message() has the message of each. */
 enum tavrix_jrpc_code {
     TAVRIX_JRPC_UNKNOWN_ERROR = -32001,
     TAVRIX_JRPC_VERSION_NOT_SUPPORTED = -32002,
@@ -107,7 +107,7 @@ enum tavrix_jrpc_code {
 /** The channel on which every reply to the router arrives. */
 #define TAVRIX_ROUTER_REPLY_CHANNEL "2524546b-ca99-4868-a062-359cefacff7c"
 
-/** The most bytes that are read of one request, which has to arrive in one piece. */
+/** The largest request that is read, in bytes; it has to arrive in one piece. */
 #define TAVRIX_ROUTER_MAX_REQUEST 8192 /**< the router */
 #define TAVRIX_SERVER_MAX_REQUEST 1024 /**< the Unix-domain and TCP request servers */
 
@@ -115,8 +115,8 @@ enum tavrix_jrpc_code {
  * Performs a method.
  *
  * @param params     the request's "params" object, borrowed; null when the request has none
- * @param result     place for a new value, the response's "result"; the engine releases it. Left null it becomes 0.
- * @param error_data place for a new value, the error's "data"; the engine releases it
+ * @param result     receives a new value, the response's "result"; the engine releases it. Left null it becomes 0.
+ * @param error_data receives a new value, the error's "data"; the engine releases it
  * @return 0 or a positive number for success, a negative status for failure
  */
 typedef int (*tavrix_jrpc_handler)(json_t *params, json_t **result, json_t **error_data);
@@ -138,7 +138,7 @@ typedef struct tavrix_jrpc_method {
  * puts(tavrix_jrpc_error_message(code)); // System is busy.
  * @endcode
  *
- * @param internal_code a status, 0 to -73
+ * @param internal_code a status of tavrix_error.h
  * @return the code; TAVRIX_JRPC_UNKNOWN_ERROR for a status without one
  */
 TAVRIX_API int tavrix_jrpc_error_convert_tavrix_to_jrpc(int internal_code);
@@ -147,7 +147,7 @@ TAVRIX_API int tavrix_jrpc_error_convert_tavrix_to_jrpc(int internal_code);
  * The first status that clients see as this JSON-RPC code.
  *
  * @param jrpc_code see tavrix_jrpc_code
- * @return the status; TAVRIX_JRPC_UNKNOWN_ERROR, a number of the other numbering, when there is none
+ * @return the status; TAVRIX_JRPC_UNKNOWN_ERROR, which is a code and not a status, when there is none
  */
 TAVRIX_API int tavrix_jrpc_error_convert_jrpc_to_tavrix(int jrpc_code);
 
@@ -160,7 +160,7 @@ TAVRIX_API int tavrix_jrpc_error_convert_jrpc_to_tavrix(int jrpc_code);
 TAVRIX_API const char *tavrix_jrpc_error_message(int jrpc_code);
 
 /**
- * Evaluates one request: checks its envelope, calls its method, makes the response.
+ * Evaluates one request: checks its envelope, calls its method, builds the response.
  *
  * @code
  * char *response;
@@ -172,39 +172,40 @@ TAVRIX_API const char *tavrix_jrpc_error_message(int jrpc_code);
  * @param request_text  the request; what follows its object is ignored
  * @param table         the methods
  * @param response_text set to null first; receives the response's text, which the caller sends
- *                      and releases, or null when nothing is to be sent: for a notification, and when a check before
- *                      the method's name failed or there is no method
- * @return 0 when a response was made, an error response too, or when a notification succeeded; TAVRIX_ERR_GENERAL
+ *                      and releases, or null when there is nothing to send: for a notification, and when a check
+ *                      before the method's name failed or the name is missing
+ * @return 0 when a response was built, be it an error response, or when a notification succeeded; TAVRIX_ERR_GENERAL
  *         otherwise, also for a null argument. The response's "id" is the value of "method", whatever the request's id.
  */
 TAVRIX_API int tavrix_jrpc_eval_request(const char *request_text, const tavrix_jrpc_method *table,
                                         char **response_text);
 
 /**
- * Makes the text of a successful response. The values are shared: the caller keeps its references.
+ * Builds the text of a successful response. The values are shared: the caller keeps its references.
  *
  * @param result         the response's "result"
  * @param id             the response's "id"
- * @param indent         0 to 31 blanks for each level; 0 for one line
+ * @param indent         spaces per level, 0 to 31; 0 puts everything on one line
  * @param transaction_id the response's "transaction_id"; null for none
- * @return a new text, compact and ASCII only; null for a null result or id, another indent, or a value without a text
+ * @return a new text, compact and ASCII only; null for a null result or id, an indent out of range, or a value that has
+ *         no JSON text
  */
 TAVRIX_API char *tavrix_jrpc_create_response(json_t *result, json_t *id, int indent, json_t *transaction_id);
 
 /**
- * Makes the text of an error response; ownership and limits as for tavrix_jrpc_create_response().
+ * Builds the text of an error response; ownership and limits as for tavrix_jrpc_create_response().
  *
  * @param jrpc_code      see tavrix_jrpc_code; its message comes with it
  * @param id             the response's "id"
  * @param data           the error's "data"; null makes it a JSON null
- * @param indent         0 to 31 blanks for each level; 0 for one line
+ * @param indent         spaces per level, 0 to 31; 0 puts everything on one line
  * @param transaction_id the response's "transaction_id"; null for none
- * @return a new text; null for a null id, another indent, or a value without a text
+ * @return a new text; null for a null id, an indent out of range, or a value that has no JSON text
  */
 TAVRIX_API char *tavrix_jrpc_create_error(int jrpc_code, json_t *id, json_t *data, int indent, json_t *transaction_id);
 
 /**
- * Makes a frame: a channel's name, a bar, a JSON text.
+ * Builds a frame: a channel's name, a bar, a JSON text.
  *
  * @code
  * char *frame = tavrix_api_router_json_add_channel("me", "{}"); // me|{}
@@ -216,7 +217,7 @@ TAVRIX_API char *tavrix_jrpc_create_error(int jrpc_code, json_t *id, json_t *dat
  *
  * @param channel   a name without a bar
  * @param json_text any text
- * @return a new text; null for a null argument or without memory
+ * @return a new text; null for a null argument or when memory runs out
  */
 TAVRIX_API char *tavrix_api_router_json_add_channel(const char *channel, const char *json_text);
 
@@ -224,7 +225,7 @@ TAVRIX_API char *tavrix_api_router_json_add_channel(const char *channel, const c
  * Takes the JSON text out of a frame: what follows the first bar.
  *
  * @param frame    a received frame; needs no terminator
- * @param length   bytes of the frame that count; 0 and less hold no bar
+ * @param length   length of the frame in bytes; nothing is found in 0 or fewer
  * @param json_out receives a new, terminated text
  * @return 0; TAVRIX_ERR_NULL_INPUT for a null argument; TAVRIX_ERR_GENERAL when there is no bar or no memory
  */
@@ -237,7 +238,7 @@ TAVRIX_API int tavrix_jrpc_parse_msg(const char *frame, int length, char **json_
  * @param channel_out receives a new text; null when the result is TAVRIX_ERR_NO_JSON_ID; untouched by the other
  *                    failures
  * @return 0; TAVRIX_ERR_NO_JSON_ID for a notification, which has no "id"; TAVRIX_ERR_NULL_INPUT for a null argument;
- *         TAVRIX_ERR_GENERAL for any other id or text, or without memory
+ *         TAVRIX_ERR_GENERAL for any other id or text, or when memory runs out
  */
 TAVRIX_API int tavrix_jrpc_parse_channel(const char *json_text, char **channel_out);
 
@@ -250,35 +251,35 @@ TAVRIX_API int tavrix_jrpc_parse_channel(const char *json_text, char **channel_o
 TAVRIX_API char *tavrix_api_router_json_parse_channel(const char *method);
 
 /**
- * Makes a publisher.
+ * Opens a publisher.
  *
- * A failed bind leaves its bus socket, of which a process has 512, open until the process ends: do not call this in a
- * loop until an address is free.
+ * A failed bind leaves its bus socket open until the process ends, and a process has only 512: do not retry in a loop
+ * until the address is free.
  *
  * @param address      a "tcp://" address to bind to
  * @param pub_sock_out receives the bus socket; the caller closes it
  * @return 0; TAVRIX_ERR_NULL_INPUT for a null argument; the bind's status (TAVRIX_ERR_VALIDATION, TAVRIX_ERR_GENERAL);
- *         TAVRIX_ERR_GENERAL without a bus socket
+ *         TAVRIX_ERR_GENERAL when there is no bus socket left
  */
 TAVRIX_API int tavrix_jrpc_mq_pub_init(const char *address, int *pub_sock_out);
 
 /**
- * Makes a subscriber that listens to nothing yet.
+ * Opens a subscriber that does not listen to anything yet.
  *
  * @param sub_sock_out receives the bus socket; the caller closes it
- * @param with_timeout not 0: a receive waits 1000 ms at most; 0: for ever
- * @return 0; TAVRIX_ERR_NULL_INPUT for a null place; TAVRIX_ERR_GENERAL without a bus socket, or when the time-out
- *         cannot be set: then the socket stays open until the process ends
+ * @param with_timeout not 0: a receive waits at most 1000 ms; 0: it waits for ever
+ * @return 0; TAVRIX_ERR_NULL_INPUT for a null pointer; TAVRIX_ERR_GENERAL when there is no bus socket left, or when the
+ *         time-out cannot be set: then the socket stays open until the process ends
  */
 TAVRIX_API int tavrix_jrpc_mq_sub_init(int *sub_sock_out, int with_timeout);
 
 /**
- * Connects a subscriber to a publisher and lets a channel through, by prefix; may be called again for further ones.
+ * Connects a subscriber to a publisher and lets a channel through, by prefix; call it again for further channels.
  *
  * @param address  the publisher's "tcp://" address; the publisher may appear later
  * @param channel  the prefix of the frames to let through
  * @param sub_sock the subscriber. When the connection or the subscription fails it is closed, and the variable keeps
- *                 its value; after TAVRIX_ERR_NULL_INPUT it is open still.
+ *                 its value; after TAVRIX_ERR_NULL_INPUT it is still open.
  * @return 0; TAVRIX_ERR_NULL_INPUT for a null argument; TAVRIX_ERR_GENERAL when the connection or the subscription
  *         fails
  */
@@ -318,8 +319,8 @@ TAVRIX_API int tavrix_jrpc_mq_pub(const int *pub_sock, const char *channel, cons
  *
  * Anything else that arrives costs an attempt, and so does a receive that fails or that a signal interrupts.
  *
- * A reply is told by the method's name alone: the first one to that method counts, whoever asked, even one to an
- * earlier request that was given up. Listen on a channel of your own, and tell replies apart by "transaction_id".
+ * A reply is recognised by the method's name alone: the first reply to that method counts, whoever asked, even one to
+ * an earlier request that was abandoned. Listen on a channel of your own, and tell replies apart by "transaction_id".
  * Subscribe to the request's "id" before it is published.
  *
  * @code
@@ -348,9 +349,9 @@ TAVRIX_API int tavrix_jrpc_mq_sub_for_method(int sub_sock, const char *method, j
 TAVRIX_API int tavrix_jrpc_eval_method(const char *method, const char *json_text, json_t **reply_out);
 
 /**
- * Waits for a notification of a method, without a time-out, for five attempts: each frame that is none costs one, and
- * so does a receive that fails or that a signal interrupts. The socket's receive time-out is lifted meanwhile and put
- * back on every way out, so nothing else may receive on it. (The name's spelling is the interface's.)
+ * Waits for a notification of a method, without a time-out, for five attempts: any other frame costs one, and so does a
+ * receive that fails or that a signal interrupts. The socket's receive time-out is lifted meanwhile and always put
+ * back, so nothing else may receive on it. (The misspelt name is part of the interface.)
  *
  * @param sub_sock         the subscriber
  * @param method           the method's name
@@ -383,8 +384,8 @@ TAVRIX_API int tavrix_jrpc_eval_notification(const char *method, const char *jso
  * @param path        the socket's path, cut after 107 bytes; a file that is there is removed
  * @param sock_out    receives the listener, or 0; the caller closes it
  * @param nonblocking not 0: the accept of tavrix_jrpc_unix_socket_run() does not wait
- * @return 0, also when the listener cannot be opened: then the handle is 0 and the log tells why; TAVRIX_ERR_NULL_INPUT
- *         for a null place
+ * @return 0, also when the listener cannot be opened: then the handle is 0 and the log says why; TAVRIX_ERR_NULL_INPUT
+ *         for a null `sock_out`
  */
 TAVRIX_API int tavrix_jrpc_unix_socket_init(const char *path, int *sock_out, int nonblocking);
 
@@ -393,7 +394,7 @@ TAVRIX_API int tavrix_jrpc_unix_socket_init(const char *path, int *sock_out, int
  *
  * @param port        1 to 65535; 0 lets the system choose
  * @param sock_out    receives the listener, or 0; the caller closes it
- * @param nonblocking without effect
+ * @param nonblocking has no effect
  * @return as tavrix_jrpc_unix_socket_init()
  */
 TAVRIX_API int tavrix_jrpc_tcp_socket_init(unsigned port, int *sock_out, int nonblocking);
@@ -423,12 +424,12 @@ TAVRIX_API int tavrix_jrpc_tcp_socket_run(const int *listen_sock, const tavrix_j
 TAVRIX_API int tavrix_jrpc_pull_socket_init(const char *address, int *sock_out);
 
 /**
- * Receives one message, without a channel, and evaluates it; nothing is ever sent.
+ * Receives one message, which has no channel, and evaluates it; nothing is ever sent.
  *
  * @param sock  the pull socket; waits up to its receive time-out
  * @param table the methods
  * @return the evaluation's 0 or TAVRIX_ERR_GENERAL; TAVRIX_ERR_NULL_INPUT for a null table; TAVRIX_ERR_GENERAL when
- *         nothing could be received, a time-out too
+ *         nothing could be received, including a time-out
  */
 TAVRIX_API int tavrix_jrpc_pull_socket_run(int sock, const tavrix_jrpc_method *table);
 
@@ -453,7 +454,7 @@ TAVRIX_API int tavrix_jrpc_pull_socket_run(int sock, const tavrix_jrpc_method *t
 TAVRIX_API int tavrix_jrpc_router_socket_to_mq(const int *listen_sock, const int *pub_sock, int *client_out);
 
 /**
- * The first half of the split request path: accepts a client and parses its request, without a look at its members.
+ * The first half of the split request path: accepts a client and parses its request, without checking its members.
  *
  * @code
  * int client = -1;
@@ -481,9 +482,9 @@ TAVRIX_API int tavrix_jrpc_router_socket_extract_request(const int *listen_sock,
  *
  * @param pub_sock the router's publisher
  * @param request  the request object; it stays the caller's, its "id" becomes the reply channel
- * @return 0; the publishing's status; TAVRIX_ERR_GENERAL for a null argument, and, with the object as it was, for one
- *         that no JSON text can hold, for a request without a method, and for an id that is missing or no string or
- *         number
+ * @return 0; the publishing's status; TAVRIX_ERR_GENERAL for a null argument, and, with the object unchanged, for one
+ *         that has no JSON text, for a request without a method, and for an id that is missing or neither a string nor
+ *         a number
  */
 TAVRIX_API int tavrix_jrpc_router_mq_dispatch_request(const int *pub_sock, json_t *request);
 
@@ -491,7 +492,7 @@ TAVRIX_API int tavrix_jrpc_router_mq_dispatch_request(const int *pub_sock, json_
  * The router's response path in one call: the next message on the subscriber goes to the client, unchanged.
  *
  * @param sub_sock    the router's subscriber, on the reply channel
- * @param client_sock the client; closed in every case once the arguments are valid, and set to -1
+ * @param client_sock the client; if the arguments are valid it is always closed and set to -1
  * @return 0; TAVRIX_ERR_NULL_INPUT for a null argument; the receive's status (TAVRIX_ERR_MQ_TIMEOUT for a time-out);
  *         TAVRIX_ERR_GENERAL
  */
@@ -520,28 +521,28 @@ TAVRIX_API int tavrix_jrpc_router_socket_dispatch_response(const int *client_soc
  *
  * @param notification the notification object, without an "id"; it stays the caller's
  * @param table        the methods
- * @return 0; the handler's own value when it is not 0, a positive one too; TAVRIX_ERR_GENERAL when it is malformed or
- *         has no handler, and for a null argument
+ * @return 0; the handler's own value when it is not 0, even a positive one; TAVRIX_ERR_GENERAL when the notification
+ *         is malformed or has no handler, and for a null argument
  */
 TAVRIX_API int tavrix_jrpc_router_eval_notification(json_t *notification, const tavrix_jrpc_method *table);
 
 /**
- * Makes the answer of a busy system to a request.
+ * Builds the answer of a busy system to a request.
  *
  * @param request      the request object; it stays the caller's, its "transaction_id" is shared with the answer
- * @param response_out receives the object, which the caller releases; null when it cannot be made, untouched for a null
- *                     argument
- * @return 0; TAVRIX_ERR_GENERAL for a null argument, for an id that is missing or no string, or without memory
+ * @param response_out receives the object, which the caller releases; null when it cannot be built, untouched for a
+ *                     null argument
+ * @return 0; TAVRIX_ERR_GENERAL for a null argument, for an id that is missing or not a string, or when memory runs out
  */
 TAVRIX_API int tavrix_jrpc_router_create_system_lock_response(json_t *request, json_t **response_out);
 
 /**
- * Makes the answer to a request whose reply did not come.
+ * Builds the answer to a request that got no reply in time.
  *
  * @param id             the response's "id"
- * @param transaction_id the response's "transaction_id", 0 too
+ * @param transaction_id the response's "transaction_id"; 0 is sent like any other
  * @param response_out   receives the object, which the caller releases; null with every TAVRIX_ERR_GENERAL
- * @return 0; TAVRIX_ERR_GENERAL for a null argument, for an id that is no UTF-8 text, or without memory
+ * @return 0; TAVRIX_ERR_GENERAL for a null argument, for an id that is not UTF-8, or when memory runs out
  */
 TAVRIX_API int tavrix_jrpc_router_create_system_timeout_response(const char *id, int transaction_id,
                                                                  json_t **response_out);

@@ -20,29 +20,30 @@
  * @endcode
  *
  * The parameters that all of them share:
- * - `params`: the request's JSON object; borrowed and never changed. Null, or no object, reads as an empty one.
+ * - `params`: the request's JSON object; borrowed and never changed. Null, or anything but an object, reads as an empty
+ * one.
  * - `debug_message`: the address of the caller's JSON object pointer, null at first. The first parser that fails stores
  *   a new object {"message": text} there, of at most 99 characters; later failures leave it. The caller releases it
  *   with `json_decref`. With a null address nothing is stored.
  * - `key`: the member's name.
  * - `out`: where the value goes. On failure it stays as it was, unless said otherwise.
- * - `out_size`: the size of a text's buffer in bytes. A longer text is cut to fit, without a word; the rest of the
- *   buffer is cleared.
+ * - `out_size`: the size of a text's buffer in bytes. A longer text is silently cut to fit; the rest of the buffer is
+ *   cleared.
  *
  * The shared statuses, in the order of the checks:
  * - TAVRIX_ERR_PARAMETER: `key` or `out` is null;
- * - TAVRIX_ERR_PARAMETER_NOT_FOUND: the member is absent;
- * - TAVRIX_ERR_INVALID_PARAMETER: the member has another type;
+ * - TAVRIX_ERR_PARAMETER_NOT_FOUND: the member is missing;
+ * - TAVRIX_ERR_INVALID_PARAMETER: the member has the wrong type;
  * - TAVRIX_ERR_PARAMETER again: `out_size` is 0, in a retriever of a text.
  *
- * Only an absent member and another type set the debug message. A null argument gives another status in three
+ * Only a missing member and a wrong type set the debug message. A null argument gives another status in three
  * functions: TAVRIX_ERR_NULL_INPUT in tavrix_jrpc_utils_retrieve_input_mac_filters() and
  * tavrix_jrpc_utils_populate_json_mac_addresses_array(), TAVRIX_ERR_INVALID_PARAMETER in
- * tavrix_jrpc_utils_parse_input_secure_option(). And the two readers of ports give TAVRIX_ERR_PARAMETER for a bad
- * element too.
+ * tavrix_jrpc_utils_parse_input_secure_option(). The two readers of port lists also return TAVRIX_ERR_PARAMETER for a
+ * bad element.
  *
  * Of every JSON integer only the low 32 bits count, for the rule as for the value: 4294967297 is read, judged and
- * stored as 1. What must not pass so is for the handler to refuse, with `json_integer_value` on the member itself.
+ * stored as 1. A handler that cannot accept this checks `json_integer_value` of the member itself.
  *
  * Thread-safety: no state; any thread at any time, each on its own request.
  */
@@ -84,7 +85,7 @@ typedef struct tavrix_mac_filter {
  * Finds a JSON true or false.
  *
  * @param out receives the member itself, borrowed; test it with `json_is_true`. Also written when the call fails with
- *            TAVRIX_ERR_PARAMETER_NOT_FOUND (null) or TAVRIX_ERR_INVALID_PARAMETER (the member of another type).
+ *            TAVRIX_ERR_PARAMETER_NOT_FOUND (null) or TAVRIX_ERR_INVALID_PARAMETER (the member of the wrong type).
  * @return 0 or a shared status
  */
 TAVRIX_API int tavrix_jrpc_utils_parse_input_bool(json_t *params, json_t **debug_message, const char *key,
@@ -101,7 +102,7 @@ TAVRIX_API int tavrix_jrpc_utils_parse_input_array(json_t *params, json_t **debu
 TAVRIX_API int tavrix_jrpc_utils_parse_input_string(json_t *params, json_t **debug_message, const char *key, char *out,
                                                     size_t out_size);
 /**
- * Reads a JSON integer; a real such as 3.0 is another type.
+ * Reads a JSON integer; a real such as 3.0 is the wrong type.
  *
  * @param out receives the low 32 bits
  * @return 0 or a shared status
@@ -109,13 +110,13 @@ TAVRIX_API int tavrix_jrpc_utils_parse_input_string(json_t *params, json_t **deb
 TAVRIX_API int tavrix_jrpc_utils_parse_input_integer(json_t *params, json_t **debug_message, const char *key, int *out);
 /**
  * Reads an unsigned 64-bit number out of a JSON string of up to 99 characters, as `strtoull` does: decimal, `0x`
- * hexadecimal or `0` octal. What is no number reads as 0.
+ * hexadecimal or `0` octal. A text that is not a number reads as 0.
  *
- * @return 0 or a shared status, TAVRIX_ERR_INVALID_PARAMETER for a JSON number too
+ * @return 0 or a shared status; a JSON number, too, is TAVRIX_ERR_INVALID_PARAMETER
  */
 TAVRIX_API int tavrix_jrpc_utils_parse_input_uint64_t(json_t *params, json_t **debug_message, const char *key,
                                                       uint64_t *out);
-/** Reads a number out of a JSON string as `atof` does; what is no number reads as 0. @return 0 or a shared status */
+/** Reads a number out of a JSON string as `atof` does; any other text reads as 0. @return 0 or a shared status */
 TAVRIX_API int tavrix_jrpc_utils_parse_input_float(json_t *params, json_t **debug_message, const char *key, float *out);
 
 /**
@@ -142,7 +143,7 @@ TAVRIX_API int tavrix_jrpc_utils_retrieve_input_mzu_model(json_t *params, json_t
 TAVRIX_API int tavrix_jrpc_utils_retrieve_input_mzu_sw_upgrade_filename(json_t *params, json_t **debug_message,
                                                                         const char *key, char *out, size_t out_size);
 /** See validate_mac_address(). An accepted address comes back in upper case with `:` between the pairs; `out` needs 18
- *  bytes, a shorter one refuses every address. */
+ *  bytes; with fewer, every address is refused. */
 TAVRIX_API int tavrix_jrpc_utils_retrieve_input_mac_address(json_t *params, json_t **debug_message, const char *key,
                                                             char *out, size_t out_size);
 /** See validate_unit_sw_bank(). */
@@ -214,7 +215,7 @@ TAVRIX_API int tavrix_jrpc_utils_retrieve_input_enable(json_t *params, json_t **
 /** @} */
 
 /**
- * Copies a port id of the kinds that the caller allows.
+ * Copies a port id of one of the kinds that the caller allows.
  *
  * @param out          keeps a rejected value
  * @param out_size     bytes, at least 1
@@ -222,9 +223,9 @@ TAVRIX_API int tavrix_jrpc_utils_retrieve_input_enable(json_t *params, json_t **
  * @param allow_mzu_id accept a switch unit, validate_mzu_id()
  * @param allow_c_port accept a C-port, validate_c_port_id()
  * @param allow_d_port accept a D-port, validate_d_port_id()
- * @return 0 or a shared status; for a value that is refused: TAVRIX_ERR_EXPECTED_MZU whenever units are allowed, else
- *         TAVRIX_ERR_EXPECTED_C_PORT when of the ports only C-ports are, TAVRIX_ERR_EXPECTED_D_PORT when only D-ports
- *         are, TAVRIX_ERR_VALIDATION when both or neither
+ * @return 0 or a shared status; for a refused value: TAVRIX_ERR_EXPECTED_MZU if units are allowed, else
+ *         TAVRIX_ERR_EXPECTED_C_PORT if only C-ports are, TAVRIX_ERR_EXPECTED_D_PORT if only D-ports are, and
+ *         TAVRIX_ERR_VALIDATION if both or neither
  */
 TAVRIX_API int tavrix_jrpc_utils_retrieve_input_port_id(json_t *params, json_t **debug_message, const char *key,
                                                         char *out, size_t out_size, bool allow_all, bool allow_mzu_id,
@@ -240,7 +241,7 @@ TAVRIX_API int tavrix_jrpc_utils_retrieve_input_mzu_id(json_t *params, json_t **
  * Reads a list of VLAN ids, each the low 32 bits of its integer. Sets no debug message.
  *
  * @param ids   room for 32 numbers; after TAVRIX_ERR_INVALID_PARAMETER the ones before the refused one are stored
- * @param count receives the length of the array, 0 for a member that is no array; also written with
+ * @param count receives the length of the array, 0 for a member that is not an array; also written with
  *              TAVRIX_ERR_TOO_MANY_VLAN_IDS and TAVRIX_ERR_INVALID_PARAMETER
  * @return 0; TAVRIX_ERR_PARAMETER for a null `key`, `ids` or `count`; TAVRIX_ERR_PARAMETER_NOT_FOUND;
  *         TAVRIX_ERR_TOO_MANY_VLAN_IDS for more than 32; TAVRIX_ERR_INVALID_PARAMETER for anything but an integer, or
@@ -253,10 +254,10 @@ TAVRIX_API int tavrix_jrpc_utils_retrieve_input_vlan_ids(json_t *params, json_t 
  * "vlan_mode" (any integers) and "vlan_ids".
  *
  * @param records receives one record for each element, the daemon's own members untouched. After a failure the ones
- *                before the bad element are filled; of its own only the port number and the VLAN ids may be.
+ *                before the bad element are filled; in its own record the port number and the VLAN ids may be.
  * @param count   receives the length of the array, at most `max`; also written when an element is bad
- * @param max     the number of records there is room for; further elements are ignored. With a negative one nothing is
- *                read, the status is 0, and `count` is as negative.
+ * @param max     the number of records there is room for; further elements are ignored. With a negative number nothing
+ *                is read, the status is 0, and `count` receives that number.
  * @return 0; TAVRIX_ERR_PARAMETER for a null `key`, `records` or `count` and for any bad element;
  *         TAVRIX_ERR_PARAMETER_NOT_FOUND, TAVRIX_ERR_INVALID_PARAMETER
  */
@@ -274,9 +275,9 @@ TAVRIX_API int tavrix_jrpc_utils_retrieve_input_ports_hardware(json_t *params, j
  * @param count   receives the length of the list; also written when an element is bad
  * @param first   copied into every element
  * @param second  copied into every element
- * @return 0; TAVRIX_ERR_NULL_INPUT for any null pointer, `params` and `debug_message` too; TAVRIX_ERR_NO_MEMORY without
- *         memory; TAVRIX_ERR_PARAMETER_NOT_FOUND, TAVRIX_ERR_INVALID_PARAMETER; TAVRIX_ERR_VALIDATION for an address
- *         that is refused
+ * @return 0; TAVRIX_ERR_NULL_INPUT for any null pointer, including `params` and `debug_message`; TAVRIX_ERR_NO_MEMORY
+ *         when memory runs out; TAVRIX_ERR_PARAMETER_NOT_FOUND, TAVRIX_ERR_INVALID_PARAMETER; TAVRIX_ERR_VALIDATION for
+ *         an address that is refused
  */
 TAVRIX_API int tavrix_jrpc_utils_retrieve_input_mac_filters(json_t *params, json_t **debug_message, const char *key,
                                                             tavrix_mac_filter **filters, int *count, int first,
@@ -289,10 +290,10 @@ TAVRIX_API int tavrix_jrpc_utils_retrieve_input_mac_filters(json_t *params, json
 TAVRIX_API int tavrix_jrpc_utils_retrieve_input_macaddr_allowed(json_t *params, json_t **debug_message, const char *key,
                                                                 char *out, size_t out_size);
 /**
- * Copies an alias of at most 8 characters, the empty one too, in upper case.
+ * Copies an alias of at most 8 characters in upper case; it may be empty.
  *
- * A longer one replaces the debug message, whatever it held: the old object is released. `out` keeps the rejected
- * value; it needs more than 9 bytes, or a longer alias is cut before it is measured.
+ * A longer one replaces the debug message and releases the old object. `out` keeps the rejected value; it needs more
+ * than 9 bytes, or a longer alias is cut before it is measured.
  *
  * @return 0 or a shared status; TAVRIX_ERR_VALIDATION for a longer alias
  */
@@ -302,19 +303,20 @@ TAVRIX_API int tavrix_jrpc_utils_retrieve_input_alias(json_t *params, json_t **d
  * Reads one of tavrix_secure_option_strings; the choice is always recorded in the log.
  *
  * @param out receives its number: "current" 0, "enable" 1, "disable" 2
- * @return 0; TAVRIX_ERR_INVALID_PARAMETER for any failure, null arguments too
+ * @return 0; TAVRIX_ERR_INVALID_PARAMETER for any failure, including null arguments
  */
 TAVRIX_API int tavrix_jrpc_utils_parse_input_secure_option(json_t *params, json_t **debug_message, const char *key,
                                                            int *out);
 /**
- * Makes the JSON array of MAC addresses that a reply carries.
+ * Builds the JSON array of MAC addresses for a reply.
  *
- * @param array receives a new array, or null on every failure but the first; the caller releases it
+ * @param array receives a new array, which the caller releases; null on failure, but untouched with
+ *               TAVRIX_ERR_NULL_INPUT
  * @param macs  texts of up to 19 characters; may be null when `count` is 0
  * @param count the number of texts; at most 512 are listed, none for a negative number. The list ends early, with a
  *              warning in the log, at a text that is not UTF-8 or for which there is no memory.
  * @return 0; TAVRIX_ERR_NULL_INPUT for a null `array`, and for null `macs` unless `count` is 0; TAVRIX_ERR_NO_MEMORY
- *         without memory for the array; TAVRIX_ERR_GENERAL when an entry cannot be appended
+ *         when there is none for the array; TAVRIX_ERR_GENERAL when an entry cannot be appended
  */
 TAVRIX_API int tavrix_jrpc_utils_populate_json_mac_addresses_array(json_t **array, char (*macs)[20], int count);
 

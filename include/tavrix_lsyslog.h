@@ -14,8 +14,8 @@
  * @endcode
  *
  * Thread-safety: the level, the name and the log socket are process-wide and unsynchronised. Log calls may run on
- * several threads at once; init and reload must not run beside them. Not from a signal handler: a line that it
- * interrupts holds standard error.
+ * several threads at once; init and reload must not run at the same time. Do not log from a signal handler: the line it
+ * interrupts may hold the lock of standard error.
  */
 #ifndef TAVRIX_LSYSLOG_H
 #define TAVRIX_LSYSLOG_H
@@ -38,7 +38,7 @@ enum tavrix_log_level {
     TAVRIX_LOG_VERBOSE = 6
 };
 
-/** The names of the levels 0 to 6. Not terminated: index it, do not search it. */
+/** The names of the levels 0 to 6. The table has no terminator: index it, do not search it. */
 TAVRIX_API extern const char *const tavrix_log_level_strings[7];
 
 /**
@@ -76,7 +76,7 @@ TAVRIX_API int tavrix_lsyslog_set_socket(int fd);
 TAVRIX_API int tavrix_lsyslog_log(int level, const char *file, int line, const char *format, ...) TAVRIX_PRINTF(4, 5);
 
 /**
- * Tells whether a line at this level would be worth building.
+ * Tells whether a line at this level would be written.
  *
  * @param level 0 to 6; both sides are compared as unsigned numbers, so a negative level answers 0
  * @return 1 when the current level is at or above it, else 0

@@ -2,9 +2,9 @@
  * @file tavrix_mq.h
  * Bus sockets: whole text messages over nanomsg's scalability protocols.
  *
- * A socket is a number, an endpoint an id. Nothing else is kept but the topics of a subscribe socket, until it is
- * closed. The order of calls is init, bind or connect (any number of endpoints), subscribe when the type is subscribe,
- * then send and receive, then close.
+ * A socket is a number, an endpoint an id. The library keeps nothing but the topics of a subscribe socket, until it is
+ * closed. The order of calls is init, bind or connect (any number of endpoints), subscribe for a subscribe socket, then
+ * send and receive, then close.
  *
  * @code
  * int sock, eid;
@@ -18,10 +18,10 @@
  *     free(text);
  * @endcode
  *
- * Publish/subscribe drops what is published before a subscriber's connection stands.
+ * Publish/subscribe drops whatever is published before a subscriber is connected.
  *
- * Every function that has no other list returns 0, or TAVRIX_ERR_GENERAL when nanomsg refuses; a failure is logged with
- * nanomsg's own words. Thread-safety: nanomsg's rules for sharing a socket hold; threads that change one socket's
+ * A function that lists no statuses returns 0, or TAVRIX_ERR_GENERAL when nanomsg refuses; a failure is logged with
+ * nanomsg's own message. Thread-safety: nanomsg's rules for sharing a socket hold; threads that change one socket's
  * topics at the same moment take turns.
  */
 #ifndef TAVRIX_MQ_H
@@ -72,18 +72,18 @@ TAVRIX_API int tavrix_mq_socket_init(int sp_type, int *sock_out);
  * @param sock      a socket
  * @param transport 1 to 3, see tavrix_transport
  * @param addr      at most 128 characters; the transport's scheme has to occur somewhere in it. An "ipc://" address is
- *                  the path of a file, at most 113 characters with its scheme; a file that is there already is removed
- *                  unless somebody listens on it
+ *                  the path of a file, at most 113 characters including the scheme; an existing file is removed unless
+ *                  somebody listens on it
  * @param eid_out   receives the endpoint's id, for tavrix_mq_socket_shutdown()
  * @return 0; TAVRIX_ERR_NULL_INPUT for a null pointer; TAVRIX_ERR_VALIDATION for a bad transport or address;
- *         TAVRIX_ERR_GENERAL, also for an "ipc://" address over which nanomsg would end the process: one too long, a
- *         folder's, or that of a file that cannot be removed
+ *         TAVRIX_ERR_GENERAL, also for an "ipc://" address on which nanomsg would abort the process: one that is too
+ *         long, a folder, or a file that cannot be removed
  */
 TAVRIX_API int tavrix_mq_socket_bind(int sock, int transport, const char *addr, int *eid_out);
 
 /**
  * Connects a socket to an address; parameters and statuses as for tavrix_mq_socket_bind(). Returns before the peer is
- * there. A folder is refused here too: nobody can be listening behind it.
+ * there. A folder is refused here too: nobody can be listening on it.
  */
 TAVRIX_API int tavrix_mq_socket_connect(int sock, int transport, const char *addr, int *eid_out);
 
@@ -101,7 +101,7 @@ TAVRIX_API int tavrix_mq_socket_connect(int sock, int transport, const char *add
 TAVRIX_API int tavrix_mq_socket_recv(int sock, char **msg_out, int *len_out, int nonblock);
 
 /**
- * Sends a text without its terminator, waiting as long as nanomsg waits.
+ * Sends a text without its terminator, waiting for as long as nanomsg does.
  *
  * @return 0; TAVRIX_ERR_NULL_INPUT for a null text; TAVRIX_ERR_GENERAL
  */
@@ -114,8 +114,8 @@ TAVRIX_API int tavrix_mq_socket_send_nonblock(int sock, const char *text);
 TAVRIX_API int tavrix_mq_socket_shutdown(int sock, int eid);
 
 /**
- * Closes a socket; a failure is logged as a warning. Gives back what is kept of its topics: one that is closed with
- * `nn_close` leaves them until its number is in use again.
+ * Closes a socket; a failure is logged as a warning. Releases what is kept about its topics; a socket that is closed
+ * with `nn_close` leaves that behind until its number is used again.
  */
 TAVRIX_API int tavrix_mq_socket_close(int sock);
 
@@ -143,21 +143,21 @@ TAVRIX_API int tavrix_mq_socket_sendfd(int sock, int *fd_out);
 /**
  * Adds a prefix to what a subscribe socket lets through; the empty topic lets everything through.
  *
- * The topics that begin with one may go on from it with eight different bytes, no more: with the ninth nanomsg 1.1.5
- * loses the shorter topic, and again when they come back to eight. For the empty topic that means at most eight
+ * Topics that extend a shorter one may continue it with at most eight different bytes: at the ninth nanomsg 1.1.5 loses
+ * the shorter topic, and again when they are back to eight. With the empty topic subscribed, that means at most eight
  * different first bytes on the socket.
  *
- * @return 0; TAVRIX_ERR_NULL_INPUT for a null topic; TAVRIX_ERR_GENERAL when nanomsg refuses, or without memory
+ * @return 0; TAVRIX_ERR_NULL_INPUT for a null topic; TAVRIX_ERR_GENERAL when nanomsg refuses or memory runs out
  */
 TAVRIX_API int tavrix_mq_socket_subscribe(int sock, const char *topic);
 
 /**
- * Takes one subscription of a prefix away; the others stay. One that was subscribed twice has to be taken away twice.
- * Known are the topics that were subscribed through this library; they have to be taken away through it too.
+ * Removes one subscription of a prefix; the others stay. A prefix that was subscribed twice has to be removed twice.
+ * Only topics that were subscribed through this library are known, and they have to be removed through it.
  *
  * @param sock  a subscribe socket
- * @param topic the prefix; of one that is not known nothing changes, and the status is 0 or TAVRIX_ERR_GENERAL, as
- *              nanomsg says
+ * @param topic the prefix; for an unknown one nothing changes, and the status is 0 or TAVRIX_ERR_GENERAL, whichever
+ *              nanomsg reports
  * @return 0; TAVRIX_ERR_NULL_INPUT for a null topic; TAVRIX_ERR_GENERAL when nanomsg refuses
  */
 TAVRIX_API int tavrix_mq_socket_unsubscribe(int sock, const char *topic);

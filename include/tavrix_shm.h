@@ -9,10 +9,10 @@
  * @endcode
  *
  * Names begin with '/' and hold no further one. Objects are created with the mode 0x666 (octal 3146) less the umask,
- * and are never removed. That mode lets the owner neither read nor write: a process that opens a slot of its own again
- * needs the right to override permissions (CAP_DAC_OVERRIDE), as root has it. Every function returns 0, or
- * TAVRIX_ERR_GENERAL for any failure, which is logged. Thread-safety: nothing is locked; a reader can see half of a
- * text that is being written. Integers are stored at once.
+ * and are never removed. That mode lets the owner neither read nor write: to open its own slot again,
+ * a process needs the right to override permissions (CAP_DAC_OVERRIDE), as root has. Every function returns 0, or
+ * TAVRIX_ERR_GENERAL for any failure, which is logged. Thread-safety: nothing is locked; a reader can see a
+ * half-written text. Integers are stored in one piece.
  */
 #ifndef TAVRIX_SHM_H
 #define TAVRIX_SHM_H
@@ -26,8 +26,7 @@ extern "C" {
 
 /**
  * Creates a slot of `size` bytes, 1 or more, filled with zeros; an old slot is resized and cleared. Its memory is
- * reserved here; when the size cannot be had, an old slot keeps its size and what it holds, and a new one is left with
- * the size 0.
+ * reserved here; if there is not enough, an old slot keeps its size and contents, and a new one is left with size 0.
  */
 TAVRIX_API int tavrix_shm_create(const char *name, size_t size);
 

@@ -17,8 +17,8 @@
  * @endcode
  *
  * A signal that interrupts a wait makes the call fail with TAVRIX_ERR_GENERAL if its handler was installed without
- * SA_RESTART. With SA_RESTART the call goes on waiting, a receive too, and never comes back for the caller to look at
- * its flags. A send that has passed on a part before the signal came is no failure.
+ * SA_RESTART. With SA_RESTART the call goes on waiting, a receive too, and gives the caller no chance to look at its
+ * flags. A send that has passed on a part before the signal came is not an error.
  *
  * Thread-safety: no state; callers that share a descriptor serialise themselves.
  */
@@ -35,14 +35,14 @@ extern "C" {
 /** The longest path of a Unix-domain socket, in bytes; a longer one is cut to it. */
 #define TAVRIX_SOCKET_MAX_PATH 107
 
-/** How many clients wait for an accept. */
+/** How many clients may wait to be accepted. */
 #define TAVRIX_SOCKET_BACKLOG 10
 
 /**
  * Opens a Unix-domain listener. A file that an earlier run left at the path is removed first; the new one has mode 0666
  * whatever the umask.
  *
- * @param path        where; cut to 107 bytes
+ * @param path        the path, cut to TAVRIX_SOCKET_MAX_PATH bytes
  * @param sock_out    receives the descriptor; the caller closes it
  * @param nonblocking not 0: accepts do not wait
  * @return 0; TAVRIX_ERR_GENERAL for a null pointer or a failing call, and nothing stays open
@@ -55,7 +55,7 @@ TAVRIX_API int tavrix_unix_socket_init(const char *path, int *sock_out, int nonb
  *
  * @param port        the low 16 bits count; 0 lets the system choose
  * @param sock_out    receives the descriptor; the caller closes it
- * @param nonblocking makes no difference
+ * @param nonblocking has no effect
  * @return 0; TAVRIX_ERR_GENERAL for a null pointer or a failing call, and nothing stays open
  */
 TAVRIX_API int tavrix_tcp_socket_init(unsigned port, int *sock_out, int nonblocking);
@@ -73,13 +73,13 @@ TAVRIX_API int tavrix_socket_accept(const int *listen_sock, int *client_out);
 TAVRIX_API int tavrix_tcp_socket_accept(const int *listen_sock, int *client_out);
 
 /**
- * Connects to a TCP server, waiting as long as the system waits.
+ * Connects to a TCP server, waiting for as long as the system does.
  *
  * @param ipv4_text dotted-quad address
  * @param port      the low 16 bits count
  * @param sock_out  receives the descriptor, blocking; the caller closes it
- * @return 0; TAVRIX_ERR_CONNECT_TIMEOUT when the system's time-out ran out; TAVRIX_ERR_GENERAL for any other failure, a
- *         null argument too (the place for the descriptor is looked at last)
+ * @return 0; TAVRIX_ERR_CONNECT_TIMEOUT when the system's time-out ran out; TAVRIX_ERR_GENERAL for any other failure,
+ *         including a null argument (`sock_out` is checked last)
  */
 TAVRIX_API int tavrix_tcp_socket_connect(const char *ipv4_text, unsigned port, int *sock_out);
 
@@ -94,7 +94,7 @@ TAVRIX_API int tavrix_socket_recv(const int *sock, char *buf, size_t len);
 /**
  * Sends a text without its terminator, once. A closed peer is a failure, never a signal.
  *
- * @return 0, also when only a part was taken, because the descriptor does not block or a signal came;
+ * @return 0, also when only a part was taken, because the descriptor does not block or a signal arrived;
  *         TAVRIX_ERR_GENERAL
  */
 TAVRIX_API int tavrix_socket_send(const int *sock, const char *text);

@@ -27,7 +27,7 @@ extern "C" {
  *
  * @param fd_out   receives the descriptor; -1 on failure
  * @param nonblock exactly 1: a read does not wait
- * @return 0; TAVRIX_ERR_NULL_INPUT for a null place; TAVRIX_ERR_GENERAL, reported through perror
+ * @return 0; TAVRIX_ERR_NULL_INPUT for a null `fd_out`; TAVRIX_ERR_GENERAL, reported through perror
  */
 TAVRIX_API int tavrix_timer_init(int *fd_out, int nonblock);
 
@@ -40,20 +40,20 @@ TAVRIX_API int tavrix_timer_init(int *fd_out, int nonblock);
  */
 TAVRIX_API int tavrix_timer_set(int fd, int period_s, int interval_s);
 
-/** tavrix_timer_set() in fractions of a second; what is no possible time is refused with TAVRIX_ERR_GENERAL. */
+/** tavrix_timer_set() with fractions of a second; an impossible time is refused with TAVRIX_ERR_GENERAL. */
 TAVRIX_API int tavrix_timer_nsec_set(int fd, float period, float interval);
 
 /**
- * Takes the expirations off a timer; a timer that may wait does so until it expires.
+ * Reads and clears the expirations of a timer; a blocking timer waits until it expires.
  *
- * @return 0; TAVRIX_ERR_NO_TIMER_EXPIRATION when it may not wait and has not expired; TAVRIX_ERR_GENERAL
+ * @return 0; TAVRIX_ERR_NO_TIMER_EXPIRATION when it does not block and has not expired; TAVRIX_ERR_GENERAL
  */
 TAVRIX_API int tavrix_timer_read(int fd);
 
 /**
  * Closes a timer and sets the variable to 0, not to -1: do not free it twice.
  *
- * @return 0; TAVRIX_ERR_NULL_INPUT for a null place
+ * @return 0; TAVRIX_ERR_NULL_INPUT for a null `fd`
  */
 TAVRIX_API int tavrix_timer_free(int *fd);
 

@@ -51,7 +51,7 @@ extern "C" {
 #define TAVRIX_MAX_LISTED_MACS 512
 /** The port that stands for a whole unit. */
 #define TAVRIX_WHOLE_UNIT_PORT 32767
-/** What mw_exec_command_line() and tavrix_utils_format_seconds_as_time_sentence() want their buffers to hold. */
+/** The buffer sizes for mw_exec_command_line() and tavrix_utils_format_seconds_as_time_sentence(), in bytes. */
 #define TAVRIX_COMMAND_OUTPUT_SIZE 80
 #define TAVRIX_TIME_SENTENCE_SIZE 32
 /** The board's revision when it cannot be read. */
@@ -60,8 +60,8 @@ extern "C" {
 /**
  * @name Enumerations
  * The values of the word tables below: the word of TAVRIX_LINK_STATUS_UP is
- * tavrix_link_status_strings[TAVRIX_LINK_STATUS_UP]. The numbers are stored in the configuration: they never move.
- * Where there is a value "unknown" it is 0, what a record of zeros holds.
+ * tavrix_link_status_strings[TAVRIX_LINK_STATUS_UP]. The numbers are stored in the configuration and never change.
+ * Where there is an "unknown", it is 0, so that a zeroed record means unknown.
  * @{
  */
 enum tavrix_state_troubled {
@@ -95,7 +95,7 @@ enum tavrix_link_status {
     TAVRIX_LINK_STATUS_OFFLINE = 3
 };
 
-/** States and speeds in one: the values below TAVRIX_LINK_SPEED_10_MBPS are no speeds. */
+/** States and speeds in one: the values below TAVRIX_LINK_SPEED_10_MBPS are not speeds. */
 enum tavrix_link_speed {
     TAVRIX_LINK_SPEED_UNKNOWN = 0,
     TAVRIX_LINK_SPEED_OFFLINE = 1,
@@ -136,7 +136,7 @@ enum tavrix_secure_option {
 };
 /** @} */
 
-/** Words by value, one table for each enumeration above; each ends with a null pointer. */
+/** The words by value, one table for each enumeration above, each terminated by a null pointer. */
 TAVRIX_API extern const char *const tavrix_state_troubled_strings[4];
 TAVRIX_API extern const char *const tavrix_state_failed_strings[4];
 TAVRIX_API extern const char *const tavrix_admin_status_strings[3];
@@ -186,27 +186,27 @@ typedef struct tavrix_mzu_record {
  * Checks a MAC address and rewrites it in canonical form, in place: "aa-bb-cc-dd-ee-ff" becomes "AA:BB:CC:DD:EE:FF".
  *
  * @param text 17 characters as validate_mac_address() takes them
- * @return 0; TAVRIX_ERR_PARAMETER for anything else, null too, and the text stays as it was
+ * @return 0; TAVRIX_ERR_PARAMETER for anything else, including null; the text then stays as it was
  */
 TAVRIX_API int16_t tavrix_validate_and_format_mac_addr_string(char *text);
 
 /**
  * Canonicalises a MAC address and converts it to bytes.
  *
- * @param text  the address; consumed: it is cut into its pieces, and only the first pair can still be read
+ * @param text  the address; consumed: it is cut into pieces, and only the first pair remains readable
  * @param bytes receives 6 bytes
- * @return 0; TAVRIX_ERR_NULL_INPUT for a null argument; TAVRIX_ERR_PARAMETER when the text is no MAC address, and
- *         nothing is changed
+ * @return 0; TAVRIX_ERR_NULL_INPUT for a null argument; TAVRIX_ERR_PARAMETER when the text is not a MAC
+ *         address; then nothing is changed
  */
 TAVRIX_API int tavrix_str_to_mac_address(char *text, unsigned char *bytes);
 
 /**
- * Converts hexadecimal numbers between colons to bytes. Nothing is validated: short numbers, and anything behind the
- * sixth one, are accepted.
+ * Converts hexadecimal numbers separated by colons to bytes. Nothing is validated: short numbers are accepted, and so
+ * is anything after the sixth.
  *
  * @param bytes receives 6 bytes
- * @return 0; TAVRIX_ERR_NULL_INPUT for a null argument; TAVRIX_ERR_PARAMETER with fewer than six numbers, and some of
- *         the bytes may be written
+ * @return 0; TAVRIX_ERR_NULL_INPUT for a null argument; TAVRIX_ERR_PARAMETER with fewer than six numbers; some of the
+ *         bytes may then have been written
  */
 TAVRIX_API int tavrix_mac_address_to_char_array(const char *text, unsigned char *bytes);
 
@@ -228,10 +228,10 @@ TAVRIX_API int tavrix_get_num_macs_to_list(int n);
 /**
  * Gives an array room for 8 entries, empties it and binds a vector to it.
  *
- * @param vector receives the array's address: the array must live as long as the vector is used
- * @param array  what it held is forgotten, not released; the caller releases its new `entries` with `free`
- * @return 0; TAVRIX_ERR_NULL_INPUT for a null argument; TAVRIX_ERR_NO_MEMORY without memory, after SIGTERM was raised,
- *         and nothing is changed
+ * @param vector receives the array's address: the array has to outlive the vector
+ * @param array  its old contents are dropped, not released; the caller releases its new `entries` with `free`
+ * @return 0; TAVRIX_ERR_NULL_INPUT for a null argument; TAVRIX_ERR_NO_MEMORY when memory runs out, after raising
+ *         SIGTERM; then nothing is changed
  */
 TAVRIX_API int tavrix_mac_vector_init(tavrix_mac_vector *vector, tavrix_mac_array *array);
 
@@ -241,27 +241,27 @@ TAVRIX_API int tavrix_mac_vector_init(tavrix_mac_vector *vector, tavrix_mac_arra
  * @param source  a MAC text when `is_text` is 1 (cut to 19 characters), 6 bytes when it is 0
  * @param is_text 1 or 0
  * @return 0; TAVRIX_ERR_NULL_INPUT for a null argument, or a vector without an array; TAVRIX_ERR_PARAMETER for another
- *         flag, when the room may have grown already; TAVRIX_ERR_GENERAL without memory, after SIGTERM was raised: the
- *         array keeps its entries
+ *         flag, when the room may have grown already; TAVRIX_ERR_GENERAL when memory runs out, after raising SIGTERM:
+ *         the array keeps its entries
  */
 TAVRIX_API int tavrix_mac_vector_insert(tavrix_mac_vector *vector, const void *source, int is_text);
 
-/** Releases the list of each of `count` elements, null ones too, and then the elements; null is fine. */
+/** Releases the list of each of `count` elements, then the elements. Null lists and a null `entries` are fine. */
 TAVRIX_API void tavrix_free_port_macs_array(tavrix_port_macs *entries, int count);
 
 /**
  * Splits a dotted quad into bytes. The text is not validated: pass one that validate_ip_address() has accepted. Of any
- * other at most 16 characters are read and 4 numbers stored, each cut to its low byte; a number that is missing leaves
- * its byte as it was.
+ * other text at most 16 characters are read and 4 numbers stored, each cut to its low byte; a missing number leaves its
+ * byte as it was.
  *
  * @param out     receives the bytes, the first number first
  * @param out_len 4
- * @return 0; TAVRIX_ERR_NULL_INPUT for a null argument; TAVRIX_ERR_BUFFER_SPACE for another `out_len`
+ * @return 0; TAVRIX_ERR_NULL_INPUT for a null argument; TAVRIX_ERR_BUFFER_SPACE for any other `out_len`
  */
 TAVRIX_API int tavrix_tokenize_ip_address(unsigned char *out, const char *text, int out_len);
 
 /**
- * Prints a port's id, "d2" or "c3-7", cut to the buffer. The whole buffer is cleared first, on failure too.
+ * Prints a port's id, "d2" or "c3-7", cut to the buffer. The whole buffer is cleared first, even on failure.
  *
  * @param out_size bytes of `out`; 0 writes nothing
  * @param unit     0 for a D-port; no upper limit
@@ -279,39 +279,38 @@ TAVRIX_API int tavrix_create_mzu_id_str(char *out, size_t out_size, int unit);
 
 /**
  * Parses "c12-5", "C12/5", "c12" (the whole unit, port 32767) or "d3" (unit 0), of at most 13 characters; a newline
- * ends the text. Only coarse limits are looked at here, validate_port_id() has the real ones. strparse()'s cursor is
+ * ends the text. Only coarse limits are checked here; validate_port_id() has the real ones. strparse()'s cursor is
  * moved into the text.
  *
  * @param unit receives 0 to 1000
  * @param port receives 0 to 999, 0 to 1000 for a D-port
  * @return 0; TAVRIX_ERR_INVALID_MZU_ID for a unit above 1000; TAVRIX_ERR_INVALID_PORT for a D-port above 1000, or a
- *         port above 999 (then the unit is written already); TAVRIX_ERR_PARAMETER for anything else, a null argument
- *         too
+ *         port above 999 (by then the unit has been written); TAVRIX_ERR_PARAMETER for anything else, including a
+ *         null argument
  */
 TAVRIX_API int tavrix_parse_mzu_port_id(int *unit, int *port, const char *text);
 
 /**
- * Prints the next line of a port list: "c2-1, c2-2, d1", padded with blanks. Each port but the list's last has a comma
- * behind it.
+ * Prints the next line of a port list, "c2-1, c2-2, d1", padded with blanks. Every port but the last of the list is
+ * followed by a comma.
  *
- * @param list   its count may be anything; entries beyond its arrays are not looked at
- * @param cursor first entry to print, from 0; moved behind the last one looked at. The one that does not fit any more
- *               is passed over: the next line does not show it either. A negative one starts at 0; one at the count or
- *               beyond stays.
+ * @param list   its count may be anything; entries beyond its arrays are ignored
+ * @param cursor first entry to print, from 0; moved past the last one tried. The first that does not fit is skipped:
+ *               the next line does not show it either. A negative cursor starts at 0; one at or beyond the count stays.
  * @param out    receives exactly `width` characters and a terminator
- * @param width  characters of a line; a negative one counts as 0
- * @return 0, also behind the last port, where the line is all blanks; TAVRIX_ERR_NULL_INPUT for a null argument
+ * @param width  length of a line in characters; a negative one counts as 0
+ * @return 0, also past the last port, where the line is all blanks; TAVRIX_ERR_NULL_INPUT for a null argument
  */
 TAVRIX_API int tavrix_port_str_create(const tavrix_port_list *list, int *cursor, char *out, int width);
 
-/** Whether a unit is connected; the record may not be null. */
+/** Whether a unit is connected; the record must not be null. */
 TAVRIX_API bool tavrix_mzu_is_online(const tavrix_mzu_record *record);
 
 /**
- * Compares versions number by number, "1.10" above "1.9", as far as `b` goes: what `a` has beyond it is not looked at,
- * and a number that `a` lacks counts as 0. Any one character separates two numbers. Numbers are signed 32-bit ones.
+ * Compares versions number by number, "1.10" above "1.9", as far as `b` goes: further numbers of `a` are ignored,
+ * and a number that `a` lacks counts as 0. Any single character separates two numbers. Numbers are signed, of 32 bits.
  *
- * @return -1 when `a` is the older one, 0, or 1; TAVRIX_ERR_NULL_INPUT for a null argument
+ * @return -1 when `a` is older, 0 when they are equal, 1 when `a` is newer; TAVRIX_ERR_NULL_INPUT for a null argument
  */
 TAVRIX_API int tavrix_utils_sw_version_strcmp(const char *a, const char *b);
 
@@ -327,16 +326,16 @@ TAVRIX_API int tavrix_check_for_null(int count, ...);
  * Takes the next piece of a text, up to a stop character, a newline or the end. The stop character is not skipped: the
  * next call begins with it.
  *
- * @param text  where to begin; null goes on where the last call stopped. The text is not copied: it must live as long
- *              as calls go on in it.
+ * @param text  where to begin; null continues where the last call stopped. The text is not copied: it has to live as
+ *              long as calls continue in it.
  * @param stops at most 11 characters count
  * @param out   receives the piece; the caller gives it room for the whole rest of the text
- * @return 0; 1 when there is nothing to go on with, and `out` stays as it was; TAVRIX_ERR_PARAMETER when `stops` or
+ * @return 0; 1 when there is nothing left, and `out` stays as it was; TAVRIX_ERR_PARAMETER when `stops` or
  *         `out` is null
  */
 TAVRIX_API int strparse(const char *text, const char *stops, char *out);
 
-/** 1 when every character is a decimal digit, also for the empty text; else 0. The text may not be null. */
+/** 1 when every character is a decimal digit, as in the empty text; else 0. The text must not be null. */
 TAVRIX_API int isdigits(const char *text);
 
 /**
@@ -349,7 +348,7 @@ TAVRIX_API int tavrix_to_lower_case(char *out, size_t out_size, const char *text
 /** Turns at most `max` characters to upper case, in place. @return 0; TAVRIX_ERR_PARAMETER for null */
 TAVRIX_API int tavrix_to_upper_case(char *text, int max);
 
-/** Turns a whole text to upper case, in place; it may not be null. @return its length */
+/** Turns a whole text to upper case, in place; it must not be null. @return its length */
 TAVRIX_API int tavrix_str_to_upper(char *text);
 
 /**
@@ -357,15 +356,15 @@ TAVRIX_API int tavrix_str_to_upper(char *text);
  * is copied as it is.
  *
  * @param out      must not overlap the text
- * @param out_size bytes of `out`, which are cleared first. At most as many characters are copied: a copy that fills
- *                 the buffer is not terminated, so tell one byte less than it holds.
+ * @param out_size bytes of `out`, which are cleared first. At most that many characters are copied: a copy that fills
+ *                 the buffer is not terminated, so pass one byte less than it holds.
  * @return 0; TAVRIX_ERR_PARAMETER for a null argument
  */
 TAVRIX_API int tavrix_remove_surrounding_quotes(const char *text, char *out, size_t out_size);
 
 /**
- * Copies a text; when it stands between its only two double quotes, without the opening one and without a terminator:
- * clear the buffer first.
+ * Copies a text. One that is enclosed in its only two double quotes is copied without the opening quote, and without a
+ * terminator: clear the buffer first.
  *
  * @param out the caller gives it room for the whole text; must not overlap it
  * @return 0; TAVRIX_ERR_PARAMETER for a null argument
@@ -377,8 +376,7 @@ TAVRIX_API int tavrix_cli_desc_parse(const char *text, char *out);
  *
  * @param out      receives the word, cut to the buffer; the rest is cleared
  * @param out_size bytes of `out`; 0 writes nothing
- * @param value    a position in the table: the caller's word, it is not tested. The terminator's reads as the empty
- *                 word.
+ * @param value    a position in the table, which is not checked. The terminator's position reads as the empty word.
  * @param table    one of the tables above, or another that ends with null
  * @return 0; TAVRIX_ERR_PARAMETER when `out` or `table` is null
  */
@@ -387,14 +385,15 @@ TAVRIX_API int tavrix_enum_to_str(char *out, size_t out_size, int value, const c
 /**
  * Looks up the value of a word, compared byte for byte.
  *
- * @param table one of the tables above, or another that ends with null; not tavrix_log_level_strings, which does not
+ * @param table one of the tables above, or another that ends with null; not tavrix_log_level_strings, which has no end
  * @return 0; TAVRIX_ERR_PARAMETER for a null argument; TAVRIX_ERR_GENERAL when the table lacks the word
  */
 TAVRIX_API int tavrix_str_to_enum(int *out, const char *text, const char *const *table);
 
 /**
- * Runs a shell command and takes the first line that it prints. Pass only what the program made itself. A text from
- * elsewhere, a validated one too, has to be quoted in it: between apostrophes, with each of its own written as `'\''`.
+ * Runs a shell command and takes the first line that it prints. Pass only what the program itself has written. A text
+ * from elsewhere, even a validated one, has to be quoted in it: between apostrophes, with each of its own written as
+ * `'\''`.
  *
  * @param out receives the line with its newline, at most 79 characters, in up to 80 bytes; the empty text when there
  *            was none
@@ -402,20 +401,20 @@ TAVRIX_API int tavrix_str_to_enum(int *out, const char *text, const char *const 
  */
 TAVRIX_API int mw_exec_command_line(const char *command, char *out);
 
-/** 1 when there is something at the path that can be looked at, a folder too; else 0, also for null. */
+/** 1 when `stat` succeeds on the path, be it a folder; else 0, also for null. */
 TAVRIX_API int file_exists(const char *path);
 
 /**
  * Takes one column of the long listing of a file, through the shell. The texts stand unquoted in the command: quote
- * them as for mw_exec_command_line(). A name that is a valid upgrade file's may hold blanks, `;` and further lines.
+ * them as for mw_exec_command_line(). A valid name of an upgrade file may contain blanks, `;` and newlines.
  *
- * @param path    the file, or a folder, whose listing has a line for each file
+ * @param path    the file, or a folder, whose listing has one line per file
  * @param filter1 a pattern for grep that the line has to match; null or empty for none
  * @param filter2 a second one
  * @param column  from 1, as awk counts
- * @return the first line that is left, with its newline, at most 3200 characters: release it with `free`. Null for a
- *         null path, when there is no such line, without memory, or when the command would be longer than 3200
- *         characters and so is not run.
+ * @return that column of the first matching line, with its newline, at most 3200 characters: release it with `free`.
+ *         Null for a null path, when no line matches, when memory runs out, or when the command would be longer than
+ *         3200 characters and so is not run.
  */
 TAVRIX_API char *tavrix_file_stats(const char *path, const char *filter1, const char *filter2, int column);
 
@@ -424,34 +423,34 @@ TAVRIX_API char *tavrix_file_stats(const char *path, const char *filter1, const 
  *
  * @param file     at most 247 characters, quotes included: it stands unquoted in a shell command, so quote it as for
  *                 mw_exec_command_line()
- * @param md5_file a file as md5sum writes it: what stands before the first blank of its first line counts, of which 254
- *                 characters are read. A bare sum with a newline behind it is never equal.
- * @param match    receives whether the sums are equal; a difference is no failure
+ * @param md5_file a file as md5sum writes it: what counts is the text before the first blank of its first line, of
+ *                 which 254 characters are read. A bare sum followed by a newline never matches.
+ * @param match    receives whether the sums are equal; a difference is not an error
  * @return 0; TAVRIX_ERR_GENERAL for a null argument or a longer `file`, or when either sum cannot be read
  */
 TAVRIX_API int tavrix_check_md5(const char *file, const char *md5_file, bool *match);
 
-/** The board's revision from the boot environment: one digit, the first of a longer number; 7 when there is none. */
+/** The board's revision from the boot environment: a single digit, the first of a longer number; 7 if there is none. */
 TAVRIX_API int tavrix_get_board_rev_number(void);
 
-/** Logs and raises SIGTERM; comes back only where that is handled or ignored. @return what `raise` returned */
+/** Logs and raises SIGTERM; returns only if that is handled or ignored. @return what `raise` returned */
 TAVRIX_API int tavrix_terminate_process(void);
 
 /**
  * Prints a span of time: "1 days 01:01:01".
  *
- * @param seconds the span; no number of a negative one is positive
+ * @param seconds the span; for a negative one every number is zero or negative
  * @param out     at least 32 bytes
  * @return 0; TAVRIX_ERR_PARAMETER for a null buffer
  */
 TAVRIX_API int tavrix_utils_format_seconds_as_time_sentence(int seconds, char *out);
 
 /**
- * Logs bytes as hexadecimal pairs at level 4, 16 a line. The text is cut behind 9999 characters, and the logger cuts a
- * message behind 8000: about 2500 bytes are shown.
+ * Logs bytes as hexadecimal pairs at level 4, 16 to a line. The text is cut after 9999 characters, and the logger cuts
+ * a message after 8000: about 2500 bytes are shown.
  *
  * @param bytes  null shows the title only
- * @param length how many; below 1 shows the title only
+ * @param length how many bytes; below 1 shows the title only
  * @param title  stands before the first line; null for none
  */
 TAVRIX_API void tavrix_debug_print_bytes(const void *bytes, int length, const char *title);
@@ -463,16 +462,17 @@ TAVRIX_API void tavrix_debug_print_bytes(const void *bytes, int length, const ch
  * @param tag    the kind of message; not null, nor are `file` and `format`
  * @param file   the caller's source unit
  * @param line   the caller's line number
- * @param format as printf takes it; the message is cut behind 8000 characters
+ * @param format as printf takes it; the message is cut after 8000 characters
  */
-TAVRIX_API void tavrix_utils_system_log(const char *tag, const char *file, int line, const char *format, ...);
+TAVRIX_API void tavrix_utils_system_log(const char *tag, const char *file, int line, const char *format, ...)
+    TAVRIX_PRINTF(4, 5);
 
 /**
  * Asks for the descriptor that becomes readable when a bus socket can receive. It belongs to the socket: wait on it,
  * do not read or close it.
  *
  * @param socket a bus socket's number
- * @return 0; TAVRIX_ERR_GENERAL for a null place or when the bus refuses
+ * @return 0; TAVRIX_ERR_GENERAL for a null `fd` or when the bus refuses
  */
 TAVRIX_API int tavrix_get_nn_rcvfd(int socket, int *fd);
 

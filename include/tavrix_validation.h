@@ -12,19 +12,19 @@
  *     refuse("reserved");
  * @endcode
  *
- * Every validator returns 0 or one of the negative verdicts below, which are numbers of their own and not those of
- * tavrix_error.h. A null text is refused with TAVRIX_INVALID_ENGINE. A pattern's end also matches before one final
- * newline, so a value of a field with a pattern may end in one where its length bounds leave room. Each verdict is
- * explained in the debug log; the verbose log shows the value, passwords included.
+ * Every validator returns TAVRIX_VALID, which is 0, or one of the negative verdicts below. They are numbered separately
+ * from the statuses of tavrix_error.h. A null text is refused with TAVRIX_INVALID_ENGINE. The end of a pattern also
+ * matches before one final newline, so a value of a field with a pattern may end in one if its length bounds leave
+ * room. The debug log explains each verdict; the verbose log shows the value, passwords included.
  *
  * A valid value is well-formed, not harmless: descriptions, entity extensions and the names of the two upgrade files
  * may hold blanks, apostrophes, `;` and `$(`, and except for an MZU's file also newlines with more text after them.
  * Quote such a value before it reaches a shell, and bind it in SQL.
  *
  * Thread-safety: any function from any thread at any time. A field's pattern is compiled on first use and kept for the
- * process; from then on matching takes no lock. Behind the first use PCRE translates the pattern to machine code where
- * it can: it takes a mutex of its own, one for all patterns, and maps memory that is executable, 64 KiB for the life of
- * the process. Where such a mapping is forbidden the patterns are interpreted, with the same verdicts. Because of the
+ * process; from then on matching takes no lock. On the first use PCRE compiles the pattern to machine code where it
+ * can: it takes a mutex of its own, one for all patterns, and maps executable memory, 64 KiB for the life of the
+ * process. Where such a mapping is forbidden the patterns are interpreted, with the same verdicts. Because of the
  * mutex, do not validate for the first time in a signal handler, nor in a forked child whose parent had other threads.
  */
 #ifndef TAVRIX_VALIDATION_H
@@ -85,8 +85,8 @@ TAVRIX_API int validate_mzu_sw_upgrade_filename(const char *value);
 
 /**
  * The appliance's upgrade file: the first line holds `zqn` and, anywhere after it, a version such as `1.2.3-004`. The
- * characters between the version's digits may be any. What stands before `zqn` and behind the version is not looked at,
- * further lines included: quote the value before it reaches a shell. A very long value that nearly matches ends in
+ * characters between the version's digits may be any. What comes before `zqn` and after the version is ignored, further
+ * lines included: quote the value before it reaches a shell. A very long value that nearly matches ends in
  * TAVRIX_INVALID_ENGINE.
  *
  * @return 0, TAVRIX_INVALID_ENGINE, TAVRIX_INVALID_NO_MATCH
@@ -195,13 +195,13 @@ TAVRIX_API int validate_onu_id(int value);
 /** 1 to 128. @return 0, TAVRIX_INVALID_OUT_OF_RANGE */
 TAVRIX_API int validate_port_number(int value);
 
-/** 1 to 3600, in the unit of the daemon that asks. @return 0, TAVRIX_INVALID_OUT_OF_RANGE */
+/** 1 to 3600, in whatever unit the daemon uses. @return 0, TAVRIX_INVALID_OUT_OF_RANGE */
 TAVRIX_API int validate_periodic_interval(int value);
 
 /** Any number; for symmetry with the other fields. @return 0 always */
 TAVRIX_API int validate_port_link_speed(int value);
 
-/** A date, then a time of day. @return validate_date()'s verdict unless it is 0, else validate_time()'s */
+/** A date, then a time of day. @return validate_date()'s verdict unless that is 0, else validate_time()'s */
 TAVRIX_API int validate_date_time(const char *date, const char *time);
 
 #ifdef __cplusplus

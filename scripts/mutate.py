@@ -221,7 +221,7 @@ class Runner:
 
 def own_programs(path, programs, units):
     """The programs of the unit that the file belongs to; none for what all units share."""
-    unit = path.stem.removesuffix("_internal")
+    unit = path.stem.removesuffix("_seam")
     longer = [other for other in units if other.startswith(unit + "_")]
     return [program for program in programs if program.startswith("unit_" + unit)
             and not any(program.startswith("unit_" + other) for other in longer)]

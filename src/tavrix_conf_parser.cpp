@@ -27,7 +27,7 @@ struct Span {
     bool starts_with(char first) const { return length > 0 && text[0] == first; }
 };
 
-/** The lines of a file, one at a time, in a buffer that grows with the longest. */
+/** The lines of a file, one at a time, in a buffer that grows to the longest. */
 class LineReader {
   public:
     explicit LineReader(FILE *file) : file_(file) {}
@@ -62,7 +62,7 @@ bool is_header_of(const Span &line, const char *section) {
     return name.length <= max_section_length && name.equals(section);
 }
 
-/** True when the line is `key=value` with its newline; `value` is what stands between them. */
+/** True when the line is `key=value` and ends in a newline; `value` is the text between the two. */
 bool is_entry_of(const Span &line, const char *key, Span *value) {
     const char *equals_sign = line.find('=');
     if (equals_sign == nullptr || line.text[line.length - 1] != '\n') {
@@ -80,7 +80,7 @@ int copy_value(const Span &value, char *out, size_t out_size) {
     if (value.length > out_size) {
         return TAVRIX_ERR_BUFFER_SPACE;
     }
-    // A value of exactly out_size characters leaves no terminator: callers tell one byte less than they hold.
+    // A value of exactly out_size characters leaves no terminator: callers pass one byte less than they have.
     std::memset(out, 0, out_size);
     std::memcpy(out, value.text, value.length);
     return TAVRIX_OK;
@@ -115,7 +115,7 @@ int tavrix_conf_parser_parse(const char *path, const char *section, const char *
     }
     Span line{};
     Span value{};
-    // Any further header ends the search, even one that names the same section again.
+    // Any further header ends the search, even one of the same section.
     while (lines.next(&line) && !line.starts_with('[')) {
         if (!line.starts_with('#') && is_entry_of(line, key, &value)) {
             return copy_value(value, out, static_cast<size_t>(out_size));

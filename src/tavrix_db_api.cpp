@@ -1,8 +1,7 @@
 /*
- * Database access layer: connections with the settings that every one must have, lazy opening, single results,
- * transactions.
+ * Database access layer: connections with the settings that each must have, lazy opening, single results, transactions.
  *
- * Keeps one process-wide, unsynchronised flag: while it is set, the configuration database is not opened anew.
+ * Keeps one process-wide, unsynchronised flag: while it is set, the configuration database is not opened again.
  */
 #include "tavrix_db_api.h"
 
@@ -30,8 +29,8 @@ constexpr char cfgdb_path[] = TAVRIX_CFGDB_PATH;
 uint8_t cfgdb_locked = 0;
 
 /**
- * The connection that one call works on: the caller's, or, when the caller has none, a fresh one that is closed with
- * the call unless something keeps it.
+ * The connection that a call works on: the caller's, or, if the caller has none, a new one that is closed at the end of
+ * the call unless it is kept.
  */
 class CallConnection {
   public:
@@ -56,7 +55,15 @@ class CallConnection {
     Connection fresh_;
 };
 
-int execute(sqlite3 *handle, const char *sql) { return sqlite3_exec(handle, sql, nullptr, nullptr, nullptr); }
+/** One step of a transaction; `verb` is its word in the log. */
+int run_step(sqlite3 *handle, const char *sql, const char *verb) {
+    const int rc = sqlite3_exec(handle, sql, nullptr, nullptr, nullptr);
+    if (rc != SQLITE_OK) {
+        LOG_ERROR("Unable to %s sql transaction due to SQLite error <%d>\n", verb, rc);
+        return TAVRIX_ERR_SYSTEM_ACCESS;
+    }
+    return TAVRIX_OK;
+}
 
 } // namespace
 
@@ -68,7 +75,8 @@ int tavrix_db_open_file(sqlite3 **handle_var, const char *path) {
     }
     if (sqlite3_open_v2(path, handle_var, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK) {
         LOG_ERROR("Failed to open a database connection to file <%s>\n", path);
-        static_cast<void>(sqlite3_close(*handle_var)); // its value stays: callers go by the status and reset it
+        static_cast<void>(
+            sqlite3_close(*handle_var)); // its value stays: callers go by the status and reset it themselves
         return TAVRIX_ERR_SYSTEM_ACCESS;
     }
     static_cast<void>(tavrix_sqlite3_exec_sql(*handle_var, "PRAGMA foreign_keys = on"));
@@ -110,7 +118,7 @@ void tavrix_db_lock_cfgdb(void) { cfgdb_locked = 1; }
 void tavrix_db_unlock_cfgdb(void) { cfgdb_locked = 0; }
 
 int tavrix_db_prepare_statement(sqlite3 *handle, const char *path, sqlite3_stmt **stmt_out, const char *sql) {
-    // A missing text is refused before anything is opened; the path is tested when it is.
+    // A missing text is refused before anything is opened; the path is checked on opening.
     if (tavrix_check_for_null(2, stmt_out, sql) != TAVRIX_OK) {
         return TAVRIX_ERR_PARAMETER;
     }
@@ -125,7 +133,7 @@ int tavrix_db_prepare_statement(sqlite3 *handle, const char *path, sqlite3_stmt 
         return TAVRIX_ERR_SYSTEM_ACCESS;
     }
     if (*stmt_out != nullptr) {
-        connection.keep_open(); // the statement leads back to it; a text without a statement keeps nothing
+        connection.keep_open(); // it belongs to the statement now; a text without a statement keeps nothing open
     }
     return TAVRIX_OK;
 }
@@ -157,29 +165,8 @@ int tavrix_db_get_single_id_result_args(sqlite3 *handle, const char *path, const
     return TAVRIX_OK;
 }
 
-int tavrix_db_open_transaction(sqlite3 *handle) {
-    const int rc = execute(handle, "BEGIN");
-    if (rc != SQLITE_OK) {
-        LOG_ERROR("Unable to begin sql transaction due to SQLite error <%d>\n", rc);
-        return TAVRIX_ERR_SYSTEM_ACCESS;
-    }
-    return TAVRIX_OK;
-}
+int tavrix_db_open_transaction(sqlite3 *handle) { return run_step(handle, "BEGIN", "begin"); }
 
-int tavrix_db_commit_transaction(sqlite3 *handle) {
-    const int rc = execute(handle, "COMMIT");
-    if (rc != SQLITE_OK) {
-        LOG_ERROR("Unable to commit sql transaction due to SQLite error <%d>\n", rc);
-        return TAVRIX_ERR_SYSTEM_ACCESS;
-    }
-    return TAVRIX_OK;
-}
+int tavrix_db_commit_transaction(sqlite3 *handle) { return run_step(handle, "COMMIT", "commit"); }
 
-int tavrix_db_rollback_transaction(sqlite3 *handle) {
-    const int rc = execute(handle, "ROLLBACK");
-    if (rc != SQLITE_OK) {
-        LOG_ERROR("Unable to rollback sql transaction due to SQLite error <%d>\n", rc);
-        return TAVRIX_ERR_SYSTEM_ACCESS;
-    }
-    return TAVRIX_OK;
-}
+int tavrix_db_rollback_transaction(sqlite3 *handle) { return run_step(handle, "ROLLBACK", "rollback"); }

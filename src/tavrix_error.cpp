@@ -9,7 +9,7 @@
 
 namespace {
 
-// 74 and 75 are looked up though they have no message: a caller that lists the catalogue stops at the null pointer.
+// 74 and 75 are looked up although they have no message: callers that list the catalogue stop at the null pointer.
 constexpr unsigned highest_magnitude = 75;
 constexpr size_t table_size = sizeof tavrix_error_strings / sizeof tavrix_error_strings[0];
 

@@ -2,7 +2,7 @@
  * Parameters of a method handler: typed parsers, validated field retrievers, composite inputs, and the one reply
  * builder.
  *
- * Keeps no state. The first failure is explained in the caller's debug message; later ones leave it alone.
+ * Keeps no state. The first failure is explained in the caller's debug message; later ones do not change it.
  */
 #include "tavrix_jrpc_utils.h"
 
@@ -15,8 +15,8 @@
 #include "internal/handles.h"
 #include "internal/log.h"
 #include "internal/tables.h"
+#include "internal/tavrix_jrpc_utils_seam.h"
 #include "tavrix_error.h"
-#include "tavrix_jrpc_utils_internal.h"
 #include "tavrix_utils.h"
 #include "tavrix_validation.h"
 
@@ -38,7 +38,7 @@ constexpr char no_mac[] = "none";
 
 // --- Debug message -------------------------------------------------------------------------------------------------
 
-/** Logs an explanation and stores it unless an earlier one stands there. */
+/** Logs an explanation and stores it unless there is an earlier one. */
 int explain(json_t **debug_message, const char *text) {
     LOG_DEBUG("Sending debug message: %s\n", text);
     if (*debug_message != nullptr) {
@@ -50,7 +50,7 @@ int explain(json_t **debug_message, const char *text) {
 
 // --- Types ---------------------------------------------------------------------------------------------------------
 
-/** What a parser accepts and says. Bools and texts are often optional: a missing one is only a warning. */
+/** What a parser accepts and logs. Bools and texts are often optional, so a missing one is only a warning. */
 struct TypeRule {
     const char *name;
     bool (*accepts)(const json_t *value);
@@ -93,7 +93,7 @@ constexpr TypeRule array_rule = {
     "The given parameter <%s> is supposed to be an array.\n",
 };
 
-/** Looks a member up and checks its type; the member, or null, is stored before the check. */
+/** Looks up a member and checks its type; the member, or null, is stored before the check. */
 int find_member(const TypeRule &rule, json_t *params, json_t **debug_message, const char *key, json_t **member) {
     LOG_VERBOSE(rule.announcement, key);
     *member = json_object_get(params, key);
@@ -108,6 +108,15 @@ int find_member(const TypeRule &rule, json_t *params, json_t **debug_message, co
         return TAVRIX_ERR_INVALID_PARAMETER;
     }
     return TAVRIX_OK;
+}
+
+/** Reads a number that clients send as a text. */
+int find_number_text(json_t *params, json_t **debug_message, const char *key, const void *out,
+                     char (&text)[value_text_size]) {
+    if (key == nullptr || out == nullptr) {
+        return TAVRIX_ERR_PARAMETER;
+    }
+    return tavrix_jrpc_utils_parse_input_string(params, debug_message, key, text, sizeof text);
 }
 
 // --- Fields --------------------------------------------------------------------------------------------------------
@@ -144,7 +153,7 @@ enum NumberRowId {
     number_row_count
 };
 
-/** What a retriever of a text says and checks; it may rewrite the text. */
+/** What a retriever of a text logs and checks; the check may rewrite the text. */
 struct TextRow {
     TextRowId id;
     const char *announcement;
@@ -189,7 +198,7 @@ constexpr TextRow text_rows[] = {
     // The password's lines: log filters match them.
     {text_date, "Retrieving password...\n", checked<validate_date>, "Retrieved and validated password: %s\n"},
     {text_time, "Retrieving time...\n", checked<validate_time>, "Retrieved and validated time: %s\n"},
-    // Not validated, despite the wording: handlers look the name up, and refuse what they do not find.
+    // Not validated, despite the wording: handlers look up the name and refuse what they do not find.
     {text_entity_name, "Retrieving entity name...\n", nullptr, "Retrieved and validated entity name: %s\n"},
     {text_entity_extension, "Retrieving entity extension...\n", checked<validate_entity_extension>,
      "Retrieved and validated entity extension: %s\n"},
@@ -203,7 +212,7 @@ constexpr NumberRow number_rows[] = {
      "Retrieved and validated unit id: %d\n"},
     {number_periodic_interval, TAVRIX_LOG_DEBUG, "Retrieving periodic interval...\n", validate_periodic_interval,
      "Retrieved and validated periodic interval: %d\n"},
-    // Verbose where the others are debug: lasers are polled, and would crowd out the rest of a debug log.
+    // Verbose where the others are debug: lasers are polled and would flood a debug log.
     {number_laser_id, TAVRIX_LOG_VERBOSE, "Retrieving laser_id...\n", validate_laser_id,
      "Retrieved and validated laser_id: %d\n"},
     {number_olt_id, TAVRIX_LOG_DEBUG, "Retrieving olt id...\n", validate_olt_id,
@@ -214,12 +223,12 @@ constexpr NumberRow number_rows[] = {
      "Retrieved and validated port_number: %d\n"},
     {number_port_link_speed, TAVRIX_LOG_DEBUG, "Retrieving port link speed...\n", validate_port_link_speed,
      "Retrieved and validated port link_speed: %d\n"},
-    // Not validated: which numbers mean something is for each handler to say.
+    // Not validated: each handler decides which numbers mean something.
     {number_enable, TAVRIX_LOG_DEBUG, "Retrieving enable...\n", nullptr, "Retrieved and enable value: %d\n"},
 };
 static_assert(count_of(number_rows) == number_row_count && in_order(number_rows));
 
-/** What every retriever of a text begins with: null test, announcement, parsing. */
+/** How every retriever of a text begins: null test, announcement, parsing. */
 int fetch_text(const char *announcement, json_t *params, json_t **debug_message, const char *key, char *out,
                size_t out_size) {
     if (key == nullptr || out == nullptr) {
@@ -227,7 +236,7 @@ int fetch_text(const char *announcement, json_t *params, json_t **debug_message,
     }
     LOG_VERBOSE("%s", announcement);
     const int rc = tavrix_jrpc_utils_parse_input_string(params, debug_message, key, out, out_size);
-    // A buffer of no bytes holds no text to judge; what the parser finds comes first.
+    // An empty buffer has no text to check; but a failure of the parser comes first.
     return rc == TAVRIX_OK && out_size == 0 ? TAVRIX_ERR_PARAMETER : rc;
 }
 
@@ -261,7 +270,7 @@ int retrieve_number(NumberRowId id, json_t *params, json_t **debug_message, cons
     return TAVRIX_OK;
 }
 
-/** The verdict on a port id by the port kinds that are allowed: 0, -13, -14 or -34. */
+/** Checks a port id against the port kinds that are allowed; each combination has a status of its own. */
 int check_port_kinds(const char *value, bool allow_c_port, bool allow_d_port) {
     if (allow_c_port && allow_d_port) {
         return validate_port_id(value) == 0 ? TAVRIX_OK : TAVRIX_ERR_VALIDATION;
@@ -283,7 +292,7 @@ int check_port_id(const char *value, bool allow_all, bool allow_mzu_id, bool all
     if (rc == TAVRIX_OK || !allow_mzu_id) {
         return rc;
     }
-    // Whatever the port kinds gave: a client that may name a unit is told that one was expected.
+    // Whatever the port kinds said: a client that may name a unit is told that one was expected.
     return validate_mzu_id(value) == 0 ? TAVRIX_OK : TAVRIX_ERR_EXPECTED_MZU;
 }
 
@@ -351,7 +360,7 @@ bool read_port_hardware(json_t *element, json_t **debug_message, tavrix_port_har
     return true;
 }
 
-/** What the reader of a list of records says, and how it reads one. */
+/** What the reader of a list of records logs, and how it reads one. */
 template <typename Record>
 struct RecordList {
     const char *announcement;
@@ -385,11 +394,11 @@ int retrieve_records(const RecordList<Record> &list, json_t *params, json_t **de
     if (rc != TAVRIX_OK) {
         return rc;
     }
-    *count = std::min(element_count(elements), max); // no failure: a newer switch may have more ports
+    *count = std::min(element_count(elements), max); // not an error: a newer switch may have more ports
     for (int i = 0; i < *count; ++i) {
         LOG_VERBOSE(list.element, i);
         if (!list.read(json_array_get(elements, static_cast<size_t>(i)), debug_message, &records[i])) {
-            return TAVRIX_ERR_PARAMETER; // for every bad element: callers compare this one, the log has the reason
+            return TAVRIX_ERR_PARAMETER; // for every bad element: callers compare this status, the log has the reason
         }
     }
     LOG_VERBOSE(list.success, *count);
@@ -472,31 +481,26 @@ int tavrix_jrpc_utils_parse_input_integer(json_t *params, json_t **debug_message
     if (rc != TAVRIX_OK) {
         return rc;
     }
-    *out = static_cast<int32_t>(static_cast<uint32_t>(json_integer_value(member))); // unsigned masks pass whole
+    *out = static_cast<int32_t>(
+        static_cast<uint32_t>(json_integer_value(member))); // so that unsigned masks pass unchanged
     LOG_VERBOSE("Parsed %s: %d\n", key, *out);
     return TAVRIX_OK;
 }
 
 int tavrix_jrpc_utils_parse_input_uint64_t(json_t *params, json_t **debug_message, const char *key, uint64_t *out) {
-    if (key == nullptr || out == nullptr) {
-        return TAVRIX_ERR_PARAMETER;
-    }
     char text[value_text_size] = "";
-    const int rc = tavrix_jrpc_utils_parse_input_string(params, debug_message, key, text, sizeof text);
+    const int rc = find_number_text(params, debug_message, key, out, text);
     if (rc == TAVRIX_OK) {
-        *out = std::strtoull(text, nullptr, 0); // no number reads as 0: clients send "" for none
+        *out = std::strtoull(text, nullptr, 0); // any other text reads as 0: clients send "" for none
     }
     return rc;
 }
 
 int tavrix_jrpc_utils_parse_input_float(json_t *params, json_t **debug_message, const char *key, float *out) {
-    if (key == nullptr || out == nullptr) {
-        return TAVRIX_ERR_PARAMETER;
-    }
     char text[value_text_size] = "";
-    const int rc = tavrix_jrpc_utils_parse_input_string(params, debug_message, key, text, sizeof text);
+    const int rc = find_number_text(params, debug_message, key, out, text);
     if (rc == TAVRIX_OK) {
-        *out = static_cast<float>(std::strtod(text, nullptr)); // no number reads as 0, as above
+        *out = static_cast<float>(std::strtod(text, nullptr)); // any other text reads as 0, as above
     }
     return rc;
 }
@@ -648,19 +652,20 @@ int tavrix_jrpc_utils_retrieve_input_vlan_ids(json_t *params, json_t ** /*debug_
     if (key == nullptr || ids == nullptr || count == nullptr) {
         return TAVRIX_ERR_PARAMETER;
     }
-    // No announcement for each port of a list, and no debug message: the handler's own, naming the port, comes first.
+    // No announcement, which would be repeated for each port of a list, and no debug message, because the handler's own
+    // names the port.
     const json_t *list = json_object_get(params, key);
     if (list == nullptr) {
         LOG_ERROR("Failed, vlan ID is null.\n");
         return TAVRIX_ERR_PARAMETER_NOT_FOUND;
     }
-    *count = element_count(list); // 0 for what is no array: clients send null for no VLANs
+    *count = element_count(list); // 0 for anything but an array: clients send null for no VLANs
     if (*count > max_vlan_ids) {
         return TAVRIX_ERR_TOO_MANY_VLAN_IDS;
     }
     for (int i = 0; i < *count; ++i) {
         const json_t *element = json_array_get(list, static_cast<size_t>(i));
-        const json_int_t value = json_integer_value(element); // 0 for what is no integer: refused below
+        const json_int_t value = json_integer_value(element); // 0 for anything but an integer, refused below
         const int vlan_id = static_cast<int32_t>(static_cast<uint32_t>(value));
         if (element == nullptr || validate_vlan_id(vlan_id) != 0) {
             return TAVRIX_ERR_INVALID_PARAMETER; // TAVRIX_ERR_VALIDATION would reach clients as "Unknown Error"
@@ -694,7 +699,7 @@ int tavrix_jrpc_utils_retrieve_input_mac_filters(json_t *params, json_t **debug_
         return rc;
     }
     *count = element_count(list);
-    // One element even for an empty list: a null array is how callers, and the test below, know want of memory.
+    // One element even for an empty list: to callers, as to the test below, a null array means that memory ran out.
     const size_t allocated = static_cast<size_t>(std::max(*count, 1));
     std::unique_ptr<tavrix_mac_filter, tavrix::FreeMemory> owner(
         static_cast<tavrix_mac_filter *>(std::calloc(allocated, sizeof(tavrix_mac_filter))));
@@ -720,7 +725,7 @@ int tavrix_jrpc_utils_retrieve_input_macaddr_allowed(json_t *params, json_t **de
                                                      size_t out_size) {
     const int rc = fetch_text("Retrieving mac address...\n", params, debug_message, key, out, out_size);
     if (rc != TAVRIX_OK || std::strcmp(out, no_mac) == 0) {
-        return rc; // no success line for "none": that line says that an address was validated
+        return rc; // without the success line, which says that an address was validated
     }
     if (tavrix_validate_and_format_mac_addr_string(out) != TAVRIX_OK) {
         return TAVRIX_ERR_VALIDATION;
@@ -754,7 +759,7 @@ int tavrix_jrpc_utils_parse_input_secure_option(json_t *params, json_t **debug_m
     }
     char word[value_text_size] = "";
     if (tavrix_jrpc_utils_parse_input_string(params, debug_message, key, word, sizeof word) != TAVRIX_OK) {
-        return TAVRIX_ERR_INVALID_PARAMETER; // one status for every failure: callers compare no other
+        return TAVRIX_ERR_INVALID_PARAMETER; // for every failure: callers compare no other status
     }
     LOG_CONFIG("Vaultline - %s: <%s>\n", key, word);
     if (tavrix_str_to_enum(out, word, tavrix_secure_option_strings) != TAVRIX_OK) {
@@ -779,7 +784,7 @@ int tavrix_jrpc_utils_populate_json_mac_addresses_array(json_t **array, char (*m
         const Json entry(json_stringn(macs[i], strnlen(macs[i], sizeof macs[i])));
         if (!entry) {
             LOG_WARNING("Failed to create JSON object for MAC address %d\n", i);
-            break; // what was listed so far is the answer: a part of the list helps a client more than none
+            break; // the answer is what was listed so far: part of the list is more use to a client than none
         }
         if (json_array_append(list.get(), entry.get()) != 0) {
             LOG_ERROR("Failed to append MAC address %d to array\n", i);

@@ -37,7 +37,7 @@ constexpr int level_word_size = 50;
 constexpr useconds_t socket_delay_us = 500000;
 
 int32_t current_level = TAVRIX_LOG_DEBUG;
-// Kept for the daemons; nothing is ever written to it.
+// Kept because daemons set it; nothing is ever written to it.
 [[maybe_unused]] volatile int32_t log_socket = -1;
 const char *daemon_name = "unknown";
 
@@ -52,16 +52,16 @@ constexpr LevelTag level_tags[] = {
 };
 constexpr LevelTag unknown_level_tag = {"UNKNW", true};
 
-/** A second in local time as a stamp begins with it, for example "[2024-05-01 13:45:12". */
+/** A second in local time, as a line begins with it, for example "[2024-05-01 13:45:12". */
 struct Second {
     time_t time;
     size_t length; ///< 0 when there is none yet
     char text[time_size];
 };
 
-// The second of the thread's last line: most lines share theirs, and a look at the zone costs more than all the rest of
-// a line. It is taken once a second, so a change of the zone shows in the next one. The model keeps the dynamic loader
-// off the list of libraries that this one needs.
+// The second of the thread's last line: most lines share it, and looking up the time zone costs more than the rest of a
+// line. It is looked up once a second, so a change of the zone shows in the next one. The TLS model keeps the dynamic
+// loader off the list of libraries that this one needs.
 [[gnu::tls_model("initial-exec")]] thread_local Second last_second;
 
 struct LevelWord {
@@ -69,7 +69,7 @@ struct LevelWord {
     int32_t level;
 };
 
-// No word for errors alone: support silences a daemon or lets it talk, and never sees errors without their warnings.
+// No word for errors alone: support silences a daemon or lets it talk, and never sees errors without the warnings.
 constexpr LevelWord level_words[] = {
     {"off", TAVRIX_LOG_UNDEF},
     {"info", TAVRIX_LOG_INFO},
@@ -160,7 +160,7 @@ class Line {
     }
     void add_long(std::string_view piece) {
         if (!locked_) {
-            flockfile(stderr); // no other line comes between its parts
+            flockfile(stderr); // so that no other line gets between its parts
             locked_ = true;
         }
         flush();
@@ -237,12 +237,12 @@ int tavrix_lsyslog_log(int level, const char *file, int line, const char *format
 }
 
 int tavrix_lsyslog_check_severity(int level) {
-    // Compared as unsigned numbers: a negative level, a caller's mistake, is never worth building a line for.
+    // Compared as unsigned numbers: for a negative level, a caller's mistake, no line is worth building.
     return static_cast<uint32_t>(current_level) >= static_cast<uint32_t>(level) ? 1 : 0;
 }
 
 int tavrix_lsyslog_reload_conf(void) {
-    // One byte more than the parser is told of: a word of exactly 50 characters comes back without a terminator.
+    // One byte more than the parser may fill: a word of exactly 50 characters comes back without a terminator.
     char word[level_word_size + 1] = "";
     const int rc =
         tavrix_conf_parser_parse(TAVRIX_LSYSLOG_CONF_PATH, levels_section, daemon_name, word, level_word_size);

@@ -1,8 +1,8 @@
 /*
  * Bus sockets: a thin wrapper over nanomsg's scalability-protocol sockets.
  *
- * A socket is nanomsg's number, an endpoint nanomsg's id. Kept is only what a subscribe socket has subscribed, from its
- * first topic until it is closed, because nanomsg survives no unsubscription of a topic that is not there.
+ * A socket is nanomsg's number, an endpoint nanomsg's id. The only state is what each subscribe socket has subscribed,
+ * from its first topic until it is closed, because nanomsg does not survive the removal of a topic that is not there.
  */
 #include "tavrix_mq.h"
 
@@ -26,6 +26,7 @@
 
 #include "internal/handles.h"
 #include "internal/log.h"
+#include "internal/tables.h"
 #include "internal/topics.h"
 #include "tavrix_error.h"
 
@@ -39,13 +40,13 @@ constexpr int protocols[] = {
 };
 constexpr int lowest_sp_type = TAVRIX_SP_PAIR;
 constexpr int highest_sp_type = TAVRIX_SP_BUS;
-static_assert(sizeof protocols / sizeof protocols[0] == highest_sp_type, "one protocol for each SP type");
+static_assert(tavrix::count_of(protocols) == highest_sp_type, "one protocol for each SP type");
 
 // The transports 1 to 3 in their order.
 constexpr const char *schemes[] = {"inproc://", "ipc://", "tcp://"};
 constexpr int lowest_transport = TAVRIX_TRANSPORT_INPROC;
 constexpr int highest_transport = TAVRIX_TRANSPORT_TCP;
-static_assert(sizeof schemes / sizeof schemes[0] == highest_transport, "one scheme for each transport");
+static_assert(tavrix::count_of(schemes) == highest_transport, "one scheme for each transport");
 
 const char *bus_error() { return nn_strerror(nn_errno()); }
 
@@ -56,24 +57,11 @@ int protocol_of(int sock) {
     return nn_getsockopt(sock, NN_SOL_SOCKET, NN_PROTOCOL, &protocol, &size) == 0 ? protocol : -1;
 }
 
-/** A message that nanomsg allocated and that nobody has taken over yet. */
-class BusMessage {
-  public:
-    explicit BusMessage(void *message) : message_(message) {}
-    BusMessage(const BusMessage &) = delete;
-    BusMessage &operator=(const BusMessage &) = delete;
-    ~BusMessage() {
-        if (message_ != nullptr) {
-            static_cast<void>(nn_freemsg(message_));
-        }
-    }
-
-    void *get() const { return message_; }
-    void *release() { return std::exchange(message_, nullptr); }
-
-  private:
-    void *message_;
+struct FreeMessage {
+    void operator()(void *message) const { static_cast<void>(nn_freemsg(message)); }
 };
+/** A message that nanomsg allocated and that nobody has taken over yet. */
+using BusMessage = std::unique_ptr<void, FreeMessage>;
 
 // --- Checks ---
 
@@ -97,7 +85,7 @@ int check_transport(int transport, const char *addr) {
         LOG_DEBUG("FAIL: Transport type outside acceptable range [%d, %d]\n", lowest_transport, highest_transport);
         return TAVRIX_ERR_VALIDATION;
     }
-    // Anywhere in addr: TAVRIX_ERR_VALIDATION tells callers that the transport is wrong; the rest nanomsg judges.
+    // Anywhere in addr: TAVRIX_ERR_VALIDATION only tells callers that the transport is wrong; nanomsg judges the rest.
     return std::strstr(addr, schemes[transport - 1]) != nullptr ? TAVRIX_OK : TAVRIX_ERR_VALIDATION;
 }
 
@@ -108,9 +96,9 @@ int null_pointer() {
 
 // --- Paths of ipc addresses ---
 
-// nanomsg ends the process over a path that the system does not take, so these are found out before it sees one.
+// nanomsg aborts the process on a path that the system rejects, so such paths are caught before nanomsg sees them.
 
-/** The path when nanomsg takes the address for an ipc one, whatever transport was named with it; else null. */
+/** The path if nanomsg would take the address for an ipc one, whatever transport was given with it; else null. */
 const char *ipc_path(const char *addr) {
     const char *scheme = schemes[TAVRIX_TRANSPORT_IPC - 1];
     const size_t length = std::strlen(scheme);
@@ -123,9 +111,9 @@ bool is_folder(const char *path) {
 }
 
 /**
- * Removes what a bind would find in its way: nanomsg does it in the same manner, and aborts when it is not allowed to.
+ * Removes a left-over socket file as nanomsg itself would before a bind; nanomsg aborts when it is not allowed to.
  *
- * @return 0, or the reason why it stays
+ * @return 0, or the errno of the removal
  */
 int clear_the_way(const char *path) {
     sockaddr_un address = {};
@@ -138,7 +126,7 @@ int clear_the_way(const char *path) {
     return left_over && unlink(path) != 0 && errno != ENOENT ? errno : 0;
 }
 
-/** 0, or the reason why nanomsg must not see the path. */
+/** 0, or the errno to report when nanomsg must not see the path. */
 int refuse_path(const char *path, bool to_bind) {
     if (std::strlen(path) >= sizeof sockaddr_un::sun_path) {
         return ENAMETOOLONG;
@@ -156,7 +144,7 @@ using Attach = int (*)(int, const char *);
 /** The endpoint's id; -1 and `errno` when the address is refused, here or by nanomsg. */
 int make_endpoint(Attach attach_to, int sock, const char *addr) {
     const char *path = ipc_path(addr);
-    // For a closed socket nothing is removed, and nanomsg has its own words.
+    // For a closed socket nothing is removed, and nanomsg reports the failure itself.
     const bool looked_at = path != nullptr && protocol_of(sock) >= 0;
     const int reason = looked_at ? refuse_path(path, attach_to == nn_bind) : 0;
     if (reason != 0) {
@@ -176,7 +164,7 @@ int attach(Attach attach_to, int sock, int transport, const char *addr, int *eid
     }
     const int eid = make_endpoint(attach_to, sock, addr);
     if (eid < 0) {
-        // Says nn_bind for a failed connect too: log filters match this one text for both.
+        // nn_bind for a failed connect, too: log filters match this one text for both.
         LOG_DEBUG("nn_bind failed for SP addr [%s]: %s\n", addr, bus_error());
         return TAVRIX_ERR_GENERAL;
     }
@@ -209,25 +197,25 @@ int write_option(int sock, int level, int option, const void *value, size_t size
 
 // --- Topics ---
 
-/** More than a daemon has sockets; those whose numbers are a multiple of it apart share a place. */
+/** More than any daemon has sockets; sockets whose numbers differ by a multiple of it share a place. */
 constexpr unsigned place_count = 64;
 std::atomic<tavrix::Topic *> kept_topics[place_count];
 
-/** In the place of topics that somebody is at work on. */
+/** Marks a place whose topics a thread is working on. */
 tavrix::Topic at_work = {};
 
-/** The topics, taken out of their place for as long as they are worked on. */
+/** Takes the topics out of their place while they are worked on. */
 tavrix::Topic *take_topics(std::atomic<tavrix::Topic *> *place) {
     tavrix::Topic *first = nullptr;
     while ((first = place->exchange(&at_work, std::memory_order_acquire)) == &at_work) {
-        // Another thread changes topics of the socket. Yielding alone would starve one of lower priority.
+        // Another thread is changing topics. Merely yielding could starve it if its priority is lower.
         constexpr timespec moment = {0, 50000};
         static_cast<void>(nanosleep(&moment, nullptr));
     }
     return first;
 }
 
-/** nanomsg names a socket by its number; one whose topics are kept has another name. */
+/** nanomsg names each socket by its number; a socket whose topics are kept is given another name. */
 bool has_its_first_name(int sock) {
     char name[64] = ""; // nanomsg's own size
     char number[16];
@@ -247,7 +235,7 @@ class SocketTopics {
   public:
     explicit SocketTopics(int sock)
         : sock_(sock), place_(&kept_topics[static_cast<unsigned>(sock) % place_count]), topics_(take_topics(place_)) {
-        // Kept of a socket that was closed past this library; nanomsg has given its number to a new one.
+        // Left by a socket that was closed behind the library's back; nanomsg has given its number to a new one.
         if (topics_.any_of(sock) && has_its_first_name(sock)) {
             topics_.remove_all_of(sock);
         }
@@ -293,7 +281,7 @@ int subscribe(const tavrix::TopicName &name) {
 int unsubscribe(const tavrix::TopicName &name) {
     SocketTopics kept(name.sock);
     if (!kept.has_node(name) && protocol_of(name.sock) == NN_SUB) {
-        // nanomsg must not be asked. Where it survives that, it sees no failure in it but on a socket without topics.
+        // nanomsg must not be asked. When it survives that, it reports a failure only for a socket without topics.
         if (kept.any()) {
             return TAVRIX_OK;
         }
@@ -309,7 +297,7 @@ int unsubscribe(const tavrix::TopicName &name) {
 
 // --- Messages ---
 
-/** nanomsg tells an expired time-out and a receive that would wait apart; here both mean that no message is there. */
+/** nanomsg tells an expired time-out from a receive that would wait; here both mean that there is no message. */
 bool nothing_received(int reason) { return reason == EAGAIN || reason == ETIMEDOUT; }
 
 int receive_failed(int sock) {
@@ -328,7 +316,7 @@ int send_text(int sock, const char *text, int flags) {
     const size_t length = std::strlen(text);
     LOG_VERBOSE("[tavrix_mq_socket_send]: message[%d]: %s\n", static_cast<int>(length), text);
     BusMessage message(nn_allocmsg(length, 0));
-    if (message.get() == nullptr) {
+    if (!message) {
         LOG_DEBUG("nn_allocmsg failed to allocate buffer for message: %s\n", bus_error());
         return TAVRIX_ERR_GENERAL;
     }
@@ -339,7 +327,7 @@ int send_text(int sock, const char *text, int flags) {
         LOG_DEBUG("nn_send failed for mq_socket [%d]: %s\n", sock, bus_error());
         return TAVRIX_ERR_GENERAL;
     }
-    static_cast<void>(message.release()); // nanomsg's own now
+    static_cast<void>(message.release()); // nanomsg owns it now
     LOG_VERBOSE("[tavrix_mq_socket_send]: sent: %d out of %d\n", sent, static_cast<int>(length));
     return TAVRIX_OK;
 }
@@ -411,7 +399,7 @@ int tavrix_mq_socket_shutdown(int sock, int eid) {
 }
 
 int tavrix_mq_socket_close(int sock) {
-    SocketTopics(sock).remove_all(); // first: once it is closed, the number may be another thread's
+    SocketTopics(sock).remove_all(); // before closing: afterwards the number may belong to another thread
     if (nn_close(sock) < 0) {
         LOG_WARNING("nn_close failed for mq_socket [%d]: %s\n", sock, bus_error());
         return TAVRIX_ERR_GENERAL;

@@ -21,9 +21,15 @@
 namespace {
 
 constexpr char unit_name[] = "tavrix_shm";
-// Hexadecimal, that is octal 3146: daemons of other users get in by exactly these bits, which shut the owner out.
+// Hexadecimal, octal 3146: these very bits let daemons of other users in, though they shut the owner out.
 constexpr mode_t slot_mode = 0x666;
 constexpr int max_reserve_attempts = 100;
+
+/** The line number is the caller's. */
+int refuse(const char *line_text, int line = __builtin_LINE()) {
+    static_cast<void>(tavrix_lsyslog_log(TAVRIX_LOG_ERROR, unit_name, line, "%s", line_text));
+    return TAVRIX_ERR_GENERAL;
+}
 
 /** A slot, open and mapped for one access. */
 class Mapping {
@@ -45,7 +51,7 @@ class Mapping {
         return static_cast<bool>(fd_);
     }
 
-    /** Whether the slot has pages for so many bytes: beyond its last one an access would raise SIGBUS. */
+    /** Whether the slot has pages for that many bytes: an access beyond its last page would raise SIGBUS. */
     bool has_pages(size_t length) const {
         const off_t bytes = size();
         const uint64_t page = static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
@@ -59,8 +65,8 @@ class Mapping {
     }
 
     /**
-     * Gives the slot the mapped length, in memory of its own: an access to a hole raises SIGBUS when none is left. When
-     * there is not enough, the slot stays as it was.
+     * Gives the slot the mapped length, with memory allocated for it: an access to a hole raises SIGBUS when memory has
+     * run out. If there is not enough, the slot stays as it was.
      */
     bool reserve() {
         const off_t old_size = size();
@@ -71,7 +77,7 @@ class Mapping {
         if (error == 0) {
             resize(static_cast<off_t>(length_)); // an old slot may have been longer
         } else if (old_size >= 0 && size() > old_size) {
-            resize(old_size); // it has grown page by page, where the system cannot do it at once
+            resize(old_size); // it has grown page by page, on systems that cannot do it at once
         }
         return error == 0;
     }
@@ -98,7 +104,7 @@ void copy_padded(char *to, const char *from, size_t from_length, size_t len) {
     std::memset(to + kept, 0, len - kept);
 }
 
-/** Tells that a slot could not be mapped in the length that was asked for. */
+/** Logs that a slot could not be mapped in the requested length. */
 bool checked(bool mapped, const char *name) {
     if (!mapped) {
         LOG_ERROR("Mmap error with %s.\n", name);
@@ -115,16 +121,14 @@ bool open_and_map(Mapping *slot, const char *name, size_t length, bool writing) 
 
 int tavrix_shm_create(const char *name, size_t size) {
     if (name == nullptr) {
-        LOG_ERROR("NULL Pointer!\n"); // not the capitals of the others: log filters know the creation by it
-        return TAVRIX_ERR_GENERAL;
+        return refuse("NULL Pointer!\n"); // unlike the others: log filters recognise the creation by it
     }
     if (size == 0) {
-        LOG_ERROR("Zero size!\n");
-        return TAVRIX_ERR_GENERAL;
+        return refuse("Zero size!\n");
     }
     Mapping slot;
-    // Nothing of what an old slot holds is touched before the new size is certain: other daemons may be reading it.
-    // Mapped first: memory is not taken for a size that no address space has room for.
+    // An old slot is not touched before the new size is certain: other daemons may be reading it. It is mapped first,
+    // so that no memory is allocated for a size that does not fit the address space.
     if (!slot.open(name, O_RDWR | O_CREAT) ||
         !checked(slot.map(size, PROT_READ | PROT_WRITE) && slot.reserve(), name)) {
         return TAVRIX_ERR_GENERAL;
@@ -135,12 +139,10 @@ int tavrix_shm_create(const char *name, size_t size) {
 
 int tavrix_shm_set_string(const char *name, size_t len, const char *text) {
     if (name == nullptr || text == nullptr) {
-        LOG_ERROR("NULL POINTER!\n");
-        return TAVRIX_ERR_GENERAL;
+        return refuse("NULL POINTER!\n");
     }
     if (len == 0) {
-        LOG_ERROR("Zero size!\n");
-        return TAVRIX_ERR_GENERAL;
+        return refuse("Zero size!\n");
     }
     Mapping slot;
     if (!open_and_map(&slot, name, len, true)) {
@@ -152,12 +154,10 @@ int tavrix_shm_set_string(const char *name, size_t len, const char *text) {
 
 int tavrix_shm_get_string(const char *name, size_t len, char *dst) {
     if (name == nullptr || dst == nullptr) {
-        LOG_ERROR("NULL POINTER!\n");
-        return TAVRIX_ERR_GENERAL;
+        return refuse("NULL POINTER!\n");
     }
     if (len == 0) {
-        LOG_ERROR("ERROR: Zero size!\n"); // a text of its own: log filters know the reader by it
-        return TAVRIX_ERR_GENERAL;
+        return refuse("ERROR: Zero size!\n"); // unlike the others: log filters recognise the reader by it
     }
     Mapping slot;
     if (!open_and_map(&slot, name, len, false)) {
@@ -169,8 +169,7 @@ int tavrix_shm_get_string(const char *name, size_t len, char *dst) {
 
 int tavrix_shm_set_int(const char *name, const int *value) {
     if (name == nullptr || value == nullptr) {
-        LOG_ERROR("NULL POINTER!\n");
-        return TAVRIX_ERR_GENERAL;
+        return refuse("NULL POINTER!\n");
     }
     Mapping slot;
     if (!open_and_map(&slot, name, sizeof(int32_t), true)) {
@@ -182,8 +181,7 @@ int tavrix_shm_set_int(const char *name, const int *value) {
 
 int tavrix_shm_get_int(const char *name, int *value_out) {
     if (name == nullptr || value_out == nullptr) {
-        LOG_ERROR("NULL POINTER!\n");
-        return TAVRIX_ERR_GENERAL;
+        return refuse("NULL POINTER!\n");
     }
     Mapping slot;
     if (!open_and_map(&slot, name, sizeof(int32_t), false)) {
@@ -195,12 +193,10 @@ int tavrix_shm_get_int(const char *name, int *value_out) {
 
 int tavrix_shm_clear(const char *name, size_t len) {
     if (name == nullptr) {
-        LOG_ERROR("NULL POINTER!\n");
-        return TAVRIX_ERR_GENERAL;
+        return refuse("NULL POINTER!\n");
     }
     if (len == 0) {
-        LOG_ERROR("Zero size!\n");
-        return TAVRIX_ERR_GENERAL;
+        return refuse("Zero size!\n");
     }
     Mapping slot;
     if (!open_and_map(&slot, name, len, true)) {

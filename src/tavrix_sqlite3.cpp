@@ -17,13 +17,14 @@
 
 namespace {
 
+using tavrix::into;
 using tavrix::Statement;
 
 constexpr char unit_name[] = "tavrix_sqlite3";
 constexpr unsigned char max_retries = 20;
 constexpr useconds_t retry_delay_us = 50000;
 
-/** A statement's text on the stack, cut off at its end without notice: what has no fixed length is bound instead. */
+/** A statement's text on the stack, silently cut off at its end: values of any length are to be bound instead. */
 class Sql {
   public:
     TAVRIX_PRINTF(2, 0) Sql(const char *format, va_list args) {
@@ -35,17 +36,13 @@ class Sql {
     char text_[TAVRIX_SQL_MAX + 1] = "";
 };
 
+/** Prepares a statement and steps to its first row: 0 when there is one, else SQLite's code. */
 TAVRIX_PRINTF(3, 0)
-int prepare(sqlite3 *db, Statement *statement, const char *format, va_list args) {
-    sqlite3_stmt *prepared = nullptr;
-    const int rc = tavrix_sqlite3_prepare_sql_args(db, &prepared, format, args);
-    statement->reset(prepared);
-    return rc;
-}
-
-/** Steps to the first row: 0 when there is one, else the step's own code. */
-int step_to_row(sqlite3_stmt *statement) {
-    const int rc = sqlite3_step(statement);
+int find_row(sqlite3 *db, Statement *statement, const char *format, va_list args) {
+    int rc = tavrix_sqlite3_prepare_sql_args(db, into(*statement), format, args);
+    if (rc == SQLITE_OK) {
+        rc = sqlite3_step(statement->get());
+    }
     return rc == SQLITE_ROW ? SQLITE_OK : rc;
 }
 
@@ -100,10 +97,7 @@ int tavrix_sqlite3_get_single_id_result_args(sqlite3 *db, int64_t *out, const ch
         return TAVRIX_ERR_PARAMETER;
     }
     Statement statement;
-    int rc = prepare(db, &statement, format, args);
-    if (rc == SQLITE_OK) {
-        rc = step_to_row(statement.get());
-    }
+    const int rc = find_row(db, &statement, format, args);
     if (rc == SQLITE_OK) {
         *out = sqlite3_column_int64(statement.get(), 0);
     }
@@ -117,15 +111,9 @@ int tavrix_sqlite3_get_single_string_result(sqlite3 *db, char *out, size_t size,
     va_list args;
     va_start(args, format);
     Statement statement;
-    int rc = prepare(db, &statement, format, args);
+    const int rc = find_row(db, &statement, format, args);
     va_end(args);
-    if (rc == SQLITE_OK) {
-        rc = step_to_row(statement.get());
-    }
-    if (rc == SQLITE_OK) {
-        rc = copy_text(statement.get(), out, size);
-    }
-    return rc;
+    return rc == SQLITE_OK ? copy_text(statement.get(), out, size) : rc;
 }
 
 int tavrix_sqlite3_step_retrieve_int(sqlite3_stmt *stmt, int64_t *out) {

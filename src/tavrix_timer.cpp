@@ -35,7 +35,7 @@ timespec split_seconds(float seconds) {
     const double fraction = std::modf(static_cast<double>(seconds), &whole);
     timespec value{};
     if (!(std::fabs(whole) < beyond_time)) {
-        value.tv_nsec = -1; // no number of seconds: the platform refuses it
+        value.tv_nsec = -1; // not a possible time: the system refuses it
         return value;
     }
     value.tv_sec = static_cast<time_t>(whole);
@@ -48,7 +48,7 @@ int arm(int fd, const timespec &first, const timespec &interval) {
     setting.it_value = first;
     setting.it_interval = interval;
     if (timerfd_settime(fd, 0, &setting, nullptr) != 0) {
-        std::perror("tavrix_timer_set"); // for both ways of arming: log filters match one line
+        std::perror("tavrix_timer_set"); // for both ways of arming: log filters match this line
         return TAVRIX_ERR_GENERAL;
     }
     return TAVRIX_OK;
@@ -61,7 +61,7 @@ int tavrix_timer_init(int *fd_out, int nonblock) {
         LOG_DEBUG("[tavrix_timer_init]: NULL pointer!\n");
         return TAVRIX_ERR_NULL_INPUT;
     }
-    // Only exactly 1: daemons that pass another number count on the wait. A failure's -1 is stored too: poll skips it.
+    // Exactly 1: daemons that pass any other number rely on the wait. The -1 of a failure is stored too: poll skips it.
     *fd_out = timerfd_create(CLOCK_MONOTONIC, nonblock == 1 ? TFD_NONBLOCK : 0);
     if (*fd_out < 0) {
         std::perror("tavrix_timer_init");
@@ -89,7 +89,7 @@ int tavrix_timer_nsec_set(int fd, float period, float interval) {
 }
 
 int tavrix_timer_read(int fd) {
-    uint64_t expirations = 0; // how many is not passed on: 0 is what callers compare, and missed ticks are not made up
+    uint64_t expirations = 0; // not passed on: callers compare with 0, and do not make up for missed ticks
     const ssize_t got = read(fd, &expirations, sizeof expirations);
     if (got == static_cast<ssize_t>(sizeof expirations)) {
         return TAVRIX_OK;
@@ -111,6 +111,6 @@ int tavrix_timer_free(int *fd) {
         return TAVRIX_ERR_NULL_INPUT;
     }
     static_cast<void>(close(*fd));
-    *fd = 0; // not -1: daemons take 0, as in a zeroed record, for no timer; a second free would close descriptor 0
+    *fd = 0; // not -1: to daemons 0, as in a zeroed record, means no timer; a second free would close descriptor 0
     return TAVRIX_OK;
 }

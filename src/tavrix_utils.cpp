@@ -2,7 +2,7 @@
  * Utilities: the shared null test, strings, MAC and IPv4 addresses, port and MZU ids, versions, enumerations, shell and
  * file helpers.
  *
- * Keeps one process-wide state: the hidden cursor of strparse(), which tavrix_parse_mzu_port_id() uses too.
+ * Keeps one piece of process-wide state: the hidden cursor of strparse(), which tavrix_parse_mzu_port_id() uses too.
  */
 #include "tavrix_utils.h"
 
@@ -57,7 +57,7 @@ char to_upper(char c) { return static_cast<char>(std::toupper(static_cast<unsign
 char to_lower(char c) { return static_cast<char>(std::tolower(static_cast<unsigned char>(c))); }
 bool is_digit(char c) { return c >= '0' && c <= '9'; }
 
-// A lone quote character is both ends of an empty text: a description may hold no quote, not even a forgotten one.
+// A lone quote counts as both quotes of an empty text: a description must not contain one, not even by mistake.
 bool is_quoted(const char *text, size_t length) { return length > 0 && text[0] == '"' && text[length - 1] == '"'; }
 
 // --- Tokenizer -----------------------------------------------------------------------------------------------------
@@ -66,7 +66,7 @@ const char *strparse_cursor = nullptr;
 
 // --- MAC vectors ---------------------------------------------------------------------------------------------------
 
-/** Doubles a vector's room; one that has none yet gets the first. When it fails the old entries stay. */
+/** Doubles a vector's capacity, or gives it its first. On failure the old entries stay. */
 bool grow(tavrix_mac_vector *vector) {
     const int32_t capacity = vector->capacity > 0 ? vector->capacity * 2 : first_mac_capacity;
     void *entries = std::realloc(vector->array->entries, static_cast<size_t>(capacity) * mac_entry_size);
@@ -85,7 +85,7 @@ bool is_d(char prefix) { return prefix == 'd' || prefix == 'D'; }
 bool is_separator(char c) { return c == '-' || c == '/'; }
 bool is_number(const char *text) { return text[0] != '\0' && isdigits(text) == 1; }
 
-/** A number that is all digits; what does not fit counts as the largest int. */
+/** Converts a text of digits; a number that does not fit becomes the largest int. */
 int to_number(const char *text) {
     const long long value = std::strtoll(text, nullptr, 10);
     return static_cast<int>(std::min<long long>(value, INT_MAX));
@@ -112,7 +112,7 @@ int parse_single_number(int *unit, int *port, char prefix, int number) {
     return is_c(prefix) ? store_port_id(unit, port, number, TAVRIX_WHOLE_UNIT_PORT) : TAVRIX_ERR_PARAMETER;
 }
 
-/** One item of a port line: "c2-1", "d1", with its blank before and its comma behind. */
+/** One item of a port line: "c2-1", "d1", with the blank before it and the comma after it. */
 size_t format_port_item(const tavrix_port_list *list, int index, bool first, char *item, size_t size) {
     const char *blank = first ? "" : " ";
     const char *comma = index + 1 < list->count ? "," : "";
@@ -125,12 +125,12 @@ size_t format_port_item(const tavrix_port_list *list, int index, bool first, cha
 
 // --- Versions ------------------------------------------------------------------------------------------------------
 
-/** Reads the numbers of a version one after the other; beyond its end there are none. */
+/** Reads the numbers of a version one by one. */
 class VersionReader {
   public:
     explicit VersionReader(const char *text) : start_(text), end_(text) { read(); }
 
-    /** The last read's number as a signed 32-bit value; 0 when nothing was there to read. */
+    /** The number last read, as a signed 32-bit value; 0 when there was none. */
     int32_t number() const { return number_; }
     bool has_number() const { return end_ != start_; }
 
@@ -146,8 +146,8 @@ class VersionReader {
     void read() {
         char *end = nullptr;
         const long long value = std::strtoll(start_, &end, 10);
-        // As strtoul reads it where long has 32 bits, so that every machine gives the same answer: what does not fit
-        // is the largest number, which is -1 as a signed one.
+        // What strtoul does where long has 32 bits, so that every machine gives the same answer: a number that does not
+        // fit becomes the largest one, which is -1 when signed.
         const bool fits = value >= -int64_t{UINT32_MAX} && value <= int64_t{UINT32_MAX};
         number_ = static_cast<int32_t>(fits ? static_cast<uint32_t>(value) : UINT32_MAX);
         end_ = end;
@@ -162,7 +162,7 @@ class VersionReader {
 
 tavrix::Pipe run_command(const char *command) { return tavrix::Pipe(popen(command, "re")); }
 
-/** Appends one stage to the command that lists a file, and shows what stands so far; false when it does not fit. */
+/** Appends one stage to the command that lists a file and logs the command so far; false when it does not fit. */
 TAVRIX_PRINTF(2, 3)
 bool append_stage(char (&command)[stats_command_size], const char *format, ...) {
     const size_t used = std::strlen(command);
@@ -202,12 +202,12 @@ const char *const tavrix_link_status_strings[5] = {"unknown", "down", "up", "off
 const char *const tavrix_link_speed_strings[8] = {"unknown", "offline",  "N/A",       "unsupported",
                                                   "10 Mbps", "100 Mbps", "1000 Mbps", nullptr};
 const char *const tavrix_vlan_mode_strings[6] = {"unknown", "local", "access", "trunk", "trans", nullptr};
-// "Generic MZU" stays between the named models: databases in the field store positions, later models came after it.
+// "Generic MZU" stays between the named models: databases in the field store positions, and later models came after.
 const char *const tavrix_mzu_model_strings[12] = {"unknown", "ZQN-E09",     "ZQN-E10", "ZQN-E11", "ZQN-E12", "ZQN-E13",
                                                   "ZQN-E14", "Generic MZU", "ZQN-E15", "ZQN-E16", "ZQN-E17", nullptr};
 const char *const tavrix_secure_option_strings[4] = {"current", "enable", "disable", nullptr};
 
-// Behind the last value stands the terminator.
+// The terminator comes after the last value.
 static_assert(tavrix::count_of(tavrix_state_troubled_strings) == TAVRIX_STATE_TROUBLED_TROUBLED + 2);
 static_assert(tavrix::count_of(tavrix_state_failed_strings) == TAVRIX_STATE_FAILED_FAILED + 2);
 static_assert(tavrix::count_of(tavrix_admin_status_strings) == TAVRIX_ADMIN_STATUS_ENABLE + 2);
@@ -305,9 +305,9 @@ int tavrix_mac_vector_insert(tavrix_mac_vector *vector, const void *source, int 
     if (vector == nullptr || source == nullptr || vector->array == nullptr) {
         return TAVRIX_ERR_NULL_INPUT;
     }
-    char entry[mac_entry_size] = ""; // made first: the source may be an entry of the array, which a growth moves
+    char entry[mac_entry_size] = ""; // made first: the source may be an entry of the array, which moves when it grows
     if (is_text == 1) {
-        // The caller's text has 17 characters; a longer one is cut to the entry.
+        // Callers pass 17 characters; a longer text is cut to fit the entry.
         static_cast<void>(std::snprintf(entry, sizeof entry, "%s", static_cast<const char *>(source)));
     } else if (is_text == 0) {
         static_cast<void>(tavrix_bytes_to_mac_address_string(entry, static_cast<const unsigned char *>(source)));
@@ -318,7 +318,7 @@ int tavrix_mac_vector_insert(tavrix_mac_vector *vector, const void *source, int 
         return TAVRIX_ERR_GENERAL;
     }
     if (is_text != 0 && is_text != 1) {
-        return TAVRIX_ERR_PARAMETER; // judged last: without memory the daemon stops first, whatever the flag
+        return TAVRIX_ERR_PARAMETER; // checked last: when memory runs out the daemon stops, whatever the flag
     }
     std::memcpy(array->entries[array->count], entry, sizeof entry);
     ++array->count;
@@ -408,7 +408,7 @@ int tavrix_parse_mzu_port_id(int *unit, int *port, const char *text) {
     if (std::strlen(separator) != 1 || !is_number(second) || !is_c(prefix[0])) {
         return TAVRIX_ERR_PARAMETER;
     }
-    *unit = number; // even if the port is refused: daemons name the unit in what they tell the user
+    *unit = number; // even if the port is refused: daemons name the unit in their message to the user
     const int port_number = to_number(second);
     if (port_number > max_port) {
         return TAVRIX_ERR_INVALID_PORT;
@@ -433,7 +433,7 @@ int tavrix_port_str_create(const tavrix_port_list *list, int *cursor, char *out,
         const size_t length = format_port_item(list, *cursor, *cursor == start, item, sizeof item);
         ++*cursor;
         if (used + length > line_width) {
-            break; // shown on no line: the cursor has to move on, or a caller with a narrow line would never finish
+            break; // not shown at all: the cursor has to move on, or a caller with a narrow line would never finish
         }
         std::memcpy(out + used, item, length);
         used += length;
@@ -454,7 +454,7 @@ int tavrix_utils_sw_version_strcmp(const char *a, const char *b) {
     if (tavrix_check_for_null(2, a, b) != TAVRIX_OK) {
         return TAVRIX_ERR_NULL_INPUT;
     }
-    // The walk follows b's numbers; one that a lacks counts as 0.
+    // The comparison goes as far as b does; a number that a lacks counts as 0.
     VersionReader left(a);
     VersionReader right(b);
     do {
@@ -500,7 +500,7 @@ int strparse(const char *text, const char *stops, char *out) {
     const size_t length = std::strcspn(strparse_cursor, stop_set);
     std::memcpy(out, strparse_cursor, length);
     out[length] = '\0';
-    // The stop character is left to the next call: callers read there which one it was, as for "c12-5" and "c12/5".
+    // The stop character is left for the next call, where callers see which one it was, as in "c12-5" and "c12/5".
     const char *stop = strparse_cursor + length;
     strparse_cursor = *stop != '\0' ? stop : nullptr;
     return 0;
@@ -544,7 +544,7 @@ int tavrix_remove_surrounding_quotes(const char *text, char *out, size_t out_siz
     }
     std::memset(out, 0, out_size);
     const size_t length = std::strlen(text);
-    // The closing quote stays: callers see by it that the text was quoted, and take it off themselves.
+    // The closing quote stays: it tells callers that the text was quoted, and they remove it themselves.
     const size_t skipped = is_quoted(text, length) ? 1 : 0;
     std::memcpy(out, text + skipped, std::min(length - skipped, out_size));
     return TAVRIX_OK;
@@ -615,7 +615,7 @@ char *tavrix_file_stats(const char *path, const char *filter1, const char *filte
         return nullptr;
     }
     char command[stats_command_size] = "";
-    // A command that does not fit is not run: what is left of it could be another one.
+    // A command that does not fit is not run: cut short, it could do something else.
     const bool fits = append_stage(command, "ls -l %s", path) &&
                       (!is_set(filter1) || append_stage(command, " | grep %s", filter1)) &&
                       (!is_set(filter2) || append_stage(command, " | grep %s", filter2)) &&
@@ -716,7 +716,7 @@ void tavrix_debug_print_bytes(const void *bytes, int length, const char *title) 
     const unsigned char *byte = static_cast<const unsigned char *>(bytes);
     static_cast<void>(std::snprintf(text.get(), dump_size, "%s", title != nullptr ? title : ""));
     size_t used = std::strlen(text.get());
-    // Bytes that do not fit any more are left out.
+    // Bytes that no longer fit are left out.
     for (int i = 0; byte != nullptr && i < length && used + dump_item_size < dump_size; ++i) {
         const char *gap = i % 16 == 0 ? "\n" : (i % 8 == 0 ? "  " : "");
         used += static_cast<size_t>(std::snprintf(text.get() + used, dump_size - used, "%s%02hhX ", gap, byte[i]));

@@ -15,8 +15,8 @@
 
 #include "internal/log.h"
 #include "internal/tables.h"
+#include "internal/tavrix_validation_seam.h"
 #include "tavrix_utils.h"
-#include "tavrix_validation_internal.h"
 
 namespace {
 
@@ -91,7 +91,7 @@ static_assert(count_of(tavrix_vlan_mode_strings) == 1 + vlan_mode_option_count +
 // All 11 words, "unknown" too: a unit can be registered before its model is known.
 constexpr int mzu_model_count = 11;
 static_assert(count_of(tavrix_mzu_model_strings) == mzu_model_count + 1, "models, the end");
-// System accounts. "www-data" never passes the pattern and stays all the same: the list mirrors the appliance's own.
+// System accounts. "www-data" cannot pass the pattern anyway; it is here because the list mirrors the appliance's.
 constexpr const char *reserved_usernames[] = {"root",     "daemon", "bin",      "sys",       "sync", "mail",   "proxy",
                                               "www-data", "backup", "operator", "haldaemon", "dbus", "nobody", "sshd"};
 static_assert(count_of(reserved_usernames) == 14, "the reserved account names");
@@ -107,7 +107,7 @@ constexpr TextField text_fields[] = {
     pattern_field(mzu_id, "MZU ID", "Validating mzu id: %s\n", R"(^[cC]([1-9]|[1-9]\d|1[0-1]\d|12[0-8])$)"),
     pattern_field(mzu_sw_upgrade_filename, "MZU SW Upgrade Filename", "Validating sw upgrade filename: %s\n",
                   R"(^.*$)"),
-    // Announced like an MZU's file: log filters match it. Any character parts the digits: released files have several.
+    // Announced like an MZU's file: log filters match it. Any character may separate the digits: released files vary.
     pattern_field(unit_sw_upgrade_filename, "Unit SW Upgrade filename", "Validating sw upgrade filename: %s\n",
                   R"(^.*zqn.*\d.\d.\d-\d{3}.*)"),
     // No calendar: every month may have 31 days.
@@ -122,7 +122,7 @@ constexpr TextField text_fields[] = {
     bounded_field(mac_address, "MAC Address", "Validating mac address: %s\n", 17, 17,
                   R"(^((((\d|[A-Fa-f]){2}:){5})|(((\d|[A-Fa-f]){2}-){5}))(\d|[A-Fa-f]){2}$)"),
     bounded_field(description, "Description", "Validating description: %s\n", 0, 50, R"(^[^"]*$)"),
-    // In clear, at verbose level only: support sees there why a password is refused.
+    // In clear text, but only at verbose level: there support sees why a password is refused.
     bounded_field(password, "Password", "Validating password: %s\n", 4, 15, R"(^[a-zA-Z0-9!?_@-]{4,15}$)"),
     bounded_field(username, "Username", "Validating username: %s\n", 4, 15, R"(^[a-zA-Z0-9]{4,15}$)"),
     option_field(status, "Status", "Validating status: %s\n", status_options, count_of(status_options)),
@@ -160,14 +160,14 @@ static_assert(count_of(number_fields) == number_field_count && in_order(number_f
 
 // --- Patterns ------------------------------------------------------------------------------------------------------
 
-/** A compiled and studied pattern; studying may bring nothing, and the JIT is for kept patterns. */
+/** A compiled and studied pattern; studying may gain nothing, and only kept patterns use the JIT. */
 struct Pattern {
     pcre *code;
     pcre_extra *study;
     pcre_extra *jit;
 };
 
-/** Releases what a pattern holds; the hook sees the null of a failed compilation too. */
+/** Releases what a pattern holds; after a failed compilation that is null, which the functions accept. */
 struct ReleasePattern {
     void operator()(Pattern *pattern) const {
         pcre_free_study(pattern->jit);
@@ -181,9 +181,9 @@ struct FreePattern {
         std::free(pattern);
     }
 };
-/** A pattern for one call, in the caller's frame. */
+/** A pattern for one call, on the stack. */
 using ScopedPattern = std::unique_ptr<Pattern, ReleasePattern>;
-/** A pattern in memory of its own. */
+/** A pattern from malloc. */
 using OwnedPattern = std::unique_ptr<Pattern, FreePattern>;
 
 bool compile(const char *text, Pattern *pattern, const char **error) {
@@ -232,7 +232,7 @@ int classify(int rc, const char *value, const char *label) {
         LOG_ERROR("Error code received from pcre_exec: %d\n", rc);
         return TAVRIX_INVALID_ENGINE;
     }
-    LOG_DEBUG("Regex test passed.\n"); // 0 too: the vector was too small for all groups, still a match
+    LOG_DEBUG("Regex test passed.\n"); // even for 0, a match with more groups than the vector has room for
     return TAVRIX_VALID;
 }
 
@@ -256,7 +256,7 @@ int match_once(const char *text, const char *value, const char *label) {
 
 std::atomic<Pattern *> kept_patterns[text_field_count];
 
-/** The place of a field's own pattern, told by its address; null for any other. */
+/** The place of a field's own pattern, recognised by its address; null for any other. */
 std::atomic<Pattern *> *place_of(const char *text) {
     for (const TextField &field : text_fields) {
         if (field.pattern == text) {
@@ -279,7 +279,7 @@ OwnedPattern make_pattern(const char *text) {
 
 /**
  * The kept form of a field's own pattern, made on first use; null for any other pattern, and when it cannot be made:
- * compiling for the call then tells why. Threads may make it at the same time; one wins, the others drop theirs.
+ * compiling it for the call then logs why. Threads may make it at the same time; one wins, the others drop theirs.
  */
 const Pattern *find_kept(const char *text) {
     std::atomic<Pattern *> *place = place_of(text);
@@ -299,7 +299,7 @@ const Pattern *find_kept(const char *text) {
 
 // --- Fields, checked -----------------------------------------------------------------------------------------------
 
-// A null value is refused like a pattern that does not compile, without a line.
+// A null value gets the verdict of a pattern that does not compile, but no log line.
 
 int check_text(TextFieldId id, const char *value) {
     const TextField &field = text_fields[id];

@@ -1,6 +1,6 @@
 /**
- * Owners for every kind of resource the library holds: each releases on scope exit, `release()` stands on the line
- * that hands the resource over.
+ * Owners for every kind of resource the library holds. Each releases its resource at the end of its scope; `release()`
+ * is called where the resource is handed over.
  */
 #ifndef TAVRIX_INTERNAL_HANDLES_H
 #define TAVRIX_INTERNAL_HANDLES_H
@@ -49,33 +49,66 @@ struct CloseConnection {
 };
 using Connection = std::unique_ptr<sqlite3, CloseConnection>;
 
-/** A file descriptor, -1 when it holds none. */
-class Descriptor {
+/**
+ * The place where a C function stores a resource: `call(into(owner))`. After the call the owner holds what was stored,
+ * whatever the status, and has released what it held before.
+ */
+template <class Owner>
+class Place {
   public:
-    Descriptor() = default;
-    explicit Descriptor(int fd) : fd_(fd) {}
-    Descriptor(Descriptor &&other) noexcept : fd_(other.release()) {}
-    Descriptor &operator=(Descriptor &&other) noexcept {
+    explicit Place(Owner &owner) : owner_(owner) {}
+    Place(const Place &) = delete;
+    Place &operator=(const Place &) = delete;
+    ~Place() { owner_.reset(stored_); }
+
+    operator typename Owner::pointer *() { return &stored_; }
+
+  private:
+    Owner &owner_;
+    typename Owner::pointer stored_ = nullptr;
+};
+
+template <class Owner>
+Place<Owner> into(Owner &owner) {
+    return Place<Owner>(owner);
+}
+
+/** A number that stands for something open, -1 for none; `Close` closes it at the end. */
+template <class Close>
+class Handle {
+  public:
+    Handle() = default;
+    explicit Handle(int number) : number_(number) {}
+    Handle(Handle &&other) noexcept : number_(other.release()) {}
+    Handle &operator=(Handle &&other) noexcept {
         reset(other.release());
         return *this;
     }
-    Descriptor(const Descriptor &) = delete;
-    Descriptor &operator=(const Descriptor &) = delete;
-    ~Descriptor() { reset(); }
+    Handle(const Handle &) = delete;
+    Handle &operator=(const Handle &) = delete;
+    ~Handle() { reset(); }
 
-    int get() const { return fd_; }
-    explicit operator bool() const { return fd_ >= 0; }
-    int release() { return std::exchange(fd_, -1); }
-    void reset(int fd = -1) {
-        const int old = std::exchange(fd_, fd);
+    int get() const { return number_; }
+    explicit operator bool() const { return number_ >= 0; }
+    int release() { return std::exchange(number_, -1); }
+    void reset(int number = -1) {
+        const int old = std::exchange(number_, number);
         if (old >= 0) {
-            static_cast<void>(::close(old));
+            Close()(old);
         }
     }
+    /** For C functions that take a handle by its place, or store one there. */
+    int *place() { return &number_; }
+    const int *place() const { return &number_; }
 
   private:
-    int fd_ = -1;
+    int number_ = -1;
 };
+
+struct CloseDescriptor {
+    void operator()(int fd) const { static_cast<void>(::close(fd)); }
+};
+using Descriptor = Handle<CloseDescriptor>;
 
 } // namespace tavrix
 

@@ -2,12 +2,12 @@
  * One macro per log level, for the library's own units.
  *
  * A unit defines `unit_name` before it logs: `constexpr char unit_name[] = "tavrix_mq";`. The line number is the
- * caller's. The debug and verbose macros evaluate their arguments only when the level is on, so nothing that only a
- * chatty line needs is computed in normal running.
+ * caller's. The debug and verbose macros evaluate their arguments only when the level is on, so that a line nobody sees
+ * costs nothing.
  *
- * The appliances in the field have log filters and scripts that match the lines: by level, by the function's name in
- * brackets, by their words. So a line that was once worded wrongly, or carries another function's name, stays as it is;
- * a remark beside it ("log filters match it") keeps the next reader from correcting it.
+ * The appliances in the field have log filters and scripts that match the lines by their level, their words and the
+ * function's name in brackets. So a line that was once worded wrongly, or that carries another function's name, stays
+ * as it is; a remark beside it ("log filters match it") keeps the next reader from correcting it.
  */
 #ifndef TAVRIX_INTERNAL_LOG_H
 #define TAVRIX_INTERNAL_LOG_H

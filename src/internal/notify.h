@@ -15,7 +15,7 @@
 
 namespace tavrix {
 
-/** Where the service manager waits for the notice; null when nobody does. */
+/** Where the service manager waits for the notice; null if it does not. */
 inline const char *ready_notice_address() {
     const char *path = std::getenv("NOTIFY_SOCKET");
     const size_t length = path != nullptr ? std::strlen(path) : 0;
@@ -23,7 +23,7 @@ inline const char *ready_notice_address() {
     return usable ? path : nullptr;
 }
 
-/** False, with errno, when the notice did not get there. */
+/** False, with errno set, when the notice could not be sent. */
 inline bool send_ready_notice(const char *path) {
     constexpr char ready[] = "READY=1";
     const size_t length = std::strlen(path);

@@ -1,5 +1,5 @@
 /**
- * Checks of the units' tables at compile time.
+ * Compile-time checks of the units' tables.
  */
 #ifndef TAVRIX_INTERNAL_TABLES_H
 #define TAVRIX_INTERNAL_TABLES_H

@@ -1,9 +1,9 @@
 /**
- * What nanomsg's topic trees hold, kept beside them.
+ * A record of what is in nanomsg's topic trees.
  *
- * nanomsg cannot be asked for its topics, and must not be asked to remove one that has no node of its own in the
- * socket's tree: it takes another topic away, or ends the process. A topic has a node while it is subscribed, and while
- * longer ones go on from it with two bytes or more.
+ * nanomsg cannot list its topics, and must not be asked to remove one that has no node of its own in the socket's tree:
+ * it would remove another topic, or crash. A topic has a node while it is subscribed, and while longer topics continue
+ * it with at least two different bytes.
  */
 #ifndef TAVRIX_INTERNAL_TOPICS_H
 #define TAVRIX_INTERNAL_TOPICS_H
@@ -18,28 +18,28 @@
 
 namespace tavrix {
 
-/** A topic of a socket, by its text. */
+/** A topic of a socket, identified by its text. */
 struct TopicName {
     int sock;
     const char *text;
     size_t length;
 };
 
-/** A topic that is subscribed; its text follows it in memory. */
+/** A subscribed topic; its text follows it in memory. */
 struct Topic {
     Topic *next;
     size_t length;
     int sock;
-    unsigned count; ///< how often
+    unsigned count; ///< how often it is subscribed
 
     char *text() { return reinterpret_cast<char *>(this + 1); }
     const char *text() const { return reinterpret_cast<const char *>(this + 1); }
     TopicName name() const { return {sock, text(), length}; }
-    /** Whether it begins with the named topic, and is of the same socket. */
+    /** Whether it begins with the named topic and belongs to the same socket. */
     bool begins_with(const TopicName &name) const {
         return sock == name.sock && length >= name.length && std::memcmp(text(), name.text, name.length) == 0;
     }
-    /** Whether the named topic is a longer one that begins with it. */
+    /** Whether the named topic is longer and begins with this one. */
     bool begins(const TopicName &name) const {
         return sock == name.sock && length < name.length && std::memcmp(text(), name.text, length) == 0;
     }
@@ -47,7 +47,7 @@ struct Topic {
 
 using OwnedTopic = std::unique_ptr<Topic, FreeMemory>;
 
-/** A topic that is subscribed once; null without memory. */
+/** A topic that is subscribed once; null when memory runs out. */
 inline OwnedTopic make_topic(const TopicName &name) {
     OwnedTopic topic(static_cast<Topic *>(std::malloc(sizeof(Topic) + name.length)));
     if (topic) {
@@ -57,7 +57,7 @@ inline OwnedTopic make_topic(const TopicName &name) {
     return topic;
 }
 
-/** The bytes by which the longer topics go on from one, at one node of the tree. */
+/** The bytes with which longer topics continue a topic, at one node of the tree. */
 struct Branches {
     bool taken[256] = {};
     unsigned count = 0;
@@ -88,7 +88,7 @@ class Topics {
     /** Whether nanomsg's tree has a node for exactly this topic. */
     bool has_node(const TopicName &name) { return *find(name) != nullptr || branches_after(name).count >= 2; }
 
-    /** One more subscription, as nanomsg has made it. */
+    /** Records a subscription that nanomsg has made. */
     void add(OwnedTopic topic) {
         const TopicName name = topic->name();
         lose_where_nanomsg_does(name);
@@ -101,7 +101,7 @@ class Topics {
         first_ = topic.release();
     }
 
-    /** One subscription less, as nanomsg has removed it. */
+    /** Records that nanomsg has removed a subscription. */
     void remove(const TopicName &name) {
         Topic **place = find(name);
         if (*place != nullptr && --(*place)->count == 0) {
@@ -115,7 +115,7 @@ class Topics {
     }
 
   private:
-    /** Where the list names the topic, or its end. */
+    /** The place of the topic in the list, or the end of the list. */
     Topic **find(const TopicName &name) {
         Topic **place = &first_;
         while (*place != nullptr && !((*place)->length == name.length && (*place)->begins_with(name))) {
@@ -136,7 +136,7 @@ class Topics {
 
     /**
      * Whenever a node of nanomsg's tree grows from eight branches to nine, or shrinks back to eight, its own topic is
-     * lost. So a topic is lost with the coming, or the going, of a longer one that is alone in its branch beside eight.
+     * lost: that is when a longer topic comes or goes that is alone in its branch and has eight branches beside it.
      */
     void lose_where_nanomsg_does(const TopicName &longer) {
         drop_if([this, &longer](const Topic &topic) {

@@ -11,10 +11,10 @@
 #include <unistd.h>
 
 #include "faults.h"
+#include "internal/tavrix_jrpc_seam.h"
 #include "support/bus.h"
 #include "support/log_capture.h"
 #include "support/stream.h"
-#include "tavrix_jrpc_internal.h"
 #include "tavrix_mq.h"
 
 using fault::each_failure;

@@ -11,11 +11,11 @@
 #include <jansson.h>
 #include <unistd.h>
 
+#include "internal/tavrix_jrpc_seam.h"
 #include "support/bus.h"
 #include "support/log_capture.h"
 #include "support/stream.h"
 #include "tavrix_jrpc.h"
-#include "tavrix_jrpc_internal.h"
 #include "tavrix_mq.h"
 
 using support::BusSocket;

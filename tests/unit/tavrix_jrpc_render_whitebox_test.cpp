@@ -5,10 +5,10 @@
 
 #include <gtest/gtest.h>
 
+#include "internal/tavrix_jrpc_seam.h"
 #include "support/bus.h"
 #include "support/log_capture.h"
 #include "tavrix_jrpc.h"
-#include "tavrix_jrpc_internal.h"
 #include "tavrix_mq.h"
 
 namespace {

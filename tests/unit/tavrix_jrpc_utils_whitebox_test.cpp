@@ -1,7 +1,7 @@
 /*
  * The builders of the debug message, and the parameter readers without memory.
  */
-#include "tavrix_jrpc_utils_internal.h"
+#include "internal/tavrix_jrpc_utils_seam.h"
 
 #include <cstdlib>
 #include <string>

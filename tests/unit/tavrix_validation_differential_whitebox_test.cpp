@@ -8,11 +8,11 @@
 #include <gtest/gtest.h>
 #include <pcre.h>
 
+#include "internal/tavrix_validation_seam.h"
 #include "support/log_capture.h"
 #include "support/mutation.h"
 #include "support/pattern_fields.h"
 #include "tavrix_validation.h"
-#include "tavrix_validation_internal.h"
 
 using support::LogCapture;
 using support::Mutator;

@@ -1,7 +1,7 @@
 /*
  * The four checking primitives: verdicts, lines, and what they ask of the pattern library.
  */
-#include "tavrix_validation_internal.h"
+#include "internal/tavrix_validation_seam.h"
 
 #include <cstdlib>
 #include <string>

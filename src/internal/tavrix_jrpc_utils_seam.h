@@ -1,11 +1,11 @@
 /**
  * The debug-message builders of tavrix_jrpc_utils, for its white-box tests.
  *
- * Both store {"message": text} in the slot unless it holds an object already, and return 0, or -30 when the object
- * cannot be made, or -20 when the slot's address is null.
+ * Both store {"message": text} at `debug_message` unless there is an object already, and return 0;
+ * TAVRIX_ERR_JSON_RESPONSE when the object cannot be made; TAVRIX_ERR_NULL_INPUT for a null address.
  */
-#ifndef TAVRIX_JRPC_UTILS_INTERNAL_H
-#define TAVRIX_JRPC_UTILS_INTERNAL_H
+#ifndef TAVRIX_INTERNAL_JRPC_UTILS_SEAM_H
+#define TAVRIX_INTERNAL_JRPC_UTILS_SEAM_H
 
 #include <jansson.h>
 

@@ -254,6 +254,39 @@ TEST_F(RouterLimits, AnswersABatchThatTakesSeveralTurnsAndWhatComesBehindIt) {
     EXPECT_TRUE(client.gets_closed());
 }
 
+/**
+ * A service is read whether or not its user has time left, so it comes back to a list in which it stands already: the
+ * list has each client once, and none that has gone.
+ */
+TEST_F(RouterLimits, ForgetsAServiceThatGoesWhileItWaitsForItsTurn) {
+    start();
+    const auto lines_of = [](const std::string &line, int count) {
+        std::string lines;
+        for (int i = 0; i < count; ++i) {
+            lines += line + "\n";
+        }
+        return lines;
+    };
+    std::vector<SessionClient> same_user(5);
+    for (SessionClient &session : same_user) {
+        EXPECT_EQ(member(session.ask(request("router.Status", "1")), "id"), "1");
+    }
+    DirectService service;
+    fleet.router->signal(SIGSTOP);
+    for (SessionClient &session : same_user) {
+        session.say_bytes(lines_of("1", 4000)); // several turns of work for each
+    }
+    service.say_bytes(lines_of("{}", 20000)); // as well, without an answer that would tell at once that it has gone
+    service.close();
+    fleet.router->signal(SIGCONT);
+    for (SessionClient &session : same_user) {
+        for (int i = 0; i < 4000; ++i) {
+            ASSERT_EQ(code_of(session.hear()), "-32600") << fleet.router->log();
+        }
+    }
+    EXPECT_EQ(status_of(fleet, "discarded"), "20000");
+}
+
 TEST_F(RouterFairness, BoundsWhatTheSessionsOfOneUserLeaveUnread) {
     start();
     const std::string question = request("rpc.discover", "1") + "\n";

@@ -86,6 +86,20 @@ class RouterLimits : public testing::Test {
         return member(client.hear(), "result") == number;
     }
 
+    /** Each by a client of its own; they keep the router at work for a while. */
+    std::vector<StreamClient> send_costly_requests() const {
+        std::string values = "[]";
+        while (values.size() < 8000) {
+            values += ",[]";
+        }
+        std::vector<StreamClient> clients;
+        for (int i = 0; i < 100; ++i) {
+            clients.push_back(fleet.connect());
+            clients.back().say(request("router.Status", "1", ",\"params\":{\"values\":[" + values + "]}"));
+        }
+        return clients;
+    }
+
     /** Of the router, user's and system's. */
     long processor_ticks() const {
         std::istringstream fields(support::read_file("/proc/" + std::to_string(fleet.router->pid()) + "/stat"));
@@ -235,6 +249,35 @@ TEST_F(RouterFairness, ServesOneUserBeforeAllThatAnotherHasAsked) {
         EXPECT_TRUE(support::wait_until([&] { // but it is, in the end
             return std::stoi(status_of(fleet, "refused")) == sessions * flood.requests;
         })) << status_of(fleet, "refused");
+    }
+}
+
+TEST_F(RouterFairness, AnswersAOneShotClientBeforeAllThatAnotherUserHasSent) {
+    start();
+    fleet.router->signal(SIGSTOP);
+    std::vector<StreamClient> flood;
+    {
+        const Stranger stranger;
+        flood = send_costly_requests();
+    }
+    const StreamClient good = fleet.connect();
+    good.say(request("router.Status", "1"));
+    fleet.router->signal(SIGCONT);
+    const size_t left = std::stoul(member(member(good.hear(), "result"), "clients"));
+    EXPECT_GT(left, flood.size() / 2) << "the flood had not been served when the good one was";
+    for (const StreamClient &client : flood) { // but it is, in the end
+        EXPECT_EQ(member(client.hear(), "id"), "\"router.Status\"");
+    }
+}
+
+TEST_F(RouterLimits, TakesTheTimeThatAOneShotClientWaitsForItsTurnAsItsOwn) {
+    start({"--client-timeout", "1"});
+    fleet.router->signal(SIGSTOP);
+    const std::vector<StreamClient> clients = send_costly_requests();
+    fleet.router->signal(SIGCONT);
+    for (const StreamClient &client : clients) {
+        const std::string answer = client.hear();
+        EXPECT_EQ(member(answer, "id"), "\"router.Status\"") << answer;
     }
 }
 

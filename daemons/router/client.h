@@ -44,7 +44,7 @@ class Client {
     virtual bool gets_own_id() const = 0;
     /** Takes what has come, as far as its user's time goes. */
     virtual void take_turn() = 0;
-    /** Whether its user's time is not what it uses. */
+    /** Whether it has a turn's time of its own, beside its user's. */
     virtual bool has_own_time() const { return false; }
 
     /** Ends the connection. The object goes at the end of the turn, since its own functions may be running. */

@@ -25,10 +25,9 @@ bool may_become_an_object(std::string_view beginning) {
 
 } // namespace
 
-bool OneShot::start() {
+void OneShot::start() {
     deadline_.take(router_.client_deadlines(), *this);
     router_.wait_for_turn(*this);
-    return true;
 }
 
 void OneShot::take_turn() {

@@ -16,7 +16,7 @@ class OneShot final : public Client {
     OneShot(Router &router, int descriptor, Peer who) : Client(router, descriptor, std::move(who)) {}
 
     /** Waits for its first turn; others are accepted meanwhile. */
-    bool start();
+    void start();
     /** The time for asking, or for taking the answer, is over; or the one after which its going is watched for. */
     void time_out();
 

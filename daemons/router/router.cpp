@@ -232,9 +232,7 @@ void Router::admit(int descriptor, Road road) {
             if constexpr (std::is_same_v<Kind, Session>) {
                 sessions_.push_back(client);
             }
-            if (!client->start()) {
-                client->close();
-            }
+            client->start();
         });
     });
 }

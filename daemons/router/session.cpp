@@ -32,11 +32,13 @@ std::array<char, max_line> shared_bytes;
 
 } // namespace
 
-bool Session::start() {
+void Session::start() {
     readable_.reset(event_new(router_.base(), descriptor_, EV_READ | EV_PERSIST, on_readable, this));
     writable_.reset(event_new(router_.base(), descriptor_, EV_WRITE, on_writable, this));
     out_.reset(evbuffer_new());
-    return readable_ && writable_ && out_ && event_add(readable_.get(), nullptr) == 0;
+    if (!readable_ || !writable_ || !out_ || event_add(readable_.get(), nullptr) != 0) {
+        close();
+    }
 }
 
 void Session::on_readable(evutil_socket_t /*descriptor*/, short /*what*/, void *context) {

@@ -18,8 +18,8 @@ class Session final : public Client {
   public:
     Session(Router &router, int descriptor, Peer who) : Client(router, descriptor, std::move(who)) {}
 
-    /** Begins to read; false when the session cannot be watched. */
-    bool start();
+    /** Begins to read; closes the session when it cannot be watched. */
+    void start();
 
     void answer_text(std::string_view text, const BatchPlace &batch) override;
     void refuse_notification(const std::string &method, const BatchPlace &batch) override;

@@ -196,7 +196,9 @@ int Database::read_rows(const std::string &sql, TakeRow take) {
 
 /**
  * The lock for writing is taken at once, which the layer's own begin leaves to the first change: from here on nothing
- * but the commit, which lets readers finish, has to wait for another process, and what is read first stays true.
+ * but the commit, which lets readers finish, has to wait for another process, and what is read first stays true. So the
+ * layer's own execution, which would sleep in this loop until a lock has gone, meets none in between: a statement whose
+ * pages a reader keeps from the file leaves them in memory.
  */
 template <class Change>
 int Database::change(const Selection &selection, Change carry_out) {

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "client.h"
+
 namespace router {
 
 int64_t account_of(const Peer &peer) { return peer.known ? static_cast<int64_t>(peer.user) : -1; }
@@ -48,14 +50,14 @@ void Turns::use(const std::shared_ptr<Account> &account, daemon_support::Clock::
     account->used += time;
 }
 
-void Turns::wait(const std::shared_ptr<Account> &account, Session &session) {
-    note(account);
-    account->waiting.push_back(&session);
+void Turns::wait(Client &client) {
+    note(client.account);
+    client.account->waiting.push_back(&client);
 }
 
-void Turns::leave(Account &account, const Session &session) {
-    std::deque<Session *> &waiting = account.waiting;
-    waiting.erase(std::remove(waiting.begin(), waiting.end(), &session), waiting.end());
+void Turns::leave(const Client &client) {
+    std::deque<Client *> &waiting = client.account->waiting;
+    waiting.erase(std::remove(waiting.begin(), waiting.end(), &client), waiting.end());
 }
 
 } // namespace router

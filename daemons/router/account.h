@@ -16,7 +16,7 @@
 
 namespace router {
 
-class Session;
+class Client;
 
 constexpr std::chrono::milliseconds time_per_turn{1};
 
@@ -33,16 +33,16 @@ using Shares = std::map<int64_t, size_t>;
 bool has_room(const Shares &shares, int64_t account, size_t total, size_t most);
 void drop_one(Shares &shares, int64_t account);
 
-/** What the sessions of one user have together. */
+/** What the clients of one user have together. */
 struct Account {
     size_t unread = 0;                       ///< bytes that wait in the router because they are not read
     daemon_support::Clock::duration used{0}; ///< of this turn of the loop
-    std::deque<Session *> waiting;           ///< for the next turn, since this one's time is used up
+    std::deque<Client *> waiting;            ///< for the next turn, since this one's time is used up
     bool is_noted = false;                   ///< among those whose turn is to end
 };
 
 /**
- * Who has how much of a turn of the loop. A user whose part is used up waits for the next turn, and his sessions are
+ * Who has how much of a turn of the loop. A user whose part is used up waits for the next turn, and his clients are
  * served in the order in which they came: who asks for much delays himself.
  */
 class Turns {
@@ -50,8 +50,8 @@ class Turns {
     /** Whether the account has time left when this much more of it is used. */
     static bool has_time(const Account &account, daemon_support::Clock::duration more = {});
     void use(const std::shared_ptr<Account> &account, daemon_support::Clock::duration time);
-    void wait(const std::shared_ptr<Account> &account, Session &session);
-    static void leave(Account &account, const Session &session);
+    void wait(Client &client);
+    static void leave(const Client &client);
 
     /** Begins the next turn with those who have waited, as far as the time goes; true when some wait on. */
     template <class Serve>
@@ -64,9 +64,9 @@ class Turns {
             // Once each: a service, whose time is its own, may wait again at once.
             for (size_t left = account->waiting.size(); left > 0 && !account->waiting.empty() && has_time(*account);
                  --left) {
-                Session *session = account->waiting.front();
+                Client *client = account->waiting.front();
                 account->waiting.pop_front();
-                serve(*session);
+                serve(*client);
             }
         }
         return forget_the_idle();

@@ -9,7 +9,7 @@
 namespace router {
 
 Client::Client(Router &router, int descriptor, Peer who)
-    : peer(std::move(who)), router_(router), descriptor_(descriptor) {}
+    : peer(std::move(who)), account(router.account_for(peer)), router_(router), descriptor_(descriptor) {}
 
 Client::~Client() {
     if (!is_closed()) {

@@ -8,6 +8,7 @@
 #include <memory>
 #include <string>
 
+#include "account.h"
 #include "common/loop.h"
 #include "message.h"
 #include "policy.h"
@@ -41,12 +42,18 @@ class Client {
     virtual void refuse_notification(const std::string &method, const BatchPlace &batch) = 0;
     /** Whether its answers carry its own "id": old clients know the method's name there. */
     virtual bool gets_own_id() const = 0;
+    /** Takes what has come, as far as its user's time goes. */
+    virtual void take_turn() = 0;
+    /** Whether it has a turn's time of its own, beside its user's. */
+    virtual bool has_own_time() const { return false; }
 
     /** Ends the connection. The object goes at the end of the turn, since its own functions may be running. */
     void close();
     bool is_closed() const { return descriptor_ < 0; }
 
     const Peer peer;
+    const std::shared_ptr<Account> account;
+    bool is_waiting = false; ///< for its next turn
     std::list<Call *> calls; ///< in flight
     std::list<std::unique_ptr<Client>>::iterator place;
 

@@ -18,7 +18,7 @@ using std::chrono::milliseconds;
 
 constexpr char unit_name[] = "listener";
 constexpr int clients_per_turn = 32;
-constexpr milliseconds time_per_turn{1}; // what they ask is often answered as they are accepted
+constexpr milliseconds time_per_turn{1};
 constexpr milliseconds pause_time{100};
 constexpr milliseconds tcp_attempt_interval{1000};
 

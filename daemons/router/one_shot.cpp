@@ -25,17 +25,27 @@ bool may_become_an_object(std::string_view beginning) {
 
 } // namespace
 
-bool OneShot::start() {
+void OneShot::start() {
     deadline_.take(router_.client_deadlines(), *this);
-    read_request();
+    router_.wait_for_turn(*this);
+}
+
+void OneShot::take_turn() {
+    if (state_ == State::reading) {
+        read_request();
+    }
     if (is_closed()) {
-        return true; // answered already: most clients send their request before they are accepted
+        return; // answered already: most clients send their request before they are accepted
     }
-    if (state_ == State::waiting && !half_closed_) {
+    if (readable_ != nullptr) {
+        if (state_ != State::reading) {
+            watch_for_hang_up(); // it may have come with the request, and is not told again
+        }
+    } else if (state_ == State::waiting && !half_closed_) {
         deadline_.take(router_.patience(), *this); // most are answered before anybody has to look whether they go
-        return true;
+    } else if (!watch()) {
+        close();
     }
-    return watch();
 }
 
 bool OneShot::watch() {
@@ -46,14 +56,7 @@ bool OneShot::watch() {
 
 void OneShot::on_readable(evutil_socket_t /*descriptor*/, short /*what*/, void *context) {
     auto *self = static_cast<OneShot *>(context);
-    self->router_.guard(self, [self] {
-        if (self->state_ == State::reading) {
-            self->read_request();
-        }
-        if (!self->is_closed() && self->state_ != State::reading) {
-            self->watch_for_hang_up(); // it may have come with the request, and is not told again
-        }
-    });
+    self->router_.serve(*self);
 }
 
 void OneShot::on_writable(evutil_socket_t /*descriptor*/, short /*what*/, void *context) {
@@ -83,6 +86,10 @@ void OneShot::time_out() {
     if (state_ == State::writing) {
         LOG_FOREIGN("A client did not take its answer\n");
         close();
+        return;
+    }
+    if (is_waiting) { // for its turn: it is the router that takes its time
+        deadline_.take(router_.client_deadlines(), *this);
         return;
     }
     LOG_FOREIGN("A client said nothing in time\n");

@@ -15,14 +15,15 @@ class OneShot final : public Client {
   public:
     OneShot(Router &router, int descriptor, Peer who) : Client(router, descriptor, std::move(who)) {}
 
-    /** Begins to read; false when the client cannot be watched. */
-    bool start();
+    /** Waits for its first turn; others are accepted meanwhile. */
+    void start();
     /** The time for asking, or for taking the answer, is over; or the one after which its going is watched for. */
     void time_out();
 
     void answer_text(std::string_view text, const BatchPlace &batch) override;
     void refuse_notification(const std::string &method, const BatchPlace &batch) override;
     bool gets_own_id() const override { return false; }
+    void take_turn() override;
 
   private:
     enum class State { reading, waiting, writing };

@@ -232,9 +232,7 @@ void Router::admit(int descriptor, Road road) {
             if constexpr (std::is_same_v<Kind, Session>) {
                 sessions_.push_back(client);
             }
-            if (!client->start()) {
-                client->close();
-            }
+            client->start();
         });
     });
 }
@@ -261,6 +259,7 @@ void Router::out_of_memory(Client *client) {
 /** The client's connection is closed: what it has asked is nobody's any more. */
 void Router::bury(Client &client) {
     drop_one(users_, account_of(client.peer));
+    Turns::leave(client);
     while (!client.calls.empty()) {
         Call &call = *client.calls.front();
         guard(nullptr, [&] {
@@ -275,7 +274,6 @@ void Router::bury(Client &client) {
 
 void Router::on_session_end(Session &session) {
     sessions_.remove(&session);
-    Turns::leave(*session.account, session);
     if (session.service != nullptr) {
         Service &service = *session.service;
         session.service = nullptr;
@@ -304,41 +302,40 @@ std::shared_ptr<Account> Router::account_for(const Peer &peer) {
     return account;
 }
 
-void Router::serve_now(Session &session) {
-    guard(&session, [&] {
-        session.is_waiting = false;
+void Router::serve_now(Client &client) {
+    guard(&client, [&] {
+        client.is_waiting = false;
         serving_since_ = Clock::now();
-        session.read();
-        if (session.service == nullptr) {
-            turns_.use(session.account, Clock::now() - serving_since_);
+        client.take_turn();
+        if (!client.has_own_time()) {
+            turns_.use(client.account, Clock::now() - serving_since_);
         }
         end_turn();
     });
 }
 
-void Router::serve(Session &session) {
-    const Account &account = *session.account;
-    if (session.is_waiting) { // in the list once
+void Router::serve(Client &client) {
+    const Account &account = *client.account;
+    if (client.is_waiting) { // in the list once
         end_turn();
-    } else if (session.service != nullptr || (account.waiting.empty() && Turns::has_time(account))) {
-        serve_now(session); // a service's replies are others' answers: they do not wait for its user's time
+    } else if (client.has_own_time() || (account.waiting.empty() && Turns::has_time(account))) {
+        serve_now(client);
     } else {
-        guard(&session, [&] { wait_for_turn(session); });
+        guard(&client, [&] { wait_for_turn(client); });
     }
 }
 
-void Router::wait_for_turn(Session &session) {
-    if (!session.is_waiting) {
-        turns_.wait(session.account, session);
-        session.is_waiting = true;
+void Router::wait_for_turn(Client &client) {
+    if (!client.is_waiting) {
+        turns_.wait(client);
+        client.is_waiting = true;
     }
     end_turn();
 }
 
-/** A service has a turn's time of its own: its replies are others' answers. */
-bool Router::is_turn_over(const Session &session) const {
+bool Router::is_turn_over(const Client &client) const {
     const auto used = Clock::now() - serving_since_;
-    return session.service != nullptr ? used >= time_per_turn : !Turns::has_time(*session.account, used);
+    return client.has_own_time() ? used >= time_per_turn : !Turns::has_time(*client.account, used);
 }
 
 void Router::end_turn() {
@@ -351,7 +348,7 @@ void Router::end_turn() {
 void Router::on_turn_end(evutil_socket_t /*descriptor*/, short /*what*/, void *context) {
     auto *self = static_cast<Router *>(context);
     self->is_turn_ending_ = true;
-    const bool is_any_waiting = self->turns_.begin([self](Session &session) { self->serve_now(session); });
+    const bool is_any_waiting = self->turns_.begin([self](Client &client) { self->serve_now(client); });
     for (size_t i = 0; i < self->to_flush_.size(); ++i) { // a flush that ends a session may write to others
         Session *session = self->to_flush_[i];
         session->is_to_flush = false;

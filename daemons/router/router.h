@@ -70,13 +70,13 @@ class Router {
     void bury(Client &client);
     void on_session_end(Session &session);
     void flush_later(Session &session);
-    /** Of the session's user; shared by all his sessions. */
+    /** Of the client's user; shared by all his clients. */
     std::shared_ptr<Account> account_for(const Peer &peer);
-    /** Serves the session now or, when its user's part of this turn is used up, in the next. */
-    void serve(Session &session);
-    /** Remembers a session that has more to do than its turn had time for. */
-    void wait_for_turn(Session &session);
-    bool is_turn_over(const Session &session) const;
+    /** Serves the client now or, when its user's part of this turn is used up, in the next. */
+    void serve(Client &client);
+    /** Remembers a client that has more to do than its turn had time for. */
+    void wait_for_turn(Client &client);
+    bool is_turn_over(const Client &client) const;
     void count_refused() { ++statistics_.refused; }
     void count_dropped() { ++statistics_.dropped; }
     /** Runs what a client's event is for; without memory for it the client is closed, and nobody else notices. */
@@ -130,7 +130,7 @@ class Router {
     // Clients
     template <class Kind>
     void admit(int descriptor, Road road);
-    void serve_now(Session &session);
+    void serve_now(Client &client);
     void end_turn();
     void turn_away(int descriptor, Road road);
     void out_of_memory(Client *client);
@@ -215,7 +215,7 @@ class Router {
     std::list<std::unique_ptr<Client>> clients_;
     std::list<std::unique_ptr<Client>> graveyard_;
     Shares users_;                                       ///< how many clients, by whom
-    std::map<int64_t, std::weak_ptr<Account>> accounts_; ///< of those who have sessions
+    std::map<int64_t, std::weak_ptr<Account>> accounts_; ///< of those who are connected
     Turns turns_;
     daemon_support::Clock::time_point serving_since_;
     bool is_turn_ending_ = false;

@@ -32,14 +32,13 @@ std::array<char, max_line> shared_bytes;
 
 } // namespace
 
-Session::Session(Router &router, int descriptor, Peer who)
-    : Client(router, descriptor, std::move(who)), account(router.account_for(peer)) {}
-
-bool Session::start() {
+void Session::start() {
     readable_.reset(event_new(router_.base(), descriptor_, EV_READ | EV_PERSIST, on_readable, this));
     writable_.reset(event_new(router_.base(), descriptor_, EV_WRITE, on_writable, this));
     out_.reset(evbuffer_new());
-    return readable_ && writable_ && out_ && event_add(readable_.get(), nullptr) == 0;
+    if (!readable_ || !writable_ || !out_ || event_add(readable_.get(), nullptr) != 0) {
+        close();
+    }
 }
 
 void Session::on_readable(evutil_socket_t /*descriptor*/, short /*what*/, void *context) {
@@ -67,7 +66,7 @@ void Session::on_close() {
 bool Session::is_turn_over() const { return router_.is_turn_over(*this); }
 
 /** One read in each turn: a session that floods the router waits for its next turn like all others. */
-void Session::read() {
+void Session::take_turn() {
     if (batch_ != nullptr) {
         go_on_with_batch();
     }

@@ -8,7 +8,6 @@
 #include <string_view>
 #include <vector>
 
-#include "account.h"
 #include "client.h"
 
 namespace router {
@@ -17,16 +16,17 @@ constexpr size_t max_unread = size_t{8} * 1024 * 1024; ///< bytes of replies or 
 
 class Session final : public Client {
   public:
-    Session(Router &router, int descriptor, Peer who);
+    Session(Router &router, int descriptor, Peer who) : Client(router, descriptor, std::move(who)) {}
 
-    /** Begins to read; false when the session cannot be watched. */
-    bool start();
-    /** Takes what has come, as far as its user's time goes. */
-    void read();
+    /** Begins to read; closes the session when it cannot be watched. */
+    void start();
 
     void answer_text(std::string_view text, const BatchPlace &batch) override;
     void refuse_notification(const std::string &method, const BatchPlace &batch) override;
     bool gets_own_id() const override { return true; }
+    void take_turn() override;
+    /** A service's replies are others' answers: they do not wait for its user's time. */
+    bool has_own_time() const override { return service != nullptr; }
 
     /** Whether the service reads what it is sent. */
     bool takes_requests() { return !has_unread_beyond(max_unread); }
@@ -41,8 +41,6 @@ class Session final : public Client {
     std::vector<std::string> subscribed;
     std::vector<std::string> monitored;
     bool is_to_flush = false;
-    bool is_waiting = false; ///< for its next turn
-    const std::shared_ptr<Account> account;
 
   private:
     static void on_readable(evutil_socket_t descriptor, short what, void *context);

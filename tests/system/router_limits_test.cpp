@@ -86,6 +86,20 @@ class RouterLimits : public testing::Test {
         return member(client.hear(), "result") == number;
     }
 
+    /** Each by a client of its own; they keep the router at work for a while. */
+    std::vector<StreamClient> send_costly_requests() const {
+        std::string values = "[]";
+        while (values.size() < 8000) {
+            values += ",[]";
+        }
+        std::vector<StreamClient> clients;
+        for (int i = 0; i < 100; ++i) {
+            clients.push_back(fleet.connect());
+            clients.back().say(request("router.Status", "1", ",\"params\":{\"values\":[" + values + "]}"));
+        }
+        return clients;
+    }
+
     /** Of the router, user's and system's. */
     long processor_ticks() const {
         std::istringstream fields(support::read_file("/proc/" + std::to_string(fleet.router->pid()) + "/stat"));
@@ -238,6 +252,35 @@ TEST_F(RouterFairness, ServesOneUserBeforeAllThatAnotherHasAsked) {
     }
 }
 
+TEST_F(RouterFairness, AnswersAOneShotClientBeforeAllThatAnotherUserHasSent) {
+    start();
+    fleet.router->signal(SIGSTOP);
+    std::vector<StreamClient> flood;
+    {
+        const Stranger stranger;
+        flood = send_costly_requests();
+    }
+    const StreamClient good = fleet.connect();
+    good.say(request("router.Status", "1"));
+    fleet.router->signal(SIGCONT);
+    const size_t left = std::stoul(member(member(good.hear(), "result"), "clients"));
+    EXPECT_GT(left, flood.size() / 2) << "the flood had not been served when the good one was";
+    for (const StreamClient &client : flood) { // but it is, in the end
+        EXPECT_EQ(member(client.hear(), "id"), "\"router.Status\"");
+    }
+}
+
+TEST_F(RouterLimits, TakesTheTimeThatAOneShotClientWaitsForItsTurnAsItsOwn) {
+    start({"--client-timeout", "1"});
+    fleet.router->signal(SIGSTOP);
+    const std::vector<StreamClient> clients = send_costly_requests();
+    fleet.router->signal(SIGCONT);
+    for (const StreamClient &client : clients) {
+        const std::string answer = client.hear();
+        EXPECT_EQ(member(answer, "id"), "\"router.Status\"") << answer;
+    }
+}
+
 TEST_F(RouterLimits, AnswersABatchThatTakesSeveralTurnsAndWhatComesBehindIt) {
     start();
     std::string batch = "[";
@@ -252,6 +295,39 @@ TEST_F(RouterLimits, AnswersABatchThatTakesSeveralTurnsAndWhatComesBehindIt) {
     EXPECT_NE(answers.find(R"({"jsonrpc":"2.0","id":255,"result":{"openrpc":)"), std::string::npos);
     EXPECT_EQ(member(client.hear(), "id"), "\"behind\"");
     EXPECT_TRUE(client.gets_closed());
+}
+
+/**
+ * A service is read whether or not its user has time left, so it comes back to a list in which it stands already: the
+ * list has each client once, and none that has gone.
+ */
+TEST_F(RouterLimits, ForgetsAServiceThatGoesWhileItWaitsForItsTurn) {
+    start();
+    const auto lines_of = [](const std::string &line, int count) {
+        std::string lines;
+        for (int i = 0; i < count; ++i) {
+            lines += line + "\n";
+        }
+        return lines;
+    };
+    std::vector<SessionClient> same_user(5);
+    for (SessionClient &session : same_user) {
+        EXPECT_EQ(member(session.ask(request("router.Status", "1")), "id"), "1");
+    }
+    DirectService service;
+    fleet.router->signal(SIGSTOP);
+    for (SessionClient &session : same_user) {
+        session.say_bytes(lines_of("1", 4000)); // several turns of work for each
+    }
+    service.say_bytes(lines_of("{}", 20000)); // as well, without an answer that would tell at once that it has gone
+    service.close();
+    fleet.router->signal(SIGCONT);
+    for (SessionClient &session : same_user) {
+        for (int i = 0; i < 4000; ++i) {
+            ASSERT_EQ(code_of(session.hear()), "-32600") << fleet.router->log();
+        }
+    }
+    EXPECT_EQ(status_of(fleet, "discarded"), "20000");
 }
 
 TEST_F(RouterFairness, BoundsWhatTheSessionsOfOneUserLeaveUnread) {

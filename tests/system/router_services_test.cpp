@@ -399,6 +399,42 @@ TEST_F(RouterServices, ThatComeBackAreCalledAgain) {
     }
 }
 
+TEST_F(RouterServices, OnTheBusThatAreKilledHaveTheirCallersAnsweredAtOnceAndAreCalledAgain) {
+    fleet.start_lone_router({"--reply-timeout", "86400000"}); // nobody waits for that
+    Registration registration = Registration::on_bus();
+    registration.publish = support::free_bus_address();
+    SessionClient client;
+    std::string over_one_shot;
+    {
+        BusService killed(fleet, registration);
+        for (const char *id : {"1", "2"}) {
+            client.say(request("ports.Get", id));
+            killed.next_request();
+        }
+        const StreamClient one_shot = fleet.connect();
+        one_shot.say(request("ports.Get", "\"text\""));
+        killed.next_request();
+        killed.session.close(); // as the rest of it at the end of the block
+        over_one_shot = one_shot.hear();
+    }
+    const std::string data = R"({"message":"played, which serves ports.Get, is not there","service":"played",)"
+                             R"("channel":"3a6f8f51-502f-4238-9638-29764ff1a8a4"})";
+    EXPECT_EQ(code_of(over_one_shot), "-32601");
+    EXPECT_EQ(data_of(over_one_shot), data);
+    for (const char *id : {"1", "2"}) {
+        const std::string answer = client.hear();
+        EXPECT_EQ(member(answer, "id"), id);
+        EXPECT_EQ(code_of(answer), "-32601");
+        EXPECT_EQ(data_of(answer), data);
+    }
+    EXPECT_EQ(data_of(client.ask(request("ports.Get", "3"))), data) << "and so is who comes later";
+    EXPECT_EQ(status_member("in_flight"), "0");
+    BusService back(fleet, registration);
+    client.say(request("ports.Get", "4"));
+    back.reply(back.next_request(), "\"back\"");
+    EXPECT_EQ(member(client.hear(), "result"), "\"back\"") << "the first one after it";
+}
+
 TEST_F(RouterServices, RealOnesAreKnownToBeGoneAndToBeBack) {
     fleet.start_ports();
     const std::string asked = request("ports.Get", "1", R"(,"params":{"port_id":"c1-1"})");

@@ -134,9 +134,9 @@ show() {
     done
     line=$(tail -n +"$first" traffic.log)
     if [ -n "$line" ]; then
-        request=$(sed 's/.*,"request":\(.*\),"reply":.*/\1/' <<<"$line")
+        request=${line#*,\"request\":} request=${request%,\"reply\":*}
         case "$line" in # otherwise it is the router that answers
-        *'"outcome":"result"'* | *'"outcome":"error"'*) answer=$(sed 's/.*,"reply":\(.*\)}$/\1/' <<<"$line") ;;
+        *'"outcome":"result"'* | *'"outcome":"error"'*) answer=${line##*,\"reply\":} answer=${answer%\}} ;;
         esac
     fi
     number=$((number + 1))

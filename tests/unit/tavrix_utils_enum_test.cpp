@@ -171,9 +171,9 @@ TEST(Enumerators, AreThePositionsOfTheirWords) {
 // --- What stored numbers rely on ---
 
 TEST(Enumerations, ReadARecordOfZerosAsUnknown) {
-    for (const char *const *table : {&tavrix_poe_status_strings[0], &tavrix_link_status_strings[0],
-                                     &tavrix_link_speed_strings[0], &tavrix_vlan_mode_strings[0],
-                                     &tavrix_mzu_model_strings[0]}) {
+    for (const char *const *table :
+         {&tavrix_poe_status_strings[0], &tavrix_link_status_strings[0], &tavrix_link_speed_strings[0],
+          &tavrix_vlan_mode_strings[0], &tavrix_mzu_model_strings[0]}) {
         EXPECT_EQ(word_of(0, table), "unknown");
         EXPECT_EQ(value_of("unknown", table), 0);
     }

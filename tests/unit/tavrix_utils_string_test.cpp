@@ -164,7 +164,7 @@ TEST(UpperCase, StopsAtItsLimitOrTheEnd) {
     const struct {
         int max;
         const char *changed;
-    } rows[] = {{0, "abcdef"},  {-1, "abcdef"}, {1, "Abcdef"},  {3, "ABCdef"},
+    } rows[] = {{0, "abcdef"}, {-1, "abcdef"}, {1, "Abcdef"},  {3, "ABCdef"},
                 {5, "ABCDEf"}, {6, "ABCDEF"},  {100, "ABCDEF"}};
     for (const auto &row : rows) {
         char text[] = "abcdef\0hidden";
@@ -208,8 +208,10 @@ TEST(SurroundingQuotes, LoseTheOpeningOneOnly) {
         const char *text;
         const char *copied;
     } rows[] = {
-        {R"("abc")", R"(abc")"}, {"abc", "abc"},          {R"("abc)", R"("abc)"}, {R"(abc")", R"(abc")"},
-        {R"(a"c)", R"(a"c)"},    {R"("a"b")", R"(a"b")"}, {R"("")", R"(")"},      {R"(""")", R"("")"},
+        {R"("abc")", R"(abc")"}, {"abc", "abc"},
+        {R"("abc)", R"("abc)"},  {R"(abc")", R"(abc")"},
+        {R"(a"c)", R"(a"c)"},    {R"("a"b")", R"(a"b")"},
+        {R"("")", R"(")"},       {R"(""")", R"("")"},
         {"'abc'", "'abc'"},      {"", ""},
     };
     for (const auto &row : rows) {

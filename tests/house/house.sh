@@ -56,7 +56,7 @@ refused long-file tools/words.cpp
 sed -i 's/usleep(turn_us);//' "$work/tests/fault/kit_test.cpp"
 refused fixed-sleep tests/fault/kit_test.cpp
 
-for name in $(sed -nE 's/^ *rule ([a-z-]+) .*/\1/p' "$source/scripts/house-rules.sh"); do
+while read -r name; do
     grep -qE "^(plant|refused) $name " "$0" || { echo "$name: not put to the test here" >&2; failed=1; }
-done
+done < <(sed -nE 's/^ *rule ([a-z-]+) .*/\1/p' "$source/scripts/house-rules.sh")
 exit "$failed"

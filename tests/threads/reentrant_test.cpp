@@ -480,6 +480,7 @@ TEST(Reentrant, Databases) {
         EXPECT_EQ(tavrix_db_close(again), TAVRIX_OK);
         sqlite3 *fixed = nullptr;
         tavrix_db_open(&fixed); // the path that the build names: here there is no such file
+        fixed = nullptr;
         tavrix_db_ensure_open(&fixed);
     });
 }

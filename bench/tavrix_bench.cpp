@@ -236,7 +236,7 @@ struct Row {
     const char *name;
     const char *work;  ///< a benchmark
     const char *floor; ///< the one by hand that it is measured by
-    double goal;       ///< the most that work / floor is meant to be
+    double goal;       ///< the most that work / floor may be
 };
 
 constexpr Row rows[] = {

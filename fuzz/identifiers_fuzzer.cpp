@@ -31,6 +31,9 @@ const Validate validators[] = {
     validate_c_port_id,
     validate_d_port_id,
     validate_mzu_id,
+    validate_vlan_name_id,
+    validate_uuid,
+    validate_entity_name,
 };
 
 /** A port id that was read is printed so that it reads as the same port again. */

@@ -6,6 +6,8 @@ set -euo pipefail
 declare -A packages=(
     [build]="ca-certificates cmake g++ libcli11-dev libevent-dev libjansson-dev libnanomsg-dev libpcre3-dev libsqlite3-dev ninja-build pkg-config"
     [bench]="libbenchmark-dev strace valgrind"
+    [check]="clang-format-14 clang-tidy-14 googletest shellcheck"
+    [coverage]="gcovr"
     [demo]="jq sqlite3"
     [mutate]="googletest python3"
     [npm]="nodejs npm"

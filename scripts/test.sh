@@ -1,14 +1,15 @@
 #!/usr/bin/env bash
 # Builds everything and runs every test through ctest: natively, under Address- and UndefinedBehaviorSanitizer, and as
-# 32-bit ARM under qemu-user. Installs from Debian what is missing.
+# 32-bit ARM under qemu-user; and what may run on several threads at once under ThreadSanitizer. Installs from Debian
+# what is missing.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 usage() {
     cat <<'TEXT'
-usage: scripts/test.sh [--only native|sanitize|armhf] [--test REGEX] [--filter PATTERN]
+usage: scripts/test.sh [--only native|sanitize|threads|armhf] [--test REGEX] [--filter PATTERN]
 
-  --only NAME       run one of the three instead of all
+  --only NAME       run one of the four instead of all
   --test REGEX      only the test programs whose ctest name matches, for example unit.tavrix_mq
   --filter PATTERN  only the cases that match, as GoogleTest's filter takes it, for example 'PortId.*'
 
@@ -19,7 +20,7 @@ examples:
 TEXT
 }
 
-runs=(native sanitize armhf)
+runs=(native sanitize threads armhf)
 ctest_options=()
 while [ $# -gt 0 ]; do
     case "$1" in
@@ -32,7 +33,7 @@ while [ $# -gt 0 ]; do
     shift
 done
 for run in "${runs[@]}"; do
-    case "$run" in native | sanitize | armhf) ;; *) usage >&2; exit 2 ;; esac
+    case "$run" in native | sanitize | threads | armhf) ;; *) usage >&2; exit 2 ;; esac
 done
 
 if [ "$(id -u)" -ne 0 ]; then

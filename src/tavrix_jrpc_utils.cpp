@@ -406,9 +406,6 @@ int retrieve_records(const RecordList<Record> &list, json_t *params, json_t **de
 }
 
 int read_mac_filter(json_t *element, json_t **debug_message, tavrix_mac_filter *filter) {
-    if (element == nullptr) {
-        return TAVRIX_ERR_INVALID_PARAMETER;
-    }
     const int rc =
         tavrix_jrpc_utils_retrieve_input_mac_address(element, debug_message, "mac", filter->mac, sizeof filter->mac);
     if (rc != TAVRIX_OK) {

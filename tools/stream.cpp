@@ -17,8 +17,6 @@ namespace tavrixctl {
 
 namespace {
 
-constexpr char default_socket[] = "/run/tavrix/router.sock";
-constexpr char default_session[] = "/run/tavrix/session.sock";
 constexpr int highest_port = 65535;
 
 /** Makes a blocking connect and send give up at the deadline. */

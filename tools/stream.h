@@ -11,8 +11,12 @@
 #include <unistd.h>
 
 #include "support.h"
+#include "tavrix_service.h"
 
 namespace tavrixctl {
+
+constexpr char default_socket[] = "/run/tavrix/router.sock";
+constexpr char default_session[] = TAVRIX_SERVICE_SESSION;
 
 /** Owns a descriptor. */
 class Socket {

@@ -10,6 +10,7 @@
 #include <CLI/CLI.hpp>
 
 #include "completion.h"
+#include "stream.h"
 #include "support.h"
 #include "verbs.h"
 #include "words.h"
@@ -75,14 +76,16 @@ CLI::App *add_verb(CLI::App &app, const std::string &name, const std::string &wh
 
 CLI::Option *add_session(CLI::App *verb, Target *target) {
     return verb->add_option("--session", target->session,
-                            "The router's socket for sessions; default: TAVRIX_SESSION, or /run/tavrix/session.sock");
+                            std::string("The router's socket for sessions; default: TAVRIX_SESSION, or ") +
+                                default_session);
 }
 
 void add_router(CLI::App *verb, Target *target) {
     add_session(verb, target);
     CLI::Option *socket =
         verb->add_option("--socket", target->socket_path,
-                         "The router's socket for one request; default: TAVRIX_SOCKET, or /run/tavrix/router.sock")
+                         std::string("The router's socket for one request; default: TAVRIX_SOCKET, or ") +
+                             default_socket)
             ->excludes("--session");
     verb->add_option("--tcp", target->tcp, "The router's TCP socket, as HOST:PORT")
         ->excludes(socket)

@@ -30,9 +30,6 @@ namespace tavrixctl {
 
 namespace {
 
-constexpr int unknown_jrpc_code = -32001;
-constexpr int lowest_status = -73;
-constexpr int check_failed = -1;
 constexpr char status_title[] = "status   ";
 constexpr char jrpc_title[] = "json-rpc ";
 constexpr char levels_header[] = "[logging_levels]";
@@ -81,17 +78,17 @@ constexpr char date_time_field[] = "date_time";
 
 const char *verdict_text(int verdict) {
     switch (verdict) {
-    case 0:
+    case TAVRIX_VALID:
         return "valid";
-    case -2:
+    case TAVRIX_INVALID_NO_MATCH:
         return "does not match the field's pattern";
-    case -3:
+    case TAVRIX_INVALID_NOT_ALLOWED:
         return "not an allowed value";
-    case -4:
+    case TAVRIX_INVALID_TOO_LONG:
         return "too long";
-    case -5:
+    case TAVRIX_INVALID_TOO_SHORT:
         return "too short";
-    case -6:
+    case TAVRIX_INVALID_OUT_OF_RANGE:
         return "out of range";
     default:
         return "rejected";
@@ -358,20 +355,22 @@ int shm_failed(const std::string &name) {
 
 int explain_error(int code) {
     const int status = code > 0 ? -code : code;
-    if (status >= lowest_status) {
+    if (status >= TAVRIX_ERR_TOO_MANY_ENTRIES) {
         const int jrpc = tavrix_jrpc_error_convert_tavrix_to_jrpc(status);
         const bool printed = print_code(status_title, status, tavrix_error_decode(status)) &&
                              (status == TAVRIX_OK || print_code(jrpc_title, jrpc, tavrix_jrpc_error_message(jrpc)));
         return printed ? exit_result : exit_error_response;
     }
     const char *message = tavrix_jrpc_error_message(status);
-    if (status != unknown_jrpc_code && std::strcmp(message, tavrix_jrpc_error_message(unknown_jrpc_code)) == 0) {
+    if (status != TAVRIX_JRPC_UNKNOWN_ERROR &&
+        std::strcmp(message, tavrix_jrpc_error_message(TAVRIX_JRPC_UNKNOWN_ERROR)) == 0) {
         complain("%d is neither a status nor a JSON-RPC code of the system", code);
         return exit_usage;
     }
     const int back = tavrix_jrpc_error_convert_jrpc_to_tavrix(status);
-    const bool printed = print_code(jrpc_title, status, message) &&
-                         (back == unknown_jrpc_code || print_code(status_title, back, tavrix_error_decode(back)));
+    const bool printed =
+        print_code(jrpc_title, status, message) &&
+        (back == TAVRIX_JRPC_UNKNOWN_ERROR || print_code(status_title, back, tavrix_error_decode(back)));
     return printed ? exit_result : exit_error_response;
 }
 
@@ -380,7 +379,7 @@ int validate(const std::string &field, const std::vector<std::string> &values) {
     if (verdict > 0) {
         return exit_usage;
     }
-    if (verdict == check_failed) {
+    if (verdict == TAVRIX_INVALID_ENGINE) {
         complain("the value could not be checked");
         return exit_error_response;
     }

@@ -1,7 +1,7 @@
 /*
  * tavrix-eventsd: the events service. Plays link changes from a script, keeps them, and tells of them.
  *
- *     tavrix-eventsd --session /run/tavrix/session.sock --script links.txt --interval 1000
+ *     tavrix-eventsd --script links.txt --interval 1000
  */
 #include "common/log.h"
 #include "common/service_options.h"
@@ -57,7 +57,7 @@ int main(int argc, char **argv) {
     Config config;
     events::Context context;
     daemon_support::Options options("tavrix-eventsd", "eventsd", "The events service of the fleet.",
-                                    "tavrix-eventsd --session /run/tavrix/session.sock --script links.txt");
+                                    "tavrix-eventsd --script links.txt");
     add_options(&options, &config, &context);
     int exit_status = 0;
     if (!options.parse(argc, argv, &exit_status)) {

@@ -1,7 +1,7 @@
 /*
  * tavrix-portsd: the ports service. Reads and changes the ports of the fleet in the configuration database.
  *
- *     tavrix-portsd --session /run/tavrix/session.sock --database fleet.db
+ *     tavrix-portsd --database fleet.db
  */
 #include "common/log.h"
 #include "common/service_options.h"
@@ -19,7 +19,7 @@ int main(int argc, char **argv) {
     std::string database_path = TAVRIX_CFGDB_PATH;
     ports::Context context;
     daemon_support::Options options("tavrix-portsd", "portsd", "The ports service of the fleet.",
-                                    "tavrix-portsd --session /run/tavrix/session.sock --database fleet.db");
+                                    "tavrix-portsd --database fleet.db");
     common.add_to(&options);
     options.text("database", "FILE", "the configuration database", &database_path);
     options.number("wait-timeout", "MS", "how long ports.WaitLinkChanged waits", 1, longest_wait_ms,

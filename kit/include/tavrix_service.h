@@ -34,10 +34,11 @@
  * @endcode
  *
  * Unless a function says otherwise it returns 0 or a negative status of tavrix_error.h, tests its pointers for null
- * (-20), and does nothing on failure. What can be ended is named by a number that is never used again in the life of
- * the service, so that what is ended too late or twice is refused; 0 is no number. Function names, tables, rows and
- * texts that are handed over by pointer in options and rows have to live as long as the service; others are copied.
- * A `json_t *` that is handed over (`result`, `params`, `data`) is one reference, taken on failure too.
+ * (TAVRIX_ERR_NULL_INPUT), and does nothing on failure. What can be ended is named by a number that is never used again
+ * in the life of the service, so that what is ended too late or twice is refused; 0 is no number. Function names,
+ * tables, rows and texts that are handed over by pointer in options and rows have to live as long as the service;
+ * others are copied. A `json_t *` that is handed over (`result`, `params`, `data`) is one reference, taken on failure
+ * too.
  *
  * Thread-safety: a service and everything of it belong to the thread that runs it. No function throws.
  */
@@ -67,7 +68,7 @@ extern "C" {
 #define TAVRIX_SERVICE_MAX_NAME 50       /**< bytes of a service's name: letters, digits, `.`, `-` and `_` */
 #define TAVRIX_SERVICE_MAX_METHODS 256   /**< rows of a table */
 #define TAVRIX_SERVICE_MAX_PARAMS 32     /**< rows of a method, or of the members of one parameter */
-#define TAVRIX_SERVICE_MAX_DEFERRED 4096 /**< calls that wait for their answer at once; more are answered -32014 */
+#define TAVRIX_SERVICE_MAX_DEFERRED 4096 /**< calls that wait for their answer; more get TAVRIX_JRPC_SYSTEM_BUSY */
 #define TAVRIX_SERVICE_MAX_REQUESTS 4096 /**< calls to others in flight at once; more are refused */
 #define TAVRIX_SERVICE_MAX_CLIENTS 256   /**< on direct sockets; a user has half of them at most */
 
@@ -257,16 +258,17 @@ typedef struct tavrix_service_options {
  *
  * @param options     copied; what it points to has to live as long as the service
  * @param service_out receives the service; tavrix_service_close() releases it
- * @return 0; -20 for a null argument; -4 for options that cannot be: a bad name, two channels in one table; -1 for an
- *         address that cannot be bound; -22. The log tells at error level what is wrong and what to do.
+ * @return 0; TAVRIX_ERR_NULL_INPUT for a null argument; TAVRIX_ERR_PARAMETER for options that cannot be: a bad name,
+ *         two channels in one table; TAVRIX_ERR_GENERAL for an address that cannot be bound; TAVRIX_ERR_NO_MEMORY. The
+ *         log tells at error level what is wrong and what to do.
  */
 TAVRIX_SERVICE_API int tavrix_service_open(const tavrix_service_options *options, tavrix_service **service_out);
 
 /**
  * Serves until tavrix_service_stop(), SIGTERM or SIGINT. Then requests to others are cancelled, deferred calls are
- * answered -32014, and what waits to be written is written, for a second at most.
+ * answered TAVRIX_JRPC_SYSTEM_BUSY, and what waits to be written is written, for a second at most.
  *
- * @return 0 when it was stopped; -1, with a line in the log, when it cannot go on
+ * @return 0 when it was stopped; TAVRIX_ERR_GENERAL, with a line in the log, when it cannot go on
  */
 TAVRIX_SERVICE_API int tavrix_service_run(tavrix_service *service);
 
@@ -280,8 +282,8 @@ TAVRIX_SERVICE_API int tavrix_service_start(tavrix_service *service);
 TAVRIX_SERVICE_API void tavrix_service_stop(tavrix_service *service);
 
 /**
- * Releases the service: cancels its requests, answers deferred calls -32014 as far as that can be written at once,
- * closes its sockets. Not from a handler or a callback. A null service is none.
+ * Releases the service: cancels its requests, answers deferred calls TAVRIX_JRPC_SYSTEM_BUSY as far as that can be
+ * written at once, closes its sockets. Not from a handler or a callback. A null service is none.
  */
 TAVRIX_SERVICE_API void tavrix_service_close(tavrix_service *service);
 
@@ -309,7 +311,7 @@ TAVRIX_SERVICE_API bool tavrix_service_is_ready(const tavrix_service *service);
  * Ends what a number names: a request (its callback is called with #TAVRIX_OUTCOME_CANCELLED before this returns), a
  * subscription, a timer, a listener.
  *
- * @return 0; -38 when the number names nothing any more
+ * @return 0; TAVRIX_ERR_NO_RECORDS when the number names nothing any more
  */
 TAVRIX_SERVICE_API int tavrix_service_cancel(tavrix_service *service, uint64_t number);
 /** @} */
@@ -380,15 +382,15 @@ TAVRIX_SERVICE_API tavrix_mac_filter *tavrix_call_mac_filters(const tavrix_call 
  * Answers with a result.
  *
  * @param call   may be null, as tavrix_service_deferred() gives it for a call that is over
- * @param result taken; null is answered -32603, as when json_pack() found no memory
- * @return 0; -38 when the call is null or has been answered already
+ * @param result taken; null is answered TAVRIX_JRPC_INTERNAL_ERROR, as when json_pack() found no memory
+ * @return 0; TAVRIX_ERR_NO_RECORDS when the call is null or has been answered already
  */
 TAVRIX_SERVICE_API int tavrix_call_reply(tavrix_call *call, json_t *result);
 
 /**
  * Answers with the JSON-RPC error that belongs to a status, and the status's words as `{"message": ...}`.
  *
- * @return the status itself, so that a handler can end with it; -38 as for tavrix_call_reply()
+ * @return the status itself, so that a handler can end with it; TAVRIX_ERR_NO_RECORDS as for tavrix_call_reply()
  */
 TAVRIX_SERVICE_API int tavrix_call_fail(tavrix_call *call, int status);
 
@@ -398,7 +400,7 @@ TAVRIX_SERVICE_API int tavrix_call_fail(tavrix_call *call, int status);
  * @param code    see tavrix_jrpc_code; the error's "message" is the catalogue's
  * @param message what is wrong, for a person: stored as "message" in the data; null for none
  * @param data    taken: an object, to which the message is added, or null for none
- * @return 0; -38 as for tavrix_call_reply()
+ * @return 0; TAVRIX_ERR_NO_RECORDS as for tavrix_call_reply()
  */
 TAVRIX_SERVICE_API int tavrix_call_fail_with(tavrix_call *call, int code, const char *message, json_t *data);
 
@@ -411,7 +413,8 @@ TAVRIX_SERVICE_API int tavrix_call_fail_with(tavrix_call *call, int code, const 
  * @param call      the handler's
  * @param abandoned called in the second case, while the handle is still valid for reading; may be null
  * @param user      for the callback
- * @return the call's number; 0 when too many are deferred, or without memory: then the call has been answered -32014
+ * @return the call's number; 0 when too many are deferred, or without memory: then the call has been answered
+ *         TAVRIX_JRPC_SYSTEM_BUSY
  */
 TAVRIX_SERVICE_API uint64_t tavrix_call_defer(tavrix_call *call, void (*abandoned)(tavrix_call *call, void *user),
                                               void *user);
@@ -437,8 +440,8 @@ TAVRIX_SERVICE_API tavrix_call *tavrix_service_deferred(const tavrix_service *se
 typedef enum tavrix_outcome {
     TAVRIX_OUTCOME_RESULT,   /**< `result` */
     TAVRIX_OUTCOME_ERROR,    /**< `code`, `message`, `data` */
-    TAVRIX_OUTCOME_TIMEOUT,  /**< no answer in time; `code` is -32005 */
-    TAVRIX_OUTCOME_GONE,     /**< nobody serves the method, or the connection broke; `code` is -32601 */
+    TAVRIX_OUTCOME_TIMEOUT,  /**< no answer in time; `code` is TAVRIX_JRPC_TIMED_OUT */
+    TAVRIX_OUTCOME_GONE,     /**< the service is not there or went away; `code` is TAVRIX_JRPC_METHOD_NOT_FOUND */
     TAVRIX_OUTCOME_CANCELLED /**< by tavrix_service_cancel(), or because the service ends */
 } tavrix_outcome;
 
@@ -483,8 +486,9 @@ TAVRIX_SERVICE_API int tavrix_call_pass_on(tavrix_call *call, const tavrix_answe
  * @param params       taken: an object, or null for none
  * @param timeout_ms   at least 1
  * @param response_out receives the whole response object, with "result" or "error"; the caller releases it
- * @return 0; -2 without an answer in time; -51 when the router is not there; -50 when it went away; -4 for a bad
- *         method or time; -22
+ * @return 0; TAVRIX_ERR_TIMEOUT without an answer in time; TAVRIX_ERR_CONNECT_TIMEOUT when the router is not there;
+ *         TAVRIX_ERR_NO_RESPONSE when it went away; TAVRIX_ERR_PARAMETER for a bad method or time;
+ *         TAVRIX_ERR_NO_MEMORY
  */
 TAVRIX_SERVICE_API int tavrix_request_wait(const char *session, const char *method, json_t *params, int timeout_ms,
                                            json_t **response_out);
@@ -500,7 +504,8 @@ TAVRIX_SERVICE_API int tavrix_request_wait(const char *session, const char *meth
  *
  * @param method its name
  * @param params taken: an object, or null for none
- * @return 0; -4 for a bad name; -22; -1 when there is neither a publisher nor a session
+ * @return 0; TAVRIX_ERR_PARAMETER for a bad name; TAVRIX_ERR_NO_MEMORY; TAVRIX_ERR_GENERAL when there is neither a
+ *         publisher nor a session
  */
 TAVRIX_SERVICE_API int tavrix_service_publish(tavrix_service *service, const char *method, json_t *params);
 

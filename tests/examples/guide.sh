@@ -15,7 +15,7 @@ awk -v listings=listings -v files=guide '
     /^```/ { print "what is " $0 >"/dev/stderr"; exit 1 }
     out != "" { print >out }
 ' "$source/docs/writing-a-service.md"
-[ "$(find guide -name '*.c' | wc -l)" -ge 3 ] && [ -e listings/02.sh ] || fail "the page has no listings"
+if [ "$(find guide -name '*.c' | wc -l)" -lt 3 ] || [ ! -e listings/02.sh ]; then fail "the page has no listings"; fi
 
 cd guide
 for commands in ../listings/*.sh; do

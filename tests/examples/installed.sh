@@ -1,5 +1,6 @@
 # For the scripts beside it: installs a build into a folder of its own, and runs programs there until the script ends.
 # Sourced, with the arguments BUILD_DIR CC CXX EMULATOR SYSROOT FLAGS. Sets source, work, cc, cxx, flags, library_dir.
+# shellcheck shell=bash disable=SC2034
 
 build=$1 cc=$2 cxx=$3 emulator=$4 sysroot=$5 flags=$6 given_flags=$6
 source=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
@@ -10,7 +11,7 @@ clean_up() {
     rm -rf "$work"
 }
 trap clean_up EXIT
-cd "$work"
+cd "$work" || exit
 
 fail() {
     echo "$1" >&2

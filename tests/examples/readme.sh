@@ -12,7 +12,7 @@ block() { # LANGUAGE: the README's listing in that language
 block c >hello.c
 diff hello.c <(sed 1d "$source/examples/kit/hello.c") || fail "the README's service is another than examples/kit/hello.c"
 block sh >commands.sh
-[ -s hello.c ] && [ -s commands.sh ] || fail "the README has no service"
+if [ ! -s hello.c ] || [ ! -s commands.sh ]; then fail "the README has no service"; fi
 set +o pipefail # as in the reader's shell
 eval "$(cat commands.sh)" >printed.log 2>said.log || fail "the README's commands failed"
 set -o pipefail

@@ -9,6 +9,7 @@
 
 #include "support/log_capture.h"
 #include "support/sqlite_memory.h"
+#include "tavrix_error.h"
 
 using support::LogCapture;
 
@@ -65,7 +66,7 @@ TEST_F(DatabaseFaults, LeaveNoConnectionBehindWhenAStatementCannotBePrepared) {
         EXPECT_EQ(statement != nullptr, rc == 0);
         if (rc != 0) {
             EXPECT_TRUE(failed);
-            EXPECT_EQ(rc, -7);
+            EXPECT_EQ(rc, TAVRIX_ERR_SYSTEM_ACCESS);
             return;
         }
         sqlite3 *db = sqlite3_db_handle(statement);

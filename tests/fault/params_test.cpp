@@ -11,6 +11,7 @@
 #include "support/log_capture.h"
 #include "support/params.h"
 #include "support/pattern_fields.h"
+#include "tavrix_error.h"
 #include "tavrix_jrpc_utils.h"
 #include "tavrix_validation.h"
 
@@ -82,7 +83,7 @@ TEST(ParameterFaults, LeaveMacFiltersAllThereOrNotAtAll) {
         });
         EXPECT_EQ(filters != nullptr, rc == 0);
         if (fault.was("calloc") && rc != 0) {
-            EXPECT_EQ(rc, -22);
+            EXPECT_EQ(rc, TAVRIX_ERR_NO_MEMORY);
         }
         if (rc == 0) {
             EXPECT_STREQ(filters[0].mac, "AA:BB:CC:DD:EE:FF");

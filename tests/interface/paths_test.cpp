@@ -6,6 +6,7 @@
 #include <sqlite3.h>
 
 #include "tavrix_db_api.h"
+#include "tavrix_error.h"
 #include "tavrix_lsyslog.h"
 
 namespace {
@@ -32,18 +33,18 @@ int __wrap_sqlite3_open_v2(const char *path, sqlite3 **db, int /*flags*/, const 
 
 TEST(DefaultPaths, NameTheAppliancesLoggerConfiguration) {
     opened.clear();
-    EXPECT_EQ(tavrix_lsyslog_reload_conf(), -40);
+    EXPECT_EQ(tavrix_lsyslog_reload_conf(), TAVRIX_ERR_FILE_OPEN);
     EXPECT_EQ(opened, "/etc/tavrix_lsyslog.conf");
 }
 
 TEST(DefaultPaths, NameTheAppliancesConfigurationDatabase) {
     sqlite3 *db = nullptr;
     opened.clear();
-    EXPECT_EQ(tavrix_db_open(&db), -7);
+    EXPECT_EQ(tavrix_db_open(&db), TAVRIX_ERR_SYSTEM_ACCESS);
     EXPECT_EQ(opened, "/data/db/zqn_h7.db");
     tavrix_db_lock_cfgdb();
     opened.clear();
-    EXPECT_EQ(tavrix_db_ensure_open_file(&db, "/data/db/zqn_h7.db"), -11);
+    EXPECT_EQ(tavrix_db_ensure_open_file(&db, "/data/db/zqn_h7.db"), TAVRIX_ERR_DB_BUSY);
     EXPECT_EQ(opened, "");
     tavrix_db_unlock_cfgdb();
 }

@@ -12,8 +12,8 @@ void __lsan_enable() __attribute__((weak));
 namespace support {
 
 /**
- * While it lives, what this thread allocates may be lost: nanomsg does not give back the endpoint of an ipc address that
- * it could not bind to. A suppression by the function's name would want a symbolizer, which not every machine has.
+ * While it lives, what this thread allocates may be lost: nanomsg does not give back the endpoint of an ipc address
+ * that it could not bind to. A suppression by the function's name would want a symbolizer, which not every machine has.
  */
 class MayLeak {
   public:

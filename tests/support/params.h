@@ -2,7 +2,8 @@
  * The parameters of one request and the debug message of its handler.
  *
  *     Params params(R"({"port_id": "c1-1"})");
- *     EXPECT_EQ(tavrix_jrpc_utils_parse_input_integer(params.get(), params.debug(), "port_id", &out), -31);
+ *     const int rc = tavrix_jrpc_utils_parse_input_integer(params.get(), params.debug(), "port_id", &out);
+ *     EXPECT_EQ(rc, TAVRIX_ERR_INVALID_PARAMETER);
  *     EXPECT_EQ(params.message(), "Parameter 'port_id' is not of type 'integer'.");
  */
 #ifndef TAVRIX_TESTS_SUPPORT_PARAMS_H

@@ -154,7 +154,7 @@ TEST(CtlCall, OffersTheNearestMethodForOneThatIsUnknown) {
     const support::DirectService service("portsd", {"ports.Get", "ports.SetEnabled"});
     const struct {
         const char *method;
-        const char *meant;
+        const char *suggestion;
     } rows[] = {
         {"ports.Gte", "ports.Get"}, {"ports.SetEnable", "ports.SetEnabled"}, {"PORTS.GET", "ports.Get"},
         {"port.get", "ports.Get"},  {"router.Stats", "router.Status"},       {"something.Else", ""},
@@ -164,7 +164,8 @@ TEST(CtlCall, OffersTheNearestMethodForOneThatIsUnknown) {
              {std::vector<std::string>{"--socket", "router.sock"}, {"--session", "session.sock"}}) {
             const Finished finished = ctl({"call", road[0], road[1], row.method});
             EXPECT_EQ(finished.status, 1) << row.method;
-            const std::string ending = row.meant[0] == '\0' ? "" : std::string("; did you mean ") + row.meant + "?\n";
+            const std::string ending =
+                row.suggestion[0] == '\0' ? "" : std::string("; did you mean ") + row.suggestion + "?\n";
             const std::string &said = finished.diagnostics;
             EXPECT_EQ(said.find("did you mean") == std::string::npos, ending.empty()) << said;
             EXPECT_EQ(said.substr(said.size() - std::min(said.size(), ending.size())), ending) << said;

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "support/log_capture.h"
+#include "tavrix_error.h"
 
 namespace {
 
@@ -39,18 +40,18 @@ const std::string untouched(16, '~');
 TEST(ConfParser, RejectsEachNullArgument) {
     write_file("[s]\nk=v\n");
     char out[8] = "";
-    EXPECT_EQ(tavrix_conf_parser_parse(nullptr, "s", "k", out, 8), -20);
-    EXPECT_EQ(tavrix_conf_parser_parse(path, nullptr, "k", out, 8), -20);
-    EXPECT_EQ(tavrix_conf_parser_parse(path, "s", nullptr, out, 8), -20);
-    EXPECT_EQ(tavrix_conf_parser_parse(path, "s", "k", nullptr, 8), -20);
+    EXPECT_EQ(tavrix_conf_parser_parse(nullptr, "s", "k", out, 8), TAVRIX_ERR_NULL_INPUT);
+    EXPECT_EQ(tavrix_conf_parser_parse(path, nullptr, "k", out, 8), TAVRIX_ERR_NULL_INPUT);
+    EXPECT_EQ(tavrix_conf_parser_parse(path, "s", nullptr, out, 8), TAVRIX_ERR_NULL_INPUT);
+    EXPECT_EQ(tavrix_conf_parser_parse(path, "s", "k", nullptr, 8), TAVRIX_ERR_NULL_INPUT);
 }
 
 TEST(ConfParser, ChecksNullBeforeSizeAndSizeBeforeFile) {
     char out[8] = "";
-    EXPECT_EQ(tavrix_conf_parser_parse("no-such-file", "s", "k", nullptr, 0), -20);
-    EXPECT_EQ(tavrix_conf_parser_parse("no-such-file", "s", "k", out, 0), -4);
-    EXPECT_EQ(tavrix_conf_parser_parse("no-such-file", "s", "k", out, -1), -4);
-    EXPECT_EQ(tavrix_conf_parser_parse("no-such-file", "s", "k", out, 1), -40);
+    EXPECT_EQ(tavrix_conf_parser_parse("no-such-file", "s", "k", nullptr, 0), TAVRIX_ERR_NULL_INPUT);
+    EXPECT_EQ(tavrix_conf_parser_parse("no-such-file", "s", "k", out, 0), TAVRIX_ERR_PARAMETER);
+    EXPECT_EQ(tavrix_conf_parser_parse("no-such-file", "s", "k", out, -1), TAVRIX_ERR_PARAMETER);
+    EXPECT_EQ(tavrix_conf_parser_parse("no-such-file", "s", "k", out, 1), TAVRIX_ERR_FILE_OPEN);
 }
 
 TEST(ConfParser, FindsAValue) {
@@ -77,7 +78,7 @@ TEST(ConfParser, FillsTheBufferWithoutTerminatorAtTheBound) {
     write_file("[s]\nexact=0123456789abcdef\nlonger=0123456789abcdefg\nshorter=0123456789abcde\n");
     EXPECT_EQ(look_up("s", "exact").rc, 0);
     EXPECT_EQ(look_up("s", "exact").buffer, "0123456789abcdef");
-    EXPECT_EQ(look_up("s", "longer").rc, -41);
+    EXPECT_EQ(look_up("s", "longer").rc, TAVRIX_ERR_BUFFER_SPACE);
     EXPECT_EQ(look_up("s", "longer").buffer, untouched);
     EXPECT_EQ(look_up("s", "shorter").buffer, std::string("0123456789abcde") + '\0');
 }
@@ -90,10 +91,10 @@ TEST(ConfParser, AcceptsABufferOfOneByte) {
 
 TEST(ConfParser, ReturnsNotFoundForAMissingSectionOrKey) {
     write_file("[s]\nk=v\n");
-    EXPECT_EQ(look_up("t", "k").rc, -35);
-    EXPECT_EQ(look_up("s", "l").rc, -35);
+    EXPECT_EQ(look_up("t", "k").rc, TAVRIX_ERR_PARAMETER_NOT_FOUND);
+    EXPECT_EQ(look_up("s", "l").rc, TAVRIX_ERR_PARAMETER_NOT_FOUND);
     write_file("");
-    EXPECT_EQ(look_up("s", "k").rc, -35);
+    EXPECT_EQ(look_up("s", "k").rc, TAVRIX_ERR_PARAMETER_NOT_FOUND);
 }
 
 TEST(ConfParser, TakesTheFirstOfTwoEqualKeys) {
@@ -103,19 +104,19 @@ TEST(ConfParser, TakesTheFirstOfTwoEqualKeys) {
 
 TEST(ConfParser, IgnoresKeysBeforeAnySection) {
     write_file("k=early\n[s]\nother=1\n");
-    EXPECT_EQ(look_up("s", "k").rc, -35);
+    EXPECT_EQ(look_up("s", "k").rc, TAVRIX_ERR_PARAMETER_NOT_FOUND);
 }
 
 TEST(ConfParser, EndsAtTheNextHeaderEvenIfTheSectionReturns) {
     write_file("[s]\na=1\n[t]\nb=2\n[s]\nk=late\n");
-    EXPECT_EQ(look_up("s", "k").rc, -35);
+    EXPECT_EQ(look_up("s", "k").rc, TAVRIX_ERR_PARAMETER_NOT_FOUND);
     write_file("[s]\na=1\n[s]\nk=late\n");
-    EXPECT_EQ(look_up("s", "k").rc, -35);
+    EXPECT_EQ(look_up("s", "k").rc, TAVRIX_ERR_PARAMETER_NOT_FOUND);
 }
 
 TEST(ConfParser, EndsAtAnyLineThatStartsWithABracket) {
     write_file("[s]\n[not a header\nk=v\n");
-    EXPECT_EQ(look_up("s", "k").rc, -35);
+    EXPECT_EQ(look_up("s", "k").rc, TAVRIX_ERR_PARAMETER_NOT_FOUND);
 }
 
 TEST(ConfParser, PassesOverAHeaderWithoutClosingBracketBeforeTheSection) {
@@ -126,7 +127,7 @@ TEST(ConfParser, PassesOverAHeaderWithoutClosingBracketBeforeTheSection) {
 TEST(ConfParser, TakesTheSectionNameUpToTheFirstClosingBracket) {
     write_file("[s] trailing ] words\nk=v\n");
     EXPECT_EQ(value_of("s", "k"), "v");
-    EXPECT_EQ(look_up("s] trailing ", "k").rc, -35);
+    EXPECT_EQ(look_up("s] trailing ", "k").rc, TAVRIX_ERR_PARAMETER_NOT_FOUND);
 }
 
 TEST(ConfParser, FindsAnEmptySectionName) {
@@ -138,17 +139,17 @@ TEST(ConfParser, SkipsCommentsInAndOutOfSections) {
     write_file("#[s]\n# k=0\n[s]\n#k=1\n #k=2\nk=3\n");
     EXPECT_EQ(value_of("s", "k"), "3");
     EXPECT_EQ(value_of("s", " #k"), "2") << "only the very first character makes a comment";
-    EXPECT_EQ(look_up("s", "#k").rc, -35);
+    EXPECT_EQ(look_up("s", "#k").rc, TAVRIX_ERR_PARAMETER_NOT_FOUND);
 }
 
 TEST(ConfParser, RequiresTheBracketToBeTheFirstCharacter) {
     write_file(" [s]\nk=v\n");
-    EXPECT_EQ(look_up("s", "k").rc, -35);
+    EXPECT_EQ(look_up("s", "k").rc, TAVRIX_ERR_PARAMETER_NOT_FOUND);
 }
 
 TEST(ConfParser, KeepsBlanksAndCarriageReturns) {
     write_file("[s]\nk = v \ncr=v\r\n");
-    EXPECT_EQ(look_up("s", "k").rc, -35);
+    EXPECT_EQ(look_up("s", "k").rc, TAVRIX_ERR_PARAMETER_NOT_FOUND);
     EXPECT_EQ(value_of("s", "k "), " v ");
     EXPECT_EQ(value_of("s", "cr"), "v\r");
 }
@@ -166,9 +167,9 @@ TEST(ConfParser, ReturnsAnEmptyValue) {
 
 TEST(ConfParser, PassesOverALastLineWithoutNewline) {
     write_file("[s]\nk=v");
-    EXPECT_EQ(look_up("s", "k").rc, -35);
+    EXPECT_EQ(look_up("s", "k").rc, TAVRIX_ERR_PARAMETER_NOT_FOUND);
     write_file("[s]");
-    EXPECT_EQ(look_up("s", "k").rc, -35);
+    EXPECT_EQ(look_up("s", "k").rc, TAVRIX_ERR_PARAMETER_NOT_FOUND);
 }
 
 TEST(ConfParser, PassesOverLinesWithoutEqualsSign) {
@@ -186,7 +187,7 @@ TEST(ConfParser, MatchesSectionNamesUpTo49Characters) {
     const std::string too_long(50, 'n');
     write_file("[" + too_long + "]\nk=50\n[" + longest + "]\nk=49\n");
     EXPECT_EQ(value_of(longest, "k"), "49");
-    EXPECT_EQ(look_up(too_long, "k").rc, -35);
+    EXPECT_EQ(look_up(too_long, "k").rc, TAVRIX_ERR_PARAMETER_NOT_FOUND);
 }
 
 TEST(ConfParser, MatchesKeysUpTo50Characters) {
@@ -194,13 +195,13 @@ TEST(ConfParser, MatchesKeysUpTo50Characters) {
     const std::string too_long(51, 'k');
     write_file("[s]\n" + too_long + "=51\n" + longest + "=50\n");
     EXPECT_EQ(value_of("s", longest), "50");
-    EXPECT_EQ(look_up("s", too_long).rc, -35);
+    EXPECT_EQ(look_up("s", too_long).rc, TAVRIX_ERR_PARAMETER_NOT_FOUND);
 }
 
 TEST(ConfParser, ReadsLinesOfAnyLength) {
     const std::string long_value(100000, 'x');
     write_file("#" + long_value + "\n[s]\nother=" + long_value + "\nk=v\nlong=" + long_value + "\n");
     EXPECT_EQ(value_of("s", "k"), "v");
-    EXPECT_EQ(look_up("s", "long").rc, -41);
+    EXPECT_EQ(look_up("s", "long").rc, TAVRIX_ERR_BUFFER_SPACE);
     EXPECT_EQ(value_of("s", "long", 100001), long_value);
 }

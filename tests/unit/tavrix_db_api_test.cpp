@@ -10,6 +10,7 @@
 
 #include "support/log_capture.h"
 #include "support/stream.h"
+#include "tavrix_error.h"
 
 using support::LogCapture;
 
@@ -74,7 +75,7 @@ TEST_F(Database, OpensWithTheSettingsEveryConnectionMustHave) {
 TEST_F(Database, NeverCreatesAFile) {
     std::remove("missing.db");
     const LogCapture log("info");
-    EXPECT_EQ(tavrix_db_open_file(&handle, "missing.db"), -7);
+    EXPECT_EQ(tavrix_db_open_file(&handle, "missing.db"), TAVRIX_ERR_SYSTEM_ACCESS);
     EXPECT_TRUE(log.has(support::error, unit, "Failed to open a database connection to file <missing.db>\n"));
     EXPECT_NE(handle, nullptr) << "the closed handle's value stays";
     EXPECT_EQ(tavrix_db_ensure_open_file(&handle, "missing.db"), 0) << "and counts as open";
@@ -97,14 +98,14 @@ TEST_F(Database, OpensLazily) {
 TEST_F(Database, RefusesToOpenTheLockedConfigurationOnly) {
     tavrix_db_lock_cfgdb();
     const LogCapture log("info");
-    EXPECT_EQ(tavrix_db_ensure_open(&handle), -11);
+    EXPECT_EQ(tavrix_db_ensure_open(&handle), TAVRIX_ERR_DB_BUSY);
     EXPECT_EQ(handle, nullptr);
     EXPECT_EQ(log.sequence(), std::vector<std::string>{"WARN |cfgdb is currently locked - not re-opening"});
-    EXPECT_EQ(tavrix_db_ensure_open_file(&handle, cfgdb), -11) << "by its path too";
+    EXPECT_EQ(tavrix_db_ensure_open_file(&handle, cfgdb), TAVRIX_ERR_DB_BUSY) << "by its path too";
     int64_t value = -77;
     sqlite3_stmt *statement = nullptr;
-    EXPECT_EQ(tavrix_db_get_single_id_result(nullptr, cfgdb, "t", &value, "SELECT 1"), -11);
-    EXPECT_EQ(tavrix_db_prepare_statement(nullptr, cfgdb, &statement, "SELECT 1"), -11);
+    EXPECT_EQ(tavrix_db_get_single_id_result(nullptr, cfgdb, "t", &value, "SELECT 1"), TAVRIX_ERR_DB_BUSY);
+    EXPECT_EQ(tavrix_db_prepare_statement(nullptr, cfgdb, &statement, "SELECT 1"), TAVRIX_ERR_DB_BUSY);
     EXPECT_EQ(tavrix_db_ensure_open_file(&handle, other), 0) << "another file is not locked";
 }
 
@@ -131,10 +132,10 @@ TEST_F(Database, ClosesAndSaysWhatIsUnfinished) {
     ASSERT_EQ(tavrix_db_open(&db), 0);
     sqlite3_stmt *statement = nullptr;
     ASSERT_EQ(tavrix_db_prepare_statement(db, cfgdb, &statement, "SELECT id FROM t"), 0);
-    EXPECT_EQ(tavrix_db_close(db), -12);
+    EXPECT_EQ(tavrix_db_close(db), TAVRIX_ERR_DB_UNFINISHED);
     sqlite3_finalize(statement);
     EXPECT_EQ(tavrix_db_close(db), 0);
-    EXPECT_EQ(tavrix_db_close(nullptr), -4);
+    EXPECT_EQ(tavrix_db_close(nullptr), TAVRIX_ERR_PARAMETER);
 }
 
 TEST_F(Database, PreparesOnTheCallersConnection) {
@@ -160,7 +161,8 @@ TEST_F(Database, ReportsAQueryThatCannotBePrepared) {
     ASSERT_EQ(tavrix_db_open(&handle), 0);
     sqlite3_stmt *statement = nullptr;
     const LogCapture log("info");
-    EXPECT_EQ(tavrix_db_prepare_statement(handle, cfgdb, &statement, "SELECT nonsense FROM t"), -7);
+    EXPECT_EQ(tavrix_db_prepare_statement(handle, cfgdb, &statement, "SELECT nonsense FROM t"),
+              TAVRIX_ERR_SYSTEM_ACCESS);
     EXPECT_EQ(log.sequence(),
               std::vector<std::string>{"WARN |[RC:1] Unable to prepare query <SELECT nonsense FROM t>"});
 }
@@ -172,12 +174,14 @@ TEST_F(Database, LeaksNoFreshConnection) {
     {
         const LogCapture log("off");
         EXPECT_EQ(tavrix_db_get_single_id_result(nullptr, cfgdb, "t", &value, "SELECT id FROM t"), 0);
-        EXPECT_EQ(tavrix_db_get_single_id_result(nullptr, cfgdb, "t", &value, "SELECT id FROM empty"), -1);
-        EXPECT_EQ(tavrix_db_get_single_id_result(nullptr, cfgdb, "t", &value, "SELECT nonsense"), -1);
-        EXPECT_EQ(tavrix_db_prepare_statement(nullptr, cfgdb, &statement, "SELECT nonsense"), -7);
+        EXPECT_EQ(tavrix_db_get_single_id_result(nullptr, cfgdb, "t", &value, "SELECT id FROM empty"),
+                  TAVRIX_ERR_GENERAL);
+        EXPECT_EQ(tavrix_db_get_single_id_result(nullptr, cfgdb, "t", &value, "SELECT nonsense"), TAVRIX_ERR_GENERAL);
+        EXPECT_EQ(tavrix_db_prepare_statement(nullptr, cfgdb, &statement, "SELECT nonsense"), TAVRIX_ERR_SYSTEM_ACCESS);
         EXPECT_EQ(tavrix_db_prepare_statement(nullptr, cfgdb, &statement, "-- nothing to run"), 0);
         EXPECT_EQ(statement, nullptr);
-        EXPECT_EQ(tavrix_db_get_single_id_result(nullptr, "missing.db", "t", &value, "SELECT 1"), -7);
+        EXPECT_EQ(tavrix_db_get_single_id_result(nullptr, "missing.db", "t", &value, "SELECT 1"),
+                  TAVRIX_ERR_SYSTEM_ACCESS);
     }
     EXPECT_EQ(support::open_descriptors(), open_before);
 }
@@ -193,7 +197,8 @@ TEST_F(Database, ReadsIdsAndCounts) {
     EXPECT_EQ(value, 0);
     value = -77;
     log.clear();
-    EXPECT_EQ(tavrix_db_get_single_id_result(handle, cfgdb, "thing", &value, "SELECT id FROM t WHERE id = 8"), -1);
+    EXPECT_EQ(tavrix_db_get_single_id_result(handle, cfgdb, "thing", &value, "SELECT id FROM t WHERE id = 8"),
+              TAVRIX_ERR_GENERAL);
     EXPECT_EQ(value, -77);
     EXPECT_EQ(log.sequence(),
               std::vector<std::string>{"DEBUG|Unable to get [thing] id/count from database [zqn_h7.db]"});
@@ -205,7 +210,7 @@ TEST_F(Database, NamesTheFirstNullArgument) {
     const char *no_text = nullptr;
     LogCapture log("info");
     const auto named = [&](int rc, int index) {
-        EXPECT_EQ(rc, -4);
+        EXPECT_EQ(rc, TAVRIX_ERR_PARAMETER);
         EXPECT_EQ(log.sequence(), std::vector<std::string>{"WARN |Found a null input parameter at varg index <" +
                                                            std::to_string(index) + ">"});
         log.clear();
@@ -247,10 +252,10 @@ TEST_F(Database, RunsTransactions) {
 TEST_F(Database, ReportsTransactionsThatFail) {
     ASSERT_EQ(tavrix_db_open(&handle), 0);
     const LogCapture log("info");
-    EXPECT_EQ(tavrix_db_commit_transaction(handle), -7);
-    EXPECT_EQ(tavrix_db_rollback_transaction(handle), -7);
+    EXPECT_EQ(tavrix_db_commit_transaction(handle), TAVRIX_ERR_SYSTEM_ACCESS);
+    EXPECT_EQ(tavrix_db_rollback_transaction(handle), TAVRIX_ERR_SYSTEM_ACCESS);
     ASSERT_EQ(tavrix_db_open_transaction(handle), 0);
-    EXPECT_EQ(tavrix_db_open_transaction(handle), -7);
+    EXPECT_EQ(tavrix_db_open_transaction(handle), TAVRIX_ERR_SYSTEM_ACCESS);
     EXPECT_EQ(log.sequence(), (std::vector<std::string>{
                                   "ERROR|Unable to commit sql transaction due to SQLite error <1>",
                                   "ERROR|Unable to rollback sql transaction due to SQLite error <1>",
@@ -269,7 +274,7 @@ TEST_F(Database, CommitsOnceWhileAnotherConnectionReads) {
     ASSERT_EQ(sqlite3_exec(handle, "INSERT INTO t VALUES (1, NULL)", nullptr, nullptr, nullptr), SQLITE_OK);
     {
         const LogCapture log("debug");
-        EXPECT_EQ(tavrix_db_commit_transaction(handle), -7);
+        EXPECT_EQ(tavrix_db_commit_transaction(handle), TAVRIX_ERR_SYSTEM_ACCESS);
         EXPECT_EQ(log.sequence(),
                   std::vector<std::string>{"ERROR|Unable to commit sql transaction due to SQLite error <5>"});
     }
@@ -281,9 +286,9 @@ TEST_F(Database, CommitsOnceWhileAnotherConnectionReads) {
 
 TEST_F(Database, RunsNoTransactionWithoutAHandle) {
     const LogCapture log("debug");
-    EXPECT_EQ(tavrix_db_open_transaction(nullptr), -7);
-    EXPECT_EQ(tavrix_db_commit_transaction(nullptr), -7);
-    EXPECT_EQ(tavrix_db_rollback_transaction(nullptr), -7);
+    EXPECT_EQ(tavrix_db_open_transaction(nullptr), TAVRIX_ERR_SYSTEM_ACCESS);
+    EXPECT_EQ(tavrix_db_commit_transaction(nullptr), TAVRIX_ERR_SYSTEM_ACCESS);
+    EXPECT_EQ(tavrix_db_rollback_transaction(nullptr), TAVRIX_ERR_SYSTEM_ACCESS);
     EXPECT_EQ(log.sequence(), (std::vector<std::string>{
                                   "ERROR|Unable to begin sql transaction due to SQLite error <21>",
                                   "ERROR|Unable to commit sql transaction due to SQLite error <21>",

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "support/log_capture.h"
+#include "tavrix_error.h"
 
 using support::LogCapture;
 
@@ -50,7 +51,7 @@ TEST(Open, ClosesTheHandleOfAFailedOpen) {
     sqlite3 *handle = nullptr;
     closed = nullptr;
     const LogCapture log("off");
-    EXPECT_EQ(tavrix_db_open_file(&handle, "missing.db"), -7);
+    EXPECT_EQ(tavrix_db_open_file(&handle, "missing.db"), TAVRIX_ERR_SYSTEM_ACCESS);
     EXPECT_NE(closed, nullptr);
     EXPECT_EQ(closed, handle);
 }

@@ -7,6 +7,7 @@
 
 #include "support/bus.h"
 #include "support/log_capture.h"
+#include "tavrix_error.h"
 #include "tavrix_jrpc.h"
 #include "tavrix_mq.h"
 
@@ -190,26 +191,26 @@ TEST_F(Endpoint, DropsAFrameWithoutJson) {
 TEST_F(Endpoint, RefusesAnEmptyFrame) {
     BusPair everything("", 2000);
     ASSERT_EQ(tavrix_mq_socket_send(everything.pub.number, ""), 0);
-    EXPECT_EQ(tavrix_jrpc_mq_run(&everything.sub.number, &replies.pub.number, table, 0), -1);
+    EXPECT_EQ(tavrix_jrpc_mq_run(&everything.sub.number, &replies.pub.number, table, 0), TAVRIX_ERR_GENERAL);
 }
 
 TEST_F(Endpoint, SaysWhenNothingArrived) {
-    EXPECT_EQ(step(1), -46);
+    EXPECT_EQ(step(1), TAVRIX_ERR_MQ_TIMEOUT);
     tavrix_mq_socket_set_timeout(requests.sub.number, 20);
-    EXPECT_EQ(step(0), -46);
+    EXPECT_EQ(step(0), TAVRIX_ERR_MQ_TIMEOUT);
 }
 
 TEST_F(Endpoint, PassesAFailedReceiveOn) {
     requests.sub.close();
     int closed = 9999;
-    EXPECT_EQ(tavrix_jrpc_mq_run(&closed, &replies.pub.number, table, 0), -1);
+    EXPECT_EQ(tavrix_jrpc_mq_run(&closed, &replies.pub.number, table, 0), TAVRIX_ERR_GENERAL);
 }
 
 TEST_F(Endpoint, ReportsAReplyThatCannotBePublished) {
     int closed = 9999;
     requests.publish(std::string("service|") + request);
     const LogCapture log("debug");
-    EXPECT_EQ(tavrix_jrpc_mq_run(&requests.sub.number, &closed, table, 0), -1);
+    EXPECT_EQ(tavrix_jrpc_mq_run(&requests.sub.number, &closed, table, 0), TAVRIX_ERR_GENERAL);
     EXPECT_TRUE(log.has(support::debug, unit, "[tavrix_jrpc_mq_run]: Sending response over mq_pub ...\n"));
     EXPECT_TRUE(log.has(support::debug, unit, "[tavrix_jrpc_mq_pub]: Error mq_send, rc = -1\n"));
     EXPECT_TRUE(log.has(support::debug, unit, "[tavrix_jrpc_mq_run]: Error mq_send, rc = -1\n"));
@@ -217,9 +218,9 @@ TEST_F(Endpoint, ReportsAReplyThatCannotBePublished) {
 
 TEST_F(Endpoint, RefusesNullArguments) {
     const LogCapture log("debug");
-    EXPECT_EQ(tavrix_jrpc_mq_run(nullptr, &replies.pub.number, table, 0), -20);
-    EXPECT_EQ(tavrix_jrpc_mq_run(&requests.sub.number, nullptr, table, 0), -20);
-    EXPECT_EQ(tavrix_jrpc_mq_run(&requests.sub.number, &replies.pub.number, nullptr, 0), -20);
+    EXPECT_EQ(tavrix_jrpc_mq_run(nullptr, &replies.pub.number, table, 0), TAVRIX_ERR_NULL_INPUT);
+    EXPECT_EQ(tavrix_jrpc_mq_run(&requests.sub.number, nullptr, table, 0), TAVRIX_ERR_NULL_INPUT);
+    EXPECT_EQ(tavrix_jrpc_mq_run(&requests.sub.number, &replies.pub.number, nullptr, 0), TAVRIX_ERR_NULL_INPUT);
     EXPECT_EQ(log.count(support::debug, unit, "[tavrix_jrpc_mq_run]: Null Pointer!\n"), 3);
 }
 
@@ -249,9 +250,9 @@ TEST_F(Endpoint, ListensOnSeveralChannels) {
 TEST(Publish, RefusesNullArguments) {
     const BusSocket pub(TAVRIX_SP_PUB);
     const LogCapture log("debug");
-    EXPECT_EQ(tavrix_jrpc_mq_pub(nullptr, "c", "{}"), -20);
-    EXPECT_EQ(tavrix_jrpc_mq_pub(&pub.number, nullptr, "{}"), -20);
-    EXPECT_EQ(tavrix_jrpc_mq_pub(&pub.number, "c", nullptr), -20);
+    EXPECT_EQ(tavrix_jrpc_mq_pub(nullptr, "c", "{}"), TAVRIX_ERR_NULL_INPUT);
+    EXPECT_EQ(tavrix_jrpc_mq_pub(&pub.number, nullptr, "{}"), TAVRIX_ERR_NULL_INPUT);
+    EXPECT_EQ(tavrix_jrpc_mq_pub(&pub.number, "c", nullptr), TAVRIX_ERR_NULL_INPUT);
     EXPECT_EQ(log.count(support::debug, unit, "[tavrix_jrpc_mq_pub]: Null Pointer!\n"), 3);
 }
 
@@ -270,19 +271,19 @@ TEST(PubInit, BindsAPublisher) {
 TEST(PubInit, RefusesNullAndBadAddresses) {
     int pub = -77;
     const LogCapture log("debug");
-    EXPECT_EQ(tavrix_jrpc_mq_pub_init(nullptr, &pub), -20);
-    EXPECT_EQ(tavrix_jrpc_mq_pub_init("tcp://127.0.0.1:1", nullptr), -20);
+    EXPECT_EQ(tavrix_jrpc_mq_pub_init(nullptr, &pub), TAVRIX_ERR_NULL_INPUT);
+    EXPECT_EQ(tavrix_jrpc_mq_pub_init("tcp://127.0.0.1:1", nullptr), TAVRIX_ERR_NULL_INPUT);
     EXPECT_EQ(log.count(support::debug, unit, "[tavrix_jrpc_mq_pub_init]: NULL pointer!\n"), 2);
-    EXPECT_EQ(tavrix_jrpc_mq_pub_init("ipc://x", &pub), -34) << "the bind's own status";
+    EXPECT_EQ(tavrix_jrpc_mq_pub_init("ipc://x", &pub), TAVRIX_ERR_VALIDATION) << "the bind's own status";
     EXPECT_TRUE(log.has(support::debug, unit, "[tavrix_jrpc_mq_pub_init]: Error mq_socket_bind for pub, rc = -34\n"));
-    EXPECT_EQ(tavrix_jrpc_mq_pub_init("tcp://nowhere", &pub), -1);
+    EXPECT_EQ(tavrix_jrpc_mq_pub_init("tcp://nowhere", &pub), TAVRIX_ERR_GENERAL);
     EXPECT_TRUE(log.has(support::debug, unit, "[tavrix_jrpc_mq_pub_init]: Error mq_socket_bind for pub, rc = -1\n"));
     EXPECT_EQ(pub, -77);
 }
 
 TEST(PubInit, LeavesTheSocketOpenWhenItCannotBind) {
     int pub = -77;
-    ASSERT_EQ(tavrix_jrpc_mq_pub_init("tcp://nowhere", &pub), -1);
+    ASSERT_EQ(tavrix_jrpc_mq_pub_init("tcp://nowhere", &pub), TAVRIX_ERR_GENERAL);
     int ms = 0;
     EXPECT_EQ(tavrix_mq_socket_get_timeout(0, &ms), 0) << "the first number";
     EXPECT_EQ(tavrix_mq_socket_close(0), 0);
@@ -293,7 +294,7 @@ TEST(SubInit, MakesAStepWaitForASecond) {
     ASSERT_EQ(tavrix_jrpc_mq_sub_init(&sub.number, 1), 0);
     BusSocket pub(TAVRIX_SP_PUB);
     const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(tavrix_jrpc_mq_run(&sub.number, &pub.number, table, 0), -46);
+    EXPECT_EQ(tavrix_jrpc_mq_run(&sub.number, &pub.number, table, 0), TAVRIX_ERR_MQ_TIMEOUT);
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(990)) << "not before its time";
 }
 
@@ -311,7 +312,7 @@ TEST(SubInit, SetsATimeOutWhenAskedTo) {
 
 TEST(SubInit, RefusesNull) {
     const LogCapture log("debug");
-    EXPECT_EQ(tavrix_jrpc_mq_sub_init(nullptr, 1), -20);
+    EXPECT_EQ(tavrix_jrpc_mq_sub_init(nullptr, 1), TAVRIX_ERR_NULL_INPUT);
     EXPECT_TRUE(log.has(support::debug, unit, "[tavrix_jrpc_mq_sub_init]: NULL pointer!\n"));
 }
 
@@ -323,8 +324,8 @@ TEST(Init, ReportsThatNoBusSocketIsLeft) {
     }
     int out = -77;
     const LogCapture log("debug");
-    EXPECT_EQ(tavrix_jrpc_mq_pub_init("tcp://127.0.0.1:1", &out), -1);
-    EXPECT_EQ(tavrix_jrpc_mq_sub_init(&out, 1), -1);
+    EXPECT_EQ(tavrix_jrpc_mq_pub_init("tcp://127.0.0.1:1", &out), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(tavrix_jrpc_mq_sub_init(&out, 1), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(out, -77);
     EXPECT_TRUE(log.has(support::debug, unit, "[tavrix_jrpc_mq_pub_init]: Error mq_socket_init for pub, rc = -1\n"));
     EXPECT_TRUE(log.has(support::debug, unit, "[tavrix_jrpc_mq_sub_init]: Error mq_socket_init for sub, rc = -1\n"));
@@ -336,9 +337,9 @@ TEST(Init, ReportsThatNoBusSocketIsLeft) {
 TEST(SetChannel, RefusesNull) {
     BusSocket sub(TAVRIX_SP_SUB);
     const LogCapture log("debug");
-    EXPECT_EQ(tavrix_jrpc_mq_sub_set_channel(nullptr, "c", &sub.number), -20);
-    EXPECT_EQ(tavrix_jrpc_mq_sub_set_channel("tcp://127.0.0.1:1", nullptr, &sub.number), -20);
-    EXPECT_EQ(tavrix_jrpc_mq_sub_set_channel("tcp://127.0.0.1:1", "c", nullptr), -20);
+    EXPECT_EQ(tavrix_jrpc_mq_sub_set_channel(nullptr, "c", &sub.number), TAVRIX_ERR_NULL_INPUT);
+    EXPECT_EQ(tavrix_jrpc_mq_sub_set_channel("tcp://127.0.0.1:1", nullptr, &sub.number), TAVRIX_ERR_NULL_INPUT);
+    EXPECT_EQ(tavrix_jrpc_mq_sub_set_channel("tcp://127.0.0.1:1", "c", nullptr), TAVRIX_ERR_NULL_INPUT);
     EXPECT_EQ(log.count(support::debug, unit, "[tavrix_jrpc_mq_sub_set_channel]: NULL pointer!\n"), 3);
     int ms = 0;
     EXPECT_EQ(tavrix_mq_socket_get_timeout(sub.number, &ms), 0) << "the socket is still open";
@@ -359,9 +360,9 @@ TEST(SetChannel, ClosesTheSocketWhenAStepFails) {
     for (const auto &row : rows) {
         BusSocket socket(row.sp_type);
         const LogCapture log("debug");
-        EXPECT_EQ(tavrix_jrpc_mq_sub_set_channel(row.address, "c", &socket.number), -1);
+        EXPECT_EQ(tavrix_jrpc_mq_sub_set_channel(row.address, "c", &socket.number), TAVRIX_ERR_GENERAL);
         EXPECT_TRUE(log.has(support::debug, unit, row.line)) << log.text();
         int ms = 0;
-        EXPECT_EQ(tavrix_mq_socket_get_timeout(std::exchange(socket.number, -1), &ms), -1) << "closed";
+        EXPECT_EQ(tavrix_mq_socket_get_timeout(std::exchange(socket.number, -1), &ms), TAVRIX_ERR_GENERAL) << "closed";
     }
 }

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "support/log_capture.h"
+#include "tavrix_error.h"
 
 using support::LogCapture;
 
@@ -136,10 +137,10 @@ TEST(ConvertFromJrpc, TakesTheFirstRowThatFits) {
     for (const auto &[jrpc, internal] : first) {
         EXPECT_EQ(tavrix_jrpc_error_convert_jrpc_to_tavrix(jrpc), internal) << jrpc;
     }
-    EXPECT_EQ(tavrix_jrpc_error_convert_jrpc_to_tavrix(-32602), -35);
-    EXPECT_EQ(tavrix_jrpc_error_convert_jrpc_to_tavrix(-32010), -7);
-    EXPECT_EQ(tavrix_jrpc_error_convert_jrpc_to_tavrix(-32011), -21);
-    EXPECT_EQ(tavrix_jrpc_error_convert_jrpc_to_tavrix(-32001), -1);
+    EXPECT_EQ(tavrix_jrpc_error_convert_jrpc_to_tavrix(-32602), TAVRIX_ERR_PARAMETER_NOT_FOUND);
+    EXPECT_EQ(tavrix_jrpc_error_convert_jrpc_to_tavrix(-32010), TAVRIX_ERR_SYSTEM_ACCESS);
+    EXPECT_EQ(tavrix_jrpc_error_convert_jrpc_to_tavrix(-32011), TAVRIX_ERR_UNALLOCATED_WRITE);
+    EXPECT_EQ(tavrix_jrpc_error_convert_jrpc_to_tavrix(-32001), TAVRIX_ERR_GENERAL);
 }
 
 TEST(ConvertFromJrpc, AnswersTheOtherNumberingWhenNoRowFits) {

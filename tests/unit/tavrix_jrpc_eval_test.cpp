@@ -6,6 +6,7 @@
 
 #include "support/json.h"
 #include "support/log_capture.h"
+#include "tavrix_error.h"
 #include "tavrix_jrpc.h"
 
 using support::LogCapture;
@@ -90,12 +91,12 @@ TEST_F(Evaluate, RefusesEachNullArgument) {
     char stale[] = "not the library's";
     const LogCapture log("info");
     char *text = stale;
-    EXPECT_EQ(tavrix_jrpc_eval_request(nullptr, table, &text), -1);
+    EXPECT_EQ(tavrix_jrpc_eval_request(nullptr, table, &text), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(text, nullptr);
     text = stale;
-    EXPECT_EQ(tavrix_jrpc_eval_request(good, nullptr, &text), -1);
+    EXPECT_EQ(tavrix_jrpc_eval_request(good, nullptr, &text), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(text, nullptr);
-    EXPECT_EQ(tavrix_jrpc_eval_request(good, table, nullptr), -1);
+    EXPECT_EQ(tavrix_jrpc_eval_request(good, table, nullptr), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(log.count(support::error, unit, "tavrix_jrpc_eval_request: NULL pointer!\n"), 3);
     EXPECT_EQ(script.calls, 0);
 }

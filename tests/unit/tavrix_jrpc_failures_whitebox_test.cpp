@@ -15,6 +15,7 @@
 #include "support/bus.h"
 #include "support/log_capture.h"
 #include "support/stream.h"
+#include "tavrix_error.h"
 #include "tavrix_jrpc.h"
 #include "tavrix_mq.h"
 
@@ -233,11 +234,11 @@ TEST(FramingFailures, ReportThatMemoryIsOut) {
     }
     {
         const Failing once("malloc");
-        EXPECT_EQ(tavrix_jrpc_parse_msg("a|b", 3, &text), -1);
+        EXPECT_EQ(tavrix_jrpc_parse_msg("a|b", 3, &text), TAVRIX_ERR_GENERAL);
     }
     {
         const Failing once("strdup");
-        EXPECT_EQ(tavrix_jrpc_parse_channel(R"({"id":"a"})", &text), -1);
+        EXPECT_EQ(tavrix_jrpc_parse_channel(R"({"id":"a"})", &text), TAVRIX_ERR_GENERAL);
     }
     {
         const Failing once("strdup");
@@ -252,7 +253,7 @@ TEST(PublishFailures, ReportAFrameThatCannotBeMade) {
     const BusSocket pub(TAVRIX_SP_PUB);
     const LogCapture log("debug");
     const Failing once("malloc");
-    EXPECT_EQ(tavrix_jrpc_mq_pub(&pub.number, "c", "{}"), -1);
+    EXPECT_EQ(tavrix_jrpc_mq_pub(&pub.number, "c", "{}"), TAVRIX_ERR_GENERAL);
     EXPECT_TRUE(log.has(support::debug, unit, "[tavrix_jrpc_mq_pub]: add_channel failed\n"));
 }
 
@@ -260,7 +261,7 @@ TEST(SubInitFailures, LeaveTheSocketOpenWhenTheTimeOutCannotBeSet) {
     int sub = -77;
     const LogCapture log("debug");
     const Failing once("set_timeout");
-    EXPECT_EQ(tavrix_jrpc_mq_sub_init(&sub, 1), -1);
+    EXPECT_EQ(tavrix_jrpc_mq_sub_init(&sub, 1), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(sub, -77);
     EXPECT_TRUE(log.has(support::debug, unit,
                         "[tavrix_jrpc_mq_sub_init]: Error tavrix_mq_socket_set_timeout for sub, rc = -1\n"));
@@ -274,7 +275,7 @@ TEST(NotificationWaitFailures, ReportATimeOutThatCannotBeLifted) {
     json_t *out = nullptr;
     const LogCapture log("debug");
     const Failing once("set_timeout");
-    EXPECT_EQ(tavrix_jrpc_mq_sub_for_notifcation(sub.number, "x", &out), -1);
+    EXPECT_EQ(tavrix_jrpc_mq_sub_for_notifcation(sub.number, "x", &out), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(log.sequence(),
               std::vector<std::string>{
                   "DEBUG|[tavrix_jrpc_mq_sub_for_notifcation]: Error mq_socket_set_timeout for sub, rc = -1"});
@@ -305,7 +306,7 @@ TEST(NotificationWaitFailures, OnlyLogATimeOutThatCannotBeRestoredWhenTheyGiveUp
     json_t *out = nullptr;
     const LogCapture log("debug");
     const Failing second("set_timeout", 1);
-    EXPECT_EQ(tavrix_jrpc_mq_sub_for_notifcation(bus.sub.number, "x", &out), -1);
+    EXPECT_EQ(tavrix_jrpc_mq_sub_for_notifcation(bus.sub.number, "x", &out), TAVRIX_ERR_GENERAL);
     const std::vector<std::string> lines = log.sequence();
     ASSERT_GE(lines.size(), 2U);
     EXPECT_EQ(std::vector<std::string>(lines.end() - 2, lines.end()),
@@ -341,7 +342,7 @@ TEST_P(RouterFailures, AreReportedOnBothPaths) {
     const LogCapture log("debug");
     {
         const Failing once(GetParam().function);
-        EXPECT_EQ(tavrix_jrpc_router_process_msg(R"({"method":"p","id":1})", &request, &channel), -1);
+        EXPECT_EQ(tavrix_jrpc_router_process_msg(R"({"method":"p","id":1})", &request, &channel), TAVRIX_ERR_GENERAL);
     }
     EXPECT_EQ(request, nullptr);
     EXPECT_STREQ(channel, "3a6f8f51-502f-4238-9638-29764ff1a8a4") << "stored before the failing step";
@@ -350,7 +351,7 @@ TEST_P(RouterFailures, AreReportedOnBothPaths) {
     const BusSocket pub(TAVRIX_SP_PUB);
     {
         const Failing once(GetParam().function);
-        EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&pub.number, object), -1);
+        EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&pub.number, object), TAVRIX_ERR_GENERAL);
     }
     json_decref(object);
     for (const char *function : {"tavrix_jrpc_router_process_msg", "tavrix_jrpc_router_mq_dispatch_request"}) {
@@ -363,7 +364,7 @@ TEST(RouterFailure, WithoutAServiceChannelIsReportedOnTheSplitPath) {
     const BusSocket pub(TAVRIX_SP_PUB);
     const LogCapture log("debug");
     const Failing once("strdup");
-    EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&pub.number, object), -1);
+    EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&pub.number, object), TAVRIX_ERR_GENERAL);
     EXPECT_TRUE(log.has(support::debug, unit, "[tavrix_jrpc_router_mq_dispatch_request]: No JSON uuid\n"));
     json_decref(object);
 }
@@ -378,7 +379,7 @@ TEST(RouterFailure, WithoutAServiceChannelIsReportedAndClosesTheClientInOneCall)
     const LogCapture log("debug");
     {
         const Failing once("strdup");
-        EXPECT_EQ(tavrix_jrpc_router_socket_to_mq(&listener, &pub.number, &client), -20);
+        EXPECT_EQ(tavrix_jrpc_router_socket_to_mq(&listener, &pub.number, &client), TAVRIX_ERR_NULL_INPUT);
     }
     EXPECT_EQ(log.last(),
               support::whole(support::debug, "[tavrix_jrpc_router_socket_to_mq]: Error mq_pub, rc = -20\n"));
@@ -396,7 +397,7 @@ TEST(ServerFailures, OfTheClientsCloseAreItsStatusAndComeOnce) {
     closes = 0;
     {
         const Failing always("close");
-        EXPECT_EQ(tavrix_jrpc_unix_socket_run(&listener, table), -1);
+        EXPECT_EQ(tavrix_jrpc_unix_socket_run(&listener, table), TAVRIX_ERR_GENERAL);
     }
     EXPECT_EQ(closes, 1);
     EXPECT_EQ(out.text().find("tavrix_socket_close: "), out.text().rfind("tavrix_socket_close: "));
@@ -406,9 +407,9 @@ TEST(ServerFailures, OfTheClientsCloseAreItsStatusAndComeOnce) {
 
 TEST(RouterProcessMsg, RefusesNullArguments) {
     char *text = nullptr;
-    EXPECT_EQ(tavrix_jrpc_router_process_msg(nullptr, &text, &text), -1);
-    EXPECT_EQ(tavrix_jrpc_router_process_msg("{}", nullptr, &text), -1);
-    EXPECT_EQ(tavrix_jrpc_router_process_msg("{}", &text, nullptr), -1);
+    EXPECT_EQ(tavrix_jrpc_router_process_msg(nullptr, &text, &text), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(tavrix_jrpc_router_process_msg("{}", nullptr, &text), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(tavrix_jrpc_router_process_msg("{}", &text, nullptr), TAVRIX_ERR_GENERAL);
 }
 
 TEST(SystemResponseFailures, GiveNull) {
@@ -428,7 +429,7 @@ TEST(SystemResponseFailures, GiveNull) {
         const LogCapture log("info");
         {
             const Failing once(row.function, row.after);
-            EXPECT_EQ(tavrix_jrpc_router_create_system_lock_response(asked, &response), -1);
+            EXPECT_EQ(tavrix_jrpc_router_create_system_lock_response(asked, &response), TAVRIX_ERR_GENERAL);
         }
         EXPECT_EQ(response, nullptr);
         EXPECT_EQ(log.has(support::error, unit, no_transaction), row.transaction_line);
@@ -437,7 +438,7 @@ TEST(SystemResponseFailures, GiveNull) {
         }
         response = asked;
         const Failing once(row.function, row.after);
-        EXPECT_EQ(tavrix_jrpc_router_create_system_timeout_response("a", 1, &response), -1);
+        EXPECT_EQ(tavrix_jrpc_router_create_system_timeout_response("a", 1, &response), TAVRIX_ERR_GENERAL);
         EXPECT_EQ(response, nullptr);
     }
     json_decref(asked);

@@ -5,6 +5,7 @@
 
 #include "support/json.h"
 #include "support/log_capture.h"
+#include "tavrix_error.h"
 #include "tavrix_jrpc.h"
 
 using support::LogCapture;
@@ -83,8 +84,8 @@ TEST(ParseMsg, StaysWithinTheGivenLength) {
 TEST(ParseMsg, RefusesNull) {
     char *text = nullptr;
     const LogCapture log("debug");
-    EXPECT_EQ(tavrix_jrpc_parse_msg(nullptr, 3, &text), -20);
-    EXPECT_EQ(tavrix_jrpc_parse_msg("a|b", 3, nullptr), -20);
+    EXPECT_EQ(tavrix_jrpc_parse_msg(nullptr, 3, &text), TAVRIX_ERR_NULL_INPUT);
+    EXPECT_EQ(tavrix_jrpc_parse_msg("a|b", 3, nullptr), TAVRIX_ERR_NULL_INPUT);
     EXPECT_EQ(log.count(support::debug, unit, "[tavrix_connect_parse_msg]: Null Pointer!\n"), 2);
 }
 
@@ -98,7 +99,7 @@ TEST(ParseChannel, TakesTheIdWhenItIsAString) {
 TEST(ParseChannel, TellsANotificationApart) {
     const LogCapture log("verbose");
     const Split none = channel_of(R"({"method":"x"})");
-    EXPECT_EQ(none.rc, -44);
+    EXPECT_EQ(none.rc, TAVRIX_ERR_NO_JSON_ID);
     EXPECT_EQ(none.text, "(null)");
     EXPECT_TRUE(log.has(support::verbose, unit, "[tavrix_jrpc_parse_channel]: No ID\n"));
 }
@@ -136,8 +137,8 @@ TEST(ParseChannel, RefusesWhatIsNoJson) {
 TEST(ParseChannel, RefusesNull) {
     char *channel = nullptr;
     const LogCapture log("debug");
-    EXPECT_EQ(tavrix_jrpc_parse_channel(nullptr, &channel), -20);
-    EXPECT_EQ(tavrix_jrpc_parse_channel("{}", nullptr), -20);
+    EXPECT_EQ(tavrix_jrpc_parse_channel(nullptr, &channel), TAVRIX_ERR_NULL_INPUT);
+    EXPECT_EQ(tavrix_jrpc_parse_channel("{}", nullptr), TAVRIX_ERR_NULL_INPUT);
     EXPECT_EQ(log.count(support::debug, unit, "[tavrix_jrpc_parse_channel]: Null Pointer!\n"), 2);
 }
 

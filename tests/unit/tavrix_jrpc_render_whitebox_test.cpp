@@ -8,6 +8,7 @@
 #include "internal/tavrix_jrpc_seam.h"
 #include "support/bus.h"
 #include "support/log_capture.h"
+#include "tavrix_error.h"
 #include "tavrix_jrpc.h"
 #include "tavrix_mq.h"
 
@@ -74,7 +75,7 @@ TEST(Rendering, OfARoutedRequestThatHasNoneIsNotTriedBelowVerboseLevel) {
         for (const char *level : {"off", "info", "debug"}) {
             const support::LogCapture log(level);
             renderings = 0;
-            EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&pub.number, request), -1);
+            EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&pub.number, request), TAVRIX_ERR_GENERAL);
             EXPECT_EQ(renderings, 0) << level;
         }
         json_decref(request);
@@ -87,12 +88,13 @@ TEST(Rendering, OfARoutedRequestThatFailsIsReported) {
     fail_rendering = true;
     {
         const support::LogCapture log("verbose");
-        EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&pub.number, request), -1);
+        EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&pub.number, request), TAVRIX_ERR_GENERAL);
         EXPECT_TRUE(log.has(support::debug, "tavrix_jrpc",
                             "[tavrix_jrpc_router_mq_dispatch_request]: Cannot print JSON message\n"));
         char *text = nullptr;
         char *channel = nullptr;
-        EXPECT_EQ(tavrix_jrpc_router_process_msg(R"({"method":"ports.Get","id":1})", &text, &channel), -1);
+        EXPECT_EQ(tavrix_jrpc_router_process_msg(R"({"method":"ports.Get","id":1})", &text, &channel),
+                  TAVRIX_ERR_GENERAL);
         EXPECT_EQ(text, nullptr);
         EXPECT_EQ(channel, nullptr);
         EXPECT_TRUE(
@@ -100,10 +102,10 @@ TEST(Rendering, OfARoutedRequestThatFailsIsReported) {
     }
     {
         const support::LogCapture log("debug");
-        EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&pub.number, request), -1);
+        EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&pub.number, request), TAVRIX_ERR_GENERAL);
         EXPECT_TRUE(log.has(support::debug, "tavrix_jrpc",
                             "[tavrix_jrpc_router_mq_dispatch_request]: Cannot re-encode JSON message\n"));
-        EXPECT_EQ(tavrix_jrpc_router_socket_dispatch_response(&pub.number, request), -1);
+        EXPECT_EQ(tavrix_jrpc_router_socket_dispatch_response(&pub.number, request), TAVRIX_ERR_GENERAL);
         EXPECT_TRUE(log.has(support::debug, "tavrix_jrpc",
                             "[tavrix_jrpc_router_socket_dispatch_response]: Cannot decode JSON message\n"));
     }

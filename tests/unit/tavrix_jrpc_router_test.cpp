@@ -8,6 +8,7 @@
 #include "support/json.h"
 #include "support/log_capture.h"
 #include "support/stream.h"
+#include "tavrix_error.h"
 #include "tavrix_jrpc.h"
 #include "tavrix_mq.h"
 
@@ -233,7 +234,7 @@ TEST_F(Router, ReportsThatItCannotPublish) {
     const StreamClient asking = connect(request);
     const int closed = 9999;
     const LogCapture log("debug");
-    EXPECT_EQ(tavrix_jrpc_router_socket_to_mq(&listener, &closed, &client), -1);
+    EXPECT_EQ(tavrix_jrpc_router_socket_to_mq(&listener, &closed, &client), TAVRIX_ERR_GENERAL);
     EXPECT_TRUE(log.has(support::debug, unit, line(one_call, "Error mq_pub, rc = -1")));
     EXPECT_TRUE(asking.closed_silently());
 }
@@ -250,25 +251,25 @@ TEST_F(Router, PassesTheAcceptsStatusOn) {
 TEST_F(Router, RefusesNullArguments) {
     Value value("{}");
     const LogCapture log("debug");
-    EXPECT_EQ(tavrix_jrpc_router_socket_to_mq(nullptr, &bus.pub.number, &client), -20);
-    EXPECT_EQ(tavrix_jrpc_router_socket_to_mq(&listener, nullptr, &client), -20);
-    EXPECT_EQ(tavrix_jrpc_router_socket_to_mq(&listener, &bus.pub.number, nullptr), -20);
+    EXPECT_EQ(tavrix_jrpc_router_socket_to_mq(nullptr, &bus.pub.number, &client), TAVRIX_ERR_NULL_INPUT);
+    EXPECT_EQ(tavrix_jrpc_router_socket_to_mq(&listener, nullptr, &client), TAVRIX_ERR_NULL_INPUT);
+    EXPECT_EQ(tavrix_jrpc_router_socket_to_mq(&listener, &bus.pub.number, nullptr), TAVRIX_ERR_NULL_INPUT);
     EXPECT_EQ(log.count(support::debug, unit, line(one_call, "NULL pointer!")), 3);
-    EXPECT_EQ(tavrix_jrpc_router_socket_extract_request(nullptr, &client, &value.json), -1);
-    EXPECT_EQ(tavrix_jrpc_router_socket_extract_request(&listener, nullptr, &value.json), -1);
-    EXPECT_EQ(tavrix_jrpc_router_socket_extract_request(&listener, &client, nullptr), -1);
+    EXPECT_EQ(tavrix_jrpc_router_socket_extract_request(nullptr, &client, &value.json), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(tavrix_jrpc_router_socket_extract_request(&listener, nullptr, &value.json), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(tavrix_jrpc_router_socket_extract_request(&listener, &client, nullptr), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(log.count(support::debug, unit, line(extracting, "NULL pointer!")), 3);
-    EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(nullptr, value.json), -1);
-    EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&bus.pub.number, nullptr), -1);
+    EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(nullptr, value.json), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&bus.pub.number, nullptr), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(log.count(support::debug, unit, line(dispatching, "NULL pointer!")), 2);
-    EXPECT_EQ(tavrix_jrpc_router_mq_to_socket(nullptr, &client), -20);
-    EXPECT_EQ(tavrix_jrpc_router_mq_to_socket(&bus.sub.number, nullptr), -20);
+    EXPECT_EQ(tavrix_jrpc_router_mq_to_socket(nullptr, &client), TAVRIX_ERR_NULL_INPUT);
+    EXPECT_EQ(tavrix_jrpc_router_mq_to_socket(&bus.sub.number, nullptr), TAVRIX_ERR_NULL_INPUT);
     EXPECT_EQ(log.count(support::debug, unit, line(answering, "Null Pointer!")), 2);
-    EXPECT_EQ(tavrix_jrpc_router_mq_extract_response(nullptr, &value.json), -1);
-    EXPECT_EQ(tavrix_jrpc_router_mq_extract_response(&bus.sub.number, nullptr), -1);
+    EXPECT_EQ(tavrix_jrpc_router_mq_extract_response(nullptr, &value.json), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(tavrix_jrpc_router_mq_extract_response(&bus.sub.number, nullptr), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(log.count(support::debug, unit, line(receiving, "NULL pointer!")), 2);
-    EXPECT_EQ(tavrix_jrpc_router_socket_dispatch_response(nullptr, value.json), -1);
-    EXPECT_EQ(tavrix_jrpc_router_socket_dispatch_response(&client, nullptr), -1);
+    EXPECT_EQ(tavrix_jrpc_router_socket_dispatch_response(nullptr, value.json), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(tavrix_jrpc_router_socket_dispatch_response(&client, nullptr), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(log.count(support::debug, unit, line(sending, "NULL pointer!")), 2);
 }
 
@@ -346,7 +347,7 @@ TEST_P(RouterRefuses, OnTheSplitPath) {
         return; // refused by the extraction already
     }
     const LogCapture log("debug");
-    EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&bus.pub.number, value.json), -1);
+    EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&bus.pub.number, value.json), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(log.last(), support::whole(support::debug, line(dispatching, GetParam().words)));
 }
 
@@ -358,7 +359,7 @@ TEST_F(Router, RefusesToDispatchWhatIsNoObject) {
     for (const auto &row : rows) {
         Value value(row.text);
         const LogCapture log("debug");
-        EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&bus.pub.number, value.json), -1);
+        EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&bus.pub.number, value.json), TAVRIX_ERR_GENERAL);
         EXPECT_EQ(log.last(), support::whole(support::debug, line(dispatching, row.words))) << row.text;
     }
 }
@@ -449,7 +450,7 @@ TEST_P(RouterDispatchRefuses, BeforeAnythingElseAtEveryLevel) {
     const auto before = members(value.json);
     for (const char *level : {"off", "info", "debug", "verbose"}) {
         const LogCapture log(level);
-        EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&bus.pub.number, value.json), -1) << level;
+        EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&bus.pub.number, value.json), TAVRIX_ERR_GENERAL) << level;
         const bool told = std::string(level) == "debug" || std::string(level) == "verbose";
         EXPECT_EQ(log.count(support::debug, unit, line(dispatching, "Cannot print JSON message")), told ? 1 : 0);
         EXPECT_EQ(log.lines().size(), told ? 1U : 0U) << log.text();
@@ -488,7 +489,7 @@ TEST_F(Router, ReportsADispatchThatCannotBePublished) {
     Value value(request);
     const int closed = 9999;
     const LogCapture log("debug");
-    EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&closed, value.json), -1);
+    EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&closed, value.json), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(log.last(), support::whole(support::debug, line(dispatching, "Error mq_pub, rc = -1")));
 }
 
@@ -550,7 +551,7 @@ TEST_F(Router, RelaysAReplyUnchangedAndCloses) {
 
 TEST_F(Router, ClosesTheClientWhenNoReplyComes) {
     Answered pair;
-    EXPECT_EQ(tavrix_jrpc_router_mq_to_socket(&replies.sub.number, &pair.router_side), -46);
+    EXPECT_EQ(tavrix_jrpc_router_mq_to_socket(&replies.sub.number, &pair.router_side), TAVRIX_ERR_MQ_TIMEOUT);
     EXPECT_TRUE(pair.asking.closed_silently());
     EXPECT_EQ(pair.router_side, -1);
 }
@@ -559,7 +560,7 @@ TEST_F(Router, ClosesTheClientWhenTheReplyHasNoBar) {
     Answered pair;
     replies.publish(reply_channel);
     const LogCapture log("debug");
-    EXPECT_EQ(tavrix_jrpc_router_mq_to_socket(&replies.sub.number, &pair.router_side), -1);
+    EXPECT_EQ(tavrix_jrpc_router_mq_to_socket(&replies.sub.number, &pair.router_side), TAVRIX_ERR_GENERAL);
     EXPECT_TRUE(log.has(support::debug, unit, line(answering, "Error parse_msg, rc = -1")));
     EXPECT_TRUE(pair.asking.closed_silently());
     EXPECT_EQ(pair.router_side, -1);
@@ -569,7 +570,7 @@ TEST_F(Router, ClosesTheClientWhenTheMessageIsEmpty) {
     BusPair everything("", 2000);
     Answered pair;
     everything.publish("");
-    EXPECT_EQ(tavrix_jrpc_router_mq_to_socket(&everything.sub.number, &pair.router_side), -1);
+    EXPECT_EQ(tavrix_jrpc_router_mq_to_socket(&everything.sub.number, &pair.router_side), TAVRIX_ERR_GENERAL);
     EXPECT_TRUE(pair.asking.closed_silently());
     EXPECT_EQ(pair.router_side, -1);
 }
@@ -579,7 +580,7 @@ TEST_F(Router, ReportsAClientThatHasGone) {
     pair.asking.close();
     replies.publish(std::string(reply_channel) + "|" + reply_text);
     const LogCapture log("debug");
-    EXPECT_EQ(tavrix_jrpc_router_mq_to_socket(&replies.sub.number, &pair.router_side), -1);
+    EXPECT_EQ(tavrix_jrpc_router_mq_to_socket(&replies.sub.number, &pair.router_side), TAVRIX_ERR_GENERAL);
     EXPECT_TRUE(log.has(support::debug, unit, line(answering, "Error send, rc = -1")));
 }
 
@@ -603,7 +604,7 @@ TEST_F(Router, RefusesRepliesThatAreNoObjects) {
         replies.publish(std::string(reply_channel) + row.frame);
         Value value;
         const LogCapture log("debug");
-        EXPECT_EQ(tavrix_jrpc_router_mq_extract_response(&replies.sub.number, &value.json), -1);
+        EXPECT_EQ(tavrix_jrpc_router_mq_extract_response(&replies.sub.number, &value.json), TAVRIX_ERR_GENERAL);
         EXPECT_EQ(value.json, nullptr);
         EXPECT_TRUE(log.has(support::debug, unit, line(receiving, row.words))) << log.text();
     }
@@ -612,7 +613,7 @@ TEST_F(Router, RefusesRepliesThatAreNoObjects) {
 TEST_F(Router, LetsTheTimeOutSurfaceOnTheSplitPath) {
     Value value;
     const LogCapture log("debug");
-    EXPECT_EQ(tavrix_jrpc_router_mq_extract_response(&replies.sub.number, &value.json), -46);
+    EXPECT_EQ(tavrix_jrpc_router_mq_extract_response(&replies.sub.number, &value.json), TAVRIX_ERR_MQ_TIMEOUT);
     EXPECT_TRUE(log.has(support::debug, unit, line(receiving, "Failed mq_socket_recv, rc = -46")));
 }
 
@@ -620,7 +621,7 @@ TEST_F(Router, RefusesAnEmptyMessageOnTheSplitPath) {
     BusPair everything("", 2000);
     everything.publish("");
     Value value;
-    EXPECT_EQ(tavrix_jrpc_router_mq_extract_response(&everything.sub.number, &value.json), -1);
+    EXPECT_EQ(tavrix_jrpc_router_mq_extract_response(&everything.sub.number, &value.json), TAVRIX_ERR_GENERAL);
 }
 
 TEST_F(Router, SendsAnObjectCompactAndEscapedAndKeepsTheClientOpen) {
@@ -642,7 +643,7 @@ TEST_F(Router, ReportsAFailedSendInTheOneCallPathsWords) {
     pair.asking.close();
     Value value("{}");
     const LogCapture log("debug");
-    EXPECT_EQ(tavrix_jrpc_router_socket_dispatch_response(&pair.router_side, value.json), -1);
+    EXPECT_EQ(tavrix_jrpc_router_socket_dispatch_response(&pair.router_side, value.json), TAVRIX_ERR_GENERAL);
     EXPECT_TRUE(log.has(support::debug, unit, line(answering, "Error send, rc = -1")));
 }
 
@@ -732,8 +733,8 @@ TEST(RouterNotification, RefusesWhatIsMalformedInThisOrder) {
 TEST(RouterNotification, RefusesNull) {
     const Value value("{}");
     const LogCapture log("info");
-    EXPECT_EQ(tavrix_jrpc_router_eval_notification(nullptr, notifications), -1);
-    EXPECT_EQ(tavrix_jrpc_router_eval_notification(value.json, nullptr), -1);
+    EXPECT_EQ(tavrix_jrpc_router_eval_notification(nullptr, notifications), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(tavrix_jrpc_router_eval_notification(value.json, nullptr), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(log.count(support::error, unit, line(evaluating, "NULL pointer!")), 2);
 }
 
@@ -773,7 +774,7 @@ TEST(LockResponse, NeedsAnIdThatIsAString) {
         const Value old("{}");
         json_t *response = old.json;
         const LogCapture log("debug");
-        EXPECT_EQ(tavrix_jrpc_router_create_system_lock_response(asked.json, &response), -1);
+        EXPECT_EQ(tavrix_jrpc_router_create_system_lock_response(asked.json, &response), TAVRIX_ERR_GENERAL);
         EXPECT_EQ(response, nullptr);
         EXPECT_EQ(log.first(),
                   support::whole(support::debug,
@@ -782,9 +783,9 @@ TEST(LockResponse, NeedsAnIdThatIsAString) {
     const LogCapture log("debug");
     const Value asked("{}");
     json_t *response = asked.json;
-    EXPECT_EQ(tavrix_jrpc_router_create_system_lock_response(nullptr, &response), -1);
+    EXPECT_EQ(tavrix_jrpc_router_create_system_lock_response(nullptr, &response), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(response, asked.json) << "untouched";
-    EXPECT_EQ(tavrix_jrpc_router_create_system_lock_response(asked.json, nullptr), -1);
+    EXPECT_EQ(tavrix_jrpc_router_create_system_lock_response(asked.json, nullptr), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(log.count(support::debug, unit, line(locking, "NULL pointer!")), 2);
 }
 
@@ -802,12 +803,13 @@ TEST(TimeOutResponse, RefusesNullAndGivesNullWhenItCannotBeMade) {
     const Value old("{}");
     json_t *response = old.json;
     const LogCapture log("debug");
-    EXPECT_EQ(tavrix_jrpc_router_create_system_timeout_response(nullptr, 0, &response), -1);
-    EXPECT_EQ(tavrix_jrpc_router_create_system_timeout_response("b", 0, nullptr), -1);
+    EXPECT_EQ(tavrix_jrpc_router_create_system_timeout_response(nullptr, 0, &response), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(tavrix_jrpc_router_create_system_timeout_response("b", 0, nullptr), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(
         log.count(support::debug, unit, line("tavrix_jrpc_router_create_system_timeout_response", "NULL pointer!")), 2);
     EXPECT_EQ(response, nullptr) << "a null id too";
     response = old.json;
-    EXPECT_EQ(tavrix_jrpc_router_create_system_timeout_response("\xff", 0, &response), -1) << "no valid UTF-8";
+    EXPECT_EQ(tavrix_jrpc_router_create_system_timeout_response("\xff", 0, &response), TAVRIX_ERR_GENERAL)
+        << "no valid UTF-8";
     EXPECT_EQ(response, nullptr);
 }

@@ -9,6 +9,7 @@
 #include "support/bus.h"
 #include "support/log_capture.h"
 #include "support/stream.h"
+#include "tavrix_error.h"
 #include "tavrix_jrpc.h"
 #include "tavrix_mq.h"
 
@@ -145,8 +146,8 @@ TEST_P(StreamServer, ReportsThatNobodyIsWaiting) {
 
 TEST_P(StreamServer, RefusesNull) {
     const LogCapture log("debug");
-    EXPECT_EQ(GetParam().run(nullptr, table), -20);
-    EXPECT_EQ(GetParam().run(&listener, nullptr), -20);
+    EXPECT_EQ(GetParam().run(nullptr, table), TAVRIX_ERR_NULL_INPUT);
+    EXPECT_EQ(GetParam().run(&listener, nullptr), TAVRIX_ERR_NULL_INPUT);
     EXPECT_EQ(log.count(support::debug, unit, GetParam().null_line), 2);
 }
 
@@ -224,9 +225,9 @@ TEST(ServerInit, SaysWhenAListenerStands) {
 
 TEST(ServerInit, RefusesNull) {
     const LogCapture log("debug");
-    EXPECT_EQ(tavrix_jrpc_unix_socket_init("x", nullptr, 0), -20);
-    EXPECT_EQ(tavrix_jrpc_tcp_socket_init(0, nullptr, 0), -20);
-    EXPECT_EQ(tavrix_jrpc_pull_socket_init("tcp://127.0.0.1:1", nullptr), -20);
+    EXPECT_EQ(tavrix_jrpc_unix_socket_init("x", nullptr, 0), TAVRIX_ERR_NULL_INPUT);
+    EXPECT_EQ(tavrix_jrpc_tcp_socket_init(0, nullptr, 0), TAVRIX_ERR_NULL_INPUT);
+    EXPECT_EQ(tavrix_jrpc_pull_socket_init("tcp://127.0.0.1:1", nullptr), TAVRIX_ERR_NULL_INPUT);
     EXPECT_EQ(log.sequence(), (std::vector<std::string>{
                                   "DEBUG|[tavrix_jrpc_unix_socket_init]: NULL pointer!",
                                   "DEBUG|[tavrix_jrpc_tcp_socket_init]: NULL pointer!",
@@ -273,13 +274,13 @@ TEST_F(PullServer, ReturnsTheEvaluationsStatus) {
 
 TEST_F(PullServer, FailsWhenNothingCanBeReceived) {
     tavrix_mq_socket_set_timeout(pull.number, 10);
-    EXPECT_EQ(tavrix_jrpc_pull_socket_run(pull.number, table), -1) << "a time-out too";
-    EXPECT_EQ(tavrix_jrpc_pull_socket_run(9999, table), -1);
+    EXPECT_EQ(tavrix_jrpc_pull_socket_run(pull.number, table), TAVRIX_ERR_GENERAL) << "a time-out too";
+    EXPECT_EQ(tavrix_jrpc_pull_socket_run(9999, table), TAVRIX_ERR_GENERAL);
 }
 
 TEST_F(PullServer, RefusesANullTable) {
     const LogCapture log("debug");
-    EXPECT_EQ(tavrix_jrpc_pull_socket_run(pull.number, nullptr), -20);
+    EXPECT_EQ(tavrix_jrpc_pull_socket_run(pull.number, nullptr), TAVRIX_ERR_NULL_INPUT);
     EXPECT_TRUE(log.has(support::debug, unit, "[tavrix_jrpc_pull_socket_run]: NULL pointer!\n"));
 }
 
@@ -289,9 +290,9 @@ TEST(PullServerInit, SpeaksInTheNamesOfTheTcpServerAndThePublisher) {
     ASSERT_EQ(tavrix_jrpc_pull_socket_init(support::free_bus_address().c_str(), &pull.number), 0);
     EXPECT_TRUE(log.has(support::debug, unit, "[tavrix_jrpc_tcp_socket_init]: pull socket initialized!\n"));
     int handle = -77;
-    EXPECT_EQ(tavrix_jrpc_pull_socket_init("ipc://x", &handle), -34) << "the bind's own status";
+    EXPECT_EQ(tavrix_jrpc_pull_socket_init("ipc://x", &handle), TAVRIX_ERR_VALIDATION) << "the bind's own status";
     EXPECT_TRUE(log.has(support::error, unit, "[tavrix_jrpc_mq_pub_init]: Error mq_socket_bind for pull, rc = -34\n"));
-    EXPECT_EQ(tavrix_jrpc_pull_socket_init(nullptr, &handle), -20);
+    EXPECT_EQ(tavrix_jrpc_pull_socket_init(nullptr, &handle), TAVRIX_ERR_NULL_INPUT);
     EXPECT_EQ(handle, -77);
 }
 
@@ -303,7 +304,7 @@ TEST(PullServerInit, GivesItsSocketBackWhenItCannotBind) {
     const int free_number = next_number();
     int handle = -77;
     const LogCapture log("off");
-    EXPECT_EQ(tavrix_jrpc_pull_socket_init("ipc://x", &handle), -34);
+    EXPECT_EQ(tavrix_jrpc_pull_socket_init("ipc://x", &handle), TAVRIX_ERR_VALIDATION);
     EXPECT_EQ(next_number(), free_number);
 }
 
@@ -315,7 +316,7 @@ TEST(PullServerInit, GoesOnToTheBindWhenNoBusSocketIsLeft) {
     }
     int handle = -77;
     const LogCapture log("info");
-    EXPECT_EQ(tavrix_jrpc_pull_socket_init("tcp://127.0.0.1:1", &handle), -1);
+    EXPECT_EQ(tavrix_jrpc_pull_socket_init("tcp://127.0.0.1:1", &handle), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(log.sequence(), (std::vector<std::string>{
                                   "ERROR|[tavrix_jrpc_tcp_socket_init]: cannot init pull socket!",
                                   "ERROR|[tavrix_jrpc_mq_pub_init]: Error mq_socket_bind for pull, rc = -1",

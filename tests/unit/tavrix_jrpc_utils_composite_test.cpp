@@ -13,6 +13,7 @@
 
 #include "support/log_capture.h"
 #include "support/params.h"
+#include "tavrix_error.h"
 
 using support::Buffer;
 using support::LogCapture;
@@ -182,7 +183,7 @@ TEST(RetrievePorts, FoldsEveryBadElementIntoOneStatus) {
     };
     for (const auto &row : rows) {
         Ports ports(list({object(port(1)), object(with(port(2), row.member, row.json)), object(port(3))}));
-        EXPECT_EQ(ports.retrieve(), -4) << row.member << " " << row.json;
+        EXPECT_EQ(ports.retrieve(), TAVRIX_ERR_PARAMETER) << row.member << " " << row.json;
         EXPECT_EQ(ports.params.message(), row.message);
         EXPECT_EQ(ports.count, 3) << "the length of the list";
         ports.expect_port(0, 1);
@@ -201,7 +202,7 @@ TEST(RetrievePorts, RefusesTooManyVlanIdsWithoutStoringAny) {
         ids += ", " + text_of(i);
     }
     Ports ports(list({object(with(port(1), "vlan_ids", "[" + ids + "]"))}));
-    EXPECT_EQ(ports.retrieve(), -4);
+    EXPECT_EQ(ports.retrieve(), TAVRIX_ERR_PARAMETER);
     EXPECT_EQ(ports.records[0].vlan_ids[0], filled);
     EXPECT_EQ(ports.records[0].vlan_count, 33);
     EXPECT_TRUE(ports.untouched(1));
@@ -209,7 +210,7 @@ TEST(RetrievePorts, RefusesTooManyVlanIdsWithoutStoringAny) {
 
 TEST(RetrievePorts, WritesTheNumberAndTheVlanIdsStraightIntoTheRecord) {
     Ports ports(list({object(with(port(7), "vlan_ids", "[5, 0]"))}));
-    EXPECT_EQ(ports.retrieve(), -4);
+    EXPECT_EQ(ports.retrieve(), TAVRIX_ERR_PARAMETER);
     EXPECT_EQ(ports.records[0].port_number, 7);
     EXPECT_EQ(ports.records[0].vlan_ids[0], 5);
     EXPECT_EQ(ports.records[0].vlan_count, 2);
@@ -219,7 +220,7 @@ TEST(RetrievePorts, WritesTheNumberAndTheVlanIdsStraightIntoTheRecord) {
 TEST(RetrievePorts, RefusesElementsThatAreNoObjects) {
     for (const char *element : {"null", "1", R"("port")", "[]", "{}"}) {
         Ports ports(list({element}));
-        EXPECT_EQ(ports.retrieve(), -4) << element;
+        EXPECT_EQ(ports.retrieve(), TAVRIX_ERR_PARAMETER) << element;
         EXPECT_EQ(ports.params.message(), "Missing expected parameter: 'port_number'");
         EXPECT_EQ(ports.count, 1);
         EXPECT_TRUE(ports.untouched(0));
@@ -255,7 +256,7 @@ TEST(RetrievePorts, ReadsInItsOrder) {
 TEST(RetrievePorts, NumbersItsElementsFromZeroAndStopsAtTheFirstBadOne) {
     const LogCapture log("verbose");
     Ports ports(list({object(port(1)), object(with(port(2), "port_status", "")), object(port(3))}));
-    EXPECT_EQ(ports.retrieve(), -4);
+    EXPECT_EQ(ports.retrieve(), TAVRIX_ERR_PARAMETER);
     EXPECT_TRUE(log.has(support::verbose, unit, "Retrieving port #0...\n"));
     EXPECT_TRUE(log.has(support::verbose, unit, "Retrieving port #1...\n"));
     EXPECT_FALSE(log.has(support::verbose, unit, "Retrieving port #2...\n"));
@@ -266,7 +267,7 @@ TEST(RetrievePorts, NumbersItsElementsFromZeroAndStopsAtTheFirstBadOne) {
 
 TEST(RetrievePorts, PassesOnWhatTheArrayParserFinds) {
     Ports text(R"("ports")");
-    EXPECT_EQ(text.retrieve(), -31);
+    EXPECT_EQ(text.retrieve(), TAVRIX_ERR_INVALID_PARAMETER);
     EXPECT_EQ(text.params.message(), "Parameter 'ports' is not of type 'array'.");
     EXPECT_EQ(text.count, -77);
     EXPECT_TRUE(text.untouched(0));
@@ -274,11 +275,13 @@ TEST(RetrievePorts, PassesOnWhatTheArrayParserFinds) {
     Params missing("{}");
     tavrix_port_input record;
     int count = -77;
-    EXPECT_EQ(tavrix_jrpc_utils_retrieve_input_ports(missing.get(), missing.debug(), "ports", &record, &count, 1), -35);
+    EXPECT_EQ(tavrix_jrpc_utils_retrieve_input_ports(missing.get(), missing.debug(), "ports", &record, &count, 1),
+              TAVRIX_ERR_PARAMETER_NOT_FOUND);
     EXPECT_EQ(missing.message(), "Missing expected parameter: 'ports'");
     EXPECT_EQ(count, -77);
     Params null("");
-    EXPECT_EQ(tavrix_jrpc_utils_retrieve_input_ports(null.get(), null.debug(), "ports", &record, &count, 1), -35);
+    EXPECT_EQ(tavrix_jrpc_utils_retrieve_input_ports(null.get(), null.debug(), "ports", &record, &count, 1),
+              TAVRIX_ERR_PARAMETER_NOT_FOUND);
 }
 
 TEST(RetrievePorts, RefusesNullArgumentsInSilence) {
@@ -286,9 +289,12 @@ TEST(RetrievePorts, RefusesNullArgumentsInSilence) {
     Ports ports(ports_json(1));
     json_t *params = ports.params.get();
     json_t **debug = ports.params.debug();
-    EXPECT_EQ(tavrix_jrpc_utils_retrieve_input_ports(params, debug, nullptr, ports.records, &ports.count, 1), -4);
-    EXPECT_EQ(tavrix_jrpc_utils_retrieve_input_ports(params, debug, "ports", nullptr, &ports.count, 1), -4);
-    EXPECT_EQ(tavrix_jrpc_utils_retrieve_input_ports(params, debug, "ports", ports.records, nullptr, 1), -4);
+    EXPECT_EQ(tavrix_jrpc_utils_retrieve_input_ports(params, debug, nullptr, ports.records, &ports.count, 1),
+              TAVRIX_ERR_PARAMETER);
+    EXPECT_EQ(tavrix_jrpc_utils_retrieve_input_ports(params, debug, "ports", nullptr, &ports.count, 1),
+              TAVRIX_ERR_PARAMETER);
+    EXPECT_EQ(tavrix_jrpc_utils_retrieve_input_ports(params, debug, "ports", ports.records, nullptr, 1),
+              TAVRIX_ERR_PARAMETER);
     EXPECT_EQ(ports.count, -77);
     EXPECT_TRUE(ports.untouched(0));
     EXPECT_TRUE(log.silent());
@@ -354,7 +360,7 @@ TEST(RetrievePortsHardware, FoldsEveryBadElementIntoOneStatus) {
     for (const char *member : {"port_number", "poe_status", "link_status", "link_speed"}) {
         for (const char *json : {"", R"("1")"}) {
             PortsHardware ports(list({object(port_hardware(1)), object(with(port_hardware(2), member, json))}));
-            EXPECT_EQ(ports.retrieve(), -4) << member << " " << json;
+            EXPECT_EQ(ports.retrieve(), TAVRIX_ERR_PARAMETER) << member << " " << json;
             EXPECT_EQ(ports.count, 2);
             ports.expect_port(0, 1);
             EXPECT_EQ(ports.records[1].poe_status, filled);
@@ -363,7 +369,7 @@ TEST(RetrievePortsHardware, FoldsEveryBadElementIntoOneStatus) {
         }
     }
     PortsHardware ports(list({object(with(port_hardware(1), "port_number", "129"))}));
-    EXPECT_EQ(ports.retrieve(), -4);
+    EXPECT_EQ(ports.retrieve(), TAVRIX_ERR_PARAMETER);
 }
 
 TEST(RetrievePortsHardware, SaysWhatItDoes) {
@@ -383,7 +389,7 @@ TEST(RetrievePortsHardware, SaysWhatItDoes) {
 
 TEST(RetrievePortsHardware, PassesOnWhatTheArrayParserFinds) {
     PortsHardware text("1");
-    EXPECT_EQ(text.retrieve(), -31);
+    EXPECT_EQ(text.retrieve(), TAVRIX_ERR_INVALID_PARAMETER);
     EXPECT_EQ(text.params.message(), "Parameter 'ports' is not of type 'array'.");
     Params missing("{}");
     EXPECT_EQ(tavrix_jrpc_utils_retrieve_input_ports_hardware(missing.get(), missing.debug(), "ports", text.records,
@@ -399,8 +405,10 @@ TEST(RetrievePortsHardware, RefusesNullArgumentsInSilence) {
     json_t **debug = ports.params.debug();
     EXPECT_EQ(tavrix_jrpc_utils_retrieve_input_ports_hardware(params, debug, nullptr, ports.records, &ports.count, 1),
               -4);
-    EXPECT_EQ(tavrix_jrpc_utils_retrieve_input_ports_hardware(params, debug, "ports", nullptr, &ports.count, 1), -4);
-    EXPECT_EQ(tavrix_jrpc_utils_retrieve_input_ports_hardware(params, debug, "ports", ports.records, nullptr, 1), -4);
+    EXPECT_EQ(tavrix_jrpc_utils_retrieve_input_ports_hardware(params, debug, "ports", nullptr, &ports.count, 1),
+              TAVRIX_ERR_PARAMETER);
+    EXPECT_EQ(tavrix_jrpc_utils_retrieve_input_ports_hardware(params, debug, "ports", ports.records, nullptr, 1),
+              TAVRIX_ERR_PARAMETER);
     EXPECT_EQ(ports.count, -77);
     EXPECT_TRUE(log.silent());
 }
@@ -491,7 +499,7 @@ TEST(RetrieveMacFilters, KeepsTheInnerStatus) {
 
 TEST(RetrieveMacFilters, PassesOnWhatTheArrayParserFinds) {
     const MacFilters text(R"("filters")");
-    EXPECT_EQ(text.rc, -31);
+    EXPECT_EQ(text.rc, TAVRIX_ERR_INVALID_PARAMETER);
     EXPECT_EQ(text.params.message(), "Parameter 'filters' is not of type 'array'.");
     EXPECT_EQ(text.count, -77);
     EXPECT_TRUE(text.untouched);
@@ -597,7 +605,7 @@ TEST(RetrieveMacaddrAllowed, RefusesAnythingElse) {
         const LogCapture log("debug");
         Params params(std::string(R"({"mac": ")") + text + R"("})");
         Buffer out(20);
-        EXPECT_EQ(retrieve_allowed(params, out), -34) << text;
+        EXPECT_EQ(retrieve_allowed(params, out), TAVRIX_ERR_VALIDATION) << text;
         EXPECT_EQ(out.text(), text);
         EXPECT_EQ(params.message(), "(none)");
         EXPECT_EQ(log.text().find("Retrieved"), std::string::npos);
@@ -607,14 +615,15 @@ TEST(RetrieveMacaddrAllowed, RefusesAnythingElse) {
 TEST(RetrieveMacaddrAllowed, PassesOnWhatTheParserFindsAndRefusesNullArguments) {
     Buffer out(20);
     Params missing("{}");
-    EXPECT_EQ(retrieve_allowed(missing, out), -35);
+    EXPECT_EQ(retrieve_allowed(missing, out), TAVRIX_ERR_PARAMETER_NOT_FOUND);
     EXPECT_EQ(missing.message(), "Missing expected parameter: 'mac'");
     Params number(R"({"mac": 1})");
-    EXPECT_EQ(retrieve_allowed(number, out), -31);
+    EXPECT_EQ(retrieve_allowed(number, out), TAVRIX_ERR_INVALID_PARAMETER);
     EXPECT_EQ(number.message(), "Parameter 'mac' is not of type 'string'.");
     const LogCapture log("verbose");
-    EXPECT_EQ(retrieve_allowed(number, out, nullptr), -4);
-    EXPECT_EQ(tavrix_jrpc_utils_retrieve_input_macaddr_allowed(number.get(), number.debug(), "mac", nullptr, 20), -4);
+    EXPECT_EQ(retrieve_allowed(number, out, nullptr), TAVRIX_ERR_PARAMETER);
+    EXPECT_EQ(tavrix_jrpc_utils_retrieve_input_macaddr_allowed(number.get(), number.debug(), "mac", nullptr, 20),
+              TAVRIX_ERR_PARAMETER);
     EXPECT_TRUE(out.untouched());
     EXPECT_TRUE(log.silent());
 }
@@ -622,13 +631,13 @@ TEST(RetrieveMacaddrAllowed, PassesOnWhatTheParserFindsAndRefusesNullArguments) 
 TEST(RetrieveMacaddrAllowed, RefusesABufferOfNoBytesAfterWhatTheParserFinds) {
     Buffer out(0);
     Params missing("{}");
-    EXPECT_EQ(retrieve_allowed(missing, out), -35);
+    EXPECT_EQ(retrieve_allowed(missing, out), TAVRIX_ERR_PARAMETER_NOT_FOUND);
     Params number(R"({"mac": 1})");
-    EXPECT_EQ(retrieve_allowed(number, out), -31);
+    EXPECT_EQ(retrieve_allowed(number, out), TAVRIX_ERR_INVALID_PARAMETER);
     const LogCapture log("debug");
     for (const char *text : {"none", "aa:bb:cc:dd:ee:ff"}) {
         Params good(std::string(R"({"mac": ")") + text + R"("})");
-        EXPECT_EQ(retrieve_allowed(good, out), -4) << text;
+        EXPECT_EQ(retrieve_allowed(good, out), TAVRIX_ERR_PARAMETER) << text;
     }
     EXPECT_TRUE(out.untouched());
     EXPECT_TRUE(log.silent());
@@ -680,7 +689,7 @@ TEST(RetrieveAlias, RefusesNineCharactersWithAMessage) {
         const LogCapture log("debug");
         Params params(alias_json(value));
         Buffer out(32);
-        EXPECT_EQ(retrieve_alias(params, out), -34);
+        EXPECT_EQ(retrieve_alias(params, out), TAVRIX_ERR_VALIDATION);
         EXPECT_EQ(out.text(), value) << "neither cut nor in upper case";
         EXPECT_EQ(params.message(), alias_message);
         EXPECT_TRUE(log.silent());
@@ -691,7 +700,7 @@ TEST(RetrieveAlias, ReplacesAnEarlierMessage) {
     Params params(alias_json("abcdefghi"));
     params.set_message("earlier");
     Buffer out(32);
-    EXPECT_EQ(retrieve_alias(params, out), -34);
+    EXPECT_EQ(retrieve_alias(params, out), TAVRIX_ERR_VALIDATION);
     EXPECT_EQ(params.message(), alias_message);
 }
 
@@ -700,7 +709,7 @@ TEST(RetrieveAlias, LeavesAnEarlierMessageOtherwise) {
     params.set_message("earlier");
     Buffer out(32);
     EXPECT_EQ(retrieve_alias(params, out), 0);
-    EXPECT_EQ(retrieve_alias(params, out, "absent"), -35);
+    EXPECT_EQ(retrieve_alias(params, out, "absent"), TAVRIX_ERR_PARAMETER_NOT_FOUND);
     EXPECT_EQ(params.message(), "earlier");
 }
 
@@ -710,21 +719,22 @@ TEST(RetrieveAlias, MeasuresWhatFitTheBuffer) {
     EXPECT_EQ(retrieve_alias(params, nine), 0);
     EXPECT_EQ(nine.text(), "ABCDEFGH");
     Buffer ten(10);
-    EXPECT_EQ(retrieve_alias(params, ten), -34);
+    EXPECT_EQ(retrieve_alias(params, ten), TAVRIX_ERR_VALIDATION);
     EXPECT_EQ(ten.text(), "abcdefghi");
 }
 
 TEST(RetrieveAlias, PassesOnWhatTheParserFindsAndRefusesNullArguments) {
     Buffer out(32);
     Params missing("{}");
-    EXPECT_EQ(retrieve_alias(missing, out), -35);
+    EXPECT_EQ(retrieve_alias(missing, out), TAVRIX_ERR_PARAMETER_NOT_FOUND);
     EXPECT_EQ(missing.message(), "Missing expected parameter: 'alias'");
     Params number(R"({"alias": 1})");
-    EXPECT_EQ(retrieve_alias(number, out), -31);
+    EXPECT_EQ(retrieve_alias(number, out), TAVRIX_ERR_INVALID_PARAMETER);
     EXPECT_EQ(number.message(), "Parameter 'alias' is not of type 'string'.");
     const LogCapture log("verbose");
-    EXPECT_EQ(retrieve_alias(number, out, nullptr), -4);
-    EXPECT_EQ(tavrix_jrpc_utils_retrieve_input_alias(number.get(), number.debug(), "alias", nullptr, 32), -4);
+    EXPECT_EQ(retrieve_alias(number, out, nullptr), TAVRIX_ERR_PARAMETER);
+    EXPECT_EQ(tavrix_jrpc_utils_retrieve_input_alias(number.get(), number.debug(), "alias", nullptr, 32),
+              TAVRIX_ERR_PARAMETER);
     EXPECT_TRUE(out.untouched());
     EXPECT_TRUE(log.silent());
 }
@@ -732,13 +742,13 @@ TEST(RetrieveAlias, PassesOnWhatTheParserFindsAndRefusesNullArguments) {
 TEST(RetrieveAlias, RefusesABufferOfNoBytesAfterWhatTheParserFinds) {
     Buffer out(0);
     Params missing("{}");
-    EXPECT_EQ(retrieve_alias(missing, out), -35);
+    EXPECT_EQ(retrieve_alias(missing, out), TAVRIX_ERR_PARAMETER_NOT_FOUND);
     Params number(R"({"alias": 1})");
-    EXPECT_EQ(retrieve_alias(number, out), -31);
+    EXPECT_EQ(retrieve_alias(number, out), TAVRIX_ERR_INVALID_PARAMETER);
     const LogCapture log("debug");
     for (const char *text : {"ab1", "nine char"}) {
         Params good(alias_json(text));
-        EXPECT_EQ(retrieve_alias(good, out), -4) << text;
+        EXPECT_EQ(retrieve_alias(good, out), TAVRIX_ERR_PARAMETER) << text;
         EXPECT_EQ(good.message(), "(none)") << text;
     }
     EXPECT_TRUE(out.untouched());
@@ -748,7 +758,8 @@ TEST(RetrieveAlias, RefusesABufferOfNoBytesAfterWhatTheParserFinds) {
 TEST(RetrieveAlias, WorksWithoutAPlaceForTheMessage) {
     const Params params(alias_json("abcdefghi"));
     Buffer out(32);
-    EXPECT_EQ(tavrix_jrpc_utils_retrieve_input_alias(params.get(), nullptr, "alias", out.get(), out.size()), -34);
+    EXPECT_EQ(tavrix_jrpc_utils_retrieve_input_alias(params.get(), nullptr, "alias", out.get(), out.size()),
+              TAVRIX_ERR_VALIDATION);
 }
 
 // --- Secure option -------------------------------------------------------------------------------------------------
@@ -795,7 +806,7 @@ TEST(ParseSecureOption, RefusesOtherWordsAfterRecordingThem) {
         const LogCapture log("info");
         Params params(R"({"secure": ")" + word + R"("})");
         int out = 77;
-        EXPECT_EQ(parse_secure_option(params, &out), -31) << word;
+        EXPECT_EQ(parse_secure_option(params, &out), TAVRIX_ERR_INVALID_PARAMETER) << word;
         EXPECT_EQ(out, 77);
         EXPECT_EQ(params.message(), "(none)");
         EXPECT_EQ(log.sequence(), (Lines{"CONF |Vaultline - secure: <" + word + ">",
@@ -808,18 +819,18 @@ TEST(ParseSecureOption, CutsAWordAt99Characters) {
     const LogCapture log("info");
     Params params(R"({"secure": ")" + std::string(120, 'x') + R"("})");
     int out = 77;
-    EXPECT_EQ(parse_secure_option(params, &out), -31);
+    EXPECT_EQ(parse_secure_option(params, &out), TAVRIX_ERR_INVALID_PARAMETER);
     EXPECT_EQ(log.sequence()[0], "CONF |Vaultline - secure: <" + std::string(99, 'x') + ">");
 }
 
 TEST(ParseSecureOption, FoldsTheParsersStatusAndKeepsItsMessage) {
     int out = 77;
     Params missing("{}");
-    EXPECT_EQ(parse_secure_option(missing, &out), -31) << "not -35";
+    EXPECT_EQ(parse_secure_option(missing, &out), TAVRIX_ERR_INVALID_PARAMETER) << "not TAVRIX_ERR_PARAMETER_NOT_FOUND";
     EXPECT_EQ(missing.message(), "Missing expected parameter: 'secure'");
     const LogCapture log("info");
     Params number(R"({"secure": 1})");
-    EXPECT_EQ(parse_secure_option(number, &out), -31);
+    EXPECT_EQ(parse_secure_option(number, &out), TAVRIX_ERR_INVALID_PARAMETER);
     EXPECT_EQ(number.message(), "Parameter 'secure' is not of type 'string'.");
     EXPECT_EQ(log.sequence(), Lines{"ERROR|Given parameter <secure> is not a string"}) << "nothing is recorded";
     EXPECT_EQ(out, 77);
@@ -830,12 +841,12 @@ TEST(ParseSecureOption, ReportsNullArgumentsWithoutALineEnd) {
     int out = 77;
     {
         const LogCapture log("info");
-        EXPECT_EQ(parse_secure_option(params, &out, nullptr), -31);
+        EXPECT_EQ(parse_secure_option(params, &out, nullptr), TAVRIX_ERR_INVALID_PARAMETER);
         EXPECT_EQ(log.count(support::error, unit, "tavrix_jrpc_utils_parse_input_secure_option received NULL input"),
                   1);
     }
     const LogCapture log("info");
-    EXPECT_EQ(parse_secure_option(params, nullptr), -31);
+    EXPECT_EQ(parse_secure_option(params, nullptr), TAVRIX_ERR_INVALID_PARAMETER);
     EXPECT_EQ(log.count(support::error, unit, "tavrix_jrpc_utils_parse_input_secure_option received NULL input"), 1);
     EXPECT_EQ(out, 77);
     EXPECT_EQ(params.message(), "(none)");
@@ -933,10 +944,10 @@ TEST(PopulateMacAddresses, RefusesNullArgumentsInSilence) {
     const LogCapture log("verbose");
     const Macs macs(1);
     json_t *out = untouched_array;
-    EXPECT_EQ(tavrix_jrpc_utils_populate_json_mac_addresses_array(nullptr, macs.texts.get(), 1), -20);
-    EXPECT_EQ(tavrix_jrpc_utils_populate_json_mac_addresses_array(nullptr, nullptr, 0), -20);
-    EXPECT_EQ(tavrix_jrpc_utils_populate_json_mac_addresses_array(&out, nullptr, 1), -20);
-    EXPECT_EQ(tavrix_jrpc_utils_populate_json_mac_addresses_array(&out, nullptr, -1), -20);
+    EXPECT_EQ(tavrix_jrpc_utils_populate_json_mac_addresses_array(nullptr, macs.texts.get(), 1), TAVRIX_ERR_NULL_INPUT);
+    EXPECT_EQ(tavrix_jrpc_utils_populate_json_mac_addresses_array(nullptr, nullptr, 0), TAVRIX_ERR_NULL_INPUT);
+    EXPECT_EQ(tavrix_jrpc_utils_populate_json_mac_addresses_array(&out, nullptr, 1), TAVRIX_ERR_NULL_INPUT);
+    EXPECT_EQ(tavrix_jrpc_utils_populate_json_mac_addresses_array(&out, nullptr, -1), TAVRIX_ERR_NULL_INPUT);
     EXPECT_EQ(out, untouched_array);
     EXPECT_TRUE(log.silent());
 }
@@ -971,7 +982,7 @@ TEST(PopulateMacAddresses, ReportsThatThereIsNoMemoryForTheArray) {
             const FailingAllocations failing(successes);
             rc = tavrix_jrpc_utils_populate_json_mac_addresses_array(&out, macs.texts.get(), 1);
         }
-        EXPECT_EQ(rc, -22);
+        EXPECT_EQ(rc, TAVRIX_ERR_NO_MEMORY);
         EXPECT_EQ(out, nullptr);
         EXPECT_EQ(log.sequence(), Lines{"ERROR|Unable to create JSON array for MAC addresses"});
         EXPECT_EQ(log.lines().front().file, unit);

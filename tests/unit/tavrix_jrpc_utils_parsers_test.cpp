@@ -13,6 +13,7 @@
 
 #include "support/log_capture.h"
 #include "support/params.h"
+#include "tavrix_error.h"
 
 using support::Buffer;
 using support::LogCapture;
@@ -179,7 +180,7 @@ TEST_P(Parsers, TakeTheirOwnTypeAndNoOther) {
             EXPECT_TRUE(outcome.written) << member;
             EXPECT_EQ(params.message(), "(none)") << member;
         } else {
-            EXPECT_EQ(outcome.rc, -31) << member;
+            EXPECT_EQ(outcome.rc, TAVRIX_ERR_INVALID_PARAMETER) << member;
             // A null member is the very value that marks an untouched output here.
             EXPECT_EQ(outcome.written, GetParam().stores_before_testing && member != "null") << member;
             EXPECT_EQ(params.message(), wrong_type_message()) << member;
@@ -190,7 +191,7 @@ TEST_P(Parsers, TakeTheirOwnTypeAndNoOther) {
 TEST_P(Parsers, SayWhenTheMemberHasAnotherType) {
     const LogCapture log("verbose");
     Params params(R"({"member": {}})");
-    EXPECT_EQ(GetParam().parse(params.get(), params.debug(), "member").rc, -31);
+    EXPECT_EQ(GetParam().parse(params.get(), params.debug(), "member").rc, TAVRIX_ERR_INVALID_PARAMETER);
     const auto lines = log.lines();
     ASSERT_EQ(lines.size(), 3U);
     EXPECT_EQ(lines[0].tag + lines[0].message, std::string("VERB ") + GetParam().announcement);
@@ -205,7 +206,7 @@ TEST_P(Parsers, SayWhenTheMemberIsAbsent) {
     const LogCapture log("verbose");
     Params params(R"({"Member": 1, "other": "s"})");
     const Outcome outcome = GetParam().parse(params.get(), params.debug(), "member");
-    EXPECT_EQ(outcome.rc, -35);
+    EXPECT_EQ(outcome.rc, TAVRIX_ERR_PARAMETER_NOT_FOUND);
     EXPECT_EQ(outcome.written, GetParam().stores_before_testing);
     EXPECT_EQ(params.message(), missing_message);
     const auto lines = log.lines();
@@ -229,7 +230,7 @@ TEST_P(Parsers, LogFailuresEvenBelowTheGuardedLevels) {
 TEST_P(Parsers, FindNothingWithoutAnObject) {
     for (const char *json : {"", "null", "[]", R"("member")", "1", "{}"}) {
         Params params(json);
-        EXPECT_EQ(GetParam().parse(params.get(), params.debug(), "member").rc, -35) << json;
+        EXPECT_EQ(GetParam().parse(params.get(), params.debug(), "member").rc, TAVRIX_ERR_PARAMETER_NOT_FOUND) << json;
         EXPECT_EQ(params.message(), missing_message) << json;
     }
 }
@@ -238,7 +239,7 @@ TEST_P(Parsers, RefuseANullKeyInSilence) {
     const LogCapture log("verbose");
     Params params(R"({"member": 1})");
     const Outcome outcome = GetParam().parse(params.get(), params.debug(), nullptr);
-    EXPECT_EQ(outcome.rc, -4);
+    EXPECT_EQ(outcome.rc, TAVRIX_ERR_PARAMETER);
     EXPECT_FALSE(outcome.written);
     EXPECT_EQ(params.message(), "(none)");
     EXPECT_TRUE(log.silent());
@@ -246,19 +247,19 @@ TEST_P(Parsers, RefuseANullKeyInSilence) {
 
 TEST_P(Parsers, WorkWithoutAPlaceForTheMessage) {
     const Params params(R"({"member": {}})");
-    EXPECT_EQ(GetParam().parse(params.get(), nullptr, "absent").rc, -35);
-    EXPECT_EQ(GetParam().parse(params.get(), nullptr, "member").rc, -31);
+    EXPECT_EQ(GetParam().parse(params.get(), nullptr, "absent").rc, TAVRIX_ERR_PARAMETER_NOT_FOUND);
+    EXPECT_EQ(GetParam().parse(params.get(), nullptr, "member").rc, TAVRIX_ERR_INVALID_PARAMETER);
 }
 
 TEST_P(Parsers, KeepTheFirstMessage) {
     Params params(R"({"member": {}})");
-    EXPECT_EQ(GetParam().parse(params.get(), params.debug(), "first").rc, -35);
-    EXPECT_EQ(GetParam().parse(params.get(), params.debug(), "member").rc, -31);
+    EXPECT_EQ(GetParam().parse(params.get(), params.debug(), "first").rc, TAVRIX_ERR_PARAMETER_NOT_FOUND);
+    EXPECT_EQ(GetParam().parse(params.get(), params.debug(), "member").rc, TAVRIX_ERR_INVALID_PARAMETER);
     EXPECT_EQ(params.message(), "Missing expected parameter: 'first'");
 
     Params other(R"({"member": {}})");
-    EXPECT_EQ(GetParam().parse(other.get(), other.debug(), "member").rc, -31);
-    EXPECT_EQ(GetParam().parse(other.get(), other.debug(), "second").rc, -35);
+    EXPECT_EQ(GetParam().parse(other.get(), other.debug(), "member").rc, TAVRIX_ERR_INVALID_PARAMETER);
+    EXPECT_EQ(GetParam().parse(other.get(), other.debug(), "second").rc, TAVRIX_ERR_PARAMETER_NOT_FOUND);
     EXPECT_EQ(other.message(), wrong_type_message());
 }
 
@@ -279,12 +280,16 @@ TEST_P(Parsers, LeaveTheParametersAlone) {
 TEST(Parsers, RefuseANullOutputInSilence) {
     const LogCapture log("verbose");
     Params params(R"({"member": "1", "number": 1, "flag": true, "list": []})");
-    EXPECT_EQ(tavrix_jrpc_utils_parse_input_bool(params.get(), params.debug(), "flag", nullptr), -4);
-    EXPECT_EQ(tavrix_jrpc_utils_parse_input_array(params.get(), params.debug(), "list", nullptr), -4);
-    EXPECT_EQ(tavrix_jrpc_utils_parse_input_string(params.get(), params.debug(), "member", nullptr, 8), -4);
-    EXPECT_EQ(tavrix_jrpc_utils_parse_input_integer(params.get(), params.debug(), "number", nullptr), -4);
-    EXPECT_EQ(tavrix_jrpc_utils_parse_input_uint64_t(params.get(), params.debug(), "member", nullptr), -4);
-    EXPECT_EQ(tavrix_jrpc_utils_parse_input_float(params.get(), params.debug(), "member", nullptr), -4);
+    EXPECT_EQ(tavrix_jrpc_utils_parse_input_bool(params.get(), params.debug(), "flag", nullptr), TAVRIX_ERR_PARAMETER);
+    EXPECT_EQ(tavrix_jrpc_utils_parse_input_array(params.get(), params.debug(), "list", nullptr), TAVRIX_ERR_PARAMETER);
+    EXPECT_EQ(tavrix_jrpc_utils_parse_input_string(params.get(), params.debug(), "member", nullptr, 8),
+              TAVRIX_ERR_PARAMETER);
+    EXPECT_EQ(tavrix_jrpc_utils_parse_input_integer(params.get(), params.debug(), "number", nullptr),
+              TAVRIX_ERR_PARAMETER);
+    EXPECT_EQ(tavrix_jrpc_utils_parse_input_uint64_t(params.get(), params.debug(), "member", nullptr),
+              TAVRIX_ERR_PARAMETER);
+    EXPECT_EQ(tavrix_jrpc_utils_parse_input_float(params.get(), params.debug(), "member", nullptr),
+              TAVRIX_ERR_PARAMETER);
     EXPECT_EQ(params.message(), "(none)");
     EXPECT_TRUE(log.silent());
 }
@@ -311,9 +316,11 @@ TEST(ParseBool, SaysNothingMoreOnSuccess) {
 TEST(ParseBool, StoresTheMemberBeforeItsTypeIsTested) {
     Params params(R"({"text": "true"})");
     json_t *out = params.get();
-    EXPECT_EQ(tavrix_jrpc_utils_parse_input_bool(params.get(), params.debug(), "absent", &out), -35);
+    EXPECT_EQ(tavrix_jrpc_utils_parse_input_bool(params.get(), params.debug(), "absent", &out),
+              TAVRIX_ERR_PARAMETER_NOT_FOUND);
     EXPECT_EQ(out, nullptr);
-    EXPECT_EQ(tavrix_jrpc_utils_parse_input_bool(params.get(), params.debug(), "text", &out), -31);
+    EXPECT_EQ(tavrix_jrpc_utils_parse_input_bool(params.get(), params.debug(), "text", &out),
+              TAVRIX_ERR_INVALID_PARAMETER);
     EXPECT_EQ(out, json_object_get(params.get(), "text"));
 }
 
@@ -330,9 +337,11 @@ TEST(ParseArray, HandsBackTheMemberItselfAndBorrowed) {
 TEST(ParseArray, StoresTheMemberBeforeItsTypeIsTested) {
     Params params(R"({"object": {}})");
     json_t *out = params.get();
-    EXPECT_EQ(tavrix_jrpc_utils_parse_input_array(params.get(), params.debug(), "absent", &out), -35);
+    EXPECT_EQ(tavrix_jrpc_utils_parse_input_array(params.get(), params.debug(), "absent", &out),
+              TAVRIX_ERR_PARAMETER_NOT_FOUND);
     EXPECT_EQ(out, nullptr);
-    EXPECT_EQ(tavrix_jrpc_utils_parse_input_array(params.get(), params.debug(), "object", &out), -31);
+    EXPECT_EQ(tavrix_jrpc_utils_parse_input_array(params.get(), params.debug(), "object", &out),
+              TAVRIX_ERR_INVALID_PARAMETER);
     EXPECT_EQ(out, json_object_get(params.get(), "object"));
 }
 
@@ -358,7 +367,8 @@ TEST(ParseString, WritesNothingIntoABufferOfNoBytes) {
     Buffer out(0);
     EXPECT_EQ(tavrix_jrpc_utils_parse_input_string(params.get(), params.debug(), "name", out.get(), 0), 0);
     EXPECT_TRUE(out.untouched());
-    EXPECT_EQ(tavrix_jrpc_utils_parse_input_string(params.get(), params.debug(), "absent", out.get(), 0), -35);
+    EXPECT_EQ(tavrix_jrpc_utils_parse_input_string(params.get(), params.debug(), "absent", out.get(), 0),
+              TAVRIX_ERR_PARAMETER_NOT_FOUND);
     EXPECT_TRUE(out.untouched());
 }
 
@@ -382,7 +392,8 @@ TEST(ParseString, TakesFormatCharactersAndUtf8AsTheyAre) {
     EXPECT_EQ(tavrix_jrpc_utils_parse_input_string(params.get(), params.debug(), "%s%n", out.get(), out.size()), 0);
     EXPECT_EQ(out.text(), "%s%n 100% Z\xc3\xbcrich");
     EXPECT_EQ(log.sequence().back(), "VERB |Parsed %s%n: %s%n 100% Z\xc3\xbcrich");
-    EXPECT_EQ(tavrix_jrpc_utils_parse_input_string(params.get(), params.debug(), "%d", out.get(), out.size()), -35);
+    EXPECT_EQ(tavrix_jrpc_utils_parse_input_string(params.get(), params.debug(), "%d", out.get(), out.size()),
+              TAVRIX_ERR_PARAMETER_NOT_FOUND);
     EXPECT_EQ(params.message(), "Missing expected parameter: '%d'");
 }
 
@@ -462,7 +473,8 @@ TEST(ParseUint64, ReportsANumberAsNotAString) {
     const LogCapture log("info");
     Params params(R"({"n": 16})");
     uint64_t out = 77;
-    EXPECT_EQ(tavrix_jrpc_utils_parse_input_uint64_t(params.get(), params.debug(), "n", &out), -31);
+    EXPECT_EQ(tavrix_jrpc_utils_parse_input_uint64_t(params.get(), params.debug(), "n", &out),
+              TAVRIX_ERR_INVALID_PARAMETER);
     EXPECT_EQ(out, 77U);
     EXPECT_EQ(params.message(), "Parameter 'n' is not of type 'string'.");
     EXPECT_EQ(log.sequence(), Lines{"ERROR|Given parameter <n> is not a string"});
@@ -508,7 +520,8 @@ TEST(ParseFloat, ReadsTheText) {
 TEST(ParseFloat, ReportsANumberAsNotAString) {
     Params params(R"({"n": 1.5})");
     float out = 77.0F;
-    EXPECT_EQ(tavrix_jrpc_utils_parse_input_float(params.get(), params.debug(), "n", &out), -31);
+    EXPECT_EQ(tavrix_jrpc_utils_parse_input_float(params.get(), params.debug(), "n", &out),
+              TAVRIX_ERR_INVALID_PARAMETER);
     EXPECT_EQ(out, 77.0F);
     EXPECT_EQ(params.message(), "Parameter 'n' is not of type 'string'.");
 }
@@ -522,10 +535,12 @@ TEST(DebugMessage, IsCutTo99Characters) {
         const std::string key(length, 'k');
         Buffer out(4);
         Params absent("{}");
-        EXPECT_EQ(tavrix_jrpc_utils_parse_input_string(absent.get(), absent.debug(), key.c_str(), out.get(), 4), -35);
+        EXPECT_EQ(tavrix_jrpc_utils_parse_input_string(absent.get(), absent.debug(), key.c_str(), out.get(), 4),
+                  TAVRIX_ERR_PARAMETER_NOT_FOUND);
         EXPECT_EQ(absent.message(), (missing + key + "'").substr(0, 99)) << length;
         Params number("{\"" + key + "\": 1}");
-        EXPECT_EQ(tavrix_jrpc_utils_parse_input_string(number.get(), number.debug(), key.c_str(), out.get(), 4), -31);
+        EXPECT_EQ(tavrix_jrpc_utils_parse_input_string(number.get(), number.debug(), key.c_str(), out.get(), 4),
+                  TAVRIX_ERR_INVALID_PARAMETER);
         EXPECT_EQ(number.message(), (wrong + key + "' is not of type 'string'.").substr(0, 99)) << length;
     }
 }
@@ -535,6 +550,7 @@ TEST(DebugMessage, StaysAwayWhenTheCutTextIsNoJsonString) {
     const std::string key = std::string(69, 'k') + "\xc3\xbc";
     Params params("{}");
     int out = 77;
-    EXPECT_EQ(tavrix_jrpc_utils_parse_input_integer(params.get(), params.debug(), key.c_str(), &out), -35);
+    EXPECT_EQ(tavrix_jrpc_utils_parse_input_integer(params.get(), params.debug(), key.c_str(), &out),
+              TAVRIX_ERR_PARAMETER_NOT_FOUND);
     EXPECT_EQ(params.message(), "(none)");
 }

@@ -10,6 +10,7 @@
 
 #include "support/log_capture.h"
 #include "support/params.h"
+#include "tavrix_error.h"
 
 using support::Buffer;
 using support::LogCapture;
@@ -146,7 +147,7 @@ TEST_P(TextRetrievers, RefuseWithoutAMessageAndKeepTheValue) {
         EXPECT_EQ(retrieve(params, out), 0) << "not even the empty value is refused";
         return;
     }
-    EXPECT_EQ(retrieve(params, out), -34);
+    EXPECT_EQ(retrieve(params, out), TAVRIX_ERR_VALIDATION);
     EXPECT_EQ(out.text(), row.bad_out);
     EXPECT_EQ(params.message(), "(none)");
     EXPECT_EQ(log.text().find(row.success), std::string::npos);
@@ -156,16 +157,16 @@ TEST_P(TextRetrievers, RefuseWithoutAMessageAndKeepTheValue) {
 TEST_P(TextRetrievers, PassOnWhatTheParserFinds) {
     Params missing(R"({"other": "x"})");
     Buffer out(roomy);
-    EXPECT_EQ(retrieve(missing, out), -35);
+    EXPECT_EQ(retrieve(missing, out), TAVRIX_ERR_PARAMETER_NOT_FOUND);
     EXPECT_EQ(missing.message(), "Missing expected parameter: 'field'");
     EXPECT_TRUE(out.untouched());
 
     Params null("");
-    EXPECT_EQ(retrieve(null, out), -35);
+    EXPECT_EQ(retrieve(null, out), TAVRIX_ERR_PARAMETER_NOT_FOUND);
 
     const LogCapture log("verbose");
     Params number(R"({"field": 1})");
-    EXPECT_EQ(retrieve(number, out), -31);
+    EXPECT_EQ(retrieve(number, out), TAVRIX_ERR_INVALID_PARAMETER);
     EXPECT_EQ(number.message(), "Parameter 'field' is not of type 'string'.");
     EXPECT_TRUE(out.untouched());
     EXPECT_EQ(log.sequence(),
@@ -178,7 +179,7 @@ TEST_P(TextRetrievers, NeverReplaceAnEarlierMessage) {
     Params params("{}");
     params.set_message("earlier");
     Buffer out(roomy);
-    EXPECT_EQ(retrieve(params, out), -35);
+    EXPECT_EQ(retrieve(params, out), TAVRIX_ERR_PARAMETER_NOT_FOUND);
     EXPECT_EQ(params.message(), "earlier");
 }
 
@@ -186,8 +187,8 @@ TEST_P(TextRetrievers, RefuseNullArgumentsInSilence) {
     const LogCapture log("verbose");
     Params params(json(GetParam().good));
     Buffer out(roomy);
-    EXPECT_EQ(retrieve(params, out, nullptr), -4);
-    EXPECT_EQ(GetParam().retrieve(params.get(), params.debug(), "field", nullptr, 8), -4);
+    EXPECT_EQ(retrieve(params, out, nullptr), TAVRIX_ERR_PARAMETER);
+    EXPECT_EQ(GetParam().retrieve(params.get(), params.debug(), "field", nullptr, 8), TAVRIX_ERR_PARAMETER);
     EXPECT_EQ(params.message(), "(none)");
     EXPECT_TRUE(out.untouched());
     EXPECT_TRUE(log.silent());
@@ -199,19 +200,19 @@ TEST_P(TextRetrievers, RefuseABufferOfNoBytesAfterWhatTheParserFinds) {
     {
         const LogCapture log("verbose");
         Params missing("{}");
-        EXPECT_EQ(retrieve(missing, out), -35);
+        EXPECT_EQ(retrieve(missing, out), TAVRIX_ERR_PARAMETER_NOT_FOUND);
         EXPECT_EQ(missing.message(), "Missing expected parameter: 'field'");
         EXPECT_EQ(log.sequence(), (Lines{announcement, "VERB |Parsing input string for parameter: field",
                                          "WARN |No parameter by the name <field> found",
                                          "DEBUG|Sending debug message: Missing expected parameter: 'field'"}));
     }
     Params number(R"({"field": 1})");
-    EXPECT_EQ(retrieve(number, out), -31);
+    EXPECT_EQ(retrieve(number, out), TAVRIX_ERR_INVALID_PARAMETER);
     EXPECT_EQ(number.message(), "Parameter 'field' is not of type 'string'.");
 
     const LogCapture log("debug");
     Params good(json(GetParam().good));
-    EXPECT_EQ(retrieve(good, out), -4);
+    EXPECT_EQ(retrieve(good, out), TAVRIX_ERR_PARAMETER);
     EXPECT_EQ(good.message(), "(none)");
     EXPECT_TRUE(out.untouched());
     EXPECT_TRUE(log.silent()) << "neither validated nor a success: " << log.text();
@@ -221,7 +222,8 @@ TEST_P(TextRetrievers, WorkWithoutAPlaceForTheMessage) {
     const Params params(json(GetParam().good));
     Buffer out(roomy);
     EXPECT_EQ(GetParam().retrieve(params.get(), nullptr, "field", out.get(), out.size()), 0);
-    EXPECT_EQ(GetParam().retrieve(params.get(), nullptr, "absent", out.get(), out.size()), -35);
+    EXPECT_EQ(GetParam().retrieve(params.get(), nullptr, "absent", out.get(), out.size()),
+              TAVRIX_ERR_PARAMETER_NOT_FOUND);
 }
 
 TEST_P(TextRetrievers, StayWithinBuffersOfAnySize) {
@@ -230,7 +232,7 @@ TEST_P(TextRetrievers, StayWithinBuffersOfAnySize) {
         Buffer out(size);
         const int rc = retrieve(params, out);
         if (size == 0) {
-            EXPECT_EQ(rc, -4);
+            EXPECT_EQ(rc, TAVRIX_ERR_PARAMETER);
             EXPECT_TRUE(out.untouched());
         } else {
             EXPECT_TRUE(rc == 0 || rc == -34) << rc;
@@ -255,7 +257,8 @@ TEST(RetrieveMacAddress, NeedsRoomForTheWholeAddress) {
     EXPECT_EQ(room.text(), "AA:BB:CC:DD:EE:FF");
     const LogCapture log("debug");
     Buffer cut(17);
-    EXPECT_EQ(tavrix_jrpc_utils_retrieve_input_mac_address(params.get(), params.debug(), "mac", cut.get(), 17), -34);
+    EXPECT_EQ(tavrix_jrpc_utils_retrieve_input_mac_address(params.get(), params.debug(), "mac", cut.get(), 17),
+              TAVRIX_ERR_VALIDATION);
     EXPECT_EQ(cut.text(), "aa:bb:cc:dd:ee:f");
     EXPECT_EQ(log.sequence(), (Lines{"DEBUG|Validating and reformatting given mac address string <aa:bb:cc:dd:ee:f>",
                                      "DEBUG|Incorrect mac address length, aborting reformation and validation"}));
@@ -264,7 +267,8 @@ TEST(RetrieveMacAddress, NeedsRoomForTheWholeAddress) {
 TEST(RetrieveUsername, JudgesTheValueThatFitTheBuffer) {
     Params params(R"({"name": "rooted"})");
     Buffer out(5);
-    EXPECT_EQ(tavrix_jrpc_utils_retrieve_input_username(params.get(), params.debug(), "name", out.get(), 5), -34);
+    EXPECT_EQ(tavrix_jrpc_utils_retrieve_input_username(params.get(), params.debug(), "name", out.get(), 5),
+              TAVRIX_ERR_VALIDATION);
     EXPECT_EQ(out.text(), "root");
 }
 
@@ -419,7 +423,7 @@ TEST_P(NumberRetrievers, RefuseWithoutAMessageAndKeepTheValue) {
         const LogCapture log("debug");
         Params params(json(value));
         int out = 77;
-        EXPECT_EQ(row.retrieve(params.get(), params.debug(), "field", &out), -34) << value;
+        EXPECT_EQ(row.retrieve(params.get(), params.debug(), "field", &out), TAVRIX_ERR_VALIDATION) << value;
         EXPECT_EQ(out, value);
         EXPECT_EQ(params.message(), "(none)");
         ASSERT_EQ(log.sequence().size(), 1U);
@@ -430,15 +434,16 @@ TEST_P(NumberRetrievers, RefuseWithoutAMessageAndKeepTheValue) {
 TEST_P(NumberRetrievers, PassOnWhatTheParserFinds) {
     int out = 77;
     Params missing(R"({"other": 1})");
-    EXPECT_EQ(GetParam().retrieve(missing.get(), missing.debug(), "field", &out), -35);
+    EXPECT_EQ(GetParam().retrieve(missing.get(), missing.debug(), "field", &out), TAVRIX_ERR_PARAMETER_NOT_FOUND);
     EXPECT_EQ(missing.message(), "Missing expected parameter: 'field'");
 
     Params null("");
-    EXPECT_EQ(GetParam().retrieve(null.get(), null.debug(), "field", &out), -35);
+    EXPECT_EQ(GetParam().retrieve(null.get(), null.debug(), "field", &out), TAVRIX_ERR_PARAMETER_NOT_FOUND);
 
     for (const char *json : {R"({"field": "1"})", R"({"field": 1.0})", R"({"field": true})"}) {
         Params params(json);
-        EXPECT_EQ(GetParam().retrieve(params.get(), params.debug(), "field", &out), -31) << json;
+        EXPECT_EQ(GetParam().retrieve(params.get(), params.debug(), "field", &out), TAVRIX_ERR_INVALID_PARAMETER)
+            << json;
         EXPECT_EQ(params.message(), "Parameter 'field' is not of type 'integer'.");
     }
     EXPECT_EQ(out, 77);
@@ -448,7 +453,7 @@ TEST_P(NumberRetrievers, NeverReplaceAnEarlierMessage) {
     Params params("{}");
     params.set_message("earlier");
     int out = 77;
-    EXPECT_EQ(GetParam().retrieve(params.get(), params.debug(), "field", &out), -35);
+    EXPECT_EQ(GetParam().retrieve(params.get(), params.debug(), "field", &out), TAVRIX_ERR_PARAMETER_NOT_FOUND);
     EXPECT_EQ(params.message(), "earlier");
 }
 
@@ -456,8 +461,8 @@ TEST_P(NumberRetrievers, RefuseNullArgumentsInSilence) {
     const LogCapture log("verbose");
     Params params(R"({"field": 1})");
     int out = 77;
-    EXPECT_EQ(GetParam().retrieve(params.get(), params.debug(), nullptr, &out), -4);
-    EXPECT_EQ(GetParam().retrieve(params.get(), params.debug(), "field", nullptr), -4);
+    EXPECT_EQ(GetParam().retrieve(params.get(), params.debug(), nullptr, &out), TAVRIX_ERR_PARAMETER);
+    EXPECT_EQ(GetParam().retrieve(params.get(), params.debug(), "field", nullptr), TAVRIX_ERR_PARAMETER);
     EXPECT_EQ(out, 77);
     EXPECT_TRUE(log.silent());
 }
@@ -466,7 +471,7 @@ TEST_P(NumberRetrievers, WorkWithoutAPlaceForTheMessage) {
     const Params params(json(GetParam().good.front()));
     int out = 77;
     EXPECT_EQ(GetParam().retrieve(params.get(), nullptr, "field", &out), 0);
-    EXPECT_EQ(GetParam().retrieve(params.get(), nullptr, "absent", &out), -35);
+    EXPECT_EQ(GetParam().retrieve(params.get(), nullptr, "absent", &out), TAVRIX_ERR_PARAMETER_NOT_FOUND);
 }
 
 TEST(RetrieveVlanId, JudgesTheLow32Bits) {
@@ -545,15 +550,16 @@ TEST(RetrievePortId, DecidesEveryKindUnderEveryCombinationOfFlags) {
 TEST(RetrievePortId, FollowsItsExamples) {
     Buffer out(16);
     Params all(port_json("all"));
-    EXPECT_EQ(retrieve_port_id(all, out, {false, false, true, true}), -34);
-    EXPECT_EQ(retrieve_port_id(all, out, {false, true, true, true}), -15);
+    EXPECT_EQ(retrieve_port_id(all, out, {false, false, true, true}), TAVRIX_ERR_VALIDATION);
+    EXPECT_EQ(retrieve_port_id(all, out, {false, true, true, true}), TAVRIX_ERR_EXPECTED_MZU);
     Params c_port(port_json("c2-3"));
-    EXPECT_EQ(retrieve_port_id(c_port, out, {false, false, false, true}), -14);
-    EXPECT_EQ(retrieve_port_id(c_port, out, {false, true, false, true}), -15);
+    EXPECT_EQ(retrieve_port_id(c_port, out, {false, false, false, true}), TAVRIX_ERR_EXPECTED_D_PORT);
+    EXPECT_EQ(retrieve_port_id(c_port, out, {false, true, false, true}), TAVRIX_ERR_EXPECTED_MZU);
     Params d_port(port_json("d2"));
-    EXPECT_EQ(retrieve_port_id(d_port, out, {false, false, true, false}), -13);
-    EXPECT_EQ(retrieve_port_id(d_port, out, {false, true, true, false}), -15) << "hides -13";
-    EXPECT_EQ(retrieve_port_id(d_port, out, {true, false, false, false}), -34);
+    EXPECT_EQ(retrieve_port_id(d_port, out, {false, false, true, false}), TAVRIX_ERR_EXPECTED_C_PORT);
+    EXPECT_EQ(retrieve_port_id(d_port, out, {false, true, true, false}), TAVRIX_ERR_EXPECTED_MZU)
+        << "hides TAVRIX_ERR_EXPECTED_C_PORT";
+    EXPECT_EQ(retrieve_port_id(d_port, out, {true, false, false, false}), TAVRIX_ERR_VALIDATION);
 }
 
 TEST(RetrievePortId, AsksOnlyTheValidatorsThatItsFlagsCallFor) {
@@ -610,17 +616,17 @@ TEST(RetrievePortId, SaysNothingOfSuccessWhenItRefuses) {
     const LogCapture log("verbose");
     Params params(port_json("d5"));
     Buffer out(16);
-    EXPECT_EQ(retrieve_port_id(params, out, {true, true, true, true}), -15);
+    EXPECT_EQ(retrieve_port_id(params, out, {true, true, true, true}), TAVRIX_ERR_EXPECTED_MZU);
     EXPECT_EQ(log.text().find("Retrieved and validated"), std::string::npos);
 }
 
 TEST(RetrievePortId, PassesOnWhatTheParserFinds) {
     Buffer out(16);
     Params missing("{}");
-    EXPECT_EQ(retrieve_port_id(missing, out, {true, true, true, true}), -35);
+    EXPECT_EQ(retrieve_port_id(missing, out, {true, true, true, true}), TAVRIX_ERR_PARAMETER_NOT_FOUND);
     EXPECT_EQ(missing.message(), "Missing expected parameter: 'port_id'");
     Params number(R"({"port_id": 1})");
-    EXPECT_EQ(retrieve_port_id(number, out, {true, true, true, true}), -31);
+    EXPECT_EQ(retrieve_port_id(number, out, {true, true, true, true}), TAVRIX_ERR_INVALID_PARAMETER);
     EXPECT_EQ(number.message(), "Parameter 'port_id' is not of type 'string'.");
     EXPECT_TRUE(out.untouched());
 }
@@ -629,12 +635,12 @@ TEST(RetrievePortId, RefusesABufferOfNoBytesAfterWhatTheParserFinds) {
     const Allowed every_kind = {true, true, true, true};
     Buffer out(0);
     Params missing("{}");
-    EXPECT_EQ(retrieve_port_id(missing, out, every_kind), -35);
+    EXPECT_EQ(retrieve_port_id(missing, out, every_kind), TAVRIX_ERR_PARAMETER_NOT_FOUND);
     Params number(R"({"port_id": 1})");
-    EXPECT_EQ(retrieve_port_id(number, out, every_kind), -31);
+    EXPECT_EQ(retrieve_port_id(number, out, every_kind), TAVRIX_ERR_INVALID_PARAMETER);
     const LogCapture log("debug");
     Params good(port_json("d1"));
-    EXPECT_EQ(retrieve_port_id(good, out, every_kind), -4);
+    EXPECT_EQ(retrieve_port_id(good, out, every_kind), TAVRIX_ERR_PARAMETER);
     EXPECT_TRUE(out.untouched());
     EXPECT_TRUE(log.silent());
 }
@@ -643,7 +649,7 @@ TEST(RetrievePortId, RefusesNullArgumentsInSilence) {
     const LogCapture log("verbose");
     Params params(port_json("d1"));
     Buffer out(16);
-    EXPECT_EQ(retrieve_port_id(params, out, {true, true, true, true}, nullptr), -4);
+    EXPECT_EQ(retrieve_port_id(params, out, {true, true, true, true}, nullptr), TAVRIX_ERR_PARAMETER);
     EXPECT_EQ(tavrix_jrpc_utils_retrieve_input_port_id(params.get(), params.debug(), "port_id", nullptr, 16, true, true,
                                                        true, true),
               -4);
@@ -697,14 +703,15 @@ TEST(RetrieveMzuId, SaysWhatItDoes) {
 TEST(RetrieveMzuId, PassesOnWhatTheParserFindsAndRefusesNullArguments) {
     Buffer out(16);
     Params missing("{}");
-    EXPECT_EQ(retrieve_mzu_id(missing, out, true), -35);
+    EXPECT_EQ(retrieve_mzu_id(missing, out, true), TAVRIX_ERR_PARAMETER_NOT_FOUND);
     EXPECT_EQ(missing.message(), "Missing expected parameter: 'mzu_id'");
     Params number(R"({"mzu_id": 1})");
-    EXPECT_EQ(retrieve_mzu_id(number, out, true), -31);
+    EXPECT_EQ(retrieve_mzu_id(number, out, true), TAVRIX_ERR_INVALID_PARAMETER);
     EXPECT_EQ(number.message(), "Parameter 'mzu_id' is not of type 'string'.");
     const LogCapture log("verbose");
-    EXPECT_EQ(retrieve_mzu_id(number, out, true, nullptr), -4);
-    EXPECT_EQ(tavrix_jrpc_utils_retrieve_input_mzu_id(number.get(), number.debug(), "mzu_id", nullptr, 16, true), -4);
+    EXPECT_EQ(retrieve_mzu_id(number, out, true, nullptr), TAVRIX_ERR_PARAMETER);
+    EXPECT_EQ(tavrix_jrpc_utils_retrieve_input_mzu_id(number.get(), number.debug(), "mzu_id", nullptr, 16, true),
+              TAVRIX_ERR_PARAMETER);
     EXPECT_TRUE(out.untouched());
     EXPECT_TRUE(log.silent());
 }
@@ -712,12 +719,12 @@ TEST(RetrieveMzuId, PassesOnWhatTheParserFindsAndRefusesNullArguments) {
 TEST(RetrieveMzuId, RefusesABufferOfNoBytesAfterWhatTheParserFinds) {
     Buffer out(0);
     Params missing("{}");
-    EXPECT_EQ(retrieve_mzu_id(missing, out, true), -35);
+    EXPECT_EQ(retrieve_mzu_id(missing, out, true), TAVRIX_ERR_PARAMETER_NOT_FOUND);
     Params number(R"({"mzu_id": 1})");
-    EXPECT_EQ(retrieve_mzu_id(number, out, true), -31);
+    EXPECT_EQ(retrieve_mzu_id(number, out, true), TAVRIX_ERR_INVALID_PARAMETER);
     const LogCapture log("debug");
     Params good(R"({"mzu_id": "c1"})");
-    EXPECT_EQ(retrieve_mzu_id(good, out, true), -4);
+    EXPECT_EQ(retrieve_mzu_id(good, out, true), TAVRIX_ERR_PARAMETER);
     EXPECT_TRUE(out.untouched());
     EXPECT_TRUE(log.silent());
 }
@@ -780,7 +787,7 @@ TEST(RetrieveVlanIds, RefusesMoreThan32BeforeAnyIsTested) {
     for (const int n : {33, 34, 100}) {
         const LogCapture log("verbose");
         VlanIds vlans(vlan_json(n));
-        EXPECT_EQ(vlans.retrieve(), -19) << n;
+        EXPECT_EQ(vlans.retrieve(), TAVRIX_ERR_TOO_MANY_VLAN_IDS) << n;
         EXPECT_EQ(vlans.count, n) << "the count is set all the same";
         EXPECT_EQ(vlans.stored(), 0);
         EXPECT_TRUE(log.silent());
@@ -790,12 +797,12 @@ TEST(RetrieveVlanIds, RefusesMoreThan32BeforeAnyIsTested) {
 TEST(RetrieveVlanIds, StopsAtTheFirstBadOneWithTheEarlierOnesStored) {
     for (const char *bad : {"0", "4093", "-1", "null", R"("7")", "7.0", "true", "[7]", "4294967296"}) {
         VlanIds vlans(vlan_json(32, bad));
-        EXPECT_EQ(vlans.retrieve(), -31) << bad;
+        EXPECT_EQ(vlans.retrieve(), TAVRIX_ERR_INVALID_PARAMETER) << bad;
         EXPECT_EQ(vlans.count, 32);
         EXPECT_EQ(vlans.stored(), 31) << bad;
     }
     VlanIds first(R"({"vlan_ids": [0, 1, 2]})");
-    EXPECT_EQ(first.retrieve(), -31);
+    EXPECT_EQ(first.retrieve(), TAVRIX_ERR_INVALID_PARAMETER);
     EXPECT_EQ(first.stored(), 0);
 }
 
@@ -827,7 +834,7 @@ TEST(RetrieveVlanIds, ReportsAnAbsentMemberInOneLine) {
     for (const char *json : {"{}", "", "[]"}) {
         const LogCapture log("verbose");
         VlanIds vlans(json);
-        EXPECT_EQ(vlans.retrieve(), -35) << json;
+        EXPECT_EQ(vlans.retrieve(), TAVRIX_ERR_PARAMETER_NOT_FOUND) << json;
         EXPECT_EQ(vlans.count, -77) << "untouched";
         EXPECT_EQ(log.sequence(), Lines{"ERROR|Failed, vlan ID is null."});
         EXPECT_EQ(log.lines().front().file, unit);
@@ -837,14 +844,14 @@ TEST(RetrieveVlanIds, ReportsAnAbsentMemberInOneLine) {
 TEST(RetrieveVlanIds, ReportsAnAbsentMemberBelowTheGuardedLevels) {
     const LogCapture log("info");
     VlanIds vlans("{}");
-    EXPECT_EQ(vlans.retrieve(), -35);
+    EXPECT_EQ(vlans.retrieve(), TAVRIX_ERR_PARAMETER_NOT_FOUND);
     EXPECT_EQ(log.sequence(), Lines{"ERROR|Failed, vlan ID is null."});
 }
 
 TEST(RetrieveVlanIds, LetsOnlyTheValidatorSpeak) {
     const LogCapture log("verbose");
     VlanIds vlans(R"({"vlan_ids": [5, 0]})");
-    EXPECT_EQ(vlans.retrieve(), -31);
+    EXPECT_EQ(vlans.retrieve(), TAVRIX_ERR_INVALID_PARAMETER);
     EXPECT_EQ(log.sequence(), (Lines{"VERB |Validating vlan id: 5", "VERB |Validating vlan id: 0",
                                      "DEBUG|FAIL: Vlan id outside acceptable range [1, 4092]"}));
 }
@@ -854,9 +861,12 @@ TEST(RetrieveVlanIds, RefusesNullArgumentsInSilence) {
     Params params(R"({"vlan_ids": [1]})");
     int ids[32] = {};
     int count = -77;
-    EXPECT_EQ(tavrix_jrpc_utils_retrieve_input_vlan_ids(params.get(), params.debug(), nullptr, ids, &count), -4);
-    EXPECT_EQ(tavrix_jrpc_utils_retrieve_input_vlan_ids(params.get(), params.debug(), "vlan_ids", nullptr, &count), -4);
-    EXPECT_EQ(tavrix_jrpc_utils_retrieve_input_vlan_ids(params.get(), params.debug(), "vlan_ids", ids, nullptr), -4);
+    EXPECT_EQ(tavrix_jrpc_utils_retrieve_input_vlan_ids(params.get(), params.debug(), nullptr, ids, &count),
+              TAVRIX_ERR_PARAMETER);
+    EXPECT_EQ(tavrix_jrpc_utils_retrieve_input_vlan_ids(params.get(), params.debug(), "vlan_ids", nullptr, &count),
+              TAVRIX_ERR_PARAMETER);
+    EXPECT_EQ(tavrix_jrpc_utils_retrieve_input_vlan_ids(params.get(), params.debug(), "vlan_ids", ids, nullptr),
+              TAVRIX_ERR_PARAMETER);
     EXPECT_EQ(count, -77);
     EXPECT_TRUE(log.silent());
     EXPECT_EQ(tavrix_jrpc_utils_retrieve_input_vlan_ids(params.get(), nullptr, "vlan_ids", ids, &count), 0);

@@ -11,6 +11,7 @@
 
 #include "support/log_capture.h"
 #include "support/params.h"
+#include "tavrix_error.h"
 #include "tavrix_jrpc_utils.h"
 
 using support::LogCapture;
@@ -81,13 +82,13 @@ TEST_P(Builders, SayNothingBelowDebugLevel) {
 
 TEST_P(Builders, RefuseANullSlotInSilence) {
     const LogCapture log("verbose");
-    EXPECT_EQ(GetParam().build(nullptr, "port_id"), -20);
+    EXPECT_EQ(GetParam().build(nullptr, "port_id"), TAVRIX_ERR_NULL_INPUT);
     EXPECT_TRUE(log.silent());
 }
 
 TEST_P(Builders, ReportWhatIsNoJsonString) {
     Params slot("{}");
-    EXPECT_EQ(GetParam().build(slot.debug(), "\xff"), -30);
+    EXPECT_EQ(GetParam().build(slot.debug(), "\xff"), TAVRIX_ERR_JSON_RESPONSE);
     EXPECT_EQ(slot.message(), "(none)");
     slot.set_message("earlier");
     EXPECT_EQ(GetParam().build(slot.debug(), "\xff"), 0) << "nothing has to be built";
@@ -98,7 +99,7 @@ TEST_P(Builders, ReportThatThereIsNoMemory) {
     json_set_alloc_funcs(no_memory, std::free);
     const int rc = GetParam().build(slot.debug(), "port_id");
     json_set_alloc_funcs(std::malloc, std::free);
-    EXPECT_EQ(rc, -30);
+    EXPECT_EQ(rc, TAVRIX_ERR_JSON_RESPONSE);
     EXPECT_EQ(slot.message(), "(none)");
 }
 
@@ -119,8 +120,8 @@ TEST(Parsers, KeepTheirStatusWhenTheMessageCannotBeBuilt) {
     const int absent = tavrix_jrpc_utils_parse_input_integer(params.get(), params.debug(), "absent", &out);
     const int other_type = tavrix_jrpc_utils_parse_input_integer(params.get(), params.debug(), "n", &out);
     json_set_alloc_funcs(std::malloc, std::free);
-    EXPECT_EQ(absent, -35);
-    EXPECT_EQ(other_type, -31);
+    EXPECT_EQ(absent, TAVRIX_ERR_PARAMETER_NOT_FOUND);
+    EXPECT_EQ(other_type, TAVRIX_ERR_INVALID_PARAMETER);
     EXPECT_EQ(params.message(), "(none)");
 }
 
@@ -131,7 +132,7 @@ TEST(RetrieveAlias, KeepsItsStatusWhenTheMessageCannotBeBuilt) {
     json_set_alloc_funcs(no_memory, std::free);
     const int rc = tavrix_jrpc_utils_retrieve_input_alias(params.get(), params.debug(), "alias", out, sizeof out);
     json_set_alloc_funcs(std::malloc, std::free);
-    EXPECT_EQ(rc, -34);
+    EXPECT_EQ(rc, TAVRIX_ERR_VALIDATION);
     EXPECT_EQ(params.message(), "(none)") << "the earlier one is gone all the same";
 }
 
@@ -145,7 +146,7 @@ TEST(RetrieveMacFilters, ReportsThatThereIsNoMemory) {
         const int rc = tavrix_jrpc_utils_retrieve_input_mac_filters(params.get(), params.debug(), "filters", &filters,
                                                                     &count, 1, 2);
         fail_allocation = false;
-        EXPECT_EQ(rc, -22) << json;
+        EXPECT_EQ(rc, TAVRIX_ERR_NO_MEMORY) << json;
         EXPECT_EQ(filters, nullptr);
         EXPECT_EQ(params.message(), "(none)");
     }

@@ -11,6 +11,7 @@
 #include "support/bus.h"
 #include "support/json.h"
 #include "support/log_capture.h"
+#include "tavrix_error.h"
 #include "tavrix_jrpc.h"
 #include "tavrix_mq.h"
 
@@ -169,8 +170,8 @@ INSTANTIATE_TEST_SUITE_P(
 TEST(Matchers, RefuseWhatIsNoJsonInTheEvaluatorsWords) {
     json_t *out = nullptr;
     const LogCapture log("debug");
-    EXPECT_EQ(tavrix_jrpc_eval_method("m", "{", &out), -1);
-    EXPECT_EQ(tavrix_jrpc_eval_notification("m", "{", &out), -1);
+    EXPECT_EQ(tavrix_jrpc_eval_method("m", "{", &out), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(tavrix_jrpc_eval_notification("m", "{", &out), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(log.count(support::error, unit, "tavrix_jrpc_eval_request: Cannot parse JSON data\n"), 2);
     EXPECT_EQ(
         log.count(support::error, unit, std::string("error: on line 1: ") + support::parse_error("{").text + "\n"), 2);
@@ -180,12 +181,12 @@ TEST(Matchers, RefuseWhatIsNoJsonInTheEvaluatorsWords) {
 TEST(Matchers, RefuseNullArguments) {
     json_t *out = nullptr;
     const LogCapture log("debug");
-    EXPECT_EQ(tavrix_jrpc_eval_method(nullptr, "{}", &out), -20);
-    EXPECT_EQ(tavrix_jrpc_eval_method("m", nullptr, &out), -20);
+    EXPECT_EQ(tavrix_jrpc_eval_method(nullptr, "{}", &out), TAVRIX_ERR_NULL_INPUT);
+    EXPECT_EQ(tavrix_jrpc_eval_method("m", nullptr, &out), TAVRIX_ERR_NULL_INPUT);
     EXPECT_EQ(log.count(support::debug, unit, "[tavrix_jrpc_eval_method]: Null Pointer!\n"), 2);
-    EXPECT_EQ(tavrix_jrpc_eval_notification(nullptr, "{}", &out), -20);
-    EXPECT_EQ(tavrix_jrpc_eval_notification("m", nullptr, &out), -20);
-    EXPECT_EQ(tavrix_jrpc_eval_notification("m", "{}", nullptr), -20);
+    EXPECT_EQ(tavrix_jrpc_eval_notification(nullptr, "{}", &out), TAVRIX_ERR_NULL_INPUT);
+    EXPECT_EQ(tavrix_jrpc_eval_notification("m", nullptr, &out), TAVRIX_ERR_NULL_INPUT);
+    EXPECT_EQ(tavrix_jrpc_eval_notification("m", "{}", nullptr), TAVRIX_ERR_NULL_INPUT);
     EXPECT_EQ(log.count(support::debug, unit, "[tavrix_jrpc_eval_notification]: Null Pointer!\n"), 3);
     EXPECT_EQ(tavrix_jrpc_eval_method("m", R"({"jsonrpc":"2.0","id":"m"})", nullptr), 0) << "only the verdict";
 }
@@ -212,7 +213,7 @@ TEST(ReplyWait, GivesUpAfterTheMethodsNumberOfAttempts) {
     for (const auto &row : rows) {
         json_t *out = nullptr;
         const LogCapture log("debug");
-        EXPECT_EQ(tavrix_jrpc_mq_sub_for_method(silent.number, row.method, &out), -50) << row.method;
+        EXPECT_EQ(tavrix_jrpc_mq_sub_for_method(silent.number, row.method, &out), TAVRIX_ERR_NO_RESPONSE) << row.method;
         EXPECT_EQ(out, nullptr);
         std::vector<std::string> expected;
         for (int attempt = row.attempts; attempt > 0; --attempt) {
@@ -257,7 +258,7 @@ TEST(ReplyWait, RunsOutOnFramesThatDoNotMatch) {
     }
     bus.publish(R"(me|{"jsonrpc":"2.0","id":"anything"})");
     json_t *out = nullptr;
-    EXPECT_EQ(tavrix_jrpc_mq_sub_for_method(bus.sub.number, "anything", &out), -50);
+    EXPECT_EQ(tavrix_jrpc_mq_sub_for_method(bus.sub.number, "anything", &out), TAVRIX_ERR_NO_RESPONSE);
     EXPECT_EQ(tavrix_jrpc_mq_sub_for_method(bus.sub.number, "anything", &out), 0) << "the eleventh was left";
     json_decref(out);
 }
@@ -267,15 +268,15 @@ TEST(ReplyWait, CountsASignalAsAnAttempt) {
     const Signals signals;
     json_t *out = nullptr;
     const LogCapture log("debug");
-    EXPECT_EQ(tavrix_jrpc_mq_sub_for_method(silent.number, "anything", &out), -50);
+    EXPECT_EQ(tavrix_jrpc_mq_sub_for_method(silent.number, "anything", &out), TAVRIX_ERR_NO_RESPONSE);
     EXPECT_EQ(log.count(support::debug, unit, "Unable to receive an API response, rc = -1\n"), 10);
 }
 
 TEST(ReplyWait, RefusesNullArguments) {
     json_t *out = nullptr;
     const LogCapture log("debug");
-    EXPECT_EQ(tavrix_jrpc_mq_sub_for_method(0, nullptr, &out), -20);
-    EXPECT_EQ(tavrix_jrpc_mq_sub_for_method(0, "m", nullptr), -20);
+    EXPECT_EQ(tavrix_jrpc_mq_sub_for_method(0, nullptr, &out), TAVRIX_ERR_NULL_INPUT);
+    EXPECT_EQ(tavrix_jrpc_mq_sub_for_method(0, "m", nullptr), TAVRIX_ERR_NULL_INPUT);
     EXPECT_EQ(log.count(support::debug, unit, "[tavrix_jrpc_mq_sub_for_method]: Null Pointer!\n"), 2);
 }
 
@@ -321,7 +322,7 @@ TEST(NotificationWait, GivesUpAfterFiveFramesAndRestoresTheTimeOut) {
     }
     json_t *out = nullptr;
     const LogCapture log("debug");
-    EXPECT_EQ(tavrix_jrpc_mq_sub_for_notifcation(bus.sub.number, "events.X", &out), -1);
+    EXPECT_EQ(tavrix_jrpc_mq_sub_for_notifcation(bus.sub.number, "events.X", &out), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(out, nullptr);
     EXPECT_EQ(log.last(), support::whole(support::debug, "Could not receive expected notification.\n"));
     int ms = 0;
@@ -349,7 +350,7 @@ TEST(NotificationWait, WaitsBeyondTheSocketsOwnTimeOut) {
 TEST(NotificationWait, FailsWhenTheTimeOutCannotBeRead) {
     json_t *out = nullptr;
     const LogCapture log("debug");
-    EXPECT_EQ(tavrix_jrpc_mq_sub_for_notifcation(9999, "events.X", &out), -1);
+    EXPECT_EQ(tavrix_jrpc_mq_sub_for_notifcation(9999, "events.X", &out), TAVRIX_ERR_GENERAL);
     EXPECT_TRUE(log.has(support::debug, unit,
                         "[tavrix_jrpc_mq_sub_for_notifcation]: Error mq_socket_get_timeout for sub, rc = -1\n"));
 }
@@ -358,7 +359,7 @@ TEST(NotificationWait, CountsAFailedReceiveAsAnAttempt) {
     BusSocket push(TAVRIX_SP_PUSH); // has a time-out, but cannot receive
     json_t *out = nullptr;
     const LogCapture log("debug");
-    EXPECT_EQ(tavrix_jrpc_mq_sub_for_notifcation(push.number, "events.X", &out), -1);
+    EXPECT_EQ(tavrix_jrpc_mq_sub_for_notifcation(push.number, "events.X", &out), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(log.count(support::debug, unit, "Unable to receive an API response from TRLX Service, rc = -1\n"), 5);
     int ms = 0;
     tavrix_mq_socket_get_timeout(push.number, &ms);
@@ -370,14 +371,14 @@ TEST(NotificationWait, CountsASignalAsAnAttempt) {
     const Signals signals;
     json_t *out = nullptr;
     const LogCapture log("debug");
-    EXPECT_EQ(tavrix_jrpc_mq_sub_for_notifcation(silent.number, "events.X", &out), -1);
+    EXPECT_EQ(tavrix_jrpc_mq_sub_for_notifcation(silent.number, "events.X", &out), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(log.count(support::debug, unit, "Unable to receive an API response from TRLX Service, rc = -1\n"), 5);
 }
 
 TEST(NotificationWait, RefusesNullArguments) {
     json_t *out = nullptr;
     const LogCapture log("debug");
-    EXPECT_EQ(tavrix_jrpc_mq_sub_for_notifcation(0, nullptr, &out), -20);
-    EXPECT_EQ(tavrix_jrpc_mq_sub_for_notifcation(0, "m", nullptr), -20);
+    EXPECT_EQ(tavrix_jrpc_mq_sub_for_notifcation(0, nullptr, &out), TAVRIX_ERR_NULL_INPUT);
+    EXPECT_EQ(tavrix_jrpc_mq_sub_for_notifcation(0, "m", nullptr), TAVRIX_ERR_NULL_INPUT);
     EXPECT_EQ(log.count(support::debug, unit, "[tavrix_jrpc_mq_sub_for_notifcation]: Null Pointer!\n"), 2);
 }

@@ -18,6 +18,7 @@
 #include <unistd.h>
 
 #include "support/log_capture.h"
+#include "tavrix_error.h"
 
 using support::LogCapture;
 using support::StderrCapture;
@@ -175,14 +176,14 @@ TEST_F(Logger, ReportsAMessageThatCannotBeFormatted) {
     std::setlocale(LC_ALL, "C");
     const StderrCapture out;
     const wchar_t unprintable[] = {static_cast<wchar_t>(0x12345), 0};
-    EXPECT_EQ(tavrix_lsyslog_log(2, "some_unit", 1, "%ls", unprintable), -1);
+    EXPECT_EQ(tavrix_lsyslog_log(2, "some_unit", 1, "%ls", unprintable), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(out.text(), "");
 }
 
 TEST_F(Logger, RefusesANullFormatThatItWouldPrint) {
     const char *const none = nullptr;
     const StderrCapture out;
-    EXPECT_EQ(tavrix_lsyslog_log(2, "some_unit", 77, none), -1);
+    EXPECT_EQ(tavrix_lsyslog_log(2, "some_unit", 77, none), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(tavrix_lsyslog_log(7, "some_unit", 77, none), 0) << "filtered out before";
     EXPECT_EQ(out.text(), "");
 }
@@ -303,7 +304,7 @@ TEST_F(Logger, SwitchedOffPrintsOnlyLevelZeroNotEvenTheConfirmation) {
 TEST_F(Logger, RefusesOtherWordsAndKeepsTheLevel) {
     for (const char *word : {"config", "error", "warning", "INFO", "Debug", "undef", "", " info", "info ", "6"}) {
         const Reload reload = reload_with(std::string("[logging_levels]\nunit-test=") + word + "\n");
-        EXPECT_EQ(reload.rc, -42) << word;
+        EXPECT_EQ(reload.rc, TAVRIX_ERR_CONF_ENTRY) << word;
         EXPECT_EQ(reload.text, "") << word;
         EXPECT_EQ(tavrix_lsyslog_check_severity(6), 1) << word;
     }
@@ -311,12 +312,13 @@ TEST_F(Logger, RefusesOtherWordsAndKeepsTheLevel) {
 
 TEST_F(Logger, PassesTheParsersStatusOn) {
     std::remove(conf);
-    EXPECT_EQ(tavrix_lsyslog_reload_conf(), -40);
-    EXPECT_EQ(reload_with("[other]\nunit-test=info\n").rc, -35);
-    EXPECT_EQ(reload_with("[logging_levels]\nother=info\n").rc, -35);
-    EXPECT_EQ(reload_with("[logging_levels]\nunit-test=info").rc, -35) << "the last line has no newline";
-    EXPECT_EQ(reload_with("[logging_levels]\nunit-test=" + std::string(51, 'x') + "\n").rc, -41);
-    EXPECT_EQ(reload_with("[logging_levels]\nunit-test=" + std::string(50, 'x') + "\n").rc, -42);
+    EXPECT_EQ(tavrix_lsyslog_reload_conf(), TAVRIX_ERR_FILE_OPEN);
+    EXPECT_EQ(reload_with("[other]\nunit-test=info\n").rc, TAVRIX_ERR_PARAMETER_NOT_FOUND);
+    EXPECT_EQ(reload_with("[logging_levels]\nother=info\n").rc, TAVRIX_ERR_PARAMETER_NOT_FOUND);
+    EXPECT_EQ(reload_with("[logging_levels]\nunit-test=info").rc, TAVRIX_ERR_PARAMETER_NOT_FOUND)
+        << "the last line has no newline";
+    EXPECT_EQ(reload_with("[logging_levels]\nunit-test=" + std::string(51, 'x') + "\n").rc, TAVRIX_ERR_BUFFER_SPACE);
+    EXPECT_EQ(reload_with("[logging_levels]\nunit-test=" + std::string(50, 'x') + "\n").rc, TAVRIX_ERR_CONF_ENTRY);
     EXPECT_EQ(tavrix_lsyslog_check_severity(6), 1) << "the level in force stays";
 }
 

@@ -11,6 +11,7 @@
 
 #include "support/bus.h"
 #include "support/log_capture.h"
+#include "tavrix_error.h"
 #include "tavrix_mq.h"
 
 using support::BusPair;
@@ -77,7 +78,7 @@ TEST(MqFailures, OfASubscriptionLeaveTheTopicOut) {
     BusPair bus("~");
     const LogCapture log("debug");
     failing = "malloc";
-    EXPECT_EQ(tavrix_mq_socket_subscribe(bus.sub.number, "events"), -1);
+    EXPECT_EQ(tavrix_mq_socket_subscribe(bus.sub.number, "events"), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(log.lines().size(), 1U);
     EXPECT_EQ(log.count(support::debug, "tavrix_mq",
                         "nn_setsockopt failed for mq_socket [" + std::to_string(bus.sub.number) +
@@ -155,7 +156,7 @@ TEST(MqFailures, OfTheReceivedCopyLoseNothingElse) {
     int length = 0;
     const LogCapture log("debug");
     failing = "malloc";
-    EXPECT_EQ(tavrix_mq_socket_recv(bus.sub.number, &text, &length, 0), -1);
+    EXPECT_EQ(tavrix_mq_socket_recv(bus.sub.number, &text, &length, 0), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(text, nullptr);
     EXPECT_TRUE(log.has(support::debug, "tavrix_mq",
                         std::string("nn_recv failed for mq_socket [") + std::to_string(bus.sub.number) +
@@ -171,12 +172,12 @@ TEST(MqFailures, OfAReleaseAreReported) {
     char *text = nullptr;
     int length = 0;
     failing = "nn_freemsg";
-    EXPECT_EQ(tavrix_mq_socket_recv(bus.sub.number, &text, &length, 0), -1);
+    EXPECT_EQ(tavrix_mq_socket_recv(bus.sub.number, &text, &length, 0), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(text, nullptr);
     EXPECT_TRUE(log.has(support::debug, "tavrix_mq",
                         std::string("nn_freemsg failed to free received message: ") + nn_strerror(ENOMEM) + "\n"));
     failing = "nn_freemsg";
-    EXPECT_EQ(tavrix_mq_socket_freemsg(__real_nn_allocmsg(1, 0)), -1);
+    EXPECT_EQ(tavrix_mq_socket_freemsg(__real_nn_allocmsg(1, 0)), TAVRIX_ERR_GENERAL);
     EXPECT_TRUE(log.has(support::debug, "tavrix_mq",
                         std::string("nn_freemsg failed to free message: ") + nn_strerror(ENOMEM) + "\n"));
 }

@@ -15,6 +15,7 @@
 
 #include "support/log_capture.h"
 #include "support/stream.h"
+#include "tavrix_error.h"
 
 using support::LogCapture;
 
@@ -151,11 +152,11 @@ TEST_F(Shm, CannotBeUsedBeforeItIsCreated) {
     int value = -77;
     char text[4] = "old";
     const LogCapture log("info");
-    EXPECT_EQ(tavrix_shm_get_int(name(), &value), -1);
-    EXPECT_EQ(tavrix_shm_set_int(name(), &value), -1);
-    EXPECT_EQ(tavrix_shm_get_string(name(), 4, text), -1);
-    EXPECT_EQ(tavrix_shm_set_string(name(), 4, "x"), -1);
-    EXPECT_EQ(tavrix_shm_clear(name(), 4), -1);
+    EXPECT_EQ(tavrix_shm_get_int(name(), &value), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(tavrix_shm_set_int(name(), &value), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(tavrix_shm_get_string(name(), 4, text), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(tavrix_shm_set_string(name(), 4, "x"), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(tavrix_shm_clear(name(), 4), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(log.count(support::error, unit, open_line()), 5);
     EXPECT_EQ(value, -77);
     EXPECT_STREQ(text, "old");
@@ -163,7 +164,7 @@ TEST_F(Shm, CannotBeUsedBeforeItIsCreated) {
 
 TEST_F(Shm, RefusesANameThatCannotBe) {
     const LogCapture log("info");
-    EXPECT_EQ(tavrix_shm_create("/a/b", 4), -1);
+    EXPECT_EQ(tavrix_shm_create("/a/b", 4), TAVRIX_ERR_GENERAL);
     EXPECT_TRUE(log.has(support::error, unit, "Shm_open error with /a/b.\n"));
 }
 
@@ -173,16 +174,16 @@ TEST_F(Shm, FailsLikeAMappingWhereAnAccessWouldEndTheProcess) {
     EXPECT_EQ(tavrix_shm_set_string(name(), page, "within the page"), 0) << "the slot's last page is there";
     std::string buffer(2 * page, '~');
     const LogCapture log("info");
-    EXPECT_EQ(tavrix_shm_set_string(name(), page + 1, "x"), -1);
-    EXPECT_EQ(tavrix_shm_get_string(name(), page + 1, buffer.data()), -1);
-    EXPECT_EQ(tavrix_shm_clear(name(), 2 * page), -1);
+    EXPECT_EQ(tavrix_shm_set_string(name(), page + 1, "x"), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(tavrix_shm_get_string(name(), page + 1, buffer.data()), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(tavrix_shm_clear(name(), 2 * page), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(log.count(support::error, unit, map_line()), 3);
     const int fd = shm_open(name(), O_RDWR, 0);
     ASSERT_EQ(ftruncate(fd, 0), 0);
     close(fd);
     int value = -77;
-    EXPECT_EQ(tavrix_shm_get_int(name(), &value), -1);
-    EXPECT_EQ(tavrix_shm_set_int(name(), &value), -1);
+    EXPECT_EQ(tavrix_shm_get_int(name(), &value), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(tavrix_shm_set_int(name(), &value), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(log.count(support::error, unit, map_line()), 5);
 }
 
@@ -190,7 +191,7 @@ TEST_F(Shm, RefusesASizeThatCannotBeHad) {
     const int open_before = support::open_descriptors();
     {
         const LogCapture log("info");
-        EXPECT_EQ(tavrix_shm_create(name(), SIZE_MAX), -1);
+        EXPECT_EQ(tavrix_shm_create(name(), SIZE_MAX), TAVRIX_ERR_GENERAL);
         EXPECT_EQ(log.count(support::error, unit, map_line()), 1);
     }
     EXPECT_EQ(support::open_descriptors(), open_before);
@@ -204,7 +205,7 @@ TEST_F(Shm, KeepsWhatItHoldsWhenANewSizeCannotBeHad) {
     const std::string held = stored();
     {
         const LogCapture log("info");
-        EXPECT_EQ(tavrix_shm_create(name(), SIZE_MAX), -1);
+        EXPECT_EQ(tavrix_shm_create(name(), SIZE_MAX), TAVRIX_ERR_GENERAL);
         EXPECT_EQ(log.count(support::error, unit, map_line()), 1);
         EXPECT_EQ(log.lines().size(), 1U);
     }
@@ -231,20 +232,20 @@ TEST_F(Shm, RefusesNullAndZeroInItsOwnWords) {
     int value = 0;
     char text[4];
     const LogCapture log("info");
-    EXPECT_EQ(tavrix_shm_create(nullptr, 0), -1);
-    EXPECT_EQ(tavrix_shm_create(name(), 0), -1);
-    EXPECT_EQ(tavrix_shm_set_string(nullptr, 0, "x"), -1);
-    EXPECT_EQ(tavrix_shm_set_string(name(), 4, nullptr), -1);
-    EXPECT_EQ(tavrix_shm_set_string(name(), 0, "x"), -1);
-    EXPECT_EQ(tavrix_shm_get_string(nullptr, 0, text), -1);
-    EXPECT_EQ(tavrix_shm_get_string(name(), 4, nullptr), -1);
-    EXPECT_EQ(tavrix_shm_get_string(name(), 0, text), -1);
-    EXPECT_EQ(tavrix_shm_set_int(nullptr, &value), -1);
-    EXPECT_EQ(tavrix_shm_set_int(name(), nullptr), -1);
-    EXPECT_EQ(tavrix_shm_get_int(nullptr, &value), -1);
-    EXPECT_EQ(tavrix_shm_get_int(name(), nullptr), -1);
-    EXPECT_EQ(tavrix_shm_clear(nullptr, 0), -1);
-    EXPECT_EQ(tavrix_shm_clear(name(), 0), -1);
+    EXPECT_EQ(tavrix_shm_create(nullptr, 0), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(tavrix_shm_create(name(), 0), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(tavrix_shm_set_string(nullptr, 0, "x"), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(tavrix_shm_set_string(name(), 4, nullptr), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(tavrix_shm_set_string(name(), 0, "x"), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(tavrix_shm_get_string(nullptr, 0, text), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(tavrix_shm_get_string(name(), 4, nullptr), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(tavrix_shm_get_string(name(), 0, text), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(tavrix_shm_set_int(nullptr, &value), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(tavrix_shm_set_int(name(), nullptr), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(tavrix_shm_get_int(nullptr, &value), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(tavrix_shm_get_int(name(), nullptr), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(tavrix_shm_clear(nullptr, 0), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(tavrix_shm_clear(name(), 0), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(log.sequence(), (std::vector<std::string>{
                                   "ERROR|NULL Pointer!",
                                   "ERROR|Zero size!",

@@ -19,6 +19,7 @@
 
 #include "support/log_capture.h"
 #include "support/stream.h"
+#include "tavrix_error.h"
 
 using support::LogCapture;
 
@@ -92,7 +93,7 @@ class ShmMemory : public testing::Test {
     void expect_the_text_held() const { EXPECT_EQ(stored(), std::string("still needed\0\0\0\0", 16)); }
     void expect_creation_to_fail(size_t size) const {
         const LogCapture log("info");
-        EXPECT_EQ(tavrix_shm_create(name(), size), -1);
+        EXPECT_EQ(tavrix_shm_create(name(), size), TAVRIX_ERR_GENERAL);
         EXPECT_EQ(log.count(support::error, "tavrix_shm", "Mmap error with " + name_ + ".\n"), 1);
         EXPECT_EQ(log.lines().size(), 1U);
     }
@@ -104,11 +105,11 @@ class ShmMemory : public testing::Test {
         int value = 1;
         char text[4] = "old";
         const LogCapture log("info");
-        EXPECT_EQ(tavrix_shm_set_string(name(), 4, "x"), -1);
-        EXPECT_EQ(tavrix_shm_get_string(name(), 4, text), -1);
-        EXPECT_EQ(tavrix_shm_set_int(name(), &value), -1);
-        EXPECT_EQ(tavrix_shm_get_int(name(), &value), -1);
-        EXPECT_EQ(tavrix_shm_clear(name(), 1), -1);
+        EXPECT_EQ(tavrix_shm_set_string(name(), 4, "x"), TAVRIX_ERR_GENERAL);
+        EXPECT_EQ(tavrix_shm_get_string(name(), 4, text), TAVRIX_ERR_GENERAL);
+        EXPECT_EQ(tavrix_shm_set_int(name(), &value), TAVRIX_ERR_GENERAL);
+        EXPECT_EQ(tavrix_shm_get_int(name(), &value), TAVRIX_ERR_GENERAL);
+        EXPECT_EQ(tavrix_shm_clear(name(), 1), TAVRIX_ERR_GENERAL);
         EXPECT_EQ(log.sequence(), map_lines(5));
         EXPECT_STREQ(text, "old");
         EXPECT_EQ(value, 1);
@@ -127,7 +128,7 @@ TEST_F(ShmMemory, IsReservedForTheWholeSlot) {
 TEST_F(ShmMemory, IsNotReservedForWhatCannotBeMapped) {
     mapping_fails = true;
     const LogCapture log("info");
-    EXPECT_EQ(tavrix_shm_create(name(), 100000), -1);
+    EXPECT_EQ(tavrix_shm_create(name(), 100000), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(log.sequence(), map_lines(1));
     EXPECT_TRUE(reserved.empty());
     EXPECT_EQ(state().st_size, 0);
@@ -139,7 +140,7 @@ TEST_F(ShmMemory, FailsTheCreationWhenThereIsNone) {
     {
         const LogCapture log("info");
         fail_reservations(1, ENOSPC);
-        EXPECT_EQ(tavrix_shm_create(name(), 100000), -1);
+        EXPECT_EQ(tavrix_shm_create(name(), 100000), TAVRIX_ERR_GENERAL);
         EXPECT_EQ(log.sequence(), map_lines(1));
     }
     EXPECT_EQ(support::open_descriptors(), open_before);
@@ -226,7 +227,7 @@ TEST_F(ShmMemory, IsGivenUpWhenSignalsNeverEnd) {
     EXPECT_EQ(tavrix_shm_create(name(), 16), 0) << "by the hundredth attempt";
     reserved.clear();
     fail_reservations(100, EINTR);
-    EXPECT_EQ(tavrix_shm_create(name(), 16), -1);
+    EXPECT_EQ(tavrix_shm_create(name(), 16), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(reserved.size(), 100U);
     EXPECT_EQ(log.sequence(), map_lines(1));
     EXPECT_EQ(state().st_size, 16);

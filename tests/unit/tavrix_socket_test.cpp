@@ -17,6 +17,7 @@
 #include "support/bus.h"
 #include "support/log_capture.h"
 #include "support/stream.h"
+#include "tavrix_error.h"
 
 using support::LogCapture;
 using support::StderrCapture;
@@ -124,8 +125,8 @@ TEST(UnixListener, CutsALongPathTo107Bytes) {
 TEST(UnixListener, RefusesNull) {
     int fd = -77;
     const LogCapture log("debug");
-    EXPECT_EQ(tavrix_unix_socket_init(nullptr, &fd, 0), -1);
-    EXPECT_EQ(tavrix_unix_socket_init("x.sock", nullptr, 0), -1);
+    EXPECT_EQ(tavrix_unix_socket_init(nullptr, &fd, 0), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(tavrix_unix_socket_init("x.sock", nullptr, 0), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(log.count(support::debug, unit, "[tavrix_unix_socket_init]: Null Pointer!\n"), 2);
     EXPECT_EQ(fd, -77);
 }
@@ -134,7 +135,7 @@ TEST(UnixListener, ReportsAPathThatCannotBeBoundAndLeavesNothingOpen) {
     const int open_before = support::open_descriptors();
     int fd = -77;
     const StderrCapture out;
-    EXPECT_EQ(tavrix_unix_socket_init("no/such/folder/x.sock", &fd, 0), -1);
+    EXPECT_EQ(tavrix_unix_socket_init("no/such/folder/x.sock", &fd, 0), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(out.text(), perror_text("bind", ENOENT));
     EXPECT_EQ(fd, -77);
     EXPECT_EQ(support::open_descriptors(), open_before + 2) << "only the capture's own two";
@@ -169,7 +170,7 @@ TEST(TcpListener, ReportsAPortInUseAndLeavesNothingOpen) {
     const int open_before = support::open_descriptors();
     int fd = -77;
     const StderrCapture out;
-    EXPECT_EQ(tavrix_tcp_socket_init(static_cast<unsigned>(port_of(first.fd)), &fd, 0), -1);
+    EXPECT_EQ(tavrix_tcp_socket_init(static_cast<unsigned>(port_of(first.fd)), &fd, 0), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(out.text(), perror_text("bind", EADDRINUSE));
     EXPECT_EQ(fd, -77);
     EXPECT_EQ(support::open_descriptors(), open_before + 2) << "only the capture's own two";
@@ -177,7 +178,7 @@ TEST(TcpListener, ReportsAPortInUseAndLeavesNothingOpen) {
 
 TEST(TcpListener, RefusesNull) {
     const LogCapture log("debug");
-    EXPECT_EQ(tavrix_tcp_socket_init(0, nullptr, 0), -1);
+    EXPECT_EQ(tavrix_tcp_socket_init(0, nullptr, 0), TAVRIX_ERR_GENERAL);
     EXPECT_TRUE(log.has(support::debug, unit, "[tavrix_tcp_socket_init]: Null Pointer!\n"));
 }
 
@@ -208,10 +209,10 @@ TEST(Accept, IsSilentWhenNobodyWaits) {
     ASSERT_EQ(tavrix_tcp_socket_init(0, &tcp.fd, 0), 0);
     int client = -77;
     const LogCapture log("verbose");
-    EXPECT_EQ(tavrix_socket_accept(&local.fd, &client), -1);
+    EXPECT_EQ(tavrix_socket_accept(&local.fd, &client), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(client, -1) << "written whatever the result";
     client = -77;
-    EXPECT_EQ(tavrix_tcp_socket_accept(&tcp.fd, &client), -1);
+    EXPECT_EQ(tavrix_tcp_socket_accept(&tcp.fd, &client), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(client, -1);
     EXPECT_TRUE(log.silent());
 }
@@ -220,8 +221,8 @@ TEST(Accept, ReportsABadListener) {
     const int bad = -5;
     int client = -77;
     const StderrCapture out;
-    EXPECT_EQ(tavrix_socket_accept(&bad, &client), -1);
-    EXPECT_EQ(tavrix_tcp_socket_accept(&bad, &client), -1);
+    EXPECT_EQ(tavrix_socket_accept(&bad, &client), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(tavrix_tcp_socket_accept(&bad, &client), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(out.text(), perror_text("tavrix_socket_accept", EBADF) + perror_text("tavrix_tcp_socket_accept", EBADF));
     EXPECT_EQ(client, -1);
 }
@@ -229,10 +230,10 @@ TEST(Accept, ReportsABadListener) {
 TEST(Accept, RefusesNull) {
     int any = 0;
     const LogCapture log("debug");
-    EXPECT_EQ(tavrix_socket_accept(nullptr, &any), -1);
-    EXPECT_EQ(tavrix_socket_accept(&any, nullptr), -1);
-    EXPECT_EQ(tavrix_tcp_socket_accept(nullptr, &any), -1);
-    EXPECT_EQ(tavrix_tcp_socket_accept(&any, nullptr), -1);
+    EXPECT_EQ(tavrix_socket_accept(nullptr, &any), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(tavrix_socket_accept(&any, nullptr), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(tavrix_tcp_socket_accept(nullptr, &any), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(tavrix_tcp_socket_accept(&any, nullptr), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(log.count(support::debug, unit, "[tavrix_socket_accept]: Null Pointer!\n"), 2);
     EXPECT_EQ(log.count(support::debug, unit, "[tavrix_tcp_socket_accept]: Null Pointer!\n"), 2);
 }
@@ -250,7 +251,8 @@ TEST(Connect, IsSilentWhenItIsRefused) {
     int fd = -77;
     const int open_before = support::open_descriptors();
     const LogCapture log("verbose");
-    EXPECT_EQ(tavrix_tcp_socket_connect("127.0.0.1", static_cast<unsigned>(support::free_port()), &fd), -1);
+    EXPECT_EQ(tavrix_tcp_socket_connect("127.0.0.1", static_cast<unsigned>(support::free_port()), &fd),
+              TAVRIX_ERR_GENERAL);
     EXPECT_TRUE(log.silent());
     EXPECT_EQ(fd, -77);
     EXPECT_EQ(support::open_descriptors(), open_before + 2) << "only the capture's own two";
@@ -261,7 +263,7 @@ TEST(Connect, WantsADottedQuad) {
         int fd = -77;
         const int open_before = support::open_descriptors();
         const StderrCapture out;
-        EXPECT_EQ(tavrix_tcp_socket_connect(text, 1, &fd), -1) << text;
+        EXPECT_EQ(tavrix_tcp_socket_connect(text, 1, &fd), TAVRIX_ERR_GENERAL) << text;
         EXPECT_EQ(out.text().rfind("inet_pton: ", 0), 0U) << out.text();
         EXPECT_EQ(fd, -77);
         EXPECT_EQ(support::open_descriptors(), open_before + 2);
@@ -271,21 +273,22 @@ TEST(Connect, WantsADottedQuad) {
 TEST(Connect, RefusesNull) {
     int fd = -77;
     const LogCapture log("debug");
-    EXPECT_EQ(tavrix_tcp_socket_connect(nullptr, 1, &fd), -1);
+    EXPECT_EQ(tavrix_tcp_socket_connect(nullptr, 1, &fd), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(log.count(support::debug, unit, "[tavrix_tcp_socket_connect]: Null Pointer!\n"), 1);
 }
 
 TEST(Connect, LooksAtThePlaceForTheDescriptorLast) {
     {
         const StderrCapture out;
-        EXPECT_EQ(tavrix_tcp_socket_connect("nowhere", 1, nullptr), -1);
+        EXPECT_EQ(tavrix_tcp_socket_connect("nowhere", 1, nullptr), TAVRIX_ERR_GENERAL);
         EXPECT_EQ(out.text().find("inet_pton: "), 0U);
     }
     Handle listener;
     ASSERT_EQ(tavrix_tcp_socket_init(0, &listener.fd, 0), 0);
     const LogCapture log("debug");
     const int before = support::open_descriptors();
-    EXPECT_EQ(tavrix_tcp_socket_connect("127.0.0.1", static_cast<unsigned>(port_of(listener.fd)), nullptr), -1);
+    EXPECT_EQ(tavrix_tcp_socket_connect("127.0.0.1", static_cast<unsigned>(port_of(listener.fd)), nullptr),
+              TAVRIX_ERR_GENERAL);
     EXPECT_EQ(support::open_descriptors(), before);
     EXPECT_EQ(log.sequence(), std::vector<std::string>{"DEBUG|[tavrix_tcp_socket_connect]: Null Pointer!"});
 }
@@ -349,7 +352,7 @@ TEST(Send, SurvivesAPeerThatHasClosed) {
     Pair pair;
     ::close(std::exchange(pair.theirs.fd, -1));
     const LogCapture log("verbose");
-    EXPECT_EQ(tavrix_socket_send(&pair.ours.fd, "x"), -1) << "and no SIGPIPE";
+    EXPECT_EQ(tavrix_socket_send(&pair.ours.fd, "x"), TAVRIX_ERR_GENERAL) << "and no SIGPIPE";
     EXPECT_TRUE(log.silent());
 }
 
@@ -358,7 +361,7 @@ TEST(Send, TakesAShortSendForASuccess) {
     fcntl(pair.ours.fd, F_SETFL, O_NONBLOCK);
     const std::string large(50U << 20, 'x');
     EXPECT_EQ(tavrix_socket_send(&pair.ours.fd, large.c_str()), 0);
-    EXPECT_EQ(tavrix_socket_send(&pair.ours.fd, large.c_str()), -1) << "now the buffer is full";
+    EXPECT_EQ(tavrix_socket_send(&pair.ours.fd, large.c_str()), TAVRIX_ERR_GENERAL) << "now the buffer is full";
 }
 
 TEST(Send, HasNothingToSendOfAnEmptyText) {
@@ -369,8 +372,8 @@ TEST(Send, HasNothingToSendOfAnEmptyText) {
 TEST(Send, RefusesNull) {
     Pair pair;
     const LogCapture log("debug");
-    EXPECT_EQ(tavrix_socket_send(nullptr, "x"), -1);
-    EXPECT_EQ(tavrix_socket_send(&pair.ours.fd, nullptr), -1);
+    EXPECT_EQ(tavrix_socket_send(nullptr, "x"), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(tavrix_socket_send(&pair.ours.fd, nullptr), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(log.count(support::debug, unit, "[tavrix_socket_send]: Null Pointer!\n"), 2);
 }
 
@@ -379,20 +382,20 @@ TEST(Close, WorksOnce) {
     EXPECT_EQ(tavrix_socket_close(&pair.ours.fd), 0);
     EXPECT_EQ(pair.ours.fd, -1);
     const StderrCapture out;
-    EXPECT_EQ(tavrix_socket_close(&pair.ours.fd), -1);
+    EXPECT_EQ(tavrix_socket_close(&pair.ours.fd), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(out.text(), perror_text("tavrix_socket_close", EBADF));
 }
 
 TEST(Close, KeepsTheHandleWhenItFails) {
     int bad = 987654;
     const StderrCapture out;
-    EXPECT_EQ(tavrix_socket_close(&bad), -1);
+    EXPECT_EQ(tavrix_socket_close(&bad), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(bad, 987654);
 }
 
 TEST(Close, RefusesNull) {
     const LogCapture log("debug");
-    EXPECT_EQ(tavrix_socket_close(nullptr), -1);
+    EXPECT_EQ(tavrix_socket_close(nullptr), TAVRIX_ERR_GENERAL);
     EXPECT_TRUE(log.has(support::debug, unit, "[tavrix_socket_close]: Null Pointer!\n"));
 }
 
@@ -402,8 +405,8 @@ TEST(Shutdown, ForgetsTheHandleInAnyCaseAndSaysNothing) {
     EXPECT_EQ(tavrix_socket_shutdown(&pair.ours.fd), 0);
     EXPECT_EQ(pair.ours.fd, -1);
     int bad = 987654;
-    EXPECT_EQ(tavrix_socket_shutdown(&bad), -1);
+    EXPECT_EQ(tavrix_socket_shutdown(&bad), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(bad, -1);
-    EXPECT_EQ(tavrix_socket_shutdown(nullptr), -1);
+    EXPECT_EQ(tavrix_socket_shutdown(nullptr), TAVRIX_ERR_GENERAL);
     EXPECT_TRUE(log.silent());
 }

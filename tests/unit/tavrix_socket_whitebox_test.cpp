@@ -14,6 +14,7 @@
 
 #include "support/log_capture.h"
 #include "support/stream.h"
+#include "tavrix_error.h"
 #include "tavrix_socket.h"
 
 namespace {
@@ -144,7 +145,7 @@ TEST(ListenerAddress, OfAPortHasTheLengthOfAPathsAndARestOfZero) {
 TEST(Connect, GivesAnIpv4AddressAndItsLength) {
     int fd = -77;
     failing = "connect";
-    EXPECT_EQ(tavrix_tcp_socket_connect("192.0.2.7", 4660, &fd), -1);
+    EXPECT_EQ(tavrix_tcp_socket_connect("192.0.2.7", 4660, &fd), TAVRIX_ERR_GENERAL);
     failing.clear();
     EXPECT_EQ(connected_to.size(), 16U);
     EXPECT_EQ(connected_to, bytes_of(ipv4(0xC0000207, 4660)));
@@ -155,9 +156,9 @@ TEST(Connect, TellsATimeOutFromOtherFailures) {
     const int open_before = support::open_descriptors();
     failing = "connect";
     reason = ETIMEDOUT;
-    EXPECT_EQ(tavrix_tcp_socket_connect("127.0.0.1", 1, &fd), -51);
+    EXPECT_EQ(tavrix_tcp_socket_connect("127.0.0.1", 1, &fd), TAVRIX_ERR_CONNECT_TIMEOUT);
     reason = ENETUNREACH;
-    EXPECT_EQ(tavrix_tcp_socket_connect("127.0.0.1", 1, &fd), -1);
+    EXPECT_EQ(tavrix_tcp_socket_connect("127.0.0.1", 1, &fd), TAVRIX_ERR_GENERAL);
     reason = EACCES;
     failing.clear();
     EXPECT_EQ(fd, -77);
@@ -168,7 +169,7 @@ TEST(Connect, ReportsThatNoSocketIsLeft) {
     int fd = -77;
     const support::StderrCapture out;
     failing = "socket";
-    EXPECT_EQ(tavrix_tcp_socket_connect("127.0.0.1", 1, &fd), -1);
+    EXPECT_EQ(tavrix_tcp_socket_connect("127.0.0.1", 1, &fd), TAVRIX_ERR_GENERAL);
     failing.clear();
     EXPECT_EQ(out.text(), std::string("tavrix_tcp_socket_connect: ") + strerror(EACCES) + "\n");
 }

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "support/log_capture.h"
+#include "tavrix_error.h"
 
 using support::LogCapture;
 
@@ -225,7 +226,7 @@ TEST_F(Sqlite, StepsThroughAResultSet) {
         EXPECT_EQ(tavrix_sqlite3_step_retrieve_int(statement, &value), 0);
         EXPECT_EQ(value, expected);
     }
-    EXPECT_EQ(tavrix_sqlite3_step_retrieve_int(statement, &value), -7);
+    EXPECT_EQ(tavrix_sqlite3_step_retrieve_int(statement, &value), TAVRIX_ERR_SYSTEM_ACCESS);
     EXPECT_EQ(value, 5000000000);
     sqlite3_finalize(statement);
 }
@@ -236,7 +237,7 @@ TEST_F(Sqlite, NamesTheFirstNullArgument) {
     char text[4];
     LogCapture log("info");
     const auto named = [&](int rc, int index) {
-        EXPECT_EQ(rc, -4);
+        EXPECT_EQ(rc, TAVRIX_ERR_PARAMETER);
         EXPECT_EQ(log.count(support::warning, "tavrix_utils", null_line(index)), 1) << log.text();
         log.clear();
     };
@@ -342,7 +343,7 @@ TEST_F(Sqlite, RetriesNeitherPreparingNorStepping) {
     const LogCapture log("debug");
     EXPECT_EQ(tavrix_sqlite3_get_single_id_result(db, &value, "SELECT id FROM t"), SQLITE_BUSY);
     EXPECT_EQ(tavrix_sqlite3_get_single_string_result(db, text, sizeof text, "SELECT word FROM t"), SQLITE_BUSY);
-    EXPECT_EQ(tavrix_sqlite3_step_retrieve_int(statement, &value), -7);
+    EXPECT_EQ(tavrix_sqlite3_step_retrieve_int(statement, &value), TAVRIX_ERR_SYSTEM_ACCESS);
     EXPECT_TRUE(log.silent());
     EXPECT_EQ(value, -77);
     EXPECT_STREQ(text, "kept");
@@ -351,6 +352,6 @@ TEST_F(Sqlite, RetriesNeitherPreparingNorStepping) {
 
 TEST_F(Sqlite, ReportsAMissingStatementAsAFailedStep) {
     int64_t value = -77;
-    EXPECT_EQ(tavrix_sqlite3_step_retrieve_int(nullptr, &value), -7);
+    EXPECT_EQ(tavrix_sqlite3_step_retrieve_int(nullptr, &value), TAVRIX_ERR_SYSTEM_ACCESS);
     EXPECT_EQ(value, -77);
 }

@@ -16,6 +16,7 @@
 #include <unistd.h>
 
 #include "support/log_capture.h"
+#include "tavrix_error.h"
 
 using support::LogCapture;
 using support::StderrCapture;
@@ -59,7 +60,7 @@ TEST(TimerInit, WaitsUnlessExactlyOneIsGiven) {
 
 TEST(TimerInit, RefusesNull) {
     const LogCapture log("debug");
-    EXPECT_EQ(tavrix_timer_init(nullptr, 1), -20);
+    EXPECT_EQ(tavrix_timer_init(nullptr, 1), TAVRIX_ERR_NULL_INPUT);
     EXPECT_EQ(log.sequence(), std::vector<std::string>{"DEBUG|[tavrix_timer_init]: NULL pointer!"});
 }
 
@@ -128,11 +129,11 @@ TEST_F(Timer, IsDisarmedByAZeroFirstExpiry) {
 
 TEST_F(Timer, RefusesImpossibleTimes) {
     const StderrCapture out;
-    EXPECT_EQ(tavrix_timer_set(fd, -1, 0), -1);
-    EXPECT_EQ(tavrix_timer_nsec_set(fd, -1.5F, 0), -1);
-    EXPECT_EQ(tavrix_timer_nsec_set(fd, std::nanf(""), 0), -1);
-    EXPECT_EQ(tavrix_timer_nsec_set(fd, HUGE_VALF, 0), -1);
-    EXPECT_EQ(tavrix_timer_nsec_set(fd, 1, -HUGE_VALF), -1);
+    EXPECT_EQ(tavrix_timer_set(fd, -1, 0), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(tavrix_timer_nsec_set(fd, -1.5F, 0), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(tavrix_timer_nsec_set(fd, std::nanf(""), 0), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(tavrix_timer_nsec_set(fd, HUGE_VALF, 0), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(tavrix_timer_nsec_set(fd, 1, -HUGE_VALF), TAVRIX_ERR_GENERAL);
     std::string expected;
     for (int i = 0; i < 5; ++i) {
         expected += std::string("tavrix_timer_set: ") + strerror(EINVAL) + "\n";
@@ -142,7 +143,7 @@ TEST_F(Timer, RefusesImpossibleTimes) {
 
 TEST_F(Timer, TellsThatItHasNotExpiredWithoutALine) {
     const LogCapture log("verbose");
-    EXPECT_EQ(tavrix_timer_read(fd), -25);
+    EXPECT_EQ(tavrix_timer_read(fd), TAVRIX_ERR_NO_TIMER_EXPIRATION);
     EXPECT_TRUE(log.silent());
 }
 
@@ -150,7 +151,7 @@ TEST_F(Timer, ExpiresOnceOrAgainAndAgain) {
     ASSERT_EQ(tavrix_timer_nsec_set(fd, 0.01F, 0), 0);
     ASSERT_TRUE(expires());
     EXPECT_EQ(tavrix_timer_read(fd), 0);
-    EXPECT_EQ(tavrix_timer_read(fd), -25) << "consumed";
+    EXPECT_EQ(tavrix_timer_read(fd), TAVRIX_ERR_NO_TIMER_EXPIRATION) << "consumed";
     ASSERT_EQ(tavrix_timer_nsec_set(fd, 0.01F, 0.01F), 0);
     for (int i = 0; i < 3; ++i) {
         ASSERT_TRUE(expires());
@@ -170,7 +171,7 @@ TEST_F(Timer, MayWaitInItsRead) {
 
 TEST(TimerRead, ReportsOtherErrorsThroughTheLogger) {
     const LogCapture log("info");
-    EXPECT_EQ(tavrix_timer_read(-1), -1);
+    EXPECT_EQ(tavrix_timer_read(-1), TAVRIX_ERR_GENERAL);
     EXPECT_TRUE(log.has(support::error, unit,
                         "Bad errno value (" + std::to_string(EBADF) + " = '" + strerror(EBADF) + "')!\n"));
 }
@@ -187,7 +188,7 @@ TEST(TimerRead, FailsOnASignal) {
     ticking.it_interval.tv_usec = 20000;
     const LogCapture log("info");
     setitimer(ITIMER_REAL, &ticking, nullptr);
-    EXPECT_EQ(tavrix_timer_read(waiting), -1);
+    EXPECT_EQ(tavrix_timer_read(waiting), TAVRIX_ERR_GENERAL);
     const itimerval off{};
     setitimer(ITIMER_REAL, &off, nullptr);
     sigaction(SIGALRM, &before, nullptr);
@@ -201,7 +202,7 @@ TEST(TimerRead, RefusesAReadThatIsTooShort) {
     ASSERT_EQ(pipe(fds), 0);
     ASSERT_EQ(write(fds[1], "abc", 3), 3);
     const LogCapture log("verbose");
-    EXPECT_EQ(tavrix_timer_read(fds[0]), -1);
+    EXPECT_EQ(tavrix_timer_read(fds[0]), TAVRIX_ERR_GENERAL);
     EXPECT_TRUE(log.silent());
     ::close(fds[0]);
     ::close(fds[1]);
@@ -217,7 +218,7 @@ TEST(TimerFree, SetsTheVariableToZero) {
     int none = -1;
     EXPECT_EQ(tavrix_timer_free(&none), 0);
     const LogCapture log("debug");
-    EXPECT_EQ(tavrix_timer_free(nullptr), -20);
+    EXPECT_EQ(tavrix_timer_free(nullptr), TAVRIX_ERR_NULL_INPUT);
     EXPECT_EQ(log.sequence(), std::vector<std::string>{"DEBUG|[tavrix_timer_free]: NULL pointer!"});
 }
 

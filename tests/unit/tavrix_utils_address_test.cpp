@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "support/log_capture.h"
+#include "tavrix_error.h"
 #include "tavrix_utils.h"
 
 using support::LogCapture;
@@ -52,10 +53,10 @@ TEST(MacFormat, BringsBothFormsIntoTheCanonicalOne) {
 TEST(MacFormat, LeavesWhatIsNoAddressAlone) {
     for (const char *value : {"", "aa:bb:cc:dd:ee:f", "aa:bb:cc:dd:ee:fff", "aa:bb:cc:dd:ee:gg", "aa:bb-cc:dd:ee:ff"}) {
         Writable mac(value);
-        EXPECT_EQ(tavrix_validate_and_format_mac_addr_string(mac.text), -4) << value;
+        EXPECT_EQ(tavrix_validate_and_format_mac_addr_string(mac.text), TAVRIX_ERR_PARAMETER) << value;
         EXPECT_STREQ(mac.text, value);
     }
-    EXPECT_EQ(tavrix_validate_and_format_mac_addr_string(nullptr), -4);
+    EXPECT_EQ(tavrix_validate_and_format_mac_addr_string(nullptr), TAVRIX_ERR_PARAMETER);
 }
 
 TEST(MacFormat, SaysWhatItDoes) {
@@ -93,20 +94,20 @@ TEST(MacToBytes, ConsumesTheText) {
 TEST(MacToBytes, PassesTheCheckOnAndRefusesNull) {
     Writable mac("nonsense");
     unsigned char bytes[6] = {};
-    EXPECT_EQ(tavrix_str_to_mac_address(mac.text, bytes), -4);
-    EXPECT_EQ(tavrix_str_to_mac_address(nullptr, bytes), -20);
-    EXPECT_EQ(tavrix_str_to_mac_address(mac.text, nullptr), -20);
+    EXPECT_EQ(tavrix_str_to_mac_address(mac.text, bytes), TAVRIX_ERR_PARAMETER);
+    EXPECT_EQ(tavrix_str_to_mac_address(nullptr, bytes), TAVRIX_ERR_NULL_INPUT);
+    EXPECT_EQ(tavrix_str_to_mac_address(mac.text, nullptr), TAVRIX_ERR_NULL_INPUT);
 }
 
 TEST(MacToBytes, ScansWithoutAnyCheck) {
     unsigned char bytes[6] = {};
     EXPECT_EQ(tavrix_mac_address_to_char_array("0a:1B:2:ff:0:10 trailing", bytes), 0);
     EXPECT_EQ(bytes_text(bytes, 6), "0a1b02ff0010");
-    EXPECT_EQ(tavrix_mac_address_to_char_array("0a:1b:2c:3d:4e", bytes), -4);
-    EXPECT_EQ(tavrix_mac_address_to_char_array("0a-1b-2c-3d-4e-5f", bytes), -4);
-    EXPECT_EQ(tavrix_mac_address_to_char_array("", bytes), -4);
-    EXPECT_EQ(tavrix_mac_address_to_char_array(nullptr, bytes), -20);
-    EXPECT_EQ(tavrix_mac_address_to_char_array("0a:1b:2c:3d:4e:5f", nullptr), -20);
+    EXPECT_EQ(tavrix_mac_address_to_char_array("0a:1b:2c:3d:4e", bytes), TAVRIX_ERR_PARAMETER);
+    EXPECT_EQ(tavrix_mac_address_to_char_array("0a-1b-2c-3d-4e-5f", bytes), TAVRIX_ERR_PARAMETER);
+    EXPECT_EQ(tavrix_mac_address_to_char_array("", bytes), TAVRIX_ERR_PARAMETER);
+    EXPECT_EQ(tavrix_mac_address_to_char_array(nullptr, bytes), TAVRIX_ERR_NULL_INPUT);
+    EXPECT_EQ(tavrix_mac_address_to_char_array("0a:1b:2c:3d:4e:5f", nullptr), TAVRIX_ERR_NULL_INPUT);
 }
 
 TEST(MacBytes, ArePrintedAndTakenAsANumber) {
@@ -124,7 +125,7 @@ TEST(MacList, HoldsAtMost512) {
     EXPECT_EQ(tavrix_get_num_macs_to_list(512), 512);
     EXPECT_EQ(tavrix_get_num_macs_to_list(513), 512);
     EXPECT_EQ(tavrix_get_num_macs_to_list(0), 0);
-    EXPECT_EQ(tavrix_get_num_macs_to_list(-1), -1);
+    EXPECT_EQ(tavrix_get_num_macs_to_list(-1), TAVRIX_ERR_GENERAL);
 }
 
 TEST(MacVector, GrowsByDoubling) {
@@ -143,8 +144,8 @@ TEST(MacVector, GrowsByDoubling) {
     }
     EXPECT_STREQ(array.entries[16], "00:00:00:00:00:10");
     EXPECT_STREQ(array.entries[1], "AA:BB:CC:DD:EE:FF");
-    EXPECT_EQ(tavrix_mac_vector_insert(&vector, "x", 2), -4);
-    EXPECT_EQ(tavrix_mac_vector_insert(&vector, "x", -1), -4);
+    EXPECT_EQ(tavrix_mac_vector_insert(&vector, "x", 2), TAVRIX_ERR_PARAMETER);
+    EXPECT_EQ(tavrix_mac_vector_insert(&vector, "x", -1), TAVRIX_ERR_PARAMETER);
     EXPECT_EQ(array.count, 17);
     EXPECT_EQ(tavrix_mac_vector_insert(&vector, std::string(40, 'x').c_str(), 1), 0);
     EXPECT_EQ(std::string(array.entries[17]), std::string(19, 'x')) << "cut to its entry";
@@ -170,7 +171,7 @@ TEST(MacVector, GrowsBeforeItRefusesAFlag) {
     for (int i = 0; i < 8; ++i) {
         tavrix_mac_vector_insert(&vector, "x", 1);
     }
-    EXPECT_EQ(tavrix_mac_vector_insert(&vector, "x", 5), -4);
+    EXPECT_EQ(tavrix_mac_vector_insert(&vector, "x", 5), TAVRIX_ERR_PARAMETER);
     EXPECT_EQ(vector.capacity, 16);
     EXPECT_EQ(array.count, 8);
     free(array.entries);
@@ -179,11 +180,11 @@ TEST(MacVector, GrowsBeforeItRefusesAFlag) {
 TEST(MacVector, RefusesNull) {
     tavrix_mac_array array{};
     tavrix_mac_vector vector{};
-    EXPECT_EQ(tavrix_mac_vector_init(nullptr, &array), -20);
-    EXPECT_EQ(tavrix_mac_vector_init(&vector, nullptr), -20);
-    EXPECT_EQ(tavrix_mac_vector_insert(nullptr, "x", 1), -20);
-    EXPECT_EQ(tavrix_mac_vector_insert(&vector, nullptr, 1), -20);
-    EXPECT_EQ(tavrix_mac_vector_insert(&vector, "x", 1), -20) << "bound to no array yet";
+    EXPECT_EQ(tavrix_mac_vector_init(nullptr, &array), TAVRIX_ERR_NULL_INPUT);
+    EXPECT_EQ(tavrix_mac_vector_init(&vector, nullptr), TAVRIX_ERR_NULL_INPUT);
+    EXPECT_EQ(tavrix_mac_vector_insert(nullptr, "x", 1), TAVRIX_ERR_NULL_INPUT);
+    EXPECT_EQ(tavrix_mac_vector_insert(&vector, nullptr, 1), TAVRIX_ERR_NULL_INPUT);
+    EXPECT_EQ(tavrix_mac_vector_insert(&vector, "x", 1), TAVRIX_ERR_NULL_INPUT) << "bound to no array yet";
 }
 
 TEST(PortMacs, AreReleasedWithTheirLists) {
@@ -213,11 +214,11 @@ TEST(IpAddress, IsSplitIntoFourBytes) {
 TEST(IpAddress, WantsRoomForExactlyFour) {
     unsigned char bytes[8] = {};
     for (const int length : {0, 3, 5, -4}) {
-        EXPECT_EQ(tavrix_tokenize_ip_address(bytes, "1.2.3.4", length), -41);
+        EXPECT_EQ(tavrix_tokenize_ip_address(bytes, "1.2.3.4", length), TAVRIX_ERR_BUFFER_SPACE);
     }
-    EXPECT_EQ(tavrix_tokenize_ip_address(nullptr, "1.2.3.4", 4), -20);
-    EXPECT_EQ(tavrix_tokenize_ip_address(bytes, nullptr, 4), -20);
-    EXPECT_EQ(tavrix_tokenize_ip_address(nullptr, "1.2.3.4", 3), -20) << "null comes first";
+    EXPECT_EQ(tavrix_tokenize_ip_address(nullptr, "1.2.3.4", 4), TAVRIX_ERR_NULL_INPUT);
+    EXPECT_EQ(tavrix_tokenize_ip_address(bytes, nullptr, 4), TAVRIX_ERR_NULL_INPUT);
+    EXPECT_EQ(tavrix_tokenize_ip_address(nullptr, "1.2.3.4", 3), TAVRIX_ERR_NULL_INPUT) << "null comes first";
 }
 
 // --- Port ids ---
@@ -234,8 +235,8 @@ TEST(PortId, IsPrintedAndCut) {
     EXPECT_STREQ(text, "c128");
     EXPECT_EQ(tavrix_create_mzu_id_str(text, 3, 128), 0);
     EXPECT_STREQ(text, "c1");
-    EXPECT_EQ(tavrix_create_port_id_str(nullptr, 8, 1, 1), -4);
-    EXPECT_EQ(tavrix_create_mzu_id_str(nullptr, 8, 1), -4);
+    EXPECT_EQ(tavrix_create_port_id_str(nullptr, 8, 1, 1), TAVRIX_ERR_PARAMETER);
+    EXPECT_EQ(tavrix_create_mzu_id_str(nullptr, 8, 1), TAVRIX_ERR_PARAMETER);
     text[0] = '~';
     EXPECT_EQ(tavrix_create_port_id_str(text, 0, 1, 1), 0);
     EXPECT_EQ(text[0], '~');
@@ -244,7 +245,7 @@ TEST(PortId, IsPrintedAndCut) {
 TEST(PortId, IsNotMadeForANegativeUnit) {
     char text[8] = "old";
     const LogCapture log("debug");
-    EXPECT_EQ(tavrix_create_port_id_str(text, sizeof text, -1, 1), -1);
+    EXPECT_EQ(tavrix_create_port_id_str(text, sizeof text, -1, 1), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(std::string(text, 8), std::string(8, '\0')) << "cleared all the same";
     EXPECT_EQ(log.sequence(),
               std::vector<std::string>{"DEBUG|Unable to create port id string due to mzu number being less than 0"});
@@ -302,9 +303,9 @@ TEST(PortId, IsParsed) {
         EXPECT_EQ(port, row.port) << row.text;
     }
     int value = 0;
-    EXPECT_EQ(tavrix_parse_mzu_port_id(nullptr, &value, "c1"), -4);
-    EXPECT_EQ(tavrix_parse_mzu_port_id(&value, nullptr, "c1"), -4);
-    EXPECT_EQ(tavrix_parse_mzu_port_id(&value, &value, nullptr), -4);
+    EXPECT_EQ(tavrix_parse_mzu_port_id(nullptr, &value, "c1"), TAVRIX_ERR_PARAMETER);
+    EXPECT_EQ(tavrix_parse_mzu_port_id(&value, nullptr, "c1"), TAVRIX_ERR_PARAMETER);
+    EXPECT_EQ(tavrix_parse_mzu_port_id(&value, &value, nullptr), TAVRIX_ERR_PARAMETER);
 }
 
 // --- Port lines ---
@@ -382,9 +383,9 @@ TEST(PortLine, StaysWithinItsBuffersForAnyWidth) {
     }
     int cursor = 0;
     char out[4];
-    EXPECT_EQ(tavrix_port_str_create(nullptr, &cursor, out, 2), -20);
-    EXPECT_EQ(tavrix_port_str_create(&list, nullptr, out, 2), -20);
-    EXPECT_EQ(tavrix_port_str_create(&list, &cursor, nullptr, 2), -20);
+    EXPECT_EQ(tavrix_port_str_create(nullptr, &cursor, out, 2), TAVRIX_ERR_NULL_INPUT);
+    EXPECT_EQ(tavrix_port_str_create(&list, nullptr, out, 2), TAVRIX_ERR_NULL_INPUT);
+    EXPECT_EQ(tavrix_port_str_create(&list, &cursor, nullptr, 2), TAVRIX_ERR_NULL_INPUT);
 }
 
 TEST(PortLine, LeavesACursorBehindTheLastPortWhereItIs) {
@@ -463,6 +464,6 @@ TEST(Version, IsComparedNumberByNumber) {
     for (const auto &row : rows) {
         EXPECT_EQ(tavrix_utils_sw_version_strcmp(row.a, row.b), row.rc) << row.a << " against " << row.b;
     }
-    EXPECT_EQ(tavrix_utils_sw_version_strcmp(nullptr, "1"), -20);
-    EXPECT_EQ(tavrix_utils_sw_version_strcmp("1", nullptr), -20);
+    EXPECT_EQ(tavrix_utils_sw_version_strcmp(nullptr, "1"), TAVRIX_ERR_NULL_INPUT);
+    EXPECT_EQ(tavrix_utils_sw_version_strcmp("1", nullptr), TAVRIX_ERR_NULL_INPUT);
 }

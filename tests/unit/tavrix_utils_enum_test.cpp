@@ -10,6 +10,7 @@
 
 #include "support/log_capture.h"
 #include "support/params.h"
+#include "tavrix_error.h"
 #include "tavrix_lsyslog.h"
 #include "tavrix_utils.h"
 #include "tavrix_validation.h"
@@ -171,9 +172,9 @@ TEST(Enumerators, AreThePositionsOfTheirWords) {
 // --- What stored numbers rely on ---
 
 TEST(Enumerations, ReadARecordOfZerosAsUnknown) {
-    for (const char *const *table : {&tavrix_poe_status_strings[0], &tavrix_link_status_strings[0],
-                                     &tavrix_link_speed_strings[0], &tavrix_vlan_mode_strings[0],
-                                     &tavrix_mzu_model_strings[0]}) {
+    for (const char *const *table :
+         {&tavrix_poe_status_strings[0], &tavrix_link_status_strings[0], &tavrix_link_speed_strings[0],
+          &tavrix_vlan_mode_strings[0], &tavrix_mzu_model_strings[0]}) {
         EXPECT_EQ(word_of(0, table), "unknown");
         EXPECT_EQ(value_of("unknown", table), 0);
     }
@@ -260,8 +261,8 @@ TEST(EnumToStr, SaysTheWholeWordAtVerboseOnly) {
 TEST(EnumToStr, RefusesNullAndNamesIt) {
     char word[8] = "kept";
     const LogCapture log("info");
-    EXPECT_EQ(tavrix_enum_to_str(nullptr, sizeof word, 0, tavrix_link_status_strings), -4);
-    EXPECT_EQ(tavrix_enum_to_str(word, sizeof word, 0, nullptr), -4);
+    EXPECT_EQ(tavrix_enum_to_str(nullptr, sizeof word, 0, tavrix_link_status_strings), TAVRIX_ERR_PARAMETER);
+    EXPECT_EQ(tavrix_enum_to_str(word, sizeof word, 0, nullptr), TAVRIX_ERR_PARAMETER);
     EXPECT_EQ(log.sequence(), (Lines{
                                   "WARN |Found a null input parameter at varg index <0>",
                                   "WARN |Found a null input parameter at varg index <1>",
@@ -286,7 +287,7 @@ TEST(StrToEnum, SaysWhatItFoundAtVerboseOnly) {
     int value = untouched;
     {
         const LogCapture log("verbose");
-        EXPECT_EQ(tavrix_str_to_enum(&value, "Up", tavrix_link_status_strings), -1);
+        EXPECT_EQ(tavrix_str_to_enum(&value, "Up", tavrix_link_status_strings), TAVRIX_ERR_GENERAL);
         EXPECT_EQ(value, untouched);
         EXPECT_EQ(tavrix_str_to_enum(&value, "up", tavrix_link_status_strings), 0);
         EXPECT_EQ(value, 2);
@@ -305,9 +306,9 @@ TEST(StrToEnum, SaysWhatItFoundAtVerboseOnly) {
 TEST(StrToEnum, RefusesNullAndNamesIt) {
     int value = untouched;
     const LogCapture log("info");
-    EXPECT_EQ(tavrix_str_to_enum(nullptr, "up", tavrix_link_status_strings), -4);
-    EXPECT_EQ(tavrix_str_to_enum(&value, nullptr, tavrix_link_status_strings), -4);
-    EXPECT_EQ(tavrix_str_to_enum(&value, "up", nullptr), -4);
+    EXPECT_EQ(tavrix_str_to_enum(nullptr, "up", tavrix_link_status_strings), TAVRIX_ERR_PARAMETER);
+    EXPECT_EQ(tavrix_str_to_enum(&value, nullptr, tavrix_link_status_strings), TAVRIX_ERR_PARAMETER);
+    EXPECT_EQ(tavrix_str_to_enum(&value, "up", nullptr), TAVRIX_ERR_PARAMETER);
     EXPECT_EQ(log.sequence(), (Lines{
                                   "WARN |Found a null input parameter at varg index <0>",
                                   "WARN |Found a null input parameter at varg index <1>",

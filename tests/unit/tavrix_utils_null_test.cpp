@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "support/log_capture.h"
+#include "tavrix_error.h"
 #include "tavrix_utils.h"
 
 using support::LogCapture;
@@ -33,5 +34,5 @@ TEST(NullTest, LooksNoFurtherThanItsCount) {
     int a = 0;
     const void *null = nullptr;
     EXPECT_EQ(tavrix_check_for_null(1, &a, null), 0);
-    EXPECT_EQ(tavrix_check_for_null(2, &a, null), -1);
+    EXPECT_EQ(tavrix_check_for_null(2, &a, null), TAVRIX_ERR_GENERAL);
 }

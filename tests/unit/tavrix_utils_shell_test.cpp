@@ -18,6 +18,7 @@
 #include "support/bus.h"
 #include "support/log_capture.h"
 #include "support/process.h"
+#include "tavrix_error.h"
 #include "tavrix_mq.h"
 #include "tavrix_utils.h"
 
@@ -195,23 +196,23 @@ TEST(CheckMd5, ReportsWhatItCannotRead) {
     bool match = true;
     {
         const LogCapture log("info");
-        EXPECT_EQ(tavrix_check_md5("data", "empty.md5", &match), -1);
+        EXPECT_EQ(tavrix_check_md5("data", "empty.md5", &match), TAVRIX_ERR_GENERAL);
         EXPECT_TRUE(log.has(support::error, unit, "No result from md5sum\n"));
     }
     {
         const StderrCapture out;
-        EXPECT_EQ(tavrix_check_md5("data", "missing.md5", &match), -1);
+        EXPECT_EQ(tavrix_check_md5("data", "missing.md5", &match), TAVRIX_ERR_GENERAL);
         EXPECT_NE(out.text().find("fopen: No such file or directory\n"), std::string::npos);
     }
     {
         const StandIn silent("md5sum", "exit 0");
         const LogCapture log("info");
-        EXPECT_EQ(tavrix_check_md5("data", "data.md5", &match), -1);
+        EXPECT_EQ(tavrix_check_md5("data", "data.md5", &match), TAVRIX_ERR_GENERAL);
         EXPECT_TRUE(log.has(support::error, unit, "No result from md5sum\n"));
     }
     {
         const StderrCapture out;
-        EXPECT_EQ(tavrix_check_md5(std::string(300, 'x').c_str(), "data.md5", &match), -1)
+        EXPECT_EQ(tavrix_check_md5(std::string(300, 'x').c_str(), "data.md5", &match), TAVRIX_ERR_GENERAL)
             << "the command would be cut";
         EXPECT_NE(out.text().find("popen: "), std::string::npos);
     }
@@ -241,7 +242,7 @@ TEST(CheckMd5, LeavesErrnoAloneUnlessItFails) {
         EXPECT_EQ(errno, EXDEV) << stored;
     }
     const StderrCapture out;
-    EXPECT_EQ(tavrix_check_md5(std::string(248, 'x').c_str(), "data.md5", &match), -1);
+    EXPECT_EQ(tavrix_check_md5(std::string(248, 'x').c_str(), "data.md5", &match), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(out.text(), "popen: File name too long\n");
 }
 
@@ -249,9 +250,9 @@ TEST(CheckMd5, RefusesNull) {
     write_file("data", "hello\n");
     write_file("data.md5", "b1946ac92492d2347c6235b4d2611184  data\n");
     bool match = false;
-    EXPECT_EQ(tavrix_check_md5(nullptr, "data.md5", &match), -1);
-    EXPECT_EQ(tavrix_check_md5("data", nullptr, &match), -1);
-    EXPECT_EQ(tavrix_check_md5("data", "data.md5", nullptr), -1);
+    EXPECT_EQ(tavrix_check_md5(nullptr, "data.md5", &match), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(tavrix_check_md5("data", nullptr, &match), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(tavrix_check_md5("data", "data.md5", nullptr), TAVRIX_ERR_GENERAL);
     EXPECT_FALSE(match);
 }
 
@@ -331,7 +332,7 @@ TEST(TimeSentence, CountsDaysHoursMinutesSeconds) {
             log.has(support::verbose, unit,
                     "Finished formatting seconds <" + std::to_string(row.seconds) + "> into <" + row.text + ">\n"));
     }
-    EXPECT_EQ(tavrix_utils_format_seconds_as_time_sentence(1, nullptr), -4);
+    EXPECT_EQ(tavrix_utils_format_seconds_as_time_sentence(1, nullptr), TAVRIX_ERR_PARAMETER);
 }
 
 TEST(Dump, ShowsSixteenBytesALine) {
@@ -389,6 +390,6 @@ TEST(ReceiveDescriptor, ComesFromTheBusSocket) {
     EXPECT_EQ(tavrix_get_nn_rcvfd(sub.number, &fd), 0);
     tavrix_mq_socket_recvfd(sub.number, &expected);
     EXPECT_EQ(fd, expected);
-    EXPECT_EQ(tavrix_get_nn_rcvfd(9999, &fd), -1);
-    EXPECT_EQ(tavrix_get_nn_rcvfd(sub.number, nullptr), -1);
+    EXPECT_EQ(tavrix_get_nn_rcvfd(9999, &fd), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(tavrix_get_nn_rcvfd(sub.number, nullptr), TAVRIX_ERR_GENERAL);
 }

@@ -9,6 +9,7 @@
 
 #include "support/log_capture.h"
 #include "support/params.h"
+#include "tavrix_error.h"
 #include "tavrix_utils.h"
 
 using support::Buffer;
@@ -98,8 +99,8 @@ TEST(Strparse, TakesBytesOfAnyValue) {
 TEST(Strparse, RefusesNullPlacesAndKeepsItsCursor) {
     char out[8] = "kept";
     EXPECT_EQ(next("a,b", ",").text, "a");
-    EXPECT_EQ(strparse("zzz", nullptr, out), -4);
-    EXPECT_EQ(strparse("zzz", ",", nullptr), -4);
+    EXPECT_EQ(strparse("zzz", nullptr, out), TAVRIX_ERR_PARAMETER);
+    EXPECT_EQ(strparse("zzz", ",", nullptr), TAVRIX_ERR_PARAMETER);
     EXPECT_STREQ(out, "kept");
     EXPECT_EQ(next(nullptr, "x").text, ",b");
 }
@@ -155,8 +156,8 @@ TEST(LowerCase, ChangesLettersOnly) {
 
 TEST(LowerCase, RefusesNull) {
     char out[4] = "old";
-    EXPECT_EQ(tavrix_to_lower_case(nullptr, 4, "A"), -4);
-    EXPECT_EQ(tavrix_to_lower_case(out, 4, nullptr), -4);
+    EXPECT_EQ(tavrix_to_lower_case(nullptr, 4, "A"), TAVRIX_ERR_PARAMETER);
+    EXPECT_EQ(tavrix_to_lower_case(out, 4, nullptr), TAVRIX_ERR_PARAMETER);
     EXPECT_STREQ(out, "old");
 }
 
@@ -164,7 +165,7 @@ TEST(UpperCase, StopsAtItsLimitOrTheEnd) {
     const struct {
         int max;
         const char *changed;
-    } rows[] = {{0, "abcdef"},  {-1, "abcdef"}, {1, "Abcdef"},  {3, "ABCdef"},
+    } rows[] = {{0, "abcdef"}, {-1, "abcdef"}, {1, "Abcdef"},  {3, "ABCdef"},
                 {5, "ABCDEf"}, {6, "ABCDEF"},  {100, "ABCDEF"}};
     for (const auto &row : rows) {
         char text[] = "abcdef\0hidden";
@@ -183,12 +184,12 @@ TEST(UpperCase, ChangesLettersOnly) {
 TEST(UpperCase, RefusesNullAndSaysSoAtVerboseOnly) {
     {
         const LogCapture log("verbose");
-        EXPECT_EQ(tavrix_to_upper_case(nullptr, 3), -4);
+        EXPECT_EQ(tavrix_to_upper_case(nullptr, 3), TAVRIX_ERR_PARAMETER);
         EXPECT_EQ(log.sequence(), Lines{"VERB |Received null value for tavrix_to_upper_case"});
         EXPECT_EQ(log.lines().front().file, unit);
     }
     const LogCapture log("debug");
-    EXPECT_EQ(tavrix_to_upper_case(nullptr, 3), -4);
+    EXPECT_EQ(tavrix_to_upper_case(nullptr, 3), TAVRIX_ERR_PARAMETER);
     EXPECT_TRUE(log.silent());
 }
 
@@ -208,8 +209,10 @@ TEST(SurroundingQuotes, LoseTheOpeningOneOnly) {
         const char *text;
         const char *copied;
     } rows[] = {
-        {R"("abc")", R"(abc")"}, {"abc", "abc"},          {R"("abc)", R"("abc)"}, {R"(abc")", R"(abc")"},
-        {R"(a"c)", R"(a"c)"},    {R"("a"b")", R"(a"b")"}, {R"("")", R"(")"},      {R"(""")", R"("")"},
+        {R"("abc")", R"(abc")"}, {"abc", "abc"},
+        {R"("abc)", R"("abc)"},  {R"(abc")", R"(abc")"},
+        {R"(a"c)", R"(a"c)"},    {R"("a"b")", R"(a"b")"},
+        {R"("")", R"(")"},       {R"(""")", R"("")"},
         {"'abc'", "'abc'"},      {"", ""},
     };
     for (const auto &row : rows) {
@@ -251,8 +254,8 @@ TEST(SurroundingQuotes, LeaveNoTerminatorInABufferThatFills) {
 
 TEST(SurroundingQuotes, RefuseNull) {
     char out[4] = "old";
-    EXPECT_EQ(tavrix_remove_surrounding_quotes(nullptr, out, 4), -4);
-    EXPECT_EQ(tavrix_remove_surrounding_quotes("a", nullptr, 4), -4);
+    EXPECT_EQ(tavrix_remove_surrounding_quotes(nullptr, out, 4), TAVRIX_ERR_PARAMETER);
+    EXPECT_EQ(tavrix_remove_surrounding_quotes("a", nullptr, 4), TAVRIX_ERR_PARAMETER);
     EXPECT_STREQ(out, "old");
 }
 
@@ -281,8 +284,8 @@ TEST(Description, LosesItsOpeningQuoteWhenThereAreJustTwo) {
 
 TEST(Description, RefusesNull) {
     char out[4] = "old";
-    EXPECT_EQ(tavrix_cli_desc_parse(nullptr, out), -4);
-    EXPECT_EQ(tavrix_cli_desc_parse("a", nullptr), -4);
+    EXPECT_EQ(tavrix_cli_desc_parse(nullptr, out), TAVRIX_ERR_PARAMETER);
+    EXPECT_EQ(tavrix_cli_desc_parse("a", nullptr), TAVRIX_ERR_PARAMETER);
     EXPECT_STREQ(out, "old");
 }
 

@@ -12,6 +12,7 @@
 
 #include "support/log_capture.h"
 #include "support/process.h"
+#include "tavrix_error.h"
 #include "tavrix_utils.h"
 
 using support::LogCapture;
@@ -90,7 +91,7 @@ TEST(MacVectorWithoutMemory, IsNotMadeAndRaisesSigterm) {
     tavrix_mac_vector vector = {nullptr, 3};
     const LogCapture log("info");
     failing = "calloc";
-    EXPECT_EQ(tavrix_mac_vector_init(&vector, &array), -22);
+    EXPECT_EQ(tavrix_mac_vector_init(&vector, &array), TAVRIX_ERR_NO_MEMORY);
     EXPECT_EQ(terminations, 1);
     EXPECT_EQ(log.sequence(), Lines{termination});
     EXPECT_EQ(array.entries, other);
@@ -112,7 +113,7 @@ TEST(MacVectorWithoutMemory, KeepsItsEntriesAndGrowsLater) {
     {
         const LogCapture log("info");
         failing = "realloc";
-        EXPECT_EQ(tavrix_mac_vector_insert(&vector, "AA:BB:CC:DD:EE:FF", 1), -1);
+        EXPECT_EQ(tavrix_mac_vector_insert(&vector, "AA:BB:CC:DD:EE:FF", 1), TAVRIX_ERR_GENERAL);
         EXPECT_EQ(terminations, 1);
         EXPECT_EQ(log.sequence(), Lines{termination});
     }
@@ -178,7 +179,7 @@ TEST(CheckMd5WithoutAPipe, SaysWhatTheSystemSaid) {
     bool match = false;
     const LogCapture out("info");
     failing = "popen";
-    EXPECT_EQ(tavrix_check_md5("data", "data.md5", &match), -1);
+    EXPECT_EQ(tavrix_check_md5("data", "data.md5", &match), TAVRIX_ERR_GENERAL);
     EXPECT_FALSE(match);
     EXPECT_EQ(out.text(), "popen: Too many open files\n");
 }

@@ -364,7 +364,7 @@ TEST_F(Exhaustive, VlanNamesFrom0To5000) {
         for_each_writing(n, [n](const std::string &text, bool plain) {
             EXPECT_EQ(validate_vlan_name_id(("v" + text).c_str()), plain && n >= 1 && n <= 4092 ? 0 : -2) << text;
         });
-        EXPECT_EQ(validate_vlan_name_id(("V" + std::to_string(n)).c_str()), -2);
+        EXPECT_EQ(validate_vlan_name_id(("V" + std::to_string(n)).c_str()), TAVRIX_INVALID_NO_MATCH);
     }
 }
 

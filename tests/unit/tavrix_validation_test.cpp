@@ -286,7 +286,7 @@ TEST_P(PatternFields, SayWhatDoesNotMatch) {
         value = example.rc == -2 ? example.value : value;
     }
     const LogCapture log("verbose");
-    EXPECT_EQ(GetParam().validate(value.c_str()), -2);
+    EXPECT_EQ(GetParam().validate(value.c_str()), TAVRIX_INVALID_NO_MATCH);
     Lines expected = lines_before_verdict(GetParam(), value);
     expected.push_back(std::string("DEBUG|Validation failed: [") + GetParam().label + "] value <" + value +
                        "> did not return a regex match.");
@@ -296,23 +296,23 @@ TEST_P(PatternFields, SayWhatDoesNotMatch) {
 TEST_P(PatternFields, KeepTheirBoundsBeforeThePattern) {
     const PatternField &field = GetParam();
     if (field.max_length == 0) {
-        EXPECT_NE(field.validate(std::string(5000, '#').c_str()), -4) << "no bounds";
-        EXPECT_NE(field.validate(""), -5);
+        EXPECT_NE(field.validate(std::string(5000, '#').c_str()), TAVRIX_INVALID_TOO_LONG) << "no bounds";
+        EXPECT_NE(field.validate(""), TAVRIX_INVALID_TOO_SHORT);
         return;
     }
     const LogCapture log("debug");
     const std::string long_value(static_cast<size_t>(field.max_length) + 1, 'a');
-    EXPECT_EQ(field.validate(long_value.c_str()), -4);
-    EXPECT_NE(field.validate(long_value.substr(1).c_str()), -4);
+    EXPECT_EQ(field.validate(long_value.c_str()), TAVRIX_INVALID_TOO_LONG);
+    EXPECT_NE(field.validate(long_value.substr(1).c_str()), TAVRIX_INVALID_TOO_LONG);
     EXPECT_EQ(log.sequence().front(), std::string("DEBUG|Validation failed: [") + field.label + "] value <" +
                                           long_value + "> is too long (>" + std::to_string(field.max_length) + ")");
     if (field.min_length > 0) {
         const std::string short_value(static_cast<size_t>(field.min_length) - 1, 'a');
-        EXPECT_EQ(field.validate(short_value.c_str()), -5);
+        EXPECT_EQ(field.validate(short_value.c_str()), TAVRIX_INVALID_TOO_SHORT);
         EXPECT_EQ(log.sequence().back(), std::string("DEBUG|Validation failed: [") + field.label + "] value <" +
                                              short_value + "> is too short (<" + std::to_string(field.min_length) +
                                              ")");
-        EXPECT_NE(field.validate((short_value + "a").c_str()), -5);
+        EXPECT_NE(field.validate((short_value + "a").c_str()), TAVRIX_INVALID_TOO_SHORT);
     }
 }
 
@@ -337,11 +337,11 @@ TEST_P(PatternFields, SayOnlyTheVerdictAtDebugLevelAndNothingBelow) {
 TEST(Username, RefusesReservedNamesAfterThePattern) {
     for (const char *name :
          {"root", "daemon", "sync", "mail", "proxy", "backup", "operator", "haldaemon", "dbus", "nobody", "sshd"}) {
-        EXPECT_EQ(validate_username(name), -3) << name;
+        EXPECT_EQ(validate_username(name), TAVRIX_INVALID_NOT_ALLOWED) << name;
     }
-    EXPECT_EQ(validate_username("bin"), -5) << "too short for the list to be looked at";
-    EXPECT_EQ(validate_username("sys"), -5);
-    EXPECT_EQ(validate_username("www-data"), -2) << "the pattern comes first";
+    EXPECT_EQ(validate_username("bin"), TAVRIX_INVALID_TOO_SHORT) << "too short for the list to be looked at";
+    EXPECT_EQ(validate_username("sys"), TAVRIX_INVALID_TOO_SHORT);
+    EXPECT_EQ(validate_username("www-data"), TAVRIX_INVALID_NO_MATCH) << "the pattern comes first";
 }
 
 TEST(Username, WalksTheWholeListInItsOrder) {
@@ -360,7 +360,7 @@ TEST(Username, WalksTheWholeListInItsOrder) {
 
 TEST(Username, StopsAtTheReservedNameItIs) {
     const LogCapture log("verbose");
-    EXPECT_EQ(validate_username("daemon"), -3);
+    EXPECT_EQ(validate_username("daemon"), TAVRIX_INVALID_NOT_ALLOWED);
     EXPECT_EQ(
         log.sequence(),
         (Lines{"VERB |Validating username: daemon",
@@ -371,7 +371,7 @@ TEST(Username, StopsAtTheReservedNameItIs) {
 
 TEST(Username, IsNotComparedWhenThePatternRefusesIt) {
     const LogCapture log("verbose");
-    EXPECT_EQ(validate_username("www-data"), -2);
+    EXPECT_EQ(validate_username("www-data"), TAVRIX_INVALID_NO_MATCH);
     EXPECT_EQ(log.text().find("blacklist"), std::string::npos);
 }
 
@@ -398,7 +398,7 @@ TEST(OptionFields, AcceptTheirWordsInTheirOrder) {
             EXPECT_EQ(row.validate(word.c_str()), 0) << word;
         }
         const LogCapture log("verbose");
-        EXPECT_EQ(row.validate("Enable"), -3);
+        EXPECT_EQ(row.validate("Enable"), TAVRIX_INVALID_NOT_ALLOWED);
         Lines expected = {std::string("VERB |") + row.announcement + "Enable"};
         for (const std::string &word : row.words) {
             expected.push_back(std::string("VERB |[") + row.label + "] value <Enable> did not match option <" + word +
@@ -408,10 +408,10 @@ TEST(OptionFields, AcceptTheirWordsInTheirOrder) {
                            "] value <Enable> is not one of the available options");
         EXPECT_EQ(log.sequence(), expected);
     }
-    EXPECT_EQ(validate_vlan_mode("trans"), -3);
-    EXPECT_EQ(validate_vlan_mode("unknown"), -3);
-    EXPECT_EQ(validate_mzu_model("ZQN-E18"), -3);
-    EXPECT_EQ(validate_status(""), -3);
+    EXPECT_EQ(validate_vlan_mode("trans"), TAVRIX_INVALID_NOT_ALLOWED);
+    EXPECT_EQ(validate_vlan_mode("unknown"), TAVRIX_INVALID_NOT_ALLOWED);
+    EXPECT_EQ(validate_mzu_model("ZQN-E18"), TAVRIX_INVALID_NOT_ALLOWED);
+    EXPECT_EQ(validate_status(""), TAVRIX_INVALID_NOT_ALLOWED);
 }
 
 // --- Number fields -------------------------------------------------------------------------------------------------
@@ -442,7 +442,7 @@ TEST(NumberFields, AcceptTheirClosedRange) {
         }
         for (const int value : {row.low - 1, row.high + 1, INT32_MIN, INT32_MAX}) {
             const LogCapture log("verbose");
-            EXPECT_EQ(row.validate(value), -6) << row.announcement << value;
+            EXPECT_EQ(row.validate(value), TAVRIX_INVALID_OUT_OF_RANGE) << row.announcement << value;
             EXPECT_EQ(log.sequence(), (Lines{std::string("VERB |") + row.announcement + std::to_string(value),
                                              std::string("DEBUG|") + row.failure + bounds}));
         }
@@ -453,11 +453,11 @@ TEST(NumberFields, SayOnlyTheFailureAtDebugLevelAndNothingBelow) {
     {
         const LogCapture log("debug");
         EXPECT_EQ(validate_onu_id(-1), 0);
-        EXPECT_EQ(validate_onu_id(129), -6);
+        EXPECT_EQ(validate_onu_id(129), TAVRIX_INVALID_OUT_OF_RANGE);
         EXPECT_EQ(log.sequence(), Lines{"DEBUG|FAIL: ONU id outside acceptable range [-1, 128]"});
     }
     const LogCapture log("info");
-    EXPECT_EQ(validate_onu_id(129), -6);
+    EXPECT_EQ(validate_onu_id(129), TAVRIX_INVALID_OUT_OF_RANGE);
     EXPECT_TRUE(log.silent());
 }
 
@@ -473,10 +473,10 @@ TEST(PortLinkSpeed, IsAlwaysAcceptedInSilence) {
 
 TEST(DateTime, ChecksTheDateFirst) {
     EXPECT_EQ(validate_date_time("2026-05-01", "13:45"), 0);
-    EXPECT_EQ(validate_date_time("2026-05-01", "24:00"), -2);
-    EXPECT_EQ(validate_date_time("2026-5-32", "13:45"), -2);
+    EXPECT_EQ(validate_date_time("2026-05-01", "24:00"), TAVRIX_INVALID_NO_MATCH);
+    EXPECT_EQ(validate_date_time("2026-5-32", "13:45"), TAVRIX_INVALID_NO_MATCH);
     const LogCapture log("verbose");
-    EXPECT_EQ(validate_date_time("x", "y"), -2);
+    EXPECT_EQ(validate_date_time("x", "y"), TAVRIX_INVALID_NO_MATCH);
     EXPECT_FALSE(log.has(support::verbose, unit, "Validating time: y\n"));
 }
 
@@ -497,8 +497,8 @@ TEST(DateTime, HasNoLineOfItsOwn) {
 
 TEST(Date, KnowsNoCalendar) {
     EXPECT_EQ(validate_date("2030-2-30"), 0);
-    EXPECT_EQ(validate_date("1999-12-31"), -2);
-    EXPECT_EQ(validate_date("3000-01-01"), -2);
+    EXPECT_EQ(validate_date("1999-12-31"), TAVRIX_INVALID_NO_MATCH);
+    EXPECT_EQ(validate_date("3000-01-01"), TAVRIX_INVALID_NO_MATCH);
 }
 
 TEST(EntityName, StopsAtTheFirstAcceptance) {
@@ -536,7 +536,7 @@ TEST(EntityExtension, HasAtMost1000Characters) {
         EXPECT_EQ(log.sequence(), Lines{"VERB |Validating extension: " + longest});
     }
     const LogCapture log("verbose");
-    EXPECT_EQ(validate_entity_extension((longest + "y").c_str()), -4);
+    EXPECT_EQ(validate_entity_extension((longest + "y").c_str()), TAVRIX_INVALID_TOO_LONG);
     EXPECT_EQ(log.sequence(),
               (Lines{"VERB |Validating extension: " + longest + "y",
                      "DEBUG|Validation failed: [extension] value <" + longest + "y> is too long (>1000)"}));
@@ -553,8 +553,8 @@ TEST(TextValidators, RefuseANullValueInSilence) {
          {validate_status, validate_vlan_mode, validate_unit_sw_bank, validate_mzu_model, validate_entity_extension}) {
         EXPECT_EQ(validate(nullptr), -1);
     }
-    EXPECT_EQ(validate_entity_name(nullptr), -2);
-    EXPECT_EQ(validate_date_time(nullptr, "13:45"), -1);
+    EXPECT_EQ(validate_entity_name(nullptr), TAVRIX_INVALID_NO_MATCH);
+    EXPECT_EQ(validate_date_time(nullptr, "13:45"), TAVRIX_INVALID_ENGINE);
     EXPECT_TRUE(log.silent());
-    EXPECT_EQ(validate_date_time("2026-05-01", nullptr), -1);
+    EXPECT_EQ(validate_date_time("2026-05-01", nullptr), TAVRIX_INVALID_ENGINE);
 }

@@ -95,7 +95,7 @@ int __wrap_pcre_exec(const pcre *code, const pcre_extra *extra, const char *subj
 TEST(Regex, AcceptsRejectsAndSaysSo) {
     const LogCapture log("verbose");
     EXPECT_EQ(validate_against_regex("^a+$", "aaa", "Label"), 0);
-    EXPECT_EQ(validate_against_regex("^a+$", "b", "Label"), -2);
+    EXPECT_EQ(validate_against_regex("^a+$", "b", "Label"), TAVRIX_INVALID_NO_MATCH);
     EXPECT_EQ(log.sequence(), (std::vector<std::string>{
                                   "VERB |Testing [Label] value <aaa> against regex: ^a+$",
                                   "DEBUG|Regex test passed.",
@@ -107,14 +107,14 @@ TEST(Regex, AcceptsRejectsAndSaysSo) {
 
 TEST(Regex, ReportsAPatternThatDoesNotCompile) {
     const LogCapture log("info");
-    EXPECT_EQ(validate_against_regex("(", "x", "Label"), -1);
+    EXPECT_EQ(validate_against_regex("(", "x", "Label"), TAVRIX_INVALID_ENGINE);
     EXPECT_EQ(log.sequence(), std::vector<std::string>{"ERROR|ERROR: Could not compile '(': missing )"});
 }
 
 TEST(Regex, ReportsAnEngineFailure) {
     // Every way to split the letters is tried before the end does not fit.
     const LogCapture log("info");
-    EXPECT_EQ(validate_against_regex("^(a+)+$", (std::string(40, 'a') + "b").c_str(), "Label"), -1);
+    EXPECT_EQ(validate_against_regex("^(a+)+$", (std::string(40, 'a') + "b").c_str(), "Label"), TAVRIX_INVALID_ENGINE);
     EXPECT_EQ(log.sequence(), std::vector<std::string>{"ERROR|Error code received from pcre_exec: -8"});
 }
 
@@ -123,8 +123,8 @@ TEST(Regex, CountsAMatchWithMoreGroupsThanItsVectorHolds) {
 }
 
 TEST(Regex, MatchesCaseSensitivelyAndAnchorsAtTheWholeValue) {
-    EXPECT_EQ(validate_against_regex("^a$", "A", "Label"), -2);
-    EXPECT_EQ(validate_against_regex("^a$", "b\na", "Label"), -2);
+    EXPECT_EQ(validate_against_regex("^a$", "A", "Label"), TAVRIX_INVALID_NO_MATCH);
+    EXPECT_EQ(validate_against_regex("^a$", "b\na", "Label"), TAVRIX_INVALID_NO_MATCH);
     EXPECT_EQ(validate_against_regex("^a$", "a\n", "Label"), 0) << "before a final newline";
 }
 
@@ -144,17 +144,18 @@ TEST(LengthAndRegex, ChecksItsBoundsBeforeThePattern) {
         EXPECT_EQ(validate_length_and_regex(row.value, 3, 5, "^[a-z]*$", "Label"), row.rc);
         EXPECT_EQ(log.sequence(), std::vector<std::string>{row.line});
     }
-    EXPECT_EQ(validate_length_and_regex("ab", 3, 5, "(", "Label"), -5) << "the pattern is not compiled";
-    EXPECT_EQ(validate_length_and_regex("abcdef", 3, 5, "(", "Label"), -4) << "nor here";
-    EXPECT_EQ(validate_length_and_regex("abc", 3, 5, "(", "Label"), -1);
+    EXPECT_EQ(validate_length_and_regex("ab", 3, 5, "(", "Label"), TAVRIX_INVALID_TOO_SHORT)
+        << "the pattern is not compiled";
+    EXPECT_EQ(validate_length_and_regex("abcdef", 3, 5, "(", "Label"), TAVRIX_INVALID_TOO_LONG) << "nor here";
+    EXPECT_EQ(validate_length_and_regex("abc", 3, 5, "(", "Label"), TAVRIX_INVALID_ENGINE);
 }
 
 TEST(Options, AreComparedInOrderAndExactly) {
     const char *const options[] = {"enable", "disable", "disable"};
     const LogCapture log("verbose");
     EXPECT_EQ(validate_against_options("disable", options, 3, "Label"), 0);
-    EXPECT_EQ(validate_against_options("Enable", options, 2, "Label"), -3);
-    EXPECT_EQ(validate_against_options("x", options, 0, "Label"), -3);
+    EXPECT_EQ(validate_against_options("Enable", options, 2, "Label"), TAVRIX_INVALID_NOT_ALLOWED);
+    EXPECT_EQ(validate_against_options("x", options, 0, "Label"), TAVRIX_INVALID_NOT_ALLOWED);
     EXPECT_EQ(log.sequence(),
               (std::vector<std::string>{
                   "VERB |[Label] value <disable> did not match option <enable>",
@@ -169,7 +170,7 @@ TEST(Options, AreComparedInOrderAndExactly) {
 TEST(Blacklist, IsTheMirrorImage) {
     const char *const names[] = {"root", "daemon"};
     const LogCapture log("verbose");
-    EXPECT_EQ(validate_against_blacklist("daemon", names, 2, "Label"), -3);
+    EXPECT_EQ(validate_against_blacklist("daemon", names, 2, "Label"), TAVRIX_INVALID_NOT_ALLOWED);
     EXPECT_EQ(validate_against_blacklist("Root", names, 1, "Label"), 0);
     EXPECT_EQ(validate_against_blacklist("x", names, 0, "Label"), 0);
     EXPECT_EQ(log.sequence(), (std::vector<std::string>{
@@ -215,7 +216,7 @@ TEST(PatternCompiledForTheCall, WorksWithoutStudyDataAndReleasesNone) {
 
 TEST(PatternCompiledForTheCall, HandsTheNullOfAFailedCompilationToTheHook) {
     const PatternMemory memory;
-    EXPECT_EQ(validate_against_regex("(", "x", "Label"), -1);
+    EXPECT_EQ(validate_against_regex("(", "x", "Label"), TAVRIX_INVALID_ENGINE);
     EXPECT_EQ(live_blocks, 0);
     EXPECT_EQ(null_releases, 1);
 }
@@ -223,7 +224,7 @@ TEST(PatternCompiledForTheCall, HandsTheNullOfAFailedCompilationToTheHook) {
 TEST(PatternCompiledForTheCall, ReportsThatItCannotBeCompiled) {
     const LogCapture log("info");
     const PatternMemory memory(0);
-    EXPECT_EQ(validate_against_regex(studied_pattern, "ac", "Label"), -1);
+    EXPECT_EQ(validate_against_regex(studied_pattern, "ac", "Label"), TAVRIX_INVALID_ENGINE);
     EXPECT_EQ(log.sequence(), Lines{"ERROR|ERROR: Could not compile '^(a|b)c': failed to get memory"});
     EXPECT_EQ(live_blocks, 0);
 }
@@ -231,7 +232,7 @@ TEST(PatternCompiledForTheCall, ReportsThatItCannotBeCompiled) {
 TEST(PatternCompiledForTheCall, ReportsThatItCannotBeStudied) {
     const LogCapture log("verbose");
     const PatternMemory memory(1);
-    EXPECT_EQ(validate_against_regex(studied_pattern, "ac", "Label"), -1);
+    EXPECT_EQ(validate_against_regex(studied_pattern, "ac", "Label"), TAVRIX_INVALID_ENGINE);
     EXPECT_EQ(log.sequence(), (Lines{"VERB |Testing [Label] value <ac> against regex: ^(a|b)c",
                                      "ERROR|ERROR: Could not study '^(a|b)c': failed to get memory"}));
     EXPECT_EQ(live_blocks, 0);
@@ -246,13 +247,13 @@ TEST(KeptPattern, ThatCannotBeMadeIsReportedAndMadeLater) {
     {
         const LogCapture log("info");
         const PatternMemory memory(0);
-        EXPECT_EQ(validate_time("23:59"), -1);
-        EXPECT_EQ(validate_time("23:59"), -1);
+        EXPECT_EQ(validate_time("23:59"), TAVRIX_INVALID_ENGINE);
+        EXPECT_EQ(validate_time("23:59"), TAVRIX_INVALID_ENGINE);
         EXPECT_EQ(log.sequence(), (Lines{line, line})) << "one line for each call, nothing is retained";
         EXPECT_EQ(live_blocks, 0);
     }
     EXPECT_EQ(validate_time("23:59"), 0);
-    EXPECT_EQ(validate_time("24:00"), -2);
+    EXPECT_EQ(validate_time("24:00"), TAVRIX_INVALID_NO_MATCH);
 }
 
 TEST(KeptPattern, ThatCannotBeStudiedIsReportedAndMadeLater) {
@@ -260,7 +261,7 @@ TEST(KeptPattern, ThatCannotBeStudiedIsReportedAndMadeLater) {
         const LogCapture log("info");
         const PatternMemory memory(1);
         // The allocation that is left goes to the attempt to keep it; the one for the call then has none.
-        EXPECT_EQ(validate_vlan_name_id("v1"), -1);
+        EXPECT_EQ(validate_vlan_name_id("v1"), TAVRIX_INVALID_ENGINE);
         ASSERT_EQ(log.sequence().size(), 1U);
         EXPECT_EQ(log.sequence().front().rfind("ERROR|ERROR: Could not ", 0), 0U);
         EXPECT_EQ(live_blocks, 0);
@@ -275,7 +276,7 @@ TEST(KeptPattern, WithoutMemoryOfItsOwnIsCompiledForTheCall) {
     const int refused = validate_uuid("0");
     fail_calloc = false;
     EXPECT_EQ(accepted, 0);
-    EXPECT_EQ(refused, -2);
+    EXPECT_EQ(refused, TAVRIX_INVALID_NO_MATCH);
     EXPECT_EQ(log.sequence(), (Lines{"DEBUG|Regex test passed.",
                                      "DEBUG|Validation failed: [UUID] value <0> did not return a regex match."}));
 }
@@ -288,7 +289,7 @@ TEST(KeptPattern, WithoutMemoryForTheFastWayIsKeptAllTheSame) {
     }
     const PatternMemory none(0);
     EXPECT_EQ(validate_date("2026-05-01"), 0);
-    EXPECT_EQ(validate_date("2026-05-32"), -2);
+    EXPECT_EQ(validate_date("2026-05-32"), TAVRIX_INVALID_NO_MATCH);
 }
 
 TEST(KeptPattern, IsMadeOnce) {
@@ -313,7 +314,7 @@ TEST(KeptPattern, LeavesToTheInterpreterWhatTheJitGivesUpOn) {
         jit_error = failure;
         matches = 0;
         EXPECT_EQ(validate_d_port_id("d1"), 0) << failure;
-        EXPECT_EQ(validate_d_port_id("d5"), -2) << failure;
+        EXPECT_EQ(validate_d_port_id("d5"), TAVRIX_INVALID_NO_MATCH) << failure;
         EXPECT_EQ(matches, has_jit != 0 ? 4 : 2) << "each value by the JIT, then by the interpreter";
     }
     jit_error = 0;

@@ -1,0 +1,97 @@
+#!/usr/bin/env bash
+# What CONTRIBUTING.md names for a new status, field, function or method is all there; and a copy of the tree that lacks
+# one of the things is noticed.
+# usage: forgotten.sh
+set -euo pipefail
+source=$(cd "$(dirname "$0")/../.." && pwd)
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
+# named WHAT PLACE...: each place, a file or folder, is to have the word
+named() {
+    local what=$1 place
+    shift
+    for place in "$@"; do echo "$what" >>"$wanted/${place//\//:}"; done
+}
+unnamed() { # what of it the places have not
+    local list place
+    for list in "$wanted"/*; do
+        place=$(basename "$list")
+        place=${place//://}
+        grep -rhoE --exclude-dir={house,threads} '[A-Za-z0-9_]+(\.[A-Za-z]+)*' "$place" | sort -u |
+            comm -23 <(sort -u "$list") - | sed "s|\$| is missing in $place|"
+    done
+}
+
+missing() {
+    local name number expected=0 comment='' line rows fields texts
+    local wanted
+    wanted=$(mktemp -d -p "$work")
+    rows=$(grep -oE '/\* +[0-9]+ \*/' tests/unit/tavrix_error_test.cpp | tr -d '/* ')
+    fields=$(grep -hoE 'FIELD\([a-z_]+\)|retrieve_input_[a-z_]+' tests/unit/tavrix_jrpc_utils_*_test.cpp)
+    texts=$(grep -E '\(const char \*value\);' include/tavrix_validation.h)
+    # Statuses: without a gap, each with its advice, its message, and its row in the test of the messages.
+    while read -r line; do
+        if [[ "$line" =~ ^(TAVRIX_OK|TAVRIX_ERR_[A-Z0-9_]+)\ =\ -?([0-9]+),?$ ]]; then
+            name=${BASH_REMATCH[1]} number=${BASH_REMATCH[2]}
+            [ "$number" -eq "$expected" ] || echo "$name is $number, the next one is $expected"
+            [[ "$comment" == "/** "* ]] || echo "$name says nothing about what it means"
+            [[ $'\n'$rows$'\n' == *$'\n'"$number"$'\n'* ]] || echo "$name has no row in tests/unit/tavrix_error_test.cpp"
+            expected=$((expected + 1))
+        fi
+        comment=$line
+    done <include/tavrix_error.h
+    grep -q "tavrix_error_strings\[$((expected + 1))\]" include/tavrix_error.h || echo "tavrix_error_strings has no room for $expected"
+    # Codes of JSON-RPC: a row in the unit, and in the test of the messages.
+    while read -r name number; do
+        named "$name" src
+        named "$number" tests/unit/tavrix_jrpc_error_test.cpp
+    done < <(sed -nE 's/^ +(TAVRIX_JRPC_[A-Z0-9_]+) = -(32[0-9]+),?$/\1 \2/p' include/tavrix_jrpc.h)
+    # Functions: declared, pinned, and run on several threads; fields: validated, fuzzed, offered by the tool.
+    while read -r name; do
+        case "$name" in
+        tavrix_jrpc_utils_retrieve_input_*)
+            named "$name" include tests/interface/declarations.c
+            name=${name#tavrix_jrpc_utils_}
+            [[ "$fields"$'\n' == *"FIELD(${name#retrieve_input_})"* || "$fields"$'\n' == *"$name"$'\n'* ]] ||
+                echo "$name is missing in tests/unit"
+            name=tavrix_jrpc_utils_$name
+            named "$name" fuzz/params_fuzzer.cpp
+            ;;
+        validate_*)
+            named "$name" include tests/interface/declarations.c tests/unit tools/verb_local.cpp
+            [[ "$texts" != *" $name("* ]] || named "$name" fuzz/identifiers_fuzzer.cpp
+            ;;
+        *) named "$name" include tests/interface/declarations.c tests/unit ;;
+        esac
+    done <tests/corpus/exported_symbols.txt
+    # Methods of the reference daemons: each is called by a test of processes.
+    while read -r name; do named "$name" tests/system; done < <(
+        sed -nE 's/^ +TAVRIX_METHOD[A-Z_]*\("([A-Za-z.]+)".*/\1/p; s/^ +\{"((router|rpc)\.[A-Za-z]+)", .*/\1/p' \
+            daemons/*/*methods.cpp)
+    unnamed
+}
+
+said=$(cd "$source" && missing)
+[ -z "$said" ] || { printf '%s\n' "$said" >&2; exit 1; }
+
+failed=0
+lacking() { # WHAT FILE SED-EXPRESSION: without it, something is said
+    local said
+    sed -i -E "$3" "$work/$2"
+    cmp -s "$source/$2" "$work/$2" && { echo "$1: $2 has changed nothing" >&2; failed=1; }
+    said=$(cd "$work" && missing)
+    [ -n "$said" ] || { echo "$1 was not missed in $2" >&2; failed=1; }
+    cp "$source/$2" "$work/$2"
+}
+(cd "$source" && tar -cf - include src daemons tests fuzz tools) | tar -C "$work" -xf -
+lacking "a status's test" tests/unit/tavrix_error_test.cpp '/^ +\/\* 73 \*\//d'
+lacking "a status's advice" include/tavrix_error.h '/Nobody answers at the other end/d'
+lacking "a status's number" include/tavrix_error.h '/TAVRIX_ERR_MZU_LIMIT = /d'
+lacking "a code's test" tests/unit/tavrix_jrpc_error_test.cpp 's/-32014/-1/'
+lacking "a field's fuzzer" fuzz/params_fuzzer.cpp 's/tavrix_jrpc_utils_retrieve_input_alias/x/'
+lacking "a validator's fuzzer" fuzz/identifiers_fuzzer.cpp '/validate_uuid/d'
+lacking "a validator's verb" tools/verb_local.cpp '/validate_onu_id/d'
+lacking "a function's declaration" tests/interface/declarations.c '/tavrix_timer_free/d'
+lacking "a test of a method" daemons/ports/methods.cpp 's/"ports\.Get"/"ports.GetAlso"/'
+exit "$failed"

@@ -118,6 +118,23 @@ TEST(Session, RegistersWithItsAddressInTheRoutersFolderAndItsMethods) {
     EXPECT_EQ(file.st_mode & 0777U, 0770U) << "the group may connect, others may not";
 }
 
+TEST(Session, LetsTheGroupOfTheRoutersFolderConnectWhateverItsOwn) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "only root can give the folder to another group";
+    }
+    constexpr gid_t group = 65534;
+    const LogCapture log("info");
+    Stage stage;
+    ASSERT_EQ(chown(stage.router.folder.c_str(), static_cast<uid_t>(-1), group), 0);
+    stage.open(methods);
+    ASSERT_TRUE(stage.wait_ready());
+    struct stat file {};
+    ASSERT_EQ(stat((stage.router.folder + "/tester").c_str(), &file), 0);
+    EXPECT_EQ(file.st_gid, group);
+    EXPECT_EQ(file.st_mode & 0777U, 0770U);
+    ASSERT_EQ(chown(stage.router.folder.c_str(), static_cast<uid_t>(-1), getegid()), 0); // the next stage's, too
+}
+
 TEST(Session, PublishesOnALoopbackPortWhenTheRouterHasNoFolder) {
     Stage stage;
     stage.router.folder.clear();

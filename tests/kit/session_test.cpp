@@ -3,6 +3,7 @@
 #include <fstream>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include <event2/event.h>
 #include <gtest/gtest.h>
@@ -179,6 +180,41 @@ TEST(Session, CarriesAMessageOfEightMegabytesBothWays) {
     EXPECT_EQ(support::member(stage.next(), "result"), params);
 }
 
+TEST(Session, IsGivenUpWhenALineHasNoEnd) {
+    const LogCapture log("info");
+    Stage stage(methods);
+    const std::string piece(50000, 'x');
+    ASSERT_TRUE(stage.wait([&] {
+        if (tavrix_service_is_ready(stage.service)) {
+            stage.router.say_bytes(piece);
+        }
+        return !tavrix_service_is_ready(stage.service);
+    }));
+    EXPECT_NE(log.text().find("it sent a line without an end"), std::string::npos) << log.text();
+    ASSERT_TRUE(stage.wait_ready());
+    EXPECT_EQ(support::member(stage.ask("t.Echo", "{}"), "result"), "{}");
+}
+
+TEST(Session, KeepsSixteenMegabytesForARouterThatDoesNotReadAndRefusesMore) {
+    const LogCapture log("info");
+    tavrix_service_options options = {};
+    options.flags = TAVRIX_SERVICE_SILENT;
+    Stage stage(methods, options);
+    const std::string mebibyte(1 << 20, 'x');
+    const auto publish = [&](const std::string &text) {
+        return tavrix_service_publish(stage.service, "t.Told", json_pack("{s:s}", "text", text.c_str()));
+    };
+    constexpr size_t fit = 15; // with what stands around each of them
+    for (size_t i = 0; i < fit; ++i) {
+        EXPECT_EQ(publish(mebibyte), TAVRIX_OK) << i;
+    }
+    EXPECT_EQ(publish(mebibyte), TAVRIX_ERR_GENERAL);
+    EXPECT_NE(log.text().find("it has not read for long"), std::string::npos) << log.text();
+    EXPECT_EQ(publish("short"), TAVRIX_OK) << "there is room for it";
+    EXPECT_TRUE(stage.wait([&] { return stage.router.lines.size() == fit + 1; }));
+    EXPECT_EQ(publish(mebibyte), TAVRIX_OK) << "everything has been read";
+}
+
 TEST(Session, ConnectsAgainAndRegistersAgain) {
     const LogCapture log("info");
     Stage stage(methods);
@@ -269,6 +305,27 @@ TEST(Session, ServesOnTheBusWhenAsked) {
     stage.open(methods, options);
     ASSERT_TRUE(stage.wait_ready());
     EXPECT_NE(stage.router.registration.find(R"("direct":false)"), std::string::npos);
+}
+
+TEST(Session, IsServedByNobodyWhileAHandlerWaitsAndSaysSo) {
+    const LogCapture log("info");
+    const std::string told = "Waiting for other.Get: nothing else is served meanwhile";
+    const auto ask_and_wait = [] {
+        json_t *response = nullptr;
+        EXPECT_EQ(tavrix_request_wait("nobody.sock", "other.Get", nullptr, 100, &response), TAVRIX_ERR_CONNECT_TIMEOUT);
+    };
+    ask_and_wait();
+    EXPECT_EQ(log.text().find(told), std::string::npos) << "a simple program serves nothing anyway";
+    Stage stage;
+    Running running{&stage};
+    running.turn = [&] {
+        if (tavrix_service_is_ready(stage.service)) {
+            ask_and_wait();
+            tavrix_service_stop(stage.service);
+        }
+    };
+    EXPECT_EQ(running.run(), TAVRIX_OK);
+    EXPECT_NE(log.text().find(told), std::string::npos) << log.text();
 }
 
 class SignalThatEnds : public testing::TestWithParam<int> {};
@@ -368,6 +425,27 @@ TEST(Options, RefuseWhatCannotBe) {
     const std::string long_path(108, 'p');
     options.session = long_path.c_str();
     EXPECT_EQ(open_and_close(options), TAVRIX_ERR_PARAMETER);
+}
+
+TEST(Options, TakeATableOf256MethodsAndNoLongerOne) {
+    const LogCapture log("info");
+    std::vector<std::string> names;
+    for (int i = 0; i <= TAVRIX_SERVICE_MAX_METHODS; ++i) {
+        names.push_back("t.Method" + std::to_string(i));
+    }
+    const auto open_with = [&](size_t count) {
+        std::vector<tavrix_service_method> rows;
+        for (size_t i = 0; i < count; ++i) {
+            rows.push_back(TAVRIX_METHOD(names[i].c_str(), echo, "", nullptr, nullptr, 0));
+        }
+        rows.push_back(TAVRIX_METHOD_END);
+        tavrix_service_options options = named("tester");
+        options.methods = rows.data();
+        return open_and_close(options);
+    };
+    EXPECT_EQ(open_with(TAVRIX_SERVICE_MAX_METHODS), TAVRIX_OK);
+    EXPECT_EQ(open_with(TAVRIX_SERVICE_MAX_METHODS + 1), TAVRIX_ERR_PARAMETER);
+    EXPECT_NE(log.text().find("Method t.Method256: too many rows"), std::string::npos) << log.text();
 }
 
 TEST(Options, RefuseATableOfTwoChannels) {

@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# The packages in a bare Debian root without systemd: installed, started, upgraded, removed, purged; nothing stays.
+# The packages in a bare Debian root without systemd: installed, started, developed with, upgraded, removed, purged;
+# nothing stays.
 # usage: tests/packaging/install.sh PACKAGES VERSION ROOT; the root is made when it is not there, and then removed.
 set -euo pipefail
 

@@ -9,8 +9,8 @@ usage() {
 usage: scripts/package.sh [--only amd64|armhf] [--try ROOT] [--boot ROOT]
 
   --only NAME   one of the two architectures instead of both
-  --try ROOT    install, upgrade, remove and purge the amd64 packages in a bare Debian root, which is made in this
-                folder when it is not there, and then removed; as root
+  --try ROOT    install, upgrade, remove and purge the amd64 packages in a bare Debian root, and write a service with
+                them; the root is made in this folder when it is not there, and then removed; as root
   --boot ROOT   boot a Debian root with systemd in a container and try the units there; the root is made in this
                 folder when it is not there, and then removed; as root
 

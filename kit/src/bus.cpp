@@ -123,6 +123,21 @@ bool publish_on_free_port(tavrix_service *service) {
     return false;
 }
 
+/**
+ * The router's folder belongs to its group. What root makes there, or a member of the group who has another group of
+ * his own, would keep the router out.
+ */
+void give_to_group_of(const char *folder, const char *path) {
+    struct stat place {};
+    struct stat file {};
+    // A sandbox may forbid the call itself; a service of the group's own user needs none.
+    const bool differs = stat(folder, &place) == 0 && stat(path, &file) == 0 && file.st_gid != place.st_gid;
+    if (differs && chown(path, static_cast<uid_t>(-1), place.st_gid) != 0) {
+        LOG_ERROR("Cannot give %s to the group of its folder: %s; the router may not reach it\n", Printable(path).text,
+                  std::strerror(errno));
+    }
+}
+
 /** The service's own address: in the router's folder, or else a loopback port. Kept over the router's restarts. */
 bool publish_where_told(tavrix_service *service, const char *folder) {
     if (service->options.publish != nullptr || (service->options.flags & TAVRIX_SERVICE_SILENT) != 0) {
@@ -137,7 +152,11 @@ bool publish_where_told(tavrix_service *service, const char *folder) {
         LOG_ERROR("Cannot publish in the router's folder %s: the path would be too long\n", Printable(folder).text);
         return false;
     }
-    return publish_on(service, address);
+    if (!publish_on(service, address)) {
+        return false;
+    }
+    give_to_group_of(folder, address + std::strlen("ipc://"));
+    return true;
 }
 
 // --- Endpoints -----------------------------------------------------------------------------------------------------

@@ -5,16 +5,8 @@
 set -euo pipefail
 source "$(dirname "$0")/installed.sh"
 
-# Splits the page: files by their names, commands as NUMBER.sh, and what they print as NUMBER.text.
 mkdir guide listings
-awk -v listings=listings -v files=guide '
-    /^```$/ { out = ""; next }
-    /^```c / { out = files "/" $2; next }
-    /^```sh$/ { out = sprintf("%s/%02d.sh", listings, ++number); next }
-    /^```text$/ { out = sprintf("%s/%02d.text", listings, number); next }
-    /^```/ { print "what is " $0 >"/dev/stderr"; exit 1 }
-    out != "" { print >out }
-' "$source/docs/writing-a-service.md"
+awk -v listings=listings -v files=guide -f "$source/tests/examples/listings.awk" "$source/docs/writing-a-service.md"
 if [ "$(find guide -name '*.c' | wc -l)" -lt 3 ] || [ ! -e listings/02.sh ]; then fail "the page has no listings"; fi
 
 cd guide

@@ -64,26 +64,46 @@ bool Fault::fails(const char *function) {
         return false;
     }
     in_force->function_ = function;
-    errno = ENOMEM;
+    errno = in_force->reason_;
     return true;
 }
 
-void each_failure(const std::function<void(Fault &fault)> &attempt) {
-    ASSERT_TRUE(counted);
-    int number = 0;
-    bool happened = false;
-    do {
-        Fault fault(++number);
-        const int descriptors = support::open_descriptors();
-        const int blocks_before = blocks;
-        attempt(fault);
-        happened = fault.happened();
-        const std::string what = happened ? "call " + std::to_string(number) + ", " + fault.function() : "no call";
-        EXPECT_EQ(support::open_descriptors(), descriptors) << "open after the failure of " << what;
-        EXPECT_EQ(blocks, blocks_before) << "in use after the failure of " << what;
-        ASSERT_FALSE(testing::Test::HasFailure()) << "with the failure of " << what;
-    } while (happened);
-    EXPECT_GT(number, 1) << "nothing was called that could fail";
+namespace {
+
+/** An attempt with the given call failing; false when it got through with none. */
+bool fail_once(int number, int reason, const std::function<void(Fault &fault)> &attempt,
+               std::set<std::string> *failed) {
+    Fault fault(number, reason);
+    const int descriptors = support::open_descriptors();
+    const int blocks_before = blocks;
+    attempt(fault);
+    const bool happened = fault.happened();
+    const std::string what = happened ? "call " + std::to_string(number) + ", " + fault.function() : "no call";
+    EXPECT_EQ(support::open_descriptors(), descriptors) << "open after the failure of " << what;
+    EXPECT_EQ(blocks, blocks_before) << "in use after the failure of " << what;
+    EXPECT_FALSE(testing::Test::HasFailure()) << "with the failure of " << what;
+    if (happened) {
+        failed->insert(fault.function());
+    }
+    return happened;
+}
+
+} // namespace
+
+std::set<std::string> each_failure(const std::function<void(Fault &fault)> &attempt, int reason) {
+    EXPECT_TRUE(counted);
+    std::set<std::string> failed;
+    for (int number = 1; fail_once(number, reason, attempt, &failed) && !testing::Test::HasFailure();) {
+        ++number;
+    }
+    EXPECT_FALSE(failed.empty()) << "nothing was called that could fail";
+    return failed;
+}
+
+void expect_reached(const std::set<std::string> &failed, const std::set<std::string> &functions) {
+    for (const std::string &function : functions) {
+        EXPECT_EQ(failed.count(function), 1U) << function << " has never failed";
+    }
 }
 
 } // namespace fault

@@ -14,7 +14,9 @@
 #ifndef TAVRIX_TESTS_FAULT_FAULTS_H
 #define TAVRIX_TESTS_FAULT_FAULTS_H
 
+#include <cerrno>
 #include <functional>
+#include <set>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -23,7 +25,7 @@ namespace fault {
 
 class Fault {
   public:
-    explicit Fault(int number) : number_(number) {}
+    explicit Fault(int number, int reason = ENOMEM) : number_(number), reason_(reason) {}
 
     /** Runs the library's code; its call of this fault's number fails. */
     template <class Code>
@@ -69,6 +71,7 @@ class Fault {
     };
 
     int number_;
+    int reason_; ///< errno of the failure
     int remaining_ = -1;
     std::string function_;
 };
@@ -76,8 +79,13 @@ class Fault {
 /**
  * Runs the attempt with the first call failing, then with the second, until an attempt gets through with none. After
  * each of them as many descriptors are open, and as many of Jansson's and PCRE's blocks in use, as before.
+ *
+ * @param reason what errno says of the failure
+ * @return the functions that have failed
  */
-void each_failure(const std::function<void(Fault &fault)> &attempt);
+std::set<std::string> each_failure(const std::function<void(Fault &fault)> &attempt, int reason = ENOMEM);
+/** Fails the test when one of the functions is not among those that have failed: the loop would prove nothing of it. */
+void expect_reached(const std::set<std::string> &failed, const std::set<std::string> &functions);
 
 } // namespace fault
 

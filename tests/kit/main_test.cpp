@@ -94,3 +94,19 @@ TEST_F(Main, ShowsHelpAndVersionAndRefusesWhatItDoesNotKnow) {
     EXPECT_EQ(support::run({HELLO_SERVICE, "--nonsense"}).status, 2);
     EXPECT_EQ(support::run({HELLO_SERVICE, "word"}).status, 2);
 }
+
+TEST_F(Main, TakesSixteenAddressesOfAKindAndNoMore) {
+    for (const char *option : {"--publish", "--connect"}) {
+        std::vector<std::string> words = {HELLO_SERVICE};
+        for (int i = 0; i < 16; ++i) {
+            words.insert(words.end(), {option, "ipc://bus/one-of-many"});
+        }
+        std::vector<std::string> one_more = words;
+        one_more.insert(one_more.end(), {option, "ipc://bus/too-many"});
+        words.emplace_back("--version"); // read last: all before it was taken
+        EXPECT_EQ(support::run(words).status, 0);
+        const support::Finished finished = support::run(one_more);
+        EXPECT_EQ(finished.status, 2);
+        EXPECT_NE(finished.diagnostics.find("too many addresses: ipc://bus/too-many"), std::string::npos);
+    }
+}

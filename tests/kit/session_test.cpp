@@ -1,5 +1,9 @@
 #include <csignal>
 #include <cstdlib>
+#include <fstream>
+#include <functional>
+#include <string>
+#include <vector>
 
 #include <event2/event.h>
 #include <gtest/gtest.h>
@@ -17,10 +21,26 @@ namespace {
 using support::LogCapture;
 using support::Stage;
 
+constexpr size_t long_answer = 1 << 20; // more than a connection holds
+uint64_t deferred = 0;
+
 int echo(tavrix_call *call) { return tavrix_call_reply(call, json_incref(tavrix_call_params(call))); }
+int defer(tavrix_call *call) {
+    deferred = tavrix_call_defer(call, nullptr, nullptr);
+    return 0;
+}
+int answer_long_and_signal(tavrix_call *call) {
+    raise(static_cast<int>(json_integer_value(json_object_get(tavrix_call_params(call), "number"))));
+    return tavrix_call_reply(call, json_string(std::string(long_answer, 'x').c_str()));
+}
 
 const tavrix_service_method methods[] = {
     TAVRIX_METHOD("t.Echo", echo, "Gives its parameters back.", nullptr, nullptr, TAVRIX_METHOD_READS),
+    TAVRIX_METHOD_END,
+};
+const tavrix_service_method ending_methods[] = {
+    TAVRIX_METHOD("t.Defer", defer, "", nullptr, nullptr, 0),
+    TAVRIX_METHOD("t.LongAndSignal", answer_long_and_signal, "", nullptr, nullptr, 0),
     TAVRIX_METHOD_END,
 };
 
@@ -31,6 +51,48 @@ tavrix_service_options named(const char *name) {
     options.session = "session.sock";
     options.flags = TAVRIX_SERVICE_NO_SIGNALS;
     return options;
+}
+
+/** The stage's service as a daemon runs, heeding signals; the router moves from a timer of the service's. */
+struct Running {
+    Stage *stage;
+    std::function<void()> turn{}; ///< after each move of the router
+    bool asked = false;
+    bool raised = false;
+    int cancelled = 0;
+
+    int run() {
+        deferred = 0;
+        stage->router.settles = false;
+        tavrix_service_options options = named("tester");
+        options.methods = ending_methods;
+        options.flags = 0;
+        EXPECT_EQ(tavrix_service_open(&options, &stage->service), TAVRIX_OK);
+        tavrix_service_timer(
+            stage->service, 0, 1,
+            [](tavrix_service * /*service*/, void *user) {
+                auto *running = static_cast<Running *>(user);
+                running->stage->router.step();
+                running->turn();
+            },
+            this);
+        return tavrix_service_run(stage->service);
+    }
+};
+
+void count_cancelled(tavrix_service * /*service*/, const tavrix_answer *answer, void *user) {
+    static_cast<Running *>(user)->cancelled += answer->outcome == TAVRIX_OUTCOME_CANCELLED ? 1 : 0;
+}
+
+void write_level(const char *word) {
+    std::ofstream("tavrix_lsyslog.conf") << "[logging_levels]\ntester=" << word << '\n';
+}
+
+/** Whether the service logs what only a developer wants: here that there is no such method. */
+bool logs_debug_lines(Stage *stage, LogCapture *log) {
+    log->clear();
+    EXPECT_EQ(support::code_of(stage->ask("t.Unknown")), "-32601");
+    return log->text().find("There is no method <t.Unknown>") != std::string::npos;
 }
 
 int open_and_close(const tavrix_service_options &options) {
@@ -55,6 +117,23 @@ TEST(Session, RegistersWithItsAddressInTheRoutersFolderAndItsMethods) {
     struct stat file {};
     ASSERT_EQ(stat((stage.router.folder + "/tester").c_str(), &file), 0);
     EXPECT_EQ(file.st_mode & 0777U, 0770U) << "the group may connect, others may not";
+}
+
+TEST(Session, LetsTheGroupOfTheRoutersFolderConnectWhateverItsOwn) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "only root can give the folder to another group";
+    }
+    constexpr gid_t group = 65534;
+    const LogCapture log("info");
+    Stage stage;
+    ASSERT_EQ(chown(stage.router.folder.c_str(), static_cast<uid_t>(-1), group), 0);
+    stage.open(methods);
+    ASSERT_TRUE(stage.wait_ready());
+    struct stat file {};
+    ASSERT_EQ(stat((stage.router.folder + "/tester").c_str(), &file), 0);
+    EXPECT_EQ(file.st_gid, group);
+    EXPECT_EQ(file.st_mode & 0777U, 0770U);
+    ASSERT_EQ(chown(stage.router.folder.c_str(), static_cast<uid_t>(-1), getegid()), 0); // the next stage's, too
 }
 
 TEST(Session, PublishesOnALoopbackPortWhenTheRouterHasNoFolder) {
@@ -99,6 +178,47 @@ TEST(Session, CarriesAMessageOfEightMegabytesBothWays) {
         return sent == line.size();
     }));
     EXPECT_EQ(support::member(stage.next(), "result"), params);
+}
+
+TEST(Session, IsGivenUpWhenALineHasNoEnd) {
+    const LogCapture log("info");
+    Stage stage(methods);
+    const std::string piece(50000, 'x');
+    constexpr size_t longest = 9 << 20;
+    size_t said = 0;
+    ASSERT_TRUE(stage.wait([&] {
+        if (!tavrix_service_is_ready(stage.service)) {
+            return true;
+        }
+        stage.router.say_bytes(piece);
+        said += piece.size();
+        return said > 2 * longest;
+    }));
+    EXPECT_GT(said, longest);
+    EXPECT_LT(said, longest + (1 << 20)) << "and what was on its way";
+    EXPECT_NE(log.text().find("it sent a line without an end"), std::string::npos) << log.text();
+    ASSERT_TRUE(stage.wait_ready());
+    EXPECT_EQ(support::member(stage.ask("t.Echo", "{}"), "result"), "{}");
+}
+
+TEST(Session, KeepsSixteenMegabytesForARouterThatDoesNotReadAndRefusesMore) {
+    const LogCapture log("info");
+    tavrix_service_options options = {};
+    options.flags = TAVRIX_SERVICE_SILENT;
+    Stage stage(methods, options);
+    const std::string mebibyte(1 << 20, 'x');
+    const auto publish = [&](const std::string &text) {
+        return tavrix_service_publish(stage.service, "t.Told", json_pack("{s:s}", "text", text.c_str()));
+    };
+    constexpr size_t fit = 15; // with what stands around each of them
+    for (size_t i = 0; i < fit; ++i) {
+        EXPECT_EQ(publish(mebibyte), TAVRIX_OK) << i;
+    }
+    EXPECT_EQ(publish(mebibyte), TAVRIX_ERR_GENERAL);
+    EXPECT_NE(log.text().find("it has not read for long"), std::string::npos) << log.text();
+    EXPECT_EQ(publish("short"), TAVRIX_OK) << "there is room for it";
+    EXPECT_TRUE(stage.wait([&] { return stage.router.lines.size() == fit + 1; }));
+    EXPECT_EQ(publish(mebibyte), TAVRIX_OK) << "everything has been read";
 }
 
 TEST(Session, ConnectsAgainAndRegistersAgain) {
@@ -193,28 +313,111 @@ TEST(Session, ServesOnTheBusWhenAsked) {
     EXPECT_NE(stage.router.registration.find(R"("direct":false)"), std::string::npos);
 }
 
-TEST(Session, StopsAtASignalAndAnswersBefore) {
+TEST(Session, IsServedByNobodyWhileAHandlerWaitsAndSaysSo) {
+    const LogCapture log("info");
+    const std::string told = "Waiting for other.Get: nothing else is served meanwhile";
+    const auto ask_and_wait = [] {
+        json_t *response = nullptr;
+        EXPECT_EQ(tavrix_request_wait("nobody.sock", "other.Get", nullptr, 100, &response), TAVRIX_ERR_CONNECT_TIMEOUT);
+    };
+    ask_and_wait();
+    EXPECT_EQ(log.text().find(told), std::string::npos) << "a simple program serves nothing anyway";
     Stage stage;
-    stage.router.settles = false;
+    Running running{&stage};
+    running.turn = [&] {
+        if (tavrix_service_is_ready(stage.service)) {
+            ask_and_wait();
+            tavrix_service_stop(stage.service);
+        }
+    };
+    EXPECT_EQ(running.run(), TAVRIX_OK);
+    EXPECT_NE(log.text().find(told), std::string::npos) << log.text();
+}
+
+class SignalThatEnds : public testing::TestWithParam<int> {};
+
+TEST_P(SignalThatEnds, LetsCallsInFlightBeAnsweredFirst) {
+    const LogCapture log("info");
+    Stage stage;
+    Running running{&stage};
+    running.turn = [&] {
+        if (!running.asked && tavrix_service_is_ready(stage.service)) {
+            running.asked = true;
+            stage.router.say(support::direct_request("t.Defer", "{}", 17));
+            EXPECT_NE(tavrix_service_request(stage.service, "other.Get", nullptr, 20000, count_cancelled, &running),
+                      0U);
+        } else if (deferred != 0 && !running.raised) {
+            running.raised = true;
+            raise(GetParam());
+        }
+    };
+    EXPECT_EQ(running.run(), TAVRIX_OK);
+    EXPECT_EQ(running.cancelled, 1) << "its own call to another service";
+    stage.router.step(); // what has been written before the service is closed
+    ASSERT_EQ(stage.router.lines.size(), 2U) << "its own request, and the answer";
+    const std::string answer = stage.router.lines.back();
+    EXPECT_EQ(support::code_of(answer), "-32014") << answer;
+    EXPECT_EQ(support::member(answer, "transaction_id"), "17") << answer;
+    EXPECT_NE(answer.find("The service ends."), std::string::npos) << answer;
+}
+
+TEST_P(SignalThatEnds, LetsAnAnswerThatIsBeingWrittenBeWrittenWhole) {
+    const LogCapture log("info");
+    Stage stage;
+    Running running{&stage};
+    running.turn = [&] {
+        if (!running.asked && tavrix_service_is_ready(stage.service)) {
+            running.asked = true;
+            stage.router.say(
+                support::direct_request("t.LongAndSignal", "{\"number\":" + std::to_string(GetParam()) + "}", 18));
+        }
+    };
+    EXPECT_EQ(running.run(), TAVRIX_OK);
+    // The service does nothing any more: what is heard now has been written.
+    ASSERT_TRUE(support::wait_until([&] {
+        stage.router.step();
+        return !stage.router.lines.empty();
+    })) << "the connection takes less than the answer at once";
+    EXPECT_EQ(support::member(stage.router.lines.front(), "result").size(), long_answer + 2);
+}
+
+INSTANTIATE_TEST_SUITE_P(Session, SignalThatEnds, testing::Values(SIGTERM, SIGINT),
+                         [](const auto &number) { return number.param == SIGTERM ? "Term" : "Int"; });
+
+TEST(Session, RereadsTheLogLevelOnSighup) {
+    LogCapture log("info");
+    Stage stage;
+    write_level("info");
     tavrix_service_options options = named("tester");
     options.flags = 0;
     ASSERT_EQ(tavrix_service_open(&options, &stage.service), TAVRIX_OK);
-    tavrix_service_timer(
-        stage.service, 0, 1,
-        [](tavrix_service *service, void *user) {
-            static_cast<support::PlayedRouter *>(user)->step();
-            if (tavrix_service_is_ready(service)) {
-                raise(SIGTERM);
-            }
-        },
-        &stage.router);
-    EXPECT_EQ(tavrix_service_run(stage.service), TAVRIX_OK);
+    ASSERT_EQ(tavrix_service_start(stage.service), TAVRIX_OK);
+    stage.router.settles = false;
+    ASSERT_TRUE(stage.wait_ready());
+    EXPECT_FALSE(logs_debug_lines(&stage, &log));
+    write_level("debug");
+    EXPECT_FALSE(logs_debug_lines(&stage, &log)) << "nobody has told it yet";
+    raise(SIGHUP);
+    stage.step();
+    EXPECT_TRUE(logs_debug_lines(&stage, &log));
+    write_level("info");
+    raise(SIGHUP);
+    stage.step();
+    EXPECT_FALSE(logs_debug_lines(&stage, &log));
+    EXPECT_TRUE(tavrix_service_is_ready(stage.service)) << "it goes on";
 }
 
-TEST(Session, RereadsTheLogLevelOnSighupAndOnTheLoggersMethod) {
-    const LogCapture log("info");
+TEST(Session, RereadsTheLogLevelOnTheLoggersMethod) {
+    LogCapture log("info");
+    write_level("info");
     Stage stage(methods);
+    EXPECT_FALSE(logs_debug_lines(&stage, &log));
+    write_level("debug");
     EXPECT_EQ(support::member(stage.ask("logger.ReloadConf"), "result"), "0");
+    EXPECT_TRUE(logs_debug_lines(&stage, &log));
+    write_level("info");
+    EXPECT_EQ(support::member(stage.ask("logger.ReloadConf"), "result"), "0");
+    EXPECT_FALSE(logs_debug_lines(&stage, &log));
 }
 
 TEST(Options, RefuseWhatCannotBe) {
@@ -228,6 +431,27 @@ TEST(Options, RefuseWhatCannotBe) {
     const std::string long_path(108, 'p');
     options.session = long_path.c_str();
     EXPECT_EQ(open_and_close(options), TAVRIX_ERR_PARAMETER);
+}
+
+TEST(Options, TakeATableOf256MethodsAndNoLongerOne) {
+    const LogCapture log("info");
+    std::vector<std::string> names;
+    for (int i = 0; i <= TAVRIX_SERVICE_MAX_METHODS; ++i) {
+        names.push_back("t.Method" + std::to_string(i));
+    }
+    const auto open_with = [&](size_t count) {
+        std::vector<tavrix_service_method> rows;
+        for (size_t i = 0; i < count; ++i) {
+            rows.push_back(TAVRIX_METHOD(names[i].c_str(), echo, "", nullptr, nullptr, 0));
+        }
+        rows.push_back(TAVRIX_METHOD_END);
+        tavrix_service_options options = named("tester");
+        options.methods = rows.data();
+        return open_and_close(options);
+    };
+    EXPECT_EQ(open_with(TAVRIX_SERVICE_MAX_METHODS), TAVRIX_OK);
+    EXPECT_EQ(open_with(TAVRIX_SERVICE_MAX_METHODS + 1), TAVRIX_ERR_PARAMETER);
+    EXPECT_NE(log.text().find("Method t.Method256: too many rows"), std::string::npos) << log.text();
 }
 
 TEST(Options, RefuseATableOfTwoChannels) {

@@ -166,6 +166,36 @@ TEST_F(Sockets, SilentClientsHoldNobodyUpAndMakeRoom) {
     EXPECT_EQ(hear(silent.front()), "") << "the one that has been silent for longest was closed";
 }
 
+TEST_F(Sockets, LeaveHalfOfThePlacesToOtherUsers) {
+    constexpr size_t half = TAVRIX_SERVICE_MAX_CLIENTS / 2;
+    unsigned port = 0;
+    ASSERT_NE(tavrix_service_listen_unix(stage.service, "direct.sock"), 0U);
+    ASSERT_NE(tavrix_service_listen_tcp(stage.service, nullptr, 0, &port), 0U);
+    std::vector<StreamClient> own;
+    std::vector<StreamClient> network; // all who come over TCP are one user
+    const auto is_closed = [](const StreamClient &client) {
+        char byte = '\0';
+        return recv(client.fd(), &byte, 1, MSG_DONTWAIT | MSG_PEEK) == 0;
+    };
+    while (own.size() < half) {
+        own.push_back(StreamClient::unix_path("direct.sock"));
+        stage.step();
+    }
+    EXPECT_FALSE(is_closed(own[0]));
+    EXPECT_EQ(member(ask(request("t.Echo", "{}")), "result"), "{}");
+    EXPECT_TRUE(is_closed(own[0])) << "the one who asked was one too many of his user's, with half of the places free";
+    while (network.size() < half) {
+        network.push_back(StreamClient::tcp_port(static_cast<int>(port)));
+        stage.step();
+    }
+    EXPECT_FALSE(is_closed(own[1])) << "the network has its own half";
+    EXPECT_FALSE(is_closed(network[0]));
+    network.push_back(StreamClient::tcp_port(static_cast<int>(port)));
+    ASSERT_TRUE(stage.wait([&] { return is_closed(network[0]); }));
+    EXPECT_FALSE(is_closed(network[1]));
+    EXPECT_FALSE(is_closed(own[1])) << "though he has been silent for longer";
+}
+
 TEST_F(Sockets, AnswerMoreThanAClientReadsAtOnce) {
     tavrix_service_listen_unix(stage.service, "direct.sock");
     const StreamClient client = StreamClient::unix_path("direct.sock");

@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# The packages in a bare Debian root without systemd: installed, started, upgraded, removed, purged; nothing stays.
+# The packages in a bare Debian root without systemd: installed, started, developed with, upgraded, removed, purged;
+# nothing stays.
 # usage: tests/packaging/install.sh PACKAGES VERSION ROOT; the root is made when it is not there, and then removed.
 set -euo pipefail
 
@@ -36,6 +37,7 @@ outside() { # PACKAGES VERSION ROOT
     cp "$packages"/*_"$version"_amd64.deb "$packages"/*_"$version"_all.deb "$root/tried/first"
     make_next_version "$root/tried" "$version" "$version+1"
     cp "$0" "$root/tried/install.sh"
+    cp "$(dirname "$0")/../examples/listings.awk" "$root/tried/listings.awk"
     # Namespaces of its own: what is mounted and started in there ends with it.
     # shellcheck disable=SC2016 # expanded in there
     unshare --mount --pid --fork --mount-proc="$root/proc" bash -c '
@@ -98,6 +100,32 @@ installed() {
     expect "the database is the user's" "$(stat -c '%U %a' /var/lib/tavrix/fleet.db)" "tavrix 640"
     expect "the bus is closed to strangers" "$(stat -c '%U:%G %a' /run/tavrix/bus)" "tavrix:tavrix 770"
     [ -s /usr/share/man/man8/tavrix-routerd.8.gz ] || fail "no man page"
+}
+
+# What somebody who has the packages does next: the page's service, by the page's commands, from what was installed.
+developed() {
+    local commands text status=0
+    apt install gcc libc6-dev pkg-config
+    mkdir /tried/guide /tried/listings
+    awk -v listings=/tried/listings -v files=/tried/guide -f /tried/listings.awk \
+        /usr/share/doc/tavrix-doc/docs/writing-a-service.md
+    cd /tried/guide
+    for commands in /tried/listings/*.sh; do
+        text=${commands%.sh}.text
+        grep -v -e '^export TAVRIX_SESSION' -e '^tavrix-routerd ' "$commands" >here.sh # the installed router runs
+        set +o pipefail # as in the reader's shell: the client's status tells of an answer that is an error
+        eval "$(cat here.sh)" >printed.log 2>said.log || status=$?
+        set -o pipefail
+        [ "$status" = 0 ] || { cat here.sh said.log thermod.log >&2; fail "a command of the page fails"; }
+        [ ! -e "$text" ] || expect "the page: $(tail -n 1 here.sh)" "$(cat printed.log)" "$(cat "$text")"
+    done
+    [ -x thermod ] && [ -x thermo_test ] || fail "the page builds no service"
+    expect "registered with the installed router" "$(tavrixctl list 'thermo.*' | sed '1d; s/ .*//' | tr '\n' ' ')" \
+        "thermo.Discover thermo.Get thermo.SetLimit "
+    kill %?thermod
+    wait %?thermod || fail "the page's service does not stop cleanly"
+    cd /
+    apt purge gcc libc6-dev pkg-config
 }
 
 scripted() {
@@ -174,6 +202,7 @@ inside() { # VERSION
     files >/tried/before
     apt install /tried/first/*.deb
     installed
+    developed
     scripted
     upgraded "$1"
     removed

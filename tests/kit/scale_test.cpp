@@ -1,0 +1,200 @@
+/*
+ * Many of everything: what a thousand calls in flight cost, both ways, and what stays when services of the kit have
+ * come and gone on the bus.
+ */
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <event2/event.h>
+#include <gtest/gtest.h>
+
+#include "kit/support/played_router.h"
+#include "support/json.h"
+#include "support/log_capture.h"
+#include "support/memory.h"
+#include "support/process.h"
+#include "support/stream.h"
+
+namespace {
+
+using support::heap_in_use;
+using support::Process;
+using support::Stage;
+
+constexpr size_t thousand = 1000;
+size_t deferred_calls = 0;
+size_t outcomes = 0;
+
+int defer(tavrix_call *call) {
+    deferred_calls += tavrix_call_defer(call, nullptr, nullptr) != 0 ? 1 : 0;
+    return TAVRIX_OK;
+}
+const tavrix_service_param defer_params[] = {
+    TAVRIX_PARAM("port", TAVRIX_KIND_PORT_ID, "", TAVRIX_ANY_PORT),
+    TAVRIX_PARAM("vlan", TAVRIX_KIND_VLAN_ID, "", 0),
+    TAVRIX_PARAM_END,
+};
+const tavrix_service_method methods[] = {
+    TAVRIX_METHOD("t.Defer", defer, "", defer_params, nullptr, 0),
+    TAVRIX_METHOD_END,
+};
+
+void on_answer(tavrix_service * /*service*/, const tavrix_answer * /*answer*/, void * /*user*/) { ++outcomes; }
+
+/** Bytes for each of a thousand; the figure is printed, for who changes what a call is made of. */
+size_t each_of_a_thousand(const char *what, size_t before, size_t after) {
+    const size_t each = (after - before) / thousand;
+    std::printf("%s: %zu bytes each\n", what, each);
+    return each;
+}
+
+/** Makes a thousand requests, which the router has read when this returns. */
+void request_a_thousand(Stage *stage) {
+    for (size_t i = 0; i < thousand; ++i) {
+        ASSERT_NE(tavrix_service_request(stage->service, "other.Get", json_pack("{s:i}", "n", static_cast<int>(i)),
+                                         60000, on_answer, nullptr),
+                  0U);
+    }
+    size_t heard = 0;
+    ASSERT_TRUE(stage->wait([&] {
+        heard += stage->router.lines.size();
+        stage->router.lines.clear();
+        return heard == thousand;
+    }));
+}
+
+class Scale : public testing::Test {
+  protected:
+    Scale() {
+        deferred_calls = 0;
+        outcomes = 0;
+    }
+    support::LogCapture log{"info"};
+};
+
+} // namespace
+
+TEST_F(Scale, AThousandCallsToOthersInFlightAreAThousandSmallRecords) {
+    constexpr size_t bound = 512;
+    Stage stage(methods);
+    request_a_thousand(&stage); // what is taken once is taken now: the loop's heap, the buffers
+    stage.router.die();
+    ASSERT_TRUE(stage.wait([] { return outcomes == thousand; }));
+    stage.router.listen();
+    ASSERT_TRUE(stage.wait_ready());
+    const size_t before = heap_in_use();
+    request_a_thousand(&stage);
+    const size_t after = heap_in_use();
+    ASSERT_EQ(outcomes, thousand) << "all of the second thousand are in flight";
+    ASSERT_GT(after, before);
+    EXPECT_LE(each_of_a_thousand("a call to another service in flight", before, after), bound);
+}
+
+TEST_F(Scale, AThousandCallsThatWaitForTheirAnswersAreAThousandSmallRecords) {
+    constexpr size_t bound = 4096; // the request itself, as JSON, is the larger part
+    Stage stage(methods);
+    const auto defer_a_thousand = [&](size_t so_far) {
+        for (size_t i = 0; i < thousand; ++i) {
+            stage.router.say(support::direct_request("t.Defer", R"({"port":"c1-1","vlan":7})", static_cast<int>(i)));
+            if (i % 100 == 99) { // as many as the connection holds
+                ASSERT_TRUE(stage.wait([&] { return deferred_calls == so_far + i + 1; }));
+            }
+        }
+    };
+    defer_a_thousand(0);
+    stage.router.die();
+    ASSERT_TRUE(stage.wait([&] { return !tavrix_service_is_ready(stage.service); }));
+    stage.router.listen();
+    ASSERT_TRUE(stage.wait_ready());
+    const size_t before = heap_in_use();
+    defer_a_thousand(thousand);
+    const size_t after = heap_in_use();
+    ASSERT_GT(after, before);
+    EXPECT_LE(each_of_a_thousand("a call that waits for its answer", before, after), bound);
+}
+
+// --- Coming and going ------------------------------------------------------------------------------------------------
+
+namespace {
+
+/** The router, and services of the kit in this process, which come and go beside it. */
+class Churn : public testing::Test {
+  protected:
+    Churn() {
+        support::set_log_level("off"); // of this process
+        support::write_file("tavrix_lsyslog.conf", "[logging_levels]\nrouterd=info\n");
+        router = std::make_unique<Process>(
+            "routerd", std::vector<std::string>{TAVRIX_ROUTERD, "--socket", "router.sock", "--session", "session.sock",
+                                                "--publish", "ipc://bus/router"});
+    }
+
+    /** Opens a service, has it registered with an ipc address of its own, and closes it. */
+    void come_and_go(const std::string &name) {
+        static const tavrix_service_method visitor_methods[] = {
+            TAVRIX_METHOD("visitor.Defer", defer, "", defer_params, nullptr, 0), TAVRIX_METHOD_END};
+        tavrix_service_options options{};
+        options.name = name.c_str();
+        options.methods = visitor_methods;
+        options.session = "session.sock";
+        options.flags = TAVRIX_SERVICE_NO_SIGNALS;
+        tavrix_service *service = nullptr;
+        ASSERT_EQ(tavrix_service_open(&options, &service), TAVRIX_OK);
+        ASSERT_EQ(tavrix_service_start(service), TAVRIX_OK);
+        EXPECT_TRUE(support::wait_until([&] {
+            event_base_loop(tavrix_service_base(service), EVLOOP_NONBLOCK);
+            return tavrix_service_is_ready(service);
+        })) << router->log();
+        const std::string address = "bus/" + name;
+        EXPECT_TRUE(std::filesystem::exists(address)) << "it publishes on an ipc address";
+        tavrix_service_close(service);
+        EXPECT_FALSE(std::filesystem::exists(address)) << "it takes its socket's file along";
+    }
+    static long entries(const std::string &folder) {
+        return std::distance(std::filesystem::directory_iterator(folder), std::filesystem::directory_iterator{});
+    }
+    long router_descriptors() const { return entries("/proc/" + std::to_string(router->pid()) + "/fd"); }
+
+    std::unique_ptr<Process> router;
+};
+
+/** How many services come and go: TAVRIX_CHURN of them, by default as many as an everyday run has time for. */
+int visits() {
+    const char *wanted = std::getenv("TAVRIX_CHURN");
+    constexpr int everyday = 300;
+    return wanted != nullptr ? std::atoi(wanted) : everyday;
+}
+
+} // namespace
+
+TEST_F(Churn, OfServicesOnIpcAddressesLeavesNoDescriptorNoMemoryAndNoFile) {
+    ASSERT_TRUE(router->says("routerd ready")) << router->log();
+    constexpr int warm_up = 20;
+    const int count = visits();
+    std::vector<std::string> names; // the logger keeps a name for as long as the process lives
+    for (int i = 0; i < warm_up + count; ++i) {
+        names.push_back("visitor" + std::to_string(i));
+    }
+    for (int i = 0; i < warm_up; ++i) {
+        come_and_go(names[static_cast<size_t>(i)]);
+    }
+    const int descriptors = support::open_descriptors();
+    const size_t heap = heap_in_use();
+    const long files = entries("bus");
+    ASSERT_TRUE(support::wait_until([&] { return router->times_said(" has gone") == warm_up; })) << router->log();
+    const long router_before = router_descriptors();
+    for (int i = 0; i < count && !HasFailure(); ++i) {
+        come_and_go(names[static_cast<size_t>(warm_up + i)]);
+    }
+    const size_t heap_after = heap_in_use();
+    EXPECT_EQ(support::open_descriptors(), descriptors);
+    EXPECT_EQ(entries("bus"), files);
+    EXPECT_TRUE(support::wait_until([&] { return router_descriptors() == router_before; }))
+        << router_descriptors() << " descriptors of the router's instead of " << router_before;
+    const long gained = static_cast<long>(heap_after) - static_cast<long>(heap);
+    std::printf("%d services came and went: %ld bytes of the heap gained\n", count, gained);
+    EXPECT_LT(gained, count * 64L) << "less than the smallest record for each";
+}

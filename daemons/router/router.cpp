@@ -96,6 +96,16 @@ void put(json_t *message, const char *key, Json value) {
     }
 }
 
+/** Who calls is the router's to say: a client's own word for it does not reach a service that might believe it. */
+void name_caller(const Service &service, const Peer &peer, json_t *request) {
+    json_object_del(request, "caller");
+    if (service.callers && peer.known) {
+        put(request, "caller",
+            Json(json_pack("{s:I, s:I, s:I}", "pid", static_cast<json_int_t>(peer.process), "uid",
+                           static_cast<json_int_t>(peer.user), "gid", static_cast<json_int_t>(peer.groups.front()))));
+    }
+}
+
 double seconds_since(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
 
 } // namespace
@@ -519,6 +529,9 @@ bool Router::send(const Call &call, json_t *request) {
     put(request, "transaction_id", Json(json_integer(call.number)));
     json_object_del(request, "id"); // the member's place is at the end, as from the library's own router
     put(request, "id", Json(json_string(TAVRIX_ROUTER_REPLY_CHANNEL)));
+    if (call.service.direct) {
+        name_caller(call.service, call.client.peer, request);
+    }
     show_traffic("request", &call, call.method, &call.service, nullptr, request);
     const std::string_view text = render(request);
     if (text.empty()) {
@@ -600,6 +613,7 @@ void Router::reload(Client &client, Json request, const BatchPlace &batch) {
         if (service->state == Service::State::up) {
             is_anybody_there = true;
             if (service->direct && service->publish.empty()) { // it is not on the bus
+                name_caller(*service, client.peer, request.get());
                 service->session->send_request(render(request.get()));
             }
         }

@@ -330,10 +330,17 @@ typedef enum tavrix_road {
     TAVRIX_ROAD_PULL     /**< one-way, over a pull socket */
 } tavrix_road;
 
-/** Who calls, as far as it is known: -1 where it is not. */
+/**
+ * Who calls: the process that has connected to a unix socket, the router's or the service's own, and its user and group,
+ * as the kernel tells them. -1 where nobody knows: over TCP, also the router's, over the bus and over pull sockets, and
+ * through a router that is too old to say. The router takes nobody's own word for it. A call that another service
+ * passes on is that service's.
+ *
+ * The process may have ended, and its number be another's by now: decide by the user and the group.
+ */
 typedef struct tavrix_caller {
     tavrix_road road;
-    pid_t pid; /**< known for unix sockets */
+    pid_t pid; /**< -1 also for a process that the router does not see, such as one outside of its container */
     uid_t uid;
     gid_t gid;
 } tavrix_caller;
@@ -343,7 +350,7 @@ TAVRIX_SERVICE_API tavrix_service *tavrix_call_service(const tavrix_call *call);
 TAVRIX_SERVICE_API void *tavrix_call_user(const tavrix_call *call);
 /** The row of the table. */
 TAVRIX_SERVICE_API const tavrix_service_method *tavrix_call_method(const tavrix_call *call);
-/** Who calls. */
+/** Who calls; of a null call nobody knows. */
 TAVRIX_SERVICE_API tavrix_caller tavrix_call_caller(const tavrix_call *call);
 /** Whether an answer is wanted: false for one without an "id". */
 TAVRIX_SERVICE_API bool tavrix_call_wants_answer(const tavrix_call *call);

@@ -52,7 +52,9 @@ int on_hello(json_t *params, json_t ** /*result*/, json_t **error_data) {
     }
     if (rc == TAVRIX_OK) {
         rc = TAVRIX_ERR_GENERAL; // what the library called must not throw through it
-        the_router->guard(nullptr, [&] { rc = the_router->hear_hello(name.data(), channel.data()); });
+        the_router->guard(nullptr, [&] {
+            rc = the_router->hear_hello(name.data(), channel.data(), json_object_get(params, "number"));
+        });
     }
     return rc;
 }
@@ -779,11 +781,23 @@ void Router::on_probe_timer(evutil_socket_t /*descriptor*/, short /*what*/, void
 
 // --- Services ------------------------------------------------------------------------------------------------------
 
-int Router::hear_hello(const std::string &name, const std::string &channel) {
+bool Router::welcome(const std::string &name, const std::string &channel, json_t *number) {
+    const Json params(json_pack("{s:s}", "name", name.c_str()));
+    if (json_is_integer(number)) {
+        put(params.get(), "number", share(number));
+    }
+    const Json notice = make_notification(daemon_support::welcome_method, share(params));
+    return bus_.publish(channel, render(notice.get()));
+}
+
+int Router::hear_hello(const std::string &name, const std::string &channel, json_t *number) {
     Service *registered = registry_.find(name);
     if (registered != nullptr && registered->session != nullptr) {
         if (registered->state == Service::State::settling && registered->channel == channel) {
             up(*registered);
+        }
+        if (json_is_integer(number) && registered->channel == channel) {
+            welcome(name, channel, number);
         }
         return TAVRIX_OK;
     }
@@ -797,9 +811,7 @@ int Router::hear_hello(const std::string &name, const std::string &channel) {
         LOG_WITHIN(lines_of_services,
                    LOG_INFO("Service %s settled on channel %s\n", printable(name).c_str(), printable(channel).c_str()));
     }
-    const Json welcome =
-        make_notification(daemon_support::welcome_method, Json(json_pack("{s:s}", "name", name.c_str())));
-    return bus_.publish(channel, render(welcome.get())) ? TAVRIX_OK : TAVRIX_ERR_GENERAL;
+    return welcome(name, channel, number) ? TAVRIX_OK : TAVRIX_ERR_GENERAL;
 }
 
 void Router::on_settle_timer(evutil_socket_t /*descriptor*/, short /*what*/, void *context) {

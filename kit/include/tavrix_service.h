@@ -264,7 +264,7 @@ TAVRIX_SERVICE_API int tavrix_service_open(const tavrix_service_options *options
 
 /**
  * Serves until tavrix_service_stop(), SIGTERM or SIGINT. Then requests to others are cancelled, deferred calls are
- * answered -32014, and what waits to be written is written, for a second at most.
+ * answered -32014, what waits to be written is written, and answers on the bus reach the router, for a second at most.
  *
  * @return 0 when it was stopped; -1, with a line in the log, when it cannot go on
  */

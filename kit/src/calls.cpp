@@ -66,7 +66,7 @@ void send_answer(tavrix_call *call, const char *text) {
         }
         return;
     case TAVRIX_ROAD_BUS:
-        bus_publish(service, call->channel, text);
+        bus_answer(service, call->channel, text);
         return;
     case TAVRIX_ROAD_UNIX:
     case TAVRIX_ROAD_TCP:

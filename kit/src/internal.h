@@ -317,6 +317,9 @@ struct Bus {
     size_t endpoint_count;
     char (*published)[max_bus_address + 1]; ///< where the service publishes
     size_t published_count;
+    uint64_t said; ///< how much of it the router has to have heard before the service may go: answers, and its requests
+    uint64_t asked;
+    uint64_t heard;
 };
 
 void bus_prepare(tavrix_service *service);
@@ -330,6 +333,13 @@ void bus_service_down(tavrix_service *service, const json_t *params);
 /** The router has gone: nothing goes on trying to reach it. */
 void bus_router_gone(tavrix_service *service);
 int bus_publish(tavrix_service *service, const char *channel, const char *text);
+/** Publishes an answer: the service does not go before the router has it. */
+void bus_answer(tavrix_service *service, const char *channel, const char *text);
+/**
+ * Whether all answers have arrived, and all requests that were sent meanwhile; asks the router unless it has been asked.
+ * Publish/subscribe acknowledges nothing, and a socket that is closed takes what it has not sent along.
+ */
+bool bus_is_heard(tavrix_service *service);
 void bus_close(tavrix_service *service);
 /** A bus socket's receive limit: nanomsg cuts a publisher off for good at a larger message. */
 bool receive_large_messages(int socket);

@@ -165,10 +165,14 @@ void remove_signals(tavrix_service *service) {
 
 // --- The end -------------------------------------------------------------------------------------------------------
 
-/** Lets the loop write what stands in the buffers, for a second at most. */
+bool has_unsaid(tavrix_service *service) {
+    return session_has_unwritten(service) || clients_have_unwritten(service) || !bus_is_heard(service);
+}
+
+/** Lets the loop write what stands in the buffers, and hear that the bus has carried the rest, for a second at most. */
 void write_the_rest(tavrix_service *service) {
     const int64_t end = now_ms() + farewell_ms;
-    while (now_ms() < end && (session_has_unwritten(service) || clients_have_unwritten(service))) {
+    while (now_ms() < end && has_unsaid(service)) {
         const timeval tick = time_of_ms(end - now_ms());
         event_base_loopexit(service->base, &tick);
         event_base_loop(service->base, EVLOOP_ONCE);

@@ -122,6 +122,25 @@ TEST_F(RouterServices, SettleBothDirectionsOfTheBusBeforeTheyAreThere) {
     EXPECT_EQ(member(status_member("services").substr(1), "state"), "\"up\"");
 }
 
+TEST_F(RouterServices, AreWelcomedUnderTheNumberOfTheirHello) {
+    BusService service(fleet);
+    const std::string hello = R"({"jsonrpc":"2.0","method":"router.Hello","params":{"name":"played","channel":")" +
+                              std::string(first_channel) + "\"";
+    service.publish_reply(hello + "}}");
+    service.publish_reply(hello + R"(,"number":"8"}})");
+    service.publish_reply(hello + R"(,"number":9007199254740993}})");
+    EXPECT_EQ(service.next_request(), R"({"jsonrpc":"2.0","method":"service.Welcome",)"
+                                      R"("params":{"name":"played","number":9007199254740993}})")
+        << "those without a number get none";
+    const StreamClient client = fleet.connect();
+    client.say(request("ports.Get", "1"));
+    service.reply(service.next_request(), "1");
+    service.publish_reply(hello + R"(,"number":10}})");
+    EXPECT_NE(service.next_request().find("\"number\":10"), std::string::npos);
+    service.session.close();
+    EXPECT_EQ(member(client.hear(), "result"), "1") << "the answer came before the welcome";
+}
+
 TEST_F(RouterServices, ThatDoNotSettleAreTold) {
     Registration registration = Registration::on_bus();
     registration.publish = "[\"" + support::free_bus_address() + "\"]";

@@ -75,7 +75,7 @@ bool check_method(tavrix_service *service, const tavrix_service_method *methods,
             return refuse_table(row.name, "has two rows");
         }
     }
-    return check_rows(row.name, row.params) && check_rows(row.name, row.result);
+    return check_rows(row);
 }
 
 bool check_table(tavrix_service *service) {

@@ -640,7 +640,8 @@ TEST_F(RouterServices, AreNotToldWhoCallsUnlessTheyAsk) {
         EXPECT_TRUE(ends_with(asked, ids_of_bus)) << asked;
         client.close();
         service.close();
-        EXPECT_TRUE(support::wait_until([&] { return status_member("services").find("\"gone\"") != std::string::npos; }));
+        EXPECT_TRUE(
+            support::wait_until([&] { return status_member("services").find("\"gone\"") != std::string::npos; }));
     }
 }
 

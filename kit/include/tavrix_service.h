@@ -255,7 +255,9 @@ typedef struct tavrix_service_options {
 } tavrix_service_options;
 
 /**
- * Makes a service: checks the table, names the logger, binds the given addresses. Connects to nothing yet.
+ * Makes a service: checks the table, names the logger, catches the signals, binds the given addresses. Connects to
+ * nothing yet. SIGTERM and SIGINT, unless #TAVRIX_SERVICE_NO_SIGNALS is set, end the service from now on and the
+ * process no longer: one that comes before tavrix_service_run() ends that as soon as it begins.
  *
  * @param options     copied; what it points to has to live as long as the service
  * @param service_out receives the service; tavrix_service_close() releases it

@@ -290,6 +290,37 @@ TEST_F(Lives, ACallerIsKnownOnTheSessionAndNobodyOnTheBus) {
     EXPECT_EQ(seen.caller.uid, static_cast<uid_t>(-1));
 }
 
+TEST_F(Lives, AServiceThatIsEndedBeforeItServesLeavesNoSocketBehind) {
+    setenv("PEER_ENDS_EARLY", "1", 1);
+    const support::Finished early =
+        support::run({PEER_SERVICE, "--session", "session.sock", "--publish", "ipc://early"});
+    unsetenv("PEER_ENDS_EARLY");
+    EXPECT_EQ(early.status, 0) << early.diagnostics;
+    EXPECT_FALSE(std::filesystem::exists("early"));
+}
+
+TEST_F(Lives, ASecondInstanceThatIsRefusedLeavesNoSocketBehind) {
+    start_router();
+    start_peer();
+    const std::vector<std::string> second = {PEER_SERVICE, "--session", "session.sock", "--publish", "ipc://second"};
+    std::vector<std::string> demanding = second;
+    demanding.emplace_back("--need-router");
+    constexpr int rounds = 10;
+    for (int round = 0; round < rounds; ++round) {
+        const support::Finished finished = support::run(demanding);
+        EXPECT_EQ(finished.status, 1);
+        EXPECT_NE(finished.diagnostics.find("is registered already"), std::string::npos) << finished.diagnostics;
+        EXPECT_FALSE(std::filesystem::exists("second"));
+        Process patient("patient", second);
+        ASSERT_TRUE(patient.says("is registered already"));
+        patient.signal(SIGTERM);
+        EXPECT_EQ(patient.wait(), 0);
+        EXPECT_FALSE(std::filesystem::exists("second"));
+    }
+    EXPECT_EQ(support::run({PEER_SERVICE, "--session", "session.sock"}).status, 1) << "its address is taken";
+    EXPECT_TRUE(std::filesystem::exists("bus/peer")) << "and stays the first one's";
+}
+
 TEST_F(Lives, LateAnswersAreRefusedSecondOnesTooAndNoneIsATimeOut) {
     start_router("300");
     const Service service = start("t", t_methods);

@@ -32,4 +32,17 @@ const json_t *find_method(const std::vector<const json_t *> &methods, const std:
     return found != methods.end() ? *found : nullptr;
 }
 
+bool takes_text(const json_t *schema) {
+    const std::vector<const json_t *> words = elements_of(schema, "enum");
+    if (!words.empty()) {
+        return std::any_of(words.begin(), words.end(), [](const json_t *word) { return json_is_string(word); });
+    }
+    const json_t *type = json_object_get(schema, "type");
+    const std::vector<const json_t *> types = elements_of(schema, "type");
+    const auto is_string = [](const json_t *name) {
+        return json_is_string(name) && std::string(json_string_value(name)) == "string";
+    };
+    return type == nullptr || is_string(type) || std::any_of(types.begin(), types.end(), is_string);
+}
+
 } // namespace tavrixctl

@@ -23,6 +23,9 @@ std::vector<const json_t *> methods_of(const json_t *document);
 /** The method of this name; null when there is none. */
 const json_t *find_method(const std::vector<const json_t *> &methods, const std::string &name);
 
+/** Whether a text is one of the values that the schema allows, so that `name=` can give them. */
+bool takes_text(const json_t *schema);
+
 } // namespace tavrixctl
 
 #endif

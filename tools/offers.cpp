@@ -72,20 +72,6 @@ std::set<std::string> keys_of(const std::vector<std::string> &words) {
 
 bool is_text(const json_t *value) { return json_is_string(value); }
 
-/** Whether a text is one of the values that the schema allows, so that `name=` can give them. */
-bool takes_text(const json_t *schema) {
-    const std::vector<const json_t *> words = elements_of(schema, "enum");
-    if (!words.empty()) {
-        return std::any_of(words.begin(), words.end(), is_text);
-    }
-    const json_t *type = json_object_get(schema, "type");
-    const std::vector<const json_t *> types = elements_of(schema, "type");
-    const auto is_string = [](const json_t *name) {
-        return json_is_string(name) && std::string(json_string_value(name)) == "string";
-    };
-    return type == nullptr || is_string(type) || std::any_of(types.begin(), types.end(), is_string);
-}
-
 std::vector<std::string> param_names(const json_t *method, const std::set<std::string> &given) {
     std::vector<std::string> required;
     std::vector<std::string> optional;

@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "discovery.h"
 #include "params.h"
 #include "router.h"
 #include "support.h"
@@ -89,6 +90,41 @@ std::string find_similar(const CallOptions &options, Router *router) {
     return similar == options.method ? "" : similar;
 }
 
+/** The words that give texts which could as well be numbers, lists, true or false. */
+std::vector<Member> doubtful_texts(const std::vector<std::string> &words) {
+    const Silence silence;
+    std::vector<Member> doubtful;
+    for (const std::string &word : words) {
+        bool valid = true;
+        std::optional<Member> member = parse_member(word, &valid);
+        const char *text = member && member->is_text ? json_string_value(member->value.get()) : nullptr;
+        const Json other(text != nullptr ? json_loads(text, JSON_DECODE_ANY, nullptr) : nullptr);
+        if (other && !json_is_string(other.get())) {
+            doubtful.push_back(std::move(*member));
+        }
+    }
+    return doubtful;
+}
+
+/** The word that was probably intended where a text was given and none is taken; empty when there is no such. */
+std::string find_mistyped(const CallOptions &options, Router *router) {
+    const std::vector<Member> doubtful = doubtful_texts(options.params);
+    const Silence silence;
+    Json document;
+    if (doubtful.empty() || !options.target.direct.empty() ||
+        router->ask("rpc.discover", nullptr, Deadline(options.timeout_s), &document) != exit_result) {
+        return "";
+    }
+    for (const json_t *param : elements_of(find_method(methods_of(document.get()), options.method), "params")) {
+        for (const Member &member : doubtful) {
+            if (member.key == text_of(param, "name") && !takes_text(json_object_get(param, "schema"))) {
+                return member.key + ":=" + json_string_value(member.value.get());
+            }
+        }
+    }
+    return "";
+}
+
 /** Prints the result alone, or says in words what went wrong. */
 int print_result(const CallOptions &options, Router *router, const std::string &answer) {
     const Json reply(json_loadb(answer.data(), answer.size(), 0, nullptr));
@@ -105,9 +141,10 @@ int print_result(const CallOptions &options, Router *router, const std::string &
     // A request to nobody on the bus is timed out.
     const json_int_t code = json_integer_value(json_object_get(error, "code"));
     const bool is_unknown = code == TAVRIX_JRPC_METHOD_NOT_FOUND || code == TAVRIX_JRPC_TIMED_OUT;
-    const std::string similar = is_unknown ? find_similar(options, router) : "";
+    std::string meant = is_unknown ? find_similar(options, router) : "";
+    meant = code == TAVRIX_JRPC_INVALID_PARAMS ? find_mistyped(options, router) : meant;
     complain("%s%s", words_of_failure(options.method, reply.get()).c_str(),
-             similar.empty() ? "" : ("; did you mean " + printable(similar) + "?").c_str());
+             meant.empty() ? "" : ("; did you mean " + printable(meant) + "?").c_str());
     return status_of(reply.get());
 }
 

@@ -1,7 +1,13 @@
 #include "methods.h"
 
+#include <cerrno>
+#include <cstring>
 #include <memory>
 #include <string>
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include "common/log.h"
 
@@ -116,10 +122,21 @@ const tavrix_service_method table[] = {
 
 const tavrix_service_method *methods() { return table; }
 
+/** The library's status and line do not tell: what it could not open is tried again for the system's words. */
+static std::string reason_against(const std::string &slot) {
+    const int again = shm_open(slot.c_str(), O_RDWR | O_CREAT, 0);
+    if (again < 0) {
+        return std::strerror(errno);
+    }
+    close(again);
+    return "there is no memory for it";
+}
+
 void share_number(tavrix_service *service, void *user) {
     auto *context = static_cast<Context *>(user);
     if (!context->slot.empty() && !context->log.share(context->slot)) {
-        LOG_ERROR("Cannot share the last event's number in %s; has somebody else made it?\n", context->slot.c_str());
+        LOG_ERROR("Cannot share the last event's number in %s: %s; is the slot another user's? --slot names another\n",
+                  context->slot.c_str(), reason_against(context->slot).c_str());
         context->has_failed = true;
         tavrix_service_stop(service);
     }

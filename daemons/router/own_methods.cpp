@@ -64,6 +64,8 @@ constexpr char registration[] =
     R"({"name":"methods","summary":"what it offers","required":false,)"
     R"("schema":{"type":"array","maxItems":256,"items":{"type":"string","minLength":1,"maxLength":128}}},)"
     R"({"name":"direct","summary":"whether it takes its requests over the session","required":false,)"
+    R"("schema":{"type":"boolean"}},)"
+    R"({"name":"callers","summary":"whether it is told over the session who calls","required":false,)"
     R"("schema":{"type":"boolean"}}])";
 constexpr char description[] =
     R"([{"name":"document","summary":"an OpenRPC document of the service's methods","required":true,)"
@@ -195,9 +197,11 @@ std::string Router::read_registration(const json_t *params, Service *wanted) con
     const json_t *methods = json_object_get(params, "methods");
     const json_t *publish = json_object_get(params, "publish");
     const json_t *direct = json_object_get(params, "direct");
+    const json_t *callers = json_object_get(params, "callers");
     wanted->name = text_member(params, "name");
     wanted->channel = text_member(params, "channel");
     wanted->direct = json_is_true(direct);
+    wanted->callers = json_is_true(callers);
     if (!is_name(wanted->name)) {
         return "name: 1 to 50 letters, digits, '.', '-' and '_'";
     }
@@ -212,6 +216,9 @@ std::string Router::read_registration(const json_t *params, Service *wanted) con
     }
     if (direct != nullptr && !json_is_boolean(direct)) {
         return "direct: true or false";
+    }
+    if (callers != nullptr && (!json_is_boolean(callers) || (wanted->callers && !wanted->direct))) {
+        return "callers: true or false; only a direct service is told who calls";
     }
     if (wanted->publish.empty() && !wanted->direct) {
         return "publish: a service that takes its requests from the bus needs an address there";
@@ -277,6 +284,7 @@ int Router::on_register(Own &own) {
     service->publish = std::move(wanted.publish);
     service->methods = std::move(wanted.methods);
     service->direct = wanted.direct;
+    service->callers = wanted.callers;
     service->session = &session;
     service->state = Service::State::settling;
     service->registration = {share(json_object_get(own.request, "id")),

@@ -63,6 +63,7 @@ Peer peer_of(int descriptor, Road road) {
         return peer;
     }
     peer.known = true;
+    peer.process = credentials.pid;
     peer.user = credentials.uid;
     peer.groups.push_back(credentials.gid);
     if (peer.user == 0 || peer.user == geteuid()) {

@@ -35,6 +35,7 @@ inline const char *name_of(Road road) { return road_names[static_cast<size_t>(ro
 struct Peer {
     Road road = Road::unix_socket;
     bool known = false;
+    pid_t process = 0; ///< that has connected
     uid_t user = 0;
     std::vector<gid_t> groups; ///< the first one is its own, the others supplementary
 };

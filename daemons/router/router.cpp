@@ -52,7 +52,9 @@ int on_hello(json_t *params, json_t ** /*result*/, json_t **error_data) {
     }
     if (rc == TAVRIX_OK) {
         rc = TAVRIX_ERR_GENERAL; // what the library called must not throw through it
-        the_router->guard(nullptr, [&] { rc = the_router->hear_hello(name.data(), channel.data()); });
+        the_router->guard(nullptr, [&] {
+            rc = the_router->hear_hello(name.data(), channel.data(), json_object_get(params, "number"));
+        });
     }
     return rc;
 }
@@ -93,6 +95,16 @@ void raise_descriptor_limit() {
 void put(json_t *message, const char *key, Json value) {
     if (json_object_set_new(message, key, value.release()) != 0) {
         throw std::bad_alloc();
+    }
+}
+
+/** Who calls is the router's to say: a client's own word for it does not reach a service that might believe it. */
+void name_caller(const Service &service, const Peer &peer, json_t *request) {
+    json_object_del(request, "caller");
+    if (service.callers && peer.known) {
+        put(request, "caller",
+            Json(json_pack("{s:I, s:I, s:I}", "pid", static_cast<json_int_t>(peer.process), "uid",
+                           static_cast<json_int_t>(peer.user), "gid", static_cast<json_int_t>(peer.groups.front()))));
     }
 }
 
@@ -516,6 +528,9 @@ bool Router::send(const Call &call, json_t *request) {
     put(request, "transaction_id", Json(json_integer(call.number)));
     json_object_del(request, "id"); // the member's place is at the end, as from the library's own router
     put(request, "id", Json(json_string(TAVRIX_ROUTER_REPLY_CHANNEL)));
+    if (call.service.direct) {
+        name_caller(call.service, call.client.peer, request);
+    }
     show_traffic("request", &call, call.method, &call.service, nullptr, request);
     const std::string_view text = render(request);
     if (text.empty()) {
@@ -597,6 +612,7 @@ void Router::reload(Client &client, Json request, const BatchPlace &batch) {
         if (service->state == Service::State::up) {
             is_anybody_there = true;
             if (service->direct && service->publish.empty()) { // it is not on the bus
+                name_caller(*service, client.peer, request.get());
                 service->session->send_request(render(request.get()));
             }
         }
@@ -762,11 +778,23 @@ void Router::on_probe_timer(evutil_socket_t /*descriptor*/, short /*what*/, void
 
 // --- Services ------------------------------------------------------------------------------------------------------
 
-int Router::hear_hello(const std::string &name, const std::string &channel) {
+bool Router::welcome(const std::string &name, const std::string &channel, json_t *number) {
+    const Json params(json_pack("{s:s}", "name", name.c_str()));
+    if (json_is_integer(number)) {
+        put(params.get(), "number", share(number));
+    }
+    const Json notice = make_notification(daemon_support::welcome_method, share(params));
+    return bus_.publish(channel, render(notice.get()));
+}
+
+int Router::hear_hello(const std::string &name, const std::string &channel, json_t *number) {
     Service *registered = registry_.find(name);
     if (registered != nullptr && registered->session != nullptr) {
         if (registered->state == Service::State::settling && registered->channel == channel) {
             up(*registered);
+        }
+        if (json_is_integer(number) && registered->channel == channel) {
+            welcome(name, channel, number);
         }
         return TAVRIX_OK;
     }
@@ -780,9 +808,7 @@ int Router::hear_hello(const std::string &name, const std::string &channel) {
         LOG_WITHIN(lines_of_services,
                    LOG_INFO("Service %s settled on channel %s\n", printable(name).c_str(), printable(channel).c_str()));
     }
-    const Json welcome =
-        make_notification(daemon_support::welcome_method, Json(json_pack("{s:s}", "name", name.c_str())));
-    return bus_.publish(channel, render(welcome.get())) ? TAVRIX_OK : TAVRIX_ERR_GENERAL;
+    return welcome(name, channel, number) ? TAVRIX_OK : TAVRIX_ERR_GENERAL;
 }
 
 void Router::on_settle_timer(evutil_socket_t /*descriptor*/, short /*what*/, void *context) {

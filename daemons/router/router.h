@@ -90,7 +90,8 @@ class Router {
     }
 
     // For the notifications that arrive on the bus.
-    int hear_hello(const std::string &name, const std::string &channel);
+    /** A hello with a number is welcomed with the same: all that came before it has arrived. */
+    int hear_hello(const std::string &name, const std::string &channel, json_t *number);
     void set_locked(bool locked);
 
   private:
@@ -165,6 +166,7 @@ class Router {
     // Services
     void settle();
     void probe(const Service &service);
+    bool welcome(const std::string &name, const std::string &channel, json_t *number);
     void end_registration(Service &service, Json answer);
     void up(Service &service);
     void gone(Service &service);

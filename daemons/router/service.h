@@ -43,6 +43,7 @@ struct Service {
     std::vector<std::string> methods;
     Json document; ///< what it says of its methods; null when it says nothing
     bool direct = false;
+    bool callers = false; ///< it wants to be told who calls
     State state = State::listening;
     std::time_t since = std::time(nullptr);
     Session *session = nullptr; ///< while it is registered

@@ -98,7 +98,7 @@ typedef enum tavrix_kind {
     TAVRIX_KIND_TEXT,    /**< text, `min` to `max` bytes (0, 0: any length); tavrix_call_text() */
     TAVRIX_KIND_INTEGER, /**< integer, `min` to `max` (0, 0: what 32 bits hold); tavrix_call_integer() */
     TAVRIX_KIND_BOOLEAN, /**< true or false; tavrix_call_boolean() */
-    TAVRIX_KIND_NUMBER,  /**< integer or real; tavrix_call_real() */
+    TAVRIX_KIND_NUMBER,  /**< integer or real, `min` to `max` (0, 0: any); tavrix_call_real() */
     TAVRIX_KIND_UINT64,  /**< a number of 64 bits in a text: decimal, 0x, or octal after 0; tavrix_call_uint64() */
     TAVRIX_KIND_FLOAT,   /**< a real in a text; tavrix_call_real() */
     TAVRIX_KIND_WORD,    /**< one of the row's `words`; tavrix_call_text(), tavrix_call_word() */
@@ -127,7 +127,8 @@ typedef enum tavrix_kind {
     TAVRIX_KIND_ALIAS,         /**< handed out in upper case; tavrix_call_text() */
     TAVRIX_KIND_SECURE_OPTION, /**< tavrix_call_text(), tavrix_call_word() */
 
-    TAVRIX_KIND_VLAN_ID, /**< tavrix_call_integer(), as all until #TAVRIX_KIND_ENABLE */
+    TAVRIX_KIND_VLAN_ID, /**< within `min` to `max`, where they are narrower than its own bounds;
+                              tavrix_call_integer(); as all until #TAVRIX_KIND_ENABLE */
     TAVRIX_KIND_UNIT_ID,
     TAVRIX_KIND_PERIODIC_INTERVAL,
     TAVRIX_KIND_LASER_ID,
@@ -137,10 +138,10 @@ typedef enum tavrix_kind {
     TAVRIX_KIND_PORT_LINK_SPEED,
     TAVRIX_KIND_ENABLE,
 
-    TAVRIX_KIND_VLAN_IDS,       /**< up to 32; `min` is the least count; tavrix_call_integers() */
-    TAVRIX_KIND_PORTS,          /**< up to `max`, 128 when that is 0; tavrix_call_ports() */
-    TAVRIX_KIND_PORTS_HARDWARE, /**< up to `max`, 128 when that is 0; tavrix_call_ports_hardware() */
-    TAVRIX_KIND_MAC_FILTERS,    /**< up to `max`, 128 when that is 0; tavrix_call_mac_filters() */
+    TAVRIX_KIND_VLAN_IDS,       /**< `min` to `max`, at most 32, and 32 when that is 0; tavrix_call_integers() */
+    TAVRIX_KIND_PORTS,          /**< `min` to `max`, 128 when that is 0; tavrix_call_ports() */
+    TAVRIX_KIND_PORTS_HARDWARE, /**< `min` to `max`, 128 when that is 0; tavrix_call_ports_hardware() */
+    TAVRIX_KIND_MAC_FILTERS,    /**< `min` to `max`, 128 when that is 0; tavrix_call_mac_filters() */
 
     TAVRIX_KIND_COUNT /**< how many there are; no kind */
 } tavrix_kind;
@@ -164,10 +165,10 @@ struct tavrix_service_param {
     tavrix_kind kind;
     const char *summary; /**< one line */
     unsigned flags;      /**< see tavrix_param_flags; 0 is a required one */
-    int64_t min;         /**< see the kind; min and max both 0: no bound but the kind's own */
+    int64_t min;         /**< see the kind: others take none; min and max both 0: no bound but the kind's own */
     int64_t max;
     const char *const *words;            /**< for #TAVRIX_KIND_WORD: ended by a null pointer */
-    const tavrix_service_param *members; /**< for objects and arrays of objects: rows; null: any */
+    const tavrix_service_param *members; /**< for objects and arrays of objects: rows, 8 levels at most; null: any */
 };
 
 /** A row without bounds. */
@@ -198,7 +199,8 @@ typedef int (*tavrix_call_handler)(tavrix_call *call);
 enum tavrix_method_flags {
     TAVRIX_METHOD_READS = 1 << 0,   /**< changes nothing */
     TAVRIX_METHOD_CHANGES = 1 << 1, /**< changes something */
-    TAVRIX_METHOD_STRICT = 1 << 2   /**< parameters without a row are refused; otherwise they are ignored */
+    TAVRIX_METHOD_STRICT = 1 << 2   /**< parameters without a row are refused, and members without one of objects whose
+                                         members have rows; otherwise they are ignored */
 };
 
 /** A row of the table. The table ends with #TAVRIX_METHOD_END. */
@@ -254,19 +256,22 @@ typedef struct tavrix_service_options {
 } tavrix_service_options;
 
 /**
- * Makes a service: checks the table, names the logger, binds the given addresses. Connects to nothing yet.
+ * Makes a service: checks the table, names the logger, catches the signals, binds the given addresses. Connects to
+ * nothing yet. SIGTERM and SIGINT, unless #TAVRIX_SERVICE_NO_SIGNALS is set, end the service from now on and the
+ * process no longer: one that comes before tavrix_service_run() ends that as soon as it begins.
  *
  * @param options     copied; what it points to has to live as long as the service
  * @param service_out receives the service; tavrix_service_close() releases it
  * @return 0; TAVRIX_ERR_NULL_INPUT for a null argument; TAVRIX_ERR_PARAMETER for options that cannot be: a bad name,
- *         two channels in one table; TAVRIX_ERR_GENERAL for an address that cannot be bound; TAVRIX_ERR_NO_MEMORY. The
- *         log tells at error level what is wrong and what to do.
+ *         two channels in one table, a row that cannot be served; TAVRIX_ERR_GENERAL for an address that cannot be
+ *         bound; TAVRIX_ERR_NO_MEMORY. The log tells at error level what is wrong and what to do.
  */
 TAVRIX_SERVICE_API int tavrix_service_open(const tavrix_service_options *options, tavrix_service **service_out);
 
 /**
  * Serves until tavrix_service_stop(), SIGTERM or SIGINT. Then requests to others are cancelled, deferred calls are
- * answered TAVRIX_JRPC_SYSTEM_BUSY, and what waits to be written is written, for a second at most.
+ * answered TAVRIX_JRPC_SYSTEM_BUSY, what waits to be written is written, and answers on the bus reach the router, for
+ * a second at most.
  *
  * @return 0 when it was stopped; TAVRIX_ERR_GENERAL, with a line in the log, when it cannot go on
  */
@@ -332,10 +337,17 @@ typedef enum tavrix_road {
     TAVRIX_ROAD_PULL     /**< one-way, over a pull socket */
 } tavrix_road;
 
-/** Who calls, as far as it is known: -1 where it is not. */
+/**
+ * Who calls: the process that has connected to a unix socket, the router's or the service's own, and its user and
+ * group, as the kernel tells them. -1 where nobody knows: over TCP, also the router's, over the bus and over pull
+ * sockets, and through a router that is too old to say. The router takes nobody's own word for it. A call that another
+ * service passes on is that service's.
+ *
+ * The process may have ended, and its number be another's by now: decide by the user and the group.
+ */
 typedef struct tavrix_caller {
     tavrix_road road;
-    pid_t pid; /**< known for unix sockets */
+    pid_t pid; /**< -1 also for a process that the router does not see, such as one outside of its container */
     uid_t uid;
     gid_t gid;
 } tavrix_caller;
@@ -345,7 +357,7 @@ TAVRIX_SERVICE_API tavrix_service *tavrix_call_service(const tavrix_call *call);
 TAVRIX_SERVICE_API void *tavrix_call_user(const tavrix_call *call);
 /** The row of the table. */
 TAVRIX_SERVICE_API const tavrix_service_method *tavrix_call_method(const tavrix_call *call);
-/** Who calls. */
+/** Who calls; of a null call nobody knows. */
 TAVRIX_SERVICE_API tavrix_caller tavrix_call_caller(const tavrix_call *call);
 /** Whether an answer is wanted: false for one without an "id". */
 TAVRIX_SERVICE_API bool tavrix_call_wants_answer(const tavrix_call *call);
@@ -462,7 +474,11 @@ typedef void (*tavrix_answer_callback)(tavrix_service *service, const tavrix_ans
  *
  * @param method     a method's name
  * @param params     taken: an object, or null for none
- * @param timeout_ms at least 1: how long the answer may take
+ * @param timeout_ms at least 1: how long the answer may take, from now on, also while there is no session. The router
+ *                   waits for its --reply-timeout (10 seconds unless it is told otherwise) and no longer: a call that
+ *                   may take more than that ends with #TAVRIX_OUTCOME_TIMEOUT by then, the service is told that nobody
+ *                   waits any more, and its answer is dropped. Have such work answer at once, and tell its end by a
+ *                   notification
  * @param callback   receives the outcome
  * @param user       for the callback
  * @return the request's number, for tavrix_service_cancel(); 0 when the request cannot be made: then the log tells why,
@@ -484,7 +500,7 @@ TAVRIX_SERVICE_API int tavrix_call_pass_on(tavrix_call *call, const tavrix_answe
  * @param session      the session socket; null as in the options
  * @param method       a method's name
  * @param params       taken: an object, or null for none
- * @param timeout_ms   at least 1
+ * @param timeout_ms   at least 1; after the router's --reply-timeout the response is its error -32005 in any case
  * @param response_out receives the whole response object, with "result" or "error"; the caller releases it
  * @return 0; TAVRIX_ERR_TIMEOUT without an answer in time; TAVRIX_ERR_CONNECT_TIMEOUT when the router is not there;
  *         TAVRIX_ERR_NO_RESPONSE when it went away; TAVRIX_ERR_PARAMETER for a bad method or time;

@@ -61,7 +61,7 @@ tavrix_service *tavrix_service_test_service(const tavrix_service_test *test);
  */
 
 /**
- * Hands a request over, any text.
+ * Hands a request over, any text. A member "caller" with "pid", "uid" and "gid" is who calls, as from the router.
  *
  * @return the whole response; null when there is none (yet): see tavrix_service_test_next_response()
  */

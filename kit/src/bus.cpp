@@ -255,9 +255,13 @@ void connect_service(tavrix_service *service, const json_t *description) {
 
 // --- Frames --------------------------------------------------------------------------------------------------------
 
-void say_hello(tavrix_service *service) {
-    Text text =
-        request_text("router.Hello", json_pack("{s:s, s:s}", "name", service->name, "channel", service->channel), 0);
+/** With a number it is welcomed, under the same. */
+void say_hello(tavrix_service *service, uint64_t number) {
+    json_t *params = json_pack("{s:s, s:s}", "name", service->name, "channel", service->channel);
+    if (number != 0) {
+        json_object_set_new(params, "number", json_integer(static_cast<json_int_t>(number)));
+    }
+    const Text text = request_text("router.Hello", params, 0);
     if (text) {
         bus_publish(service, TAVRIX_ROUTER_REPLY_CHANNEL, text.get());
     }
@@ -275,7 +279,9 @@ bool take_bus_notice(tavrix_service *service, const char *method, const json_t *
     const bool is_welcome = std::strcmp(method, "service.Welcome") == 0;
     if ((is_probe || is_welcome) && is_addressed(service, params)) {
         if (is_probe) {
-            say_hello(service);
+            say_hello(service, 0);
+        } else if (const json_t *number = json_object_get(params, "number"); json_is_integer(number)) {
+            service->bus.heard = static_cast<uint64_t>(json_integer_value(number));
         }
         if (service->session.path[0] == '\0' && service->session.state != session_ready) {
             become_ready(service); // without a session this frame is the only sign that the router is there
@@ -374,6 +380,8 @@ bool bus_start(tavrix_service *service) {
         return false;
     }
     bus->sub_listens = true;
+    const bool is_direct = service->session.path[0] != '\0' && (service->options.flags & TAVRIX_SERVICE_BUS) == 0;
+    bus->said = is_direct ? 0 : 1; // a request that waits here unread is one that nobody would answer
     for (const char *const *address = service->options.connect; address != nullptr && *address != nullptr; ++address) {
         if (!connect_endpoint(service, *address, "", true)) {
             return false;
@@ -425,6 +433,23 @@ int bus_publish(tavrix_service *service, const char *channel, const char *text) 
         LOG_ERROR("Cannot publish on channel %s: %s\n", Printable(channel).text, bus_error());
     }
     return rc;
+}
+
+void bus_answer(tavrix_service *service, const char *channel, const char *text) {
+    bus_publish(service, channel, text);
+    ++service->bus.said;
+}
+
+bool bus_is_heard(tavrix_service *service) {
+    Bus *bus = &service->bus;
+    if (bus->heard == bus->said || bus->pub < 0 || service->session.state != session_ready) {
+        return true; // without the router nobody would tell
+    }
+    if (bus->asked != bus->said) {
+        bus->asked = bus->said;
+        say_hello(service, bus->said);
+    }
+    return false;
 }
 
 void bus_close(tavrix_service *service) {

@@ -66,7 +66,7 @@ void send_answer(tavrix_call *call, const char *text) {
         }
         return;
     case TAVRIX_ROAD_BUS:
-        bus_publish(service, call->channel, text);
+        bus_answer(service, call->channel, text);
         return;
     case TAVRIX_ROAD_UNIX:
     case TAVRIX_ROAD_TCP:
@@ -125,6 +125,18 @@ bool has_good_envelope(const json_t *request) {
            (transaction_id == nullptr || json_is_number(transaction_id)) && version != nullptr &&
            std::strcmp(version, "2.0") == 0 && (params == nullptr || json_is_object(params)) &&
            json_object_get(request, "method") != nullptr;
+}
+
+/** The router's word: it lets no client's own through. What it does not say is unknown. */
+void read_caller(const json_t *caller, tavrix_caller *out) {
+    const json_t *uid = json_object_get(caller, "uid");
+    const json_t *gid = json_object_get(caller, "gid");
+    const json_int_t pid = json_integer_value(json_object_get(caller, "pid"));
+    if (json_is_integer(uid) && json_is_integer(gid)) {
+        out->pid = pid > 0 ? static_cast<pid_t>(pid) : -1; // 0 in another namespace of processes
+        out->uid = static_cast<uid_t>(json_integer_value(uid));
+        out->gid = static_cast<gid_t>(json_integer_value(gid));
+    }
 }
 
 const tavrix_service_method *find_method(const tavrix_service *service, const char *name) {
@@ -257,6 +269,9 @@ void evaluate(tavrix_service *service, Json request, const Origin &origin) {
     call->transaction_id = json_object_get(call->request, "transaction_id");
     call->wants_answer = json_object_get(call->request, "id") != nullptr && origin.caller.road != TAVRIX_ROAD_PULL;
     call->caller = origin.caller;
+    if (origin.caller.road == TAVRIX_ROAD_SESSION) {
+        read_caller(json_object_get(call->request, "caller"), &call->caller);
+    }
     call->channel = origin.channel;
     call->client = origin.client;
     call->session = service->session.generation;

@@ -5,6 +5,7 @@
  * Bounds and words come from the functions that the check itself asks.
  */
 #include <cstdio>
+#include <utility>
 
 #include "internal.h"
 #include "tavrix_jrpc.h"
@@ -118,21 +119,27 @@ json_t *example_of_integer(const tavrix_service_param &row) {
     return json_integer(lowest > INT32_MIN ? lowest : 1 < highest_of(&row) ? 1 : highest_of(&row));
 }
 
-json_t *example_of(const tavrix_service_param &row, size_t depth);
+json_t *example_of_number(const tavrix_service_param &row) {
+    constexpr double shown = 2.5;
+    const bool fits = static_cast<double>(row.min) <= shown && static_cast<double>(row.max) >= shown;
+    return has_bounds(&row) && !fits ? json_integer(row.min) : json_real(shown);
+}
+
+json_t *example_of(const tavrix_service_param &row);
 
 /** The members that have to be there. */
-json_t *example_of_object(const tavrix_service_param *rows, size_t depth) {
+json_t *example_of_object(const tavrix_service_param *rows) {
     Json object(json_object());
-    for (; rows != nullptr && rows->name != nullptr && depth < max_depth; ++rows) {
+    for (; rows != nullptr && rows->name != nullptr; ++rows) {
         if ((rows->flags & TAVRIX_OPTIONAL) == 0 &&
-            json_object_set_new(object.get(), rows->name, example_of(*rows, depth)) != 0) {
+            json_object_set_new(object.get(), rows->name, example_of(*rows)) != 0) {
             return nullptr;
         }
     }
     return object.release();
 }
 
-json_t *example_of_list(int64_t count, const tavrix_service_param *members, size_t depth) {
+json_t *example_of_list(int64_t count, const tavrix_service_param *members) {
     const bool bare = members != nullptr && members->name != nullptr && members->name[0] == '\0';
     Json list(count <= most_shown ? json_array() : nullptr);
     for (int64_t i = 0; list && i < count; ++i) {
@@ -140,7 +147,7 @@ json_t *example_of_list(int64_t count, const tavrix_service_param *members, size
         if (members == nullptr || members->name == nullptr) {
             element = json_integer(1);
         } else {
-            element = bare ? example_of(*members, depth) : example_of_object(members, depth);
+            element = bare ? example_of(*members) : example_of_object(members);
         }
         if (json_array_append_new(list.get(), element) != 0) {
             return nullptr;
@@ -155,10 +162,7 @@ int64_t shown_elements(const tavrix_service_param &row) {
 }
 
 /** A value that the check lets through; null when there is none that could be shown. */
-json_t *example_of(const tavrix_service_param &row, size_t depth) {
-    if (depth >= max_depth) {
-        return nullptr;
-    }
+json_t *example_of(const tavrix_service_param &row) {
     switch (storage_of(row.kind)) {
     case stored_text:
     case stored_uint64:
@@ -168,18 +172,18 @@ json_t *example_of(const tavrix_service_param &row, size_t depth) {
     case stored_boolean:
         return json_true();
     case stored_real:
-        return row.kind == TAVRIX_KIND_FLOAT ? example_of_text(row) : json_real(2.5);
+        return row.kind == TAVRIX_KIND_FLOAT ? example_of_text(row) : example_of_number(row);
     case stored_json:
-        return row.kind == TAVRIX_KIND_ARRAY ? example_of_list(shown_elements(row), row.members, depth + 1)
-                                             : example_of_object(row.members, depth + 1);
+        return row.kind == TAVRIX_KIND_ARRAY ? example_of_list(shown_elements(row), row.members)
+                                             : example_of_object(row.members);
     case stored_integers:
-        return example_of_list(shown_elements(row), &one_vlan_id, depth + 1);
+        return example_of_list(shown_elements(row), &one_vlan_id);
     case stored_ports:
-        return example_of_list(1, port_members, depth + 1);
+        return example_of_list(shown_elements(row), port_members);
     case stored_ports_hardware:
-        return example_of_list(1, port_hardware_members, depth + 1);
+        return example_of_list(shown_elements(row), port_hardware_members);
     case stored_mac_filters:
-        return example_of_list(1, mac_filter_members, depth + 1);
+        return example_of_list(shown_elements(row), mac_filter_members);
     }
     return nullptr;
 }
@@ -189,6 +193,7 @@ json_t *example_of(const tavrix_service_param &row, size_t depth) {
 /** Puts values together, and knows in the end whether one could not be made: a part of a document would lie. */
 struct Writer {
     bool complete = true;
+    bool is_closed = false; ///< the objects of a strict method have no other members than those of the rows
 
     void put(json_t *object, const char *key, json_t *value) {
         complete = json_object_set_new(object, key, value) == 0 && complete;
@@ -203,17 +208,17 @@ struct Writer {
 
 // --- Schemas -------------------------------------------------------------------------------------------------------
 
-json_t *schema_of(Writer *writer, const tavrix_service_param &row, size_t depth, const char *summary);
+json_t *schema_of(Writer *writer, const tavrix_service_param &row, const char *summary);
 
-json_t *schema_of_object(Writer *writer, const tavrix_service_param *rows, size_t depth) {
+json_t *schema_of_object(Writer *writer, const tavrix_service_param *rows) {
     Json schema(json_pack("{s:s}", "type", "object"));
-    if (rows == nullptr || depth >= max_depth) {
+    if (rows == nullptr) {
         return schema.release();
     }
     Json properties(json_object());
     Json required(json_array());
     for (; rows->name != nullptr; ++rows) {
-        writer->put(properties.get(), rows->name, schema_of(writer, *rows, depth, rows->summary));
+        writer->put(properties.get(), rows->name, schema_of(writer, *rows, rows->summary));
         if ((rows->flags & TAVRIX_OPTIONAL) == 0) {
             writer->add(required.get(), json_string(rows->name));
         }
@@ -221,6 +226,9 @@ json_t *schema_of_object(Writer *writer, const tavrix_service_param *rows, size_
     writer->put(schema.get(), "properties", properties.release());
     if (json_array_size(required.get()) > 0) {
         writer->put(schema.get(), "required", required.release());
+    }
+    if (writer->is_closed) {
+        writer->put(schema.get(), "additionalProperties", json_false());
     }
     return schema.release();
 }
@@ -259,27 +267,29 @@ void add_list(Writer *writer, json_t *schema, int64_t least, int64_t most, json_
     writer->put(schema, "items", items);
 }
 
-void add_array(Writer *writer, json_t *schema, const tavrix_service_param &row, size_t depth) {
+void add_array(Writer *writer, json_t *schema, const tavrix_service_param &row) {
     const tavrix_service_param *members = row.members;
     json_t *items = nullptr;
     if (members == nullptr || members->name == nullptr) {
         items = json_object();
     } else if (members->name[0] == '\0') {
-        items = schema_of(writer, *members, depth + 1, members->summary);
+        items = schema_of(writer, *members, members->summary);
     } else {
-        items = schema_of_object(writer, members, depth + 1);
+        items = schema_of_object(writer, members);
     }
     add_list(writer, schema, row.min, has_bounds(&row) ? row.max : -1, items);
 }
 
-void add_records(Writer *writer, json_t *schema, const tavrix_service_param &row, size_t depth) {
+void add_records(Writer *writer, json_t *schema, const tavrix_service_param &row) {
     const tavrix_service_param *members = port_members;
     if (row.kind == TAVRIX_KIND_PORTS_HARDWARE) {
         members = port_hardware_members;
     } else if (row.kind == TAVRIX_KIND_MAC_FILTERS) {
         members = mac_filter_members;
     }
-    add_list(writer, schema, 0, most_records(&row), schema_of_object(writer, members, depth + 1));
+    const bool is_closed = std::exchange(writer->is_closed, false); // their retriever passes over what it does not know
+    add_list(writer, schema, row.min, most_records(&row), schema_of_object(writer, members));
+    writer->is_closed = is_closed;
 }
 
 /** What the member is for, and what its value has to look like where the schema's own words do not tell. */
@@ -299,11 +309,8 @@ void add_description(Writer *writer, json_t *schema, const tavrix_service_param 
     writer->put_text(schema, "description", text);
 }
 
-json_t *schema_of(Writer *writer, const tavrix_service_param &row, size_t depth, const char *summary) {
-    if (depth >= max_depth) {
-        return json_object();
-    }
-    Json owner(row.kind == TAVRIX_KIND_OBJECT ? schema_of_object(writer, row.members, depth + 1) : json_object());
+json_t *schema_of(Writer *writer, const tavrix_service_param &row, const char *summary) {
+    Json owner(row.kind == TAVRIX_KIND_OBJECT ? schema_of_object(writer, row.members) : json_object());
     json_t *schema = owner.get();
     switch (storage_of(row.kind)) {
     case stored_text:
@@ -322,20 +329,23 @@ json_t *schema_of(Writer *writer, const tavrix_service_param &row, size_t depth,
             add_text(writer, schema, row);
         } else {
             writer->put_text(schema, "type", "number");
+            if (has_bounds(&row)) {
+                add_range(writer, schema, "minimum", row.min, "maximum", row.max);
+            }
         }
         break;
     case stored_json:
         if (row.kind == TAVRIX_KIND_ARRAY) {
-            add_array(writer, schema, row, depth);
+            add_array(writer, schema, row);
         }
         break;
     case stored_integers:
-        add_list(writer, schema, row.min, max_vlan_ids, schema_of(writer, one_vlan_id, depth + 1, nullptr));
+        add_list(writer, schema, row.min, most_records(&row), schema_of(writer, one_vlan_id, nullptr));
         break;
     case stored_ports:
     case stored_ports_hardware:
     case stored_mac_filters:
-        add_records(writer, schema, row, depth);
+        add_records(writer, schema, row);
         break;
     }
     add_description(writer, schema, row, summary);
@@ -347,6 +357,7 @@ json_t *schema_of(Writer *writer, const tavrix_service_param &row, size_t depth,
 /** OpenRPC wants those that may be absent after those that may not. */
 json_t *params_of(Writer *writer, const tavrix_service_method &method) {
     Json params(json_array());
+    writer->is_closed = (method.flags & TAVRIX_METHOD_STRICT) != 0;
     for (const bool optional : {false, true}) {
         for (const tavrix_service_param *row = method.params; row != nullptr && row->name != nullptr; ++row) {
             if (((row->flags & TAVRIX_OPTIONAL) != 0) != optional) {
@@ -355,10 +366,11 @@ json_t *params_of(Writer *writer, const tavrix_service_method &method) {
             Json param(json_pack("{s:s}", "name", row->name));
             writer->put_text(param.get(), "summary", row->summary);
             writer->put(param.get(), "required", json_boolean(!optional));
-            writer->put(param.get(), "schema", schema_of(writer, *row, 0, nullptr));
+            writer->put(param.get(), "schema", schema_of(writer, *row, nullptr));
             writer->add(params.get(), param.release());
         }
     }
+    writer->is_closed = false; // a result may hold more
     return params.release();
 }
 
@@ -367,9 +379,9 @@ json_t *result_of(Writer *writer, const tavrix_service_method &method) {
     if (method.result == nullptr) {
         schema = json_pack("{s:s, s:[i]}", "type", "integer", "enum", 0);
     } else if (method.result->name != nullptr && method.result->name[0] == '\0') {
-        schema = schema_of(writer, *method.result, 0, method.result->summary);
+        schema = schema_of(writer, *method.result, method.result->summary);
     } else {
-        schema = schema_of_object(writer, method.result, 0);
+        schema = schema_of_object(writer, method.result);
     }
     return json_pack("{s:s, s:o}", "name", "result", "schema", schema);
 }
@@ -377,9 +389,9 @@ json_t *result_of(Writer *writer, const tavrix_service_method &method) {
 /** Which of the retrievers' own codes the rows can bring about. */
 enum RowErrors { wants_c_port = 1, wants_d_port = 2, wants_unit = 4, counts_vlan_ids = 8 };
 
-unsigned errors_of_rows(const tavrix_service_param *rows, size_t depth) {
+unsigned errors_of_rows(const tavrix_service_param *rows) {
     unsigned found = 0;
-    for (; rows != nullptr && rows->name != nullptr && depth < max_depth; ++rows) {
+    for (; rows != nullptr && rows->name != nullptr; ++rows) {
         const unsigned kinds_of_port = rows->flags & TAVRIX_ANY_PORT;
         if (rows->kind == TAVRIX_KIND_VLAN_IDS) {
             found |= counts_vlan_ids;
@@ -390,14 +402,14 @@ unsigned errors_of_rows(const tavrix_service_param *rows, size_t depth) {
         } else if (rows->kind == TAVRIX_KIND_PORT_ID && kinds_of_port == TAVRIX_ALLOW_D_PORT) {
             found |= wants_d_port;
         }
-        found |= errors_of_rows(rows->members, depth + 1);
+        found |= errors_of_rows(rows->members);
     }
     return found;
 }
 
 /** What is answered without the handler; what it answers itself is any other row of the catalogue. */
 json_t *errors_of(Writer *writer, const tavrix_service_method &method) {
-    const unsigned found = errors_of_rows(method.params, 0);
+    const unsigned found = errors_of_rows(method.params);
     const bool is_checked = method.params != nullptr || (method.flags & TAVRIX_METHOD_STRICT) != 0;
     const struct {
         int code;
@@ -429,7 +441,7 @@ json_t *examples_of(Writer *writer, const tavrix_service_method &method) {
         if ((row->flags & TAVRIX_OPTIONAL) != 0) {
             continue;
         }
-        json_t *value = example_of(*row, 0);
+        json_t *value = example_of(*row);
         if (value == nullptr) {
             return json_array();
         }

@@ -164,8 +164,8 @@ struct Value {
  */
 int check_params(const tavrix_service_method *method, json_t *params, Arena *arena, Value **values_out,
                  json_t **data_out);
-/** Checks that rows can be served; logs what is wrong with them. */
-bool check_rows(const char *method, const tavrix_service_param *rows);
+/** Checks that a method's rows can be served, all the way down; logs what is wrong with them. */
+bool check_rows(const tavrix_service_method &method);
 
 /** How a kind's value is read. */
 enum Storage {
@@ -183,7 +183,7 @@ enum Storage {
 Storage storage_of(tavrix_kind kind);
 
 // What a row lets through: the check, the words of a refusal and the description of the service take it from here.
-constexpr size_t max_depth = 8; ///< of values within values: what lies deeper is neither checked nor described
+constexpr size_t max_depth = 8; ///< of values within values: deeper tables are refused
 constexpr int max_vlan_ids = 32;
 constexpr size_t max_number_text = 99;
 constexpr size_t allowed_size = 400;
@@ -191,7 +191,7 @@ bool has_bounds(const tavrix_service_param *row);
 /** Of an integer. */
 int64_t lowest_of(const tavrix_service_param *row);
 int64_t highest_of(const tavrix_service_param *row);
-/** Of a list of records. */
+/** Of a list of numbers or records. */
 int most_records(const tavrix_service_param *row);
 /** Null where the words are not counted. */
 const char *const *words_allowed(const tavrix_service_param *row);
@@ -317,6 +317,9 @@ struct Bus {
     size_t endpoint_count;
     char (*published)[max_bus_address + 1]; ///< where the service publishes
     size_t published_count;
+    uint64_t said; ///< how much of it the router has to have heard before the service may go: answers, and its requests
+    uint64_t asked;
+    uint64_t heard;
 };
 
 void bus_prepare(tavrix_service *service);
@@ -330,6 +333,13 @@ void bus_service_down(tavrix_service *service, const json_t *params);
 /** The router has gone: nothing goes on trying to reach it. */
 void bus_router_gone(tavrix_service *service);
 int bus_publish(tavrix_service *service, const char *channel, const char *text);
+/** Publishes an answer: the service does not go before the router has it. */
+void bus_answer(tavrix_service *service, const char *channel, const char *text);
+/**
+ * Whether all answers have arrived, and all requests that were sent meanwhile; asks the router unless it has been
+ * asked. Publish/subscribe acknowledges nothing, and a socket that is closed takes what it has not sent along.
+ */
+bool bus_is_heard(tavrix_service *service);
 void bus_close(tavrix_service *service);
 /** A bus socket's receive limit: nanomsg cuts a publisher off for good at a larger message. */
 bool receive_large_messages(int socket);

@@ -108,7 +108,7 @@ constexpr KindRow kinds[] = {
     integer(TAVRIX_KIND_PORT_NUMBER, tavrix_jrpc_utils_retrieve_input_port_number, 1, 128),
     integer(TAVRIX_KIND_PORT_LINK_SPEED, tavrix_jrpc_utils_retrieve_input_port_link_speed, INT32_MIN, INT32_MAX),
     integer(TAVRIX_KIND_ENABLE, tavrix_jrpc_utils_retrieve_input_enable, INT32_MIN, INT32_MAX),
-    other(TAVRIX_KIND_VLAN_IDS, stored_integers, "an array of up to 32 VLAN ids, each 1 to 4092"),
+    other(TAVRIX_KIND_VLAN_IDS, stored_integers, nullptr),
     other(TAVRIX_KIND_PORTS, stored_ports,
           "an array of ports: port_number 1 to 128, port_status, poe_status, link_status, link_speed, vlan_mode, "
           "vlan_ids"),
@@ -132,6 +132,9 @@ static_assert(stand_in_order(), "the rows stand in the order of the kinds");
 
 // --- What is allowed -----------------------------------------------------------------------------------------------
 
+/** Of numbers or records: a `max` of 0 is the kind's own. */
+static bool is_list(tavrix_kind kind) { return kinds[kind].storage >= stored_integers; }
+
 const char *const *words_allowed(const tavrix_service_param *row) {
     return row->kind == TAVRIX_KIND_WORD ? row->words : kinds[row->kind].words;
 }
@@ -142,7 +145,8 @@ int64_t lowest_of(const tavrix_service_param *row) { return has_bounds(row) ? ro
 int64_t highest_of(const tavrix_service_param *row) { return has_bounds(row) ? row->max : kinds[row->kind].highest; }
 
 int most_records(const tavrix_service_param *row) {
-    return row->max > 0 && row->max < INT32_MAX ? static_cast<int>(row->max) : default_record_count;
+    const int most_of_kind = row->kind == TAVRIX_KIND_VLAN_IDS ? max_vlan_ids : default_record_count;
+    return row->max > 0 && row->max < INT32_MAX ? static_cast<int>(row->max) : most_of_kind;
 }
 
 namespace {
@@ -189,6 +193,12 @@ void add_bounds(const tavrix_service_param *row, const char *unit, Words *words)
     }
 }
 
+void add_least(const tavrix_service_param *row, Words *words) {
+    if (row->min > 0) {
+        words->add(", at least %lld", static_cast<long long>(row->min));
+    }
+}
+
 void describe_allowed(const tavrix_service_param *row, Words *words) {
     const KindRow &kind = kinds[row->kind];
     if (const char *const *list = words_allowed(row); list != nullptr) {
@@ -201,6 +211,9 @@ void describe_allowed(const tavrix_service_param *row, Words *words) {
         add_port_forms(row->flags, words);
     } else if (kind.storage == stored_integer) {
         words->add("%lld to %lld", static_cast<long long>(lowest_of(row)), static_cast<long long>(highest_of(row)));
+    } else if (row->kind == TAVRIX_KIND_VLAN_IDS) {
+        words->add("an array of up to %d VLAN ids, each 1 to 4092", most_records(row));
+        add_least(row, words);
     } else {
         words->add("%s", kind.allowed);
         if (row->kind == TAVRIX_KIND_MZU_ID && (row->flags & TAVRIX_ALLOW_ALL) != 0) {
@@ -209,10 +222,11 @@ void describe_allowed(const tavrix_service_param *row, Words *words) {
             add_bounds(row, "bytes", words);
         } else if (row->kind == TAVRIX_KIND_ARRAY) {
             add_bounds(row, "elements", words);
-        } else if (kind.storage >= stored_ports) {
+        } else if (row->kind == TAVRIX_KIND_NUMBER && has_bounds(row)) {
+            words->add(" from %lld to %lld", static_cast<long long>(row->min), static_cast<long long>(row->max));
+        } else if (is_list(row->kind)) {
+            add_least(row, words);
             words->add(", at most %d", most_records(row));
-        } else if (row->kind == TAVRIX_KIND_VLAN_IDS && row->min > 0) {
-            words->add(", at least %lld", static_cast<long long>(row->min));
         }
     }
 }
@@ -222,7 +236,8 @@ void describe_allowed(const tavrix_service_param *row, Words *words) {
 /** The state of one check. */
 struct Check {
     Arena *arena;
-    json_t **data; ///< where the refusal goes
+    json_t **data;                       ///< where the refusal goes
+    const tavrix_service_method *strict; ///< the method, where members without a row are refused; or null
 };
 
 /** A value for a person: cut when it is long. */
@@ -300,7 +315,7 @@ int status_of_refusal(int status) {
 
 // --- One value -----------------------------------------------------------------------------------------------------
 
-int check_rows_of(const Check &check, const tavrix_service_param *rows, json_t *object, const char *path, size_t depth,
+int check_rows_of(const Check &check, const tavrix_service_param *rows, json_t *object, const char *path,
                   Value *values);
 
 /** One row, the object that holds its value, and the value; `path` names it for people. */
@@ -309,7 +324,6 @@ struct Place {
     json_t *object;
     json_t *value; ///< null when it is absent
     const char *path;
-    size_t depth;
 
     const char *key() const { return row->name; }
 };
@@ -484,7 +498,7 @@ int check_array(const Check &check, const Place &place) {
         if (!bare && !json_is_object(element)) {
             return refuse(check, place, TAVRIX_ERR_INVALID_PARAMETER, nullptr, "holds an element that is no object");
         }
-        const int status = check_rows_of(check, row.members, holder.get(), path, place.depth + 1, nullptr);
+        const int status = check_rows_of(check, row.members, holder.get(), path, nullptr);
         if (status != TAVRIX_OK) {
             return status;
         }
@@ -502,7 +516,18 @@ int check_json(const Check &check, const Place &place) {
     if (place.row->kind != TAVRIX_KIND_OBJECT || place.row->members == nullptr) {
         return TAVRIX_OK;
     }
-    return check_rows_of(check, place.row->members, place.value, place.path, place.depth + 1, nullptr);
+    return check_rows_of(check, place.row->members, place.value, place.path, nullptr);
+}
+
+bool is_within_bounds(const json_t *number, const tavrix_service_param &row) {
+    if (!has_bounds(&row)) {
+        return true;
+    }
+    if (json_is_integer(number)) { // which a real might round
+        return json_integer_value(number) >= row.min && json_integer_value(number) <= row.max;
+    }
+    const double value = json_real_value(number);
+    return value >= static_cast<double>(row.min) && value <= static_cast<double>(row.max);
 }
 
 int check_real(const Check &check, const Place &place, Value *value) {
@@ -511,6 +536,9 @@ int check_real(const Check &check, const Place &place, Value *value) {
     }
     if (!json_is_number(place.value)) {
         return refuse_type(check, place);
+    }
+    if (!is_within_bounds(place.value, *place.row)) {
+        return refuse(check, place, TAVRIX_ERR_INVALID_PARAMETER, nullptr);
     }
     value->real = json_number_value(place.value);
     return TAVRIX_OK;
@@ -535,7 +563,7 @@ int check_vlan_ids(const Check &check, const Place &place, Value *value) {
     if (rc != TAVRIX_OK) {
         return refuse(check, place, rc, library);
     }
-    if (value->count < place.row->min) {
+    if (value->count < place.row->min || value->count > most_records(place.row)) {
         return refuse(check, place, TAVRIX_ERR_INVALID_PARAMETER, nullptr);
     }
     value->records = ids;
@@ -545,7 +573,8 @@ int check_vlan_ids(const Check &check, const Place &place, Value *value) {
 /** The library cuts a list that is too long, and numbers that are too large, without a word. */
 bool is_fit_list(const Place &place) {
     return json_is_array(place.value) && !holds_wide_integer(place.value) &&
-           json_array_size(place.value) <= static_cast<size_t>(most_records(place.row));
+           json_array_size(place.value) <= static_cast<size_t>(most_records(place.row)) &&
+           static_cast<int64_t>(json_array_size(place.value)) >= place.row->min;
 }
 
 template <class Record, class Retriever>
@@ -607,28 +636,6 @@ int check_value(const Check &check, const Place &place, Value *value) {
     return TAVRIX_ERR_GENERAL;
 }
 
-/** `values` may be null: what lies inside another value is checked only. */
-int check_rows_of(const Check &check, const tavrix_service_param *rows, json_t *object, const char *path, size_t depth,
-                  Value *values) {
-    for (size_t i = 0; rows[i].name != nullptr && depth < max_depth; ++i) {
-        json_t *value = json_object_get(object, rows[i].name);
-        if (value == nullptr && (rows[i].flags & TAVRIX_OPTIONAL) != 0) {
-            continue;
-        }
-        char own_path[path_size];
-        std::snprintf(own_path, sizeof own_path, "%s%s%s", path, *path != '\0' && *rows[i].name != '\0' ? "." : "",
-                      rows[i].name);
-        Value unused{};
-        Value *place_for_value = values != nullptr ? &values[i] : &unused;
-        const int rc = check_value(check, {&rows[i], object, value, own_path, depth}, place_for_value);
-        if (rc != TAVRIX_OK) {
-            return rc;
-        }
-        place_for_value->present = true;
-    }
-    return TAVRIX_OK;
-}
-
 size_t count_rows(const tavrix_service_param *rows) {
     size_t count = 0;
     while (rows != nullptr && rows[count].name != nullptr) {
@@ -646,15 +653,25 @@ const tavrix_service_param *find_row(const tavrix_service_param *rows, const cha
     return nullptr;
 }
 
-int refuse_unknown(const tavrix_service_method *method, json_t *params, json_t **data_out) {
+/** The whole path of a member of a value. */
+struct Path {
+    Path(const char *outer, const char *name, const char *suffix = "") {
+        const char *separator = *outer != '\0' && *name != '\0' ? "." : "";
+        std::snprintf(text, sizeof text, "%s%s%s%s", outer, separator, name, suffix);
+    }
+    char text[path_size];
+};
+
+int refuse_unknown(const Check &check, const tavrix_service_param *rows, json_t *object, const char *path) {
     const char *key = nullptr;
     json_t *value = nullptr;
-    json_object_foreach(params, key, value) {
-        if (find_row(method->params, key) == nullptr) {
-            const Printable name(key);
+    json_object_foreach(object, key, value) {
+        if (find_row(rows, key) == nullptr) {
+            const Path own_path(path, key);
+            const Printable name(own_path.text);
             Words reason;
-            reason.add("%s: %s has no such parameter", name.text, method->name);
-            *data_out =
+            reason.add("%s: %s has no such parameter", name.text, check.strict->name);
+            *check.data =
                 json_pack("{s:s, s:s, s:s}", "message", reason.text, "reason", reason.text, "parameter", name.text);
             return TAVRIX_ERR_UNEXPECTED_PARAMETER;
         }
@@ -662,9 +679,119 @@ int refuse_unknown(const tavrix_service_method *method, json_t *params, json_t *
     return TAVRIX_OK;
 }
 
-bool complain(const char *method, const char *param, const char *what) {
-    LOG_ERROR("Method %s: parameter %s %s\n", method, param, what);
+/** `values` may be null: what lies inside another value is checked only. */
+int check_rows_of(const Check &check, const tavrix_service_param *rows, json_t *object, const char *path,
+                  Value *values) {
+    if (check.strict != nullptr) {
+        const int rc = refuse_unknown(check, rows, object, path);
+        if (rc != TAVRIX_OK) {
+            return rc;
+        }
+    }
+    for (size_t i = 0; rows != nullptr && rows[i].name != nullptr; ++i) {
+        json_t *value = json_object_get(object, rows[i].name);
+        if (value == nullptr && (rows[i].flags & TAVRIX_OPTIONAL) != 0) {
+            continue;
+        }
+        const Path own_path(path, rows[i].name);
+        Value unused{};
+        Value *place_for_value = values != nullptr ? &values[i] : &unused;
+        const int rc = check_value(check, {&rows[i], object, value, own_path.text}, place_for_value);
+        if (rc != TAVRIX_OK) {
+            return rc;
+        }
+        place_for_value->present = true;
+    }
+    return TAVRIX_OK;
+}
+
+// --- The table -----------------------------------------------------------------------------------------------------
+
+/** Rows that stand somewhere in a method's table. */
+struct Rows {
+    const char *method;
+    const tavrix_service_param *rows;
+    const char *path;
+    size_t depth;
+    bool may_be_bare; ///< one row without a name is the value itself
+};
+
+bool complain(const char *method, const char *path, const char *what) {
+    LOG_ERROR("Method %s: parameter %s %s\n", method, path, what);
     return false;
+}
+
+/** What is wrong with a row's bounds; null when nothing is. What nobody would look at is wrong too. */
+const char *bounds_error(const tavrix_service_param *row) {
+    const KindRow &kind = kinds[row->kind];
+    const bool is_counted = is_list(row->kind) || row->kind == TAVRIX_KIND_TEXT || row->kind == TAVRIX_KIND_ARRAY;
+    if (!has_bounds(row)) {
+        return nullptr;
+    }
+    if (!is_counted && kind.storage != stored_integer && row->kind != TAVRIX_KIND_NUMBER) {
+        return "has bounds, and its kind takes none";
+    }
+    if (row->min > (is_list(row->kind) ? most_records(row) : row->max)) {
+        return "has bounds in the wrong order";
+    }
+    const bool has_own = kind.storage == stored_integer && row->kind != TAVRIX_KIND_INTEGER;
+    if ((has_own && (row->min < kind.lowest || row->max > kind.highest)) ||
+        (is_counted && (row->min < 0 || row->max < 0)) ||
+        (row->kind == TAVRIX_KIND_VLAN_IDS && row->max > max_vlan_ids)) {
+        return "has bounds beyond those of its kind";
+    }
+    return nullptr;
+}
+
+/** What is wrong with a row by itself; null when nothing is. */
+const char *row_error(const tavrix_service_param *row) {
+    if (row->kind <= TAVRIX_KIND_NONE || row->kind >= TAVRIX_KIND_COUNT) {
+        return "is of no kind";
+    }
+    if (row->kind == TAVRIX_KIND_WORD && (row->words == nullptr || row->words[0] == nullptr)) {
+        return "is a word without words";
+    }
+    if (row->kind == TAVRIX_KIND_PORT_ID && (row->flags & TAVRIX_ANY_PORTS) == 0) {
+        return "is a port without a form that is allowed";
+    }
+    if (row->members != nullptr && row->kind != TAVRIX_KIND_OBJECT && row->kind != TAVRIX_KIND_ARRAY) {
+        return "has members, and is neither an object nor an array";
+    }
+    return bounds_error(row);
+}
+
+static_assert(max_depth == 8, "what the complaint says");
+
+bool check_table_rows(const Rows &place) {
+    const size_t count = count_rows(place.rows);
+    if (count > TAVRIX_SERVICE_MAX_PARAMS) {
+        LOG_ERROR("Method %s: more than %d parameters%s%s\n", place.method, TAVRIX_SERVICE_MAX_PARAMS,
+                  *place.path != '\0' ? " in " : "", place.path);
+        return false;
+    }
+    for (size_t i = 0; i < count; ++i) {
+        const tavrix_service_param *row = &place.rows[i];
+        const bool is_array = row->kind == TAVRIX_KIND_ARRAY;
+        const Path path(place.path, row->name);
+        if (place.depth >= max_depth) {
+            return complain(place.method, path.text, "lies too deep: a table has 8 levels, and does not hold itself");
+        }
+        if (row->name[0] == '\0' && !(place.may_be_bare && count == 1)) {
+            return complain(place.method, path.text, "has a row without a name");
+        }
+        if (find_row(place.rows, row->name) != row) {
+            return complain(place.method, path.text, "has two rows");
+        }
+        if (const char *error = row_error(row); error != nullptr) {
+            return complain(place.method, path.text, error);
+        }
+        const Path inner(place.path, row->name, is_array ? "[]" : "");
+        if (row->members != nullptr &&
+            !check_table_rows({place.method, row->members, inner.text, place.depth + 1, is_array})) {
+            return false;
+        }
+    }
+    return true;
 }
 
 } // namespace
@@ -684,47 +811,18 @@ const char *const *words_of(const tavrix_service_param *row) {
 
 int check_params(const tavrix_service_method *method, json_t *params, Arena *arena, Value **values_out,
                  json_t **data_out) {
-    if ((method->flags & TAVRIX_METHOD_STRICT) != 0) {
-        const int rc = refuse_unknown(method, params, data_out);
-        if (rc != TAVRIX_OK) {
-            return rc;
-        }
-    }
     const size_t count = count_rows(method->params);
-    if (count == 0) {
-        return TAVRIX_OK;
-    }
-    *values_out = static_cast<Value *>(arena_take(arena, count * sizeof(Value)));
-    if (*values_out == nullptr) {
+    *values_out = count > 0 ? static_cast<Value *>(arena_take(arena, count * sizeof(Value))) : nullptr;
+    if (count > 0 && *values_out == nullptr) {
         return TAVRIX_ERR_NO_MEMORY;
     }
-    return check_rows_of({arena, data_out}, method->params, params, "", 0, *values_out);
+    const bool is_strict = (method->flags & TAVRIX_METHOD_STRICT) != 0;
+    return check_rows_of({arena, data_out, is_strict ? method : nullptr}, method->params, params, "", *values_out);
 }
 
-bool check_rows(const char *method, const tavrix_service_param *rows) {
-    if (count_rows(rows) > TAVRIX_SERVICE_MAX_PARAMS) {
-        LOG_ERROR("Method %s: more than %d parameters\n", method, TAVRIX_SERVICE_MAX_PARAMS);
-        return false;
-    }
-    for (const tavrix_service_param *row = rows; row != nullptr && row->name != nullptr; ++row) {
-        constexpr unsigned forms = TAVRIX_ANY_PORTS;
-        if (row->kind <= TAVRIX_KIND_NONE || row->kind >= TAVRIX_KIND_COUNT) {
-            return complain(method, row->name, "is of no kind");
-        }
-        if (row->kind == TAVRIX_KIND_WORD && (row->words == nullptr || row->words[0] == nullptr)) {
-            return complain(method, row->name, "is a word without words");
-        }
-        if (row->kind == TAVRIX_KIND_PORT_ID && (row->flags & forms) == 0) {
-            return complain(method, row->name, "is a port without a form that is allowed");
-        }
-        if (has_bounds(row) && row->min > row->max && row->kind != TAVRIX_KIND_VLAN_IDS) {
-            return complain(method, row->name, "has bounds in the wrong order");
-        }
-        if (find_row(rows, row->name) != row) {
-            return complain(method, row->name, "has two rows");
-        }
-    }
-    return true;
+bool check_rows(const tavrix_service_method &method) {
+    return check_table_rows({method.name, method.params, "", 0, false}) &&
+           check_table_rows({method.name, method.result, "", 0, true});
 }
 
 } // namespace kit

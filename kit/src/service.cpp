@@ -30,6 +30,40 @@ struct Timer {
 
 Timer *as_timer(Entry *entry) { return reinterpret_cast<Timer *>(entry); }
 
+// --- Signals -------------------------------------------------------------------------------------------------------
+
+void on_signal(evutil_socket_t number, short /*what*/, void *argument) {
+    auto *service = static_cast<tavrix_service *>(argument);
+    if (number == SIGHUP) {
+        tavrix_lsyslog_reload_conf();
+    } else {
+        tavrix_service_stop(service);
+    }
+}
+
+bool install_signals(tavrix_service *service) {
+    if ((service->options.flags & TAVRIX_SERVICE_NO_SIGNALS) != 0) {
+        return true;
+    }
+    std::signal(SIGPIPE, SIG_IGN);
+    for (size_t i = 0; i < 3; ++i) {
+        evsignal_assign(&service->signals[i], service->base, signal_numbers[i], on_signal, service);
+        if (evsignal_add(&service->signals[i], nullptr) != 0) {
+            LOG_ERROR("Cannot catch signal %d: %s\n", signal_numbers[i], std::strerror(errno));
+            return false;
+        }
+    }
+    service->has_signals = true;
+    return true;
+}
+
+void remove_signals(tavrix_service *service) {
+    for (size_t i = 0; service->has_signals && i < 3; ++i) {
+        evsignal_del(&service->signals[i]);
+    }
+    service->has_signals = false;
+}
+
 // --- Opening -------------------------------------------------------------------------------------------------------
 
 bool is_service_name(const char *name) {
@@ -75,7 +109,7 @@ bool check_method(tavrix_service *service, const tavrix_service_method *methods,
             return refuse_table(row.name, "has two rows");
         }
     }
-    return check_rows(row.name, row.params) && check_rows(row.name, row.result);
+    return check_rows(row);
 }
 
 bool check_table(tavrix_service *service) {
@@ -126,49 +160,20 @@ int open_service(tavrix_service *service) {
         LOG_ERROR("Without a session the bus addresses to listen to have to be given\n");
         return TAVRIX_ERR_PARAMETER;
     }
-    return bus_publish_given(service) ? TAVRIX_OK : TAVRIX_ERR_GENERAL;
-}
-
-// --- Signals -------------------------------------------------------------------------------------------------------
-
-void on_signal(evutil_socket_t number, short /*what*/, void *argument) {
-    auto *service = static_cast<tavrix_service *>(argument);
-    if (number == SIGHUP) {
-        tavrix_lsyslog_reload_conf();
-    } else {
-        tavrix_service_stop(service);
-    }
-}
-
-bool install_signals(tavrix_service *service) {
-    if (service->has_signals || (service->options.flags & TAVRIX_SERVICE_NO_SIGNALS) != 0) {
-        return true;
-    }
-    std::signal(SIGPIPE, SIG_IGN);
-    for (size_t i = 0; i < 3; ++i) {
-        evsignal_assign(&service->signals[i], service->base, signal_numbers[i], on_signal, service);
-        if (evsignal_add(&service->signals[i], nullptr) != 0) {
-            LOG_ERROR("Cannot catch signal %d: %s\n", signal_numbers[i], std::strerror(errno));
-            return false;
-        }
-    }
-    service->has_signals = true;
-    return true;
-}
-
-void remove_signals(tavrix_service *service) {
-    for (size_t i = 0; service->has_signals && i < 3; ++i) {
-        evsignal_del(&service->signals[i]);
-    }
-    service->has_signals = false;
+    // First the signals: one that ended the process in between would leave the sockets' files behind.
+    return install_signals(service) && bus_publish_given(service) ? TAVRIX_OK : TAVRIX_ERR_GENERAL;
 }
 
 // --- The end -------------------------------------------------------------------------------------------------------
 
-/** Lets the loop write what stands in the buffers, for a second at most. */
+bool has_unsaid(tavrix_service *service) {
+    return session_has_unwritten(service) || clients_have_unwritten(service) || !bus_is_heard(service);
+}
+
+/** Lets the loop write what stands in the buffers, and hear that the bus has carried the rest, for a second at most. */
 void write_the_rest(tavrix_service *service) {
     const int64_t end = now_ms() + farewell_ms;
-    while (now_ms() < end && (session_has_unwritten(service) || clients_have_unwritten(service))) {
+    while (now_ms() < end && has_unsaid(service)) {
         const timeval tick = time_of_ms(end - now_ms());
         event_base_loopexit(service->base, &tick);
         event_base_loop(service->base, EVLOOP_ONCE);
@@ -258,9 +263,6 @@ int tavrix_service_start(tavrix_service *service) {
         return TAVRIX_OK;
     }
     service->started = true;
-    if (!install_signals(service)) {
-        return TAVRIX_ERR_GENERAL;
-    }
     const bool listens = service->options.connect != nullptr || service->session.path[0] == '\0';
     if (service->channel != nullptr && listens && !bus_start(service)) {
         return TAVRIX_ERR_GENERAL;

@@ -137,9 +137,10 @@ void send_registration(tavrix_service *service) {
         json_array_append_new(publish.get(), json_string(service->bus.published[i]));
     }
     const bool complete = json_array_size(publish.get()) == service->bus.published_count;
-    json_t *params = json_pack("{s:s, s:s, s:o, s:o, s:b}", "name", service->name, "channel", service->channel,
-                               "publish", publish.release(), "methods", names_of_methods(service), "direct",
-                               (service->options.flags & TAVRIX_SERVICE_BUS) == 0 ? 1 : 0);
+    const int is_direct = (service->options.flags & TAVRIX_SERVICE_BUS) == 0 ? 1 : 0;
+    json_t *params =
+        json_pack("{s:s, s:s, s:o, s:o, s:b, s:b}", "name", service->name, "channel", service->channel, "publish",
+                  publish.release(), "methods", names_of_methods(service), "direct", is_direct, "callers", is_direct);
     if (!complete || params == nullptr) {
         json_decref(params);
         lose_session(service, "no memory to register");

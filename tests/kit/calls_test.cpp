@@ -22,7 +22,7 @@ struct Seen {
     int second_reply = 1;
     int time_left_ms = 0;
     void *user = nullptr;
-    tavrix_road road = TAVRIX_ROAD_BUS;
+    tavrix_caller caller = {TAVRIX_ROAD_BUS, 0, 0, 0};
 };
 Seen seen;
 
@@ -43,7 +43,7 @@ int refuse(tavrix_call *call) {
 int look(tavrix_call *call) {
     seen.user = tavrix_call_user(call);
     seen.time_left_ms = tavrix_call_time_left_ms(call);
-    seen.road = tavrix_call_caller(call).road;
+    seen.caller = tavrix_call_caller(call);
     return 0;
 }
 
@@ -174,8 +174,36 @@ TEST_F(Calls, KnowTheirUserTheirRoadAndTheirTime) {
     Stage stage(methods, options);
     stage.ask("t.Look");
     EXPECT_EQ(seen.user, &seen);
-    EXPECT_EQ(seen.road, TAVRIX_ROAD_SESSION);
+    EXPECT_EQ(seen.caller.road, TAVRIX_ROAD_SESSION);
     EXPECT_EQ(seen.time_left_ms, 5000) << "what the router said";
+}
+
+TEST_F(Calls, KnowTheirCallerAsFarAsTheRouterSays) {
+    const struct {
+        const char *said;
+        pid_t pid;
+        uid_t uid;
+        gid_t gid;
+    } rows[] = {
+        {R"(,"caller":{"pid":71,"uid":1000,"gid":100}})", 71, 1000, 100},
+        {R"(,"caller":{"pid":71,"uid":0,"gid":0}})", 71, 0, 0},
+        {R"(,"caller":{"pid":71,"uid":4294967294,"gid":4294967294}})", 71, 4294967294U, 4294967294U},
+        {R"(,"caller":{"pid":0,"uid":65534,"gid":65534}})", -1, 65534, 65534},
+        {"}", -1, static_cast<uid_t>(-1), static_cast<gid_t>(-1)},
+        {R"(,"caller":{"pid":71,"uid":"0","gid":0}})", -1, static_cast<uid_t>(-1), static_cast<gid_t>(-1)},
+        {R"(,"caller":0})", -1, static_cast<uid_t>(-1), static_cast<gid_t>(-1)},
+    };
+    Stage stage(methods);
+    for (const auto &row : rows) {
+        std::string request = support::direct_request("t.Look", "{}", 1);
+        request.pop_back();
+        stage.router.say(request + row.said);
+        EXPECT_EQ(member(stage.next(), "result"), "0");
+        EXPECT_EQ(seen.caller.pid, row.pid) << row.said;
+        EXPECT_EQ(seen.caller.uid, row.uid) << row.said;
+        EXPECT_EQ(seen.caller.gid, row.gid) << row.said;
+    }
+    EXPECT_EQ(tavrix_call_caller(nullptr).uid, static_cast<uid_t>(-1));
 }
 
 TEST_F(Calls, CanBeAnsweredLaterInAnyOrder) {

@@ -1,6 +1,7 @@
 /*
  * What a service says of itself: an OpenRPC document that is made of the rows that the check goes by.
  */
+#include <array>
 #include <memory>
 #include <set>
 #include <string>
@@ -108,6 +109,22 @@ struct OneRow {
     OneRow &operator=(const OneRow &) = delete;
 
     tavrix_service_param rows[2];
+    tavrix_service_method table[2];
+};
+
+/** A table of one method with one row in each of its levels. */
+struct DeepTable {
+    explicit DeepTable(size_t levels) : rows(levels) {
+        for (size_t i = 0; i < levels; ++i) {
+            rows[i][0] = TAVRIX_PARAM("l", TAVRIX_KIND_OBJECT, "", 0);
+            rows[i][0].members = i + 1 < levels ? rows[i + 1].data() : nullptr;
+            rows[i][1] = TAVRIX_PARAM_END;
+        }
+        table[0] = TAVRIX_METHOD("t.One", accept, "", rows[0].data(), nullptr, 0);
+        table[1] = TAVRIX_METHOD_END;
+    }
+
+    std::vector<std::array<tavrix_service_param, 2>> rows;
     tavrix_service_method table[2];
 };
 
@@ -236,6 +253,24 @@ TEST(Discovery, SaysTheBoundsThatTheCheckHasOfTextsIntegersArraysAndLists) {
         {TAVRIX_KIND_TEXT, "minLength", "maxLength",
          [](int64_t size) { return "\"" + std::string(static_cast<size_t>(size), 'x') + "\""; }},
         {TAVRIX_KIND_INTEGER, "minimum", "maximum", [](int64_t size) { return std::to_string(size); }},
+        {TAVRIX_KIND_NUMBER, "minimum", "maximum", [](int64_t size) { return std::to_string(size); }},
+        {TAVRIX_KIND_VLAN_ID, "minimum", "maximum", [](int64_t size) { return std::to_string(size); }},
+        {TAVRIX_KIND_VLAN_IDS, "minItems", "maxItems",
+         [](int64_t size) {
+             std::string list;
+             for (int64_t i = 1; i <= size; ++i) {
+                 list += (i > 1 ? "," : "") + std::to_string(i);
+             }
+             return "[" + list + "]";
+         }},
+        {TAVRIX_KIND_MAC_FILTERS, "minItems", "maxItems",
+         [](int64_t size) {
+             std::string list;
+             for (int64_t i = 0; i < size; ++i) {
+                 list += (i > 0 ? "," : "") + std::string(R"({"mac":"00:1A:2B:3C:4D:5E","mask":"FF:FF:FF:FF:FF:FF"})");
+             }
+             return "[" + list + "]";
+         }},
         {TAVRIX_KIND_ARRAY, "minItems", "maxItems",
          [](int64_t size) {
              std::string list;
@@ -255,6 +290,9 @@ TEST(Discovery, SaysTheBoundsThatTheCheckHasOfTextsIntegersArraysAndLists) {
             const std::string answer = described.stage.ask("t.One", "{\"value\":" + row.value(size) + "}");
             EXPECT_EQ(member(answer, "result") == "0", size >= 3 && size <= 7) << row.least << " " << size;
         }
+        const json_t *example = json_array_get(json_object_get(described.method("t.One"), "examples"), 0);
+        const json_t *value = json_object_get(json_array_get(json_object_get(example, "params"), 0), "value");
+        EXPECT_EQ(member(described.stage.ask("t.One", "{\"value\":" + shown(value) + "}"), "result"), "0") << row.kind;
     }
 }
 
@@ -281,13 +319,37 @@ TEST(Discovery, DescribesTheBareElementsOfAnArray) {
               R"({"items":{"description":"a port d1 to d4","type":"string"},"type":"array"})");
 }
 
-TEST(Discovery, EndsWhereRowsHoldThemselves) {
-    static tavrix_service_param endless[] = {TAVRIX_PARAM("inner", TAVRIX_KIND_OBJECT, "itself", TAVRIX_OPTIONAL),
-                                             TAVRIX_PARAM_END};
-    endless[0].members = endless;
-    const tavrix_service_method table[] = {TAVRIX_METHOD("t.One", accept, "", endless, endless, 0), TAVRIX_METHOD_END};
-    const Described described(table);
-    EXPECT_TRUE(json_is_object(described.schema("t.One", "inner")));
+TEST(Discovery, DescribesAllLevelsOfTheDeepestTable) {
+    const DeepTable deep(8);
+    const Described described(deep.table);
+    const json_t *schema = described.schema("t.One", "l");
+    for (int level = 1; level < 8; ++level) {
+        schema = json_object_get(json_object_get(schema, "properties"), "l");
+    }
+    EXPECT_EQ(shown(json_object_get(schema, "type")), "\"object\"");
+    EXPECT_EQ(shown(json_object_get(schema, "properties")), "(none)");
+}
+
+TEST(Discovery, ClosesTheObjectsOfAStrictMethodsParameters) {
+    OneRow one(TAVRIX_PARAM_MEMBERS("value", TAVRIX_KIND_OBJECT, "", 0, 0, 0, point));
+    EXPECT_EQ(shown(json_object_get(Described(one.table).schema("t.One", "value"), "additionalProperties")), "(none)");
+    one.table[0].flags = TAVRIX_METHOD_STRICT;
+    one.table[0].result = set_result;
+    const Described described(one.table);
+    EXPECT_EQ(shown(json_object_get(described.schema("t.One", "value"), "additionalProperties")), "false");
+    EXPECT_EQ(described.of_method("t.One", "result").find("additionalProperties"), std::string::npos);
+}
+
+TEST(Discovery, LeavesTheRecordsOfAListOpenAsTheirRetrieverDoes) {
+    OneRow records(TAVRIX_PARAM("value", TAVRIX_KIND_MAC_FILTERS, "", 0));
+    records.table[0].flags = TAVRIX_METHOD_STRICT;
+    Described filters(records.table);
+    EXPECT_EQ(shown(filters.schema("t.One", "value")).find("additionalProperties"), std::string::npos);
+    const std::string mac = "\"00:1A:2B:3C:4D:5E\"";
+    EXPECT_EQ(member(filters.stage.ask("t.One", R"({"value":[{"mac":)" + mac + ",\"mask\":" + mac + R"(,"more":1}]})"),
+                     "result"),
+              "0")
+        << "the list's own retriever passes over it";
 }
 
 // --- Who is asked --------------------------------------------------------------------------------------------------

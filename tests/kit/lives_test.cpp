@@ -29,6 +29,7 @@ struct Seen {
     std::vector<int> results;
     std::vector<std::string> ends;
     int second_reply = 0;
+    tavrix_caller caller = {TAVRIX_ROAD_PULL, 0, 0, 0};
     int late_reply = 0;
     uint64_t late_call = 0;
 };
@@ -91,6 +92,7 @@ int late(tavrix_call *call) {
     return 0;
 }
 int twice(tavrix_call *call) {
+    seen.caller = tavrix_call_caller(call);
     tavrix_call_reply(call, json_integer(1));
     seen.second_reply = tavrix_call_reply(call, json_integer(2));
     return 0;
@@ -132,18 +134,20 @@ class Lives : public testing::Test {
                                                 "--publish", "ipc://bus/router", "--reply-timeout", reply_timeout_ms});
         ASSERT_TRUE(router_->says("routerd ready")) << router_->log();
     }
-    void start_peer() {
+    void start_peer(const std::vector<std::string> &more = {}) {
         peer_.reset();
-        peer_ = std::make_unique<Process>("peer", std::vector<std::string>{PEER_SERVICE, "--session", "session.sock"});
+        std::vector<std::string> arguments{PEER_SERVICE, "--session", "session.sock"};
+        arguments.insert(arguments.end(), more.begin(), more.end());
+        peer_ = std::make_unique<Process>("peer", arguments);
         ASSERT_TRUE(peer_->says("peer ready")) << peer_->log();
     }
-    Service start(const char *name, const tavrix_service_method *methods) {
+    Service start(const char *name, const tavrix_service_method *methods, unsigned flags = 0) {
         tavrix_service_options options{};
         options.name = name;
         options.methods = methods;
         options.session = "session.sock";
         options.base = base_.get();
-        options.flags = TAVRIX_SERVICE_NO_SIGNALS;
+        options.flags = flags | TAVRIX_SERVICE_NO_SIGNALS;
         tavrix_service *service = nullptr;
         EXPECT_EQ(tavrix_service_open(&options, &service), 0);
         EXPECT_EQ(tavrix_service_start(service), 0);
@@ -226,6 +230,95 @@ TEST_F(Lives, TheRoutersDeathEndsCallsBothWaysAndItsReturnIsNoticed) {
     ASSERT_TRUE(wait([&] { return tavrix_service_is_ready(left.get()) && tavrix_service_is_ready(service.get()); }));
     request(left, "t.Twice");
     EXPECT_TRUE(wait([] { return seen.results.size() == 1; }));
+}
+
+TEST_F(Lives, AServiceOnTheBusThatEndsHasAnsweredWhatIsInFlight) {
+    start_router();
+    const Service service = start("t", t_methods);
+    constexpr int rounds = 15;
+    constexpr size_t calls = 20;
+    for (int round = 0; round < rounds; ++round) {
+        start_peer({"--bus"});
+        seen.ends.clear();
+        for (size_t i = 0; i < calls; ++i) {
+            request(service, "x.Never");
+        }
+        ASSERT_TRUE(wait([&] { return status().find("\"in_flight\":20") != std::string::npos; })) << status();
+        peer_->signal(SIGTERM);
+        ASSERT_TRUE(wait([] { return seen.ends.size() == calls; })) << seen.ends.size();
+        EXPECT_EQ(seen.ends, Ends(calls, "error -32014")) << "in round " << round;
+        EXPECT_EQ(peer_->wait(), 0);
+    }
+}
+
+TEST_F(Lives, AServiceOnTheBusThatEndsDoesNotWaitForARouterThatHasGone) {
+    start_router();
+    start_peer({"--bus"});
+    router_->signal(SIGKILL);
+    router_->wait();
+    ASSERT_TRUE(peer_->says("has gone"));
+    peer_->signal(SIGTERM);
+    EXPECT_EQ(peer_->wait(), 0);
+}
+
+TEST_F(Lives, AServiceOnTheBusThatEndsWaitsForARouterThatHangsForAWhileOnly) {
+    start_router();
+    start_peer({"--bus"});
+    router_->signal(SIGSTOP);
+    peer_->signal(SIGTERM);
+    EXPECT_EQ(peer_->wait(), 0);
+    router_->signal(SIGCONT);
+}
+
+TEST_F(Lives, ACallerIsKnownOnTheSessionAndNobodyOnTheBus) {
+    start_router();
+    const Service left = start("left", left_methods);
+    {
+        const Service direct = start("t", t_methods);
+        request(left, "t.Twice");
+        ASSERT_TRUE(wait([] { return seen.results.size() == 1; }));
+        EXPECT_EQ(seen.caller.road, TAVRIX_ROAD_SESSION);
+        EXPECT_EQ(seen.caller.pid, getpid());
+        EXPECT_EQ(seen.caller.uid, getuid());
+        EXPECT_EQ(seen.caller.gid, getgid());
+    }
+    const Service on_bus = start("t", t_methods, TAVRIX_SERVICE_BUS);
+    support::SessionClient client;
+    client.say(R"({"jsonrpc":"2.0","id":1,"method":"t.Twice","caller":{"pid":1,"uid":0,"gid":0}})");
+    ASSERT_TRUE(wait([] { return seen.caller.road == TAVRIX_ROAD_BUS; }));
+    EXPECT_EQ(seen.caller.pid, -1);
+    EXPECT_EQ(seen.caller.uid, static_cast<uid_t>(-1));
+}
+
+TEST_F(Lives, AServiceThatIsEndedBeforeItServesLeavesNoSocketBehind) {
+    setenv("PEER_ENDS_EARLY", "1", 1);
+    const support::Finished early =
+        support::run({PEER_SERVICE, "--session", "session.sock", "--publish", "ipc://early"});
+    unsetenv("PEER_ENDS_EARLY");
+    EXPECT_EQ(early.status, 0) << early.diagnostics;
+    EXPECT_FALSE(std::filesystem::exists("early"));
+}
+
+TEST_F(Lives, ASecondInstanceThatIsRefusedLeavesNoSocketBehind) {
+    start_router();
+    start_peer();
+    const std::vector<std::string> second = {PEER_SERVICE, "--session", "session.sock", "--publish", "ipc://second"};
+    std::vector<std::string> demanding = second;
+    demanding.emplace_back("--need-router");
+    constexpr int rounds = 10;
+    for (int round = 0; round < rounds; ++round) {
+        const support::Finished finished = support::run(demanding);
+        EXPECT_EQ(finished.status, 1);
+        EXPECT_NE(finished.diagnostics.find("is registered already"), std::string::npos) << finished.diagnostics;
+        EXPECT_FALSE(std::filesystem::exists("second"));
+        Process patient("patient", second);
+        ASSERT_TRUE(patient.says("is registered already"));
+        patient.signal(SIGTERM);
+        EXPECT_EQ(patient.wait(), 0);
+        EXPECT_FALSE(std::filesystem::exists("second"));
+    }
+    EXPECT_EQ(support::run({PEER_SERVICE, "--session", "session.sock"}).status, 1) << "its address is taken";
+    EXPECT_TRUE(std::filesystem::exists("bus/peer")) << "and stays the first one's";
 }
 
 TEST_F(Lives, LateAnswersAreRefusedSecondOnesTooAndNoneIsATimeOut) {

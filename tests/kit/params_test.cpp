@@ -1,4 +1,5 @@
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -17,9 +18,14 @@ using support::Stage;
 
 constexpr const char *colours[] = {"red", "green", "blue", nullptr};
 
+const tavrix_service_param inner[] = {
+    TAVRIX_PARAM("y", TAVRIX_KIND_INTEGER, "", 0),
+    TAVRIX_PARAM_END,
+};
 const tavrix_service_param point[] = {
     TAVRIX_PARAM("x", TAVRIX_KIND_INTEGER, "", 0),
     TAVRIX_PARAM("mac", TAVRIX_KIND_MAC_ADDRESS, "", TAVRIX_OPTIONAL),
+    TAVRIX_PARAM_MEMBERS("inner", TAVRIX_KIND_OBJECT, "", TAVRIX_OPTIONAL, 0, 0, inner),
     TAVRIX_PARAM_END,
 };
 const tavrix_service_param bare_port[] = {
@@ -35,6 +41,7 @@ const tavrix_service_param rows[] = {
     TAVRIX_PARAM("plain", TAVRIX_KIND_INTEGER, "", TAVRIX_OPTIONAL),
     TAVRIX_PARAM("boolean", TAVRIX_KIND_BOOLEAN, "", TAVRIX_OPTIONAL),
     TAVRIX_PARAM("number", TAVRIX_KIND_NUMBER, "", TAVRIX_OPTIONAL),
+    TAVRIX_PARAM_RANGE("from_to", TAVRIX_KIND_NUMBER, "", TAVRIX_OPTIONAL, -2, 9007199254740993),
     TAVRIX_PARAM("uint64", TAVRIX_KIND_UINT64, "", TAVRIX_OPTIONAL),
     TAVRIX_PARAM("float", TAVRIX_KIND_FLOAT, "", TAVRIX_OPTIONAL),
     TAVRIX_PARAM_WORDS("colour", colours, "", TAVRIX_OPTIONAL),
@@ -56,8 +63,9 @@ const tavrix_service_param rows[] = {
     TAVRIX_PARAM("alias", TAVRIX_KIND_ALIAS, "", TAVRIX_OPTIONAL),
     TAVRIX_PARAM("vlan_id", TAVRIX_KIND_VLAN_ID, "", TAVRIX_OPTIONAL),
     TAVRIX_PARAM_RANGE("vlan_ids", TAVRIX_KIND_VLAN_IDS, "", TAVRIX_OPTIONAL, 1, 0),
+    TAVRIX_PARAM_RANGE("few", TAVRIX_KIND_VLAN_IDS, "", TAVRIX_OPTIONAL, 2, 3),
     TAVRIX_PARAM_RANGE("ports", TAVRIX_KIND_PORTS, "", TAVRIX_OPTIONAL, 0, 2),
-    TAVRIX_PARAM("hardware", TAVRIX_KIND_PORTS_HARDWARE, "", TAVRIX_OPTIONAL),
+    TAVRIX_PARAM_RANGE("hardware", TAVRIX_KIND_PORTS_HARDWARE, "", TAVRIX_OPTIONAL, 1, 0),
     TAVRIX_PARAM_RANGE("filters", TAVRIX_KIND_MAC_FILTERS, "", TAVRIX_OPTIONAL, 0, 2),
     TAVRIX_PARAM_END,
 };
@@ -105,7 +113,7 @@ int show(tavrix_call *call) {
             add(std::to_string(tavrix_call_integer(call, name)));
         }
     }
-    for (const char *name : {"number", "float"}) {
+    for (const char *name : {"number", "from_to", "float"}) {
         if (tavrix_call_has(call, name)) {
             add(std::to_string(tavrix_call_real(call, name)));
         }
@@ -116,8 +124,10 @@ int show(tavrix_call *call) {
     if (tavrix_call_has(call, "uint64")) {
         add(std::to_string(tavrix_call_uint64(call, "uint64")));
     }
-    if (tavrix_call_has(call, "vlan_ids")) {
-        add(integers(call, "vlan_ids"));
+    for (const char *name : {"vlan_ids", "few"}) {
+        if (tavrix_call_has(call, name)) {
+            add(integers(call, name));
+        }
     }
     for (const char *name : {"points", "bare", "object", "json"}) {
         char *text = json_dumps(tavrix_call_json(call, name), JSON_COMPACT | JSON_ENCODE_ANY);
@@ -179,13 +189,16 @@ TEST_F(Params, OfEachKindAreHandedOverChecked) {
         {R"({"boolean":true})", "true"},
         {R"({"boolean":false})", "false"},
         {R"({"number":2})", "2.000000"},
+        {R"({"from_to":-2})", "-2.000000"},
+        {R"({"from_to":-2.0})", "-2.000000"},
+        {R"({"from_to":9007199254740993})", "9007199254740992.000000"},
         {R"({"uint64":"0x10"})", "16"},
         {R"({"uint64":"18446744073709551615"})", "18446744073709551615"},
         {R"({"float":"2.5"})", "2.500000"},
         {R"({"colour":"blue"})", "blue/2"},
         {R"({"points":[{"x":1},{"x":2,"mac":"00:11:22:33:44:55"}]})", R"([{"x":1},{"x":2,"mac":"00:11:22:33:44:55"}])"},
         {R"({"bare":["d1","d4"]})", R"(["d1","d4"])"},
-        {R"({"object":{"x":1,"more":2}})", R"({"x":1,"more":2})"},
+        {R"({"object":{"x":1}})", R"({"x":1})"},
         {R"({"json":null})", "null"},
         {R"({"port":"c128-99"})", "c128-99/0"},
         {R"({"any_port":"all"})", "all/0"},
@@ -199,6 +212,7 @@ TEST_F(Params, OfEachKindAreHandedOverChecked) {
         {R"({"alias":"ab1"})", "AB1/0"},
         {R"({"vlan_id":4092})", "4092"},
         {R"({"vlan_ids":[1,4092]})", "1,4092"},
+        {R"({"few":[1,2,3]})", "1,2,3"},
         {R"({"ports":[{"port_number":7,"port_status":1,"poe_status":1,"link_status":1,"link_speed":4,"vlan_mode":1,"vlan_ids":[9]}]})",
          "1 ports, the first 7 in 9"},
         {R"({"hardware":[{"port_number":7,"poe_status":1,"link_status":1,"link_speed":4}]})", "1 ports, the first 7"},
@@ -228,6 +242,12 @@ TEST_F(Params, AreRefusedInWordsThatSayWhatCameAndWhatIsAllowed) {
          R"(-32602 "mac: \"00:11:22:33:44:5\\u0007\" holds a control character")"},
         {R"({"boolean":1})", R"(-32602 "boolean: 1 is not true or false")"},
         {R"({"number":"1"})", R"(-32602 "number: \"1\" is not a number")"},
+        {R"({"from_to":-3})", R"(-32602 "from_to: -3 is not a number from -2 to 9007199254740993")"},
+        {R"({"from_to":-2.5})", R"(-32602 "from_to: -2.5 is not a number from -2 to 9007199254740993")"},
+        {R"({"from_to":9007199254740994})",
+         R"(-32602 "from_to: 9007199254740994 is not a number from -2 to 9007199254740993")"},
+        {R"({"from_to":1e300})",
+         R"(-32602 "from_to: 1.0000000000000001e300 is not a number from -2 to 9007199254740993")"},
         {R"({"uint64":"12x"})",
          R"(-32602 "uint64: \"12x\" is not a text with a number of 64 bits, such as \"4711\" or \"0x1267\"")"},
         {R"({"uint64":"-1"})",
@@ -262,11 +282,20 @@ TEST_F(Params, AreRefusedInWordsThatSayWhatCameAndWhatIsAllowed) {
          R"(-32602 "vlan_ids: 7 is not an array of up to 32 VLAN ids, each 1 to 4092, at least 1")"},
         {R"({"vlan_ids":[4294967297]})",
          R"(-32602 "vlan_ids: [4294967297] is not an array of up to 32 VLAN ids, each 1 to 4092, at least 1")"},
+        {R"({"few":[1]})", R"(-32602 "few: [1] is not an array of up to 3 VLAN ids, each 1 to 4092, at least 2")"},
+        {R"({"few":[1,2,3,4]})",
+         R"(-32602 "few: [1,2,3,4] is not an array of up to 3 VLAN ids, each 1 to 4092, at least 2")"},
+        {R"({"hardware":[]})",
+         R"(-32602 "hardware: [] is not an array of ports: port_number 1 to 128, poe_status, link_status, link_speed, at least 1, at most 128")"},
         {R"({"filters":[{"mac":"00:11:22:33:44:55"}]})",
          R"(-32602 "filters: [{\"mac\":\"00:11:22:33:44:55\"}] is not an array of filters: mac and mask, two MAC addresses each, at most 2")"},
         {R"({"filters":[1,2,3]})",
          R"(-32602 "filters: [1,2,3] is not an array of filters: mac and mask, two MAC addresses each, at most 2")"},
         {R"({"unknown":1})", R"(-32602 "unknown: t.Show has no such parameter")"},
+        {R"({"object":{"x":1,"more":2}})", R"(-32602 "object.more: t.Show has no such parameter")"},
+        {R"({"points":[{"x":1},{"x":1,"y":2}]})", R"(-32602 "points[1].y: t.Show has no such parameter")"},
+        {R"({"points":[{"x":1,"inner":{"y":1,"z":2}}]})",
+         R"(-32602 "points[0].inner.z: t.Show has no such parameter")"},
     };
     for (const auto &[params, refusal] : cases) {
         EXPECT_EQ(show_of(params), refusal) << params;
@@ -354,24 +383,129 @@ TEST(Kinds, RefuseTheIntegersThatTheLibraryRefusesAndNoOthers) {
     }
 }
 
-TEST(Rows, ThatCannotBeServedAreRefusedWhenTheServiceOpens) {
+namespace {
+
+/** Why a service with these rows cannot be opened; empty when it can. */
+std::string refusal_of(const tavrix_service_param *params, const tavrix_service_param *result = nullptr) {
     const LogCapture log("info");
-    const tavrix_service_param bad[][2] = {
-        {TAVRIX_PARAM("a", TAVRIX_KIND_NONE, "", 0), TAVRIX_PARAM_END},
-        {TAVRIX_PARAM("a", TAVRIX_KIND_COUNT, "", 0), TAVRIX_PARAM_END},
-        {TAVRIX_PARAM("a", TAVRIX_KIND_WORD, "", 0), TAVRIX_PARAM_END},
-        {TAVRIX_PARAM("a", TAVRIX_KIND_PORT_ID, "", 0), TAVRIX_PARAM_END},
-        {TAVRIX_PARAM_RANGE("a", TAVRIX_KIND_INTEGER, "", 0, 5, 4), TAVRIX_PARAM_END},
-    };
-    for (const auto &row : bad) {
-        const tavrix_service_method table[] = {TAVRIX_METHOD(
-                                                   "t.One", [](tavrix_call *) { return 0; }, "", row, nullptr, 0),
-                                               TAVRIX_METHOD_END};
-        tavrix_service_options options = {};
-        options.name = "tester";
-        options.methods = table;
-        tavrix_service *service = nullptr;
-        EXPECT_EQ(tavrix_service_open(&options, &service), TAVRIX_ERR_PARAMETER);
+    const tavrix_service_method table[] = {TAVRIX_METHOD(
+                                               "t.One", [](tavrix_call *) { return 0; }, "", params, result, 0),
+                                           TAVRIX_METHOD_END};
+    tavrix_service_options options = {};
+    options.name = "tester";
+    options.methods = table;
+    tavrix_service *service = nullptr;
+    const int rc = tavrix_service_open(&options, &service);
+    tavrix_service_close(service);
+    EXPECT_EQ(rc == TAVRIX_OK, log.text().empty()) << log.text();
+    if (rc == TAVRIX_OK) {
+        return "";
     }
-    EXPECT_NE(log.text().find("Method t.One: parameter a is a word without words"), std::string::npos);
+    EXPECT_EQ(rc, TAVRIX_ERR_PARAMETER);
+    const size_t begin = log.text().find("Method t.One: ");
+    return begin == std::string::npos ? log.text() : log.text().substr(begin + 14, log.text().find('\n') - begin - 14);
+}
+
+/** Rows that hold `rows` in an object, or in an array. */
+struct Holder {
+    Holder(const char *name, tavrix_kind kind, const tavrix_service_param *held)
+        : row{TAVRIX_PARAM_MEMBERS(name, kind, "", TAVRIX_OPTIONAL, 0, 0, held), TAVRIX_PARAM_END} {}
+    tavrix_service_param row[2];
+};
+
+} // namespace
+
+TEST(Rows, ThatCannotBeServedAreRefusedWhenTheServiceOpens) {
+    const struct {
+        tavrix_service_param row;
+        const char *error;
+    } rows_and_errors[] = {
+        {TAVRIX_PARAM("a", TAVRIX_KIND_NONE, "", 0), "is of no kind"},
+        {TAVRIX_PARAM("a", TAVRIX_KIND_COUNT, "", 0), "is of no kind"},
+        {TAVRIX_PARAM("a", TAVRIX_KIND_WORD, "", 0), "is a word without words"},
+        {TAVRIX_PARAM("a", TAVRIX_KIND_PORT_ID, "", 0), "is a port without a form that is allowed"},
+        {TAVRIX_PARAM_MEMBERS("a", TAVRIX_KIND_JSON, "", 0, 0, 0, point),
+         "has members, and is neither an object nor an array"},
+        {TAVRIX_PARAM_RANGE("a", TAVRIX_KIND_INTEGER, "", 0, 5, 4), "has bounds in the wrong order"},
+        {TAVRIX_PARAM_RANGE("a", TAVRIX_KIND_NUMBER, "", 0, 1, 0), "has bounds in the wrong order"},
+        {TAVRIX_PARAM_RANGE("a", TAVRIX_KIND_TEXT, "", 0, 1, 0), "has bounds in the wrong order"},
+        {TAVRIX_PARAM_RANGE("a", TAVRIX_KIND_VLAN_IDS, "", 0, 33, 0), "has bounds in the wrong order"},
+        {TAVRIX_PARAM_RANGE("a", TAVRIX_KIND_PORTS, "", 0, 3, 2), "has bounds in the wrong order"},
+        {TAVRIX_PARAM_RANGE("a", TAVRIX_KIND_VLAN_IDS, "", 0, 0, 33), "has bounds beyond those of its kind"},
+        {TAVRIX_PARAM_RANGE("a", TAVRIX_KIND_VLAN_ID, "", 0, 1, 4093), "has bounds beyond those of its kind"},
+        {TAVRIX_PARAM_RANGE("a", TAVRIX_KIND_ONU_ID, "", 0, -2, 5), "has bounds beyond those of its kind"},
+        {TAVRIX_PARAM_RANGE("a", TAVRIX_KIND_ARRAY, "", 0, -1, 5), "has bounds beyond those of its kind"},
+        {TAVRIX_PARAM_RANGE("a", TAVRIX_KIND_MAC_FILTERS, "", 0, 0, -5), "has bounds beyond those of its kind"},
+        {TAVRIX_PARAM_RANGE("a", TAVRIX_KIND_BOOLEAN, "", 0, 0, 1), "has bounds, and its kind takes none"},
+        {TAVRIX_PARAM_RANGE("a", TAVRIX_KIND_UINT64, "", 0, 0, 1), "has bounds, and its kind takes none"},
+        {TAVRIX_PARAM_RANGE("a", TAVRIX_KIND_FLOAT, "", 0, 0, 1), "has bounds, and its kind takes none"},
+        {TAVRIX_PARAM_RANGE("a", TAVRIX_KIND_OBJECT, "", 0, 0, 1), "has bounds, and its kind takes none"},
+        {TAVRIX_PARAM_RANGE("a", TAVRIX_KIND_JSON, "", 0, 0, 1), "has bounds, and its kind takes none"},
+        {TAVRIX_PARAM_RANGE("a", TAVRIX_KIND_DESCRIPTION, "", 0, 0, 9), "has bounds, and its kind takes none"},
+        {TAVRIX_PARAM_RANGE("a", TAVRIX_KIND_STATUS, "", 0, 0, 1), "has bounds, and its kind takes none"},
+    };
+    for (const auto &[row, error] : rows_and_errors) {
+        const tavrix_service_param one[] = {row, TAVRIX_PARAM_END};
+        const Holder object("o", TAVRIX_KIND_OBJECT, one);
+        const Holder array("list", TAVRIX_KIND_ARRAY, object.row);
+        EXPECT_EQ(refusal_of(one), std::string("parameter a ") + error);
+        EXPECT_EQ(refusal_of(object.row), std::string("parameter o.a ") + error);
+        EXPECT_EQ(refusal_of(array.row), std::string("parameter list[].o.a ") + error);
+        EXPECT_EQ(refusal_of(nullptr, object.row), std::string("parameter o.a ") + error) << "of the result";
+    }
+}
+
+TEST(Rows, WithTheNarrowestAndWidestBoundsAreTaken) {
+    const tavrix_service_param taken[] = {
+        TAVRIX_PARAM_RANGE("a", TAVRIX_KIND_VLAN_IDS, "", 0, 32, 32),
+        TAVRIX_PARAM_RANGE("a", TAVRIX_KIND_VLAN_IDS, "", 0, 32, 0),
+        TAVRIX_PARAM_RANGE("a", TAVRIX_KIND_VLAN_ID, "", 0, 1, 4092),
+        TAVRIX_PARAM_RANGE("a", TAVRIX_KIND_ONU_ID, "", 0, -1, 128),
+        TAVRIX_PARAM_RANGE("a", TAVRIX_KIND_NUMBER, "", 0, INT64_MIN, INT64_MAX),
+        TAVRIX_PARAM_RANGE("a", TAVRIX_KIND_PORTS, "", 0, 128, 0),
+    };
+    for (const tavrix_service_param &row : taken) {
+        const tavrix_service_param one[] = {row, TAVRIX_PARAM_END};
+        EXPECT_EQ(refusal_of(one), "");
+    }
+}
+
+TEST(Rows, WithoutANameStandAloneInArraysAndResults) {
+    const tavrix_service_param bare[] = {TAVRIX_PARAM("", TAVRIX_KIND_INTEGER, "", 0), TAVRIX_PARAM_END};
+    const tavrix_service_param two[] = {bare[0], TAVRIX_PARAM("b", TAVRIX_KIND_INTEGER, "", 0), TAVRIX_PARAM_END};
+    EXPECT_EQ(refusal_of(nullptr, bare), "");
+    EXPECT_EQ(refusal_of(Holder("list", TAVRIX_KIND_ARRAY, bare).row), "");
+    EXPECT_EQ(refusal_of(bare), "parameter  has a row without a name");
+    EXPECT_EQ(refusal_of(Holder("list", TAVRIX_KIND_ARRAY, two).row), "parameter list[] has a row without a name");
+    EXPECT_EQ(refusal_of(Holder("o", TAVRIX_KIND_OBJECT, bare).row), "parameter o has a row without a name");
+    const tavrix_service_param twice[] = {two[1], two[1], TAVRIX_PARAM_END};
+    EXPECT_EQ(refusal_of(Holder("o", TAVRIX_KIND_OBJECT, twice).row), "parameter o.b has two rows");
+    tavrix_service_param many[TAVRIX_SERVICE_MAX_PARAMS + 2] = {};
+    std::vector<std::string> names(TAVRIX_SERVICE_MAX_PARAMS + 1);
+    for (size_t i = 0; i < names.size(); ++i) {
+        names[i] = "p" + std::to_string(i);
+        many[i] = TAVRIX_PARAM(names[i].c_str(), TAVRIX_KIND_INTEGER, "", 0);
+    }
+    EXPECT_EQ(refusal_of(Holder("o", TAVRIX_KIND_OBJECT, many).row), "more than 32 parameters in o");
+    many[TAVRIX_SERVICE_MAX_PARAMS] = TAVRIX_PARAM_END;
+    EXPECT_EQ(refusal_of(Holder("o", TAVRIX_KIND_OBJECT, many).row), "");
+}
+
+TEST(Rows, ThatHoldThemselvesOrLieTooDeepAreRefused) {
+    tavrix_service_param endless[] = {TAVRIX_PARAM("a", TAVRIX_KIND_INTEGER, "", 0),
+                                      TAVRIX_PARAM("inner", TAVRIX_KIND_OBJECT, "", TAVRIX_OPTIONAL), TAVRIX_PARAM_END};
+    endless[1].members = endless;
+    const std::string too_deep = " lies too deep: a table has 8 levels, and does not hold itself";
+    EXPECT_EQ(refusal_of(endless), "parameter inner.inner.inner.inner.inner.inner.inner.inner.a" + too_deep);
+    tavrix_service_param list[] = {TAVRIX_PARAM("", TAVRIX_KIND_ARRAY, "", 0), TAVRIX_PARAM_END};
+    list[0].members = list;
+    EXPECT_EQ(refusal_of(nullptr, list), "parameter [][][][][][][][]" + too_deep);
+    const tavrix_service_param last[] = {TAVRIX_PARAM("a", TAVRIX_KIND_INTEGER, "", 0), TAVRIX_PARAM_END};
+    std::vector<std::unique_ptr<Holder>> holders;
+    for (int level = 1; level <= 8; ++level) {
+        EXPECT_EQ(refusal_of(holders.empty() ? last : holders.back()->row), "") << level;
+        holders.push_back(
+            std::make_unique<Holder>("o", TAVRIX_KIND_OBJECT, holders.empty() ? last : holders.back()->row));
+    }
+    EXPECT_EQ(refusal_of(holders.back()->row), "parameter o.o.o.o.o.o.o.o.a" + too_deep);
 }

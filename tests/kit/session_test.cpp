@@ -112,7 +112,7 @@ TEST(Session, RegistersWithItsAddressInTheRoutersFolderAndItsMethods) {
     const std::string address = "ipc://" + stage.router.folder + "/tester";
     EXPECT_EQ(stage.router.registration, R"({"name":"tester","channel":")" + std::string(TAVRIX_CHANNEL_DEFAULT) +
                                              R"(","publish":[")" + address +
-                                             R"("],"methods":["t.Echo"],"direct":true})");
+                                             R"("],"methods":["t.Echo"],"direct":true,"callers":true})");
     EXPECT_NE(log.text().find("tester ready\n"), std::string::npos);
     struct stat file {};
     ASSERT_EQ(stat((stage.router.folder + "/tester").c_str(), &file), 0);

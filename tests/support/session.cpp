@@ -89,6 +89,7 @@ std::string Registration::line(const std::string &id) const {
     add("publish", publish);
     add("methods", methods);
     add("direct", direct);
+    add("callers", callers);
     return request("router.Register", id, ",\"params\":{" + params + "}");
 }
 

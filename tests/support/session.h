@@ -46,10 +46,11 @@ struct Registration {
     std::string publish = "[]";
     std::string methods = R"(["ports.Get"])";
     std::string direct = "true";
+    std::string callers = ""; ///< whether it asks to be told who calls
 
     /** Of a service that takes its requests from the bus. */
     static Registration on_bus() {
-        return {"played", "3a6f8f51-502f-4238-9638-29764ff1a8a4", "[]", R"(["ports.Get"])", ""};
+        return {"played", "3a6f8f51-502f-4238-9638-29764ff1a8a4", "[]", R"(["ports.Get"])", "", ""};
     }
 
     /** The request, with this id. */

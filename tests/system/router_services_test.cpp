@@ -122,6 +122,25 @@ TEST_F(RouterServices, SettleBothDirectionsOfTheBusBeforeTheyAreThere) {
     EXPECT_EQ(member(status_member("services").substr(1), "state"), "\"up\"");
 }
 
+TEST_F(RouterServices, AreWelcomedUnderTheNumberOfTheirHello) {
+    BusService service(fleet);
+    const std::string hello = R"({"jsonrpc":"2.0","method":"router.Hello","params":{"name":"played","channel":")" +
+                              std::string(first_channel) + "\"";
+    service.publish_reply(hello + "}}");
+    service.publish_reply(hello + R"(,"number":"8"}})");
+    service.publish_reply(hello + R"(,"number":9007199254740993}})");
+    EXPECT_EQ(service.next_request(), R"({"jsonrpc":"2.0","method":"service.Welcome",)"
+                                      R"("params":{"name":"played","number":9007199254740993}})")
+        << "those without a number get none";
+    const StreamClient client = fleet.connect();
+    client.say(request("ports.Get", "1"));
+    service.reply(service.next_request(), "1");
+    service.publish_reply(hello + R"(,"number":10}})");
+    EXPECT_NE(service.next_request().find("\"number\":10"), std::string::npos);
+    service.session.close();
+    EXPECT_EQ(member(client.hear(), "result"), "1") << "the answer came before the welcome";
+}
+
 TEST_F(RouterServices, ThatDoNotSettleAreTold) {
     Registration registration = Registration::on_bus();
     registration.publish = "[\"" + support::free_bus_address() + "\"]";
@@ -187,6 +206,7 @@ TEST_F(RouterServices, AreRefusedWithWordsForWhatIsWrong) {
     const std::string bad_publish = R"("publish: at most 8 addresses of the bus")";
     const std::string needs_address =
         R"("publish: a service that takes its requests from the bus needs an address there")";
+    const std::string bad_callers = R"("callers: true or false; only a direct service is told who calls")";
     std::string methods = "\"p0\"";
     std::string addresses = "\"tcp://127.0.0.1:1\"";
     for (int i = 1; i <= 256; ++i) {
@@ -230,6 +250,9 @@ TEST_F(RouterServices, AreRefusedWithWordsForWhatIsWrong) {
          "\"publish: ipc://" + std::string(108, 'p') + " is no address of the bus\""},
         {{"n", c, "[]", "[]", "5"}, R"("direct: true or false")"},
         {{"n", c, "[]", "[]", "\"true\""}, R"("direct: true or false")"},
+        {{"n", c, "[]", "[]", "true", "1"}, bad_callers},
+        {{"n", c, R"(["tcp://127.0.0.1:1"])", "[]", "", "true"}, bad_callers},
+        {{"n", c, R"(["tcp://127.0.0.1:1"])", "[]", "false", "true"}, bad_callers},
     };
     SessionClient service;
     for (const auto &row : rows) {
@@ -554,6 +577,108 @@ TEST_F(RouterServices, CannotAnswerAsAClient) {
     EXPECT_EQ(code_of(stranger.ask(service_reply(asked, "\"forged\""))), "-32601");
     service.reply(asked, "\"right\"");
     EXPECT_EQ(member(client.hear(), "result"), "\"right\"");
+}
+
+// --- Who calls -------------------------------------------------------------------------------------------------------
+
+namespace {
+
+/** What the router says of this process, as the last member of a request. */
+std::string this_process() {
+    return R"(,"caller":{"pid":)" + std::to_string(getpid()) + R"(,"uid":)" + std::to_string(getuid()) + R"(,"gid":)" +
+           std::to_string(getgid()) + "}}";
+}
+
+bool ends_with(const std::string &text, const std::string &end) {
+    return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
+}
+
+constexpr char forged[] = R"(,"caller":{"pid":1,"uid":0,"gid":0,"road":"x"},"params":{"caller":"mine"})";
+
+Registration told_who_calls() {
+    Registration registration;
+    registration.callers = "true";
+    return registration;
+}
+
+} // namespace
+
+TEST_F(RouterServices, AreToldWhoCallsThroughBothUnixSockets) {
+    DirectService service(told_who_calls());
+    const StreamClient once = fleet.connect();
+    once.say(request("ports.Get", "1"));
+    std::string asked = service.next_request();
+    EXPECT_TRUE(ends_with(asked, this_process())) << asked;
+    service.reply(asked, "0");
+    EXPECT_EQ(member(once.hear(), "caller"), "(none)") << "answers have no such member";
+    SessionClient session;
+    session.say(request("ports.Get", "1"));
+    asked = service.next_request();
+    EXPECT_TRUE(ends_with(asked, this_process())) << asked;
+    session.say("[" + request("ports.Get", "2") + "," + request("ports.Get", "3") + "]");
+    EXPECT_TRUE(ends_with(service.next_request(), this_process()));
+    EXPECT_TRUE(ends_with(service.next_request(), this_process()));
+}
+
+TEST_F(RouterServices, AreToldTheProcessThatCalls) {
+    DirectService service(told_who_calls());
+    const support::Process other("ctl", {TAVRIXCTL, "call", "--session", "session.sock", "ports.Get"});
+    const std::string asked = service.next_request();
+    EXPECT_EQ(member(member(asked, "caller"), "pid"), std::to_string(other.pid())) << asked;
+    EXPECT_EQ(member(member(asked, "caller"), "uid"), std::to_string(getuid()));
+}
+
+TEST_F(RouterServices, NeverHearAClientsOwnWordForWhoItIs) {
+    DirectService service(told_who_calls());
+    Registration other{"other"};
+    other.methods = R"(["mzu.List"])";
+    DirectService untold(other);
+    SessionClient session;
+    const StreamClient once = fleet.connect();
+    once.say(request("ports.Get", "1", forged));
+    const std::string ids = ids_of_bus;
+    const std::string asked = service.next_request();
+    EXPECT_EQ(asked, R"({"jsonrpc":"2.0","method":"ports.Get","params":{"caller":"mine"},"transaction_id":)" +
+                         member(asked, "transaction_id") + ids.substr(0, ids.size() - 1) + this_process());
+    session.say(request("ports.Get", "1", forged));
+    EXPECT_TRUE(ends_with(service.next_request(), this_process()));
+    session.say(request("mzu.List", "1", forged));
+    const std::string untold_request = untold.next_request();
+    EXPECT_TRUE(ends_with(untold_request, ids)) << untold_request;
+    EXPECT_EQ(member(untold_request, "caller"), "(none)");
+    session.say(request("logger.ReloadConf", "1", forged)); // which goes to all of them
+    EXPECT_TRUE(ends_with(service.hear_of("logger.ReloadConf"), this_process()));
+    EXPECT_EQ(member(untold.hear_of("logger.ReloadConf"), "caller"), "(none)");
+}
+
+TEST_F(RouterServices, AreToldOfNobodyWhoCallsOverTcp) {
+    const int port = support::free_port();
+    fleet.start_router_with_tcp(port);
+    DirectService service(told_who_calls());
+    for (const char *own : {"", forged}) {
+        const StreamClient once = StreamClient::tcp_port(port);
+        once.say(request("ports.Get", "1", own));
+        const std::string asked = service.next_request();
+        EXPECT_EQ(member(asked, "caller"), "(none)") << asked;
+        service.reply(asked, "0");
+        once.hear();
+    }
+}
+
+TEST_F(RouterServices, AreNotToldWhoCallsUnlessTheyAsk) {
+    for (const char *callers : {"", "false"}) {
+        Registration registration;
+        registration.callers = callers;
+        DirectService service(registration);
+        SessionClient client;
+        client.say(request("ports.Get", "1"));
+        const std::string asked = service.next_request();
+        EXPECT_TRUE(ends_with(asked, ids_of_bus)) << asked;
+        client.close();
+        service.close();
+        EXPECT_TRUE(
+            support::wait_until([&] { return status_member("services").find("\"gone\"") != std::string::npos; }));
+    }
 }
 
 TEST_F(RouterServices, ReplyTwiceToNoAvail) {

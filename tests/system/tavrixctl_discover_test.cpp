@@ -62,6 +62,20 @@ TEST_F(CtlDiscover, NamesTheNearestMethodOfOneThatNobodyDescribes) {
     EXPECT_EQ(run({"list", "nothing*"}).status, 1);
 }
 
+TEST_F(CtlDiscover, SaysHowToGiveAValueThatIsNoText) {
+    const Finished text = run({"call", "ports.SetVlanAccess", "port_id=c1-1", "vlan_id=20"});
+    EXPECT_EQ(text.status, 1);
+    EXPECT_TRUE(holds(text.diagnostics, "; did you mean vlan_id:=20?\n")) << text.diagnostics;
+    const Finished list = run({"call", "ports.SetVlanTrunk", "port_id=c1-1", "vlan_ids=[1,2]"});
+    EXPECT_TRUE(holds(list.diagnostics, "; did you mean vlan_ids:=[1,2]?\n")) << list.diagnostics;
+    for (const std::vector<std::string> &words : std::vector<std::vector<std::string>>{
+             {"port_id=7", "vlan_id:=20"}, {"port_id=c1-1", "vlan_id:=5000"}, {"port_id=c1-1", "vlan_id=many"}}) {
+        const Finished other = run({"call", "ports.SetVlanAccess", words[0], words[1]});
+        EXPECT_EQ(other.status, 1) << words[0];
+        EXPECT_FALSE(holds(other.diagnostics, "did you mean")) << other.diagnostics;
+    }
+}
+
 TEST_F(CtlDiscover, PrintsDocumentsAsMarkdownAndAsTheyCome) {
     const Finished markdown = run({"docs", "--format", "markdown"});
     EXPECT_EQ(markdown.status, 0);

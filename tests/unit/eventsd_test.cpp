@@ -365,5 +365,6 @@ TEST_F(EventsService, EndsWhenItCannotShareItsNumber) {
     driven::Service service("eventsd", events::methods(), &hopeless, events::share_number);
     EXPECT_TRUE(service.is_stopped());
     EXPECT_TRUE(hopeless.has_failed);
-    EXPECT_TRUE(service.logged("ERROR Cannot share the last event's number in /no/slot"));
+    EXPECT_TRUE(service.logged("ERROR Cannot share the last event's number in /no/slot: Invalid argument; is the slot "
+                               "another user's? --slot names another"));
 }

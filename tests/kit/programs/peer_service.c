@@ -1,4 +1,7 @@
 /* A service that the tests kill while it waits and is waited for. */
+#include <signal.h>
+#include <stdlib.h>
+
 #include <tavrix_service.h>
 
 static void on_answer(tavrix_service *service, const tavrix_answer *answer, void *user) {
@@ -24,7 +27,13 @@ static const tavrix_service_method methods[] = {
     TAVRIX_METHOD_END,
 };
 
+/* Its addresses are bound already, and it does not serve yet. */
+static int start(tavrix_service *service, void *user) {
+    (void)service, (void)user;
+    return getenv("PEER_ENDS_EARLY") != NULL ? raise(SIGTERM) : TAVRIX_OK;
+}
+
 int main(int argc, char **argv) {
-    const tavrix_service_options options = {.name = "peer", .methods = methods};
+    const tavrix_service_options options = {.name = "peer", .methods = methods, .start = start};
     return tavrix_service_main(&options, argc, argv);
 }

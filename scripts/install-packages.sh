@@ -12,7 +12,7 @@ declare -A packages=(
     [openrpc]="python3-jsonschema"
     [package]="dpkg-dev file g++-arm-linux-gnueabihf lintian qemu-user systemd"
     [package-try]="debootstrap"
-    [test]="binutils clang g++-arm-linux-gnueabihf googletest libclang-rt-14-dev make mandoc python3 qemu-user sqlite3"
+    [test]="binutils clang g++-arm-linux-gnueabihf googletest libclang-rt-14-dev make mandoc python3 python3-pip python3-setuptools python3-wheel qemu-user sqlite3"
 )
 
 missing=()

@@ -14,6 +14,9 @@
 
 namespace tavrixctl {
 
+/** What can be done where an answer does not come. */
+constexpr char late_remedy[] = "is it stopped, or busy? --timeout waits longer";
+
 /** Owns a descriptor. */
 class Socket {
   public:

@@ -7,6 +7,7 @@ declare -A packages=(
     [build]="ca-certificates cmake g++ libcli11-dev libevent-dev libjansson-dev libnanomsg-dev libpcre3-dev libsqlite3-dev ninja-build pkg-config"
     [bench]="libbenchmark-dev strace valgrind"
     [demo]="sqlite3"
+    [docs]="doxygen python3-markdown"
     [mutate]="googletest python3"
     [npm]="nodejs npm"
     [openrpc]="python3-jsonschema"

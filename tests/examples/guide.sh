@@ -1,21 +1,23 @@
 #!/usr/bin/env bash
-# docs/writing-a-service.md as it stands: its files are written, its commands are run in their order in one folder, and
-# each must print what the page shows below it.
-# usage: guide.sh BUILD_DIR CC CXX EMULATOR SYSROOT FLAGS
+# A page of docs/ as it stands: its files are written, its commands are run in their order in one folder, and each must
+# print what the page shows below it.
+# usage: guide.sh BUILD_DIR CC CXX EMULATOR SYSROOT FLAGS PAGE
 set -euo pipefail
+page=$7
 source "$(dirname "$0")/installed.sh"
+export PYTHONPATH=$source/bindings/python PYTHONDONTWRITEBYTECODE=1
 
 # Splits the page: files by their names, commands as NUMBER.sh, and what they print as NUMBER.text.
 mkdir guide listings
 awk -v listings=listings -v files=guide '
     /^```$/ { out = ""; next }
-    /^```c / { out = files "/" $2; next }
+    /^```(c|py) / { out = files "/" $2; next }
     /^```sh$/ { out = sprintf("%s/%02d.sh", listings, ++number); next }
     /^```text$/ { out = sprintf("%s/%02d.text", listings, number); next }
     /^```/ { print "what is " $0 >"/dev/stderr"; exit 1 }
     out != "" { print >out }
-' "$source/docs/writing-a-service.md"
-[ "$(find guide -name '*.c' | wc -l)" -ge 3 ] && [ -e listings/02.sh ] || fail "the page has no listings"
+' "$source/docs/$page"
+[ -n "$(find guide -name '*.c')" ] && [ -n "$(find listings -name '*.text')" ] || fail "the page has no listings"
 
 cd guide
 for commands in ../listings/*.sh; do
@@ -28,6 +30,8 @@ for commands in ../listings/*.sh; do
     text=${commands%.sh}.text
     [ ! -e "$text" ] || expect "$(cat "$commands")" "$(cat ../printed.log)" "$(cat "$text")"
 done
-grep -q 'thermod ready' thermod.log || fail "the service never said that it is ready"
-kill %?thermod
-wait %?thermod || fail "the service did not stop cleanly"
+for pid in $(jobs -pr); do
+    name=$(cat "/proc/$pid/comm")
+    kill "$pid"
+    wait "$pid" || [ "$name" = python3 ] || fail "a program of the page did not stop cleanly: $name"
+done

@@ -9,13 +9,14 @@ declare -A packages=(
     [check]="clang-format-14 clang-tidy-14 googletest shellcheck"
     [coverage]="gcovr"
     [demo]="jq sqlite3"
+    [docs]="doxygen python3-markdown"
     [mutate]="googletest python3"
     [npm]="nodejs npm"
     [openrpc]="python3-jsonschema"
     [package]="dpkg-dev file g++-arm-linux-gnueabihf lintian qemu-user systemd"
     [package-boot]="debootstrap systemd-container"
     [package-try]="debootstrap"
-    [test]="binutils clang g++-arm-linux-gnueabihf googletest jq libclang-rt-14-dev make mandoc python3 qemu-user sqlite3 zsh"
+    [test]="binutils clang g++-arm-linux-gnueabihf googletest jq libclang-rt-14-dev make mandoc python3 python3-pip python3-setuptools python3-wheel qemu-user sqlite3 zsh"
 )
 
 missing=()

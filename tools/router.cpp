@@ -70,7 +70,9 @@ std::string words_of_failure(const std::string &method, const json_t *answer) {
     const json_t *data = json_object_get(error, "data");
     std::string why = json_is_string(data) ? json_string_value(data) : text_of(data, "message");
     const std::string reason = text_of(data, "reason"); // the kit's, which names what came and what is allowed
-    why += why.empty() || reason.empty() ? reason : "; " + reason;
+    if (reason != why) {
+        why += why.empty() || reason.empty() ? reason : "; " + reason;
+    }
     if (why.empty() && data != nullptr && !json_is_null(data)) {
         why = render(data, JsonStyle::single_line);
     }

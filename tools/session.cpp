@@ -107,7 +107,7 @@ int open_session(const Target &target, const Deadline &deadline, std::unique_ptr
 int tell_end(Session::Got got) {
     switch (got) {
     case Session::Got::timeout:
-        complain("no answer in time");
+        complain("no answer in time; %s", late_remedy);
         return exit_timeout;
     case Session::Got::closed:
         complain("the connection was closed without an answer");

@@ -28,14 +28,30 @@ void limit_waiting(int fd, const Deadline &deadline) {
 
 bool is_timeout(int reason) { return reason == EAGAIN || reason == EINPROGRESS || reason == ETIMEDOUT; }
 
-int connect_failure(const std::string &where, int reason) {
+struct Remedy {
+    int reason;
+    const char *words;
+};
+
+constexpr Remedy remedies[] = {
+    {ENOENT, "; is tavrix-routerd running? --help says how to name another place"},
+    {ECONNREFUSED, "; is tavrix-routerd running? --help says how to name another place"},
+    {EACCES, "; may this user enter its folder, and write to it?"},
+};
+
+int connect_failure(const std::string &where, RoadKind kind, int reason) {
     if (is_timeout(reason)) {
         complain("%s: no connection in time", printable(where).c_str());
         return exit_timeout;
     }
-    const bool is_nobody_there = reason == ENOENT || reason == ECONNREFUSED;
-    complain("%s: %s%s", printable(where).c_str(), std::strerror(reason),
-             is_nobody_there ? "; is anybody listening there? --help says how to name another place" : "");
+    std::string words;
+    for (const Remedy &remedy : remedies) {
+        words += remedy.reason == reason ? remedy.words : "";
+    }
+    if (kind == RoadKind::direct && reason != EACCES) {
+        words = "; is its daemon running?";
+    }
+    complain("%s: %s%s", printable(where).c_str(), std::strerror(reason), words.c_str());
     return exit_no_connection;
 }
 
@@ -101,7 +117,7 @@ int connect_tcp(const std::string &where, const Deadline &deadline, Socket *out)
             break;
         }
     }
-    return connect_failure(where, reason);
+    return connect_failure(where, RoadKind::tcp, reason);
 }
 
 /** Nothing listens there, or it is not for this user: another road may still lead to the router. */
@@ -183,7 +199,7 @@ int connect_to(const std::vector<Road> &roads, size_t request_size, const Deadli
             return exit_result;
         }
         if (i + 1 == roads.size() || !is_absent(reason)) {
-            return connect_failure(road.where, reason);
+            return connect_failure(road.where, road.kind, reason);
         }
     }
     complain("a session of the router is needed: --session or TAVRIX_SESSION tells where");
@@ -214,7 +230,7 @@ int read_to_end(int fd, const Deadline &deadline, std::string *answer) {
             return exit_no_connection;
         }
         if (ready == 0) {
-            complain("no answer in time");
+            complain("no answer in time; %s", late_remedy);
             return exit_timeout;
         }
         if (ready < 0) {

@@ -17,6 +17,8 @@ namespace tavrixctl {
 
 constexpr char default_socket[] = "/run/tavrix/router.sock";
 constexpr char default_session[] = TAVRIX_SERVICE_SESSION;
+/** What can be done where an answer does not come. */
+constexpr char late_remedy[] = "is it stopped, or busy? --timeout waits longer";
 
 /** Owns a descriptor. */
 class Socket {

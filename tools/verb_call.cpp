@@ -6,13 +6,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "discovery.h"
+#include "advice.h"
 #include "params.h"
 #include "router.h"
 #include "support.h"
-#include "tavrix_jrpc.h"
 #include "verbs.h"
-#include "words.h"
 
 namespace tavrixctl {
 
@@ -77,56 +75,8 @@ int print_all(const std::string &answers, RoadKind kind, JsonStyle style) {
     return status;
 }
 
-/** The method that was probably intended where this one was not found; empty when none is near. */
-std::string find_similar(const CallOptions &options, Router *router) {
-    const Silence silence; // what cannot be found out is not worth a word
-    Json status;
-    if (!options.target.direct.empty() ||
-        router->ask("router.Status", nullptr, Deadline(options.timeout_s), &status) != exit_result) {
-        return "";
-    }
-    // A known method is the nearest to itself.
-    const std::string similar = nearest(options.method, known_methods(status.get()));
-    return similar == options.method ? "" : similar;
-}
-
-/** The words that give texts which could as well be numbers, lists, true or false. */
-std::vector<Member> doubtful_texts(const std::vector<std::string> &words) {
-    const Silence silence;
-    std::vector<Member> doubtful;
-    for (const std::string &word : words) {
-        bool valid = true;
-        std::optional<Member> member = parse_member(word, &valid);
-        const char *text = member && member->is_text ? json_string_value(member->value.get()) : nullptr;
-        const Json other(text != nullptr ? json_loads(text, JSON_DECODE_ANY, nullptr) : nullptr);
-        if (other && !json_is_string(other.get())) {
-            doubtful.push_back(std::move(*member));
-        }
-    }
-    return doubtful;
-}
-
-/** The word that was probably intended where a text was given and none is taken; empty when there is no such. */
-std::string find_mistyped(const CallOptions &options, Router *router) {
-    const std::vector<Member> doubtful = doubtful_texts(options.params);
-    const Silence silence;
-    Json document;
-    if (doubtful.empty() || !options.target.direct.empty() ||
-        router->ask("rpc.discover", nullptr, Deadline(options.timeout_s), &document) != exit_result) {
-        return "";
-    }
-    for (const json_t *param : elements_of(find_method(methods_of(document.get()), options.method), "params")) {
-        for (const Member &member : doubtful) {
-            if (member.key == text_of(param, "name") && !takes_text(json_object_get(param, "schema"))) {
-                return member.key + ":=" + json_string_value(member.value.get());
-            }
-        }
-    }
-    return "";
-}
-
 /** Prints the result alone, or says in words what went wrong. */
-int print_result(const CallOptions &options, Router *router, const std::string &answer) {
+int print_result(const CallOptions &options, const json_t *params, Router *router, const std::string &answer) {
     const Json reply(json_loadb(answer.data(), answer.size(), 0, nullptr));
     const json_t *result = json_object_get(reply.get(), "result");
     const json_t *error = json_object_get(reply.get(), "error");
@@ -138,13 +88,11 @@ int print_result(const CallOptions &options, Router *router, const std::string &
     if (error == nullptr) {
         return print_line(render(result, options.json)) ? exit_result : exit_error_response;
     }
-    // A request to nobody on the bus is timed out.
-    const json_int_t code = json_integer_value(json_object_get(error, "code"));
-    const bool is_unknown = code == TAVRIX_JRPC_METHOD_NOT_FOUND || code == TAVRIX_JRPC_TIMED_OUT;
-    std::string meant = is_unknown ? find_similar(options, router) : "";
-    meant = code == TAVRIX_JRPC_INVALID_PARAMS ? find_mistyped(options, router) : meant;
+    const std::string advice = options.target.direct.empty()
+                                   ? advice_on(options.method, params, error, Deadline(options.timeout_s), router)
+                                   : "";
     complain("%s%s", words_of_failure(options.method, reply.get()).c_str(),
-             meant.empty() ? "" : ("; did you mean " + printable(meant) + "?").c_str());
+             advice.empty() ? "" : ("; " + printable(advice)).c_str());
     return status_of(reply.get());
 }
 
@@ -181,7 +129,8 @@ int call(const CallOptions &options) {
         complain("the connection was closed without an answer");
         return exit_no_connection;
     }
-    return options.full ? print_answer(answer, options.json) : print_result(options, &router, answer);
+    const json_t *sent = json_object_get(request.get(), "params");
+    return options.full ? print_answer(answer, options.json) : print_result(options, sent, &router, answer);
 }
 
 int send(const SendOptions &options) {

@@ -35,7 +35,9 @@ Database open_database(const std::string &file, int flags) {
     const int rc = sqlite3_open_v2(file.c_str(), &opened, flags, nullptr);
     Database db(opened);
     if (rc != SQLITE_OK) {
-        complain("%s: %s", printable(file).c_str(), db ? sqlite3_errmsg(db.get()) : sqlite3_errstr(rc));
+        const bool is_absent = rc == SQLITE_CANTOPEN && access(file.c_str(), F_OK) != 0;
+        complain("%s: %s%s", printable(file).c_str(), db ? sqlite3_errmsg(db.get()) : sqlite3_errstr(rc),
+                 is_absent ? "; there is none, tavrixctl db init makes one in a folder that exists" : "");
         return nullptr;
     }
     sqlite3_busy_timeout(db.get(), patience_ms);

@@ -286,6 +286,11 @@ int monitor(const MonitorOptions &options) {
     std::vector<std::string> addresses;
     std::vector<std::string> patterns;
     for (const std::string &word : options.words) {
+        if (word.find("://") == std::string::npos && word.find('/') != std::string::npos) {
+            complain("'%s' is neither a method nor a bus address, such as tcp://127.0.0.1:7001",
+                     printable(word).c_str());
+            return exit_usage;
+        }
         (word.find("://") == std::string::npos ? patterns : addresses).push_back(word);
     }
     const bool asks_router = options.errors_only || options.slower_than_ms || !options.service.empty() ||

@@ -82,8 +82,8 @@ void Options::print_help() const {
         line("--" + option.name + " " + option.value_name, help);
     }
     line("--config FILE", "read the same options from section [" + section_ + "], as option_name=value");
-    line("--help", "show this");
-    line("--version", "show the version");
+    line("-h, --help", "show this");
+    line("-V, --version", "show the version");
     std::printf("\nexample:\n  %s\n\n", example_.c_str());
     for (const std::string &note : notes_) {
         std::printf("%s\n", note.c_str());
@@ -128,14 +128,14 @@ bool Options::read_command_line(int argc, char **argv, bool *finished) {
     known.push_back({"version", no_argument, nullptr, own + 2});
     known.push_back({nullptr, 0, nullptr, 0});
     opterr = 0;
-    for (int found = 0; (found = getopt_long(argc, argv, ":", known.data(), nullptr)) != -1;) {
+    for (int found = 0; (found = getopt_long(argc, argv, ":hV", known.data(), nullptr)) != -1;) {
         if (found == own) {
             config_ = optarg;
-        } else if (found == own + 1) {
+        } else if (found == own + 1 || found == 'h') {
             print_help();
             *finished = true;
             return true;
-        } else if (found == own + 2) {
+        } else if (found == own + 2 || found == 'V') {
             std::printf("%s %s\n", program_.c_str(), TAVRIX_VERSION);
             *finished = true;
             return true;

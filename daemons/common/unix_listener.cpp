@@ -1,6 +1,7 @@
 #include "common/unix_listener.h"
 
 #include <cerrno>
+#include <cstring>
 
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -43,7 +44,8 @@ bool UnixListener::open(const std::string &path) {
         return false;
     }
     if (tavrix_unix_socket_init(path.c_str(), socket_.place(), 1) != TAVRIX_OK || stat(path.c_str(), &file) != 0) {
-        LOG_ERROR("Cannot listen on %s\n", path.c_str());
+        LOG_ERROR("Cannot listen on %s: %s; does its folder exist, and may this user write there?\n", path.c_str(),
+                  std::strerror(errno));
         return false;
     }
     path_ = path;

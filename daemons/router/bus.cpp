@@ -1,6 +1,7 @@
 #include "bus.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 
 #include <sys/stat.h>
@@ -71,8 +72,15 @@ bool Bus::open(event_base *base, const std::vector<std::string> &publish) {
     for (const std::string &address : publish) {
         int endpoint = 0;
         if (!bound || tavrix_mq_socket_bind(*pub_.get(), transport_of(address), address.c_str(), &endpoint) != 0) {
-            LOG_ERROR("Cannot publish on %s: %s; is another router running, or the folder missing?\n", address.c_str(),
-                      nn_strerror(nn_errno()));
+            const char *usual = transport_of(address) == TAVRIX_TRANSPORT_IPC ? "does its folder exist?"
+                                                                              : "is that address one of this machine?";
+            const char *advice = nn_errno() == EADDRINUSE ? "is another router running?" : usual;
+            if (transport_of(address) == 0) {
+                LOG_ERROR("Cannot publish on %s: an address begins with tcp:// or ipc:// and has at most %zu bytes\n",
+                          address.c_str(), longest_ipc_address);
+            } else {
+                LOG_ERROR("Cannot publish on %s: %s; %s\n", address.c_str(), nn_strerror(nn_errno()), advice);
+            }
             bound = false;
         }
     }

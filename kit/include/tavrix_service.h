@@ -65,7 +65,7 @@ extern "C" {
 /** The router's session socket, unless the options or the environment's TAVRIX_SESSION name another. */
 #define TAVRIX_SERVICE_SESSION "/run/tavrix/session.sock"
 
-#define TAVRIX_SERVICE_MAX_NAME 50       /**< bytes of a service's name: letters, digits, `.`, `-` and `_` */
+#define TAVRIX_SERVICE_MAX_NAME 50       /**< bytes of a service's name: letters, digits, dots, hyphens, underscores */
 #define TAVRIX_SERVICE_MAX_METHODS 256   /**< rows of a table */
 #define TAVRIX_SERVICE_MAX_PARAMS 32     /**< rows of a method, or of the members of one parameter */
 #define TAVRIX_SERVICE_MAX_DEFERRED 4096 /**< calls that wait for their answer; more get TAVRIX_JRPC_SYSTEM_BUSY */

@@ -1,13 +1,15 @@
 #!/usr/bin/env bash
-# docs/writing-a-service.md as it stands: its files are written, its commands are run in their order in one folder, and
-# each must print what the page shows below it.
-# usage: guide.sh BUILD_DIR CC CXX EMULATOR SYSROOT FLAGS
+# A page of docs/ as it stands: its files are written, its commands are run in their order in one folder, and each must
+# print what the page shows below it.
+# usage: guide.sh BUILD_DIR CC CXX EMULATOR SYSROOT FLAGS PAGE
 set -euo pipefail
+page=$7
 source "$(dirname "$0")/installed.sh"
+export PYTHONPATH=$source/bindings/python PYTHONDONTWRITEBYTECODE=1
 
 mkdir guide listings
-awk -v listings=listings -v files=guide -f "$source/tests/examples/listings.awk" "$source/docs/writing-a-service.md"
-if [ "$(find guide -name '*.c' | wc -l)" -lt 3 ] || [ ! -e listings/02.sh ]; then fail "the page has no listings"; fi
+awk -v listings=listings -v files=guide -f "$source/tests/examples/listings.awk" "$source/docs/$page"
+if [ -z "$(find guide -name '*.c')" ] || [ -z "$(find listings -name '*.text')" ]; then fail "the page has no listings"; fi
 
 cd guide
 for commands in ../listings/*.sh; do
@@ -20,6 +22,8 @@ for commands in ../listings/*.sh; do
     text=${commands%.sh}.text
     [ ! -e "$text" ] || expect "$(cat "$commands")" "$(cat ../printed.log)" "$(cat "$text")"
 done
-grep -q 'thermod ready' thermod.log || fail "the service never said that it is ready"
-kill %?thermod
-wait %?thermod || fail "the service did not stop cleanly"
+for pid in $(jobs -pr); do
+    name=$(cat "/proc/$pid/comm")
+    kill "$pid"
+    wait "$pid" || [ "$name" = python3 ] || fail "a program of the page did not stop cleanly: $name"
+done

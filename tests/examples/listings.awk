@@ -1,7 +1,7 @@
-# Splits docs/writing-a-service.md: files by their names into the folder `files`; into the folder `listings` commands as
+# Splits a page of the guide: files by their names into the folder `files`; into the folder `listings` commands as
 # NUMBER.sh, and what they print as NUMBER.text.
 /^```$/ { out = ""; next }
-/^```c / { out = files "/" $2; next }
+/^```(c|py) / { out = files "/" $2; next }
 /^```sh$/ { out = sprintf("%s/%02d.sh", listings, ++number); next }
 /^```text$/ { out = sprintf("%s/%02d.text", listings, number); next }
 /^```/ { print "what is " $0 >"/dev/stderr"; exit 1 }

@@ -121,7 +121,8 @@ TEST(CtlCall, TellsATimeOutWhoeverReportsIt) {
     fleet.start_router({"--reply-timeout", "50"});
     const Finished finished = ctl({"call", "--socket", "router.sock", "ports.Get"});
     EXPECT_EQ(finished.status, 3);
-    EXPECT_EQ(finished.diagnostics, "tavrixctl: ports.Get: Command timed out (-32005)\n");
+    EXPECT_EQ(finished.diagnostics, "tavrixctl: ports.Get: Command timed out (-32005); is its service stopped, or busy? "
+                                    "tavrixctl status shows what is in flight\n");
     EXPECT_EQ(ctl({"call", "--socket", "router.sock", "ports.Get", "--full"}).status, 3);
     EXPECT_EQ(ctl({"send", "--socket", "router.sock", support::request("ports.Get", "\"a\"")}).status, 3);
 }
@@ -204,14 +205,14 @@ TEST(CtlCall, SaysThatNoAnswerCameInTime) {
     const Finished finished = ctl({"call", "--socket", "router.sock", "--timeout", "0.2", "ports.Get"});
     EXPECT_EQ(finished.status, 3);
     EXPECT_EQ(finished.output, "");
-    EXPECT_EQ(finished.diagnostics, "tavrixctl: no answer in time\n");
+    EXPECT_EQ(finished.diagnostics, "tavrixctl: no answer in time; is it stopped, or busy? --timeout waits longer\n");
 }
 
 TEST(CtlCall, SaysThatThereIsNoConnection) {
     const Finished unix_path = ctl({"call", "--socket", "nobody.sock", "ports.Get"});
     EXPECT_EQ(unix_path.status, 4);
     EXPECT_EQ(unix_path.diagnostics,
-              "tavrixctl: nobody.sock: No such file or directory; is anybody listening there? --help says "
+              "tavrixctl: nobody.sock: No such file or directory; is tavrix-routerd running? --help says "
               "how to name another place\n");
     const Finished tcp = ctl({"call", "--tcp", "127.0.0.1:" + std::to_string(support::free_port()), "ports.Get"});
     EXPECT_EQ(tcp.status, 4);

@@ -32,8 +32,10 @@ tidy() {
 # are C's own: in the libraries. `tidy-all` has no such exception, and the tests besides.
 check_tidy() {
     cmake --preset native >/dev/null
-    tidy 'src|common|kit'
-    tidy 'daemons|tools' -checks=-clang-analyzer-*
+    local status=0
+    tidy 'src|common|kit' || status=1
+    tidy 'daemons|tools' '-checks=-clang-analyzer-*' || status=1
+    return "$status"
 }
 check_tidy_all() {
     cmake --preset native >/dev/null

@@ -28,8 +28,9 @@ tidy() {
         { grep -vE '^clang-tidy-14|^[0-9]+ warnings? generated' build/tidy.log; return 1; }
 }
 
-# The analyzer takes nine tenths of the time where C++ owns everything, and has its worth where memory and descriptors
-# are C's own: in the libraries. `tidy-all` has no such exception, and the tests besides.
+# The analyzer takes most of the time where C++ owns everything (44 seconds for the router's largest file, 6 without), and
+# has its worth where memory and descriptors are C's own: in the libraries. `tidy-all` has no such exception, and the
+# tests besides.
 check_tidy() {
     cmake --preset native >/dev/null
     local status=0

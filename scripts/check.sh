@@ -28,12 +28,15 @@ tidy() {
         { grep -vE '^clang-tidy-14|^[0-9]+ warnings? generated' build/tidy.log; return 1; }
 }
 
-# The analyzer takes nine tenths of the time where C++ owns everything, and has its worth where memory and descriptors
-# are C's own: in the libraries. `tidy-all` has no such exception, and the tests besides.
+# The analyzer takes most of the time where C++ owns everything (44 seconds for the router's largest file, 6 without), and
+# has its worth where memory and descriptors are C's own: in the libraries. `tidy-all` has no such exception, and the
+# tests besides.
 check_tidy() {
     cmake --preset native >/dev/null
-    tidy 'src|common|kit'
-    tidy 'daemons|tools' -checks=-clang-analyzer-*
+    local status=0
+    tidy 'src|common|kit' || status=1
+    tidy 'daemons|tools' '-checks=-clang-analyzer-*' || status=1
+    return "$status"
 }
 check_tidy_all() {
     cmake --preset native >/dev/null

@@ -49,7 +49,7 @@ plant function-pointer-deleter tools/support.h 'std::unique_ptr<FILE, decltype(&
 plant using-in-header daemons/common/log.h 'using namespace std;'
 plant swallowed-semicolon src/internal/log.h '#define X do { f(); } while (0);'
 plant fixed-sleep tests/system/router_test.cpp '    std::this_thread::sleep_for(one_second);'
-yes '// a line' | head -n 1000 >"$work/tools/words.cpp"
+printf '// a line\n%.0s' {1..1000} >"$work/tools/words.cpp"
 refused long-file tools/words.cpp
 
 # An exception that nothing needs any more is no longer one.

@@ -207,7 +207,6 @@ TEST_F(Database, ReadsIdsAndCounts) {
 TEST_F(Database, NamesTheFirstNullArgument) {
     int64_t value = 0;
     sqlite3_stmt *statement = nullptr;
-    const char *no_text = nullptr;
     LogCapture log("info");
     const auto named = [&](int rc, int index) {
         EXPECT_EQ(rc, TAVRIX_ERR_PARAMETER);
@@ -228,11 +227,11 @@ TEST_F(Database, NamesTheFirstNullArgument) {
     named(tavrix_db_get_single_id_result(nullptr, nullptr, "t", &value, "SELECT 1"), 0);
     named(tavrix_db_get_single_id_result(nullptr, cfgdb, nullptr, &value, "SELECT 1"), 1);
     named(tavrix_db_get_single_id_result(nullptr, cfgdb, "t", nullptr, "SELECT 1"), 2);
-    named(tavrix_db_get_single_id_result(nullptr, cfgdb, "t", &value, no_text), 3);
+    named(tavrix_db_get_single_id_result(nullptr, cfgdb, "t", &value, nullptr), 3);
     named(single_id_args(nullptr, nullptr, "t", &value, "SELECT 1"), 0);
     named(single_id_args(nullptr, cfgdb, nullptr, &value, "SELECT 1"), 1);
     named(single_id_args(nullptr, cfgdb, "t", nullptr, "SELECT 1"), 2);
-    named(single_id_args(nullptr, cfgdb, "t", &value, no_text), 3);
+    named(single_id_args(nullptr, cfgdb, "t", &value, nullptr), 3);
     EXPECT_EQ(handle, nullptr);
     EXPECT_EQ(statement, nullptr);
 }

@@ -241,25 +241,24 @@ TEST_F(Sqlite, NamesTheFirstNullArgument) {
         EXPECT_EQ(log.count(support::warning, "tavrix_utils", null_line(index)), 1) << log.text();
         log.clear();
     };
-    const char *no_format = nullptr;
     named(tavrix_sqlite3_prepare_sql(nullptr, &statement, "SELECT 1"), 0);
     named(tavrix_sqlite3_prepare_sql(db, nullptr, "SELECT 1"), 1);
-    named(tavrix_sqlite3_prepare_sql(db, &statement, no_format), 2);
+    named(tavrix_sqlite3_prepare_sql(db, &statement, nullptr), 2);
     named(prepare_args(nullptr, &statement, "SELECT 1"), 0);
     named(prepare_args(db, nullptr, "SELECT 1"), 1);
-    named(prepare_args(db, &statement, no_format), 2);
+    named(prepare_args(db, &statement, nullptr), 2);
     named(tavrix_sqlite3_get_single_id_result(nullptr, &value, "SELECT 1"), 0);
     named(tavrix_sqlite3_get_single_id_result(db, nullptr, "SELECT 1"), 1);
-    named(tavrix_sqlite3_get_single_id_result(db, &value, no_format), 2);
+    named(tavrix_sqlite3_get_single_id_result(db, &value, nullptr), 2);
     named(single_id_args(nullptr, &value, "SELECT 1"), 0);
     named(single_id_args(db, nullptr, "SELECT 1"), 1);
-    named(single_id_args(db, &value, no_format), 2);
+    named(single_id_args(db, &value, nullptr), 2);
     named(tavrix_sqlite3_get_single_string_result(nullptr, text, 4, "SELECT 1"), 0);
     named(tavrix_sqlite3_get_single_string_result(db, nullptr, 4, "SELECT 1"), 1);
-    named(tavrix_sqlite3_get_single_string_result(db, text, 4, no_format), 2);
+    named(tavrix_sqlite3_get_single_string_result(db, text, 4, nullptr), 2);
     named(tavrix_sqlite3_exec_sql(nullptr, "SELECT 1"), 0);
-    named(tavrix_sqlite3_exec_sql(db, no_format), 1);
-    named(tavrix_sqlite3_prepare_sql(nullptr, nullptr, no_format), 0);
+    named(tavrix_sqlite3_exec_sql(db, nullptr), 1);
+    named(tavrix_sqlite3_prepare_sql(nullptr, nullptr, nullptr), 0);
 }
 
 TEST_F(Sqlite, ExecutesWithCallbackAndErrorText) {

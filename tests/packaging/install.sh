@@ -119,7 +119,8 @@ developed() {
         [ "$status" = 0 ] || { cat here.sh said.log thermod.log >&2; fail "a command of the page fails"; }
         [ ! -e "$text" ] || expect "the page: $(tail -n 1 here.sh)" "$(cat printed.log)" "$(cat "$text")"
     done
-    [ -x thermod ] && [ -x thermo_test ] || fail "the page builds no service"
+    [ -x thermod ] || fail "the page builds no service"
+    [ -x thermo_test ] || fail "the page builds no test"
     expect "registered with the installed router" "$(tavrixctl list 'thermo.*' | sed '1d; s/ .*//' | tr '\n' ' ')" \
         "thermo.Discover thermo.Get thermo.SetLimit "
     kill %?thermod

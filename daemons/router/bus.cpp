@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
+#include <system_error>
 
 #include <sys/stat.h>
 
@@ -41,6 +43,17 @@ int transport_of(const std::string &address) {
         }
     }
     return 0;
+}
+
+std::string absolute(const std::string &address) {
+    constexpr char scheme[] = "ipc://";
+    const std::string path = address.substr(std::min(address.size(), std::strlen(scheme)));
+    if (transport_of(address) != TAVRIX_TRANSPORT_IPC || path.empty() || path[0] == '/') {
+        return address;
+    }
+    std::error_code unknown;
+    const std::string full = scheme + (std::filesystem::current_path(unknown) / path).string();
+    return !unknown && transport_of(full) != 0 ? full : address;
 }
 
 std::string folder_of(const std::string &address) {

@@ -176,7 +176,8 @@ int Router::on_unlock(Own & /*own*/) {
 int Router::on_bus(Own &own) {
     Json publish(json_array());
     std::string folder;
-    for (const std::string &address : config_.publish) {
+    for (const std::string &given : config_.publish) {
+        const std::string address = absolute(given);
         json_array_append_new(publish.get(), json_string(address.c_str()));
         folder = folder.empty() ? folder_of(address) : folder;
     }

@@ -79,13 +79,29 @@ bool bind_publisher(tavrix_service *service, const char *address) {
     return rc == TAVRIX_OK && note_published(bus, address);
 }
 
+/** The address for those who have been started in another folder. One that would be too long stays as it is. */
+void make_absolute(const char *address, char (&out)[max_bus_address + 1]) {
+    constexpr char scheme[] = "ipc://";
+    const char *path = address + sizeof scheme - 1;
+    char folder[max_bus_address + 1];
+    std::snprintf(out, sizeof out, "%s", address);
+    if (std::strncmp(address, scheme, sizeof scheme - 1) == 0 && *path != '/' &&
+        getcwd(folder, sizeof folder) != nullptr && std::strlen(address) + std::strlen(folder) + 1 <= max_bus_address) {
+        std::memcpy(out + sizeof scheme - 1, folder, std::strlen(folder));
+        std::snprintf(out + sizeof scheme - 1 + std::strlen(folder),
+                      sizeof out - sizeof scheme + 1 - std::strlen(folder), "/%s", path);
+    }
+}
+
 bool publish_on(tavrix_service *service, const char *address) {
     if (transport_of(address) == 0) {
         LOG_ERROR("Cannot publish on %s: an address begins with tcp:// or ipc:// and has at most %zu bytes\n",
                   Printable(address).text, max_bus_address);
         return false;
     }
-    if (!bind_publisher(service, address)) {
+    char absolute[max_bus_address + 1];
+    make_absolute(address, absolute);
+    if (!bind_publisher(service, absolute)) {
         if (errno == EADDRINUSE) {
             LOG_ERROR("Cannot publish on %s: %s; is another %s running?\n", Printable(address).text, bus_error(),
                       service->name);

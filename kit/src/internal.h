@@ -284,6 +284,8 @@ struct Session {
     int refusal;             ///< the registration's last refusal, told once
 };
 
+/** Whether a router's socket for single requests has said this before it closed: an answer without a newline. */
+bool is_single_answer(const Buffer &in);
 bool session_prepare(tavrix_service *service);
 void session_start(tavrix_service *service);
 bool session_is_connected(const tavrix_service *service);

@@ -422,6 +422,10 @@ int tavrix_request_wait(const char *session, const char *method, json_t *params,
     rc = rc == TAVRIX_OK ? send_all(conversation, "\n", 1) : rc;
     rc = rc == TAVRIX_OK ? read_line(&conversation) : rc;
     if (rc != TAVRIX_OK) {
+        if (is_single_answer(conversation.in)) {
+            LOG_ERROR("Cannot call %s: the socket takes single requests, it is not the router's session socket\n",
+                      Printable(method).text);
+        }
         return rc;
     }
     const Buffer &in = conversation.in;

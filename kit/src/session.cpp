@@ -65,6 +65,11 @@ const char *hint_for(int code) {
     }
 }
 
+/** Whether the service ends instead of waiting: at its start only, and if it is to. */
+bool is_needed(const tavrix_service *service) {
+    return (service->options.flags & TAVRIX_SERVICE_NEED_ROUTER) != 0 && !service->session.was_ready;
+}
+
 /** Tells a refusal once, however often it is repeated, and asks again later. */
 void registration_failed(tavrix_service *service, const tavrix_answer *answer) {
     Session *session = &service->session;
@@ -75,7 +80,7 @@ void registration_failed(tavrix_service *service, const tavrix_answer *answer) {
                   Printable(message != nullptr ? message : answer->message).text, answer->message,
                   hint_for(answer->code));
     }
-    if ((service->options.flags & TAVRIX_SERVICE_NEED_ROUTER) != 0 && !session->was_ready) {
+    if (is_needed(service)) {
         give_up(service);
         return;
     }
@@ -300,19 +305,35 @@ void drop_connection(Session *session) {
     buffer_free(&session->out);
 }
 
+void tell_loss(const tavrix_service *service, const char *why) {
+    const Session &session = service->session;
+    const char *next = is_needed(service) ? "" : "; trying again until it is back";
+    if (session.state != session_ready && is_single_answer(session.in)) {
+        LOG_ERROR("%s takes single requests, it is not the router's session socket: name that one by --session or "
+                  "TAVRIX_SESSION\n",
+                  session.path);
+    } else {
+        LOG_ERROR("The router at %s has gone: %s%s\n", session.path, why, next);
+    }
+}
+
 void lose_session(tavrix_service *service, const char *why) {
     Session *session = &service->session;
     if (session->fd < 0) {
         return;
     }
     if (session->state == session_ready || !session->outage_told) {
-        LOG_ERROR("The router at %s has gone: %s; trying again until it is back\n", session->path, why);
+        tell_loss(service, why);
         session->outage_told = true;
     }
     drop_connection(session);
     session->lost_subscriptions = true;
     bus_router_gone(service);
-    wait_for_router(service);
+    if (is_needed(service)) {
+        give_up(service);
+    } else {
+        wait_for_router(service);
+    }
     end_requests(service, TAVRIX_OUTCOME_GONE, true);
     abandon_session_calls(service);
 }
@@ -329,17 +350,29 @@ int connect_to(const char *path) {
     return fd.release();
 }
 
+/** A router that is started later is nothing out of the ordinary, unless it has to be there. */
+void tell_absence(const tavrix_service *service, int reason) {
+    const char *path = service->session.path;
+    const bool is_not_there = reason == ENOENT || reason == ECONNREFUSED;
+    if (is_not_there && !is_needed(service)) {
+        LOG_WARNING("Waiting for the router at %s: %s; is it running?\n", path, std::strerror(reason));
+        return;
+    }
+    LOG_ERROR("Cannot reach the router at %s: %s; %s%s\n", path, std::strerror(reason),
+              is_not_there ? "is it running?" : "is this its session socket, and may this process's user reach it?",
+              is_needed(service) ? "" : " Trying again until it can be reached");
+}
+
 void connect_session(tavrix_service *service) {
     Session *session = &service->session;
     session->fd = connect_to(session->path);
     if (session->fd < 0) {
-        const bool needed = (service->options.flags & TAVRIX_SERVICE_NEED_ROUTER) != 0 && !session->was_ready;
+        const int reason = errno;
         if (!session->outage_told) {
-            LOG_ERROR("Cannot reach the router at %s: %s; is it running?%s\n", session->path, std::strerror(errno),
-                      needed ? "" : " Trying again until it is there");
+            tell_absence(service, reason);
             session->outage_told = true;
         }
-        if (needed) {
+        if (is_needed(service)) {
             give_up(service);
             return;
         }
@@ -371,6 +404,12 @@ void on_retry(evutil_socket_t /*fd*/, short /*what*/, void *argument) {
 }
 
 } // namespace
+
+bool is_single_answer(const Buffer &in) {
+    const bool is_line = in.size() == 0 || std::memchr(in.data(), '\n', in.size()) != nullptr;
+    const Json answer(is_line ? nullptr : json_loadb(in.data(), in.size(), 0, nullptr));
+    return json_object_get(answer.get(), "jsonrpc") != nullptr;
+}
 
 bool session_prepare(tavrix_service *service) {
     Session *session = &service->session;

@@ -321,6 +321,35 @@ TEST_F(Lives, ASecondInstanceThatIsRefusedLeavesNoSocketBehind) {
     EXPECT_TRUE(std::filesystem::exists("bus/peer")) << "and stays the first one's";
 }
 
+TEST_F(Lives, ARouterAndServicesFromOtherFoldersFindEachOther) {
+    const std::filesystem::path here = std::filesystem::current_path();
+    std::filesystem::create_directory("elsewhere");
+    std::filesystem::current_path("elsewhere");
+    router_ = std::make_unique<Process>(
+        "routerd", std::vector<std::string>{TAVRIX_ROUTERD, "--socket", "../router.sock", "--session",
+                                            "../session.sock", "--publish", "ipc://bus/router"});
+    ASSERT_TRUE(router_->says("routerd ready")) << router_->log();
+    std::filesystem::current_path(here);
+    start_peer({"--bus"});
+    EXPECT_TRUE(std::filesystem::exists("elsewhere/bus/peer"));
+    start_peer({"--bus", "--publish", "ipc://peer-here"});
+    EXPECT_TRUE(std::filesystem::exists("peer-here"));
+    EXPECT_NE(status().find("ipc://" + here.string() + "/peer-here"), std::string::npos) << status();
+}
+
+TEST_F(Lives, TheSocketForSingleRequestsIsToldFromTheSessionsOne) {
+    start_router();
+    const std::string told = "router.sock takes single requests, it is not the router's session socket: name that one "
+                             "by --session or TAVRIX_SESSION";
+    const support::Finished demanding = support::run({PEER_SERVICE, "--session", "router.sock", "--need-router"});
+    EXPECT_EQ(demanding.status, 1);
+    EXPECT_NE(demanding.diagnostics.find(told), std::string::npos) << demanding.diagnostics;
+    const Process patient("patient", {PEER_SERVICE, "--session", "router.sock"});
+    ASSERT_TRUE(patient.says(told)) << patient.log();
+    json_t *answer = nullptr;
+    EXPECT_EQ(tavrix_request_wait("router.sock", "router.Status", nullptr, 20000, &answer), TAVRIX_ERR_NO_RESPONSE);
+}
+
 TEST_F(Lives, LateAnswersAreRefusedSecondOnesTooAndNoneIsATimeOut) {
     start_router("300");
     const Service service = start("t", t_methods);

@@ -1,3 +1,4 @@
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -250,6 +251,67 @@ TEST_F(Requests, CanBeWaitedForByASimpleProgram) {
     EXPECT_EQ(tavrix_request_wait("session.sock", "ports.Get", nullptr, 20, &answer), TAVRIX_ERR_TIMEOUT);
     EXPECT_EQ(tavrix_request_wait("session.sock", "a\nb", nullptr, 20, &answer), TAVRIX_ERR_PARAMETER);
     EXPECT_EQ(answer, nullptr);
+}
+
+// --- The router that is asked --------------------------------------------------------------------------------------
+
+TEST(Router, ThatAnswersWithoutANewlineAndClosesIsToldOnceToBeAnotherSocket) {
+    LogCapture log("info");
+    Stage stage;
+    stage.router.polite = false;
+    stage.open(methods);
+    for (int attempt = 0; attempt < 3; ++attempt) {
+        EXPECT_NE(stage.next().find("router.Bus"), std::string::npos);
+        stage.router.say_bytes(R"({"jsonrpc":"2.0","id":"router.Bus","result":{}})");
+        stage.router.hang_up();
+    }
+    EXPECT_NE(stage.next(), "(nothing)") << "it goes on";
+    const size_t first = log.text().find("[ERROR]");
+    EXPECT_EQ(log.text().find("[ERROR]", first + 1), std::string::npos) << log.text();
+    EXPECT_NE(log.text().find("session.sock takes single requests"), std::string::npos);
+}
+
+TEST(Router, ThatIsNotThereYetIsNoErrorUnlessItIsNeeded) {
+    LogCapture log("info");
+    Stage stage;
+    stage.router.settles = false;
+    stage.router.die();
+    stage.open(methods);
+    stage.step();
+    EXPECT_NE(
+        log.text().find(
+            "[WARN ] [tester] Waiting for the router at session.sock: No such file or directory; is it running?\n"),
+        std::string::npos)
+        << log.text();
+    EXPECT_EQ(log.text().find("[ERROR]"), std::string::npos) << log.text();
+    stage.router.listen();
+    EXPECT_TRUE(stage.wait_ready());
+}
+
+TEST(Router, ThatClosesBeforeTheServiceIsReadyEndsOneThatNeedsIt) {
+    const LogCapture log("info");
+    Stage stage;
+    stage.router.polite = false;
+    tavrix_service_options options = {};
+    options.flags = TAVRIX_SERVICE_NEED_ROUTER;
+    stage.open(methods, options);
+    EXPECT_NE(stage.next(), "(nothing)");
+    stage.router.hang_up();
+    EXPECT_EQ(tavrix_service_run(stage.service), TAVRIX_ERR_GENERAL);
+    EXPECT_NE(log.text().find("The router at session.sock has gone: it closed the connection\n"), std::string::npos);
+}
+
+TEST(Router, ThatCannotBeReachedIsAnError) {
+    LogCapture log("info");
+    std::ofstream("plain.txt") << "no folder";
+    Stage stage;
+    tavrix_service_options options = {};
+    options.session = "plain.txt/session.sock";
+    stage.open(methods, options);
+    EXPECT_NE(log.text().find("Cannot reach the router at plain.txt/session.sock: Not a directory; is this its session "
+                              "socket, and may this process's user reach it? Trying again until it can be reached\n"),
+              std::string::npos)
+        << log.text();
 }
 
 // --- Notifications -------------------------------------------------------------------------------------------------

@@ -245,7 +245,7 @@ TEST(Session, WaitsForARouterThatComesLaterAndTellsItOnce) {
     }
     stage.router.listen();
     ASSERT_TRUE(stage.wait_ready());
-    const std::string told = "Cannot reach the router at session.sock: No such file or directory; is it running?";
+    const std::string told = "Waiting for the router at session.sock: No such file or directory; is it running?";
     const size_t first = log.text().find(told);
     EXPECT_NE(first, std::string::npos);
     EXPECT_EQ(log.text().find(told, first + 1), std::string::npos);

@@ -565,7 +565,7 @@ TEST(PortsDaemon, ShowsInItsHelpWhatItDoesUnasked) {
 TEST(PortsDaemon, StopsWhileNoRouterIsThere) {
     Fleet fleet;
     support::Process lonely("lonely", {TAVRIX_PORTSD, "--session", "missing.sock"});
-    ASSERT_TRUE(lonely.says("Cannot reach the router at missing.sock: No such file or directory; is it running?"));
+    ASSERT_TRUE(lonely.says("Waiting for the router at missing.sock: No such file or directory; is it running?"));
     lonely.signal(SIGINT);
     EXPECT_EQ(lonely.wait(), 0);
 }

@@ -11,7 +11,7 @@ namespace router {
 namespace {
 
 constexpr size_t max_shown = 200;
-constexpr size_t max_kept_memory = 1024 * 1024;
+constexpr size_t max_kept_memory = size_t{1024} * 1024;
 
 } // namespace
 

@@ -137,8 +137,8 @@ std::string Router::metrics() const {
     };
     for (const auto &gauge : gauges) {
         const std::string name = std::string("tavrix_router_") + gauge.name;
-        text += "# HELP " + name + " " + gauge.help + "\n# TYPE " + name + " gauge\n" + name + " " +
-                std::to_string(gauge.value) + "\n";
+        text.append("# HELP ").append(name).append(" ").append(gauge.help).append("\n# TYPE ").append(name);
+        text.append(" gauge\n").append(name).append(" ").append(std::to_string(gauge.value)).append("\n");
     }
     text += "# HELP tavrix_router_service_up Whether a registered service is there.\n"
             "# TYPE tavrix_router_service_up gauge\n";

@@ -162,32 +162,34 @@ class Churn : public testing::Test {
 };
 
 /** How many services come and go: TAVRIX_CHURN of them, by default as many as an everyday run has time for. */
-int visits() {
+size_t visits() {
     const char *wanted = std::getenv("TAVRIX_CHURN");
-    constexpr int everyday = 300;
-    return wanted != nullptr ? std::atoi(wanted) : everyday;
+    constexpr size_t everyday = 300;
+    return wanted != nullptr ? std::strtoul(wanted, nullptr, 10) : everyday;
 }
 
 } // namespace
 
 TEST_F(Churn, OfServicesOnIpcAddressesLeavesNoDescriptorNoMemoryAndNoFile) {
     ASSERT_TRUE(router->says("routerd ready")) << router->log();
-    constexpr int warm_up = 20;
-    const int count = visits();
+    constexpr size_t warm_up = 20;
+    const size_t count = visits();
     std::vector<std::string> names; // the logger keeps a name for as long as the process lives
-    for (int i = 0; i < warm_up + count; ++i) {
+    names.reserve(warm_up + count);
+    for (size_t i = 0; i < warm_up + count; ++i) {
         names.push_back("visitor" + std::to_string(i));
     }
-    for (int i = 0; i < warm_up; ++i) {
-        come_and_go(names[static_cast<size_t>(i)]);
+    for (size_t i = 0; i < warm_up; ++i) {
+        come_and_go(names[i]);
     }
     const int descriptors = support::open_descriptors();
     const size_t heap = heap_in_use();
     const long files = entries("bus");
-    ASSERT_TRUE(support::wait_until([&] { return router->times_said(" has gone") == warm_up; })) << router->log();
+    ASSERT_TRUE(support::wait_until([&] { return router->times_said(" has gone") == static_cast<int>(warm_up); }))
+        << router->log();
     const long router_before = router_descriptors();
-    for (int i = 0; i < count && !HasFailure(); ++i) {
-        come_and_go(names[static_cast<size_t>(warm_up + i)]);
+    for (size_t i = 0; i < count && !HasFailure(); ++i) {
+        come_and_go(names[warm_up + i]);
     }
     const size_t heap_after = heap_in_use();
     EXPECT_EQ(support::open_descriptors(), descriptors);
@@ -195,6 +197,6 @@ TEST_F(Churn, OfServicesOnIpcAddressesLeavesNoDescriptorNoMemoryAndNoFile) {
     EXPECT_TRUE(support::wait_until([&] { return router_descriptors() == router_before; }))
         << router_descriptors() << " descriptors of the router's instead of " << router_before;
     const long gained = static_cast<long>(heap_after) - static_cast<long>(heap);
-    std::printf("%d services came and went: %ld bytes of the heap gained\n", count, gained);
-    EXPECT_LT(gained, count * 64L) << "less than the smallest record for each";
+    std::printf("%zu services came and went: %ld bytes of the heap gained\n", count, gained);
+    EXPECT_LT(gained, static_cast<long>(count) * 64) << "less than the smallest record for each";
 }

@@ -500,7 +500,7 @@ TAVRIX_SERVICE_API int tavrix_call_pass_on(tavrix_call *call, const tavrix_answe
  * @param session      the session socket; null as in the options
  * @param method       a method's name
  * @param params       taken: an object, or null for none
- * @param timeout_ms   at least 1; after the router's --reply-timeout the response is its error -32005 in any case
+ * @param timeout_ms   at least 1; after the router's --reply-timeout the response is its error TAVRIX_JRPC_TIMED_OUT
  * @param response_out receives the whole response object, with "result" or "error"; the caller releases it
  * @return 0; TAVRIX_ERR_TIMEOUT without an answer in time; TAVRIX_ERR_CONNECT_TIMEOUT when the router is not there;
  *         TAVRIX_ERR_NO_RESPONSE when it went away; TAVRIX_ERR_PARAMETER for a bad method or time;

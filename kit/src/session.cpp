@@ -350,12 +350,12 @@ int connect_to(const char *path) {
     return fd.release();
 }
 
-/** A router that is started later is nothing out of the ordinary, unless it has to be there. */
+/** A router that is started later is waited for, unless it has to be there. */
 void tell_absence(const tavrix_service *service, int reason) {
     const char *path = service->session.path;
     const bool is_not_there = reason == ENOENT || reason == ECONNREFUSED;
     if (is_not_there && !is_needed(service)) {
-        LOG_WARNING("Waiting for the router at %s: %s; is it running?\n", path, std::strerror(reason));
+        LOG_ERROR("Waiting for the router at %s: %s; is it running?\n", path, std::strerror(reason));
         return;
     }
     LOG_ERROR("Cannot reach the router at %s: %s; %s%s\n", path, std::strerror(reason),

@@ -139,8 +139,7 @@ TEST_F(Mistakes, AStoppedRouterIsMissed) {
 
 TEST_F(Mistakes, AServiceWithoutARouterSaysThatItWaits) {
     const support::Process ports("portsd", {TAVRIX_PORTSD, "--session", "none.sock"});
-    EXPECT_TRUE(ports.says("Cannot reach the router at none.sock: No such file or directory; is it running? "
-                           "Trying again until it is there\n"));
+    EXPECT_TRUE(ports.says("Waiting for the router at none.sock: No such file or directory; is it running?\n"));
 }
 
 TEST_F(Mistakes, AStoppedServiceIsNamed) {

@@ -63,6 +63,7 @@ int main(int argc, char **argv) {
     if (!options.parse(argc, argv, &exit_status)) {
         return exit_status;
     }
+    daemon_support::never_wait_for_log();
     const daemon_support::KitService service(config.service, events::methods(), &context, events::share_number);
     if (!service || !open(config, service.get(), &context)) {
         LOG_ERROR("eventsd cannot start\n");

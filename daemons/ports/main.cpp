@@ -29,6 +29,7 @@ int main(int argc, char **argv) {
     if (!options.parse(argc, argv, &exit_status)) {
         return exit_status;
     }
+    daemon_support::never_wait_for_log();
     ports::Database database(database_path);
     context.database = &database;
     const daemon_support::KitService service(common, ports::methods(), &context);

@@ -66,6 +66,7 @@ int main(int argc, char **argv) {
     if (!options.parse(argc, argv, &exit_status)) {
         return exit_status;
     }
+    daemon_support::never_wait_for_log();
     tavrix_lsyslog_init(name.c_str());
     router::Router router(config);
     if (!router.open()) {

@@ -1,6 +1,7 @@
 #include "one_shot.h"
 
 #include <cerrno>
+#include <utility>
 
 #include <sys/socket.h>
 
@@ -66,6 +67,7 @@ void OneShot::on_writable(evutil_socket_t /*descriptor*/, short /*what*/, void *
 
 void OneShot::on_close() {
     deadline_.leave();
+    account->unread -= std::exchange(counted_, 0);
     for (const daemon_support::Event *watch : {&readable_, &writable_}) {
         if (*watch) {
             event_del(watch->get());
@@ -199,13 +201,23 @@ void OneShot::answer_text(std::string_view text, const BatchPlace & /*batch*/) {
         close();
         return;
     }
+    if (!has_room_for(text.size() - sent)) {
+        LOG_FOREIGN("There is no room for a client's answer: its user leaves too much unread\n");
+        close();
+        return;
+    }
     text_ = text.substr(sent);
+    account->unread += counted_ = text_.size();
     writable_.reset(event_new(router_.base(), descriptor_, EV_WRITE | EV_ET | EV_PERSIST, on_writable, this));
     if (!writable_ || event_add(writable_.get(), nullptr) != 0) {
         close();
         return;
     }
     deadline_.take(router_.client_deadlines(), *this);
+}
+
+bool OneShot::has_room_for(size_t more) const {
+    return more <= unread_in_any_case || account->unread + more <= max_unread_of_user;
 }
 
 void OneShot::send_rest() {

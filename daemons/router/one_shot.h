@@ -37,13 +37,15 @@ class OneShot final : public Client {
     void take_bytes(std::string_view bytes);
     void take_request();
     void watch_for_hang_up();
+    bool has_room_for(size_t more) const;
     void send_rest();
     void refuse(int jrpc_code);
 
     State state_ = State::reading;
     std::string text_; ///< the request as far as it has come, then the rest of the answer
     size_t sent_ = 0;
-    size_t tried_ = 0; ///< how much of the request had come when its beginning was last judged
+    size_t counted_ = 0; ///< of the answer, in the account
+    size_t tried_ = 0;   ///< how much of the request had come when its beginning was last judged
     bool half_closed_ = false;
     bool was_asked_ = false; ///< whether it is still there, after the half-close
     ObjectScanner scanner_;

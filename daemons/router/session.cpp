@@ -23,8 +23,6 @@ constexpr size_t max_description_line = max_document + 1024;
 constexpr size_t bytes_per_turn = size_t{8} * 1024; // of a client: some dozen requests
 constexpr size_t max_batch = 256;                   // is one turn's work, however cheap the requests are to write
 constexpr size_t max_unread_with_notifications = size_t{1024} * 1024;
-constexpr size_t max_unread_of_user = size_t{64} * 1024 * 1024; // of all his sessions; beyond it
-constexpr size_t unread_in_any_case = size_t{64} * 1024;        // each has this still
 constexpr size_t large_line = size_t{1024} * 1024;
 
 /** One turn's bytes of whichever session: nothing stays here from one turn to the next. */

@@ -14,12 +14,14 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "support/fleet.h"
 #include "support/json.h"
 #include "support/mutation.h"
 #include "support/session.h"
 #include "support/stranger.h"
+#include "support/tavrixctl.h"
 
 using support::BusService;
 using support::code_of;
@@ -352,6 +354,28 @@ TEST_F(RouterFairness, BoundsWhatTheSessionsOfOneUserLeaveUnread) {
     }
 }
 
+TEST_F(RouterFairness, BoundsWhatTheOneShotClientsOfOneUserLeaveUnread) {
+    start({"--client-timeout", "86400000"});
+    DirectService service;
+    const std::string large = "\"" + std::string(size_t{7} * 1024 * 1024, 'x') + "\"";
+    std::vector<StreamClient> deaf;
+    for (int i = 0; i < 10; ++i) {
+        {
+            const Stranger stranger;
+            ASSERT_TRUE(stranger.worked());
+            deaf.push_back(fleet.connect());
+        }
+        deaf.back().say(request("ports.Get", "1"));
+        service.reply(service.next_request(), large);
+    }
+    EXPECT_TRUE(fleet.router->says("There is no room for a client's answer: its user leaves too much unread"));
+    const StreamClient other = fleet.connect();
+    other.say(request("ports.Get", "1"));
+    service.reply(service.next_request(), large);
+    EXPECT_EQ(member(other.hear(), "result"), large) << "another user";
+    EXPECT_EQ(member(deaf.front().hear(), "result"), large) << "there was room for this one";
+}
+
 TEST_F(RouterLimits, CountsNothingAsUnreadThatWentWithItsSession) {
     start({"--max-in-flight", "4096"});
     const SessionClient of_the_same_user; // keeps the user's account
@@ -500,6 +524,23 @@ TEST_F(RouterLimits, ServesThoseItHasWhenDescriptorsRunOut) {
     ASSERT_EQ(prlimit(fleet.router->pid(), RLIMIT_NOFILE, &before, nullptr), 0);
     EXPECT_EQ(member(waiting.hear(), "id"), "\"router.Status\"");
     EXPECT_EQ(member(over_tcp.hear(), "id"), "\"router.Status\"");
+}
+
+TEST_F(RouterLimits, DoNotStandStillWithTheReaderOfTheLog) {
+    ASSERT_EQ(mkfifo("unread.log", 0600), 0); // where the process's log goes
+    const int unread = open("unread.log", O_RDWR | O_NONBLOCK | O_CLOEXEC);
+    const std::string filling(4096, 'x');
+    while (write(unread, filling.data(), filling.size()) > 0) {
+    }
+    const support::Process router("unread", {TAVRIX_ROUTERD, "--socket", "unread.sock", "--session", "unread.session",
+                                             "--publish", "ipc://unread-bus/router"});
+    std::string reply;
+    EXPECT_TRUE(support::wait_until([&] {
+        reply = support::ctl({"call", "--socket", "unread.sock", "router.Status"}).output;
+        return !reply.empty();
+    }));
+    close(unread);
+    EXPECT_EQ(member(reply, "locked"), "false");
 }
 
 // --- Malformed input -----------------------------------------------------------------------------------------------

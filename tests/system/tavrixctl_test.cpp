@@ -121,8 +121,9 @@ TEST(CtlCall, TellsATimeOutWhoeverReportsIt) {
     fleet.start_router({"--reply-timeout", "50"});
     const Finished finished = ctl({"call", "--socket", "router.sock", "ports.Get"});
     EXPECT_EQ(finished.status, 3);
-    EXPECT_EQ(finished.diagnostics, "tavrixctl: ports.Get: Command timed out (-32005); is its service stopped, or busy? "
-                                    "tavrixctl status shows what is in flight\n");
+    EXPECT_EQ(finished.diagnostics,
+              "tavrixctl: ports.Get: Command timed out (-32005); is its service stopped, or busy? "
+              "tavrixctl status shows what is in flight\n");
     EXPECT_EQ(ctl({"call", "--socket", "router.sock", "ports.Get", "--full"}).status, 3);
     EXPECT_EQ(ctl({"send", "--socket", "router.sock", support::request("ports.Get", "\"a\"")}).status, 3);
 }

@@ -64,7 +64,7 @@ need_memory() { # KIB...: a process that has gone, or lies elsewhere, would pass
 
 missed=0
 figure() { # NAME VALUE [MOST]
-    printf '%-52s %8s   %s\n' "$1" "$2" "${3:+<= $3}"
+    printf '%-52s %8s%s\n' "$1" "$2" "${3:+   <= $3}"
     if [ -n "${3:-}" ] && ! [ "$2" -le "$3" ]; then # also when the value is no number
         echo "Missed: $1" >&2
         missed=1

@@ -374,7 +374,8 @@ TEST_F(Lives, AServiceThatDoesNotReadIsToldHowManyNotificationsItHasLost) {
     const Service service = start("t", t_methods);
     tavrix_service_on_lost(
         service.get(),
-        [](tavrix_service * /*service*/, uint64_t count, void * /*user*/) { seen.lost.push_back(count); }, nullptr);
+        [](tavrix_service * /*service*/, uint64_t how_many, void * /*user*/) { seen.lost.push_back(how_many); },
+        nullptr);
     const auto count_heard = [](tavrix_service * /*service*/, const char *method, json_t * /*params*/, void *user) {
         ++(*static_cast<std::map<std::string, uint64_t> *>(user))[method];
     };

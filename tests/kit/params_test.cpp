@@ -356,7 +356,7 @@ std::string read_real(const tavrix_call *call) { return std::to_string(tavrix_ca
 std::string read_boolean(const tavrix_call *call) { return tavrix_call_boolean(call, "value") ? "true" : "false"; }
 std::string read_json(const tavrix_call *call) {
     char *text = json_dumps(tavrix_call_json(call, "value"), JSON_COMPACT | JSON_ENCODE_ANY);
-    const std::string value = text != nullptr ? text : "(none)";
+    std::string value = text != nullptr ? text : "(none)";
     std::free(text);
     return value;
 }

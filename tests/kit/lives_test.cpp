@@ -4,6 +4,7 @@
  */
 #include <csignal>
 #include <filesystem>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -32,6 +33,7 @@ struct Seen {
     tavrix_caller caller = {TAVRIX_ROAD_PULL, 0, 0, 0};
     int late_reply = 0;
     uint64_t late_call = 0;
+    std::vector<uint64_t> lost;
 };
 Seen seen;
 
@@ -364,6 +366,41 @@ TEST_F(Lives, LateAnswersAreRefusedSecondOnesTooAndNoneIsATimeOut) {
     EXPECT_EQ(seen.ends, (Ends{"time-out -32005", "time-out -32005"}));
     EXPECT_EQ(seen.late_reply, TAVRIX_ERR_NO_RECORDS);
     EXPECT_EQ(tavrix_service_deferred(service.get(), seen.late_call), nullptr);
+}
+
+TEST_F(Lives, AServiceThatDoesNotReadIsToldHowManyNotificationsItHasLost) {
+    start_router();
+    std::map<std::string, uint64_t> heard;
+    const Service service = start("t", t_methods);
+    tavrix_service_on_lost(
+        service.get(),
+        [](tavrix_service * /*service*/, uint64_t how_many, void * /*user*/) { seen.lost.push_back(how_many); },
+        nullptr);
+    const auto count_heard = [](tavrix_service * /*service*/, const char *method, json_t * /*params*/, void *user) {
+        ++(*static_cast<std::map<std::string, uint64_t> *>(user))[method];
+    };
+    ASSERT_NE(tavrix_service_subscribe(service.get(), "events.*", count_heard, &heard), 0U);
+    support::DirectService publisher(
+        {"flood", "505a5451-3ef2-4618-8087-9a22b800a510", "[]", R"(["events.List"])", "true"});
+    const auto publish = [&](const std::string &method, const std::string &filling) {
+        return publisher.say_bytes(R"({"jsonrpc":"2.0","method":")" + method + R"(","params":{"filling":")" + filling +
+                                   "\"}}\n");
+    };
+    ASSERT_TRUE(wait([&] { return publish("events.Settled", "") && heard["events.Settled"] > 0; }));
+    constexpr uint64_t flood = 800; // eight megabytes, beyond what router and kernel keep for one session
+    const std::string filling(10000, 'x');
+    for (uint64_t i = 0; i < flood; ++i) {
+        ASSERT_TRUE(publish("events.Told", filling));
+    }
+    publisher.say(R"({"jsonrpc":"2.0","method":"router.Status","id":"taken"})");
+    ASSERT_NE(publisher.hear_of("\"taken\"").find("result"), std::string::npos)
+        << "the router has taken them all before the service reads again";
+    ASSERT_TRUE(wait([] { return !seen.lost.empty(); })) << heard["events.Told"];
+    EXPECT_GT(heard["events.Told"], 0U) << "what was kept for it comes first";
+    EXPECT_EQ(heard["events.Told"] + seen.lost.front(), flood);
+    EXPECT_TRUE(publish("events.After", ""));
+    EXPECT_TRUE(wait([&] { return heard["events.After"] == 1; })) << "it goes on hearing";
+    EXPECT_EQ(seen.lost.size(), 1U);
 }
 
 TEST_F(Lives, TenThousandRegistrationsLeaveNothingBehind) {

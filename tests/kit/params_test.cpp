@@ -342,6 +342,358 @@ TEST_F(Params, OfAnySizeLeaveNothingBehind) {
     }
 }
 
+// --- Every kind ----------------------------------------------------------------------------------------------------
+
+namespace {
+
+std::string read_text(const tavrix_call *call) { return tavrix_call_text(call, "value"); }
+std::string read_word(const tavrix_call *call) {
+    return read_text(call) + "/" + std::to_string(tavrix_call_word(call, "value"));
+}
+std::string read_integer(const tavrix_call *call) { return std::to_string(tavrix_call_integer(call, "value")); }
+std::string read_uint64(const tavrix_call *call) { return std::to_string(tavrix_call_uint64(call, "value")); }
+std::string read_real(const tavrix_call *call) { return std::to_string(tavrix_call_real(call, "value")); }
+std::string read_boolean(const tavrix_call *call) { return tavrix_call_boolean(call, "value") ? "true" : "false"; }
+std::string read_json(const tavrix_call *call) {
+    char *text = json_dumps(tavrix_call_json(call, "value"), JSON_COMPACT | JSON_ENCODE_ANY);
+    std::string value = text != nullptr ? text : "(none)";
+    std::free(text);
+    return value;
+}
+std::string read_integers(const tavrix_call *call) { return integers(call, "value"); }
+std::string read_ports(const tavrix_call *call) {
+    int count = 0;
+    const tavrix_port_input *ports = tavrix_call_ports(call, "value", &count);
+    std::string text = std::to_string(count);
+    for (int i = 0; ports != nullptr && i < count; ++i) {
+        const tavrix_port_input &port = ports[i];
+        for (const int n : {port.port_number, port.port_status, port.poe_status, port.link_status, port.link_speed,
+                            port.vlan_mode, port.vlan_count, port.vlan_ids[0]}) {
+            text += " " + std::to_string(n);
+        }
+    }
+    return text;
+}
+std::string read_hardware(const tavrix_call *call) {
+    int count = 0;
+    const tavrix_port_hardware_input *ports = tavrix_call_ports_hardware(call, "value", &count);
+    std::string text = std::to_string(count);
+    for (int i = 0; ports != nullptr && i < count; ++i) {
+        const tavrix_port_hardware_input &port = ports[i];
+        for (const int n : {port.port_number, port.poe_status, port.link_status, port.link_speed}) {
+            text += " " + std::to_string(n);
+        }
+    }
+    return text;
+}
+std::string read_filters(const tavrix_call *call) {
+    int count = 0;
+    const tavrix_mac_filter *filters = tavrix_call_mac_filters(call, "value", &count);
+    std::string text = std::to_string(count);
+    for (int i = 0; filters != nullptr && i < count; ++i) {
+        text += std::string(" ") + filters[i].mac + " " + filters[i].mask;
+    }
+    return text;
+}
+
+/** A value as it comes, in JSON, and what the getter hands over. */
+struct Taken {
+    std::string json;
+    std::string value;
+};
+
+/** A value as it comes, in JSON, and the error's code. Without a value the parameter is missing. */
+struct Refused {
+    std::string json;
+    const char *code = "-32602";
+};
+
+struct KindCase {
+    tavrix_service_param row;
+    std::string (*read)(const tavrix_call *call);
+    std::vector<Taken> taken;
+    std::vector<Refused> refused;
+};
+
+constexpr tavrix_service_param of_kind(tavrix_kind kind, unsigned flags = 0) {
+    return TAVRIX_PARAM("value", kind, "", flags);
+}
+
+/** A text of this many letters, in JSON. */
+std::string letters(size_t count) { return "\"" + std::string(count, 'x') + "\""; }
+
+/** An array of this many times the element. */
+std::string array_of(size_t count, const std::string &element) {
+    std::string text;
+    for (size_t i = 0; i < count; ++i) {
+        text += (i > 0 ? "," : "") + element;
+    }
+    return "[" + text + "]";
+}
+
+std::vector<KindCase> plain_kinds() {
+    return {
+        {TAVRIX_PARAM_RANGE("value", TAVRIX_KIND_TEXT, "", 0, 2, 5),
+         read_text,
+         {{R"("ab")", "ab"}, {R"("abcde")", "abcde"}},
+         {{R"("a")"}, {R"("abcdef")"}, {R"("a\tb")"}, {"7"}, {""}}},
+        {TAVRIX_PARAM_RANGE("value", TAVRIX_KIND_INTEGER, "", 0, -5, 9),
+         read_integer,
+         {{"-5", "-5"}, {"9", "9"}},
+         {{"-6"}, {"10"}, {"1.0"}, {R"("1")"}, {""}}},
+        {of_kind(TAVRIX_KIND_BOOLEAN), read_boolean, {{"true", "true"}, {"false", "false"}}, {{"1"}, {R"("true")"}}},
+        {TAVRIX_PARAM_RANGE("value", TAVRIX_KIND_NUMBER, "", 0, -2, 3),
+         read_real,
+         {{"-2", "-2.000000"}, {"2.5", "2.500000"}},
+         {{"3.5"}, {"-3"}, {R"("1")"}, {""}}},
+        {of_kind(TAVRIX_KIND_UINT64),
+         read_uint64,
+         {{R"("4711")", "4711"}, {R"("0x1267")", "4711"}, {R"("011147")", "4711"}},
+         {{"4711"}, {R"("-1")"}, {R"("18446744073709551616")"}, {R"("")"}}},
+        {of_kind(TAVRIX_KIND_FLOAT),
+         read_real,
+         {{R"("2.5")", "2.500000"}, {R"("-1")", "-1.000000"}},
+         {{"2.5"}, {R"("2,5")"}, {R"("")"}}},
+        {TAVRIX_PARAM_WORDS("value", colours, "", 0),
+         read_word,
+         {{R"("red")", "red/0"}, {R"("blue")", "blue/2"}},
+         {{R"("Red")"}, {R"("")"}, {"0"}}},
+        {TAVRIX_PARAM_MEMBERS("value", TAVRIX_KIND_ARRAY, "", 0, 1, 2, bare_port),
+         read_json,
+         {{R"(["d1","d4"])", R"(["d1","d4"])"}},
+         {{"[]"}, {R"(["d1","d2","d3"])"}, {R"("d1")"}, {""}}},
+        {TAVRIX_PARAM_MEMBERS("value", TAVRIX_KIND_OBJECT, "", 0, 0, 0, inner),
+         read_json,
+         {{R"({"y":1})", R"({"y":1})"}},
+         {{"[]"}, {R"("y")"}, {"null"}, {""}}},
+        // Everything is a value; only none is refused.
+        {of_kind(TAVRIX_KIND_JSON), read_json, {{"null", "null"}, {"[1]", "[1]"}, {R"("x")", R"("x")"}}, {{""}}},
+    };
+}
+
+std::vector<KindCase> text_kinds() {
+    return {
+        {of_kind(TAVRIX_KIND_PORT_ID, TAVRIX_ANY_PORT),
+         read_text,
+         {{R"("c128-99")", "c128-99"}, {R"("D4")", "D4"}},
+         {{R"("c129-1")"}, {R"("d5")"}, {R"("c2")"}, {R"("all")"}, {"1"}}},
+        {of_kind(TAVRIX_KIND_MZU_ID),
+         read_text,
+         {{R"("c1")", "c1"}, {R"("C128")", "C128"}},
+         {{R"("c129")"}, {R"("c2-3")"}, {R"("all")"}, {"1"}}},
+        {of_kind(TAVRIX_KIND_STATUS),
+         read_word,
+         {{R"("disable")", "disable/0"}, {R"("enable")", "enable/1"}},
+         {{R"("Enable")"}, {R"("up")"}, {"1"}}},
+        {of_kind(TAVRIX_KIND_DESCRIPTION),
+         read_text,
+         {{R"("")", ""}, {letters(50), std::string(50, 'x')}},
+         {{letters(51)}, {R"("a \" b")"}, {"1"}}},
+        {of_kind(TAVRIX_KIND_VLAN_MODE),
+         read_word,
+         {{R"("local")", "local/1"}, {R"("access")", "access/2"}, {R"("trunk")", "trunk/3"}},
+         {{R"("trans")"}, {R"("unknown")"}, {"1"}}},
+        {of_kind(TAVRIX_KIND_MZU_MODEL),
+         read_word,
+         {{R"("unknown")", "unknown/0"}, {R"("Generic MZU")", "Generic MZU/7"}, {R"("ZQN-E17")", "ZQN-E17/10"}},
+         {{R"("ZQN-E18")"}, {R"("zqn-e09")"}, {"1"}}},
+        {of_kind(TAVRIX_KIND_MZU_SW_UPGRADE_FILENAME),
+         read_text,
+         {{R"("mzu 2.img")", "mzu 2.img"}, {R"("")", ""}},
+         {{R"("two\nlines")"}, {"1"}, {"null"}}},
+        {of_kind(TAVRIX_KIND_UNIT_SW_UPGRADE_FILENAME),
+         read_text,
+         {{R"("zqn-1.2.3-004.img")", "zqn-1.2.3-004.img"}, {R"("/a/zqn_4.5.6-789")", "/a/zqn_4.5.6-789"}},
+         {{R"("ZQN-1.2.3-004.img")"}, {R"("zqn-1.2.3-04.img")"}, {R"("1.2.3-004.img")"}, {R"("")"}, {"1"}}},
+        {of_kind(TAVRIX_KIND_UNIT_SW_BANK),
+         read_word,
+         {{R"("all")", "all/0"}, {R"("current")", "current/1"}, {R"("default")", "default/3"}},
+         {{R"("next")"}, {R"("All")"}, {"1"}}},
+        {of_kind(TAVRIX_KIND_MAC_ADDRESS),
+         read_text,
+         {{R"("aa-bb-CC-00-11-22")", "AA:BB:CC:00:11:22"}, {R"("AA:BB:CC:00:11:22")", "AA:BB:CC:00:11:22"}},
+         {{R"("aa:bb:cc:00:11:2g")"}, {R"("aa:bb:cc-00-11-22")"}, {R"("none")"}, {"1"}}},
+        {of_kind(TAVRIX_KIND_MACADDR_ALLOWED),
+         read_text,
+         {{R"("none")", "none"}, {R"("aa-bb-CC-00-11-22")", "AA:BB:CC:00:11:22"}},
+         {{R"("None")"}, {R"("aa:bb:cc:00:11")"}, {R"("")"}, {"1"}}},
+        {of_kind(TAVRIX_KIND_IP_ADDRESS),
+         read_text,
+         {{R"("192.168.1.1")", "192.168.1.1"}, {R"("0.0.0.0")", "0.0.0.0"}},
+         {{R"("01.2.3.4")"}, {R"("1.1.1")"}, {R"("256.1.1.1")"}, {R"("::1")"}, {"1"}}},
+        {of_kind(TAVRIX_KIND_USERNAME),
+         read_text,
+         {{R"("operator7")", "operator7"}, {R"("abcd")", "abcd"}},
+         {{R"("root")"}, {R"("abc")"}, {letters(16)}, {R"("ab-cd")"}, {"1"}}},
+        {of_kind(TAVRIX_KIND_PASSWORD),
+         read_text,
+         {{R"("aB3!?_@-")", "aB3!?_@-"}},
+         {{R"("abc")"}, {letters(16)}, {R"("with blank")"}, {"1"}}},
+        {of_kind(TAVRIX_KIND_DATE),
+         read_text,
+         {{R"("2030-02-28")", "2030-02-28"}, {R"("2000-1-1")", "2000-1-1"}},
+         {{R"("1999-12-31")"}, {R"("2030-13-01")"}, {R"("2030-01-32")"}, {R"("28.02.2030")"}, {"1"}}},
+        {of_kind(TAVRIX_KIND_TIME),
+         read_text,
+         {{R"("00:00")", "00:00"}, {R"("23:59")", "23:59"}},
+         {{R"("24:00")"}, {R"("7:30")"}, {R"("07:30:00")"}, {"1"}}},
+        {of_kind(TAVRIX_KIND_ENTITY_NAME), // any text: the library has no rule for it
+         read_text,
+         {{R"("c1-1")", "c1-1"}, {R"("anything")", "anything"}, {R"("")", ""}},
+         {{R"("a\nb")"}, {"1"}, {"null"}}},
+        {of_kind(TAVRIX_KIND_ENTITY_EXTENSION),
+         read_text,
+         {{R"("")", ""}, {letters(1000), std::string(1000, 'x')}},
+         {{letters(1001)}, {R"("a\nb")"}, {"1"}}},
+        {of_kind(TAVRIX_KIND_ALIAS),
+         read_text,
+         {{R"("ab1")", "AB1"}, {R"("")", ""}},
+         {{letters(9)}, {R"("a\nb")"}, {"1"}}},
+        {of_kind(TAVRIX_KIND_SECURE_OPTION),
+         read_word,
+         {{R"("current")", "current/0"}, {R"("enable")", "enable/1"}, {R"("disable")", "disable/2"}},
+         {{R"("Enable")"}, {R"("on")"}, {"1"}}},
+    };
+}
+
+KindCase integers_within(tavrix_kind kind, int lowest, int highest) {
+    const auto text = [](int n) { return std::to_string(n); };
+    return {of_kind(kind),
+            read_integer,
+            {{text(lowest), text(lowest)}, {text(highest), text(highest)}},
+            {{text(lowest - 1)}, {text(highest + 1)}, {"4294967297"}, {R"("1")"}, {"1.0"}}};
+}
+
+KindCase any_integers(tavrix_kind kind) {
+    return {of_kind(kind),
+            read_integer,
+            {{"-2147483648", "-2147483648"}, {"2147483647", "2147483647"}},
+            {{"-2147483649"}, {"2147483648"}, {R"("1")"}, {"true"}}};
+}
+
+std::vector<KindCase> integer_kinds() {
+    return {
+        integers_within(TAVRIX_KIND_VLAN_ID, 1, 4092),
+        integers_within(TAVRIX_KIND_UNIT_ID, 1, 1),
+        integers_within(TAVRIX_KIND_PERIODIC_INTERVAL, 1, 3600),
+        integers_within(TAVRIX_KIND_LASER_ID, 0, 1),
+        integers_within(TAVRIX_KIND_OLT_ID, 0, 1),
+        integers_within(TAVRIX_KIND_ONU_ID, -1, 128),
+        integers_within(TAVRIX_KIND_PORT_NUMBER, 1, 128),
+        any_integers(TAVRIX_KIND_PORT_LINK_SPEED),
+        any_integers(TAVRIX_KIND_ENABLE),
+    };
+}
+
+std::vector<KindCase> list_kinds() {
+    const std::string port = R"({"port_number":7,"port_status":1,"poe_status":2,"link_status":3,"link_speed":4,)"
+                             R"("vlan_mode":5,"vlan_ids":[9]})";
+    const std::string hardware = R"({"port_number":7,"poe_status":2,"link_status":3,"link_speed":4})";
+    const std::string filter = R"({"mac":"aa-bb-cc-00-11-22","mask":"ff:ff:ff:00:00:00"})";
+    return {
+        {of_kind(TAVRIX_KIND_VLAN_IDS),
+         read_integers,
+         {{"[1,4092]", "1,4092"}, {"[]", ""}},
+         {{"[4093]"}, {"[0]"}, {R"(["1"])"}, {"1"}, {array_of(33, "1"), "-32033"}, {""}}},
+        {of_kind(TAVRIX_KIND_PORTS),
+         read_ports,
+         {{"[" + port + "]", "1 7 1 2 3 4 5 1 9"}, {"[]", "0"}},
+         {{"[" + hardware + "]"}, {"[1]"}, {"{}"}, {array_of(129, port)}, {""}}},
+        {of_kind(TAVRIX_KIND_PORTS_HARDWARE),
+         read_hardware,
+         {{"[" + hardware + "]", "1 7 2 3 4"}, {"[]", "0"}},
+         {{R"([{"port_number":7}])"}, {"[1]"}, {"{}"}, {array_of(129, hardware)}, {""}}},
+        {of_kind(TAVRIX_KIND_MAC_FILTERS),
+         read_filters,
+         {{"[" + filter + "]", "1 AA:BB:CC:00:11:22 FF:FF:FF:00:00:00"}, {"[]", "0"}},
+         {{R"([{"mac":"aa-bb-cc-00-11-22"}])"}, {"[1]"}, {"{}"}, {array_of(129, filter)}, {""}}},
+    };
+}
+
+std::vector<KindCase> kind_cases() {
+    std::vector<KindCase> all;
+    for (const auto &some : {plain_kinds(), text_kinds(), integer_kinds(), list_kinds()}) {
+        all.insert(all.end(), some.begin(), some.end());
+    }
+    return all;
+}
+
+/** What the handler of the kind under test reads its parameter with. */
+std::string (*read_value)(const tavrix_call *call) = nullptr;
+
+int show_value(tavrix_call *call) {
+    last_values = read_value(call);
+    return 0;
+}
+
+void expect_taken_and_refused(const KindCase &kind) {
+    read_value = kind.read;
+    const tavrix_service_param row[] = {kind.row, TAVRIX_PARAM_END};
+    const tavrix_service_method table[] = {TAVRIX_METHOD("t.One", show_value, "", row, nullptr, 0), TAVRIX_METHOD_END};
+    Stage stage(table);
+    for (const Taken &taken : kind.taken) {
+        last_values = "(not called)";
+        const std::string answer = stage.ask("t.One", "{\"value\":" + taken.json + "}");
+        EXPECT_EQ(last_values, taken.value) << taken.json << ": " << answer;
+    }
+    for (const Refused &refused : kind.refused) {
+        last_values = "(not called)";
+        const std::string answer = stage.ask("t.One", refused.json.empty() ? "{}" : "{\"value\":" + refused.json + "}");
+        const std::string data = member(member(answer, "error"), "data");
+        EXPECT_EQ(last_values, "(not called)") << refused.json;
+        EXPECT_EQ(code_of(answer), refused.code) << refused.json << ": " << answer;
+        EXPECT_EQ(member(data, "parameter"), "\"value\"") << refused.json << ": " << answer;
+        EXPECT_GT(member(data, "allowed").size(), std::string("\"\"").size()) << refused.json << ": " << answer;
+        EXPECT_EQ(member(data, "allowed").front(), '"') << refused.json << ": " << answer;
+    }
+}
+
+} // namespace
+
+TEST(Kinds, HandOverWhatTheyTakeAndRefuseTheRest) {
+    const LogCapture log("info");
+    for (const KindCase &kind : kind_cases()) {
+        SCOPED_TRACE("kind " + std::to_string(kind.row.kind));
+        expect_taken_and_refused(kind);
+    }
+}
+
+TEST(Kinds, AreAllTried) {
+    std::map<int, int> times;
+    for (const KindCase &kind : kind_cases()) {
+        ++times[kind.row.kind];
+        EXPECT_GE(kind.taken.size(), 1U) << kind.row.kind;
+        // Any JSON is a value, so that kind can only be missed.
+        EXPECT_GE(kind.refused.size(), kind.row.kind == TAVRIX_KIND_JSON ? 1U : 2U) << kind.row.kind;
+    }
+    for (int kind = TAVRIX_KIND_NONE + 1; kind < TAVRIX_KIND_COUNT; ++kind) {
+        EXPECT_EQ(times[kind], 1) << "rows of the kind " << kind;
+    }
+}
+
+TEST(Rows, AreCheckedInTheTablesOrderWhateverTheRequests) {
+    const LogCapture log("info");
+    const tavrix_service_param unsorted[] = {
+        TAVRIX_PARAM("middle", TAVRIX_KIND_IP_ADDRESS, "", 0),
+        TAVRIX_PARAM("zone", TAVRIX_KIND_VLAN_ID, "", 0),
+        TAVRIX_PARAM("alpha", TAVRIX_KIND_STATUS, "", 0),
+        TAVRIX_PARAM_END,
+    };
+    const tavrix_service_method table[] = {TAVRIX_METHOD(
+                                               "t.Rows", [](tavrix_call *) { return 0; }, "", unsorted, nullptr, 0),
+                                           TAVRIX_METHOD_END};
+    Stage stage(table);
+    const auto refused = [&](const std::string &params) {
+        return member(member(member(stage.ask("t.Rows", params), "error"), "data"), "parameter");
+    };
+    EXPECT_EQ(refused(R"({"middle":"192.168.1.1","zone":0,"alpha":"up"})"), "\"zone\"");
+    EXPECT_EQ(refused(R"({"alpha":"up","zone":0,"middle":"192.168.1.1"})"), "\"zone\"");
+    EXPECT_EQ(refused(R"({"alpha":"up","zone":7,"middle":"1.1.1"})"), "\"middle\"");
+    EXPECT_EQ(refused(R"({"alpha":"up","zone":0,"middle":"1.1.1"})"), "\"middle\"");
+    EXPECT_EQ(refused(R"({"alpha":"up","zone":7,"middle":"192.168.1.1"})"), "\"alpha\"");
+    EXPECT_EQ(refused(R"({"alpha":"up","middle":"192.168.1.1"})"), "\"zone\"") << "a missing one is no later";
+}
+
 // --- The kinds' bounds are the library's ---------------------------------------------------------------------------
 
 namespace {

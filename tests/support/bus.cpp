@@ -1,14 +1,16 @@
 #include "support/bus.h"
 
 #include <chrono>
+#include <cstddef>
+#include <cstdio>
 #include <cstdlib>
-#include <random>
 #include <stdexcept>
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include "tavrix_mq.h"
@@ -39,21 +41,61 @@ bool can_bind(int port) {
     return bound;
 }
 
-} // namespace
-
-int free_port() {
-    // Below those that the kernel gives to clients: one of another test's might take it before it is used here.
-    constexpr int first = 10240;
-    constexpr int end = 32768;
-    static std::minstd_rand random{std::random_device()()};
-    for (int attempt = 0; attempt < 1000; ++attempt) {
-        const int port = std::uniform_int_distribution<int>(first, end - 1)(random);
-        if (can_bind(port)) {
-            return port;
+/**
+ * A range of ports that is this process's alone: between choosing a port and binding it no other test can choose it
+ * too. The claim is the name of a socket that is no file, so that it ends with the process, however that ends.
+ */
+class OwnPorts {
+  public:
+    OwnPorts() noexcept : claim_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+        for (int attempt = 0; attempt < ranges && first_ == 0; ++attempt) {
+            const int range = (getpid() + attempt) % ranges;
+            if (claims(range)) {
+                first_ = lowest + range * count;
+            }
         }
     }
-    throw std::runtime_error("no free port");
-}
+    OwnPorts(const OwnPorts &) = delete;
+    OwnPorts &operator=(const OwnPorts &) = delete;
+    ~OwnPorts() { close(claim_); }
+
+    /** The next one that can be bound: each is used again as late as possible. */
+    int next() {
+        for (int attempt = 0; attempt < count && first_ != 0; ++attempt) {
+            const int port = first_ + static_cast<int>(next_++ % count);
+            if (can_bind(port)) {
+                return port;
+            }
+        }
+        throw std::runtime_error("no free port");
+    }
+
+  private:
+    // Below those that the kernel gives to clients: one of another test's might take it before it is used here.
+    static constexpr int lowest = 10240;
+    static constexpr int count = 128;
+    static constexpr int ranges = (32768 - lowest) / count;
+
+    bool claims(int range) const {
+        sockaddr_un name{};
+        name.sun_family = AF_UNIX;
+        // Behind a first zero byte it is a name of the kernel's, not a file's.
+        const int length = std::snprintf(name.sun_path + 1, sizeof name.sun_path - 1, "tavrix-test-ports-%d", range);
+        const size_t size = offsetof(sockaddr_un, sun_path) + 1 + static_cast<size_t>(length);
+        return bind(claim_, reinterpret_cast<const sockaddr *>(&name), static_cast<socklen_t>(size)) == 0;
+    }
+
+    int claim_;
+    int first_ = 0; ///< 0: there is none
+    unsigned next_ = 0;
+};
+
+/** Claimed before the tests begin: some count descriptors, or let system calls fail. */
+OwnPorts own_ports;
+
+} // namespace
+
+int free_port() { return own_ports.next(); }
 
 std::string free_bus_address() { return "tcp://127.0.0.1:" + std::to_string(free_port()); }
 

@@ -12,7 +12,7 @@ namespace support {
 /** Waits until the condition holds; false when it does not within the time. */
 bool wait_until(const std::function<bool()> &condition, int timeout_ms = 20000);
 
-/** A TCP port on loopback that nobody listens on at the moment. */
+/** A TCP port on loopback that nobody listens on at the moment, and that no other test program is given. */
 int free_port();
 
 /** "tcp://127.0.0.1:" and a free port. */

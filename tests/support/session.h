@@ -46,7 +46,7 @@ struct Registration {
     std::string publish = "[]";
     std::string methods = R"(["ports.Get"])";
     std::string direct = "true";
-    std::string callers = ""; ///< whether it asks to be told who calls
+    std::string callers = {}; ///< whether it asks to be told who calls
 
     /** Of a service that takes its requests from the bus. */
     static Registration on_bus() {

@@ -42,6 +42,25 @@ struct Words {
     return ::testing::AssertionSuccess();
 }
 
+/** Whether the line of the log that holds the text is one at error level, which no log level leaves out. */
+::testing::AssertionResult is_an_error(const std::string &log, const std::string &text) {
+    const size_t at = log.find(text);
+    if (at == std::string::npos) {
+        return ::testing::AssertionFailure() << "'" << text << "' is not in: " << log;
+    }
+    const size_t begin = log.rfind('\n', at) + 1; // of the first line, too: one behind npos is 0
+    if (log.substr(begin, at - begin).find("[ERROR] [") == std::string::npos) {
+        return ::testing::AssertionFailure() << "'" << text << "' is no error in: " << log;
+    }
+    return ::testing::AssertionSuccess();
+}
+
+/** The same as tells(), of a daemon, whose log tells the cause as an error. */
+::testing::AssertionResult fails_to_start(const Finished &finished, const Words &words) {
+    const ::testing::AssertionResult told = tells(finished, 1, words);
+    return told ? is_an_error(finished.diagnostics, words.cause) : told;
+}
+
 /** Router and ports service, asked as an operator asks. */
 class Mistakes : public ::testing::Test {
   protected:
@@ -140,6 +159,7 @@ TEST_F(Mistakes, AStoppedRouterIsMissed) {
 TEST_F(Mistakes, AServiceWithoutARouterSaysThatItWaits) {
     const support::Process ports("portsd", {TAVRIX_PORTSD, "--session", "none.sock"});
     EXPECT_TRUE(ports.says("Waiting for the router at none.sock: No such file or directory; is it running?\n"));
+    EXPECT_TRUE(is_an_error(ports.log(), "Waiting for the router at none.sock"));
 }
 
 TEST_F(Mistakes, AStoppedServiceIsNamed) {
@@ -210,10 +230,10 @@ TEST_F(Mistakes, ASocketThatIsNotForThisUserSaysSo) {
 
 TEST_F(Mistakes, ASecondRouterFindsTheFirstOnesPlacesTaken) {
     start();
-    EXPECT_TRUE(tells(start_another_router({"--socket", "router.sock"}), 1,
-                      {"Cannot listen on router.sock", "another daemon serves there"}));
-    EXPECT_TRUE(tells(run({TAVRIX_ROUTERD, "--socket", "other.sock", "--publish", fleet.router_address}), 1,
-                      {"Address already in use", "is another router running?"}));
+    EXPECT_TRUE(fails_to_start(start_another_router({"--socket", "router.sock"}),
+                               {"Cannot listen on router.sock", "another daemon serves there"}));
+    EXPECT_TRUE(fails_to_start(run({TAVRIX_ROUTERD, "--socket", "other.sock", "--publish", fleet.router_address}),
+                               {"Address already in use", "is another router running?"}));
 }
 
 TEST_F(Mistakes, ASecondServiceOfANameIsRefused) {
@@ -222,19 +242,21 @@ TEST_F(Mistakes, ASecondServiceOfANameIsRefused) {
         "second", {TAVRIX_PORTSD, "--session", "session.sock", "--publish", support::free_bus_address()});
     EXPECT_TRUE(second.says("refuses portsd: a service of this name is registered already"));
     EXPECT_TRUE(second.says("is another one running?"));
+    EXPECT_TRUE(is_an_error(second.log(), "refuses portsd: a service of this name is registered already"));
 }
 
 TEST_F(Mistakes, ATakenTcpPortIsNamed) {
     const int port = support::free_port();
     fleet.start_lone_router({"--tcp", std::to_string(port)});
     const std::string cause = "Cannot listen on TCP port " + std::to_string(port);
-    EXPECT_TRUE(
-        tells(start_another_router({"--tcp", std::to_string(port)}), 1, {cause.c_str(), "somebody serves there"}));
+    EXPECT_TRUE(fails_to_start(start_another_router({"--tcp", std::to_string(port)}),
+                               {cause.c_str(), "somebody serves there"}));
 }
 
 TEST_F(Mistakes, AFolderThatIsMissingIsMissed) {
-    EXPECT_TRUE(tells(start_another_router({"--socket", "no/folder/x.sock"}), 1,
-                      {"Cannot listen on no/folder/x.sock: No such file or directory", "does its folder exist"}));
+    EXPECT_TRUE(
+        fails_to_start(start_another_router({"--socket", "no/folder/x.sock"}),
+                       {"Cannot listen on no/folder/x.sock: No such file or directory", "does its folder exist"}));
 }
 
 TEST_F(Mistakes, AnAddressThatTheBusCannotTakeSaysWhichItCan) {
@@ -242,29 +264,29 @@ TEST_F(Mistakes, AnAddressThatTheBusCannotTakeSaysWhichItCan) {
     for (const std::string &address : {too_long, std::string("http://127.0.0.1:7001"), std::string("nonsense")}) {
         const std::string cause = "Cannot publish on " + address;
         const Words wanted = {cause.c_str(), "an address begins with tcp:// or ipc:// and has at most 113 bytes"};
-        EXPECT_TRUE(tells(run({TAVRIX_ROUTERD, "--socket", "other.sock", "--publish", address}), 1, wanted));
-        EXPECT_TRUE(tells(run({TAVRIX_PORTSD, "--session", "none.sock", "--publish", address}), 1, wanted));
+        EXPECT_TRUE(fails_to_start(run({TAVRIX_ROUTERD, "--socket", "other.sock", "--publish", address}), wanted));
+        EXPECT_TRUE(fails_to_start(run({TAVRIX_PORTSD, "--session", "none.sock", "--publish", address}), wanted));
     }
-    EXPECT_TRUE(tells(run({TAVRIX_ROUTERD, "--socket", "other.sock", "--publish", "tcp://192.0.2.1:7001"}), 1,
-                      {"Cannot publish on tcp://192.0.2.1:7001", "is that address one of this machine?"}));
+    EXPECT_TRUE(fails_to_start(run({TAVRIX_ROUTERD, "--socket", "other.sock", "--publish", "tcp://192.0.2.1:7001"}),
+                               {"Cannot publish on tcp://192.0.2.1:7001", "is that address one of this machine?"}));
 }
 
 TEST_F(Mistakes, AServiceThatNobodyCouldReachSaysWhatItNeeds) {
-    EXPECT_TRUE(tells(run({TAVRIX_PORTSD, "--session", "", "--publish", fleet.ports_address}), 1,
-                      {"Without a session", "the bus addresses to listen to have to be given"}));
+    EXPECT_TRUE(fails_to_start(run({TAVRIX_PORTSD, "--session", "", "--publish", fleet.ports_address}),
+                               {"Without a session", "the bus addresses to listen to have to be given"}));
 }
 
 TEST_F(Mistakes, AMissingDatabaseSaysHowOneIsMade) {
-    EXPECT_TRUE(tells(start_ports_with("missing.db"), 1,
-                      {"Cannot open the database missing.db", "it is made with: sqlite3 missing.db <schema.sql"}));
+    EXPECT_TRUE(fails_to_start(start_ports_with("missing.db"), {"Cannot open the database missing.db",
+                                                                "it is made with: sqlite3 missing.db <schema.sql"}));
     EXPECT_TRUE(tells(ctl({"db", "check", "missing.db"}), 1,
                       {"missing.db: unable to open database file", "tavrixctl db init makes one"}));
 }
 
 TEST_F(Mistakes, ADatabaseWithoutTheSchemaSaysWhichTableIsMissing) {
     support::Sql().run("DROP TABLE units");
-    EXPECT_TRUE(tells(start_ports_with("zqn_h7.db"), 1,
-                      {"no such table: units", "one is made with: sqlite3 zqn_h7.db <schema.sql"}));
+    EXPECT_TRUE(fails_to_start(start_ports_with("zqn_h7.db"),
+                               {"no such table: units", "one is made with: sqlite3 zqn_h7.db <schema.sql"}));
 }
 
 TEST_F(Mistakes, AnUnknownOptionOfADaemonIsNamed) {
@@ -284,11 +306,11 @@ TEST_F(Mistakes, AWrongLineOfAConfigurationFileIsNamedWithItsNumber) {
 
 TEST_F(Mistakes, AWrongLineOfAPolicyIsNamedWithItsNumber) {
     write_file("policy.conf", "[unix]\nall=ports.Get, mzu.List\n");
-    EXPECT_TRUE(tells(start_another_router({"--policy", "policy.conf"}), 1,
-                      {"policy.conf cannot be used: line 2", "' mzu.List' is no method pattern"}));
+    EXPECT_TRUE(fails_to_start(start_another_router({"--policy", "policy.conf"}),
+                               {"policy.conf cannot be used: line 2", "' mzu.List' is no method pattern"}));
     write_file("policy.conf", "[unix]\ngroup.nobody-s=*\n");
     EXPECT_TRUE(
-        tells(start_another_router({"--policy", "policy.conf"}), 1, {"line 2", "there is no group 'nobody-s'"}));
+        fails_to_start(start_another_router({"--policy", "policy.conf"}), {"line 2", "there is no group 'nobody-s'"}));
 }
 
 TEST_F(Mistakes, AWrongScriptOfLinkChangesIsNamedWithItsLine) {

@@ -31,7 +31,7 @@ Json catalogue() {
     const std::string unknown = tavrix_jrpc_error_message(0);
     for (int code = last_code; code >= first_code; --code) {
         if (code == TAVRIX_JRPC_UNKNOWN_ERROR || tavrix_jrpc_error_message(code) != unknown) {
-            json_object_set_new(errors.get(), std::to_string(code).c_str(), error_json(code).release());
+            put(errors.get(), std::to_string(code).c_str(), error_json(code));
         }
     }
     return errors;
@@ -56,7 +56,11 @@ std::string find_flaw_of(const json_t *document, const Service &service) {
     if (!json_is_array(methods)) {
         return "document: an object with methods, an array";
     }
-    if (json_dumpb(document, nullptr, 0, JSON_COMPACT | JSON_ENSURE_ASCII) > max_document) {
+    const size_t length = json_dumpb(document, nullptr, 0, JSON_COMPACT | JSON_ENSURE_ASCII);
+    if (length == 0) {
+        throw std::bad_alloc();
+    }
+    if (length > max_document) {
         return "document: at most " + std::to_string(max_document) + " bytes";
     }
     for (size_t i = 0; i < json_array_size(methods); ++i) {
@@ -101,13 +105,13 @@ Json Router::discover() const {
     std::set<std::string> names;
     const auto add = [&](json_t *method) {
         if (names.insert(text_member(method, "name")).second) { // two services of one prefix have one discovery
-            json_array_append(methods.get(), method);
+            append(methods.get(), share(method));
         }
     };
     for (const auto *method = own_methods; method->name != nullptr; ++method) {
         Json errors(json_array());
         for (const int code : codes_of_own_methods) {
-            json_array_append_new(errors.get(), error_json(code).release());
+            append(errors.get(), error_json(code));
         }
         const Json described(json_pack("{s:s, s:s, s:[{s:s}], s:s, s:o, s:{s:s, s:o}, s:o, s:[]}", "name", method->name,
                                        "summary", method->summary, "tags", "name", method->tag, "paramStructure",
@@ -122,9 +126,10 @@ Json Router::discover() const {
             add(json_array_get(described, i));
         }
     }
+    Json errors = catalogue();
     return Json(json_pack("{s:s, s:{s:s, s:s}, s:o, s:{s:o}}", "openrpc", openrpc_version, "info", "title", "tavrix",
                           "version", TAVRIX_VERSION, "methods", methods.release(), "components", "errors",
-                          catalogue().release()));
+                          errors.release()));
 }
 
 } // namespace router

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <new>
 #include <utility>
 
 #include "tavrix_jrpc.h"
@@ -66,6 +67,18 @@ int find_envelope_error(const json_t *request) {
         return TAVRIX_JRPC_INVALID_PARAMS;
     }
     return json_is_string(json_object_get(request, "method")) ? 0 : TAVRIX_JRPC_METHOD_NOT_FOUND;
+}
+
+void put(json_t *object, const char *key, Json value) {
+    if (json_object_set_new(object, key, value.release()) != 0) {
+        throw std::bad_alloc();
+    }
+}
+
+void append(json_t *array, Json value) {
+    if (json_array_append_new(array, value.release()) != 0) {
+        throw std::bad_alloc();
+    }
 }
 
 Json message_data(const std::string &message) {

@@ -36,6 +36,10 @@ bool is_notification(const json_t *message);
 /** The code for what the services' own evaluation would refuse without an answer; 0 when it would go on. */
 int find_envelope_error(const json_t *request);
 
+/** What is to be said whole or not at all: std::bad_alloc without memory for it, or without a value. */
+void put(json_t *object, const char *key, Json value);
+void append(json_t *array, Json value);
+
 /** {"message": ...} */
 Json message_data(const std::string &message);
 

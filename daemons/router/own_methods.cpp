@@ -100,26 +100,26 @@ int Router::on_status(Own &own) {
     Json services(json_array());
     for (const auto &[name, service] : registry_.registered()) {
         Json shown = describe(*service);
-        json_object_set_new(shown.get(), "state", json_string(name_of(service->state)));
-        json_object_set_new(shown.get(), "direct", json_boolean(service->direct));
-        json_object_set_new(shown.get(), "since", json_integer(service->since));
-        json_object_set_new(shown.get(), "in_flight", json_integer(number(service->calls.size())));
-        json_array_append_new(services.get(), shown.release());
+        put(shown.get(), "state", Json(json_string(name_of(service->state))));
+        put(shown.get(), "direct", Json(json_boolean(service->direct)));
+        put(shown.get(), "since", Json(json_integer(service->since)));
+        put(shown.get(), "in_flight", Json(json_integer(number(service->calls.size()))));
+        append(services.get(), std::move(shown));
     }
     for (const auto &[name, channel] : registry_.heard()) { // registered nowhere: their hello is all that is known
-        json_array_append_new(services.get(), json_pack("{s:s, s:s, s:s}", "name", name.c_str(), "channel",
-                                                        channel.c_str(), "state", name_of(Service::State::listening)));
+        append(services.get(), Json(json_pack("{s:s, s:s, s:s}", "name", name.c_str(), "channel", channel.c_str(),
+                                              "state", name_of(Service::State::listening))));
     }
+    Json methods = statistics_.methods_json();
     const auto total = [this](Outcome outcome) { return number(statistics_.total(outcome)); };
-    own.result.reset(json_pack("{s:b, s:o, s:I, s:I, s:I, s:I, s:I, s:I, s:I, s:I, s:I, s:I, s:I, s:f, s:o}", "locked",
-                               locked_ ? 1 : 0, "services", services.release(), "clients", number(clients_.size()),
-                               "sessions", number(sessions_.size()), "in_flight", number(calls_.size()), "served",
-                               total(Outcome::result) + total(Outcome::error), "timeouts", total(Outcome::timeout),
-                               "gone", total(Outcome::gone), "cancelled", total(Outcome::cancelled), "discarded",
-                               number(statistics_.late), "refused", number(statistics_.refused), "busy",
-                               number(statistics_.busy), "dropped", number(statistics_.dropped), "uptime_s",
-                               std::chrono::duration<double>(daemon_support::Clock::now() - started_).count(),
-                               "methods", statistics_.methods_json()));
+    own.result.reset(json_pack(
+        "{s:b, s:o, s:I, s:I, s:I, s:I, s:I, s:I, s:I, s:I, s:I, s:I, s:I, s:f, s:o}", "locked", locked_ ? 1 : 0,
+        "services", services.release(), "clients", number(clients_.size()), "sessions", number(sessions_.size()),
+        "in_flight", number(calls_.size()), "served", total(Outcome::result) + total(Outcome::error), "timeouts",
+        total(Outcome::timeout), "gone", total(Outcome::gone), "cancelled", total(Outcome::cancelled), "discarded",
+        number(statistics_.late), "refused", number(statistics_.refused), "busy", number(statistics_.busy), "dropped",
+        number(statistics_.dropped), "uptime_s",
+        std::chrono::duration<double>(daemon_support::Clock::now() - started_).count(), "methods", methods.release()));
     return own.result ? 0 : TAVRIX_JRPC_INTERNAL_ERROR;
 }
 
@@ -178,13 +178,13 @@ int Router::on_bus(Own &own) {
     std::string folder;
     for (const std::string &given : config_.publish) {
         const std::string address = absolute(given);
-        json_array_append_new(publish.get(), json_string(address.c_str()));
+        append(publish.get(), Json(json_string(address.c_str())));
         folder = folder.empty() ? folder_of(address) : folder;
     }
     Json services(json_array());
     for (const auto &[name, service] : registry_.registered()) {
         if (service->state == Service::State::up) {
-            json_array_append_new(services.get(), describe(*service).release());
+            append(services.get(), describe(*service));
         }
     }
     own.result.reset(json_pack("{s:o, s:o, s:o, s:i}", "publish", publish.release(), "folder",
@@ -248,6 +248,25 @@ int Router::find_registration_conflict(const Service &wanted, std::string *probl
     return 0;
 }
 
+/** Listens to the first address: all carry the same, which would come once over each. Gives what is wrong with one. */
+std::string Router::listen_to(Service &service, const std::vector<std::string> &addresses) {
+    service.endpoints.reserve(1);
+    for (const std::string &address : addresses) {
+        const int endpoint = bus_.connect(address);
+        if (endpoint >= 0 && service.endpoints.empty()) {
+            service.endpoints.push_back(endpoint);
+        } else if (endpoint >= 0) {
+            bus_.disconnect(endpoint);
+        } else {
+            for (const int connected : service.endpoints) {
+                bus_.disconnect(connected);
+            }
+            return "publish: " + address + " is no address of the bus";
+        }
+    }
+    return "";
+}
+
 int Router::on_register(Own &own) {
     auto &session = static_cast<Session &>(own.client);
     Service wanted;
@@ -268,18 +287,10 @@ int Router::on_register(Own &own) {
         own.problem = "too many services";
         return TAVRIX_JRPC_SYSTEM_BUSY;
     }
-    service->endpoints.reserve(wanted.publish.size());
-    for (const std::string &address : wanted.publish) {
-        const int endpoint = bus_.connect(address);
-        if (endpoint < 0) {
-            own.problem = "publish: " + address + " is no address of the bus";
-            for (const int connected : service->endpoints) {
-                bus_.disconnect(connected);
-            }
-            registry_.remove(wanted.name);
-            return TAVRIX_JRPC_INVALID_PARAMS;
-        }
-        service->endpoints.push_back(endpoint);
+    own.problem = listen_to(*service, wanted.publish);
+    if (!own.problem.empty()) {
+        registry_.remove(wanted.name);
+        return TAVRIX_JRPC_INVALID_PARAMS;
     }
     service->channel = wanted.channel;
     service->publish = std::move(wanted.publish);

@@ -91,13 +91,6 @@ void raise_descriptor_limit() {
     }
 }
 
-/** Ids are never left out or left as they were: an answer must not look like another's. */
-void put(json_t *message, const char *key, Json value) {
-    if (json_object_set_new(message, key, value.release()) != 0) {
-        throw std::bad_alloc();
-    }
-}
-
 /** Who calls is the router's to say: a client's own word for it does not reach a service that might believe it. */
 void name_caller(const Service &service, const Peer &peer, json_t *request) {
     json_object_del(request, "caller");
@@ -307,10 +300,7 @@ void Router::answer_own(Client &client, json_t *request, Own *own) {
         return;
     }
     const Json envelope = make_result(std::move(id), std::move(transaction_id), Json(json_null()));
-    std::string text(render(envelope.get()));
-    if (text.empty()) {
-        throw std::bad_alloc();
-    }
+    std::string text = whole_text(envelope);
     text.replace(text.rfind("null"), 4, own->result_text); // an id, which might say so too, stands before it
     client.answer_text(text, own->batch);
 }
@@ -703,13 +693,17 @@ void Router::end_registration(Service &service, Json answer) {
 }
 
 void Router::up(Service &service) {
+    const Json notification = make_notification("router.ServiceUp", describe(service));
+    const std::string line = whole_text(notification); // without memory it is settling still, until its next hello
+    LOG_WITHIN(lines_of_services, LOG_INFO("Service %s settled on channel %s\n", printable(service.name).c_str(),
+                                           printable(service.channel).c_str()));
     service.state = Service::State::up;
     discovered_.clear();
     service.since = std::time(nullptr);
-    LOG_WITHIN(lines_of_services, LOG_INFO("Service %s settled on channel %s\n", printable(service.name).c_str(),
-                                           printable(service.channel).c_str()));
-    end_registration(service, make_result(share(service.registration.id), nullptr, Json(json_integer(TAVRIX_OK))));
-    tell_services(make_notification("router.ServiceUp", describe(service)), service);
+    tell_services(line, service);
+    guard(service.session, [&] {
+        end_registration(service, make_result(share(service.registration.id), nullptr, Json(json_integer(TAVRIX_OK))));
+    });
 }
 
 void Router::gone(Service &service) {
@@ -737,18 +731,27 @@ void Router::gone(Service &service) {
     }
     if (was_up) {
         guard(nullptr, [&] {
-            tell_services(
-                make_notification("router.ServiceDown", Json(json_pack("{s:s}", "name", service.name.c_str()))),
-                service);
+            // Without memory nobody is told: what they keep is an address on which nothing comes.
+            const Json down =
+                make_notification("router.ServiceDown", Json(json_pack("{s:s}", "name", service.name.c_str())));
+            tell_services(whole_text(down), service);
         });
     }
 }
 
-void Router::tell_services(const Json &notification, const Service &except) {
-    const std::string line(render(notification.get()));
+/** As it is sent, in memory of its own. */
+std::string Router::whole_text(const Json &message) {
+    std::string text(render(message.get()));
+    if (text.empty()) {
+        throw std::bad_alloc();
+    }
+    return text;
+}
+
+void Router::tell_services(const std::string &line, const Service &except) {
     for (Session *session : sessions_) {
         if (session->service != nullptr && session->service != &except) {
-            session->send_request(line);
+            session->tell(line);
         }
     }
 }
@@ -756,11 +759,11 @@ void Router::tell_services(const Json &notification, const Service &except) {
 Json Router::describe(const Service &service) const {
     Json publish(json_array());
     for (const std::string &address : service.publish) {
-        json_array_append_new(publish.get(), json_string(address.c_str()));
+        append(publish.get(), Json(json_string(address.c_str())));
     }
     Json methods(json_array());
     for (const std::string &method : service.methods) {
-        json_array_append_new(methods.get(), json_string(method.c_str()));
+        append(methods.get(), Json(json_string(method.c_str())));
     }
     return Json(json_pack("{s:s, s:s, s:o, s:o}", "name", service.name.c_str(), "channel", service.channel.c_str(),
                           "publish", publish.release(), "methods", methods.release()));
@@ -813,9 +816,10 @@ void Router::show_traffic(const char *leg, const Call *call, const std::string &
                           service != nullptr && service->direct ? "direct" : "bus", "client",
                           call != nullptr ? json_string(name_of(call->client.peer.road)) : json_null(), "message",
                           message != nullptr ? message : json_null()));
-    if (outcome != nullptr) {
-        json_object_set_new(params.get(), "outcome", json_string(outcome));
-        json_object_set_new(params.get(), "seconds", json_real(seconds_since(call->started)));
+    if (outcome != nullptr &&
+        (json_object_set_new(params.get(), "outcome", json_string(outcome)) != 0 ||
+         json_object_set_new(params.get(), "seconds", json_real(seconds_since(call->started))) != 0)) {
+        params.reset(); // the caller is not to blame: the monitors are closed
     }
     const Json traffic = make_notification("router.Traffic", std::move(params));
     const std::string line(render(traffic.get()));

@@ -170,7 +170,8 @@ class Router {
     void end_registration(Service &service, Json answer);
     void up(Service &service);
     void gone(Service &service);
-    void tell_services(const Json &notification, const Service &except);
+    std::string whole_text(const Json &message);
+    void tell_services(const std::string &line, const Service &except);
     Json describe(const Service &service) const;
 
     // Notifications and monitors
@@ -194,6 +195,7 @@ class Router {
     int on_unsubscribe(Own &own);
     int on_monitor(Own &own);
     std::string read_registration(const json_t *params, Service *wanted) const;
+    std::string listen_to(Service &service, const std::vector<std::string> &addresses);
     int find_registration_conflict(const Service &wanted, std::string *problem);
 
     Config config_;

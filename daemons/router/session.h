@@ -32,6 +32,10 @@ class Session final : public Client {
     bool takes_requests() { return !has_unread_beyond(max_unread); }
     /** A request, for a direct service; false when it has too many unread already. */
     bool send_request(std::string_view line);
+    /** What a service must not miss: one that cannot have it is closed, and learns it when it registers anew. */
+    void tell(std::string_view line) {
+        has_unread_beyond(max_unread) ? give_up("A service does not read what it is told") : write_line(line);
+    }
     /** May be dropped when the session does not read; it is told how many were, as soon as it does. */
     void send_notification(std::string_view line);
     /** What has been written since the last time; called at the end of the turn. */

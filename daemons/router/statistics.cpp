@@ -4,8 +4,6 @@
 #include <cmath>
 #include <cstdio>
 
-#include "message.h"
-
 namespace router {
 
 namespace {
@@ -92,23 +90,23 @@ uint64_t Statistics::total(Outcome outcome) const {
     return sum;
 }
 
-json_t *Statistics::methods_json() const {
-    json_t *object = json_object();
+Json Statistics::methods_json() const {
+    Json methods(json_object());
     for (const auto &[name, row] : methods_) {
         uint64_t calls = 0;
         for (const uint64_t count : row.outcomes) {
             calls += count;
         }
-        json_object_set_new(
-            object, name.c_str(),
-            json_pack("{s:I, s:I, s:I, s:I, s:I, s:f, s:f, s:f}", "calls", static_cast<json_int_t>(calls), "errors",
-                      static_cast<json_int_t>(row.of(Outcome::error)), "timeouts",
-                      static_cast<json_int_t>(row.of(Outcome::timeout)), "gone",
-                      static_cast<json_int_t>(row.of(Outcome::gone)), "cancelled",
-                      static_cast<json_int_t>(row.of(Outcome::cancelled)), "p50_ms", row.latency.percentile(0.5) * 1000,
-                      "p90_ms", row.latency.percentile(0.9) * 1000, "p99_ms", row.latency.percentile(0.99) * 1000));
+        put(methods.get(), name.c_str(),
+            Json(json_pack("{s:I, s:I, s:I, s:I, s:I, s:f, s:f, s:f}", "calls", static_cast<json_int_t>(calls),
+                           "errors", static_cast<json_int_t>(row.of(Outcome::error)), "timeouts",
+                           static_cast<json_int_t>(row.of(Outcome::timeout)), "gone",
+                           static_cast<json_int_t>(row.of(Outcome::gone)), "cancelled",
+                           static_cast<json_int_t>(row.of(Outcome::cancelled)), "p50_ms",
+                           row.latency.percentile(0.5) * 1000, "p90_ms", row.latency.percentile(0.9) * 1000, "p99_ms",
+                           row.latency.percentile(0.99) * 1000)));
     }
-    return object;
+    return methods;
 }
 
 std::string Statistics::metrics() const {

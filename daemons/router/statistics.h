@@ -10,7 +10,7 @@
 #include <map>
 #include <string>
 
-#include <jansson.h>
+#include "message.h"
 
 namespace router {
 
@@ -35,7 +35,7 @@ class Histogram {
     static constexpr int powers = 32; // from a microsecond to an hour
     static double upper_bound_of(size_t bucket);
 
-    std::array<uint32_t, static_cast<size_t>(steps_per_power) * powers> buckets_{};
+    std::array<uint64_t, static_cast<size_t>(steps_per_power) * powers> buckets_{};
     uint64_t count_ = 0;
     double sum_ = 0;
 };
@@ -57,7 +57,7 @@ class Statistics {
 
     uint64_t total(Outcome outcome) const;
     /** As router.Status shows it. */
-    json_t *methods_json() const;
+    Json methods_json() const;
     /** As Prometheus reads it. */
     std::string metrics() const;
 

@@ -252,12 +252,12 @@ bool connect_endpoint(tavrix_service *service, const char *address, const char *
     return true;
 }
 
-void connect_all(tavrix_service *service, const json_t *addresses, const char *owner) {
-    for (size_t i = 0; i < json_array_size(addresses); ++i) {
+/** Listens to the first that can be: all carry the same, and a request that came over each would be run as often. */
+void connect_to_one(tavrix_service *service, const json_t *addresses, const char *owner) {
+    bool is_connected = false;
+    for (size_t i = 0; i < json_array_size(addresses) && !is_connected; ++i) {
         const char *address = json_string_value(json_array_get(addresses, i));
-        if (address != nullptr) {
-            connect_endpoint(service, address, owner, false);
-        }
+        is_connected = address != nullptr && connect_endpoint(service, address, owner, false);
     }
 }
 
@@ -265,7 +265,7 @@ void connect_all(tavrix_service *service, const json_t *addresses, const char *o
 void connect_service(tavrix_service *service, const json_t *description) {
     const char *name = json_string_value(json_object_get(description, "name"));
     if (name != nullptr && *name != '\0' && std::strcmp(name, service->name) != 0) {
-        connect_all(service, json_object_get(description, "publish"), name);
+        connect_to_one(service, json_object_get(description, "publish"), name);
     }
 }
 
@@ -414,7 +414,7 @@ bool bus_follow(tavrix_service *service, const json_t *answer) {
     for (size_t i = 0; i < bus->endpoint_count; ++i) {
         bus->endpoints[i].wanted = false;
     }
-    connect_all(service, json_object_get(answer, "publish"), "");
+    connect_to_one(service, json_object_get(answer, "publish"), "");
     const json_t *services = json_object_get(answer, "services");
     for (size_t i = 0; i < json_array_size(services); ++i) {
         connect_service(service, json_array_get(services, i));

@@ -108,6 +108,7 @@ json_t *__wrap_json_loadb(const char *text, size_t size, size_t flags, json_erro
     const Truce nothing_inside;
     return __real_json_loadb(text, size, flags, error);
 }
+FAILING(json_t *, json_loads, (const char *text, size_t flags, json_error_t *error), (text, flags, error), nullptr)
 FAILING(void *, nn_allocmsg, (size_t size, int type), (size, type), nullptr)
 FAILING(int, nn_send, (int sock, const void *message, size_t size, int flags), (sock, message, size, flags), -1)
 FAILING(int, nn_recv, (int sock, void *message, size_t size, int flags), (sock, message, size, flags), -1)

@@ -7,6 +7,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <regex>
 #include <set>
 #include <string>
 
@@ -33,6 +34,7 @@ using support::StreamClient;
 namespace {
 
 constexpr int most_failures = 2000; // in one attempt
+constexpr char first_channel[] = "3a6f8f51-502f-4238-9638-29764ff1a8a4";
 constexpr char events_channel[] = "505a5451-3ef2-4618-8087-9a22b800a510";
 
 class RouterFaults : public testing::Test {
@@ -62,7 +64,9 @@ class RouterFaults : public testing::Test {
      * Runs the attempt with the first call failing, then with the second, until one gets through with none. It is told
      * nothing of the failure: whatever it hears in its time is well, as long as it is its own.
      */
-    void each_failure(const std::function<void()> &prepare, const std::function<void()> &attempt) {
+    void each_failure(
+        const std::function<void()> &prepare, const std::function<void()> &attempt,
+        const std::function<void()> &look = [] {}) {
         int number = 0;
         bool failed = true;
         while (failed && !HasFailure() && ++number < most_failures) {
@@ -79,6 +83,8 @@ class RouterFaults : public testing::Test {
             ASSERT_TRUE(router_->running()) << what << "\n" << router_->log();
             ASSERT_FALSE(HasFailure()) << what << "\n" << router_->log();
             ASSERT_TRUE(serves_bystander()) << what << "\n" << router_->log();
+            look(); // nothing fails any more
+            ASSERT_FALSE(HasFailure()) << what << "\n" << router_->log();
         }
         EXPECT_GT(number, 5) << "there is more that can fail";
         EXPECT_LT(number, most_failures);
@@ -120,6 +126,41 @@ class RouterFaults : public testing::Test {
         if (asked.find("\"ports.Get\"") != std::string::npos) {
             service_->reply(asked, member(member(asked, "params"), "n"));
         }
+    }
+    static std::string description(const std::string &method) {
+        return request("router.Describe", "\"described\"",
+                       R"(,"params":{"document":{"methods":[{"name":")" + method + R"(","params":[],"result":{}}]}})");
+    }
+    static void describe(SessionClient &service, const std::string &method) {
+        service.say(description(method));
+        const std::string answer = service.hear_of("\"described\"");
+        EXPECT_EQ(member(answer, "result"), "0") << answer;
+    }
+    /** With every number as 0: what answers have in common between which only counts and times have changed. */
+    static std::string shape(const std::string &text) {
+        static const std::regex numbers("-?[0-9][0-9.eE+-]*");
+        return std::regex_replace(text, numbers, "0");
+    }
+    std::string shape_of_answer(const std::string &method) {
+        const std::string answer = bystander_->ask(request(method, "\"shape\""));
+        EXPECT_NE(member(answer, "result"), "(none)") << answer;
+        return shape(member(answer, "result"));
+    }
+    /** What the service has been told of another that has come; empty when nothing, "(closed)" when it was closed. */
+    std::string told_of(const std::string &name) {
+        std::string told;
+        service_->say(request("router.Unlock", "\"so far\""));
+        for (std::string line = service_->hear(); line.find("\"so far\"") == std::string::npos;
+             line = service_->hear()) {
+            if (line == "(closed)" || line == "(time-out)") {
+                return line;
+            }
+            told =
+                line.find("router.ServiceUp") != std::string::npos && line.find("\"" + name + "\"") != std::string::npos
+                    ? line
+                    : told;
+        }
+        return told;
     }
     static std::string call(const std::string &id, const std::string &n) {
         return request("ports.Get", id, ",\"transaction_id\":8,\"params\":{\"n\":" + n + "}");
@@ -246,16 +287,92 @@ TEST_F(RouterFaults, OfARegistrationConcernItsServiceOnly) {
 }
 
 TEST_F(RouterFaults, OfTheRoutersOwnMethodsConcernItsClientOnly) {
-    for (const char *method : {"router.Status", "router.Metrics", "router.Unlock"}) {
-        each_failure([this] { prepare_service(); },
-                     [&] {
-                         SessionClient client;
-                         const std::string answer = client.ask(request(method, "1"));
-                         EXPECT_NE(answer, "(time-out)");
-                         if (member(answer, "result") != "(none)" && std::string(method) == "router.Status") {
-                             EXPECT_NE(member(member(answer, "result"), "locked"), "(none)") << "whole, or not at all";
-                         }
-                     });
+    DirectService other({"other", first_channel, "[]", R"(["mzu.List","mzu.Set"])", "true"});
+    describe(other, "mzu.List");
+    ASSERT_TRUE(serves_bystander()); // the statistics have their row
+    for (const std::string method :
+         {"router.Status", "router.Bus", "rpc.discover", "router.Unlock", "router.Metrics"}) {
+        std::string whole;
+        const auto prepare = [&] {
+            prepare_service();
+            describe(*service_, "ports.Get"); // after which discovery is made anew
+            if (whole.empty()) {
+                whole = shape_of_answer(method);
+                describe(*service_, "ports.Get");
+            }
+        };
+        const auto attempt = [&] {
+            SessionClient client;
+            const std::string answer = client.ask(request(method, "1"));
+            EXPECT_NE(answer, "(time-out)");
+            if (answer != "(closed)" && code_of(answer) == "(none)") {
+                EXPECT_EQ(shape(member(answer, "result")), whole) << "whole, or not at all";
+            }
+        };
+        each_failure(prepare, attempt, [&] {
+            if (method != "router.Metrics") { // which are kept for a moment: the next attempt would get those
+                EXPECT_EQ(shape_of_answer(method), whole) << "asked by another";
+            }
+        });
+    }
+}
+
+TEST_F(RouterFaults, OfADescriptionConcernItsServiceOnly) {
+    prepare_service();
+    const std::string without = shape_of_answer("rpc.discover");
+    describe(*service_, "ports.Get");
+    const std::string with = shape_of_answer("rpc.discover");
+    ASSERT_NE(with, without);
+    std::string described;
+    each_failure([this] { prepare_service(); },
+                 [&] {
+                     service_->say(description("ports.Get"));
+                     described = service_->hear();
+                     EXPECT_NE(described, "(time-out)");
+                 },
+                 [&] {
+                     const std::string shown = shape_of_answer("rpc.discover");
+                     EXPECT_TRUE(shown == with || (shown == without && member(described, "result") == "(none)"))
+                         << shown;
+                 });
+}
+
+TEST_F(RouterFaults, OfARegistrationLeaveNoOtherServiceHalfTold) {
+    int number = 0;
+    for (const bool on_bus : {false, true}) {
+        std::optional<SessionClient> direct;
+        std::optional<BusService> bus;
+        Registration registration;
+        std::string answer;
+        const auto prepare = [&] {
+            direct.reset();
+            bus.reset();
+            const std::string name = "n" + std::to_string(++number);
+            const std::string address = on_bus ? support::free_bus_address() : "[]";
+            registration = {name, first_channel, address, "[\"ports.A" + name + "\",\"ports.B" + name + "\"]",
+                            on_bus ? "" : "true"};
+            prepare_service();
+        };
+        const auto attempt = [&] {
+            if (on_bus) {
+                bus.emplace(fleet_, registration);
+                answer = bus->registered;
+            } else {
+                direct.emplace();
+                answer = direct->ask(registration.line());
+            }
+            EXPECT_NE(answer, "(time-out)");
+        };
+        each_failure(prepare, attempt, [&] {
+            const std::string told = told_of(registration.name);
+            const std::string publish = on_bus ? "[\"" + registration.publish + "\"]" : "[]";
+            const std::string whole = R"({"jsonrpc":"2.0","method":"router.ServiceUp","params":{"name":")" +
+                                      registration.name + R"(","channel":")" + first_channel + R"(","publish":)" +
+                                      publish + ",\"methods\":" + registration.methods + "}}";
+            EXPECT_TRUE(told == whole || told == "(closed)" || (told.empty() && member(answer, "result") != "0"))
+                << told << "\n"
+                << answer;
+        });
     }
 }
 

@@ -150,9 +150,9 @@ TEST_F(Bus, FollowsTheServicesThatTheRouterTellsOf) {
     stage.open(methods);
     stage.router.settles = false;
     ASSERT_TRUE(stage.wait_ready());
-    stage.router.say(
-        R"({"jsonrpc":"2.0","method":"router.ServiceUp","params":{"name":"peer","channel":"c","publish":[")" +
-        peer_address + R"(","nonsense"],"methods":[]}})");
+    stage.router.say(R"({"jsonrpc":"2.0","method":"router.ServiceUp","params":{"name":"peer","channel":"c",)"
+                     R"("publish":["nonsense",")" +
+                     peer_address + R"("],"methods":[]}})");
     int id = 0;
     const std::string address = "ipc://" + stage.router.folder + "/tester";
     ASSERT_EQ(tavrix_mq_socket_connect(peer_sub.number, TAVRIX_TRANSPORT_IPC, address.c_str(), &id), TAVRIX_OK);

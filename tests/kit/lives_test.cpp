@@ -30,6 +30,7 @@ struct Seen {
     std::vector<int> results;
     std::vector<std::string> ends;
     int second_reply = 0;
+    int served_twice = 0; ///< how often t.Twice has run
     tavrix_caller caller = {TAVRIX_ROAD_PULL, 0, 0, 0};
     int late_reply = 0;
     uint64_t late_call = 0;
@@ -94,6 +95,7 @@ int late(tavrix_call *call) {
     return 0;
 }
 int twice(tavrix_call *call) {
+    ++seen.served_twice;
     seen.caller = tavrix_call_caller(call);
     tavrix_call_reply(call, json_integer(1));
     seen.second_reply = tavrix_call_reply(call, json_integer(2));
@@ -130,10 +132,12 @@ class Lives : public testing::Test {
                             "[logging_levels]\npeer=info\nrouterd=info\nt=off\nleft=off\nright=off\n");
     }
 
-    void start_router(const std::string &reply_timeout_ms = "20000") {
-        router_ = std::make_unique<Process>(
-            "routerd", std::vector<std::string>{TAVRIX_ROUTERD, "--socket", "router.sock", "--session", "session.sock",
-                                                "--publish", "ipc://bus/router", "--reply-timeout", reply_timeout_ms});
+    void start_router(const std::string &reply_timeout_ms = "20000", const std::vector<std::string> &more = {}) {
+        std::vector<std::string> arguments{TAVRIX_ROUTERD,     "--socket",        "router.sock",
+                                           "--session",        "session.sock",    "--publish",
+                                           "ipc://bus/router", "--reply-timeout", reply_timeout_ms};
+        arguments.insert(arguments.end(), more.begin(), more.end());
+        router_ = std::make_unique<Process>("routerd", arguments);
         ASSERT_TRUE(router_->says("routerd ready")) << router_->log();
     }
     void start_peer(const std::vector<std::string> &more = {}) {
@@ -290,6 +294,17 @@ TEST_F(Lives, ACallerIsKnownOnTheSessionAndNobodyOnTheBus) {
     ASSERT_TRUE(wait([] { return seen.caller.road == TAVRIX_ROAD_BUS; }));
     EXPECT_EQ(seen.caller.pid, -1);
     EXPECT_EQ(seen.caller.uid, static_cast<uid_t>(-1));
+}
+
+TEST_F(Lives, ARequestOnTheBusIsServedOnceByWhicheverAddressItComes) {
+    start_router("20000", {"--publish", support::free_bus_address()});
+    const Service left = start("left", left_methods);
+    const Service on_bus = start("t", t_methods, TAVRIX_SERVICE_BUS);
+    for (size_t calls = 1; calls <= 100; ++calls) { // long enough for a second connection, which takes its time
+        request(left, "t.Twice");
+        ASSERT_TRUE(wait([calls] { return seen.results.size() == calls; }));
+        ASSERT_EQ(seen.served_twice, static_cast<int>(calls));
+    }
 }
 
 TEST_F(Lives, AServiceThatIsEndedBeforeItServesLeavesNoSocketBehind) {

@@ -1,0 +1,471 @@
+/*
+ * What the router tells of itself in numbers, and what is true of it however it is used: each call has an id of its
+ * own, each listener is where it should be, each publication arrives once.
+ */
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <map>
+#include <regex>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include "support/fleet.h"
+#include "support/json.h"
+#include "support/session.h"
+#include "tavrix_mq.h"
+
+using support::code_of;
+using support::DirectService;
+using support::Fleet;
+using support::member;
+using support::Registration;
+using support::request;
+using support::SessionClient;
+using support::StreamClient;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+double seconds_since(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
+
+std::vector<std::string> lines_of(const std::string &text) {
+    std::vector<std::string> lines;
+    std::istringstream stream(text);
+    for (std::string line; std::getline(stream, line);) {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+/** The text that a JSON string's rendering stands for. */
+std::string text_of(const std::string &rendering) {
+    json_t *value = json_loads(rendering.c_str(), JSON_DECODE_ANY, nullptr);
+    std::string text = json_is_string(value) ? json_string_value(value) : "";
+    json_decref(value);
+    return text;
+}
+
+class RouterStatistics : public testing::Test {
+  protected:
+    RouterStatistics() { fleet.start_lone_router(); }
+
+    std::string status_of(const char *method) {
+        return member(member(member(fleet.ask(request("router.Status", "1")), "result"), "methods"), method);
+    }
+    std::string metrics() { return text_of(member(fleet.ask(request("router.Metrics", "1")), "result")); }
+
+    Fleet fleet;
+};
+
+/** Calls of known delays: the router has measured no less than the service has held, no more than the client waited. */
+struct Delays {
+    std::vector<double> held;
+    std::vector<double> waited;
+
+    void play(DirectService &service, SessionClient &client, int milliseconds) {
+        const auto begun = Clock::now();
+        client.say(request("ports.Get", "1"));
+        const std::string asked = service.next_request();
+        const auto taken = Clock::now();
+        if (milliseconds > 0) {
+            EXPECT_EQ(service.hear(milliseconds), "(time-out)");
+        }
+        held.push_back(seconds_since(taken));
+        service.reply(asked, "0");
+        EXPECT_EQ(member(client.hear(), "result"), "0");
+        waited.push_back(seconds_since(begun));
+    }
+    void sort() {
+        std::sort(held.begin(), held.end());
+        std::sort(waited.begin(), waited.end());
+    }
+    double sum(const std::vector<double> &times) const {
+        double total = 0;
+        for (const double time : times) {
+            total += time;
+        }
+        return total;
+    }
+};
+
+size_t count_within(const std::vector<double> &times, double bound) {
+    return static_cast<size_t>(
+        std::count_if(times.begin(), times.end(), [bound](double time) { return time <= bound; }));
+}
+
+} // namespace
+
+// --- Counts and times ----------------------------------------------------------------------------------------------
+
+TEST_F(RouterStatistics, TellWithinABucketHowLongCallsTook) {
+    DirectService service;
+    SessionClient client;
+    Delays delays;
+    for (int i = 0; i < 20; ++i) {
+        delays.play(service, client, i < 10 ? 0 : (i < 18 ? 10 : 60));
+    }
+    delays.sort();
+    const std::string row = status_of("ports.Get");
+    const struct {
+        const char *member;
+        size_t rank; // of 20
+    } percentiles[] = {{"p50_ms", 10}, {"p90_ms", 18}, {"p99_ms", 20}};
+    double before = 0;
+    for (const auto &percentile : percentiles) {
+        const double shown = std::stod(member(row, percentile.member)) / 1000;
+        EXPECT_GE(shown, delays.held[percentile.rank - 1]) << percentile.member;
+        EXPECT_LE(shown, delays.waited[percentile.rank - 1] * 1.25) << percentile.member;
+        EXPECT_GE(shown, before) << percentile.member;
+        before = shown;
+    }
+    const std::string text = metrics();
+    const std::string name = "tavrix_router_call_seconds";
+    EXPECT_NE(text.find(name + "_count{method=\"ports.Get\"} 20\n"), std::string::npos) << text;
+    std::smatch found;
+    ASSERT_TRUE(std::regex_search(text, found, std::regex(name + R"(_sum\{method="ports.Get"\} (\S+))"))) << text;
+    EXPECT_GE(std::stod(found[1]) * 1.001, delays.sum(delays.held)); // it is shown with six digits
+    EXPECT_LE(std::stod(found[1]) * 0.999, delays.sum(delays.waited));
+    int buckets = 0;
+    for (const std::string &line : lines_of(text)) {
+        if (std::regex_match(line, found,
+                             std::regex(name + R"re(_bucket\{method="ports.Get",le="([0-9.]+)"\} (\d+))re"))) {
+            const double bound = std::stod(found[1]);
+            EXPECT_LE(std::stoul(found[2]), count_within(delays.held, bound)) << line;
+            EXPECT_GE(std::stoul(found[2]), count_within(delays.waited, bound / 1.25)) << line;
+            ++buckets;
+        }
+    }
+    EXPECT_GT(buckets, 10) << text;
+}
+
+TEST_F(RouterStatistics, CountEachCallInOneOutcome) {
+    fleet.start_lone_router({"--reply-timeout", "1000"});
+    SessionClient client;
+    {
+        DirectService service;
+        for (int i = 0; i < 3; ++i) {
+            client.say(request("ports.Get", "1"));
+            service.reply(service.next_request(), "0");
+            EXPECT_EQ(member(client.hear(), "result"), "0");
+        }
+        for (int i = 0; i < 2; ++i) {
+            client.say(request("ports.Get", "1"));
+            service.say(R"({"jsonrpc":"2.0","id":"ports.Get","error":{"code":-32001,"message":"m"},"transaction_id":)" +
+                        member(service.next_request(), "transaction_id") + "}");
+            EXPECT_EQ(code_of(client.hear()), "-32001");
+        }
+        EXPECT_EQ(code_of(client.ask(request("ports.Get", "1"))), "-32005");
+        SessionClient leaving;
+        leaving.say(request("ports.Get", "1"));
+        service.next_request();
+        service.next_request(); // the first is the one without a reply
+        leaving.close();
+        EXPECT_NE(service.hear_of("service.Cancel"), "(closed)");
+        client.say(request("ports.Get", "1"));
+        service.next_request();
+    }
+    EXPECT_EQ(code_of(client.hear()), "-32601");
+    const std::string row = status_of("ports.Get");
+    const std::map<const char *, const char *> counts = {
+        {"calls", "8"}, {"errors", "2"}, {"timeouts", "1"}, {"gone", "1"}, {"cancelled", "1"}};
+    for (const auto &[name, count] : counts) {
+        EXPECT_EQ(member(row, name), count) << row;
+    }
+    const std::string text = metrics();
+    for (const char *line : {"calls_total{method=\"ports.Get\",outcome=\"result\"} 3\n",
+                             "calls_total{method=\"ports.Get\",outcome=\"error\"} 2\n",
+                             "calls_total{method=\"ports.Get\",outcome=\"timeout\"} 1\n",
+                             "calls_total{method=\"ports.Get\",outcome=\"gone\"} 1\n",
+                             "calls_total{method=\"ports.Get\",outcome=\"cancelled\"} 1\n",
+                             "call_seconds_count{method=\"ports.Get\"} 5\n"}) {
+        EXPECT_NE(text.find("\ntavrix_router_" + std::string(line)), std::string::npos) << line << text;
+    }
+}
+
+// --- Prometheus ----------------------------------------------------------------------------------------------------
+
+namespace {
+
+/** Reads the exposition format strictly: what is wrong with a line is a failure. */
+struct Exposition {
+    explicit Exposition(const std::string &text) {
+        EXPECT_EQ(text.back(), '\n');
+        for (const std::string &line : lines_of(text)) {
+            take(line);
+        }
+    }
+
+    void take(const std::string &line) {
+        static const std::regex help(R"(# HELP ([a-zA-Z_:][a-zA-Z0-9_:]*) \S.*)");
+        static const std::regex type(R"(# TYPE ([a-zA-Z_:][a-zA-Z0-9_:]*) (counter|gauge|histogram))");
+        static const std::regex sample(
+            R"re(([a-zA-Z_:][a-zA-Z0-9_:]*)(\{(?:[a-z_]+="(?:[^"\\]|\\["\\n])*",?)+\})? ([0-9][0-9.e+-]*))re");
+        std::smatch parts;
+        if (std::regex_match(line, parts, help)) {
+            EXPECT_TRUE(helped.insert(parts[1]).second) << "twice: " << line;
+        } else if (std::regex_match(line, parts, type)) {
+            EXPECT_EQ(helped.count(parts[1]), 1U) << line;
+            EXPECT_TRUE(types.emplace(parts[1], parts[2]).second) << "twice: " << line;
+            family = parts[1];
+        } else if (std::regex_match(line, parts, sample)) {
+            take_sample(parts[1], parts[2], parts[3]);
+        } else {
+            ADD_FAILURE() << "no line of the format: " << line;
+        }
+    }
+
+    void take_sample(const std::string &name, const std::string &labels, const std::string &value) {
+        size_t used = 0;
+        EXPECT_GE(std::stod(value, &used), 0) << name;
+        EXPECT_EQ(used, value.size()) << value;
+        EXPECT_TRUE(samples.emplace(name + labels, value).second) << "twice: " << name << labels;
+        const bool is_histogram = types[family] == "histogram";
+        const std::string part = name.substr(std::min(name.size(), family.size()));
+        EXPECT_EQ(name.substr(0, family.size()), family) << "below another's type";
+        EXPECT_TRUE(is_histogram ? part == "_bucket" || part == "_sum" || part == "_count" : part.empty()) << name;
+        if (part == "_bucket") {
+            take_bucket(labels, std::stoul(value));
+        } else if (part == "_count") {
+            EXPECT_EQ(bound, "+Inf") << "the last bucket";
+            EXPECT_EQ(std::stoul(value), within) << labels;
+            bound.clear();
+            within = 0;
+            ++histograms;
+        }
+    }
+
+    void take_bucket(const std::string &labels, unsigned long count) {
+        const size_t at = labels.find("le=\"") + 4;
+        const std::string next = labels.substr(at, labels.find('"', at) - at);
+        if (!bound.empty()) {
+            EXPECT_NE(bound, "+Inf") << labels;
+            EXPECT_TRUE(next == "+Inf" || std::stod(next) > std::stod(bound)) << labels;
+        }
+        EXPECT_GE(count, within) << "cumulative: " << labels;
+        bound = next;
+        within = count;
+    }
+
+    std::set<std::string> helped;
+    std::map<std::string, std::string> types;
+    std::map<std::string, std::string> samples;
+    std::string family; ///< whose samples follow
+    std::string bound;  ///< of the bucket before
+    unsigned long within = 0;
+    int histograms = 0;
+};
+
+} // namespace
+
+TEST_F(RouterStatistics, AreWhatPrometheusReads) {
+    Registration registration;
+    registration.methods = R"(["ports.Get","ports.a\"b\\c\u00e9","ports.d{e=\"f\"} 1"])";
+    DirectService service(registration);
+    SessionClient client;
+    Delays delays;
+    for (const int milliseconds : {0, 0, 5, 30}) {
+        delays.play(service, client, milliseconds);
+    }
+    for (const char *method : {R"(ports.a\"b\\c\u00e9)", R"(ports.d{e=\"f\"} 1)"}) {
+        client.say(request(method, "1"));
+        service.reply(service.next_request(), "0");
+        EXPECT_EQ(member(client.hear(), "result"), "0") << method;
+    }
+    client.ask(request("ports.Nothing", "1"));
+    Exposition read(metrics());
+    EXPECT_EQ(read.histograms, 3);
+    EXPECT_EQ(read.samples["tavrix_router_refused_requests_total"], "1");
+    EXPECT_EQ(read.samples["tavrix_router_sessions"], "2");
+    EXPECT_EQ(read.samples["tavrix_router_service_up{service=\"played\"}"], "1");
+    EXPECT_EQ(read.samples[R"(tavrix_router_calls_total{method="ports.Get",outcome="result"})"], "4");
+    // A label's value is printable: of foreign bytes the escapes, whose backslashes the format escapes once more.
+    const char *const names[] = {R"(ports.a\"b\\x5cc\\xc3\\xa9)", R"(ports.d{e=\"f\"} 1)"};
+    for (const std::string name : names) {
+        EXPECT_EQ(read.samples["tavrix_router_call_seconds_count{method=\"" + name + "\"}"], "1") << name;
+    }
+}
+
+// --- Ids -----------------------------------------------------------------------------------------------------------
+
+TEST_F(RouterStatistics, GiveEachCallInFlightANumberOfItsOwn) {
+    constexpr int sessions = 4;
+    constexpr int calls_each = 50;
+    DirectService service;
+    std::vector<SessionClient> clients(sessions);
+    std::map<std::string, std::string> pending; // the request, by its number
+    const auto take = [&](int count) {
+        for (int i = 0; i < count; ++i) {
+            const std::string asked = service.next_request();
+            const std::string number = member(asked, "transaction_id");
+            EXPECT_GT(std::stol(number), 0);
+            EXPECT_LE(std::stol(number), 2147483647L);
+            EXPECT_TRUE(pending.emplace(number, asked).second) << number << " is in flight already";
+        }
+    };
+    const auto say = [&clients](int client, int id) { // all of the same method, and of ids that others have too
+        clients[static_cast<size_t>(client)].say(request("ports.Get", std::to_string(id),
+                                                         ",\"transaction_id\":1,\"params\":{\"mine\":\"" +
+                                                             std::to_string(client) + "-" + std::to_string(id) +
+                                                             "\"}"));
+    };
+    for (int i = 0; i < sessions * calls_each; ++i) {
+        say(i % sessions, i / sessions);
+    }
+    take(sessions * calls_each);
+    const auto reply = [&](const std::string &asked) { service.reply(asked, member(member(asked, "params"), "mine")); };
+    for (int i = 0; i < sessions * calls_each / 2; ++i) { // while the others stay in flight
+        reply(pending.begin()->second);
+        pending.erase(pending.begin());
+    }
+    std::map<int, std::set<std::string>> answered;
+    const auto hear = [&](int client, int count) {
+        for (int i = 0; i < count; ++i) {
+            const std::string answer = clients[static_cast<size_t>(client)].hear();
+            const std::string id = member(answer, "id");
+            EXPECT_EQ(member(answer, "result"), "\"" + std::to_string(client) + "-" + id + "\"") << answer;
+            EXPECT_EQ(member(answer, "transaction_id"), "1") << answer;
+            EXPECT_TRUE(answered[client].insert(id).second) << answer;
+        }
+    };
+    for (int i = 0; i < sessions * calls_each / 2; ++i) {
+        say(i % sessions, calls_each + i / sessions);
+    }
+    take(sessions * calls_each / 2);
+    for (const auto &[number, asked] : pending) {
+        reply(asked);
+    }
+    for (int client = 0; client < sessions; ++client) {
+        hear(client, calls_each + calls_each / 2);
+    }
+}
+
+// --- Listeners -----------------------------------------------------------------------------------------------------
+
+namespace {
+
+/** The addresses that somebody listens on with this port, in the kernel's writing. */
+std::vector<std::string> listening_on(int port) {
+    std::vector<std::string> addresses;
+    char wanted[8];
+    std::snprintf(wanted, sizeof wanted, ":%04X", static_cast<unsigned>(port));
+    for (const char *table : {"/proc/net/tcp", "/proc/net/tcp6"}) {
+        for (const std::string &line : lines_of(support::read_file(table))) {
+            std::istringstream columns(line);
+            std::string number;
+            std::string local;
+            std::string remote;
+            std::string state;
+            columns >> number >> local >> remote >> state;
+            const size_t colon = local.find(':');
+            if (state == "0A" && colon != std::string::npos && local.substr(colon) == wanted) {
+                addresses.push_back(local.substr(0, colon));
+            }
+        }
+    }
+    return addresses;
+}
+
+} // namespace
+
+TEST(RouterListeners, OverTcpAreOnLoopbackOnlyUnlessToldOtherwise) {
+    Fleet fleet;
+    const int port = support::free_port();
+    fleet.start_lone_router({"--tcp", std::to_string(port)});
+    char loopback[16];
+    std::snprintf(loopback, sizeof loopback, "%08X", static_cast<unsigned>(htonl(INADDR_LOOPBACK)));
+    EXPECT_EQ(listening_on(port), std::vector<std::string>{loopback});
+    fleet.router.reset();
+    fleet.start_lone_router({"--tcp", std::to_string(port), "--tcp-address", "0.0.0.0"});
+    EXPECT_EQ(listening_on(port), std::vector<std::string>{"00000000"});
+}
+
+TEST(RouterListeners, HoldABurstOfClientsWhileTheRouterIsAway) {
+    constexpr int burst = 300; // far beyond the backlog that a socket of the library has
+    const long granted = std::atol(support::read_file("/proc/sys/net/core/somaxconn").c_str());
+    if (granted < burst) {
+        GTEST_SKIP() << "this system grants " << granted;
+    }
+    Fleet fleet;
+    fleet.start_lone_router();
+    fleet.router->signal(SIGSTOP);
+    for (const std::string path : {"router.sock", "session.sock"}) {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        path.copy(address.sun_path, sizeof address.sun_path - 1);
+        std::vector<StreamClient> waiting;
+        for (int i = 0; i < burst; ++i) {
+            waiting.emplace_back(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+            ASSERT_EQ(connect(waiting.back().fd(), reinterpret_cast<const sockaddr *>(&address), sizeof address), 0)
+                << path << " " << i; // the call does not wait: a full backlog would be an error
+        }
+    }
+    fleet.router->signal(SIGCONT);
+    EXPECT_EQ(member(fleet.ask(request("router.Unlock", "1")), "result"), "0");
+}
+
+// --- Publications --------------------------------------------------------------------------------------------------
+
+TEST_F(RouterStatistics, DeliverOnceWhatAServicePublishesOnTwoAddresses) {
+    const std::string over_tcp = support::free_bus_address();
+    const std::string over_ipc = "ipc://" + std::filesystem::current_path().string() + "/played";
+    ASSERT_LT(over_ipc.size(), 114U);
+    support::BusSocket pub(TAVRIX_SP_PUB);
+    pub.bind(over_ipc);
+    pub.bind(over_tcp);
+    Registration registration = Registration::on_bus();
+    registration.publish = "[\"" + over_ipc + "\",\"" + over_tcp + "\"]";
+    SessionClient service;
+    service.say(registration.line());
+    const std::string hello = std::string("2524546b-ca99-4868-a062-359cefacff7c|") +
+                              R"({"jsonrpc":"2.0","method":"router.Hello","params":{"name":"played","channel":")" +
+                              registration.channel + "\"}}";
+    std::string registered;
+    ASSERT_TRUE(support::wait_until([&] {
+        tavrix_mq_socket_send(pub.number, hello.c_str());
+        registered = service.hear(5);
+        return registered != "(time-out)";
+    }));
+    ASSERT_EQ(member(registered, "result"), "0") << registered;
+    SessionClient client;
+    client.ask(request("router.Subscribe", "1", R"(,"params":{"methods":["ports.*"]})"));
+    for (int i = 0; i < 3000; ++i) { // long enough for a second connection, which takes its time
+        const std::string notification =
+            R"({"jsonrpc":"2.0","method":"ports.Changed","params":{"n":)" + std::to_string(i) + "}}";
+        tavrix_mq_socket_send(pub.number, ("ports.Changed|" + notification).c_str());
+        ASSERT_EQ(client.hear(), notification);
+    }
+}
+
+// --- Monitors ------------------------------------------------------------------------------------------------------
+
+TEST_F(RouterStatistics, AreSilentToMonitorsOfWhatReachesNoService) {
+    DirectService service;
+    SessionClient monitor;
+    monitor.ask(request("router.Monitor", "1", R"(,"params":{"methods":["*"]})"));
+    SessionClient client;
+    EXPECT_EQ(code_of(client.ask(request("ports.Nothing", "1"))), "-32601");
+    EXPECT_EQ(code_of(client.ask(request("router.Nothing", "1"))), "-32601");
+    EXPECT_EQ(code_of(client.ask(R"({"method":"ports.Get","id":1})")), "-32600");
+    EXPECT_EQ(member(client.ask(request("router.Unlock", "1")), "result"), "0");
+    client.say(request("ports.Get", "1"));
+    service.reply(service.next_request(), "0");
+    client.hear();
+    for (const char *leg : {"\"request\"", "\"reply\""}) {
+        const std::string shown = member(monitor.hear(), "params");
+        EXPECT_EQ(member(shown, "method"), "\"ports.Get\"") << shown;
+        EXPECT_EQ(member(shown, "leg"), leg) << shown;
+    }
+}

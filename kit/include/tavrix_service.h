@@ -391,7 +391,10 @@ TAVRIX_SERVICE_API tavrix_mac_filter *tavrix_call_mac_filters(const tavrix_call 
                                                               int *count_out);
 
 /**
- * Answers with a result.
+ * Answers with a result. One that nobody could read is answered TAVRIX_JRPC_RESPONSE_FAILED instead, with a line in the
+ * log: an answer has at most 8 MiB on the bus and nearly 9 MiB on the session (9371648 bytes), its envelope
+ * included, any size on the service's own sockets, and is nowhere nested deeper than 2047 levels. The same holds for an
+ * error's data.
  *
  * @param call   may be null, as tavrix_service_deferred() gives it for a call that is over
  * @param result taken; null is answered TAVRIX_JRPC_INTERNAL_ERROR, as when json_pack() found no memory
@@ -473,7 +476,7 @@ typedef void (*tavrix_answer_callback)(tavrix_service *service, const tavrix_ans
  * Sends a request through the router. One that is made before the session stands waits for it.
  *
  * @param method     a method's name
- * @param params     taken: an object, or null for none
+ * @param params     taken: an object, or null for none. The whole request has at most 65535 bytes, and 2047 levels
  * @param timeout_ms at least 1: how long the answer may take, from now on, also while there is no session. The router
  *                   waits for its --reply-timeout (10 seconds unless it is told otherwise) and no longer: a call that
  *                   may take more than that ends with #TAVRIX_OUTCOME_TIMEOUT by then, the service is told that nobody
@@ -499,12 +502,12 @@ TAVRIX_SERVICE_API int tavrix_call_pass_on(tavrix_call *call, const tavrix_answe
  *
  * @param session      the session socket; null as in the options
  * @param method       a method's name
- * @param params       taken: an object, or null for none
+ * @param params       taken: an object, or null for none; bounded as for tavrix_service_request()
  * @param timeout_ms   at least 1; after the router's --reply-timeout the response is its error TAVRIX_JRPC_TIMED_OUT
  * @param response_out receives the whole response object, with "result" or "error"; the caller releases it
  * @return 0; TAVRIX_ERR_TIMEOUT without an answer in time; TAVRIX_ERR_CONNECT_TIMEOUT when the router is not there;
- *         TAVRIX_ERR_NO_RESPONSE when it went away; TAVRIX_ERR_PARAMETER for a bad method or time;
- *         TAVRIX_ERR_NO_MEMORY
+ *         TAVRIX_ERR_NO_RESPONSE when it went away; TAVRIX_ERR_PARAMETER for a bad method or time, and for a
+ *         request that is too large; TAVRIX_ERR_NO_MEMORY
  */
 TAVRIX_SERVICE_API int tavrix_request_wait(const char *session, const char *method, json_t *params, int timeout_ms,
                                            json_t **response_out);
@@ -520,8 +523,10 @@ TAVRIX_SERVICE_API int tavrix_request_wait(const char *session, const char *meth
  *
  * @param method its name
  * @param params taken: an object, or null for none
- * @return 0; TAVRIX_ERR_PARAMETER for a bad name; TAVRIX_ERR_NO_MEMORY; TAVRIX_ERR_GENERAL when there is neither a
- *         publisher nor a session
+ * @return 0; TAVRIX_ERR_PARAMETER for a bad name or params that are no object, and, with a line in the log, for a
+ *         notification of more than 8 MiB (without a publisher: than the session takes, see tavrix_call_reply()) or of
+ *         more than 2047 levels, which nobody could read; TAVRIX_ERR_NO_MEMORY; TAVRIX_ERR_GENERAL when there is
+ *         neither a publisher nor a session
  */
 TAVRIX_SERVICE_API int tavrix_service_publish(tavrix_service *service, const char *method, json_t *params);
 

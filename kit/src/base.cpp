@@ -131,6 +131,38 @@ Printable::Printable(const char *foreign) {
     text[length] = '\0';
 }
 
+/** A parser's limit; counted in the text, where values of any depth cost no stack. */
+static bool is_too_deep(const char *message, size_t length) {
+    if (length <= 2 * max_nesting) {
+        return false; // each bracket has its counterpart
+    }
+    size_t depth = 0;
+    bool in_text = false;
+    for (const char *byte = message; *byte != '\0'; ++byte) {
+        if (*byte == '"') {
+            in_text = !in_text;
+        } else if (in_text) {
+            byte += *byte == '\\' ? 1 : 0;
+        } else if (*byte == '{' || *byte == '[') {
+            if (++depth > max_nesting) {
+                return true;
+            }
+        } else if (*byte == '}' || *byte == ']') {
+            --depth;
+        }
+    }
+    return false;
+}
+
+Obstacle::Obstacle(const char *message, size_t most) : words{} {
+    const size_t length = std::strlen(message);
+    if (length > most) {
+        std::snprintf(words, sizeof words, "it has %zu bytes, and at most %zu can be sent", length, most);
+    } else if (is_too_deep(message, length)) {
+        std::snprintf(words, sizeof words, "it is nested deeper than the %zu levels that can be read", max_nesting);
+    }
+}
+
 bool has_control_characters(const char *text) {
     for (; *text != '\0'; ++text) {
         const auto byte = static_cast<unsigned char>(*text);

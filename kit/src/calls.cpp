@@ -4,6 +4,9 @@
  *
  * A call's record is taken from the spare ones and goes back there; while it is deferred it stands in the directory.
  */
+#include <cstdio>
+#include <utility>
+
 #include "internal.h"
 #include "tavrix_jrpc.h"
 #include "tavrix_utils.h"
@@ -77,9 +80,46 @@ void send_answer(tavrix_call *call, const char *text) {
     }
 }
 
+Text error_text(tavrix_call *call, int code, json_t *data) {
+    if (!call->wants_answer) {
+        return nullptr;
+    }
+    return Text(tavrix_jrpc_create_error(code, call->method, data, 0, call->transaction_id));
+}
+
+/** How many bytes an answer may have on the road that the call came by. */
+size_t room_for_answer(const tavrix_call *call) {
+    switch (call->caller.road) {
+    case TAVRIX_ROAD_SESSION:
+        return max_answer_line;
+    case TAVRIX_ROAD_BUS:
+        return bus_room(call->channel);
+    default:
+        return SIZE_MAX; // a client of the service's own sockets reads as much as it wants to
+    }
+}
+
+/** An answer that its receiver cannot read, and would cut the service off for, is an error instead. */
+Text readable(tavrix_call *call, Text text) {
+    const Obstacle obstacle(text.get(), room_for_answer(call));
+    if (!obstacle) {
+        return text;
+    }
+    LOG_ERROR("%s: the answer cannot be sent: %s\n", Printable(json_string_value(call->method)).text, obstacle.words);
+    char message[sizeof "The answer cannot be sent: ." + sizeof obstacle.words];
+    std::snprintf(message, sizeof message, "The answer cannot be sent: %s.", obstacle.words);
+    const Json data(json_pack("{s:s}", "message", message));
+    text = error_text(call, TAVRIX_JRPC_RESPONSE_FAILED, data.get());
+    const bool fits = text && !Obstacle(text.get(), room_for_answer(call)); // it repeats the method's name
+    return fits ? std::move(text) : nullptr;
+}
+
 /** Sends what there is, or lets a client go that gets nothing; the call is over. */
 int finish(tavrix_call *call, Text text) {
     call->over = true;
+    if (call->wants_answer && text) {
+        text = readable(call, std::move(text));
+    }
     if (call->wants_answer && text) {
         send_answer(call, text.get());
     } else if (call->client != nullptr) {
@@ -90,13 +130,6 @@ int finish(tavrix_call *call, Text text) {
         end_deferred(call);
     }
     return TAVRIX_OK;
-}
-
-Text error_text(tavrix_call *call, int code, json_t *data) {
-    if (!call->wants_answer) {
-        return nullptr;
-    }
-    return Text(tavrix_jrpc_create_error(code, call->method, data, 0, call->transaction_id));
 }
 
 int code_of_status(int status) {

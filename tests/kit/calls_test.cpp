@@ -27,6 +27,19 @@ struct Seen {
 Seen seen;
 
 int echo(tavrix_call *call) { return tavrix_call_reply(call, json_incref(tavrix_call_params(call))); }
+int fill(tavrix_call *call) {
+    const json_int_t size = json_integer_value(json_object_get(tavrix_call_params(call), "n"));
+    return tavrix_call_reply(call, json_string(std::string(static_cast<size_t>(size), 'x').c_str()));
+}
+/** Arrays within each other, the innermost holding a number. */
+int nest(tavrix_call *call) {
+    const json_int_t depth = json_integer_value(json_object_get(tavrix_call_params(call), "n"));
+    json_t *value = json_integer(1);
+    for (json_int_t i = 0; i < depth; ++i) {
+        value = json_pack("[o]", value);
+    }
+    return tavrix_call_reply(call, value);
+}
 int nothing(tavrix_call * /*call*/) { return 0; }
 int count(tavrix_call * /*call*/) { return 5; }
 int busy(tavrix_call * /*call*/) { return TAVRIX_ERR_SYSTEM_BUSY; }
@@ -67,6 +80,8 @@ int defer_and_reply(tavrix_call *call) {
 
 const tavrix_service_method methods[] = {
     TAVRIX_METHOD("t.Echo", echo, "", nullptr, nullptr, 0),
+    TAVRIX_METHOD("t.Fill", fill, "", nullptr, nullptr, 0),
+    TAVRIX_METHOD("t.Nest", nest, "", nullptr, nullptr, 0),
     TAVRIX_METHOD("t.Nothing", nothing, "", nullptr, nullptr, 0),
     TAVRIX_METHOD("t.Count", count, "", nullptr, nullptr, 0),
     TAVRIX_METHOD("t.Busy", busy, "", nullptr, nullptr, 0),
@@ -308,4 +323,24 @@ TEST_F(Calls, OnOneSessionAreAnsweredInTheirOrderByThousands) {
         }
     }
     EXPECT_EQ(answered, total);
+}
+
+TEST_F(Calls, WhoseAnswerNobodyCouldReadAreAnsweredWithAnError) {
+    const LogCapture log("info");
+    Stage stage(methods);
+    const std::string too_large = stage.ask("t.Fill", R"({"n":9371600})");
+    EXPECT_EQ(code_of(too_large), "-32004");
+    EXPECT_NE(too_large.find("The answer cannot be sent: it has 93716"), std::string::npos) << too_large;
+    EXPECT_NE(too_large.find("bytes, and at most 9371648 can be sent."), std::string::npos) << too_large;
+    EXPECT_NE(log.text().find("t.Fill: the answer cannot be sent: it has"), std::string::npos) << log.text();
+    EXPECT_EQ(member(stage.ask("t.Fill", R"({"n":9371000})"), "result").size(), 9371002U);
+
+    const std::string deepest = stage.ask("t.Nest", R"({"n":2046})"); // and the answer's own braces
+    EXPECT_EQ(member(deepest, "result").size(), 2 * 2046U + 1) << "every parser reads this";
+    const std::string too_deep = stage.ask("t.Nest", R"({"n":2047})");
+    EXPECT_EQ(code_of(too_deep), "-32004");
+    EXPECT_NE(too_deep.find("it is nested deeper than the 2047 levels that can be read."), std::string::npos)
+        << too_deep;
+    const std::string quoted = stage.ask("t.Echo", R"({"t":"\"\\\"[)" + std::string(5000, '[') + R"("})");
+    EXPECT_EQ(code_of(quoted), "(none)") << "brackets in a text nest nothing";
 }

@@ -87,6 +87,9 @@ Text error_text(tavrix_call *call, int code, json_t *data) {
     return Text(tavrix_jrpc_create_error(code, call->method, data, 0, call->transaction_id));
 }
 
+/** The method's name, for a log line. */
+Printable name_of(const tavrix_call *call) { return Printable(json_string_value(call->method)); }
+
 /** How many bytes an answer may have on the road that the call came by. */
 size_t room_for_answer(const tavrix_call *call) {
     switch (call->caller.road) {
@@ -105,7 +108,7 @@ Text readable(tavrix_call *call, Text text) {
     if (!obstacle) {
         return text;
     }
-    LOG_ERROR("%s: the answer cannot be sent: %s\n", Printable(json_string_value(call->method)).text, obstacle.words);
+    LOG_ERROR("%s: the answer cannot be sent: %s\n", name_of(call).text, obstacle.words);
     char message[sizeof "The answer cannot be sent: ." + sizeof obstacle.words];
     std::snprintf(message, sizeof message, "The answer cannot be sent: %s.", obstacle.words);
     const Json data(json_pack("{s:s}", "message", message));
@@ -495,11 +498,16 @@ int tavrix_call_fail_with(tavrix_call *call, int code, const char *message, json
     if (call == nullptr || call->over) {
         return TAVRIX_ERR_NO_RECORDS;
     }
-    if (message != nullptr && !owner) {
-        owner.reset(json_object());
+    if (owner && !json_is_object(owner.get())) {
+        LOG_ERROR("%s: an error's data that is no object is left out\n", name_of(call).text);
+        owner.reset();
     }
-    if (message != nullptr && json_is_object(owner.get())) {
-        json_object_set_new(owner.get(), "message", json_string(message));
+    if (message != nullptr) {
+        if (!owner) {
+            owner.reset(json_object());
+        }
+        json_t *text = json_string(message); // null for what is no UTF-8, such as a device's own words
+        json_object_set_new(owner.get(), "message", text != nullptr ? text : json_string(Printable(message).text));
     }
     return finish(call, error_text(call, code, owner.get()));
 }
@@ -511,9 +519,11 @@ int tavrix_call_pass_on(tavrix_call *call, const tavrix_answer *answer) {
     if (answer->outcome == TAVRIX_OUTCOME_RESULT) {
         return tavrix_call_reply(call, json_incref(answer->result));
     }
+    if (call == nullptr || call->over) {
+        return TAVRIX_ERR_NO_RECORDS;
+    }
     const bool cancelled = answer->outcome == TAVRIX_OUTCOME_CANCELLED;
-    return tavrix_call_fail_with(call, cancelled ? TAVRIX_JRPC_SYSTEM_BUSY : answer->code, nullptr,
-                                 json_incref(answer->data));
+    return finish(call, error_text(call, cancelled ? TAVRIX_JRPC_SYSTEM_BUSY : answer->code, answer->data));
 }
 
 uint64_t tavrix_call_defer(tavrix_call *call, void (*abandoned)(tavrix_call *call, void *user), void *user) {

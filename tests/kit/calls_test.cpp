@@ -53,6 +53,20 @@ int twice(tavrix_call *call) {
 int refuse(tavrix_call *call) {
     return tavrix_call_fail_with(call, TAVRIX_JRPC_NO_SUCH_PORT, "There is no such port.", json_pack("{s:i}", "n", 3));
 }
+int refuse_in_latin_1(tavrix_call *call) {
+    return tavrix_call_fail_with(call, TAVRIX_JRPC_NO_SUCH_PORT, "T\xfcr fehlt", nullptr);
+}
+int refuse_with_an_array(tavrix_call *call) {
+    return tavrix_call_fail_with(call, TAVRIX_JRPC_NO_SUCH_PORT, "There is none.", json_array());
+}
+int pass_an_array_on(tavrix_call *call) {
+    json_t *data = json_pack("[i]", 1);
+    const tavrix_answer answer = {TAVRIX_OUTCOME_ERROR, nullptr, TAVRIX_JRPC_NO_SUCH_PORT, "", data};
+    const int rc = tavrix_call_pass_on(call, &answer);
+    EXPECT_EQ(tavrix_call_pass_on(call, &answer), TAVRIX_ERR_NO_RECORDS);
+    json_decref(data);
+    return rc;
+}
 int look(tavrix_call *call) {
     seen.user = tavrix_call_user(call);
     seen.time_left_ms = tavrix_call_time_left_ms(call);
@@ -89,6 +103,9 @@ const tavrix_service_method methods[] = {
     TAVRIX_METHOD("t.NoMemory", no_memory, "", nullptr, nullptr, 0),
     TAVRIX_METHOD("t.Twice", twice, "", nullptr, nullptr, 0),
     TAVRIX_METHOD("t.Refuse", refuse, "", nullptr, nullptr, 0),
+    TAVRIX_METHOD("t.RefuseInLatin1", refuse_in_latin_1, "", nullptr, nullptr, 0),
+    TAVRIX_METHOD("t.RefuseWithAnArray", refuse_with_an_array, "", nullptr, nullptr, 0),
+    TAVRIX_METHOD("t.PassAnArrayOn", pass_an_array_on, "", nullptr, nullptr, 0),
     TAVRIX_METHOD("t.Look", look, "", nullptr, nullptr, 0),
     TAVRIX_METHOD("t.Defer", defer, "", nullptr, nullptr, 0),
     TAVRIX_METHOD("t.DeferAndFail", defer_and_fail, "", nullptr, nullptr, 0),
@@ -343,4 +360,13 @@ TEST_F(Calls, WhoseAnswerNobodyCouldReadAreAnsweredWithAnError) {
         << too_deep;
     const std::string quoted = stage.ask("t.Echo", R"({"t":"\"\\\"[)" + std::string(5000, '[') + R"("})");
     EXPECT_EQ(code_of(quoted), "(none)") << "brackets in a text nest nothing";
+}
+
+TEST_F(Calls, FailWithAMessageThatCanBeReadWhateverItsBytesAre) {
+    const LogCapture log("info");
+    Stage stage(methods);
+    EXPECT_EQ(member(member(stage.ask("t.RefuseInLatin1"), "error"), "data"), R"({"message":"T\\xfcr fehlt"})");
+    EXPECT_EQ(member(member(stage.ask("t.RefuseWithAnArray"), "error"), "data"), R"({"message":"There is none."})");
+    EXPECT_NE(log.text().find("t.RefuseWithAnArray: an error's data that is no object is left out"), std::string::npos);
+    EXPECT_EQ(member(member(stage.ask("t.PassAnArrayOn"), "error"), "data"), "[1]") << "another service's own words";
 }

@@ -209,11 +209,15 @@ typedef struct tavrix_service_method {
     tavrix_call_handler handler;
     const char *summary;                /**< one line */
     const tavrix_service_param *params; /**< null: none */
-    const tavrix_service_param *result; /**< the result's members, or one row without a name; null: 0 */
+    const tavrix_service_param *result; /**< the result's members, or one row without a name; null: the result is 0 */
     unsigned flags;                     /**< see tavrix_method_flags */
 } tavrix_service_method;
 
-/** A row. */
+/**
+ * A row. A `result` of NULL does not mean any: it says that the result is 0, and the description tells clients so. Give
+ * rows to a method that answers something, if only one of #TAVRIX_KIND_JSON without a name. A result that is another
+ * than the row says is sent all the same, with a line in the log at debug level.
+ */
 #define TAVRIX_METHOD(name, handler, summary, params, result, flags)                                                   \
     { name, handler, summary, params, result, flags }
 /** The last row. */
@@ -427,11 +431,12 @@ TAVRIX_SERVICE_API int tavrix_call_fail_with(tavrix_call *call, int code, const 
  * The call ends when it is answered, and when nobody waits for it any more: the router has cancelled it, its deadline
  * has passed, the direct socket's client has gone.
  *
- * @param call      the handler's
+ * @param call      the handler's; once
  * @param abandoned called in the second case, while the handle is still valid for reading; may be null
  * @param user      for the callback
  * @return the call's number; 0 when too many are deferred, or without memory: then the call has been answered
- *         TAVRIX_JRPC_SYSTEM_BUSY
+ *         TAVRIX_JRPC_SYSTEM_BUSY. Also 0, and nothing happens, for a call that is null, is over (answered or
+ * abandoned), or is deferred already: that one stays so, under its number
  */
 TAVRIX_SERVICE_API uint64_t tavrix_call_defer(tavrix_call *call, void (*abandoned)(tavrix_call *call, void *user),
                                               void *user);

@@ -102,6 +102,18 @@ size_t room_for_answer(const tavrix_call *call) {
     }
 }
 
+/** A result that is another than the description promises misleads whoever goes by that. */
+void compare_with_row(const tavrix_call *call, const json_t *result) {
+    const tavrix_service_param *rows = call->row != nullptr ? call->row->result : nullptr;
+    const bool is_zero = json_is_integer(result) && json_integer_value(result) == 0;
+    const bool has_members = rows != nullptr && rows->name != nullptr && rows->name[0] != '\0';
+    if (call->row != nullptr && result != nullptr &&
+        ((rows == nullptr && !is_zero) || (has_members && !json_is_object(result)))) {
+        LOG_DEBUG("%s answers another result than its row says: %s\n", call->row->name,
+                  has_members ? "an object" : "without rows it is 0");
+    }
+}
+
 /** An answer that its receiver cannot read, and would cut the service off for, is an error instead. */
 Text readable(tavrix_call *call, Text text) {
     const Obstacle obstacle(text.get(), room_for_answer(call));
@@ -475,6 +487,7 @@ int tavrix_call_reply(tavrix_call *call, json_t *result) {
         return finish(call, nullptr);
     }
     Text text;
+    compare_with_row(call, result);
     if (result != nullptr) {
         text.reset(tavrix_jrpc_create_response(result, call->method, 0, call->transaction_id));
     }

@@ -83,6 +83,12 @@ int defer(tavrix_call *call) {
     seen.numbers.push_back(tavrix_call_defer(call, on_abandoned, &seen.abandoned));
     return 0;
 }
+int defer_twice(tavrix_call *call) {
+    seen.numbers.push_back(tavrix_call_defer(call, nullptr, nullptr));
+    seen.numbers.push_back(tavrix_call_defer(call, nullptr, nullptr));
+    return 0;
+}
+int yes(tavrix_call *call) { return tavrix_call_reply(call, json_true()); }
 int defer_and_fail(tavrix_call *call) {
     tavrix_call_defer(call, nullptr, nullptr);
     return TAVRIX_ERR_SYSTEM_BUSY;
@@ -92,7 +98,12 @@ int defer_and_reply(tavrix_call *call) {
     return tavrix_call_reply(call, json_integer(4));
 }
 
+const tavrix_service_param members[] = {TAVRIX_PARAM("done", TAVRIX_KIND_BOOLEAN, "", 0), TAVRIX_PARAM_END};
+const tavrix_service_param bare[] = {TAVRIX_PARAM("", TAVRIX_KIND_BOOLEAN, "", 0), TAVRIX_PARAM_END};
 const tavrix_service_method methods[] = {
+    TAVRIX_METHOD("t.DeferTwice", defer_twice, "", nullptr, nullptr, 0),
+    TAVRIX_METHOD("t.Members", yes, "", nullptr, members, 0),
+    TAVRIX_METHOD("t.Bare", yes, "", nullptr, bare, 0),
     TAVRIX_METHOD("t.Echo", echo, "", nullptr, nullptr, 0),
     TAVRIX_METHOD("t.Fill", fill, "", nullptr, nullptr, 0),
     TAVRIX_METHOD("t.Nest", nest, "", nullptr, nullptr, 0),
@@ -369,4 +380,31 @@ TEST_F(Calls, FailWithAMessageThatCanBeReadWhateverItsBytesAre) {
     EXPECT_EQ(member(member(stage.ask("t.RefuseWithAnArray"), "error"), "data"), R"({"message":"There is none."})");
     EXPECT_NE(log.text().find("t.RefuseWithAnArray: an error's data that is no object is left out"), std::string::npos);
     EXPECT_EQ(member(member(stage.ask("t.PassAnArrayOn"), "error"), "data"), "[1]") << "another service's own words";
+}
+
+TEST_F(Calls, WhoseResultIsNotTheirRowsAreSaidInTheLog) {
+    const LogCapture log("debug");
+    Stage stage(methods);
+    const auto tells = [&](const char *method) {
+        return log.text().find(std::string(method) + " answers another result than its row says") != std::string::npos;
+    };
+    EXPECT_EQ(member(stage.ask("t.Nothing"), "result"), "0");
+    EXPECT_FALSE(tells("t.Nothing"));
+    EXPECT_EQ(member(stage.ask("t.Echo", "{}"), "result"), "{}");
+    EXPECT_TRUE(tells("t.Echo")) << "which has no rows for it";
+    EXPECT_EQ(member(stage.ask("t.Members"), "result"), "true");
+    EXPECT_TRUE(tells("t.Members"));
+    EXPECT_EQ(member(stage.ask("t.Bare"), "result"), "true");
+    EXPECT_FALSE(tells("t.Bare"));
+}
+
+TEST_F(Calls, AreDeferredOnce) {
+    Stage stage(methods);
+    stage.router.say(support::direct_request("t.DeferTwice", "{}", 7));
+    ASSERT_TRUE(stage.wait([] { return seen.numbers.size() == 2; }));
+    EXPECT_EQ(seen.numbers[1], 0U);
+    tavrix_call *call = tavrix_service_deferred(stage.service, seen.numbers[0]);
+    ASSERT_NE(call, nullptr) << "the second time has changed nothing";
+    EXPECT_EQ(tavrix_call_reply(call, json_integer(0)), TAVRIX_OK);
+    EXPECT_EQ(member(stage.next(), "result"), "0");
 }

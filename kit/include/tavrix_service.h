@@ -91,6 +91,10 @@ typedef struct tavrix_call tavrix_call;
 /**
  * What a parameter is. A kind is checked by the library's retriever of its name in tavrix_jrpc_utils.h; the comment
  * says with which getter the checked value is read.
+ *
+ * A text is refused when it holds a control character (below U+0020, U+007F to U+009F), U+2028 or U+2029, unless its
+ * row has #TAVRIX_MULTILINE. Nothing looks into what has no rows: a #TAVRIX_KIND_JSON, and arrays and objects without
+ * members, hold any text, with newlines too.
  */
 typedef enum tavrix_kind {
     TAVRIX_KIND_NONE = 0,
@@ -104,7 +108,7 @@ typedef enum tavrix_kind {
     TAVRIX_KIND_WORD,    /**< one of the row's `words`; tavrix_call_text(), tavrix_call_word() */
     TAVRIX_KIND_ARRAY,   /**< array of `min` to `max` elements (0, 0: any), each as `members` say; tavrix_call_json() */
     TAVRIX_KIND_OBJECT,  /**< object with the `members`; tavrix_call_json() */
-    TAVRIX_KIND_JSON,    /**< any value; tavrix_call_json() */
+    TAVRIX_KIND_JSON,    /**< any value, whatever its texts hold; tavrix_call_json() */
 
     TAVRIX_KIND_PORT_ID, /**< in the forms that the flags allow; tavrix_call_text() */
     TAVRIX_KIND_MZU_ID,  /**< a unit's id, `all` too with #TAVRIX_ALLOW_ALL; tavrix_call_text() */

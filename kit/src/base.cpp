@@ -163,10 +163,17 @@ Obstacle::Obstacle(const char *message, size_t most) : words{} {
     }
 }
 
+/** Beyond ASCII, in UTF-8: U+0080 to U+009F, and the separators of lines and of paragraphs, U+2028 and U+2029. */
+static bool begins_with_wide_control(const char *text) {
+    const auto *bytes = reinterpret_cast<const unsigned char *>(text);
+    return (bytes[0] == 0xc2 && bytes[1] >= 0x80 && bytes[1] <= 0x9f) ||
+           (bytes[0] == 0xe2 && bytes[1] == 0x80 && (bytes[2] == 0xa8 || bytes[2] == 0xa9));
+}
+
 bool has_control_characters(const char *text) {
     for (; *text != '\0'; ++text) {
         const auto byte = static_cast<unsigned char>(*text);
-        if (byte < ' ' || byte == 127) {
+        if (byte < ' ' || byte == 127 || begins_with_wide_control(text)) {
             return true;
         }
     }

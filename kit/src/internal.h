@@ -98,7 +98,7 @@ struct Obstacle {
     char words[96]; ///< for people; empty when nothing does
 };
 
-/** Whether a text holds a byte below a blank, or 127. */
+/** Whether a text holds a control character of ASCII or beyond, or anything else that ends a line. */
 bool has_control_characters(const char *text);
 /** A method's name: 1 to 255 bytes without control characters or bars. */
 bool is_method_name(const char *name);

@@ -100,7 +100,15 @@ int defer_and_reply(tavrix_call *call) {
 
 const tavrix_service_param members[] = {TAVRIX_PARAM("done", TAVRIX_KIND_BOOLEAN, "", 0), TAVRIX_PARAM_END};
 const tavrix_service_param bare[] = {TAVRIX_PARAM("", TAVRIX_KIND_BOOLEAN, "", 0), TAVRIX_PARAM_END};
+const tavrix_service_param text_rows[] = {
+    TAVRIX_PARAM("text", TAVRIX_KIND_TEXT, "", TAVRIX_OPTIONAL),
+    TAVRIX_PARAM("lines", TAVRIX_KIND_TEXT, "", TAVRIX_OPTIONAL | TAVRIX_MULTILINE),
+    TAVRIX_PARAM_RANGE("short", TAVRIX_KIND_TEXT, "", TAVRIX_OPTIONAL, 1, 3),
+    TAVRIX_PARAM_RANGE("number", TAVRIX_KIND_NUMBER, "", TAVRIX_OPTIONAL, 5, 6),
+    TAVRIX_PARAM_END,
+};
 const tavrix_service_method methods[] = {
+    TAVRIX_METHOD("t.Text", nothing, "", text_rows, nullptr, 0),
     TAVRIX_METHOD("t.DeferTwice", defer_twice, "", nullptr, nullptr, 0),
     TAVRIX_METHOD("t.Members", yes, "", nullptr, members, 0),
     TAVRIX_METHOD("t.Bare", yes, "", nullptr, bare, 0),
@@ -407,4 +415,20 @@ TEST_F(Calls, AreDeferredOnce) {
     ASSERT_NE(call, nullptr) << "the second time has changed nothing";
     EXPECT_EQ(tavrix_call_reply(call, json_integer(0)), TAVRIX_OK);
     EXPECT_EQ(member(stage.next(), "result"), "0");
+}
+
+TEST_F(Calls, TakeNoTextThatEndsALineOrSteersATerminal) {
+    Stage stage(methods);
+    for (const char *bad : {R"(\n)", R"(\u001b)", R"(\u007f)", R"(\u0080)", R"(\u0085)", R"(\u009b)", R"(\u009f)",
+                            R"(\u2028)", R"(\u2029)"}) {
+        const std::string answer = stage.ask("t.Text", R"({"text":"a)" + std::string(bad) + R"(b"})");
+        EXPECT_EQ(code_of(answer), "-32602") << bad;
+        EXPECT_NE(answer.find("holds a control character"), std::string::npos) << answer;
+        const std::string lines = R"({"lines":"a)" + std::string(bad) + R"(b"})";
+        EXPECT_EQ(code_of(stage.ask("t.Text", lines)), "(none)") << bad << " is what this row is for";
+    }
+    for (const char *good : {R"(\u00a0)", R"(\u00c2)", R"(\u2027)", R"(\u202a)", R"(\u20a8)", R"(\u3028)"}) {
+        const std::string params = R"({"text":"a)" + std::string(good) + R"(b"})";
+        EXPECT_EQ(code_of(stage.ask("t.Text", params)), "(none)") << good;
+    }
 }

@@ -94,12 +94,14 @@ typedef struct tavrix_call tavrix_call;
  *
  * A text is refused when it holds a control character (below U+0020, U+007F to U+009F), U+2028 or U+2029, unless its
  * row has #TAVRIX_MULTILINE. Nothing looks into what has no rows: a #TAVRIX_KIND_JSON, and arrays and objects without
- * members, hold any text, with newlines too.
+ * members, hold any text, with newlines too. The bounds of a #TAVRIX_KIND_TEXT count characters (code points), as the
+ * description's `minLength` and `maxLength` do; the library's own kinds count bytes, and of those
+ * #TAVRIX_KIND_DESCRIPTION and #TAVRIX_KIND_ENTITY_EXTENSION let bytes beyond ASCII in.
  */
 typedef enum tavrix_kind {
     TAVRIX_KIND_NONE = 0,
 
-    TAVRIX_KIND_TEXT,    /**< text, `min` to `max` bytes (0, 0: any length); tavrix_call_text() */
+    TAVRIX_KIND_TEXT,    /**< text, `min` to `max` characters (0, 0: any length); tavrix_call_text() */
     TAVRIX_KIND_INTEGER, /**< integer, `min` to `max` (0, 0: what 32 bits hold); tavrix_call_integer() */
     TAVRIX_KIND_BOOLEAN, /**< true or false; tavrix_call_boolean() */
     TAVRIX_KIND_NUMBER,  /**< integer or real, `min` to `max` (0, 0: any); tavrix_call_real() */

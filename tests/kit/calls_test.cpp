@@ -432,3 +432,15 @@ TEST_F(Calls, TakeNoTextThatEndsALineOrSteersATerminal) {
         EXPECT_EQ(code_of(stage.ask("t.Text", params)), "(none)") << good;
     }
 }
+
+TEST_F(Calls, CountTheCharactersOfATextAsTheirDescriptionDoes) {
+    Stage stage(methods);
+    EXPECT_EQ(code_of(stage.ask("t.Text", R"({"short":"äöü"})")), "(none)");
+    EXPECT_EQ(code_of(stage.ask("t.Text", R"({"short":"€𝄞"})")), "(none)");
+    const std::string refusal = stage.ask("t.Text", R"({"short":"äöüß"})");
+    EXPECT_EQ(code_of(refusal), "-32602");
+    EXPECT_NE(refusal.find("is not a text of 1 to 3 characters"), std::string::npos) << refusal;
+    EXPECT_EQ(code_of(stage.ask("t.Text", R"({"short":""})")), "-32602");
+    EXPECT_NE(stage.router.description.find(R"("minLength":1,"maxLength":3)"), std::string::npos)
+        << stage.router.description;
+}

@@ -240,10 +240,23 @@ struct Check {
     const tavrix_service_method *strict; ///< the method, where members without a row are refused; or null
 };
 
+/** 17 digits tell every real from the next, and show 4.9999 as 4.9999000000000002: 15 are enough for what people write.
+ */
+Text render(const json_t *value) {
+    constexpr size_t flags = wire_flags | JSON_ENCODE_ANY;
+    if (json_is_real(value)) {
+        Text brief(json_dumps(value, flags | JSON_REAL_PRECISION(15)));
+        if (brief && std::strtod(brief.get(), nullptr) == json_real_value(value)) {
+            return brief;
+        }
+    }
+    return Text(json_dumps(value, flags));
+}
+
 /** A value for a person: cut when it is long. */
 void show_value(const json_t *value, Words *words) {
     constexpr size_t shown = 60;
-    const Text rendering(json_dumps(value, wire_flags | JSON_ENCODE_ANY));
+    const Text rendering = render(value);
     if (rendering) {
         words->add("%.*s%s", static_cast<int>(shown), rendering.get(),
                    std::strlen(rendering.get()) > shown ? "..." : "");

@@ -444,3 +444,12 @@ TEST_F(Calls, CountTheCharactersOfATextAsTheirDescriptionDoes) {
     EXPECT_NE(stage.router.description.find(R"("minLength":1,"maxLength":3)"), std::string::npos)
         << stage.router.description;
 }
+
+TEST_F(Calls, ShowARefusedNumberInNoMoreDigitsThanItNeeds) {
+    Stage stage(methods);
+    for (const char *number : {"4.9999", "0.1", "-2.5", "7.0", "4.9999000000000011", "1e100"}) {
+        const std::string refusal = stage.ask("t.Text", R"({"number":)" + std::string(number) + "}");
+        EXPECT_NE(refusal.find("number: " + std::string(number) + " is not a number from 5 to 6"), std::string::npos)
+            << refusal;
+    }
+}

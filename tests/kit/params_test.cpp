@@ -247,7 +247,7 @@ TEST_F(Params, AreRefusedInWordsThatSayWhatCameAndWhatIsAllowed) {
         {R"({"from_to":9007199254740994})",
          R"(-32602 "from_to: 9007199254740994 is not a number from -2 to 9007199254740993")"},
         {R"({"from_to":1e300})",
-         R"(-32602 "from_to: 1.0000000000000001e300 is not a number from -2 to 9007199254740993")"},
+         R"(-32602 "from_to: 1e300 is not a number from -2 to 9007199254740993")"},
         {R"({"uint64":"12x"})",
          R"(-32602 "uint64: \"12x\" is not a text with a number of 64 bits, such as \"4711\" or \"0x1267\"")"},
         {R"({"uint64":"-1"})",

@@ -95,8 +95,8 @@ typedef struct tavrix_call tavrix_call;
  * A text is refused when it holds a control character (below U+0020, U+007F to U+009F), U+2028 or U+2029, unless its
  * row has #TAVRIX_MULTILINE. Nothing looks into what has no rows: a #TAVRIX_KIND_JSON, and arrays and objects without
  * members, hold any text, with newlines too. The bounds of a #TAVRIX_KIND_TEXT count characters (code points), as the
- * description's `minLength` and `maxLength` do; the library's own kinds count bytes, and of those
- * #TAVRIX_KIND_DESCRIPTION and #TAVRIX_KIND_ENTITY_EXTENSION let bytes beyond ASCII in.
+ * description's `minLength` and `maxLength` do; the library's own kinds, such as #TAVRIX_KIND_ALIAS, count
+ * bytes, so that fewer characters fit when some are beyond ASCII.
  */
 typedef enum tavrix_kind {
     TAVRIX_KIND_NONE = 0,

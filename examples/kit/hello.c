@@ -9,8 +9,12 @@ static const tavrix_service_param say_params[] = {
     TAVRIX_PARAM_RANGE("name", TAVRIX_KIND_TEXT, "whom to greet", 0, 1, 40),
     TAVRIX_PARAM_END,
 };
+static const tavrix_service_param say_result[] = {
+    TAVRIX_PARAM("hello", TAVRIX_KIND_TEXT, "who was greeted", 0),
+    TAVRIX_PARAM_END,
+};
 static const tavrix_service_method methods[] = {
-    TAVRIX_METHOD("hello.Say", say, "Greets somebody.", say_params, NULL, TAVRIX_METHOD_READS),
+    TAVRIX_METHOD("hello.Say", say, "Greets somebody.", say_params, say_result, TAVRIX_METHOD_READS),
     TAVRIX_METHOD_END,
 };
 

@@ -91,11 +91,17 @@ typedef struct tavrix_call tavrix_call;
 /**
  * What a parameter is. A kind is checked by the library's retriever of its name in tavrix_jrpc_utils.h; the comment
  * says with which getter the checked value is read.
+ *
+ * A text is refused when it holds a control character (below U+0020, U+007F to U+009F), U+2028 or U+2029, unless its
+ * row has #TAVRIX_MULTILINE. Nothing looks into what has no rows: a #TAVRIX_KIND_JSON, and arrays and objects without
+ * members, hold any text, with newlines too. The bounds of a #TAVRIX_KIND_TEXT count characters (code points), as the
+ * description's `minLength` and `maxLength` do; the library's own kinds, such as #TAVRIX_KIND_ALIAS, count
+ * bytes, so that fewer characters fit when some are beyond ASCII.
  */
 typedef enum tavrix_kind {
     TAVRIX_KIND_NONE = 0,
 
-    TAVRIX_KIND_TEXT,    /**< text, `min` to `max` bytes (0, 0: any length); tavrix_call_text() */
+    TAVRIX_KIND_TEXT,    /**< text, `min` to `max` characters (0, 0: any length); tavrix_call_text() */
     TAVRIX_KIND_INTEGER, /**< integer, `min` to `max` (0, 0: what 32 bits hold); tavrix_call_integer() */
     TAVRIX_KIND_BOOLEAN, /**< true or false; tavrix_call_boolean() */
     TAVRIX_KIND_NUMBER,  /**< integer or real, `min` to `max` (0, 0: any); tavrix_call_real() */
@@ -104,7 +110,7 @@ typedef enum tavrix_kind {
     TAVRIX_KIND_WORD,    /**< one of the row's `words`; tavrix_call_text(), tavrix_call_word() */
     TAVRIX_KIND_ARRAY,   /**< array of `min` to `max` elements (0, 0: any), each as `members` say; tavrix_call_json() */
     TAVRIX_KIND_OBJECT,  /**< object with the `members`; tavrix_call_json() */
-    TAVRIX_KIND_JSON,    /**< any value; tavrix_call_json() */
+    TAVRIX_KIND_JSON,    /**< any value, whatever its texts hold; tavrix_call_json() */
 
     TAVRIX_KIND_PORT_ID, /**< in the forms that the flags allow; tavrix_call_text() */
     TAVRIX_KIND_MZU_ID,  /**< a unit's id, `all` too with #TAVRIX_ALLOW_ALL; tavrix_call_text() */
@@ -209,11 +215,15 @@ typedef struct tavrix_service_method {
     tavrix_call_handler handler;
     const char *summary;                /**< one line */
     const tavrix_service_param *params; /**< null: none */
-    const tavrix_service_param *result; /**< the result's members, or one row without a name; null: 0 */
+    const tavrix_service_param *result; /**< the result's members, or one row without a name; null: the result is 0 */
     unsigned flags;                     /**< see tavrix_method_flags */
 } tavrix_service_method;
 
-/** A row. */
+/**
+ * A row. A `result` of NULL does not mean any: it says that the result is 0, and the description tells clients so. Give
+ * rows to a method that answers something, if only one of #TAVRIX_KIND_JSON without a name. A result that is another
+ * than the row says is sent all the same, with a line in the log at debug level.
+ */
 #define TAVRIX_METHOD(name, handler, summary, params, result, flags)                                                   \
     { name, handler, summary, params, result, flags }
 /** The last row. */
@@ -391,7 +401,10 @@ TAVRIX_SERVICE_API tavrix_mac_filter *tavrix_call_mac_filters(const tavrix_call 
                                                               int *count_out);
 
 /**
- * Answers with a result.
+ * Answers with a result. One that nobody could read is answered TAVRIX_JRPC_RESPONSE_FAILED instead, with a line in the
+ * log: an answer has at most 8 MiB on the bus and nearly 9 MiB on the session (9371648 bytes), its envelope
+ * included, any size on the service's own sockets, and is nowhere nested deeper than 2047 levels. The same holds for an
+ * error's data.
  *
  * @param call   may be null, as tavrix_service_deferred() gives it for a call that is over
  * @param result taken; null is answered TAVRIX_JRPC_INTERNAL_ERROR, as when json_pack() found no memory
@@ -410,8 +423,10 @@ TAVRIX_SERVICE_API int tavrix_call_fail(tavrix_call *call, int status);
  * Answers with a JSON-RPC error.
  *
  * @param code    see tavrix_jrpc_code; the error's "message" is the catalogue's
- * @param message what is wrong, for a person: stored as "message" in the data; null for none
- * @param data    taken: an object, to which the message is added, or null for none
+ * @param message what is wrong, for a person: stored as "message" in the data; null for none. What is no UTF-8 is
+ *                stored as ASCII with its other bytes as \xNN, and cut when it is long
+ * @param data    taken: an object, to which the message is added, or null for none; anything else is left out, with a
+ *                line in the log
  * @return 0; TAVRIX_ERR_NO_RECORDS as for tavrix_call_reply()
  */
 TAVRIX_SERVICE_API int tavrix_call_fail_with(tavrix_call *call, int code, const char *message, json_t *data);
@@ -422,11 +437,12 @@ TAVRIX_SERVICE_API int tavrix_call_fail_with(tavrix_call *call, int code, const 
  * The call ends when it is answered, and when nobody waits for it any more: the router has cancelled it, its deadline
  * has passed, the direct socket's client has gone.
  *
- * @param call      the handler's
+ * @param call      the handler's; once
  * @param abandoned called in the second case, while the handle is still valid for reading; may be null
  * @param user      for the callback
  * @return the call's number; 0 when too many are deferred, or without memory: then the call has been answered
- *         TAVRIX_JRPC_SYSTEM_BUSY
+ *         TAVRIX_JRPC_SYSTEM_BUSY. Also 0, and nothing happens, for a call that is null, is over (answered or
+ * abandoned), or is deferred already: that one stays so, under its number
  */
 TAVRIX_SERVICE_API uint64_t tavrix_call_defer(tavrix_call *call, void (*abandoned)(tavrix_call *call, void *user),
                                               void *user);
@@ -473,7 +489,7 @@ typedef void (*tavrix_answer_callback)(tavrix_service *service, const tavrix_ans
  * Sends a request through the router. One that is made before the session stands waits for it.
  *
  * @param method     a method's name
- * @param params     taken: an object, or null for none
+ * @param params     taken: an object, or null for none. The whole request has at most 65535 bytes, and 2047 levels
  * @param timeout_ms at least 1: how long the answer may take, from now on, also while there is no session. The router
  *                   waits for its --reply-timeout (10 seconds unless it is told otherwise) and no longer: a call that
  *                   may take more than that ends with #TAVRIX_OUTCOME_TIMEOUT by then, the service is told that nobody
@@ -499,12 +515,12 @@ TAVRIX_SERVICE_API int tavrix_call_pass_on(tavrix_call *call, const tavrix_answe
  *
  * @param session      the session socket; null as in the options
  * @param method       a method's name
- * @param params       taken: an object, or null for none
+ * @param params       taken: an object, or null for none; bounded as for tavrix_service_request()
  * @param timeout_ms   at least 1; after the router's --reply-timeout the response is its error TAVRIX_JRPC_TIMED_OUT
  * @param response_out receives the whole response object, with "result" or "error"; the caller releases it
  * @return 0; TAVRIX_ERR_TIMEOUT without an answer in time; TAVRIX_ERR_CONNECT_TIMEOUT when the router is not there;
- *         TAVRIX_ERR_NO_RESPONSE when it went away; TAVRIX_ERR_PARAMETER for a bad method or time;
- *         TAVRIX_ERR_NO_MEMORY
+ *         TAVRIX_ERR_NO_RESPONSE when it went away; TAVRIX_ERR_PARAMETER for a bad method or time, and for a
+ *         request that is too large; TAVRIX_ERR_NO_MEMORY
  */
 TAVRIX_SERVICE_API int tavrix_request_wait(const char *session, const char *method, json_t *params, int timeout_ms,
                                            json_t **response_out);
@@ -520,8 +536,10 @@ TAVRIX_SERVICE_API int tavrix_request_wait(const char *session, const char *meth
  *
  * @param method its name
  * @param params taken: an object, or null for none
- * @return 0; TAVRIX_ERR_PARAMETER for a bad name; TAVRIX_ERR_NO_MEMORY; TAVRIX_ERR_GENERAL when there is neither a
- *         publisher nor a session
+ * @return 0; TAVRIX_ERR_PARAMETER for a bad name or params that are no object, and, with a line in the log, for a
+ *         notification of more than 8 MiB (without a publisher: than the session takes, see tavrix_call_reply()) or of
+ *         more than 2047 levels, which nobody could read; TAVRIX_ERR_NO_MEMORY; TAVRIX_ERR_GENERAL when there is
+ *         neither a publisher nor a session
  */
 TAVRIX_SERVICE_API int tavrix_service_publish(tavrix_service *service, const char *method, json_t *params);
 

@@ -131,10 +131,49 @@ Printable::Printable(const char *foreign) {
     text[length] = '\0';
 }
 
+/** A parser's limit; counted in the text, where values of any depth cost no stack. */
+static bool is_too_deep(const char *message, size_t length) {
+    if (length <= 2 * max_nesting) {
+        return false; // each bracket has its counterpart
+    }
+    size_t depth = 0;
+    bool in_text = false;
+    for (const char *byte = message; *byte != '\0'; ++byte) {
+        if (*byte == '"') {
+            in_text = !in_text;
+        } else if (in_text) {
+            byte += *byte == '\\' ? 1 : 0;
+        } else if (*byte == '{' || *byte == '[') {
+            if (++depth > max_nesting) {
+                return true;
+            }
+        } else if (*byte == '}' || *byte == ']') {
+            --depth;
+        }
+    }
+    return false;
+}
+
+Obstacle::Obstacle(const char *message, size_t most) : words{} {
+    const size_t length = std::strlen(message);
+    if (length > most) {
+        std::snprintf(words, sizeof words, "it has %zu bytes, and at most %zu can be sent", length, most);
+    } else if (is_too_deep(message, length)) {
+        std::snprintf(words, sizeof words, "it is nested deeper than the %zu levels that can be read", max_nesting);
+    }
+}
+
+/** Beyond ASCII, in UTF-8: U+0080 to U+009F, and the separators of lines and of paragraphs, U+2028 and U+2029. */
+static bool begins_with_wide_control(const char *text) {
+    const auto *bytes = reinterpret_cast<const unsigned char *>(text);
+    return (bytes[0] == 0xc2 && bytes[1] >= 0x80 && bytes[1] <= 0x9f) ||
+           (bytes[0] == 0xe2 && bytes[1] == 0x80 && (bytes[2] == 0xa8 || bytes[2] == 0xa9));
+}
+
 bool has_control_characters(const char *text) {
     for (; *text != '\0'; ++text) {
         const auto byte = static_cast<unsigned char>(*text);
-        if (byte < ' ' || byte == 127) {
+        if (byte < ' ' || byte == 127 || begins_with_wide_control(text)) {
             return true;
         }
     }

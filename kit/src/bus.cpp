@@ -364,7 +364,7 @@ int transport_of(const char *address) {
 const char *bus_error() { return nn_strerror(nn_errno()); }
 
 bool receive_large_messages(int socket) {
-    constexpr int limit = 8 * 1024 * 1024;
+    constexpr int limit = static_cast<int>(max_frame);
     return nn_setsockopt(socket, NN_SOL_SOCKET, NN_RCVMAXSIZE, &limit, sizeof limit) == 0;
 }
 
@@ -438,6 +438,11 @@ void bus_service_down(tavrix_service *service, const json_t *params) {
 
 void bus_router_gone(tavrix_service *service) {
     let_go_if(&service->bus, [](const Endpoint &endpoint) { return endpoint.owner[0] == '\0'; });
+}
+
+size_t bus_room(const char *channel) {
+    constexpr size_t around = sizeof "|"; // the bar, and an end that some implementations of the frame have
+    return max_frame - std::strlen(channel) - around;
 }
 
 int bus_publish(tavrix_service *service, const char *channel, const char *text) {

@@ -4,6 +4,9 @@
  *
  * A call's record is taken from the spare ones and goes back there; while it is deferred it stands in the directory.
  */
+#include <cstdio>
+#include <utility>
+
 #include "internal.h"
 #include "tavrix_jrpc.h"
 #include "tavrix_utils.h"
@@ -77,9 +80,61 @@ void send_answer(tavrix_call *call, const char *text) {
     }
 }
 
+Text error_text(tavrix_call *call, int code, json_t *data) {
+    if (!call->wants_answer) {
+        return nullptr;
+    }
+    return Text(tavrix_jrpc_create_error(code, call->method, data, 0, call->transaction_id));
+}
+
+/** The method's name, for a log line. */
+Printable name_of(const tavrix_call *call) { return Printable(json_string_value(call->method)); }
+
+/** How many bytes an answer may have on the road that the call came by. */
+size_t room_for_answer(const tavrix_call *call) {
+    switch (call->caller.road) {
+    case TAVRIX_ROAD_SESSION:
+        return max_answer_line;
+    case TAVRIX_ROAD_BUS:
+        return bus_room(call->channel);
+    default:
+        return SIZE_MAX; // a client of the service's own sockets reads as much as it wants to
+    }
+}
+
+/** A result that is another than the description promises misleads whoever goes by that. */
+void compare_with_row(const tavrix_call *call, const json_t *result) {
+    const tavrix_service_param *rows = call->row != nullptr ? call->row->result : nullptr;
+    const bool is_zero = json_is_integer(result) && json_integer_value(result) == 0;
+    const bool has_members = rows != nullptr && rows->name != nullptr && rows->name[0] != '\0';
+    if (call->row != nullptr && result != nullptr &&
+        ((rows == nullptr && !is_zero) || (has_members && !json_is_object(result)))) {
+        LOG_DEBUG("%s answers another result than its row says: %s\n", call->row->name,
+                  has_members ? "an object" : "without rows it is 0");
+    }
+}
+
+/** An answer that its receiver cannot read, and would cut the service off for, is an error instead. */
+Text readable(tavrix_call *call, Text text) {
+    const Obstacle obstacle(text.get(), room_for_answer(call));
+    if (!obstacle) {
+        return text;
+    }
+    LOG_ERROR("%s: the answer cannot be sent: %s\n", name_of(call).text, obstacle.words);
+    char message[sizeof "The answer cannot be sent: ." + sizeof obstacle.words];
+    std::snprintf(message, sizeof message, "The answer cannot be sent: %s.", obstacle.words);
+    const Json data(json_pack("{s:s}", "message", message));
+    text = error_text(call, TAVRIX_JRPC_RESPONSE_FAILED, data.get());
+    const bool fits = text && !Obstacle(text.get(), room_for_answer(call)); // it repeats the method's name
+    return fits ? std::move(text) : nullptr;
+}
+
 /** Sends what there is, or lets a client go that gets nothing; the call is over. */
 int finish(tavrix_call *call, Text text) {
     call->over = true;
+    if (call->wants_answer && text) {
+        text = readable(call, std::move(text));
+    }
     if (call->wants_answer && text) {
         send_answer(call, text.get());
     } else if (call->client != nullptr) {
@@ -90,13 +145,6 @@ int finish(tavrix_call *call, Text text) {
         end_deferred(call);
     }
     return TAVRIX_OK;
-}
-
-Text error_text(tavrix_call *call, int code, json_t *data) {
-    if (!call->wants_answer) {
-        return nullptr;
-    }
-    return Text(tavrix_jrpc_create_error(code, call->method, data, 0, call->transaction_id));
 }
 
 int code_of_status(int status) {
@@ -439,6 +487,7 @@ int tavrix_call_reply(tavrix_call *call, json_t *result) {
         return finish(call, nullptr);
     }
     Text text;
+    compare_with_row(call, result);
     if (result != nullptr) {
         text.reset(tavrix_jrpc_create_response(result, call->method, 0, call->transaction_id));
     }
@@ -462,11 +511,16 @@ int tavrix_call_fail_with(tavrix_call *call, int code, const char *message, json
     if (call == nullptr || call->over) {
         return TAVRIX_ERR_NO_RECORDS;
     }
-    if (message != nullptr && !owner) {
-        owner.reset(json_object());
+    if (owner && !json_is_object(owner.get())) {
+        LOG_ERROR("%s: an error's data that is no object is left out\n", name_of(call).text);
+        owner.reset();
     }
-    if (message != nullptr && json_is_object(owner.get())) {
-        json_object_set_new(owner.get(), "message", json_string(message));
+    if (message != nullptr) {
+        if (!owner) {
+            owner.reset(json_object());
+        }
+        json_t *text = json_string(message); // null for what is no UTF-8, such as a device's own words
+        json_object_set_new(owner.get(), "message", text != nullptr ? text : json_string(Printable(message).text));
     }
     return finish(call, error_text(call, code, owner.get()));
 }
@@ -478,9 +532,11 @@ int tavrix_call_pass_on(tavrix_call *call, const tavrix_answer *answer) {
     if (answer->outcome == TAVRIX_OUTCOME_RESULT) {
         return tavrix_call_reply(call, json_incref(answer->result));
     }
+    if (call == nullptr || call->over) {
+        return TAVRIX_ERR_NO_RECORDS;
+    }
     const bool cancelled = answer->outcome == TAVRIX_OUTCOME_CANCELLED;
-    return tavrix_call_fail_with(call, cancelled ? TAVRIX_JRPC_SYSTEM_BUSY : answer->code, nullptr,
-                                 json_incref(answer->data));
+    return finish(call, error_text(call, cancelled ? TAVRIX_JRPC_SYSTEM_BUSY : answer->code, answer->data));
 }
 
 uint64_t tavrix_call_defer(tavrix_call *call, void (*abandoned)(tavrix_call *call, void *user), void *user) {

@@ -31,7 +31,11 @@ constexpr size_t parse_flags = JSON_REJECT_DUPLICATES | JSON_DISABLE_EOF_CHECK |
 constexpr size_t wire_flags = JSON_COMPACT | JSON_ENSURE_ASCII;
 constexpr int default_reply_timeout_ms = 10000;
 constexpr size_t mebibyte = 1048576;
-constexpr size_t max_line = 9 * mebibyte; // a reply may be as large as a bus message, 8 MiB, and its envelope
+constexpr size_t max_frame = 8 * mebibyte;        // receivers cut whoever publishes a larger one off for good
+constexpr size_t max_line = max_frame + mebibyte; // a reply may be as large as a bus message, and its envelope
+constexpr size_t max_request_line = 65536;
+constexpr size_t max_answer_line = max_line - max_request_line; // the router puts the client's own id back into it
+constexpr size_t max_nesting = JSON_PARSER_MAX_DEPTH - 1; // of brackets; a parser counts the value within them, too
 constexpr size_t max_unwritten = 16 * mebibyte;
 
 template <class Record>
@@ -86,7 +90,15 @@ struct Printable {
     char text[160];
 };
 
-/** Whether a text holds a byte below a blank, or 127. */
+/** What keeps a message's receiver from reading it: its size, or how deep it is nested. */
+struct Obstacle {
+    /** `most` is how many bytes the receiver takes. */
+    Obstacle(const char *message, size_t most);
+    explicit operator bool() const { return words[0] != '\0'; }
+    char words[96]; ///< for people; empty when nothing does
+};
+
+/** Whether a text holds a control character of ASCII or beyond, or anything else that ends a line. */
 bool has_control_characters(const char *text);
 /** A method's name: 1 to 255 bytes without control characters or bars. */
 bool is_method_name(const char *name);
@@ -335,6 +347,8 @@ void bus_service_down(tavrix_service *service, const json_t *params);
 /** The router has gone: nothing goes on trying to reach it. */
 void bus_router_gone(tavrix_service *service);
 int bus_publish(tavrix_service *service, const char *channel, const char *text);
+/** How many bytes a message on a channel may have. */
+size_t bus_room(const char *channel);
 /** Publishes an answer: the service does not go before the router has it. */
 void bus_answer(tavrix_service *service, const char *channel, const char *text);
 /**

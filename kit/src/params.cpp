@@ -219,7 +219,7 @@ void describe_allowed(const tavrix_service_param *row, Words *words) {
         if (row->kind == TAVRIX_KIND_MZU_ID && (row->flags & TAVRIX_ALLOW_ALL) != 0) {
             words->add(", or all");
         } else if (row->kind == TAVRIX_KIND_TEXT) {
-            add_bounds(row, "bytes", words);
+            add_bounds(row, "characters", words);
         } else if (row->kind == TAVRIX_KIND_ARRAY) {
             add_bounds(row, "elements", words);
         } else if (row->kind == TAVRIX_KIND_NUMBER && has_bounds(row)) {
@@ -240,10 +240,23 @@ struct Check {
     const tavrix_service_method *strict; ///< the method, where members without a row are refused; or null
 };
 
+/** 17 digits tell every real from the next, and show 4.9999 as 4.9999000000000002: 15 are enough for what people write.
+ */
+Text render(const json_t *value) {
+    constexpr size_t flags = wire_flags | JSON_ENCODE_ANY;
+    if (json_is_real(value)) {
+        Text brief(json_dumps(value, flags | JSON_REAL_PRECISION(15)));
+        if (brief && std::strtod(brief.get(), nullptr) == json_real_value(value)) {
+            return brief;
+        }
+    }
+    return Text(json_dumps(value, flags));
+}
+
 /** A value for a person: cut when it is long. */
 void show_value(const json_t *value, Words *words) {
     constexpr size_t shown = 60;
-    const Text rendering(json_dumps(value, wire_flags | JSON_ENCODE_ANY));
+    const Text rendering = render(value);
     if (rendering) {
         words->add("%.*s%s", static_cast<int>(shown), rendering.get(),
                    std::strlen(rendering.get()) > shown ? "..." : "");
@@ -381,6 +394,15 @@ bool find_word(const char *const *words, const char *text, int *position) {
     return false;
 }
 
+/** In UTF-8 each character has one byte that continues no other's: a schema's minLength and maxLength count those. */
+int64_t count_characters(const char *text) {
+    int64_t count = 0;
+    for (; *text != '\0'; ++text) {
+        count += (static_cast<unsigned char>(*text) & 0xc0) != 0x80 ? 1 : 0;
+    }
+    return count;
+}
+
 int check_text(const Check &check, const Place &place, Value *value) {
     const tavrix_service_param &row = *place.row;
     const size_t length = json_string_length(place.value); // 0 for another type
@@ -398,8 +420,9 @@ int check_text(const Check &check, const Place &place, Value *value) {
         return refuse(check, place, rc, library);
     }
     value->text = out;
-    const bool bounded = row.kind == TAVRIX_KIND_TEXT && has_bounds(&row);
-    if (bounded && (static_cast<int64_t>(length) < row.min || static_cast<int64_t>(length) > row.max)) {
+    const bool is_bounded = row.kind == TAVRIX_KIND_TEXT && has_bounds(&row);
+    const int64_t count = is_bounded ? count_characters(out) : 0;
+    if (is_bounded && (count < row.min || count > row.max)) {
         return refuse(check, place, TAVRIX_ERR_INVALID_PARAMETER, nullptr);
     }
     int position = 0;

@@ -19,7 +19,6 @@ namespace kit {
 namespace {
 
 constexpr char unit_name[] = "service_requests";
-constexpr size_t max_request_line = 65536;
 constexpr int control_timeout_ms = 10000;
 
 struct Request {
@@ -188,6 +187,10 @@ uint64_t send_request(tavrix_service *service, const char *method, json_t *param
         forget_request(request);
         return cannot_request(method, text ? "a request has at most 65535 bytes" : "no memory, or no UTF-8");
     }
+    if (const Obstacle obstacle(text.get(), max_request_line); obstacle) {
+        forget_request(request);
+        return cannot_request(method, obstacle.words);
+    }
     if (!session_is_connected(service)) {
         request->waiting = text.release();
     } else if (!session_write(service, text.get(), length)) {
@@ -250,8 +253,10 @@ bool send_subscriptions(tavrix_service *service) {
 }
 
 void take_notification(tavrix_service *service, const json_t *message, const char *method) {
+    const uint64_t newest = service->directory.last_number; // what the callbacks subscribe to begins with the next one
     ++service->notifying;
-    for (Entry *entry = subscriptions_of(service)->first; entry != nullptr; entry = entry->next) {
+    for (Entry *entry = subscriptions_of(service)->first; entry != nullptr && entry->number <= newest;
+         entry = entry->next) {
         const Subscription *subscription = as_subscription(entry);
         if (!subscription->over && matches(subscription->pattern, method)) {
             subscription->callback(service, method, json_object_get(message, "params"), subscription->user);
@@ -415,6 +420,9 @@ int tavrix_request_wait(const char *session, const char *method, json_t *params,
     const Text text = request_text(method, owner.release(), 1);
     if (rc == TAVRIX_OK && !text) {
         rc = TAVRIX_ERR_NO_MEMORY;
+    } else if (const Obstacle obstacle(rc == TAVRIX_OK ? text.get() : "", max_request_line - 1); obstacle) {
+        cannot_request(method, obstacle.words);
+        rc = TAVRIX_ERR_PARAMETER;
     }
     if (rc == TAVRIX_OK) {
         rc = send_all(conversation, text.get(), std::strlen(text.get()));
@@ -451,7 +459,12 @@ int tavrix_service_publish(tavrix_service *service, const char *method, json_t *
     if (!text) {
         return TAVRIX_ERR_NO_MEMORY;
     }
-    if (service->bus.pub >= 0) {
+    const bool is_on_the_bus = service->bus.pub >= 0;
+    if (const Obstacle obstacle(text.get(), is_on_the_bus ? bus_room(method) : max_answer_line); obstacle) {
+        LOG_ERROR("Cannot publish %s: %s\n", method, obstacle.words);
+        return TAVRIX_ERR_PARAMETER;
+    }
+    if (is_on_the_bus) {
         return bus_publish(service, method, text.get());
     }
     const bool written = session_write(service, text.get(), std::strlen(text.get()));

@@ -9,6 +9,17 @@ block() { # LANGUAGE: the README's listing in that language
     awk -v begin="\`\`\`$1" '/^```$/ {inside = 0} inside {print} $0 == begin {inside = 1}' "$source/README.md"
 }
 
+check_description() { # ANSWER: the service says of its result what comes
+    tavrixctl call hello.Discover | python3 -c '
+import json, sys
+[say] = [method for method in json.load(sys.stdin)["methods"] if method["name"] == "hello.Say"]
+schema, answer = say["result"]["schema"], json.loads(sys.argv[1])
+assert schema["type"] == "object", schema
+assert set(schema["properties"]) == set(schema["required"]) == set(answer), schema
+assert all(schema["properties"][name]["type"] == "string" and type(answer[name]) is str for name in answer), schema
+' "$1" || fail "hello.Say is described as another than it is"
+}
+
 block c >hello.c
 diff hello.c <(sed 1d "$source/examples/kit/hello.c") || fail "the README's service is another than examples/kit/hello.c"
 block sh >commands.sh
@@ -19,6 +30,7 @@ set -o pipefail
 mapfile -t pids < <(jobs -pr)
 expect "the README's call" "$(tail -n 1 printed.log)" '{"hello":"you"}'
 case "$(tavrixctl call --full hello.Say name=you)" in *'"result":{"hello":"you"}'*) ;; *) fail "the whole response is another" ;; esac
+check_description "$(tavrixctl call hello.Say name=you)"
 kill %?hello
 wait %?hello || fail "the README's service did not stop cleanly"
 
@@ -37,5 +49,6 @@ cmake --build header/build >/dev/null
 emulate "$work/header/build/hello"
 start hello header/build/hello
 expect "the header's service" "$(tavrixctl call hello.Say name=you)" '{"hello":"you"}'
+check_description "$(tavrixctl call hello.Say name=you)"
 kill "${pids[-1]}"
 wait "${pids[-1]}" || fail "the header's service did not stop cleanly"

@@ -1,6 +1,7 @@
 #include <string>
 
 #include <gtest/gtest.h>
+#include <nanomsg/nn.h>
 
 #include "kit/support/played_router.h"
 #include "support/json.h"
@@ -16,6 +17,11 @@ using support::Stage;
 uint64_t deferred = 0;
 
 int echo(tavrix_call *call) { return tavrix_call_reply(call, json_incref(tavrix_call_params(call))); }
+json_t *json_string_of(size_t size) { return json_string(std::string(size, 'x').c_str()); }
+int fill(tavrix_call *call) {
+    const json_int_t size = json_integer_value(json_object_get(tavrix_call_params(call), "n"));
+    return tavrix_call_reply(call, json_string_of(static_cast<size_t>(size)));
+}
 int defer(tavrix_call *call) {
     deferred = tavrix_call_defer(call, nullptr, nullptr);
     return 0;
@@ -23,6 +29,7 @@ int defer(tavrix_call *call) {
 
 const tavrix_service_method methods[] = {
     TAVRIX_METHOD("ports.Echo", echo, "", nullptr, nullptr, 0),
+    TAVRIX_METHOD("ports.Fill", fill, "", nullptr, nullptr, 0),
     TAVRIX_METHOD("ports.Defer", defer, "", nullptr, nullptr, 0),
     TAVRIX_METHOD_END,
 };
@@ -105,6 +112,32 @@ TEST_F(Bus, AnswersLaterOnTheChannelThatAsked) {
     ASSERT_TRUE(stage.wait([] { return deferred != 0; }));
     tavrix_call_reply(tavrix_service_deferred(stage.service, deferred), json_integer(1));
     EXPECT_EQ(next(), R"(me|{"jsonrpc":"2.0","id":"ports.Defer","result":1,"transaction_id":5})");
+}
+
+TEST_F(Bus, CarriesUpToEightMegabytesAndRefusesMoreWithoutHarm) {
+    open();
+    constexpr size_t largest = 8 << 20;
+    int limit = largest; // as every receiver has it
+    ASSERT_EQ(nn_setsockopt(peer_sub.number, NN_SOL_SOCKET, NN_RCVMAXSIZE, &limit, sizeof limit), 0);
+    const auto publish = [&](size_t size) {
+        return tavrix_service_publish(stage.service, "events.Told", json_pack("{s:o}", "t", json_string_of(size)));
+    };
+    EXPECT_EQ(publish(largest), TAVRIX_ERR_PARAMETER);
+    EXPECT_NE(log.text().find("Cannot publish events.Told: it has 8388666 bytes, and at most 8388595 can be sent"),
+              std::string::npos)
+        << log.text();
+    EXPECT_EQ(publish(largest - 100), TAVRIX_OK);
+    EXPECT_GT(next().size(), largest - 100);
+    for (const char *n : {"8388608", "1"}) { // the second finds the service as well as ever
+        publish_request(R"({"jsonrpc":"2.0","method":"ports.Fill","id":"me","params":{"n":)" + std::string(n) + "}}");
+    }
+    const std::string refusal = next();
+    EXPECT_EQ(support::code_of(refusal.substr(3)), "-32004") << refusal;
+    EXPECT_NE(refusal.find("The answer cannot be sent: it has 8388655 bytes, and at most 8388604 can be sent."),
+              std::string::npos)
+        << refusal;
+    EXPECT_NE(log.text().find("ports.Fill: the answer cannot be sent: it has"), std::string::npos) << log.text();
+    EXPECT_EQ(next(), R"(me|{"jsonrpc":"2.0","id":"ports.Fill","result":"x"})");
 }
 
 TEST_F(Bus, PassesOverIdsThatAreNoChannelsAndFramesThatAreNone) {

@@ -27,6 +27,19 @@ struct Seen {
 Seen seen;
 
 int echo(tavrix_call *call) { return tavrix_call_reply(call, json_incref(tavrix_call_params(call))); }
+int fill(tavrix_call *call) {
+    const json_int_t size = json_integer_value(json_object_get(tavrix_call_params(call), "n"));
+    return tavrix_call_reply(call, json_string(std::string(static_cast<size_t>(size), 'x').c_str()));
+}
+/** Arrays within each other, the innermost holding a number. */
+int nest(tavrix_call *call) {
+    const json_int_t depth = json_integer_value(json_object_get(tavrix_call_params(call), "n"));
+    json_t *value = json_integer(1);
+    for (json_int_t i = 0; i < depth; ++i) {
+        value = json_pack("[o]", value);
+    }
+    return tavrix_call_reply(call, value);
+}
 int nothing(tavrix_call * /*call*/) { return 0; }
 int count(tavrix_call * /*call*/) { return 5; }
 int busy(tavrix_call * /*call*/) { return TAVRIX_ERR_SYSTEM_BUSY; }
@@ -39,6 +52,20 @@ int twice(tavrix_call *call) {
 }
 int refuse(tavrix_call *call) {
     return tavrix_call_fail_with(call, TAVRIX_JRPC_NO_SUCH_PORT, "There is no such port.", json_pack("{s:i}", "n", 3));
+}
+int refuse_in_latin_1(tavrix_call *call) {
+    return tavrix_call_fail_with(call, TAVRIX_JRPC_NO_SUCH_PORT, "T\xfcr fehlt", nullptr);
+}
+int refuse_with_an_array(tavrix_call *call) {
+    return tavrix_call_fail_with(call, TAVRIX_JRPC_NO_SUCH_PORT, "There is none.", json_array());
+}
+int pass_an_array_on(tavrix_call *call) {
+    json_t *data = json_pack("[i]", 1);
+    const tavrix_answer answer = {TAVRIX_OUTCOME_ERROR, nullptr, TAVRIX_JRPC_NO_SUCH_PORT, "", data};
+    const int rc = tavrix_call_pass_on(call, &answer);
+    EXPECT_EQ(tavrix_call_pass_on(call, &answer), TAVRIX_ERR_NO_RECORDS);
+    json_decref(data);
+    return rc;
 }
 int look(tavrix_call *call) {
     seen.user = tavrix_call_user(call);
@@ -56,6 +83,12 @@ int defer(tavrix_call *call) {
     seen.numbers.push_back(tavrix_call_defer(call, on_abandoned, &seen.abandoned));
     return 0;
 }
+int defer_twice(tavrix_call *call) {
+    seen.numbers.push_back(tavrix_call_defer(call, nullptr, nullptr));
+    seen.numbers.push_back(tavrix_call_defer(call, nullptr, nullptr));
+    return 0;
+}
+int yes(tavrix_call *call) { return tavrix_call_reply(call, json_true()); }
 int defer_and_fail(tavrix_call *call) {
     tavrix_call_defer(call, nullptr, nullptr);
     return TAVRIX_ERR_SYSTEM_BUSY;
@@ -65,8 +98,23 @@ int defer_and_reply(tavrix_call *call) {
     return tavrix_call_reply(call, json_integer(4));
 }
 
+const tavrix_service_param members[] = {TAVRIX_PARAM("done", TAVRIX_KIND_BOOLEAN, "", 0), TAVRIX_PARAM_END};
+const tavrix_service_param bare[] = {TAVRIX_PARAM("", TAVRIX_KIND_BOOLEAN, "", 0), TAVRIX_PARAM_END};
+const tavrix_service_param text_rows[] = {
+    TAVRIX_PARAM("text", TAVRIX_KIND_TEXT, "", TAVRIX_OPTIONAL),
+    TAVRIX_PARAM("lines", TAVRIX_KIND_TEXT, "", TAVRIX_OPTIONAL | TAVRIX_MULTILINE),
+    TAVRIX_PARAM_RANGE("short", TAVRIX_KIND_TEXT, "", TAVRIX_OPTIONAL, 1, 3),
+    TAVRIX_PARAM_RANGE("number", TAVRIX_KIND_NUMBER, "", TAVRIX_OPTIONAL, 5, 6),
+    TAVRIX_PARAM_END,
+};
 const tavrix_service_method methods[] = {
+    TAVRIX_METHOD("t.Text", nothing, "", text_rows, nullptr, 0),
+    TAVRIX_METHOD("t.DeferTwice", defer_twice, "", nullptr, nullptr, 0),
+    TAVRIX_METHOD("t.Members", yes, "", nullptr, members, 0),
+    TAVRIX_METHOD("t.Bare", yes, "", nullptr, bare, 0),
     TAVRIX_METHOD("t.Echo", echo, "", nullptr, nullptr, 0),
+    TAVRIX_METHOD("t.Fill", fill, "", nullptr, nullptr, 0),
+    TAVRIX_METHOD("t.Nest", nest, "", nullptr, nullptr, 0),
     TAVRIX_METHOD("t.Nothing", nothing, "", nullptr, nullptr, 0),
     TAVRIX_METHOD("t.Count", count, "", nullptr, nullptr, 0),
     TAVRIX_METHOD("t.Busy", busy, "", nullptr, nullptr, 0),
@@ -74,6 +122,9 @@ const tavrix_service_method methods[] = {
     TAVRIX_METHOD("t.NoMemory", no_memory, "", nullptr, nullptr, 0),
     TAVRIX_METHOD("t.Twice", twice, "", nullptr, nullptr, 0),
     TAVRIX_METHOD("t.Refuse", refuse, "", nullptr, nullptr, 0),
+    TAVRIX_METHOD("t.RefuseInLatin1", refuse_in_latin_1, "", nullptr, nullptr, 0),
+    TAVRIX_METHOD("t.RefuseWithAnArray", refuse_with_an_array, "", nullptr, nullptr, 0),
+    TAVRIX_METHOD("t.PassAnArrayOn", pass_an_array_on, "", nullptr, nullptr, 0),
     TAVRIX_METHOD("t.Look", look, "", nullptr, nullptr, 0),
     TAVRIX_METHOD("t.Defer", defer, "", nullptr, nullptr, 0),
     TAVRIX_METHOD("t.DeferAndFail", defer_and_fail, "", nullptr, nullptr, 0),
@@ -308,4 +359,97 @@ TEST_F(Calls, OnOneSessionAreAnsweredInTheirOrderByThousands) {
         }
     }
     EXPECT_EQ(answered, total);
+}
+
+TEST_F(Calls, WhoseAnswerNobodyCouldReadAreAnsweredWithAnError) {
+    const LogCapture log("info");
+    Stage stage(methods);
+    const std::string too_large = stage.ask("t.Fill", R"({"n":9371600})");
+    EXPECT_EQ(code_of(too_large), "-32004");
+    EXPECT_NE(too_large.find("The answer cannot be sent: it has 93716"), std::string::npos) << too_large;
+    EXPECT_NE(too_large.find("bytes, and at most 9371648 can be sent."), std::string::npos) << too_large;
+    EXPECT_NE(log.text().find("t.Fill: the answer cannot be sent: it has"), std::string::npos) << log.text();
+    EXPECT_EQ(member(stage.ask("t.Fill", R"({"n":9371000})"), "result").size(), 9371002U);
+
+    const std::string deepest = stage.ask("t.Nest", R"({"n":2046})"); // and the answer's own braces
+    EXPECT_EQ(member(deepest, "result").size(), 2 * 2046U + 1) << "every parser reads this";
+    const std::string too_deep = stage.ask("t.Nest", R"({"n":2047})");
+    EXPECT_EQ(code_of(too_deep), "-32004");
+    EXPECT_NE(too_deep.find("it is nested deeper than the 2047 levels that can be read."), std::string::npos)
+        << too_deep;
+    const std::string quoted = stage.ask("t.Echo", R"({"t":"\"\\\"[)" + std::string(5000, '[') + R"("})");
+    EXPECT_EQ(code_of(quoted), "(none)") << "brackets in a text nest nothing";
+}
+
+TEST_F(Calls, FailWithAMessageThatCanBeReadWhateverItsBytesAre) {
+    const LogCapture log("info");
+    Stage stage(methods);
+    EXPECT_EQ(member(member(stage.ask("t.RefuseInLatin1"), "error"), "data"), R"({"message":"T\\xfcr fehlt"})");
+    EXPECT_EQ(member(member(stage.ask("t.RefuseWithAnArray"), "error"), "data"), R"({"message":"There is none."})");
+    EXPECT_NE(log.text().find("t.RefuseWithAnArray: an error's data that is no object is left out"), std::string::npos);
+    EXPECT_EQ(member(member(stage.ask("t.PassAnArrayOn"), "error"), "data"), "[1]") << "another service's own words";
+}
+
+TEST_F(Calls, WhoseResultIsNotTheirRowsAreSaidInTheLog) {
+    const LogCapture log("debug");
+    Stage stage(methods);
+    const auto tells = [&](const char *method) {
+        return log.text().find(std::string(method) + " answers another result than its row says") != std::string::npos;
+    };
+    EXPECT_EQ(member(stage.ask("t.Nothing"), "result"), "0");
+    EXPECT_FALSE(tells("t.Nothing"));
+    EXPECT_EQ(member(stage.ask("t.Echo", "{}"), "result"), "{}");
+    EXPECT_TRUE(tells("t.Echo")) << "which has no rows for it";
+    EXPECT_EQ(member(stage.ask("t.Members"), "result"), "true");
+    EXPECT_TRUE(tells("t.Members"));
+    EXPECT_EQ(member(stage.ask("t.Bare"), "result"), "true");
+    EXPECT_FALSE(tells("t.Bare"));
+}
+
+TEST_F(Calls, AreDeferredOnce) {
+    Stage stage(methods);
+    stage.router.say(support::direct_request("t.DeferTwice", "{}", 7));
+    ASSERT_TRUE(stage.wait([] { return seen.numbers.size() == 2; }));
+    EXPECT_EQ(seen.numbers[1], 0U);
+    tavrix_call *call = tavrix_service_deferred(stage.service, seen.numbers[0]);
+    ASSERT_NE(call, nullptr) << "the second time has changed nothing";
+    EXPECT_EQ(tavrix_call_reply(call, json_integer(0)), TAVRIX_OK);
+    EXPECT_EQ(member(stage.next(), "result"), "0");
+}
+
+TEST_F(Calls, TakeNoTextThatEndsALineOrSteersATerminal) {
+    Stage stage(methods);
+    for (const char *bad : {R"(\n)", R"(\u001b)", R"(\u007f)", R"(\u0080)", R"(\u0085)", R"(\u009b)", R"(\u009f)",
+                            R"(\u2028)", R"(\u2029)"}) {
+        const std::string answer = stage.ask("t.Text", R"({"text":"a)" + std::string(bad) + R"(b"})");
+        EXPECT_EQ(code_of(answer), "-32602") << bad;
+        EXPECT_NE(answer.find("holds a control character"), std::string::npos) << answer;
+        const std::string lines = R"({"lines":"a)" + std::string(bad) + R"(b"})";
+        EXPECT_EQ(code_of(stage.ask("t.Text", lines)), "(none)") << bad << " is what this row is for";
+    }
+    for (const char *good : {R"(\u00a0)", R"(\u00c2)", R"(\u2027)", R"(\u202a)", R"(\u20a8)", R"(\u3028)"}) {
+        const std::string params = R"({"text":"a)" + std::string(good) + R"(b"})";
+        EXPECT_EQ(code_of(stage.ask("t.Text", params)), "(none)") << good;
+    }
+}
+
+TEST_F(Calls, CountTheCharactersOfATextAsTheirDescriptionDoes) {
+    Stage stage(methods);
+    EXPECT_EQ(code_of(stage.ask("t.Text", R"({"short":"äöü"})")), "(none)");
+    EXPECT_EQ(code_of(stage.ask("t.Text", R"({"short":"€𝄞"})")), "(none)");
+    const std::string refusal = stage.ask("t.Text", R"({"short":"äöüß"})");
+    EXPECT_EQ(code_of(refusal), "-32602");
+    EXPECT_NE(refusal.find("is not a text of 1 to 3 characters"), std::string::npos) << refusal;
+    EXPECT_EQ(code_of(stage.ask("t.Text", R"({"short":""})")), "-32602");
+    EXPECT_NE(stage.router.description.find(R"("minLength":1,"maxLength":3)"), std::string::npos)
+        << stage.router.description;
+}
+
+TEST_F(Calls, ShowARefusedNumberInNoMoreDigitsThanItNeeds) {
+    Stage stage(methods);
+    for (const char *number : {"4.9999", "0.1", "-2.5", "7.0", "4.9999000000000011", "1e100"}) {
+        const std::string refusal = stage.ask("t.Text", R"({"number":)" + std::string(number) + "}");
+        EXPECT_NE(refusal.find("number: " + std::string(number) + " is not a number from 5 to 6"), std::string::npos)
+            << refusal;
+    }
 }

@@ -374,6 +374,42 @@ TEST_F(Notifications, MayEndTheirSubscriptionFromTheCallback) {
     EXPECT_EQ(notifications, std::vector<std::string>{"events.A"});
 }
 
+TEST_F(Notifications, OfOneMessageDoNotReachSubscriptionsThatTheirCallbacksMake) {
+    static uint64_t own = 0;
+    static tavrix_notification_callback again = nullptr;
+    Stage stage(methods);
+    again = [](tavrix_service *service, const char *method, json_t *, void *) {
+        notifications.emplace_back(method);
+        ASSERT_LT(notifications.size(), 10U) << "it never ends";
+        EXPECT_EQ(tavrix_service_cancel(service, own), TAVRIX_OK);
+        own = tavrix_service_subscribe(service, "events.*", again, nullptr);
+    };
+    own = tavrix_service_subscribe(stage.service, "events.*", again, nullptr);
+    stage.router.say(R"({"jsonrpc":"2.0","method":"events.A"})");
+    stage.router.say(R"({"jsonrpc":"2.0","method":"events.B"})");
+    ASSERT_TRUE(stage.wait([] { return !notifications.empty() && notifications.back() == "events.B"; }));
+    EXPECT_EQ(notifications, (std::vector<std::string>{"events.A", "events.B"})) << "once each, the new ones too";
+}
+
+TEST_F(Requests, ThatTheRouterCouldNotReadAreNotMade) {
+    const LogCapture log("info");
+    Stage stage(methods);
+    json_t *deep = json_array();
+    for (int i = 0; i < 3000; ++i) {
+        deep = json_pack("[o]", deep);
+    }
+    EXPECT_EQ(tavrix_service_request(stage.service, "t.Ask", json_pack("{s:O}", "deep", deep), 1000, note, nullptr),
+              0U);
+    EXPECT_NE(log.text().find("Cannot call t.Ask: it is nested deeper than the 2047 levels"), std::string::npos);
+    json_t *response = nullptr;
+    EXPECT_EQ(tavrix_request_wait("session.sock", "t.Ask", json_pack("{s:o}", "deep", deep), 1000, &response),
+              TAVRIX_ERR_PARAMETER);
+    const std::string large(65536, 'x');
+    EXPECT_EQ(tavrix_request_wait("session.sock", "t.Ask", json_pack("{s:s}", "large", large.c_str()), 1000, &response),
+              TAVRIX_ERR_PARAMETER);
+    EXPECT_EQ(response, nullptr);
+}
+
 TEST_F(Notifications, GoOverTheSessionWithoutAPublisher) {
     tavrix_service_options options = {};
     options.flags = TAVRIX_SERVICE_SILENT;

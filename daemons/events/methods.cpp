@@ -17,7 +17,7 @@ namespace {
 
 constexpr char unit_name[] = "events";
 constexpr char link_changed[] = "events.LinkChanged";
-constexpr int max_report = 127; // bytes
+constexpr int max_report = 127; // characters
 
 Log &log_of(const tavrix_call *call) { return static_cast<Context *>(tavrix_call_user(call))->log; }
 

@@ -12,10 +12,6 @@ enum { ask_ms = 2000, forget_every_ms = 60000 };
 
 /* --- notes.Add: asks the ports service first, and answers when that has answered --- */
 
-struct pending {
-    uint64_t call; /* by its number: the client may have gone when the answer comes */
-};
-
 static int store(const struct notes *notes, const char *port_id, const char *text) {
     sqlite3_stmt *statement = NULL;
     int rc = tavrix_db_prepare_statement(notes->database, notes->path, &statement,
@@ -30,9 +26,9 @@ static int store(const struct notes *notes, const char *port_id, const char *tex
 }
 
 static void on_port(tavrix_service *service, const tavrix_answer *answer, void *user) {
-    struct pending *pending = user;
-    tavrix_call *call = tavrix_service_deferred(service, pending->call);
-    free(pending);
+    uint64_t *number = user; /* the call may be gone by now, its number tells */
+    tavrix_call *call = tavrix_service_deferred(service, *number);
+    free(number);
     if (call == NULL) {
         return; /* nobody waits any more */
     }
@@ -51,15 +47,15 @@ static void on_port(tavrix_service *service, const tavrix_answer *answer, void *
 }
 
 static int add(tavrix_call *call) {
-    struct pending *pending = malloc(sizeof *pending);
-    if (pending == NULL) {
+    uint64_t *number = malloc(sizeof *number);
+    if (number == NULL) {
         return TAVRIX_ERR_NO_MEMORY;
     }
-    pending->call = tavrix_call_defer(call, NULL, NULL);
-    json_t *params = json_pack("{s:s}", "port_id", tavrix_call_text(call, "port_id"));
-    if (pending->call == 0 ||
-        tavrix_service_request(tavrix_call_service(call), "ports.Get", params, ask_ms, on_port, pending) == 0) {
-        free(pending);
+    *number = tavrix_call_defer(call, NULL, NULL);
+    if (*number == 0 || tavrix_service_request(tavrix_call_service(call), "ports.Get",
+                                               json_pack("{s:s}", "port_id", tavrix_call_text(call, "port_id")), ask_ms,
+                                               on_port, number) == 0) {
+        free(number);
         return TAVRIX_ERR_SYSTEM_BUSY;
     }
     return TAVRIX_OK;
@@ -71,12 +67,12 @@ static int list(tavrix_call *call) {
     const struct notes *notes = tavrix_call_user(call);
     sqlite3_stmt *statement = NULL;
     int rc = tavrix_db_prepare_statement(notes->database, notes->path, &statement,
-                                         "SELECT port_id, text FROM notes WHERE ?1 IN ('all', port_id) ORDER BY rowid");
+                                         "SELECT port_id, text FROM notes"
+                                         " WHERE coalesce(?1, 'all') IN ('all', port_id) ORDER BY rowid");
     if (rc != TAVRIX_OK) {
         return rc;
     }
-    sqlite3_bind_text(statement, 1, tavrix_call_has(call, "port_id") ? tavrix_call_text(call, "port_id") : "all", -1,
-                      SQLITE_TRANSIENT);
+    sqlite3_bind_text(statement, 1, tavrix_call_text(call, "port_id"), -1, SQLITE_TRANSIENT);
     json_t *found = json_array();
     while (sqlite3_step(statement) == SQLITE_ROW) {
         json_array_append_new(found, json_pack("{s:s, s:s}", "port_id", sqlite3_column_text(statement, 0), "text",

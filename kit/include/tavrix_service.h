@@ -515,12 +515,13 @@ TAVRIX_SERVICE_API int tavrix_call_pass_on(tavrix_call *call, const tavrix_answe
  *
  * @param session      the session socket; null as in the options
  * @param method       a method's name
- * @param params       taken: an object, or null for none; bounded as for tavrix_service_request()
+ * @param params       taken: an object, or null for none; nested no deeper than 2047 levels. A router answers a request
+ *                     of more than 65535 bytes with an error
  * @param timeout_ms   at least 1; after the router's --reply-timeout the response is its error TAVRIX_JRPC_TIMED_OUT
  * @param response_out receives the whole response object, with "result" or "error"; the caller releases it
  * @return 0; TAVRIX_ERR_TIMEOUT without an answer in time; TAVRIX_ERR_CONNECT_TIMEOUT when the router is not there;
  *         TAVRIX_ERR_NO_RESPONSE when it went away; TAVRIX_ERR_PARAMETER for a bad method or time, and for a
- *         request that is too large; TAVRIX_ERR_NO_MEMORY
+ *         request that is nested too deep; TAVRIX_ERR_NO_MEMORY
  */
 TAVRIX_SERVICE_API int tavrix_request_wait(const char *session, const char *method, json_t *params, int timeout_ms,
                                            json_t **response_out);

@@ -420,7 +420,7 @@ int tavrix_request_wait(const char *session, const char *method, json_t *params,
     const Text text = request_text(method, owner.release(), 1);
     if (rc == TAVRIX_OK && !text) {
         rc = TAVRIX_ERR_NO_MEMORY;
-    } else if (const Obstacle obstacle(rc == TAVRIX_OK ? text.get() : "", max_request_line - 1); obstacle) {
+    } else if (const Obstacle obstacle(rc == TAVRIX_OK ? text.get() : "", SIZE_MAX); obstacle) {
         cannot_request(method, obstacle.words);
         rc = TAVRIX_ERR_PARAMETER;
     }

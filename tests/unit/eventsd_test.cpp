@@ -154,14 +154,14 @@ TEST_F(EventsService, RefusesNumbersThatAreNoEvents) {
 TEST_F(EventsService, RefusesReportsThatAreNoLineOfText) {
     constexpr char method[] = "events.Report";
     constexpr int refused = TAVRIX_JRPC_INVALID_PARAMS;
-    const std::string allowed = "a text of 0 to 127 bytes";
+    const std::string allowed = "a text of 0 to 127 characters";
     driven->expect_refusal({method, "{}", refused, "text", "(none)", "\"text is missing: " + allowed + "\""});
     driven->expect_refusal({method, R"({"text":7})", refused, "text", "7", "\"text: 7 is not " + allowed + "\""});
     driven->expect_refusal(
         {method, R"({"text":null})", refused, "text", "\"null\"", "\"text: null is not " + allowed + "\""});
     driven->expect_refusal({method, R"({"text":"two\nlines"})", refused, "text", R"("two\nlines")",
                             R"("text: \"two\\nlines\" holds a control character")"});
-    for (const std::string &too_long : {std::string(128, 'x'), std::string(126, 'x') + "\xc3\xa9"}) {
+    for (const std::string &too_long : {std::string(128, 'x'), std::string(127, 'x') + "\xc3\xa9"}) {
         const std::string outcome = report(too_long);
         EXPECT_EQ(code_of(outcome), std::to_string(refused)) << too_long;
         const std::string data = member(member(outcome, "error"), "data");
@@ -169,7 +169,7 @@ TEST_F(EventsService, RefusesReportsThatAreNoLineOfText) {
         EXPECT_EQ(member(data, "allowed"), "\"" + allowed + "\"");
     }
     EXPECT_EQ(code_and_words(call("events.Last")), no_records) << "nothing was made of any of them";
-    for (const std::string &fits : {std::string(127, 'x'), std::string(125, 'x') + "\xc3\xa9"}) {
+    for (const std::string &fits : {std::string(127, 'x'), std::string(126, 'x') + "\xc3\xa9"}) {
         EXPECT_EQ(member(member(report(fits), "result"), "text"), "\"" + fits + "\"");
     }
 }

@@ -8,6 +8,9 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <nanomsg/nn.h>
+#include <nanomsg/tcp.h>
+
 #include <tavrix.h>
 
 enum { max_name = 48, name_size = max_name + 8 };
@@ -30,10 +33,17 @@ static int transport_of(const char *address) {
     return strncmp(address, "ipc:", 4) == 0 ? TAVRIX_TRANSPORT_IPC : TAVRIX_TRANSPORT_TCP;
 }
 
+/** Else the last replies of many wait for the system's acknowledgement of those before, some 40 ms. */
+static int send_at_once(int publisher) {
+    const int yes = 1;
+    return nn_setsockopt(publisher, NN_TCP, NN_TCP_NODELAY, &yes, sizeof yes) == 0;
+}
+
 static int open_bus(const char *publish, const char *router, const char *method, int *publisher, int *subscriber) {
     char *channel = tavrix_api_router_json_parse_channel(method);
     int endpoint = -1;
     const int is_open = channel != NULL && tavrix_mq_socket_init(TAVRIX_SP_PUB, publisher) == TAVRIX_OK &&
+                        send_at_once(*publisher) &&
                         tavrix_mq_socket_bind(*publisher, transport_of(publish), publish, &endpoint) == TAVRIX_OK &&
                         tavrix_jrpc_mq_sub_init(subscriber, 1) == TAVRIX_OK &&
                         tavrix_mq_socket_connect(*subscriber, transport_of(router), router, &endpoint) == TAVRIX_OK &&

@@ -424,7 +424,7 @@ TAVRIX_SERVICE_API int tavrix_call_fail(tavrix_call *call, int status);
  *
  * @param code    see tavrix_jrpc_code; the error's "message" is the catalogue's
  * @param message what is wrong, for a person: stored as "message" in the data; null for none. What is no UTF-8 is
- *                stored as ASCII with its other bytes as \xNN, and cut when it is long
+ *                stored as ASCII with its other bytes as backslash, x and two digits, and cut when it is long
  * @param data    taken: an object, to which the message is added, or null for none; anything else is left out, with a
  *                line in the log
  * @return 0; TAVRIX_ERR_NO_RECORDS as for tavrix_call_reply()

@@ -22,8 +22,9 @@ for commands in ../listings/*.sh; do
     text=${commands%.sh}.text
     [ ! -e "$text" ] || expect "$(cat "$commands")" "$(cat ../printed.log)" "$(cat "$text")"
 done
-for pid in $(jobs -pr); do
-    name=$(cat "/proc/$pid/comm" 2>/dev/null) || name="one that ended by itself"
-    kill "$pid" 2>/dev/null || true
+# The newest first: the page's clients before the router they hang on. Python's have no handler for the signal.
+for pid in $(jobs -pr | tac); do
+    name=$(cat "/proc/$pid/comm")
+    kill "$pid"
     wait "$pid" || [ "$name" = python3 ] || fail "a program of the page did not stop cleanly: $name"
 done

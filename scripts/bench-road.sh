@@ -157,6 +157,7 @@ start_ports() {
 # --- The rows ---
 
 bare_tcp() { echo_call bare-tcp.sock; }
+bare_ipc() { echo_call bare-ipc.sock; }
 bare_ports() { ports_call bare-tcp.sock; }
 echo_tcp() { echo_call tcp.sock; }
 echo_ipc() { echo_call ipc.sock; }
@@ -165,8 +166,10 @@ ports_alone() { ports_call ports.sock; }
 
 rows_oneshot() {
     start_bare tcp
+    start_bare ipc
     start_bus tcp
     compare_calls "one client, a connection a call, empty handler, bus over tcp : bare" ">= 0.85" bare_tcp echo_tcp
+    compare_calls "one client, a connection a call, empty handler, by hand over ipc : bare" "-" bare_tcp bare_ipc
     start_bus ipc
     compare_calls "one client, a connection a call, empty handler, bus over ipc : bare" ">= 1.05" bare_tcp echo_ipc
     start_direct

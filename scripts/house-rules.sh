@@ -70,7 +70,6 @@ rule private-header "another folder's private header: only white-box tests and w
     '#include "(internal/|tavrix_\w+_internal\.h)' '
     ^src/
     ^kit/src/
-    ^daemons/router/main\.cpp:.*internal/notify\.h
     ^tests/unit/\w+_whitebox_test\.cpp:
     ^tests/fault/
     ^fuzz/

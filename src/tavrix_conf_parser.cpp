@@ -9,7 +9,7 @@
 
 #include <sys/types.h>
 
-#include "internal/handles.h"
+#include "common/handles.h"
 #include "tavrix_error.h"
 
 namespace {

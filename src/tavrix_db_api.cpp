@@ -8,7 +8,7 @@
 #include <cstdint>
 #include <cstring>
 
-#include "internal/handles.h"
+#include "common/database_handles.h"
 #include "internal/log.h"
 #include "tavrix_error.h"
 #include "tavrix_sqlite3.h"

@@ -11,11 +11,12 @@
 #include <cstring>
 #include <utility>
 
-#include "internal/handles.h"
+#include "common/handles.h"
+#include "common/message.h"
+#include "common/sockets.h"
 #include "internal/jrpc_tables.h"
 #include "internal/json_text.h"
 #include "internal/log.h"
-#include "internal/sockets.h"
 #include "internal/tavrix_jrpc_seam.h"
 #include "tavrix_error.h"
 #include "tavrix_mq.h"
@@ -24,19 +25,19 @@
 namespace {
 
 using tavrix::BusSocket;
-using tavrix::Client;
 using tavrix::Draft;
 using tavrix::into;
 using tavrix::Json;
+using tavrix::protocol_version;
+using tavrix::StreamSocket;
 using tavrix::Text;
+using tavrix::wire_flags;
 
 constexpr char unit_name[] = "tavrix_jrpc";
 
 constexpr size_t parse_flags = JSON_REJECT_DUPLICATES | JSON_DISABLE_EOF_CHECK | JSON_DECODE_ANY;
 constexpr size_t log_flags = JSON_INDENT(4);
-constexpr size_t wire_flags = JSON_COMPACT | JSON_ENSURE_ASCII;
 constexpr int max_indent = 31;
-constexpr char protocol_version[] = "2.0";
 constexpr char bar = '|';
 constexpr int reply_timeout_ms = 1000;
 constexpr int notification_attempts = 5;
@@ -839,7 +840,7 @@ int run_stream_server(const StreamServer &server, const int *listen_sock, const 
     if (listen_sock == nullptr || table == nullptr) {
         return refuse(server.function, null_capitals, TAVRIX_ERR_NULL_INPUT);
     }
-    Client client;
+    StreamSocket client;
     int rc = server.accept(listen_sock, client.place());
     if (rc != TAVRIX_OK) {
         return rc;
@@ -998,7 +999,7 @@ int tavrix_jrpc_router_socket_to_mq(const int *listen_sock, const int *pub_sock,
     if (listen_sock == nullptr || pub_sock == nullptr || client_out == nullptr) {
         return refuse(__func__, null_capitals, TAVRIX_ERR_NULL_INPUT);
     }
-    Client client;
+    StreamSocket client;
     int rc = tavrix_socket_accept(listen_sock, client.place());
     if (rc != TAVRIX_OK) {
         return rc;
@@ -1114,7 +1115,7 @@ int tavrix_jrpc_router_mq_to_socket(const int *sub_sock, int *client_sock) {
     if (sub_sock == nullptr || client_sock == nullptr) {
         return refuse(__func__, null_initials, TAVRIX_ERR_NULL_INPUT);
     }
-    const Client client(std::exchange(*client_sock, -1)); // closed whatever happens
+    const StreamSocket client(std::exchange(*client_sock, -1)); // closed whatever happens
     Text json_text;
     const int rc = receive_text(__func__, *sub_sock, 0, &json_text);
     if (rc != TAVRIX_OK) {

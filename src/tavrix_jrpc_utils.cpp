@@ -12,7 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "internal/handles.h"
+#include "common/handles.h"
 #include "internal/log.h"
 #include "internal/tables.h"
 #include "internal/tavrix_jrpc_utils_seam.h"

@@ -24,7 +24,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include "internal/handles.h"
+#include "common/handles.h"
 #include "internal/log.h"
 #include "internal/tables.h"
 #include "internal/topics.h"

@@ -14,7 +14,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "internal/handles.h"
+#include "common/handles.h"
 #include "internal/log.h"
 #include "tavrix_error.h"
 

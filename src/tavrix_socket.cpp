@@ -18,7 +18,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include "internal/handles.h"
+#include "common/handles.h"
 #include "internal/log.h"
 #include "tavrix_error.h"
 

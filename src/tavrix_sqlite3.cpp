@@ -10,7 +10,8 @@
 
 #include <unistd.h>
 
-#include "internal/handles.h"
+#include "common/database_handles.h"
+#include "common/handles.h"
 #include "internal/log.h"
 #include "tavrix_error.h"
 #include "tavrix_utils.h"

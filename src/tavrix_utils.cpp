@@ -19,7 +19,7 @@
 #include <nanomsg/nn.h>
 #include <sys/stat.h>
 
-#include "internal/handles.h"
+#include "common/handles.h"
 #include "internal/log.h"
 #include "internal/tables.h"
 #include "tavrix_error.h"

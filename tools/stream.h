@@ -20,29 +20,7 @@ constexpr char default_session[] = TAVRIX_SERVICE_SESSION;
 /** What can be done where an answer does not come. */
 constexpr char late_remedy[] = "is it stopped, or busy? --timeout waits longer";
 
-/** Owns a descriptor. */
-class Socket {
-  public:
-    Socket() = default;
-    Socket(Socket &&other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-    Socket &operator=(Socket &&other) noexcept {
-        reset(std::exchange(other.fd_, -1));
-        return *this;
-    }
-    Socket(const Socket &) = delete;
-    Socket &operator=(const Socket &) = delete;
-    ~Socket() { reset(-1); }
-    int get() const { return fd_; }
-    void reset(int fd) {
-        if (fd_ >= 0) {
-            close(fd_);
-        }
-        fd_ = fd;
-    }
-
-  private:
-    int fd_ = -1;
-};
+using Socket = tavrix::Descriptor;
 
 enum class RoadKind { one_shot, tcp, session, direct };
 

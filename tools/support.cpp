@@ -10,6 +10,9 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "common/message.h"
+#include "common/text.h"
+
 namespace tavrixctl {
 
 namespace {
@@ -73,14 +76,8 @@ std::string text_or_stdin(const std::string &text) {
 }
 
 Json make_request(const std::string &method, Json params, const std::string &id) {
-    Json request(json_pack("{s:s, s:s}", "jsonrpc", "2.0", "method", method.c_str()));
-    if (request && !id.empty() && json_object_set_new(request.get(), "id", json_string(id.c_str())) != 0) {
-        return nullptr;
-    }
-    if (request && params) {
-        json_object_set(request.get(), "params", params.get());
-    }
-    return request;
+    return id.empty() ? tavrix::make_notification(method.c_str(), params.release())
+                      : tavrix::make_request(method.c_str(), params.release(), json_string(id.c_str()));
 }
 
 std::string request_text(const json_t *request) {
@@ -100,14 +97,8 @@ std::string render(const json_t *value, JsonStyle style) {
 }
 
 std::string printable(const std::string &text) {
-    std::string safe;
-    for (const char c : text) {
-        char escaped[5] = {c, '\0'};
-        if (c < ' ' || c > '~' || c == '\\') {
-            std::snprintf(escaped, sizeof escaped, "\\x%02x", static_cast<unsigned>(static_cast<unsigned char>(c)));
-        }
-        safe += escaped;
-    }
+    std::string safe(text.size() * tavrix::escaped_size + tavrix::printable_margin, '\0');
+    safe.resize(tavrix::make_printable(text.data(), text.size(), safe.data(), safe.size()));
     return safe;
 }
 

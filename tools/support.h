@@ -10,19 +10,13 @@
 
 #include <jansson.h>
 
+#include "common/handles.h"
 #include "verbs.h"
 
 namespace tavrixctl {
 
-struct DropReference {
-    void operator()(json_t *value) const { json_decref(value); }
-};
-using Json = std::unique_ptr<json_t, DropReference>;
-
-struct FreeMemory {
-    void operator()(char *memory) const { free(memory); }
-};
-using Text = std::unique_ptr<char, FreeMemory>;
+using tavrix::Json;
+using tavrix::Text;
 
 /** So many seconds that nobody sees their end. */
 constexpr double for_ever_s = 1e9;
@@ -66,7 +60,7 @@ class Silence {
 /** The text itself, or all of standard input when it is "-". */
 std::string text_or_stdin(const std::string &text);
 
-/** A JSON-RPC 2.0 request or, with an empty id, a notification. */
+/** A request or, with an empty id, a notification. */
 Json make_request(const std::string &method, Json params, const std::string &id);
 
 /** The request's text as it is sent. */
@@ -75,7 +69,7 @@ std::string request_text(const json_t *request);
 /** The value's text for standard output: whatever stands in it, it is printable ASCII, and the same value when read. */
 std::string render(const json_t *value, JsonStyle style);
 
-/** The text with everything but printable ASCII as \xHH: what others said must not steer a terminal. */
+/** What others said: it must not steer a terminal. */
 std::string printable(const std::string &text);
 
 /** Writes one line to standard output; false when it could not be written. */

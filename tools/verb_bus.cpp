@@ -9,6 +9,7 @@
 #include <nanomsg/nn.h>
 #include <poll.h>
 
+#include "common/sockets.h"
 #include "interrupt.h"
 #include "params.h"
 #include "router.h"
@@ -31,27 +32,21 @@ constexpr double patience_s = 2; // before it is told which addresses are dead
 class BusSocket {
   public:
     explicit BusSocket(int sp_type) {
-        if (tavrix_mq_socket_init(sp_type, &socket_) != TAVRIX_OK) {
-            socket_ = -1;
+        int opened = -1;
+        if (tavrix_mq_socket_init(sp_type, &opened) != TAVRIX_OK) {
             return;
         }
+        socket_.reset(opened);
         // At the first larger message nanomsg would drop the publisher's connection for good.
         constexpr int limit = 8 * 1024 * 1024;
-        nn_setsockopt(socket_, NN_SOL_SOCKET, NN_RCVMAXSIZE, &limit, sizeof limit);
-    }
-    BusSocket(const BusSocket &) = delete;
-    BusSocket &operator=(const BusSocket &) = delete;
-    ~BusSocket() {
-        if (socket_ >= 0) {
-            tavrix_mq_socket_close(socket_);
-        }
+        nn_setsockopt(opened, NN_SOL_SOCKET, NN_RCVMAXSIZE, &limit, sizeof limit);
     }
 
-    int get() const { return socket_; }
+    int get() const { return socket_.get(); }
 
     int connect(const std::string &address) {
         int endpoint = 0;
-        const int rc = tavrix_mq_socket_connect(socket_, TAVRIX_TRANSPORT_TCP, address.c_str(), &endpoint);
+        const int rc = tavrix_mq_socket_connect(get(), TAVRIX_TRANSPORT_TCP, address.c_str(), &endpoint);
         if (rc == TAVRIX_OK) {
             return exit_result;
         }
@@ -63,14 +58,12 @@ class BusSocket {
         return exit_no_connection;
     }
 
-    unsigned connections() const {
-        return static_cast<unsigned>(nn_get_statistic(socket_, NN_STAT_CURRENT_CONNECTIONS));
-    }
+    unsigned connections() const { return static_cast<unsigned>(nn_get_statistic(get(), NN_STAT_CURRENT_CONNECTIONS)); }
 
     /** Waits for the descriptor that tells of messages to receive (or room to send). */
     bool wait_ready(int (*descriptor_of)(int, int *), int timeout_ms) const {
         int fd = -1;
-        if (descriptor_of(socket_, &fd) != TAVRIX_OK) {
+        if (descriptor_of(get(), &fd) != TAVRIX_OK) {
             return false;
         }
         pollfd ready[] = {{fd, POLLIN, 0}, {stop_descriptor(), POLLIN, 0}};
@@ -78,7 +71,7 @@ class BusSocket {
     }
 
   private:
-    int socket_ = -1;
+    tavrix::BusSocket socket_;
 };
 
 /** A received frame, split at its first bar. */

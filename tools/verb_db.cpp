@@ -8,9 +8,9 @@
 #include <iterator>
 #include <memory>
 
-#include <sqlite3.h>
 #include <unistd.h>
 
+#include "common/database_handles.h"
 #include "support.h"
 #include "verbs.h"
 
@@ -20,20 +20,13 @@ namespace {
 
 constexpr int patience_ms = 2000; // for a writer to finish
 
-struct CloseDatabase {
-    void operator()(sqlite3 *db) const { sqlite3_close(db); }
-};
-using Database = std::unique_ptr<sqlite3, CloseDatabase>;
+using tavrix::Connection;
+using tavrix::Statement;
 
-struct FinalizeStatement {
-    void operator()(sqlite3_stmt *statement) const { sqlite3_finalize(statement); }
-};
-using Statement = std::unique_ptr<sqlite3_stmt, FinalizeStatement>;
-
-Database open_database(const std::string &file, int flags) {
+Connection open_database(const std::string &file, int flags) {
     sqlite3 *opened = nullptr;
     const int rc = sqlite3_open_v2(file.c_str(), &opened, flags, nullptr);
-    Database db(opened);
+    Connection db(opened);
     if (rc != SQLITE_OK) {
         const bool is_absent = rc == SQLITE_CANTOPEN && access(file.c_str(), F_OK) != 0;
         complain("%s: %s%s", printable(file).c_str(), db ? sqlite3_errmsg(db.get()) : sqlite3_errstr(rc),
@@ -94,7 +87,7 @@ constexpr char objects_of_schema[] = "SELECT type, name, sql FROM sqlite_master 
 
 /** Complains about each table that the schema has otherwise than the database, if there is a schema to compare with. */
 bool compare_schema(const DbOptions &options, const std::vector<std::string> &found) {
-    const Database fresh = open_database(":memory:", SQLITE_OPEN_READWRITE);
+    const Connection fresh = open_database(":memory:", SQLITE_OPEN_READWRITE);
     std::vector<std::string> wanted;
     if (!fresh || !run_file(fresh.get(), options.schema) ||
         !query(fresh.get(), options.schema, objects_of_schema, &wanted)) {
@@ -117,7 +110,7 @@ bool compare_schema(const DbOptions &options, const std::vector<std::string> &fo
 } // namespace
 
 int db_check(const DbOptions &options) {
-    const Database db = open_database(options.file, SQLITE_OPEN_READONLY);
+    const Connection db = open_database(options.file, SQLITE_OPEN_READONLY);
     std::vector<std::string> integrity;
     std::vector<std::string> dangling;
     std::vector<std::string> version;
@@ -166,7 +159,7 @@ int db_init(const DbOptions &options) {
     const std::string temporary = options.file + ".new-" + std::to_string(getpid());
     bool done = false;
     {
-        const Database db = open_database(temporary, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE);
+        const Connection db = open_database(temporary, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE);
         done = db && run_file(db.get(), options.schema) && (options.data.empty() || run_file(db.get(), options.data));
     }
     // Unlike a rename, a link does not replace one that has come to be meanwhile.

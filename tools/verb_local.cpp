@@ -251,13 +251,9 @@ int show_levels(const Daemons &daemons, const std::string &text, const std::stri
     return std::all_of(lines.begin(), lines.end(), print_line) ? exit_result : exit_error_response;
 }
 
-struct CloseFile {
-    void operator()(FILE *file) const { fclose(file); }
-};
-
 /** All of a file; a file that does not exist is an empty one. False, with errno, for any other failure. */
 bool read_file(const std::string &path, std::string *text) {
-    const std::unique_ptr<FILE, CloseFile> file(std::fopen(path.c_str(), "re"));
+    const tavrix::File file(std::fopen(path.c_str(), "re"));
     if (!file) {
         return errno == ENOENT;
     }

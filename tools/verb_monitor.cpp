@@ -7,6 +7,7 @@
 #include <cstring>
 #include <fstream>
 
+#include "common/message.h"
 #include "interrupt.h"
 #include "router.h"
 #include "session.h"
@@ -24,10 +25,6 @@ constexpr char traffic_method[] = "router.Traffic";
 
 // --- Watching ------------------------------------------------------------------------------------------------------
 
-struct CloseFile {
-    void operator()(FILE *file) const { fclose(file); }
-};
-
 class Watcher {
   public:
     explicit Watcher(const MonitorOptions &options) : options_(options) {}
@@ -43,7 +40,7 @@ class Watcher {
     bool show(const Exchange &exchange);
 
     const MonitorOptions &options_;
-    std::unique_ptr<FILE, CloseFile> record_;
+    tavrix::File record_;
     Pairing pairing_;
     Summary summary_;
     size_t method_width_ = 0;
@@ -209,11 +206,8 @@ class Player {
 
 int Player::send(size_t index) {
     const Recorded &one = recorded_[index];
-    const Json request(json_pack("{s:s, s:s, s:I}", "jsonrpc", "2.0", "method", one.method.c_str(), "id",
-                                 static_cast<json_int_t>(index)));
-    if (one.params) {
-        json_object_set(request.get(), "params", one.params.get());
-    }
+    const Json request = tavrix::make_request(one.method.c_str(), json_incref(one.params.get()),
+                                              json_integer(static_cast<json_int_t>(index)));
     ++missing_;
     return session_->send(request_text(request.get()), Deadline(options_.timeout_s));
 }

@@ -3,8 +3,8 @@
  *
  *     tavrix-eventsd --script links.txt --interval 1000
  */
-#include "common/log.h"
-#include "common/service_options.h"
+#include "base/log.h"
+#include "base/service_options.h"
 #include "methods.h"
 
 namespace {

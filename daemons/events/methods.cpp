@@ -9,7 +9,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include "common/log.h"
+#include "base/log.h"
 
 namespace events {
 

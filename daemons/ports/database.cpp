@@ -7,7 +7,8 @@
 
 #include <sys/stat.h>
 
-#include "common/log.h"
+#include "base/log.h"
+#include "common/database_handles.h"
 
 namespace ports {
 
@@ -16,10 +17,7 @@ namespace {
 constexpr char unit_name[] = "database";
 constexpr int ports_of_a_new_unit = 8;
 
-struct FinalizeStatement {
-    void operator()(sqlite3_stmt *statement) const { sqlite3_finalize(statement); }
-};
-using Statement = std::unique_ptr<sqlite3_stmt, FinalizeStatement>;
+using tavrix::Statement;
 
 /** The status for a result code of SQLite. */
 int status_of(int sqlite_code) {

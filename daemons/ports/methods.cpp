@@ -3,14 +3,14 @@
 #include <array>
 #include <string>
 
+#include "base/log.h"
 #include "common/handles.h"
-#include "common/log.h"
 
 namespace ports {
 
 namespace {
 
-using daemon_support::Json;
+using tavrix::Json;
 
 constexpr char unit_name[] = "ports";
 constexpr size_t word_size = 32;

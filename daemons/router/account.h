@@ -11,7 +11,7 @@
 #include <memory>
 #include <vector>
 
-#include "common/loop.h"
+#include "base/loop.h"
 #include "policy.h"
 
 namespace router {

@@ -8,7 +8,7 @@
 
 #include <sys/stat.h>
 
-#include "common/log.h"
+#include "base/log.h"
 #include "foreign_log.h"
 #include "message.h"
 #include "tavrix_error.h"
@@ -81,10 +81,10 @@ bool send_at_once(int socket) {
 
 bool Bus::open(event_base *base, const std::vector<std::string> &publish) {
     const mode_t before = umask(for_the_group); // who may enter the folder may also connect
-    bool bound = tavrix_mq_socket_init(TAVRIX_SP_PUB, pub_.place()) == TAVRIX_OK && send_at_once(*pub_.get());
+    bool bound = tavrix_mq_socket_init(TAVRIX_SP_PUB, pub_.place()) == TAVRIX_OK && send_at_once(pub_.get());
     for (const std::string &address : publish) {
         int endpoint = 0;
-        if (!bound || tavrix_mq_socket_bind(*pub_.get(), transport_of(address), address.c_str(), &endpoint) != 0) {
+        if (!bound || tavrix_mq_socket_bind(pub_.get(), transport_of(address), address.c_str(), &endpoint) != 0) {
             const char *usual = transport_of(address) == TAVRIX_TRANSPORT_IPC ? "does its folder exist?"
                                                                               : "is that address one of this machine?";
             const char *advice = nn_errno() == EADDRINUSE ? "is another router running?" : usual;
@@ -99,10 +99,10 @@ bool Bus::open(event_base *base, const std::vector<std::string> &publish) {
     }
     umask(before);
     int descriptor = -1;
-    if (!bound || tavrix_mq_socket_init(TAVRIX_SP_SUB, sub_.place()) != TAVRIX_OK || !send_at_once(*sub_.get()) ||
-        nn_setsockopt(*sub_.get(), NN_SOL_SOCKET, NN_RCVMAXSIZE, &largest_message, sizeof largest_message) != 0 ||
-        tavrix_mq_socket_subscribe(*sub_.get(), TAVRIX_ROUTER_REPLY_CHANNEL) != TAVRIX_OK ||
-        tavrix_mq_socket_recvfd(*sub_.get(), &descriptor) != TAVRIX_OK) {
+    if (!bound || tavrix_mq_socket_init(TAVRIX_SP_SUB, sub_.place()) != TAVRIX_OK || !send_at_once(sub_.get()) ||
+        nn_setsockopt(sub_.get(), NN_SOL_SOCKET, NN_RCVMAXSIZE, &largest_message, sizeof largest_message) != 0 ||
+        tavrix_mq_socket_subscribe(sub_.get(), TAVRIX_ROUTER_REPLY_CHANNEL) != TAVRIX_OK ||
+        tavrix_mq_socket_recvfd(sub_.get(), &descriptor) != TAVRIX_OK) {
         return false;
     }
     readable_.reset(event_new(base, descriptor, EV_READ | EV_PERSIST, on_readable, this));
@@ -111,14 +111,14 @@ bool Bus::open(event_base *base, const std::vector<std::string> &publish) {
 
 int Bus::connect(const std::string &address) {
     int endpoint = -1;
-    if (tavrix_mq_socket_connect(*sub_.get(), transport_of(address), address.c_str(), &endpoint) != TAVRIX_OK) {
+    if (tavrix_mq_socket_connect(sub_.get(), transport_of(address), address.c_str(), &endpoint) != TAVRIX_OK) {
         LOG_FOREIGN("Cannot listen to %s: it is no address of the bus\n", printable(address).c_str());
         return -1;
     }
     return endpoint;
 }
 
-void Bus::disconnect(int endpoint) { tavrix_mq_socket_shutdown(*sub_.get(), endpoint); }
+void Bus::disconnect(int endpoint) { tavrix_mq_socket_shutdown(sub_.get(), endpoint); }
 
 bool Bus::publish(std::string_view channel, std::string_view text) {
     auto *frame = static_cast<char *>(nn_allocmsg(channel.size() + 1 + text.size(), 0));
@@ -128,7 +128,7 @@ bool Bus::publish(std::string_view channel, std::string_view text) {
     channel.copy(frame, channel.size());
     frame[channel.size()] = '|';
     text.copy(frame + channel.size() + 1, text.size());
-    if (nn_send(*pub_.get(), &frame, NN_MSG, NN_DONTWAIT) >= 0) {
+    if (nn_send(pub_.get(), &frame, NN_MSG, NN_DONTWAIT) >= 0) {
         return true;
     }
     nn_freemsg(frame);
@@ -138,7 +138,7 @@ bool Bus::publish(std::string_view channel, std::string_view text) {
 void Bus::listen_to_everything(bool wanted) {
     if (wanted != everything_) {
         const int rc =
-            wanted ? tavrix_mq_socket_subscribe(*sub_.get(), "") : tavrix_mq_socket_unsubscribe(*sub_.get(), "");
+            wanted ? tavrix_mq_socket_subscribe(sub_.get(), "") : tavrix_mq_socket_unsubscribe(sub_.get(), "");
         everything_ = rc == TAVRIX_OK ? wanted : everything_;
     }
 }
@@ -149,7 +149,7 @@ void Bus::on_readable(evutil_socket_t /*descriptor*/, short /*what*/, void *cont
     size_t bytes = 0;
     for (int left = messages_per_turn; left > 0 && bytes < bytes_per_turn; --left) {
         char *frame = nullptr;
-        const int length = nn_recv(*self->sub_.get(), &frame, NN_MSG, NN_DONTWAIT);
+        const int length = nn_recv(self->sub_.get(), &frame, NN_MSG, NN_DONTWAIT);
         if (length < 0) {
             return;
         }

@@ -9,8 +9,8 @@
 #include <string_view>
 #include <vector>
 
-#include "common/handles.h"
-#include "common/loop.h"
+#include "base/loop.h"
+#include "common/sockets.h"
 
 namespace router {
 
@@ -39,8 +39,8 @@ class Bus {
     static void on_readable(evutil_socket_t descriptor, short what, void *context);
 
     Receiver receiver_;
-    daemon_support::BusSocket pub_;
-    daemon_support::BusSocket sub_;
+    tavrix::BusSocket pub_;
+    tavrix::BusSocket sub_;
     daemon_support::Event readable_;
     bool everything_ = false;
 };

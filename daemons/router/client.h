@@ -9,7 +9,7 @@
 #include <string>
 
 #include "account.h"
-#include "common/loop.h"
+#include "base/loop.h"
 #include "message.h"
 #include "policy.h"
 

@@ -3,6 +3,7 @@
 
 #include <sys/socket.h>
 
+#include "common/sockets.h"
 #include "foreign_log.h"
 #include "router.h"
 #include "tavrix_jrpc.h"
@@ -22,8 +23,7 @@ constexpr char unit_name[] = "clients";
 template <class Kind>
 void Router::admit(int descriptor, Road road) {
     guard(nullptr, [&] {
-        daemon_support::StreamSocket owner;
-        *owner.place() = descriptor;
+        tavrix::StreamSocket owner(descriptor);
         Peer peer = peer_of(descriptor, road);
         const int64_t account = account_of(peer);
         if (!has_room(users_, account, clients_.size(), static_cast<size_t>(config_.max_clients))) {
@@ -31,7 +31,7 @@ void Router::admit(int descriptor, Road road) {
             return;
         }
         auto added = std::make_unique<Kind>(*this, descriptor, std::move(peer));
-        owner.forget();
+        static_cast<void>(owner.release());
         Kind *client = added.get();
         size_t &places = users_[account];
         clients_.push_back(std::move(added));

@@ -4,8 +4,8 @@
 #ifndef TAVRIX_DAEMONS_ROUTER_FOREIGN_LOG_H
 #define TAVRIX_DAEMONS_ROUTER_FOREIGN_LOG_H
 
-#include "common/log.h"
-#include "common/loop.h"
+#include "base/log.h"
+#include "base/loop.h"
 
 namespace router {
 

@@ -8,7 +8,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 
-#include "common/log.h"
+#include "base/log.h"
 
 namespace router {
 
@@ -45,7 +45,7 @@ bool Listener::watch(event_base *base, int descriptor, Taker taker) {
 
 bool Listener::open_unix(event_base *base, const std::string &path, Taker taker) {
     pause_.reset(event_new(base, -1, 0, on_pause_over, this));
-    return pause_ && unix_.open(path) && watch(base, *unix_.socket().get(), std::move(taker));
+    return pause_ && unix_.open(path) && watch(base, unix_.descriptor(), std::move(taker));
 }
 
 bool Listener::open_tcp(event_base *base, const std::string &address, int port, Taker taker) {
@@ -61,7 +61,7 @@ bool Listener::open_tcp(event_base *base, const std::string &address, int port, 
         return false;
     }
     if (try_tcp()) {
-        return watch(base, *tcp_.get(), std::move(taker));
+        return watch(base, tcp_.get(), std::move(taker));
     }
     if (errno != EADDRINUSE) {
         return tcp_failed(std::strerror(errno));
@@ -82,21 +82,21 @@ bool Listener::tcp_failed(const char *why) {
 /** Begins a connection to the port that is taken: it tells whether somebody serves there. */
 void Listener::knock() {
     const sockaddr_in place = tcp_socket_address(tcp_address_, tcp_port_);
-    *probe_.place() = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    if (connect(*probe_.get(), reinterpret_cast<const sockaddr *>(&place), sizeof place) != 0 && errno != EINPROGRESS) {
+    probe_.reset(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (connect(probe_.get(), reinterpret_cast<const sockaddr *>(&place), sizeof place) != 0 && errno != EINPROGRESS) {
         probe_.reset();
     }
 }
 
 /** Mostly known at once; on a busy machine, or with a full backlog there, only later. */
 bool Listener::is_answered() {
-    pollfd state{*probe_.get(), POLLOUT, 0};
-    if (!probe_.is_open() || poll(&state, 1, 0) != 1) {
+    pollfd state{probe_.get(), POLLOUT, 0};
+    if (!probe_ || poll(&state, 1, 0) != 1) {
         return false;
     }
     int refusal = 0;
     socklen_t size = sizeof refusal;
-    const bool is_refused = getsockopt(*probe_.get(), SOL_SOCKET, SO_ERROR, &refusal, &size) != 0 || refusal != 0;
+    const bool is_refused = getsockopt(probe_.get(), SOL_SOCKET, SO_ERROR, &refusal, &size) != 0 || refusal != 0;
     probe_.reset();
     return !is_refused;
 }
@@ -104,11 +104,11 @@ bool Listener::is_answered() {
 bool Listener::try_tcp() {
     const int yes = 1;
     const sockaddr_in place = tcp_socket_address(tcp_address_, tcp_port_);
-    tcp_.reset();
-    *tcp_.place() = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    if (tcp_.is_open() && setsockopt(*tcp_.get(), SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes) == 0 &&
-        bind(*tcp_.get(), reinterpret_cast<const sockaddr *>(&place), sizeof place) == 0 &&
-        listen(*tcp_.get(), SOMAXCONN) == 0) {
+    tcp_.reset(); // its port is wanted again
+    tcp_.reset(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (tcp_ && setsockopt(tcp_.get(), SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes) == 0 &&
+        bind(tcp_.get(), reinterpret_cast<const sockaddr *>(&place), sizeof place) == 0 &&
+        listen(tcp_.get(), SOMAXCONN) == 0) {
         return true;
     }
     const int reason = errno;
@@ -134,7 +134,7 @@ void Listener::on_pause_over(evutil_socket_t /*descriptor*/, short /*what*/, voi
     } else if (self->try_tcp()) {
         self->probe_.reset();
         LOG_INFO("Listening on TCP port %d\n", self->tcp_port_);
-        self->watch(self->base_, *self->tcp_.get(), self->taker_);
+        self->watch(self->base_, self->tcp_.get(), self->taker_);
     } else {
         daemon_support::add_after(self->pause_, tcp_attempt_interval);
     }

@@ -7,9 +7,9 @@
 #include <functional>
 #include <string>
 
-#include "common/handles.h"
-#include "common/loop.h"
-#include "common/unix_listener.h"
+#include "base/loop.h"
+#include "base/unix_listener.h"
+#include "common/sockets.h"
 
 namespace router {
 
@@ -44,8 +44,8 @@ class Listener {
 
     Taker taker_;
     daemon_support::UnixListener unix_;
-    daemon_support::StreamSocket tcp_;
-    daemon_support::StreamSocket probe_; ///< a connection to the port, while it is open who has it
+    tavrix::StreamSocket tcp_;
+    tavrix::StreamSocket probe_; ///< a connection to the port, while it is open who has it
     bool has_failed_ = false;
     std::string tcp_address_;
     int tcp_port_ = 0;

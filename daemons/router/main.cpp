@@ -6,9 +6,9 @@
 #include <cerrno>
 #include <cstring>
 
-#include "common/log.h"
-#include "common/options.h"
-#include "internal/notify.h"
+#include "base/log.h"
+#include "base/options.h"
+#include "common/notify.h"
 #include "router.h"
 
 namespace {

@@ -23,27 +23,8 @@ std::string text_member(const json_t *object, const char *key) {
 }
 
 std::string printable(std::string_view text) {
-    std::string safe;
-    for (const char c : text) {
-        if (safe.size() >= max_shown) {
-            return safe + "..."; // a longer line would lose its end, and the next one its beginning
-        }
-        char escaped[5] = {c, '\0'};
-        if (c < ' ' || c > '~' || c == '\\') {
-            std::snprintf(escaped, sizeof escaped, "\\x%02x", static_cast<unsigned>(static_cast<unsigned char>(c)));
-        }
-        safe += escaped;
-    }
-    return safe;
-}
-
-bool is_plain(std::string_view text) {
-    unsigned char before = 0;
-    return std::none_of(text.begin(), text.end(), [&before](char character) {
-        const auto c = static_cast<unsigned char>(character);
-        const bool is_second_set = std::exchange(before, c) == 0xc2 && c >= 0x80 && c < 0xa0; // U+0080 to U+009F
-        return c < ' ' || c == 127 || is_second_set;
-    });
+    char shown[max_shown + tavrix::printable_margin];
+    return {shown, tavrix::make_printable(text.data(), text.size(), shown, sizeof shown)};
 }
 
 bool is_valid_id(const json_t *id) { return json_is_string(id) || json_is_number(id); }
@@ -60,7 +41,7 @@ int find_envelope_error(const json_t *request) {
         (transaction_id != nullptr && !json_is_number(transaction_id)) || version == nullptr) {
         return TAVRIX_JRPC_INVALID_REQUEST;
     }
-    if (std::string_view(version) != "2.0") {
+    if (std::string_view(version) != tavrix::protocol_version) {
         return TAVRIX_JRPC_VERSION_NOT_SUPPORTED;
     }
     if (params != nullptr && !json_is_object(params)) {
@@ -98,28 +79,17 @@ Json with_transaction_id(Json message, json_t *transaction_id) {
 } // namespace
 
 Json make_result(Json id, Json transaction_id, Json result) {
-    Json message(json_pack("{s:s, s:o, s:o}", "jsonrpc", "2.0", "id", id.release(), "result", result.release()));
+    Json message(json_pack("{s:s, s:o, s:o}", "jsonrpc", tavrix::protocol_version, "id", id.release(), "result",
+                           result.release()));
     return with_transaction_id(std::move(message), transaction_id.get());
 }
 
 Json make_error(int jrpc_code, const json_t *request, Json data) {
     json_t *id = json_object_get(request, "id");
-    Json message(json_pack("{s:s, s:O, s:{s:i, s:s, s:o}}", "jsonrpc", "2.0", "id", is_valid_id(id) ? id : json_null(),
-                           "error", "code", jrpc_code, "message", tavrix_jrpc_error_message(jrpc_code), "data",
-                           data ? data.release() : json_null()));
+    Json message(json_pack("{s:s, s:O, s:{s:i, s:s, s:o}}", "jsonrpc", tavrix::protocol_version, "id",
+                           is_valid_id(id) ? id : json_null(), "error", "code", jrpc_code, "message",
+                           tavrix_jrpc_error_message(jrpc_code), "data", data ? data.release() : json_null()));
     return with_transaction_id(std::move(message), json_object_get(request, "transaction_id"));
-}
-
-Json make_notification(const char *method, Json params) {
-    return Json(json_pack("{s:s, s:s, s:o}", "jsonrpc", "2.0", "method", method, "params", params.release()));
-}
-
-bool matches(std::string_view pattern, std::string_view method) {
-    if (!pattern.empty() && pattern.back() == '*') {
-        pattern.remove_suffix(1);
-        return method.substr(0, pattern.size()) == pattern;
-    }
-    return pattern == method;
 }
 
 bool matches_any(const std::vector<std::string> &patterns, std::string_view method) {
@@ -128,7 +98,7 @@ bool matches_any(const std::vector<std::string> &patterns, std::string_view meth
 }
 
 std::string_view Renderer::render(const json_t *value) {
-    constexpr size_t flags = JSON_COMPACT | JSON_ENSURE_ASCII | JSON_ENCODE_ANY;
+    constexpr size_t flags = tavrix::wire_flags | JSON_ENCODE_ANY;
     if (memory_.size() > max_kept_memory) {
         memory_ = std::string(max_kept_memory, '\0'); // one large message must not be paid for ever after
     }

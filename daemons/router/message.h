@@ -10,11 +10,12 @@
 
 #include <jansson.h>
 
-#include "common/handles.h"
+#include "common/message.h"
+#include "common/text.h"
 
 namespace router {
 
-using daemon_support::Json;
+using tavrix::Json;
 
 /** Another reference to the value. */
 inline Json share(json_t *value) { return Json(json_incref(value)); }
@@ -23,11 +24,11 @@ inline Json share(const Json &value) { return share(value.get()); }
 /** The member's text; empty when it is absent or of another type. */
 std::string text_member(const json_t *object, const char *key);
 
-/** The text with everything but printable ASCII as \xHH: the words of others must not make log lines of their own. */
+/** The words of others for a log line, which a longer text would take beyond its end. */
 std::string printable(std::string_view text);
 
 /** Whether the library's log lines may show the text: no control characters. */
-bool is_plain(std::string_view text);
+inline bool is_plain(std::string_view text) { return !tavrix::has_control_characters(text.data(), text.size()); }
 
 bool is_valid_id(const json_t *id);
 
@@ -46,10 +47,16 @@ Json message_data(const std::string &message);
 /** Null values are left out, but for the id, which is null then. */
 Json make_result(Json id, Json transaction_id, Json result);
 Json make_error(int jrpc_code, const json_t *request, Json data);
-Json make_notification(const char *method, Json params);
+
+/** Null, too, when there was no memory for the parameters. */
+inline Json make_notification(const char *method, Json params) {
+    return params ? tavrix::make_notification(method, params.release()) : nullptr;
+}
 
 /** A method's name, or the beginning of one and `*`. */
-bool matches(std::string_view pattern, std::string_view method);
+inline bool matches(std::string_view pattern, std::string_view method) {
+    return tavrix::matches(pattern.data(), pattern.size(), method.data(), method.size());
+}
 bool matches_any(const std::vector<std::string> &patterns, std::string_view method);
 
 /** Turns JSON values into compact ASCII, in one piece of memory that is used again. */

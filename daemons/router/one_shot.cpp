@@ -5,7 +5,7 @@
 
 #include <sys/socket.h>
 
-#include "common/log.h"
+#include "base/log.h"
 #include "foreign_log.h"
 #include "router.h"
 #include "tavrix_jrpc.h"

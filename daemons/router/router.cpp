@@ -14,8 +14,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "common/log.h"
-#include "common/service_names.h"
+#include "base/log.h"
+#include "base/service_names.h"
 #include "foreign_log.h"
 #include "tavrix_error.h"
 #include "tavrix_jrpc.h"
@@ -27,8 +27,8 @@ namespace {
 
 using daemon_support::add_after;
 using daemon_support::Clock;
-using daemon_support::Text;
 using std::chrono::milliseconds;
+using tavrix::Text;
 
 constexpr char unit_name[] = "router";
 constexpr milliseconds probe_interval{200};

@@ -17,9 +17,9 @@
 #include <vector>
 
 #include "account.h"
+#include "base/loop.h"
 #include "bus.h"
 #include "client.h"
-#include "common/loop.h"
 #include "listener.h"
 #include "message.h"
 #include "one_shot.h"

@@ -18,7 +18,7 @@ const char *name_of(Service::State state) {
 }
 
 std::string channel_of(const std::string &method) {
-    const daemon_support::Text channel(tavrix_api_router_json_parse_channel(method.c_str()));
+    const tavrix::Text channel(tavrix_api_router_json_parse_channel(method.c_str()));
     return channel ? channel.get() : "";
 }
 

@@ -6,7 +6,7 @@
 #include <malloc.h>
 #include <sys/socket.h>
 
-#include "common/log.h"
+#include "base/log.h"
 #include "foreign_log.h"
 #include "router.h"
 #include "tavrix_jrpc.h"

@@ -112,25 +112,6 @@ void buffer_free(Buffer *buffer) {
 
 // --- Texts ---------------------------------------------------------------------------------------------------------
 
-Printable::Printable(const char *foreign) {
-    constexpr size_t escaped = 4;
-    constexpr size_t room = sizeof text - escaped - sizeof "...";
-    size_t length = 0;
-    for (; foreign != nullptr && *foreign != '\0'; ++foreign) {
-        if (length >= room) {
-            length += static_cast<size_t>(std::snprintf(text + length, sizeof "...", "..."));
-            break;
-        }
-        const auto byte = static_cast<unsigned char>(*foreign);
-        if (byte >= ' ' && byte < 127) {
-            text[length++] = *foreign;
-        } else {
-            length += static_cast<size_t>(std::snprintf(text + length, escaped + 1, "\\x%02x", byte));
-        }
-    }
-    text[length] = '\0';
-}
-
 /** A parser's limit; counted in the text, where values of any depth cost no stack. */
 static bool is_too_deep(const char *message, size_t length) {
     if (length <= 2 * max_nesting) {
@@ -163,34 +144,9 @@ Obstacle::Obstacle(const char *message, size_t most) : words{} {
     }
 }
 
-/** Beyond ASCII, in UTF-8: U+0080 to U+009F, and the separators of lines and of paragraphs, U+2028 and U+2029. */
-static bool begins_with_wide_control(const char *text) {
-    const auto *bytes = reinterpret_cast<const unsigned char *>(text);
-    return (bytes[0] == 0xc2 && bytes[1] >= 0x80 && bytes[1] <= 0x9f) ||
-           (bytes[0] == 0xe2 && bytes[1] == 0x80 && (bytes[2] == 0xa8 || bytes[2] == 0xa9));
-}
-
-bool has_control_characters(const char *text) {
-    for (; *text != '\0'; ++text) {
-        const auto byte = static_cast<unsigned char>(*text);
-        if (byte < ' ' || byte == 127 || begins_with_wide_control(text)) {
-            return true;
-        }
-    }
-    return false;
-}
-
 bool is_method_name(const char *name) {
     return name != nullptr && *name != '\0' && std::strlen(name) <= max_method_name && !has_control_characters(name) &&
            std::strchr(name, '|') == nullptr;
-}
-
-bool matches(const char *pattern, const char *name) {
-    const size_t length = std::strlen(pattern);
-    if (length > 0 && pattern[length - 1] == '*') {
-        return std::strncmp(pattern, name, length - 1) == 0;
-    }
-    return std::strcmp(pattern, name) == 0;
 }
 
 // --- Directory -----------------------------------------------------------------------------------------------------

@@ -171,7 +171,7 @@ bool has_good_envelope(const json_t *request) {
     const json_t *params = json_object_get(request, "params");
     return json_is_object(request) && (id == nullptr || is_text_or_number(id)) &&
            (transaction_id == nullptr || json_is_number(transaction_id)) && version != nullptr &&
-           std::strcmp(version, "2.0") == 0 && (params == nullptr || json_is_object(params)) &&
+           std::strcmp(version, protocol_version) == 0 && (params == nullptr || json_is_object(params)) &&
            json_object_get(request, "method") != nullptr;
 }
 

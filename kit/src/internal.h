@@ -18,17 +18,22 @@
 #include <jansson.h>
 #include <sys/types.h>
 
-#include "internal/handles.h"
+#include "common/handles.h"
+#include "common/message.h"
+#include "common/text.h"
 #include "internal/log.h"
 #include "tavrix_service.h"
 
 namespace kit {
 
+using tavrix::has_control_characters;
 using tavrix::Json;
+using tavrix::matches;
+using tavrix::protocol_version;
 using tavrix::Text;
+using tavrix::wire_flags;
 
 constexpr size_t parse_flags = JSON_REJECT_DUPLICATES | JSON_DISABLE_EOF_CHECK | JSON_DECODE_ANY;
-constexpr size_t wire_flags = JSON_COMPACT | JSON_ENSURE_ASCII;
 constexpr int default_reply_timeout_ms = 10000;
 constexpr size_t mebibyte = 1048576;
 constexpr size_t max_frame = 8 * mebibyte;        // receivers cut whoever publishes a larger one off for good
@@ -84,9 +89,11 @@ bool buffer_append(Buffer *buffer, const char *bytes, size_t count);
 void buffer_consume(Buffer *buffer, size_t count);
 void buffer_free(Buffer *buffer);
 
-/** Foreign text for a log line: what is not printable ASCII is escaped, what is long is cut. */
+/** Foreign text for a log line; a null pointer is shown as nothing. */
 struct Printable {
-    explicit Printable(const char *text);
+    explicit Printable(const char *foreign) {
+        tavrix::make_printable(foreign, foreign != nullptr ? std::strlen(foreign) : 0, text, sizeof text);
+    }
     char text[160];
 };
 
@@ -98,12 +105,8 @@ struct Obstacle {
     char words[96]; ///< for people; empty when nothing does
 };
 
-/** Whether a text holds a control character of ASCII or beyond, or anything else that ends a line. */
-bool has_control_characters(const char *text);
 /** A method's name: 1 to 255 bytes without control characters or bars. */
 bool is_method_name(const char *name);
-/** Whether a name matches a pattern: the name itself, or its beginning followed by `*`. */
-bool matches(const char *pattern, const char *name);
 
 // --- Numbered things -----------------------------------------------------------------------------------------------
 

@@ -111,10 +111,6 @@ void forget_request(Request *request) {
     unmake(request);
 }
 
-bool set_id(json_t *message, uint64_t id) {
-    return id == 0 || json_object_set_new(message, "id", json_integer(static_cast<json_int_t>(id))) == 0;
-}
-
 uint64_t cannot_request(const char *method, const char *why) {
     LOG_ERROR("Cannot call %s: %s\n", Printable(method).text, why);
     return 0;
@@ -165,12 +161,8 @@ void free_ended_subscriptions(tavrix_service *service) {
 } // namespace
 
 Text request_text(const char *method, json_t *params, uint64_t id) {
-    const Json params_owner(params);
-    const Json message(json_pack("{s:s, s:s}", "jsonrpc", "2.0", "method", method));
-    if (!message || (params != nullptr && json_object_set(message.get(), "params", params) != 0) ||
-        !set_id(message.get(), id)) {
-        return nullptr;
-    }
+    const Json message = id != 0 ? tavrix::make_request(method, params, json_integer(static_cast<json_int_t>(id)))
+                                 : tavrix::make_notification(method, params);
     return Text(json_dumps(message.get(), wire_flags));
 }
 

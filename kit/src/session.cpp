@@ -15,8 +15,8 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include "common/notify.h"
 #include "internal.h"
-#include "internal/notify.h"
 
 namespace kit {
 

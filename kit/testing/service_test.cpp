@@ -509,11 +509,9 @@ const char *tavrix_service_test_request(tavrix_service_test *test, const char *t
 const char *tavrix_service_test_call(tavrix_service_test *test, const char *method, const char *params) {
     need(method, "there is no method");
     need(test, "there is no test");
-    const Json request(need(json_pack("{s:s, s:s, s:s, s:I}", "jsonrpc", "2.0", "method", method, "id", "test",
-                                      "transaction_id", static_cast<json_int_t>(++test->last_transaction_id))));
-    if (params != nullptr) {
-        json_object_set_new(request.get(), "params", object_of(params).release());
-    }
+    const Json request =
+        tavrix::make_request(method, params != nullptr ? object_of(params).release() : nullptr, json_string("test"));
+    json_object_set_new(need(request.get()), "transaction_id", json_integer(++test->last_transaction_id));
     const Text text(need(json_dumps(request.get(), wire_flags)));
     return outcome_of(test, tavrix_service_test_request(test, text.get()));
 }

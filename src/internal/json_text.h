@@ -12,7 +12,7 @@
 
 #include <jansson.h>
 
-#include "internal/handles.h"
+#include "common/handles.h"
 
 namespace tavrix {
 

@@ -14,7 +14,7 @@
 #include <memory>
 #include <utility>
 
-#include "internal/handles.h"
+#include "common/handles.h"
 
 namespace tavrix {
 

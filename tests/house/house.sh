@@ -46,7 +46,7 @@ plant private-header tests/unit/tavrix_mq_test.cpp '#include "tavrix_jrpc_intern
 plant runtime src/tavrix_socket.cpp '    std::string text;'
 plant runtime kit/src/base.cpp '    auto *record = new Record;'
 plant function-pointer-deleter tools/support.h 'std::unique_ptr<FILE, decltype(&fclose)> file;'
-plant using-in-header daemons/common/log.h 'using namespace std;'
+plant using-in-header daemons/base/log.h 'using namespace std;'
 plant swallowed-semicolon src/internal/log.h '#define X do { f(); } while (0);'
 plant fixed-sleep tests/system/router_test.cpp '    std::this_thread::sleep_for(one_second);'
 printf '// a line\n%.0s' {1..1000} >"$work/tools/words.cpp"

@@ -1,8 +1,8 @@
 /**
  * Log macros for the daemons: `file` is the source file's `unit_name`, debug lines cost nothing when they are off.
  */
-#ifndef TAVRIX_DAEMONS_COMMON_LOG_H
-#define TAVRIX_DAEMONS_COMMON_LOG_H
+#ifndef TAVRIX_DAEMONS_BASE_LOG_H
+#define TAVRIX_DAEMONS_BASE_LOG_H
 
 #include "tavrix_lsyslog.h"
 

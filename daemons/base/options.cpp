@@ -1,4 +1,4 @@
-#include "common/options.h"
+#include "base/options.h"
 
 #include <algorithm>
 #include <cerrno>

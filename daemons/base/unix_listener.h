@@ -1,14 +1,14 @@
 /**
  * A unix listener with the file that stands for it.
  */
-#ifndef TAVRIX_DAEMONS_COMMON_UNIX_LISTENER_H
-#define TAVRIX_DAEMONS_COMMON_UNIX_LISTENER_H
+#ifndef TAVRIX_DAEMONS_BASE_UNIX_LISTENER_H
+#define TAVRIX_DAEMONS_BASE_UNIX_LISTENER_H
 
 #include <string>
 
 #include <sys/types.h>
 
-#include "common/handles.h"
+#include "common/sockets.h"
 
 namespace daemon_support {
 
@@ -25,10 +25,10 @@ class UnixListener {
      * file; logs what failed.
      */
     bool open(const std::string &path);
-    const StreamSocket &socket() const { return socket_; }
+    int descriptor() const { return socket_.get(); }
 
   private:
-    StreamSocket socket_;
+    tavrix::StreamSocket socket_;
     std::string path_;
     dev_t device_ = 0; ///< with the inode: tells whether the file is still this listener's
     ino_t inode_ = 0;

@@ -7,8 +7,8 @@
  *
  * On getopt_long and not on tavrixctl's parser, which would add 127 KB to each daemon: more than two of them have.
  */
-#ifndef TAVRIX_DAEMONS_COMMON_OPTIONS_H
-#define TAVRIX_DAEMONS_COMMON_OPTIONS_H
+#ifndef TAVRIX_DAEMONS_BASE_OPTIONS_H
+#define TAVRIX_DAEMONS_BASE_OPTIONS_H
 
 #include <set>
 #include <string>

@@ -1,8 +1,8 @@
 /**
  * The readiness notice that a service manager waits for, in the kit's services and in the router.
  */
-#ifndef TAVRIX_INTERNAL_NOTIFY_H
-#define TAVRIX_INTERNAL_NOTIFY_H
+#ifndef TAVRIX_COMMON_NOTIFY_H
+#define TAVRIX_COMMON_NOTIFY_H
 
 #include <cstddef>
 #include <cstdlib>
@@ -11,7 +11,7 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
-#include "internal/handles.h"
+#include "common/handles.h"
 
 namespace tavrix {
 

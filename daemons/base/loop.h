@@ -1,8 +1,8 @@
 /**
  * What the daemons use of libevent: owners, and times that are the same for all who wait.
  */
-#ifndef TAVRIX_DAEMONS_COMMON_LOOP_H
-#define TAVRIX_DAEMONS_COMMON_LOOP_H
+#ifndef TAVRIX_DAEMONS_BASE_LOOP_H
+#define TAVRIX_DAEMONS_BASE_LOOP_H
 
 #include <algorithm>
 #include <chrono>

@@ -1,4 +1,4 @@
-#include "common/log.h"
+#include "base/log.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

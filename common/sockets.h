@@ -1,10 +1,10 @@
 /**
  * Owners for what the library's own socket functions open. They close through those functions, which log a failure.
  */
-#ifndef TAVRIX_INTERNAL_SOCKETS_H
-#define TAVRIX_INTERNAL_SOCKETS_H
+#ifndef TAVRIX_COMMON_SOCKETS_H
+#define TAVRIX_COMMON_SOCKETS_H
 
-#include "internal/handles.h"
+#include "common/handles.h"
 #include "tavrix_mq.h"
 #include "tavrix_socket.h"
 
@@ -15,11 +15,11 @@ struct CloseBusSocket {
 };
 using BusSocket = Handle<CloseBusSocket>;
 
-struct CloseClient {
+struct CloseStreamSocket {
     void operator()(int fd) const { static_cast<void>(tavrix_socket_close(&fd)); }
 };
-/** A connected client of a stream socket. */
-using Client = Handle<CloseClient>;
+/** A stream socket: a listener, or one end of a connection. */
+using StreamSocket = Handle<CloseStreamSocket>;
 
 } // namespace tavrix
 

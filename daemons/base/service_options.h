@@ -1,15 +1,15 @@
 /**
  * What the reference services have in common: the options that choose where they live, and the kit's service itself.
  */
-#ifndef TAVRIX_DAEMONS_COMMON_SERVICE_OPTIONS_H
-#define TAVRIX_DAEMONS_COMMON_SERVICE_OPTIONS_H
+#ifndef TAVRIX_DAEMONS_BASE_SERVICE_OPTIONS_H
+#define TAVRIX_DAEMONS_BASE_SERVICE_OPTIONS_H
 
 #include <cstdlib>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "common/options.h"
+#include "base/options.h"
 #include "tavrix_service.h"
 
 namespace daemon_support {

@@ -1,4 +1,4 @@
-#include "common/unix_listener.h"
+#include "base/unix_listener.h"
 
 #include <cerrno>
 #include <cstring>
@@ -8,7 +8,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include "common/log.h"
+#include "base/log.h"
 #include "tavrix_error.h"
 
 namespace daemon_support {
@@ -21,10 +21,9 @@ bool unix_path_is_served(const std::string &path) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     path.copy(address.sun_path, TAVRIX_SOCKET_MAX_PATH);
-    StreamSocket probe;
-    *probe.place() = ::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    return probe.is_open() && (connect(*probe.get(), reinterpret_cast<sockaddr *>(&address), sizeof address) == 0 ||
-                               errno == EAGAIN); // somebody listens, with a full backlog
+    const tavrix::Descriptor probe(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    return probe && (connect(probe.get(), reinterpret_cast<sockaddr *>(&address), sizeof address) == 0 ||
+                     errno == EAGAIN); // somebody listens, with a full backlog
 }
 
 } // namespace

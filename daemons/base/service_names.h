@@ -1,8 +1,8 @@
 /**
  * The methods by which router and services find each other on the bus.
  */
-#ifndef TAVRIX_DAEMONS_COMMON_SERVICE_NAMES_H
-#define TAVRIX_DAEMONS_COMMON_SERVICE_NAMES_H
+#ifndef TAVRIX_DAEMONS_BASE_SERVICE_NAMES_H
+#define TAVRIX_DAEMONS_BASE_SERVICE_NAMES_H
 
 namespace daemon_support {
 

@@ -1,9 +1,9 @@
 /**
- * Owners for every kind of resource the library holds. Each releases its resource at the end of its scope; `release()`
- * is called where the resource is handed over.
+ * Owners for what is held everywhere: texts, JSON values, files, descriptors. Each releases its resource at the end of
+ * its scope; `release()` is called where the resource is handed over.
  */
-#ifndef TAVRIX_INTERNAL_HANDLES_H
-#define TAVRIX_INTERNAL_HANDLES_H
+#ifndef TAVRIX_COMMON_HANDLES_H
+#define TAVRIX_COMMON_HANDLES_H
 
 #include <cstdio>
 #include <cstdlib>
@@ -11,7 +11,6 @@
 #include <utility>
 
 #include <jansson.h>
-#include <sqlite3.h>
 #include <unistd.h>
 
 namespace tavrix {
@@ -38,16 +37,6 @@ struct ClosePipe {
 };
 /** The reading end of a shell command. */
 using Pipe = std::unique_ptr<FILE, ClosePipe>;
-
-struct FinalizeStatement {
-    void operator()(sqlite3_stmt *statement) const { static_cast<void>(sqlite3_finalize(statement)); }
-};
-using Statement = std::unique_ptr<sqlite3_stmt, FinalizeStatement>;
-
-struct CloseConnection {
-    void operator()(sqlite3 *connection) const { static_cast<void>(sqlite3_close(connection)); }
-};
-using Connection = std::unique_ptr<sqlite3, CloseConnection>;
 
 /**
  * The place where a C function stores a resource: `call(into(owner))`. After the call the owner holds what was stored,

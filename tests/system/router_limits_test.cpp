@@ -637,6 +637,7 @@ TEST_F(RouterLimits, BearsMalformedMessagesOnTheBus) {
     service.reply(asked, "\"served\"");
     EXPECT_EQ(member(client.hear(), "result"), "\"served\"");
     EXPECT_TRUE(serves(direct));
+    EXPECT_GT(std::stoi(status_of(fleet, "discarded")), inputs / 2) << "they have arrived";
 }
 
 TEST_F(RouterLimits, BearsStrangeConnectionsToItsBusAddress) {
@@ -690,6 +691,7 @@ TEST_F(RouterLimits, ServesBesideAFloodOfReplies) {
     for (int i = 0; i < 20; ++i) {
         EXPECT_TRUE(serves(direct)) << i;
     }
+    EXPECT_TRUE(support::wait_until([&] { return std::stoi(status_of(fleet, "discarded")) > 1000; }));
     ended = true;
     flooding.join();
 }

@@ -174,8 +174,13 @@ finish_callers() {
 }
 report_callers() { # KILLED WHAT
     at_least "$2 killed while calls were under way" "$1" 1
+    local log without=0
+    for log in caller-*.log; do # one that has ended before its time has no tally
+        [ "$(sum results "$log")" -gt 0 ] || without=$((without + 1))
+    done
     figure "  calls, answered with their own result" "$(sum results caller-*.log)" "> 0" \
         "$(($(sum results caller-*.log) > 0))"
+    exactly "  callers without such a call" "$without" 0
     printf '%-78s %10s\n' "  answered with an error of their own" "$(sum errors caller-*.log)"
     printf '%-78s %10s\n' "  told by a closed connection" "$(sum closed caller-*.log)"
     printf '%-78s %10s\n' "  refused, with no router there" "$(sum refused caller-*.log)"
@@ -227,11 +232,13 @@ good_call() { "$load" oneshot --unix router.sock --method echo.Say --check --cal
 attack() {
     local title=$1 part good=0
     shift
+    : >attack.log
     for part in $(seq 10); do
-        "$hostile" "$@" --seed $((seed * 10 + part)) --count $((inputs / 10)) >>attacks.log
+        "$hostile" "$@" --seed $((seed * 10 + part)) --count $((inputs / 10)) >>attack.log
         if all_alive && good_call; then good=$((good + 1)); fi
     done
     exactly "$title: good calls after each tenth" "$good" 10
+    exactly "  taken from the sender" $(($(sum inputs attack.log) + $(sum messages attack.log))) "$inputs"
 }
 
 part_inputs() {
@@ -242,7 +249,11 @@ part_inputs() {
     attack "$inputs malformed inputs, one-shot over unix" inputs --unix router.sock
     attack "$inputs malformed inputs, one-shot over tcp" inputs --tcp "$tcp"
     attack "$inputs malformed inputs, sessions" inputs --unix router.session
+    local discarded
+    discarded=$(grep -c Discarded router.log || true)
     attack "$inputs malformed messages on the bus" frames --publish "$rogue_bus"
+    at_least "  the router's log lines about what it has discarded of them" \
+        $(($(grep -c Discarded router.log || true) - discarded)) $((inputs / 20))
     "$hostile" answers --tcp "$rogue_port" --seed "$seed" --seconds $((flood_seconds + 1)) >answers.log &
     local answers=$!
     local good=0 tried=0

@@ -15,6 +15,7 @@
 #include <arpa/inet.h>
 #include <errno.h>
 #include <getopt.h>
+#include <nanomsg/nn.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
@@ -28,7 +29,7 @@
 #include <time.h>
 #include <unistd.h>
 
-enum { max_input = 100000, answer_ms = 20, kept_open = 16 };
+enum { max_input = 100000, answer_ms = 20, kept_open = 16, patience_seconds = 20 };
 
 struct plan {
     const char *unix_path;
@@ -392,19 +393,33 @@ static void make_message(void) {
     input[input_length < max_input ? input_length : max_input - 1] = '\0';
 }
 
-static int publish_messages(const struct plan *plan) {
+/** A publisher that somebody hears: what it says before is lost. The other side tries again ten times a second. */
+static int heard_publisher(const struct plan *plan) {
     const int publisher = bare_publisher(plan->publish);
+    const double end = now() + patience_seconds;
+    while (nn_get_statistic(publisher, NN_STAT_CURRENT_CONNECTIONS) == 0) {
+        if (now() > end) {
+            fprintf(stderr, "hostile: nobody listens to %s\n", plan->publish);
+            exit(1);
+        }
+        poll(NULL, 0, 1);
+    }
+    return publisher;
+}
+
+static int publish_messages(const struct plan *plan) {
+    const int publisher = heard_publisher(plan);
     for (long turn = 0; turn < plan->count; ++turn) {
         make_message();
         bare_publish(publisher, ONE_OF(channels), input);
-        poll(NULL, 0, 1); // a subscriber that has just come is to see most of them
+        poll(NULL, 0, 1); // the last ones leave, too
     }
     printf("messages=%ld\n", plan->count);
     return 0;
 }
 
 static int flood(const struct plan *plan) {
-    const int publisher = bare_publisher(plan->publish);
+    const int publisher = heard_publisher(plan);
     const double end = now() + plan->seconds;
     long sent = 0;
     while (now() < end) {

@@ -57,7 +57,7 @@ if sessions < 2 or one_shot < 1:
 PYTHON
 
 # The policy, without the names that this machine does not have.
-sed -nE '/^    \[tcp\]/,/^$/p; /^    \[unix\]/,/^$/p' "$source/docs/router.md" | sed 's/^    //' |
+sed -nE '/^    \[tcp\]/,/^$/p; /^    \[(unix|session)\]/,/^$/p' "$source/docs/router.md" | sed 's/^    //' |
     sed -E "s/^group\.operators/group.$(id -gn)/; s/^user\.backup/user.$(id -un)/" | awk '/^accept|^cert/ {exit} {print}' >policy.conf
 grep -q '^all=' policy.conf || fail "docs/router.md has no policy"
 tavrix-routerd --socket other.sock --session other_session.sock --publish "ipc://$work/bus/other" --policy policy.conf \

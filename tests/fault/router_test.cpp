@@ -2,6 +2,7 @@
  * The router with each of its allocations and system calls failing once: the client concerned gets an error or is
  * closed, the others notice nothing.
  */
+#include <algorithm>
 #include <csignal>
 #include <cstdlib>
 #include <functional>
@@ -88,6 +89,18 @@ class RouterFaults : public testing::Test {
         }
         EXPECT_GT(number, 5) << "there is more that can fail";
         EXPECT_LT(number, most_failures);
+    }
+
+    /** How many allocations and system calls the router makes meanwhile, when nothing but this makes any. */
+    int least_work(const std::function<void()> &work) {
+        constexpr int never = 1 << 30;
+        int least = never;
+        for (int i = 0; i < 20; ++i) {
+            faults_->remaining = never;
+            work();
+            least = std::min(least, never - faults_->remaining.exchange(0));
+        }
+        return least;
     }
 
     /** The other client's session and service have been there from the beginning. */
@@ -390,6 +403,43 @@ TEST_F(RouterFaults, OfNotificationsConcernTheirSubscriber) {
             client->say(request("router.Status", "\"last\""));
             EXPECT_NE(client->hear_of("\"id\":"), "(time-out)");
         });
+}
+
+TEST_F(RouterFaults, HaveNoMoreChancesForTheSakeOfMonitorsThatDoNotWatch) {
+    BusService on_bus(fleet_, {"bus", first_channel, "[]", R"(["mzu.List"])", ""});
+    ASSERT_EQ(member(on_bus.registered, "result"), "0");
+    SessionClient client;
+    SessionClient monitor;
+    prepare_service();
+    const auto direct_call = [&] {
+        client.say(call("1", "1"));
+        service_->say(R"({"jsonrpc":"2.0","method":"ports.Changed"})");
+        service_->reply(service_->next_request(), "1");
+        EXPECT_EQ(member(client.hear(), "result"), "1");
+    };
+    const auto bus_call = [&] {
+        client.say(request("mzu.List", "1"));
+        on_bus.reply(on_bus.next_request(), "1");
+        EXPECT_EQ(member(client.hear(), "result"), "1");
+    };
+    const auto watch = [&](const std::string &patterns) {
+        monitor.say(request("router.Monitor", "\"watched\"", ",\"params\":{\"methods\":" + patterns + "}"));
+        EXPECT_EQ(member(monitor.hear_of("\"watched\""), "result"), "0");
+    };
+    constexpr int members = 8; // at least, of each that is shown; and each is an allocation
+    const struct {
+        std::function<void()> one_call;
+        int shown;
+    } rows[] = {{direct_call, 3}, {bus_call, 2}};
+    for (const auto &row : rows) {
+        const int unwatched = least_work(row.one_call);
+        watch(R"(["events.*"])");
+        EXPECT_LT(least_work(row.one_call), unwatched + members) << "a monitor of other methods";
+        watch(R"(["*"])");
+        EXPECT_GT(least_work(row.one_call), unwatched + row.shown * members) << "what is shown is made only now";
+        watch("[]");
+        EXPECT_LT(least_work(row.one_call), unwatched + members) << "a monitor that has ended";
+    }
 }
 
 TEST_F(RouterFaults, OfTheBusConcernTheCallersOverIt) {

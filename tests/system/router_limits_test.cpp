@@ -2,7 +2,9 @@
  * What the router bears: bounds and fairness, malformed input on every listener, floods, foreign words in its log.
  */
 #include <atomic>
+#include <chrono>
 #include <optional>
+#include <regex>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -635,6 +637,7 @@ TEST_F(RouterLimits, BearsMalformedMessagesOnTheBus) {
     service.reply(asked, "\"served\"");
     EXPECT_EQ(member(client.hear(), "result"), "\"served\"");
     EXPECT_TRUE(serves(direct));
+    EXPECT_GT(std::stoi(status_of(fleet, "discarded")), inputs / 2) << "they have arrived";
 }
 
 TEST_F(RouterLimits, BearsStrangeConnectionsToItsBusAddress) {
@@ -688,6 +691,7 @@ TEST_F(RouterLimits, ServesBesideAFloodOfReplies) {
     for (int i = 0; i < 20; ++i) {
         EXPECT_TRUE(serves(direct)) << i;
     }
+    EXPECT_TRUE(support::wait_until([&] { return std::stoi(status_of(fleet, "discarded")) > 1000; }));
     ended = true;
     flooding.join();
 }
@@ -757,4 +761,37 @@ TEST_F(RouterLimits, WritesNoLineOfForeignWords) {
         EXPECT_EQ(line.find("\xc2"), std::string::npos) << line;
         EXPECT_EQ(line.find("\xe2"), std::string::npos) << line;
     }
+}
+
+TEST_F(RouterLimits, WritesOnlySoManyLinesASecondThatClientsCauseAndCountsTheRest) {
+    start();
+    const auto begun = std::chrono::steady_clock::now();
+    SessionClient client;
+    std::string burst;
+    for (int i = 0; i < 500; ++i) {
+        burst += "{}\n";
+    }
+    client.say_bytes(burst);
+    int caused = 500;
+    for (int i = 0; i < caused; ++i) {
+        ASSERT_EQ(code_of(client.hear()), "-32600") << i;
+    }
+    const std::regex told(R"((\d+) more lines about clients and services were left out\n)");
+    int written = 0;
+    int left_out = 0;
+    EXPECT_TRUE(support::wait_until([&] { // the first line after a second that had too many tells of them
+        EXPECT_EQ(client.hear(100), "(time-out)");
+        EXPECT_EQ(code_of(client.ask("{}")), "-32600");
+        ++caused;
+        const std::string log = fleet.router->log();
+        left_out = 0;
+        for (std::sregex_iterator line(log.begin(), log.end(), told); line != std::sregex_iterator(); ++line) {
+            left_out += std::stoi((*line)[1]);
+        }
+        written = fleet.router->times_said("Refused a malformed request\n");
+        return left_out > 0 && written + left_out == caused;
+    })) << caused
+        << " caused, " << written << " written, " << left_out << " left out";
+    const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - begun;
+    EXPECT_LE(written, 100 * (static_cast<int>(taken.count()) + 2));
 }

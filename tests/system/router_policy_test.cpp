@@ -2,9 +2,11 @@
  * Who may do what: the policy's file, and what another local user and a client over TCP can do.
  */
 #include <optional>
+#include <sstream>
 #include <string>
 #include <vector>
 
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <pwd.h>
 #include <sys/socket.h>
@@ -48,6 +50,29 @@ bool tells_peer_groups(const std::vector<gid_t> &groups) {
     close(ends[0]);
     close(ends[1]);
     return works;
+}
+
+/** The policy of docs/router.md: its indented lines from one that begins so to the end of that listing. */
+std::string policy_of_the_page() {
+    std::istringstream page(support::read_file(TAVRIX_SOURCE_DIR "/docs/router.md"));
+    std::string policy;
+    bool is_inside = false;
+    for (std::string line; std::getline(page, line);) {
+        is_inside = is_inside ? line.empty() || line.rfind("    ", 0) == 0
+                              : line == "    # the network may read, and nothing else";
+        if (is_inside) {
+            policy += line.empty() ? "\n" : line.substr(4) + "\n";
+        }
+    }
+    return policy;
+}
+
+/** With every such name as the other one, of this machine. */
+std::string with_name(std::string policy, const std::string &name, const std::string &other) {
+    for (size_t at = policy.find(name + "="); at != std::string::npos; at = policy.find(name + "=", at)) {
+        policy.replace(at, name.size(), other);
+    }
+    return policy;
 }
 
 /** A router whose sockets a stranger can reach. */
@@ -250,6 +275,46 @@ TEST_F(RouterPolicy, AllowsWhatItsRowsName) {
                 // are
     }
     EXPECT_FALSE(is_refused(ask("unix", request("ports.Get", "1"), many))) << "one of very many";
+}
+
+TEST_F(RouterPolicy, OfThePageDoesWhatThePageSays) {
+    const group *daemons = getgrnam("daemon");
+    ASSERT_TRUE(daemons != nullptr);
+    const std::string page = policy_of_the_page();
+    ASSERT_NE(page.find("group.operators="), std::string::npos) << page;
+    ASSERT_NE(page.find("user.backup="), std::string::npos) << page;
+    const std::string policy = with_name(page, "group.operators", "group.daemon");
+    const struct {
+        const char *method;
+        bool everybody;
+        bool network;
+        bool operators;
+        bool backup;
+    } rows[] = {
+        {"ports.Get", true, true, true, true},           {"mzu.List", true, true, true, true},
+        {"events.Last", true, false, true, true},        {"router.Status", true, false, true, true},
+        {"ports.SetEnabled", false, false, true, false}, {"events.Report", false, false, true, false},
+        {"mzu.Register", false, false, true, true},      {"logger.ReloadConf", false, false, true, false},
+        {"router.Lock", false, false, true, false},      {"router.Unlock", false, false, true, false},
+        {"router.Register", false, false, false, false}, {"router.Monitor", false, false, false, false},
+    };
+    EXPECT_EQ(reread(with_name(policy, "user.backup", "user.daemon")).find("cannot be used"), std::string::npos);
+    for (const auto &row : rows) {
+        const std::string asked = request(row.method, "1", R"(,"params":{"methods":["*"]})");
+        EXPECT_EQ(is_refused(ask("tcp", asked)), !row.network) << row.method;
+        for (const char *listener : {"unix", "session"}) {
+            EXPECT_EQ(is_refused(ask(listener, asked)), !row.everybody) << listener << " " << row.method;
+            EXPECT_EQ(is_refused(ask(listener, asked, {daemons->gr_gid})), !row.operators)
+                << listener << " " << row.method;
+        }
+    }
+    EXPECT_EQ(reread(with_name(policy, "user.backup", "user.nobody")).find("cannot be used"), std::string::npos);
+    for (const auto &row : rows) {
+        const std::string asked = request(row.method, "1", R"(,"params":{"methods":["*"]})");
+        for (const char *listener : {"unix", "session"}) {
+            EXPECT_EQ(is_refused(ask(listener, asked)), !row.backup) << listener << " " << row.method;
+        }
+    }
 }
 
 TEST_F(RouterPolicy, LocksNobodyOutWhoKeepsTheFile) {

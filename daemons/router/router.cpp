@@ -376,10 +376,10 @@ bool Router::send(const Call &call, json_t *request) {
 }
 
 /** True once the client has been told that this service has too much to do already. */
-bool Router::is_overloaded(const Service &service, Client &client, const json_t *request, const BatchPlace &batch) {
+bool Router::is_overloaded(Service &service, Client &client, const json_t *request, const BatchPlace &batch) {
     std::string why;
-    if (!has_room(service.users, account_of(client.peer), service.calls.size(),
-                  static_cast<size_t>(config_.max_in_flight))) {
+    if (!service.has_room_for(account_of(client.peer), static_cast<size_t>(config_.max_in_flight),
+                              milliseconds(config_.reply_timeout_ms))) {
         why = "too many requests in flight";
     } else if (service.direct && !service.session->takes_requests()) {
         why = service.name + " does not read its requests";
@@ -505,6 +505,9 @@ void Router::take_reply(Json reply, Service *from) {
     if (found != calls_.end() && found->second->method == method &&
         (is_reload || (found->second->service.direct ? &found->second->service : nullptr) == from)) {
         const bool is_error = json_object_get(reply.get(), "error") != nullptr;
+        if (from != nullptr && from == &found->second->service) {
+            from->on_answer(*found->second);
+        }
         if (!is_error && json_object_get(reply.get(), "result") == nullptr) {
             LOG_FOREIGN("A reply to %s has neither a result nor an error\n", printable(method).c_str());
             const Json ids(json_pack("{s:O}", "id", found->second->id.get()));
@@ -514,6 +517,9 @@ void Router::take_reply(Json reply, Service *from) {
         finish(*found->second, is_error ? Outcome::error : Outcome::result, std::move(reply));
     } else if (!is_reload) { // every service replies to a reload, and one reply is all that is awaited
         ++statistics_.late;
+        if (from != nullptr && number > 0 && number <= INT_MAX) {
+            from->on_late_answer(static_cast<int>(number));
+        }
         LOG_FOREIGN("Discarded a left-over reply of %s\n", printable(method).c_str());
     }
 }
@@ -545,6 +551,7 @@ void Router::expire(Call &call) {
 /** Tells a direct service that nobody waits for this any more. */
 void Router::cancel(const Call &call) {
     if (call.service.direct && call.service.session != nullptr) {
+        call.service.leave(call);
         const Json notice =
             make_notification("service.Cancel", Json(json_pack("{s:i}", "transaction_id", call.number)));
         call.service.session->send_request(render(notice.get()));
@@ -717,6 +724,7 @@ void Router::gone(Service &service) {
         bus_.disconnect(endpoint);
     }
     service.endpoints.clear();
+    service.forget_left();
     guard(nullptr, [&service] {
         LOG_WITHIN(lines_of_services, LOG_WARNING("Service %s has gone\n", printable(service.name).c_str()));
     });

@@ -39,6 +39,7 @@ constexpr char own_prefix[] = "router.";
 constexpr char register_method[] = "router.Register";
 constexpr char describe_method[] = "router.Describe";
 constexpr char reserved_prefix[] = "rpc."; // by JSON-RPC; one of them is the router's
+constexpr char cancel_method[] = "service.Cancel";
 Router *the_router = nullptr;
 
 // --- What daemons may tell the router over the bus -----------------------------------------------------------------
@@ -99,6 +100,11 @@ void name_caller(const Service &service, const Peer &peer, json_t *request) {
             Json(json_pack("{s:I, s:I, s:I}", "pid", static_cast<json_int_t>(peer.process), "uid",
                            static_cast<json_int_t>(peer.user), "gid", static_cast<json_int_t>(peer.groups.front()))));
     }
+}
+
+/** A session takes these for the router's own word, whoever has written them. */
+bool is_for_router_to_say(const std::string &method) {
+    return method.rfind(own_prefix, 0) == 0 || method == cancel_method;
 }
 
 double seconds_since(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
@@ -514,6 +520,7 @@ void Router::take_reply(Json reply, Service *from) {
             finish(*found->second, Outcome::error, make_error(TAVRIX_JRPC_INTERNAL_ERROR, ids.get(), nullptr));
             return;
         }
+        json_object_del(reply.get(), "method"); // by which the client would take it for a request
         finish(*found->second, is_error ? Outcome::error : Outcome::result, std::move(reply));
     } else if (!is_reload) { // every service replies to a reload, and one reply is all that is awaited
         ++statistics_.late;
@@ -552,8 +559,7 @@ void Router::expire(Call &call) {
 void Router::cancel(const Call &call) {
     if (call.service.direct && call.service.session != nullptr) {
         call.service.leave(call);
-        const Json notice =
-            make_notification("service.Cancel", Json(json_pack("{s:i}", "transaction_id", call.number)));
+        const Json notice = make_notification(cancel_method, Json(json_pack("{s:i}", "transaction_id", call.number)));
         call.service.session->send_request(render(notice.get()));
     }
 }
@@ -571,7 +577,7 @@ void Router::take_frame(std::string_view channel, std::string_view text) {
         return;
     }
     const std::string method(channel);
-    if (!is_plain(method) || method.rfind(own_prefix, 0) == 0) {
+    if (!is_plain(method) || is_for_router_to_say(method)) {
         return; // no method, or one that the router alone may use
     }
     const bool is_wanted = std::any_of(sessions_.begin(), sessions_.end(), [&method](const Session *session) {
@@ -788,7 +794,7 @@ void Router::listen_as_wanted() {
 
 void Router::take_notification(json_t *notification, Service *from) {
     const std::string method = text_member(notification, "method");
-    if (!is_plain(method) || method.rfind(own_prefix, 0) == 0) {
+    if (!is_plain(method) || is_for_router_to_say(method)) {
         LOG_FOREIGN("Discarded the notification %s of %s\n", printable(method).c_str(), printable(from->name).c_str());
         return;
     }

@@ -569,6 +569,19 @@ TEST_F(RouterServices, ReplyToTheirOwnRequestsOnly) {
     EXPECT_EQ(member(client.hear(), "result"), "\"right\"");
 }
 
+/** A client that is a service would take such a reply for a request, and believe what it says of its caller. */
+TEST_F(RouterServices, ReplyWithNoRequest) {
+    BusService on_bus(fleet, {"bus", first_channel, "[]", R"(["mzu.List"])", ""});
+    SessionClient client;
+    client.say(request("mzu.List", "2"));
+    on_bus.publish_reply(R"({"jsonrpc":"2.0","method":"ports.Set","params":{},"id":"mzu.List","result":1,)"
+                         R"("caller":{"pid":1,"uid":0,"gid":0},"transaction_id":)" +
+                         member(on_bus.next_request(), "transaction_id") + "}");
+    const std::string answer = client.hear();
+    EXPECT_EQ(member(answer, "result"), "1");
+    EXPECT_EQ(answer.find("\"method\""), std::string::npos) << answer;
+}
+
 TEST_F(RouterServices, CannotAnswerAsAClient) {
     DirectService service;
     SessionClient client;

@@ -102,6 +102,15 @@ void name_caller(const Service &service, const Peer &peer, json_t *request) {
     }
 }
 
+/** Of a request, for its error; without a transaction id where it had none. */
+Json id_and_transaction_id(const Json &id, json_t *transaction_id) {
+    Json ids(json_pack("{s:O}", "id", id.get()));
+    if (transaction_id != nullptr) {
+        put(ids.get(), "transaction_id", share(transaction_id));
+    }
+    return ids;
+}
+
 /** A session takes these for the router's own word, whoever has written them. */
 bool is_for_router_to_say(const std::string &method) {
     return method.rfind(own_prefix, 0) == 0 || method == cancel_method;
@@ -495,8 +504,16 @@ void Router::give_answer(std::unique_ptr<Call> owner, Outcome outcome, Json answ
     }
     Client &client = call.client;
     const BatchPlace batch = call.batch;
+    const Json id = share(call.id);
     owner.reset(); // before the answer, which may be the client's end, and so that of all its calls
-    client.answer(std::move(answer), batch);
+    std::string_view text = render(answer.get());
+    if (client.gets_own_id() && text.size() >= max_long_line) { // what a service writes in UTF-8 has grown by escapes
+        LOG_FOREIGN("An answer is too long for its client\n");
+        const Json ids = id_and_transaction_id(id, json_object_get(answer.get(), "transaction_id"));
+        answer = make_error(TAVRIX_JRPC_INTERNAL_ERROR, ids.get(), message_data("the answer is too long"));
+        text = render(answer.get());
+    }
+    client.answer_text(text, batch);
 }
 
 void Router::take_reply(Json reply, Service *from) {
@@ -805,10 +822,15 @@ void Router::deliver_notification(json_t *notification, const std::string &metho
     show_traffic("notification", nullptr, method, from, nullptr, notification);
     std::string line;
     for (Session *session : sessions_) {
-        if (matches_any(session->subscribed, method)) {
-            line = line.empty() ? std::string(render(notification)) : line;
-            session->send_notification(line);
+        if (!matches_any(session->subscribed, method)) {
+            continue;
         }
+        line = line.empty() ? std::string(render(notification)) : line;
+        if (line.size() >= max_long_line) {
+            LOG_FOREIGN("Discarded the notification %s: it is too long\n", printable(method).c_str());
+            return;
+        }
+        session->send_notification(line);
     }
 }
 

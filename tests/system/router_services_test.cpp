@@ -726,6 +726,35 @@ TEST_F(RouterServices, ReplyWithAsMuchAsTheBusCarries) {
     EXPECT_EQ(code_of(client.ask(request("ports.Get", "1"))), "-32601");
 }
 
+/** The router escapes what is beyond ASCII. A service of the kit leaves its session over a longer line. */
+TEST_F(RouterServices, SendNobodyALineThatGrowsBeyondWhatSessionsTake) {
+    DirectService service;
+    SessionClient client;
+    client.ask(request("router.Subscribe", "1", R"(,"params":{"methods":["ports.*"]})"));
+    const auto letters = [](size_t count) {
+        std::string text;
+        for (size_t i = 0; i < count; ++i) {
+            text += "\xc3\xa9";
+        }
+        return "\"" + text + "\"";
+    };
+    constexpr size_t too_many = size_t{9} * 1024 * 1024 / 6;
+    client.say(request("ports.Get", "\"long\"", ",\"transaction_id\":5"));
+    service.reply(service.next_request(), letters(too_many));
+    EXPECT_EQ(client.hear(), R"({"jsonrpc":"2.0","id":"long","error":{"code":-32603,"message":"Internal error",)"
+                             R"("data":{"message":"the answer is too long"}},"transaction_id":5})");
+    const auto say_changed = [&](const std::string &what) {
+        service.say(R"({"jsonrpc":"2.0","method":"ports.Changed","params":{"to":)" + what + "}}");
+    };
+    say_changed(letters(too_many));
+    say_changed("1");
+    EXPECT_EQ(member(member(client.hear(), "params"), "to"), "1");
+    client.say(request("ports.Get", "2"));
+    service.reply(service.next_request(), letters(too_many - 100));
+    EXPECT_EQ(client.hear().size(),
+              6 * (too_many - 100) + std::string(R"({"jsonrpc":"2.0","id":2,"result":""})").size());
+}
+
 TEST_F(RouterServices, ThatDoNotReadAreBusyAtLast) {
     fleet.start_lone_router({"--max-in-flight", "100000", "--reply-timeout", "86400000"});
     DirectService service;

@@ -779,9 +779,16 @@ std::string Router::whole_text(const Json &message) {
     return text;
 }
 
+/** Nobody has to listen to a service that publishes nowhere: to miss that it comes and goes costs no one his session.
+ */
 void Router::tell_services(const std::string &line, const Service &except) {
     for (Session *session : sessions_) {
-        if (session->service != nullptr && session->service != &except) {
+        if (session->service == nullptr || session->service == &except) {
+            continue;
+        }
+        if (except.publish.empty()) {
+            session->send_notification(line);
+        } else {
             session->tell(line);
         }
     }

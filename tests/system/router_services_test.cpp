@@ -495,6 +495,28 @@ TEST_F(RouterServices, HearOfEachOther) {
     EXPECT_EQ(member(client.hear(), "method"), "\"ports.Changed\"") << "those are for services";
 }
 
+/** Otherwise one that comes and goes would close all that are at work for a while. */
+TEST_F(RouterServices, AreNotClosedForAllThatPublishNowhereAndComeAndGo) {
+    DirectService at_work;
+    std::string methods = "[";
+    for (int i = 0; i < 256; ++i) {
+        methods += (i > 0 ? ",\"events." : "\"events.") + std::string(110, 'x') + std::to_string(i) + "\"";
+    }
+    constexpr int times = 400; // some 12 MiB
+    for (int i = 0; i < times; ++i) {
+        const DirectService passing({"passing", events_channel, "[]", methods + "]", "true"});
+    }
+    EXPECT_TRUE(support::wait_until([&] {
+        const std::string services = status_member("services");
+        return member(services.substr(services.find(R"({"name":"passing")")), "state") == "\"gone\"";
+    }));
+    EXPECT_EQ(member(at_work.hear_of("router.Lost"), "method"), "\"router.Lost\"");
+    SessionClient client;
+    client.say(request("ports.Get", "1"));
+    at_work.reply(at_work.next_request(), "\"there\"");
+    EXPECT_EQ(member(client.hear(), "result"), "\"there\"");
+}
+
 TEST_F(RouterServices, AreShownInTheStatus) {
     { DirectService gone(Registration{"gone"}); }
     EXPECT_TRUE(fleet.router->says("Service gone has gone"));

@@ -39,6 +39,7 @@ constexpr char own_prefix[] = "router.";
 constexpr char register_method[] = "router.Register";
 constexpr char describe_method[] = "router.Describe";
 constexpr char reserved_prefix[] = "rpc."; // by JSON-RPC; one of them is the router's
+constexpr char cancel_method[] = "service.Cancel";
 Router *the_router = nullptr;
 
 // --- What daemons may tell the router over the bus -----------------------------------------------------------------
@@ -99,6 +100,20 @@ void name_caller(const Service &service, const Peer &peer, json_t *request) {
             Json(json_pack("{s:I, s:I, s:I}", "pid", static_cast<json_int_t>(peer.process), "uid",
                            static_cast<json_int_t>(peer.user), "gid", static_cast<json_int_t>(peer.groups.front()))));
     }
+}
+
+/** Of a request, for its error; without a transaction id where it had none. */
+Json id_and_transaction_id(const Json &id, json_t *transaction_id) {
+    Json ids(json_pack("{s:O}", "id", id.get()));
+    if (transaction_id != nullptr) {
+        put(ids.get(), "transaction_id", share(transaction_id));
+    }
+    return ids;
+}
+
+/** A session takes these for the router's own word, whoever has written them. */
+bool is_for_router_to_say(const std::string &method) {
+    return method.rfind(own_prefix, 0) == 0 || method == cancel_method;
 }
 
 double seconds_since(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
@@ -376,10 +391,10 @@ bool Router::send(const Call &call, json_t *request) {
 }
 
 /** True once the client has been told that this service has too much to do already. */
-bool Router::is_overloaded(const Service &service, Client &client, const json_t *request, const BatchPlace &batch) {
+bool Router::is_overloaded(Service &service, Client &client, const json_t *request, const BatchPlace &batch) {
     std::string why;
-    if (!has_room(service.users, account_of(client.peer), service.calls.size(),
-                  static_cast<size_t>(config_.max_in_flight))) {
+    if (!service.has_room_for(account_of(client.peer), static_cast<size_t>(config_.max_in_flight),
+                              milliseconds(config_.reply_timeout_ms))) {
         why = "too many requests in flight";
     } else if (service.direct && !service.session->takes_requests()) {
         why = service.name + " does not read its requests";
@@ -489,8 +504,16 @@ void Router::give_answer(std::unique_ptr<Call> owner, Outcome outcome, Json answ
     }
     Client &client = call.client;
     const BatchPlace batch = call.batch;
+    const Json id = share(call.id);
     owner.reset(); // before the answer, which may be the client's end, and so that of all its calls
-    client.answer(std::move(answer), batch);
+    std::string_view text = render(answer.get());
+    if (client.gets_own_id() && text.size() >= max_long_line) { // what a service writes in UTF-8 has grown by escapes
+        LOG_FOREIGN("An answer is too long for its client\n");
+        const Json ids = id_and_transaction_id(id, json_object_get(answer.get(), "transaction_id"));
+        answer = make_error(TAVRIX_JRPC_INTERNAL_ERROR, ids.get(), message_data("the answer is too long"));
+        text = render(answer.get());
+    }
+    client.answer_text(text, batch);
 }
 
 void Router::take_reply(Json reply, Service *from) {
@@ -505,15 +528,22 @@ void Router::take_reply(Json reply, Service *from) {
     if (found != calls_.end() && found->second->method == method &&
         (is_reload || (found->second->service.direct ? &found->second->service : nullptr) == from)) {
         const bool is_error = json_object_get(reply.get(), "error") != nullptr;
+        if (from != nullptr && from == &found->second->service) {
+            from->on_answer(*found->second);
+        }
         if (!is_error && json_object_get(reply.get(), "result") == nullptr) {
             LOG_FOREIGN("A reply to %s has neither a result nor an error\n", printable(method).c_str());
             const Json ids(json_pack("{s:O}", "id", found->second->id.get()));
             finish(*found->second, Outcome::error, make_error(TAVRIX_JRPC_INTERNAL_ERROR, ids.get(), nullptr));
             return;
         }
+        json_object_del(reply.get(), "method"); // by which the client would take it for a request
         finish(*found->second, is_error ? Outcome::error : Outcome::result, std::move(reply));
     } else if (!is_reload) { // every service replies to a reload, and one reply is all that is awaited
         ++statistics_.late;
+        if (from != nullptr && number > 0 && number <= INT_MAX) {
+            from->on_late_answer(static_cast<int>(number));
+        }
         LOG_FOREIGN("Discarded a left-over reply of %s\n", printable(method).c_str());
     }
 }
@@ -545,8 +575,8 @@ void Router::expire(Call &call) {
 /** Tells a direct service that nobody waits for this any more. */
 void Router::cancel(const Call &call) {
     if (call.service.direct && call.service.session != nullptr) {
-        const Json notice =
-            make_notification("service.Cancel", Json(json_pack("{s:i}", "transaction_id", call.number)));
+        call.service.leave(call);
+        const Json notice = make_notification(cancel_method, Json(json_pack("{s:i}", "transaction_id", call.number)));
         call.service.session->send_request(render(notice.get()));
     }
 }
@@ -564,7 +594,7 @@ void Router::take_frame(std::string_view channel, std::string_view text) {
         return;
     }
     const std::string method(channel);
-    if (!is_plain(method) || method.rfind(own_prefix, 0) == 0) {
+    if (!is_plain(method) || is_for_router_to_say(method)) {
         return; // no method, or one that the router alone may use
     }
     const bool is_wanted = std::any_of(sessions_.begin(), sessions_.end(), [&method](const Session *session) {
@@ -717,6 +747,7 @@ void Router::gone(Service &service) {
         bus_.disconnect(endpoint);
     }
     service.endpoints.clear();
+    service.forget_left();
     guard(nullptr, [&service] {
         LOG_WITHIN(lines_of_services, LOG_WARNING("Service %s has gone\n", printable(service.name).c_str()));
     });
@@ -748,9 +779,16 @@ std::string Router::whole_text(const Json &message) {
     return text;
 }
 
+/** Nobody has to listen to a service that publishes nowhere: to miss that it comes and goes costs no one his session.
+ */
 void Router::tell_services(const std::string &line, const Service &except) {
     for (Session *session : sessions_) {
-        if (session->service != nullptr && session->service != &except) {
+        if (session->service == nullptr || session->service == &except) {
+            continue;
+        }
+        if (except.publish.empty()) {
+            session->send_notification(line);
+        } else {
             session->tell(line);
         }
     }
@@ -780,7 +818,7 @@ void Router::listen_as_wanted() {
 
 void Router::take_notification(json_t *notification, Service *from) {
     const std::string method = text_member(notification, "method");
-    if (!is_plain(method) || method.rfind(own_prefix, 0) == 0) {
+    if (!is_plain(method) || is_for_router_to_say(method)) {
         LOG_FOREIGN("Discarded the notification %s of %s\n", printable(method).c_str(), printable(from->name).c_str());
         return;
     }
@@ -791,10 +829,15 @@ void Router::deliver_notification(json_t *notification, const std::string &metho
     show_traffic("notification", nullptr, method, from, nullptr, notification);
     std::string line;
     for (Session *session : sessions_) {
-        if (matches_any(session->subscribed, method)) {
-            line = line.empty() ? std::string(render(notification)) : line;
-            session->send_notification(line);
+        if (!matches_any(session->subscribed, method)) {
+            continue;
         }
+        line = line.empty() ? std::string(render(notification)) : line;
+        if (line.size() >= max_long_line) {
+            LOG_FOREIGN("Discarded the notification %s: it is too long\n", printable(method).c_str());
+            return;
+        }
+        session->send_notification(line);
     }
 }
 

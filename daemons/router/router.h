@@ -145,7 +145,7 @@ class Router {
     void answer_timed_out(const Call &call, Json *answer) const;
     bool may_reload(const Client &client);
     void reload(Client &client, Json request, const BatchPlace &batch);
-    bool is_overloaded(const Service &service, Client &client, const json_t *request, const BatchPlace &batch);
+    bool is_overloaded(Service &service, Client &client, const json_t *request, const BatchPlace &batch);
     void forward(Client &client, const std::string &method, Json request, const BatchPlace &batch);
     Service *find_service(const std::string &method, const std::string &channel, Json *why_not);
     Json gone_data(const Service &service, const std::string &method) const;

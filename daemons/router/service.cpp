@@ -17,6 +17,45 @@ const char *name_of(Service::State state) {
     return names[static_cast<size_t>(state)];
 }
 
+bool Service::has_room_for(int64_t user, size_t most, daemon_support::Clock::duration longest_left) {
+    const auto now = daemon_support::Clock::now();
+    while (!left.empty() && now - left.front().since >= longest_left) {
+        drop_one(users, left.front().account);
+        left.pop_front();
+    }
+    return has_room(users, user, calls.size() + left.size(), most);
+}
+
+void Service::leave(const Call &call) {
+    const int64_t account = account_of(call.client.peer);
+    size_t &places = users[account]; // not empty, since the call is there still
+    left.push_back({call.number, account, daemon_support::Clock::now()});
+    ++places;
+}
+
+void Service::on_answer(const Call &call) {
+    while (!left.empty() && left.front().since < call.started) {
+        drop_one(users, left.front().account);
+        left.pop_front();
+    }
+}
+
+void Service::on_late_answer(int number) {
+    const auto found =
+        std::find_if(left.begin(), left.end(), [number](const Left &one) { return one.number == number; });
+    if (found != left.end()) {
+        drop_one(users, found->account);
+        left.erase(found);
+    }
+}
+
+void Service::forget_left() {
+    for (const Left &one : left) {
+        drop_one(users, one.account);
+    }
+    left.clear();
+}
+
 std::string channel_of(const std::string &method) {
     const tavrix::Text channel(tavrix_api_router_json_parse_channel(method.c_str()));
     return channel ? channel.get() : "";

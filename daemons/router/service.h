@@ -5,6 +5,7 @@
 #define TAVRIX_DAEMONS_ROUTER_SERVICE_H
 
 #include <ctime>
+#include <deque>
 #include <list>
 #include <map>
 #include <memory>
@@ -37,6 +38,22 @@ struct Service {
         BatchPlace batch;
     };
 
+    /** A call of which nobody waits for the answer any more, and which a direct service may have before it still. */
+    struct Left {
+        int number;
+        int64_t account;
+        daemon_support::Clock::time_point since;
+    };
+
+    /** Whether one more call of this user has room beside those that are in flight and those that were left. */
+    bool has_room_for(int64_t user, size_t most, daemon_support::Clock::duration longest_left);
+    /** The call keeps its place until the service is through with it: who asks and goes costs others the same time. */
+    void leave(const Call &call);
+    /** What the service answers shows that it has read all that was left before it was asked for this. */
+    void on_answer(const Call &call);
+    void on_late_answer(int number);
+    void forget_left();
+
     std::string name;
     std::string channel;
     std::vector<std::string> publish;
@@ -51,7 +68,8 @@ struct Service {
     std::vector<int> endpoints;                      ///< of the bus
     daemon_support::Clock::time_point settles_until; ///< then it has not
     std::list<Call *> calls;                         ///< in flight
-    Shares users;                                    ///< how many of them by whom
+    std::deque<Left> left;                           ///< in the order in which it was told of them
+    Shares users;                                    ///< how many of both by whom
 };
 
 const char *name_of(Service::State state);

@@ -17,8 +17,6 @@ namespace {
 
 constexpr char unit_name[] = "session";
 constexpr size_t max_line = size_t{64} * 1024; // with its newline
-constexpr size_t max_service_line =
-    size_t{9} * 1024 * 1024; // a reply as large as a bus message, 8 MiB, and its envelope
 constexpr size_t max_description_line = max_document + 1024;
 constexpr size_t bytes_per_turn = size_t{8} * 1024; // of a client: some dozen requests
 constexpr size_t max_batch = 256;                   // is one turn's work, however cheap the requests are to write
@@ -92,7 +90,7 @@ size_t Session::longest_line() const {
     if (service == nullptr) {
         return max_line;
     }
-    return service->direct ? max_service_line : max_description_line;
+    return service->direct ? max_long_line : max_description_line;
 }
 
 void Session::take_bytes(std::string_view bytes) {

@@ -14,6 +14,9 @@ namespace router {
 
 constexpr size_t max_unread = size_t{8} * 1024 * 1024; ///< bytes of replies or requests; beyond it nothing is kept
 
+/** With its newline, from a service and to a client: a reply as large as a bus message, 8 MiB, and its envelope. */
+constexpr size_t max_long_line = size_t{9} * 1024 * 1024;
+
 class Session final : public Client {
   public:
     Session(Router &router, int descriptor, Peer who) : Client(router, descriptor, std::move(who)) {}

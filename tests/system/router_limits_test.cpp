@@ -489,6 +489,44 @@ TEST_F(RouterLimits, BoundsTheRequestsInFlightOfEachService) {
     EXPECT_EQ(member(client.hear(), "id"), "\"again\"");
 }
 
+/** Otherwise whoever asks and goes, again and again, fills a service with work that nobody waits for. */
+TEST_F(RouterLimits, KeepsThePlaceOfACallUntilItsServiceIsThroughWithIt) {
+    start({"--max-in-flight", "8", "--reply-timeout", "86400000"});
+    DirectService service;
+    std::vector<std::string> left;
+    for (int i = 0; i < 4; ++i) {
+        StreamClient leaving = fleet.connect();
+        leaving.say(request("ports.Get", "1"));
+        left.push_back(service.next_request());
+        leaving.close();
+        EXPECT_EQ(member(service.hear(), "method"), "\"service.Cancel\"");
+    }
+    SessionClient client;
+    EXPECT_EQ(code_of(client.ask(request("ports.Get", "\"beyond\""))), "-32014");
+    EXPECT_EQ(status_of(fleet, "in_flight"), "0") << "nobody waits";
+    service.reply(left[2], "\"late\"");
+    service.ask(request("router.Status", "1")); // by then the reply has been taken
+    client.say(request("ports.Get", "\"its place\""));
+    const std::string asked_later = service.next_request();
+    EXPECT_EQ(code_of(client.ask(request("ports.Get", "\"beyond\""))), "-32014");
+    service.reply(asked_later, "1");
+    EXPECT_EQ(member(client.hear(), "id"), "\"its place\"");
+    for (int i = 0; i < 4; ++i) { // it has read what came before the one that it has answered
+        client.say(request("ports.Get", std::to_string(i)));
+        service.next_request();
+    }
+    EXPECT_EQ(code_of(client.ask(request("ports.Get", "\"beyond\""))), "-32014");
+}
+
+TEST_F(RouterLimits, KeepsNoPlaceForLongerThanAReplyIsWaitedFor) {
+    start({"--max-in-flight", "2", "--reply-timeout", "100"});
+    DirectService service;
+    SessionClient client;
+    const auto times_out = [&] { return code_of(client.ask(request("ports.Get", "1"))) == "-32005"; };
+    ASSERT_TRUE(times_out());
+    EXPECT_TRUE(support::wait_until(times_out));
+}
+
 TEST_F(RouterLimits, BoundsReloadsInFlightToo) {
     start({"--max-in-flight", "8", "--reply-timeout", "86400000"});
     const BusService service(fleet, {"mute", "30e493d7-9e02-41b6-97f5-21f2cc9cbbb3", "[]", R"(["other.List"])", ""});

@@ -495,6 +495,28 @@ TEST_F(RouterServices, HearOfEachOther) {
     EXPECT_EQ(member(client.hear(), "method"), "\"ports.Changed\"") << "those are for services";
 }
 
+/** Otherwise one that comes and goes would close all that are at work for a while. */
+TEST_F(RouterServices, AreNotClosedForAllThatPublishNowhereAndComeAndGo) {
+    DirectService at_work;
+    std::string methods = "[";
+    for (int i = 0; i < 256; ++i) {
+        methods += (i > 0 ? ",\"events." : "\"events.") + std::string(110, 'x') + std::to_string(i) + "\"";
+    }
+    constexpr int times = 400; // some 12 MiB
+    for (int i = 0; i < times; ++i) {
+        const DirectService passing({"passing", events_channel, "[]", methods + "]", "true"});
+    }
+    EXPECT_TRUE(support::wait_until([&] {
+        const std::string services = status_member("services");
+        return member(services.substr(services.find(R"({"name":"passing")")), "state") == "\"gone\"";
+    }));
+    EXPECT_EQ(member(at_work.hear_of("router.Lost"), "method"), "\"router.Lost\"");
+    SessionClient client;
+    client.say(request("ports.Get", "1"));
+    at_work.reply(at_work.next_request(), "\"there\"");
+    EXPECT_EQ(member(client.hear(), "result"), "\"there\"");
+}
+
 TEST_F(RouterServices, AreShownInTheStatus) {
     { DirectService gone(Registration{"gone"}); }
     EXPECT_TRUE(fleet.router->says("Service gone has gone"));
@@ -567,6 +589,19 @@ TEST_F(RouterServices, ReplyToTheirOwnRequestsOnly) {
     on_bus.session.say(service_reply(over_bus, "\"by the wrong road\""));
     on_bus.reply(over_bus, "\"right\"");
     EXPECT_EQ(member(client.hear(), "result"), "\"right\"");
+}
+
+/** A client that is a service would take such a reply for a request, and believe what it says of its caller. */
+TEST_F(RouterServices, ReplyWithNoRequest) {
+    BusService on_bus(fleet, {"bus", first_channel, "[]", R"(["mzu.List"])", ""});
+    SessionClient client;
+    client.say(request("mzu.List", "2"));
+    on_bus.publish_reply(R"({"jsonrpc":"2.0","method":"ports.Set","params":{},"id":"mzu.List","result":1,)"
+                         R"("caller":{"pid":1,"uid":0,"gid":0},"transaction_id":)" +
+                         member(on_bus.next_request(), "transaction_id") + "}");
+    const std::string answer = client.hear();
+    EXPECT_EQ(member(answer, "result"), "1");
+    EXPECT_EQ(answer.find("\"method\""), std::string::npos) << answer;
 }
 
 TEST_F(RouterServices, CannotAnswerAsAClient) {
@@ -711,6 +746,35 @@ TEST_F(RouterServices, ReplyWithAsMuchAsTheBusCarries) {
     EXPECT_EQ(code_of(service.hear()), "-32600") << "a line that is longer than any reply";
     EXPECT_TRUE(service.gets_closed());
     EXPECT_EQ(code_of(client.ask(request("ports.Get", "1"))), "-32601");
+}
+
+/** The router escapes what is beyond ASCII. A service of the kit leaves its session over a longer line. */
+TEST_F(RouterServices, SendNobodyALineThatGrowsBeyondWhatSessionsTake) {
+    DirectService service;
+    SessionClient client;
+    client.ask(request("router.Subscribe", "1", R"(,"params":{"methods":["ports.*"]})"));
+    const auto letters = [](size_t count) {
+        std::string text;
+        for (size_t i = 0; i < count; ++i) {
+            text += "\xc3\xa9";
+        }
+        return "\"" + text + "\"";
+    };
+    constexpr size_t too_many = size_t{9} * 1024 * 1024 / 6;
+    client.say(request("ports.Get", "\"long\"", ",\"transaction_id\":5"));
+    service.reply(service.next_request(), letters(too_many));
+    EXPECT_EQ(client.hear(), R"({"jsonrpc":"2.0","id":"long","error":{"code":-32603,"message":"Internal error",)"
+                             R"("data":{"message":"the answer is too long"}},"transaction_id":5})");
+    const auto say_changed = [&](const std::string &what) {
+        service.say(R"({"jsonrpc":"2.0","method":"ports.Changed","params":{"to":)" + what + "}}");
+    };
+    say_changed(letters(too_many));
+    say_changed("1");
+    EXPECT_EQ(member(member(client.hear(), "params"), "to"), "1");
+    client.say(request("ports.Get", "2"));
+    service.reply(service.next_request(), letters(too_many - 100));
+    EXPECT_EQ(client.hear().size(),
+              6 * (too_many - 100) + std::string(R"({"jsonrpc":"2.0","id":2,"result":""})").size());
 }
 
 TEST_F(RouterServices, ThatDoNotReadAreBusyAtLast) {

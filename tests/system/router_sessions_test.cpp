@@ -379,7 +379,7 @@ TEST_F(RouterSession, TakesNobodysWordForTheRoutersOwnNotifications) {
     DirectService direct({"direct", "505a5451-3ef2-4618-8087-9a22b800a510", "[]", R"(["events.List"])", "true"});
     SessionClient client;
     client.ask(subscription("Subscribe", R"(["*"])"));
-    for (const char *method : {"router.Lost", "router.Traffic", "router.Changed"}) {
+    for (const char *method : {"router.Lost", "router.Traffic", "router.Changed", "service.Cancel"}) {
         direct.say(notification(method));
         on_bus.publish(method, notification(method));
     }

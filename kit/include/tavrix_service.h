@@ -211,7 +211,9 @@ enum tavrix_method_flags {
 
 /** A row of the table. The table ends with #TAVRIX_METHOD_END. */
 typedef struct tavrix_service_method {
-    const char *name; /**< without control characters; all names of a table belong to one channel */
+    const char *name; /**< without control characters; all names of a table belong to one channel. Every service
+                           answers logger.ReloadConf and service.Hello by itself: they, service.Probe and
+                           service.Welcome are refused */
     tavrix_call_handler handler;
     const char *summary;                /**< one line */
     const tavrix_service_param *params; /**< null: none */
@@ -268,7 +270,8 @@ typedef struct tavrix_service_options {
 /**
  * Makes a service: checks the table, names the logger, catches the signals, binds the given addresses. Connects to
  * nothing yet. SIGTERM and SIGINT, unless #TAVRIX_SERVICE_NO_SIGNALS is set, end the service from now on and the
- * process no longer: one that comes before tavrix_service_run() ends that as soon as it begins.
+ * process no longer: one that comes before tavrix_service_run() ends that as soon as it begins. Several services of one
+ * process live in one loop, or all but one of them with #TAVRIX_SERVICE_NO_SIGNALS: a loop takes another's signals away.
  *
  * @param options     copied; what it points to has to live as long as the service
  * @param service_out receives the service; tavrix_service_close() releases it
@@ -298,7 +301,8 @@ TAVRIX_SERVICE_API void tavrix_service_stop(tavrix_service *service);
 
 /**
  * Releases the service: cancels its requests, answers deferred calls TAVRIX_JRPC_SYSTEM_BUSY as far as that can be
- * written at once, closes its sockets. Not from a handler or a callback. A null service is none.
+ * written at once, closes its sockets. Not from a handler or a callback: while tavrix_service_run() is on the stack it
+ * only stops the service, with a line in the log. A null service is none.
  */
 TAVRIX_SERVICE_API void tavrix_service_close(tavrix_service *service);
 

@@ -21,6 +21,7 @@ constexpr char unit_name[] = "service_calls";
 constexpr size_t kept_spare_calls = 64;
 constexpr char reload_method[] = "logger.ReloadConf";
 constexpr char hello_method[] = "service.Hello";
+constexpr const char *own_methods[] = {reload_method, hello_method, "service.Probe", "service.Welcome"};
 
 // --- Records -------------------------------------------------------------------------------------------------------
 
@@ -301,6 +302,14 @@ void *records_of(const tavrix_call *call, const char *name, Storage storage, int
 }
 
 } // namespace
+
+bool is_own_method(const char *name) {
+    bool is_own = false;
+    for (const char *own : own_methods) {
+        is_own = is_own || std::strcmp(own, name) == 0;
+    }
+    return is_own;
+}
 
 void evaluate(tavrix_service *service, Json request, const Origin &origin) {
     tavrix_call *call = has_good_envelope(request.get()) ? take_call(service) : nullptr;

@@ -2,6 +2,7 @@
 #include <string>
 #include <vector>
 
+#include <event2/event.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -204,6 +205,73 @@ TEST_F(Sockets, AnswerMoreThanAClientReadsAtOnce) {
     const std::string large(4 << 20, 'x');
     tavrix_call_reply(tavrix_service_deferred(stage.service, deferred), json_string(large.c_str()));
     EXPECT_EQ(member(hear(client), "result").size(), large.size() + 2);
+}
+
+// --- Time ----------------------------------------------------------------------------------------------------------
+
+namespace {
+
+/** An event of the loop's that waits for this, and not for ever. */
+struct Waiting {
+    short what;
+    event *found;
+};
+
+/** Lets the time be over that an event waits at most; false when none waits so. */
+bool let_time_pass(tavrix_service *service, short what) {
+    Waiting waiting{what, nullptr};
+    event_base_foreach_event(
+        tavrix_service_base(service),
+        [](const event_base *, const event *candidate, void *user) {
+            auto *wanted = static_cast<Waiting *>(user);
+            if (event_get_fd(candidate) >= 0 && event_pending(candidate, wanted->what, nullptr) != 0 &&
+                event_pending(candidate, EV_TIMEOUT, nullptr) != 0) {
+                wanted->found = const_cast<event *>(candidate);
+            }
+            return 0;
+        },
+        &waiting);
+    if (waiting.found != nullptr) {
+        event_active(waiting.found, EV_TIMEOUT, 1);
+    }
+    return waiting.found != nullptr;
+}
+
+} // namespace
+
+TEST_F(Sockets, CloseAClientThatSaysNothingInTime) {
+    tavrix_service_listen_unix(stage.service, "direct.sock");
+    ASSERT_FALSE(let_time_pass(stage.service, EV_READ)) << "the service's own sockets wait for ever";
+    const StreamClient client = StreamClient::unix_path("direct.sock");
+    client.say(R"({"jsonrpc":"2.0","method":)");
+    ASSERT_TRUE(stage.wait([&] { return let_time_pass(stage.service, EV_READ); }));
+    EXPECT_EQ(hear(client), "");
+    EXPECT_EQ(calls, 0);
+    EXPECT_EQ(member(ask(request("t.Echo", "{}")), "result"), "{}") << "the others are served as before";
+}
+
+TEST_F(Sockets, WaitForAHandlerAsLongAsItsCallerDoes) {
+    tavrix_service_listen_unix(stage.service, "direct.sock");
+    const StreamClient client = StreamClient::unix_path("direct.sock");
+    client.say(request("t.Defer", "{}"));
+    ASSERT_TRUE(stage.wait([] { return deferred != 0; }));
+    EXPECT_FALSE(let_time_pass(stage.service, EV_READ)) << "it has said what it wants";
+    tavrix_call_reply(tavrix_service_deferred(stage.service, deferred), json_integer(3));
+    EXPECT_EQ(member(hear(client), "result"), "3");
+}
+
+TEST_F(Sockets, CloseAClientThatDoesNotReadItsAnswerInTime) {
+    tavrix_service_listen_unix(stage.service, "direct.sock");
+    const StreamClient client = StreamClient::unix_path("direct.sock");
+    client.say(request("t.Defer", "{}"));
+    ASSERT_TRUE(stage.wait([] { return deferred != 0; }));
+    const std::string large(4 << 20, 'x');
+    tavrix_call_reply(tavrix_service_deferred(stage.service, deferred), json_string(large.c_str()));
+    ASSERT_TRUE(let_time_pass(stage.service, EV_WRITE));
+    stage.step();
+    const std::string heard = hear(client);
+    EXPECT_GT(heard.size(), 0U);
+    EXPECT_LT(heard.size(), large.size()) << "what had been sent, and no more";
 }
 
 TEST_F(Sockets, TakeNoPlaceThatIsServedOrIsNoSocket) {

@@ -97,6 +97,9 @@ typedef struct tavrix_call tavrix_call;
  * members, hold any text, with newlines too. The bounds of a #TAVRIX_KIND_TEXT count characters (code points), as the
  * description's `minLength` and `maxLength` do; the library's own kinds, such as #TAVRIX_KIND_ALIAS, count
  * bytes, so that fewer characters fit when some are beyond ASCII.
+ *
+ * A refusal is TAVRIX_JRPC_INVALID_PARAMS, unless the catalogue has a code of its own for what the retriever says: port
+ * ids where one sort of port alone, or a unit too, is allowed, and more VLAN ids than 32.
  */
 typedef enum tavrix_kind {
     TAVRIX_KIND_NONE = 0,

@@ -295,6 +295,22 @@ TEST(Session, NotifiesTheServiceManager) {
     close(manager);
 }
 
+TEST(Session, SaysWhenTheServiceManagerCannotBeToldAndServesAllTheSame) {
+    const LogCapture log("info");
+    char folder[256];
+    const std::string nobody = std::string(getcwd(folder, sizeof folder)) + "/nobody.sock";
+    setenv("NOTIFY_SOCKET", nobody.c_str(), 1);
+    {
+        Stage stage(methods);
+        EXPECT_EQ(support::member(stage.ask("t.Echo", R"({"a":1})"), "result"), R"({"a":1})");
+    }
+    unsetenv("NOTIFY_SOCKET");
+    EXPECT_NE(log.text().find("Cannot tell the service manager at " + nobody +
+                              " that the service is ready: No such file or directory"),
+              std::string::npos)
+        << log.text();
+}
+
 TEST(Session, SurvivesLinesThatAreNoObjects) {
     const LogCapture log("info");
     Stage stage(methods);

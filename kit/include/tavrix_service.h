@@ -274,7 +274,8 @@ typedef struct tavrix_service_options {
  * Makes a service: checks the table, names the logger, catches the signals, binds the given addresses. Connects to
  * nothing yet. SIGTERM and SIGINT, unless #TAVRIX_SERVICE_NO_SIGNALS is set, end the service from now on and the
  * process no longer: one that comes before tavrix_service_run() ends that as soon as it begins. Several services of one
- * process live in one loop, or all but one of them with #TAVRIX_SERVICE_NO_SIGNALS: a loop takes another's signals away.
+ * process live in one loop, or all but one of them with #TAVRIX_SERVICE_NO_SIGNALS: a loop takes another's signals
+ * away.
  *
  * @param options     copied; what it points to has to live as long as the service
  * @param service_out receives the service; tavrix_service_close() releases it
@@ -502,7 +503,9 @@ typedef void (*tavrix_answer_callback)(tavrix_service *service, const tavrix_ans
  *                   may take more than that ends with #TAVRIX_OUTCOME_TIMEOUT by then, the service is told that nobody
  *                   waits any more, and its answer is dropped. Have such work answer at once, and tell its end by a
  *                   notification
- * @param callback   receives the outcome
+ * @param callback   receives the outcome. The router lets one service have --max-in-flight requests (512 unless it is
+ *                   told otherwise), and one user half of those that others leave free: what is beyond that ends with
+ *                   TAVRIX_JRPC_SYSTEM_BUSY
  * @param user       for the callback
  * @return the request's number, for tavrix_service_cancel(); 0 when the request cannot be made: then the log tells why,
  *         and the callback is not called

@@ -35,6 +35,7 @@ struct Seen {
     int late_reply = 0;
     uint64_t late_call = 0;
     std::vector<uint64_t> lost;
+    std::vector<std::pair<uint64_t, int64_t>> held; ///< calls of t.Hold, by number and n
 };
 Seen seen;
 
@@ -115,6 +116,11 @@ int nest(tavrix_call *call) {
     }
     return tavrix_call_reply(call, value);
 }
+/** Waits until the test answers it. */
+int hold(tavrix_call *call) {
+    seen.held.emplace_back(tavrix_call_defer(call, nullptr, nullptr), tavrix_call_integer(call, "n"));
+    return TAVRIX_OK;
+}
 /** Asks its own service, and answers what that answers. */
 int ask_itself(tavrix_call *call) {
     auto *pending = new Pending{tavrix_call_defer(call, nullptr, nullptr)};
@@ -133,6 +139,7 @@ const tavrix_service_method t_methods[] = {
     TAVRIX_METHOD("t.Twice", twice, "", nullptr, nullptr, 0),
     TAVRIX_METHOD("t.Fill", fill, "", count, nullptr, 0),
     TAVRIX_METHOD("t.Nest", nest, "", count, nullptr, 0),
+    TAVRIX_METHOD("t.Hold", hold, "", count, nullptr, 0),
     TAVRIX_METHOD("t.AskItself", ask_itself, "", nullptr, nullptr, 0),
     TAVRIX_METHOD_END,
 };
@@ -228,6 +235,49 @@ TEST_F(Lives, AServiceThatCallsItselfIsAnswered) {
     EXPECT_EQ(seen.ends, Ends{});
     EXPECT_EQ(seen.results, std::vector<int>{1});
     EXPECT_EQ(seen.caller.pid, getpid());
+}
+
+TEST_F(Lives, AThousandCallsInFlightAtOnceGetEachItsOwnAnswer) {
+    start_router("20000", {"--max-in-flight", "4096"}); // a user may have half of the places
+    const Service service = start("t", t_methods);
+    const Service left = start("left", left_methods);
+    constexpr int total = 1000;
+    std::vector<int> answers(total, -1);
+    for (int i = 0; i < total; ++i) {
+        ASSERT_NE(tavrix_service_request(
+                      left.get(), "t.Hold", json_pack("{s:i}", "n", i), 20000,
+                      [](tavrix_service * /*service*/, const tavrix_answer *answer, void *user) {
+                          seen.ends.push_back(describe(answer));
+                          *static_cast<int *>(user) = static_cast<int>(json_integer_value(answer->result));
+                      },
+                      &answers[static_cast<size_t>(i)]),
+                  0U);
+    }
+    ASSERT_TRUE(wait([] { return seen.held.size() == total; })) << seen.held.size();
+    EXPECT_EQ(seen.ends, Ends{}) << "all are in flight";
+    for (auto held = seen.held.rbegin(); held != seen.held.rend(); ++held) {
+        EXPECT_EQ(tavrix_call_reply(tavrix_service_deferred(service.get(), held->first), json_integer(held->second)),
+                  TAVRIX_OK);
+    }
+    ASSERT_TRUE(wait([] { return seen.ends.size() == total; })) << seen.ends.size();
+    EXPECT_EQ(seen.ends, Ends(total, "result 0"));
+    for (int i = 0; i < total; ++i) {
+        EXPECT_EQ(answers[static_cast<size_t>(i)], i);
+    }
+}
+
+TEST_F(Lives, CallsBeyondWhatTheRouterLetsOneUserHaveAreEachToldSoAtOnce) {
+    start_router("20000", {"--max-in-flight", "20"});
+    const Service service = start("t", t_methods);
+    const Service left = start("left", left_methods);
+    constexpr size_t half = 10;
+    constexpr size_t refused = 5;
+    for (size_t i = 0; i < half + refused; ++i) {
+        request(left, "t.Hold", json_pack("{s:i}", "n", 0));
+    }
+    ASSERT_TRUE(wait([] { return seen.held.size() == half && seen.ends.size() == refused; }))
+        << seen.held.size() << " held, " << seen.ends.size() << " refused";
+    EXPECT_EQ(seen.ends, Ends(refused, "error -32014"));
 }
 
 // --- What is too large, or too deep, beside the real router ---------------------------------------------------------

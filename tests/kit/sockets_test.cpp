@@ -45,6 +45,20 @@ const tavrix_service_method methods[] = {
     TAVRIX_METHOD_END,
 };
 
+/** What a client hears until the service closes. */
+std::string hear_beside(Stage *stage, const StreamClient &client) {
+    std::string text;
+    char bytes[4096];
+    const bool closed = stage->wait([&] {
+        ssize_t count = 0;
+        while ((count = recv(client.fd(), bytes, sizeof bytes, MSG_DONTWAIT)) > 0) {
+            text.append(bytes, static_cast<size_t>(count));
+        }
+        return count == 0 || errno == ECONNRESET;
+    });
+    return closed ? text : "(time-out)";
+}
+
 class Sockets : public testing::Test {
   protected:
     void SetUp() override {
@@ -52,19 +66,7 @@ class Sockets : public testing::Test {
         abandoned = 0;
         calls = 0;
     }
-    /** What a client hears until the service closes. */
-    std::string hear(const StreamClient &client) {
-        std::string text;
-        char bytes[4096];
-        const bool closed = stage.wait([&] {
-            ssize_t count = 0;
-            while ((count = recv(client.fd(), bytes, sizeof bytes, MSG_DONTWAIT)) > 0) {
-                text.append(bytes, static_cast<size_t>(count));
-            }
-            return count == 0 || errno == ECONNRESET;
-        });
-        return closed ? text : "(time-out)";
-    }
+    std::string hear(const StreamClient &client) { return hear_beside(&stage, client); }
     std::string ask(const std::string &request) {
         const StreamClient client = StreamClient::unix_path("direct.sock");
         client.say(request);
@@ -258,6 +260,18 @@ TEST_F(Sockets, WaitForAHandlerAsLongAsItsCallerDoes) {
     EXPECT_FALSE(let_time_pass(stage.service, EV_READ)) << "it has said what it wants";
     tavrix_call_reply(tavrix_service_deferred(stage.service, deferred), json_integer(3));
     EXPECT_EQ(member(hear(client), "result"), "3");
+}
+
+TEST(SocketsOfAServiceThatNeverAnswers, TellTheirClientsSoAtTheDeadline) {
+    deferred = 0;
+    abandoned = 0;
+    Stage stage(methods, {}, [](support::PlayedRouter &router) { router.reply_timeout_ms = 50; });
+    ASSERT_NE(tavrix_service_listen_unix(stage.service, "direct.sock"), 0U);
+    const StreamClient client = StreamClient::unix_path("direct.sock");
+    client.say(R"({"jsonrpc":"2.0","method":"t.Defer","id":1})");
+    EXPECT_EQ(code_of(hear_beside(&stage, client)), "-32005") << "no router does";
+    EXPECT_EQ(abandoned, 1);
+    EXPECT_EQ(tavrix_service_deferred(stage.service, deferred), nullptr);
 }
 
 TEST_F(Sockets, CloseAClientThatDoesNotReadItsAnswerInTime) {

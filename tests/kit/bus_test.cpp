@@ -205,7 +205,7 @@ TEST_F(Bus, FollowsTheServicesThatTheRouterTellsOf) {
 
 TEST_F(Bus, ListensTo1024AddressesAndToAnotherOnceOneHasGone) {
     constexpr int most = 1024;
-    const auto tells_of = [this](const std::string &name, const std::string &address) {
+    const auto tells_of = [](const std::string &name, const std::string &address) {
         return R"({"name":")" + name + R"(","channel":"c","publish":[")" + address + R"("],"methods":[]})";
     };
     stage.router.settles = false;

@@ -97,6 +97,9 @@ typedef struct tavrix_call tavrix_call;
  * members, hold any text, with newlines too. The bounds of a #TAVRIX_KIND_TEXT count characters (code points), as the
  * description's `minLength` and `maxLength` do; the library's own kinds, such as #TAVRIX_KIND_ALIAS, count
  * bytes, so that fewer characters fit when some are beyond ASCII.
+ *
+ * A refusal is TAVRIX_JRPC_INVALID_PARAMS, unless the catalogue has a code of its own for what the retriever says: port
+ * ids where one sort of port alone, or a unit too, is allowed, and more VLAN ids than 32.
  */
 typedef enum tavrix_kind {
     TAVRIX_KIND_NONE = 0,
@@ -211,7 +214,9 @@ enum tavrix_method_flags {
 
 /** A row of the table. The table ends with #TAVRIX_METHOD_END. */
 typedef struct tavrix_service_method {
-    const char *name; /**< without control characters; all names of a table belong to one channel */
+    const char *name; /**< without control characters; all names of a table belong to one channel. Every service
+                           answers logger.ReloadConf and service.Hello by itself: they, service.Probe and
+                           service.Welcome are refused */
     tavrix_call_handler handler;
     const char *summary;                /**< one line */
     const tavrix_service_param *params; /**< null: none */
@@ -268,7 +273,9 @@ typedef struct tavrix_service_options {
 /**
  * Makes a service: checks the table, names the logger, catches the signals, binds the given addresses. Connects to
  * nothing yet. SIGTERM and SIGINT, unless #TAVRIX_SERVICE_NO_SIGNALS is set, end the service from now on and the
- * process no longer: one that comes before tavrix_service_run() ends that as soon as it begins.
+ * process no longer: one that comes before tavrix_service_run() ends that as soon as it begins. Several services of one
+ * process live in one loop, or all but one of them with #TAVRIX_SERVICE_NO_SIGNALS: a loop takes another's signals
+ * away.
  *
  * @param options     copied; what it points to has to live as long as the service
  * @param service_out receives the service; tavrix_service_close() releases it
@@ -298,7 +305,8 @@ TAVRIX_SERVICE_API void tavrix_service_stop(tavrix_service *service);
 
 /**
  * Releases the service: cancels its requests, answers deferred calls TAVRIX_JRPC_SYSTEM_BUSY as far as that can be
- * written at once, closes its sockets. Not from a handler or a callback. A null service is none.
+ * written at once, closes its sockets. Not from a handler or a callback: while tavrix_service_run() is on the stack it
+ * only stops the service, with a line in the log. A null service is none.
  */
 TAVRIX_SERVICE_API void tavrix_service_close(tavrix_service *service);
 
@@ -495,7 +503,9 @@ typedef void (*tavrix_answer_callback)(tavrix_service *service, const tavrix_ans
  *                   may take more than that ends with #TAVRIX_OUTCOME_TIMEOUT by then, the service is told that nobody
  *                   waits any more, and its answer is dropped. Have such work answer at once, and tell its end by a
  *                   notification
- * @param callback   receives the outcome
+ * @param callback   receives the outcome. The router lets one service have --max-in-flight requests (512 unless it is
+ *                   told otherwise), and one user half of those that others leave free: what is beyond that ends with
+ *                   TAVRIX_JRPC_SYSTEM_BUSY
  * @param user       for the callback
  * @return the request's number, for tavrix_service_cancel(); 0 when the request cannot be made: then the log tells why,
  *         and the callback is not called

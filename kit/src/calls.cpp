@@ -21,6 +21,7 @@ constexpr char unit_name[] = "service_calls";
 constexpr size_t kept_spare_calls = 64;
 constexpr char reload_method[] = "logger.ReloadConf";
 constexpr char hello_method[] = "service.Hello";
+constexpr const char *own_methods[] = {reload_method, hello_method, "service.Probe", "service.Welcome"};
 
 // --- Records -------------------------------------------------------------------------------------------------------
 
@@ -255,8 +256,9 @@ void answer(tavrix_call *call) {
 void on_deadline(evutil_socket_t /*fd*/, short /*what*/, void *argument) {
     auto *call = static_cast<tavrix_call *>(argument);
     LOG_DEBUG("%s: no answer within the time that its caller waits\n", call->row->name);
-    // The router gives its own answer; nobody else tells a client of a direct socket, or a daemon on the bus.
-    if (call->caller.road != TAVRIX_ROAD_SESSION && call->wants_answer && call->client != nullptr) {
+    // The router gives its own answer, and who asks on the bus has a time of his own; nobody else tells a direct
+    // client.
+    if (call->wants_answer && call->client != nullptr) {
         const Text text = error_text(call, TAVRIX_JRPC_TIMED_OUT, nullptr);
         if (text) {
             client_answer(call->client, text.get());
@@ -301,6 +303,14 @@ void *records_of(const tavrix_call *call, const char *name, Storage storage, int
 }
 
 } // namespace
+
+bool is_own_method(const char *name) {
+    bool is_own = false;
+    for (const char *own : own_methods) {
+        is_own = is_own || std::strcmp(own, name) == 0;
+    }
+    return is_own;
+}
 
 void evaluate(tavrix_service *service, Json request, const Origin &origin) {
     tavrix_call *call = has_good_envelope(request.get()) ? take_call(service) : nullptr;

@@ -254,6 +254,8 @@ struct Origin {
     Client *client;      ///< direct sockets
 };
 
+/** Whether every service answers a method by itself, or its bus does: a row of that name would never be used. */
+bool is_own_method(const char *name);
 /** Evaluates a request as tavrix_jrpc_eval_request() does, and answers it on the road that it came by. */
 void evaluate(tavrix_service *service, Json request, const Origin &origin);
 /** Nobody waits for the calls any more: tells their handlers, releases them. */
@@ -368,7 +370,7 @@ const char *bus_error();
 
 // --- Requests, notifications, timers, listeners --------------------------------------------------------------------
 
-/** `control` goes out before the registration is through, and in the kit's own name. */
+/** Sends it at once over a connection, also before the registration is through; otherwise it waits for one. */
 uint64_t send_request(tavrix_service *service, const char *method, json_t *params, int timeout_ms,
                       tavrix_answer_callback callback, void *user);
 void send_waiting_requests(tavrix_service *service);
@@ -384,7 +386,8 @@ Text request_text(const char *method, json_t *params, uint64_t id);
 bool send_subscriptions(tavrix_service *service);
 void take_notification(tavrix_service *service, const json_t *message, const char *method);
 void tell_lost(tavrix_service *service, uint64_t count);
-void cancel_subscription(tavrix_service *service, Entry *entry);
+/** False when it has ended already, in a callback of this very notification. */
+bool cancel_subscription(tavrix_service *service, Entry *entry);
 
 void cancel_timer(tavrix_service *service, Entry *entry);
 
@@ -417,6 +420,7 @@ struct tavrix_service {
     event_base *base;
     bool owns_base;
     bool started;
+    bool running; ///< tavrix_service_run() is on the stack
     bool stopping;
     bool failed;
     event signals[3];

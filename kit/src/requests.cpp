@@ -272,7 +272,10 @@ void tell_lost(tavrix_service *service, uint64_t count) {
     }
 }
 
-void cancel_subscription(tavrix_service *service, Entry *entry) {
+bool cancel_subscription(tavrix_service *service, Entry *entry) {
+    if (as_subscription(entry)->over) {
+        return false;
+    }
     as_subscription(entry)->over = true;
     if (!is_pattern_used(service, as_subscription(entry)->pattern)) {
         const Json patterns(json_pack("[s]", as_subscription(entry)->pattern));
@@ -281,6 +284,7 @@ void cancel_subscription(tavrix_service *service, Entry *entry) {
     if (service->notifying == 0) {
         free_ended_subscriptions(service);
     }
+    return true;
 }
 
 } // namespace kit

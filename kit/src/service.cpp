@@ -95,6 +95,9 @@ bool check_method(tavrix_service *service, const tavrix_service_method *methods,
     if (!is_method_name(row.name) || row.handler == nullptr) {
         return refuse_table(row.name, "needs a name of up to 255 bytes without control characters, and a handler");
     }
+    if (is_own_method(row.name)) {
+        return refuse_table(row.name, "is one that every service answers by itself; its handler would never run");
+    }
     if (channel == nullptr) {
         return refuse_table(row.name, "no memory");
     }
@@ -180,7 +183,8 @@ void write_the_rest(tavrix_service *service) {
     }
 }
 
-void cancel_all(tavrix_service *service, EntryType type, void (*cancel)(tavrix_service *, Entry *)) {
+template <class Cancel>
+void cancel_all(tavrix_service *service, EntryType type, Cancel cancel) {
     while (service->directory.lists[type].first != nullptr) {
         cancel(service, service->directory.lists[type].first);
     }
@@ -275,7 +279,12 @@ int tavrix_service_run(tavrix_service *service) {
     if (service == nullptr) {
         return TAVRIX_ERR_NULL_INPUT;
     }
+    if (service->running) {
+        LOG_ERROR("%s runs already\n", service->name);
+        return TAVRIX_ERR_GENERAL;
+    }
     int rc = tavrix_service_start(service);
+    service->running = true;
     inside_a_loop = true;
     while (rc == TAVRIX_OK && !service->stopping && !service->failed) {
         if (event_base_loop(service->base, EVLOOP_NO_EXIT_ON_EMPTY) < 0) {
@@ -286,6 +295,7 @@ int tavrix_service_run(tavrix_service *service) {
     end_everything(service);
     write_the_rest(service);
     inside_a_loop = false;
+    service->running = false;
     rc = service->failed ? TAVRIX_ERR_GENERAL : rc;
     LOG_INFO("%s %s\n", service->name, rc == TAVRIX_OK ? "stopped" : "cannot go on");
     return rc;
@@ -300,6 +310,11 @@ void tavrix_service_stop(tavrix_service *service) {
 
 void tavrix_service_close(tavrix_service *service) {
     if (service == nullptr) {
+        return;
+    }
+    if (service->running) { // the loop that called the handler goes on with what would be gone
+        LOG_ERROR("%s is closed by a handler or a callback: it ends, and is to be closed when it has\n", service->name);
+        tavrix_service_stop(service);
         return;
     }
     if (service->base != nullptr) {
@@ -341,8 +356,7 @@ int tavrix_service_cancel(tavrix_service *service, uint64_t number) {
         cancel_request(service, entry);
         return TAVRIX_OK;
     case entry_subscription:
-        cancel_subscription(service, entry);
-        return TAVRIX_OK;
+        return cancel_subscription(service, entry) ? TAVRIX_OK : TAVRIX_ERR_NO_RECORDS;
     case entry_timer:
         cancel_timer(service, entry);
         return TAVRIX_OK;

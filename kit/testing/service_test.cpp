@@ -316,6 +316,9 @@ void take_written(tavrix_service_test *test, const char *line, size_t length) {
 
 /** Until nothing is left: an answer that is played may lead to the next request. */
 void settle(tavrix_service_test *test) {
+    if (test->service->stopping) { // by itself: its loop would end with this turn
+        end_everything(test->service);
+    }
     Buffer *out = &test->service->session.out;
     while (out->size() > 0) {
         const auto *end = static_cast<const char *>(std::memchr(out->data(), '\n', out->size()));

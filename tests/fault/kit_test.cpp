@@ -10,6 +10,7 @@
 #include <nanomsg/nn.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "faults.h"
@@ -28,6 +29,9 @@ using support::StreamClient;
 
 /** What the test does while the code that it calls waits for a descriptor. */
 static std::function<void()> meanwhile;
+
+/** As a sandbox may do. */
+static bool chown_is_forbidden = false;
 
 // The wrappers, as in faults.cpp.
 #define FAILING(result, name, parameters, arguments, failure)                                                          \
@@ -62,6 +66,15 @@ int __wrap_poll(pollfd *descriptors, nfds_t count, int timeout_ms) {
     }
     return __real_poll(descriptors, count, meanwhile ? 0 : timeout_ms);
 }
+int __real_chown(const char *path, uid_t owner, gid_t group);
+int __wrap_chown(const char *path, uid_t owner, gid_t group) {
+    if (chown_is_forbidden) {
+        errno = EPERM;
+        return -1;
+    }
+    return __real_chown(path, owner, group);
+}
+FAILING(char *, getcwd, (char *path, size_t size), (path, size), nullptr)
 FAILING(event_base *, event_base_new, (), (), nullptr)
 FAILING(int, event_base_loop, (event_base * base, int flags), (base, flags), -1)
 FAILING(int, event_add, (event * ev, const timeval *time), (ev, time), -1)
@@ -527,6 +540,23 @@ TEST(KitFaults, AServiceIsOpenedOrToldWhyNot) {
                    {"calloc", "event_base_new", "nn_socket", "nn_setsockopt", "nn_bind", "realloc"});
 }
 
+TEST(KitFaults, AServiceOnARelativeAddressIsOpenedOrToldWhyNot) {
+    kit::played_clock_ms = -1;
+    expect_reached(each_failure([](Fault &fault) {
+                       const LogCapture log;
+                       const char *const publish[] = {"ipc://own", nullptr};
+                       tavrix_service_options options = testee_options(0);
+                       options.publish = publish;
+                       tavrix_service *service = nullptr;
+                       const int rc = fault.in([&] { return tavrix_service_open(&options, &service); });
+                       EXPECT_EQ(rc != 0, service == nullptr) << fault.function();
+                       EXPECT_TRUE(rc == 0 || !fault.was("getcwd")) << "the address stays as it was given";
+                       EXPECT_EQ(access("own", F_OK) == 0, rc == 0) << fault.function();
+                       tavrix_service_close(service);
+                   }),
+                   {"getcwd", "nn_bind"});
+}
+
 TEST(KitFaults, ARunEndsWithAFailureWhenItCannotWait) {
     kit::played_clock_ms = -1;
     expect_reached(
@@ -560,6 +590,8 @@ class Life {
     Life(const Life &) = delete;
     Life &operator=(const Life &) = delete;
     ~Life() { tavrix_service_close(service_); }
+
+    std::string log() const { return log_.text(); }
 
     /** Until the service is ready and has answered on its session, and where it publishes on the bus; or has given up.
      */
@@ -636,6 +668,24 @@ TEST(KitFaults, AServiceThatPublishesRegistersAndServesAllTheSameOrGivesUp) {
                    }),
                    {"nn_socket", "nn_bind", "nn_connect", "nn_setsockopt", "nn_getsockopt", "nn_allocmsg", "nn_send",
                     "nn_recv", "socket", "connect", "event_add", "recv", "send"});
+}
+
+TEST(KitFaults, AServiceWhoseSocketKeepsItsOwnGroupServesAndSaysSo) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "only root can give the folder to another group";
+    }
+    constexpr gid_t others = 65534;
+    kit::played_clock_ms = -1;
+    mkdir("bus", 0770);
+    ASSERT_EQ(chown("bus", static_cast<uid_t>(-1), others), 0);
+    chown_is_forbidden = true;
+    Life life(0);
+    EXPECT_TRUE(life.live());
+    chown_is_forbidden = false;
+    EXPECT_NE(life.log().find("to the group of its folder: Operation not permitted; the router may not reach it"),
+              std::string::npos)
+        << life.log();
+    ASSERT_EQ(chown("bus", static_cast<uid_t>(-1), getegid()), 0);
 }
 
 } // namespace

@@ -202,3 +202,36 @@ TEST_F(Bus, FollowsTheServicesThatTheRouterTellsOf) {
     stage.router.hang_up();
     EXPECT_TRUE(stage.wait_ready());
 }
+
+TEST_F(Bus, ListensTo1024AddressesAndToAnotherOnceOneHasGone) {
+    constexpr int most = 1024;
+    const auto tells_of = [](const std::string &name, const std::string &address) {
+        return R"({"name":")" + name + R"(","channel":"c","publish":[")" + address + R"("],"methods":[]})";
+    };
+    stage.router.settles = false;
+    stage.router.services = "[";
+    for (int i = 1; i < most; ++i) { // the router's own is one of them
+        const std::string number = std::to_string(i);
+        stage.router.services += (i > 1 ? "," : "") + tells_of("nobody" + number, "ipc://nobody" + number);
+    }
+    stage.router.services += "]";
+    stage.open(methods);
+    ASSERT_TRUE(stage.wait_ready());
+    EXPECT_EQ(log.text().find("too many addresses"), std::string::npos) << "they are as many as may be";
+    const std::string up =
+        R"({"jsonrpc":"2.0","method":"router.ServiceUp","params":)" + tells_of("peer", peer_address) + "}";
+    stage.router.say(up);
+    ASSERT_TRUE(stage.wait([this] { return log.text().find("too many addresses") != std::string::npos; }));
+    EXPECT_NE(log.text().find("Cannot listen to " + peer_address + ": too many addresses"), std::string::npos);
+
+    stage.router.say(R"({"jsonrpc":"2.0","method":"router.ServiceDown","params":{"name":"nobody7"}})");
+    stage.router.say(up);
+    int id = 0;
+    const std::string address = "ipc://" + stage.router.folder + "/tester";
+    ASSERT_EQ(tavrix_mq_socket_connect(peer_sub.number, TAVRIX_TRANSPORT_IPC, address.c_str(), &id), TAVRIX_OK);
+    tavrix_mq_socket_subscribe(peer_sub.number, "me");
+    EXPECT_TRUE(stage.wait([this] {
+        publish_request(R"({"jsonrpc":"2.0","method":"ports.Echo","id":"me","params":{"a":1}})");
+        return received() == R"(me|{"jsonrpc":"2.0","id":"ports.Echo","result":{"a":1}})";
+    })) << "the one that has gone has left its place";
+}

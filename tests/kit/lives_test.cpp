@@ -35,6 +35,7 @@ struct Seen {
     int late_reply = 0;
     uint64_t late_call = 0;
     std::vector<uint64_t> lost;
+    std::vector<std::pair<uint64_t, int64_t>> held; ///< calls of t.Hold, by number and n
 };
 Seen seen;
 
@@ -102,6 +103,31 @@ int twice(tavrix_call *call) {
     return 0;
 }
 
+/** A text of n characters. */
+int fill(tavrix_call *call) {
+    const auto size = static_cast<size_t>(tavrix_call_integer(call, "n"));
+    return tavrix_call_reply(call, json_string(std::string(size, 'x').c_str()));
+}
+/** n arrays within each other. */
+int nest(tavrix_call *call) {
+    json_t *value = json_array();
+    for (int64_t left = tavrix_call_integer(call, "n"); left > 1; --left) {
+        value = json_pack("[o]", value);
+    }
+    return tavrix_call_reply(call, value);
+}
+/** Waits until the test answers it. */
+int hold(tavrix_call *call) {
+    seen.held.emplace_back(tavrix_call_defer(call, nullptr, nullptr), tavrix_call_integer(call, "n"));
+    return TAVRIX_OK;
+}
+/** Asks its own service, and answers what that answers. */
+int ask_itself(tavrix_call *call) {
+    auto *pending = new Pending{tavrix_call_defer(call, nullptr, nullptr)};
+    tavrix_service_request(tavrix_call_service(call), "t.Twice", nullptr, 20000, on_other, pending);
+    return 0;
+}
+
 const tavrix_service_param count[] = {TAVRIX_PARAM("n", TAVRIX_KIND_INTEGER, "", 0), TAVRIX_PARAM_END};
 const tavrix_service_method left_methods[] = {TAVRIX_METHOD("left.Down", down, "", count, nullptr, 0),
                                               TAVRIX_METHOD_END};
@@ -111,6 +137,10 @@ const tavrix_service_method t_methods[] = {
     TAVRIX_METHOD("t.Never", never, "", nullptr, nullptr, 0),
     TAVRIX_METHOD("t.Late", late, "", nullptr, nullptr, 0),
     TAVRIX_METHOD("t.Twice", twice, "", nullptr, nullptr, 0),
+    TAVRIX_METHOD("t.Fill", fill, "", count, nullptr, 0),
+    TAVRIX_METHOD("t.Nest", nest, "", count, nullptr, 0),
+    TAVRIX_METHOD("t.Hold", hold, "", count, nullptr, 0),
+    TAVRIX_METHOD("t.AskItself", ask_itself, "", nullptr, nullptr, 0),
     TAVRIX_METHOD_END,
 };
 
@@ -194,6 +224,123 @@ TEST_F(Lives, TwoServicesThatCallEachOtherAtOnceAreBothAnswered) {
     }
     EXPECT_TRUE(wait([&] { return seen.results.size() + seen.ends.size() == both; })) << seen.results.size();
     EXPECT_EQ(seen.ends, Ends{});
+}
+
+TEST_F(Lives, AServiceThatCallsItselfIsAnswered) {
+    start_router();
+    const Service service = start("t", t_methods);
+    const Service left = start("left", left_methods);
+    request(left, "t.AskItself");
+    EXPECT_TRUE(wait([] { return seen.results.size() + seen.ends.size() == 1; }));
+    EXPECT_EQ(seen.ends, Ends{});
+    EXPECT_EQ(seen.results, std::vector<int>{1});
+    EXPECT_EQ(seen.caller.pid, getpid());
+}
+
+TEST_F(Lives, AThousandCallsInFlightAtOnceGetEachItsOwnAnswer) {
+    start_router("20000", {"--max-in-flight", "4096"}); // a user may have half of the places
+    const Service service = start("t", t_methods);
+    const Service left = start("left", left_methods);
+    constexpr int total = 1000;
+    std::vector<int> answers(total, -1);
+    for (int i = 0; i < total; ++i) {
+        ASSERT_NE(tavrix_service_request(
+                      left.get(), "t.Hold", json_pack("{s:i}", "n", i), 20000,
+                      [](tavrix_service * /*service*/, const tavrix_answer *answer, void *user) {
+                          seen.ends.push_back(describe(answer));
+                          *static_cast<int *>(user) = static_cast<int>(json_integer_value(answer->result));
+                      },
+                      &answers[static_cast<size_t>(i)]),
+                  0U);
+    }
+    ASSERT_TRUE(wait([] { return seen.held.size() == total; })) << seen.held.size();
+    EXPECT_EQ(seen.ends, Ends{}) << "all are in flight";
+    for (auto held = seen.held.rbegin(); held != seen.held.rend(); ++held) {
+        EXPECT_EQ(tavrix_call_reply(tavrix_service_deferred(service.get(), held->first), json_integer(held->second)),
+                  TAVRIX_OK);
+    }
+    ASSERT_TRUE(wait([] { return seen.ends.size() == total; })) << seen.ends.size();
+    EXPECT_EQ(seen.ends, Ends(total, "result 0"));
+    for (int i = 0; i < total; ++i) {
+        EXPECT_EQ(answers[static_cast<size_t>(i)], i);
+    }
+}
+
+TEST_F(Lives, CallsBeyondWhatTheRouterLetsOneUserHaveAreEachToldSoAtOnce) {
+    start_router("20000", {"--max-in-flight", "20"});
+    const Service service = start("t", t_methods);
+    const Service left = start("left", left_methods);
+    constexpr size_t half = 10;
+    constexpr size_t refused = 5;
+    for (size_t i = 0; i < half + refused; ++i) {
+        request(left, "t.Hold", json_pack("{s:i}", "n", 0));
+    }
+    ASSERT_TRUE(wait([] { return seen.held.size() == half && seen.ends.size() == refused; }))
+        << seen.held.size() << " held, " << seen.ends.size() << " refused";
+    EXPECT_EQ(seen.ends, Ends(refused, "error -32014"));
+}
+
+// --- What is too large, or too deep, beside the real router ---------------------------------------------------------
+
+namespace {
+
+/** On the session and on the bus: the largest answers that arrive, and the refusals of larger ones. */
+struct Room {
+    const char *road;
+    unsigned flags;
+    int fits; ///< characters of a text, which its envelope makes a little larger
+    int too_many;
+};
+
+class AnswersBeside : public Lives, public testing::WithParamInterface<Room> {
+  protected:
+    /** How a call of a method with this n ends. */
+    std::string end_of(const Service &caller, const char *method, int n) {
+        const size_t before = seen.results.size() + seen.ends.size();
+        const size_t failed = seen.ends.size();
+        request(caller, method, json_pack("{s:i}", "n", n));
+        EXPECT_TRUE(wait([before] { return seen.results.size() + seen.ends.size() > before; }));
+        return seen.ends.size() > failed ? seen.ends.back() : "result";
+    }
+};
+
+} // namespace
+
+TEST_P(AnswersBeside, TheRouterAreRefusedWhereTheyCouldNotArriveAndTheServiceStays) {
+    start_router();
+    const Service service = start("t", t_methods, GetParam().flags);
+    const Service left = start("left", left_methods);
+    EXPECT_EQ(end_of(left, "t.Fill", GetParam().fits), "result");
+    EXPECT_EQ(end_of(left, "t.Fill", GetParam().too_many), "error -32004");
+    EXPECT_EQ(end_of(left, "t.Nest", 2046), "result") << "and the answer's own braces";
+    EXPECT_EQ(end_of(left, "t.Nest", 2047), "error -32004");
+    EXPECT_EQ(end_of(left, "t.Fill", 1), "result");
+    EXPECT_EQ(router_->times_said("Service t has gone"), 0) << router_->log();
+    EXPECT_EQ(router_->times_said("Service left has gone"), 0) << router_->log();
+}
+
+INSTANTIATE_TEST_SUITE_P(Roads, AnswersBeside,
+                         testing::Values(Room{"Session", 0, 9371000, 9371648},
+                                         Room{"Bus", TAVRIX_SERVICE_BUS, 8388000, 8388608}),
+                         [](const auto &tested) { return std::string(tested.param.road); });
+
+TEST_F(Lives, ARequestOf65535BytesIsServedAndNoLongerOneIsMade) {
+    start_router();
+    const Service service = start("t", t_methods);
+    const Service left = start("left", left_methods);
+    const auto make = [&](size_t filling) {
+        return tavrix_service_request(left.get(), "t.Twice", json_pack("{s:s}", "f", std::string(filling, 'x').c_str()),
+                                      20000, on_end, nullptr);
+    };
+    size_t largest = 65535;
+    while (largest > 0 && make(largest) == 0) {
+        --largest;
+    }
+    // Braces, names and its id, of at most three digits here, are the rest of it.
+    EXPECT_GT(largest, 65535U - 80);
+    EXPECT_TRUE(wait([] { return seen.results.size() + seen.ends.size() == 1; }));
+    EXPECT_EQ(seen.ends, Ends{});
+    EXPECT_EQ(seen.served_twice, 1);
 }
 
 TEST_F(Lives, AServiceThatIsKilledEndsItsCallsBothWaysAndServesAgain) {

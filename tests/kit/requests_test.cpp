@@ -366,6 +366,7 @@ TEST_F(Notifications, MayEndTheirSubscriptionFromTheCallback) {
         [](tavrix_service *service, const char *method, json_t *, void *) {
             notifications.emplace_back(method);
             EXPECT_EQ(tavrix_service_cancel(service, own), TAVRIX_OK);
+            EXPECT_EQ(tavrix_service_cancel(service, own), TAVRIX_ERR_NO_RECORDS);
         },
         nullptr);
     stage.router.say(R"({"jsonrpc":"2.0","method":"events.A"})");

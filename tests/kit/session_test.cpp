@@ -295,6 +295,22 @@ TEST(Session, NotifiesTheServiceManager) {
     close(manager);
 }
 
+TEST(Session, SaysWhenTheServiceManagerCannotBeToldAndServesAllTheSame) {
+    const LogCapture log("info");
+    char folder[256];
+    const std::string nobody = std::string(getcwd(folder, sizeof folder)) + "/nobody.sock";
+    setenv("NOTIFY_SOCKET", nobody.c_str(), 1);
+    {
+        Stage stage(methods);
+        EXPECT_EQ(support::member(stage.ask("t.Echo", R"({"a":1})"), "result"), R"({"a":1})");
+    }
+    unsetenv("NOTIFY_SOCKET");
+    EXPECT_NE(log.text().find("Cannot tell the service manager at " + nobody +
+                              " that the service is ready: No such file or directory"),
+              std::string::npos)
+        << log.text();
+}
+
 TEST(Session, SurvivesLinesThatAreNoObjects) {
     const LogCapture log("info");
     Stage stage(methods);
@@ -384,6 +400,31 @@ TEST_P(SignalThatEnds, LetsAnAnswerThatIsBeingWrittenBeWrittenWhole) {
 INSTANTIATE_TEST_SUITE_P(Session, SignalThatEnds, testing::Values(SIGTERM, SIGINT),
                          [](const auto &number) { return number.param == SIGTERM ? "Term" : "Int"; });
 
+// --- Run and closed by its own handlers -----------------------------------------------------------------------------
+
+TEST(RunningService, ThatIsRunOrClosedByAHandlerSaysSoAndEndsInOrder) {
+    const LogCapture log("info");
+    Stage stage;
+    Running running{&stage};
+    int second_run = TAVRIX_OK;
+    running.turn = [&] {
+        if (running.asked) {
+            return;
+        }
+        running.asked = true;
+        second_run = tavrix_service_run(stage.service);
+        EXPECT_EQ(tavrix_service_request(stage.service, "ports.Get", nullptr, 20000, count_cancelled, &running) == 0,
+                  false)
+            << "it runs on";
+        tavrix_service_close(stage.service);
+    };
+    EXPECT_EQ(running.run(), TAVRIX_OK);
+    EXPECT_EQ(second_run, TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(running.cancelled, 1) << "it has ended as when it is stopped";
+    EXPECT_NE(log.text().find("tester runs already"), std::string::npos) << log.text();
+    EXPECT_NE(log.text().find("tester is closed by a handler or a callback"), std::string::npos) << log.text();
+}
+
 TEST(Session, RereadsTheLogLevelOnSighup) {
     LogCapture log("info");
     Stage stage;
@@ -465,6 +506,19 @@ TEST(Options, RefuseATableOfTwoChannels) {
     options.methods = mixed;
     EXPECT_EQ(open_and_close(options), TAVRIX_ERR_PARAMETER);
     EXPECT_NE(log.text().find("Methods ports.Get and events.Get belong to two channels"), std::string::npos);
+}
+
+TEST(Options, RefuseMethodsThatTheKitAnswersItself) {
+    for (const char *own : {"logger.ReloadConf", "service.Hello", "service.Probe", "service.Welcome"}) {
+        const LogCapture log("info");
+        const tavrix_service_method table[] = {TAVRIX_METHOD(own, echo, "", nullptr, nullptr, 0), TAVRIX_METHOD_END};
+        tavrix_service_options options = named("tester");
+        options.methods = table;
+        EXPECT_EQ(open_and_close(options), TAVRIX_ERR_PARAMETER);
+        EXPECT_NE(log.text().find("Method " + std::string(own) + ": is one that every service answers by itself"),
+                  std::string::npos)
+            << log.text();
+    }
 }
 
 TEST(Options, RefuseAnAddressThatIsTakenInWords) {

@@ -2,6 +2,7 @@
 #include <string>
 #include <vector>
 
+#include <event2/event.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -44,6 +45,20 @@ const tavrix_service_method methods[] = {
     TAVRIX_METHOD_END,
 };
 
+/** What a client hears until the service closes. */
+std::string hear_beside(Stage *stage, const StreamClient &client) {
+    std::string text;
+    char bytes[4096];
+    const bool closed = stage->wait([&] {
+        ssize_t count = 0;
+        while ((count = recv(client.fd(), bytes, sizeof bytes, MSG_DONTWAIT)) > 0) {
+            text.append(bytes, static_cast<size_t>(count));
+        }
+        return count == 0 || errno == ECONNRESET;
+    });
+    return closed ? text : "(time-out)";
+}
+
 class Sockets : public testing::Test {
   protected:
     void SetUp() override {
@@ -51,19 +66,7 @@ class Sockets : public testing::Test {
         abandoned = 0;
         calls = 0;
     }
-    /** What a client hears until the service closes. */
-    std::string hear(const StreamClient &client) {
-        std::string text;
-        char bytes[4096];
-        const bool closed = stage.wait([&] {
-            ssize_t count = 0;
-            while ((count = recv(client.fd(), bytes, sizeof bytes, MSG_DONTWAIT)) > 0) {
-                text.append(bytes, static_cast<size_t>(count));
-            }
-            return count == 0 || errno == ECONNRESET;
-        });
-        return closed ? text : "(time-out)";
-    }
+    std::string hear(const StreamClient &client) { return hear_beside(&stage, client); }
     std::string ask(const std::string &request) {
         const StreamClient client = StreamClient::unix_path("direct.sock");
         client.say(request);
@@ -204,6 +207,85 @@ TEST_F(Sockets, AnswerMoreThanAClientReadsAtOnce) {
     const std::string large(4 << 20, 'x');
     tavrix_call_reply(tavrix_service_deferred(stage.service, deferred), json_string(large.c_str()));
     EXPECT_EQ(member(hear(client), "result").size(), large.size() + 2);
+}
+
+// --- Time ----------------------------------------------------------------------------------------------------------
+
+namespace {
+
+/** An event of the loop's that waits for this, and not for ever. */
+struct Waiting {
+    short what;
+    event *found;
+};
+
+/** Lets the time be over that an event waits at most; false when none waits so. */
+bool let_time_pass(tavrix_service *service, short what) {
+    Waiting waiting{what, nullptr};
+    event_base_foreach_event(
+        tavrix_service_base(service),
+        [](const event_base *, const event *candidate, void *user) {
+            auto *wanted = static_cast<Waiting *>(user);
+            if (event_get_fd(candidate) >= 0 && event_pending(candidate, wanted->what, nullptr) != 0 &&
+                event_pending(candidate, EV_TIMEOUT, nullptr) != 0) {
+                wanted->found = const_cast<event *>(candidate);
+            }
+            return 0;
+        },
+        &waiting);
+    if (waiting.found != nullptr) {
+        event_active(waiting.found, EV_TIMEOUT, 1);
+    }
+    return waiting.found != nullptr;
+}
+
+} // namespace
+
+TEST_F(Sockets, CloseAClientThatSaysNothingInTime) {
+    tavrix_service_listen_unix(stage.service, "direct.sock");
+    ASSERT_FALSE(let_time_pass(stage.service, EV_READ)) << "the service's own sockets wait for ever";
+    const StreamClient client = StreamClient::unix_path("direct.sock");
+    client.say(R"({"jsonrpc":"2.0","method":)");
+    ASSERT_TRUE(stage.wait([&] { return let_time_pass(stage.service, EV_READ); }));
+    EXPECT_EQ(hear(client), "");
+    EXPECT_EQ(calls, 0);
+    EXPECT_EQ(member(ask(request("t.Echo", "{}")), "result"), "{}") << "the others are served as before";
+}
+
+TEST_F(Sockets, WaitForAHandlerAsLongAsItsCallerDoes) {
+    tavrix_service_listen_unix(stage.service, "direct.sock");
+    const StreamClient client = StreamClient::unix_path("direct.sock");
+    client.say(request("t.Defer", "{}"));
+    ASSERT_TRUE(stage.wait([] { return deferred != 0; }));
+    EXPECT_FALSE(let_time_pass(stage.service, EV_READ)) << "it has said what it wants";
+    tavrix_call_reply(tavrix_service_deferred(stage.service, deferred), json_integer(3));
+    EXPECT_EQ(member(hear(client), "result"), "3");
+}
+
+TEST(SocketsOfAServiceThatNeverAnswers, TellTheirClientsSoAtTheDeadline) {
+    deferred = 0;
+    abandoned = 0;
+    Stage stage(methods, {}, [](support::PlayedRouter &router) { router.reply_timeout_ms = 50; });
+    ASSERT_NE(tavrix_service_listen_unix(stage.service, "direct.sock"), 0U);
+    const StreamClient client = StreamClient::unix_path("direct.sock");
+    client.say(R"({"jsonrpc":"2.0","method":"t.Defer","id":1})");
+    EXPECT_EQ(code_of(hear_beside(&stage, client)), "-32005") << "no router does";
+    EXPECT_EQ(abandoned, 1);
+    EXPECT_EQ(tavrix_service_deferred(stage.service, deferred), nullptr);
+}
+
+TEST_F(Sockets, CloseAClientThatDoesNotReadItsAnswerInTime) {
+    tavrix_service_listen_unix(stage.service, "direct.sock");
+    const StreamClient client = StreamClient::unix_path("direct.sock");
+    client.say(request("t.Defer", "{}"));
+    ASSERT_TRUE(stage.wait([] { return deferred != 0; }));
+    const std::string large(4 << 20, 'x');
+    tavrix_call_reply(tavrix_service_deferred(stage.service, deferred), json_string(large.c_str()));
+    ASSERT_TRUE(let_time_pass(stage.service, EV_WRITE));
+    stage.step();
+    const std::string heard = hear(client);
+    EXPECT_GT(heard.size(), 0U);
+    EXPECT_LT(heard.size(), large.size()) << "what had been sent, and no more";
 }
 
 TEST_F(Sockets, TakeNoPlaceThatIsServedOrIsNoSocket) {

@@ -248,6 +248,20 @@ TEST_F(TestKit, EndsWhatIsInFlightWhenTheRouterRestarts) {
     EXPECT_EQ(call("t.Echo", "{}"), R"({"result":{}})");
 }
 
+TEST_F(TestKit, EndsWhatIsInFlightWhenTheServiceStopsItself) {
+    EXPECT_EQ(call("t.Defer"), "(none)");
+    tavrix_service_timer(
+        tavrix_service_test_service(test_), 10, 0,
+        [](tavrix_service *service, void * /*user*/) { tavrix_service_stop(service); }, nullptr);
+    tavrix_service_test_advance(test_, 9);
+    EXPECT_FALSE(tavrix_service_test_is_stopped(test_));
+    EXPECT_EQ(next_outcome(), "(none)");
+    tavrix_service_test_advance(test_, 1);
+    EXPECT_TRUE(tavrix_service_test_is_stopped(test_));
+    EXPECT_NE(next_outcome().find("The service ends."), std::string::npos);
+    EXPECT_EQ(next_outcome(), "(none)");
+}
+
 TEST_F(TestKit, StopsAsSigtermDoes) {
     call("t.Defer");
     EXPECT_FALSE(tavrix_service_test_is_stopped(test_));

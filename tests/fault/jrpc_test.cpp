@@ -10,9 +10,9 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "faults.h"
 #include "internal/tavrix_jrpc_seam.h"
 #include "support/bus.h"
+#include "support/faults.h"
 #include "support/log_capture.h"
 #include "support/stream.h"
 #include "tavrix_mq.h"

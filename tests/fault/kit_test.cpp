@@ -7,14 +7,13 @@
 #include <string>
 
 #include <gtest/gtest.h>
-#include <nanomsg/nn.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "faults.h"
 #include "internal.h"
 #include "kit/support/played_router.h"
+#include "support/faults.h"
 #include "support/log_capture.h"
 #include "support/stream.h"
 #include "tavrix_mq.h"
@@ -29,24 +28,7 @@ using support::StreamClient;
 /** What the test does while the code that it calls waits for a descriptor. */
 static std::function<void()> meanwhile;
 
-// The wrappers, as in faults.cpp.
-#define FAILING(result, name, parameters, arguments, failure)                                                          \
-    result __real_##name parameters;                                                                                   \
-    result __wrap_##name parameters { return Fault::fails(#name) ? (failure) : __real_##name arguments; }
-
-// What the kit calls beside the library's own. Jansson's parser counts as one call, as in faults.h.
 extern "C" {
-json_t *__real_json_loadb(const char *text, size_t length, size_t flags, json_error_t *error);
-json_t *__wrap_json_loadb(const char *text, size_t length, size_t flags, json_error_t *error) {
-    if (Fault::fails("json_loadb")) {
-        if (error != nullptr) {
-            *error = {};
-        }
-        return nullptr;
-    }
-    const Fault::Truce truce;
-    return __real_json_loadb(text, length, flags, error);
-}
 int __real_poll(pollfd *descriptors, nfds_t count, int timeout_ms);
 int __wrap_poll(pollfd *descriptors, nfds_t count, int timeout_ms) {
     if (Fault::fails("poll")) {
@@ -62,25 +44,6 @@ int __wrap_poll(pollfd *descriptors, nfds_t count, int timeout_ms) {
     }
     return __real_poll(descriptors, count, meanwhile ? 0 : timeout_ms);
 }
-FAILING(event_base *, event_base_new, (), (), nullptr)
-FAILING(int, event_base_loop, (event_base * base, int flags), (base, flags), -1)
-FAILING(int, event_add, (event * ev, const timeval *time), (ev, time), -1)
-FAILING(int, accept4, (int sock, sockaddr *address, socklen_t *length, int flags), (sock, address, length, flags), -1)
-FAILING(int, getsockname, (int sock, sockaddr *address, socklen_t *length), (sock, address, length), -1)
-FAILING(int, getsockopt, (int sock, int level, int option, void *value, socklen_t *size),
-        (sock, level, option, value, size), -1)
-FAILING(int, setsockopt, (int sock, int level, int option, const void *value, socklen_t size),
-        (sock, level, option, value, size), -1)
-FAILING(int, nn_socket, (int domain, int protocol), (domain, protocol), -1)
-FAILING(int, nn_bind, (int sock, const char *address), (sock, address), -1)
-FAILING(int, nn_connect, (int sock, const char *address), (sock, address), -1)
-FAILING(int, nn_setsockopt, (int sock, int level, int option, const void *value, size_t size),
-        (sock, level, option, value, size), -1)
-FAILING(int, nn_getsockopt, (int sock, int level, int option, void *value, size_t *size),
-        (sock, level, option, value, size), -1)
-FAILING(void *, nn_allocmsg, (size_t size, int type), (size, type), nullptr)
-FAILING(int, nn_send, (int sock, const void *message, size_t size, int flags), (sock, message, size, flags), -1)
-FAILING(int, nn_recv, (int sock, void *message, size_t size, int flags), (sock, message, size, flags), -1)
 }
 
 namespace {

@@ -7,7 +7,7 @@
 
 #include <gtest/gtest.h>
 
-#include "faults.h"
+#include "support/faults.h"
 #include "support/log_capture.h"
 #include "support/params.h"
 #include "support/pattern_fields.h"

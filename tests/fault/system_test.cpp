@@ -11,8 +11,8 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include "faults.h"
 #include "support/bus.h"
+#include "support/faults.h"
 #include "support/log_capture.h"
 #include "support/stream.h"
 #include "tavrix_conf_parser.h"

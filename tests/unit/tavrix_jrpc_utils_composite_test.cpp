@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include "support/faults.h"
 #include "support/log_capture.h"
 #include "support/params.h"
 #include "tavrix_error.h"
@@ -878,32 +879,6 @@ struct Macs {
     }
 };
 
-/** The JSON library's allocations: fails from a given one on. */
-int allocations_left = -1;
-void *scripted_malloc(size_t size) {
-    if (allocations_left == 0) {
-        return nullptr;
-    }
-    if (allocations_left > 0) {
-        --allocations_left;
-    }
-    return std::malloc(size);
-}
-
-class FailingAllocations {
-  public:
-    explicit FailingAllocations(int successes) {
-        json_set_alloc_funcs(scripted_malloc, std::free);
-        allocations_left = successes;
-    }
-    ~FailingAllocations() {
-        allocations_left = -1;
-        json_set_alloc_funcs(std::malloc, std::free);
-    }
-    FailingAllocations(const FailingAllocations &) = delete;
-    FailingAllocations &operator=(const FailingAllocations &) = delete;
-};
-
 json_t *const untouched_array = reinterpret_cast<json_t *>(0x10);
 
 } // namespace
@@ -979,7 +954,7 @@ TEST(PopulateMacAddresses, ReportsThatThereIsNoMemoryForTheArray) {
         json_t *out = untouched_array;
         int rc = 0;
         {
-            const FailingAllocations failing(successes);
+            const fault::Failing ever("Jansson", successes + 1, ENOMEM, fault::Fault::always);
             rc = tavrix_jrpc_utils_populate_json_mac_addresses_array(&out, macs.texts.get(), 1);
         }
         EXPECT_EQ(rc, TAVRIX_ERR_NO_MEMORY);
@@ -1001,7 +976,7 @@ TEST(PopulateMacAddresses, AnswersEveryShortageOfMemoryWithoutALeak) {
         json_t *out = untouched_array;
         int rc = 0;
         {
-            const FailingAllocations failing(successes);
+            const fault::Failing ever("Jansson", successes + 1, ENOMEM, fault::Fault::always);
             rc = tavrix_jrpc_utils_populate_json_mac_addresses_array(&out, macs.texts.get(), 20);
         }
         if (rc == -1) {

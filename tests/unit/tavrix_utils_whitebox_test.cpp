@@ -10,11 +10,13 @@
 
 #include <gtest/gtest.h>
 
+#include "support/faults.h"
 #include "support/log_capture.h"
 #include "support/process.h"
 #include "tavrix_error.h"
 #include "tavrix_utils.h"
 
+using fault::Failing;
 using support::LogCapture;
 using Lines = std::vector<std::string>;
 
@@ -22,16 +24,7 @@ namespace {
 
 constexpr char unit[] = "tavrix_utils";
 
-std::string failing;  ///< the function whose next call fails
 std::string commands; ///< what was handed to the shell, one to a line
-
-bool fails(const char *name) {
-    if (failing != name) {
-        return false;
-    }
-    failing.clear();
-    return true;
-}
 
 volatile std::sig_atomic_t terminations = 0;
 
@@ -62,23 +55,10 @@ std::string commands_of(Call call) {
 } // namespace
 
 extern "C" {
-void *__real_malloc(size_t size);
-void *__real_calloc(size_t count, size_t size);
-void *__real_realloc(void *block, size_t size);
-char *__real_strdup(const char *text);
 FILE *__real_popen(const char *command, const char *type);
-
-void *__wrap_malloc(size_t size) { return fails("malloc") ? nullptr : __real_malloc(size); }
-void *__wrap_calloc(size_t count, size_t size) { return fails("calloc") ? nullptr : __real_calloc(count, size); }
-void *__wrap_realloc(void *block, size_t size) { return fails("realloc") ? nullptr : __real_realloc(block, size); }
-char *__wrap_strdup(const char *text) { return fails("strdup") ? nullptr : __real_strdup(text); }
 FILE *__wrap_popen(const char *command, const char *type) {
     commands += std::string(command) + "\n";
-    if (fails("popen")) {
-        errno = EMFILE;
-        return nullptr;
-    }
-    return __real_popen(command, type);
+    return fault::Fault::fails("popen") ? nullptr : __real_popen(command, type);
 }
 }
 
@@ -90,7 +70,7 @@ TEST(MacVectorWithoutMemory, IsNotMadeAndRaisesSigterm) {
     tavrix_mac_array array = {other, 1};
     tavrix_mac_vector vector = {nullptr, 3};
     const LogCapture log("info");
-    failing = "calloc";
+    const Failing once("calloc");
     EXPECT_EQ(tavrix_mac_vector_init(&vector, &array), TAVRIX_ERR_NO_MEMORY);
     EXPECT_EQ(terminations, 1);
     EXPECT_EQ(log.sequence(), Lines{termination});
@@ -112,7 +92,7 @@ TEST(MacVectorWithoutMemory, KeepsItsEntriesAndGrowsLater) {
     const auto entries = array.entries;
     {
         const LogCapture log("info");
-        failing = "realloc";
+        const Failing once("realloc");
         EXPECT_EQ(tavrix_mac_vector_insert(&vector, "AA:BB:CC:DD:EE:FF", 1), TAVRIX_ERR_GENERAL);
         EXPECT_EQ(terminations, 1);
         EXPECT_EQ(log.sequence(), Lines{termination});
@@ -135,18 +115,18 @@ TEST(MacVectorWithoutMemory, KeepsItsEntriesAndGrowsLater) {
 TEST(FileStatsWithoutMemory, GivesNull) {
     support::write_file("listed", "12345");
     const LogCapture log("info");
-    failing = "strdup";
+    const Failing once("strdup");
     EXPECT_EQ(tavrix_file_stats("listed", nullptr, nullptr, 5), nullptr);
-    EXPECT_EQ(failing, "");
+    EXPECT_TRUE(once.happened());
     EXPECT_TRUE(log.silent());
 }
 
 TEST(DumpWithoutMemory, IsLeftOut) {
     const unsigned char bytes[] = {0x12, 0x34};
     const LogCapture log("info");
-    failing = "malloc";
+    const Failing once("malloc");
     tavrix_debug_print_bytes(bytes, 2, "title");
-    EXPECT_EQ(failing, "");
+    EXPECT_TRUE(once.happened());
     EXPECT_TRUE(log.silent());
     tavrix_debug_print_bytes(bytes, 2, "title");
     EXPECT_EQ(log.sequence(), Lines{"INFO |title\n12 34 "});
@@ -157,7 +137,7 @@ TEST(DumpWithoutMemory, IsLeftOut) {
 TEST(ExecCommandLineWithoutAPipe, SaysSoAndLeavesItsBuffer) {
     char out[80] = "old";
     const LogCapture log("info");
-    failing = "popen";
+    const Failing once("popen", 1, EMFILE);
     EXPECT_EQ(mw_exec_command_line("echo new", out), 1);
     EXPECT_STREQ(out, "old");
     EXPECT_EQ(log.sequence(), Lines{"ERROR|Popen error."});
@@ -167,7 +147,7 @@ TEST(ExecCommandLineWithoutAPipe, SaysSoAndLeavesItsBuffer) {
 TEST(FileStatsWithoutAPipe, SaysSoAndGivesNull) {
     support::write_file("listed", "12345");
     const LogCapture log("info");
-    failing = "popen";
+    const Failing once("popen", 1, EMFILE);
     EXPECT_EQ(tavrix_file_stats("listed", nullptr, nullptr, 5), nullptr);
     EXPECT_EQ(log.sequence(), Lines{"ERROR|System: Command failed. Aborting."});
     EXPECT_EQ(log.lines().front().file, unit);
@@ -178,7 +158,7 @@ TEST(CheckMd5WithoutAPipe, SaysWhatTheSystemSaid) {
     support::write_file("data.md5", "b1946ac92492d2347c6235b4d2611184  data\n");
     bool match = false;
     const LogCapture out("info");
-    failing = "popen";
+    const Failing once("popen", 1, EMFILE);
     EXPECT_EQ(tavrix_check_md5("data", "data.md5", &match), TAVRIX_ERR_GENERAL);
     EXPECT_FALSE(match);
     EXPECT_EQ(out.text(), "popen: Too many open files\n");
@@ -186,7 +166,7 @@ TEST(CheckMd5WithoutAPipe, SaysWhatTheSystemSaid) {
 
 TEST(BoardRevisionWithoutAPipe, IsSeven) {
     const LogCapture log("info");
-    failing = "popen";
+    const Failing once("popen", 1, EMFILE);
     EXPECT_EQ(tavrix_get_board_rev_number(), 7);
     EXPECT_EQ(log.sequence(), Lines{"ERROR|Could not open pipe"});
     EXPECT_EQ(log.lines().front().file, unit);

@@ -25,7 +25,7 @@ void evaluate(const char *request) {
     char *response = nullptr;
     const int rc = tavrix_jrpc_eval_request(request, table, &response);
     const fuzz::Text owner(response);
-    EXPECT(rc == 0 || rc == -1);
+    EXPECT(rc == 0 || rc == TAVRIX_ERR_GENERAL);
     EXPECT(response == nullptr || (rc == 0 && fuzz::is_object(response)));
 }
 

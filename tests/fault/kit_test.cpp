@@ -16,6 +16,7 @@
 #include "support/faults.h"
 #include "support/log_capture.h"
 #include "support/stream.h"
+#include "tavrix_error.h"
 #include "tavrix_mq.h"
 #include "tavrix_service_test.h"
 
@@ -501,10 +502,10 @@ TEST(KitFaults, ARunEndsWithAFailureWhenItCannotWait) {
             tavrix_service_timer(
                 service, 0, 0, [](tavrix_service *ended, void * /*user*/) { tavrix_service_stop(ended); }, nullptr);
             const int rc = fault.in([&] { return tavrix_service_run(service); });
-            EXPECT_TRUE(rc == 0 || (rc == -1 && fault.happened())) << fault.function() << ": " << rc;
-            EXPECT_EQ(rc == -1, log.text().find("tester cannot go on") != std::string::npos);
+            EXPECT_TRUE(rc == 0 || (rc == TAVRIX_ERR_GENERAL && fault.happened())) << fault.function() << ": " << rc;
+            EXPECT_EQ(rc == TAVRIX_ERR_GENERAL, log.text().find("tester cannot go on") != std::string::npos);
             if (fault.was("event_base_loop")) {
-                EXPECT_EQ(rc, -1);
+                EXPECT_EQ(rc, TAVRIX_ERR_GENERAL);
                 EXPECT_NE(log.text().find("Cannot wait for requests: Cannot allocate memory"), std::string::npos);
             }
             tavrix_service_close(service);

@@ -49,11 +49,11 @@ int read_ports(json_t *params, json_t **debug) {
 
 /** Readings that build a debug message, and keep their status when it cannot be built. */
 const Reading refused[] = {
-    {"MissingText", "{}", -35, text(tavrix_jrpc_utils_retrieve_input_status)},
-    {"MissingNumber", "{}", -35, number(tavrix_jrpc_utils_retrieve_input_vlan_id)},
-    {"WrongType", R"({"k": 5})", -31, text(tavrix_jrpc_utils_retrieve_input_ip_address)},
-    {"LongAlias", R"({"k": "nine char"})", -34, text(tavrix_jrpc_utils_retrieve_input_alias)},
-    {"PortsThatAreNoArray", R"({"k": {}})", -31, read_ports},
+    {"MissingText", "{}", TAVRIX_ERR_PARAMETER_NOT_FOUND, text(tavrix_jrpc_utils_retrieve_input_status)},
+    {"MissingNumber", "{}", TAVRIX_ERR_PARAMETER_NOT_FOUND, number(tavrix_jrpc_utils_retrieve_input_vlan_id)},
+    {"WrongType", R"({"k": 5})", TAVRIX_ERR_INVALID_PARAMETER, text(tavrix_jrpc_utils_retrieve_input_ip_address)},
+    {"LongAlias", R"({"k": "nine char"})", TAVRIX_ERR_VALIDATION, text(tavrix_jrpc_utils_retrieve_input_alias)},
+    {"PortsThatAreNoArray", R"({"k": {}})", TAVRIX_ERR_INVALID_PARAMETER, read_ports},
 };
 
 } // namespace
@@ -102,7 +102,7 @@ TEST(ParameterFaults, LeaveAListOfMacAddressesWholeOrWithAStatus) {
         } else if (rc == 0) {
             EXPECT_LT(json_array_size(array), 3U) << "the list ends early";
         } else {
-            EXPECT_TRUE(rc == -22 || rc == -1) << rc;
+            EXPECT_TRUE(rc == TAVRIX_ERR_NO_MEMORY || rc == TAVRIX_ERR_GENERAL) << rc;
             EXPECT_EQ(array, nullptr);
         }
         json_decref(array);

@@ -16,6 +16,7 @@
 #include "support/log_capture.h"
 #include "support/stream.h"
 #include "tavrix_conf_parser.h"
+#include "tavrix_error.h"
 #include "tavrix_lsyslog.h"
 #include "tavrix_mq.h"
 #include "tavrix_shm.h"
@@ -39,7 +40,7 @@ TEST(SocketFaults, LeaveNoListenerBehind) {
     const StderrCapture quiet;
     each_failure([](Fault &fault) {
         int sock = -77;
-        fault.expect(-1, 0, [&] { return tavrix_unix_socket_init("fault.sock", &sock, 1); });
+        fault.expect(TAVRIX_ERR_GENERAL, 0, [&] { return tavrix_unix_socket_init("fault.sock", &sock, 1); });
         if (!fault.happened()) {
             close(sock);
         }
@@ -47,7 +48,7 @@ TEST(SocketFaults, LeaveNoListenerBehind) {
     const unsigned port = static_cast<unsigned>(support::free_port());
     each_failure([&](Fault &fault) {
         int sock = -77;
-        fault.expect(-1, 0, [&] { return tavrix_tcp_socket_init(port, &sock, 1); });
+        fault.expect(TAVRIX_ERR_GENERAL, 0, [&] { return tavrix_tcp_socket_init(port, &sock, 1); });
         if (!fault.happened()) {
             close(sock);
         }
@@ -61,7 +62,7 @@ TEST(SocketFaults, AreStatusesOfAConnection) {
     ASSERT_EQ(tavrix_tcp_socket_init(port, &listener, 0), 0);
     each_failure([&](Fault &fault) {
         int sock = -77;
-        fault.expect(-1, 0, [&] { return tavrix_tcp_socket_connect("127.0.0.1", port, &sock); });
+        fault.expect(TAVRIX_ERR_GENERAL, 0, [&] { return tavrix_tcp_socket_connect("127.0.0.1", port, &sock); });
         if (!fault.happened()) {
             close(sock);
         }
@@ -70,14 +71,16 @@ TEST(SocketFaults, AreStatusesOfAConnection) {
     ASSERT_EQ(tavrix_tcp_socket_connect("127.0.0.1", port, &client), 0);
     each_failure([&](Fault &fault) {
         int accepted = -77;
-        fault.expect(-1, 0, [&] { return tavrix_tcp_socket_accept(&listener, &accepted); });
+        fault.expect(TAVRIX_ERR_GENERAL, 0, [&] { return tavrix_tcp_socket_accept(&listener, &accepted); });
         if (!fault.happened()) {
             close(accepted);
             close(client);
             ASSERT_EQ(tavrix_tcp_socket_connect("127.0.0.1", port, &client), 0);
         }
     });
-    each_failure([&](Fault &fault) { fault.expect(-1, 0, [&] { return tavrix_socket_send(&client, "text"); }); });
+    each_failure([&](Fault &fault) {
+        fault.expect(TAVRIX_ERR_GENERAL, 0, [&] { return tavrix_socket_send(&client, "text"); });
+    });
     close(client);
     close(listener);
 }
@@ -88,12 +91,12 @@ TEST(BusFaults, LeaveAMessageReceivedOrAStatus) {
         bus.publish("frame");
         char *text = nullptr;
         int length = 0;
-        fault.expect(-1, 0, [&] { return tavrix_mq_socket_recv(bus.sub.number, &text, &length, 0); });
+        fault.expect(TAVRIX_ERR_GENERAL, 0, [&] { return tavrix_mq_socket_recv(bus.sub.number, &text, &length, 0); });
         EXPECT_EQ(text == nullptr, fault.happened());
         free(text);
     });
     each_failure([&](Fault &fault) {
-        fault.expect(-1, 0, [&] { return tavrix_mq_socket_subscribe(bus.sub.number, "t"); });
+        fault.expect(TAVRIX_ERR_GENERAL, 0, [&] { return tavrix_mq_socket_subscribe(bus.sub.number, "t"); });
         EXPECT_EQ(tavrix_mq_socket_unsubscribe(bus.sub.number, "t"), 0) << "nothing changes when it is not there";
     });
 }
@@ -102,7 +105,7 @@ TEST(TimerFaults, LeaveNoDescriptorBehind) {
     const StderrCapture quiet;
     each_failure([](Fault &fault) {
         int timer = -77;
-        fault.expect(-1, 0, [&] { return tavrix_timer_init(&timer, 1); });
+        fault.expect(TAVRIX_ERR_GENERAL, 0, [&] { return tavrix_timer_init(&timer, 1); });
         if (!fault.happened()) {
             tavrix_timer_free(&timer);
         }
@@ -118,11 +121,11 @@ TEST(SlotFaults, LeaveASlotThatCanBeMadeAgain) {
         const int rc = fault.in([&] { return tavrix_shm_create(name.c_str(), 16); });
         // The size's own result is not looked at: a slot that has it already is as good.
         if (!fault.was("ftruncate64")) {
-            EXPECT_EQ(rc, fault.happened() ? -1 : 0) << fault.function();
+            EXPECT_EQ(rc, fault.happened() ? TAVRIX_ERR_GENERAL : 0) << fault.function();
         }
         if (rc != 0) {
             int read = 0;
-            EXPECT_EQ(tavrix_shm_get_int(name.c_str(), &read), held ? 0 : -1) << fault.function();
+            EXPECT_EQ(tavrix_shm_get_int(name.c_str(), &read), held ? 0 : TAVRIX_ERR_GENERAL) << fault.function();
             EXPECT_EQ(read, held ? value : 0) << "an old slot keeps what it holds";
         }
         EXPECT_EQ(tavrix_shm_create(name.c_str(), 16), 0);
@@ -131,7 +134,7 @@ TEST(SlotFaults, LeaveASlotThatCanBeMadeAgain) {
     });
     EXPECT_EQ(tavrix_shm_create(name.c_str(), 16), 0);
     each_failure([&](Fault &fault) {
-        fault.expect(-1, 0, [&] { return tavrix_shm_set_int(name.c_str(), &value); });
+        fault.expect(TAVRIX_ERR_GENERAL, 0, [&] { return tavrix_shm_set_int(name.c_str(), &value); });
         int read = -77;
         const int rc = tavrix_shm_get_int(name.c_str(), &read);
         EXPECT_EQ(rc, 0);
@@ -139,10 +142,11 @@ TEST(SlotFaults, LeaveASlotThatCanBeMadeAgain) {
     });
     each_failure([&](Fault &fault) {
         int read = -77;
-        fault.expect(-1, 0, [&] { return tavrix_shm_get_int(name.c_str(), &read); });
+        fault.expect(TAVRIX_ERR_GENERAL, 0, [&] { return tavrix_shm_get_int(name.c_str(), &read); });
         EXPECT_EQ(read, fault.happened() ? -77 : 7);
     });
-    each_failure([&](Fault &fault) { fault.expect(-1, 0, [&] { return tavrix_shm_clear(name.c_str(), 4); }); });
+    each_failure(
+        [&](Fault &fault) { fault.expect(TAVRIX_ERR_GENERAL, 0, [&] { return tavrix_shm_clear(name.c_str(), 4); }); });
     shm_unlink(name.c_str());
 }
 
@@ -172,7 +176,7 @@ TEST(CommandFaults, AreStatuses) {
     ASSERT_EQ(std::system("md5sum some.file > some.md5"), 0);
     each_failure([](Fault &fault) {
         bool match = false;
-        fault.expect(-1, 0, [&] { return tavrix_check_md5("some.file", "some.md5", &match); });
+        fault.expect(TAVRIX_ERR_GENERAL, 0, [&] { return tavrix_check_md5("some.file", "some.md5", &match); });
         EXPECT_EQ(match, !fault.happened());
     });
     each_failure([](Fault &fault) {

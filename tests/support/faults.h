@@ -8,7 +8,7 @@
  *
  *     each_failure([](Fault &fault) {
  *         char *text = nullptr;
- *         fault.expect(-1, 0, [&] { return tavrix_jrpc_parse_msg("a|b", 3, &text); });
+ *         fault.expect(TAVRIX_ERR_GENERAL, 0, [&] { return tavrix_jrpc_parse_msg("a|b", 3, &text); });
  *         free(text);
  *     });
  *

@@ -30,7 +30,7 @@ constexpr char unit[] = "tavrix_jrpc";
 int succeed(json_t *, json_t **, json_t **) { return 0; }
 int refuse(json_t *, json_t **, json_t **error_data) {
     *error_data = json_true();
-    return -35;
+    return TAVRIX_ERR_PARAMETER_NOT_FOUND;
 }
 const tavrix_jrpc_method table[] = {{"x.Ok", succeed}, {"x.No", refuse}, {nullptr, nullptr}};
 
@@ -149,7 +149,7 @@ TEST(EvaluateFailures, LeaveNoResponseWhenTheErrorCannotBeBuilt) {
         const LogCapture log("info");
         const Failing once(row.function, row.call);
         const Answer answer = evaluate("x.No");
-        EXPECT_EQ(answer.rc, -1) << row.function << row.call;
+        EXPECT_EQ(answer.rc, TAVRIX_ERR_GENERAL) << row.function << row.call;
         EXPECT_EQ(answer.text, "(null)");
         EXPECT_EQ(log.count(support::error, unit, no_error), 1);
         const bool transaction = once.was("json_object_set_new") && row.call == 1;

@@ -307,7 +307,7 @@ TEST(RetrievePorts, WorksWithoutAPlaceForTheMessage) {
               0);
     Ports bad("[{}]");
     EXPECT_EQ(tavrix_jrpc_utils_retrieve_input_ports(bad.params.get(), nullptr, "ports", bad.records, &bad.count, 1),
-              -4);
+              TAVRIX_ERR_PARAMETER);
 }
 
 // --- Ports, hardware only ------------------------------------------------------------------------------------------
@@ -395,7 +395,7 @@ TEST(RetrievePortsHardware, PassesOnWhatTheArrayParserFinds) {
     Params missing("{}");
     EXPECT_EQ(tavrix_jrpc_utils_retrieve_input_ports_hardware(missing.get(), missing.debug(), "ports", text.records,
                                                               &text.count, 1),
-              -35);
+              TAVRIX_ERR_PARAMETER_NOT_FOUND);
     EXPECT_EQ(text.count, -77);
 }
 
@@ -405,7 +405,7 @@ TEST(RetrievePortsHardware, RefusesNullArgumentsInSilence) {
     json_t *params = ports.params.get();
     json_t **debug = ports.params.debug();
     EXPECT_EQ(tavrix_jrpc_utils_retrieve_input_ports_hardware(params, debug, nullptr, ports.records, &ports.count, 1),
-              -4);
+              TAVRIX_ERR_PARAMETER);
     EXPECT_EQ(tavrix_jrpc_utils_retrieve_input_ports_hardware(params, debug, "ports", nullptr, &ports.count, 1),
               TAVRIX_ERR_PARAMETER);
     EXPECT_EQ(tavrix_jrpc_utils_retrieve_input_ports_hardware(params, debug, "ports", ports.records, nullptr, 1),
@@ -434,7 +434,7 @@ struct MacFilters {
     explicit MacFilters(const std::string &json) : params(params_of("filters", json)) {
         tavrix_mac_filter *out = untouched_filters;
         rc = tavrix_jrpc_utils_retrieve_input_mac_filters(params.get(), params.debug(), "filters", &out, &count, 11,
-                                                          -22);
+                                                          TAVRIX_ERR_NO_MEMORY);
         untouched = out == untouched_filters;
         if (!untouched) {
             filters.reset(out);
@@ -457,7 +457,7 @@ TEST(RetrieveMacFilters, ReadsEveryElementInCanonicalForm) {
     EXPECT_STREQ(read.filters.get()[1].mask, "FF:FF:FF:FF:FF:FF");
     for (int i = 0; i < 2; ++i) {
         EXPECT_EQ(read.filters.get()[i].first, 11);
-        EXPECT_EQ(read.filters.get()[i].second, -22);
+        EXPECT_EQ(read.filters.get()[i].second, TAVRIX_ERR_NO_MEMORY);
     }
     EXPECT_EQ(read.params.message(), "(none)");
 }
@@ -468,7 +468,7 @@ TEST(RetrieveMacFilters, AllocatesOneElementForAnEmptyList) {
     EXPECT_EQ(read.count, 0);
     ASSERT_NE(read.filters, nullptr);
     EXPECT_EQ(read.filters->first, 11);
-    EXPECT_EQ(read.filters->second, -22);
+    EXPECT_EQ(read.filters->second, TAVRIX_ERR_NO_MEMORY);
 }
 
 TEST(RetrieveMacFilters, KeepsTheInnerStatus) {
@@ -478,16 +478,16 @@ TEST(RetrieveMacFilters, KeepsTheInnerStatus) {
         int rc;
         const char *message;
     } rows[] = {
-        {filter("", good), -35, "Missing expected parameter: 'mac'"},
-        {filter(good, ""), -35, "Missing expected parameter: 'mask'"},
-        {filter("", ""), -35, "Missing expected parameter: 'mac'"},
-        {filter("1", good), -31, "Parameter 'mac' is not of type 'string'."},
-        {filter(good, "null"), -31, "Parameter 'mask' is not of type 'string'."},
-        {filter(R"("aa:bb:cc:dd:ee:fg")", good), -34, "(none)"},
-        {filter(good, R"("ff:ff")"), -34, "(none)"},
-        {filter(R"("aa:bb:cc:dd:ee:ff:00:11")", good), -34, "(none)"},
-        {"null", -35, "Missing expected parameter: 'mac'"},
-        {"7", -35, "Missing expected parameter: 'mac'"},
+        {filter("", good), TAVRIX_ERR_PARAMETER_NOT_FOUND, "Missing expected parameter: 'mac'"},
+        {filter(good, ""), TAVRIX_ERR_PARAMETER_NOT_FOUND, "Missing expected parameter: 'mask'"},
+        {filter("", ""), TAVRIX_ERR_PARAMETER_NOT_FOUND, "Missing expected parameter: 'mac'"},
+        {filter("1", good), TAVRIX_ERR_INVALID_PARAMETER, "Parameter 'mac' is not of type 'string'."},
+        {filter(good, "null"), TAVRIX_ERR_INVALID_PARAMETER, "Parameter 'mask' is not of type 'string'."},
+        {filter(R"("aa:bb:cc:dd:ee:fg")", good), TAVRIX_ERR_VALIDATION, "(none)"},
+        {filter(good, R"("ff:ff")"), TAVRIX_ERR_VALIDATION, "(none)"},
+        {filter(R"("aa:bb:cc:dd:ee:ff:00:11")", good), TAVRIX_ERR_VALIDATION, "(none)"},
+        {"null", TAVRIX_ERR_PARAMETER_NOT_FOUND, "Missing expected parameter: 'mac'"},
+        {"7", TAVRIX_ERR_PARAMETER_NOT_FOUND, "Missing expected parameter: 'mac'"},
     };
     for (const auto &row : rows) {
         const MacFilters read(list({filter(good, good), row.element, filter(good, good)}));
@@ -510,7 +510,7 @@ TEST(RetrieveMacFilters, PassesOnWhatTheArrayParserFinds) {
     int count = -77;
     EXPECT_EQ(
         tavrix_jrpc_utils_retrieve_input_mac_filters(missing.get(), missing.debug(), "filters", &out, &count, 1, 2),
-        -35);
+        TAVRIX_ERR_PARAMETER_NOT_FOUND);
     EXPECT_EQ(out, untouched_filters);
     EXPECT_EQ(count, -77);
 }
@@ -564,7 +564,7 @@ TEST(RetrieveMacFilters, ReadsALongList) {
     ASSERT_EQ(read.rc, 0);
     ASSERT_EQ(read.count, 2000);
     EXPECT_STREQ(read.filters.get()[1999].mask, "FF:FF:FF:FF:FF:FF");
-    EXPECT_EQ(read.filters.get()[1999].second, -22);
+    EXPECT_EQ(read.filters.get()[1999].second, TAVRIX_ERR_NO_MEMORY);
 }
 
 // --- Allowed MAC address -------------------------------------------------------------------------------------------
@@ -649,7 +649,7 @@ TEST(RetrieveMacaddrAllowed, StaysWithinBuffersOfAnySize) {
     Params params(R"({"mac": "aa:bb:cc:dd:ee:ff"})");
     for (size_t size = 1; size <= 20; ++size) {
         Buffer out(size);
-        EXPECT_EQ(retrieve_allowed(params, out), size >= 18 ? 0 : -34) << size;
+        EXPECT_EQ(retrieve_allowed(params, out), size >= 18 ? 0 : TAVRIX_ERR_VALIDATION) << size;
     }
 }
 
@@ -979,7 +979,7 @@ TEST(PopulateMacAddresses, AnswersEveryShortageOfMemoryWithoutALeak) {
             const fault::Failing ever("Jansson", successes + 1, ENOMEM, fault::Fault::always);
             rc = tavrix_jrpc_utils_populate_json_mac_addresses_array(&out, macs.texts.get(), 20);
         }
-        if (rc == -1) {
+        if (rc == TAVRIX_ERR_GENERAL) {
             ++given_up;
             EXPECT_EQ(out, nullptr);
             const Lines lines = log.sequence();

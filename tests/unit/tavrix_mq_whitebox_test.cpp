@@ -44,7 +44,7 @@ TEST(MqFailures, OfAMessagesAllocationAreReported) {
     const LogCapture log("debug");
     for (const auto send : {tavrix_mq_socket_send, tavrix_mq_socket_send_nonblock}) {
         const Failing once("nn_allocmsg");
-        EXPECT_EQ(send(bus.pub.number, "x"), -1);
+        EXPECT_EQ(send(bus.pub.number, "x"), TAVRIX_ERR_GENERAL);
     }
     EXPECT_EQ(
         log.count(support::debug, "tavrix_mq",

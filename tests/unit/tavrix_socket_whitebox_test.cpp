@@ -89,7 +89,7 @@ TEST_P(ListenerSetUp, ReportsTheFailingCallAndLeavesNothingOpen) {
         const Failing once(GetParam().call, 1, EACCES);
         const int rc =
             GetParam().unix_listener ? tavrix_unix_socket_init("x.sock", &fd, 1) : tavrix_tcp_socket_init(0, &fd, 1);
-        EXPECT_EQ(rc, -1);
+        EXPECT_EQ(rc, TAVRIX_ERR_GENERAL);
         printed = out.text();
     }
     EXPECT_EQ(printed, std::string(GetParam().prefix) + ": " + strerror(EACCES) + "\n");

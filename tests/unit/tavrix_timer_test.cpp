@@ -77,7 +77,7 @@ TEST(TimerInit, StoresAndPrintsItsFailure) {
     int fd = 5;
     const int rc = tavrix_timer_init(&fd, 0);
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
-    EXPECT_EQ(rc, -1);
+    EXPECT_EQ(rc, TAVRIX_ERR_GENERAL);
     EXPECT_EQ(fd, -1);
     EXPECT_EQ(log.text(), std::string("tavrix_timer_init: ") + strerror(EMFILE) + "\n");
 }

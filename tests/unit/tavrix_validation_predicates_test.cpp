@@ -12,12 +12,12 @@
 
 #include <gtest/gtest.h>
 
+#include "support/fields.h"
 #include "support/log_capture.h"
 #include "support/mutation.h"
-#include "support/pattern_fields.h"
 
+using support::Field;
 using support::Mutator;
-using support::PatternField;
 
 namespace {
 
@@ -193,24 +193,24 @@ struct Rule {
 };
 
 constexpr Rule rules[] = {
-    {"PortId", is_port, 0, 0},
-    {"CPortId", is_c_port, 0, 0},
-    {"DPortId", is_d_port, 0, 0},
-    {"VlanNameId", is_vlan_name, 0, 0},
-    {"MzuId", is_mzu, 0, 0},
-    {"MzuFile", is_single_line, 0, 0},
-    {"UnitFile", is_unit_file, 0, 0},
-    {"Date", is_date, 0, 0},
-    {"Time", is_time, 0, 0},
-    {"Uuid", is_uuid, 0, 0},
-    {"IpAddress", is_ip, 7, 15},
-    {"MacAddress", is_mac, 17, 17},
-    {"Description", is_description, 0, 50},
-    {"Password", is_password, 4, 15},
-    {"Username", is_username, 4, 15},
+    {"port_id", is_port, 0, 0},
+    {"c_port_id", is_c_port, 0, 0},
+    {"d_port_id", is_d_port, 0, 0},
+    {"vlan_name_id", is_vlan_name, 0, 0},
+    {"mzu_id", is_mzu, 0, 0},
+    {"mzu_sw_upgrade_filename", is_single_line, 0, 0},
+    {"unit_sw_upgrade_filename", is_unit_file, 0, 0},
+    {"date", is_date, 0, 0},
+    {"time", is_time, 0, 0},
+    {"uuid", is_uuid, 0, 0},
+    {"ip_address", is_ip, 7, 15},
+    {"mac_address", is_mac, 17, 17},
+    {"description", is_description, 0, 50},
+    {"password", is_password, 4, 15},
+    {"username", is_username, 4, 15},
 };
 
-const Rule &rule_of(const PatternField &field) {
+const Rule &rule_of(const Field &field) {
     for (const Rule &rule : rules) {
         if (std::string(rule.field) == field.name) {
             return rule;
@@ -219,7 +219,7 @@ const Rule &rule_of(const PatternField &field) {
     throw std::out_of_range(field.name);
 }
 
-class Rules : public testing::TestWithParam<PatternField> {
+class Rules : public testing::TestWithParam<Field> {
   protected:
     void SetUp() override { support::set_log_level("off"); }
 

@@ -22,14 +22,7 @@
 #include "support/json.h"
 #include "support/session.h"
 
-using support::BusService;
-using support::code_of;
-using support::DirectService;
-using support::member;
-using support::Registration;
-using support::request;
-using support::SessionClient;
-using support::StreamClient;
+using namespace support;
 
 namespace {
 

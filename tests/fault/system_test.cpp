@@ -1,10 +1,8 @@
 /*
  * Sockets, timers, shared memory, files and commands with each allocation and each system call failing once.
  */
-#include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -14,6 +12,8 @@
 #include "support/bus.h"
 #include "support/faults.h"
 #include "support/log_capture.h"
+#include "support/process.h"
+#include "support/signals.h"
 #include "support/stream.h"
 #include "tavrix_conf_parser.h"
 #include "tavrix_error.h"
@@ -29,12 +29,6 @@ using fault::Fault;
 using support::LogCapture;
 using support::StderrCapture;
 using support::StreamClient;
-
-namespace {
-
-void write_file(const char *path, const std::string &text) { std::ofstream(path) << text; }
-
-} // namespace
 
 TEST(SocketFaults, LeaveNoListenerBehind) {
     const StderrCapture quiet;
@@ -152,7 +146,7 @@ TEST(SlotFaults, LeaveASlotThatCanBeMadeAgain) {
 
 TEST(FileFaults, AreStatuses) {
     const LogCapture log("off");
-    write_file("some.conf", "[a]\nkey=value\n");
+    support::write_file("some.conf", "[a]\nkey=value\n");
     each_failure([](Fault &fault) {
         char out[16] = "";
         const int rc = fault.in([&] { return tavrix_conf_parser_parse("some.conf", "a", "key", out, sizeof out); });
@@ -172,7 +166,7 @@ TEST(CommandFaults, AreStatuses) {
         fault.expect(1, 0, [&] { return mw_exec_command_line("echo word", out); });
         EXPECT_STREQ(out, fault.happened() ? "" : "word\n");
     });
-    write_file("some.file", "content");
+    support::write_file("some.file", "content");
     ASSERT_EQ(std::system("md5sum some.file > some.md5"), 0);
     each_failure([](Fault &fault) {
         bool match = false;
@@ -188,13 +182,11 @@ TEST(CommandFaults, AreStatuses) {
 }
 
 TEST(MacVectorFaults, KeepTheEntriesAndEndTheProcess) {
-    static int terminations = 0;
-    const auto before = std::signal(SIGTERM, [](int) { ++terminations; });
     const LogCapture log("off");
     each_failure([](Fault &fault) {
         tavrix_mac_array array = {};
         tavrix_mac_vector vector = {};
-        terminations = 0;
+        const support::Terminations terminations;
         const int stopped_at = fault.in([&] {
             if (tavrix_mac_vector_init(&vector, &array) != 0) {
                 return 0;
@@ -206,14 +198,13 @@ TEST(MacVectorFaults, KeepTheEntriesAndEndTheProcess) {
             }
             return 21;
         });
-        EXPECT_EQ(terminations, fault.happened() ? 1 : 0);
+        EXPECT_EQ(terminations.count(), fault.happened() ? 1 : 0);
         EXPECT_EQ(array.count, stopped_at == 0 ? 0 : stopped_at - 1);
         for (int i = 0; i < array.count; ++i) {
             EXPECT_STREQ(array.entries[i], "00:11:22:33:44:55");
         }
         free(array.entries);
     });
-    std::signal(SIGTERM, before);
 }
 
 TEST(DumpFaults, LeaveOutTheDump) {

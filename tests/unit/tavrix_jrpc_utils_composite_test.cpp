@@ -12,11 +12,13 @@
 #include <gtest/gtest.h>
 
 #include "support/faults.h"
+#include "support/json.h"
 #include "support/log_capture.h"
 #include "support/params.h"
 #include "tavrix_error.h"
 
 using support::Buffer;
+using support::Json;
 using support::LogCapture;
 using support::Params;
 using Lines = std::vector<std::string>;
@@ -571,8 +573,8 @@ TEST(RetrieveMacFilters, ReadsALongList) {
 
 namespace {
 
-int retrieve_allowed(Params &params, Buffer &out, const char *key = "mac") {
-    return tavrix_jrpc_utils_retrieve_input_macaddr_allowed(params.get(), params.debug(), key, out.get(), out.size());
+int retrieve_allowed(Params &params, Buffer &out) {
+    return tavrix_jrpc_utils_retrieve_input_macaddr_allowed(params.get(), params.debug(), "mac", out.get(), out.size());
 }
 
 } // namespace
@@ -611,37 +613,6 @@ TEST(RetrieveMacaddrAllowed, RefusesAnythingElse) {
         EXPECT_EQ(params.message(), "(none)");
         EXPECT_EQ(log.text().find("Retrieved"), std::string::npos);
     }
-}
-
-TEST(RetrieveMacaddrAllowed, PassesOnWhatTheParserFindsAndRefusesNullArguments) {
-    Buffer out(20);
-    Params missing("{}");
-    EXPECT_EQ(retrieve_allowed(missing, out), TAVRIX_ERR_PARAMETER_NOT_FOUND);
-    EXPECT_EQ(missing.message(), "Missing expected parameter: 'mac'");
-    Params number(R"({"mac": 1})");
-    EXPECT_EQ(retrieve_allowed(number, out), TAVRIX_ERR_INVALID_PARAMETER);
-    EXPECT_EQ(number.message(), "Parameter 'mac' is not of type 'string'.");
-    const LogCapture log("verbose");
-    EXPECT_EQ(retrieve_allowed(number, out, nullptr), TAVRIX_ERR_PARAMETER);
-    EXPECT_EQ(tavrix_jrpc_utils_retrieve_input_macaddr_allowed(number.get(), number.debug(), "mac", nullptr, 20),
-              TAVRIX_ERR_PARAMETER);
-    EXPECT_TRUE(out.untouched());
-    EXPECT_TRUE(log.silent());
-}
-
-TEST(RetrieveMacaddrAllowed, RefusesABufferOfNoBytesAfterWhatTheParserFinds) {
-    Buffer out(0);
-    Params missing("{}");
-    EXPECT_EQ(retrieve_allowed(missing, out), TAVRIX_ERR_PARAMETER_NOT_FOUND);
-    Params number(R"({"mac": 1})");
-    EXPECT_EQ(retrieve_allowed(number, out), TAVRIX_ERR_INVALID_PARAMETER);
-    const LogCapture log("debug");
-    for (const char *text : {"none", "aa:bb:cc:dd:ee:ff"}) {
-        Params good(std::string(R"({"mac": ")") + text + R"("})");
-        EXPECT_EQ(retrieve_allowed(good, out), TAVRIX_ERR_PARAMETER) << text;
-    }
-    EXPECT_TRUE(out.untouched());
-    EXPECT_TRUE(log.silent());
 }
 
 TEST(RetrieveMacaddrAllowed, StaysWithinBuffersOfAnySize) {
@@ -724,43 +695,68 @@ TEST(RetrieveAlias, MeasuresWhatFitTheBuffer) {
     EXPECT_EQ(ten.text(), "abcdefghi");
 }
 
-TEST(RetrieveAlias, PassesOnWhatTheParserFindsAndRefusesNullArguments) {
-    Buffer out(32);
-    Params missing("{}");
-    EXPECT_EQ(retrieve_alias(missing, out), TAVRIX_ERR_PARAMETER_NOT_FOUND);
-    EXPECT_EQ(missing.message(), "Missing expected parameter: 'alias'");
-    Params number(R"({"alias": 1})");
-    EXPECT_EQ(retrieve_alias(number, out), TAVRIX_ERR_INVALID_PARAMETER);
-    EXPECT_EQ(number.message(), "Parameter 'alias' is not of type 'string'.");
-    const LogCapture log("verbose");
-    EXPECT_EQ(retrieve_alias(number, out, nullptr), TAVRIX_ERR_PARAMETER);
-    EXPECT_EQ(tavrix_jrpc_utils_retrieve_input_alias(number.get(), number.debug(), "alias", nullptr, 32),
-              TAVRIX_ERR_PARAMETER);
-    EXPECT_TRUE(out.untouched());
-    EXPECT_TRUE(log.silent());
-}
-
-TEST(RetrieveAlias, RefusesABufferOfNoBytesAfterWhatTheParserFinds) {
-    Buffer out(0);
-    Params missing("{}");
-    EXPECT_EQ(retrieve_alias(missing, out), TAVRIX_ERR_PARAMETER_NOT_FOUND);
-    Params number(R"({"alias": 1})");
-    EXPECT_EQ(retrieve_alias(number, out), TAVRIX_ERR_INVALID_PARAMETER);
-    const LogCapture log("debug");
-    for (const char *text : {"ab1", "nine char"}) {
-        Params good(alias_json(text));
-        EXPECT_EQ(retrieve_alias(good, out), TAVRIX_ERR_PARAMETER) << text;
-        EXPECT_EQ(good.message(), "(none)") << text;
-    }
-    EXPECT_TRUE(out.untouched());
-    EXPECT_TRUE(log.silent());
-}
-
 TEST(RetrieveAlias, WorksWithoutAPlaceForTheMessage) {
     const Params params(alias_json("abcdefghi"));
     Buffer out(32);
     EXPECT_EQ(tavrix_jrpc_utils_retrieve_input_alias(params.get(), nullptr, "alias", out.get(), out.size()),
               TAVRIX_ERR_VALIDATION);
+}
+
+// --- Both ----------------------------------------------------------------------------------------------------------
+
+namespace {
+
+struct Limited {
+    const char *name;
+    int (*retrieve)(json_t *params, json_t **debug_message, const char *key, char *out, size_t out_size);
+    std::vector<std::string> texts; ///< taken, or refused for their length, where there is room
+
+    int operator()(Params &params, Buffer &out, const char *key = "k") const {
+        return retrieve(params.get(), params.debug(), key, out.get(), out.size());
+    }
+};
+
+class LimitedTexts : public testing::TestWithParam<Limited> {};
+
+INSTANTIATE_TEST_SUITE_P(
+    Retrieve, LimitedTexts,
+    testing::Values(Limited{"Macaddr", tavrix_jrpc_utils_retrieve_input_macaddr_allowed, {"none", "aa:bb:cc:dd:ee:ff"}},
+                    Limited{"Alias", tavrix_jrpc_utils_retrieve_input_alias, {"ab1", "nine char"}}),
+    [](const auto &row) { return row.param.name; });
+
+} // namespace
+
+TEST_P(LimitedTexts, PassOnWhatTheParserFindsAndRefuseNullArguments) {
+    const Limited &retrieve = GetParam();
+    Buffer out(32);
+    Params missing("{}");
+    EXPECT_EQ(retrieve(missing, out), TAVRIX_ERR_PARAMETER_NOT_FOUND);
+    EXPECT_EQ(missing.message(), "Missing expected parameter: 'k'");
+    Params number(R"({"k": 1})");
+    EXPECT_EQ(retrieve(number, out), TAVRIX_ERR_INVALID_PARAMETER);
+    EXPECT_EQ(number.message(), "Parameter 'k' is not of type 'string'.");
+    const LogCapture log("verbose");
+    EXPECT_EQ(retrieve(number, out, nullptr), TAVRIX_ERR_PARAMETER);
+    EXPECT_EQ(retrieve.retrieve(number.get(), number.debug(), "k", nullptr, 32), TAVRIX_ERR_PARAMETER);
+    EXPECT_TRUE(out.untouched());
+    EXPECT_TRUE(log.silent());
+}
+
+TEST_P(LimitedTexts, RefuseABufferOfNoBytesAfterWhatTheParserFinds) {
+    const Limited &retrieve = GetParam();
+    Buffer out(0);
+    Params missing("{}");
+    EXPECT_EQ(retrieve(missing, out), TAVRIX_ERR_PARAMETER_NOT_FOUND);
+    Params number(R"({"k": 1})");
+    EXPECT_EQ(retrieve(number, out), TAVRIX_ERR_INVALID_PARAMETER);
+    const LogCapture log("debug");
+    for (const std::string &text : retrieve.texts) {
+        Params good(R"({"k": ")" + text + R"("})");
+        EXPECT_EQ(retrieve(good, out), TAVRIX_ERR_PARAMETER) << text;
+        EXPECT_EQ(good.message(), "(none)") << text;
+    }
+    EXPECT_TRUE(out.untouched());
+    EXPECT_TRUE(log.silent());
 }
 
 // --- Secure option -------------------------------------------------------------------------------------------------
@@ -856,11 +852,6 @@ TEST(ParseSecureOption, ReportsNullArgumentsWithoutALineEnd) {
 // --- List of MAC addresses -----------------------------------------------------------------------------------------
 
 namespace {
-
-struct DropReference {
-    void operator()(json_t *value) const { json_decref(value); }
-};
-using Json = std::unique_ptr<json_t, DropReference>;
 
 std::string mac_of(int n) {
     char text[20];

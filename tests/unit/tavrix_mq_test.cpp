@@ -21,13 +21,13 @@
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include "support/bus.h"
 #include "support/leaks.h"
 #include "support/log_capture.h"
+#include "support/signals.h"
 #include "tavrix_error.h"
 
 using support::BusPair;
@@ -444,23 +444,13 @@ TEST(MqReceive, ReportsASocketThatIsClosed) {
 }
 
 TEST(MqReceive, FailsOnASignalAndDoesNotTryAgain) {
-    struct sigaction action {};
-    struct sigaction before {};
-    action.sa_handler = [](int) {};
-    sigaction(SIGALRM, &action, &before);
-    itimerval ticking{};
-    ticking.it_value.tv_usec = 20000;
-    ticking.it_interval.tv_usec = 20000;
     const BusSocket socket(TAVRIX_SP_PAIR);
     tavrix_mq_socket_set_timeout(socket.number, -1);
     char *text = nullptr;
     int length = 0;
     const LogCapture log("debug");
-    setitimer(ITIMER_REAL, &ticking, nullptr);
+    const support::Ticking interrupts;
     EXPECT_EQ(tavrix_mq_socket_recv(socket.number, &text, &length, 0), TAVRIX_ERR_GENERAL);
-    const itimerval off{};
-    setitimer(ITIMER_REAL, &off, nullptr);
-    sigaction(SIGALRM, &before, nullptr);
     EXPECT_EQ(log.first(), support::whole(support::debug, line("nn_recv failed for mq_socket", socket.number, EINTR)));
 }
 

@@ -2,7 +2,6 @@
  * What the utilities do when there is no memory or no pipe, and which commands they hand to the shell.
  */
 #include <cerrno>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -13,6 +12,7 @@
 #include "support/faults.h"
 #include "support/log_capture.h"
 #include "support/process.h"
+#include "support/signals.h"
 #include "tavrix_error.h"
 #include "tavrix_utils.h"
 
@@ -25,22 +25,6 @@ namespace {
 constexpr char unit[] = "tavrix_utils";
 
 std::string commands; ///< what was handed to the shell, one to a line
-
-volatile std::sig_atomic_t terminations = 0;
-
-/** Counts SIGTERM instead of ending. */
-class TerminationCaught {
-  public:
-    TerminationCaught() : before_(std::signal(SIGTERM, [](int) { terminations = terminations + 1; })) {
-        terminations = 0;
-    }
-    ~TerminationCaught() { std::signal(SIGTERM, before_); }
-    TerminationCaught(const TerminationCaught &) = delete;
-    TerminationCaught &operator=(const TerminationCaught &) = delete;
-
-  private:
-    void (*before_)(int);
-};
 
 constexpr char termination[] = "ERROR|CRITICAL ERROR, raise SIGTERM";
 
@@ -65,14 +49,14 @@ FILE *__wrap_popen(const char *command, const char *type) {
 // --- No memory ---
 
 TEST(MacVectorWithoutMemory, IsNotMadeAndRaisesSigterm) {
-    const TerminationCaught caught;
+    const support::Terminations caught;
     char other[1][20] = {"kept"};
     tavrix_mac_array array = {other, 1};
     tavrix_mac_vector vector = {nullptr, 3};
     const LogCapture log("info");
     const Failing once("calloc");
     EXPECT_EQ(tavrix_mac_vector_init(&vector, &array), TAVRIX_ERR_NO_MEMORY);
-    EXPECT_EQ(terminations, 1);
+    EXPECT_EQ(caught.count(), 1);
     EXPECT_EQ(log.sequence(), Lines{termination});
     EXPECT_EQ(array.entries, other);
     EXPECT_EQ(array.count, 1);
@@ -81,7 +65,7 @@ TEST(MacVectorWithoutMemory, IsNotMadeAndRaisesSigterm) {
 }
 
 TEST(MacVectorWithoutMemory, KeepsItsEntriesAndGrowsLater) {
-    const TerminationCaught caught;
+    const support::Terminations caught;
     tavrix_mac_array array{};
     tavrix_mac_vector vector{};
     ASSERT_EQ(tavrix_mac_vector_init(&vector, &array), 0);
@@ -94,7 +78,7 @@ TEST(MacVectorWithoutMemory, KeepsItsEntriesAndGrowsLater) {
         const LogCapture log("info");
         const Failing once("realloc");
         EXPECT_EQ(tavrix_mac_vector_insert(&vector, "AA:BB:CC:DD:EE:FF", 1), TAVRIX_ERR_GENERAL);
-        EXPECT_EQ(terminations, 1);
+        EXPECT_EQ(caught.count(), 1);
         EXPECT_EQ(log.sequence(), Lines{termination});
     }
     EXPECT_EQ(vector.capacity, 8);
@@ -108,7 +92,7 @@ TEST(MacVectorWithoutMemory, KeepsItsEntriesAndGrowsLater) {
     EXPECT_EQ(array.count, 9);
     EXPECT_STREQ(array.entries[7], "AA:00:00:00:00:07");
     EXPECT_STREQ(array.entries[8], "AA:BB:CC:DD:EE:FF");
-    EXPECT_EQ(terminations, 1);
+    EXPECT_EQ(caught.count(), 1);
     std::free(array.entries);
 }
 

@@ -4,6 +4,7 @@
 #include "input.h"
 
 #include "internal/tavrix_jrpc_seam.h"
+#include "tavrix_error.h"
 #include "tavrix_jrpc.h"
 #include "tavrix_jrpc_utils.h"
 

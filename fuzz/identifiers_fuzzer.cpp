@@ -5,36 +5,11 @@
 
 #include <cstring>
 
+#include "support/fields.h"
 #include "tavrix_utils.h"
 #include "tavrix_validation.h"
 
 namespace {
-
-using Validate = int (*)(const char *);
-
-const Validate validators[] = {
-    validate_status,
-    validate_description,
-    validate_vlan_mode,
-    validate_mzu_model,
-    validate_mzu_sw_upgrade_filename,
-    validate_mac_address,
-    validate_unit_sw_bank,
-    validate_ip_address,
-    validate_unit_sw_upgrade_filename,
-    validate_username,
-    validate_password,
-    validate_date,
-    validate_time,
-    validate_entity_extension,
-    validate_port_id,
-    validate_c_port_id,
-    validate_d_port_id,
-    validate_mzu_id,
-    validate_vlan_name_id,
-    validate_uuid,
-    validate_entity_name,
-};
 
 /** A port id that was read is printed so that it reads as the same port again. */
 void check_port_id(const char *text) {
@@ -93,9 +68,9 @@ void check_strings(const char *text, size_t size) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const fuzz::Text text = fuzz::text_of(data, size);
-    for (const Validate validate : validators) {
-        const int rc = validate(text.get());
-        EXPECT(rc <= 0 && rc >= -6);
+    for (const support::Field &field : support::fields()) {
+        const int rc = field.validate != nullptr ? field.validate(text.get()) : TAVRIX_VALID;
+        EXPECT(rc <= TAVRIX_VALID && rc >= TAVRIX_INVALID_OUT_OF_RANGE);
     }
     check_port_id(text.get());
     check_addresses(text.get(), size);

@@ -4,6 +4,7 @@
 #include "input.h"
 
 #include "internal/tavrix_jrpc_seam.h"
+#include "tavrix_error.h"
 #include "tavrix_jrpc.h"
 #include "tavrix_jrpc_utils.h"
 
@@ -25,7 +26,7 @@ void evaluate(const char *request) {
     char *response = nullptr;
     const int rc = tavrix_jrpc_eval_request(request, table, &response);
     const fuzz::Text owner(response);
-    EXPECT(rc == 0 || rc == -1);
+    EXPECT(rc == 0 || rc == TAVRIX_ERR_GENERAL);
     EXPECT(response == nullptr || (rc == 0 && fuzz::is_object(response)));
 }
 

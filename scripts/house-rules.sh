@@ -45,9 +45,11 @@ rule left-over "work that is left has no place in a comment" '\b(TODO|FIXME)\b' 
 rule status-number "a status has a name in tavrix_error.h, a verdict in tavrix_validation.h" \
     '\b(return|case|[=!<>]=) -([2-9]|[1-7]\d)\b(?!\.)|\b(rc|status) (==|!=) -1\b' '' \
     src common kit daemons tools
-rule status-number-in-test "a failed expectation says more by the name of the status or verdict" \
-    '(EXPECT|ASSERT)_(EQ|NE)\((.*, -([2-9]|[1-6]\d|7[0-3])|(tavrix|validate)_\w+\(.*, -1)\)(;| <<|$)' '
-    second, -22\); # a value that the test itself has handed over
+N='-([2-9]|[1-6]\d|7[0-3])\b'
+rule status-number-in-test "an expectation says more by the name of the status or verdict" \
+    "(EXPECT|ASSERT)_(EQ|NE)\((.*, $N|(tavrix|validate)_\w+\(.*, -1)\)(;| <<|\$)\
+|(\)|\brc|\bstatus) (==|!=) $N|\b(rc|status) (==|!=) -1\b|(expect\(|\brc, )-\d|\? ($N : 0|0 : -\d)|\breturn $N\
+|\", $N(\}|, [\"{])" '
     tavrix_(socket_recv|utils_sw_version_strcmp)\(.*, -1\) # a count, an order
     ^tests/unit/tavrix_error_test\.cpp:' tests fuzz
 

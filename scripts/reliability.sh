@@ -174,13 +174,9 @@ finish_callers() {
 }
 report_callers() { # KILLED WHAT
     at_least "$2 killed while calls were under way" "$1" 1
-    local log without=0
-    for log in caller-*.log; do # one that has ended before its time has no tally
-        [ "$(sum results "$log")" -gt 0 ] || without=$((without + 1))
-    done
     figure "  calls, answered with their own result" "$(sum results caller-*.log)" "> 0" \
         "$(($(sum results caller-*.log) > 0))"
-    exactly "  callers without such a call" "$without" 0
+    exactly "  callers that ended before their time, without a tally" "$(grep -L '^calls=' caller-*.log | wc -l)" 0
     printf '%-78s %10s\n' "  answered with an error of their own" "$(sum errors caller-*.log)"
     printf '%-78s %10s\n' "  told by a closed connection" "$(sum closed caller-*.log)"
     printf '%-78s %10s\n' "  refused, with no router there" "$(sum refused caller-*.log)"

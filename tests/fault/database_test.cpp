@@ -7,8 +7,8 @@
 
 #include <gtest/gtest.h>
 
+#include "support/faults.h"
 #include "support/log_capture.h"
-#include "support/sqlite_memory.h"
 #include "tavrix_error.h"
 
 using support::LogCapture;
@@ -20,7 +20,7 @@ constexpr char path[] = "fault.db";
 class DatabaseFaults : public testing::Test {
   protected:
     static void SetUpTestSuite() {
-        support::take_over_sqlite_memory();
+        fault::take_over_sqlite();
         sqlite3 *db = nullptr;
         ASSERT_EQ(sqlite3_open(path, &db), SQLITE_OK);
         ASSERT_EQ(sqlite3_exec(db, "CREATE TABLE IF NOT EXISTS t (id INTEGER); DELETE FROM t; INSERT INTO t VALUES (5)",
@@ -34,11 +34,11 @@ class DatabaseFaults : public testing::Test {
 
 TEST_F(DatabaseFaults, LeaveNoConnectionBehindWhenItCannotBeOpened) {
     const LogCapture log("off");
-    support::fail_each_sqlite_allocation([](const bool &failed) {
+    fault::each_sqlite_failure([](const fault::Fault &fault) {
         sqlite3 *db = nullptr;
         const int rc = tavrix_db_open_file(&db, path);
         // The two settings' own results are not looked at.
-        EXPECT_TRUE(rc == 0 || (rc == -7 && failed)) << rc;
+        EXPECT_TRUE(rc == 0 || (rc == TAVRIX_ERR_SYSTEM_ACCESS && fault.happened())) << rc;
         if (rc == 0) {
             EXPECT_EQ(tavrix_db_close(db), 0);
         }
@@ -47,12 +47,12 @@ TEST_F(DatabaseFaults, LeaveNoConnectionBehindWhenItCannotBeOpened) {
 
 TEST_F(DatabaseFaults, LeaveNoConnectionBehindWhenAnIdCannotBeRead) {
     const LogCapture log("off");
-    support::fail_each_sqlite_allocation([](const bool &failed) {
+    fault::each_sqlite_failure([](const fault::Fault &fault) {
         int64_t id = -77;
         const int rc = tavrix_db_get_single_id_result(nullptr, path, "t", &id, "SELECT id FROM t");
         if (rc != 0) {
-            EXPECT_TRUE(failed);
-            EXPECT_TRUE(rc == -7 || rc == -1) << rc;
+            EXPECT_TRUE(fault.happened());
+            EXPECT_TRUE(rc == TAVRIX_ERR_SYSTEM_ACCESS || rc == TAVRIX_ERR_GENERAL) << rc;
         }
         EXPECT_EQ(id, rc == 0 ? 5 : -77);
     });
@@ -60,12 +60,12 @@ TEST_F(DatabaseFaults, LeaveNoConnectionBehindWhenAnIdCannotBeRead) {
 
 TEST_F(DatabaseFaults, LeaveNoConnectionBehindWhenAStatementCannotBePrepared) {
     const LogCapture log("off");
-    support::fail_each_sqlite_allocation([](const bool &failed) {
+    fault::each_sqlite_failure([](const fault::Fault &fault) {
         sqlite3_stmt *statement = nullptr;
         const int rc = tavrix_db_prepare_statement(nullptr, path, &statement, "SELECT id FROM t");
         EXPECT_EQ(statement != nullptr, rc == 0);
         if (rc != 0) {
-            EXPECT_TRUE(failed);
+            EXPECT_TRUE(fault.happened());
             EXPECT_EQ(rc, TAVRIX_ERR_SYSTEM_ACCESS);
             return;
         }
@@ -77,18 +77,18 @@ TEST_F(DatabaseFaults, LeaveNoConnectionBehindWhenAStatementCannotBePrepared) {
 
 TEST_F(DatabaseFaults, LeaveATransactionThatCanBeRolledBack) {
     const LogCapture log("off");
-    support::fail_each_sqlite_allocation([](const bool &failed) {
+    fault::each_sqlite_failure([](const fault::Fault &fault) {
         sqlite3 *db = nullptr;
         if (tavrix_db_open_file(&db, path) != 0) {
-            EXPECT_TRUE(failed);
+            EXPECT_TRUE(fault.happened());
             return;
         }
         if (tavrix_db_open_transaction(db) == 0) {
             const bool committed = tavrix_db_commit_transaction(db) == 0;
-            EXPECT_TRUE(committed || failed);
+            EXPECT_TRUE(committed || fault.happened());
             EXPECT_TRUE(committed || sqlite3_get_autocommit(db) != 0 || tavrix_db_rollback_transaction(db) == 0);
         } else {
-            EXPECT_TRUE(failed);
+            EXPECT_TRUE(fault.happened());
         }
         EXPECT_EQ(tavrix_db_close(db), 0);
     });

@@ -10,11 +10,12 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "faults.h"
 #include "internal/tavrix_jrpc_seam.h"
 #include "support/bus.h"
+#include "support/faults.h"
 #include "support/log_capture.h"
 #include "support/stream.h"
+#include "tavrix_error.h"
 #include "tavrix_mq.h"
 
 using fault::each_failure;
@@ -36,7 +37,7 @@ int give(json_t *, json_t **result, json_t **) {
 
 int refuse(json_t *, json_t **, json_t **error_data) {
     *error_data = json_incref(handed_out);
-    return -35;
+    return TAVRIX_ERR_PARAMETER_NOT_FOUND;
 }
 
 const tavrix_jrpc_method table[] = {{"x.Give", give}, {"x.Refuse", refuse}, {nullptr, nullptr}};
@@ -89,7 +90,7 @@ TEST_F(EngineFaults, LeaveAnEvaluationWithAnAnswerOrNone) {
                 } else if (rc == 0 && answer != row.answer) {
                     EXPECT_NE(answer.find(R"("code":-32603,)"), std::string::npos) << answer;
                 } else if (rc != 0) {
-                    EXPECT_EQ(rc, -1);
+                    EXPECT_EQ(rc, TAVRIX_ERR_GENERAL);
                     EXPECT_EQ(answer, "(null)");
                 }
             });
@@ -128,12 +129,12 @@ TEST_F(EngineFaults, LeaveFramingWithItsStatus) {
     });
     each_failure([](Fault &fault) {
         char *json = nullptr;
-        fault.expect(-1, 0, [&] { return tavrix_jrpc_parse_msg("c|{}", 4, &json); });
+        fault.expect(TAVRIX_ERR_GENERAL, 0, [&] { return tavrix_jrpc_parse_msg("c|{}", 4, &json); });
         EXPECT_EQ(take(json), fault.happened() ? "(null)" : "{}");
     });
     each_failure([](Fault &fault) {
         char *channel = nullptr;
-        fault.expect(-1, 0, [&] { return tavrix_jrpc_parse_channel(request, &channel); });
+        fault.expect(TAVRIX_ERR_GENERAL, 0, [&] { return tavrix_jrpc_parse_channel(request, &channel); });
         EXPECT_EQ(take(channel), fault.happened() ? "(null)" : "r1");
     });
 }
@@ -148,7 +149,7 @@ TEST_F(EngineFaults, LeaveAMatcherWithAMatchOrNone) {
     for (const auto &row : rows) {
         each_failure([&](Fault &fault) {
             json_t *out = nullptr;
-            fault.expect(-1, 0, [&] { return row.match("x", row.text, &out); });
+            fault.expect(TAVRIX_ERR_GENERAL, 0, [&] { return row.match("x", row.text, &out); });
             EXPECT_EQ(take(out), fault.happened() ? "(null)" : row.text);
         });
     }
@@ -168,7 +169,7 @@ TEST_F(EngineFaults, LeaveAServingStepWithAReplyOrAStatus) {
                 EXPECT_TRUE(reply == std::string("r1|") + response || reply.find("-32603") != std::string::npos)
                     << reply;
             } else {
-                EXPECT_EQ(rc, -1);
+                EXPECT_EQ(rc, TAVRIX_ERR_GENERAL);
                 EXPECT_TRUE(fault.happened());
             }
         });
@@ -186,7 +187,7 @@ TEST_F(EngineFaults, CostAWaitOneAttempt) {
             json_t *reply = nullptr;
             EXPECT_EQ(fault.in([&] { return tavrix_jrpc_mq_sub_for_method(bus.sub.number, "x", &reply); }), 0);
             EXPECT_EQ(take(reply), R"({"jsonrpc":"2.0","id":"x","result":1})");
-            while (tavrix_jrpc_mq_run(&bus.sub.number, &bus.pub.number, table, 1) != -46) {
+            while (tavrix_jrpc_mq_run(&bus.sub.number, &bus.pub.number, table, 1) != TAVRIX_ERR_MQ_TIMEOUT) {
             }
         });
     }
@@ -203,7 +204,7 @@ TEST_F(EngineFaults, LeaveARoutedRequestWithAStatus) {
                 [&] { return tavrix_jrpc_router_process_msg(R"({"method":"x.Give","id":1})", &text, &channel); });
             take(channel);
             // A channel that cannot be made is found out when the request is published.
-            EXPECT_EQ(rc, fault.happened() && !fault.was("strdup") ? -1 : 0) << fault.function();
+            EXPECT_EQ(rc, fault.happened() && !fault.was("strdup") ? TAVRIX_ERR_GENERAL : 0) << fault.function();
             EXPECT_EQ(take(text), rc == 0 ? routed : "(null)");
         });
     }
@@ -217,7 +218,7 @@ TEST_F(EngineFaults, LeaveADispatchedRequestsIdUntilItCanBeRendered) {
             log.clear();
             json_t *const asked = json_pack("{s:s, s:i, s:s}", "method", "x.Give", "id", 1, "name", "\xc3\xbc");
             const int rc = fault.in([&] { return tavrix_jrpc_router_mq_dispatch_request(&bus.pub.number, asked); });
-            EXPECT_EQ(rc, fault.happened() ? -1 : 0) << fault.function();
+            EXPECT_EQ(rc, fault.happened() ? TAVRIX_ERR_GENERAL : 0) << fault.function();
             if (rc == 0) {
                 EXPECT_NE(bus.receive().find(R"("name":"\u00FC")"), std::string::npos);
             }
@@ -234,14 +235,14 @@ TEST_F(EngineFaults, LeaveASystemResponseWholeOrNull) {
     each_failure([&](Fault &fault) {
         json_t *out = asked;
         const int rc = fault.in([&] { return tavrix_jrpc_router_create_system_lock_response(asked, &out); });
-        EXPECT_EQ(rc, fault.happened() ? -1 : 0);
+        EXPECT_EQ(rc, fault.happened() ? TAVRIX_ERR_GENERAL : 0);
         EXPECT_EQ(out == nullptr, fault.happened());
         json_decref(out);
     });
     each_failure([&](Fault &fault) {
         json_t *out = asked;
         const int rc = fault.in([&] { return tavrix_jrpc_router_create_system_timeout_response("a", 9, &out); });
-        EXPECT_EQ(rc, fault.happened() ? -1 : 0);
+        EXPECT_EQ(rc, fault.happened() ? TAVRIX_ERR_GENERAL : 0);
         EXPECT_EQ(out == nullptr, fault.happened());
         json_decref(out);
     });
@@ -258,7 +259,7 @@ TEST_F(EngineFaults, LeaveAServersClientClosed) {
         client.say(request);
         const int rc = fault.in([&] { return tavrix_jrpc_unix_socket_run(&listener, table); });
         if (fault.was("accept")) {
-            EXPECT_EQ(rc, -1);
+            EXPECT_EQ(rc, TAVRIX_ERR_GENERAL);
             EXPECT_EQ(tavrix_jrpc_unix_socket_run(&listener, table), 0) << "the client is still waiting";
         }
         const std::string answer = client.hear();
@@ -278,7 +279,7 @@ TEST_F(EngineFaults, LeaveTheRoutersClientClosedOrAnswered) {
         int client = -1;
         int rc = fault.in([&] { return tavrix_jrpc_router_socket_to_mq(&listener, &bus.pub.number, &client); });
         if (fault.was("accept")) {
-            EXPECT_EQ(rc, -1);
+            EXPECT_EQ(rc, TAVRIX_ERR_GENERAL);
             rc = tavrix_jrpc_router_socket_to_mq(&listener, &bus.pub.number, &client);
         }
         EXPECT_EQ(client >= 0, rc == 0);
@@ -294,7 +295,7 @@ TEST_F(EngineFaults, LeaveTheRoutersClientClosedOrAnswered) {
         StreamClient asking(pair[0]);
         bus.publish(std::string("2524546b-ca99-4868-a062-359cefacff7c|") + response);
         const int rc = fault.in([&] { return tavrix_jrpc_router_mq_to_socket(&bus.sub.number, &pair[1]); });
-        EXPECT_EQ(rc, fault.happened() ? -1 : 0);
+        EXPECT_EQ(rc, fault.happened() ? TAVRIX_ERR_GENERAL : 0);
         EXPECT_EQ(asking.hear(), fault.happened() ? "" : response);
         EXPECT_EQ(pair[1], -1);
     });

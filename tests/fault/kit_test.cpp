@@ -7,17 +7,17 @@
 #include <string>
 
 #include <gtest/gtest.h>
-#include <nanomsg/nn.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "faults.h"
 #include "internal.h"
 #include "kit/support/played_router.h"
+#include "support/faults.h"
 #include "support/log_capture.h"
 #include "support/stream.h"
+#include "tavrix_error.h"
 #include "tavrix_mq.h"
 #include "tavrix_service_test.h"
 
@@ -30,27 +30,7 @@ using support::StreamClient;
 /** What the test does while the code that it calls waits for a descriptor. */
 static std::function<void()> meanwhile;
 
-/** As a sandbox may do. */
-static bool chown_is_forbidden = false;
-
-// The wrappers, as in faults.cpp.
-#define FAILING(result, name, parameters, arguments, failure)                                                          \
-    result __real_##name parameters;                                                                                   \
-    result __wrap_##name parameters { return Fault::fails(#name) ? (failure) : __real_##name arguments; }
-
-// What the kit calls beside the library's own. Jansson's parser counts as one call, as in faults.h.
 extern "C" {
-json_t *__real_json_loadb(const char *text, size_t length, size_t flags, json_error_t *error);
-json_t *__wrap_json_loadb(const char *text, size_t length, size_t flags, json_error_t *error) {
-    if (Fault::fails("json_loadb")) {
-        if (error != nullptr) {
-            *error = {};
-        }
-        return nullptr;
-    }
-    const Fault::Truce truce;
-    return __real_json_loadb(text, length, flags, error);
-}
 int __real_poll(pollfd *descriptors, nfds_t count, int timeout_ms);
 int __wrap_poll(pollfd *descriptors, nfds_t count, int timeout_ms) {
     if (Fault::fails("poll")) {
@@ -66,34 +46,6 @@ int __wrap_poll(pollfd *descriptors, nfds_t count, int timeout_ms) {
     }
     return __real_poll(descriptors, count, meanwhile ? 0 : timeout_ms);
 }
-int __real_chown(const char *path, uid_t owner, gid_t group);
-int __wrap_chown(const char *path, uid_t owner, gid_t group) {
-    if (chown_is_forbidden) {
-        errno = EPERM;
-        return -1;
-    }
-    return __real_chown(path, owner, group);
-}
-FAILING(char *, getcwd, (char *path, size_t size), (path, size), nullptr)
-FAILING(event_base *, event_base_new, (), (), nullptr)
-FAILING(int, event_base_loop, (event_base * base, int flags), (base, flags), -1)
-FAILING(int, event_add, (event * ev, const timeval *time), (ev, time), -1)
-FAILING(int, accept4, (int sock, sockaddr *address, socklen_t *length, int flags), (sock, address, length, flags), -1)
-FAILING(int, getsockname, (int sock, sockaddr *address, socklen_t *length), (sock, address, length), -1)
-FAILING(int, getsockopt, (int sock, int level, int option, void *value, socklen_t *size),
-        (sock, level, option, value, size), -1)
-FAILING(int, setsockopt, (int sock, int level, int option, const void *value, socklen_t size),
-        (sock, level, option, value, size), -1)
-FAILING(int, nn_socket, (int domain, int protocol), (domain, protocol), -1)
-FAILING(int, nn_bind, (int sock, const char *address), (sock, address), -1)
-FAILING(int, nn_connect, (int sock, const char *address), (sock, address), -1)
-FAILING(int, nn_setsockopt, (int sock, int level, int option, const void *value, size_t size),
-        (sock, level, option, value, size), -1)
-FAILING(int, nn_getsockopt, (int sock, int level, int option, void *value, size_t *size),
-        (sock, level, option, value, size), -1)
-FAILING(void *, nn_allocmsg, (size_t size, int type), (size, type), nullptr)
-FAILING(int, nn_send, (int sock, const void *message, size_t size, int flags), (sock, message, size, flags), -1)
-FAILING(int, nn_recv, (int sock, void *message, size_t size, int flags), (sock, message, size, flags), -1)
 }
 
 namespace {
@@ -568,10 +520,10 @@ TEST(KitFaults, ARunEndsWithAFailureWhenItCannotWait) {
             tavrix_service_timer(
                 service, 0, 0, [](tavrix_service *ended, void * /*user*/) { tavrix_service_stop(ended); }, nullptr);
             const int rc = fault.in([&] { return tavrix_service_run(service); });
-            EXPECT_TRUE(rc == 0 || (rc == -1 && fault.happened())) << fault.function() << ": " << rc;
-            EXPECT_EQ(rc == -1, log.text().find("tester cannot go on") != std::string::npos);
+            EXPECT_TRUE(rc == 0 || (rc == TAVRIX_ERR_GENERAL && fault.happened())) << fault.function() << ": " << rc;
+            EXPECT_EQ(rc == TAVRIX_ERR_GENERAL, log.text().find("tester cannot go on") != std::string::npos);
             if (fault.was("event_base_loop")) {
-                EXPECT_EQ(rc, -1);
+                EXPECT_EQ(rc, TAVRIX_ERR_GENERAL);
                 EXPECT_NE(log.text().find("Cannot wait for requests: Cannot allocate memory"), std::string::npos);
             }
             tavrix_service_close(service);
@@ -678,13 +630,16 @@ TEST(KitFaults, AServiceWhoseSocketKeepsItsOwnGroupServesAndSaysSo) {
     kit::played_clock_ms = -1;
     mkdir("bus", 0770);
     ASSERT_EQ(chown("bus", static_cast<uid_t>(-1), others), 0);
-    chown_is_forbidden = true;
-    Life life(0);
-    EXPECT_TRUE(life.live());
-    chown_is_forbidden = false;
-    EXPECT_NE(life.log().find("to the group of its folder: Operation not permitted; the router may not reach it"),
+    std::string log;
+    {
+        const fault::Failing as_in_a_sandbox("chown", 1, EPERM, Fault::always);
+        Life life(0);
+        EXPECT_TRUE(life.live());
+        log = life.log();
+    }
+    EXPECT_NE(log.find("to the group of its folder: Operation not permitted; the router may not reach it"),
               std::string::npos)
-        << life.log();
+        << log;
     ASSERT_EQ(chown("bus", static_cast<uid_t>(-1), getegid()), 0);
 }
 

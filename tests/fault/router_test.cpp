@@ -18,19 +18,12 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "router_faults.h"
+#include "support/faults.h"
 #include "support/fleet.h"
 #include "support/json.h"
 #include "support/session.h"
 
-using support::BusService;
-using support::code_of;
-using support::DirectService;
-using support::member;
-using support::Registration;
-using support::request;
-using support::SessionClient;
-using support::StreamClient;
+using namespace support;
 
 namespace {
 
@@ -42,11 +35,12 @@ class RouterFaults : public testing::Test {
   protected:
     RouterFaults() {
         const int descriptor = open("faults", O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-        EXPECT_EQ(ftruncate(descriptor, sizeof *faults_), 0);
-        faults_ = static_cast<fault::RouterFaults *>(
-            mmap(nullptr, sizeof *faults_, PROT_READ | PROT_WRITE, MAP_SHARED, descriptor, 0));
+        EXPECT_EQ(ftruncate(descriptor, sizeof *plan_), 0);
+        plan_ =
+            static_cast<fault::Plan *>(mmap(nullptr, sizeof *plan_, PROT_READ | PROT_WRITE, MAP_SHARED, descriptor, 0));
+        plan_->reason = ENOMEM;
         close(descriptor);
-        setenv(fault::router_faults_variable, "faults", 1);
+        setenv(fault::plan_variable, "faults", 1);
         support::write_file("policy.conf", "[tcp]\nall=*\n");
         support::write_file("tavrix_lsyslog.conf", "[logging_levels]\nrouterd=info\nunit-test=off\n");
         router_ = std::make_unique<support::Process>(
@@ -55,11 +49,11 @@ class RouterFaults : public testing::Test {
                                                 fleet_.ports_address, "--tcp", std::to_string(port_), "--policy",
                                                 "policy.conf", "--reply-timeout", "300", "--client-timeout", "300"});
         EXPECT_TRUE(router_->says("routerd ready")) << router_->log();
-        unsetenv(fault::router_faults_variable);
+        unsetenv(fault::plan_variable);
         bystander_service_.emplace(fleet_, events_channel);
         bystander_.emplace();
     }
-    ~RouterFaults() override { munmap(faults_, sizeof *faults_); }
+    ~RouterFaults() override { munmap(plan_, sizeof *plan_); }
 
     /**
      * Runs the attempt with the first call failing, then with the second, until one gets through with none. It is told
@@ -73,14 +67,18 @@ class RouterFaults : public testing::Test {
         while (failed && !HasFailure() && ++number < most_failures) {
             prepare();
             ASSERT_TRUE(serves_bystander()) << "before call " << number; // and so all is done that was begun before
-            faults_->remaining = number;
+            plan_->calls = 0;
+            plan_->failures = 0;
+            plan_->last = number;
+            plan_->first = number;
             attempt();
-            failed = faults_->remaining.exchange(0) == 0;
+            plan_->first = 0;
+            failed = plan_->failures > 0;
             if (failed) {
-                failed_.insert(static_cast<const char *>(faults_->function));
+                failed_.insert(static_cast<const char *>(plan_->failed));
             }
             const std::string what =
-                "call " + std::to_string(number) + (failed ? ", " + std::string(faults_->function) : ", none");
+                "call " + std::to_string(number) + (failed ? ", " + std::string(plan_->failed) : ", none");
             ASSERT_TRUE(router_->running()) << what << "\n" << router_->log();
             ASSERT_FALSE(HasFailure()) << what << "\n" << router_->log();
             ASSERT_TRUE(serves_bystander()) << what << "\n" << router_->log();
@@ -93,12 +91,11 @@ class RouterFaults : public testing::Test {
 
     /** How many allocations and system calls the router makes meanwhile, when nothing but this makes any. */
     int least_work(const std::function<void()> &work) {
-        constexpr int never = 1 << 30;
-        int least = never;
+        int least = INT_MAX;
         for (int i = 0; i < 20; ++i) {
-            faults_->remaining = never;
+            plan_->calls = 0;
             work();
-            least = std::min(least, never - faults_->remaining.exchange(0));
+            least = std::min<int>(least, plan_->calls);
         }
         return least;
     }
@@ -196,7 +193,7 @@ class RouterFaults : public testing::Test {
 
     int port_ = support::free_port();
     int calls_ = 0;
-    fault::RouterFaults *faults_ = nullptr;
+    fault::Plan *plan_ = nullptr;
     support::Fleet fleet_;
     std::unique_ptr<support::Process> router_;
     std::optional<support::PlayedService> bystander_service_; ///< is told nothing of other services

@@ -1,21 +1,22 @@
 /*
  * Sockets, timers, shared memory, files and commands with each allocation and each system call failing once.
  */
-#include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <string>
 
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include "faults.h"
 #include "support/bus.h"
+#include "support/faults.h"
 #include "support/log_capture.h"
+#include "support/process.h"
+#include "support/signals.h"
 #include "support/stream.h"
 #include "tavrix_conf_parser.h"
+#include "tavrix_error.h"
 #include "tavrix_lsyslog.h"
 #include "tavrix_mq.h"
 #include "tavrix_shm.h"
@@ -29,17 +30,11 @@ using support::LogCapture;
 using support::StderrCapture;
 using support::StreamClient;
 
-namespace {
-
-void write_file(const char *path, const std::string &text) { std::ofstream(path) << text; }
-
-} // namespace
-
 TEST(SocketFaults, LeaveNoListenerBehind) {
     const StderrCapture quiet;
     each_failure([](Fault &fault) {
         int sock = -77;
-        fault.expect(-1, 0, [&] { return tavrix_unix_socket_init("fault.sock", &sock, 1); });
+        fault.expect(TAVRIX_ERR_GENERAL, 0, [&] { return tavrix_unix_socket_init("fault.sock", &sock, 1); });
         if (!fault.happened()) {
             close(sock);
         }
@@ -47,7 +42,7 @@ TEST(SocketFaults, LeaveNoListenerBehind) {
     const unsigned port = static_cast<unsigned>(support::free_port());
     each_failure([&](Fault &fault) {
         int sock = -77;
-        fault.expect(-1, 0, [&] { return tavrix_tcp_socket_init(port, &sock, 1); });
+        fault.expect(TAVRIX_ERR_GENERAL, 0, [&] { return tavrix_tcp_socket_init(port, &sock, 1); });
         if (!fault.happened()) {
             close(sock);
         }
@@ -61,7 +56,7 @@ TEST(SocketFaults, AreStatusesOfAConnection) {
     ASSERT_EQ(tavrix_tcp_socket_init(port, &listener, 0), 0);
     each_failure([&](Fault &fault) {
         int sock = -77;
-        fault.expect(-1, 0, [&] { return tavrix_tcp_socket_connect("127.0.0.1", port, &sock); });
+        fault.expect(TAVRIX_ERR_GENERAL, 0, [&] { return tavrix_tcp_socket_connect("127.0.0.1", port, &sock); });
         if (!fault.happened()) {
             close(sock);
         }
@@ -70,14 +65,16 @@ TEST(SocketFaults, AreStatusesOfAConnection) {
     ASSERT_EQ(tavrix_tcp_socket_connect("127.0.0.1", port, &client), 0);
     each_failure([&](Fault &fault) {
         int accepted = -77;
-        fault.expect(-1, 0, [&] { return tavrix_tcp_socket_accept(&listener, &accepted); });
+        fault.expect(TAVRIX_ERR_GENERAL, 0, [&] { return tavrix_tcp_socket_accept(&listener, &accepted); });
         if (!fault.happened()) {
             close(accepted);
             close(client);
             ASSERT_EQ(tavrix_tcp_socket_connect("127.0.0.1", port, &client), 0);
         }
     });
-    each_failure([&](Fault &fault) { fault.expect(-1, 0, [&] { return tavrix_socket_send(&client, "text"); }); });
+    each_failure([&](Fault &fault) {
+        fault.expect(TAVRIX_ERR_GENERAL, 0, [&] { return tavrix_socket_send(&client, "text"); });
+    });
     close(client);
     close(listener);
 }
@@ -88,12 +85,12 @@ TEST(BusFaults, LeaveAMessageReceivedOrAStatus) {
         bus.publish("frame");
         char *text = nullptr;
         int length = 0;
-        fault.expect(-1, 0, [&] { return tavrix_mq_socket_recv(bus.sub.number, &text, &length, 0); });
+        fault.expect(TAVRIX_ERR_GENERAL, 0, [&] { return tavrix_mq_socket_recv(bus.sub.number, &text, &length, 0); });
         EXPECT_EQ(text == nullptr, fault.happened());
         free(text);
     });
     each_failure([&](Fault &fault) {
-        fault.expect(-1, 0, [&] { return tavrix_mq_socket_subscribe(bus.sub.number, "t"); });
+        fault.expect(TAVRIX_ERR_GENERAL, 0, [&] { return tavrix_mq_socket_subscribe(bus.sub.number, "t"); });
         EXPECT_EQ(tavrix_mq_socket_unsubscribe(bus.sub.number, "t"), 0) << "nothing changes when it is not there";
     });
 }
@@ -102,7 +99,7 @@ TEST(TimerFaults, LeaveNoDescriptorBehind) {
     const StderrCapture quiet;
     each_failure([](Fault &fault) {
         int timer = -77;
-        fault.expect(-1, 0, [&] { return tavrix_timer_init(&timer, 1); });
+        fault.expect(TAVRIX_ERR_GENERAL, 0, [&] { return tavrix_timer_init(&timer, 1); });
         if (!fault.happened()) {
             tavrix_timer_free(&timer);
         }
@@ -118,11 +115,11 @@ TEST(SlotFaults, LeaveASlotThatCanBeMadeAgain) {
         const int rc = fault.in([&] { return tavrix_shm_create(name.c_str(), 16); });
         // The size's own result is not looked at: a slot that has it already is as good.
         if (!fault.was("ftruncate64")) {
-            EXPECT_EQ(rc, fault.happened() ? -1 : 0) << fault.function();
+            EXPECT_EQ(rc, fault.happened() ? TAVRIX_ERR_GENERAL : 0) << fault.function();
         }
         if (rc != 0) {
             int read = 0;
-            EXPECT_EQ(tavrix_shm_get_int(name.c_str(), &read), held ? 0 : -1) << fault.function();
+            EXPECT_EQ(tavrix_shm_get_int(name.c_str(), &read), held ? 0 : TAVRIX_ERR_GENERAL) << fault.function();
             EXPECT_EQ(read, held ? value : 0) << "an old slot keeps what it holds";
         }
         EXPECT_EQ(tavrix_shm_create(name.c_str(), 16), 0);
@@ -131,7 +128,7 @@ TEST(SlotFaults, LeaveASlotThatCanBeMadeAgain) {
     });
     EXPECT_EQ(tavrix_shm_create(name.c_str(), 16), 0);
     each_failure([&](Fault &fault) {
-        fault.expect(-1, 0, [&] { return tavrix_shm_set_int(name.c_str(), &value); });
+        fault.expect(TAVRIX_ERR_GENERAL, 0, [&] { return tavrix_shm_set_int(name.c_str(), &value); });
         int read = -77;
         const int rc = tavrix_shm_get_int(name.c_str(), &read);
         EXPECT_EQ(rc, 0);
@@ -139,16 +136,17 @@ TEST(SlotFaults, LeaveASlotThatCanBeMadeAgain) {
     });
     each_failure([&](Fault &fault) {
         int read = -77;
-        fault.expect(-1, 0, [&] { return tavrix_shm_get_int(name.c_str(), &read); });
+        fault.expect(TAVRIX_ERR_GENERAL, 0, [&] { return tavrix_shm_get_int(name.c_str(), &read); });
         EXPECT_EQ(read, fault.happened() ? -77 : 7);
     });
-    each_failure([&](Fault &fault) { fault.expect(-1, 0, [&] { return tavrix_shm_clear(name.c_str(), 4); }); });
+    each_failure(
+        [&](Fault &fault) { fault.expect(TAVRIX_ERR_GENERAL, 0, [&] { return tavrix_shm_clear(name.c_str(), 4); }); });
     shm_unlink(name.c_str());
 }
 
 TEST(FileFaults, AreStatuses) {
     const LogCapture log("off");
-    write_file("some.conf", "[a]\nkey=value\n");
+    support::write_file("some.conf", "[a]\nkey=value\n");
     each_failure([](Fault &fault) {
         char out[16] = "";
         const int rc = fault.in([&] { return tavrix_conf_parser_parse("some.conf", "a", "key", out, sizeof out); });
@@ -168,11 +166,11 @@ TEST(CommandFaults, AreStatuses) {
         fault.expect(1, 0, [&] { return mw_exec_command_line("echo word", out); });
         EXPECT_STREQ(out, fault.happened() ? "" : "word\n");
     });
-    write_file("some.file", "content");
+    support::write_file("some.file", "content");
     ASSERT_EQ(std::system("md5sum some.file > some.md5"), 0);
     each_failure([](Fault &fault) {
         bool match = false;
-        fault.expect(-1, 0, [&] { return tavrix_check_md5("some.file", "some.md5", &match); });
+        fault.expect(TAVRIX_ERR_GENERAL, 0, [&] { return tavrix_check_md5("some.file", "some.md5", &match); });
         EXPECT_EQ(match, !fault.happened());
     });
     each_failure([](Fault &fault) {
@@ -184,13 +182,11 @@ TEST(CommandFaults, AreStatuses) {
 }
 
 TEST(MacVectorFaults, KeepTheEntriesAndEndTheProcess) {
-    static int terminations = 0;
-    const auto before = std::signal(SIGTERM, [](int) { ++terminations; });
     const LogCapture log("off");
     each_failure([](Fault &fault) {
         tavrix_mac_array array = {};
         tavrix_mac_vector vector = {};
-        terminations = 0;
+        const support::Terminations terminations;
         const int stopped_at = fault.in([&] {
             if (tavrix_mac_vector_init(&vector, &array) != 0) {
                 return 0;
@@ -202,14 +198,13 @@ TEST(MacVectorFaults, KeepTheEntriesAndEndTheProcess) {
             }
             return 21;
         });
-        EXPECT_EQ(terminations, fault.happened() ? 1 : 0);
+        EXPECT_EQ(terminations.count(), fault.happened() ? 1 : 0);
         EXPECT_EQ(array.count, stopped_at == 0 ? 0 : stopped_at - 1);
         for (int i = 0; i < array.count; ++i) {
             EXPECT_STREQ(array.entries[i], "00:11:22:33:44:55");
         }
         free(array.entries);
     });
-    std::signal(SIGTERM, before);
 }
 
 TEST(DumpFaults, LeaveOutTheDump) {

@@ -24,12 +24,11 @@ unnamed() { # what of it the places have not
 }
 
 missing() {
-    local name number expected=0 comment='' line rows fields texts
+    local name number expected=0 comment='' line rows fields
     local wanted
     wanted=$(mktemp -d -p "$work")
     rows=$(grep -oE '/\* +[0-9]+ \*/' tests/unit/tavrix_error_test.cpp | tr -d '/* ')
     fields=$(grep -hoE 'FIELD\([a-z_]+\)|retrieve_input_[a-z_]+' tests/unit/tavrix_jrpc_utils_*_test.cpp)
-    texts=$(grep -E '\(const char \*value\);' include/tavrix_validation.h)
     # Statuses: without a gap, each with its advice, its message, and its row in the test of the messages.
     while read -r line; do
         if [[ "$line" =~ ^(TAVRIX_OK|TAVRIX_ERR_[A-Z0-9_]+)\ =\ -?([0-9]+),?$ ]]; then
@@ -47,7 +46,7 @@ missing() {
         named "$name" src
         named "$number" tests/unit/tavrix_jrpc_error_test.cpp
     done < <(sed -nE 's/^ +(TAVRIX_JRPC_[A-Z0-9_]+) = -(32[0-9]+),?$/\1 \2/p' include/tavrix_jrpc.h)
-    # Functions: declared, pinned, and run on several threads; fields: validated, fuzzed, offered by the tool.
+    # Functions: declared, pinned, and run on several threads; fields: read, validated, offered by the tool.
     while read -r name; do
         case "$name" in
         tavrix_jrpc_utils_retrieve_input_*)
@@ -55,16 +54,18 @@ missing() {
             name=${name#tavrix_jrpc_utils_}
             [[ "$fields"$'\n' == *"FIELD(${name#retrieve_input_})"* || "$fields"$'\n' == *"$name"$'\n'* ]] ||
                 echo "$name is missing in tests/unit"
-            name=tavrix_jrpc_utils_$name
-            named "$name" fuzz/params_fuzzer.cpp
+            named "${name#retrieve_input_}" tests/support/fields.cpp
             ;;
         validate_*)
             named "$name" include tests/interface/declarations.c tests/unit tools/verb_local.cpp
-            [[ "$texts" != *" $name("* ]] || named "$name" fuzz/identifiers_fuzzer.cpp
+            [ "$name" = validate_date_time ] || named "${name#validate_}" tests/support/fields.cpp
             ;;
         *) named "$name" include tests/interface/declarations.c tests/unit ;;
         esac
     done <tests/corpus/exported_symbols.txt
+    # What goes through the table of fields: unit.fields holds it against the exported symbols.
+    named fields tests/{fault/params,threads/reentrant,system/tavrixctl_local}_test.cpp \
+        fuzz/{params,identifiers}_fuzzer.cpp
     # Methods of the reference daemons: each is called by a test of processes.
     while read -r name; do named "$name" tests/system; done < <(
         sed -nE 's/^ +TAVRIX_METHOD[A-Z_]*\("([A-Za-z.]+)".*/\1/p; s/^ +\{"((router|rpc)\.[A-Za-z]+)", .*/\1/p' \
@@ -89,8 +90,9 @@ lacking "a status's test" tests/unit/tavrix_error_test.cpp '/^ +\/\* 73 \*\//d'
 lacking "a status's advice" include/tavrix_error.h '/Nobody answers at the other end/d'
 lacking "a status's number" include/tavrix_error.h '/TAVRIX_ERR_MZU_LIMIT = /d'
 lacking "a code's test" tests/unit/tavrix_jrpc_error_test.cpp 's/-32014/-1/'
-lacking "a field's fuzzer" fuzz/params_fuzzer.cpp 's/tavrix_jrpc_utils_retrieve_input_alias/x/'
-lacking "a validator's fuzzer" fuzz/identifiers_fuzzer.cpp '/validate_uuid/d'
+lacking "a field's row" tests/support/fields.cpp 's/\(alias\)/(x)/'
+lacking "a validator's row" tests/support/fields.cpp 's/\(uuid\)/(x)/'
+lacking "the fields' fuzzer" fuzz/params_fuzzer.cpp 's/\<fields\>/x/'
 lacking "a validator's verb" tools/verb_local.cpp '/validate_onu_id/d'
 lacking "a function's declaration" tests/interface/declarations.c '/tavrix_timer_free/d'
 lacking "a test of a method" daemons/ports/methods.cpp 's/"ports\.Get"/"ports.GetAlso"/'

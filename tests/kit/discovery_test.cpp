@@ -16,14 +16,11 @@
 namespace {
 
 using support::code_of;
+using support::Json;
+using support::keys_of;
 using support::LogCapture;
 using support::member;
 using support::Stage;
-
-struct Drop {
-    void operator()(json_t *value) const { json_decref(value); }
-};
-using Json = std::unique_ptr<json_t, Drop>;
 
 int accept(tavrix_call *call) { return tavrix_call_reply(call, json_integer(0)); }
 
@@ -91,14 +88,6 @@ class Described {
     Stage stage;
     Json document;
 };
-
-std::set<std::string> keys_of(const json_t *object) {
-    std::set<std::string> keys;
-    const char *key = nullptr;
-    json_t *value = nullptr;
-    json_object_foreach(const_cast<json_t *>(object), key, value) { keys.insert(key); }
-    return keys;
-}
 
 /** A table of one method with one row. */
 struct OneRow {

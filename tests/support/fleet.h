@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include "support/bus.h"
@@ -43,6 +44,14 @@ class Fleet {
     std::unique_ptr<Process> router;
     std::unique_ptr<Process> ports;
     std::unique_ptr<Process> events;
+};
+
+/** A test of the router alone, which knows those services only that register. */
+class LoneRouter : public testing::Test {
+  protected:
+    LoneRouter() { fleet.start_lone_router(); }
+
+    Fleet fleet;
 };
 
 /** A service played by the test: it hears what the router publishes on a channel, and says what it likes. */

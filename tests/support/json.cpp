@@ -30,4 +30,16 @@ std::string member(const std::string &text, const char *key) {
 
 std::string code_of(const std::string &response) { return member(member(response, "error"), "code"); }
 
+std::string data_of(const std::string &response) { return member(member(response, "error"), "data"); }
+
+std::string message_of(const std::string &response) { return member(data_of(response), "message"); }
+
+std::set<std::string> keys_of(const json_t *object) {
+    std::set<std::string> keys;
+    const char *key = nullptr;
+    json_t *value = nullptr;
+    json_object_foreach(const_cast<json_t *>(object), key, value) { keys.insert(key); }
+    return keys;
+}
+
 } // namespace support

@@ -4,11 +4,21 @@
 #ifndef TAVRIX_TESTS_SUPPORT_JSON_H
 #define TAVRIX_TESTS_SUPPORT_JSON_H
 
+#include <memory>
+#include <set>
 #include <string>
 
 #include <jansson.h>
 
 namespace support {
+
+struct DropJson {
+    void operator()(json_t *value) const { json_decref(value); }
+};
+using Json = std::unique_ptr<json_t, DropJson>;
+
+/** The names of an object's members. */
+std::set<std::string> keys_of(const json_t *object);
 
 /** A JSON-RPC request; `id` and `more` stand as they are, `more` with its leading comma. */
 std::string request(const std::string &method, const std::string &id, const std::string &more = "");
@@ -19,8 +29,10 @@ json_error_t parse_error(const std::string &text);
 /** A member of a JSON object's text, rendered compactly; "(none)" when it is absent. */
 std::string member(const std::string &text, const char *key);
 
-/** The code of an error response. */
+/** The code of an error response, what is told with it, and the words in that. */
 std::string code_of(const std::string &response);
+std::string data_of(const std::string &response);
+std::string message_of(const std::string &response);
 
 } // namespace support
 

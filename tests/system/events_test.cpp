@@ -24,14 +24,7 @@
 #include "tavrix_mq.h"
 #include "tavrix_shm.h"
 
-using support::code_of;
-using support::DirectService;
-using support::Finished;
-using support::Fleet;
-using support::member;
-using support::Process;
-using support::request;
-using support::StreamClient;
+using namespace support;
 
 namespace {
 
@@ -41,10 +34,6 @@ Finished ctl(std::vector<std::string> arguments) {
     arguments.insert(arguments.begin(), TAVRIXCTL);
     return support::run(arguments);
 }
-
-std::string data_of(const std::string &response) { return member(member(response, "error"), "data"); }
-
-std::string message_of(const std::string &response) { return member(data_of(response), "message"); }
 
 /** The events service played by the test: it tells of one link change. */
 class PlayedEvents : public DirectService {

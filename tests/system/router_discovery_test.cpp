@@ -12,24 +12,11 @@
 #include "support/session.h"
 #include "tavrix_jrpc.h"
 
-using support::code_of;
-using support::DirectService;
-using support::Fleet;
-using support::member;
-using support::Registration;
-using support::request;
-using support::SessionClient;
+using namespace support;
 
 namespace {
 
-struct Drop {
-    void operator()(json_t *value) const { json_decref(value); }
-};
-using Json = std::unique_ptr<json_t, Drop>;
-
 constexpr size_t longest_document = 262144;
-
-std::string message_of(const std::string &answer) { return member(member(member(answer, "error"), "data"), "message"); }
 
 std::string described(const std::string &name, const std::string &more = "") {
     return R"({"name":")" + name + R"(","params":[],"result":{"name":"result","schema":{}})" + more + "}";
@@ -46,18 +33,8 @@ std::string of_size(size_t size) {
     return described("ports.Get", ",\"summary\":\"" + std::string(size - empty.size(), 's') + "\"");
 }
 
-std::set<std::string> keys_of(const json_t *object) {
-    std::set<std::string> keys;
-    const char *key = nullptr;
-    json_t *value = nullptr;
-    json_object_foreach(const_cast<json_t *>(object), key, value) { keys.insert(key); }
-    return keys;
-}
-
-class RouterDiscovery : public testing::Test {
+class RouterDiscovery : public LoneRouter {
   protected:
-    RouterDiscovery() { fleet.start_lone_router(); }
-
     Json discover() const {
         return Json(json_loads(member(fleet.ask(request("rpc.discover", "1")), "result").c_str(), 0, nullptr));
     }
@@ -71,8 +48,6 @@ class RouterDiscovery : public testing::Test {
         }
         return found;
     }
-
-    Fleet fleet;
 };
 
 } // namespace

@@ -25,17 +25,7 @@
 #include "support/stranger.h"
 #include "support/tavrixctl.h"
 
-using support::BusService;
-using support::code_of;
-using support::DirectService;
-using support::Fleet;
-using support::member;
-using support::Mutator;
-using support::Registration;
-using support::request;
-using support::SessionClient;
-using support::Stranger;
-using support::StreamClient;
+using namespace support;
 
 namespace {
 

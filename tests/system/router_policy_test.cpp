@@ -18,21 +18,11 @@
 #include "support/session.h"
 #include "support/stranger.h"
 
-using support::code_of;
-using support::DirectService;
-using support::Fleet;
-using support::member;
-using support::Registration;
-using support::request;
-using support::SessionClient;
-using support::Stranger;
-using support::StreamClient;
+using namespace support;
 
 namespace {
 
 constexpr char nobody_allowed_it[] = R"({"message":"the policy does not allow this"})";
-
-std::string data_of(const std::string &answer) { return member(member(answer, "error"), "data"); }
 
 bool is_refused(const std::string &answer) {
     return code_of(answer) == "-32601" && data_of(answer) == nobody_allowed_it;

@@ -14,16 +14,7 @@
 #include "tavrix_jrpc.h"
 #include "tavrix_mq.h"
 
-using support::BusService;
-using support::code_of;
-using support::DirectService;
-using support::Fleet;
-using support::member;
-using support::Registration;
-using support::request;
-using support::service_reply;
-using support::SessionClient;
-using support::StreamClient;
+using namespace support;
 
 namespace {
 
@@ -31,19 +22,11 @@ constexpr char first_channel[] = "3a6f8f51-502f-4238-9638-29764ff1a8a4";
 constexpr char events_channel[] = "505a5451-3ef2-4618-8087-9a22b800a510";
 constexpr char ids_of_bus[] = R"(,"id":"2524546b-ca99-4868-a062-359cefacff7c"})";
 
-std::string data_of(const std::string &answer) { return member(member(answer, "error"), "data"); }
-
-std::string message_of(const std::string &answer) { return member(data_of(answer), "message"); }
-
-class RouterServices : public testing::Test {
+class RouterServices : public LoneRouter {
   protected:
-    RouterServices() { fleet.start_lone_router(); }
-
     std::string status_member(const char *key) {
         return member(member(fleet.ask(request("router.Status", "1")), "result"), key);
     }
-
-    Fleet fleet;
 };
 
 } // namespace

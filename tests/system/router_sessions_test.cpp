@@ -13,13 +13,7 @@
 #include "support/json.h"
 #include "support/session.h"
 
-using support::code_of;
-using support::DirectService;
-using support::Fleet;
-using support::member;
-using support::request;
-using support::service_reply;
-using support::SessionClient;
+using namespace support;
 
 namespace {
 
@@ -37,17 +31,13 @@ std::string subscription(const std::string &verb, const std::string &patterns) {
 /** The text with blanks at its end, so that its line has this many bytes with the newline. */
 std::string padded(const std::string &text, size_t line) { return text + std::string(line - 1 - text.size(), ' '); }
 
-class RouterSession : public testing::Test {
+class RouterSession : public LoneRouter {
   protected:
-    RouterSession() { fleet.start_lone_router(); }
-
     /** Hears the router's answer to a request for its status, and so knows that it has read what was said before. */
     static void catch_up(SessionClient &client) {
         client.say(request("router.Status", "\"caught up\""));
         EXPECT_EQ(member(client.hear_of("caught up"), "id"), "\"caught up\"");
     }
-
-    Fleet fleet;
 };
 
 } // namespace

@@ -26,14 +26,7 @@
 #include "support/session.h"
 #include "tavrix_mq.h"
 
-using support::code_of;
-using support::DirectService;
-using support::Fleet;
-using support::member;
-using support::Registration;
-using support::request;
-using support::SessionClient;
-using support::StreamClient;
+using namespace support;
 
 namespace {
 
@@ -58,16 +51,12 @@ std::string text_of(const std::string &rendering) {
     return text;
 }
 
-class RouterStatistics : public testing::Test {
+class RouterStatistics : public LoneRouter {
   protected:
-    RouterStatistics() { fleet.start_lone_router(); }
-
     std::string status_of(const char *method) {
         return member(member(member(fleet.ask(request("router.Status", "1")), "result"), "methods"), method);
     }
     std::string metrics() { return text_of(member(fleet.ask(request("router.Metrics", "1")), "result")); }
-
-    Fleet fleet;
 };
 
 /** Calls of known delays: the router has measured no less than the service has held, no more than the client waited. */

@@ -3,17 +3,20 @@
  */
 #include "tavrix_db_api.h"
 
+#include <cerrno>
+
 #include <gtest/gtest.h>
 
+#include "support/faults.h"
 #include "support/log_capture.h"
 #include "tavrix_error.h"
 
+using fault::Failing;
+using fault::Fault;
 using support::LogCapture;
 
 namespace {
 
-bool scripted = false;
-int answer = SQLITE_OK;
 sqlite3 *closed = nullptr; ///< the handle of the last close
 
 } // namespace
@@ -23,7 +26,7 @@ int __real_sqlite3_close(sqlite3 *db);
 
 int __wrap_sqlite3_close(sqlite3 *db) {
     closed = db;
-    return scripted ? answer : __real_sqlite3_close(db);
+    return Fault::fails("sqlite3_close") ? errno : __real_sqlite3_close(db);
 }
 }
 
@@ -31,19 +34,21 @@ TEST(Close, MapsEveryAnswerOfSqlite) {
     const struct {
         int answer;
         int status;
-    } rows[] = {{SQLITE_OK, 0},      {SQLITE_BUSY, -12},  {SQLITE_ERROR, -7},
-                {SQLITE_MISUSE, -7}, {SQLITE_LOCKED, -7}, {SQLITE_NOMEM, -7}};
+    } rows[] = {{SQLITE_OK, TAVRIX_OK},
+                {SQLITE_BUSY, TAVRIX_ERR_DB_UNFINISHED},
+                {SQLITE_ERROR, TAVRIX_ERR_SYSTEM_ACCESS},
+                {SQLITE_MISUSE, TAVRIX_ERR_SYSTEM_ACCESS},
+                {SQLITE_LOCKED, TAVRIX_ERR_SYSTEM_ACCESS},
+                {SQLITE_NOMEM, TAVRIX_ERR_SYSTEM_ACCESS}};
     int mark = 0;
     sqlite3 *const db = reinterpret_cast<sqlite3 *>(&mark); // never looked into: SQLite's side is played here
     const LogCapture log("verbose");
-    scripted = true;
     for (const auto &row : rows) {
-        answer = row.answer;
+        const Failing once("sqlite3_close", 1, row.answer);
         closed = nullptr;
         EXPECT_EQ(tavrix_db_close(db), row.status) << "SQLite answered " << row.answer;
         EXPECT_EQ(closed, db);
     }
-    scripted = false;
     EXPECT_TRUE(log.silent());
 }
 

@@ -92,27 +92,29 @@ std::vector<Served> served_messages() {
     return {
         {"NoJson",
          "{\n]",
-         -1,
+         TAVRIX_ERR_GENERAL,
          {"DEBUG|" + parse_channel("Cannot parse JSON message."), "DEBUG|" + complaint("{\n]"),
           "DEBUG|" + mq_run("Error parse_channel, rc = -1")}},
         {"TwoIds",
          R"({"id":"a","id":"a"})",
-         -1,
+         TAVRIX_ERR_GENERAL,
          {"DEBUG|" + parse_channel("Cannot parse JSON message."), "DEBUG|" + complaint(R"({"id":"a","id":"a"})"),
           "DEBUG|" + mq_run("Error parse_channel, rc = -1")}},
-        {"Array", "[]", -1, dropped(parse_channel("Invalid JSON"))},
-        {"String", "\"R1\"", -1, dropped(parse_channel("Invalid JSON"))},
-        {"IdNumber", R"({"jsonrpc":"2.0","id":12,"method":"ports.Get"})", -1, dropped(parse_channel("Invalid ID"))},
-        {"IdNull", R"({"jsonrpc":"2.0","id":null,"method":"ports.Get"})", -1, dropped(parse_channel("Invalid ID"))},
+        {"Array", "[]", TAVRIX_ERR_GENERAL, dropped(parse_channel("Invalid JSON"))},
+        {"String", "\"R1\"", TAVRIX_ERR_GENERAL, dropped(parse_channel("Invalid JSON"))},
+        {"IdNumber", R"({"jsonrpc":"2.0","id":12,"method":"ports.Get"})", TAVRIX_ERR_GENERAL,
+         dropped(parse_channel("Invalid ID"))},
+        {"IdNull", R"({"jsonrpc":"2.0","id":null,"method":"ports.Get"})", TAVRIX_ERR_GENERAL,
+         dropped(parse_channel("Invalid ID"))},
         {"Notification",
          R"({"jsonrpc":"2.0","method":"x"})",
-         -1,
+         TAVRIX_ERR_GENERAL,
          {"VERB |" + parse_channel("No ID"), "VERB |Valid JSON received, of length 43\n",
           "VERB |JSON Data:\n{\n    \"jsonrpc\": \"2.0\",\n    \"method\": \"x\"\n}\n",
           "ERROR|invalid method occurred <x>\n"}},
         {"OtherVersion",
          R"({"jsonrpc":"1.0","id":"R1"})",
-         -1,
+         TAVRIX_ERR_GENERAL,
          {"VERB |Valid JSON received, of length 40\n",
           "VERB |JSON Data:\n{\n    \"jsonrpc\": \"1.0\",\n    \"id\": \"R1\"\n}\n",
           "DEBUG|[tavrix_jrpc_create_error]: NULL pointer!\n"}},
@@ -153,14 +155,14 @@ TEST_F(Endpoint, PublishesTheReplyOnTheChannelNamedByTheRequestsId) {
 }
 
 TEST_F(Endpoint, AnswersAFailedMethod) {
-    handler_rc = -35;
+    handler_rc = TAVRIX_ERR_PARAMETER_NOT_FOUND;
     EXPECT_EQ(serve(std::string("service|") + request), 0);
     EXPECT_NE(replies.receive().find("-32602"), std::string::npos);
 }
 
 TEST_F(Endpoint, DropsARequestWhoseIdIsANumber) {
     const LogCapture log("debug");
-    EXPECT_EQ(serve(R"(service|{"jsonrpc":"2.0","id":12,"method":"ports.Get"})"), -1);
+    EXPECT_EQ(serve(R"(service|{"jsonrpc":"2.0","id":12,"method":"ports.Get"})"), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(calls, 0);
     EXPECT_EQ(replies.receive(), "(nothing)");
     EXPECT_TRUE(log.has(support::debug, unit, "[tavrix_jrpc_mq_run]: Error parse_channel, rc = -1\n"));
@@ -173,18 +175,18 @@ TEST_F(Endpoint, RunsANotificationWithoutReply) {
 }
 
 TEST_F(Endpoint, PassesAFailedEvaluationOn) {
-    EXPECT_EQ(serve(R"(service|{"jsonrpc":"1.0","id":"R1","method":"ports.Get"})"), -1);
+    EXPECT_EQ(serve(R"(service|{"jsonrpc":"1.0","id":"R1","method":"ports.Get"})"), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(replies.receive(), "(nothing)");
 }
 
 TEST_F(Endpoint, DropsAFrameWithoutBar) {
     const LogCapture log("debug");
-    EXPECT_EQ(serve("service without bar"), -1);
+    EXPECT_EQ(serve("service without bar"), TAVRIX_ERR_GENERAL);
     EXPECT_TRUE(log.has(support::debug, unit, "[tavrix_jrpc_mq_run]: Error parse_msg, rc = -1\n"));
 }
 
 TEST_F(Endpoint, DropsAFrameWithoutJson) {
-    EXPECT_EQ(serve("service|no json"), -1);
+    EXPECT_EQ(serve("service|no json"), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(replies.receive(), "(nothing)");
 }
 

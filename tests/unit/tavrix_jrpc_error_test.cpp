@@ -80,14 +80,59 @@ struct Pair {
 };
 
 constexpr Pair conversions[] = {
-    {-1, -32001},  {-30, -32004}, {-3, -32003},  {-35, -32602}, {-2, -32005},  {-49, -32006}, {-57, -32602},
-    {-72, -32007}, {-55, -32602}, {-8, -32020},  {-29, -32021}, {-59, -32022}, {-26, -32023}, {-15, -32024},
-    {-36, -32025}, {-58, -32026}, {-70, -32028}, {-71, -32029}, {-65, -32027}, {-6, -32030},  {-47, -32034},
-    {-14, -32031}, {-13, -32032}, {-19, -32033}, {-37, -32035}, {-64, -32036}, {-67, -32037}, {-68, -32038},
-    {-73, -32039}, {-32, -32050}, {-33, -32051}, {-40, -32052}, {-48, -32053}, {-52, -32054}, {-53, -32055},
-    {-54, -32056}, {-62, -32044}, {-63, -32045}, {-66, -32057}, {-7, -32010},  {-11, -32010}, {-12, -32010},
-    {-38, -32013}, {-21, -32011}, {-22, -32011}, {-16, -32012}, {-45, -32014}, {-61, -32043}, {-69, -32058},
-    {-27, -32040}, {-28, -32042}, {-4, -32001},  {-31, -32602},
+    {TAVRIX_ERR_GENERAL, -32001},
+    {TAVRIX_ERR_JSON_RESPONSE, -32004},
+    {TAVRIX_ERR_UNIMPLEMENTED, -32003},
+    {TAVRIX_ERR_PARAMETER_NOT_FOUND, -32602},
+    {TAVRIX_ERR_TIMEOUT, -32005},
+    {TAVRIX_ERR_RESERVED_VALUE, -32006},
+    {TAVRIX_ERR_UNEXPECTED_PARAMETER, -32602},
+    {TAVRIX_ERR_NOT_UNIQUE, -32007},
+    {TAVRIX_ERR_INVALID_ENTITY, -32602},
+    {TAVRIX_ERR_MZU_OFFLINE, -32020},
+    {TAVRIX_ERR_MZU_ONLINE, -32021},
+    {TAVRIX_ERR_NO_SUCH_MZU, -32022},
+    {TAVRIX_ERR_MZU_EXISTS, -32023},
+    {TAVRIX_ERR_EXPECTED_MZU, -32024},
+    {TAVRIX_ERR_MZU_LIMIT, -32025},
+    {TAVRIX_ERR_NOT_SUPPORTED, -32026},
+    {TAVRIX_ERR_CONFIG_QUEUE_BUSY, -32028},
+    {TAVRIX_ERR_CONFIG_PENDING, -32029},
+    {TAVRIX_ERR_MODEL_UNSUPPORTED, -32027},
+    {TAVRIX_ERR_INVALID_PORT, -32030},
+    {TAVRIX_ERR_NO_SUCH_PORT, -32034},
+    {TAVRIX_ERR_EXPECTED_D_PORT, -32031},
+    {TAVRIX_ERR_EXPECTED_C_PORT, -32032},
+    {TAVRIX_ERR_TOO_MANY_VLAN_IDS, -32033},
+    {TAVRIX_ERR_NO_POE, -32035},
+    {TAVRIX_ERR_MACS_RESTRICTED, -32036},
+    {TAVRIX_ERR_E13_MAC_LIMIT, -32037},
+    {TAVRIX_ERR_D4_PEER_TO_PEER, -32038},
+    {TAVRIX_ERR_TOO_MANY_ENTRIES, -32039},
+    {TAVRIX_ERR_UNIT_NOT_ACTIVE, -32050},
+    {TAVRIX_ERR_INVALID_DATE_TIME, -32051},
+    {TAVRIX_ERR_FILE_OPEN, -32052},
+    {TAVRIX_ERR_FACTORY_VERSION, -32053},
+    {TAVRIX_ERR_LASER_ADDRESSES_DIFFER, -32054},
+    {TAVRIX_ERR_LASER_IN_PROTECT_MODE, -32055},
+    {TAVRIX_ERR_NO_ACTIVE_LASER, -32056},
+    {TAVRIX_ERR_IP_IN_USE, -32044},
+    {TAVRIX_ERR_SUBNET_CONFLICT, -32045},
+    {TAVRIX_ERR_DATE_NOT_SET, -32057},
+    {TAVRIX_ERR_SYSTEM_ACCESS, -32010},
+    {TAVRIX_ERR_DB_BUSY, -32010},
+    {TAVRIX_ERR_DB_UNFINISHED, -32010},
+    {TAVRIX_ERR_NO_RECORDS, -32013},
+    {TAVRIX_ERR_UNALLOCATED_WRITE, -32011},
+    {TAVRIX_ERR_NO_MEMORY, -32011},
+    {TAVRIX_ERR_HARDWARE, -32012},
+    {TAVRIX_ERR_SYSTEM_BUSY, -32014},
+    {TAVRIX_ERR_MAC_EXPECTED, -32043},
+    {TAVRIX_ERR_MANAGEMENT_VLAN, -32058},
+    {TAVRIX_ERR_MAC_EXISTS, -32040},
+    {TAVRIX_ERR_NO_SUCH_MODEL, -32042},
+    {TAVRIX_ERR_PARAMETER, -32001},
+    {TAVRIX_ERR_INVALID_PARAMETER, -32602},
 };
 
 } // namespace
@@ -125,8 +170,8 @@ TEST(ConvertToJrpc, AnswersUnknownErrorForEveryOtherCode) {
             EXPECT_EQ(tavrix_jrpc_error_convert_tavrix_to_jrpc(code), -32001) << code;
         }
     }
-    EXPECT_EQ(known.count(-20), 0U);
-    EXPECT_EQ(known.count(-34), 0U);
+    EXPECT_EQ(known.count(TAVRIX_ERR_NULL_INPUT), 0U);
+    EXPECT_EQ(known.count(TAVRIX_ERR_VALIDATION), 0U);
 }
 
 TEST(ConvertFromJrpc, TakesTheFirstRowThatFits) {
@@ -151,7 +196,7 @@ TEST(ConvertFromJrpc, AnswersTheOtherNumberingWhenNoRowFits) {
 
 TEST(Conversions, SayWhatTheyReceivedAtDebugLevel) {
     const LogCapture log("debug");
-    tavrix_jrpc_error_convert_tavrix_to_jrpc(-35);
+    tavrix_jrpc_error_convert_tavrix_to_jrpc(TAVRIX_ERR_PARAMETER_NOT_FOUND);
     tavrix_jrpc_error_convert_jrpc_to_tavrix(-32602);
     EXPECT_EQ(log.sequence(), (std::vector<std::string>{
                                   "DEBUG|Received error code <-35> to convert to jrpc error",
@@ -162,7 +207,7 @@ TEST(Conversions, SayWhatTheyReceivedAtDebugLevel) {
 
 TEST(Conversions, AreSilentBelowDebugLevel) {
     const LogCapture log("info");
-    tavrix_jrpc_error_convert_tavrix_to_jrpc(-35);
+    tavrix_jrpc_error_convert_tavrix_to_jrpc(TAVRIX_ERR_PARAMETER_NOT_FOUND);
     tavrix_jrpc_error_convert_jrpc_to_tavrix(-32602);
     EXPECT_TRUE(log.silent());
 }

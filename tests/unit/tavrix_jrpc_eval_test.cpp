@@ -152,7 +152,7 @@ TEST_F(Evaluate, DropsErrorDataOfASuccess) {
 }
 
 TEST_F(Evaluate, ConvertsAFailureAndCarriesItsData) {
-    script.rc = -35;
+    script.rc = TAVRIX_ERR_PARAMETER_NOT_FOUND;
     script.result = json_integer(99);
     script.error_data = json_pack("{s:s}", "message", "Missing");
     const Answer answer = evaluate(R"({"jsonrpc":"2.0","id":1,"method":"test.Run","transaction_id":4})");
@@ -163,7 +163,7 @@ TEST_F(Evaluate, ConvertsAFailureAndCarriesItsData) {
 }
 
 TEST_F(Evaluate, AnswersAStatusThatClientsDoNotKnowAsUnknownError) {
-    script.rc = -20;
+    script.rc = TAVRIX_ERR_NULL_INPUT;
     expect_json(evaluate(good).text, R"({"jsonrpc":"2.0","id":"test.Run",
         "error":{"code":-32001,"message":"Unknown Error","data":null}})");
 }
@@ -205,14 +205,14 @@ TEST_F(Evaluate, GivesNoResponseToANotification) {
     EXPECT_EQ(success.rc, 0);
     EXPECT_FALSE(success.has_text);
     EXPECT_EQ(script.calls, 1);
-    script.rc = -4;
+    script.rc = TAVRIX_ERR_PARAMETER;
     script.result = json_integer(1);
     script.error_data = json_object();
     const Answer failure = evaluate(R"({"jsonrpc":"2.0","method":"test.Run"})");
-    EXPECT_EQ(failure.rc, -1);
+    EXPECT_EQ(failure.rc, TAVRIX_ERR_GENERAL);
     EXPECT_FALSE(failure.has_text);
     const Answer unknown = evaluate(R"({"jsonrpc":"2.0","method":"x"})");
-    EXPECT_EQ(unknown.rc, -1);
+    EXPECT_EQ(unknown.rc, TAVRIX_ERR_GENERAL);
     EXPECT_FALSE(unknown.has_text);
 }
 
@@ -228,7 +228,7 @@ TEST_P(EvaluateRefuses, WithoutAnyResponse) {
     script = Script();
     const LogCapture log("info");
     const Answer answer = evaluate(GetParam().request);
-    EXPECT_EQ(answer.rc, -1);
+    EXPECT_EQ(answer.rc, TAVRIX_ERR_GENERAL);
     EXPECT_FALSE(answer.has_text) << answer.text;
     EXPECT_EQ(script.calls, 0);
     if (GetParam().line != nullptr) {

@@ -1,7 +1,6 @@
 /*
  * What the engine does when memory, Jansson or the bus refuses: each call it makes fails once.
  */
-#include <cstdarg>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -13,12 +12,14 @@
 
 #include "internal/tavrix_jrpc_seam.h"
 #include "support/bus.h"
+#include "support/faults.h"
 #include "support/log_capture.h"
 #include "support/stream.h"
 #include "tavrix_error.h"
 #include "tavrix_jrpc.h"
 #include "tavrix_mq.h"
 
+using fault::Failing;
 using support::BusSocket;
 using support::LogCapture;
 
@@ -26,27 +27,10 @@ namespace {
 
 constexpr char unit[] = "tavrix_jrpc";
 
-std::string failing;  ///< the function that fails
-int calls_before = 0; ///< how many of its calls still succeed
-int closes = 0;       ///< calls of close
-
-bool fails(const char *name) { return failing == name && calls_before-- == 0; }
-
-/** Makes one call of a function fail for as long as it lives. */
-struct Failing {
-    explicit Failing(const char *name, int after = 0) {
-        calls_before = after;
-        failing = name;
-    }
-    Failing(const Failing &) = delete;
-    Failing &operator=(const Failing &) = delete;
-    ~Failing() { failing.clear(); }
-};
-
 int succeed(json_t *, json_t **, json_t **) { return 0; }
 int refuse(json_t *, json_t **, json_t **error_data) {
     *error_data = json_true();
-    return -35;
+    return TAVRIX_ERR_PARAMETER_NOT_FOUND;
 }
 const tavrix_jrpc_method table[] = {{"x.Ok", succeed}, {"x.No", refuse}, {nullptr, nullptr}};
 
@@ -79,68 +63,16 @@ constexpr char no_transaction[] = "tavrix_jrpc_eval_request: Failed to add Trans
 
 } // namespace
 
-extern "C" {
-void *__real_malloc(size_t size);
-void *__real_realloc(void *memory, size_t size);
-char *__real_strdup(const char *text);
-char *__real_json_dumps(const json_t *json, size_t flags);
-int __real_json_dump_callback(const json_t *json, json_dump_callback_t callback, void *data, size_t flags);
-int __real_json_object_set_new(json_t *object, const char *key, json_t *value);
-int __real_json_object_del(json_t *object, const char *key);
-json_t *__real_json_integer(json_int_t value);
-int __real_tavrix_mq_socket_set_timeout(int sock, int ms);
-int __real_close(int fd);
-
-void *__wrap_malloc(size_t size) { return fails("malloc") ? nullptr : __real_malloc(size); }
-void *__wrap_realloc(void *memory, size_t size) { return fails("realloc") ? nullptr : __real_realloc(memory, size); }
-char *__wrap_strdup(const char *text) { return fails("strdup") ? nullptr : __real_strdup(text); }
-char *__wrap_json_dumps(const json_t *json, size_t flags) {
-    return fails("json_dumps") ? nullptr : __real_json_dumps(json, flags);
-}
-int __wrap_json_dump_callback(const json_t *json, json_dump_callback_t callback, void *data, size_t flags) {
-    return fails("json_dump_callback") ? -1 : __real_json_dump_callback(json, callback, data, flags);
-}
-json_t *__wrap_json_pack(const char *format, ...) {
-    if (fails("json_pack")) {
-        return nullptr;
-    }
-    va_list args;
-    va_start(args, format);
-    json_t *value = json_vpack_ex(nullptr, 0, format, args);
-    va_end(args);
-    return value;
-}
-int __wrap_json_object_set_new(json_t *object, const char *key, json_t *value) {
-    if (fails("json_object_set_new")) {
-        json_decref(value); // as the real one does
-        return -1;
-    }
-    return __real_json_object_set_new(object, key, value);
-}
-int __wrap_json_object_del(json_t *object, const char *key) {
-    return fails("json_object_del") ? -1 : __real_json_object_del(object, key);
-}
-json_t *__wrap_json_integer(json_int_t value) { return fails("json_integer") ? nullptr : __real_json_integer(value); }
-int __wrap_close(int fd) {
-    ++closes;
-    const int rc = __real_close(fd); // released all the same: only the report fails
-    return fails("close") ? -1 : rc;
-}
-int __wrap_tavrix_mq_socket_set_timeout(int sock, int ms) {
-    return fails("set_timeout") ? -1 : __real_tavrix_mq_socket_set_timeout(sock, ms);
-}
-}
-
 TEST(EvaluateFailures, TurnAResponseThatCannotBeBuiltIntoAnInternalError) {
     const struct {
         const char *function;
-        int after;
-    } rows[] = {{"realloc", 0}, {"json_dump_callback", 0}, {"json_dump_callback", 1}, {"json_dump_callback", 2}};
+        int call;
+    } rows[] = {{"realloc", 1}, {"json_dump_callback", 1}, {"json_dump_callback", 2}, {"json_dump_callback", 3}};
     for (const auto &row : rows) {
         const LogCapture log("info");
-        const Failing once(row.function, row.after);
+        const Failing once(row.function, row.call);
         const Answer answer = evaluate("x.Ok");
-        EXPECT_EQ(answer.rc, 0) << row.function << row.after;
+        EXPECT_EQ(answer.rc, 0) << row.function << row.call;
         EXPECT_NE(answer.text.find(R"("code":-32603,"message":"Internal error")"), std::string::npos) << answer.text;
         EXPECT_EQ(messages(log), (std::vector<std::string>{"ERROR|" + std::string(no_response),
                                                            "ERROR|JSON Response: " + answer.text + "\n"}));
@@ -182,7 +114,7 @@ TEST(CreateResponseFailures, TellWhenThereIsNoRoomForTheTransactionId) {
     for (size_t length = 0; length < 300; ++length) {
         json_t *result = json_string(std::string(length, 'r').c_str());
         const LogCapture log("info");
-        const Failing second("realloc", 1);
+        const Failing second("realloc", 2);
         char *text = tavrix_jrpc_create_response(result, id, 0, transaction_id);
         if (text == nullptr) {
             const std::vector<std::string> lines = messages(log);
@@ -209,18 +141,18 @@ TEST(EvaluateFailures, AnswerUnknownErrorWhenNotEvenZeroCanBeMade) {
 TEST(EvaluateFailures, LeaveNoResponseWhenTheErrorCannotBeBuilt) {
     const struct {
         const char *function;
-        int after;
+        int call;
     } rows[] = {
-        {"json_pack", 0}, {"json_pack", 1}, {"json_object_set_new", 0}, {"json_object_set_new", 1}, {"json_dumps", 0},
+        {"json_pack", 1}, {"json_pack", 2}, {"json_object_set_new", 1}, {"json_object_set_new", 2}, {"json_dumps", 1},
     };
     for (const auto &row : rows) {
         const LogCapture log("info");
-        const Failing once(row.function, row.after);
+        const Failing once(row.function, row.call);
         const Answer answer = evaluate("x.No");
-        EXPECT_EQ(answer.rc, -1) << row.function << row.after;
+        EXPECT_EQ(answer.rc, TAVRIX_ERR_GENERAL) << row.function << row.call;
         EXPECT_EQ(answer.text, "(null)");
         EXPECT_EQ(log.count(support::error, unit, no_error), 1);
-        const bool transaction = failing == "json_object_set_new" && row.after == 0;
+        const bool transaction = once.was("json_object_set_new") && row.call == 1;
         EXPECT_EQ(log.count(support::error, unit, no_transaction), transaction ? 1 : 0);
     }
 }
@@ -260,7 +192,7 @@ TEST(PublishFailures, ReportAFrameThatCannotBeMade) {
 TEST(SubInitFailures, LeaveTheSocketOpenWhenTheTimeOutCannotBeSet) {
     int sub = -77;
     const LogCapture log("debug");
-    const Failing once("set_timeout");
+    const Failing once("tavrix_mq_socket_set_timeout");
     EXPECT_EQ(tavrix_jrpc_mq_sub_init(&sub, 1), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(sub, -77);
     EXPECT_TRUE(log.has(support::debug, unit,
@@ -274,7 +206,7 @@ TEST(NotificationWaitFailures, ReportATimeOutThatCannotBeLifted) {
     const BusSocket sub(TAVRIX_SP_SUB);
     json_t *out = nullptr;
     const LogCapture log("debug");
-    const Failing once("set_timeout");
+    const Failing once("tavrix_mq_socket_set_timeout");
     EXPECT_EQ(tavrix_jrpc_mq_sub_for_notifcation(sub.number, "x", &out), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(log.sequence(),
               std::vector<std::string>{
@@ -286,7 +218,7 @@ TEST(NotificationWaitFailures, OnlyLogATimeOutThatCannotBeRestored) {
     bus.publish(R"(ev|{"jsonrpc":"2.0","method":"x"})");
     json_t *out = nullptr;
     const LogCapture log("debug");
-    const Failing second("set_timeout", 1);
+    const Failing second("tavrix_mq_socket_set_timeout", 2);
     EXPECT_EQ(tavrix_jrpc_mq_sub_for_notifcation(bus.sub.number, "x", &out), 0);
     const std::vector<std::string> lines = log.sequence();
     ASSERT_GE(lines.size(), 2U);
@@ -305,7 +237,7 @@ TEST(NotificationWaitFailures, OnlyLogATimeOutThatCannotBeRestoredWhenTheyGiveUp
     }
     json_t *out = nullptr;
     const LogCapture log("debug");
-    const Failing second("set_timeout", 1);
+    const Failing second("tavrix_mq_socket_set_timeout", 2);
     EXPECT_EQ(tavrix_jrpc_mq_sub_for_notifcation(bus.sub.number, "x", &out), TAVRIX_ERR_GENERAL);
     const std::vector<std::string> lines = log.sequence();
     ASSERT_GE(lines.size(), 2U);
@@ -394,12 +326,11 @@ TEST(ServerFailures, OfTheClientsCloseAreItsStatusAndComeOnce) {
     support::StreamClient asking = support::StreamClient::unix_path("server.sock");
     asking.say(R"({"jsonrpc":"2.0","id":1,"method":"x.Ok"})");
     const support::StderrCapture out;
-    closes = 0;
     {
-        const Failing always("close");
+        const Failing ever("close", 1, EIO, Failing::always);
         EXPECT_EQ(tavrix_jrpc_unix_socket_run(&listener, table), TAVRIX_ERR_GENERAL);
+        EXPECT_EQ(ever.calls(), 1);
     }
-    EXPECT_EQ(closes, 1);
     EXPECT_EQ(out.text().find("tavrix_socket_close: "), out.text().rfind("tavrix_socket_close: "));
     EXPECT_NE(out.text().find("tavrix_socket_close: "), std::string::npos);
     close(listener);
@@ -416,19 +347,19 @@ TEST(SystemResponseFailures, GiveNull) {
     json_t *asked = json_loads(R"({"id":"a","transaction_id":1})", 0, nullptr);
     const struct {
         const char *function;
-        int after;
+        int call;
         bool transaction_line;
     } rows[] = {
-        {"json_pack", 0, false},
         {"json_pack", 1, false},
-        {"json_object_set_new", 0, false},
-        {"json_object_set_new", 1, true},
+        {"json_pack", 2, false},
+        {"json_object_set_new", 1, false},
+        {"json_object_set_new", 2, true},
     };
     for (const auto &row : rows) {
         json_t *response = asked;
         const LogCapture log("info");
         {
-            const Failing once(row.function, row.after);
+            const Failing once(row.function, row.call);
             EXPECT_EQ(tavrix_jrpc_router_create_system_lock_response(asked, &response), TAVRIX_ERR_GENERAL);
         }
         EXPECT_EQ(response, nullptr);
@@ -437,7 +368,7 @@ TEST(SystemResponseFailures, GiveNull) {
             continue;
         }
         response = asked;
-        const Failing once(row.function, row.after);
+        const Failing once(row.function, row.call);
         EXPECT_EQ(tavrix_jrpc_router_create_system_timeout_response("a", 1, &response), TAVRIX_ERR_GENERAL);
         EXPECT_EQ(response, nullptr);
     }

@@ -74,10 +74,10 @@ TEST(ParseMsg, StaysWithinTheGivenLength) {
     EXPECT_EQ(split("abc|defg", 6).text, "de");
     EXPECT_EQ(split("abc|d", 4).text, "");
     const LogCapture log("debug");
-    EXPECT_EQ(split("abc|d", 3).rc, -1) << "the bar lies beyond";
-    EXPECT_EQ(split("abc|d", 0).rc, -1);
-    EXPECT_EQ(split("abc|d", -5).rc, -1);
-    EXPECT_EQ(split("abcd").rc, -1) << "no bar";
+    EXPECT_EQ(split("abc|d", 3).rc, TAVRIX_ERR_GENERAL) << "the bar lies beyond";
+    EXPECT_EQ(split("abc|d", 0).rc, TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(split("abc|d", -5).rc, TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(split("abcd").rc, TAVRIX_ERR_GENERAL) << "no bar";
     EXPECT_EQ(log.count(support::debug, unit, "[tavrix_connect_parse_msg]: Failed to parse JSON message\n"), 4);
 }
 
@@ -108,7 +108,7 @@ TEST(ParseChannel, RefusesOtherIdsAndLeavesTheOutputAlone) {
     for (const char *id : {"7", "1.5", "true", "null", "[]", "{}"}) {
         const LogCapture log("debug");
         const Split refused = channel_of(std::string("{\"id\":") + id + "}");
-        EXPECT_EQ(refused.rc, -1) << id;
+        EXPECT_EQ(refused.rc, TAVRIX_ERR_GENERAL) << id;
         EXPECT_EQ(refused.text, "(untouched)") << id;
         EXPECT_TRUE(log.has(support::debug, unit, "[tavrix_jrpc_parse_channel]: Invalid ID\n"));
     }
@@ -117,14 +117,14 @@ TEST(ParseChannel, RefusesOtherIdsAndLeavesTheOutputAlone) {
 TEST(ParseChannel, RefusesWhatIsNoObject) {
     for (const char *text : {"[]", "7", "\"id\"", "null"}) {
         const LogCapture log("debug");
-        EXPECT_EQ(channel_of(text).rc, -1) << text;
+        EXPECT_EQ(channel_of(text).rc, TAVRIX_ERR_GENERAL) << text;
         EXPECT_EQ(log.sequence(), std::vector<std::string>{"DEBUG|[tavrix_jrpc_parse_channel]: Invalid JSON"});
     }
 }
 
 TEST(ParseChannel, RefusesWhatIsNoJson) {
     const LogCapture log("debug");
-    EXPECT_EQ(channel_of("{\n]").rc, -1);
+    EXPECT_EQ(channel_of("{\n]").rc, TAVRIX_ERR_GENERAL);
     EXPECT_EQ(channel_of(R"({"id":"a","id":"b"})").text, "(untouched)") << "duplicate keys";
     const auto lines = log.lines();
     ASSERT_EQ(lines.size(), 4U);

@@ -7,51 +7,43 @@
 
 #include "internal/tavrix_jrpc_seam.h"
 #include "support/bus.h"
+#include "support/faults.h"
 #include "support/log_capture.h"
 #include "tavrix_error.h"
 #include "tavrix_jrpc.h"
 #include "tavrix_mq.h"
 
-namespace {
+using fault::Failing;
 
-int renderings = 0;
-bool fail_rendering = false;
+namespace {
 
 int succeed(json_t *, json_t **, json_t **) { return 0; }
 const tavrix_jrpc_method table[] = {{"test.Run", succeed}, {nullptr, nullptr}};
 
 int evaluate_notification() {
     char *text = nullptr;
-    renderings = 0;
     return tavrix_jrpc_eval_request(R"({"jsonrpc":"2.0","method":"test.Run"})", table, &text);
 }
 
 } // namespace
 
-extern "C" {
-char *__real_json_dumps(const json_t *json, size_t flags);
-char *__wrap_json_dumps(const json_t *json, size_t flags) {
-    ++renderings;
-    return fail_rendering ? nullptr : __real_json_dumps(json, flags);
-}
-}
-
 TEST(Rendering, OfARequestHappensAtVerboseLevelOnly) {
     for (const char *level : {"off", "info", "debug"}) {
         const support::LogCapture log(level);
+        const Failing none("json_dumps", 0);
         EXPECT_EQ(evaluate_notification(), 0);
-        EXPECT_EQ(renderings, 0) << level;
+        EXPECT_EQ(none.calls(), 0) << level;
     }
     const support::LogCapture log("verbose");
+    const Failing none("json_dumps", 0);
     EXPECT_EQ(evaluate_notification(), 0);
-    EXPECT_EQ(renderings, 1);
+    EXPECT_EQ(none.calls(), 1);
 }
 
 TEST(Rendering, ThatFailsAtVerboseLevelEndsTheEvaluation) {
     const support::LogCapture log("verbose");
-    fail_rendering = true;
-    EXPECT_EQ(evaluate_notification(), -1);
-    fail_rendering = false;
+    const Failing once("json_dumps");
+    EXPECT_EQ(evaluate_notification(), TAVRIX_ERR_GENERAL);
     EXPECT_TRUE(log.has(support::error, "tavrix_jrpc", "tavrix_jrpc_eval_request: Could not print JSON\n"));
 }
 
@@ -60,9 +52,9 @@ TEST(Rendering, OfARoutedRequestHappensOnceBelowVerboseLevel) {
     for (const char *level : {"info", "verbose"}) {
         const support::LogCapture log(level);
         json_t *request = json_pack("{s:s, s:i}", "method", "ports.Get", "id", 1);
-        renderings = 0;
+        const Failing none("json_dumps", 0);
         EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&pub.number, request), 0);
-        EXPECT_EQ(renderings, std::string(level) == "verbose" ? 2 : 1) << "one goes onto the bus";
+        EXPECT_EQ(none.calls(), std::string(level) == "verbose" ? 2 : 1) << "one goes onto the bus";
         json_decref(request);
     }
 }
@@ -74,9 +66,9 @@ TEST(Rendering, OfARoutedRequestThatHasNoneIsNotTriedBelowVerboseLevel) {
             json_pack("{s:s, s:i, s:o}", "method", "ports.Get", "id", 1, "name", json_string_nocheck(text));
         for (const char *level : {"off", "info", "debug"}) {
             const support::LogCapture log(level);
-            renderings = 0;
+            const Failing none("json_dumps", 0);
             EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&pub.number, request), TAVRIX_ERR_GENERAL);
-            EXPECT_EQ(renderings, 0) << level;
+            EXPECT_EQ(none.calls(), 0) << level;
         }
         json_decref(request);
     }
@@ -85,7 +77,7 @@ TEST(Rendering, OfARoutedRequestThatHasNoneIsNotTriedBelowVerboseLevel) {
 TEST(Rendering, OfARoutedRequestThatFailsIsReported) {
     const support::BusSocket pub(TAVRIX_SP_PUB);
     json_t *request = json_pack("{s:s, s:i}", "method", "ports.Get", "id", 1);
-    fail_rendering = true;
+    const Failing ever("json_dumps", 1, ENOMEM, Failing::always);
     {
         const support::LogCapture log("verbose");
         EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&pub.number, request), TAVRIX_ERR_GENERAL);
@@ -109,6 +101,5 @@ TEST(Rendering, OfARoutedRequestThatFailsIsReported) {
         EXPECT_TRUE(log.has(support::debug, "tavrix_jrpc",
                             "[tavrix_jrpc_router_socket_dispatch_response]: Cannot decode JSON message\n"));
     }
-    fail_rendering = false;
     json_decref(request);
 }

@@ -128,7 +128,7 @@ TEST_F(Router, ReadsAtMost8192Bytes) {
     EXPECT_EQ(take_in_one_call(), 0);
     close_client();
     const StreamClient cut = connect(std::string(8192 - sizeof request + 2, ' ') + request); // ends at byte 8193
-    EXPECT_EQ(take_in_one_call(), -1);
+    EXPECT_EQ(take_in_one_call(), TAVRIX_ERR_GENERAL);
     EXPECT_TRUE(cut.closed_silently());
 }
 
@@ -139,7 +139,7 @@ TEST_F(Router, ReadsAtMost8192BytesOnTheSplitPath) {
     close_client();
     Value nothing;
     const StreamClient cut = connect(std::string(8192 - sizeof request + 2, ' ') + request); // ends at byte 8193
-    EXPECT_EQ(extract(&nothing), -1);
+    EXPECT_EQ(extract(&nothing), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(nothing.json, nullptr);
 }
 
@@ -155,7 +155,7 @@ TEST_P(RouterRefuses, InOneCallClosingTheClient) {
     const StreamClient asking = connect(GetParam().request);
     {
         const LogCapture log("debug");
-        EXPECT_EQ(take_in_one_call(), -1);
+        EXPECT_EQ(take_in_one_call(), TAVRIX_ERR_GENERAL);
         EXPECT_EQ(log.last(), support::whole(support::debug, line(one_call, "router_process_msg: failed")));
         EXPECT_TRUE(log.has(support::debug, unit, line(process, GetParam().words))) << log.text();
     }
@@ -197,7 +197,7 @@ TEST_F(Router, AcceptsTrailingBytes) {
 TEST_F(Router, SaysWhereARequestIsNoJson) {
     const StreamClient asking = connect("{\n\n]");
     const LogCapture log("debug");
-    EXPECT_EQ(take_in_one_call(), -1);
+    EXPECT_EQ(take_in_one_call(), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(log.first(), support::whole(support::debug, line(process, stopped_at("{\n\n]"))));
     EXPECT_EQ(support::parse_error("{\n\n]").line, 3);
 }
@@ -208,7 +208,7 @@ TEST_F(Router, RefusesDuplicateKeys) {
         const StreamClient asking = connect(twice);
         Value value;
         const LogCapture log("debug");
-        EXPECT_EQ(path == 0 ? take_in_one_call() : extract(&value), -1);
+        EXPECT_EQ(path == 0 ? take_in_one_call() : extract(&value), TAVRIX_ERR_GENERAL);
         EXPECT_EQ(log.first(),
                   support::whole(support::debug, line(path == 0 ? process : extracting, stopped_at(twice))));
         close_client();
@@ -219,14 +219,14 @@ TEST_F(Router, TakesARequestOfOneByteForOneThatIsNoJson) {
     const StreamClient asking = connect("{");
     Value value;
     const LogCapture log("debug");
-    EXPECT_EQ(extract(&value), -1);
+    EXPECT_EQ(extract(&value), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(log.first(), support::whole(support::debug, line(extracting, stopped_at("{"))));
 }
 
 TEST_F(Router, ClosesAClientThatSaysNothing) {
     StreamClient gone = connect("");
     gone.close();
-    EXPECT_EQ(take_in_one_call(), -1);
+    EXPECT_EQ(take_in_one_call(), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(support::open_descriptors(), open_before);
 }
 
@@ -240,10 +240,10 @@ TEST_F(Router, ReportsThatItCannotPublish) {
 }
 
 TEST_F(Router, PassesTheAcceptsStatusOn) {
-    EXPECT_EQ(take_in_one_call(), -1);
+    EXPECT_EQ(take_in_one_call(), TAVRIX_ERR_GENERAL);
     Value value;
     const LogCapture log("debug");
-    EXPECT_EQ(extract(&value), -1);
+    EXPECT_EQ(extract(&value), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(log.sequence(), std::vector<std::string>{
                                   "DEBUG|[tavrix_jrpc_router_socket_extract_request]: Failed socket_accept, rc = -1"});
 }
@@ -312,7 +312,7 @@ TEST_F(Router, LeavesTheClientOpenWhenItRefusesOnTheSplitPath) {
         StreamClient asking = connect(row.text);
         Value value;
         const LogCapture log("debug");
-        EXPECT_EQ(extract(&value), -1) << row.text;
+        EXPECT_EQ(extract(&value), TAVRIX_ERR_GENERAL) << row.text;
         EXPECT_EQ(value.json, nullptr);
         EXPECT_TRUE(log.has(support::debug, unit, line(extracting, row.words))) << log.text();
         ASSERT_GE(client, 0);
@@ -327,7 +327,7 @@ TEST_F(Router, LeavesASilentClientOpenOnTheSplitPath) {
     gone.close();
     Value value;
     const LogCapture log("debug");
-    EXPECT_EQ(extract(&value), -1);
+    EXPECT_EQ(extract(&value), TAVRIX_ERR_GENERAL);
     EXPECT_TRUE(log.has(support::debug, unit, line(extracting, "Failed socket_recv, readsize = 0")));
     EXPECT_GE(client, 0);
 }
@@ -693,7 +693,7 @@ TEST(RouterNotification, CallsItsHandler) {
 }
 
 TEST(RouterNotification, PassesTheHandlersStatusOnAPositiveOneToo) {
-    for (const int rc : {1, -35}) {
+    for (const int rc : {1, int{TAVRIX_ERR_PARAMETER_NOT_FOUND}}) {
         handler_rc = rc;
         const LogCapture log("info");
         EXPECT_EQ(evaluate(R"({"jsonrpc":"2.0","method":"router.X"})"), rc);
@@ -723,7 +723,7 @@ TEST(RouterNotification, RefusesWhatIsMalformedInThisOrder) {
     handler_calls = 0;
     for (const auto &row : rows) {
         const LogCapture log("info");
-        EXPECT_EQ(evaluate(row.text), -1) << row.text;
+        EXPECT_EQ(evaluate(row.text), TAVRIX_ERR_GENERAL) << row.text;
         EXPECT_EQ(log.lines().size(), 1U);
         EXPECT_TRUE(log.has(row.level, unit, line(evaluating, row.words))) << log.text();
     }

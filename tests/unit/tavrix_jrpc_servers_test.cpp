@@ -110,14 +110,14 @@ TEST_P(StreamServer, ReadsAtMost1024Bytes) {
     EXPECT_EQ(exact.hear(), response);
     const StreamClient cut = client();
     cut.say(std::string(1024 - sizeof request + 2, ' ') + request); // its last byte is the 1025th
-    EXPECT_EQ(run(), -1);
+    EXPECT_EQ(run(), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(calls, 1);
 }
 
 TEST_P(StreamServer, ClosesAClientWhoseRequestFails) {
     const StreamClient asking = client();
     asking.say("no json");
-    EXPECT_EQ(run(), -1);
+    EXPECT_EQ(run(), TAVRIX_ERR_GENERAL);
     EXPECT_TRUE(asking.closed_silently());
 }
 
@@ -131,7 +131,7 @@ TEST_P(StreamServer, ClosesAClientThatSaysNothing) {
         rc = run();
         return !log.silent(); // it is while nobody is waiting yet
     }));
-    EXPECT_EQ(rc, -1);
+    EXPECT_EQ(rc, TAVRIX_ERR_GENERAL);
     EXPECT_EQ(log.sequence(), std::vector<std::string>{"DEBUG|[tavrix_socket_recv]: zero bytes received!"})
         << "nothing is left to evaluate";
     EXPECT_EQ(support::open_descriptors(), open_before);
@@ -140,7 +140,7 @@ TEST_P(StreamServer, ClosesAClientThatSaysNothing) {
 
 TEST_P(StreamServer, ReportsThatNobodyIsWaiting) {
     const LogCapture log("debug");
-    EXPECT_EQ(run(), -1);
+    EXPECT_EQ(run(), TAVRIX_ERR_GENERAL);
     EXPECT_TRUE(log.silent());
 }
 
@@ -170,7 +170,7 @@ TEST_P(StreamServer, ReportsAndClosesAClientThatHasGone) {
     StreamClient gone = StreamClient::unix_path("gone.sock");
     gone.say(request);
     gone.close();
-    EXPECT_EQ(GetParam().run(&local, table), -1);
+    EXPECT_EQ(GetParam().run(&local, table), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(calls, 1) << "the request itself was good";
     EXPECT_EQ(log.count(support::debug, unit, GetParam().send_line), 1);
     EXPECT_EQ(support::open_descriptors(), open_before);
@@ -266,9 +266,9 @@ TEST_F(PullServer, EvaluatesAMessageAsItIsAndAnswersNothing) {
 }
 
 TEST_F(PullServer, ReturnsTheEvaluationsStatus) {
-    EXPECT_EQ(serve("no json"), -1);
-    EXPECT_EQ(serve(std::string("channel|") + request), -1) << "no channel is expected";
-    EXPECT_EQ(serve(R"({"jsonrpc":"2.0","method":"x.Unknown"})"), -1);
+    EXPECT_EQ(serve("no json"), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(serve(std::string("channel|") + request), TAVRIX_ERR_GENERAL) << "no channel is expected";
+    EXPECT_EQ(serve(R"({"jsonrpc":"2.0","method":"x.Unknown"})"), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(calls, 0);
 }
 

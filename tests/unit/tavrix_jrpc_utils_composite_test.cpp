@@ -11,11 +11,14 @@
 
 #include <gtest/gtest.h>
 
+#include "support/faults.h"
+#include "support/json.h"
 #include "support/log_capture.h"
 #include "support/params.h"
 #include "tavrix_error.h"
 
 using support::Buffer;
+using support::Json;
 using support::LogCapture;
 using support::Params;
 using Lines = std::vector<std::string>;
@@ -306,7 +309,7 @@ TEST(RetrievePorts, WorksWithoutAPlaceForTheMessage) {
               0);
     Ports bad("[{}]");
     EXPECT_EQ(tavrix_jrpc_utils_retrieve_input_ports(bad.params.get(), nullptr, "ports", bad.records, &bad.count, 1),
-              -4);
+              TAVRIX_ERR_PARAMETER);
 }
 
 // --- Ports, hardware only ------------------------------------------------------------------------------------------
@@ -394,7 +397,7 @@ TEST(RetrievePortsHardware, PassesOnWhatTheArrayParserFinds) {
     Params missing("{}");
     EXPECT_EQ(tavrix_jrpc_utils_retrieve_input_ports_hardware(missing.get(), missing.debug(), "ports", text.records,
                                                               &text.count, 1),
-              -35);
+              TAVRIX_ERR_PARAMETER_NOT_FOUND);
     EXPECT_EQ(text.count, -77);
 }
 
@@ -404,7 +407,7 @@ TEST(RetrievePortsHardware, RefusesNullArgumentsInSilence) {
     json_t *params = ports.params.get();
     json_t **debug = ports.params.debug();
     EXPECT_EQ(tavrix_jrpc_utils_retrieve_input_ports_hardware(params, debug, nullptr, ports.records, &ports.count, 1),
-              -4);
+              TAVRIX_ERR_PARAMETER);
     EXPECT_EQ(tavrix_jrpc_utils_retrieve_input_ports_hardware(params, debug, "ports", nullptr, &ports.count, 1),
               TAVRIX_ERR_PARAMETER);
     EXPECT_EQ(tavrix_jrpc_utils_retrieve_input_ports_hardware(params, debug, "ports", ports.records, nullptr, 1),
@@ -433,7 +436,7 @@ struct MacFilters {
     explicit MacFilters(const std::string &json) : params(params_of("filters", json)) {
         tavrix_mac_filter *out = untouched_filters;
         rc = tavrix_jrpc_utils_retrieve_input_mac_filters(params.get(), params.debug(), "filters", &out, &count, 11,
-                                                          -22);
+                                                          TAVRIX_ERR_NO_MEMORY);
         untouched = out == untouched_filters;
         if (!untouched) {
             filters.reset(out);
@@ -456,7 +459,7 @@ TEST(RetrieveMacFilters, ReadsEveryElementInCanonicalForm) {
     EXPECT_STREQ(read.filters.get()[1].mask, "FF:FF:FF:FF:FF:FF");
     for (int i = 0; i < 2; ++i) {
         EXPECT_EQ(read.filters.get()[i].first, 11);
-        EXPECT_EQ(read.filters.get()[i].second, -22);
+        EXPECT_EQ(read.filters.get()[i].second, TAVRIX_ERR_NO_MEMORY);
     }
     EXPECT_EQ(read.params.message(), "(none)");
 }
@@ -467,7 +470,7 @@ TEST(RetrieveMacFilters, AllocatesOneElementForAnEmptyList) {
     EXPECT_EQ(read.count, 0);
     ASSERT_NE(read.filters, nullptr);
     EXPECT_EQ(read.filters->first, 11);
-    EXPECT_EQ(read.filters->second, -22);
+    EXPECT_EQ(read.filters->second, TAVRIX_ERR_NO_MEMORY);
 }
 
 TEST(RetrieveMacFilters, KeepsTheInnerStatus) {
@@ -477,16 +480,16 @@ TEST(RetrieveMacFilters, KeepsTheInnerStatus) {
         int rc;
         const char *message;
     } rows[] = {
-        {filter("", good), -35, "Missing expected parameter: 'mac'"},
-        {filter(good, ""), -35, "Missing expected parameter: 'mask'"},
-        {filter("", ""), -35, "Missing expected parameter: 'mac'"},
-        {filter("1", good), -31, "Parameter 'mac' is not of type 'string'."},
-        {filter(good, "null"), -31, "Parameter 'mask' is not of type 'string'."},
-        {filter(R"("aa:bb:cc:dd:ee:fg")", good), -34, "(none)"},
-        {filter(good, R"("ff:ff")"), -34, "(none)"},
-        {filter(R"("aa:bb:cc:dd:ee:ff:00:11")", good), -34, "(none)"},
-        {"null", -35, "Missing expected parameter: 'mac'"},
-        {"7", -35, "Missing expected parameter: 'mac'"},
+        {filter("", good), TAVRIX_ERR_PARAMETER_NOT_FOUND, "Missing expected parameter: 'mac'"},
+        {filter(good, ""), TAVRIX_ERR_PARAMETER_NOT_FOUND, "Missing expected parameter: 'mask'"},
+        {filter("", ""), TAVRIX_ERR_PARAMETER_NOT_FOUND, "Missing expected parameter: 'mac'"},
+        {filter("1", good), TAVRIX_ERR_INVALID_PARAMETER, "Parameter 'mac' is not of type 'string'."},
+        {filter(good, "null"), TAVRIX_ERR_INVALID_PARAMETER, "Parameter 'mask' is not of type 'string'."},
+        {filter(R"("aa:bb:cc:dd:ee:fg")", good), TAVRIX_ERR_VALIDATION, "(none)"},
+        {filter(good, R"("ff:ff")"), TAVRIX_ERR_VALIDATION, "(none)"},
+        {filter(R"("aa:bb:cc:dd:ee:ff:00:11")", good), TAVRIX_ERR_VALIDATION, "(none)"},
+        {"null", TAVRIX_ERR_PARAMETER_NOT_FOUND, "Missing expected parameter: 'mac'"},
+        {"7", TAVRIX_ERR_PARAMETER_NOT_FOUND, "Missing expected parameter: 'mac'"},
     };
     for (const auto &row : rows) {
         const MacFilters read(list({filter(good, good), row.element, filter(good, good)}));
@@ -509,7 +512,7 @@ TEST(RetrieveMacFilters, PassesOnWhatTheArrayParserFinds) {
     int count = -77;
     EXPECT_EQ(
         tavrix_jrpc_utils_retrieve_input_mac_filters(missing.get(), missing.debug(), "filters", &out, &count, 1, 2),
-        -35);
+        TAVRIX_ERR_PARAMETER_NOT_FOUND);
     EXPECT_EQ(out, untouched_filters);
     EXPECT_EQ(count, -77);
 }
@@ -563,15 +566,15 @@ TEST(RetrieveMacFilters, ReadsALongList) {
     ASSERT_EQ(read.rc, 0);
     ASSERT_EQ(read.count, 2000);
     EXPECT_STREQ(read.filters.get()[1999].mask, "FF:FF:FF:FF:FF:FF");
-    EXPECT_EQ(read.filters.get()[1999].second, -22);
+    EXPECT_EQ(read.filters.get()[1999].second, TAVRIX_ERR_NO_MEMORY);
 }
 
 // --- Allowed MAC address -------------------------------------------------------------------------------------------
 
 namespace {
 
-int retrieve_allowed(Params &params, Buffer &out, const char *key = "mac") {
-    return tavrix_jrpc_utils_retrieve_input_macaddr_allowed(params.get(), params.debug(), key, out.get(), out.size());
+int retrieve_allowed(Params &params, Buffer &out) {
+    return tavrix_jrpc_utils_retrieve_input_macaddr_allowed(params.get(), params.debug(), "mac", out.get(), out.size());
 }
 
 } // namespace
@@ -612,43 +615,12 @@ TEST(RetrieveMacaddrAllowed, RefusesAnythingElse) {
     }
 }
 
-TEST(RetrieveMacaddrAllowed, PassesOnWhatTheParserFindsAndRefusesNullArguments) {
-    Buffer out(20);
-    Params missing("{}");
-    EXPECT_EQ(retrieve_allowed(missing, out), TAVRIX_ERR_PARAMETER_NOT_FOUND);
-    EXPECT_EQ(missing.message(), "Missing expected parameter: 'mac'");
-    Params number(R"({"mac": 1})");
-    EXPECT_EQ(retrieve_allowed(number, out), TAVRIX_ERR_INVALID_PARAMETER);
-    EXPECT_EQ(number.message(), "Parameter 'mac' is not of type 'string'.");
-    const LogCapture log("verbose");
-    EXPECT_EQ(retrieve_allowed(number, out, nullptr), TAVRIX_ERR_PARAMETER);
-    EXPECT_EQ(tavrix_jrpc_utils_retrieve_input_macaddr_allowed(number.get(), number.debug(), "mac", nullptr, 20),
-              TAVRIX_ERR_PARAMETER);
-    EXPECT_TRUE(out.untouched());
-    EXPECT_TRUE(log.silent());
-}
-
-TEST(RetrieveMacaddrAllowed, RefusesABufferOfNoBytesAfterWhatTheParserFinds) {
-    Buffer out(0);
-    Params missing("{}");
-    EXPECT_EQ(retrieve_allowed(missing, out), TAVRIX_ERR_PARAMETER_NOT_FOUND);
-    Params number(R"({"mac": 1})");
-    EXPECT_EQ(retrieve_allowed(number, out), TAVRIX_ERR_INVALID_PARAMETER);
-    const LogCapture log("debug");
-    for (const char *text : {"none", "aa:bb:cc:dd:ee:ff"}) {
-        Params good(std::string(R"({"mac": ")") + text + R"("})");
-        EXPECT_EQ(retrieve_allowed(good, out), TAVRIX_ERR_PARAMETER) << text;
-    }
-    EXPECT_TRUE(out.untouched());
-    EXPECT_TRUE(log.silent());
-}
-
 TEST(RetrieveMacaddrAllowed, StaysWithinBuffersOfAnySize) {
     support::set_log_level("off");
     Params params(R"({"mac": "aa:bb:cc:dd:ee:ff"})");
     for (size_t size = 1; size <= 20; ++size) {
         Buffer out(size);
-        EXPECT_EQ(retrieve_allowed(params, out), size >= 18 ? 0 : -34) << size;
+        EXPECT_EQ(retrieve_allowed(params, out), size >= 18 ? 0 : TAVRIX_ERR_VALIDATION) << size;
     }
 }
 
@@ -723,43 +695,68 @@ TEST(RetrieveAlias, MeasuresWhatFitTheBuffer) {
     EXPECT_EQ(ten.text(), "abcdefghi");
 }
 
-TEST(RetrieveAlias, PassesOnWhatTheParserFindsAndRefusesNullArguments) {
-    Buffer out(32);
-    Params missing("{}");
-    EXPECT_EQ(retrieve_alias(missing, out), TAVRIX_ERR_PARAMETER_NOT_FOUND);
-    EXPECT_EQ(missing.message(), "Missing expected parameter: 'alias'");
-    Params number(R"({"alias": 1})");
-    EXPECT_EQ(retrieve_alias(number, out), TAVRIX_ERR_INVALID_PARAMETER);
-    EXPECT_EQ(number.message(), "Parameter 'alias' is not of type 'string'.");
-    const LogCapture log("verbose");
-    EXPECT_EQ(retrieve_alias(number, out, nullptr), TAVRIX_ERR_PARAMETER);
-    EXPECT_EQ(tavrix_jrpc_utils_retrieve_input_alias(number.get(), number.debug(), "alias", nullptr, 32),
-              TAVRIX_ERR_PARAMETER);
-    EXPECT_TRUE(out.untouched());
-    EXPECT_TRUE(log.silent());
-}
-
-TEST(RetrieveAlias, RefusesABufferOfNoBytesAfterWhatTheParserFinds) {
-    Buffer out(0);
-    Params missing("{}");
-    EXPECT_EQ(retrieve_alias(missing, out), TAVRIX_ERR_PARAMETER_NOT_FOUND);
-    Params number(R"({"alias": 1})");
-    EXPECT_EQ(retrieve_alias(number, out), TAVRIX_ERR_INVALID_PARAMETER);
-    const LogCapture log("debug");
-    for (const char *text : {"ab1", "nine char"}) {
-        Params good(alias_json(text));
-        EXPECT_EQ(retrieve_alias(good, out), TAVRIX_ERR_PARAMETER) << text;
-        EXPECT_EQ(good.message(), "(none)") << text;
-    }
-    EXPECT_TRUE(out.untouched());
-    EXPECT_TRUE(log.silent());
-}
-
 TEST(RetrieveAlias, WorksWithoutAPlaceForTheMessage) {
     const Params params(alias_json("abcdefghi"));
     Buffer out(32);
     EXPECT_EQ(tavrix_jrpc_utils_retrieve_input_alias(params.get(), nullptr, "alias", out.get(), out.size()),
               TAVRIX_ERR_VALIDATION);
+}
+
+// --- Both ----------------------------------------------------------------------------------------------------------
+
+namespace {
+
+struct Limited {
+    const char *name;
+    int (*retrieve)(json_t *params, json_t **debug_message, const char *key, char *out, size_t out_size);
+    std::vector<std::string> texts; ///< taken, or refused for their length, where there is room
+
+    int operator()(Params &params, Buffer &out, const char *key = "k") const {
+        return retrieve(params.get(), params.debug(), key, out.get(), out.size());
+    }
+};
+
+class LimitedTexts : public testing::TestWithParam<Limited> {};
+
+INSTANTIATE_TEST_SUITE_P(
+    Retrieve, LimitedTexts,
+    testing::Values(Limited{"Macaddr", tavrix_jrpc_utils_retrieve_input_macaddr_allowed, {"none", "aa:bb:cc:dd:ee:ff"}},
+                    Limited{"Alias", tavrix_jrpc_utils_retrieve_input_alias, {"ab1", "nine char"}}),
+    [](const auto &row) { return row.param.name; });
+
+} // namespace
+
+TEST_P(LimitedTexts, PassOnWhatTheParserFindsAndRefuseNullArguments) {
+    const Limited &retrieve = GetParam();
+    Buffer out(32);
+    Params missing("{}");
+    EXPECT_EQ(retrieve(missing, out), TAVRIX_ERR_PARAMETER_NOT_FOUND);
+    EXPECT_EQ(missing.message(), "Missing expected parameter: 'k'");
+    Params number(R"({"k": 1})");
+    EXPECT_EQ(retrieve(number, out), TAVRIX_ERR_INVALID_PARAMETER);
+    EXPECT_EQ(number.message(), "Parameter 'k' is not of type 'string'.");
+    const LogCapture log("verbose");
+    EXPECT_EQ(retrieve(number, out, nullptr), TAVRIX_ERR_PARAMETER);
+    EXPECT_EQ(retrieve.retrieve(number.get(), number.debug(), "k", nullptr, 32), TAVRIX_ERR_PARAMETER);
+    EXPECT_TRUE(out.untouched());
+    EXPECT_TRUE(log.silent());
+}
+
+TEST_P(LimitedTexts, RefuseABufferOfNoBytesAfterWhatTheParserFinds) {
+    const Limited &retrieve = GetParam();
+    Buffer out(0);
+    Params missing("{}");
+    EXPECT_EQ(retrieve(missing, out), TAVRIX_ERR_PARAMETER_NOT_FOUND);
+    Params number(R"({"k": 1})");
+    EXPECT_EQ(retrieve(number, out), TAVRIX_ERR_INVALID_PARAMETER);
+    const LogCapture log("debug");
+    for (const std::string &text : retrieve.texts) {
+        Params good(R"({"k": ")" + text + R"("})");
+        EXPECT_EQ(retrieve(good, out), TAVRIX_ERR_PARAMETER) << text;
+        EXPECT_EQ(good.message(), "(none)") << text;
+    }
+    EXPECT_TRUE(out.untouched());
+    EXPECT_TRUE(log.silent());
 }
 
 // --- Secure option -------------------------------------------------------------------------------------------------
@@ -856,11 +853,6 @@ TEST(ParseSecureOption, ReportsNullArgumentsWithoutALineEnd) {
 
 namespace {
 
-struct DropReference {
-    void operator()(json_t *value) const { json_decref(value); }
-};
-using Json = std::unique_ptr<json_t, DropReference>;
-
 std::string mac_of(int n) {
     char text[20];
     std::snprintf(text, sizeof text, "00:00:00:00:%02X:%02X", static_cast<unsigned>(n) / 256U % 256U,
@@ -876,32 +868,6 @@ struct Macs {
             std::strcpy(texts[static_cast<size_t>(i)], mac_of(i).c_str());
         }
     }
-};
-
-/** The JSON library's allocations: fails from a given one on. */
-int allocations_left = -1;
-void *scripted_malloc(size_t size) {
-    if (allocations_left == 0) {
-        return nullptr;
-    }
-    if (allocations_left > 0) {
-        --allocations_left;
-    }
-    return std::malloc(size);
-}
-
-class FailingAllocations {
-  public:
-    explicit FailingAllocations(int successes) {
-        json_set_alloc_funcs(scripted_malloc, std::free);
-        allocations_left = successes;
-    }
-    ~FailingAllocations() {
-        allocations_left = -1;
-        json_set_alloc_funcs(std::malloc, std::free);
-    }
-    FailingAllocations(const FailingAllocations &) = delete;
-    FailingAllocations &operator=(const FailingAllocations &) = delete;
 };
 
 json_t *const untouched_array = reinterpret_cast<json_t *>(0x10);
@@ -979,7 +945,7 @@ TEST(PopulateMacAddresses, ReportsThatThereIsNoMemoryForTheArray) {
         json_t *out = untouched_array;
         int rc = 0;
         {
-            const FailingAllocations failing(successes);
+            const fault::Failing ever("Jansson", successes + 1, ENOMEM, fault::Fault::always);
             rc = tavrix_jrpc_utils_populate_json_mac_addresses_array(&out, macs.texts.get(), 1);
         }
         EXPECT_EQ(rc, TAVRIX_ERR_NO_MEMORY);
@@ -1001,10 +967,10 @@ TEST(PopulateMacAddresses, AnswersEveryShortageOfMemoryWithoutALeak) {
         json_t *out = untouched_array;
         int rc = 0;
         {
-            const FailingAllocations failing(successes);
+            const fault::Failing ever("Jansson", successes + 1, ENOMEM, fault::Fault::always);
             rc = tavrix_jrpc_utils_populate_json_mac_addresses_array(&out, macs.texts.get(), 20);
         }
-        if (rc == -1) {
+        if (rc == TAVRIX_ERR_GENERAL) {
             ++given_up;
             EXPECT_EQ(out, nullptr);
             const Lines lines = log.sequence();

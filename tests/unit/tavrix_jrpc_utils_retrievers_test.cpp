@@ -235,7 +235,7 @@ TEST_P(TextRetrievers, StayWithinBuffersOfAnySize) {
             EXPECT_EQ(rc, TAVRIX_ERR_PARAMETER);
             EXPECT_TRUE(out.untouched());
         } else {
-            EXPECT_TRUE(rc == 0 || rc == -34) << rc;
+            EXPECT_TRUE(rc == 0 || rc == TAVRIX_ERR_VALIDATION) << rc;
             EXPECT_TRUE(out.cleared_behind_text()) << size;
         }
     }
@@ -515,12 +515,12 @@ int expected_status(Kind kind, const Allowed &allowed) {
         return 0;
     }
     if (allowed.mzu_id) {
-        return -15; // hides what the port kinds gave
+        return TAVRIX_ERR_EXPECTED_MZU; // hides what the port kinds gave
     }
     if (allowed.c_port != allowed.d_port) {
-        return allowed.c_port ? -13 : -14;
+        return allowed.c_port ? TAVRIX_ERR_EXPECTED_C_PORT : TAVRIX_ERR_EXPECTED_D_PORT;
     }
-    return -34;
+    return TAVRIX_ERR_VALIDATION;
 }
 
 int retrieve_port_id(Params &params, Buffer &out, const Allowed &allowed, const char *key = "port_id") {
@@ -652,7 +652,7 @@ TEST(RetrievePortId, RefusesNullArgumentsInSilence) {
     EXPECT_EQ(retrieve_port_id(params, out, {true, true, true, true}, nullptr), TAVRIX_ERR_PARAMETER);
     EXPECT_EQ(tavrix_jrpc_utils_retrieve_input_port_id(params.get(), params.debug(), "port_id", nullptr, 16, true, true,
                                                        true, true),
-              -4);
+              TAVRIX_ERR_PARAMETER);
     EXPECT_TRUE(out.untouched());
     EXPECT_TRUE(log.silent());
 }
@@ -668,13 +668,19 @@ int retrieve_mzu_id(Params &params, Buffer &out, bool allow_all, const char *key
 } // namespace
 
 TEST(RetrieveMzuId, AcceptsUnitsAndAllWhenAllowed) {
+    constexpr int invalid = TAVRIX_ERR_VALIDATION;
     const struct {
         const char *value;
         int rc_with_all;
         int rc_without_all;
     } rows[] = {
-        {"c1", 0, 0},       {"C128", 0, 0},     {"all", 0, -34}, {"All", -34, -34},
-        {"c129", -34, -34}, {"c2-3", -34, -34}, {"", -34, -34},
+        {"c1", 0, 0},
+        {"C128", 0, 0},
+        {"all", 0, invalid},
+        {"All", invalid, invalid},
+        {"c129", invalid, invalid},
+        {"c2-3", invalid, invalid},
+        {"", invalid, invalid},
     };
     for (const auto &row : rows) {
         for (const bool allow_all : {true, false}) {

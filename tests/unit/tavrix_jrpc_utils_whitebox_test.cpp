@@ -3,26 +3,23 @@
  */
 #include "internal/tavrix_jrpc_utils_seam.h"
 
-#include <cstdlib>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "support/faults.h"
 #include "support/log_capture.h"
 #include "support/params.h"
 #include "tavrix_error.h"
 #include "tavrix_jrpc_utils.h"
 
+using fault::Failing;
 using support::LogCapture;
 using support::Params;
 using Lines = std::vector<std::string>;
 
 namespace {
-
-bool fail_allocation = false;
-
-void *no_memory(size_t) { return nullptr; }
 
 int missing(json_t **slot, const char *key) { return tavrix_jrpc_utils_set_missing_param_message(slot, key); }
 int wrong_type(json_t **slot, const char *key) {
@@ -48,11 +45,6 @@ INSTANTIATE_TEST_SUITE_P(Message, Builders,
                          [](const auto &row) { return row.param.name; });
 
 } // namespace
-
-extern "C" {
-void *__real_calloc(size_t count, size_t size);
-void *__wrap_calloc(size_t count, size_t size) { return fail_allocation ? nullptr : __real_calloc(count, size); }
-}
 
 TEST_P(Builders, StoreAnObjectOfOneMember) {
     const LogCapture log("verbose");
@@ -96,10 +88,8 @@ TEST_P(Builders, ReportWhatIsNoJsonString) {
 
 TEST_P(Builders, ReportThatThereIsNoMemory) {
     Params slot("{}");
-    json_set_alloc_funcs(no_memory, std::free);
-    const int rc = GetParam().build(slot.debug(), "port_id");
-    json_set_alloc_funcs(std::malloc, std::free);
-    EXPECT_EQ(rc, TAVRIX_ERR_JSON_RESPONSE);
+    const Failing ever("Jansson", 1, ENOMEM, Failing::always);
+    EXPECT_EQ(GetParam().build(slot.debug(), "port_id"), TAVRIX_ERR_JSON_RESPONSE);
     EXPECT_EQ(slot.message(), "(none)");
 }
 
@@ -116,10 +106,9 @@ TEST_P(Builders, CutTheTextAt99Characters) {
 TEST(Parsers, KeepTheirStatusWhenTheMessageCannotBeBuilt) {
     Params params(R"({"n": "text"})");
     int out = 77;
-    json_set_alloc_funcs(no_memory, std::free);
+    const Failing ever("Jansson", 1, ENOMEM, Failing::always);
     const int absent = tavrix_jrpc_utils_parse_input_integer(params.get(), params.debug(), "absent", &out);
     const int other_type = tavrix_jrpc_utils_parse_input_integer(params.get(), params.debug(), "n", &out);
-    json_set_alloc_funcs(std::malloc, std::free);
     EXPECT_EQ(absent, TAVRIX_ERR_PARAMETER_NOT_FOUND);
     EXPECT_EQ(other_type, TAVRIX_ERR_INVALID_PARAMETER);
     EXPECT_EQ(params.message(), "(none)");
@@ -129,9 +118,8 @@ TEST(RetrieveAlias, KeepsItsStatusWhenTheMessageCannotBeBuilt) {
     Params params(R"({"alias": "nine char"})");
     params.set_message("earlier");
     char out[32];
-    json_set_alloc_funcs(no_memory, std::free);
+    const Failing ever("Jansson", 1, ENOMEM, Failing::always);
     const int rc = tavrix_jrpc_utils_retrieve_input_alias(params.get(), params.debug(), "alias", out, sizeof out);
-    json_set_alloc_funcs(std::malloc, std::free);
     EXPECT_EQ(rc, TAVRIX_ERR_VALIDATION);
     EXPECT_EQ(params.message(), "(none)") << "the earlier one is gone all the same";
 }
@@ -142,10 +130,9 @@ TEST(RetrieveMacFilters, ReportsThatThereIsNoMemory) {
         Params params(json);
         tavrix_mac_filter *filters = nullptr;
         int count = -77;
-        fail_allocation = true;
+        const Failing once("calloc");
         const int rc = tavrix_jrpc_utils_retrieve_input_mac_filters(params.get(), params.debug(), "filters", &filters,
                                                                     &count, 1, 2);
-        fail_allocation = false;
         EXPECT_EQ(rc, TAVRIX_ERR_NO_MEMORY) << json;
         EXPECT_EQ(filters, nullptr);
         EXPECT_EQ(params.message(), "(none)");

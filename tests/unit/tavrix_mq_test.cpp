@@ -21,13 +21,13 @@
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include "support/bus.h"
 #include "support/leaks.h"
 #include "support/log_capture.h"
+#include "support/signals.h"
 #include "tavrix_error.h"
 
 using support::BusPair;
@@ -159,7 +159,7 @@ void expect_refused(int transport, const std::string &address, int reason) {
         const BusSocket socket(TAVRIX_SP_PAIR);
         int endpoint = -77;
         const LogCapture log("debug");
-        EXPECT_EQ(attach(socket.number, transport, address.c_str(), &endpoint), -1) << address;
+        EXPECT_EQ(attach(socket.number, transport, address.c_str(), &endpoint), TAVRIX_ERR_GENERAL) << address;
         EXPECT_EQ(endpoint, -77);
         ASSERT_EQ(log.lines().size(), 2U) << "the check's announcement and the failure";
         EXPECT_EQ(log.count(support::debug, unit, attach_line(address, reason)), 1) << log.text();
@@ -223,7 +223,7 @@ TEST(MqAddress, OfAnIpcSocketIsNotTakenFromOneThatIsThere) {
     ASSERT_EQ(tavrix_mq_socket_bind(first.number, TAVRIX_TRANSPORT_IPC, "ipc://taken.ipc", &endpoint), 0);
     const LogCapture log("debug");
     const support::MayLeak nanomsg;
-    EXPECT_EQ(bind_to(TAVRIX_TRANSPORT_IPC, "ipc://taken.ipc"), -1);
+    EXPECT_EQ(bind_to(TAVRIX_TRANSPORT_IPC, "ipc://taken.ipc"), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(log.count(support::debug, unit, attach_line("ipc://taken.ipc", EADDRINUSE)), 1) << log.text();
 }
 
@@ -236,7 +236,7 @@ TEST(MqAddress, OfAnIpcSocketIsNotTakenFromOneThatIsBusy) {
     }
     const LogCapture log("debug");
     const support::MayLeak nanomsg;
-    EXPECT_EQ(bind_to(TAVRIX_TRANSPORT_IPC, "ipc://busy.ipc"), -1);
+    EXPECT_EQ(bind_to(TAVRIX_TRANSPORT_IPC, "ipc://busy.ipc"), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(log.count(support::debug, unit, attach_line("ipc://busy.ipc", EADDRINUSE)), 1) << log.text();
     EXPECT_EQ(access("busy.ipc", F_OK), 0);
     waiting.back() = listener;
@@ -249,7 +249,7 @@ TEST(MqAddress, OfAnIpcSocketIsNotLookedAtForAClosedSocket) {
     int endpoint = -77;
     const LogCapture log("debug");
     for (const auto attach : attachments) {
-        EXPECT_EQ(attach(closed, TAVRIX_TRANSPORT_IPC, "ipc://kept.ipc", &endpoint), -1);
+        EXPECT_EQ(attach(closed, TAVRIX_TRANSPORT_IPC, "ipc://kept.ipc", &endpoint), TAVRIX_ERR_GENERAL);
     }
     EXPECT_EQ(log.count(support::debug, unit, attach_line("ipc://kept.ipc", EBADF)), 2) << log.text();
     EXPECT_EQ(access("kept.ipc", F_OK), 0) << "nothing is removed for it";
@@ -258,7 +258,7 @@ TEST(MqAddress, OfAnIpcSocketIsNotLookedAtForAClosedSocket) {
 TEST(MqAddress, OfAnIpcSocketIsRefusedWhenWhatIsThereCannotBeRemoved) {
     const std::string address = "ipc:///proc/self/status";
     const LogCapture log("debug");
-    EXPECT_EQ(bind_to(TAVRIX_TRANSPORT_IPC, address), -1);
+    EXPECT_EQ(bind_to(TAVRIX_TRANSPORT_IPC, address), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(log.count(support::debug, unit, attach_line(address, EPERM)), 1) << log.text();
 }
 
@@ -293,8 +293,8 @@ TEST(MqAddress, NeedsItsTransportsSchemeAndSaysNothingWithoutIt) {
 
 TEST(MqAddress, FindsTheSchemeAnywhere) {
     // The check passes; what nanomsg makes of the address is its own affair.
-    EXPECT_EQ(bind_to(2, "xipc://a"), -1);
-    EXPECT_EQ(bind_to(3, "xipc://tcp://a"), -1);
+    EXPECT_EQ(bind_to(2, "xipc://a"), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(bind_to(3, "xipc://tcp://a"), TAVRIX_ERR_GENERAL);
     ASSERT_EQ(mkdir("tcp:", 0755), 0);
     EXPECT_EQ(bind_to(3, "ipc://tcp://a"), 0) << "an ipc socket in the folder tcp:";
 }
@@ -444,23 +444,13 @@ TEST(MqReceive, ReportsASocketThatIsClosed) {
 }
 
 TEST(MqReceive, FailsOnASignalAndDoesNotTryAgain) {
-    struct sigaction action {};
-    struct sigaction before {};
-    action.sa_handler = [](int) {};
-    sigaction(SIGALRM, &action, &before);
-    itimerval ticking{};
-    ticking.it_value.tv_usec = 20000;
-    ticking.it_interval.tv_usec = 20000;
     const BusSocket socket(TAVRIX_SP_PAIR);
     tavrix_mq_socket_set_timeout(socket.number, -1);
     char *text = nullptr;
     int length = 0;
     const LogCapture log("debug");
-    setitimer(ITIMER_REAL, &ticking, nullptr);
+    const support::Ticking interrupts;
     EXPECT_EQ(tavrix_mq_socket_recv(socket.number, &text, &length, 0), TAVRIX_ERR_GENERAL);
-    const itimerval off{};
-    setitimer(ITIMER_REAL, &off, nullptr);
-    sigaction(SIGALRM, &before, nullptr);
     EXPECT_EQ(log.first(), support::whole(support::debug, line("nn_recv failed for mq_socket", socket.number, EINTR)));
 }
 
@@ -509,7 +499,7 @@ TEST(MqDescriptors, AreRefusedForNullPlacesAndClosedSockets) {
         const LogCapture log("debug");
         EXPECT_EQ(read(closed, nullptr), TAVRIX_ERR_NULL_INPUT);
         int out = -77;
-        EXPECT_EQ(read(closed, &out), -1);
+        EXPECT_EQ(read(closed, &out), TAVRIX_ERR_GENERAL);
         EXPECT_EQ(out, -77);
         EXPECT_EQ(log.first(), support::whole(support::debug, null_line));
         EXPECT_EQ(log.lines().at(1).message, line("nn_getsockopt failed for mq_socket", closed, EBADF));
@@ -796,7 +786,7 @@ TEST(MqUnsubscribe, KeepsTheTopicsOfManySocketsApart) {
         sockets[static_cast<size_t>(i)]->close(); // and the next one has its number
     }
     for (const auto &sub : sockets) {
-        const int expected = sub->number >= 0 ? 0 : -1;
+        const int expected = sub->number >= 0 ? 0 : TAVRIX_ERR_GENERAL;
         for (const std::string &longer : eight) {
             EXPECT_EQ(tavrix_mq_socket_unsubscribe(sub->number, longer.c_str()), expected) << sub->number;
         }

@@ -10,37 +10,26 @@
 #include <nanomsg/nn.h>
 
 #include "support/bus.h"
+#include "support/faults.h"
 #include "support/log_capture.h"
 #include "tavrix_error.h"
 #include "tavrix_mq.h"
 
+using fault::Failing;
 using support::BusPair;
 using support::LogCapture;
 
 namespace {
 
-std::string failing;
 std::atomic<int> blocks{0}; ///< in use of this program's own objects, the library's among them
-
-bool fails(const char *name) {
-    if (failing != name) {
-        return false;
-    }
-    failing.clear();
-    errno = ENOMEM;
-    return true;
-}
 
 } // namespace
 
 extern "C" {
 void *__real_malloc(size_t size);
 void __real_free(void *memory);
-void *__real_nn_allocmsg(size_t size, int type);
-int __real_nn_freemsg(void *msg);
-
 void *__wrap_malloc(size_t size) {
-    void *memory = fails("malloc") ? nullptr : __real_malloc(size);
+    void *memory = fault::Fault::fails("malloc") ? nullptr : __real_malloc(size);
     blocks += memory != nullptr ? 1 : 0;
     return memory;
 }
@@ -48,25 +37,14 @@ void __wrap_free(void *memory) {
     blocks -= memory != nullptr ? 1 : 0;
     __real_free(memory);
 }
-void *__wrap_nn_allocmsg(size_t size, int type) {
-    return fails("nn_allocmsg") ? nullptr : __real_nn_allocmsg(size, type);
-}
-int __wrap_nn_freemsg(void *msg) {
-    const bool failed = fails("nn_freemsg");
-    const int rc = __real_nn_freemsg(msg); // released all the same: only the report fails
-    if (failed) {
-        errno = ENOMEM;
-    }
-    return failed ? -1 : rc;
-}
 }
 
 TEST(MqFailures, OfAMessagesAllocationAreReported) {
     BusPair bus;
     const LogCapture log("debug");
     for (const auto send : {tavrix_mq_socket_send, tavrix_mq_socket_send_nonblock}) {
-        failing = "nn_allocmsg";
-        EXPECT_EQ(send(bus.pub.number, "x"), -1);
+        const Failing once("nn_allocmsg");
+        EXPECT_EQ(send(bus.pub.number, "x"), TAVRIX_ERR_GENERAL);
     }
     EXPECT_EQ(
         log.count(support::debug, "tavrix_mq",
@@ -77,7 +55,7 @@ TEST(MqFailures, OfAMessagesAllocationAreReported) {
 TEST(MqFailures, OfASubscriptionLeaveTheTopicOut) {
     BusPair bus("~");
     const LogCapture log("debug");
-    failing = "malloc";
+    const Failing once("malloc");
     EXPECT_EQ(tavrix_mq_socket_subscribe(bus.sub.number, "events"), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(log.lines().size(), 1U);
     EXPECT_EQ(log.count(support::debug, "tavrix_mq",
@@ -92,10 +70,11 @@ TEST(MqFailures, OfASubscriptionLeaveTheTopicOut) {
 TEST(MqFailures, CannotHitAnUnsubscription) {
     BusPair bus("~");
     ASSERT_EQ(tavrix_mq_socket_subscribe(bus.sub.number, "events"), 0);
-    failing = "malloc";
-    EXPECT_EQ(tavrix_mq_socket_unsubscribe(bus.sub.number, "events"), 0);
-    EXPECT_EQ(failing, "malloc") << "none was needed";
-    failing.clear();
+    {
+        const Failing ever("malloc", 1, ENOMEM, Failing::always);
+        EXPECT_EQ(tavrix_mq_socket_unsubscribe(bus.sub.number, "events"), 0);
+        EXPECT_FALSE(ever.happened()) << "none was needed";
+    }
     bus.publish("events|1");
     bus.publish("~|2");
     EXPECT_EQ(bus.receive(), "~|2");
@@ -155,7 +134,7 @@ TEST(MqFailures, OfTheReceivedCopyLoseNothingElse) {
     char *text = nullptr;
     int length = 0;
     const LogCapture log("debug");
-    failing = "malloc";
+    const Failing once("malloc");
     EXPECT_EQ(tavrix_mq_socket_recv(bus.sub.number, &text, &length, 0), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(text, nullptr);
     EXPECT_TRUE(log.has(support::debug, "tavrix_mq",
@@ -171,13 +150,12 @@ TEST(MqFailures, OfAReleaseAreReported) {
     bus.publish("x");
     char *text = nullptr;
     int length = 0;
-    failing = "nn_freemsg";
+    const Failing twice("nn_freemsg", 1, ENOMEM, 2);
     EXPECT_EQ(tavrix_mq_socket_recv(bus.sub.number, &text, &length, 0), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(text, nullptr);
     EXPECT_TRUE(log.has(support::debug, "tavrix_mq",
                         std::string("nn_freemsg failed to free received message: ") + nn_strerror(ENOMEM) + "\n"));
-    failing = "nn_freemsg";
-    EXPECT_EQ(tavrix_mq_socket_freemsg(__real_nn_allocmsg(1, 0)), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(tavrix_mq_socket_freemsg(nn_allocmsg(1, 0)), TAVRIX_ERR_GENERAL);
     EXPECT_TRUE(log.has(support::debug, "tavrix_mq",
                         std::string("nn_freemsg failed to free message: ") + nn_strerror(ENOMEM) + "\n"));
 }

@@ -17,18 +17,18 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "support/faults.h"
 #include "support/log_capture.h"
 #include "support/stream.h"
 #include "tavrix_error.h"
 
+using fault::Failing;
+using fault::Fault;
 using support::LogCapture;
 
 namespace {
 
-bool mapping_fails = false;
 int last_protection = 0;
-int reserve_error = 0;
-int reserve_failures = 0;       ///< how many reservations fail, from the next one on
 off_t grown_before_failing = 0; ///< what a reservation that fails has added by then
 std::vector<off_t> reserved;
 
@@ -40,23 +40,19 @@ int __real_posix_fallocate64(int fd, off_t offset, off_t length);
 
 void *__wrap_mmap64(void *address, size_t length, int protection, int flags, int fd, off_t offset) {
     last_protection = protection;
-    if (mapping_fails) {
-        errno = ENOMEM;
-        return MAP_FAILED;
-    }
-    return __real_mmap64(address, length, protection, flags, fd, offset);
+    return Fault::fails("mmap64") ? MAP_FAILED : __real_mmap64(address, length, protection, flags, fd, offset);
 }
 
 int __wrap_posix_fallocate64(int fd, off_t offset, off_t length) {
     reserved.push_back(length);
-    if (reserve_failures > 0) {
-        --reserve_failures;
-        if (grown_before_failing > 0) {
-            EXPECT_EQ(ftruncate(fd, grown_before_failing), 0);
-        }
-        return reserve_error;
+    if (!Fault::fails("posix_fallocate64")) {
+        return __real_posix_fallocate64(fd, offset, length);
     }
-    return __real_posix_fallocate64(fd, offset, length);
+    const int reason = errno;
+    if (grown_before_failing > 0) {
+        EXPECT_EQ(ftruncate(fd, grown_before_failing), 0);
+    }
+    return reason;
 }
 }
 
@@ -64,8 +60,6 @@ class ShmMemory : public testing::Test {
   protected:
     ShmMemory() : name_("/tavrix-memory-" + std::to_string(getpid())) {
         shm_unlink(name());
-        mapping_fails = false;
-        reserve_failures = 0;
         grown_before_failing = 0;
         reserved.clear();
     }
@@ -97,10 +91,6 @@ class ShmMemory : public testing::Test {
         EXPECT_EQ(log.count(support::error, "tavrix_shm", "Mmap error with " + name_ + ".\n"), 1);
         EXPECT_EQ(log.lines().size(), 1U);
     }
-    static void fail_reservations(int count, int error) {
-        reserve_failures = count;
-        reserve_error = error;
-    }
     void expect_every_access_to_fail() const {
         int value = 1;
         char text[4] = "old";
@@ -126,7 +116,7 @@ TEST_F(ShmMemory, IsReservedForTheWholeSlot) {
 }
 
 TEST_F(ShmMemory, IsNotReservedForWhatCannotBeMapped) {
-    mapping_fails = true;
+    const Failing ever("mmap64", 1, ENOMEM, Failing::always);
     const LogCapture log("info");
     EXPECT_EQ(tavrix_shm_create(name(), 100000), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(log.sequence(), map_lines(1));
@@ -139,7 +129,7 @@ TEST_F(ShmMemory, FailsTheCreationWhenThereIsNone) {
     const int open_before = support::open_descriptors();
     {
         const LogCapture log("info");
-        fail_reservations(1, ENOSPC);
+        const Failing reservations("posix_fallocate64", 1, ENOSPC);
         EXPECT_EQ(tavrix_shm_create(name(), 100000), TAVRIX_ERR_GENERAL);
         EXPECT_EQ(log.sequence(), map_lines(1));
     }
@@ -151,7 +141,7 @@ TEST_F(ShmMemory, FailsTheCreationWhenThereIsNone) {
 
 TEST_F(ShmMemory, KeepsWhatItHoldsWhenItCannotBeMapped) {
     hold_a_text();
-    mapping_fails = true;
+    const Failing ever("mmap64", 1, ENOMEM, Failing::always);
     for (const size_t size : {100000U, 16U, 8U}) {
         expect_creation_to_fail(size);
         expect_the_text_held();
@@ -161,7 +151,7 @@ TEST_F(ShmMemory, KeepsWhatItHoldsWhenItCannotBeMapped) {
 TEST_F(ShmMemory, KeepsWhatItHoldsWhenThereIsNoMemory) {
     hold_a_text();
     for (const size_t size : {100000U, 16U, 8U}) {
-        fail_reservations(1, ENOSPC);
+        const Failing reservations("posix_fallocate64", 1, ENOSPC);
         expect_creation_to_fail(size);
         expect_the_text_held();
     }
@@ -170,7 +160,7 @@ TEST_F(ShmMemory, KeepsWhatItHoldsWhenThereIsNoMemory) {
 TEST_F(ShmMemory, KeepsItsSizeWhenMemoryRunsOutHalfWay) {
     hold_a_text();
     grown_before_failing = 50000;
-    fail_reservations(1, ENOSPC);
+    const Failing reservations("posix_fallocate64", 1, ENOSPC);
     expect_creation_to_fail(100000);
     expect_the_text_held();
     EXPECT_EQ(tavrix_shm_create(name(), 100000), 0) << "the slot can be created again";
@@ -179,7 +169,7 @@ TEST_F(ShmMemory, KeepsItsSizeWhenMemoryRunsOutHalfWay) {
 
 TEST_F(ShmMemory, KeepsWhatItHoldsWhenSignalsNeverEnd) {
     hold_a_text();
-    fail_reservations(100, EINTR);
+    const Failing reservations("posix_fallocate64", 1, EINTR, 100);
     expect_creation_to_fail(100000);
     expect_the_text_held();
 }
@@ -215,7 +205,7 @@ TEST_F(ShmMemory, IsMappedNoLongerThanTheCallLasts) {
 
 TEST_F(ShmMemory, IsReservedInSpiteOfSignals) {
     const LogCapture log("info");
-    fail_reservations(3, EINTR);
+    const Failing reservations("posix_fallocate64", 1, EINTR, 3);
     EXPECT_EQ(tavrix_shm_create(name(), 16), 0);
     EXPECT_EQ(reserved, std::vector<off_t>(4, 16));
     EXPECT_TRUE(log.silent());
@@ -223,10 +213,12 @@ TEST_F(ShmMemory, IsReservedInSpiteOfSignals) {
 
 TEST_F(ShmMemory, IsGivenUpWhenSignalsNeverEnd) {
     const LogCapture log("info");
-    fail_reservations(99, EINTR);
-    EXPECT_EQ(tavrix_shm_create(name(), 16), 0) << "by the hundredth attempt";
+    {
+        const Failing reservations("posix_fallocate64", 1, EINTR, 99);
+        EXPECT_EQ(tavrix_shm_create(name(), 16), 0) << "by the hundredth attempt";
+    }
     reserved.clear();
-    fail_reservations(100, EINTR);
+    const Failing reservations("posix_fallocate64", 1, EINTR, 100);
     EXPECT_EQ(tavrix_shm_create(name(), 16), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(reserved.size(), 100U);
     EXPECT_EQ(log.sequence(), map_lines(1));

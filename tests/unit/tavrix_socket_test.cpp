@@ -11,11 +11,11 @@
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include "support/bus.h"
 #include "support/log_capture.h"
+#include "support/signals.h"
 #include "support/stream.h"
 #include "tavrix_error.h"
 
@@ -330,21 +330,11 @@ TEST(Receive, ReportsABadDescriptor) {
 }
 
 TEST(Receive, FailsOnASignal) {
-    struct sigaction action {};
-    struct sigaction before {};
-    action.sa_handler = [](int) {};
-    sigaction(SIGALRM, &action, &before);
-    itimerval ticking{};
-    ticking.it_value.tv_usec = 20000;
-    ticking.it_interval.tv_usec = 20000;
     Pair pair;
     char text[4];
     const StderrCapture out;
-    setitimer(ITIMER_REAL, &ticking, nullptr);
+    const support::Ticking interrupts;
     EXPECT_EQ(tavrix_socket_recv(&pair.ours.fd, text, 4), -1);
-    const itimerval off{};
-    setitimer(ITIMER_REAL, &off, nullptr);
-    sigaction(SIGALRM, &before, nullptr);
     EXPECT_EQ(out.text(), perror_text("tavrix_socket_recv", EINTR));
 }
 

@@ -12,25 +12,19 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include "support/faults.h"
 #include "support/log_capture.h"
 #include "support/stream.h"
 #include "tavrix_error.h"
 #include "tavrix_socket.h"
 
+using fault::Failing;
+using fault::Fault;
+
 namespace {
 
-std::string failing; ///< the call that fails next
-int reason = EACCES;
 std::string bound;        ///< the address of the last bind, as many bytes as its length said
 std::string connected_to; ///< the same of the last connect
-
-bool fails(const char *name) {
-    if (failing != name) {
-        return false;
-    }
-    errno = reason;
-    return true;
-}
 
 template <typename T>
 std::string bytes_of(const T &object) {
@@ -59,27 +53,21 @@ __attribute__((noinline)) void soil_the_stack() {
 } // namespace
 
 extern "C" {
-int __real_socket(int domain, int type, int protocol);
 int __real_bind(int fd, const sockaddr *address, socklen_t length);
 int __real_listen(int fd, int backlog);
-int __real_chmod(const char *path, mode_t mode);
 int __real_connect(int fd, const sockaddr *address, socklen_t length);
 
-int __wrap_socket(int domain, int type, int protocol) {
-    return fails("socket") ? -1 : __real_socket(domain, type, protocol);
-}
 int __wrap_bind(int fd, const sockaddr *address, socklen_t length) {
     bound = given(address, length);
-    return fails("bind") ? -1 : __real_bind(fd, address, length);
+    return Fault::fails("bind") ? -1 : __real_bind(fd, address, length);
 }
 int __wrap_listen(int fd, int backlog) {
     EXPECT_EQ(backlog, 10);
-    return fails("listen") ? -1 : __real_listen(fd, backlog);
+    return Fault::fails("listen") ? -1 : __real_listen(fd, backlog);
 }
-int __wrap_chmod(const char *path, mode_t mode) { return fails("chmod") ? -1 : __real_chmod(path, mode); }
 int __wrap_connect(int fd, const sockaddr *address, socklen_t length) {
     connected_to = given(address, length);
-    return fails("connect") ? -1 : __real_connect(fd, address, length);
+    return Fault::fails("connect") ? -1 : __real_connect(fd, address, length);
 }
 }
 
@@ -98,14 +86,13 @@ TEST_P(ListenerSetUp, ReportsTheFailingCallAndLeavesNothingOpen) {
     std::string printed;
     {
         const support::StderrCapture out;
-        failing = GetParam().call;
+        const Failing once(GetParam().call, 1, EACCES);
         const int rc =
             GetParam().unix_listener ? tavrix_unix_socket_init("x.sock", &fd, 1) : tavrix_tcp_socket_init(0, &fd, 1);
-        failing.clear();
-        EXPECT_EQ(rc, -1);
+        EXPECT_EQ(rc, TAVRIX_ERR_GENERAL);
         printed = out.text();
     }
-    EXPECT_EQ(printed, std::string(GetParam().prefix) + ": " + strerror(reason) + "\n");
+    EXPECT_EQ(printed, std::string(GetParam().prefix) + ": " + strerror(EACCES) + "\n");
     EXPECT_EQ(fd, -77);
     EXPECT_EQ(support::open_descriptors(), open_before);
 }
@@ -144,9 +131,8 @@ TEST(ListenerAddress, OfAPortHasTheLengthOfAPathsAndARestOfZero) {
 
 TEST(Connect, GivesAnIpv4AddressAndItsLength) {
     int fd = -77;
-    failing = "connect";
+    const Failing once("connect", 1, EACCES);
     EXPECT_EQ(tavrix_tcp_socket_connect("192.0.2.7", 4660, &fd), TAVRIX_ERR_GENERAL);
-    failing.clear();
     EXPECT_EQ(connected_to.size(), 16U);
     EXPECT_EQ(connected_to, bytes_of(ipv4(0xC0000207, 4660)));
 }
@@ -154,13 +140,14 @@ TEST(Connect, GivesAnIpv4AddressAndItsLength) {
 TEST(Connect, TellsATimeOutFromOtherFailures) {
     int fd = -77;
     const int open_before = support::open_descriptors();
-    failing = "connect";
-    reason = ETIMEDOUT;
-    EXPECT_EQ(tavrix_tcp_socket_connect("127.0.0.1", 1, &fd), TAVRIX_ERR_CONNECT_TIMEOUT);
-    reason = ENETUNREACH;
-    EXPECT_EQ(tavrix_tcp_socket_connect("127.0.0.1", 1, &fd), TAVRIX_ERR_GENERAL);
-    reason = EACCES;
-    failing.clear();
+    const struct {
+        int reason;
+        int status;
+    } rows[] = {{ETIMEDOUT, TAVRIX_ERR_CONNECT_TIMEOUT}, {ENETUNREACH, TAVRIX_ERR_GENERAL}};
+    for (const auto &row : rows) {
+        const Failing once("connect", 1, row.reason);
+        EXPECT_EQ(tavrix_tcp_socket_connect("127.0.0.1", 1, &fd), row.status);
+    }
     EXPECT_EQ(fd, -77);
     EXPECT_EQ(support::open_descriptors(), open_before);
 }
@@ -168,8 +155,7 @@ TEST(Connect, TellsATimeOutFromOtherFailures) {
 TEST(Connect, ReportsThatNoSocketIsLeft) {
     int fd = -77;
     const support::StderrCapture out;
-    failing = "socket";
+    const Failing once("socket", 1, EACCES);
     EXPECT_EQ(tavrix_tcp_socket_connect("127.0.0.1", 1, &fd), TAVRIX_ERR_GENERAL);
-    failing.clear();
     EXPECT_EQ(out.text(), std::string("tavrix_tcp_socket_connect: ") + strerror(EACCES) + "\n");
 }

@@ -9,8 +9,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include "support/faults.h"
 #include "support/log_capture.h"
-#include "support/sqlite_memory.h"
 #include "tavrix_sqlite3.h"
 
 using support::LogCapture;
@@ -99,7 +99,7 @@ TEST_F(BusyRetry, MakesEveryAttemptWithTheCallersArguments) {
 }
 
 TEST_F(BusyRetry, LeavesNoErrorTextBehind) {
-    support::take_over_sqlite_memory();
+    fault::take_over_sqlite();
     const LogCapture log("off");
     const sqlite3_int64 used = sqlite3_memory_used();
     EXPECT_EQ(execute({SQLITE_BUSY}), SQLITE_BUSY);
@@ -158,15 +158,13 @@ TEST_F(BusyRetry, IsForPlainBusyOnly) {
 
 class NoMemory : public testing::Test {
   protected:
-    static void SetUpTestSuite() { support::take_over_sqlite_memory(); }
-
     /** Makes the call on a connection of its own with each allocation failing in turn. */
     template <class Call>
     static void each_time(Call call) {
-        support::fail_each_sqlite_allocation([&](const bool &failed) {
+        fault::each_sqlite_failure([&](const fault::Fault &fault) {
             sqlite3 *db = nullptr;
-            if (sqlite3_open(":memory:", &db) == SQLITE_OK && !failed) {
-                call(db, failed);
+            if (sqlite3_open(":memory:", &db) == SQLITE_OK && !fault.happened()) {
+                call(db, fault);
             }
             EXPECT_EQ(sqlite3_close(db), SQLITE_OK) << "a statement was left open";
         });
@@ -174,33 +172,33 @@ class NoMemory : public testing::Test {
 };
 
 TEST_F(NoMemory, IsPassedOnByASingleId) {
-    each_time([](sqlite3 *db, const bool &failed) {
+    each_time([](sqlite3 *db, const fault::Fault &fault) {
         int64_t value = -77;
         const int rc = tavrix_sqlite3_get_single_id_result(db, &value, "SELECT length('%s')", "abc");
-        EXPECT_EQ(rc, failed ? SQLITE_NOMEM : SQLITE_OK);
-        EXPECT_EQ(value, failed ? -77 : 3);
+        EXPECT_EQ(rc, fault.happened() ? SQLITE_NOMEM : SQLITE_OK);
+        EXPECT_EQ(value, fault.happened() ? -77 : 3);
     });
 }
 
 TEST_F(NoMemory, IsNotMistakenForAnEmptyText) {
-    each_time([](sqlite3 *db, const bool &failed) {
+    each_time([](sqlite3 *db, const fault::Fault &fault) {
         char text[16] = "old";
         const int rc = tavrix_sqlite3_get_single_string_result(db, text, sizeof text, "SELECT %d", 12345);
-        EXPECT_EQ(rc, failed ? SQLITE_NOMEM : SQLITE_OK);
-        EXPECT_STREQ(text, failed ? "old" : "12345");
+        EXPECT_EQ(rc, fault.happened() ? SQLITE_NOMEM : SQLITE_OK);
+        EXPECT_STREQ(text, fault.happened() ? "old" : "12345");
     });
 }
 
 TEST_F(NoMemory, IsPassedOnByPrepareAndExecute) {
-    each_time([](sqlite3 *db, const bool &failed) {
+    each_time([](sqlite3 *db, const fault::Fault &fault) {
         sqlite3_stmt *statement = nullptr;
         const int rc = tavrix_sqlite3_prepare_sql(db, &statement, "SELECT '%s'", "x");
-        EXPECT_EQ(rc, failed ? SQLITE_NOMEM : SQLITE_OK);
-        EXPECT_EQ(statement == nullptr, failed);
+        EXPECT_EQ(rc, fault.happened() ? SQLITE_NOMEM : SQLITE_OK);
+        EXPECT_EQ(statement == nullptr, fault.happened());
         sqlite3_finalize(statement);
     });
-    each_time([](sqlite3 *db, const bool &failed) {
+    each_time([](sqlite3 *db, const fault::Fault &fault) {
         const int rc = tavrix_sqlite3_exec_sql(db, "CREATE TABLE %s (id)", "t");
-        EXPECT_EQ(rc, failed ? SQLITE_NOMEM : SQLITE_OK);
+        EXPECT_EQ(rc, fault.happened() ? SQLITE_NOMEM : SQLITE_OK);
     });
 }

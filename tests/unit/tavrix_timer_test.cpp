@@ -3,7 +3,6 @@
 #include <cerrno>
 #include <chrono>
 #include <cmath>
-#include <csignal>
 #include <cstring>
 #include <string>
 
@@ -11,11 +10,11 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/resource.h>
-#include <sys/time.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
 
 #include "support/log_capture.h"
+#include "support/signals.h"
 #include "tavrix_error.h"
 
 using support::LogCapture;
@@ -77,7 +76,7 @@ TEST(TimerInit, StoresAndPrintsItsFailure) {
     int fd = 5;
     const int rc = tavrix_timer_init(&fd, 0);
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
-    EXPECT_EQ(rc, -1);
+    EXPECT_EQ(rc, TAVRIX_ERR_GENERAL);
     EXPECT_EQ(fd, -1);
     EXPECT_EQ(log.text(), std::string("tavrix_timer_init: ") + strerror(EMFILE) + "\n");
 }
@@ -177,21 +176,11 @@ TEST(TimerRead, ReportsOtherErrorsThroughTheLogger) {
 }
 
 TEST(TimerRead, FailsOnASignal) {
-    struct sigaction action {};
-    struct sigaction before {};
-    action.sa_handler = [](int) {};
-    sigaction(SIGALRM, &action, &before);
     int waiting = -1;
     ASSERT_EQ(tavrix_timer_init(&waiting, 0), 0);
-    itimerval ticking{};
-    ticking.it_value.tv_usec = 20000;
-    ticking.it_interval.tv_usec = 20000;
     const LogCapture log("info");
-    setitimer(ITIMER_REAL, &ticking, nullptr);
+    const support::Ticking interrupts;
     EXPECT_EQ(tavrix_timer_read(waiting), TAVRIX_ERR_GENERAL);
-    const itimerval off{};
-    setitimer(ITIMER_REAL, &off, nullptr);
-    sigaction(SIGALRM, &before, nullptr);
     EXPECT_TRUE(log.has(support::error, unit,
                         "Bad errno value (" + std::to_string(EINTR) + " = '" + strerror(EINTR) + "')!\n"));
     ::close(waiting);

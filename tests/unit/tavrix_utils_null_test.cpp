@@ -24,7 +24,7 @@ TEST(NullTest, NamesTheFirstNullArgumentByItsIndex) {
         const LogCapture log("info");
         EXPECT_EQ(tavrix_check_for_null(5, index == 0 ? null : &a, index == 1 ? null : &a, index == 2 ? null : &a,
                                         index == 3 ? null : &a, null),
-                  -1);
+                  TAVRIX_ERR_GENERAL);
         EXPECT_EQ(log.sequence(), std::vector<std::string>{"WARN |Found a null input parameter at varg index <" +
                                                            std::to_string(index) + ">"});
     }

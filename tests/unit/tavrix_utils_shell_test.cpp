@@ -2,7 +2,6 @@
  * Real commands, real files, and stand-in tools on a private PATH.
  */
 #include <cerrno>
-#include <csignal>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -18,6 +17,7 @@
 #include "support/bus.h"
 #include "support/log_capture.h"
 #include "support/process.h"
+#include "support/signals.h"
 #include "tavrix_error.h"
 #include "tavrix_mq.h"
 #include "tavrix_utils.h"
@@ -297,12 +297,10 @@ TEST(BoardRevision, IsSevenWhenItCannotBeRead) {
 }
 
 TEST(Terminate, RaisesSigterm) {
-    static volatile std::sig_atomic_t raised = 0;
-    const auto before = std::signal(SIGTERM, [](int) { raised = 1; });
+    const support::Terminations terminations;
     const LogCapture log("info");
     EXPECT_EQ(tavrix_terminate_process(), 0);
-    std::signal(SIGTERM, before);
-    EXPECT_EQ(raised, 1);
+    EXPECT_EQ(terminations.count(), 1);
     EXPECT_TRUE(log.has(support::error, unit, "CRITICAL ERROR, raise SIGTERM\n"));
 }
 

@@ -2,7 +2,6 @@
  * What the utilities do when there is no memory or no pipe, and which commands they hand to the shell.
  */
 #include <cerrno>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -10,11 +9,14 @@
 
 #include <gtest/gtest.h>
 
+#include "support/faults.h"
 #include "support/log_capture.h"
 #include "support/process.h"
+#include "support/signals.h"
 #include "tavrix_error.h"
 #include "tavrix_utils.h"
 
+using fault::Failing;
 using support::LogCapture;
 using Lines = std::vector<std::string>;
 
@@ -22,32 +24,7 @@ namespace {
 
 constexpr char unit[] = "tavrix_utils";
 
-std::string failing;  ///< the function whose next call fails
 std::string commands; ///< what was handed to the shell, one to a line
-
-bool fails(const char *name) {
-    if (failing != name) {
-        return false;
-    }
-    failing.clear();
-    return true;
-}
-
-volatile std::sig_atomic_t terminations = 0;
-
-/** Counts SIGTERM instead of ending. */
-class TerminationCaught {
-  public:
-    TerminationCaught() : before_(std::signal(SIGTERM, [](int) { terminations = terminations + 1; })) {
-        terminations = 0;
-    }
-    ~TerminationCaught() { std::signal(SIGTERM, before_); }
-    TerminationCaught(const TerminationCaught &) = delete;
-    TerminationCaught &operator=(const TerminationCaught &) = delete;
-
-  private:
-    void (*before_)(int);
-};
 
 constexpr char termination[] = "ERROR|CRITICAL ERROR, raise SIGTERM";
 
@@ -62,37 +39,24 @@ std::string commands_of(Call call) {
 } // namespace
 
 extern "C" {
-void *__real_malloc(size_t size);
-void *__real_calloc(size_t count, size_t size);
-void *__real_realloc(void *block, size_t size);
-char *__real_strdup(const char *text);
 FILE *__real_popen(const char *command, const char *type);
-
-void *__wrap_malloc(size_t size) { return fails("malloc") ? nullptr : __real_malloc(size); }
-void *__wrap_calloc(size_t count, size_t size) { return fails("calloc") ? nullptr : __real_calloc(count, size); }
-void *__wrap_realloc(void *block, size_t size) { return fails("realloc") ? nullptr : __real_realloc(block, size); }
-char *__wrap_strdup(const char *text) { return fails("strdup") ? nullptr : __real_strdup(text); }
 FILE *__wrap_popen(const char *command, const char *type) {
     commands += std::string(command) + "\n";
-    if (fails("popen")) {
-        errno = EMFILE;
-        return nullptr;
-    }
-    return __real_popen(command, type);
+    return fault::Fault::fails("popen") ? nullptr : __real_popen(command, type);
 }
 }
 
 // --- No memory ---
 
 TEST(MacVectorWithoutMemory, IsNotMadeAndRaisesSigterm) {
-    const TerminationCaught caught;
+    const support::Terminations caught;
     char other[1][20] = {"kept"};
     tavrix_mac_array array = {other, 1};
     tavrix_mac_vector vector = {nullptr, 3};
     const LogCapture log("info");
-    failing = "calloc";
+    const Failing once("calloc");
     EXPECT_EQ(tavrix_mac_vector_init(&vector, &array), TAVRIX_ERR_NO_MEMORY);
-    EXPECT_EQ(terminations, 1);
+    EXPECT_EQ(caught.count(), 1);
     EXPECT_EQ(log.sequence(), Lines{termination});
     EXPECT_EQ(array.entries, other);
     EXPECT_EQ(array.count, 1);
@@ -101,7 +65,7 @@ TEST(MacVectorWithoutMemory, IsNotMadeAndRaisesSigterm) {
 }
 
 TEST(MacVectorWithoutMemory, KeepsItsEntriesAndGrowsLater) {
-    const TerminationCaught caught;
+    const support::Terminations caught;
     tavrix_mac_array array{};
     tavrix_mac_vector vector{};
     ASSERT_EQ(tavrix_mac_vector_init(&vector, &array), 0);
@@ -112,9 +76,9 @@ TEST(MacVectorWithoutMemory, KeepsItsEntriesAndGrowsLater) {
     const auto entries = array.entries;
     {
         const LogCapture log("info");
-        failing = "realloc";
+        const Failing once("realloc");
         EXPECT_EQ(tavrix_mac_vector_insert(&vector, "AA:BB:CC:DD:EE:FF", 1), TAVRIX_ERR_GENERAL);
-        EXPECT_EQ(terminations, 1);
+        EXPECT_EQ(caught.count(), 1);
         EXPECT_EQ(log.sequence(), Lines{termination});
     }
     EXPECT_EQ(vector.capacity, 8);
@@ -128,25 +92,25 @@ TEST(MacVectorWithoutMemory, KeepsItsEntriesAndGrowsLater) {
     EXPECT_EQ(array.count, 9);
     EXPECT_STREQ(array.entries[7], "AA:00:00:00:00:07");
     EXPECT_STREQ(array.entries[8], "AA:BB:CC:DD:EE:FF");
-    EXPECT_EQ(terminations, 1);
+    EXPECT_EQ(caught.count(), 1);
     std::free(array.entries);
 }
 
 TEST(FileStatsWithoutMemory, GivesNull) {
     support::write_file("listed", "12345");
     const LogCapture log("info");
-    failing = "strdup";
+    const Failing once("strdup");
     EXPECT_EQ(tavrix_file_stats("listed", nullptr, nullptr, 5), nullptr);
-    EXPECT_EQ(failing, "");
+    EXPECT_TRUE(once.happened());
     EXPECT_TRUE(log.silent());
 }
 
 TEST(DumpWithoutMemory, IsLeftOut) {
     const unsigned char bytes[] = {0x12, 0x34};
     const LogCapture log("info");
-    failing = "malloc";
+    const Failing once("malloc");
     tavrix_debug_print_bytes(bytes, 2, "title");
-    EXPECT_EQ(failing, "");
+    EXPECT_TRUE(once.happened());
     EXPECT_TRUE(log.silent());
     tavrix_debug_print_bytes(bytes, 2, "title");
     EXPECT_EQ(log.sequence(), Lines{"INFO |title\n12 34 "});
@@ -157,7 +121,7 @@ TEST(DumpWithoutMemory, IsLeftOut) {
 TEST(ExecCommandLineWithoutAPipe, SaysSoAndLeavesItsBuffer) {
     char out[80] = "old";
     const LogCapture log("info");
-    failing = "popen";
+    const Failing once("popen", 1, EMFILE);
     EXPECT_EQ(mw_exec_command_line("echo new", out), 1);
     EXPECT_STREQ(out, "old");
     EXPECT_EQ(log.sequence(), Lines{"ERROR|Popen error."});
@@ -167,7 +131,7 @@ TEST(ExecCommandLineWithoutAPipe, SaysSoAndLeavesItsBuffer) {
 TEST(FileStatsWithoutAPipe, SaysSoAndGivesNull) {
     support::write_file("listed", "12345");
     const LogCapture log("info");
-    failing = "popen";
+    const Failing once("popen", 1, EMFILE);
     EXPECT_EQ(tavrix_file_stats("listed", nullptr, nullptr, 5), nullptr);
     EXPECT_EQ(log.sequence(), Lines{"ERROR|System: Command failed. Aborting."});
     EXPECT_EQ(log.lines().front().file, unit);
@@ -178,7 +142,7 @@ TEST(CheckMd5WithoutAPipe, SaysWhatTheSystemSaid) {
     support::write_file("data.md5", "b1946ac92492d2347c6235b4d2611184  data\n");
     bool match = false;
     const LogCapture out("info");
-    failing = "popen";
+    const Failing once("popen", 1, EMFILE);
     EXPECT_EQ(tavrix_check_md5("data", "data.md5", &match), TAVRIX_ERR_GENERAL);
     EXPECT_FALSE(match);
     EXPECT_EQ(out.text(), "popen: Too many open files\n");
@@ -186,7 +150,7 @@ TEST(CheckMd5WithoutAPipe, SaysWhatTheSystemSaid) {
 
 TEST(BoardRevisionWithoutAPipe, IsSeven) {
     const LogCapture log("info");
-    failing = "popen";
+    const Failing once("popen", 1, EMFILE);
     EXPECT_EQ(tavrix_get_board_rev_number(), 7);
     EXPECT_EQ(log.sequence(), Lines{"ERROR|Could not open pipe"});
     EXPECT_EQ(log.lines().front().file, unit);

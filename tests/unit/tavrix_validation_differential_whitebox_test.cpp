@@ -9,14 +9,14 @@
 #include <pcre.h>
 
 #include "internal/tavrix_validation_seam.h"
+#include "support/fields.h"
 #include "support/log_capture.h"
 #include "support/mutation.h"
-#include "support/pattern_fields.h"
 #include "tavrix_validation.h"
 
+using support::Field;
 using support::LogCapture;
 using support::Mutator;
-using support::PatternField;
 
 namespace {
 
@@ -26,7 +26,7 @@ struct Run {
 };
 
 /** Judges every value by one pattern under one log level. */
-Run judge(const char *pattern, const PatternField &field, const std::vector<std::string> &values, const char *level) {
+Run judge(const char *pattern, const Field &field, const std::vector<std::string> &values, const char *level) {
     Run run;
     const LogCapture log(level);
     for (const std::string &value : values) {
@@ -37,7 +37,7 @@ Run judge(const char *pattern, const PatternField &field, const std::vector<std:
 }
 
 /** Judges the values both ways; a copy of the text has another address and is compiled for every call. */
-void expect_same(const PatternField &field, const std::vector<std::string> &values, const char *level) {
+void expect_same(const Field &field, const std::vector<std::string> &values, const char *level) {
     const char *kept = tavrix_validation_pattern_of(field.label);
     ASSERT_NE(kept, nullptr) << field.label;
     const std::string copy = kept;
@@ -53,7 +53,7 @@ void expect_same(const PatternField &field, const std::vector<std::string> &valu
 
 constexpr const char *levels[] = {"off", "info", "debug", "verbose"};
 
-class KeptPattern : public testing::TestWithParam<PatternField> {};
+class KeptPattern : public testing::TestWithParam<Field> {};
 
 INSTANTIATE_TEST_SUITE_P(Of, KeptPattern, testing::ValuesIn(support::pattern_fields()),
                          [](const auto &row) { return row.param.name; });
@@ -126,8 +126,8 @@ TEST_P(KeptPattern, DecidesValuesAroundTheBoundOfTheFastWayAlike) {
 
 namespace {
 
-const PatternField &unit_file() {
-    for (const PatternField &field : support::pattern_fields()) {
+const Field &unit_file() {
+    for (const Field &field : support::pattern_fields()) {
         if (field.validate == validate_unit_sw_upgrade_filename) {
             return field;
         }

@@ -12,12 +12,12 @@
 
 #include <gtest/gtest.h>
 
+#include "support/fields.h"
 #include "support/log_capture.h"
 #include "support/mutation.h"
-#include "support/pattern_fields.h"
 
+using support::Field;
 using support::Mutator;
-using support::PatternField;
 
 namespace {
 
@@ -193,24 +193,24 @@ struct Rule {
 };
 
 constexpr Rule rules[] = {
-    {"PortId", is_port, 0, 0},
-    {"CPortId", is_c_port, 0, 0},
-    {"DPortId", is_d_port, 0, 0},
-    {"VlanNameId", is_vlan_name, 0, 0},
-    {"MzuId", is_mzu, 0, 0},
-    {"MzuFile", is_single_line, 0, 0},
-    {"UnitFile", is_unit_file, 0, 0},
-    {"Date", is_date, 0, 0},
-    {"Time", is_time, 0, 0},
-    {"Uuid", is_uuid, 0, 0},
-    {"IpAddress", is_ip, 7, 15},
-    {"MacAddress", is_mac, 17, 17},
-    {"Description", is_description, 0, 50},
-    {"Password", is_password, 4, 15},
-    {"Username", is_username, 4, 15},
+    {"port_id", is_port, 0, 0},
+    {"c_port_id", is_c_port, 0, 0},
+    {"d_port_id", is_d_port, 0, 0},
+    {"vlan_name_id", is_vlan_name, 0, 0},
+    {"mzu_id", is_mzu, 0, 0},
+    {"mzu_sw_upgrade_filename", is_single_line, 0, 0},
+    {"unit_sw_upgrade_filename", is_unit_file, 0, 0},
+    {"date", is_date, 0, 0},
+    {"time", is_time, 0, 0},
+    {"uuid", is_uuid, 0, 0},
+    {"ip_address", is_ip, 7, 15},
+    {"mac_address", is_mac, 17, 17},
+    {"description", is_description, 0, 50},
+    {"password", is_password, 4, 15},
+    {"username", is_username, 4, 15},
 };
 
-const Rule &rule_of(const PatternField &field) {
+const Rule &rule_of(const Field &field) {
     for (const Rule &rule : rules) {
         if (std::string(rule.field) == field.name) {
             return rule;
@@ -219,7 +219,7 @@ const Rule &rule_of(const PatternField &field) {
     throw std::out_of_range(field.name);
 }
 
-class Rules : public testing::TestWithParam<PatternField> {
+class Rules : public testing::TestWithParam<Field> {
   protected:
     void SetUp() override { support::set_log_level("off"); }
 
@@ -228,15 +228,15 @@ class Rules : public testing::TestWithParam<PatternField> {
     int expected(const std::string &value) const {
         const int length = static_cast<int>(value.size());
         if (rule.max_length > 0 && length < rule.min_length) {
-            return -5;
+            return TAVRIX_INVALID_TOO_SHORT;
         }
         if (rule.max_length > 0 && length > rule.max_length) {
-            return -4;
+            return TAVRIX_INVALID_TOO_LONG;
         }
         if (!rule.holds(value)) {
-            return -2;
+            return TAVRIX_INVALID_NO_MATCH;
         }
-        return GetParam().validate == validate_username && is_reserved(value) ? -3 : 0;
+        return GetParam().validate == validate_username && is_reserved(value) ? TAVRIX_INVALID_NOT_ALLOWED : 0;
     }
     void check(const std::string &value) const {
         const int rc = GetParam().validate(value.c_str());
@@ -352,7 +352,7 @@ class Exhaustive : public testing::Test {
 TEST_F(Exhaustive, UnitsFrom0To1100) {
     for (int n = 0; n <= 1100; ++n) {
         for_each_writing(n, [n](const std::string &text, bool plain) {
-            const int expected = plain && n >= 1 && n <= 128 ? 0 : -2;
+            const int expected = plain && n >= 1 && n <= 128 ? 0 : TAVRIX_INVALID_NO_MATCH;
             EXPECT_EQ(validate_mzu_id(("c" + text).c_str()), expected) << text;
             EXPECT_EQ(validate_mzu_id(("C" + text).c_str()), expected) << text;
         });
@@ -362,7 +362,9 @@ TEST_F(Exhaustive, UnitsFrom0To1100) {
 TEST_F(Exhaustive, VlanNamesFrom0To5000) {
     for (int n = 0; n <= 5000; ++n) {
         for_each_writing(n, [n](const std::string &text, bool plain) {
-            EXPECT_EQ(validate_vlan_name_id(("v" + text).c_str()), plain && n >= 1 && n <= 4092 ? 0 : -2) << text;
+            EXPECT_EQ(validate_vlan_name_id(("v" + text).c_str()),
+                      plain && n >= 1 && n <= 4092 ? 0 : TAVRIX_INVALID_NO_MATCH)
+                << text;
         });
         EXPECT_EQ(validate_vlan_name_id(("V" + std::to_string(n)).c_str()), TAVRIX_INVALID_NO_MATCH);
     }
@@ -372,7 +374,7 @@ TEST_F(Exhaustive, CPortsFromC0To130) {
     for (int unit = 0; unit <= 130; ++unit) {
         for (int port = 0; port <= 101; ++port) {
             const std::string text = "c" + std::to_string(unit) + "-" + std::to_string(port);
-            const int expected = unit >= 1 && unit <= 128 && port >= 1 && port <= 99 ? 0 : -2;
+            const int expected = unit >= 1 && unit <= 128 && port >= 1 && port <= 99 ? 0 : TAVRIX_INVALID_NO_MATCH;
             EXPECT_EQ(validate_c_port_id(text.c_str()), expected) << text;
             EXPECT_EQ(validate_port_id(text.c_str()), expected) << text;
         }
@@ -382,7 +384,7 @@ TEST_F(Exhaustive, CPortsFromC0To130) {
 TEST_F(Exhaustive, DPortsFromD0To200) {
     for (int n = 0; n <= 200; ++n) {
         for_each_writing(n, [n](const std::string &text, bool plain) {
-            const int expected = plain && n >= 1 && n <= 4 ? 0 : -2;
+            const int expected = plain && n >= 1 && n <= 4 ? 0 : TAVRIX_INVALID_NO_MATCH;
             EXPECT_EQ(validate_d_port_id(("d" + text).c_str()), expected) << text;
             EXPECT_EQ(validate_port_id(("D" + text).c_str()), expected) << text;
         });
@@ -398,7 +400,7 @@ TEST_F(Exhaustive, MonthsAndDaysInEveryWriting) {
                 std::snprintf(text, sizeof text, format, month, day);
                 const bool three_digits = std::string(format).find("%03d") != std::string::npos;
                 const bool valid = month >= 1 && month <= 12 && day >= 1 && day <= 31 && !three_digits;
-                EXPECT_EQ(validate_date(text), valid ? 0 : -2) << text;
+                EXPECT_EQ(validate_date(text), valid ? 0 : TAVRIX_INVALID_NO_MATCH) << text;
             }
         }
     }
@@ -408,7 +410,7 @@ TEST_F(Exhaustive, Years) {
     for (int year = 0; year <= 9999; ++year) {
         char text[32];
         std::snprintf(text, sizeof text, "%04d-06-15", year);
-        EXPECT_EQ(validate_date(text), year >= 2000 && year <= 2999 ? 0 : -2) << text;
+        EXPECT_EQ(validate_date(text), year >= 2000 && year <= 2999 ? 0 : TAVRIX_INVALID_NO_MATCH) << text;
     }
 }
 
@@ -416,7 +418,7 @@ TEST_F(Exhaustive, TimesOfFourDigits) {
     for (int n = 0; n < 10000; ++n) {
         char text[16];
         std::snprintf(text, sizeof text, "%02d:%02d", n / 100, n % 100);
-        EXPECT_EQ(validate_time(text), n / 100 < 24 && n % 100 < 60 ? 0 : -2) << text;
+        EXPECT_EQ(validate_time(text), n / 100 < 24 && n % 100 < 60 ? 0 : TAVRIX_INVALID_NO_MATCH) << text;
     }
 }
 
@@ -428,7 +430,8 @@ TEST_F(Exhaustive, OctetsAtEveryPlaceInEveryWriting) {
                 for (int i = 0; i < 4; ++i) {
                     address += (i > 0 ? "." : "") + (i == place ? text : std::string("10"));
                 }
-                EXPECT_EQ(validate_ip_address(address.c_str()), plain && n <= 255 ? 0 : -2) << address;
+                EXPECT_EQ(validate_ip_address(address.c_str()), plain && n <= 255 ? 0 : TAVRIX_INVALID_NO_MATCH)
+                    << address;
             }
         });
     }
@@ -440,6 +443,6 @@ TEST_F(Exhaustive, SeparatorsOfAMacAddress) {
         for (int i = 0; i < 5; ++i) {
             text += ((mask >> i) & 1) != 0 ? ":B2" : "-B2";
         }
-        EXPECT_EQ(validate_mac_address(text.c_str()), mask == 0 || mask == 31 ? 0 : -2) << text;
+        EXPECT_EQ(validate_mac_address(text.c_str()), mask == 0 || mask == 31 ? 0 : TAVRIX_INVALID_NO_MATCH) << text;
     }
 }

@@ -18,6 +18,11 @@ namespace {
 
 constexpr char unit[] = "tavrix_validation";
 
+constexpr int no_match = TAVRIX_INVALID_NO_MATCH;
+constexpr int not_allowed = TAVRIX_INVALID_NOT_ALLOWED;
+constexpr int too_long = TAVRIX_INVALID_TOO_LONG;
+constexpr int too_short = TAVRIX_INVALID_TOO_SHORT;
+
 // --- Pattern fields ------------------------------------------------------------------------------------------------
 
 /** A value and its verdict. */
@@ -50,20 +55,20 @@ const std::vector<PatternField> &pattern_fields() {
           {"D4", 0},
           {"d1", 0},
           {"C1-1", 0},
-          {"c129-1", -2},
-          {"c0-2", -2},
-          {"c2-100", -2},
-          {"c01-2", -2},
-          {"c2-01", -2},
-          {"c2-0", -2},
-          {"d5", -2},
-          {"d0", -2},
-          {"c5", -2},
-          {"", -2},
-          {"xd1", -2},
-          {"d1x", -2},
+          {"c129-1", no_match},
+          {"c0-2", no_match},
+          {"c2-100", no_match},
+          {"c01-2", no_match},
+          {"c2-01", no_match},
+          {"c2-0", no_match},
+          {"d5", no_match},
+          {"d0", no_match},
+          {"c5", no_match},
+          {"", no_match},
+          {"xd1", no_match},
+          {"d1x", no_match},
           {"d1\n", 0},
-          {"d1\n\n", -2}}},
+          {"d1\n\n", no_match}}},
         {"CPortId",
          validate_c_port_id,
          "C Port ID",
@@ -71,7 +76,7 @@ const std::vector<PatternField> &pattern_fields() {
          0,
          0,
          R"(^[cC]([1-9]|[1-9]\d|1[0-1]\d|12[0-8])-([1-9]|[1-9]\d)$)",
-         {{"c2-3", 0}, {"C128-99", 0}, {"c129-1", -2}, {"d1", -2}, {"c2", -2}, {"c2-3\n", 0}}},
+         {{"c2-3", 0}, {"C128-99", 0}, {"c129-1", no_match}, {"d1", no_match}, {"c2", no_match}, {"c2-3\n", 0}}},
         {"DPortId",
          validate_d_port_id,
          "D Port ID",
@@ -79,7 +84,7 @@ const std::vector<PatternField> &pattern_fields() {
          0,
          0,
          R"(^[dD][1234]$)",
-         {{"d1", 0}, {"D4", 0}, {"d5", -2}, {"d0", -2}, {"d11", -2}, {"c1-1", -2}}},
+         {{"d1", 0}, {"D4", 0}, {"d5", no_match}, {"d0", no_match}, {"d11", no_match}, {"c1-1", no_match}}},
         {"VlanNameId",
          validate_vlan_name_id,
          "Vlan Name ID",
@@ -87,7 +92,13 @@ const std::vector<PatternField> &pattern_fields() {
          0,
          0,
          R"(^v(([1-9])|([1-9][0-9])|([1-9][0-9][0-9])|([1-3][0-9][0-9][0-9])|(40[0-8][0-9])|(409[0-2]))$)",
-         {{"v1", 0}, {"v4092", 0}, {"v4093", -2}, {"v0", -2}, {"v01", -2}, {"V4092", -2}, {"v", -2}}},
+         {{"v1", 0},
+          {"v4092", 0},
+          {"v4093", no_match},
+          {"v0", no_match},
+          {"v01", no_match},
+          {"V4092", no_match},
+          {"v", no_match}}},
         {"MzuId",
          validate_mzu_id,
          "MZU ID",
@@ -95,7 +106,7 @@ const std::vector<PatternField> &pattern_fields() {
          0,
          0,
          R"(^[cC]([1-9]|[1-9]\d|1[0-1]\d|12[0-8])$)",
-         {{"c128", 0}, {"C1", 0}, {"c129", -2}, {"c0", -2}, {"c2-3", -2}, {"c01", -2}}},
+         {{"c128", 0}, {"C1", 0}, {"c129", no_match}, {"c0", no_match}, {"c2-3", no_match}, {"c01", no_match}}},
         {"MzuFile",
          validate_mzu_sw_upgrade_filename,
          "MZU SW Upgrade Filename",
@@ -103,7 +114,7 @@ const std::vector<PatternField> &pattern_fields() {
          0,
          0,
          R"(^.*$)",
-         {{"any file", 0}, {"", 0}, {"two\nlines", -2}, {"one line\n", 0}}},
+         {{"any file", 0}, {"", 0}, {"two\nlines", no_match}, {"one line\n", 0}}},
         // The line is the other file's: the same words on purpose.
         {"UnitFile",
          validate_unit_sw_upgrade_filename,
@@ -116,15 +127,15 @@ const std::vector<PatternField> &pattern_fields() {
           {"/tmp/zqn-h7-1.2.3-004.img", 0},
           {"xzqnx9x8x7-123", 0},
           {"zqn 1.2.3-0045", 0},
-          {"ZQN1.2.3-004", -2},
-          {"1.2.3-004zqn", -2},
-          {"zqn1.2.3-04", -2},
-          {"zqn12.3-004", -2},
-          {"zqn1.2.3004", -2},
-          {"", -2},
+          {"ZQN1.2.3-004", no_match},
+          {"1.2.3-004zqn", no_match},
+          {"zqn1.2.3-04", no_match},
+          {"zqn12.3-004", no_match},
+          {"zqn1.2.3004", no_match},
+          {"", no_match},
           {"zqn1.2.3-004\nmore", 0},
-          {"a\nzqn1.2.3-004", -2},
-          {"zqn\n1.2.3-004", -2}}},
+          {"a\nzqn1.2.3-004", no_match},
+          {"zqn\n1.2.3-004", no_match}}},
         {"Date",
          validate_date,
          "Date",
@@ -135,13 +146,13 @@ const std::vector<PatternField> &pattern_fields() {
          {{"2030-2-30", 0},
           {"2000-01-01", 0},
           {"2999-12-31", 0},
-          {"2030-2-031", -2},
-          {"1999-12-31", -2},
-          {"3000-01-01", -2},
-          {"2030-0-1", -2},
-          {"2030-13-1", -2},
-          {"2030-1-0", -2},
-          {"2030-1-32", -2},
+          {"2030-2-031", no_match},
+          {"1999-12-31", no_match},
+          {"3000-01-01", no_match},
+          {"2030-0-1", no_match},
+          {"2030-13-1", no_match},
+          {"2030-1-0", no_match},
+          {"2030-1-32", no_match},
           {"2030-1-1\n", 0}}},
         {"Time",
          validate_time,
@@ -150,7 +161,12 @@ const std::vector<PatternField> &pattern_fields() {
          0,
          0,
          R"(^([0-1]\d|2[0-3]):[0-5]\d$)",
-         {{"00:00", 0}, {"23:59", 0}, {"24:00", -2}, {"23:60", -2}, {"1:00", -2}, {"01:00:00", -2}}},
+         {{"00:00", 0},
+          {"23:59", 0},
+          {"24:00", no_match},
+          {"23:60", no_match},
+          {"1:00", no_match},
+          {"01:00:00", no_match}}},
         {"Uuid",
          validate_uuid,
          "UUID",
@@ -159,9 +175,9 @@ const std::vector<PatternField> &pattern_fields() {
          0,
          R"(^[a-fA-F0-9]{8}-[a-fA-F0-9]{4}-[a-fA-F0-9]{4}-[a-fA-F0-9]{4}-[a-fA-F0-9]{12}$)",
          {{"01234567-89ab-cdef-ABCD-EF0123456789", 0},
-          {"01234567-89ab-cdef-ABCD-EF012345678", -2},
-          {"0123456789abcdefABCDEF0123456789", -2},
-          {"g1234567-89ab-cdef-ABCD-EF0123456789", -2}}},
+          {"01234567-89ab-cdef-ABCD-EF012345678", no_match},
+          {"0123456789abcdefABCDEF0123456789", no_match},
+          {"g1234567-89ab-cdef-ABCD-EF0123456789", no_match}}},
         {"IpAddress",
          validate_ip_address,
          "IP Address",
@@ -173,12 +189,12 @@ const std::vector<PatternField> &pattern_fields() {
          {{"192.168.1.1", 0},
           {"0.0.0.0", 0},
           {"255.255.255.255", 0},
-          {"01.2.3.4", -2},
-          {"1.1.1.1111", -2},
-          {"1.1.1", -5},
-          {"1.1.1.256", -2},
-          {"1111111", -2},
-          {"255.255.255.2551", -4},
+          {"01.2.3.4", no_match},
+          {"1.1.1.1111", no_match},
+          {"1.1.1", too_short},
+          {"1.1.1.256", no_match},
+          {"1111111", no_match},
+          {"255.255.255.2551", too_long},
           {"1.1.1.1\n", 0}}},
         {"MacAddress",
          validate_mac_address,
@@ -189,12 +205,12 @@ const std::vector<PatternField> &pattern_fields() {
          R"(^((((\d|[A-Fa-f]){2}:){5})|(((\d|[A-Fa-f]){2}-){5}))(\d|[A-Fa-f]){2}$)",
          {{"aa:BB:cc:00:11:22", 0},
           {"aa-bb-cc-00-11-22", 0},
-          {"aa:bb-cc:00:11:22", -2},
-          {"aa:bb:cc:00:11:2", -5},
-          {"aa:bb:cc:00:11:222", -4},
-          {"ga:bb:cc:00:11:22", -2},
-          {"aa:bb:cc:00:11:2\n", -2},
-          {"", -5}}},
+          {"aa:bb-cc:00:11:22", no_match},
+          {"aa:bb:cc:00:11:2", too_short},
+          {"aa:bb:cc:00:11:222", too_long},
+          {"ga:bb:cc:00:11:22", no_match},
+          {"aa:bb:cc:00:11:2\n", no_match},
+          {"", too_short}}},
         {"Description",
          validate_description,
          "Description",
@@ -204,8 +220,8 @@ const std::vector<PatternField> &pattern_fields() {
          R"(^[^"]*$)",
          {{"", 0},
           {std::string(50, 'x'), 0},
-          {std::string(51, 'x'), -4},
-          {"a \"quoted\" word", -2},
+          {std::string(51, 'x'), too_long},
+          {"a \"quoted\" word", no_match},
           {"two\nlines", 0}}},
         // The value stands in clear in the log.
         {"Password",
@@ -218,10 +234,10 @@ const std::vector<PatternField> &pattern_fields() {
          {{"aZ09", 0},
           {"!?_@-", 0},
           {std::string(15, 'x'), 0},
-          {"abc", -5},
-          {std::string(16, 'x'), -4},
-          {"with space", -2},
-          {"dot.", -2}}},
+          {"abc", too_short},
+          {std::string(16, 'x'), too_long},
+          {"with space", no_match},
+          {"dot.", no_match}}},
         {"Username",
          validate_username,
          "Username",
@@ -233,11 +249,11 @@ const std::vector<PatternField> &pattern_fields() {
           {"Root", 0},
           {"abcd", 0},
           {std::string(15, 'x'), 0},
-          {"abc", -5},
-          {"bin", -5},
-          {std::string(16, 'x'), -4},
-          {"under_score", -2},
-          {"www-data", -2}}},
+          {"abc", too_short},
+          {"bin", too_short},
+          {std::string(16, 'x'), too_long},
+          {"under_score", no_match},
+          {"www-data", no_match}}},
     };
     return rows;
 }
@@ -283,7 +299,7 @@ TEST_P(PatternFields, SayWhatTheyAccept) {
 TEST_P(PatternFields, SayWhatDoesNotMatch) {
     std::string value;
     for (const Example &example : GetParam().examples) {
-        value = example.rc == -2 ? example.value : value;
+        value = example.rc == no_match ? example.value : value;
     }
     const LogCapture log("verbose");
     EXPECT_EQ(GetParam().validate(value.c_str()), TAVRIX_INVALID_NO_MATCH);
@@ -511,7 +527,7 @@ TEST(EntityName, StopsAtTheFirstAcceptance) {
         {"c5-1", 0, {"mzu id", "port id"}},
         {"d1", 0, {"mzu id", "port id"}},
         {"v10", 0, {"mzu id", "port id", "vlan name id"}},
-        {"x", -2, {"mzu id", "port id", "vlan name id"}},
+        {"x", no_match, {"mzu id", "port id", "vlan name id"}},
     };
     for (const auto &row : rows) {
         const LogCapture log("verbose");
@@ -547,11 +563,11 @@ TEST(EntityExtension, HasAtMost1000Characters) {
 TEST(TextValidators, RefuseANullValueInSilence) {
     const LogCapture log("verbose");
     for (const PatternField &field : pattern_fields()) {
-        EXPECT_EQ(field.validate(nullptr), -1) << field.name;
+        EXPECT_EQ(field.validate(nullptr), TAVRIX_INVALID_ENGINE) << field.name;
     }
     for (int (*validate)(const char *) :
          {validate_status, validate_vlan_mode, validate_unit_sw_bank, validate_mzu_model, validate_entity_extension}) {
-        EXPECT_EQ(validate(nullptr), -1);
+        EXPECT_EQ(validate(nullptr), TAVRIX_INVALID_ENGINE);
     }
     EXPECT_EQ(validate_entity_name(nullptr), TAVRIX_INVALID_NO_MATCH);
     EXPECT_EQ(validate_date_time(nullptr, "13:45"), TAVRIX_INVALID_ENGINE);

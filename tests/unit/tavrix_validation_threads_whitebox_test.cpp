@@ -8,12 +8,12 @@
 
 #include <gtest/gtest.h>
 
+#include "support/fields.h"
 #include "support/log_capture.h"
 #include "support/mutation.h"
-#include "support/pattern_fields.h"
 
+using support::Field;
 using support::LogCapture;
-using support::PatternField;
 
 namespace {
 
@@ -23,7 +23,7 @@ constexpr size_t thread_count = 8;
 std::vector<std::vector<std::string>> make_values() {
     support::Mutator mutator(5);
     std::vector<std::vector<std::string>> values;
-    for (const PatternField &field : support::pattern_fields()) {
+    for (const Field &field : support::pattern_fields()) {
         std::vector<std::string> of_field = field.valid;
         for (int i = 0; i < 20; ++i) {
             of_field.push_back(mutator.near(field.valid.front(), field.alphabet));

@@ -3,16 +3,19 @@
  */
 #include "internal/tavrix_validation_seam.h"
 
-#include <cstdlib>
+#include <cerrno>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 #include <pcre.h>
 
+#include "support/faults.h"
 #include "support/log_capture.h"
 #include "tavrix_validation.h"
 
+using fault::Failing;
+using fault::Fault;
 using support::LogCapture;
 using Lines = std::vector<std::string>;
 
@@ -22,52 +25,34 @@ constexpr char unit[] = "tavrix_validation";
 
 // --- The pattern library's allocations -----------------------------------------------------------------------------
 
-int allocations_left = -1; ///< fails at 0; below 0 never
-int live_blocks = 0;
-int null_releases = 0;
-
-void *counted_malloc(size_t size) {
-    if (allocations_left == 0) {
-        return nullptr;
-    }
-    allocations_left -= allocations_left > 0 ? 1 : 0;
-    ++live_blocks;
-    return std::malloc(size);
-}
-
-void counted_free(void *block) {
-    null_releases += block == nullptr ? 1 : 0;
-    live_blocks -= block != nullptr ? 1 : 0;
-    std::free(block);
-}
-
-/** Puts counting hooks in place, which let a number of allocations succeed. */
-class PatternMemory {
+/** Lets a number of the pattern library's allocations succeed; all of them unless one is named. */
+class PatternMemory : public Failing {
   public:
-    explicit PatternMemory(int successes = -1) : malloc_(pcre_malloc), free_(pcre_free) {
-        allocations_left = successes;
-        live_blocks = 0;
+    explicit PatternMemory(int successes = -1) : Failing("PCRE", successes + 1, ENOMEM, always), free_(pcre_free) {
+        static void (*const release)(void *) = pcre_free;
         null_releases = 0;
-        pcre_malloc = counted_malloc;
-        pcre_free = counted_free;
+        pcre_free = [](void *block) {
+            null_releases += block == nullptr ? 1 : 0;
+            release(block);
+        };
     }
-    ~PatternMemory() {
-        pcre_malloc = malloc_;
-        pcre_free = free_;
-    }
+    ~PatternMemory() { pcre_free = free_; }
     PatternMemory(const PatternMemory &) = delete;
     PatternMemory &operator=(const PatternMemory &) = delete;
 
-  private:
-    void *(*malloc_)(size_t);
-    void (*free_)(void *);
-};
+    /** Blocks taken since then that are still in use. */
+    int live_blocks() const { return fault::blocks() - before_; }
 
-bool fail_calloc = false;
+    static int null_releases;
+
+  private:
+    void (*free_)(void *);
+    int before_ = fault::blocks();
+};
+int PatternMemory::null_releases = 0;
 
 // --- The pattern library's matching --------------------------------------------------------------------------------
 
-int jit_error = 0; ///< what a match by the JIT gives; 0: what it finds
 int matches = 0;
 
 bool uses_jit(const pcre_extra *extra) { return extra != nullptr && (extra->flags & PCRE_EXTRA_EXECUTABLE_JIT) != 0; }
@@ -75,16 +60,13 @@ bool uses_jit(const pcre_extra *extra) { return extra != nullptr && (extra->flag
 } // namespace
 
 extern "C" {
-void *__real_calloc(size_t count, size_t size);
-void *__wrap_calloc(size_t count, size_t size) { return fail_calloc ? nullptr : __real_calloc(count, size); }
-
 int __real_pcre_exec(const pcre *code, const pcre_extra *extra, const char *subject, int length, int start, int options,
                      int *vector, int vector_size);
 int __wrap_pcre_exec(const pcre *code, const pcre_extra *extra, const char *subject, int length, int start, int options,
                      int *vector, int vector_size) {
     ++matches;
-    if (jit_error != 0 && uses_jit(extra)) {
-        return jit_error;
+    if (uses_jit(extra) && Fault::fails("pcre_exec")) {
+        return errno;
     }
     return __real_pcre_exec(code, extra, subject, length, start, options, vector, vector_size);
 }
@@ -134,8 +116,8 @@ TEST(LengthAndRegex, ChecksItsBoundsBeforeThePattern) {
         int rc;
         const char *line;
     } rows[] = {
-        {"ab", -5, "DEBUG|Validation failed: [Label] value <ab> is too short (<3)"},
-        {"abcdef", -4, "DEBUG|Validation failed: [Label] value <abcdef> is too long (>5)"},
+        {"ab", TAVRIX_INVALID_TOO_SHORT, "DEBUG|Validation failed: [Label] value <ab> is too short (<3)"},
+        {"abcdef", TAVRIX_INVALID_TOO_LONG, "DEBUG|Validation failed: [Label] value <abcdef> is too long (>5)"},
         {"abc", 0, "DEBUG|Regex test passed."},
         {"abcde", 0, "DEBUG|Regex test passed."},
     };
@@ -192,8 +174,8 @@ TEST(PatternCompiledForTheCall, ReleasesEverything) {
         const PatternMemory memory;
         const std::string pattern = studied_pattern;
         validate_against_regex(pattern.c_str(), value, "Label");
-        EXPECT_EQ(live_blocks, 0) << value;
-        EXPECT_EQ(null_releases, 0) << value;
+        EXPECT_EQ(memory.live_blocks(), 0) << value;
+        EXPECT_EQ(PatternMemory::null_releases, 0) << value;
     }
 }
 
@@ -209,16 +191,16 @@ TEST(PatternCompiledForTheCall, WorksWithoutStudyDataAndReleasesNone) {
     pcre_free(code);
     for (const char *value : {"any text", ""}) {
         EXPECT_EQ(validate_against_regex(pattern.c_str(), value, "Label"), 0) << value;
-        EXPECT_EQ(live_blocks, 0) << value;
-        EXPECT_EQ(null_releases, 0) << value;
+        EXPECT_EQ(memory.live_blocks(), 0) << value;
+        EXPECT_EQ(PatternMemory::null_releases, 0) << value;
     }
 }
 
 TEST(PatternCompiledForTheCall, HandsTheNullOfAFailedCompilationToTheHook) {
     const PatternMemory memory;
     EXPECT_EQ(validate_against_regex("(", "x", "Label"), TAVRIX_INVALID_ENGINE);
-    EXPECT_EQ(live_blocks, 0);
-    EXPECT_EQ(null_releases, 1);
+    EXPECT_EQ(memory.live_blocks(), 0);
+    EXPECT_EQ(PatternMemory::null_releases, 1);
 }
 
 TEST(PatternCompiledForTheCall, ReportsThatItCannotBeCompiled) {
@@ -226,7 +208,7 @@ TEST(PatternCompiledForTheCall, ReportsThatItCannotBeCompiled) {
     const PatternMemory memory(0);
     EXPECT_EQ(validate_against_regex(studied_pattern, "ac", "Label"), TAVRIX_INVALID_ENGINE);
     EXPECT_EQ(log.sequence(), Lines{"ERROR|ERROR: Could not compile '^(a|b)c': failed to get memory"});
-    EXPECT_EQ(live_blocks, 0);
+    EXPECT_EQ(memory.live_blocks(), 0);
 }
 
 TEST(PatternCompiledForTheCall, ReportsThatItCannotBeStudied) {
@@ -235,7 +217,7 @@ TEST(PatternCompiledForTheCall, ReportsThatItCannotBeStudied) {
     EXPECT_EQ(validate_against_regex(studied_pattern, "ac", "Label"), TAVRIX_INVALID_ENGINE);
     EXPECT_EQ(log.sequence(), (Lines{"VERB |Testing [Label] value <ac> against regex: ^(a|b)c",
                                      "ERROR|ERROR: Could not study '^(a|b)c': failed to get memory"}));
-    EXPECT_EQ(live_blocks, 0);
+    EXPECT_EQ(memory.live_blocks(), 0);
 }
 
 // --- Kept patterns without memory ----------------------------------------------------------------------------------
@@ -250,7 +232,7 @@ TEST(KeptPattern, ThatCannotBeMadeIsReportedAndMadeLater) {
         EXPECT_EQ(validate_time("23:59"), TAVRIX_INVALID_ENGINE);
         EXPECT_EQ(validate_time("23:59"), TAVRIX_INVALID_ENGINE);
         EXPECT_EQ(log.sequence(), (Lines{line, line})) << "one line for each call, nothing is retained";
-        EXPECT_EQ(live_blocks, 0);
+        EXPECT_EQ(memory.live_blocks(), 0);
     }
     EXPECT_EQ(validate_time("23:59"), 0);
     EXPECT_EQ(validate_time("24:00"), TAVRIX_INVALID_NO_MATCH);
@@ -264,19 +246,16 @@ TEST(KeptPattern, ThatCannotBeStudiedIsReportedAndMadeLater) {
         EXPECT_EQ(validate_vlan_name_id("v1"), TAVRIX_INVALID_ENGINE);
         ASSERT_EQ(log.sequence().size(), 1U);
         EXPECT_EQ(log.sequence().front().rfind("ERROR|ERROR: Could not ", 0), 0U);
-        EXPECT_EQ(live_blocks, 0);
+        EXPECT_EQ(memory.live_blocks(), 0);
     }
     EXPECT_EQ(validate_vlan_name_id("v1"), 0);
 }
 
 TEST(KeptPattern, WithoutMemoryOfItsOwnIsCompiledForTheCall) {
     const LogCapture log("debug");
-    fail_calloc = true;
-    const int accepted = validate_uuid("01234567-89ab-cdef-ABCD-EF0123456789");
-    const int refused = validate_uuid("0");
-    fail_calloc = false;
-    EXPECT_EQ(accepted, 0);
-    EXPECT_EQ(refused, TAVRIX_INVALID_NO_MATCH);
+    const Failing ever("calloc", 1, ENOMEM, Failing::always);
+    EXPECT_EQ(validate_uuid("01234567-89ab-cdef-ABCD-EF0123456789"), 0);
+    EXPECT_EQ(validate_uuid("0"), TAVRIX_INVALID_NO_MATCH);
     EXPECT_EQ(log.sequence(), (Lines{"DEBUG|Regex test passed.",
                                      "DEBUG|Validation failed: [UUID] value <0> did not return a regex match."}));
 }
@@ -285,7 +264,7 @@ TEST(KeptPattern, WithoutMemoryForTheFastWayIsKeptAllTheSame) {
     {
         const PatternMemory memory(2); // compiling and studying
         EXPECT_EQ(validate_date("2026-05-01"), 0);
-        EXPECT_EQ(live_blocks, 2);
+        EXPECT_EQ(memory.live_blocks(), 2);
     }
     const PatternMemory none(0);
     EXPECT_EQ(validate_date("2026-05-01"), 0);
@@ -298,7 +277,7 @@ TEST(KeptPattern, IsMadeOnce) {
     for (const char *value : {"c1", "c129", "", "c128\n"}) {
         validate_mzu_id(value);
     }
-    EXPECT_EQ(live_blocks, 0);
+    EXPECT_EQ(memory.live_blocks(), 0);
     const PatternMemory none(0);
     EXPECT_EQ(validate_mzu_id("c1"), 0) << "needs no memory any more";
 }
@@ -311,20 +290,19 @@ TEST(KeptPattern, LeavesToTheInterpreterWhatTheJitGivesUpOn) {
     EXPECT_EQ(validate_d_port_id("d1"), 0);
     const LogCapture log("debug");
     for (const int failure : {PCRE_ERROR_JIT_STACKLIMIT, PCRE_ERROR_MATCHLIMIT, PCRE_ERROR_JIT_BADOPTION}) {
-        jit_error = failure;
+        const Failing ever("pcre_exec", 1, failure, Failing::always);
         matches = 0;
         EXPECT_EQ(validate_d_port_id("d1"), 0) << failure;
         EXPECT_EQ(validate_d_port_id("d5"), TAVRIX_INVALID_NO_MATCH) << failure;
         EXPECT_EQ(matches, has_jit != 0 ? 4 : 2) << "each value by the JIT, then by the interpreter";
     }
-    jit_error = 0;
     EXPECT_EQ(log.count(support::error, unit, "Error code received from pcre_exec: -8\n"), 0);
     EXPECT_EQ(log.sequence().size(), 6U) << "one verdict for each value";
 }
 
 TEST(KeptPattern, UsesTheJitUpTo1024BytesOnly) {
     const std::string longest(1024, 'x');
-    jit_error = PCRE_ERROR_JIT_STACKLIMIT;
+    const Failing ever("pcre_exec", 1, PCRE_ERROR_JIT_STACKLIMIT, Failing::always);
     int has_jit = 0;
     ASSERT_EQ(pcre_config(PCRE_CONFIG_JIT, &has_jit), 0);
     matches = 0;
@@ -333,7 +311,6 @@ TEST(KeptPattern, UsesTheJitUpTo1024BytesOnly) {
     matches = 0;
     EXPECT_EQ(validate_mzu_sw_upgrade_filename((longest + "x").c_str()), 0);
     EXPECT_EQ(matches, 1) << "the interpreter at once";
-    jit_error = 0;
 }
 
 TEST(PatternOf, KnowsPatternFieldsOnly) {

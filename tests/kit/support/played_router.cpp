@@ -10,16 +10,12 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include "support/json.h"
 #include "tavrix_mq.h"
 
 namespace support {
 
 namespace {
-
-struct Drop {
-    void operator()(json_t *value) const { json_decref(value); }
-};
-using Json = std::unique_ptr<json_t, Drop>;
 
 std::string rendered(const json_t *value) {
     char *text = json_dumps(value, JSON_COMPACT | JSON_ENCODE_ANY);

@@ -1,0 +1,189 @@
+#include "support/fields.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <iterator>
+
+#include "tavrix_jrpc_utils.h"
+#include "tavrix_validation.h"
+
+namespace support {
+
+namespace {
+
+constexpr int no_match = TAVRIX_INVALID_NO_MATCH;
+constexpr int not_allowed = TAVRIX_INVALID_NOT_ALLOWED;
+constexpr int too_long = TAVRIX_INVALID_TOO_LONG;
+constexpr int too_short = TAVRIX_INVALID_TOO_SHORT;
+constexpr int out_of_range = TAVRIX_INVALID_OUT_OF_RANGE;
+
+int read_port_id(json_t *params, json_t **debug, const char *key, char *out, size_t size) {
+    return tavrix_jrpc_utils_retrieve_input_port_id(params, debug, key, out, size, true, true, true, true);
+}
+int read_mzu_id(json_t *params, json_t **debug, const char *key, char *out, size_t size) {
+    return tavrix_jrpc_utils_retrieve_input_mzu_id(params, debug, key, out, size, true);
+}
+int read_vlan_ids(json_t *params, json_t **debug, const char *key) {
+    int ids[32];
+    int count = 0;
+    return tavrix_jrpc_utils_retrieve_input_vlan_ids(params, debug, key, ids, &count);
+}
+int read_ports(json_t *params, json_t **debug, const char *key) {
+    tavrix_port_input records[3];
+    int count = 0;
+    return tavrix_jrpc_utils_retrieve_input_ports(params, debug, key, records, &count, 3);
+}
+int read_ports_hardware(json_t *params, json_t **debug, const char *key) {
+    tavrix_port_hardware_input records[3];
+    int count = 0;
+    return tavrix_jrpc_utils_retrieve_input_ports_hardware(params, debug, key, records, &count, 3);
+}
+int read_mac_filters(json_t *params, json_t **debug, const char *key) {
+    tavrix_mac_filter *filters = nullptr;
+    int count = 0;
+    const int rc = tavrix_jrpc_utils_retrieve_input_mac_filters(params, debug, key, &filters, &count, 1, 2);
+    if ((rc == 0) != (filters != nullptr)) {
+        std::abort();
+    }
+    std::free(filters);
+    return rc;
+}
+
+#define READER(name) tavrix_jrpc_utils_retrieve_input_##name
+#define TEXT(name) #name, READER(name), nullptr, nullptr, validate_##name, nullptr
+#define TEXT_READ_BY(name, reader) #name, reader, nullptr, nullptr, validate_##name, nullptr
+#define TEXT_READ_ONLY(name) #name, READER(name), nullptr, nullptr, nullptr, nullptr
+#define TEXT_VALIDATED_ONLY(name) #name, nullptr, nullptr, nullptr, validate_##name, nullptr
+#define NUMBER(name) #name, nullptr, READER(name), nullptr, nullptr, validate_##name
+#define NUMBER_READ_ONLY(name) #name, nullptr, READER(name), nullptr, nullptr, nullptr
+#define LIST(name) #name, nullptr, nullptr, read_##name, nullptr, nullptr
+
+std::vector<Field> all_fields() {
+    const std::string ports = "cCdD0123456789-v\n /x";
+    const std::string hex = "0123456789abcdefABCDEFgG:-.\n \xff";
+    const std::string words = "abyzABYZ0189!?_@- \n\"#.\x80";
+    const char *none = nullptr;
+    return {
+        {TEXT_READ_BY(port_id, read_port_id),
+         {"c1-1", "C128-99", "c10-10", "d4", "D1"},
+         "d5",
+         no_match,
+         "Port ID",
+         ports},
+        {TEXT_VALIDATED_ONLY(c_port_id), {"c99-10", "C100-9", "c19-19", "c128-1"}, "d1", no_match, "C Port ID", ports},
+        {TEXT_VALIDATED_ONLY(d_port_id), {"d1", "D4"}, "c1-1", no_match, "D Port ID", ports},
+        {TEXT_VALIDATED_ONLY(vlan_name_id),
+         {"v1", "v4092", "v999", "v10"},
+         "V1",
+         no_match,
+         "Vlan Name ID",
+         "vV0123456789-\n c"},
+        {TEXT_READ_BY(mzu_id, read_mzu_id), {"c1", "C128", "c119", "c20"}, "c129", no_match, "MZU ID", ports},
+        {TEXT(mzu_sw_upgrade_filename),
+         {"any file", "", "a b\tc", "\xff"},
+         "two\nlines",
+         no_match,
+         "MZU SW Upgrade Filename",
+         "ab\n\r\x85 "},
+        {TEXT(unit_sw_upgrade_filename),
+         {"zqn1.2.3-004", "/tmp/zqn-h7-1.2.3-004.img", "zqnzqn 12.3.4-567\nx"},
+         "1.2.3-004",
+         no_match,
+         "Unit SW Upgrade filename",
+         "zqn0123456789.-\nZ/"},
+        {TEXT(date),
+         {"2026-05-01", "2000-1-1", "2999-12-31", "2100-09-9"},
+         "1999-05-31",
+         no_match,
+         "Date",
+         "0123456789-/\n "},
+        {TEXT(time), {"00:00", "23:59", "19:05"}, "24:00", no_match, "Time", "0123456789:.\n "},
+        {TEXT_VALIDATED_ONLY(uuid), {"01234567-89ab-cdef-ABCD-EF0123456789"}, "2524546b", no_match, "UUID", hex},
+        {TEXT(ip_address),
+         {"192.168.1.1", "0.0.0.0", "255.255.255.255", "1.10.100.249", "26.99.199.200"},
+         "1.1.1",
+         too_short,
+         "IP Address",
+         "0123456789.:\n -"},
+        {TEXT(mac_address),
+         {"aa:BB:cc:00:11:22", "aa-BB-cc-00-11-22"},
+         "00:11:22:33:44:5g",
+         no_match,
+         "MAC Address",
+         hex},
+        {TEXT(description), {"a text", "", std::string(50, 'x')}, "a \" quote", no_match, "Description", words},
+        {TEXT(password), {"abcd", "A!?_@-9", "0123456789abcde"}, "Aa1", too_short, "Password", words},
+        {TEXT(username), {"abcd", "Operator7", "rooty", "haldaemons"}, "root", not_allowed, "Username", words},
+
+        {TEXT(status), {"enable", "disable"}, "enabled", not_allowed, none, ""},
+        {TEXT(vlan_mode), {"trunk", "access"}, "tree", not_allowed, none, ""},
+        {TEXT(mzu_model), {"Generic MZU", "unknown"}, "no model", not_allowed, none, ""},
+        {TEXT(unit_sw_bank), {"previous", "current"}, "next", not_allowed, none, ""},
+        {TEXT(entity_name), {"v4092", "c1-1"}, "v4093", no_match, none, ""},
+        {TEXT(entity_extension), {"anything"}, std::string(1001, 'x'), too_long, none, ""},
+        {TEXT_READ_ONLY(macaddr_allowed), {"aa:bb:cc:dd:ee:ff"}, "", 0, none, ""},
+        {TEXT_READ_ONLY(alias), {"AB1"}, "", 0, none, ""},
+
+        {NUMBER(vlan_id), {"1", "4092"}, "4093", out_of_range, none, ""},
+        {NUMBER(unit_id), {"1"}, "2", out_of_range, none, ""},
+        {NUMBER(laser_id), {"1", "0"}, "2", out_of_range, none, ""},
+        {NUMBER(olt_id), {"0", "1"}, "2", out_of_range, none, ""},
+        {NUMBER(onu_id), {"-1", "128"}, "129", out_of_range, none, ""},
+        {NUMBER(port_number), {"128", "1"}, "0", out_of_range, none, ""},
+        {NUMBER(periodic_interval), {"3600", "1"}, "3601", out_of_range, none, ""},
+        {NUMBER(port_link_speed), {"-2147483648", "4"}, "", 0, none, ""},
+        {NUMBER_READ_ONLY(enable), {"1", "-7"}, "", 0, none, ""},
+
+        {LIST(vlan_ids), {"[2,3]"}, "", 0, none, ""},
+        {LIST(ports),
+         {R"([{"port_number":7,"port_status":1,"poe_status":1,"link_status":1,"link_speed":4,"vlan_mode":1,"vlan_ids":[9]}])"},
+         "",
+         0,
+         none,
+         ""},
+        {LIST(ports_hardware),
+         {R"([{"port_number":7,"poe_status":1,"link_status":1,"link_speed":4}])"},
+         "",
+         0,
+         none,
+         ""},
+        {LIST(mac_filters), {R"([{"mac":"aa:bb:cc:dd:ee:ff","mask":"ff:ff:ff:ff:ff:ff"}])"}, "", 0, none, ""},
+    };
+}
+
+} // namespace
+
+int Field::read(json_t *params, json_t **debug_message, const char *key, char *out, size_t out_size) const {
+    if (read_text != nullptr) {
+        return read_text(params, debug_message, key, out, out_size);
+    }
+    int number = 0;
+    return read_number != nullptr ? read_number(params, debug_message, key, &number)
+                                  : read_list(params, debug_message, key);
+}
+
+int Field::judge(const std::string &value) const {
+    return validate != nullptr ? validate(value.c_str()) : validate_number(std::stoi(value));
+}
+
+std::string Field::params(const std::string &value) const {
+    const char *quote = read_text != nullptr ? "\"" : "";
+    return R"({"k":)" + (quote + value) + quote + "}";
+}
+
+const std::vector<Field> &fields() {
+    static const std::vector<Field> all = all_fields();
+    return all;
+}
+
+const std::vector<Field> &pattern_fields() {
+    static const std::vector<Field> following = [] {
+        std::vector<Field> found;
+        std::copy_if(fields().begin(), fields().end(), std::back_inserter(found),
+                     [](const Field &field) { return field.label != nullptr; });
+        return found;
+    }();
+    return following;
+}
+
+} // namespace support

@@ -6,7 +6,7 @@ set -euo pipefail
 declare -A packages=(
     [build]="ca-certificates cmake g++ libcli11-dev libevent-dev libjansson-dev libnanomsg-dev libpcre3-dev libsqlite3-dev ninja-build pkg-config"
     [bench]="libbenchmark-dev strace valgrind"
-    [check]="clang-format-14 clang-tidy-14 googletest shellcheck"
+    [check]="clang-format-14 clang-tidy-14 googletest mypy shellcheck"
     [coverage]="gcovr"
     [demo]="jq sqlite3"
     [docs]="doxygen python3-markdown"

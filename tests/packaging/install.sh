@@ -54,6 +54,8 @@ outside() { # PACKAGES VERSION ROOT KIND
         mkdir -p "$root"
     fi
     root=$(realpath "$root")
+    # Another build in there would be found first, by the loader and by the linker.
+    [ -z "$(find "$root"/{usr,etc} -name '*tavrix*' -print -quit 2>/dev/null)" ] || fail "$root is not bare: it has a tavrix"
     # shellcheck disable=SC2064 # the values of now
     trap "rm -rf '$root/tried' '$root/usr/sbin/policy-rc.d'; if $made; then rm -rf '$root'; fi" EXIT
     if $made; then make_root "$root" "$kind" "$packages"/*_"$version"_amd64.deb "$packages"/*_"$version"_all.deb; fi

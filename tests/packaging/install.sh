@@ -225,10 +225,12 @@ scripted() {
     printf '[portsd]\nno_such_option=1\n' >/tried/wrong.conf
     cp /etc/tavrix/portsd.conf /tried/right.conf
     cp /tried/wrong.conf /etc/tavrix/portsd.conf
+    echo READY_TIMEOUT=5 >/etc/default/tavrix
     /etc/init.d/tavrix start >/dev/null 2>/tried/start.log && fail "a start with a wrong file succeeds"
     grep -q "/var/log/tavrix/portsd.log" /tried/start.log || fail "nothing says where to look"
     grep -q "no option 'no_such_option'" /var/log/tavrix/portsd.log || fail "the log does not say what is wrong"
     expect "a wrong configuration stops the start there" "$(running)" "routerd "
+    rm /etc/default/tavrix
     cp /tried/right.conf /etc/tavrix/portsd.conf
     /etc/init.d/tavrix start >/dev/null
     expect "and a right one goes on" "$(running)" "$all"

@@ -28,9 +28,12 @@ packages() { # PACKAGE...
     closure "${named[@]}" "${any[@]}"
 }
 
-# Without what a machine may have left out, such as manuals.
+# Without what nothing in there reads, and what a machine may have left out. The folders stay: they are their packages'.
 files_of() { # PACKAGE...
     dpkg-query -L "$@" | sort -u | while read -r path; do
+        case "$path" in
+        /usr/share/doc/* | /usr/share/info/* | /usr/share/locale/* | /usr/share/man/*) [ -d "$path" ] || continue ;;
+        esac
         if [ -e "$path" ] || [ -L "$path" ]; then echo "${path#/}"; fi
     done
 }

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# What can be said of the sources without running them: their format, the shell scripts, the house's rules, clang-tidy.
-# usage: scripts/check.sh [format|shell|house|tidy|tidy-all]...      none named: all but the last
+# What can be said of the sources without running them: their format, the shell scripts, the house's rules, the types of
+# the Python package, clang-tidy.
+# usage: scripts/check.sh [format|shell|house|types|tidy|tidy-all]...      none named: all but the last
 set -euo pipefail
 cd "$(dirname "$0")/.."
 ./scripts/install-packages.sh build check
@@ -19,6 +20,9 @@ check_shell() {
 }
 
 check_house() { ./scripts/house-rules.sh; }
+
+# Its users' checkers read these types, for the package says that it has them.
+check_types() { (cd bindings/python && mypy --cache-dir=/dev/null --no-error-summary); }
 
 # tidy FOLDERS [OPTION...]: one pass over the sources below the folders
 tidy() {
@@ -44,9 +48,9 @@ check_tidy_all() {
 }
 
 checks=("$@")
-[ $# -gt 0 ] || checks=(format shell house tidy)
+[ $# -gt 0 ] || checks=(format shell house types tidy)
 for name in "${checks[@]}"; do
-    case "$name" in format | shell | house | tidy | tidy-all) ;; *) sed -n '3s/^# //p' "$0" >&2; exit 2 ;; esac
+    case "$name" in format | shell | house | types | tidy | tidy-all) ;; *) sed -n '4s/^# //p' "$0" >&2; exit 2 ;; esac
 done
 failed=()
 for name in "${checks[@]}"; do

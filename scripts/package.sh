@@ -6,11 +6,13 @@ cd "$(dirname "$0")/.."
 
 usage() {
     cat <<'TEXT'
-usage: scripts/package.sh [--only amd64|armhf] [--try ROOT] [--boot ROOT]
+usage: scripts/package.sh [--only amd64|armhf] [--try ROOT | --try-here] [--boot ROOT]
 
   --only NAME   one of the two architectures instead of both
   --try ROOT    install, upgrade, remove and purge the amd64 packages in a bare Debian root, and write a service with
                 them; the root is made in this folder when it is not there, and then removed; as root
+  --try-here    the same in a root that is made of this machine's own packages, which takes seconds and no network: what
+                CI does; as root
   --boot ROOT   boot a Debian root with systemd in a container and try the units there; the root is made in this
                 folder when it is not there, and then removed; as root
 
@@ -20,11 +22,13 @@ TEXT
 
 runs=(amd64 armhf)
 try=
+try_kind=debian
 boot=
 while [ $# -gt 0 ]; do
     case "$1" in
     --only) runs=("${2:?--only takes a name}"); shift ;;
     --try) try=${2:?--try takes a folder}; shift ;;
+    --try-here) try=$PWD/build/package-root try_kind=copied ;;
     --boot) boot=${2:?--boot takes a folder}; shift ;;
     --help | -h) usage; exit 0 ;;
     *) usage >&2; exit 2 ;;
@@ -142,9 +146,9 @@ for run in "${runs[@]}"; do
 done
 check_units
 if [ -n "$try" ]; then
-    ./scripts/install-packages.sh package-try
+    [ "$try_kind" = copied ] || ./scripts/install-packages.sh package-try
     echo "== try in $try"
-    bash tests/packaging/install.sh "$packages" "$version" "$try"
+    bash tests/packaging/install.sh "$packages" "$version" "$try" "$try_kind"
 fi
 if [ -n "$boot" ]; then
     ./scripts/install-packages.sh package-boot

@@ -90,7 +90,7 @@ class Mapping {
         return fstat(fd_.get(), &status) == 0 ? status.st_size : -1;
     }
 
-    void resize(off_t size) { static_cast<void>(ftruncate(fd_.get(), size)); }
+    void resize(off_t size) { [[maybe_unused]] const int status = ftruncate(fd_.get(), size); }
 
     tavrix::Descriptor fd_;
     void *address_ = MAP_FAILED;

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # The packages in a bare Debian root without systemd: installed, started, developed with, upgraded, removed, purged;
 # nothing stays.
-# usage: tests/packaging/install.sh PACKAGES VERSION ROOT; the root is made when it is not there, and then removed.
+# usage: tests/packaging/install.sh PACKAGES VERSION ROOT [debian|copied]; the root is made when it is not there, and then
+# removed: with debootstrap, or of this machine's own packages, which needs no network (root.sh).
 set -euo pipefail
 
 fail() {
@@ -18,21 +19,46 @@ make_next_version() { # FOLDER VERSION NEXT
     for file in "$1"/first/*.deb; do
         dpkg-deb -R "$file" "$tree"
         sed -i -e "s/^Version: .*/Version: $3/" -e "s/(= $2)/(= $3)/g" "$tree/DEBIAN/control"
-        dpkg-deb -b --root-owner-group "$tree" "$1/next" >/dev/null
+        dpkg-deb -b -Znone --root-owner-group "$tree" "$1/next" >/dev/null
         rm -rf "$tree"
     done
 }
 
-outside() { # PACKAGES VERSION ROOT
-    local packages=$1 version=$2 root made=false
+# What the developer's part installs besides.
+compiler="gcc libc6-dev pkg-config"
+
+# What the packages say they need, but for each other: a dependency that they do not name is missing in the copied root.
+needed_by() { # FILE...
+    local file
+    for file in "$@"; do
+        dpkg-deb -f "$file" Pre-Depends Depends | sed 's/^[A-Za-z-]*: //' | tr , '\n' | sed 's/^ *//; s/[ :].*//'
+    done | grep -v tavrix | sort -u
+}
+
+make_root() { # ROOT KIND FILE...
+    local root=$1 kind=$2
+    shift 2
+    # shellcheck disable=SC2046,SC2086 # lists of names
+    case "$kind" in
+    debian) debootstrap --variant=minbase bookworm "$root" >/dev/null ;;
+    copied) "$(dirname "$0")/root.sh" "$root" apt $compiler $(needed_by "$@") ;;
+    *) fail "no such kind of root: $kind" ;;
+    esac
+}
+
+outside() { # PACKAGES VERSION ROOT KIND
+    local packages=$1 version=$2 root=$3 kind=$4 made=false
     [ "$(id -u)" = 0 ] || fail "only root can make a root"
-    if [ ! -e "$3/etc/debian_version" ]; then
+    if [ ! -e "$root/etc/debian_version" ]; then
         made=true
-        debootstrap --variant=minbase bookworm "$3" >/dev/null
+        mkdir -p "$root"
     fi
-    root=$(realpath "$3")
+    root=$(realpath "$root")
+    # Another build in there would be found first, by the loader and by the linker.
+    [ -z "$(find "$root"/{usr,etc} -name '*tavrix*' -print -quit 2>/dev/null)" ] || fail "$root is not bare: it has a tavrix"
     # shellcheck disable=SC2064 # the values of now
     trap "rm -rf '$root/tried' '$root/usr/sbin/policy-rc.d'; if $made; then rm -rf '$root'; fi" EXIT
+    if $made; then make_root "$root" "$kind" "$packages"/*_"$version"_amd64.deb "$packages"/*_"$version"_all.deb; fi
     mkdir -p "$root/tried/first"
     cp "$packages"/*_"$version"_amd64.deb "$packages"/*_"$version"_all.deb "$root/tried/first"
     make_next_version "$root/tried" "$version" "$version+1"
@@ -42,13 +68,15 @@ outside() { # PACKAGES VERSION ROOT
     # shellcheck disable=SC2016 # expanded in there
     unshare --mount --pid --fork --mount-proc="$root/proc" bash -c '
         mkdir -p "$0/dev/shm"
-        mount -t tmpfs none "$0/dev/shm" && exec chroot "$0" bash /tried/install.sh --inside "$1"' "$root" "$version"
+        mount -t tmpfs none "$0/dev/shm" && exec chroot "$0" bash /tried/install.sh --inside "$1" "$2"' \
+        "$root" "$version" "$kind"
 }
 
 # --- Inside --------------------------------------------------------------------------------------------------------
 
 apt() {
-    DEBIAN_FRONTEND=noninteractive apt-get -qq -y --no-install-recommends "$@" >/tried/apt.log 2>&1 && return
+    DEBIAN_FRONTEND=noninteractive apt-get -qq -y --no-install-recommends -o Dpkg::Options::=--force-unsafe-io "$@" \
+        >/tried/apt.log 2>&1 && return
     cat /tried/apt.log >&2
     fail "apt-get $*"
 }
@@ -94,39 +122,86 @@ serves() { # the client finds what the services have, and the database is whole
 
 all="routerd portsd eventsd "
 
+# Also what stands in a sample as a suggestion is an option of its daemon.
+samples_hold() {
+    local daemon option
+    for daemon in $all; do
+        "tavrix-$daemon" --help >/tried/help
+        sed -n 's/^#\{0,1\}\([a-z_]*\)=.*/--\1/p' "/etc/tavrix/$daemon.conf" | tr _ - >/tried/options
+        [ -s /tried/options ] || fail "$daemon.conf says nothing"
+        while read -r option; do
+            grep -q -e "$option " /tried/help || fail "$daemon.conf: $option is no option"
+        done </tried/options
+    done
+    echo "   the samples name options"
+}
+
 installed() {
     expect "started by the installation" "$(running)" "$all"
     serves || fail "the client does not find the services"
     expect "the database is the user's" "$(stat -c '%U %a' /var/lib/tavrix/fleet.db)" "tavrix 640"
     expect "the bus is closed to strangers" "$(stat -c '%U:%G %a' /run/tavrix/bus)" "tavrix:tavrix 770"
+    samples_hold
     [ -s /usr/share/man/man8/tavrix-routerd.8.gz ] || fail "no man page"
 }
 
-# What somebody who has the packages does next: the page's service, by the page's commands, from what was installed.
-developed() {
-    local commands text status=0
-    apt install gcc libc6-dev pkg-config
-    mkdir /tried/guide /tried/listings
-    awk -v listings=/tried/listings -v files=/tried/guide -f /tried/listings.awk \
-        /usr/share/doc/tavrix-doc/docs/writing-a-service.md
-    cd /tried/guide
-    for commands in /tried/listings/*.sh; do
-        text=${commands%.sh}.text
-        grep -v -e '^export TAVRIX_SESSION' -e '^tavrix-routerd ' "$commands" >here.sh # the installed router runs
+# A page of the guide, by its own commands, from what was installed: its programs meet the installed router.
+page() { # NAME
+    local commands text status
+    mkdir -p "/tried/$1/listings" "/tried/$1/files"
+    cd "/tried/$1/files"
+    awk -v listings=../listings -v files=. -f /tried/listings.awk "/usr/share/doc/tavrix-doc/docs/$1.md"
+    for commands in ../listings/*.sh; do
+        text=${commands%.sh}.text status=0
+        grep -v -e '^export TAVRIX_SESSION' -e '^tavrix-routerd ' "$commands" >here.sh
         set +o pipefail # as in the reader's shell: the client's status tells of an answer that is an error
         eval "$(cat here.sh)" >printed.log 2>said.log || status=$?
         set -o pipefail
-        [ "$status" = 0 ] || { cat here.sh said.log thermod.log >&2; fail "a command of the page fails"; }
-        [ ! -e "$text" ] || expect "the page: $(tail -n 1 here.sh)" "$(cat printed.log)" "$(cat "$text")"
+        [ "$status" = 0 ] || { cat here.sh said.log ./*d.log >&2; fail "a command of the page fails"; }
+        [ ! -e "$text" ] || expect "$1: $(tail -n 1 here.sh)" "$(cat printed.log)" "$(cat "$text")"
     done
+}
+
+leave_page() { # stops its programs
+    local pid name
+    for pid in $(jobs -pr | tac); do
+        name=$(cat "/proc/$pid/comm")
+        kill "$pid"
+        wait "$pid" || [ "$name" = python3 ] || fail "$name does not stop cleanly" # Python has no handler for the signal
+    done
+    cd /
+}
+
+# What somebody who has the packages does next.
+developed() { # KIND
+    # shellcheck disable=SC2086 # a list of names
+    [ "$1" = copied ] || apt install $compiler
+    page writing-a-service
     [ -x thermod ] || fail "the page builds no service"
     [ -x thermo_test ] || fail "the page builds no test"
     expect "registered with the installed router" "$(tavrixctl list 'thermo.*' | sed '1d; s/ .*//' | tr '\n' ' ')" \
         "thermo.Discover thermo.Get thermo.SetLimit "
-    kill %?thermod
-    wait %?thermod || fail "the page's service does not stop cleanly"
-    cd /
-    apt purge gcc libc6-dev pkg-config
+    leave_page
+    page calling
+    [ -s bell.py ] || fail "the page has no client in Python"
+    leave_page
+    # shellcheck disable=SC2086 # a list of names
+    [ "$1" = copied ] || apt purge $compiler
+}
+
+in_python() { # PROGRAM: by the package alone, from a place where nothing else could be imported
+    (cd / && /usr/bin/python3 -W error -c "$1")
+}
+
+scripted_in_python() { # VERSION
+    expect "import tavrix" "$(in_python 'import tavrix; print(tavrix.__file__)')" \
+        /usr/lib/python3/dist-packages/tavrix/__init__.py
+    expect "its version" "$(in_python 'from importlib import metadata; print(metadata.version("tavrix"))')" "$1"
+    expect "a call from Python" "$(in_python 'import tavrix
+with tavrix.Session() as session:
+    print(*(method for method in ("ports.Get", "events.Get") if method in str(session.call("rpc.discover"))))')" \
+        "ports.Get events.Get"
+    [ -n "$(find /usr/lib/python3/dist-packages/tavrix/__pycache__ -name '*.pyc')" ] || fail "it is not compiled"
 }
 
 scripted() {
@@ -150,10 +225,12 @@ scripted() {
     printf '[portsd]\nno_such_option=1\n' >/tried/wrong.conf
     cp /etc/tavrix/portsd.conf /tried/right.conf
     cp /tried/wrong.conf /etc/tavrix/portsd.conf
+    echo READY_TIMEOUT=5 >/etc/default/tavrix
     /etc/init.d/tavrix start >/dev/null 2>/tried/start.log && fail "a start with a wrong file succeeds"
     grep -q "/var/log/tavrix/portsd.log" /tried/start.log || fail "nothing says where to look"
     grep -q "no option 'no_such_option'" /var/log/tavrix/portsd.log || fail "the log does not say what is wrong"
     expect "a wrong configuration stops the start there" "$(running)" "routerd "
+    rm /etc/default/tavrix
     cp /tried/right.conf /etc/tavrix/portsd.conf
     /etc/init.d/tavrix start >/dev/null
     expect "and a right one goes on" "$(running)" "$all"
@@ -187,7 +264,7 @@ removed() {
 }
 
 purged() {
-    apt purge tavrix-daemons tavrix-tools tavrix-doc libtavrix-dev libtavrix1
+    apt purge tavrix-daemons tavrix-tools tavrix-doc python3-tavrix libtavrix-dev libtavrix1
     any_process && fail "a process outlives the purge"
     apt autoremove --purge
     files >/tried/after
@@ -195,19 +272,21 @@ purged() {
     expect "no user, no group" "$(grep -h tavrix /etc/passwd /etc/group || true)" ""
 }
 
-inside() { # VERSION
+inside() { # VERSION KIND
+    export PYTHONDONTWRITEBYTECODE=1 # what Python leaves is not the package's
     # Without an init nothing would be started, unless a policy says that it may be.
     printf '#!/bin/sh\nexit 0\n' >/usr/sbin/policy-rc.d
     chmod 755 /usr/sbin/policy-rc.d
-    apt update
+    [ "$2" = copied ] || apt update
     files >/tried/before
     apt install /tried/first/*.deb
     installed
-    developed
+    scripted_in_python "$1"
+    developed "$2"
     scripted
     upgraded "$1"
     removed
     purged
 }
 
-if [ "$1" = --inside ]; then inside "$2"; else outside "$@"; fi
+if [ "$1" = --inside ]; then inside "$2" "$3"; else outside "$1" "$2" "$3" "${4:-debian}"; fi

@@ -120,6 +120,13 @@ start_bare() { # TRANSPORT: bare-TRANSPORT.sock
     until_answered oneshot --unix "bare-$1.sock"
 }
 
+# The router by hand, and the service on the library, as behind our router: half.sock.
+start_half() {
+    start bare-router-half "$road/bare_router" half.sock "ipc://$run/bus/half-router" "ipc://$run/bus/half-service"
+    start echo-half "$road/echo_service" "ipc://$run/bus/half-service" "ipc://$run/bus/half-router"
+    until_answered oneshot --unix half.sock
+}
+
 start_router() { # NAME OPTION...: NAME.sock, NAME.session
     local name=$1
     shift
@@ -158,6 +165,7 @@ start_ports() {
 
 bare_tcp() { echo_call bare-tcp.sock; }
 bare_ipc() { echo_call bare-ipc.sock; }
+half_ipc() { echo_call half.sock; }
 bare_ports() { ports_call bare-tcp.sock; }
 echo_tcp() { echo_call tcp.sock; }
 echo_ipc() { echo_call ipc.sock; }
@@ -169,7 +177,9 @@ rows_oneshot() {
     start_bare ipc
     start_bus tcp
     compare_calls "one client, a connection a call, empty handler, bus over tcp : bare" ">= 0.85" bare_tcp echo_tcp
+    start_half
     compare_calls "one client, a connection a call, empty handler, by hand over ipc : bare" "-" bare_tcp bare_ipc
+    compare_calls "the same by hand, but for its service on the library : bare" "-" bare_tcp half_ipc
     start_bus ipc
     compare_calls "one client, a connection a call, empty handler, bus over ipc : bare" ">= 1.05" bare_tcp echo_ipc
     start_direct

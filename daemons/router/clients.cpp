@@ -78,7 +78,7 @@ void Router::bury(Client &client) {
             LOG_FOREIGN("The client of %s has gone\n", printable(call.method).c_str());
             cancel(call);
         });
-        finish(call, Outcome::cancelled, nullptr);
+        finish(call, Outcome::cancelled, Json());
     }
     graveyard_.splice(graveyard_.end(), clients_, client.place);
     end_turn();

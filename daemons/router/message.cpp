@@ -97,6 +97,123 @@ bool matches_any(const std::vector<std::string> &patterns, std::string_view meth
                        [method](const std::string &pattern) { return matches(pattern, method); });
 }
 
+// --- A message with some of its members changed ---------------------------------------------------------------------
+
+namespace {
+
+bool is_a_line_of_ascii(std::string_view text) {
+    return !text.empty() && std::all_of(text.begin(), text.end(), [](char c) { return c >= ' ' && c <= '~'; });
+}
+
+/** Walks through an object's text that the parser has accepted. */
+class Members {
+  public:
+    explicit Members(std::string_view object) : text_(object), at_(object.find('{') + 1) {}
+
+    /** The next member, as it stands, and its key between the quotes; false at the end. */
+    bool next(std::string_view *key, std::string_view *member) {
+        at_ = std::min(text_.find_first_not_of(" ,", at_), text_.size());
+        if (at_ == text_.size() || text_[at_] == '}') {
+            return false;
+        }
+        const size_t begin = at_;
+        const size_t quote = text_.find('"', begin + 1);
+        *key = text_.substr(begin + 1, quote - begin - 1);
+        at_ = end_of_value(quote);
+        *member = text_.substr(begin, at_ - begin);
+        return true;
+    }
+
+  private:
+    size_t end_of_value(size_t quote) const {
+        bool in_text = false;
+        int depth = 0;
+        size_t at = quote + 1;
+        for (; at < text_.size(); ++at) {
+            const char c = text_[at];
+            if (in_text) {
+                at += c == '\\' ? 1 : 0;
+                in_text = c != '"';
+            } else if (c == '"') {
+                in_text = true;
+            } else if (c == '{' || c == '[') {
+                ++depth;
+            } else if (depth == 0 && (c == ',' || c == '}')) {
+                break;
+            } else if (c == '}' || c == ']') {
+                --depth;
+            }
+        }
+        return std::min(at, text_.size());
+    }
+
+    std::string_view text_;
+    size_t at_;
+};
+
+void add_member(std::string *object, std::initializer_list<std::string_view> parts) {
+    *object += object->size() > 1 ? "," : "";
+    for (const std::string_view part : parts) {
+        *object += part;
+    }
+}
+
+/** False when the text is none that can be edited: an escape in a key may spell one of those that are looked for. */
+bool edit(std::string_view object, const Edits &edits, std::string *out) {
+    if (!is_a_line_of_ascii(object)) {
+        return false;
+    }
+    *out = "{";
+    Members members(object);
+    std::string_view key;
+    std::string_view member;
+    unsigned placed = 0; // a bit for each
+    while (members.next(&key, &member)) {
+        if (key.find('\\') != std::string_view::npos) {
+            return false;
+        }
+        const auto found = std::find_if(edits.begin(), edits.end(), [key](const Edit &one) { return one.key == key; });
+        if (found == edits.end()) {
+            add_member(out, {member});
+        } else if (!found->at_end && !found->value.empty()) {
+            add_member(out, {"\"", key, "\":", found->value});
+            placed |= 1U << (found - edits.begin());
+        }
+    }
+    for (size_t i = 0; i < edits.size(); ++i) {
+        if ((placed & 1U << i) == 0 && !edits[i].value.empty()) {
+            add_member(out, {"\"", edits[i].key, "\":", edits[i].value});
+        }
+    }
+    *out += '}';
+    return true;
+}
+
+} // namespace
+
+void apply_edits(const Edits &edits, json_t *object) {
+    for (const Edit &edit : edits) {
+        const std::string key(edit.key);
+        if (edit.at_end || edit.value.empty()) {
+            json_object_del(object, key.c_str());
+        }
+        if (!edit.value.empty()) {
+            put(object, key.c_str(), Json(json_loadb(edit.value.data(), edit.value.size(), JSON_DECODE_ANY, nullptr)));
+        }
+    }
+}
+
+std::string_view Renderer::rewrite(const Message &message, const Edits &edits) {
+    if (edited_.capacity() > max_kept_memory) {
+        edited_ = std::string();
+    }
+    if (edit(message.text, edits, &edited_)) {
+        return edited_;
+    }
+    apply_edits(edits, message.value.get());
+    return render(message.value.get());
+}
+
 std::string_view Renderer::render(const json_t *value) {
     constexpr size_t flags = tavrix::wire_flags | JSON_ENCODE_ANY;
     if (memory_.size() > max_kept_memory) {

@@ -59,14 +59,37 @@ inline bool matches(std::string_view pattern, std::string_view method) {
 }
 bool matches_any(const std::vector<std::string> &patterns, std::string_view method);
 
-/** Turns JSON values into compact ASCII, in one piece of memory that is used again. */
+/** A message that has come: its values, and what was written; without text where only the values are at hand. */
+struct Message {
+    Message(Json values, std::string_view written = {}) : value(std::move(values)), text(written) {}
+    Json value;
+    std::string_view text;
+};
+
+/** What a member of a message is to be, as JSON text; an empty text takes the member out. */
+struct Edit {
+    std::string_view key;
+    std::string_view value;
+    bool at_end = false; ///< wherever it was before
+};
+using Edits = std::vector<Edit>;
+
+void apply_edits(const Edits &edits, json_t *object);
+
+/** Turns messages into compact ASCII, in memory that is used again. What they give is valid until the next call. */
 class Renderer {
   public:
-    /** Valid until the next call; empty when there is no memory. */
+    /** Empty when there is no memory. */
     std::string_view render(const json_t *value);
+    /**
+     * The message with the edits. What it says beside them goes on as it was written, numbers with all their digits,
+     * which takes a third of the time that rendering does; a text that is not in one line of ASCII is rendered.
+     */
+    std::string_view rewrite(const Message &message, const Edits &edits);
 
   private:
     std::string memory_ = std::string(4096, '\0');
+    std::string edited_;
 };
 
 /** Follows a JSON object as it arrives, without reading it, to tell where its last brace is. */

@@ -140,8 +140,8 @@ void OneShot::take_request() {
     }
     deadline_.leave();
     state_ = State::waiting;
-    text_ = std::string();
-    router_.take_request(*this, std::move(request), nullptr);
+    const std::string text = std::exchange(text_, {});
+    router_.take_request(*this, {std::move(request), text}, nullptr);
     if (!is_closed() && state_ == State::waiting && half_closed_) {
         watch_for_hang_up();
     }

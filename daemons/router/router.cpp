@@ -40,6 +40,7 @@ constexpr char register_method[] = "router.Register";
 constexpr char describe_method[] = "router.Describe";
 constexpr char reserved_prefix[] = "rpc."; // by JSON-RPC; one of them is the router's
 constexpr char cancel_method[] = "service.Cancel";
+constexpr char reply_id[] = "\"" TAVRIX_ROUTER_REPLY_CHANNEL "\""; // what a service gets for the client's
 Router *the_router = nullptr;
 
 // --- What daemons may tell the router over the bus -----------------------------------------------------------------
@@ -92,15 +93,17 @@ void raise_descriptor_limit() {
     }
 }
 
-/** Who calls is the router's to say: a client's own word for it does not reach a service that might believe it. */
-void name_caller(const Service &service, const Peer &peer, json_t *request) {
-    json_object_del(request, "caller");
-    if (service.callers && peer.known) {
-        put(request, "caller",
-            Json(json_pack("{s:I, s:I, s:I}", "pid", static_cast<json_int_t>(peer.process), "uid",
-                           static_cast<json_int_t>(peer.user), "gid", static_cast<json_int_t>(peer.groups.front()))));
+/** Who calls, as a direct service that wants to know is told; empty where it is not told. */
+std::string caller_text(const Service &service, const Peer &peer) {
+    if (!service.callers || !peer.known) {
+        return "";
     }
+    return "{\"pid\":" + std::to_string(peer.process) + ",\"uid\":" + std::to_string(peer.user) +
+           ",\"gid\":" + std::to_string(peer.groups.front()) + "}";
 }
+
+/** Who calls is the router's to say: a client's own word for it does not reach a service that might believe it. */
+Edit caller_edit(std::string_view text) { return {"caller", text, true}; }
 
 /** Of a request, for its error; without a transaction id where it had none. */
 Json id_and_transaction_id(const Json &id, json_t *transaction_id) {
@@ -260,29 +263,30 @@ std::string Router::find_refusal(const Client &client, const std::string &method
     return "";
 }
 
-void Router::take_request(Client &client, Json request, const BatchPlace &batch) {
-    const std::string method = text_member(request.get(), "method");
-    if (is_notification(request.get())) {
+void Router::take_request(Client &client, Message message, const BatchPlace &batch) {
+    json_t *request = message.value.get();
+    const std::string method = text_member(request, "method");
+    if (is_notification(request)) {
         count_refused();
         client.refuse_notification(method, batch);
         return;
     }
     int code = 0;
-    const std::string refusal = find_refusal(client, method, request.get(), &code);
+    const std::string refusal = find_refusal(client, method, request, &code);
     if (code != 0) {
-        refuse(client, request.get(), code, refusal, batch);
+        refuse(client, request, code, refusal, batch);
     } else if (method.rfind(own_prefix, 0) == 0 || method.rfind(reserved_prefix, 0) == 0) {
-        if (!run_own(client, method, request.get(), batch)) {
+        if (!run_own(client, method, request, batch)) {
             LOG_FOREIGN("Refused %s\n", printable(method).c_str());
-            refuse(client, request.get(), TAVRIX_JRPC_METHOD_NOT_FOUND, "the router has no such method", batch);
+            refuse(client, request, TAVRIX_JRPC_METHOD_NOT_FOUND, "the router has no such method", batch);
         }
     } else if (locked_) {
         LOG_FOREIGN("Locked: refused %s\n", printable(method).c_str());
-        answer_locked(client, request.get(), batch);
+        answer_locked(client, request, batch);
     } else if (method == daemon_support::reload_method) {
-        reload(client, std::move(request), batch);
+        reload(client, std::move(message), batch);
     } else {
-        forward(client, method, std::move(request), batch);
+        forward(client, method, message, batch);
     }
 }
 
@@ -375,19 +379,27 @@ Call *Router::begin_call(Client &client, Service &service, const std::string &me
 }
 
 /** Sends the request on under the router's own ids; the client's are kept in the call. */
-bool Router::send(const Call &call, json_t *request) {
-    put(request, "transaction_id", Json(json_integer(call.number)));
-    json_object_del(request, "id"); // the member's place is at the end, as from the library's own router
-    put(request, "id", Json(json_string(TAVRIX_ROUTER_REPLY_CHANNEL)));
-    if (call.service.direct) {
-        name_caller(call.service, call.client.peer, request);
+bool Router::send(const Call &call, const Message &request) {
+    const Service &service = call.service;
+    const std::string number = std::to_string(call.number);
+    const std::string caller = caller_text(service, call.client.peer);
+    // The place of "id" is at the end, as from the library's own router.
+    Edits edits = {{"transaction_id", number}, {"id", reply_id, true}};
+    if (service.direct) {
+        edits.push_back(caller_edit(caller));
     }
-    show_traffic("request", &call, call.method, &call.service, nullptr, request);
-    const std::string_view text = render(request);
+    std::string_view text;
+    if (is_monitored(call.method)) {
+        apply_edits(edits, request.value.get());
+        show_traffic("request", &call, call.method, &service, nullptr, request.value.get());
+        text = render(request.value.get());
+    } else {
+        text = renderer_.rewrite(request, edits);
+    }
     if (text.empty()) {
         throw std::bad_alloc();
     }
-    return call.service.direct ? call.service.session->send_request(text) : bus_.publish(call.service.channel, text);
+    return service.direct ? service.session->send_request(text) : bus_.publish(service.channel, text);
 }
 
 /** True once the client has been told that this service has too much to do already. */
@@ -407,20 +419,21 @@ bool Router::is_overloaded(Service &service, Client &client, const json_t *reque
     return true;
 }
 
-void Router::forward(Client &client, const std::string &method, Json request, const BatchPlace &batch) {
+void Router::forward(Client &client, const std::string &method, const Message &message, const BatchPlace &batch) {
+    json_t *request = message.value.get();
     Json why_not;
     Service *service = find_service(method, channel_of(method), &why_not);
     if (service == nullptr) {
         LOG_FOREIGN("There is no service for %s\n", printable(method).c_str());
         ++statistics_.refused;
-        client.answer(make_error(TAVRIX_JRPC_METHOD_NOT_FOUND, request.get(), std::move(why_not)), batch);
+        client.answer(make_error(TAVRIX_JRPC_METHOD_NOT_FOUND, request, std::move(why_not)), batch);
         return;
     }
-    if (is_overloaded(*service, client, request.get(), batch)) {
+    if (is_overloaded(*service, client, request, batch)) {
         return;
     }
-    Call *call = begin_call(client, *service, method, request.get(), batch);
-    if (!send(*call, request.get())) {
+    Call *call = begin_call(client, *service, method, request, batch);
+    if (!send(*call, message)) {
         LOG_WITHIN(lines_of_clients, LOG_ERROR("Cannot send %s to its service\n", printable(method).c_str()));
         const Json ids(json_pack("{s:O}", "id", call->id.get()));
         finish(*call, Outcome::error, make_error(TAVRIX_JRPC_INTERNAL_ERROR, ids.get(), nullptr));
@@ -444,27 +457,28 @@ bool Router::may_reload(const Client &client) {
 }
 
 /** Every service is told, and the first that has obeyed answers; without any the router has, and answers itself. */
-void Router::reload(Client &client, Json request, const BatchPlace &batch) {
+void Router::reload(Client &client, Message request, const BatchPlace &batch) {
     if (!may_reload(client)) {
         ++statistics_.busy;
-        client.answer(make_error(TAVRIX_JRPC_SYSTEM_BUSY, request.get(), message_data("too often: wait a second")),
-                      batch);
+        client.answer(
+            make_error(TAVRIX_JRPC_SYSTEM_BUSY, request.value.get(), message_data("too often: wait a second")), batch);
         return;
     }
     tavrix_lsyslog_is_json_method_lsyslog(daemon_support::reload_method); // the router's own logger rereads too
     Service &everybody = registry_.listeners_on(TAVRIX_CHANNEL_DEFAULT);
-    if (is_overloaded(everybody, client, request.get(), batch)) {
+    if (is_overloaded(everybody, client, request.value.get(), batch)) {
         return;
     }
-    Call *call = begin_call(client, everybody, daemon_support::reload_method, request.get(), batch);
+    Call *call = begin_call(client, everybody, daemon_support::reload_method, request.value.get(), batch);
     bool is_anybody_there = registry_.heard_count() > 0;
-    send(*call, request.get());
+    request.text = {}; // several are told, each from its values
+    send(*call, request);
     for (const auto &[name, service] : registry_.registered()) {
         if (service->state == Service::State::up) {
             is_anybody_there = true;
             if (service->direct && service->publish.empty()) { // it is not on the bus
-                name_caller(*service, client.peer, request.get());
-                service->session->send_request(render(request.get()));
+                const std::string caller = caller_text(*service, client.peer);
+                service->session->send_request(renderer_.rewrite(request, {caller_edit(caller)}));
             }
         }
     }
@@ -478,7 +492,7 @@ void Router::reload(Client &client, Json request, const BatchPlace &batch) {
 // --- Answers -------------------------------------------------------------------------------------------------------
 
 /** The one end of a call, whichever it is. The answer has the router's ids where it came from a service. */
-void Router::finish(Call &call, Outcome outcome, Json answer) {
+void Router::finish(Call &call, Outcome outcome, Message answer) {
     const auto place = calls_.find(call.number);
     std::unique_ptr<Call> owner = std::move(place->second);
     calls_.erase(place);
@@ -487,38 +501,41 @@ void Router::finish(Call &call, Outcome outcome, Json answer) {
           [&] { give_answer(std::move(owner), outcome, std::move(answer)); });
 }
 
-void Router::give_answer(std::unique_ptr<Call> owner, Outcome outcome, Json answer) {
+void Router::give_answer(std::unique_ptr<Call> owner, Outcome outcome, Message answer) {
     Call &call = *owner;
     statistics_.count(call.method, !call.service.methods.empty(), outcome, seconds_since(call.started));
-    show_traffic("reply", &call, call.method, &call.service, name_of(outcome), answer.get());
+    show_traffic("reply", &call, call.method, &call.service, name_of(outcome), answer.value.get());
     if (outcome == Outcome::cancelled) {
         return;
     }
-    if (call.client.gets_own_id()) {
-        put(answer.get(), "id", share(call.id));
-    }
-    if (call.transaction_id) {
-        put(answer.get(), "transaction_id", share(call.transaction_id));
-    } else if (outcome != Outcome::timeout) { // the system's time-out response has one in any case
-        json_object_del(answer.get(), "transaction_id");
-    }
     Client &client = call.client;
     const BatchPlace batch = call.batch;
-    const Json id = share(call.id);
+    const Json id = std::move(call.id);
+    const Json transaction_id = std::move(call.transaction_id);
     owner.reset(); // before the answer, which may be the client's end, and so that of all its calls
-    std::string_view text = render(answer.get());
+    const std::string id_text = client.gets_own_id() ? whole_text(id) : "";
+    const std::string transaction_text = transaction_id ? whole_text(transaction_id) : "";
+    Edits edits;
+    if (client.gets_own_id()) {
+        edits.push_back({"id", id_text});
+    }
+    if (transaction_id || outcome != Outcome::timeout) { // the system's time-out response has one in any case
+        edits.push_back({"transaction_id", transaction_text});
+    }
+    std::string_view text = renderer_.rewrite(answer, edits);
     if (client.gets_own_id() && text.size() >= max_long_line) { // what a service writes in UTF-8 has grown by escapes
         LOG_FOREIGN("An answer is too long for its client\n");
-        const Json ids = id_and_transaction_id(id, json_object_get(answer.get(), "transaction_id"));
-        answer = make_error(TAVRIX_JRPC_INTERNAL_ERROR, ids.get(), message_data("the answer is too long"));
-        text = render(answer.get());
+        const Json ids = id_and_transaction_id(id, transaction_id.get());
+        const Json refusal = make_error(TAVRIX_JRPC_INTERNAL_ERROR, ids.get(), message_data("the answer is too long"));
+        text = render(refusal.get());
     }
     client.answer_text(text, batch);
 }
 
-void Router::take_reply(Json reply, Service *from) {
-    const std::string method = text_member(reply.get(), "id");
-    const json_t *transaction_id = json_object_get(reply.get(), "transaction_id");
+void Router::take_reply(Message message, Service *from) {
+    json_t *reply = message.value.get();
+    const std::string method = text_member(reply, "id");
+    const json_t *transaction_id = json_object_get(reply, "transaction_id");
     const json_int_t number = json_integer_value(transaction_id);
     const auto found = json_is_integer(transaction_id) && number > 0 && number <= INT_MAX
                            ? calls_.find(static_cast<int>(number))
@@ -527,18 +544,20 @@ void Router::take_reply(Json reply, Service *from) {
     // Only the service that was asked answers, and the way it was asked.
     if (found != calls_.end() && found->second->method == method &&
         (is_reload || (found->second->service.direct ? &found->second->service : nullptr) == from)) {
-        const bool is_error = json_object_get(reply.get(), "error") != nullptr;
+        const bool is_error = json_object_get(reply, "error") != nullptr;
         if (from != nullptr && from == &found->second->service) {
             from->on_answer(*found->second);
         }
-        if (!is_error && json_object_get(reply.get(), "result") == nullptr) {
+        if (!is_error && json_object_get(reply, "result") == nullptr) {
             LOG_FOREIGN("A reply to %s has neither a result nor an error\n", printable(method).c_str());
             const Json ids(json_pack("{s:O}", "id", found->second->id.get()));
             finish(*found->second, Outcome::error, make_error(TAVRIX_JRPC_INTERNAL_ERROR, ids.get(), nullptr));
             return;
         }
-        json_object_del(reply.get(), "method"); // by which the client would take it for a request
-        finish(*found->second, is_error ? Outcome::error : Outcome::result, std::move(reply));
+        if (json_object_del(reply, "method") == 0) { // by which the client would take it for a request
+            message.text = {};
+        }
+        finish(*found->second, is_error ? Outcome::error : Outcome::result, std::move(message));
     } else if (!is_reload) { // every service replies to a reload, and one reply is all that is awaited
         ++statistics_.late;
         if (from != nullptr && number > 0 && number <= INT_MAX) {
@@ -601,9 +620,9 @@ void Router::take_frame(std::string_view channel, std::string_view text) {
         return matches_any(session->subscribed, method) || matches_any(session->monitored, method);
     });
     if (is_wanted) {
-        const Json message(json_loadb(text.data(), text.size(), JSON_REJECT_DUPLICATES, nullptr));
-        if (is_notification(message.get()) && text_member(message.get(), "method") == method) {
-            deliver_notification(message.get(), method, nullptr);
+        const Message message(Json(json_loadb(text.data(), text.size(), JSON_REJECT_DUPLICATES, nullptr)), text);
+        if (is_notification(message.value.get()) && text_member(message.value.get(), "method") == method) {
+            deliver_notification(message, method, nullptr);
         }
     }
 }
@@ -617,7 +636,7 @@ void Router::take_for_router(std::string_view text) {
     } else if (is_notification(message.get())) {
         tavrix_jrpc_router_eval_notification(message.get(), notifications);
     } else {
-        take_reply(std::move(message), nullptr);
+        take_reply({std::move(message), text}, nullptr);
     }
 }
 
@@ -816,8 +835,8 @@ void Router::listen_as_wanted() {
     }));
 }
 
-void Router::take_notification(json_t *notification, Service *from) {
-    const std::string method = text_member(notification, "method");
+void Router::take_notification(const Message &notification, Service *from) {
+    const std::string method = text_member(notification.value.get(), "method");
     if (!is_plain(method) || is_for_router_to_say(method)) {
         LOG_FOREIGN("Discarded the notification %s of %s\n", printable(method).c_str(), printable(from->name).c_str());
         return;
@@ -825,14 +844,14 @@ void Router::take_notification(json_t *notification, Service *from) {
     deliver_notification(notification, method, from);
 }
 
-void Router::deliver_notification(json_t *notification, const std::string &method, const Service *from) {
-    show_traffic("notification", nullptr, method, from, nullptr, notification);
+void Router::deliver_notification(const Message &notification, const std::string &method, const Service *from) {
+    show_traffic("notification", nullptr, method, from, nullptr, notification.value.get());
     std::string line;
     for (Session *session : sessions_) {
         if (!matches_any(session->subscribed, method)) {
             continue;
         }
-        line = line.empty() ? std::string(render(notification)) : line;
+        line = line.empty() ? std::string(renderer_.rewrite(notification, {})) : line;
         if (line.size() >= max_long_line) {
             LOG_FOREIGN("Discarded the notification %s: it is too long\n", printable(method).c_str());
             return;
@@ -841,12 +860,14 @@ void Router::deliver_notification(json_t *notification, const std::string &metho
     }
 }
 
+bool Router::is_monitored(const std::string &method) const {
+    return std::any_of(sessions_.begin(), sessions_.end(),
+                       [&method](const Session *session) { return matches_any(session->monitored, method); });
+}
+
 void Router::show_traffic(const char *leg, const Call *call, const std::string &method, const Service *service,
                           const char *outcome, json_t *message) {
-    const bool is_watched = std::any_of(sessions_.begin(), sessions_.end(), [&method](const Session *session) {
-        return matches_any(session->monitored, method);
-    });
-    if (!is_watched) {
+    if (!is_monitored(method)) {
         return;
     }
     timespec now{};

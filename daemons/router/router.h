@@ -63,10 +63,10 @@ class Router {
     /** For clients that wait for their answer: after this time they are watched, lest they have gone. */
     daemon_support::Deadlines<OneShot> &patience() { return *patience_; }
     std::string_view render(const json_t *value) { return renderer_.render(value); }
-    void take_request(Client &client, Json request, const BatchPlace &batch);
+    void take_request(Client &client, Message request, const BatchPlace &batch);
     /** From a direct service, or from the bus for null. */
-    void take_reply(Json reply, Service *from);
-    void take_notification(json_t *notification, Service *from);
+    void take_reply(Message reply, Service *from);
+    void take_notification(const Message &notification, Service *from);
     void bury(Client &client);
     void on_session_end(Session &session);
     void flush_later(Session &session);
@@ -144,16 +144,16 @@ class Router {
     void answer_locked(Client &client, json_t *request, const BatchPlace &batch);
     void answer_timed_out(const Call &call, Json *answer) const;
     bool may_reload(const Client &client);
-    void reload(Client &client, Json request, const BatchPlace &batch);
+    void reload(Client &client, Message request, const BatchPlace &batch);
     bool is_overloaded(Service &service, Client &client, const json_t *request, const BatchPlace &batch);
-    void forward(Client &client, const std::string &method, Json request, const BatchPlace &batch);
+    void forward(Client &client, const std::string &method, const Message &request, const BatchPlace &batch);
     Service *find_service(const std::string &method, const std::string &channel, Json *why_not);
     Json gone_data(const Service &service, const std::string &method) const;
     Call *begin_call(Client &client, Service &service, const std::string &method, const json_t *request,
                      const BatchPlace &batch);
-    bool send(const Call &call, json_t *request);
-    void finish(Call &call, Outcome outcome, Json answer);
-    void give_answer(std::unique_ptr<Call> owner, Outcome outcome, Json answer);
+    bool send(const Call &call, const Message &request);
+    void finish(Call &call, Outcome outcome, Message answer);
+    void give_answer(std::unique_ptr<Call> owner, Outcome outcome, Message answer);
     void expire(Call &call);
     void cancel(const Call &call);
 
@@ -176,7 +176,8 @@ class Router {
 
     // Notifications and monitors
     void listen_as_wanted();
-    void deliver_notification(json_t *notification, const std::string &method, const Service *from);
+    void deliver_notification(const Message &notification, const std::string &method, const Service *from);
+    bool is_monitored(const std::string &method) const;
     void show_traffic(const char *leg, const Call *call, const std::string &method, const Service *service,
                       const char *outcome, json_t *message);
 

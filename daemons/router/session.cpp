@@ -130,7 +130,7 @@ void Session::take_line(std::string_view line) {
     }
     Json value(json_loadb(line.data(), line.size(), JSON_REJECT_DUPLICATES | JSON_DECODE_ANY, nullptr));
     if (json_is_object(value.get())) {
-        take_object(std::move(value), nullptr);
+        take_object({std::move(value), line}, nullptr);
         if (line.size() > large_line) {
             malloc_trim(0); // a large reply of many small values would be kept in pieces for ever
         }
@@ -208,13 +208,13 @@ void Session::end_batch() {
     complete(std::exchange(batch_, nullptr));
 }
 
-void Session::take_object(Json object, const BatchPlace &batch) {
-    const bool has_method = json_object_get(object.get(), "method") != nullptr;
+void Session::take_object(Message object, const BatchPlace &batch) {
+    const bool has_method = json_object_get(object.value.get(), "method") != nullptr;
     if (service != nullptr && !has_method) {
         router_.take_reply(std::move(object), service);
         complete(batch);
-    } else if (service != nullptr && is_notification(object.get())) {
-        router_.take_notification(object.get(), service);
+    } else if (service != nullptr && is_notification(object.value.get())) {
+        router_.take_notification(object, service);
         complete(batch);
     } else {
         router_.take_request(*this, std::move(object), batch);

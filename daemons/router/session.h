@@ -56,7 +56,7 @@ class Session final : public Client {
 
     void take_bytes(std::string_view bytes);
     void take_line(std::string_view line);
-    void take_object(Json object, const BatchPlace &batch);
+    void take_object(Message object, const BatchPlace &batch);
     void take_batch(const json_t *requests);
     void take_member(Json request);
     void put_off(const json_t *requests, size_t first);

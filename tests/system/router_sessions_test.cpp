@@ -12,6 +12,7 @@
 #include "support/fleet.h"
 #include "support/json.h"
 #include "support/session.h"
+#include "tavrix_jrpc.h"
 
 using namespace support;
 
@@ -304,6 +305,69 @@ TEST_F(RouterSession, EndsABatchWithTheErrorsOfAServiceThatGoes) {
     EXPECT_NE(batch.find(R"("id":2,"error":{"code":-32601)"), std::string::npos) << batch;
 }
 
+// --- Texts that go on as they were written -------------------------------------------------------------------------
+
+TEST_F(RouterSession, SendsARequestOnAsItWasWrittenButForTheIds) {
+    const struct {
+        const char *written;
+        const char *sent;
+    } rows[] = {
+        {R"({"jsonrpc":"2.0","method":"ports.Get","id":1,"params":{"a":0.1,"b":1e2,"id":7,"s":"}\",{\\"}})",
+         R"({"jsonrpc":"2.0","method":"ports.Get","params":{"a":0.1,"b":1e2,"id":7,"s":"}\",{\\"})"},
+        {R"({ "jsonrpc" : "2.0", "id" : "[{" , "method":"ports.Get", "params": { "list" : [ [ ], { } ] } })",
+         R"({"jsonrpc" : "2.0","method":"ports.Get","params": { "list" : [ [ ], { } ] } )"},
+        {R"({"caller":{"uid":0},"jsonrpc":"2.0","id":1,"method":"ports.Get"})",
+         R"({"jsonrpc":"2.0","method":"ports.Get")"},
+        {"{\"jsonrpc\":\"2.0\",\t\"method\":\"ports.Get\",\"id\":1}", R"({"jsonrpc":"2.0","method":"ports.Get")"},
+        {R"({"jsonrpc":"2.0","method":"ports.Get","id":1,"params":{"a":"é"}})",
+         R"({"jsonrpc":"2.0","method":"ports.Get","params":{"a":"\u00E9"})"},
+        {R"({"jsonrpc":"2.0","method":"ports.Get","\u0069d":1})", R"({"jsonrpc":"2.0","method":"ports.Get")"},
+    };
+    DirectService service;
+    SessionClient client;
+    for (const auto &row : rows) {
+        client.say(row.written);
+        const std::string asked = service.next_request();
+        EXPECT_EQ(asked, std::string(row.sent) + ",\"transaction_id\":" + member(asked, "transaction_id") +
+                             ",\"id\":\"" TAVRIX_ROUTER_REPLY_CHANNEL "\"}");
+        service.reply(asked, "0");
+        EXPECT_EQ(member(client.hear(), "result"), "0");
+    }
+}
+
+TEST_F(RouterSession, ReplacesATransactionIdWhereItStood) {
+    DirectService service;
+    SessionClient client;
+    client.say(R"({"transaction_id":5,"jsonrpc":"2.0","method":"ports.Get","id":1})");
+    const std::string asked = service.next_request();
+    EXPECT_EQ(asked, "{\"transaction_id\":" + member(asked, "transaction_id") +
+                         R"(,"jsonrpc":"2.0","method":"ports.Get","id":")" TAVRIX_ROUTER_REPLY_CHANNEL "\"}");
+    service.reply(asked, "0");
+    EXPECT_EQ(member(client.hear(), "transaction_id"), "5");
+}
+
+TEST_F(RouterSession, SendsAnAnswerOnAsItWasWrittenButForTheIds) {
+    const struct {
+        const char *before; // the number under which the service was asked
+        const char *behind;
+        const char *heard;
+    } rows[] = {
+        {R"({"jsonrpc":"2.0","id":"ports.Get","result":{"x":0.1,"id":[1],"s":"\"}"},"transaction_id":)", "}",
+         R"({"jsonrpc":"2.0","id":"mine","result":{"x":0.1,"id":[1],"s":"\"}"}})"},
+        {R"({"transaction_id":)", R"(, "error":{"code":-1,"message":"é"},"id":"ports.Get","jsonrpc":"2.0"})",
+         R"({"error":{"code":-1,"message":"\u00E9"},"id":"mine","jsonrpc":"2.0"})"},
+        {R"({"\u0069d":"ports.Get","result":1.50,"transaction_id":)", "}", R"({"id":"mine","result":1.5})"},
+    };
+    DirectService service;
+    SessionClient client;
+    for (const auto &row : rows) {
+        client.say(request("ports.Get", "\"mine\""));
+        const std::string number = member(service.next_request(), "transaction_id");
+        service.say(row.before + number + row.behind);
+        EXPECT_EQ(client.hear(), row.heard);
+    }
+}
+
 // --- Subscriptions -------------------------------------------------------------------------------------------------
 
 TEST_F(RouterSession, HearsTheNotificationsThatItsPatternsName) {
@@ -317,7 +381,7 @@ TEST_F(RouterSession, HearsTheNotificationsThatItsPatternsName) {
     service.say(notification("ports.Changed", R"({"a":[1,null,"\u00e9"]})"));
     service.say(notification("events."));
     service.say(notification("events.LinkChanged"));
-    EXPECT_EQ(client.hear(), notification("ports.Changed", R"({"a":[1,null,"\u00E9"]})"));
+    EXPECT_EQ(client.hear(), notification("ports.Changed", R"({"a":[1,null,"\u00e9"]})")) << "as it was written";
     EXPECT_EQ(client.hear(), notification("events."));
     EXPECT_EQ(client.hear(), notification("events.LinkChanged"));
 }

@@ -59,11 +59,11 @@ one_home() {
     ^$1:
     ${3:-}" src common include kit daemons/*/*.{h,cpp} tools/*.{h,cpp}
 }
-one_home 'kit/include/tavrix_service\.h' '/run/tavrix/session\.sock' '^daemons/router/(main\.cpp|router\.h):'
-one_home 'tools/stream\.h' '/run/tavrix/router\.sock' '^daemons/router/(main\.cpp|router\.h):'
-one_home 'kit/src/discovery\.cpp' '"1\.2\.6"' '^daemons/router/discovery\.cpp:'
+one_home 'kit/include/tavrix_service\.h' '/run/tavrix/session\.sock'
+one_home 'common/names\.h' '/run/tavrix/router\.sock'
+one_home 'common/names\.h' '"1\.2\.6"'
+one_home 'common/names\.h' '"(router|service)\.[A-Z]\w+"'
 one_home 'include/tavrix_jrpc\.h' '-32[0-9]{3}\b' '
-    ^daemons/router/discovery\.cpp:
     ^tools/tavrixctl\.cpp:.*tavrixctl error -32602'
 
 # --- Structure ---

@@ -24,7 +24,7 @@ struct Failure {
 /** The method that was probably intended where this one was not found; empty when none is near. */
 std::string find_similar(const Failure &failure) {
     Json status;
-    if (failure.router->ask("router.Status", nullptr, failure.deadline, &status) != exit_result) {
+    if (failure.router->ask(names::status, nullptr, failure.deadline, &status) != exit_result) {
         return "";
     }
     // A known method is the nearest to itself.
@@ -55,7 +55,7 @@ std::string on_timeout(const Failure &failure) {
 std::string on_busy(const Failure &failure) {
     Json status;
     const bool is_known = json_is_null(failure.data) &&
-                          failure.router->ask("router.Status", nullptr, failure.deadline, &status) == exit_result;
+                          failure.router->ask(names::status, nullptr, failure.deadline, &status) == exit_result;
     return is_known && json_is_true(json_object_get(status.get(), "locked"))
                ? "the system is locked, tavrixctl call router.Unlock ends that"
                : "try again later, tavrixctl status shows what is in flight";
@@ -83,7 +83,7 @@ std::string on_unknown_param(const std::string &key, const std::vector<std::stri
 std::string on_wrong_params(const Failure &failure) {
     Json document;
     if (text_of(failure.data, "parameter").empty() ||
-        failure.router->ask("rpc.discover", nullptr, failure.deadline, &document) != exit_result) {
+        failure.router->ask(names::discover, nullptr, failure.deadline, &document) != exit_result) {
         return "";
     }
     std::vector<std::string> names;

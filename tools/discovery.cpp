@@ -8,7 +8,7 @@ namespace tavrixctl {
 
 int discover(const Target &target, const Deadline &deadline, Json *document) {
     Router router(target);
-    return router.ask("rpc.discover", nullptr, deadline, document);
+    return router.ask(names::discover, nullptr, deadline, document);
 }
 
 std::vector<const json_t *> elements_of(const json_t *object, const char *key) {

@@ -127,11 +127,11 @@ bool is_offerable(const std::string &word) {
 }
 
 std::vector<std::string> offered_methods(const Target &target) {
-    return names_in(ask_router(target, "rpc.discover").get(), "methods");
+    return names_in(ask_router(target, names::discover).get(), "methods");
 }
 
 std::vector<std::string> offered_services(const Target &target) {
-    return names_in(ask_router(target, "router.Status").get(), "services");
+    return names_in(ask_router(target, names::status).get(), "services");
 }
 
 std::vector<std::string> offered_daemons(const Target &target, const std::string &file) {
@@ -148,7 +148,7 @@ std::vector<std::string> offered_daemons(const Target &target, const std::string
 
 std::vector<std::string> offered_params(const Target &target, const std::string &method,
                                         const std::vector<std::string> &given, const std::string &word) {
-    const Json document = ask_router(target, "rpc.discover");
+    const Json document = ask_router(target, names::discover);
     const json_t *found = find_method(methods_of(document.get()), method);
     return word.find('=') == std::string::npos ? param_names(found, keys_of(given)) : param_values(found, word);
 }

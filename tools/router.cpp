@@ -8,8 +8,8 @@ namespace tavrixctl {
 namespace {
 
 constexpr char own_id[] = "tavrixctl";
-const char *const own_methods[] = {"logger.ReloadConf", "router.Bus",    "router.Lock",
-                                   "router.Metrics",    "router.Status", "router.Unlock"};
+const char *const own_methods[] = {names::reload_conf, names::bus,    names::lock,
+                                   names::metrics,     names::status, names::unlock};
 
 } // namespace
 

@@ -159,7 +159,7 @@ std::vector<Road> roads_to(const Target &target) {
     const std::string session = environment("TAVRIX_SESSION");
     const std::string socket_path = environment("TAVRIX_SOCKET");
     if (session.empty() && socket_path.empty()) {
-        return {{RoadKind::session, default_session}, {RoadKind::one_shot, default_socket}};
+        return {{RoadKind::session, default_session}, {RoadKind::one_shot, tavrix::router_socket}};
     }
     std::vector<Road> roads;
     if (!session.empty()) {

@@ -15,7 +15,6 @@
 
 namespace tavrixctl {
 
-constexpr char default_socket[] = "/run/tavrix/router.sock";
 constexpr char default_session[] = TAVRIX_SERVICE_SESSION;
 /** What can be done where an answer does not come. */
 constexpr char late_remedy[] = "is it stopped, or busy? --timeout waits longer";

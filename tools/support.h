@@ -11,10 +11,12 @@
 #include <jansson.h>
 
 #include "common/handles.h"
+#include "common/names.h"
 #include "verbs.h"
 
 namespace tavrixctl {
 
+namespace names = tavrix::names;
 using tavrix::Json;
 using tavrix::Text;
 

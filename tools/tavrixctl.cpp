@@ -85,7 +85,7 @@ void add_router(CLI::App *verb, Target *target) {
     CLI::Option *socket =
         verb->add_option("--socket", target->socket_path,
                          std::string("The router's socket for one request; default: TAVRIX_SOCKET, or ") +
-                             default_socket)
+                             tavrix::router_socket)
             ->excludes("--session");
     verb->add_option("--tcp", target->tcp, "The router's TCP socket, as HOST:PORT")
         ->excludes(socket)

@@ -191,7 +191,7 @@ using Daemons = std::map<std::string, std::string>;
 Daemons ask_for_daemons(Router *router, const LogLevelOptions &options) {
     const Silence silence; // a router that is not there is told of when it is to pass the reload on
     Json status;
-    if (router->ask("router.Status", nullptr, Deadline(options.timeout_s), &status) != exit_result) {
+    if (router->ask(names::status, nullptr, Deadline(options.timeout_s), &status) != exit_result) {
         return {};
     }
     Daemons daemons = {{"routerd", "up"}};
@@ -504,7 +504,7 @@ int log_level(const LogLevelOptions &options) {
         return exit_result;
     }
     Json result;
-    const int status = router.ask("logger.ReloadConf", nullptr, Deadline(options.timeout_s), &result);
+    const int status = router.ask(names::reload_conf, nullptr, Deadline(options.timeout_s), &result);
     return status == exit_result ? show_levels(daemons, text, "") : status;
 }
 

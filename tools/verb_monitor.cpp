@@ -21,8 +21,6 @@ namespace tavrixctl {
 
 namespace {
 
-constexpr char traffic_method[] = "router.Traffic";
-
 // --- Watching ------------------------------------------------------------------------------------------------------
 
 class Watcher {
@@ -95,7 +93,7 @@ int Watcher::watch(Session *session) {
             complain("the router has closed the session");
             return exit_no_connection;
         }
-        if (tell_loss(message.get()) || text_of(message.get(), "method") != traffic_method) {
+        if (tell_loss(message.get()) || text_of(message.get(), "method") != names::traffic) {
             continue;
         }
         const std::optional<Exchange> exchange = pairing_.take(json_object_get(message.get(), "params"));
@@ -130,7 +128,7 @@ int monitor_router(const MonitorOptions &options, const std::vector<std::string>
     std::unique_ptr<Session> session;
     int status = open_session(options.target, deadline, &session);
     if (status == exit_result) {
-        status = open_stream(session.get(), "router.Monitor", patterns, deadline);
+        status = open_stream(session.get(), names::monitor, patterns, deadline);
     }
     if (status != exit_result || stop_requested()) {
         return status;

@@ -201,7 +201,7 @@ std::string reason_for_absence(const json_t *status, const std::string &name) {
 int status(const StatusOptions &options) {
     Router router(options.target);
     Json result;
-    const int rc = router.ask("router.Status", nullptr, Deadline(options.timeout_s), &result);
+    const int rc = router.ask(names::status, nullptr, Deadline(options.timeout_s), &result);
     if (rc != exit_result) {
         return rc;
     }
@@ -220,7 +220,7 @@ int top(const TopOptions &options) {
     const bool is_terminal = isatty(STDOUT_FILENO) != 0;
     for (unsigned shown = 0; !stop_requested() && (!options.count || shown < *options.count); ++shown) {
         Json result;
-        const int rc = router.ask("router.Status", nullptr, Deadline(options.timeout_s), &result);
+        const int rc = router.ask(names::status, nullptr, Deadline(options.timeout_s), &result);
         if (rc != exit_result || stop_requested()) {
             return stop_requested() ? static_cast<int>(exit_result) : rc;
         }
@@ -247,7 +247,7 @@ int top(const TopOptions &options) {
 int metrics(const StatusOptions &options) {
     Router router(options.target);
     Json result;
-    const int rc = router.ask("router.Metrics", nullptr, Deadline(options.timeout_s), &result);
+    const int rc = router.ask(names::metrics, nullptr, Deadline(options.timeout_s), &result);
     if (rc != exit_result) {
         return rc;
     }
@@ -273,13 +273,13 @@ int wait_service(const WaitServiceOptions &options) {
             const Silence silence;
             Router router(options.target);
             Json latest;
-            rc = router.ask("router.Status", nullptr, deadline, &latest);
+            rc = router.ask(names::status, nullptr, deadline, &latest);
             if (rc == exit_result) {
                 result = std::move(latest);
             }
         }
         if (rc == exit_usage) {
-            return Router(options.target).ask("router.Status", nullptr, deadline, &result); // which says why
+            return Router(options.target).ask(names::status, nullptr, deadline, &result); // which says why
         }
         const auto is_there_now = [&result](const std::string &name) { return is_there(result.get(), name); };
         missing.erase(std::remove_if(missing.begin(), missing.end(), is_there_now), missing.end());

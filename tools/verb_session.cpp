@@ -16,8 +16,6 @@ namespace tavrixctl {
 
 namespace {
 
-constexpr char lost_method[] = "router.Lost";
-
 std::string joined(const std::vector<std::string> &words) {
     std::string text;
     for (const std::string &word : words) {
@@ -38,7 +36,7 @@ int deliver(const Target &target, const Delivery &delivery) {
     std::unique_ptr<Session> session;
     int status = open_session(target, delivery.deadline, &session);
     if (status == exit_result) {
-        status = open_stream(session.get(), "router.Subscribe", delivery.patterns, delivery.deadline);
+        status = open_stream(session.get(), names::subscribe, delivery.patterns, delivery.deadline);
     }
     if (status != exit_result || stop_requested()) {
         return status;
@@ -106,7 +104,7 @@ bool sort_words(const WaitOptions &options, std::vector<std::string> *addresses,
 } // namespace
 
 bool tell_loss(const json_t *notification) {
-    if (text_of(notification, "method") != lost_method) {
+    if (text_of(notification, "method") != names::lost) {
         return false;
     }
     const json_t *count = json_object_get(json_object_get(notification, "params"), "count");

@@ -14,10 +14,6 @@ namespace router {
 
 namespace {
 
-constexpr char openrpc_version[] = "1.2.6";
-constexpr int first_code = -32700; // all codes of the catalogue are from here on
-constexpr int last_code = -32000;
-
 /** What the router answers of itself, whatever the method. */
 constexpr int codes_of_own_methods[] = {TAVRIX_JRPC_METHOD_NOT_FOUND, TAVRIX_JRPC_INVALID_PARAMS};
 
@@ -29,7 +25,7 @@ Json error_json(int code) {
 Json catalogue() {
     Json errors(json_object());
     const std::string unknown = tavrix_jrpc_error_message(0);
-    for (int code = last_code; code >= first_code; --code) {
+    for (int code = TAVRIX_JRPC_UNKNOWN_ERROR; code >= TAVRIX_JRPC_PARSE_ERROR; --code) {
         if (code == TAVRIX_JRPC_UNKNOWN_ERROR || tavrix_jrpc_error_message(code) != unknown) {
             put(errors.get(), std::to_string(code).c_str(), error_json(code));
         }
@@ -127,8 +123,8 @@ Json Router::discover() const {
         }
     }
     Json errors = catalogue();
-    return Json(json_pack("{s:s, s:{s:s, s:s}, s:o, s:{s:o}}", "openrpc", openrpc_version, "info", "title", "tavrix",
-                          "version", TAVRIX_VERSION, "methods", methods.release(), "components", "errors",
+    return Json(json_pack("{s:s, s:{s:s, s:s}, s:o, s:{s:o}}", "openrpc", tavrix::openrpc_version, "info", "title",
+                          "tavrix", "version", TAVRIX_VERSION, "methods", methods.release(), "components", "errors",
                           errors.release()));
 }
 

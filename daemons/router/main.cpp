@@ -1,7 +1,5 @@
 /*
  * tavrix-routerd: the router between clients and services.
- *
- *     tavrix-routerd --socket /run/tavrix/router.sock --session /run/tavrix/session.sock
  */
 #include <cerrno>
 #include <cstring>
@@ -31,8 +29,7 @@ int main(int argc, char **argv) {
     router::Config config;
     std::string name = "routerd";
     daemon_support::Options options("tavrix-routerd", "routerd", "Carries requests from clients to services.",
-                                    "tavrix-routerd --socket /run/tavrix/router.sock "
-                                    "--session /run/tavrix/session.sock --publish ipc:///run/tavrix/bus/router");
+                                    "tavrix-routerd --tcp 8090 --policy /etc/tavrix/policy.conf");
     options.text("name", "NAME", "the daemon's name in the logger's configuration", &name);
     options.text("socket", "PATH", "unix socket for one request a connection, in a folder that exists",
                  &config.socket_path);

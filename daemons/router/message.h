@@ -11,11 +11,13 @@
 #include <jansson.h>
 
 #include "common/message.h"
+#include "common/names.h"
 #include "common/text.h"
 
 namespace router {
 
 using tavrix::Json;
+namespace names = tavrix::names;
 
 /** Another reference to the value. */
 inline Json share(json_t *value) { return Json(json_incref(value)); }

@@ -22,8 +22,7 @@ constexpr char unit_name[] = "policy";
 constexpr char own_prefix[] = "router.";
 
 /** What `*` alone does not cover. */
-constexpr const char *restricted[] = {"router.Lock", "router.Unlock", "router.Register", "router.Bus",
-                                      "router.Monitor"};
+constexpr const char *restricted[] = {names::lock, names::unlock, names::register_service, names::bus, names::monitor};
 
 bool is_restricted(std::string_view method) {
     return std::any_of(std::begin(restricted), std::end(restricted),

@@ -15,7 +15,6 @@
 #include <unistd.h>
 
 #include "base/log.h"
-#include "base/service_names.h"
 #include "foreign_log.h"
 #include "tavrix_error.h"
 #include "tavrix_jrpc.h"
@@ -36,10 +35,7 @@ constexpr milliseconds time_unwatched{20};
 constexpr std::chrono::seconds probe_time{5};
 constexpr size_t most_reloads = 20; // a second
 constexpr char own_prefix[] = "router.";
-constexpr char register_method[] = "router.Register";
-constexpr char describe_method[] = "router.Describe";
-constexpr char reserved_prefix[] = "rpc."; // by JSON-RPC; one of them is the router's
-constexpr char cancel_method[] = "service.Cancel";
+constexpr char reserved_prefix[] = "rpc.";                         // by JSON-RPC; one of them is the router's
 constexpr char reply_id[] = "\"" TAVRIX_ROUTER_REPLY_CHANNEL "\""; // what a service gets for the client's
 Router *the_router = nullptr;
 
@@ -72,10 +68,10 @@ int on_bus_unlock(json_t * /*params*/, json_t ** /*result*/, json_t ** /*error_d
 }
 
 constexpr tavrix_jrpc_method notifications[] = {
-    {daemon_support::hello_method, on_hello},
-    {"router.Lock", on_bus_lock},
-    {"router.Unlock", on_bus_unlock},
-    {daemon_support::reload_method, tavrix_lsyslog_reload_conf_api},
+    {names::hello, on_hello},
+    {names::lock, on_bus_lock},
+    {names::unlock, on_bus_unlock},
+    {names::reload_conf, tavrix_lsyslog_reload_conf_api},
     {nullptr, nullptr},
 };
 
@@ -116,7 +112,7 @@ Json id_and_transaction_id(const Json &id, json_t *transaction_id) {
 
 /** A session takes these for the router's own word, whoever has written them. */
 bool is_for_router_to_say(const std::string &method) {
-    return method.rfind(own_prefix, 0) == 0 || method == cancel_method;
+    return method.rfind(own_prefix, 0) == 0 || method == names::cancel;
 }
 
 double seconds_since(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
@@ -251,7 +247,7 @@ std::string Router::find_refusal(const Client &client, const std::string &method
         return "a method's name has no control characters";
     }
     // Who may register may describe what he has registered.
-    if (!policy_.allows(client.peer, method == describe_method ? register_method : method)) {
+    if (!policy_.allows(client.peer, method == names::describe ? names::register_service : method)) {
         if (client.peer.known) {
             LOG_FOREIGN("Refused %s to user %u\n", printable(method).c_str(), static_cast<unsigned>(client.peer.user));
         } else {
@@ -283,7 +279,7 @@ void Router::take_request(Client &client, Message message, const BatchPlace &bat
     } else if (locked_) {
         LOG_FOREIGN("Locked: refused %s\n", printable(method).c_str());
         answer_locked(client, request, batch);
-    } else if (method == daemon_support::reload_method) {
+    } else if (method == names::reload_conf) {
         reload(client, std::move(message), batch);
     } else {
         forward(client, method, message, batch);
@@ -464,12 +460,12 @@ void Router::reload(Client &client, Message request, const BatchPlace &batch) {
             make_error(TAVRIX_JRPC_SYSTEM_BUSY, request.value.get(), message_data("too often: wait a second")), batch);
         return;
     }
-    tavrix_lsyslog_is_json_method_lsyslog(daemon_support::reload_method); // the router's own logger rereads too
+    tavrix_lsyslog_is_json_method_lsyslog(names::reload_conf); // the router's own logger rereads too
     Service &everybody = registry_.listeners_on(TAVRIX_CHANNEL_DEFAULT);
     if (is_overloaded(everybody, client, request.value.get(), batch)) {
         return;
     }
-    Call *call = begin_call(client, everybody, daemon_support::reload_method, request.value.get(), batch);
+    Call *call = begin_call(client, everybody, names::reload_conf, request.value.get(), batch);
     bool is_anybody_there = registry_.heard_count() > 0;
     request.text = {}; // several are told, each from its values
     send(*call, request);
@@ -484,7 +480,7 @@ void Router::reload(Client &client, Message request, const BatchPlace &batch) {
     }
     if (!is_anybody_there) {
         finish(*call, Outcome::result,
-               make_result(Json(json_string(daemon_support::reload_method)), Json(json_integer(call->number)),
+               make_result(Json(json_string(names::reload_conf)), Json(json_integer(call->number)),
                            Json(json_integer(TAVRIX_OK))));
     }
 }
@@ -540,7 +536,7 @@ void Router::take_reply(Message message, Service *from) {
     const auto found = json_is_integer(transaction_id) && number > 0 && number <= INT_MAX
                            ? calls_.find(static_cast<int>(number))
                            : calls_.end();
-    const bool is_reload = method == daemon_support::reload_method;
+    const bool is_reload = method == names::reload_conf;
     // Only the service that was asked answers, and the way it was asked.
     if (found != calls_.end() && found->second->method == method &&
         (is_reload || (found->second->service.direct ? &found->second->service : nullptr) == from)) {
@@ -595,7 +591,7 @@ void Router::expire(Call &call) {
 void Router::cancel(const Call &call) {
     if (call.service.direct && call.service.session != nullptr) {
         call.service.leave(call);
-        const Json notice = make_notification(cancel_method, Json(json_pack("{s:i}", "transaction_id", call.number)));
+        const Json notice = make_notification(names::cancel, Json(json_pack("{s:i}", "transaction_id", call.number)));
         call.service.session->send_request(render(notice.get()));
     }
 }
@@ -646,7 +642,7 @@ bool Router::lacks_listeners() const {
 
 /** Asks services that were there before the router to say hello. */
 void Router::probe_listeners() {
-    const Json probe = make_notification(daemon_support::probe_method, Json(json_object()));
+    const Json probe = make_notification(names::probe, Json(json_object()));
     const std::string_view text = render(probe.get());
     for (const char *channel : service_channels) {
         bus_.publish(channel, text);
@@ -668,7 +664,7 @@ bool Router::welcome(const std::string &name, const std::string &channel, json_t
     if (json_is_integer(number)) {
         put(params.get(), "number", share(number));
     }
-    const Json notice = make_notification(daemon_support::welcome_method, share(params));
+    const Json notice = make_notification(names::welcome, share(params));
     return bus_.publish(channel, render(notice.get()));
 }
 
@@ -728,8 +724,7 @@ void Router::settle() {
 }
 
 void Router::probe(const Service &service) {
-    const Json notice =
-        make_notification(daemon_support::probe_method, Json(json_pack("{s:s}", "name", service.name.c_str())));
+    const Json notice = make_notification(names::probe, Json(json_pack("{s:s}", "name", service.name.c_str())));
     bus_.publish(service.channel, render(notice.get()));
 }
 
@@ -742,7 +737,7 @@ void Router::end_registration(Service &service, Json answer) {
 }
 
 void Router::up(Service &service) {
-    const Json notification = make_notification("router.ServiceUp", describe(service));
+    const Json notification = make_notification(names::service_up, describe(service));
     const std::string line = whole_text(notification); // without memory it is settling still, until its next hello
     LOG_WITHIN(lines_of_services, LOG_INFO("Service %s settled on channel %s\n", printable(service.name).c_str(),
                                            printable(service.channel).c_str()));
@@ -783,7 +778,7 @@ void Router::gone(Service &service) {
         guard(nullptr, [&] {
             // Without memory nobody is told: what they keep is an address on which nothing comes.
             const Json down =
-                make_notification("router.ServiceDown", Json(json_pack("{s:s}", "name", service.name.c_str())));
+                make_notification(names::service_down, Json(json_pack("{s:s}", "name", service.name.c_str())));
             tell_services(whole_text(down), service);
         });
     }
@@ -885,7 +880,7 @@ void Router::show_traffic(const char *leg, const Call *call, const std::string &
          json_object_set_new(params.get(), "seconds", json_real(seconds_since(call->started))) != 0)) {
         params.reset(); // the caller is not to blame: the monitors are closed
     }
-    const Json traffic = make_notification("router.Traffic", std::move(params));
+    const Json traffic = make_notification(names::traffic, std::move(params));
     const std::string line(render(traffic.get()));
     for (Session *session : sessions_) {
         if (matches_any(session->monitored, method)) {

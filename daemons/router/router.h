@@ -27,13 +27,14 @@
 #include "service.h"
 #include "session.h"
 #include "statistics.h"
+#include "tavrix_service.h" // for its socket's path alone
 
 namespace router {
 
 struct Config {
-    std::string socket_path = "/run/tavrix/router.sock";
-    std::string session_path = "/run/tavrix/session.sock"; ///< empty: no sessions
-    int tcp_port = 0;                                      ///< 0: no TCP listener
+    std::string socket_path = tavrix::router_socket;
+    std::string session_path = TAVRIX_SERVICE_SESSION; ///< empty: no sessions
+    int tcp_port = 0;                                  ///< 0: no TCP listener
     std::string tcp_address = "127.0.0.1";
     std::vector<std::string> publish = {"ipc:///run/tavrix/bus/router"};
     std::vector<std::string> connect; ///< of services that register nowhere

@@ -339,7 +339,7 @@ void Session::send_notification(std::string_view line) {
 }
 
 void Session::tell_of_loss() {
-    const Json lost = make_notification("router.Lost", Json(json_pack("{s:I}", "count", std::exchange(lost_, 0))));
+    const Json lost = make_notification(names::lost, Json(json_pack("{s:I}", "count", std::exchange(lost_, 0))));
     write_line(router_.render(lost.get()));
 }
 

@@ -277,7 +277,7 @@ void say_hello(tavrix_service *service, uint64_t number) {
     if (number != 0) {
         json_object_set_new(params, "number", json_integer(static_cast<json_int_t>(number)));
     }
-    const Text text = request_text("router.Hello", params, 0);
+    const Text text = request_text(names::hello, params, 0);
     if (text) {
         bus_publish(service, TAVRIX_ROUTER_REPLY_CHANNEL, text.get());
     }
@@ -291,8 +291,8 @@ bool is_addressed(const tavrix_service *service, const json_t *params) {
 
 /** The router's own words on the bus; false for any other method. */
 bool take_bus_notice(tavrix_service *service, const char *method, const json_t *params) {
-    const bool is_probe = std::strcmp(method, "service.Probe") == 0;
-    const bool is_welcome = std::strcmp(method, "service.Welcome") == 0;
+    const bool is_probe = std::strcmp(method, names::probe) == 0;
+    const bool is_welcome = std::strcmp(method, names::welcome) == 0;
     if ((is_probe || is_welcome) && is_addressed(service, params)) {
         if (is_probe) {
             say_hello(service, 0);
@@ -316,7 +316,7 @@ void take_frame(tavrix_service *service, const char *frame, size_t length) {
         std::strlen(service->channel) == channel_length && std::memcmp(service->channel, frame, channel_length) == 0;
     Json message(json_loadb(bar + 1, length - channel_length - 1, parse_flags, nullptr));
     const char *method = json_string_value(json_object_get(message.get(), "method"));
-    if (method == nullptr || (!own && std::strcmp(method, "logger.ReloadConf") != 0)) {
+    if (method == nullptr || (!own && std::strcmp(method, names::reload_conf) != 0)) {
         return; // on the default channel the others' requests pass by
     }
     if (take_bus_notice(service, method, json_object_get(message.get(), "params"))) {

@@ -19,9 +19,7 @@ namespace {
 
 constexpr char unit_name[] = "service_calls";
 constexpr size_t kept_spare_calls = 64;
-constexpr char reload_method[] = "logger.ReloadConf";
-constexpr char hello_method[] = "service.Hello";
-constexpr const char *own_methods[] = {reload_method, hello_method, "service.Probe", "service.Welcome"};
+constexpr const char *own_methods[] = {names::reload_conf, names::say_hello, names::probe, names::welcome};
 
 // --- Records -------------------------------------------------------------------------------------------------------
 
@@ -215,9 +213,9 @@ void run_handler(tavrix_call *call) {
 
 /** Every service's own methods; false when the name is none of them. */
 bool answer_own_method(tavrix_call *call, const char *name) {
-    if (std::strcmp(name, reload_method) == 0) {
+    if (std::strcmp(name, names::reload_conf) == 0) {
         tavrix_lsyslog_reload_conf();
-    } else if (std::strcmp(name, hello_method) != 0) {
+    } else if (std::strcmp(name, names::say_hello) != 0) {
         return false;
     }
     tavrix_call_reply(call, json_integer(0));

@@ -15,7 +15,6 @@ namespace kit {
 namespace {
 
 constexpr char unit_name[] = "service_discovery";
-constexpr char openrpc_version[] = "1.2.6";
 constexpr char unknown_version[] = "unversioned";
 constexpr char discovery_suffix[] = ".Discover";
 constexpr size_t description_size = 2 * allowed_size;
@@ -498,7 +497,7 @@ json_t *make_document(const tavrix_service *service) {
     const char *version = service->options.version != nullptr ? service->options.version : unknown_version;
     Json info(json_pack("{s:s, s:s}", "title", service->name, "version", version));
     writer.put_text(info.get(), "description", service->options.summary);
-    Json document(json_pack("{s:s}", "openrpc", openrpc_version));
+    Json document(json_pack("{s:s}", "openrpc", tavrix::openrpc_version));
     writer.put(document.get(), "info", info.release());
     writer.put(document.get(), "methods", methods_of(&writer, service));
     if (!writer.complete) {

@@ -20,12 +20,14 @@
 
 #include "common/handles.h"
 #include "common/message.h"
+#include "common/names.h"
 #include "common/text.h"
 #include "internal/log.h"
 #include "tavrix_service.h"
 
 namespace kit {
 
+namespace names = tavrix::names;
 using tavrix::has_control_characters;
 using tavrix::Json;
 using tavrix::matches;

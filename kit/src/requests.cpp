@@ -241,7 +241,7 @@ bool send_subscriptions(tavrix_service *service) {
         }
     }
     return count == 0 ||
-           (json_array_size(patterns.get()) == count && send_patterns(service, "router.Subscribe", patterns.get()));
+           (json_array_size(patterns.get()) == count && send_patterns(service, names::subscribe, patterns.get()));
 }
 
 void take_notification(tavrix_service *service, const json_t *message, const char *method) {
@@ -279,7 +279,7 @@ bool cancel_subscription(tavrix_service *service, Entry *entry) {
     as_subscription(entry)->over = true;
     if (!is_pattern_used(service, as_subscription(entry)->pattern)) {
         const Json patterns(json_pack("[s]", as_subscription(entry)->pattern));
-        send_patterns(service, "router.Unsubscribe", patterns.get());
+        send_patterns(service, names::unsubscribe, patterns.get());
     }
     if (service->notifying == 0) {
         free_ended_subscriptions(service);
@@ -486,7 +486,7 @@ uint64_t tavrix_service_subscribe(tavrix_service *service, const char *pattern, 
     subscription->user = user;
     const uint64_t number = enter(&service->directory, &subscription->entry, entry_subscription);
     const Json patterns(is_new ? json_pack("[s]", pattern) : nullptr);
-    if (is_new && (!patterns || !send_patterns(service, "router.Subscribe", patterns.get()))) {
+    if (is_new && (!patterns || !send_patterns(service, names::subscribe, patterns.get()))) {
         LOG_ERROR("Cannot subscribe to %s: no memory\n", pattern);
         leave(&service->directory, &subscription->entry);
         unmake(subscription);

@@ -103,7 +103,7 @@ void on_described(tavrix_service *service, const tavrix_answer *answer, void * /
 /** Before the service says that it is ready: from then on it can be discovered. */
 void send_description(tavrix_service *service) {
     json_t *document = make_document(service);
-    if (document == nullptr || send_request(service, "router.Describe", json_pack("{s:o}", "document", document),
+    if (document == nullptr || send_request(service, names::describe, json_pack("{s:o}", "document", document),
                                             control_timeout_ms, on_described, nullptr) == 0) {
         become_ready(service);
     }
@@ -151,7 +151,7 @@ void send_registration(tavrix_service *service) {
         lose_session(service, "no memory to register");
         return;
     }
-    ask_router(service, "router.Register", params, on_registered);
+    ask_router(service, names::register_service, params, on_registered);
 }
 
 void on_bus_known(tavrix_service *service, const tavrix_answer *answer, void * /*user*/) {
@@ -174,19 +174,19 @@ void on_bus_known(tavrix_service *service, const tavrix_answer *answer, void * /
     }
 }
 
-void ask_for_bus(tavrix_service *service) { ask_router(service, "router.Bus", nullptr, on_bus_known); }
+void ask_for_bus(tavrix_service *service) { ask_router(service, names::bus, nullptr, on_bus_known); }
 
 // --- Lines ---------------------------------------------------------------------------------------------------------
 
 /** What the router itself tells. */
 bool take_router_notice(tavrix_service *service, const char *method, const json_t *params) {
-    if (std::strcmp(method, "service.Cancel") == 0) {
+    if (std::strcmp(method, names::cancel) == 0) {
         abandon_cancelled_call(service, json_object_get(params, "transaction_id"));
-    } else if (std::strcmp(method, "router.ServiceUp") == 0) {
+    } else if (std::strcmp(method, names::service_up) == 0) {
         bus_service_up(service, params);
-    } else if (std::strcmp(method, "router.ServiceDown") == 0) {
+    } else if (std::strcmp(method, names::service_down) == 0) {
         bus_service_down(service, params);
-    } else if (std::strcmp(method, "router.Lost") == 0) {
+    } else if (std::strcmp(method, names::lost) == 0) {
         const json_int_t count = json_integer_value(json_object_get(params, "count"));
         tell_lost(service, count > 0 ? static_cast<uint64_t>(count) : 0);
     } else {

@@ -19,7 +19,6 @@ namespace {
 constexpr char unit[] = "tavrix_validation";
 
 constexpr int no_match = TAVRIX_INVALID_NO_MATCH;
-constexpr int not_allowed = TAVRIX_INVALID_NOT_ALLOWED;
 constexpr int too_long = TAVRIX_INVALID_TOO_LONG;
 constexpr int too_short = TAVRIX_INVALID_TOO_SHORT;
 

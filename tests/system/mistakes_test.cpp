@@ -30,6 +30,8 @@ struct Words {
     const char *remedy;
 };
 
+constexpr Words refused_by_policy = {"the policy does not allow this", "its --policy file says who else may what"};
+
 ::testing::AssertionResult tells(const Finished &finished, int status, const Words &words) {
     if (finished.status != status) {
         return ::testing::AssertionFailure() << "status " << finished.status << ": " << finished.diagnostics;
@@ -206,23 +208,38 @@ TEST_F(Mistakes, ALockedSystemIsToldFromABusyOne) {
 TEST_F(Mistakes, APolicysRefusalSaysWhoMayAllowIt) {
     const int port = support::free_port();
     fleet.start_lone_router({"--tcp", std::to_string(port)});
-    EXPECT_TRUE(tells(ctl({"call", "--tcp", "127.0.0.1:" + std::to_string(port), "ports.Get"}), 1,
-                      {"the policy does not allow this", "its --policy file says who else may what"}));
+    EXPECT_TRUE(tells(ctl({"call", "--tcp", "127.0.0.1:" + std::to_string(port), "ports.Get"}), 1, refused_by_policy));
 }
 
-TEST_F(Mistakes, ASocketThatIsNotForThisUserSaysSo) {
-    if (!support::can_be_a_stranger()) {
-        GTEST_SKIP() << "only root can be somebody else";
+/** The client, as somebody who is neither root nor the router's user. */
+class MistakesOfAStranger : public Mistakes {
+  protected:
+    void SetUp() override {
+        if (!support::can_be_a_stranger()) {
+            GTEST_SKIP() << "only root can be somebody else";
+        }
+        ASSERT_EQ(chmod(".", 0755), 0);
+        if (run_tool("--version").status != 0) {
+            GTEST_SKIP() << "nobody else may enter the folder of this build";
+        }
     }
+    static Finished run_tool(const std::string &words) {
+        return support::script("export -f tavrixctl; setpriv --reuid 65534 --regid 65534 --clear-groups "
+                               "bash -c 'tavrixctl " +
+                               words + "'");
+    }
+};
+
+TEST_F(MistakesOfAStranger, ASocketThatIsNotForThisUserSaysSo) {
     start();
     ASSERT_EQ(chmod("session.sock", 0600), 0);
-    ASSERT_EQ(chmod(".", 0755), 0);
-    const std::string stranger = "export -f tavrixctl; setpriv --reuid 65534 --regid 65534 --clear-groups bash -c ";
-    if (support::script(stranger + "'tavrixctl --version'").status != 0) {
-        GTEST_SKIP() << "nobody else may enter the folder of this build";
-    }
-    const Finished finished = support::script(stranger + "'tavrixctl call --session session.sock ports.Get'");
-    EXPECT_TRUE(tells(finished, 4, {"session.sock: Permission denied", "may this user enter its folder"}));
+    EXPECT_TRUE(tells(run_tool("call --session session.sock ports.Get"), 4,
+                      {"session.sock: Permission denied", "may this user enter its folder"}));
+}
+
+TEST_F(MistakesOfAStranger, WatchingIsRefusedWithTheSameWords) {
+    start();
+    EXPECT_TRUE(tells(run_tool("monitor --session session.sock"), 1, refused_by_policy));
 }
 
 // --- A daemon that cannot start

@@ -295,7 +295,7 @@ TEST_F(Mistakes, AServiceThatNobodyCouldReachSaysWhatItNeeds) {
 
 TEST_F(Mistakes, AMissingDatabaseSaysHowOneIsMade) {
     EXPECT_TRUE(fails_to_start(start_ports_with("missing.db"), {"Cannot open the database missing.db",
-                                                                "it is made with: sqlite3 missing.db <schema.sql"}));
+                                                                "it is made with: tavrixctl db init missing.db"}));
     EXPECT_TRUE(tells(ctl({"db", "check", "missing.db"}), 1,
                       {"missing.db: unable to open database file", "tavrixctl db init makes one"}));
 }
@@ -303,7 +303,7 @@ TEST_F(Mistakes, AMissingDatabaseSaysHowOneIsMade) {
 TEST_F(Mistakes, ADatabaseWithoutTheSchemaSaysWhichTableIsMissing) {
     support::Sql().run("DROP TABLE units");
     EXPECT_TRUE(fails_to_start(start_ports_with("zqn_h7.db"),
-                               {"no such table: units", "one is made with: sqlite3 zqn_h7.db <schema.sql"}));
+                               {"no such table: units", "one is made with: tavrixctl db init zqn_h7.db"}));
 }
 
 TEST_F(Mistakes, AnUnknownOptionOfADaemonIsNamed) {

@@ -142,6 +142,8 @@ installed() {
     expect "the database is the user's" "$(stat -c '%U %a' /var/lib/tavrix/fleet.db)" "tavrix 640"
     expect "the bus is closed to strangers" "$(stat -c '%U:%G %a' /run/tavrix/bus)" "tavrix:tavrix 770"
     samples_hold
+    page packages
+    leave_page
     [ -s /usr/share/man/man8/tavrix-routerd.8.gz ] || fail "no man page"
 }
 

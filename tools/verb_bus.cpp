@@ -326,7 +326,8 @@ int push(const PushOptions &options) {
     const std::string text = request_text(request.get());
     if (!socket.wait_ready(tavrix_mq_socket_sendfd, deadline.left_ms()) ||
         tavrix_mq_socket_send_nonblock(socket.get(), text.c_str()) != TAVRIX_OK) {
-        complain("%s: nobody takes the message", options.address.c_str());
+        complain("%s: nobody takes the message; is a daemon running that has this address as its --pull?",
+                 options.address.c_str());
         return exit_no_connection;
     }
     // Closing drops what is not yet written out; room for the next message tells that this one is.
@@ -334,6 +335,7 @@ int push(const PushOptions &options) {
         complain("%s: the message was not taken in time", options.address.c_str());
         return exit_timeout;
     }
+    complain("taken; whether it was obeyed cannot be known: nobody answers a pushed message");
     return exit_result;
 }
 

@@ -237,6 +237,13 @@ TEST_F(MistakesOfAStranger, ASocketThatIsNotForThisUserSaysSo) {
                       {"session.sock: Permission denied", "may this user enter its folder"}));
 }
 
+TEST_F(MistakesOfAStranger, ALogLevelIsForWhoMayWriteTheFile) {
+    start();
+    write_file("levels.conf", "[logging_levels]\nportsd=info\n");
+    EXPECT_TRUE(tells(run_tool("log-level --session session.sock --file levels.conf portsd debug"), 1,
+                      {"levels.conf: Permission denied", "may this user write it"}));
+}
+
 TEST_F(MistakesOfAStranger, WatchingIsRefusedWithTheSameWords) {
     start();
     EXPECT_TRUE(tells(run_tool("monitor --session session.sock"), 1, refused_by_policy));

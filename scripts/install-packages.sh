@@ -14,7 +14,7 @@ declare -A packages=(
     [npm]="nodejs npm"
     [openrpc]="python3-jsonschema"
     [package]="dpkg-dev file g++-arm-linux-gnueabihf lintian python3 qemu-user systemd"
-    [package-boot]="debootstrap systemd-container"
+    [package-boot]="dbus systemd-container systemd-sysv"
     [package-try]="debootstrap"
     [test]="binutils clang g++-arm-linux-gnueabihf googletest jq libclang-rt-14-dev make mandoc python3 python3-pip python3-setuptools python3-wheel qemu-user sqlite3 zsh"
 )

@@ -6,7 +6,7 @@ cd "$(dirname "$0")/.."
 
 usage() {
     cat <<'TEXT'
-usage: scripts/package.sh [--only amd64|armhf] [--try ROOT | --try-here] [--boot ROOT]
+usage: scripts/package.sh [--only amd64|armhf] [--try ROOT | --try-here] [--boot ROOT | --boot-here]
 
   --only NAME   one of the two architectures instead of both
   --try ROOT    install, upgrade, remove and purge the amd64 packages in a bare Debian root, and write a service with
@@ -15,6 +15,7 @@ usage: scripts/package.sh [--only amd64|armhf] [--try ROOT | --try-here] [--boot
                 CI does; as root
   --boot ROOT   boot a Debian root with systemd in a container and try the units there; the root is made in this
                 folder when it is not there, and then removed; as root
+  --boot-here   the same in a root that is made of this machine's own packages
 
 The packages are in build/packages.
 TEXT
@@ -24,12 +25,14 @@ runs=(amd64 armhf)
 try=
 try_kind=debian
 boot=
+boot_kind=debian
 while [ $# -gt 0 ]; do
     case "$1" in
     --only) runs=("${2:?--only takes a name}"); shift ;;
     --try) try=${2:?--try takes a folder}; shift ;;
     --try-here) try=$PWD/build/package-root try_kind=copied ;;
     --boot) boot=${2:?--boot takes a folder}; shift ;;
+    --boot-here) boot=$PWD/build/boot-root boot_kind=copied ;;
     --help | -h) usage; exit 0 ;;
     *) usage >&2; exit 2 ;;
     esac
@@ -152,7 +155,8 @@ if [ -n "$try" ]; then
 fi
 if [ -n "$boot" ]; then
     ./scripts/install-packages.sh package-boot
+    [ "$boot_kind" = copied ] || ./scripts/install-packages.sh package-try
     echo "== boot in $boot"
-    bash tests/packaging/boot.sh "$packages" "$version" "$boot"
+    bash tests/packaging/boot.sh "$packages" "$version" "$boot" "$boot_kind"
 fi
 ls "$packages"/*.deb

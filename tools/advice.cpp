@@ -11,8 +11,6 @@ namespace tavrixctl {
 
 namespace {
 
-constexpr char policy_words[] = "the policy does not allow this"; // the router's
-
 struct Failure {
     const std::string &method;
     const json_t *params;
@@ -33,8 +31,8 @@ std::string find_similar(const Failure &failure) {
 }
 
 std::string on_unknown_method(const Failure &failure) {
-    if (text_of(failure.data, "message") == policy_words) {
-        return "root, the router's user and its group may do everything, and its --policy file says who else may what";
+    if (is_refused_by_policy(failure.data)) {
+        return ""; // what the answer is told with says all
     }
     const std::string similar = find_similar(failure);
     if (!similar.empty()) {

@@ -62,6 +62,8 @@ int status_of(const json_t *answer) {
                                                                                        : exit_error_response;
 }
 
+bool is_refused_by_policy(const json_t *data) { return text_of(data, "message") == "the policy does not allow this"; }
+
 std::string words_of_failure(const std::string &method, const json_t *answer) {
     const json_t *error = json_object_get(answer, "error");
     if (!json_is_object(error)) {
@@ -75,6 +77,10 @@ std::string words_of_failure(const std::string &method, const json_t *answer) {
     }
     if (why.empty() && data != nullptr && !json_is_null(data)) {
         why = render(data, JsonStyle::single_line);
+    }
+    if (is_refused_by_policy(data)) {
+        why +=
+            "; root, the router's user and its group may do everything, and its --policy file says who else may what";
     }
     return printable(method) + ": " + printable(text_of(error, "message")) + " (" +
            std::to_string(json_integer_value(json_object_get(error, "code"))) + ")" +

@@ -32,7 +32,10 @@ class Router {
 /** The exit status that an answer stands for: a result, an error, a time-out. */
 int status_of(const json_t *answer);
 
-/** What an error answer says, in words. */
+/** Whether the router's policy has refused it, by the error's data. */
+bool is_refused_by_policy(const json_t *data);
+
+/** What an error answer says, in words; whoever meets the policy is also told whom it lets pass. */
 std::string words_of_failure(const std::string &method, const json_t *answer);
 
 /** The methods that a router.Status tells of, and the router's own. */

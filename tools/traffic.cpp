@@ -76,6 +76,14 @@ std::string to_line(const Exchange &exchange, size_t *width) {
                            Colour::red);
 }
 
+void Pairing::keep(json_int_t call, Exchange exchange) {
+    pending_[call] = std::move(exchange);
+    if (pending_.size() > most_pending) {
+        pending_.erase(std::min_element(pending_.begin(), pending_.end(),
+                                        [](const auto &a, const auto &b) { return a.second.time < b.second.time; }));
+    }
+}
+
 std::optional<Exchange> Pairing::take(const json_t *params) {
     const std::string leg = text_of(params, "leg");
     const json_int_t call = json_integer_value(json_object_get(params, "call"));
@@ -91,12 +99,7 @@ std::optional<Exchange> Pairing::take(const json_t *params) {
         if (exchange.is_notification) {
             return exchange;
         }
-        pending_[call] = std::move(exchange);
-        if (pending_.size() > most_pending) {
-            pending_.erase(std::min_element(pending_.begin(), pending_.end(), [](const auto &a, const auto &b) {
-                return a.second.time < b.second.time;
-            }));
-        }
+        keep(call, std::move(exchange));
         return std::nullopt;
     }
     const auto asked = pending_.find(call);
@@ -110,6 +113,38 @@ std::optional<Exchange> Pairing::take(const json_t *params) {
     }
     exchange.outcome = text_of(params, "outcome");
     exchange.reply = share(json_object_get(params, "message"));
+    return exchange;
+}
+
+std::optional<Exchange> Pairing::take_frame(double time, const std::string &channel, json_t *message) {
+    const std::string method = text_of(message, "method");
+    const json_t *number = json_object_get(message, "transaction_id");
+    const json_int_t call = json_integer_value(number);
+    if (!method.empty()) {
+        Exchange exchange;
+        exchange.time = time;
+        exchange.method = method;
+        exchange.road = channel;
+        exchange.request = share(message);
+        exchange.is_notification = json_object_get(message, "id") == nullptr;
+        if (exchange.is_notification) {
+            return exchange;
+        }
+        if (json_is_integer(number)) {
+            keep(call, std::move(exchange));
+        }
+        return std::nullopt;
+    }
+    const auto asked = json_is_integer(number) ? pending_.find(call) : pending_.end();
+    if (asked == pending_.end() || asked->second.method != text_of(message, "id")) {
+        return std::nullopt;
+    }
+    Exchange exchange = std::move(asked->second);
+    pending_.erase(asked);
+    exchange.seconds = time - exchange.time;
+    const int status = status_of(message);
+    exchange.outcome = status == exit_result ? "result" : status == exit_timeout ? "timeout" : "error";
+    exchange.reply = share(message);
     return exchange;
 }
 

@@ -39,11 +39,15 @@ class Pairing {
   public:
     /** Takes one router.Traffic; gives the exchange that it completes, if any. */
     std::optional<Exchange> take(const json_t *params);
+    /** The same of a frame of the bus; the channel becomes the road. */
+    std::optional<Exchange> take_frame(double time, const std::string &channel, json_t *message);
     /** What has no reply yet. */
     std::map<json_int_t, Exchange> &pending() { return pending_; }
 
   private:
-    std::map<json_int_t, Exchange> pending_; ///< by the router's number
+    void keep(json_int_t call, Exchange exchange);
+
+    std::map<json_int_t, Exchange> pending_; ///< by the router's number, which a request on the bus has, too
 };
 
 /** Counts and times by method, for the end. */

@@ -185,25 +185,114 @@ std::vector<std::string> prefixes_of(const std::vector<std::string> &channels) {
     return prefixes;
 }
 
-/** The frame as it is printed; empty when no pattern fits it. */
-std::string line_of(const Frame &frame, const std::optional<JsonStyle> &style,
-                    const std::vector<std::string> &patterns) {
+/** What a frame was and when; `seconds` is how long after its request a reply came. */
+struct Passed {
+    double time;
+    std::string channel;
+    const json_t *message; ///< null when it is no JSON
+    std::string text;
+    std::optional<double> seconds;
+};
+
+/** The frame as it is printed. */
+std::string line_of(const Passed &frame, const std::optional<JsonStyle> &style) {
+    if (style == JsonStyle::lines) {
+        const std::string name = short_name_of(frame.channel);
+        const Json object(json_pack(
+            "{s:f, s:o, s:o, s:o, s:o}", "time", frame.time, "channel", json_of(frame.channel).release(), "name",
+            name.empty() ? json_null() : json_string(name.c_str()), "seconds",
+            frame.seconds ? json_real(*frame.seconds) : json_null(), "message",
+            frame.message != nullptr ? json_deep_copy(frame.message) : json_string(printable(frame.text).c_str())));
+        return render(object.get(), JsonStyle::lines);
+    }
+    return time_text(frame.time) + "  " + (frame.channel.empty() ? "-" : channel_name(frame.channel)) + "  " +
+           (frame.message != nullptr ? render(frame.message, style.value_or(JsonStyle::single_line))
+                                     : printable(frame.text)) +
+           (frame.seconds ? "  after " + milliseconds_text(*frame.seconds * 1000) : "");
+}
+
+/** Frames, each as it comes; the two of a call as soon as it is known that the filters want it. */
+class FrameWatcher {
+  public:
+    FrameWatcher(const MonitorOptions &options, const std::vector<std::string> &patterns)
+        : options_(options), patterns_(patterns) {}
+
+    bool has_enough() const { return stop_requested() || (options_.count && printed_ >= *options_.count); }
+    /** False when it could not be printed. */
+    bool take(const Frame &frame);
+    /** What was never answered, and the figures. */
+    void finish();
+
+  private:
+    const MonitorOptions &options_;
+    const std::vector<std::string> &patterns_;
+    Pairing pairing_;
+    Summary summary_;
+    unsigned printed_ = 0;
+};
+
+bool FrameWatcher::take(const Frame &frame) {
     const double now = now_since_1970();
     const Json message(json_loadb(frame.json.data(), frame.json.size(), JSON_DECODE_ANY, nullptr));
     const std::string method = method_of(message.get());
-    if (!patterns.empty() && std::none_of(patterns.begin(), patterns.end(),
-                                          [&method](const std::string &pattern) { return matches(pattern, method); })) {
-        return "";
+    if (!patterns_.empty() && std::none_of(patterns_.begin(), patterns_.end(), [&method](const std::string &pattern) {
+            return matches(pattern, method);
+        })) {
+        return true;
     }
-    if (style == JsonStyle::lines) {
-        const std::string name = short_name_of(frame.channel);
-        const Json object(json_pack("{s:f, s:o, s:o, s:o}", "time", now, "channel", json_of(frame.channel).release(),
-                                    "name", name.empty() ? json_null() : json_string(name.c_str()), "message",
-                                    message ? json_incref(message.get()) : json_string(printable(frame.json).c_str())));
-        return render(object.get(), JsonStyle::lines);
+    Passed passed{now, frame.channel, message.get(), frame.json, std::nullopt};
+    const std::optional<Exchange> exchange = pairing_.take_frame(now, frame.channel, message.get());
+    if (exchange) {
+        summary_.add(*exchange);
     }
-    return time_text(now) + "  " + (frame.channel.empty() ? "-" : channel_name(frame.channel)) + "  " +
-           (message ? render(message.get(), style.value_or(JsonStyle::single_line)) : printable(frame.json));
+    const bool is_reply = exchange && !exchange->is_notification;
+    if (is_reply) {
+        passed.seconds = exchange->seconds;
+    }
+    if (options_.errors_only || options_.slower_than_ms) {
+        if (!exchange || !is_wanted(*exchange, options_)) {
+            return true;
+        }
+        const Passed request{exchange->time, exchange->road, exchange->request.get(), "", std::nullopt};
+        if (!print_line(line_of(request, options_.json))) {
+            return false;
+        }
+    }
+    ++printed_;
+    return print_line(line_of(passed, options_.json));
+}
+
+void FrameWatcher::finish() {
+    for (const auto &[call, exchange] : pairing_.pending()) {
+        summary_.add(exchange);
+    }
+    for (const std::string &line : summary_.lines()) {
+        tell(line);
+    }
+}
+
+/** Until it is enough. */
+int watch(const Listeners &listeners, size_t wanted, FrameWatcher *watcher) {
+    const Deadline patience(patience_s);
+    bool announced = false;
+    bool told_dead = false;
+    while (!watcher->has_enough()) {
+        if (!announced && listeners.connected() == wanted) {
+            complain("connected to %zu of %zu addresses", wanted, wanted);
+            announced = true;
+        } else if (!announced && !told_dead && patience.passed()) {
+            listeners.tell_dead();
+            told_dead = true;
+        }
+        listeners.wait_ready(announced ? -1 : tick_ms);
+        Frame frame;
+        while (!watcher->has_enough() && listeners.receive_any(&frame)) {
+            if (!watcher->take(frame)) {
+                return stop_requested() ? exit_result : exit_error_response;
+            }
+        }
+    }
+    return exit_result;
 }
 
 } // namespace
@@ -215,29 +304,10 @@ int monitor_bus(const MonitorOptions &options, const std::vector<std::string> &a
     if (status != exit_result) {
         return status;
     }
-    const Deadline patience(patience_s);
-    bool announced = false;
-    bool told_dead = false;
-    unsigned printed = 0;
-    while (!stop_requested() && (!options.count || printed < *options.count)) {
-        if (!announced && listeners.connected() == addresses.size()) {
-            complain("connected to %zu of %zu addresses", addresses.size(), addresses.size());
-            announced = true;
-        } else if (!announced && !told_dead && patience.passed()) {
-            listeners.tell_dead();
-            told_dead = true;
-        }
-        listeners.wait_ready(announced ? -1 : tick_ms);
-        Frame frame;
-        while (!stop_requested() && (!options.count || printed < *options.count) && listeners.receive_any(&frame)) {
-            const std::string line = line_of(frame, options.json, patterns);
-            if (!line.empty() && !print_line(line)) {
-                return stop_requested() ? exit_result : exit_error_response;
-            }
-            printed += line.empty() ? 0 : 1;
-        }
-    }
-    return exit_result;
+    FrameWatcher watcher(options, patterns);
+    const int end = watch(listeners, addresses.size(), &watcher);
+    watcher.finish();
+    return end;
 }
 
 int push(const PushOptions &options) {
@@ -256,7 +326,8 @@ int push(const PushOptions &options) {
     const std::string text = request_text(request.get());
     if (!socket.wait_ready(tavrix_mq_socket_sendfd, deadline.left_ms()) ||
         tavrix_mq_socket_send_nonblock(socket.get(), text.c_str()) != TAVRIX_OK) {
-        complain("%s: nobody takes the message", options.address.c_str());
+        complain("%s: nobody takes the message; is a daemon running that has this address as its --pull?",
+                 options.address.c_str());
         return exit_no_connection;
     }
     // Closing drops what is not yet written out; room for the next message tells that this one is.
@@ -264,6 +335,7 @@ int push(const PushOptions &options) {
         complain("%s: the message was not taken in time", options.address.c_str());
         return exit_timeout;
     }
+    complain("taken; whether it was obeyed cannot be known: nobody answers a pushed message");
     return exit_result;
 }
 

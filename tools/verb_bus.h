@@ -10,6 +10,7 @@
 
 #include "session.h"
 #include "support.h"
+#include "traffic.h"
 #include "verbs.h"
 
 namespace tavrixctl {
@@ -21,7 +22,10 @@ bool tell_loss(const json_t *notification);
 int open_stream(Session *session, const char *method, const std::vector<std::string> &patterns,
                 const Deadline &deadline);
 
-/** Prints every frame that the addresses publish and that one of the patterns, if any, fits. */
+/** Whether the options' filters want it: errors only, slower than. */
+bool is_wanted(const Exchange &exchange, const MonitorOptions &options);
+
+/** Prints every frame that the addresses publish and that one of the patterns, if any, fits, and figures at the end. */
 int monitor_bus(const MonitorOptions &options, const std::vector<std::string> &addresses,
                 const std::vector<std::string> &patterns);
 

@@ -497,7 +497,8 @@ int log_level(const LogLevelOptions &options) {
     }
     const std::string text = with_level(old_text, options.daemon, options.level);
     if (!replace_file(options.file, text)) {
-        complain("%s: %s", printable(options.file).c_str(), std::strerror(errno));
+        complain("%s: %s%s", printable(options.file).c_str(), std::strerror(errno),
+                 errno == EACCES ? "; may this user write it, and into its folder?" : "");
         return exit_error_response;
     }
     if (options.edit_only) {

@@ -34,7 +34,6 @@ class Watcher {
     void finish();
 
   private:
-    bool is_wanted(const Exchange &exchange) const;
     bool show(const Exchange &exchange);
 
     const MonitorOptions &options_;
@@ -54,14 +53,6 @@ bool Watcher::open_record() {
         complain("%s: %s", printable(options_.record).c_str(), std::strerror(errno));
     }
     return record_ != nullptr;
-}
-
-bool Watcher::is_wanted(const Exchange &exchange) const {
-    if (exchange.is_notification) {
-        return !options_.errors_only && !options_.slower_than_ms;
-    }
-    return (!options_.errors_only || exchange.outcome != "result") &&
-           (!options_.slower_than_ms || exchange.seconds * 1000 > *options_.slower_than_ms);
 }
 
 bool Watcher::show(const Exchange &exchange) {
@@ -101,7 +92,7 @@ int Watcher::watch(Session *session) {
             continue;
         }
         summary_.add(*exchange);
-        if (is_wanted(*exchange) && !show(*exchange)) {
+        if (is_wanted(*exchange, options_) && !show(*exchange)) {
             return stop_requested() ? exit_result : exit_error_response;
         }
     }
@@ -274,6 +265,14 @@ int Player::play() {
 
 } // namespace
 
+bool is_wanted(const Exchange &exchange, const MonitorOptions &options) {
+    if (exchange.is_notification) {
+        return !options.errors_only && !options.slower_than_ms;
+    }
+    return (!options.errors_only || exchange.outcome != "result") &&
+           (!options.slower_than_ms || exchange.seconds * 1000 > *options.slower_than_ms);
+}
+
 int monitor(const MonitorOptions &options) {
     std::vector<std::string> addresses;
     std::vector<std::string> patterns;
@@ -285,10 +284,9 @@ int monitor(const MonitorOptions &options) {
         }
         (word.find("://") == std::string::npos ? patterns : addresses).push_back(word);
     }
-    const bool asks_router = options.errors_only || options.slower_than_ms || !options.service.empty() ||
-                             !options.record.empty() || !options.target.session.empty();
+    const bool asks_router = !options.service.empty() || !options.record.empty() || !options.target.session.empty();
     if (!addresses.empty() && asks_router) {
-        complain("--service, --errors, --slower-than, --record and --session are for watching through the router");
+        complain("--service, --record and --session are for watching through the router");
         return exit_usage;
     }
     if (addresses.empty() && !options.channels.empty()) {

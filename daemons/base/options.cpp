@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <fstream>
 
-#include <getopt.h>
+#include <CLI/CLI.hpp>
 
 #include "tavrix_conf_parser.h"
 #include "tavrix_error.h"
@@ -40,6 +40,21 @@ std::string with_commas(const std::vector<std::string> &parts) {
         text += (text.empty() ? "" : ",") + part;
     }
     return text;
+}
+
+/** Without the program, last word first, as the parser takes them. It would take the word behind "--name=" for the
+ * value. */
+std::vector<std::string> words_of(int argc, char **argv) {
+    std::vector<std::string> words;
+    for (int i = argc - 1; i > 0; --i) {
+        const std::string word = argv[i];
+        const bool has_empty_value = word.rfind("--", 0) == 0 && word.find('=') == word.size() - 1;
+        if (has_empty_value) {
+            words.emplace_back("");
+        }
+        words.push_back(has_empty_value ? word.substr(0, word.size() - 1) : word);
+    }
+    return words;
 }
 
 } // namespace
@@ -117,41 +132,44 @@ bool Options::store(Option *option, const std::string &value, const std::string 
 }
 
 bool Options::read_command_line(int argc, char **argv, bool *finished) {
-    const int own = static_cast<int>(options_.size());
-    std::vector<::option> known;
-    known.reserve(options_.size() + 4);
-    for (int i = 0; i < own; ++i) {
-        known.push_back({options_[static_cast<size_t>(i)].name.c_str(), required_argument, nullptr, i});
+    CLI::App app;
+    app.set_help_flag(); // the help is the one below, which the man pages are made of
+    app.allow_extras();
+    const CLI::Option *help = app.add_flag("-h,--help");
+    const CLI::Option *version = app.add_flag("-V,--version");
+    app.add_option("--config", config_)->take_last();
+    for (Option &option : options_) {
+        const auto take = [this, &option](const CLI::results_t &values) {
+            return std::all_of(values.begin(), values.end(), [this, &option](const std::string &value) {
+                const bool stored = store(&option, value, "--" + option.name);
+                option.given = true;
+                return stored;
+            });
+        };
+        app.add_option("--" + option.name, take)->take_all()->allow_extra_args(false);
     }
-    known.push_back({"config", required_argument, nullptr, own});
-    known.push_back({"help", no_argument, nullptr, own + 1});
-    known.push_back({"version", no_argument, nullptr, own + 2});
-    known.push_back({nullptr, 0, nullptr, 0});
-    opterr = 0;
-    for (int found = 0; (found = getopt_long(argc, argv, ":hV", known.data(), nullptr)) != -1;) {
-        if (found == own) {
-            config_ = optarg;
-        } else if (found == own + 1 || found == 'h') {
-            print_help();
-            *finished = true;
-            return true;
-        } else if (found == own + 2 || found == 'V') {
-            std::printf("%s %s\n", program_.c_str(), TAVRIX_VERSION);
-            *finished = true;
-            return true;
-        } else if (found < 0 || found > own) {
-            const bool is_letter = found == '?' && optopt > ' '; // getopt has not moved on behind its word yet
-            return complain(std::string(found == ':' ? "a value is missing after " : "there is no option ") +
-                            (is_letter ? std::string("-") + static_cast<char>(optopt) : argv[optind - 1]));
-        } else {
-            Option &option = options_[static_cast<size_t>(found)];
-            if (!store(&option, optarg, "--" + option.name)) {
-                return false;
-            }
-            option.given = true;
-        }
+    try {
+        app.parse(words_of(argc, argv));
+    } catch (const CLI::ConversionError &) {
+        return false; // it has been told which value it is
+    } catch (const CLI::ArgumentMismatch &) {
+        return complain(std::string("a value is missing after ") + argv[argc - 1]);
+    } catch (const CLI::ParseError &error) {
+        return complain(error.what());
     }
-    return optind == argc || complain(std::string("what is '") + argv[optind] + "'?");
+    *finished = true;
+    if (help->count() > 0) {
+        print_help();
+        return true;
+    }
+    if (version->count() > 0) {
+        std::printf("%s %s\n", program_.c_str(), TAVRIX_VERSION);
+        return true;
+    }
+    *finished = false;
+    const std::vector<std::string> others = app.remaining();
+    return others.empty() ||
+           complain(others[0][0] == '-' ? "there is no option " + others[0] : "what is '" + others[0] + "'?");
 }
 
 /** What is wrong with a line of the daemon's own section; empty when it is as it should be. */

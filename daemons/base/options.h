@@ -3,9 +3,7 @@
  *
  * Every long option `--some-name` can also stand as `some_name=value` in the daemon's section of the file that --config
  * names; the command line wins. A file that would be read otherwise than it looks is refused. --help and --version come
- * by themselves.
- *
- * On getopt_long and not on tavrixctl's parser, which would add 127 KB to each daemon: more than two of them have.
+ * by themselves. The command line is read by the library that reads tavrixctl's.
  */
 #ifndef TAVRIX_DAEMONS_BASE_OPTIONS_H
 #define TAVRIX_DAEMONS_BASE_OPTIONS_H

@@ -1,11 +1,13 @@
 #include "database.h"
 
 #include <array>
+#include <cerrno>
 #include <climits>
 #include <initializer_list>
 #include <memory>
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "base/log.h"
 #include "common/database_handles.h"
@@ -135,8 +137,12 @@ int Database::open() {
     const int rc = tavrix_db_ensure_open_file(&handle_, path_.c_str());
     if (rc != TAVRIX_OK) {
         handle_ = nullptr; // after a failed open the variable holds a closed handle
-        LOG_ERROR("Cannot open the database %s; it is made with: sqlite3 %s <schema.sql\n", path_.c_str(),
-                  path_.c_str());
+        if (access(path_.c_str(), F_OK) != 0 && errno == ENOENT) {
+            LOG_ERROR("Cannot open the database %s: there is none; it is made with: tavrixctl db init %s\n",
+                      path_.c_str(), path_.c_str());
+        } else {
+            LOG_ERROR("Cannot open the database %s; is it a file that this user may read and write?\n", path_.c_str());
+        }
     }
     return rc;
 }
@@ -153,8 +159,8 @@ int Database::check_schema() {
         return TAVRIX_OK; // another process is at work: each request finds out for itself
     }
     if (rc != TAVRIX_OK && handle_ != nullptr) {
-        LOG_ERROR("The database %s is not the fleet's; one is made with: sqlite3 %s <schema.sql\n", path_.c_str(),
-                  path_.c_str());
+        LOG_ERROR("The database %s is not the fleet's; in its place one is made with: tavrixctl db init %s\n",
+                  path_.c_str(), path_.c_str());
     }
     return rc;
 }

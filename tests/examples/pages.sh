@@ -71,6 +71,18 @@ tavrixctl call --socket other.sock router.Status >status.log || fail "the policy
 
 # --- Names ---
 
+# What docs/debugging.md says that one reads is said; "..." and what the system says itself stand between the parts.
+grep '^|' "$source/docs/debugging.md" | cut -d '|' -f 2 | grep -oE '"[^"]+"' | tr -d '"' |
+    sed -E 's/ *\.\.\. */\n/g; s/(No such file or directory|Permission denied); //g' | sed '/^$/d' | sort -u >symptoms
+[ -s symptoms ] || fail "docs/debugging.md has no symptoms"
+while read -r text; do
+    grep -rqF -e "$text" "$source"/{common,daemons,kit,tools} || fail "docs/debugging.md: nothing says '$text'"
+done <symptoms
+
+grep -ohE '(`|^ *)tavrixctl [a-z-]+' "$source"/{README,bindings/python/README,docs/*}.md | sed 's/.*tavrixctl //' | sort -u >verbs
+[ -s verbs ] || fail "the pages name no verb"
+while read -r verb; do tavrixctl help "$verb" >/dev/null || fail "a page has tavrixctl $verb"; done <verbs
+
 for page in "$source"/README.md "$source"/CONTRIBUTING.md "$source"/docs/*.md; do
     while read -r script; do [ -x "$source/$script" ] || fail "$page: there is no $script"; done < <(
         grep -oE '\bscripts/[a-z-]+\.(sh|py)' "$page" | sort -u)

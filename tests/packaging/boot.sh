@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # The packages under systemd: a Debian root is booted in a container, and its daemons are met there under their units.
-# usage: tests/packaging/boot.sh PACKAGES VERSION ROOT; the root is made when it is not there, and then removed.
+# usage: tests/packaging/boot.sh PACKAGES VERSION ROOT [debian|copied]; the root is made when it is not there, and then
+# removed: with debootstrap, or of this machine's own packages, which needs no network (root.sh).
 set -euo pipefail
 
 fail() {
@@ -10,16 +11,27 @@ fail() {
 
 # --- Outside: the root, and what is put into it --------------------------------------------------------------------
 
-outside() { # PACKAGES VERSION ROOT
-    local packages=$1 version=$2 root made=false
+make_root() { # ROOT KIND FILE...
+    local root=$1 kind=$2
+    shift 2
+    case "$kind" in
+    debian) debootstrap --variant=minbase --include=dbus,systemd-sysv bookworm "$root" >/dev/null ;;
+    copied) "$(dirname "$0")/root.sh" "$root" apt dbus libc6-dev systemd-sysv "$@" ;; # libc6-dev: as some libc-dev
+    *) fail "no such kind of root: $kind" ;;
+    esac
+}
+
+outside() { # PACKAGES VERSION ROOT KIND
+    local packages=$1 version=$2 root=$3 kind=$4 made=false
     [ "$(id -u)" = 0 ] || fail "only root can make a root"
-    if [ ! -e "$3/etc/debian_version" ]; then
+    if [ ! -e "$root/etc/debian_version" ]; then
         made=true
-        debootstrap --variant=minbase --include=dbus,systemd-sysv bookworm "$3" >/dev/null
+        mkdir -p "$root"
     fi
-    root=$(realpath "$3")
+    root=$(realpath "$root")
     # shellcheck disable=SC2064 # the values of now
     trap "rm -rf '$root/tried' '$root/etc/systemd/system/trial.service'; if $made; then rm -rf '$root'; fi" EXIT
+    if $made; then make_root "$root" "$kind" "$packages"/*_"$version"_amd64.deb "$packages"/*_"$version"_all.deb; fi
     rm -rf "$root/tried"
     mkdir "$root/tried"
     cp "$0" "$root/tried/boot.sh"
@@ -138,4 +150,4 @@ inside() {
     echo "   all tried"
 }
 
-if [ "$1" = --inside ]; then inside; else outside "$@"; fi
+if [ "$1" = --inside ]; then inside; else outside "$1" "$2" "$3" "${4:-debian}"; fi

@@ -27,21 +27,13 @@ make_next_version() { # FOLDER VERSION NEXT
 # What the developer's part installs besides.
 compiler="gcc libc6-dev pkg-config"
 
-# What the packages say they need, but for each other: a dependency that they do not name is missing in the copied root.
-needed_by() { # FILE...
-    local file
-    for file in "$@"; do
-        dpkg-deb -f "$file" Pre-Depends Depends | sed 's/^[A-Za-z-]*: //' | tr , '\n' | sed 's/^ *//; s/[ :].*//'
-    done | grep -v tavrix | sort -u
-}
-
 make_root() { # ROOT KIND FILE...
     local root=$1 kind=$2
     shift 2
-    # shellcheck disable=SC2046,SC2086 # lists of names
+    # shellcheck disable=SC2086 # a list of names
     case "$kind" in
     debian) debootstrap --variant=minbase bookworm "$root" >/dev/null ;;
-    copied) "$(dirname "$0")/root.sh" "$root" apt $compiler $(needed_by "$@") ;;
+    copied) "$(dirname "$0")/root.sh" "$root" apt $compiler "$@" ;;
     *) fail "no such kind of root: $kind" ;;
     esac
 }
@@ -142,6 +134,8 @@ installed() {
     expect "the database is the user's" "$(stat -c '%U %a' /var/lib/tavrix/fleet.db)" "tavrix 640"
     expect "the bus is closed to strangers" "$(stat -c '%U:%G %a' /run/tavrix/bus)" "tavrix:tavrix 770"
     samples_hold
+    page packages
+    leave_page
     [ -s /usr/share/man/man8/tavrix-routerd.8.gz ] || fail "no man page"
 }
 

@@ -1,12 +1,21 @@
 #!/usr/bin/env bash
 # Makes a bare Debian root of what this machine has installed: the named packages, the essential ones and all that these
 # need, with the package manager's knowledge of them and of nothing else. It takes seconds, and no network.
-# usage: tests/packaging/root.sh ROOT PACKAGE...
+# Of a package that is a file, what it says it needs is taken, and not the package itself: what it forgets is missing.
+# usage: tests/packaging/root.sh ROOT PACKAGE|FILE...
 set -euo pipefail
 export LC_ALL=C # a folder is sorted before what is in it
 root=$1
 shift
 known=/var/lib/dpkg
+
+# What the files say they need, but for each other.
+needed_by() { # FILE...
+    local file
+    for file in "$@"; do
+        dpkg-deb -f "$file" Pre-Depends Depends | sed 's/^[A-Za-z-]*: //' | tr , '\n' | sed 's/^ *//; s/[ :].*//'
+    done | grep -v tavrix | sort -u
+}
 
 # All that the named need, among what is installed.
 # shellcheck disable=SC2016 # dpkg-query expands it
@@ -72,7 +81,13 @@ make_up() {
         DEBIAN_FRONTEND=noninteractive pam-auth-update --force'
 }
 
-mapfile -t all < <(packages "$@")
+names=()
+files=()
+for name in "$@"; do
+    case "$name" in *.deb) files+=("$name") ;; *) names+=("$name") ;; esac
+done
+mapfile -t needed < <(needed_by "${files[@]}")
+mapfile -t all < <(packages "${names[@]}" "${needed[@]}")
 mkdir -p "$root"/usr/{bin,lib,lib64,sbin} # where the links of the same names lead
 files_of "${all[@]}" | tar -C / --no-recursion -cf - -T - | tar -C "$root" -xf -
 tell "${all[@]}"

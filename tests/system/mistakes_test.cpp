@@ -30,6 +30,8 @@ struct Words {
     const char *remedy;
 };
 
+constexpr Words refused_by_policy = {"the policy does not allow this", "its --policy file says who else may what"};
+
 ::testing::AssertionResult tells(const Finished &finished, int status, const Words &words) {
     if (finished.status != status) {
         return ::testing::AssertionFailure() << "status " << finished.status << ": " << finished.diagnostics;
@@ -206,23 +208,45 @@ TEST_F(Mistakes, ALockedSystemIsToldFromABusyOne) {
 TEST_F(Mistakes, APolicysRefusalSaysWhoMayAllowIt) {
     const int port = support::free_port();
     fleet.start_lone_router({"--tcp", std::to_string(port)});
-    EXPECT_TRUE(tells(ctl({"call", "--tcp", "127.0.0.1:" + std::to_string(port), "ports.Get"}), 1,
-                      {"the policy does not allow this", "its --policy file says who else may what"}));
+    EXPECT_TRUE(tells(ctl({"call", "--tcp", "127.0.0.1:" + std::to_string(port), "ports.Get"}), 1, refused_by_policy));
 }
 
-TEST_F(Mistakes, ASocketThatIsNotForThisUserSaysSo) {
-    if (!support::can_be_a_stranger()) {
-        GTEST_SKIP() << "only root can be somebody else";
+/** The client, as somebody who is neither root nor the router's user. */
+class MistakesOfAStranger : public Mistakes {
+  protected:
+    void SetUp() override {
+        if (!support::can_be_a_stranger()) {
+            GTEST_SKIP() << "only root can be somebody else";
+        }
+        ASSERT_EQ(chmod(".", 0755), 0);
+        if (run_tool("--version").status != 0) {
+            GTEST_SKIP() << "nobody else may enter the folder of this build";
+        }
     }
+    static Finished run_tool(const std::string &words) {
+        return support::script("export -f tavrixctl; setpriv --reuid 65534 --regid 65534 --clear-groups "
+                               "bash -c 'tavrixctl " +
+                               words + "'");
+    }
+};
+
+TEST_F(MistakesOfAStranger, ASocketThatIsNotForThisUserSaysSo) {
     start();
     ASSERT_EQ(chmod("session.sock", 0600), 0);
-    ASSERT_EQ(chmod(".", 0755), 0);
-    const std::string stranger = "export -f tavrixctl; setpriv --reuid 65534 --regid 65534 --clear-groups bash -c ";
-    if (support::script(stranger + "'tavrixctl --version'").status != 0) {
-        GTEST_SKIP() << "nobody else may enter the folder of this build";
-    }
-    const Finished finished = support::script(stranger + "'tavrixctl call --session session.sock ports.Get'");
-    EXPECT_TRUE(tells(finished, 4, {"session.sock: Permission denied", "may this user enter its folder"}));
+    EXPECT_TRUE(tells(run_tool("call --session session.sock ports.Get"), 4,
+                      {"session.sock: Permission denied", "may this user enter its folder"}));
+}
+
+TEST_F(MistakesOfAStranger, ALogLevelIsForWhoMayWriteTheFile) {
+    start();
+    write_file("levels.conf", "[logging_levels]\nportsd=info\n");
+    EXPECT_TRUE(tells(run_tool("log-level --session session.sock --file levels.conf portsd debug"), 1,
+                      {"levels.conf: Permission denied", "may this user write it"}));
+}
+
+TEST_F(MistakesOfAStranger, WatchingIsRefusedWithTheSameWords) {
+    start();
+    EXPECT_TRUE(tells(run_tool("monitor --session session.sock"), 1, refused_by_policy));
 }
 
 // --- A daemon that cannot start
@@ -278,7 +302,7 @@ TEST_F(Mistakes, AServiceThatNobodyCouldReachSaysWhatItNeeds) {
 
 TEST_F(Mistakes, AMissingDatabaseSaysHowOneIsMade) {
     EXPECT_TRUE(fails_to_start(start_ports_with("missing.db"), {"Cannot open the database missing.db",
-                                                                "it is made with: sqlite3 missing.db <schema.sql"}));
+                                                                "it is made with: tavrixctl db init missing.db"}));
     EXPECT_TRUE(tells(ctl({"db", "check", "missing.db"}), 1,
                       {"missing.db: unable to open database file", "tavrixctl db init makes one"}));
 }
@@ -286,13 +310,14 @@ TEST_F(Mistakes, AMissingDatabaseSaysHowOneIsMade) {
 TEST_F(Mistakes, ADatabaseWithoutTheSchemaSaysWhichTableIsMissing) {
     support::Sql().run("DROP TABLE units");
     EXPECT_TRUE(fails_to_start(start_ports_with("zqn_h7.db"),
-                               {"no such table: units", "one is made with: sqlite3 zqn_h7.db <schema.sql"}));
+                               {"no such table: units", "one is made with: tavrixctl db init zqn_h7.db"}));
 }
 
 TEST_F(Mistakes, AnUnknownOptionOfADaemonIsNamed) {
     for (const char *program : {TAVRIX_ROUTERD, TAVRIX_PORTSD, TAVRIX_EVENTSD}) {
         EXPECT_TRUE(tells(run({program, "--nmae", "x"}), 2, {"there is no option --nmae", " --help'"}));
         EXPECT_TRUE(tells(run({program, "--name"}), 2, {"a value is missing after --name", " --help'"}));
+        EXPECT_TRUE(tells(run({program, "--name", "x", "y"}), 2, {"what is 'y'?", " --help'"}));
     }
     EXPECT_TRUE(tells(run({TAVRIX_ROUTERD, "--tcp", "99999"}), 2, {"not '99999'", "a number from 0 to 65535"}));
 }

@@ -535,7 +535,8 @@ TEST_F(Road, StopsAndSaysWhyItCannotStart) {
     } rows[] = {
         {"--database", "missing.db", "Failed to open a database connection to file <missing.db>"},
         {"--database", "empty.db",
-         "The database empty.db is not the fleet's; one is made with: sqlite3 empty.db <schema.sql"},
+         "The database empty.db is not the fleet's; in its place one is made with: tavrixctl db init empty.db"},
+        {"--database", ".", "Cannot open the database .; is it a file that this user may read and write?"},
         {"--database", "notes.txt", "Cannot use the database: file is not a database"},
         {"--connect", "nonsense", "Cannot listen to nonsense"},
         {"--publish", "nonsense", "Cannot publish on nonsense"},

@@ -2,6 +2,7 @@
  * The client watching through the router, and playing a record once more.
  */
 #include <csignal>
+#include <regex>
 #include <sstream>
 #include <string>
 
@@ -191,9 +192,96 @@ TEST(CtlMonitor, SaysWhichAddressIsDeadAndKeepsToItsMethods) {
     EXPECT_EQ(member(member(monitor.output().substr(first.size() + 1), "message"), "id"), "\"ports.Get\"");
 }
 
+/** A publisher on the bus, and a monitor of it. */
+class Published {
+  public:
+    explicit Published(std::vector<std::string> words) {
+        pub_.bind(address_);
+        words.insert(words.begin(), {TAVRIXCTL, "monitor", address_});
+        monitor = std::make_unique<support::Process>("monitor", words);
+        // What is published before the connection stands is lost.
+        EXPECT_TRUE(support::wait_until([this] {
+            call("first.Call", 1, R"("error":{"code":-32603,"message":"Failed"})");
+            return monitor->prints("first.Call", 50);
+        })) << monitor->log();
+    }
+
+    void call(const std::string &method, int transaction_id, const std::string &outcome) const {
+        const std::string number = R"(,"transaction_id":)" + std::to_string(transaction_id) + "}";
+        say(R"(c|{"jsonrpc":"2.0","id":"r","method":")" + method + '"' + number);
+        say(R"(r|{"jsonrpc":"2.0","id":")" + method + "\"," + outcome + number);
+    }
+    void say(const std::string &frame) const { tavrix_mq_socket_send(pub_.number, frame.c_str()); }
+
+    /** What it prints until a last frame has come, without the first calls; it has ended then. */
+    std::vector<std::string> lines_until(const std::string &last) const {
+        EXPECT_TRUE(monitor->prints(last)) << monitor->output();
+        monitor->signal(SIGINT);
+        EXPECT_EQ(monitor->wait(), 0);
+        std::vector<std::string> lines;
+        std::istringstream text(monitor->output());
+        for (std::string line; std::getline(text, line);) {
+            if (line.find("first.Call") == std::string::npos) {
+                lines.push_back(line);
+            }
+        }
+        return lines;
+    }
+
+    std::unique_ptr<support::Process> monitor;
+
+  private:
+    const std::string address_ = support::free_bus_address();
+    support::BusSocket pub_{TAVRIX_SP_PUB};
+};
+
+constexpr char refused[] = R"("error":{"code":-32602,"message":"Refused"})";
+
+TEST(CtlMonitor, TellsOnTheBusHowLongAReplyTook) {
+    for (const bool is_for_people : {true, false}) {
+        const Published bus(is_for_people ? std::vector<std::string>{} : std::vector<std::string>{"--json", "lines"});
+        bus.call("ports.Get", 7, R"("result":0)");
+        bus.say(R"(r|{"jsonrpc":"2.0","id":"ports.Get","result":0,"transaction_id":8})");
+        bus.say(R"(r|{"jsonrpc":"2.0","id":"ports.Gte","result":0,"transaction_id":7})");
+        bus.call("ports.Set", 9, refused);
+        const std::vector<std::string> lines = bus.lines_until("Refused");
+        ASSERT_EQ(lines.size(), 6U) << bus.monitor->output();
+        const std::regex timed(is_for_people ? R"(.*  r  \{.*\}  after [0-9.]+ ms)" : R"(.*"seconds":[0-9].*)");
+        for (size_t i = 0; i < lines.size(); ++i) {
+            EXPECT_EQ(std::regex_match(lines[i], timed), i == 1 || i == 5) << lines[i];
+        }
+        const std::string figures = bus.monitor->log();
+        EXPECT_TRUE(std::regex_search(figures, std::regex("ports.Get +1 +0 +0 +0 "))) << figures;
+        EXPECT_TRUE(std::regex_search(figures, std::regex("ports.Set +1 +1 +0 +0 "))) << figures;
+    }
+}
+
+TEST(CtlMonitor, ShowsOnTheBusTheFramesOfTheCallsThatItsFiltersWant) {
+    const struct {
+        std::vector<std::string> filter;
+        std::vector<const char *> shown;
+    } rows[] = {
+        {{"--errors"}, {"ports.Set", "ports.Set"}},
+        {{"--slower-than", "0"}, {"ports.Get", "ports.Get", "ports.Set", "ports.Set"}},
+    };
+    for (const auto &row : rows) {
+        const Published bus(row.filter);
+        bus.say(R"(c|{"jsonrpc":"2.0","method":"ports.Changed","params":{}})");
+        bus.call("ports.Get", 7, R"("result":0)");
+        bus.call("ports.Set", 8, refused);
+        const std::vector<std::string> lines = bus.lines_until("Refused");
+        ASSERT_EQ(lines.size(), row.shown.size()) << bus.monitor->output();
+        for (size_t i = 0; i < lines.size(); ++i) {
+            EXPECT_NE(lines[i].find(row.shown[i]), std::string::npos) << lines[i];
+            EXPECT_NE(lines[i].find(i % 2 == 0 ? "  c  " : "  r  "), std::string::npos) << "the request first";
+        }
+    }
+}
+
 TEST(CtlMonitor, RefusesOptionsOfTheOtherRoad) {
     EXPECT_EQ(ctl({"monitor", "x://localhost:1"}).status, 2) << "no address of the bus";
-    EXPECT_EQ(ctl({"monitor", "tcp://127.0.0.1:1", "--errors"}).status, 2);
+    EXPECT_EQ(ctl({"monitor", "tcp://127.0.0.1:1", "--service", "portsd"}).status, 2);
+    EXPECT_EQ(ctl({"monitor", "tcp://127.0.0.1:1", "--record", "x"}).status, 2);
     EXPECT_EQ(ctl({"monitor", "tcp://127.0.0.1:1", "--session", "session.sock"}).status, 2);
     EXPECT_EQ(ctl({"monitor", "--channel", "c", "--session", "session.sock"}).status, 2);
     EXPECT_EQ(ctl({"monitor", "--session", "nobody.sock"}).status, 4);

@@ -113,7 +113,18 @@ TEST(CtlSubscribe, GivesUpAfterItsTime) {
 TEST(CtlPush, SaysThatNobodyTakesTheMessage) {
     const Finished finished = ctl({"push", support::free_bus_address(), "x.Y", "--timeout", "0.2"});
     EXPECT_EQ(finished.status, 4);
-    EXPECT_NE(finished.diagnostics.find("nobody takes the message"), std::string::npos);
+    EXPECT_NE(finished.diagnostics.find("nobody takes the message; is a daemon running"), std::string::npos);
+}
+
+TEST(CtlPush, SaysWhatItCannotKnow) {
+    support::BusSocket pull(TAVRIX_SP_PULL);
+    const std::string address = support::free_bus_address();
+    pull.bind(address);
+    const Finished finished = ctl({"push", address, "x.Y"});
+    EXPECT_EQ(finished.status, 0);
+    EXPECT_EQ(finished.output, "");
+    EXPECT_EQ(finished.diagnostics,
+              "tavrixctl: taken; whether it was obeyed cannot be known: nobody answers a pushed message\n");
 }
 
 TEST(CtlWait, PrintsTheNotification) {

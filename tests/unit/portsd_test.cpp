@@ -514,8 +514,8 @@ TEST_F(PortsService, TellsHowADatabaseThatIsMissingIsMade) {
     std::filesystem::remove("zqn_h7.db");
     for (const auto &row : good_calls) {
         EXPECT_EQ(code_of(call(row.method, row.params)), std::to_string(TAVRIX_JRPC_DATABASE_ERROR)) << row.method;
-        EXPECT_TRUE(driven->logged("ERROR Cannot open the database zqn_h7.db; it is made with: "
-                                   "sqlite3 zqn_h7.db <schema.sql"))
+        EXPECT_TRUE(driven->logged("ERROR Cannot open the database zqn_h7.db: there is none; it is made with: "
+                                   "tavrixctl db init zqn_h7.db"))
             << row.method;
     }
     EXPECT_EQ(access("zqn_h7.db", F_OK), -1) << "none is made in its place";

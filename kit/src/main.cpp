@@ -43,8 +43,8 @@ void print_help(const tavrix_service_options &options, const char *program) {
                 "  --connect ADDRESS  further bus address to listen to; may be repeated\n"
                 "  --bus              take requests on the bus instead of on the session\n"
                 "  --need-router      end when the router is not there at the start, instead of waiting for it\n"
-                "  --help             show this\n"
-                "  --version          show the version\n\n"
+                "  -h, --help         show this\n"
+                "  -V, --version      show the version\n\n"
                 "SIGTERM and SIGINT end the service, SIGHUP makes it reread its logger's configuration.\n"
                 "exit status: 0 ended by a signal, 1 cannot start or go on, 2 wrong usage\n",
                 TAVRIX_SERVICE_SESSION);
@@ -74,13 +74,14 @@ bool take_option(CommandLine *line, int letter, const char *program) {
         print_help(line->options, program);
         line->finished = true;
         return true;
-    case 'v':
+    case 'V':
         std::printf("%s%s%s\n", line->options.name, line->options.version != nullptr ? " " : "",
                     line->options.version != nullptr ? line->options.version : "");
         line->finished = true;
         return true;
     default:
-        return false; // getopt has said why
+        std::fprintf(stderr, "Try '%s --help'.\n", program); // getopt has said why
+        return false;
     }
 }
 
@@ -89,9 +90,9 @@ bool read_command_line(int argc, char **argv, CommandLine *line) {
         {"session", required_argument, nullptr, 's'}, {"publish", required_argument, nullptr, 'p'},
         {"connect", required_argument, nullptr, 'c'}, {"bus", no_argument, nullptr, 'b'},
         {"need-router", no_argument, nullptr, 'n'},   {"help", no_argument, nullptr, 'h'},
-        {"version", no_argument, nullptr, 'v'},       {nullptr, 0, nullptr, 0}};
+        {"version", no_argument, nullptr, 'V'},       {nullptr, 0, nullptr, 0}};
     const char *program = argc > 0 ? argv[0] : line->options.name;
-    for (int letter = 0; (letter = getopt_long(argc, argv, "", known, nullptr)) != -1;) {
+    for (int letter = 0; (letter = getopt_long(argc, argv, "hV", known, nullptr)) != -1;) {
         if (!take_option(line, letter, program)) {
             return false;
         }
@@ -99,7 +100,7 @@ bool read_command_line(int argc, char **argv, CommandLine *line) {
             return true;
         }
     }
-    return optind == argc || complain(program, "what is", argv[optind]);
+    return optind == argc || complain(program, "unexpected word:", argv[optind]);
 }
 
 int start(tavrix_service *service, const tavrix_service_options &options) {

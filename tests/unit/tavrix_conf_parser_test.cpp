@@ -30,7 +30,7 @@ Lookup look_up(const std::string &section, const std::string &key, int size = 16
 std::string value_of(const std::string &section, const std::string &key, int size = 64) {
     const Lookup found = look_up(section, key, size);
     EXPECT_EQ(found.rc, 0);
-    return found.buffer.c_str();
+    return found.buffer.substr(0, found.buffer.find('\0'));
 }
 
 const std::string untouched(16, '~');

@@ -8,29 +8,26 @@
 namespace {
 
 void split(const char *frame, int length) {
-    char *json = nullptr;
-    const int rc = tavrix_jrpc_parse_msg(frame, length, &json);
-    const fuzz::Text owner(json);
+    fuzz::Text json;
+    const int rc = tavrix_jrpc_parse_msg(frame, length, into(json));
     EXPECT((rc == 0) == (json != nullptr));
     if (json == nullptr) {
         return;
     }
-    char *channel = nullptr;
-    static_cast<void>(tavrix_jrpc_parse_channel(json, &channel));
-    const fuzz::Text channel_owner(channel);
+    fuzz::Text channel;
+    static_cast<void>(tavrix_jrpc_parse_channel(json.get(), into(channel)));
     if (channel != nullptr) {
-        const fuzz::Text whole(tavrix_api_router_json_add_channel(channel, json));
+        const fuzz::Text whole(tavrix_api_router_json_add_channel(channel.get(), json.get()));
         EXPECT(whole != nullptr);
     }
 }
 
 void match(const char *text) {
-    json_t *reply = nullptr;
-    EXPECT((tavrix_jrpc_eval_method("ports.Get", text, &reply) == 0) == (reply != nullptr));
-    json_decref(reply);
-    json_t *notification = nullptr;
-    EXPECT((tavrix_jrpc_eval_notification("events.X", text, &notification) == 0) == (notification != nullptr));
-    json_decref(notification);
+    fuzz::Json found;
+    int rc = tavrix_jrpc_eval_method("ports.Get", text, into(found));
+    EXPECT((rc == 0) == (found != nullptr));
+    rc = tavrix_jrpc_eval_notification("events.X", text, into(found));
+    EXPECT((rc == 0) == (found != nullptr));
 }
 
 } // namespace

@@ -8,10 +8,11 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <memory>
 #include <string>
 
 #include <jansson.h>
+
+#include "common/handles.h"
 
 #define EXPECT(condition)                                                                                              \
     do {                                                                                                               \
@@ -23,12 +24,8 @@
 
 namespace fuzz {
 
-struct Release {
-    void operator()(json_t *value) const { json_decref(value); }
-    void operator()(char *text) const { std::free(text); }
-};
-using Json = std::unique_ptr<json_t, Release>;
-using Text = std::unique_ptr<char, Release>;
+using tavrix::Json;
+using tavrix::Text;
 
 /** The input, in a block of exactly its size and one terminator, so that a sanitizer sees a byte too many. */
 inline Text text_of(const uint8_t *data, size_t size) {

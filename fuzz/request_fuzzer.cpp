@@ -23,25 +23,20 @@ int ping(json_t *, json_t **, json_t **) { return 0; }
 const tavrix_jrpc_method table[] = {{"ports.Get", get}, {"p", ping}, {nullptr, nullptr}};
 
 void evaluate(const char *request) {
-    char *response = nullptr;
-    const int rc = tavrix_jrpc_eval_request(request, table, &response);
-    const fuzz::Text owner(response);
+    fuzz::Text response;
+    const int rc = tavrix_jrpc_eval_request(request, table, into(response));
     EXPECT(rc == 0 || rc == TAVRIX_ERR_GENERAL);
-    EXPECT(response == nullptr || (rc == 0 && fuzz::is_object(response)));
+    EXPECT(response == nullptr || (rc == 0 && fuzz::is_object(response.get())));
 }
 
 void route(const char *request) {
-    char *text = nullptr;
-    char *channel = nullptr;
-    const int rc = tavrix_jrpc_router_process_msg(request, &text, &channel);
-    const fuzz::Text owner(text);
-    const fuzz::Text channel_owner(channel);
+    fuzz::Text text;
+    fuzz::Text channel;
+    const int rc = tavrix_jrpc_router_process_msg(request, into(text), into(channel));
     EXPECT((rc == 0) == (text != nullptr));
     if (text != nullptr) {
-        char *reply_channel = nullptr;
-        EXPECT(tavrix_jrpc_parse_channel(text, &reply_channel) == 0);
-        EXPECT(std::string(reply_channel) == TAVRIX_ROUTER_REPLY_CHANNEL);
-        std::free(reply_channel);
+        EXPECT(tavrix_jrpc_parse_channel(text.get(), into(channel)) == 0);
+        EXPECT(std::string(channel.get()) == TAVRIX_ROUTER_REPLY_CHANNEL);
     }
 }
 

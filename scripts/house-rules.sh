@@ -79,6 +79,9 @@ rule private-header "another folder's private header: only white-box tests and w
 rule runtime "the library needs no C++ runtime" \
     '^[^"/]*(\b(throw|dynamic_cast|typeid)\b|\bnew (?!\(|value|text)[A-Z]|std::(string|vector|map|function|shared_ptr)\b)' '' \
     src kit/src common
+rule second-owner "common/handles.h has an owner for this" \
+    'operator\(\)\((json_t|char|void|FILE) \*\w+\) const \{.*\b(json_decref|free|fclose|pclose)\(' '' \
+    src kit daemons tools tests fuzz
 rule function-pointer-deleter "a deleter is a type with a name: a pointer makes each owner twice as large" \
     'unique_ptr<[^;]*(decltype\(&|\(\*\))' '' src common kit daemons tools tests
 rule using-in-header "it would reach everybody who includes the header" '^\s*using namespace' '\.cpp:' \

@@ -279,7 +279,9 @@ def prepare():
 def changes(seed, pattern):
     """Every place once, in the seed's order; the pattern leaves those whose heading it matches."""
     draw = random.Random(seed)
-    places = [place for path in sorted((TREE / "src").rglob("*.[ch]*")) for place in places_in(path)
+    sources = list((TREE / "src").rglob("*.[ch]*"))
+    shared = {TREE / name for path in sources for name in re.findall(r'#include "(common/[^"]+)"', path.read_text())}
+    places = [place for path in sorted([*sources, *shared]) for place in places_in(path)
               if path.name != "tables.h"]  # it works while the library is compiled
     draw.shuffle(places)
     drawn = (Change(place, draw) for place in places)

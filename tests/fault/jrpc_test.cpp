@@ -13,6 +13,7 @@
 #include "internal/tavrix_jrpc_seam.h"
 #include "support/bus.h"
 #include "support/faults.h"
+#include "support/json.h"
 #include "support/log_capture.h"
 #include "support/stream.h"
 #include "tavrix_error.h"
@@ -21,8 +22,10 @@
 using fault::each_failure;
 using fault::Fault;
 using support::BusPair;
+using support::Json;
 using support::LogCapture;
 using support::StreamClient;
+using support::taken;
 
 namespace {
 
@@ -44,18 +47,6 @@ const tavrix_jrpc_method table[] = {{"x.Give", give}, {"x.Refuse", refuse}, {nul
 
 constexpr char request[] = R"({"jsonrpc":"2.0","id":"r1","method":"x.Give","transaction_id":3})";
 constexpr char response[] = R"({"jsonrpc":"2.0","id":"x.Give","result":["kept"],"transaction_id":3})";
-
-std::string take(char *text) {
-    const std::string copy = text != nullptr ? text : "(null)";
-    free(text);
-    return copy;
-}
-
-std::string take(json_t *value) {
-    const std::string copy = value != nullptr ? take(json_dumps(value, JSON_COMPACT)) : "(null)";
-    json_decref(value);
-    return copy;
-}
 
 class EngineFaults : public testing::Test {
   protected:
@@ -83,7 +74,7 @@ TEST_F(EngineFaults, LeaveAnEvaluationWithAnAnswerOrNone) {
             each_failure([&](Fault &fault) {
                 char *text = nullptr;
                 const int rc = fault.in([&] { return tavrix_jrpc_eval_request(row.text, table, &text); });
-                const std::string answer = take(text);
+                const std::string answer = taken(text);
                 if (!fault.happened()) {
                     EXPECT_EQ(rc, 0);
                     EXPECT_EQ(answer, row.answer);
@@ -99,43 +90,42 @@ TEST_F(EngineFaults, LeaveAnEvaluationWithAnAnswerOrNone) {
 }
 
 TEST_F(EngineFaults, LeaveABuilderWithAWholeTextOrNone) {
-    json_t *const id = json_string("m");
-    json_t *const transaction_id = json_integer(7);
+    const Json id(json_string("m"));
+    const Json transaction_id(json_integer(7));
     each_failure([&](Fault &fault) {
-        char *text = fault.in([&] { return tavrix_jrpc_create_response(handed_out, id, 0, transaction_id); });
-        EXPECT_EQ(take(text),
+        char *text =
+            fault.in([&] { return tavrix_jrpc_create_response(handed_out, id.get(), 0, transaction_id.get()); });
+        EXPECT_EQ(taken(text),
                   fault.happened() ? "(null)" : R"({"jsonrpc":"2.0","id":"m","result":["kept"],"transaction_id":7})");
     });
     each_failure([&](Fault &fault) {
-        char *text = fault.in([&] { return tavrix_jrpc_create_error(-32005, id, nullptr, 0, nullptr); });
+        char *text = fault.in([&] { return tavrix_jrpc_create_error(-32005, id.get(), nullptr, 0, nullptr); });
         EXPECT_EQ(
-            take(text),
+            taken(text),
             fault.happened()
                 ? "(null)"
                 : R"({"jsonrpc":"2.0","id":"m","error":{"code":-32005,"message":"Command timed out","data":null}})");
     });
-    json_decref(id);
-    json_decref(transaction_id);
 }
 
 TEST_F(EngineFaults, LeaveFramingWithItsStatus) {
     each_failure([](Fault &fault) {
         char *frame = fault.in([] { return tavrix_api_router_json_add_channel("c", "{}"); });
-        EXPECT_EQ(take(frame), fault.happened() ? "(null)" : "c|{}");
+        EXPECT_EQ(taken(frame), fault.happened() ? "(null)" : "c|{}");
     });
     each_failure([](Fault &fault) {
         char *channel = fault.in([] { return tavrix_api_router_json_parse_channel("events.X"); });
-        EXPECT_EQ(take(channel), fault.happened() ? "(null)" : TAVRIX_CHANNEL_EVENTS);
+        EXPECT_EQ(taken(channel), fault.happened() ? "(null)" : TAVRIX_CHANNEL_EVENTS);
     });
     each_failure([](Fault &fault) {
         char *json = nullptr;
         fault.expect(TAVRIX_ERR_GENERAL, 0, [&] { return tavrix_jrpc_parse_msg("c|{}", 4, &json); });
-        EXPECT_EQ(take(json), fault.happened() ? "(null)" : "{}");
+        EXPECT_EQ(taken(json), fault.happened() ? "(null)" : "{}");
     });
     each_failure([](Fault &fault) {
         char *channel = nullptr;
         fault.expect(TAVRIX_ERR_GENERAL, 0, [&] { return tavrix_jrpc_parse_channel(request, &channel); });
-        EXPECT_EQ(take(channel), fault.happened() ? "(null)" : "r1");
+        EXPECT_EQ(taken(channel), fault.happened() ? "(null)" : "r1");
     });
 }
 
@@ -150,7 +140,7 @@ TEST_F(EngineFaults, LeaveAMatcherWithAMatchOrNone) {
         each_failure([&](Fault &fault) {
             json_t *out = nullptr;
             fault.expect(TAVRIX_ERR_GENERAL, 0, [&] { return row.match("x", row.text, &out); });
-            EXPECT_EQ(take(out), fault.happened() ? "(null)" : row.text);
+            EXPECT_EQ(taken(out), fault.happened() ? "(null)" : row.text);
         });
     }
 }
@@ -186,7 +176,7 @@ TEST_F(EngineFaults, CostAWaitOneAttempt) {
             bus.publish(frame);
             json_t *reply = nullptr;
             EXPECT_EQ(fault.in([&] { return tavrix_jrpc_mq_sub_for_method(bus.sub.number, "x", &reply); }), 0);
-            EXPECT_EQ(take(reply), R"({"jsonrpc":"2.0","id":"x","result":1})");
+            EXPECT_EQ(taken(reply), R"({"jsonrpc":"2.0","id":"x","result":1})");
             while (tavrix_jrpc_mq_run(&bus.sub.number, &bus.pub.number, table, 1) != TAVRIX_ERR_MQ_TIMEOUT) {
             }
         });
@@ -202,10 +192,10 @@ TEST_F(EngineFaults, LeaveARoutedRequestWithAStatus) {
             char *channel = nullptr;
             const int rc = fault.in(
                 [&] { return tavrix_jrpc_router_process_msg(R"({"method":"x.Give","id":1})", &text, &channel); });
-            take(channel);
+            taken(channel);
             // A channel that cannot be made is found out when the request is published.
             EXPECT_EQ(rc, fault.happened() && !fault.was("strdup") ? TAVRIX_ERR_GENERAL : 0) << fault.function();
-            EXPECT_EQ(take(text), rc == 0 ? routed : "(null)");
+            EXPECT_EQ(taken(text), rc == 0 ? routed : "(null)");
         });
     }
 }
@@ -216,37 +206,36 @@ TEST_F(EngineFaults, LeaveADispatchedRequestsIdUntilItCanBeRendered) {
         LogCapture log(level);
         each_failure([&](Fault &fault) {
             log.clear();
-            json_t *const asked = json_pack("{s:s, s:i, s:s}", "method", "x.Give", "id", 1, "name", "\xc3\xbc");
-            const int rc = fault.in([&] { return tavrix_jrpc_router_mq_dispatch_request(&bus.pub.number, asked); });
+            const Json asked(json_pack("{s:s, s:i, s:s}", "method", "x.Give", "id", 1, "name", "\xc3\xbc"));
+            const int rc =
+                fault.in([&] { return tavrix_jrpc_router_mq_dispatch_request(&bus.pub.number, asked.get()); });
             EXPECT_EQ(rc, fault.happened() ? TAVRIX_ERR_GENERAL : 0) << fault.function();
             if (rc == 0) {
                 EXPECT_NE(bus.receive().find(R"("name":"\u00FC")"), std::string::npos);
             }
             if (log.text().find("Cannot print JSON message") != std::string::npos) {
-                EXPECT_EQ(json_integer_value(json_object_get(asked, "id")), 1);
+                EXPECT_EQ(json_integer_value(json_object_get(asked.get(), "id")), 1);
             }
-            json_decref(asked);
         });
     }
 }
 
 TEST_F(EngineFaults, LeaveASystemResponseWholeOrNull) {
-    json_t *const asked = json_loads(R"({"id":"a","transaction_id":9})", 0, nullptr);
+    const Json asked(json_loads(R"({"id":"a","transaction_id":9})", 0, nullptr));
     each_failure([&](Fault &fault) {
-        json_t *out = asked;
-        const int rc = fault.in([&] { return tavrix_jrpc_router_create_system_lock_response(asked, &out); });
+        json_t *out = asked.get();
+        const int rc = fault.in([&] { return tavrix_jrpc_router_create_system_lock_response(asked.get(), &out); });
         EXPECT_EQ(rc, fault.happened() ? TAVRIX_ERR_GENERAL : 0);
         EXPECT_EQ(out == nullptr, fault.happened());
         json_decref(out);
     });
     each_failure([&](Fault &fault) {
-        json_t *out = asked;
+        json_t *out = asked.get();
         const int rc = fault.in([&] { return tavrix_jrpc_router_create_system_timeout_response("a", 9, &out); });
         EXPECT_EQ(rc, fault.happened() ? TAVRIX_ERR_GENERAL : 0);
         EXPECT_EQ(out == nullptr, fault.happened());
         json_decref(out);
     });
-    json_decref(asked);
 }
 
 // --- Servers and router on their sockets ---

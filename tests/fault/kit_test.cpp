@@ -15,6 +15,7 @@
 #include "internal.h"
 #include "kit/support/played_router.h"
 #include "support/faults.h"
+#include "support/json.h"
 #include "support/log_capture.h"
 #include "support/stream.h"
 #include "tavrix_error.h"
@@ -24,6 +25,7 @@
 using fault::each_failure;
 using fault::expect_reached;
 using fault::Fault;
+using support::Json;
 using support::LogCapture;
 using support::StreamClient;
 
@@ -438,12 +440,11 @@ TEST(KitFaults, AnAnswerThatIsWaitedForComesOrAStatusTellsWhyNot) {
     expect_reached(each_failure([](Fault &fault) {
                        const LogCapture log;
                        const AnsweringRouter router;
-                       json_t *response = nullptr;
-                       const int rc = ask_and_wait(&fault, &response);
+                       Json response;
+                       const int rc = ask_and_wait(&fault, into(response));
                        EXPECT_EQ(rc != 0, fault.happened()) << fault.function();
                        EXPECT_EQ(rc == 0, response != nullptr) << fault.function();
-                       EXPECT_EQ(json_integer_value(json_object_get(response, "result")), rc == 0 ? 7 : 0);
-                       json_decref(response);
+                       EXPECT_EQ(json_integer_value(json_object_get(response.get(), "result")), rc == 0 ? 7 : 0);
                    }),
                    {"socket", "connect", "Jansson", "json_dumps", "send", "poll", "realloc", "recv", "json_loadb"});
 }
@@ -454,11 +455,10 @@ TEST(KitFaults, AnAnswerThatIsWaitedForComesThroughInterruptedCalls) {
                        [](Fault &fault) {
                            const LogCapture log;
                            const AnsweringRouter router;
-                           json_t *response = nullptr;
-                           const int rc = ask_and_wait(&fault, &response);
+                           Json response;
+                           const int rc = ask_and_wait(&fault, into(response));
                            EXPECT_TRUE(rc == 0 || !(fault.was("send") || fault.was("poll") || fault.was("recv")))
                                << fault.function() << ": " << rc;
-                           json_decref(response);
                        },
                        EINTR),
                    {"send", "poll", "recv"});
@@ -582,12 +582,8 @@ class Life {
                                           router_.lines.front().find("error") != std::string::npos);
     }
     bool is_answered_on_the_bus() {
-        char *frame = nullptr;
-        int length = 0;
-        while (!heard_on_the_bus_ && tavrix_mq_socket_recv(router_.sub.number, &frame, &length, 1) == 0) {
-            const std::string heard(frame, static_cast<size_t>(length));
-            std::free(frame);
-            heard_on_the_bus_ = heard.rfind("t.me|", 0) == 0;
+        for (std::string frame; !heard_on_the_bus_ && support::take_frame(router_.sub.number, &frame, 1);) {
+            heard_on_the_bus_ = frame.rfind("t.me|", 0) == 0;
         }
         return heard_on_the_bus_;
     }

@@ -8,6 +8,7 @@
 
 #include "support/faults.h"
 #include "support/fields.h"
+#include "support/json.h"
 #include "support/log_capture.h"
 #include "support/params.h"
 #include "tavrix_error.h"
@@ -16,6 +17,7 @@
 
 using fault::each_failure;
 using fault::Fault;
+using support::Json;
 using support::LogCapture;
 using support::Params;
 
@@ -76,17 +78,17 @@ TEST(ParameterFaults, LeaveMacFiltersAllThereOrNotAtAll) {
 TEST(ParameterFaults, LeaveAListOfMacAddressesWholeOrWithAStatus) {
     char macs[3][20] = {"00:00:00:00:00:01", "00:00:00:00:00:02", "00:00:00:00:00:03"};
     each_failure([&](Fault &fault) {
-        json_t *array = nullptr;
-        const int rc = fault.in([&] { return tavrix_jrpc_utils_populate_json_mac_addresses_array(&array, macs, 3); });
+        Json array;
+        const int rc =
+            fault.in([&] { return tavrix_jrpc_utils_populate_json_mac_addresses_array(into(array), macs, 3); });
         if (!fault.happened()) {
-            EXPECT_EQ(json_array_size(array), 3U);
+            EXPECT_EQ(json_array_size(array.get()), 3U);
         } else if (rc == 0) {
-            EXPECT_LT(json_array_size(array), 3U) << "the list ends early";
+            EXPECT_LT(json_array_size(array.get()), 3U) << "the list ends early";
         } else {
             EXPECT_TRUE(rc == TAVRIX_ERR_NO_MEMORY || rc == TAVRIX_ERR_GENERAL) << rc;
             EXPECT_EQ(array, nullptr);
         }
-        json_decref(array);
     });
 }
 

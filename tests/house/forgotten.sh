@@ -24,11 +24,12 @@ unnamed() { # what of it the places have not
 }
 
 missing() {
-    local name number expected=0 comment='' line rows fields
+    local name number expected=0 comment='' line rows fields judged
     local wanted
     wanted=$(mktemp -d -p "$work")
     rows=$(grep -oE '/\* +[0-9]+ \*/' tests/unit/tavrix_error_test.cpp | tr -d '/* ')
     fields=$(grep -hoE 'FIELD\([a-z_]+\)|retrieve_input_[a-z_]+' tests/unit/tavrix_jrpc_utils_*_test.cpp)
+    judged=$(grep -oE '\{"[a-z_]+"|validate_[a-z_]+' tests/unit/tavrix_validation_test.cpp | sed -E 's/^validate_|[{"]//g')
     # Statuses: without a gap, each with its advice, its message, and its row in the test of the messages.
     while read -r line; do
         if [[ "$line" =~ ^(TAVRIX_OK|TAVRIX_ERR_[A-Z0-9_]+)\ =\ -?([0-9]+),?$ ]]; then
@@ -57,8 +58,10 @@ missing() {
             named "${name#retrieve_input_}" tests/support/fields.cpp
             ;;
         validate_*)
-            named "$name" include tests/interface/declarations.c tests/unit tools/verb_local.cpp
-            [ "$name" = validate_date_time ] || named "${name#validate_}" tests/support/fields.cpp
+            named "$name" include tests/interface/declarations.c tools/verb_local.cpp
+            name=${name#validate_}
+            [[ $'\n'$judged$'\n' == *$'\n'"$name"$'\n'* ]] || echo "$name is missing in tests/unit/tavrix_validation_test.cpp"
+            [ "$name" = date_time ] || named "$name" tests/support/fields.cpp
             ;;
         *) named "$name" include tests/interface/declarations.c tests/unit ;;
         esac
@@ -91,6 +94,7 @@ lacking "a status's advice" include/tavrix_error.h '/Nobody answers at the other
 lacking "a status's number" include/tavrix_error.h '/TAVRIX_ERR_MZU_LIMIT = /d'
 lacking "a code's test" tests/unit/tavrix_jrpc_error_test.cpp 's/-32014/-1/'
 lacking "a field's row" tests/support/fields.cpp 's/\(alias\)/(x)/'
+lacking "a validator's test" tests/unit/tavrix_validation_test.cpp 's/\{"uuid"/{"x"/'
 lacking "a validator's row" tests/support/fields.cpp 's/\(uuid\)/(x)/'
 lacking "the fields' fuzzer" fuzz/params_fuzzer.cpp 's/\<fields\>/x/'
 lacking "a validator's verb" tools/verb_local.cpp '/validate_onu_id/d'

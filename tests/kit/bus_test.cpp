@@ -67,14 +67,9 @@ class Bus : public testing::Test {
         tavrix_mq_socket_send(peer_pub.number, (std::string(channel) + "|" + text).c_str());
     }
     std::string received() {
-        char *frame = nullptr;
-        int length = 0;
-        if (tavrix_mq_socket_recv(peer_sub.number, &frame, &length, 1) != TAVRIX_OK) {
-            return "";
-        }
-        std::string text(frame, static_cast<size_t>(length));
-        std::free(frame);
-        return text;
+        std::string frame;
+        support::take_frame(peer_sub.number, &frame, 1);
+        return frame;
     }
     /** The next frame that is none of the settling's. */
     std::string next() {

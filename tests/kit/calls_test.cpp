@@ -10,6 +10,7 @@
 namespace {
 
 using support::code_of;
+using support::Json;
 using support::LogCapture;
 using support::member;
 using support::Stage;
@@ -60,11 +61,10 @@ int refuse_with_an_array(tavrix_call *call) {
     return tavrix_call_fail_with(call, TAVRIX_JRPC_NO_SUCH_PORT, "There is none.", json_array());
 }
 int pass_an_array_on(tavrix_call *call) {
-    json_t *data = json_pack("[i]", 1);
-    const tavrix_answer answer = {TAVRIX_OUTCOME_ERROR, nullptr, TAVRIX_JRPC_NO_SUCH_PORT, "", data};
+    const Json data(json_pack("[i]", 1));
+    const tavrix_answer answer = {TAVRIX_OUTCOME_ERROR, nullptr, TAVRIX_JRPC_NO_SUCH_PORT, "", data.get()};
     const int rc = tavrix_call_pass_on(call, &answer);
     EXPECT_EQ(tavrix_call_pass_on(call, &answer), TAVRIX_ERR_NO_RECORDS);
-    json_decref(data);
     return rc;
 }
 int look(tavrix_call *call) {
@@ -147,9 +147,7 @@ const tavrix_jrpc_method library_methods[] = {
 std::string evaluated(const std::string &request) {
     char *text = nullptr;
     tavrix_jrpc_eval_request(request.c_str(), library_methods, &text);
-    const std::string copy = text != nullptr ? text : "";
-    std::free(text);
-    return copy;
+    return support::taken(text);
 }
 
 class Calls : public testing::Test {
@@ -183,7 +181,7 @@ TEST_F(Calls, AreNotAnsweredWhereTheEvaluatorAnswersNothing) {
           R"({"jsonrpc":"2.0","method":"t.Nothing","id":"c","params":[]})",
           R"({"jsonrpc":"2.0","method":"t.Nothing","id":"c","transaction_id":"x"})",
           R"({"method":"t.Nothing","id":"c"})"}) {
-        ASSERT_EQ(evaluated(request), "") << request;
+        ASSERT_EQ(evaluated(request), "(null)") << request;
         stage.router.say(request);
     }
     EXPECT_EQ(member(stage.ask("t.Count"), "id"), "\"t.Count\"") << "the first answer is the last request's";

@@ -50,18 +50,12 @@ const tavrix_service_method methods[] = {
     TAVRIX_METHOD_END,
 };
 
-/** The value's text; "(none)" without. */
-std::string shown(const json_t *value) {
-    char *text = json_dumps(value, JSON_COMPACT | JSON_ENCODE_ANY | JSON_SORT_KEYS);
-    const std::string copy = text != nullptr ? text : "(none)";
-    free(text);
-    return copy;
-}
+std::string shown(const json_t *value) { return support::rendered(value, JSON_SORT_KEYS); }
 
 class Described {
   public:
     explicit Described(const tavrix_service_method *table, tavrix_service_options options = {})
-        : stage(table, options), document(json_loads(stage.router.description.c_str(), 0, nullptr)) {}
+        : stage(table, options), document(support::parsed(stage.router.description)) {}
 
     const json_t *method(const char *name) const {
         const json_t *list = json_object_get(document.get(), "methods");
@@ -316,12 +310,12 @@ TEST(Discovery, DescribesAllLevelsOfTheDeepestTable) {
         schema = json_object_get(json_object_get(schema, "properties"), "l");
     }
     EXPECT_EQ(shown(json_object_get(schema, "type")), "\"object\"");
-    EXPECT_EQ(shown(json_object_get(schema, "properties")), "(none)");
+    EXPECT_EQ(shown(json_object_get(schema, "properties")), "(null)");
 }
 
 TEST(Discovery, ClosesTheObjectsOfAStrictMethodsParameters) {
     OneRow one(TAVRIX_PARAM_MEMBERS("value", TAVRIX_KIND_OBJECT, "", 0, 0, 0, point));
-    EXPECT_EQ(shown(json_object_get(Described(one.table).schema("t.One", "value"), "additionalProperties")), "(none)");
+    EXPECT_EQ(shown(json_object_get(Described(one.table).schema("t.One", "value"), "additionalProperties")), "(null)");
     one.table[0].flags = TAVRIX_METHOD_STRICT;
     one.table[0].result = set_result;
     const Described described(one.table);

@@ -41,14 +41,10 @@ class Main : public testing::Test {
     /** The result of hello.Say, or the error's code. */
     static std::string say(const char *name) {
         json_t *response = nullptr;
-        const int rc =
-            tavrix_request_wait("session.sock", "hello.Say", json_pack("{s:s}", "name", name), 20000, &response);
-        char *text = json_dumps(response, JSON_COMPACT);
-        const std::string copy = text != nullptr ? text : "status " + std::to_string(rc);
-        std::free(text);
-        json_decref(response);
-        const std::string result = support::member(copy, "result");
-        return result != "(none)" ? result : support::code_of(copy);
+        tavrix_request_wait("session.sock", "hello.Say", json_pack("{s:s}", "name", name), 20000, &response);
+        const std::string text = support::taken(response);
+        const std::string result = support::member(text, "result");
+        return result != "(none)" ? result : support::code_of(text);
     }
 };
 

@@ -130,11 +130,9 @@ int show(tavrix_call *call) {
         }
     }
     for (const char *name : {"points", "bare", "object", "json"}) {
-        char *text = json_dumps(tavrix_call_json(call, name), JSON_COMPACT | JSON_ENCODE_ANY);
-        if (text != nullptr) {
-            add(text);
+        if (const json_t *value = tavrix_call_json(call, name)) {
+            add(support::rendered(value));
         }
-        std::free(text);
     }
     add_records(call);
     return 0;
@@ -353,12 +351,7 @@ std::string read_integer(const tavrix_call *call) { return std::to_string(tavrix
 std::string read_uint64(const tavrix_call *call) { return std::to_string(tavrix_call_uint64(call, "value")); }
 std::string read_real(const tavrix_call *call) { return std::to_string(tavrix_call_real(call, "value")); }
 std::string read_boolean(const tavrix_call *call) { return tavrix_call_boolean(call, "value") ? "true" : "false"; }
-std::string read_json(const tavrix_call *call) {
-    char *text = json_dumps(tavrix_call_json(call, "value"), JSON_COMPACT | JSON_ENCODE_ANY);
-    std::string value = text != nullptr ? text : "(none)";
-    std::free(text);
-    return value;
-}
+std::string read_json(const tavrix_call *call) { return support::rendered(tavrix_call_json(call, "value")); }
 std::string read_integers(const tavrix_call *call) { return integers(call, "value"); }
 std::string read_ports(const tavrix_call *call) {
     int count = 0;

@@ -28,12 +28,7 @@ uint64_t deferred = 0;
 std::vector<std::string> notifications;
 std::vector<uint64_t> losses;
 
-std::string text_of(const json_t *value) {
-    char *text = json_dumps(value, JSON_COMPACT | JSON_ENCODE_ANY);
-    const std::string copy = text != nullptr ? text : "";
-    std::free(text);
-    return copy;
-}
+std::string text_of(const json_t *value) { return value != nullptr ? support::rendered(value) : ""; }
 
 void note(tavrix_service * /*service*/, const tavrix_answer *answer, void * /*user*/) {
     outcomes.push_back({answer->outcome, answer->code, answer->message,

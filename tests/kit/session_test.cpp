@@ -3,6 +3,7 @@
 #include <fstream>
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <event2/event.h>
@@ -56,9 +57,8 @@ tavrix_service_options named(const char *name) {
 /** The stage's service as a daemon runs, heeding signals; the router moves from a timer of the service's. */
 struct Running {
     Stage *stage;
-    std::function<void()> turn{}; ///< after each move of the router
-    bool asked = false;
-    bool raised = false;
+    std::function<void()> ready{}; ///< once, when the service is registered
+    std::function<void()> turn{};  ///< after each move of the router
     int cancelled = 0;
 
     int run() {
@@ -70,13 +70,17 @@ struct Running {
         EXPECT_EQ(tavrix_service_open(&options, &stage->service), TAVRIX_OK);
         tavrix_service_timer(
             stage->service, 0, 1,
-            [](tavrix_service * /*service*/, void *user) {
-                auto *running = static_cast<Running *>(user);
-                running->stage->router.step();
-                running->turn();
-            },
-            this);
+            [](tavrix_service * /*service*/, void *user) { static_cast<Running *>(user)->move(); }, this);
         return tavrix_service_run(stage->service);
+    }
+    void move() {
+        stage->router.step();
+        if (ready && tavrix_service_is_ready(stage->service)) {
+            std::exchange(ready, nullptr)();
+        }
+        if (turn) {
+            turn();
+        }
     }
 };
 
@@ -340,11 +344,9 @@ TEST(Session, IsServedByNobodyWhileAHandlerWaitsAndSaysSo) {
     EXPECT_EQ(log.text().find(told), std::string::npos) << "a simple program serves nothing anyway";
     Stage stage;
     Running running{&stage};
-    running.turn = [&] {
-        if (tavrix_service_is_ready(stage.service)) {
-            ask_and_wait();
-            tavrix_service_stop(stage.service);
-        }
+    running.ready = [&] {
+        ask_and_wait();
+        tavrix_service_stop(stage.service);
     };
     EXPECT_EQ(running.run(), TAVRIX_OK);
     EXPECT_NE(log.text().find(told), std::string::npos) << log.text();
@@ -356,14 +358,12 @@ TEST_P(SignalThatEnds, LetsCallsInFlightBeAnsweredFirst) {
     const LogCapture log("info");
     Stage stage;
     Running running{&stage};
-    running.turn = [&] {
-        if (!running.asked && tavrix_service_is_ready(stage.service)) {
-            running.asked = true;
-            stage.router.say(support::direct_request("t.Defer", "{}", 17));
-            EXPECT_NE(tavrix_service_request(stage.service, "other.Get", nullptr, 20000, count_cancelled, &running),
-                      0U);
-        } else if (deferred != 0 && !running.raised) {
-            running.raised = true;
+    running.ready = [&] {
+        stage.router.say(support::direct_request("t.Defer", "{}", 17));
+        EXPECT_NE(tavrix_service_request(stage.service, "other.Get", nullptr, 20000, count_cancelled, &running), 0U);
+    };
+    running.turn = [raised = false]() mutable {
+        if (deferred != 0 && !std::exchange(raised, true)) {
             raise(GetParam());
         }
     };
@@ -381,12 +381,9 @@ TEST_P(SignalThatEnds, LetsAnAnswerThatIsBeingWrittenBeWrittenWhole) {
     const LogCapture log("info");
     Stage stage;
     Running running{&stage};
-    running.turn = [&] {
-        if (!running.asked && tavrix_service_is_ready(stage.service)) {
-            running.asked = true;
-            stage.router.say(
-                support::direct_request("t.LongAndSignal", "{\"number\":" + std::to_string(GetParam()) + "}", 18));
-        }
+    running.ready = [&] {
+        stage.router.say(
+            support::direct_request("t.LongAndSignal", "{\"number\":" + std::to_string(GetParam()) + "}", 18));
     };
     EXPECT_EQ(running.run(), TAVRIX_OK);
     // The service does nothing any more: what is heard now has been written.
@@ -407,11 +404,7 @@ TEST(RunningService, ThatIsRunOrClosedByAHandlerSaysSoAndEndsInOrder) {
     Stage stage;
     Running running{&stage};
     int second_run = TAVRIX_OK;
-    running.turn = [&] {
-        if (running.asked) {
-            return;
-        }
-        running.asked = true;
+    running.ready = [&] {
         second_run = tavrix_service_run(stage.service);
         EXPECT_EQ(tavrix_service_request(stage.service, "ports.Get", nullptr, 20000, count_cancelled, &running) == 0,
                   false)

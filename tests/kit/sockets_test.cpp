@@ -59,6 +59,8 @@ std::string hear_beside(Stage *stage, const StreamClient &client) {
     return closed ? text : "(time-out)";
 }
 
+constexpr size_t long_answer = 4 << 20;
+
 class Sockets : public testing::Test {
   protected:
     void SetUp() override {
@@ -71,6 +73,16 @@ class Sockets : public testing::Test {
         const StreamClient client = StreamClient::unix_path("direct.sock");
         client.say(request);
         return hear(client);
+    }
+    /** A client who is answered with more than a connection holds, and has read nothing of it yet. */
+    StreamClient get_long_answer() {
+        tavrix_service_listen_unix(stage.service, "direct.sock");
+        StreamClient client = StreamClient::unix_path("direct.sock");
+        client.say(request("t.Defer", "{}"));
+        EXPECT_TRUE(stage.wait([] { return deferred != 0; }));
+        tavrix_call_reply(tavrix_service_deferred(stage.service, deferred),
+                          json_string(std::string(long_answer, 'x').c_str()));
+        return client;
     }
     static std::string request(const std::string &method, const std::string &params) {
         return R"({"jsonrpc":"2.0","method":")" + method + R"(","id":1,"params":)" + params + "}";
@@ -200,13 +212,8 @@ TEST_F(Sockets, LeaveHalfOfThePlacesToOtherUsers) {
 }
 
 TEST_F(Sockets, AnswerMoreThanAClientReadsAtOnce) {
-    tavrix_service_listen_unix(stage.service, "direct.sock");
-    const StreamClient client = StreamClient::unix_path("direct.sock");
-    client.say(request("t.Defer", "{}"));
-    ASSERT_TRUE(stage.wait([] { return deferred != 0; }));
-    const std::string large(4 << 20, 'x');
-    tavrix_call_reply(tavrix_service_deferred(stage.service, deferred), json_string(large.c_str()));
-    EXPECT_EQ(member(hear(client), "result").size(), large.size() + 2);
+    const StreamClient client = get_long_answer();
+    EXPECT_EQ(member(hear(client), "result").size(), long_answer + 2);
 }
 
 // --- Time ----------------------------------------------------------------------------------------------------------
@@ -275,17 +282,12 @@ TEST(SocketsOfAServiceThatNeverAnswers, TellTheirClientsSoAtTheDeadline) {
 }
 
 TEST_F(Sockets, CloseAClientThatDoesNotReadItsAnswerInTime) {
-    tavrix_service_listen_unix(stage.service, "direct.sock");
-    const StreamClient client = StreamClient::unix_path("direct.sock");
-    client.say(request("t.Defer", "{}"));
-    ASSERT_TRUE(stage.wait([] { return deferred != 0; }));
-    const std::string large(4 << 20, 'x');
-    tavrix_call_reply(tavrix_service_deferred(stage.service, deferred), json_string(large.c_str()));
+    const StreamClient client = get_long_answer();
     ASSERT_TRUE(let_time_pass(stage.service, EV_WRITE));
     stage.step();
     const std::string heard = hear(client);
     EXPECT_GT(heard.size(), 0U);
-    EXPECT_LT(heard.size(), large.size()) << "what had been sent, and no more";
+    EXPECT_LT(heard.size(), long_answer) << "what had been sent, and no more";
 }
 
 TEST_F(Sockets, TakeNoPlaceThatIsServedOrIsNoSocket) {

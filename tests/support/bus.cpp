@@ -13,6 +13,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include "common/handles.h"
 #include "tavrix_mq.h"
 
 namespace support {
@@ -134,20 +135,21 @@ void BusSocket::connect(const std::string &address) {
     }
 }
 
-namespace {
-
-bool take(int sub, std::string *frame, int nonblock) {
-    char *text = nullptr;
-    int length = 0;
-    if (tavrix_mq_socket_recv(sub, &text, &length, nonblock) != 0) {
-        return false;
-    }
-    frame->assign(text, static_cast<size_t>(length));
-    free(text);
-    return true;
+std::string BusSocket::next_text(int timeout_ms) const {
+    std::string frame;
+    tavrix_mq_socket_set_timeout(number, timeout_ms);
+    return take_frame(number, &frame) ? frame.substr(frame.find('|') + 1) : "(nothing)";
 }
 
-} // namespace
+bool take_frame(int sub, std::string *frame, int nonblock) {
+    tavrix::Text text;
+    int length = 0;
+    if (tavrix_mq_socket_recv(sub, into(text), &length, nonblock) != 0) {
+        return false;
+    }
+    frame->assign(text.get(), static_cast<size_t>(length));
+    return true;
+}
 
 void settle(int pub, int sub, const std::string &channel) {
     const std::string marker = channel + "|settling";
@@ -155,14 +157,14 @@ void settle(int pub, int sub, const std::string &channel) {
     std::string frame;
     const bool arrived = wait_until([&] {
         tavrix_mq_socket_send(pub, marker.c_str());
-        return take(sub, &frame, 1);
+        return take_frame(sub, &frame, 1);
     });
     if (!arrived) {
         throw std::runtime_error("the subscriber never hears the publisher");
     }
     tavrix_mq_socket_send(pub, last.c_str());
     while (frame != last) {
-        if (!take(sub, &frame, 0)) {
+        if (!take_frame(sub, &frame)) {
             throw std::runtime_error("the settled connection lost a frame");
         }
     }
@@ -186,7 +188,7 @@ void BusPair::publish(const std::string &frame) {
 
 std::string BusPair::receive() {
     std::string frame;
-    return take(sub.number, &frame, 0) ? frame : "(nothing)";
+    return take_frame(sub.number, &frame) ? frame : "(nothing)";
 }
 
 } // namespace support

@@ -31,6 +31,8 @@ class BusSocket {
     void close();
     void bind(const std::string &address);
     void connect(const std::string &address);
+    /** The text of the next frame, without its channel; "(nothing)" when none comes. */
+    std::string next_text(int timeout_ms) const;
 };
 
 /** A publisher and a subscriber whose connection stands: what is published now arrives. */
@@ -47,6 +49,9 @@ class BusPair {
     BusSocket sub;
     std::string address;
 };
+
+/** The next frame; false when none comes within the socket's time-out, or at once with `nonblock`. */
+bool take_frame(int sub, std::string *frame, int nonblock = 0);
 
 /** Publishes a marker on `pub` until it arrives on `sub`, then takes the markers off again. */
 void settle(int pub, int sub, const std::string &channel);

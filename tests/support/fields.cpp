@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <iterator>
+#include <stdexcept>
 
 #include "tavrix_jrpc_utils.h"
 #include "tavrix_validation.h"
@@ -174,6 +175,15 @@ std::string Field::params(const std::string &value) const {
 const std::vector<Field> &fields() {
     static const std::vector<Field> all = all_fields();
     return all;
+}
+
+const Field &field(const std::string &name) {
+    for (const Field &row : fields()) {
+        if (row.name == name) {
+            return row;
+        }
+    }
+    throw std::invalid_argument("no field " + name);
 }
 
 const std::vector<Field> &pattern_fields() {

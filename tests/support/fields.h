@@ -38,6 +38,8 @@ struct Field {
 };
 
 const std::vector<Field> &fields();
+/** The row of that name; throws when there is none. */
+const Field &field(const std::string &name);
 /** Those of them that follow a pattern. */
 const std::vector<Field> &pattern_fields();
 

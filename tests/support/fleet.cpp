@@ -100,18 +100,6 @@ PlayedService::PlayedService(const Fleet &fleet, const std::string &channel) : p
     }
 }
 
-std::string PlayedService::next_request(int timeout_ms) {
-    tavrix_mq_socket_set_timeout(sub.number, timeout_ms);
-    char *frame = nullptr;
-    int length = 0;
-    if (tavrix_mq_socket_recv(sub.number, &frame, &length, 0) != 0) {
-        return "(nothing)";
-    }
-    const std::string text(frame, static_cast<size_t>(length));
-    free(frame);
-    return text.substr(text.find('|') + 1);
-}
-
 void PlayedService::reply(const std::string &json) {
     tavrix_mq_socket_send(pub.number, (std::string(reply_prefix) + "|" + json).c_str());
 }

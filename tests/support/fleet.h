@@ -54,6 +54,14 @@ class LoneRouter : public testing::Test {
     Fleet fleet;
 };
 
+/** A test beside a router that knows all three services' addresses on the bus. */
+class StartedRouter : public testing::Test {
+  protected:
+    StartedRouter() { fleet.start_router(); }
+
+    Fleet fleet;
+};
+
 /** A service played by the test: it hears what the router publishes on a channel, and says what it likes. */
 class PlayedService {
   public:
@@ -61,7 +69,7 @@ class PlayedService {
     PlayedService(const Fleet &fleet, const std::string &channel);
 
     /** The next request's JSON text, without the channel. */
-    std::string next_request(int timeout_ms = 20000);
+    std::string next_request(int timeout_ms = 20000) const { return sub.next_text(timeout_ms); }
     /** Publishes on the router's reply channel. */
     void reply(const std::string &json);
 

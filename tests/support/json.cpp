@@ -1,10 +1,25 @@
 #include "support/json.h"
 
-#include <cstdlib>
-
 #include <gtest/gtest.h>
 
 namespace support {
+
+Json parsed(const std::string &text) {
+    Json value(json_loads(text.c_str(), JSON_DECODE_ANY, nullptr));
+    EXPECT_NE(value, nullptr) << text;
+    return value;
+}
+
+std::string rendered(const json_t *value, size_t flags) {
+    return taken(value != nullptr ? json_dumps(value, JSON_COMPACT | JSON_ENCODE_ANY | flags) : nullptr);
+}
+
+std::string taken(char *text) {
+    const Text owner(text);
+    return text != nullptr ? text : "(null)";
+}
+
+std::string taken(json_t *value) { return rendered(Json(value).get()); }
 
 std::string request(const std::string &method, const std::string &id, const std::string &more) {
     return R"({"jsonrpc":"2.0","method":")" + method + R"(","id":)" + id + more + "}";
@@ -12,20 +27,16 @@ std::string request(const std::string &method, const std::string &id, const std:
 
 json_error_t parse_error(const std::string &text) {
     json_error_t error{};
-    json_t *value = json_loads(text.c_str(), JSON_REJECT_DUPLICATES | JSON_DISABLE_EOF_CHECK | JSON_DECODE_ANY, &error);
+    const Json value(
+        json_loads(text.c_str(), JSON_REJECT_DUPLICATES | JSON_DISABLE_EOF_CHECK | JSON_DECODE_ANY, &error));
     EXPECT_EQ(value, nullptr) << text;
-    json_decref(value);
     return error;
 }
 
 std::string member(const std::string &text, const char *key) {
-    json_t *object = json_loads(text.c_str(), JSON_DISABLE_EOF_CHECK, nullptr);
-    const json_t *value = json_object_get(object, key);
-    char *rendering = value != nullptr ? json_dumps(value, JSON_ENCODE_ANY | JSON_COMPACT) : nullptr;
-    const std::string copy = rendering != nullptr ? rendering : "(none)";
-    free(rendering);
-    json_decref(object);
-    return copy;
+    const Json object(json_loads(text.c_str(), JSON_DISABLE_EOF_CHECK, nullptr));
+    const json_t *value = json_object_get(object.get(), key);
+    return value != nullptr ? rendered(value) : "(none)";
 }
 
 std::string code_of(const std::string &response) { return member(member(response, "error"), "code"); }

@@ -4,18 +4,27 @@
 #ifndef TAVRIX_TESTS_SUPPORT_JSON_H
 #define TAVRIX_TESTS_SUPPORT_JSON_H
 
-#include <memory>
 #include <set>
 #include <string>
 
 #include <jansson.h>
 
+#include "common/handles.h"
+
 namespace support {
 
-struct DropJson {
-    void operator()(json_t *value) const { json_decref(value); }
-};
-using Json = std::unique_ptr<json_t, DropJson>;
+using tavrix::Json;
+using tavrix::Text;
+
+/** The value that a JSON text stands for. */
+Json parsed(const std::string &text);
+
+/** A value's text, compact unless `flags` say otherwise; "(null)" for none. */
+std::string rendered(const json_t *value, size_t flags = 0);
+
+/** What has been handed over, as a text, and released; "(null)" for nothing. */
+std::string taken(char *text);
+std::string taken(json_t *value);
 
 /** The names of an object's members. */
 std::set<std::string> keys_of(const json_t *object);

@@ -119,7 +119,7 @@ BusService::BusService(const Fleet &fleet, Registration registration) : pub(TAVR
                               R"(","channel":")" + registration.channel + "\"}}";
     session.say(registration.line());
     const bool answered = wait_until([&] {
-        if (take_frame(5).find("service.Probe") != std::string::npos) {
+        if (sub.next_text(5).find("service.Probe") != std::string::npos) {
             publish_reply(hello);
         }
         registered = session.hear(0);
@@ -130,21 +130,9 @@ BusService::BusService(const Fleet &fleet, Registration registration) : pub(TAVR
     }
 }
 
-std::string BusService::take_frame(int timeout_ms) {
-    char *frame = nullptr;
-    int length = 0;
-    tavrix_mq_socket_set_timeout(sub.number, timeout_ms);
-    if (tavrix_mq_socket_recv(sub.number, &frame, &length, 0) != 0) {
-        return "(nothing)";
-    }
-    const std::string text(frame, static_cast<size_t>(length));
-    free(frame);
-    return text.substr(text.find('|') + 1);
-}
-
 std::string BusService::next_request(int timeout_ms) {
     for (;;) {
-        std::string text = take_frame(timeout_ms);
+        std::string text = sub.next_text(timeout_ms);
         if (member(text, "method") != "\"service.Probe\"") {
             return text;
         }

@@ -90,9 +90,6 @@ class BusService {
     BusSocket pub;
     BusSocket sub;
     std::string registered; ///< what the router answered
-
-  private:
-    std::string take_frame(int timeout_ms);
 };
 
 } // namespace support

@@ -82,14 +82,11 @@ TEST_F(RouterServices, SettleBothDirectionsOfTheBusBeforeTheyAreThere) {
     registration.publish = "[\"" + address + "\"]";
     service.say(registration.line("7"));
     tavrix_mq_socket_set_timeout(sub.number, 20000);
-    char *frame = nullptr;
-    int length = 0;
+    std::string frame;
     for (int i = 0; i < 3; ++i) { // again and again, until there is a hello
-        ASSERT_EQ(tavrix_mq_socket_recv(sub.number, &frame, &length, 0), 0);
-        EXPECT_EQ(std::string(frame, static_cast<size_t>(length)),
-                  std::string(first_channel) +
-                      R"(|{"jsonrpc":"2.0","method":"service.Probe","params":{"name":"played"}})");
-        free(frame);
+        ASSERT_TRUE(support::take_frame(sub.number, &frame));
+        EXPECT_EQ(frame, std::string(first_channel) +
+                             R"(|{"jsonrpc":"2.0","method":"service.Probe","params":{"name":"played"}})");
     }
     const std::string unsettled = fleet.ask(request("ports.Get", "1"));
     EXPECT_EQ(code_of(unsettled), "-32601") << "it is not there yet";

@@ -45,10 +45,8 @@ std::vector<std::string> lines_of(const std::string &text) {
 
 /** The text that a JSON string's rendering stands for. */
 std::string text_of(const std::string &rendering) {
-    json_t *value = json_loads(rendering.c_str(), JSON_DECODE_ANY, nullptr);
-    std::string text = json_is_string(value) ? json_string_value(value) : "";
-    json_decref(value);
-    return text;
+    const support::Json value = support::parsed(rendering);
+    return json_is_string(value.get()) ? json_string_value(value.get()) : "";
 }
 
 class RouterStatistics : public LoneRouter {

@@ -27,6 +27,7 @@ using support::Fleet;
 using support::member;
 using support::PlayedService;
 using support::request;
+using support::StartedRouter;
 using support::StreamClient;
 
 namespace {
@@ -84,12 +85,14 @@ class Flood {
     std::thread thread_;
 };
 
+class RouterAndService : public StartedRouter {
+  protected:
+    PlayedService service{fleet, first_channel};
+};
+
 } // namespace
 
-TEST(RouterDaemon, CarriesARequestToItsServiceAndTheReplyBack) {
-    Fleet fleet;
-    fleet.start_router();
-    PlayedService service(fleet, first_channel);
+TEST_F(RouterAndService, CarriesARequestToItsServiceAndTheReplyBack) {
     const StreamClient client = fleet.connect();
     client.say(request("ports.Get", "\"mine\"", R"(,"transaction_id":5,"params":{"port_id":"d1"})"));
     const std::string on_bus = service.next_request();
@@ -99,10 +102,7 @@ TEST(RouterDaemon, CarriesARequestToItsServiceAndTheReplyBack) {
     EXPECT_EQ(client.hear(), reply_of("\"ports.Get\"", "[1]", "5"));
 }
 
-TEST(RouterDaemon, GivesAClientTheServicesAnswerWithTheClientsOwnTransactionId) {
-    Fleet fleet;
-    fleet.start_router();
-    PlayedService service(fleet, first_channel);
+TEST_F(RouterAndService, GivesAClientTheServicesAnswerWithTheClientsOwnTransactionId) {
     const struct {
         const char *asked;    ///< in the request
         const char *answered; ///< in the client's answer
@@ -146,10 +146,7 @@ TEST(RouterDaemon, NeverDeliversALateReplyToTheNextClient) {
     }
 }
 
-TEST(RouterDaemon, NeverDeliversALateReplyAfterTheFirstClientLeft) {
-    Fleet fleet;
-    fleet.start_router();
-    PlayedService service(fleet, first_channel);
+TEST_F(RouterAndService, NeverDeliversALateReplyAfterTheFirstClientLeft) {
     StreamClient first = fleet.connect();
     first.say(request("ports.Get", "1", ",\"transaction_id\":1"));
     const std::string first_on_bus = service.next_request();
@@ -163,10 +160,8 @@ TEST(RouterDaemon, NeverDeliversALateReplyAfterTheFirstClientLeft) {
     EXPECT_EQ(member(second.hear(), "result"), "\"right\"");
 }
 
-TEST(RouterDaemon, NeverDeliversALateReplyToAClientOfItsNextRun) {
-    Fleet fleet;
-    fleet.start_router();
-    const auto first_transaction_id = [&fleet] {
+TEST_F(StartedRouter, NeverDeliversALateReplyToAClientOfItsNextRun) {
+    const auto first_transaction_id = [this] {
         PlayedService service(fleet, first_channel);
         const StreamClient client = fleet.connect();
         client.say(request("ports.Get", "1"));
@@ -179,10 +174,7 @@ TEST(RouterDaemon, NeverDeliversALateReplyToAClientOfItsNextRun) {
     EXPECT_NE(first_transaction_id(), earlier);
 }
 
-TEST(RouterDaemon, DiscardsAReplyThatComesWhileNobodyWaits) {
-    Fleet fleet;
-    fleet.start_router();
-    PlayedService service(fleet, first_channel);
+TEST_F(RouterAndService, DiscardsAReplyThatComesWhileNobodyWaits) {
     service.reply(reply_of("\"ports.Get\"", "\"stray\"", "1"));
     EXPECT_TRUE(fleet.router->says("Discarded a left-over reply of ports.Get"));
     const StreamClient client = fleet.connect();
@@ -207,10 +199,7 @@ TEST(RouterDaemon, TakesAReplyThatArrivesTwiceOnce) {
     }
 }
 
-TEST(RouterDaemon, SurvivesRubbishOnItsReplyChannel) {
-    Fleet fleet;
-    fleet.start_router();
-    PlayedService service(fleet, first_channel);
+TEST_F(RouterAndService, SurvivesRubbishOnItsReplyChannel) {
     const StreamClient client = fleet.connect();
     client.say(request("ports.Get", "1", ",\"transaction_id\":1"));
     const std::string on_bus = service.next_request();
@@ -262,10 +251,7 @@ TEST(RouterDaemon, AnswersBusyWhileTheSystemIsLocked) {
     EXPECT_EQ(code_of(fleet.ask(request("ports.Get", "1"))), "-32005") << "forwarded again";
 }
 
-TEST(RouterDaemon, LetsARequestInFlightEndWhenItIsLocked) {
-    Fleet fleet;
-    fleet.start_router();
-    PlayedService service(fleet, first_channel);
+TEST_F(RouterAndService, LetsARequestInFlightEndWhenItIsLocked) {
     const StreamClient client = fleet.connect();
     client.say(request("ports.Get", "1"));
     const std::string on_bus = service.next_request();
@@ -276,10 +262,7 @@ TEST(RouterDaemon, LetsARequestInFlightEndWhenItIsLocked) {
     EXPECT_EQ(code_of(fleet.ask(request("ports.Get", "1"))), "-32014");
 }
 
-TEST(RouterDaemon, IsLockedOverTheBusToo) {
-    Fleet fleet;
-    fleet.start_router();
-    PlayedService service(fleet, first_channel);
+TEST_F(RouterAndService, IsLockedOverTheBusToo) {
     service.reply(R"({"jsonrpc":"2.0","method":"router.Lock"})");
     EXPECT_TRUE(fleet.router->says("The system is locked"));
     EXPECT_EQ(code_of(fleet.ask(request("ports.Get", "1"))), "-32014");
@@ -287,10 +270,7 @@ TEST(RouterDaemon, IsLockedOverTheBusToo) {
     EXPECT_TRUE(fleet.router->says("The system is unlocked"));
 }
 
-TEST(RouterDaemon, RefusesMalformedRequestsAndGoesOn) {
-    Fleet fleet;
-    fleet.start_router();
-    PlayedService service(fleet, first_channel);
+TEST_F(RouterAndService, RefusesMalformedRequestsAndGoesOn) {
     const struct {
         const char *text;
         const char *code;
@@ -332,10 +312,7 @@ TEST(RouterDaemon, RefusesMalformedRequestsAndGoesOn) {
     EXPECT_EQ(member(client.hear(), "result"), "1");
 }
 
-TEST(RouterDaemon, ForwardsNoNotification) {
-    Fleet fleet;
-    fleet.start_router();
-    PlayedService service(fleet, first_channel);
+TEST_F(RouterAndService, ForwardsNoNotification) {
     EXPECT_EQ(fleet.ask(R"({"jsonrpc":"2.0","method":"ports.SetEnabled"})"), "");
     EXPECT_EQ(fleet.ask(R"({"jsonrpc":"2.0","method":"router.Lock"})"), "");
     EXPECT_TRUE(fleet.router->says("Refused the notification router.Lock of a client"));
@@ -344,10 +321,7 @@ TEST(RouterDaemon, ForwardsNoNotification) {
     EXPECT_EQ(member(service.next_request(), "method"), "\"ports.Get\"") << "nothing came before";
 }
 
-TEST(RouterDaemon, Takes8192BytesAndNoMore) {
-    Fleet fleet;
-    fleet.start_router();
-    PlayedService service(fleet, first_channel);
+TEST_F(RouterAndService, Takes8192BytesAndNoMore) {
     const std::string text = request("ports.Get", "1", ",\"transaction_id\":1");
     const StreamClient exact = fleet.connect();
     exact.say(std::string(8192 - text.size(), ' ') + text);
@@ -528,9 +502,7 @@ TEST(RouterDaemon, ServesAndStopsThroughAFloodOnItsReplyChannel) {
     EXPECT_EQ(fleet.router->wait(), 0);
 }
 
-TEST(RouterDaemon, PausesWhenTheSystemLacksDescriptors) {
-    Fleet fleet;
-    fleet.start_router();
+TEST_F(StartedRouter, PausesWhenTheSystemLacksDescriptors) {
     rlimit before{};
     const auto start = std::chrono::steady_clock::now();
     ASSERT_EQ(prlimit(fleet.router->pid(), RLIMIT_NOFILE, nullptr, &before), 0);
@@ -545,10 +517,7 @@ TEST(RouterDaemon, PausesWhenTheSystemLacksDescriptors) {
     EXPECT_EQ(member(member(client.hear(), "result"), "served"), "0");
 }
 
-TEST(RouterDaemon, GoesOnWhenAClientLeavesEarly) {
-    Fleet fleet;
-    fleet.start_router();
-    PlayedService service(fleet, first_channel);
+TEST_F(RouterAndService, GoesOnWhenAClientLeavesEarly) {
     { const StreamClient says_nothing = fleet.connect(); }
     {
         const StreamClient does_not_wait = fleet.connect();
@@ -647,9 +616,7 @@ TEST(RouterDaemon, EndsCleanlyOnSigtermAndSigintAlsoInFlight) {
     }
 }
 
-TEST(RouterDaemon, TakesAPathThatNobodyServesAndLeavesOneThatAnotherServes) {
-    Fleet fleet;
-    fleet.start_router();
+TEST_F(StartedRouter, TakesAPathThatNobodyServesAndLeavesOneThatAnotherServes) {
     fleet.router->signal(SIGKILL);
     fleet.router->wait();
     EXPECT_EQ(access("router.sock", F_OK), 0) << "left behind";
@@ -661,9 +628,7 @@ TEST(RouterDaemon, TakesAPathThatNobodyServesAndLeavesOneThatAnotherServes) {
     EXPECT_EQ(member(fleet.ask(request("router.Status", "1")), "id"), "\"router.Status\"") << "the first goes on";
 }
 
-TEST(RouterDaemon, LeavesAFileThatIsNoLongerItsOwn) {
-    Fleet fleet;
-    fleet.start_router();
+TEST_F(StartedRouter, LeavesAFileThatIsNoLongerItsOwn) {
     ASSERT_EQ(remove("router.sock"), 0);
     support::write_file("router.sock", "another's");
     fleet.router->signal(SIGTERM);
@@ -717,18 +682,13 @@ TEST(RouterDaemon, LeavesATcpPortThatAnotherServes) {
     EXPECT_NE(second.diagnostics.find("Cannot listen on TCP port"), std::string::npos);
 }
 
-TEST(RouterDaemon, RereadsTheLoggersConfigurationOnSighup) {
-    Fleet fleet;
-    fleet.start_router();
+TEST_F(StartedRouter, RereadsTheLoggersConfigurationOnSighup) {
     support::write_file("tavrix_lsyslog.conf", "[logging_levels]\nrouterd=verbose\n");
     fleet.router->signal(SIGHUP);
     EXPECT_TRUE(fleet.router->says("Logging level set to verbose."));
 }
 
-TEST(RouterDaemon, RereadsTheLoggersConfigurationOnANotificationOverTheBus) {
-    Fleet fleet;
-    fleet.start_router();
-    PlayedService service(fleet, first_channel);
+TEST_F(RouterAndService, RereadsTheLoggersConfigurationOnANotificationOverTheBus) {
     support::write_file("tavrix_lsyslog.conf", "[logging_levels]\nrouterd=verbose\n");
     service.reply(R"({"jsonrpc":"2.0","method":"logger.ReloadConf"})");
     EXPECT_TRUE(fleet.router->says("Logging level set to verbose."));
@@ -747,18 +707,12 @@ TEST(RouterDaemon, AnswersForTheLoggersConfigurationItselfWhenItKnowsOfNoService
     tavrix_mq_socket_set_timeout(unknown.number, 50);
     EXPECT_TRUE(support::wait_until([&] {
         fleet.ask(request("logger.ReloadConf", "1"));
-        char *frame = nullptr;
-        int length = 0;
-        const bool heard = tavrix_mq_socket_recv(unknown.number, &frame, &length, 0) == 0;
-        const std::string text(frame != nullptr ? frame : "", heard ? static_cast<size_t>(length) : 0);
-        free(frame);
-        return text.find("\"logger.ReloadConf\"") != std::string::npos;
+        std::string frame;
+        return support::take_frame(unknown.number, &frame) && frame.find("\"logger.ReloadConf\"") != std::string::npos;
     }));
 }
 
-TEST(RouterDaemon, TakesTheRepliesOfAllServicesToOneReload) {
-    Fleet fleet;
-    fleet.start_router();
+TEST_F(StartedRouter, TakesTheRepliesOfAllServicesToOneReload) {
     PlayedService service(fleet, TAVRIX_CHANNEL_DEFAULT);
     const StreamClient client = fleet.connect();
     client.say(request("logger.ReloadConf", "1"));
@@ -772,9 +726,7 @@ TEST(RouterDaemon, TakesTheRepliesOfAllServicesToOneReload) {
     EXPECT_EQ(member(member(fleet.ask(request("router.Status", "1")), "result"), "discarded"), "1");
 }
 
-TEST(RouterDaemon, RereadsNothingForAClientWhileTheSystemIsLocked) {
-    Fleet fleet;
-    fleet.start_router();
+TEST_F(StartedRouter, RereadsNothingForAClientWhileTheSystemIsLocked) {
     fleet.ask(request("router.Lock", "1"));
     support::write_file("tavrix_lsyslog.conf", "[logging_levels]\nrouterd=verbose\n");
     EXPECT_EQ(code_of(fleet.ask(request("logger.ReloadConf", "1"))), "-32014");
@@ -806,10 +758,7 @@ TEST(RouterDaemon, KeepsTheWordsOfOthersOnItsOwnLogLines) {
     EXPECT_EQ(fleet.router->log().find('\x1b'), std::string::npos) << fleet.router->log();
 }
 
-TEST(RouterDaemon, RefusesAMethodWithControlCharactersBeforeAnybodySeesIt) {
-    Fleet fleet;
-    fleet.start_router();
-    PlayedService service(fleet, first_channel);
+TEST_F(RouterAndService, RefusesAMethodWithControlCharactersBeforeAnybodySeesIt) {
     for (const char *character : {"\\n", "\\r", "\\t", "\\u001b", "\\u007f", "\\u0085", "\\u009b"}) {
         const std::string answer = fleet.ask(request("p" + std::string(character) + "x", "7"));
         EXPECT_EQ(code_of(answer), "-32601") << character;
@@ -822,10 +771,7 @@ TEST(RouterDaemon, RefusesAMethodWithControlCharactersBeforeAnybodySeesIt) {
     EXPECT_EQ(member(service.next_request(), "method"), "\"p\u00e9\"") << "the first that comes through";
 }
 
-TEST(RouterDaemon, ServesThroughAStormOfSignals) {
-    Fleet fleet;
-    fleet.start_router();
-    PlayedService service(fleet, first_channel);
+TEST_F(RouterAndService, ServesThroughAStormOfSignals) {
     for (int i = 0; i < 10; ++i) {
         const StreamClient client = fleet.connect();
         fleet.router->signal(SIGHUP);
@@ -879,19 +825,14 @@ TEST(RouterDaemon, NamesTheShortOptionThatItDoesNotKnow) {
     EXPECT_NE(finished.diagnostics.find("there is no option -x"), std::string::npos) << finished.diagnostics;
 }
 
-TEST(RouterDaemon, ShowsTheBeginningOfALongNameOnly) {
-    Fleet fleet;
-    fleet.start_router();
+TEST_F(StartedRouter, ShowsTheBeginningOfALongNameOnly) {
     for (const int length : {201, 8000}) {
         fleet.ask(R"({"jsonrpc":"2.0","method":")" + std::string(static_cast<size_t>(length), 'm') + "\"}");
         EXPECT_TRUE(fleet.router->says("Refused the notification " + std::string(200, 'm') + "... of a client\n"));
     }
 }
 
-TEST(RouterDaemon, KnowsAServiceByItsLatestChannel) {
-    Fleet fleet;
-    fleet.start_router();
-    PlayedService service(fleet, first_channel);
+TEST_F(RouterAndService, KnowsAServiceByItsLatestChannel) {
     service.reply(R"({"jsonrpc":"2.0","method":"router.Hello","params":{"name":"played","channel":"another"}})");
     EXPECT_TRUE(fleet.router->says("Service played settled on channel another"));
     EXPECT_EQ(member(member(fleet.ask(request("router.Status", "1")), "result"), "services"),

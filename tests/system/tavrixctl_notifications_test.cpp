@@ -23,6 +23,9 @@ using support::member;
 
 namespace {
 
+using RoutedCtlSubscribe = support::StartedRouter;
+using RoutedCtlWait = support::StartedRouter;
+
 constexpr char subscribed[] = "{\"jsonrpc\":\"2.0\",\"id\":\"tavrixctl\",\"result\":0}\n";
 
 support::Process subscriber(std::vector<std::string> words) {
@@ -32,9 +35,7 @@ support::Process subscriber(std::vector<std::string> words) {
 
 } // namespace
 
-TEST(CtlSubscribe, PrintsMatchingNotificationsAsLines) {
-    Fleet fleet;
-    fleet.start_router();
+TEST_F(RoutedCtlSubscribe, PrintsMatchingNotificationsAsLines) {
     const DirectService service("portsd", {"ports.Get"});
     auto listening = subscriber({"ports.*", "events.Exactly", "--count", "2"});
     ASSERT_TRUE(listening.says("waiting for ports.* events.Exactly")) << listening.log();
@@ -51,9 +52,7 @@ TEST(CtlSubscribe, PrintsMatchingNotificationsAsLines) {
     EXPECT_FALSE(std::getline(lines, line)) << line;
 }
 
-TEST(CtlSubscribe, PrintsTheNotificationItselfForPrograms) {
-    Fleet fleet;
-    fleet.start_router();
+TEST_F(RoutedCtlSubscribe, PrintsTheNotificationItselfForPrograms) {
     const DirectService service("portsd", {"ports.Get"});
     auto listening = subscriber({"*", "--json", "short", "--count", "1"});
     ASSERT_TRUE(listening.says("waiting for *")) << listening.log();
@@ -72,9 +71,7 @@ TEST(CtlSubscribe, HearsWhatIsPublishedOnTheBus) {
     EXPECT_NE(finished.output.find("  events.LinkChanged  {"), std::string::npos) << finished.output;
 }
 
-TEST(CtlSubscribe, EndsCleanlyWithTheSignal) {
-    Fleet fleet;
-    fleet.start_router();
+TEST_F(RoutedCtlSubscribe, EndsCleanlyWithTheSignal) {
     for (const int number : {SIGINT, SIGTERM}) {
         auto listening = subscriber({"*"});
         ASSERT_TRUE(listening.says("waiting for *")) << listening.log();
@@ -97,9 +94,7 @@ TEST(CtlSubscribe, TellsWhatWasLostAndThatTheRouterHasGone) {
     EXPECT_EQ(finished.output.substr(finished.output.find("  ")), "  a.B\n");
 }
 
-TEST(CtlSubscribe, GivesUpAfterItsTime) {
-    Fleet fleet;
-    fleet.start_router();
+TEST_F(RoutedCtlSubscribe, GivesUpAfterItsTime) {
     EXPECT_EQ(ctl({"subscribe", "*", "--session", "session.sock", "--timeout", "0.1"}).status, 3);
     EXPECT_EQ(ctl({"subscribe", "*", "--session", "session.sock", "--timeout", "0.1", "--count", "1"}).status, 3);
     EXPECT_EQ(ctl({"subscribe", "*", "--session", "nobody.sock"}).status, 4);
@@ -137,9 +132,7 @@ TEST(CtlWait, PrintsTheNotification) {
     EXPECT_EQ(member(finished.output, "id"), "(none)");
 }
 
-TEST(CtlWait, EndsWithTheSignalThatEndsIt) {
-    Fleet fleet;
-    fleet.start_router();
+TEST_F(RoutedCtlWait, EndsWithTheSignalThatEndsIt) {
     for (const int number : {SIGINT, SIGTERM}) {
         support::Process waiting("wait", {TAVRIXCTL, "wait", "x.Y", fleet.router_address});
         ASSERT_TRUE(waiting.says("waiting for x.Y")) << waiting.log();
@@ -165,9 +158,7 @@ TEST(CtlWait, AsksTheRouterWhereNoAddressIsGiven) {
     EXPECT_EQ(member(finished.output, "method"), "\"events.LinkChanged\"");
 }
 
-TEST(CtlWait, TakesOnlyWhatItsFiltersFit) {
-    Fleet fleet;
-    fleet.start_router();
+TEST_F(RoutedCtlWait, TakesOnlyWhatItsFiltersFit) {
     const DirectService service("portsd", {"ports.Get"});
     const struct {
         const char *filter;

@@ -22,6 +22,13 @@ using support::script;
 
 namespace {
 
+using RoutedCtlCall = support::StartedRouter;
+using RoutedCtlMetrics = support::StartedRouter;
+using RoutedCtlSend = support::StartedRouter;
+using RoutedCtlStatus = support::StartedRouter;
+using RoutedCtlTop = support::StartedRouter;
+using RoutedCtlWaitService = support::StartedRouter;
+
 /** The words of the first line that begins with the word. */
 std::vector<std::string> row(const std::string &output, const std::string &first) {
     std::istringstream lines(output);
@@ -45,9 +52,7 @@ size_t count_of(const std::string &text, const std::string &part) {
 
 } // namespace
 
-TEST(CtlStatus, ShowsServicesAndMethodsAsTables) {
-    Fleet fleet;
-    fleet.start_router();
+TEST_F(RoutedCtlStatus, ShowsServicesAndMethodsAsTables) {
     const DirectService service("portsd", {"ports.Get", "ports.Set"}, [](const std::string &method, const auto &) {
         return method == "ports.Get" ? R"("result":{})" : R"("error":{"code":-32602,"message":"m","data":null})";
     });
@@ -67,18 +72,14 @@ TEST(CtlStatus, ShowsServicesAndMethodsAsTables) {
     EXPECT_EQ(finished.output.find('\033'), std::string::npos) << "no colours in a file";
 }
 
-TEST(CtlStatus, TellsThatNobodyIsThereAndThatTheSystemIsLocked) {
-    Fleet fleet;
-    fleet.start_router();
+TEST_F(RoutedCtlStatus, TellsThatNobodyIsThereAndThatTheSystemIsLocked) {
     ASSERT_EQ(ctl({"call", "--socket", "router.sock", "router.Lock"}).status, 0);
     const std::string output = ctl({"status", "--socket", "router.sock"}).output;
     EXPECT_EQ(output.rfind("router  locked, up ", 0), 0U) << output;
     EXPECT_NE(output.find("\n\nno services\n\nno calls yet\n"), std::string::npos) << output;
 }
 
-TEST(CtlStatus, PrintsTheRoutersOwnObjectForPrograms) {
-    Fleet fleet;
-    fleet.start_router();
+TEST_F(RoutedCtlStatus, PrintsTheRoutersOwnObjectForPrograms) {
     const Finished finished = ctl({"status", "--json", "short", "--socket", "router.sock"});
     EXPECT_EQ(finished.status, 0);
     EXPECT_EQ(member(finished.output, "services"), "[]");
@@ -90,9 +91,7 @@ TEST(CtlStatus, SaysThatThereIsNoRouter) {
     EXPECT_EQ(ctl({"status", "--session", "a", "--socket", "b"}).status, 2);
 }
 
-TEST(CtlTop, PrintsPlainPagesWhenPipedAndEndsAfterItsCount) {
-    Fleet fleet;
-    fleet.start_router();
+TEST_F(RoutedCtlTop, PrintsPlainPagesWhenPipedAndEndsAfterItsCount) {
     const DirectService service("portsd", {"ports.Get"});
     ASSERT_EQ(ctl({"call", "--session", "session.sock", "ports.Get"}).status, 0);
     const Finished finished = ctl({"top", "--session", "session.sock", "--interval", "0.02", "--count", "3"});
@@ -102,9 +101,7 @@ TEST(CtlTop, PrintsPlainPagesWhenPipedAndEndsAfterItsCount) {
     EXPECT_EQ(finished.output.find('\033'), std::string::npos);
 }
 
-TEST(CtlTop, EndsCleanlyWithTheSignal) {
-    Fleet fleet;
-    fleet.start_router();
+TEST_F(RoutedCtlTop, EndsCleanlyWithTheSignal) {
     support::Process top("top", {TAVRIXCTL, "top", "--session", "session.sock", "--interval", "3600"});
     ASSERT_TRUE(top.prints("no calls yet"));
     top.signal(SIGINT);
@@ -112,9 +109,7 @@ TEST(CtlTop, EndsCleanlyWithTheSignal) {
     EXPECT_EQ(top.log(), "");
 }
 
-TEST(CtlTop, SaysThatTheRouterHasGone) {
-    Fleet fleet;
-    fleet.start_router();
+TEST_F(RoutedCtlTop, SaysThatTheRouterHasGone) {
     support::Process top("top", {TAVRIXCTL, "top", "--session", "session.sock", "--interval", "0.02"});
     ASSERT_TRUE(top.prints("no calls yet"));
     fleet.router.reset();
@@ -122,9 +117,7 @@ TEST(CtlTop, SaysThatTheRouterHasGone) {
     EXPECT_NE(top.log(), "");
 }
 
-TEST(CtlMetrics, PrintsThePrometheusTextLineByLine) {
-    Fleet fleet;
-    fleet.start_router();
+TEST_F(RoutedCtlMetrics, PrintsThePrometheusTextLineByLine) {
     const DirectService service("portsd", {"ports.Get"});
     const Finished finished = ctl({"metrics", "--session", "session.sock"});
     EXPECT_EQ(finished.status, 0) << finished.diagnostics;
@@ -143,9 +136,7 @@ TEST(CtlWaitService, WaitsForTheRouterAndForTheService) {
     EXPECT_EQ(waiting.log(), "");
 }
 
-TEST(CtlWaitService, TakesAServiceThatOnlySaidHello) {
-    Fleet fleet;
-    fleet.start_router();
+TEST_F(RoutedCtlWaitService, TakesAServiceThatOnlySaidHello) {
     fleet.start_ports();
     EXPECT_EQ(ctl({"wait-service", "--socket", "router.sock", "portsd"}).status, 0);
 }
@@ -164,9 +155,7 @@ TEST(CtlWaitService, SaysWhichServiceIsMissingAndWhy) {
     EXPECT_EQ(ctl({"wait-service", "--socket", std::string(200, 'x'), "portsd"}).status, 2) << "at once";
 }
 
-TEST(CtlCall, FindsTheSessionByTheEnvironmentAndElseTheOtherSocket) {
-    Fleet fleet;
-    fleet.start_router();
+TEST_F(RoutedCtlCall, FindsTheSessionByTheEnvironmentAndElseTheOtherSocket) {
     EXPECT_EQ(script("TAVRIX_SESSION=session.sock tavrixctl call router.Status").status, 0);
     EXPECT_EQ(script("TAVRIX_SESSION=nobody.sock tavrixctl call router.Status").status, 4);
     EXPECT_EQ(script("TAVRIX_SESSION=nobody.sock TAVRIX_SOCKET=router.sock tavrixctl call router.Status").status, 0);
@@ -179,9 +168,7 @@ TEST(CtlCall, FindsTheSessionByTheEnvironmentAndElseTheOtherSocket) {
               2);
 }
 
-TEST(CtlSend, PrintsEveryAnswerOfASession) {
-    Fleet fleet;
-    fleet.start_router();
+TEST_F(RoutedCtlSend, PrintsEveryAnswerOfASession) {
     const DirectService service("portsd", {"ports.Get"});
     const Finished finished =
         ctl({"send", "--session", "session.sock",

@@ -33,6 +33,12 @@ using support::write_file;
 
 namespace {
 
+using RoutedCtlCall = support::StartedRouter;
+using RoutedCtlLogLevel = support::StartedRouter;
+using RoutedCtlMonitor = support::StartedRouter;
+using RoutedCtlSend = support::StartedRouter;
+using RoutedCtlStatus = support::StartedRouter;
+
 /** The lines under "examples:", up to the next blank line. */
 std::vector<std::string> examples_of(const std::string &help) {
     std::istringstream lines(help.substr(help.find("examples:\n")));
@@ -75,9 +81,7 @@ std::string replaced(std::string text, const std::string &what, const std::strin
 
 } // namespace
 
-TEST(CtlCall, PrintsTheWholeResponseOnOneLineWhenAskedTo) {
-    Fleet fleet;
-    fleet.start_router();
+TEST_F(RoutedCtlCall, PrintsTheWholeResponseOnOneLineWhenAskedTo) {
     fleet.start_ports();
     const Finished finished =
         ctl({"call", "--socket", "router.sock", "--transaction", "7", "ports.Get", "port_id=d2", "--full"});
@@ -92,9 +96,7 @@ TEST(CtlCall, PrintsTheWholeResponseOnOneLineWhenAskedTo) {
     EXPECT_EQ(pretty.output.rfind("{\n  \"jsonrpc\": \"2.0\",\n", 0), 0U) << pretty.output;
 }
 
-TEST(CtlCall, TellsAnErrorResponseByItsExitStatus) {
-    Fleet fleet;
-    fleet.start_router();
+TEST_F(RoutedCtlCall, TellsAnErrorResponseByItsExitStatus) {
     fleet.start_ports();
     const Finished full = ctl({"call", "--socket", "router.sock", "ports.Get", "{}", "--full"});
     EXPECT_EQ(full.status, 1);
@@ -258,9 +260,7 @@ TEST(CtlCall, SendsANotificationToADaemonItselfAndWaitsForNoAnswer) {
     EXPECT_EQ(member(last.output, "text"), "\"no answer\"");
 }
 
-TEST(CtlCall, ReadsItsParamsFromStandardInput) {
-    Fleet fleet;
-    fleet.start_router();
+TEST_F(RoutedCtlCall, ReadsItsParamsFromStandardInput) {
     fleet.start_ports();
     const Finished finished = script(R"(echo '{"port_id":"d2"}' | tavrixctl call --socket router.sock ports.Get -)");
     EXPECT_EQ(finished.status, 0) << finished.diagnostics;
@@ -268,18 +268,14 @@ TEST(CtlCall, ReadsItsParamsFromStandardInput) {
     EXPECT_EQ(script("tavrixctl call --socket router.sock ports.Get - </dev/null").status, 2) << "no JSON at all";
 }
 
-TEST(CtlCall, FindsTheRouterByTheEnvironmentUnlessToldOtherwise) {
-    Fleet fleet;
-    fleet.start_router();
+TEST_F(RoutedCtlCall, FindsTheRouterByTheEnvironmentUnlessToldOtherwise) {
     EXPECT_EQ(script("TAVRIX_SOCKET=router.sock tavrixctl call router.Status").status, 0);
     EXPECT_EQ(script("TAVRIX_SOCKET=nobody.sock tavrixctl call router.Status").status, 4);
     EXPECT_EQ(script("TAVRIX_SOCKET=nobody.sock tavrixctl call --socket router.sock router.Status").status, 0);
     EXPECT_EQ(script("TAVRIX_SOCKET=nobody.sock tavrixctl call --direct router.sock router.Status").status, 0);
 }
 
-TEST(CtlCall, PrintsAResultOnSeveralLinesOnATerminal) {
-    Fleet fleet;
-    fleet.start_router();
+TEST_F(RoutedCtlCall, PrintsAResultOnSeveralLinesOnATerminal) {
     const Terminal terminal;
     const Finished finished = script("tavrixctl call --socket router.sock router.Status >" + terminal.name());
     EXPECT_EQ(finished.status, 0) << finished.diagnostics;
@@ -338,9 +334,7 @@ TEST(CtlCall, SendsTextAsTheUserWroteIt) {
     EXPECT_EQ(ctl({"call", "m", "--direct", "nobody.sock", "{\"text\":\"" + text + "\"}"}).status, 4) << "it fits";
 }
 
-TEST(CtlCall, GivesUpOnARouterThatStandsStill) {
-    Fleet fleet;
-    fleet.start_router();
+TEST_F(RoutedCtlCall, GivesUpOnARouterThatStandsStill) {
     fleet.router->signal(SIGSTOP);
     EXPECT_EQ(ctl({"call", "--socket", "router.sock", "--timeout", "0.2", "router.Status"}).status, 3);
     // More than the socket holds: some of it stays with the client.
@@ -353,9 +347,7 @@ TEST(CtlCall, GivesUpOnARouterThatStandsStill) {
     fleet.router->signal(SIGCONT);
 }
 
-TEST(CtlCall, SaysThatStandardOutputIsClosed) {
-    Fleet fleet;
-    fleet.start_router();
+TEST_F(RoutedCtlCall, SaysThatStandardOutputIsClosed) {
     const std::string slot = "/tavrix-test-" + std::to_string(getpid());
     ASSERT_EQ(ctl({"shm", "set", slot, "text", "--create"}).status, 0);
     for (const std::string &words :
@@ -368,9 +360,7 @@ TEST(CtlCall, SaysThatStandardOutputIsClosed) {
     shm_unlink(slot.c_str());
 }
 
-TEST(CtlSend, SendsATextAsItStands) {
-    Fleet fleet;
-    fleet.start_router();
+TEST_F(RoutedCtlSend, SendsATextAsItStands) {
     const Finished good = ctl({"send", "--socket", "router.sock", support::request("router.Status", "7")});
     EXPECT_EQ(good.status, 0) << good.diagnostics;
     EXPECT_EQ(member(good.output, "jsonrpc"), "\"2.0\"");
@@ -382,9 +372,7 @@ TEST(CtlSend, SendsATextAsItStands) {
     EXPECT_EQ(piped.status, 0) << piped.diagnostics;
 }
 
-TEST(CtlSend, PrintsTheAnswerToATextThatTheRouterRefusesToReadWhole) {
-    Fleet fleet;
-    fleet.start_router();
+TEST_F(RoutedCtlSend, PrintsTheAnswerToATextThatTheRouterRefusesToReadWhole) {
     write_file("long.txt", std::string(1 << 20, 'x'));
     const Finished finished = script("tavrixctl send --socket router.sock - <long.txt");
     EXPECT_EQ(finished.status, 1) << finished.diagnostics;
@@ -498,9 +486,7 @@ TEST(CtlHelp, GivesExamplesThatWorkWithTheDaemonsOwnAddresses) {
     unlink("new.db");
 }
 
-TEST(CtlMonitor, PrintsEveryFrameOfBothDirections) {
-    Fleet fleet;
-    fleet.start_router();
+TEST_F(RoutedCtlMonitor, PrintsEveryFrameOfBothDirections) {
     PlayedService service(fleet, TAVRIX_CHANNEL_FIRST); // one that takes its requests from the bus
     support::Process monitor("monitor", {TAVRIXCTL, "monitor", fleet.router_address, fleet.ports_address});
     ASSERT_TRUE(monitor.says("connected to 2 of 2")) << monitor.log();
@@ -631,9 +617,7 @@ TEST(CtlMonitor, PrintsJsonThatSteersNoTerminal) {
     EXPECT_EQ(line.substr(line.find("  ")), R"(  channel  {"\u007F":"\u009B2J"})");
 }
 
-TEST(CtlLogLevel, MakesTheDaemonsRereadIt) {
-    Fleet fleet;
-    fleet.start_router();
+TEST_F(RoutedCtlLogLevel, MakesTheDaemonsRereadIt) {
     fleet.start_ports();
     const Finished finished =
         ctl({"log-level", "portsd", "verbose", "--file", "tavrix_lsyslog.conf", "--socket", "router.sock"});
@@ -641,9 +625,7 @@ TEST(CtlLogLevel, MakesTheDaemonsRereadIt) {
     EXPECT_TRUE(fleet.ports->says("Logging level set to verbose."));
 }
 
-TEST(CtlLogLevel, ShowsWhatEachDaemonHas) {
-    Fleet fleet;
-    fleet.start_router();
+TEST_F(RoutedCtlLogLevel, ShowsWhatEachDaemonHas) {
     fleet.start_ports();
     write_file("levels.conf", "[other]\nx=1\n[logging_levels]\n# c\nportsd=info\ntool=off\n");
     const Finished shown = ctl({"log-level", "--file", "levels.conf", "--socket", "router.sock"});
@@ -658,9 +640,7 @@ TEST(CtlLogLevel, ShowsWhatEachDaemonHas) {
     EXPECT_NE(changed.output.find("\nrouterd  debug  up\n"), std::string::npos) << changed.output;
 }
 
-TEST(CtlLogLevel, RefusesADaemonThatNobodyKnows) {
-    Fleet fleet;
-    fleet.start_router();
+TEST_F(RoutedCtlLogLevel, RefusesADaemonThatNobodyKnows) {
     fleet.start_ports();
     write_file("levels.conf", "[logging_levels]\ntool=off\n");
     for (const char *level : {"debug", ""}) {
@@ -680,9 +660,7 @@ TEST(CtlLogLevel, RefusesADaemonThatNobodyKnows) {
     EXPECT_EQ(support::read_file("levels.conf"), "[logging_levels]\ntool=debug\n");
 }
 
-TEST(CtlStatus, HasColoursOnATerminalOnlyAndNotAgainstItsWill) {
-    Fleet fleet;
-    fleet.start_router();
+TEST_F(RoutedCtlStatus, HasColoursOnATerminalOnlyAndNotAgainstItsWill) {
     const support::DirectService service("portsd", {"ports.Get"});
     const struct {
         const char *environment;

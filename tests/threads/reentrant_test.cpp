@@ -20,11 +20,17 @@
 
 #include "support/bus.h"
 #include "support/fields.h"
+#include "support/json.h"
 #include "support/log_capture.h"
+#include "support/params.h"
 #include "tavrix.h"
 
 using support::BusSocket;
+using support::Json;
 using support::LogCapture;
+using support::Params;
+using support::parsed;
+using support::taken;
 
 namespace {
 
@@ -60,23 +66,6 @@ void repeatedly(Work work) {
 }
 
 std::string own(const std::string &name, int me) { return name + std::to_string(me); }
-
-/** A JSON value of one thread. */
-struct Json {
-    json_t *value = nullptr;
-    Json() = default;
-    explicit Json(const std::string &text) : value(json_loads(text.c_str(), JSON_DECODE_ANY, nullptr)) {}
-    Json(const Json &) = delete;
-    Json &operator=(const Json &) = delete;
-    ~Json() { json_decref(value); }
-};
-
-/** A text from malloc, released; "(null)" for none. */
-std::string taken(char *text) {
-    const std::string copy = text != nullptr ? text : "(null)";
-    free(text);
-    return copy;
-}
 
 int say(json_t * /*params*/, json_t **result, json_t ** /*error_data*/) {
     *result = json_string("hello");
@@ -149,54 +138,52 @@ TEST(Reentrant, Parameters) {
             }
             const bool is_number = field.read_number != nullptr;
             const std::string &value = field.valid[is_number ? static_cast<size_t>(me) % field.valid.size() : 0];
-            const Json params(field.params(value));
-            Json debug;
+            Params params(field.params(value));
             char out[128] = "";
             int number = 0;
-            EXPECT_EQ(is_number ? field.read_number(params.value, &debug.value, "k", &number)
-                                : field.read(params.value, &debug.value, "k", out, sizeof out),
+            EXPECT_EQ(is_number ? field.read_number(params.get(), params.debug(), "k", &number)
+                                : field.read(params.get(), params.debug(), "k", out, sizeof out),
                       TAVRIX_OK)
                 << field.name;
             EXPECT_STRCASEEQ(is_number ? std::to_string(number).c_str() : out,
                              field.read_list != nullptr ? "" : value.c_str());
-            EXPECT_EQ(field.read(params.value, &debug.value, "absent", out, sizeof out),
+            EXPECT_EQ(field.read(params.get(), params.debug(), "absent", out, sizeof out),
                       TAVRIX_ERR_PARAMETER_NOT_FOUND);
         }
-        const Json all(
+        Params all(
             "{\"text\":\"any\",\"bool\":true,\"list\":[],\"float\":\"1.5\",\"uint\":\"7\",\"secure\":\"current\","
             "\"integer\":" +
             std::to_string(me) + "}");
-        Json debug;
         json_t *borrowed = nullptr;
         char out[64] = "";
         int number = 0;
         uint64_t big = 0;
         float real = 0;
-        EXPECT_EQ(tavrix_jrpc_utils_parse_input_string(all.value, &debug.value, "text", out, sizeof out), TAVRIX_OK);
+        EXPECT_EQ(tavrix_jrpc_utils_parse_input_string(all.get(), all.debug(), "text", out, sizeof out), TAVRIX_OK);
         EXPECT_STREQ(out, "any");
-        EXPECT_EQ(tavrix_jrpc_utils_parse_input_integer(all.value, &debug.value, "integer", &number), TAVRIX_OK);
+        EXPECT_EQ(tavrix_jrpc_utils_parse_input_integer(all.get(), all.debug(), "integer", &number), TAVRIX_OK);
         EXPECT_EQ(number, me);
-        EXPECT_EQ(tavrix_jrpc_utils_parse_input_bool(all.value, &debug.value, "bool", &borrowed), TAVRIX_OK);
-        EXPECT_EQ(tavrix_jrpc_utils_parse_input_array(all.value, &debug.value, "list", &borrowed), TAVRIX_OK);
-        tavrix_jrpc_utils_parse_input_uint64_t(all.value, &debug.value, "uint", &big);
-        EXPECT_EQ(tavrix_jrpc_utils_parse_input_float(all.value, &debug.value, "float", &real), TAVRIX_OK);
-        EXPECT_EQ(tavrix_jrpc_utils_parse_input_secure_option(all.value, &debug.value, "secure", &number), TAVRIX_OK);
+        EXPECT_EQ(tavrix_jrpc_utils_parse_input_bool(all.get(), all.debug(), "bool", &borrowed), TAVRIX_OK);
+        EXPECT_EQ(tavrix_jrpc_utils_parse_input_array(all.get(), all.debug(), "list", &borrowed), TAVRIX_OK);
+        tavrix_jrpc_utils_parse_input_uint64_t(all.get(), all.debug(), "uint", &big);
+        EXPECT_EQ(tavrix_jrpc_utils_parse_input_float(all.get(), all.debug(), "float", &real), TAVRIX_OK);
+        EXPECT_EQ(tavrix_jrpc_utils_parse_input_secure_option(all.get(), all.debug(), "secure", &number), TAVRIX_OK);
         char macs[1][20] = {"00:00:00:00:00:01"};
         Json list;
-        EXPECT_EQ(tavrix_jrpc_utils_populate_json_mac_addresses_array(&list.value, macs, 1), TAVRIX_OK);
+        EXPECT_EQ(tavrix_jrpc_utils_populate_json_mac_addresses_array(into(list), macs, 1), TAVRIX_OK);
     });
 }
 
 TEST(Reentrant, Messages) {
     repeatedly([](int me) {
-        const Json id(own("\"thread ", me) + "\"");
-        const Json number("5");
+        const Json id = parsed(own("\"thread ", me) + "\"");
+        const Json number = parsed("5");
         char *text = nullptr;
         EXPECT_EQ(tavrix_jrpc_eval_request(request, table, &text), TAVRIX_OK);
         EXPECT_NE(taken(text).find("hello"), std::string::npos);
-        EXPECT_NE(taken(tavrix_jrpc_create_response(json_true(), id.value, 0, number.value)).find(own("thread ", me)),
+        EXPECT_NE(taken(tavrix_jrpc_create_response(json_true(), id.get(), 0, number.get())).find(own("thread ", me)),
                   std::string::npos);
-        EXPECT_NE(taken(tavrix_jrpc_create_error(TAVRIX_JRPC_SYSTEM_BUSY, id.value, nullptr, 0, number.value))
+        EXPECT_NE(taken(tavrix_jrpc_create_error(TAVRIX_JRPC_SYSTEM_BUSY, id.get(), nullptr, 0, number.get()))
                       .find(own("thread ", me)),
                   std::string::npos);
         const std::string frame = taken(tavrix_api_router_json_add_channel("me", request));
@@ -211,12 +198,12 @@ TEST(Reentrant, Messages) {
         Json notification;
         Json locked;
         Json late;
-        tavrix_jrpc_eval_method("hello.Say", response, &reply.value);
-        tavrix_jrpc_eval_notification("hello.Said", R"({"jsonrpc":"2.0","method":"hello.Said"})", &notification.value);
-        const Json whole(R"({"jsonrpc":"2.0","id":"me","method":"hello.Say","transaction_id":5})");
-        tavrix_jrpc_router_eval_notification(whole.value, table);
-        EXPECT_EQ(tavrix_jrpc_router_create_system_lock_response(whole.value, &locked.value), TAVRIX_OK);
-        EXPECT_EQ(tavrix_jrpc_router_create_system_timeout_response("me", me, &late.value), TAVRIX_OK);
+        tavrix_jrpc_eval_method("hello.Say", response, into(reply));
+        tavrix_jrpc_eval_notification("hello.Said", R"({"jsonrpc":"2.0","method":"hello.Said"})", into(notification));
+        const Json whole = parsed(R"({"jsonrpc":"2.0","id":"me","method":"hello.Say","transaction_id":5})");
+        tavrix_jrpc_router_eval_notification(whole.get(), table);
+        EXPECT_EQ(tavrix_jrpc_router_create_system_lock_response(whole.get(), into(locked)), TAVRIX_OK);
+        EXPECT_EQ(tavrix_jrpc_router_create_system_timeout_response("me", me, into(late)), TAVRIX_OK);
     });
 }
 
@@ -277,9 +264,9 @@ TEST(Reentrant, Endpoints) {
         Json notification;
         EXPECT_EQ(tavrix_jrpc_mq_pub(&bus.pub.number, "me", request), TAVRIX_OK);
         EXPECT_EQ(tavrix_jrpc_mq_run(&bus.sub.number, &bus.pub.number, table, 0), TAVRIX_OK) << "serves it";
-        EXPECT_EQ(tavrix_jrpc_mq_sub_for_method(bus.sub.number, "hello.Say", &reply.value), TAVRIX_OK);
+        EXPECT_EQ(tavrix_jrpc_mq_sub_for_method(bus.sub.number, "hello.Say", into(reply)), TAVRIX_OK);
         EXPECT_EQ(tavrix_jrpc_mq_pub(&bus.pub.number, "me", R"({"jsonrpc":"2.0","method":"x"})"), TAVRIX_OK);
-        EXPECT_EQ(tavrix_jrpc_mq_sub_for_notifcation(bus.sub.number, "x", &notification.value), TAVRIX_OK);
+        EXPECT_EQ(tavrix_jrpc_mq_sub_for_notifcation(bus.sub.number, "x", into(notification)), TAVRIX_OK);
         EXPECT_EQ(tavrix_jrpc_pull_socket_init(addresses[static_cast<size_t>(thread_count + me)].c_str(), &pull.number),
                   TAVRIX_OK);
         EXPECT_EQ(tavrix_mq_socket_set_timeout(pull.number, 1), TAVRIX_OK);
@@ -362,12 +349,12 @@ TEST(Reentrant, Routers) {
         tavrix_socket_send(&asking, asked.c_str());
         Json incoming;
         Json outgoing;
-        EXPECT_EQ(tavrix_jrpc_router_socket_extract_request(&listener, &client, &incoming.value), TAVRIX_OK);
-        EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&bus.pub.number, incoming.value), TAVRIX_OK);
-        tavrix_jrpc_router_mq_extract_response(&bus.sub.number, &outgoing.value);
+        EXPECT_EQ(tavrix_jrpc_router_socket_extract_request(&listener, &client, into(incoming)), TAVRIX_OK);
+        EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&bus.pub.number, incoming.get()), TAVRIX_OK);
+        tavrix_jrpc_router_mq_extract_response(&bus.sub.number, into(outgoing));
         EXPECT_EQ(tavrix_mq_socket_send(bus.pub.number, answered.c_str()), TAVRIX_OK);
-        const Json reply(response);
-        tavrix_jrpc_router_socket_dispatch_response(&client, reply.value);
+        const Json reply = parsed(response);
+        tavrix_jrpc_router_socket_dispatch_response(&client, reply.get());
         tavrix_socket_close(&asking);
         tavrix_socket_close(&client);
         tavrix_socket_close(&listener);

@@ -30,7 +30,7 @@ Lookup look_up(const std::string &section, const std::string &key, int size = 16
 std::string value_of(const std::string &section, const std::string &key, int size = 64) {
     const Lookup found = look_up(section, key, size);
     EXPECT_EQ(found.rc, 0);
-    return found.buffer.c_str();
+    return found.buffer.substr(0, found.buffer.find('\0'));
 }
 
 const std::string untouched(16, '~');
@@ -89,99 +89,6 @@ TEST(ConfParser, AcceptsABufferOfOneByte) {
     EXPECT_EQ(look_up("s", "one", 1).buffer, "1");
 }
 
-TEST(ConfParser, ReturnsNotFoundForAMissingSectionOrKey) {
-    write_file("[s]\nk=v\n");
-    EXPECT_EQ(look_up("t", "k").rc, TAVRIX_ERR_PARAMETER_NOT_FOUND);
-    EXPECT_EQ(look_up("s", "l").rc, TAVRIX_ERR_PARAMETER_NOT_FOUND);
-    write_file("");
-    EXPECT_EQ(look_up("s", "k").rc, TAVRIX_ERR_PARAMETER_NOT_FOUND);
-}
-
-TEST(ConfParser, TakesTheFirstOfTwoEqualKeys) {
-    write_file("[s]\nk=first\nk=second\n");
-    EXPECT_EQ(value_of("s", "k"), "first");
-}
-
-TEST(ConfParser, IgnoresKeysBeforeAnySection) {
-    write_file("k=early\n[s]\nother=1\n");
-    EXPECT_EQ(look_up("s", "k").rc, TAVRIX_ERR_PARAMETER_NOT_FOUND);
-}
-
-TEST(ConfParser, EndsAtTheNextHeaderEvenIfTheSectionReturns) {
-    write_file("[s]\na=1\n[t]\nb=2\n[s]\nk=late\n");
-    EXPECT_EQ(look_up("s", "k").rc, TAVRIX_ERR_PARAMETER_NOT_FOUND);
-    write_file("[s]\na=1\n[s]\nk=late\n");
-    EXPECT_EQ(look_up("s", "k").rc, TAVRIX_ERR_PARAMETER_NOT_FOUND);
-}
-
-TEST(ConfParser, EndsAtAnyLineThatStartsWithABracket) {
-    write_file("[s]\n[not a header\nk=v\n");
-    EXPECT_EQ(look_up("s", "k").rc, TAVRIX_ERR_PARAMETER_NOT_FOUND);
-}
-
-TEST(ConfParser, PassesOverAHeaderWithoutClosingBracketBeforeTheSection) {
-    write_file("[s\n[s]\nk=v\n");
-    EXPECT_EQ(value_of("s", "k"), "v");
-}
-
-TEST(ConfParser, TakesTheSectionNameUpToTheFirstClosingBracket) {
-    write_file("[s] trailing ] words\nk=v\n");
-    EXPECT_EQ(value_of("s", "k"), "v");
-    EXPECT_EQ(look_up("s] trailing ", "k").rc, TAVRIX_ERR_PARAMETER_NOT_FOUND);
-}
-
-TEST(ConfParser, FindsAnEmptySectionName) {
-    write_file("[]\nk=v\n");
-    EXPECT_EQ(value_of("", "k"), "v");
-}
-
-TEST(ConfParser, SkipsCommentsInAndOutOfSections) {
-    write_file("#[s]\n# k=0\n[s]\n#k=1\n #k=2\nk=3\n");
-    EXPECT_EQ(value_of("s", "k"), "3");
-    EXPECT_EQ(value_of("s", " #k"), "2") << "only the very first character makes a comment";
-    EXPECT_EQ(look_up("s", "#k").rc, TAVRIX_ERR_PARAMETER_NOT_FOUND);
-}
-
-TEST(ConfParser, RequiresTheBracketToBeTheFirstCharacter) {
-    write_file(" [s]\nk=v\n");
-    EXPECT_EQ(look_up("s", "k").rc, TAVRIX_ERR_PARAMETER_NOT_FOUND);
-}
-
-TEST(ConfParser, KeepsBlanksAndCarriageReturns) {
-    write_file("[s]\nk = v \ncr=v\r\n");
-    EXPECT_EQ(look_up("s", "k").rc, TAVRIX_ERR_PARAMETER_NOT_FOUND);
-    EXPECT_EQ(value_of("s", "k "), " v ");
-    EXPECT_EQ(value_of("s", "cr"), "v\r");
-}
-
-TEST(ConfParser, SplitsAtTheFirstEqualsSign) {
-    write_file("[s]\nk=a=b\n=nameless\n");
-    EXPECT_EQ(value_of("s", "k"), "a=b");
-    EXPECT_EQ(value_of("s", ""), "nameless");
-}
-
-TEST(ConfParser, ReturnsAnEmptyValue) {
-    write_file("[s]\nk=\n");
-    EXPECT_EQ(value_of("s", "k"), "");
-}
-
-TEST(ConfParser, PassesOverALastLineWithoutNewline) {
-    write_file("[s]\nk=v");
-    EXPECT_EQ(look_up("s", "k").rc, TAVRIX_ERR_PARAMETER_NOT_FOUND);
-    write_file("[s]");
-    EXPECT_EQ(look_up("s", "k").rc, TAVRIX_ERR_PARAMETER_NOT_FOUND);
-}
-
-TEST(ConfParser, PassesOverLinesWithoutEqualsSign) {
-    write_file("[s]\nk\n\nk=v\n");
-    EXPECT_EQ(value_of("s", "k"), "v");
-}
-
-TEST(ConfParser, ComparesCaseSensitively) {
-    write_file("[S]\nk=upper section\n[s]\nK=upper\nk=lower\n");
-    EXPECT_EQ(value_of("s", "k"), "lower");
-}
-
 TEST(ConfParser, MatchesSectionNamesUpTo49Characters) {
     const std::string longest(49, 'n');
     const std::string too_long(50, 'n');
@@ -205,3 +112,57 @@ TEST(ConfParser, ReadsLinesOfAnyLength) {
     EXPECT_EQ(look_up("s", "long").rc, TAVRIX_ERR_BUFFER_SPACE);
     EXPECT_EQ(value_of("s", "long", 100001), long_value);
 }
+
+// --- Files, and what is found in them ---
+
+struct Example {
+    const char *name;
+    const char *content;
+    const char *section;
+    const char *key;
+    const char *value; ///< null: there is none
+};
+
+class ConfParserLookup : public testing::TestWithParam<Example> {};
+
+TEST_P(ConfParserLookup, FindsWhatIsThere) {
+    write_file(GetParam().content);
+    if (GetParam().value != nullptr) {
+        EXPECT_EQ(value_of(GetParam().section, GetParam().key), GetParam().value);
+    } else {
+        EXPECT_EQ(look_up(GetParam().section, GetParam().key).rc, TAVRIX_ERR_PARAMETER_NOT_FOUND);
+    }
+}
+
+constexpr char comments[] = "#[s]\n# k=0\n[s]\n#k=1\n #k=2\nk=3\n";
+constexpr char blanks[] = "[s]\nk = v \ncr=v\r\n";
+constexpr char trailing[] = "[s] trailing ] words\nk=v\n";
+constexpr char equals[] = "[s]\nk=a=b\n=nameless\n";
+
+INSTANTIATE_TEST_SUITE_P(
+    Files, ConfParserLookup,
+    testing::Values(Example{"MissingSection", "[s]\nk=v\n", "t", "k", nullptr},
+                    Example{"MissingKey", "[s]\nk=v\n", "s", "l", nullptr}, Example{"EmptyFile", "", "s", "k", nullptr},
+                    Example{"FirstOfTwoEqualKeys", "[s]\nk=first\nk=second\n", "s", "k", "first"},
+                    Example{"KeyBeforeAnySection", "k=early\n[s]\nother=1\n", "s", "k", nullptr},
+                    Example{"SectionThatReturns", "[s]\na=1\n[t]\nb=2\n[s]\nk=late\n", "s", "k", nullptr},
+                    Example{"SectionThatReturnsAtOnce", "[s]\na=1\n[s]\nk=late\n", "s", "k", nullptr},
+                    Example{"AnyBracketEndsTheSection", "[s]\n[not a header\nk=v\n", "s", "k", nullptr},
+                    Example{"HeaderWithoutClosingBracketIsPassedOver", "[s\n[s]\nk=v\n", "s", "k", "v"},
+                    Example{"SectionUpToTheFirstClosingBracket", trailing, "s", "k", "v"},
+                    Example{"SectionUpToNoLaterBracket", trailing, "s] trailing ", "k", nullptr},
+                    Example{"EmptySectionName", "[]\nk=v\n", "", "k", "v"},
+                    Example{"CommentsAreSkipped", comments, "s", "k", "3"},
+                    Example{"OnlyTheFirstCharacterMakesAComment", comments, "s", " #k", "2"},
+                    Example{"CommentIsNoKey", comments, "s", "#k", nullptr},
+                    Example{"BracketIsTheFirstCharacter", " [s]\nk=v\n", "s", "k", nullptr},
+                    Example{"BlanksBelongToTheKey", blanks, "s", "k", nullptr},
+                    Example{"BlanksBelongToTheValue", blanks, "s", "k ", " v "},
+                    Example{"CarriageReturnBelongsToTheValue", blanks, "s", "cr", "v\r"},
+                    Example{"FirstEqualsSignSplits", equals, "s", "k", "a=b"},
+                    Example{"EmptyKey", equals, "s", "", "nameless"}, Example{"EmptyValue", "[s]\nk=\n", "s", "k", ""},
+                    Example{"LastLineWithoutNewline", "[s]\nk=v", "s", "k", nullptr},
+                    Example{"OnlyLineWithoutNewline", "[s]", "s", "k", nullptr},
+                    Example{"LinesWithoutEqualsSignArePassedOver", "[s]\nk\n\nk=v\n", "s", "k", "v"},
+                    Example{"CaseMatters", "[S]\nk=upper section\n[s]\nK=upper\nk=lower\n", "s", "k", "lower"}),
+    [](const auto &row) { return row.param.name; });

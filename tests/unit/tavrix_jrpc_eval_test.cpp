@@ -9,7 +9,10 @@
 #include "tavrix_error.h"
 #include "tavrix_jrpc.h"
 
+using support::Json;
 using support::LogCapture;
+using support::parsed;
+using support::taken;
 
 namespace {
 
@@ -30,9 +33,7 @@ int scripted(json_t *params, json_t **result, json_t **error_data) {
     ++script.calls;
     script.params_null = params == nullptr;
     if (params != nullptr) {
-        char *text = json_dumps(params, JSON_COMPACT);
-        script.params = text;
-        free(text);
+        script.params = support::rendered(params);
     }
     EXPECT_EQ(*result, nullptr);
     EXPECT_EQ(*error_data, nullptr);
@@ -65,13 +66,7 @@ Answer evaluate(const std::string &request) {
 
 /** The response as an object whose members can be compared whatever their order. */
 void expect_json(const std::string &text, const std::string &expected) {
-    json_t *left = json_loads(text.c_str(), 0, nullptr);
-    json_t *right = json_loads(expected.c_str(), 0, nullptr);
-    EXPECT_NE(left, nullptr) << text;
-    EXPECT_NE(right, nullptr) << expected;
-    EXPECT_TRUE(json_equal(left, right)) << text << "\nexpected " << expected;
-    json_decref(left);
-    json_decref(right);
+    EXPECT_TRUE(json_equal(parsed(text).get(), parsed(expected).get())) << text << "\nexpected " << expected;
 }
 
 class Evaluate : public testing::Test {
@@ -303,121 +298,99 @@ TEST_F(Evaluate, ShowsOnlyTheLengthOfTheResponseAtDebugLevel) {
 
 // --- The two builders ---
 
-namespace {
-
-std::string taken(char *text) {
-    const std::string copy = text != nullptr ? text : "(null)";
-    free(text);
-    return copy;
-}
-
-} // namespace
-
 TEST(CreateResponse, SharesItsValues) {
-    json_t *result = json_integer(1);
-    json_t *id = json_string("m");
-    json_t *transaction = json_real(0.5);
-    expect_json(taken(tavrix_jrpc_create_response(result, id, 0, transaction)),
+    const Json result(json_integer(1));
+    const Json id(json_string("m"));
+    const Json transaction(json_real(0.5));
+    expect_json(taken(tavrix_jrpc_create_response(result.get(), id.get(), 0, transaction.get())),
                 R"({"jsonrpc":"2.0","id":"m","result":1,"transaction_id":0.5})");
     EXPECT_EQ(result->refcount, 1U);
     EXPECT_EQ(id->refcount, 1U);
     EXPECT_EQ(transaction->refcount, 1U);
-    json_decref(result);
-    json_decref(id);
-    json_decref(transaction);
 }
 
 TEST(CreateResponse, RefusesNullAndBadIndentAtErrorLevel) {
-    json_t *value = json_integer(1);
+    const Json value(json_integer(1));
     const LogCapture log("info");
-    EXPECT_EQ(tavrix_jrpc_create_response(nullptr, value, 0, nullptr), nullptr);
-    EXPECT_EQ(tavrix_jrpc_create_response(value, nullptr, 0, nullptr), nullptr);
-    EXPECT_EQ(tavrix_jrpc_create_response(value, value, -1, nullptr), nullptr);
-    EXPECT_EQ(tavrix_jrpc_create_response(value, value, 32, nullptr), nullptr);
+    EXPECT_EQ(tavrix_jrpc_create_response(nullptr, value.get(), 0, nullptr), nullptr);
+    EXPECT_EQ(tavrix_jrpc_create_response(value.get(), nullptr, 0, nullptr), nullptr);
+    EXPECT_EQ(tavrix_jrpc_create_response(value.get(), value.get(), -1, nullptr), nullptr);
+    EXPECT_EQ(tavrix_jrpc_create_response(value.get(), value.get(), 32, nullptr), nullptr);
     EXPECT_EQ(log.sequence(), (std::vector<std::string>{
                                   "ERROR|tavrix_jrpc_create_response: NULL pointer!",
                                   "ERROR|tavrix_jrpc_create_response: NULL pointer!",
                                   "ERROR|tavrix_jrpc_create_response: Invalid Indent Number",
                                   "ERROR|tavrix_jrpc_create_response: Invalid Indent Number",
                               }));
-    json_decref(value);
 }
 
 TEST(CreateResponse, IndentsFrom0To31) {
-    json_t *value = json_integer(1);
-    EXPECT_EQ(taken(tavrix_jrpc_create_response(value, value, 31, nullptr)).find("{\n" + std::string(31, ' ') + "\""),
+    const Json value(json_integer(1));
+    EXPECT_EQ(taken(tavrix_jrpc_create_response(value.get(), value.get(), 31, nullptr))
+                  .find("{\n" + std::string(31, ' ') + "\""),
               0U);
-    EXPECT_EQ(taken(tavrix_jrpc_create_response(value, value, 0, nullptr)).find('\n'), std::string::npos);
-    json_decref(value);
+    EXPECT_EQ(taken(tavrix_jrpc_create_response(value.get(), value.get(), 0, nullptr)).find('\n'), std::string::npos);
 }
 
 TEST(CreateResponse, ReportsWhatCannotBeRendered) {
-    json_t *value = json_integer(1);
-    json_t *loop = json_array();
+    const Json value(json_integer(1));
+    const Json loop(json_array());
     json_t *inner = json_array();
-    json_array_append_new(loop, inner);
-    json_array_append(inner, loop); // a circle has no text
+    json_array_append_new(loop.get(), inner);
+    json_array_append(inner, loop.get()); // a circle has no text
     const LogCapture log("info");
-    EXPECT_EQ(tavrix_jrpc_create_response(loop, value, 0, nullptr), nullptr);
-    EXPECT_EQ(tavrix_jrpc_create_error(-32001, value, loop, 0, nullptr), nullptr);
+    EXPECT_EQ(tavrix_jrpc_create_response(loop.get(), value.get(), 0, nullptr), nullptr);
+    EXPECT_EQ(tavrix_jrpc_create_error(-32001, value.get(), loop.get(), 0, nullptr), nullptr);
     EXPECT_EQ(log.sequence(), (std::vector<std::string>{
                                   "ERROR|tavrix_jrpc_create_response: Failed to create JRPC response",
                                   "ERROR|tavrix_jrpc_create_error: Failed to create JRPC response",
                               }));
     json_array_clear(inner);
-    json_decref(loop);
-    json_decref(value);
 }
 
 TEST(CreateError, IndentsUpTo31) {
-    json_t *id = json_integer(1);
-    EXPECT_EQ(
-        taken(tavrix_jrpc_create_error(-32001, id, nullptr, 31, nullptr)).find("{\n" + std::string(31, ' ') + "\""),
-        0U);
-    json_decref(id);
+    const Json id(json_integer(1));
+    EXPECT_EQ(taken(tavrix_jrpc_create_error(-32001, id.get(), nullptr, 31, nullptr))
+                  .find("{\n" + std::string(31, ' ') + "\""),
+              0U);
 }
 
 TEST(CreateError, CarriesCodeMessageAndData) {
-    json_t *id = json_string("m");
-    json_t *data = json_pack("[i]", 1);
+    const Json id(json_string("m"));
+    const Json data(json_pack("[i]", 1));
     expect_json(
-        taken(tavrix_jrpc_create_error(-32003, id, data, 0, nullptr)),
+        taken(tavrix_jrpc_create_error(-32003, id.get(), data.get(), 0, nullptr)),
         R"({"jsonrpc":"2.0","id":"m","error":{"code":-32003,"data":[1],"message":)"
         R"("This feature is not supported in this version, or the API may be incorrectly formed.  Please check the API documentation for further details."}})");
     expect_json(
-        taken(tavrix_jrpc_create_error(-32700, id, nullptr, 0, data)),
+        taken(tavrix_jrpc_create_error(-32700, id.get(), nullptr, 0, data.get())),
         R"({"jsonrpc":"2.0","id":"m","transaction_id":[1],"error":{"code":-32700,"message":"Parse error","data":null}})");
     EXPECT_EQ(id->refcount, 1U);
     EXPECT_EQ(data->refcount, 1U);
-    json_decref(id);
-    json_decref(data);
 }
 
 TEST(CreateError, FallsBackForACodeWithoutMessage) {
-    json_t *id = json_string("m");
-    expect_json(taken(tavrix_jrpc_create_error(0, id, nullptr, 0, nullptr)),
+    const Json id(json_string("m"));
+    expect_json(taken(tavrix_jrpc_create_error(0, id.get(), nullptr, 0, nullptr)),
                 R"({"jsonrpc":"2.0","id":"m","error":{"code":0,"message":"Unknown Error","data":null}})");
-    json_decref(id);
 }
 
 TEST(CreateError, RefusesNullAndBadIndentAtDebugLevel) {
-    json_t *id = json_string("m");
+    const Json id(json_string("m"));
     const LogCapture log("debug");
     EXPECT_EQ(tavrix_jrpc_create_error(-32001, nullptr, nullptr, 0, nullptr), nullptr);
-    EXPECT_EQ(tavrix_jrpc_create_error(-32001, id, nullptr, -1, nullptr), nullptr);
-    EXPECT_EQ(tavrix_jrpc_create_error(-32001, id, nullptr, 32, nullptr), nullptr);
+    EXPECT_EQ(tavrix_jrpc_create_error(-32001, id.get(), nullptr, -1, nullptr), nullptr);
+    EXPECT_EQ(tavrix_jrpc_create_error(-32001, id.get(), nullptr, 32, nullptr), nullptr);
     EXPECT_EQ(log.sequence(), (std::vector<std::string>{
                                   "DEBUG|[tavrix_jrpc_create_error]: NULL pointer!",
                                   "DEBUG|[tavrix_jrpc_create_error]: Invalid indent -1!",
                                   "DEBUG|[tavrix_jrpc_create_error]: Invalid indent 32!",
                               }));
-    json_decref(id);
 }
 
 TEST(CreateError, ShowsItsTextAtErrorLevel) {
-    json_t *id = json_string("m");
+    const Json id(json_string("m"));
     const LogCapture log("info");
-    const std::string text = taken(tavrix_jrpc_create_error(-32001, id, nullptr, 0, nullptr));
+    const std::string text = taken(tavrix_jrpc_create_error(-32001, id.get(), nullptr, 0, nullptr));
     EXPECT_EQ(log.sequence(), std::vector<std::string>{"ERROR|JSON Response: " + text});
-    json_decref(id);
 }

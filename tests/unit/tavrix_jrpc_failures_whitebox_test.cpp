@@ -13,6 +13,7 @@
 #include "internal/tavrix_jrpc_seam.h"
 #include "support/bus.h"
 #include "support/faults.h"
+#include "support/json.h"
 #include "support/log_capture.h"
 #include "support/stream.h"
 #include "tavrix_error.h"
@@ -21,6 +22,7 @@
 
 using fault::Failing;
 using support::BusSocket;
+using support::Json;
 using support::LogCapture;
 
 namespace {
@@ -43,9 +45,7 @@ Answer evaluate(const char *method) {
     const std::string request =
         std::string(R"({"jsonrpc":"2.0","id":1,"transaction_id":2,"method":")") + method + "\"}";
     const int rc = tavrix_jrpc_eval_request(request.c_str(), table, &text);
-    const std::string copy = text != nullptr ? text : "(null)";
-    free(text);
-    return {rc, copy};
+    return {rc, support::taken(text)};
 }
 
 /** The lines as "TAG|message", each message whole. */
@@ -80,9 +80,9 @@ TEST(EvaluateFailures, TurnAResponseThatCannotBeBuiltIntoAnInternalError) {
 }
 
 TEST(CreateResponseFailures, AreReportedForOneLineAsForSeveral) {
-    json_t *result = json_true();
-    json_t *id = json_string("x.Ok");
-    json_t *transaction_id = json_integer(2);
+    const Json result(json_true());
+    const Json id(json_string("x.Ok"));
+    const Json transaction_id(json_integer(2));
     const struct {
         const char *function;
         int indent;
@@ -95,27 +95,25 @@ TEST(CreateResponseFailures, AreReportedForOneLineAsForSeveral) {
     for (const auto &row : rows) {
         const LogCapture log("info");
         const Failing once(row.function);
-        EXPECT_EQ(tavrix_jrpc_create_response(result, id, row.indent, transaction_id), nullptr) << row.function;
+        EXPECT_EQ(tavrix_jrpc_create_response(result.get(), id.get(), row.indent, transaction_id.get()), nullptr)
+            << row.function;
         EXPECT_EQ(messages(log), row.transaction_line
                                      ? (std::vector<std::string>{std::string("ERROR|") + no_transaction,
                                                                  "ERROR|" + std::string(no_response)})
                                      : (std::vector<std::string>{std::string("ERROR|") + no_response}));
     }
-    json_decref(transaction_id);
-    json_decref(id);
-    json_decref(result);
 }
 
 /** Results of growing length, so that each place of the text once is the one for which there is no more memory. */
 TEST(CreateResponseFailures, TellWhenThereIsNoRoomForTheTransactionId) {
-    json_t *id = json_string("x.Ok");
-    json_t *transaction_id = json_integer(2);
+    const Json id(json_string("x.Ok"));
+    const Json transaction_id(json_integer(2));
     int without_room = 0;
     for (size_t length = 0; length < 300; ++length) {
-        json_t *result = json_string(std::string(length, 'r').c_str());
+        const Json result(json_string(std::string(length, 'r').c_str()));
         const LogCapture log("info");
         const Failing second("realloc", 2);
-        char *text = tavrix_jrpc_create_response(result, id, 0, transaction_id);
+        char *text = tavrix_jrpc_create_response(result.get(), id.get(), 0, transaction_id.get());
         if (text == nullptr) {
             const std::vector<std::string> lines = messages(log);
             ASSERT_FALSE(lines.empty());
@@ -124,11 +122,8 @@ TEST(CreateResponseFailures, TellWhenThereIsNoRoomForTheTransactionId) {
             without_room += lines.front() == std::string("ERROR|") + no_transaction ? 1 : 0;
         }
         free(text);
-        json_decref(result);
     }
     EXPECT_EQ(without_room, static_cast<int>(strlen(R"(,"transaction_id":)")));
-    json_decref(transaction_id);
-    json_decref(id);
 }
 
 TEST(EvaluateFailures, AnswerUnknownErrorWhenNotEvenZeroCanBeMade) {
@@ -216,10 +211,10 @@ TEST(NotificationWaitFailures, ReportATimeOutThatCannotBeLifted) {
 TEST(NotificationWaitFailures, OnlyLogATimeOutThatCannotBeRestored) {
     support::BusPair bus("ev");
     bus.publish(R"(ev|{"jsonrpc":"2.0","method":"x"})");
-    json_t *out = nullptr;
+    Json out;
     const LogCapture log("debug");
     const Failing second("tavrix_mq_socket_set_timeout", 2);
-    EXPECT_EQ(tavrix_jrpc_mq_sub_for_notifcation(bus.sub.number, "x", &out), 0);
+    EXPECT_EQ(tavrix_jrpc_mq_sub_for_notifcation(bus.sub.number, "x", into(out)), 0);
     const std::vector<std::string> lines = log.sequence();
     ASSERT_GE(lines.size(), 2U);
     EXPECT_EQ(std::vector<std::string>(lines.end() - 2, lines.end()),
@@ -227,7 +222,6 @@ TEST(NotificationWaitFailures, OnlyLogATimeOutThatCannotBeRestored) {
                   "DEBUG|[tavrix_jrpc_mq_sub_for_notifcation]: Error mq_socket_set_timeout for sub, rc = -1",
                   R"(DEBUG|[tavrix_jrpc_mq_sub_for_notifcation] JSON Out: {"jsonrpc": "2.0", "method": "x"})",
               }));
-    json_decref(out);
 }
 
 TEST(NotificationWaitFailures, OnlyLogATimeOutThatCannotBeRestoredWhenTheyGiveUp) {
@@ -279,26 +273,24 @@ TEST_P(RouterFailures, AreReportedOnBothPaths) {
     EXPECT_EQ(request, nullptr);
     EXPECT_STREQ(channel, "3a6f8f51-502f-4238-9638-29764ff1a8a4") << "stored before the failing step";
     free(channel);
-    json_t *object = json_loads(R"({"method":"p","id":1})", 0, nullptr);
+    const Json object(json_loads(R"({"method":"p","id":1})", 0, nullptr));
     const BusSocket pub(TAVRIX_SP_PUB);
     {
         const Failing once(GetParam().function);
-        EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&pub.number, object), TAVRIX_ERR_GENERAL);
+        EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&pub.number, object.get()), TAVRIX_ERR_GENERAL);
     }
-    json_decref(object);
     for (const char *function : {"tavrix_jrpc_router_process_msg", "tavrix_jrpc_router_mq_dispatch_request"}) {
         EXPECT_TRUE(log.has(support::debug, unit, std::string("[") + function + "]: " + GetParam().words + "\n"));
     }
 }
 
 TEST(RouterFailure, WithoutAServiceChannelIsReportedOnTheSplitPath) {
-    json_t *object = json_loads(R"({"method":"p","id":1})", 0, nullptr);
+    const Json object(json_loads(R"({"method":"p","id":1})", 0, nullptr));
     const BusSocket pub(TAVRIX_SP_PUB);
     const LogCapture log("debug");
     const Failing once("strdup");
-    EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&pub.number, object), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&pub.number, object.get()), TAVRIX_ERR_GENERAL);
     EXPECT_TRUE(log.has(support::debug, unit, "[tavrix_jrpc_router_mq_dispatch_request]: No JSON uuid\n"));
-    json_decref(object);
 }
 
 TEST(RouterFailure, WithoutAServiceChannelIsReportedAndClosesTheClientInOneCall) {
@@ -344,7 +336,7 @@ TEST(RouterProcessMsg, RefusesNullArguments) {
 }
 
 TEST(SystemResponseFailures, GiveNull) {
-    json_t *asked = json_loads(R"({"id":"a","transaction_id":1})", 0, nullptr);
+    const Json asked(json_loads(R"({"id":"a","transaction_id":1})", 0, nullptr));
     const struct {
         const char *function;
         int call;
@@ -356,21 +348,20 @@ TEST(SystemResponseFailures, GiveNull) {
         {"json_object_set_new", 2, true},
     };
     for (const auto &row : rows) {
-        json_t *response = asked;
+        json_t *response = asked.get();
         const LogCapture log("info");
         {
             const Failing once(row.function, row.call);
-            EXPECT_EQ(tavrix_jrpc_router_create_system_lock_response(asked, &response), TAVRIX_ERR_GENERAL);
+            EXPECT_EQ(tavrix_jrpc_router_create_system_lock_response(asked.get(), &response), TAVRIX_ERR_GENERAL);
         }
         EXPECT_EQ(response, nullptr);
         EXPECT_EQ(log.has(support::error, unit, no_transaction), row.transaction_line);
         if (row.transaction_line) {
             continue;
         }
-        response = asked;
+        response = asked.get();
         const Failing once(row.function, row.call);
         EXPECT_EQ(tavrix_jrpc_router_create_system_timeout_response("a", 1, &response), TAVRIX_ERR_GENERAL);
         EXPECT_EQ(response, nullptr);
     }
-    json_decref(asked);
 }

@@ -11,9 +11,12 @@
 #include <unistd.h>
 
 #include "support/bus.h"
+#include "support/json.h"
 #include "support/log_capture.h"
 #include "tavrix_jrpc.h"
 #include "tavrix_mq.h"
+
+using support::Json;
 
 namespace {
 
@@ -97,23 +100,20 @@ TEST(Frame, IsReleasedBeforeItsRequestIsRead) {
 
 TEST(Frame, IsReleasedBeforeAReplyIsRead) {
     const int sub = 1;
-    json_t *out = nullptr;
+    Json out;
     bring(reply);
-    EXPECT_EQ(tavrix_jrpc_mq_sub_for_method(sub, "x.Serve", &out), 0);
-    json_decref(out);
+    EXPECT_EQ(tavrix_jrpc_mq_sub_for_method(sub, "x.Serve", into(out)), 0);
     EXPECT_FALSE(held);
     bring(reply);
-    EXPECT_EQ(tavrix_jrpc_router_mq_extract_response(&sub, &out), 0);
-    json_decref(out);
+    EXPECT_EQ(tavrix_jrpc_router_mq_extract_response(&sub, into(out)), 0);
     EXPECT_FALSE(held);
 }
 
 TEST(Frame, IsReleasedBeforeANotificationIsRead) {
     const support::BusSocket sub(TAVRIX_SP_SUB); // its time-out is read and put back
-    json_t *out = nullptr;
+    Json out;
     bring(notification);
-    EXPECT_EQ(tavrix_jrpc_mq_sub_for_notifcation(sub.number, "x.Serve", &out), 0);
-    json_decref(out);
+    EXPECT_EQ(tavrix_jrpc_mq_sub_for_notifcation(sub.number, "x.Serve", into(out)), 0);
     EXPECT_FALSE(held);
 }
 

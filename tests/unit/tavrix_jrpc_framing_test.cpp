@@ -9,16 +9,11 @@
 #include "tavrix_jrpc.h"
 
 using support::LogCapture;
+using support::taken;
 
 namespace {
 
 constexpr char unit[] = "tavrix_jrpc";
-
-std::string taken(char *text) {
-    const std::string copy = text != nullptr ? text : "(null)";
-    free(text);
-    return copy;
-}
 
 struct Split {
     int rc;

@@ -8,12 +8,14 @@
 #include "internal/tavrix_jrpc_seam.h"
 #include "support/bus.h"
 #include "support/faults.h"
+#include "support/json.h"
 #include "support/log_capture.h"
 #include "tavrix_error.h"
 #include "tavrix_jrpc.h"
 #include "tavrix_mq.h"
 
 using fault::Failing;
+using support::Json;
 
 namespace {
 
@@ -51,36 +53,34 @@ TEST(Rendering, OfARoutedRequestHappensOnceBelowVerboseLevel) {
     const support::BusSocket pub(TAVRIX_SP_PUB);
     for (const char *level : {"info", "verbose"}) {
         const support::LogCapture log(level);
-        json_t *request = json_pack("{s:s, s:i}", "method", "ports.Get", "id", 1);
+        const Json request(json_pack("{s:s, s:i}", "method", "ports.Get", "id", 1));
         const Failing none("json_dumps", 0);
-        EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&pub.number, request), 0);
+        EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&pub.number, request.get()), 0);
         EXPECT_EQ(none.calls(), std::string(level) == "verbose" ? 2 : 1) << "one goes onto the bus";
-        json_decref(request);
     }
 }
 
 TEST(Rendering, OfARoutedRequestThatHasNoneIsNotTriedBelowVerboseLevel) {
     const support::BusSocket pub(TAVRIX_SP_PUB);
     for (const char *text : {"\xff", "\x80"}) {
-        json_t *request =
-            json_pack("{s:s, s:i, s:o}", "method", "ports.Get", "id", 1, "name", json_string_nocheck(text));
+        const Json request(
+            json_pack("{s:s, s:i, s:o}", "method", "ports.Get", "id", 1, "name", json_string_nocheck(text)));
         for (const char *level : {"off", "info", "debug"}) {
             const support::LogCapture log(level);
             const Failing none("json_dumps", 0);
-            EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&pub.number, request), TAVRIX_ERR_GENERAL);
+            EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&pub.number, request.get()), TAVRIX_ERR_GENERAL);
             EXPECT_EQ(none.calls(), 0) << level;
         }
-        json_decref(request);
     }
 }
 
 TEST(Rendering, OfARoutedRequestThatFailsIsReported) {
     const support::BusSocket pub(TAVRIX_SP_PUB);
-    json_t *request = json_pack("{s:s, s:i}", "method", "ports.Get", "id", 1);
+    const Json request(json_pack("{s:s, s:i}", "method", "ports.Get", "id", 1));
     const Failing ever("json_dumps", 1, ENOMEM, Failing::always);
     {
         const support::LogCapture log("verbose");
-        EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&pub.number, request), TAVRIX_ERR_GENERAL);
+        EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&pub.number, request.get()), TAVRIX_ERR_GENERAL);
         EXPECT_TRUE(log.has(support::debug, "tavrix_jrpc",
                             "[tavrix_jrpc_router_mq_dispatch_request]: Cannot print JSON message\n"));
         char *text = nullptr;
@@ -94,12 +94,11 @@ TEST(Rendering, OfARoutedRequestThatFailsIsReported) {
     }
     {
         const support::LogCapture log("debug");
-        EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&pub.number, request), TAVRIX_ERR_GENERAL);
+        EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&pub.number, request.get()), TAVRIX_ERR_GENERAL);
         EXPECT_TRUE(log.has(support::debug, "tavrix_jrpc",
                             "[tavrix_jrpc_router_mq_dispatch_request]: Cannot re-encode JSON message\n"));
-        EXPECT_EQ(tavrix_jrpc_router_socket_dispatch_response(&pub.number, request), TAVRIX_ERR_GENERAL);
+        EXPECT_EQ(tavrix_jrpc_router_socket_dispatch_response(&pub.number, request.get()), TAVRIX_ERR_GENERAL);
         EXPECT_TRUE(log.has(support::debug, "tavrix_jrpc",
                             "[tavrix_jrpc_router_socket_dispatch_response]: Cannot decode JSON message\n"));
     }
-    json_decref(request);
 }

@@ -13,7 +13,10 @@
 #include "tavrix_mq.h"
 
 using support::BusPair;
+using support::Json;
 using support::LogCapture;
+using support::parsed;
+using support::rendered;
 using support::StreamClient;
 
 namespace {
@@ -34,25 +37,6 @@ std::string stopped_at(const std::string &text) {
 std::string line(const char *function, const std::string &words) {
     return std::string("[") + function + "]: " + words + "\n";
 }
-
-/** A JSON value that is released with its scope. */
-struct Value {
-    json_t *json = nullptr;
-    Value() = default;
-    explicit Value(const std::string &text) : json(json_loads(text.c_str(), JSON_DECODE_ANY, nullptr)) {
-        EXPECT_NE(json, nullptr) << text;
-    }
-    Value(const Value &) = delete;
-    Value &operator=(const Value &) = delete;
-    ~Value() { json_decref(json); }
-
-    std::string text() const {
-        char *rendering = json != nullptr ? json_dumps(json, JSON_COMPACT | JSON_ENCODE_ANY) : nullptr;
-        const std::string copy = rendering != nullptr ? rendering : "(null)";
-        free(rendering);
-        return copy;
-    }
-};
 
 /** The router's two sides: a listener for clients, a bus to the services, a bus back. */
 class Router : public testing::Test {
@@ -79,7 +63,7 @@ class Router : public testing::Test {
         return stream;
     }
     int take_in_one_call() { return tavrix_jrpc_router_socket_to_mq(&listener, &bus.pub.number, &client); }
-    int extract(Value *out) { return tavrix_jrpc_router_socket_extract_request(&listener, &client, &out->json); }
+    int extract(Json *out) { return tavrix_jrpc_router_socket_extract_request(&listener, &client, into(*out)); }
 
     BusPair bus;
     BusPair replies;
@@ -133,14 +117,14 @@ TEST_F(Router, ReadsAtMost8192Bytes) {
 }
 
 TEST_F(Router, ReadsAtMost8192BytesOnTheSplitPath) {
-    Value value;
+    Json value;
     const StreamClient exact = connect(padded_to(8192));
     EXPECT_EQ(extract(&value), 0);
     close_client();
-    Value nothing;
+    Json nothing;
     const StreamClient cut = connect(std::string(8192 - sizeof request + 2, ' ') + request); // ends at byte 8193
     EXPECT_EQ(extract(&nothing), TAVRIX_ERR_GENERAL);
-    EXPECT_EQ(nothing.json, nullptr);
+    EXPECT_EQ(nothing, nullptr);
 }
 
 struct Refusal {
@@ -206,7 +190,7 @@ TEST_F(Router, RefusesDuplicateKeys) {
     for (int path = 0; path < 2; ++path) {
         const std::string twice = R"({"method":"p","id":1,"id":2})";
         const StreamClient asking = connect(twice);
-        Value value;
+        Json value;
         const LogCapture log("debug");
         EXPECT_EQ(path == 0 ? take_in_one_call() : extract(&value), TAVRIX_ERR_GENERAL);
         EXPECT_EQ(log.first(),
@@ -217,7 +201,7 @@ TEST_F(Router, RefusesDuplicateKeys) {
 
 TEST_F(Router, TakesARequestOfOneByteForOneThatIsNoJson) {
     const StreamClient asking = connect("{");
-    Value value;
+    Json value;
     const LogCapture log("debug");
     EXPECT_EQ(extract(&value), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(log.first(), support::whole(support::debug, line(extracting, stopped_at("{"))));
@@ -241,7 +225,7 @@ TEST_F(Router, ReportsThatItCannotPublish) {
 
 TEST_F(Router, PassesTheAcceptsStatusOn) {
     EXPECT_EQ(take_in_one_call(), TAVRIX_ERR_GENERAL);
-    Value value;
+    Json value;
     const LogCapture log("debug");
     EXPECT_EQ(extract(&value), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(log.sequence(), std::vector<std::string>{
@@ -249,26 +233,27 @@ TEST_F(Router, PassesTheAcceptsStatusOn) {
 }
 
 TEST_F(Router, RefusesNullArguments) {
-    Value value("{}");
+    const Json value = parsed("{}");
+    json_t *out = value.get();
     const LogCapture log("debug");
     EXPECT_EQ(tavrix_jrpc_router_socket_to_mq(nullptr, &bus.pub.number, &client), TAVRIX_ERR_NULL_INPUT);
     EXPECT_EQ(tavrix_jrpc_router_socket_to_mq(&listener, nullptr, &client), TAVRIX_ERR_NULL_INPUT);
     EXPECT_EQ(tavrix_jrpc_router_socket_to_mq(&listener, &bus.pub.number, nullptr), TAVRIX_ERR_NULL_INPUT);
     EXPECT_EQ(log.count(support::debug, unit, line(one_call, "NULL pointer!")), 3);
-    EXPECT_EQ(tavrix_jrpc_router_socket_extract_request(nullptr, &client, &value.json), TAVRIX_ERR_GENERAL);
-    EXPECT_EQ(tavrix_jrpc_router_socket_extract_request(&listener, nullptr, &value.json), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(tavrix_jrpc_router_socket_extract_request(nullptr, &client, &out), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(tavrix_jrpc_router_socket_extract_request(&listener, nullptr, &out), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(tavrix_jrpc_router_socket_extract_request(&listener, &client, nullptr), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(log.count(support::debug, unit, line(extracting, "NULL pointer!")), 3);
-    EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(nullptr, value.json), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(nullptr, value.get()), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&bus.pub.number, nullptr), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(log.count(support::debug, unit, line(dispatching, "NULL pointer!")), 2);
     EXPECT_EQ(tavrix_jrpc_router_mq_to_socket(nullptr, &client), TAVRIX_ERR_NULL_INPUT);
     EXPECT_EQ(tavrix_jrpc_router_mq_to_socket(&bus.sub.number, nullptr), TAVRIX_ERR_NULL_INPUT);
     EXPECT_EQ(log.count(support::debug, unit, line(answering, "Null Pointer!")), 2);
-    EXPECT_EQ(tavrix_jrpc_router_mq_extract_response(nullptr, &value.json), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(tavrix_jrpc_router_mq_extract_response(nullptr, &out), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(tavrix_jrpc_router_mq_extract_response(&bus.sub.number, nullptr), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(log.count(support::debug, unit, line(receiving, "NULL pointer!")), 2);
-    EXPECT_EQ(tavrix_jrpc_router_socket_dispatch_response(nullptr, value.json), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(tavrix_jrpc_router_socket_dispatch_response(nullptr, value.get()), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(tavrix_jrpc_router_socket_dispatch_response(&client, nullptr), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(log.count(support::debug, unit, line(sending, "NULL pointer!")), 2);
 }
@@ -294,9 +279,9 @@ TEST_F(Router, ShowsARequestAtVerboseLevel) {
 TEST_F(Router, ExtractsARequestWithoutLookingAtIt) {
     for (const char *text : {request, "{}", R"({"method":5})"}) {
         const StreamClient asking = connect(std::string(text) + "\nmore");
-        Value value;
+        Json value;
         EXPECT_EQ(extract(&value), 0);
-        EXPECT_EQ(value.text(), text);
+        EXPECT_EQ(rendered(value.get()), text);
         EXPECT_GE(client, 0);
         close_client();
     }
@@ -310,10 +295,10 @@ TEST_F(Router, LeavesTheClientOpenWhenItRefusesOnTheSplitPath) {
         {"[]", "Invalid JSON message"}, {"\"x\"", "Invalid JSON message"}, {"nonsense", stopped_at("nonsense")}};
     for (const auto &row : rows) {
         StreamClient asking = connect(row.text);
-        Value value;
+        Json value;
         const LogCapture log("debug");
         EXPECT_EQ(extract(&value), TAVRIX_ERR_GENERAL) << row.text;
-        EXPECT_EQ(value.json, nullptr);
+        EXPECT_EQ(value, nullptr);
         EXPECT_TRUE(log.has(support::debug, unit, line(extracting, row.words))) << log.text();
         ASSERT_GE(client, 0);
         EXPECT_EQ(send(client, "answer", 6, 0), 6);
@@ -325,7 +310,7 @@ TEST_F(Router, LeavesTheClientOpenWhenItRefusesOnTheSplitPath) {
 TEST_F(Router, LeavesASilentClientOpenOnTheSplitPath) {
     StreamClient gone = connect("");
     gone.close();
-    Value value;
+    Json value;
     const LogCapture log("debug");
     EXPECT_EQ(extract(&value), TAVRIX_ERR_GENERAL);
     EXPECT_TRUE(log.has(support::debug, unit, line(extracting, "Failed socket_recv, readsize = 0")));
@@ -333,21 +318,21 @@ TEST_F(Router, LeavesASilentClientOpenOnTheSplitPath) {
 }
 
 TEST_F(Router, DispatchesAnObjectInPlace) {
-    Value value(request);
+    const Json value = parsed(request);
     const LogCapture log("debug");
-    ASSERT_EQ(tavrix_jrpc_router_mq_dispatch_request(&bus.pub.number, value.json), 0);
+    ASSERT_EQ(tavrix_jrpc_router_mq_dispatch_request(&bus.pub.number, value.get()), 0);
     EXPECT_EQ(bus.receive(), std::string(first_channel) + "|" + on_bus);
-    EXPECT_EQ(value.text(), on_bus) << "the caller's object carries the channel now";
+    EXPECT_EQ(rendered(value.get()), on_bus) << "the caller's object carries the channel now";
     EXPECT_TRUE(log.has(support::debug, unit, line(dispatching, "Sending response over mq_pub ...")));
 }
 
 TEST_P(RouterRefuses, OnTheSplitPath) {
-    Value value(GetParam().request);
-    if (!json_is_object(value.json)) {
+    const Json value = parsed(GetParam().request);
+    if (!json_is_object(value.get())) {
         return; // refused by the extraction already
     }
     const LogCapture log("debug");
-    EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&bus.pub.number, value.json), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&bus.pub.number, value.get()), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(log.last(), support::whole(support::debug, line(dispatching, GetParam().words)));
 }
 
@@ -357,9 +342,9 @@ TEST_F(Router, RefusesToDispatchWhatIsNoObject) {
         const char *words;
     } rows[] = {{"\"x\"", "Cannot print JSON message"}, {"7", "Cannot print JSON message"}, {"[]", "No JSON method"}};
     for (const auto &row : rows) {
-        Value value(row.text);
+        const Json value = parsed(row.text);
         const LogCapture log("debug");
-        EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&bus.pub.number, value.json), TAVRIX_ERR_GENERAL);
+        EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&bus.pub.number, value.get()), TAVRIX_ERR_GENERAL);
         EXPECT_EQ(log.last(), support::whole(support::debug, line(dispatching, row.words))) << row.text;
     }
 }
@@ -445,24 +430,24 @@ std::vector<std::pair<std::string, const json_t *>> members(json_t *object) {
 } // namespace
 
 TEST_P(RouterDispatchRefuses, BeforeAnythingElseAtEveryLevel) {
-    const Value value(request);
-    GetParam().spoil(value.json);
-    const auto before = members(value.json);
+    const Json value = parsed(request);
+    GetParam().spoil(value.get());
+    const auto before = members(value.get());
     for (const char *level : {"off", "info", "debug", "verbose"}) {
         const LogCapture log(level);
-        EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&bus.pub.number, value.json), TAVRIX_ERR_GENERAL) << level;
+        EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&bus.pub.number, value.get()), TAVRIX_ERR_GENERAL) << level;
         const bool told = std::string(level) == "debug" || std::string(level) == "verbose";
         EXPECT_EQ(log.count(support::debug, unit, line(dispatching, "Cannot print JSON message")), told ? 1 : 0);
         EXPECT_EQ(log.lines().size(), told ? 1U : 0U) << log.text();
-        EXPECT_EQ(members(value.json), before) << level;
+        EXPECT_EQ(members(value.get()), before) << level;
     }
     EXPECT_EQ(bus.receive(), "(nothing)");
-    end_loop(value.json);
-    json_object_del(value.json, "params"); // where an object holds itself
+    end_loop(value.get());
+    json_object_del(value.get(), "params"); // where an object holds itself
 }
 
 TEST_F(Router, DispatchesWhatOnlyLooksUnprintable) {
-    json_t *shared = json_pack("{s:[]}", "list");
+    const Json shared(json_pack("{s:[]}", "list"));
     json_t *deep = json_array();
     json_t *bottom = deep;
     for (int depth = 0; depth < 1000; ++depth) {
@@ -470,33 +455,31 @@ TEST_F(Router, DispatchesWhatOnlyLooksUnprintable) {
         json_array_append_new(bottom, next);
         bottom = next;
     }
-    const Value plain(request);
-    json_object_set_new(plain.json, "\xc3\xbc",
-                        json_pack("{s:O, s:[O, [O]], s:s, s:o}", "once", shared, "again", shared, shared, "text",
-                                  "\xe2\x82\xac", "deep", deep));
-    json_object_set_new(plain.json, "nul", json_stringn("a\0\xc3\xbc", 4));
-    json_decref(shared);
+    const Json plain = parsed(request);
+    json_object_set_new(plain.get(), "\xc3\xbc",
+                        json_pack("{s:O, s:[O, [O]], s:s, s:o}", "once", shared.get(), "again", shared.get(),
+                                  shared.get(), "text", "\xe2\x82\xac", "deep", deep));
+    json_object_set_new(plain.get(), "nul", json_stringn("a\0\xc3\xbc", 4));
     for (const char *level : {"info", "verbose"}) {
-        Value value;
-        value.json = json_copy(plain.json); // the members stay shared
+        const Json value(json_copy(plain.get())); // the members stay shared
         const LogCapture log(level);
-        EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&bus.pub.number, value.json), 0) << level;
+        EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&bus.pub.number, value.get()), 0) << level;
         EXPECT_NE(bus.receive().find(R"("text":"\u20AC")"), std::string::npos) << level;
     }
 }
 
 TEST_F(Router, ReportsADispatchThatCannotBePublished) {
-    Value value(request);
+    const Json value = parsed(request);
     const int closed = 9999;
     const LogCapture log("debug");
-    EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&closed, value.json), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&closed, value.get()), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(log.last(), support::whole(support::debug, line(dispatching, "Error mq_pub, rc = -1")));
 }
 
 TEST_F(Router, ShowsADispatchedRequestUnderItsOwnName) {
-    Value value(R"({"method":"ports.Get","id":"mine"})");
+    const Json value = parsed(R"({"method":"ports.Get","id":"mine"})");
     const LogCapture log("verbose");
-    ASSERT_EQ(tavrix_jrpc_router_mq_dispatch_request(&bus.pub.number, value.json), 0);
+    ASSERT_EQ(tavrix_jrpc_router_mq_dispatch_request(&bus.pub.number, value.get()), 0);
     EXPECT_TRUE(log.has(support::verbose, unit,
                         line(dispatching, "[Recv]: {\n    \"method\": \"ports.Get\",\n    \"id\": \"mine\"\n}")));
     EXPECT_TRUE(log.has(support::verbose, unit, line(dispatching, "JSON Method: ports.Get")));
@@ -586,10 +569,10 @@ TEST_F(Router, ReportsAClientThatHasGone) {
 
 TEST_F(Router, ExtractsAReplyAsAnObject) {
     replies.publish(std::string(reply_channel) + "|" + reply_text);
-    Value value;
+    Json value;
     const LogCapture log("verbose");
-    EXPECT_EQ(tavrix_jrpc_router_mq_extract_response(&replies.sub.number, &value.json), 0);
-    EXPECT_EQ(value.text(), R"({"jsonrpc":"2.0","id":"ports.Get","result":"a|b"})");
+    EXPECT_EQ(tavrix_jrpc_router_mq_extract_response(&replies.sub.number, into(value)), 0);
+    EXPECT_EQ(rendered(value.get()), R"({"jsonrpc":"2.0","id":"ports.Get","result":"a|b"})");
     EXPECT_TRUE(log.has(support::verbose, unit, line(receiving, "waiting to receive...")));
     EXPECT_TRUE(log.has(support::verbose, unit, line(receiving, std::string("Recv: ") + reply_text)));
 }
@@ -602,33 +585,33 @@ TEST_F(Router, RefusesRepliesThatAreNoObjects) {
         {"|[]", "Invalid JSON message"}, {"|nonsense", stopped_at("nonsense")}, {"", "Error parse_msg, rc = -1"}};
     for (const auto &row : rows) {
         replies.publish(std::string(reply_channel) + row.frame);
-        Value value;
+        Json value;
         const LogCapture log("debug");
-        EXPECT_EQ(tavrix_jrpc_router_mq_extract_response(&replies.sub.number, &value.json), TAVRIX_ERR_GENERAL);
-        EXPECT_EQ(value.json, nullptr);
+        EXPECT_EQ(tavrix_jrpc_router_mq_extract_response(&replies.sub.number, into(value)), TAVRIX_ERR_GENERAL);
+        EXPECT_EQ(value, nullptr);
         EXPECT_TRUE(log.has(support::debug, unit, line(receiving, row.words))) << log.text();
     }
 }
 
 TEST_F(Router, LetsTheTimeOutSurfaceOnTheSplitPath) {
-    Value value;
+    Json value;
     const LogCapture log("debug");
-    EXPECT_EQ(tavrix_jrpc_router_mq_extract_response(&replies.sub.number, &value.json), TAVRIX_ERR_MQ_TIMEOUT);
+    EXPECT_EQ(tavrix_jrpc_router_mq_extract_response(&replies.sub.number, into(value)), TAVRIX_ERR_MQ_TIMEOUT);
     EXPECT_TRUE(log.has(support::debug, unit, line(receiving, "Failed mq_socket_recv, rc = -46")));
 }
 
 TEST_F(Router, RefusesAnEmptyMessageOnTheSplitPath) {
     BusPair everything("", 2000);
     everything.publish("");
-    Value value;
-    EXPECT_EQ(tavrix_jrpc_router_mq_extract_response(&everything.sub.number, &value.json), TAVRIX_ERR_GENERAL);
+    Json value;
+    EXPECT_EQ(tavrix_jrpc_router_mq_extract_response(&everything.sub.number, into(value)), TAVRIX_ERR_GENERAL);
 }
 
 TEST_F(Router, SendsAnObjectCompactAndEscapedAndKeepsTheClientOpen) {
     Answered pair;
-    Value value("{\"id\": \"\xc3\xbc\"}");
+    const Json value = parsed("{\"id\": \"\xc3\xbc\"}");
     const LogCapture log("verbose");
-    EXPECT_EQ(tavrix_jrpc_router_socket_dispatch_response(&pair.router_side, value.json), 0);
+    EXPECT_EQ(tavrix_jrpc_router_socket_dispatch_response(&pair.router_side, value.get()), 0);
     EXPECT_TRUE(log.has(support::verbose, unit, "JSON response sent, of string length 15\n"));
     EXPECT_TRUE(log.has(support::verbose, unit, "The JSON Request was:\n{\"id\":\"\\u00FC\"}\n"));
     EXPECT_TRUE(log.has(support::debug, unit, line(sending, "Sending response over socket ...")));
@@ -641,9 +624,9 @@ TEST_F(Router, SendsAnObjectCompactAndEscapedAndKeepsTheClientOpen) {
 TEST_F(Router, ReportsAFailedSendInTheOneCallPathsWords) {
     Answered pair;
     pair.asking.close();
-    Value value("{}");
+    const Json value = parsed("{}");
     const LogCapture log("debug");
-    EXPECT_EQ(tavrix_jrpc_router_socket_dispatch_response(&pair.router_side, value.json), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(tavrix_jrpc_router_socket_dispatch_response(&pair.router_side, value.get()), TAVRIX_ERR_GENERAL);
     EXPECT_TRUE(log.has(support::debug, unit, line(answering, "Error send, rc = -1")));
 }
 
@@ -657,9 +640,7 @@ std::string handler_params;
 
 int handle(json_t *params, json_t **result, json_t **error_data) {
     ++handler_calls;
-    char *text = params != nullptr ? json_dumps(params, JSON_COMPACT) : nullptr;
-    handler_params = text != nullptr ? text : "null";
-    free(text);
+    handler_params = params != nullptr ? rendered(params) : "null";
     *result = json_object();
     *error_data = json_object();
     return handler_rc;
@@ -674,8 +655,8 @@ const tavrix_jrpc_method notifications[] = {
     {"router.W", never}, {"router.X", handle}, {"router.X", never}, {nullptr, nullptr}};
 
 int evaluate(const std::string &text) {
-    const Value value(text);
-    return tavrix_jrpc_router_eval_notification(value.json, notifications);
+    const Json value = parsed(text);
+    return tavrix_jrpc_router_eval_notification(value.get(), notifications);
 }
 
 constexpr char evaluating[] = "tavrix_jrpc_router_eval_notification";
@@ -731,84 +712,84 @@ TEST(RouterNotification, RefusesWhatIsMalformedInThisOrder) {
 }
 
 TEST(RouterNotification, RefusesNull) {
-    const Value value("{}");
+    const Json value = parsed("{}");
     const LogCapture log("info");
     EXPECT_EQ(tavrix_jrpc_router_eval_notification(nullptr, notifications), TAVRIX_ERR_GENERAL);
-    EXPECT_EQ(tavrix_jrpc_router_eval_notification(value.json, nullptr), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(tavrix_jrpc_router_eval_notification(value.get(), nullptr), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(log.count(support::error, unit, line(evaluating, "NULL pointer!")), 2);
 }
 
 // --- System responses ---
 
 TEST(LockResponse, CarriesIdAndTransactionId) {
-    const Value asked(R"({"method":"x","id":"a","transaction_id":9})");
-    Value response;
-    ASSERT_EQ(tavrix_jrpc_router_create_system_lock_response(asked.json, &response.json), 0);
-    const Value expected(
+    const Json asked = parsed(R"({"method":"x","id":"a","transaction_id":9})");
+    Json response;
+    ASSERT_EQ(tavrix_jrpc_router_create_system_lock_response(asked.get(), into(response)), 0);
+    const Json expected = parsed(
         R"({"jsonrpc":"2.0","id":"a","transaction_id":9,"error":{"code":-32014,"message":"System is busy.","data":null}})");
-    EXPECT_TRUE(json_equal(response.json, expected.json)) << response.text();
-    EXPECT_EQ(json_object_get(response.json, "transaction_id"), json_object_get(asked.json, "transaction_id"))
+    EXPECT_TRUE(json_equal(response.get(), expected.get())) << rendered(response.get());
+    EXPECT_EQ(json_object_get(response.get(), "transaction_id"), json_object_get(asked.get(), "transaction_id"))
         << "shared";
 }
 
 TEST(LockResponse, TakesATransactionIdOfAnyType) {
     for (const char *id : {"\"t\"", "null", "1.5", "[2]"}) {
-        const Value asked(std::string(R"({"id":"a","transaction_id":)") + id + "}");
-        Value response;
-        ASSERT_EQ(tavrix_jrpc_router_create_system_lock_response(asked.json, &response.json), 0) << id;
-        EXPECT_EQ(json_object_get(response.json, "transaction_id"), json_object_get(asked.json, "transaction_id"));
+        const Json asked = parsed(std::string(R"({"id":"a","transaction_id":)") + id + "}");
+        Json response;
+        ASSERT_EQ(tavrix_jrpc_router_create_system_lock_response(asked.get(), into(response)), 0) << id;
+        EXPECT_EQ(json_object_get(response.get(), "transaction_id"), json_object_get(asked.get(), "transaction_id"));
     }
 }
 
 TEST(LockResponse, LeavesTheTransactionIdOutWhenThereIsNone) {
-    const Value asked(R"({"id":"a"})");
-    Value response;
-    ASSERT_EQ(tavrix_jrpc_router_create_system_lock_response(asked.json, &response.json), 0);
-    EXPECT_EQ(json_object_get(response.json, "transaction_id"), nullptr);
+    const Json asked = parsed(R"({"id":"a"})");
+    Json response;
+    ASSERT_EQ(tavrix_jrpc_router_create_system_lock_response(asked.get(), into(response)), 0);
+    EXPECT_EQ(json_object_get(response.get(), "transaction_id"), nullptr);
 }
 
 TEST(LockResponse, NeedsAnIdThatIsAString) {
     constexpr char locking[] = "tavrix_jrpc_router_create_system_lock_response";
     for (const char *text : {"{}", R"({"id":5})", R"({"id":null})"}) {
-        const Value asked(text);
-        const Value old("{}");
-        json_t *response = old.json;
+        const Json asked = parsed(text);
+        const Json old = parsed("{}");
+        json_t *response = old.get();
         const LogCapture log("debug");
-        EXPECT_EQ(tavrix_jrpc_router_create_system_lock_response(asked.json, &response), TAVRIX_ERR_GENERAL);
+        EXPECT_EQ(tavrix_jrpc_router_create_system_lock_response(asked.get(), &response), TAVRIX_ERR_GENERAL);
         EXPECT_EQ(response, nullptr);
         EXPECT_EQ(log.first(),
                   support::whole(support::debug,
                                  line(locking, std::string(text) == "{}" ? "No JSON id" : "Invalid JSON method")));
     }
     const LogCapture log("debug");
-    const Value asked("{}");
-    json_t *response = asked.json;
+    const Json asked = parsed("{}");
+    json_t *response = asked.get();
     EXPECT_EQ(tavrix_jrpc_router_create_system_lock_response(nullptr, &response), TAVRIX_ERR_GENERAL);
-    EXPECT_EQ(response, asked.json) << "untouched";
-    EXPECT_EQ(tavrix_jrpc_router_create_system_lock_response(asked.json, nullptr), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(response, asked.get()) << "untouched";
+    EXPECT_EQ(tavrix_jrpc_router_create_system_lock_response(asked.get(), nullptr), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(log.count(support::debug, unit, line(locking, "NULL pointer!")), 2);
 }
 
 TEST(TimeOutResponse, AlwaysCarriesATransactionId) {
     for (const int id : {0, 7, -1, INT32_MAX}) {
-        Value response;
-        ASSERT_EQ(tavrix_jrpc_router_create_system_timeout_response("b", id, &response.json), 0);
-        const Value expected(R"({"jsonrpc":"2.0","id":"b","transaction_id":)" + std::to_string(id) +
-                             R"(,"error":{"code":-32005,"message":"Command timed out","data":null}})");
-        EXPECT_TRUE(json_equal(response.json, expected.json)) << response.text();
+        Json response;
+        ASSERT_EQ(tavrix_jrpc_router_create_system_timeout_response("b", id, into(response)), 0);
+        const Json expected = parsed(R"({"jsonrpc":"2.0","id":"b","transaction_id":)" + std::to_string(id) +
+                                     R"(,"error":{"code":-32005,"message":"Command timed out","data":null}})");
+        EXPECT_TRUE(json_equal(response.get(), expected.get())) << rendered(response.get());
     }
 }
 
 TEST(TimeOutResponse, RefusesNullAndGivesNullWhenItCannotBeMade) {
-    const Value old("{}");
-    json_t *response = old.json;
+    const Json old = parsed("{}");
+    json_t *response = old.get();
     const LogCapture log("debug");
     EXPECT_EQ(tavrix_jrpc_router_create_system_timeout_response(nullptr, 0, &response), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(tavrix_jrpc_router_create_system_timeout_response("b", 0, nullptr), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(
         log.count(support::debug, unit, line("tavrix_jrpc_router_create_system_timeout_response", "NULL pointer!")), 2);
     EXPECT_EQ(response, nullptr) << "a null id too";
-    response = old.json;
+    response = old.get();
     EXPECT_EQ(tavrix_jrpc_router_create_system_timeout_response("\xff", 0, &response), TAVRIX_ERR_GENERAL)
         << "no valid UTF-8";
     EXPECT_EQ(response, nullptr);

@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include "common/handles.h"
 #include "support/faults.h"
 #include "support/json.h"
 #include "support/log_capture.h"
@@ -420,17 +421,13 @@ TEST(RetrievePortsHardware, RefusesNullArgumentsInSilence) {
 
 namespace {
 
-struct Free {
-    void operator()(void *memory) const { std::free(memory); }
-};
-
 tavrix_mac_filter *const untouched_filters = reinterpret_cast<tavrix_mac_filter *>(0x10);
 
 struct MacFilters {
     Params params;
     int rc;
     int count = -77;
-    std::unique_ptr<tavrix_mac_filter, Free> filters;
+    std::unique_ptr<tavrix_mac_filter, tavrix::FreeMemory> filters;
     bool untouched;
 
     explicit MacFilters(const std::string &json) : params(params_of("filters", json)) {

@@ -11,11 +11,13 @@
 
 #include <gtest/gtest.h>
 
+#include "support/json.h"
 #include "support/log_capture.h"
 #include "support/params.h"
 #include "tavrix_error.h"
 
 using support::Buffer;
+using support::Json;
 using support::LogCapture;
 using support::Params;
 using Lines = std::vector<std::string>;
@@ -265,14 +267,13 @@ TEST_P(Parsers, KeepTheFirstMessage) {
 
 TEST_P(Parsers, LeaveTheParametersAlone) {
     Params params(R"({"member": {}, "more": [1, "s", true]})");
-    json_t *copy = json_deep_copy(params.get());
+    const Json copy(json_deep_copy(params.get()));
     GetParam().parse(params.get(), params.debug(), "member");
     GetParam().parse(params.get(), params.debug(), "more");
-    EXPECT_TRUE(json_equal(params.get(), copy));
+    EXPECT_TRUE(json_equal(params.get(), copy.get()));
     EXPECT_EQ(params.get()->refcount, 1U);
     EXPECT_EQ(json_object_get(params.get(), "member")->refcount, 1U);
     EXPECT_EQ(json_object_get(params.get(), "more")->refcount, 1U);
-    json_decref(copy);
 }
 
 // --- Null outputs --------------------------------------------------------------------------------------------------

@@ -17,19 +17,12 @@
 
 using support::BusPair;
 using support::BusSocket;
+using support::Json;
 using support::LogCapture;
 
 namespace {
 
 constexpr char unit[] = "tavrix_jrpc";
-
-std::string compact(json_t *value) {
-    char *text = value != nullptr ? json_dumps(value, JSON_COMPACT) : nullptr;
-    const std::string copy = text != nullptr ? text : "(null)";
-    free(text);
-    json_decref(value);
-    return copy;
-}
 
 /** The line before an attempt, the last of which is number 1. */
 std::string waiting(const std::string &method, int attempt) {
@@ -82,11 +75,10 @@ struct Candidate {
 class EvalMethod : public testing::TestWithParam<Candidate> {};
 
 TEST_P(EvalMethod, Decides) {
-    json_t *out = nullptr;
+    Json out;
     const LogCapture log("debug");
-    EXPECT_EQ(tavrix_jrpc_eval_method("ports.Get", GetParam().text, &out), GetParam().rc);
+    EXPECT_EQ(tavrix_jrpc_eval_method("ports.Get", GetParam().text, into(out)), GetParam().rc);
     EXPECT_EQ(out != nullptr, GetParam().rc == 0);
-    json_decref(out);
     EXPECT_EQ(log.sequence(), GetParam().lines);
 }
 
@@ -132,11 +124,10 @@ INSTANTIATE_TEST_SUITE_P(
 class EvalNotification : public testing::TestWithParam<Candidate> {};
 
 TEST_P(EvalNotification, Decides) {
-    json_t *out = nullptr;
+    Json out;
     const LogCapture log("verbose");
-    EXPECT_EQ(tavrix_jrpc_eval_notification("events.X", GetParam().text, &out), GetParam().rc);
+    EXPECT_EQ(tavrix_jrpc_eval_notification("events.X", GetParam().text, into(out)), GetParam().rc);
     EXPECT_EQ(out != nullptr, GetParam().rc == 0);
-    json_decref(out);
     EXPECT_EQ(log.sequence(), GetParam().lines);
 }
 
@@ -241,7 +232,7 @@ TEST(ReplyWait, TakesTheReplyAndLetsOthersCostAnAttempt) {
     json_t *out = nullptr;
     const LogCapture log("debug");
     ASSERT_EQ(tavrix_jrpc_mq_sub_for_method(bus.sub.number, "ports.Get", &out), 0);
-    EXPECT_EQ(compact(out), R"({"jsonrpc":"2.0","id":"ports.Get","result":5})");
+    EXPECT_EQ(support::taken(out), R"({"jsonrpc":"2.0","id":"ports.Get","result":5})");
     for (int attempt = 60; attempt > 55; --attempt) {
         EXPECT_TRUE(log.has(support::debug, unit, waiting("ports.Get", attempt) + "\n")) << attempt;
     }
@@ -264,10 +255,9 @@ TEST(ReplyWait, RunsOutOnFramesThatDoNotMatch) {
         bus.publish(R"(me|{"jsonrpc":"2.0","id":"other"})");
     }
     bus.publish(R"(me|{"jsonrpc":"2.0","id":"anything"})");
-    json_t *out = nullptr;
-    EXPECT_EQ(tavrix_jrpc_mq_sub_for_method(bus.sub.number, "anything", &out), TAVRIX_ERR_NO_RESPONSE);
-    EXPECT_EQ(tavrix_jrpc_mq_sub_for_method(bus.sub.number, "anything", &out), 0) << "the eleventh was left";
-    json_decref(out);
+    Json out;
+    EXPECT_EQ(tavrix_jrpc_mq_sub_for_method(bus.sub.number, "anything", into(out)), TAVRIX_ERR_NO_RESPONSE);
+    EXPECT_EQ(tavrix_jrpc_mq_sub_for_method(bus.sub.number, "anything", into(out)), 0) << "the eleventh was left";
 }
 
 TEST(ReplyWait, CountsASignalAsAnAttempt) {
@@ -298,7 +288,7 @@ TEST(NotificationWait, TakesTheFifthFrameAndRestoresTheTimeOut) {
     json_t *out = nullptr;
     const LogCapture log("debug");
     ASSERT_EQ(tavrix_jrpc_mq_sub_for_notifcation(bus.sub.number, "events.X", &out), 0);
-    EXPECT_EQ(compact(out), R"({"jsonrpc":"2.0","method":"events.X","params":{"n":1}})");
+    EXPECT_EQ(support::taken(out), R"({"jsonrpc":"2.0","method":"events.X","params":{"n":1}})");
     int ms = 0;
     tavrix_mq_socket_get_timeout(bus.sub.number, &ms);
     EXPECT_EQ(ms, 700);
@@ -339,7 +329,7 @@ TEST(NotificationWait, GivesUpAfterFiveFramesAndRestoresTheTimeOut) {
 
 TEST(NotificationWait, WaitsBeyondTheSocketsOwnTimeOut) {
     BusPair bus("ev", 1);
-    json_t *out = nullptr;
+    Json out;
     std::thread late([&] {
         // Published once the wait has lifted the time-out.
         support::wait_until([&] {
@@ -349,9 +339,8 @@ TEST(NotificationWait, WaitsBeyondTheSocketsOwnTimeOut) {
         });
         bus.publish(notification);
     });
-    EXPECT_EQ(tavrix_jrpc_mq_sub_for_notifcation(bus.sub.number, "events.X", &out), 0);
+    EXPECT_EQ(tavrix_jrpc_mq_sub_for_notifcation(bus.sub.number, "events.X", into(out)), 0);
     late.join();
-    json_decref(out);
 }
 
 TEST(NotificationWait, FailsWhenTheTimeOutCannotBeRead) {

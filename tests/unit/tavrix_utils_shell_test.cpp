@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include "support/bus.h"
+#include "support/json.h"
 #include "support/log_capture.h"
 #include "support/process.h"
 #include "support/signals.h"
@@ -24,6 +25,7 @@
 
 using support::LogCapture;
 using support::StderrCapture;
+using support::taken;
 using support::write_file;
 
 namespace {
@@ -54,12 +56,6 @@ class StandIn {
     std::string path_;
     std::string name_;
 };
-
-std::string taken(char *text) {
-    const std::string copy = text != nullptr ? text : "(null)";
-    free(text);
-    return copy;
-}
 
 int board_revision(const std::string &script) {
     const StandIn tool("fw_printenv", script);

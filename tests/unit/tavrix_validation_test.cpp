@@ -4,13 +4,17 @@
 #include "tavrix_validation.h"
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <pcre.h>
 
+#include "support/fields.h"
 #include "support/log_capture.h"
 
+using support::Field;
 using support::LogCapture;
 using Lines = std::vector<std::string>;
 
@@ -18,277 +22,169 @@ namespace {
 
 constexpr char unit[] = "tavrix_validation";
 
-constexpr int no_match = TAVRIX_INVALID_NO_MATCH;
-constexpr int too_long = TAVRIX_INVALID_TOO_LONG;
-constexpr int too_short = TAVRIX_INVALID_TOO_SHORT;
+struct FreePattern {
+    void operator()(pcre *pattern) const { pcre_free(pattern); }
+};
 
 // --- Pattern fields ------------------------------------------------------------------------------------------------
 
-/** A value and its verdict. */
-struct Example {
-    std::string value;
-    int rc;
-};
-
 struct PatternField {
-    const char *name;
-    int (*validate)(const char *);
-    const char *label;
+    const char *name;         ///< in the tests' table of fields
     const char *announcement; ///< before the value; null when the field announces nothing
     int min_length;
     int max_length; ///< 0: no bounds
-    const char *pattern;
-    std::vector<Example> examples;
+    Lines accepted;
+    Lines refused; ///< by the bounds when they do not fit in, else by the pattern
+
+    const Field &field() const { return support::field(name); }
+    bool is_too_short(const std::string &value) const { return static_cast<int>(value.size()) < min_length; }
+    bool is_too_long(const std::string &value) const {
+        return max_length > 0 && static_cast<int>(value.size()) > max_length;
+    }
+    bool fits(const std::string &value) const { return !is_too_short(value) && !is_too_long(value); }
 };
 
 const std::vector<PatternField> &pattern_fields() {
     static const std::vector<PatternField> rows = {
-        {"PortId",
-         validate_port_id,
-         "Port ID",
+        {"port_id",
          "Validating port id: ",
          0,
          0,
-         R"((^[cC]([1-9]|[1-9]\d|1[0-1]\d|12[0-8])-([1-9]|[1-9]\d)$)|(^[dD][1234]$))",
-         {{"c128-99", 0},
-          {"D4", 0},
-          {"d1", 0},
-          {"C1-1", 0},
-          {"c129-1", no_match},
-          {"c0-2", no_match},
-          {"c2-100", no_match},
-          {"c01-2", no_match},
-          {"c2-01", no_match},
-          {"c2-0", no_match},
-          {"d5", no_match},
-          {"d0", no_match},
-          {"c5", no_match},
-          {"", no_match},
-          {"xd1", no_match},
-          {"d1x", no_match},
-          {"d1\n", 0},
-          {"d1\n\n", no_match}}},
-        {"CPortId",
-         validate_c_port_id,
-         "C Port ID",
-         "Validating c-port id: ",
-         0,
-         0,
-         R"(^[cC]([1-9]|[1-9]\d|1[0-1]\d|12[0-8])-([1-9]|[1-9]\d)$)",
-         {{"c2-3", 0}, {"C128-99", 0}, {"c129-1", no_match}, {"d1", no_match}, {"c2", no_match}, {"c2-3\n", 0}}},
-        {"DPortId",
-         validate_d_port_id,
-         "D Port ID",
-         "Validating d-port id: ",
-         0,
-         0,
-         R"(^[dD][1234]$)",
-         {{"d1", 0}, {"D4", 0}, {"d5", no_match}, {"d0", no_match}, {"d11", no_match}, {"c1-1", no_match}}},
-        {"VlanNameId",
-         validate_vlan_name_id,
-         "Vlan Name ID",
-         "Validating vlan name id: ",
-         0,
-         0,
-         R"(^v(([1-9])|([1-9][0-9])|([1-9][0-9][0-9])|([1-3][0-9][0-9][0-9])|(40[0-8][0-9])|(409[0-2]))$)",
-         {{"v1", 0},
-          {"v4092", 0},
-          {"v4093", no_match},
-          {"v0", no_match},
-          {"v01", no_match},
-          {"V4092", no_match},
-          {"v", no_match}}},
-        {"MzuId",
-         validate_mzu_id,
-         "MZU ID",
-         "Validating mzu id: ",
-         0,
-         0,
-         R"(^[cC]([1-9]|[1-9]\d|1[0-1]\d|12[0-8])$)",
-         {{"c128", 0}, {"C1", 0}, {"c129", no_match}, {"c0", no_match}, {"c2-3", no_match}, {"c01", no_match}}},
-        {"MzuFile",
-         validate_mzu_sw_upgrade_filename,
-         "MZU SW Upgrade Filename",
+         {"c128-99", "D4", "d1", "C1-1", "d1\n"},
+         {"c129-1", "c0-2", "c2-100", "c01-2", "c2-01", "c2-0", "d5", "d0", "c5", "", "xd1", "d1x", "d1\n\n"}},
+        {"c_port_id", "Validating c-port id: ", 0, 0, {"c2-3", "C128-99", "c2-3\n"}, {"c129-1", "d1", "c2"}},
+        {"d_port_id", "Validating d-port id: ", 0, 0, {"d1", "D4"}, {"d5", "d0", "d11", "c1-1"}},
+        {"vlan_name_id", "Validating vlan name id: ", 0, 0, {"v1", "v4092"}, {"v4093", "v0", "v01", "V4092", "v"}},
+        {"mzu_id", "Validating mzu id: ", 0, 0, {"c128", "C1"}, {"c129", "c0", "c2-3", "c01"}},
+        {"mzu_sw_upgrade_filename",
          "Validating sw upgrade filename: ",
          0,
          0,
-         R"(^.*$)",
-         {{"any file", 0}, {"", 0}, {"two\nlines", no_match}, {"one line\n", 0}}},
-        // The line is the other file's: the same words on purpose.
-        {"UnitFile",
-         validate_unit_sw_upgrade_filename,
-         "Unit SW Upgrade filename",
+         {"any file", "", "one line\n"},
+         {"two\nlines"}},
+        // Announced in the other file's words: deployed scripts look for them.
+        {"unit_sw_upgrade_filename",
          "Validating sw upgrade filename: ",
          0,
          0,
-         R"(^.*zqn.*\d.\d.\d-\d{3}.*)",
-         {{"zqn1.2.3-004", 0},
-          {"/tmp/zqn-h7-1.2.3-004.img", 0},
-          {"xzqnx9x8x7-123", 0},
-          {"zqn 1.2.3-0045", 0},
-          {"ZQN1.2.3-004", no_match},
-          {"1.2.3-004zqn", no_match},
-          {"zqn1.2.3-04", no_match},
-          {"zqn12.3-004", no_match},
-          {"zqn1.2.3004", no_match},
-          {"", no_match},
-          {"zqn1.2.3-004\nmore", 0},
-          {"a\nzqn1.2.3-004", no_match},
-          {"zqn\n1.2.3-004", no_match}}},
-        {"Date",
-         validate_date,
-         "Date",
+         {"zqn1.2.3-004", "/tmp/zqn-h7-1.2.3-004.img", "xzqnx9x8x7-123", "zqn 1.2.3-0045", "zqn1.2.3-004\nmore"},
+         {"ZQN1.2.3-004", "1.2.3-004zqn", "zqn1.2.3-04", "zqn12.3-004", "zqn1.2.3004", "", "a\nzqn1.2.3-004",
+          "zqn\n1.2.3-004"}},
+        {"date",
          "Validating date: ",
          0,
          0,
-         R"(^2\d{3}-([1-9]|0[1-9]|1[0-2])-([1-9]|0[1-9]|1\d|2\d|3[0-1])$)",
-         {{"2030-2-30", 0},
-          {"2000-01-01", 0},
-          {"2999-12-31", 0},
-          {"2030-2-031", no_match},
-          {"1999-12-31", no_match},
-          {"3000-01-01", no_match},
-          {"2030-0-1", no_match},
-          {"2030-13-1", no_match},
-          {"2030-1-0", no_match},
-          {"2030-1-32", no_match},
-          {"2030-1-1\n", 0}}},
-        {"Time",
-         validate_time,
-         "Time",
-         "Validating time: ",
-         0,
-         0,
-         R"(^([0-1]\d|2[0-3]):[0-5]\d$)",
-         {{"00:00", 0},
-          {"23:59", 0},
-          {"24:00", no_match},
-          {"23:60", no_match},
-          {"1:00", no_match},
-          {"01:00:00", no_match}}},
-        {"Uuid",
-         validate_uuid,
-         "UUID",
+         {"2030-2-30", "2000-01-01", "2999-12-31", "2030-1-1\n"}, // no calendar: February has 31 days
+         {"2030-2-031", "1999-12-31", "3000-01-01", "2030-0-1", "2030-13-1", "2030-1-0", "2030-1-32"}},
+        {"time", "Validating time: ", 0, 0, {"00:00", "23:59"}, {"24:00", "23:60", "1:00", "01:00:00"}},
+        {"uuid",
          nullptr,
          0,
          0,
-         R"(^[a-fA-F0-9]{8}-[a-fA-F0-9]{4}-[a-fA-F0-9]{4}-[a-fA-F0-9]{4}-[a-fA-F0-9]{12}$)",
-         {{"01234567-89ab-cdef-ABCD-EF0123456789", 0},
-          {"01234567-89ab-cdef-ABCD-EF012345678", no_match},
-          {"0123456789abcdefABCDEF0123456789", no_match},
-          {"g1234567-89ab-cdef-ABCD-EF0123456789", no_match}}},
-        {"IpAddress",
-         validate_ip_address,
-         "IP Address",
+         {"01234567-89ab-cdef-ABCD-EF0123456789"},
+         {"01234567-89ab-cdef-ABCD-EF012345678", "0123456789abcdefABCDEF0123456789",
+          "g1234567-89ab-cdef-ABCD-EF0123456789"}},
+        {"ip_address",
          "Validating ip address: ",
          7,
          15,
-         R"(^((25[0-5]|2[0-4][0-9]|1[0-9][0-9]|[1-9][0-9]|[0-9])\.){3})"
-         R"((25[0-5]|2[0-4][0-9]|1[0-9][0-9]|[1-9][0-9]|[0-9])$)",
-         {{"192.168.1.1", 0},
-          {"0.0.0.0", 0},
-          {"255.255.255.255", 0},
-          {"01.2.3.4", no_match},
-          {"1.1.1.1111", no_match},
-          {"1.1.1", too_short},
-          {"1.1.1.256", no_match},
-          {"1111111", no_match},
-          {"255.255.255.2551", too_long},
-          {"1.1.1.1\n", 0}}},
-        {"MacAddress",
-         validate_mac_address,
-         "MAC Address",
+         {"192.168.1.1", "0.0.0.0", "255.255.255.255", "1.1.1.1\n"},
+         {"01.2.3.4", "1.1.1.1111", "1.1.1", "1.1.1.256", "255.255.255.2551", "1111111"}},
+        {"mac_address",
          "Validating mac address: ",
          17,
          17,
-         R"(^((((\d|[A-Fa-f]){2}:){5})|(((\d|[A-Fa-f]){2}-){5}))(\d|[A-Fa-f]){2}$)",
-         {{"aa:BB:cc:00:11:22", 0},
-          {"aa-bb-cc-00-11-22", 0},
-          {"aa:bb-cc:00:11:22", no_match},
-          {"aa:bb:cc:00:11:2", too_short},
-          {"aa:bb:cc:00:11:222", too_long},
-          {"ga:bb:cc:00:11:22", no_match},
-          {"aa:bb:cc:00:11:2\n", no_match},
-          {"", too_short}}},
-        {"Description",
-         validate_description,
-         "Description",
+         {"aa:BB:cc:00:11:22", "aa-bb-cc-00-11-22"},
+         {"aa:bb-cc:00:11:22", "aa:bb:cc:00:11:2", "aa:bb:cc:00:11:222", "ga:bb:cc:00:11:22", "",
+          "aa:bb:cc:00:11:2\n"}},
+        {"description",
          "Validating description: ",
          0,
          50,
-         R"(^[^"]*$)",
-         {{"", 0},
-          {std::string(50, 'x'), 0},
-          {std::string(51, 'x'), too_long},
-          {"a \"quoted\" word", no_match},
-          {"two\nlines", 0}}},
+         {"a text", "", std::string(50, 'x'), "two\nlines"},
+         {std::string(51, 'x'), "a \"quoted\" word"}},
         // The value stands in clear in the log.
-        {"Password",
-         validate_password,
-         "Password",
+        {"password",
          "Validating password: ",
          4,
          15,
-         R"(^[a-zA-Z0-9!?_@-]{4,15}$)",
-         {{"aZ09", 0},
-          {"!?_@-", 0},
-          {std::string(15, 'x'), 0},
-          {"abc", too_short},
-          {std::string(16, 'x'), too_long},
-          {"with space", no_match},
-          {"dot.", no_match}}},
-        {"Username",
-         validate_username,
-         "Username",
+         {"aZ09", "!?_@-", std::string(15, 'x')},
+         {"abc", std::string(16, 'x'), "with space", "dot."}},
+        {"username",
          "Validating username: ",
          4,
          15,
-         R"(^[a-zA-Z0-9]{4,15}$)",
-         {{"operator7", 0},
-          {"Root", 0},
-          {"abcd", 0},
-          {std::string(15, 'x'), 0},
-          {"abc", too_short},
-          {"bin", too_short},
-          {std::string(16, 'x'), too_long},
-          {"under_score", no_match},
-          {"www-data", no_match}}},
+         {"operator7", "Root", "abcd", std::string(15, 'x')},
+         {"abc", "bin", std::string(16, 'x'), "under_score", "www-data"}},
     };
     return rows;
 }
 
-/** The lines of a value that reaches the pattern, before its verdict; the value shown as the log's reader sees it. */
-Lines lines_before_verdict(const PatternField &field, const std::string &value) {
-    Lines lines;
-    if (field.announcement != nullptr) {
-        lines.push_back("VERB |" + (field.announcement + value));
+/** Ends where a pattern begins: what it accepts is stated here, how it is written is the source's own affair. */
+constexpr char regex[] = " against regex: ";
+
+/** The lines without the patterns that they show. */
+Lines without_patterns(Lines lines) {
+    for (std::string &line : lines) {
+        const size_t at = line.find(regex);
+        line.resize(at != std::string::npos ? at + sizeof regex - 1 : line.size());
     }
-    lines.push_back(std::string("VERB |Testing [") + field.label + "] value <" + value +
-                    "> against regex: " + field.pattern);
     return lines;
 }
 
-class PatternFields : public testing::TestWithParam<PatternField> {};
+/** The lines of a value that reaches the pattern, before its verdict; the value shown as the log's reader sees it. */
+Lines lines_before_verdict(const PatternField &row, const std::string &value) {
+    Lines lines;
+    if (row.announcement != nullptr) {
+        lines.push_back("VERB |" + (row.announcement + value));
+    }
+    lines.push_back(std::string("VERB |Testing [") + row.field().label + "] value <" + value + ">" + regex);
+    return lines;
+}
+
+/** How the line begins that tells of a refusal. */
+std::string failure(const PatternField &row, const std::string &value) {
+    return std::string("DEBUG|Validation failed: [") + row.field().label + "] value <" + value + "> ";
+}
+
+class PatternFields : public testing::TestWithParam<PatternField> {
+  protected:
+    const PatternField &row = GetParam();
+    static int validate(const std::string &value) { return GetParam().field().validate(value.c_str()); }
+};
 
 INSTANTIATE_TEST_SUITE_P(Field, PatternFields, testing::ValuesIn(pattern_fields()),
                          [](const auto &row) { return row.param.name; });
 
 } // namespace
 
-TEST_P(PatternFields, FollowTheirExamples) {
+TEST(PatternFieldRows, AreAllOfThem) {
+    ASSERT_EQ(pattern_fields().size(), support::pattern_fields().size());
+    for (size_t i = 0; i < pattern_fields().size(); ++i) {
+        EXPECT_STREQ(pattern_fields()[i].name, support::pattern_fields()[i].name);
+    }
+}
+
+TEST_P(PatternFields, AcceptAndRefuse) {
     support::set_log_level("off");
-    for (const Example &example : GetParam().examples) {
-        EXPECT_EQ(GetParam().validate(example.value.c_str()), example.rc) << "<" << example.value << ">";
+    for (const std::string &value : row.accepted) {
+        EXPECT_EQ(validate(value), TAVRIX_VALID) << "<" << value << ">";
+    }
+    for (const std::string &value : row.refused) {
+        const int verdict = row.is_too_short(value)  ? TAVRIX_INVALID_TOO_SHORT
+                            : row.is_too_long(value) ? TAVRIX_INVALID_TOO_LONG
+                                                     : TAVRIX_INVALID_NO_MATCH;
+        EXPECT_EQ(validate(value), verdict) << "<" << value << ">";
     }
 }
 
 TEST_P(PatternFields, SayWhatTheyAccept) {
-    const std::string &value = GetParam().examples.front().value;
+    const std::string &value = row.accepted.front();
     const LogCapture log("verbose");
-    EXPECT_EQ(GetParam().validate(value.c_str()), 0);
-    Lines expected = lines_before_verdict(GetParam(), value);
+    EXPECT_EQ(validate(value), TAVRIX_VALID);
+    Lines expected = lines_before_verdict(row, value);
     expected.emplace_back("DEBUG|Regex test passed.");
-    Lines lines = log.sequence();
+    Lines lines = without_patterns(log.sequence());
     ASSERT_GE(lines.size(), expected.size());
     lines.resize(expected.size()); // a user name goes on to the reserved names
     EXPECT_EQ(lines, expected);
@@ -296,52 +192,72 @@ TEST_P(PatternFields, SayWhatTheyAccept) {
 }
 
 TEST_P(PatternFields, SayWhatDoesNotMatch) {
-    std::string value;
-    for (const Example &example : GetParam().examples) {
-        value = example.rc == no_match ? example.value : value;
-    }
+    const std::string &value = row.refused.back();
+    ASSERT_TRUE(row.fits(value));
     const LogCapture log("verbose");
-    EXPECT_EQ(GetParam().validate(value.c_str()), TAVRIX_INVALID_NO_MATCH);
-    Lines expected = lines_before_verdict(GetParam(), value);
-    expected.push_back(std::string("DEBUG|Validation failed: [") + GetParam().label + "] value <" + value +
-                       "> did not return a regex match.");
-    EXPECT_EQ(log.sequence(), expected);
+    EXPECT_EQ(validate(value), TAVRIX_INVALID_NO_MATCH);
+    Lines expected = lines_before_verdict(row, value);
+    expected.push_back(failure(row, value) + "did not return a regex match.");
+    EXPECT_EQ(without_patterns(log.sequence()), expected);
+}
+
+TEST_P(PatternFields, ShowThePatternThatJudges) {
+    std::string pattern;
+    {
+        const LogCapture log("verbose");
+        validate(row.accepted.front());
+        const std::string line = log.sequence()[row.announcement != nullptr ? 1 : 0];
+        pattern = line.substr(line.find(regex) + sizeof regex - 1);
+    }
+    const char *error = nullptr;
+    int offset = 0;
+    const std::unique_ptr<pcre, FreePattern> compiled(pcre_compile(pattern.c_str(), 0, &error, &offset, nullptr));
+    ASSERT_NE(compiled, nullptr) << pattern << ": " << error;
+    const auto matches = [&](const std::string &value) {
+        const auto size = static_cast<int>(value.size());
+        return pcre_exec(compiled.get(), nullptr, value.c_str(), size, 0, 0, nullptr, 0) >= 0;
+    };
+    for (const std::string &value : row.accepted) {
+        EXPECT_TRUE(matches(value)) << pattern << " <" << value << ">";
+    }
+    for (const std::string &value : row.refused) {
+        EXPECT_FALSE(row.fits(value) && matches(value)) << pattern << " <" << value << ">";
+    }
 }
 
 TEST_P(PatternFields, KeepTheirBoundsBeforeThePattern) {
-    const PatternField &field = GetParam();
-    if (field.max_length == 0) {
-        EXPECT_NE(field.validate(std::string(5000, '#').c_str()), TAVRIX_INVALID_TOO_LONG) << "no bounds";
-        EXPECT_NE(field.validate(""), TAVRIX_INVALID_TOO_SHORT);
+    if (row.max_length == 0) {
+        EXPECT_NE(validate(std::string(5000, '#')), TAVRIX_INVALID_TOO_LONG) << "no bounds";
+        EXPECT_NE(validate(""), TAVRIX_INVALID_TOO_SHORT);
         return;
     }
     const LogCapture log("debug");
-    const std::string long_value(static_cast<size_t>(field.max_length) + 1, 'a');
-    EXPECT_EQ(field.validate(long_value.c_str()), TAVRIX_INVALID_TOO_LONG);
-    EXPECT_NE(field.validate(long_value.substr(1).c_str()), TAVRIX_INVALID_TOO_LONG);
-    EXPECT_EQ(log.sequence().front(), std::string("DEBUG|Validation failed: [") + field.label + "] value <" +
-                                          long_value + "> is too long (>" + std::to_string(field.max_length) + ")");
-    if (field.min_length > 0) {
-        const std::string short_value(static_cast<size_t>(field.min_length) - 1, 'a');
-        EXPECT_EQ(field.validate(short_value.c_str()), TAVRIX_INVALID_TOO_SHORT);
-        EXPECT_EQ(log.sequence().back(), std::string("DEBUG|Validation failed: [") + field.label + "] value <" +
-                                             short_value + "> is too short (<" + std::to_string(field.min_length) +
-                                             ")");
-        EXPECT_NE(field.validate((short_value + "a").c_str()), TAVRIX_INVALID_TOO_SHORT);
+    const std::string long_value(static_cast<size_t>(row.max_length) + 1, 'a');
+    EXPECT_EQ(validate(long_value), TAVRIX_INVALID_TOO_LONG);
+    EXPECT_NE(validate(long_value.substr(1)), TAVRIX_INVALID_TOO_LONG);
+    EXPECT_EQ(log.sequence().front(),
+              failure(row, long_value) + "is too long (>" + std::to_string(row.max_length) + ")");
+    if (row.min_length > 0) {
+        const std::string short_value(static_cast<size_t>(row.min_length) - 1, 'a');
+        EXPECT_EQ(validate(short_value), TAVRIX_INVALID_TOO_SHORT);
+        EXPECT_EQ(log.sequence().back(),
+                  failure(row, short_value) + "is too short (<" + std::to_string(row.min_length) + ")");
+        EXPECT_NE(validate(short_value + "a"), TAVRIX_INVALID_TOO_SHORT);
     }
 }
 
 TEST_P(PatternFields, SayOnlyTheVerdictAtDebugLevelAndNothingBelow) {
-    const std::string &value = GetParam().examples.front().value;
     {
         const LogCapture log("debug");
-        EXPECT_EQ(GetParam().validate(value.c_str()), 0);
+        EXPECT_EQ(validate(row.accepted.front()), TAVRIX_VALID);
         EXPECT_EQ(log.sequence().front(), "DEBUG|Regex test passed.");
     }
     for (const char *level : {"info", "off"}) {
         const LogCapture log(level);
-        for (const Example &example : GetParam().examples) {
-            GetParam().validate(example.value.c_str());
+        for (const Lines &values : {row.accepted, row.refused}) {
+            for (const std::string &value : values) {
+                validate(value);
+            }
         }
         EXPECT_TRUE(log.silent()) << level;
     }
@@ -354,34 +270,30 @@ TEST(Username, RefusesReservedNamesAfterThePattern) {
          {"root", "daemon", "sync", "mail", "proxy", "backup", "operator", "haldaemon", "dbus", "nobody", "sshd"}) {
         EXPECT_EQ(validate_username(name), TAVRIX_INVALID_NOT_ALLOWED) << name;
     }
-    EXPECT_EQ(validate_username("bin"), TAVRIX_INVALID_TOO_SHORT) << "too short for the list to be looked at";
-    EXPECT_EQ(validate_username("sys"), TAVRIX_INVALID_TOO_SHORT);
-    EXPECT_EQ(validate_username("www-data"), TAVRIX_INVALID_NO_MATCH) << "the pattern comes first";
+    EXPECT_EQ(validate_username("sys"), TAVRIX_INVALID_TOO_SHORT) << "too short for the list to be looked at";
 }
 
 TEST(Username, WalksTheWholeListInItsOrder) {
     const LogCapture log("verbose");
     EXPECT_EQ(validate_username("alice"), 0);
     Lines expected = {"VERB |Validating username: alice",
-                      "VERB |Testing [Username] value <alice> against regex: ^[a-zA-Z0-9]{4,15}$",
-                      "DEBUG|Regex test passed."};
+                      "VERB |Testing [Username] value <alice> against regex: ", "DEBUG|Regex test passed."};
     for (const char *name : {"root", "daemon", "bin", "sys", "sync", "mail", "proxy", "www-data", "backup", "operator",
                              "haldaemon", "dbus", "nobody", "sshd"}) {
         expected.push_back(std::string("VERB |[Username] value <alice> did not match blacklist option <") + name + ">");
     }
     expected.emplace_back("DEBUG|Given [Username] value <alice> is not one of the blacklisted options");
-    EXPECT_EQ(log.sequence(), expected);
+    EXPECT_EQ(without_patterns(log.sequence()), expected);
 }
 
 TEST(Username, StopsAtTheReservedNameItIs) {
     const LogCapture log("verbose");
     EXPECT_EQ(validate_username("daemon"), TAVRIX_INVALID_NOT_ALLOWED);
-    EXPECT_EQ(
-        log.sequence(),
-        (Lines{"VERB |Validating username: daemon",
-               "VERB |Testing [Username] value <daemon> against regex: ^[a-zA-Z0-9]{4,15}$", "DEBUG|Regex test passed.",
-               "VERB |[Username] value <daemon> did not match blacklist option <root>",
-               "DEBUG|Validation failed: [Username] value <daemon> matches blacklist option <daemon>"}));
+    EXPECT_EQ(without_patterns(log.sequence()),
+              (Lines{"VERB |Validating username: daemon",
+                     "VERB |Testing [Username] value <daemon> against regex: ", "DEBUG|Regex test passed.",
+                     "VERB |[Username] value <daemon> did not match blacklist option <root>",
+                     "DEBUG|Validation failed: [Username] value <daemon> matches blacklist option <daemon>"}));
 }
 
 TEST(Username, IsNotComparedWhenThePatternRefusesIt) {
@@ -498,22 +410,14 @@ TEST(DateTime, ChecksTheDateFirst) {
 TEST(DateTime, HasNoLineOfItsOwn) {
     const LogCapture log("verbose");
     EXPECT_EQ(validate_date_time("2026-05-01", "13:45"), 0);
-    EXPECT_EQ(log.sequence(), (Lines{
-                                  "VERB |Validating date: 2026-05-01",
-                                  "VERB |Testing [Date] value <2026-05-01> against regex: "
-                                  R"(^2\d{3}-([1-9]|0[1-9]|1[0-2])-([1-9]|0[1-9]|1\d|2\d|3[0-1])$)",
-                                  "DEBUG|Regex test passed.",
-                                  "VERB |Validating time: 13:45",
-                                  "VERB |Testing [Time] value <13:45> against regex: "
-                                  R"(^([0-1]\d|2[0-3]):[0-5]\d$)",
-                                  "DEBUG|Regex test passed.",
-                              }));
-}
-
-TEST(Date, KnowsNoCalendar) {
-    EXPECT_EQ(validate_date("2030-2-30"), 0);
-    EXPECT_EQ(validate_date("1999-12-31"), TAVRIX_INVALID_NO_MATCH);
-    EXPECT_EQ(validate_date("3000-01-01"), TAVRIX_INVALID_NO_MATCH);
+    EXPECT_EQ(without_patterns(log.sequence()), (Lines{
+                                                    "VERB |Validating date: 2026-05-01",
+                                                    "VERB |Testing [Date] value <2026-05-01> against regex: ",
+                                                    "DEBUG|Regex test passed.",
+                                                    "VERB |Validating time: 13:45",
+                                                    "VERB |Testing [Time] value <13:45> against regex: ",
+                                                    "DEBUG|Regex test passed.",
+                                                }));
 }
 
 TEST(EntityName, StopsAtTheFirstAcceptance) {
@@ -526,7 +430,7 @@ TEST(EntityName, StopsAtTheFirstAcceptance) {
         {"c5-1", 0, {"mzu id", "port id"}},
         {"d1", 0, {"mzu id", "port id"}},
         {"v10", 0, {"mzu id", "port id", "vlan name id"}},
-        {"x", no_match, {"mzu id", "port id", "vlan name id"}},
+        {"x", TAVRIX_INVALID_NO_MATCH, {"mzu id", "port id", "vlan name id"}},
     };
     for (const auto &row : rows) {
         const LogCapture log("verbose");
@@ -561,7 +465,7 @@ TEST(EntityExtension, HasAtMost1000Characters) {
 
 TEST(TextValidators, RefuseANullValueInSilence) {
     const LogCapture log("verbose");
-    for (const PatternField &field : pattern_fields()) {
+    for (const Field &field : support::pattern_fields()) {
         EXPECT_EQ(field.validate(nullptr), TAVRIX_INVALID_ENGINE) << field.name;
     }
     for (int (*validate)(const char *) :

@@ -11,6 +11,7 @@
 #include <pcre.h>
 
 #include "support/faults.h"
+#include "support/fields.h"
 #include "support/log_capture.h"
 #include "tavrix_validation.h"
 
@@ -314,7 +315,14 @@ TEST(KeptPattern, UsesTheJitUpTo1024BytesOnly) {
 }
 
 TEST(PatternOf, KnowsPatternFieldsOnly) {
-    EXPECT_STREQ(tavrix_validation_pattern_of("D Port ID"), "^[dD][1234]$");
+    for (const support::Field &field : support::pattern_fields()) {
+        const char *pattern = tavrix_validation_pattern_of(field.label);
+        ASSERT_NE(pattern, nullptr) << field.label;
+        EXPECT_EQ(validate_against_regex(pattern, field.valid.front().c_str(), field.label), TAVRIX_VALID);
+        EXPECT_TRUE(field.verdict != TAVRIX_INVALID_NO_MATCH ||
+                    validate_against_regex(pattern, field.invalid.c_str(), field.label) == TAVRIX_INVALID_NO_MATCH)
+            << field.label;
+    }
     EXPECT_EQ(tavrix_validation_pattern_of("Status"), nullptr);
     EXPECT_EQ(tavrix_validation_pattern_of("d port id"), nullptr);
 }

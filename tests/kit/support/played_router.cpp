@@ -17,13 +17,6 @@ namespace support {
 
 namespace {
 
-std::string rendered(const json_t *value) {
-    char *text = json_dumps(value, JSON_COMPACT | JSON_ENCODE_ANY);
-    std::string copy = text != nullptr ? text : "null";
-    std::free(text);
-    return copy;
-}
-
 std::string working_directory() {
     char path[512];
     return getcwd(path, sizeof path) != nullptr ? path : "";
@@ -177,12 +170,8 @@ void PlayedRouter::settle() {
     const std::string probe = std::string(TAVRIX_CHANNEL_DEFAULT) +
                               R"(|{"jsonrpc":"2.0","method":"service.Probe","params":{"name":"tester"}})";
     tavrix_mq_socket_send(pub.number, probe.c_str());
-    char *frame = nullptr;
-    int length = 0;
-    while (tavrix_mq_socket_recv(sub.number, &frame, &length, 1) == TAVRIX_OK) {
-        const std::string text(frame, static_cast<size_t>(length));
-        std::free(frame);
-        if (text.find("router.Hello") != std::string::npos && !pending_register_.empty()) {
+    for (std::string frame; take_frame(sub.number, &frame, 1);) {
+        if (frame.find("router.Hello") != std::string::npos && !pending_register_.empty()) {
             say("{\"jsonrpc\":\"2.0\",\"id\":" + pending_register_ + ",\"result\":0}");
             pending_register_.clear();
         }

@@ -206,7 +206,7 @@ Text respond(const Envelope &envelope, Outcome *outcome, int *jrpc_code) {
         outcome->result.reset(json_integer(0));
     }
     if (!outcome->result) {
-        return nullptr; // the code stays 0, "Unknown Error": "Internal error" tells clients that a result has no text
+        return nullptr; // the code stays 0, "Unknown Error": clients take "Internal error" for a result without a text
     }
     // The response's id is the method's name: a reply travels by it, and a waiting caller looks for it.
     Text response(tavrix_jrpc_create_response(outcome->result.get(), envelope.method, 0, envelope.transaction_id));
@@ -331,7 +331,7 @@ bool is_indent(int indent) { return indent >= 0 && indent <= max_indent; }
 } // namespace
 
 char *tavrix_jrpc_create_response(json_t *result, json_t *id, int indent, json_t *transaction_id) {
-    // Errors here, debug lines in create_error, where requests without a method end: its error line is the response.
+    // Errors here, debug lines in create_error: requests without a method end there, and its own error line shows them.
     if (result == nullptr || id == nullptr) {
         LOG_ERROR("tavrix_jrpc_create_response: NULL pointer!\n");
         return nullptr;

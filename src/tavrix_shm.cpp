@@ -21,7 +21,7 @@
 namespace {
 
 constexpr char unit_name[] = "tavrix_shm";
-// Hexadecimal, octal 3146: these very bits let daemons of other users in, though they shut the owner out.
+// Hexadecimal where octal is usual, so 03146: daemons of other users open slots with these bits, the owner cannot.
 constexpr mode_t slot_mode = 0x666;
 constexpr int max_reserve_attempts = 100;
 

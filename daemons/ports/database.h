@@ -57,17 +57,17 @@ class Database {
     /** Opens the database now, to learn early that it is missing, or has not the tables that are needed. */
     int check_schema();
 
-    /** The ports of a selection; -47 when the port does not exist, -59 when the unit does not. */
+    /** The ports of a selection; TAVRIX_ERR_NO_SUCH_PORT or TAVRIX_ERR_NO_SUCH_MZU when one does not exist. */
     int find_ports(const Selection &selection, std::vector<Port> *out);
     int list_units(std::vector<Unit> *out);
-    /** The power a port draws; -37 when it supports no PoE, -8 when its unit is offline. */
+    /** The power a port draws; TAVRIX_ERR_NO_POE, or TAVRIX_ERR_MZU_OFFLINE. */
     int instant_power(const Selection &selection, int *milliwatts_out);
 
     int set_status(const Selection &selection, int status);
     /** Mode and membership together; an empty list leaves the port in no VLAN. */
     int set_vlans(const Selection &selection, int mode, const int *vlan_ids, int count);
     int set_mac_filters(const Selection &selection, const tavrix_mac_filter *filters, int count);
-    /** Adds a unit with its ports; -26 when the unit exists, -27 when another one has the MAC address. */
+    /** Adds a unit with its ports; TAVRIX_ERR_MZU_EXISTS, or TAVRIX_ERR_MAC_EXISTS when another has its MAC address. */
     int register_unit(const Unit &unit);
 
   private:

@@ -19,8 +19,8 @@ namespace router {
 class Client;
 
 constexpr std::chrono::milliseconds time_per_turn{1};
-constexpr size_t max_unread_of_user = size_t{64} * 1024 * 1024; ///< of all his clients; beyond it
-constexpr size_t unread_in_any_case = size_t{64} * 1024;        ///< each has this still
+constexpr size_t max_unread_of_user = size_t{64} * 1024 * 1024; ///< of all a user's clients
+constexpr size_t unread_in_any_case = size_t{64} * 1024;        ///< what each client may have even then
 
 /** A user as the one whom things are counted for: everybody who comes over TCP is one. */
 int64_t account_of(const Peer &peer);

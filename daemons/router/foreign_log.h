@@ -23,7 +23,7 @@ class LogBudget {
 };
 
 extern LogBudget lines_of_clients;
-/** For those who may register. They have their own: strangers must not crowd out that a service has gone. */
+/** Of those who may register: strangers' lines must not crowd out the one that a service has gone. */
 extern LogBudget lines_of_services;
 
 } // namespace router

@@ -104,7 +104,7 @@ bool Listener::is_answered() {
 bool Listener::try_tcp() {
     const int yes = 1;
     const sockaddr_in place = tcp_socket_address(tcp_address_, tcp_port_);
-    tcp_.reset(); // its port is wanted again
+    tcp_.reset(); // first: it may hold the very port that is tried again
     tcp_.reset(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     if (tcp_ && setsockopt(tcp_.get(), SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes) == 0 &&
         bind(tcp_.get(), reinterpret_cast<const sockaddr *>(&place), sizeof place) == 0 &&

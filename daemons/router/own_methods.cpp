@@ -18,7 +18,7 @@ constexpr size_t max_methods = 256;
 constexpr size_t max_addresses = 8;
 constexpr std::chrono::milliseconds settle_interval{5};
 constexpr std::chrono::seconds settle_time{5};
-constexpr std::chrono::milliseconds metrics_time{100}; // no two readers see what lies between
+constexpr std::chrono::milliseconds metrics_time{100}; // made anew no more often, however many read them
 
 /** The array's texts; false when it is none, or has too many, or one that is empty, too long or not plain. */
 bool read_texts(const json_t *array, size_t most, size_t longest, std::vector<std::string> *out) {
@@ -45,7 +45,7 @@ bool is_name(const std::string &name) {
 
 json_int_t number(uint64_t value) { return static_cast<json_int_t>(value); }
 
-// What the descriptions below say.
+// The schemas below repeat these numbers as text.
 static_assert(max_patterns == 64 && max_pattern == 128 && max_name == 50 && max_methods == 256 && max_addresses == 8);
 
 constexpr char no_params[] = "[]";

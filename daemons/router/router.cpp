@@ -101,7 +101,7 @@ std::string caller_text(const Service &service, const Peer &peer) {
 /** Who calls is the router's to say: a client's own word for it does not reach a service that might believe it. */
 Edit caller_edit(std::string_view text) { return {"caller", text, true}; }
 
-/** Of a request, for its error; without a transaction id where it had none. */
+/** A request's ids, as its error response carries them; without a transaction id where it had none. */
 Json id_and_transaction_id(const Json &id, json_t *transaction_id) {
     Json ids(json_pack("{s:O}", "id", id.get()));
     if (transaction_id != nullptr) {
@@ -110,7 +110,7 @@ Json id_and_transaction_id(const Json &id, json_t *transaction_id) {
     return ids;
 }
 
-/** A session takes these for the router's own word, whoever has written them. */
+/** Sessions take these for the router's own word: nobody else may say them. */
 bool is_for_router_to_say(const std::string &method) {
     return method.rfind(own_prefix, 0) == 0 || method == names::cancel;
 }

@@ -61,7 +61,7 @@ class Router {
     // For clients and sessions.
     event_base *base() const { return base_.get(); }
     daemon_support::Deadlines<OneShot> &client_deadlines() { return *client_deadlines_; }
-    /** For clients that wait for their answer: after this time they are watched, lest they have gone. */
+    /** For clients that wait for their answer: after this time it is watched whether they hang up. */
     daemon_support::Deadlines<OneShot> &patience() { return *patience_; }
     std::string_view render(const json_t *value) { return renderer_.render(value); }
     void take_request(Client &client, Message request, const BatchPlace &batch);

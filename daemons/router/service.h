@@ -66,7 +66,7 @@ struct Service {
     Session *session = nullptr; ///< while it is registered
     Registration registration;
     std::vector<int> endpoints;                      ///< of the bus
-    daemon_support::Clock::time_point settles_until; ///< then it has not
+    daemon_support::Clock::time_point settles_until; ///< or its registration fails
     std::list<Call *> calls;                         ///< in flight
     std::deque<Left> left;                           ///< in the order in which it was told of them
     Shares users;                                    ///< how many of both by whom

@@ -71,7 +71,7 @@ void Statistics::count(const std::string &method, bool is_offered, Outcome outco
     bool has_row = methods_.count(method) > 0;
     if (!has_row && is_offered) {
         has_row = methods_.size() < max_methods;
-    } else if (!has_row) { // a result shows that there is such a method, but who knows what else is called so
+    } else if (!has_row) { // a result proves that the method exists, an error does not
         has_row = outcome == Outcome::result && method.size() <= max_unknown_name && unknown_ < max_unknown;
         unknown_ += has_row ? 1 : 0;
     }

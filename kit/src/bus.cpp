@@ -397,7 +397,7 @@ bool bus_start(tavrix_service *service) {
     }
     bus->sub_listens = true;
     const bool is_direct = service->session.path[0] != '\0' && (service->options.flags & TAVRIX_SERVICE_BUS) == 0;
-    bus->said = is_direct ? 0 : 1; // a request that waits here unread is one that nobody would answer
+    bus->said = is_direct ? 0 : 1; // one word of the router first: a request that lay here unread would have no answer
     for (const char *const *address = service->options.connect; address != nullptr && *address != nullptr; ++address) {
         if (!connect_endpoint(service, *address, "", true)) {
             return false;
@@ -441,7 +441,7 @@ void bus_router_gone(tavrix_service *service) {
 }
 
 size_t bus_room(const char *channel) {
-    constexpr size_t around = sizeof "|"; // the bar, and an end that some implementations of the frame have
+    constexpr size_t around = sizeof "|"; // the bar, and the terminator that some services send along
     return max_frame - std::strlen(channel) - around;
 }
 

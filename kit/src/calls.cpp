@@ -238,7 +238,7 @@ void answer(tavrix_call *call) {
     }
     if (call->row == nullptr && call->caller.road == TAVRIX_ROAD_BUS &&
         (call->service->options.flags & TAVRIX_SERVICE_BUS) == 0) {
-        finish(call, nullptr); // another service of the channel has the method, and answers: this one's come elsewhere
+        finish(call, nullptr); // another service on this channel answers it; this one's requests come over its session
         return;
     }
     if (call->row == nullptr) {

@@ -90,7 +90,7 @@ const char *example_of_port(unsigned flags) {
 
 json_t *example_of_text(const tavrix_service_param &row) {
     if (const char *const *words = words_allowed(&row); words != nullptr) {
-        const bool passes_over = words[1] != nullptr && std::strcmp(words[0], "unknown") == 0; // nothing to ask for
+        const bool passes_over = words[1] != nullptr && std::strcmp(words[0], "unknown") == 0; // reported only
         return json_string(words[passes_over ? 1 : 0]);
     }
     if (row.kind == TAVRIX_KIND_PORT_ID) {

@@ -174,7 +174,7 @@ char *log_text(const char *line, size_t length) {
     if (std::strncmp(level, "DEBUG", 5) == 0 || std::strncmp(level, "VERB", 4) == 0) {
         return nullptr;
     }
-    text += 1; // its blank stays between the two
+    text += 1; // past the bracket: the blank behind it stays between level and text
     const auto text_length = static_cast<size_t>(end - text);
     char *whole = copy_of(level, level_length + text_length);
     std::memcpy(whole + level_length, text, text_length);

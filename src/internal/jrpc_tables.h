@@ -157,7 +157,7 @@ inline int code_of_status(int internal_code) {
     return TAVRIX_JRPC_UNKNOWN_ERROR;
 }
 
-/** An unknown code yields a code, not a status: callers test for it, and any status could be a real one. */
+/** An unknown code yields TAVRIX_JRPC_UNKNOWN_ERROR: callers compare with it, and any status could be a real one. */
 inline int status_of_code(int jrpc_code) {
     for (const ConversionRow &row : conversions) {
         if (row.jrpc_code == jrpc_code) {

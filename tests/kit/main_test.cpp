@@ -85,10 +85,17 @@ TEST_F(Main, EndsWithOneWhenTheRouterIsNeededAndNotThere) {
 }
 
 TEST_F(Main, ShowsHelpAndVersionAndRefusesWhatItDoesNotKnow) {
-    EXPECT_EQ(support::run({HELLO_SERVICE, "--help"}).status, 0);
-    EXPECT_EQ(support::run({HELLO_SERVICE, "--version"}).output, "hello 1.2\n");
-    EXPECT_EQ(support::run({HELLO_SERVICE, "--nonsense"}).status, 2);
-    EXPECT_EQ(support::run({HELLO_SERVICE, "word"}).status, 2);
+    for (const char *help : {"--help", "-h"}) {
+        EXPECT_EQ(support::run({HELLO_SERVICE, help}).output.rfind("usage: ", 0), 0U) << help;
+    }
+    for (const char *version : {"--version", "-V"}) {
+        EXPECT_EQ(support::run({HELLO_SERVICE, version}).output, "hello 1.2\n") << version;
+    }
+    for (const char *unknown : {"--nonsense", "-x", "word"}) {
+        const support::Finished finished = support::run({HELLO_SERVICE, unknown});
+        EXPECT_EQ(finished.status, 2) << unknown;
+        EXPECT_NE(finished.diagnostics.find(" --help'."), std::string::npos) << finished.diagnostics;
+    }
 }
 
 TEST_F(Main, TakesSixteenAddressesOfAKindAndNoMore) {

@@ -120,11 +120,12 @@ start_bare() { # TRANSPORT: bare-TRANSPORT.sock
     until_answered oneshot --unix "bare-$1.sock"
 }
 
-# The router by hand, and the service on the library, as behind our router: half.sock.
-start_half() {
-    start bare-router-half "$road/bare_router" half.sock "ipc://$run/bus/half-router" "ipc://$run/bus/half-service"
-    start echo-half "$road/echo_service" "ipc://$run/bus/half-service" "ipc://$run/bus/half-router"
-    until_answered oneshot --unix half.sock
+# The router by hand with a router's checks, and the service on the library, as behind our router: checked.sock.
+start_checked() {
+    local router="ipc://$run/bus/checked-router" service="ipc://$run/bus/checked-service"
+    start bare-router-checked "$road/bare_router" checked.sock "$router" "$service" checked
+    start echo-checked "$road/echo_service" "$service" "$router"
+    until_answered oneshot --unix checked.sock
 }
 
 start_router() { # NAME OPTION...: NAME.sock, NAME.session
@@ -165,7 +166,7 @@ start_ports() {
 
 bare_tcp() { echo_call bare-tcp.sock; }
 bare_ipc() { echo_call bare-ipc.sock; }
-half_ipc() { echo_call half.sock; }
+checked_ipc() { echo_call checked.sock; }
 bare_ports() { ports_call bare-tcp.sock; }
 echo_tcp() { echo_call tcp.sock; }
 echo_ipc() { echo_call ipc.sock; }
@@ -177,9 +178,9 @@ rows_oneshot() {
     start_bare ipc
     start_bus tcp
     compare_calls "one client, a connection a call, empty handler, bus over tcp : bare" ">= 0.85" bare_tcp echo_tcp
-    start_half
+    start_checked
     compare_calls "one client, a connection a call, empty handler, by hand over ipc : bare" "-" bare_tcp bare_ipc
-    compare_calls "the same by hand, but for its service on the library : bare" "-" bare_tcp half_ipc
+    compare_calls "the same with a router's checks, its service on the library : bare" "-" bare_tcp checked_ipc
     start_bus ipc
     compare_calls "one client, a connection a call, empty handler, bus over ipc : bare" ">= 1.05" bare_tcp echo_ipc
     start_direct

@@ -169,7 +169,7 @@ bool Options::read_command_line(int argc, char **argv, bool *finished) {
     *finished = false;
     const std::vector<std::string> others = app.remaining();
     return others.empty() ||
-           complain(others[0][0] == '-' ? "there is no option " + others[0] : "what is '" + others[0] + "'?");
+           complain(others[0][0] == '-' ? "there is no option " + others[0] : "unexpected word '" + others[0] + "'");
 }
 
 /** What is wrong with a line of the daemon's own section; empty when it is as it should be. */

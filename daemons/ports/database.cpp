@@ -63,7 +63,7 @@ std::string where(const Selection &selection) {
     return selection.port == whole_unit ? of_unit : of_unit + " AND port = " + std::to_string(selection.port);
 }
 
-/** A stored number; -1, which stands for nothing in the fleet, when it is none, or none that an int holds. */
+/** A stored number; -1, which stands for nothing in the fleet, when it is no number, or too large for an int. */
 int number_column(sqlite3_stmt *statement, int column) {
     const sqlite3_int64 number = sqlite3_column_int64(statement, column);
     if (sqlite3_column_type(statement, column) != SQLITE_INTEGER || number < INT_MIN || number > INT_MAX) {
@@ -286,7 +286,7 @@ int Database::instant_power(const Selection &selection, int *milliwatts_out) {
         return TAVRIX_ERR_NO_POE;
     }
     if (milliwatts < 0 || milliwatts > INT_MAX) {
-        LOG_ERROR("The database holds %lld for a power, which is none\n", static_cast<long long>(milliwatts));
+        LOG_ERROR("The database holds %lld for a power, which is not valid\n", static_cast<long long>(milliwatts));
         return TAVRIX_ERR_SYSTEM_ACCESS;
     }
     *milliwatts_out = static_cast<int>(milliwatts);

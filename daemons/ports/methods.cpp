@@ -90,7 +90,7 @@ json_t *word_json(int value, const char *const *table, const char *what) {
         ++count;
     }
     if (value < 0 || value >= count) {
-        LOG_ERROR("The database holds %d for a %s, which is none; was it written by another version?\n", value, what);
+        LOG_ERROR("The database holds %d for a %s, which is not valid; was it written by another version?\n", value, what);
         return nullptr;
     }
     return json_string(table[value]);
@@ -108,12 +108,12 @@ json_t *mzu_id_json(int unit) {
     return json_string(text.data());
 }
 
-/** Null when a stored value is none that its table has. */
+/** Null when the table of a stored value has no such value. */
 json_t *port_json(const Port &port) {
     json_t *vlan_ids = json_array();
     for (const int vlan_id : port.vlan_ids) {
         if (vlan_id < 1 || vlan_id > max_vlan_id) {
-            LOG_ERROR("The database holds a VLAN id that is none\n");
+            LOG_ERROR("The database holds an invalid VLAN id\n");
             json_decref(vlan_ids);
             return nullptr;
         }
@@ -140,7 +140,7 @@ int reply_with_list(tavrix_call *call, const char *name, const std::vector<Entry
     Json list(json_array());
     for (const Entry &entry : entries) {
         if (json_array_append_new(list.get(), as_json(entry)) != 0) {
-            return tavrix_call_fail_with(call, TAVRIX_JRPC_DATABASE_ERROR, "The database holds a value that is none.",
+            return tavrix_call_fail_with(call, TAVRIX_JRPC_DATABASE_ERROR, "The database holds an invalid value.",
                                          nullptr);
         }
     }

@@ -306,7 +306,7 @@ TAVRIX_SERVICE_API void tavrix_service_stop(tavrix_service *service);
 /**
  * Releases the service: cancels its requests, answers deferred calls TAVRIX_JRPC_SYSTEM_BUSY as far as that can be
  * written at once, closes its sockets. Not from a handler or a callback: while tavrix_service_run() is on the stack it
- * only stops the service, with a line in the log. A null service is none.
+ * only stops the service, with a line in the log. A null service is passed over.
  */
 TAVRIX_SERVICE_API void tavrix_service_close(tavrix_service *service);
 

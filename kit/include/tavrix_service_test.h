@@ -49,7 +49,7 @@ typedef struct tavrix_service_test tavrix_service_test;
  */
 int tavrix_service_test_open(const tavrix_service_options *options, tavrix_service_test **test_out);
 
-/** Ends the service as SIGTERM does, calls the options' `stop`, and releases everything. A null test is none. */
+/** Ends the service as SIGTERM does, calls the options' `stop`, and releases everything. A null test is passed over. */
 void tavrix_service_test_close(tavrix_service_test *test);
 
 /** The service, for everything that tavrix_service.h has. */

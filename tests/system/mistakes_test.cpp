@@ -317,7 +317,7 @@ TEST_F(Mistakes, AnUnknownOptionOfADaemonIsNamed) {
     for (const char *program : {TAVRIX_ROUTERD, TAVRIX_PORTSD, TAVRIX_EVENTSD}) {
         EXPECT_TRUE(tells(run({program, "--nmae", "x"}), 2, {"there is no option --nmae", " --help'"}));
         EXPECT_TRUE(tells(run({program, "--name"}), 2, {"a value is missing after --name", " --help'"}));
-        EXPECT_TRUE(tells(run({program, "--name", "x", "y"}), 2, {"what is 'y'?", " --help'"}));
+        EXPECT_TRUE(tells(run({program, "--name", "x", "y"}), 2, {"unexpected word 'y'", " --help'"}));
     }
     EXPECT_TRUE(tells(run({TAVRIX_ROUTERD, "--tcp", "99999"}), 2, {"not '99999'", "a number from 0 to 65535"}));
 }

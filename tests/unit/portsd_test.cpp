@@ -580,9 +580,9 @@ TEST_F(PortsService, ShowsNoStoredValueThatIsNone) {
          "in column status what is no number, or none of 32 bits"}, // 1 when cut
         {"ports SET status = 'on'", "ports.Get", R"({"port_id":"d1"})", "in column status what is no number"},
         {"vlan_members SET vlan_id = 4093 WHERE vlan_id = 10", "ports.Get", R"({"port_id":"d1"})",
-         "a VLAN id that is none"},
+         "an invalid VLAN id"},
         {"vlan_members SET vlan_id = 4294967297 WHERE vlan_id = 10", "ports.Get", R"({"port_id":"d1"})",
-         "a VLAN id that is none"},
+         "an invalid VLAN id"},
         {"ports SET poe_status = 5", "ports.Get", R"({"port_id":"d1"})", "5 for a PoE status"},
         {"ports SET link_status = 4", "ports.Get", R"({"port_id":"d1"})", "4 for a link status"},
         {"ports SET link_speed = 7", "ports.Get", R"({"port_id":"d1"})", "7 for a link speed"},
@@ -595,7 +595,7 @@ TEST_F(PortsService, ShowsNoStoredValueThatIsNone) {
     for (const auto &row : rows) {
         sql.run(std::string("UPDATE ") + row.set);
         EXPECT_EQ(code_and_words(call(row.method, row.params)),
-                  code_and_words(TAVRIX_JRPC_DATABASE_ERROR, std::string("The database holds a value that is none.")))
+                  code_and_words(TAVRIX_JRPC_DATABASE_ERROR, std::string("The database holds an invalid value.")))
             << row.set;
         EXPECT_TRUE(driven->logged((std::string("ERROR The database holds ") + row.noun).c_str())) << row.set;
         sql.run("UPDATE ports SET status = 1, poe_status = 0, link_status = 0, link_speed = 0, vlan_mode = 1");

@@ -347,7 +347,7 @@ TEST_F(RouterFairness, BoundsWhatTheSessionsOfOneUserLeaveUnread) {
 }
 
 TEST_F(RouterFairness, BoundsWhatTheOneShotClientsOfOneUserLeaveUnread) {
-    start({"--client-timeout", "86400000"});
+    start({"--client-timeout", "86400000", "--reply-timeout", "86400000"}); // such replies take seconds on a slow machine
     DirectService service;
     const std::string large = "\"" + std::string(size_t{7} * 1024 * 1024, 'x') + "\"";
     std::vector<StreamClient> deaf;
@@ -369,7 +369,7 @@ TEST_F(RouterFairness, BoundsWhatTheOneShotClientsOfOneUserLeaveUnread) {
 }
 
 TEST_F(RouterLimits, CountsNothingAsUnreadThatWentWithItsSession) {
-    start({"--max-in-flight", "4096"});
+    start({"--max-in-flight", "4096", "--reply-timeout", "86400000"});
     const SessionClient of_the_same_user; // keeps the user's account
     const std::string filling = ",\"params\":{\"filling\":\"" + std::string(60000, 'x') + "\"}";
     for (int round = 0; round < 15; ++round) {

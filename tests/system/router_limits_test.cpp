@@ -347,7 +347,8 @@ TEST_F(RouterFairness, BoundsWhatTheSessionsOfOneUserLeaveUnread) {
 }
 
 TEST_F(RouterFairness, BoundsWhatTheOneShotClientsOfOneUserLeaveUnread) {
-    start({"--client-timeout", "86400000", "--reply-timeout", "86400000"}); // such replies take seconds on a slow machine
+    start(
+        {"--client-timeout", "86400000", "--reply-timeout", "86400000"}); // such replies take seconds on a slow machine
     DirectService service;
     const std::string large = "\"" + std::string(size_t{7} * 1024 * 1024, 'x') + "\"";
     std::vector<StreamClient> deaf;

@@ -90,7 +90,8 @@ json_t *word_json(int value, const char *const *table, const char *what) {
         ++count;
     }
     if (value < 0 || value >= count) {
-        LOG_ERROR("The database holds %d for a %s, which is not valid; was it written by another version?\n", value, what);
+        LOG_ERROR("The database holds %d for a %s, which is not valid; was it written by another version?\n", value,
+                  what);
         return nullptr;
     }
     return json_string(table[value]);

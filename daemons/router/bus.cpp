@@ -15,7 +15,6 @@
 #include "tavrix_jrpc.h"
 
 #include <nanomsg/nn.h>
-#include <nanomsg/tcp.h>
 
 namespace router {
 
@@ -71,17 +70,11 @@ struct FreeMessage {
     void operator()(char *message) const { nn_freemsg(message); }
 };
 
-/** Over TCP a small message does not wait for the acknowledgement of the one before. */
-bool send_at_once(int socket) {
-    const int yes = 1;
-    return nn_setsockopt(socket, NN_TCP, NN_TCP_NODELAY, &yes, sizeof yes) == 0;
-}
-
 } // namespace
 
 bool Bus::open(event_base *base, const std::vector<std::string> &publish) {
     const mode_t before = umask(for_the_group); // who may enter the folder may also connect
-    bool bound = tavrix_mq_socket_init(TAVRIX_SP_PUB, pub_.place()) == TAVRIX_OK && send_at_once(pub_.get());
+    bool bound = tavrix::open_bus_socket(TAVRIX_SP_PUB, pub_.place());
     for (const std::string &address : publish) {
         int endpoint = 0;
         if (!bound || tavrix_mq_socket_bind(pub_.get(), transport_of(address), address.c_str(), &endpoint) != 0) {
@@ -99,7 +92,7 @@ bool Bus::open(event_base *base, const std::vector<std::string> &publish) {
     }
     umask(before);
     int descriptor = -1;
-    if (!bound || tavrix_mq_socket_init(TAVRIX_SP_SUB, sub_.place()) != TAVRIX_OK || !send_at_once(sub_.get()) ||
+    if (!bound || !tavrix::open_bus_socket(TAVRIX_SP_SUB, sub_.place()) ||
         nn_setsockopt(sub_.get(), NN_SOL_SOCKET, NN_RCVMAXSIZE, &largest_message, sizeof largest_message) != 0 ||
         tavrix_mq_socket_subscribe(sub_.get(), TAVRIX_ROUTER_REPLY_CHANNEL) != TAVRIX_OK ||
         tavrix_mq_socket_recvfd(sub_.get(), &descriptor) != TAVRIX_OK) {

@@ -9,7 +9,6 @@
 
 #include <arpa/inet.h>
 #include <nanomsg/nn.h>
-#include <nanomsg/tcp.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -55,19 +54,13 @@ bool note_published(Bus *bus, const char *address) {
     return true;
 }
 
-/** Over TCP a small message does not wait for the acknowledgement of the one before. */
-bool send_at_once(int socket) {
-    const int yes = 1;
-    return nn_setsockopt(socket, NN_TCP, NN_TCP_NODELAY, &yes, sizeof yes) == 0;
-}
-
 /** Binds the publisher to an address more; errno tells why not. */
 bool bind_publisher(tavrix_service *service, const char *address) {
     Bus *bus = &service->bus;
     if (is_published(bus, address)) {
         return true;
     }
-    if (bus->pub < 0 && (tavrix_mq_socket_init(TAVRIX_SP_PUB, &bus->pub) != TAVRIX_OK || !send_at_once(bus->pub))) {
+    if (bus->pub < 0 && !tavrix::open_bus_socket(TAVRIX_SP_PUB, &bus->pub)) {
         return false;
     }
     int id = 0;
@@ -208,8 +201,7 @@ bool subscribe(tavrix_service *service) {
     if (bus->sub >= 0) {
         return true;
     }
-    const bool made = tavrix_mq_socket_init(TAVRIX_SP_SUB, &bus->sub) == TAVRIX_OK &&
-                      receive_large_messages(bus->sub) &&
+    const bool made = tavrix::open_bus_socket(TAVRIX_SP_SUB, &bus->sub) && receive_large_messages(bus->sub) &&
                       tavrix_mq_socket_subscribe(bus->sub, service->channel) == TAVRIX_OK &&
                       (std::strcmp(service->channel, TAVRIX_CHANNEL_DEFAULT) == 0 ||
                        tavrix_mq_socket_subscribe(bus->sub, TAVRIX_CHANNEL_DEFAULT) == TAVRIX_OK);

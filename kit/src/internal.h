@@ -21,6 +21,7 @@
 #include "common/handles.h"
 #include "common/message.h"
 #include "common/names.h"
+#include "common/sockets.h"
 #include "common/text.h"
 #include "internal/log.h"
 #include "tavrix_service.h"

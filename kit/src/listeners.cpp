@@ -468,7 +468,7 @@ uint64_t tavrix_service_listen_pull(tavrix_service *service, const char *address
     int sock = -1;
     int id = 0;
     int descriptor = -1;
-    if (tavrix_mq_socket_init(TAVRIX_SP_PULL, &sock) != TAVRIX_OK) {
+    if (!tavrix::open_bus_socket(TAVRIX_SP_PULL, &sock)) {
         return cannot_listen(address, bus_error());
     }
     if (!receive_large_messages(sock) || tavrix_mq_socket_bind(sock, transport, address, &id) != TAVRIX_OK ||

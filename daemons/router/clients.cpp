@@ -1,5 +1,6 @@
 /** The router's clients: who comes in, whose turn it is, who goes. */
 #include <iterator>
+#include <utility>
 
 #include <sys/socket.h>
 
@@ -86,12 +87,14 @@ void Router::bury(Client &client) {
 
 void Router::on_session_end(Session &session) {
     sessions_.remove(&session);
+    session.subscribed.clear();
+    session.monitored.clear();
+    listen_for(session);
     if (session.service != nullptr) {
         Service &service = *session.service;
         session.service = nullptr;
         gone(service);
     }
-    listen_as_wanted();
 }
 
 void Router::flush_later(Session &session) {
@@ -137,6 +140,14 @@ void Router::serve(Client &client) {
     }
 }
 
+void Router::serve_newcomer(Client &client) {
+    if (std::exchange(has_newcomer_, true)) {
+        wait_for_turn(client);
+    } else {
+        serve(client);
+    }
+}
+
 void Router::wait_for_turn(Client &client) {
     if (!client.is_waiting) {
         turns_.wait(client);
@@ -168,7 +179,7 @@ void Router::on_turn_end(evutil_socket_t /*descriptor*/, short /*what*/, void *c
     }
     self->to_flush_.clear();
     self->graveyard_.clear();
-    self->is_turn_ending_ = false;
+    self->is_turn_ending_ = self->has_newcomer_ = false;
     if (is_any_waiting) {
         add_after(self->turn_end_, milliseconds(0)); // behind whatever has come for others meanwhile
     }

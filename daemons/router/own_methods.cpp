@@ -333,7 +333,7 @@ int Router::on_subscribe(Own &own) {
         return TAVRIX_JRPC_INVALID_PARAMS;
     }
     session.subscribed = std::move(wanted);
-    listen_as_wanted();
+    listen_for(session);
     return 0;
 }
 
@@ -348,7 +348,7 @@ int Router::on_unsubscribe(Own &own) {
         const auto end = session.subscribed.end();
         session.subscribed.erase(std::remove(session.subscribed.begin(), end, pattern), end);
     }
-    listen_as_wanted();
+    listen_for(session);
     return 0;
 }
 
@@ -360,7 +360,7 @@ int Router::on_monitor(Own &own) {
         return TAVRIX_JRPC_INVALID_PARAMS;
     }
     session.monitored = std::move(patterns);
-    listen_as_wanted();
+    listen_for(session);
     return 0;
 }
 

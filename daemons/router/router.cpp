@@ -612,7 +612,7 @@ void Router::take_frame(std::string_view channel, std::string_view text) {
     if (!is_plain(method) || is_for_router_to_say(method)) {
         return; // no method, or one that the router alone may use
     }
-    const bool is_wanted = std::any_of(sessions_.begin(), sessions_.end(), [&method](const Session *session) {
+    const bool is_wanted = std::any_of(listening_.begin(), listening_.end(), [&method](const Session *session) {
         return matches_any(session->subscribed, method) || matches_any(session->monitored, method);
     });
     if (is_wanted) {
@@ -823,11 +823,14 @@ Json Router::describe(const Service &service) const {
 
 // --- Notifications and monitors ------------------------------------------------------------------------------------
 
-/** Nothing is copied while nobody asks. */
-void Router::listen_as_wanted() {
-    bus_.listen_to_everything(std::any_of(sessions_.begin(), sessions_.end(), [](const Session *session) {
-        return !session->subscribed.empty() || !session->monitored.empty();
-    }));
+/** Nothing is copied while nobody asks, and the sessions that do not ask, a thousand perhaps, cost a call nothing. */
+void Router::listen_for(Session &session) {
+    const auto end = listening_.end();
+    listening_.erase(std::remove(listening_.begin(), end, &session), end);
+    if (!session.subscribed.empty() || !session.monitored.empty()) {
+        listening_.push_back(&session);
+    }
+    bus_.listen_to_everything(!listening_.empty());
 }
 
 void Router::take_notification(const Message &notification, Service *from) {
@@ -842,7 +845,7 @@ void Router::take_notification(const Message &notification, Service *from) {
 void Router::deliver_notification(const Message &notification, const std::string &method, const Service *from) {
     show_traffic("notification", nullptr, method, from, nullptr, notification.value.get());
     std::string line;
-    for (Session *session : sessions_) {
+    for (Session *session : listening_) {
         if (!matches_any(session->subscribed, method)) {
             continue;
         }
@@ -856,7 +859,7 @@ void Router::deliver_notification(const Message &notification, const std::string
 }
 
 bool Router::is_monitored(const std::string &method) const {
-    return std::any_of(sessions_.begin(), sessions_.end(),
+    return std::any_of(listening_.begin(), listening_.end(),
                        [&method](const Session *session) { return matches_any(session->monitored, method); });
 }
 
@@ -882,7 +885,7 @@ void Router::show_traffic(const char *leg, const Call *call, const std::string &
     }
     const Json traffic = make_notification(names::traffic, std::move(params));
     const std::string line(render(traffic.get()));
-    for (Session *session : sessions_) {
+    for (Session *session : listening_) {
         if (matches_any(session->monitored, method)) {
             session->send_notification(line);
         }

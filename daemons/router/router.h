@@ -75,6 +75,8 @@ class Router {
     std::shared_ptr<Account> account_for(const Peer &peer);
     /** Serves the client now or, when its user's part of this turn is used up, in the next. */
     void serve(Client &client);
+    /** The first of a turn, mostly the only one, is served now; more wait for its end, so that users alternate. */
+    void serve_newcomer(Client &client);
     /** Remembers a client that has more to do than its turn had time for. */
     void wait_for_turn(Client &client);
     bool is_turn_over(const Client &client) const;
@@ -176,7 +178,8 @@ class Router {
     Json describe(const Service &service) const;
 
     // Notifications and monitors
-    void listen_as_wanted();
+    /** To be called whenever the session's wishes have changed. */
+    void listen_for(Session &session);
     void deliver_notification(const Message &notification, const std::string &method, const Service *from);
     bool is_monitored(const std::string &method) const;
     void show_traffic(const char *leg, const Call *call, const std::string &method, const Service *service,
@@ -225,10 +228,12 @@ class Router {
     Turns turns_;
     daemon_support::Clock::time_point serving_since_;
     bool is_turn_ending_ = false;
+    bool has_newcomer_ = false;
     Shares reloads_; ///< in this second, by whom
     daemon_support::Clock::time_point reloads_since_;
     std::vector<Session *> to_flush_;
     std::list<Session *> sessions_;
+    std::vector<Session *> listening_; ///< those that have subscribed, or monitor
     std::unordered_map<int, std::unique_ptr<Call>> calls_;
     std::string discovered_; ///< what rpc.discover answers, as JSON; empty when that has changed
     std::string metrics_;    ///< what router.Metrics answers, for a moment

@@ -92,7 +92,7 @@ Json make_error(int jrpc_code, const json_t *request, Json data) {
     return with_transaction_id(std::move(message), json_object_get(request, "transaction_id"));
 }
 
-bool matches_any(const std::vector<std::string> &patterns, std::string_view method) {
+bool matches_any(const Patterns &patterns, std::string_view method) {
     return std::any_of(patterns.begin(), patterns.end(),
                        [method](const std::string &pattern) { return matches(pattern, method); });
 }

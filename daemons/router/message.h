@@ -59,7 +59,11 @@ inline Json make_notification(const char *method, Json params) {
 inline bool matches(std::string_view pattern, std::string_view method) {
     return tavrix::matches(pattern.data(), pattern.size(), method.data(), method.size());
 }
-bool matches_any(const std::vector<std::string> &patterns, std::string_view method);
+using Patterns = std::vector<std::string>;
+bool matches_any(const Patterns &patterns, std::string_view method);
+
+/** Whether the method is one that the router answers itself, or JSON-RPC reserves: `rpc.discover` is the router's. */
+inline bool is_reserved(std::string_view method) { return matches("router.*", method) || matches("rpc.*", method); }
 
 /** A message that has come: its values, and what was written; without text where only the values are at hand. */
 struct Message {

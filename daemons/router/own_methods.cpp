@@ -2,7 +2,7 @@
  * The methods that the router answers itself.
  */
 #include <algorithm>
-#include <cstring>
+#include <iterator>
 
 #include "router.h"
 #include "tavrix_jrpc.h"
@@ -227,8 +227,7 @@ std::string Router::read_registration(const json_t *params, Service *wanted) con
     }
     const auto elsewhere =
         std::find_if(wanted->methods.begin(), wanted->methods.end(), [wanted](const std::string &method) {
-            return method.rfind("router.", 0) == 0 || method.rfind("rpc.", 0) == 0 ||
-                   channel_of(method) != wanted->channel;
+            return is_reserved(method) || channel_of(method) != wanted->channel;
         });
     return elsewhere == wanted->methods.end() ? "" : "methods: " + *elsewhere + " is not of this channel";
 }
@@ -318,50 +317,40 @@ int Router::on_register(Own &own) {
 
 // --- Notifications and monitors ------------------------------------------------------------------------------------
 
-int Router::on_subscribe(Own &own) {
+/** Gives the session the list that the change has made of its own and of the request's patterns. */
+int Router::change_patterns(Own &own, Patterns Session::*list, void (*change)(Patterns &list, const Patterns &given)) {
     auto &session = static_cast<Session &>(own.client);
-    std::vector<std::string> patterns;
-    std::vector<std::string> wanted = session.subscribed;
-    const bool readable = read_texts(json_object_get(own.params, "methods"), max_patterns, max_pattern, &patterns);
-    for (std::string &pattern : patterns) {
-        if (std::find(wanted.begin(), wanted.end(), pattern) == wanted.end()) {
-            wanted.push_back(std::move(pattern));
-        }
-    }
+    Patterns given;
+    Patterns wanted = session.*list;
+    const bool readable = read_texts(json_object_get(own.params, "methods"), max_patterns, max_pattern, &given);
+    change(wanted, given);
     if (!readable || wanted.size() > max_patterns) {
         own.problem = "methods: at most 64 patterns of at most 128 bytes";
         return TAVRIX_JRPC_INVALID_PARAMS;
     }
-    session.subscribed = std::move(wanted);
+    session.*list = std::move(wanted);
     listen_for(session);
     return 0;
+}
+
+int Router::on_subscribe(Own &own) {
+    return change_patterns(own, &Session::subscribed, [](Patterns &list, const Patterns &given) {
+        std::copy_if(given.begin(), given.end(), std::back_inserter(list), [&list](const std::string &pattern) {
+            return std::find(list.begin(), list.end(), pattern) == list.end();
+        });
+    });
 }
 
 int Router::on_unsubscribe(Own &own) {
-    auto &session = static_cast<Session &>(own.client);
-    std::vector<std::string> patterns;
-    if (!read_texts(json_object_get(own.params, "methods"), max_patterns, max_pattern, &patterns)) {
-        own.problem = "methods: at most 64 patterns of at most 128 bytes";
-        return TAVRIX_JRPC_INVALID_PARAMS;
-    }
-    for (const std::string &pattern : patterns) {
-        const auto end = session.subscribed.end();
-        session.subscribed.erase(std::remove(session.subscribed.begin(), end, pattern), end);
-    }
-    listen_for(session);
-    return 0;
+    return change_patterns(own, &Session::subscribed, [](Patterns &list, const Patterns &given) {
+        for (const std::string &pattern : given) {
+            list.erase(std::remove(list.begin(), list.end(), pattern), list.end());
+        }
+    });
 }
 
 int Router::on_monitor(Own &own) {
-    auto &session = static_cast<Session &>(own.client);
-    std::vector<std::string> patterns;
-    if (!read_texts(json_object_get(own.params, "methods"), max_patterns, max_pattern, &patterns)) {
-        own.problem = "methods: at most 64 patterns of at most 128 bytes";
-        return TAVRIX_JRPC_INVALID_PARAMS;
-    }
-    session.monitored = std::move(patterns);
-    listen_for(session);
-    return 0;
+    return change_patterns(own, &Session::monitored, [](Patterns &list, const Patterns &given) { list = given; });
 }
 
 } // namespace router

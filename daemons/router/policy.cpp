@@ -19,7 +19,6 @@ namespace router {
 namespace {
 
 constexpr char unit_name[] = "policy";
-constexpr char own_prefix[] = "router.";
 
 /** What `*` alone does not cover. */
 constexpr const char *restricted[] = {names::lock, names::unlock, names::register_service, names::bus, names::monitor};
@@ -30,7 +29,7 @@ bool is_restricted(std::string_view method) {
 }
 
 bool covers(const std::string &pattern, std::string_view method) {
-    return matches(pattern, method) && (!is_restricted(method) || pattern.rfind(own_prefix, 0) == 0);
+    return matches(pattern, method) && (!is_restricted(method) || matches("router.*", pattern));
 }
 
 /** As methods are named here: printable, without blanks, a `*` at the end only. */

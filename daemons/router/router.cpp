@@ -33,9 +33,7 @@ constexpr char unit_name[] = "router";
 constexpr milliseconds probe_interval{200};
 constexpr milliseconds time_unwatched{20};
 constexpr std::chrono::seconds probe_time{5};
-constexpr size_t most_reloads = 20; // a second
-constexpr char own_prefix[] = "router.";
-constexpr char reserved_prefix[] = "rpc.";                         // by JSON-RPC; one of them is the router's
+constexpr size_t most_reloads = 20;                                // a second
 constexpr char reply_id[] = "\"" TAVRIX_ROUTER_REPLY_CHANNEL "\""; // what a service gets for the client's
 Router *the_router = nullptr;
 
@@ -111,9 +109,7 @@ Json id_and_transaction_id(const Json &id, json_t *transaction_id) {
 }
 
 /** Sessions take these for the router's own word: nobody else may say them. */
-bool is_for_router_to_say(const std::string &method) {
-    return method.rfind(own_prefix, 0) == 0 || method == names::cancel;
-}
+bool is_for_router_to_say(const std::string &method) { return matches("router.*", method) || method == names::cancel; }
 
 double seconds_since(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
 
@@ -271,7 +267,7 @@ void Router::take_request(Client &client, Message message, const BatchPlace &bat
     const std::string refusal = find_refusal(client, method, request, &code);
     if (code != 0) {
         refuse(client, request, code, refusal, batch);
-    } else if (method.rfind(own_prefix, 0) == 0 || method.rfind(reserved_prefix, 0) == 0) {
+    } else if (is_reserved(method)) {
         if (!run_own(client, method, request, batch)) {
             LOG_FOREIGN("Refused %s\n", printable(method).c_str());
             refuse(client, request, TAVRIX_JRPC_METHOD_NOT_FOUND, "the router has no such method", batch);

@@ -186,6 +186,7 @@ class Router {
                       const char *outcome, json_t *message);
 
     // The router's own methods
+    int change_patterns(Own &own, Patterns Session::*list, void (*change)(Patterns &list, const Patterns &given));
     int on_status(Own &own);
     int on_metrics(Own &own);
     int on_lock(Own &own);

@@ -45,8 +45,8 @@ class Session final : public Client {
     void flush();
 
     Service *service = nullptr; ///< when it has registered as one
-    std::vector<std::string> subscribed;
-    std::vector<std::string> monitored;
+    Patterns subscribed;
+    Patterns monitored;
     bool is_to_flush = false;
 
   private:

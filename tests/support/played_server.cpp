@@ -1,10 +1,8 @@
 #include "support/played_server.h"
 
-#include <cstring>
 #include <stdexcept>
 
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include "support/stream.h"
@@ -12,11 +10,9 @@
 namespace support {
 
 PlayedServer::PlayedServer(const std::string &answer) : fd_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strcpy(address.sun_path, "played.sock");
+    const sockaddr_un address = unix_address("played.sock");
     unlink(address.sun_path);
-    if (bind(fd_, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0 || listen(fd_, 1) != 0) {
+    if (bind(fd_, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0 || listen(fd_, 1) != 0) {
         throw std::runtime_error("cannot listen on played.sock");
     }
     server_ = std::thread([fd = fd_, answer] {

@@ -13,12 +13,11 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include "support/bus.h"
+#include "kit/support/played_router.h"
+#include "support/fleet.h"
 #include "support/json.h"
 #include "support/process.h"
 #include "support/session.h"
-#include "tavrix.h"
-#include "tavrix_service.h"
 
 namespace {
 
@@ -51,22 +50,19 @@ void on_end(tavrix_service * /*service*/, const tavrix_answer *answer, void * /*
     }
 }
 
-int times_said(const std::string &text, const std::string &part) {
-    int count = 0;
-    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
-        ++count;
-    }
-    return count;
-}
-
 // --- Handlers ---
 
-struct Pending {
-    uint64_t call;
-};
-void on_other(tavrix_service *service, const tavrix_answer *answer, void *user) {
-    const std::unique_ptr<Pending> pending(static_cast<Pending *>(user));
-    tavrix_call_pass_on(tavrix_service_deferred(service, pending->call), answer);
+/** Asks for what the call is to be answered with. */
+int ask_for(tavrix_call *call, const char *method, json_t *params) {
+    auto *pending = new uint64_t(tavrix_call_defer(call, nullptr, nullptr));
+    tavrix_service_request(
+        tavrix_call_service(call), method, params, 20000,
+        [](tavrix_service *service, const tavrix_answer *answer, void *user) {
+            const std::unique_ptr<uint64_t> number(static_cast<uint64_t *>(user));
+            tavrix_call_pass_on(tavrix_service_deferred(service, *number), answer);
+        },
+        pending);
+    return 0;
 }
 /** Counts down by asking the other service for the rest of it. */
 int down(tavrix_call *call) {
@@ -74,11 +70,9 @@ int down(tavrix_call *call) {
     if (left == 0) {
         return tavrix_call_reply(call, json_integer(0));
     }
-    auto *pending = new Pending{tavrix_call_defer(call, nullptr, nullptr)};
     const std::string own = tavrix_service_name(tavrix_call_service(call));
-    tavrix_service_request(tavrix_call_service(call), own == "left" ? "right.Down" : "left.Down",
-                           json_pack("{s:i}", "n", static_cast<int>(left) - 1), 20000, on_other, pending);
-    return 0;
+    return ask_for(call, own == "left" ? "right.Down" : "left.Down",
+                   json_pack("{s:i}", "n", static_cast<int>(left) - 1));
 }
 int never(tavrix_call *call) {
     tavrix_call_defer(
@@ -103,42 +97,25 @@ int twice(tavrix_call *call) {
     return 0;
 }
 
-/** A text of n characters. */
-int fill(tavrix_call *call) {
-    const auto size = static_cast<size_t>(tavrix_call_integer(call, "n"));
-    return tavrix_call_reply(call, json_string(std::string(size, 'x').c_str()));
-}
-/** n arrays within each other. */
-int nest(tavrix_call *call) {
-    json_t *value = json_array();
-    for (int64_t left = tavrix_call_integer(call, "n"); left > 1; --left) {
-        value = json_pack("[o]", value);
-    }
-    return tavrix_call_reply(call, value);
-}
 /** Waits until the test answers it. */
 int hold(tavrix_call *call) {
     seen.held.emplace_back(tavrix_call_defer(call, nullptr, nullptr), tavrix_call_integer(call, "n"));
     return TAVRIX_OK;
 }
 /** Asks its own service, and answers what that answers. */
-int ask_itself(tavrix_call *call) {
-    auto *pending = new Pending{tavrix_call_defer(call, nullptr, nullptr)};
-    tavrix_service_request(tavrix_call_service(call), "t.Twice", nullptr, 20000, on_other, pending);
-    return 0;
-}
+int ask_itself(tavrix_call *call) { return ask_for(call, "t.Twice", nullptr); }
 
 const tavrix_service_param count[] = {TAVRIX_PARAM("n", TAVRIX_KIND_INTEGER, "", 0), TAVRIX_PARAM_END};
-const tavrix_service_method left_methods[] = {TAVRIX_METHOD("left.Down", down, "", count, nullptr, 0),
-                                              TAVRIX_METHOD_END};
-const tavrix_service_method right_methods[] = {TAVRIX_METHOD("right.Down", down, "", count, nullptr, 0),
-                                               TAVRIX_METHOD_END};
+const support::OneMethod left_down("left.Down", down, count);
+const support::OneMethod right_down("right.Down", down, count);
+const tavrix_service_method *const left_methods = left_down.table;
+const tavrix_service_method *const right_methods = right_down.table;
 const tavrix_service_method t_methods[] = {
     TAVRIX_METHOD("t.Never", never, "", nullptr, nullptr, 0),
     TAVRIX_METHOD("t.Late", late, "", nullptr, nullptr, 0),
     TAVRIX_METHOD("t.Twice", twice, "", nullptr, nullptr, 0),
-    TAVRIX_METHOD("t.Fill", fill, "", count, nullptr, 0),
-    TAVRIX_METHOD("t.Nest", nest, "", count, nullptr, 0),
+    TAVRIX_METHOD("t.Fill", support::fill, "", count, nullptr, 0),
+    TAVRIX_METHOD("t.Nest", support::nest, "", count, nullptr, 0),
     TAVRIX_METHOD("t.Hold", hold, "", count, nullptr, 0),
     TAVRIX_METHOD("t.AskItself", ask_itself, "", nullptr, nullptr, 0),
     TAVRIX_METHOD_END,
@@ -162,20 +139,13 @@ class Lives : public testing::Test {
                             "[logging_levels]\npeer=info\nrouterd=info\nt=off\nleft=off\nright=off\n");
     }
 
-    void start_router(const std::string &reply_timeout_ms = "20000", const std::vector<std::string> &more = {}) {
-        std::vector<std::string> arguments{TAVRIX_ROUTERD,     "--socket",        "router.sock",
-                                           "--session",        "session.sock",    "--publish",
-                                           "ipc://bus/router", "--reply-timeout", reply_timeout_ms};
-        arguments.insert(arguments.end(), more.begin(), more.end());
-        router_ = std::make_unique<Process>("routerd", arguments);
-        ASSERT_TRUE(router_->says("routerd ready")) << router_->log();
+    void start_router(const std::string &reply_timeout_ms = "20000", std::vector<std::string> more = {}) {
+        more.insert(more.end(), {"--reply-timeout", reply_timeout_ms});
+        router_ = support::started_router("ipc://bus/router", more);
     }
     void start_peer(const std::vector<std::string> &more = {}) {
         peer_.reset();
-        std::vector<std::string> arguments{PEER_SERVICE, "--session", "session.sock"};
-        arguments.insert(arguments.end(), more.begin(), more.end());
-        peer_ = std::make_unique<Process>("peer", arguments);
-        ASSERT_TRUE(peer_->says("peer ready")) << peer_->log();
+        peer_ = support::started("peer", {PEER_SERVICE, "--session", "session.sock"}, more);
     }
     Service start(const char *name, const tavrix_service_method *methods, unsigned flags = 0) {
         tavrix_service_options options{};
@@ -199,8 +169,15 @@ class Lives : public testing::Test {
     static void request(const Service &service, const char *method, json_t *params = nullptr) {
         EXPECT_NE(tavrix_service_request(service.get(), method, params, 20000, on_end, nullptr), 0U);
     }
-    std::string status() const {
-        return support::SessionClient().ask(R"({"jsonrpc":"2.0","method":"router.Status","id":1})");
+    std::string status() const { return support::SessionClient().ask(support::request("router.Status", "1")); }
+    void wait_for_calls_in_flight(size_t calls) {
+        const std::string shown = "\"in_flight\":" + std::to_string(calls);
+        ASSERT_TRUE(wait([&] { return status().find(shown) != std::string::npos; })) << status();
+    }
+    /** Until so many calls of all services have ended. */
+    void wait_for_ends(size_t calls) {
+        ASSERT_TRUE(wait([calls] { return seen.results.size() + seen.ends.size() == calls; }))
+            << seen.results.size() << " results, " << seen.ends.size() << " other ends";
     }
 
     std::unique_ptr<event_base, FreeBase> base_{event_base_new()};
@@ -222,7 +199,7 @@ TEST_F(Lives, TwoServicesThatCallEachOtherAtOnceAreBothAnswered) {
         request(left, "right.Down", json_pack("{s:i}", "n", 9));
         request(right, "left.Down", json_pack("{s:i}", "n", 9));
     }
-    EXPECT_TRUE(wait([&] { return seen.results.size() + seen.ends.size() == both; })) << seen.results.size();
+    wait_for_ends(both);
     EXPECT_EQ(seen.ends, Ends{});
 }
 
@@ -231,8 +208,7 @@ TEST_F(Lives, AServiceThatCallsItselfIsAnswered) {
     const Service service = start("t", t_methods);
     const Service left = start("left", left_methods);
     request(left, "t.AskItself");
-    EXPECT_TRUE(wait([] { return seen.results.size() + seen.ends.size() == 1; }));
-    EXPECT_EQ(seen.ends, Ends{});
+    wait_for_ends(1);
     EXPECT_EQ(seen.results, std::vector<int>{1});
     EXPECT_EQ(seen.caller.pid, getpid());
 }
@@ -296,11 +272,11 @@ class AnswersBeside : public Lives, public testing::WithParamInterface<Room> {
   protected:
     /** How a call of a method with this n ends. */
     std::string end_of(const Service &caller, const char *method, int n) {
-        const size_t before = seen.results.size() + seen.ends.size();
-        const size_t failed = seen.ends.size();
+        seen.results.clear();
+        seen.ends.clear();
         request(caller, method, json_pack("{s:i}", "n", n));
-        EXPECT_TRUE(wait([before] { return seen.results.size() + seen.ends.size() > before; }));
-        return seen.ends.size() > failed ? seen.ends.back() : "result";
+        wait_for_ends(1);
+        return seen.ends.empty() ? "result" : seen.ends.back();
     }
 };
 
@@ -338,8 +314,8 @@ TEST_F(Lives, ARequestOf65535BytesIsServedAndNoLongerOneIsMade) {
     }
     // Braces, names and its id, of at most three digits here, are the rest of it.
     EXPECT_GT(largest, 65535U - 80);
-    EXPECT_TRUE(wait([] { return seen.results.size() + seen.ends.size() == 1; }));
-    EXPECT_EQ(seen.ends, Ends{});
+    wait_for_ends(1);
+    EXPECT_EQ(seen.results, std::vector<int>{1});
     EXPECT_EQ(seen.served_twice, 1);
 }
 
@@ -349,24 +325,15 @@ TEST_F(Lives, AServiceThatIsKilledEndsItsCallsBothWaysAndServesAgain) {
     const Service service = start("t", t_methods);
     request(service, "x.Never");
     request(service, "x.Ask"); // which asks t.Never
-    ASSERT_TRUE(wait([&] {
-        return tavrix_service_deferred(service.get(), 0) == nullptr &&
-               status().find("\"in_flight\":3") != std::string::npos;
-    })) << status();
+    wait_for_calls_in_flight(3);
     peer_->signal(SIGKILL);
-    EXPECT_TRUE(wait([] { return seen.ends.size() == 2 && seen.abandoned == 1; }))
-        << seen.ends.size() << ' ' << seen.abandoned;
+    wait_for_ends(2);
+    EXPECT_TRUE(wait([] { return seen.abandoned == 1; }));
     EXPECT_EQ(seen.ends, (Ends{"gone -32601", "gone -32601"}));
     start_peer();
-    tavrix_service_request(
-        service.get(), "x.Echo", nullptr, 20000,
-        [](tavrix_service * /*service*/, const tavrix_answer *answer, void * /*user*/) {
-            seen.ends.emplace_back(json_string_value(answer->result) != nullptr ? json_string_value(answer->result)
-                                                                                : describe(answer));
-        },
-        nullptr);
-    EXPECT_TRUE(wait([] { return seen.ends.size() == 3; }));
-    EXPECT_EQ(seen.ends.back(), "peer");
+    request(service, "x.Echo");
+    wait_for_ends(3);
+    EXPECT_EQ(seen.results, std::vector<int>{3});
 }
 
 TEST_F(Lives, TheRoutersDeathEndsCallsBothWaysAndItsReturnIsNoticed) {
@@ -374,15 +341,16 @@ TEST_F(Lives, TheRoutersDeathEndsCallsBothWaysAndItsReturnIsNoticed) {
     const Service left = start("left", left_methods);
     const Service service = start("t", t_methods);
     request(left, "t.Never");
-    ASSERT_TRUE(wait([&] { return status().find("\"in_flight\":1") != std::string::npos; })) << status();
+    wait_for_calls_in_flight(1);
     router_->signal(SIGKILL);
     router_->wait();
     EXPECT_TRUE(wait([] { return seen.ends.size() == 1 && seen.abandoned == 1; }));
     EXPECT_EQ(seen.ends, Ends{"gone -32601"});
+    seen.ends.clear();
     start_router();
     ASSERT_TRUE(wait([&] { return tavrix_service_is_ready(left.get()) && tavrix_service_is_ready(service.get()); }));
     request(left, "t.Twice");
-    EXPECT_TRUE(wait([] { return seen.results.size() == 1; }));
+    wait_for_ends(1);
 }
 
 TEST_F(Lives, AServiceOnTheBusThatEndsHasAnsweredWhatIsInFlight) {
@@ -396,9 +364,9 @@ TEST_F(Lives, AServiceOnTheBusThatEndsHasAnsweredWhatIsInFlight) {
         for (size_t i = 0; i < calls; ++i) {
             request(service, "x.Never");
         }
-        ASSERT_TRUE(wait([&] { return status().find("\"in_flight\":20") != std::string::npos; })) << status();
+        wait_for_calls_in_flight(calls);
         peer_->signal(SIGTERM);
-        ASSERT_TRUE(wait([] { return seen.ends.size() == calls; })) << seen.ends.size();
+        wait_for_ends(calls);
         EXPECT_EQ(seen.ends, Ends(calls, "error -32014")) << "in round " << round;
         EXPECT_EQ(peer_->wait(), 0);
     }
@@ -473,7 +441,7 @@ TEST_F(Lives, ASecondInstanceThatIsRefusedLeavesNoSocketBehind) {
     for (int round = 0; round < rounds; ++round) {
         const support::Finished finished = support::run(demanding);
         EXPECT_EQ(finished.status, 1);
-        EXPECT_NE(finished.diagnostics.find("is registered already"), std::string::npos) << finished.diagnostics;
+        EXPECT_TRUE(support::holds(finished.diagnostics, "is registered already"));
         EXPECT_FALSE(std::filesystem::exists("second"));
         Process patient("patient", second);
         ASSERT_TRUE(patient.says("is registered already"));
@@ -489,16 +457,13 @@ TEST_F(Lives, ARouterAndServicesFromOtherFoldersFindEachOther) {
     const std::filesystem::path here = std::filesystem::current_path();
     std::filesystem::create_directory("elsewhere");
     std::filesystem::current_path("elsewhere");
-    router_ = std::make_unique<Process>(
-        "routerd", std::vector<std::string>{TAVRIX_ROUTERD, "--socket", "../router.sock", "--session",
-                                            "../session.sock", "--publish", "ipc://bus/router"});
-    ASSERT_TRUE(router_->says("routerd ready")) << router_->log();
+    router_ = support::started_router("ipc://bus/router", {}, "../");
     std::filesystem::current_path(here);
     start_peer({"--bus"});
     EXPECT_TRUE(std::filesystem::exists("elsewhere/bus/peer"));
     start_peer({"--bus", "--publish", "ipc://peer-here"});
     EXPECT_TRUE(std::filesystem::exists("peer-here"));
-    EXPECT_NE(status().find("ipc://" + here.string() + "/peer-here"), std::string::npos) << status();
+    EXPECT_TRUE(support::holds(status(), "ipc://" + here.string() + "/peer-here"));
 }
 
 TEST_F(Lives, TheSocketForSingleRequestsIsToldFromTheSessionsOne) {
@@ -507,7 +472,7 @@ TEST_F(Lives, TheSocketForSingleRequestsIsToldFromTheSessionsOne) {
                              "by --session or TAVRIX_SESSION";
     const support::Finished demanding = support::run({PEER_SERVICE, "--session", "router.sock", "--need-router"});
     EXPECT_EQ(demanding.status, 1);
-    EXPECT_NE(demanding.diagnostics.find(told), std::string::npos) << demanding.diagnostics;
+    EXPECT_TRUE(support::holds(demanding.diagnostics, told));
     const Process patient("patient", {PEER_SERVICE, "--session", "router.sock"});
     ASSERT_TRUE(patient.says(told)) << patient.log();
     json_t *answer = nullptr;
@@ -519,8 +484,8 @@ TEST_F(Lives, LateAnswersAreRefusedSecondOnesTooAndNoneIsATimeOut) {
     const Service service = start("t", t_methods);
     const Service left = start("left", left_methods);
     request(left, "t.Twice");
-    ASSERT_TRUE(wait([] { return seen.results.size() == 1; }));
-    EXPECT_EQ(seen.results.front(), 1);
+    wait_for_ends(1);
+    EXPECT_EQ(seen.results, std::vector<int>{1});
     EXPECT_EQ(seen.second_reply, TAVRIX_ERR_NO_RECORDS);
     request(left, "t.Never");
     request(left, "t.Late");
@@ -554,8 +519,8 @@ TEST_F(Lives, AServiceThatDoesNotReadIsToldHowManyNotificationsItHasLost) {
     for (uint64_t i = 0; i < flood; ++i) {
         ASSERT_TRUE(publish("events.Told", filling));
     }
-    publisher.say(R"({"jsonrpc":"2.0","method":"router.Status","id":"taken"})");
-    ASSERT_NE(publisher.hear_of("\"taken\"").find("result"), std::string::npos)
+    publisher.say(support::request("router.Status", "\"taken\""));
+    ASSERT_TRUE(support::holds(publisher.hear_of("\"taken\""), "result"))
         << "the router has taken them all before the service reads again";
     ASSERT_TRUE(wait([] { return !seen.lost.empty(); })) << heard["events.Told"];
     EXPECT_GT(heard["events.Told"], 0U) << "what was kept for it comes first";
@@ -579,23 +544,23 @@ TEST_F(Lives, TenThousandRegistrationsLeaveNothingBehind) {
         std::vector<std::unique_ptr<support::SessionClient>> others;
         for (int i = 0; i < at_once; ++i) {
             others.push_back(std::make_unique<support::SessionClient>());
-            others.back()->say(R"({"jsonrpc":"2.0","id":1,"method":"router.Register","params":{"name":"s)" +
-                               std::to_string(round * at_once + i) +
-                               R"(","channel":"30e493d7-9e02-41b6-97f5-21f2cc9cbbb3","publish":[],"methods":["y)" +
-                               std::to_string(i) + R"(.Get"],"direct":true}})");
+            others.back()->say(support::Registration{"s" + std::to_string(round * at_once + i),
+                                                     "30e493d7-9e02-41b6-97f5-21f2cc9cbbb3", "[]",
+                                                     "[\"y" + std::to_string(i) + ".Get\"]"}
+                                   .line());
         }
         for (auto &other : others) {
-            ASSERT_NE(other->hear().find("\"result\":0"), std::string::npos) << router_->log();
+            ASSERT_EQ(support::member(other->hear(), "result"), "0") << router_->log();
             event_base_loop(base_.get(), EVLOOP_NONBLOCK);
         }
     }
     EXPECT_TRUE(wait([&] { return open() == before; })) << open() << " descriptors instead of " << before;
     // Those that have gone are remembered for a while, up to a bound; none of them is there.
     const std::string known = status();
-    EXPECT_EQ(times_said(known, "\"state\":\"up\""), 1) << known;
-    EXPECT_LE(times_said(known, "\"state\":"), 256);
+    EXPECT_EQ(support::times_in(known, "\"state\":\"up\""), 1) << known;
+    EXPECT_LE(support::times_in(known, "\"state\":"), 256);
     EXPECT_TRUE(tavrix_service_is_ready(service.get()));
     const Service left = start("left", left_methods);
     request(left, "t.Twice");
-    EXPECT_TRUE(wait([] { return seen.results.size() == 1; }));
+    wait_for_ends(1);
 }

@@ -13,7 +13,7 @@
 #include <gtest/gtest.h>
 
 #include "kit/support/played_router.h"
-#include "support/json.h"
+#include "support/fleet.h"
 #include "support/log_capture.h"
 #include "support/memory.h"
 #include "support/process.h"
@@ -38,10 +38,8 @@ const tavrix_service_param defer_params[] = {
     TAVRIX_PARAM("vlan", TAVRIX_KIND_VLAN_ID, "", 0),
     TAVRIX_PARAM_END,
 };
-const tavrix_service_method methods[] = {
-    TAVRIX_METHOD("t.Defer", defer, "", defer_params, nullptr, 0),
-    TAVRIX_METHOD_END,
-};
+const support::OneMethod own("t.Defer", defer, defer_params);
+const tavrix_service_method *const methods = own.table;
 
 void on_answer(tavrix_service * /*service*/, const tavrix_answer * /*answer*/, void * /*user*/) { ++outcomes; }
 
@@ -82,10 +80,8 @@ TEST_F(Scale, AThousandCallsToOthersInFlightAreAThousandSmallRecords) {
     constexpr size_t bound = 512;
     Stage stage(methods);
     request_a_thousand(&stage); // what is taken once is taken now: the loop's heap, the buffers
-    stage.router.die();
+    stage.restart_router();
     ASSERT_TRUE(stage.wait([] { return outcomes == thousand; }));
-    stage.router.listen();
-    ASSERT_TRUE(stage.wait_ready());
     const size_t before = heap_in_use();
     request_a_thousand(&stage);
     const size_t after = heap_in_use();
@@ -106,10 +102,7 @@ TEST_F(Scale, AThousandCallsThatWaitForTheirAnswersAreAThousandSmallRecords) {
         }
     };
     defer_a_thousand(0);
-    stage.router.die();
-    ASSERT_TRUE(stage.wait([&] { return !tavrix_service_is_ready(stage.service); }));
-    stage.router.listen();
-    ASSERT_TRUE(stage.wait_ready());
+    stage.restart_router();
     const size_t before = heap_in_use();
     defer_a_thousand(thousand);
     const size_t after = heap_in_use();
@@ -127,18 +120,15 @@ class Churn : public testing::Test {
     Churn() {
         support::set_log_level("off"); // of this process
         support::write_file("tavrix_lsyslog.conf", "[logging_levels]\nrouterd=info\n");
-        router = std::make_unique<Process>(
-            "routerd", std::vector<std::string>{TAVRIX_ROUTERD, "--socket", "router.sock", "--session", "session.sock",
-                                                "--publish", "ipc://bus/router"});
+        router = support::started_router("ipc://bus/router");
     }
 
     /** Opens a service, has it registered with an ipc address of its own, and closes it. */
     void come_and_go(const std::string &name) {
-        static const tavrix_service_method visitor_methods[] = {
-            TAVRIX_METHOD("visitor.Defer", defer, "", defer_params, nullptr, 0), TAVRIX_METHOD_END};
+        static const support::OneMethod visited("visitor.Defer", defer, defer_params);
         tavrix_service_options options{};
         options.name = name.c_str();
-        options.methods = visitor_methods;
+        options.methods = visited.table;
         options.session = "session.sock";
         options.flags = TAVRIX_SERVICE_NO_SIGNALS;
         tavrix_service *service = nullptr;
@@ -171,7 +161,6 @@ size_t visits() {
 } // namespace
 
 TEST_F(Churn, OfServicesOnIpcAddressesLeavesNoDescriptorNoMemoryAndNoFile) {
-    ASSERT_TRUE(router->says("routerd ready")) << router->log();
     constexpr size_t warm_up = 20;
     const size_t count = visits();
     std::vector<std::string> names; // the logger keeps a name for as long as the process lives

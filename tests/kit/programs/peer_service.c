@@ -18,7 +18,7 @@ static int ask(tavrix_call *call) {
     return never(call);
 }
 
-static int echo(tavrix_call *call) { return tavrix_call_reply(call, json_string("peer")); }
+static int echo(tavrix_call *call) { return tavrix_call_reply(call, json_integer(3)); }
 
 static const tavrix_service_method methods[] = {
     TAVRIX_METHOD("x.Never", never, "Never answers.", NULL, NULL, 0),

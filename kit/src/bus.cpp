@@ -36,8 +36,8 @@ void close_socket(int *socket) {
 }
 
 bool is_published(const Bus *bus, const char *address) {
-    for (size_t i = 0; i < bus->published_count; ++i) {
-        if (std::strcmp(bus->published[i], address) == 0) {
+    for (size_t i = 0; i < json_array_size(bus->published); ++i) {
+        if (std::strcmp(json_string_value(json_array_get(bus->published, i)), address) == 0) {
             return true;
         }
     }
@@ -45,14 +45,8 @@ bool is_published(const Bus *bus, const char *address) {
 }
 
 bool note_published(Bus *bus, const char *address) {
-    void *grown = std::realloc(bus->published, (bus->published_count + 1) * sizeof bus->published[0]);
-    if (grown == nullptr) {
-        return false;
-    }
-    bus->published = static_cast<char(*)[max_bus_address + 1]>(grown);
-    std::snprintf(bus->published[bus->published_count], sizeof bus->published[0], "%s", address);
-    ++bus->published_count;
-    return true;
+    bus->published = bus->published != nullptr ? bus->published : json_array();
+    return json_array_append_new(bus->published, json_string_nocheck(address)) == 0;
 }
 
 /** Over TCP a small message does not wait for the acknowledgement of the one before. */
@@ -160,7 +154,7 @@ bool publish_where_told(tavrix_service *service, const char *folder) {
         return true;
     }
     if (folder == nullptr) {
-        return service->bus.published_count > 0 || publish_on_free_port(service);
+        return json_array_size(service->bus.published) > 0 || publish_on_free_port(service);
     }
     char address[2 * max_bus_address];
     const int length = std::snprintf(address, sizeof address, "ipc://%s/%s", folder, service->name);
@@ -323,15 +317,13 @@ void take_frame(tavrix_service *service, const char *frame, size_t length) {
         return;
     }
     const json_t *id = json_object_get(message.get(), "id");
-    Origin origin{};
-    origin.caller = {TAVRIX_ROAD_BUS, -1, static_cast<uid_t>(-1), static_cast<gid_t>(-1)};
-    origin.channel = json_string_value(id);
-    const bool answerable = origin.channel != nullptr && is_method_name(origin.channel);
+    const char *channel = json_string_value(id);
+    const bool answerable = channel != nullptr && is_method_name(channel);
     if (id != nullptr && !answerable) {
         LOG_DEBUG("%s: a request on the bus whose id is no channel is passed over\n", Printable(method).text);
         return;
     }
-    evaluate(service, std::move(message), origin);
+    evaluate(service, std::move(message), {unknown_caller(TAVRIX_ROAD_BUS), channel, nullptr});
 }
 
 void on_readable(evutil_socket_t /*fd*/, short /*what*/, void *argument) {
@@ -482,7 +474,7 @@ void bus_close(tavrix_service *service) {
     close_socket(&bus->sub);
     close_socket(&bus->pub);
     std::free(bus->endpoints);
-    std::free(bus->published);
+    json_decref(bus->published);
     *bus = Bus{};
     bus_prepare(service);
 }

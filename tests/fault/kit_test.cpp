@@ -489,7 +489,7 @@ TEST(KitFaults, AServiceIsOpenedOrToldWhyNot) {
                        EXPECT_TRUE(rc == 0 || fault.happened());
                        tavrix_service_close(service);
                    }),
-                   {"calloc", "event_base_new", "nn_socket", "nn_setsockopt", "nn_bind", "realloc"});
+                   {"calloc", "event_base_new", "nn_socket", "nn_setsockopt", "nn_bind", "Jansson"});
 }
 
 TEST(KitFaults, AServiceOnARelativeAddressIsOpenedOrToldWhyNot) {

@@ -94,6 +94,7 @@ class Service {
     std::string next_log() { return text(tavrix_service_test_next_log(test_)); }
 
     void notify(const char *method, const char *params) { tavrix_service_test_notify(test_, method, params); }
+    void run() { tavrix_service_test_run(test_); }
     void advance(int ms) { tavrix_service_test_advance(test_, ms); }
     void restart_router() { tavrix_service_test_restart_router(test_); }
     void stop() { tavrix_service_test_stop(test_); }

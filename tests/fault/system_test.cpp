@@ -139,8 +139,10 @@ TEST(FileFaults, AreStatuses) {
         EXPECT_EQ(rc == 0, !fault.happened());
         EXPECT_STREQ(out, fault.happened() ? "" : "value");
     });
-    each_failure(
-        [](Fault &fault) { EXPECT_EQ(fault.in([] { return tavrix_lsyslog_reload_conf(); }) == 0, !fault.happened()); });
+    each_failure([](Fault &fault) {
+        const int rc = fault.in([] { return tavrix_lsyslog_reload_conf(); });
+        EXPECT_EQ(rc == 0, !fault.happened());
+    });
 }
 
 TEST(CommandFaults, AreStatuses) {

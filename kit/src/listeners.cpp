@@ -332,7 +332,7 @@ bool clients_have_unwritten(const tavrix_service *service) {
     return false;
 }
 
-void close_listener(tavrix_service *service, Entry *entry) {
+bool close_listener(tavrix_service *service, Entry *entry) {
     auto *listener = reinterpret_cast<Listener *>(entry);
     event_del(&listener->readable);
     event_del(&listener->pause);
@@ -348,6 +348,7 @@ void close_listener(tavrix_service *service, Entry *entry) {
         unlink(listener->path);
     }
     unmake(listener);
+    return true;
 }
 
 void close_clients(tavrix_service *service) {

@@ -230,8 +230,9 @@ void end_requests(tavrix_service *service, tavrix_outcome outcome, bool sent_onl
     }
 }
 
-void cancel_request(tavrix_service * /*service*/, Entry *entry) {
+bool cancel_request(tavrix_service * /*service*/, Entry *entry) {
     end_request(reinterpret_cast<Request *>(entry), failure(TAVRIX_OUTCOME_CANCELLED));
+    return true;
 }
 
 bool send_subscriptions(tavrix_service *service) {

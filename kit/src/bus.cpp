@@ -75,15 +75,12 @@ bool bind_publisher(tavrix_service *service, const char *address) {
 
 /** The address for those who have been started in another folder. One that would be too long stays as it is. */
 void make_absolute(const char *address, char (&out)[max_bus_address + 1]) {
-    constexpr char scheme[] = "ipc://";
-    const char *path = address + sizeof scheme - 1;
+    const char *path = address + std::strlen("ipc://");
     char folder[max_bus_address + 1];
-    std::snprintf(out, sizeof out, "%s", address);
-    if (std::strncmp(address, scheme, sizeof scheme - 1) == 0 && *path != '/' &&
-        getcwd(folder, sizeof folder) != nullptr && std::strlen(address) + std::strlen(folder) + 1 <= max_bus_address) {
-        std::memcpy(out + sizeof scheme - 1, folder, std::strlen(folder));
-        std::snprintf(out + sizeof scheme - 1 + std::strlen(folder),
-                      sizeof out - sizeof scheme + 1 - std::strlen(folder), "/%s", path);
+    const bool is_relative =
+        transport_of(address) == TAVRIX_TRANSPORT_IPC && *path != '/' && getcwd(folder, sizeof folder) != nullptr;
+    if (!is_relative || std::snprintf(out, sizeof out, "ipc://%s/%s", folder, path) > int{max_bus_address}) {
+        std::snprintf(out, sizeof out, "%s", address);
     }
 }
 
@@ -180,17 +177,13 @@ Endpoint *find_endpoint(Bus *bus, const char *address) {
     return nullptr;
 }
 
-void let_go(Bus *bus, size_t index) {
-    tavrix_mq_socket_shutdown(bus->sub, bus->endpoints[index].id);
-    bus->endpoints[index] = bus->endpoints[--bus->endpoint_count];
-}
-
 /** Lets those go that `is_unwanted` names. */
 template <class Predicate>
 void let_go_if(Bus *bus, Predicate is_unwanted) {
     for (size_t i = 0; i < bus->endpoint_count;) {
         if (!bus->endpoints[i].fixed && is_unwanted(bus->endpoints[i])) {
-            let_go(bus, i);
+            tavrix_mq_socket_shutdown(bus->sub, bus->endpoints[i].id);
+            bus->endpoints[i] = bus->endpoints[--bus->endpoint_count];
         } else {
             ++i;
         }

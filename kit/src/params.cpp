@@ -519,7 +519,7 @@ int check_array(const Check &check, const Place &place) {
     return TAVRIX_OK;
 }
 
-int check_json(const Check &check, const Place &place) {
+int check_json(const Check &check, const Place &place, Value * /*value*/) {
     if (place.row->kind == TAVRIX_KIND_ARRAY) {
         return check_array(check, place);
     }
@@ -582,19 +582,15 @@ int check_vlan_ids(const Check &check, const Place &place, Value *value) {
     return TAVRIX_OK;
 }
 
-/** The library cuts a list that is too long, and numbers that are too large, without a word. */
-bool is_fit_list(const Place &place) {
-    return json_is_array(place.value) && !holds_wide_integer(place.value) &&
-           json_array_size(place.value) <= static_cast<size_t>(most_records(place.row)) &&
-           static_cast<int64_t>(json_array_size(place.value)) >= place.row->min;
-}
-
-template <class Record, class Retriever>
-int check_records(const Check &check, const Place &place, Retriever retriever, Value *value) {
-    if (place.value != nullptr && json_is_array(place.value) && !is_fit_list(place)) {
+template <class Record, auto retriever>
+int check_records(const Check &check, const Place &place, Value *value) {
+    const size_t count = json_array_size(place.value);
+    // The library cuts a list that is too long, and numbers that are too large, without a word.
+    if (json_is_array(place.value) &&
+        (holds_wide_integer(place.value) || count > static_cast<size_t>(most_records(place.row)) ||
+         static_cast<int64_t>(count) < place.row->min)) {
         return refuse(check, place);
     }
-    const size_t count = json_array_size(place.value);
     auto *records = static_cast<Record *>(arena_take(check.arena, (count + 1) * sizeof(Record)));
     if (records == nullptr) {
         return TAVRIX_ERR_NO_MEMORY;
@@ -616,32 +612,21 @@ int retrieve_mac_filters(json_t *object, json_t **library, const char *key, tavr
 
 // --- Rows ----------------------------------------------------------------------------------------------------------
 
-int check_value(const Check &check, const Place &place, Value *value) {
-    switch (storage_of(place.row->kind)) {
-    case stored_text:
-        return check_text(check, place, value);
-    case stored_integer:
-        return check_integer(check, place, value);
-    case stored_boolean:
-        return check_boolean(check, place, value);
-    case stored_uint64:
-        return check_number_text(check, place, value);
-    case stored_real:
-        return check_real(check, place, value);
-    case stored_json:
-        return check_json(check, place);
-    case stored_integers:
-        return check_vlan_ids(check, place, value);
-    case stored_ports:
-        return check_records<tavrix_port_input>(check, place, tavrix_jrpc_utils_retrieve_input_ports, value);
-    case stored_ports_hardware:
-        return check_records<tavrix_port_hardware_input>(check, place, tavrix_jrpc_utils_retrieve_input_ports_hardware,
-                                                         value);
-    case stored_mac_filters:
-        return check_records<tavrix_mac_filter>(check, place, retrieve_mac_filters, value);
-    }
-    return TAVRIX_ERR_GENERAL;
-}
+/** By how the value is stored. */
+constexpr int (*checks[])(const Check &check, const Place &place, Value *value) = {
+    check_text,
+    check_integer,
+    check_number_text,
+    check_real,
+    check_boolean,
+    check_json,
+    check_vlan_ids,
+    check_records<tavrix_port_input, tavrix_jrpc_utils_retrieve_input_ports>,
+    check_records<tavrix_port_hardware_input, tavrix_jrpc_utils_retrieve_input_ports_hardware>,
+    check_records<tavrix_mac_filter, retrieve_mac_filters>,
+};
+static_assert(stored_uint64 == 2 && stored_json == 5 && stored_mac_filters == sizeof checks / sizeof checks[0] - 1,
+              "one for each way, in their order");
 
 size_t count_rows(const tavrix_service_param *rows) {
     size_t count = 0;
@@ -694,7 +679,8 @@ int check_rows_of(const Check &check, const tavrix_service_param *rows, json_t *
         const Path own_path(path, rows[i].name);
         Value unused{};
         Value *place_for_value = values != nullptr ? &values[i] : &unused;
-        const int rc = check_value(check, {&rows[i], object, value, own_path.text}, place_for_value);
+        const int rc =
+            checks[storage_of(rows[i].kind)](check, {&rows[i], object, value, own_path.text}, place_for_value);
         if (rc != TAVRIX_OK) {
             return rc;
         }

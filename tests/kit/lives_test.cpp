@@ -22,6 +22,7 @@
 namespace {
 
 using support::Process;
+using support::Service;
 
 /** What the handlers and callbacks below have seen. */
 struct Seen {
@@ -123,14 +124,6 @@ const tavrix_service_method t_methods[] = {
 
 // --- The stage ---
 
-struct FreeBase {
-    void operator()(event_base *base) const { event_base_free(base); }
-};
-struct CloseService {
-    void operator()(tavrix_service *service) const { tavrix_service_close(service); }
-};
-using Service = std::unique_ptr<tavrix_service, CloseService>;
-
 class Lives : public testing::Test {
   protected:
     Lives() {
@@ -148,17 +141,16 @@ class Lives : public testing::Test {
         peer_ = support::started("peer", {PEER_SERVICE, "--session", "session.sock"}, more);
     }
     Service start(const char *name, const tavrix_service_method *methods, unsigned flags = 0) {
-        tavrix_service_options options{};
-        options.name = name;
-        options.methods = methods;
-        options.session = "session.sock";
+        tavrix_service_options options = support::with_flags(flags);
         options.base = base_.get();
-        options.flags = flags | TAVRIX_SERVICE_NO_SIGNALS;
-        tavrix_service *service = nullptr;
-        EXPECT_EQ(tavrix_service_open(&options, &service), 0);
-        EXPECT_EQ(tavrix_service_start(service), 0);
-        EXPECT_TRUE(wait([&] { return tavrix_service_is_ready(service); })) << name;
-        return Service(service);
+        return support::started_service(name, methods, options);
+    }
+    /** A router, the service t, and the service left that calls it. */
+    void start_both(const std::string &reply_timeout_ms = "20000", const std::vector<std::string> &more = {},
+                    unsigned flags = 0) {
+        start_router(reply_timeout_ms, more);
+        service = start("t", t_methods, flags);
+        left = start("left", left_methods);
     }
     bool wait(const std::function<bool()> &condition) {
         return support::wait_until([&] {
@@ -180,9 +172,11 @@ class Lives : public testing::Test {
             << seen.results.size() << " results, " << seen.ends.size() << " other ends";
     }
 
-    std::unique_ptr<event_base, FreeBase> base_{event_base_new()};
+    support::EventBase base_{event_base_new()};
     std::unique_ptr<Process> router_;
     std::unique_ptr<Process> peer_;
+    Service service;
+    Service left;
 };
 
 using Ends = std::vector<std::string>;
@@ -191,7 +185,7 @@ using Ends = std::vector<std::string>;
 
 TEST_F(Lives, TwoServicesThatCallEachOtherAtOnceAreBothAnswered) {
     start_router();
-    const Service left = start("left", left_methods);
+    left = start("left", left_methods);
     const Service right = start("right", right_methods);
     constexpr int calls = 20;
     constexpr size_t both = 40;
@@ -204,9 +198,7 @@ TEST_F(Lives, TwoServicesThatCallEachOtherAtOnceAreBothAnswered) {
 }
 
 TEST_F(Lives, AServiceThatCallsItselfIsAnswered) {
-    start_router();
-    const Service service = start("t", t_methods);
-    const Service left = start("left", left_methods);
+    start_both();
     request(left, "t.AskItself");
     wait_for_ends(1);
     EXPECT_EQ(seen.results, std::vector<int>{1});
@@ -214,9 +206,7 @@ TEST_F(Lives, AServiceThatCallsItselfIsAnswered) {
 }
 
 TEST_F(Lives, AThousandCallsInFlightAtOnceGetEachItsOwnAnswer) {
-    start_router("20000", {"--max-in-flight", "4096"}); // a user may have half of the places
-    const Service service = start("t", t_methods);
-    const Service left = start("left", left_methods);
+    start_both("20000", {"--max-in-flight", "4096"}); // a user may have half of the places
     constexpr int total = 1000;
     std::vector<int> answers(total, -1);
     for (int i = 0; i < total; ++i) {
@@ -243,9 +233,7 @@ TEST_F(Lives, AThousandCallsInFlightAtOnceGetEachItsOwnAnswer) {
 }
 
 TEST_F(Lives, CallsBeyondWhatTheRouterLetsOneUserHaveAreEachToldSoAtOnce) {
-    start_router("20000", {"--max-in-flight", "20"});
-    const Service service = start("t", t_methods);
-    const Service left = start("left", left_methods);
+    start_both("20000", {"--max-in-flight", "20"});
     constexpr size_t half = 10;
     constexpr size_t refused = 5;
     for (size_t i = 0; i < half + refused; ++i) {
@@ -271,10 +259,10 @@ struct Room {
 class AnswersBeside : public Lives, public testing::WithParamInterface<Room> {
   protected:
     /** How a call of a method with this n ends. */
-    std::string end_of(const Service &caller, const char *method, int n) {
+    std::string end_of(const char *method, int n) {
         seen.results.clear();
         seen.ends.clear();
-        request(caller, method, json_pack("{s:i}", "n", n));
+        request(left, method, json_pack("{s:i}", "n", n));
         wait_for_ends(1);
         return seen.ends.empty() ? "result" : seen.ends.back();
     }
@@ -283,14 +271,12 @@ class AnswersBeside : public Lives, public testing::WithParamInterface<Room> {
 } // namespace
 
 TEST_P(AnswersBeside, TheRouterAreRefusedWhereTheyCouldNotArriveAndTheServiceStays) {
-    start_router();
-    const Service service = start("t", t_methods, GetParam().flags);
-    const Service left = start("left", left_methods);
-    EXPECT_EQ(end_of(left, "t.Fill", GetParam().fits), "result");
-    EXPECT_EQ(end_of(left, "t.Fill", GetParam().too_many), "error -32004");
-    EXPECT_EQ(end_of(left, "t.Nest", 2046), "result") << "and the answer's own braces";
-    EXPECT_EQ(end_of(left, "t.Nest", 2047), "error -32004");
-    EXPECT_EQ(end_of(left, "t.Fill", 1), "result");
+    start_both("20000", {}, GetParam().flags);
+    EXPECT_EQ(end_of("t.Fill", GetParam().fits), "result");
+    EXPECT_EQ(end_of("t.Fill", GetParam().too_many), "error -32004");
+    EXPECT_EQ(end_of("t.Nest", 2046), "result") << "and the answer's own braces";
+    EXPECT_EQ(end_of("t.Nest", 2047), "error -32004");
+    EXPECT_EQ(end_of("t.Fill", 1), "result");
     EXPECT_EQ(router_->times_said("Service t has gone"), 0) << router_->log();
     EXPECT_EQ(router_->times_said("Service left has gone"), 0) << router_->log();
 }
@@ -301,9 +287,7 @@ INSTANTIATE_TEST_SUITE_P(Roads, AnswersBeside,
                          [](const auto &tested) { return std::string(tested.param.road); });
 
 TEST_F(Lives, ARequestOf65535BytesIsServedAndNoLongerOneIsMade) {
-    start_router();
-    const Service service = start("t", t_methods);
-    const Service left = start("left", left_methods);
+    start_both();
     const auto make = [&](size_t filling) {
         return tavrix_service_request(left.get(), "t.Twice", json_pack("{s:s}", "f", std::string(filling, 'x').c_str()),
                                       20000, on_end, nullptr);
@@ -322,7 +306,7 @@ TEST_F(Lives, ARequestOf65535BytesIsServedAndNoLongerOneIsMade) {
 TEST_F(Lives, AServiceThatIsKilledEndsItsCallsBothWaysAndServesAgain) {
     start_router();
     start_peer();
-    const Service service = start("t", t_methods);
+    service = start("t", t_methods);
     request(service, "x.Never");
     request(service, "x.Ask"); // which asks t.Never
     wait_for_calls_in_flight(3);
@@ -337,9 +321,7 @@ TEST_F(Lives, AServiceThatIsKilledEndsItsCallsBothWaysAndServesAgain) {
 }
 
 TEST_F(Lives, TheRoutersDeathEndsCallsBothWaysAndItsReturnIsNoticed) {
-    start_router();
-    const Service left = start("left", left_methods);
-    const Service service = start("t", t_methods);
+    start_both();
     request(left, "t.Never");
     wait_for_calls_in_flight(1);
     router_->signal(SIGKILL);
@@ -355,7 +337,7 @@ TEST_F(Lives, TheRoutersDeathEndsCallsBothWaysAndItsReturnIsNoticed) {
 
 TEST_F(Lives, AServiceOnTheBusThatEndsHasAnsweredWhatIsInFlight) {
     start_router();
-    const Service service = start("t", t_methods);
+    service = start("t", t_methods);
     constexpr int rounds = 15;
     constexpr size_t calls = 20;
     for (int round = 0; round < rounds; ++round) {
@@ -393,7 +375,7 @@ TEST_F(Lives, AServiceOnTheBusThatEndsWaitsForARouterThatHangsForAWhileOnly) {
 
 TEST_F(Lives, ACallerIsKnownOnTheSessionAndNobodyOnTheBus) {
     start_router();
-    const Service left = start("left", left_methods);
+    left = start("left", left_methods);
     {
         const Service direct = start("t", t_methods);
         request(left, "t.Twice");
@@ -413,7 +395,7 @@ TEST_F(Lives, ACallerIsKnownOnTheSessionAndNobodyOnTheBus) {
 
 TEST_F(Lives, ARequestOnTheBusIsServedOnceByWhicheverAddressItComes) {
     start_router("20000", {"--publish", support::free_bus_address()});
-    const Service left = start("left", left_methods);
+    left = start("left", left_methods);
     const Service on_bus = start("t", t_methods, TAVRIX_SERVICE_BUS);
     for (size_t calls = 1; calls <= 100; ++calls) { // long enough for a second connection, which takes its time
         request(left, "t.Twice");
@@ -480,9 +462,7 @@ TEST_F(Lives, TheSocketForSingleRequestsIsToldFromTheSessionsOne) {
 }
 
 TEST_F(Lives, LateAnswersAreRefusedSecondOnesTooAndNoneIsATimeOut) {
-    start_router("300");
-    const Service service = start("t", t_methods);
-    const Service left = start("left", left_methods);
+    start_both("300");
     request(left, "t.Twice");
     wait_for_ends(1);
     EXPECT_EQ(seen.results, std::vector<int>{1});
@@ -498,7 +478,7 @@ TEST_F(Lives, LateAnswersAreRefusedSecondOnesTooAndNoneIsATimeOut) {
 TEST_F(Lives, AServiceThatDoesNotReadIsToldHowManyNotificationsItHasLost) {
     start_router();
     std::map<std::string, uint64_t> heard;
-    const Service service = start("t", t_methods);
+    service = start("t", t_methods);
     tavrix_service_on_lost(
         service.get(),
         [](tavrix_service * /*service*/, uint64_t how_many, void * /*user*/) { seen.lost.push_back(how_many); },
@@ -532,7 +512,7 @@ TEST_F(Lives, AServiceThatDoesNotReadIsToldHowManyNotificationsItHasLost) {
 
 TEST_F(Lives, TenThousandRegistrationsLeaveNothingBehind) {
     start_router();
-    const Service service = start("t", t_methods);
+    service = start("t", t_methods);
     const std::string descriptors = "/proc/" + std::to_string(router_->pid()) + "/fd";
     const auto open = [&] {
         return std::distance(std::filesystem::directory_iterator(descriptors), std::filesystem::directory_iterator{});
@@ -560,7 +540,7 @@ TEST_F(Lives, TenThousandRegistrationsLeaveNothingBehind) {
     EXPECT_EQ(support::times_in(known, "\"state\":\"up\""), 1) << known;
     EXPECT_LE(support::times_in(known, "\"state\":"), 256);
     EXPECT_TRUE(tavrix_service_is_ready(service.get()));
-    const Service left = start("left", left_methods);
+    left = start("left", left_methods);
     request(left, "t.Twice");
     wait_for_ends(1);
 }

@@ -30,9 +30,6 @@ struct FreeEvent {
     void operator()(event *ev) const { event_free(ev); }
 };
 using Event = std::unique_ptr<event, FreeEvent>;
-struct FreeBase {
-    void operator()(event_base *base) const { event_base_free(base); }
-};
 
 /** What happened, in its order: a letter each. */
 std::string happened;
@@ -107,7 +104,7 @@ class Loop : public testing::Test {
     }
 
     support::LogCapture log{"info"};
-    std::unique_ptr<event_base, FreeBase> own; ///< goes last
+    support::EventBase own; ///< goes last
     Stage stage{methods};
 
   private:

@@ -281,9 +281,7 @@ TEST_F(Router, ThatIsNotThereYetIsToldOnceAsAnErrorAndWaitedFor) {
 
 TEST_F(Router, ThatClosesBeforeTheServiceIsReadyEndsOneThatNeedsIt) {
     stage.router.polite = false;
-    tavrix_service_options options = {};
-    options.flags = TAVRIX_SERVICE_NEED_ROUTER;
-    stage.open(methods, options);
+    stage.open(methods, support::with_flags(TAVRIX_SERVICE_NEED_ROUTER));
     EXPECT_NE(stage.next(), "(nothing)");
     stage.router.hang_up();
     EXPECT_EQ(tavrix_service_run(stage.service), TAVRIX_ERR_GENERAL);
@@ -371,9 +369,7 @@ TEST_F(Notifications, OfOneMessageDoNotReachSubscriptionsThatTheirCallbacksMake)
 }
 
 TEST_F(Router, IsToldNotificationsOverTheSessionByAServiceWithoutAPublisher) {
-    tavrix_service_options options = {};
-    options.flags = TAVRIX_SERVICE_SILENT;
-    stage.open(methods, options);
+    stage.open(methods, support::with_flags(TAVRIX_SERVICE_SILENT));
     ASSERT_TRUE(stage.wait_ready());
     EXPECT_TRUE(support::holds(stage.router.registration, R"("publish":[])"));
     EXPECT_EQ(tavrix_service_publish(stage.service, "t.Happened", json_pack("{s:i}", "n", 1)), TAVRIX_OK);

@@ -126,21 +126,10 @@ class Churn : public testing::Test {
     /** Opens a service, has it registered with an ipc address of its own, and closes it. */
     void come_and_go(const std::string &name) {
         static const support::OneMethod visited("visitor.Defer", defer, defer_params);
-        tavrix_service_options options{};
-        options.name = name.c_str();
-        options.methods = visited.table;
-        options.session = "session.sock";
-        options.flags = TAVRIX_SERVICE_NO_SIGNALS;
-        tavrix_service *service = nullptr;
-        ASSERT_EQ(tavrix_service_open(&options, &service), TAVRIX_OK);
-        ASSERT_EQ(tavrix_service_start(service), TAVRIX_OK);
-        EXPECT_TRUE(support::wait_until([&] {
-            event_base_loop(tavrix_service_base(service), EVLOOP_NONBLOCK);
-            return tavrix_service_is_ready(service);
-        })) << router->log();
+        support::Service service = support::started_service(name.c_str(), visited.table);
         const std::string address = "bus/" + name;
         EXPECT_TRUE(std::filesystem::exists(address)) << "it publishes on an ipc address";
-        tavrix_service_close(service);
+        service.reset();
         EXPECT_FALSE(std::filesystem::exists(address)) << "it takes its socket's file along";
     }
     static long entries(const std::string &folder) {

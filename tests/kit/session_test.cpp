@@ -95,9 +95,7 @@ class Session : public testing::Test {
     /** Opens a service and waits until it is ready, on a bus that need not stand. */
     void serve(unsigned flags = 0) {
         stage.router.settles = false;
-        tavrix_service_options options = {};
-        options.flags = flags;
-        stage.open(methods, options);
+        stage.open(methods, support::with_flags(flags));
         ASSERT_TRUE(stage.wait_ready());
     }
     void expect_service() { EXPECT_EQ(stage.result_of("t.Echo", R"({"a":1})"), R"({"a":1})"); }

@@ -179,6 +179,21 @@ int nest(tavrix_call *call) {
     return tavrix_call_reply(call, value);
 }
 
+Service started_service(const char *name, const tavrix_service_method *methods, tavrix_service_options options) {
+    options.name = name;
+    options.methods = methods;
+    options.session = "session.sock";
+    options.flags |= TAVRIX_SERVICE_NO_SIGNALS;
+    tavrix_service *service = nullptr;
+    EXPECT_EQ(tavrix_service_open(&options, &service), TAVRIX_OK);
+    EXPECT_EQ(tavrix_service_start(service), TAVRIX_OK);
+    EXPECT_TRUE(wait_until([&] {
+        event_base_loop(tavrix_service_base(service), EVLOOP_NONBLOCK);
+        return tavrix_service_is_ready(service);
+    })) << name;
+    return Service(service);
+}
+
 // --- Stage ---------------------------------------------------------------------------------------------------------
 
 Stage::Stage() = default;

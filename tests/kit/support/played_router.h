@@ -10,9 +10,11 @@
 
 #include <deque>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
+#include <event2/event.h>
 #include <gtest/gtest.h>
 #include <jansson.h>
 
@@ -104,6 +106,25 @@ struct OneParam {
     OneMethod one{"t.One", accept, rows};
     tavrix_service_method *table = one.table;
 };
+
+inline tavrix_service_options with_flags(unsigned flags) {
+    tavrix_service_options options = {};
+    options.flags = flags;
+    return options;
+}
+
+struct FreeBase {
+    void operator()(event_base *base) const { event_base_free(base); }
+};
+using EventBase = std::unique_ptr<event_base, FreeBase>;
+
+struct CloseService {
+    void operator()(tavrix_service *service) const { tavrix_service_close(service); }
+};
+using Service = std::unique_ptr<tavrix_service, CloseService>;
+
+/** A service on "session.sock" that is ready, on a loop of its own if none is given. */
+Service started_service(const char *name, const tavrix_service_method *methods, tavrix_service_options options = {});
 
 class Stage {
   public:

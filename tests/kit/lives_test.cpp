@@ -208,7 +208,8 @@ TEST_F(Lives, AServiceThatCallsItselfIsAnswered) {
 TEST_F(Lives, AThousandCallsInFlightAtOnceGetEachItsOwnAnswer) {
     start_both("20000", {"--max-in-flight", "4096"}); // a user may have half of the places
     constexpr int total = 1000;
-    std::vector<int> answers(total, -1);
+    static std::vector<int> answers; // it outlives the services
+    answers.assign(total, -1);
     for (int i = 0; i < total; ++i) {
         ASSERT_NE(tavrix_service_request(
                       left.get(), "t.Hold", json_pack("{s:i}", "n", i), 20000,

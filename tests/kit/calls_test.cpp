@@ -246,7 +246,7 @@ TEST_F(Calls, KnowTheirCallerAsFarAsTheRouterSays) {
 
 TEST_F(Calls, CanBeAnsweredLaterInAnyOrderAndOnce) {
     defer(2);
-    for (const size_t number : {1, 0}) {
+    for (const size_t number : {size_t{1}, size_t{0}}) {
         EXPECT_EQ(tavrix_call_reply(deferred(number), json_integer(20)), TAVRIX_OK);
         EXPECT_EQ(member(stage.next(), "transaction_id"), std::to_string(number));
         EXPECT_EQ(deferred(number), nullptr);

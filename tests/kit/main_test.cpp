@@ -1,58 +1,36 @@
-#include <csignal>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
-#include "support/fleet.h"
 #include "support/json.h"
 #include "support/process.h"
-#include "tavrix_service.h"
 
 namespace {
 
-/** The router and a service in C, as processes of their own. */
+/** A service in C as a process of its own; beside a router it is in lives_test.cpp. */
 class Main : public testing::Test {
   protected:
-    Main() { support::write_file("tavrix_lsyslog.conf", "[logging_levels]\nhello=info\nrouterd=info\nunknown=info\n"); }
-
-    /** The result of hello.Say, or the error's code. */
-    static std::string say(const char *name) {
-        json_t *response = nullptr;
-        tavrix_request_wait("session.sock", "hello.Say", json_pack("{s:s}", "name", name), 20000, &response);
-        const std::string text = support::taken(response);
-        const std::string result = support::member(text, "result");
-        return result != "(none)" ? result : support::code_of(text);
-    }
+    Main() { support::write_file("tavrix_lsyslog.conf", "[logging_levels]\npeer=info\nunknown=info\n"); }
 };
 
 } // namespace
 
-TEST_F(Main, ServesThroughTheRouterUntilItIsToldToStop) {
-    const auto router = support::started_router("ipc://bus/router");
-    const auto service = support::started("hello", {HELLO_SERVICE, "--session", "session.sock"});
-    EXPECT_EQ(say("you"), R"({"hello":"you"})");
-    EXPECT_EQ(say(""), "-32602");
-    service->signal(SIGTERM);
-    EXPECT_EQ(service->wait(), 0);
-    EXPECT_TRUE(service->says("hello stopped"));
-}
-
 TEST_F(Main, EndsWithOneWhenTheRouterIsNeededAndNotThere) {
-    const support::Finished finished = support::run({HELLO_SERVICE, "--session", "nobody.sock", "--need-router"});
+    const support::Finished finished = support::run({PEER_SERVICE, "--session", "nobody.sock", "--need-router"});
     EXPECT_EQ(finished.status, 1);
     EXPECT_TRUE(support::holds(finished.diagnostics, "Cannot reach the router at nobody.sock"));
 }
 
 TEST_F(Main, ShowsHelpAndVersionAndRefusesWhatItDoesNotKnow) {
     for (const char *help : {"--help", "-h"}) {
-        EXPECT_EQ(support::run({HELLO_SERVICE, help}).output.rfind("usage: ", 0), 0U) << help;
+        EXPECT_EQ(support::run({PEER_SERVICE, help}).output.rfind("usage: ", 0), 0U) << help;
     }
     for (const char *version : {"--version", "-V"}) {
-        EXPECT_EQ(support::run({HELLO_SERVICE, version}).output, "hello 1.2\n") << version;
+        EXPECT_EQ(support::run({PEER_SERVICE, version}).output, "peer 1.2\n") << version;
     }
     for (const char *unknown : {"--nonsense", "-x", "word"}) {
-        const support::Finished finished = support::run({HELLO_SERVICE, unknown});
+        const support::Finished finished = support::run({PEER_SERVICE, unknown});
         EXPECT_EQ(finished.status, 2) << unknown;
         EXPECT_TRUE(support::holds(finished.diagnostics, " --help'."));
     }
@@ -60,7 +38,7 @@ TEST_F(Main, ShowsHelpAndVersionAndRefusesWhatItDoesNotKnow) {
 
 TEST_F(Main, TakesSixteenAddressesOfAKindAndNoMore) {
     for (const char *option : {"--publish", "--connect"}) {
-        std::vector<std::string> words = {HELLO_SERVICE};
+        std::vector<std::string> words = {PEER_SERVICE};
         for (int i = 0; i < 16; ++i) {
             words.insert(words.end(), {option, "ipc://bus/one-of-many"});
         }

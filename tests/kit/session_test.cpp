@@ -407,17 +407,6 @@ TEST(Options, TakeATableOf256MethodsAndNoLongerOne) {
     EXPECT_TRUE(log.says("Method t.Method256: too many rows"));
 }
 
-TEST(Options, RefuseATableOfTwoChannels) {
-    const LogCapture log("info");
-    const tavrix_service_method mixed[] = {
-        TAVRIX_METHOD("ports.Get", echo, "", nullptr, nullptr, 0),
-        TAVRIX_METHOD("events.Get", echo, "", nullptr, nullptr, 0),
-        TAVRIX_METHOD_END,
-    };
-    EXPECT_EQ(open_and_close(named("tester", mixed)), TAVRIX_ERR_PARAMETER);
-    EXPECT_TRUE(log.says("Methods ports.Get and events.Get belong to two channels"));
-}
-
 TEST(Options, RefuseMethodsThatTheKitAnswersItself) {
     for (const std::string own : {"logger.ReloadConf", "service.Hello", "service.Probe", "service.Welcome"}) {
         const LogCapture log("info");

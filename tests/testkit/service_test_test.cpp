@@ -283,7 +283,8 @@ TEST(TestKitOpen, TellsOnStandardErrorWhyAServiceCannotBe) {
     tavrix_service_test *test = nullptr;
     testing::internal::CaptureStderr();
     EXPECT_EQ(tavrix_service_test_open(&options, &test), TAVRIX_ERR_PARAMETER);
-    EXPECT_TRUE(support::holds(testing::internal::GetCapturedStderr(), "two channels"));
+    EXPECT_TRUE(
+        support::holds(testing::internal::GetCapturedStderr(), "Methods ports.A and events.A belong to two channels"));
     EXPECT_EQ(test, nullptr);
 }
 

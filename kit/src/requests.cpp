@@ -5,12 +5,10 @@
  * late finds none.
  */
 #include <cerrno>
-#include <cstdio>
 
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <unistd.h>
 
 #include "internal.h"
 

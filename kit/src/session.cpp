@@ -9,7 +9,6 @@
  * loop's turn takes all of it.
  */
 #include <cerrno>
-#include <cstdio>
 
 #include <sys/socket.h>
 #include <sys/un.h>

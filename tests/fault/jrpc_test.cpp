@@ -3,7 +3,6 @@
  */
 #include "tavrix_jrpc.h"
 
-#include <cstdlib>
 #include <functional>
 #include <string>
 

@@ -14,7 +14,6 @@
 #include "support/log_capture.h"
 #include "support/process.h"
 #include "support/signals.h"
-#include "support/stream.h"
 #include "tavrix_conf_parser.h"
 #include "tavrix_error.h"
 #include "tavrix_lsyslog.h"
@@ -28,7 +27,6 @@ using fault::each_failure;
 using fault::Fault;
 using support::LogCapture;
 using support::StderrCapture;
-using support::StreamClient;
 
 /** A call that opens a descriptor, or has left none behind. */
 static void expect_opened(Fault &fault, const std::function<int(int *fd)> &open) {

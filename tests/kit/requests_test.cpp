@@ -2,7 +2,6 @@
 #include <string>
 #include <vector>
 
-#include <event2/event.h>
 #include <gtest/gtest.h>
 
 #include "kit/support/played_router.h"

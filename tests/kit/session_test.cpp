@@ -6,7 +6,6 @@
 #include <utility>
 #include <vector>
 
-#include <event2/event.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>

@@ -164,14 +164,14 @@ TEST_F(Churn, OfServicesOnIpcAddressesLeavesNoDescriptorNoMemoryAndNoFile) {
     const long files = entries("bus");
     ASSERT_TRUE(support::wait_until([&] { return router->times_said(" has gone") == static_cast<int>(warm_up); }))
         << router->log();
-    const long router_before = router_descriptors();
+    const long router_before = router_descriptors(); // at least those that stay: the last visitor's close in their time
     for (size_t i = 0; i < count && !HasFailure(); ++i) {
         come_and_go(names[warm_up + i]);
     }
     const size_t heap_after = heap_in_use();
     EXPECT_EQ(support::open_descriptors(), descriptors);
     EXPECT_EQ(entries("bus"), files);
-    EXPECT_TRUE(support::wait_until([&] { return router_descriptors() == router_before; }))
+    EXPECT_TRUE(support::wait_until([&] { return router_descriptors() <= router_before; }))
         << router_descriptors() << " descriptors of the router's instead of " << router_before;
     const long gained = static_cast<long>(heap_after) - static_cast<long>(heap);
     std::printf("%zu services came and went: %ld bytes of the heap gained\n", count, gained);

@@ -1,9 +1,11 @@
 /*
  * The kit's leaves: clock, buffers, foreign text, names, the directory of numbered things, and the memory of a call.
  */
-#include <cctype>
+#include <cerrno>
 #include <cstdio>
 #include <ctime>
+
+#include <sys/socket.h>
 
 #include "internal.h"
 
@@ -110,6 +112,18 @@ void buffer_free(Buffer *buffer) {
     *buffer = Buffer{};
 }
 
+int buffer_send(Buffer *buffer, int fd) {
+    while (buffer->size() > 0) {
+        const ssize_t count = send(fd, buffer->data(), buffer->size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (count > 0) {
+            buffer_consume(buffer, static_cast<size_t>(count));
+        } else if (errno != EINTR) {
+            return errno;
+        }
+    }
+    return 0;
+}
+
 // --- Texts ---------------------------------------------------------------------------------------------------------
 
 /** A parser's limit; counted in the text, where values of any depth cost no stack. */
@@ -151,18 +165,27 @@ bool is_method_name(const char *name) {
 
 // --- Directory -----------------------------------------------------------------------------------------------------
 
+void append(EntryList *list, Entry *entry) {
+    entry->previous = list->last;
+    entry->next = nullptr;
+    (list->last != nullptr ? list->last->next : list->first) = entry;
+    list->last = entry;
+    ++list->count;
+}
+
+void remove(EntryList *list, Entry *entry) {
+    (entry->previous != nullptr ? entry->previous->next : list->first) = entry->next;
+    (entry->next != nullptr ? entry->next->previous : list->last) = entry->previous;
+    --list->count;
+}
+
 uint64_t enter(Directory *directory, Entry *entry, EntryType type) {
     entry->number = ++directory->last_number;
     entry->type = type;
     Entry **bucket = &directory->buckets[entry->number % bucket_count];
     entry->chain = *bucket;
     *bucket = entry;
-    EntryList *list = &directory->lists[type];
-    entry->previous = list->last;
-    entry->next = nullptr;
-    (list->last != nullptr ? list->last->next : list->first) = entry;
-    list->last = entry;
-    ++list->count;
+    append(&directory->lists[type], entry);
     return entry->number;
 }
 
@@ -172,10 +195,7 @@ void leave(Directory *directory, Entry *entry) {
         place = &(*place)->chain;
     }
     *place = entry->chain;
-    EntryList *list = &directory->lists[entry->type];
-    (entry->previous != nullptr ? entry->previous->next : list->first) = entry->next;
-    (entry->next != nullptr ? entry->next->previous : list->last) = entry->previous;
-    --list->count;
+    remove(&directory->lists[entry->type], entry);
 }
 
 Entry *find(const Directory *directory, uint64_t number) {

@@ -35,8 +35,8 @@ void close_socket(int *socket) {
 }
 
 bool is_published(const Bus *bus, const char *address) {
-    for (size_t i = 0; i < bus->published_count; ++i) {
-        if (std::strcmp(bus->published[i], address) == 0) {
+    for (size_t i = 0; i < json_array_size(bus->published); ++i) {
+        if (std::strcmp(json_string_value(json_array_get(bus->published, i)), address) == 0) {
             return true;
         }
     }
@@ -44,14 +44,8 @@ bool is_published(const Bus *bus, const char *address) {
 }
 
 bool note_published(Bus *bus, const char *address) {
-    void *grown = std::realloc(bus->published, (bus->published_count + 1) * sizeof bus->published[0]);
-    if (grown == nullptr) {
-        return false;
-    }
-    bus->published = static_cast<char(*)[max_bus_address + 1]>(grown);
-    std::snprintf(bus->published[bus->published_count], sizeof bus->published[0], "%s", address);
-    ++bus->published_count;
-    return true;
+    bus->published = bus->published != nullptr ? bus->published : json_array();
+    return json_array_append_new(bus->published, json_string_nocheck(address)) == 0;
 }
 
 /** Binds the publisher to an address more; errno tells why not. */
@@ -74,15 +68,12 @@ bool bind_publisher(tavrix_service *service, const char *address) {
 
 /** The address for those who have been started in another folder. One that would be too long stays as it is. */
 void make_absolute(const char *address, char (&out)[max_bus_address + 1]) {
-    constexpr char scheme[] = "ipc://";
-    const char *path = address + sizeof scheme - 1;
+    const char *path = address + std::strlen("ipc://");
     char folder[max_bus_address + 1];
-    std::snprintf(out, sizeof out, "%s", address);
-    if (std::strncmp(address, scheme, sizeof scheme - 1) == 0 && *path != '/' &&
-        getcwd(folder, sizeof folder) != nullptr && std::strlen(address) + std::strlen(folder) + 1 <= max_bus_address) {
-        std::memcpy(out + sizeof scheme - 1, folder, std::strlen(folder));
-        std::snprintf(out + sizeof scheme - 1 + std::strlen(folder),
-                      sizeof out - sizeof scheme + 1 - std::strlen(folder), "/%s", path);
+    const bool is_relative =
+        transport_of(address) == TAVRIX_TRANSPORT_IPC && *path != '/' && getcwd(folder, sizeof folder) != nullptr;
+    if (!is_relative || std::snprintf(out, sizeof out, "ipc://%s/%s", folder, path) > int{max_bus_address}) {
+        std::snprintf(out, sizeof out, "%s", address);
     }
 }
 
@@ -153,7 +144,7 @@ bool publish_where_told(tavrix_service *service, const char *folder) {
         return true;
     }
     if (folder == nullptr) {
-        return service->bus.published_count > 0 || publish_on_free_port(service);
+        return json_array_size(service->bus.published) > 0 || publish_on_free_port(service);
     }
     char address[2 * max_bus_address];
     const int length = std::snprintf(address, sizeof address, "ipc://%s/%s", folder, service->name);
@@ -179,17 +170,13 @@ Endpoint *find_endpoint(Bus *bus, const char *address) {
     return nullptr;
 }
 
-void let_go(Bus *bus, size_t index) {
-    tavrix_mq_socket_shutdown(bus->sub, bus->endpoints[index].id);
-    bus->endpoints[index] = bus->endpoints[--bus->endpoint_count];
-}
-
 /** Lets those go that `is_unwanted` names. */
 template <class Predicate>
 void let_go_if(Bus *bus, Predicate is_unwanted) {
     for (size_t i = 0; i < bus->endpoint_count;) {
         if (!bus->endpoints[i].fixed && is_unwanted(bus->endpoints[i])) {
-            let_go(bus, i);
+            tavrix_mq_socket_shutdown(bus->sub, bus->endpoints[i].id);
+            bus->endpoints[i] = bus->endpoints[--bus->endpoint_count];
         } else {
             ++i;
         }
@@ -315,15 +302,13 @@ void take_frame(tavrix_service *service, const char *frame, size_t length) {
         return;
     }
     const json_t *id = json_object_get(message.get(), "id");
-    Origin origin{};
-    origin.caller = {TAVRIX_ROAD_BUS, -1, static_cast<uid_t>(-1), static_cast<gid_t>(-1)};
-    origin.channel = json_string_value(id);
-    const bool answerable = origin.channel != nullptr && is_method_name(origin.channel);
+    const char *channel = json_string_value(id);
+    const bool answerable = channel != nullptr && is_method_name(channel);
     if (id != nullptr && !answerable) {
         LOG_DEBUG("%s: a request on the bus whose id is no channel is passed over\n", Printable(method).text);
         return;
     }
-    evaluate(service, std::move(message), origin);
+    evaluate(service, std::move(message), {unknown_caller(TAVRIX_ROAD_BUS), channel, nullptr});
 }
 
 void on_readable(evutil_socket_t /*fd*/, short /*what*/, void *argument) {
@@ -474,7 +459,7 @@ void bus_close(tavrix_service *service) {
     close_socket(&bus->sub);
     close_socket(&bus->pub);
     std::free(bus->endpoints);
-    std::free(bus->published);
+    json_decref(bus->published);
     *bus = Bus{};
     bus_prepare(service);
 }

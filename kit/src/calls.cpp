@@ -4,7 +4,9 @@
  *
  * A call's record is taken from the spare ones and goes back there; while it is deferred it stands in the directory.
  */
+#include <algorithm>
 #include <cstdio>
+#include <iterator>
 #include <utility>
 
 #include "internal.h"
@@ -28,7 +30,7 @@ tavrix_call *take_call(tavrix_service *service) {
     if (call == nullptr) {
         return make<tavrix_call>();
     }
-    service->spare_calls = reinterpret_cast<tavrix_call *>(call->entry.next);
+    service->spare_calls = next_of(call);
     --service->spare_count;
     return call;
 }
@@ -266,48 +268,48 @@ void on_deadline(evutil_socket_t /*fd*/, short /*what*/, void *argument) {
     abandon_call(call);
 }
 
-tavrix_call *as_call(Entry *entry) { return reinterpret_cast<tavrix_call *>(entry); }
-
-Entry *first_deferred(const tavrix_service *service) { return service->directory.lists[entry_call].first; }
+tavrix_call *first_deferred(const tavrix_service *service) {
+    return first_of<tavrix_call>(service->directory.lists[entry_call]);
+}
 
 // --- Values --------------------------------------------------------------------------------------------------------
 
-/** The value of a parameter that is there and is read as its kind wants; null otherwise. */
-const Value *value_of(const tavrix_call *call, const char *name, unsigned storages) {
+/** The value of a parameter that is there and is read as its kind wants; an empty one otherwise. */
+const Value &value_of(const tavrix_call *call, const char *name, unsigned storages) {
+    static constexpr Value none{};
     if (call == nullptr || name == nullptr) {
-        return nullptr;
+        return none;
     }
-    const tavrix_service_param *rows = call->row->params;
-    for (size_t i = 0; rows != nullptr && rows[i].name != nullptr; ++i) {
-        if (std::strcmp(rows[i].name, name) != 0) {
-            continue;
-        }
-        if ((storages & (1U << storage_of(rows[i].kind))) == 0) {
-            LOG_ERROR("%s reads its parameter %s as another kind than its row says\n", call->row->name, name);
-            return nullptr;
-        }
-        return call->values != nullptr && call->values[i].present ? &call->values[i] : nullptr;
+    const tavrix_service_param *row = find_row(call->row->params, name);
+    if (row == nullptr) {
+        LOG_ERROR("%s reads a parameter %s that has no row\n", call->row->name, name);
+        return none;
     }
-    LOG_ERROR("%s reads a parameter %s that has no row\n", call->row->name, name);
-    return nullptr;
+    if ((storages & (1U << storage_of(row->kind))) == 0) {
+        LOG_ERROR("%s reads its parameter %s as another kind than its row says\n", call->row->name, name);
+        return none;
+    }
+    const Value *value = call->values != nullptr ? &call->values[row - call->row->params] : &none;
+    return value->present ? *value : none;
+}
+
+const Value &value_of(const tavrix_call *call, const char *name, Storage storage) {
+    return value_of(call, name, 1U << storage);
 }
 
 void *records_of(const tavrix_call *call, const char *name, Storage storage, int *count_out) {
-    const Value *value = value_of(call, name, 1U << storage);
+    const Value &value = value_of(call, name, storage);
     if (count_out != nullptr) {
-        *count_out = value != nullptr ? value->count : 0;
+        *count_out = value.count;
     }
-    return value != nullptr ? value->records : nullptr;
+    return value.records;
 }
 
 } // namespace
 
 bool is_own_method(const char *name) {
-    bool is_own = false;
-    for (const char *own : own_methods) {
-        is_own = is_own || std::strcmp(own, name) == 0;
-    }
-    return is_own;
+    return std::any_of(std::begin(own_methods), std::end(own_methods),
+                       [name](const char *own) { return std::strcmp(own, name) == 0; });
 }
 
 void evaluate(tavrix_service *service, Json request, const Origin &origin) {
@@ -353,26 +355,22 @@ void abandon_call(tavrix_call *call) {
 }
 
 void abandon_session_calls(tavrix_service *service) {
-    Entry *next = nullptr;
-    for (Entry *entry = first_deferred(service); entry != nullptr; entry = next) {
-        next = entry->next;
-        if (as_call(entry)->caller.road == TAVRIX_ROAD_SESSION) {
-            as_call(entry)->over = true; // first all: what a callback answers must not change the list
-        }
+    for (auto *call = first_deferred(service); call != nullptr; call = next_of(call)) {
+        // First all: what a callback answers must not change the list.
+        call->over = call->over || call->caller.road == TAVRIX_ROAD_SESSION;
     }
-    for (Entry *entry = first_deferred(service); entry != nullptr;) {
-        if (!as_call(entry)->over) {
-            entry = entry->next;
+    for (auto *call = first_deferred(service); call != nullptr;) {
+        if (!call->over) {
+            call = next_of(call);
             continue;
         }
-        abandon_call(as_call(entry));
-        entry = first_deferred(service);
+        abandon_call(call);
+        call = first_deferred(service);
     }
 }
 
 void abandon_cancelled_call(tavrix_service *service, const json_t *transaction_id) {
-    for (Entry *entry = first_deferred(service); entry != nullptr; entry = entry->next) {
-        tavrix_call *call = as_call(entry);
+    for (auto *call = first_deferred(service); call != nullptr; call = next_of(call)) {
         if (call->caller.road == TAVRIX_ROAD_SESSION && json_equal(call->transaction_id, transaction_id) != 0) {
             LOG_DEBUG("%s: cancelled\n", call->row->name);
             abandon_call(call);
@@ -382,16 +380,15 @@ void abandon_cancelled_call(tavrix_service *service, const json_t *transaction_i
 }
 
 void refuse_deferred_calls(tavrix_service *service) {
-    while (first_deferred(service) != nullptr) {
-        tavrix_call_fail_with(as_call(first_deferred(service)), TAVRIX_JRPC_SYSTEM_BUSY, "The service ends.", nullptr);
+    while (tavrix_call *call = first_deferred(service)) {
+        tavrix_call_fail_with(call, TAVRIX_JRPC_SYSTEM_BUSY, "The service ends.", nullptr);
     }
 }
 
 void free_spare_calls(tavrix_service *service) {
-    while (service->spare_calls != nullptr) {
-        tavrix_call *next = reinterpret_cast<tavrix_call *>(service->spare_calls->entry.next);
-        unmake(service->spare_calls);
-        service->spare_calls = next;
+    while (tavrix_call *call = service->spare_calls) {
+        service->spare_calls = next_of(call);
+        unmake(call);
     }
     service->spare_count = 0;
 }
@@ -409,10 +406,7 @@ const tavrix_service_method *tavrix_call_method(const tavrix_call *call) {
 }
 
 tavrix_caller tavrix_call_caller(const tavrix_call *call) {
-    if (call == nullptr) {
-        return {TAVRIX_ROAD_SESSION, -1, static_cast<uid_t>(-1), static_cast<gid_t>(-1)};
-    }
-    return call->caller;
+    return call != nullptr ? call->caller : unknown_caller(TAVRIX_ROAD_SESSION);
 }
 
 bool tavrix_call_wants_answer(const tavrix_call *call) { return call != nullptr && call->wants_answer && !call->over; }
@@ -432,40 +426,32 @@ json_t *tavrix_call_params(const tavrix_call *call) { return call != nullptr ? c
 
 // --- Values --------------------------------------------------------------------------------------------------------
 
-bool tavrix_call_has(const tavrix_call *call, const char *name) { return value_of(call, name, ~0U) != nullptr; }
+bool tavrix_call_has(const tavrix_call *call, const char *name) { return value_of(call, name, ~0U).present; }
 
 const char *tavrix_call_text(const tavrix_call *call, const char *name) {
-    const Value *value = value_of(call, name, 1U << stored_text);
-    return value != nullptr ? value->text : nullptr;
+    return value_of(call, name, stored_text).text;
 }
 
 int64_t tavrix_call_integer(const tavrix_call *call, const char *name) {
-    const Value *value = value_of(call, name, 1U << stored_integer);
-    return value != nullptr ? value->integer : 0;
+    return value_of(call, name, stored_integer).integer;
 }
 
 uint64_t tavrix_call_uint64(const tavrix_call *call, const char *name) {
-    const Value *value = value_of(call, name, 1U << stored_uint64);
-    return value != nullptr ? value->unsigned_integer : 0;
+    return value_of(call, name, stored_uint64).unsigned_integer;
 }
 
-double tavrix_call_real(const tavrix_call *call, const char *name) {
-    const Value *value = value_of(call, name, 1U << stored_real);
-    return value != nullptr ? value->real : 0;
-}
+double tavrix_call_real(const tavrix_call *call, const char *name) { return value_of(call, name, stored_real).real; }
 
 bool tavrix_call_boolean(const tavrix_call *call, const char *name) {
-    const Value *value = value_of(call, name, 1U << stored_boolean);
-    return value != nullptr && value->integer != 0;
+    return value_of(call, name, stored_boolean).integer != 0;
 }
 
 int tavrix_call_word(const tavrix_call *call, const char *name) {
-    const Value *value = value_of(call, name, 1U << stored_text);
-    return value != nullptr ? static_cast<int>(value->integer) : 0;
+    return static_cast<int>(value_of(call, name, stored_text).integer);
 }
 
 json_t *tavrix_call_json(const tavrix_call *call, const char *name) {
-    return value_of(call, name, ~0U) != nullptr ? json_object_get(call->params, name) : nullptr;
+    return value_of(call, name, ~0U).present ? json_object_get(call->params, name) : nullptr;
 }
 
 const int *tavrix_call_integers(const tavrix_call *call, const char *name, int *count_out) {
@@ -569,6 +555,6 @@ uint64_t tavrix_call_defer(tavrix_call *call, void (*abandoned)(tavrix_call *cal
 }
 
 tavrix_call *tavrix_service_deferred(const tavrix_service *service, uint64_t number) {
-    Entry *entry = service != nullptr ? find(&service->directory, number, entry_call) : nullptr;
-    return entry != nullptr ? as_call(entry) : nullptr;
+    return service != nullptr ? reinterpret_cast<tavrix_call *>(find(&service->directory, number, entry_call))
+                              : nullptr;
 }

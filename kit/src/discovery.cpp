@@ -45,38 +45,29 @@ constexpr tavrix_service_param mac_filter_members[] = {
     TAVRIX_PARAM("mask", TAVRIX_KIND_MAC_ADDRESS, "which of its bits count", 0),
     TAVRIX_PARAM_END,
 };
-constexpr tavrix_service_param one_vlan_id = TAVRIX_PARAM("", TAVRIX_KIND_VLAN_ID, nullptr, 0);
+constexpr tavrix_service_param one_vlan_id[] = {TAVRIX_PARAM("", TAVRIX_KIND_VLAN_ID, nullptr, 0), TAVRIX_PARAM_END};
 constexpr tavrix_service_param document_result[] = {
     TAVRIX_PARAM("", TAVRIX_KIND_OBJECT, "an OpenRPC document", 0),
     TAVRIX_PARAM_END,
 };
 
+/** The rows of a list's elements; null where they may be anything. */
+const tavrix_service_param *elements_of(const tavrix_service_param &row) {
+    switch (storage_of(row.kind)) {
+    case stored_integers:
+        return one_vlan_id;
+    case stored_ports:
+        return port_members;
+    case stored_ports_hardware:
+        return port_hardware_members;
+    case stored_mac_filters:
+        return mac_filter_members;
+    default:
+        return row.members != nullptr && row.members->name != nullptr ? row.members : nullptr;
+    }
+}
+
 // --- Examples ------------------------------------------------------------------------------------------------------
-
-struct Example {
-    tavrix_kind kind;
-    const char *text;
-};
-
-constexpr Example examples[] = {
-    {TAVRIX_KIND_TEXT, "text"},
-    {TAVRIX_KIND_UINT64, "4711"},
-    {TAVRIX_KIND_FLOAT, "2.5"},
-    {TAVRIX_KIND_MZU_ID, "c1"},
-    {TAVRIX_KIND_DESCRIPTION, "Uplink"},
-    {TAVRIX_KIND_MZU_SW_UPGRADE_FILENAME, "zqn-1.2.3-004.img"},
-    {TAVRIX_KIND_UNIT_SW_UPGRADE_FILENAME, "zqn-1.2.3-004.img"},
-    {TAVRIX_KIND_MAC_ADDRESS, "00:1A:2B:3C:4D:5E"},
-    {TAVRIX_KIND_MACADDR_ALLOWED, "none"},
-    {TAVRIX_KIND_IP_ADDRESS, "192.168.1.10"},
-    {TAVRIX_KIND_USERNAME, "keeper1"},
-    {TAVRIX_KIND_PASSWORD, "Secret-1"},
-    {TAVRIX_KIND_DATE, "2026-01-31"},
-    {TAVRIX_KIND_TIME, "12:30"},
-    {TAVRIX_KIND_ENTITY_NAME, "attic"},
-    {TAVRIX_KIND_ENTITY_EXTENSION, "text"},
-    {TAVRIX_KIND_ALIAS, "ATTIC"},
-};
 
 const char *example_of_port(unsigned flags) {
     if ((flags & TAVRIX_ALLOW_C_PORT) != 0) {
@@ -105,12 +96,8 @@ json_t *example_of_text(const tavrix_service_param &row) {
         std::memset(text, 'x', length);
         return json_string(text);
     }
-    for (const Example &example : examples) {
-        if (example.kind == row.kind) {
-            return json_string(example.text);
-        }
-    }
-    return nullptr;
+    const char *example = example_of_kind(row.kind);
+    return example != nullptr ? json_string(example) : nullptr;
 }
 
 json_t *example_of_integer(const tavrix_service_param &row) {
@@ -138,26 +125,20 @@ json_t *example_of_object(const tavrix_service_param *rows) {
     return object.release();
 }
 
-json_t *example_of_list(int64_t count, const tavrix_service_param *members) {
-    const bool bare = members != nullptr && members->name != nullptr && members->name[0] == '\0';
+json_t *example_of_list(const tavrix_service_param &row) {
+    const tavrix_service_param *elements = elements_of(row);
+    const bool holds_none = row.kind == TAVRIX_KIND_ARRAY && has_bounds(&row) && row.max < 1;
+    const int64_t count = row.min > 1 ? row.min : holds_none ? 0 : 1;
     Json list(count <= most_shown ? json_array() : nullptr);
     for (int64_t i = 0; list && i < count; ++i) {
-        json_t *element = nullptr;
-        if (members == nullptr || members->name == nullptr) {
-            element = json_integer(1);
-        } else {
-            element = bare ? example_of(*members) : example_of_object(members);
-        }
+        json_t *element = elements == nullptr ? json_integer(1)
+                          : is_bare(elements) ? example_of(*elements)
+                                              : example_of_object(elements);
         if (json_array_append_new(list.get(), element) != 0) {
             return nullptr;
         }
     }
     return list.release();
-}
-
-int64_t shown_elements(const tavrix_service_param &row) {
-    const bool holds_none = row.kind == TAVRIX_KIND_ARRAY && has_bounds(&row) && row.max < 1;
-    return row.min > 1 ? row.min : holds_none ? 0 : 1;
 }
 
 /** A value that the check lets through; null when there is none that could be shown. */
@@ -173,16 +154,12 @@ json_t *example_of(const tavrix_service_param &row) {
     case stored_real:
         return row.kind == TAVRIX_KIND_FLOAT ? example_of_text(row) : example_of_number(row);
     case stored_json:
-        return row.kind == TAVRIX_KIND_ARRAY ? example_of_list(shown_elements(row), row.members)
-                                             : example_of_object(row.members);
+        return row.kind == TAVRIX_KIND_ARRAY ? example_of_list(row) : example_of_object(row.members);
     case stored_integers:
-        return example_of_list(shown_elements(row), &one_vlan_id);
     case stored_ports:
-        return example_of_list(shown_elements(row), port_members);
     case stored_ports_hardware:
-        return example_of_list(shown_elements(row), port_hardware_members);
     case stored_mac_filters:
-        return example_of_list(shown_elements(row), mac_filter_members);
+        return example_of_list(row);
     }
     return nullptr;
 }
@@ -255,39 +232,22 @@ void add_text(Writer *writer, json_t *schema, const tavrix_service_param &row) {
     }
 }
 
-void add_list(Writer *writer, json_t *schema, int64_t least, int64_t most, json_t *items) {
+void add_list(Writer *writer, json_t *schema, const tavrix_service_param &row) {
+    const bool is_array = row.kind == TAVRIX_KIND_ARRAY;
+    const tavrix_service_param *elements = elements_of(row);
     writer->put_text(schema, "type", "array");
-    if (least > 0) {
-        writer->put(schema, "minItems", json_integer(least));
+    if (row.min > 0) {
+        writer->put(schema, "minItems", json_integer(row.min));
     }
-    if (most >= 0) {
-        writer->put(schema, "maxItems", json_integer(most));
+    if (!is_array || has_bounds(&row)) {
+        writer->put(schema, "maxItems", json_integer(is_array ? row.max : most_records(&row)));
     }
-    writer->put(schema, "items", items);
-}
-
-void add_array(Writer *writer, json_t *schema, const tavrix_service_param &row) {
-    const tavrix_service_param *members = row.members;
-    json_t *items = nullptr;
-    if (members == nullptr || members->name == nullptr) {
-        items = json_object();
-    } else if (members->name[0] == '\0') {
-        items = schema_of(writer, *members, members->summary);
-    } else {
-        items = schema_of_object(writer, members);
-    }
-    add_list(writer, schema, row.min, has_bounds(&row) ? row.max : -1, items);
-}
-
-void add_records(Writer *writer, json_t *schema, const tavrix_service_param &row) {
-    const tavrix_service_param *members = port_members;
-    if (row.kind == TAVRIX_KIND_PORTS_HARDWARE) {
-        members = port_hardware_members;
-    } else if (row.kind == TAVRIX_KIND_MAC_FILTERS) {
-        members = mac_filter_members;
-    }
-    const bool is_closed = std::exchange(writer->is_closed, false); // their retriever passes over what it does not know
-    add_list(writer, schema, row.min, most_records(&row), schema_of_object(writer, members));
+    // The retriever of records passes over what it does not know.
+    const bool is_closed = std::exchange(writer->is_closed, writer->is_closed && is_array);
+    writer->put(schema, "items",
+                elements == nullptr ? json_object()
+                : is_bare(elements) ? schema_of(writer, *elements, elements->summary)
+                                    : schema_of_object(writer, elements));
     writer->is_closed = is_closed;
 }
 
@@ -335,16 +295,14 @@ json_t *schema_of(Writer *writer, const tavrix_service_param &row, const char *s
         break;
     case stored_json:
         if (row.kind == TAVRIX_KIND_ARRAY) {
-            add_array(writer, schema, row);
+            add_list(writer, schema, row);
         }
         break;
     case stored_integers:
-        add_list(writer, schema, row.min, most_records(&row), schema_of(writer, one_vlan_id, nullptr));
-        break;
     case stored_ports:
     case stored_ports_hardware:
     case stored_mac_filters:
-        add_records(writer, schema, row);
+        add_list(writer, schema, row);
         break;
     }
     add_description(writer, schema, row, summary);
@@ -377,7 +335,7 @@ json_t *result_of(Writer *writer, const tavrix_service_method &method) {
     json_t *schema = nullptr;
     if (method.result == nullptr) {
         schema = json_pack("{s:s, s:[i]}", "type", "integer", "enum", 0);
-    } else if (method.result->name != nullptr && method.result->name[0] == '\0') {
+    } else if (is_bare(method.result)) {
         schema = schema_of(writer, *method.result, method.result->summary);
     } else {
         schema = schema_of_object(writer, method.result);

@@ -91,6 +91,8 @@ bool buffer_append(Buffer *buffer, const char *bytes, size_t count);
 /** Takes bytes off the start; an empty buffer that has grown gives its memory back. */
 void buffer_consume(Buffer *buffer, size_t count);
 void buffer_free(Buffer *buffer);
+/** Writes what a socket takes of it; 0, or why it takes no more: EAGAIN, or an error. */
+int buffer_send(Buffer *buffer, int fd);
 
 /** Foreign text for a log line; a null pointer is shown as nothing. */
 struct Printable {
@@ -143,10 +145,21 @@ struct Directory {
     uint64_t last_number;
 };
 
+void append(EntryList *list, Entry *entry);
+void remove(EntryList *list, Entry *entry);
 uint64_t enter(Directory *directory, Entry *entry, EntryType type);
 void leave(Directory *directory, Entry *entry);
 Entry *find(const Directory *directory, uint64_t number);
 Entry *find(const Directory *directory, uint64_t number, EntryType type);
+/** The records of a list, which begin with their entries. */
+template <class Record>
+Record *first_of(const EntryList &list) {
+    return reinterpret_cast<Record *>(list.first);
+}
+template <class Record>
+Record *next_of(const Record *record) {
+    return reinterpret_cast<Record *>(record->entry.next);
+}
 
 // --- Parameters ----------------------------------------------------------------------------------------------------
 
@@ -184,6 +197,10 @@ int check_params(const tavrix_service_method *method, json_t *params, Arena *are
                  json_t **data_out);
 /** Checks that a method's rows can be served, all the way down; logs what is wrong with them. */
 bool check_rows(const tavrix_service_method &method);
+/** The row of that name; null without one. The rows may be null. */
+const tavrix_service_param *find_row(const tavrix_service_param *rows, const char *name);
+/** Whether the rows are one without a name: the value itself. */
+bool is_bare(const tavrix_service_param *rows);
 
 /** How a kind's value is read. */
 enum Storage {
@@ -211,6 +228,8 @@ int64_t lowest_of(const tavrix_service_param *row);
 int64_t highest_of(const tavrix_service_param *row);
 /** Of a list of numbers or records. */
 int most_records(const tavrix_service_param *row);
+/** A value that the check lets through, of a text; null where the row's own words or bounds decide. */
+const char *example_of_kind(tavrix_kind kind);
 /** Null where the words are not counted. */
 const char *const *words_allowed(const tavrix_service_param *row);
 /** For people. */
@@ -249,6 +268,11 @@ struct tavrix_call {
 };
 
 namespace kit {
+
+/** Who calls, when nobody says it. */
+constexpr tavrix_caller unknown_caller(tavrix_road road) {
+    return {road, -1, static_cast<uid_t>(-1), static_cast<gid_t>(-1)};
+}
 
 /** Where a request came from. */
 struct Origin {
@@ -304,6 +328,10 @@ struct Session {
     int refusal;             ///< the registration's last refusal, told once
 };
 
+/** The path of the router's session socket: what is given, or what the environment says, or the usual one. */
+const char *session_path(const char *given);
+/** A descriptor that is connected to a path, which fits into an address; or -1 with errno. */
+int connect_unix(const char *path);
 /** Whether a router's socket for single requests has said this before it closed: an answer without a newline. */
 bool is_single_answer(const Buffer &in);
 bool session_prepare(tavrix_service *service);
@@ -337,9 +365,8 @@ struct Bus {
     event readable;
     Endpoint *endpoints;
     size_t endpoint_count;
-    char (*published)[max_bus_address + 1]; ///< where the service publishes
-    size_t published_count;
-    uint64_t said; ///< frames that the router has to have read before the service may close its socket
+    json_t *published; ///< an array of addresses, where the service publishes; null before there is one
+    uint64_t said;     ///< frames that the router has to have read before the service may close its socket
     uint64_t asked;
     uint64_t heard;
 };
@@ -381,7 +408,8 @@ void send_waiting_requests(tavrix_service *service);
 void take_response(tavrix_service *service, const json_t *response);
 /** Ends all that are in flight, or with `sent_only` those that the lost connection has taken along. */
 void end_requests(tavrix_service *service, tavrix_outcome outcome, bool sent_only);
-void cancel_request(tavrix_service *service, Entry *entry);
+/** What an answer that is no result says, for a log line. */
+Printable words_of(const tavrix_answer *answer);
 /** A text {"jsonrpc", "method", "params", "id"}; takes `params`; 0 is no id. Null without memory. */
 Text request_text(const char *method, json_t *params, uint64_t id);
 
@@ -389,20 +417,14 @@ Text request_text(const char *method, json_t *params, uint64_t id);
 bool send_subscriptions(tavrix_service *service);
 void take_notification(tavrix_service *service, const json_t *message, const char *method);
 void tell_lost(tavrix_service *service, uint64_t count);
-/** False when it has ended already, in a callback of this very notification. */
+/** What has a number and is cancelled; false when it has ended already, in a callback of this very notification. */
+bool cancel_request(tavrix_service *service, Entry *entry);
 bool cancel_subscription(tavrix_service *service, Entry *entry);
-
-void cancel_timer(tavrix_service *service, Entry *entry);
-
-void close_listener(tavrix_service *service, Entry *entry);
+bool cancel_timer(tavrix_service *service, Entry *entry);
+bool close_listener(tavrix_service *service, Entry *entry);
 void client_answer(Client *client, const char *text);
 bool clients_have_unwritten(const tavrix_service *service);
 void close_clients(tavrix_service *service);
-struct ClientList {
-    Client *first;
-    Client *last;
-    size_t count;
-};
 
 // --- The service ---------------------------------------------------------------------------------------------------
 
@@ -434,7 +456,7 @@ struct tavrix_service {
     size_t spare_count;
     kit::Session session;
     kit::Bus bus;
-    kit::ClientList clients;
+    kit::EntryList clients; ///< who has been silent for longest stands first
     void (*lost)(tavrix_service *service, uint64_t count, void *user);
     void *lost_user;
     int notifying; ///< subscriptions that end meanwhile are released afterwards

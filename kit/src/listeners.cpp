@@ -14,7 +14,6 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include "internal.h"
@@ -36,8 +35,7 @@ struct Listener {
 };
 
 struct Client {
-    Client *previous;
-    Client *next;
+    Entry entry; ///< of the service's clients alone: it has no number
     tavrix_service *service;
     int fd;
     event ready;
@@ -62,29 +60,12 @@ constexpr int clients_per_turn = 64;
 constexpr int messages_per_turn = 64;
 constexpr int backlog = 4096; // the system cuts it to its own limit
 
-Listener *as_listener(Entry *entry) { return reinterpret_cast<Listener *>(entry); }
-
 // --- Clients -------------------------------------------------------------------------------------------------------
 
-void leave_list(Client *client) {
-    ClientList *list = &client->service->clients;
-    (client->previous != nullptr ? client->previous->next : list->first) = client->next;
-    (client->next != nullptr ? client->next->previous : list->last) = client->previous;
-    --list->count;
-}
-
-/** Who has been silent for longest stands first. */
-void enter_list(Client *client) {
-    ClientList *list = &client->service->clients;
-    client->previous = list->last;
-    client->next = nullptr;
-    (list->last != nullptr ? list->last->next : list->first) = client;
-    list->last = client;
-    ++list->count;
-}
+Client *first_client(const tavrix_service *service) { return first_of<Client>(service->clients); }
 
 void free_client(Client *client) {
-    leave_list(client);
+    remove(&client->service->clients, &client->entry);
     event_del(&client->ready);
     close(client->fd);
     buffer_free(&client->out);
@@ -93,13 +74,11 @@ void free_client(Client *client) {
 
 /** The call that a client waits for, when it has one. */
 tavrix_call *call_of(const Client *client) {
-    for (Entry *entry = client->service->directory.lists[entry_call].first; entry != nullptr; entry = entry->next) {
-        auto *call = reinterpret_cast<tavrix_call *>(entry);
-        if (call->client == client) {
-            return call;
-        }
+    auto *call = first_of<tavrix_call>(client->service->directory.lists[entry_call]);
+    while (call != nullptr && call->client != client) {
+        call = next_of(call);
     }
-    return nullptr;
+    return call;
 }
 
 /** The client has gone: nobody waits for its call any more. */
@@ -123,16 +102,9 @@ void watch_client(Client *client, short what, int timeout_ms, event_callback_fn 
 
 void on_client_writable(evutil_socket_t fd, short what, void *argument) {
     auto *client = static_cast<Client *>(argument);
-    while ((what & EV_TIMEOUT) == 0 && client->out.size() > 0) {
-        const ssize_t count = send(fd, client->out.data(), client->out.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-        if (count > 0) {
-            buffer_consume(&client->out, static_cast<size_t>(count));
-        } else if (errno == EAGAIN) {
-            watch_client(client, EV_WRITE, answer_timeout_ms, on_client_writable);
-            return;
-        } else if (errno != EINTR) {
-            break;
-        }
+    if ((what & EV_TIMEOUT) == 0 && buffer_send(&client->out, fd) == EAGAIN) {
+        watch_client(client, EV_WRITE, answer_timeout_ms, on_client_writable);
+        return;
     }
     free_client(client);
 }
@@ -186,10 +158,8 @@ void evaluate_client(Client *client) {
     if (!request) {
         LOG_DEBUG("A client's request is no JSON\n");
     }
-    Origin origin{};
-    origin.caller = client->caller;
-    origin.client = client;
-    evaluate(client->service, std::move(request), origin); // the client may be gone when this returns
+    evaluate(client->service, std::move(request),
+             {client->caller, nullptr, client}); // the client may be gone when this returns
 }
 
 void on_client_readable(evutil_socket_t fd, short what, void *argument) {
@@ -208,8 +178,8 @@ void on_client_readable(evutil_socket_t fd, short what, void *argument) {
         return;
     }
     client->length += static_cast<size_t>(count);
-    leave_list(client);
-    enter_list(client);
+    remove(&client->service->clients, &client->entry);
+    append(&client->service->clients, &client->entry); // silent for the shortest time now
     if (is_whole(client) || count == 0) {
         evaluate_client(client);
     }
@@ -221,14 +191,14 @@ void on_client_readable(evutil_socket_t fd, short what, void *argument) {
  */
 bool make_room(tavrix_service *service, uid_t user) {
     size_t own = 0;
-    for (const Client *client = service->clients.first; client != nullptr; client = client->next) {
+    for (const Client *client = first_client(service); client != nullptr; client = next_of(client)) {
         own += client->caller.uid == user ? 1 : 0;
     }
     const bool has_half = own >= TAVRIX_SERVICE_MAX_CLIENTS / 2;
     if (!has_half && service->clients.count < TAVRIX_SERVICE_MAX_CLIENTS) {
         return true;
     }
-    for (Client *client = service->clients.first; client != nullptr; client = client->next) {
+    for (Client *client = first_client(service); client != nullptr; client = next_of(client)) {
         if (client->reading && (!has_half || client->caller.uid == user)) {
             free_client(client);
             return true;
@@ -241,7 +211,7 @@ tavrix_caller caller_of(tavrix_road road, int fd) {
     ucred credentials{};
     socklen_t size = sizeof credentials;
     if (road != TAVRIX_ROAD_UNIX || getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0) {
-        return {road, -1, static_cast<uid_t>(-1), static_cast<gid_t>(-1)};
+        return unknown_caller(road);
     }
     return {road, credentials.pid, credentials.uid, credentials.gid};
 }
@@ -258,7 +228,7 @@ void take_client(Listener *listener, int fd) {
     client->fd = fd;
     client->caller = caller;
     client->reading = true;
-    enter_list(client);
+    append(&service->clients, &client->entry);
     event_assign(&client->ready, service->base, fd, EV_READ | EV_PERSIST, on_client_readable, client);
     const timeval time = time_of_ms(request_timeout_ms);
     if (event_add(&client->ready, &time) != 0) {
@@ -308,9 +278,7 @@ void on_pull_readable(evutil_socket_t /*fd*/, short /*what*/, void *argument) {
         }
         const Text owner(message);
         Json request(json_loadb(message, static_cast<size_t>(length), parse_flags, nullptr));
-        Origin origin{};
-        origin.caller = {TAVRIX_ROAD_PULL, -1, static_cast<uid_t>(-1), static_cast<gid_t>(-1)};
-        evaluate(service, std::move(request), origin);
+        evaluate(service, std::move(request), {unknown_caller(TAVRIX_ROAD_PULL), nullptr, nullptr});
     }
 }
 
@@ -342,12 +310,8 @@ uint64_t cannot_listen(const char *where, const char *why) {
 }
 
 bool is_served(const char *path) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::memcpy(address.sun_path, path, std::strlen(path));
-    const tavrix::Descriptor probe(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    return probe && (connect(probe.get(), reinterpret_cast<sockaddr *>(&address), sizeof address) == 0 ||
-                     errno == EAGAIN); // somebody listens, with a full backlog
+    const tavrix::Descriptor probe(connect_unix(path));
+    return probe || errno == EAGAIN; // somebody listens, with a full backlog
 }
 
 } // namespace
@@ -360,7 +324,7 @@ void client_answer(Client *client, const char *text) {
 }
 
 bool clients_have_unwritten(const tavrix_service *service) {
-    for (const Client *client = service->clients.first; client != nullptr; client = client->next) {
+    for (const Client *client = first_client(service); client != nullptr; client = next_of(client)) {
         if (client->out.size() > 0) {
             return true;
         }
@@ -368,8 +332,8 @@ bool clients_have_unwritten(const tavrix_service *service) {
     return false;
 }
 
-void close_listener(tavrix_service *service, Entry *entry) {
-    Listener *listener = as_listener(entry);
+bool close_listener(tavrix_service *service, Entry *entry) {
+    auto *listener = reinterpret_cast<Listener *>(entry);
     event_del(&listener->readable);
     event_del(&listener->pause);
     leave(&service->directory, entry);
@@ -384,11 +348,12 @@ void close_listener(tavrix_service *service, Entry *entry) {
         unlink(listener->path);
     }
     unmake(listener);
+    return true;
 }
 
 void close_clients(tavrix_service *service) {
-    while (service->clients.first != nullptr) {
-        free_client(service->clients.first);
+    while (Client *client = first_client(service)) {
+        free_client(client);
     }
 }
 
@@ -422,7 +387,7 @@ uint64_t tavrix_service_listen_unix(tavrix_service *service, const char *path) {
     const uint64_t number = add_listener(service, TAVRIX_ROAD_UNIX, fd, fd, on_acceptable);
     if (number != 0) {
         owner.release();
-        Listener *listener = as_listener(find(&service->directory, number));
+        auto *listener = reinterpret_cast<Listener *>(find(&service->directory, number));
         std::memcpy(listener->path, path, std::strlen(path) + 1);
         listener->device = file.st_dev;
         listener->inode = file.st_ino;

@@ -43,61 +43,64 @@ struct KindRow {
     const char *const *words;     ///< what is let through, where that is a list of words
     const char *const *positions; ///< where the word has its number; null: `words`
     const char *allowed;          ///< a noun: what is let through, for people
+    const char *example;          ///< of a text: a value that is let through, if the row does not decide
 };
 
-constexpr KindRow other(tavrix_kind kind, Storage storage, const char *allowed) {
-    return {kind, storage, nullptr, nullptr, INT32_MIN, INT32_MAX, nullptr, nullptr, allowed};
+constexpr KindRow other(tavrix_kind kind, Storage storage, const char *allowed, const char *example = nullptr) {
+    return {kind, storage, nullptr, nullptr, INT32_MIN, INT32_MAX, nullptr, nullptr, allowed, example};
 }
-constexpr KindRow text(tavrix_kind kind, TextRetriever retriever, const char *allowed) {
-    return {kind, stored_text, retriever, nullptr, 0, 0, nullptr, nullptr, allowed};
+constexpr KindRow text(tavrix_kind kind, TextRetriever retriever, const char *allowed, const char *example = nullptr) {
+    return {kind, stored_text, retriever, nullptr, 0, 0, nullptr, nullptr, allowed, example};
 }
 constexpr KindRow word(tavrix_kind kind, TextRetriever retriever, const char *const *words,
                        const char *const *positions) {
-    return {kind, stored_text, retriever, nullptr, 0, 0, words, positions, nullptr};
+    return {kind, stored_text, retriever, nullptr, 0, 0, words, positions, nullptr, nullptr};
 }
 constexpr KindRow integer(tavrix_kind kind, IntegerRetriever retriever, int64_t lowest, int64_t highest) {
-    return {kind, stored_integer, nullptr, retriever, lowest, highest, nullptr, nullptr, nullptr};
+    return {kind, stored_integer, nullptr, retriever, lowest, highest, nullptr, nullptr, nullptr, nullptr};
 }
 
 constexpr KindRow kinds[] = {
     other(TAVRIX_KIND_NONE, stored_json, ""),
-    text(TAVRIX_KIND_TEXT, tavrix_jrpc_utils_parse_input_string, "a text"),
+    text(TAVRIX_KIND_TEXT, tavrix_jrpc_utils_parse_input_string, "a text", "text"),
     integer(TAVRIX_KIND_INTEGER, tavrix_jrpc_utils_parse_input_integer, INT32_MIN, INT32_MAX),
     other(TAVRIX_KIND_BOOLEAN, stored_boolean, "true or false"),
     other(TAVRIX_KIND_NUMBER, stored_real, "a number"),
-    other(TAVRIX_KIND_UINT64, stored_uint64, "a text with a number of 64 bits, such as \"4711\" or \"0x1267\""),
-    other(TAVRIX_KIND_FLOAT, stored_real, "a text with a number, such as \"2.5\""),
+    other(TAVRIX_KIND_UINT64, stored_uint64, "a text with a number of 64 bits, such as \"4711\" or \"0x1267\"", "4711"),
+    other(TAVRIX_KIND_FLOAT, stored_real, "a text with a number, such as \"2.5\"", "2.5"),
     text(TAVRIX_KIND_WORD, tavrix_jrpc_utils_parse_input_string, nullptr),
     other(TAVRIX_KIND_ARRAY, stored_json, "an array"),
     other(TAVRIX_KIND_OBJECT, stored_json, "an object"),
     other(TAVRIX_KIND_JSON, stored_json, "any value"),
     text(TAVRIX_KIND_PORT_ID, nullptr, nullptr),
-    text(TAVRIX_KIND_MZU_ID, nullptr, "a unit: c1 to c128"),
+    text(TAVRIX_KIND_MZU_ID, nullptr, "a unit: c1 to c128", "c1"),
     word(TAVRIX_KIND_STATUS, tavrix_jrpc_utils_retrieve_input_status, status_words, tavrix_admin_status_strings),
     text(TAVRIX_KIND_DESCRIPTION, tavrix_jrpc_utils_retrieve_input_description,
-         "a text of up to 50 characters without double quotes"),
+         "a text of up to 50 characters without double quotes", "Uplink"),
     word(TAVRIX_KIND_VLAN_MODE, tavrix_jrpc_utils_retrieve_input_vlan_mode, vlan_mode_words, tavrix_vlan_mode_strings),
     word(TAVRIX_KIND_MZU_MODEL, tavrix_jrpc_utils_retrieve_input_mzu_model, tavrix_mzu_model_strings, nullptr),
     text(TAVRIX_KIND_MZU_SW_UPGRADE_FILENAME, tavrix_jrpc_utils_retrieve_input_mzu_sw_upgrade_filename,
-         "a file's name, one line"),
+         "a file's name, one line", "zqn-1.2.3-004.img"),
     text(TAVRIX_KIND_UNIT_SW_UPGRADE_FILENAME, tavrix_jrpc_utils_retrieve_input_unit_sw_upgrade_filename,
-         "a file's name with zqn and a version, such as zqn-1.2.3-004.img"),
+         "a file's name with zqn and a version, such as zqn-1.2.3-004.img", "zqn-1.2.3-004.img"),
     word(TAVRIX_KIND_UNIT_SW_BANK, tavrix_jrpc_utils_retrieve_input_unit_sw_bank, sw_bank_words, nullptr),
     text(TAVRIX_KIND_MAC_ADDRESS, tavrix_jrpc_utils_retrieve_input_mac_address,
-         "a MAC address, such as 00:1A:2B:3C:4D:5E"),
+         "a MAC address, such as 00:1A:2B:3C:4D:5E", "00:1A:2B:3C:4D:5E"),
     text(TAVRIX_KIND_MACADDR_ALLOWED, tavrix_jrpc_utils_retrieve_input_macaddr_allowed,
-         "none, or a MAC address such as 00:1A:2B:3C:4D:5E"),
-    text(TAVRIX_KIND_IP_ADDRESS, tavrix_jrpc_utils_retrieve_input_ip_address, "an IPv4 address, such as 192.168.1.10"),
+         "none, or a MAC address such as 00:1A:2B:3C:4D:5E", "none"),
+    text(TAVRIX_KIND_IP_ADDRESS, tavrix_jrpc_utils_retrieve_input_ip_address, "an IPv4 address, such as 192.168.1.10",
+         "192.168.1.10"),
     text(TAVRIX_KIND_USERNAME, tavrix_jrpc_utils_retrieve_input_username,
-         "a user name: 4 to 15 letters and digits, none of the system's own"),
+         "a user name: 4 to 15 letters and digits, none of the system's own", "keeper1"),
     text(TAVRIX_KIND_PASSWORD, tavrix_jrpc_utils_retrieve_input_password,
-         "a password: 4 to 15 letters, digits, and ! ? _ @ -"),
-    text(TAVRIX_KIND_DATE, tavrix_jrpc_utils_retrieve_input_date, "a date: YYYY-MM-DD, from the year 2000"),
-    text(TAVRIX_KIND_TIME, tavrix_jrpc_utils_retrieve_input_time, "a time: HH:MM, 00:00 to 23:59"),
-    text(TAVRIX_KIND_ENTITY_NAME, tavrix_jrpc_utils_retrieve_input_entity_name, "a name"),
+         "a password: 4 to 15 letters, digits, and ! ? _ @ -", "Secret-1"),
+    text(TAVRIX_KIND_DATE, tavrix_jrpc_utils_retrieve_input_date, "a date: YYYY-MM-DD, from the year 2000",
+         "2026-01-31"),
+    text(TAVRIX_KIND_TIME, tavrix_jrpc_utils_retrieve_input_time, "a time: HH:MM, 00:00 to 23:59", "12:30"),
+    text(TAVRIX_KIND_ENTITY_NAME, tavrix_jrpc_utils_retrieve_input_entity_name, "a name", "attic"),
     text(TAVRIX_KIND_ENTITY_EXTENSION, tavrix_jrpc_utils_retrieve_input_entity_extension,
-         "a text of up to 1000 characters"),
-    text(TAVRIX_KIND_ALIAS, tavrix_jrpc_utils_retrieve_input_alias, "a text of up to 8 characters"),
+         "a text of up to 1000 characters", "text"),
+    text(TAVRIX_KIND_ALIAS, tavrix_jrpc_utils_retrieve_input_alias, "a text of up to 8 characters", "ATTIC"),
     word(TAVRIX_KIND_SECURE_OPTION, nullptr, tavrix_secure_option_strings, nullptr),
     integer(TAVRIX_KIND_VLAN_ID, tavrix_jrpc_utils_retrieve_input_vlan_id, 1, 4092),
     integer(TAVRIX_KIND_UNIT_ID, tavrix_jrpc_utils_retrieve_input_unit_id, 1, 1),
@@ -240,6 +243,16 @@ struct Check {
     const tavrix_service_method *strict; ///< the method, where members without a row are refused; or null
 };
 
+/** One row, the object that holds its value, and the value; `path` names it for people. */
+struct Place {
+    const tavrix_service_param *row;
+    json_t *object;
+    json_t *value; ///< null when it is absent
+    const char *path;
+
+    const char *key() const { return row->name; }
+};
+
 /** 17 digits tell every real from the next, and show 4.9999 as 4.9999000000000002: 15 are enough for what people write.
  */
 Text render(const json_t *value) {
@@ -263,61 +276,28 @@ void show_value(const json_t *value, Words *words) {
     }
 }
 
-void explain(const tavrix_service_param *row, const char *path, const json_t *value, const char *complaint,
-             Words *reason) {
-    Words allowed;
-    describe_allowed(row, &allowed);
-    if (value == nullptr) {
-        reason->add("%s is missing: %s", path, allowed.text);
+void explain(const Place &place, const char *complaint, const char *allowed, Words *reason) {
+    if (place.value == nullptr) {
+        reason->add("%s is missing: %s", place.path, allowed);
         return;
     }
-    reason->add("%s: ", path);
-    if (row->kind != TAVRIX_KIND_PASSWORD) {
-        show_value(value, reason);
+    reason->add("%s: ", place.path);
+    if (place.row->kind != TAVRIX_KIND_PASSWORD) {
+        show_value(place.value, reason);
         reason->add(" ");
     }
-    const bool is_range = kinds[row->kind].storage == stored_integer;
+    const bool is_range = kinds[place.row->kind].storage == stored_integer;
     if (complaint != nullptr) {
         reason->add("%s", complaint);
-    } else if (is_range && json_is_integer(value)) {
-        reason->add("is not in %s", allowed.text);
+    } else if (is_range && json_is_integer(place.value)) {
+        reason->add("is not in %s", allowed);
     } else {
-        reason->add("is not %s%s", is_range ? "an integer in " : "", allowed.text);
+        reason->add("is not %s%s", is_range ? "an integer in " : "", allowed);
     }
 }
 
 void set_text(json_t *object, const char *key, const char *text) {
     json_object_set_new(object, key, json_string(text)); // without memory the member is missing
-}
-
-/**
- * Makes the error's data of a refused parameter: what the library says, or else the reason; the reason; the parameter,
- * what came and what is allowed. `library` is taken.
- */
-int refuse(const Check &check, const tavrix_service_param *row, const char *path, const json_t *value, int status,
-           json_t *library, const char *complaint = nullptr) {
-    const Json library_owner(library);
-    Words reason;
-    Words allowed;
-    explain(row, path, value, complaint, &reason);
-    describe_allowed(row, &allowed);
-    const char *message = json_string_value(json_object_get(library, "message"));
-    Json data(json_object());
-    set_text(data.get(), "message", message != nullptr ? message : reason.text);
-    set_text(data.get(), "reason", reason.text);
-    set_text(data.get(), "parameter", path);
-    set_text(data.get(), "allowed", allowed.text);
-    if (value != nullptr && row->kind != TAVRIX_KIND_PASSWORD) {
-        Words shown;
-        show_value(value, &shown);
-        json_object_set_new(data.get(), "value",
-                            json_is_number(value) ? json_copy(const_cast<json_t *>(value))
-                            : json_is_string(value) && json_string_length(value) < 60
-                                ? json_copy(const_cast<json_t *>(value))
-                                : json_string(shown.text));
-    }
-    *check.data = data.release();
-    return status;
 }
 
 int status_of_refusal(int status) {
@@ -326,23 +306,45 @@ int status_of_refusal(int status) {
                : status;
 }
 
+/**
+ * Makes the error's data of a refused parameter: what the library says, or else the reason; the reason; the parameter,
+ * what came and what is allowed. `library` is taken.
+ */
+int refuse(const Check &check, const Place &place, int status = TAVRIX_ERR_INVALID_PARAMETER, json_t *library = nullptr,
+           const char *complaint = nullptr) {
+    const Json library_owner(library);
+    Words reason;
+    Words allowed;
+    describe_allowed(place.row, &allowed);
+    explain(place, complaint, allowed.text, &reason);
+    const char *message = json_string_value(json_object_get(library, "message"));
+    Json data(json_object());
+    set_text(data.get(), "message", message != nullptr ? message : reason.text);
+    set_text(data.get(), "reason", reason.text);
+    set_text(data.get(), "parameter", place.path);
+    set_text(data.get(), "allowed", allowed.text);
+    if (place.value != nullptr && place.row->kind != TAVRIX_KIND_PASSWORD) {
+        Words shown;
+        show_value(place.value, &shown);
+        const bool is_short =
+            json_is_number(place.value) || (json_is_string(place.value) && json_string_length(place.value) < 60);
+        json_object_set_new(data.get(), "value", is_short ? json_copy(place.value) : json_string(shown.text));
+    }
+    *check.data = data.release();
+    return status_of_refusal(status);
+}
+
 // --- One value -----------------------------------------------------------------------------------------------------
 
 int check_rows_of(const Check &check, const tavrix_service_param *rows, json_t *object, const char *path,
                   Value *values);
 
-/** One row, the object that holds its value, and the value; `path` names it for people. */
-struct Place {
-    const tavrix_service_param *row;
-    json_t *object;
-    json_t *value; ///< null when it is absent
-    const char *path;
-
-    const char *key() const { return row->name; }
-};
-
-int refuse(const Check &check, const Place &place, int status, json_t *library, const char *complaint = nullptr) {
-    return refuse(check, place.row, place.path, place.value, status_of_refusal(status), library, complaint);
+/** Lets a retriever of the library's decide. */
+template <class Retriever, class... Out>
+int retrieve(const Check &check, const Place &place, Retriever retriever, Out... out) {
+    json_t *library = nullptr;
+    const int rc = retriever(place.object, &library, place.key(), out...);
+    return rc == TAVRIX_OK ? TAVRIX_OK : refuse(check, place, rc, library);
 }
 
 /** A number that 32 bits do not hold, anywhere in the value: the library would cut it to some other number. */
@@ -365,22 +367,22 @@ bool holds_wide_integer(const json_t *value, size_t depth = 0) {
     return wide;
 }
 
-int retrieve_text(const Place &place, json_t **library, char *out, size_t size) {
+int retrieve_text(const Check &check, const Place &place, char *out, size_t size) {
     const tavrix_service_param &row = *place.row;
     const bool all = (row.flags & TAVRIX_ALLOW_ALL) != 0;
     int position = 0;
     switch (row.kind) {
     case TAVRIX_KIND_PORT_ID:
-        return tavrix_jrpc_utils_retrieve_input_port_id(
-            place.object, library, place.key(), out, size, all, (row.flags & TAVRIX_ALLOW_MZU) != 0,
-            (row.flags & TAVRIX_ALLOW_C_PORT) != 0, (row.flags & TAVRIX_ALLOW_D_PORT) != 0);
+        return retrieve(check, place, tavrix_jrpc_utils_retrieve_input_port_id, out, size, all,
+                        (row.flags & TAVRIX_ALLOW_MZU) != 0, (row.flags & TAVRIX_ALLOW_C_PORT) != 0,
+                        (row.flags & TAVRIX_ALLOW_D_PORT) != 0);
     case TAVRIX_KIND_MZU_ID:
-        return tavrix_jrpc_utils_retrieve_input_mzu_id(place.object, library, place.key(), out, size, all);
+        return retrieve(check, place, tavrix_jrpc_utils_retrieve_input_mzu_id, out, size, all);
     case TAVRIX_KIND_SECURE_OPTION:
         std::snprintf(out, size, "%s", json_is_string(place.value) ? json_string_value(place.value) : "");
-        return tavrix_jrpc_utils_parse_input_secure_option(place.object, library, place.key(), &position);
+        return retrieve(check, place, tavrix_jrpc_utils_parse_input_secure_option, &position);
     default:
-        return kinds[row.kind].text(place.object, library, place.key(), out, size);
+        return retrieve(check, place, kinds[row.kind].text, out, size);
     }
 }
 
@@ -414,21 +416,20 @@ int check_text(const Check &check, const Place &place, Value *value) {
     if (out == nullptr) {
         return TAVRIX_ERR_NO_MEMORY;
     }
-    json_t *library = nullptr;
-    const int rc = retrieve_text(place, &library, out, length + text_slack);
+    const int rc = retrieve_text(check, place, out, length + text_slack);
     if (rc != TAVRIX_OK) {
-        return refuse(check, place, rc, library);
+        return rc;
     }
     value->text = out;
     const bool is_bounded = row.kind == TAVRIX_KIND_TEXT && has_bounds(&row);
     const int64_t count = is_bounded ? count_characters(out) : 0;
     if (is_bounded && (count < row.min || count > row.max)) {
-        return refuse(check, place, TAVRIX_ERR_INVALID_PARAMETER, nullptr);
+        return refuse(check, place);
     }
     int position = 0;
     const char *const *words = words_of(&row);
     if (words != nullptr && !find_word(words, out, &position)) {
-        return refuse(check, place, TAVRIX_ERR_INVALID_PARAMETER, nullptr);
+        return refuse(check, place);
     }
     value->integer = position;
     return TAVRIX_OK;
@@ -438,30 +439,25 @@ int check_integer(const Check &check, const Place &place, Value *value) {
     const json_int_t given = json_integer_value(place.value); // 0 for another type
     const bool is_plain = place.row->kind == TAVRIX_KIND_INTEGER;
     if (json_is_integer(place.value) && !is_plain && holds_wide_integer(place.value)) {
-        return refuse(check, place, TAVRIX_ERR_INVALID_PARAMETER, nullptr);
+        return refuse(check, place);
     }
-    json_t *library = nullptr;
     int number = 0;
-    const int rc = kinds[place.row->kind].integer(place.object, &library, place.key(), &number);
+    const int rc = retrieve(check, place, kinds[place.row->kind].integer, &number);
     if (rc != TAVRIX_OK) {
-        return refuse(check, place, rc, library);
+        return rc;
     }
     if (given < lowest_of(place.row) || given > highest_of(place.row)) {
-        return refuse(check, place, TAVRIX_ERR_INVALID_PARAMETER, nullptr);
+        return refuse(check, place);
     }
     value->integer = is_plain ? static_cast<int64_t>(given) : number;
     return TAVRIX_OK;
 }
 
 int check_boolean(const Check &check, const Place &place, Value *value) {
-    json_t *library = nullptr;
     json_t *found = nullptr;
-    const int rc = tavrix_jrpc_utils_parse_input_bool(place.object, &library, place.key(), &found);
-    if (rc != TAVRIX_OK) {
-        return refuse(check, place, rc, library);
-    }
+    const int rc = retrieve(check, place, tavrix_jrpc_utils_parse_input_bool, &found);
     value->integer = json_is_true(found) ? 1 : 0;
-    return TAVRIX_OK;
+    return rc;
 }
 
 /** The library takes what is no number for 0: the text has to be one from its beginning to its end. */
@@ -480,19 +476,14 @@ bool is_number_text(tavrix_kind kind, const char *text) {
 int check_number_text(const Check &check, const Place &place, Value *value) {
     const char *given = json_string_value(place.value);
     if (given != nullptr && !is_number_text(place.row->kind, given)) {
-        return refuse(check, place, TAVRIX_ERR_INVALID_PARAMETER, nullptr);
+        return refuse(check, place);
     }
-    json_t *library = nullptr;
     float real = 0;
-    const int rc =
-        place.row->kind == TAVRIX_KIND_UINT64
-            ? tavrix_jrpc_utils_parse_input_uint64_t(place.object, &library, place.key(), &value->unsigned_integer)
-            : tavrix_jrpc_utils_parse_input_float(place.object, &library, place.key(), &real);
-    if (rc != TAVRIX_OK) {
-        return refuse(check, place, rc, library);
-    }
+    const int rc = place.row->kind == TAVRIX_KIND_UINT64
+                       ? retrieve(check, place, tavrix_jrpc_utils_parse_input_uint64_t, &value->unsigned_integer)
+                       : retrieve(check, place, tavrix_jrpc_utils_parse_input_float, &real);
     value->real = static_cast<double>(real);
-    return TAVRIX_OK;
+    return rc;
 }
 
 int refuse_type(const Check &check, const Place &place) {
@@ -501,22 +492,21 @@ int refuse_type(const Check &check, const Place &place) {
 }
 
 int check_array(const Check &check, const Place &place) {
-    json_t *library = nullptr;
     json_t *array = nullptr;
     const tavrix_service_param &row = *place.row;
-    const int rc = tavrix_jrpc_utils_parse_input_array(place.object, &library, place.key(), &array);
+    const int rc = retrieve(check, place, tavrix_jrpc_utils_parse_input_array, &array);
     if (rc != TAVRIX_OK) {
-        return refuse(check, place, rc, library);
+        return rc;
     }
     const auto count = static_cast<int64_t>(json_array_size(array));
     if (has_bounds(&row) && (count < row.min || count > row.max)) {
-        return refuse(check, place, TAVRIX_ERR_INVALID_PARAMETER, nullptr);
+        return refuse(check, place);
     }
     for (size_t i = 0; row.members != nullptr && i < json_array_size(array); ++i) {
         char path[path_size];
         std::snprintf(path, sizeof path, "%s[%zu]", place.path, i);
         json_t *element = json_array_get(array, i);
-        const bool bare = row.members->name != nullptr && row.members->name[0] == '\0';
+        const bool bare = is_bare(row.members);
         const Json holder(bare ? json_pack("{s:O}", "", element) : json_incref(element));
         if (!bare && !json_is_object(element)) {
             return refuse(check, place, TAVRIX_ERR_INVALID_PARAMETER, nullptr, "holds an element that is no object");
@@ -529,7 +519,7 @@ int check_array(const Check &check, const Place &place) {
     return TAVRIX_OK;
 }
 
-int check_json(const Check &check, const Place &place) {
+int check_json(const Check &check, const Place &place, Value * /*value*/) {
     if (place.row->kind == TAVRIX_KIND_ARRAY) {
         return check_array(check, place);
     }
@@ -561,7 +551,7 @@ int check_real(const Check &check, const Place &place, Value *value) {
         return refuse_type(check, place);
     }
     if (!is_within_bounds(place.value, *place.row)) {
-        return refuse(check, place, TAVRIX_ERR_INVALID_PARAMETER, nullptr);
+        return refuse(check, place);
     }
     value->real = json_number_value(place.value);
     return TAVRIX_OK;
@@ -575,48 +565,38 @@ int check_vlan_ids(const Check &check, const Place &place, Value *value) {
         all_integers = all_integers && json_is_integer(json_array_get(place.value, i));
     }
     if (place.value != nullptr && (!all_integers || holds_wide_integer(place.value))) {
-        return refuse(check, place, TAVRIX_ERR_INVALID_PARAMETER, nullptr);
+        return refuse(check, place);
     }
     auto *ids = static_cast<int *>(arena_take(check.arena, max_vlan_ids * sizeof(int)));
     if (ids == nullptr) {
         return TAVRIX_ERR_NO_MEMORY;
     }
-    json_t *library = nullptr;
-    const int rc = tavrix_jrpc_utils_retrieve_input_vlan_ids(place.object, &library, place.key(), ids, &value->count);
+    const int rc = retrieve(check, place, tavrix_jrpc_utils_retrieve_input_vlan_ids, ids, &value->count);
     if (rc != TAVRIX_OK) {
-        return refuse(check, place, rc, library);
+        return rc;
     }
     if (value->count < place.row->min || value->count > most_records(place.row)) {
-        return refuse(check, place, TAVRIX_ERR_INVALID_PARAMETER, nullptr);
+        return refuse(check, place);
     }
     value->records = ids;
     return TAVRIX_OK;
 }
 
-/** The library cuts a list that is too long, and numbers that are too large, without a word. */
-bool is_fit_list(const Place &place) {
-    return json_is_array(place.value) && !holds_wide_integer(place.value) &&
-           json_array_size(place.value) <= static_cast<size_t>(most_records(place.row)) &&
-           static_cast<int64_t>(json_array_size(place.value)) >= place.row->min;
-}
-
-template <class Record, class Retriever>
-int check_records(const Check &check, const Place &place, Retriever retrieve, Value *value) {
-    if (place.value != nullptr && json_is_array(place.value) && !is_fit_list(place)) {
-        return refuse(check, place, TAVRIX_ERR_INVALID_PARAMETER, nullptr);
-    }
+template <class Record, auto retriever>
+int check_records(const Check &check, const Place &place, Value *value) {
     const size_t count = json_array_size(place.value);
+    // The library cuts a list that is too long, and numbers that are too large, without a word.
+    if (json_is_array(place.value) &&
+        (holds_wide_integer(place.value) || count > static_cast<size_t>(most_records(place.row)) ||
+         static_cast<int64_t>(count) < place.row->min)) {
+        return refuse(check, place);
+    }
     auto *records = static_cast<Record *>(arena_take(check.arena, (count + 1) * sizeof(Record)));
     if (records == nullptr) {
         return TAVRIX_ERR_NO_MEMORY;
     }
-    json_t *library = nullptr;
-    const int rc = retrieve(place.object, &library, place.key(), records, &value->count, static_cast<int>(count));
-    if (rc != TAVRIX_OK) {
-        return refuse(check, place, rc, library);
-    }
     value->records = records;
-    return TAVRIX_OK;
+    return retrieve(check, place, retriever, records, &value->count, static_cast<int>(count));
 }
 
 int retrieve_mac_filters(json_t *object, json_t **library, const char *key, tavrix_mac_filter *records, int *count,
@@ -632,32 +612,21 @@ int retrieve_mac_filters(json_t *object, json_t **library, const char *key, tavr
 
 // --- Rows ----------------------------------------------------------------------------------------------------------
 
-int check_value(const Check &check, const Place &place, Value *value) {
-    switch (storage_of(place.row->kind)) {
-    case stored_text:
-        return check_text(check, place, value);
-    case stored_integer:
-        return check_integer(check, place, value);
-    case stored_boolean:
-        return check_boolean(check, place, value);
-    case stored_uint64:
-        return check_number_text(check, place, value);
-    case stored_real:
-        return check_real(check, place, value);
-    case stored_json:
-        return check_json(check, place);
-    case stored_integers:
-        return check_vlan_ids(check, place, value);
-    case stored_ports:
-        return check_records<tavrix_port_input>(check, place, tavrix_jrpc_utils_retrieve_input_ports, value);
-    case stored_ports_hardware:
-        return check_records<tavrix_port_hardware_input>(check, place, tavrix_jrpc_utils_retrieve_input_ports_hardware,
-                                                         value);
-    case stored_mac_filters:
-        return check_records<tavrix_mac_filter>(check, place, retrieve_mac_filters, value);
-    }
-    return TAVRIX_ERR_GENERAL;
-}
+/** By how the value is stored. */
+constexpr int (*checks[])(const Check &check, const Place &place, Value *value) = {
+    check_text,
+    check_integer,
+    check_number_text,
+    check_real,
+    check_boolean,
+    check_json,
+    check_vlan_ids,
+    check_records<tavrix_port_input, tavrix_jrpc_utils_retrieve_input_ports>,
+    check_records<tavrix_port_hardware_input, tavrix_jrpc_utils_retrieve_input_ports_hardware>,
+    check_records<tavrix_mac_filter, retrieve_mac_filters>,
+};
+static_assert(stored_uint64 == 2 && stored_json == 5 && stored_mac_filters == sizeof checks / sizeof checks[0] - 1,
+              "one for each way, in their order");
 
 size_t count_rows(const tavrix_service_param *rows) {
     size_t count = 0;
@@ -665,15 +634,6 @@ size_t count_rows(const tavrix_service_param *rows) {
         ++count;
     }
     return count;
-}
-
-const tavrix_service_param *find_row(const tavrix_service_param *rows, const char *name) {
-    for (; rows != nullptr && rows->name != nullptr; ++rows) {
-        if (std::strcmp(rows->name, name) == 0) {
-            return rows;
-        }
-    }
-    return nullptr;
 }
 
 /** The whole path of a member of a value. */
@@ -719,7 +679,8 @@ int check_rows_of(const Check &check, const tavrix_service_param *rows, json_t *
         const Path own_path(path, rows[i].name);
         Value unused{};
         Value *place_for_value = values != nullptr ? &values[i] : &unused;
-        const int rc = check_value(check, {&rows[i], object, value, own_path.text}, place_for_value);
+        const int rc =
+            checks[storage_of(rows[i].kind)](check, {&rows[i], object, value, own_path.text}, place_for_value);
         if (rc != TAVRIX_OK) {
             return rc;
         }
@@ -818,6 +779,21 @@ bool check_table_rows(const Rows &place) {
 }
 
 } // namespace
+
+const tavrix_service_param *find_row(const tavrix_service_param *rows, const char *name) {
+    for (; rows != nullptr && rows->name != nullptr; ++rows) {
+        if (std::strcmp(rows->name, name) == 0) {
+            return rows;
+        }
+    }
+    return nullptr;
+}
+
+bool is_bare(const tavrix_service_param *rows) {
+    return rows != nullptr && rows->name != nullptr && rows->name[0] == '\0';
+}
+
+const char *example_of_kind(tavrix_kind kind) { return kinds[kind].example; }
 
 Storage storage_of(tavrix_kind kind) { return kinds[kind].storage; }
 

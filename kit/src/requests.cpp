@@ -5,12 +5,10 @@
  * late finds none.
  */
 #include <cerrno>
-#include <cstdio>
 
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <unistd.h>
 
 #include "internal.h"
 
@@ -38,20 +36,21 @@ struct Subscription {
     char pattern[1]; ///< the rest of it lies behind
 };
 
-Request *as_request(Entry *entry) { return reinterpret_cast<Request *>(entry); }
-Subscription *as_subscription(Entry *entry) { return reinterpret_cast<Subscription *>(entry); }
-
 // --- Outcomes ------------------------------------------------------------------------------------------------------
+
+void forget_request(Request *request) {
+    clear_alarm(&request->timer);
+    leave(&request->service->directory, &request->entry);
+    std::free(request->waiting);
+    unmake(request);
+}
 
 /** The record is gone before the callback runs: it may make new requests, and end others. */
 void end_request(Request *request, const tavrix_answer &answer) {
     tavrix_service *service = request->service;
     const tavrix_answer_callback callback = request->callback;
     void *user = request->user;
-    clear_alarm(&request->timer);
-    leave(&service->directory, &request->entry);
-    std::free(request->waiting);
-    unmake(request);
+    forget_request(request);
     callback(service, &answer, user);
 }
 
@@ -105,12 +104,6 @@ Request *make_request(tavrix_service *service, int timeout_ms, tavrix_answer_cal
     return request;
 }
 
-void forget_request(Request *request) {
-    clear_alarm(&request->timer);
-    leave(&request->service->directory, &request->entry);
-    unmake(request);
-}
-
 uint64_t cannot_request(const char *method, const char *why) {
     LOG_ERROR("Cannot call %s: %s\n", Printable(method).text, why);
     return 0;
@@ -120,27 +113,27 @@ uint64_t cannot_request(const char *method, const char *why) {
 
 void on_subscribed(tavrix_service * /*service*/, const tavrix_answer *answer, void * /*user*/) {
     if (answer->outcome == TAVRIX_OUTCOME_ERROR || answer->outcome == TAVRIX_OUTCOME_TIMEOUT) {
-        const char *message = json_string_value(json_object_get(answer->data, "message"));
-        LOG_ERROR("The router refuses a subscription: %s\n",
-                  Printable(message != nullptr ? message : answer->message).text);
+        LOG_ERROR("The router refuses a subscription: %s\n", words_of(answer).text);
     }
 }
 
-/** False without memory; without a connection there is nobody to tell yet. */
+/** False without memory; without a connection there is nobody to tell yet. The patterns are taken. */
 bool send_patterns(tavrix_service *service, const char *method, json_t *patterns) {
     if (!session_is_connected(service)) {
+        json_decref(patterns);
         return true;
     }
-    json_t *params = json_pack("{s:O}", "methods", patterns);
+    json_t *params = json_pack("{s:o}", "methods", patterns);
     return params != nullptr && send_request(service, method, params, control_timeout_ms, on_subscribed, nullptr) != 0;
 }
 
-EntryList *subscriptions_of(tavrix_service *service) { return &service->directory.lists[entry_subscription]; }
+Subscription *first_subscription(const tavrix_service *service) {
+    return first_of<Subscription>(service->directory.lists[entry_subscription]);
+}
 
-bool is_pattern_used(tavrix_service *service, const char *pattern) {
-    for (Entry *entry = subscriptions_of(service)->first; entry != nullptr; entry = entry->next) {
-        const Subscription *subscription = as_subscription(entry);
-        if (!subscription->over && std::strcmp(subscription->pattern, pattern) == 0) {
+bool is_pattern_used(const tavrix_service *service, const char *pattern) {
+    for (auto *one = first_subscription(service); one != nullptr; one = next_of(one)) {
+        if (!one->over && std::strcmp(one->pattern, pattern) == 0) {
             return true;
         }
     }
@@ -148,17 +141,22 @@ bool is_pattern_used(tavrix_service *service, const char *pattern) {
 }
 
 void free_ended_subscriptions(tavrix_service *service) {
-    Entry *next = nullptr;
-    for (Entry *entry = subscriptions_of(service)->first; entry != nullptr; entry = next) {
-        next = entry->next;
-        if (as_subscription(entry)->over) {
-            leave(&service->directory, entry);
-            unmake(as_subscription(entry));
+    Subscription *next = nullptr;
+    for (auto *one = first_subscription(service); one != nullptr; one = next) {
+        next = next_of(one);
+        if (one->over && service->notifying == 0) {
+            leave(&service->directory, &one->entry);
+            unmake(one);
         }
     }
 }
 
 } // namespace
+
+Printable words_of(const tavrix_answer *answer) {
+    const char *message = json_string_value(json_object_get(answer->data, "message"));
+    return Printable(message != nullptr ? message : answer->message);
+}
 
 Text request_text(const char *method, json_t *params, uint64_t id) {
     const Json message = id != 0 ? tavrix::make_request(method, params, json_integer(static_cast<json_int_t>(id)))
@@ -175,26 +173,29 @@ uint64_t send_request(tavrix_service *service, const char *method, json_t *param
     }
     Text text = request_text(method, params_owner.release(), request->entry.number);
     const size_t length = text ? std::strlen(text.get()) : 0;
-    if (!text || length >= max_request_line) {
-        forget_request(request);
-        return cannot_request(method, text ? "a request has at most 65535 bytes" : "no memory, or no UTF-8");
-    }
-    if (const Obstacle obstacle(text.get(), max_request_line); obstacle) {
-        forget_request(request);
-        return cannot_request(method, obstacle.words);
-    }
-    if (!session_is_connected(service)) {
+    const Obstacle obstacle(text ? text.get() : "", max_request_line);
+    const char *why = nullptr;
+    if (!text) {
+        why = "no memory, or no UTF-8";
+    } else if (length >= max_request_line) {
+        why = "a request has at most 65535 bytes";
+    } else if (obstacle) {
+        why = obstacle.words;
+    } else if (!session_is_connected(service)) {
         request->waiting = text.release();
     } else if (!session_write(service, text.get(), length)) {
+        why = "the line to the router is full";
+    }
+    if (why != nullptr) {
         forget_request(request);
-        return cannot_request(method, "the line to the router is full");
+        return cannot_request(method, why);
     }
     return request->entry.number;
 }
 
 void send_waiting_requests(tavrix_service *service) {
-    for (Entry *entry = service->directory.lists[entry_request].first; entry != nullptr; entry = entry->next) {
-        Request *request = as_request(entry);
+    const EntryList &list = service->directory.lists[entry_request];
+    for (auto *request = first_of<Request>(list); request != nullptr; request = next_of(request)) {
         if (request->waiting != nullptr && session_write(service, request->waiting, std::strlen(request->waiting))) {
             std::free(request->waiting);
             request->waiting = nullptr;
@@ -205,62 +206,60 @@ void send_waiting_requests(tavrix_service *service) {
 void take_response(tavrix_service *service, const json_t *response) {
     const json_t *id = json_object_get(response, "id");
     const uint64_t number = json_is_integer(id) ? static_cast<uint64_t>(json_integer_value(id)) : 0;
-    Entry *entry = find(&service->directory, number, entry_request);
-    if (entry == nullptr) {
+    auto *request = reinterpret_cast<Request *>(find(&service->directory, number, entry_request));
+    if (request == nullptr) {
         LOG_DEBUG("A response came when nobody waited for it any more\n");
         return;
     }
-    end_request(as_request(entry), answer_of(response));
+    end_request(request, answer_of(response));
 }
 
 void end_requests(tavrix_service *service, tavrix_outcome outcome, bool sent_only) {
     const uint64_t newest = service->directory.last_number; // what the callbacks begin is not ended with them
-    const EntryList *list = &service->directory.lists[entry_request];
-    Entry *entry = list->first;
-    while (entry != nullptr && entry->number <= newest) {
-        if (sent_only && as_request(entry)->waiting != nullptr) {
-            entry = entry->next;
+    const EntryList &list = service->directory.lists[entry_request];
+    auto *request = first_of<Request>(list);
+    while (request != nullptr && request->entry.number <= newest) {
+        if (sent_only && request->waiting != nullptr) {
+            request = next_of(request);
             continue;
         }
-        end_request(as_request(entry), failure(outcome));
-        entry = list->first;
+        end_request(request, failure(outcome));
+        request = first_of<Request>(list);
     }
 }
 
-void cancel_request(tavrix_service * /*service*/, Entry *entry) {
-    end_request(as_request(entry), failure(TAVRIX_OUTCOME_CANCELLED));
+bool cancel_request(tavrix_service * /*service*/, Entry *entry) {
+    end_request(reinterpret_cast<Request *>(entry), failure(TAVRIX_OUTCOME_CANCELLED));
+    return true;
 }
 
 bool send_subscriptions(tavrix_service *service) {
-    const Json patterns(json_array());
+    Json patterns(json_array());
     size_t count = 0;
-    for (Entry *entry = subscriptions_of(service)->first; entry != nullptr; entry = entry->next) {
-        if (!as_subscription(entry)->over) {
-            json_array_append_new(patterns.get(), json_string(as_subscription(entry)->pattern));
+    for (auto *one = first_subscription(service); one != nullptr; one = next_of(one)) {
+        if (!one->over) {
+            json_array_append_new(patterns.get(), json_string(one->pattern));
             ++count;
         }
     }
     return count == 0 ||
-           (json_array_size(patterns.get()) == count && send_patterns(service, names::subscribe, patterns.get()));
+           (json_array_size(patterns.get()) == count && send_patterns(service, names::subscribe, patterns.release()));
 }
 
 void take_notification(tavrix_service *service, const json_t *message, const char *method) {
     const uint64_t newest = service->directory.last_number; // what the callbacks subscribe to begins with the next one
     ++service->notifying;
-    for (Entry *entry = subscriptions_of(service)->first; entry != nullptr && entry->number <= newest;
-         entry = entry->next) {
-        const Subscription *subscription = as_subscription(entry);
-        if (!subscription->over && matches(subscription->pattern, method)) {
-            subscription->callback(service, method, json_object_get(message, "params"), subscription->user);
+    for (auto *one = first_subscription(service); one != nullptr && one->entry.number <= newest; one = next_of(one)) {
+        if (!one->over && matches(one->pattern, method)) {
+            one->callback(service, method, json_object_get(message, "params"), one->user);
         }
     }
-    if (--service->notifying == 0) {
-        free_ended_subscriptions(service);
-    }
+    --service->notifying;
+    free_ended_subscriptions(service);
 }
 
 void tell_lost(tavrix_service *service, uint64_t count) {
-    if (subscriptions_of(service)->count == 0) {
+    if (first_subscription(service) == nullptr) {
         return;
     }
     if (count > 0) {
@@ -273,17 +272,15 @@ void tell_lost(tavrix_service *service, uint64_t count) {
 }
 
 bool cancel_subscription(tavrix_service *service, Entry *entry) {
-    if (as_subscription(entry)->over) {
+    auto *subscription = reinterpret_cast<Subscription *>(entry);
+    if (subscription->over) {
         return false;
     }
-    as_subscription(entry)->over = true;
-    if (!is_pattern_used(service, as_subscription(entry)->pattern)) {
-        const Json patterns(json_pack("[s]", as_subscription(entry)->pattern));
-        send_patterns(service, names::unsubscribe, patterns.get());
+    subscription->over = true;
+    if (!is_pattern_used(service, subscription->pattern)) {
+        send_patterns(service, names::unsubscribe, json_pack("[s]", subscription->pattern));
     }
-    if (service->notifying == 0) {
-        free_ended_subscriptions(service);
-    }
+    free_ended_subscriptions(service);
     return true;
 }
 
@@ -322,9 +319,13 @@ namespace {
 struct Conversation {
     tavrix::Descriptor fd;
     Buffer in{};
+    Buffer out{};
     int64_t end_ms = 0;
 
-    ~Conversation() { buffer_free(&in); }
+    ~Conversation() {
+        buffer_free(&in);
+        buffer_free(&out);
+    }
     /** 0 when the descriptor is ready; -2 when the time is over. */
     int wait(short events) const {
         for (;;) {
@@ -339,41 +340,31 @@ struct Conversation {
 };
 
 int open_conversation(const char *session, Conversation *out) {
-    const char *path = session;
-    if (path == nullptr) {
-        path = std::getenv("TAVRIX_SESSION");
-        path = path != nullptr && *path != '\0' ? path : TAVRIX_SERVICE_SESSION;
-    }
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (std::strlen(path) >= sizeof address.sun_path) {
+    const char *path = session_path(session);
+    if (std::strlen(path) >= sizeof sockaddr_un{}.sun_path) {
         return TAVRIX_ERR_PARAMETER;
     }
-    std::memcpy(address.sun_path, path, std::strlen(path));
-    out->fd.reset(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    if (!out->fd || connect(out->fd.get(), reinterpret_cast<sockaddr *>(&address), sizeof address) != 0) {
+    out->fd.reset(connect_unix(path));
+    if (!out->fd) {
         LOG_ERROR("Cannot reach the router at %s: %s; is it running?\n", Printable(path).text, std::strerror(errno));
         return TAVRIX_ERR_CONNECT_TIMEOUT;
     }
     return TAVRIX_OK;
 }
 
-int send_all(const Conversation &conversation, const char *text, size_t length) {
-    while (length > 0) {
-        const ssize_t count = send(conversation.fd.get(), text, length, MSG_NOSIGNAL);
-        if (count > 0) {
-            text += count;
-            length -= static_cast<size_t>(count);
-        } else if (errno == EAGAIN) {
-            const int rc = conversation.wait(POLLOUT);
-            if (rc != TAVRIX_OK) {
-                return rc;
-            }
-        } else if (errno != EINTR) {
-            return TAVRIX_ERR_NO_RESPONSE;
+int send_line(Conversation *conversation, const char *text) {
+    Buffer *out = &conversation->out;
+    if (!buffer_append(out, text, std::strlen(text)) || !buffer_append(out, "\n", 1)) {
+        return TAVRIX_ERR_NO_MEMORY;
+    }
+    int reason = 0;
+    while ((reason = buffer_send(out, conversation->fd.get())) == EAGAIN) {
+        const int rc = conversation->wait(POLLOUT);
+        if (rc != TAVRIX_OK) {
+            return rc;
         }
     }
-    return TAVRIX_OK;
+    return reason == 0 ? TAVRIX_OK : TAVRIX_ERR_NO_RESPONSE;
 }
 
 /** Reads until a line is there. */
@@ -420,10 +411,7 @@ int tavrix_request_wait(const char *session, const char *method, json_t *params,
         cannot_request(method, obstacle.words);
         rc = TAVRIX_ERR_PARAMETER;
     }
-    if (rc == TAVRIX_OK) {
-        rc = send_all(conversation, text.get(), std::strlen(text.get()));
-    }
-    rc = rc == TAVRIX_OK ? send_all(conversation, "\n", 1) : rc;
+    rc = rc == TAVRIX_OK ? send_line(&conversation, text.get()) : rc;
     rc = rc == TAVRIX_OK ? read_line(&conversation) : rc;
     if (rc != TAVRIX_OK) {
         if (is_single_answer(conversation.in)) {
@@ -485,8 +473,7 @@ uint64_t tavrix_service_subscribe(tavrix_service *service, const char *pattern, 
     subscription->callback = callback;
     subscription->user = user;
     const uint64_t number = enter(&service->directory, &subscription->entry, entry_subscription);
-    const Json patterns(is_new ? json_pack("[s]", pattern) : nullptr);
-    if (is_new && (!patterns || !send_patterns(service, names::subscribe, patterns.get()))) {
+    if (is_new && !send_patterns(service, names::subscribe, json_pack("[s]", pattern))) {
         LOG_ERROR("Cannot subscribe to %s: no memory\n", pattern);
         leave(&service->directory, &subscription->entry);
         unmake(subscription);

@@ -28,8 +28,6 @@ struct Timer {
     void *user;
 };
 
-Timer *as_timer(Entry *entry) { return reinterpret_cast<Timer *>(entry); }
-
 // --- Signals -------------------------------------------------------------------------------------------------------
 
 void on_signal(evutil_socket_t number, short /*what*/, void *argument) {
@@ -183,10 +181,14 @@ void write_the_rest(tavrix_service *service) {
     }
 }
 
-template <class Cancel>
-void cancel_all(tavrix_service *service, EntryType type, Cancel cancel) {
-    while (service->directory.lists[type].first != nullptr) {
-        cancel(service, service->directory.lists[type].first);
+/** How what has a number is cancelled; a deferred call is not: it is answered. */
+constexpr bool (*cancellations[entry_type_count])(tavrix_service *service, Entry *entry) = {
+    nullptr, cancel_request, cancel_subscription, cancel_timer, close_listener};
+static_assert(entry_call == 0 && entry_request == 1 && entry_subscription == 2 && entry_timer == 3, "their order");
+
+void cancel_all(tavrix_service *service, EntryType type) {
+    while (Entry *entry = service->directory.lists[type].first) {
+        cancellations[type](service, entry);
     }
 }
 
@@ -225,10 +227,11 @@ void give_up(tavrix_service *service) {
     tavrix_service_stop(service);
 }
 
-void cancel_timer(tavrix_service *service, Entry *entry) {
-    clear_alarm(&as_timer(entry)->alarm);
+bool cancel_timer(tavrix_service *service, Entry *entry) {
+    clear_alarm(&reinterpret_cast<TimedEntry *>(entry)->alarm);
     leave(&service->directory, entry);
-    unmake(as_timer(entry));
+    unmake(entry);
+    return true;
 }
 
 } // namespace kit
@@ -320,9 +323,9 @@ void tavrix_service_close(tavrix_service *service) {
     if (service->base != nullptr) {
         end_everything(service);
         session_close(service);
-        cancel_all(service, entry_subscription, cancel_subscription);
-        cancel_all(service, entry_timer, cancel_timer);
-        cancel_all(service, entry_listener, close_listener);
+        cancel_all(service, entry_subscription);
+        cancel_all(service, entry_timer);
+        cancel_all(service, entry_listener);
         close_clients(service);
         remove_signals(service);
     }
@@ -348,24 +351,8 @@ bool tavrix_service_is_ready(const tavrix_service *service) {
 
 int tavrix_service_cancel(tavrix_service *service, uint64_t number) {
     Entry *entry = service != nullptr ? find(&service->directory, number) : nullptr;
-    if (entry == nullptr) {
-        return TAVRIX_ERR_NO_RECORDS;
-    }
-    switch (entry->type) {
-    case entry_request:
-        cancel_request(service, entry);
-        return TAVRIX_OK;
-    case entry_subscription:
-        return cancel_subscription(service, entry) ? TAVRIX_OK : TAVRIX_ERR_NO_RECORDS;
-    case entry_timer:
-        cancel_timer(service, entry);
-        return TAVRIX_OK;
-    case entry_listener:
-        close_listener(service, entry);
-        return TAVRIX_OK;
-    default:
-        return TAVRIX_ERR_NO_RECORDS; // a deferred call is answered, not cancelled
-    }
+    const auto cancel = entry != nullptr ? cancellations[entry->type] : nullptr;
+    return cancel != nullptr && cancel(service, entry) ? TAVRIX_OK : TAVRIX_ERR_NO_RECORDS;
 }
 
 uint64_t tavrix_service_timer(tavrix_service *service, int first_ms, int interval_ms,

@@ -9,7 +9,6 @@
  * loop's turn takes all of it.
  */
 #include <cerrno>
-#include <cstdio>
 
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -70,15 +69,18 @@ bool is_needed(const tavrix_service *service) {
     return (service->options.flags & TAVRIX_SERVICE_NEED_ROUTER) != 0 && !service->session.was_ready;
 }
 
+/** Whether an answer is no more to anybody: the next connection asks anew. */
+bool is_stale(const tavrix_service *service, const tavrix_answer *answer) {
+    return !session_is_connected(service) || answer->outcome == TAVRIX_OUTCOME_CANCELLED;
+}
+
 /** Tells a refusal once, however often it is repeated, and asks again later. */
 void registration_failed(tavrix_service *service, const tavrix_answer *answer) {
     Session *session = &service->session;
-    const char *message = json_string_value(json_object_get(answer->data, "message"));
     if (session->refusal != answer->code) {
         session->refusal = answer->code;
-        LOG_ERROR("The router at %s refuses %s: %s (%s)%s\n", session->path, service->name,
-                  Printable(message != nullptr ? message : answer->message).text, answer->message,
-                  hint_for(answer->code));
+        LOG_ERROR("The router at %s refuses %s: %s (%s)%s\n", session->path, service->name, words_of(answer).text,
+                  answer->message, hint_for(answer->code));
     }
     if (is_needed(service)) {
         give_up(service);
@@ -89,13 +91,12 @@ void registration_failed(tavrix_service *service, const tavrix_answer *answer) {
 
 /** The service is there for everybody, described or not. */
 void on_described(tavrix_service *service, const tavrix_answer *answer, void * /*user*/) {
-    if (!session_is_connected(service) || answer->outcome == TAVRIX_OUTCOME_CANCELLED) {
-        return; // the next connection asks anew
+    if (is_stale(service, answer)) {
+        return;
     }
     if (answer->outcome != TAVRIX_OUTCOME_RESULT && answer->code != TAVRIX_JRPC_METHOD_NOT_FOUND) { // an older router
-        const char *message = json_string_value(json_object_get(answer->data, "message"));
         LOG_WARNING("The router at %s does not list the methods of %s: %s\n", service->session.path, service->name,
-                    Printable(message != nullptr ? message : answer->message).text);
+                    words_of(answer).text);
     }
     become_ready(service);
 }
@@ -112,12 +113,9 @@ void send_description(tavrix_service *service) {
 void on_registered(tavrix_service *service, const tavrix_answer *answer, void * /*user*/) {
     if (answer->outcome == TAVRIX_OUTCOME_RESULT) {
         send_description(service);
-        return;
+    } else if (!is_stale(service, answer)) {
+        registration_failed(service, answer);
     }
-    if (!session_is_connected(service) || answer->outcome == TAVRIX_OUTCOME_CANCELLED) {
-        return; // the next connection asks anew
-    }
-    registration_failed(service, answer);
 }
 
 json_t *names_of_methods(const tavrix_service *service) {
@@ -137,17 +135,12 @@ void ask_router(tavrix_service *service, const char *method, json_t *params, tav
 }
 
 void send_registration(tavrix_service *service) {
-    Json publish(json_array());
-    for (size_t i = 0; i < service->bus.published_count; ++i) {
-        json_array_append_new(publish.get(), json_string(service->bus.published[i]));
-    }
-    const bool complete = json_array_size(publish.get()) == service->bus.published_count;
     const int is_direct = (service->options.flags & TAVRIX_SERVICE_BUS) == 0 ? 1 : 0;
+    json_t *publish = service->bus.published != nullptr ? json_incref(service->bus.published) : json_array();
     json_t *params =
         json_pack("{s:s, s:s, s:o, s:o, s:b, s:b}", "name", service->name, "channel", service->channel, "publish",
-                  publish.release(), "methods", names_of_methods(service), "direct", is_direct, "callers", is_direct);
-    if (!complete || params == nullptr) {
-        json_decref(params);
+                  publish, "methods", names_of_methods(service), "direct", is_direct, "callers", is_direct);
+    if (params == nullptr) {
         lose_session(service, "no memory to register");
         return;
     }
@@ -156,7 +149,7 @@ void send_registration(tavrix_service *service) {
 
 void on_bus_known(tavrix_service *service, const tavrix_answer *answer, void * /*user*/) {
     if (answer->outcome != TAVRIX_OUTCOME_RESULT) {
-        if (session_is_connected(service) && answer->outcome != TAVRIX_OUTCOME_CANCELLED) {
+        if (!is_stale(service, answer)) {
             registration_failed(service, answer);
         }
         return;
@@ -210,9 +203,7 @@ void take_line(tavrix_service *service, const char *line, size_t length) {
     if (method == nullptr) {
         take_response(service, message.get());
     } else if (json_object_get(message.get(), "id") != nullptr) {
-        Origin origin{};
-        origin.caller = {TAVRIX_ROAD_SESSION, -1, static_cast<uid_t>(-1), static_cast<gid_t>(-1)};
-        evaluate(service, std::move(message), origin);
+        evaluate(service, std::move(message), {unknown_caller(TAVRIX_ROAD_SESSION), nullptr, nullptr});
     } else if (!take_router_notice(service, method, json_object_get(message.get(), "params"))) {
         take_notification(service, message.get(), method);
     }
@@ -237,18 +228,13 @@ void take_lines(tavrix_service *service) {
 
 void write_out(tavrix_service *service) {
     Session *session = &service->session;
-    while (session->fd >= 0 && session->out.size() > 0) {
-        const ssize_t count = send(session->fd, session->out.data(), session->out.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-        if (count > 0) {
-            buffer_consume(&session->out, static_cast<size_t>(count));
-        } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
-            if (event_add(&session->writable, nullptr) != 0) {
-                lose_session(service, "no memory to wait for it");
-            }
-            return;
-        } else if (errno != EINTR) {
-            lose_session(service, std::strerror(errno));
+    const int reason = session_is_connected(service) ? buffer_send(&session->out, session->fd) : 0;
+    if (reason == EAGAIN) {
+        if (event_add(&session->writable, nullptr) != 0) {
+            lose_session(service, "no memory to wait for it");
         }
+    } else if (reason != 0) {
+        lose_session(service, std::strerror(reason));
     }
 }
 
@@ -338,18 +324,6 @@ void lose_session(tavrix_service *service, const char *why) {
     abandon_session_calls(service);
 }
 
-/** A descriptor that is connected, or -1 with errno. */
-int connect_to(const char *path) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::memcpy(address.sun_path, path, std::strlen(path));
-    tavrix::Descriptor fd(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    if (!fd || connect(fd.get(), reinterpret_cast<sockaddr *>(&address), sizeof address) != 0) {
-        return -1;
-    }
-    return fd.release();
-}
-
 /** A router that is started later is waited for, unless it has to be there. */
 void tell_absence(const tavrix_service *service, int reason) {
     const char *path = service->session.path;
@@ -365,7 +339,7 @@ void tell_absence(const tavrix_service *service, int reason) {
 
 void connect_session(tavrix_service *service) {
     Session *session = &service->session;
-    session->fd = connect_to(session->path);
+    session->fd = connect_unix(session->path);
     if (session->fd < 0) {
         const int reason = errno;
         if (!session->outage_told) {
@@ -405,6 +379,20 @@ void on_retry(evutil_socket_t /*fd*/, short /*what*/, void *argument) {
 
 } // namespace
 
+const char *session_path(const char *given) {
+    const char *told = given != nullptr ? given : std::getenv("TAVRIX_SESSION");
+    return given != nullptr || (told != nullptr && *told != '\0') ? told : TAVRIX_SERVICE_SESSION;
+}
+
+int connect_unix(const char *path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path, path, std::strlen(path));
+    tavrix::Descriptor fd(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    const bool connected = fd && connect(fd.get(), reinterpret_cast<sockaddr *>(&address), sizeof address) == 0;
+    return connected ? fd.release() : -1;
+}
+
 bool is_single_answer(const Buffer &in) {
     const bool is_line = in.size() == 0 || std::memchr(in.data(), '\n', in.size()) != nullptr;
     const Json answer(is_line ? nullptr : json_loadb(in.data(), in.size(), 0, nullptr));
@@ -419,11 +407,7 @@ bool session_prepare(tavrix_service *service) {
     event_assign(&session->flush, service->base, -1, 0, on_writable, service);
     event_assign(&session->readable, service->base, -1, 0, on_readable, service);
     event_assign(&session->writable, service->base, -1, 0, on_writable, service);
-    const char *path = service->options.session;
-    if (path == nullptr) {
-        path = std::getenv("TAVRIX_SESSION");
-        path = path != nullptr && *path != '\0' ? path : TAVRIX_SERVICE_SESSION;
-    }
+    const char *path = session_path(service->options.session);
     if (std::strlen(path) >= sizeof session->path) {
         LOG_ERROR("Cannot use the session socket %s: a socket's path has at most %zu bytes\n", Printable(path).text,
                   sizeof session->path - 1);
@@ -442,7 +426,7 @@ void session_start(tavrix_service *service) {
 bool session_is_connected(const tavrix_service *service) { return service->session.fd >= 0; }
 
 bool session_has_unwritten(const tavrix_service *service) {
-    return service->session.fd >= 0 && service->session.out.size() > 0;
+    return session_is_connected(service) && service->session.out.size() > 0;
 }
 
 bool session_write(tavrix_service *service, const char *text, size_t length) {

@@ -25,24 +25,6 @@ constexpr int64_t clock_begin_ms = 1;
 
 enum Kind { kind_response, kind_request, kind_notification, kind_log, kind_taken, kind_count };
 
-struct Line {
-    Line *next;
-    char *text;
-};
-
-struct Lines {
-    Line *first;
-    Line *last;
-};
-
-/** What a method answers, or one request to it that still waits. */
-struct Other {
-    Other *next;
-    char *method;
-    json_t *outcome; ///< null: it waits
-    json_t *id;
-};
-
 // --- The ends that are the test's own --------------------------------------------------------------------------------
 
 [[noreturn]] void die(const char *what, const char *text) {
@@ -58,13 +40,6 @@ Pointer need(Pointer pointer, const char *what = "no memory") {
     return pointer;
 }
 
-char *copy_of(const char *text, size_t length) {
-    auto *copy = static_cast<char *>(need(std::malloc(length + 1)));
-    std::memcpy(copy, text, length);
-    copy[length] = '\0';
-    return copy;
-}
-
 Json object_of(const char *text) {
     Json object(json_loads(text, parse_flags, nullptr));
     if (!json_is_object(object.get())) {
@@ -75,45 +50,18 @@ Json object_of(const char *text) {
 
 // --- Lines -----------------------------------------------------------------------------------------------------------
 
-void append(Lines *lines, Line *line) {
-    line->next = nullptr;
-    (lines->last != nullptr ? lines->last->next : lines->first) = line;
-    lines->last = line;
-}
-
-void append_text(Lines *lines, char *text) {
-    Line *line = need(make<Line>());
-    line->text = text;
-    append(lines, line);
-}
-
-void append_json(Lines *lines, const json_t *value) { append_text(lines, need(json_dumps(value, wire_flags))); }
-
-Line *take_first(Lines *lines) {
-    Line *line = lines->first;
-    if (line != nullptr) {
-        lines->first = line->next;
-        lines->last = lines->first != nullptr ? lines->last : nullptr;
+void append(json_t *list, json_t *value) {
+    if (json_array_append_new(list, need(value)) != 0) {
+        die("no memory", "");
     }
-    return line;
 }
 
-/** Takes a line out of the middle; `previous` is null for the first. */
-Line *take_after(Lines *lines, Line *previous) {
-    if (previous == nullptr) {
-        return take_first(lines);
-    }
-    Line *line = previous->next;
-    previous->next = line->next;
-    lines->last = lines->last == line ? previous : lines->last;
-    return line;
-}
+/** Whatever its bytes are. */
+void append_text(json_t *lines, const char *text, size_t length) { append(lines, json_stringn_nocheck(text, length)); }
 
-void free_lines(Lines *lines) {
-    while (Line *line = take_first(lines)) {
-        std::free(line->text);
-        unmake(line);
-    }
+void append_json(json_t *lines, const json_t *value) {
+    const Text text(need(json_dumps(value, wire_flags)));
+    append_text(lines, text.get(), std::strlen(text.get()));
 }
 
 } // namespace
@@ -122,8 +70,9 @@ void free_lines(Lines *lines) {
 
 struct tavrix_service_test {
     tavrix_service *service;
-    kit::Lines lines[kit::kind_count];
-    kit::Other *others;
+    json_t *lines[kit::kind_count]; ///< arrays of texts
+    json_t *played;                 ///< what other services' methods answer, by their names
+    json_t *waiting;                ///< an array of requests to others: method and id
     int64_t last_transaction_id;
     int log;
 };
@@ -155,49 +104,30 @@ void on_abort(int /*signal*/) {
     }
 }
 
-/** A line `[time] [LEVEL] [who] text` as "LEVEL text"; null for what only a developer wants, whole when it is none. */
-char *log_text(const char *line, size_t length) {
-    const auto *level = static_cast<const char *>(memmem(line, length, "] [", 3));
-    const char *end = line + length;
-    const auto *who = level != nullptr
-                          ? static_cast<const char *>(memmem(level + 3, static_cast<size_t>(end - level - 3), "] [", 3))
-                          : nullptr;
-    const auto *text = who != nullptr
-                           ? static_cast<const char *>(memmem(who + 3, static_cast<size_t>(end - who - 3), "] ", 2))
-                           : nullptr;
-    if (*line != '[' || text == nullptr) {
-        return copy_of(line, length);
+/** Keeps a line `[time] [LEVEL] [who] text` as "LEVEL text", unless only a developer wants it, and others whole. */
+void take_log_line(tavrix_service_test *test, const char *line) {
+    char level[6] = "";
+    int text_at = 0;
+    std::sscanf(line, "[%*[^]]] [%5[^] ]%*[] ] [%*[^]]]%n", level, &text_at);
+    if (text_at == 0) {
+        append_text(test->lines[kind_log], line, std::strlen(line));
+    } else if (std::strcmp(level, "DEBUG") != 0 && std::strcmp(level, "VERB") != 0) {
+        char *text = nullptr;
+        const int length = asprintf(&text, "%s%s", level, line + text_at);
+        const Text owner(length < 0 ? nullptr : text);
+        append_text(test->lines[kind_log], need(owner.get()), static_cast<size_t>(length));
     }
-    level += 3;
-    const auto *blank = static_cast<const char *>(std::memchr(level, ' ', static_cast<size_t>(who - level)));
-    const auto level_length = static_cast<size_t>((blank != nullptr ? blank : who) - level);
-    if (std::strncmp(level, "DEBUG", 5) == 0 || std::strncmp(level, "VERB", 4) == 0) {
-        return nullptr;
-    }
-    text += 1; // past the bracket: the blank behind it stays between level and text
-    const auto text_length = static_cast<size_t>(end - text);
-    char *whole = copy_of(level, level_length + text_length);
-    std::memcpy(whole + level_length, text, text_length);
-    return whole;
 }
 
 void take_log(tavrix_service_test *test) {
-    const off_t size = lseek(test->log, 0, SEEK_END);
-    char *text = copy_of("", 0);
-    text = static_cast<char *>(need(std::realloc(text, static_cast<size_t>(size) + 1)));
-    const ssize_t count = pread(test->log, text, static_cast<size_t>(size), 0);
-    const char *line = text;
-    const char *end = text + (count > 0 ? count : 0);
-    while (line < end) {
-        const auto *newline = static_cast<const char *>(std::memchr(line, '\n', static_cast<size_t>(end - line)));
-        const char *line_end = newline != nullptr ? newline : end;
-        char *found = log_text(line, static_cast<size_t>(line_end - line));
-        if (found != nullptr) {
-            append_text(&test->lines[kind_log], found);
-        }
-        line = line_end + 1;
+    const auto size = static_cast<size_t>(lseek(test->log, 0, SEEK_END));
+    const Text text(static_cast<char *>(need(std::malloc(size + 1))));
+    const ssize_t count = pread(test->log, text.get(), size, 0);
+    text.get()[count > 0 ? count : 0] = '\0';
+    char *rest = text.get();
+    while (rest != nullptr && *rest != '\0') {
+        take_log_line(test, strsep(&rest, "\n"));
     }
-    std::free(text);
     if (ftruncate(test->log, 0) != 0 || lseek(test->log, 0, SEEK_SET) != 0) {
         die("cannot empty the log: ", std::strerror(errno));
     }
@@ -240,36 +170,6 @@ class Capture {
 
 // --- The other services ----------------------------------------------------------------------------------------------
 
-void free_other(Other **place) {
-    Other *other = *place;
-    *place = other->next;
-    std::free(other->method);
-    json_decref(other->outcome);
-    json_decref(other->id);
-    unmake(other);
-}
-
-/** The oldest that is played (`waits` false), or that waits. */
-Other **find_other(tavrix_service_test *test, const char *method, bool waits) {
-    Other **place = &test->others;
-    while (*place != nullptr &&
-           (std::strcmp((*place)->method, method) != 0 || ((*place)->outcome == nullptr) != waits)) {
-        place = &(*place)->next;
-    }
-    return place;
-}
-
-void add_other(tavrix_service_test *test, const char *method, json_t *outcome, json_t *id) {
-    Other **place = &test->others;
-    while (*place != nullptr) {
-        place = &(*place)->next;
-    }
-    *place = need(make<Other>());
-    (*place)->method = copy_of(method, std::strlen(method));
-    (*place)->outcome = outcome;
-    (*place)->id = id;
-}
-
 void respond(tavrix_service_test *test, json_t *id, json_t *outcome) {
     const Json response(need(json_copy(outcome)));
     json_object_set(response.get(), "id", id);
@@ -289,16 +189,16 @@ Json content_of(const json_t *message) {
 
 void take_request(tavrix_service_test *test, const json_t *message, const char *method) {
     json_t *id = json_object_get(message, "id");
-    Other *played = *find_other(test, method, false);
+    json_t *played = json_object_get(test->played, method);
     if (std::strncmp(method, "router.", 7) == 0) {
         const Json done(need(json_pack("{s:i}", "result", 0)));
         respond(test, id, done.get());
     } else if (played != nullptr) {
-        const Json outcome(json_incref(played->outcome)); // the callback may play another
+        const Json outcome(json_incref(played)); // the callback may play another
         respond(test, id, outcome.get());
     } else {
-        append_json(&test->lines[kind_request], content_of(message).get());
-        add_other(test, method, nullptr, json_incref(id));
+        append_json(test->lines[kind_request], content_of(message).get());
+        append(test->waiting, json_pack("[s, O]", method, id));
     }
 }
 
@@ -306,9 +206,9 @@ void take_written(tavrix_service_test *test, const char *line, size_t length) {
     const Json message(need(json_loadb(line, length, parse_flags, nullptr), "the service wrote what is no JSON"));
     const char *method = json_string_value(json_object_get(message.get(), "method"));
     if (method == nullptr) {
-        append_text(&test->lines[kind_response], copy_of(line, length));
+        append_text(test->lines[kind_response], line, length);
     } else if (json_object_get(message.get(), "id") == nullptr) {
-        append_json(&test->lines[kind_notification], content_of(message.get()).get());
+        append_json(test->lines[kind_notification], content_of(message.get()).get());
     } else {
         take_request(test, message.get(), method);
     }
@@ -323,34 +223,37 @@ void settle(tavrix_service_test *test) {
     while (out->size() > 0) {
         const auto *end = static_cast<const char *>(std::memchr(out->data(), '\n', out->size()));
         const auto length = static_cast<size_t>(end - out->data());
-        char *line = copy_of(out->data(), length);
+        const Text line(need(strndup(out->data(), length)));
         buffer_consume(out, length + 1);
-        take_written(test, line, length);
-        std::free(line);
+        take_written(test, line.get(), length);
     }
 }
 
 void on_flush(evutil_socket_t /*fd*/, short /*what*/, void * /*argument*/) {}
 
-const char *take(tavrix_service_test *test, Kind kind) {
-    Line *line = take_first(&need(test, "there is no test")->lines[kind]);
+/** Takes a line out of others; null when there is none. It lives until the test is closed. */
+const char *take(tavrix_service_test *test, json_t *lines, size_t at) {
+    json_t *line = json_array_get(lines, at);
     if (line == nullptr) {
         return nullptr;
     }
-    append(&test->lines[kind_taken], line);
-    return line->text;
+    json_array_append(test->lines[kind_taken], line);
+    json_array_remove(lines, at);
+    return json_string_value(line);
 }
 
-/** The response to a request, among those behind `previous`. */
-const char *take_response_to(tavrix_service_test *test, const json_t *transaction_id, Line *previous) {
-    Lines *lines = &test->lines[kind_response];
-    Line *line = previous != nullptr ? previous->next : lines->first;
-    for (; line != nullptr; previous = line, line = line->next) {
-        const Json response = object_of(line->text);
+const char *take_first(tavrix_service_test *test, Kind kind) {
+    return take(test, need(test, "there is no test")->lines[kind], 0);
+}
+
+/** The response to a request, among those from a place on. */
+const char *take_response_to(tavrix_service_test *test, const json_t *transaction_id, size_t at) {
+    json_t *lines = test->lines[kind_response];
+    for (; at < json_array_size(lines); ++at) {
+        const Json response = object_of(json_string_value(json_array_get(lines, at)));
         const json_t *found = json_object_get(response.get(), "transaction_id");
         if (found == transaction_id || json_equal(found, transaction_id) != 0) {
-            append(&test->lines[kind_taken], take_after(lines, previous));
-            return line->text;
+            return take(test, lines, at);
         }
     }
     return nullptr;
@@ -360,8 +263,9 @@ const char *outcome_of(tavrix_service_test *test, const char *response) {
     if (response == nullptr) {
         return nullptr;
     }
-    append_json(&test->lines[kind_taken], content_of(object_of(response).get()).get());
-    return test->lines[kind_taken].last->text;
+    json_t *taken = test->lines[kind_taken];
+    append_json(taken, content_of(object_of(response).get()).get());
+    return json_string_value(json_array_get(taken, json_array_size(taken) - 1));
 }
 
 // --- The clock -------------------------------------------------------------------------------------------------------
@@ -435,12 +339,11 @@ void close_service(tavrix_service_test *test) {
 }
 
 void free_test(tavrix_service_test *test) {
-    for (Lines &lines : test->lines) {
-        free_lines(&lines);
+    for (json_t *lines : test->lines) {
+        json_decref(lines);
     }
-    while (test->others != nullptr) {
-        free_other(&test->others);
-    }
+    json_decref(test->played);
+    json_decref(test->waiting);
     close(test->log);
     unmake(test);
 }
@@ -455,6 +358,11 @@ int tavrix_service_test_open(const tavrix_service_options *options, tavrix_servi
     need(options, "there are no options");
     need(test_out, "there is no place for the test");
     tavrix_service_test *test = need(make<tavrix_service_test>());
+    for (json_t *&lines : test->lines) {
+        lines = need(json_array());
+    }
+    test->played = need(json_object());
+    test->waiting = need(json_array());
     test->log = memfd_create("tavrix_service_test", MFD_CLOEXEC);
     if (test->log < 0) {
         die("cannot take the log: ", std::strerror(errno));
@@ -469,7 +377,7 @@ int tavrix_service_test_open(const tavrix_service_options *options, tavrix_servi
         }
     }
     if (rc < 0) {
-        while (const char *line = take(test, kind_log)) {
+        while (const char *line = take_first(test, kind_log)) {
             std::fprintf(stderr, "%s\n", line);
         }
         free_test(test);
@@ -498,13 +406,11 @@ tavrix_service *tavrix_service_test_service(const tavrix_service_test *test) {
 
 const char *tavrix_service_test_request(tavrix_service_test *test, const char *text) {
     need(text, "there is no request");
-    Line *before = need(test, "there is no test")->lines[kind_response].last;
+    const size_t before = json_array_size(need(test, "there is no test")->lines[kind_response]);
     const Capture capture(test);
     Json request(json_loads(text, parse_flags, nullptr));
     const Json transaction_id(json_incref(json_object_get(request.get(), "transaction_id")));
-    Origin origin{};
-    origin.caller = {TAVRIX_ROAD_SESSION, -1, static_cast<uid_t>(-1), static_cast<gid_t>(-1)};
-    evaluate(test->service, std::move(request), origin);
+    evaluate(test->service, std::move(request), {unknown_caller(TAVRIX_ROAD_SESSION), nullptr, nullptr});
     settle(test);
     return take_response_to(test, transaction_id.get(), before);
 }
@@ -519,10 +425,10 @@ const char *tavrix_service_test_call(tavrix_service_test *test, const char *meth
     return outcome_of(test, tavrix_service_test_request(test, text.get()));
 }
 
-const char *tavrix_service_test_next_response(tavrix_service_test *test) { return take(test, kind_response); }
+const char *tavrix_service_test_next_response(tavrix_service_test *test) { return take_first(test, kind_response); }
 
 const char *tavrix_service_test_next_outcome(tavrix_service_test *test) {
-    return outcome_of(test, take(test, kind_response));
+    return outcome_of(test, take_first(test, kind_response));
 }
 
 void tavrix_service_test_cancel(tavrix_service_test *test, int64_t transaction_id) {
@@ -534,41 +440,48 @@ void tavrix_service_test_cancel(tavrix_service_test *test, int64_t transaction_i
 
 // --- What the service sends ------------------------------------------------------------------------------------------
 
-const char *tavrix_service_test_next_request(tavrix_service_test *test) { return take(test, kind_request); }
+const char *tavrix_service_test_next_request(tavrix_service_test *test) { return take_first(test, kind_request); }
 
 void tavrix_service_test_play(tavrix_service_test *test, const char *method, const char *outcome) {
-    Other **place = find_other(need(test, "there is no test"), need(method, "there is no method"), false);
-    if (*place != nullptr) {
-        free_other(place);
-    }
+    json_t *played = need(test, "there is no test")->played;
+    json_object_del(played, need(method, "there is no method"));
     if (outcome != nullptr) {
-        add_other(test, method, object_of(outcome).release(), nullptr);
+        json_object_set_new_nocheck(played, method, object_of(outcome).release());
     }
 }
 
 bool tavrix_service_test_answer(tavrix_service_test *test, const char *method, const char *outcome) {
-    Other **place = find_other(need(test, "there is no test"), need(method, "there is no method"), true);
+    json_t *waiting = need(test, "there is no test")->waiting;
+    need(method, "there is no method");
     const Json response = object_of(need(outcome, "there is no outcome"));
-    if (*place == nullptr) {
+    size_t at = 0;
+    while (at < json_array_size(waiting) &&
+           std::strcmp(json_string_value(json_array_get(json_array_get(waiting, at), 0)), method) != 0) {
+        ++at;
+    }
+    const Json request(json_incref(json_array_get(waiting, at)));
+    if (!request) {
         return false;
     }
-    const Json id(json_incref((*place)->id));
-    free_other(place);
+    json_array_remove(waiting, at);
+    json_t *id = json_array_get(request.get(), 1);
     const bool waits =
-        find(&test->service->directory, static_cast<uint64_t>(json_integer_value(id.get())), entry_request) != nullptr;
+        find(&test->service->directory, static_cast<uint64_t>(json_integer_value(id)), entry_request) != nullptr;
     const Capture capture(test);
-    respond(test, id.get(), response.get());
+    respond(test, id, response.get());
     settle(test);
     return waits;
 }
 
-const char *tavrix_service_test_next_notification(tavrix_service_test *test) { return take(test, kind_notification); }
+const char *tavrix_service_test_next_notification(tavrix_service_test *test) {
+    return take_first(test, kind_notification);
+}
 
-const char *tavrix_service_test_next_log(tavrix_service_test *test) { return take(test, kind_log); }
+const char *tavrix_service_test_next_log(tavrix_service_test *test) { return take_first(test, kind_log); }
 
 bool tavrix_service_test_logged(tavrix_service_test *test, const char *part) {
     need(part, "there is no text to look for");
-    while (const char *line = take(test, kind_log)) {
+    while (const char *line = take_first(test, kind_log)) {
         if (std::strstr(line, part) != nullptr) {
             return true;
         }

@@ -23,6 +23,11 @@ expect() { # WHAT GOT WANTED
     [ "$2" = "$3" ] || fail "$1: '$2' instead of '$3'"
 }
 
+like() { # WHAT GOT PATTERN
+    # shellcheck disable=SC2254 # a pattern
+    case "$2" in $3) ;; *) fail "$1: '$2'" ;; esac
+}
+
 emulate() { # PROGRAM: a cross-built one is replaced by a script that runs it
     if [ -n "$emulator" ] && [ ! -e "$1.cross" ]; then
         mv "$1" "$1.cross"
@@ -70,6 +75,11 @@ start_router() {
     tavrix-routerd --socket router.sock --session session.sock --publish "ipc://$work/bus/router" 2>router.log &
     pids+=($!)
     router_pid=$!
+}
+start_ports() { # with a database of its own
+    sqlite3 fleet.db <"$source/daemons/ports/schema.sql"
+    sqlite3 fleet.db <"$source/daemons/ports/fleet.sql"
+    start portsd tavrix-portsd --database fleet.db
 }
 start() { # NAME COMMAND...: a service, until it is registered
     local name=$1

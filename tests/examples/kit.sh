@@ -19,7 +19,7 @@ expect "hello.Say" "$(python/client.py hello.Say '{"name":"you"}')" '{"hello": "
 status=0
 answer=$(python/client.py hello.Say '{}') || status=$?
 expect "the exit status of a refusal" "$status" 1
-case "$answer" in *'"code": -32602'*"name"*) ;; *) fail "a missing name was answered with '$answer'" ;; esac
+like "the answer to a missing name" "$answer" '*"code": -32602*name*'
 
 # --- The ports service is not there: the note is refused as that is ---
 
@@ -30,13 +30,11 @@ start notesd kit/notesd
 status=0
 answer=$(kit/client-c c1-1 'no light' 2>client.log) || status=$?
 expect "the client's exit status without a ports service" "$status" 1
-case "$answer" in "refused: "*) ;; *) fail "without a ports service: '$answer'" ;; esac
+like "without a ports service" "$answer" 'refused: *'
 
 # --- It is there ---
 
-sqlite3 fleet.db <"$source/daemons/ports/schema.sql"
-sqlite3 fleet.db <"$source/daemons/ports/fleet.sql"
-start portsd tavrix-portsd --database fleet.db
+start_ports
 for language in c cpp; do
     answer=$("kit/client-$language" c1-1 "from $language" 2>client.log) || fail "client-$language failed: $answer"
     expect "client-$language" "$(LC_ALL=C sort <<<"$answer")" "$(printf 'left\nnotes.Added c1-1: from %s' "$language")"
@@ -45,7 +43,7 @@ expect "notes.List" "$(python/client.py notes.List '{"port_id":"c1-1"}')" \
     '[{"port_id": "c1-1", "text": "from c"}, {"port_id": "c1-1", "text": "from cpp"}]'
 status=0
 answer=$(kit/client-cpp c1-1 '' 2>client.log) || status=$?
-case "$status $answer" in "1 refused: "*text*) ;; *) fail "an empty note ended with $status: '$answer'" ;; esac
+like "an empty note" "$status $answer" '1 refused: *text*'
 
 # --- The router comes back, and everybody with it ---
 

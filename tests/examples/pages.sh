@@ -6,9 +6,7 @@ set -euo pipefail
 source "$(dirname "$0")/installed.sh"
 
 start_router
-sqlite3 fleet.db <"$source/daemons/ports/schema.sql"
-sqlite3 fleet.db <"$source/daemons/ports/fleet.sql"
-start portsd tavrix-portsd --database fleet.db
+start_ports
 
 python3 - "$source/docs/protocol.md" <<'PYTHON' || fail "an exchange of docs/protocol.md goes otherwise"
 import re, socket, sys

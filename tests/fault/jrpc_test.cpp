@@ -3,7 +3,7 @@
  */
 #include "tavrix_jrpc.h"
 
-#include <cstdlib>
+#include <functional>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -29,8 +29,6 @@ using support::taken;
 
 namespace {
 
-constexpr char levels[][8] = {"off", "verbose"};
-
 json_t *handed_out = nullptr; ///< made before: a handler's own memory is not the engine's
 
 int give(json_t *, json_t **result, json_t **) {
@@ -47,6 +45,14 @@ const tavrix_jrpc_method table[] = {{"x.Give", give}, {"x.Refuse", refuse}, {nul
 
 constexpr char request[] = R"({"jsonrpc":"2.0","id":"r1","method":"x.Give","transaction_id":3})";
 constexpr char response[] = R"({"jsonrpc":"2.0","id":"x.Give","result":["kept"],"transaction_id":3})";
+
+/** Each failure with the log off, and with all of its lines. */
+void each_failure_at_each_level(const std::function<void(Fault &fault)> &attempt) {
+    for (const char *level : {"off", "verbose"}) {
+        const LogCapture log(level);
+        each_failure(attempt);
+    }
+}
 
 class EngineFaults : public testing::Test {
   protected:
@@ -69,23 +75,20 @@ TEST_F(EngineFaults, LeaveAnEvaluationWithAnAnswerOrNone) {
         {R"({"jsonrpc":"2.0","method":"x.Give"})", "(null)"},
     };
     for (const auto &row : rows) {
-        for (const char *level : levels) {
-            const LogCapture log(level);
-            each_failure([&](Fault &fault) {
-                char *text = nullptr;
-                const int rc = fault.in([&] { return tavrix_jrpc_eval_request(row.text, table, &text); });
-                const std::string answer = taken(text);
-                if (!fault.happened()) {
-                    EXPECT_EQ(rc, 0);
-                    EXPECT_EQ(answer, row.answer);
-                } else if (rc == 0 && answer != row.answer) {
-                    EXPECT_NE(answer.find(R"("code":-32603,)"), std::string::npos) << answer;
-                } else if (rc != 0) {
-                    EXPECT_EQ(rc, TAVRIX_ERR_GENERAL);
-                    EXPECT_EQ(answer, "(null)");
-                }
-            });
-        }
+        each_failure_at_each_level([&](Fault &fault) {
+            char *text = nullptr;
+            const int rc = fault.in([&] { return tavrix_jrpc_eval_request(row.text, table, &text); });
+            const std::string answer = taken(text);
+            if (!fault.happened()) {
+                EXPECT_EQ(rc, 0);
+                EXPECT_EQ(answer, row.answer);
+            } else if (rc == 0 && answer != row.answer) {
+                EXPECT_NE(answer.find(R"("code":-32603,)"), std::string::npos) << answer;
+            } else if (rc != 0) {
+                EXPECT_EQ(rc, TAVRIX_ERR_GENERAL);
+                EXPECT_EQ(answer, "(null)");
+            }
+        });
     }
 }
 
@@ -148,61 +151,51 @@ TEST_F(EngineFaults, LeaveAMatcherWithAMatchOrNone) {
 TEST_F(EngineFaults, LeaveAServingStepWithAReplyOrAStatus) {
     BusPair requests("s");
     BusPair replies("r1", 2000);
-    for (const char *level : levels) {
-        const LogCapture log(level);
-        each_failure([&](Fault &fault) {
-            requests.publish(std::string("s|") + request);
-            const int rc =
-                fault.in([&] { return tavrix_jrpc_mq_run(&requests.sub.number, &replies.pub.number, table, 0); });
-            if (rc == 0) {
-                const std::string reply = replies.receive();
-                EXPECT_TRUE(reply == std::string("r1|") + response || reply.find("-32603") != std::string::npos)
-                    << reply;
-            } else {
-                EXPECT_EQ(rc, TAVRIX_ERR_GENERAL);
-                EXPECT_TRUE(fault.happened());
-            }
-        });
-    }
+    each_failure_at_each_level([&](Fault &fault) {
+        requests.publish(std::string("s|") + request);
+        const int rc =
+            fault.in([&] { return tavrix_jrpc_mq_run(&requests.sub.number, &replies.pub.number, table, 0); });
+        if (rc == 0) {
+            const std::string reply = replies.receive();
+            EXPECT_TRUE(reply == std::string("r1|") + response || reply.find("-32603") != std::string::npos) << reply;
+        } else {
+            EXPECT_EQ(rc, TAVRIX_ERR_GENERAL);
+            EXPECT_TRUE(fault.happened());
+        }
+    });
 }
 
 TEST_F(EngineFaults, CostAWaitOneAttempt) {
     BusPair bus("me");
-    for (const char *level : levels) {
-        const LogCapture log(level);
-        each_failure([&](Fault &fault) {
-            constexpr char frame[] = R"(me|{"jsonrpc":"2.0","id":"x","result":1})";
-            bus.publish(frame);
-            bus.publish(frame);
-            json_t *reply = nullptr;
-            EXPECT_EQ(fault.in([&] { return tavrix_jrpc_mq_sub_for_method(bus.sub.number, "x", &reply); }), 0);
-            EXPECT_EQ(taken(reply), R"({"jsonrpc":"2.0","id":"x","result":1})");
-            while (tavrix_jrpc_mq_run(&bus.sub.number, &bus.pub.number, table, 1) != TAVRIX_ERR_MQ_TIMEOUT) {
-            }
-        });
-    }
+    each_failure_at_each_level([&](Fault &fault) {
+        constexpr char frame[] = R"(me|{"jsonrpc":"2.0","id":"x","result":1})";
+        bus.publish(frame);
+        bus.publish(frame);
+        json_t *reply = nullptr;
+        EXPECT_EQ(fault.in([&] { return tavrix_jrpc_mq_sub_for_method(bus.sub.number, "x", &reply); }), 0);
+        EXPECT_EQ(taken(reply), R"({"jsonrpc":"2.0","id":"x","result":1})");
+        while (tavrix_jrpc_mq_run(&bus.sub.number, &bus.pub.number, table, 1) != TAVRIX_ERR_MQ_TIMEOUT) {
+        }
+    });
 }
 
 TEST_F(EngineFaults, LeaveARoutedRequestWithAStatus) {
     constexpr char routed[] = R"({"method":"x.Give","id":"2524546b-ca99-4868-a062-359cefacff7c"})";
-    for (const char *level : levels) {
-        const LogCapture log(level);
-        each_failure([&](Fault &fault) {
-            char *text = nullptr;
-            char *channel = nullptr;
-            const int rc = fault.in(
-                [&] { return tavrix_jrpc_router_process_msg(R"({"method":"x.Give","id":1})", &text, &channel); });
-            taken(channel);
-            // A channel that cannot be made is found out when the request is published.
-            EXPECT_EQ(rc, fault.happened() && !fault.was("strdup") ? TAVRIX_ERR_GENERAL : 0) << fault.function();
-            EXPECT_EQ(taken(text), rc == 0 ? routed : "(null)");
-        });
-    }
+    each_failure_at_each_level([&](Fault &fault) {
+        char *text = nullptr;
+        char *channel = nullptr;
+        const int rc =
+            fault.in([&] { return tavrix_jrpc_router_process_msg(R"({"method":"x.Give","id":1})", &text, &channel); });
+        taken(channel);
+        // A channel that cannot be made is found out when the request is published.
+        EXPECT_EQ(rc, fault.happened() && !fault.was("strdup") ? TAVRIX_ERR_GENERAL : 0) << fault.function();
+        EXPECT_EQ(taken(text), rc == 0 ? routed : "(null)");
+    });
 }
 
 TEST_F(EngineFaults, LeaveADispatchedRequestsIdUntilItCanBeRendered) {
     BusPair bus("30e493d7-9e02-41b6-97f5-21f2cc9cbbb3");
-    for (const char *level : levels) {
+    for (const char *level : {"off", "verbose"}) {
         LogCapture log(level);
         each_failure([&](Fault &fault) {
             log.clear();
@@ -222,20 +215,18 @@ TEST_F(EngineFaults, LeaveADispatchedRequestsIdUntilItCanBeRendered) {
 
 TEST_F(EngineFaults, LeaveASystemResponseWholeOrNull) {
     const Json asked(json_loads(R"({"id":"a","transaction_id":9})", 0, nullptr));
-    each_failure([&](Fault &fault) {
-        json_t *out = asked.get();
-        const int rc = fault.in([&] { return tavrix_jrpc_router_create_system_lock_response(asked.get(), &out); });
-        EXPECT_EQ(rc, fault.happened() ? TAVRIX_ERR_GENERAL : 0);
-        EXPECT_EQ(out == nullptr, fault.happened());
-        json_decref(out);
-    });
-    each_failure([&](Fault &fault) {
-        json_t *out = asked.get();
-        const int rc = fault.in([&] { return tavrix_jrpc_router_create_system_timeout_response("a", 9, &out); });
-        EXPECT_EQ(rc, fault.happened() ? TAVRIX_ERR_GENERAL : 0);
-        EXPECT_EQ(out == nullptr, fault.happened());
-        json_decref(out);
-    });
+    const std::function<int(json_t **)> calls[] = {
+        [&](json_t **out) { return tavrix_jrpc_router_create_system_lock_response(asked.get(), out); },
+        [](json_t **out) { return tavrix_jrpc_router_create_system_timeout_response("a", 9, out); },
+    };
+    for (const auto &call : calls) {
+        each_failure([&](Fault &fault) {
+            json_t *out = asked.get();
+            fault.expect(TAVRIX_ERR_GENERAL, 0, [&] { return call(&out); });
+            EXPECT_EQ(out == nullptr, fault.happened());
+            json_decref(out);
+        });
+    }
 }
 
 // --- Servers and router on their sockets ---

@@ -9,7 +9,6 @@
 #include "support/faults.h"
 #include "support/fields.h"
 #include "support/json.h"
-#include "support/log_capture.h"
 #include "support/params.h"
 #include "tavrix_error.h"
 #include "tavrix_jrpc_utils.h"
@@ -18,7 +17,6 @@
 using fault::each_failure;
 using fault::Fault;
 using support::Json;
-using support::LogCapture;
 using support::Params;
 
 namespace {

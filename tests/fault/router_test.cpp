@@ -43,12 +43,10 @@ class RouterFaults : public testing::Test {
         setenv(fault::plan_variable, "faults", 1);
         support::write_file("policy.conf", "[tcp]\nall=*\n");
         support::write_file("tavrix_lsyslog.conf", "[logging_levels]\nrouterd=info\nunit-test=off\n");
-        router_ = std::make_unique<support::Process>(
-            "routerd", std::vector<std::string>{TAVRIX_ROUTERD_WITH_FAULTS, "--socket", "router.sock", "--session",
-                                                "session.sock", "--publish", fleet_.router_address, "--connect",
-                                                fleet_.ports_address, "--tcp", std::to_string(port_), "--policy",
-                                                "policy.conf", "--reply-timeout", "300", "--client-timeout", "300"});
-        EXPECT_TRUE(router_->says("routerd ready")) << router_->log();
+        router_ = support::started("routerd", {TAVRIX_ROUTERD_WITH_FAULTS, "--socket", "router.sock", "--session",
+                                               "session.sock", "--publish", fleet_.router_address, "--connect",
+                                               fleet_.ports_address, "--tcp", std::to_string(port_), "--policy",
+                                               "policy.conf", "--reply-timeout", "300", "--client-timeout", "300"});
         unsetenv(fault::plan_variable);
         bystander_service_.emplace(fleet_, events_channel);
         bystander_.emplace();
@@ -87,6 +85,12 @@ class RouterFaults : public testing::Test {
         }
         EXPECT_GT(number, 5) << "there is more that can fail";
         EXPECT_LT(number, most_failures);
+    }
+
+    /** The same, with a service that is there before each attempt. */
+    void each_failure_beside_a_service(
+        const std::function<void()> &attempt, const std::function<void()> &look = [] {}) {
+        each_failure([this] { prepare_service(); }, attempt, look);
     }
 
     /** How many allocations and system calls the router makes meanwhile, when nothing but this makes any. */
@@ -160,15 +164,14 @@ class RouterFaults : public testing::Test {
     std::string told_of(const std::string &name) {
         std::string told;
         service_->say(request("router.Unlock", "\"so far\""));
-        for (std::string line = service_->hear(); line.find("\"so far\"") == std::string::npos;
-             line = service_->hear()) {
+        for (std::string line; line.find("\"so far\"") == std::string::npos;) {
+            line = service_->hear();
             if (line == "(closed)" || line == "(time-out)") {
                 return line;
             }
-            told =
-                line.find("router.ServiceUp") != std::string::npos && line.find("\"" + name + "\"") != std::string::npos
-                    ? line
-                    : told;
+            const bool is_told = line.find("router.ServiceUp") != std::string::npos &&
+                                 line.find("\"" + name + "\"") != std::string::npos;
+            told = is_told ? line : told;
         }
         return told;
     }
@@ -206,46 +209,41 @@ class RouterFaults : public testing::Test {
 
 TEST_F(RouterFaults, OfAOneShotCallConcernItsClientOnly) {
     for (const bool tcp : {false, true}) {
-        each_failure([this] { prepare_service(); },
-                     [&] {
-                         const StreamClient client = tcp ? StreamClient::tcp_port(port_) : fleet_.connect();
-                         client.say(call("7", "[1,2]"));
-                         serve_once();
-                         expect_own(client.hear(), "\"ports.Get\"", "[1,2]");
-                     });
+        each_failure_beside_a_service([&] {
+            const StreamClient client = tcp ? StreamClient::tcp_port(port_) : fleet_.connect();
+            client.say(call("7", "[1,2]"));
+            serve_once();
+            expect_own(client.hear(), "\"ports.Get\"", "[1,2]");
+        });
     }
 }
 
 TEST_F(RouterFaults, OfACallOverASessionConcernItsClientOnly) {
-    each_failure([this] { prepare_service(); },
-                 [this] {
-                     SessionClient client;
-                     client.say(call("\"mine\"", "[1,2]"));
-                     serve_once();
-                     expect_own(client.hear(), "\"mine\"", "[1,2]");
-                 });
+    each_failure_beside_a_service([this] {
+        SessionClient client;
+        client.say(call("\"mine\"", "[1,2]"));
+        serve_once();
+        expect_own(client.hear(), "\"mine\"", "[1,2]");
+    });
 }
 
 TEST_F(RouterFaults, OfABatchConcernItsClientOnly) {
-    each_failure([this] { prepare_service(); },
-                 [this] {
-                     SessionClient client;
-                     client.say("[" + call("1", "1") + "," + request("router.Subscribe", "2") + "," + call("3", "3") +
-                                ",5]");
-                     serve_once();
-                     serve_once();
-                     EXPECT_NE(client.hear(), "(time-out)");
-                 });
+    each_failure_beside_a_service([this] {
+        SessionClient client;
+        client.say("[" + call("1", "1") + "," + request("router.Subscribe", "2") + "," + call("3", "3") + ",5]");
+        serve_once();
+        serve_once();
+        EXPECT_NE(client.hear(), "(time-out)");
+    });
 }
 
 TEST_F(RouterFaults, OfATimeOutConcernItsClientOnly) {
-    each_failure([this] { prepare_service(); },
-                 [this] {
-                     const StreamClient client = fleet_.connect();
-                     client.say(request("ports.Get", "\"late\"", ",\"transaction_id\":8"));
-                     const std::string answer = client.hear();
-                     EXPECT_TRUE(answer.empty() || code_of(answer) != "(none)") << answer;
-                 });
+    each_failure_beside_a_service([this] {
+        const StreamClient client = fleet_.connect();
+        client.say(request("ports.Get", "\"late\"", ",\"transaction_id\":8"));
+        const std::string answer = client.hear();
+        EXPECT_TRUE(answer.empty() || code_of(answer) != "(none)") << answer;
+    });
 }
 
 TEST_F(RouterFaults, OfAClientThatLeavesConcernItsServiceOnly) {
@@ -334,17 +332,16 @@ TEST_F(RouterFaults, OfADescriptionConcernItsServiceOnly) {
     const std::string with = shape_of_answer("rpc.discover");
     ASSERT_NE(with, without);
     std::string described;
-    each_failure([this] { prepare_service(); },
-                 [&] {
-                     service_->say(description("ports.Get"));
-                     described = service_->hear();
-                     EXPECT_NE(described, "(time-out)");
-                 },
-                 [&] {
-                     const std::string shown = shape_of_answer("rpc.discover");
-                     EXPECT_TRUE(shown == with || (shown == without && member(described, "result") == "(none)"))
-                         << shown;
-                 });
+    each_failure_beside_a_service(
+        [&] {
+            service_->say(description("ports.Get"));
+            described = service_->hear();
+            EXPECT_NE(described, "(time-out)");
+        },
+        [&] {
+            const std::string shown = shape_of_answer("rpc.discover");
+            EXPECT_TRUE(shown == with || (shown == without && member(described, "result") == "(none)")) << shown;
+        });
 }
 
 TEST_F(RouterFaults, OfARegistrationLeaveNoOtherServiceHalfTold) {

@@ -2,7 +2,7 @@
  * Sockets, timers, shared memory, files and commands with each allocation and each system call failing once.
  */
 #include <cstdlib>
-#include <cstring>
+#include <functional>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -14,7 +14,6 @@
 #include "support/log_capture.h"
 #include "support/process.h"
 #include "support/signals.h"
-#include "support/stream.h"
 #include "tavrix_conf_parser.h"
 #include "tavrix_error.h"
 #include "tavrix_lsyslog.h"
@@ -28,25 +27,24 @@ using fault::each_failure;
 using fault::Fault;
 using support::LogCapture;
 using support::StderrCapture;
-using support::StreamClient;
+
+/** A call that opens a descriptor, or has left none behind. */
+static void expect_opened(Fault &fault, const std::function<int(int *fd)> &open) {
+    int fd = -77;
+    fault.expect(TAVRIX_ERR_GENERAL, 0, [&] { return open(&fd); });
+    if (!fault.happened()) {
+        close(fd);
+    }
+}
 
 TEST(SocketFaults, LeaveNoListenerBehind) {
     const StderrCapture quiet;
     each_failure([](Fault &fault) {
-        int sock = -77;
-        fault.expect(TAVRIX_ERR_GENERAL, 0, [&] { return tavrix_unix_socket_init("fault.sock", &sock, 1); });
-        if (!fault.happened()) {
-            close(sock);
-        }
+        expect_opened(fault, [](int *sock) { return tavrix_unix_socket_init("fault.sock", sock, 1); });
     });
     const unsigned port = static_cast<unsigned>(support::free_port());
-    each_failure([&](Fault &fault) {
-        int sock = -77;
-        fault.expect(TAVRIX_ERR_GENERAL, 0, [&] { return tavrix_tcp_socket_init(port, &sock, 1); });
-        if (!fault.happened()) {
-            close(sock);
-        }
-    });
+    each_failure(
+        [&](Fault &fault) { expect_opened(fault, [&](int *sock) { return tavrix_tcp_socket_init(port, sock, 1); }); });
 }
 
 TEST(SocketFaults, AreStatusesOfAConnection) {
@@ -54,22 +52,15 @@ TEST(SocketFaults, AreStatusesOfAConnection) {
     const unsigned port = static_cast<unsigned>(support::free_port());
     int listener = -1;
     ASSERT_EQ(tavrix_tcp_socket_init(port, &listener, 0), 0);
-    each_failure([&](Fault &fault) {
-        int sock = -77;
-        fault.expect(TAVRIX_ERR_GENERAL, 0, [&] { return tavrix_tcp_socket_connect("127.0.0.1", port, &sock); });
-        if (!fault.happened()) {
-            close(sock);
-        }
-    });
+    const auto connect = [&](int *sock) { return tavrix_tcp_socket_connect("127.0.0.1", port, sock); };
+    each_failure([&](Fault &fault) { expect_opened(fault, connect); });
     int client = -1;
-    ASSERT_EQ(tavrix_tcp_socket_connect("127.0.0.1", port, &client), 0);
+    ASSERT_EQ(connect(&client), 0);
     each_failure([&](Fault &fault) {
-        int accepted = -77;
-        fault.expect(TAVRIX_ERR_GENERAL, 0, [&] { return tavrix_tcp_socket_accept(&listener, &accepted); });
+        expect_opened(fault, [&](int *accepted) { return tavrix_tcp_socket_accept(&listener, accepted); });
         if (!fault.happened()) {
-            close(accepted);
             close(client);
-            ASSERT_EQ(tavrix_tcp_socket_connect("127.0.0.1", port, &client), 0);
+            ASSERT_EQ(connect(&client), 0);
         }
     });
     each_failure([&](Fault &fault) {
@@ -97,13 +88,7 @@ TEST(BusFaults, LeaveAMessageReceivedOrAStatus) {
 
 TEST(TimerFaults, LeaveNoDescriptorBehind) {
     const StderrCapture quiet;
-    each_failure([](Fault &fault) {
-        int timer = -77;
-        fault.expect(TAVRIX_ERR_GENERAL, 0, [&] { return tavrix_timer_init(&timer, 1); });
-        if (!fault.happened()) {
-            tavrix_timer_free(&timer);
-        }
-    });
+    each_failure([](Fault &fault) { expect_opened(fault, [](int *timer) { return tavrix_timer_init(timer, 1); }); });
 }
 
 TEST(SlotFaults, LeaveASlotThatCanBeMadeAgain) {
@@ -130,8 +115,7 @@ TEST(SlotFaults, LeaveASlotThatCanBeMadeAgain) {
     each_failure([&](Fault &fault) {
         fault.expect(TAVRIX_ERR_GENERAL, 0, [&] { return tavrix_shm_set_int(name.c_str(), &value); });
         int read = -77;
-        const int rc = tavrix_shm_get_int(name.c_str(), &read);
-        EXPECT_EQ(rc, 0);
+        EXPECT_EQ(tavrix_shm_get_int(name.c_str(), &read), 0);
         EXPECT_EQ(read, fault.happened() ? 0 : 7);
     });
     each_failure([&](Fault &fault) {

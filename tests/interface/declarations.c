@@ -151,7 +151,6 @@ int tavrix_jrpc_utils_retrieve_input_date(json_t *params, json_t **debug_message
 int tavrix_jrpc_utils_retrieve_input_time(json_t *params, json_t **debug_message, const char *key, char *out, size_t out_size);
 int tavrix_jrpc_utils_retrieve_input_entity_name(json_t *params, json_t **debug_message, const char *key, char *out, size_t out_size);
 int tavrix_jrpc_utils_retrieve_input_entity_extension(json_t *params, json_t **debug_message, const char *key, char *out, size_t out_size);
-int tavrix_jrpc_utils_retrieve_input_mac_address(json_t *params, json_t **debug_message, const char *key, char *out, size_t out_size);
 int tavrix_jrpc_utils_retrieve_input_macaddr_allowed(json_t *params, json_t **debug_message, const char *key, char *out, size_t out_size);
 int tavrix_jrpc_utils_retrieve_input_alias(json_t *params, json_t **debug_message, const char *key, char *out, size_t out_size);
 int tavrix_jrpc_utils_retrieve_input_vlan_id(json_t *params, json_t **debug_message, const char *key, int *out);

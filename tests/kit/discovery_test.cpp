@@ -1,8 +1,6 @@
 /*
  * What a service says of itself: an OpenRPC document that is made of the rows that the check goes by.
  */
-#include <array>
-#include <memory>
 #include <set>
 #include <string>
 #include <vector>
@@ -15,14 +13,15 @@
 
 namespace {
 
-using support::code_of;
+using support::accept;
+using support::array_of;
 using support::Json;
 using support::keys_of;
 using support::LogCapture;
 using support::member;
+using support::OneMethod;
+using support::OneParam;
 using support::Stage;
-
-int accept(tavrix_call *call) { return tavrix_call_reply(call, json_integer(0)); }
 
 constexpr const char *colours[] = {"red", "green", nullptr};
 const tavrix_service_param point[] = {
@@ -52,63 +51,38 @@ const tavrix_service_method methods[] = {
 
 std::string shown(const json_t *value) { return support::rendered(value, JSON_SORT_KEYS); }
 
+/** The entry of a list that has the name; null without one. */
+const json_t *entry_of(const json_t *list, const std::string &name) {
+    for (size_t i = 0; i < json_array_size(list); ++i) {
+        const json_t *entry = json_array_get(list, i);
+        if (json_string_value(json_object_get(entry, "name")) == name) {
+            return entry;
+        }
+    }
+    return nullptr;
+}
+
 class Described {
   public:
     explicit Described(const tavrix_service_method *table, tavrix_service_options options = {})
         : stage(table, options), document(support::parsed(stage.router.description)) {}
 
-    const json_t *method(const char *name) const {
-        const json_t *list = json_object_get(document.get(), "methods");
-        for (size_t i = 0; i < json_array_size(list); ++i) {
-            const json_t *entry = json_array_get(list, i);
-            if (std::string(json_string_value(json_object_get(entry, "name"))) == name) {
-                return entry;
-            }
-        }
-        return nullptr;
-    }
+    const json_t *method(const char *name) const { return entry_of(json_object_get(document.get(), "methods"), name); }
     std::string of_method(const char *name, const char *key) const { return shown(json_object_get(method(name), key)); }
-    const json_t *schema(const char *name, const char *param) const {
-        const json_t *params = json_object_get(method(name), "params");
-        for (size_t i = 0; i < json_array_size(params); ++i) {
-            const json_t *entry = json_array_get(params, i);
-            if (std::string(json_string_value(json_object_get(entry, "name"))) == param) {
-                return json_object_get(entry, "schema");
-            }
-        }
-        return nullptr;
+    /** Of the only parameter of t.One. */
+    const json_t *schema() const {
+        return json_object_get(json_array_get(json_object_get(method("t.One"), "params"), 0), "schema");
+    }
+    std::string of_schema(const char *key) const { return shown(json_object_get(schema(), key)); }
+    std::string ask_one(const std::string &value) { return stage.ask("t.One", "{\"value\":" + value + "}"); }
+    void expect_that_the_example_is_accepted() {
+        const json_t *example = json_array_get(json_object_get(method("t.One"), "examples"), 0);
+        const json_t *value = json_object_get(json_array_get(json_object_get(example, "params"), 0), "value");
+        EXPECT_EQ(member(ask_one(shown(value)), "result"), "0") << shown(value);
     }
 
     Stage stage;
     Json document;
-};
-
-/** A table of one method with one row. */
-struct OneRow {
-    explicit OneRow(tavrix_service_param row)
-        : rows{row, TAVRIX_PARAM_END}, table{TAVRIX_METHOD("t.One", accept, "Takes one.", rows, nullptr, 0),
-                                             TAVRIX_METHOD_END} {}
-    OneRow(const OneRow &) = delete;
-    OneRow &operator=(const OneRow &) = delete;
-
-    tavrix_service_param rows[2];
-    tavrix_service_method table[2];
-};
-
-/** A table of one method with one row in each of its levels. */
-struct DeepTable {
-    explicit DeepTable(size_t levels) : rows(levels) {
-        for (size_t i = 0; i < levels; ++i) {
-            rows[i][0] = TAVRIX_PARAM("l", TAVRIX_KIND_OBJECT, "", 0);
-            rows[i][0].members = i + 1 < levels ? rows[i + 1].data() : nullptr;
-            rows[i][1] = TAVRIX_PARAM_END;
-        }
-        table[0] = TAVRIX_METHOD("t.One", accept, "", rows[0].data(), nullptr, 0);
-        table[1] = TAVRIX_METHOD_END;
-    }
-
-    std::vector<std::array<tavrix_service_param, 2>> rows;
-    tavrix_service_method table[2];
 };
 
 /** The kind's row with what it cannot do without. */
@@ -118,8 +92,6 @@ tavrix_service_param row_of(int kind) {
     row.flags = kind == TAVRIX_KIND_PORT_ID ? static_cast<unsigned>(TAVRIX_ANY_PORT) : 0U;
     return row;
 }
-
-json_int_t number(const json_t *schema, const char *key) { return json_integer_value(json_object_get(schema, key)); }
 
 } // namespace
 
@@ -176,161 +148,135 @@ TEST(Discovery, PutsTheParametersThatMayBeAbsentLast) {
 TEST(Discovery, NamesTheErrorsThatTheCheckCanAnswer) {
     Described described(methods);
     const std::string errors = described.of_method("t.Set", "errors");
-    EXPECT_NE(errors.find(R"x({"code":-32602,"message":"Invalid parameter(s)"})x"), std::string::npos) << errors;
-    EXPECT_NE(errors.find(R"({"code":-32032,"message":"The given Port ID does not represent a C-port."})"),
-              std::string::npos);
-    EXPECT_EQ(described.of_method("t.Get", "errors").find("-32602"), std::string::npos) << "it takes no parameters";
-    EXPECT_EQ(code_of(described.stage.ask("t.Set", R"({"port_id":"d1"})")), "-32032");
+    EXPECT_TRUE(support::holds(errors, R"x({"code":-32602,"message":"Invalid parameter(s)"})x"));
+    EXPECT_TRUE(
+        support::holds(errors, R"({"code":-32032,"message":"The given Port ID does not represent a C-port."})"));
+    EXPECT_FALSE(support::holds(described.of_method("t.Get", "errors"), "-32602")) << "it takes no parameters";
+    EXPECT_EQ(described.stage.code_of("t.Set", R"({"port_id":"d1"})"), "-32032");
 }
 
 TEST(Discovery, ShowsAnExampleThatIsAccepted) {
     Described described(methods);
     EXPECT_EQ(described.of_method("t.Set", "examples"),
               R"([{"name":"example","params":[{"name":"port_id","value":"c1-1"}]}])");
-    EXPECT_EQ(member(described.stage.ask("t.Set", R"({"port_id":"c1-1"})"), "result"), "0");
+    EXPECT_EQ(described.stage.result_of("t.Set", R"({"port_id":"c1-1"})"), "0");
 }
 
 // --- Schemas -------------------------------------------------------------------------------------------------------
 
 TEST(Discovery, GivesEveryKindASchemaAndAnExampleThatItsCheckAccepts) {
     for (int kind = TAVRIX_KIND_NONE + 1; kind < TAVRIX_KIND_COUNT; ++kind) {
-        const OneRow one(row_of(kind));
+        SCOPED_TRACE("kind " + std::to_string(kind));
+        const OneParam one(row_of(kind));
         Described described(one.table);
-        const json_t *schema = described.schema("t.One", "value");
-        ASSERT_TRUE(json_is_object(schema)) << kind;
-        EXPECT_EQ(json_is_string(json_object_get(schema, "type")), kind != TAVRIX_KIND_JSON) << kind << shown(schema);
-        const json_t *example = json_array_get(json_object_get(described.method("t.One"), "examples"), 0);
-        const json_t *value = json_object_get(json_array_get(json_object_get(example, "params"), 0), "value");
-        const std::string params = "{\"value\":" + shown(value) + "}";
-        EXPECT_EQ(member(described.stage.ask("t.One", params), "result"), "0") << kind << " " << params;
+        ASSERT_TRUE(json_is_object(described.schema()));
+        EXPECT_EQ(described.of_schema("type") != "(null)", kind != TAVRIX_KIND_JSON) << shown(described.schema());
+        described.expect_that_the_example_is_accepted();
     }
 }
 
 TEST(Discovery, SaysTheBoundsThatTheCheckHasOfEveryIntegerKind) {
     for (int kind = TAVRIX_KIND_VLAN_ID; kind <= TAVRIX_KIND_PORT_NUMBER; ++kind) {
-        const OneRow one(row_of(kind));
+        SCOPED_TRACE("kind " + std::to_string(kind));
+        const OneParam one(row_of(kind));
         Described described(one.table);
-        const json_t *schema = described.schema("t.One", "value");
-        const json_int_t lowest = number(schema, "minimum");
-        const json_int_t highest = number(schema, "maximum");
-        const auto answer = [&described](json_int_t value) {
-            return described.stage.ask("t.One", "{\"value\":" + std::to_string(value) + "}");
-        };
-        EXPECT_EQ(member(answer(lowest), "result"), "0") << kind;
-        EXPECT_EQ(member(answer(highest), "result"), "0") << kind;
-        EXPECT_EQ(code_of(answer(lowest - 1)), "-32602") << kind;
-        const std::string refusal = answer(highest + 1);
-        EXPECT_EQ(member(member(member(refusal, "error"), "data"), "allowed"),
-                  "\"" + std::to_string(lowest) + " to " + std::to_string(highest) + "\"")
-            << kind;
+        const std::string lowest = described.of_schema("minimum");
+        const std::string highest = described.of_schema("maximum");
+        EXPECT_EQ(member(described.ask_one(lowest), "result"), "0");
+        EXPECT_EQ(member(described.ask_one(highest), "result"), "0");
+        EXPECT_EQ(support::code_of(described.ask_one(std::to_string(std::stoi(lowest) - 1))), "-32602");
+        const std::string refusal = described.ask_one(std::to_string(std::stoi(highest) + 1));
+        EXPECT_EQ(member(support::data_of(refusal), "allowed"), "\"" + lowest + " to " + highest + "\"");
     }
 }
 
 TEST(Discovery, SaysTheBoundsThatTheCheckHasOfTextsIntegersArraysAndLists) {
+    using Value = std::string (*)(int64_t size);
+    const Value number = [](int64_t size) { return std::to_string(size); };
+    const Value elements = [](int64_t size) { return array_of(static_cast<size_t>(size), "1"); };
     const struct {
         tavrix_kind kind;
         const char *least;
         const char *most;
-        std::string (*value)(int64_t size);
+        Value value;
     } cases[] = {
         {TAVRIX_KIND_TEXT, "minLength", "maxLength",
          [](int64_t size) { return "\"" + std::string(static_cast<size_t>(size), 'x') + "\""; }},
-        {TAVRIX_KIND_INTEGER, "minimum", "maximum", [](int64_t size) { return std::to_string(size); }},
-        {TAVRIX_KIND_NUMBER, "minimum", "maximum", [](int64_t size) { return std::to_string(size); }},
-        {TAVRIX_KIND_VLAN_ID, "minimum", "maximum", [](int64_t size) { return std::to_string(size); }},
-        {TAVRIX_KIND_VLAN_IDS, "minItems", "maxItems",
-         [](int64_t size) {
-             std::string list;
-             for (int64_t i = 1; i <= size; ++i) {
-                 list += (i > 1 ? "," : "") + std::to_string(i);
-             }
-             return "[" + list + "]";
-         }},
+        {TAVRIX_KIND_INTEGER, "minimum", "maximum", number},
+        {TAVRIX_KIND_NUMBER, "minimum", "maximum", number},
+        {TAVRIX_KIND_VLAN_ID, "minimum", "maximum", number},
+        {TAVRIX_KIND_VLAN_IDS, "minItems", "maxItems", elements},
         {TAVRIX_KIND_MAC_FILTERS, "minItems", "maxItems",
          [](int64_t size) {
-             std::string list;
-             for (int64_t i = 0; i < size; ++i) {
-                 list += (i > 0 ? "," : "") + std::string(R"({"mac":"00:1A:2B:3C:4D:5E","mask":"FF:FF:FF:FF:FF:FF"})");
-             }
-             return "[" + list + "]";
+             return array_of(static_cast<size_t>(size), R"({"mac":"00:1A:2B:3C:4D:5E","mask":"FF:FF:FF:FF:FF:FF"})");
          }},
-        {TAVRIX_KIND_ARRAY, "minItems", "maxItems",
-         [](int64_t size) {
-             std::string list;
-             for (int64_t i = 0; i < size; ++i) {
-                 list += list.empty() ? "1" : ",1";
-             }
-             return "[" + list + "]";
-         }},
+        {TAVRIX_KIND_ARRAY, "minItems", "maxItems", elements},
     };
     for (const auto &row : cases) {
-        const OneRow one(TAVRIX_PARAM_RANGE("value", row.kind, "", 0, 3, 7));
+        SCOPED_TRACE("kind " + std::to_string(row.kind));
+        const OneParam one(TAVRIX_PARAM_RANGE("value", row.kind, "", 0, 3, 7));
         Described described(one.table);
-        const json_t *schema = described.schema("t.One", "value");
-        ASSERT_EQ(number(schema, row.least), 3) << row.least;
-        ASSERT_EQ(number(schema, row.most), 7) << row.most;
+        EXPECT_EQ(described.of_schema(row.least), "3");
+        EXPECT_EQ(described.of_schema(row.most), "7");
         for (const int64_t size : {2, 3, 7, 8}) {
-            const std::string answer = described.stage.ask("t.One", "{\"value\":" + row.value(size) + "}");
-            EXPECT_EQ(member(answer, "result") == "0", size >= 3 && size <= 7) << row.least << " " << size;
+            EXPECT_EQ(member(described.ask_one(row.value(size)), "result") == "0", size >= 3 && size <= 7) << size;
         }
-        const json_t *example = json_array_get(json_object_get(described.method("t.One"), "examples"), 0);
-        const json_t *value = json_object_get(json_array_get(json_object_get(example, "params"), 0), "value");
-        EXPECT_EQ(member(described.stage.ask("t.One", "{\"value\":" + shown(value) + "}"), "result"), "0") << row.kind;
+        described.expect_that_the_example_is_accepted();
     }
 }
 
-TEST(Discovery, SaysHowManyRecordsAndVlansTheCheckTakes) {
-    const OneRow filters(TAVRIX_PARAM_RANGE("value", TAVRIX_KIND_MAC_FILTERS, "", 0, 0, 2));
-    EXPECT_EQ(number(Described(filters.table).schema("t.One", "value"), "maxItems"), 2);
-    const OneRow ports(TAVRIX_PARAM("value", TAVRIX_KIND_PORTS, "", 0));
-    EXPECT_EQ(number(Described(ports.table).schema("t.One", "value"), "maxItems"), 128);
-    const OneRow vlans(TAVRIX_PARAM_RANGE("value", TAVRIX_KIND_VLAN_IDS, "", 0, 1, 0));
-    const Described described(vlans.table);
-    EXPECT_EQ(shown(described.schema("t.One", "value")),
-              R"({"items":{"maximum":4092,"minimum":1,"type":"integer"},"maxItems":32,"minItems":1,"type":"array"})");
-}
-
-TEST(Discovery, GivesTheWordsOfAnEnumeration) {
-    const OneRow one(TAVRIX_PARAM("value", TAVRIX_KIND_VLAN_MODE, "", 0));
-    EXPECT_EQ(shown(Described(one.table).schema("t.One", "value")),
-              R"({"enum":["local","access","trunk"],"type":"string"})");
-}
-
-TEST(Discovery, DescribesTheBareElementsOfAnArray) {
-    const OneRow one(TAVRIX_PARAM_MEMBERS("value", TAVRIX_KIND_ARRAY, "", 0, 0, 0, bare_port));
-    EXPECT_EQ(shown(Described(one.table).schema("t.One", "value")),
-              R"({"items":{"description":"a port d1 to d4","type":"string"},"type":"array"})");
+TEST(Discovery, DescribesWordsElementsAndListsByWhatTheirRowsSay) {
+    const struct {
+        tavrix_service_param row;
+        const char *schema;
+    } rows[] = {
+        {TAVRIX_PARAM("value", TAVRIX_KIND_VLAN_MODE, "", 0), R"({"enum":["local","access","trunk"],"type":"string"})"},
+        {TAVRIX_PARAM_MEMBERS("value", TAVRIX_KIND_ARRAY, "", 0, 0, 0, bare_port),
+         R"({"items":{"description":"a port d1 to d4","type":"string"},"type":"array"})"},
+        {TAVRIX_PARAM_RANGE("value", TAVRIX_KIND_VLAN_IDS, "", 0, 1, 0),
+         R"({"items":{"maximum":4092,"minimum":1,"type":"integer"},"maxItems":32,"minItems":1,"type":"array"})"},
+    };
+    for (const auto &row : rows) {
+        const OneParam one(row.row);
+        EXPECT_EQ(shown(Described(one.table).schema()), row.schema);
+    }
+    const OneParam ports(TAVRIX_PARAM("value", TAVRIX_KIND_PORTS, "", 0));
+    EXPECT_EQ(Described(ports.table).of_schema("maxItems"), "128");
 }
 
 TEST(Discovery, DescribesAllLevelsOfTheDeepestTable) {
-    const DeepTable deep(8);
+    constexpr size_t levels = 8;
+    tavrix_service_param rows[levels][2] = {};
+    for (size_t i = 0; i < levels; ++i) {
+        rows[i][0] = TAVRIX_PARAM("l", TAVRIX_KIND_OBJECT, "", 0);
+        rows[i][0].members = i + 1 < levels ? rows[i + 1] : nullptr;
+        rows[i][1] = TAVRIX_PARAM_END;
+    }
+    const OneMethod deep("t.One", accept, rows[0]);
     const Described described(deep.table);
-    const json_t *schema = described.schema("t.One", "l");
-    for (int level = 1; level < 8; ++level) {
+    const json_t *schema = described.schema();
+    for (size_t level = 1; level < levels; ++level) {
         schema = json_object_get(json_object_get(schema, "properties"), "l");
     }
-    EXPECT_EQ(shown(json_object_get(schema, "type")), "\"object\"");
-    EXPECT_EQ(shown(json_object_get(schema, "properties")), "(null)");
+    EXPECT_EQ(shown(schema), R"({"type":"object"})");
 }
 
 TEST(Discovery, ClosesTheObjectsOfAStrictMethodsParameters) {
-    OneRow one(TAVRIX_PARAM_MEMBERS("value", TAVRIX_KIND_OBJECT, "", 0, 0, 0, point));
-    EXPECT_EQ(shown(json_object_get(Described(one.table).schema("t.One", "value"), "additionalProperties")), "(null)");
+    OneParam one(TAVRIX_PARAM_MEMBERS("value", TAVRIX_KIND_OBJECT, "", 0, 0, 0, point));
+    EXPECT_EQ(Described(one.table).of_schema("additionalProperties"), "(null)");
     one.table[0].flags = TAVRIX_METHOD_STRICT;
     one.table[0].result = set_result;
     const Described described(one.table);
-    EXPECT_EQ(shown(json_object_get(described.schema("t.One", "value"), "additionalProperties")), "false");
-    EXPECT_EQ(described.of_method("t.One", "result").find("additionalProperties"), std::string::npos);
+    EXPECT_EQ(described.of_schema("additionalProperties"), "false");
+    EXPECT_FALSE(support::holds(described.of_method("t.One", "result"), "additionalProperties"));
 }
 
 TEST(Discovery, LeavesTheRecordsOfAListOpenAsTheirRetrieverDoes) {
-    OneRow records(TAVRIX_PARAM("value", TAVRIX_KIND_MAC_FILTERS, "", 0));
+    OneParam records(TAVRIX_PARAM("value", TAVRIX_KIND_MAC_FILTERS, "", 0));
     records.table[0].flags = TAVRIX_METHOD_STRICT;
     Described filters(records.table);
-    EXPECT_EQ(shown(filters.schema("t.One", "value")).find("additionalProperties"), std::string::npos);
-    const std::string mac = "\"00:1A:2B:3C:4D:5E\"";
-    EXPECT_EQ(member(filters.stage.ask("t.One", R"({"value":[{"mac":)" + mac + ",\"mask\":" + mac + R"(,"more":1}]})"),
-                     "result"),
+    EXPECT_FALSE(support::holds(shown(filters.schema()), "additionalProperties"));
+    EXPECT_EQ(member(filters.ask_one(R"([{"mac":"00:1A:2B:3C:4D:5E","mask":"00:1A:2B:3C:4D:5E","more":1}])"), "result"),
               "0")
         << "the list's own retriever passes over it";
 }
@@ -339,20 +285,18 @@ TEST(Discovery, LeavesTheRecordsOfAListOpenAsTheirRetrieverDoes) {
 
 TEST(Discovery, IsAnsweredByTheServiceItselfUnderItsFirstMethodsPrefix) {
     Described described(methods);
-    const std::string answer = described.stage.ask("t.Discover");
-    const Json result(json_loads(member(answer, "result").c_str(), 0, nullptr));
-    EXPECT_TRUE(json_equal(result.get(), described.document.get()) != 0) << answer;
+    const Json result = support::parsed(described.stage.result_of("t.Discover"));
+    EXPECT_TRUE(json_equal(result.get(), described.document.get()) != 0) << shown(result.get());
     EXPECT_NE(described.method("t.Discover"), nullptr);
-    EXPECT_EQ(code_of(described.stage.ask("u.Discover")), "-32601");
-    EXPECT_EQ(code_of(described.stage.ask("t.Discovery")), "-32601");
+    EXPECT_EQ(described.stage.code_of("u.Discover"), "-32601");
+    EXPECT_EQ(described.stage.code_of("t.Discovery"), "-32601");
 }
 
 TEST(Discovery, LeavesItsNameToARowOfTheTable) {
-    const tavrix_service_method table[] = {TAVRIX_METHOD("t.Discover", accept, "Finds things.", nullptr, nullptr, 0),
-                                           TAVRIX_METHOD_END};
-    Described described(table);
-    EXPECT_EQ(member(described.stage.ask("t.Discover"), "result"), "0");
-    EXPECT_EQ(described.of_method("t.Discover", "summary"), "\"Finds things.\"");
+    const OneMethod own("t.Discover", accept);
+    Described described(own.table);
+    EXPECT_EQ(described.stage.result_of("t.Discover"), "0");
+    EXPECT_EQ(described.of_method("t.Discover", "summary"), "\"Does one thing.\"");
     EXPECT_EQ(json_array_size(json_object_get(described.document.get(), "methods")), 1U);
 }
 
@@ -364,31 +308,29 @@ TEST(Discovery, IsHandedOverOnceTheServiceIsRegistered) {
     EXPECT_EQ(heard[heard.size() - 1], "router.Describe");
 }
 
-TEST(Discovery, WhichTheRouterRefusesIsToldAndTheServiceIsReadyAllTheSame) {
-    const LogCapture log("info");
-    Stage stage(methods, {}, [](support::PlayedRouter &router) {
-        router.describe_error = R"x({"code":-32602,"message":"Invalid parameter(s)","data":{"message":"too long"}})x";
-    });
-    EXPECT_TRUE(tavrix_service_is_ready(stage.service));
-    EXPECT_NE(log.text().find("The router at session.sock does not list the methods of tester: too long\n"),
-              std::string::npos);
-}
-
-TEST(Discovery, IsNotMissedByARouterThatKnowsNothingOfIt) {
-    const LogCapture log("info");
-    Stage stage(methods, {}, [](support::PlayedRouter &router) {
-        router.describe_error = R"({"code":-32601,"message":"Method not found","data":null})";
-    });
-    EXPECT_TRUE(tavrix_service_is_ready(stage.service));
-    EXPECT_EQ(log.text().find("does not list"), std::string::npos);
+TEST(Discovery, WhichTheRouterRefusesIsToldUnlessItKnowsNothingOfItAndTheServiceIsReadyAllTheSame) {
+    const struct {
+        const char *error;
+        bool is_told;
+    } rows[] = {
+        {R"x({"code":-32602,"message":"Invalid parameter(s)","data":{"message":"too long"}})x", true},
+        {R"({"code":-32601,"message":"Method not found","data":null})", false},
+    };
+    for (const auto &row : rows) {
+        const LogCapture log("info");
+        const Stage stage(methods, {}, [&](support::PlayedRouter &router) { router.describe_error = row.error; });
+        EXPECT_TRUE(tavrix_service_is_ready(stage.service));
+        const std::string told = "The router at session.sock does not list the methods of tester: too long\n";
+        EXPECT_EQ(log.text().find(told) != std::string::npos, row.is_told) << log.text();
+        EXPECT_EQ(log.text().find("does not list") != std::string::npos, row.is_told) << log.text();
+    }
 }
 
 TEST(Discovery, OfATableWithTextsThatAreNotUtf8IsRefusedAndTold) {
     const LogCapture log("info");
-    const tavrix_service_method table[] = {TAVRIX_METHOD("t.One", accept, "\xff", nullptr, nullptr, 0),
-                                           TAVRIX_METHOD_END};
-    Stage stage(table);
-    EXPECT_EQ(code_of(stage.ask("t.Discover")), "-32603");
-    EXPECT_NE(log.text().find("tester cannot be described: there is no memory, or a text of its table is not UTF-8\n"),
-              std::string::npos);
+    OneMethod one("t.One", accept);
+    one.table[0].summary = "\xff";
+    Stage stage(one.table);
+    EXPECT_EQ(stage.code_of("t.Discover"), "-32603");
+    EXPECT_TRUE(log.says("tester cannot be described: there is no memory, or a text of its table is not UTF-8\n"));
 }

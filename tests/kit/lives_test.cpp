@@ -13,16 +13,16 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include "support/bus.h"
+#include "kit/support/played_router.h"
+#include "support/fleet.h"
 #include "support/json.h"
 #include "support/process.h"
 #include "support/session.h"
-#include "tavrix.h"
-#include "tavrix_service.h"
 
 namespace {
 
 using support::Process;
+using support::Service;
 
 /** What the handlers and callbacks below have seen. */
 struct Seen {
@@ -51,22 +51,19 @@ void on_end(tavrix_service * /*service*/, const tavrix_answer *answer, void * /*
     }
 }
 
-int times_said(const std::string &text, const std::string &part) {
-    int count = 0;
-    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
-        ++count;
-    }
-    return count;
-}
-
 // --- Handlers ---
 
-struct Pending {
-    uint64_t call;
-};
-void on_other(tavrix_service *service, const tavrix_answer *answer, void *user) {
-    const std::unique_ptr<Pending> pending(static_cast<Pending *>(user));
-    tavrix_call_pass_on(tavrix_service_deferred(service, pending->call), answer);
+/** Asks for what the call is to be answered with. */
+int ask_for(tavrix_call *call, const char *method, json_t *params) {
+    auto *pending = new uint64_t(tavrix_call_defer(call, nullptr, nullptr));
+    tavrix_service_request(
+        tavrix_call_service(call), method, params, 20000,
+        [](tavrix_service *service, const tavrix_answer *answer, void *user) {
+            const std::unique_ptr<uint64_t> number(static_cast<uint64_t *>(user));
+            tavrix_call_pass_on(tavrix_service_deferred(service, *number), answer);
+        },
+        pending);
+    return 0;
 }
 /** Counts down by asking the other service for the rest of it. */
 int down(tavrix_call *call) {
@@ -74,11 +71,9 @@ int down(tavrix_call *call) {
     if (left == 0) {
         return tavrix_call_reply(call, json_integer(0));
     }
-    auto *pending = new Pending{tavrix_call_defer(call, nullptr, nullptr)};
     const std::string own = tavrix_service_name(tavrix_call_service(call));
-    tavrix_service_request(tavrix_call_service(call), own == "left" ? "right.Down" : "left.Down",
-                           json_pack("{s:i}", "n", static_cast<int>(left) - 1), 20000, on_other, pending);
-    return 0;
+    return ask_for(call, own == "left" ? "right.Down" : "left.Down",
+                   json_pack("{s:i}", "n", static_cast<int>(left) - 1));
 }
 int never(tavrix_call *call) {
     tavrix_call_defer(
@@ -103,56 +98,31 @@ int twice(tavrix_call *call) {
     return 0;
 }
 
-/** A text of n characters. */
-int fill(tavrix_call *call) {
-    const auto size = static_cast<size_t>(tavrix_call_integer(call, "n"));
-    return tavrix_call_reply(call, json_string(std::string(size, 'x').c_str()));
-}
-/** n arrays within each other. */
-int nest(tavrix_call *call) {
-    json_t *value = json_array();
-    for (int64_t left = tavrix_call_integer(call, "n"); left > 1; --left) {
-        value = json_pack("[o]", value);
-    }
-    return tavrix_call_reply(call, value);
-}
 /** Waits until the test answers it. */
 int hold(tavrix_call *call) {
     seen.held.emplace_back(tavrix_call_defer(call, nullptr, nullptr), tavrix_call_integer(call, "n"));
     return TAVRIX_OK;
 }
 /** Asks its own service, and answers what that answers. */
-int ask_itself(tavrix_call *call) {
-    auto *pending = new Pending{tavrix_call_defer(call, nullptr, nullptr)};
-    tavrix_service_request(tavrix_call_service(call), "t.Twice", nullptr, 20000, on_other, pending);
-    return 0;
-}
+int ask_itself(tavrix_call *call) { return ask_for(call, "t.Twice", nullptr); }
 
 const tavrix_service_param count[] = {TAVRIX_PARAM("n", TAVRIX_KIND_INTEGER, "", 0), TAVRIX_PARAM_END};
-const tavrix_service_method left_methods[] = {TAVRIX_METHOD("left.Down", down, "", count, nullptr, 0),
-                                              TAVRIX_METHOD_END};
-const tavrix_service_method right_methods[] = {TAVRIX_METHOD("right.Down", down, "", count, nullptr, 0),
-                                               TAVRIX_METHOD_END};
+const support::OneMethod left_down("left.Down", down, count);
+const support::OneMethod right_down("right.Down", down, count);
+const tavrix_service_method *const left_methods = left_down.table;
+const tavrix_service_method *const right_methods = right_down.table;
 const tavrix_service_method t_methods[] = {
     TAVRIX_METHOD("t.Never", never, "", nullptr, nullptr, 0),
     TAVRIX_METHOD("t.Late", late, "", nullptr, nullptr, 0),
     TAVRIX_METHOD("t.Twice", twice, "", nullptr, nullptr, 0),
-    TAVRIX_METHOD("t.Fill", fill, "", count, nullptr, 0),
-    TAVRIX_METHOD("t.Nest", nest, "", count, nullptr, 0),
+    TAVRIX_METHOD("t.Fill", support::fill, "", count, nullptr, 0),
+    TAVRIX_METHOD("t.Nest", support::nest, "", count, nullptr, 0),
     TAVRIX_METHOD("t.Hold", hold, "", count, nullptr, 0),
     TAVRIX_METHOD("t.AskItself", ask_itself, "", nullptr, nullptr, 0),
     TAVRIX_METHOD_END,
 };
 
 // --- The stage ---
-
-struct FreeBase {
-    void operator()(event_base *base) const { event_base_free(base); }
-};
-struct CloseService {
-    void operator()(tavrix_service *service) const { tavrix_service_close(service); }
-};
-using Service = std::unique_ptr<tavrix_service, CloseService>;
 
 class Lives : public testing::Test {
   protected:
@@ -162,33 +132,25 @@ class Lives : public testing::Test {
                             "[logging_levels]\npeer=info\nrouterd=info\nt=off\nleft=off\nright=off\n");
     }
 
-    void start_router(const std::string &reply_timeout_ms = "20000", const std::vector<std::string> &more = {}) {
-        std::vector<std::string> arguments{TAVRIX_ROUTERD,     "--socket",        "router.sock",
-                                           "--session",        "session.sock",    "--publish",
-                                           "ipc://bus/router", "--reply-timeout", reply_timeout_ms};
-        arguments.insert(arguments.end(), more.begin(), more.end());
-        router_ = std::make_unique<Process>("routerd", arguments);
-        ASSERT_TRUE(router_->says("routerd ready")) << router_->log();
+    void start_router(const std::string &reply_timeout_ms = "20000", std::vector<std::string> more = {}) {
+        more.insert(more.end(), {"--reply-timeout", reply_timeout_ms});
+        router_ = support::started_router("ipc://bus/router", more);
     }
     void start_peer(const std::vector<std::string> &more = {}) {
         peer_.reset();
-        std::vector<std::string> arguments{PEER_SERVICE, "--session", "session.sock"};
-        arguments.insert(arguments.end(), more.begin(), more.end());
-        peer_ = std::make_unique<Process>("peer", arguments);
-        ASSERT_TRUE(peer_->says("peer ready")) << peer_->log();
+        peer_ = support::started("peer", {PEER_SERVICE, "--session", "session.sock"}, more);
     }
     Service start(const char *name, const tavrix_service_method *methods, unsigned flags = 0) {
-        tavrix_service_options options{};
-        options.name = name;
-        options.methods = methods;
-        options.session = "session.sock";
+        tavrix_service_options options = support::with_flags(flags);
         options.base = base_.get();
-        options.flags = flags | TAVRIX_SERVICE_NO_SIGNALS;
-        tavrix_service *service = nullptr;
-        EXPECT_EQ(tavrix_service_open(&options, &service), 0);
-        EXPECT_EQ(tavrix_service_start(service), 0);
-        EXPECT_TRUE(wait([&] { return tavrix_service_is_ready(service); })) << name;
-        return Service(service);
+        return support::started_service(name, methods, options);
+    }
+    /** A router, the service t, and the service left that calls it. */
+    void start_both(const std::string &reply_timeout_ms = "20000", const std::vector<std::string> &more = {},
+                    unsigned flags = 0) {
+        start_router(reply_timeout_ms, more);
+        service = start("t", t_methods, flags);
+        left = start("left", left_methods);
     }
     bool wait(const std::function<bool()> &condition) {
         return support::wait_until([&] {
@@ -199,13 +161,22 @@ class Lives : public testing::Test {
     static void request(const Service &service, const char *method, json_t *params = nullptr) {
         EXPECT_NE(tavrix_service_request(service.get(), method, params, 20000, on_end, nullptr), 0U);
     }
-    std::string status() const {
-        return support::SessionClient().ask(R"({"jsonrpc":"2.0","method":"router.Status","id":1})");
+    std::string status() const { return support::SessionClient().ask(support::request("router.Status", "1")); }
+    void wait_for_calls_in_flight(size_t calls) {
+        const std::string shown = "\"in_flight\":" + std::to_string(calls);
+        ASSERT_TRUE(wait([&] { return status().find(shown) != std::string::npos; })) << status();
+    }
+    /** Until so many calls of all services have ended. */
+    void wait_for_ends(size_t calls) {
+        ASSERT_TRUE(wait([calls] { return seen.results.size() + seen.ends.size() == calls; }))
+            << seen.results.size() << " results, " << seen.ends.size() << " other ends";
     }
 
-    std::unique_ptr<event_base, FreeBase> base_{event_base_new()};
+    support::EventBase base_{event_base_new()};
     std::unique_ptr<Process> router_;
     std::unique_ptr<Process> peer_;
+    Service service;
+    Service left;
 };
 
 using Ends = std::vector<std::string>;
@@ -214,7 +185,7 @@ using Ends = std::vector<std::string>;
 
 TEST_F(Lives, TwoServicesThatCallEachOtherAtOnceAreBothAnswered) {
     start_router();
-    const Service left = start("left", left_methods);
+    left = start("left", left_methods);
     const Service right = start("right", right_methods);
     constexpr int calls = 20;
     constexpr size_t both = 40;
@@ -222,27 +193,23 @@ TEST_F(Lives, TwoServicesThatCallEachOtherAtOnceAreBothAnswered) {
         request(left, "right.Down", json_pack("{s:i}", "n", 9));
         request(right, "left.Down", json_pack("{s:i}", "n", 9));
     }
-    EXPECT_TRUE(wait([&] { return seen.results.size() + seen.ends.size() == both; })) << seen.results.size();
+    wait_for_ends(both);
     EXPECT_EQ(seen.ends, Ends{});
 }
 
 TEST_F(Lives, AServiceThatCallsItselfIsAnswered) {
-    start_router();
-    const Service service = start("t", t_methods);
-    const Service left = start("left", left_methods);
+    start_both();
     request(left, "t.AskItself");
-    EXPECT_TRUE(wait([] { return seen.results.size() + seen.ends.size() == 1; }));
-    EXPECT_EQ(seen.ends, Ends{});
+    wait_for_ends(1);
     EXPECT_EQ(seen.results, std::vector<int>{1});
     EXPECT_EQ(seen.caller.pid, getpid());
 }
 
 TEST_F(Lives, AThousandCallsInFlightAtOnceGetEachItsOwnAnswer) {
-    start_router("20000", {"--max-in-flight", "4096"}); // a user may have half of the places
-    const Service service = start("t", t_methods);
-    const Service left = start("left", left_methods);
+    start_both("20000", {"--max-in-flight", "4096"}); // a user may have half of the places
     constexpr int total = 1000;
-    std::vector<int> answers(total, -1);
+    static std::vector<int> answers; // it outlives the services
+    answers.assign(total, -1);
     for (int i = 0; i < total; ++i) {
         ASSERT_NE(tavrix_service_request(
                       left.get(), "t.Hold", json_pack("{s:i}", "n", i), 20000,
@@ -267,9 +234,7 @@ TEST_F(Lives, AThousandCallsInFlightAtOnceGetEachItsOwnAnswer) {
 }
 
 TEST_F(Lives, CallsBeyondWhatTheRouterLetsOneUserHaveAreEachToldSoAtOnce) {
-    start_router("20000", {"--max-in-flight", "20"});
-    const Service service = start("t", t_methods);
-    const Service left = start("left", left_methods);
+    start_both("20000", {"--max-in-flight", "20"});
     constexpr size_t half = 10;
     constexpr size_t refused = 5;
     for (size_t i = 0; i < half + refused; ++i) {
@@ -295,26 +260,24 @@ struct Room {
 class AnswersBeside : public Lives, public testing::WithParamInterface<Room> {
   protected:
     /** How a call of a method with this n ends. */
-    std::string end_of(const Service &caller, const char *method, int n) {
-        const size_t before = seen.results.size() + seen.ends.size();
-        const size_t failed = seen.ends.size();
-        request(caller, method, json_pack("{s:i}", "n", n));
-        EXPECT_TRUE(wait([before] { return seen.results.size() + seen.ends.size() > before; }));
-        return seen.ends.size() > failed ? seen.ends.back() : "result";
+    std::string end_of(const char *method, int n) {
+        seen.results.clear();
+        seen.ends.clear();
+        request(left, method, json_pack("{s:i}", "n", n));
+        wait_for_ends(1);
+        return seen.ends.empty() ? "result" : seen.ends.back();
     }
 };
 
 } // namespace
 
 TEST_P(AnswersBeside, TheRouterAreRefusedWhereTheyCouldNotArriveAndTheServiceStays) {
-    start_router();
-    const Service service = start("t", t_methods, GetParam().flags);
-    const Service left = start("left", left_methods);
-    EXPECT_EQ(end_of(left, "t.Fill", GetParam().fits), "result");
-    EXPECT_EQ(end_of(left, "t.Fill", GetParam().too_many), "error -32004");
-    EXPECT_EQ(end_of(left, "t.Nest", 2046), "result") << "and the answer's own braces";
-    EXPECT_EQ(end_of(left, "t.Nest", 2047), "error -32004");
-    EXPECT_EQ(end_of(left, "t.Fill", 1), "result");
+    start_both("20000", {}, GetParam().flags);
+    EXPECT_EQ(end_of("t.Fill", GetParam().fits), "result");
+    EXPECT_EQ(end_of("t.Fill", GetParam().too_many), "error -32004");
+    EXPECT_EQ(end_of("t.Nest", 2046), "result") << "and the answer's own braces";
+    EXPECT_EQ(end_of("t.Nest", 2047), "error -32004");
+    EXPECT_EQ(end_of("t.Fill", 1), "result");
     EXPECT_EQ(router_->times_said("Service t has gone"), 0) << router_->log();
     EXPECT_EQ(router_->times_said("Service left has gone"), 0) << router_->log();
 }
@@ -325,9 +288,7 @@ INSTANTIATE_TEST_SUITE_P(Roads, AnswersBeside,
                          [](const auto &tested) { return std::string(tested.param.road); });
 
 TEST_F(Lives, ARequestOf65535BytesIsServedAndNoLongerOneIsMade) {
-    start_router();
-    const Service service = start("t", t_methods);
-    const Service left = start("left", left_methods);
+    start_both();
     const auto make = [&](size_t filling) {
         return tavrix_service_request(left.get(), "t.Twice", json_pack("{s:s}", "f", std::string(filling, 'x').c_str()),
                                       20000, on_end, nullptr);
@@ -338,56 +299,46 @@ TEST_F(Lives, ARequestOf65535BytesIsServedAndNoLongerOneIsMade) {
     }
     // Braces, names and its id, of at most three digits here, are the rest of it.
     EXPECT_GT(largest, 65535U - 80);
-    EXPECT_TRUE(wait([] { return seen.results.size() + seen.ends.size() == 1; }));
-    EXPECT_EQ(seen.ends, Ends{});
+    wait_for_ends(1);
+    EXPECT_EQ(seen.results, std::vector<int>{1});
     EXPECT_EQ(seen.served_twice, 1);
 }
 
 TEST_F(Lives, AServiceThatIsKilledEndsItsCallsBothWaysAndServesAgain) {
     start_router();
     start_peer();
-    const Service service = start("t", t_methods);
+    service = start("t", t_methods);
     request(service, "x.Never");
     request(service, "x.Ask"); // which asks t.Never
-    ASSERT_TRUE(wait([&] {
-        return tavrix_service_deferred(service.get(), 0) == nullptr &&
-               status().find("\"in_flight\":3") != std::string::npos;
-    })) << status();
+    wait_for_calls_in_flight(3);
     peer_->signal(SIGKILL);
-    EXPECT_TRUE(wait([] { return seen.ends.size() == 2 && seen.abandoned == 1; }))
-        << seen.ends.size() << ' ' << seen.abandoned;
+    wait_for_ends(2);
+    EXPECT_TRUE(wait([] { return seen.abandoned == 1; }));
     EXPECT_EQ(seen.ends, (Ends{"gone -32601", "gone -32601"}));
     start_peer();
-    tavrix_service_request(
-        service.get(), "x.Echo", nullptr, 20000,
-        [](tavrix_service * /*service*/, const tavrix_answer *answer, void * /*user*/) {
-            seen.ends.emplace_back(json_string_value(answer->result) != nullptr ? json_string_value(answer->result)
-                                                                                : describe(answer));
-        },
-        nullptr);
-    EXPECT_TRUE(wait([] { return seen.ends.size() == 3; }));
-    EXPECT_EQ(seen.ends.back(), "peer");
+    request(service, "x.Echo");
+    wait_for_ends(3);
+    EXPECT_EQ(seen.results, std::vector<int>{3});
 }
 
 TEST_F(Lives, TheRoutersDeathEndsCallsBothWaysAndItsReturnIsNoticed) {
-    start_router();
-    const Service left = start("left", left_methods);
-    const Service service = start("t", t_methods);
+    start_both();
     request(left, "t.Never");
-    ASSERT_TRUE(wait([&] { return status().find("\"in_flight\":1") != std::string::npos; })) << status();
+    wait_for_calls_in_flight(1);
     router_->signal(SIGKILL);
     router_->wait();
     EXPECT_TRUE(wait([] { return seen.ends.size() == 1 && seen.abandoned == 1; }));
     EXPECT_EQ(seen.ends, Ends{"gone -32601"});
+    seen.ends.clear();
     start_router();
     ASSERT_TRUE(wait([&] { return tavrix_service_is_ready(left.get()) && tavrix_service_is_ready(service.get()); }));
     request(left, "t.Twice");
-    EXPECT_TRUE(wait([] { return seen.results.size() == 1; }));
+    wait_for_ends(1);
 }
 
 TEST_F(Lives, AServiceOnTheBusThatEndsHasAnsweredWhatIsInFlight) {
     start_router();
-    const Service service = start("t", t_methods);
+    service = start("t", t_methods);
     constexpr int rounds = 15;
     constexpr size_t calls = 20;
     for (int round = 0; round < rounds; ++round) {
@@ -396,9 +347,9 @@ TEST_F(Lives, AServiceOnTheBusThatEndsHasAnsweredWhatIsInFlight) {
         for (size_t i = 0; i < calls; ++i) {
             request(service, "x.Never");
         }
-        ASSERT_TRUE(wait([&] { return status().find("\"in_flight\":20") != std::string::npos; })) << status();
+        wait_for_calls_in_flight(calls);
         peer_->signal(SIGTERM);
-        ASSERT_TRUE(wait([] { return seen.ends.size() == calls; })) << seen.ends.size();
+        wait_for_ends(calls);
         EXPECT_EQ(seen.ends, Ends(calls, "error -32014")) << "in round " << round;
         EXPECT_EQ(peer_->wait(), 0);
     }
@@ -425,7 +376,7 @@ TEST_F(Lives, AServiceOnTheBusThatEndsWaitsForARouterThatHangsForAWhileOnly) {
 
 TEST_F(Lives, ACallerIsKnownOnTheSessionAndNobodyOnTheBus) {
     start_router();
-    const Service left = start("left", left_methods);
+    left = start("left", left_methods);
     {
         const Service direct = start("t", t_methods);
         request(left, "t.Twice");
@@ -445,7 +396,7 @@ TEST_F(Lives, ACallerIsKnownOnTheSessionAndNobodyOnTheBus) {
 
 TEST_F(Lives, ARequestOnTheBusIsServedOnceByWhicheverAddressItComes) {
     start_router("20000", {"--publish", support::free_bus_address()});
-    const Service left = start("left", left_methods);
+    left = start("left", left_methods);
     const Service on_bus = start("t", t_methods, TAVRIX_SERVICE_BUS);
     for (size_t calls = 1; calls <= 100; ++calls) { // long enough for a second connection, which takes its time
         request(left, "t.Twice");
@@ -473,7 +424,7 @@ TEST_F(Lives, ASecondInstanceThatIsRefusedLeavesNoSocketBehind) {
     for (int round = 0; round < rounds; ++round) {
         const support::Finished finished = support::run(demanding);
         EXPECT_EQ(finished.status, 1);
-        EXPECT_NE(finished.diagnostics.find("is registered already"), std::string::npos) << finished.diagnostics;
+        EXPECT_TRUE(support::holds(finished.diagnostics, "is registered already"));
         EXPECT_FALSE(std::filesystem::exists("second"));
         Process patient("patient", second);
         ASSERT_TRUE(patient.says("is registered already"));
@@ -489,16 +440,13 @@ TEST_F(Lives, ARouterAndServicesFromOtherFoldersFindEachOther) {
     const std::filesystem::path here = std::filesystem::current_path();
     std::filesystem::create_directory("elsewhere");
     std::filesystem::current_path("elsewhere");
-    router_ = std::make_unique<Process>(
-        "routerd", std::vector<std::string>{TAVRIX_ROUTERD, "--socket", "../router.sock", "--session",
-                                            "../session.sock", "--publish", "ipc://bus/router"});
-    ASSERT_TRUE(router_->says("routerd ready")) << router_->log();
+    router_ = support::started_router("ipc://bus/router", {}, "../");
     std::filesystem::current_path(here);
     start_peer({"--bus"});
     EXPECT_TRUE(std::filesystem::exists("elsewhere/bus/peer"));
     start_peer({"--bus", "--publish", "ipc://peer-here"});
     EXPECT_TRUE(std::filesystem::exists("peer-here"));
-    EXPECT_NE(status().find("ipc://" + here.string() + "/peer-here"), std::string::npos) << status();
+    EXPECT_TRUE(support::holds(status(), "ipc://" + here.string() + "/peer-here"));
 }
 
 TEST_F(Lives, TheSocketForSingleRequestsIsToldFromTheSessionsOne) {
@@ -507,7 +455,7 @@ TEST_F(Lives, TheSocketForSingleRequestsIsToldFromTheSessionsOne) {
                              "by --session or TAVRIX_SESSION";
     const support::Finished demanding = support::run({PEER_SERVICE, "--session", "router.sock", "--need-router"});
     EXPECT_EQ(demanding.status, 1);
-    EXPECT_NE(demanding.diagnostics.find(told), std::string::npos) << demanding.diagnostics;
+    EXPECT_TRUE(support::holds(demanding.diagnostics, told));
     const Process patient("patient", {PEER_SERVICE, "--session", "router.sock"});
     ASSERT_TRUE(patient.says(told)) << patient.log();
     json_t *answer = nullptr;
@@ -515,12 +463,10 @@ TEST_F(Lives, TheSocketForSingleRequestsIsToldFromTheSessionsOne) {
 }
 
 TEST_F(Lives, LateAnswersAreRefusedSecondOnesTooAndNoneIsATimeOut) {
-    start_router("300");
-    const Service service = start("t", t_methods);
-    const Service left = start("left", left_methods);
+    start_both("300");
     request(left, "t.Twice");
-    ASSERT_TRUE(wait([] { return seen.results.size() == 1; }));
-    EXPECT_EQ(seen.results.front(), 1);
+    wait_for_ends(1);
+    EXPECT_EQ(seen.results, std::vector<int>{1});
     EXPECT_EQ(seen.second_reply, TAVRIX_ERR_NO_RECORDS);
     request(left, "t.Never");
     request(left, "t.Late");
@@ -533,7 +479,7 @@ TEST_F(Lives, LateAnswersAreRefusedSecondOnesTooAndNoneIsATimeOut) {
 TEST_F(Lives, AServiceThatDoesNotReadIsToldHowManyNotificationsItHasLost) {
     start_router();
     std::map<std::string, uint64_t> heard;
-    const Service service = start("t", t_methods);
+    service = start("t", t_methods);
     tavrix_service_on_lost(
         service.get(),
         [](tavrix_service * /*service*/, uint64_t how_many, void * /*user*/) { seen.lost.push_back(how_many); },
@@ -554,8 +500,8 @@ TEST_F(Lives, AServiceThatDoesNotReadIsToldHowManyNotificationsItHasLost) {
     for (uint64_t i = 0; i < flood; ++i) {
         ASSERT_TRUE(publish("events.Told", filling));
     }
-    publisher.say(R"({"jsonrpc":"2.0","method":"router.Status","id":"taken"})");
-    ASSERT_NE(publisher.hear_of("\"taken\"").find("result"), std::string::npos)
+    publisher.say(support::request("router.Status", "\"taken\""));
+    ASSERT_TRUE(support::holds(publisher.hear_of("\"taken\""), "result"))
         << "the router has taken them all before the service reads again";
     ASSERT_TRUE(wait([] { return !seen.lost.empty(); })) << heard["events.Told"];
     EXPECT_GT(heard["events.Told"], 0U) << "what was kept for it comes first";
@@ -567,7 +513,7 @@ TEST_F(Lives, AServiceThatDoesNotReadIsToldHowManyNotificationsItHasLost) {
 
 TEST_F(Lives, TenThousandRegistrationsLeaveNothingBehind) {
     start_router();
-    const Service service = start("t", t_methods);
+    service = start("t", t_methods);
     const std::string descriptors = "/proc/" + std::to_string(router_->pid()) + "/fd";
     const auto open = [&] {
         return std::distance(std::filesystem::directory_iterator(descriptors), std::filesystem::directory_iterator{});
@@ -579,23 +525,23 @@ TEST_F(Lives, TenThousandRegistrationsLeaveNothingBehind) {
         std::vector<std::unique_ptr<support::SessionClient>> others;
         for (int i = 0; i < at_once; ++i) {
             others.push_back(std::make_unique<support::SessionClient>());
-            others.back()->say(R"({"jsonrpc":"2.0","id":1,"method":"router.Register","params":{"name":"s)" +
-                               std::to_string(round * at_once + i) +
-                               R"(","channel":"30e493d7-9e02-41b6-97f5-21f2cc9cbbb3","publish":[],"methods":["y)" +
-                               std::to_string(i) + R"(.Get"],"direct":true}})");
+            others.back()->say(support::Registration{"s" + std::to_string(round * at_once + i),
+                                                     "30e493d7-9e02-41b6-97f5-21f2cc9cbbb3", "[]",
+                                                     "[\"y" + std::to_string(i) + ".Get\"]"}
+                                   .line());
         }
         for (auto &other : others) {
-            ASSERT_NE(other->hear().find("\"result\":0"), std::string::npos) << router_->log();
+            ASSERT_EQ(support::member(other->hear(), "result"), "0") << router_->log();
             event_base_loop(base_.get(), EVLOOP_NONBLOCK);
         }
     }
     EXPECT_TRUE(wait([&] { return open() == before; })) << open() << " descriptors instead of " << before;
     // Those that have gone are remembered for a while, up to a bound; none of them is there.
     const std::string known = status();
-    EXPECT_EQ(times_said(known, "\"state\":\"up\""), 1) << known;
-    EXPECT_LE(times_said(known, "\"state\":"), 256);
+    EXPECT_EQ(support::times_in(known, "\"state\":\"up\""), 1) << known;
+    EXPECT_LE(support::times_in(known, "\"state\":"), 256);
     EXPECT_TRUE(tavrix_service_is_ready(service.get()));
-    const Service left = start("left", left_methods);
+    left = start("left", left_methods);
     request(left, "t.Twice");
-    EXPECT_TRUE(wait([] { return seen.results.size() == 1; }));
+    wait_for_ends(1);
 }

@@ -30,9 +30,6 @@ struct FreeEvent {
     void operator()(event *ev) const { event_free(ev); }
 };
 using Event = std::unique_ptr<event, FreeEvent>;
-struct FreeBase {
-    void operator()(event_base *base) const { event_base_free(base); }
-};
 
 /** What happened, in its order: a letter each. */
 std::string happened;
@@ -40,7 +37,7 @@ uint64_t deferred = 0;
 
 int echo(tavrix_call *call) {
     happened += 'k';
-    return tavrix_call_reply(call, json_incref(tavrix_call_params(call)));
+    return support::echo(call);
 }
 int defer(tavrix_call *call) {
     happened += 'k';
@@ -102,17 +99,12 @@ class Loop : public testing::Test {
     }
     std::string hear(const StreamClient &client) {
         std::string text;
-        stage.wait([&] {
-            char bytes[256];
-            const ssize_t got = recv(client.fd(), bytes, sizeof bytes, MSG_DONTWAIT);
-            text.append(bytes, got > 0 ? static_cast<size_t>(got) : 0);
-            return got == 0;
-        });
+        stage.wait([&] { return client.take(&text); });
         return text;
     }
 
     support::LogCapture log{"info"};
-    std::unique_ptr<event_base, FreeBase> own; ///< goes last
+    support::EventBase own; ///< goes last
     Stage stage{methods};
 
   private:
@@ -136,15 +128,13 @@ void on_bytes(evutil_socket_t fd, short /*what*/, void * /*argument*/) {
 }
 void on_own_timer(evutil_socket_t /*fd*/, short /*what*/, void * /*argument*/) { happened += 'o'; }
 
-const std::string own_say = R"({"jsonrpc":"2.0","id":1,"method":"own.Say"})";
-
 } // namespace
 
 TEST_F(Loop, ATimerOfTheLibrarysRunsBetweenTheServicesCalls) {
     watch(library_timer(), on_library_timer);
     for (int i = 0; i < 5; ++i) {
         EXPECT_TRUE(again('t'));
-        EXPECT_EQ(member(stage.ask("t.Echo", R"({"a":1})"), "result"), R"({"a":1})");
+        EXPECT_EQ(stage.result_of("t.Echo", R"({"a":1})"), R"({"a":1})");
     }
     EXPECT_TRUE(again('t')) << "it goes on after the last call";
     EXPECT_EQ(count('k'), 5);
@@ -159,9 +149,9 @@ TEST_F(Loop, ADirectServerOfTheLibrarysAnswersBesideTheKitsAndTheSession) {
     for (int i = 0; i < 3; ++i) {
         const StreamClient to_library = StreamClient::unix_path("library.sock");
         const StreamClient to_kit = StreamClient::unix_path("kit.sock");
-        to_library.say(own_say);
-        to_kit.say(R"({"jsonrpc":"2.0","id":1,"method":"t.Echo","params":{"b":2}})");
-        EXPECT_EQ(member(stage.ask("t.Echo", R"({"a":1})"), "result"), R"({"a":1})");
+        to_library.say(support::request("own.Say", "1"));
+        to_kit.say(support::request("t.Echo", "1", R"(,"params":{"b":2})"));
+        EXPECT_EQ(stage.result_of("t.Echo", R"({"a":1})"), R"({"a":1})");
         EXPECT_EQ(member(hear(to_library), "result"), "\"library\"");
         EXPECT_EQ(member(hear(to_kit), "result"), R"({"b":2})");
     }
@@ -181,7 +171,7 @@ TEST_F(Loop, DescriptorsAndTimersOfTheProgramsOwnMoveWhileACallWaits) {
     EXPECT_TRUE(again('o'));
     EXPECT_EQ(write(ends[1], "p", 1), 1);
     EXPECT_TRUE(stage.wait([] { return count('p') == 1; }));
-    EXPECT_EQ(member(stage.ask("t.Echo", R"({"a":1})"), "result"), R"({"a":1})") << "another call meanwhile";
+    EXPECT_EQ(stage.result_of("t.Echo", R"({"a":1})"), R"({"a":1})") << "another call meanwhile";
     // What waits is answered from the program's own event.
     add(Event(event_new(
             base(), -1, 0,
@@ -215,8 +205,7 @@ TEST_F(Loop, ASignalOfTheProgramsOwnIsHeardBesideTheServices) {
 }
 
 TEST_F(Loop, OfTheProgramsOwnCarriesAServiceThatItClosesItself) {
-    tavrix_service_close(stage.service);
-    stage.service = nullptr;
+    stage.close();
     own.reset(event_base_new());
     tavrix_service_options options = {};
     options.base = own.get();
@@ -225,9 +214,8 @@ TEST_F(Loop, OfTheProgramsOwnCarriesAServiceThatItClosesItself) {
     ASSERT_TRUE(stage.wait_ready());
     watch(library_timer(), on_library_timer);
     EXPECT_TRUE(again('t'));
-    EXPECT_EQ(member(stage.ask("t.Echo", R"({"a":1})"), "result"), R"({"a":1})");
-    tavrix_service_close(stage.service);
-    stage.service = nullptr;
+    EXPECT_EQ(stage.result_of("t.Echo", R"({"a":1})"), R"({"a":1})");
+    stage.close();
     const long before = count('t');
     EXPECT_TRUE(support::wait_until([&] {
         event_base_loop(own.get(), EVLOOP_NONBLOCK);

@@ -11,9 +11,11 @@
 
 namespace {
 
-using support::code_of;
+using support::accept;
+using support::array_of;
 using support::LogCapture;
 using support::member;
+using support::OneMethod;
 using support::Stage;
 
 constexpr const char *colours[] = {"red", "green", "blue", nullptr};
@@ -32,117 +34,19 @@ const tavrix_service_param bare_port[] = {
     TAVRIX_PARAM("", TAVRIX_KIND_PORT_ID, "", TAVRIX_ALLOW_D_PORT),
     TAVRIX_PARAM_END,
 };
-
-/** One row for each kind; each request of a test uses one of them. */
-const tavrix_service_param rows[] = {
-    TAVRIX_PARAM_RANGE("text", TAVRIX_KIND_TEXT, "", TAVRIX_OPTIONAL, 2, 5),
-    TAVRIX_PARAM("lines", TAVRIX_KIND_TEXT, "", TAVRIX_OPTIONAL | TAVRIX_MULTILINE),
-    TAVRIX_PARAM_RANGE("integer", TAVRIX_KIND_INTEGER, "", TAVRIX_OPTIONAL, -5, 5000000000),
-    TAVRIX_PARAM("plain", TAVRIX_KIND_INTEGER, "", TAVRIX_OPTIONAL),
-    TAVRIX_PARAM("boolean", TAVRIX_KIND_BOOLEAN, "", TAVRIX_OPTIONAL),
-    TAVRIX_PARAM("number", TAVRIX_KIND_NUMBER, "", TAVRIX_OPTIONAL),
-    TAVRIX_PARAM_RANGE("from_to", TAVRIX_KIND_NUMBER, "", TAVRIX_OPTIONAL, -2, 9007199254740993),
-    TAVRIX_PARAM("uint64", TAVRIX_KIND_UINT64, "", TAVRIX_OPTIONAL),
-    TAVRIX_PARAM("float", TAVRIX_KIND_FLOAT, "", TAVRIX_OPTIONAL),
-    TAVRIX_PARAM_WORDS("colour", colours, "", TAVRIX_OPTIONAL),
+const tavrix_service_param within[] = {
     TAVRIX_PARAM_MEMBERS("points", TAVRIX_KIND_ARRAY, "", TAVRIX_OPTIONAL, 1, 2, point),
     TAVRIX_PARAM_MEMBERS("bare", TAVRIX_KIND_ARRAY, "", TAVRIX_OPTIONAL, 0, 0, bare_port),
     TAVRIX_PARAM_MEMBERS("object", TAVRIX_KIND_OBJECT, "", TAVRIX_OPTIONAL, 0, 0, point),
-    TAVRIX_PARAM("json", TAVRIX_KIND_JSON, "", TAVRIX_OPTIONAL),
-    TAVRIX_PARAM("port", TAVRIX_KIND_PORT_ID, "", TAVRIX_OPTIONAL | TAVRIX_ANY_PORT),
-    TAVRIX_PARAM("c_port", TAVRIX_KIND_PORT_ID, "", TAVRIX_OPTIONAL | TAVRIX_ALLOW_C_PORT),
-    TAVRIX_PARAM("d_port", TAVRIX_KIND_PORT_ID, "", TAVRIX_OPTIONAL | TAVRIX_ALLOW_D_PORT),
-    TAVRIX_PARAM("any_port", TAVRIX_KIND_PORT_ID, "", TAVRIX_OPTIONAL | TAVRIX_ANY_PORTS),
-    TAVRIX_PARAM("mzu", TAVRIX_KIND_MZU_ID, "", TAVRIX_OPTIONAL),
-    TAVRIX_PARAM("status", TAVRIX_KIND_STATUS, "", TAVRIX_OPTIONAL),
-    TAVRIX_PARAM("vlan_mode", TAVRIX_KIND_VLAN_MODE, "", TAVRIX_OPTIONAL),
-    TAVRIX_PARAM("model", TAVRIX_KIND_MZU_MODEL, "", TAVRIX_OPTIONAL),
-    TAVRIX_PARAM("secure", TAVRIX_KIND_SECURE_OPTION, "", TAVRIX_OPTIONAL),
-    TAVRIX_PARAM("mac", TAVRIX_KIND_MAC_ADDRESS, "", TAVRIX_OPTIONAL),
-    TAVRIX_PARAM("password", TAVRIX_KIND_PASSWORD, "", TAVRIX_OPTIONAL),
-    TAVRIX_PARAM("alias", TAVRIX_KIND_ALIAS, "", TAVRIX_OPTIONAL),
-    TAVRIX_PARAM("vlan_id", TAVRIX_KIND_VLAN_ID, "", TAVRIX_OPTIONAL),
-    TAVRIX_PARAM_RANGE("vlan_ids", TAVRIX_KIND_VLAN_IDS, "", TAVRIX_OPTIONAL, 1, 0),
-    TAVRIX_PARAM_RANGE("few", TAVRIX_KIND_VLAN_IDS, "", TAVRIX_OPTIONAL, 2, 3),
-    TAVRIX_PARAM_RANGE("ports", TAVRIX_KIND_PORTS, "", TAVRIX_OPTIONAL, 0, 2),
-    TAVRIX_PARAM_RANGE("hardware", TAVRIX_KIND_PORTS_HARDWARE, "", TAVRIX_OPTIONAL, 1, 0),
-    TAVRIX_PARAM_RANGE("filters", TAVRIX_KIND_MAC_FILTERS, "", TAVRIX_OPTIONAL, 0, 2),
     TAVRIX_PARAM_END,
 };
-
-/** The checked values as a text, each read with its getter. */
-std::string last_values;
-
-void add(const std::string &text) { last_values += (last_values.empty() ? "" : " ") + text; }
-
-std::string integers(const tavrix_call *call, const char *name) {
-    int count = 0;
-    const int *ids = tavrix_call_integers(call, name, &count);
-    std::string text;
-    for (int i = 0; i < count; ++i) {
-        text += (i > 0 ? "," : "") + std::to_string(ids[i]);
-    }
-    return text;
-}
-
-void add_records(const tavrix_call *call) {
-    int count = 0;
-    if (const tavrix_port_input *ports = tavrix_call_ports(call, "ports", &count); ports != nullptr) {
-        add(std::to_string(count) + " ports, the first " + std::to_string(ports[0].port_number) + " in " +
-            std::to_string(ports[0].vlan_ids[0]));
-    }
-    if (const tavrix_port_hardware_input *ports = tavrix_call_ports_hardware(call, "hardware", &count);
-        ports != nullptr) {
-        add(std::to_string(count) + " ports, the first " + std::to_string(ports[0].port_number));
-    }
-    if (const tavrix_mac_filter *filters = tavrix_call_mac_filters(call, "filters", &count); filters != nullptr) {
-        add(std::to_string(count) + " filters" + (count > 0 ? std::string(", the first ") + filters[0].mac : ""));
-    }
-}
-
-int show(tavrix_call *call) {
-    last_values.clear();
-    for (const char *name : {"text", "lines", "colour", "port", "c_port", "d_port", "any_port", "mzu", "status",
-                             "vlan_mode", "model", "secure", "mac", "password", "alias"}) {
-        if (tavrix_call_has(call, name)) {
-            add(std::string(tavrix_call_text(call, name)) + "/" + std::to_string(tavrix_call_word(call, name)));
-        }
-    }
-    for (const char *name : {"integer", "plain", "vlan_id"}) {
-        if (tavrix_call_has(call, name)) {
-            add(std::to_string(tavrix_call_integer(call, name)));
-        }
-    }
-    for (const char *name : {"number", "from_to", "float"}) {
-        if (tavrix_call_has(call, name)) {
-            add(std::to_string(tavrix_call_real(call, name)));
-        }
-    }
-    if (tavrix_call_has(call, "boolean")) {
-        add(tavrix_call_boolean(call, "boolean") ? "true" : "false");
-    }
-    if (tavrix_call_has(call, "uint64")) {
-        add(std::to_string(tavrix_call_uint64(call, "uint64")));
-    }
-    for (const char *name : {"vlan_ids", "few"}) {
-        if (tavrix_call_has(call, name)) {
-            add(integers(call, name));
-        }
-    }
-    for (const char *name : {"points", "bare", "object", "json"}) {
-        if (const json_t *value = tavrix_call_json(call, name)) {
-            add(support::rendered(value));
-        }
-    }
-    add_records(call);
-    return 0;
-}
-
 const tavrix_service_param required[] = {
     TAVRIX_PARAM("port_id", TAVRIX_KIND_PORT_ID, "", TAVRIX_ANY_PORT),
     TAVRIX_PARAM("vlan_id", TAVRIX_KIND_VLAN_ID, "", 0),
+    TAVRIX_PARAM("alias", TAVRIX_KIND_ALIAS, "", TAVRIX_OPTIONAL),
     TAVRIX_PARAM_END,
 };
+
 int misread(tavrix_call *call) {
     EXPECT_EQ(tavrix_call_text(call, "vlan_id"), nullptr);
     EXPECT_EQ(tavrix_call_integer(call, "port_id"), 0);
@@ -151,197 +55,84 @@ int misread(tavrix_call *call) {
 }
 
 const tavrix_service_method methods[] = {
-    TAVRIX_METHOD("t.Show", show, "", rows, nullptr, TAVRIX_METHOD_STRICT),
+    TAVRIX_METHOD("t.Within", accept, "", within, nullptr, TAVRIX_METHOD_STRICT),
     TAVRIX_METHOD("t.Required", misread, "", required, nullptr, 0),
-    TAVRIX_METHOD(
-        "t.None", [](tavrix_call *) { return 0; }, "", nullptr, nullptr, TAVRIX_METHOD_STRICT),
+    TAVRIX_METHOD("t.None", accept, "", nullptr, nullptr, TAVRIX_METHOD_STRICT),
     TAVRIX_METHOD_END,
 };
 
 class Params : public testing::Test {
   protected:
-    /** The values that the handler saw, or the code and reason of the refusal. */
-    std::string show_of(const std::string &params) {
-        last_values = "(not called)";
-        const std::string answer = stage.ask("t.Show", params);
-        if (member(answer, "error") == "(none)") {
-            return last_values;
-        }
-        data = member(member(answer, "error"), "data");
-        return code_of(answer) + " " + member(data, "reason");
-    }
-
     LogCapture log{"info"};
     Stage stage{methods};
-    std::string data;
 };
 
 } // namespace
 
-TEST_F(Params, OfEachKindAreHandedOverChecked) {
+TEST_F(Params, WithinOthersAreRefusedUnderTheirWholePath) {
     const std::map<std::string, std::string> cases = {
-        {R"({"text":"ab"})", "ab/0"},
-        {R"({"lines":"a\nb"})", "a\nb/0"},
-        {R"({"integer":5000000000})", "5000000000"},
-        {R"({"integer":-5})", "-5"},
-        {R"({"boolean":true})", "true"},
-        {R"({"boolean":false})", "false"},
-        {R"({"number":2})", "2.000000"},
-        {R"({"from_to":-2})", "-2.000000"},
-        {R"({"from_to":-2.0})", "-2.000000"},
-        {R"({"from_to":9007199254740993})", "9007199254740992.000000"},
-        {R"({"uint64":"0x10"})", "16"},
-        {R"({"uint64":"18446744073709551615"})", "18446744073709551615"},
-        {R"({"float":"2.5"})", "2.500000"},
-        {R"({"colour":"blue"})", "blue/2"},
-        {R"({"points":[{"x":1},{"x":2,"mac":"00:11:22:33:44:55"}]})", R"([{"x":1},{"x":2,"mac":"00:11:22:33:44:55"}])"},
-        {R"({"bare":["d1","d4"]})", R"(["d1","d4"])"},
-        {R"({"object":{"x":1}})", R"({"x":1})"},
-        {R"({"json":null})", "null"},
-        {R"({"port":"c128-99"})", "c128-99/0"},
-        {R"({"any_port":"all"})", "all/0"},
-        {R"({"any_port":"c2"})", "c2/0"},
-        {R"({"mzu":"c128"})", "c128/0"},
-        {R"({"status":"enable"})", "enable/1"},
-        {R"({"vlan_mode":"trunk"})", "trunk/3"},
-        {R"({"model":"ZQN-E10"})", "ZQN-E10/2"},
-        {R"({"secure":"disable"})", "disable/2"},
-        {R"({"mac":"aa-bb-cc-00-11-22"})", "AA:BB:CC:00:11:22/0"},
-        {R"({"alias":"ab1"})", "AB1/0"},
-        {R"({"vlan_id":4092})", "4092"},
-        {R"({"vlan_ids":[1,4092]})", "1,4092"},
-        {R"({"few":[1,2,3]})", "1,2,3"},
-        {R"({"ports":[{"port_number":7,"port_status":1,"poe_status":1,"link_status":1,"link_speed":4,"vlan_mode":1,"vlan_ids":[9]}]})",
-         "1 ports, the first 7 in 9"},
-        {R"({"hardware":[{"port_number":7,"poe_status":1,"link_status":1,"link_speed":4}]})", "1 ports, the first 7"},
-        {R"({"filters":[{"mac":"aa:bb:cc:00:11:22","mask":"ff:ff:ff:00:00:00"}]})",
-         "1 filters, the first AA:BB:CC:00:11:22"},
-        {R"({"filters":[]})", "0 filters"},
-        {"{}", ""},
-    };
-    for (const auto &[params, values] : cases) {
-        EXPECT_EQ(show_of(params), values) << params;
-    }
-}
-
-TEST_F(Params, AreRefusedInWordsThatSayWhatCameAndWhatIsAllowed) {
-    const std::map<std::string, std::string> cases = {
-        {R"({"vlan_id":4093})", R"(-32602 "vlan_id: 4093 is not in 1 to 4092")"},
-        {R"({"vlan_id":0})", R"(-32602 "vlan_id: 0 is not in 1 to 4092")"},
-        {R"({"vlan_id":4294967297})", R"(-32602 "vlan_id: 4294967297 is not in 1 to 4092")"},
-        {R"({"vlan_id":"7"})", R"(-32602 "vlan_id: \"7\" is not an integer in 1 to 4092")"},
-        {R"({"vlan_id":7.0})", R"(-32602 "vlan_id: 7.0 is not an integer in 1 to 4092")"},
-        {R"({"integer":5000000001})", R"(-32602 "integer: 5000000001 is not in -5 to 5000000000")"},
-        {R"({"plain":4294967297})", R"(-32602 "plain: 4294967297 is not in -2147483648 to 2147483647")"},
-        {R"({"text":"a"})", R"(-32602 "text: \"a\" is not a text of 2 to 5 characters")"},
-        {R"({"text":"abcdef"})", R"(-32602 "text: \"abcdef\" is not a text of 2 to 5 characters")"},
-        {R"({"text":"ab\n"})", R"(-32602 "text: \"ab\\n\" holds a control character")"},
-        {R"({"mac":"00:11:22:33:44:5\u0007"})",
-         R"(-32602 "mac: \"00:11:22:33:44:5\\u0007\" holds a control character")"},
-        {R"({"boolean":1})", R"(-32602 "boolean: 1 is not true or false")"},
-        {R"({"number":"1"})", R"(-32602 "number: \"1\" is not a number")"},
-        {R"({"from_to":-3})", R"(-32602 "from_to: -3 is not a number from -2 to 9007199254740993")"},
-        {R"({"from_to":-2.5})", R"(-32602 "from_to: -2.5 is not a number from -2 to 9007199254740993")"},
-        {R"({"from_to":9007199254740994})",
-         R"(-32602 "from_to: 9007199254740994 is not a number from -2 to 9007199254740993")"},
-        {R"({"from_to":1e300})", R"(-32602 "from_to: 1e300 is not a number from -2 to 9007199254740993")"},
-        {R"({"uint64":"12x"})",
-         R"(-32602 "uint64: \"12x\" is not a text with a number of 64 bits, such as \"4711\" or \"0x1267\"")"},
-        {R"({"uint64":"-1"})",
-         R"(-32602 "uint64: \"-1\" is not a text with a number of 64 bits, such as \"4711\" or \"0x1267\"")"},
-        {R"({"float":" 2.5"})", R"(-32602 "float: \" 2.5\" is not a text with a number, such as \"2.5\"")"},
-        {R"({"float":"nan"})", R"(-32602 "float: \"nan\" is not a text with a number, such as \"2.5\"")"},
-        {R"({"float":"inf"})", R"(-32602 "float: \"inf\" is not a text with a number, such as \"2.5\"")"},
-        {R"({"float":"1e300"})", R"(-32602 "float: \"1e300\" is not a text with a number, such as \"2.5\"")"},
-        {R"({"float":"fast"})", R"(-32602 "float: \"fast\" is not a text with a number, such as \"2.5\"")"},
-        {R"({"colour":"pink"})", R"(-32602 "colour: \"pink\" is not one of red, green, blue")"},
-        {R"({"status":"up"})", R"(-32602 "status: \"up\" is not one of enable, disable")"},
-        {R"({"vlan_mode":"trans"})", R"(-32602 "vlan_mode: \"trans\" is not one of local, access, trunk")"},
-        {R"({"secure":"Enable"})", R"(-32602 "secure: \"Enable\" is not one of current, enable, disable")"},
-        {R"({"points":[]})", R"(-32602 "points: [] is not an array of 1 to 2 elements")"},
-        {R"({"points":[7]})", R"(-32602 "points: [7] holds an element that is no object")"},
         {R"({"points":[{"x":1},{}]})", R"(-32602 "points[1].x is missing: -2147483648 to 2147483647")"},
         {R"({"points":[{"x":1,"mac":"no"}]})",
          R"(-32602 "points[0].mac: \"no\" is not a MAC address, such as 00:1A:2B:3C:4D:5E")"},
         {R"({"bare":["d1","d9"]})", R"(-32031 "bare[1]: \"d9\" is not a port d1 to d4")"},
         {R"({"object":{"x":"1"}})", R"(-32602 "object.x: \"1\" is not an integer in -2147483648 to 2147483647")"},
-        {R"({"object":[]})", R"(-32602 "object: [] is not an object")"},
-        {R"({"port":"c2-100"})", R"(-32602 "port: \"c2-100\" is not a port c1-1 to c128-99, a port d1 to d4")"},
-        {R"({"c_port":"d1"})", R"(-32032 "c_port: \"d1\" is not a port c1-1 to c128-99")"},
-        {R"({"d_port":"c1-1"})", R"(-32031 "d_port: \"c1-1\" is not a port d1 to d4")"},
-        {R"({"any_port":"x"})",
-         R"(-32024 "any_port: \"x\" is not a port c1-1 to c128-99, a port d1 to d4, a unit c1 to c128, all")"},
-        {R"({"alias":"ninechars"})", R"(-32602 "alias: \"ninechars\" is not a text of up to 8 characters")"},
-        {R"({"password":"abc"})", R"(-32602 "password: is not a password: 4 to 15 letters, digits, and ! ? _ @ -")"},
-        {R"({"vlan_ids":[]})",
-         R"(-32602 "vlan_ids: [] is not an array of up to 32 VLAN ids, each 1 to 4092, at least 1")"},
-        {R"({"vlan_ids":7})",
-         R"(-32602 "vlan_ids: 7 is not an array of up to 32 VLAN ids, each 1 to 4092, at least 1")"},
-        {R"({"vlan_ids":[4294967297]})",
-         R"(-32602 "vlan_ids: [4294967297] is not an array of up to 32 VLAN ids, each 1 to 4092, at least 1")"},
-        {R"({"few":[1]})", R"(-32602 "few: [1] is not an array of up to 3 VLAN ids, each 1 to 4092, at least 2")"},
-        {R"({"few":[1,2,3,4]})",
-         R"(-32602 "few: [1,2,3,4] is not an array of up to 3 VLAN ids, each 1 to 4092, at least 2")"},
-        {R"({"hardware":[]})",
-         R"(-32602 "hardware: [] is not an array of ports: port_number 1 to 128, poe_status, link_status, link_speed, at least 1, at most 128")"},
-        {R"({"filters":[{"mac":"00:11:22:33:44:55"}]})",
-         R"(-32602 "filters: [{\"mac\":\"00:11:22:33:44:55\"}] is not an array of filters: mac and mask, two MAC addresses each, at most 2")"},
-        {R"({"filters":[1,2,3]})",
-         R"(-32602 "filters: [1,2,3] is not an array of filters: mac and mask, two MAC addresses each, at most 2")"},
-        {R"({"unknown":1})", R"(-32602 "unknown: t.Show has no such parameter")"},
-        {R"({"object":{"x":1,"more":2}})", R"(-32602 "object.more: t.Show has no such parameter")"},
-        {R"({"points":[{"x":1},{"x":1,"y":2}]})", R"(-32602 "points[1].y: t.Show has no such parameter")"},
+        {R"({"unknown":1})", R"(-32602 "unknown: t.Within has no such parameter")"},
+        {R"({"object":{"x":1,"more":2}})", R"(-32602 "object.more: t.Within has no such parameter")"},
+        {R"({"points":[{"x":1},{"x":1,"y":2}]})", R"(-32602 "points[1].y: t.Within has no such parameter")"},
         {R"({"points":[{"x":1,"inner":{"y":1,"z":2}}]})",
-         R"(-32602 "points[0].inner.z: t.Show has no such parameter")"},
+         R"(-32602 "points[0].inner.z: t.Within has no such parameter")"},
     };
     for (const auto &[params, refusal] : cases) {
-        EXPECT_EQ(show_of(params), refusal) << params;
-        EXPECT_EQ(last_values, "(not called)") << params;
+        const std::string answer = stage.ask("t.Within", params);
+        EXPECT_EQ(support::code_of(answer) + " " + member(support::data_of(answer), "reason"), refusal) << params;
     }
 }
 
 TEST_F(Params, RefusedCarryTheLibrarysMessageBesideTheKitsReason) {
-    show_of(R"({"vlan_id":"7"})");
-    EXPECT_EQ(data, R"({"message":"Parameter 'vlan_id' is not of type 'integer'.",)"
-                    R"("reason":"vlan_id: \"7\" is not an integer in 1 to 4092","parameter":"vlan_id",)"
-                    R"("allowed":"1 to 4092","value":"7"})");
-    show_of(R"({"alias":"ninechars"})");
-    EXPECT_EQ(member(data, "message"), R"("Alias must be 8 characters or fewer.")");
-    show_of(R"({"password":"abc"})");
-    EXPECT_EQ(data.find("abc"), std::string::npos) << data;
+    const auto data = [this](const char *vlan_id, const char *more = "") {
+        return support::data_of(
+            stage.ask("t.Required", R"({"port_id":"d1","vlan_id":)" + std::string(vlan_id) + more + "}"));
+    };
+    EXPECT_EQ(data("\"7\""), R"({"message":"Parameter 'vlan_id' is not of type 'integer'.",)"
+                             R"("reason":"vlan_id: \"7\" is not an integer in 1 to 4092","parameter":"vlan_id",)"
+                             R"("allowed":"1 to 4092","value":"7"})");
+    EXPECT_EQ(member(data("7", R"(,"alias":"ninechars")"), "message"), R"("Alias must be 8 characters or fewer.")");
 }
 
 TEST_F(Params, ThatAreMissingAreNamedInTheTablesOrder) {
-    const std::string error = member(stage.ask("t.Required", "{}"), "error");
-    EXPECT_EQ(member(error, "code"), "-32602");
-    EXPECT_EQ(member(member(error, "data"), "message"), R"("Missing expected parameter: 'port_id'")");
-    EXPECT_EQ(member(member(error, "data"), "reason"),
+    const std::string answer = stage.ask("t.Required", "{}");
+    EXPECT_EQ(support::code_of(answer), "-32602");
+    EXPECT_EQ(support::message_of(answer), R"("Missing expected parameter: 'port_id'")");
+    EXPECT_EQ(member(support::data_of(answer), "reason"),
               R"("port_id is missing: a port c1-1 to c128-99, a port d1 to d4")");
     stage.router.say(R"({"jsonrpc":"2.0","method":"t.Required","id":"c"})");
-    EXPECT_EQ(code_of(stage.next()), "-32602") << "no params at all";
+    EXPECT_EQ(support::code_of(stage.next()), "-32602") << "no params at all";
 }
 
 TEST_F(Params, WithoutARowAreIgnoredUnlessTheTableIsStrict) {
-    EXPECT_EQ(member(stage.ask("t.Required", R"({"port_id":"d1","vlan_id":1,"more":1})"), "result"), "0");
-    EXPECT_EQ(code_of(stage.ask("t.None", R"({"more":1})")), "-32602");
+    EXPECT_EQ(stage.result_of("t.Required", R"({"port_id":"d1","vlan_id":1,"more":1})"), "0");
+    EXPECT_EQ(stage.code_of("t.None", R"({"more":1})"), "-32602");
 }
 
 TEST_F(Params, ReadAsAnotherKindAreAbsentAndTold) {
     stage.ask("t.Required", R"({"port_id":"d1","vlan_id":1})");
-    EXPECT_NE(log.text().find("reads its parameter vlan_id as another kind"), std::string::npos);
-    EXPECT_NE(log.text().find("reads a parameter nothing that has no row"), std::string::npos);
-}
-
-TEST_F(Params, OfAnySizeLeaveNothingBehind) {
-    const std::string large(30000, 'x');
-    for (int i = 0; i < 50; ++i) {
-        EXPECT_EQ(show_of("{\"lines\":\"" + large + "\"}"), large + "/0");
-    }
+    EXPECT_TRUE(log.says("reads its parameter vlan_id as another kind"));
+    EXPECT_TRUE(log.says("reads a parameter nothing that has no row"));
 }
 
 // --- Every kind ----------------------------------------------------------------------------------------------------
 
 namespace {
+
+using Reader = std::string (*)(const tavrix_call *call);
+
+std::string listed(const std::vector<int> &numbers) {
+    std::string text;
+    for (const int n : numbers) {
+        text += (text.empty() ? "" : " ") + std::to_string(n);
+    }
+    return text;
+}
 
 std::string read_text(const tavrix_call *call) { return tavrix_call_text(call, "value"); }
 std::string read_word(const tavrix_call *call) {
@@ -352,57 +143,59 @@ std::string read_uint64(const tavrix_call *call) { return std::to_string(tavrix_
 std::string read_real(const tavrix_call *call) { return std::to_string(tavrix_call_real(call, "value")); }
 std::string read_boolean(const tavrix_call *call) { return tavrix_call_boolean(call, "value") ? "true" : "false"; }
 std::string read_json(const tavrix_call *call) { return support::rendered(tavrix_call_json(call, "value")); }
-std::string read_integers(const tavrix_call *call) { return integers(call, "value"); }
+std::string read_integers(const tavrix_call *call) {
+    int count = 0;
+    const int *ids = tavrix_call_integers(call, "value", &count);
+    return listed({ids, ids + count});
+}
 std::string read_ports(const tavrix_call *call) {
     int count = 0;
-    const tavrix_port_input *ports = tavrix_call_ports(call, "value", &count);
-    std::string text = std::to_string(count);
-    for (int i = 0; ports != nullptr && i < count; ++i) {
-        const tavrix_port_input &port = ports[i];
-        for (const int n : {port.port_number, port.port_status, port.poe_status, port.link_status, port.link_speed,
-                            port.vlan_mode, port.vlan_count, port.vlan_ids[0]}) {
-            text += " " + std::to_string(n);
-        }
-    }
-    return text;
+    const tavrix_port_input *port = tavrix_call_ports(call, "value", &count);
+    return count != 1 ? std::to_string(count)
+                      : listed({port->port_number, port->port_status, port->poe_status, port->link_status,
+                                port->link_speed, port->vlan_mode, port->vlan_count, port->vlan_ids[0]});
 }
 std::string read_hardware(const tavrix_call *call) {
     int count = 0;
-    const tavrix_port_hardware_input *ports = tavrix_call_ports_hardware(call, "value", &count);
-    std::string text = std::to_string(count);
-    for (int i = 0; ports != nullptr && i < count; ++i) {
-        const tavrix_port_hardware_input &port = ports[i];
-        for (const int n : {port.port_number, port.poe_status, port.link_status, port.link_speed}) {
-            text += " " + std::to_string(n);
-        }
-    }
-    return text;
+    const tavrix_port_hardware_input *port = tavrix_call_ports_hardware(call, "value", &count);
+    return count != 1 ? std::to_string(count)
+                      : listed({port->port_number, port->poe_status, port->link_status, port->link_speed});
 }
 std::string read_filters(const tavrix_call *call) {
     int count = 0;
     const tavrix_mac_filter *filters = tavrix_call_mac_filters(call, "value", &count);
     std::string text = std::to_string(count);
-    for (int i = 0; filters != nullptr && i < count; ++i) {
+    for (int i = 0; i < count; ++i) {
         text += std::string(" ") + filters[i].mac + " " + filters[i].mask;
     }
     return text;
 }
 
-/** A value as it comes, in JSON, and what the getter hands over. */
+/** A value as it comes, and what the getter hands over: the same, unless it is told. */
 struct Taken {
+    Taken(const char *given) : Taken(std::string(given)) {}
+    Taken(const std::string &given) : Taken(given, given) {}
+    Taken(std::string given, std::string handed) : json(std::move(given)), value(std::move(handed)) {}
+
     std::string json;
     std::string value;
 };
 
-/** A value as it comes, in JSON, and the error's code. Without a value the parameter is missing. */
+/** A value as it comes, in JSON; without one the parameter is missing. */
 struct Refused {
+    Refused(const char *given) : Refused(std::string(given)) {}
+    Refused(std::string given, std::string why = {}, std::string how = "-32602")
+        : json(std::move(given)), complaint(std::move(why)), code(std::move(how)) {}
+
     std::string json;
-    const char *code = "-32602";
+    std::string complaint; ///< other than that it is not what is allowed
+    std::string code;
 };
 
 struct KindCase {
     tavrix_service_param row;
-    std::string (*read)(const tavrix_call *call);
+    std::string allowed; ///< for people; empty: any words
+    Reader read;
     std::vector<Taken> taken;
     std::vector<Refused> refused;
 };
@@ -410,234 +203,262 @@ struct KindCase {
 constexpr tavrix_service_param of_kind(tavrix_kind kind, unsigned flags = 0) {
     return TAVRIX_PARAM("value", kind, "", flags);
 }
-
-/** A text of this many letters, in JSON. */
-std::string letters(size_t count) { return "\"" + std::string(count, 'x') + "\""; }
-
-/** An array of this many times the element. */
-std::string array_of(size_t count, const std::string &element) {
-    std::string text;
-    for (size_t i = 0; i < count; ++i) {
-        text += (i > 0 ? "," : "") + element;
-    }
-    return "[" + text + "]";
+constexpr tavrix_service_param bounded(tavrix_kind kind, int64_t least, int64_t most) {
+    return TAVRIX_PARAM_RANGE("value", kind, "", 0, least, most);
 }
 
+std::string quoted(const std::string &text) { return support::taken(json_string(text.c_str())); }
+
+/** A kind of texts. */
+KindCase texts(const tavrix_service_param &row, const std::string &allowed, const std::vector<Taken> &taken,
+               const std::vector<std::string> &refused, const std::string &code = "-32602") {
+    KindCase kind{row, allowed, read_text, {}, {"", "1", "null"}};
+    for (const Taken &text : taken) {
+        kind.taken.emplace_back(quoted(text.json), text.value);
+    }
+    for (const std::string &text : refused) {
+        const bool is_broken = text.find_first_of("\n\a") != std::string::npos;
+        kind.refused.emplace_back(quoted(text), is_broken ? "holds a control character" : "", code);
+    }
+    return kind;
+}
+KindCase texts(tavrix_kind kind, const std::string &allowed, const std::vector<Taken> &taken,
+               const std::vector<std::string> &refused) {
+    return texts(of_kind(kind), allowed, taken, refused);
+}
+
+/** A kind of words; each that is taken has its position behind a slash. */
+KindCase words(const tavrix_service_param &row, const std::string &allowed, const std::vector<std::string> &taken,
+               const std::vector<std::string> &refused) {
+    KindCase kind = texts(row, allowed, {}, refused);
+    kind.read = read_word;
+    for (const std::string &word : taken) {
+        kind.taken.emplace_back(quoted(word.substr(0, word.find('/'))), word);
+    }
+    return kind;
+}
+
+/** A kind of other values, in JSON. */
+KindCase values(const tavrix_service_param &row, const std::string &allowed, Reader read, std::vector<Taken> taken,
+                std::vector<Refused> refused) {
+    refused.emplace_back("");
+    return {row, allowed, read, std::move(taken), std::move(refused)};
+}
+
+KindCase integers(const tavrix_service_param &row, int64_t lowest, int64_t highest) {
+    const auto text = [](int64_t n) { return std::to_string(n); };
+    const std::string bounds = text(lowest) + " to " + text(highest);
+    KindCase kind = values(row, bounds, read_integer, {text(lowest), text(highest)}, {});
+    for (const int64_t beyond :
+         {lowest - 1, highest + 1, highest + 4294967296}) { // 32 bits would cut the last to one within
+        kind.refused.emplace_back(text(beyond), "is not in " + bounds);
+    }
+    for (const char *other : {R"("1")", "1.0", "true"}) {
+        kind.refused.emplace_back(other, "is not an integer in " + bounds);
+    }
+    return kind;
+}
+
+/** What ends a line or steers a terminal, and what comes close. */
+const std::vector<std::string> controls = {"a\nb",      "a\x1b[b",   "a\x7f",         "a\xc2\x80",    "a\xc2\x85",
+                                           "a\xc2\x9b", "a\xc2\x9f", "a\xe2\x80\xa8", "a\xe2\x80\xa9"};
+const std::vector<Taken> no_controls = {"a\u00a0b", "a\u00c2b", "a\u2027b", "a\u202ab", "a\u20a8b", "a\u3028b"};
+
 std::vector<KindCase> plain_kinds() {
+    const std::string points = R"([{"x":1},{"x":2,"mac":"00:11:22:33:44:55"}])";
+    KindCase plain_text = texts(TAVRIX_KIND_TEXT, "a text", no_controls, {});
+    KindCase lines = texts(of_kind(TAVRIX_KIND_TEXT, TAVRIX_MULTILINE), "a text", {std::string(30000, 'x')}, {});
+    for (const std::string &text : controls) {
+        plain_text.refused.emplace_back(quoted(text), "holds a control character");
+        lines.taken.emplace_back(quoted(text), text);
+    }
     return {
-        {TAVRIX_PARAM_RANGE("value", TAVRIX_KIND_TEXT, "", 0, 2, 5),
-         read_text,
-         {{R"("ab")", "ab"}, {R"("abcde")", "abcde"}},
-         {{R"("a")"}, {R"("abcdef")"}, {R"("a\tb")"}, {"7"}, {""}}},
-        {TAVRIX_PARAM_RANGE("value", TAVRIX_KIND_INTEGER, "", 0, -5, 9),
-         read_integer,
-         {{"-5", "-5"}, {"9", "9"}},
-         {{"-6"}, {"10"}, {"1.0"}, {R"("1")"}, {""}}},
-        {of_kind(TAVRIX_KIND_BOOLEAN), read_boolean, {{"true", "true"}, {"false", "false"}}, {{"1"}, {R"("true")"}}},
-        {TAVRIX_PARAM_RANGE("value", TAVRIX_KIND_NUMBER, "", 0, -2, 3),
-         read_real,
-         {{"-2", "-2.000000"}, {"2.5", "2.500000"}},
-         {{"3.5"}, {"-3"}, {R"("1")"}, {""}}},
-        {of_kind(TAVRIX_KIND_UINT64),
-         read_uint64,
-         {{R"("4711")", "4711"}, {R"("0x1267")", "4711"}, {R"("011147")", "4711"}},
-         {{"4711"}, {R"("-1")"}, {R"("18446744073709551616")"}, {R"("")"}}},
-        {of_kind(TAVRIX_KIND_FLOAT),
-         read_real,
-         {{R"("2.5")", "2.500000"}, {R"("-1")", "-1.000000"}},
-         {{"2.5"}, {R"("2,5")"}, {R"("")"}}},
-        {TAVRIX_PARAM_WORDS("value", colours, "", 0),
-         read_word,
-         {{R"("red")", "red/0"}, {R"("blue")", "blue/2"}},
-         {{R"("Red")"}, {R"("")"}, {"0"}}},
-        {TAVRIX_PARAM_MEMBERS("value", TAVRIX_KIND_ARRAY, "", 0, 1, 2, bare_port),
-         read_json,
-         {{R"(["d1","d4"])", R"(["d1","d4"])"}},
-         {{"[]"}, {R"(["d1","d2","d3"])"}, {R"("d1")"}, {""}}},
-        {TAVRIX_PARAM_MEMBERS("value", TAVRIX_KIND_OBJECT, "", 0, 0, 0, inner),
-         read_json,
-         {{R"({"y":1})", R"({"y":1})"}},
-         {{"[]"}, {R"("y")"}, {"null"}, {""}}},
+        plain_text,
+        lines,
+        texts(bounded(TAVRIX_KIND_TEXT, 2, 5), "a text of 2 to 5 characters", {"ab", "abcde"}, {"a", "abcdef"}),
+        // Characters, as the description's minLength and maxLength count them, not bytes.
+        texts(bounded(TAVRIX_KIND_TEXT, 1, 3), "a text of 1 to 3 characters", {"äöü", "€𝄞"}, {"äöüß", ""}),
+        integers(bounded(TAVRIX_KIND_INTEGER, -5, 5000000000), -5, 5000000000),
+        integers(of_kind(TAVRIX_KIND_INTEGER), INT32_MIN, INT32_MAX),
+        values(of_kind(TAVRIX_KIND_BOOLEAN), "true or false", read_boolean, {"true", "false"}, {"1", R"("true")"}),
+        values(of_kind(TAVRIX_KIND_NUMBER), "a number", read_real, {{"2", "2.000000"}, {"2.5", "2.500000"}},
+               {R"("1")"}),
+        values(bounded(TAVRIX_KIND_NUMBER, -2, 9007199254740993), "a number from -2 to 9007199254740993", read_real,
+               {{"-2", "-2.000000"}, {"-2.0", "-2.000000"}, {"9007199254740993", "9007199254740992.000000"}},
+               {"-3", "-2.5", "9007199254740994", "1e300", R"("1")"}),
+        // Shown in no more digits than they need.
+        values(bounded(TAVRIX_KIND_NUMBER, 5, 6), "a number from 5 to 6", read_real, {{"5.5", "5.500000"}},
+               {"4.9999", "0.1", "-2.5", "7.0", "4.9999000000000011", "1e100"}),
+        values(of_kind(TAVRIX_KIND_UINT64), "a text with a number of 64 bits, such as \"4711\" or \"0x1267\"",
+               read_uint64,
+               {{R"("4711")", "4711"},
+                {R"("0x1267")", "4711"},
+                {R"("011147")", "4711"},
+                {R"("18446744073709551615")", "18446744073709551615"}},
+               {"4711", R"("12x")", R"("-1")", R"("18446744073709551616")", R"("")"}),
+        values(of_kind(TAVRIX_KIND_FLOAT), "a text with a number, such as \"2.5\"", read_real,
+               {{R"("2.5")", "2.500000"}, {R"("-1")", "-1.000000"}},
+               {"2.5", R"("2,5")", R"("")", R"(" 2.5")", R"("nan")", R"("inf")", R"("1e300")", R"("fast")"}),
+        words(TAVRIX_PARAM_WORDS("value", colours, "", 0), "one of red, green, blue", {"red/0", "blue/2"},
+              {"Red", "", "pink"}),
+        values(TAVRIX_PARAM_MEMBERS("value", TAVRIX_KIND_ARRAY, "", 0, 1, 2, bare_port), "an array of 1 to 2 elements",
+               read_json, {R"(["d1","d4"])"}, {"[]", R"(["d1","d2","d3"])", R"("d1")"}),
+        values(TAVRIX_PARAM_MEMBERS("value", TAVRIX_KIND_ARRAY, "", 0, 1, 2, point), "an array of 1 to 2 elements",
+               read_json, {points}, {"[]", {"[7]", "holds an element that is no object"}}),
+        values(TAVRIX_PARAM_MEMBERS("value", TAVRIX_KIND_OBJECT, "", 0, 0, 0, inner), "an object", read_json,
+               {R"({"y":1})"}, {"[]", R"("y")", "null"}),
         // Everything is a value; only none is refused.
-        {of_kind(TAVRIX_KIND_JSON), read_json, {{"null", "null"}, {"[1]", "[1]"}, {R"("x")", R"("x")"}}, {{""}}},
+        values(of_kind(TAVRIX_KIND_JSON), "any value", read_json, {"null", "[1]", R"("x")"}, {}),
     };
 }
 
 std::vector<KindCase> text_kinds() {
+    const std::string letters(1000, 'x');
     return {
-        {of_kind(TAVRIX_KIND_PORT_ID, TAVRIX_ANY_PORT),
-         read_text,
-         {{R"("c128-99")", "c128-99"}, {R"("D4")", "D4"}},
-         {{R"("c129-1")"}, {R"("d5")"}, {R"("c2")"}, {R"("all")"}, {"1"}}},
-        {of_kind(TAVRIX_KIND_MZU_ID),
-         read_text,
-         {{R"("c1")", "c1"}, {R"("C128")", "C128"}},
-         {{R"("c129")"}, {R"("c2-3")"}, {R"("all")"}, {"1"}}},
-        {of_kind(TAVRIX_KIND_STATUS),
-         read_word,
-         {{R"("disable")", "disable/0"}, {R"("enable")", "enable/1"}},
-         {{R"("Enable")"}, {R"("up")"}, {"1"}}},
-        {of_kind(TAVRIX_KIND_DESCRIPTION),
-         read_text,
-         {{R"("")", ""}, {letters(50), std::string(50, 'x')}},
-         {{letters(51)}, {R"("a \" b")"}, {"1"}}},
-        {of_kind(TAVRIX_KIND_VLAN_MODE),
-         read_word,
-         {{R"("local")", "local/1"}, {R"("access")", "access/2"}, {R"("trunk")", "trunk/3"}},
-         {{R"("trans")"}, {R"("unknown")"}, {"1"}}},
-        {of_kind(TAVRIX_KIND_MZU_MODEL),
-         read_word,
-         {{R"("unknown")", "unknown/0"}, {R"("Generic MZU")", "Generic MZU/7"}, {R"("ZQN-E17")", "ZQN-E17/10"}},
-         {{R"("ZQN-E18")"}, {R"("zqn-e09")"}, {"1"}}},
-        {of_kind(TAVRIX_KIND_MZU_SW_UPGRADE_FILENAME),
-         read_text,
-         {{R"("mzu 2.img")", "mzu 2.img"}, {R"("")", ""}},
-         {{R"("two\nlines")"}, {"1"}, {"null"}}},
-        {of_kind(TAVRIX_KIND_UNIT_SW_UPGRADE_FILENAME),
-         read_text,
-         {{R"("zqn-1.2.3-004.img")", "zqn-1.2.3-004.img"}, {R"("/a/zqn_4.5.6-789")", "/a/zqn_4.5.6-789"}},
-         {{R"("ZQN-1.2.3-004.img")"}, {R"("zqn-1.2.3-04.img")"}, {R"("1.2.3-004.img")"}, {R"("")"}, {"1"}}},
-        {of_kind(TAVRIX_KIND_UNIT_SW_BANK),
-         read_word,
-         {{R"("all")", "all/0"}, {R"("current")", "current/1"}, {R"("default")", "default/3"}},
-         {{R"("next")"}, {R"("All")"}, {"1"}}},
-        {of_kind(TAVRIX_KIND_MAC_ADDRESS),
-         read_text,
-         {{R"("aa-bb-CC-00-11-22")", "AA:BB:CC:00:11:22"}, {R"("AA:BB:CC:00:11:22")", "AA:BB:CC:00:11:22"}},
-         {{R"("aa:bb:cc:00:11:2g")"}, {R"("aa:bb:cc-00-11-22")"}, {R"("none")"}, {"1"}}},
-        {of_kind(TAVRIX_KIND_MACADDR_ALLOWED),
-         read_text,
-         {{R"("none")", "none"}, {R"("aa-bb-CC-00-11-22")", "AA:BB:CC:00:11:22"}},
-         {{R"("None")"}, {R"("aa:bb:cc:00:11")"}, {R"("")"}, {"1"}}},
-        {of_kind(TAVRIX_KIND_IP_ADDRESS),
-         read_text,
-         {{R"("192.168.1.1")", "192.168.1.1"}, {R"("0.0.0.0")", "0.0.0.0"}},
-         {{R"("01.2.3.4")"}, {R"("1.1.1")"}, {R"("256.1.1.1")"}, {R"("::1")"}, {"1"}}},
-        {of_kind(TAVRIX_KIND_USERNAME),
-         read_text,
-         {{R"("operator7")", "operator7"}, {R"("abcd")", "abcd"}},
-         {{R"("root")"}, {R"("abc")"}, {letters(16)}, {R"("ab-cd")"}, {"1"}}},
-        {of_kind(TAVRIX_KIND_PASSWORD),
-         read_text,
-         {{R"("aB3!?_@-")", "aB3!?_@-"}},
-         {{R"("abc")"}, {letters(16)}, {R"("with blank")"}, {"1"}}},
-        {of_kind(TAVRIX_KIND_DATE),
-         read_text,
-         {{R"("2030-02-28")", "2030-02-28"}, {R"("2000-1-1")", "2000-1-1"}},
-         {{R"("1999-12-31")"}, {R"("2030-13-01")"}, {R"("2030-01-32")"}, {R"("28.02.2030")"}, {"1"}}},
-        {of_kind(TAVRIX_KIND_TIME),
-         read_text,
-         {{R"("00:00")", "00:00"}, {R"("23:59")", "23:59"}},
-         {{R"("24:00")"}, {R"("7:30")"}, {R"("07:30:00")"}, {"1"}}},
-        {of_kind(TAVRIX_KIND_ENTITY_NAME), // any text: the library has no rule for it
-         read_text,
-         {{R"("c1-1")", "c1-1"}, {R"("anything")", "anything"}, {R"("")", ""}},
-         {{R"("a\nb")"}, {"1"}, {"null"}}},
-        {of_kind(TAVRIX_KIND_ENTITY_EXTENSION),
-         read_text,
-         {{R"("")", ""}, {letters(1000), std::string(1000, 'x')}},
-         {{letters(1001)}, {R"("a\nb")"}, {"1"}}},
-        {of_kind(TAVRIX_KIND_ALIAS),
-         read_text,
-         {{R"("ab1")", "AB1"}, {R"("")", ""}},
-         {{letters(9)}, {R"("a\nb")"}, {"1"}}},
-        {of_kind(TAVRIX_KIND_SECURE_OPTION),
-         read_word,
-         {{R"("current")", "current/0"}, {R"("enable")", "enable/1"}, {R"("disable")", "disable/2"}},
-         {{R"("Enable")"}, {R"("on")"}, {"1"}}},
+        texts(of_kind(TAVRIX_KIND_PORT_ID, TAVRIX_ANY_PORT), "a port c1-1 to c128-99, a port d1 to d4",
+              {"c128-99", "D4"}, {"c129-1", "c2-100", "d5", "c2", "all"}),
+        texts(of_kind(TAVRIX_KIND_PORT_ID, TAVRIX_ALLOW_C_PORT), "a port c1-1 to c128-99", {"c1-1"}, {"d1"}, "-32032"),
+        texts(of_kind(TAVRIX_KIND_PORT_ID, TAVRIX_ALLOW_D_PORT), "a port d1 to d4", {"d1"}, {"c1-1"}, "-32031"),
+        texts(of_kind(TAVRIX_KIND_PORT_ID, TAVRIX_ANY_PORTS),
+              "a port c1-1 to c128-99, a port d1 to d4, a unit c1 to c128, all", {"all", "c2"}, {"x"}, "-32024"),
+        texts(TAVRIX_KIND_MZU_ID, "", {"c1", "C128"}, {"c129", "c2-3", "all"}),
+        words(of_kind(TAVRIX_KIND_STATUS), "one of enable, disable", {"disable/0", "enable/1"}, {"Enable", "up"}),
+        texts(TAVRIX_KIND_DESCRIPTION, "", {"", letters.substr(0, 50)}, {letters.substr(0, 51), "a \" b"}),
+        words(of_kind(TAVRIX_KIND_VLAN_MODE), "one of local, access, trunk", {"local/1", "access/2", "trunk/3"},
+              {"trans", "unknown"}),
+        words(of_kind(TAVRIX_KIND_MZU_MODEL), "", {"unknown/0", "ZQN-E10/2", "Generic MZU/7", "ZQN-E17/10"},
+              {"ZQN-E18", "zqn-e09"}),
+        texts(TAVRIX_KIND_MZU_SW_UPGRADE_FILENAME, "", {"mzu 2.img", ""}, {"two\nlines"}),
+        texts(TAVRIX_KIND_UNIT_SW_UPGRADE_FILENAME, "", {"zqn-1.2.3-004.img", "/a/zqn_4.5.6-789"},
+              {"ZQN-1.2.3-004.img", "zqn-1.2.3-04.img", "1.2.3-004.img", ""}),
+        words(of_kind(TAVRIX_KIND_UNIT_SW_BANK), "", {"all/0", "current/1", "default/3"}, {"next", "All"}),
+        texts(TAVRIX_KIND_MAC_ADDRESS, "a MAC address, such as 00:1A:2B:3C:4D:5E",
+              {{"aa-bb-CC-00-11-22", "AA:BB:CC:00:11:22"}, "AA:BB:CC:00:11:22"},
+              {"aa:bb:cc:00:11:2g", "aa:bb:cc-00-11-22", "none", "00:11:22:33:44:5\a"}),
+        texts(TAVRIX_KIND_MACADDR_ALLOWED, "", {"none", {"aa-bb-CC-00-11-22", "AA:BB:CC:00:11:22"}},
+              {"None", "aa:bb:cc:00:11", ""}),
+        texts(TAVRIX_KIND_IP_ADDRESS, "", {"192.168.1.1", "0.0.0.0"}, {"01.2.3.4", "1.1.1", "256.1.1.1", "::1"}),
+        texts(TAVRIX_KIND_USERNAME, "", {"operator7", "abcd"}, {"root", "abc", letters.substr(0, 16), "ab-cd"}),
+        texts(TAVRIX_KIND_PASSWORD, "a password: 4 to 15 letters, digits, and ! ? _ @ -", {"aB3!?_@-"},
+              {"abc", letters.substr(0, 16), "with blank"}),
+        texts(TAVRIX_KIND_DATE, "", {"2030-02-28", "2000-1-1"},
+              {"1999-12-31", "2030-13-01", "2030-01-32", "28.02.2030"}),
+        texts(TAVRIX_KIND_TIME, "", {"00:00", "23:59"}, {"24:00", "7:30", "07:30:00"}),
+        // Any text: the library has no rule for it.
+        texts(TAVRIX_KIND_ENTITY_NAME, "", {"c1-1", "anything", ""}, {"a\nb"}),
+        texts(TAVRIX_KIND_ENTITY_EXTENSION, "", {"", letters}, {letters + "x", "a\nb"}),
+        texts(TAVRIX_KIND_ALIAS, "a text of up to 8 characters", {{"ab1", "AB1"}, ""}, {"ninechars", "a\nb"}),
+        words(of_kind(TAVRIX_KIND_SECURE_OPTION), "one of current, enable, disable",
+              {"current/0", "enable/1", "disable/2"}, {"Enable", "on"}),
     };
 }
 
-KindCase integers_within(tavrix_kind kind, int lowest, int highest) {
-    const auto text = [](int n) { return std::to_string(n); };
-    return {of_kind(kind),
-            read_integer,
-            {{text(lowest), text(lowest)}, {text(highest), text(highest)}},
-            {{text(lowest - 1)}, {text(highest + 1)}, {"4294967297"}, {R"("1")"}, {"1.0"}}};
-}
+struct IntegerKind {
+    tavrix_kind kind;
+    int64_t lowest;
+    int64_t highest;
+    int (*retrieve)(json_t *, json_t **, const char *, int *);
+};
 
-KindCase any_integers(tavrix_kind kind) {
-    return {of_kind(kind),
-            read_integer,
-            {{"-2147483648", "-2147483648"}, {"2147483647", "2147483647"}},
-            {{"-2147483649"}, {"2147483648"}, {R"("1")"}, {"true"}}};
-}
-
-std::vector<KindCase> integer_kinds() {
-    return {
-        integers_within(TAVRIX_KIND_VLAN_ID, 1, 4092),
-        integers_within(TAVRIX_KIND_UNIT_ID, 1, 1),
-        integers_within(TAVRIX_KIND_PERIODIC_INTERVAL, 1, 3600),
-        integers_within(TAVRIX_KIND_LASER_ID, 0, 1),
-        integers_within(TAVRIX_KIND_OLT_ID, 0, 1),
-        integers_within(TAVRIX_KIND_ONU_ID, -1, 128),
-        integers_within(TAVRIX_KIND_PORT_NUMBER, 1, 128),
-        any_integers(TAVRIX_KIND_PORT_LINK_SPEED),
-        any_integers(TAVRIX_KIND_ENABLE),
-    };
-}
+constexpr IntegerKind integer_kinds[] = {
+    {TAVRIX_KIND_VLAN_ID, 1, 4092, tavrix_jrpc_utils_retrieve_input_vlan_id},
+    {TAVRIX_KIND_UNIT_ID, 1, 1, tavrix_jrpc_utils_retrieve_input_unit_id},
+    {TAVRIX_KIND_PERIODIC_INTERVAL, 1, 3600, tavrix_jrpc_utils_retrieve_input_periodic_interval},
+    {TAVRIX_KIND_LASER_ID, 0, 1, tavrix_jrpc_utils_retrieve_input_laser_id},
+    {TAVRIX_KIND_OLT_ID, 0, 1, tavrix_jrpc_utils_retrieve_input_olt_id},
+    {TAVRIX_KIND_ONU_ID, -1, 128, tavrix_jrpc_utils_retrieve_input_onu_id},
+    {TAVRIX_KIND_PORT_NUMBER, 1, 128, tavrix_jrpc_utils_retrieve_input_port_number},
+    {TAVRIX_KIND_PORT_LINK_SPEED, INT32_MIN, INT32_MAX, tavrix_jrpc_utils_retrieve_input_port_link_speed},
+    {TAVRIX_KIND_ENABLE, INT32_MIN, INT32_MAX, tavrix_jrpc_utils_retrieve_input_enable},
+};
 
 std::vector<KindCase> list_kinds() {
     const std::string port = R"({"port_number":7,"port_status":1,"poe_status":2,"link_status":3,"link_speed":4,)"
                              R"("vlan_mode":5,"vlan_ids":[9]})";
     const std::string hardware = R"({"port_number":7,"poe_status":2,"link_status":3,"link_speed":4})";
     const std::string filter = R"({"mac":"aa-bb-cc-00-11-22","mask":"ff:ff:ff:00:00:00"})";
+    const std::string filtered = " AA:BB:CC:00:11:22 FF:FF:FF:00:00:00";
     return {
-        {of_kind(TAVRIX_KIND_VLAN_IDS),
-         read_integers,
-         {{"[1,4092]", "1,4092"}, {"[]", ""}},
-         {{"[4093]"}, {"[0]"}, {R"(["1"])"}, {"1"}, {array_of(33, "1"), "-32033"}, {""}}},
-        {of_kind(TAVRIX_KIND_PORTS),
-         read_ports,
-         {{"[" + port + "]", "1 7 1 2 3 4 5 1 9"}, {"[]", "0"}},
-         {{"[" + hardware + "]"}, {"[1]"}, {"{}"}, {array_of(129, port)}, {""}}},
-        {of_kind(TAVRIX_KIND_PORTS_HARDWARE),
-         read_hardware,
-         {{"[" + hardware + "]", "1 7 2 3 4"}, {"[]", "0"}},
-         {{R"([{"port_number":7}])"}, {"[1]"}, {"{}"}, {array_of(129, hardware)}, {""}}},
-        {of_kind(TAVRIX_KIND_MAC_FILTERS),
-         read_filters,
-         {{"[" + filter + "]", "1 AA:BB:CC:00:11:22 FF:FF:FF:00:00:00"}, {"[]", "0"}},
-         {{R"([{"mac":"aa-bb-cc-00-11-22"}])"}, {"[1]"}, {"{}"}, {array_of(129, filter)}, {""}}},
+        values(of_kind(TAVRIX_KIND_VLAN_IDS), "an array of up to 32 VLAN ids, each 1 to 4092", read_integers,
+               {{"[1,4092]", "1 4092"}, {"[]", ""}},
+               {"[4093]", "[0]", R"(["1"])", "1", "[4294967297]", {array_of(33, "1"), "", "-32033"}}),
+        values(bounded(TAVRIX_KIND_VLAN_IDS, 1, 0), "an array of up to 32 VLAN ids, each 1 to 4092, at least 1",
+               read_integers, {{"[1]", "1"}}, {"[]"}),
+        values(bounded(TAVRIX_KIND_VLAN_IDS, 2, 3), "an array of up to 3 VLAN ids, each 1 to 4092, at least 2",
+               read_integers, {{"[1,2]", "1 2"}, {"[1,2,3]", "1 2 3"}}, {"[1]", "[1,2,3,4]"}),
+        values(of_kind(TAVRIX_KIND_PORTS), "", read_ports, {{"[" + port + "]", "7 1 2 3 4 5 1 9"}, {"[]", "0"}},
+               {"[" + hardware + "]", "[1]", "{}", array_of(129, port)}),
+        values(of_kind(TAVRIX_KIND_PORTS_HARDWARE), "", read_hardware,
+               {{"[" + hardware + "]", "7 2 3 4"}, {array_of(128, hardware), "128"}, {"[]", "0"}},
+               {R"([{"port_number":7}])", "[1]", "{}", array_of(129, hardware)}),
+        values(bounded(TAVRIX_KIND_PORTS_HARDWARE, 1, 0),
+               "an array of ports: port_number 1 to 128, poe_status, link_status, link_speed, at least 1, at most 128",
+               read_hardware, {{"[" + hardware + "]", "7 2 3 4"}}, {"[]"}),
+        values(of_kind(TAVRIX_KIND_MAC_FILTERS), "", read_filters, {{"[" + filter + "]", "1" + filtered}, {"[]", "0"}},
+               {R"([{"mac":"aa-bb-cc-00-11-22"}])", "[1]", "{}", array_of(129, filter)}),
+        values(bounded(TAVRIX_KIND_MAC_FILTERS, 0, 2),
+               "an array of filters: mac and mask, two MAC addresses each, at most 2", read_filters,
+               {{array_of(2, filter), "2" + filtered + filtered}, {"[]", "0"}}, {"[1,2,3]", array_of(3, filter)}),
     };
 }
 
 std::vector<KindCase> kind_cases() {
-    std::vector<KindCase> all;
-    for (const auto &some : {plain_kinds(), text_kinds(), integer_kinds(), list_kinds()}) {
+    std::vector<KindCase> all = plain_kinds();
+    for (const auto &some : {text_kinds(), list_kinds()}) {
         all.insert(all.end(), some.begin(), some.end());
+    }
+    for (const IntegerKind &kind : integer_kinds) {
+        all.push_back(integers(of_kind(kind.kind), kind.lowest, kind.highest));
     }
     return all;
 }
 
-/** What the handler of the kind under test reads its parameter with. */
-std::string (*read_value)(const tavrix_call *call) = nullptr;
+/** What the handler of the kind under test reads its parameter with, and what it has read. */
+Reader read_value = nullptr;
+std::string handed_over;
 
 int show_value(tavrix_call *call) {
-    last_values = read_value(call);
+    handed_over = tavrix_call_has(call, "value") ? read_value(call) : "(absent)";
     return 0;
 }
 
-void expect_taken_and_refused(const KindCase &kind) {
-    read_value = kind.read;
-    const tavrix_service_param row[] = {kind.row, TAVRIX_PARAM_END};
-    const tavrix_service_method table[] = {TAVRIX_METHOD("t.One", show_value, "", row, nullptr, 0), TAVRIX_METHOD_END};
-    Stage stage(table);
-    for (const Taken &taken : kind.taken) {
-        last_values = "(not called)";
-        const std::string answer = stage.ask("t.One", "{\"value\":" + taken.json + "}");
-        EXPECT_EQ(last_values, taken.value) << taken.json << ": " << answer;
+/** The reason of a refusal: it shows what came, but for a password, and no more than 60 bytes of it. */
+std::string reason_of(const KindCase &kind, const Refused &refused, const std::string &allowed) {
+    if (refused.json.empty()) {
+        return "value is missing: " + allowed;
     }
-    for (const Refused &refused : kind.refused) {
-        last_values = "(not called)";
-        const std::string answer = stage.ask("t.One", refused.json.empty() ? "{}" : "{\"value\":" + refused.json + "}");
-        const std::string data = member(member(answer, "error"), "data");
-        EXPECT_EQ(last_values, "(not called)") << refused.json;
-        EXPECT_EQ(code_of(answer), refused.code) << refused.json << ": " << answer;
-        EXPECT_EQ(member(data, "parameter"), "\"value\"") << refused.json << ": " << answer;
-        EXPECT_GT(member(data, "allowed").size(), std::string("\"\"").size()) << refused.json << ": " << answer;
-        EXPECT_EQ(member(data, "allowed").front(), '"') << refused.json << ": " << answer;
+    constexpr size_t most = 60;
+    const std::string whole = refused.json[0] == '"'
+                                  ? support::rendered(support::parsed(refused.json).get(), JSON_ENSURE_ASCII)
+                                  : refused.json;
+    const std::string shown = whole.substr(0, most) + (whole.size() > most ? "... " : " ");
+    return "value: " + (kind.row.kind == TAVRIX_KIND_PASSWORD ? "" : shown) +
+           (refused.complaint.empty() ? "is not " + allowed : refused.complaint);
+}
+
+void expect_refusal(Stage &stage, const KindCase &kind, const Refused &refused) {
+    handed_over = "(not called)";
+    const std::string params = refused.json.empty() ? "{}" : "{\"value\":" + refused.json + "}";
+    const std::string answer = stage.ask("t.One", params);
+    SCOPED_TRACE(params + " is answered " + answer);
+    EXPECT_EQ(handed_over, "(not called)");
+    const support::Json whole = support::parsed(answer);
+    int code = 0;
+    const char *parameter = "";
+    const char *allowed = "";
+    const char *reason = "";
+    ASSERT_EQ(json_unpack(whole.get(), "{s:{s:i, s:{s:s, s:s, s:s}}}", "error", "code", &code, "data", "parameter",
+                          &parameter, "allowed", &allowed, "reason", &reason),
+              0);
+    EXPECT_EQ(std::to_string(code), refused.code);
+    EXPECT_STREQ(parameter, "value");
+    EXPECT_STRNE(allowed, "");
+    if (!kind.allowed.empty()) {
+        EXPECT_EQ(allowed, kind.allowed);
     }
+    const bool is_shown = !refused.json.empty() && kind.row.kind != TAVRIX_KIND_PASSWORD;
+    EXPECT_EQ(member(support::data_of(answer), "value") != "(none)", is_shown);
+    EXPECT_EQ(reason, reason_of(kind, refused, allowed));
 }
 
 } // namespace
@@ -646,7 +467,24 @@ TEST(Kinds, HandOverWhatTheyTakeAndRefuseTheRest) {
     const LogCapture log("info");
     for (const KindCase &kind : kind_cases()) {
         SCOPED_TRACE("kind " + std::to_string(kind.row.kind));
-        expect_taken_and_refused(kind);
+        read_value = kind.read;
+        const tavrix_service_param row[] = {kind.row, TAVRIX_PARAM_END};
+        tavrix_service_param optional[] = {kind.row, TAVRIX_PARAM_END};
+        optional[0].flags |= TAVRIX_OPTIONAL;
+        const tavrix_service_method table[] = {TAVRIX_METHOD("t.One", show_value, "", row, nullptr, 0),
+                                               TAVRIX_METHOD("t.None", show_value, "", optional, nullptr, 0),
+                                               TAVRIX_METHOD_END};
+        Stage stage(table);
+        for (const Taken &taken : kind.taken) {
+            handed_over = "(not called)";
+            const std::string answer = stage.ask("t.One", "{\"value\":" + taken.json + "}");
+            EXPECT_EQ(handed_over, taken.value) << taken.json << ": " << answer;
+        }
+        stage.ask("t.None");
+        EXPECT_EQ(handed_over, "(absent)");
+        for (const Refused &refused : kind.refused) {
+            expect_refusal(stage, kind, refused);
+        }
     }
 }
 
@@ -659,7 +497,23 @@ TEST(Kinds, AreAllTried) {
         EXPECT_GE(kind.refused.size(), kind.row.kind == TAVRIX_KIND_JSON ? 1U : 2U) << kind.row.kind;
     }
     for (int kind = TAVRIX_KIND_NONE + 1; kind < TAVRIX_KIND_COUNT; ++kind) {
-        EXPECT_EQ(times[kind], 1) << "rows of the kind " << kind;
+        EXPECT_GE(times[kind], 1) << "rows of the kind " << kind;
+    }
+}
+
+TEST(Kinds, HaveTheBoundsOfTheLibrarysIntegers) {
+    const LogCapture log("info");
+    for (const IntegerKind &kind : integer_kinds) {
+        for (const int64_t n : {kind.lowest - 1, kind.lowest, kind.highest, kind.highest + 1}) {
+            if (n < INT32_MIN || n > INT32_MAX) {
+                continue; // the library would cut it
+            }
+            const support::Json params(json_pack("{s:I}", "n", json_int_t{n}));
+            int out = 0;
+            EXPECT_EQ(kind.retrieve(params.get(), nullptr, "n", &out) == TAVRIX_OK,
+                      n >= kind.lowest && n <= kind.highest)
+                << kind.kind << " " << n;
+        }
     }
 }
 
@@ -671,12 +525,10 @@ TEST(Rows, AreCheckedInTheTablesOrderWhateverTheRequests) {
         TAVRIX_PARAM("alpha", TAVRIX_KIND_STATUS, "", 0),
         TAVRIX_PARAM_END,
     };
-    const tavrix_service_method table[] = {TAVRIX_METHOD(
-                                               "t.Rows", [](tavrix_call *) { return 0; }, "", unsorted, nullptr, 0),
-                                           TAVRIX_METHOD_END};
-    Stage stage(table);
+    const OneMethod rows("t.Rows", accept, unsorted);
+    Stage stage(rows.table);
     const auto refused = [&](const std::string &params) {
-        return member(member(member(stage.ask("t.Rows", params), "error"), "data"), "parameter");
+        return member(support::data_of(stage.ask("t.Rows", params)), "parameter");
     };
     EXPECT_EQ(refused(R"({"middle":"192.168.1.1","zone":0,"alpha":"up"})"), "\"zone\"");
     EXPECT_EQ(refused(R"({"alpha":"up","zone":0,"middle":"192.168.1.1"})"), "\"zone\"");
@@ -686,58 +538,17 @@ TEST(Rows, AreCheckedInTheTablesOrderWhateverTheRequests) {
     EXPECT_EQ(refused(R"({"alpha":"up","middle":"192.168.1.1"})"), "\"zone\"") << "a missing one is no later";
 }
 
-// --- The kinds' bounds are the library's ---------------------------------------------------------------------------
-
-namespace {
-
-struct IntegerKind {
-    tavrix_kind kind;
-    int (*retrieve)(json_t *, json_t **, const char *, int *);
-};
-
-} // namespace
-
-TEST(Kinds, RefuseTheIntegersThatTheLibraryRefusesAndNoOthers) {
-    const LogCapture log("info");
-    const IntegerKind kinds[] = {
-        {TAVRIX_KIND_VLAN_ID, tavrix_jrpc_utils_retrieve_input_vlan_id},
-        {TAVRIX_KIND_UNIT_ID, tavrix_jrpc_utils_retrieve_input_unit_id},
-        {TAVRIX_KIND_PERIODIC_INTERVAL, tavrix_jrpc_utils_retrieve_input_periodic_interval},
-        {TAVRIX_KIND_LASER_ID, tavrix_jrpc_utils_retrieve_input_laser_id},
-        {TAVRIX_KIND_OLT_ID, tavrix_jrpc_utils_retrieve_input_olt_id},
-        {TAVRIX_KIND_ONU_ID, tavrix_jrpc_utils_retrieve_input_onu_id},
-        {TAVRIX_KIND_PORT_NUMBER, tavrix_jrpc_utils_retrieve_input_port_number},
-        {TAVRIX_KIND_PORT_LINK_SPEED, tavrix_jrpc_utils_retrieve_input_port_link_speed},
-        {TAVRIX_KIND_ENABLE, tavrix_jrpc_utils_retrieve_input_enable},
-    };
-    for (const IntegerKind &kind : kinds) {
-        const tavrix_service_param row[] = {TAVRIX_PARAM("n", kind.kind, "", 0), TAVRIX_PARAM_END};
-        const tavrix_service_method table[] = {TAVRIX_METHOD(
-                                                   "t.One", [](tavrix_call *) { return 0; }, "", row, nullptr, 0),
-                                               TAVRIX_METHOD_END};
-        Stage stage(table);
-        for (const int n : {-2, -1, 0, 1, 2, 128, 129, 3600, 3601, 4092, 4093}) {
-            json_t *params = json_pack("{s:i}", "n", n);
-            int out = 0;
-            const bool accepted = kind.retrieve(params, nullptr, "n", &out) == TAVRIX_OK;
-            json_decref(params);
-            const std::string answer = stage.ask("t.One", "{\"n\":" + std::to_string(n) + "}");
-            EXPECT_EQ(member(answer, "result") == "0", accepted) << kind.kind << " " << n << " " << answer;
-        }
-    }
-}
+// --- Rows that cannot be served ------------------------------------------------------------------------------------
 
 namespace {
 
 /** Why a service with these rows cannot be opened; empty when it can. */
 std::string refusal_of(const tavrix_service_param *params, const tavrix_service_param *result = nullptr) {
     const LogCapture log("info");
-    const tavrix_service_method table[] = {TAVRIX_METHOD(
-                                               "t.One", [](tavrix_call *) { return 0; }, "", params, result, 0),
-                                           TAVRIX_METHOD_END};
+    const OneMethod one("t.One", accept, params, result);
     tavrix_service_options options = {};
     options.name = "tester";
-    options.methods = table;
+    options.methods = one.table;
     tavrix_service *service = nullptr;
     const int rc = tavrix_service_open(&options, &service);
     tavrix_service_close(service);

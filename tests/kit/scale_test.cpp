@@ -9,11 +9,10 @@
 #include <string>
 #include <vector>
 
-#include <event2/event.h>
 #include <gtest/gtest.h>
 
 #include "kit/support/played_router.h"
-#include "support/json.h"
+#include "support/fleet.h"
 #include "support/log_capture.h"
 #include "support/memory.h"
 #include "support/process.h"
@@ -38,10 +37,8 @@ const tavrix_service_param defer_params[] = {
     TAVRIX_PARAM("vlan", TAVRIX_KIND_VLAN_ID, "", 0),
     TAVRIX_PARAM_END,
 };
-const tavrix_service_method methods[] = {
-    TAVRIX_METHOD("t.Defer", defer, "", defer_params, nullptr, 0),
-    TAVRIX_METHOD_END,
-};
+const support::OneMethod own("t.Defer", defer, defer_params);
+const tavrix_service_method *const methods = own.table;
 
 void on_answer(tavrix_service * /*service*/, const tavrix_answer * /*answer*/, void * /*user*/) { ++outcomes; }
 
@@ -82,10 +79,8 @@ TEST_F(Scale, AThousandCallsToOthersInFlightAreAThousandSmallRecords) {
     constexpr size_t bound = 512;
     Stage stage(methods);
     request_a_thousand(&stage); // what is taken once is taken now: the loop's heap, the buffers
-    stage.router.die();
+    stage.restart_router();
     ASSERT_TRUE(stage.wait([] { return outcomes == thousand; }));
-    stage.router.listen();
-    ASSERT_TRUE(stage.wait_ready());
     const size_t before = heap_in_use();
     request_a_thousand(&stage);
     const size_t after = heap_in_use();
@@ -106,10 +101,7 @@ TEST_F(Scale, AThousandCallsThatWaitForTheirAnswersAreAThousandSmallRecords) {
         }
     };
     defer_a_thousand(0);
-    stage.router.die();
-    ASSERT_TRUE(stage.wait([&] { return !tavrix_service_is_ready(stage.service); }));
-    stage.router.listen();
-    ASSERT_TRUE(stage.wait_ready());
+    stage.restart_router();
     const size_t before = heap_in_use();
     defer_a_thousand(thousand);
     const size_t after = heap_in_use();
@@ -127,30 +119,16 @@ class Churn : public testing::Test {
     Churn() {
         support::set_log_level("off"); // of this process
         support::write_file("tavrix_lsyslog.conf", "[logging_levels]\nrouterd=info\n");
-        router = std::make_unique<Process>(
-            "routerd", std::vector<std::string>{TAVRIX_ROUTERD, "--socket", "router.sock", "--session", "session.sock",
-                                                "--publish", "ipc://bus/router"});
+        router = support::started_router("ipc://bus/router");
     }
 
     /** Opens a service, has it registered with an ipc address of its own, and closes it. */
     void come_and_go(const std::string &name) {
-        static const tavrix_service_method visitor_methods[] = {
-            TAVRIX_METHOD("visitor.Defer", defer, "", defer_params, nullptr, 0), TAVRIX_METHOD_END};
-        tavrix_service_options options{};
-        options.name = name.c_str();
-        options.methods = visitor_methods;
-        options.session = "session.sock";
-        options.flags = TAVRIX_SERVICE_NO_SIGNALS;
-        tavrix_service *service = nullptr;
-        ASSERT_EQ(tavrix_service_open(&options, &service), TAVRIX_OK);
-        ASSERT_EQ(tavrix_service_start(service), TAVRIX_OK);
-        EXPECT_TRUE(support::wait_until([&] {
-            event_base_loop(tavrix_service_base(service), EVLOOP_NONBLOCK);
-            return tavrix_service_is_ready(service);
-        })) << router->log();
+        static const support::OneMethod visited("visitor.Defer", defer, defer_params);
+        support::Service service = support::started_service(name.c_str(), visited.table);
         const std::string address = "bus/" + name;
         EXPECT_TRUE(std::filesystem::exists(address)) << "it publishes on an ipc address";
-        tavrix_service_close(service);
+        service.reset();
         EXPECT_FALSE(std::filesystem::exists(address)) << "it takes its socket's file along";
     }
     static long entries(const std::string &folder) {
@@ -171,7 +149,6 @@ size_t visits() {
 } // namespace
 
 TEST_F(Churn, OfServicesOnIpcAddressesLeavesNoDescriptorNoMemoryAndNoFile) {
-    ASSERT_TRUE(router->says("routerd ready")) << router->log();
     constexpr size_t warm_up = 20;
     const size_t count = visits();
     std::vector<std::string> names; // the logger keeps a name for as long as the process lives
@@ -187,14 +164,14 @@ TEST_F(Churn, OfServicesOnIpcAddressesLeavesNoDescriptorNoMemoryAndNoFile) {
     const long files = entries("bus");
     ASSERT_TRUE(support::wait_until([&] { return router->times_said(" has gone") == static_cast<int>(warm_up); }))
         << router->log();
-    const long router_before = router_descriptors();
+    const long router_before = router_descriptors(); // at least those that stay: the last visitor's close in their time
     for (size_t i = 0; i < count && !HasFailure(); ++i) {
         come_and_go(names[warm_up + i]);
     }
     const size_t heap_after = heap_in_use();
     EXPECT_EQ(support::open_descriptors(), descriptors);
     EXPECT_EQ(entries("bus"), files);
-    EXPECT_TRUE(support::wait_until([&] { return router_descriptors() == router_before; }))
+    EXPECT_TRUE(support::wait_until([&] { return router_descriptors() <= router_before; }))
         << router_descriptors() << " descriptors of the router's instead of " << router_before;
     const long gained = static_cast<long>(heap_after) - static_cast<long>(heap);
     std::printf("%zu services came and went: %ld bytes of the heap gained\n", count, gained);

@@ -1,25 +1,22 @@
-#include <fstream>
 #include <string>
 #include <vector>
 
 #include <event2/event.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include "kit/support/played_router.h"
 #include "support/json.h"
 #include "support/log_capture.h"
+#include "support/process.h"
 #include "support/stream.h"
 #include "tavrix_mq.h"
 
 namespace {
 
 using support::code_of;
-using support::LogCapture;
 using support::member;
-using support::Stage;
 using support::StreamClient;
 
 uint64_t deferred = 0;
@@ -30,8 +27,7 @@ tavrix_caller caller;
 int echo(tavrix_call *call) {
     ++calls;
     caller = tavrix_call_caller(call);
-    json_t *params = tavrix_call_params(call);
-    return params != nullptr ? tavrix_call_reply(call, json_incref(params)) : 0;
+    return support::echo(call);
 }
 int defer(tavrix_call *call) {
     deferred = tavrix_call_defer(
@@ -45,57 +41,48 @@ const tavrix_service_method methods[] = {
     TAVRIX_METHOD_END,
 };
 
-/** What a client hears until the service closes. */
-std::string hear_beside(Stage *stage, const StreamClient &client) {
-    std::string text;
-    char bytes[4096];
-    const bool closed = stage->wait([&] {
-        ssize_t count = 0;
-        while ((count = recv(client.fd(), bytes, sizeof bytes, MSG_DONTWAIT)) > 0) {
-            text.append(bytes, static_cast<size_t>(count));
-        }
-        return count == 0 || errno == ECONNRESET;
-    });
-    return closed ? text : "(time-out)";
-}
+constexpr size_t long_answer = 4 << 20; // more than a connection holds
 
-constexpr size_t long_answer = 4 << 20;
+std::string request(const std::string &method, const std::string &params) {
+    return support::request(method, "1", ",\"params\":" + params);
+}
 
 class Sockets : public testing::Test {
   protected:
-    void SetUp() override {
+    Sockets() {
         deferred = 0;
         abandoned = 0;
         calls = 0;
+        EXPECT_NE(listener, 0U);
     }
-    std::string hear(const StreamClient &client) { return hear_beside(&stage, client); }
-    std::string ask(const std::string &request) {
-        const StreamClient client = StreamClient::unix_path("direct.sock");
-        client.say(request);
-        return hear(client);
+    /** What a client hears until the service closes. */
+    std::string hear(const StreamClient &client) {
+        std::string text;
+        return stage.wait([&] { return client.take(&text); }) ? text : "(time-out)";
     }
-    /** A client who is answered with more than a connection holds, and has read nothing of it yet. */
-    StreamClient get_long_answer() {
-        tavrix_service_listen_unix(stage.service, "direct.sock");
+    static StreamClient say(const std::string &text) {
         StreamClient client = StreamClient::unix_path("direct.sock");
-        client.say(request("t.Defer", "{}"));
-        EXPECT_TRUE(stage.wait([] { return deferred != 0; }));
-        tavrix_call_reply(tavrix_service_deferred(stage.service, deferred),
-                          json_string(std::string(long_answer, 'x').c_str()));
+        client.say(text);
         return client;
     }
-    static std::string request(const std::string &method, const std::string &params) {
-        return R"({"jsonrpc":"2.0","method":")" + method + R"(","id":1,"params":)" + params + "}";
+    std::string ask(const std::string &text) { return hear(say(text)); }
+    /** A client whose call is deferred. */
+    StreamClient defer() {
+        StreamClient client = say(request("t.Defer", "{}"));
+        EXPECT_TRUE(stage.wait([] { return deferred != 0; }));
+        return client;
     }
+    int reply(json_t *result) { return tavrix_call_reply(call(), result); }
+    tavrix_call *call() { return tavrix_service_deferred(stage.service, deferred); }
 
-    LogCapture log{"info"};
-    Stage stage{methods};
+    support::LogCapture log{"info"};
+    support::Stage stage{methods};
+    uint64_t listener = tavrix_service_listen_unix(stage.service, "direct.sock");
 };
 
 } // namespace
 
 TEST_F(Sockets, AnswerOneRequestOnAUnixPathAndClose) {
-    ASSERT_NE(tavrix_service_listen_unix(stage.service, "direct.sock"), 0U);
     EXPECT_EQ(ask(request("t.Echo", R"({"a":1})")), R"({"jsonrpc":"2.0","id":"t.Echo","result":{"a":1}})");
     EXPECT_EQ(caller.road, TAVRIX_ROAD_UNIX);
     EXPECT_EQ(caller.pid, getpid());
@@ -112,16 +99,13 @@ TEST_F(Sockets, AnswerOnATcpPort) {
     EXPECT_EQ(member(hear(client), "result"), R"({"a":2})");
     EXPECT_EQ(caller.road, TAVRIX_ROAD_TCP);
     EXPECT_EQ(tavrix_service_listen_tcp(stage.service, nullptr, port, nullptr), 0U);
-    EXPECT_NE(log.text().find("Cannot listen on 127.0.0.1:" + std::to_string(port) +
-                              ": Address already in use; is another daemon running there?"),
-              std::string::npos);
+    EXPECT_TRUE(log.says("Cannot listen on 127.0.0.1:" + std::to_string(port) +
+                         ": Address already in use; is another daemon running there?"));
 }
 
 TEST_F(Sockets, TakeARequestThatComesInPieces) {
-    tavrix_service_listen_unix(stage.service, "direct.sock");
     const StreamClient client = StreamClient::unix_path("direct.sock");
-    const std::string text = request("t.Echo", R"({"brace":"}\"{"})");
-    for (const char byte : text) {
+    for (const char byte : request("t.Echo", R"({"brace":"}\"{"})")) {
         client.say(std::string(1, byte));
         stage.step();
     }
@@ -129,7 +113,6 @@ TEST_F(Sockets, TakeARequestThatComesInPieces) {
 }
 
 TEST_F(Sockets, TakeARequestOf1024BytesAndNoLongerOne) {
-    tavrix_service_listen_unix(stage.service, "direct.sock");
     const size_t rest = request("t.Echo", R"({"a":""})").size();
     const std::string longest = request("t.Echo", R"({"a":")" + std::string(1024 - rest, 'x') + "\"}");
     ASSERT_EQ(longest.size(), 1024U);
@@ -138,7 +121,6 @@ TEST_F(Sockets, TakeARequestOf1024BytesAndNoLongerOne) {
 }
 
 TEST_F(Sockets, CloseWithoutAnAnswerWhereTheLibraryDoes) {
-    tavrix_service_listen_unix(stage.service, "direct.sock");
     EXPECT_EQ(ask("nonsense"), "");
     EXPECT_EQ(ask("[]"), "");
     EXPECT_EQ(ask(R"({"jsonrpc":"2.0","method":"t.Echo","params":{}})"), "") << "a notification";
@@ -147,31 +129,22 @@ TEST_F(Sockets, CloseWithoutAnAnswerWhereTheLibraryDoes) {
 }
 
 TEST_F(Sockets, AnswerAClientThatHasShutItsSendingSideDown) {
-    tavrix_service_listen_unix(stage.service, "direct.sock");
-    const StreamClient client = StreamClient::unix_path("direct.sock");
-    client.say(request("t.Defer", "{}"));
+    const StreamClient client = defer();
     shutdown(client.fd(), SHUT_WR);
-    ASSERT_TRUE(stage.wait([] { return deferred != 0; }));
     for (int i = 0; i < 5; ++i) {
         stage.step();
     }
-    EXPECT_EQ(tavrix_call_reply(tavrix_service_deferred(stage.service, deferred), json_integer(3)), TAVRIX_OK);
+    EXPECT_EQ(reply(json_integer(3)), TAVRIX_OK);
     EXPECT_EQ(member(hear(client), "result"), "3");
 }
 
 TEST_F(Sockets, AbandonTheCallOfAClientThatGoes) {
-    tavrix_service_listen_unix(stage.service, "direct.sock");
-    {
-        const StreamClient client = StreamClient::unix_path("direct.sock");
-        client.say(request("t.Defer", "{}"));
-        ASSERT_TRUE(stage.wait([] { return deferred != 0; }));
-    }
+    defer().close();
     EXPECT_TRUE(stage.wait([] { return abandoned == 1; }));
-    EXPECT_EQ(tavrix_service_deferred(stage.service, deferred), nullptr);
+    EXPECT_EQ(call(), nullptr);
 }
 
 TEST_F(Sockets, SilentClientsHoldNobodyUpAndMakeRoom) {
-    tavrix_service_listen_unix(stage.service, "direct.sock");
     std::vector<StreamClient> silent;
     for (int i = 0; i < TAVRIX_SERVICE_MAX_CLIENTS; ++i) {
         silent.push_back(StreamClient::unix_path("direct.sock"));
@@ -184,7 +157,6 @@ TEST_F(Sockets, SilentClientsHoldNobodyUpAndMakeRoom) {
 TEST_F(Sockets, LeaveHalfOfThePlacesToOtherUsers) {
     constexpr size_t half = TAVRIX_SERVICE_MAX_CLIENTS / 2;
     unsigned port = 0;
-    ASSERT_NE(tavrix_service_listen_unix(stage.service, "direct.sock"), 0U);
     ASSERT_NE(tavrix_service_listen_tcp(stage.service, nullptr, 0, &port), 0U);
     std::vector<StreamClient> own;
     std::vector<StreamClient> network; // all who come over TCP are one user
@@ -212,7 +184,8 @@ TEST_F(Sockets, LeaveHalfOfThePlacesToOtherUsers) {
 }
 
 TEST_F(Sockets, AnswerMoreThanAClientReadsAtOnce) {
-    const StreamClient client = get_long_answer();
+    const StreamClient client = defer();
+    reply(json_string(std::string(long_answer, 'x').c_str()));
     EXPECT_EQ(member(hear(client), "result").size(), long_answer + 2);
 }
 
@@ -249,10 +222,8 @@ bool let_time_pass(tavrix_service *service, short what) {
 } // namespace
 
 TEST_F(Sockets, CloseAClientThatSaysNothingInTime) {
-    tavrix_service_listen_unix(stage.service, "direct.sock");
     ASSERT_FALSE(let_time_pass(stage.service, EV_READ)) << "the service's own sockets wait for ever";
-    const StreamClient client = StreamClient::unix_path("direct.sock");
-    client.say(R"({"jsonrpc":"2.0","method":)");
+    const StreamClient client = say(R"({"jsonrpc":"2.0","method":)");
     ASSERT_TRUE(stage.wait([&] { return let_time_pass(stage.service, EV_READ); }));
     EXPECT_EQ(hear(client), "");
     EXPECT_EQ(calls, 0);
@@ -260,29 +231,23 @@ TEST_F(Sockets, CloseAClientThatSaysNothingInTime) {
 }
 
 TEST_F(Sockets, WaitForAHandlerAsLongAsItsCallerDoes) {
-    tavrix_service_listen_unix(stage.service, "direct.sock");
-    const StreamClient client = StreamClient::unix_path("direct.sock");
-    client.say(request("t.Defer", "{}"));
-    ASSERT_TRUE(stage.wait([] { return deferred != 0; }));
+    const StreamClient client = defer();
     EXPECT_FALSE(let_time_pass(stage.service, EV_READ)) << "it has said what it wants";
-    tavrix_call_reply(tavrix_service_deferred(stage.service, deferred), json_integer(3));
+    reply(json_integer(3));
     EXPECT_EQ(member(hear(client), "result"), "3");
 }
 
-TEST(SocketsOfAServiceThatNeverAnswers, TellTheirClientsSoAtTheDeadline) {
-    deferred = 0;
-    abandoned = 0;
-    Stage stage(methods, {}, [](support::PlayedRouter &router) { router.reply_timeout_ms = 50; });
-    ASSERT_NE(tavrix_service_listen_unix(stage.service, "direct.sock"), 0U);
-    const StreamClient client = StreamClient::unix_path("direct.sock");
-    client.say(R"({"jsonrpc":"2.0","method":"t.Defer","id":1})");
-    EXPECT_EQ(code_of(hear_beside(&stage, client)), "-32005") << "no router does";
+TEST_F(Sockets, TellTheClientsOfAServiceThatNeverAnswersSoAtTheDeadline) {
+    stage.router.reply_timeout_ms = 50;
+    stage.restart_router();
+    EXPECT_EQ(code_of(hear(defer())), "-32005") << "no router does";
     EXPECT_EQ(abandoned, 1);
-    EXPECT_EQ(tavrix_service_deferred(stage.service, deferred), nullptr);
+    EXPECT_EQ(call(), nullptr);
 }
 
 TEST_F(Sockets, CloseAClientThatDoesNotReadItsAnswerInTime) {
-    const StreamClient client = get_long_answer();
+    const StreamClient client = defer();
+    reply(json_string(std::string(long_answer, 'x').c_str()));
     ASSERT_TRUE(let_time_pass(stage.service, EV_WRITE));
     stage.step();
     const std::string heard = hear(client);
@@ -291,18 +256,16 @@ TEST_F(Sockets, CloseAClientThatDoesNotReadItsAnswerInTime) {
 }
 
 TEST_F(Sockets, TakeNoPlaceThatIsServedOrIsNoSocket) {
-    ASSERT_NE(tavrix_service_listen_unix(stage.service, "direct.sock"), 0U);
+    support::write_file("file", "precious");
     EXPECT_EQ(tavrix_service_listen_unix(stage.service, "direct.sock"), 0U);
-    EXPECT_NE(log.text().find("Cannot listen on direct.sock: another daemon serves there"), std::string::npos);
-    std::ofstream("file") << "precious";
     EXPECT_EQ(tavrix_service_listen_unix(stage.service, "file"), 0U);
-    EXPECT_NE(log.text().find("Cannot listen on file: there is a file that is no socket"), std::string::npos);
     EXPECT_EQ(tavrix_service_listen_unix(stage.service, std::string(108, 'p').c_str()), 0U);
+    EXPECT_TRUE(log.says("Cannot listen on direct.sock: another daemon serves there"));
+    EXPECT_TRUE(log.says("Cannot listen on file: there is a file that is no socket"));
 }
 
 TEST_F(Sockets, RemoveTheirFileWhenTheyAreCancelled) {
-    const uint64_t number = tavrix_service_listen_unix(stage.service, "direct.sock");
-    EXPECT_EQ(tavrix_service_cancel(stage.service, number), TAVRIX_OK);
+    EXPECT_EQ(tavrix_service_cancel(stage.service, listener), TAVRIX_OK);
     EXPECT_NE(access("direct.sock", F_OK), 0);
 }
 
@@ -318,12 +281,8 @@ TEST_F(Sockets, PullTakesOneWayRequests) {
 }
 
 TEST_F(Sockets, EndWithTheService) {
-    tavrix_service_listen_unix(stage.service, "direct.sock");
-    const StreamClient client = StreamClient::unix_path("direct.sock");
-    client.say(request("t.Defer", "{}"));
-    ASSERT_TRUE(stage.wait([] { return deferred != 0; }));
-    tavrix_service_close(stage.service);
-    stage.service = nullptr;
+    const StreamClient client = defer();
+    stage.close();
     EXPECT_EQ(code_of(client.hear()), "-32014");
     EXPECT_NE(access("direct.sock", F_OK), 0);
 }

@@ -4,40 +4,15 @@
 # removed: with debootstrap, or of this machine's own packages, which needs no network (root.sh).
 set -euo pipefail
 
-fail() {
-    echo "boot: $1" >&2
-    exit 1
-}
+# shellcheck source=trial.sh
+source "$(dirname "$0")/trial.sh"
 
 # --- Outside: the root, and what is put into it --------------------------------------------------------------------
 
-make_root() { # ROOT KIND FILE...
-    local root=$1 kind=$2
-    shift 2
-    case "$kind" in
-    debian) debootstrap --variant=minbase --include=dbus,systemd-sysv bookworm "$root" >/dev/null ;;
-    copied) "$(dirname "$0")/root.sh" "$root" apt dbus libc6-dev systemd-sysv "$@" ;; # libc6-dev: as some libc-dev
-    *) fail "no such kind of root: $kind" ;;
-    esac
-}
-
 outside() { # PACKAGES VERSION ROOT KIND
-    local packages=$1 version=$2 root=$3 kind=$4 made=false
-    [ "$(id -u)" = 0 ] || fail "only root can make a root"
-    if [ ! -e "$root/etc/debian_version" ]; then
-        made=true
-        mkdir -p "$root"
-    fi
-    root=$(realpath "$root")
-    # shellcheck disable=SC2064 # the values of now
-    trap "rm -rf '$root/tried' '$root/etc/systemd/system/trial.service'; if $made; then rm -rf '$root'; fi" EXIT
-    if $made; then make_root "$root" "$kind" "$packages"/*_"$version"_amd64.deb "$packages"/*_"$version"_all.deb; fi
-    rm -rf "$root/tried"
-    mkdir "$root/tried"
-    cp "$0" "$root/tried/boot.sh"
-    cp "$packages"/*_"$version"_amd64.deb "$packages"/*_"$version"_all.deb "$root/tried"
+    prepare_root "$@" dbus,systemd-sysv dbus libc6-dev systemd-sysv # libc6-dev: as some libc-dev
     chroot "$root" sh -c 'apt-get -qq update && DEBIAN_FRONTEND=noninteractive \
-        apt-get -qq -y --no-install-recommends --reinstall install /tried/*.deb' >"$root/tried/apt.log" 2>&1 ||
+        apt-get -qq -y --no-install-recommends --reinstall install /tried/first/*.deb' >"$root/tried/apt.log" 2>&1 ||
         { cat "$root/tried/apt.log" >&2; fail "the packages cannot be installed"; }
     cat >"$root/etc/systemd/system/trial.service" <<'TEXT'
 [Unit]
@@ -60,13 +35,7 @@ TEXT
 
 # --- Inside --------------------------------------------------------------------------------------------------------
 
-expect() { # WHAT GOT WANTED
-    if [ "$2" != "$3" ]; then
-        journalctl --no-pager -u 'tavrix-*' | tail -n 40
-        fail "$1: '$2' instead of '$3'"
-    fi
-    echo "   $1"
-}
+show_logs() { journalctl --no-pager -u 'tavrix-*' | tail -n 40; }
 
 property() { systemctl show --value -p "$2" "tavrix-$1"; }
 
@@ -76,13 +45,6 @@ running() { # the daemons that are up as the user tavrix
         [ "$(property "$daemon" ActiveState)" = active ] || continue
         [ "$(stat -c %U:%G "/proc/$(property "$daemon" MainPID)")" = tavrix:tavrix ] && echo "$daemon"
     done | tr '\n' ' '
-}
-
-serves() { # the client finds what the services have
-    local methods
-    tavrixctl wait-service portsd eventsd --timeout 20 >/dev/null || return 1
-    methods=$(tavrixctl list)
-    grep -q '^ports\.Get ' <<<"$methods" && grep -q '^events\.Get ' <<<"$methods" && tavrixctl call mzu.List >/dev/null
 }
 
 # until COMMAND...: at most ten seconds
@@ -95,8 +57,6 @@ until_true() {
 }
 is_another() { [ "$(property "$1" ActiveState)" = active ] && [ "$(property "$1" MainPID)" != "$2" ]; }
 journal_says() { journalctl --no-pager -u "tavrix-$1" | grep -qF "$2"; }
-
-all="routerd portsd eventsd "
 
 started() {
     expect "started by the boot" "$(running)" "$all"

@@ -5,10 +5,8 @@
 # removed: with debootstrap, or of this machine's own packages, which needs no network (root.sh).
 set -euo pipefail
 
-fail() {
-    echo "install: $1" >&2
-    exit 1
-}
+# shellcheck source=trial.sh
+source "$(dirname "$0")/trial.sh"
 
 # --- Outside: the root, and what is put into it --------------------------------------------------------------------
 
@@ -27,34 +25,13 @@ make_next_version() { # FOLDER VERSION NEXT
 # What the developer's part installs besides.
 compiler="gcc libc6-dev pkg-config"
 
-make_root() { # ROOT KIND FILE...
-    local root=$1 kind=$2
-    shift 2
-    # shellcheck disable=SC2086 # a list of names
-    case "$kind" in
-    debian) debootstrap --variant=minbase bookworm "$root" >/dev/null ;;
-    copied) "$(dirname "$0")/root.sh" "$root" apt $compiler "$@" ;;
-    *) fail "no such kind of root: $kind" ;;
-    esac
-}
-
 outside() { # PACKAGES VERSION ROOT KIND
-    local packages=$1 version=$2 root=$3 kind=$4 made=false
-    [ "$(id -u)" = 0 ] || fail "only root can make a root"
-    if [ ! -e "$root/etc/debian_version" ]; then
-        made=true
-        mkdir -p "$root"
-    fi
-    root=$(realpath "$root")
+    local version=$2 kind=$4
     # Another build in there would be found first, by the loader and by the linker.
-    [ -z "$(find "$root"/{usr,etc} -name '*tavrix*' -print -quit 2>/dev/null)" ] || fail "$root is not bare: it has a tavrix"
-    # shellcheck disable=SC2064 # the values of now
-    trap "rm -rf '$root/tried' '$root/usr/sbin/policy-rc.d'; if $made; then rm -rf '$root'; fi" EXIT
-    if $made; then make_root "$root" "$kind" "$packages"/*_"$version"_amd64.deb "$packages"/*_"$version"_all.deb; fi
-    mkdir -p "$root/tried/first"
-    cp "$packages"/*_"$version"_amd64.deb "$packages"/*_"$version"_all.deb "$root/tried/first"
+    [ -z "$(find "$3"/{usr,etc} -name '*tavrix*' -print -quit 2>/dev/null)" ] || fail "$3 is not bare: it has a tavrix"
+    # shellcheck disable=SC2086 # a list of names
+    prepare_root "$@" "" $compiler
     make_next_version "$root/tried" "$version" "$version+1"
-    cp "$0" "$root/tried/install.sh"
     cp "$(dirname "$0")/../examples/listings.awk" "$root/tried/listings.awk"
     # Namespaces of its own: what is mounted and started in there ends with it.
     # shellcheck disable=SC2016 # expanded in there
@@ -100,19 +77,7 @@ any_process() { # by its program, whoever started it and whatever became of its 
     for exe in /proc/[0-9]*/exe; do readlink "$exe" 2>/dev/null || true; done | grep -q tavrix
 }
 
-expect() { # WHAT GOT WANTED
-    [ "$2" = "$3" ] || { cat /var/log/tavrix/*.log >&2 || true; fail "$1: '$2' instead of '$3'"; }
-    echo "   $1"
-}
-
-serves() { # the client finds what the services have, and the database is whole
-    local methods
-    methods=$(tavrixctl list) || return 1
-    grep -q '^ports\.Get ' <<<"$methods" && grep -q '^events\.Get ' <<<"$methods" &&
-        tavrixctl call mzu.List >/dev/null && tavrixctl db check /var/lib/tavrix/fleet.db >/dev/null
-}
-
-all="routerd portsd eventsd "
+show_logs() { cat /var/log/tavrix/*.log || true; }
 
 # Also what stands in a sample as a suggestion is an option of its daemon.
 samples_hold() {

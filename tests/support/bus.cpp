@@ -3,7 +3,6 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdio>
-#include <cstdlib>
 #include <stdexcept>
 
 #include <arpa/inet.h>

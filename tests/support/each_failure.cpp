@@ -45,7 +45,9 @@ std::set<std::string> each_failure(const std::function<void(Fault &fault)> &atte
     return failed;
 }
 
-void expect_reached(const std::set<std::string> &failed, const std::set<std::string> &functions) {
+void each_failure_of(const std::set<std::string> &functions, const std::function<void(Fault &fault)> &attempt,
+                     int reason) {
+    const std::set<std::string> failed = each_failure(attempt, reason);
     for (const std::string &function : functions) {
         EXPECT_EQ(failed.count(function), 1U) << function << " has never failed";
     }

@@ -124,9 +124,9 @@ void *given_back(void *memory);
  */
 std::set<std::string> each_failure(const std::function<void(Fault &fault)> &attempt, int reason = ENOMEM,
                                    const char *of = "");
-/** Fails the test when one of the functions is not among those that have failed: the loop would prove nothing of it. */
-void expect_reached(const std::set<std::string> &failed, const std::set<std::string> &functions);
-
+/** The same; the functions are among those that have failed: else the loop would prove nothing of them. */
+void each_failure_of(const std::set<std::string> &functions, const std::function<void(Fault &fault)> &attempt,
+                     int reason = ENOMEM);
 /** Lets SQLite's allocations be counted, once per process; no connection may be open. */
 void take_over_sqlite();
 /** The same loop with SQLite's allocations, all of those that the attempt makes. */

@@ -15,20 +15,22 @@ constexpr char reply_prefix[] = "2524546b-ca99-4868-a062-359cefacff7c";
 
 } // namespace
 
+std::unique_ptr<Process> started_router(const std::string &address, const std::vector<std::string> &more,
+                                        const std::string &folder) {
+    return started("routerd",
+                   {TAVRIX_ROUTERD, "--socket", folder + "router.sock", "--session", folder + "session.sock",
+                    "--publish", address},
+                   more);
+}
+
 Fleet::Fleet() {
     write_file("tavrix_lsyslog.conf", "[logging_levels]\nrouterd=info\nportsd=info\neventsd=info\nunit-test=off\n");
     make_fleet_database();
 }
 
 Process &Fleet::start_lone_router(const std::vector<std::string> &more) {
-    std::vector<std::string> arguments = {TAVRIX_ROUTERD, "--socket",  "router.sock", "--session",
-                                          "session.sock", "--publish", router_address};
-    arguments.insert(arguments.end(), more.begin(), more.end());
     router.reset();
-    router = std::make_unique<Process>("routerd", arguments);
-    if (!router->says("routerd ready")) {
-        throw std::runtime_error("the router does not get ready: " + router->log());
-    }
+    router = started_router(router_address, more);
     return *router;
 }
 
@@ -45,27 +47,22 @@ Process &Fleet::start_router_with_tcp(int port, std::vector<std::string> more) {
 }
 
 Process &Fleet::start_ports(const std::vector<std::string> &more) {
-    std::vector<std::string> arguments = {TAVRIX_PORTSD, "--session", "session.sock", "--publish", ports_address};
-    arguments.insert(arguments.end(), more.begin(), more.end());
     ports.reset();
-    ports = std::make_unique<Process>("portsd", arguments);
-    if (!ports->says("portsd ready")) {
-        throw std::runtime_error("the ports service does not get ready: " + ports->log());
-    }
+    ports = started("portsd", {TAVRIX_PORTSD, "--session", "session.sock", "--publish", ports_address}, more);
     return *ports;
 }
 
 Process &Fleet::start_events(const std::string &interval_ms, const std::vector<std::string> &more) {
     write_file("links.txt", "# port and state\nc1-1 up\n\nd2 down\n");
-    std::vector<std::string> arguments = {TAVRIX_EVENTSD, "--session",   "session.sock", "--publish",  events_address,
-                                          "--socket",     "events.sock", "--pull",       pull_address, "--script",
-                                          "links.txt",    "--interval",  interval_ms,    "--slot",     slot};
-    arguments.insert(arguments.end(), more.begin(), more.end());
     events.reset();
-    events = std::make_unique<Process>("eventsd", arguments);
+    events =
+        started("eventsd",
+                {TAVRIX_EVENTSD, "--session", "session.sock", "--publish", events_address, "--socket", "events.sock",
+                 "--pull", pull_address, "--script", "links.txt", "--interval", interval_ms, "--slot", slot},
+                more);
     const std::string shared = "/dev/shm" + slot; // which comes right after the line
-    if (!events->says("eventsd ready") || !wait_until([&] { return access(shared.c_str(), F_OK) == 0; })) {
-        throw std::runtime_error("the events service does not get ready: " + events->log());
+    if (!wait_until([&] { return access(shared.c_str(), F_OK) == 0; })) {
+        throw std::runtime_error("the events service does not make its slot: " + events->log());
     }
     return *events;
 }

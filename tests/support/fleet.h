@@ -17,6 +17,10 @@
 
 namespace support {
 
+/** A router on its two sockets in the folder, and on a bus address. */
+std::unique_ptr<Process> started_router(const std::string &address, const std::vector<std::string> &more = {},
+                                        const std::string &folder = "");
+
 class Fleet {
   public:
     /** Makes addresses, a logger configuration at level info, and a database with the example fleet. */

@@ -1,7 +1,5 @@
 #include "support/json.h"
 
-#include <gtest/gtest.h>
-
 namespace support {
 
 Json parsed(const std::string &text) {
@@ -20,6 +18,14 @@ std::string taken(char *text) {
 }
 
 std::string taken(json_t *value) { return rendered(Json(value).get()); }
+
+std::string array_of(size_t count, const std::string &element) {
+    std::string text;
+    for (size_t i = 0; i < count; ++i) {
+        text += (i > 0 ? "," : "") + element;
+    }
+    return "[" + text + "]";
+}
 
 std::string request(const std::string &method, const std::string &id, const std::string &more) {
     return R"({"jsonrpc":"2.0","method":")" + method + R"(","id":)" + id + more + "}";
@@ -44,6 +50,13 @@ std::string code_of(const std::string &response) { return member(member(response
 std::string data_of(const std::string &response) { return member(member(response, "error"), "data"); }
 
 std::string message_of(const std::string &response) { return member(data_of(response), "message"); }
+
+testing::AssertionResult holds(const std::string &text, const std::string &part) {
+    const bool found = text.find(part) != std::string::npos;
+    return (found ? testing::AssertionSuccess() : testing::AssertionFailure())
+           << (found ? "there is " : "there is no ") << part << " in:\n"
+           << text;
+}
 
 std::set<std::string> keys_of(const json_t *object) {
     std::set<std::string> keys;

@@ -7,6 +7,7 @@
 #include <set>
 #include <string>
 
+#include <gtest/gtest.h>
 #include <jansson.h>
 
 #include "common/handles.h"
@@ -26,8 +27,14 @@ std::string rendered(const json_t *value, size_t flags = 0);
 std::string taken(char *text);
 std::string taken(json_t *value);
 
+/** Whether the part stands anywhere in the text; a failed expectation shows both. */
+testing::AssertionResult holds(const std::string &text, const std::string &part);
+
 /** The names of an object's members. */
 std::set<std::string> keys_of(const json_t *object);
+
+/** An array of this many times the element, in JSON. */
+std::string array_of(size_t count, const std::string &element);
 
 /** A JSON-RPC request; `id` and `more` stand as they are, `more` with its leading comma. */
 std::string request(const std::string &method, const std::string &id, const std::string &more = "");

@@ -9,6 +9,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include "support/json.h"
 #include "tavrix_lsyslog.h"
 
 namespace support {
@@ -129,6 +130,8 @@ std::vector<std::string> LogCapture::sequence() const {
     }
     return entries;
 }
+
+testing::AssertionResult LogCapture::says(const std::string &part) const { return holds(text(), part); }
 
 std::vector<LogLine> parse_log(const std::string &text) {
     std::vector<LogLine> lines;

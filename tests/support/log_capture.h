@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 namespace support {
 
 /** Seconds by the clock that stamps the lines: time() reads a coarser one, which may still be in the second before. */
@@ -81,6 +83,8 @@ class LogCapture {
      */
     std::vector<std::string> sequence() const;
     bool silent() const { return text().empty(); }
+    /** Whether the part stands anywhere in it; a failed expectation shows all that does. */
+    testing::AssertionResult says(const std::string &part) const;
 
   private:
     StderrCapture capture_;

@@ -80,14 +80,15 @@ bool Process::says(const std::string &text, int timeout_ms) const {
     return wait_until([&] { return log().find(text) != std::string::npos; }, timeout_ms);
 }
 
-int Process::times_said(const std::string &text) const {
-    const std::string all = log();
+int times_in(const std::string &text, const std::string &part) {
     int count = 0;
-    for (size_t at = all.find(text); at != std::string::npos; at = all.find(text, at + 1)) {
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
         ++count;
     }
     return count;
 }
+
+int Process::times_said(const std::string &text) const { return times_in(log(), text); }
 
 bool Process::prints(const std::string &text, int timeout_ms) const {
     return wait_until([&] { return output().find(text) != std::string::npos; }, timeout_ms);
@@ -106,6 +107,16 @@ int Process::wait(int timeout_ms) {
         },
         timeout_ms);
     return status_;
+}
+
+std::unique_ptr<Process> started(const std::string &name, std::vector<std::string> arguments,
+                                 const std::vector<std::string> &more) {
+    arguments.insert(arguments.end(), more.begin(), more.end());
+    auto process = std::make_unique<Process>(name, arguments);
+    if (!process->says(name + " ready")) {
+        throw std::runtime_error(name + " does not get ready: " + process->log());
+    }
+    return process;
 }
 
 namespace {

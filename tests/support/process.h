@@ -4,6 +4,7 @@
 #ifndef TAVRIX_TESTS_SUPPORT_PROCESS_H
 #define TAVRIX_TESTS_SUPPORT_PROCESS_H
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -42,6 +43,10 @@ class Process {
     int status_ = -1;
 };
 
+/** Starts a daemon of the build, with `more` behind its arguments, and waits until it says "NAME ready"; or throws. */
+std::unique_ptr<Process> started(const std::string &name, std::vector<std::string> arguments,
+                                 const std::vector<std::string> &more = {});
+
 /** What a program that ends by itself left behind. */
 struct Finished {
     int status;
@@ -52,6 +57,9 @@ Finished run(const std::vector<std::string> &arguments);
 
 /** Runs a script in this machine's bash, in which `name` is the build's program at `path`. */
 Finished run_script(const std::string &name, const std::string &path, const std::string &script);
+
+/** How often a part stands in a text. */
+int times_in(const std::string &text, const std::string &part);
 
 std::string read_file(const std::string &path);
 void write_file(const std::string &path, const std::string &text);

@@ -93,9 +93,26 @@ std::string Registration::line(const std::string &id) const {
     return request("router.Register", id, ",\"params\":{" + params + "}");
 }
 
-std::string service_reply(const std::string &request, const std::string &result) {
-    return R"({"jsonrpc":"2.0","id":)" + member(request, "method") + ",\"result\":" + result +
+namespace {
+
+/** A service's answer, as a service gives it: under its method's name and its transaction id. */
+std::string answer_to(const std::string &request, const std::string &outcome) {
+    return R"({"jsonrpc":"2.0","id":)" + member(request, "method") + "," + outcome +
            ",\"transaction_id\":" + member(request, "transaction_id") + "}";
+}
+
+std::string quoted_list(const std::vector<std::string> &words) {
+    std::string list;
+    for (const std::string &word : words) {
+        list += (list.empty() ? "\"" : ",\"") + word + "\"";
+    }
+    return "[" + list + "]";
+}
+
+} // namespace
+
+std::string service_reply(const std::string &request, const std::string &result) {
+    return answer_to(request, "\"result\":" + result);
 }
 
 DirectService::DirectService(const Registration &registration) {
@@ -105,8 +122,39 @@ DirectService::DirectService(const Registration &registration) {
     }
 }
 
+DirectService::DirectService(const std::string &name, const std::vector<std::string> &methods, Handler handler)
+    : DirectService(Registration{name, Registration().channel, "[]", quoted_list(methods)}) {
+    server_ = std::thread([this, handler = std::move(handler)] {
+        for (std::string line = hear(); line != "(closed)"; line = hear()) {
+            const std::string method = member(line, "method");
+            if (member(line, "id") == "(none)") {
+                continue; // what the router tells its services
+            }
+            const std::string said = handler(method.substr(1, method.size() - 2), member(line, "params"));
+            if (!said.empty()) {
+                say(answer_to(line, said));
+            }
+        }
+    });
+}
+
+DirectService::~DirectService() {
+    if (server_.joinable()) {
+        shutdown(fd(), SHUT_RDWR);
+        server_.join();
+    }
+}
+
+std::string DirectService::accept_all(const std::string & /*method*/, const std::string & /*params*/) {
+    return R"("result":0)";
+}
+
 void DirectService::reply(const std::string &request, const std::string &result) const {
     say(service_reply(request, result));
+}
+
+void DirectService::publish(const std::string &method, const std::string &params) const {
+    say(R"({"jsonrpc":"2.0","method":")" + method + R"(","params":)" + params + "}");
 }
 
 BusService::BusService(const Fleet &fleet, Registration registration) : pub(TAVRIX_SP_PUB), sub(TAVRIX_SP_SUB) {

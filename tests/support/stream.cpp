@@ -1,6 +1,6 @@
 #include "support/stream.h"
 
-#include <cstring>
+#include <cerrno>
 #include <filesystem>
 #include <iterator>
 
@@ -8,7 +8,6 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 namespace support {
@@ -25,12 +24,17 @@ int connect_or_close(int fd, const sockaddr *address, socklen_t length) {
 
 } // namespace
 
-StreamClient StreamClient::unix_path(const std::string &path) {
+sockaddr_un unix_address(const std::string &path) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     path.copy(address.sun_path, sizeof address.sun_path - 1);
+    return address;
+}
+
+StreamClient StreamClient::unix_path(const std::string &path) {
+    const sockaddr_un address = unix_address(path);
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    return StreamClient(connect_or_close(fd, reinterpret_cast<sockaddr *>(&address), sizeof address));
+    return StreamClient(connect_or_close(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address));
 }
 
 StreamClient StreamClient::tcp_port(int port) {
@@ -60,6 +64,15 @@ std::string StreamClient::hear(int timeout_ms) const {
         }
         text.append(chunk, static_cast<size_t>(got));
     }
+}
+
+bool StreamClient::take(std::string *heard) const {
+    char chunk[4096];
+    ssize_t got = 0;
+    while ((got = recv(fd_, chunk, sizeof chunk, MSG_DONTWAIT)) > 0) {
+        heard->append(chunk, static_cast<size_t>(got));
+    }
+    return got == 0 || errno == ECONNRESET;
 }
 
 void StreamClient::close() {

@@ -6,7 +6,11 @@
 
 #include <string>
 
+#include <sys/un.h>
+
 namespace support {
+
+sockaddr_un unix_address(const std::string &path);
 
 /** A connection that is closed with its scope. */
 class StreamClient {
@@ -23,6 +27,8 @@ class StreamClient {
     void say(const std::string &text) const;
     /** Everything until the peer closes, or "(time-out)" when it does not within the time. */
     std::string hear(int timeout_ms = 20000) const;
+    /** Appends what is there, and waits for no more; whether the peer has closed. */
+    bool take(std::string *heard) const;
     /** True when the peer has closed without a byte. */
     bool closed_silently() const { return hear().empty(); }
     void close();

@@ -11,12 +11,15 @@
 
 namespace support {
 
-Finished ctl(std::vector<std::string> arguments);
+inline Finished ctl(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), TAVRIXCTL);
+    return run(arguments);
+}
 
 /** A script in bash that calls the tool by its name. */
-Finished script(const std::string &text);
+inline Finished script(const std::string &text) { return run_script("tavrixctl", TAVRIXCTL, text); }
 
-std::string first_line(const std::string &text);
+inline std::string first_line(const std::string &text) { return text.substr(0, text.find('\n')); }
 
 } // namespace support
 

@@ -19,8 +19,7 @@ inline std::string text(const char *found) { return found != nullptr ? found : "
 /** An outcome: {"result":...}, or {"error":...} whose data has the status's words. */
 inline std::string result(const std::string &value) { return R"({"result":)" + value + "}"; }
 inline std::string code_and_words(const std::string &outcome) {
-    return support::code_of(outcome) + " " +
-           support::member(support::member(support::member(outcome, "error"), "data"), "message");
+    return support::code_of(outcome) + " " + support::message_of(outcome);
 }
 inline std::string code_and_words(int code, const std::string &words) {
     return std::to_string(code) + " \"" + words + "\"";
@@ -31,14 +30,7 @@ inline std::string code_and_words(int code, tavrix_status status) {
 }
 
 /** A text as JSON. */
-inline std::string quoted(const std::string &text) {
-    std::string json = "\"";
-    for (const char letter : text) {
-        json += letter == '"' || letter == '\\' ? "\\" : "";
-        json += letter;
-    }
-    return json += '"';
-}
+inline std::string quoted(const std::string &text) { return support::taken(json_string(text.c_str())); }
 
 /** The reason in a refusal's data; `value` is JSON. */
 inline std::string reason_of(const std::string &parameter, const std::string &value, const std::string &complaint) {
@@ -58,18 +50,19 @@ struct Refusal {
 
 class Service {
   public:
-    Service(const char *name, const tavrix_service_method *methods, void *user,
-            void (*ready)(tavrix_service *, void *) = nullptr) {
-        tavrix_service_options options{};
-        options.name = name;
-        options.methods = methods;
-        options.user = user;
-        options.ready = ready;
+    explicit Service(const tavrix_service_options &options) {
         EXPECT_EQ(tavrix_service_test_open(&options, &test_), TAVRIX_OK);
     }
+    Service(const char *name, const tavrix_service_method *methods, void *user,
+            void (*ready)(tavrix_service *, void *) = nullptr)
+        : Service(options_of(name, methods, user, ready)) {}
     Service(const Service &) = delete;
     Service &operator=(const Service &) = delete;
-    ~Service() { tavrix_service_test_close(test_); }
+    ~Service() { close(); }
+    void close() {
+        tavrix_service_test_close(test_);
+        test_ = nullptr;
+    }
 
     tavrix_service *service() const { return tavrix_service_test_service(test_); }
 
@@ -93,7 +86,9 @@ class Service {
     bool logged(const char *part) { return tavrix_service_test_logged(test_, part); }
     std::string next_log() { return text(tavrix_service_test_next_log(test_)); }
 
+    void lose(uint64_t count) { tavrix_service_test_lose(test_, count); }
     void notify(const char *method, const char *params) { tavrix_service_test_notify(test_, method, params); }
+    void run() { tavrix_service_test_run(test_); }
     void advance(int ms) { tavrix_service_test_advance(test_, ms); }
     void restart_router() { tavrix_service_test_restart_router(test_); }
     void stop() { tavrix_service_test_stop(test_); }
@@ -102,7 +97,7 @@ class Service {
     void expect_refusal(const Refusal &row) {
         const std::string what = std::string(row.method) + " " + row.params;
         const std::string outcome = call(row.method, row.params);
-        const std::string data = support::member(support::member(outcome, "error"), "data");
+        const std::string data = support::data_of(outcome);
         EXPECT_EQ(support::code_of(outcome), std::to_string(row.code)) << what << outcome;
         EXPECT_EQ(support::member(data, "parameter"), quoted(row.parameter)) << what;
         EXPECT_EQ(support::member(data, "value"), row.value) << what;
@@ -115,7 +110,20 @@ class Service {
             << what << message;
     }
 
+  protected:
+    tavrix_service_test *test() const { return test_; }
+
   private:
+    static tavrix_service_options options_of(const char *name, const tavrix_service_method *methods, void *user,
+                                             void (*ready)(tavrix_service *, void *)) {
+        tavrix_service_options options{};
+        options.name = name;
+        options.methods = methods;
+        options.user = user;
+        options.ready = ready;
+        return options;
+    }
+
     tavrix_service_test *test_ = nullptr;
 };
 

@@ -5,8 +5,9 @@
 
 #include <gtest/gtest.h>
 
+#include "support/json.h"
 #include "tavrix.h"
-#include "tavrix_service_test.h"
+#include "testkit/driven_service.h"
 
 namespace {
 
@@ -66,7 +67,7 @@ const tavrix_service_method methods[] = {
     TAVRIX_METHOD_END,
 };
 
-tavrix_service_options options_of(const tavrix_service_method *table) {
+tavrix_service_options testee_options(const tavrix_service_method *table) {
     tavrix_service_options options{};
     options.name = "testee";
     options.methods = table;
@@ -75,31 +76,19 @@ tavrix_service_options options_of(const tavrix_service_method *table) {
     return options;
 }
 
-std::string text(const char *found) { return found != nullptr ? found : "(none)"; }
-
-class TestKit : public testing::Test {
+class TestKit : public testing::Test, protected driven::Service {
   protected:
-    TestKit() {
+    TestKit() : driven::Service(testee_options(methods)) {
         seen = {};
-        const tavrix_service_options options = options_of(methods);
-        EXPECT_EQ(tavrix_service_test_open(&options, &test_), 0);
-        EXPECT_TRUE(tavrix_service_test_logged(test_, "INFO testee ready"));
-        seen.words.clear();
+        EXPECT_TRUE(logged("INFO testee ready"));
     }
-    ~TestKit() override { tavrix_service_test_close(test_); }
 
-    std::string call(const char *method, const char *params = nullptr) {
-        return text(tavrix_service_test_call(test_, method, params));
-    }
-    std::string next_outcome() { return text(tavrix_service_test_next_outcome(test_)); }
     void timer(int first_ms, int interval_ms, const char *word) {
         tavrix_service_timer(
-            tavrix_service_test_service(test_), first_ms, interval_ms,
+            service(), first_ms, interval_ms,
             [](tavrix_service * /*service*/, void *user) { remember(static_cast<const char *>(user)); },
             const_cast<char *>(word));
     }
-
-    tavrix_service_test *test_ = nullptr;
 };
 
 using Words = std::vector<std::string>;
@@ -107,14 +96,13 @@ using Words = std::vector<std::string>;
 // --- Requests to the service ---
 
 TEST_F(TestKit, GivesTheWholeResponseToAText) {
-    EXPECT_EQ(text(tavrix_service_test_request(
-                  test_, R"({"jsonrpc":"2.0","method":"t.Echo","id":1,"transaction_id":9,"params":{"a":1}})")),
+    EXPECT_EQ(request(R"({"jsonrpc":"2.0","method":"t.Echo","id":1,"transaction_id":9,"params":{"a":1}})"),
               R"({"jsonrpc":"2.0","id":"t.Echo","result":{"a":1},"transaction_id":9})");
 }
 
 TEST_F(TestKit, GivesNothingForWhatIsNoRequest) {
-    EXPECT_EQ(tavrix_service_test_request(test_, "{"), nullptr);
-    EXPECT_EQ(tavrix_service_test_request(test_, R"({"jsonrpc":"2.0","method":"t.Echo"})"), nullptr);
+    EXPECT_EQ(request("{"), "(none)");
+    EXPECT_EQ(request(R"({"jsonrpc":"2.0","method":"t.Echo"})"), "(none)");
 }
 
 TEST_F(TestKit, GivesTheOutcomeOfACall) {
@@ -126,16 +114,16 @@ TEST_F(TestKit, KeepsTheResponseOfADeferredCallApartFromTheNextOnes) {
     EXPECT_EQ(call("t.Defer"), "(none)");
     EXPECT_EQ(call("t.AnswerTheDeferred"), R"({"result":"own"})");
     EXPECT_EQ(call("t.Echo", "{}"), R"({"result":{}})");
-    EXPECT_EQ(text(tavrix_service_test_next_response(test_)),
+    EXPECT_EQ(driven::text(tavrix_service_test_next_response(test())),
               R"({"jsonrpc":"2.0","id":"t.Defer","result":"late","transaction_id":1})");
-    EXPECT_EQ(tavrix_service_test_next_response(test_), nullptr);
+    EXPECT_EQ(tavrix_service_test_next_response(test()), nullptr);
 }
 
 TEST_F(TestKit, CancelsACallByItsTransactionId) {
     call("t.Defer");
-    tavrix_service_test_cancel(test_, 2);
+    cancel(2);
     EXPECT_EQ(seen.words, Words{});
-    tavrix_service_test_cancel(test_, 1);
+    cancel(1);
     EXPECT_EQ(seen.words, Words{"abandoned"});
 }
 
@@ -143,39 +131,39 @@ TEST_F(TestKit, CancelsACallByItsTransactionId) {
 
 TEST_F(TestKit, ShowsARequestAndLetsItBeAnsweredOnce) {
     call("t.Ask");
-    EXPECT_EQ(text(tavrix_service_test_next_request(test_)), R"({"method":"o.First","params":{"n":1}})");
-    EXPECT_TRUE(tavrix_service_test_answer(test_, "o.First", R"({"result":1})"));
-    EXPECT_FALSE(tavrix_service_test_answer(test_, "o.First", R"({"result":1})"));
-    EXPECT_EQ(text(tavrix_service_test_next_request(test_)), R"({"method":"o.Second"})");
+    EXPECT_EQ(next_request(), R"({"method":"o.First","params":{"n":1}})");
+    EXPECT_TRUE(answer("o.First", R"({"result":1})"));
+    EXPECT_FALSE(answer("o.First", R"({"result":1})"));
+    EXPECT_EQ(next_request(), R"({"method":"o.Second"})");
 }
 
 TEST_F(TestKit, PlaysAnswersAfterTheHandler) {
-    tavrix_service_test_play(test_, "o.First", R"({"result":1})");
-    tavrix_service_test_play(test_, "o.Second", R"({"error":{"code":-32014}})");
+    play("o.First", R"({"result":1})");
+    play("o.Second", R"({"error":{"code":-32014}})");
     EXPECT_EQ(call("t.Ask"), R"({"result":0})");
     EXPECT_EQ(seen.words, (Words{"asked", "first", "outcome 1 -32014"}));
-    EXPECT_EQ(tavrix_service_test_next_request(test_), nullptr);
+    EXPECT_EQ(next_request(), "(none)");
 }
 
 TEST_F(TestKit, ReplacesWhatItPlays) {
-    tavrix_service_test_play(test_, "o.First", R"({"result":1})");
-    tavrix_service_test_play(test_, "o.First", nullptr);
+    play("o.First", R"({"result":1})");
+    tavrix_service_test_play(test(), "o.First", nullptr);
     call("t.Ask");
     EXPECT_EQ(seen.words, Words{"asked"});
 }
 
 TEST_F(TestKit, ShowsNotifications) {
     call("t.Publish");
-    EXPECT_EQ(text(tavrix_service_test_next_notification(test_)), R"({"method":"t.Told","params":{"told":true}})");
-    EXPECT_EQ(tavrix_service_test_next_notification(test_), nullptr);
+    EXPECT_EQ(next_notification(), R"({"method":"t.Told","params":{"told":true}})");
+    EXPECT_EQ(next_notification(), "(none)");
 }
 
 TEST_F(TestKit, ShowsLogLinesWithTheirLevelAndWithoutDebugging) {
     tavrix_lsyslog_reload_conf();
     call("t.Fail");
-    EXPECT_EQ(text(tavrix_service_test_next_log(test_)), "ERROR This fails.");
-    EXPECT_FALSE(tavrix_service_test_logged(test_, "DEBUG"));
-    EXPECT_EQ(tavrix_service_test_next_log(test_), nullptr);
+    EXPECT_EQ(next_log(), "ERROR This fails.");
+    EXPECT_FALSE(logged("DEBUG"));
+    EXPECT_EQ(next_log(), "(none)");
 }
 
 TEST_F(TestKit, LeavesTheTestsOwnStandardErrorAlone) {
@@ -190,60 +178,59 @@ TEST_F(TestKit, LeavesTheTestsOwnStandardErrorAlone) {
 TEST_F(TestKit, RingsTimersInTheirOrderEachAtItsTime) {
     timer(30, 0, "thirty");
     timer(10, 10, "ten");
-    tavrix_service_test_advance(test_, 9);
+    advance(9);
     EXPECT_EQ(seen.words, Words{});
-    tavrix_service_test_advance(test_, 1);
+    advance(1);
     EXPECT_EQ(seen.words, Words{"ten"});
-    tavrix_service_test_advance(test_, 20);
+    advance(20);
     EXPECT_EQ(seen.words, (Words{"ten", "ten", "thirty", "ten"}));
-    tavrix_service_test_advance(test_, 100);
+    advance(100);
     EXPECT_EQ(seen.words.size(), 14U);
 }
 
 TEST_F(TestKit, StandsStillUntilItIsMoved) {
     timer(0, 0, "at once");
-    tavrix_service_test_run(test_);
+    run();
     EXPECT_EQ(seen.words, Words{});
-    tavrix_service_test_advance(test_, 0);
+    advance(0);
     EXPECT_EQ(seen.words, Words{"at once"});
 }
 
 TEST_F(TestKit, EndsRequestsAndCallsWhenTheirTimeHasPassed) {
     call("t.Ask");
-    tavrix_service_test_advance(test_, 100);
+    advance(100);
     EXPECT_EQ(seen.words, (Words{"asked", "first"}));
     call("t.Defer");
-    tavrix_service_test_advance(test_, 9999);
-    EXPECT_EQ(tavrix_call_time_left_ms(tavrix_service_deferred(tavrix_service_test_service(test_), seen.number)), 1);
-    tavrix_service_test_advance(test_, 1);
+    advance(9999);
+    EXPECT_EQ(tavrix_call_time_left_ms(tavrix_service_deferred(service(), seen.number)), 1);
+    advance(1);
     EXPECT_EQ(seen.words.back(), "abandoned");
 }
 
 TEST_F(TestKit, DeliversNotificationsAndTellsOfLostOnes) {
-    tavrix_service *service = tavrix_service_test_service(test_);
     tavrix_service_subscribe(
-        service, "o.*",
+        service(), "o.*",
         [](tavrix_service * /*service*/, const char *method, json_t *params, void * /*user*/) {
             remember(method + std::to_string(json_integer_value(json_object_get(params, "n"))));
         },
         nullptr);
     tavrix_service_on_lost(
-        service,
+        service(),
         [](tavrix_service * /*service*/, uint64_t count, void * /*user*/) {
             remember("lost " + std::to_string(count));
         },
         nullptr);
-    tavrix_service_test_notify(test_, "o.Happened", R"({"n":3})");
-    tavrix_service_test_notify(test_, "other.Happened", nullptr);
-    tavrix_service_test_lose(test_, 4);
+    notify("o.Happened", R"({"n":3})");
+    notify("other.Happened", nullptr);
+    lose(4);
     EXPECT_EQ(seen.words, (Words{"o.Happened3", "lost 4"}));
 }
 
 TEST_F(TestKit, EndsWhatIsInFlightWhenTheRouterRestarts) {
     call("t.Defer");
-    tavrix_service_request(tavrix_service_test_service(test_), "o.First", nullptr, 100, on_answer, nullptr);
-    tavrix_service_test_run(test_);
-    tavrix_service_test_restart_router(test_);
+    tavrix_service_request(service(), "o.First", nullptr, 100, on_answer, nullptr);
+    run();
+    restart_router();
     EXPECT_EQ(seen.words, (Words{"outcome 3 -32601", "abandoned", "ready"}));
     EXPECT_EQ(call("t.Echo", "{}"), R"({"result":{}})");
 }
@@ -251,26 +238,24 @@ TEST_F(TestKit, EndsWhatIsInFlightWhenTheRouterRestarts) {
 TEST_F(TestKit, EndsWhatIsInFlightWhenTheServiceStopsItself) {
     EXPECT_EQ(call("t.Defer"), "(none)");
     tavrix_service_timer(
-        tavrix_service_test_service(test_), 10, 0,
-        [](tavrix_service *service, void * /*user*/) { tavrix_service_stop(service); }, nullptr);
-    tavrix_service_test_advance(test_, 9);
-    EXPECT_FALSE(tavrix_service_test_is_stopped(test_));
+        service(), 10, 0, [](tavrix_service *service, void * /*user*/) { tavrix_service_stop(service); }, nullptr);
+    advance(9);
+    EXPECT_FALSE(is_stopped());
     EXPECT_EQ(next_outcome(), "(none)");
-    tavrix_service_test_advance(test_, 1);
-    EXPECT_TRUE(tavrix_service_test_is_stopped(test_));
-    EXPECT_NE(next_outcome().find("The service ends."), std::string::npos);
+    advance(1);
+    EXPECT_TRUE(is_stopped());
+    EXPECT_TRUE(support::holds(next_outcome(), "The service ends."));
     EXPECT_EQ(next_outcome(), "(none)");
 }
 
 TEST_F(TestKit, StopsAsSigtermDoes) {
     call("t.Defer");
-    EXPECT_FALSE(tavrix_service_test_is_stopped(test_));
-    tavrix_service_test_stop(test_);
-    EXPECT_TRUE(tavrix_service_test_is_stopped(test_));
-    EXPECT_NE(next_outcome().find("The service ends."), std::string::npos);
-    EXPECT_NE(call("t.Echo").find("-32014"), std::string::npos);
-    tavrix_service_test_close(test_);
-    test_ = nullptr;
+    EXPECT_FALSE(is_stopped());
+    stop();
+    EXPECT_TRUE(is_stopped());
+    EXPECT_TRUE(support::holds(next_outcome(), "The service ends."));
+    EXPECT_EQ(support::code_of(call("t.Echo")), "-32014");
+    close();
     EXPECT_EQ(seen.words, Words{"stop"});
 }
 
@@ -284,7 +269,7 @@ TEST_F(TestKitDeathTest, ShowsWhyAHandlerEndedTheProgram) {
 
 TEST_F(TestKitDeathTest, RefusesWhatIsNoObject) {
     EXPECT_DEATH(call("t.Echo", "[]"), "this is no JSON object: \\[\\]");
-    EXPECT_DEATH(tavrix_service_test_play(test_, "o.First", "1"), "this is no JSON object: 1");
+    EXPECT_DEATH(play("o.First", "1"), "this is no JSON object: 1");
     EXPECT_DEATH(tavrix_service_test_call(nullptr, "t.Echo", nullptr), "there is no test");
 }
 
@@ -294,11 +279,12 @@ TEST(TestKitOpen, TellsOnStandardErrorWhyAServiceCannotBe) {
         TAVRIX_METHOD("events.A", echo, "", nullptr, nullptr, 0),
         TAVRIX_METHOD_END,
     };
-    const tavrix_service_options options = options_of(two_channels);
+    const tavrix_service_options options = testee_options(two_channels);
     tavrix_service_test *test = nullptr;
     testing::internal::CaptureStderr();
     EXPECT_EQ(tavrix_service_test_open(&options, &test), TAVRIX_ERR_PARAMETER);
-    EXPECT_NE(testing::internal::GetCapturedStderr().find("two channels"), std::string::npos);
+    EXPECT_TRUE(
+        support::holds(testing::internal::GetCapturedStderr(), "Methods ports.A and events.A belong to two channels"));
     EXPECT_EQ(test, nullptr);
 }
 

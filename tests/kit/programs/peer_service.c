@@ -1,4 +1,4 @@
-/* A service that the tests kill while it waits and is waited for. */
+/* A whole service in C, which the tests kill while it waits and is waited for. */
 #include <signal.h>
 #include <stdlib.h>
 
@@ -18,7 +18,7 @@ static int ask(tavrix_call *call) {
     return never(call);
 }
 
-static int echo(tavrix_call *call) { return tavrix_call_reply(call, json_string("peer")); }
+static int echo(tavrix_call *call) { return tavrix_call_reply(call, json_integer(3)); }
 
 static const tavrix_service_method methods[] = {
     TAVRIX_METHOD("x.Never", never, "Never answers.", NULL, NULL, 0),
@@ -34,6 +34,6 @@ static int start(tavrix_service *service, void *user) {
 }
 
 int main(int argc, char **argv) {
-    const tavrix_service_options options = {.name = "peer", .methods = methods, .start = start};
+    const tavrix_service_options options = {.name = "peer", .methods = methods, .version = "1.2", .start = start};
     return tavrix_service_main(&options, argc, argv);
 }

@@ -1,31 +1,24 @@
 #include "kit/support/played_router.h"
 
-#include <cstring>
-#include <memory>
+#include <filesystem>
 
 #include <event2/event.h>
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
+#include "common/names.h"
 #include "support/json.h"
+#include "support/stream.h"
 #include "tavrix_mq.h"
 
 namespace support {
 
-namespace {
-
-std::string working_directory() {
-    char path[512];
-    return getcwd(path, sizeof path) != nullptr ? path : "";
-}
-
-} // namespace
+namespace names = tavrix::names;
 
 PlayedRouter::PlayedRouter(std::string path) : path_(std::move(path)) {
-    folder = working_directory() + "/bus";
+    folder = std::filesystem::current_path().string() + "/bus";
     mkdir(folder.c_str(), 0770);
     bus_address = "ipc://" + folder + "/router";
     listen();
@@ -34,50 +27,42 @@ PlayedRouter::PlayedRouter(std::string path) : path_(std::move(path)) {
 PlayedRouter::~PlayedRouter() { die(); }
 
 void PlayedRouter::listen() {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strcpy(address.sun_path, path_.c_str());
+    const sockaddr_un address = unix_address(path_);
     unlink(path_.c_str());
-    listener_ = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    ASSERT_EQ(bind(listener_, reinterpret_cast<sockaddr *>(&address), sizeof address), 0) << path_;
-    ASSERT_EQ(::listen(listener_, 64), 0);
+    listener_.reset(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    ASSERT_EQ(bind(listener_.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address), 0) << path_;
+    ASSERT_EQ(::listen(listener_.get(), 64), 0);
 }
 
 void PlayedRouter::hang_up() {
-    if (client_ >= 0) {
-        close(client_);
-    }
-    client_ = -1;
+    client_.reset();
     in_.clear();
     pending_register_.clear();
 }
 
 void PlayedRouter::die() {
     hang_up();
-    if (listener_ >= 0) {
-        close(listener_);
-    }
-    listener_ = -1;
+    listener_.reset();
     unlink(path_.c_str());
 }
 
 void PlayedRouter::say_bytes(const std::string &bytes) {
-    ASSERT_EQ(send(client_, bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
+    ASSERT_EQ(send(client_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
 }
 
 void PlayedRouter::say(const std::string &line) { say_bytes(line + "\n"); }
 
 void PlayedRouter::step() {
-    const int newcomer = listener_ >= 0 ? accept4(listener_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC) : -1;
+    const int newcomer = listener_ ? accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC) : -1;
     if (newcomer >= 0) {
         hang_up();
-        client_ = newcomer;
+        client_.reset(newcomer);
         const int size = 1 << 20;
-        setsockopt(client_, SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
+        setsockopt(newcomer, SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
     }
     char bytes[65536];
     size_t searched = 0;
-    const ssize_t count = client_ >= 0 ? recv(client_, bytes, sizeof bytes, 0) : -1;
+    const ssize_t count = client_ ? recv(client_.get(), bytes, sizeof bytes, 0) : -1;
     if (count == 0) {
         hang_up();
     } else if (count > 0) {
@@ -94,40 +79,35 @@ void PlayedRouter::step() {
     settle();
 }
 
-void PlayedRouter::result(const json_t *id, const std::string &value) {
-    say("{\"jsonrpc\":\"2.0\",\"id\":" + rendered(id) + ",\"result\":" + value + "}");
+void PlayedRouter::reply(const std::string &id, const std::string &error, const std::string &result) {
+    const std::string outcome = error.empty() ? "\"result\":" + result : "\"error\":" + error;
+    say("{\"jsonrpc\":\"2.0\",\"id\":" + id + "," + outcome + "}");
 }
 
 void PlayedRouter::answer(const json_t *request, const std::string &method) {
-    const json_t *id = json_object_get(request, "id");
+    const std::string id = rendered(json_object_get(request, "id"));
     const json_t *params = json_object_get(request, "params");
-    if (method == "router.Bus") {
+    if (method == names::bus) {
         if (settles) {
             open_bus();
         }
-        result(id, R"({"publish":[")" + bus_address + R"("],"folder":)" +
-                       (folder.empty() ? "null" : "\"" + folder + "\"") + ",\"services\":" + services +
-                       ",\"reply_timeout_ms\":" + std::to_string(reply_timeout_ms) + "}");
-    } else if (method == "router.Register") {
+        reply(id, "",
+              R"({"publish":[")" + bus_address + R"("],"folder":)" + (folder.empty() ? "null" : "\"" + folder + "\"") +
+                  ",\"services\":" + services + ",\"reply_timeout_ms\":" + std::to_string(reply_timeout_ms) + "}");
+    } else if (method == names::register_service) {
         registration = rendered(params);
-        if (!register_error.empty()) {
-            say("{\"jsonrpc\":\"2.0\",\"id\":" + rendered(id) + ",\"error\":" + register_error + "}");
-        } else if (!settles) {
-            result(id, "0");
-        } else {
-            pending_register_ = rendered(id);
+        if (settles && register_error.empty()) {
+            pending_register_ = id;
             connected_address_ = json_string_value(json_array_get(json_object_get(params, "publish"), 0));
-        }
-    } else if (method == "router.Describe") {
-        description = rendered(json_object_get(params, "document"));
-        if (describe_error.empty()) {
-            result(id, "0");
         } else {
-            say("{\"jsonrpc\":\"2.0\",\"id\":" + rendered(id) + ",\"error\":" + describe_error + "}");
+            reply(id, register_error);
         }
+    } else if (method == names::describe) {
+        description = rendered(json_object_get(params, "document"));
+        reply(id, describe_error);
     } else {
         patterns = method + " " + rendered(json_object_get(params, "methods"));
-        result(id, "0");
+        reply(id, "");
     }
 }
 
@@ -149,9 +129,7 @@ void PlayedRouter::open_bus() {
     if (pub.number < 0) {
         tavrix_mq_socket_init(TAVRIX_SP_PUB, &pub.number);
         tavrix_mq_socket_init(TAVRIX_SP_SUB, &sub.number);
-        int id = 0;
-        const int transport = bus_address.rfind("ipc", 0) == 0 ? TAVRIX_TRANSPORT_IPC : TAVRIX_TRANSPORT_TCP;
-        ASSERT_EQ(tavrix_mq_socket_bind(pub.number, transport, bus_address.c_str(), &id), TAVRIX_OK);
+        pub.bind(bus_address);
         tavrix_mq_socket_subscribe(sub.number, TAVRIX_ROUTER_REPLY_CHANNEL);
         tavrix_mq_socket_subscribe(sub.number, "t.");
     }
@@ -162,20 +140,58 @@ void PlayedRouter::settle() {
         return;
     }
     if (!connected_address_.empty()) {
-        int id = 0;
-        const int transport = connected_address_.rfind("ipc", 0) == 0 ? TAVRIX_TRANSPORT_IPC : TAVRIX_TRANSPORT_TCP;
-        ASSERT_EQ(tavrix_mq_socket_connect(sub.number, transport, connected_address_.c_str(), &id), TAVRIX_OK);
-        connected_address_.clear();
+        sub.connect(std::exchange(connected_address_, ""));
     }
     const std::string probe = std::string(TAVRIX_CHANNEL_DEFAULT) +
                               R"(|{"jsonrpc":"2.0","method":"service.Probe","params":{"name":"tester"}})";
     tavrix_mq_socket_send(pub.number, probe.c_str());
     for (std::string frame; take_frame(sub.number, &frame, 1);) {
-        if (frame.find("router.Hello") != std::string::npos && !pending_register_.empty()) {
-            say("{\"jsonrpc\":\"2.0\",\"id\":" + pending_register_ + ",\"result\":0}");
-            pending_register_.clear();
+        if (frame.find(names::hello) != std::string::npos && !pending_register_.empty()) {
+            reply(std::exchange(pending_register_, ""), "");
         }
     }
+}
+
+// --- Handlers ------------------------------------------------------------------------------------------------------
+
+namespace {
+
+json_int_t n_of(const tavrix_call *call) { return json_integer_value(json_object_get(tavrix_call_params(call), "n")); }
+
+} // namespace
+
+int accept(tavrix_call * /*call*/) { return TAVRIX_OK; }
+
+int echo(tavrix_call *call) {
+    json_t *params = tavrix_call_params(call);
+    return params != nullptr ? tavrix_call_reply(call, json_incref(params)) : TAVRIX_OK;
+}
+
+int fill(tavrix_call *call) {
+    return tavrix_call_reply(call, json_string(std::string(static_cast<size_t>(n_of(call)), 'x').c_str()));
+}
+
+int nest(tavrix_call *call) {
+    json_t *value = json_array();
+    for (json_int_t left = n_of(call); left > 1; --left) {
+        value = json_pack("[o]", value);
+    }
+    return tavrix_call_reply(call, value);
+}
+
+Service started_service(const char *name, const tavrix_service_method *methods, tavrix_service_options options) {
+    options.name = name;
+    options.methods = methods;
+    options.session = "session.sock";
+    options.flags |= TAVRIX_SERVICE_NO_SIGNALS;
+    tavrix_service *service = nullptr;
+    EXPECT_EQ(tavrix_service_open(&options, &service), TAVRIX_OK);
+    EXPECT_EQ(tavrix_service_start(service), TAVRIX_OK);
+    EXPECT_TRUE(wait_until([&] {
+        event_base_loop(tavrix_service_base(service), EVLOOP_NONBLOCK);
+        return tavrix_service_is_ready(service);
+    })) << name;
+    return Service(service);
 }
 
 // --- Stage ---------------------------------------------------------------------------------------------------------
@@ -192,7 +208,12 @@ Stage::Stage(const tavrix_service_method *methods, tavrix_service_options option
     EXPECT_TRUE(wait_ready());
 }
 
-Stage::~Stage() { tavrix_service_close(service); }
+Stage::~Stage() { close(); }
+
+void Stage::close() {
+    tavrix_service_close(service);
+    service = nullptr;
+}
 
 void Stage::open(const tavrix_service_method *methods, tavrix_service_options options) {
     options.name = options.name != nullptr ? options.name : "tester";
@@ -223,6 +244,13 @@ bool Stage::wait_ready() {
     return wait([this] { return tavrix_service_is_ready(service); });
 }
 
+void Stage::restart_router() {
+    router.die();
+    EXPECT_TRUE(wait([this] { return !tavrix_service_is_ready(service); }));
+    router.listen();
+    EXPECT_TRUE(wait_ready());
+}
+
 std::string Stage::next() {
     if (!wait([this] { return !router.lines.empty(); })) {
         return "(nothing)";
@@ -235,6 +263,14 @@ std::string Stage::next() {
 std::string Stage::ask(const std::string &method, const std::string &params, int transaction_id) {
     router.say(direct_request(method, params, transaction_id));
     return next();
+}
+
+std::string Stage::result_of(const std::string &method, const std::string &params) {
+    return member(ask(method, params), "result");
+}
+
+std::string Stage::code_of(const std::string &method, const std::string &params) {
+    return support::code_of(ask(method, params));
 }
 
 std::string direct_request(const std::string &method, const std::string &params, int transaction_id) {

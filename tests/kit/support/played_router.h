@@ -10,12 +10,15 @@
 
 #include <deque>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
+#include <event2/event.h>
 #include <gtest/gtest.h>
 #include <jansson.h>
 
+#include "common/handles.h"
 #include "support/bus.h"
 #include "tavrix.h"
 #include "tavrix_service.h"
@@ -35,8 +38,6 @@ class PlayedRouter {
     void die();
     /** Closes the connection alone. */
     void hang_up();
-    bool connected() const { return client_ >= 0; }
-
     /** Takes connections and lines; answers what services ask a router when `polite`. */
     void step();
     void say(const std::string &line);
@@ -59,22 +60,71 @@ class PlayedRouter {
     std::string bus_address;
     BusSocket pub;
     BusSocket sub;
-    std::vector<std::string> frames; ///< replies and hellos on the reply channel
 
   private:
     void take_line(const std::string &line);
     void answer(const json_t *request, const std::string &method);
     void open_bus();
     void settle();
-    void result(const json_t *id, const std::string &value);
+    /** An error, when there is one, in the place of the result. */
+    void reply(const std::string &id, const std::string &error, const std::string &result = "0");
 
     std::string path_;
-    int listener_ = -1;
-    int client_ = -1;
+    tavrix::Descriptor listener_;
+    tavrix::Descriptor client_;
     std::string in_;
     std::string pending_register_; ///< the id of one that waits for its hello
     std::string connected_address_;
 };
+
+// --- Handlers that many a table has ---
+
+int accept(tavrix_call *call);
+/** Answers the params. */
+int echo(tavrix_call *call);
+/** Answers a text of n characters. */
+int fill(tavrix_call *call);
+/** Answers n arrays within each other. */
+int nest(tavrix_call *call);
+
+/** A service's table of one method. */
+struct OneMethod {
+    OneMethod(const char *name, int (*handler)(tavrix_call *), const tavrix_service_param *params = nullptr,
+              const tavrix_service_param *result = nullptr, unsigned flags = 0)
+        : table{TAVRIX_METHOD(name, handler, "Does one thing.", params, result, flags), TAVRIX_METHOD_END} {}
+
+    tavrix_service_method table[2];
+};
+
+/** The same with one parameter, t.One's. */
+struct OneParam {
+    explicit OneParam(const tavrix_service_param &row) : rows{row, TAVRIX_PARAM_END} {}
+    OneParam(const OneParam &) = delete;
+    OneParam &operator=(const OneParam &) = delete;
+
+    tavrix_service_param rows[2];
+    OneMethod one{"t.One", accept, rows};
+    tavrix_service_method *table = one.table;
+};
+
+inline tavrix_service_options with_flags(unsigned flags) {
+    tavrix_service_options options = {};
+    options.flags = flags;
+    return options;
+}
+
+struct FreeBase {
+    void operator()(event_base *base) const { event_base_free(base); }
+};
+using EventBase = std::unique_ptr<event_base, FreeBase>;
+
+struct CloseService {
+    void operator()(tavrix_service *service) const { tavrix_service_close(service); }
+};
+using Service = std::unique_ptr<tavrix_service, CloseService>;
+
+/** A service on "session.sock" that is ready, on a loop of its own if none is given. */
+Service started_service(const char *name, const tavrix_service_method *methods, tavrix_service_options options = {});
 
 class Stage {
   public:
@@ -88,14 +138,20 @@ class Stage {
     ~Stage();
 
     void open(const tavrix_service_method *methods, tavrix_service_options options = {});
+    void close();
     /** Lets both move once. */
     void step();
     bool wait(const std::function<bool()> &condition, int timeout_ms = 20000);
     bool wait_ready();
+    /** The router dies and comes back: the service is ready again when this returns. */
+    void restart_router();
     /** The next line that the service writes; "(nothing)" when none comes. */
     std::string next();
     /** Sends a request on the session and gives the service's answer. */
     std::string ask(const std::string &method, const std::string &params = "{}", int transaction_id = 7);
+    /** Of this answer the result, or the code of the error. */
+    std::string result_of(const std::string &method, const std::string &params = "{}");
+    std::string code_of(const std::string &method, const std::string &params = "{}");
 
     PlayedRouter router;
     tavrix_service *service = nullptr;

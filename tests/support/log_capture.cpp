@@ -120,14 +120,21 @@ int LogCapture::count(Level level, const std::string &unit, const std::string &m
     return found;
 }
 
-std::vector<std::string> LogCapture::sequence() const {
-    std::vector<std::string> entries;
+Lines LogCapture::sequence() const {
+    Lines entries;
     for (const LogLine &line : lines()) {
         const bool ended = !line.message.empty() && line.message.back() == '\n';
         entries.push_back(line.tag + "|" +
                           (ended ? line.message.substr(0, line.message.size() - 1) : line.message + " (no line end)"));
     }
     return entries;
+}
+
+testing::AssertionResult LogCapture::said(const Lines &expected) const {
+    const Lines entries = sequence();
+    return entries == expected ? testing::AssertionSuccess()
+                               : testing::AssertionFailure() << "the log says " << testing::PrintToString(entries)
+                                                             << "\n  and not " << testing::PrintToString(expected);
 }
 
 std::vector<LogLine> parse_log(const std::string &text) {

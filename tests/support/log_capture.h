@@ -12,7 +12,11 @@
 #include <string>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 namespace support {
+
+using Lines = std::vector<std::string>;
 
 /** Seconds by the clock that stamps the lines: time() reads a coarser one, which may still be in the second before. */
 std::time_t wall_clock();
@@ -79,7 +83,9 @@ class LogCapture {
      * The messages in order, as "TAG|message": for comparing whole sequences. The newline that ends a message is left
      * out, and one that lacks it is told by " (no line end)" behind it.
      */
-    std::vector<std::string> sequence() const;
+    Lines sequence() const;
+    /** Whether this is the sequence: EXPECT_TRUE(log.said({"DEBUG|NULL pointer!"})). */
+    testing::AssertionResult said(const Lines &expected) const;
     bool silent() const { return text().empty(); }
 
   private:

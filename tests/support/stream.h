@@ -32,6 +32,9 @@ class StreamClient {
     int fd_;
 };
 
+/** The port that a TCP socket is bound to. */
+int port_of(int fd);
+
 /** How many descriptors this process has open. */
 int open_descriptors();
 

@@ -10,6 +10,7 @@
 #include "tavrix_jrpc.h"
 
 using support::Json;
+using support::Lines;
 using support::LogCapture;
 using support::parsed;
 using support::taken;
@@ -52,16 +53,13 @@ const tavrix_jrpc_method table[] = {
 
 struct Answer {
     int rc;
-    bool has_text;
-    std::string text;
+    std::string text; ///< "(null)" for none
 };
 
 Answer evaluate(const std::string &request) {
     char *text = nullptr;
     const int rc = tavrix_jrpc_eval_request(request.c_str(), table, &text);
-    Answer answer{rc, text != nullptr, text != nullptr ? text : ""};
-    free(text);
-    return answer;
+    return {rc, taken(text)};
 }
 
 /** The response as an object whose members can be compared whatever their order. */
@@ -85,12 +83,11 @@ constexpr char good[] = R"({"jsonrpc":"2.0","id":1,"method":"test.Run"})";
 TEST_F(Evaluate, RefusesEachNullArgument) {
     char stale[] = "not the library's";
     const LogCapture log("info");
-    char *text = stale;
-    EXPECT_EQ(tavrix_jrpc_eval_request(nullptr, table, &text), TAVRIX_ERR_GENERAL);
-    EXPECT_EQ(text, nullptr);
-    text = stale;
-    EXPECT_EQ(tavrix_jrpc_eval_request(good, nullptr, &text), TAVRIX_ERR_GENERAL);
-    EXPECT_EQ(text, nullptr);
+    for (const auto &[request, methods] : {std::pair(static_cast<const char *>(nullptr), &table[0]), {good, nullptr}}) {
+        char *text = stale;
+        EXPECT_EQ(tavrix_jrpc_eval_request(request, methods, &text), TAVRIX_ERR_GENERAL);
+        EXPECT_EQ(text, nullptr);
+    }
     EXPECT_EQ(tavrix_jrpc_eval_request(good, table, nullptr), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(log.count(support::error, unit, "tavrix_jrpc_eval_request: NULL pointer!\n"), 3);
     EXPECT_EQ(script.calls, 0);
@@ -135,15 +132,11 @@ TEST_F(Evaluate, WritesCompactAsciiText) {
     EXPECT_NE(answer.text.find("Z\\u00FCrich"), std::string::npos) << answer.text;
 }
 
-TEST_F(Evaluate, TakesAPositiveStatusForSuccess) {
+TEST_F(Evaluate, TakesAPositiveStatusForSuccessAndDropsItsErrorData) {
     script.rc = 3;
     script.result = json_true();
-    expect_json(evaluate(good).text, R"({"jsonrpc":"2.0","id":"test.Run","result":true})");
-}
-
-TEST_F(Evaluate, DropsErrorDataOfASuccess) {
     script.error_data = json_object();
-    expect_json(evaluate(good).text, R"({"jsonrpc":"2.0","id":"test.Run","result":0})");
+    expect_json(evaluate(good).text, R"({"jsonrpc":"2.0","id":"test.Run","result":true})");
 }
 
 TEST_F(Evaluate, ConvertsAFailureAndCarriesItsData) {
@@ -196,19 +189,18 @@ TEST_F(Evaluate, AnswersAMethodThatIsNoStringWithThatValueAsId) {
 }
 
 TEST_F(Evaluate, GivesNoResponseToANotification) {
-    const Answer success = evaluate(R"({"jsonrpc":"2.0","method":"test.Run"})");
-    EXPECT_EQ(success.rc, 0);
-    EXPECT_FALSE(success.has_text);
+    const auto outcome = [](const std::string &method) {
+        const Answer answer = evaluate(R"({"jsonrpc":"2.0","method":")" + method + "\"}");
+        EXPECT_EQ(answer.text, "(null)");
+        return answer.rc;
+    };
+    EXPECT_EQ(outcome("test.Run"), 0);
     EXPECT_EQ(script.calls, 1);
     script.rc = TAVRIX_ERR_PARAMETER;
     script.result = json_integer(1);
     script.error_data = json_object();
-    const Answer failure = evaluate(R"({"jsonrpc":"2.0","method":"test.Run"})");
-    EXPECT_EQ(failure.rc, TAVRIX_ERR_GENERAL);
-    EXPECT_FALSE(failure.has_text);
-    const Answer unknown = evaluate(R"({"jsonrpc":"2.0","method":"x"})");
-    EXPECT_EQ(unknown.rc, TAVRIX_ERR_GENERAL);
-    EXPECT_FALSE(unknown.has_text);
+    EXPECT_EQ(outcome("test.Run"), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(outcome("x"), TAVRIX_ERR_GENERAL);
 }
 
 struct Refused {
@@ -224,7 +216,7 @@ TEST_P(EvaluateRefuses, WithoutAnyResponse) {
     const LogCapture log("info");
     const Answer answer = evaluate(GetParam().request);
     EXPECT_EQ(answer.rc, TAVRIX_ERR_GENERAL);
-    EXPECT_FALSE(answer.has_text) << answer.text;
+    EXPECT_EQ(answer.text, "(null)");
     EXPECT_EQ(script.calls, 0);
     if (GetParam().line != nullptr) {
         EXPECT_EQ(log.count(support::error, unit, std::string(GetParam().line) + "\n"), 1) << log.text();
@@ -267,8 +259,7 @@ TEST_F(Evaluate, SaysWhereTheParserStopped) {
     const LogCapture log("info");
     evaluate("{\n\n]");
     ASSERT_EQ(log.lines().size(), 2U);
-    EXPECT_EQ(log.last(), support::whole(support::error, std::string("error: on line 3: ") +
-                                                             support::parse_error("{\n\n]").text + "\n"));
+    EXPECT_EQ(log.last(), std::string("ERROR|error: on line 3: ") + support::parse_error("{\n\n]").text + "\n");
 }
 
 TEST_F(Evaluate, IgnoresWhatFollowsTheObject) {
@@ -280,20 +271,16 @@ TEST_F(Evaluate, ShowsRequestAndResponseAtVerboseLevel) {
     const LogCapture log("verbose");
     const Answer answer = evaluate(R"({"jsonrpc":"2.0","id":1,"method":"test.Run"})");
     const std::string rendering = "{\n    \"jsonrpc\": \"2.0\",\n    \"id\": 1,\n    \"method\": \"test.Run\"\n}";
-    EXPECT_EQ(log.sequence(), (std::vector<std::string>{
-                                  "VERB |Valid JSON received, of length " + std::to_string(rendering.size()),
-                                  "VERB |JSON Data:\n" + rendering,
-                                  "VERB |creating response",
-                                  "DEBUG|JSON response sent, of string length " + std::to_string(answer.text.size()),
-                                  "VERB |The JSON Response was:\n" + answer.text,
-                              }));
+    EXPECT_TRUE(log.said({"VERB |Valid JSON received, of length " + std::to_string(rendering.size()),
+                          "VERB |JSON Data:\n" + rendering, "VERB |creating response",
+                          "DEBUG|JSON response sent, of string length " + std::to_string(answer.text.size()),
+                          "VERB |The JSON Response was:\n" + answer.text}));
 }
 
 TEST_F(Evaluate, ShowsOnlyTheLengthOfTheResponseAtDebugLevel) {
     const LogCapture log("debug");
     const Answer answer = evaluate(good);
-    EXPECT_EQ(log.sequence(), std::vector<std::string>{"DEBUG|JSON response sent, of string length " +
-                                                       std::to_string(answer.text.size())});
+    EXPECT_TRUE(log.said({"DEBUG|JSON response sent, of string length " + std::to_string(answer.text.size())}));
 }
 
 // --- The two builders ---
@@ -314,22 +301,11 @@ TEST(CreateResponse, RefusesNullAndBadIndentAtErrorLevel) {
     const LogCapture log("info");
     EXPECT_EQ(tavrix_jrpc_create_response(nullptr, value.get(), 0, nullptr), nullptr);
     EXPECT_EQ(tavrix_jrpc_create_response(value.get(), nullptr, 0, nullptr), nullptr);
-    EXPECT_EQ(tavrix_jrpc_create_response(value.get(), value.get(), -1, nullptr), nullptr);
-    EXPECT_EQ(tavrix_jrpc_create_response(value.get(), value.get(), 32, nullptr), nullptr);
-    EXPECT_EQ(log.sequence(), (std::vector<std::string>{
-                                  "ERROR|tavrix_jrpc_create_response: NULL pointer!",
-                                  "ERROR|tavrix_jrpc_create_response: NULL pointer!",
-                                  "ERROR|tavrix_jrpc_create_response: Invalid Indent Number",
-                                  "ERROR|tavrix_jrpc_create_response: Invalid Indent Number",
-                              }));
-}
-
-TEST(CreateResponse, IndentsFrom0To31) {
-    const Json value(json_integer(1));
-    EXPECT_EQ(taken(tavrix_jrpc_create_response(value.get(), value.get(), 31, nullptr))
-                  .find("{\n" + std::string(31, ' ') + "\""),
-              0U);
-    EXPECT_EQ(taken(tavrix_jrpc_create_response(value.get(), value.get(), 0, nullptr)).find('\n'), std::string::npos);
+    EXPECT_TRUE(log.said(Lines(2, "ERROR|tavrix_jrpc_create_response: NULL pointer!")));
+    for (const int indent : {-1, 32}) {
+        EXPECT_EQ(tavrix_jrpc_create_response(value.get(), value.get(), indent, nullptr), nullptr);
+        EXPECT_EQ(log.last(), "ERROR|tavrix_jrpc_create_response: Invalid Indent Number\n");
+    }
 }
 
 TEST(CreateResponse, ReportsWhatCannotBeRendered) {
@@ -341,18 +317,17 @@ TEST(CreateResponse, ReportsWhatCannotBeRendered) {
     const LogCapture log("info");
     EXPECT_EQ(tavrix_jrpc_create_response(loop.get(), value.get(), 0, nullptr), nullptr);
     EXPECT_EQ(tavrix_jrpc_create_error(-32001, value.get(), loop.get(), 0, nullptr), nullptr);
-    EXPECT_EQ(log.sequence(), (std::vector<std::string>{
-                                  "ERROR|tavrix_jrpc_create_response: Failed to create JRPC response",
-                                  "ERROR|tavrix_jrpc_create_error: Failed to create JRPC response",
-                              }));
+    EXPECT_TRUE(log.said({"ERROR|tavrix_jrpc_create_response: Failed to create JRPC response",
+                          "ERROR|tavrix_jrpc_create_error: Failed to create JRPC response"}));
     json_array_clear(inner);
 }
 
-TEST(CreateError, IndentsUpTo31) {
-    const Json id(json_integer(1));
-    EXPECT_EQ(taken(tavrix_jrpc_create_error(-32001, id.get(), nullptr, 31, nullptr))
-                  .find("{\n" + std::string(31, ' ') + "\""),
-              0U);
+TEST(Builders, IndentFrom0To31) {
+    const Json value(json_integer(1));
+    const std::string indented = "{\n" + std::string(31, ' ') + "\"";
+    EXPECT_EQ(taken(tavrix_jrpc_create_response(value.get(), value.get(), 31, nullptr)).find(indented), 0U);
+    EXPECT_EQ(taken(tavrix_jrpc_create_error(-32001, value.get(), nullptr, 31, nullptr)).find(indented), 0U);
+    EXPECT_EQ(taken(tavrix_jrpc_create_response(value.get(), value.get(), 0, nullptr)).find('\n'), std::string::npos);
 }
 
 TEST(CreateError, CarriesCodeMessageAndData) {
@@ -369,28 +344,21 @@ TEST(CreateError, CarriesCodeMessageAndData) {
     EXPECT_EQ(data->refcount, 1U);
 }
 
-TEST(CreateError, FallsBackForACodeWithoutMessage) {
-    const Json id(json_string("m"));
-    expect_json(taken(tavrix_jrpc_create_error(0, id.get(), nullptr, 0, nullptr)),
-                R"({"jsonrpc":"2.0","id":"m","error":{"code":0,"message":"Unknown Error","data":null}})");
-}
-
 TEST(CreateError, RefusesNullAndBadIndentAtDebugLevel) {
     const Json id(json_string("m"));
     const LogCapture log("debug");
     EXPECT_EQ(tavrix_jrpc_create_error(-32001, nullptr, nullptr, 0, nullptr), nullptr);
     EXPECT_EQ(tavrix_jrpc_create_error(-32001, id.get(), nullptr, -1, nullptr), nullptr);
     EXPECT_EQ(tavrix_jrpc_create_error(-32001, id.get(), nullptr, 32, nullptr), nullptr);
-    EXPECT_EQ(log.sequence(), (std::vector<std::string>{
-                                  "DEBUG|[tavrix_jrpc_create_error]: NULL pointer!",
-                                  "DEBUG|[tavrix_jrpc_create_error]: Invalid indent -1!",
-                                  "DEBUG|[tavrix_jrpc_create_error]: Invalid indent 32!",
-                              }));
+    EXPECT_TRUE(log.said({"DEBUG|[tavrix_jrpc_create_error]: NULL pointer!",
+                          "DEBUG|[tavrix_jrpc_create_error]: Invalid indent -1!",
+                          "DEBUG|[tavrix_jrpc_create_error]: Invalid indent 32!"}));
 }
 
-TEST(CreateError, ShowsItsTextAtErrorLevel) {
+TEST(CreateError, FallsBackForACodeWithoutMessageAndShowsItsTextAtErrorLevel) {
     const Json id(json_string("m"));
     const LogCapture log("info");
-    const std::string text = taken(tavrix_jrpc_create_error(-32001, id.get(), nullptr, 0, nullptr));
-    EXPECT_EQ(log.sequence(), std::vector<std::string>{"ERROR|JSON Response: " + text});
+    const std::string text = taken(tavrix_jrpc_create_error(0, id.get(), nullptr, 0, nullptr));
+    expect_json(text, R"({"jsonrpc":"2.0","id":"m","error":{"code":0,"message":"Unknown Error","data":null}})");
+    EXPECT_TRUE(log.said({"ERROR|JSON Response: " + text}));
 }

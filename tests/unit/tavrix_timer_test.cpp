@@ -52,7 +52,7 @@ TEST(TimerInit, WaitsUnlessExactlyOneIsGiven) {
         const LogCapture log("verbose");
         ASSERT_EQ(tavrix_timer_init(&fd, nonblock), 0);
         EXPECT_EQ((fcntl(fd, F_GETFL) & O_NONBLOCK) != 0, nonblock == 1) << nonblock;
-        EXPECT_EQ(log.sequence(), std::vector<std::string>{"VERB |Timer successfully created"});
+        EXPECT_TRUE(log.said({"VERB |Timer successfully created"}));
         ::close(fd);
     }
 }
@@ -60,7 +60,7 @@ TEST(TimerInit, WaitsUnlessExactlyOneIsGiven) {
 TEST(TimerInit, RefusesNull) {
     const LogCapture log("debug");
     EXPECT_EQ(tavrix_timer_init(nullptr, 1), TAVRIX_ERR_NULL_INPUT);
-    EXPECT_EQ(log.sequence(), std::vector<std::string>{"DEBUG|[tavrix_timer_init]: NULL pointer!"});
+    EXPECT_TRUE(log.said({"DEBUG|[tavrix_timer_init]: NULL pointer!"}));
 }
 
 TEST(TimerInit, StoresAndPrintsItsFailure) {
@@ -84,7 +84,7 @@ TEST(TimerInit, StoresAndPrintsItsFailure) {
 TEST_F(Timer, IsArmedInWholeSeconds) {
     const LogCapture log("verbose");
     EXPECT_EQ(tavrix_timer_set(fd, 1000, 5), 0);
-    EXPECT_EQ(log.sequence(), std::vector<std::string>{"VERB |Timer successfully set to 1000 period and 5 interval"});
+    EXPECT_TRUE(log.said({"VERB |Timer successfully set to 1000 period and 5 interval"}));
     const itimerspec setting = armed();
     EXPECT_EQ(setting.it_interval.tv_sec, 5);
     EXPECT_EQ(setting.it_interval.tv_nsec, 0);
@@ -95,8 +95,7 @@ TEST_F(Timer, IsArmedInWholeSeconds) {
 TEST_F(Timer, IsArmedInFractions) {
     const LogCapture log("verbose");
     EXPECT_EQ(tavrix_timer_nsec_set(fd, 1000.5F, 1.25F), 0);
-    EXPECT_EQ(log.sequence(),
-              std::vector<std::string>{"VERB |Timer successfully set to 1000.500000 period and 1.250000 interval"});
+    EXPECT_TRUE(log.said({"VERB |Timer successfully set to 1000.500000 period and 1.250000 interval"}));
     EXPECT_GE(armed().it_value.tv_sec, 900);
     EXPECT_LE(armed().it_value.tv_sec, 1000);
     EXPECT_EQ(armed().it_interval.tv_sec, 1);
@@ -208,7 +207,7 @@ TEST(TimerFree, SetsTheVariableToZero) {
     EXPECT_EQ(tavrix_timer_free(&none), 0);
     const LogCapture log("debug");
     EXPECT_EQ(tavrix_timer_free(nullptr), TAVRIX_ERR_NULL_INPUT);
-    EXPECT_EQ(log.sequence(), std::vector<std::string>{"DEBUG|[tavrix_timer_free]: NULL pointer!"});
+    EXPECT_TRUE(log.said({"DEBUG|[tavrix_timer_free]: NULL pointer!"}));
 }
 
 TEST(TimerFree, ClosesDescriptorZeroWhenRepeated) {

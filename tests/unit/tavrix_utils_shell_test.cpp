@@ -83,7 +83,7 @@ TEST(ExecCommandLine, RunsNothingForANullArgument) {
     EXPECT_EQ(mw_exec_command_line("echo > written", nullptr), 1);
     EXPECT_STREQ(out, "old");
     EXPECT_EQ(file_exists("written"), 0);
-    EXPECT_EQ(log.sequence(), (std::vector<std::string>{"ERROR|Popen error.", "ERROR|Popen error."}));
+    EXPECT_TRUE(log.said({"ERROR|Popen error.", "ERROR|Popen error."}));
 }
 
 TEST(FileExists, TellsFilesAndFoldersFromNothing) {
@@ -114,14 +114,11 @@ TEST(FileStats, ShowsTheCommandAfterEachStage) {
     write_file("listed", "12345");
     const LogCapture log("verbose");
     taken(tavrix_file_stats("listed", "list", "ed", 5));
-    EXPECT_EQ(log.sequence(),
-              (std::vector<std::string>{
-                  "VERB |[tavrix_file_stats]: cmd_str = ls -l listed",
-                  "VERB |[tavrix_file_stats]: cmd_str = ls -l listed | grep list",
-                  "VERB |[tavrix_file_stats]: cmd_str = ls -l listed | grep list | grep ed",
-                  "VERB |[tavrix_file_stats]: cmd_str = ls -l listed | grep list | grep ed | awk '{print $5}'",
-                  "VERB |[tavrix_file_stats]: cmd_ret = 5\n",
-              }));
+    EXPECT_TRUE(log.said({"VERB |[tavrix_file_stats]: cmd_str = ls -l listed",
+                          "VERB |[tavrix_file_stats]: cmd_str = ls -l listed | grep list",
+                          "VERB |[tavrix_file_stats]: cmd_str = ls -l listed | grep list | grep ed",
+                          "VERB |[tavrix_file_stats]: cmd_str = ls -l listed | grep list | grep ed | awk '{print $5}'",
+                          "VERB |[tavrix_file_stats]: cmd_ret = 5\n"}));
 }
 
 TEST(FileStats, TakesAtMost3200Characters) {
@@ -167,7 +164,7 @@ TEST(FileStats, ShowsNoCommandThatWouldBeCut) {
     for (const auto &row : rows) {
         const LogCapture log("verbose");
         EXPECT_EQ(tavrix_file_stats(row.path.c_str(), row.filter.c_str(), nullptr, 5), nullptr);
-        EXPECT_EQ(log.sequence(), row.lines);
+        EXPECT_TRUE(log.said(row.lines));
     }
 }
 
@@ -336,8 +333,7 @@ TEST(Dump, ShowsSixteenBytesALine) {
     }
     const LogCapture log("info");
     tavrix_debug_print_bytes(bytes, 18, "title");
-    EXPECT_EQ(log.sequence(),
-              std::vector<std::string>{"INFO |title\nF0 F1 F2 F3 F4 F5 F6 F7   F8 F9 FA FB FC FD FE FF \n00 01 "});
+    EXPECT_TRUE(log.said({"INFO |title\nF0 F1 F2 F3 F4 F5 F6 F7   F8 F9 FA FB FC FD FE FF \n00 01 "}));
 }
 
 TEST(Dump, TakesAnyLengthAndNullPointers) {

@@ -13,8 +13,8 @@
 #include "tavrix_utils.h"
 
 using support::Buffer;
+using support::Lines;
 using support::LogCapture;
-using Lines = std::vector<std::string>;
 
 namespace {
 
@@ -185,7 +185,7 @@ TEST(UpperCase, RefusesNullAndSaysSoAtVerboseOnly) {
     {
         const LogCapture log("verbose");
         EXPECT_EQ(tavrix_to_upper_case(nullptr, 3), TAVRIX_ERR_PARAMETER);
-        EXPECT_EQ(log.sequence(), Lines{"VERB |Received null value for tavrix_to_upper_case"});
+        EXPECT_TRUE(log.said({"VERB |Received null value for tavrix_to_upper_case"}));
         EXPECT_EQ(log.lines().front().file, unit);
     }
     const LogCapture log("debug");

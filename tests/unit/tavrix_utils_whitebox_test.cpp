@@ -17,8 +17,8 @@
 #include "tavrix_utils.h"
 
 using fault::Failing;
+using support::Lines;
 using support::LogCapture;
-using Lines = std::vector<std::string>;
 
 namespace {
 
@@ -57,7 +57,7 @@ TEST(MacVectorWithoutMemory, IsNotMadeAndRaisesSigterm) {
     const Failing once("calloc");
     EXPECT_EQ(tavrix_mac_vector_init(&vector, &array), TAVRIX_ERR_NO_MEMORY);
     EXPECT_EQ(caught.count(), 1);
-    EXPECT_EQ(log.sequence(), Lines{termination});
+    EXPECT_TRUE(log.said({termination}));
     EXPECT_EQ(array.entries, other);
     EXPECT_EQ(array.count, 1);
     EXPECT_EQ(vector.array, nullptr);
@@ -79,7 +79,7 @@ TEST(MacVectorWithoutMemory, KeepsItsEntriesAndGrowsLater) {
         const Failing once("realloc");
         EXPECT_EQ(tavrix_mac_vector_insert(&vector, "AA:BB:CC:DD:EE:FF", 1), TAVRIX_ERR_GENERAL);
         EXPECT_EQ(caught.count(), 1);
-        EXPECT_EQ(log.sequence(), Lines{termination});
+        EXPECT_TRUE(log.said({termination}));
     }
     EXPECT_EQ(vector.capacity, 8);
     EXPECT_EQ(array.count, 8);
@@ -113,7 +113,7 @@ TEST(DumpWithoutMemory, IsLeftOut) {
     EXPECT_TRUE(once.happened());
     EXPECT_TRUE(log.silent());
     tavrix_debug_print_bytes(bytes, 2, "title");
-    EXPECT_EQ(log.sequence(), Lines{"INFO |title\n12 34 "});
+    EXPECT_TRUE(log.said({"INFO |title\n12 34 "}));
 }
 
 // --- No pipe ---
@@ -124,7 +124,7 @@ TEST(ExecCommandLineWithoutAPipe, SaysSoAndLeavesItsBuffer) {
     const Failing once("popen", 1, EMFILE);
     EXPECT_EQ(mw_exec_command_line("echo new", out), 1);
     EXPECT_STREQ(out, "old");
-    EXPECT_EQ(log.sequence(), Lines{"ERROR|Popen error."});
+    EXPECT_TRUE(log.said({"ERROR|Popen error."}));
     EXPECT_EQ(log.lines().front().file, unit);
 }
 
@@ -133,7 +133,7 @@ TEST(FileStatsWithoutAPipe, SaysSoAndGivesNull) {
     const LogCapture log("info");
     const Failing once("popen", 1, EMFILE);
     EXPECT_EQ(tavrix_file_stats("listed", nullptr, nullptr, 5), nullptr);
-    EXPECT_EQ(log.sequence(), Lines{"ERROR|System: Command failed. Aborting."});
+    EXPECT_TRUE(log.said({"ERROR|System: Command failed. Aborting."}));
     EXPECT_EQ(log.lines().front().file, unit);
 }
 
@@ -152,7 +152,7 @@ TEST(BoardRevisionWithoutAPipe, IsSeven) {
     const LogCapture log("info");
     const Failing once("popen", 1, EMFILE);
     EXPECT_EQ(tavrix_get_board_rev_number(), 7);
-    EXPECT_EQ(log.sequence(), Lines{"ERROR|Could not open pipe"});
+    EXPECT_TRUE(log.said({"ERROR|Could not open pipe"}));
     EXPECT_EQ(log.lines().front().file, unit);
 }
 

@@ -17,8 +17,8 @@
 
 using fault::Failing;
 using fault::Fault;
+using support::Lines;
 using support::LogCapture;
-using Lines = std::vector<std::string>;
 
 namespace {
 
@@ -79,26 +79,23 @@ TEST(Regex, AcceptsRejectsAndSaysSo) {
     const LogCapture log("verbose");
     EXPECT_EQ(validate_against_regex("^a+$", "aaa", "Label"), 0);
     EXPECT_EQ(validate_against_regex("^a+$", "b", "Label"), TAVRIX_INVALID_NO_MATCH);
-    EXPECT_EQ(log.sequence(), (std::vector<std::string>{
-                                  "VERB |Testing [Label] value <aaa> against regex: ^a+$",
-                                  "DEBUG|Regex test passed.",
-                                  "VERB |Testing [Label] value <b> against regex: ^a+$",
-                                  "DEBUG|Validation failed: [Label] value <b> did not return a regex match.",
-                              }));
+    EXPECT_TRUE(log.said({"VERB |Testing [Label] value <aaa> against regex: ^a+$", "DEBUG|Regex test passed.",
+                          "VERB |Testing [Label] value <b> against regex: ^a+$",
+                          "DEBUG|Validation failed: [Label] value <b> did not return a regex match."}));
     EXPECT_EQ(log.lines().front().file, unit);
 }
 
 TEST(Regex, ReportsAPatternThatDoesNotCompile) {
     const LogCapture log("info");
     EXPECT_EQ(validate_against_regex("(", "x", "Label"), TAVRIX_INVALID_ENGINE);
-    EXPECT_EQ(log.sequence(), std::vector<std::string>{"ERROR|ERROR: Could not compile '(': missing )"});
+    EXPECT_TRUE(log.said({"ERROR|ERROR: Could not compile '(': missing )"}));
 }
 
 TEST(Regex, ReportsAnEngineFailure) {
     // Every way to split the letters is tried before the end does not fit.
     const LogCapture log("info");
     EXPECT_EQ(validate_against_regex("^(a+)+$", (std::string(40, 'a') + "b").c_str(), "Label"), TAVRIX_INVALID_ENGINE);
-    EXPECT_EQ(log.sequence(), std::vector<std::string>{"ERROR|Error code received from pcre_exec: -8"});
+    EXPECT_TRUE(log.said({"ERROR|Error code received from pcre_exec: -8"}));
 }
 
 TEST(Regex, CountsAMatchWithMoreGroupsThanItsVectorHolds) {
@@ -125,7 +122,7 @@ TEST(LengthAndRegex, ChecksItsBoundsBeforeThePattern) {
     for (const auto &row : rows) {
         const LogCapture log("debug");
         EXPECT_EQ(validate_length_and_regex(row.value, 3, 5, "^[a-z]*$", "Label"), row.rc);
-        EXPECT_EQ(log.sequence(), std::vector<std::string>{row.line});
+        EXPECT_TRUE(log.said({row.line}));
     }
     EXPECT_EQ(validate_length_and_regex("ab", 3, 5, "(", "Label"), TAVRIX_INVALID_TOO_SHORT)
         << "the pattern is not compiled";
@@ -139,15 +136,12 @@ TEST(Options, AreComparedInOrderAndExactly) {
     EXPECT_EQ(validate_against_options("disable", options, 3, "Label"), 0);
     EXPECT_EQ(validate_against_options("Enable", options, 2, "Label"), TAVRIX_INVALID_NOT_ALLOWED);
     EXPECT_EQ(validate_against_options("x", options, 0, "Label"), TAVRIX_INVALID_NOT_ALLOWED);
-    EXPECT_EQ(log.sequence(),
-              (std::vector<std::string>{
-                  "VERB |[Label] value <disable> did not match option <enable>",
-                  "VERB |[Label] value <disable> matches option <disable>",
-                  "VERB |[Label] value <Enable> did not match option <enable>",
-                  "VERB |[Label] value <Enable> did not match option <disable>",
-                  "DEBUG|Validation failed: Given [Label] value <Enable> is not one of the available options",
-                  "DEBUG|Validation failed: Given [Label] value <x> is not one of the available options",
-              }));
+    EXPECT_TRUE(log.said({"VERB |[Label] value <disable> did not match option <enable>",
+                          "VERB |[Label] value <disable> matches option <disable>",
+                          "VERB |[Label] value <Enable> did not match option <enable>",
+                          "VERB |[Label] value <Enable> did not match option <disable>",
+                          "DEBUG|Validation failed: Given [Label] value <Enable> is not one of the available options",
+                          "DEBUG|Validation failed: Given [Label] value <x> is not one of the available options"}));
 }
 
 TEST(Blacklist, IsTheMirrorImage) {
@@ -156,13 +150,11 @@ TEST(Blacklist, IsTheMirrorImage) {
     EXPECT_EQ(validate_against_blacklist("daemon", names, 2, "Label"), TAVRIX_INVALID_NOT_ALLOWED);
     EXPECT_EQ(validate_against_blacklist("Root", names, 1, "Label"), 0);
     EXPECT_EQ(validate_against_blacklist("x", names, 0, "Label"), 0);
-    EXPECT_EQ(log.sequence(), (std::vector<std::string>{
-                                  "VERB |[Label] value <daemon> did not match blacklist option <root>",
-                                  "DEBUG|Validation failed: [Label] value <daemon> matches blacklist option <daemon>",
-                                  "VERB |[Label] value <Root> did not match blacklist option <root>",
-                                  "DEBUG|Given [Label] value <Root> is not one of the blacklisted options",
-                                  "DEBUG|Given [Label] value <x> is not one of the blacklisted options",
-                              }));
+    EXPECT_TRUE(log.said({"VERB |[Label] value <daemon> did not match blacklist option <root>",
+                          "DEBUG|Validation failed: [Label] value <daemon> matches blacklist option <daemon>",
+                          "VERB |[Label] value <Root> did not match blacklist option <root>",
+                          "DEBUG|Given [Label] value <Root> is not one of the blacklisted options",
+                          "DEBUG|Given [Label] value <x> is not one of the blacklisted options"}));
 }
 
 // --- What a call asks of the pattern library -----------------------------------------------------------------------
@@ -208,7 +200,7 @@ TEST(PatternCompiledForTheCall, ReportsThatItCannotBeCompiled) {
     const LogCapture log("info");
     const PatternMemory memory(0);
     EXPECT_EQ(validate_against_regex(studied_pattern, "ac", "Label"), TAVRIX_INVALID_ENGINE);
-    EXPECT_EQ(log.sequence(), Lines{"ERROR|ERROR: Could not compile '^(a|b)c': failed to get memory"});
+    EXPECT_TRUE(log.said({"ERROR|ERROR: Could not compile '^(a|b)c': failed to get memory"}));
     EXPECT_EQ(memory.live_blocks(), 0);
 }
 
@@ -216,8 +208,8 @@ TEST(PatternCompiledForTheCall, ReportsThatItCannotBeStudied) {
     const LogCapture log("verbose");
     const PatternMemory memory(1);
     EXPECT_EQ(validate_against_regex(studied_pattern, "ac", "Label"), TAVRIX_INVALID_ENGINE);
-    EXPECT_EQ(log.sequence(), (Lines{"VERB |Testing [Label] value <ac> against regex: ^(a|b)c",
-                                     "ERROR|ERROR: Could not study '^(a|b)c': failed to get memory"}));
+    EXPECT_TRUE(log.said({"VERB |Testing [Label] value <ac> against regex: ^(a|b)c",
+                          "ERROR|ERROR: Could not study '^(a|b)c': failed to get memory"}));
     EXPECT_EQ(memory.live_blocks(), 0);
 }
 
@@ -232,7 +224,7 @@ TEST(KeptPattern, ThatCannotBeMadeIsReportedAndMadeLater) {
         const PatternMemory memory(0);
         EXPECT_EQ(validate_time("23:59"), TAVRIX_INVALID_ENGINE);
         EXPECT_EQ(validate_time("23:59"), TAVRIX_INVALID_ENGINE);
-        EXPECT_EQ(log.sequence(), (Lines{line, line})) << "one line for each call, nothing is retained";
+        EXPECT_TRUE(log.said({line, line})) << "one line for each call, nothing is retained";
         EXPECT_EQ(memory.live_blocks(), 0);
     }
     EXPECT_EQ(validate_time("23:59"), 0);
@@ -257,8 +249,8 @@ TEST(KeptPattern, WithoutMemoryOfItsOwnIsCompiledForTheCall) {
     const Failing ever("calloc", 1, ENOMEM, Failing::always);
     EXPECT_EQ(validate_uuid("01234567-89ab-cdef-ABCD-EF0123456789"), 0);
     EXPECT_EQ(validate_uuid("0"), TAVRIX_INVALID_NO_MATCH);
-    EXPECT_EQ(log.sequence(), (Lines{"DEBUG|Regex test passed.",
-                                     "DEBUG|Validation failed: [UUID] value <0> did not return a regex match."}));
+    EXPECT_TRUE(log.said(
+        {"DEBUG|Regex test passed.", "DEBUG|Validation failed: [UUID] value <0> did not return a regex match."}));
 }
 
 TEST(KeptPattern, WithoutMemoryForTheFastWayIsKeptAllTheSame) {

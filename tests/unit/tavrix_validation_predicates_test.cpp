@@ -4,12 +4,12 @@
 #include "tavrix_validation.h"
 
 #include <algorithm>
-#include <functional>
 #include <map>
 #include <set>
 #include <sstream>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -212,8 +212,6 @@ class Rules : public testing::TestWithParam<Field> {
 INSTANTIATE_TEST_SUITE_P(Field, Rules, testing::ValuesIn(support::pattern_fields()),
                          [](const auto &row) { return row.param.name; });
 
-} // namespace
-
 TEST_P(Rules, HoldForValidValues) {
     for (const std::string &value : GetParam().valid) {
         EXPECT_EQ(expected(GetParam(), value), 0) << value;
@@ -293,8 +291,6 @@ TEST_P(Rules, HoldForLongValues) {
 
 // --- Exhaustive ----------------------------------------------------------------------------------------------------
 
-namespace {
-
 /** Every way to write a number of up to five digits: as it is, and with leading zeros. */
 Lines writings(int n) {
     Lines texts;
@@ -311,8 +307,6 @@ class Exhaustive : public testing::Test {
     const Field &date = support::field("date");
     const Field &time = support::field("time");
 };
-
-} // namespace
 
 TEST_F(Exhaustive, NumbersFrom0To5000InEveryWriting) {
     const Field &ip_address = support::field("ip_address");
@@ -373,3 +367,5 @@ TEST_F(Exhaustive, SeparatorsOfAMacAddress) {
         check(support::field("mac_address"), text);
     }
 }
+
+} // namespace

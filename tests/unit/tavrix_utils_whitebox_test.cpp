@@ -5,7 +5,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -17,12 +16,9 @@
 #include "tavrix_utils.h"
 
 using fault::Failing;
-using support::Lines;
 using support::LogCapture;
 
 namespace {
-
-constexpr char unit[] = "tavrix_utils";
 
 std::string commands; ///< what was handed to the shell, one to a line
 
@@ -118,42 +114,26 @@ TEST(DumpWithoutMemory, IsLeftOut) {
 
 // --- No pipe ---
 
-TEST(ExecCommandLineWithoutAPipe, SaysSoAndLeavesItsBuffer) {
+TEST(ShellHelpers, SayThatThereIsNoPipe) {
     char out[80] = "old";
+    bool match = false;
+    const Failing ever("popen", 1, EMFILE, Failing::always);
     const LogCapture log("info");
-    const Failing once("popen", 1, EMFILE);
     EXPECT_EQ(mw_exec_command_line("echo new", out), 1);
     EXPECT_STREQ(out, "old");
-    EXPECT_TRUE(log.said({"ERROR|Popen error."}));
-    EXPECT_EQ(log.lines().front().file, unit);
-}
-
-TEST(FileStatsWithoutAPipe, SaysSoAndGivesNull) {
-    support::write_file("listed", "12345");
-    const LogCapture log("info");
-    const Failing once("popen", 1, EMFILE);
     EXPECT_EQ(tavrix_file_stats("listed", nullptr, nullptr, 5), nullptr);
-    EXPECT_TRUE(log.said({"ERROR|System: Command failed. Aborting."}));
-    EXPECT_EQ(log.lines().front().file, unit);
-}
-
-TEST(CheckMd5WithoutAPipe, SaysWhatTheSystemSaid) {
+    EXPECT_EQ(tavrix_get_board_rev_number(), 7);
+    EXPECT_TRUE(
+        log.said({"ERROR|Popen error.", "ERROR|System: Command failed. Aborting.", "ERROR|Could not open pipe"}));
+    for (const auto &line : log.lines()) {
+        EXPECT_EQ(line.file, "tavrix_utils");
+    }
     support::write_file("data", "hello\n");
     support::write_file("data.md5", "b1946ac92492d2347c6235b4d2611184  data\n");
-    bool match = false;
-    const LogCapture out("info");
-    const Failing once("popen", 1, EMFILE);
+    const LogCapture out_of_md5("info");
     EXPECT_EQ(tavrix_check_md5("data", "data.md5", &match), TAVRIX_ERR_GENERAL);
     EXPECT_FALSE(match);
-    EXPECT_EQ(out.text(), "popen: Too many open files\n");
-}
-
-TEST(BoardRevisionWithoutAPipe, IsSeven) {
-    const LogCapture log("info");
-    const Failing once("popen", 1, EMFILE);
-    EXPECT_EQ(tavrix_get_board_rev_number(), 7);
-    EXPECT_TRUE(log.said({"ERROR|Could not open pipe"}));
-    EXPECT_EQ(log.lines().front().file, unit);
+    EXPECT_EQ(out_of_md5.text(), "popen: Too many open files\n");
 }
 
 // --- Commands ---

@@ -41,8 +41,6 @@ std::string bytes_text(const unsigned char *bytes, int count) {
     return text;
 }
 
-} // namespace
-
 // --- MAC addresses ---
 
 TEST(MacFormat, BringsBothFormsIntoTheCanonicalOne) {
@@ -64,20 +62,18 @@ TEST(MacFormat, LeavesWhatIsNoAddressAlone) {
 }
 
 TEST(MacFormat, SaysWhatItDoes) {
-    {
-        Writable mac("aa-bb-cc-dd-ee-ff");
-        const LogCapture log("verbose");
-        tavrix_validate_and_format_mac_addr_string(mac.text);
-        EXPECT_TRUE(log.has(support::debug, unit,
-                            "Validating and reformatting given mac address string <aa-bb-cc-dd-ee-ff>\n"));
-        EXPECT_TRUE(log.has(support::verbose, unit, "Converting all characters to uppercase\n"));
-        EXPECT_TRUE(log.has(support::verbose, unit, "Replacing delimiters with ':'\n"));
-    }
-    Writable mac("short");
-    const LogCapture log("debug");
+    const LogCapture log("verbose");
+    Writable mac("aa-bb-cc-dd-ee-ff");
     tavrix_validate_and_format_mac_addr_string(mac.text);
-    EXPECT_TRUE(log.said({"DEBUG|Validating and reformatting given mac address string <short>",
-                          "DEBUG|Incorrect mac address length, aborting reformation and validation"}));
+    EXPECT_TRUE(
+        log.has(support::debug, unit, "Validating and reformatting given mac address string <aa-bb-cc-dd-ee-ff>\n"));
+    EXPECT_TRUE(log.has(support::verbose, unit, "Converting all characters to uppercase\n"));
+    EXPECT_TRUE(log.has(support::verbose, unit, "Replacing delimiters with ':'\n"));
+    Writable bad("short");
+    const LogCapture refusal("debug");
+    tavrix_validate_and_format_mac_addr_string(bad.text);
+    EXPECT_TRUE(refusal.said({"DEBUG|Validating and reformatting given mac address string <short>",
+                              "DEBUG|Incorrect mac address length, aborting reformation and validation"}));
 }
 
 TEST(MacToBytes, ConsumesTheText) {
@@ -127,8 +123,6 @@ TEST(MacList, HoldsAtMost512) {
     }
 }
 
-namespace {
-
 /** A vector bound to an array of its own. */
 struct Vector {
     tavrix_mac_array array{};
@@ -140,8 +134,6 @@ struct Vector {
     ~Vector() { free(array.entries); }
     int insert(const void *mac, int flag = 1) { return tavrix_mac_vector_insert(&vector, mac, flag); }
 };
-
-} // namespace
 
 TEST(MacVector, GrowsByDoubling) {
     Vector macs;
@@ -259,62 +251,40 @@ TEST(PortId, IsNotMadeForANegativeUnit) {
 
 TEST(PortId, IsParsed) {
     constexpr int untouched = -77;
-    const struct {
-        const char *text;
-        int rc;
-        int unit;
-        int port;
-    } rows[] = {
-        {"c12-5", 0, 12, 5},
-        {"C12/5", 0, 12, 5},
-        {"c12", 0, 12, 32767},
-        {"d3", 0, 0, 3},
-        {"D4", 0, 0, 4},
-        {"c0", 0, 0, 32767},
-        {"c1000", 0, 1000, 32767},
-        {"c5-999", 0, 5, 999},
-        {"d1000", 0, 0, 1000},
-        {"c12\n", 0, 12, 32767},
-        {"c007-09", 0, 7, 9},
-        {"c1-2\nrest", 0, 1, 2},
-        {"c1001", TAVRIX_ERR_INVALID_MZU_ID, untouched, untouched},
-        {"C9999", TAVRIX_ERR_INVALID_MZU_ID, untouched, untouched},
-        {"d1001", TAVRIX_ERR_INVALID_PORT, untouched, untouched},
-        {"x1001", TAVRIX_ERR_PARAMETER, untouched, untouched},
-        {"c5-1000", TAVRIX_ERR_INVALID_PORT, 5, untouched},
-        {"d3-1", TAVRIX_ERR_PARAMETER, untouched, untouched},
-        {"x3", TAVRIX_ERR_PARAMETER, untouched, untouched},
-        {"x3-1", TAVRIX_ERR_PARAMETER, untouched, untouched},
-        {"c", TAVRIX_ERR_PARAMETER, untouched, untouched},
-        {"", TAVRIX_ERR_PARAMETER, untouched, untouched},
-        {"12", TAVRIX_ERR_PARAMETER, untouched, untouched},
-        {"cc1", TAVRIX_ERR_PARAMETER, untouched, untouched},
-        {"c1-", TAVRIX_ERR_PARAMETER, untouched, untouched},
-        {"c1--2", TAVRIX_ERR_PARAMETER, untouched, untouched},
-        {"c1-x2", TAVRIX_ERR_PARAMETER, untouched, untouched},
-        {"c1-2x", TAVRIX_ERR_PARAMETER, untouched, untouched},
-        {"c1x", TAVRIX_ERR_PARAMETER, untouched, untouched},
-        {"c1 ", TAVRIX_ERR_PARAMETER, untouched, untouched},
-        {"c-1", TAVRIX_ERR_PARAMETER, untouched, untouched},
-        {"c12345678901", TAVRIX_ERR_INVALID_MZU_ID, untouched, untouched},
-        {"c123456789012", TAVRIX_ERR_INVALID_MZU_ID, untouched, untouched},
-        {"c1234567890123", TAVRIX_ERR_PARAMETER, untouched, untouched},
-        {"c1-2-3", TAVRIX_ERR_PARAMETER, untouched, untouched},
+    constexpr int whole_unit = 32767;
+    const auto expect = [](const char *text, int rc, int of_unit, int port) {
+        int parsed_unit = untouched;
+        int parsed_port = untouched;
+        EXPECT_EQ(tavrix_parse_mzu_port_id(&parsed_unit, &parsed_port, text), rc) << text;
+        EXPECT_EQ(parsed_unit, of_unit) << text;
+        EXPECT_EQ(parsed_port, port) << text;
     };
-    for (const auto &row : rows) {
-        int unit_number = untouched;
-        int port = untouched;
-        EXPECT_EQ(tavrix_parse_mzu_port_id(&unit_number, &port, row.text), row.rc) << row.text;
-        EXPECT_EQ(unit_number, row.unit) << row.text;
-        EXPECT_EQ(port, row.port) << row.text;
+    expect("c12-5", 0, 12, 5);
+    expect("C12/5", 0, 12, 5);
+    expect("c12", 0, 12, whole_unit);
+    expect("d3", 0, 0, 3);
+    expect("D4", 0, 0, 4);
+    expect("c0", 0, 0, whole_unit);
+    expect("c1000", 0, 1000, whole_unit);
+    expect("c5-999", 0, 5, 999);
+    expect("d1000", 0, 0, 1000);
+    expect("c12\n", 0, 12, whole_unit);
+    expect("c007-09", 0, 7, 9);
+    expect("c1-2\nrest", 0, 1, 2);
+    expect("c5-1000", TAVRIX_ERR_INVALID_PORT, 5, untouched);
+    expect("d1001", TAVRIX_ERR_INVALID_PORT, untouched, untouched);
+    for (const char *text : {"c1001", "C9999", "c12345678901", "c123456789012"}) {
+        expect(text, TAVRIX_ERR_INVALID_MZU_ID, untouched, untouched);
+    }
+    for (const char *text : {"x1001", "d3-1", "x3", "x3-1", "c", "", "12", "cc1", "c1-", "c1--2", "c1-x2", "c1-2x",
+                             "c1x", "c1 ", "c-1", "c1234567890123", "c1-2-3"}) {
+        expect(text, TAVRIX_ERR_PARAMETER, untouched, untouched);
     }
     int value = 0;
     EXPECT_EQ(with_each_null(tavrix_parse_mzu_port_id, &value, &value, "c1"), Statuses(3, TAVRIX_ERR_PARAMETER));
 }
 
 // --- Port lines ---
-
-namespace {
 
 tavrix_port_list four_ports() {
     tavrix_port_list list{};
@@ -340,8 +310,6 @@ Line line_of(const tavrix_port_list &list, int cursor, int width) {
     EXPECT_EQ(buffer.back(), '~') << "wrote past the line";
     return {rc, buffer.c_str(), cursor};
 }
-
-} // namespace
 
 TEST(PortLine, ShowsWhatFitsAndPadsTheRest) {
     const tavrix_port_list list = four_ports();
@@ -459,3 +427,5 @@ TEST(Version, IsComparedNumberByNumber) {
     }
     EXPECT_EQ(with_each_null(tavrix_utils_sw_version_strcmp, "1", "1"), Statuses(2, TAVRIX_ERR_NULL_INPUT));
 }
+
+} // namespace

@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -28,6 +29,7 @@ constexpr int wait_timeout_ms = 700;
 constexpr int caller_patience_ms = 10000; // the router's reply time-out, unless it is told another
 constexpr int lock_patience_ms = 1000;
 constexpr char link_changed[] = "events.LinkChanged";
+constexpr char get_power[] = "ports.poe.GetInstantPower";
 const std::string done = R"({"result":0})";
 const std::string deferred = "(none)";
 
@@ -172,9 +174,10 @@ TEST_F(PortsService, PutsAPortIntoVlansAndTakesItOut) {
 }
 
 TEST_F(PortsService, GetsTheInstantPowerOfAPort) {
-    EXPECT_EQ(call("ports.poe.GetInstantPower", R"({"port_id":"c1-1"})"),
-              result(R"({"port_id":"c1-1","power_mw":4200})"));
-    EXPECT_EQ(call("ports.poe.GetInstantPower", R"({"port_id":"c1-3"})"), result(R"({"port_id":"c1-3","power_mw":0})"));
+    for (const auto &[port, power] : {std::pair("c1-1", "4200"), {"c1-3", "0"}}) {
+        const std::string port_id = std::string(R"({"port_id":")") + port + "\"";
+        EXPECT_EQ(call(get_power, port_id + "}"), result(port_id + R"(,"power_mw":)" + power + "}"));
+    }
 }
 
 TEST_F(PortsService, PutsNewMacFiltersInThePlaceOfThePorts) {
@@ -251,7 +254,7 @@ TEST_F(PortsService, RefusesUnitsAndTheFleetWhereOnePortIsMeant) {
                 << method << port_id;
         }
     }
-    driven->expect_refusal("ports.poe.GetInstantPower", "", "port_id", "\"d1\"", "is not a port c1-1 to c128-99",
+    driven->expect_refusal(get_power, "", "port_id", "\"d1\"", "is not a port c1-1 to c128-99",
                            TAVRIX_JRPC_EXPECTED_C_PORT);
 }
 
@@ -342,8 +345,9 @@ TEST_F(PortsService, RefusesAUnitWhoseMembersAreNotInOrder) {
 }
 
 TEST_F(PortsService, TakesNoMethodThatItDoesNotHave) {
-    EXPECT_EQ(code_of(call("ports.Nothing")), std::to_string(TAVRIX_JRPC_METHOD_NOT_FOUND));
-    EXPECT_EQ(code_of(call("ports.get", R"({"port_id":"d1"})")), std::to_string(TAVRIX_JRPC_METHOD_NOT_FOUND));
+    for (const char *method : {"ports.Nothing", "ports.get"}) {
+        EXPECT_EQ(code_of(call(method, R"({"port_id":"d1"})")), std::to_string(TAVRIX_JRPC_METHOD_NOT_FOUND));
+    }
 }
 
 TEST_F(PortsService, TellsNobodyWhoWantsNoAnswer) {
@@ -372,9 +376,8 @@ TEST_F(PortsService, TellsPortsFromUnitsThatAreNotThere) {
 }
 
 TEST_F(PortsService, TellsWhyAPortHasNoPower) {
-    constexpr char method[] = "ports.poe.GetInstantPower";
-    driven->expect_failure(method, R"({"port_id":"c1-4"})", TAVRIX_JRPC_NO_POE, TAVRIX_ERR_NO_POE);
-    driven->expect_failure(method, R"({"port_id":"c3-1"})", TAVRIX_JRPC_MZU_OFFLINE, TAVRIX_ERR_MZU_OFFLINE);
+    driven->expect_failure(get_power, R"({"port_id":"c1-4"})", TAVRIX_JRPC_NO_POE, TAVRIX_ERR_NO_POE);
+    driven->expect_failure(get_power, R"({"port_id":"c3-1"})", TAVRIX_JRPC_MZU_OFFLINE, TAVRIX_ERR_MZU_OFFLINE);
 }
 
 TEST_F(PortsService, RegistersNoUnitTwiceAndNoneOfAnUnknownModel) {
@@ -525,54 +528,49 @@ TEST_F(PortsService, ShowsNoStoredValueThatIsNone) {
     sql.run("PRAGMA ignore_check_constraints = ON");
     const struct {
         const char *set;
-        const char *method;
-        const char *params;
         const char *noun;
+        const char *port_id = "d1"; ///< null: the list of units shows it
     } rows[] = {
-        {"ports SET status = 2", "ports.Get", R"({"port_id":"d1"})", "2 for a port status"},
-        {"ports SET status = -1", "ports.Get", R"({"port_id":"all"})", "-1 for a port status"},
-        {"ports SET status = 4294967297", "ports.Get", R"({"port_id":"d1"})",
-         "in column status what is no number, or none of 32 bits"}, // 1 when cut
-        {"ports SET status = 'on'", "ports.Get", R"({"port_id":"d1"})", "in column status what is no number"},
-        {"vlan_members SET vlan_id = 4093 WHERE vlan_id = 10", "ports.Get", R"({"port_id":"d1"})",
-         "an invalid VLAN id"},
-        {"vlan_members SET vlan_id = 4294967297 WHERE vlan_id = 10", "ports.Get", R"({"port_id":"d1"})",
-         "an invalid VLAN id"},
-        {"ports SET poe_status = 5", "ports.Get", R"({"port_id":"d1"})", "5 for a PoE status"},
-        {"ports SET link_status = 4", "ports.Get", R"({"port_id":"d1"})", "4 for a link status"},
-        {"ports SET link_speed = 7", "ports.Get", R"({"port_id":"d1"})", "7 for a link speed"},
-        {"ports SET vlan_mode = 5", "ports.Get", R"({"port_id":"d1"})", "5 for a VLAN mode"},
-        {"units SET model = 11", "mzu.List", "{}", "11 for a model"},
-        {"ports SET link_speed = 2147483647", "ports.Get", R"({"port_id":"c1"})", "2147483647 for a link speed"},
-        {"ports SET vlan_mode = -2147483648", "ports.Get", R"({"port_id":"c1"})", "-2147483648 for a VLAN mode"},
-        {"units SET model = -1", "mzu.List", "{}", "-1 for a model"},
+        {"ports SET status = 2", "2 for a port status"},
+        {"ports SET status = -1", "-1 for a port status", "all"},
+        {"ports SET status = 4294967297", "in column status what is no number, or none of 32 bits"}, // 1 when cut
+        {"ports SET status = 'on'", "in column status what is no number"},
+        {"vlan_members SET vlan_id = 4093 WHERE vlan_id = 10", "an invalid VLAN id"},
+        {"vlan_members SET vlan_id = 4294967297 WHERE vlan_id = 10", "an invalid VLAN id"},
+        {"ports SET poe_status = 5", "5 for a PoE status"},
+        {"ports SET link_status = 4", "4 for a link status"},
+        {"ports SET link_speed = 7", "7 for a link speed"},
+        {"ports SET vlan_mode = 5", "5 for a VLAN mode"},
+        {"units SET model = 11", "11 for a model", nullptr},
+        {"ports SET link_speed = 2147483647", "2147483647 for a link speed", "c1"},
+        {"ports SET vlan_mode = -2147483648", "-2147483648 for a VLAN mode", "c1"},
+        {"units SET model = -1", "-1 for a model", nullptr},
     };
     for (const auto &row : rows) {
+        const auto show = [&] { return row.port_id != nullptr ? get(row.port_id) : call("mzu.List"); };
         sql.run(std::string("UPDATE ") + row.set);
-        EXPECT_EQ(code_and_words(call(row.method, row.params)),
+        EXPECT_EQ(code_and_words(show()),
                   code_and_words(TAVRIX_JRPC_DATABASE_ERROR, std::string("The database holds an invalid value.")))
             << row.set;
         EXPECT_TRUE(driven->logged((std::string("ERROR The database holds ") + row.noun).c_str())) << row.set;
         sql.run("UPDATE ports SET status = 1, poe_status = 0, link_status = 0, link_speed = 0, vlan_mode = 1");
         sql.run("UPDATE units SET model = 1");
         sql.run("UPDATE vlan_members SET vlan_id = 10 WHERE vlan_id > 4092");
-        EXPECT_NE(member(call(row.method, row.params), "result"), "(none)") << row.set;
+        EXPECT_NE(member(show(), "result"), "(none)") << row.set;
     }
 }
 
 TEST_F(PortsService, ShowsNoPowerThatNoPortDraws) {
     const Sql sql;
+    const std::string port_id = R"({"port_id":"c1-1")";
     sql.run("PRAGMA ignore_check_constraints = ON");
-    for (const char *power : {"-1", "4294967297"}) {
-        sql.run(std::string("UPDATE ports SET power_mw = ") + power);
-        EXPECT_EQ(code_of(call("ports.poe.GetInstantPower", R"({"port_id":"c1-1"})")),
-                  std::to_string(TAVRIX_JRPC_DATABASE_ERROR))
-            << power;
-        EXPECT_TRUE(driven->logged((std::string("ERROR The database holds ") + power + " for a power").c_str()));
+    for (const std::string power : {"-1", "4294967297"}) {
+        sql.run("UPDATE ports SET power_mw = " + power);
+        EXPECT_EQ(code_of(call(get_power, port_id + "}")), std::to_string(TAVRIX_JRPC_DATABASE_ERROR)) << power;
+        EXPECT_TRUE(driven->logged(("ERROR The database holds " + power + " for a power").c_str()));
     }
     sql.run("UPDATE ports SET power_mw = 2147483647");
-    EXPECT_EQ(call("ports.poe.GetInstantPower", R"({"port_id":"c1-1"})"),
-              result(R"({"port_id":"c1-1","power_mw":2147483647})"));
+    EXPECT_EQ(call(get_power, port_id + "}"), result(port_id + R"(,"power_mw":2147483647})"));
 }
 
 TEST_F(PortsService, LeavesNothingHalfDone) {
@@ -628,12 +626,9 @@ TEST_F(PortsService, AnswersEverybodyWhoWaitsWithTheNextLinkChange) {
     EXPECT_EQ(driven->next_outcome(), result(R"({"number":8})"));
     driven->advance(wait_timeout_ms);
     EXPECT_EQ(driven->next_outcome(), deferred) << "those times are over with their waits";
-}
-
-TEST_F(PortsService, AnswersWithNullWhenALinkChangeTellsNothing) {
-    call("ports.WaitLinkChanged");
+    EXPECT_EQ(call("ports.WaitLinkChanged"), deferred);
     driven->notify(link_changed, nullptr);
-    EXPECT_EQ(driven->next_outcome(), result("null"));
+    EXPECT_EQ(driven->next_outcome(), result("null")) << "a change that tells nothing";
 }
 
 TEST_F(PortsService, EndsEachWaitInItsOwnTime) {

@@ -99,7 +99,6 @@ longest=900
 declare -A longer=( # its own limit, and the reason
     [src/tavrix_jrpc.cpp]="1300 its log lines carry one unit name and a line number"
     [tests/system/router_test.cpp]="1100 the router's black-box behaviour, one fixture"
-    [tests/unit/tavrix_mq_test.cpp]="1050 one unit"
 )
 while read -r lines file; do
     file=${file#./}

@@ -3,6 +3,7 @@
  */
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -219,20 +220,15 @@ TEST_F(EventsService, GivesEachCallerTheAnswerToHisQuestion) {
 }
 
 TEST_F(EventsService, PassesTheErrorOfThePortsServiceOnAsItCame) {
-    const struct {
-        const char *played;
-        const char *data;
-    } rows[] = {
-        {R"({"error":{"code":-32034,"message":"m","data":{"message":"why","more":[1]}}})",
-         R"({"message":"why","more":[1]})"},
-        {R"({"error":{"code":-32034,"message":"m","data":null}})", "null"},
-        {R"({"error":{"code":-32034,"message":"m"}})", "null"},
-    };
-    for (const auto &row : rows) {
-        driven->play(ports_get, row.played);
+    for (const auto &[played, data] :
+         {std::pair(R"({"error":{"code":-32034,"message":"m","data":{"message":"why","more":[1]}}})",
+                    R"({"message":"why","more":[1]})"),
+          {R"({"error":{"code":-32034,"message":"m","data":null}})", "null"},
+          {R"({"error":{"code":-32034,"message":"m"}})", "null"}}) {
+        driven->play(ports_get, played);
         const std::string error = member(describe("d1"), "error");
-        EXPECT_EQ(member(error, "code"), "-32034") << row.played;
-        EXPECT_EQ(member(error, "data"), row.data) << row.played;
+        EXPECT_EQ(member(error, "code"), "-32034") << played;
+        EXPECT_EQ(member(error, "data"), data) << played;
     }
 }
 

@@ -2,12 +2,10 @@
  * The level "off" changes what is written and nothing else: every refusal below has the same outcome as at the level
  * "verbose", where it says why.
  */
-#include <cstdlib>
 #include <functional>
 #include <ostream>
 #include <string>
 #include <utility>
-#include <vector>
 
 #include <gtest/gtest.h>
 

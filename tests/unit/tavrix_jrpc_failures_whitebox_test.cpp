@@ -57,8 +57,6 @@ constexpr char no_response[] = "ERROR|tavrix_jrpc_create_response: Failed to cre
 constexpr char no_error[] = "ERROR|tavrix_jrpc_create_error: Failed to create JRPC response";
 constexpr char no_transaction[] = "ERROR|tavrix_jrpc_eval_request: Failed to add Transaction ID to response";
 
-} // namespace
-
 TEST(EvaluateFailures, TurnAResponseThatCannotBeBuiltIntoAnInternalError) {
     for (const auto &[function, call] :
          {std::pair("realloc", 1), {"json_dump_callback", 1}, {"json_dump_callback", 2}, {"json_dump_callback", 3}}) {
@@ -213,8 +211,6 @@ TEST(NotificationWaitFailures, OnlyLogATimeOutThatCannotBeRestored) {
 
 // --- Router ---
 
-namespace {
-
 struct RouterFailure {
     const char *name;
     const char *function;
@@ -228,8 +224,6 @@ INSTANTIATE_TEST_SUITE_P(Calls, RouterFailures,
                                          RouterFailure{"Update", "json_object_set_new", "Cannot update JSON ID"},
                                          RouterFailure{"Encode", "json_dumps", "Cannot re-encode JSON message"}),
                          [](const auto &row) { return row.param.name; });
-
-} // namespace
 
 TEST_P(RouterFailures, AreReportedOnBothPaths) {
     char *request = nullptr;
@@ -323,3 +317,5 @@ TEST(SystemResponseFailures, GiveNull) {
     EXPECT_EQ(response, nullptr);
     EXPECT_EQ(log.sequence().front(), no_transaction);
 }
+
+} // namespace

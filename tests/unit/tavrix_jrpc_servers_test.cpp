@@ -82,8 +82,6 @@ INSTANTIATE_TEST_SUITE_P(
                            "[tavrix_jrpc_socket_run]: Error response!\n"}),
     [](const auto &row) { return row.param.name; });
 
-} // namespace
-
 TEST_P(StreamServer, AnswersOneRequestAndClosesWithoutLeavingADescriptorOpen) {
     const std::string too_long = std::string(1024 - sizeof request + 2, ' ') + request; // its last byte is the 1025th
     const struct {
@@ -207,8 +205,6 @@ TEST(ServerInit, RefusesNull) {
 
 // --- Pull server ---
 
-namespace {
-
 class PullServer : public testing::Test {
   protected:
     void SetUp() override {
@@ -224,8 +220,6 @@ class PullServer : public testing::Test {
     BusSocket pull;
     BusSocket push{TAVRIX_SP_PUSH};
 };
-
-} // namespace
 
 TEST_F(PullServer, EvaluatesAMessageAsItIsAndAnswersNothing) {
     EXPECT_EQ(serve(R"({"jsonrpc":"2.0","method":"x.Say"})"), 0);
@@ -284,3 +278,5 @@ TEST(PullServerInit, GoesOnToTheBindWhenNoBusSocketIsLeft) {
     EXPECT_TRUE(log.said({"ERROR|[tavrix_jrpc_tcp_socket_init]: cannot init pull socket!",
                           "ERROR|[tavrix_jrpc_mq_pub_init]: Error mq_socket_bind for pull, rc = -1"}));
 }
+
+} // namespace

@@ -4,7 +4,6 @@
 #include "tavrix_jrpc_utils.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <regex>
@@ -61,11 +60,7 @@ std::string list(const std::vector<std::string> &elements) {
 
 std::string text_of(int n) { return std::to_string(n); }
 
-} // namespace
-
 // --- Ports, and of their hardware alone ----------------------------------------------------------------------------
-
-namespace {
 
 constexpr int32_t filled = 0x5a5a5a5a;
 constexpr int room = 6;
@@ -150,8 +145,6 @@ template <class Kind>
 class RetrievePortLists : public testing::Test {};
 using Kinds = testing::Types<Ports, PortsHardware>;
 TYPED_TEST_SUITE(RetrievePortLists, Kinds, );
-
-} // namespace
 
 TYPED_TEST(RetrievePortLists, FillOneRecordForEachElement) {
     TypeParam ports(ports_json(3));
@@ -274,8 +267,6 @@ TEST(RetrievePorts, WritesTheNumberAndTheVlanIdsStraightIntoTheRecord) {
     EXPECT_EQ(ports.records[0].vlan_mode, filled);
 }
 
-namespace {
-
 /** What is said of the parameters: of port 1, member for member. */
 Lines lines_of_port_1(const char *kind, const std::vector<Member> &plain) {
     Lines lines = {std::string("VERB |Retrieving ports") + kind + " input...",
@@ -292,8 +283,6 @@ Lines lines_of_port_1(const char *kind, const std::vector<Member> &plain) {
     }
     return lines;
 }
-
-} // namespace
 
 TEST(RetrievePorts, ReadsInItsOrder) {
     const LogCapture log("verbose");
@@ -331,8 +320,6 @@ TEST(RetrievePorts, NumbersItsElementsFromZeroAndStopsAtTheFirstBadOne) {
 
 // --- MAC filters ---------------------------------------------------------------------------------------------------
 
-namespace {
-
 tavrix_mac_filter *const untouched_filters = reinterpret_cast<tavrix_mac_filter *>(0x10);
 constexpr auto read_filters = tavrix_jrpc_utils_retrieve_input_mac_filters;
 
@@ -356,8 +343,6 @@ struct MacFilters {
 std::string filter(const std::string &mac, const std::string &mask) { return object({{"mac", mac}, {"mask", mask}}); }
 
 const std::string good_filter = filter(R"("aa:bb:cc:dd:ee:0f")", R"("ff:ff:ff:00:00:00")");
-
-} // namespace
 
 TEST(RetrieveMacFilters, ReadsEveryElementInCanonicalForm) {
     const MacFilters read(list({good_filter, filter(R"("01-23-45-67-89-AB")", R"("FF-FF-FF-FF-FF-FF")")}));
@@ -462,16 +447,12 @@ TEST(RetrieveMacFilters, ReadsALongList) {
 
 // --- Allowed MAC address -------------------------------------------------------------------------------------------
 
-namespace {
-
 /** {"field": value} */
 std::string json(const std::string &value) { return support::taken(json_pack("{s:s}", "field", value.c_str())); }
 
 int retrieve_allowed(Params &params, Buffer &out) {
     return params.read(tavrix_jrpc_utils_retrieve_input_macaddr_allowed, "field", out.get(), out.size());
 }
-
-} // namespace
 
 TEST(RetrieveMacaddrAllowed, AcceptsAnAddressInCanonicalForm) {
     const LogCapture log("verbose");
@@ -522,15 +503,11 @@ TEST(RetrieveMacaddrAllowed, StaysWithinBuffersOfAnySize) {
 
 // --- Alias ---------------------------------------------------------------------------------------------------------
 
-namespace {
-
 constexpr char alias_message[] = "Alias must be 8 characters or fewer.";
 
 int retrieve_alias(Params &params, Buffer &out, const char *key = "field") {
     return params.read(tavrix_jrpc_utils_retrieve_input_alias, key, out.get(), out.size());
 }
-
-} // namespace
 
 TEST(RetrieveAlias, ComesBackInUpperCase) {
     const struct {
@@ -598,8 +575,6 @@ TEST(RetrieveAlias, MeasuresWhatFitTheBuffer) {
 
 // --- Secure option -------------------------------------------------------------------------------------------------
 
-namespace {
-
 struct SecureOption {
     Params params;
     int out = 77;
@@ -608,17 +583,11 @@ struct SecureOption {
     int parse() { return params.read(tavrix_jrpc_utils_parse_input_secure_option, "field", &out); }
 };
 
-} // namespace
-
 TEST(ParseSecureOption, MapsItsThreeWords) {
-    const struct {
-        const char *word;
-        int value;
-    } rows[] = {{"current", 0}, {"enable", 1}, {"disable", 2}};
-    for (const auto &row : rows) {
-        SecureOption option(json(row.word));
+    for (const auto &[word, value] : {std::pair("current", 0), {"enable", 1}, {"disable", 2}}) {
+        SecureOption option(json(word));
         EXPECT_EQ(option.parse(), 0);
-        EXPECT_EQ(option.out, row.value);
+        EXPECT_EQ(option.out, value);
         EXPECT_EQ(option.params.message(), "(none)");
     }
 }
@@ -680,8 +649,6 @@ TEST(ParseSecureOption, ReportsNullArgumentsWithoutALineEnd) {
 
 // --- List of MAC addresses -----------------------------------------------------------------------------------------
 
-namespace {
-
 std::string mac_of(int n) {
     char text[20];
     std::snprintf(text, sizeof text, "00:00:00:00:%02X:%02X", static_cast<unsigned>(n) / 256U % 256U,
@@ -704,8 +671,6 @@ struct Macs {
     int populate(int count) { return tavrix_jrpc_utils_populate_json_mac_addresses_array(&out, texts.get(), count); }
     Json array() { return Json(std::exchange(out, untouched_array)); }
 };
-
-} // namespace
 
 TEST(PopulateMacAddresses, ListsUpTo512) {
     for (const int count : {-1, 0, 1, 511, 512, 513, 600}) {
@@ -792,3 +757,5 @@ TEST(PopulateMacAddresses, AnswersEveryShortageOfMemoryWithoutALeak) {
     EXPECT_GT(shortened, 0);
     EXPECT_GT(given_up, 0);
 }
+
+} // namespace

@@ -120,8 +120,6 @@ class Parsers : public testing::TestWithParam<Parser> {
 
 INSTANTIATE_TEST_SUITE_P(Type, Parsers, testing::ValuesIn(parsers()), [](const auto &row) { return row.param.name; });
 
-} // namespace
-
 TEST_P(Parsers, TakeTheirOwnTypeAndNoOther) {
     for (const std::string member :
          {"null", "true", "false", "0", "-1", "17", "3.0", "1e2", R"("s")", R"("")", R"("17")", "[]", "[1]", "{}"}) {
@@ -263,13 +261,9 @@ TEST(BorrowingParsers, StoreTheMemberBeforeItsTypeIsTested) {
 
 // --- String --------------------------------------------------------------------------------------------------------
 
-namespace {
-
 int read_text(Params &params, const char *key, Buffer &out) {
     return params.read(tavrix_jrpc_utils_parse_input_string, key, out.get(), out.size());
 }
-
-} // namespace
 
 TEST(ParseString, CutsWhatDoesNotFitAndClearsTheRest) {
     const std::string digits = "0123456789";
@@ -316,8 +310,6 @@ TEST(ParseString, TakesFormatCharactersAndUtf8AsTheyAre) {
 
 // --- Numbers, also in strings --------------------------------------------------------------------------------------
 
-namespace {
-
 template <class Number>
 struct Reading {
     std::string value; ///< what the text holds, or the number itself
@@ -335,8 +327,6 @@ void expect_readings(int (*parser)(json_t *, json_t **, const char *, Number *),
         EXPECT_EQ(out, row.expected) << row.value;
     }
 }
-
-} // namespace
 
 TEST(ParseInteger, KeepsTheLow32Bits) {
     expect_readings<int>(tavrix_jrpc_utils_parse_input_integer, "",
@@ -437,3 +427,5 @@ TEST(DebugMessage, StaysAwayWhenTheCutTextIsNoJsonString) {
     EXPECT_EQ(params.read(tavrix_jrpc_utils_parse_input_integer, key.c_str(), &out), TAVRIX_ERR_PARAMETER_NOT_FOUND);
     EXPECT_EQ(params.message(), "(none)");
 }
+
+} // namespace

@@ -62,8 +62,6 @@ class Retrievers : public testing::TestWithParam<Field> {
 INSTANTIATE_TEST_SUITE_P(Field, Retrievers, testing::ValuesIn(texts_and_numbers()),
                          [](const auto &row) { return row.param.name; });
 
-} // namespace
-
 TEST_P(Retrievers, PassOnWhatTheParserFinds) {
     Params missing(R"({"other": 1})");
     EXPECT_EQ(retrieve(missing), TAVRIX_ERR_PARAMETER_NOT_FOUND);
@@ -128,8 +126,6 @@ TEST_P(Retrievers, WorkWithoutAPlaceForTheMessage) {
 }
 
 // --- Text fields ---------------------------------------------------------------------------------------------------
-
-namespace {
 
 /** Whether a port is what the parameters name, whichever it is. */
 int retrieve_any_port(json_t *params, json_t **debug_message, const char *key, char *out, size_t out_size) {
@@ -198,8 +194,6 @@ class TextRetrievers : public testing::TestWithParam<TextRow> {
 
 INSTANTIATE_TEST_SUITE_P(Field, TextRetrievers, testing::ValuesIn(text_rows()),
                          [](const auto &row) { return row.param.field; });
-
-} // namespace
 
 TEST(TextRetrievers, AreSeventeen) { EXPECT_EQ(text_rows().size(), 17U); }
 
@@ -288,8 +282,6 @@ TEST(RetrieveUsername, JudgesTheValueThatFitTheBuffer) {
 
 // --- Number fields -------------------------------------------------------------------------------------------------
 
-namespace {
-
 struct NumberRow {
     const char *field;
     int (*retrieve)(json_t *params, json_t **debug_message, const char *key, int *out);
@@ -342,8 +334,6 @@ class NumberRetrievers : public testing::TestWithParam<NumberRow> {
 
 INSTANTIATE_TEST_SUITE_P(Field, NumberRetrievers, testing::ValuesIn(number_rows()),
                          [](const auto &row) { return row.param.field; });
-
-} // namespace
 
 TEST(NumberRetrievers, AreNine) { EXPECT_EQ(number_rows().size(), 9U); }
 
@@ -401,8 +391,6 @@ TEST(RetrieveVlanId, JudgesTheLow32Bits) {
 
 // --- Port id -------------------------------------------------------------------------------------------------------
 
-namespace {
-
 /** The kinds of port ids that a caller allows. */
 struct Allowed {
     bool all;
@@ -445,8 +433,6 @@ int retrieve_port_id(Params &params, Buffer &out, const Allowed &allowed) {
     return params.read(tavrix_jrpc_utils_retrieve_input_port_id, "field", out.get(), out.size(), allowed.all,
                        allowed.mzu_id, allowed.c_port, allowed.d_port);
 }
-
-} // namespace
 
 TEST(RetrievePortId, DecidesEveryKindUnderEveryCombinationOfFlagsAndSaysWhatItAccepts) {
     for (int flags = 0; flags < 16; ++flags) {
@@ -532,8 +518,6 @@ TEST(RetrieveMzuId, AcceptsUnitsAndAllWhenAllowed) {
 
 // --- VLAN ids ------------------------------------------------------------------------------------------------------
 
-namespace {
-
 /** The room that the reader asks for, filled, with a guard behind it. */
 struct VlanIds {
     static constexpr int unset = -77;
@@ -567,8 +551,6 @@ std::string vlan_json(int n, const std::string &last = "") {
     }
     return json + "]}";
 }
-
-} // namespace
 
 TEST(RetrieveVlanIds, StoresUpTo32InTheirOrder) {
     for (const int n : {0, 1, 2, 31, 32}) {
@@ -654,3 +636,5 @@ TEST(RetrieveVlanIds, RefusesNullArgumentsInSilence) {
     EXPECT_TRUE(log.silent());
     EXPECT_EQ(retrieve(vlans.params.get(), nullptr, "vlan_ids", vlans.ids.data(), &vlans.count), 0);
 }
+
+} // namespace

@@ -3,22 +3,20 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <cstdlib>
 #include <cstring>
-#include <functional>
 #include <map>
 #include <memory>
 #include <random>
 #include <set>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
 #include <nanomsg/nn.h>
 #include <nanomsg/pubsub.h>
 #include <poll.h>
-#include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -83,8 +81,6 @@ int unix_socket(const char *path, int (*attach)(int, const sockaddr *, socklen_t
 /** The file of a Unix socket that nobody listens on any more. */
 void leave_socket_file(const char *path) { close(unix_socket(path, bind)); }
 
-} // namespace
-
 TEST(MqInit, MapsEveryTypeToItsProtocol) {
     const int protocols[] = {16, 49, 48, 32, 33, 81, 80, 98, 99, 112};
     for (int type = 1; type <= 10; ++type) {
@@ -146,8 +142,6 @@ TEST(MqAddress, HasAtMost128Characters) {
                           "DEBUG|FAIL: SP address is too long [129] v/s max 128"}));
 }
 
-namespace {
-
 std::string ipc_address(size_t length) { return "ipc://" + std::string(length - 6, 'a'); }
 
 /** Binding and connecting to the address are both refused with the one line, and nothing is written. */
@@ -187,8 +181,6 @@ void expect_passage(int transport, const std::string &address) {
         EXPECT_EQ(length, static_cast<int>(message.size()));
     }
 }
-
-} // namespace
 
 TEST(MqAddress, OfAnIpcSocketMayHave113Characters) { expect_passage(TAVRIX_TRANSPORT_IPC, ipc_address(113)); }
 
@@ -356,8 +348,6 @@ TEST(MqSend, ReportsASocketThatIsClosed) {
     EXPECT_TRUE(log.said({"DEBUG|" + line("nn_send failed for mq_socket", closed, EBADF)}));
 }
 
-namespace {
-
 /** The status of a receive that brings nothing. */
 int receive_nothing(int number, int nonblock = 0) {
     char *text = nullptr;
@@ -367,8 +357,6 @@ int receive_nothing(int number, int nonblock = 0) {
     EXPECT_EQ(length, -77);
     return rc;
 }
-
-} // namespace
 
 TEST(MqReceive, RefusesNullPlaces) {
     const BusSocket socket(TAVRIX_SP_PAIR);
@@ -494,8 +482,6 @@ TEST(MqSubscribe, AndUnsubscribeAreRefusedForNullTopicsAndOtherSockets) {
             {null_line, line(failed, pair.number, ENOPROTOOPT), line(failed, closed, EBADF), line(failed, -1, EBADF)}));
     }
 }
-
-namespace {
 
 /** What a subscriber receives up to the frame that ends a round. */
 std::vector<std::string> frames_to_the_end(int sub) {
@@ -632,8 +618,6 @@ const std::vector<std::string> related_topics = {
     "", "e", "ev", "events", "events.more", "errors", "errands and more of them", "other", "\x01", "\x01\x01", "\x02",
 };
 
-} // namespace
-
 TEST(MqUnsubscribe, LeavesTheOtherTopicsAlone) {
     for (const std::string &kept : related_topics) {
         Twins topics;
@@ -658,8 +642,6 @@ TEST(MqUnsubscribe, SurvivesATopicThatIsNotThere) {
     }
 }
 
-namespace {
-
 /** "t" and topics that go on from it, up to one character. */
 std::vector<std::string> topics_to(char last) {
     std::vector<std::string> topics = {"t"};
@@ -668,8 +650,6 @@ std::vector<std::string> topics_to(char last) {
     }
     return topics;
 }
-
-} // namespace
 
 TEST(MqUnsubscribe, TakesATopicAwayFromAmongLongerOnes) {
     for (const char last : {'g', 'h'}) {
@@ -742,16 +722,12 @@ TEST(MqUnsubscribe, OfAnAbsentTopicIsSilentBesideOthers) {
     EXPECT_EQ(tavrix_mq_socket_unsubscribe(sub.number, "events"), TAVRIX_ERR_GENERAL);
 }
 
-namespace {
-
 int subscriber_of_the_library() {
     int sock = -1;
     EXPECT_EQ(tavrix_mq_socket_init(TAVRIX_SP_SUB, &sock), 0);
     return sock;
 }
 int subscriber_of_nanomsg() { return nn_socket(AF_SP, NN_SUB); }
-
-} // namespace
 
 TEST(MqUnsubscribe, KnowsNothingOfASocketThatHadTheNumberBefore) {
     for (const auto close : {tavrix_mq_socket_close, nn_close}) {
@@ -847,8 +823,6 @@ TEST(MqUnsubscribe, MayBeCalledByManyThreadsOnTheirSocketsAndOnOne) {
     EXPECT_EQ(bus.receive(), "~") << "as often as a topic was added it was taken away";
 }
 
-namespace {
-
 constexpr unsigned walk_seed = 20261121;
 constexpr int walk_rounds = 10000;
 constexpr int rounds_of_a_socket = 500; ///< then a new one begins with nothing
@@ -874,8 +848,6 @@ class Walk {
 };
 
 std::string where(int round) { return "seed " + std::to_string(walk_seed) + ", round " + std::to_string(round) + "\n"; }
-
-} // namespace
 
 TEST(MqUnsubscribe, KeepsToPrefixesAndToNanomsgAloneThroughARandomWalk) {
     const LogCapture quiet("off");
@@ -916,3 +888,5 @@ TEST(MqTimeout, CannotBeSetOnAClosedSocket) {
     EXPECT_EQ(tavrix_mq_socket_set_timeout(closed, 5), TAVRIX_ERR_GENERAL);
     EXPECT_TRUE(log.said({"DEBUG|" + line("nn_setsockopt failed for mq_socket", closed, EBADF)}));
 }
+
+} // namespace

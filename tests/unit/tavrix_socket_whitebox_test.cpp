@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstring>
 #include <string>
+#include <utility>
 
 #include <gtest/gtest.h>
 #include <netinet/in.h>
@@ -140,13 +141,10 @@ TEST(Connect, GivesAnIpv4AddressAndItsLength) {
 TEST(Connect, TellsATimeOutFromOtherFailures) {
     int fd = -77;
     const int open_before = support::open_descriptors();
-    const struct {
-        int reason;
-        int status;
-    } rows[] = {{ETIMEDOUT, TAVRIX_ERR_CONNECT_TIMEOUT}, {ENETUNREACH, TAVRIX_ERR_GENERAL}};
-    for (const auto &row : rows) {
-        const Failing once("connect", 1, row.reason);
-        EXPECT_EQ(tavrix_tcp_socket_connect("127.0.0.1", 1, &fd), row.status);
+    for (const auto &[reason, status] :
+         {std::pair(ETIMEDOUT, TAVRIX_ERR_CONNECT_TIMEOUT), {ENETUNREACH, TAVRIX_ERR_GENERAL}}) {
+        const Failing once("connect", 1, reason);
+        EXPECT_EQ(tavrix_tcp_socket_connect("127.0.0.1", 1, &fd), status);
     }
     EXPECT_EQ(fd, -77);
     EXPECT_EQ(support::open_descriptors(), open_before);

@@ -1,5 +1,6 @@
 #include "tavrix_sqlite3.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdarg>
 #include <string>

@@ -150,14 +150,11 @@ TEST(Enumerations, IndexTheLogLevelsWhichHaveNoTerminator) {
 // --- Value to word ---
 
 TEST(EnumToStr, CutsAWordToItsBuffer) {
-    const struct {
-        size_t size;
-        const char *word;
-    } rows[] = {{9, "disable"}, {8, "disable"}, {7, "disabl"}, {2, "d"}, {1, ""}};
-    for (const auto &row : rows) {
-        Buffer out(row.size);
-        EXPECT_EQ(tavrix_enum_to_str(out.get(), row.size, 2, tavrix_secure_option_strings), 0);
-        EXPECT_EQ(out.text(), row.word);
+    for (const auto &[size, word] :
+         {std::pair<size_t, const char *>(9, "disable"), {8, "disable"}, {7, "disabl"}, {2, "d"}, {1, ""}}) {
+        Buffer out(size);
+        EXPECT_EQ(tavrix_enum_to_str(out.get(), size, 2, tavrix_secure_option_strings), 0);
+        EXPECT_EQ(out.text(), word);
     }
 }
 

@@ -59,8 +59,6 @@ std::string tag_of(Level level) {
     return tags.at(static_cast<size_t>(level));
 }
 
-std::string whole(Level level, const std::string &message) { return tag_of(level) + "|" + message; }
-
 std::time_t wall_clock() {
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);

@@ -31,15 +31,12 @@ struct LogLine {
     int line = 0;
     std::string message; ///< with its newline
 
-    /** Level and message in one, as whole() below spells it. */
+    /** Level and message in one, down to the newline: "DEBUG|NULL pointer!\n". */
     std::string whole() const { return tag + "|" + message; }
 };
 
 /** The five characters that the logger prints for a level. */
 std::string tag_of(Level level);
-
-/** A line as a test expects it, down to the newline: what a comparison of the message alone would let pass is seen. */
-std::string whole(Level level, const std::string &message);
 
 /** Writes the private logger configuration and loads it: "off", "info", "debug" or "verbose". */
 void set_log_level(const std::string &word);

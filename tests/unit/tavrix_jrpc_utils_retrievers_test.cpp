@@ -252,23 +252,17 @@ TEST_P(TextRetrievers, StayWithinBuffersOfAnySize) {
     }
 }
 
-TEST(RetrieveMacAddress, ComesBackInUpperCaseWithColons) {
-    for (const char *text : {"aa:bb:cc:dd:ee:ff", "AA-BB-CC-DD-EE-FF", "aA:Bb:cC:Dd:eE:Ff"}) {
-        Params params(json(text));
-        Buffer out(18);
-        EXPECT_EQ(params.read(tavrix_jrpc_utils_retrieve_input_mac_address, "field", out.get(), out.size()), 0);
-        EXPECT_EQ(out.text(), "AA:BB:CC:DD:EE:FF");
-    }
-}
-
 TEST(RetrieveMacAddress, NeedsRoomForTheWholeAddress) {
-    Params params(json("aa:bb:cc:dd:ee:ff"));
+    const auto retrieve = tavrix_jrpc_utils_retrieve_input_mac_address;
+    Params params(json("AA-bb-CC-dd-EE-ff"));
+    Buffer room(18);
+    EXPECT_EQ(params.read(retrieve, "field", room.get(), room.size()), 0);
+    EXPECT_EQ(room.text(), "AA:BB:CC:DD:EE:FF");
     const LogCapture log("debug");
     Buffer cut(17);
-    EXPECT_EQ(params.read(tavrix_jrpc_utils_retrieve_input_mac_address, "field", cut.get(), cut.size()),
-              TAVRIX_ERR_VALIDATION);
-    EXPECT_EQ(cut.text(), "aa:bb:cc:dd:ee:f");
-    EXPECT_TRUE(log.said({"DEBUG|Validating and reformatting given mac address string <aa:bb:cc:dd:ee:f>",
+    EXPECT_EQ(params.read(retrieve, "field", cut.get(), cut.size()), TAVRIX_ERR_VALIDATION);
+    EXPECT_EQ(cut.text(), "AA-bb-CC-dd-EE-f");
+    EXPECT_TRUE(log.said({"DEBUG|Validating and reformatting given mac address string <AA-bb-CC-dd-EE-f>",
                           "DEBUG|Incorrect mac address length, aborting reformation and validation"}));
 }
 
@@ -328,7 +322,7 @@ class NumberRetrievers : public testing::TestWithParam<NumberRow> {
 
     int retrieve(Params &params) { return params.read(row.retrieve, "field", &out); }
     std::string success(int value) const {
-        return support::whole(row.success_level, row.success + std::to_string(value));
+        return support::tag_of(row.success_level) + "|" + row.success + std::to_string(value);
     }
 };
 

@@ -315,8 +315,8 @@ TEST(Dump, TakesAnyLengthAndNullPointers) {
     const auto lines = log.lines();
     ASSERT_EQ(lines.size(), 4U);
     EXPECT_EQ(lines[0].message.rfind("\n41 41 41 41 41 41 41 41   41 ", 0), 0U);
-    EXPECT_EQ(lines[1].whole(), support::whole(support::info, "negative\n"));
-    EXPECT_EQ(lines[2].whole(), support::whole(support::info, "null\n"));
+    EXPECT_EQ(lines[1].whole(), "INFO |negative\n");
+    EXPECT_EQ(lines[2].whole(), "INFO |null\n");
 }
 
 TEST(SystemLog, WritesPastTheLevelInUtc) {

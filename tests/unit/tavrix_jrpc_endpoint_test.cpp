@@ -204,25 +204,11 @@ TEST_F(Endpoint, ReportsAReplyThatCannotBePublished) {
     EXPECT_TRUE(log.has(support::debug, unit, "[tavrix_jrpc_mq_run]: Error mq_send, rc = -1\n"));
 }
 
-TEST_F(Endpoint, RefusesNullArguments) {
-    const LogCapture log("debug");
-    EXPECT_EQ(with_each_null(tavrix_jrpc_mq_run, &requests.sub.number, &replies.pub.number, &table[0], 0),
-              Statuses(3, TAVRIX_ERR_NULL_INPUT));
-    EXPECT_TRUE(log.said(Lines(3, "DEBUG|[tavrix_jrpc_mq_run]: Null Pointer!")));
-}
-
 TEST_F(Endpoint, ListensOnSeveralChannels) {
     ASSERT_EQ(tavrix_jrpc_mq_sub_set_channel(free_bus_address().c_str(), "second", &requests.sub.number), 0);
     EXPECT_EQ(serve(std::string("second|") + request), 0);
     EXPECT_EQ(serve(std::string("service|") + request), 0);
     EXPECT_EQ(calls, 2);
-}
-
-TEST(Publish, RefusesNullArguments) {
-    const BusSocket pub(TAVRIX_SP_PUB);
-    const LogCapture log("debug");
-    EXPECT_EQ(with_each_null(tavrix_jrpc_mq_pub, &pub.number, "c", "{}"), Statuses(3, TAVRIX_ERR_NULL_INPUT));
-    EXPECT_TRUE(log.said(Lines(3, "DEBUG|[tavrix_jrpc_mq_pub]: Null Pointer!")));
 }
 
 TEST(PubInit, BindsAPublisher) {
@@ -237,14 +223,8 @@ TEST(PubInit, BindsAPublisher) {
     support::settle(pub.number, sub.number, "c");
 }
 
-TEST(PubInit, RefusesNullAndBadAddresses) {
+TEST(PubInit, RefusesBadAddresses) {
     int pub = -77;
-    {
-        const LogCapture log("debug");
-        EXPECT_EQ(with_each_null(tavrix_jrpc_mq_pub_init, "tcp://127.0.0.1:1", &pub),
-                  Statuses(2, TAVRIX_ERR_NULL_INPUT));
-        EXPECT_TRUE(log.said(Lines(2, "DEBUG|[tavrix_jrpc_mq_pub_init]: NULL pointer!")));
-    }
     for (const auto &[address, rc] :
          {std::pair("ipc://x", TAVRIX_ERR_VALIDATION), {"tcp://nowhere", TAVRIX_ERR_GENERAL}}) {
         const LogCapture log("debug");
@@ -282,12 +262,6 @@ TEST(SubInit, SetsATimeOutWhenAskedTo) {
     }
 }
 
-TEST(SubInit, RefusesNull) {
-    const LogCapture log("debug");
-    EXPECT_EQ(tavrix_jrpc_mq_sub_init(nullptr, 1), TAVRIX_ERR_NULL_INPUT);
-    EXPECT_TRUE(log.said({"DEBUG|[tavrix_jrpc_mq_sub_init]: NULL pointer!"}));
-}
-
 TEST(Init, ReportsThatNoBusSocketIsLeft) {
     const support::NoBusSocketIsLeft taken;
     int out = -77;
@@ -299,13 +273,25 @@ TEST(Init, ReportsThatNoBusSocketIsLeft) {
     EXPECT_EQ(out, -77);
 }
 
-TEST(SetChannel, RefusesNull) {
+TEST(Endpoints, RefuseNull) {
     BusSocket sub(TAVRIX_SP_SUB);
+    BusSocket pub(TAVRIX_SP_PUB);
+    int number = -77;
+    const Statuses two(2, TAVRIX_ERR_NULL_INPUT);
+    const Statuses three(3, TAVRIX_ERR_NULL_INPUT);
     const LogCapture log("debug");
-    EXPECT_EQ(with_each_null(tavrix_jrpc_mq_sub_set_channel, "tcp://127.0.0.1:1", "c", &sub.number),
-              Statuses(3, TAVRIX_ERR_NULL_INPUT));
-    EXPECT_TRUE(log.said(Lines(3, "DEBUG|[tavrix_jrpc_mq_sub_set_channel]: NULL pointer!")));
+    EXPECT_EQ(with_each_null(tavrix_jrpc_mq_pub_init, "tcp://127.0.0.1:1", &number), two);
+    EXPECT_EQ(tavrix_jrpc_mq_sub_init(nullptr, 1), TAVRIX_ERR_NULL_INPUT);
+    EXPECT_EQ(with_each_null(tavrix_jrpc_mq_sub_set_channel, "tcp://127.0.0.1:1", "c", &sub.number), three);
+    EXPECT_EQ(with_each_null(tavrix_jrpc_mq_run, &sub.number, &pub.number, &table[0], 0), three);
+    EXPECT_EQ(with_each_null(tavrix_jrpc_mq_pub, &pub.number, "c", "{}"), three);
+    EXPECT_EQ(number, -77);
     EXPECT_EQ(sub.timeout_ms(), -1) << "the socket is still open";
+    EXPECT_EQ(log.count(support::debug, unit, "[tavrix_jrpc_mq_pub_init]: NULL pointer!\n"), 2);
+    EXPECT_EQ(log.count(support::debug, unit, "[tavrix_jrpc_mq_sub_init]: NULL pointer!\n"), 1);
+    EXPECT_EQ(log.count(support::debug, unit, "[tavrix_jrpc_mq_sub_set_channel]: NULL pointer!\n"), 3);
+    EXPECT_EQ(log.count(support::debug, unit, "[tavrix_jrpc_mq_run]: Null Pointer!\n"), 3);
+    EXPECT_EQ(log.count(support::debug, unit, "[tavrix_jrpc_mq_pub]: Null Pointer!\n"), 3);
 }
 
 TEST(SetChannel, ClosesTheSocketWhenAStepFails) {

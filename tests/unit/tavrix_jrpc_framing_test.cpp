@@ -52,14 +52,6 @@ TEST(AddChannel, PutsABarBetweenChannelAndText) {
               "a|" + std::string(100000, 'x'));
 }
 
-TEST(AddChannel, RefusesNull) {
-    const LogCapture log("debug");
-    EXPECT_EQ(tavrix_api_router_json_add_channel(nullptr, "{}"), nullptr);
-    EXPECT_EQ(tavrix_api_router_json_add_channel("abc", nullptr), nullptr);
-    EXPECT_TRUE(log.said(Lines(2, "DEBUG|[tavrix_api_router_json_add_channel]: Null Pointer!")));
-    EXPECT_EQ(log.lines().front().file, "tavrix_jrpc");
-}
-
 TEST(ParseMsg, SplitsAtTheFirstBar) {
     EXPECT_EQ(split("abc|{}").text, "{}");
     EXPECT_EQ(split("a|b|c").text, "b|c");
@@ -77,13 +69,6 @@ TEST(ParseMsg, StaysWithinTheGivenLength) {
     }
     EXPECT_EQ(split("abcd").rc, TAVRIX_ERR_GENERAL) << "no bar";
     EXPECT_TRUE(log.said(Lines(4, "DEBUG|[tavrix_connect_parse_msg]: Failed to parse JSON message")));
-}
-
-TEST(ParseMsg, RefusesNull) {
-    char *text = nullptr;
-    const LogCapture log("debug");
-    EXPECT_EQ(with_each_null(tavrix_jrpc_parse_msg, "a|b", 3, &text), Statuses(2, TAVRIX_ERR_NULL_INPUT));
-    EXPECT_TRUE(log.said(Lines(2, "DEBUG|[tavrix_connect_parse_msg]: Null Pointer!")));
 }
 
 TEST(ParseChannel, TakesTheIdWhenItIsAString) {
@@ -125,13 +110,6 @@ TEST(ParseChannel, RefusesWhatIsNoJson) {
     EXPECT_EQ(support::parse_error("{\n]").line, 2);
 }
 
-TEST(ParseChannel, RefusesNull) {
-    char *channel = nullptr;
-    const LogCapture log("debug");
-    EXPECT_EQ(with_each_null(tavrix_jrpc_parse_channel, "{}", &channel), Statuses(2, TAVRIX_ERR_NULL_INPUT));
-    EXPECT_TRUE(log.said(Lines(2, "DEBUG|[tavrix_jrpc_parse_channel]: Null Pointer!")));
-}
-
 TEST(ServiceChannel, FollowsTheLeadingLetters) {
     const std::string first = "3a6f8f51-502f-4238-9638-29764ff1a8a4";
     const std::string events = "505a5451-3ef2-4618-8087-9a22b800a510";
@@ -160,8 +138,22 @@ TEST(ServiceChannel, FollowsTheLeadingLetters) {
     }
 }
 
-TEST(ServiceChannel, RefusesNull) {
+TEST(Framing, RefusesNull) {
+    char *text = nullptr;
+    const Statuses refused(2, TAVRIX_ERR_NULL_INPUT);
     const LogCapture log("debug");
     EXPECT_EQ(tavrix_api_router_json_parse_channel(nullptr), nullptr);
-    EXPECT_TRUE(log.said({"DEBUG|[tavrix_api_router_json_parse_channel]: Null Pointer!"}));
+    EXPECT_EQ(tavrix_api_router_json_add_channel(nullptr, "{}"), nullptr);
+    EXPECT_EQ(tavrix_api_router_json_add_channel("abc", nullptr), nullptr);
+    EXPECT_EQ(with_each_null(tavrix_jrpc_parse_msg, "a|b", 3, &text), refused);
+    EXPECT_EQ(with_each_null(tavrix_jrpc_parse_channel, "{}", &text), refused);
+    Lines expected;
+    for (const std::string function :
+         {"tavrix_api_router_json_parse_channel", "tavrix_api_router_json_add_channel",
+          "tavrix_api_router_json_add_channel", "tavrix_connect_parse_msg", "tavrix_connect_parse_msg",
+          "tavrix_jrpc_parse_channel", "tavrix_jrpc_parse_channel"}) {
+        expected.push_back("DEBUG|[" + function + "]: Null Pointer!");
+    }
+    EXPECT_TRUE(log.said(expected));
+    EXPECT_EQ(log.lines().front().file, "tavrix_jrpc");
 }

@@ -40,7 +40,6 @@ struct Server {
     const char *name;
     bool is_unix;
     int (*run)(const int *, const tavrix_jrpc_method *);
-    const char *null_line;
     const char *send_line;
 };
 
@@ -74,13 +73,12 @@ class StreamServer : public testing::TestWithParam<Server> {
     int listener = -1;
 };
 
-INSTANTIATE_TEST_SUITE_P(
-    Both, StreamServer,
-    testing::Values(Server{"Unix", true, tavrix_jrpc_unix_socket_run, "[tavrix_jrpc_unix_socket_run]: NULL pointer!\n",
-                           "[tavrix_jrpc_unix_socket_run]: Error response!\n"},
-                    Server{"Tcp", false, tavrix_jrpc_tcp_socket_run, "[tavrix_jrpc_tcp_socket_run]: NULL pointer!\n",
-                           "[tavrix_jrpc_socket_run]: Error response!\n"}),
-    [](const auto &row) { return row.param.name; });
+INSTANTIATE_TEST_SUITE_P(Both, StreamServer,
+                         testing::Values(Server{"Unix", true, tavrix_jrpc_unix_socket_run,
+                                                "[tavrix_jrpc_unix_socket_run]: Error response!\n"},
+                                         Server{"Tcp", false, tavrix_jrpc_tcp_socket_run,
+                                                "[tavrix_jrpc_socket_run]: Error response!\n"}),
+                         [](const auto &row) { return row.param.name; });
 
 TEST_P(StreamServer, AnswersOneRequestAndClosesWithoutLeavingADescriptorOpen) {
     const std::string too_long = std::string(1024 - sizeof request + 2, ' ') + request; // its last byte is the 1025th
@@ -131,12 +129,6 @@ TEST_P(StreamServer, ReportsThatNobodyIsWaiting) {
     const LogCapture log("debug");
     EXPECT_EQ(run(), TAVRIX_ERR_GENERAL);
     EXPECT_TRUE(log.silent());
-}
-
-TEST_P(StreamServer, RefusesNull) {
-    const LogCapture log("debug");
-    EXPECT_EQ(with_each_null(GetParam().run, &listener, &table[0]), Statuses(2, TAVRIX_ERR_NULL_INPUT));
-    EXPECT_EQ(log.count(support::debug, unit, GetParam().null_line), 2);
 }
 
 // Both accept on a Unix-domain listener, where a send to a closed client fails at once.
@@ -193,14 +185,22 @@ TEST(ServerInit, SaysWhenAListenerStands) {
     ::close(tcp_handle);
 }
 
-TEST(ServerInit, RefusesNull) {
+TEST(Servers, RefuseNull) {
+    const int listener = -1;
+    const Statuses refused(2, TAVRIX_ERR_NULL_INPUT);
     const LogCapture log("debug");
     EXPECT_EQ(tavrix_jrpc_unix_socket_init("x", nullptr, 0), TAVRIX_ERR_NULL_INPUT);
     EXPECT_EQ(tavrix_jrpc_tcp_socket_init(0, nullptr, 0), TAVRIX_ERR_NULL_INPUT);
     EXPECT_EQ(tavrix_jrpc_pull_socket_init("tcp://127.0.0.1:1", nullptr), TAVRIX_ERR_NULL_INPUT);
-    EXPECT_TRUE(log.said({"DEBUG|[tavrix_jrpc_unix_socket_init]: NULL pointer!",
-                          "DEBUG|[tavrix_jrpc_tcp_socket_init]: NULL pointer!",
-                          "DEBUG|[tavrix_jrpc_tcp_socket_init]: NULL pointer!"}));
+    EXPECT_EQ(with_each_null(tavrix_jrpc_unix_socket_run, &listener, &table[0]), refused);
+    EXPECT_EQ(with_each_null(tavrix_jrpc_tcp_socket_run, &listener, &table[0]), refused);
+    EXPECT_EQ(tavrix_jrpc_pull_socket_run(-1, nullptr), TAVRIX_ERR_NULL_INPUT);
+    Lines expected;
+    for (const std::string function : {"unix_socket_init", "tcp_socket_init", "tcp_socket_init", "unix_socket_run",
+                                       "unix_socket_run", "tcp_socket_run", "tcp_socket_run", "pull_socket_run"}) {
+        expected.push_back("DEBUG|[tavrix_jrpc_" + function + "]: NULL pointer!");
+    }
+    EXPECT_TRUE(log.said(expected));
 }
 
 // --- Pull server ---
@@ -238,12 +238,6 @@ TEST_F(PullServer, FailsWhenNothingCanBeReceived) {
     tavrix_mq_socket_set_timeout(pull.number, 10);
     EXPECT_EQ(tavrix_jrpc_pull_socket_run(pull.number, table), TAVRIX_ERR_GENERAL) << "a time-out too";
     EXPECT_EQ(tavrix_jrpc_pull_socket_run(9999, table), TAVRIX_ERR_GENERAL);
-}
-
-TEST_F(PullServer, RefusesANullTable) {
-    const LogCapture log("debug");
-    EXPECT_EQ(tavrix_jrpc_pull_socket_run(pull.number, nullptr), TAVRIX_ERR_NULL_INPUT);
-    EXPECT_TRUE(log.said({"DEBUG|[tavrix_jrpc_pull_socket_run]: NULL pointer!"}));
 }
 
 TEST(PullServerInit, SpeaksInTheNamesOfTheTcpServerAndThePublisher) {

@@ -125,15 +125,6 @@ TEST(UnixListener, CutsALongPathTo107Bytes) {
     }
 }
 
-TEST(UnixListener, RefusesNull) {
-    int fd = -77;
-    const LogCapture log("debug");
-    EXPECT_EQ(with_each_null(tavrix_unix_socket_init, "x.sock", &fd, 0), Statuses(2, TAVRIX_ERR_GENERAL));
-    EXPECT_TRUE(log.said(Lines(2, "DEBUG|[tavrix_unix_socket_init]: Null Pointer!")));
-    EXPECT_EQ(log.lines().front().file, "tavrix_socket");
-    EXPECT_EQ(fd, -77);
-}
-
 TEST(UnixListener, ReportsAPathThatCannotBeBoundAndLeavesNothingOpen) {
     const NothingOpens nothing;
     int fd = -77;
@@ -176,12 +167,6 @@ TEST(TcpListener, ReportsAPortInUseAndLeavesNothingOpen) {
     EXPECT_EQ(tavrix_tcp_socket_init(port(first), &fd, 0), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(out.text(), perror_text("bind", EADDRINUSE));
     EXPECT_EQ(fd, -77);
-}
-
-TEST(TcpListener, RefusesNull) {
-    const LogCapture log("debug");
-    EXPECT_EQ(tavrix_tcp_socket_init(0, nullptr, 0), TAVRIX_ERR_GENERAL);
-    EXPECT_TRUE(log.said({"DEBUG|[tavrix_tcp_socket_init]: Null Pointer!"}));
 }
 
 TEST(Accept, TakesAWaitingClient) {
@@ -229,17 +214,6 @@ TEST(Accept, ReportsABadListener) {
     EXPECT_EQ(client, -1);
 }
 
-TEST(Accept, RefusesNull) {
-    int any = 0;
-    for (const auto &[accept, line] :
-         {std::pair(tavrix_socket_accept, "DEBUG|[tavrix_socket_accept]: Null Pointer!"),
-          std::pair(tavrix_tcp_socket_accept, "DEBUG|[tavrix_tcp_socket_accept]: Null Pointer!")}) {
-        const LogCapture log("debug");
-        EXPECT_EQ(with_each_null(accept, &any, &any), Statuses(2, TAVRIX_ERR_GENERAL));
-        EXPECT_TRUE(log.said(Lines(2, line)));
-    }
-}
-
 TEST(Connect, ReachesAListener) {
     Handle listener;
     ASSERT_EQ(tavrix_tcp_socket_init(0, &listener.fd, 0), 0);
@@ -268,13 +242,6 @@ TEST(Connect, WantsADottedQuad) {
         EXPECT_EQ(out.text().rfind("inet_pton: ", 0), 0U) << out.text();
         EXPECT_EQ(fd, -77);
     }
-}
-
-TEST(Connect, RefusesNull) {
-    int fd = -77;
-    const LogCapture log("debug");
-    EXPECT_EQ(tavrix_tcp_socket_connect(nullptr, 1, &fd), TAVRIX_ERR_GENERAL);
-    EXPECT_TRUE(log.said({"DEBUG|[tavrix_tcp_socket_connect]: Null Pointer!"}));
 }
 
 TEST(Connect, LooksAtThePlaceForTheDescriptorLast) {
@@ -308,14 +275,6 @@ TEST(Receive, SaysThatThePeerHasClosed) {
     const LogCapture log("debug");
     EXPECT_EQ(tavrix_socket_recv(&pair.ours.fd, text, 4), 0);
     EXPECT_TRUE(log.said({"DEBUG|[tavrix_socket_recv]: zero bytes received!"}));
-}
-
-TEST(Receive, LooksEmptyForNullArguments) {
-    Pair pair;
-    char text[4];
-    const LogCapture log("debug");
-    EXPECT_EQ(with_each_null(tavrix_socket_recv, &pair.ours.fd, text, 4), Statuses(2, 0));
-    EXPECT_TRUE(log.said(Lines(2, "DEBUG|[tavrix_socket_recv]: Null Pointer!")));
 }
 
 TEST(Receive, ReportsABadDescriptor) {
@@ -352,13 +311,6 @@ TEST(Send, TakesAShortSendForASuccess) {
     EXPECT_EQ(tavrix_socket_send(&pair.ours.fd, large.c_str()), TAVRIX_ERR_GENERAL) << "now the buffer is full";
 }
 
-TEST(Send, RefusesNull) {
-    Pair pair;
-    const LogCapture log("debug");
-    EXPECT_EQ(with_each_null(tavrix_socket_send, &pair.ours.fd, "x"), Statuses(2, TAVRIX_ERR_GENERAL));
-    EXPECT_TRUE(log.said(Lines(2, "DEBUG|[tavrix_socket_send]: Null Pointer!")));
-}
-
 TEST(Close, WorksOnceAndKeepsTheHandleWhenItFails) {
     Pair pair;
     EXPECT_EQ(tavrix_socket_close(&pair.ours.fd), 0);
@@ -372,10 +324,29 @@ TEST(Close, WorksOnceAndKeepsTheHandleWhenItFails) {
     }
 }
 
-TEST(Close, RefusesNull) {
+TEST(StreamSockets, RefuseNullAndSayWho) {
+    Pair pair;
+    int fd = -77;
+    char text[4];
+    const Statuses refused(2, TAVRIX_ERR_GENERAL);
     const LogCapture log("debug");
+    EXPECT_EQ(with_each_null(tavrix_unix_socket_init, "x.sock", &fd, 0), refused);
+    EXPECT_EQ(tavrix_tcp_socket_init(0, nullptr, 0), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(with_each_null(tavrix_socket_accept, &pair.ours.fd, &fd), refused);
+    EXPECT_EQ(with_each_null(tavrix_tcp_socket_accept, &pair.ours.fd, &fd), refused);
+    EXPECT_EQ(tavrix_tcp_socket_connect(nullptr, 1, &fd), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(with_each_null(tavrix_socket_send, &pair.ours.fd, "x"), refused);
     EXPECT_EQ(tavrix_socket_close(nullptr), TAVRIX_ERR_GENERAL);
-    EXPECT_TRUE(log.said({"DEBUG|[tavrix_socket_close]: Null Pointer!"}));
+    EXPECT_EQ(with_each_null(tavrix_socket_recv, &pair.ours.fd, text, 4), Statuses(2, 0)) << "it looks empty";
+    Lines expected;
+    for (const std::string function : {"unix_socket_init", "unix_socket_init", "tcp_socket_init", "socket_accept",
+                                       "socket_accept", "tcp_socket_accept", "tcp_socket_accept", "tcp_socket_connect",
+                                       "socket_send", "socket_send", "socket_close", "socket_recv", "socket_recv"}) {
+        expected.push_back("DEBUG|[tavrix_" + function + "]: Null Pointer!");
+    }
+    EXPECT_TRUE(log.said(expected));
+    EXPECT_EQ(log.lines().front().file, "tavrix_socket");
+    EXPECT_EQ(fd, -77);
 }
 
 TEST(Shutdown, ForgetsTheHandleInAnyCaseAndSaysNothing) {

@@ -211,39 +211,30 @@ TEST(NotificationWaitFailures, OnlyLogATimeOutThatCannotBeRestored) {
 
 // --- Router ---
 
-struct RouterFailure {
-    const char *name;
-    const char *function;
-    const char *words;
-};
-
-class RouterFailures : public testing::TestWithParam<RouterFailure> {};
-
-INSTANTIATE_TEST_SUITE_P(Calls, RouterFailures,
-                         testing::Values(RouterFailure{"Delete", "json_object_del", "Cannot delete JSON ID"},
-                                         RouterFailure{"Update", "json_object_set_new", "Cannot update JSON ID"},
-                                         RouterFailure{"Encode", "json_dumps", "Cannot re-encode JSON message"}),
-                         [](const auto &row) { return row.param.name; });
-
-TEST_P(RouterFailures, AreReportedOnBothPaths) {
-    char *request = nullptr;
-    char *channel = nullptr;
-    const LogCapture log("debug");
-    {
-        const Failing once(GetParam().function);
-        EXPECT_EQ(tavrix_jrpc_router_process_msg(R"({"method":"p","id":1})", &request, &channel), TAVRIX_ERR_GENERAL);
-    }
-    EXPECT_EQ(request, nullptr);
-    EXPECT_STREQ(channel, "3a6f8f51-502f-4238-9638-29764ff1a8a4") << "stored before the failing step";
-    free(channel);
-    const Json object(json_loads(R"({"method":"p","id":1})", 0, nullptr));
-    const BusSocket pub(TAVRIX_SP_PUB);
-    {
-        const Failing once(GetParam().function);
-        EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&pub.number, object.get()), TAVRIX_ERR_GENERAL);
-    }
-    for (const char *function : {"tavrix_jrpc_router_process_msg", "tavrix_jrpc_router_mq_dispatch_request"}) {
-        EXPECT_TRUE(log.has(support::debug, unit, std::string("[") + function + "]: " + GetParam().words + "\n"));
+TEST(RouterFailures, AreReportedOnBothPaths) {
+    for (const auto &[call, words] : {std::pair("json_object_del", "Cannot delete JSON ID"),
+                                      {"json_object_set_new", "Cannot update JSON ID"},
+                                      {"json_dumps", "Cannot re-encode JSON message"}}) {
+        char *request = nullptr;
+        char *channel = nullptr;
+        const LogCapture log("debug");
+        {
+            const Failing once(call);
+            EXPECT_EQ(tavrix_jrpc_router_process_msg(R"({"method":"p","id":1})", &request, &channel),
+                      TAVRIX_ERR_GENERAL);
+        }
+        EXPECT_EQ(request, nullptr);
+        EXPECT_EQ(support::taken(channel), "3a6f8f51-502f-4238-9638-29764ff1a8a4") << "stored before the failing step";
+        const Json object(json_loads(R"({"method":"p","id":1})", 0, nullptr));
+        const BusSocket pub(TAVRIX_SP_PUB);
+        {
+            const Failing once(call);
+            EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&pub.number, object.get()), TAVRIX_ERR_GENERAL);
+        }
+        for (const std::string function :
+             {"tavrix_jrpc_router_process_msg", "tavrix_jrpc_router_mq_dispatch_request"}) {
+            EXPECT_TRUE(log.has(support::debug, unit, "[" + function + "]: " + words + "\n"));
+        }
     }
 }
 

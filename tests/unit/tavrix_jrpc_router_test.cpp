@@ -16,7 +16,6 @@
 
 using support::BusPair;
 using support::Json;
-using support::Lines;
 using support::LogCapture;
 using support::parsed;
 using support::rendered;

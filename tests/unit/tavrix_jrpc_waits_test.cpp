@@ -85,16 +85,6 @@ constexpr char wrong_type[] = "ERROR|tavrix_jrpc_eval_request: Invalid Request I
 constexpr char other_version[] = "DEBUG|Received unsupported JSON-RPC version.";
 constexpr char no_text[] = "ERROR|Given parameter <id> is not a string";
 
-class EvalMethod : public testing::TestWithParam<Candidate> {};
-
-TEST_P(EvalMethod, Decides) {
-    Json out;
-    const LogCapture log("debug");
-    EXPECT_EQ(tavrix_jrpc_eval_method("ports.Get", GetParam().text, into(out)), GetParam().rc);
-    EXPECT_EQ(out != nullptr, GetParam().rc == 0);
-    EXPECT_TRUE(log.said(GetParam().lines));
-}
-
 const Candidate replies[] = {
     {"Match", R"({"jsonrpc":"2.0","id":"ports.Get"})", {"DEBUG|Found correct method \"ports.Get\"."}, TAVRIX_OK},
     {"OtherMethod", R"({"jsonrpc":"2.0","id":"ports.get"})", {"DEBUG|Found incorrect method \"ports.get\"."}},
@@ -107,17 +97,15 @@ const Candidate replies[] = {
     {"IdTrue", R"({"jsonrpc":"2.0","id":true})", malformed_reply(wrong_type, "(null)")},
 };
 
-INSTANTIATE_TEST_SUITE_P(Replies, EvalMethod, testing::ValuesIn(replies),
-                         [](const auto &row) { return row.param.name; });
-
-class EvalNotification : public testing::TestWithParam<Candidate> {};
-
-TEST_P(EvalNotification, Decides) {
-    Json out;
-    const LogCapture log("verbose");
-    EXPECT_EQ(tavrix_jrpc_eval_notification("events.X", GetParam().text, into(out)), GetParam().rc);
-    EXPECT_EQ(out != nullptr, GetParam().rc == 0);
-    EXPECT_TRUE(log.said(GetParam().lines));
+TEST(EvalMethod, Decides) {
+    for (const Candidate &row : replies) {
+        SCOPED_TRACE(row.name);
+        Json out;
+        const LogCapture log("debug");
+        EXPECT_EQ(tavrix_jrpc_eval_method("ports.Get", row.text, into(out)), row.rc);
+        EXPECT_EQ(out != nullptr, row.rc == 0);
+        EXPECT_TRUE(log.said(row.lines));
+    }
 }
 
 const Candidate notifications[] = {
@@ -137,8 +125,16 @@ const Candidate notifications[] = {
     {"VersionThree", R"({"jsonrpc":"3.0","method":"events.X"})", {other_version}},
 };
 
-INSTANTIATE_TEST_SUITE_P(Notifications, EvalNotification, testing::ValuesIn(notifications),
-                         [](const auto &row) { return row.param.name; });
+TEST(EvalNotification, Decides) {
+    for (const Candidate &row : notifications) {
+        SCOPED_TRACE(row.name);
+        Json out;
+        const LogCapture log("verbose");
+        EXPECT_EQ(tavrix_jrpc_eval_notification("events.X", row.text, into(out)), row.rc);
+        EXPECT_EQ(out != nullptr, row.rc == 0);
+        EXPECT_TRUE(log.said(row.lines));
+    }
+}
 
 TEST(Matchers, RefuseWhatIsNoJsonInTheEvaluatorsWords) {
     json_t *out = nullptr;

@@ -363,10 +363,3 @@ TEST_F(Logger, ShutdownChangesNothing) {
     EXPECT_EQ(tavrix_lsyslog_shutdown(), 0);
     EXPECT_NE(logged(6, "x\n"), "");
 }
-
-TEST_F(Logger, NamesItsLevels) {
-    const char *const names[] = {"undef", "config", "error", "warning", "info", "debug", "verbose"};
-    for (int level = 0; level < 7; ++level) {
-        EXPECT_STREQ(tavrix_log_level_strings[level], names[level]);
-    }
-}

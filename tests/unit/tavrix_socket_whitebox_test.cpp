@@ -44,6 +44,9 @@ sockaddr_in ipv4(uint32_t host, uint16_t port) {
     return address;
 }
 
+int init_unix(int *fd) { return tavrix_unix_socket_init("x.sock", fd, 1); }
+int init_tcp(int *fd) { return tavrix_tcp_socket_init(0, fd, 1); }
+
 /** So that what the next call does not clear in its own frame is not zero by luck. */
 __attribute__((noinline)) void soil_the_stack() {
     char used[2048];
@@ -72,41 +75,32 @@ int __wrap_connect(int fd, const sockaddr *address, socklen_t length) {
 }
 }
 
-struct FailingCall {
-    const char *name;
-    const char *call;
-    bool unix_listener;
-    const char *prefix;
-};
-
-class ListenerSetUp : public testing::TestWithParam<FailingCall> {};
-
-TEST_P(ListenerSetUp, ReportsTheFailingCallAndLeavesNothingOpen) {
-    const int open_before = support::open_descriptors();
-    int fd = -77;
-    std::string printed;
-    {
-        const support::StderrCapture out;
-        const Failing once(GetParam().call, 1, EACCES);
-        const int rc =
-            GetParam().unix_listener ? tavrix_unix_socket_init("x.sock", &fd, 1) : tavrix_tcp_socket_init(0, &fd, 1);
-        EXPECT_EQ(rc, TAVRIX_ERR_GENERAL);
-        printed = out.text();
+TEST(ListenerSetUp, ReportsTheFailingCallAndLeavesNothingOpen) {
+    const struct {
+        const char *call;
+        int (*init)(int *fd);
+        const char *prefix;
+    } rows[] = {{"socket", init_unix, "tavrix_unix_socket_init"},
+                {"bind", init_unix, "bind"},
+                {"listen", init_unix, "listen"},
+                {"chmod", init_unix, "chmod"},
+                {"socket", init_tcp, "tavrix_tcp_socket_init"},
+                {"bind", init_tcp, "bind"},
+                {"listen", init_tcp, "listen"}};
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.call);
+        const int open_before = support::open_descriptors();
+        int fd = -77;
+        {
+            const support::StderrCapture out;
+            const Failing once(row.call, 1, EACCES);
+            EXPECT_EQ(row.init(&fd), TAVRIX_ERR_GENERAL);
+            EXPECT_EQ(out.text(), std::string(row.prefix) + ": " + strerror(EACCES) + "\n");
+        }
+        EXPECT_EQ(fd, -77);
+        EXPECT_EQ(support::open_descriptors(), open_before);
     }
-    EXPECT_EQ(printed, std::string(GetParam().prefix) + ": " + strerror(EACCES) + "\n");
-    EXPECT_EQ(fd, -77);
-    EXPECT_EQ(support::open_descriptors(), open_before);
 }
-
-INSTANTIATE_TEST_SUITE_P(Calls, ListenerSetUp,
-                         testing::Values(FailingCall{"UnixSocket", "socket", true, "tavrix_unix_socket_init"},
-                                         FailingCall{"UnixBind", "bind", true, "bind"},
-                                         FailingCall{"UnixListen", "listen", true, "listen"},
-                                         FailingCall{"UnixChmod", "chmod", true, "chmod"},
-                                         FailingCall{"TcpSocket", "socket", false, "tavrix_tcp_socket_init"},
-                                         FailingCall{"TcpBind", "bind", false, "bind"},
-                                         FailingCall{"TcpListen", "listen", false, "listen"}),
-                         [](const auto &row) { return row.param.name; });
 
 TEST(ListenerAddress, OfAPathIsTheWholeStructureWithItsRestZero) {
     sockaddr_un expected{};

@@ -90,7 +90,6 @@ rule swallowed-semicolon "the macro ends in a semicolon of its own, and breaks a
     'while \((0|false)\);\s*\\?$' '' src common include kit daemons tools tests
 rule fixed-sleep "a test waits for a condition: a fixed time is too short on some day, and too long on all others" \
     '\b(sleep_for|usleep|nanosleep|sleep)\(' '
-    ^tests/unit/tavrix_jrpc_waits_test\.cpp:.*milliseconds\(1\)
     ^tests/fault/kit_test\.cpp:.*usleep\(turn_us\)' tests/{fault,interface,kit,support,system,testkit,threads,unit}
 
 # --- Length: what is longer than this has two topics ---

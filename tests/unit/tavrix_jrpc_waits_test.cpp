@@ -1,18 +1,15 @@
-#include <atomic>
-#include <chrono>
-#include <csignal>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <pthread.h>
 
 #include "support/bus.h"
 #include "support/json.h"
 #include "support/log_capture.h"
 #include "support/nulls.h"
+#include "support/signals.h"
 #include "tavrix_error.h"
 #include "tavrix_jrpc.h"
 #include "tavrix_mq.h"
@@ -33,35 +30,6 @@ constexpr char unit[] = "tavrix_jrpc";
 std::string waiting(const std::string &method, int attempt) {
     return "Waiting for API response <" + method + ">, attempts remaining: " + std::to_string(attempt);
 }
-
-/** Interrupts this thread again and again, with a handler that asks for interrupted calls to go on. */
-class Signals {
-  public:
-    Signals() {
-        struct sigaction action {};
-        action.sa_handler = [](int) {};
-        action.sa_flags = SA_RESTART;
-        sigaction(SIGUSR1, &action, &before_);
-        sender_ = std::thread([this, waiting = pthread_self()] {
-            while (!ended_) {
-                pthread_kill(waiting, SIGUSR1);
-                std::this_thread::sleep_for(std::chrono::milliseconds(1));
-            }
-        });
-    }
-    Signals(const Signals &) = delete;
-    Signals &operator=(const Signals &) = delete;
-    ~Signals() {
-        ended_ = true;
-        sender_.join();
-        sigaction(SIGUSR1, &before_, nullptr);
-    }
-
-  private:
-    struct sigaction before_ {};
-    std::atomic<bool> ended_{false};
-    std::thread sender_;
-};
 
 constexpr char reply[] = R"(me|{"jsonrpc":"2.0","id":"ports.Get","result":5})";
 constexpr char notification[] = R"(ev|{"jsonrpc":"2.0","method":"events.X","params":{"n":1}})";
@@ -297,7 +265,7 @@ TEST(NotificationWait, CountsAFailedReceiveAsAnAttempt) {
 
 TEST(Waits, CountASignalAsAnAttempt) {
     const BusSocket silent(TAVRIX_SP_SUB); // without a time-out: only signals end an attempt
-    const Signals signals;
+    const support::Ticking interrupts(SA_RESTART);
     json_t *out = nullptr;
     const LogCapture log("debug");
     EXPECT_EQ(tavrix_jrpc_mq_sub_for_method(silent.number, "anything", &out), TAVRIX_ERR_NO_RESPONSE);

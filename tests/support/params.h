@@ -39,7 +39,7 @@ class Params {
     /** The reader as a function of the arguments alone. */
     template <class Reader>
     auto reading(Reader reader) {
-        return [this, reader](auto... arguments) { return read(reader, arguments...); };
+        return [this, reader](auto... arguments) { return this->read(reader, arguments...); };
     }
 
   private:

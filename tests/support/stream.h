@@ -6,6 +6,8 @@
 
 #include <string>
 
+#include <gtest/gtest.h>
+
 namespace support {
 
 /** A connection that is closed with its scope. */
@@ -37,6 +39,16 @@ int port_of(int fd);
 
 /** How many descriptors this process has open. */
 int open_descriptors();
+
+/** As many are open at its end as at its beginning. */
+struct NothingOpens {
+    const int before = open_descriptors();
+
+    NothingOpens() = default;
+    NothingOpens(const NothingOpens &) = delete;
+    NothingOpens &operator=(const NothingOpens &) = delete;
+    ~NothingOpens() { EXPECT_EQ(open_descriptors(), before); }
+};
 
 } // namespace support
 

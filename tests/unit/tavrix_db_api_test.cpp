@@ -169,22 +169,18 @@ TEST_F(OpenDatabase, ReportsAQueryThatCannotBePrepared) {
 }
 
 TEST_F(Database, LeaksNoFreshConnection) {
-    const int open_before = support::open_descriptors();
+    const support::NothingOpens nothing;
+    const LogCapture log("off");
     int64_t value = 0;
     sqlite3_stmt *statement = nullptr;
-    {
-        const LogCapture log("off");
-        EXPECT_EQ(tavrix_db_get_single_id_result(nullptr, cfgdb, "t", &value, "SELECT id FROM t"), 0);
-        EXPECT_EQ(tavrix_db_get_single_id_result(nullptr, cfgdb, "t", &value, "SELECT id FROM empty"),
-                  TAVRIX_ERR_GENERAL);
-        EXPECT_EQ(tavrix_db_get_single_id_result(nullptr, cfgdb, "t", &value, "SELECT nonsense"), TAVRIX_ERR_GENERAL);
-        EXPECT_EQ(tavrix_db_prepare_statement(nullptr, cfgdb, &statement, "SELECT nonsense"), TAVRIX_ERR_SYSTEM_ACCESS);
-        EXPECT_EQ(tavrix_db_prepare_statement(nullptr, cfgdb, &statement, "-- nothing to run"), 0);
-        EXPECT_EQ(statement, nullptr);
-        EXPECT_EQ(tavrix_db_get_single_id_result(nullptr, "missing.db", "t", &value, "SELECT 1"),
-                  TAVRIX_ERR_SYSTEM_ACCESS);
+    EXPECT_EQ(tavrix_db_get_single_id_result(nullptr, cfgdb, "t", &value, "SELECT id FROM t"), 0);
+    for (const char *sql : {"SELECT id FROM empty", "SELECT nonsense"}) {
+        EXPECT_EQ(tavrix_db_get_single_id_result(nullptr, cfgdb, "t", &value, "%s", sql), TAVRIX_ERR_GENERAL);
     }
-    EXPECT_EQ(support::open_descriptors(), open_before);
+    EXPECT_EQ(tavrix_db_prepare_statement(nullptr, cfgdb, &statement, "SELECT nonsense"), TAVRIX_ERR_SYSTEM_ACCESS);
+    EXPECT_EQ(tavrix_db_prepare_statement(nullptr, cfgdb, &statement, "-- nothing to run"), 0);
+    EXPECT_EQ(statement, nullptr);
+    EXPECT_EQ(tavrix_db_get_single_id_result(nullptr, "missing.db", "t", &value, "SELECT 1"), TAVRIX_ERR_SYSTEM_ACCESS);
 }
 
 TEST_F(OpenDatabase, ReadsIdsAndCounts) {

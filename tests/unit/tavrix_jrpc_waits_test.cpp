@@ -277,8 +277,9 @@ TEST(Waits, CountASignalAsAnAttempt) {
 TEST(Waits, RefuseNullArguments) {
     json_t *out = nullptr;
     for (const auto &[wait, line] :
-         {std::pair(tavrix_jrpc_mq_sub_for_method, "DEBUG|[tavrix_jrpc_mq_sub_for_method]: Null Pointer!"),
-          std::pair(tavrix_jrpc_mq_sub_for_notifcation, "DEBUG|[tavrix_jrpc_mq_sub_for_notifcation]: Null Pointer!")}) {
+         {std::pair(&tavrix_jrpc_mq_sub_for_method, "DEBUG|[tavrix_jrpc_mq_sub_for_method]: Null Pointer!"),
+          std::pair(&tavrix_jrpc_mq_sub_for_notifcation,
+                    "DEBUG|[tavrix_jrpc_mq_sub_for_notifcation]: Null Pointer!")}) {
         const LogCapture log("debug");
         EXPECT_EQ(with_each_null(wait, 0, "m", &out), Statuses(2, TAVRIX_ERR_NULL_INPUT));
         EXPECT_TRUE(log.said(Lines(2, line)));

@@ -22,6 +22,7 @@
 
 using support::Lines;
 using support::LogCapture;
+using support::NothingOpens;
 using support::Statuses;
 using support::StderrCapture;
 using support::StreamClient;
@@ -59,12 +60,6 @@ mode_t mode_of(const std::string &path) {
 bool is_nonblocking(int fd) { return (fcntl(fd, F_GETFL) & O_NONBLOCK) != 0; }
 
 unsigned port(const Handle &listener) { return static_cast<unsigned>(support::port_of(listener.fd)); }
-
-/** As many descriptors are open at its end as at its beginning. */
-struct NothingOpens {
-    const int before = support::open_descriptors();
-    ~NothingOpens() { EXPECT_EQ(support::open_descriptors(), before); }
-};
 
 std::string perror_text(const char *prefix, int reason) { return std::string(prefix) + ": " + strerror(reason) + "\n"; }
 
@@ -337,7 +332,7 @@ TEST(StreamSockets, RefuseNullAndSayWho) {
     EXPECT_EQ(tavrix_tcp_socket_connect(nullptr, 1, &fd), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(with_each_null(tavrix_socket_send, &pair.ours.fd, "x"), refused);
     EXPECT_EQ(tavrix_socket_close(nullptr), TAVRIX_ERR_GENERAL);
-    EXPECT_EQ(with_each_null(tavrix_socket_recv, &pair.ours.fd, text, 4), Statuses(2, 0)) << "it looks empty";
+    EXPECT_EQ(with_each_null(tavrix_socket_recv, &pair.ours.fd, text, sizeof text), Statuses(2, 0)) << "it looks empty";
     Lines expected;
     for (const std::string function : {"unix_socket_init", "unix_socket_init", "tcp_socket_init", "socket_accept",
                                        "socket_accept", "tcp_socket_accept", "tcp_socket_accept", "tcp_socket_connect",

@@ -15,8 +15,6 @@ using support::LogCapture;
 
 namespace {
 
-constexpr char unit[] = "tavrix_sqlite3";
-
 class Sqlite : public testing::Test {
   protected:
     Sqlite() {

@@ -55,7 +55,7 @@ class Retrievers : public testing::TestWithParam<Field> {
                    ? GetParam().read_text(params, debug, key, out, size)
                    : GetParam().read_number(params, debug, key, reinterpret_cast<int *>(out));
     }
-    int retrieve(Params &params, const char *key = "k") { return params.read(read, key, out.get(), out.size()); }
+    int retrieve(Params &params) { return params.read(read, "k", out.get(), out.size()); }
     std::string good() const { return GetParam().params(GetParam().valid.front()); }
 };
 

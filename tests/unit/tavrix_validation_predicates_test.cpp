@@ -50,40 +50,40 @@ bool is_number(const std::string &text, int low, int high) {
     return is_padded_number(text, 4, low, high) && (text.size() == 1 || text[0] != '0');
 }
 
-bool is_c_port(std::string text) {
-    text = without_final_newline(text);
+bool is_c_port(const std::string &value) {
+    const std::string text = without_final_newline(value);
     const size_t dash = text.find('-');
     return dash != std::string::npos && (text[0] == 'c' || text[0] == 'C') &&
            is_number(text.substr(1, dash - 1), 1, 128) && is_number(text.substr(dash + 1), 1, 99);
 }
 
-bool is_d_port(std::string text) {
-    text = without_final_newline(text);
+bool is_d_port(const std::string &value) {
+    const std::string text = without_final_newline(value);
     return text.size() == 2 && (text[0] == 'd' || text[0] == 'D') && text[1] >= '1' && text[1] <= '4';
 }
 
-bool is_mzu(std::string text) {
-    text = without_final_newline(text);
+bool is_mzu(const std::string &value) {
+    const std::string text = without_final_newline(value);
     return !text.empty() && (text[0] == 'c' || text[0] == 'C') && is_number(text.substr(1), 1, 128);
 }
 
-bool is_vlan_name(std::string text) {
-    text = without_final_newline(text);
+bool is_vlan_name(const std::string &value) {
+    const std::string text = without_final_newline(value);
     return !text.empty() && text[0] == 'v' && is_number(text.substr(1), 1, 4092);
 }
 
-bool is_single_line(std::string text) { return without_final_newline(text).find('\n') == std::string::npos; }
+bool is_single_line(const std::string &text) { return without_final_newline(text).find('\n') == std::string::npos; }
 
-bool is_date(std::string text) {
-    text = without_final_newline(text);
+bool is_date(const std::string &value) {
+    const std::string text = without_final_newline(value);
     const size_t second = text.size() > 5 ? text.find('-', 5) : std::string::npos;
     return second != std::string::npos && text[0] == '2' && all(text.substr(0, 4), is_digit) && text[4] == '-' &&
            is_padded_number(text.substr(5, second - 5), 2, 1, 12) &&
            is_padded_number(text.substr(second + 1), 2, 1, 31);
 }
 
-bool is_time(std::string text) {
-    text = without_final_newline(text);
+bool is_time(const std::string &value) {
+    const std::string text = without_final_newline(value);
     return text.size() == 5 && text[2] == ':' && is_padded_number(text.substr(0, 2), 2, 0, 23) &&
            is_padded_number(text.substr(3), 2, 0, 59);
 }
@@ -95,11 +95,11 @@ bool is_shaped(const std::string &text, const std::string &shape) {
            });
 }
 
-bool is_uuid(std::string text) {
+bool is_uuid(const std::string &text) {
     return is_shaped(without_final_newline(text), "xxxxxxxx-xxxx-xxxx-xxxx-xxxxxxxxxxxx");
 }
 
-bool is_ip(std::string text) {
+bool is_ip(const std::string &text) {
     std::istringstream parts(without_final_newline(text) + ".");
     int count = 0;
     for (std::string part; std::getline(parts, part, '.'); ++count) {
@@ -110,25 +110,25 @@ bool is_ip(std::string text) {
     return count == 4;
 }
 
-bool is_mac(std::string text) {
-    text = without_final_newline(text);
+bool is_mac(const std::string &value) {
+    const std::string text = without_final_newline(value);
     return is_shaped(text, "xx:xx:xx:xx:xx:xx") || is_shaped(text, "xx-xx-xx-xx-xx-xx");
 }
 
-bool is_description(std::string text) { return text.find('"') == std::string::npos; }
+bool is_description(const std::string &text) { return text.find('"') == std::string::npos; }
 
-bool is_password(std::string text) {
-    text = without_final_newline(text);
+bool is_password(const std::string &value) {
+    const std::string text = without_final_newline(value);
     return text.size() >= 4 && text.size() <= 15 &&
            all(text, [](char c) { return is_alnum(c) || std::string("!?_@-").find(c) != std::string::npos; });
 }
 
-bool is_username(std::string text) {
-    text = without_final_newline(text);
+bool is_username(const std::string &value) {
+    const std::string text = without_final_newline(value);
     return text.size() >= 4 && text.size() <= 15 && all(text, is_alnum);
 }
 
-bool is_port(std::string text) { return is_c_port(text) || is_d_port(text); }
+bool is_port(const std::string &text) { return is_c_port(text) || is_d_port(text); }
 
 /** Whether a version such as 1.2.3-004, with any characters between the digits, stands at a place. */
 bool version_at(const std::string &line, size_t at) {
@@ -137,7 +137,7 @@ bool version_at(const std::string &line, size_t at) {
 }
 
 /** The word and a version behind it, both on the first line. */
-bool is_unit_file(std::string text) {
+bool is_unit_file(const std::string &text) {
     const std::string line = text.substr(0, text.find('\n'));
     size_t at = line.find("zqn");
     while (at < line.size() && !version_at(line, at + 3)) {
@@ -156,7 +156,7 @@ bool is_reserved(const std::string &text) {
 // --- Fields --------------------------------------------------------------------------------------------------------
 
 struct Rule {
-    bool (*holds)(std::string);
+    bool (*holds)(const std::string &);
     int min_length = 0;
     int max_length = 0; ///< 0: no bounds
 };
@@ -341,9 +341,10 @@ TEST_F(Exhaustive, CPortsFromC0To130) {
 TEST_F(Exhaustive, MonthsAndDaysInEveryWriting) {
     for (int month = 0; month <= 14; ++month) {
         for (int day = 0; day <= 33; ++day) {
-            for (const std::string &month_text : writings(month)) {
-                for (const std::string &day_text : writings(day)) {
-                    check(date, "2030-" + month_text + "-" + day_text);
+            for (const std::string &text : writings(month)) {
+                const std::string beginning = "2030-" + text + "-";
+                for (const std::string &end : writings(day)) {
+                    check(date, beginning + end);
                 }
             }
         }

@@ -162,7 +162,7 @@ TEST(FileStats, ShowsNoCommandThatWouldBeCut) {
 
 TEST(CheckMd5, ComparesTheSums) {
     write_file("data", "hello\n");
-    write_file("data.md5", "b1946ac92492d2347c6235b4d2611184  data\n");
+    write_file("data.md5", "b1946ac92492d2347c6235b4d2611184  elsewhere/data\n"); // the names may differ
     bool match = false;
     EXPECT_EQ(tavrix_check_md5("data", "data.md5", &match), 0);
     EXPECT_TRUE(match);

@@ -1,6 +1,8 @@
 #include "support/bus.h"
 
+#include <algorithm>
 #include <chrono>
+#include <climits>
 #include <cstddef>
 #include <cstdio>
 #include <stdexcept>
@@ -104,6 +106,20 @@ BusSocket::BusSocket(int sp_type) {
         throw std::runtime_error("no bus socket");
     }
 }
+
+int BusSocket::timeout_ms() const {
+    int ms = INT_MIN;
+    tavrix_mq_socket_get_timeout(number, &ms);
+    return ms;
+}
+
+NoBusSocketIsLeft::NoBusSocketIsLeft() {
+    for (int number = -1; tavrix_mq_socket_init(TAVRIX_SP_PAIR, &number) == 0;) {
+        taken_.push_back(number);
+    }
+}
+
+NoBusSocketIsLeft::~NoBusSocketIsLeft() { std::for_each(taken_.begin(), taken_.end(), tavrix_mq_socket_close); }
 
 void BusSocket::close() {
     if (number >= 0) {

@@ -6,6 +6,7 @@
 
 #include <functional>
 #include <string>
+#include <vector>
 
 namespace support {
 
@@ -33,6 +34,20 @@ class BusSocket {
     void connect(const std::string &address);
     /** The text of the next frame, without its channel; "(nothing)" when none comes. */
     std::string next_text(int timeout_ms) const;
+    /** Its receive time-out; INT_MIN when it cannot be read. */
+    int timeout_ms() const;
+};
+
+/** All bus sockets that are left, for as long as it lives. */
+class NoBusSocketIsLeft {
+  public:
+    NoBusSocketIsLeft();
+    NoBusSocketIsLeft(const NoBusSocketIsLeft &) = delete;
+    NoBusSocketIsLeft &operator=(const NoBusSocketIsLeft &) = delete;
+    ~NoBusSocketIsLeft();
+
+  private:
+    std::vector<int> taken_;
 };
 
 /** A publisher and a subscriber whose connection stands: what is published now arrives. */

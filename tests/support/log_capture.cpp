@@ -60,8 +60,6 @@ std::string tag_of(Level level) {
     return tags.at(static_cast<size_t>(level));
 }
 
-std::string whole(Level level, const std::string &message) { return tag_of(level) + "|" + message; }
-
 std::time_t wall_clock() {
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
@@ -121,8 +119,8 @@ int LogCapture::count(Level level, const std::string &unit, const std::string &m
     return found;
 }
 
-std::vector<std::string> LogCapture::sequence() const {
-    std::vector<std::string> entries;
+Lines LogCapture::sequence() const {
+    Lines entries;
     for (const LogLine &line : lines()) {
         const bool ended = !line.message.empty() && line.message.back() == '\n';
         entries.push_back(line.tag + "|" +
@@ -132,6 +130,13 @@ std::vector<std::string> LogCapture::sequence() const {
 }
 
 testing::AssertionResult LogCapture::says(const std::string &part) const { return holds(text(), part); }
+
+testing::AssertionResult LogCapture::said(const Lines &expected) const {
+    const Lines entries = sequence();
+    return entries == expected ? testing::AssertionSuccess()
+                               : testing::AssertionFailure() << "the log says " << testing::PrintToString(entries)
+                                                             << "\n  and not " << testing::PrintToString(expected);
+}
 
 std::vector<LogLine> parse_log(const std::string &text) {
     std::vector<LogLine> lines;

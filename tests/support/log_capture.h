@@ -16,6 +16,8 @@
 
 namespace support {
 
+using Lines = std::vector<std::string>;
+
 /** Seconds by the clock that stamps the lines: time() reads a coarser one, which may still be in the second before. */
 std::time_t wall_clock();
 
@@ -29,15 +31,12 @@ struct LogLine {
     int line = 0;
     std::string message; ///< with its newline
 
-    /** Level and message in one, as whole() below spells it. */
+    /** Level and message in one, down to the newline: "DEBUG|NULL pointer!\n". */
     std::string whole() const { return tag + "|" + message; }
 };
 
 /** The five characters that the logger prints for a level. */
 std::string tag_of(Level level);
-
-/** A line as a test expects it, down to the newline: what a comparison of the message alone would let pass is seen. */
-std::string whole(Level level, const std::string &message);
 
 /** Writes the private logger configuration and loads it: "off", "info", "debug" or "verbose". */
 void set_log_level(const std::string &word);
@@ -81,7 +80,9 @@ class LogCapture {
      * The messages in order, as "TAG|message": for comparing whole sequences. The newline that ends a message is left
      * out, and one that lacks it is told by " (no line end)" behind it.
      */
-    std::vector<std::string> sequence() const;
+    Lines sequence() const;
+    /** Whether this is the sequence: EXPECT_TRUE(log.said({"DEBUG|NULL pointer!"})). */
+    testing::AssertionResult said(const Lines &expected) const;
     bool silent() const { return text().empty(); }
     /** Whether the part stands anywhere in it; a failed expectation shows all that does. */
     testing::AssertionResult says(const std::string &part) const;

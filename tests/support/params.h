@@ -31,6 +31,17 @@ class Params {
     /** Puts an earlier message into the slot. */
     void set_message(const std::string &text);
 
+    /** Calls a reader with the parameters, the place for the message, and these arguments. */
+    template <class Reader, class... Arguments>
+    int read(Reader reader, Arguments... arguments) {
+        return reader(params_, &debug_message_, arguments...);
+    }
+    /** The reader as a function of the arguments alone. */
+    template <class Reader>
+    auto reading(Reader reader) {
+        return [this, reader](auto... arguments) { return this->read(reader, arguments...); };
+    }
+
   private:
     json_t *params_;
     json_t *debug_message_ = nullptr;

@@ -10,12 +10,16 @@
 
 namespace support {
 
-/** For as long as it lives, a SIGALRM interrupts the calls that wait, every 20 ms from now. */
+/**
+ * For as long as it lives, a SIGALRM interrupts the calls that wait, every 20 ms from now; its handler may ask, by
+ * SA_RESTART, for those to go on that can.
+ */
 class Ticking {
   public:
-    Ticking() {
+    explicit Ticking(int flags = 0) {
         struct sigaction action {};
         action.sa_handler = [](int) {};
+        action.sa_flags = flags;
         sigaction(SIGALRM, &action, &before_);
         itimerval ticking{};
         ticking.it_value.tv_usec = 20000;

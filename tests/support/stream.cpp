@@ -82,6 +82,13 @@ void StreamClient::close() {
     fd_ = -1;
 }
 
+int port_of(int fd) {
+    sockaddr_in address{};
+    socklen_t length = sizeof address;
+    getsockname(fd, reinterpret_cast<sockaddr *>(&address), &length);
+    return ntohs(address.sin_port);
+}
+
 int open_descriptors() {
     const std::filesystem::directory_iterator open("/proc/self/fd");
     return static_cast<int>(std::distance(begin(open), end(open)));

@@ -6,6 +6,7 @@
 
 #include <string>
 
+#include <gtest/gtest.h>
 #include <sys/un.h>
 
 namespace support {
@@ -38,8 +39,21 @@ class StreamClient {
     int fd_;
 };
 
+/** The port that a TCP socket is bound to. */
+int port_of(int fd);
+
 /** How many descriptors this process has open. */
 int open_descriptors();
+
+/** As many are open at its end as at its beginning. */
+struct NothingOpens {
+    const int before = open_descriptors();
+
+    NothingOpens() = default;
+    NothingOpens(const NothingOpens &) = delete;
+    NothingOpens &operator=(const NothingOpens &) = delete;
+    ~NothingOpens() { EXPECT_EQ(open_descriptors(), before); }
+};
 
 } // namespace support
 

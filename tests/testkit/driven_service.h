@@ -10,6 +10,7 @@
 
 #include "support/json.h"
 #include "tavrix_error.h"
+#include "tavrix_jrpc.h"
 #include "tavrix_service_test.h"
 
 namespace driven {
@@ -31,22 +32,6 @@ inline std::string code_and_words(int code, tavrix_status status) {
 
 /** A text as JSON. */
 inline std::string quoted(const std::string &text) { return support::taken(json_string(text.c_str())); }
-
-/** The reason in a refusal's data; `value` is JSON. */
-inline std::string reason_of(const std::string &parameter, const std::string &value, const std::string &complaint) {
-    return quoted(parameter + ": " + value + " " + complaint);
-}
-
-/** A call whose parameter is refused; `value` is JSON as the data shows it, "(none)" for a parameter that is missing.
- */
-struct Refusal {
-    const char *method;
-    std::string params;
-    int code;
-    const char *parameter;
-    std::string value;
-    std::string reason;
-};
 
 class Service {
   public:
@@ -94,20 +79,35 @@ class Service {
     void stop() { tavrix_service_test_stop(test_); }
     bool is_stopped() const { return tavrix_service_test_is_stopped(test_); }
 
-    void expect_refusal(const Refusal &row) {
-        const std::string what = std::string(row.method) + " " + row.params;
-        const std::string outcome = call(row.method, row.params);
+    /**
+     * The call is refused for a parameter that is this JSON, or missing when that is empty; the words say what is wrong
+     * with it. `others` are the members before it.
+     */
+    void expect_refusal(const char *method, const std::string &others, const std::string &parameter,
+                        const std::string &json, const std::string &words, int code = TAVRIX_JRPC_INVALID_PARAMS) {
+        const std::string params =
+            others + (others.empty() || json.empty() ? "" : ",") + (json.empty() ? "" : quoted(parameter) + ":" + json);
+        const std::string what = std::string(method) + " {" + params + "}";
+        const std::string outcome = call(method, "{" + params + "}");
         const std::string data = support::data_of(outcome);
-        EXPECT_EQ(support::code_of(outcome), std::to_string(row.code)) << what << outcome;
-        EXPECT_EQ(support::member(data, "parameter"), quoted(row.parameter)) << what;
-        EXPECT_EQ(support::member(data, "value"), row.value) << what;
-        EXPECT_EQ(support::member(data, "reason"), row.reason) << what;
+        const std::string reason = quoted(parameter + (json.empty() ? "" : ": " + json) + " " + words);
+        const bool is_shown_as_it_is = json.find_first_of("\"-0123456789") == 0;
+        EXPECT_EQ(support::code_of(outcome), std::to_string(code)) << what << outcome;
+        EXPECT_EQ(support::member(data, "parameter"), quoted(parameter)) << what;
+        EXPECT_EQ(support::member(data, "value"), json.empty()        ? "(none)"
+                                                  : is_shown_as_it_is ? json
+                                                                      : quoted(json))
+            << what;
+        EXPECT_EQ(support::member(data, "reason"), reason) << what;
         const std::string message = support::member(data, "message"); // the library's words, or the reason
-        const std::string name = row.parameter;
-        EXPECT_TRUE(message == row.reason || message == "\"Missing expected parameter: '" + name + "'\"" ||
-                    message.rfind("\"Parameter '" + name + "' is not of type '", 0) == 0 ||
-                    (name == "alias" && message == "\"Alias must be 8 characters or fewer.\""))
+        EXPECT_TRUE(message == reason || message == "\"Missing expected parameter: '" + parameter + "'\"" ||
+                    message.rfind("\"Parameter '" + parameter + "' is not of type '", 0) == 0 ||
+                    (parameter == "alias" && message == "\"Alias must be 8 characters or fewer.\""))
             << what << message;
+    }
+    /** The call fails with this code and the status's words. */
+    void expect_failure(const char *method, const std::string &params, int code, tavrix_status status) {
+        EXPECT_EQ(code_and_words(call(method, params)), code_and_words(code, status)) << method << params;
     }
 
   protected:

@@ -2,13 +2,14 @@
  * Everything that may run on several threads at once does so, on each thread's own objects, and gives each what it
  * would have got alone. Built with ThreadSanitizer (scripts/test.sh --only threads) a race ends the program.
  */
+#include <algorithm>
 #include <atomic>
-#include <cstring>
 #include <fstream>
+#include <iterator>
 #include <map>
 #include <memory>
+#include <regex>
 #include <set>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -23,6 +24,7 @@
 #include "support/json.h"
 #include "support/log_capture.h"
 #include "support/params.h"
+#include "support/process.h"
 #include "tavrix.h"
 
 using support::BusSocket;
@@ -74,6 +76,15 @@ int say(json_t * /*params*/, json_t **result, json_t ** /*error_data*/) {
 const tavrix_jrpc_method table[] = {{"hello.Say", say}, {nullptr, nullptr}};
 constexpr char request[] = R"({"jsonrpc":"2.0","id":"me","method":"hello.Say"})";
 constexpr char response[] = R"({"jsonrpc":"2.0","id":"me","result":"hello","transaction_id":5})";
+
+/** Ports for all threads, each of them twice. */
+struct Places {
+    std::vector<int> ports;
+
+    Places() { std::generate_n(std::back_inserter(ports), 2 * thread_count, support::free_port); }
+    unsigned port(int number) const { return static_cast<unsigned>(ports[static_cast<size_t>(number)]); }
+    std::string address(int number) const { return "tcp://127.0.0.1:" + std::to_string(port(number)); }
+};
 
 /** A publisher and a subscriber of one thread, whose connection stands. */
 struct Endpoint {
@@ -141,33 +152,30 @@ TEST(Reentrant, Parameters) {
             Params params(field.params(value));
             char out[128] = "";
             int number = 0;
-            EXPECT_EQ(is_number ? field.read_number(params.get(), params.debug(), "k", &number)
-                                : field.read(params.get(), params.debug(), "k", out, sizeof out),
-                      TAVRIX_OK)
-                << field.name;
+            const int rc = is_number ? params.read(field.read_number, "k", &number)
+                                     : field.read(params.get(), params.debug(), "k", out, sizeof out);
+            EXPECT_EQ(rc, TAVRIX_OK) << field.name;
             EXPECT_STRCASEEQ(is_number ? std::to_string(number).c_str() : out,
                              field.read_list != nullptr ? "" : value.c_str());
             EXPECT_EQ(field.read(params.get(), params.debug(), "absent", out, sizeof out),
                       TAVRIX_ERR_PARAMETER_NOT_FOUND);
         }
-        Params all(
-            "{\"text\":\"any\",\"bool\":true,\"list\":[],\"float\":\"1.5\",\"uint\":\"7\",\"secure\":\"current\","
-            "\"integer\":" +
-            std::to_string(me) + "}");
+        Params all(R"({"text":"any","bool":true,"list":[],"float":"1.5","uint":"7","secure":"current","integer":)" +
+                   std::to_string(me) + "}");
         json_t *borrowed = nullptr;
         char out[64] = "";
         int number = 0;
         uint64_t big = 0;
         float real = 0;
-        EXPECT_EQ(tavrix_jrpc_utils_parse_input_string(all.get(), all.debug(), "text", out, sizeof out), TAVRIX_OK);
+        EXPECT_EQ(all.read(tavrix_jrpc_utils_parse_input_string, "text", out, sizeof out), TAVRIX_OK);
         EXPECT_STREQ(out, "any");
-        EXPECT_EQ(tavrix_jrpc_utils_parse_input_integer(all.get(), all.debug(), "integer", &number), TAVRIX_OK);
+        EXPECT_EQ(all.read(tavrix_jrpc_utils_parse_input_integer, "integer", &number), TAVRIX_OK);
         EXPECT_EQ(number, me);
-        EXPECT_EQ(tavrix_jrpc_utils_parse_input_bool(all.get(), all.debug(), "bool", &borrowed), TAVRIX_OK);
-        EXPECT_EQ(tavrix_jrpc_utils_parse_input_array(all.get(), all.debug(), "list", &borrowed), TAVRIX_OK);
-        tavrix_jrpc_utils_parse_input_uint64_t(all.get(), all.debug(), "uint", &big);
-        EXPECT_EQ(tavrix_jrpc_utils_parse_input_float(all.get(), all.debug(), "float", &real), TAVRIX_OK);
-        EXPECT_EQ(tavrix_jrpc_utils_parse_input_secure_option(all.get(), all.debug(), "secure", &number), TAVRIX_OK);
+        EXPECT_EQ(all.read(tavrix_jrpc_utils_parse_input_bool, "bool", &borrowed), TAVRIX_OK);
+        EXPECT_EQ(all.read(tavrix_jrpc_utils_parse_input_array, "list", &borrowed), TAVRIX_OK);
+        EXPECT_EQ(all.read(tavrix_jrpc_utils_parse_input_uint64_t, "uint", &big), TAVRIX_OK);
+        EXPECT_EQ(all.read(tavrix_jrpc_utils_parse_input_float, "float", &real), TAVRIX_OK);
+        EXPECT_EQ(all.read(tavrix_jrpc_utils_parse_input_secure_option, "secure", &number), TAVRIX_OK);
         char macs[1][20] = {"00:00:00:00:00:01"};
         Json list;
         EXPECT_EQ(tavrix_jrpc_utils_populate_json_mac_addresses_array(into(list), macs, 1), TAVRIX_OK);
@@ -181,11 +189,10 @@ TEST(Reentrant, Messages) {
         char *text = nullptr;
         EXPECT_EQ(tavrix_jrpc_eval_request(request, table, &text), TAVRIX_OK);
         EXPECT_NE(taken(text).find("hello"), std::string::npos);
-        EXPECT_NE(taken(tavrix_jrpc_create_response(json_true(), id.get(), 0, number.get())).find(own("thread ", me)),
-                  std::string::npos);
-        EXPECT_NE(taken(tavrix_jrpc_create_error(TAVRIX_JRPC_SYSTEM_BUSY, id.get(), nullptr, 0, number.get()))
-                      .find(own("thread ", me)),
-                  std::string::npos);
+        for (char *made : {tavrix_jrpc_create_response(json_true(), id.get(), 0, number.get()),
+                           tavrix_jrpc_create_error(TAVRIX_JRPC_SYSTEM_BUSY, id.get(), nullptr, 0, number.get())}) {
+            EXPECT_NE(taken(made).find(own("thread ", me)), std::string::npos);
+        }
         const std::string frame = taken(tavrix_api_router_json_add_channel("me", request));
         char *json = nullptr;
         char *channel = nullptr;
@@ -194,10 +201,7 @@ TEST(Reentrant, Messages) {
         EXPECT_EQ(tavrix_jrpc_parse_channel(request, &channel), TAVRIX_OK);
         EXPECT_EQ(taken(channel), "me");
         EXPECT_EQ(taken(tavrix_api_router_json_parse_channel("ports.Get")), TAVRIX_CHANNEL_FIRST);
-        Json reply;
-        Json notification;
-        Json locked;
-        Json late;
+        Json reply, notification, locked, late;
         tavrix_jrpc_eval_method("hello.Say", response, into(reply));
         tavrix_jrpc_eval_notification("hello.Said", R"({"jsonrpc":"2.0","method":"hello.Said"})", into(notification));
         const Json whole = parsed(R"({"jsonrpc":"2.0","id":"me","method":"hello.Say","transaction_id":5})");
@@ -219,10 +223,9 @@ TEST(Reentrant, BusSocketsOfTheirOwn) {
             char *text = nullptr;
             EXPECT_EQ(tavrix_mq_socket_init(TAVRIX_SP_PAIR, &pair[0]), TAVRIX_OK);
             EXPECT_EQ(tavrix_mq_socket_init(TAVRIX_SP_PAIR, &pair[1]), TAVRIX_OK);
-            EXPECT_EQ(tavrix_mq_socket_bind(pair[0], TAVRIX_TRANSPORT_INPROC, address.c_str(), &endpoint[0]),
-                      TAVRIX_OK);
-            EXPECT_EQ(tavrix_mq_socket_connect(pair[1], TAVRIX_TRANSPORT_INPROC, address.c_str(), &endpoint[1]),
-                      TAVRIX_OK);
+            constexpr int transport = TAVRIX_TRANSPORT_INPROC;
+            EXPECT_EQ(tavrix_mq_socket_bind(pair[0], transport, address.c_str(), &endpoint[0]), TAVRIX_OK);
+            EXPECT_EQ(tavrix_mq_socket_connect(pair[1], transport, address.c_str(), &endpoint[1]), TAVRIX_OK);
             EXPECT_EQ(tavrix_mq_socket_set_timeout(pair[0], 5000), TAVRIX_OK);
             EXPECT_EQ(tavrix_mq_socket_get_timeout(pair[0], &ms), TAVRIX_OK);
             EXPECT_EQ(tavrix_mq_socket_recvfd(pair[0], &fd), TAVRIX_OK);
@@ -231,7 +234,7 @@ TEST(Reentrant, BusSocketsOfTheirOwn) {
             EXPECT_EQ(tavrix_mq_socket_send(pair[1], address.c_str()), TAVRIX_OK);
             EXPECT_EQ(tavrix_mq_socket_recv(pair[0], &text, &length, 0), TAVRIX_OK);
             EXPECT_EQ(std::string(text != nullptr ? text : ""), address);
-            EXPECT_EQ(tavrix_mq_socket_freemsg(nullptr), tavrix_mq_socket_freemsg(nullptr));
+            EXPECT_EQ(tavrix_mq_socket_freemsg(nullptr), TAVRIX_ERR_NULL_INPUT);
             free(text);
             tavrix_mq_socket_send_nonblock(pair[1], "last");
             EXPECT_EQ(tavrix_mq_socket_shutdown(pair[1], endpoint[1]), TAVRIX_OK);
@@ -253,12 +256,9 @@ TEST(Reentrant, TopicsOfOneSocket) {
 }
 
 TEST(Reentrant, Endpoints) {
-    std::vector<std::string> addresses;
-    for (int i = 0; i < 2 * thread_count; ++i) {
-        addresses.push_back(support::free_bus_address());
-    }
+    const Places places;
     on_all_threads([&](int me) {
-        Endpoint bus(addresses[static_cast<size_t>(me)]);
+        Endpoint bus(places.address(me));
         BusSocket pull;
         Json reply;
         Json notification;
@@ -267,20 +267,16 @@ TEST(Reentrant, Endpoints) {
         EXPECT_EQ(tavrix_jrpc_mq_sub_for_method(bus.sub.number, "hello.Say", into(reply)), TAVRIX_OK);
         EXPECT_EQ(tavrix_jrpc_mq_pub(&bus.pub.number, "me", R"({"jsonrpc":"2.0","method":"x"})"), TAVRIX_OK);
         EXPECT_EQ(tavrix_jrpc_mq_sub_for_notifcation(bus.sub.number, "x", into(notification)), TAVRIX_OK);
-        EXPECT_EQ(tavrix_jrpc_pull_socket_init(addresses[static_cast<size_t>(thread_count + me)].c_str(), &pull.number),
-                  TAVRIX_OK);
+        EXPECT_EQ(tavrix_jrpc_pull_socket_init(places.address(thread_count + me).c_str(), &pull.number), TAVRIX_OK);
         EXPECT_EQ(tavrix_mq_socket_set_timeout(pull.number, 1), TAVRIX_OK);
         EXPECT_NE(tavrix_jrpc_pull_socket_run(pull.number, table), TAVRIX_OK) << "nothing came";
     });
 }
 
 TEST(Reentrant, StreamSockets) {
-    std::vector<unsigned> ports;
-    for (int i = 0; i < thread_count; ++i) {
-        ports.push_back(static_cast<unsigned>(support::free_port()));
-    }
+    const Places places;
     on_all_threads([&](int me) {
-        const unsigned port = ports[static_cast<size_t>(me)];
+        const unsigned port = places.port(me);
         int listener = -1;
         int ours = -1;
         int theirs = -1;
@@ -300,12 +296,9 @@ TEST(Reentrant, StreamSockets) {
 }
 
 TEST(Reentrant, Servers) {
-    std::vector<unsigned> ports;
-    for (int i = 0; i < thread_count; ++i) {
-        ports.push_back(static_cast<unsigned>(support::free_port()));
-    }
+    const Places places;
     on_all_threads([&](int me) {
-        const unsigned port = ports[static_cast<size_t>(me)];
+        const unsigned port = places.port(me);
         int tcp = -1;
         int local = -1;
         int client = -1;
@@ -324,15 +317,10 @@ TEST(Reentrant, Servers) {
 }
 
 TEST(Reentrant, Routers) {
-    std::vector<std::string> addresses;
-    std::vector<unsigned> ports;
-    for (int i = 0; i < thread_count; ++i) {
-        addresses.push_back(support::free_bus_address());
-        ports.push_back(static_cast<unsigned>(support::free_port()));
-    }
+    const Places places;
     on_all_threads([&](int me) {
-        Endpoint bus(addresses[static_cast<size_t>(me)]);
-        const unsigned port = ports[static_cast<size_t>(me)];
+        Endpoint bus(places.address(me));
+        const unsigned port = places.port(thread_count + me);
         int listener = -1;
         int asking = -1;
         int client = -1;
@@ -510,24 +498,19 @@ TEST(Reentrant, IsEverythingThatIsNotSaidToBeOtherwise) {
         {"tavrix_sqlite3_get_single_id_result_args", "as tavrix_sqlite3_get_single_id_result()"},
         {"tavrix_db_get_single_id_result_args", "as tavrix_db_get_single_id_result()"},
     };
-    std::ostringstream source;
-    source << std::ifstream(TAVRIX_SOURCE_DIR "/tests/threads/reentrant_test.cpp").rdbuf();
-    const std::string text = source.str().substr(0, source.str().find("TEST(Reentrant, IsEverything"));
-    std::set<std::string> in_table;
+    const std::string source = support::read_file(TAVRIX_SOURCE_DIR "/tests/threads/reentrant_test.cpp");
+    const std::string text = source.substr(0, source.find("TEST(Reentrant, IsEverything"));
+    const std::regex word("\\w+");
+    std::set<std::string> run(std::sregex_token_iterator(text.begin(), text.end(), word), {});
     for (const support::Field &field : support::fields()) {
-        in_table.insert(
+        run.insert(
             {std::string("validate_") + field.name, std::string("tavrix_jrpc_utils_retrieve_input_") + field.name});
     }
     std::ifstream symbols(TAVRIX_SOURCE_DIR "/tests/corpus/exported_symbols.txt");
     int count = 0;
     for (std::string name; std::getline(symbols, name); ++count) {
         const bool is_table = name.size() > 8 && name.compare(name.size() - 8, 8, "_strings") == 0;
-        size_t at = text.find(name);
-        while (at != std::string::npos &&
-               (std::isalnum(text[at + name.size()]) != 0 || text[at + name.size()] == '_')) {
-            at = text.find(name, at + 1);
-        }
-        EXPECT_TRUE(is_table || not_here.count(name) == 1 || in_table.count(name) == 1 || at != std::string::npos)
+        EXPECT_TRUE(is_table || not_here.count(name) == 1 || run.count(name) == 1)
             << name << " has to run on several threads above, or to be named here with a reason";
     }
     EXPECT_GT(count, 200);

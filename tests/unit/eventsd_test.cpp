@@ -3,6 +3,7 @@
  */
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -137,33 +138,26 @@ TEST_F(EventsService, ReadsAScriptLineByLine) {
 
 TEST_F(EventsService, RefusesNumbersThatAreNoEvents) {
     constexpr char method[] = "events.Get";
-    constexpr int refused = TAVRIX_JRPC_INVALID_PARAMS;
     const std::string range = "-2147483648 to 2147483647";
-    driven->expect_refusal({method, "{}", refused, "number", "(none)", "\"number is missing: " + range + "\""});
-    driven->expect_refusal({method, R"({"number":"1"})", refused, "number", "\"1\"",
-                            R"("number: \"1\" is not an integer in )" + range + "\""});
-    driven->expect_refusal(
-        {method, R"({"number":1.5})", refused, "number", "1.5", "\"number: 1.5 is not an integer in " + range + "\""});
+    driven->expect_refusal(method, "", "number", "", "is missing: " + range);
+    driven->expect_refusal(method, "", "number", "\"1\"", "is not an integer in " + range);
+    driven->expect_refusal(method, "", "number", "1.5", "is not an integer in " + range);
     report("which a number that is cut would name");
-    for (const std::string value : {"4294967297", "2147483648", "-2147483649"}) {
-        driven->expect_refusal({method, R"({"number":)" + value + "}", refused, "number", value,
-                                driven::reason_of("number", value, "is not in " + range)});
+    for (const char *value : {"4294967297", "2147483648", "-2147483649"}) {
+        driven->expect_refusal(method, "", "number", value, "is not in " + range);
     }
 }
 
 TEST_F(EventsService, RefusesReportsThatAreNoLineOfText) {
     constexpr char method[] = "events.Report";
-    constexpr int refused = TAVRIX_JRPC_INVALID_PARAMS;
     const std::string allowed = "a text of 0 to 127 characters";
-    driven->expect_refusal({method, "{}", refused, "text", "(none)", "\"text is missing: " + allowed + "\""});
-    driven->expect_refusal({method, R"({"text":7})", refused, "text", "7", "\"text: 7 is not " + allowed + "\""});
-    driven->expect_refusal(
-        {method, R"({"text":null})", refused, "text", "\"null\"", "\"text: null is not " + allowed + "\""});
-    driven->expect_refusal({method, R"({"text":"two\nlines"})", refused, "text", R"("two\nlines")",
-                            R"("text: \"two\\nlines\" holds a control character")"});
+    driven->expect_refusal(method, "", "text", "", "is missing: " + allowed);
+    driven->expect_refusal(method, "", "text", "7", "is not " + allowed);
+    driven->expect_refusal(method, "", "text", "null", "is not " + allowed);
+    driven->expect_refusal(method, "", "text", R"("two\nlines")", "holds a control character");
     for (const std::string &too_long : {std::string(128, 'x'), std::string(127, 'x') + "\xc3\xa9"}) {
         const std::string outcome = report(too_long);
-        EXPECT_EQ(code_of(outcome), std::to_string(refused)) << too_long;
+        EXPECT_EQ(code_of(outcome), std::to_string(TAVRIX_JRPC_INVALID_PARAMS)) << too_long;
         const std::string data = member(member(outcome, "error"), "data");
         EXPECT_EQ(member(data, "parameter"), "\"text\"");
         EXPECT_EQ(member(data, "allowed"), "\"" + allowed + "\"");
@@ -176,14 +170,11 @@ TEST_F(EventsService, RefusesReportsThatAreNoLineOfText) {
 
 TEST_F(EventsService, RefusesToDescribeWhatIsNoPort) {
     constexpr char method[] = "events.Describe";
-    constexpr int refused = TAVRIX_JRPC_INVALID_PARAMS;
     const std::string allowed = "a port c1-1 to c128-99, a port d1 to d4";
-    driven->expect_refusal({method, "{}", refused, "port_id", "(none)", "\"port_id is missing: " + allowed + "\""});
-    driven->expect_refusal(
-        {method, R"({"port_id":[]})", refused, "port_id", "\"[]\"", "\"port_id: [] is not " + allowed + "\""});
-    for (const std::string port_id : {"", "x1", "c1", "all", "d5", "c129-1", "c1-0"}) {
-        driven->expect_refusal({method, R"({"port_id":)" + quoted(port_id) + "}", refused, "port_id", quoted(port_id),
-                                driven::reason_of("port_id", quoted(port_id), "is not " + allowed)});
+    driven->expect_refusal(method, "", "port_id", "", "is missing: " + allowed);
+    driven->expect_refusal(method, "", "port_id", "[]", "is not " + allowed);
+    for (const char *port_id : {"", "x1", "c1", "all", "d5", "c129-1", "c1-0"}) {
+        driven->expect_refusal(method, "", "port_id", quoted(port_id), "is not " + allowed);
     }
     EXPECT_EQ(driven->next_request(), nothing) << "the ports service is not asked";
 }
@@ -229,20 +220,15 @@ TEST_F(EventsService, GivesEachCallerTheAnswerToHisQuestion) {
 }
 
 TEST_F(EventsService, PassesTheErrorOfThePortsServiceOnAsItCame) {
-    const struct {
-        const char *played;
-        const char *data;
-    } rows[] = {
-        {R"({"error":{"code":-32034,"message":"m","data":{"message":"why","more":[1]}}})",
-         R"({"message":"why","more":[1]})"},
-        {R"({"error":{"code":-32034,"message":"m","data":null}})", "null"},
-        {R"({"error":{"code":-32034,"message":"m"}})", "null"},
-    };
-    for (const auto &row : rows) {
-        driven->play(ports_get, row.played);
+    for (const auto &[played, data] :
+         {std::pair(R"({"error":{"code":-32034,"message":"m","data":{"message":"why","more":[1]}}})",
+                    R"({"message":"why","more":[1]})"),
+          {R"({"error":{"code":-32034,"message":"m","data":null}})", "null"},
+          {R"({"error":{"code":-32034,"message":"m"}})", "null"}}) {
+        driven->play(ports_get, played);
         const std::string error = member(describe("d1"), "error");
-        EXPECT_EQ(member(error, "code"), "-32034") << row.played;
-        EXPECT_EQ(member(error, "data"), row.data) << row.played;
+        EXPECT_EQ(member(error, "code"), "-32034") << played;
+        EXPECT_EQ(member(error, "data"), data) << played;
     }
 }
 

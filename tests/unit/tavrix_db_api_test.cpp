@@ -3,7 +3,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <string>
-#include <vector>
+#include <utility>
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -62,10 +62,21 @@ class Database : public testing::Test {
     sqlite3 *handle = nullptr;
 };
 
+/** With an open handle. */
+class OpenDatabase : public Database {
+  protected:
+    void SetUp() override {
+        Database::SetUp();
+        ASSERT_EQ(tavrix_db_open(&handle), 0);
+    }
+    void insert() const {
+        EXPECT_EQ(sqlite3_exec(handle, "INSERT INTO t VALUES (1, NULL)", nullptr, nullptr, nullptr), SQLITE_OK);
+    }
+};
+
 } // namespace
 
-TEST_F(Database, OpensWithTheSettingsEveryConnectionMustHave) {
-    ASSERT_EQ(tavrix_db_open(&handle), 0);
+TEST_F(OpenDatabase, OpensWithTheSettingsEveryConnectionMustHave) {
     EXPECT_EQ(pragma(handle, "PRAGMA foreign_keys"), 1);
     EXPECT_EQ(pragma(handle, "PRAGMA recursive_triggers"), 1);
     EXPECT_EQ(sqlite3_exec(handle, "INSERT INTO t VALUES (8, 99)", nullptr, nullptr, nullptr), SQLITE_CONSTRAINT);
@@ -91,8 +102,7 @@ TEST_F(Database, OpensLazily) {
     log.clear();
     ASSERT_EQ(tavrix_db_ensure_open(&handle), 0);
     EXPECT_EQ(handle, opened);
-    EXPECT_EQ(log.sequence(), std::vector<std::string>{
-                                  "VERB |Database file <zqn_h7.db> was already open, no further action required."});
+    EXPECT_TRUE(log.said({"VERB |Database file <zqn_h7.db> was already open, no further action required."}));
 }
 
 TEST_F(Database, RefusesToOpenTheLockedConfigurationOnly) {
@@ -100,46 +110,39 @@ TEST_F(Database, RefusesToOpenTheLockedConfigurationOnly) {
     const LogCapture log("info");
     EXPECT_EQ(tavrix_db_ensure_open(&handle), TAVRIX_ERR_DB_BUSY);
     EXPECT_EQ(handle, nullptr);
-    EXPECT_EQ(log.sequence(), std::vector<std::string>{"WARN |cfgdb is currently locked - not re-opening"});
+    EXPECT_TRUE(log.said({"WARN |cfgdb is currently locked - not re-opening"}));
     EXPECT_EQ(tavrix_db_ensure_open_file(&handle, cfgdb), TAVRIX_ERR_DB_BUSY) << "by its path too";
     int64_t value = -77;
     sqlite3_stmt *statement = nullptr;
     EXPECT_EQ(tavrix_db_get_single_id_result(nullptr, cfgdb, "t", &value, "SELECT 1"), TAVRIX_ERR_DB_BUSY);
     EXPECT_EQ(tavrix_db_prepare_statement(nullptr, cfgdb, &statement, "SELECT 1"), TAVRIX_ERR_DB_BUSY);
-    EXPECT_EQ(tavrix_db_ensure_open_file(&handle, other), 0) << "another file is not locked";
+    for (const char *not_locked : {other, "./zqn_h7.db"}) { // the path is compared to the letter
+        EXPECT_EQ(tavrix_db_ensure_open_file(&handle, not_locked), 0);
+        EXPECT_EQ(sqlite3_close(std::exchange(handle, nullptr)), SQLITE_OK);
+    }
 }
 
-TEST_F(Database, LetsAnOpenHandleAndAPlainOpenPassTheLock) {
-    ASSERT_EQ(tavrix_db_ensure_open(&handle), 0);
+TEST_F(OpenDatabase, LetsAnOpenHandleAndAPlainOpenPassTheLock) {
     tavrix_db_lock_cfgdb();
     EXPECT_EQ(tavrix_db_ensure_open(&handle), 0);
     sqlite3 *second = nullptr;
     EXPECT_EQ(tavrix_db_open(&second), 0);
     EXPECT_EQ(tavrix_db_close(second), 0);
     tavrix_db_unlock_cfgdb();
-    sqlite3 *third = nullptr;
-    EXPECT_EQ(tavrix_db_ensure_open(&third), 0);
-    EXPECT_EQ(tavrix_db_close(third), 0);
+    second = nullptr;
+    EXPECT_EQ(tavrix_db_ensure_open(&second), 0);
+    EXPECT_EQ(tavrix_db_close(second), 0);
 }
 
-TEST_F(Database, ComparesTheLockedPathToTheLetter) {
-    tavrix_db_lock_cfgdb();
-    EXPECT_EQ(tavrix_db_ensure_open_file(&handle, "./zqn_h7.db"), 0);
-}
-
-TEST_F(Database, ClosesAndSaysWhatIsUnfinished) {
-    sqlite3 *db = nullptr;
-    ASSERT_EQ(tavrix_db_open(&db), 0);
+TEST_F(OpenDatabase, ClosesAndSaysWhatIsUnfinished) {
     sqlite3_stmt *statement = nullptr;
-    ASSERT_EQ(tavrix_db_prepare_statement(db, cfgdb, &statement, "SELECT id FROM t"), 0);
-    EXPECT_EQ(tavrix_db_close(db), TAVRIX_ERR_DB_UNFINISHED);
+    ASSERT_EQ(tavrix_db_prepare_statement(handle, cfgdb, &statement, "SELECT id FROM t"), 0);
+    EXPECT_EQ(tavrix_db_close(handle), TAVRIX_ERR_DB_UNFINISHED);
     sqlite3_finalize(statement);
-    EXPECT_EQ(tavrix_db_close(db), 0);
-    EXPECT_EQ(tavrix_db_close(nullptr), TAVRIX_ERR_PARAMETER);
+    EXPECT_EQ(tavrix_db_close(std::exchange(handle, nullptr)), 0);
 }
 
-TEST_F(Database, PreparesOnTheCallersConnection) {
-    ASSERT_EQ(tavrix_db_open(&handle), 0);
+TEST_F(OpenDatabase, PreparesOnTheCallersConnection) {
     sqlite3_stmt *statement = nullptr;
     ASSERT_EQ(tavrix_db_prepare_statement(handle, cfgdb, &statement, "SELECT id FROM t"), 0);
     EXPECT_EQ(sqlite3_db_handle(statement), handle);
@@ -157,42 +160,35 @@ TEST_F(Database, PreparesOnAFreshConnectionThatTheStatementKeeps) {
     EXPECT_EQ(tavrix_db_close(kept), 0);
 }
 
-TEST_F(Database, ReportsAQueryThatCannotBePrepared) {
-    ASSERT_EQ(tavrix_db_open(&handle), 0);
+TEST_F(OpenDatabase, ReportsAQueryThatCannotBePrepared) {
     sqlite3_stmt *statement = nullptr;
     const LogCapture log("info");
     EXPECT_EQ(tavrix_db_prepare_statement(handle, cfgdb, &statement, "SELECT nonsense FROM t"),
               TAVRIX_ERR_SYSTEM_ACCESS);
-    EXPECT_EQ(log.sequence(),
-              std::vector<std::string>{"WARN |[RC:1] Unable to prepare query <SELECT nonsense FROM t>"});
+    EXPECT_TRUE(log.said({"WARN |[RC:1] Unable to prepare query <SELECT nonsense FROM t>"}));
 }
 
 TEST_F(Database, LeaksNoFreshConnection) {
-    const int open_before = support::open_descriptors();
+    const support::NothingOpens nothing;
+    const LogCapture log("off");
     int64_t value = 0;
     sqlite3_stmt *statement = nullptr;
-    {
-        const LogCapture log("off");
-        EXPECT_EQ(tavrix_db_get_single_id_result(nullptr, cfgdb, "t", &value, "SELECT id FROM t"), 0);
-        EXPECT_EQ(tavrix_db_get_single_id_result(nullptr, cfgdb, "t", &value, "SELECT id FROM empty"),
-                  TAVRIX_ERR_GENERAL);
-        EXPECT_EQ(tavrix_db_get_single_id_result(nullptr, cfgdb, "t", &value, "SELECT nonsense"), TAVRIX_ERR_GENERAL);
-        EXPECT_EQ(tavrix_db_prepare_statement(nullptr, cfgdb, &statement, "SELECT nonsense"), TAVRIX_ERR_SYSTEM_ACCESS);
-        EXPECT_EQ(tavrix_db_prepare_statement(nullptr, cfgdb, &statement, "-- nothing to run"), 0);
-        EXPECT_EQ(statement, nullptr);
-        EXPECT_EQ(tavrix_db_get_single_id_result(nullptr, "missing.db", "t", &value, "SELECT 1"),
-                  TAVRIX_ERR_SYSTEM_ACCESS);
+    EXPECT_EQ(tavrix_db_get_single_id_result(nullptr, cfgdb, "t", &value, "SELECT id FROM t"), 0);
+    for (const char *sql : {"SELECT id FROM empty", "SELECT nonsense"}) {
+        EXPECT_EQ(tavrix_db_get_single_id_result(nullptr, cfgdb, "t", &value, "%s", sql), TAVRIX_ERR_GENERAL);
     }
-    EXPECT_EQ(support::open_descriptors(), open_before);
+    EXPECT_EQ(tavrix_db_prepare_statement(nullptr, cfgdb, &statement, "SELECT nonsense"), TAVRIX_ERR_SYSTEM_ACCESS);
+    EXPECT_EQ(tavrix_db_prepare_statement(nullptr, cfgdb, &statement, "-- nothing to run"), 0);
+    EXPECT_EQ(statement, nullptr);
+    EXPECT_EQ(tavrix_db_get_single_id_result(nullptr, "missing.db", "t", &value, "SELECT 1"), TAVRIX_ERR_SYSTEM_ACCESS);
 }
 
-TEST_F(Database, ReadsIdsAndCounts) {
-    ASSERT_EQ(tavrix_db_open(&handle), 0);
+TEST_F(OpenDatabase, ReadsIdsAndCounts) {
     int64_t value = 0;
     LogCapture log("debug");
     EXPECT_EQ(tavrix_db_get_single_id_result(handle, cfgdb, "thing", &value, "SELECT id FROM t WHERE id = %d", 7), 0);
     EXPECT_EQ(value, 7);
-    EXPECT_EQ(log.sequence(), std::vector<std::string>{"DEBUG|Found [thing] id/count <7>"});
+    EXPECT_TRUE(log.said({"DEBUG|Found [thing] id/count <7>"}));
     EXPECT_EQ(tavrix_db_get_single_id_result(handle, cfgdb, "empty", &value, "SELECT count(*) FROM empty"), 0);
     EXPECT_EQ(value, 0);
     value = -77;
@@ -200,8 +196,7 @@ TEST_F(Database, ReadsIdsAndCounts) {
     EXPECT_EQ(tavrix_db_get_single_id_result(handle, cfgdb, "thing", &value, "SELECT id FROM t WHERE id = 8"),
               TAVRIX_ERR_GENERAL);
     EXPECT_EQ(value, -77);
-    EXPECT_EQ(log.sequence(),
-              std::vector<std::string>{"DEBUG|Unable to get [thing] id/count from database [zqn_h7.db]"});
+    EXPECT_TRUE(log.said({"DEBUG|Unable to get [thing] id/count from database [zqn_h7.db]"}));
 }
 
 TEST_F(Database, NamesTheFirstNullArgument) {
@@ -210,8 +205,7 @@ TEST_F(Database, NamesTheFirstNullArgument) {
     LogCapture log("info");
     const auto named = [&](int rc, int index) {
         EXPECT_EQ(rc, TAVRIX_ERR_PARAMETER);
-        EXPECT_EQ(log.sequence(), std::vector<std::string>{"WARN |Found a null input parameter at varg index <" +
-                                                           std::to_string(index) + ">"});
+        EXPECT_TRUE(log.said({"WARN |Found a null input parameter at varg index <" + std::to_string(index) + ">"}));
         log.clear();
     };
     named(tavrix_db_open(nullptr), 0);
@@ -236,46 +230,40 @@ TEST_F(Database, NamesTheFirstNullArgument) {
     EXPECT_EQ(statement, nullptr);
 }
 
-TEST_F(Database, RunsTransactions) {
-    ASSERT_EQ(tavrix_db_open(&handle), 0);
+TEST_F(OpenDatabase, RunsTransactions) {
     EXPECT_EQ(tavrix_db_open_transaction(handle), 0);
-    sqlite3_exec(handle, "INSERT INTO t VALUES (1, NULL)", nullptr, nullptr, nullptr);
+    insert();
     EXPECT_EQ(tavrix_db_rollback_transaction(handle), 0);
     EXPECT_EQ(pragma(handle, "SELECT count(*) FROM t"), 1);
     EXPECT_EQ(tavrix_db_open_transaction(handle), 0);
-    sqlite3_exec(handle, "INSERT INTO t VALUES (1, NULL)", nullptr, nullptr, nullptr);
+    insert();
     EXPECT_EQ(tavrix_db_commit_transaction(handle), 0);
     EXPECT_EQ(pragma(handle, "SELECT count(*) FROM t"), 2);
 }
 
-TEST_F(Database, ReportsTransactionsThatFail) {
-    ASSERT_EQ(tavrix_db_open(&handle), 0);
+TEST_F(OpenDatabase, ReportsTransactionsThatFail) {
     const LogCapture log("info");
     EXPECT_EQ(tavrix_db_commit_transaction(handle), TAVRIX_ERR_SYSTEM_ACCESS);
     EXPECT_EQ(tavrix_db_rollback_transaction(handle), TAVRIX_ERR_SYSTEM_ACCESS);
     ASSERT_EQ(tavrix_db_open_transaction(handle), 0);
     EXPECT_EQ(tavrix_db_open_transaction(handle), TAVRIX_ERR_SYSTEM_ACCESS);
-    EXPECT_EQ(log.sequence(), (std::vector<std::string>{
-                                  "ERROR|Unable to commit sql transaction due to SQLite error <1>",
-                                  "ERROR|Unable to rollback sql transaction due to SQLite error <1>",
-                                  "ERROR|Unable to begin sql transaction due to SQLite error <1>",
-                              }));
+    EXPECT_TRUE(log.said({"ERROR|Unable to commit sql transaction due to SQLite error <1>",
+                          "ERROR|Unable to rollback sql transaction due to SQLite error <1>",
+                          "ERROR|Unable to begin sql transaction due to SQLite error <1>"}));
     EXPECT_EQ(tavrix_db_rollback_transaction(handle), 0);
 }
 
-TEST_F(Database, CommitsOnceWhileAnotherConnectionReads) {
-    ASSERT_EQ(tavrix_db_open(&handle), 0);
+TEST_F(OpenDatabase, CommitsOnceWhileAnotherConnectionReads) {
     sqlite3_stmt *reading = nullptr;
     ASSERT_EQ(tavrix_db_prepare_statement(nullptr, cfgdb, &reading, "SELECT id FROM t"), 0);
     sqlite3 *const reader = sqlite3_db_handle(reading);
     ASSERT_EQ(sqlite3_step(reading), SQLITE_ROW);
     ASSERT_EQ(tavrix_db_open_transaction(handle), 0);
-    ASSERT_EQ(sqlite3_exec(handle, "INSERT INTO t VALUES (1, NULL)", nullptr, nullptr, nullptr), SQLITE_OK);
+    insert();
     {
         const LogCapture log("debug");
         EXPECT_EQ(tavrix_db_commit_transaction(handle), TAVRIX_ERR_SYSTEM_ACCESS);
-        EXPECT_EQ(log.sequence(),
-                  std::vector<std::string>{"ERROR|Unable to commit sql transaction due to SQLite error <5>"});
+        EXPECT_TRUE(log.said({"ERROR|Unable to commit sql transaction due to SQLite error <5>"}));
     }
     sqlite3_finalize(reading);
     EXPECT_EQ(tavrix_db_close(reader), 0);
@@ -288,9 +276,7 @@ TEST_F(Database, RunsNoTransactionWithoutAHandle) {
     EXPECT_EQ(tavrix_db_open_transaction(nullptr), TAVRIX_ERR_SYSTEM_ACCESS);
     EXPECT_EQ(tavrix_db_commit_transaction(nullptr), TAVRIX_ERR_SYSTEM_ACCESS);
     EXPECT_EQ(tavrix_db_rollback_transaction(nullptr), TAVRIX_ERR_SYSTEM_ACCESS);
-    EXPECT_EQ(log.sequence(), (std::vector<std::string>{
-                                  "ERROR|Unable to begin sql transaction due to SQLite error <21>",
-                                  "ERROR|Unable to commit sql transaction due to SQLite error <21>",
-                                  "ERROR|Unable to rollback sql transaction due to SQLite error <21>",
-                              }));
+    EXPECT_TRUE(log.said({"ERROR|Unable to begin sql transaction due to SQLite error <21>",
+                          "ERROR|Unable to commit sql transaction due to SQLite error <21>",
+                          "ERROR|Unable to rollback sql transaction due to SQLite error <21>"}));
 }

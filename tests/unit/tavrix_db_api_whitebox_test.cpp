@@ -4,6 +4,7 @@
 #include "tavrix_db_api.h"
 
 #include <cerrno>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -31,22 +32,18 @@ int __wrap_sqlite3_close(sqlite3 *db) {
 }
 
 TEST(Close, MapsEveryAnswerOfSqlite) {
-    const struct {
-        int answer;
-        int status;
-    } rows[] = {{SQLITE_OK, TAVRIX_OK},
-                {SQLITE_BUSY, TAVRIX_ERR_DB_UNFINISHED},
-                {SQLITE_ERROR, TAVRIX_ERR_SYSTEM_ACCESS},
-                {SQLITE_MISUSE, TAVRIX_ERR_SYSTEM_ACCESS},
-                {SQLITE_LOCKED, TAVRIX_ERR_SYSTEM_ACCESS},
-                {SQLITE_NOMEM, TAVRIX_ERR_SYSTEM_ACCESS}};
     int mark = 0;
     sqlite3 *const db = reinterpret_cast<sqlite3 *>(&mark); // never looked into: SQLite's side is played here
     const LogCapture log("verbose");
-    for (const auto &row : rows) {
-        const Failing once("sqlite3_close", 1, row.answer);
+    for (const auto &[answer, status] : {std::pair(SQLITE_OK, TAVRIX_OK),
+                                         {SQLITE_BUSY, TAVRIX_ERR_DB_UNFINISHED},
+                                         {SQLITE_ERROR, TAVRIX_ERR_SYSTEM_ACCESS},
+                                         {SQLITE_MISUSE, TAVRIX_ERR_SYSTEM_ACCESS},
+                                         {SQLITE_LOCKED, TAVRIX_ERR_SYSTEM_ACCESS},
+                                         {SQLITE_NOMEM, TAVRIX_ERR_SYSTEM_ACCESS}}) {
+        const Failing once("sqlite3_close", 1, answer);
         closed = nullptr;
-        EXPECT_EQ(tavrix_db_close(db), row.status) << "SQLite answered " << row.answer;
+        EXPECT_EQ(tavrix_db_close(db), status) << "SQLite answered " << answer;
         EXPECT_EQ(closed, db);
     }
     EXPECT_TRUE(log.silent());

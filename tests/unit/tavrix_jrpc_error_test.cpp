@@ -2,6 +2,8 @@
 
 #include <iterator>
 #include <map>
+#include <set>
+#include <string>
 
 #include <gtest/gtest.h>
 
@@ -138,6 +140,7 @@ constexpr Pair conversions[] = {
 } // namespace
 
 TEST(JrpcCatalogue, HasAMessageForEveryCode) {
+    EXPECT_EQ(std::size(catalogue), 52U);
     for (const Message &row : catalogue) {
         EXPECT_STREQ(tavrix_jrpc_error_message(row.code), row.text) << row.code;
     }
@@ -149,11 +152,6 @@ TEST(JrpcCatalogue, FallsBackForCodesItLacks) {
     }
 }
 
-TEST(JrpcCatalogue, HoldsItsRowsOnce) {
-    EXPECT_EQ(std::size(catalogue), 52U);
-    EXPECT_EQ(std::size(conversions), 53U);
-}
-
 TEST(ConvertToJrpc, FollowsTheTable) {
     for (const Pair &row : conversions) {
         EXPECT_EQ(tavrix_jrpc_error_convert_tavrix_to_jrpc(row.internal), row.jrpc) << row.internal;
@@ -161,17 +159,15 @@ TEST(ConvertToJrpc, FollowsTheTable) {
 }
 
 TEST(ConvertToJrpc, AnswersUnknownErrorForEveryOtherCode) {
-    std::map<int, int> known;
+    std::set<int> known;
     for (const Pair &row : conversions) {
-        known[row.internal] = row.jrpc;
+        EXPECT_TRUE(known.insert(row.internal).second) << row.internal << " stands twice";
     }
+    EXPECT_EQ(known.size(), 53U);
     for (int code = -80; code <= 5; ++code) {
-        if (known.count(code) == 0) {
-            EXPECT_EQ(tavrix_jrpc_error_convert_tavrix_to_jrpc(code), -32001) << code;
-        }
+        EXPECT_TRUE(known.count(code) == 1 || tavrix_jrpc_error_convert_tavrix_to_jrpc(code) == -32001) << code;
     }
-    EXPECT_EQ(known.count(TAVRIX_ERR_NULL_INPUT), 0U);
-    EXPECT_EQ(known.count(TAVRIX_ERR_VALIDATION), 0U);
+    EXPECT_EQ(known.count(TAVRIX_ERR_NULL_INPUT) + known.count(TAVRIX_ERR_VALIDATION), 0U);
 }
 
 TEST(ConvertFromJrpc, TakesTheFirstRowThatFits) {
@@ -194,20 +190,14 @@ TEST(ConvertFromJrpc, AnswersTheOtherNumberingWhenNoRowFits) {
     }
 }
 
-TEST(Conversions, SayWhatTheyReceivedAtDebugLevel) {
-    const LogCapture log("debug");
-    tavrix_jrpc_error_convert_tavrix_to_jrpc(TAVRIX_ERR_PARAMETER_NOT_FOUND);
-    tavrix_jrpc_error_convert_jrpc_to_tavrix(-32602);
-    EXPECT_EQ(log.sequence(), (std::vector<std::string>{
-                                  "DEBUG|Received error code <-35> to convert to jrpc error",
-                                  "DEBUG|Received jrpc error code <-32602> to convert to tavrix error",
-                              }));
-    EXPECT_EQ(log.lines().front().file, "tavrix_jrpc");
-}
-
-TEST(Conversions, AreSilentBelowDebugLevel) {
-    const LogCapture log("info");
-    tavrix_jrpc_error_convert_tavrix_to_jrpc(TAVRIX_ERR_PARAMETER_NOT_FOUND);
-    tavrix_jrpc_error_convert_jrpc_to_tavrix(-32602);
-    EXPECT_TRUE(log.silent());
+TEST(Conversions, SayWhatTheyReceivedFromDebugLevelOn) {
+    for (const std::string level : {"debug", "info"}) {
+        const LogCapture log(level);
+        tavrix_jrpc_error_convert_tavrix_to_jrpc(TAVRIX_ERR_PARAMETER_NOT_FOUND);
+        tavrix_jrpc_error_convert_jrpc_to_tavrix(-32602);
+        EXPECT_EQ(log.said({"DEBUG|Received error code <-35> to convert to jrpc error",
+                            "DEBUG|Received jrpc error code <-32602> to convert to tavrix error"}),
+                  level == "debug");
+        EXPECT_TRUE(level == "info" ? log.silent() : log.lines().front().file == "tavrix_jrpc");
+    }
 }

@@ -1,7 +1,6 @@
 /*
  * What a received frame costs: it is released as soon as it is split, and its text is read once.
  */
-#include <cstdlib>
 #include <cstring>
 #include <string>
 

@@ -5,15 +5,17 @@
 
 #include "support/json.h"
 #include "support/log_capture.h"
+#include "support/nulls.h"
 #include "tavrix_error.h"
 #include "tavrix_jrpc.h"
 
+using support::Lines;
 using support::LogCapture;
+using support::Statuses;
 using support::taken;
+using support::with_each_null;
 
 namespace {
-
-constexpr char unit[] = "tavrix_jrpc";
 
 struct Split {
     int rc;
@@ -50,13 +52,6 @@ TEST(AddChannel, PutsABarBetweenChannelAndText) {
               "a|" + std::string(100000, 'x'));
 }
 
-TEST(AddChannel, RefusesNull) {
-    const LogCapture log("debug");
-    EXPECT_EQ(tavrix_api_router_json_add_channel(nullptr, "{}"), nullptr);
-    EXPECT_EQ(tavrix_api_router_json_add_channel("abc", nullptr), nullptr);
-    EXPECT_EQ(log.count(support::debug, unit, "[tavrix_api_router_json_add_channel]: Null Pointer!\n"), 2);
-}
-
 TEST(ParseMsg, SplitsAtTheFirstBar) {
     EXPECT_EQ(split("abc|{}").text, "{}");
     EXPECT_EQ(split("a|b|c").text, "b|c");
@@ -69,19 +64,11 @@ TEST(ParseMsg, StaysWithinTheGivenLength) {
     EXPECT_EQ(split("abc|defg", 6).text, "de");
     EXPECT_EQ(split("abc|d", 4).text, "");
     const LogCapture log("debug");
-    EXPECT_EQ(split("abc|d", 3).rc, TAVRIX_ERR_GENERAL) << "the bar lies beyond";
-    EXPECT_EQ(split("abc|d", 0).rc, TAVRIX_ERR_GENERAL);
-    EXPECT_EQ(split("abc|d", -5).rc, TAVRIX_ERR_GENERAL);
+    for (const int length : {3, 0, -5}) {
+        EXPECT_EQ(split("abc|d", length).rc, TAVRIX_ERR_GENERAL) << "the bar lies beyond";
+    }
     EXPECT_EQ(split("abcd").rc, TAVRIX_ERR_GENERAL) << "no bar";
-    EXPECT_EQ(log.count(support::debug, unit, "[tavrix_connect_parse_msg]: Failed to parse JSON message\n"), 4);
-}
-
-TEST(ParseMsg, RefusesNull) {
-    char *text = nullptr;
-    const LogCapture log("debug");
-    EXPECT_EQ(tavrix_jrpc_parse_msg(nullptr, 3, &text), TAVRIX_ERR_NULL_INPUT);
-    EXPECT_EQ(tavrix_jrpc_parse_msg("a|b", 3, nullptr), TAVRIX_ERR_NULL_INPUT);
-    EXPECT_EQ(log.count(support::debug, unit, "[tavrix_connect_parse_msg]: Null Pointer!\n"), 2);
+    EXPECT_TRUE(log.said(Lines(4, "DEBUG|[tavrix_connect_parse_msg]: Failed to parse JSON message")));
 }
 
 TEST(ParseChannel, TakesTheIdWhenItIsAString) {
@@ -96,45 +83,31 @@ TEST(ParseChannel, TellsANotificationApart) {
     const Split none = channel_of(R"({"method":"x"})");
     EXPECT_EQ(none.rc, TAVRIX_ERR_NO_JSON_ID);
     EXPECT_EQ(none.text, "(null)");
-    EXPECT_TRUE(log.has(support::verbose, unit, "[tavrix_jrpc_parse_channel]: No ID\n"));
+    EXPECT_TRUE(log.said({"VERB |[tavrix_jrpc_parse_channel]: No ID"}));
 }
 
-TEST(ParseChannel, RefusesOtherIdsAndLeavesTheOutputAlone) {
-    for (const char *id : {"7", "1.5", "true", "null", "[]", "{}"}) {
+TEST(ParseChannel, RefusesOtherIdsAndWhatIsNoObjectAndLeavesTheOutputAlone) {
+    for (const std::string text : {R"({"id":7})", R"({"id":1.5})", R"({"id":true})", R"({"id":null})", R"({"id":[]})",
+                                   R"({"id":{}})", "[]", "7", "\"id\"", "null"}) {
         const LogCapture log("debug");
-        const Split refused = channel_of(std::string("{\"id\":") + id + "}");
-        EXPECT_EQ(refused.rc, TAVRIX_ERR_GENERAL) << id;
-        EXPECT_EQ(refused.text, "(untouched)") << id;
-        EXPECT_TRUE(log.has(support::debug, unit, "[tavrix_jrpc_parse_channel]: Invalid ID\n"));
-    }
-}
-
-TEST(ParseChannel, RefusesWhatIsNoObject) {
-    for (const char *text : {"[]", "7", "\"id\"", "null"}) {
-        const LogCapture log("debug");
-        EXPECT_EQ(channel_of(text).rc, TAVRIX_ERR_GENERAL) << text;
-        EXPECT_EQ(log.sequence(), std::vector<std::string>{"DEBUG|[tavrix_jrpc_parse_channel]: Invalid JSON"});
+        const Split refused = channel_of(text);
+        EXPECT_EQ(refused.rc, TAVRIX_ERR_GENERAL) << text;
+        EXPECT_EQ(refused.text, "(untouched)") << text;
+        const std::string flaw = text[0] == '{' ? "Invalid ID" : "Invalid JSON";
+        EXPECT_TRUE(log.said({"DEBUG|[tavrix_jrpc_parse_channel]: " + flaw}));
     }
 }
 
 TEST(ParseChannel, RefusesWhatIsNoJson) {
-    const LogCapture log("debug");
-    EXPECT_EQ(channel_of("{\n]").rc, TAVRIX_ERR_GENERAL);
-    EXPECT_EQ(channel_of(R"({"id":"a","id":"b"})").text, "(untouched)") << "duplicate keys";
-    const auto lines = log.lines();
-    ASSERT_EQ(lines.size(), 4U);
-    EXPECT_EQ(lines[0].whole(),
-              support::whole(support::debug, "[tavrix_jrpc_parse_channel]: Cannot parse JSON message.\n"));
-    EXPECT_EQ(lines[1].whole(), support::whole(support::debug, std::string("Error on line[2]: ") +
-                                                                   support::parse_error("{\n]").text + "\n"));
-}
-
-TEST(ParseChannel, RefusesNull) {
-    char *channel = nullptr;
-    const LogCapture log("debug");
-    EXPECT_EQ(tavrix_jrpc_parse_channel(nullptr, &channel), TAVRIX_ERR_NULL_INPUT);
-    EXPECT_EQ(tavrix_jrpc_parse_channel("{}", nullptr), TAVRIX_ERR_NULL_INPUT);
-    EXPECT_EQ(log.count(support::debug, unit, "[tavrix_jrpc_parse_channel]: Null Pointer!\n"), 2);
+    for (const std::string text : {"{\n]", R"({"id":"a","id":"b"})"}) {
+        const LogCapture log("debug");
+        EXPECT_EQ(channel_of(text).text, "(untouched)");
+        EXPECT_EQ(channel_of(text).rc, TAVRIX_ERR_GENERAL);
+        const json_error_t error = support::parse_error(text);
+        EXPECT_EQ(log.sequence().front(), "DEBUG|[tavrix_jrpc_parse_channel]: Cannot parse JSON message.");
+        EXPECT_EQ(log.last(), "DEBUG|Error on line[" + std::to_string(error.line) + "]: " + error.text + "\n");
+    }
+    EXPECT_EQ(support::parse_error("{\n]").line, 2);
 }
 
 TEST(ServiceChannel, FollowsTheLeadingLetters) {
@@ -165,8 +138,22 @@ TEST(ServiceChannel, FollowsTheLeadingLetters) {
     }
 }
 
-TEST(ServiceChannel, RefusesNull) {
+TEST(Framing, RefusesNull) {
+    char *text = nullptr;
+    const Statuses refused(2, TAVRIX_ERR_NULL_INPUT);
     const LogCapture log("debug");
     EXPECT_EQ(tavrix_api_router_json_parse_channel(nullptr), nullptr);
-    EXPECT_TRUE(log.has(support::debug, unit, "[tavrix_api_router_json_parse_channel]: Null Pointer!\n"));
+    EXPECT_EQ(tavrix_api_router_json_add_channel(nullptr, "{}"), nullptr);
+    EXPECT_EQ(tavrix_api_router_json_add_channel("abc", nullptr), nullptr);
+    EXPECT_EQ(with_each_null(tavrix_jrpc_parse_msg, "a|b", 3, &text), refused);
+    EXPECT_EQ(with_each_null(tavrix_jrpc_parse_channel, "{}", &text), refused);
+    Lines expected;
+    for (const std::string function :
+         {"tavrix_api_router_json_parse_channel", "tavrix_api_router_json_add_channel",
+          "tavrix_api_router_json_add_channel", "tavrix_connect_parse_msg", "tavrix_connect_parse_msg",
+          "tavrix_jrpc_parse_channel", "tavrix_jrpc_parse_channel"}) {
+        expected.push_back("DEBUG|[" + function + "]: Null Pointer!");
+    }
+    EXPECT_TRUE(log.said(expected));
+    EXPECT_EQ(log.lines().front().file, "tavrix_jrpc");
 }

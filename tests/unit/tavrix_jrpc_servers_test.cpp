@@ -1,21 +1,24 @@
-#include <memory>
+#include <functional>
 #include <string>
+#include <utility>
 
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include "support/bus.h"
 #include "support/log_capture.h"
+#include "support/nulls.h"
 #include "support/stream.h"
 #include "tavrix_error.h"
 #include "tavrix_jrpc.h"
 #include "tavrix_mq.h"
 
 using support::BusSocket;
+using support::Lines;
 using support::LogCapture;
+using support::Statuses;
 using support::StreamClient;
+using support::with_each_null;
 
 namespace {
 
@@ -32,14 +35,11 @@ const tavrix_jrpc_method table[] = {{"x.Say", say}, {nullptr, nullptr}};
 constexpr char request[] = R"({"jsonrpc":"2.0","id":1,"method":"x.Say"})";
 constexpr char response[] = R"({"jsonrpc":"2.0","id":"x.Say","result":"said"})";
 
-std::string padded_to(size_t size) { return request + std::string(size - sizeof request + 1, ' '); }
-
 /** The two stream servers, tested alike. */
 struct Server {
     const char *name;
     bool is_unix;
     int (*run)(const int *, const tavrix_jrpc_method *);
-    const char *null_line;
     const char *send_line;
 };
 
@@ -58,67 +58,54 @@ class StreamServer : public testing::TestWithParam<Server> {
     void TearDown() override { ::close(listener); }
 
     StreamClient client() const {
-        if (GetParam().is_unix) {
-            return StreamClient::unix_path("server.sock");
-        }
-        sockaddr_in address{};
-        socklen_t length = sizeof address;
-        getsockname(listener, reinterpret_cast<sockaddr *>(&address), &length);
-        return StreamClient::tcp_port(ntohs(address.sin_port));
+        return GetParam().is_unix ? StreamClient::unix_path("server.sock")
+                                  : StreamClient::tcp_port(support::port_of(listener));
     }
     int run() const { return GetParam().run(&listener, table); }
+    /** The status of serving the text, and what the client hears. */
+    std::pair<int, std::string> serve(const std::string &text) const {
+        const StreamClient asking = client();
+        asking.say(text);
+        const int rc = run();
+        return {rc, asking.hear()};
+    }
 
     int listener = -1;
 };
 
-INSTANTIATE_TEST_SUITE_P(
-    Both, StreamServer,
-    testing::Values(Server{"Unix", true, tavrix_jrpc_unix_socket_run, "[tavrix_jrpc_unix_socket_run]: NULL pointer!\n",
-                           "[tavrix_jrpc_unix_socket_run]: Error response!\n"},
-                    Server{"Tcp", false, tavrix_jrpc_tcp_socket_run, "[tavrix_jrpc_tcp_socket_run]: NULL pointer!\n",
-                           "[tavrix_jrpc_socket_run]: Error response!\n"}),
-    [](const auto &row) { return row.param.name; });
+INSTANTIATE_TEST_SUITE_P(Both, StreamServer,
+                         testing::Values(Server{"Unix", true, tavrix_jrpc_unix_socket_run,
+                                                "[tavrix_jrpc_unix_socket_run]: Error response!\n"},
+                                         Server{"Tcp", false, tavrix_jrpc_tcp_socket_run,
+                                                "[tavrix_jrpc_socket_run]: Error response!\n"}),
+                         [](const auto &row) { return row.param.name; });
 
-} // namespace
-
-TEST_P(StreamServer, AnswersOneRequestAndCloses) {
-    const StreamClient asking = client();
-    asking.say(request);
-    EXPECT_EQ(run(), 0);
-    EXPECT_EQ(asking.hear(), response);
+TEST_P(StreamServer, AnswersOneRequestAndClosesWithoutLeavingADescriptorOpen) {
+    const std::string too_long = std::string(1024 - sizeof request + 2, ' ') + request; // its last byte is the 1025th
+    const struct {
+        std::string text;
+        int rc;
+        std::string heard;
+        int calls;
+    } rows[] = {
+        {request, TAVRIX_OK, response, 1},
+        {R"({"jsonrpc":"2.0","method":"x.Say"})", TAVRIX_OK, "", 1}, // a notification
+        {request + std::string(1024 - sizeof request + 1, ' '), TAVRIX_OK, response, 1},
+        {too_long, TAVRIX_ERR_GENERAL, "", 0},
+        {"no json", TAVRIX_ERR_GENERAL, "", 0},
+    };
+    const support::NothingOpens nothing;
+    for (const auto &row : rows) {
+        calls = 0;
+        EXPECT_EQ(serve(row.text), std::pair(row.rc, row.heard)) << row.text;
+        EXPECT_EQ(calls, row.calls) << row.text;
+    }
 }
 
 TEST_P(StreamServer, AnswersAFailureLikeAnyOther) {
-    const StreamClient asking = client();
-    asking.say(R"({"jsonrpc":"2.0","id":1,"method":"x.Unknown"})");
-    EXPECT_EQ(run(), 0);
-    EXPECT_NE(asking.hear().find("-32601"), std::string::npos);
-}
-
-TEST_P(StreamServer, SendsNothingForANotification) {
-    const StreamClient asking = client();
-    asking.say(R"({"jsonrpc":"2.0","method":"x.Say"})");
-    EXPECT_EQ(run(), 0);
-    EXPECT_TRUE(asking.closed_silently());
-    EXPECT_EQ(calls, 1);
-}
-
-TEST_P(StreamServer, ReadsAtMost1024Bytes) {
-    const StreamClient exact = client();
-    exact.say(padded_to(1024));
-    EXPECT_EQ(run(), 0);
-    EXPECT_EQ(exact.hear(), response);
-    const StreamClient cut = client();
-    cut.say(std::string(1024 - sizeof request + 2, ' ') + request); // its last byte is the 1025th
-    EXPECT_EQ(run(), TAVRIX_ERR_GENERAL);
-    EXPECT_EQ(calls, 1);
-}
-
-TEST_P(StreamServer, ClosesAClientWhoseRequestFails) {
-    const StreamClient asking = client();
-    asking.say("no json");
-    EXPECT_EQ(run(), TAVRIX_ERR_GENERAL);
-    EXPECT_TRUE(asking.closed_silently());
+    const auto [rc, heard] = serve(R"({"jsonrpc":"2.0","id":1,"method":"x.Unknown"})");
+    EXPECT_EQ(rc, 0);
+    EXPECT_NE(heard.find("-32601"), std::string::npos);
 }
 
 TEST_P(StreamServer, ClosesAClientThatSaysNothing) {
@@ -132,8 +119,7 @@ TEST_P(StreamServer, ClosesAClientThatSaysNothing) {
         return !log.silent(); // it is while nobody is waiting yet
     }));
     EXPECT_EQ(rc, TAVRIX_ERR_GENERAL);
-    EXPECT_EQ(log.sequence(), std::vector<std::string>{"DEBUG|[tavrix_socket_recv]: zero bytes received!"})
-        << "nothing is left to evaluate";
+    EXPECT_TRUE(log.said({"DEBUG|[tavrix_socket_recv]: zero bytes received!"})) << "nothing is left to evaluate";
     EXPECT_EQ(support::open_descriptors(), open_before);
     EXPECT_EQ(calls, 0);
 }
@@ -142,23 +128,6 @@ TEST_P(StreamServer, ReportsThatNobodyIsWaiting) {
     const LogCapture log("debug");
     EXPECT_EQ(run(), TAVRIX_ERR_GENERAL);
     EXPECT_TRUE(log.silent());
-}
-
-TEST_P(StreamServer, RefusesNull) {
-    const LogCapture log("debug");
-    EXPECT_EQ(GetParam().run(nullptr, table), TAVRIX_ERR_NULL_INPUT);
-    EXPECT_EQ(GetParam().run(&listener, nullptr), TAVRIX_ERR_NULL_INPUT);
-    EXPECT_EQ(log.count(support::debug, unit, GetParam().null_line), 2);
-}
-
-TEST_P(StreamServer, LeavesNoDescriptorOpen) {
-    const int open_before = support::open_descriptors();
-    for (const char *text : {request, "no json", R"({"jsonrpc":"2.0","method":"x.Say"})"}) {
-        const StreamClient asking = client();
-        asking.say(text);
-        run();
-    }
-    EXPECT_EQ(support::open_descriptors(), open_before);
 }
 
 // Both accept on a Unix-domain listener, where a send to a closed client fails at once.
@@ -178,34 +147,28 @@ TEST_P(StreamServer, ReportsAndClosesAClientThatHasGone) {
 }
 
 TEST(ServerInit, ReportsAFailedListenerOnlyByLogAndHandle) {
-    int handle = -77;
-    {
-        const LogCapture log("debug");
-        EXPECT_EQ(tavrix_jrpc_unix_socket_init("no/such/folder/x.sock", &handle, 0), 0);
-        EXPECT_EQ(handle, 0);
-        EXPECT_EQ(log.last(),
-                  support::whole(support::debug, "[tavrix_jrpc_unix_socket_init]: cannot init unix socket!\n"));
-    }
-    handle = -77;
-    {
-        const LogCapture log("debug");
-        EXPECT_EQ(tavrix_jrpc_unix_socket_init(nullptr, &handle, 0), 0) << "a null path is a failed listener too";
-        EXPECT_EQ(handle, 0);
-        EXPECT_EQ(log.sequence(), (std::vector<std::string>{
-                                      "DEBUG|[tavrix_unix_socket_init]: Null Pointer!",
-                                      "DEBUG|[tavrix_jrpc_unix_socket_init]: cannot init unix socket!",
-                                  }));
-    }
     int first = -1;
     ASSERT_EQ(tavrix_jrpc_tcp_socket_init(0, &first, 0), 0);
-    sockaddr_in address{};
-    socklen_t length = sizeof address;
-    getsockname(first, reinterpret_cast<sockaddr *>(&address), &length);
-    handle = -77;
-    const LogCapture log("debug");
-    EXPECT_EQ(tavrix_jrpc_tcp_socket_init(ntohs(address.sin_port), &handle, 0), 0);
-    EXPECT_EQ(handle, 0);
-    EXPECT_EQ(log.last(), support::whole(support::debug, "[tavrix_jrpc_tcp_socket_init]: cannot init tcp socket!\n"));
+    const int taken = support::port_of(first);
+    const std::string unix_line = "DEBUG|[tavrix_jrpc_unix_socket_init]: cannot init unix socket!";
+    const struct {
+        std::function<int(int *)> init;
+        Lines lines;
+    } rows[] = {
+        {[](int *handle) { return tavrix_jrpc_unix_socket_init("no/such/folder/x.sock", handle, 0); }, {unix_line}},
+        // A null path is a failed listener too.
+        {[](int *handle) { return tavrix_jrpc_unix_socket_init(nullptr, handle, 0); },
+         {"DEBUG|[tavrix_unix_socket_init]: Null Pointer!", unix_line}},
+        {[&](int *handle) { return tavrix_jrpc_tcp_socket_init(static_cast<unsigned>(taken), handle, 0); },
+         {"DEBUG|[tavrix_jrpc_tcp_socket_init]: cannot init tcp socket!"}},
+    };
+    for (const auto &row : rows) {
+        int handle = -77;
+        const LogCapture log("debug");
+        EXPECT_EQ(row.init(&handle), 0);
+        EXPECT_EQ(handle, 0);
+        EXPECT_TRUE(log.said(row.lines));
+    }
     ::close(first);
 }
 
@@ -215,49 +178,47 @@ TEST(ServerInit, SaysWhenAListenerStands) {
     const LogCapture log("debug");
     EXPECT_EQ(tavrix_jrpc_unix_socket_init("stands.sock", &unix_handle, 0), 0);
     EXPECT_EQ(tavrix_jrpc_tcp_socket_init(0, &tcp_handle, 0), 0);
-    EXPECT_EQ(log.sequence(), (std::vector<std::string>{
-                                  "DEBUG|[tavrix_jrpc_unix_socket_init]: unix socket initialized!",
-                                  "DEBUG|[tavrix_jrpc_tcp_socket_init]: tcp socket initialized!",
-                              }));
+    EXPECT_TRUE(log.said({"DEBUG|[tavrix_jrpc_unix_socket_init]: unix socket initialized!",
+                          "DEBUG|[tavrix_jrpc_tcp_socket_init]: tcp socket initialized!"}));
     ::close(unix_handle);
     ::close(tcp_handle);
 }
 
-TEST(ServerInit, RefusesNull) {
+TEST(Servers, RefuseNull) {
+    const int listener = -1;
+    const Statuses refused(2, TAVRIX_ERR_NULL_INPUT);
     const LogCapture log("debug");
     EXPECT_EQ(tavrix_jrpc_unix_socket_init("x", nullptr, 0), TAVRIX_ERR_NULL_INPUT);
     EXPECT_EQ(tavrix_jrpc_tcp_socket_init(0, nullptr, 0), TAVRIX_ERR_NULL_INPUT);
     EXPECT_EQ(tavrix_jrpc_pull_socket_init("tcp://127.0.0.1:1", nullptr), TAVRIX_ERR_NULL_INPUT);
-    EXPECT_EQ(log.sequence(), (std::vector<std::string>{
-                                  "DEBUG|[tavrix_jrpc_unix_socket_init]: NULL pointer!",
-                                  "DEBUG|[tavrix_jrpc_tcp_socket_init]: NULL pointer!",
-                                  "DEBUG|[tavrix_jrpc_tcp_socket_init]: NULL pointer!",
-                              }));
+    EXPECT_EQ(with_each_null(tavrix_jrpc_unix_socket_run, &listener, &table[0]), refused);
+    EXPECT_EQ(with_each_null(tavrix_jrpc_tcp_socket_run, &listener, &table[0]), refused);
+    EXPECT_EQ(tavrix_jrpc_pull_socket_run(-1, nullptr), TAVRIX_ERR_NULL_INPUT);
+    Lines expected;
+    for (const std::string function : {"unix_socket_init", "tcp_socket_init", "tcp_socket_init", "unix_socket_run",
+                                       "unix_socket_run", "tcp_socket_run", "tcp_socket_run", "pull_socket_run"}) {
+        expected.push_back("DEBUG|[tavrix_jrpc_" + function + "]: NULL pointer!");
+    }
+    EXPECT_TRUE(log.said(expected));
 }
 
 // --- Pull server ---
-
-namespace {
 
 class PullServer : public testing::Test {
   protected:
     void SetUp() override {
         calls = 0;
-        address = support::free_bus_address();
+        const std::string address = support::free_bus_address();
         ASSERT_EQ(tavrix_jrpc_pull_socket_init(address.c_str(), &pull.number), 0);
-        push = std::make_unique<BusSocket>(TAVRIX_SP_PUSH);
-        push->connect(address);
+        push.connect(address);
     }
     int serve(const std::string &text) {
-        EXPECT_EQ(tavrix_mq_socket_send(push->number, text.c_str()), 0); // waits for the connection
+        EXPECT_EQ(tavrix_mq_socket_send(push.number, text.c_str()), 0); // waits for the connection
         return tavrix_jrpc_pull_socket_run(pull.number, table);
     }
-    std::string address;
     BusSocket pull;
-    std::unique_ptr<BusSocket> push;
+    BusSocket push{TAVRIX_SP_PUSH};
 };
-
-} // namespace
 
 TEST_F(PullServer, EvaluatesAMessageAsItIsAndAnswersNothing) {
     EXPECT_EQ(serve(R"({"jsonrpc":"2.0","method":"x.Say"})"), 0);
@@ -276,12 +237,6 @@ TEST_F(PullServer, FailsWhenNothingCanBeReceived) {
     tavrix_mq_socket_set_timeout(pull.number, 10);
     EXPECT_EQ(tavrix_jrpc_pull_socket_run(pull.number, table), TAVRIX_ERR_GENERAL) << "a time-out too";
     EXPECT_EQ(tavrix_jrpc_pull_socket_run(9999, table), TAVRIX_ERR_GENERAL);
-}
-
-TEST_F(PullServer, RefusesANullTable) {
-    const LogCapture log("debug");
-    EXPECT_EQ(tavrix_jrpc_pull_socket_run(pull.number, nullptr), TAVRIX_ERR_NULL_INPUT);
-    EXPECT_TRUE(log.has(support::debug, unit, "[tavrix_jrpc_pull_socket_run]: NULL pointer!\n"));
 }
 
 TEST(PullServerInit, SpeaksInTheNamesOfTheTcpServerAndThePublisher) {
@@ -309,19 +264,12 @@ TEST(PullServerInit, GivesItsSocketBackWhenItCannotBind) {
 }
 
 TEST(PullServerInit, GoesOnToTheBindWhenNoBusSocketIsLeft) {
-    std::vector<int> sockets;
-    int socket = -1;
-    while (tavrix_mq_socket_init(TAVRIX_SP_PAIR, &socket) == 0) {
-        sockets.push_back(socket);
-    }
+    const support::NoBusSocketIsLeft taken;
     int handle = -77;
     const LogCapture log("info");
     EXPECT_EQ(tavrix_jrpc_pull_socket_init("tcp://127.0.0.1:1", &handle), TAVRIX_ERR_GENERAL);
-    EXPECT_EQ(log.sequence(), (std::vector<std::string>{
-                                  "ERROR|[tavrix_jrpc_tcp_socket_init]: cannot init pull socket!",
-                                  "ERROR|[tavrix_jrpc_mq_pub_init]: Error mq_socket_bind for pull, rc = -1",
-                              }));
-    for (const int number : sockets) {
-        tavrix_mq_socket_close(number);
-    }
+    EXPECT_TRUE(log.said({"ERROR|[tavrix_jrpc_tcp_socket_init]: cannot init pull socket!",
+                          "ERROR|[tavrix_jrpc_mq_pub_init]: Error mq_socket_bind for pull, rc = -1"}));
 }
+
+} // namespace

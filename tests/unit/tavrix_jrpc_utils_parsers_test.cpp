@@ -7,6 +7,7 @@
 #include <cmath>
 #include <cstdint>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -18,9 +19,9 @@
 
 using support::Buffer;
 using support::Json;
+using support::Lines;
 using support::LogCapture;
 using support::Params;
-using Lines = std::vector<std::string>;
 
 namespace {
 
@@ -34,18 +35,20 @@ struct Outcome {
     bool written;
 };
 
-Outcome parse_bool(json_t *params, json_t **debug, const char *key) {
-    json_t *const untouched = json_null();
-    json_t *out = untouched;
-    const int rc = tavrix_jrpc_utils_parse_input_bool(params, debug, key, &out);
-    return {rc, out != untouched};
+template <class Value>
+Value untouched() {
+    if constexpr (std::is_pointer_v<Value>) {
+        return json_null();
+    } else {
+        return 77;
+    }
 }
 
-Outcome parse_array(json_t *params, json_t **debug, const char *key) {
-    json_t *const untouched = json_null();
-    json_t *out = untouched;
-    const int rc = tavrix_jrpc_utils_parse_input_array(params, debug, key, &out);
-    return {rc, out != untouched};
+template <class Value, int (*parser)(json_t *, json_t **, const char *, Value *)>
+Outcome parse_into(json_t *params, json_t **debug, const char *key) {
+    Value out = untouched<Value>();
+    const int rc = parser(params, debug, key, &out);
+    return {rc, out != untouched<Value>()};
 }
 
 Outcome parse_string(json_t *params, json_t **debug, const char *key) {
@@ -54,138 +57,83 @@ Outcome parse_string(json_t *params, json_t **debug, const char *key) {
     return {rc, !out.untouched()};
 }
 
-Outcome parse_integer(json_t *params, json_t **debug, const char *key) {
-    int out = -77;
-    const int rc = tavrix_jrpc_utils_parse_input_integer(params, debug, key, &out);
-    return {rc, out != -77};
-}
-
-Outcome parse_uint64(json_t *params, json_t **debug, const char *key) {
-    uint64_t out = 77;
-    const int rc = tavrix_jrpc_utils_parse_input_uint64_t(params, debug, key, &out);
-    return {rc, out != 77};
-}
-
-Outcome parse_float(json_t *params, json_t **debug, const char *key) {
-    float out = 77.0F;
-    const int rc = tavrix_jrpc_utils_parse_input_float(params, debug, key, &out);
-    return {rc, out != 77.0F};
-}
+using Parse = Outcome (*)(json_t *params, json_t **debug, const char *key);
 
 struct Parser {
     const char *name;
-    Outcome (*parse)(json_t *params, json_t **debug, const char *key);
-    const char *type_name;
-    const char *announcement;
-    support::Level absent_level;
-    const char *absent;
-    const char *wrong_type;
-    std::vector<std::string> accepted; ///< members that are taken
+    Parse parse;
+    std::string type;
+    bool (*accepts)(const json_t *member);
+    Lines absent; ///< what is said of a member that is not there
+    Lines wrong;  ///< and of one that has another type
     bool stores_before_testing;
 };
 
 // The level of a missing member differs between the types, and so does the wording.
+Parser parser(const char *name, Parse parse, const std::string &type, bool (*accepts)(const json_t *member),
+              const std::string &absent, const std::string &wrong, bool stores_before_testing = false) {
+    const std::string announcement = "VERB |Parsing input " + type + " for parameter: member";
+    const std::string message = "DEBUG|Sending debug message: ";
+    return {name,
+            parse,
+            type,
+            accepts,
+            {announcement, absent, message + "Missing expected parameter: 'member'"},
+            {announcement, "ERROR|" + wrong, message + "Parameter 'member' is not of type '" + type + "'."},
+            stores_before_testing};
+}
+Parser text_parser(const char *name, Parse parse) {
+    return parser(
+        name, parse, "string", [](const json_t *member) { return json_is_string(member); },
+        "WARN |No parameter by the name <member> found", "Given parameter <member> is not a string");
+}
+
 const std::vector<Parser> &parsers() {
-    static const char string_announcement[] = "Parsing input string for parameter: member\n";
-    static const char string_absent[] = "No parameter by the name <member> found\n";
-    static const char string_wrong[] = "Given parameter <member> is not a string\n";
     static const std::vector<Parser> rows = {
-        {"Bool",
-         parse_bool,
-         "bool",
-         "Parsing input bool for parameter: member\n",
-         support::warning,
-         "No parameter <member> found\n",
-         "parameter <member> is not a bool\n",
-         {"true", "false"},
-         true},
-        {"String",
-         parse_string,
-         "string",
-         string_announcement,
-         support::warning,
-         string_absent,
-         string_wrong,
-         {R"("s")", R"("")", R"("17")"},
-         false},
-        {"Integer",
-         parse_integer,
-         "integer",
-         "Parsing input integer for parameter: member\n",
-         support::error,
-         "No parameter by the name <member> found\n",
-         "Given parameter <member> is not an integer\n",
-         {"0", "-1", "17"},
-         false},
-        {"Array",
-         parse_array,
-         "array",
-         "Parsing input array for parameter: member\n",
-         support::error,
-         "No parameter by the name <member> found\n",
-         "The given parameter <member> is supposed to be an array.\n",
-         {"[]", "[1]"},
-         true},
-        {"Uint64",
-         parse_uint64,
-         "string",
-         string_announcement,
-         support::warning,
-         string_absent,
-         string_wrong,
-         {R"("s")", R"("")", R"("17")"},
-         false},
-        {"Float",
-         parse_float,
-         "string",
-         string_announcement,
-         support::warning,
-         string_absent,
-         string_wrong,
-         {R"("s")", R"("")", R"("17")"},
-         false},
+        parser(
+            "Bool", parse_into<json_t *, tavrix_jrpc_utils_parse_input_bool>, "bool",
+            [](const json_t *member) { return json_is_boolean(member); }, "WARN |No parameter <member> found",
+            "parameter <member> is not a bool", true),
+        parser(
+            "Integer", parse_into<int, tavrix_jrpc_utils_parse_input_integer>, "integer",
+            [](const json_t *member) { return json_is_integer(member); },
+            "ERROR|No parameter by the name <member> found", "Given parameter <member> is not an integer"),
+        parser(
+            "Array", parse_into<json_t *, tavrix_jrpc_utils_parse_input_array>, "array",
+            [](const json_t *member) { return json_is_array(member); }, "ERROR|No parameter by the name <member> found",
+            "The given parameter <member> is supposed to be an array.", true),
+        text_parser("String", parse_string),
+        text_parser("Uint64", parse_into<uint64_t, tavrix_jrpc_utils_parse_input_uint64_t>),
+        text_parser("Float", parse_into<float, tavrix_jrpc_utils_parse_input_float>),
     };
     return rows;
 }
 
-const std::vector<std::string> every_kind_of_member = {
-    "null", "true", "false", "0", "-1", "17", "3.0", "1e2", R"("s")", R"("")", R"("17")", "[]", "[1]", "{}",
-};
-
 class Parsers : public testing::TestWithParam<Parser> {
   protected:
-    bool accepts(const std::string &member) const {
-        for (const std::string &accepted : GetParam().accepted) {
-            if (accepted == member) {
-                return true;
-            }
-        }
-        return false;
-    }
-    std::string wrong_type_message() const {
-        return std::string("Parameter 'member' is not of type '") + GetParam().type_name + "'.";
-    }
+    const Parser &row = GetParam();
+    const std::string missing_message = "Missing expected parameter: 'member'";
+    const std::string wrong_message = "Parameter 'member' is not of type '" + row.type + "'.";
+
+    int parse(Params &params, const char *key) const { return row.parse(params.get(), params.debug(), key).rc; }
 };
 
 INSTANTIATE_TEST_SUITE_P(Type, Parsers, testing::ValuesIn(parsers()), [](const auto &row) { return row.param.name; });
 
-constexpr char missing_message[] = "Missing expected parameter: 'member'";
-
-} // namespace
-
 TEST_P(Parsers, TakeTheirOwnTypeAndNoOther) {
-    for (const std::string &member : every_kind_of_member) {
+    for (const std::string member :
+         {"null", "true", "false", "0", "-1", "17", "3.0", "1e2", R"("s")", R"("")", R"("17")", "[]", "[1]", "{}"}) {
         Params params(R"({"member": )" + member + "}");
-        const Outcome outcome = GetParam().parse(params.get(), params.debug(), "member");
-        if (accepts(member)) {
+        const Outcome outcome = row.parse(params.get(), params.debug(), "member");
+        if (row.accepts(json_object_get(params.get(), "member"))) {
             EXPECT_EQ(outcome.rc, 0) << member;
             EXPECT_TRUE(outcome.written) << member;
             EXPECT_EQ(params.message(), "(none)") << member;
         } else {
             EXPECT_EQ(outcome.rc, TAVRIX_ERR_INVALID_PARAMETER) << member;
             // A null member is the very value that marks an untouched output here.
-            EXPECT_EQ(outcome.written, GetParam().stores_before_testing && member != "null") << member;
-            EXPECT_EQ(params.message(), wrong_type_message()) << member;
+            EXPECT_EQ(outcome.written, row.stores_before_testing && member != "null") << member;
+            EXPECT_EQ(params.message(), wrong_message) << member;
         }
     }
 }
@@ -193,13 +141,9 @@ TEST_P(Parsers, TakeTheirOwnTypeAndNoOther) {
 TEST_P(Parsers, SayWhenTheMemberHasAnotherType) {
     const LogCapture log("verbose");
     Params params(R"({"member": {}})");
-    EXPECT_EQ(GetParam().parse(params.get(), params.debug(), "member").rc, TAVRIX_ERR_INVALID_PARAMETER);
-    const auto lines = log.lines();
-    ASSERT_EQ(lines.size(), 3U);
-    EXPECT_EQ(lines[0].tag + lines[0].message, std::string("VERB ") + GetParam().announcement);
-    EXPECT_EQ(lines[1].tag + lines[1].message, std::string("ERROR") + GetParam().wrong_type);
-    EXPECT_EQ(lines[2].tag + lines[2].message, "DEBUGSending debug message: " + wrong_type_message() + "\n");
-    for (const auto &line : lines) {
+    EXPECT_EQ(parse(params, "member"), TAVRIX_ERR_INVALID_PARAMETER);
+    EXPECT_TRUE(log.said(row.wrong));
+    for (const auto &line : log.lines()) {
         EXPECT_EQ(line.file, unit);
     }
 }
@@ -207,32 +151,26 @@ TEST_P(Parsers, SayWhenTheMemberHasAnotherType) {
 TEST_P(Parsers, SayWhenTheMemberIsAbsent) {
     const LogCapture log("verbose");
     Params params(R"({"Member": 1, "other": "s"})");
-    const Outcome outcome = GetParam().parse(params.get(), params.debug(), "member");
+    const Outcome outcome = row.parse(params.get(), params.debug(), "member");
     EXPECT_EQ(outcome.rc, TAVRIX_ERR_PARAMETER_NOT_FOUND);
-    EXPECT_EQ(outcome.written, GetParam().stores_before_testing);
+    EXPECT_EQ(outcome.written, row.stores_before_testing);
     EXPECT_EQ(params.message(), missing_message);
-    const auto lines = log.lines();
-    ASSERT_EQ(lines.size(), 3U);
-    EXPECT_EQ(lines[0].tag + lines[0].message, std::string("VERB ") + GetParam().announcement);
-    EXPECT_EQ(lines[1].tag + lines[1].message, support::tag_of(GetParam().absent_level) + GetParam().absent);
-    EXPECT_EQ(lines[2].tag + lines[2].message, std::string("DEBUGSending debug message: ") + missing_message + "\n");
+    EXPECT_TRUE(log.said(row.absent));
 }
 
 TEST_P(Parsers, LogFailuresEvenBelowTheGuardedLevels) {
     const LogCapture log("info");
     Params params(R"({"member": {}})");
-    GetParam().parse(params.get(), params.debug(), "absent");
-    GetParam().parse(params.get(), params.debug(), "member");
-    const auto lines = log.lines();
-    ASSERT_EQ(lines.size(), 2U);
-    EXPECT_EQ(lines[0].tag, support::tag_of(GetParam().absent_level));
-    EXPECT_EQ(lines[1].tag + lines[1].message, std::string("ERROR") + GetParam().wrong_type);
+    Params none("{}");
+    parse(none, "member");
+    parse(params, "member");
+    EXPECT_TRUE(log.said({row.absent[1], row.wrong[1]}));
 }
 
 TEST_P(Parsers, FindNothingWithoutAnObject) {
     for (const char *json : {"", "null", "[]", R"("member")", "1", "{}"}) {
         Params params(json);
-        EXPECT_EQ(GetParam().parse(params.get(), params.debug(), "member").rc, TAVRIX_ERR_PARAMETER_NOT_FOUND) << json;
+        EXPECT_EQ(parse(params, "member"), TAVRIX_ERR_PARAMETER_NOT_FOUND) << json;
         EXPECT_EQ(params.message(), missing_message) << json;
     }
 }
@@ -240,7 +178,7 @@ TEST_P(Parsers, FindNothingWithoutAnObject) {
 TEST_P(Parsers, RefuseANullKeyInSilence) {
     const LogCapture log("verbose");
     Params params(R"({"member": 1})");
-    const Outcome outcome = GetParam().parse(params.get(), params.debug(), nullptr);
+    const Outcome outcome = row.parse(params.get(), params.debug(), nullptr);
     EXPECT_EQ(outcome.rc, TAVRIX_ERR_PARAMETER);
     EXPECT_FALSE(outcome.written);
     EXPECT_EQ(params.message(), "(none)");
@@ -249,128 +187,101 @@ TEST_P(Parsers, RefuseANullKeyInSilence) {
 
 TEST_P(Parsers, WorkWithoutAPlaceForTheMessage) {
     const Params params(R"({"member": {}})");
-    EXPECT_EQ(GetParam().parse(params.get(), nullptr, "absent").rc, TAVRIX_ERR_PARAMETER_NOT_FOUND);
-    EXPECT_EQ(GetParam().parse(params.get(), nullptr, "member").rc, TAVRIX_ERR_INVALID_PARAMETER);
+    EXPECT_EQ(row.parse(params.get(), nullptr, "absent").rc, TAVRIX_ERR_PARAMETER_NOT_FOUND);
+    EXPECT_EQ(row.parse(params.get(), nullptr, "member").rc, TAVRIX_ERR_INVALID_PARAMETER);
 }
 
 TEST_P(Parsers, KeepTheFirstMessage) {
     Params params(R"({"member": {}})");
-    EXPECT_EQ(GetParam().parse(params.get(), params.debug(), "first").rc, TAVRIX_ERR_PARAMETER_NOT_FOUND);
-    EXPECT_EQ(GetParam().parse(params.get(), params.debug(), "member").rc, TAVRIX_ERR_INVALID_PARAMETER);
+    EXPECT_EQ(parse(params, "first"), TAVRIX_ERR_PARAMETER_NOT_FOUND);
+    EXPECT_EQ(parse(params, "member"), TAVRIX_ERR_INVALID_PARAMETER);
     EXPECT_EQ(params.message(), "Missing expected parameter: 'first'");
 
     Params other(R"({"member": {}})");
-    EXPECT_EQ(GetParam().parse(other.get(), other.debug(), "member").rc, TAVRIX_ERR_INVALID_PARAMETER);
-    EXPECT_EQ(GetParam().parse(other.get(), other.debug(), "second").rc, TAVRIX_ERR_PARAMETER_NOT_FOUND);
-    EXPECT_EQ(other.message(), wrong_type_message());
+    EXPECT_EQ(parse(other, "member"), TAVRIX_ERR_INVALID_PARAMETER);
+    EXPECT_EQ(parse(other, "second"), TAVRIX_ERR_PARAMETER_NOT_FOUND);
+    EXPECT_EQ(other.message(), wrong_message);
 }
 
 TEST_P(Parsers, LeaveTheParametersAlone) {
     Params params(R"({"member": {}, "more": [1, "s", true]})");
     const Json copy(json_deep_copy(params.get()));
-    GetParam().parse(params.get(), params.debug(), "member");
-    GetParam().parse(params.get(), params.debug(), "more");
+    parse(params, "member");
+    parse(params, "more");
     EXPECT_TRUE(json_equal(params.get(), copy.get()));
     EXPECT_EQ(params.get()->refcount, 1U);
     EXPECT_EQ(json_object_get(params.get(), "member")->refcount, 1U);
     EXPECT_EQ(json_object_get(params.get(), "more")->refcount, 1U);
 }
 
-// --- Null outputs --------------------------------------------------------------------------------------------------
-
 TEST(Parsers, RefuseANullOutputInSilence) {
     const LogCapture log("verbose");
     Params params(R"({"member": "1", "number": 1, "flag": true, "list": []})");
-    EXPECT_EQ(tavrix_jrpc_utils_parse_input_bool(params.get(), params.debug(), "flag", nullptr), TAVRIX_ERR_PARAMETER);
-    EXPECT_EQ(tavrix_jrpc_utils_parse_input_array(params.get(), params.debug(), "list", nullptr), TAVRIX_ERR_PARAMETER);
-    EXPECT_EQ(tavrix_jrpc_utils_parse_input_string(params.get(), params.debug(), "member", nullptr, 8),
-              TAVRIX_ERR_PARAMETER);
-    EXPECT_EQ(tavrix_jrpc_utils_parse_input_integer(params.get(), params.debug(), "number", nullptr),
-              TAVRIX_ERR_PARAMETER);
-    EXPECT_EQ(tavrix_jrpc_utils_parse_input_uint64_t(params.get(), params.debug(), "member", nullptr),
-              TAVRIX_ERR_PARAMETER);
-    EXPECT_EQ(tavrix_jrpc_utils_parse_input_float(params.get(), params.debug(), "member", nullptr),
-              TAVRIX_ERR_PARAMETER);
+    EXPECT_EQ(params.read(tavrix_jrpc_utils_parse_input_bool, "flag", nullptr), TAVRIX_ERR_PARAMETER);
+    EXPECT_EQ(params.read(tavrix_jrpc_utils_parse_input_array, "list", nullptr), TAVRIX_ERR_PARAMETER);
+    EXPECT_EQ(params.read(tavrix_jrpc_utils_parse_input_string, "member", nullptr, 8U), TAVRIX_ERR_PARAMETER);
+    EXPECT_EQ(params.read(tavrix_jrpc_utils_parse_input_integer, "number", nullptr), TAVRIX_ERR_PARAMETER);
+    EXPECT_EQ(params.read(tavrix_jrpc_utils_parse_input_uint64_t, "member", nullptr), TAVRIX_ERR_PARAMETER);
+    EXPECT_EQ(params.read(tavrix_jrpc_utils_parse_input_float, "member", nullptr), TAVRIX_ERR_PARAMETER);
     EXPECT_EQ(params.message(), "(none)");
     EXPECT_TRUE(log.silent());
 }
 
 // --- Bool and array ------------------------------------------------------------------------------------------------
 
-TEST(ParseBool, HandsBackTheMemberItself) {
-    Params params(R"({"on": true, "off": false})");
-    json_t *out = nullptr;
-    EXPECT_EQ(tavrix_jrpc_utils_parse_input_bool(params.get(), params.debug(), "on", &out), 0);
-    EXPECT_TRUE(json_is_true(out));
-    EXPECT_EQ(tavrix_jrpc_utils_parse_input_bool(params.get(), params.debug(), "off", &out), 0);
-    EXPECT_TRUE(json_is_false(out));
+TEST(BorrowingParsers, HandBackTheMemberItselfAndSayNothingMore) {
+    Params params(R"({"on": true, "off": false, "list": [1, 2, 3]})");
+    const struct {
+        int (*parse)(json_t *, json_t **, const char *, json_t **);
+        const char *key;
+        const char *announcement;
+    } rows[] = {{tavrix_jrpc_utils_parse_input_bool, "on", "VERB |Parsing input bool for parameter: on"},
+                {tavrix_jrpc_utils_parse_input_bool, "off", "VERB |Parsing input bool for parameter: off"},
+                {tavrix_jrpc_utils_parse_input_array, "list", "VERB |Parsing input array for parameter: list"}};
+    for (const auto &row : rows) {
+        const LogCapture log("verbose");
+        json_t *out = nullptr;
+        EXPECT_EQ(params.read(row.parse, row.key, &out), 0);
+        EXPECT_EQ(out, json_object_get(params.get(), row.key));
+        EXPECT_TRUE(log.said({row.announcement}));
+    }
+    EXPECT_EQ(json_object_get(params.get(), "list")->refcount, 1U) << "borrowed";
 }
 
-TEST(ParseBool, SaysNothingMoreOnSuccess) {
-    const LogCapture log("verbose");
-    Params params(R"({"on": true})");
-    json_t *out = nullptr;
-    EXPECT_EQ(tavrix_jrpc_utils_parse_input_bool(params.get(), params.debug(), "on", &out), 0);
-    EXPECT_EQ(log.sequence(), Lines{"VERB |Parsing input bool for parameter: on"});
-}
-
-TEST(ParseBool, StoresTheMemberBeforeItsTypeIsTested) {
-    Params params(R"({"text": "true"})");
-    json_t *out = params.get();
-    EXPECT_EQ(tavrix_jrpc_utils_parse_input_bool(params.get(), params.debug(), "absent", &out),
-              TAVRIX_ERR_PARAMETER_NOT_FOUND);
-    EXPECT_EQ(out, nullptr);
-    EXPECT_EQ(tavrix_jrpc_utils_parse_input_bool(params.get(), params.debug(), "text", &out),
-              TAVRIX_ERR_INVALID_PARAMETER);
-    EXPECT_EQ(out, json_object_get(params.get(), "text"));
-}
-
-TEST(ParseArray, HandsBackTheMemberItselfAndBorrowed) {
-    const LogCapture log("verbose");
-    Params params(R"({"list": [1, 2, 3]})");
-    json_t *out = nullptr;
-    EXPECT_EQ(tavrix_jrpc_utils_parse_input_array(params.get(), params.debug(), "list", &out), 0);
-    EXPECT_EQ(out, json_object_get(params.get(), "list"));
-    EXPECT_EQ(out->refcount, 1U);
-    EXPECT_EQ(log.sequence(), Lines{"VERB |Parsing input array for parameter: list"});
-}
-
-TEST(ParseArray, StoresTheMemberBeforeItsTypeIsTested) {
-    Params params(R"({"object": {}})");
-    json_t *out = params.get();
-    EXPECT_EQ(tavrix_jrpc_utils_parse_input_array(params.get(), params.debug(), "absent", &out),
-              TAVRIX_ERR_PARAMETER_NOT_FOUND);
-    EXPECT_EQ(out, nullptr);
-    EXPECT_EQ(tavrix_jrpc_utils_parse_input_array(params.get(), params.debug(), "object", &out),
-              TAVRIX_ERR_INVALID_PARAMETER);
-    EXPECT_EQ(out, json_object_get(params.get(), "object"));
+TEST(BorrowingParsers, StoreTheMemberBeforeItsTypeIsTested) {
+    for (const auto parse : {tavrix_jrpc_utils_parse_input_bool, tavrix_jrpc_utils_parse_input_array}) {
+        Params params(R"({"text": "true"})");
+        json_t *out = params.get();
+        EXPECT_EQ(params.read(parse, "absent", &out), TAVRIX_ERR_PARAMETER_NOT_FOUND);
+        EXPECT_EQ(out, nullptr);
+        EXPECT_EQ(params.read(parse, "text", &out), TAVRIX_ERR_INVALID_PARAMETER);
+        EXPECT_EQ(out, json_object_get(params.get(), "text"));
+    }
 }
 
 // --- String --------------------------------------------------------------------------------------------------------
 
+int read_text(Params &params, const char *key, Buffer &out) {
+    return params.read(tavrix_jrpc_utils_parse_input_string, key, out.get(), out.size());
+}
+
 TEST(ParseString, CutsWhatDoesNotFitAndClearsTheRest) {
-    Params params(R"({"name": "0123456789", "empty": ""})");
+    const std::string digits = "0123456789";
+    Params params(R"({"name": ")" + digits + R"(", "empty": ""})");
     for (size_t size = 1; size <= 14; ++size) {
         Buffer out(size);
-        EXPECT_EQ(tavrix_jrpc_utils_parse_input_string(params.get(), params.debug(), "name", out.get(), size), 0);
-        EXPECT_EQ(out.text(), std::string("0123456789").substr(0, size - 1)) << size;
+        EXPECT_EQ(read_text(params, "name", out), 0);
+        EXPECT_EQ(out.text(), digits.substr(0, size - 1)) << size;
         EXPECT_TRUE(out.cleared_behind_text()) << size;
     }
     Buffer out(8);
-    EXPECT_EQ(tavrix_jrpc_utils_parse_input_string(params.get(), params.debug(), "empty", out.get(), 8), 0);
+    EXPECT_EQ(read_text(params, "empty", out), 0);
     EXPECT_EQ(out.text(), "");
     EXPECT_TRUE(out.cleared_behind_text());
-}
-
-TEST(ParseString, WritesNothingIntoABufferOfNoBytes) {
-    const LogCapture log("verbose");
-    Params params(R"({"name": "0123456789"})");
-    Buffer out(0);
-    EXPECT_EQ(tavrix_jrpc_utils_parse_input_string(params.get(), params.debug(), "name", out.get(), 0), 0);
-    EXPECT_TRUE(out.untouched());
-    EXPECT_EQ(tavrix_jrpc_utils_parse_input_string(params.get(), params.debug(), "absent", out.get(), 0),
-              TAVRIX_ERR_PARAMETER_NOT_FOUND);
-    EXPECT_TRUE(out.untouched());
+    Buffer none(0);
+    EXPECT_EQ(read_text(params, "name", none), 0);
+    EXPECT_EQ(read_text(params, "absent", none), TAVRIX_ERR_PARAMETER_NOT_FOUND);
+    EXPECT_TRUE(none.untouched());
 }
 
 TEST(ParseString, LogsWhatItStored) {
@@ -378,11 +289,11 @@ TEST(ParseString, LogsWhatItStored) {
     Buffer out(5);
     {
         const LogCapture log("verbose");
-        EXPECT_EQ(tavrix_jrpc_utils_parse_input_string(params.get(), params.debug(), "name", out.get(), 5), 0);
-        EXPECT_EQ(log.sequence(), (Lines{"VERB |Parsing input string for parameter: name", "VERB |Parsed name: 0123"}));
+        EXPECT_EQ(read_text(params, "name", out), 0);
+        EXPECT_TRUE(log.said({"VERB |Parsing input string for parameter: name", "VERB |Parsed name: 0123"}));
     }
     const LogCapture log("debug");
-    EXPECT_EQ(tavrix_jrpc_utils_parse_input_string(params.get(), params.debug(), "name", out.get(), 5), 0);
+    EXPECT_EQ(read_text(params, "name", out), 0);
     EXPECT_TRUE(log.silent());
 }
 
@@ -390,39 +301,46 @@ TEST(ParseString, TakesFormatCharactersAndUtf8AsTheyAre) {
     Params params(R"({"%s%n": "%s%n 100% Z\u00fcrich"})");
     Buffer out(64);
     const LogCapture log("verbose");
-    EXPECT_EQ(tavrix_jrpc_utils_parse_input_string(params.get(), params.debug(), "%s%n", out.get(), out.size()), 0);
+    EXPECT_EQ(read_text(params, "%s%n", out), 0);
     EXPECT_EQ(out.text(), "%s%n 100% Z\xc3\xbcrich");
     EXPECT_EQ(log.sequence().back(), "VERB |Parsed %s%n: %s%n 100% Z\xc3\xbcrich");
-    EXPECT_EQ(tavrix_jrpc_utils_parse_input_string(params.get(), params.debug(), "%d", out.get(), out.size()),
-              TAVRIX_ERR_PARAMETER_NOT_FOUND);
+    EXPECT_EQ(read_text(params, "%d", out), TAVRIX_ERR_PARAMETER_NOT_FOUND);
     EXPECT_EQ(params.message(), "Missing expected parameter: '%d'");
 }
 
-// --- Integer -------------------------------------------------------------------------------------------------------
+// --- Numbers, also in strings --------------------------------------------------------------------------------------
+
+template <class Number>
+struct Reading {
+    std::string value; ///< what the text holds, or the number itself
+    Number expected;
+};
+
+/** Each row's member is read as the number that it says. */
+template <class Number, size_t Count>
+void expect_readings(int (*parser)(json_t *, json_t **, const char *, Number *), const std::string &quote,
+                     const Reading<Number> (&rows)[Count]) {
+    for (const auto &row : rows) {
+        Params params(R"({"n": )" + quote + row.value + quote + "}");
+        Number out = 77;
+        EXPECT_EQ(params.read(parser, "n", &out), 0) << row.value;
+        EXPECT_EQ(out, row.expected) << row.value;
+    }
+}
 
 TEST(ParseInteger, KeepsTheLow32Bits) {
-    const struct {
-        const char *json;
-        int expected;
-    } rows[] = {
-        {"0", 0},
-        {"-1", -1},
-        {"2147483647", INT_MAX},
-        {"-2147483648", INT_MIN},
-        {"2147483648", INT_MIN},
-        {"-2147483649", INT_MAX},
-        {"4294967295", -1},
-        {"4294967296", 0},
-        {"4294967297", 1},
-        {"9223372036854775807", -1},
-        {"-9223372036854775808", 0},
-    };
-    for (const auto &row : rows) {
-        Params params(std::string(R"({"n": )") + row.json + "}");
-        int out = 77;
-        EXPECT_EQ(tavrix_jrpc_utils_parse_input_integer(params.get(), params.debug(), "n", &out), 0) << row.json;
-        EXPECT_EQ(out, row.expected) << row.json;
-    }
+    expect_readings<int>(tavrix_jrpc_utils_parse_input_integer, "",
+                         {{"0", 0},
+                          {"-1", -1},
+                          {"2147483647", INT_MAX},
+                          {"-2147483648", INT_MIN},
+                          {"2147483648", INT_MIN},
+                          {"-2147483649", INT_MAX},
+                          {"4294967295", -1},
+                          {"4294967296", 0},
+                          {"4294967297", 1},
+                          {"9223372036854775807", -1},
+                          {"-9223372036854775808", 0}});
 }
 
 TEST(ParseInteger, LogsWhatItStored) {
@@ -430,119 +348,74 @@ TEST(ParseInteger, LogsWhatItStored) {
     int out = 0;
     {
         const LogCapture log("verbose");
-        EXPECT_EQ(tavrix_jrpc_utils_parse_input_integer(params.get(), params.debug(), "n", &out), 0);
-        EXPECT_EQ(log.sequence(), (Lines{"VERB |Parsing input integer for parameter: n", "VERB |Parsed n: -42"}));
+        EXPECT_EQ(params.read(tavrix_jrpc_utils_parse_input_integer, "n", &out), 0);
+        EXPECT_TRUE(log.said({"VERB |Parsing input integer for parameter: n", "VERB |Parsed n: -42"}));
     }
     const LogCapture log("debug");
-    EXPECT_EQ(tavrix_jrpc_utils_parse_input_integer(params.get(), params.debug(), "n", &out), 0);
+    EXPECT_EQ(params.read(tavrix_jrpc_utils_parse_input_integer, "n", &out), 0);
     EXPECT_TRUE(log.silent());
 }
 
-// --- Numbers in strings --------------------------------------------------------------------------------------------
-
 TEST(ParseUint64, ReadsTheTextWithItsBase) {
-    const struct {
-        std::string text;
-        uint64_t expected;
-    } rows[] = {
-        {"0", 0},
-        {"16", 16},
-        {"0x10", 16},
-        {"0X1f", 31},
-        {"010", 8},
-        {"08", 0},
-        {"18446744073709551615", UINT64_MAX},
-        {"18446744073709551616", UINT64_MAX},
-        {"0xffffffffffffffff", UINT64_MAX},
-        {"-1", UINT64_MAX},
-        {" 7", 7},
-        {"7 apples", 7},
-        {"apples", 0},
-        {"", 0},
-        {std::string(99, '0') + "7", 0}, // the hundredth character does not fit the buffer
-        {std::string(98, '0') + "7", 7},
-    };
-    for (const auto &row : rows) {
-        Params params(R"({"n": ")" + row.text + R"("})");
-        uint64_t out = 77;
-        EXPECT_EQ(tavrix_jrpc_utils_parse_input_uint64_t(params.get(), params.debug(), "n", &out), 0) << row.text;
-        EXPECT_EQ(out, row.expected) << row.text;
-    }
-}
-
-TEST(ParseUint64, ReportsANumberAsNotAString) {
-    const LogCapture log("info");
-    Params params(R"({"n": 16})");
-    uint64_t out = 77;
-    EXPECT_EQ(tavrix_jrpc_utils_parse_input_uint64_t(params.get(), params.debug(), "n", &out),
-              TAVRIX_ERR_INVALID_PARAMETER);
-    EXPECT_EQ(out, 77U);
-    EXPECT_EQ(params.message(), "Parameter 'n' is not of type 'string'.");
-    EXPECT_EQ(log.sequence(), Lines{"ERROR|Given parameter <n> is not a string"});
+    expect_readings<uint64_t>(tavrix_jrpc_utils_parse_input_uint64_t, "\"",
+                              {{"0", 0},
+                               {"16", 16},
+                               {"0x10", 16},
+                               {"0X1f", 31},
+                               {"010", 8},
+                               {"08", 0},
+                               {"18446744073709551615", UINT64_MAX},
+                               {"18446744073709551616", UINT64_MAX},
+                               {"0xffffffffffffffff", UINT64_MAX},
+                               {"-1", UINT64_MAX},
+                               {" 7", 7},
+                               {"7 apples", 7},
+                               {"apples", 0},
+                               {"", 0},
+                               {std::string(99, '0') + "7", 0}, // the hundredth character does not fit the buffer
+                               {std::string(98, '0') + "7", 7}});
 }
 
 TEST(ParseUint64, HasNoLinesOfItsOwn) {
     const LogCapture log("verbose");
     Params params(R"({"n": "0x10"})");
     uint64_t out = 0;
-    EXPECT_EQ(tavrix_jrpc_utils_parse_input_uint64_t(params.get(), params.debug(), "n", &out), 0);
-    EXPECT_EQ(log.sequence(), (Lines{"VERB |Parsing input string for parameter: n", "VERB |Parsed n: 0x10"}));
+    EXPECT_EQ(params.read(tavrix_jrpc_utils_parse_input_uint64_t, "n", &out), 0);
+    EXPECT_TRUE(log.said({"VERB |Parsing input string for parameter: n", "VERB |Parsed n: 0x10"}));
 }
 
 TEST(ParseFloat, ReadsTheText) {
-    const struct {
-        std::string text;
-        float expected;
-    } rows[] = {
-        {"0", 0.0F},
-        {"1.5", 1.5F},
-        {"-2.25", -2.25F},
-        {"1e3", 1000.0F},
-        {"3", 3.0F},
-        {"2.5 dBm", 2.5F},
-        {"none", 0.0F},
-        {"", 0.0F},
-        {" 4.5", 4.5F},
-        {"1e300", HUGE_VALF},
-        {".5", 0.5F},
-        {"0x10", 16.0F},
-        {"16777217", 16777216.0F},          // not every integer has a float
-        {std::string(99, '0') + "7", 0.0F}, // the hundredth character does not fit the buffer
-        {std::string(98, '0') + "7", 7.0F},
-    };
-    for (const auto &row : rows) {
-        Params params(R"({"n": ")" + row.text + R"("})");
-        float out = 77.0F;
-        EXPECT_EQ(tavrix_jrpc_utils_parse_input_float(params.get(), params.debug(), "n", &out), 0) << row.text;
-        EXPECT_EQ(out, row.expected) << row.text;
-    }
-}
-
-TEST(ParseFloat, ReportsANumberAsNotAString) {
-    Params params(R"({"n": 1.5})");
-    float out = 77.0F;
-    EXPECT_EQ(tavrix_jrpc_utils_parse_input_float(params.get(), params.debug(), "n", &out),
-              TAVRIX_ERR_INVALID_PARAMETER);
-    EXPECT_EQ(out, 77.0F);
-    EXPECT_EQ(params.message(), "Parameter 'n' is not of type 'string'.");
+    expect_readings<float>(tavrix_jrpc_utils_parse_input_float, "\"",
+                           {{"0", 0.0F},
+                            {"1.5", 1.5F},
+                            {"-2.25", -2.25F},
+                            {"1e3", 1000.0F},
+                            {"3", 3.0F},
+                            {"2.5 dBm", 2.5F},
+                            {"none", 0.0F},
+                            {"", 0.0F},
+                            {" 4.5", 4.5F},
+                            {"1e300", HUGE_VALF},
+                            {".5", 0.5F},
+                            {"0x10", 16.0F},
+                            {"16777217", 16777216.0F},          // not every integer has a float
+                            {std::string(99, '0') + "7", 0.0F}, // the hundredth character does not fit the buffer
+                            {std::string(98, '0') + "7", 7.0F}});
 }
 
 // --- The debug message's length ------------------------------------------------------------------------------------
 
 TEST(DebugMessage, IsCutTo99Characters) {
-    const std::string missing = "Missing expected parameter: '";
-    const std::string wrong = "Parameter '";
     for (size_t length = 60; length <= 130; ++length) {
         const std::string key(length, 'k');
-        Buffer out(4);
+        int out = 77;
         Params absent("{}");
-        EXPECT_EQ(tavrix_jrpc_utils_parse_input_string(absent.get(), absent.debug(), key.c_str(), out.get(), 4),
+        EXPECT_EQ(absent.read(tavrix_jrpc_utils_parse_input_integer, key.c_str(), &out),
                   TAVRIX_ERR_PARAMETER_NOT_FOUND);
-        EXPECT_EQ(absent.message(), (missing + key + "'").substr(0, 99)) << length;
-        Params number("{\"" + key + "\": 1}");
-        EXPECT_EQ(tavrix_jrpc_utils_parse_input_string(number.get(), number.debug(), key.c_str(), out.get(), 4),
-                  TAVRIX_ERR_INVALID_PARAMETER);
-        EXPECT_EQ(number.message(), (wrong + key + "' is not of type 'string'.").substr(0, 99)) << length;
+        EXPECT_EQ(absent.message(), ("Missing expected parameter: '" + key + "'").substr(0, 99)) << length;
+        Params text("{\"" + key + "\": \"1\"}");
+        EXPECT_EQ(text.read(tavrix_jrpc_utils_parse_input_integer, key.c_str(), &out), TAVRIX_ERR_INVALID_PARAMETER);
+        EXPECT_EQ(text.message(), ("Parameter '" + key + "' is not of type 'integer'.").substr(0, 99)) << length;
     }
 }
 
@@ -551,7 +424,8 @@ TEST(DebugMessage, StaysAwayWhenTheCutTextIsNoJsonString) {
     const std::string key = std::string(69, 'k') + "\xc3\xbc";
     Params params("{}");
     int out = 77;
-    EXPECT_EQ(tavrix_jrpc_utils_parse_input_integer(params.get(), params.debug(), key.c_str(), &out),
-              TAVRIX_ERR_PARAMETER_NOT_FOUND);
+    EXPECT_EQ(params.read(tavrix_jrpc_utils_parse_input_integer, key.c_str(), &out), TAVRIX_ERR_PARAMETER_NOT_FOUND);
     EXPECT_EQ(params.message(), "(none)");
 }
+
+} // namespace

@@ -4,7 +4,6 @@
 #include "internal/tavrix_jrpc_utils_seam.h"
 
 #include <string>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -15,9 +14,9 @@
 #include "tavrix_jrpc_utils.h"
 
 using fault::Failing;
+using support::Lines;
 using support::LogCapture;
 using support::Params;
-using Lines = std::vector<std::string>;
 
 namespace {
 
@@ -46,13 +45,15 @@ INSTANTIATE_TEST_SUITE_P(Message, Builders,
 
 } // namespace
 
-TEST_P(Builders, StoreAnObjectOfOneMember) {
-    const LogCapture log("verbose");
-    Params slot("{}");
-    EXPECT_EQ(GetParam().build(slot.debug(), "port_id"), 0);
-    EXPECT_EQ(slot.message(), text("port_id"));
-    EXPECT_EQ(log.sequence(), Lines{"DEBUG|Sending debug message: " + text("port_id")});
-    EXPECT_EQ(log.lines().front().file, "tavrix_jrpc_utils");
+TEST_P(Builders, StoreAnObjectOfOneMemberAndSaySoFromDebugLevelOn) {
+    for (const std::string level : {"verbose", "info"}) {
+        const LogCapture log(level);
+        Params slot("{}");
+        EXPECT_EQ(GetParam().build(slot.debug(), "port_id"), 0);
+        EXPECT_EQ(slot.message(), text("port_id"));
+        EXPECT_TRUE(log.said(Lines(level == "info" ? 0 : 1, "DEBUG|Sending debug message: " + text("port_id"))));
+        EXPECT_TRUE(log.silent() || log.lines().front().file == "tavrix_jrpc_utils");
+    }
 }
 
 TEST_P(Builders, LogButKeepWhatTheSlotHolds) {
@@ -61,15 +62,7 @@ TEST_P(Builders, LogButKeepWhatTheSlotHolds) {
     slot.set_message("earlier");
     EXPECT_EQ(GetParam().build(slot.debug(), "port_id"), 0);
     EXPECT_EQ(slot.message(), "earlier");
-    EXPECT_EQ(log.sequence(), Lines{"DEBUG|Sending debug message: " + text("port_id")});
-}
-
-TEST_P(Builders, SayNothingBelowDebugLevel) {
-    const LogCapture log("info");
-    Params slot("{}");
-    EXPECT_EQ(GetParam().build(slot.debug(), "port_id"), 0);
-    EXPECT_EQ(slot.message(), text("port_id"));
-    EXPECT_TRUE(log.silent());
+    EXPECT_TRUE(log.said({"DEBUG|Sending debug message: " + text("port_id")}));
 }
 
 TEST_P(Builders, RefuseANullSlotInSilence) {
@@ -93,24 +86,12 @@ TEST_P(Builders, ReportThatThereIsNoMemory) {
     EXPECT_EQ(slot.message(), "(none)");
 }
 
-TEST_P(Builders, CutTheTextAt99Characters) {
-    const size_t fits = 99 - text("").size();
-    for (const size_t length : {fits - 1, fits, fits + 1, fits + 40}) {
-        const std::string key(length, 'k');
-        Params slot("{}");
-        EXPECT_EQ(GetParam().build(slot.debug(), key.c_str()), 0);
-        EXPECT_EQ(slot.message(), text(key).substr(0, 99));
-    }
-}
-
 TEST(Parsers, KeepTheirStatusWhenTheMessageCannotBeBuilt) {
     Params params(R"({"n": "text"})");
     int out = 77;
     const Failing ever("Jansson", 1, ENOMEM, Failing::always);
-    const int absent = tavrix_jrpc_utils_parse_input_integer(params.get(), params.debug(), "absent", &out);
-    const int other_type = tavrix_jrpc_utils_parse_input_integer(params.get(), params.debug(), "n", &out);
-    EXPECT_EQ(absent, TAVRIX_ERR_PARAMETER_NOT_FOUND);
-    EXPECT_EQ(other_type, TAVRIX_ERR_INVALID_PARAMETER);
+    EXPECT_EQ(params.read(tavrix_jrpc_utils_parse_input_integer, "absent", &out), TAVRIX_ERR_PARAMETER_NOT_FOUND);
+    EXPECT_EQ(params.read(tavrix_jrpc_utils_parse_input_integer, "n", &out), TAVRIX_ERR_INVALID_PARAMETER);
     EXPECT_EQ(params.message(), "(none)");
 }
 
@@ -119,8 +100,7 @@ TEST(RetrieveAlias, KeepsItsStatusWhenTheMessageCannotBeBuilt) {
     params.set_message("earlier");
     char out[32];
     const Failing ever("Jansson", 1, ENOMEM, Failing::always);
-    const int rc = tavrix_jrpc_utils_retrieve_input_alias(params.get(), params.debug(), "alias", out, sizeof out);
-    EXPECT_EQ(rc, TAVRIX_ERR_VALIDATION);
+    EXPECT_EQ(params.read(tavrix_jrpc_utils_retrieve_input_alias, "alias", out, sizeof out), TAVRIX_ERR_VALIDATION);
     EXPECT_EQ(params.message(), "(none)") << "the earlier one is gone all the same";
 }
 
@@ -131,9 +111,9 @@ TEST(RetrieveMacFilters, ReportsThatThereIsNoMemory) {
         tavrix_mac_filter *filters = nullptr;
         int count = -77;
         const Failing once("calloc");
-        const int rc = tavrix_jrpc_utils_retrieve_input_mac_filters(params.get(), params.debug(), "filters", &filters,
-                                                                    &count, 1, 2);
-        EXPECT_EQ(rc, TAVRIX_ERR_NO_MEMORY) << json;
+        EXPECT_EQ(params.read(tavrix_jrpc_utils_retrieve_input_mac_filters, "filters", &filters, &count, 1, 2),
+                  TAVRIX_ERR_NO_MEMORY)
+            << json;
         EXPECT_EQ(filters, nullptr);
         EXPECT_EQ(params.message(), "(none)");
     }

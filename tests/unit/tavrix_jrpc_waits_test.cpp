@@ -1,16 +1,15 @@
-#include <atomic>
-#include <chrono>
-#include <csignal>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <pthread.h>
 
 #include "support/bus.h"
 #include "support/json.h"
 #include "support/log_capture.h"
+#include "support/nulls.h"
+#include "support/signals.h"
 #include "tavrix_error.h"
 #include "tavrix_jrpc.h"
 #include "tavrix_mq.h"
@@ -18,7 +17,10 @@
 using support::BusPair;
 using support::BusSocket;
 using support::Json;
+using support::Lines;
 using support::LogCapture;
+using support::Statuses;
+using support::with_each_null;
 
 namespace {
 
@@ -28,35 +30,6 @@ constexpr char unit[] = "tavrix_jrpc";
 std::string waiting(const std::string &method, int attempt) {
     return "Waiting for API response <" + method + ">, attempts remaining: " + std::to_string(attempt);
 }
-
-/** Interrupts this thread again and again, with a handler that asks for interrupted calls to go on. */
-class Signals {
-  public:
-    Signals() {
-        struct sigaction action {};
-        action.sa_handler = [](int) {};
-        action.sa_flags = SA_RESTART;
-        sigaction(SIGUSR1, &action, &before_);
-        sender_ = std::thread([this, waiting = pthread_self()] {
-            while (!ended_) {
-                pthread_kill(waiting, SIGUSR1);
-                std::this_thread::sleep_for(std::chrono::milliseconds(1));
-            }
-        });
-    }
-    Signals(const Signals &) = delete;
-    Signals &operator=(const Signals &) = delete;
-    ~Signals() {
-        ended_ = true;
-        sender_.join();
-        sigaction(SIGUSR1, &before_, nullptr);
-    }
-
-  private:
-    struct sigaction before_ {};
-    std::atomic<bool> ended_{false};
-    std::thread sender_;
-};
 
 constexpr char reply[] = R"(me|{"jsonrpc":"2.0","id":"ports.Get","result":5})";
 constexpr char notification[] = R"(ev|{"jsonrpc":"2.0","method":"events.X","params":{"n":1}})";
@@ -68,102 +41,68 @@ constexpr char notification[] = R"(ev|{"jsonrpc":"2.0","method":"events.X","para
 struct Candidate {
     const char *name;
     const char *text;
-    int rc;
-    std::vector<std::string> lines;
+    Lines lines;
+    int rc = TAVRIX_ERR_GENERAL;
 };
 
-class EvalMethod : public testing::TestWithParam<Candidate> {};
+Lines malformed_reply(const char *complaint, const char *id) {
+    return {complaint, std::string("DEBUG|Found incorrect method \"") + id + "\"."};
+}
+constexpr char no_version[] = "DEBUG|Received invalid JSON-RPC format.";
+constexpr char wrong_type[] = "ERROR|tavrix_jrpc_eval_request: Invalid Request ID";
+constexpr char other_version[] = "DEBUG|Received unsupported JSON-RPC version.";
+constexpr char no_text[] = "ERROR|Given parameter <id> is not a string";
 
-TEST_P(EvalMethod, Decides) {
-    Json out;
-    const LogCapture log("debug");
-    EXPECT_EQ(tavrix_jrpc_eval_method("ports.Get", GetParam().text, into(out)), GetParam().rc);
-    EXPECT_EQ(out != nullptr, GetParam().rc == 0);
-    EXPECT_EQ(log.sequence(), GetParam().lines);
+const Candidate replies[] = {
+    {"Match", R"({"jsonrpc":"2.0","id":"ports.Get"})", {"DEBUG|Found correct method \"ports.Get\"."}, TAVRIX_OK},
+    {"OtherMethod", R"({"jsonrpc":"2.0","id":"ports.get"})", {"DEBUG|Found incorrect method \"ports.get\"."}},
+    {"Array", "[]", malformed_reply(no_version, "(null)")},
+    {"NoVersion", R"({"id":"ports.Get"})", malformed_reply(no_version, "ports.Get")},
+    {"VersionNumber", R"({"jsonrpc":2,"id":"ports.Get"})", malformed_reply(wrong_type, "ports.Get")},
+    {"VersionOne", R"({"jsonrpc":"1.0","id":"ports.Get"})", malformed_reply(other_version, "ports.Get")},
+    {"IdNumber", R"({"jsonrpc":"2.0","id":5})", malformed_reply(no_text, "(null)")},
+    {"IdMissing", R"({"jsonrpc":"2.0"})", malformed_reply(no_text, "(null)")},
+    {"IdTrue", R"({"jsonrpc":"2.0","id":true})", malformed_reply(wrong_type, "(null)")},
+};
+
+TEST(EvalMethod, Decides) {
+    for (const Candidate &row : replies) {
+        SCOPED_TRACE(row.name);
+        Json out;
+        const LogCapture log("debug");
+        EXPECT_EQ(tavrix_jrpc_eval_method("ports.Get", row.text, into(out)), row.rc);
+        EXPECT_EQ(out != nullptr, row.rc == 0);
+        EXPECT_TRUE(log.said(row.lines));
+    }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Replies, EvalMethod,
-    testing::Values(
-        Candidate{"Match", R"({"jsonrpc":"2.0","id":"ports.Get"})", 0, {"DEBUG|Found correct method \"ports.Get\"."}},
-        Candidate{"OtherMethod",
-                  R"({"jsonrpc":"2.0","id":"ports.get"})",
-                  TAVRIX_ERR_GENERAL,
-                  {"DEBUG|Found incorrect method \"ports.get\"."}},
-        Candidate{"Array",
-                  "[]",
-                  TAVRIX_ERR_GENERAL,
-                  {"DEBUG|Received invalid JSON-RPC format.", "DEBUG|Found incorrect method \"(null)\"."}},
-        Candidate{"NoVersion",
-                  R"({"id":"ports.Get"})",
-                  TAVRIX_ERR_GENERAL,
-                  {"DEBUG|Received invalid JSON-RPC format.", "DEBUG|Found incorrect method \"ports.Get\"."}},
-        Candidate{
-            "VersionNumber",
-            R"({"jsonrpc":2,"id":"ports.Get"})",
-            TAVRIX_ERR_GENERAL,
-            {"ERROR|tavrix_jrpc_eval_request: Invalid Request ID", "DEBUG|Found incorrect method \"ports.Get\"."}},
-        Candidate{"VersionOne",
-                  R"({"jsonrpc":"1.0","id":"ports.Get"})",
-                  TAVRIX_ERR_GENERAL,
-                  {"DEBUG|Received unsupported JSON-RPC version.", "DEBUG|Found incorrect method \"ports.Get\"."}},
-        Candidate{"IdNumber",
-                  R"({"jsonrpc":"2.0","id":5})",
-                  TAVRIX_ERR_GENERAL,
-                  {"ERROR|Given parameter <id> is not a string", "DEBUG|Found incorrect method \"(null)\"."}},
-        Candidate{"IdMissing",
-                  R"({"jsonrpc":"2.0"})",
-                  TAVRIX_ERR_GENERAL,
-                  {"ERROR|Given parameter <id> is not a string", "DEBUG|Found incorrect method \"(null)\"."}},
-        Candidate{"IdTrue",
-                  R"({"jsonrpc":"2.0","id":true})",
-                  TAVRIX_ERR_GENERAL,
-                  {"ERROR|tavrix_jrpc_eval_request: Invalid Request ID", "DEBUG|Found incorrect method \"(null)\"."}}),
-    [](const auto &row) { return row.param.name; });
+const Candidate notifications[] = {
+    {"Match",
+     R"({"jsonrpc":"2.0","method":"events.X"})",
+     {"VERB |JSON Method: events.X", "DEBUG|Found correct method \"events.X\"."},
+     TAVRIX_OK},
+    {"Other",
+     R"({"jsonrpc":"2.0","method":"events.x"})",
+     {"VERB |JSON Method: events.x", "DEBUG|Found incorrect method \"events.x\"."}},
+    {"Array", "[]", {no_version}},
+    {"Number", "7", {no_version}},
+    {"NoMethod", R"({"jsonrpc":"2.0"})", {"DEBUG|[tavrix_jrpc_eval_notification]: No JSON method"}},
+    {"MethodNumber", R"({"jsonrpc":"2.0","method":1})", {"DEBUG|[tavrix_jrpc_eval_notification]: Invalid JSON method"}},
+    {"NoVersion", R"({"method":"events.X"})", {no_version}},
+    {"VersionTrue", R"({"jsonrpc":true,"method":"events.X"})", {wrong_type}},
+    {"VersionThree", R"({"jsonrpc":"3.0","method":"events.X"})", {other_version}},
+};
 
-class EvalNotification : public testing::TestWithParam<Candidate> {};
-
-TEST_P(EvalNotification, Decides) {
-    Json out;
-    const LogCapture log("verbose");
-    EXPECT_EQ(tavrix_jrpc_eval_notification("events.X", GetParam().text, into(out)), GetParam().rc);
-    EXPECT_EQ(out != nullptr, GetParam().rc == 0);
-    EXPECT_EQ(log.sequence(), GetParam().lines);
+TEST(EvalNotification, Decides) {
+    for (const Candidate &row : notifications) {
+        SCOPED_TRACE(row.name);
+        Json out;
+        const LogCapture log("verbose");
+        EXPECT_EQ(tavrix_jrpc_eval_notification("events.X", row.text, into(out)), row.rc);
+        EXPECT_EQ(out != nullptr, row.rc == 0);
+        EXPECT_TRUE(log.said(row.lines));
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Notifications, EvalNotification,
-    testing::Values(Candidate{"Match",
-                              R"({"jsonrpc":"2.0","method":"events.X"})",
-                              0,
-                              {"VERB |JSON Method: events.X", "DEBUG|Found correct method \"events.X\"."}},
-                    Candidate{"Other",
-                              R"({"jsonrpc":"2.0","method":"events.x"})",
-                              TAVRIX_ERR_GENERAL,
-                              {"VERB |JSON Method: events.x", "DEBUG|Found incorrect method \"events.x\"."}},
-                    Candidate{"Array", "[]", TAVRIX_ERR_GENERAL, {"DEBUG|Received invalid JSON-RPC format."}},
-                    Candidate{"Number", "7", TAVRIX_ERR_GENERAL, {"DEBUG|Received invalid JSON-RPC format."}},
-                    Candidate{"NoMethod",
-                              R"({"jsonrpc":"2.0"})",
-                              TAVRIX_ERR_GENERAL,
-                              {"DEBUG|[tavrix_jrpc_eval_notification]: No JSON method"}},
-                    Candidate{"MethodNumber",
-                              R"({"jsonrpc":"2.0","method":1})",
-                              TAVRIX_ERR_GENERAL,
-                              {"DEBUG|[tavrix_jrpc_eval_notification]: Invalid JSON method"}},
-                    Candidate{"NoVersion",
-                              R"({"method":"events.X"})",
-                              TAVRIX_ERR_GENERAL,
-                              {"DEBUG|Received invalid JSON-RPC format."}},
-                    Candidate{"VersionTrue",
-                              R"({"jsonrpc":true,"method":"events.X"})",
-                              TAVRIX_ERR_GENERAL,
-                              {"ERROR|tavrix_jrpc_eval_request: Invalid Request ID"}},
-                    Candidate{"VersionThree",
-                              R"({"jsonrpc":"3.0","method":"events.X"})",
-                              TAVRIX_ERR_GENERAL,
-                              {"DEBUG|Received unsupported JSON-RPC version."}}),
-    [](const auto &row) { return row.param.name; });
 
 TEST(Matchers, RefuseWhatIsNoJsonInTheEvaluatorsWords) {
     json_t *out = nullptr;
@@ -179,12 +118,10 @@ TEST(Matchers, RefuseWhatIsNoJsonInTheEvaluatorsWords) {
 TEST(Matchers, RefuseNullArguments) {
     json_t *out = nullptr;
     const LogCapture log("debug");
-    EXPECT_EQ(tavrix_jrpc_eval_method(nullptr, "{}", &out), TAVRIX_ERR_NULL_INPUT);
-    EXPECT_EQ(tavrix_jrpc_eval_method("m", nullptr, &out), TAVRIX_ERR_NULL_INPUT);
+    EXPECT_EQ(with_each_null([&](auto... texts) { return tavrix_jrpc_eval_method(texts..., &out); }, "m", "{}"),
+              Statuses(2, TAVRIX_ERR_NULL_INPUT));
+    EXPECT_EQ(with_each_null(tavrix_jrpc_eval_notification, "m", "{}", &out), Statuses(3, TAVRIX_ERR_NULL_INPUT));
     EXPECT_EQ(log.count(support::debug, unit, "[tavrix_jrpc_eval_method]: Null Pointer!\n"), 2);
-    EXPECT_EQ(tavrix_jrpc_eval_notification(nullptr, "{}", &out), TAVRIX_ERR_NULL_INPUT);
-    EXPECT_EQ(tavrix_jrpc_eval_notification("m", nullptr, &out), TAVRIX_ERR_NULL_INPUT);
-    EXPECT_EQ(tavrix_jrpc_eval_notification("m", "{}", nullptr), TAVRIX_ERR_NULL_INPUT);
     EXPECT_EQ(log.count(support::debug, unit, "[tavrix_jrpc_eval_notification]: Null Pointer!\n"), 3);
     EXPECT_EQ(tavrix_jrpc_eval_method("m", R"({"jsonrpc":"2.0","id":"m"})", nullptr), 0) << "only the verdict";
 }
@@ -219,7 +156,7 @@ TEST(ReplyWait, GivesUpAfterTheMethodsNumberOfAttempts) {
             expected.push_back("DEBUG|Unable to receive an API response, rc = -46");
         }
         expected.push_back("DEBUG|Could not receive expected API response.");
-        EXPECT_EQ(log.sequence(), expected);
+        EXPECT_TRUE(log.said(expected));
     }
 }
 
@@ -233,20 +170,17 @@ TEST(ReplyWait, TakesTheReplyAndLetsOthersCostAnAttempt) {
     const LogCapture log("debug");
     ASSERT_EQ(tavrix_jrpc_mq_sub_for_method(bus.sub.number, "ports.Get", &out), 0);
     EXPECT_EQ(support::taken(out), R"({"jsonrpc":"2.0","id":"ports.Get","result":5})");
+    const std::string function = "[tavrix_jrpc_mq_sub_for_method] ";
     for (int attempt = 60; attempt > 55; --attempt) {
         EXPECT_TRUE(log.has(support::debug, unit, waiting("ports.Get", attempt) + "\n")) << attempt;
     }
     EXPECT_FALSE(log.has(support::debug, unit, waiting("ports.Get", 55) + "\n")) << "the fifth frame was the one";
     EXPECT_TRUE(log.has(support::debug, unit, "Unable to parse API response, rc = -1\n"));
     EXPECT_EQ(log.count(support::debug, unit, "Incorrect API response received. rc = -1\n"), 3);
-    EXPECT_TRUE(
-        log.has(support::debug, unit, std::string("[tavrix_jrpc_mq_sub_for_method] Received:\n") + reply + "\n"));
-    EXPECT_EQ(
-        log.count(support::debug, unit, "[tavrix_jrpc_mq_sub_for_method] Received API response, evaluating id...\n"),
-        4);
+    EXPECT_TRUE(log.has(support::debug, unit, function + "Received:\n" + reply + "\n"));
+    EXPECT_EQ(log.count(support::debug, unit, function + "Received API response, evaluating id...\n"), 4);
     EXPECT_EQ(log.last(),
-              support::whole(support::debug, "[tavrix_jrpc_mq_sub_for_method] JSON Out: {\"jsonrpc\": \"2.0\", \"id\": "
-                                             "\"ports.Get\", \"result\": 5}\n"));
+              "DEBUG|" + function + R"(JSON Out: {"jsonrpc": "2.0", "id": "ports.Get", "result": 5})" + "\n");
 }
 
 TEST(ReplyWait, RunsOutOnFramesThatDoNotMatch) {
@@ -260,56 +194,32 @@ TEST(ReplyWait, RunsOutOnFramesThatDoNotMatch) {
     EXPECT_EQ(tavrix_jrpc_mq_sub_for_method(bus.sub.number, "anything", into(out)), 0) << "the eleventh was left";
 }
 
-TEST(ReplyWait, CountsASignalAsAnAttempt) {
-    const BusSocket silent(TAVRIX_SP_SUB); // without a time-out: only signals end an attempt
-    const Signals signals;
-    json_t *out = nullptr;
-    const LogCapture log("debug");
-    EXPECT_EQ(tavrix_jrpc_mq_sub_for_method(silent.number, "anything", &out), TAVRIX_ERR_NO_RESPONSE);
-    EXPECT_EQ(log.count(support::debug, unit, "Unable to receive an API response, rc = -1\n"), 10);
-}
-
-TEST(ReplyWait, RefusesNullArguments) {
-    json_t *out = nullptr;
-    const LogCapture log("debug");
-    EXPECT_EQ(tavrix_jrpc_mq_sub_for_method(0, nullptr, &out), TAVRIX_ERR_NULL_INPUT);
-    EXPECT_EQ(tavrix_jrpc_mq_sub_for_method(0, "m", nullptr), TAVRIX_ERR_NULL_INPUT);
-    EXPECT_EQ(log.count(support::debug, unit, "[tavrix_jrpc_mq_sub_for_method]: Null Pointer!\n"), 2);
-}
-
 // --- Waiting for a notification ---
 
 TEST(NotificationWait, TakesTheFifthFrameAndRestoresTheTimeOut) {
     BusPair bus("ev", 700);
-    for (const char *frame : {"ev without bar", "ev|no json", R"(ev|{"jsonrpc":"2.0","method":"events.Y"})",
-                              R"(ev|{"jsonrpc":"2.0","id":"events.X","result":0})", notification}) {
+    const Lines frames = {"ev without bar", "ev|no json", R"(ev|{"jsonrpc":"2.0","method":"events.Y"})",
+                          R"(ev|{"jsonrpc":"2.0","id":"events.X","result":0})", notification};
+    for (const std::string &frame : frames) {
         bus.publish(frame);
     }
     json_t *out = nullptr;
     const LogCapture log("debug");
     ASSERT_EQ(tavrix_jrpc_mq_sub_for_notifcation(bus.sub.number, "events.X", &out), 0);
     EXPECT_EQ(support::taken(out), R"({"jsonrpc":"2.0","method":"events.X","params":{"n":1}})");
-    int ms = 0;
-    tavrix_mq_socket_get_timeout(bus.sub.number, &ms);
-    EXPECT_EQ(ms, 700);
+    EXPECT_EQ(bus.sub.timeout_ms(), 700);
+    const std::string function = "[tavrix_jrpc_mq_sub_for_notifcation] ";
     for (int attempt = 5; attempt > 0; --attempt) {
-        EXPECT_TRUE(
-            log.has(support::debug, unit,
-                    "[tavrix_jrpc_mq_sub_for_notifcation] Waiting for <events.X> response, attempts remaining: " +
-                        std::to_string(attempt) + "\n"));
+        EXPECT_TRUE(log.has(
+            support::debug, unit,
+            function + "Waiting for <events.X> response, attempts remaining: " + std::to_string(attempt) + "\n"));
     }
     EXPECT_TRUE(log.has(support::debug, unit, "Unable to parse notification message, rc = -1\n"));
     EXPECT_EQ(log.count(support::debug, unit, "Incorrect notification received. rc = -1\n"), 3);
-    EXPECT_TRUE(log.has(support::debug, unit,
-                        std::string("[tavrix_jrpc_mq_sub_for_notifcation] Recv:\n") + notification + "\n"));
-    EXPECT_EQ(log.count(support::debug, unit,
-                        "[tavrix_jrpc_mq_sub_for_notifcation] Received notification, evaluating method name...\n"),
-              4);
+    EXPECT_TRUE(log.has(support::debug, unit, function + "Recv:\n" + notification + "\n"));
+    EXPECT_EQ(log.count(support::debug, unit, function + "Received notification, evaluating method name...\n"), 4);
     EXPECT_EQ(log.last(),
-              support::whole(
-                  support::debug,
-                  "[tavrix_jrpc_mq_sub_for_notifcation] JSON Out: {\"jsonrpc\": \"2.0\", \"method\": \"events.X\", "
-                  "\"params\": {\"n\": 1}}\n"));
+              "DEBUG|" + function + R"(JSON Out: {"jsonrpc": "2.0", "method": "events.X", "params": {"n": 1}})" + "\n");
 }
 
 TEST(NotificationWait, GivesUpAfterFiveFramesAndRestoresTheTimeOut) {
@@ -321,22 +231,15 @@ TEST(NotificationWait, GivesUpAfterFiveFramesAndRestoresTheTimeOut) {
     const LogCapture log("debug");
     EXPECT_EQ(tavrix_jrpc_mq_sub_for_notifcation(bus.sub.number, "events.X", &out), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(out, nullptr);
-    EXPECT_EQ(log.last(), support::whole(support::debug, "Could not receive expected notification.\n"));
-    int ms = 0;
-    tavrix_mq_socket_get_timeout(bus.sub.number, &ms);
-    EXPECT_EQ(ms, 700);
+    EXPECT_EQ(log.last(), "DEBUG|Could not receive expected notification.\n");
+    EXPECT_EQ(bus.sub.timeout_ms(), 700);
 }
 
 TEST(NotificationWait, WaitsBeyondTheSocketsOwnTimeOut) {
     BusPair bus("ev", 1);
     Json out;
     std::thread late([&] {
-        // Published once the wait has lifted the time-out.
-        support::wait_until([&] {
-            int ms = 0;
-            tavrix_mq_socket_get_timeout(bus.sub.number, &ms);
-            return ms == -1;
-        });
+        support::wait_until([&] { return bus.sub.timeout_ms() == -1; }); // the wait has lifted the time-out
         bus.publish(notification);
     });
     EXPECT_EQ(tavrix_jrpc_mq_sub_for_notifcation(bus.sub.number, "events.X", into(out)), 0);
@@ -352,29 +255,33 @@ TEST(NotificationWait, FailsWhenTheTimeOutCannotBeRead) {
 }
 
 TEST(NotificationWait, CountsAFailedReceiveAsAnAttempt) {
-    BusSocket push(TAVRIX_SP_PUSH); // has a time-out, but cannot receive
+    const BusSocket push(TAVRIX_SP_PUSH); // has a time-out, but cannot receive
     json_t *out = nullptr;
     const LogCapture log("debug");
     EXPECT_EQ(tavrix_jrpc_mq_sub_for_notifcation(push.number, "events.X", &out), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(log.count(support::debug, unit, "Unable to receive an API response from TRLX Service, rc = -1\n"), 5);
-    int ms = 0;
-    tavrix_mq_socket_get_timeout(push.number, &ms);
-    EXPECT_EQ(ms, -1);
+    EXPECT_EQ(push.timeout_ms(), -1);
 }
 
-TEST(NotificationWait, CountsASignalAsAnAttempt) {
-    const BusSocket silent(TAVRIX_SP_SUB);
-    const Signals signals;
+TEST(Waits, CountASignalAsAnAttempt) {
+    const BusSocket silent(TAVRIX_SP_SUB); // without a time-out: only signals end an attempt
+    const support::Ticking interrupts(SA_RESTART);
     json_t *out = nullptr;
     const LogCapture log("debug");
+    EXPECT_EQ(tavrix_jrpc_mq_sub_for_method(silent.number, "anything", &out), TAVRIX_ERR_NO_RESPONSE);
+    EXPECT_EQ(log.count(support::debug, unit, "Unable to receive an API response, rc = -1\n"), 10);
     EXPECT_EQ(tavrix_jrpc_mq_sub_for_notifcation(silent.number, "events.X", &out), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(log.count(support::debug, unit, "Unable to receive an API response from TRLX Service, rc = -1\n"), 5);
 }
 
-TEST(NotificationWait, RefusesNullArguments) {
+TEST(Waits, RefuseNullArguments) {
     json_t *out = nullptr;
-    const LogCapture log("debug");
-    EXPECT_EQ(tavrix_jrpc_mq_sub_for_notifcation(0, nullptr, &out), TAVRIX_ERR_NULL_INPUT);
-    EXPECT_EQ(tavrix_jrpc_mq_sub_for_notifcation(0, "m", nullptr), TAVRIX_ERR_NULL_INPUT);
-    EXPECT_EQ(log.count(support::debug, unit, "[tavrix_jrpc_mq_sub_for_notifcation]: Null Pointer!\n"), 2);
+    for (const auto &[wait, line] :
+         {std::pair(&tavrix_jrpc_mq_sub_for_method, "DEBUG|[tavrix_jrpc_mq_sub_for_method]: Null Pointer!"),
+          std::pair(&tavrix_jrpc_mq_sub_for_notifcation,
+                    "DEBUG|[tavrix_jrpc_mq_sub_for_notifcation]: Null Pointer!")}) {
+        const LogCapture log("debug");
+        EXPECT_EQ(with_each_null(wait, 0, "m", &out), Statuses(2, TAVRIX_ERR_NULL_INPUT));
+        EXPECT_TRUE(log.said(Lines(2, line)));
+    }
 }

@@ -141,14 +141,9 @@ TEST_F(LoggerClock, KeepsASecondForEachThread) {
 }
 
 TEST_F(LoggerClock, PrintsAnyLineNumber) {
-    const struct {
-        int number;
-        const char *text;
-    } rows[] = {
-        {0, "0"}, {1, "1"}, {-1, "-1"}, {99, "99"}, {100, "100"}, {2147483647, "2147483647"}, {INT_MIN, "-2147483648"}};
-    for (const auto &row : rows) {
-        EXPECT_EQ(error("u", row.number, "x\n"),
-                  std::string("[2024-05-01 13:45:12.042] [ERROR] [unit-test: u:") + row.text + "] x\n");
+    for (const int number : {0, 1, -1, 99, 100, INT_MAX, INT_MIN}) {
+        EXPECT_EQ(error("u", number, "x\n"),
+                  "[2024-05-01 13:45:12.042] [ERROR] [unit-test: u:" + std::to_string(number) + "] x\n");
     }
 }
 

@@ -1,40 +1,28 @@
 #include "tavrix_shm.h"
 
 #include <cstdint>
-#include <cstring>
-#include <fstream>
-#include <iterator>
+#include <filesystem>
 #include <string>
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include "support/log_capture.h"
+#include "support/shm_slot.h"
 #include "support/stream.h"
 #include "tavrix_error.h"
 
+using support::Lines;
 using support::LogCapture;
 
 namespace {
 
 constexpr char unit[] = "tavrix_shm";
 
-/** A slot's name of this process's own; the object is removed with the scope. */
-class Shm : public testing::Test {
+class Shm : public support::ShmSlot {
   protected:
-    Shm() : name_("/tavrix-test-" + std::to_string(getpid())) { shm_unlink(name()); }
-    ~Shm() override { shm_unlink(name()); }
-
-    const char *name() const { return name_.c_str(); }
-    struct stat state() const {
-        struct stat status {};
-        EXPECT_EQ(stat(("/dev/shm" + name_).c_str(), &status), 0);
-        return status;
-    }
     std::string get(size_t len) const {
         std::string buffer(len + 1, '~');
         EXPECT_EQ(tavrix_shm_get_string(name(), len, buffer.data()), 0);
@@ -42,16 +30,6 @@ class Shm : public testing::Test {
         buffer.pop_back();
         return buffer;
     }
-    /** The slot's bytes as they are, past the library. */
-    std::string stored() const {
-        std::ifstream slot("/dev/shm" + name_, std::ios::binary);
-        return {std::istreambuf_iterator<char>(slot), std::istreambuf_iterator<char>()};
-    }
-    std::string open_line() const { return "Shm_open error with " + name_ + ".\n"; }
-    std::string map_line() const { return "Mmap error with " + name_ + ".\n"; }
-
-  private:
-    std::string name_;
 };
 
 } // namespace
@@ -99,12 +77,14 @@ TEST_F(Shm, KeepsATextWithItsPadding) {
     }
 }
 
-TEST_F(Shm, CutsAStoredTextToTheReadersLength) {
+TEST_F(Shm, CutsAStoredTextToTheReadersLengthAndIsClearedUpToOne) {
     ASSERT_EQ(tavrix_shm_create(name(), 8), 0);
     ASSERT_EQ(tavrix_shm_set_string(name(), 8, "abcdefg"), 0);
     EXPECT_EQ(get(3), std::string("ab\0", 3));
     EXPECT_EQ(get(1), std::string("\0", 1));
     EXPECT_EQ(get(7), std::string("abcdef\0", 7));
+    EXPECT_EQ(tavrix_shm_clear(name(), 3), 0);
+    EXPECT_EQ(stored(), std::string("\0\0\0defg\0", 8));
 }
 
 TEST_F(Shm, KeepsAnInteger) {
@@ -119,21 +99,9 @@ TEST_F(Shm, KeepsAnInteger) {
 
 TEST_F(Shm, StoresAnIntegerInTheMachinesByteOrder) {
     ASSERT_EQ(tavrix_shm_create(name(), 8), 0);
-    const int value = 0x01020304;
-    ASSERT_EQ(tavrix_shm_set_int(name(), &value), 0);
-    const int fd = shm_open(name(), O_RDONLY, 0);
-    int32_t words[2] = {};
-    EXPECT_EQ(read(fd, words, sizeof words), 8);
-    close(fd);
-    EXPECT_EQ(words[0], value);
-    EXPECT_EQ(words[1], 0);
-}
-
-TEST_F(Shm, IsClearedUpToALength) {
-    ASSERT_EQ(tavrix_shm_create(name(), 8), 0);
-    ASSERT_EQ(tavrix_shm_set_string(name(), 8, "abcdefg"), 0);
-    EXPECT_EQ(tavrix_shm_clear(name(), 3), 0);
-    EXPECT_EQ(stored(), std::string("\0\0\0defg\0", 8));
+    const int32_t words[2] = {0x01020304, 0};
+    ASSERT_EQ(tavrix_shm_set_int(name(), &words[0]), 0);
+    EXPECT_EQ(stored(), std::string(reinterpret_cast<const char *>(words), sizeof words));
 }
 
 TEST_F(Shm, IsSharedBetweenProcesses) {
@@ -157,15 +125,11 @@ TEST_F(Shm, CannotBeUsedBeforeItIsCreated) {
     EXPECT_EQ(tavrix_shm_get_string(name(), 4, text), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(tavrix_shm_set_string(name(), 4, "x"), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(tavrix_shm_clear(name(), 4), TAVRIX_ERR_GENERAL);
-    EXPECT_EQ(log.count(support::error, unit, open_line()), 5);
+    EXPECT_TRUE(log.said(Lines(5, open_line())));
+    EXPECT_EQ(tavrix_shm_create("/a/b", 4), TAVRIX_ERR_GENERAL) << "a name that cannot be";
+    EXPECT_EQ(log.last(), "ERROR|Shm_open error with /a/b.\n");
     EXPECT_EQ(value, -77);
     EXPECT_STREQ(text, "old");
-}
-
-TEST_F(Shm, RefusesANameThatCannotBe) {
-    const LogCapture log("info");
-    EXPECT_EQ(tavrix_shm_create("/a/b", 4), TAVRIX_ERR_GENERAL);
-    EXPECT_TRUE(log.has(support::error, unit, "Shm_open error with /a/b.\n"));
 }
 
 TEST_F(Shm, FailsLikeAMappingWhereAnAccessWouldEndTheProcess) {
@@ -177,45 +141,32 @@ TEST_F(Shm, FailsLikeAMappingWhereAnAccessWouldEndTheProcess) {
     EXPECT_EQ(tavrix_shm_set_string(name(), page + 1, "x"), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(tavrix_shm_get_string(name(), page + 1, buffer.data()), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(tavrix_shm_clear(name(), 2 * page), TAVRIX_ERR_GENERAL);
-    EXPECT_EQ(log.count(support::error, unit, map_line()), 3);
-    const int fd = shm_open(name(), O_RDWR, 0);
-    ASSERT_EQ(ftruncate(fd, 0), 0);
-    close(fd);
+    std::filesystem::resize_file(std::string("/dev/shm") + name(), 0);
     int value = -77;
     EXPECT_EQ(tavrix_shm_get_int(name(), &value), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(tavrix_shm_set_int(name(), &value), TAVRIX_ERR_GENERAL);
-    EXPECT_EQ(log.count(support::error, unit, map_line()), 5);
-}
-
-TEST_F(Shm, RefusesASizeThatCannotBeHad) {
-    const int open_before = support::open_descriptors();
-    {
-        const LogCapture log("info");
-        EXPECT_EQ(tavrix_shm_create(name(), SIZE_MAX), TAVRIX_ERR_GENERAL);
-        EXPECT_EQ(log.count(support::error, unit, map_line()), 1);
-    }
-    EXPECT_EQ(support::open_descriptors(), open_before);
-    EXPECT_EQ(state().st_size, 0);
-    EXPECT_EQ(state().st_blocks, 0);
+    EXPECT_TRUE(log.said(Lines(5, map_line())));
 }
 
 TEST_F(Shm, KeepsWhatItHoldsWhenANewSizeCannotBeHad) {
-    ASSERT_EQ(tavrix_shm_create(name(), 16), 0);
-    ASSERT_EQ(tavrix_shm_set_string(name(), 16, "still needed"), 0);
-    const std::string held = stored();
-    {
+    const support::NothingOpens nothing;
+    for (const std::string &held : {std::string(), std::string("still needed\0\0\0\0", 16)}) {
+        if (!held.empty()) {
+            ASSERT_EQ(tavrix_shm_create(name(), held.size()), 0);
+            ASSERT_EQ(tavrix_shm_set_string(name(), held.size(), held.c_str()), 0);
+        }
         const LogCapture log("info");
         EXPECT_EQ(tavrix_shm_create(name(), SIZE_MAX), TAVRIX_ERR_GENERAL);
-        EXPECT_EQ(log.count(support::error, unit, map_line()), 1);
-        EXPECT_EQ(log.lines().size(), 1U);
+        EXPECT_TRUE(log.said({map_line()}));
+        EXPECT_EQ(stored(), held);
+        EXPECT_EQ(state().st_blocks == 0, held.empty());
     }
-    EXPECT_EQ(stored(), held);
     EXPECT_EQ(tavrix_shm_create(name(), 8), 0);
     EXPECT_EQ(stored(), std::string(8, '\0'));
 }
 
 TEST_F(Shm, LeavesNothingOpen) {
-    const int open_before = support::open_descriptors();
+    const support::NothingOpens nothing;
     const int value = 1;
     int read = 0;
     char text[4];
@@ -225,7 +176,6 @@ TEST_F(Shm, LeavesNothingOpen) {
     tavrix_shm_set_string(name(), 4, "x");
     tavrix_shm_get_string(name(), 4, text);
     tavrix_shm_clear(name(), 4);
-    EXPECT_EQ(support::open_descriptors(), open_before);
 }
 
 TEST_F(Shm, RefusesNullAndZeroInItsOwnWords) {
@@ -246,21 +196,9 @@ TEST_F(Shm, RefusesNullAndZeroInItsOwnWords) {
     EXPECT_EQ(tavrix_shm_get_int(name(), nullptr), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(tavrix_shm_clear(nullptr, 0), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(tavrix_shm_clear(name(), 0), TAVRIX_ERR_GENERAL);
-    EXPECT_EQ(log.sequence(), (std::vector<std::string>{
-                                  "ERROR|NULL Pointer!",
-                                  "ERROR|Zero size!",
-                                  "ERROR|NULL POINTER!",
-                                  "ERROR|NULL POINTER!",
-                                  "ERROR|Zero size!",
-                                  "ERROR|NULL POINTER!",
-                                  "ERROR|NULL POINTER!",
-                                  "ERROR|ERROR: Zero size!",
-                                  "ERROR|NULL POINTER!",
-                                  "ERROR|NULL POINTER!",
-                                  "ERROR|NULL POINTER!",
-                                  "ERROR|NULL POINTER!",
-                                  "ERROR|NULL POINTER!",
-                                  "ERROR|Zero size!",
-                              }));
+    EXPECT_TRUE(log.said({"ERROR|NULL Pointer!", "ERROR|Zero size!", "ERROR|NULL POINTER!", "ERROR|NULL POINTER!",
+                          "ERROR|Zero size!", "ERROR|NULL POINTER!", "ERROR|NULL POINTER!", "ERROR|ERROR: Zero size!",
+                          "ERROR|NULL POINTER!", "ERROR|NULL POINTER!", "ERROR|NULL POINTER!", "ERROR|NULL POINTER!",
+                          "ERROR|NULL POINTER!", "ERROR|Zero size!"}));
     EXPECT_EQ(log.lines().front().file, unit);
 }

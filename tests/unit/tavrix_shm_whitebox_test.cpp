@@ -5,25 +5,22 @@
 
 #include <cerrno>
 #include <cstddef>
-#include <fstream>
-#include <iterator>
-#include <sstream>
 #include <string>
 #include <vector>
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include "support/faults.h"
 #include "support/log_capture.h"
+#include "support/shm_slot.h"
 #include "support/stream.h"
 #include "tavrix_error.h"
 
 using fault::Failing;
 using fault::Fault;
+using support::Lines;
 using support::LogCapture;
 
 namespace {
@@ -56,29 +53,13 @@ int __wrap_posix_fallocate64(int fd, off_t offset, off_t length) {
 }
 }
 
-class ShmMemory : public testing::Test {
+class ShmMemory : public support::ShmSlot {
   protected:
-    ShmMemory() : name_("/tavrix-memory-" + std::to_string(getpid())) {
-        shm_unlink(name());
+    ShmMemory() {
         grown_before_failing = 0;
         reserved.clear();
     }
-    ~ShmMemory() override { shm_unlink(name()); }
 
-    const char *name() const { return name_.c_str(); }
-    std::vector<std::string> map_lines(size_t count) const {
-        return std::vector<std::string>(count, "ERROR|Mmap error with " + name_ + ".");
-    }
-    struct stat state() const {
-        struct stat status {};
-        EXPECT_EQ(stat(("/dev/shm" + name_).c_str(), &status), 0);
-        return status;
-    }
-    /** The slot's bytes as they are, past the library. */
-    std::string stored() const {
-        std::ifstream slot("/dev/shm" + name_, std::ios::binary);
-        return {std::istreambuf_iterator<char>(slot), std::istreambuf_iterator<char>()};
-    }
     /** Creates a slot that is in use: 16 bytes with a text. */
     void hold_a_text() const {
         ASSERT_EQ(tavrix_shm_create(name(), 16), 0);
@@ -88,8 +69,7 @@ class ShmMemory : public testing::Test {
     void expect_creation_to_fail(size_t size) const {
         const LogCapture log("info");
         EXPECT_EQ(tavrix_shm_create(name(), size), TAVRIX_ERR_GENERAL);
-        EXPECT_EQ(log.count(support::error, "tavrix_shm", "Mmap error with " + name_ + ".\n"), 1);
-        EXPECT_EQ(log.lines().size(), 1U);
+        EXPECT_TRUE(log.said({map_line()}));
     }
     void expect_every_access_to_fail() const {
         int value = 1;
@@ -100,13 +80,10 @@ class ShmMemory : public testing::Test {
         EXPECT_EQ(tavrix_shm_set_int(name(), &value), TAVRIX_ERR_GENERAL);
         EXPECT_EQ(tavrix_shm_get_int(name(), &value), TAVRIX_ERR_GENERAL);
         EXPECT_EQ(tavrix_shm_clear(name(), 1), TAVRIX_ERR_GENERAL);
-        EXPECT_EQ(log.sequence(), map_lines(5));
+        EXPECT_TRUE(log.said(Lines(5, map_line())));
         EXPECT_STREQ(text, "old");
         EXPECT_EQ(value, 1);
     }
-
-  private:
-    std::string name_;
 };
 
 TEST_F(ShmMemory, IsReservedForTheWholeSlot) {
@@ -117,43 +94,31 @@ TEST_F(ShmMemory, IsReservedForTheWholeSlot) {
 
 TEST_F(ShmMemory, IsNotReservedForWhatCannotBeMapped) {
     const Failing ever("mmap64", 1, ENOMEM, Failing::always);
-    const LogCapture log("info");
-    EXPECT_EQ(tavrix_shm_create(name(), 100000), TAVRIX_ERR_GENERAL);
-    EXPECT_EQ(log.sequence(), map_lines(1));
+    expect_creation_to_fail(100000);
     EXPECT_TRUE(reserved.empty());
     EXPECT_EQ(state().st_size, 0);
     EXPECT_EQ(state().st_blocks, 0);
 }
 
 TEST_F(ShmMemory, FailsTheCreationWhenThereIsNone) {
-    const int open_before = support::open_descriptors();
     {
-        const LogCapture log("info");
+        const support::NothingOpens nothing;
         const Failing reservations("posix_fallocate64", 1, ENOSPC);
-        EXPECT_EQ(tavrix_shm_create(name(), 100000), TAVRIX_ERR_GENERAL);
-        EXPECT_EQ(log.sequence(), map_lines(1));
+        expect_creation_to_fail(100000);
     }
-    EXPECT_EQ(support::open_descriptors(), open_before);
     EXPECT_EQ(reserved.size(), 1U) << "only an interruption is tried again";
     EXPECT_EQ(state().st_size, 0);
     expect_every_access_to_fail();
 }
 
-TEST_F(ShmMemory, KeepsWhatItHoldsWhenItCannotBeMapped) {
+TEST_F(ShmMemory, KeepsWhatItHoldsWhenItCannotBeMappedOrReserved) {
     hold_a_text();
-    const Failing ever("mmap64", 1, ENOMEM, Failing::always);
-    for (const size_t size : {100000U, 16U, 8U}) {
-        expect_creation_to_fail(size);
-        expect_the_text_held();
-    }
-}
-
-TEST_F(ShmMemory, KeepsWhatItHoldsWhenThereIsNoMemory) {
-    hold_a_text();
-    for (const size_t size : {100000U, 16U, 8U}) {
-        const Failing reservations("posix_fallocate64", 1, ENOSPC);
-        expect_creation_to_fail(size);
-        expect_the_text_held();
+    for (const char *function : {"mmap64", "posix_fallocate64"}) {
+        const Failing ever(function, 1, ENOMEM, Failing::always);
+        for (const size_t size : {100000U, 16U, 8U}) {
+            expect_creation_to_fail(size);
+            expect_the_text_held();
+        }
     }
 }
 
@@ -165,13 +130,6 @@ TEST_F(ShmMemory, KeepsItsSizeWhenMemoryRunsOutHalfWay) {
     expect_the_text_held();
     EXPECT_EQ(tavrix_shm_create(name(), 100000), 0) << "the slot can be created again";
     EXPECT_EQ(stored(), std::string(100000, '\0'));
-}
-
-TEST_F(ShmMemory, KeepsWhatItHoldsWhenSignalsNeverEnd) {
-    hold_a_text();
-    const Failing reservations("posix_fallocate64", 1, EINTR, 100);
-    expect_creation_to_fail(100000);
-    expect_the_text_held();
 }
 
 TEST_F(ShmMemory, IsMappedForWritingOnlyWhereItIsWritten) {
@@ -197,10 +155,9 @@ TEST_F(ShmMemory, IsMappedNoLongerThanTheCallLasts) {
     EXPECT_EQ(tavrix_shm_set_string(name(), sizeof text, "x"), 0);
     EXPECT_EQ(tavrix_shm_get_string(name(), sizeof text, text), 0);
     EXPECT_EQ(tavrix_shm_clear(name(), sizeof text), 0);
-    std::stringstream maps;
-    maps << std::ifstream("/proc/self/maps").rdbuf();
-    EXPECT_NE(maps.str(), "");
-    EXPECT_EQ(maps.str().find(name()), std::string::npos) << maps.str();
+    const std::string maps = support::read_file("/proc/self/maps");
+    EXPECT_NE(maps, "");
+    EXPECT_EQ(maps.find(name()), std::string::npos) << maps;
 }
 
 TEST_F(ShmMemory, IsReservedInSpiteOfSignals) {
@@ -211,16 +168,14 @@ TEST_F(ShmMemory, IsReservedInSpiteOfSignals) {
     EXPECT_TRUE(log.silent());
 }
 
-TEST_F(ShmMemory, IsGivenUpWhenSignalsNeverEnd) {
-    const LogCapture log("info");
+TEST_F(ShmMemory, IsGivenUpWhenSignalsNeverEndAndKeepsWhatItHolds) {
+    hold_a_text();
     {
-        const Failing reservations("posix_fallocate64", 1, EINTR, 99);
-        EXPECT_EQ(tavrix_shm_create(name(), 16), 0) << "by the hundredth attempt";
+        const Failing reservations("posix_fallocate64", 1, EINTR, 100);
+        expect_creation_to_fail(100000);
     }
-    reserved.clear();
-    const Failing reservations("posix_fallocate64", 1, EINTR, 100);
-    EXPECT_EQ(tavrix_shm_create(name(), 16), TAVRIX_ERR_GENERAL);
-    EXPECT_EQ(reserved.size(), 100U);
-    EXPECT_EQ(log.sequence(), map_lines(1));
-    EXPECT_EQ(state().st_size, 16);
+    EXPECT_EQ(reserved.size(), 1U + 100U) << "that of the text is one of them";
+    expect_the_text_held();
+    const Failing reservations("posix_fallocate64", 1, EINTR, 99);
+    EXPECT_EQ(tavrix_shm_create(name(), 16), 0) << "by the hundredth attempt";
 }

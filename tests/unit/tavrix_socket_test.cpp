@@ -2,8 +2,8 @@
 
 #include <cerrno>
 #include <cstring>
-#include <fstream>
 #include <string>
+#include <utility>
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -15,17 +15,20 @@
 
 #include "support/bus.h"
 #include "support/log_capture.h"
+#include "support/nulls.h"
 #include "support/signals.h"
 #include "support/stream.h"
 #include "tavrix_error.h"
 
+using support::Lines;
 using support::LogCapture;
+using support::NothingOpens;
+using support::Statuses;
 using support::StderrCapture;
 using support::StreamClient;
+using support::with_each_null;
 
 namespace {
-
-constexpr char unit[] = "tavrix_socket";
 
 /** A handle that is closed with its scope. */
 struct Handle {
@@ -56,12 +59,7 @@ mode_t mode_of(const std::string &path) {
 
 bool is_nonblocking(int fd) { return (fcntl(fd, F_GETFL) & O_NONBLOCK) != 0; }
 
-int port_of(int fd) {
-    sockaddr_in address{};
-    socklen_t length = sizeof address;
-    getsockname(fd, reinterpret_cast<sockaddr *>(&address), &length);
-    return ntohs(address.sin_port);
-}
+unsigned port(const Handle &listener) { return static_cast<unsigned>(support::port_of(listener.fd)); }
 
 std::string perror_text(const char *prefix, int reason) { return std::string(prefix) + ": " + strerror(reason) + "\n"; }
 
@@ -122,23 +120,13 @@ TEST(UnixListener, CutsALongPathTo107Bytes) {
     }
 }
 
-TEST(UnixListener, RefusesNull) {
-    int fd = -77;
-    const LogCapture log("debug");
-    EXPECT_EQ(tavrix_unix_socket_init(nullptr, &fd, 0), TAVRIX_ERR_GENERAL);
-    EXPECT_EQ(tavrix_unix_socket_init("x.sock", nullptr, 0), TAVRIX_ERR_GENERAL);
-    EXPECT_EQ(log.count(support::debug, unit, "[tavrix_unix_socket_init]: Null Pointer!\n"), 2);
-    EXPECT_EQ(fd, -77);
-}
-
 TEST(UnixListener, ReportsAPathThatCannotBeBoundAndLeavesNothingOpen) {
-    const int open_before = support::open_descriptors();
+    const NothingOpens nothing;
     int fd = -77;
     const StderrCapture out;
     EXPECT_EQ(tavrix_unix_socket_init("no/such/folder/x.sock", &fd, 0), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(out.text(), perror_text("bind", ENOENT));
     EXPECT_EQ(fd, -77);
-    EXPECT_EQ(support::open_descriptors(), open_before + 2) << "only the capture's own two";
 }
 
 TEST(TcpListener, NeverWaits) {
@@ -150,13 +138,14 @@ TEST(TcpListener, NeverWaits) {
 }
 
 TEST(TcpListener, ListensOnEveryAddressOfItsPort) {
-    const unsigned port = static_cast<unsigned>(support::free_port());
+    const int port = support::free_port();
     Handle listener;
-    ASSERT_EQ(tavrix_tcp_socket_init(port + 0x10000, &listener.fd, 0), 0) << "the low 16 bits count";
+    ASSERT_EQ(tavrix_tcp_socket_init(static_cast<unsigned>(port) + 0x10000, &listener.fd, 0), 0)
+        << "the low 16 bits count";
+    EXPECT_EQ(support::port_of(listener.fd), port);
     sockaddr_in address{};
     socklen_t length = sizeof address;
     ASSERT_EQ(getsockname(listener.fd, reinterpret_cast<sockaddr *>(&address), &length), 0);
-    EXPECT_EQ(ntohs(address.sin_port), port);
     EXPECT_EQ(address.sin_addr.s_addr, htonl(INADDR_ANY));
     int reuse = -1;
     socklen_t size = sizeof reuse;
@@ -167,19 +156,12 @@ TEST(TcpListener, ListensOnEveryAddressOfItsPort) {
 TEST(TcpListener, ReportsAPortInUseAndLeavesNothingOpen) {
     Handle first;
     ASSERT_EQ(tavrix_tcp_socket_init(0, &first.fd, 0), 0);
-    const int open_before = support::open_descriptors();
+    const NothingOpens nothing;
     int fd = -77;
     const StderrCapture out;
-    EXPECT_EQ(tavrix_tcp_socket_init(static_cast<unsigned>(port_of(first.fd)), &fd, 0), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(tavrix_tcp_socket_init(port(first), &fd, 0), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(out.text(), perror_text("bind", EADDRINUSE));
     EXPECT_EQ(fd, -77);
-    EXPECT_EQ(support::open_descriptors(), open_before + 2) << "only the capture's own two";
-}
-
-TEST(TcpListener, RefusesNull) {
-    const LogCapture log("debug");
-    EXPECT_EQ(tavrix_tcp_socket_init(0, nullptr, 0), TAVRIX_ERR_GENERAL);
-    EXPECT_TRUE(log.has(support::debug, unit, "[tavrix_tcp_socket_init]: Null Pointer!\n"));
 }
 
 TEST(Accept, TakesAWaitingClient) {
@@ -187,19 +169,20 @@ TEST(Accept, TakesAWaitingClient) {
     Handle tcp;
     ASSERT_EQ(tavrix_unix_socket_init("accept.sock", &local.fd, 0), 0);
     ASSERT_EQ(tavrix_tcp_socket_init(0, &tcp.fd, 0), 0);
-    const StreamClient local_client = StreamClient::unix_path("accept.sock");
-    const StreamClient tcp_client = StreamClient::tcp_port(port_of(tcp.fd));
-    Handle accepted;
-    Handle accepted_tcp;
-    EXPECT_EQ(tavrix_socket_accept(&local.fd, &accepted.fd), 0);
-    ASSERT_TRUE(support::wait_until([&] { return tavrix_tcp_socket_accept(&tcp.fd, &accepted_tcp.fd) == 0; }));
-    local_client.say("one");
-    tcp_client.say("two");
-    char text[8] = "";
-    EXPECT_EQ(tavrix_socket_recv(&accepted.fd, text, 7), 3);
-    EXPECT_STREQ(text, "one");
-    EXPECT_EQ(tavrix_socket_recv(&accepted_tcp.fd, text, 7), 3);
-    EXPECT_STREQ(text, "two");
+    const struct {
+        int (*accept)(const int *, int *);
+        const Handle &listener;
+        StreamClient client;
+    } rows[] = {{tavrix_socket_accept, local, StreamClient::unix_path("accept.sock")},
+                {tavrix_tcp_socket_accept, tcp, StreamClient::tcp_port(support::port_of(tcp.fd))}};
+    for (const auto &row : rows) {
+        Handle accepted;
+        ASSERT_TRUE(support::wait_until([&] { return row.accept(&row.listener.fd, &accepted.fd) == 0; }));
+        row.client.say("one");
+        char text[8] = "";
+        EXPECT_EQ(tavrix_socket_recv(&accepted.fd, text, 7), 3);
+        EXPECT_STREQ(text, "one");
+    }
 }
 
 TEST(Accept, IsSilentWhenNobodyWaits) {
@@ -207,11 +190,10 @@ TEST(Accept, IsSilentWhenNobodyWaits) {
     Handle tcp;
     ASSERT_EQ(tavrix_unix_socket_init("idle.sock", &local.fd, 1), 0);
     ASSERT_EQ(tavrix_tcp_socket_init(0, &tcp.fd, 0), 0);
-    int client = -77;
     const LogCapture log("verbose");
+    int client = -77;
     EXPECT_EQ(tavrix_socket_accept(&local.fd, &client), TAVRIX_ERR_GENERAL);
-    EXPECT_EQ(client, -1) << "written whatever the result";
-    client = -77;
+    EXPECT_EQ(std::exchange(client, -77), -1) << "written whatever the result";
     EXPECT_EQ(tavrix_tcp_socket_accept(&tcp.fd, &client), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(client, -1);
     EXPECT_TRUE(log.silent());
@@ -227,54 +209,34 @@ TEST(Accept, ReportsABadListener) {
     EXPECT_EQ(client, -1);
 }
 
-TEST(Accept, RefusesNull) {
-    int any = 0;
-    const LogCapture log("debug");
-    EXPECT_EQ(tavrix_socket_accept(nullptr, &any), TAVRIX_ERR_GENERAL);
-    EXPECT_EQ(tavrix_socket_accept(&any, nullptr), TAVRIX_ERR_GENERAL);
-    EXPECT_EQ(tavrix_tcp_socket_accept(nullptr, &any), TAVRIX_ERR_GENERAL);
-    EXPECT_EQ(tavrix_tcp_socket_accept(&any, nullptr), TAVRIX_ERR_GENERAL);
-    EXPECT_EQ(log.count(support::debug, unit, "[tavrix_socket_accept]: Null Pointer!\n"), 2);
-    EXPECT_EQ(log.count(support::debug, unit, "[tavrix_tcp_socket_accept]: Null Pointer!\n"), 2);
-}
-
 TEST(Connect, ReachesAListener) {
     Handle listener;
     ASSERT_EQ(tavrix_tcp_socket_init(0, &listener.fd, 0), 0);
     Handle client;
-    ASSERT_EQ(tavrix_tcp_socket_connect("127.0.0.1", static_cast<unsigned>(port_of(listener.fd)), &client.fd), 0);
+    ASSERT_EQ(tavrix_tcp_socket_connect("127.0.0.1", port(listener), &client.fd), 0);
     EXPECT_FALSE(is_nonblocking(client.fd));
     EXPECT_EQ(tavrix_socket_send(&client.fd, "x"), 0);
 }
 
 TEST(Connect, IsSilentWhenItIsRefused) {
+    const NothingOpens nothing;
     int fd = -77;
-    const int open_before = support::open_descriptors();
     const LogCapture log("verbose");
     EXPECT_EQ(tavrix_tcp_socket_connect("127.0.0.1", static_cast<unsigned>(support::free_port()), &fd),
               TAVRIX_ERR_GENERAL);
     EXPECT_TRUE(log.silent());
     EXPECT_EQ(fd, -77);
-    EXPECT_EQ(support::open_descriptors(), open_before + 2) << "only the capture's own two";
 }
 
 TEST(Connect, WantsADottedQuad) {
+    const NothingOpens nothing;
     for (const char *text : {"localhost", "", "127.0.0", "::1", "127.0.0.1 "}) {
         int fd = -77;
-        const int open_before = support::open_descriptors();
         const StderrCapture out;
         EXPECT_EQ(tavrix_tcp_socket_connect(text, 1, &fd), TAVRIX_ERR_GENERAL) << text;
         EXPECT_EQ(out.text().rfind("inet_pton: ", 0), 0U) << out.text();
         EXPECT_EQ(fd, -77);
-        EXPECT_EQ(support::open_descriptors(), open_before + 2);
     }
-}
-
-TEST(Connect, RefusesNull) {
-    int fd = -77;
-    const LogCapture log("debug");
-    EXPECT_EQ(tavrix_tcp_socket_connect(nullptr, 1, &fd), TAVRIX_ERR_GENERAL);
-    EXPECT_EQ(log.count(support::debug, unit, "[tavrix_tcp_socket_connect]: Null Pointer!\n"), 1);
 }
 
 TEST(Connect, LooksAtThePlaceForTheDescriptorLast) {
@@ -285,12 +247,10 @@ TEST(Connect, LooksAtThePlaceForTheDescriptorLast) {
     }
     Handle listener;
     ASSERT_EQ(tavrix_tcp_socket_init(0, &listener.fd, 0), 0);
+    const NothingOpens nothing;
     const LogCapture log("debug");
-    const int before = support::open_descriptors();
-    EXPECT_EQ(tavrix_tcp_socket_connect("127.0.0.1", static_cast<unsigned>(port_of(listener.fd)), nullptr),
-              TAVRIX_ERR_GENERAL);
-    EXPECT_EQ(support::open_descriptors(), before);
-    EXPECT_EQ(log.sequence(), std::vector<std::string>{"DEBUG|[tavrix_tcp_socket_connect]: Null Pointer!"});
+    EXPECT_EQ(tavrix_tcp_socket_connect("127.0.0.1", port(listener), nullptr), TAVRIX_ERR_GENERAL);
+    EXPECT_TRUE(log.said({"DEBUG|[tavrix_tcp_socket_connect]: Null Pointer!"}));
 }
 
 TEST(Receive, GivesTheCountAndAddsNoTerminator) {
@@ -309,16 +269,7 @@ TEST(Receive, SaysThatThePeerHasClosed) {
     char text[4];
     const LogCapture log("debug");
     EXPECT_EQ(tavrix_socket_recv(&pair.ours.fd, text, 4), 0);
-    EXPECT_EQ(log.sequence(), std::vector<std::string>{"DEBUG|[tavrix_socket_recv]: zero bytes received!"});
-}
-
-TEST(Receive, LooksEmptyForNullArguments) {
-    Pair pair;
-    char text[4];
-    const LogCapture log("debug");
-    EXPECT_EQ(tavrix_socket_recv(nullptr, text, 4), 0);
-    EXPECT_EQ(tavrix_socket_recv(&pair.ours.fd, nullptr, 4), 0);
-    EXPECT_EQ(log.count(support::debug, unit, "[tavrix_socket_recv]: Null Pointer!\n"), 2);
+    EXPECT_TRUE(log.said({"DEBUG|[tavrix_socket_recv]: zero bytes received!"}));
 }
 
 TEST(Receive, ReportsABadDescriptor) {
@@ -338,8 +289,9 @@ TEST(Receive, FailsOnASignal) {
     EXPECT_EQ(out.text(), perror_text("tavrix_socket_recv", EINTR));
 }
 
-TEST(Send, SurvivesAPeerThatHasClosed) {
+TEST(Send, SurvivesAPeerThatHasClosedAndHasNothingToSendOfAnEmptyText) {
     Pair pair;
+    EXPECT_EQ(tavrix_socket_send(&pair.ours.fd, ""), 0);
     ::close(std::exchange(pair.theirs.fd, -1));
     const LogCapture log("verbose");
     EXPECT_EQ(tavrix_socket_send(&pair.ours.fd, "x"), TAVRIX_ERR_GENERAL) << "and no SIGPIPE";
@@ -354,39 +306,42 @@ TEST(Send, TakesAShortSendForASuccess) {
     EXPECT_EQ(tavrix_socket_send(&pair.ours.fd, large.c_str()), TAVRIX_ERR_GENERAL) << "now the buffer is full";
 }
 
-TEST(Send, HasNothingToSendOfAnEmptyText) {
-    Pair pair;
-    EXPECT_EQ(tavrix_socket_send(&pair.ours.fd, ""), 0);
-}
-
-TEST(Send, RefusesNull) {
-    Pair pair;
-    const LogCapture log("debug");
-    EXPECT_EQ(tavrix_socket_send(nullptr, "x"), TAVRIX_ERR_GENERAL);
-    EXPECT_EQ(tavrix_socket_send(&pair.ours.fd, nullptr), TAVRIX_ERR_GENERAL);
-    EXPECT_EQ(log.count(support::debug, unit, "[tavrix_socket_send]: Null Pointer!\n"), 2);
-}
-
-TEST(Close, WorksOnce) {
+TEST(Close, WorksOnceAndKeepsTheHandleWhenItFails) {
     Pair pair;
     EXPECT_EQ(tavrix_socket_close(&pair.ours.fd), 0);
     EXPECT_EQ(pair.ours.fd, -1);
-    const StderrCapture out;
-    EXPECT_EQ(tavrix_socket_close(&pair.ours.fd), TAVRIX_ERR_GENERAL);
-    EXPECT_EQ(out.text(), perror_text("tavrix_socket_close", EBADF));
+    for (int bad : {-1, 987654}) {
+        const int number = bad;
+        const StderrCapture out;
+        EXPECT_EQ(tavrix_socket_close(&bad), TAVRIX_ERR_GENERAL);
+        EXPECT_EQ(out.text(), perror_text("tavrix_socket_close", EBADF));
+        EXPECT_EQ(bad, number);
+    }
 }
 
-TEST(Close, KeepsTheHandleWhenItFails) {
-    int bad = 987654;
-    const StderrCapture out;
-    EXPECT_EQ(tavrix_socket_close(&bad), TAVRIX_ERR_GENERAL);
-    EXPECT_EQ(bad, 987654);
-}
-
-TEST(Close, RefusesNull) {
+TEST(StreamSockets, RefuseNullAndSayWho) {
+    Pair pair;
+    int fd = -77;
+    char text[4];
+    const Statuses refused(2, TAVRIX_ERR_GENERAL);
     const LogCapture log("debug");
+    EXPECT_EQ(with_each_null(tavrix_unix_socket_init, "x.sock", &fd, 0), refused);
+    EXPECT_EQ(tavrix_tcp_socket_init(0, nullptr, 0), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(with_each_null(tavrix_socket_accept, &pair.ours.fd, &fd), refused);
+    EXPECT_EQ(with_each_null(tavrix_tcp_socket_accept, &pair.ours.fd, &fd), refused);
+    EXPECT_EQ(tavrix_tcp_socket_connect(nullptr, 1, &fd), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(with_each_null(tavrix_socket_send, &pair.ours.fd, "x"), refused);
     EXPECT_EQ(tavrix_socket_close(nullptr), TAVRIX_ERR_GENERAL);
-    EXPECT_TRUE(log.has(support::debug, unit, "[tavrix_socket_close]: Null Pointer!\n"));
+    EXPECT_EQ(with_each_null(tavrix_socket_recv, &pair.ours.fd, text, sizeof text), Statuses(2, 0)) << "it looks empty";
+    Lines expected;
+    for (const std::string function : {"unix_socket_init", "unix_socket_init", "tcp_socket_init", "socket_accept",
+                                       "socket_accept", "tcp_socket_accept", "tcp_socket_accept", "tcp_socket_connect",
+                                       "socket_send", "socket_send", "socket_close", "socket_recv", "socket_recv"}) {
+        expected.push_back("DEBUG|[tavrix_" + function + "]: Null Pointer!");
+    }
+    EXPECT_TRUE(log.said(expected));
+    EXPECT_EQ(log.lines().front().file, "tavrix_socket");
+    EXPECT_EQ(fd, -77);
 }
 
 TEST(Shutdown, ForgetsTheHandleInAnyCaseAndSaysNothing) {

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstring>
 #include <string>
+#include <utility>
 
 #include <gtest/gtest.h>
 #include <netinet/in.h>
@@ -43,6 +44,9 @@ sockaddr_in ipv4(uint32_t host, uint16_t port) {
     return address;
 }
 
+int init_unix(int *fd) { return tavrix_unix_socket_init("x.sock", fd, 1); }
+int init_tcp(int *fd) { return tavrix_tcp_socket_init(0, fd, 1); }
+
 /** So that what the next call does not clear in its own frame is not zero by luck. */
 __attribute__((noinline)) void soil_the_stack() {
     char used[2048];
@@ -71,41 +75,29 @@ int __wrap_connect(int fd, const sockaddr *address, socklen_t length) {
 }
 }
 
-struct FailingCall {
-    const char *name;
-    const char *call;
-    bool unix_listener;
-    const char *prefix;
-};
-
-class ListenerSetUp : public testing::TestWithParam<FailingCall> {};
-
-TEST_P(ListenerSetUp, ReportsTheFailingCallAndLeavesNothingOpen) {
-    const int open_before = support::open_descriptors();
-    int fd = -77;
-    std::string printed;
-    {
+TEST(ListenerSetUp, ReportsTheFailingCallAndLeavesNothingOpen) {
+    const struct {
+        const char *call;
+        int (*init)(int *fd);
+        const char *prefix;
+    } rows[] = {{"socket", init_unix, "tavrix_unix_socket_init"},
+                {"bind", init_unix, "bind"},
+                {"listen", init_unix, "listen"},
+                {"chmod", init_unix, "chmod"},
+                {"socket", init_tcp, "tavrix_tcp_socket_init"},
+                {"bind", init_tcp, "bind"},
+                {"listen", init_tcp, "listen"}};
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.call);
+        const support::NothingOpens nothing;
+        int fd = -77;
         const support::StderrCapture out;
-        const Failing once(GetParam().call, 1, EACCES);
-        const int rc =
-            GetParam().unix_listener ? tavrix_unix_socket_init("x.sock", &fd, 1) : tavrix_tcp_socket_init(0, &fd, 1);
-        EXPECT_EQ(rc, TAVRIX_ERR_GENERAL);
-        printed = out.text();
+        const Failing once(row.call, 1, EACCES);
+        EXPECT_EQ(row.init(&fd), TAVRIX_ERR_GENERAL);
+        EXPECT_EQ(out.text(), std::string(row.prefix) + ": " + strerror(EACCES) + "\n");
+        EXPECT_EQ(fd, -77);
     }
-    EXPECT_EQ(printed, std::string(GetParam().prefix) + ": " + strerror(EACCES) + "\n");
-    EXPECT_EQ(fd, -77);
-    EXPECT_EQ(support::open_descriptors(), open_before);
 }
-
-INSTANTIATE_TEST_SUITE_P(Calls, ListenerSetUp,
-                         testing::Values(FailingCall{"UnixSocket", "socket", true, "tavrix_unix_socket_init"},
-                                         FailingCall{"UnixBind", "bind", true, "bind"},
-                                         FailingCall{"UnixListen", "listen", true, "listen"},
-                                         FailingCall{"UnixChmod", "chmod", true, "chmod"},
-                                         FailingCall{"TcpSocket", "socket", false, "tavrix_tcp_socket_init"},
-                                         FailingCall{"TcpBind", "bind", false, "bind"},
-                                         FailingCall{"TcpListen", "listen", false, "listen"}),
-                         [](const auto &row) { return row.param.name; });
 
 TEST(ListenerAddress, OfAPathIsTheWholeStructureWithItsRestZero) {
     sockaddr_un expected{};
@@ -139,17 +131,13 @@ TEST(Connect, GivesAnIpv4AddressAndItsLength) {
 
 TEST(Connect, TellsATimeOutFromOtherFailures) {
     int fd = -77;
-    const int open_before = support::open_descriptors();
-    const struct {
-        int reason;
-        int status;
-    } rows[] = {{ETIMEDOUT, TAVRIX_ERR_CONNECT_TIMEOUT}, {ENETUNREACH, TAVRIX_ERR_GENERAL}};
-    for (const auto &row : rows) {
-        const Failing once("connect", 1, row.reason);
-        EXPECT_EQ(tavrix_tcp_socket_connect("127.0.0.1", 1, &fd), row.status);
+    const support::NothingOpens nothing;
+    for (const auto &[reason, status] :
+         {std::pair(ETIMEDOUT, TAVRIX_ERR_CONNECT_TIMEOUT), {ENETUNREACH, TAVRIX_ERR_GENERAL}}) {
+        const Failing once("connect", 1, reason);
+        EXPECT_EQ(tavrix_tcp_socket_connect("127.0.0.1", 1, &fd), status);
     }
     EXPECT_EQ(fd, -77);
-    EXPECT_EQ(support::open_descriptors(), open_before);
 }
 
 TEST(Connect, ReportsThatNoSocketIsLeft) {

@@ -1,10 +1,10 @@
 #include "tavrix_sqlite3.h"
 
-#include <chrono>
+#include <algorithm>
 #include <cstdarg>
 #include <string>
 #include <thread>
-#include <vector>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -14,12 +14,6 @@
 using support::LogCapture;
 
 namespace {
-
-constexpr char unit[] = "tavrix_sqlite3";
-
-std::string null_line(int index) {
-    return "Found a null input parameter at varg index <" + std::to_string(index) + ">\n";
-}
 
 class Sqlite : public testing::Test {
   protected:
@@ -90,23 +84,19 @@ TEST_F(Sqlite, TakesArgumentsOfEveryWidthFromAList) {
     EXPECT_EQ(single_id_args(db, &value, "SELECT id FROM t WHERE id = %d", 99), SQLITE_DONE);
 }
 
-TEST_F(Sqlite, PassesThePreparesCodeOn) {
-    sqlite3_stmt *statement = nullptr;
-    EXPECT_EQ(tavrix_sqlite3_prepare_sql(db, &statement, "SELECT nonsense"), SQLITE_ERROR);
-    EXPECT_EQ(statement, nullptr);
-}
-
 TEST_F(Sqlite, HasNothingToStepInATextWithoutAStatement) {
     int64_t value = -77;
     char text[8] = "kept";
+    sqlite3_stmt *statement = nullptr;
     for (const char *nothing : {"", " ", "-- a comment"}) {
-        sqlite3_stmt *statement = nullptr;
         EXPECT_EQ(tavrix_sqlite3_prepare_sql(db, &statement, "%s", nothing), SQLITE_OK);
         EXPECT_EQ(statement, nullptr);
         EXPECT_EQ(tavrix_sqlite3_get_single_id_result(db, &value, "%s", nothing), SQLITE_MISUSE);
         EXPECT_EQ(tavrix_sqlite3_get_single_string_result(db, text, sizeof text, "%s", nothing), SQLITE_MISUSE);
         EXPECT_EQ(tavrix_sqlite3_exec_sql(db, "%s", nothing), SQLITE_OK);
     }
+    EXPECT_EQ(tavrix_sqlite3_prepare_sql(db, &statement, "SELECT nonsense"), SQLITE_ERROR) << "the prepare's code";
+    EXPECT_EQ(statement, nullptr);
     EXPECT_EQ(value, -77);
     EXPECT_STREQ(text, "kept");
 }
@@ -122,26 +112,14 @@ TEST_F(Sqlite, PreparesTheFirst1099CharactersOfALongerText) {
 }
 
 TEST_F(Sqlite, RunsWhatIsLeftOfACutStatement) {
-    // A text of exactly 1099 characters ends in "+1"; with one more it ends in a plus.
-    const std::string head = "SELECT 1 /*";
-    const std::string fits = head + std::string(1099 - head.size() - 4, 'x') + "*/+1";
-    const std::string cut = head + std::string(1100 - head.size() - 4, 'x') + "*/+1";
     int64_t value = 0;
-    ASSERT_EQ(fits.size(), 1099U);
-    EXPECT_EQ(tavrix_sqlite3_get_single_id_result(db, &value, "%s", fits.c_str()), 0);
-    EXPECT_EQ(value, 2);
-    EXPECT_EQ(tavrix_sqlite3_get_single_id_result(db, &value, "%s", cut.c_str()), SQLITE_ERROR) << "ends in a plus";
-    const std::string digits = "SELECT " + std::string(1099 - 7 - 1, ' ') + "12";
-    EXPECT_EQ(tavrix_sqlite3_get_single_id_result(db, &value, "%s", digits.c_str()), 0);
-    EXPECT_EQ(value, 1) << "the 1100th character is gone";
-}
-
-TEST_F(Sqlite, ReadsASingleId) {
-    int64_t value = 0;
-    EXPECT_EQ(tavrix_sqlite3_get_single_id_result(db, &value, "SELECT id FROM t WHERE word = '%s'", "two"), 0);
-    EXPECT_EQ(value, 2);
-    EXPECT_EQ(tavrix_sqlite3_get_single_id_result(db, &value, "SELECT max(id) FROM t"), 0);
-    EXPECT_EQ(value, 5000000000);
+    for (const auto &[length, expected] : {std::pair<size_t, int>(1099, 12), {1100, 1}}) {
+        const std::string sql = "SELECT " + std::string(length - 9, ' ') + "12";
+        EXPECT_EQ(tavrix_sqlite3_get_single_id_result(db, &value, "%s", sql.c_str()), 0);
+        EXPECT_EQ(value, expected) << "the 1100th character is gone";
+    }
+    const std::string plus = "SELECT 1" + std::string(1099 - 9, ' ') + "+1";
+    EXPECT_EQ(tavrix_sqlite3_get_single_id_result(db, &value, "%s", plus.c_str()), SQLITE_ERROR) << "ends in a plus";
 }
 
 TEST_F(Sqlite, LeavesTheOutputAloneWithoutARow) {
@@ -174,48 +152,44 @@ TEST_F(Sqlite, CutsATextToItsBuffer) {
     EXPECT_STREQ(untouched, "~");
 }
 
-TEST_F(Sqlite, ReadsOtherColumnsAsText) {
+TEST_F(Sqlite, ReadsAnyColumnOfTheFirstRowAsText) {
     const struct {
-        const char *column;
+        const char *query;
         std::string text;
     } rows[] = {
-        {"42", "42"}, {"-1.5", "-1.5"}, {"x'6162'", "ab"}, {"x''", ""}, {"''", ""}, {"'ab' || char(0) || 'cd'", "ab"},
+        {"42", "42"},
+        {"-1.5", "-1.5"},
+        {"x'6162'", "ab"},
+        {"x''", ""},
+        {"''", ""},
+        {"'ab' || char(0) || 'cd'", "ab"},
+        {"word FROM t WHERE word IS NULL", ""},
+        {"word, id FROM t ORDER BY id", "one"},
     };
     for (const auto &row : rows) {
         char text[8] = "~~~~~~~";
-        EXPECT_EQ(tavrix_sqlite3_get_single_string_result(db, text, sizeof text, "SELECT %s", row.column), 0);
-        EXPECT_EQ(std::string(text, 8), row.text + std::string(8 - row.text.size(), '\0')) << row.column;
+        EXPECT_EQ(tavrix_sqlite3_get_single_string_result(db, text, sizeof text, "SELECT %s", row.query), 0);
+        EXPECT_EQ(std::string(text, 8), row.text + std::string(8 - row.text.size(), '\0')) << row.query;
     }
 }
 
-TEST_F(Sqlite, ReadsANullNumberAsZero) {
-    int64_t value = -77;
-    EXPECT_EQ(tavrix_sqlite3_get_single_id_result(db, &value, "SELECT NULL"), 0);
-    EXPECT_EQ(value, 0);
-}
-
-TEST_F(Sqlite, ReadsTheWholeRangeOfIntegers) {
-    int64_t value = 0;
-    EXPECT_EQ(tavrix_sqlite3_get_single_id_result(db, &value, "SELECT 9223372036854775807"), 0);
-    EXPECT_EQ(value, INT64_MAX);
-    EXPECT_EQ(tavrix_sqlite3_get_single_id_result(db, &value, "SELECT -9223372036854775807 - 1"), 0);
-    EXPECT_EQ(value, INT64_MIN);
-}
-
-TEST_F(Sqlite, ReadsOnlyTheFirstRow) {
-    int64_t value = 0;
-    char text[8];
-    EXPECT_EQ(tavrix_sqlite3_get_single_id_result(db, &value, "SELECT id FROM t ORDER BY id DESC LIMIT 2"), 0);
-    EXPECT_EQ(value, 5000000000);
-    EXPECT_EQ(tavrix_sqlite3_get_single_string_result(db, text, sizeof text, "SELECT word, id FROM t ORDER BY id"), 0);
-    EXPECT_STREQ(text, "one");
-}
-
-TEST_F(Sqlite, ReadsANullTextAsEmpty) {
-    char text[8] = "old";
-    EXPECT_EQ(tavrix_sqlite3_get_single_string_result(db, text, sizeof text, "SELECT word FROM t WHERE word IS NULL"),
-              0);
-    EXPECT_STREQ(text, "");
+TEST_F(Sqlite, ReadsASingleIdOfTheFirstRow) {
+    const struct {
+        const char *sql;
+        int64_t expected;
+    } rows[] = {
+        {"SELECT id FROM t WHERE word = 'two'", 2},
+        {"SELECT max(id) FROM t", 5000000000},
+        {"SELECT id FROM t ORDER BY id DESC LIMIT 2", 5000000000},
+        {"SELECT NULL", 0},
+        {"SELECT 9223372036854775807", INT64_MAX},
+        {"SELECT -9223372036854775807 - 1", INT64_MIN},
+    };
+    for (const auto &row : rows) {
+        int64_t value = -77;
+        EXPECT_EQ(tavrix_sqlite3_get_single_id_result(db, &value, "%s", row.sql), 0) << row.sql;
+        EXPECT_EQ(value, row.expected) << row.sql;
+    }
 }
 
 TEST_F(Sqlite, StepsThroughAResultSet) {
@@ -227,6 +201,7 @@ TEST_F(Sqlite, StepsThroughAResultSet) {
         EXPECT_EQ(value, expected);
     }
     EXPECT_EQ(tavrix_sqlite3_step_retrieve_int(statement, &value), TAVRIX_ERR_SYSTEM_ACCESS);
+    EXPECT_EQ(tavrix_sqlite3_step_retrieve_int(nullptr, &value), TAVRIX_ERR_SYSTEM_ACCESS) << "no statement";
     EXPECT_EQ(value, 5000000000);
     sqlite3_finalize(statement);
 }
@@ -238,7 +213,7 @@ TEST_F(Sqlite, NamesTheFirstNullArgument) {
     LogCapture log("info");
     const auto named = [&](int rc, int index) {
         EXPECT_EQ(rc, TAVRIX_ERR_PARAMETER);
-        EXPECT_EQ(log.count(support::warning, "tavrix_utils", null_line(index)), 1) << log.text();
+        EXPECT_TRUE(log.said({"WARN |Found a null input parameter at varg index <" + std::to_string(index) + ">"}));
         log.clear();
     };
     named(tavrix_sqlite3_prepare_sql(nullptr, &statement, "SELECT 1"), 0);
@@ -286,23 +261,6 @@ TEST_F(Sqlite, ExecutesAFormattedStatement) {
     EXPECT_EQ(count, 3) << "the condition stood behind the 1099th character";
 }
 
-TEST_F(Sqlite, TriesABusyDatabase21TimesOverASecond) {
-    const Holder holder;
-    char *message = nullptr;
-    const LogCapture log("debug");
-    const auto before = std::chrono::steady_clock::now();
-    EXPECT_EQ(tavrix_sqlite3_exec(db, "UPDATE t SET id = 1", nullptr, nullptr, &message), SQLITE_BUSY);
-    EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(1000));
-    std::vector<std::string> expected;
-    for (int retry = 1; retry <= 20; ++retry) {
-        expected.push_back("DEBUG|DB Busy! retry #" + std::to_string(retry) + "...");
-    }
-    EXPECT_EQ(log.sequence(), expected);
-    EXPECT_EQ(log.lines().front().file, unit);
-    EXPECT_STREQ(message, "database is locked");
-    sqlite3_free(message);
-}
-
 TEST_F(Sqlite, GoesOnWhenTheDatabaseIsLetGo) {
     Holder holder;
     LogCapture log("debug");
@@ -321,18 +279,6 @@ TEST_F(Sqlite, GoesOnWhenTheDatabaseIsLetGo) {
     EXPECT_EQ(changed, 3);
 }
 
-TEST_F(Sqlite, RetriesOnlyABusyDatabase) {
-    const LogCapture log("debug");
-    EXPECT_EQ(tavrix_sqlite3_exec(db, "SELECT nonsense", nullptr, nullptr, nullptr), SQLITE_ERROR);
-    EXPECT_EQ(tavrix_sqlite3_exec(nullptr, "SELECT 1", nullptr, nullptr, nullptr), SQLITE_MISUSE);
-    sqlite3_stmt *reading = nullptr;
-    ASSERT_EQ(tavrix_sqlite3_prepare_sql(db, &reading, "SELECT id FROM t"), SQLITE_OK);
-    ASSERT_EQ(sqlite3_step(reading), SQLITE_ROW);
-    EXPECT_EQ(tavrix_sqlite3_exec_sql(db, "DROP TABLE t"), SQLITE_LOCKED) << "by this connection's own reader";
-    sqlite3_finalize(reading);
-    EXPECT_TRUE(log.silent());
-}
-
 TEST_F(Sqlite, RetriesNeitherPreparingNorStepping) {
     sqlite3_stmt *statement = nullptr;
     ASSERT_EQ(tavrix_sqlite3_prepare_sql(db, &statement, "SELECT id FROM t"), SQLITE_OK);
@@ -347,10 +293,4 @@ TEST_F(Sqlite, RetriesNeitherPreparingNorStepping) {
     EXPECT_EQ(value, -77);
     EXPECT_STREQ(text, "kept");
     sqlite3_finalize(statement);
-}
-
-TEST_F(Sqlite, ReportsAMissingStatementAsAFailedStep) {
-    int64_t value = -77;
-    EXPECT_EQ(tavrix_sqlite3_step_retrieve_int(nullptr, &value), TAVRIX_ERR_SYSTEM_ACCESS);
-    EXPECT_EQ(value, -77);
 }

@@ -4,11 +4,13 @@
 #include <cstddef>
 #include <ostream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "support/log_capture.h"
+#include "support/nulls.h"
 #include "support/params.h"
 #include "tavrix_error.h"
 #include "tavrix_lsyslog.h"
@@ -16,8 +18,10 @@
 #include "tavrix_validation.h"
 
 using support::Buffer;
+using support::Lines;
 using support::LogCapture;
-using Lines = std::vector<std::string>;
+using support::Statuses;
+using support::with_each_null;
 
 namespace {
 
@@ -28,31 +32,51 @@ struct Table {
     const char *name;
     const char *const *words;
     size_t extent;
-    std::vector<std::string> expected;
+    Lines expected;
+    std::vector<int> enumerators; ///< in the order of their words
 };
 
 void PrintTo(const Table &table, std::ostream *out) { *out << table.name; }
 
 template <size_t Extent>
-Table table_of(const char *name, const char *const (&words)[Extent], const std::vector<std::string> &expected) {
-    return {name, words, Extent, expected};
+Table table_of(const char *name, const char *const (&words)[Extent], const Lines &expected,
+               const std::vector<int> &enumerators) {
+    return {name, words, Extent, expected, enumerators};
 }
 
 std::vector<Table> tables() {
     return {
-        table_of("Troubled", tavrix_state_troubled_strings, {"disabled", "enabled", "troubled"}),
-        table_of("Failed", tavrix_state_failed_strings, {"disabled", "enabled", "failed"}),
-        table_of("AdminStatus", tavrix_admin_status_strings, {"disable", "enable"}),
-        table_of("PortStatus", tavrix_port_status_strings, {"disable", "enable"}),
-        table_of("PoeStatus", tavrix_poe_status_strings, {"unknown", "disabled", "enabled", "offline", "unsupported"}),
-        table_of("LinkStatus", tavrix_link_status_strings, {"unknown", "down", "up", "offline"}),
+        table_of("Troubled", tavrix_state_troubled_strings, {"disabled", "enabled", "troubled"},
+                 {TAVRIX_STATE_TROUBLED_DISABLED, TAVRIX_STATE_TROUBLED_ENABLED, TAVRIX_STATE_TROUBLED_TROUBLED}),
+        table_of("Failed", tavrix_state_failed_strings, {"disabled", "enabled", "failed"},
+                 {TAVRIX_STATE_FAILED_DISABLED, TAVRIX_STATE_FAILED_ENABLED, TAVRIX_STATE_FAILED_FAILED}),
+        table_of("AdminStatus", tavrix_admin_status_strings, {"disable", "enable"},
+                 {TAVRIX_ADMIN_STATUS_DISABLE, TAVRIX_ADMIN_STATUS_ENABLE}),
+        table_of("PortStatus", tavrix_port_status_strings, {"disable", "enable"},
+                 {TAVRIX_PORT_STATUS_DISABLE, TAVRIX_PORT_STATUS_ENABLE}),
+        table_of("PoeStatus", tavrix_poe_status_strings, {"unknown", "disabled", "enabled", "offline", "unsupported"},
+                 {TAVRIX_POE_STATUS_UNKNOWN, TAVRIX_POE_STATUS_DISABLED, TAVRIX_POE_STATUS_ENABLED,
+                  TAVRIX_POE_STATUS_OFFLINE, TAVRIX_POE_STATUS_UNSUPPORTED}),
+        table_of(
+            "LinkStatus", tavrix_link_status_strings, {"unknown", "down", "up", "offline"},
+            {TAVRIX_LINK_STATUS_UNKNOWN, TAVRIX_LINK_STATUS_DOWN, TAVRIX_LINK_STATUS_UP, TAVRIX_LINK_STATUS_OFFLINE}),
         table_of("LinkSpeed", tavrix_link_speed_strings,
-                 {"unknown", "offline", "N/A", "unsupported", "10 Mbps", "100 Mbps", "1000 Mbps"}),
-        table_of("VlanMode", tavrix_vlan_mode_strings, {"unknown", "local", "access", "trunk", "trans"}),
+                 {"unknown", "offline", "N/A", "unsupported", "10 Mbps", "100 Mbps", "1000 Mbps"},
+                 {TAVRIX_LINK_SPEED_UNKNOWN, TAVRIX_LINK_SPEED_OFFLINE, TAVRIX_LINK_SPEED_NOT_APPLICABLE,
+                  TAVRIX_LINK_SPEED_UNSUPPORTED, TAVRIX_LINK_SPEED_10_MBPS, TAVRIX_LINK_SPEED_100_MBPS,
+                  TAVRIX_LINK_SPEED_1000_MBPS}),
+        table_of("VlanMode", tavrix_vlan_mode_strings, {"unknown", "local", "access", "trunk", "trans"},
+                 {TAVRIX_VLAN_MODE_UNKNOWN, TAVRIX_VLAN_MODE_LOCAL, TAVRIX_VLAN_MODE_ACCESS, TAVRIX_VLAN_MODE_TRUNK,
+                  TAVRIX_VLAN_MODE_TRANS}),
         table_of("MzuModel", tavrix_mzu_model_strings,
                  {"unknown", "ZQN-E09", "ZQN-E10", "ZQN-E11", "ZQN-E12", "ZQN-E13", "ZQN-E14", "Generic MZU", "ZQN-E15",
-                  "ZQN-E16", "ZQN-E17"}),
-        table_of("SecureOption", tavrix_secure_option_strings, {"current", "enable", "disable"}),
+                  "ZQN-E16", "ZQN-E17"},
+                 {TAVRIX_MZU_MODEL_UNKNOWN, TAVRIX_MZU_MODEL_ZQN_E09, TAVRIX_MZU_MODEL_ZQN_E10,
+                  TAVRIX_MZU_MODEL_ZQN_E11, TAVRIX_MZU_MODEL_ZQN_E12, TAVRIX_MZU_MODEL_ZQN_E13,
+                  TAVRIX_MZU_MODEL_ZQN_E14, TAVRIX_MZU_MODEL_GENERIC, TAVRIX_MZU_MODEL_ZQN_E15,
+                  TAVRIX_MZU_MODEL_ZQN_E16, TAVRIX_MZU_MODEL_ZQN_E17}),
+        table_of("SecureOption", tavrix_secure_option_strings, {"current", "enable", "disable"},
+                 {TAVRIX_SECURE_OPTION_CURRENT, TAVRIX_SECURE_OPTION_ENABLE, TAVRIX_SECURE_OPTION_DISABLE}),
     };
 }
 
@@ -77,19 +101,15 @@ class EnumerationTable : public testing::TestWithParam<Table> {};
 
 } // namespace
 
-TEST_P(EnumerationTable, HoldsItsWordsInOrderAndThenNull) {
+TEST_P(EnumerationTable, HoldsItsWordsInTheOrderOfItsEnumeratorsAndThenNull) {
     const Table &table = GetParam();
     ASSERT_EQ(table.extent, table.expected.size() + 1);
-    for (size_t i = 0; i < table.expected.size(); ++i) {
-        EXPECT_EQ(table.words[i], table.expected[i]) << i;
-    }
+    ASSERT_EQ(table.enumerators.size(), table.expected.size());
     EXPECT_EQ(table.words[table.expected.size()], nullptr);
-}
-
-TEST_P(EnumerationTable, MapsEveryWordBothWays) {
-    const Table &table = GetParam();
     for (size_t i = 0; i < table.expected.size(); ++i) {
         const int value = static_cast<int>(i);
+        EXPECT_EQ(table.enumerators[i], value);
+        EXPECT_EQ(table.words[i], table.expected[i]) << i;
         EXPECT_EQ(word_of(value, table.words), table.expected[i]);
         EXPECT_EQ(value_of(table.expected[i], table.words), value);
     }
@@ -112,95 +132,11 @@ TEST_P(EnumerationTable, LacksWordsThatAreOnlyAlmostItsOwn) {
 INSTANTIATE_TEST_SUITE_P(Tables, EnumerationTable, testing::ValuesIn(tables()),
                          [](const testing::TestParamInfo<Table> &row) { return std::string(row.param.name); });
 
-TEST(Enumerators, AreThePositionsOfTheirWords) {
-    const struct {
-        const char *const *table;
-        int value;
-        const char *word;
-    } rows[] = {
-        {tavrix_state_troubled_strings, TAVRIX_STATE_TROUBLED_DISABLED, "disabled"},
-        {tavrix_state_troubled_strings, TAVRIX_STATE_TROUBLED_ENABLED, "enabled"},
-        {tavrix_state_troubled_strings, TAVRIX_STATE_TROUBLED_TROUBLED, "troubled"},
-        {tavrix_state_failed_strings, TAVRIX_STATE_FAILED_DISABLED, "disabled"},
-        {tavrix_state_failed_strings, TAVRIX_STATE_FAILED_ENABLED, "enabled"},
-        {tavrix_state_failed_strings, TAVRIX_STATE_FAILED_FAILED, "failed"},
-        {tavrix_admin_status_strings, TAVRIX_ADMIN_STATUS_DISABLE, "disable"},
-        {tavrix_admin_status_strings, TAVRIX_ADMIN_STATUS_ENABLE, "enable"},
-        {tavrix_port_status_strings, TAVRIX_PORT_STATUS_DISABLE, "disable"},
-        {tavrix_port_status_strings, TAVRIX_PORT_STATUS_ENABLE, "enable"},
-        {tavrix_poe_status_strings, TAVRIX_POE_STATUS_UNKNOWN, "unknown"},
-        {tavrix_poe_status_strings, TAVRIX_POE_STATUS_DISABLED, "disabled"},
-        {tavrix_poe_status_strings, TAVRIX_POE_STATUS_ENABLED, "enabled"},
-        {tavrix_poe_status_strings, TAVRIX_POE_STATUS_OFFLINE, "offline"},
-        {tavrix_poe_status_strings, TAVRIX_POE_STATUS_UNSUPPORTED, "unsupported"},
-        {tavrix_link_status_strings, TAVRIX_LINK_STATUS_UNKNOWN, "unknown"},
-        {tavrix_link_status_strings, TAVRIX_LINK_STATUS_DOWN, "down"},
-        {tavrix_link_status_strings, TAVRIX_LINK_STATUS_UP, "up"},
-        {tavrix_link_status_strings, TAVRIX_LINK_STATUS_OFFLINE, "offline"},
-        {tavrix_link_speed_strings, TAVRIX_LINK_SPEED_UNKNOWN, "unknown"},
-        {tavrix_link_speed_strings, TAVRIX_LINK_SPEED_OFFLINE, "offline"},
-        {tavrix_link_speed_strings, TAVRIX_LINK_SPEED_NOT_APPLICABLE, "N/A"},
-        {tavrix_link_speed_strings, TAVRIX_LINK_SPEED_UNSUPPORTED, "unsupported"},
-        {tavrix_link_speed_strings, TAVRIX_LINK_SPEED_10_MBPS, "10 Mbps"},
-        {tavrix_link_speed_strings, TAVRIX_LINK_SPEED_100_MBPS, "100 Mbps"},
-        {tavrix_link_speed_strings, TAVRIX_LINK_SPEED_1000_MBPS, "1000 Mbps"},
-        {tavrix_vlan_mode_strings, TAVRIX_VLAN_MODE_UNKNOWN, "unknown"},
-        {tavrix_vlan_mode_strings, TAVRIX_VLAN_MODE_LOCAL, "local"},
-        {tavrix_vlan_mode_strings, TAVRIX_VLAN_MODE_ACCESS, "access"},
-        {tavrix_vlan_mode_strings, TAVRIX_VLAN_MODE_TRUNK, "trunk"},
-        {tavrix_vlan_mode_strings, TAVRIX_VLAN_MODE_TRANS, "trans"},
-        {tavrix_mzu_model_strings, TAVRIX_MZU_MODEL_UNKNOWN, "unknown"},
-        {tavrix_mzu_model_strings, TAVRIX_MZU_MODEL_ZQN_E09, "ZQN-E09"},
-        {tavrix_mzu_model_strings, TAVRIX_MZU_MODEL_ZQN_E10, "ZQN-E10"},
-        {tavrix_mzu_model_strings, TAVRIX_MZU_MODEL_ZQN_E11, "ZQN-E11"},
-        {tavrix_mzu_model_strings, TAVRIX_MZU_MODEL_ZQN_E12, "ZQN-E12"},
-        {tavrix_mzu_model_strings, TAVRIX_MZU_MODEL_ZQN_E13, "ZQN-E13"},
-        {tavrix_mzu_model_strings, TAVRIX_MZU_MODEL_ZQN_E14, "ZQN-E14"},
-        {tavrix_mzu_model_strings, TAVRIX_MZU_MODEL_GENERIC, "Generic MZU"},
-        {tavrix_mzu_model_strings, TAVRIX_MZU_MODEL_ZQN_E15, "ZQN-E15"},
-        {tavrix_mzu_model_strings, TAVRIX_MZU_MODEL_ZQN_E16, "ZQN-E16"},
-        {tavrix_mzu_model_strings, TAVRIX_MZU_MODEL_ZQN_E17, "ZQN-E17"},
-        {tavrix_secure_option_strings, TAVRIX_SECURE_OPTION_CURRENT, "current"},
-        {tavrix_secure_option_strings, TAVRIX_SECURE_OPTION_ENABLE, "enable"},
-        {tavrix_secure_option_strings, TAVRIX_SECURE_OPTION_DISABLE, "disable"},
-    };
-    for (const auto &row : rows) {
-        EXPECT_STREQ(row.table[row.value], row.word);
-    }
-}
-
 // --- What stored numbers rely on ---
-
-TEST(Enumerations, ReadARecordOfZerosAsUnknown) {
-    for (const char *const *table :
-         {&tavrix_poe_status_strings[0], &tavrix_link_status_strings[0], &tavrix_link_speed_strings[0],
-          &tavrix_vlan_mode_strings[0], &tavrix_mzu_model_strings[0]}) {
-        EXPECT_EQ(word_of(0, table), "unknown");
-        EXPECT_EQ(value_of("unknown", table), 0);
-    }
-}
-
-TEST(Enumerations, KeepTheGenericModelAtSeven) {
-    EXPECT_EQ(value_of("Generic MZU", tavrix_mzu_model_strings), 7);
-    EXPECT_EQ(word_of(7, tavrix_mzu_model_strings), "Generic MZU");
-}
-
-TEST(Enumerations, NumberTheSpeedsFromFourOn) {
-    EXPECT_EQ(value_of("10 Mbps", tavrix_link_speed_strings), 4);
-    EXPECT_EQ(value_of("100 Mbps", tavrix_link_speed_strings), 5);
-    EXPECT_EQ(value_of("1000 Mbps", tavrix_link_speed_strings), 6);
-}
 
 TEST(Enumerations, MapAVlanModeThatRequestsCannotName) {
     EXPECT_EQ(value_of("trans", tavrix_vlan_mode_strings), 4);
     EXPECT_EQ(validate_vlan_mode("trans"), TAVRIX_INVALID_NOT_ALLOWED);
-}
-
-TEST(Enumerations, GiveDisableThePlaceThatEachTableHasForIt) {
-    EXPECT_EQ(value_of("disable", tavrix_admin_status_strings), 0);
-    EXPECT_EQ(value_of("disable", tavrix_port_status_strings), 0);
-    EXPECT_EQ(value_of("disable", tavrix_secure_option_strings), 2);
-    EXPECT_EQ(word_of(2, tavrix_secure_option_strings), "disable");
 }
 
 TEST(Enumerations, IndexTheLogLevelsWhichHaveNoTerminator) {
@@ -214,35 +150,24 @@ TEST(Enumerations, IndexTheLogLevelsWhichHaveNoTerminator) {
 // --- Value to word ---
 
 TEST(EnumToStr, CutsAWordToItsBuffer) {
-    const struct {
-        size_t size;
-        const char *word;
-    } rows[] = {{9, "disable"}, {8, "disable"}, {7, "disabl"}, {2, "d"}, {1, ""}};
-    for (const auto &row : rows) {
-        Buffer out(row.size);
-        EXPECT_EQ(tavrix_enum_to_str(out.get(), row.size, 2, tavrix_secure_option_strings), 0);
-        EXPECT_EQ(out.text(), row.word);
+    for (const auto &[size, word] :
+         {std::pair<size_t, const char *>(9, "disable"), {8, "disable"}, {7, "disabl"}, {2, "d"}, {1, ""}}) {
+        Buffer out(size);
+        EXPECT_EQ(tavrix_enum_to_str(out.get(), size, 2, tavrix_secure_option_strings), 0);
+        EXPECT_EQ(out.text(), word);
     }
 }
 
-TEST(EnumToStr, ClearsTheWholeBuffer) {
-    Buffer out(16);
-    EXPECT_EQ(tavrix_enum_to_str(out.get(), out.size(), 2, tavrix_link_status_strings), 0);
-    EXPECT_EQ(out.text(), "up");
-    EXPECT_TRUE(out.cleared_behind_text());
-}
-
-TEST(EnumToStr, WritesNothingIntoNoRoom) {
-    Buffer out(4);
-    EXPECT_EQ(tavrix_enum_to_str(out.get(), 0, 2, tavrix_secure_option_strings), 0);
-    EXPECT_TRUE(out.untouched());
-}
-
-TEST(EnumToStr, ReadsTheTerminatorAsNoWord) {
-    Buffer out(8);
-    EXPECT_EQ(tavrix_enum_to_str(out.get(), out.size(), 3, tavrix_secure_option_strings), 0);
-    EXPECT_EQ(out.text(), "");
-    EXPECT_TRUE(out.cleared_behind_text());
+TEST(EnumToStr, ClearsTheWholeBufferAndReadsTheTerminatorAsNoWord) {
+    for (const auto &[value, word] : {std::pair(2, "disable"), std::pair(3, "")}) {
+        Buffer out(16);
+        EXPECT_EQ(tavrix_enum_to_str(out.get(), out.size(), value, tavrix_secure_option_strings), 0);
+        EXPECT_EQ(out.text(), word);
+        EXPECT_TRUE(out.cleared_behind_text());
+    }
+    Buffer none(0);
+    EXPECT_EQ(tavrix_enum_to_str(none.get(), none.size(), 2, tavrix_secure_option_strings), 0);
+    EXPECT_TRUE(none.untouched());
 }
 
 TEST(EnumToStr, SaysTheWholeWordAtVerboseOnly) {
@@ -250,7 +175,7 @@ TEST(EnumToStr, SaysTheWholeWordAtVerboseOnly) {
     {
         const LogCapture log("verbose");
         tavrix_enum_to_str(word, sizeof word, 2, tavrix_secure_option_strings);
-        EXPECT_EQ(log.sequence(), Lines{"VERB |Mapped enum value <2> to string <disable>"});
+        EXPECT_TRUE(log.said({"VERB |Mapped enum value <2> to string <disable>"}));
         EXPECT_EQ(log.lines().front().file, unit);
     }
     const LogCapture log("debug");
@@ -261,12 +186,10 @@ TEST(EnumToStr, SaysTheWholeWordAtVerboseOnly) {
 TEST(EnumToStr, RefusesNullAndNamesIt) {
     char word[8] = "kept";
     const LogCapture log("info");
-    EXPECT_EQ(tavrix_enum_to_str(nullptr, sizeof word, 0, tavrix_link_status_strings), TAVRIX_ERR_PARAMETER);
-    EXPECT_EQ(tavrix_enum_to_str(word, sizeof word, 0, nullptr), TAVRIX_ERR_PARAMETER);
-    EXPECT_EQ(log.sequence(), (Lines{
-                                  "WARN |Found a null input parameter at varg index <0>",
-                                  "WARN |Found a null input parameter at varg index <1>",
-                              }));
+    EXPECT_EQ(with_each_null(tavrix_enum_to_str, word, sizeof word, 0, &tavrix_link_status_strings[0]),
+              Statuses(2, TAVRIX_ERR_PARAMETER));
+    EXPECT_TRUE(log.said({"WARN |Found a null input parameter at varg index <0>",
+                          "WARN |Found a null input parameter at varg index <1>"}));
     EXPECT_STREQ(word, "kept");
 }
 
@@ -291,10 +214,8 @@ TEST(StrToEnum, SaysWhatItFoundAtVerboseOnly) {
         EXPECT_EQ(value, untouched);
         EXPECT_EQ(tavrix_str_to_enum(&value, "up", tavrix_link_status_strings), 0);
         EXPECT_EQ(value, 2);
-        EXPECT_EQ(log.sequence(), (Lines{
-                                      "VERB |Unable to map string <Up> to enum value",
-                                      "VERB |Mapped string <up> to enum value <2>",
-                                  }));
+        EXPECT_TRUE(
+            log.said({"VERB |Unable to map string <Up> to enum value", "VERB |Mapped string <up> to enum value <2>"}));
         EXPECT_EQ(log.lines().front().file, unit);
     }
     const LogCapture log("debug");
@@ -306,13 +227,10 @@ TEST(StrToEnum, SaysWhatItFoundAtVerboseOnly) {
 TEST(StrToEnum, RefusesNullAndNamesIt) {
     int value = untouched;
     const LogCapture log("info");
-    EXPECT_EQ(tavrix_str_to_enum(nullptr, "up", tavrix_link_status_strings), TAVRIX_ERR_PARAMETER);
-    EXPECT_EQ(tavrix_str_to_enum(&value, nullptr, tavrix_link_status_strings), TAVRIX_ERR_PARAMETER);
-    EXPECT_EQ(tavrix_str_to_enum(&value, "up", nullptr), TAVRIX_ERR_PARAMETER);
-    EXPECT_EQ(log.sequence(), (Lines{
-                                  "WARN |Found a null input parameter at varg index <0>",
-                                  "WARN |Found a null input parameter at varg index <1>",
-                                  "WARN |Found a null input parameter at varg index <2>",
-                              }));
+    EXPECT_EQ(with_each_null(tavrix_str_to_enum, &value, "up", &tavrix_link_status_strings[0]),
+              Statuses(3, TAVRIX_ERR_PARAMETER));
+    EXPECT_TRUE(log.said({"WARN |Found a null input parameter at varg index <0>",
+                          "WARN |Found a null input parameter at varg index <1>",
+                          "WARN |Found a null input parameter at varg index <2>"}));
     EXPECT_EQ(value, untouched);
 }

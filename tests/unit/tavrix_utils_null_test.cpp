@@ -25,8 +25,7 @@ TEST(NullTest, NamesTheFirstNullArgumentByItsIndex) {
         EXPECT_EQ(tavrix_check_for_null(5, index == 0 ? null : &a, index == 1 ? null : &a, index == 2 ? null : &a,
                                         index == 3 ? null : &a, null),
                   TAVRIX_ERR_GENERAL);
-        EXPECT_EQ(log.sequence(), std::vector<std::string>{"WARN |Found a null input parameter at varg index <" +
-                                                           std::to_string(index) + ">"});
+        EXPECT_TRUE(log.said({"WARN |Found a null input parameter at varg index <" + std::to_string(index) + ">"}));
     }
 }
 

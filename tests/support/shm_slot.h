@@ -1,0 +1,42 @@
+/**
+ * A shared-memory slot of the test's own, looked at past the library.
+ */
+#ifndef TAVRIX_TESTS_SUPPORT_SHM_SLOT_H
+#define TAVRIX_TESTS_SUPPORT_SHM_SLOT_H
+
+#include <string>
+
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "support/process.h"
+
+namespace support {
+
+/** Its name is this process's alone; the object is removed before and after each case. */
+class ShmSlot : public testing::Test {
+  protected:
+    ShmSlot() { shm_unlink(name()); }
+    ~ShmSlot() override { shm_unlink(name()); }
+
+    const char *name() const { return name_.c_str(); }
+    struct stat state() const {
+        struct stat status {};
+        EXPECT_EQ(stat(("/dev/shm" + name_).c_str(), &status), 0);
+        return status;
+    }
+    /** Its bytes as they are. */
+    std::string stored() const { return read_file("/dev/shm" + name_); }
+    /** What is said when it cannot be opened, or not be mapped. */
+    std::string open_line() const { return "ERROR|Shm_open error with " + name_ + "."; }
+    std::string map_line() const { return "ERROR|Mmap error with " + name_ + "."; }
+
+  private:
+    const std::string name_ = "/tavrix-test-" + std::to_string(getpid());
+};
+
+} // namespace support
+
+#endif

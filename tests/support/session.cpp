@@ -7,14 +7,12 @@
 #include <sys/socket.h>
 #include <sys/time.h>
 
-#include "support/json.h"
 #include "tavrix_mq.h"
 
 namespace support {
 
 namespace {
 
-constexpr char reply_channel[] = "2524546b-ca99-4868-a062-359cefacff7c";
 constexpr time_t longest_wait_s = 20;
 
 using Clock = std::chrono::steady_clock;
@@ -93,11 +91,6 @@ std::string Registration::line(const std::string &id) const {
     return request("router.Register", id, ",\"params\":{" + params + "}");
 }
 
-std::string service_reply(const std::string &request, const std::string &result) {
-    return R"({"jsonrpc":"2.0","id":)" + member(request, "method") + ",\"result\":" + result +
-           ",\"transaction_id\":" + member(request, "transaction_id") + "}";
-}
-
 DirectService::DirectService(const Registration &registration) {
     const std::string answer = ask(registration.line());
     if (member(answer, "result") != "0") {
@@ -115,8 +108,8 @@ BusService::BusService(const Fleet &fleet, Registration registration) : pub(TAVR
     pub.bind(address);
     sub.connect(fleet.router_address);
     tavrix_mq_socket_subscribe(sub.number, registration.channel.c_str());
-    const std::string hello = R"({"jsonrpc":"2.0","method":"router.Hello","params":{"name":")" + registration.name +
-                              R"(","channel":")" + registration.channel + "\"}}";
+    const std::string hello = notification("router.Hello", R"({"name":")" + registration.name + R"(","channel":")" +
+                                                               registration.channel + "\"}");
     session.say(registration.line());
     const bool answered = wait_until([&] {
         if (sub.next_text(5).find("service.Probe") != std::string::npos) {
@@ -139,7 +132,7 @@ std::string BusService::next_request(int timeout_ms) {
     }
 }
 
-void BusService::publish_reply(const std::string &text) const { publish(reply_channel, text); }
+void BusService::publish_reply(const std::string &text) const { publish(TAVRIX_ROUTER_REPLY_CHANNEL, text); }
 
 void BusService::publish(const std::string &channel, const std::string &text) const {
     tavrix_mq_socket_send(pub.number, (channel + "|" + text).c_str());

@@ -8,7 +8,9 @@
 
 #include "support/bus.h"
 #include "support/fleet.h"
+#include "support/json.h"
 #include "support/stream.h"
+#include "tavrix_jrpc.h"
 
 namespace support {
 
@@ -42,15 +44,19 @@ class SessionClient {
 /** What a service says of itself; members that are empty texts are left out. */
 struct Registration {
     std::string name = "played";
-    std::string channel = "3a6f8f51-502f-4238-9638-29764ff1a8a4";
+    std::string channel = TAVRIX_CHANNEL_FIRST;
     std::string publish = "[]";
     std::string methods = R"(["ports.Get"])";
     std::string direct = "true";
     std::string callers = {}; ///< whether it asks to be told who calls
 
     /** Of a service that takes its requests from the bus. */
-    static Registration on_bus() {
-        return {"played", "3a6f8f51-502f-4238-9638-29764ff1a8a4", "[]", R"(["ports.Get"])", "", ""};
+    static Registration on_bus(const std::string &name = "played", const std::string &methods = R"(["ports.Get"])") {
+        return {name, TAVRIX_CHANNEL_FIRST, "[]", methods, "", ""};
+    }
+    /** Of one that offers these methods. */
+    static Registration of(const std::string &methods) {
+        return {"played", TAVRIX_CHANNEL_FIRST, "[]", methods, "true", ""};
     }
 
     /** The request, with this id. */
@@ -64,13 +70,21 @@ class DirectService : public SessionClient {
     explicit DirectService(const Registration &registration = {});
 
     /** The next request; what else the router says is passed over. */
-    std::string next_request() { return hear_of("\"2524546b-ca99-4868-a062-359cefacff7c\""); }
+    std::string next_request() { return hear_of("\"" TAVRIX_ROUTER_REPLY_CHANNEL "\""); }
     /** Answers the request as a service does: under its method's name and its transaction id. */
     void reply(const std::string &request, const std::string &result) const;
 };
 
-/** The text of a service's reply to a request. */
-std::string service_reply(const std::string &request, const std::string &result);
+/** Whether a call of the method, over the client's connection, comes back with what the service replies. */
+template <class Service, class Client>
+testing::AssertionResult serves(Service &service, Client &&client, const std::string &method = "ports.Get") {
+    static int calls = 0;
+    const std::string result = "\"reply " + std::to_string(++calls) + "\"";
+    client.say(request(method, "1"));
+    service.reply(service.next_request(), result);
+    const std::string answer = client.hear();
+    return testing::AssertionResult(result_of(answer) == result) << answer;
+}
 
 /** A registered service with a publisher on the bus. */
 class BusService {

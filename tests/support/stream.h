@@ -23,6 +23,10 @@ class StreamClient {
     void say(const std::string &text) const;
     /** Everything until the peer closes, or "(time-out)" when it does not within the time. */
     std::string hear(int timeout_ms = 20000) const;
+    std::string ask(const std::string &text) const {
+        say(text);
+        return hear();
+    }
     /** True when the peer has closed without a byte. */
     bool closed_silently() const { return hear().empty(); }
     void close();

@@ -16,6 +16,9 @@ Finished ctl(std::vector<std::string> arguments);
 /** A script in bash that calls the tool by its name. */
 Finished script(const std::string &text);
 
+/** Every verb of the tool, and none at all. */
+std::vector<std::string> verbs();
+
 std::string first_line(const std::string &text);
 
 } // namespace support

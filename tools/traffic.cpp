@@ -142,8 +142,7 @@ std::optional<Exchange> Pairing::take_frame(double time, const std::string &chan
     Exchange exchange = std::move(asked->second);
     pending_.erase(asked);
     exchange.seconds = time - exchange.time;
-    const int status = status_of(message);
-    exchange.outcome = status == exit_result ? "result" : status == exit_timeout ? "timeout" : "error";
+    exchange.outcome = outcome_of(message);
     exchange.reply = share(message);
     return exchange;
 }
@@ -163,7 +162,7 @@ void Summary::add(const Exchange &exchange) {
     row.seconds.push_back(exchange.seconds);
 }
 
-std::vector<std::string> Summary::lines() const {
+void Summary::tell_all() const {
     Table table({"METHOD", "CALLS", "ERRORS", "NO REPLY", "NOTIFIED", "P50", "P99"});
     table.align_right(1, 6);
     for (const auto &[method, row] : rows_) {
@@ -176,7 +175,9 @@ std::vector<std::string> Summary::lines() const {
                    std::to_string(row.unanswered), std::to_string(row.notifications), time_within(0.5),
                    time_within(0.99)});
     }
-    return rows_.empty() ? std::vector<std::string>() : table.lines();
+    for (const std::string &line : rows_.empty() ? std::vector<std::string>() : table.lines()) {
+        tell(line);
+    }
 }
 
 } // namespace tavrixctl

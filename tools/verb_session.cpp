@@ -1,7 +1,6 @@
 /*
  * subscribe, wait: notifications, as the router delivers them.
  */
-#include <algorithm>
 
 #include "interrupt.h"
 #include "params.h"

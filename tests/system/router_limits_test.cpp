@@ -59,17 +59,21 @@ std::string lines_of(const std::string &line, size_t count) { return repeated(li
 class RouterLimits : public testing::Test {
   protected:
     void start(const std::vector<std::string> &more = {}) { fleet.start_lone_router_with_tcp(port, more); }
+    void start_with_service(const std::vector<std::string> &more = {}) {
+        start(more);
+        direct.emplace();
+    }
     StreamClient connect(bool tcp) const { return tcp ? StreamClient::tcp_port(port) : fleet.connect(); }
     /** Whether a call through the service comes back with its own parameter. */
-    bool still_serves(DirectService &service) {
+    bool still_serves() {
         SessionClient client;
         const std::string number = std::to_string(++calls);
         client.say(request("ports.Get", "\"good\"", ",\"params\":{\"n\":" + number + "}"));
-        std::string asked = service.next_request();
+        std::string asked = direct->next_request();
         while (asked.find("\"params\":{\"n\":" + number + "}") == std::string::npos && asked[0] == '{') {
-            asked = service.next_request(); // some of the malformed ones were good enough
+            asked = direct->next_request(); // some of the malformed ones were good enough
         }
-        service.reply(asked, number);
+        direct->reply(asked, number);
         return result_of(client.hear()) == number;
     }
 
@@ -100,6 +104,7 @@ class RouterLimits : public testing::Test {
     int port = free_port();
     int calls = 0;
     Fleet fleet;
+    std::optional<DirectService> direct;
 };
 
 /** The same, with sockets that a stranger can reach. */
@@ -163,8 +168,7 @@ TEST_F(RouterFairness, LeavesRoomForAnotherUser) {
 }
 
 TEST_F(RouterFairness, ServesOneUserBesideTheFloodOfAnother) {
-    start({"--max-clients", "64"});
-    DirectService service;
+    start_with_service({"--max-clients", "64"});
     std::vector<SessionClient> flood = strange_sessions(8);
     for (const SessionClient &session : flood) {
         fcntl(session.fd(), F_SETFL, O_NONBLOCK);
@@ -178,7 +182,7 @@ TEST_F(RouterFairness, ServesOneUserBesideTheFloodOfAnother) {
         static_cast<void>(recv(flood[i].fd(), bytes, i % 2 == 0 ? sizeof bytes : 0, MSG_DONTWAIT)); // some never read
     });
     for (int k = 0; k < 5; ++k) {
-        EXPECT_TRUE(still_serves(service)) << k;
+        EXPECT_TRUE(still_serves()) << k;
     }
 }
 
@@ -303,9 +307,8 @@ TEST_F(RouterFairness, BoundsWhatTheSessionsOfOneUserLeaveUnread) {
 }
 
 TEST_F(RouterFairness, BoundsWhatTheOneShotClientsOfOneUserLeaveUnread) {
-    start(
+    start_with_service(
         {"--client-timeout", "86400000", "--reply-timeout", "86400000"}); // such replies take seconds on a slow machine
-    DirectService service;
     const std::string large = "\"" + std::string(size_t{7} * 1024 * 1024, 'x') + "\"";
     std::vector<StreamClient> deaf;
     for (int i = 0; i < 10; ++i) {
@@ -315,12 +318,12 @@ TEST_F(RouterFairness, BoundsWhatTheOneShotClientsOfOneUserLeaveUnread) {
             deaf.push_back(fleet.connect());
         }
         deaf.back().say(request("ports.Get", "1"));
-        service.reply(service.next_request(), large);
+        direct->reply(direct->next_request(), large);
     }
     EXPECT_TRUE(fleet.router->says("There is no room for a client's answer: its user leaves too much unread"));
     const StreamClient other = fleet.connect();
     other.say(request("ports.Get", "1"));
-    service.reply(service.next_request(), large);
+    direct->reply(direct->next_request(), large);
     EXPECT_EQ(result_of(other.hear()), large) << "another user";
     EXPECT_EQ(result_of(deaf.front().hear()), large) << "there was room for this one";
 }
@@ -388,57 +391,54 @@ TEST_F(RouterLimits, RereadsLogLevelsOnlySoOftenForOneUser) {
 // --- Requests in flight --------------------------------------------------------------------------------------------
 
 TEST_F(RouterLimits, BoundsTheRequestsInFlightOfEachService) {
-    start({"--max-in-flight", "8"});
-    DirectService service;
+    start_with_service({"--max-in-flight", "8"});
     DirectService other({"other", "505a5451-3ef2-4618-8087-9a22b800a510", "[]", R"(["events.List"])", "true"});
     SessionClient client;
     std::vector<std::string> in_flight;
     for (int i = 0; i < 4; ++i) {
         client.say(request("ports.Get", std::to_string(i)));
-        in_flight.push_back(service.next_request());
+        in_flight.push_back(direct->next_request());
     }
     EXPECT_EQ(client.ask(request("ports.Get", "\"beyond\"", ",\"transaction_id\":6")),
               R"({"jsonrpc":"2.0","id":"beyond","error":{"code":-32014,"message":"System is busy.",)"
               R"("data":{"message":"too many requests in flight"}},"transaction_id":6})");
     EXPECT_TRUE(serves(other, client, "events.List")) << "each service has its own";
-    EXPECT_TRUE(serves(service, connect(true))) << "another user";
-    service.reply(in_flight[0], "0");
+    EXPECT_TRUE(serves(*direct, connect(true))) << "another user";
+    direct->reply(in_flight[0], "0");
     EXPECT_EQ(id_of(client.hear()), "0");
-    EXPECT_TRUE(serves(service, client));
+    EXPECT_TRUE(serves(*direct, client));
 }
 
 /** Otherwise whoever asks and goes, again and again, fills a service with work that nobody waits for. */
 TEST_F(RouterLimits, KeepsThePlaceOfACallUntilItsServiceIsThroughWithIt) {
-    start({"--max-in-flight", "8", "--reply-timeout", "86400000"});
-    DirectService service;
+    start_with_service({"--max-in-flight", "8", "--reply-timeout", "86400000"});
     std::vector<std::string> left;
     for (int i = 0; i < 4; ++i) {
         StreamClient leaving = fleet.connect();
         leaving.say(request("ports.Get", "1"));
-        left.push_back(service.next_request());
+        left.push_back(direct->next_request());
         leaving.close();
-        EXPECT_EQ(member(service.hear(), "method"), "\"service.Cancel\"");
+        EXPECT_EQ(member(direct->hear(), "method"), "\"service.Cancel\"");
     }
     SessionClient client;
     EXPECT_EQ(code_of(client.ask(request("ports.Get", "\"beyond\""))), "-32014");
     EXPECT_EQ(fleet.status("in_flight"), "0") << "nobody waits";
-    service.reply(left[2], "\"late\"");
-    service.ask(request("router.Status", "1")); // by then the reply has been taken
+    direct->reply(left[2], "\"late\"");
+    direct->ask(request("router.Status", "1")); // by then the reply has been taken
     client.say(request("ports.Get", "\"its place\""));
-    const std::string asked_later = service.next_request();
+    const std::string asked_later = direct->next_request();
     EXPECT_EQ(code_of(client.ask(request("ports.Get", "\"beyond\""))), "-32014");
-    service.reply(asked_later, "1");
+    direct->reply(asked_later, "1");
     EXPECT_EQ(id_of(client.hear()), "\"its place\"");
     for (int i = 0; i < 4; ++i) { // it has read what came before the one that it has answered
         client.say(request("ports.Get", std::to_string(i)));
-        service.next_request();
+        direct->next_request();
     }
     EXPECT_EQ(code_of(client.ask(request("ports.Get", "\"beyond\""))), "-32014");
 }
 
 TEST_F(RouterLimits, KeepsNoPlaceForLongerThanAReplyIsWaitedFor) {
-    start({"--max-in-flight", "2", "--reply-timeout", "100"});
-    DirectService service;
+    start_with_service({"--max-in-flight", "2", "--reply-timeout", "100"});
     SessionClient client;
     const auto times_out = [&] { return code_of(client.ask(request("ports.Get", "1"))) == "-32005"; };
     ASSERT_TRUE(times_out());
@@ -461,8 +461,7 @@ TEST_F(RouterLimits, BoundsReloadsInFlightToo) {
 // --- Descriptors ---------------------------------------------------------------------------------------------------
 
 TEST_F(RouterLimits, ServesThoseItHasWhenDescriptorsRunOut) {
-    start({"--client-timeout", "86400000"});
-    DirectService service;
+    start_with_service({"--client-timeout", "86400000"});
     SessionClient client;
     EXPECT_EQ(id_of(client.ask(request("router.Status", "1"))), "1");
     const auto begun = std::chrono::steady_clock::now();
@@ -476,7 +475,7 @@ TEST_F(RouterLimits, ServesThoseItHasWhenDescriptorsRunOut) {
     EXPECT_TRUE(wait_until([&] { return fleet.router->times_said(told) >= 5; })) << "two listeners, thrice";
     EXPECT_GE(std::chrono::steady_clock::now() - begun, std::chrono::milliseconds(200)) << "it does not spin";
     for (int i = 0; i < 10; ++i) {
-        EXPECT_TRUE(serves(service, client));
+        EXPECT_TRUE(serves(*direct, client));
     }
     few.reset();
     EXPECT_EQ(id_of(waiting.hear()), "\"router.Status\"");
@@ -503,8 +502,7 @@ TEST_F(RouterLimits, DoNotStandStillWithTheReaderOfTheLog) {
 // --- Malformed input -----------------------------------------------------------------------------------------------
 
 TEST_F(RouterLimits, BearsMalformedRequestsOfOneShotClients) {
-    start({"--reply-timeout", "86400000"}); // those that were good enough end with their clients
-    DirectService service;
+    start_with_service({"--reply-timeout", "86400000"}); // those that were good enough end with their clients
     for (const bool tcp : {false, true}) {
         Mutator mutator(seed);
         for (int i = 0; i < inputs; ++i) {
@@ -517,15 +515,14 @@ TEST_F(RouterLimits, BearsMalformedRequestsOfOneShotClients) {
                 shutdown(client.fd(), SHUT_WR); // the others go without a word
             }
         }
-        EXPECT_TRUE(still_serves(service)) << tcp;
+        EXPECT_TRUE(still_serves()) << tcp;
     }
     EXPECT_TRUE(fleet.router->running());
     EXPECT_TRUE(wait_until([&] { return fleet.status("clients") == "2"; })) << "the service and this one";
 }
 
 TEST_F(RouterLimits, AnswersEachMalformedLineOfASessionAndGoesOn) {
-    start();
-    DirectService service;
+    start_with_service();
     SessionClient client;
     Mutator mutator(seed);
     for (int i = 0; i < inputs; ++i) {
@@ -533,12 +530,11 @@ TEST_F(RouterLimits, AnswersEachMalformedLineOfASessionAndGoesOn) {
     }
     client.say(request("router.Status", "\"last\""));
     EXPECT_EQ(id_of(client.hear_of("\"id\":\"last\"")), "\"last\"");
-    EXPECT_TRUE(still_serves(service));
+    EXPECT_TRUE(still_serves());
 }
 
 TEST_F(RouterLimits, BearsRawBytesOverASession) {
-    start();
-    DirectService service;
+    start_with_service();
     Mutator mutator(seed);
     std::optional<SessionClient> client(std::in_place);
     for (int i = 0; i < inputs; ++i) {
@@ -546,28 +542,26 @@ TEST_F(RouterLimits, BearsRawBytesOverASession) {
             client.emplace();
         }
     }
-    EXPECT_TRUE(still_serves(service));
+    EXPECT_TRUE(still_serves());
 }
 
 TEST_F(RouterLimits, BearsMalformedLinesOfAService) {
-    start();
-    DirectService service;
+    start_with_service();
     SessionClient witness;
     witness.ask(subscription("Subscribe", R"(["*"])"));
     Mutator mutator(seed);
     for (int i = 0; i < inputs; ++i) {
-        service.say(without_newlines(malformed(mutator)));
-        service.say(without_newlines(
+        direct->say(without_newlines(malformed(mutator)));
+        direct->say(without_newlines(
             mutator.near(R"({"jsonrpc":"2.0","id":"ports.Get","result":[1],"transaction_id":7})", "{}[]\",:\\0x\x80")));
     }
-    EXPECT_TRUE(still_serves(service));
-    service.say(R"({"jsonrpc":"2.0","method":"ports.Last"})");
+    EXPECT_TRUE(still_serves());
+    direct->say(R"({"jsonrpc":"2.0","method":"ports.Last"})");
     EXPECT_EQ(member(witness.hear_of("ports.Last"), "method"), "\"ports.Last\"");
 }
 
 TEST_F(RouterLimits, BearsMalformedMessagesOnTheBus) {
-    start();
-    DirectService direct;
+    start_with_service();
     BusService service(fleet, Registration::on_bus("bus", R"(["mzu.List"])"));
     SessionClient everything;
     everything.ask(subscription("Subscribe", R"(["*"])"));
@@ -587,13 +581,12 @@ TEST_F(RouterLimits, BearsMalformedMessagesOnTheBus) {
     }
     service.reply(asked, "\"served\"");
     EXPECT_EQ(result_of(client.hear()), "\"served\"");
-    EXPECT_TRUE(still_serves(direct));
+    EXPECT_TRUE(still_serves());
     EXPECT_GT(std::stoi(fleet.status("discarded")), inputs / 2) << "they have arrived";
 }
 
 TEST_F(RouterLimits, BearsStrangeConnectionsToItsBusAddress) {
-    start();
-    DirectService service;
+    start_with_service();
     const int bus = std::stoi(fleet.router_address.substr(fleet.router_address.rfind(':') + 1));
     const std::string subscriber("\0SP\0\0\x21\0\0", 8); // nanomsg ends the process for a message behind this header:
     Mutator mutator(seed);                               // who may connect is trusted not to send one
@@ -605,7 +598,7 @@ TEST_F(RouterLimits, BearsStrangeConnectionsToItsBusAddress) {
             client.say(text);
         }
     }
-    EXPECT_TRUE(still_serves(service));
+    EXPECT_TRUE(still_serves());
 }
 
 // --- Floods --------------------------------------------------------------------------------------------------------
@@ -624,21 +617,19 @@ TEST_F(RouterLimits, KnowsOnlySoManyOfThoseThatSayHello) {
 }
 
 TEST_F(RouterLimits, ServesBesideAFloodOfReplies) {
-    start();
-    DirectService direct;
+    start_with_service();
     BusService service(fleet, Registration::on_bus("bus", R"(["mzu.List"])"));
     const Repeating flooding(
         [&] { service.publish_reply(R"({"jsonrpc":"2.0","id":"ports.Get","result":0,"transaction_id":1})"); });
     for (int i = 0; i < 20; ++i) {
-        EXPECT_TRUE(still_serves(direct)) << i;
+        EXPECT_TRUE(still_serves()) << i;
     }
     EXPECT_TRUE(wait_until([&] { return std::stoi(fleet.status("discarded")) > 1000; }));
     EXPECT_EQ(fleet.router->end_by(SIGTERM), 0);
 }
 
 TEST_F(RouterLimits, ServesBesideClientsThatNeverReadAndSlowWriters) {
-    start({"--client-timeout", "86400000", "--reply-timeout", "86400000"});
-    DirectService service;
+    start_with_service({"--client-timeout", "86400000", "--reply-timeout", "86400000"});
     std::vector<StreamClient> slow;
     std::vector<StreamClient> silent;
     std::vector<SessionClient> never_read(5);
@@ -655,7 +646,7 @@ TEST_F(RouterLimits, ServesBesideClientsThatNeverReadAndSlowWriters) {
         abandoned.say(request("ports.Get", std::to_string(i)));
     }
     for (const StreamClient &writer : slow) {
-        EXPECT_TRUE(still_serves(service));
+        EXPECT_TRUE(still_serves());
         writer.say(":");
     }
     EXPECT_EQ(fleet.router->times_said("said nothing in time"), 0);

@@ -3,7 +3,6 @@
  */
 #include <numeric>
 #include <optional>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -47,10 +46,9 @@ bool tells_peer_groups(const std::vector<gid_t> &groups) {
 
 /** The policy of docs/router.md: its indented lines from one that begins so to the end of that listing. */
 std::string policy_of_the_page() {
-    std::istringstream page(read_file(TAVRIX_SOURCE_DIR "/docs/router.md"));
     std::string policy;
     bool is_inside = false;
-    for (std::string line; std::getline(page, line);) {
+    for (const std::string &line : lines_of(read_file(TAVRIX_SOURCE_DIR "/docs/router.md"))) {
         is_inside = is_inside ? line.empty() || line.rfind("    ", 0) == 0
                               : line == "    # the network may read, and nothing else";
         if (is_inside) {

@@ -26,7 +26,15 @@ constexpr char ids_of_bus[] = R"(,"id":"2524546b-ca99-4868-a062-359cefacff7c"})"
 constexpr char data_of_gone[] = R"({"message":"played, which serves ports.Get, is not there","service":"played",)"
                                 R"("channel":"3a6f8f51-502f-4238-9638-29764ff1a8a4"})";
 
-using RouterServices = LoneRouter;
+class RouterServices : public LoneRouter {
+  protected:
+    SessionClient client;
+};
+
+class RouterServiceAndClient : public RouterServices {
+  protected:
+    DirectService service;
+};
 
 } // namespace
 
@@ -38,7 +46,6 @@ TEST_F(RouterServices, RegisterToTheByte) {
                           R"("channel":"3a6f8f51-502f-4238-9638-29764ff1a8a4","publish":[],)"
                           R"("methods":["ports.Get","mzu.List"],"direct":true}})"),
               R"({"jsonrpc":"2.0","id":1,"result":0})");
-    SessionClient client;
     client.say(request("ports.Get", "\"mine\"", ",\"transaction_id\":3,\"params\":{\"port_id\":\"c1-1\"}"));
     const std::string asked = service.hear();
     const std::string number = member(asked, "transaction_id");
@@ -58,7 +65,6 @@ TEST_F(RouterServices, ShowInTheMetricsWhateverTheirMethodsAreCalled) {
     }
     method += "z\xc3\xa9"; // a character of two bytes where a cut would go through it
     DirectService service(Registration::of("[\"" + method + "\"]"));
-    SessionClient client;
     client.say(request(method, "1"));
     service.reply(service.next_request(), "0");
     EXPECT_EQ(result_of(client.hear()), "0");
@@ -102,13 +108,13 @@ TEST_F(RouterServices, AreWelcomedUnderTheNumberOfTheirHello) {
     EXPECT_EQ(service.next_request(), R"({"jsonrpc":"2.0","method":"service.Welcome",)"
                                       R"("params":{"name":"played","number":9007199254740993}})")
         << "those without a number get none";
-    const StreamClient client = fleet.connect();
-    client.say(request("ports.Get", "1"));
+    const StreamClient one_shot = fleet.connect();
+    one_shot.say(request("ports.Get", "1"));
     service.reply(service.next_request(), "1");
     service.publish_reply(hello + R"(,"number":10}})");
     EXPECT_THAT(service.next_request(), HasSubstr("\"number\":10"));
     service.session.close();
-    EXPECT_EQ(result_of(client.hear()), "1") << "the answer came before the welcome";
+    EXPECT_EQ(result_of(one_shot.hear()), "1") << "the answer came before the welcome";
 }
 
 TEST_F(RouterServices, ThatDoNotSettleAreTold) {
@@ -126,7 +132,6 @@ TEST_F(RouterServices, MayPublishOnTheBusAndServeDirectly) {
     registration.direct = "true";
     BusService service(fleet, registration);
     EXPECT_EQ(result_of(service.registered), "0");
-    SessionClient client;
     client.say(request("ports.Get", "1"));
     const std::string asked = service.session.hear_of("ports.Get");
     service.publish_reply(service_reply(asked, "\"by the wrong road\""));
@@ -246,7 +251,6 @@ TEST_F(RouterServices, WithoutMethodsGetWhatNoOtherOffers) {
     Registration any{"any"};
     any.methods = "[]";
     DirectService taker(any);
-    SessionClient client;
     EXPECT_TRUE(serves(named, client));
     EXPECT_TRUE(serves(taker, client, "mzu.Whatever"));
 }
@@ -272,7 +276,6 @@ TEST_F(RouterServices, MayComeAndGoTenThousandTimes) {
         const std::filesystem::directory_iterator all("/proc/" + std::to_string(fleet.router->pid()) + "/fd");
         return std::distance(begin(all), end(all));
     };
-    SessionClient client;
     EXPECT_EQ(id_of(client.ask(request("router.Status", "1"))), "1");
     const auto before = open_ones();
     for (int i = 0; i < 10000; ++i) {
@@ -291,54 +294,44 @@ TEST_F(RouterServices, MayComeAndGoTenThousandTimes) {
 TEST_F(RouterServices, ThatGoHaveTheirCallersAnsweredAtOnceAndAreCalledAgain) {
     fleet.start_lone_router({"--reply-timeout", "86400000"}); // nobody waits for that
     const auto come_and_go = [this](auto begin) {
-        SessionClient client;
+        EXPECT_TRUE(wait_until([this] { return fleet.status("services").find("\"up\"") == std::string::npos; }));
+        SessionClient caller;
         const StreamClient one_shot = fleet.connect();
         {
             auto service = begin();
-            client.say(request("ports.Get", "1", ",\"transaction_id\":8"));
+            caller.say(request("ports.Get", "1", ",\"transaction_id\":8"));
             service.next_request();
             one_shot.say(request("ports.Get", "\"text\""));
             service.next_request();
         }
-        EXPECT_EQ(client.hear(),
+        EXPECT_EQ(caller.hear(),
                   R"({"jsonrpc":"2.0","id":1,"error":{"code":-32601,"message":"Method not found","data":)" +
                       std::string(data_of_gone) + R"(},"transaction_id":8})");
         const std::string other = one_shot.hear();
         EXPECT_EQ(code_of(other), "-32601");
         EXPECT_EQ(id_of(other), "\"text\"") << "the router's own answer";
         EXPECT_EQ(data_of(other), data_of_gone);
-        EXPECT_EQ(data_of(client.ask(request("ports.Get", "2"))), data_of_gone) << "and so is who comes later";
+        EXPECT_EQ(data_of(caller.ask(request("ports.Get", "2"))), data_of_gone) << "and so is who comes later";
         EXPECT_EQ(fleet.status("in_flight"), "0");
         auto back = begin();
-        EXPECT_TRUE(serves(back, client)) << "the first one after it";
+        EXPECT_TRUE(serves(back, caller)) << "the first one after it";
     };
     come_and_go([] { return DirectService(); });
     EXPECT_EQ(fleet.status("gone"), "2");
     EXPECT_EQ(member(member(fleet.status("methods"), "ports.Get"), "gone"), "2");
-    EXPECT_TRUE(wait_until([this] { return fleet.router->times_said("Service played has gone") == 2; }));
     Registration registration = Registration::on_bus();
-    registration.publish = free_bus_address(); // the same one each time
-    come_and_go([&] { return BusService(fleet, registration); });
+    for (const std::string &publish : {std::string("[]"), free_bus_address()}) { // another one each time, or the same
+        registration.publish = publish;
+        come_and_go([&] { return BusService(fleet, registration); });
+    }
 }
 
-TEST_F(RouterServices, ThatReplyWithNothingAreAnErrorForTheirCallers) {
-    DirectService service;
-    SessionClient client;
+TEST_F(RouterServiceAndClient, ThatReplyWithNothingAreAnErrorForTheirCallers) {
     client.say(request("ports.Get", "1", ",\"transaction_id\":8"));
     service.say(R"({"jsonrpc":"2.0","id":"ports.Get","transaction_id":)" +
                 member(service.next_request(), "transaction_id") + "}");
     EXPECT_EQ(client.hear(), R"({"jsonrpc":"2.0","id":1,"error":{"code":-32603,"message":"Internal error",)"
                              R"("data":null},"transaction_id":8})");
-}
-
-TEST_F(RouterServices, ThatComeBackAreCalledAgain) {
-    SessionClient client;
-    for (int i = 0; i < 3; ++i) {
-        BusService service(fleet);
-        EXPECT_TRUE(serves(service, client));
-        service.session.close();
-        EXPECT_TRUE(wait_until([&] { return code_of(client.ask(request("ports.Get", "1"))) == "-32601"; }));
-    }
 }
 
 TEST_F(RouterServices, NobodyServesWhatNobodyEverOffered) {
@@ -352,7 +345,6 @@ TEST_F(RouterServices, NobodyServesWhatNobodyEverOffered) {
 
 TEST_F(RouterServices, HearOfEachOther) {
     DirectService first;
-    SessionClient client;
     client.ask(subscription("Subscribe", R"(["*"])"));
     {
         DirectService second({"second", TAVRIX_CHANNEL_EVENTS, "[]", R"(["events.List"])", "true"});
@@ -381,7 +373,6 @@ TEST_F(RouterServices, AreNotClosedForAllThatPublishNowhereAndComeAndGo) {
         return member(services.substr(services.find(R"({"name":"passing")")), "state") == "\"gone\"";
     }));
     EXPECT_EQ(member(at_work.hear_of("router.Lost"), "method"), "\"router.Lost\"");
-    SessionClient client;
     EXPECT_TRUE(serves(at_work, client));
 }
 
@@ -389,7 +380,6 @@ TEST_F(RouterServices, AreShownInTheStatus) {
     { DirectService gone(Registration{"gone"}); }
     EXPECT_TRUE(fleet.router->says("Service gone has gone"));
     DirectService up(Registration::of(R"(["ports.Set"])"));
-    SessionClient client;
     client.say(request("ports.Set", "1"));
     up.next_request();
     const std::string services = fleet.status("services");
@@ -416,11 +406,11 @@ TEST_F(RouterServices, AreToldWhatNobodyWaitsForAnyMore) {
     const std::string abandoned = service.next_request();
     leaving.close();
     EXPECT_EQ(service.hear(), cancel(abandoned));
-    SessionClient client;
-    client.say(request("ports.Get", "1"));
+    SessionClient caller;
+    caller.say(request("ports.Get", "1"));
     const std::string late = service.next_request();
     EXPECT_EQ(service.hear(), cancel(late));
-    EXPECT_EQ(code_of(client.hear()), "-32005");
+    EXPECT_EQ(code_of(caller.hear()), "-32005");
     service.reply(late, "\"late\"");
     service.reply(abandoned, "\"late\"");
     EXPECT_EQ(id_of(service.ask(request("router.Status", "1"))), "1");
@@ -431,11 +421,9 @@ TEST_F(RouterServices, AreToldWhatNobodyWaitsForAnyMore) {
 
 // --- Whose reply it is ---------------------------------------------------------------------------------------------
 
-TEST_F(RouterServices, ReplyToTheirOwnRequestsOnly) {
-    DirectService service;
+TEST_F(RouterServiceAndClient, ReplyToTheirOwnRequestsOnly) {
     DirectService foreign({"foreign", TAVRIX_CHANNEL_EVENTS, "[]", R"(["events.List"])", "true"});
     BusService on_bus(fleet, Registration::on_bus("bus", R"(["mzu.List"])"));
-    SessionClient client;
     client.say(request("ports.Get", "1"));
     const std::string asked = service.next_request();
     foreign.reply(asked, "\"foreign\"");
@@ -541,15 +529,12 @@ TEST_F(RouterServices, AreNotToldWhoCallsUnlessTheyAsk) {
         const std::string method = "ports.Get" + callers;
         DirectService service(
             {"played" + callers, TAVRIX_CHANNEL_FIRST, "[]", "[\"" + method + "\"]", "true", callers});
-        SessionClient client;
         client.say(request(method, "1"));
         EXPECT_THAT(service.next_request(), EndsWith(ids_of_bus));
     }
 }
 
-TEST_F(RouterServices, ReplyTwiceToNoAvail) {
-    DirectService service;
-    SessionClient client;
+TEST_F(RouterServiceAndClient, ReplyTwiceToNoAvail) {
     client.say(request("ports.Get", "1"));
     const std::string first = service.next_request();
     service.reply(first, "1");
@@ -563,9 +548,7 @@ TEST_F(RouterServices, ReplyTwiceToNoAvail) {
     EXPECT_EQ(result_of(client.hear()), "4");
 }
 
-TEST_F(RouterServices, ReplyWithAsMuchAsTheBusCarries) {
-    DirectService service;
-    SessionClient client;
+TEST_F(RouterServiceAndClient, ReplyWithAsMuchAsTheBusCarries) {
     for (const size_t size : {65536U, 8U * 1024 * 1024}) {
         const std::string result = "\"" + std::string(size, 'r') + "\"";
         client.say(request("ports.Get", "1"));
@@ -579,9 +562,7 @@ TEST_F(RouterServices, ReplyWithAsMuchAsTheBusCarries) {
 }
 
 /** The router escapes what is beyond ASCII. A service of the kit leaves its session over a longer line. */
-TEST_F(RouterServices, SendNobodyALineThatGrowsBeyondWhatSessionsTake) {
-    DirectService service;
-    SessionClient client;
+TEST_F(RouterServiceAndClient, SendNobodyALineThatGrowsBeyondWhatSessionsTake) {
     client.ask(subscription("Subscribe", R"(["ports.*"])"));
     const auto letters = [](size_t count) { return "\"" + repeated("\xc3\xa9", 2 * count) + "\""; };
     constexpr size_t too_many = size_t{9} * 1024 * 1024 / 6;
@@ -601,20 +582,20 @@ TEST_F(RouterServices, SendNobodyALineThatGrowsBeyondWhatSessionsTake) {
 TEST_F(RouterServices, ThatDoNotReadAreBusyAtLast) {
     fleet.start_lone_router({"--max-in-flight", "100000", "--reply-timeout", "86400000"});
     DirectService service;
-    SessionClient client;
+    SessionClient caller;
     const std::string filling = ",\"params\":{\"filling\":\"" + std::string(60000, 'x') + "\"}";
     std::string answer;
     for (int i = 0; i < 400 && answer.empty(); ++i) { // up to 24 megabytes
-        client.say(request("ports.Get", std::to_string(i), filling));
-        client.say(request("router.Status", "\"status\""));
-        const std::string line = client.hear();
+        caller.say(request("ports.Get", std::to_string(i), filling));
+        caller.say(request("router.Status", "\"status\""));
+        const std::string line = caller.hear();
         answer = id_of(line) == "\"status\"" ? "" : line;
     }
     EXPECT_EQ(error_of(answer), "-32014 played does not read its requests");
     EXPECT_EQ(fleet.status("busy"), "1");
     EXPECT_EQ(fleet.status("served"), "0");
     service.reply(service.next_request(), "\"it reads again\"");
-    EXPECT_EQ(result_of(client.hear_of("it reads again")), "\"it reads again\"");
+    EXPECT_EQ(result_of(caller.hear_of("it reads again")), "\"it reads again\"");
 }
 
 // --- The logger's configuration ------------------------------------------------------------------------------------
@@ -622,7 +603,6 @@ TEST_F(RouterServices, ThatDoNotReadAreBusyAtLast) {
 TEST_F(RouterServices, AllRereadTheLoggersConfigurationAndOneAnswers) {
     DirectService direct;
     BusService on_bus(fleet, {"bus", TAVRIX_CHANNEL_DEFAULT, "[]", R"(["other.List"])", ""});
-    SessionClient client;
     client.say(request("logger.ReloadConf", "1"));
     const std::string over_bus = on_bus.next_request();
     EXPECT_EQ(member(over_bus, "method"), "\"logger.ReloadConf\"");

@@ -33,6 +33,9 @@ std::string members_of(const std::string &object, const std::vector<const char *
     return text;
 }
 
+/** The code of an error answer, and its id. */
+std::string refusal_of(const std::string &answer) { return code_of(answer) + " " + id_of(answer); }
+
 std::string numbered(size_t number, const std::string &filling) {
     return notification("ports.N", "{\"n\":" + std::to_string(number) + ",\"filling\":\"" + filling + "\"}");
 }
@@ -43,19 +46,24 @@ std::string padded(const std::string &text, size_t line) { return text + std::st
 class RouterSession : public LoneRouter {
   protected:
     /** Hears the router's answer to a request for its status, and so knows that it has read what was said before. */
-    static void catch_up(SessionClient &client) {
-        client.say(request("router.Status", "\"caught up\""));
-        EXPECT_EQ(id_of(client.hear_of("caught up")), "\"caught up\"");
+    static void catch_up(SessionClient &session) {
+        session.say(request("router.Status", "\"caught up\""));
+        EXPECT_EQ(id_of(session.hear_of("caught up")), "\"caught up\"");
     }
+
+    SessionClient client;
+};
+
+class RouterSessionAndService : public RouterSession {
+  protected:
+    DirectService service;
 };
 
 } // namespace
 
 // --- Lines and ids -------------------------------------------------------------------------------------------------
 
-TEST_F(RouterSession, AnswersWithTheRequestsOwnIds) {
-    DirectService service;
-    SessionClient client;
+TEST_F(RouterSessionAndService, AnswersWithTheRequestsOwnIds) {
     const std::pair<const char *, std::string> rows[] = {{"1", "7"},
                                                          {"-1", ""},
                                                          {"1.5", "2.5"},
@@ -73,9 +81,7 @@ TEST_F(RouterSession, AnswersWithTheRequestsOwnIds) {
     }
 }
 
-TEST_F(RouterSession, AnswersManyInFlightAsTheyComeEachToItsId) {
-    DirectService service;
-    SessionClient client;
+TEST_F(RouterSessionAndService, AnswersManyInFlightAsTheyComeEachToItsId) {
     constexpr int count = 100;
     for (int i = 0; i < count; ++i) {
         client.say(request("ports.Get", std::to_string(i), ",\"params\":{\"n\":" + std::to_string(i) + "}"));
@@ -92,8 +98,7 @@ TEST_F(RouterSession, AnswersManyInFlightAsTheyComeEachToItsId) {
     }
 }
 
-TEST_F(RouterSession, KeepsTwoRequestsOfTheSameIdsApart) {
-    DirectService service;
+TEST_F(RouterSessionAndService, KeepsTwoRequestsOfTheSameIdsApart) {
     SessionClient first;
     SessionClient second;
     const std::string same = request("ports.Get", "1", ",\"transaction_id\":1");
@@ -112,72 +117,50 @@ TEST_F(RouterSession, KeepsTwoRequestsOfTheSameIdsApart) {
 }
 
 TEST_F(RouterSession, AnswersWhatIsNoRequestAndGoesOn) {
-    SessionClient client;
-    const struct {
-        const char *line;
-        const char *code;
-        const char *id;
-    } rows[] = {
-        {"nonsense", "-32700", "null"},
-        {R"({"half":)", "-32700", "null"},
-        {"{} {}", "-32700", "null"},
-        {"\xff\xfe", "-32700", "null"},
-        {R"({"jsonrpc":"2.0","method":"router.Status","id":"\u0000"})", "-32700", "null"},
-        {"5", "-32600", "null"},
-        {"\"text\"", "-32600", "null"},
-        {"null", "-32600", "null"},
-        {"[]", "-32600", "null"},
-        {"{}", "-32600", "null"},
-        {R"({"jsonrpc":"2.0","method":"router.Status","id":null})", "-32600", "null"},
-        {R"({"jsonrpc":"2.0","method":"router.Status","id":[]})", "-32600", "null"},
-        {R"({"jsonrpc":"2.0","method":"router.Status"})", "-32600", "null"},
-        {R"({"jsonrpc":"2.0","method":"ports.Set"})", "-32600", "null"},
-        {R"({"jsonrpc":"2.0","id":"ports.Get","result":1})", "-32601", "\"ports.Get\""},
-        {R"({"method":"router.Status","id":"a"})", "-32600", "\"a\""},
-        {R"({"jsonrpc":"2.0","method":"router.Status","id":1,"transaction_id":"1"})", "-32600", "1"},
-        {R"({"jsonrpc":"1.0","method":"router.Status","id":1})", "-32002", "1"},
-        {R"({"jsonrpc":"2.0","method":"router.Status","id":1,"params":[]})", "-32602", "1"},
-        {R"({"jsonrpc":"2.0","id":1})", "-32601", "1"},
-        {R"({"jsonrpc":"2.0","method":7,"id":1})", "-32601", "1"},
-        {R"({"jsonrpc":"2.0","method":"router.Nothing","id":1})", "-32601", "1"},
+    const std::pair<const char *, const char *> rows[] = {
+        {"nonsense", "-32700 null"},
+        {R"({"half":)", "-32700 null"},
+        {"{} {}", "-32700 null"},
+        {"\xff\xfe", "-32700 null"},
+        {R"({"jsonrpc":"2.0","method":"router.Status","id":"\u0000"})", "-32700 null"},
+        {"5", "-32600 null"},
+        {"\"text\"", "-32600 null"},
+        {"null", "-32600 null"},
+        {"[]", "-32600 null"},
+        {"{}", "-32600 null"},
+        {R"({"jsonrpc":"2.0","method":"router.Status","id":null})", "-32600 null"},
+        {R"({"jsonrpc":"2.0","method":"router.Status","id":[]})", "-32600 null"},
+        {R"({"jsonrpc":"2.0","method":"router.Status"})", "-32600 null"},
+        {R"({"jsonrpc":"2.0","method":"ports.Set"})", "-32600 null"},
+        {R"({"jsonrpc":"2.0","id":"ports.Get","result":1})", "-32601 \"ports.Get\""},
+        {R"({"method":"router.Status","id":"a"})", "-32600 \"a\""},
+        {R"({"jsonrpc":"2.0","method":"router.Status","id":1,"transaction_id":"1"})", "-32600 1"},
+        {R"({"jsonrpc":"1.0","method":"router.Status","id":1})", "-32002 1"},
+        {R"({"jsonrpc":"2.0","method":"router.Status","id":1,"params":[]})", "-32602 1"},
+        {R"({"jsonrpc":"2.0","id":1})", "-32601 1"},
+        {R"({"jsonrpc":"2.0","method":7,"id":1})", "-32601 1"},
+        {R"({"jsonrpc":"2.0","method":"router.Nothing","id":1})", "-32601 1"},
     };
-    for (const auto &row : rows) {
-        const std::string answer = client.ask(row.line);
-        EXPECT_EQ(code_of(answer), row.code) << row.line << answer;
-        EXPECT_EQ(id_of(answer), row.id) << row.line;
+    for (const auto &[line, refusal] : rows) {
+        EXPECT_EQ(refusal_of(client.ask(line)), refusal) << line;
     }
     EXPECT_EQ(id_of(client.ask(request("router.Status", "\"good\""))), "\"good\"");
 }
 
-TEST_F(RouterSession, PassesOverBlankLinesAndCarriageReturns) {
-    SessionClient client;
-    client.say("");
-    client.say("  \t \r");
-    EXPECT_EQ(id_of(client.ask(request("router.Status", "1") + "\r")), "1");
-}
-
 TEST_F(RouterSession, TakesALineOf65536BytesAndNoMore) {
-    SessionClient exact;
-    EXPECT_EQ(id_of(exact.ask(padded(request("router.Status", "1"), longest_line))), "1");
-    EXPECT_EQ(id_of(exact.ask(padded(request("router.Status", "2"), longest_line))), "2") << "each line for itself";
-    SessionClient longer;
-    const std::string answer = longer.ask(padded(request("router.Status", "1"), longest_line + 1));
-    EXPECT_EQ(code_of(answer), "-32600") << answer;
-    EXPECT_EQ(id_of(answer), "null");
-    EXPECT_TRUE(longer.gets_closed());
-    EXPECT_EQ(id_of(exact.ask(request("router.Status", "3"))), "3") << "the others go on";
+    EXPECT_EQ(id_of(client.ask(padded(request("router.Status", "1"), longest_line))), "1");
+    EXPECT_EQ(id_of(client.ask(padded(request("router.Status", "2"), longest_line))), "2") << "each line for itself";
+    std::vector<SessionClient> longer(2);
+    longer[0].say(padded(request("router.Status", "1"), longest_line + 1));
+    EXPECT_TRUE(longer[1].say_bytes(std::string(longest_line, '['))); // whose end is not waited for
+    for (SessionClient &one : longer) {
+        EXPECT_EQ(refusal_of(one.hear()), "-32600 null");
+        EXPECT_TRUE(one.gets_closed());
+    }
+    EXPECT_EQ(id_of(client.ask(request("router.Status", "3"))), "3") << "the others go on";
 }
 
-TEST_F(RouterSession, WaitsForNoEndOfALineThatIsTooLong) {
-    SessionClient client;
-    EXPECT_TRUE(client.say_bytes(std::string(longest_line, '[')));
-    EXPECT_EQ(code_of(client.hear()), "-32600");
-    EXPECT_TRUE(client.gets_closed());
-}
-
-TEST_F(RouterSession, AnswersWhatIsInFlightBeforeItClosesForALongLine) {
-    DirectService service;
-    SessionClient client;
+TEST_F(RouterSessionAndService, AnswersWhatIsInFlightBeforeItClosesForALongLine) {
     client.say(request("ports.Get", "1"));
     const std::string in_flight = service.next_request();
     client.say(std::string(longest_line, ' '));
@@ -187,25 +170,20 @@ TEST_F(RouterSession, AnswersWhatIsInFlightBeforeItClosesForALongLine) {
     EXPECT_EQ(client.hear(), "(closed)");
 }
 
-TEST_F(RouterSession, TakesLinesInAnyPieces) {
-    SessionClient client;
-    const std::string text = request("router.Status", "1") + "\n" + request("router.Status", "2") + "\n";
+TEST_F(RouterSession, TakesLinesInAnyPiecesAndPassesOverBlankOnes) {
+    const std::string text = request("router.Status", "1") + "\n\n  \t \r\n" + request("router.Status", "2") + "\r\n";
     for (const char c : text) {
         EXPECT_TRUE(client.say_bytes(std::string(1, c)));
     }
-    EXPECT_EQ(id_of(client.hear()), "1");
-    EXPECT_EQ(id_of(client.hear()), "2");
     EXPECT_TRUE(client.say_bytes(text + text + text));
-    for (const char *id : {"1", "2", "1", "2", "1", "2"}) {
+    for (const char *id : {"1", "2", "1", "2", "1", "2", "1", "2"}) {
         EXPECT_EQ(id_of(client.hear()), id);
     }
 }
 
 // --- The end of a session ------------------------------------------------------------------------------------------
 
-TEST_F(RouterSession, GetsItsAnswersAfterItHasEndedSending) {
-    DirectService service;
-    SessionClient client;
+TEST_F(RouterSessionAndService, GetsItsAnswersAfterItHasEndedSending) {
     client.say(request("ports.Get", "1"));
     EXPECT_TRUE(client.say_bytes(request("ports.Get", "2"))); // whose newline is the end
     client.end_sending();
@@ -220,17 +198,16 @@ TEST_F(RouterSession, GetsItsAnswersAfterItHasEndedSending) {
     EXPECT_EQ(has_nothing_in_flight.hear(), "(closed)");
 }
 
-TEST_F(RouterSession, CancelsWhatItHasInFlightWhenItCloses) {
-    DirectService service;
+TEST_F(RouterSessionAndService, CancelsWhatItHasInFlightWhenItCloses) {
     for (const bool half_first : {false, true}) {
-        SessionClient client;
-        client.say(request("ports.Get", "1"));
+        SessionClient leaving;
+        leaving.say(request("ports.Get", "1"));
         const std::string in_flight = service.next_request();
         if (half_first) {
-            client.end_sending();
+            leaving.end_sending();
             catch_up(service);
         }
-        client.close();
+        leaving.close();
         EXPECT_EQ(service.hear_of("service.Cancel"),
                   notification("service.Cancel", R"({"transaction_id":)" + member(in_flight, "transaction_id") + "}"))
             << half_first;
@@ -241,9 +218,7 @@ TEST_F(RouterSession, CancelsWhatItHasInFlightWhenItCloses) {
 
 // --- Batches -------------------------------------------------------------------------------------------------------
 
-TEST_F(RouterSession, AnswersABatchAsOneWhenItsLastAnswerIsThere) {
-    DirectService service;
-    SessionClient client;
+TEST_F(RouterSessionAndService, AnswersABatchAsOneWhenItsLastAnswerIsThere) {
     client.say("[" + request("ports.Get", "1") + "," + request("router.Status", "2") + "," +
                request("ports.Get", "\"3\"") + "]");
     EXPECT_EQ(id_of(client.ask(request("router.Status", "\"beside\""))), "\"beside\"")
@@ -257,7 +232,6 @@ TEST_F(RouterSession, AnswersABatchAsOneWhenItsLastAnswerIsThere) {
 }
 
 TEST_F(RouterSession, AnswersEachMemberOfABatchForItself) {
-    SessionClient client;
     EXPECT_EQ(code_of(client.ask("[]")), "-32600") << "an empty batch is answered by one object";
     const std::string batch = client.ask("[1,{},\"text\",[]," + request("router.Lost", "\"none\"") + "," +
                                          request("router.Unlock", "5") + "," + notification("ports.Set") + "]");
@@ -267,9 +241,7 @@ TEST_F(RouterSession, AnswersEachMemberOfABatchForItself) {
     EXPECT_THAT(batch, HasSubstr(R"({"jsonrpc":"2.0","id":5,"result":0})"));
 }
 
-TEST_F(RouterSession, AnswersABatchOfNotificationsOfAServiceWithNothing) {
-    DirectService service;
-    SessionClient client;
+TEST_F(RouterSessionAndService, AnswersABatchOfNotificationsOfAServiceWithNothing) {
     EXPECT_EQ(result_of(client.ask(subscription("Subscribe", R"(["ports.*"])"))), "0");
     service.say("[" + notification("ports.A") + "," + notification("ports.B") + "]");
     EXPECT_EQ(client.hear(), notification("ports.A"));
@@ -278,7 +250,6 @@ TEST_F(RouterSession, AnswersABatchOfNotificationsOfAServiceWithNothing) {
 }
 
 TEST_F(RouterSession, EndsABatchWithTheErrorsOfAServiceThatGoes) {
-    SessionClient client;
     {
         DirectService service;
         client.say("[" + request("ports.Get", "1") + "," + request("ports.Get", "2") + "]");
@@ -292,7 +263,7 @@ TEST_F(RouterSession, EndsABatchWithTheErrorsOfAServiceThatGoes) {
 
 // --- Texts that go on as they were written -------------------------------------------------------------------------
 
-TEST_F(RouterSession, SendsARequestOnAsItWasWrittenButForTheIds) {
+TEST_F(RouterSessionAndService, SendsARequestOnAsItWasWrittenButForTheIds) {
     const std::pair<const char *, const char *> rows[] = {
         {R"({"jsonrpc":"2.0","method":"ports.Get","id":1,"params":{"a":0.1,"b":1e2,"id":7,"s":"}\",{\\"}})",
          R"({"jsonrpc":"2.0","method":"ports.Get","params":{"a":0.1,"b":1e2,"id":7,"s":"}\",{\\"})"},
@@ -305,8 +276,6 @@ TEST_F(RouterSession, SendsARequestOnAsItWasWrittenButForTheIds) {
          R"({"jsonrpc":"2.0","method":"ports.Get","params":{"a":"\u00E9"})"},
         {R"({"jsonrpc":"2.0","method":"ports.Get","\u0069d":1})", R"({"jsonrpc":"2.0","method":"ports.Get")"},
     };
-    DirectService service;
-    SessionClient client;
     for (const auto &[written, sent] : rows) {
         client.say(written);
         const std::string asked = service.next_request();
@@ -323,7 +292,7 @@ TEST_F(RouterSession, SendsARequestOnAsItWasWrittenButForTheIds) {
     EXPECT_EQ(member(client.hear(), "transaction_id"), "5");
 }
 
-TEST_F(RouterSession, SendsAnAnswerOnAsItWasWrittenButForTheIds) {
+TEST_F(RouterSessionAndService, SendsAnAnswerOnAsItWasWrittenButForTheIds) {
     const struct {
         const char *before; // the number under which the service was asked
         const char *behind;
@@ -335,8 +304,6 @@ TEST_F(RouterSession, SendsAnAnswerOnAsItWasWrittenButForTheIds) {
          R"({"error":{"code":-1,"message":"\u00E9"},"id":"mine","jsonrpc":"2.0"})"},
         {R"({"\u0069d":"ports.Get","result":1.50,"transaction_id":)", "}", R"({"id":"mine","result":1.5})"},
     };
-    DirectService service;
-    SessionClient client;
     for (const auto &row : rows) {
         client.say(request("ports.Get", "\"mine\""));
         const std::string number = member(service.next_request(), "transaction_id");
@@ -347,9 +314,7 @@ TEST_F(RouterSession, SendsAnAnswerOnAsItWasWrittenButForTheIds) {
 
 // --- Subscriptions -------------------------------------------------------------------------------------------------
 
-TEST_F(RouterSession, HearsTheNotificationsThatItsPatternsName) {
-    DirectService service;
-    SessionClient client;
+TEST_F(RouterSessionAndService, HearsTheNotificationsThatItsPatternsName) {
     EXPECT_EQ(client.ask(subscription("Subscribe", R"(["ports.Changed","events.*","events.LinkChanged","events.*"])")),
               R"({"jsonrpc":"2.0","id":"Subscribe","result":0})");
     for (const char *method : {"ports.Change", "ports.Changed2", "event.X", "mzu.Changed"}) {
@@ -365,9 +330,7 @@ TEST_F(RouterSession, HearsTheNotificationsThatItsPatternsName) {
     }
 }
 
-TEST_F(RouterSession, AddsToItsPatternsAndTakesExactlyTheseAway) {
-    DirectService service;
-    SessionClient client;
+TEST_F(RouterSessionAndService, AddsToItsPatternsAndTakesExactlyTheseAway) {
     client.ask(subscription("Subscribe", R"(["ports.A","ports.B"])"));
     client.ask(subscription("Subscribe", R"(["ports.B","ports.C*"])"));
     EXPECT_EQ(client.ask(subscription("Unsubscribe", R"(["ports.B","ports.C","never"])")),
@@ -385,7 +348,6 @@ TEST_F(RouterSession, AddsToItsPatternsAndTakesExactlyTheseAway) {
 
 TEST_F(RouterSession, HearsWhatIsPublishedOnTheBusToo) {
     BusService service(fleet);
-    SessionClient client;
     client.ask(subscription("Subscribe", R"(["events.*"])"));
     service.publish("events.Changed", "no JSON");
     service.publish("events.Changed", notification("events.Other"));
@@ -397,7 +359,6 @@ TEST_F(RouterSession, HearsWhatIsPublishedOnTheBusToo) {
 TEST_F(RouterSession, TakesNobodysWordForTheRoutersOwnNotifications) {
     BusService on_bus(fleet);
     DirectService direct({"direct", "505a5451-3ef2-4618-8087-9a22b800a510", "[]", R"(["events.List"])", "true"});
-    SessionClient client;
     client.ask(subscription("Subscribe", R"(["*"])"));
     for (const char *method : {"router.Lost", "router.Traffic", "router.Changed", "service.Cancel"}) {
         direct.say(notification(method));
@@ -410,7 +371,6 @@ TEST_F(RouterSession, TakesNobodysWordForTheRoutersOwnNotifications) {
 }
 
 TEST_F(RouterSession, RefusesPatternsThatCannotBe) {
-    SessionClient client;
     std::string many = "\"p0\"";
     for (int i = 1; i < 65; ++i) {
         many += ",\"p" + std::to_string(i) + "\"";
@@ -444,9 +404,7 @@ TEST_F(RouterSession, OffersSubscriptionsToSessionsOnly) {
 
 // --- Who does not read ---------------------------------------------------------------------------------------------
 
-TEST_F(RouterSession, LosesNothingBelowOneMebibyteUnread) {
-    DirectService service;
-    SessionClient client;
+TEST_F(RouterSessionAndService, LosesNothingBelowOneMebibyteUnread) {
     client.ask(subscription("Subscribe", R"(["*"])"));
     const std::string filling(10000, 'x');
     const size_t count = mebibyte / numbered(100, filling).size() - 1;
@@ -460,9 +418,7 @@ TEST_F(RouterSession, LosesNothingBelowOneMebibyteUnread) {
     EXPECT_EQ(fleet.status("dropped"), "0");
 }
 
-TEST_F(RouterSession, IsToldOnceHowManyNotificationsItLost) {
-    DirectService service;
-    SessionClient client;
+TEST_F(RouterSessionAndService, IsToldOnceHowManyNotificationsItLost) {
     client.ask(subscription("Subscribe", R"(["ports.*"])"));
     const std::string filling(10000, 'x');
     constexpr size_t count = 400; // four megabytes
@@ -483,9 +439,7 @@ TEST_F(RouterSession, IsToldOnceHowManyNotificationsItLost) {
     EXPECT_EQ(client.hear(), notification("ports.After")) << "told once, and all is well again";
 }
 
-TEST_F(RouterSession, KeepsRepliesBeyondTheBoundOfNotifications) {
-    DirectService service;
-    SessionClient client;
+TEST_F(RouterSessionAndService, KeepsRepliesBeyondTheBoundOfNotifications) {
     client.ask(subscription("Subscribe", R"(["ports.*"])"));
     const std::string result = "\"" + std::string(60000, 'r') + "\"";
     constexpr int count = 100; // six megabytes
@@ -503,9 +457,7 @@ TEST_F(RouterSession, KeepsRepliesBeyondTheBoundOfNotifications) {
     EXPECT_EQ(client.hear(), notification("router.Lost", "{\"count\":1}"));
 }
 
-TEST_F(RouterSession, IsClosedWithMoreThanEightMebibytesOfRepliesUnread) {
-    DirectService service;
-    SessionClient client;
+TEST_F(RouterSessionAndService, IsClosedWithMoreThanEightMebibytesOfRepliesUnread) {
     const std::string result = "\"" + std::string(60000, 'r') + "\"";
     for (int i = 0; i < 160; ++i) { // nine megabytes
         client.say(request("ports.Get", std::to_string(i)));
@@ -518,9 +470,7 @@ TEST_F(RouterSession, IsClosedWithMoreThanEightMebibytesOfRepliesUnread) {
     EXPECT_EQ(id_of(SessionClient().ask(request("router.Status", "1"))), "1");
 }
 
-TEST_F(RouterSession, IsNotClosedForManyLargeRepliesThatItReads) {
-    DirectService service;
-    SessionClient client;
+TEST_F(RouterSessionAndService, IsNotClosedForManyLargeRepliesThatItReads) {
     const std::string result = "\"" + std::string(3000000, 'r') + "\"";
     for (int i = 0; i < 8; ++i) { // two megabytes more in one go than may stay unread
         client.say(request("ports.Get", std::to_string(i)));
@@ -530,7 +480,6 @@ TEST_F(RouterSession, IsNotClosedForManyLargeRepliesThatItReads) {
 }
 
 TEST_F(RouterSession, TakesABatchOf256RequestsAndNoMore) {
-    SessionClient client;
     const auto batch_of = [](int count) {
         std::string batch = "[";
         for (int i = 0; i < count; ++i) {
@@ -543,9 +492,7 @@ TEST_F(RouterSession, TakesABatchOf256RequestsAndNoMore) {
     EXPECT_EQ(code_of(client.ask(request("router.Nothing", "1"))), "-32601") << "the session goes on";
 }
 
-TEST_F(RouterSession, BoundsWhatTheAnswersOfABatchTake) {
-    DirectService service;
-    SessionClient client;
+TEST_F(RouterSessionAndService, BoundsWhatTheAnswersOfABatchTake) {
     std::string batch;
     for (int i = 0; i < 100; ++i) {
         batch += (i == 0 ? "[" : ",") + request("ports.Get", std::to_string(i));
@@ -561,11 +508,9 @@ TEST_F(RouterSession, BoundsWhatTheAnswersOfABatchTake) {
 
 // --- Monitors ------------------------------------------------------------------------------------------------------
 
-TEST_F(RouterSession, ShowsAMonitorRequestsAndReplies) {
-    DirectService service;
+TEST_F(RouterSessionAndService, ShowsAMonitorRequestsAndReplies) {
     SessionClient monitor;
     EXPECT_EQ(monitor.ask(subscription("Monitor", R"(["ports.*"])")), R"({"jsonrpc":"2.0","id":"Monitor","result":0})");
-    SessionClient client;
     client.say(request("ports.Get", "\"mine\"", ",\"transaction_id\":5,\"params\":{\"a\":1}"));
     const std::string in_flight = service.next_request();
     service.reply(in_flight, "[1]");
@@ -588,14 +533,14 @@ TEST_F(RouterSession, ShowsAMonitorEveryOutcome) {
     const auto outcome = [&monitor] {
         return member(member(monitor.hear_of(R"("leg":"reply")"), "params"), "outcome");
     };
-    SessionClient client;
+    SessionClient caller;
     {
         DirectService service;
-        client.say(request("ports.Get", "1"));
+        caller.say(request("ports.Get", "1"));
         service.say(R"({"jsonrpc":"2.0","id":"ports.Get","error":{"code":-32001,"message":"m"},"transaction_id":)" +
                     member(service.next_request(), "transaction_id") + "}");
         EXPECT_EQ(outcome(), "\"error\"");
-        client.say(request("ports.Get", "1"));
+        caller.say(request("ports.Get", "1"));
         EXPECT_EQ(outcome(), "\"timeout\"");
         service.next_request();
         {
@@ -604,7 +549,7 @@ TEST_F(RouterSession, ShowsAMonitorEveryOutcome) {
             service.next_request();
         }
         EXPECT_EQ(outcome(), "\"cancelled\"");
-        client.say(request("ports.Get", "1"));
+        caller.say(request("ports.Get", "1"));
         service.next_request();
     }
     EXPECT_EQ(outcome(), "\"gone\"");
@@ -626,8 +571,7 @@ TEST_F(RouterSession, ShowsAMonitorTheOtherRoadsAndNotifications) {
     EXPECT_EQ(members_of(traffic(monitor), {"service", "road"}), R"("direct" "direct")");
 }
 
-TEST_F(RouterSession, ReplacesWhatAMonitorWatchesAndEndsIt) {
-    DirectService service;
+TEST_F(RouterSessionAndService, ReplacesWhatAMonitorWatchesAndEndsIt) {
     SessionClient monitor;
     monitor.ask(subscription("Monitor", R"(["ports.*"])"));
     monitor.ask(subscription("Monitor", R"(["mzu.*"])"));

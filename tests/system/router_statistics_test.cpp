@@ -46,6 +46,8 @@ class RouterStatistics : public LoneRouter {
   protected:
     std::string status_of(const char *method) { return member(fleet.status("methods"), method); }
     std::string metrics() { return text_of(result_of(fleet.ask(request("router.Metrics", "1")))); }
+
+    SessionClient client;
 };
 
 /** Calls of known delays: the router has measured no less than the service has held, no more than the client waited. */
@@ -85,7 +87,6 @@ size_t count_within(const std::vector<double> &times, double bound) {
 
 TEST_F(RouterStatistics, TellWithinABucketHowLongCallsTook) {
     DirectService service;
-    SessionClient client;
     Delays delays;
     for (int i = 0; i < 20; ++i) {
         delays.play(service, client, i < 10 ? 0 : (i < 18 ? 10 : 60));
@@ -126,29 +127,29 @@ TEST_F(RouterStatistics, TellWithinABucketHowLongCallsTook) {
 
 TEST_F(RouterStatistics, CountEachCallInOneOutcome) {
     fleet.start_lone_router({"--reply-timeout", "1000"});
-    SessionClient client;
+    SessionClient caller;
     {
         DirectService service;
         for (int i = 0; i < 3; ++i) {
-            EXPECT_TRUE(serves(service, client));
+            EXPECT_TRUE(serves(service, caller));
         }
         for (int i = 0; i < 2; ++i) {
-            client.say(request("ports.Get", "1"));
+            caller.say(request("ports.Get", "1"));
             service.say(R"({"jsonrpc":"2.0","id":"ports.Get","error":{"code":-32001,"message":"m"},"transaction_id":)" +
                         member(service.next_request(), "transaction_id") + "}");
-            EXPECT_EQ(code_of(client.hear()), "-32001");
+            EXPECT_EQ(code_of(caller.hear()), "-32001");
         }
-        EXPECT_EQ(code_of(client.ask(request("ports.Get", "1"))), "-32005");
+        EXPECT_EQ(code_of(caller.ask(request("ports.Get", "1"))), "-32005");
         service.next_request();
         SessionClient leaving;
         leaving.say(request("ports.Get", "1"));
         service.next_request();
         leaving.close();
         EXPECT_NE(service.hear_of("service.Cancel"), "(closed)");
-        client.say(request("ports.Get", "1"));
+        caller.say(request("ports.Get", "1"));
         service.next_request();
     }
-    EXPECT_EQ(code_of(client.hear()), "-32601");
+    EXPECT_EQ(code_of(caller.hear()), "-32601");
     const std::string row = status_of("ports.Get");
     const std::map<const char *, const char *> counts = {
         {"calls", "8"}, {"errors", "2"}, {"timeouts", "1"}, {"gone", "1"}, {"cancelled", "1"}};
@@ -243,7 +244,6 @@ struct Exposition {
 
 TEST_F(RouterStatistics, AreWhatPrometheusReads) {
     DirectService service(Registration::of(R"(["ports.Get","ports.a\"b\\c\u00e9","ports.d{e=\"f\"} 1"])"));
-    SessionClient client;
     Delays().play(service, client, 30);
     for (const char *method : {"ports.Get", R"(ports.a\"b\\c\u00e9)", R"(ports.d{e=\"f\"} 1)"}) {
         EXPECT_TRUE(serves(service, client, method)) << method;
@@ -294,11 +294,11 @@ TEST_F(RouterStatistics, GiveEachCallInFlightANumberOfItsOwn) {
     reply(sessions * calls_each / 2); // while the others stay in flight
     call(sessions * calls_each, sessions * calls_each * 3 / 2);
     reply(0);
-    for (size_t client = 0; client < sessions; ++client) {
+    for (size_t session = 0; session < sessions; ++session) {
         std::set<std::string> answered;
         for (int i = 0; i < calls_each * 3 / 2; ++i) {
-            const std::string answer = clients[client].hear();
-            EXPECT_EQ(result_of(answer), "\"" + std::to_string(client) + "-" + id_of(answer) + "\"") << answer;
+            const std::string answer = clients[session].hear();
+            EXPECT_EQ(result_of(answer), "\"" + std::to_string(session) + "-" + id_of(answer) + "\"") << answer;
             EXPECT_EQ(member(answer, "transaction_id"), "1") << answer;
             EXPECT_TRUE(answered.insert(id_of(answer)).second) << answer;
         }
@@ -385,7 +385,6 @@ TEST_F(RouterStatistics, DeliverOnceWhatAServicePublishesOnTwoAddresses) {
         return registered != "(time-out)";
     }));
     ASSERT_EQ(result_of(registered), "0") << registered;
-    SessionClient client;
     client.ask(subscription("Subscribe", R"(["ports.*"])"));
     for (int i = 0; i < 3000; ++i) { // long enough for a second connection, which takes its time
         const std::string changed = notification("ports.Changed", R"({"n":)" + std::to_string(i) + "}");
@@ -400,7 +399,6 @@ TEST_F(RouterStatistics, AreSilentToMonitorsOfWhatReachesNoService) {
     DirectService service;
     SessionClient monitor;
     monitor.ask(subscription("Monitor", R"(["*"])"));
-    SessionClient client;
     EXPECT_EQ(code_of(client.ask(request("ports.Nothing", "1"))), "-32601");
     EXPECT_EQ(code_of(client.ask(request("router.Nothing", "1"))), "-32601");
     EXPECT_EQ(code_of(client.ask(R"({"method":"ports.Get","id":1})")), "-32600");

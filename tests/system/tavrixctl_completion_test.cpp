@@ -190,9 +190,6 @@ TEST(CtlCompletion, OffersInBashWhatTheToolKnows) {
 TEST(CtlCompletion, LeavesOutWhatStandsBehindTheCursor) {
     EXPECT_EQ(completed("tavrixctl shm g", "abc"), "get|");
     EXPECT_EQ(completed("tavrixctl call --json=p", "x"), "pretty|");
-}
-
-TEST(CtlCompletion, OffersWholeWordsWhereBashDoesNotBreakThem) {
     EXPECT_EQ(completed("tavrixctl call --json=p", "", {"tavrixctl", "call", "--json=p"}), "--json=pretty|");
 }
 

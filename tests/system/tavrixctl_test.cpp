@@ -1,6 +1,5 @@
 #include <csignal>
 #include <cstdlib>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 
@@ -33,10 +32,11 @@ using RoutedCtlStatus = StartedRouter;
 
 /** The lines under "examples:", up to the next blank line. */
 std::vector<std::string> examples_of(const std::string &help) {
-    std::istringstream lines(help.substr(help.find("examples:\n")));
     std::vector<std::string> examples;
-    std::string line;
-    for (std::getline(lines, line); std::getline(lines, line) && !line.empty();) {
+    for (const std::string &line : lines_of(help.substr(help.find("examples:\n") + 10))) {
+        if (line.empty()) {
+            break;
+        }
         examples.push_back(line.substr(2));
     }
     return examples;

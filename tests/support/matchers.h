@@ -4,6 +4,7 @@
 #ifndef TAVRIX_TESTS_SUPPORT_MATCHERS_H
 #define TAVRIX_TESTS_SUPPORT_MATCHERS_H
 
+#include <ostream>
 #include <string>
 
 #include <gmock/gmock.h>
@@ -11,6 +12,10 @@
 #include "support/process.h"
 
 namespace support {
+
+inline void PrintTo(const Finished &finished, std::ostream *out) {
+    *out << "status " << finished.status << "\n" << finished.output << finished.diagnostics;
+}
 
 using TextMatcher = testing::Matcher<std::string>;
 

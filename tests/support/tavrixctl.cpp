@@ -11,6 +11,4 @@ Finished script(const std::string &text) { return run_script("tavrixctl", TAVRIX
 
 std::vector<std::string> verbs() { return lines_of("\n" + ctl({"__complete", ""}).output); }
 
-std::string first_line(const std::string &text) { return text.substr(0, text.find('\n')); }
-
 } // namespace support

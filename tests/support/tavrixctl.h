@@ -19,8 +19,6 @@ Finished script(const std::string &text);
 /** Every verb of the tool, and none at all. */
 std::vector<std::string> verbs();
 
-std::string first_line(const std::string &text);
-
 } // namespace support
 
 #endif

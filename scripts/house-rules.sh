@@ -97,7 +97,6 @@ rule fixed-sleep "a test waits for a condition: a fixed time is too short on som
 longest=900
 declare -A longer=( # its own limit, and the reason
     [src/tavrix_jrpc.cpp]="1300 its log lines carry one unit name and a line number"
-    [tests/system/router_test.cpp]="1100 the router's black-box behaviour, one fixture"
 )
 while read -r lines file; do
     file=${file#./}

@@ -11,14 +11,6 @@ int discover(const Target &target, const Deadline &deadline, Json *document) {
     return router.ask(names::discover, nullptr, deadline, document);
 }
 
-std::vector<const json_t *> elements_of(const json_t *object, const char *key) {
-    std::vector<const json_t *> elements;
-    size_t index = 0;
-    const json_t *element = nullptr;
-    json_array_foreach(json_object_get(object, key), index, element) { elements.push_back(element); }
-    return elements;
-}
-
 std::vector<const json_t *> methods_of(const json_t *document) {
     std::vector<const json_t *> methods = elements_of(document, "methods");
     std::sort(methods.begin(), methods.end(),

@@ -14,9 +14,6 @@ namespace tavrixctl {
 /** Asks for the document. Complains and returns the exit status when there is none. */
 int discover(const Target &target, const Deadline &deadline, Json *document);
 
-/** The elements of a member that is an array; none when it is no array. */
-std::vector<const json_t *> elements_of(const json_t *object, const char *key);
-
 /** The document's methods in the order of their names. */
 std::vector<const json_t *> methods_of(const json_t *document);
 

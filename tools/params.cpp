@@ -3,9 +3,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <fstream>
-#include <iostream>
-#include <iterator>
 
 namespace tavrixctl {
 
@@ -35,9 +32,8 @@ Json read_object(const std::string &word) {
         return parse_object(word, "PARAMS");
     }
     const std::string name = word.substr(1);
-    std::ifstream file(name, std::ios::binary);
-    const std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-    if (!file.is_open() || file.bad()) {
+    std::string text;
+    if (!read_file(name, &text)) {
         complain("%s: %s", printable(name).c_str(), std::strerror(errno));
         return nullptr;
     }

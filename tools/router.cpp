@@ -62,6 +62,11 @@ int status_of(const json_t *answer) {
                                                                                        : exit_error_response;
 }
 
+const char *outcome_of(const json_t *answer) {
+    const int status = status_of(answer);
+    return status == exit_result ? "result" : status == exit_timeout ? "timeout" : "error";
+}
+
 bool is_refused_by_policy(const json_t *data) { return text_of(data, "message") == "the policy does not allow this"; }
 
 std::string words_of_failure(const std::string &method, const json_t *answer) {
@@ -89,12 +94,8 @@ std::string words_of_failure(const std::string &method, const json_t *answer) {
 
 std::vector<std::string> known_methods(const json_t *status) {
     std::vector<std::string> methods(std::begin(own_methods), std::end(own_methods));
-    size_t index = 0;
-    const json_t *service = nullptr;
-    json_array_foreach(json_object_get(status, "services"), index, service) {
-        size_t row = 0;
-        const json_t *method = nullptr;
-        json_array_foreach(json_object_get(service, "methods"), row, method) {
+    for (const json_t *service : elements_of(status, "services")) {
+        for (const json_t *method : elements_of(service, "methods")) {
             methods.emplace_back(json_is_string(method) ? json_string_value(method) : "");
         }
     }
@@ -104,11 +105,6 @@ std::vector<std::string> known_methods(const json_t *status) {
         methods.emplace_back(name); // of services that register nowhere: what has been called
     }
     return methods;
-}
-
-std::string text_of(const json_t *object, const char *key) {
-    const json_t *text = json_object_get(object, key);
-    return json_is_string(text) ? std::string(json_string_value(text), json_string_length(text)) : "";
 }
 
 } // namespace tavrixctl

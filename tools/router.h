@@ -31,6 +31,8 @@ class Router {
 
 /** The exit status that an answer stands for: a result, an error, a time-out. */
 int status_of(const json_t *answer);
+/** The same in the word that records and monitors have for it. */
+const char *outcome_of(const json_t *answer);
 
 /** Whether the router's policy has refused it, by the error's data. */
 bool is_refused_by_policy(const json_t *data);
@@ -40,9 +42,6 @@ std::string words_of_failure(const std::string &method, const json_t *answer);
 
 /** The methods that a router.Status tells of, and the router's own. */
 std::vector<std::string> known_methods(const json_t *status);
-
-/** The object's text; empty when it is none. */
-std::string text_of(const json_t *object, const char *key);
 
 } // namespace tavrixctl
 

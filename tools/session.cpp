@@ -59,31 +59,29 @@ Session::Got Session::next_message(const Deadline &deadline, Json *message) {
     return Got::timeout;
 }
 
-Session::Got Session::next_notification(const Deadline &deadline, Json *notification) {
-    if (!kept_.empty()) {
-        *notification = std::move(kept_.front());
-        kept_.pop_front();
-        return Got::line;
-    }
+Session::Got Session::next(bool is_notification, const Deadline &deadline, Json *message) {
     do {
-        const Got got = next_message(deadline, notification);
-        if (got != Got::line || json_object_get(notification->get(), "method") != nullptr) {
+        const Got got = next_message(deadline, message);
+        if (got != Got::line || (json_object_get(message->get(), "method") != nullptr) == is_notification) {
             return got;
+        }
+        if (!is_notification) {
+            kept_.push_back(std::move(*message));
         }
     } while (!deadline.passed());
     return Got::timeout;
 }
 
-Session::Got Session::next_answer(const Deadline &deadline, Json *answer) {
-    do {
-        const Got got = next_message(deadline, answer);
-        if (got != Got::line || json_object_get(answer->get(), "method") == nullptr) {
-            return got;
-        }
-        kept_.push_back(std::move(*answer));
-    } while (!deadline.passed());
-    return Got::timeout;
+Session::Got Session::next_notification(const Deadline &deadline, Json *notification) {
+    if (kept_.empty()) {
+        return next(true, deadline, notification);
+    }
+    *notification = std::move(kept_.front());
+    kept_.pop_front();
+    return Got::line;
 }
+
+Session::Got Session::next_answer(const Deadline &deadline, Json *answer) { return next(false, deadline, answer); }
 
 int Session::ask(const std::string &request, const Deadline &deadline, Json *answer) {
     const int status = send(request, deadline);

@@ -33,6 +33,7 @@ class Session {
     int ask(const std::string &request, const Deadline &deadline, Json *answer);
 
   private:
+    Got next(bool is_notification, const Deadline &deadline, Json *message);
     Got next_message(const Deadline &deadline, Json *message);
     Got next_line(const Deadline &deadline, std::string *line);
 

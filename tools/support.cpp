@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdarg>
 #include <cstdio>
+#include <fstream>
 #include <iostream>
 #include <iterator>
 
@@ -109,6 +110,27 @@ bool print_line(const std::string &line) {
         return false;
     }
     return true;
+}
+
+bool print_lines(const std::vector<std::string> &lines) { return std::all_of(lines.begin(), lines.end(), print_line); }
+
+bool read_file(const std::string &path, std::string *text) {
+    std::ifstream file(path, std::ios::binary);
+    text->assign(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+    return file.is_open() && !file.bad();
+}
+
+std::string text_of(const json_t *object, const char *key) {
+    const json_t *text = json_object_get(object, key);
+    return json_is_string(text) ? std::string(json_string_value(text), json_string_length(text)) : "";
+}
+
+std::vector<const json_t *> elements_of(const json_t *object, const char *key) {
+    std::vector<const json_t *> elements;
+    size_t index = 0;
+    const json_t *element = nullptr;
+    json_array_foreach(json_object_get(object, key), index, element) { elements.push_back(element); }
+    return elements;
 }
 
 } // namespace tavrixctl

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include <jansson.h>
 
@@ -76,6 +77,18 @@ std::string printable(const std::string &text);
 
 /** Writes one line to standard output; false when it could not be written. */
 bool print_line(const std::string &line);
+bool print_lines(const std::vector<std::string> &lines);
+/** The exit status of a verb whose last step was to print. */
+inline int printed(bool done) { return done ? exit_result : exit_error_response; }
+
+/** All of a file; false, with errno, when it cannot be read. */
+bool read_file(const std::string &path, std::string *text);
+
+/** The object's text; empty when it is none. */
+std::string text_of(const json_t *object, const char *key);
+
+/** The elements of a member that is an array; none when it is no array. */
+std::vector<const json_t *> elements_of(const json_t *object, const char *key);
 
 } // namespace tavrixctl
 

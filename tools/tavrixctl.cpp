@@ -3,9 +3,8 @@
  *
  * This file holds the command line only; the verbs are in verb_*.cpp.
  */
-#include <cstdlib>
 #include <functional>
-#include <iostream>
+#include <memory>
 
 #include <CLI/CLI.hpp>
 
@@ -21,6 +20,8 @@ using namespace tavrixctl;
 
 constexpr char version_text[] = "tavrixctl " TAVRIX_VERSION;
 constexpr char params_help[] = "key=text, key:=json, a JSON object, @FILE or - (standard input) with one";
+
+constexpr char slot_help[] = "The slot's name, beginning with '/'";
 
 constexpr int most_params = 256;
 
@@ -38,31 +39,20 @@ constexpr char general_footer[] = R"(examples:
 
 exit status: 0 result, 1 error response or rejected value, 2 usage, 3 time-out, 4 no connection)";
 
-/** Everything a run can be asked for, and the verb that was chosen. */
-struct CommandLine {
-    CallOptions call;
-    SendOptions send;
-    MonitorOptions monitor;
-    ReplayOptions replay;
-    PushOptions push;
-    SubscribeOptions subscribe;
-    WaitOptions wait;
-    LogLevelOptions log_level;
-    ShmOptions shm;
-    DbOptions db_check;
-    DbOptions db_init;
-    StatusOptions status;
-    TopOptions top;
-    WaitServiceOptions wait_service;
-    DiscoverOptions list;
-    DiscoverOptions describe;
-    DiscoverOptions docs;
-    int error_code = 0;
+/** What the chosen verb does. */
+using Run = std::function<int()>;
+
+/** The options of a verb, which the action takes when it is the chosen one. */
+template <class Options, class Action>
+Options &options_of(CLI::App *verb, Run *run, Action action) {
+    const auto options = std::make_shared<Options>();
+    verb->callback([=] { *run = [=] { return action(*options); }; });
+    return *options;
+}
+
+struct ValidateOptions {
     std::string field;
     std::vector<std::string> values;
-    std::string shell;
-    bool show_log = false;
-    std::function<int()> run;
 };
 
 std::string not_empty(const std::string &text) { return text.empty() ? "an empty text is none" : ""; }
@@ -105,17 +95,31 @@ void add_timeout(CLI::App *verb, double *timeout_s) {
         ->capture_default_str();
 }
 
-void add_json(CLI::App *verb, JsonStyle *style) {
-    const std::string usual = *style == JsonStyle::automatic ? "pretty on a terminal, short otherwise" : "short";
+/** `style` is kept as it is unless one of the words is given. */
+template <class Style>
+void add_json(CLI::App *verb, Style *style, const std::string &help, const std::vector<std::string> &words) {
     const auto store = [style](const std::string &word) {
-        *style = word == "pretty" ? JsonStyle::pretty : JsonStyle::single_line;
+        *style = word == "pretty" ? JsonStyle::pretty : word == "lines" ? JsonStyle::lines : JsonStyle::single_line;
     };
-    verb->add_option_function<std::string>("--json", store,
-                                           "Print JSON on several lines (pretty) or on one (short); default: " + usual)
-        ->check(CLI::IsMember(json_words));
+    verb->add_option_function<std::string>("--json", store, help)->check(CLI::IsMember(words));
+}
+void add_json(CLI::App *verb, JsonStyle *style) {
+    add_json(verb, style,
+             "Print JSON on several lines (pretty) or on one (short); default: pretty on a terminal, short otherwise",
+             json_words);
+}
+/** What is shown for people unless one of the words is given. */
+void add_json(CLI::App *verb, std::optional<JsonStyle> *style) {
+    add_json(verb, style, "Print JSON, on several lines (pretty) or on one (short)", json_words);
 }
 
-void add_call(CLI::App &app, CommandLine *line) {
+template <class Options>
+void add_question(CLI::App *verb, Options *options) {
+    add_router(verb, &options->target);
+    add_timeout(verb, &options->timeout_s);
+}
+
+void add_call(CLI::App &app, Run *run) {
     CLI::App *verb =
         add_verb(app, "call", "Send one request and print its result",
                  "  tavrixctl call ports.Get port_id=c1-1\n"
@@ -123,7 +127,7 @@ void add_call(CLI::App &app, CommandLine *line) {
                  "  tavrixctl call ports.Get '{\"port_id\":\"all\"}' --full\n"
                  "  echo '{\"port_id\":\"c1-1\",\"status\":\"enable\"}' | tavrixctl call ports.SetEnabled -\n"
                  "  tavrixctl call --direct /run/tavrix/events.sock events.Last");
-    CallOptions &options = line->call;
+    auto &options = options_of<CallOptions>(verb, run, call);
     verb->add_option("METHOD", options.method, "Method name, for example ports.Get")->required();
     verb->add_option("PARAMS", options.params, params_help)->expected(0, most_params);
     verb->add_option("--id", options.id, "The request's id")->default_val("tavrixctl")->check(not_empty);
@@ -135,38 +139,27 @@ void add_call(CLI::App &app, CommandLine *line) {
     verb->add_flag("--full", options.full, "Print the whole response, also when it is an error");
     add_timeout(verb, &options.timeout_s);
     add_json(verb, &options.json);
-    verb->callback([line] { line->run = [line] { return call(line->call); }; });
 }
 
-void add_send(CLI::App &app, CommandLine *line) {
+void add_send(CLI::App &app, Run *run) {
     CLI::App *verb = add_verb(app, "send", "Send a text as it stands and print the reply",
                               "  tavrixctl send '{\"jsonrpc\":\"2.0\",\"method\":\"router.Status\",\"id\":7}'");
-    SendOptions &options = line->send;
+    auto &options = options_of<SendOptions>(verb, run, tavrixctl::send);
     verb->add_option("TEXT", options.text, "What to send, or - to read it from standard input")->required();
     add_router(verb, &options.target);
     add_direct(verb, &options.target);
     add_timeout(verb, &options.timeout_s);
     add_json(verb, &options.json);
-    verb->callback([line] { line->run = [line] { return send(line->send); }; });
 }
 
-/** What is shown for people unless one of the words is given. */
-void add_optional_json(CLI::App *verb, std::optional<JsonStyle> *style) {
-    const auto store = [style](const std::string &word) {
-        *style = word == "pretty" ? JsonStyle::pretty : JsonStyle::single_line;
-    };
-    verb->add_option_function<std::string>("--json", store, "Print JSON, on several lines (pretty) or on one (short)")
-        ->check(CLI::IsMember(json_words));
-}
-
-void add_monitor(CLI::App &app, CommandLine *line) {
+void add_monitor(CLI::App &app, Run *run) {
     CLI::App *verb = add_verb(app, "monitor", "Print what passes: requests with their replies, and notifications",
                               "  tavrixctl monitor\n"
                               "  tavrixctl monitor 'ports.*' --slower-than 0.001\n"
                               "  tavrixctl monitor --json lines --record traffic.json\n"
                               "  tavrixctl monitor tcp://127.0.0.1:7001 tcp://127.0.0.1:7002\n"
                               "  tavrixctl monitor tcp://127.0.0.1:7003 --channel events");
-    MonitorOptions &options = line->monitor;
+    auto &options = options_of<MonitorOptions>(verb, run, monitor);
     verb->add_option("WORD", options.words,
                      "Methods, or beginnings of some followed by '*'; bus addresses to listen to instead of asking the "
                      "router")
@@ -183,21 +176,14 @@ void add_monitor(CLI::App &app, CommandLine *line) {
         ->take_all();
     verb->add_option("--count", options.count, "End after so many lines");
     add_session(verb, &options.target);
-    const auto store = [&options](const std::string &word) {
-        options.json = word == "pretty"  ? JsonStyle::pretty
-                       : word == "lines" ? JsonStyle::lines
-                                         : JsonStyle::single_line;
-    };
-    verb->add_option_function<std::string>(
-            "--json", store, "Print JSON: on several lines (pretty), on one (short), an object a line (lines)")
-        ->check(CLI::IsMember(monitor_words));
-    verb->callback([line] { line->run = [line] { return monitor(line->monitor); }; });
+    add_json(verb, &options.json, "Print JSON: on several lines (pretty), on one (short), an object a line (lines)",
+             monitor_words);
 }
 
-void add_replay(CLI::App &app, CommandLine *line) {
+void add_replay(CLI::App &app, Run *run) {
     CLI::App *verb = add_verb(app, "replay", "Send recorded requests once more, to a test system",
                               "  tavrixctl replay traffic.json --session session.sock --speed 0");
-    ReplayOptions &options = line->replay;
+    auto &options = options_of<ReplayOptions>(verb, run, replay);
     verb->add_option("FILE", options.file, "What monitor --record has written")->required();
     verb->add_option("--speed", options.speed, "Times as fast as recorded; 0: each when the former is answered")
         ->check(CLI::Range(0.0, 1e6))
@@ -205,91 +191,83 @@ void add_replay(CLI::App &app, CommandLine *line) {
     // No usual path and no variable: requests that change a system are not sent to it by mistake.
     add_session(verb, &options.target)->description("The test system's socket for sessions")->required();
     add_timeout(verb, &options.timeout_s);
-    verb->callback([line] { line->run = [line] { return replay(line->replay); }; });
 }
 
-void add_status(CLI::App &app, CommandLine *line) {
+void add_status(CLI::App &app, Run *run) {
     CLI::App *verb = add_verb(app, "status", "Show the services, clients and calls that the router knows",
                               "  tavrixctl status\n  tavrixctl status --json pretty");
-    StatusOptions &options = line->status;
-    add_router(verb, &options.target);
-    add_timeout(verb, &options.timeout_s);
-    add_optional_json(verb, &options.json);
-    verb->callback([line] { line->run = [line] { return status(line->status); }; });
+    auto &options = options_of<StatusOptions>(verb, run, status);
+    add_question(verb, &options);
+    add_json(verb, &options.json);
 }
 
-void add_top(CLI::App &app, CommandLine *line) {
+void add_top(CLI::App &app, Run *run) {
     CLI::App *verb = add_verb(app, "top", "Show the status again and again, busiest methods first",
                               "  tavrixctl top --interval 0.2 --count 2");
-    TopOptions &options = line->top;
+    auto &options = options_of<TopOptions>(verb, run, top);
     verb->add_option("--interval", options.interval_s, "Seconds from one look to the next")
         ->check(CLI::Range(0.01, 1e6))
         ->capture_default_str();
     verb->add_option("--count", options.count, "End after so many looks");
-    add_router(verb, &options.target);
-    add_timeout(verb, &options.timeout_s);
-    verb->callback([line] { line->run = [line] { return top(line->top); }; });
+    add_question(verb, &options);
 }
 
-void add_metrics(CLI::App &app, CommandLine *line) {
+void add_metrics(CLI::App &app, Run *run) {
     CLI::App *verb =
         add_verb(app, "metrics", "Print what the router counts, in Prometheus' format", "  tavrixctl metrics");
-    StatusOptions &options = line->status;
-    add_router(verb, &options.target);
-    add_timeout(verb, &options.timeout_s);
-    verb->callback([line] { line->run = [line] { return metrics(line->status); }; });
+    auto &options = options_of<StatusOptions>(verb, run, metrics);
+    add_question(verb, &options);
 }
 
-void add_wait_service(CLI::App &app, CommandLine *line) {
+void add_wait_service(CLI::App &app, Run *run) {
     CLI::App *verb = add_verb(app, "wait-service", "Wait until services are there, and the router with them",
                               "  tavrixctl wait-service portsd --timeout 10");
-    WaitServiceOptions &options = line->wait_service;
+    auto &options = options_of<WaitServiceOptions>(verb, run, wait_service);
     verb->add_option("NAME", options.names, "The services' names")->required()->expected(1, 64);
-    add_router(verb, &options.target);
-    add_timeout(verb, &options.timeout_s);
-    verb->callback([line] { line->run = [line] { return wait_service(line->wait_service); }; });
+    add_question(verb, &options);
 }
 
-void add_discovery(CLI::App &app, CommandLine *line) {
-    CLI::App *list = add_verb(app, "list", "List the methods that can be called now",
-                              "  tavrixctl list\n  tavrixctl list 'ports.*'");
-    list->add_option("PATTERN", line->list.word, "A method's name, or the beginning of one followed by *");
-    CLI::App *describe = add_verb(app, "describe", "Show a method's parameters, result, errors and an example",
-                                  "  tavrixctl describe ports.Get");
-    describe->add_option("METHOD", line->describe.word, "Method name")->required();
-    CLI::App *docs = add_verb(app, "docs", "Print what all services say of their methods",
-                              "  tavrixctl docs --format markdown >methods.md");
-    line->docs.word = doc_words.front();
-    docs->add_option("--format", line->docs.word, "markdown, or json: the OpenRPC document; default: markdown")
+/** A verb that reads the document of everything that can be called. */
+CLI::App *add_discovery(CLI::App *verb, Run *run, int (*action)(const DiscoverOptions &), const std::string &word,
+                        const std::string &what) {
+    auto &options = options_of<DiscoverOptions>(verb, run, action);
+    verb->add_option(word, options.word, what);
+    add_question(verb, &options);
+    return verb;
+}
+
+void add_list(CLI::App &app, Run *run) {
+    add_discovery(add_verb(app, "list", "List the methods that can be called now",
+                           "  tavrixctl list\n  tavrixctl list 'ports.*'"),
+                  run, list_methods, "PATTERN", "A method's name, or the beginning of one followed by *");
+    add_discovery(add_verb(app, "describe", "Show a method's parameters, result, errors and an example",
+                           "  tavrixctl describe ports.Get"),
+                  run, describe, "METHOD", "Method name")
+        ->get_option("METHOD")
+        ->required();
+    add_discovery(add_verb(app, "docs", "Print what all services say of their methods",
+                           "  tavrixctl docs --format markdown >methods.md"),
+                  run, docs, "--format", "markdown, or json: the OpenRPC document; default: markdown")
+        ->get_option("--format")
         ->check(CLI::IsMember(doc_words));
-    add_router(list, &line->list.target);
-    add_timeout(list, &line->list.timeout_s);
-    add_router(describe, &line->describe.target);
-    add_timeout(describe, &line->describe.timeout_s);
-    add_router(docs, &line->docs.target);
-    add_timeout(docs, &line->docs.timeout_s);
-    list->callback([line] { line->run = [line] { return list_methods(line->list); }; });
-    describe->callback([line] { line->run = [line] { return tavrixctl::describe(line->describe); }; });
-    docs->callback([line] { line->run = [line] { return tavrixctl::docs(line->docs); }; });
 }
 
-void add_push(CLI::App &app, CommandLine *line) {
+void add_push(CLI::App &app, Run *run) {
     CLI::App *verb = add_verb(app, "push", "Send a one-way request to a daemon's pull socket",
                               "  tavrix-eventsd --pull tcp://127.0.0.1:7013 &\n"
                               "  tavrixctl push tcp://127.0.0.1:7013 events.Report '{\"text\":\"door open\"}'");
-    PushOptions &options = line->push;
+    auto &options = options_of<PushOptions>(verb, run, push);
     verb->add_option("ADDRESS", options.address, "Address of the pull socket")->required();
     verb->add_option("METHOD", options.method, "Method name")->required();
     verb->add_option("PARAMS", options.params, params_help)->expected(0, most_params);
     add_timeout(verb, &options.timeout_s);
-    verb->callback([line] { line->run = [line] { return push(line->push); }; });
 }
 
-void add_subscribe(CLI::App &app, CommandLine *line) {
+void add_subscribe(CLI::App &app, Run *run) {
     CLI::App *verb = add_verb(app, "subscribe", "Print notifications as they are published",
                               "  tavrixctl subscribe 'events.*' --count 2\n"
                               "  tavrixctl subscribe events.LinkChanged --json short --count 1");
-    SubscribeOptions &options = line->subscribe;
+    auto &options = options_of<SubscribeOptions>(verb, run, subscribe);
     verb->add_option("PATTERN", options.patterns, "Methods, or beginnings of some followed by '*'")
         ->required()
         ->expected(1, 64);
@@ -297,16 +275,15 @@ void add_subscribe(CLI::App &app, CommandLine *line) {
     add_session(verb, &options.target);
     verb->add_option("--timeout", options.timeout_s, "Seconds to wait at most; default: for ever")
         ->check(CLI::Range(0.001, 1e6));
-    add_optional_json(verb, &options.json);
-    verb->callback([line] { line->run = [line] { return subscribe(line->subscribe); }; });
+    add_json(verb, &options.json);
 }
 
-void add_wait(CLI::App &app, CommandLine *line) {
+void add_wait(CLI::App &app, Run *run) {
     CLI::App *verb = add_verb(app, "wait", "Wait for a notification and print it",
                               "  tavrixctl wait events.LinkChanged\n"
                               "  tavrixctl wait events.LinkChanged entity=c1-1 --timeout 10\n"
                               "  tavrixctl wait events.LinkChanged tcp://127.0.0.1:7003");
-    WaitOptions &options = line->wait;
+    auto &options = options_of<WaitOptions>(verb, run, tavrixctl::wait);
     verb->add_option("METHOD", options.method, "The notification's method name")->required();
     verb->add_option("WORD", options.words,
                      "What its params have to hold, as key=text or key:=json; bus addresses to listen to instead of "
@@ -319,17 +296,15 @@ void add_wait(CLI::App &app, CommandLine *line) {
     add_session(verb, &options.target);
     add_timeout(verb, &options.timeout_s);
     add_json(verb, &options.json);
-    verb->callback([line] { line->run = [line] { return wait(line->wait); }; });
 }
 
-void add_error(CLI::App &app, CommandLine *line) {
+void add_error(CLI::App &app, Run *run) {
     CLI::App *verb = add_verb(app, "error", "Explain a status or a JSON-RPC error code",
                               "  tavrixctl error -35\n  tavrixctl error -32602");
-    verb->add_option("CODE", line->error_code, "A number of either numbering")->required();
-    verb->callback([line] { line->run = [line] { return explain_error(line->error_code); }; });
+    verb->add_option("CODE", options_of<int>(verb, run, explain_error), "A number of either numbering")->required();
 }
 
-void add_validate(CLI::App &app, CommandLine *line) {
+void add_validate(CLI::App &app, Run *run) {
     std::string fields = "fields:\n ";
     for (const std::string &name : validated_fields()) {
         fields += " " + name;
@@ -337,38 +312,37 @@ void add_validate(CLI::App &app, CommandLine *line) {
     CLI::App *verb =
         add_verb(app, "validate", "Check a value as a request's field",
                  "  tavrixctl validate port_id c128-99\n  tavrixctl validate date_time 2026-05-01 13:45\n\n" + fields);
-    verb->add_option("FIELD", line->field, "The field's name, see below")->required();
-    verb->add_option("VALUE", line->values, "The value; date_time takes two")->required()->expected(1, 2);
-    verb->callback([line] { line->run = [line] { return validate(line->field, line->values); }; });
+    auto &options = options_of<ValidateOptions>(
+        verb, run, [](const ValidateOptions &given) { return validate(given.field, given.values); });
+    verb->add_option("FIELD", options.field, "The field's name, see below")->required();
+    verb->add_option("VALUE", options.values, "The value; date_time takes two")->required()->expected(1, 2);
 }
 
-void add_shm(CLI::App &app, CommandLine *line) {
+void add_shm(CLI::App &app, Run *run) {
     CLI::App *verb = add_verb(app, "shm", "Show, read, write or remove shared-memory slots",
                               "  tavrixctl shm get /tavrix_last_event --int\n"
                               "  tavrixctl shm set /note 'maintenance at noon' --create");
     verb->require_subcommand(1);
-    ShmOptions &options = line->shm;
     CLI::App *get = add_verb(*verb, "get", "Print the slot's value", "  tavrixctl shm get /tavrix_last_event --int");
     CLI::App *set =
         add_verb(*verb, "set", "Store a value in the slot", "  tavrixctl shm set /note 'maintenance at noon' --create");
-    for (CLI::App *action : {get, set}) {
-        action->add_option("NAME", options.name, "The slot's name, beginning with '/'")->required();
-        action->add_flag("--int", options.integer, "The slot holds an integer, not a text");
-        action->add_option("--size", options.size, "Size of a text slot in bytes")
+    auto &setting = options_of<ShmOptions>(set, run, shm_set);
+    for (const auto &[action, options] :
+         {std::pair(get, &options_of<ShmOptions>(get, run, shm_get)), std::pair(set, &setting)}) {
+        action->add_option("NAME", options->name, slot_help)->required();
+        action->add_flag("--int", options->integer, "The slot holds an integer, not a text");
+        action->add_option("--size", options->size, "Size of a text slot in bytes")
             ->check(CLI::Range(size_t{1}, size_t{1} << 20))
             ->capture_default_str();
     }
-    set->add_option("VALUE", options.value, "What to store")->required();
-    set->add_flag("--create", options.create, "Create the slot first; an old one is resized and cleared");
-    add_verb(*verb, "list", "Show every slot", "  tavrixctl shm list")->callback([line] { line->run = shm_list; });
+    set->add_option("VALUE", setting.value, "What to store")->required();
+    set->add_flag("--create", setting.create, "Create the slot first; an old one is resized and cleared");
+    add_verb(*verb, "list", "Show every slot", "  tavrixctl shm list")->callback([run] { *run = shm_list; });
     CLI::App *rm = add_verb(*verb, "rm", "Remove a slot; who has it open keeps it", "  tavrixctl shm rm /note");
-    rm->add_option("NAME", options.name, "The slot's name, beginning with '/'")->required();
-    rm->callback([line] { line->run = [line] { return shm_remove(line->shm); }; });
-    get->callback([line] { line->run = [line] { return shm_get(line->shm); }; });
-    set->callback([line] { line->run = [line] { return shm_set(line->shm); }; });
+    rm->add_option("NAME", options_of<ShmOptions>(rm, run, shm_remove).name, slot_help)->required();
 }
 
-void add_db(CLI::App &app, CommandLine *line) {
+void add_db(CLI::App &app, Run *run) {
     CLI::App *verb = add_verb(app, "db", "Check the configuration database, or make one",
                               "  tavrixctl db init new.db --schema schema.sql\n  tavrixctl db check");
     verb->require_subcommand(1);
@@ -376,29 +350,26 @@ void add_db(CLI::App &app, CommandLine *line) {
                                "  tavrixctl db check\n  tavrixctl db check --schema schema.sql");
     CLI::App *init = add_verb(*verb, "init", "Make a new one; one that exists stays as it is",
                               "  tavrixctl db init another.db --schema schema.sql");
-    for (const auto &[action, options] : {std::pair(check, &line->db_check), std::pair(init, &line->db_init)}) {
+    auto &checking = options_of<DbOptions>(check, run, db_check);
+    auto &making = options_of<DbOptions>(init, run, db_init);
+    for (const auto &[action, options] : {std::pair(check, &checking), std::pair(init, &making)}) {
         action->add_option("FILE", options->file, "The database")->default_val(TAVRIX_CFGDB_PATH);
     }
-    check->add_option("--schema", line->db_check.schema, "SQL file whose tables it has to have");
-    init->add_option("--schema", line->db_init.schema, "SQL file that makes its tables")
-        ->default_val(TAVRIX_SCHEMA_PATH);
-    init->add_option("--data", line->db_init.data, "SQL file that makes its first rows");
-    check->callback([line] { line->run = [line] { return db_check(line->db_check); }; });
-    init->callback([line] { line->run = [line] { return db_init(line->db_init); }; });
+    check->add_option("--schema", checking.schema, "SQL file whose tables it has to have");
+    init->add_option("--schema", making.schema, "SQL file that makes its tables")->default_val(TAVRIX_SCHEMA_PATH);
+    init->add_option("--data", making.data, "SQL file that makes its first rows");
 }
 
-void add_log_level(CLI::App &app, CommandLine *line) {
+void add_log_level(CLI::App &app, Run *run) {
     CLI::App *verb = add_verb(app, "log-level", "Set a daemon's log level and make the daemons reread it",
                               "  tavrixctl log-level portsd verbose");
-    LogLevelOptions &options = line->log_level;
+    auto &options = options_of<LogLevelOptions>(verb, run, log_level);
     verb->add_option("DAEMON", options.daemon, "The daemon's name in the logger's configuration");
     verb->add_option("LEVEL", options.level, "off, info, debug or verbose")->check(CLI::IsMember(log_level_words()));
     verb->add_option("--file", options.file, "The logger's configuration file")->default_val(TAVRIX_LSYSLOG_CONF_PATH);
     verb->add_flag("--no-reload", options.edit_only,
                    "Only edit the file, and ask nobody whether there is such a daemon");
-    add_router(verb, &options.target);
-    add_timeout(verb, &options.timeout_s);
-    verb->callback([line] { line->run = [line] { return log_level(line->log_level); }; });
+    add_question(verb, &options);
 }
 
 /** The first of the words that should be a verb and is none, complained about; empty when all is well. */
@@ -431,50 +402,49 @@ void unguard(CLI::App *app) {
     }
 }
 
-void add_help(CLI::App &app, CommandLine *line) {
+void add_help(CLI::App &app, Run *run) {
     CLI::App *verb = add_verb(app, "help", "Explain a verb", "  tavrixctl help call\n  tavrixctl help shm get");
-    verb->add_option("VERB", line->values, "The verb, and its own")->expected(0, 2);
-    verb->callback([line, &app] {
-        line->run = [line, &app] {
-            if (!find_stranger(app, line->values).empty()) {
-                return static_cast<int>(exit_usage);
-            }
-            CLI::App *asked = &app;
-            std::string name = app.get_name();
-            for (const std::string &word : line->values) {
-                asked = find_verb(asked, word);
-                name += " " + word;
-            }
-            // Not by help(), which explains the verb that was chosen: this one.
-            std::string help = asked->get_formatter()->make_help(asked, name, CLI::AppFormatMode::Normal);
-            help.erase(help.find_last_not_of('\n') + 1);
-            return print_line(help) ? static_cast<int>(exit_result) : static_cast<int>(exit_error_response);
-        };
+    using Words = std::vector<std::string>;
+    auto &asked_for = options_of<Words>(verb, run, [&app](const Words &words) -> int {
+        if (!find_stranger(app, words).empty()) {
+            return exit_usage;
+        }
+        CLI::App *asked = &app;
+        std::string name = app.get_name();
+        for (const std::string &word : words) {
+            asked = find_verb(asked, word);
+            name += " " + word;
+        }
+        // Not by help(), which explains the verb that was chosen: this one.
+        std::string help = asked->get_formatter()->make_help(asked, name, CLI::AppFormatMode::Normal);
+        help.erase(help.find_last_not_of('\n') + 1);
+        return printed(print_line(help));
     });
+    verb->add_option("VERB", asked_for, "The verb, and its own")->expected(0, 2);
 }
 
-void add_completion(CLI::App &app, CommandLine *line) {
+void add_completion(CLI::App &app, Run *run) {
     CLI::App *verb = add_verb(app, "completion", "Print the shell's completion script",
                               "  source <(tavrixctl completion bash)\n  source <(tavrixctl completion zsh)");
-    verb->add_option("SHELL", line->shell, "bash or zsh")->required()->check(CLI::IsMember(shells));
-    verb->callback([line] {
-        line->run = [line] { return print_line(completion_script(line->shell)) ? exit_result : exit_error_response; };
-    });
+    auto &chosen = options_of<std::string>(
+        verb, run, [](const std::string &shell) { return printed(print_line(completion_script(shell))); });
+    verb->add_option("SHELL", chosen, "bash or zsh")->required()->check(CLI::IsMember(shells));
 }
 
 } // namespace
 
 int main(int argc, char **argv) {
-    CommandLine line;
+    Run run;
+    bool show_log = false;
     CLI::App app("The command line of the tavrix middleware", "tavrixctl");
     app.set_version_flag("-V,--version", version_text);
-    app.add_flag("--log", line.show_log, "Show the library's own log lines on standard error");
+    app.add_flag("--log", show_log, "Show the library's own log lines on standard error");
     app.require_subcommand(1);
     app.footer(general_footer);
-    for (auto add : {add_call, add_send, add_status, add_top, add_metrics, add_wait_service, add_discovery, add_monitor,
+    for (auto add : {add_call, add_send, add_status, add_top, add_metrics, add_wait_service, add_list, add_monitor,
                      add_replay, add_push, add_subscribe, add_wait, add_error, add_validate, add_shm, add_db,
                      add_log_level, add_help, add_completion}) {
-        add(app, &line);
+        add(app, &run);
     }
     unguard(&app);
     if (argc > 1 && std::string(argv[1]) == complete_verb) {
@@ -493,8 +463,8 @@ int main(int argc, char **argv) {
     } catch (const CLI::ParseError &error) {
         return app.exit(error) == 0 ? exit_result : exit_usage;
     }
-    if (!line.show_log) {
+    if (!show_log) {
         silence_library_log();
     }
-    return line.run();
+    return run();
 }

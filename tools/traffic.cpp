@@ -13,7 +13,8 @@ namespace {
 constexpr size_t most_pending = 10000; // what waits for replies that were lost must not pile up
 constexpr size_t least_method_width = 16;
 
-Json text_or_null(const std::string &text) { return Json(text.empty() ? json_null() : json_string(text.c_str())); }
+/** For json_pack's `s?`, which makes null of it. */
+const char *text_or_null(const std::string &text) { return text.empty() ? nullptr : text.c_str(); }
 
 Json share(json_t *value) { return Json(json_incref(value)); }
 
@@ -42,17 +43,16 @@ double percentile(const std::vector<double> &sorted, double share) {
 } // namespace
 
 Json to_json(const Exchange &exchange) {
-    Json object(json_pack("{s:f, s:s, s:o, s:o}", "time", exchange.time, "method", exchange.method.c_str(), "service",
-                          text_or_null(exchange.service).release(), "road", text_or_null(exchange.road).release()));
+    Json object(json_pack("{s:f, s:s, s:s?, s:s?}", "time", exchange.time, "method", exchange.method.c_str(), "service",
+                          text_or_null(exchange.service), "road", text_or_null(exchange.road)));
     if (exchange.is_notification) {
         json_object_set(object.get(), "notification", exchange.request.get());
         return object;
     }
-    json_object_set_new(object.get(), "client", text_or_null(exchange.client).release());
-    json_object_set_new(object.get(), "outcome", text_or_null(exchange.outcome).release());
-    json_object_set_new(object.get(), "seconds", json_real(exchange.seconds));
-    json_object_set_new(object.get(), "request", exchange.request ? json_incref(exchange.request.get()) : json_null());
-    json_object_set_new(object.get(), "reply", exchange.reply ? json_incref(exchange.reply.get()) : json_null());
+    const Json rest(json_pack("{s:s?, s:s?, s:f, s:O?, s:O?}", "client", text_or_null(exchange.client), "outcome",
+                              text_or_null(exchange.outcome), "seconds", exchange.seconds, "request",
+                              exchange.request.get(), "reply", exchange.reply.get()));
+    json_object_update(object.get(), rest.get());
     return object;
 }
 
@@ -142,8 +142,7 @@ std::optional<Exchange> Pairing::take_frame(double time, const std::string &chan
     Exchange exchange = std::move(asked->second);
     pending_.erase(asked);
     exchange.seconds = time - exchange.time;
-    const int status = status_of(message);
-    exchange.outcome = status == exit_result ? "result" : status == exit_timeout ? "timeout" : "error";
+    exchange.outcome = outcome_of(message);
     exchange.reply = share(message);
     return exchange;
 }
@@ -163,7 +162,7 @@ void Summary::add(const Exchange &exchange) {
     row.seconds.push_back(exchange.seconds);
 }
 
-std::vector<std::string> Summary::lines() const {
+void Summary::tell_all() const {
     Table table({"METHOD", "CALLS", "ERRORS", "NO REPLY", "NOTIFIED", "P50", "P99"});
     table.align_right(1, 6);
     for (const auto &[method, row] : rows_) {
@@ -176,7 +175,9 @@ std::vector<std::string> Summary::lines() const {
                    std::to_string(row.unanswered), std::to_string(row.notifications), time_within(0.5),
                    time_within(0.99)});
     }
-    return rows_.empty() ? std::vector<std::string>() : table.lines();
+    for (const std::string &line : rows_.empty() ? std::vector<std::string>() : table.lines()) {
+        tell(line);
+    }
 }
 
 } // namespace tavrixctl

@@ -54,8 +54,8 @@ class Pairing {
 class Summary {
   public:
     void add(const Exchange &exchange);
-    /** A table; nothing when there was nothing. */
-    std::vector<std::string> lines() const;
+    /** Tells it as a table; nothing when there was nothing. */
+    void tell_all() const;
 
   private:
     struct Row {

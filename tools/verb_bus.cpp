@@ -3,13 +3,13 @@
  */
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 
 #include <nanomsg/nn.h>
 #include <poll.h>
 
 #include "common/sockets.h"
+#include "common/text.h"
 #include "interrupt.h"
 #include "params.h"
 #include "router.h"
@@ -60,14 +60,14 @@ class BusSocket {
 
     unsigned connections() const { return static_cast<unsigned>(nn_get_statistic(get(), NN_STAT_CURRENT_CONNECTIONS)); }
 
-    /** Waits for the descriptor that tells of messages to receive (or room to send). */
-    bool wait_ready(int (*descriptor_of)(int, int *), int timeout_ms) const {
+    /** Waits for room to send. */
+    bool wait_for_room(const Deadline &deadline) const {
         int fd = -1;
-        if (descriptor_of(get(), &fd) != TAVRIX_OK) {
+        if (tavrix_mq_socket_sendfd(get(), &fd) != TAVRIX_OK) {
             return false;
         }
-        pollfd ready[] = {{fd, POLLIN, 0}, {stop_descriptor(), POLLIN, 0}};
-        return poll(ready, 2, timeout_ms) > 0 && ready[0].revents != 0;
+        pollfd ready{fd, POLLIN, 0};
+        return poll(&ready, 1, deadline.left_ms()) > 0;
     }
 
   private:
@@ -94,22 +94,6 @@ bool receive(const BusSocket &socket, Frame *frame) {
     return true;
 }
 
-int subscribe(BusSocket *socket, const std::vector<std::string> &addresses, const std::vector<std::string> &channels) {
-    for (const std::string &address : addresses) {
-        const int status = socket->connect(address);
-        if (status != exit_result) {
-            return status;
-        }
-    }
-    for (const std::string &channel : channels) {
-        if (tavrix_mq_socket_subscribe(socket->get(), channel.c_str()) != TAVRIX_OK) {
-            complain("cannot subscribe to '%s'", channel.c_str());
-            return exit_no_connection;
-        }
-    }
-    return exit_result;
-}
-
 /** The method that a request, a notification or a reply is about. */
 std::string method_of(const json_t *message) {
     const std::string method = text_of(message, "method");
@@ -123,9 +107,15 @@ class Listeners {
     int open(const std::vector<std::string> &addresses, const std::vector<std::string> &channels) {
         for (const std::string &address : addresses) {
             sockets_.push_back(std::make_unique<BusSocket>(TAVRIX_SP_SUB));
-            const int status = subscribe(sockets_.back().get(), {address}, channels);
+            const int status = sockets_.back()->connect(address);
             if (status != exit_result) {
                 return status;
+            }
+            for (const std::string &channel : channels) {
+                if (tavrix_mq_socket_subscribe(sockets_.back()->get(), channel.c_str()) != TAVRIX_OK) {
+                    complain("cannot subscribe to '%s'", channel.c_str());
+                    return exit_no_connection;
+                }
             }
         }
         addresses_ = addresses;
@@ -236,7 +226,7 @@ bool FrameWatcher::take(const Frame &frame) {
     const Json message(json_loadb(frame.json.data(), frame.json.size(), JSON_DECODE_ANY, nullptr));
     const std::string method = method_of(message.get());
     if (!patterns_.empty() && std::none_of(patterns_.begin(), patterns_.end(), [&method](const std::string &pattern) {
-            return matches(pattern, method);
+            return tavrix::matches(pattern.data(), pattern.size(), method.data(), method.size());
         })) {
         return true;
     }
@@ -266,9 +256,7 @@ void FrameWatcher::finish() {
     for (const auto &[call, exchange] : pairing_.pending()) {
         summary_.add(exchange);
     }
-    for (const std::string &line : summary_.lines()) {
-        tell(line);
-    }
+    summary_.tell_all();
 }
 
 /** Until it is enough. */
@@ -324,14 +312,13 @@ int push(const PushOptions &options) {
     }
     const Deadline deadline(options.timeout_s);
     const std::string text = request_text(request.get());
-    if (!socket.wait_ready(tavrix_mq_socket_sendfd, deadline.left_ms()) ||
-        tavrix_mq_socket_send_nonblock(socket.get(), text.c_str()) != TAVRIX_OK) {
+    if (!socket.wait_for_room(deadline) || tavrix_mq_socket_send_nonblock(socket.get(), text.c_str()) != TAVRIX_OK) {
         complain("%s: nobody takes the message; is a daemon running that has this address as its --pull?",
                  options.address.c_str());
         return exit_no_connection;
     }
     // Closing drops what is not yet written out; room for the next message tells that this one is.
-    if (!socket.wait_ready(tavrix_mq_socket_sendfd, deadline.left_ms())) {
+    if (!socket.wait_for_room(deadline)) {
         complain("%s: the message was not taken in time", options.address.c_str());
         return exit_timeout;
     }
@@ -341,8 +328,8 @@ int push(const PushOptions &options) {
 
 int wait_on_bus(const WaitOptions &options, const std::vector<std::string> &addresses, const Deadline &deadline,
                 const Taker &take) {
-    BusSocket socket(TAVRIX_SP_SUB);
-    const int status = subscribe(&socket, addresses, {options.channel});
+    Listeners listeners;
+    const int status = listeners.open(addresses, {options.channel});
     if (status != exit_result) {
         return status;
     }
@@ -350,16 +337,14 @@ int wait_on_bus(const WaitOptions &options, const std::vector<std::string> &addr
     bool announced = false;
     unsigned taken = 0;
     while (!deadline.passed()) {
-        if (!announced && socket.connections() >= addresses.size()) {
+        if (!announced && listeners.connected() == addresses.size()) {
             complain("waiting for %s", method.c_str());
             announced = true;
         }
         const int left_ms = deadline.left_ms();
-        if (!socket.wait_ready(tavrix_mq_socket_recvfd, announced ? left_ms : std::min(left_ms, tick_ms))) {
-            continue;
-        }
+        listeners.wait_ready(announced ? left_ms : std::min(left_ms, tick_ms));
         Frame frame;
-        while (!deadline.passed() && receive(socket, &frame)) {
+        while (!deadline.passed() && listeners.receive_any(&frame)) {
             json_t *found = nullptr;
             if (tavrix_jrpc_eval_notification(options.method.c_str(), frame.json.c_str(), &found) != TAVRIX_OK) {
                 continue;
@@ -372,7 +357,7 @@ int wait_on_bus(const WaitOptions &options, const std::vector<std::string> &addr
             }
         }
     }
-    if (announced || socket.connections() > 0) {
+    if (announced || listeners.connected() > 0) {
         complain("no %s in time", method.c_str());
         return exit_timeout;
     }

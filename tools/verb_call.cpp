@@ -86,7 +86,7 @@ int print_result(const CallOptions &options, const json_t *params, Router *route
         return exit_error_response;
     }
     if (error == nullptr) {
-        return print_line(render(result, options.json)) ? exit_result : exit_error_response;
+        return printed(print_line(render(result, options.json)));
     }
     const std::string advice = options.target.direct.empty()
                                    ? advice_on(options.method, params, error, Deadline(options.timeout_s), router)

@@ -4,9 +4,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <fstream>
-#include <iterator>
-#include <memory>
 
 #include <unistd.h>
 
@@ -57,20 +54,11 @@ bool query(sqlite3 *db, const std::string &file, const char *sql, std::vector<st
     return rc == SQLITE_DONE;
 }
 
-bool read_whole(const std::string &name, std::string *text) {
-    std::ifstream file(name, std::ios::binary);
-    text->assign(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
-    if (!file.is_open() || file.bad()) {
-        complain("%s: %s", printable(name).c_str(), std::strerror(errno));
-        return false;
-    }
-    return true;
-}
-
 /** Runs a file's statements; complains and returns false when one fails. */
 bool run_file(sqlite3 *db, const std::string &name) {
     std::string sql;
-    if (!read_whole(name, &sql)) {
+    if (!read_file(name, &sql)) {
+        complain("%s: %s", printable(name).c_str(), std::strerror(errno));
         return false;
     }
     char *error = nullptr;
@@ -145,9 +133,9 @@ int db_check(const DbOptions &options) {
     for (const std::string &table : tables) {
         names += " " + table;
     }
-    const bool printed = print_line(printable(options.file) + ": " + (good ? "good" : "not good") + ", version " +
-                                    version[0] + ", tables:" + names);
-    return printed && good ? exit_result : exit_error_response;
+    const bool is_printed = print_line(printable(options.file) + ": " + (good ? "good" : "not good") + ", version " +
+                                       version[0] + ", tables:" + names);
+    return printed(is_printed && good);
 }
 
 int db_init(const DbOptions &options) {

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "common/text.h"
 #include "discovery.h"
 #include "router.h"
 #include "support.h"
@@ -170,8 +171,6 @@ std::vector<std::string> lines_of(const json_t *method) {
     return lines;
 }
 
-bool print_lines(const std::vector<std::string> &lines) { return std::all_of(lines.begin(), lines.end(), print_line); }
-
 int complain_of_unknown(const std::string &name, const std::vector<const json_t *> &methods) {
     std::vector<std::string> names;
     names.reserve(methods.size());
@@ -225,51 +224,43 @@ std::vector<std::string> markdown_of(const json_t *document) {
     return lines;
 }
 
+template <class Action>
+int with_methods(const DiscoverOptions &options, Action action) {
+    Json document;
+    const int rc = discover(options.target, Deadline(options.timeout_s), &document);
+    return rc == exit_result ? action(document.get(), methods_of(document.get())) : rc;
+}
+
 } // namespace
 
 int list_methods(const DiscoverOptions &options) {
-    Json document;
-    const int rc = discover(options.target, Deadline(options.timeout_s), &document);
-    if (rc != exit_result) {
-        return rc;
-    }
-    Table table({"METHOD", "DOES", "SUMMARY"});
-    bool is_empty = true;
-    for (const json_t *method : methods_of(document.get())) {
-        if (options.word.empty() || matches(options.word, text_of(method, "name"))) {
-            table.add({shown(method, "name"), tags_of(method), shown(method, "summary")});
-            is_empty = false;
+    return with_methods(options, [&options](const json_t * /*document*/, const std::vector<const json_t *> &methods) {
+        Table table({"METHOD", "DOES", "SUMMARY"});
+        bool is_empty = true;
+        for (const json_t *method : methods) {
+            const std::string name = text_of(method, "name");
+            if (options.word.empty() ||
+                tavrix::matches(options.word.data(), options.word.size(), name.data(), name.size())) {
+                table.add({printable(name), tags_of(method), shown(method, "summary")});
+                is_empty = false;
+            }
         }
-    }
-    if (is_empty) {
-        return complain_of_unknown(options.word, methods_of(document.get()));
-    }
-    return print_lines(table.lines()) ? exit_result : exit_error_response;
+        return is_empty ? complain_of_unknown(options.word, methods) : printed(print_lines(table.lines()));
+    });
 }
 
 int describe(const DiscoverOptions &options) {
-    Json document;
-    const int rc = discover(options.target, Deadline(options.timeout_s), &document);
-    if (rc != exit_result) {
-        return rc;
-    }
-    const std::vector<const json_t *> methods = methods_of(document.get());
-    const json_t *method = find_method(methods, options.word);
-    if (method == nullptr) {
-        return complain_of_unknown(options.word, methods);
-    }
-    return print_lines(lines_of(method)) ? exit_result : exit_error_response;
+    return with_methods(options, [&options](const json_t * /*document*/, const std::vector<const json_t *> &methods) {
+        const json_t *method = find_method(methods, options.word);
+        return method == nullptr ? complain_of_unknown(options.word, methods) : printed(print_lines(lines_of(method)));
+    });
 }
 
 int docs(const DiscoverOptions &options) {
-    Json document;
-    const int rc = discover(options.target, Deadline(options.timeout_s), &document);
-    if (rc != exit_result) {
-        return rc;
-    }
-    const bool printed = options.word == "json" ? print_line(render(document.get(), JsonStyle::pretty))
-                                                : print_lines(markdown_of(document.get()));
-    return printed ? exit_result : exit_error_response;
+    return with_methods(options, [&options](const json_t *document, const std::vector<const json_t *> & /*methods*/) {
+        return printed(options.word == "json" ? print_line(render(document, JsonStyle::pretty))
+                                              : print_lines(markdown_of(document)));
+    });
 }
 
 } // namespace tavrixctl

@@ -76,24 +76,14 @@ const Field fields[] = {
 };
 constexpr char date_time_field[] = "date_time";
 
-const char *verdict_text(int verdict) {
-    switch (verdict) {
-    case TAVRIX_VALID:
-        return "valid";
-    case TAVRIX_INVALID_NO_MATCH:
-        return "does not match the field's pattern";
-    case TAVRIX_INVALID_NOT_ALLOWED:
-        return "not an allowed value";
-    case TAVRIX_INVALID_TOO_LONG:
-        return "too long";
-    case TAVRIX_INVALID_TOO_SHORT:
-        return "too short";
-    case TAVRIX_INVALID_OUT_OF_RANGE:
-        return "out of range";
-    default:
-        return "rejected";
-    }
-}
+const std::map<int, const char *> verdict_texts = {
+    {TAVRIX_VALID, "valid"},
+    {TAVRIX_INVALID_NO_MATCH, "does not match the field's pattern"},
+    {TAVRIX_INVALID_NOT_ALLOWED, "not an allowed value"},
+    {TAVRIX_INVALID_TOO_LONG, "too long"},
+    {TAVRIX_INVALID_TOO_SHORT, "too short"},
+    {TAVRIX_INVALID_OUT_OF_RANGE, "out of range"},
+};
 
 bool parse_number(const std::string &text, int *out) {
     char *end = nullptr;
@@ -195,9 +185,7 @@ Daemons ask_for_daemons(Router *router, const LogLevelOptions &options) {
         return {};
     }
     Daemons daemons = {{"routerd", "up"}};
-    size_t index = 0;
-    const json_t *service = nullptr;
-    json_array_foreach(json_object_get(status.get(), "services"), index, service) {
+    for (const json_t *service : elements_of(status.get(), "services")) {
         daemons[text_of(service, "name")] = text_of(service, "state");
     }
     return daemons;
@@ -247,21 +235,7 @@ int show_levels(const Daemons &daemons, const std::string &text, const std::stri
     if (!only.empty() && !found) {
         return is_known(daemons, text, only) ? exit_result : exit_usage;
     }
-    const std::vector<std::string> lines = table.lines();
-    return std::all_of(lines.begin(), lines.end(), print_line) ? exit_result : exit_error_response;
-}
-
-/** All of a file; a file that does not exist is an empty one. False, with errno, for any other failure. */
-bool read_file(const std::string &path, std::string *text) {
-    const tavrix::File file(std::fopen(path.c_str(), "re"));
-    if (!file) {
-        return errno == ENOENT;
-    }
-    char chunk[4096];
-    for (size_t got = 0; (got = std::fread(chunk, 1, sizeof chunk, file.get())) > 0;) {
-        text->append(chunk, got);
-    }
-    return std::ferror(file.get()) == 0;
+    return printed(print_lines(table.lines()));
 }
 
 bool write_all(int fd, const std::string &text) {
@@ -353,9 +327,8 @@ int explain_error(int code) {
     const int status = code > 0 ? -code : code;
     if (status >= TAVRIX_ERR_TOO_MANY_ENTRIES) {
         const int jrpc = tavrix_jrpc_error_convert_tavrix_to_jrpc(status);
-        const bool printed = print_code(status_title, status, tavrix_error_decode(status)) &&
-                             (status == TAVRIX_OK || print_code(jrpc_title, jrpc, tavrix_jrpc_error_message(jrpc)));
-        return printed ? exit_result : exit_error_response;
+        return printed(print_code(status_title, status, tavrix_error_decode(status)) &&
+                       (status == TAVRIX_OK || print_code(jrpc_title, jrpc, tavrix_jrpc_error_message(jrpc))));
     }
     const char *message = tavrix_jrpc_error_message(status);
     if (status != TAVRIX_JRPC_UNKNOWN_ERROR &&
@@ -364,10 +337,8 @@ int explain_error(int code) {
         return exit_usage;
     }
     const int back = tavrix_jrpc_error_convert_jrpc_to_tavrix(status);
-    const bool printed =
-        print_code(jrpc_title, status, message) &&
-        (back == TAVRIX_JRPC_UNKNOWN_ERROR || print_code(status_title, back, tavrix_error_decode(back)));
-    return printed ? exit_result : exit_error_response;
+    return printed(print_code(jrpc_title, status, message) &&
+                   (back == TAVRIX_JRPC_UNKNOWN_ERROR || print_code(status_title, back, tavrix_error_decode(back))));
 }
 
 int validate(const std::string &field, const std::vector<std::string> &values) {
@@ -379,7 +350,8 @@ int validate(const std::string &field, const std::vector<std::string> &values) {
         complain("the value could not be checked");
         return exit_error_response;
     }
-    return print_line(verdict_text(verdict)) && verdict == 0 ? exit_result : exit_error_response;
+    const auto found = verdict_texts.find(verdict);
+    return printed(print_line(found != verdict_texts.end() ? found->second : "rejected") && verdict == 0);
 }
 
 std::vector<std::string> validated_fields() {
@@ -397,13 +369,13 @@ int shm_get(const ShmOptions &options) {
         if (tavrix_shm_get_int(options.name.c_str(), &value) != TAVRIX_OK) {
             return shm_failed(options.name);
         }
-        return print_line(std::to_string(value)) ? exit_result : exit_error_response;
+        return printed(print_line(std::to_string(value)));
     }
     std::vector<char> text(options.size);
     if (tavrix_shm_get_string(options.name.c_str(), text.size(), text.data()) != TAVRIX_OK) {
         return shm_failed(options.name);
     }
-    return print_line(text.data()) ? exit_result : exit_error_response;
+    return printed(print_line(text.data()));
 }
 
 int shm_set(const ShmOptions &options) {
@@ -449,8 +421,7 @@ int shm_list() {
                        date_text(static_cast<double>(state.st_mtime)), value_of(name, state.st_size)});
         }
     }
-    const std::vector<std::string> lines = names.empty() ? std::vector<std::string>{"no slots"} : table.lines();
-    return std::all_of(lines.begin(), lines.end(), print_line) ? exit_result : exit_error_response;
+    return printed(print_lines(names.empty() ? std::vector<std::string>{"no slots"} : table.lines()));
 }
 
 int shm_remove(const ShmOptions &options) {
@@ -483,7 +454,7 @@ int log_level(const LogLevelOptions &options) {
         return exit_usage;
     }
     std::string old_text;
-    if (!read_file(options.file, &old_text)) {
+    if (!read_file(options.file, &old_text) && errno != ENOENT) { // one that does not exist is made
         complain("%s: %s", printable(options.file).c_str(), std::strerror(errno));
         return exit_error_response;
     }

@@ -105,9 +105,7 @@ void Watcher::finish() {
             summary_.add(exchange);
         }
     }
-    for (const std::string &line : summary_.lines()) {
-        tell(line);
-    }
+    summary_.tell_all();
 }
 
 int monitor_router(const MonitorOptions &options, const std::vector<std::string> &patterns) {
@@ -210,8 +208,7 @@ bool Player::judge(const json_t *answer) {
     }
     --missing_;
     const Recorded &one = recorded_[index];
-    const int status = status_of(answer);
-    const char *outcome = status == exit_result ? "result" : status == exit_timeout ? "timeout" : "error";
+    const char *outcome = outcome_of(answer);
     const bool is_comparable = one.outcome == "result" || one.outcome == "error" || one.outcome == "timeout";
     if (!is_comparable || one.outcome == outcome) {
         ++same_;

@@ -2,7 +2,6 @@
  * status, top, metrics, wait-service: what the router tells of itself.
  */
 #include <algorithm>
-#include <cmath>
 #include <cstdio>
 #include <map>
 
@@ -29,12 +28,6 @@ std::string plural(json_int_t count, const char *what) {
     return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
 }
 
-bool print_lines(const std::vector<std::string> &lines) { return std::all_of(lines.begin(), lines.end(), print_line); }
-
-void append(std::vector<std::string> *lines, const std::vector<std::string> &more) {
-    lines->insert(lines->end(), more.begin(), more.end());
-}
-
 std::vector<std::string> summary_of(const json_t *status) {
     const bool locked = json_is_true(json_object_get(status, "locked"));
     const std::string state = locked ? coloured("locked", Colour::yellow) : "unlocked";
@@ -50,9 +43,7 @@ std::vector<std::string> summary_of(const json_t *status) {
 
 std::vector<std::string> methods_of(const json_t *service) {
     std::vector<std::string> methods;
-    size_t index = 0;
-    const json_t *method = nullptr;
-    json_array_foreach(json_object_get(service, "methods"), index, method) {
+    for (const json_t *method : elements_of(service, "methods")) {
         methods.push_back(printable(json_is_string(method) ? json_string_value(method) : "?"));
     }
     return methods;
@@ -70,9 +61,8 @@ std::vector<std::string> services_table(const json_t *status) {
     table.colour(1, "up", Colour::green);
     table.colour(1, "settling", Colour::yellow);
     table.colour(1, "gone", Colour::red);
-    size_t index = 0;
-    const json_t *service = nullptr;
-    json_array_foreach(json_object_get(status, "services"), index, service) {
+    const std::vector<const json_t *> services = elements_of(status, "services");
+    for (const json_t *service : services) {
         const json_t *since = json_object_get(service, "since");
         const bool registered = since != nullptr;
         const std::vector<std::string> methods = wrapped(methods_of(service), methods_width);
@@ -84,10 +74,7 @@ std::vector<std::string> services_table(const json_t *status) {
             table.add({"", "", "", "", "", "", methods[line]});
         }
     }
-    if (index == 0) {
-        return {"no services"};
-    }
-    return table.lines();
+    return services.empty() ? std::vector<std::string>{"no services"} : table.lines();
 }
 
 std::string milliseconds_of(const json_t *row, const char *key) {
@@ -120,15 +107,13 @@ std::vector<std::string> methods_table(const json_t *status, const Rates *rates)
         return left != right ? left > right : a.first < b.first;
     });
     for (const auto &[method, row] : rows) {
-        std::vector<std::string> cells = {printable(method),
-                                          count_text(row, "calls"),
-                                          count_text(row, "errors"),
-                                          count_text(row, "timeouts"),
-                                          count_text(row, "gone"),
-                                          count_text(row, "cancelled"),
-                                          milliseconds_of(row, "p50_ms"),
-                                          milliseconds_of(row, "p90_ms"),
-                                          milliseconds_of(row, "p99_ms")};
+        std::vector<std::string> cells = {printable(method)};
+        for (const char *key : {"calls", "errors", "timeouts", "gone", "cancelled"}) {
+            cells.push_back(count_text(row, key));
+        }
+        for (const char *key : {"p50_ms", "p90_ms", "p99_ms"}) {
+            cells.push_back(milliseconds_of(row, key));
+        }
         if (rates != nullptr) {
             char text[32];
             std::snprintf(text, sizeof text, "%.1f", rate_of(method));
@@ -141,10 +126,10 @@ std::vector<std::string> methods_table(const json_t *status, const Rates *rates)
 
 std::vector<std::string> page_of(const json_t *status, const Rates *rates) {
     std::vector<std::string> lines = summary_of(status);
-    lines.emplace_back();
-    append(&lines, services_table(status));
-    lines.emplace_back();
-    append(&lines, methods_table(status, rates));
+    for (const std::vector<std::string> &table : {services_table(status), methods_table(status, rates)}) {
+        lines.emplace_back();
+        lines.insert(lines.end(), table.begin(), table.end());
+    }
     return lines;
 }
 
@@ -169,16 +154,14 @@ Rates rates_between(const std::map<std::string, json_int_t> &before, const std::
     return rates;
 }
 
-bool is_there(const json_t *status, const std::string &name) {
-    size_t index = 0;
-    const json_t *service = nullptr;
-    json_array_foreach(json_object_get(status, "services"), index, service) {
-        const std::string state = text_of(service, "state");
+/** The service's state, as far as the router knows it; empty when it does not. */
+std::string state_of(const json_t *status, const std::string &name) {
+    for (const json_t *service : elements_of(status, "services")) {
         if (text_of(service, "name") == name) {
-            return state == "up" || state == "listening";
+            return text_of(service, "state");
         }
     }
-    return false;
+    return "";
 }
 
 /** Why the service is not there, as far as the router knows. */
@@ -186,14 +169,8 @@ std::string reason_for_absence(const json_t *status, const std::string &name) {
     if (status == nullptr) {
         return "the router does not answer";
     }
-    size_t index = 0;
-    const json_t *service = nullptr;
-    json_array_foreach(json_object_get(status, "services"), index, service) {
-        if (text_of(service, "name") == name) {
-            return "its state is " + printable(text_of(service, "state"));
-        }
-    }
-    return "the router does not know it";
+    const std::string state = state_of(status, name);
+    return state.empty() ? "the router does not know it" : "its state is " + printable(state);
 }
 
 } // namespace
@@ -205,9 +182,8 @@ int status(const StatusOptions &options) {
     if (rc != exit_result) {
         return rc;
     }
-    const bool printed =
-        options.json ? print_line(render(result.get(), *options.json)) : print_lines(page_of(result.get(), nullptr));
-    return printed ? exit_result : exit_error_response;
+    return printed(options.json ? print_line(render(result.get(), *options.json))
+                                : print_lines(page_of(result.get(), nullptr)));
 }
 
 int top(const TopOptions &options) {
@@ -259,7 +235,7 @@ int metrics(const StatusOptions &options) {
     if (!safe.empty() && safe.back() == '\n') {
         safe.pop_back();
     }
-    return print_line(safe) ? exit_result : exit_error_response;
+    return printed(print_line(safe));
 }
 
 int wait_service(const WaitServiceOptions &options) {
@@ -281,7 +257,10 @@ int wait_service(const WaitServiceOptions &options) {
         if (rc == exit_usage) {
             return Router(options.target).ask(names::status, nullptr, deadline, &result); // which says why
         }
-        const auto is_there_now = [&result](const std::string &name) { return is_there(result.get(), name); };
+        const auto is_there_now = [&result](const std::string &name) {
+            const std::string state = state_of(result.get(), name);
+            return state == "up" || state == "listening";
+        };
         missing.erase(std::remove_if(missing.begin(), missing.end(), is_there_now), missing.end());
         if (missing.empty()) {
             return exit_result;

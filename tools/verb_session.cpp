@@ -1,7 +1,6 @@
 /*
  * subscribe, wait: notifications, as the router delivers them.
  */
-#include <algorithm>
 
 #include "interrupt.h"
 #include "params.h"
@@ -24,31 +23,25 @@ std::string joined(const std::vector<std::string> &words) {
     return text;
 }
 
-/** What arrives on a session until enough of it was wanted, or the time is over. */
-struct Delivery {
-    const std::vector<std::string> &patterns;
-    std::optional<unsigned> count;
-    const Deadline &deadline;
-    Taker take;
-};
-
-int deliver(const Target &target, const Delivery &delivery) {
+/** Takes what arrives on a session until enough of it was wanted, or the time is over. */
+int deliver(const Target &target, const std::vector<std::string> &patterns, std::optional<unsigned> count,
+            const Deadline &deadline, const Taker &take) {
     std::unique_ptr<Session> session;
-    int status = open_session(target, delivery.deadline, &session);
+    int status = open_session(target, deadline, &session);
     if (status == exit_result) {
-        status = open_stream(session.get(), names::subscribe, delivery.patterns, delivery.deadline);
+        status = open_stream(session.get(), names::subscribe, patterns, deadline);
     }
     if (status != exit_result || stop_requested()) {
         return status;
     }
-    complain("waiting for %s", joined(delivery.patterns).c_str());
-    for (unsigned taken = 0; !delivery.count || taken < *delivery.count;) {
+    complain("waiting for %s", joined(patterns).c_str());
+    for (unsigned taken = 0; !count || taken < *count;) {
         Json message;
-        const Session::Got got = session->next_notification(delivery.deadline, &message);
+        const Session::Got got = session->next_notification(deadline, &message);
         if (got == Session::Got::timeout) {
-            const bool is_enough = !delivery.count && taken > 0;
+            const bool is_enough = !count && taken > 0;
             if (!is_enough) {
-                complain("no %s in time", joined(delivery.patterns).c_str());
+                complain("no %s in time", joined(patterns).c_str());
             }
             return is_enough ? exit_result : exit_timeout;
         }
@@ -62,7 +55,7 @@ int deliver(const Target &target, const Delivery &delivery) {
         if (tell_loss(message.get())) {
             continue;
         }
-        const int verdict = delivery.take(message.get());
+        const int verdict = take(message.get());
         if (verdict < 0) {
             return stop_requested() ? exit_result : exit_error_response;
         }
@@ -139,7 +132,7 @@ int subscribe(const SubscribeOptions &options) {
     const auto take = [&options](const json_t *notification) {
         return print_line(line_of(notification, options.json)) ? 1 : -1;
     };
-    return deliver(options.target, {options.patterns, options.count, deadline, take});
+    return deliver(options.target, options.patterns, options.count, deadline, take);
 }
 
 int wait(const WaitOptions &options) {
@@ -162,8 +155,7 @@ int wait(const WaitOptions &options) {
         complain("--channel is for bus addresses");
         return exit_usage;
     }
-    const std::vector<std::string> patterns = {options.method};
-    return deliver(options.target, {patterns, options.count, deadline, take});
+    return deliver(options.target, {options.method}, options.count, deadline, take);
 }
 
 } // namespace tavrixctl

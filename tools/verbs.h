@@ -28,29 +28,30 @@ struct Target {
     std::string direct;      ///< path of a daemon's own socket server
 };
 
-struct CallOptions {
+/** What every verb with an answer has. */
+struct Question {
     Target target;
+    double timeout_s = 15; ///< to wait at most
+};
+
+struct CallOptions : Question {
     std::string method;
     std::vector<std::string> params; ///< words as in params.h
     std::string id;
     std::optional<long long> transaction_id;
     bool notification = false;
     bool full = false; ///< prints the whole response, not the result alone
-    double timeout_s = 15;
     JsonStyle json = JsonStyle::automatic;
 };
 int call(const CallOptions &options);
 
-struct SendOptions {
-    Target target;
+struct SendOptions : Question {
     std::string text; ///< sent as it stands, "-" for standard input
-    double timeout_s = 15;
     JsonStyle json = JsonStyle::automatic;
 };
 int send(const SendOptions &options);
 
-struct MonitorOptions {
-    Target target;
+struct MonitorOptions : Question {
     std::vector<std::string> words;    ///< method patterns, and bus addresses to listen to instead of the router
     std::vector<std::string> channels; ///< of the bus: prefixes; none means every channel
     std::string service;               ///< only this one's, when not empty
@@ -59,29 +60,22 @@ struct MonitorOptions {
     std::string record;            ///< file to write to as well, when not empty
     std::optional<JsonStyle> json; ///< none: lines for people
     std::optional<unsigned> count; ///< lines to print before it ends
-    double timeout_s = 15;         ///< for the router to begin
 };
 int monitor(const MonitorOptions &options);
 
-struct ReplayOptions {
-    Target target;
+struct ReplayOptions : Question {
     std::string file;
     double speed = 1; ///< 0: each as soon as the former is answered
-    double timeout_s = 15;
 };
 int replay(const ReplayOptions &options);
 
-struct StatusOptions {
-    Target target;
-    double timeout_s = 15;
+struct StatusOptions : Question {
     std::optional<JsonStyle> json; ///< none: tables
 };
 int status(const StatusOptions &options);
 int metrics(const StatusOptions &options);
 
-struct TopOptions {
-    Target target;
-    double timeout_s = 15;
+struct TopOptions : Question {
     double interval_s = 2;
     std::optional<unsigned> count; ///< pages to print before it ends
 };
@@ -94,10 +88,8 @@ struct WaitServiceOptions {
 };
 int wait_service(const WaitServiceOptions &options);
 
-struct DiscoverOptions {
-    Target target;
+struct DiscoverOptions : Question {
     std::string word; ///< list: a pattern, empty for all; describe: a method; docs: the format
-    double timeout_s = 15;
 };
 int list_methods(const DiscoverOptions &options);
 int describe(const DiscoverOptions &options);
@@ -156,12 +148,10 @@ struct DbOptions {
 int db_check(const DbOptions &options);
 int db_init(const DbOptions &options);
 
-struct LogLevelOptions {
+struct LogLevelOptions : Question {
     std::string daemon; ///< empty: all are shown
     std::string level;  ///< empty: is shown, not set
     std::string file;
-    Target target;
-    double timeout_s = 15;
     bool edit_only = false; ///< leaves out the reload
 };
 int log_level(const LogLevelOptions &options);

@@ -6,7 +6,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <numeric>
 
 #include <unistd.h>
 
@@ -40,18 +39,7 @@ bool bears_colours() {
     return bears;
 }
 
-const char *sequence_of(Colour colour) {
-    switch (colour) {
-    case Colour::bold:
-        return "\033[1m";
-    case Colour::green:
-        return "\033[32m";
-    case Colour::yellow:
-        return "\033[33m";
-    default:
-        return "\033[31m";
-    }
-}
+constexpr const char *sequences[] = {"\033[1m", "\033[32m", "\033[33m", "\033[31m"}; // in the order of Colour
 
 std::string formatted(const char *format, double value) {
     char text[64];
@@ -89,7 +77,7 @@ size_t distance(const std::string &a, const std::string &b) {
 } // namespace
 
 std::string coloured(const std::string &text, Colour colour) {
-    return bears_colours() ? sequence_of(colour) + text + "\033[0m" : text;
+    return bears_colours() ? sequences[static_cast<size_t>(colour)] + text + "\033[0m" : text;
 }
 
 std::string Table::cell(size_t row, size_t column, size_t width) const {
@@ -209,13 +197,6 @@ std::string nearest(const std::string &word, const std::vector<std::string> &can
         }
     }
     return best;
-}
-
-bool matches(const std::string &pattern, const std::string &method) {
-    if (!pattern.empty() && pattern.back() == '*') {
-        return method.compare(0, pattern.size() - 1, pattern, 0, pattern.size() - 1) == 0;
-    }
-    return pattern == method;
 }
 
 } // namespace tavrixctl

@@ -67,9 +67,6 @@ std::vector<std::string> channel_names();
 /** The candidate that was probably intended; empty when none is near. */
 std::string nearest(const std::string &word, const std::vector<std::string> &candidates);
 
-/** Whether the method fits the pattern, a name or the beginning of one followed by '*'. */
-bool matches(const std::string &pattern, const std::string &method);
-
 } // namespace tavrixctl
 
 #endif

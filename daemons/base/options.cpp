@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <sstream>
 
 #include <CLI/CLI.hpp>
 
@@ -24,13 +25,11 @@ std::string key_of(std::string name) {
 }
 
 void add_parts(const std::string &value, std::vector<std::string> *list) {
-    size_t begin = 0;
-    while (begin <= value.size()) {
-        const size_t comma = std::min(value.find(',', begin), value.size());
-        if (comma > begin) {
-            list->push_back(value.substr(begin, comma - begin));
+    std::istringstream parts(value);
+    for (std::string part; std::getline(parts, part, ',');) {
+        if (!part.empty()) {
+            list->push_back(part);
         }
-        begin = comma + 1;
     }
 }
 

@@ -50,12 +50,9 @@ const Event &Log::add(const std::string &kind, const std::string &entity, const 
 }
 
 const Event *Log::find(int number) const {
-    for (const Event &event : kept_) {
-        if (event.number == number) {
-            return &event;
-        }
-    }
-    return nullptr;
+    const auto found =
+        std::find_if(kept_.begin(), kept_.end(), [number](const Event &event) { return event.number == number; });
+    return found != kept_.end() ? &*found : nullptr;
 }
 
 const Event *Log::last_of(const std::string &port_id) const {

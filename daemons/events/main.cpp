@@ -20,19 +20,11 @@ struct Config {
     int interval_ms = 1000;
 };
 
-bool open_sockets(const Config &config, tavrix_service *service) {
-    return (config.socket_path.empty() || tavrix_service_listen_unix(service, config.socket_path.c_str()) != 0) &&
-           (config.pull_address.empty() || tavrix_service_listen_pull(service, config.pull_address.c_str()) != 0);
-}
-
-bool open_script(const Config &config, tavrix_service *service, events::Context *context) {
-    return (config.script.empty() || events::read_script(config.script, &context->script)) &&
-           events::play_script(service, context, config.interval_ms);
-}
-
 bool open(const Config &config, tavrix_service *service, events::Context *context) {
-    return open_sockets(config, service) && open_script(config, service, context) &&
-           tavrix_service_start(service) == TAVRIX_OK;
+    return (config.socket_path.empty() || tavrix_service_listen_unix(service, config.socket_path.c_str()) != 0) &&
+           (config.pull_address.empty() || tavrix_service_listen_pull(service, config.pull_address.c_str()) != 0) &&
+           (config.script.empty() || events::read_script(config.script, &context->script)) &&
+           events::play_script(service, context, config.interval_ms) && tavrix_service_start(service) == TAVRIX_OK;
 }
 
 void add_options(daemon_support::Options *options, Config *config, events::Context *context) {

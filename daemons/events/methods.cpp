@@ -78,16 +78,13 @@ int describe(tavrix_call *call) {
 
 // --- The script ----------------------------------------------------------------------------------------------------
 
-void publish_link_changed(tavrix_service *service, const Event &event) {
-    if (tavrix_service_publish(service, link_changed, to_json(event)) != TAVRIX_OK) {
-        LOG_ERROR("Cannot publish event %d\n", event.number);
-    }
-}
-
 void on_timer(tavrix_service *service, void *user) {
     auto *context = static_cast<Context *>(user);
     const LinkChange &change = context->script[context->next_change++ % context->script.size()];
-    publish_link_changed(service, context->log.add("link", change.port_id, change.state));
+    const Event &event = context->log.add("link", change.port_id, change.state);
+    if (tavrix_service_publish(service, link_changed, to_json(event)) != TAVRIX_OK) {
+        LOG_ERROR("Cannot publish event %d\n", event.number);
+    }
 }
 
 // --- Table ---------------------------------------------------------------------------------------------------------

@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <climits>
 #include <initializer_list>
-#include <memory>
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -277,12 +276,10 @@ int Database::instant_power(const Selection &selection, int *milliwatts_out) {
     if (rc != TAVRIX_OK) {
         return rc;
     }
-    int unsupported = 0;
-    tavrix_str_to_enum(&unsupported, "unsupported", tavrix_poe_status_strings);
     if (online == 0) {
         return TAVRIX_ERR_MZU_OFFLINE;
     }
-    if (poe_status == unsupported) {
+    if (poe_status == TAVRIX_POE_STATUS_UNSUPPORTED) {
         return TAVRIX_ERR_NO_POE;
     }
     if (milliwatts < 0 || milliwatts > INT_MAX) {

@@ -148,12 +148,6 @@ int reply_with_list(tavrix_call *call, const char *name, const std::vector<Entry
     return tavrix_call_reply(call, json_pack("{s:o}", name, list.release()));
 }
 
-int vlan_mode_value(const char *word) {
-    int value = 0;
-    tavrix_str_to_enum(&value, word, tavrix_vlan_mode_strings);
-    return value;
-}
-
 // --- Methods -------------------------------------------------------------------------------------------------------
 
 int get(tavrix_call *call) {
@@ -167,18 +161,18 @@ int set_enabled(tavrix_call *call) {
 }
 
 int set_vlan_local(tavrix_call *call) {
-    return database_of(call).set_vlans(selection_of(call), vlan_mode_value("local"), nullptr, 0);
+    return database_of(call).set_vlans(selection_of(call), TAVRIX_VLAN_MODE_LOCAL, nullptr, 0);
 }
 
 int set_vlan_access(tavrix_call *call) {
     const int vlan_id = static_cast<int>(tavrix_call_integer(call, "vlan_id"));
-    return database_of(call).set_vlans(selection_of(call), vlan_mode_value("access"), &vlan_id, 1);
+    return database_of(call).set_vlans(selection_of(call), TAVRIX_VLAN_MODE_ACCESS, &vlan_id, 1);
 }
 
 int set_vlan_trunk(tavrix_call *call) {
     int count = 0;
     const int *vlan_ids = tavrix_call_integers(call, "vlan_ids", &count);
-    return database_of(call).set_vlans(selection_of(call), vlan_mode_value("trunk"), vlan_ids, count);
+    return database_of(call).set_vlans(selection_of(call), TAVRIX_VLAN_MODE_TRUNK, vlan_ids, count);
 }
 
 int get_instant_power(tavrix_call *call) {

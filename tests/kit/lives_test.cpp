@@ -538,8 +538,8 @@ TEST_F(Lives, TenThousandRegistrationsLeaveNothingBehind) {
     EXPECT_TRUE(wait([&] { return open() == before; })) << open() << " descriptors instead of " << before;
     // Those that have gone are remembered for a while, up to a bound; none of them is there.
     const std::string known = status();
-    EXPECT_EQ(support::times_in(known, "\"state\":\"up\""), 1) << known;
-    EXPECT_LE(support::times_in(known, "\"state\":"), 256);
+    EXPECT_EQ(support::count_of(known, "\"state\":\"up\""), 1) << known;
+    EXPECT_LE(support::count_of(known, "\"state\":"), 256);
     EXPECT_TRUE(tavrix_service_is_ready(service.get()));
     left = start("left", left_methods);
     request(left, "t.Twice");

@@ -5,15 +5,11 @@
 #include <sys/mman.h>
 
 #include "support/fleet_database.h"
+#include "support/json.h"
+#include "tavrix_jrpc.h"
 #include "tavrix_mq.h"
 
 namespace support {
-
-namespace {
-
-constexpr char reply_prefix[] = "2524546b-ca99-4868-a062-359cefacff7c";
-
-} // namespace
 
 std::unique_ptr<Process> started_router(const std::string &address, const std::vector<std::string> &more,
                                         const std::string &folder) {
@@ -24,7 +20,7 @@ std::unique_ptr<Process> started_router(const std::string &address, const std::v
 }
 
 Fleet::Fleet() {
-    write_file("tavrix_lsyslog.conf", "[logging_levels]\nrouterd=info\nportsd=info\neventsd=info\nunit-test=off\n");
+    write_log_levels("routerd=info\nportsd=info\neventsd=info\nunit-test=off");
     make_fleet_database();
 }
 
@@ -41,9 +37,14 @@ Process &Fleet::start_router(const std::vector<std::string> &more) {
 }
 
 Process &Fleet::start_router_with_tcp(int port, std::vector<std::string> more) {
+    more.insert(more.end(), {"--connect", ports_address});
+    return start_lone_router_with_tcp(port, more);
+}
+
+Process &Fleet::start_lone_router_with_tcp(int port, std::vector<std::string> more) {
     write_file("policy.conf", "[tcp]\nall=*\n");
     more.insert(more.end(), {"--tcp", std::to_string(port), "--policy", "policy.conf"});
-    return start_router(more);
+    return start_lone_router(more);
 }
 
 Process &Fleet::start_ports(const std::vector<std::string> &more) {
@@ -69,10 +70,12 @@ Process &Fleet::start_events(const std::string &interval_ms, const std::vector<s
 
 Fleet::~Fleet() { shm_unlink(slot.c_str()); }
 
-std::string Fleet::ask(const std::string &request) const {
-    const StreamClient client = connect();
-    client.say(request);
-    return client.hear();
+std::string Fleet::ask(const std::string &request) const { return connect().ask(request); }
+
+std::string Fleet::status(const char *key) const { return result_of(ask(request("router.Status", "1")), key); }
+
+void write_log_levels(const std::string &levels) {
+    write_file("tavrix_lsyslog.conf", "[logging_levels]\n" + levels + "\n");
 }
 
 PlayedService::PlayedService(const Fleet &fleet, const std::string &channel) : pub(TAVRIX_SP_PUB), sub(TAVRIX_SP_SUB) {
@@ -80,14 +83,9 @@ PlayedService::PlayedService(const Fleet &fleet, const std::string &channel) : p
     sub.connect(fleet.router_address);
     tavrix_mq_socket_subscribe(sub.number, channel.c_str());
     tavrix_mq_socket_set_timeout(sub.number, 50);
-    const std::string hello = std::string(reply_prefix) +
-                              R"(|{"jsonrpc":"2.0","method":"router.Hello","params":{"name":"played","channel":")" +
-                              channel + "\"}}";
-    std::string heard;
     const bool settled = wait_until([&] {
-        tavrix_mq_socket_send(pub.number, hello.c_str());
-        heard = next_request(50);
-        return heard.find("service.Welcome") != std::string::npos;
+        reply(notification("router.Hello", R"({"name":"played","channel":")" + channel + "\"}"));
+        return next_request(50).find("service.Welcome") != std::string::npos;
     });
     if (!settled) {
         throw std::runtime_error("the router does not welcome the played service");
@@ -98,7 +96,11 @@ PlayedService::PlayedService(const Fleet &fleet, const std::string &channel) : p
 }
 
 void PlayedService::reply(const std::string &json) {
-    tavrix_mq_socket_send(pub.number, (std::string(reply_prefix) + "|" + json).c_str());
+    tavrix_mq_socket_send(pub.number, (TAVRIX_ROUTER_REPLY_CHANNEL "|" + json).c_str());
+}
+
+void PlayedService::reply(const std::string &request, const std::string &result) {
+    reply(service_reply(request, result));
 }
 
 } // namespace support

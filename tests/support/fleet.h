@@ -32,12 +32,15 @@ class Fleet {
     Process &start_lone_router(const std::vector<std::string> &more = {});
     /** With a TCP listener too, to which a policy file allows all that it can allow everybody. */
     Process &start_router_with_tcp(int port, std::vector<std::string> more = {});
+    Process &start_lone_router_with_tcp(int port, std::vector<std::string> more = {});
     Process &start_ports(const std::vector<std::string> &more = {});
     /** With a script of two link changes, played every `interval_ms`, on "events.sock" and a pull socket. */
     Process &start_events(const std::string &interval_ms = "50", const std::vector<std::string> &more = {});
 
     /** Sends a request to the router's unix socket and hears the answer out. */
     std::string ask(const std::string &request) const;
+    /** A member of the router's status. */
+    std::string status(const char *key) const;
     StreamClient connect() const { return StreamClient::unix_path("router.sock"); }
 
     std::string router_address = free_bus_address();
@@ -49,6 +52,9 @@ class Fleet {
     std::unique_ptr<Process> ports;
     std::unique_ptr<Process> events;
 };
+
+/** Replaces the logger's configuration: "portsd=debug" for each daemon that logs. */
+void write_log_levels(const std::string &levels);
 
 /** A test of the router alone, which knows those services only that register. */
 class LoneRouter : public testing::Test {
@@ -76,6 +82,7 @@ class PlayedService {
     std::string next_request(int timeout_ms = 20000) const { return sub.next_text(timeout_ms); }
     /** Publishes on the router's reply channel. */
     void reply(const std::string &json);
+    void reply(const std::string &request, const std::string &result);
 
     BusSocket pub;
     BusSocket sub;

@@ -31,6 +31,14 @@ std::string request(const std::string &method, const std::string &id, const std:
     return R"({"jsonrpc":"2.0","method":")" + method + R"(","id":)" + id + more + "}";
 }
 
+std::string notification(const std::string &method, const std::string &params) {
+    return R"({"jsonrpc":"2.0","method":")" + method + R"(","params":)" + params + "}";
+}
+
+std::string subscription(const std::string &verb, const std::string &patterns) {
+    return request("router." + verb, "\"" + verb + "\"", R"(,"params":{"methods":)" + patterns + "}");
+}
+
 json_error_t parse_error(const std::string &text) {
     json_error_t error{};
     const Json value(
@@ -43,6 +51,22 @@ std::string member(const std::string &text, const char *key) {
     const Json object(json_loads(text.c_str(), JSON_DISABLE_EOF_CHECK, nullptr));
     const json_t *value = json_object_get(object.get(), key);
     return value != nullptr ? rendered(value) : "(none)";
+}
+
+std::string id_of(const std::string &response) { return member(response, "id"); }
+
+std::string result_of(const std::string &response) { return member(response, "result"); }
+
+std::string result_of(const std::string &response, const char *key) { return member(result_of(response), key); }
+
+std::string service_reply(const std::string &request, const std::string &result) {
+    return R"({"jsonrpc":"2.0","id":)" + member(request, "method") + ",\"result\":" + result +
+           ",\"transaction_id\":" + member(request, "transaction_id") + "}";
+}
+
+std::string error_of(const std::string &response) {
+    const std::string words = message_of(response);
+    return code_of(response) + (words == "(none)" ? "" : " " + std::string(json_string_value(parsed(words).get())));
 }
 
 std::string code_of(const std::string &response) { return member(member(response, "error"), "code"); }

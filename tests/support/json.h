@@ -39,12 +39,26 @@ std::string array_of(size_t count, const std::string &element);
 /** A JSON-RPC request; `id` and `more` stand as they are, `more` with its leading comma. */
 std::string request(const std::string &method, const std::string &id, const std::string &more = "");
 
+std::string notification(const std::string &method, const std::string &params = "{}");
+/** The request for them: router.Subscribe, router.Unsubscribe or router.Monitor, whose last part is its id as well. */
+std::string subscription(const std::string &verb, const std::string &patterns);
+
 /** What the parser says of a text that is no JSON: its line and its words. */
 json_error_t parse_error(const std::string &text);
 
 /** A member of a JSON object's text, rendered compactly; "(none)" when it is absent. */
 std::string member(const std::string &text, const char *key);
 
+/** A response's id, and its result, or a member of that; "(none)" when it is absent. */
+std::string id_of(const std::string &response);
+std::string result_of(const std::string &response);
+std::string result_of(const std::string &response, const char *key);
+
+/** A service's reply to a request as it came to it. */
+std::string service_reply(const std::string &request, const std::string &result);
+
+/** What an error response says: its code and the words in its data, as in "-32601 no service offers x"; "(none)". */
+std::string error_of(const std::string &response);
 /** The code of an error response, what is told with it, and the words in that. */
 std::string code_of(const std::string &response);
 std::string data_of(const std::string &response);

@@ -35,6 +35,23 @@ int open_for_output(const std::string &path) {
 
 } // namespace
 
+std::vector<std::string> lines_of(const std::string &text) {
+    std::vector<std::string> lines;
+    std::istringstream stream(text);
+    for (std::string line; std::getline(stream, line);) {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+int count_of(const std::string &text, const std::string &part) {
+    int count = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
+        ++count;
+    }
+    return count;
+}
+
 std::string read_file(const std::string &path) {
     std::ifstream file(path, std::ios::binary);
     return std::string((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
@@ -80,21 +97,19 @@ bool Process::says(const std::string &text, int timeout_ms) const {
     return wait_until([&] { return log().find(text) != std::string::npos; }, timeout_ms);
 }
 
-int times_in(const std::string &text, const std::string &part) {
-    int count = 0;
-    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
-        ++count;
-    }
-    return count;
-}
-
-int Process::times_said(const std::string &text) const { return times_in(log(), text); }
+int Process::times_said(const std::string &text) const { return count_of(log(), text); }
 
 bool Process::prints(const std::string &text, int timeout_ms) const {
     return wait_until([&] { return output().find(text) != std::string::npos; }, timeout_ms);
 }
 
 void Process::signal(int number) const { kill(pid_, number); }
+
+void Process::stand_still() const {
+    signal(SIGSTOP);
+    siginfo_t state{};
+    waitid(P_PID, static_cast<id_t>(pid_), &state, WSTOPPED);
+}
 
 int Process::wait(int timeout_ms) {
     wait_until(

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include <sys/resource.h>
 #include <sys/types.h>
 
 namespace support {
@@ -32,8 +33,15 @@ class Process {
     int times_said(const std::string &text) const;
     bool prints(const std::string &text, int timeout_ms = 30000) const;
     void signal(int number) const;
+    /** Stops it and waits until it stands. */
+    void stand_still() const;
     /** Waits for the end: the exit status, or 128 and the signal's number; -1 when it goes on. */
     int wait(int timeout_ms = 30000);
+    /** The same behind a signal. */
+    int end_by(int number) {
+        signal(number);
+        return wait();
+    }
     bool running() { return wait(0) == -1; }
     pid_t pid() const { return pid_; }
 
@@ -47,6 +55,23 @@ class Process {
 std::unique_ptr<Process> started(const std::string &name, std::vector<std::string> arguments,
                                  const std::vector<std::string> &more = {});
 
+/** As long as it lives, the process can open no more descriptors than it has, or than this many. */
+class FewDescriptors {
+  public:
+    FewDescriptors(const Process &process, rlim_t most) : pid_(process.pid()) {
+        prlimit(pid_, RLIMIT_NOFILE, nullptr, &before_);
+        const rlimit few{most, before_.rlim_max};
+        prlimit(pid_, RLIMIT_NOFILE, &few, nullptr);
+    }
+    FewDescriptors(const FewDescriptors &) = delete;
+    FewDescriptors &operator=(const FewDescriptors &) = delete;
+    ~FewDescriptors() { prlimit(pid_, RLIMIT_NOFILE, &before_, nullptr); }
+
+  private:
+    pid_t pid_;
+    rlimit before_{};
+};
+
 /** What a program that ends by itself left behind. */
 struct Finished {
     int status;
@@ -58,8 +83,9 @@ Finished run(const std::vector<std::string> &arguments);
 /** Runs a script in this machine's bash, in which `name` is the build's program at `path`. */
 Finished run_script(const std::string &name, const std::string &path, const std::string &script);
 
-/** How often a part stands in a text. */
-int times_in(const std::string &text, const std::string &part);
+std::vector<std::string> lines_of(const std::string &text);
+/** How often a text holds a part. */
+int count_of(const std::string &text, const std::string &part);
 
 std::string read_file(const std::string &path);
 void write_file(const std::string &path, const std::string &text);

@@ -7,14 +7,12 @@
 #include <sys/socket.h>
 #include <sys/time.h>
 
-#include "support/json.h"
 #include "tavrix_mq.h"
 
 namespace support {
 
 namespace {
 
-constexpr char reply_channel[] = "2524546b-ca99-4868-a062-359cefacff7c";
 constexpr time_t longest_wait_s = 20;
 
 using Clock = std::chrono::steady_clock;
@@ -93,28 +91,6 @@ std::string Registration::line(const std::string &id) const {
     return request("router.Register", id, ",\"params\":{" + params + "}");
 }
 
-namespace {
-
-/** A service's answer, as a service gives it: under its method's name and its transaction id. */
-std::string answer_to(const std::string &request, const std::string &outcome) {
-    return R"({"jsonrpc":"2.0","id":)" + member(request, "method") + "," + outcome +
-           ",\"transaction_id\":" + member(request, "transaction_id") + "}";
-}
-
-std::string quoted_list(const std::vector<std::string> &words) {
-    std::string list;
-    for (const std::string &word : words) {
-        list += (list.empty() ? "\"" : ",\"") + word + "\"";
-    }
-    return "[" + list + "]";
-}
-
-} // namespace
-
-std::string service_reply(const std::string &request, const std::string &result) {
-    return answer_to(request, "\"result\":" + result);
-}
-
 DirectService::DirectService(const Registration &registration) {
     const std::string answer = ask(registration.line());
     if (member(answer, "result") != "0") {
@@ -122,39 +98,8 @@ DirectService::DirectService(const Registration &registration) {
     }
 }
 
-DirectService::DirectService(const std::string &name, const std::vector<std::string> &methods, Handler handler)
-    : DirectService(Registration{name, Registration().channel, "[]", quoted_list(methods)}) {
-    server_ = std::thread([this, handler = std::move(handler)] {
-        for (std::string line = hear(); line != "(closed)"; line = hear()) {
-            const std::string method = member(line, "method");
-            if (member(line, "id") == "(none)") {
-                continue; // what the router tells its services
-            }
-            const std::string said = handler(method.substr(1, method.size() - 2), member(line, "params"));
-            if (!said.empty()) {
-                say(answer_to(line, said));
-            }
-        }
-    });
-}
-
-DirectService::~DirectService() {
-    if (server_.joinable()) {
-        shutdown(fd(), SHUT_RDWR);
-        server_.join();
-    }
-}
-
-std::string DirectService::accept_all(const std::string & /*method*/, const std::string & /*params*/) {
-    return R"("result":0)";
-}
-
 void DirectService::reply(const std::string &request, const std::string &result) const {
     say(service_reply(request, result));
-}
-
-void DirectService::publish(const std::string &method, const std::string &params) const {
-    say(R"({"jsonrpc":"2.0","method":")" + method + R"(","params":)" + params + "}");
 }
 
 BusService::BusService(const Fleet &fleet, Registration registration) : pub(TAVRIX_SP_PUB), sub(TAVRIX_SP_SUB) {
@@ -163,8 +108,8 @@ BusService::BusService(const Fleet &fleet, Registration registration) : pub(TAVR
     pub.bind(address);
     sub.connect(fleet.router_address);
     tavrix_mq_socket_subscribe(sub.number, registration.channel.c_str());
-    const std::string hello = R"({"jsonrpc":"2.0","method":"router.Hello","params":{"name":")" + registration.name +
-                              R"(","channel":")" + registration.channel + "\"}}";
+    const std::string hello = notification("router.Hello", R"({"name":")" + registration.name + R"(","channel":")" +
+                                                               registration.channel + "\"}");
     session.say(registration.line());
     const bool answered = wait_until([&] {
         if (sub.next_text(5).find("service.Probe") != std::string::npos) {
@@ -187,7 +132,7 @@ std::string BusService::next_request(int timeout_ms) {
     }
 }
 
-void BusService::publish_reply(const std::string &text) const { publish(reply_channel, text); }
+void BusService::publish_reply(const std::string &text) const { publish(TAVRIX_ROUTER_REPLY_CHANNEL, text); }
 
 void BusService::publish(const std::string &channel, const std::string &text) const {
     tavrix_mq_socket_send(pub.number, (channel + "|" + text).c_str());

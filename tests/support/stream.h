@@ -30,6 +30,10 @@ class StreamClient {
     std::string hear(int timeout_ms = 20000) const;
     /** Appends what is there, and waits for no more; whether the peer has closed. */
     bool take(std::string *heard) const;
+    std::string ask(const std::string &text) const {
+        say(text);
+        return hear();
+    }
     /** True when the peer has closed without a byte. */
     bool closed_silently() const { return hear().empty(); }
     void close();

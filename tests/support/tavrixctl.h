@@ -11,15 +11,13 @@
 
 namespace support {
 
-inline Finished ctl(std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(), TAVRIXCTL);
-    return run(arguments);
-}
+Finished ctl(std::vector<std::string> arguments);
 
 /** A script in bash that calls the tool by its name. */
-inline Finished script(const std::string &text) { return run_script("tavrixctl", TAVRIXCTL, text); }
+Finished script(const std::string &text);
 
-inline std::string first_line(const std::string &text) { return text.substr(0, text.find('\n')); }
+/** Every verb of the tool, and none at all. */
+std::vector<std::string> verbs();
 
 } // namespace support
 

@@ -9,17 +9,12 @@
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include "support/fleet.h"
 #include "support/json.h"
-#include "support/session.h"
 #include "support/tavrixctl.h"
 
-using support::ctl;
-using support::Fleet;
-using support::member;
-using support::Process;
+using namespace support;
 
 namespace {
 
@@ -71,15 +66,15 @@ TEST_F(DefaultPaths, AreWhereRouterServiceAndClientsMeetUntold) {
     EXPECT_TRUE(is_socket("/run/tavrix/bus/portsd"));
     EXPECT_EQ(ctl({"call", "ports.Get", "port_id=c1-1"}).status, 0);
     EXPECT_EQ(ctl({"subscribe", "--timeout", "0.2", "ports.*"}).status, 3) << "sessions alone have notifications";
-    const support::StreamClient one_shot = support::StreamClient::unix_path("/run/tavrix/router.sock");
-    one_shot.say(support::request("ports.Get", "1", R"(,"params":{"port_id":"c1-1"})"));
-    EXPECT_NE(member(one_shot.hear(), "result"), "(none)");
+    EXPECT_NE(result_of(StreamClient::unix_path("/run/tavrix/router.sock")
+                            .ask(request("ports.Get", "1", R"(,"params":{"port_id":"c1-1"})"))),
+              "(none)");
 }
 
 TEST_F(DefaultPaths, GiveWayToTheEnvironmentsAndThatToTheOptions) {
     fleet.start_lone_router();
     const Process other("other", {TAVRIX_ROUTERD, "--socket", "other.sock", "--session", "other-session.sock",
-                                  "--publish", support::free_bus_address()});
+                                  "--publish", free_bus_address()});
     ASSERT_TRUE(other.says("routerd ready")) << other.log();
     setenv("TAVRIX_SESSION", "session.sock", 1);
     {

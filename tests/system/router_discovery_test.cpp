@@ -1,10 +1,10 @@
 /*
  * Discovery over the router: one OpenRPC document of what can be called now.
  */
-#include <memory>
 #include <set>
 #include <string>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "support/fleet.h"
@@ -13,6 +13,7 @@
 #include "tavrix_jrpc.h"
 
 using namespace support;
+using namespace testing;
 
 namespace {
 
@@ -36,7 +37,7 @@ std::string of_size(size_t size) {
 class RouterDiscovery : public LoneRouter {
   protected:
     Json discover() const {
-        return Json(json_loads(member(fleet.ask(request("rpc.discover", "1")), "result").c_str(), 0, nullptr));
+        return Json(json_loads(result_of(fleet.ask(request("rpc.discover", "1"))).c_str(), 0, nullptr));
     }
     std::set<std::string> names() const {
         const Json document = discover();
@@ -56,22 +57,22 @@ TEST_F(RouterDiscovery, HasTheMembersOfOpenRpcAndNoOthers) {
     fleet.start_ports();
     fleet.start_events();
     const Json document = discover();
-    EXPECT_EQ(keys_of(document.get()), (std::set<std::string>{"openrpc", "info", "methods", "components"}));
-    EXPECT_EQ(keys_of(json_object_get(document.get(), "info")), (std::set<std::string>{"title", "version"}));
+    EXPECT_THAT(keys_of(document.get()), UnorderedElementsAre("openrpc", "info", "methods", "components"));
+    EXPECT_THAT(keys_of(json_object_get(document.get(), "info")), UnorderedElementsAre("title", "version"));
     EXPECT_STREQ(json_string_value(json_object_get(document.get(), "openrpc")), "1.2.6");
     const json_t *methods = json_object_get(document.get(), "methods");
     ASSERT_GT(json_array_size(methods), 20U);
     for (size_t i = 0; i < json_array_size(methods); ++i) {
         const json_t *method = json_array_get(methods, i);
-        EXPECT_EQ(keys_of(method), (std::set<std::string>{"name", "summary", "tags", "paramStructure", "params",
-                                                          "result", "errors", "examples"}))
+        EXPECT_THAT(keys_of(method), UnorderedElementsAre("name", "summary", "tags", "paramStructure", "params",
+                                                          "result", "errors", "examples"))
             << json_string_value(json_object_get(method, "name"));
         const json_t *params = json_object_get(method, "params");
         for (size_t k = 0; k < json_array_size(params); ++k) {
-            EXPECT_EQ(keys_of(json_array_get(params, k)),
-                      (std::set<std::string>{"name", "summary", "required", "schema"}));
+            EXPECT_THAT(keys_of(json_array_get(params, k)),
+                        UnorderedElementsAre("name", "summary", "required", "schema"));
         }
-        EXPECT_EQ(keys_of(json_object_get(method, "result")), (std::set<std::string>{"name", "schema"}));
+        EXPECT_THAT(keys_of(json_object_get(method, "result")), UnorderedElementsAre("name", "schema"));
     }
 }
 
@@ -86,49 +87,39 @@ TEST_F(RouterDiscovery, NamesTheWholeErrorCatalogue) {
 }
 
 TEST_F(RouterDiscovery, NamesTheMethodsOfTheRouterAndOfServicesThatAreUp) {
-    EXPECT_EQ(names(), (std::set<std::string>{"rpc.discover", "router.Status", "router.Metrics", "router.Lock",
+    EXPECT_THAT(names(), UnorderedElementsAre("rpc.discover", "router.Status", "router.Metrics", "router.Lock",
                                               "router.Unlock", "router.Bus", "router.Register", "router.Describe",
-                                              "router.Subscribe", "router.Unsubscribe", "router.Monitor"}));
+                                              "router.Subscribe", "router.Unsubscribe", "router.Monitor"));
     fleet.start_ports();
-    const std::set<std::string> found = names();
-    for (const char *name : {"ports.Get", "ports.poe.GetInstantPower", "mzu.Register", "ports.Discover"}) {
-        EXPECT_EQ(found.count(name), 1U) << name;
-    }
+    EXPECT_THAT(names(), IsSupersetOf({"ports.Get", "ports.poe.GetInstantPower", "mzu.Register", "ports.Discover"}));
 }
 
 TEST_F(RouterDiscovery, ForgetsAServiceThatHasGone) {
-    SessionClient watcher;
-    auto service = std::make_unique<DirectService>();
-    EXPECT_EQ(member(service->ask(describe(described("ports.Get"))), "result"), "0");
-    EXPECT_EQ(names().count("ports.Get"), 1U);
-    service.reset();
-    EXPECT_TRUE(support::wait_until([this] { return names().count("ports.Get") == 0; }));
-    EXPECT_EQ(code_of(watcher.ask(request("ports.Discover", "1"))), "-32601");
+    {
+        DirectService service;
+        EXPECT_EQ(result_of(service.ask(describe(described("ports.Get")))), "0");
+        EXPECT_EQ(names().count("ports.Get"), 1U);
+    }
+    EXPECT_TRUE(wait_until([this] { return names().count("ports.Get") == 0; }));
+    EXPECT_EQ(code_of(fleet.ask(request("ports.Discover", "1"))), "-32601");
     const DirectService again;
     EXPECT_EQ(names().count("ports.Get"), 0U) << "it has described nothing yet";
 }
 
-TEST_F(RouterDiscovery, LeavesOutAServiceThatDescribesNothing) {
-    const DirectService service;
-    EXPECT_EQ(names().count("ports.Get"), 0U);
-}
-
 TEST_F(RouterDiscovery, TakesADocumentOf262144BytesAndNoMore) {
     DirectService service;
-    const std::string refused = service.ask(describe(of_size(longest_document + 1)));
-    EXPECT_EQ(code_of(refused), "-32602");
-    EXPECT_EQ(message_of(refused), "\"document: at most 262144 bytes\"");
+    EXPECT_EQ(error_of(service.ask(describe(of_size(longest_document + 1)))), "-32602 document: at most 262144 bytes");
     EXPECT_EQ(names().count("ports.Get"), 0U);
-    EXPECT_EQ(member(service.ask(describe(of_size(longest_document))), "result"), "0");
+    EXPECT_EQ(result_of(service.ask(describe(of_size(longest_document)))), "0");
     EXPECT_EQ(names().count("ports.Get"), 1U);
     EXPECT_EQ(code_of(service.ask(describe(of_size(longest_document + 1)))), "-32602");
     EXPECT_EQ(names().count("ports.Get"), 1U) << "the earlier one stays";
 }
 
 TEST_F(RouterDiscovery, TakesALongDocumentFromAServiceOnTheBusToo) {
-    support::BusService service(fleet);
-    ASSERT_EQ(member(service.registered, "result"), "0");
-    EXPECT_EQ(member(service.session.ask(describe(of_size(longest_document))), "result"), "0");
+    BusService service(fleet);
+    ASSERT_EQ(result_of(service.registered), "0");
+    EXPECT_EQ(result_of(service.session.ask(describe(of_size(longest_document)))), "0");
     service.session.say(std::string(longest_document + 1024, ' '));
     EXPECT_EQ(code_of(service.session.hear()), "-32600") << "a line that is longer than any description";
     EXPECT_TRUE(service.session.gets_closed());
@@ -136,62 +127,51 @@ TEST_F(RouterDiscovery, TakesALongDocumentFromAServiceOnTheBusToo) {
 
 TEST_F(RouterDiscovery, TakesAServicesWordForItsOwnMethodsOnly) {
     DirectService service;
-    const struct {
-        std::string methods;
-        const char *message;
-    } rows[] = {
-        {described("mzu.List"), "\"document: it describes 'mzu.List', which the service does not offer\""},
-        {described("mzu.Discover"), "\"document: it describes 'mzu.Discover', which the service does not offer\""},
-        {"1", "\"document: it describes '', which the service does not offer\""},
-        {R"({"name":"ports.Get","result":{}})",
-         "\"document: ports.Get needs params, an array, and a result, an object\""},
-        {R"({"name":"ports.Get","params":[]})",
-         "\"document: ports.Get needs params, an array, and a result, an object\""},
+    const std::string needs = "ports.Get needs params, an array, and a result, an object";
+    const std::pair<std::string, std::string> rows[] = {
+        {described("mzu.List"), "it describes 'mzu.List', which the service does not offer"},
+        {described("mzu.Discover"), "it describes 'mzu.Discover', which the service does not offer"},
+        {"1", "it describes '', which the service does not offer"},
+        {R"({"name":"ports.Get","result":{}})", needs},
+        {R"({"name":"ports.Get","params":[]})", needs},
     };
-    for (const auto &row : rows) {
-        const std::string answer = service.ask(describe(row.methods));
-        EXPECT_EQ(code_of(answer), "-32602") << row.methods;
-        EXPECT_EQ(message_of(answer), row.message);
+    for (const auto &[methods, problem] : rows) {
+        EXPECT_EQ(error_of(service.ask(describe(methods))), "-32602 document: " + problem) << methods;
     }
-    const std::string none = service.ask(request("router.Describe", "1", R"(,"params":{"document":[]})"));
-    EXPECT_EQ(message_of(none), "\"document: an object with methods, an array\"");
-    EXPECT_EQ(member(service.ask(describe(described("ports.Get") + "," + described("ports.Discover"))), "result"), "0");
+    EXPECT_EQ(error_of(service.ask(request("router.Describe", "1", R"(,"params":{"document":[]})"))),
+              "-32602 document: an object with methods, an array");
+    EXPECT_EQ(result_of(service.ask(describe(described("ports.Get") + "," + described("ports.Discover")))), "0");
 }
 
 TEST_F(RouterDiscovery, IsDescribedByServicesOnly) {
     SessionClient client;
-    const std::string answer = client.ask(describe(""));
-    EXPECT_EQ(code_of(answer), "-32600");
-    EXPECT_EQ(message_of(answer), "\"this session is no service\"");
+    EXPECT_EQ(error_of(client.ask(describe(""))), "-32600 this session is no service");
     EXPECT_EQ(code_of(fleet.ask(describe(""))), "-32601") << "it needs a session";
 }
 
 TEST_F(RouterDiscovery, PassesAServicesOwnDiscoveryOn) {
     fleet.start_ports();
-    const std::string answer = fleet.ask(request("ports.Discover", "1"));
-    EXPECT_EQ(member(member(member(answer, "result"), "info"), "title"), "\"portsd\"");
+    EXPECT_EQ(member(result_of(fleet.ask(request("ports.Discover", "1")), "info"), "title"), "\"portsd\"");
     EXPECT_EQ(code_of(fleet.ask(request("mzu.Discover", "1"))), "-32601") << "its first method begins with ports";
 }
 
 TEST_F(RouterDiscovery, IsAskedOfNoServiceThatHasDescribedNothing) {
     const DirectService service;
-    EXPECT_EQ(message_of(fleet.ask(request("ports.Discover", "1"))), "\"no service offers ports.Discover\"");
+    EXPECT_EQ(names().count("ports.Get"), 0U);
+    EXPECT_EQ(error_of(fleet.ask(request("ports.Discover", "1"))), "-32601 no service offers ports.Discover");
 }
 
 TEST_F(RouterDiscovery, AnswersOnSessionsAndWhileTheSystemIsLocked) {
     SessionClient client;
     client.ask(request("router.Lock", "1"));
-    EXPECT_EQ(member(client.ask(request("rpc.discover", "\"mine\"", ",\"transaction_id\":4")), "id"), "\"mine\"");
+    EXPECT_EQ(id_of(client.ask(request("rpc.discover", "\"mine\"", ",\"transaction_id\":4"))), "\"mine\"");
     const std::string one_shot = fleet.ask(request("rpc.discover", "1", ",\"transaction_id\":4"));
-    EXPECT_EQ(member(one_shot, "id"), "\"rpc.discover\"");
+    EXPECT_EQ(id_of(one_shot), "\"rpc.discover\"");
     EXPECT_EQ(member(one_shot, "transaction_id"), "4");
 }
 
 TEST_F(RouterDiscovery, KeepsTheReservedNamesToTheRouter) {
-    Registration registration;
-    registration.channel = "30e493d7-9e02-41b6-97f5-21f2cc9cbbb3";
-    registration.methods = R"(["rpc.discover"])";
-    SessionClient service;
-    EXPECT_EQ(code_of(service.ask(registration.line())), "-32602");
+    const Registration taken{"played", "30e493d7-9e02-41b6-97f5-21f2cc9cbbb3", "[]", R"(["rpc.discover"])", "true"};
+    EXPECT_EQ(code_of(SessionClient().ask(taken.line())), "-32602");
     EXPECT_EQ(code_of(fleet.ask(request("rpc.other", "1"))), "-32601");
 }

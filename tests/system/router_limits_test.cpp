@@ -1,19 +1,18 @@
 /*
  * What the router bears: bounds and fairness, malformed input on every listener, floods, foreign words in its log.
  */
-#include <atomic>
+#include <algorithm>
 #include <chrono>
 #include <optional>
 #include <regex>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -21,20 +20,18 @@
 #include "support/fleet.h"
 #include "support/json.h"
 #include "support/mutation.h"
+#include "support/repeating.h"
 #include "support/session.h"
 #include "support/stranger.h"
 #include "support/tavrixctl.h"
 
 using namespace support;
+using namespace testing;
 
 namespace {
 
 constexpr uint32_t seed = 20090; // the same inputs in every run
 constexpr int inputs = 1000;
-
-std::string status_of(const Fleet &fleet, const char *key) {
-    return member(member(fleet.ask(request("router.Status", "1")), "result"), key);
-}
 
 /** One of: near a good request, of JSON's own characters, of any bytes. */
 std::string malformed(Mutator &mutator) {
@@ -52,51 +49,48 @@ std::string malformed(Mutator &mutator) {
 }
 
 std::string without_newlines(std::string text) {
-    for (char &c : text) {
-        c = c == '\n' ? ' ' : c;
-    }
+    std::replace(text.begin(), text.end(), '\n', ' ');
     return text;
 }
 
+/** So many lines of this text. */
+std::string lines_of(const std::string &line, size_t count) { return repeated(line + "\n", count * (line.size() + 1)); }
+
 class RouterLimits : public testing::Test {
   protected:
-    /** A router with a policy that opens TCP to all. */
-    void start(std::vector<std::string> more = {}) {
-        support::write_file("policy.conf", "[tcp]\nall=*\n");
-        more.insert(more.end(), {"--tcp", std::to_string(port), "--policy", "policy.conf"});
-        fleet.start_lone_router(more);
+    void start(const std::vector<std::string> &more = {}) { fleet.start_lone_router_with_tcp(port, more); }
+    void start_with_service(const std::vector<std::string> &more = {}) {
+        start(more);
+        direct.emplace();
     }
     StreamClient connect(bool tcp) const { return tcp ? StreamClient::tcp_port(port) : fleet.connect(); }
     /** Whether a call through the service comes back with its own parameter. */
-    bool serves(DirectService &service) {
+    bool still_serves() {
         SessionClient client;
         const std::string number = std::to_string(++calls);
         client.say(request("ports.Get", "\"good\"", ",\"params\":{\"n\":" + number + "}"));
-        std::string asked = service.next_request();
+        std::string asked = direct->next_request();
         while (asked.find("\"params\":{\"n\":" + number + "}") == std::string::npos && asked[0] == '{') {
-            asked = service.next_request(); // some of the malformed ones were good enough
+            asked = direct->next_request(); // some of the malformed ones were good enough
         }
-        service.reply(asked, number);
-        return member(client.hear(), "result") == number;
+        direct->reply(asked, number);
+        return result_of(client.hear()) == number;
     }
 
     /** Each by a client of its own; they keep the router at work for a while. */
     std::vector<StreamClient> send_costly_requests() const {
-        std::string values = "[]";
-        while (values.size() < 8000) {
-            values += ",[]";
-        }
+        const std::string values = "[" + repeated("[],", 8000) + "]";
         std::vector<StreamClient> clients;
         for (int i = 0; i < 100; ++i) {
             clients.push_back(fleet.connect());
-            clients.back().say(request("router.Status", "1", ",\"params\":{\"values\":[" + values + "]}"));
+            clients.back().say(request("router.Status", "1", ",\"params\":{\"values\":" + values + "}"));
         }
         return clients;
     }
 
     /** Of the router, user's and system's. */
     long processor_ticks() const {
-        std::istringstream fields(support::read_file("/proc/" + std::to_string(fleet.router->pid()) + "/stat"));
+        std::istringstream fields(read_file("/proc/" + std::to_string(fleet.router->pid()) + "/stat"));
         std::string field;
         for (int i = 1; i <= 13; ++i) {
             fields >> field;
@@ -107,24 +101,25 @@ class RouterLimits : public testing::Test {
         return user + system;
     }
 
-    int port = support::free_port();
+    int port = free_port();
     int calls = 0;
     Fleet fleet;
+    std::optional<DirectService> direct;
 };
 
 /** The same, with sockets that a stranger can reach. */
 class RouterFairness : public RouterLimits {
   protected:
     void SetUp() override {
-        if (!support::can_be_a_stranger()) {
+        if (!can_be_a_stranger()) {
             GTEST_SKIP() << "only root can play another user";
         }
         chmod(".", 0755);
     }
-    static SessionClient strange_session() {
+    static std::vector<SessionClient> strange_sessions(size_t count) {
         const Stranger stranger;
         EXPECT_TRUE(stranger.worked());
-        return SessionClient();
+        return std::vector<SessionClient>(count);
     }
 };
 
@@ -138,111 +133,90 @@ TEST_F(RouterLimits, TurnsAwayWhoIsBeyondHalfOfTheFreePlaces) {
     for (int i = 0; i < 3; ++i) {
         silent.push_back(fleet.connect());
     }
-    EXPECT_EQ(status_of(fleet, "clients"), "4") << "the fourth of eight places is to be had";
+    EXPECT_EQ(fleet.status("clients"), "4") << "the fourth of eight places is to be had";
     silent.push_back(fleet.connect());
-    const std::string answer = fleet.ask(request("router.Status", "1"));
-    EXPECT_EQ(answer, R"({"jsonrpc":"2.0","id":null,"error":{"code":-32014,"message":"System is busy.",)"
-                      R"("data":{"message":"too many clients"}}})");
+    EXPECT_EQ(fleet.ask(request("router.Status", "1")),
+              R"({"jsonrpc":"2.0","id":null,"error":{"code":-32014,"message":"System is busy.",)"
+              R"("data":{"message":"too many clients"}}})");
     SessionClient session;
     EXPECT_EQ(code_of(session.hear()), "-32014") << "a session is told in a line";
     EXPECT_TRUE(session.gets_closed());
     silent.pop_back();
-    EXPECT_TRUE(support::wait_until([&] { return status_of(fleet, "clients") == "4"; }));
-    EXPECT_NE(status_of(fleet, "busy"), "0");
+    EXPECT_TRUE(wait_until([&] { return fleet.status("clients") == "4"; }));
+    EXPECT_NE(fleet.status("busy"), "0");
 }
 
 TEST_F(RouterLimits, CountsAllClientsOverTcpAsOneUser) {
     start({"--max-clients", "8", "--client-timeout", "86400000"});
     std::vector<StreamClient> silent;
     for (int i = 0; i < 4; ++i) {
-        silent.push_back(StreamClient::tcp_port(port));
+        silent.push_back(connect(true));
     }
-    const StreamClient beyond = StreamClient::tcp_port(port);
-    EXPECT_EQ(code_of(beyond.hear()), "-32014");
-    EXPECT_EQ(status_of(fleet, "clients"), "5") << "a local user has half of what is left";
+    EXPECT_EQ(code_of(connect(true).hear()), "-32014");
+    EXPECT_EQ(fleet.status("clients"), "5") << "a local user has half of what is left";
 }
 
 TEST_F(RouterFairness, LeavesRoomForAnotherUser) {
     start({"--max-clients", "8", "--client-timeout", "86400000"});
-    std::vector<SessionClient> flood;
-    for (int i = 0; i < 20; ++i) {
-        flood.push_back(strange_session());
-    }
+    std::vector<SessionClient> flood = strange_sessions(20);
     EXPECT_EQ(code_of(flood.back().hear()), "-32014");
-    SessionClient first;
-    SessionClient second;
-    EXPECT_EQ(member(first.ask(request("router.Status", "1")), "id"), "1");
-    EXPECT_EQ(member(second.ask(request("router.Status", "2")), "id"), "2");
+    std::vector<SessionClient> two(2);
+    for (SessionClient &session : two) {
+        EXPECT_EQ(id_of(session.ask(request("router.Status", "1"))), "1");
+    }
     EXPECT_EQ(code_of(fleet.ask(request("router.Status", "3"))), "-32014") << "half of four are two";
 }
 
 TEST_F(RouterFairness, ServesOneUserBesideTheFloodOfAnother) {
-    start({"--max-clients", "64"});
-    std::atomic<bool> ended{false};
-    DirectService service;
-    std::vector<SessionClient> flood;
-    for (int i = 0; i < 8; ++i) {
-        flood.push_back(strange_session());
-        fcntl(flood.back().fd(), F_SETFL, O_NONBLOCK);
+    start_with_service({"--max-clients", "64"});
+    std::vector<SessionClient> flood = strange_sessions(8);
+    for (const SessionClient &session : flood) {
+        fcntl(session.fd(), F_SETFL, O_NONBLOCK);
     }
-    std::thread flooding([&] {
-        const std::string lines =
-            request("router.Status", "1") + "\nrubbish\n[1,2,3]\n" + request("ports.Get", "1") + "\n";
+    const std::string lines = request("router.Status", "1") + "\nrubbish\n[1,2,3]\n" + request("ports.Get", "1") + "\n";
+    size_t i = 0;
+    const Repeating flooding([&] {
         char bytes[65536];
-        for (size_t i = 0; !ended; i = (i + 1) % flood.size()) {
-            static_cast<void>(flood[i].say_bytes(lines));
-            static_cast<void>(
-                recv(flood[i].fd(), bytes, i % 2 == 0 ? sizeof bytes : 0, MSG_DONTWAIT)); // some never read
-        }
+        i = (i + 1) % flood.size();
+        static_cast<void>(flood[i].say_bytes(lines));
+        static_cast<void>(recv(flood[i].fd(), bytes, i % 2 == 0 ? sizeof bytes : 0, MSG_DONTWAIT)); // some never read
     });
-    for (int i = 0; i < 5; ++i) {
-        EXPECT_TRUE(serves(service)) << i;
+    for (int k = 0; k < 5; ++k) {
+        EXPECT_TRUE(still_serves()) << k;
     }
-    ended = true;
-    flooding.join();
 }
 
 TEST_F(RouterFairness, ServesOneUserBeforeAllThatAnotherHasAsked) {
-    std::string batch = "[1";
-    for (int i = 1; i < 256; ++i) {
-        batch += ",1";
-    }
     const struct {
         std::string line;
-        int lines;
+        size_t lines;
         int requests;
-    } floods[] = {{"1\n", 4000, 4000}, {batch + "]\n", 15, 15 * 256}};
+    } floods[] = {{"1", 4000, 4000}, {"[" + repeated("1,", 511) + "]", 15, 15 * 256}};
     constexpr int sessions = 20;
     for (const auto &flood : floods) {
         start();
-        std::vector<SessionClient> strangers;
-        for (int i = 0; i < sessions; ++i) {
-            strangers.push_back(strange_session());
-            EXPECT_EQ(member(strangers.back().ask(request("router.Status", "1")), "id"), "1");
-        }
+        std::vector<SessionClient> strangers = strange_sessions(sessions);
         std::vector<SessionClient> good(3);
-        for (SessionClient &session : good) {
-            EXPECT_EQ(member(session.ask(request("router.Status", "1")), "id"), "1");
-        }
-        std::string rubbish;
-        for (int i = 0; i < flood.lines; ++i) {
-            rubbish += flood.line;
+        for (std::vector<SessionClient> *all : {&strangers, &good}) {
+            for (SessionClient &session : *all) {
+                EXPECT_EQ(id_of(session.ask(request("router.Status", "1"))), "1");
+            }
         }
         fleet.router->signal(SIGSTOP);
         for (SessionClient &session : strangers) {
-            session.say_bytes(rubbish);
+            session.say_bytes(lines_of(flood.line, flood.lines));
         }
         for (SessionClient &session : good) {
             session.say(request("router.Status", "2"));
         }
         fleet.router->signal(SIGCONT);
         for (SessionClient &session : good) {
-            const int refused = std::stoi(member(member(session.hear(), "result"), "refused"));
-            EXPECT_LT(refused, sessions * flood.requests / 2) << "the flood had not been served when the good one was";
+            EXPECT_LT(std::stoi(result_of(session.hear(), "refused")), sessions * flood.requests / 2)
+                << "the flood had not been served when the good one was";
         }
-        EXPECT_TRUE(support::wait_until([&] { // but it is, in the end
-            return std::stoi(status_of(fleet, "refused")) == sessions * flood.requests;
-        })) << status_of(fleet, "refused");
+        EXPECT_TRUE(wait_until([&] { // but it is, in the end
+            return std::stoi(fleet.status("refused")) == sessions * flood.requests;
+        })) << fleet.status("refused");
     }
 }
 
@@ -257,10 +231,10 @@ TEST_F(RouterFairness, AnswersAOneShotClientBeforeAllThatAnotherUserHasSent) {
     const StreamClient good = fleet.connect();
     good.say(request("router.Status", "1"));
     fleet.router->signal(SIGCONT);
-    const size_t left = std::stoul(member(member(good.hear(), "result"), "clients"));
+    const size_t left = std::stoul(result_of(good.hear(), "clients"));
     EXPECT_GT(left, flood.size() / 2) << "the flood had not been served when the good one was";
     for (const StreamClient &client : flood) { // but it is, in the end
-        EXPECT_EQ(member(client.hear(), "id"), "\"router.Status\"");
+        EXPECT_EQ(id_of(client.hear()), "\"router.Status\"");
     }
 }
 
@@ -270,8 +244,7 @@ TEST_F(RouterLimits, TakesTheTimeThatAOneShotClientWaitsForItsTurnAsItsOwn) {
     const std::vector<StreamClient> clients = send_costly_requests();
     fleet.router->signal(SIGCONT);
     for (const StreamClient &client : clients) {
-        const std::string answer = client.hear();
-        EXPECT_EQ(member(answer, "id"), "\"router.Status\"") << answer;
+        EXPECT_EQ(id_of(client.hear()), "\"router.Status\"");
     }
 }
 
@@ -283,11 +256,10 @@ TEST_F(RouterLimits, AnswersABatchThatTakesSeveralTurnsAndWhatComesBehindIt) {
     }
     SessionClient client;
     client.say_bytes(batch + "]\n" + request("router.Status", "\"behind\"") + "\n");
-    shutdown(client.fd(), SHUT_WR);
-    const std::string answers = client.hear();
-    EXPECT_EQ(answers.substr(0, 24), R"([{"jsonrpc":"2.0","id":0)");
-    EXPECT_NE(answers.find(R"({"jsonrpc":"2.0","id":255,"result":{"openrpc":)"), std::string::npos);
-    EXPECT_EQ(member(client.hear(), "id"), "\"behind\"");
+    client.end_sending();
+    EXPECT_THAT(client.hear(), AllOf(StartsWith(R"([{"jsonrpc":"2.0","id":0)"),
+                                     HasSubstr(R"({"jsonrpc":"2.0","id":255,"result":{"openrpc":)")));
+    EXPECT_EQ(id_of(client.hear()), "\"behind\"");
     EXPECT_TRUE(client.gets_closed());
 }
 
@@ -297,16 +269,9 @@ TEST_F(RouterLimits, AnswersABatchThatTakesSeveralTurnsAndWhatComesBehindIt) {
  */
 TEST_F(RouterLimits, ForgetsAServiceThatGoesWhileItWaitsForItsTurn) {
     start();
-    const auto lines_of = [](const std::string &line, int count) {
-        std::string lines;
-        for (int i = 0; i < count; ++i) {
-            lines += line + "\n";
-        }
-        return lines;
-    };
     std::vector<SessionClient> same_user(5);
     for (SessionClient &session : same_user) {
-        EXPECT_EQ(member(session.ask(request("router.Status", "1")), "id"), "1");
+        EXPECT_EQ(id_of(session.ask(request("router.Status", "1"))), "1");
     }
     DirectService service;
     fleet.router->signal(SIGSTOP);
@@ -321,35 +286,29 @@ TEST_F(RouterLimits, ForgetsAServiceThatGoesWhileItWaitsForItsTurn) {
             ASSERT_EQ(code_of(session.hear()), "-32600") << fleet.router->log();
         }
     }
-    EXPECT_EQ(status_of(fleet, "discarded"), "20000");
+    EXPECT_EQ(fleet.status("discarded"), "20000");
 }
 
 TEST_F(RouterFairness, BoundsWhatTheSessionsOfOneUserLeaveUnread) {
     start();
-    const std::string question = request("rpc.discover", "1") + "\n";
-    SessionClient measuring;
-    const size_t answer = measuring.ask(request("rpc.discover", "1")).size();
-    std::vector<SessionClient> deaf;
-    for (int i = 0; i < 12; ++i) {
-        deaf.push_back(strange_session());
-        for (size_t asked = 0; asked < size_t{7} * 1024 * 1024; asked += answer) { // fewer than each may leave
-            deaf.back().say_bytes(question);
-        }
+    const std::string question = request("rpc.discover", "1");
+    SessionClient large;
+    const size_t answer = large.ask(question).size();
+    std::vector<SessionClient> deaf = strange_sessions(12);
+    for (const SessionClient &session : deaf) { // fewer than each may leave
+        session.say_bytes(lines_of(question, size_t{7} * 1024 * 1024 / answer + 1));
     }
     EXPECT_TRUE(fleet.router->says("A session does not read its answers"));
-    SessionClient small = strange_session();
-    EXPECT_EQ(member(small.ask(request("router.Status", "1")), "id"), "1") << "the same user, who reads now";
-    SessionClient large;
-    large.say_bytes(question + question + question + question);
+    EXPECT_EQ(id_of(strange_sessions(1).front().ask(request("router.Status", "1"))), "1") << "the same user, who reads";
+    large.say_bytes(lines_of(question, 4));
     for (int i = 0; i < 4; ++i) {
-        EXPECT_EQ(member(large.hear(), "id"), "1") << "another user";
+        EXPECT_EQ(id_of(large.hear()), "1") << "another user";
     }
 }
 
 TEST_F(RouterFairness, BoundsWhatTheOneShotClientsOfOneUserLeaveUnread) {
-    start(
+    start_with_service(
         {"--client-timeout", "86400000", "--reply-timeout", "86400000"}); // such replies take seconds on a slow machine
-    DirectService service;
     const std::string large = "\"" + std::string(size_t{7} * 1024 * 1024, 'x') + "\"";
     std::vector<StreamClient> deaf;
     for (int i = 0; i < 10; ++i) {
@@ -359,14 +318,14 @@ TEST_F(RouterFairness, BoundsWhatTheOneShotClientsOfOneUserLeaveUnread) {
             deaf.push_back(fleet.connect());
         }
         deaf.back().say(request("ports.Get", "1"));
-        service.reply(service.next_request(), large);
+        direct->reply(direct->next_request(), large);
     }
     EXPECT_TRUE(fleet.router->says("There is no room for a client's answer: its user leaves too much unread"));
     const StreamClient other = fleet.connect();
     other.say(request("ports.Get", "1"));
-    service.reply(service.next_request(), large);
-    EXPECT_EQ(member(other.hear(), "result"), large) << "another user";
-    EXPECT_EQ(member(deaf.front().hear(), "result"), large) << "there was room for this one";
+    direct->reply(direct->next_request(), large);
+    EXPECT_EQ(result_of(other.hear()), large) << "another user";
+    EXPECT_EQ(result_of(deaf.front().hear()), large) << "there was room for this one";
 }
 
 TEST_F(RouterLimits, CountsNothingAsUnreadThatWentWithItsSession) {
@@ -380,33 +339,25 @@ TEST_F(RouterLimits, CountsNothingAsUnreadThatWentWithItsSession) {
         }
     }
     SessionClient innocent;
-    std::string questions;
+    innocent.say_bytes(lines_of(request("rpc.discover", "1"), 20));
     for (int i = 0; i < 20; ++i) {
-        questions += request("rpc.discover", std::to_string(i)) + "\n";
-    }
-    innocent.say_bytes(questions);
-    for (int i = 0; i < 20; ++i) {
-        EXPECT_EQ(member(innocent.hear(), "id"), std::to_string(i));
+        EXPECT_EQ(id_of(innocent.hear()), "1");
     }
 }
 
 TEST_F(RouterLimits, RestsWhileASessionThatHasEndedDoesNotRead) {
     start();
     SessionClient deaf;
-    std::string questions;
-    for (int i = 0; i < 400; ++i) {
-        questions += request("rpc.discover", "1") + "\n";
-    }
-    deaf.say_bytes(questions);
-    shutdown(deaf.fd(), SHUT_WR);
+    deaf.say_bytes(lines_of(request("rpc.discover", "1"), 400));
+    deaf.end_sending();
     // Once all has been answered there is nothing to do but to wait.
-    EXPECT_TRUE(support::wait_until([this] {
+    EXPECT_TRUE(wait_until([this] {
         const long before = processor_ticks();
         poll(nullptr, 0, 300);
         return processor_ticks() - before <= 3;
     })) << "it never rests";
     for (int i = 0; i < 400; ++i) {
-        EXPECT_EQ(member(deaf.hear(), "id"), "1");
+        EXPECT_EQ(id_of(deaf.hear()), "1");
     }
     EXPECT_TRUE(deaf.gets_closed());
 }
@@ -415,107 +366,83 @@ TEST_F(RouterLimits, KeepsNoStatisticsOfNamesThatAnybodyMayInvent) {
     start({"--max-in-flight", "4096"});
     DirectService service({"everything", "30e493d7-9e02-41b6-97f5-21f2cc9cbbb3", "[]", "[]", "true"});
     SessionClient client;
-    const auto call = [&](const std::string &method) {
-        client.say(request(method, "1"));
-        service.reply(service.next_request(), "1");
-        EXPECT_EQ(member(client.hear(), "result"), "1") << method;
-    };
-    call("log." + std::string(125, 'n'));
-    EXPECT_EQ(status_of(fleet, "methods").find("nnn"), std::string::npos) << "a long name";
+    EXPECT_TRUE(serves(service, client, "log." + std::string(125, 'n')));
+    EXPECT_THAT(fleet.status("methods"), Not(HasSubstr("nnn"))) << "a long name";
     for (int i = 0; i < 140; ++i) {
-        call("log.m" + std::to_string(i));
+        EXPECT_TRUE(serves(service, client, "log.m" + std::to_string(i)));
     }
-    const std::string methods = status_of(fleet, "methods");
-    EXPECT_NE(methods.find("\"log.m127\""), std::string::npos);
-    EXPECT_EQ(methods.find("\"log.m128\""), std::string::npos);
-    EXPECT_NE(methods.find("\"(others)\":{\"calls\":13"), std::string::npos) << methods;
+    EXPECT_THAT(fleet.status("methods"), AllOf(HasSubstr("\"log.m127\""), Not(HasSubstr("\"log.m128\"")),
+                                               HasSubstr("\"(others)\":{\"calls\":13")));
 }
 
 TEST_F(RouterLimits, RereadsLogLevelsOnlySoOftenForOneUser) {
     start();
     SessionClient client;
-    std::string burst;
-    for (int i = 0; i < 11; ++i) {
-        burst += request("logger.ReloadConf", std::to_string(i)) + "\n";
-    }
-    client.say_bytes(burst);
+    const std::string reload = request("logger.ReloadConf", "1");
+    client.say_bytes(lines_of(reload, 11));
     for (int i = 0; i < 10; ++i) {
-        EXPECT_EQ(member(client.hear(), "result"), "0") << i;
+        EXPECT_EQ(result_of(client.hear()), "0") << i;
     }
-    const std::string busy = client.hear();
-    EXPECT_EQ(code_of(busy), "-32014") << busy;
-    const StreamClient over_tcp = StreamClient::tcp_port(port);
-    over_tcp.say(request("logger.ReloadConf", "1"));
-    EXPECT_EQ(member(over_tcp.hear(), "result"), "0") << "another user";
-    EXPECT_TRUE(
-        support::wait_until([&] { return member(client.ask(request("logger.ReloadConf", "12")), "result") == "0"; }));
+    EXPECT_EQ(code_of(client.hear()), "-32014");
+    EXPECT_EQ(result_of(connect(true).ask(reload)), "0") << "another user";
+    EXPECT_TRUE(wait_until([&] { return result_of(client.ask(reload)) == "0"; }));
 }
 
 // --- Requests in flight --------------------------------------------------------------------------------------------
 
 TEST_F(RouterLimits, BoundsTheRequestsInFlightOfEachService) {
-    start({"--max-in-flight", "8"});
-    DirectService service;
+    start_with_service({"--max-in-flight", "8"});
     DirectService other({"other", "505a5451-3ef2-4618-8087-9a22b800a510", "[]", R"(["events.List"])", "true"});
     SessionClient client;
     std::vector<std::string> in_flight;
     for (int i = 0; i < 4; ++i) {
         client.say(request("ports.Get", std::to_string(i)));
-        in_flight.push_back(service.next_request());
+        in_flight.push_back(direct->next_request());
     }
-    const std::string busy = client.ask(request("ports.Get", "\"beyond\"", ",\"transaction_id\":6"));
-    EXPECT_EQ(busy, R"({"jsonrpc":"2.0","id":"beyond","error":{"code":-32014,"message":"System is busy.",)"
-                    R"("data":{"message":"too many requests in flight"}},"transaction_id":6})");
-    client.say(request("events.List", "\"other\""));
-    other.reply(other.next_request(), "1");
-    EXPECT_EQ(member(client.hear(), "id"), "\"other\"") << "each service has its own";
-    const StreamClient over_tcp = StreamClient::tcp_port(port);
-    over_tcp.say(request("ports.Get", "1"));
-    service.reply(service.next_request(), "\"another user's\"");
-    EXPECT_EQ(member(over_tcp.hear(), "result"), "\"another user's\"");
-    service.reply(in_flight[0], "0");
-    EXPECT_EQ(member(client.hear(), "id"), "0");
-    client.say(request("ports.Get", "\"again\""));
-    service.reply(service.next_request(), "1");
-    EXPECT_EQ(member(client.hear(), "id"), "\"again\"");
+    EXPECT_EQ(client.ask(request("ports.Get", "\"beyond\"", ",\"transaction_id\":6")),
+              R"({"jsonrpc":"2.0","id":"beyond","error":{"code":-32014,"message":"System is busy.",)"
+              R"("data":{"message":"too many requests in flight"}},"transaction_id":6})");
+    EXPECT_TRUE(serves(other, client, "events.List")) << "each service has its own";
+    EXPECT_TRUE(serves(*direct, connect(true))) << "another user";
+    direct->reply(in_flight[0], "0");
+    EXPECT_EQ(id_of(client.hear()), "0");
+    EXPECT_TRUE(serves(*direct, client));
 }
 
 /** Otherwise whoever asks and goes, again and again, fills a service with work that nobody waits for. */
 TEST_F(RouterLimits, KeepsThePlaceOfACallUntilItsServiceIsThroughWithIt) {
-    start({"--max-in-flight", "8", "--reply-timeout", "86400000"});
-    DirectService service;
+    start_with_service({"--max-in-flight", "8", "--reply-timeout", "86400000"});
     std::vector<std::string> left;
     for (int i = 0; i < 4; ++i) {
         StreamClient leaving = fleet.connect();
         leaving.say(request("ports.Get", "1"));
-        left.push_back(service.next_request());
+        left.push_back(direct->next_request());
         leaving.close();
-        EXPECT_EQ(member(service.hear(), "method"), "\"service.Cancel\"");
+        EXPECT_EQ(member(direct->hear(), "method"), "\"service.Cancel\"");
     }
     SessionClient client;
     EXPECT_EQ(code_of(client.ask(request("ports.Get", "\"beyond\""))), "-32014");
-    EXPECT_EQ(status_of(fleet, "in_flight"), "0") << "nobody waits";
-    service.reply(left[2], "\"late\"");
-    service.ask(request("router.Status", "1")); // by then the reply has been taken
+    EXPECT_EQ(fleet.status("in_flight"), "0") << "nobody waits";
+    direct->reply(left[2], "\"late\"");
+    direct->ask(request("router.Status", "1")); // by then the reply has been taken
     client.say(request("ports.Get", "\"its place\""));
-    const std::string asked_later = service.next_request();
+    const std::string asked_later = direct->next_request();
     EXPECT_EQ(code_of(client.ask(request("ports.Get", "\"beyond\""))), "-32014");
-    service.reply(asked_later, "1");
-    EXPECT_EQ(member(client.hear(), "id"), "\"its place\"");
+    direct->reply(asked_later, "1");
+    EXPECT_EQ(id_of(client.hear()), "\"its place\"");
     for (int i = 0; i < 4; ++i) { // it has read what came before the one that it has answered
         client.say(request("ports.Get", std::to_string(i)));
-        service.next_request();
+        direct->next_request();
     }
     EXPECT_EQ(code_of(client.ask(request("ports.Get", "\"beyond\""))), "-32014");
 }
 
 TEST_F(RouterLimits, KeepsNoPlaceForLongerThanAReplyIsWaitedFor) {
-    start({"--max-in-flight", "2", "--reply-timeout", "100"});
-    DirectService service;
+    start_with_service({"--max-in-flight", "2", "--reply-timeout", "100"});
     SessionClient client;
     const auto times_out = [&] { return code_of(client.ask(request("ports.Get", "1"))) == "-32005"; };
     ASSERT_TRUE(times_out());
-    EXPECT_TRUE(support::wait_until(times_out));
+    EXPECT_TRUE(wait_until(times_out));
 }
 
 TEST_F(RouterLimits, BoundsReloadsInFlightToo) {
@@ -527,34 +454,32 @@ TEST_F(RouterLimits, BoundsReloadsInFlightToo) {
     }
     const std::string busy = client.hear();
     EXPECT_EQ(code_of(busy), "-32014");
-    EXPECT_EQ(member(busy, "id"), "4");
-    EXPECT_EQ(status_of(fleet, "in_flight"), "4");
+    EXPECT_EQ(id_of(busy), "4");
+    EXPECT_EQ(fleet.status("in_flight"), "4");
 }
 
 // --- Descriptors ---------------------------------------------------------------------------------------------------
 
 TEST_F(RouterLimits, ServesThoseItHasWhenDescriptorsRunOut) {
-    start({"--client-timeout", "86400000"});
-    DirectService service;
+    start_with_service({"--client-timeout", "86400000"});
     SessionClient client;
-    EXPECT_EQ(member(client.ask(request("router.Status", "1")), "id"), "1");
-    rlimit before{};
-    ASSERT_EQ(prlimit(fleet.router->pid(), RLIMIT_NOFILE, nullptr, &before), 0);
-    const rlimit few{8, before.rlim_max};
-    ASSERT_EQ(prlimit(fleet.router->pid(), RLIMIT_NOFILE, &few, nullptr), 0);
+    EXPECT_EQ(id_of(client.ask(request("router.Status", "1"))), "1");
+    const auto begun = std::chrono::steady_clock::now();
+    std::optional<FewDescriptors> few(std::in_place, *fleet.router, 8);
     const StreamClient waiting = fleet.connect();
-    waiting.say(request("router.Status", "\"waits\""));
-    const StreamClient over_tcp = StreamClient::tcp_port(port);
-    over_tcp.say(request("router.Status", "1"));
-    EXPECT_TRUE(fleet.router->says("Cannot accept a client: Too many open files; those that are there are served"));
-    for (int i = 0; i < 10; ++i) {
-        client.say(request("ports.Get", "1"));
-        service.reply(service.next_request(), "1");
-        EXPECT_EQ(member(client.hear(), "result"), "1");
+    const StreamClient over_tcp = connect(true);
+    for (const StreamClient *one : {&waiting, &over_tcp}) {
+        one->say(request("router.Status", "1"));
     }
-    ASSERT_EQ(prlimit(fleet.router->pid(), RLIMIT_NOFILE, &before, nullptr), 0);
-    EXPECT_EQ(member(waiting.hear(), "id"), "\"router.Status\"");
-    EXPECT_EQ(member(over_tcp.hear(), "id"), "\"router.Status\"");
+    const std::string told = "Cannot accept a client: Too many open files; those that are there are served";
+    EXPECT_TRUE(wait_until([&] { return fleet.router->times_said(told) >= 5; })) << "two listeners, thrice";
+    EXPECT_GE(std::chrono::steady_clock::now() - begun, std::chrono::milliseconds(200)) << "it does not spin";
+    for (int i = 0; i < 10; ++i) {
+        EXPECT_TRUE(serves(*direct, client));
+    }
+    few.reset();
+    EXPECT_EQ(id_of(waiting.hear()), "\"router.Status\"");
+    EXPECT_EQ(id_of(over_tcp.hear()), "\"router.Status\"");
 }
 
 TEST_F(RouterLimits, DoNotStandStillWithTheReaderOfTheLog) {
@@ -563,11 +488,11 @@ TEST_F(RouterLimits, DoNotStandStillWithTheReaderOfTheLog) {
     const std::string filling(4096, 'x');
     while (write(unread, filling.data(), filling.size()) > 0) {
     }
-    const support::Process router("unread", {TAVRIX_ROUTERD, "--socket", "unread.sock", "--session", "unread.session",
-                                             "--publish", "ipc://unread-bus/router"});
+    const Process router("unread", {TAVRIX_ROUTERD, "--socket", "unread.sock", "--session", "unread.session",
+                                    "--publish", "ipc://unread-bus/router"});
     std::string reply;
-    EXPECT_TRUE(support::wait_until([&] {
-        reply = support::ctl({"call", "--socket", "unread.sock", "router.Status"}).output;
+    EXPECT_TRUE(wait_until([&] {
+        reply = ctl({"call", "--socket", "unread.sock", "router.Status"}).output;
         return !reply.empty();
     }));
     close(unread);
@@ -577,8 +502,7 @@ TEST_F(RouterLimits, DoNotStandStillWithTheReaderOfTheLog) {
 // --- Malformed input -----------------------------------------------------------------------------------------------
 
 TEST_F(RouterLimits, BearsMalformedRequestsOfOneShotClients) {
-    start({"--reply-timeout", "86400000"}); // those that were good enough end with their clients
-    DirectService service;
+    start_with_service({"--reply-timeout", "86400000"}); // those that were good enough end with their clients
     for (const bool tcp : {false, true}) {
         Mutator mutator(seed);
         for (int i = 0; i < inputs; ++i) {
@@ -591,29 +515,26 @@ TEST_F(RouterLimits, BearsMalformedRequestsOfOneShotClients) {
                 shutdown(client.fd(), SHUT_WR); // the others go without a word
             }
         }
-        EXPECT_TRUE(serves(service)) << tcp;
+        EXPECT_TRUE(still_serves()) << tcp;
     }
     EXPECT_TRUE(fleet.router->running());
-    EXPECT_TRUE(support::wait_until([&] { return status_of(fleet, "clients") == "2"; })) << "the service and this one";
+    EXPECT_TRUE(wait_until([&] { return fleet.status("clients") == "2"; })) << "the service and this one";
 }
 
 TEST_F(RouterLimits, AnswersEachMalformedLineOfASessionAndGoesOn) {
-    start();
-    DirectService service;
+    start_with_service();
     SessionClient client;
     Mutator mutator(seed);
     for (int i = 0; i < inputs; ++i) {
         client.say(without_newlines(malformed(mutator)));
     }
-    const std::string last = client.ask(request("router.Status", "\"last\""));
-    EXPECT_NE(last, "(closed)");
-    EXPECT_EQ(member(client.hear_of("\"id\":\"last\""), "id"), "\"last\"");
-    EXPECT_TRUE(serves(service));
+    client.say(request("router.Status", "\"last\""));
+    EXPECT_EQ(id_of(client.hear_of("\"id\":\"last\"")), "\"last\"");
+    EXPECT_TRUE(still_serves());
 }
 
 TEST_F(RouterLimits, BearsRawBytesOverASession) {
-    start();
-    DirectService service;
+    start_with_service();
     Mutator mutator(seed);
     std::optional<SessionClient> client(std::in_place);
     for (int i = 0; i < inputs; ++i) {
@@ -621,35 +542,30 @@ TEST_F(RouterLimits, BearsRawBytesOverASession) {
             client.emplace();
         }
     }
-    EXPECT_TRUE(serves(service));
+    EXPECT_TRUE(still_serves());
 }
 
 TEST_F(RouterLimits, BearsMalformedLinesOfAService) {
-    start();
-    DirectService service;
+    start_with_service();
     SessionClient witness;
-    witness.ask(request("router.Subscribe", "1", R"(,"params":{"methods":["*"]})"));
+    witness.ask(subscription("Subscribe", R"(["*"])"));
     Mutator mutator(seed);
     for (int i = 0; i < inputs; ++i) {
-        service.say(without_newlines(malformed(mutator)));
-        service.say(without_newlines(
+        direct->say(without_newlines(malformed(mutator)));
+        direct->say(without_newlines(
             mutator.near(R"({"jsonrpc":"2.0","id":"ports.Get","result":[1],"transaction_id":7})", "{}[]\",:\\0x\x80")));
     }
-    EXPECT_TRUE(serves(service));
-    service.say(R"({"jsonrpc":"2.0","method":"ports.Last"})");
+    EXPECT_TRUE(still_serves());
+    direct->say(R"({"jsonrpc":"2.0","method":"ports.Last"})");
     EXPECT_EQ(member(witness.hear_of("ports.Last"), "method"), "\"ports.Last\"");
 }
 
 TEST_F(RouterLimits, BearsMalformedMessagesOnTheBus) {
-    start();
-    DirectService direct;
-    Registration registration = Registration::on_bus();
-    registration.name = "bus";
-    registration.methods = R"(["mzu.List"])";
-    BusService service(fleet, registration);
+    start_with_service();
+    BusService service(fleet, Registration::on_bus("bus", R"(["mzu.List"])"));
     SessionClient everything;
-    everything.ask(request("router.Subscribe", "1", R"(,"params":{"methods":["*"]})"));
-    everything.ask(request("router.Monitor", "1", R"(,"params":{"methods":["*"]})"));
+    everything.ask(subscription("Subscribe", R"(["*"])"));
+    everything.ask(subscription("Monitor", R"(["*"])"));
     Mutator mutator(seed);
     const std::string hello = R"({"jsonrpc":"2.0","method":"router.Hello","params":{"name":"n","channel":"c"}})";
     for (int i = 0; i < inputs; ++i) {
@@ -664,14 +580,13 @@ TEST_F(RouterLimits, BearsMalformedMessagesOnTheBus) {
         asked = service.next_request(); // welcomes to some of the hellos
     }
     service.reply(asked, "\"served\"");
-    EXPECT_EQ(member(client.hear(), "result"), "\"served\"");
-    EXPECT_TRUE(serves(direct));
-    EXPECT_GT(std::stoi(status_of(fleet, "discarded")), inputs / 2) << "they have arrived";
+    EXPECT_EQ(result_of(client.hear()), "\"served\"");
+    EXPECT_TRUE(still_serves());
+    EXPECT_GT(std::stoi(fleet.status("discarded")), inputs / 2) << "they have arrived";
 }
 
 TEST_F(RouterLimits, BearsStrangeConnectionsToItsBusAddress) {
-    start();
-    DirectService service;
+    start_with_service();
     const int bus = std::stoi(fleet.router_address.substr(fleet.router_address.rfind(':') + 1));
     const std::string subscriber("\0SP\0\0\x21\0\0", 8); // nanomsg ends the process for a message behind this header:
     Mutator mutator(seed);                               // who may connect is trusted not to send one
@@ -683,54 +598,43 @@ TEST_F(RouterLimits, BearsStrangeConnectionsToItsBusAddress) {
             client.say(text);
         }
     }
-    EXPECT_TRUE(serves(service));
+    EXPECT_TRUE(still_serves());
 }
 
 // --- Floods --------------------------------------------------------------------------------------------------------
 
 TEST_F(RouterLimits, KnowsOnlySoManyOfThoseThatSayHello) {
     start();
-    Registration registration = Registration::on_bus();
-    BusService service(fleet, registration);
+    BusService service(fleet);
     for (int i = 0; i < 1000; ++i) {
-        service.publish_reply(R"({"jsonrpc":"2.0","method":"router.Hello","params":{"name":"h)" + std::to_string(i) +
-                              R"(","channel":"c"}})");
+        service.publish_reply(
+            notification("router.Hello", R"({"name":"h)" + std::to_string(i) + R"(","channel":"c"})"));
     }
     EXPECT_TRUE(fleet.router->says("Passed over the hello of h64 on channel c"));
-    EXPECT_TRUE(support::wait_until([&] { return status_of(fleet, "services").find("\"h63\"") != std::string::npos; }));
-    const std::string services = status_of(fleet, "services");
-    EXPECT_NE(services.find("\"h63\""), std::string::npos);
-    EXPECT_EQ(services.find("\"h64\""), std::string::npos) << "64 of them";
+    EXPECT_TRUE(wait_until([&] { return fleet.status("services").find("\"h63\"") != std::string::npos; }));
+    EXPECT_THAT(fleet.status("services"), Not(HasSubstr("\"h64\""))) << "64 of them";
     EXPECT_LT(fleet.router->times_said("Passed over the hello"), 936) << "nor do they fill the log";
 }
 
 TEST_F(RouterLimits, ServesBesideAFloodOfReplies) {
-    start();
-    DirectService direct;
-    Registration registration = Registration::on_bus();
-    registration.name = "bus";
-    registration.methods = R"(["mzu.List"])";
-    BusService service(fleet, registration);
-    std::atomic<bool> ended{false};
-    std::thread flooding([&] {
-        while (!ended) {
-            service.publish_reply(R"({"jsonrpc":"2.0","id":"ports.Get","result":0,"transaction_id":1})");
-        }
-    });
+    start_with_service();
+    BusService service(fleet, Registration::on_bus("bus", R"(["mzu.List"])"));
+    const Repeating flooding(
+        [&] { service.publish_reply(R"({"jsonrpc":"2.0","id":"ports.Get","result":0,"transaction_id":1})"); });
     for (int i = 0; i < 20; ++i) {
-        EXPECT_TRUE(serves(direct)) << i;
+        EXPECT_TRUE(still_serves()) << i;
     }
-    EXPECT_TRUE(support::wait_until([&] { return std::stoi(status_of(fleet, "discarded")) > 1000; }));
-    ended = true;
-    flooding.join();
+    EXPECT_TRUE(wait_until([&] { return std::stoi(fleet.status("discarded")) > 1000; }));
+    EXPECT_EQ(fleet.router->end_by(SIGTERM), 0);
 }
 
 TEST_F(RouterLimits, ServesBesideClientsThatNeverReadAndSlowWriters) {
-    start({"--client-timeout", "86400000", "--reply-timeout", "86400000"});
-    DirectService service;
+    start_with_service({"--client-timeout", "86400000", "--reply-timeout", "86400000"});
     std::vector<StreamClient> slow;
+    std::vector<StreamClient> silent;
     std::vector<SessionClient> never_read(5);
     for (int i = 0; i < 20; ++i) {
+        silent.push_back(connect(i % 2 == 0));
         slow.push_back(connect(i % 2 == 0));
         slow.back().say("{\"jsonrpc\"");
         for (const SessionClient &client : never_read) {
@@ -741,54 +645,55 @@ TEST_F(RouterLimits, ServesBesideClientsThatNeverReadAndSlowWriters) {
     for (int i = 0; i < 20; ++i) {
         abandoned.say(request("ports.Get", std::to_string(i)));
     }
-    for (int i = 0; i < 20; ++i) {
-        EXPECT_TRUE(serves(service)) << i;
-        slow[static_cast<size_t>(i)].say(":");
+    for (const StreamClient &writer : slow) {
+        EXPECT_TRUE(still_serves());
+        writer.say(":");
     }
+    EXPECT_EQ(fleet.router->times_said("said nothing in time"), 0);
 }
 
 // --- Its log -------------------------------------------------------------------------------------------------------
 
 TEST_F(RouterLimits, WritesNoLineOfForeignWords) {
     start({"--reply-timeout", "100"});
-    const std::string forged = R"(x\n[2000-01-01 00:00:00.000] [ERROR] forged\r\u001b[2J\u0085\u2028\u009b)";
-    Registration registration = Registration::on_bus();
-    registration.name = "bus";
-    registration.methods = R"(["mzu.List"])";
-    BusService on_bus(fleet, registration);
+    const std::string forged = R"(x\n[2000-01-01 00:00:00.000] [ERROR] forged\\\r\u001b[2J\u0085\u2028\u009b)";
+    const std::string logged = R"(x\x0a[2000-01-01 00:00:00.000] [ERROR] forged\x5c\x0d\x1b[2J\xc2\x85)"
+                               R"(\xe2\x80\xa8\xc2\x9b)";
+    BusService on_bus(fleet, Registration::on_bus("bus", R"(["mzu.List"])"));
     DirectService service;
     SessionClient client;
     client.say(request(forged, "1"));
     client.say(request("ports.Get", "\"" + forged + "\"")); // times out
     client.say(request("mzu.List", "\"" + forged + "\""));  // over the bus
     client.say(request("router." + forged, "1"));
-    client.say(R"({"jsonrpc":"2.0","method":")" + forged + "\"}");
+    client.say(notification(forged));
     client.say(R"({"jsonrpc":"2.0","method":")" + forged + R"(","id":1,"transaction_id":")" + forged + "\"}");
     client.say(Registration{forged}.line());
-    client.say(request("router.Subscribe", "1", R"(,"params":{"methods":[")" + forged + "\"]}"));
-    fleet.ask(request(forged, "1"));
-    fleet.ask(request("ports." + forged, "\"" + forged + "\""));
-    fleet.ask(request("ports.Get", "\"" + forged + "\""));
-    fleet.ask("x\n[forged");
-    service.say(R"({"jsonrpc":"2.0","method":")" + forged + "\"}");
+    client.say(subscription("Subscribe", "[\"" + forged + "\"]"));
+    for (const std::string &asked : {request(forged, "1"), request("router." + forged, "1"), notification(forged),
+                                     request("ports." + forged, "\"" + forged + "\""),
+                                     request("ports.Get", "\"" + forged + "\""), std::string("x\n[forged")}) {
+        fleet.ask(asked);
+        connect(true).ask(asked);
+    }
+    service.say(notification(forged));
     service.say(R"({"jsonrpc":"2.0","id":")" + forged + R"(","result":1})");
     service.say("x\n[forged");
     on_bus.publish_reply(R"({"jsonrpc":"2.0","id":")" + forged + R"(","result":1})");
-    on_bus.publish_reply(R"({"jsonrpc":"2.0","method":")" + forged + "\"}");
-    on_bus.publish_reply(R"({"jsonrpc":"2.0","method":"router.Hello","params":{"name":")" + forged +
-                         R"(","channel":")" + forged + "\"}}");
-    on_bus.publish_reply(R"({"jsonrpc":"2.0","method":"router.Hello","params":{")" + forged + R"(":1}})");
+    on_bus.publish_reply(notification(forged));
+    on_bus.publish_reply(notification("router.Hello", R"({"name":")" + forged + R"(","channel":")" + forged + "\"}"));
+    on_bus.publish_reply(notification("router.Hello", "{\"" + forged + "\":1}"));
     on_bus.publish("x\n[forged", "y\n[forged");
     on_bus.publish_reply(R"({"jsonrpc":"2.0","id":"the.Last","result":1})");
-    EXPECT_TRUE(fleet.router->says("Discarded a left-over reply of the.Last"));
-    EXPECT_TRUE(fleet.router->says("No reply to mzu.List in time"));
-    std::istringstream lines(fleet.router->log());
-    for (std::string line; std::getline(lines, line);) {
-        EXPECT_EQ(line.rfind("[20", 0), 0U) << line;
-        EXPECT_NE(line.rfind("[2000-", 0), 0U) << line;
-        EXPECT_EQ(line.find_first_of("\r\x1b\x7f"), std::string::npos) << line;
-        EXPECT_EQ(line.find("\xc2"), std::string::npos) << line;
-        EXPECT_EQ(line.find("\xe2"), std::string::npos) << line;
+    for (const std::string &line :
+         {"Refused the notification " + logged + " of a client", "Refused " + logged, "Refused router." + logged,
+          "Discarded a left-over reply of " + logged, "Passed over the hello of " + logged + " on channel " + logged,
+          std::string("Discarded a left-over reply of the.Last"), std::string("No reply to mzu.List in time")}) {
+        EXPECT_TRUE(fleet.router->says(line + "\n")) << line;
+    }
+    for (const std::string &line : lines_of(fleet.router->log())) {
+        EXPECT_THAT(line, AllOf(StartsWith("[20"), Not(StartsWith("[2000-"))));
+        EXPECT_EQ(line.find_first_of("\r\x1b\x7f\xc2\xe2"), std::string::npos) << line;
     }
 }
 
@@ -796,19 +701,15 @@ TEST_F(RouterLimits, WritesOnlySoManyLinesASecondThatClientsCauseAndCountsTheRes
     start();
     const auto begun = std::chrono::steady_clock::now();
     SessionClient client;
-    std::string burst;
-    for (int i = 0; i < 500; ++i) {
-        burst += "{}\n";
-    }
-    client.say_bytes(burst);
     int caused = 500;
+    client.say_bytes(lines_of("{}", 500));
     for (int i = 0; i < caused; ++i) {
         ASSERT_EQ(code_of(client.hear()), "-32600") << i;
     }
     const std::regex told(R"((\d+) more lines about clients and services were left out\n)");
     int written = 0;
     int left_out = 0;
-    EXPECT_TRUE(support::wait_until([&] { // the first line after a second that had too many tells of them
+    EXPECT_TRUE(wait_until([&] { // the first line after a second that had too many tells of them
         EXPECT_EQ(client.hear(100), "(time-out)");
         EXPECT_EQ(code_of(client.ask("{}")), "-32600");
         ++caused;

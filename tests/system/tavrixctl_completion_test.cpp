@@ -1,7 +1,6 @@
 /*
  * What bash and zsh offer for a line of tavrixctl: what the tool knows, and what the running system knows.
  */
-#include <algorithm>
 #include <cstring>
 #include <string>
 #include <thread>
@@ -13,15 +12,13 @@
 #include <unistd.h>
 
 #include "support/fleet.h"
+#include "support/matchers.h"
+#include "support/mutation.h"
 #include "support/session.h"
 #include "support/tavrixctl.h"
 
-using support::ctl;
-using support::Finished;
-using support::Fleet;
-using support::script;
-using support::wait_until;
-using support::write_file;
+using namespace support;
+using namespace testing;
 
 namespace {
 
@@ -34,7 +31,7 @@ std::vector<std::string> pieces_of(const std::string &line) {
         const char c = line[i];
         const bool is_break = quote == '\0' && (c == '=' || c == ':');
         if (quote == '\0' && c == ' ') {
-            pieces.emplace_back();
+            pieces.resize(pieces.size() + (pieces.back().empty() ? 0 : 1)); // several blanks are one
             was_break = false;
             continue;
         }
@@ -94,27 +91,24 @@ void expect_offers(const std::vector<Row> &rows) {
 }
 
 /** A router, and a service with a method whose parameters are of many kinds, and foreign. */
-class CtlCompletionOfForeignWords : public testing::Test {
+class CtlCompletionOfForeignWords : public LoneRouter {
   protected:
-    CtlCompletionOfForeignWords() {
-        fleet.start_lone_router();
-        support::Registration registration;
-        registration.channel = "b4469f46-e963-42ef-9fd2-f978e73adc76";
-        registration.methods = R"(["i.Do"])";
-        service = std::make_unique<support::DirectService>(registration);
-    }
-
     /** The service says this of its method's parameters. */
-    void describe(const std::string &params) const {
-        const std::string answer = service->ask(
+    void describe(const std::string &params) {
+        const std::string answer = service.ask(
             R"({"jsonrpc":"2.0","method":"router.Describe","id":1,"params":{"document":{"methods":[{"name":"i.Do",)"
             R"("params":)" +
             params + R"(,"result":{}}]}}})");
-        EXPECT_NE(answer.find("\"result\":0"), std::string::npos) << answer;
+        EXPECT_THAT(answer, HasSubstr("\"result\":0"));
     }
 
-    Fleet fleet;
-    std::unique_ptr<support::DirectService> service;
+    DirectService service{{"played", "b4469f46-e963-42ef-9fd2-f978e73adc76", "[]", R"(["i.Do"])", "true"}};
+};
+
+/** Router and ports service, whose methods and parameters are offered. */
+class CtlCompletionOfPorts : public LoneRouter {
+  protected:
+    CtlCompletionOfPorts() { fleet.start_ports(); }
 };
 
 /** Something that listens in the router's place and does with its clients what it likes. */
@@ -154,11 +148,6 @@ class Impostor {
 
 } // namespace
 
-TEST(CtlCompletion, IsBoundToTheToolsName) {
-    EXPECT_EQ(script("source <(tavrixctl completion bash); complete -p tavrixctl").output,
-              "complete -o default -o nosort -F _tavrixctl tavrixctl\n");
-}
-
 TEST(CtlCompletion, OffersInBashWhatTheToolKnows) {
     const std::vector<Row> rows = {
         {"tavrixctl mon", "monitor|"},
@@ -194,25 +183,17 @@ TEST(CtlCompletion, OffersInBashWhatTheToolKnows) {
         {"  tavrixctl mo", "monitor|"},
     };
     for (const Row &row : rows) {
-        std::vector<std::string> pieces = pieces_of(row.line);
-        pieces.erase(std::remove(pieces.begin(), pieces.end() - 1, ""), pieces.end() - 1); // several blanks are one
-        EXPECT_EQ(completed(row.line, "", pieces), row.offered) << row.line;
+        EXPECT_EQ(completed(row.line), row.offered) << row.line;
     }
 }
 
 TEST(CtlCompletion, LeavesOutWhatStandsBehindTheCursor) {
     EXPECT_EQ(completed("tavrixctl shm g", "abc"), "get|");
     EXPECT_EQ(completed("tavrixctl call --json=p", "x"), "pretty|");
-}
-
-TEST(CtlCompletion, OffersWholeWordsWhereBashDoesNotBreakThem) {
     EXPECT_EQ(completed("tavrixctl call --json=p", "", {"tavrixctl", "call", "--json=p"}), "--json=pretty|");
 }
 
-TEST(CtlCompletion, OffersTheMethodsThatCanBeCalled) {
-    Fleet fleet;
-    fleet.start_lone_router();
-    fleet.start_ports();
+TEST_F(CtlCompletionOfPorts, OffersTheMethodsThatCanBeCalled) {
     expect_offers({
         {"tavrixctl call ports.SetV", "ports.SetVlanAccess|ports.SetVlanLocal|ports.SetVlanTrunk|"},
         {"tavrixctl call --timeout 3 mz", "mzu.List|mzu.Register|"},
@@ -223,10 +204,7 @@ TEST(CtlCompletion, OffersTheMethodsThatCanBeCalled) {
     });
 }
 
-TEST(CtlCompletion, OffersTheParametersThatAreMissingAndTheirWords) {
-    Fleet fleet;
-    fleet.start_lone_router();
-    fleet.start_ports();
+TEST_F(CtlCompletionOfPorts, OffersTheParametersThatAreMissingAndTheirWords) {
     expect_offers({
         {"tavrixctl call ports.SetEnabled ", "port_id=|status=|"},
         {"tavrixctl call ports.SetEnabled st", "status=|"},
@@ -248,10 +226,7 @@ TEST(CtlCompletion, OffersTheParametersThatAreMissingAndTheirWords) {
     });
 }
 
-TEST(CtlCompletion, OffersServicesAndDaemons) {
-    Fleet fleet;
-    fleet.start_lone_router();
-    fleet.start_ports();
+TEST_F(CtlCompletionOfPorts, OffersServicesAndDaemons) {
     write_file("levels.conf", "[logging_levels]\nportsd=info\ntool=off\n\x1b[31m=off\n");
     expect_offers({
         {"tavrixctl wait-service ", "portsd|"},
@@ -263,10 +238,7 @@ TEST(CtlCompletion, OffersServicesAndDaemons) {
     });
 }
 
-TEST(CtlCompletion, AsksTheRouterThatTheLineNames) {
-    Fleet fleet;
-    fleet.start_lone_router();
-    fleet.start_ports();
+TEST_F(CtlCompletionOfPorts, AsksTheRouterThatTheLineNames) {
     ASSERT_EQ(rename("session.sock", "elsewhere.sock"), 0);
     expect_offers({
         {"tavrixctl call mzu.L", ""},
@@ -308,7 +280,7 @@ TEST_F(CtlCompletionOfForeignWords, OffersNothingThatSteersATerminalOrAShell) {
         {"tavrixctl call i.Do word=\"", "*|"},
     });
     const Finished plain = ctl({"__complete", "call", "--session", "session.sock", "i.Do", "word="});
-    EXPECT_EQ(plain.output.find('\x1b'), std::string::npos) << plain.output;
+    EXPECT_THAT(plain.output, Not(HasSubstr("\x1b")));
 }
 
 TEST_F(CtlCompletionOfForeignWords, OffersNoMoreThanAPersonCanTake) {
@@ -319,8 +291,7 @@ TEST_F(CtlCompletionOfForeignWords, OffersNoMoreThanAPersonCanTake) {
     describe(R"([{"name":"word","schema":{"type":"string","enum":[)" + words + "]}}]");
     size_t offered = 0;
     wait_until([&] {
-        const Finished finished = ctl({"__complete", "call", "--session", "session.sock", "i.Do", "word="});
-        offered = static_cast<size_t>(std::count(finished.output.begin(), finished.output.end(), '\n'));
+        offered = lines_of(ctl({"__complete", "call", "--session", "session.sock", "i.Do", "word="}).output).size();
         return offered > 0;
     });
     EXPECT_EQ(offered, 1000U);
@@ -331,25 +302,18 @@ TEST(CtlCompletion, OffersNothingWithoutARouterAndSaysNothing) {
                              "tavrixctl wait-service p", "tavrixctl monitor --service p"}) {
         EXPECT_EQ(completed(line), "") << line;
     }
-    const Finished finished = ctl({"__complete", "call", "--session", "nobody.sock", "p"});
-    EXPECT_EQ(finished.status, 0);
-    EXPECT_EQ(finished.diagnostics, "");
-    EXPECT_EQ(ctl({"__complete", "call", "--session", std::string(200, 'x'), "p"}).diagnostics, "");
+    for (const std::string &path : {std::string("nobody.sock"), std::string(200, 'x')}) {
+        EXPECT_THAT(ctl({"__complete", "call", "--session", path, "p"}), prints(""));
+    }
     write_file("levels.conf", "[logging_levels]\ntool=off\n");
     EXPECT_EQ(completed("tavrixctl log-level --file levels.conf t"), "tool|") << "the file is there";
 }
 
 TEST(CtlCompletion, IsNotHeldUpByARouterThatDoesNotAnswer) {
     for (const std::string text : {"", "x", "nonsense\n", "{\"method\":\"a.B\"}\n"}) {
-        std::string flood;
-        while (!text.empty() && flood.size() < 65536) {
-            flood += text;
-        }
-        const Impostor impostor(flood);
+        const Impostor impostor(text.empty() ? "" : repeated(text, 65536));
         for (const char *road : {"--session", "--socket"}) {
-            const Finished finished = ctl({"__complete", "call", road, "session.sock", "p"});
-            EXPECT_EQ(finished.status, 0);
-            EXPECT_EQ(finished.output + finished.diagnostics, "") << road << " " << text;
+            EXPECT_THAT(ctl({"__complete", "call", road, "session.sock", "p"}), prints("")) << road << " " << text;
         }
     }
 }
@@ -373,27 +337,26 @@ std::string completed_by_zsh(const std::string &line) {
     return finished.output;
 }
 
-TEST(CtlCompletion, CompletesALineInZsh) {
-    EXPECT_EQ(completed_by_zsh("tavrixctl sta"), "tavrixctl status ");
-    EXPECT_EQ(completed_by_zsh("tavrixctl call --dir"), "tavrixctl call --direct ");
-    Fleet fleet;
-    fleet.start_lone_router();
-    fleet.start_ports();
-    EXPECT_EQ(completed_by_zsh("tavrixctl call ports.SetE"), "tavrixctl call ports.SetEnabled ");
-    EXPECT_EQ(completed_by_zsh("tavrixctl call ports.SetEnabled por"), "tavrixctl call ports.SetEnabled port_id=");
-    EXPECT_EQ(completed_by_zsh("tavrixctl call ports.SetEnabled status=en"),
-              "tavrixctl call ports.SetEnabled status=enable ");
+TEST_F(CtlCompletionOfPorts, CompletesALineInZsh) {
+    const std::pair<const char *, const char *> rows[] = {
+        {"tavrixctl sta", "tavrixctl status "},
+        {"tavrixctl call --dir", "tavrixctl call --direct "},
+        {"tavrixctl call ports.SetE", "tavrixctl call ports.SetEnabled "},
+        {"tavrixctl call ports.SetEnabled por", "tavrixctl call ports.SetEnabled port_id="},
+        {"tavrixctl call ports.SetEnabled status=en", "tavrixctl call ports.SetEnabled status=enable "},
+    };
+    for (const auto &[typed, line] : rows) {
+        EXPECT_EQ(completed_by_zsh(typed), line);
+    }
 }
 
-TEST(CtlCompletion, HasAScriptForZshThatAsksTheTool) {
-    const std::string text = ctl({"completion", "zsh"}).output;
-    EXPECT_EQ(text.rfind("#compdef tavrixctl\n", 0), 0U) << text;
-    EXPECT_NE(text.find("$(tavrixctl __complete "), std::string::npos) << text;
-    EXPECT_NE(text.find("compdef _tavrixctl tavrixctl\n"), std::string::npos) << text;
-    EXPECT_EQ(text, support::read_file(TAVRIX_SOURCE_DIR "/tools/_tavrixctl")) << "what is installed";
+TEST(CtlCompletion, HasAScriptForEachShellThatIsWhatIsInstalled) {
+    EXPECT_THAT(ctl({"completion", "zsh"}).output,
+                AllOf(StartsWith("#compdef tavrixctl\n"), HasSubstr("$(tavrixctl __complete "),
+                      HasSubstr("compdef _tavrixctl tavrixctl\n"),
+                      Eq(read_file(TAVRIX_SOURCE_DIR "/tools/_tavrixctl"))));
+    EXPECT_EQ(ctl({"completion", "bash"}).output, read_file(TAVRIX_SOURCE_DIR "/tools/completion.bash"));
+    EXPECT_EQ(script("source <(tavrixctl completion bash); complete -p tavrixctl").output,
+              "complete -o default -o nosort -F _tavrixctl tavrixctl\n");
     EXPECT_EQ(ctl({"completion", "fish"}).status, 2);
-}
-
-TEST(CtlCompletion, PrintsTheScriptThatIsInstalledForBash) {
-    EXPECT_EQ(ctl({"completion", "bash"}).output, support::read_file(TAVRIX_SOURCE_DIR "/tools/completion.bash"));
 }

@@ -2,58 +2,49 @@
  * The client's verbs for one-way messages: subscribe, wait, push.
  */
 #include <csignal>
-#include <sstream>
 #include <string>
 
 #include <gtest/gtest.h>
 
+#include "support/answering_service.h"
 #include "support/bus.h"
-#include "support/direct_service.h"
 #include "support/fleet.h"
 #include "support/json.h"
+#include "support/matchers.h"
 #include "support/played_server.h"
 #include "support/tavrixctl.h"
 #include "tavrix_mq.h"
 
-using support::ctl;
-using support::DirectService;
-using support::Finished;
-using support::Fleet;
-using support::member;
+using namespace support;
+using namespace testing;
 
 namespace {
 
-using RoutedCtlSubscribe = support::StartedRouter;
-using RoutedCtlWait = support::StartedRouter;
+using RoutedCtlSubscribe = StartedRouter;
+using RoutedCtlWait = StartedRouter;
 
-constexpr char subscribed[] = "{\"jsonrpc\":\"2.0\",\"id\":\"tavrixctl\",\"result\":0}\n";
-
-support::Process subscriber(std::vector<std::string> words) {
+Process subscriber(std::vector<std::string> words) {
     words.insert(words.begin(), {TAVRIXCTL, "subscribe", "--session", "session.sock"});
-    return support::Process("subscriber", words);
+    return Process("subscriber", words);
 }
 
 } // namespace
 
 TEST_F(RoutedCtlSubscribe, PrintsMatchingNotificationsAsLines) {
-    const DirectService service("portsd", {"ports.Get"});
+    const AnsweringService service("portsd", {"ports.Get"});
     auto listening = subscriber({"ports.*", "events.Exactly", "--count", "2"});
     ASSERT_TRUE(listening.says("waiting for ports.* events.Exactly")) << listening.log();
     service.publish("other.Thing", "{}");
     service.publish("ports.Changed", R"({"port_id":"c1-1"})");
     service.publish("events.Exactly", R"({"text":"\u009b2J"})");
     EXPECT_EQ(listening.wait(), 0) << listening.log();
-    std::istringstream lines(listening.output());
-    std::string line;
-    std::getline(lines, line);
-    EXPECT_EQ(line.substr(line.find("  ")), R"(  ports.Changed  {"port_id":"c1-1"})");
-    std::getline(lines, line);
-    EXPECT_EQ(line.substr(line.find("  ")), R"(  events.Exactly  {"text":"\u009B2J"})") << "it steers no terminal";
-    EXPECT_FALSE(std::getline(lines, line)) << line;
+    EXPECT_THAT(lines_of(listening.output()),
+                ElementsAre(EndsWith(R"(  ports.Changed  {"port_id":"c1-1"})"),
+                            EndsWith(R"(  events.Exactly  {"text":"\u009B2J"})"))); // it steers no terminal
 }
 
 TEST_F(RoutedCtlSubscribe, PrintsTheNotificationItselfForPrograms) {
-    const DirectService service("portsd", {"ports.Get"});
+    const AnsweringService service("portsd", {"ports.Get"});
     auto listening = subscriber({"*", "--json", "short", "--count", "1"});
     ASSERT_TRUE(listening.says("waiting for *")) << listening.log();
     service.publish("ports.Changed", R"({"port_id":"c1-1"})");
@@ -66,32 +57,32 @@ TEST(CtlSubscribe, HearsWhatIsPublishedOnTheBus) {
     Fleet fleet;
     fleet.start_router({"--connect", fleet.events_address});
     fleet.start_events();
-    const Finished finished = ctl({"subscribe", "events.*", "--session", "session.sock", "--count", "1"});
-    EXPECT_EQ(finished.status, 0) << finished.diagnostics;
-    EXPECT_NE(finished.output.find("  events.LinkChanged  {"), std::string::npos) << finished.output;
+    EXPECT_THAT(ctl({"subscribe", "events.*", "--session", "session.sock", "--count", "1"}),
+                ends(0, HasSubstr("  events.LinkChanged  {")));
+    for (const std::vector<std::string> &where :
+         {std::vector<std::string>{fleet.events_address}, {"--session", "session.sock"}}) {
+        std::vector<std::string> words = where;
+        words.insert(words.begin(), {"wait", "events.LinkChanged"});
+        EXPECT_THAT(ctl(words), ends(0, StartsWith(R"({"jsonrpc":"2.0","method":"events.LinkChanged","params":{)")));
+    }
 }
 
 TEST_F(RoutedCtlSubscribe, EndsCleanlyWithTheSignal) {
     for (const int number : {SIGINT, SIGTERM}) {
         auto listening = subscriber({"*"});
         ASSERT_TRUE(listening.says("waiting for *")) << listening.log();
-        listening.signal(number);
-        EXPECT_EQ(listening.wait(), 0);
+        EXPECT_EQ(listening.end_by(number), 0);
     }
 }
 
 TEST(CtlSubscribe, TellsWhatWasLostAndThatTheRouterHasGone) {
-    const support::PlayedServer router(std::string(subscribed) +
-                                       R"({"jsonrpc":"2.0","method":"router.Lost","params":{"count":7}})"
-                                       "\n"
-                                       R"({"jsonrpc":"2.0","method":"a.B"})"
-                                       "\n");
-    const Finished finished = ctl({"subscribe", "a.*", "--session", "played.sock"});
-    EXPECT_EQ(finished.status, 4);
-    EXPECT_EQ(finished.diagnostics, "tavrixctl: waiting for a.*\n"
-                                    "tavrixctl: 7 more were lost: they came faster than they were read\n"
-                                    "tavrixctl: the router has closed the session\n");
-    EXPECT_EQ(finished.output.substr(finished.output.find("  ")), "  a.B\n");
+    const PlayedServer router("{\"jsonrpc\":\"2.0\",\"id\":\"tavrixctl\",\"result\":0}\n" +
+                              notification("router.Lost", R"({"count":7})") + "\n{\"method\":\"a.B\"}\n");
+    EXPECT_THAT(ctl({"subscribe", "a.*", "--session", "played.sock"}),
+                ends(4, EndsWith("  a.B\n"),
+                     "tavrixctl: waiting for a.*\n"
+                     "tavrixctl: 7 more were lost: they came faster than they were read\n"
+                     "tavrixctl: the router has closed the session\n"));
 }
 
 TEST_F(RoutedCtlSubscribe, GivesUpAfterItsTime) {
@@ -99,67 +90,40 @@ TEST_F(RoutedCtlSubscribe, GivesUpAfterItsTime) {
     EXPECT_EQ(ctl({"subscribe", "*", "--session", "session.sock", "--timeout", "0.1", "--count", "1"}).status, 3);
     EXPECT_EQ(ctl({"subscribe", "*", "--session", "nobody.sock"}).status, 4);
     EXPECT_EQ(ctl({"subscribe", std::string(129, 'x'), "--session", "session.sock"}).status, 1) << "the router's limit";
-    const Finished no_session = support::script("TAVRIX_SOCKET=router.sock tavrixctl subscribe '*'");
-    EXPECT_EQ(no_session.status, 2);
-    EXPECT_EQ(no_session.diagnostics,
-              "tavrixctl: a session of the router is needed: --session or TAVRIX_SESSION tells where\n");
+    EXPECT_THAT(script("TAVRIX_SOCKET=router.sock tavrixctl subscribe '*'"),
+                fails(2, "tavrixctl: a session of the router is needed: --session or TAVRIX_SESSION tells where\n"));
 }
 
 TEST(CtlPush, SaysThatNobodyTakesTheMessage) {
-    const Finished finished = ctl({"push", support::free_bus_address(), "x.Y", "--timeout", "0.2"});
-    EXPECT_EQ(finished.status, 4);
-    EXPECT_NE(finished.diagnostics.find("nobody takes the message; is a daemon running"), std::string::npos);
+    EXPECT_THAT(ctl({"push", free_bus_address(), "x.Y", "--timeout", "0.2"}),
+                fails(4, HasSubstr("nobody takes the message; is a daemon running")));
 }
 
 TEST(CtlPush, SaysWhatItCannotKnow) {
-    support::BusSocket pull(TAVRIX_SP_PULL);
-    const std::string address = support::free_bus_address();
+    BusSocket pull(TAVRIX_SP_PULL);
+    const std::string address = free_bus_address();
     pull.bind(address);
-    const Finished finished = ctl({"push", address, "x.Y"});
-    EXPECT_EQ(finished.status, 0);
-    EXPECT_EQ(finished.output, "");
-    EXPECT_EQ(finished.diagnostics,
-              "tavrixctl: taken; whether it was obeyed cannot be known: nobody answers a pushed message\n");
-}
-
-TEST(CtlWait, PrintsTheNotification) {
-    Fleet fleet;
-    fleet.start_router({"--connect", fleet.events_address});
-    fleet.start_events();
-    const Finished finished = ctl({"wait", "events.LinkChanged", fleet.events_address});
-    EXPECT_EQ(finished.status, 0) << finished.diagnostics;
-    EXPECT_EQ(member(finished.output, "method"), "\"events.LinkChanged\"");
-    EXPECT_EQ(member(finished.output, "id"), "(none)");
+    EXPECT_THAT(
+        ctl({"push", address, "x.Y"}),
+        ends(0, "", "tavrixctl: taken; whether it was obeyed cannot be known: nobody answers a pushed message\n"));
 }
 
 TEST_F(RoutedCtlWait, EndsWithTheSignalThatEndsIt) {
     for (const int number : {SIGINT, SIGTERM}) {
-        support::Process waiting("wait", {TAVRIXCTL, "wait", "x.Y", fleet.router_address});
+        Process waiting("wait", {TAVRIXCTL, "wait", "x.Y", fleet.router_address});
         ASSERT_TRUE(waiting.says("waiting for x.Y")) << waiting.log();
-        waiting.signal(number);
-        EXPECT_EQ(waiting.wait(), 128 + number);
+        EXPECT_EQ(waiting.end_by(number), 128 + number);
         EXPECT_EQ(waiting.log(), "tavrixctl: waiting for x.Y\n");
     }
 }
 
-TEST(CtlWait, GivesUpWithoutConnectionOrNotification) {
-    EXPECT_EQ(ctl({"wait", "x.Y", support::free_bus_address(), "--timeout", "0.2"}).status, 4);
-    Fleet fleet;
-    fleet.start_router();
+TEST_F(RoutedCtlWait, GivesUpWithoutConnectionOrNotification) {
+    EXPECT_EQ(ctl({"wait", "x.Y", free_bus_address(), "--timeout", "0.2"}).status, 4);
     EXPECT_EQ(ctl({"wait", "x.Y", fleet.router_address, "--timeout", "2"}).status, 3);
 }
 
-TEST(CtlWait, AsksTheRouterWhereNoAddressIsGiven) {
-    Fleet fleet;
-    fleet.start_router({"--connect", fleet.events_address});
-    fleet.start_events();
-    const Finished finished = ctl({"wait", "events.LinkChanged", "--session", "session.sock"});
-    EXPECT_EQ(finished.status, 0) << finished.diagnostics;
-    EXPECT_EQ(member(finished.output, "method"), "\"events.LinkChanged\"");
-}
-
 TEST_F(RoutedCtlWait, TakesOnlyWhatItsFiltersFit) {
-    const DirectService service("portsd", {"ports.Get"});
+    const AnsweringService service("portsd", {"ports.Get"});
     const struct {
         const char *filter;
         const char *fitting;
@@ -172,8 +136,7 @@ TEST_F(RoutedCtlWait, TakesOnlyWhatItsFiltersFit) {
         {"text=", R"({"text":""})", R"({})"},
     };
     for (const auto &row : rows) {
-        support::Process waiting("waiting",
-                                 {TAVRIXCTL, "wait", "--session", "session.sock", "ports.Changed", row.filter});
+        Process waiting("waiting", {TAVRIXCTL, "wait", "--session", "session.sock", "ports.Changed", row.filter});
         ASSERT_TRUE(waiting.says("waiting for ports.Changed")) << waiting.log();
         service.publish("ports.Changed", row.other);
         service.publish("ports.Changed", row.fitting);
@@ -183,20 +146,19 @@ TEST_F(RoutedCtlWait, TakesOnlyWhatItsFiltersFit) {
 }
 
 TEST(CtlWait, ListensToSeveralAddressesUntilItsCount) {
-    support::BusSocket pubs[] = {support::BusSocket(TAVRIX_SP_PUB), support::BusSocket(TAVRIX_SP_PUB)};
-    const std::string addresses[] = {support::free_bus_address(), support::free_bus_address()};
+    BusSocket pubs[] = {BusSocket(TAVRIX_SP_PUB), BusSocket(TAVRIX_SP_PUB)};
+    const std::string addresses[] = {free_bus_address(), free_bus_address()};
     pubs[0].bind(addresses[0]);
     pubs[1].bind(addresses[1]);
-    support::Process waiting("waiting",
-                             {TAVRIXCTL, "wait", "a.B", addresses[0], addresses[1], "number=1", "--count", "2"});
+    Process waiting("waiting", {TAVRIXCTL, "wait", "a.B", addresses[0], addresses[1], "number=1", "--count", "2"});
     ASSERT_TRUE(waiting.says("waiting for a.B")) << waiting.log();
-    tavrix_mq_socket_send(pubs[0].number, R"(a.B|{"jsonrpc":"2.0","method":"a.B","params":{"number":2}})");
-    tavrix_mq_socket_send(pubs[0].number, R"(a.B|{"jsonrpc":"2.0","method":"a.B","params":{"number":1}})");
-    tavrix_mq_socket_send(pubs[1].number, R"(a.B|{"jsonrpc":"2.0","method":"a.B","params":{"number":1}})");
+    const std::string fits = notification("a.B", R"({"number":1})");
+    tavrix_mq_socket_send(pubs[0].number, ("a.B|" + notification("a.B", R"({"number":2})")).c_str());
+    for (const BusSocket &pub : pubs) {
+        tavrix_mq_socket_send(pub.number, ("a.B|" + fits).c_str());
+    }
     EXPECT_EQ(waiting.wait(), 0);
-    const std::string line = R"({"jsonrpc":"2.0","method":"a.B","params":{"number":1}})"
-                             "\n";
-    EXPECT_EQ(waiting.output(), line + line);
+    EXPECT_THAT(lines_of(waiting.output()), ElementsAre(fits, fits));
 }
 
 TEST(CtlWait, RefusesWordsThatAreNeitherAddressNorFilter) {

@@ -21,9 +21,9 @@ done
 # --- Run ---
 
 port=$((20000 + RANDOM % 12000)) # below those that the kernel gives to clients
-next_port() {
+next_port() { # one that can be bound: not a listener's, nor one that a closed connection still holds
     port=$((port + 1))
-    while (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null; do port=$((port + 1)); done
+    until python3 -c "import socket; socket.socket().bind(('', $port))" 2>/dev/null; do port=$((port + 1)); done
 }
 
 filler=$(printf '%062d' 0)

@@ -51,21 +51,21 @@ missing() {
     while read -r name; do
         case "$name" in
         tavrix_jrpc_utils_retrieve_input_*)
-            named "$name" include tests/interface/declarations.c
+            named "$name" include
             name=${name#tavrix_jrpc_utils_}
             [[ "$fields"$'\n' == *"FIELD(${name#retrieve_input_})"* || "$fields"$'\n' == *"$name"$'\n'* ]] ||
                 echo "$name is missing in tests/unit"
             named "${name#retrieve_input_}" tests/support/fields.cpp
             ;;
         validate_*)
-            named "$name" include tests/interface/declarations.c tools/verb_local.cpp
+            named "$name" include tools/verb_local.cpp
             name=${name#validate_}
             [[ $'\n'$judged$'\n' == *$'\n'"$name"$'\n'* ]] || echo "$name is missing in tests/unit/tavrix_validation_test.cpp"
             [ "$name" = date_time ] || named "$name" tests/support/fields.cpp
             ;;
-        *) named "$name" include tests/interface/declarations.c tests/unit ;;
+        *) named "$name" include tests/unit ;;
         esac
-    done <tests/corpus/exported_symbols.txt
+    done < <(sed -nE -f tests/interface/exported_symbols.sed tests/interface/declarations.c)
     # What goes through the table of fields: unit.fields holds it against the exported symbols.
     named fields tests/{fault/params,threads/reentrant,system/tavrixctl_local}_test.cpp \
         fuzz/{params,identifiers}_fuzzer.cpp
@@ -98,6 +98,6 @@ lacking "a validator's test" tests/unit/tavrix_validation_test.cpp 's/\{"uuid"/{
 lacking "a validator's row" tests/support/fields.cpp 's/\(uuid\)/(x)/'
 lacking "the fields' fuzzer" fuzz/params_fuzzer.cpp 's/\<fields\>/x/'
 lacking "a validator's verb" tools/verb_local.cpp '/validate_onu_id/d'
-lacking "a function's declaration" tests/interface/declarations.c '/tavrix_timer_free/d'
+lacking "a function's declaration" include/tavrix_timer.h '/tavrix_timer_free/d'
 lacking "a test of a method" daemons/ports/methods.cpp 's/"ports\.Get"/"ports.GetAlso"/'
 exit "$failed"

@@ -43,7 +43,7 @@ bool starts_with(const std::string &text, const char *begin) { return text.rfind
 } // namespace
 
 TEST(Interface, ExportsThePinnedNamesAndNoOther) {
-    const Lines pinned = lines_of("cat " SYMBOL_LIST);
+    const Lines pinned = lines_of("cat " TAVRIX_EXPORTED_SYMBOLS);
     ASSERT_EQ(pinned.size(), 219U);
     EXPECT_EQ(symbols("--defined-only"), pinned);
 }

@@ -506,7 +506,7 @@ TEST(Reentrant, IsEverythingThatIsNotSaidToBeOtherwise) {
         run.insert(
             {std::string("validate_") + field.name, std::string("tavrix_jrpc_utils_retrieve_input_") + field.name});
     }
-    std::ifstream symbols(TAVRIX_SOURCE_DIR "/tests/corpus/exported_symbols.txt");
+    std::ifstream symbols(TAVRIX_EXPORTED_SYMBOLS);
     int count = 0;
     for (std::string name; std::getline(symbols, name); ++count) {
         const bool is_table = name.size() > 8 && name.compare(name.size() - 8, 8, "_strings") == 0;

@@ -24,7 +24,7 @@ constexpr char validator[] = "validate_";
 /** The exported functions of fields. */
 std::set<std::string> exported() {
     std::set<std::string> found;
-    std::ifstream symbols(TAVRIX_SOURCE_DIR "/tests/corpus/exported_symbols.txt");
+    std::ifstream symbols(TAVRIX_EXPORTED_SYMBOLS);
     for (std::string name; std::getline(symbols, name);) {
         if (name.rfind(reader, 0) == 0 || name.rfind(validator, 0) == 0) {
             found.insert(name);

@@ -1,6 +1,5 @@
 /** The router's clients: who comes in, whose turn it is, who goes. */
 #include <iterator>
-#include <utility>
 
 #include <sys/socket.h>
 
@@ -140,14 +139,6 @@ void Router::serve(Client &client) {
     }
 }
 
-void Router::serve_newcomer(Client &client) {
-    if (std::exchange(has_newcomer_, true)) {
-        wait_for_turn(client);
-    } else {
-        serve(client);
-    }
-}
-
 void Router::wait_for_turn(Client &client) {
     if (!client.is_waiting) {
         turns_.wait(client);
@@ -179,7 +170,7 @@ void Router::on_turn_end(evutil_socket_t /*descriptor*/, short /*what*/, void *c
     }
     self->to_flush_.clear();
     self->graveyard_.clear();
-    self->is_turn_ending_ = self->has_newcomer_ = false;
+    self->is_turn_ending_ = false;
     if (is_any_waiting) {
         add_after(self->turn_end_, milliseconds(0)); // behind whatever has come for others meanwhile
     }

@@ -28,7 +28,7 @@ bool may_become_an_object(std::string_view beginning) {
 
 void OneShot::start() {
     deadline_.take(router_.client_deadlines(), *this);
-    router_.serve_newcomer(*this);
+    router_.wait_for_turn(*this);
 }
 
 void OneShot::take_turn() {

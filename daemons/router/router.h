@@ -75,8 +75,6 @@ class Router {
     std::shared_ptr<Account> account_for(const Peer &peer);
     /** Serves the client now or, when its user's part of this turn is used up, in the next. */
     void serve(Client &client);
-    /** The first of a turn, mostly the only one, is served now; more wait for its end, so that users alternate. */
-    void serve_newcomer(Client &client);
     /** Remembers a client that has more to do than its turn had time for. */
     void wait_for_turn(Client &client);
     bool is_turn_over(const Client &client) const;
@@ -229,7 +227,6 @@ class Router {
     Turns turns_;
     daemon_support::Clock::time_point serving_since_;
     bool is_turn_ending_ = false;
-    bool has_newcomer_ = false;
     Shares reloads_; ///< in this second, by whom
     daemon_support::Clock::time_point reloads_since_;
     std::vector<Session *> to_flush_;

@@ -84,12 +84,16 @@ Json make_result(Json id, Json transaction_id, Json result) {
     return with_transaction_id(std::move(message), transaction_id.get());
 }
 
-Json make_error(int jrpc_code, const json_t *request, Json data) {
-    json_t *id = json_object_get(request, "id");
+Json make_error(int jrpc_code, const Json &id, const Json &transaction_id, Json data) {
     Json message(json_pack("{s:s, s:O, s:{s:i, s:s, s:o}}", "jsonrpc", tavrix::protocol_version, "id",
-                           is_valid_id(id) ? id : json_null(), "error", "code", jrpc_code, "message",
+                           is_valid_id(id.get()) ? id.get() : json_null(), "error", "code", jrpc_code, "message",
                            tavrix_jrpc_error_message(jrpc_code), "data", data ? data.release() : json_null()));
-    return with_transaction_id(std::move(message), json_object_get(request, "transaction_id"));
+    return with_transaction_id(std::move(message), transaction_id.get());
+}
+
+Json make_error(int jrpc_code, const json_t *request, Json data) {
+    return make_error(jrpc_code, share(json_object_get(request, "id")),
+                      share(json_object_get(request, "transaction_id")), std::move(data));
 }
 
 bool matches_any(const Patterns &patterns, std::string_view method) {

@@ -48,6 +48,8 @@ Json message_data(const std::string &message);
 
 /** Null values are left out, but for the id, which is null then. */
 Json make_result(Json id, Json transaction_id, Json result);
+Json make_error(int jrpc_code, const Json &id, const Json &transaction_id, Json data);
+/** The same for a request; null for one that is not known. */
 Json make_error(int jrpc_code, const json_t *request, Json data);
 
 /** Null, too, when there was no memory for the parameters. */

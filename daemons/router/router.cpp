@@ -99,15 +99,6 @@ std::string caller_text(const Service &service, const Peer &peer) {
 /** Who calls is the router's to say: a client's own word for it does not reach a service that might believe it. */
 Edit caller_edit(std::string_view text) { return {"caller", text, true}; }
 
-/** A request's ids, as its error response carries them; without a transaction id where it had none. */
-Json id_and_transaction_id(const Json &id, json_t *transaction_id) {
-    Json ids(json_pack("{s:O}", "id", id.get()));
-    if (transaction_id != nullptr) {
-        put(ids.get(), "transaction_id", share(transaction_id));
-    }
-    return ids;
-}
-
 /** Sessions take these for the router's own word: nobody else may say them. */
 bool is_for_router_to_say(const std::string &method) { return matches("router.*", method) || method == names::cancel; }
 
@@ -427,8 +418,7 @@ void Router::forward(Client &client, const std::string &method, const Message &m
     Call *call = begin_call(client, *service, method, request, batch);
     if (!send(*call, message)) {
         LOG_WITHIN(lines_of_clients, LOG_ERROR("Cannot send %s to its service\n", printable(method).c_str()));
-        const Json ids(json_pack("{s:O}", "id", call->id.get()));
-        finish(*call, Outcome::error, make_error(TAVRIX_JRPC_INTERNAL_ERROR, ids.get(), nullptr));
+        finish(*call, Outcome::error, make_error(TAVRIX_JRPC_INTERNAL_ERROR, call->id, nullptr, nullptr));
     }
 }
 
@@ -517,8 +507,8 @@ void Router::give_answer(std::unique_ptr<Call> owner, Outcome outcome, Message a
     std::string_view text = renderer_.rewrite(answer, edits);
     if (client.gets_own_id() && text.size() >= max_long_line) { // what a service writes in UTF-8 has grown by escapes
         LOG_FOREIGN("An answer is too long for its client\n");
-        const Json ids = id_and_transaction_id(id, transaction_id.get());
-        const Json refusal = make_error(TAVRIX_JRPC_INTERNAL_ERROR, ids.get(), message_data("the answer is too long"));
+        const Json refusal =
+            make_error(TAVRIX_JRPC_INTERNAL_ERROR, id, transaction_id, message_data("the answer is too long"));
         text = render(refusal.get());
     }
     client.answer_text(text, batch);
@@ -542,8 +532,8 @@ void Router::take_reply(Message message, Service *from) {
         }
         if (!is_error && json_object_get(reply, "result") == nullptr) {
             LOG_FOREIGN("A reply to %s has neither a result nor an error\n", printable(method).c_str());
-            const Json ids(json_pack("{s:O}", "id", found->second->id.get()));
-            finish(*found->second, Outcome::error, make_error(TAVRIX_JRPC_INTERNAL_ERROR, ids.get(), nullptr));
+            finish(*found->second, Outcome::error,
+                   make_error(TAVRIX_JRPC_INTERNAL_ERROR, found->second->id, nullptr, nullptr));
             return;
         }
         if (json_object_del(reply, "method") == 0) { // by which the client would take it for a request
@@ -559,7 +549,7 @@ void Router::take_reply(Message message, Service *from) {
     }
 }
 
-void Router::answer_timed_out(const Call &call, Json *answer) const {
+Json Router::timed_out_answer(const Call &call) {
     const char *id = json_string_value(call.id.get());
     const json_int_t number = json_integer_value(call.transaction_id.get());
     const bool fits =
@@ -567,20 +557,16 @@ void Router::answer_timed_out(const Call &call, Json *answer) const {
     json_t *response = nullptr;
     if (id != nullptr && fits && !call.client.gets_own_id() &&
         tavrix_jrpc_router_create_system_timeout_response(id, static_cast<int>(number), &response) == TAVRIX_OK) {
-        answer->reset(response);
-        return;
+        return Json(response);
     }
-    const Json request(json_pack("{s:O}", "id", call.id.get()));
-    *answer = make_error(TAVRIX_JRPC_TIMED_OUT, request.get(), nullptr);
+    return make_error(TAVRIX_JRPC_TIMED_OUT, call.id, nullptr, nullptr);
 }
 
 void Router::expire(Call &call) {
     call.deadline.leave();
     LOG_FOREIGN("No reply to %s in time\n", printable(call.method).c_str());
     cancel(call);
-    Json answer;
-    answer_timed_out(call, &answer);
-    finish(call, Outcome::timeout, std::move(answer));
+    finish(call, Outcome::timeout, timed_out_answer(call));
 }
 
 /** Tells a direct service that nobody waits for this any more. */
@@ -703,8 +689,8 @@ void Router::settle() {
         if (Clock::now() >= service->settles_until) {
             LOG_WITHIN(lines_of_services,
                        LOG_WARNING("Service %s does not answer on the bus\n", printable(name).c_str()));
-            const Json request(json_pack("{s:O}", "id", service->registration.id.get()));
-            end_registration(*service, make_error(TAVRIX_JRPC_TIMED_OUT, request.get(), nullptr));
+            end_registration(*service, make_error(TAVRIX_JRPC_TIMED_OUT, service->registration.id,
+                                                  service->registration.transaction_id, nullptr));
             Session &session = *service->session;
             session.flush(); // for the answer
             session.close(); // it registers anew, when it can
@@ -726,9 +712,6 @@ void Router::probe(const Service &service) {
 
 void Router::end_registration(Service &service, Json answer) {
     const Service::Registration registration = std::move(service.registration);
-    if (registration.transaction_id) {
-        put(answer.get(), "transaction_id", share(registration.transaction_id));
-    }
     service.session->answer(std::move(answer), registration.batch);
 }
 
@@ -742,7 +725,9 @@ void Router::up(Service &service) {
     service.since = std::time(nullptr);
     tell_services(line, service);
     guard(service.session, [&] {
-        end_registration(service, make_result(share(service.registration.id), nullptr, Json(json_integer(TAVRIX_OK))));
+        end_registration(service,
+                         make_result(share(service.registration.id), share(service.registration.transaction_id),
+                                     Json(json_integer(TAVRIX_OK))));
     });
 }
 
@@ -765,8 +750,7 @@ void Router::gone(Service &service) {
         Call &call = *service.calls.front();
         Json answer;
         guard(nullptr, [&] {
-            const Json request(json_pack("{s:O}", "id", call.id.get()));
-            answer = make_error(TAVRIX_JRPC_METHOD_NOT_FOUND, request.get(), gone_data(service, call.method));
+            answer = make_error(TAVRIX_JRPC_METHOD_NOT_FOUND, call.id, nullptr, gone_data(service, call.method));
         });
         finish(call, Outcome::gone, std::move(answer)); // a client that cannot be told is closed
     }

@@ -143,7 +143,7 @@ class Router {
     void answer_own(Client &client, json_t *request, Own *own);
     bool run_own(Client &client, const std::string &method, json_t *request, const BatchPlace &batch);
     void answer_locked(Client &client, json_t *request, const BatchPlace &batch);
-    void answer_timed_out(const Call &call, Json *answer) const;
+    static Json timed_out_answer(const Call &call);
     bool may_reload(const Client &client);
     void reload(Client &client, Message request, const BatchPlace &batch);
     bool is_overloaded(Service &service, Client &client, const json_t *request, const BatchPlace &batch);

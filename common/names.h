@@ -38,6 +38,9 @@ constexpr char lost[] = "router.Lost";
 constexpr char monitor[] = "router.Monitor";
 constexpr char traffic[] = "router.Traffic";
 
+// Of the reference services.
+constexpr char link_changed[] = "events.LinkChanged";
+
 } // namespace names
 
 } // namespace tavrix

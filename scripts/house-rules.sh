@@ -62,7 +62,11 @@ one_home() {
 one_home 'kit/include/tavrix_service\.h' '/run/tavrix/session\.sock'
 one_home 'common/names\.h' '/run/tavrix/router\.sock'
 one_home 'common/names\.h' '"1\.2\.6"'
-one_home 'common/names\.h' '"(router|service)\.[A-Z]\w+"'
+one_home 'common/names\.h' '"(router|service)\.[A-Z]\w+"|^[^*]*"(logger\.ReloadConf|events\.LinkChanged)"'
+one_home 'common/wire\.h' '"TAVRIX_SESSION"'
+one_home 'common/bus\.h' 'NN_RCVMAXSIZE|\bNN_TCP_NODELAY'
+one_home 'common/message\.h' 'JSON_DISABLE_EOF_CHECK'
+one_home 'include/tavrix_jrpc\.h' '"(3a6f8f51|505a5451|b4469f46|30e493d7|2524546b)-'
 one_home 'include/tavrix_jrpc\.h' '-32[0-9]{3}\b' '
     ^tools/tavrixctl\.cpp:.*tavrixctl error -32602'
 
@@ -71,7 +75,6 @@ one_home 'include/tavrix_jrpc\.h' '-32[0-9]{3}\b' '
 rule private-header "another folder's private header: only white-box tests and what is built with the library see it" \
     '#include "(internal/|tavrix_\w+_internal\.h)' '
     ^src/
-    ^kit/src/
     ^tests/unit/\w+_whitebox_test\.cpp:
     ^tests/fault/
     ^fuzz/

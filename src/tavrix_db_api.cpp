@@ -9,22 +9,17 @@
 #include <cstring>
 
 #include "common/database_handles.h"
-#include "internal/log.h"
+#include "common/log.h"
 #include "tavrix_error.h"
 #include "tavrix_sqlite3.h"
 #include "tavrix_utils.h"
-
-// The appliance's path; a build for tests names a private one.
-#ifndef TAVRIX_CFGDB_PATH
-#define TAVRIX_CFGDB_PATH "/data/db/zqn_h7.db"
-#endif
 
 namespace {
 
 using tavrix::Connection;
 
 constexpr char unit_name[] = "tavrix_db_api";
-constexpr char cfgdb_path[] = TAVRIX_CFGDB_PATH;
+constexpr char cfgdb_path[] = TAVRIX_CFGDB_PATH; // the build's
 
 uint8_t cfgdb_locked = 0;
 

@@ -12,11 +12,11 @@
 #include <utility>
 
 #include "common/handles.h"
+#include "common/log.h"
 #include "common/message.h"
 #include "common/sockets.h"
 #include "internal/jrpc_tables.h"
 #include "internal/json_text.h"
-#include "internal/log.h"
 #include "internal/tavrix_jrpc_seam.h"
 #include "tavrix_error.h"
 #include "tavrix_mq.h"
@@ -27,7 +27,9 @@ namespace {
 using tavrix::BusSocket;
 using tavrix::Draft;
 using tavrix::into;
+using tavrix::is_text_or_number;
 using tavrix::Json;
+using tavrix::parse_flags;
 using tavrix::protocol_version;
 using tavrix::StreamSocket;
 using tavrix::Text;
@@ -35,7 +37,6 @@ using tavrix::wire_flags;
 
 constexpr char unit_name[] = "tavrix_jrpc";
 
-constexpr size_t parse_flags = JSON_REJECT_DUPLICATES | JSON_DISABLE_EOF_CHECK | JSON_DECODE_ANY;
 constexpr size_t log_flags = JSON_INDENT(4);
 constexpr int max_indent = 31;
 constexpr char bar = '|';
@@ -48,8 +49,6 @@ constexpr int notification_attempts = 5;
 const char *printable(const char *text) { return text != nullptr ? text : "(null)"; }
 
 int length_of(const char *text) { return static_cast<int>(std::strlen(text)); }
-
-bool is_text_or_number(const json_t *value) { return json_is_string(value) || json_is_number(value); }
 
 bool is_version_2(const json_t *version) { return std::strcmp(json_string_value(version), protocol_version) == 0; }
 

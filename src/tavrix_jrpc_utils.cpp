@@ -13,7 +13,7 @@
 #include <cstring>
 
 #include "common/handles.h"
-#include "internal/log.h"
+#include "common/log.h"
 #include "internal/tables.h"
 #include "internal/tavrix_jrpc_utils_seam.h"
 #include "tavrix_error.h"
@@ -30,8 +30,7 @@ constexpr char unit_name[] = "tavrix_jrpc_utils";
 
 constexpr size_t debug_text_size = 100;
 constexpr size_t value_text_size = 100;
-constexpr int max_vlan_ids = 32;
-static_assert(sizeof(tavrix_port_input::vlan_ids) == max_vlan_ids * sizeof(int32_t), "room for every VLAN id");
+constexpr int max_vlan_ids = sizeof(tavrix_port_input::vlan_ids) / sizeof(int32_t);
 constexpr size_t max_alias_length = 8;
 constexpr char everything[] = "all";
 constexpr char no_mac[] = "none";

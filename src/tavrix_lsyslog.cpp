@@ -16,20 +16,15 @@
 #include <sys/time.h>
 #include <unistd.h>
 
-#include "internal/log.h"
+#include "common/log.h"
+#include "common/names.h"
 #include "tavrix_conf_parser.h"
 #include "tavrix_error.h"
-
-// The appliance's path; a build for tests names a private one.
-#ifndef TAVRIX_LSYSLOG_CONF_PATH
-#define TAVRIX_LSYSLOG_CONF_PATH "/etc/tavrix_lsyslog.conf"
-#endif
 
 namespace {
 
 constexpr char unit_name[] = "tavrix_lsyslog";
 constexpr char levels_section[] = "logging_levels";
-constexpr char reload_method[] = "logger.ReloadConf";
 constexpr size_t message_size = 8001;
 constexpr size_t time_size = 81;     // with its bracket
 constexpr size_t line_size = BUFSIZ; // what printf gathers of a line before it writes
@@ -264,7 +259,7 @@ int tavrix_lsyslog_reload_conf_api(json_t * /*params*/, json_t ** /*result*/, js
 }
 
 int tavrix_lsyslog_is_json_method_lsyslog(const char *method) {
-    if (std::strcmp(method, reload_method) != 0) {
+    if (std::strcmp(method, tavrix::names::reload_conf) != 0) {
         return 0;
     }
     static_cast<void>(tavrix_lsyslog_reload_conf());

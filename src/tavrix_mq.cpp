@@ -24,8 +24,9 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include "common/handles.h"
-#include "internal/log.h"
+#include "common/log.h"
+#include "common/sockets.h"
+#include "common/unix_socket.h"
 #include "internal/tables.h"
 #include "internal/topics.h"
 #include "tavrix_error.h"
@@ -56,12 +57,6 @@ int protocol_of(int sock) {
     size_t size = sizeof protocol;
     return nn_getsockopt(sock, NN_SOL_SOCKET, NN_PROTOCOL, &protocol, &size) == 0 ? protocol : -1;
 }
-
-struct FreeMessage {
-    void operator()(void *message) const { static_cast<void>(nn_freemsg(message)); }
-};
-/** A message that nanomsg allocated and that nobody has taken over yet. */
-using BusMessage = std::unique_ptr<void, FreeMessage>;
 
 // --- Checks ---
 
@@ -116,13 +111,7 @@ bool is_folder(const char *path) {
  * @return 0, or the errno of the removal
  */
 int clear_the_way(const char *path) {
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    std::memcpy(address.sun_path, path, std::strlen(path));
-    const tavrix::Descriptor probe(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    const bool left_over = probe &&
-                           connect(probe.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0 &&
-                           errno == ECONNREFUSED;
+    const bool left_over = !tavrix::connect_unix(path) && errno == ECONNREFUSED;
     return left_over && unlink(path) != 0 && errno != ENOENT ? errno : 0;
 }
 
@@ -315,7 +304,7 @@ int send_text(int sock, const char *text, int flags) {
     }
     const size_t length = std::strlen(text);
     LOG_VERBOSE("[tavrix_mq_socket_send]: message[%d]: %s\n", static_cast<int>(length), text);
-    BusMessage message(nn_allocmsg(length, 0));
+    tavrix::BusMessage message(nn_allocmsg(length, 0));
     if (!message) {
         LOG_DEBUG("nn_allocmsg failed to allocate buffer for message: %s\n", bus_error());
         return TAVRIX_ERR_GENERAL;
@@ -368,7 +357,7 @@ int tavrix_mq_socket_recv(int sock, char **msg_out, int *len_out, int nonblock) 
     if (length < 0) {
         return receive_failed(sock);
     }
-    BusMessage message(body);
+    tavrix::BusMessage message(body);
     const size_t size = static_cast<size_t>(length);
     tavrix::Text copy(static_cast<char *>(std::malloc(size + 1)));
     if (!copy) {

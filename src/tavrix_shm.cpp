@@ -15,7 +15,7 @@
 #include <unistd.h>
 
 #include "common/handles.h"
-#include "internal/log.h"
+#include "common/log.h"
 #include "tavrix_error.h"
 
 namespace {

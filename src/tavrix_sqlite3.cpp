@@ -12,7 +12,7 @@
 
 #include "common/database_handles.h"
 #include "common/handles.h"
-#include "internal/log.h"
+#include "common/log.h"
 #include "tavrix_error.h"
 #include "tavrix_utils.h"
 

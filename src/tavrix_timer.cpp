@@ -14,7 +14,7 @@
 #include <sys/timerfd.h>
 #include <unistd.h>
 
-#include "internal/log.h"
+#include "common/log.h"
 #include "tavrix_error.h"
 
 namespace {

@@ -20,7 +20,7 @@
 #include <sys/stat.h>
 
 #include "common/handles.h"
-#include "internal/log.h"
+#include "common/log.h"
 #include "internal/tables.h"
 #include "tavrix_error.h"
 #include "tavrix_validation.h"

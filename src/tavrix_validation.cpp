@@ -13,7 +13,7 @@
 
 #include <pcre.h>
 
-#include "internal/log.h"
+#include "common/log.h"
 #include "internal/tables.h"
 #include "internal/tavrix_validation_seam.h"
 #include "tavrix_utils.h"

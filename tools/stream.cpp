@@ -10,8 +10,11 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
-#include <sys/un.h>
 #include <unistd.h>
+
+#include "common/unix_socket.h"
+#include "common/wire.h"
+#include "tavrix_jrpc.h"
 
 namespace tavrixctl {
 
@@ -57,9 +60,7 @@ int connect_failure(const std::string &where, RoadKind kind, int reason) {
 
 /** 0 or the reason why there is no connection; the path has to fit. */
 int try_unix(const std::string &path, const Deadline &deadline, Socket *out) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    const sockaddr_un address = tavrix::unix_address(path.c_str());
     out->reset(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     limit_waiting(out->get(), deadline);
     return connect(out->get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0 ? 0 : errno;
@@ -134,11 +135,11 @@ std::string environment(const char *name) {
 size_t request_limit(RoadKind kind) {
     switch (kind) {
     case RoadKind::session:
-        return 65535; // and its newline
+        return tavrix::max_request_line - 1; // and its newline
     case RoadKind::direct:
-        return 1024;
+        return TAVRIX_SERVER_MAX_REQUEST;
     default:
-        return 8192;
+        return TAVRIX_ROUTER_MAX_REQUEST;
     }
 }
 
@@ -156,10 +157,10 @@ std::vector<Road> roads_to(const Target &target) {
         return {{RoadKind::session, target.session}};
     }
     // Who names one socket of a router means that router: the usual paths could be another one's.
-    const std::string session = environment("TAVRIX_SESSION");
+    const std::string session = environment(tavrix::session_variable);
     const std::string socket_path = environment("TAVRIX_SOCKET");
     if (session.empty() && socket_path.empty()) {
-        return {{RoadKind::session, default_session}, {RoadKind::one_shot, tavrix::router_socket}};
+        return {{RoadKind::session, TAVRIX_SERVICE_SESSION}, {RoadKind::one_shot, tavrix::router_socket}};
     }
     std::vector<Road> roads;
     if (!session.empty()) {
@@ -189,9 +190,9 @@ int connect_to(const std::vector<Road> &roads, size_t request_size, const Deadli
         if (road.kind == RoadKind::tcp) {
             return connect_tcp(road.where, deadline, out);
         }
-        if (road.where.size() >= sizeof sockaddr_un{}.sun_path) {
-            complain("%s: the path is longer than %zu characters", printable(road.where).c_str(),
-                     sizeof sockaddr_un{}.sun_path - 1);
+        if (road.where.size() > TAVRIX_SOCKET_MAX_PATH) {
+            complain("%s: the path is longer than %d characters", printable(road.where).c_str(),
+                     TAVRIX_SOCKET_MAX_PATH);
             return exit_usage;
         }
         const int reason = try_unix(road.where, deadline, out);

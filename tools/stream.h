@@ -11,11 +11,9 @@
 #include <unistd.h>
 
 #include "support.h"
-#include "tavrix_service.h"
 
 namespace tavrixctl {
 
-constexpr char default_session[] = TAVRIX_SERVICE_SESSION;
 /** What can be done where an answer does not come. */
 constexpr char late_remedy[] = "is it stopped, or busy? --timeout waits longer";
 

@@ -9,8 +9,8 @@
 #include <CLI/CLI.hpp>
 
 #include "completion.h"
-#include "stream.h"
 #include "support.h"
+#include "tavrix_service.h"
 #include "verbs.h"
 #include "words.h"
 
@@ -67,7 +67,7 @@ CLI::App *add_verb(CLI::App &app, const std::string &name, const std::string &wh
 CLI::Option *add_session(CLI::App *verb, Target *target) {
     return verb->add_option("--session", target->session,
                             std::string("The router's socket for sessions; default: TAVRIX_SESSION, or ") +
-                                default_session);
+                                TAVRIX_SERVICE_SESSION);
 }
 
 void add_router(CLI::App *verb, Target *target) {

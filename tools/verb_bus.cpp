@@ -8,7 +8,7 @@
 #include <nanomsg/nn.h>
 #include <poll.h>
 
-#include "common/sockets.h"
+#include "common/bus.h"
 #include "common/text.h"
 #include "interrupt.h"
 #include "params.h"
@@ -31,16 +31,7 @@ constexpr double patience_s = 2; // before it is told which addresses are dead
 /** A bus socket of one type, connected to every address. */
 class BusSocket {
   public:
-    explicit BusSocket(int sp_type) {
-        int opened = -1;
-        if (tavrix_mq_socket_init(sp_type, &opened) != TAVRIX_OK) {
-            return;
-        }
-        socket_.reset(opened);
-        // At the first larger message nanomsg would drop the publisher's connection for good.
-        constexpr int limit = 8 * 1024 * 1024;
-        nn_setsockopt(opened, NN_SOL_SOCKET, NN_RCVMAXSIZE, &limit, sizeof limit);
-    }
+    explicit BusSocket(int sp_type) { tavrix::open_bus_socket(sp_type, socket_.place()); }
 
     int get() const { return socket_.get(); }
 

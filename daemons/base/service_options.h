@@ -4,12 +4,12 @@
 #ifndef TAVRIX_DAEMONS_BASE_SERVICE_OPTIONS_H
 #define TAVRIX_DAEMONS_BASE_SERVICE_OPTIONS_H
 
-#include <cstdlib>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "base/options.h"
+#include "common/wire.h"
 #include "tavrix_service.h"
 
 namespace daemon_support {
@@ -27,16 +27,9 @@ struct ServiceOptions {
     }
 
     std::string name;
-    std::string session = default_session();
+    std::string session = tavrix::session_path();
     std::vector<std::string> publish;
     std::vector<std::string> connect;
-
-  private:
-    /** As for every service of the kit, and every client. */
-    static std::string default_session() {
-        const char *named = std::getenv("TAVRIX_SESSION");
-        return named != nullptr && *named != '\0' ? named : TAVRIX_SERVICE_SESSION;
-    }
 };
 
 /** The kit's service, closed with its scope. The options have to outlive it. */

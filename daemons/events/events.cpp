@@ -8,7 +8,7 @@
 
 #include <strings.h>
 
-#include "base/log.h"
+#include "common/log.h"
 #include "tavrix.h"
 
 namespace events {

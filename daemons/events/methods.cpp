@@ -9,14 +9,14 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include "base/log.h"
+#include "common/log.h"
+#include "common/names.h"
 
 namespace events {
 
 namespace {
 
 constexpr char unit_name[] = "events";
-constexpr char link_changed[] = "events.LinkChanged";
 constexpr int max_report = 127; // characters
 
 Log &log_of(const tavrix_call *call) { return static_cast<Context *>(tavrix_call_user(call))->log; }
@@ -82,7 +82,7 @@ void on_timer(tavrix_service *service, void *user) {
     auto *context = static_cast<Context *>(user);
     const LinkChange &change = context->script[context->next_change++ % context->script.size()];
     const Event &event = context->log.add("link", change.port_id, change.state);
-    if (tavrix_service_publish(service, link_changed, to_json(event)) != TAVRIX_OK) {
+    if (tavrix_service_publish(service, tavrix::names::link_changed, to_json(event)) != TAVRIX_OK) {
         LOG_ERROR("Cannot publish event %d\n", event.number);
     }
 }

@@ -8,8 +8,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "base/log.h"
 #include "common/database_handles.h"
+#include "common/log.h"
 
 namespace ports {
 

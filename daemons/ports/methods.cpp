@@ -3,8 +3,9 @@
 #include <array>
 #include <string>
 
-#include "base/log.h"
 #include "common/handles.h"
+#include "common/log.h"
+#include "common/names.h"
 
 namespace ports {
 
@@ -14,9 +15,7 @@ using tavrix::Json;
 
 constexpr char unit_name[] = "ports";
 constexpr size_t word_size = 32;
-constexpr char link_changed[] = "events.LinkChanged";
-constexpr int max_vlan_ids = 32;
-constexpr int max_vlan_id = 4092;
+constexpr int max_vlan_ids = sizeof(tavrix_port_input::vlan_ids) / sizeof(int32_t);
 constexpr int max_mac_filters = 16;
 constexpr int lock_attempts = 20;
 constexpr int lock_delay_ms = 50;
@@ -113,7 +112,7 @@ json_t *mzu_id_json(int unit) {
 json_t *port_json(const Port &port) {
     json_t *vlan_ids = json_array();
     for (const int vlan_id : port.vlan_ids) {
-        if (vlan_id < 1 || vlan_id > max_vlan_id) {
+        if (validate_vlan_id(vlan_id) != TAVRIX_VALID) {
             LOG_ERROR("The database holds an invalid VLAN id\n");
             json_decref(vlan_ids);
             return nullptr;
@@ -239,7 +238,7 @@ int wait_link_changed(tavrix_call *call) {
         context.waiters.pop_back();
         return TAVRIX_ERR_SYSTEM_BUSY;
     }
-    LOG_DEBUG("Waiting for %s, %d ms at most\n", link_changed, context.wait_timeout_ms);
+    LOG_DEBUG("Waiting for %s, %d ms at most\n", tavrix::names::link_changed, context.wait_timeout_ms);
     return TAVRIX_OK;
 }
 
@@ -340,7 +339,7 @@ const tavrix_service_method table[] = {
 const tavrix_service_method *methods() { return table; }
 
 bool listen_for_link_changes(tavrix_service *service, Context *context) {
-    return tavrix_service_subscribe(service, link_changed, on_link_changed, context) != 0;
+    return tavrix_service_subscribe(service, tavrix::names::link_changed, on_link_changed, context) != 0;
 }
 
 } // namespace ports

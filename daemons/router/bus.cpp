@@ -3,12 +3,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <filesystem>
-#include <system_error>
 
 #include <sys/stat.h>
 
-#include "base/log.h"
+#include "common/log.h"
 #include "foreign_log.h"
 #include "message.h"
 #include "tavrix_error.h"
@@ -24,39 +22,12 @@ constexpr char unit_name[] = "bus";
 constexpr int messages_per_turn = 100; // a flood on the bus must not keep clients waiting,
 constexpr size_t bytes_per_turn =
     size_t{1024} * 1024; // nor fill what they are sent faster than they could ever read it
-constexpr int largest_message = 8 * 1024 * 1024;
 constexpr mode_t for_the_group = 0007;
-constexpr size_t longest_ipc_address = 113; // nanomsg aborts on a longer one
 
 } // namespace
 
-int transport_of(const std::string &address) {
-    const struct {
-        const char *scheme;
-        int transport;
-    } rows[] = {{"tcp://", TAVRIX_TRANSPORT_TCP}, {"ipc://", TAVRIX_TRANSPORT_IPC}};
-    for (const auto &row : rows) {
-        if (address.rfind(row.scheme, 0) == 0) {
-            const bool fits = row.transport != TAVRIX_TRANSPORT_IPC || address.size() <= longest_ipc_address;
-            return fits ? row.transport : 0;
-        }
-    }
-    return 0;
-}
-
-std::string absolute(const std::string &address) {
-    constexpr char scheme[] = "ipc://";
-    const std::string path = address.substr(std::min(address.size(), std::strlen(scheme)));
-    if (transport_of(address) != TAVRIX_TRANSPORT_IPC || path.empty() || path[0] == '/') {
-        return address;
-    }
-    std::error_code unknown;
-    const std::string full = scheme + (std::filesystem::current_path(unknown) / path).string();
-    return !unknown && transport_of(full) != 0 ? full : address;
-}
-
 std::string folder_of(const std::string &address) {
-    if (transport_of(address) != TAVRIX_TRANSPORT_IPC) {
+    if (tavrix::transport_of(address.c_str()) != TAVRIX_TRANSPORT_IPC) {
         return "";
     }
     const std::string path = address.substr(std::strlen("ipc://"));
@@ -64,26 +35,20 @@ std::string folder_of(const std::string &address) {
     return slash == std::string::npos ? "." : path.substr(0, std::max(slash, size_t{1}));
 }
 
-namespace {
-
-struct FreeMessage {
-    void operator()(char *message) const { nn_freemsg(message); }
-};
-
-} // namespace
-
 bool Bus::open(event_base *base, const std::vector<std::string> &publish) {
     const mode_t before = umask(for_the_group); // who may enter the folder may also connect
     bool bound = tavrix::open_bus_socket(TAVRIX_SP_PUB, pub_.place());
     for (const std::string &address : publish) {
         int endpoint = 0;
-        if (!bound || tavrix_mq_socket_bind(pub_.get(), transport_of(address), address.c_str(), &endpoint) != 0) {
-            const char *usual = transport_of(address) == TAVRIX_TRANSPORT_IPC ? "does its folder exist?"
-                                                                              : "is that address one of this machine?";
+        if (!bound ||
+            tavrix_mq_socket_bind(pub_.get(), tavrix::transport_of(address.c_str()), address.c_str(), &endpoint) != 0) {
+            const char *usual = tavrix::transport_of(address.c_str()) == TAVRIX_TRANSPORT_IPC
+                                    ? "does its folder exist?"
+                                    : "is that address one of this machine?";
             const char *advice = nn_errno() == EADDRINUSE ? "is another router running?" : usual;
-            if (transport_of(address) == 0) {
+            if (tavrix::transport_of(address.c_str()) == 0) {
                 LOG_ERROR("Cannot publish on %s: an address begins with tcp:// or ipc:// and has at most %zu bytes\n",
-                          address.c_str(), longest_ipc_address);
+                          address.c_str(), tavrix::max_bus_address);
             } else {
                 LOG_ERROR("Cannot publish on %s: %s; %s\n", address.c_str(), nn_strerror(nn_errno()), advice);
             }
@@ -93,7 +58,6 @@ bool Bus::open(event_base *base, const std::vector<std::string> &publish) {
     umask(before);
     int descriptor = -1;
     if (!bound || !tavrix::open_bus_socket(TAVRIX_SP_SUB, sub_.place()) ||
-        nn_setsockopt(sub_.get(), NN_SOL_SOCKET, NN_RCVMAXSIZE, &largest_message, sizeof largest_message) != 0 ||
         tavrix_mq_socket_subscribe(sub_.get(), TAVRIX_ROUTER_REPLY_CHANNEL) != TAVRIX_OK ||
         tavrix_mq_socket_recvfd(sub_.get(), &descriptor) != TAVRIX_OK) {
         return false;
@@ -104,7 +68,8 @@ bool Bus::open(event_base *base, const std::vector<std::string> &publish) {
 
 int Bus::connect(const std::string &address) {
     int endpoint = -1;
-    if (tavrix_mq_socket_connect(sub_.get(), transport_of(address), address.c_str(), &endpoint) != TAVRIX_OK) {
+    if (tavrix_mq_socket_connect(sub_.get(), tavrix::transport_of(address.c_str()), address.c_str(), &endpoint) !=
+        TAVRIX_OK) {
         LOG_FOREIGN("Cannot listen to %s: it is no address of the bus\n", printable(address).c_str());
         return -1;
     }
@@ -146,7 +111,7 @@ void Bus::on_readable(evutil_socket_t /*descriptor*/, short /*what*/, void *cont
         if (length < 0) {
             return;
         }
-        const std::unique_ptr<char, FreeMessage> owner(frame);
+        const tavrix::BusMessage owner(frame);
         const std::string_view text(frame, static_cast<size_t>(length));
         const size_t bar = text.find('|');
         bytes += text.size();

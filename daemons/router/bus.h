@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "base/loop.h"
-#include "common/sockets.h"
+#include "common/bus.h"
 
 namespace router {
 
@@ -44,12 +44,6 @@ class Bus {
     daemon_support::Event readable_;
     bool everything_ = false;
 };
-
-/** The library's number for the transport of an address: 0 when it names none. */
-int transport_of(const std::string &address);
-
-/** The address for those who have been started in another folder. One that would be too long stays as it is. */
-std::string absolute(const std::string &address);
 
 /** The folder of an ipc address; empty for any other. */
 std::string folder_of(const std::string &address);

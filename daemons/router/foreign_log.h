@@ -4,8 +4,8 @@
 #ifndef TAVRIX_DAEMONS_ROUTER_FOREIGN_LOG_H
 #define TAVRIX_DAEMONS_ROUTER_FOREIGN_LOG_H
 
-#include "base/log.h"
 #include "base/loop.h"
+#include "common/log.h"
 
 namespace router {
 

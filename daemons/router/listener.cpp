@@ -8,7 +8,8 @@
 #include <poll.h>
 #include <sys/socket.h>
 
-#include "base/log.h"
+#include "common/log.h"
+#include "tavrix_error.h"
 
 namespace router {
 
@@ -44,8 +45,18 @@ bool Listener::watch(event_base *base, int descriptor, Taker taker) {
 }
 
 bool Listener::open_unix(event_base *base, const std::string &path, Taker taker) {
+    if (const char *obstacle = tavrix::find_listener_obstacle(path.c_str())) {
+        LOG_ERROR("Cannot listen on %s: %s\n", path.c_str(), obstacle);
+        return false;
+    }
+    if (tavrix_unix_socket_init(path.c_str(), socket_.place(), 1) != TAVRIX_OK ||
+        !tavrix::note_socket_file(path.c_str(), &file_)) {
+        LOG_ERROR("Cannot listen on %s: %s; does its folder exist, and may this user write there?\n", path.c_str(),
+                  std::strerror(errno));
+        return false;
+    }
     pause_.reset(event_new(base, -1, 0, on_pause_over, this));
-    return pause_ && unix_.open(path) && watch(base, unix_.descriptor(), std::move(taker));
+    return pause_ && watch(base, socket_.get(), std::move(taker));
 }
 
 bool Listener::open_tcp(event_base *base, const std::string &address, int port, Taker taker) {
@@ -61,7 +72,7 @@ bool Listener::open_tcp(event_base *base, const std::string &address, int port, 
         return false;
     }
     if (try_tcp()) {
-        return watch(base, tcp_.get(), std::move(taker));
+        return watch(base, socket_.get(), std::move(taker));
     }
     if (errno != EADDRINUSE) {
         return tcp_failed(std::strerror(errno));
@@ -104,15 +115,15 @@ bool Listener::is_answered() {
 bool Listener::try_tcp() {
     const int yes = 1;
     const sockaddr_in place = tcp_socket_address(tcp_address_, tcp_port_);
-    tcp_.reset(); // first: it may hold the very port that is tried again
-    tcp_.reset(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    if (tcp_ && setsockopt(tcp_.get(), SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes) == 0 &&
-        bind(tcp_.get(), reinterpret_cast<const sockaddr *>(&place), sizeof place) == 0 &&
-        listen(tcp_.get(), SOMAXCONN) == 0) {
+    socket_.reset(); // first: it may hold the very port that is tried again
+    socket_.reset(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (socket_ && setsockopt(socket_.get(), SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes) == 0 &&
+        bind(socket_.get(), reinterpret_cast<const sockaddr *>(&place), sizeof place) == 0 &&
+        listen(socket_.get(), SOMAXCONN) == 0) {
         return true;
     }
     const int reason = errno;
-    tcp_.reset();
+    socket_.reset();
     errno = reason;
     return false;
 }
@@ -134,7 +145,7 @@ void Listener::on_pause_over(evutil_socket_t /*descriptor*/, short /*what*/, voi
     } else if (self->try_tcp()) {
         self->probe_.reset();
         LOG_INFO("Listening on TCP port %d\n", self->tcp_port_);
-        self->watch(self->base_, self->tcp_.get(), self->taker_);
+        self->watch(self->base_, self->socket_.get(), self->taker_);
     } else {
         daemon_support::add_after(self->pause_, tcp_attempt_interval);
     }

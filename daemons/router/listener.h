@@ -8,8 +8,8 @@
 #include <string>
 
 #include "base/loop.h"
-#include "base/unix_listener.h"
 #include "common/sockets.h"
+#include "common/unix_socket.h"
 
 namespace router {
 
@@ -20,6 +20,7 @@ class Listener {
     Listener() = default;
     Listener(const Listener &) = delete;
     Listener &operator=(const Listener &) = delete;
+    ~Listener() { tavrix::remove_socket_file(file_); }
 
     /** Both log what failed. */
     bool open_unix(event_base *base, const std::string &path, Taker taker);
@@ -43,9 +44,9 @@ class Listener {
     bool is_answered();
 
     Taker taker_;
-    daemon_support::UnixListener unix_;
-    tavrix::StreamSocket tcp_;
-    tavrix::StreamSocket probe_; ///< a connection to the port, while it is open who has it
+    tavrix::StreamSocket socket_;
+    tavrix::SocketFile file_{};  ///< of a unix listener
+    tavrix::StreamSocket probe_; ///< a connection to the TCP port, until it is known whether somebody serves there
     bool has_failed_ = false;
     std::string tcp_address_;
     int tcp_port_ = 0;

@@ -27,27 +27,8 @@ std::string printable(std::string_view text) {
     return {shown, tavrix::make_printable(text.data(), text.size(), shown, sizeof shown)};
 }
 
-bool is_valid_id(const json_t *id) { return json_is_string(id) || json_is_number(id); }
-
 bool is_notification(const json_t *message) {
     return json_is_string(json_object_get(message, "method")) && json_object_get(message, "id") == nullptr;
-}
-
-int find_envelope_error(const json_t *request) {
-    const json_t *transaction_id = json_object_get(request, "transaction_id");
-    const json_t *params = json_object_get(request, "params");
-    const char *version = json_string_value(json_object_get(request, "jsonrpc"));
-    if (!is_valid_id(json_object_get(request, "id")) ||
-        (transaction_id != nullptr && !json_is_number(transaction_id)) || version == nullptr) {
-        return TAVRIX_JRPC_INVALID_REQUEST;
-    }
-    if (std::string_view(version) != tavrix::protocol_version) {
-        return TAVRIX_JRPC_VERSION_NOT_SUPPORTED;
-    }
-    if (params != nullptr && !json_is_object(params)) {
-        return TAVRIX_JRPC_INVALID_PARAMS;
-    }
-    return json_is_string(json_object_get(request, "method")) ? 0 : TAVRIX_JRPC_METHOD_NOT_FOUND;
 }
 
 void put(json_t *object, const char *key, Json value) {
@@ -86,8 +67,9 @@ Json make_result(Json id, Json transaction_id, Json result) {
 
 Json make_error(int jrpc_code, const Json &id, const Json &transaction_id, Json data) {
     Json message(json_pack("{s:s, s:O, s:{s:i, s:s, s:o}}", "jsonrpc", tavrix::protocol_version, "id",
-                           is_valid_id(id.get()) ? id.get() : json_null(), "error", "code", jrpc_code, "message",
-                           tavrix_jrpc_error_message(jrpc_code), "data", data ? data.release() : json_null()));
+                           tavrix::is_text_or_number(id.get()) ? id.get() : json_null(), "error", "code", jrpc_code,
+                           "message", tavrix_jrpc_error_message(jrpc_code), "data",
+                           data ? data.release() : json_null()));
     return with_transaction_id(std::move(message), transaction_id.get());
 }
 

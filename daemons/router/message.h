@@ -32,12 +32,7 @@ std::string printable(std::string_view text);
 /** Whether the library's log lines may show the text: no control characters. */
 inline bool is_plain(std::string_view text) { return !tavrix::has_control_characters(text.data(), text.size()); }
 
-bool is_valid_id(const json_t *id);
-
 bool is_notification(const json_t *message);
-
-/** The code for what the services' own evaluation would refuse without an answer; 0 when it would go on. */
-int find_envelope_error(const json_t *request);
 
 /** What is to be said whole or not at all: std::bad_alloc without memory for it, or without a value. */
 void put(json_t *object, const char *key, Json value);

@@ -5,7 +5,7 @@
 
 #include <sys/socket.h>
 
-#include "base/log.h"
+#include "common/log.h"
 #include "foreign_log.h"
 #include "router.h"
 #include "tavrix_jrpc.h"
@@ -15,12 +15,11 @@ namespace router {
 namespace {
 
 constexpr char unit_name[] = "router";
-constexpr size_t parse_flags = JSON_REJECT_DUPLICATES | JSON_DISABLE_EOF_CHECK | JSON_DECODE_ANY;
 constexpr size_t max_discarded = size_t{64} * 1024;
 
 bool may_become_an_object(std::string_view beginning) {
     json_error_t error;
-    const Json whole(json_loadb(beginning.data(), beginning.size(), parse_flags, &error));
+    const Json whole(json_loadb(beginning.data(), beginning.size(), tavrix::parse_flags, &error));
     return !whole && json_error_code(&error) == json_error_premature_end_of_input;
 }
 
@@ -132,7 +131,7 @@ void OneShot::take_bytes(std::string_view bytes) {
 }
 
 void OneShot::take_request() {
-    Json request(json_loadb(text_.data(), text_.size(), parse_flags, nullptr));
+    Json request(json_loadb(text_.data(), text_.size(), tavrix::parse_flags, nullptr));
     if (!json_is_object(request.get())) {
         LOG_FOREIGN("A client sent no JSON object\n");
         refuse(TAVRIX_JRPC_INVALID_REQUEST);

@@ -2,6 +2,7 @@
  * The methods that the router answers itself.
  */
 #include <algorithm>
+#include <cstring>
 #include <iterator>
 
 #include "router.h"
@@ -12,57 +13,51 @@ namespace router {
 namespace {
 
 constexpr size_t max_patterns = 64;
-constexpr size_t max_pattern = 128;
-constexpr size_t max_name = 50;
-constexpr size_t max_methods = 256;
-constexpr size_t max_addresses = 8;
 constexpr std::chrono::milliseconds settle_interval{5};
 constexpr std::chrono::seconds settle_time{5};
 constexpr std::chrono::milliseconds metrics_time{100}; // made anew no more often, however many read them
 
-/** The array's texts; false when it is none, or has too many, or one that is empty, too long or not plain. */
-bool read_texts(const json_t *array, size_t most, size_t longest, std::vector<std::string> *out) {
+/** The array's texts; false when it is not an array, has too many, or has one that is not good. */
+bool read_texts(const json_t *array, size_t most, bool (*is_good)(const char *), std::vector<std::string> *out) {
     size_t index = 0;
     const json_t *entry = nullptr;
     if (!json_is_array(array) || json_array_size(array) > most) {
         return false;
     }
     json_array_foreach(array, index, entry) {
-        std::string text(json_is_string(entry) ? json_string_value(entry) : "", json_string_length(entry));
-        if (text.empty() || text.size() > longest || !is_plain(text)) {
+        if (!json_is_string(entry) || !is_good(json_string_value(entry))) {
             return false;
         }
-        out->push_back(std::move(text));
+        out->push_back(json_string_value(entry));
     }
     return true;
 }
 
-bool is_name(const std::string &name) {
-    constexpr char allowed[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789.-_";
-    return !name.empty() && name.size() <= max_name && name.find_first_not_of(allowed) == std::string::npos &&
-           name[0] != '.';
+bool is_short_line(const char *text) {
+    return *text != '\0' && std::strlen(text) <= TAVRIX_MQ_MAX_ADDRESS && is_plain(text);
 }
 
 json_int_t number(uint64_t value) { return static_cast<json_int_t>(value); }
 
 // The schemas below repeat these numbers as text.
-static_assert(max_patterns == 64 && max_pattern == 128 && max_name == 50 && max_methods == 256 && max_addresses == 8);
+static_assert(max_patterns == 64 && TAVRIX_SERVICE_MAX_ADDRESSES == 8 && tavrix::max_bus_address == 113 &&
+              TAVRIX_SERVICE_MAX_NAME == 50 && TAVRIX_SERVICE_MAX_METHOD == 255 && TAVRIX_SERVICE_MAX_METHODS == 256);
 
 constexpr char no_params[] = "[]";
 constexpr char zero[] = R"({"type":"integer","enum":[0]})";
 constexpr char an_object[] = R"({"type":"object"})";
 constexpr char pattern_params[] =
     R"([{"name":"methods","summary":"names, or beginnings of names and *","required":true,"schema":)"
-    R"({"type":"array","maxItems":64,"items":{"type":"string","minLength":1,"maxLength":128}}}])";
+    R"({"type":"array","maxItems":64,"items":{"type":"string","minLength":1,"maxLength":255}}}])";
 constexpr char registration[] =
     R"([{"name":"name","summary":"letters, digits, dots, dashes and underscores","required":true,)"
     R"("schema":{"type":"string","minLength":1,"maxLength":50}},)"
     R"({"name":"channel","summary":"the channel of the service's requests","required":true,)"
     R"("schema":{"type":"string"}},)"
     R"({"name":"publish","summary":"the bus addresses that it publishes on","required":false,)"
-    R"("schema":{"type":"array","maxItems":8,"items":{"type":"string","minLength":1,"maxLength":128}}},)"
+    R"("schema":{"type":"array","maxItems":8,"items":{"type":"string","minLength":1,"maxLength":113}}},)"
     R"({"name":"methods","summary":"what it offers","required":false,)"
-    R"("schema":{"type":"array","maxItems":256,"items":{"type":"string","minLength":1,"maxLength":128}}},)"
+    R"("schema":{"type":"array","maxItems":256,"items":{"type":"string","minLength":1,"maxLength":255}}},)"
     R"({"name":"direct","summary":"whether it takes its requests over the session","required":false,)"
     R"("schema":{"type":"boolean"}},)"
     R"({"name":"callers","summary":"whether it is told over the session who calls","required":false,)"
@@ -178,8 +173,9 @@ int Router::on_bus(Own &own) {
     Json publish(json_array());
     std::string folder;
     for (const std::string &given : config_.publish) {
-        const std::string address = absolute(given);
-        append(publish.get(), Json(json_string(address.c_str())));
+        char address[tavrix::max_bus_address + 1];
+        tavrix::make_absolute(given.c_str(), address);
+        append(publish.get(), Json(json_string(address)));
         folder = folder.empty() ? folder_of(address) : folder;
     }
     Json services(json_array());
@@ -204,17 +200,18 @@ std::string Router::read_registration(const json_t *params, Service *wanted) con
     wanted->channel = text_member(params, "channel");
     wanted->direct = json_is_true(direct);
     wanted->callers = json_is_true(callers);
-    if (!is_name(wanted->name)) {
+    if (!tavrix::is_service_name(wanted->name.c_str())) {
         return "name: 1 to 50 letters, digits, '.', '-' and '_'";
     }
     if (!Registry::is_channel(wanted->channel)) {
         return "channel: none of the service channels";
     }
-    if (publish != nullptr && !read_texts(publish, max_addresses, max_pattern, &wanted->publish)) {
+    if (publish != nullptr && !read_texts(publish, TAVRIX_SERVICE_MAX_ADDRESSES, is_short_line, &wanted->publish)) {
         return "publish: at most 8 addresses of the bus";
     }
-    if (methods != nullptr && !read_texts(methods, max_methods, max_pattern, &wanted->methods)) {
-        return "methods: at most 256 names of at most 128 bytes";
+    if (methods != nullptr &&
+        !read_texts(methods, TAVRIX_SERVICE_MAX_METHODS, tavrix::is_method_name, &wanted->methods)) {
+        return "methods: at most 256 names of at most 255 bytes";
     }
     if (direct != nullptr && !json_is_boolean(direct)) {
         return "direct: true or false";
@@ -322,10 +319,11 @@ int Router::change_patterns(Own &own, Patterns Session::*list, void (*change)(Pa
     auto &session = static_cast<Session &>(own.client);
     Patterns given;
     Patterns wanted = session.*list;
-    const bool readable = read_texts(json_object_get(own.params, "methods"), max_patterns, max_pattern, &given);
+    const bool readable =
+        read_texts(json_object_get(own.params, "methods"), max_patterns, tavrix::is_method_name, &given);
     change(wanted, given);
     if (!readable || wanted.size() > max_patterns) {
-        own.problem = "methods: at most 64 patterns of at most 128 bytes";
+        own.problem = "methods: at most 64 patterns of at most 255 bytes";
         return TAVRIX_JRPC_INVALID_PARAMS;
     }
     session.*list = std::move(wanted);

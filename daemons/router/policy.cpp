@@ -11,7 +11,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "base/log.h"
+#include "common/log.h"
 #include "message.h"
 
 namespace router {

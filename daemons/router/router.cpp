@@ -14,7 +14,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "base/log.h"
+#include "common/log.h"
 #include "foreign_log.h"
 #include "tavrix_error.h"
 #include "tavrix_jrpc.h"
@@ -223,7 +223,8 @@ void Router::refuse(Client &client, const json_t *request, int code, const std::
 
 /** Why the client may not have this method; empty when it may. */
 std::string Router::find_refusal(const Client &client, const std::string &method, const json_t *request, int *code) {
-    *code = find_envelope_error(request);
+    *code =
+        json_object_get(request, "id") == nullptr ? TAVRIX_JRPC_INVALID_REQUEST : tavrix::find_envelope_error(request);
     if (*code != 0) {
         LOG_FOREIGN("Refused a malformed request\n");
         return "";
@@ -505,7 +506,8 @@ void Router::give_answer(std::unique_ptr<Call> owner, Outcome outcome, Message a
         edits.push_back({"transaction_id", transaction_text});
     }
     std::string_view text = renderer_.rewrite(answer, edits);
-    if (client.gets_own_id() && text.size() >= max_long_line) { // what a service writes in UTF-8 has grown by escapes
+    if (client.gets_own_id() &&
+        text.size() >= tavrix::max_reply_line) { // what a service writes in UTF-8 has grown by escapes
         LOG_FOREIGN("An answer is too long for its client\n");
         const Json refusal =
             make_error(TAVRIX_JRPC_INTERNAL_ERROR, id, transaction_id, message_data("the answer is too long"));
@@ -606,8 +608,7 @@ void Router::take_frame(std::string_view channel, std::string_view text) {
 }
 
 void Router::take_for_router(std::string_view text) {
-    Json message(json_loadb(text.data(), text.size(), JSON_REJECT_DUPLICATES | JSON_DISABLE_EOF_CHECK | JSON_DECODE_ANY,
-                            nullptr));
+    Json message(json_loadb(text.data(), text.size(), tavrix::parse_flags, nullptr));
     if (!json_is_object(message.get())) {
         LOG_FOREIGN("Discarded a message that is no JSON object\n");
         ++statistics_.late;
@@ -830,7 +831,7 @@ void Router::deliver_notification(const Message &notification, const std::string
             continue;
         }
         line = line.empty() ? std::string(renderer_.rewrite(notification, {})) : line;
-        if (line.size() >= max_long_line) {
+        if (line.size() >= tavrix::max_reply_line) {
             LOG_FOREIGN("Discarded the notification %s: it is too long\n", printable(method).c_str());
             return;
         }

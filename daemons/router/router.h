@@ -20,6 +20,7 @@
 #include "base/loop.h"
 #include "bus.h"
 #include "client.h"
+#include "common/wire.h"
 #include "listener.h"
 #include "message.h"
 #include "one_shot.h"
@@ -27,7 +28,6 @@
 #include "service.h"
 #include "session.h"
 #include "statistics.h"
-#include "tavrix_service.h" // for its socket's path alone
 
 namespace router {
 
@@ -39,7 +39,7 @@ struct Config {
     std::vector<std::string> publish = {"ipc:///run/tavrix/bus/router"};
     std::vector<std::string> connect; ///< of services that register nowhere
     std::string policy;               ///< a file; empty: the built-in one
-    int reply_timeout_ms = 10000;
+    int reply_timeout_ms = tavrix::default_reply_timeout_ms;
     int client_timeout_ms = 500;
     int max_clients = 1024;
     int max_in_flight = 512; ///< for each service

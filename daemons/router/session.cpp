@@ -6,7 +6,7 @@
 #include <malloc.h>
 #include <sys/socket.h>
 
-#include "base/log.h"
+#include "common/log.h"
 #include "foreign_log.h"
 #include "router.h"
 #include "tavrix_jrpc.h"
@@ -16,15 +16,14 @@ namespace router {
 namespace {
 
 constexpr char unit_name[] = "session";
-constexpr size_t max_line = size_t{64} * 1024; // with its newline
 constexpr size_t max_description_line = max_document + 1024;
 constexpr size_t bytes_per_turn = size_t{8} * 1024; // of a client: some dozen requests
 constexpr size_t max_batch = 256;                   // is one turn's work, however cheap the requests are to write
-constexpr size_t max_unread_with_notifications = size_t{1024} * 1024;
-constexpr size_t large_line = size_t{1024} * 1024;
+constexpr size_t max_unread_with_notifications = tavrix::mebibyte;
+constexpr size_t large_line = tavrix::mebibyte;
 
 /** One turn's bytes of whichever session: nothing stays here from one turn to the next. */
-std::array<char, max_line> shared_bytes;
+std::array<char, tavrix::max_request_line> shared_bytes;
 
 } // namespace
 
@@ -88,9 +87,9 @@ void Session::take_turn() {
 
 size_t Session::longest_line() const {
     if (service == nullptr) {
-        return max_line;
+        return tavrix::max_request_line;
     }
-    return service->direct ? max_long_line : max_description_line;
+    return service->direct ? tavrix::max_reply_line : max_description_line;
 }
 
 void Session::take_bytes(std::string_view bytes) {

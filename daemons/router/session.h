@@ -9,13 +9,11 @@
 #include <vector>
 
 #include "client.h"
+#include "common/wire.h"
 
 namespace router {
 
-constexpr size_t max_unread = size_t{8} * 1024 * 1024; ///< bytes of replies or requests; beyond it nothing is kept
-
-/** With its newline, from a service and to a client: a reply as large as a bus message, 8 MiB, and its envelope. */
-constexpr size_t max_long_line = size_t{9} * 1024 * 1024;
+constexpr size_t max_unread = 8 * tavrix::mebibyte; ///< bytes of replies or requests; beyond it nothing is kept
 
 class Session final : public Client {
   public:

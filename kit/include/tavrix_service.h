@@ -66,7 +66,9 @@ extern "C" {
 #define TAVRIX_SERVICE_SESSION "/run/tavrix/session.sock"
 
 #define TAVRIX_SERVICE_MAX_NAME 50       /**< bytes of a service's name: letters, digits, dots, hyphens, underscores */
+#define TAVRIX_SERVICE_MAX_METHOD 255    /**< bytes of a method's name, or of a pattern */
 #define TAVRIX_SERVICE_MAX_METHODS 256   /**< rows of a table */
+#define TAVRIX_SERVICE_MAX_ADDRESSES 8   /**< bus addresses to publish on */
 #define TAVRIX_SERVICE_MAX_PARAMS 32     /**< rows of a method, or of the members of one parameter */
 #define TAVRIX_SERVICE_MAX_DEFERRED 4096 /**< calls that wait for their answer; more get TAVRIX_JRPC_SYSTEM_BUSY */
 #define TAVRIX_SERVICE_MAX_REQUESTS 4096 /**< calls to others in flight at once; more are refused */

@@ -15,7 +15,6 @@ namespace {
 
 constexpr size_t first_capacity = 4096;
 constexpr size_t kept_capacity = 65536;
-constexpr size_t max_method_name = 255;
 
 } // namespace
 
@@ -156,11 +155,6 @@ Obstacle::Obstacle(const char *message, size_t most) : words{} {
     } else if (is_too_deep(message, length)) {
         std::snprintf(words, sizeof words, "it is nested deeper than the %zu levels that can be read", max_nesting);
     }
-}
-
-bool is_method_name(const char *name) {
-    return name != nullptr && *name != '\0' && std::strlen(name) <= max_method_name && !has_control_characters(name) &&
-           std::strchr(name, '|') == nullptr;
 }
 
 // --- Directory -----------------------------------------------------------------------------------------------------

@@ -66,17 +66,6 @@ bool bind_publisher(tavrix_service *service, const char *address) {
     return rc == TAVRIX_OK && note_published(bus, address);
 }
 
-/** The address for those who have been started in another folder. One that would be too long stays as it is. */
-void make_absolute(const char *address, char (&out)[max_bus_address + 1]) {
-    const char *path = address + std::strlen("ipc://");
-    char folder[max_bus_address + 1];
-    const bool is_relative =
-        transport_of(address) == TAVRIX_TRANSPORT_IPC && *path != '/' && getcwd(folder, sizeof folder) != nullptr;
-    if (!is_relative || std::snprintf(out, sizeof out, "ipc://%s/%s", folder, path) > int{max_bus_address}) {
-        std::snprintf(out, sizeof out, "%s", address);
-    }
-}
-
 bool publish_on(tavrix_service *service, const char *address) {
     if (transport_of(address) == 0) {
         LOG_ERROR("Cannot publish on %s: an address begins with tcp:// or ipc:// and has at most %zu bytes\n",
@@ -84,7 +73,7 @@ bool publish_on(tavrix_service *service, const char *address) {
         return false;
     }
     char absolute[max_bus_address + 1];
-    make_absolute(address, absolute);
+    tavrix::make_absolute(address, absolute);
     if (!bind_publisher(service, absolute)) {
         if (errno == EADDRINUSE) {
             LOG_ERROR("Cannot publish on %s: %s; is another %s running?\n", Printable(address).text, bus_error(),
@@ -188,7 +177,7 @@ bool subscribe(tavrix_service *service) {
     if (bus->sub >= 0) {
         return true;
     }
-    const bool made = tavrix::open_bus_socket(TAVRIX_SP_SUB, &bus->sub) && receive_large_messages(bus->sub) &&
+    const bool made = tavrix::open_bus_socket(TAVRIX_SP_SUB, &bus->sub) &&
                       tavrix_mq_socket_subscribe(bus->sub, service->channel) == TAVRIX_OK &&
                       (std::strcmp(service->channel, TAVRIX_CHANNEL_DEFAULT) == 0 ||
                        tavrix_mq_socket_subscribe(bus->sub, TAVRIX_CHANNEL_DEFAULT) == TAVRIX_OK);
@@ -328,22 +317,7 @@ void on_readable(evutil_socket_t /*fd*/, short /*what*/, void *argument) {
 
 } // namespace
 
-int transport_of(const char *address) {
-    if (std::strlen(address) > max_bus_address || has_control_characters(address)) {
-        return 0;
-    }
-    if (std::strncmp(address, "tcp://", 6) == 0) {
-        return TAVRIX_TRANSPORT_TCP;
-    }
-    return std::strncmp(address, "ipc://", 6) == 0 ? TAVRIX_TRANSPORT_IPC : 0;
-}
-
 const char *bus_error() { return nn_strerror(nn_errno()); }
-
-bool receive_large_messages(int socket) {
-    constexpr int limit = static_cast<int>(max_frame);
-    return nn_setsockopt(socket, NN_SOL_SOCKET, NN_RCVMAXSIZE, &limit, sizeof limit) == 0;
-}
 
 void bus_prepare(tavrix_service *service) {
     service->bus.pub = -1;
@@ -351,9 +325,15 @@ void bus_prepare(tavrix_service *service) {
 }
 
 bool bus_publish_given(tavrix_service *service) {
+    const char *const *addresses = service->options.publish;
     bool bound = true;
-    for (const char *const *address = service->options.publish; address != nullptr && *address != nullptr; ++address) {
-        bound = bound && publish_on(service, *address);
+    for (size_t i = 0; bound && addresses != nullptr && addresses[i] != nullptr; ++i) {
+        if (i == TAVRIX_SERVICE_MAX_ADDRESSES) {
+            LOG_ERROR("Cannot publish on %s: a service has at most %d addresses\n", Printable(addresses[i]).text,
+                      TAVRIX_SERVICE_MAX_ADDRESSES);
+            return false;
+        }
+        bound = publish_on(service, addresses[i]);
     }
     return bound;
 }
@@ -419,7 +399,7 @@ void bus_router_gone(tavrix_service *service) {
 
 size_t bus_room(const char *channel) {
     constexpr size_t around = sizeof "|"; // the bar, and the terminator that some services send along
-    return max_frame - std::strlen(channel) - around;
+    return tavrix::max_frame - std::strlen(channel) - around;
 }
 
 int bus_publish(tavrix_service *service, const char *channel, const char *text) {

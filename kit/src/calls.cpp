@@ -162,18 +162,10 @@ int fail_with_data(tavrix_call *call, int status, json_t *data) {
 
 // --- Evaluation ----------------------------------------------------------------------------------------------------
 
-bool is_text_or_number(const json_t *value) { return json_is_string(value) || json_is_number(value); }
-
-/** The envelope's checks in the library's order. Before "method" is known there is nobody to answer. */
+/** Before "method" is known there is nobody to answer. */
 bool has_good_envelope(const json_t *request) {
-    const json_t *id = json_object_get(request, "id");
-    const json_t *transaction_id = json_object_get(request, "transaction_id");
-    const char *version = json_string_value(json_object_get(request, "jsonrpc"));
-    const json_t *params = json_object_get(request, "params");
-    return json_is_object(request) && (id == nullptr || is_text_or_number(id)) &&
-           (transaction_id == nullptr || json_is_number(transaction_id)) && version != nullptr &&
-           std::strcmp(version, protocol_version) == 0 && (params == nullptr || json_is_object(params)) &&
-           json_object_get(request, "method") != nullptr;
+    const int fault = tavrix::find_envelope_error(request);
+    return fault == 0 || (fault == TAVRIX_JRPC_METHOD_NOT_FOUND && json_object_get(request, "method") != nullptr);
 }
 
 /** The router's word: it lets no client's own through. What it does not say is unknown. */

@@ -18,12 +18,14 @@
 #include <jansson.h>
 #include <sys/types.h>
 
+#include "common/bus.h"
 #include "common/handles.h"
+#include "common/log.h"
 #include "common/message.h"
 #include "common/names.h"
-#include "common/sockets.h"
 #include "common/text.h"
-#include "internal/log.h"
+#include "common/unix_socket.h"
+#include "common/wire.h"
 #include "tavrix_service.h"
 
 namespace kit {
@@ -32,19 +34,20 @@ namespace names = tavrix::names;
 using tavrix::has_control_characters;
 using tavrix::Json;
 using tavrix::matches;
+using tavrix::max_bus_address;
+using tavrix::max_reply_line;
+using tavrix::max_request_line;
+using tavrix::parse_flags;
 using tavrix::protocol_version;
 using tavrix::Text;
+using tavrix::transport_of;
 using tavrix::wire_flags;
 
-constexpr size_t parse_flags = JSON_REJECT_DUPLICATES | JSON_DISABLE_EOF_CHECK | JSON_DECODE_ANY;
-constexpr int default_reply_timeout_ms = 10000;
-constexpr size_t mebibyte = 1048576;
-constexpr size_t max_frame = 8 * mebibyte;        // receivers cut whoever publishes a larger one off for good
-constexpr size_t max_line = max_frame + mebibyte; // a reply may be as large as a bus message, and its envelope
-constexpr size_t max_request_line = 65536;
-constexpr size_t max_answer_line = max_line - max_request_line; // the router puts the client's own id back into it
+constexpr size_t max_answer_line =
+    max_reply_line - max_request_line;                    // the router puts the client's own id back into it
 constexpr size_t max_nesting = JSON_PARSER_MAX_DEPTH - 1; // of brackets; a parser counts the value within them, too
-constexpr size_t max_unwritten = 16 * mebibyte;
+constexpr int control_timeout_ms = tavrix::default_reply_timeout_ms; // of what the kit itself asks the router
+constexpr size_t max_unwritten = 16 * tavrix::mebibyte;
 
 template <class Record>
 Record *make() {
@@ -110,8 +113,8 @@ struct Obstacle {
     char words[96]; ///< for people; empty when nothing does
 };
 
-/** A method's name: 1 to 255 bytes without control characters or bars. */
-bool is_method_name(const char *name);
+/** Null is none. */
+inline bool is_method_name(const char *name) { return name != nullptr && tavrix::is_method_name(name); }
 
 // --- Numbered things -----------------------------------------------------------------------------------------------
 
@@ -219,7 +222,7 @@ Storage storage_of(tavrix_kind kind);
 
 // What a row lets through: the check, the words of a refusal and the description of the service take it from here.
 constexpr size_t max_depth = 8; ///< of values within values: deeper tables are refused
-constexpr int max_vlan_ids = 32;
+constexpr int max_vlan_ids = sizeof(tavrix_port_input::vlan_ids) / sizeof(int32_t);
 constexpr size_t max_number_text = 99;
 constexpr size_t allowed_size = 400;
 bool has_bounds(const tavrix_service_param *row);
@@ -311,7 +314,7 @@ enum SessionState {
 
 struct Session {
     SessionState state;
-    char path[108];
+    char path[TAVRIX_SOCKET_MAX_PATH + 1];
     int fd;
     uint64_t generation; ///< counts connections
     event readable;
@@ -328,10 +331,6 @@ struct Session {
     int refusal;             ///< the registration's last refusal, told once
 };
 
-/** The path of the router's session socket: what is given, or what the environment says, or the usual one. */
-const char *session_path(const char *given);
-/** A descriptor that is connected to a path, which fits into an address; or -1 with errno. */
-int connect_unix(const char *path);
 /** Whether a router's socket for single requests has said this before it closed: an answer without a newline. */
 bool is_single_answer(const Buffer &in);
 bool session_prepare(tavrix_service *service);
@@ -346,7 +345,6 @@ void become_ready(tavrix_service *service);
 
 // --- Bus -----------------------------------------------------------------------------------------------------------
 
-constexpr size_t max_bus_address = 113; // nanomsg aborts on ipc addresses of 114 bytes and more
 constexpr size_t max_endpoints = 1024;
 
 /** A publisher that the subscriber is connected to. */
@@ -392,10 +390,6 @@ void bus_answer(tavrix_service *service, const char *channel, const char *text);
  */
 bool bus_is_heard(tavrix_service *service);
 void bus_close(tavrix_service *service);
-/** A bus socket's receive limit: nanomsg cuts a publisher off for good at a larger message. */
-bool receive_large_messages(int socket);
-/** The transport of an address that nanomsg bears; 0 for any other. */
-int transport_of(const char *address);
 const char *bus_error();
 
 // --- Requests, notifications, timers, listeners --------------------------------------------------------------------

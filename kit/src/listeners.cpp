@@ -28,10 +28,8 @@ struct Listener {
     tavrix_road road;
     int fd; ///< a bus socket for TAVRIX_ROAD_PULL
     event readable;
-    event pause; ///< without descriptors the listener rests
-    char path[TAVRIX_SOCKET_MAX_PATH + 1];
-    dev_t device; ///< with the inode: tells whether the file is still this listener's
-    ino_t inode;
+    event pause;             ///< without descriptors the listener rests
+    tavrix::SocketFile file; ///< of a unix listener
 };
 
 struct Client {
@@ -309,11 +307,6 @@ uint64_t cannot_listen(const char *where, const char *why) {
     return 0;
 }
 
-bool is_served(const char *path) {
-    const tavrix::Descriptor probe(connect_unix(path));
-    return probe || errno == EAGAIN; // somebody listens, with a full backlog
-}
-
 } // namespace
 
 void client_answer(Client *client, const char *text) {
@@ -342,11 +335,7 @@ bool close_listener(tavrix_service *service, Entry *entry) {
     } else {
         close(listener->fd);
     }
-    struct stat file {};
-    if (listener->path[0] != '\0' && stat(listener->path, &file) == 0 && file.st_dev == listener->device &&
-        file.st_ino == listener->inode) {
-        unlink(listener->path);
-    }
+    tavrix::remove_socket_file(listener->file);
     unmake(listener);
     return true;
 }
@@ -365,15 +354,8 @@ uint64_t tavrix_service_listen_unix(tavrix_service *service, const char *path) {
     if (service == nullptr || path == nullptr || *path == '\0') {
         return cannot_listen(path != nullptr ? path : "", "there is no path");
     }
-    struct stat file {};
-    if (std::strlen(path) > TAVRIX_SOCKET_MAX_PATH) {
-        return cannot_listen(path, "a socket's path has at most 107 bytes");
-    }
-    if (lstat(path, &file) == 0 && !S_ISSOCK(file.st_mode)) {
-        return cannot_listen(path, "there is a file that is no socket");
-    }
-    if (is_served(path)) {
-        return cannot_listen(path, "another daemon serves there");
+    if (const char *obstacle = tavrix::find_listener_obstacle(path)) {
+        return cannot_listen(path, obstacle);
     }
     int fd = -1;
     if (tavrix_unix_socket_init(path, &fd, 1) != TAVRIX_OK) {
@@ -381,16 +363,14 @@ uint64_t tavrix_service_listen_unix(tavrix_service *service, const char *path) {
     }
     tavrix::Descriptor owner(fd);
     fcntl(fd, F_SETFD, FD_CLOEXEC);
-    if (listen(fd, backlog) != 0 || stat(path, &file) != 0) {
+    tavrix::SocketFile file;
+    if (listen(fd, backlog) != 0 || !tavrix::note_socket_file(path, &file)) {
         return cannot_listen(path, std::strerror(errno));
     }
     const uint64_t number = add_listener(service, TAVRIX_ROAD_UNIX, fd, fd, on_acceptable);
     if (number != 0) {
         owner.release();
-        auto *listener = reinterpret_cast<Listener *>(find(&service->directory, number));
-        std::memcpy(listener->path, path, std::strlen(path) + 1);
-        listener->device = file.st_dev;
-        listener->inode = file.st_ino;
+        reinterpret_cast<Listener *>(find(&service->directory, number))->file = file;
     }
     return number;
 }
@@ -436,7 +416,7 @@ uint64_t tavrix_service_listen_pull(tavrix_service *service, const char *address
     if (!tavrix::open_bus_socket(TAVRIX_SP_PULL, &sock)) {
         return cannot_listen(address, bus_error());
     }
-    if (!receive_large_messages(sock) || tavrix_mq_socket_bind(sock, transport, address, &id) != TAVRIX_OK ||
+    if (tavrix_mq_socket_bind(sock, transport, address, &id) != TAVRIX_OK ||
         tavrix_mq_socket_recvfd(sock, &descriptor) != TAVRIX_OK) {
         cannot_listen(address, bus_error());
         tavrix_mq_socket_close(sock);

@@ -12,15 +12,16 @@ namespace {
 
 constexpr char unit_name[] = "service_main";
 constexpr int usage_error = 2;
-constexpr size_t max_addresses = 16;
+constexpr size_t max_listened = 16;
 
 /** The addresses that one option has collected, ended by null. */
+template <size_t most>
 struct Addresses {
-    const char *list[max_addresses + 1] = {};
+    const char *list[most + 1] = {};
     size_t count = 0;
 
     bool add(const char *address) {
-        if (count == max_addresses) {
+        if (count == most) {
             return false;
         }
         list[count++] = address;
@@ -31,8 +32,8 @@ struct Addresses {
 
 struct CommandLine {
     tavrix_service_options options;
-    Addresses publish;
-    Addresses connect;
+    Addresses<TAVRIX_SERVICE_MAX_ADDRESSES> publish;
+    Addresses<max_listened> connect;
     bool finished = false;
 };
 

@@ -17,7 +17,6 @@ namespace kit {
 namespace {
 
 constexpr char unit_name[] = "service_requests";
-constexpr int control_timeout_ms = 10000;
 
 struct Request {
     Entry entry;
@@ -178,6 +177,7 @@ uint64_t send_request(tavrix_service *service, const char *method, json_t *param
     if (!text) {
         why = "no memory, or no UTF-8";
     } else if (length >= max_request_line) {
+        static_assert(max_request_line == 65536);
         why = "a request has at most 65535 bytes";
     } else if (obstacle) {
         why = obstacle.words;
@@ -340,11 +340,11 @@ struct Conversation {
 };
 
 int open_conversation(const char *session, Conversation *out) {
-    const char *path = session_path(session);
-    if (std::strlen(path) >= sizeof sockaddr_un{}.sun_path) {
+    const char *path = tavrix::session_path(session);
+    if (std::strlen(path) > TAVRIX_SOCKET_MAX_PATH) {
         return TAVRIX_ERR_PARAMETER;
     }
-    out->fd.reset(connect_unix(path));
+    out->fd = tavrix::connect_unix(path);
     if (!out->fd) {
         LOG_ERROR("Cannot reach the router at %s: %s; is it running?\n", Printable(path).text, std::strerror(errno));
         return TAVRIX_ERR_CONNECT_TIMEOUT;
@@ -379,7 +379,7 @@ int read_line(Conversation *conversation) {
             return rc;
         }
         const ssize_t count = recv(conversation->fd.get(), in->bytes + in->end, in->capacity - in->end, 0);
-        if (count == 0 || (count < 0 && errno != EAGAIN && errno != EINTR) || in->size() > max_line) {
+        if (count == 0 || (count < 0 && errno != EAGAIN && errno != EINTR) || in->size() > max_reply_line) {
             return TAVRIX_ERR_NO_RESPONSE;
         }
         in->end += count > 0 ? static_cast<size_t>(count) : 0;

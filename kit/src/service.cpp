@@ -64,12 +64,6 @@ void remove_signals(tavrix_service *service) {
 
 // --- Opening -------------------------------------------------------------------------------------------------------
 
-bool is_service_name(const char *name) {
-    const size_t length = name != nullptr ? std::strlen(name) : 0;
-    constexpr char allowed[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789.-_";
-    return length > 0 && length <= TAVRIX_SERVICE_MAX_NAME && std::strspn(name, allowed) == length;
-}
-
 bool refuse_table(const char *name, const char *why) {
     LOG_ERROR("Method %s: %s\n", Printable(name).text, why);
     return false;
@@ -91,7 +85,8 @@ bool check_method(tavrix_service *service, const tavrix_service_method *methods,
     const tavrix_service_method &row = methods[index];
     const char *channel = channel_of(row.name);
     if (!is_method_name(row.name) || row.handler == nullptr) {
-        return refuse_table(row.name, "needs a name of up to 255 bytes without control characters, and a handler");
+        return refuse_table(row.name,
+                            "needs a handler, and a name of up to 255 bytes without control characters and bars");
     }
     if (is_own_method(row.name)) {
         return refuse_table(row.name, "is one that every service answers by itself; its handler would never run");
@@ -141,9 +136,10 @@ bool make_base(tavrix_service *service) {
 
 int open_service(tavrix_service *service) {
     const tavrix_service_options &options = service->options;
-    if (!is_service_name(options.name)) {
-        LOG_ERROR("A service's name has 1 to %d letters, digits, dots, dashes and underscores\n",
-                  TAVRIX_SERVICE_MAX_NAME);
+    if (options.name == nullptr || !tavrix::is_service_name(options.name)) {
+        LOG_ERROR(
+            "A service's name has 1 to %d letters, digits, dots, dashes and underscores, and begins with no dot\n",
+            TAVRIX_SERVICE_MAX_NAME);
         return TAVRIX_ERR_PARAMETER;
     }
     std::snprintf(service->name, sizeof service->name, "%s", options.name);
@@ -250,7 +246,7 @@ int tavrix_service_open(const tavrix_service_options *options, tavrix_service **
         return TAVRIX_ERR_NO_MEMORY;
     }
     service->options = *options;
-    service->reply_timeout_ms = default_reply_timeout_ms;
+    service->reply_timeout_ms = tavrix::default_reply_timeout_ms;
     bus_prepare(service);
     service->session.fd = -1;
     const int rc = open_service(service);

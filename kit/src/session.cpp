@@ -24,7 +24,6 @@ namespace {
 constexpr char unit_name[] = "service_session";
 constexpr int first_backoff_ms = 20;
 constexpr int last_backoff_ms = 1000;
-constexpr int control_timeout_ms = 10000;
 constexpr size_t short_read_size = 16384;
 constexpr size_t read_size = 65536; // once a line has begun: long ones are read in larger pieces
 
@@ -261,7 +260,7 @@ void on_readable(evutil_socket_t fd, short /*what*/, void *argument) {
     }
     in->end += static_cast<size_t>(count);
     take_lines(service);
-    if (session->in.size() > max_line) {
+    if (session->in.size() > max_reply_line) {
         lose_session(service, "it sent a line without an end");
         return;
     }
@@ -339,7 +338,7 @@ void tell_absence(const tavrix_service *service, int reason) {
 
 void connect_session(tavrix_service *service) {
     Session *session = &service->session;
-    session->fd = connect_unix(session->path);
+    session->fd = tavrix::connect_unix(session->path).release();
     if (session->fd < 0) {
         const int reason = errno;
         if (!session->outage_told) {
@@ -379,20 +378,6 @@ void on_retry(evutil_socket_t /*fd*/, short /*what*/, void *argument) {
 
 } // namespace
 
-const char *session_path(const char *given) {
-    const char *told = given != nullptr ? given : std::getenv("TAVRIX_SESSION");
-    return given != nullptr || (told != nullptr && *told != '\0') ? told : TAVRIX_SERVICE_SESSION;
-}
-
-int connect_unix(const char *path) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::memcpy(address.sun_path, path, std::strlen(path));
-    tavrix::Descriptor fd(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    const bool connected = fd && connect(fd.get(), reinterpret_cast<sockaddr *>(&address), sizeof address) == 0;
-    return connected ? fd.release() : -1;
-}
-
 bool is_single_answer(const Buffer &in) {
     const bool is_line = in.size() == 0 || std::memchr(in.data(), '\n', in.size()) != nullptr;
     const Json answer(is_line ? nullptr : json_loadb(in.data(), in.size(), 0, nullptr));
@@ -407,7 +392,7 @@ bool session_prepare(tavrix_service *service) {
     event_assign(&session->flush, service->base, -1, 0, on_writable, service);
     event_assign(&session->readable, service->base, -1, 0, on_readable, service);
     event_assign(&session->writable, service->base, -1, 0, on_writable, service);
-    const char *path = session_path(service->options.session);
+    const char *path = tavrix::session_path(service->options.session);
     if (std::strlen(path) >= sizeof session->path) {
         LOG_ERROR("Cannot use the session socket %s: a socket's path has at most %zu bytes\n", Printable(path).text,
                   sizeof session->path - 1);

@@ -36,10 +36,10 @@ TEST_F(Main, ShowsHelpAndVersionAndRefusesWhatItDoesNotKnow) {
     }
 }
 
-TEST_F(Main, TakesSixteenAddressesOfAKindAndNoMore) {
-    for (const char *option : {"--publish", "--connect"}) {
+TEST_F(Main, TakesEightAddressesToPublishOnSixteenToListenToAndNoMore) {
+    for (const auto &[option, most] : {std::pair("--publish", 8), std::pair("--connect", 16)}) {
         std::vector<std::string> words = {PEER_SERVICE};
-        for (int i = 0; i < 16; ++i) {
+        for (int i = 0; i < most; ++i) {
             words.insert(words.end(), {option, "ipc://bus/one-of-many"});
         }
         std::vector<std::string> one_more = words;

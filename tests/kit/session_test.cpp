@@ -378,6 +378,7 @@ TEST(Options, RefuseWhatCannotBe) {
     const LogCapture log("info");
     EXPECT_EQ(tavrix_service_open(nullptr, nullptr), TAVRIX_ERR_NULL_INPUT);
     EXPECT_EQ(open_and_close(named("")), TAVRIX_ERR_PARAMETER);
+    EXPECT_EQ(open_and_close(named(".hidden")), TAVRIX_ERR_PARAMETER);
     EXPECT_EQ(open_and_close(named("with blank")), TAVRIX_ERR_PARAMETER);
     EXPECT_EQ(open_and_close(named(std::string(50, 'n').c_str())), TAVRIX_OK);
     EXPECT_EQ(open_and_close(named(std::string(51, 'n').c_str())), TAVRIX_ERR_PARAMETER);
@@ -426,4 +427,31 @@ TEST(Options, RefuseAnAddressThatIsTakenInWords) {
     EXPECT_EQ(open_and_close(options), TAVRIX_ERR_GENERAL);
     EXPECT_TRUE(log.says("Cannot publish on " + address + ": Address already in use; is another tester running?"));
     tavrix_service_close(first);
+}
+
+TEST(Options, TakeEightAddressesToPublishOnAndNoMore) {
+    const LogCapture log("info");
+    std::vector<std::string> addresses;
+    std::vector<const char *> publish;
+    for (int i = 0; i <= TAVRIX_SERVICE_MAX_ADDRESSES; ++i) {
+        addresses.push_back("ipc://published-" + std::to_string(i));
+    }
+    for (const std::string &address : addresses) {
+        publish.push_back(address.c_str());
+    }
+    publish.push_back(nullptr);
+    tavrix_service_options options = named("tester");
+    options.publish = publish.data() + 1;
+    EXPECT_EQ(open_and_close(options), TAVRIX_OK);
+    options.publish = publish.data();
+    EXPECT_EQ(open_and_close(options), TAVRIX_ERR_GENERAL);
+    EXPECT_TRUE(log.says("Cannot publish on ipc://published-8: a service has at most 8 addresses"));
+}
+
+TEST(Options, TakeMethodsWithNamesOf255BytesAndNoLongerOnes) {
+    const std::string longest(TAVRIX_SERVICE_MAX_METHOD, 't');
+    EXPECT_EQ(open_and_close(named("tester", OneMethod(longest.c_str(), echo).table)), TAVRIX_OK);
+    for (const std::string &name : {longest + "t", std::string(), std::string("t.a\nb"), std::string("t.a|b")}) {
+        EXPECT_EQ(open_and_close(named("tester", OneMethod(name.c_str(), echo).table)), TAVRIX_ERR_PARAMETER) << name;
+    }
 }

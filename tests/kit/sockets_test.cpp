@@ -261,7 +261,7 @@ TEST_F(Sockets, TakeNoPlaceThatIsServedOrIsNoSocket) {
     EXPECT_EQ(tavrix_service_listen_unix(stage.service, "file"), 0U);
     EXPECT_EQ(tavrix_service_listen_unix(stage.service, std::string(108, 'p').c_str()), 0U);
     EXPECT_TRUE(log.says("Cannot listen on direct.sock: another daemon serves there"));
-    EXPECT_TRUE(log.says("Cannot listen on file: there is a file that is no socket"));
+    EXPECT_TRUE(log.says("Cannot listen on file: there is a file that is not a socket"));
 }
 
 TEST_F(Sockets, RemoveTheirFileWhenTheyAreCancelled) {

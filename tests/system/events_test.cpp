@@ -459,7 +459,7 @@ TEST(Daemons, RefuseASocketPathThatIsNotTheirs) {
     write_file("notes.txt", "somebody's");
     const std::string too_long(108, 'q');
     for (const auto &[path, complaint] :
-         {std::pair(std::string("notes.txt"), "Cannot listen on notes.txt: there is a file that is no socket"),
+         {std::pair(std::string("notes.txt"), "Cannot listen on notes.txt: there is a file that is not a socket"),
           std::pair(too_long, "a socket's path has at most 107 bytes")}) {
         for (const char *daemon : {TAVRIX_ROUTERD, TAVRIX_EVENTSD}) {
             EXPECT_THAT(run({daemon, "--publish", free_bus_address(), "--session", "missing.sock", "--socket", path}),

@@ -179,8 +179,8 @@ TEST_F(RouterServices, AreRefusedWithWordsForWhatIsWrong) {
     }
     for (const std::string &methods :
          {std::string("5"), std::string("[5]"), std::string(R"([""])"), std::string(R"(["p\n"])"),
-          "[\"p" + std::string(128, 'm') + "\"]", "[" + many + "]"}) {
-        expect_refused({"n", c, "[]", methods, "true"}, "methods: at most 256 names of at most 128 bytes");
+          std::string(R"(["p|"])"), "[\"p" + std::string(255, 'm') + "\"]", "[" + many + "]"}) {
+        expect_refused({"n", c, "[]", methods, "true"}, "methods: at most 256 names of at most 255 bytes");
     }
     expect_refused({"n", c, "[]", R"(["ports.Get","events.List"])", "true"},
                    "methods: events.List is not of this channel");

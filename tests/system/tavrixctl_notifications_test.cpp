@@ -89,7 +89,7 @@ TEST_F(RoutedCtlSubscribe, GivesUpAfterItsTime) {
     EXPECT_EQ(ctl({"subscribe", "*", "--session", "session.sock", "--timeout", "0.1"}).status, 3);
     EXPECT_EQ(ctl({"subscribe", "*", "--session", "session.sock", "--timeout", "0.1", "--count", "1"}).status, 3);
     EXPECT_EQ(ctl({"subscribe", "*", "--session", "nobody.sock"}).status, 4);
-    EXPECT_EQ(ctl({"subscribe", std::string(129, 'x'), "--session", "session.sock"}).status, 1) << "the router's limit";
+    EXPECT_EQ(ctl({"subscribe", std::string(256, 'x'), "--session", "session.sock"}).status, 1) << "the router's limit";
     EXPECT_THAT(script("TAVRIX_SOCKET=router.sock tavrixctl subscribe '*'"),
                 fails(2, "tavrixctl: a session of the router is needed: --session or TAVRIX_SESSION tells where\n"));
 }

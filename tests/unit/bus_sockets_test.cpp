@@ -8,7 +8,7 @@
 #include <sched.h>
 #include <unistd.h>
 
-#include "common/sockets.h"
+#include "common/bus.h"
 
 using testing::Contains;
 using testing::Not;

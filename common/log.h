@@ -1,5 +1,5 @@
 /**
- * One macro per log level, for the library's own units.
+ * One macro per log level, for the library, the kit and the daemons.
  *
  * A unit defines `unit_name` before it logs: `constexpr char unit_name[] = "tavrix_mq";`. The line number is the
  * caller's. The debug and verbose macros evaluate their arguments only when the level is on, so that a line nobody sees
@@ -9,8 +9,8 @@
  * function's name in brackets. So a line that was once worded wrongly, or that carries another function's name, stays
  * as it is; a remark beside it ("log filters match it") keeps the next reader from correcting it.
  */
-#ifndef TAVRIX_INTERNAL_LOG_H
-#define TAVRIX_INTERNAL_LOG_H
+#ifndef TAVRIX_COMMON_LOG_H
+#define TAVRIX_COMMON_LOG_H
 
 #include "tavrix_lsyslog.h"
 

@@ -33,7 +33,7 @@ union ListenAddress {
     sockaddr_un local;
     sockaddr_in ipv4;
 };
-// The size of a Unix address serves both binds: for IPv4 the kernel accepts a longer one, and one path is to be tested.
+// Both families bind with the size of a Unix address: for IPv4 the kernel accepts a longer one than its own.
 constexpr socklen_t listen_address_length = 110;
 static_assert(sizeof(ListenAddress) >= listen_address_length, "the kernel reads this much of the address");
 static_assert(TAVRIX_SOCKET_MAX_PATH == sizeof(sockaddr_un::sun_path) - 1, "one byte is left for the terminator");

@@ -774,8 +774,7 @@ std::string Router::whole_text(const Json &message) {
     return text;
 }
 
-/** Nobody has to listen to a service that publishes nowhere: to miss that it comes and goes costs no one his session.
- */
+/** A session that cannot take the line is closed only if it would miss whom to listen to: a service that publishes. */
 void Router::tell_services(const std::string &line, const Service &except) {
     for (Session *session : sessions_) {
         if (session->service == nullptr || session->service == &except) {

@@ -38,18 +38,20 @@ struct Service {
         BatchPlace batch;
     };
 
-    /** A call of which nobody waits for the answer any more, and which a direct service may have before it still. */
+    /** A call whose client has gone, while the direct service may still have to read or to answer it. */
     struct Left {
         int number;
         int64_t account;
         daemon_support::Clock::time_point since;
     };
 
-    /** Whether one more call of this user has room beside those that are in flight and those that were left. */
+    /** Whether the user may make one more call, beside those in flight and those that were left. */
     bool has_room_for(int64_t user, size_t most, daemon_support::Clock::duration longest_left);
-    /** The call keeps its place until the service is through with it: who asks and goes costs others the same time. */
+    /** The call keeps its place until the service is through with it: it costs others as much as one that is waited
+     * for. */
     void leave(const Call &call);
-    /** What the service answers shows that it has read all that was left before it was asked for this. */
+    /** A session keeps its order: the answer shows that the service has read all calls that were left before this one.
+     */
     void on_answer(const Call &call);
     void on_late_answer(int number);
     void forget_left();

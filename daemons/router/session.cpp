@@ -361,8 +361,8 @@ void Session::count_unread() {
 }
 
 /**
- * What has been written in this turn counts only when the session does not take it. What is to come counts once its
- * user's sessions have too much unread together.
+ * Whether the session has more unread than the bound; what was written in this turn is sent first. Once all sessions of
+ * its user have too much unread together, the bound is a small one, and the `more` bytes that are to come count, too.
  */
 bool Session::has_unread_beyond(size_t bound, size_t more) {
     const bool is_scarce = service == nullptr && account->unread + more > max_unread_of_user;

@@ -48,7 +48,7 @@ bool note_published(Bus *bus, const char *address) {
     return json_array_append_new(bus->published, json_string_nocheck(address)) == 0;
 }
 
-/** Binds the publisher to an address more; errno tells why not. */
+/** Binds the publisher to one more address; errno tells why not. */
 bool bind_publisher(tavrix_service *service, const char *address) {
     Bus *bus = &service->bus;
     if (is_published(bus, address)) {

@@ -391,7 +391,7 @@ json_t *errors_of(Writer *writer, const tavrix_service_method &method) {
     return errors.release();
 }
 
-/** One, with the parameters that have to be there, where each has a value to show. */
+/** An array of one example, with the required parameters; none when one of them has no value to show. */
 json_t *examples_of(Writer *writer, const tavrix_service_method &method) {
     Json params(json_array());
     for (const tavrix_service_param *row = method.params; row != nullptr && row->name != nullptr; ++row) {

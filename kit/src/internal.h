@@ -402,7 +402,7 @@ void send_waiting_requests(tavrix_service *service);
 void take_response(tavrix_service *service, const json_t *response);
 /** Ends all that are in flight, or with `sent_only` those that the lost connection has taken along. */
 void end_requests(tavrix_service *service, tavrix_outcome outcome, bool sent_only);
-/** What an answer that is no result says, for a log line. */
+/** The words of an error, or of an answer that did not come, for a log line. */
 Printable words_of(const tavrix_answer *answer);
 /** A text {"jsonrpc", "method", "params", "id"}; takes `params`; 0 is no id. Null without memory. */
 Text request_text(const char *method, json_t *params, uint64_t id);
@@ -411,7 +411,7 @@ Text request_text(const char *method, json_t *params, uint64_t id);
 bool send_subscriptions(tavrix_service *service);
 void take_notification(tavrix_service *service, const json_t *message, const char *method);
 void tell_lost(tavrix_service *service, uint64_t count);
-/** What has a number and is cancelled; false when it has ended already, in a callback of this very notification. */
+/** Each cancels its kind of entry; false when that has ended already, in a callback of the same notification. */
 bool cancel_request(tavrix_service *service, Entry *entry);
 bool cancel_subscription(tavrix_service *service, Entry *entry);
 bool cancel_timer(tavrix_service *service, Entry *entry);

@@ -15,7 +15,7 @@ constexpr char unit_name[] = "service";
 constexpr int farewell_ms = 1000;
 constexpr int signal_numbers[] = {SIGTERM, SIGINT, SIGHUP};
 
-// This model needs no call into the dynamic linker, and with it no further library.
+// The initial-exec model needs no call into the dynamic linker, and so no further library.
 thread_local bool inside_a_loop __attribute__((tls_model("initial-exec"))) = false;
 
 struct Timer {

@@ -126,7 +126,8 @@ json_t *names_of_methods(const tavrix_service *service) {
     return json_array_size(names.get()) == service->method_count ? names.release() : nullptr;
 }
 
-/** What has to be asked: a connection over which it cannot be is given up, and the next one asks anew. */
+/** A request that the registration needs: where it cannot be sent the connection is given up, and the next asks anew.
+ */
 void ask_router(tavrix_service *service, const char *method, json_t *params, tavrix_answer_callback callback) {
     if (send_request(service, method, params, control_timeout_ms, callback, nullptr) == 0) {
         lose_session(service, "no memory to ask it");

@@ -171,16 +171,25 @@ bool Options::read_command_line(int argc, char **argv, bool *finished) {
            complain(others[0][0] == '-' ? "there is no option " + others[0] : "unexpected word '" + others[0] + "'");
 }
 
-/** What is wrong with a line of the daemon's own section; empty when it is as it should be. */
-std::string Options::find_problem(const std::string &line, std::set<std::string> *keys) const {
-    const size_t equals_sign = line.find('=');
-    const std::string key = line.substr(0, equals_sign);
+std::string find_format_problem(const std::string &line, bool has_section, bool is_cut) {
     if (line.back() == '\r') {
         return "the line ends with a carriage return";
     }
-    if (equals_sign == std::string::npos) {
-        return "'" + line + "' is no key=value";
+    if (is_cut) {
+        return "the last line does not end with a newline";
     }
+    if (line[0] == '[') {
+        return "";
+    }
+    if (!has_section) {
+        return "'" + line + "' stands before any section";
+    }
+    return line.find('=') == std::string::npos ? "'" + line + "' is not key=value" : "";
+}
+
+/** What is wrong with a line of the daemon's own section; empty when it is as it should be. */
+std::string Options::find_problem(const std::string &line, std::set<std::string> *keys) const {
+    const std::string key = line.substr(0, line.find('='));
     if (std::none_of(options_.begin(), options_.end(),
                      [&key](const Option &option) { return key_of(option.name) == key; })) {
         return "there is no option '" + key + "'";
@@ -209,10 +218,9 @@ bool Options::check_file() const {
                 problem = found ? "a second section " + section + "]" : "";
                 found = true;
             }
-        } else if (section.empty()) {
-            problem = "'" + line + "' stands before any section";
-        } else if (section == "[" + section_) {
-            problem = file.eof() ? "the last line does not end with a newline" : find_problem(line, &keys);
+        } else if (section.empty() || section == "[" + section_) {
+            problem = find_format_problem(line, !section.empty(), file.eof());
+            problem = problem.empty() ? find_problem(line, &keys) : problem;
         }
         if (!problem.empty()) {
             return complain(config_ + ":" + std::to_string(number) + ": " + problem);

@@ -15,6 +15,12 @@
 
 namespace daemon_support {
 
+/**
+ * What the library's parser would pass over without a word in a line that is neither empty nor a remark; empty when
+ * there is nothing of the kind. `is_cut`: the file ends within it.
+ */
+std::string find_format_problem(const std::string &line, bool has_section, bool is_cut);
+
 class Options {
   public:
     /** `section` is the daemon's section in the configuration file. */

@@ -11,6 +11,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "base/options.h"
 #include "common/log.h"
 #include "message.h"
 
@@ -89,9 +90,6 @@ Policy::Policy() {
 /** What is wrong with `key=patterns`; empty when it is as it should be. */
 std::string Policy::read_row(const std::string &line, Row *row) const {
     const size_t equals_sign = line.find('=');
-    if (equals_sign == std::string::npos) {
-        return "'" + line + "' is no key=value";
-    }
     const std::string key = line.substr(0, equals_sign);
     row->patterns = split(line.substr(equals_sign + 1));
     for (const std::string &pattern : row->patterns) {
@@ -134,11 +132,9 @@ std::string Policy::read_lines(const std::string &path) {
         if (line.empty() || line[0] == '#') {
             continue;
         }
-        if (line.back() == '\r') {
-            return place + "the line ends with a carriage return";
-        }
-        if (file.eof()) {
-            return place + "the last line does not end with a newline";
+        std::string problem = daemon_support::find_format_problem(line, section != nullptr, file.eof());
+        if (!problem.empty()) {
+            return place + problem;
         }
         if (line[0] == '[') {
             if (line.find(']') != line.size() - 1) {
@@ -155,8 +151,7 @@ std::string Policy::read_lines(const std::string &path) {
             continue;
         }
         Row row{};
-        const std::string problem =
-            section == nullptr ? "'" + line + "' stands before any section" : read_row(line, &row);
+        problem = read_row(line, &row);
         if (!problem.empty()) {
             return place + problem;
         }

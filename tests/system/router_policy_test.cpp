@@ -281,7 +281,7 @@ TEST_F(RouterPolicy, RefusesAFileThatWouldBeReadOtherwiseThanItLooks) {
         {"[TCP]\n", "line 1: [TCP] is none of"},
         {"[tcp\nall=*\n", "line 1: '[tcp' is no section"},
         {"[tcp] # net\n", "line 1: '[tcp] # net' is no section"},
-        {"[tcp]\nall\n", "line 2: 'all' is no key=value"},
+        {"[tcp]\nall\n", "line 2: 'all' is not key=value"},
         {"[tcp]\neverybody=*\n", "line 2: 'everybody' is neither all, user.NAME nor group.NAME"},
         {"[tcp]\n all=*\n", "line 2: ' all' is neither all, user.NAME nor group.NAME"},
         {"[tcp]\nall =*\n", "line 2: 'all ' is neither all, user.NAME nor group.NAME"},

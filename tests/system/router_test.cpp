@@ -589,7 +589,7 @@ TEST_F(RouterDaemon, RefusesAConfigurationFileThatWouldBeReadOtherwiseThanItLook
         {"tcp=1\n[routerd]\n", ":1: 'tcp=1' stands before any section"},
         {"[routerd]\n\nreply-timeout=1\n", ":3: there is no option 'reply-timeout'"},
         {"[routerd]\ntcp =1\n", ":2: there is no option 'tcp '"},
-        {"[routerd]\ntcp\n", ":2: 'tcp' is no key=value"},
+        {"[routerd]\ntcp\n", ":2: 'tcp' is not key=value"},
         {"[routerd]\ntcp=1\ntcp=2\n", ":3: a second 'tcp'"},
         {"[routerd]\n[other]\nx=1\n[routerd]\ntcp=1\n", ":4: a second section [routerd]"},
         {"[routerd]\r\nsocket=a.sock\r\n", ":2: the line ends with a carriage return"},

@@ -7,6 +7,7 @@
 #define TAVRIX_TESTS_SUPPORT_NULLS_H
 
 #include <cstddef>
+#include <string>
 #include <tuple>
 #include <type_traits>
 #include <utility>
@@ -42,6 +43,16 @@ Statuses with_each_null(Function function, Arguments... arguments) {
         }
     }
     return statuses;
+}
+
+/** The lines by which the first so many arguments are named, one after the other, where tavrix_check_for_null() looks.
+ */
+inline std::vector<std::string> null_lines(int count) {
+    std::vector<std::string> lines;
+    for (int index = 0; index < count; ++index) {
+        lines.push_back("WARN |Found a null input parameter at varg index <" + std::to_string(index) + ">");
+    }
+    return lines;
 }
 
 } // namespace support

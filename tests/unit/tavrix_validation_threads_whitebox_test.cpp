@@ -2,9 +2,7 @@
  * Several threads meet at the first use of every pattern. The program has no other test, so that it is the first use.
  */
 #include <algorithm>
-#include <atomic>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -12,25 +10,25 @@
 #include "support/fields.h"
 #include "support/log_capture.h"
 #include "support/mutation.h"
+#include "support/repeating.h"
 
-using support::Field;
-using support::LogCapture;
+using namespace support;
 
 namespace {
 
-constexpr size_t thread_count = 8;
+constexpr int thread_count = 8;
 
 /** Values for every field: its own, near ones, and some beyond the bound of the fast way. */
 std::vector<std::vector<std::string>> make_values() {
-    support::Mutator mutator(5);
+    Mutator mutator(5);
     std::vector<std::vector<std::string>> values;
-    for (const Field &field : support::pattern_fields()) {
+    for (const Field &field : pattern_fields()) {
         std::vector<std::string> of_field = field.valid;
         for (int i = 0; i < 20; ++i) {
             of_field.push_back(mutator.near(field.valid.front(), field.alphabet));
         }
-        of_field.push_back(support::repeated(field.valid.back(), 1024));
-        of_field.push_back(support::repeated(field.valid.back(), 3000));
+        of_field.push_back(repeated(field.valid.back(), 1024));
+        of_field.push_back(repeated(field.valid.back(), 3000));
         values.push_back(of_field);
     }
     return values;
@@ -42,7 +40,7 @@ std::vector<std::vector<int>> judge_all(const std::vector<std::vector<std::strin
     for (size_t i = 0; i < values.size(); ++i) {
         const size_t at = (i + first) % values.size();
         for (const std::string &value : values[at]) {
-            verdicts[at].push_back(support::pattern_fields()[at].validate(value.c_str()));
+            verdicts[at].push_back(pattern_fields()[at].validate(value.c_str()));
         }
     }
     return verdicts;
@@ -50,7 +48,7 @@ std::vector<std::vector<int>> judge_all(const std::vector<std::vector<std::strin
 
 /** How many values have passed their pattern. */
 size_t passed(const LogCapture &log) {
-    const support::Lines lines = log.sequence();
+    const Lines lines = log.sequence();
     return static_cast<size_t>(std::count(lines.begin(), lines.end(), "DEBUG|Regex test passed."));
 }
 
@@ -60,21 +58,10 @@ TEST(Threads, ShareThePatternsFromTheFirstUseOn) {
     const auto values = make_values();
     std::vector<std::vector<std::vector<int>>> verdicts(thread_count);
     LogCapture log("debug");
-    std::atomic<size_t> waiting{thread_count};
-    std::vector<std::thread> threads;
-    for (size_t t = 0; t < thread_count; ++t) {
-        threads.emplace_back([&, t] {
-            --waiting;
-            while (waiting > 0) {
-                std::this_thread::yield();
-            }
-            // Half of them all begin with the same pattern.
-            verdicts[t] = judge_all(values, t % 2 == 0 ? 0 : t);
-        });
-    }
-    for (std::thread &thread : threads) {
-        thread.join();
-    }
+    on_threads(thread_count, [&](int me) {
+        const size_t t = static_cast<size_t>(me);
+        verdicts[t] = judge_all(values, t % 2 == 0 ? 0 : t); // half of them all begin with the same pattern
+    });
     const size_t passed_together = passed(log);
     log.clear();
     const auto alone = judge_all(values, 0);

@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <string>
+#include <tuple>
 #include <utility>
 
 #include <gtest/gtest.h>
@@ -15,13 +16,10 @@
 #include "support/log_capture.h"
 #include "tavrix_validation.h"
 
-using fault::Failing;
-using fault::Fault;
-using support::LogCapture;
+using namespace fault;
+using namespace support;
 
 namespace {
-
-constexpr char unit[] = "tavrix_validation";
 
 // --- The pattern library's allocations -----------------------------------------------------------------------------
 
@@ -41,13 +39,13 @@ class PatternMemory : public Failing {
     PatternMemory &operator=(const PatternMemory &) = delete;
 
     /** Blocks taken since then that are still in use. */
-    int live_blocks() const { return fault::blocks() - before_; }
+    int live_blocks() const { return blocks() - before_; }
 
     static int null_releases;
 
   private:
     void (*free_)(void *);
-    int before_ = fault::blocks();
+    int before_ = blocks();
 };
 int PatternMemory::null_releases = 0;
 
@@ -81,7 +79,7 @@ TEST(Regex, AcceptsRejectsAndSaysSo) {
     EXPECT_TRUE(log.said({"VERB |Testing [Label] value <aaa> against regex: ^a+$", "DEBUG|Regex test passed.",
                           "VERB |Testing [Label] value <b> against regex: ^a+$",
                           "DEBUG|Validation failed: [Label] value <b> did not return a regex match."}));
-    EXPECT_EQ(log.lines().front().file, unit);
+    EXPECT_EQ(log.lines().front().file, "tavrix_validation");
 }
 
 TEST(Regex, ReportsAPatternThatDoesNotCompile) {
@@ -108,20 +106,16 @@ TEST(Regex, MatchesCaseSensitivelyAndAnchorsAtTheWholeValue) {
 }
 
 TEST(LengthAndRegex, ChecksItsBoundsBeforeThePattern) {
-    const struct {
-        const char *value;
-        int rc;
-        const char *line;
-    } rows[] = {
+    const std::tuple<const char *, int, const char *> rows[] = {
         {"ab", TAVRIX_INVALID_TOO_SHORT, "DEBUG|Validation failed: [Label] value <ab> is too short (<3)"},
         {"abcdef", TAVRIX_INVALID_TOO_LONG, "DEBUG|Validation failed: [Label] value <abcdef> is too long (>5)"},
         {"abc", 0, "DEBUG|Regex test passed."},
         {"abcde", 0, "DEBUG|Regex test passed."},
     };
-    for (const auto &row : rows) {
+    for (const auto &[value, rc, line] : rows) {
         const LogCapture log("debug");
-        EXPECT_EQ(validate_length_and_regex(row.value, 3, 5, "^[a-z]*$", "Label"), row.rc);
-        EXPECT_TRUE(log.said({row.line}));
+        EXPECT_EQ(validate_length_and_regex(value, 3, 5, "^[a-z]*$", "Label"), rc);
+        EXPECT_TRUE(log.said({line}));
     }
     EXPECT_EQ(validate_length_and_regex("ab", 3, 5, "(", "Label"), TAVRIX_INVALID_TOO_SHORT)
         << "the pattern is not compiled";
@@ -301,7 +295,7 @@ TEST(KeptPattern, UsesTheJitUpTo1024BytesOnly) {
 }
 
 TEST(PatternOf, KnowsPatternFieldsWhichShowIt) {
-    for (const support::Field &field : support::pattern_fields()) {
+    for (const Field &field : pattern_fields()) {
         const char *pattern = tavrix_validation_pattern_of(field.label);
         ASSERT_NE(pattern, nullptr) << field.label;
         const LogCapture log("verbose");

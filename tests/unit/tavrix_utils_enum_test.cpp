@@ -17,11 +17,7 @@
 #include "tavrix_utils.h"
 #include "tavrix_validation.h"
 
-using support::Buffer;
-using support::Lines;
-using support::LogCapture;
-using support::Statuses;
-using support::with_each_null;
+using namespace support;
 
 namespace {
 
@@ -172,13 +168,11 @@ TEST(EnumToStr, ClearsTheWholeBufferAndReadsTheTerminatorAsNoWord) {
 
 TEST(EnumToStr, SaysTheWholeWordAtVerboseOnly) {
     char word[4] = "";
-    {
-        const LogCapture log("verbose");
-        tavrix_enum_to_str(word, sizeof word, 2, tavrix_secure_option_strings);
-        EXPECT_TRUE(log.said({"VERB |Mapped enum value <2> to string <disable>"}));
-        EXPECT_EQ(log.lines().front().file, unit);
-    }
-    const LogCapture log("debug");
+    LogCapture log("verbose");
+    tavrix_enum_to_str(word, sizeof word, 2, tavrix_secure_option_strings);
+    EXPECT_TRUE(log.said({"VERB |Mapped enum value <2> to string <disable>"}));
+    EXPECT_EQ(log.lines().front().file, unit);
+    log.begin("debug");
     tavrix_enum_to_str(word, sizeof word, 2, tavrix_secure_option_strings);
     EXPECT_TRUE(log.silent());
 }
@@ -188,8 +182,7 @@ TEST(EnumToStr, RefusesNullAndNamesIt) {
     const LogCapture log("info");
     EXPECT_EQ(with_each_null(tavrix_enum_to_str, word, sizeof word, 0, &tavrix_link_status_strings[0]),
               Statuses(2, TAVRIX_ERR_PARAMETER));
-    EXPECT_TRUE(log.said({"WARN |Found a null input parameter at varg index <0>",
-                          "WARN |Found a null input parameter at varg index <1>"}));
+    EXPECT_TRUE(log.said(null_lines(2)));
     EXPECT_STREQ(word, "kept");
 }
 
@@ -208,17 +201,15 @@ TEST(StrToEnum, FindsNothingInAnEmptyTable) {
 
 TEST(StrToEnum, SaysWhatItFoundAtVerboseOnly) {
     int value = untouched;
-    {
-        const LogCapture log("verbose");
-        EXPECT_EQ(tavrix_str_to_enum(&value, "Up", tavrix_link_status_strings), TAVRIX_ERR_GENERAL);
-        EXPECT_EQ(value, untouched);
-        EXPECT_EQ(tavrix_str_to_enum(&value, "up", tavrix_link_status_strings), 0);
-        EXPECT_EQ(value, 2);
-        EXPECT_TRUE(
-            log.said({"VERB |Unable to map string <Up> to enum value", "VERB |Mapped string <up> to enum value <2>"}));
-        EXPECT_EQ(log.lines().front().file, unit);
-    }
-    const LogCapture log("debug");
+    LogCapture log("verbose");
+    EXPECT_EQ(tavrix_str_to_enum(&value, "Up", tavrix_link_status_strings), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(value, untouched);
+    EXPECT_EQ(tavrix_str_to_enum(&value, "up", tavrix_link_status_strings), 0);
+    EXPECT_EQ(value, 2);
+    EXPECT_TRUE(
+        log.said({"VERB |Unable to map string <Up> to enum value", "VERB |Mapped string <up> to enum value <2>"}));
+    EXPECT_EQ(log.lines().front().file, unit);
+    log.begin("debug");
     tavrix_str_to_enum(&value, "Up", tavrix_link_status_strings);
     tavrix_str_to_enum(&value, "up", tavrix_link_status_strings);
     EXPECT_TRUE(log.silent());
@@ -229,8 +220,6 @@ TEST(StrToEnum, RefusesNullAndNamesIt) {
     const LogCapture log("info");
     EXPECT_EQ(with_each_null(tavrix_str_to_enum, &value, "up", &tavrix_link_status_strings[0]),
               Statuses(3, TAVRIX_ERR_PARAMETER));
-    EXPECT_TRUE(log.said({"WARN |Found a null input parameter at varg index <0>",
-                          "WARN |Found a null input parameter at varg index <1>",
-                          "WARN |Found a null input parameter at varg index <2>"}));
+    EXPECT_TRUE(log.said(null_lines(3)));
     EXPECT_EQ(value, untouched);
 }

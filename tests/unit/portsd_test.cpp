@@ -16,12 +16,8 @@
 #include "tavrix_jrpc.h"
 #include "testkit/driven_service.h"
 
-using driven::code_and_words;
-using driven::quoted;
-using driven::result;
-using support::code_of;
-using support::member;
-using support::Sql;
+using namespace driven;
+using namespace support;
 
 namespace {
 
@@ -75,10 +71,10 @@ const std::string d1 = R"("port_id":"d1")";
 class PortsService : public testing::Test {
   protected:
     PortsService() {
-        support::make_fleet_database();
+        make_fleet_database();
         context.database = &database;
         context.wait_timeout_ms = wait_timeout_ms;
-        driven = std::make_unique<driven::Service>("portsd", ports::methods(), &context);
+        driven = std::make_unique<Service>("portsd", ports::methods(), &context);
         EXPECT_TRUE(ports::listen_for_link_changes(driven->service(), &context));
     }
 
@@ -97,7 +93,7 @@ class PortsService : public testing::Test {
     }
     ports::Database database{"zqn_h7.db"};
     ports::Context context;
-    std::unique_ptr<driven::Service> driven;
+    std::unique_ptr<Service> driven;
 };
 
 /** One call of each method that needs the database, with parameters that the example fleet can take. */
@@ -416,7 +412,7 @@ TEST_F(PortsService, WaitsASecondForALockAndThenGivesUp) {
 TEST_F(PortsService, GoesOnAsSoonAsALockHasGone) {
     const Sql other;
     for (const char *lock : {"BEGIN EXCLUSIVE", "BEGIN IMMEDIATE", "BEGIN; SELECT * FROM ports"}) {
-        support::make_fleet_database();
+        make_fleet_database();
         const Sql sql;
         for (const auto &row : good_calls) {
             sql.run(lock);
@@ -473,7 +469,7 @@ TEST_F(PortsService, ChecksTheTablesItNeedsAtItsStart) {
     for (const char *change :
          {"DROP TABLE mac_filters", "DROP TABLE vlan_members", "ALTER TABLE ports RENAME COLUMN power_mw TO power",
           "ALTER TABLE units RENAME COLUMN alias TO name"}) {
-        support::make_fleet_database();
+        make_fleet_database();
         Sql().run(change);
         EXPECT_EQ(ports::Database("zqn_h7.db").check_schema(), TAVRIX_ERR_SYSTEM_ACCESS) << change;
     }
@@ -507,7 +503,7 @@ TEST_F(PortsService, ComesBackWithADatabaseThatWasAway) {
     for (int i = 0; i < 2; ++i) {
         EXPECT_EQ(code_of(get("all")), std::to_string(TAVRIX_JRPC_DATABASE_ERROR));
     }
-    support::write_file("zqn_h7.db", std::string(4096, 'x'));
+    write_file("zqn_h7.db", std::string(4096, 'x'));
     EXPECT_EQ(code_of(get("all")), std::to_string(TAVRIX_JRPC_DATABASE_ERROR)) << "no database";
     std::filesystem::rename("aside.db", "zqn_h7.db");
     EXPECT_EQ(get("all"), before);

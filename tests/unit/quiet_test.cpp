@@ -11,7 +11,7 @@
 #include "support/log_capture.h"
 #include "tavrix.h"
 
-using support::LogCapture;
+using namespace support;
 
 namespace {
 

@@ -13,6 +13,10 @@
 #include <utility>
 #include <vector>
 
+#include <gtest/gtest.h>
+
+#include "support/log_capture.h"
+
 namespace support {
 
 using Statuses = std::vector<int>;
@@ -45,14 +49,29 @@ Statuses with_each_null(Function function, Arguments... arguments) {
     return statuses;
 }
 
-/** The lines by which the first so many arguments are named, one after the other, where tavrix_check_for_null() looks.
- */
-inline std::vector<std::string> null_lines(int count) {
-    std::vector<std::string> lines;
-    for (int index = 0; index < count; ++index) {
-        lines.push_back("WARN |Found a null input parameter at varg index <" + std::to_string(index) + ">");
+/** With each pointer null in turn the status comes, and this line. */
+template <class Function, class... Arguments>
+void expect_nulls_refused(int status, const std::string &line, Function function, Arguments... arguments) {
+    const LogCapture log("debug");
+    const Statuses statuses = with_each_null(function, arguments...);
+    EXPECT_EQ(statuses, Statuses(statuses.size(), status)) << line;
+    EXPECT_TRUE(log.said(Lines(statuses.size(), line)));
+}
+
+/** The same where tavrix_check_for_null() looks, which names the arguments by their places. */
+inline std::string null_line(size_t place) {
+    return "WARN |Found a null input parameter at varg index <" + std::to_string(place) + ">";
+}
+template <class Function, class... Arguments>
+void expect_nulls_named(int status, Function function, Arguments... arguments) {
+    const LogCapture log("info");
+    const Statuses statuses = with_each_null(function, arguments...);
+    EXPECT_EQ(statuses, Statuses(statuses.size(), status));
+    Lines lines;
+    while (lines.size() < statuses.size()) {
+        lines.push_back(null_line(lines.size()));
     }
-    return lines;
+    EXPECT_TRUE(log.said(lines));
 }
 
 } // namespace support

@@ -184,30 +184,22 @@ TEST_F(OpenDatabase, ReadsIdsAndCounts) {
 TEST_F(Database, NamesTheFirstNullArgument) {
     int64_t value = 0;
     sqlite3_stmt *statement = nullptr;
-    LogCapture log("info");
-    const auto expect_named = [&](const Statuses &statuses, int count) {
-        EXPECT_EQ(statuses, Statuses(static_cast<size_t>(count), TAVRIX_ERR_PARAMETER));
-        EXPECT_TRUE(log.said(null_lines(count)));
-        log.clear();
-    };
-    expect_named({tavrix_db_open(nullptr)}, 1);
-    expect_named(with_each_null(tavrix_db_open_file, &handle, cfgdb), 2);
-    expect_named({tavrix_db_ensure_open(nullptr)}, 1);
-    expect_named(with_each_null(tavrix_db_ensure_open_file, &handle, cfgdb), 2);
-    expect_named({tavrix_db_close(nullptr)}, 1);
-    EXPECT_EQ(tavrix_db_prepare_statement(nullptr, nullptr, &statement, "SELECT 1"), TAVRIX_ERR_PARAMETER);
-    EXPECT_TRUE(log.said({null_lines(2).back()})) << "by the test of opening";
-    log.clear();
+    constexpr int refused = TAVRIX_ERR_PARAMETER;
+    expect_nulls_named(refused, tavrix_db_open, &handle);
+    expect_nulls_named(refused, tavrix_db_open_file, &handle, cfgdb);
+    expect_nulls_named(refused, tavrix_db_ensure_open, &handle);
+    expect_nulls_named(refused, tavrix_db_ensure_open_file, &handle, cfgdb);
+    expect_nulls_named(refused, tavrix_db_close, handle);
     // The handle may be null: a connection is opened then.
-    expect_named(with_each_null([](auto... rest) { return tavrix_db_prepare_statement(nullptr, cfgdb, rest...); },
-                                &statement, "SELECT 1"),
-                 2);
-    expect_named(with_each_null([](auto... rest) { return tavrix_db_get_single_id_result(nullptr, rest...); }, cfgdb,
-                                "t", &value, "SELECT 1"),
-                 4);
-    expect_named(
-        with_each_null([](auto... rest) { return single_id_args(nullptr, rest...); }, cfgdb, "t", &value, "SELECT 1"),
-        4);
+    const auto prepare = [](auto... rest) { return tavrix_db_prepare_statement(nullptr, cfgdb, rest...); };
+    const auto get_id = [](auto... rest) { return tavrix_db_get_single_id_result(nullptr, rest...); };
+    const auto get_id_args = [](auto... rest) { return single_id_args(nullptr, rest...); };
+    expect_nulls_named(refused, prepare, &statement, "SELECT 1");
+    expect_nulls_named(refused, get_id, cfgdb, "t", &value, "SELECT 1");
+    expect_nulls_named(refused, get_id_args, cfgdb, "t", &value, "SELECT 1");
+    const LogCapture log("info");
+    EXPECT_EQ(tavrix_db_prepare_statement(nullptr, nullptr, &statement, "SELECT 1"), refused);
+    EXPECT_TRUE(log.said({null_line(1)})) << "by the test of opening";
     EXPECT_EQ(handle, nullptr);
     EXPECT_EQ(statement, nullptr);
 }

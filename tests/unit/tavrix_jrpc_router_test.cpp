@@ -188,11 +188,14 @@ TEST_F(Router, ClosesAClientThatSaysNothing) {
 
 TEST_F(Router, ReportsThatItCannotPublish) {
     const StreamClient asking = connect(request);
+    const Json value = parsed(request);
     const int closed = 9999;
     const LogCapture log("debug");
     EXPECT_EQ(tavrix_jrpc_router_socket_to_mq(&listener, &closed, &client), TAVRIX_ERR_GENERAL);
     EXPECT_TRUE(log.has(debug, unit, line(one_call, "Error mq_pub, rc = -1")));
     EXPECT_TRUE(asking.closed_silently());
+    EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&closed, value.get()), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(log.last(), "DEBUG|" + line(dispatching, "Error mq_pub, rc = -1"));
 }
 
 TEST_F(Router, PassesTheAcceptsStatusOn) {
@@ -202,26 +205,26 @@ TEST_F(Router, PassesTheAcceptsStatusOn) {
     EXPECT_TRUE(log.said({"DEBUG|[tavrix_jrpc_router_socket_extract_request]: Failed socket_accept, rc = -1"}));
 }
 
+std::string null_pointer(const char *function, const char *words = "NULL pointer!") {
+    return std::string("DEBUG|[") + function + "]: " + words;
+}
+
 TEST_F(Router, RefusesNullArguments) {
-    const Statuses general(2, TAVRIX_ERR_GENERAL);
-    const Statuses null_input(2, TAVRIX_ERR_NULL_INPUT);
+    constexpr int general = TAVRIX_ERR_GENERAL;
+    constexpr int null_input = TAVRIX_ERR_NULL_INPUT;
     const Json value = parsed("{}");
     json_t *out = value.get();
-    const LogCapture log("debug");
-    EXPECT_EQ(with_each_null(tavrix_jrpc_router_socket_to_mq, &listener, &bus.pub.number, &client),
-              Statuses(3, TAVRIX_ERR_NULL_INPUT));
-    EXPECT_EQ(with_each_null(tavrix_jrpc_router_socket_extract_request, &listener, &client, &out),
-              Statuses(3, TAVRIX_ERR_GENERAL));
-    EXPECT_EQ(with_each_null(tavrix_jrpc_router_mq_dispatch_request, &bus.pub.number, value.get()), general);
-    EXPECT_EQ(with_each_null(tavrix_jrpc_router_mq_to_socket, &bus.sub.number, &client), null_input);
-    EXPECT_EQ(with_each_null(tavrix_jrpc_router_mq_extract_response, &bus.sub.number, &out), general);
-    EXPECT_EQ(with_each_null(tavrix_jrpc_router_socket_dispatch_response, &client, value.get()), general);
-    EXPECT_EQ(log.count(debug, unit, line(one_call, "NULL pointer!")), 3);
-    EXPECT_EQ(log.count(debug, unit, line(extracting, "NULL pointer!")), 3);
-    EXPECT_EQ(log.count(debug, unit, line(answering, "Null Pointer!")), 2);
-    for (const char *function : {dispatching, receiving, sending}) {
-        EXPECT_EQ(log.count(debug, unit, line(function, "NULL pointer!")), 2);
-    }
+    int *const pub = &bus.pub.number;
+    int *const sub = &bus.sub.number;
+    expect_nulls_refused(null_input, null_pointer(one_call), tavrix_jrpc_router_socket_to_mq, &listener, pub, &client);
+    expect_nulls_refused(null_input, null_pointer(answering, "Null Pointer!"), tavrix_jrpc_router_mq_to_socket, sub,
+                         &client);
+    expect_nulls_refused(general, null_pointer(extracting), tavrix_jrpc_router_socket_extract_request, &listener,
+                         &client, &out);
+    expect_nulls_refused(general, null_pointer(dispatching), tavrix_jrpc_router_mq_dispatch_request, pub, value.get());
+    expect_nulls_refused(general, null_pointer(receiving), tavrix_jrpc_router_mq_extract_response, sub, &out);
+    expect_nulls_refused(general, null_pointer(sending), tavrix_jrpc_router_socket_dispatch_response, &client,
+                         value.get());
 }
 
 TEST_F(Router, ShowsARequestAtVerboseLevel) {
@@ -402,14 +405,6 @@ TEST_F(Router, DispatchesWhatOnlyLooksUnprintable) {
         EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&bus.pub.number, value.get()), 0) << level;
         EXPECT_NE(bus.receive().find(R"("text":"\u20AC")"), std::string::npos) << level;
     }
-}
-
-TEST_F(Router, ReportsADispatchThatCannotBePublished) {
-    const Json value = parsed(request);
-    const int closed = 9999;
-    const LogCapture log("debug");
-    EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&closed, value.get()), TAVRIX_ERR_GENERAL);
-    EXPECT_EQ(log.last(), "DEBUG|" + line(dispatching, "Error mq_pub, rc = -1"));
 }
 
 TEST_F(Router, ShowsADispatchedRequestUnderItsOwnName) {
@@ -599,10 +594,8 @@ TEST(RouterNotification, RefusesWhatIsMalformedInThisOrder) {
 
 TEST(RouterNotification, RefusesNull) {
     const Json value = parsed("{}");
-    const LogCapture log("info");
-    EXPECT_EQ(with_each_null(tavrix_jrpc_router_eval_notification, value.get(), &notifications[0]),
-              Statuses(2, TAVRIX_ERR_GENERAL));
-    EXPECT_EQ(log.count(error, unit, line(evaluating, "NULL pointer!")), 2);
+    expect_nulls_refused(TAVRIX_ERR_GENERAL, std::string("ERROR|[") + evaluating + "]: NULL pointer!",
+                         tavrix_jrpc_router_eval_notification, value.get(), &notifications[0]);
 }
 
 // --- System responses ---
@@ -636,13 +629,11 @@ TEST(LockResponse, NeedsAnIdThatIsAString) {
         EXPECT_TRUE(log.said({std::string("DEBUG|[") + locking +
                               "]: " + (std::string(text) == "{}" ? "No JSON id" : "Invalid JSON method")}));
     }
-    const LogCapture log("debug");
     const Json asked = parsed("{}");
     json_t *response = asked.get();
-    EXPECT_EQ(with_each_null(tavrix_jrpc_router_create_system_lock_response, asked.get(), &response),
-              Statuses(2, TAVRIX_ERR_GENERAL));
+    expect_nulls_refused(TAVRIX_ERR_GENERAL, null_pointer(locking), tavrix_jrpc_router_create_system_lock_response,
+                         asked.get(), &response);
     EXPECT_EQ(response, asked.get()) << "untouched";
-    EXPECT_EQ(log.count(debug, unit, line(locking, "NULL pointer!")), 2);
 }
 
 TEST(TimeOutResponse, AlwaysCarriesATransactionId) {
@@ -658,10 +649,8 @@ TEST(TimeOutResponse, AlwaysCarriesATransactionId) {
 TEST(TimeOutResponse, RefusesNullAndGivesNullWhenItCannotBeMade) {
     const Json old = parsed("{}");
     json_t *response = old.get();
-    const LogCapture log("debug");
-    EXPECT_EQ(with_each_null(tavrix_jrpc_router_create_system_timeout_response, "b", 0, &response),
-              Statuses(2, TAVRIX_ERR_GENERAL));
-    EXPECT_EQ(log.count(debug, unit, line("tavrix_jrpc_router_create_system_timeout_response", "NULL pointer!")), 2);
+    expect_nulls_refused(TAVRIX_ERR_GENERAL, null_pointer("tavrix_jrpc_router_create_system_timeout_response"),
+                         tavrix_jrpc_router_create_system_timeout_response, "b", 0, &response);
     EXPECT_EQ(response, nullptr) << "a null id too";
     response = old.get();
     EXPECT_EQ(tavrix_jrpc_router_create_system_timeout_response("\xff", 0, &response), TAVRIX_ERR_GENERAL)

@@ -104,12 +104,11 @@ TEST(Matchers, RefuseWhatIsNoJsonInTheEvaluatorsWords) {
 
 TEST(Matchers, RefuseNullArguments) {
     json_t *out = nullptr;
-    const LogCapture log("debug");
-    EXPECT_EQ(with_each_null([&](auto... texts) { return tavrix_jrpc_eval_method(texts..., &out); }, "m", "{}"),
-              Statuses(2, TAVRIX_ERR_NULL_INPUT));
-    EXPECT_EQ(with_each_null(tavrix_jrpc_eval_notification, "m", "{}", &out), Statuses(3, TAVRIX_ERR_NULL_INPUT));
-    EXPECT_EQ(log.count(debug, unit, "[tavrix_jrpc_eval_method]: Null Pointer!\n"), 2);
-    EXPECT_EQ(log.count(debug, unit, "[tavrix_jrpc_eval_notification]: Null Pointer!\n"), 3);
+    expect_nulls_refused(
+        TAVRIX_ERR_NULL_INPUT, "DEBUG|[tavrix_jrpc_eval_method]: Null Pointer!",
+        [&](auto... texts) { return tavrix_jrpc_eval_method(texts..., &out); }, "m", "{}");
+    expect_nulls_refused(TAVRIX_ERR_NULL_INPUT, "DEBUG|[tavrix_jrpc_eval_notification]: Null Pointer!",
+                         tavrix_jrpc_eval_notification, "m", "{}", &out);
     EXPECT_EQ(tavrix_jrpc_eval_method("m", R"({"jsonrpc":"2.0","id":"m"})", nullptr), 0) << "only the verdict";
 }
 
@@ -260,14 +259,10 @@ TEST(Waits, CountASignalAsAnAttempt) {
 
 TEST(Waits, RefuseNullArguments) {
     json_t *out = nullptr;
-    for (const auto &[wait, line] :
-         {std::pair(&tavrix_jrpc_mq_sub_for_method, "DEBUG|[tavrix_jrpc_mq_sub_for_method]: Null Pointer!"),
-          std::pair(&tavrix_jrpc_mq_sub_for_notifcation,
-                    "DEBUG|[tavrix_jrpc_mq_sub_for_notifcation]: Null Pointer!")}) {
-        const LogCapture log("debug");
-        EXPECT_EQ(with_each_null(wait, 0, "m", &out), Statuses(2, TAVRIX_ERR_NULL_INPUT));
-        EXPECT_TRUE(log.said(Lines(2, line)));
-    }
+    expect_nulls_refused(TAVRIX_ERR_NULL_INPUT, "DEBUG|[tavrix_jrpc_mq_sub_for_method]: Null Pointer!",
+                         tavrix_jrpc_mq_sub_for_method, 0, "m", &out);
+    expect_nulls_refused(TAVRIX_ERR_NULL_INPUT, "DEBUG|[tavrix_jrpc_mq_sub_for_notifcation]: Null Pointer!",
+                         tavrix_jrpc_mq_sub_for_notifcation, 0, "m", &out);
 }
 
 } // namespace

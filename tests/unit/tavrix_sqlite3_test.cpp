@@ -187,19 +187,16 @@ TEST_F(Sqlite, NamesTheFirstNullArgument) {
     sqlite3_stmt *statement = nullptr;
     int64_t value = 0;
     char text[4];
-    LogCapture log("info");
-    const auto expect_named = [&](const Statuses &statuses, int count) {
-        EXPECT_EQ(statuses, Statuses(static_cast<size_t>(count), TAVRIX_ERR_PARAMETER));
-        EXPECT_TRUE(log.said(null_lines(count)));
-        log.clear();
-    };
-    expect_named(with_each_null(tavrix_sqlite3_prepare_sql, db, &statement, "SELECT 1"), 3);
-    expect_named(with_each_null(prepare_args, db, &statement, "SELECT 1"), 3);
-    expect_named(with_each_null(tavrix_sqlite3_get_single_id_result, db, &value, "SELECT 1"), 3);
-    expect_named(with_each_null(single_id_args, db, &value, "SELECT 1"), 3);
-    expect_named(with_each_null(tavrix_sqlite3_get_single_string_result, db, text, size_t{4}, "SELECT 1"), 3);
-    expect_named(with_each_null(tavrix_sqlite3_exec_sql, db, "SELECT 1"), 2);
-    expect_named({tavrix_sqlite3_prepare_sql(nullptr, nullptr, nullptr)}, 1);
+    constexpr int refused = TAVRIX_ERR_PARAMETER;
+    expect_nulls_named(refused, tavrix_sqlite3_prepare_sql, db, &statement, "SELECT 1");
+    expect_nulls_named(refused, prepare_args, db, &statement, "SELECT 1");
+    expect_nulls_named(refused, tavrix_sqlite3_get_single_id_result, db, &value, "SELECT 1");
+    expect_nulls_named(refused, single_id_args, db, &value, "SELECT 1");
+    expect_nulls_named(refused, tavrix_sqlite3_get_single_string_result, db, text, size_t{4}, "SELECT 1");
+    expect_nulls_named(refused, tavrix_sqlite3_exec_sql, db, "SELECT 1");
+    const LogCapture log("info");
+    EXPECT_EQ(tavrix_sqlite3_prepare_sql(nullptr, nullptr, nullptr), refused);
+    EXPECT_TRUE(log.said({null_line(0)}));
 }
 
 TEST_F(Sqlite, ExecutesWithCallbackAndErrorText) {

@@ -24,7 +24,7 @@ TEST(NullTest, NamesTheFirstNullArgumentByItsIndex) {
         EXPECT_EQ(tavrix_check_for_null(5, index == 0 ? null : &a, index == 1 ? null : &a, index == 2 ? null : &a,
                                         index == 3 ? null : &a, null),
                   TAVRIX_ERR_GENERAL);
-        EXPECT_TRUE(log.said({null_lines(4)[static_cast<size_t>(index)]}));
+        EXPECT_TRUE(log.said({null_line(static_cast<size_t>(index))}));
     }
 }
 

@@ -4,7 +4,6 @@
 #include <atomic>
 #include <chrono>
 #include <cstring>
-#include <map>
 #include <memory>
 #include <random>
 #include <set>
@@ -401,7 +400,8 @@ std::vector<std::string> frames_to_the_end(int sub) {
 }
 
 /** The characters by which the longer topics go on from one. */
-std::set<char> branches_of(const std::string &topic, const std::vector<std::string> &topics) {
+template <class Topics>
+std::set<char> branches_of(const std::string &topic, const Topics &topics) {
     std::set<char> branches;
     for (const std::string &other : topics) {
         if (other.size() > topic.size() && other.compare(0, topic.size(), topic) == 0) {
@@ -437,41 +437,35 @@ std::vector<std::string> tangled_topics(size_t most) {
  * characters, or with eight again, is lost.
  */
 struct NanomsgTopics {
-    std::map<std::string, int> counts;
+    std::multiset<std::string> topics;
 
-    std::set<char> branches(const std::string &topic) const {
-        std::vector<std::string> topics;
-        for (const auto &entry : counts) {
-            topics.push_back(entry.first);
-        }
-        return branches_of(topic, topics);
-    }
     /** Without one, nanomsg may be asked to remove anything but this topic. */
-    bool has_node(const std::string &topic) const { return counts.count(topic) > 0 || branches(topic).size() >= 2; }
+    bool has_node(const std::string &topic) const {
+        return topics.count(topic) > 0 || branches_of(topic, topics).size() >= 2;
+    }
     bool wants(const std::string &frame) const {
-        return std::any_of(counts.begin(), counts.end(),
-                           [&](const auto &entry) { return frame.compare(0, entry.first.size(), entry.first) == 0; });
+        return std::any_of(topics.begin(), topics.end(),
+                           [&](const std::string &topic) { return frame.compare(0, topic.size(), topic) == 0; });
     }
     void subscribe(const std::string &topic) {
-        const NanomsgTopics before = *this;
-        ++counts[topic];
+        const std::multiset<std::string> before = topics;
+        topics.insert(topic);
         lose_since(before, topic);
     }
     void unsubscribe(const std::string &topic) {
-        const auto entry = counts.find(topic);
-        if (entry != counts.end() && --entry->second == 0) {
-            NanomsgTopics before = *this;
-            counts.erase(entry);
+        const std::multiset<std::string> before = topics;
+        if (const auto entry = topics.find(topic); entry != topics.end()) {
+            topics.erase(entry);
             lose_since(before, topic);
         }
     }
 
   private:
-    void lose_since(const NanomsgTopics &before, const std::string &changed) {
+    void lose_since(const std::multiset<std::string> &before, const std::string &changed) {
         for (size_t length = 0; length < changed.size(); ++length) {
             const std::string shorter = changed.substr(0, length);
-            if ((before.branches(shorter).size() > 8) != (branches(shorter).size() > 8)) {
-                counts.erase(shorter);
+            if ((branches_of(shorter, before).size() > 8) != (branches_of(shorter, topics).size() > 8)) {
+                topics.erase(shorter);
             }
         }
     }

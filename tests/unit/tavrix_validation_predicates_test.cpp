@@ -23,14 +23,6 @@ namespace {
 
 // --- Rules written by hand -----------------------------------------------------------------------------------------
 
-/** A final newline is let through, as the patterns' end anchor does. */
-std::string without_final_newline(std::string text) {
-    if (!text.empty() && text.back() == '\n') {
-        text.pop_back();
-    }
-    return text;
-}
-
 bool all(const std::string &text, bool (*fits)(char)) { return std::all_of(text.begin(), text.end(), fits); }
 
 bool is_digit(char c) { return c >= '0' && c <= '9'; }
@@ -48,40 +40,34 @@ bool is_number(const std::string &text, int low, int high) {
     return is_padded_number(text, 4, low, high) && (text.size() == 1 || text[0] != '0');
 }
 
-bool is_c_port(const std::string &value) {
-    const std::string text = without_final_newline(value);
+bool is_c_port(const std::string &text) {
     const size_t dash = text.find('-');
     return dash != std::string::npos && (text[0] == 'c' || text[0] == 'C') &&
            is_number(text.substr(1, dash - 1), 1, 128) && is_number(text.substr(dash + 1), 1, 99);
 }
 
-bool is_d_port(const std::string &value) {
-    const std::string text = without_final_newline(value);
+bool is_d_port(const std::string &text) {
     return text.size() == 2 && (text[0] == 'd' || text[0] == 'D') && text[1] >= '1' && text[1] <= '4';
 }
 
-bool is_mzu(const std::string &value) {
-    const std::string text = without_final_newline(value);
+bool is_mzu(const std::string &text) {
     return !text.empty() && (text[0] == 'c' || text[0] == 'C') && is_number(text.substr(1), 1, 128);
 }
 
-bool is_vlan_name(const std::string &value) {
-    const std::string text = without_final_newline(value);
+bool is_vlan_name(const std::string &text) {
     return !text.empty() && text[0] == 'v' && is_number(text.substr(1), 1, 4092);
 }
 
-bool is_single_line(const std::string &text) { return without_final_newline(text).find('\n') == std::string::npos; }
+bool is_single_line(const std::string &text) { return text.find('\n') == std::string::npos; }
 
-bool is_date(const std::string &value) {
-    const std::string text = without_final_newline(value);
+bool is_date(const std::string &text) {
     const size_t second = text.size() > 5 ? text.find('-', 5) : std::string::npos;
     return second != std::string::npos && text[0] == '2' && all(text.substr(0, 4), is_digit) && text[4] == '-' &&
            is_padded_number(text.substr(5, second - 5), 2, 1, 12) &&
            is_padded_number(text.substr(second + 1), 2, 1, 31);
 }
 
-bool is_time(const std::string &value) {
-    const std::string text = without_final_newline(value);
+bool is_time(const std::string &text) {
     return text.size() == 5 && text[2] == ':' && is_padded_number(text.substr(0, 2), 2, 0, 23) &&
            is_padded_number(text.substr(3), 2, 0, 59);
 }
@@ -93,12 +79,10 @@ bool is_shaped(const std::string &text, const std::string &shape) {
            });
 }
 
-bool is_uuid(const std::string &text) {
-    return is_shaped(without_final_newline(text), "xxxxxxxx-xxxx-xxxx-xxxx-xxxxxxxxxxxx");
-}
+bool is_uuid(const std::string &text) { return is_shaped(text, "xxxxxxxx-xxxx-xxxx-xxxx-xxxxxxxxxxxx"); }
 
 bool is_ip(const std::string &text) {
-    std::istringstream parts(without_final_newline(text) + ".");
+    std::istringstream parts(text + ".");
     int count = 0;
     for (std::string part; std::getline(parts, part, '.'); ++count) {
         if (!is_number(part, 0, 255)) {
@@ -108,23 +92,18 @@ bool is_ip(const std::string &text) {
     return count == 4;
 }
 
-bool is_mac(const std::string &value) {
-    const std::string text = without_final_newline(value);
+bool is_mac(const std::string &text) {
     return is_shaped(text, "xx:xx:xx:xx:xx:xx") || is_shaped(text, "xx-xx-xx-xx-xx-xx");
 }
 
 bool is_description(const std::string &text) { return text.find('"') == std::string::npos; }
 
-bool is_password(const std::string &value) {
-    const std::string text = without_final_newline(value);
+bool is_password(const std::string &text) {
     return text.size() >= 4 && text.size() <= 15 &&
            all(text, [](char c) { return is_alnum(c) || std::string("!?_@-").find(c) != std::string::npos; });
 }
 
-bool is_username(const std::string &value) {
-    const std::string text = without_final_newline(value);
-    return text.size() >= 4 && text.size() <= 15 && all(text, is_alnum);
-}
+bool is_username(const std::string &text) { return text.size() >= 4 && text.size() <= 15 && all(text, is_alnum); }
 
 bool is_port(const std::string &text) { return is_c_port(text) || is_d_port(text); }
 
@@ -171,8 +150,14 @@ const std::map<std::string, bool (*)(const std::string &)> rules = {
     {"username", is_username},
 };
 
+/** A final newline is let through, as the patterns' end anchor does. */
+std::string without_final_newline(const std::string &text) {
+    return text.empty() || text.back() != '\n' ? text : text.substr(0, text.size() - 1);
+}
+
 int expected(const Field &field, const std::string &value) {
-    if (const int verdict = field.judge_length(value); verdict != TAVRIX_VALID || !rules.at(field.name)(value)) {
+    if (const int verdict = field.judge_length(value);
+        verdict != TAVRIX_VALID || !rules.at(field.name)(without_final_newline(value))) {
         return verdict != TAVRIX_VALID ? verdict : TAVRIX_INVALID_NO_MATCH;
     }
     return field.validate == validate_username && is_reserved(value) ? TAVRIX_INVALID_NOT_ALLOWED : 0;

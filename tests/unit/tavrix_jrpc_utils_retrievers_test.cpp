@@ -9,6 +9,7 @@
 #include <iterator>
 #include <map>
 #include <numeric>
+#include <set>
 #include <string>
 #include <tuple>
 #include <utility>
@@ -27,8 +28,6 @@
 
 using namespace support;
 using testing::AnyOf;
-using testing::ElementsAre;
-using testing::StrEq;
 
 namespace {
 
@@ -208,12 +207,11 @@ INSTANTIATE_TEST_SUITE_P(Field, PlainRetrievers,
                          [](const auto &row) { return row.param.name; });
 
 TEST(PlainRetrievers, AreAllButFour) {
-    EXPECT_THAT(
-        fields_that([](const Field &field) { return is_text_or_number(field) && words.count(field.name) == 0; }),
-        ElementsAre(testing::Field(&Field::name, StrEq("port_id")), testing::Field(&Field::name, StrEq("mzu_id")),
-                    testing::Field(&Field::name, StrEq("macaddr_allowed")),
-                    testing::Field(&Field::name, StrEq("alias"))))
-        << "their tests stand below and in tavrix_jrpc_utils_composite_test.cpp";
+    std::set<std::string> others; // their tests stand below and in tavrix_jrpc_utils_composite_test.cpp
+    for (const Field &field : fields_that(is_text_or_number)) {
+        others.insert(words.count(field.name) == 0 ? field.name : "");
+    }
+    EXPECT_EQ(others, (std::set<std::string>{"", "alias", "macaddr_allowed", "mzu_id", "port_id"}));
 }
 
 TEST_P(PlainRetrievers, AnnounceParseValidateAndSaySo) {

@@ -81,21 +81,16 @@ TEST_F(Shm, CutsAStoredTextToTheReadersLengthAndIsClearedUpToOne) {
     EXPECT_EQ(stored(), std::string("\0\0\0defg\0", 8));
 }
 
-TEST_F(Shm, KeepsAnInteger) {
-    ASSERT_EQ(tavrix_shm_create(name(), 4), 0);
-    for (const int value : {0, 1, -1, INT32_MIN, INT32_MAX}) {
+TEST_F(Shm, KeepsAnIntegerInTheMachinesByteOrder) {
+    ASSERT_EQ(tavrix_shm_create(name(), 8), 0);
+    for (const int value : {0, 1, -1, 0x01020304, INT32_MIN, INT32_MAX}) {
+        const int32_t words[2] = {value, 0};
         int read = -77;
-        EXPECT_EQ(tavrix_shm_set_int(name(), &value), 0);
+        EXPECT_EQ(tavrix_shm_set_int(name(), &words[0]), 0);
+        EXPECT_EQ(stored(), std::string(reinterpret_cast<const char *>(words), sizeof words));
         EXPECT_EQ(tavrix_shm_get_int(name(), &read), 0);
         EXPECT_EQ(read, value);
     }
-}
-
-TEST_F(Shm, StoresAnIntegerInTheMachinesByteOrder) {
-    ASSERT_EQ(tavrix_shm_create(name(), 8), 0);
-    const int32_t words[2] = {0x01020304, 0};
-    ASSERT_EQ(tavrix_shm_set_int(name(), &words[0]), 0);
-    EXPECT_EQ(stored(), std::string(reinterpret_cast<const char *>(words), sizeof words));
 }
 
 TEST_F(Shm, IsSharedBetweenProcesses) {

@@ -65,7 +65,10 @@ TEST(Interface, NeedsNoCppRuntime) {
     }
 }
 
-TEST(Interface, CarriesItsNameAndVersion) { EXPECT_EQ(said_under("SONAME", LIBRARY), Lines{"libtavrix.so.1"}); }
+TEST(Interface, AndTheServiceKitCarryTheirNamesAndVersions) {
+    EXPECT_EQ(said_under("SONAME", LIBRARY), Lines{"libtavrix.so.1"});
+    EXPECT_EQ(said_under("SONAME", KIT_LIBRARY), Lines{"libtavrix_service.so.1"});
+}
 
 TEST(ServiceKit, ExportsWhatItsHeaderDeclaresAndNothingElse) {
     ASSERT_GT(declared_by_the_kit().size(), 40U);
@@ -76,8 +79,4 @@ TEST(ServiceKit, NeedsTheLibraryAndWhatItsLoopIsMadeOf) {
     const Lines wanted = {"libc.so.6", "libevent_core-2.1.so.7", "libjansson.so.4", "libnanomsg.so.5",
                           "libtavrix.so.1"};
     EXPECT_EQ(said_under("NEEDED", KIT_LIBRARY), wanted);
-}
-
-TEST(ServiceKit, CarriesItsNameAndVersion) {
-    EXPECT_EQ(said_under("SONAME", KIT_LIBRARY), Lines{"libtavrix_service.so.1"});
 }

@@ -48,8 +48,3 @@ TEST(DefaultPaths, NameTheAppliancesConfigurationDatabase) {
     EXPECT_EQ(opened, "");
     tavrix_db_unlock_cfgdb();
 }
-
-int main(int argc, char **argv) {
-    testing::InitGoogleTest(&argc, argv);
-    return RUN_ALL_TESTS();
-}

@@ -62,10 +62,12 @@ int read_mac_filters(json_t *params, json_t **debug, const char *key) {
 Field row(const char *name, decltype(Field::read_text) read_text, decltype(Field::read_number) read_number,
           decltype(Field::read_list) read_list, decltype(Field::validate) validate,
           decltype(Field::validate_number) validate_number, std::vector<std::string> valid, std::string invalid = "",
-          int verdict = 0, const char *label = nullptr, std::string alphabet = "") {
-    return {name,     read_text,       read_number,        read_list,
-            validate, validate_number, std::move(valid),   std::move(invalid),
-            verdict,  label,           std::move(alphabet)};
+          int verdict = 0, const char *label = nullptr, std::string alphabet = "", int min_length = 0,
+          int max_length = 0) {
+    return {name,      read_text,       read_number,         read_list,
+            validate,  validate_number, std::move(valid),    std::move(invalid),
+            verdict,   label,           std::move(alphabet), min_length,
+            max_length};
 }
 
 std::vector<Field> all_fields() {
@@ -90,12 +92,14 @@ std::vector<Field> all_fields() {
         row(TEXT(time), {"00:00", "23:59", "19:05"}, "24:00", no_match, "Time", "0123456789:.\n "),
         row(TEXT_VALIDATED_ONLY(uuid), {"01234567-89ab-cdef-ABCD-EF0123456789"}, "2524546b", no_match, "UUID", hex),
         row(TEXT(ip_address), {"192.168.1.1", "0.0.0.0", "255.255.255.255", "1.10.100.249", "26.99.199.200"}, "1.1.1",
-            too_short, "IP Address", "0123456789.:\n -"),
+            too_short, "IP Address", "0123456789.:\n -", 7, 15),
         row(TEXT(mac_address), {"aa:BB:cc:00:11:22", "aa-BB-cc-00-11-22"}, "00:11:22:33:44:5g", no_match, "MAC Address",
-            hex),
-        row(TEXT(description), {"a text", "", std::string(50, 'x')}, "a \" quote", no_match, "Description", words),
-        row(TEXT(password), {"abcd", "A!?_@-9", "0123456789abcde"}, "Aa1", too_short, "Password", words),
-        row(TEXT(username), {"abcd", "Operator7", "rooty", "haldaemons"}, "root", not_allowed, "Username", words),
+            hex, 17, 17),
+        row(TEXT(description), {"a text", "", std::string(50, 'x')}, "a \" quote", no_match, "Description", words, 0,
+            50),
+        row(TEXT(password), {"abcd", "A!?_@-9", "0123456789abcde"}, "Aa1", too_short, "Password", words, 4, 15),
+        row(TEXT(username), {"abcd", "Operator7", "rooty", "haldaemons"}, "root", not_allowed, "Username", words, 4,
+            15),
 
         row(TEXT(status), {"enable", "disable"}, "enabled", not_allowed),
         row(TEXT(vlan_mode), {"trunk", "access"}, "tree", not_allowed),
@@ -137,6 +141,13 @@ int Field::read(json_t *params, json_t **debug_message, const char *key, char *o
 
 int Field::judge(const std::string &value) const {
     return validate != nullptr ? validate(value.c_str()) : validate_number(std::stoi(value));
+}
+
+int Field::judge_length(const std::string &value) const {
+    const int length = static_cast<int>(value.size());
+    return max_length == 0 || (length >= min_length && length <= max_length) ? TAVRIX_VALID
+           : length < min_length                                             ? too_short
+                                                                             : too_long;
 }
 
 std::string Field::params(const std::string &value) const {

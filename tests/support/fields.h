@@ -26,6 +26,8 @@ struct Field {
     // Of a field that follows a pattern.
     const char *label;    ///< as the log shows it
     std::string alphabet; ///< the characters that it is made of, or that come close
+    int min_length;
+    int max_length; ///< 0: no bounds
 
     bool has_reader() const { return read_text != nullptr || read_number != nullptr || read_list != nullptr; }
     bool has_validator() const { return validate != nullptr || validate_number != nullptr; }
@@ -33,6 +35,8 @@ struct Field {
     int read(json_t *params, json_t **debug_message, const char *key, char *out, size_t out_size) const;
     /** Validates by whichever validator there is. */
     int judge(const std::string &value) const;
+    /** What the bounds say of a value: TAVRIX_INVALID_TOO_SHORT, TAVRIX_INVALID_TOO_LONG, or TAVRIX_VALID. */
+    int judge_length(const std::string &value) const;
     /** {"k": value} */
     std::string params(const std::string &value) const;
 };

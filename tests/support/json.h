@@ -27,6 +27,19 @@ std::string rendered(const json_t *value, size_t flags = 0);
 std::string taken(char *text);
 std::string taken(json_t *value);
 
+/** A status, and the text that came with it; "(null)" for none. */
+struct Answer {
+    int rc;
+    std::string text;
+};
+/** What a call gives that stores a text at a place. */
+template <class Call>
+Answer answer_of(Call call) {
+    char *text = nullptr;
+    const int rc = call(&text);
+    return {rc, taken(text)};
+}
+
 /** Whether the part stands anywhere in the text; a failed expectation shows both. */
 testing::AssertionResult holds(const std::string &text, const std::string &part);
 

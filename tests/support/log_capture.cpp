@@ -98,7 +98,7 @@ void StderrCapture::clear() {
     }
 }
 
-LogCapture::LogCapture(const std::string &level_word) {
+void LogCapture::begin(const std::string &level_word) {
     set_log_level(level_word);
     capture_.clear();
 }
@@ -127,6 +127,16 @@ Lines LogCapture::sequence() const {
                           (ended ? line.message.substr(0, line.message.size() - 1) : line.message + " (no line end)"));
     }
     return entries;
+}
+
+Lines LogCapture::validated() const {
+    Lines announced;
+    for (const LogLine &line : lines()) {
+        if (line.file == "tavrix_validation" && line.message.rfind("Validating ", 0) == 0) {
+            announced.push_back(line.message.substr(11, line.message.find(':') - 11));
+        }
+    }
+    return announced;
 }
 
 testing::AssertionResult LogCapture::says(const std::string &part) const { return holds(text(), part); }

@@ -62,7 +62,9 @@ class StderrCapture {
 /** A StderrCapture that also sets the level and reads log lines. */
 class LogCapture {
   public:
-    explicit LogCapture(const std::string &level_word = "verbose");
+    explicit LogCapture(const std::string &level_word = "verbose") { begin(level_word); }
+    /** Sets the level and captures from here on. */
+    void begin(const std::string &level_word);
 
     std::string text() const { return capture_.text(); }
     void clear() { capture_.clear(); }
@@ -83,6 +85,8 @@ class LogCapture {
     Lines sequence() const;
     /** Whether this is the sequence: EXPECT_TRUE(log.said({"DEBUG|NULL pointer!"})). */
     testing::AssertionResult said(const Lines &expected) const;
+    /** What was validated, in turn, in the words of the validators' announcements. */
+    Lines validated() const;
     bool silent() const { return text().empty(); }
     /** Whether the part stands anywhere in it; a failed expectation shows all that does. */
     testing::AssertionResult says(const std::string &part) const;

@@ -7,10 +7,15 @@
 #define TAVRIX_TESTS_SUPPORT_NULLS_H
 
 #include <cstddef>
+#include <string>
 #include <tuple>
 #include <type_traits>
 #include <utility>
 #include <vector>
+
+#include <gtest/gtest.h>
+
+#include "support/log_capture.h"
 
 namespace support {
 
@@ -42,6 +47,31 @@ Statuses with_each_null(Function function, Arguments... arguments) {
         }
     }
     return statuses;
+}
+
+/** With each pointer null in turn the status comes, and this line. */
+template <class Function, class... Arguments>
+void expect_nulls_refused(int status, const std::string &line, Function function, Arguments... arguments) {
+    const LogCapture log("debug");
+    const Statuses statuses = with_each_null(function, arguments...);
+    EXPECT_EQ(statuses, Statuses(statuses.size(), status)) << line;
+    EXPECT_TRUE(log.said(Lines(statuses.size(), line)));
+}
+
+/** The same where tavrix_check_for_null() looks, which names the arguments by their places. */
+inline std::string null_line(size_t place) {
+    return "WARN |Found a null input parameter at varg index <" + std::to_string(place) + ">";
+}
+template <class Function, class... Arguments>
+void expect_nulls_named(int status, Function function, Arguments... arguments) {
+    const LogCapture log("info");
+    const Statuses statuses = with_each_null(function, arguments...);
+    EXPECT_EQ(statuses, Statuses(statuses.size(), status));
+    Lines lines;
+    while (lines.size() < statuses.size()) {
+        lines.push_back(null_line(lines.size()));
+    }
+    EXPECT_TRUE(log.said(lines));
 }
 
 } // namespace support

@@ -1,5 +1,5 @@
 /**
- * Something that goes on in a thread of its own for as long as the object lives.
+ * Work on threads: what goes on in one of its own for as long as an object lives, and what several do at the same time.
  */
 #ifndef TAVRIX_TESTS_SUPPORT_REPEATING_H
 #define TAVRIX_TESTS_SUPPORT_REPEATING_H
@@ -7,6 +7,7 @@
 #include <atomic>
 #include <functional>
 #include <thread>
+#include <vector>
 
 namespace support {
 
@@ -29,6 +30,25 @@ class Repeating {
     std::atomic<bool> ended_{false};
     std::thread thread_;
 };
+
+/** Runs the work on so many threads, which begin together, to its end; it is told which of them it is on. */
+template <class Work>
+void on_threads(int count, Work work) {
+    std::atomic<int> waiting{count};
+    std::vector<std::thread> threads;
+    for (int me = 0; me < count; ++me) {
+        threads.emplace_back([&, me] {
+            --waiting;
+            while (waiting > 0) {
+                std::this_thread::yield();
+            }
+            work(me);
+        });
+    }
+    for (std::thread &thread : threads) {
+        thread.join();
+    }
+}
 
 } // namespace support
 

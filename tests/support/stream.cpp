@@ -82,6 +82,13 @@ void StreamClient::close() {
     fd_ = -1;
 }
 
+int SocketPair::connected_to(tavrix::Descriptor *end) {
+    int fds[2] = {-1, -1};
+    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
+    end->reset(fds[0]);
+    return fds[1];
+}
+
 int port_of(int fd) {
     sockaddr_in address{};
     socklen_t length = sizeof address;

@@ -9,6 +9,8 @@
 #include <gtest/gtest.h>
 #include <sys/un.h>
 
+#include "common/handles.h"
+
 namespace support {
 
 sockaddr_un unix_address(const std::string &path);
@@ -41,6 +43,15 @@ class StreamClient {
 
   private:
     int fd_;
+};
+
+/** Both ends of one connection. */
+struct SocketPair {
+    tavrix::Descriptor ours;
+    StreamClient theirs{connected_to(&ours)};
+
+  private:
+    static int connected_to(tavrix::Descriptor *end);
 };
 
 /** The port that a TCP socket is bound to. */

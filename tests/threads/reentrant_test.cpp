@@ -3,7 +3,6 @@
  * would have got alone. Built with ThreadSanitizer (scripts/test.sh --only threads) a race ends the program.
  */
 #include <algorithm>
-#include <atomic>
 #include <fstream>
 #include <iterator>
 #include <map>
@@ -11,7 +10,6 @@
 #include <regex>
 #include <set>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -25,38 +23,20 @@
 #include "support/log_capture.h"
 #include "support/params.h"
 #include "support/process.h"
+#include "support/repeating.h"
 #include "tavrix.h"
 
-using support::BusSocket;
-using support::Json;
-using support::LogCapture;
-using support::Params;
-using support::parsed;
-using support::taken;
+using namespace support;
 
 namespace {
 
 constexpr int thread_count = 4;
 constexpr int rounds = 20;
 
-/** Runs a piece of work on all threads, which begin together; it is told which thread it is on. */
 template <typename Work>
 void on_all_threads(Work work) {
     const LogCapture log("verbose"); // lines are a part of what runs at the same time
-    std::atomic<int> waiting{thread_count};
-    std::vector<std::thread> threads;
-    for (int me = 0; me < thread_count; ++me) {
-        threads.emplace_back([&, me] {
-            --waiting;
-            while (waiting > 0) {
-                std::this_thread::yield();
-            }
-            work(me);
-        });
-    }
-    for (std::thread &thread : threads) {
-        thread.join();
-    }
+    on_threads(thread_count, work);
 }
 template <typename Work>
 void repeatedly(Work work) {
@@ -81,7 +61,7 @@ constexpr char response[] = R"({"jsonrpc":"2.0","id":"me","result":"hello","tran
 struct Places {
     std::vector<int> ports;
 
-    Places() { std::generate_n(std::back_inserter(ports), 2 * thread_count, support::free_port); }
+    Places() { std::generate_n(std::back_inserter(ports), 2 * thread_count, free_port); }
     unsigned port(int number) const { return static_cast<unsigned>(ports[static_cast<size_t>(number)]); }
     std::string address(int number) const { return "tcp://127.0.0.1:" + std::to_string(port(number)); }
 };
@@ -92,12 +72,10 @@ struct Endpoint {
         EXPECT_EQ(tavrix_jrpc_mq_pub_init(address.c_str(), &pub.number), TAVRIX_OK);
         EXPECT_EQ(tavrix_jrpc_mq_sub_init(&sub.number, 1), TAVRIX_OK);
         EXPECT_EQ(tavrix_jrpc_mq_sub_set_channel(address.c_str(), "", &sub.number), TAVRIX_OK);
-        support::settle(pub.number, sub.number, "");
+        settle(pub.number, sub.number, "");
     }
     BusSocket pub, sub;
 };
-
-} // namespace
 
 TEST(Reentrant, Catalogue) {
     repeatedly([](int) {
@@ -131,7 +109,7 @@ TEST(Reentrant, ConfigurationFile) {
 
 TEST(Reentrant, Validators) {
     repeatedly([](int me) {
-        for (const support::Field &field : support::fields()) {
+        for (const Field &field : fields()) {
             if (field.has_validator()) {
                 EXPECT_EQ(field.judge(field.valid[static_cast<size_t>(me) % field.valid.size()]), TAVRIX_VALID)
                     << field.name;
@@ -143,7 +121,7 @@ TEST(Reentrant, Validators) {
 
 TEST(Reentrant, Parameters) {
     repeatedly([](int me) {
-        for (const support::Field &field : support::fields()) {
+        for (const Field &field : fields()) {
             if (!field.has_reader()) {
                 continue;
             }
@@ -498,11 +476,11 @@ TEST(Reentrant, IsEverythingThatIsNotSaidToBeOtherwise) {
         {"tavrix_sqlite3_get_single_id_result_args", "as tavrix_sqlite3_get_single_id_result()"},
         {"tavrix_db_get_single_id_result_args", "as tavrix_db_get_single_id_result()"},
     };
-    const std::string source = support::read_file(TAVRIX_SOURCE_DIR "/tests/threads/reentrant_test.cpp");
+    const std::string source = read_file(TAVRIX_SOURCE_DIR "/tests/threads/reentrant_test.cpp");
     const std::string text = source.substr(0, source.find("TEST(Reentrant, IsEverything"));
     const std::regex word("\\w+");
     std::set<std::string> run(std::sregex_token_iterator(text.begin(), text.end(), word), {});
-    for (const support::Field &field : support::fields()) {
+    for (const Field &field : fields()) {
         run.insert(
             {std::string("validate_") + field.name, std::string("tavrix_jrpc_utils_retrieve_input_") + field.name});
     }
@@ -515,3 +493,5 @@ TEST(Reentrant, IsEverythingThatIsNotSaidToBeOtherwise) {
     }
     EXPECT_GT(count, 200);
 }
+
+} // namespace

@@ -2,6 +2,7 @@
  * The daemons' options: what the command line and the file leave in the daemon's variables.
  */
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -47,10 +48,7 @@ TEST(DaemonOptions, KeepTheirDefaultsWhereNothingIsSaid) {
 }
 
 TEST(DaemonOptions, TakeATextHoweverItIsGiven) {
-    const struct {
-        Words words;
-        const char *text;
-    } rows[] = {
+    const std::pair<Words, const char *> rows[] = {
         {{"--some-text", "a"}, "a"},
         {{"--some-text=a"}, "a"},
         {{"--some-text=a=b"}, "a=b"},
@@ -62,27 +60,24 @@ TEST(DaemonOptions, TakeATextHoweverItIsGiven) {
         {{"--some-text", "a b"}, "a b"},
         {{"--some-text", "a", "--some-number", "1", "--some-text", "b"}, "b"},
     };
-    for (const auto &row : rows) {
+    for (const auto &[words, text] : rows) {
         Daemon daemon;
-        EXPECT_TRUE(daemon.starts_with(row.words)) << row.words[0];
-        EXPECT_EQ(daemon.text, row.text) << row.words[0];
+        EXPECT_TRUE(daemon.starts_with(words)) << words[0];
+        EXPECT_EQ(daemon.text, text) << words[0];
     }
 }
 
 TEST(DaemonOptions, TakeAListInSeveralPartsInPlaceOfTheUsualOne) {
-    const struct {
-        Words words;
-        Words list;
-    } rows[] = {
+    const std::pair<Words, Words> rows[] = {
         {{"--some-list", "a"}, {"a"}},
         {{"--some-list", "a,b", "--some-list=c"}, {"a", "b", "c"}},
         {{"--some-list", "[a,b]"}, {"[a", "b]"}},
         {{"--some-list", ""}, {}},
     };
-    for (const auto &row : rows) {
+    for (const auto &[words, list] : rows) {
         Daemon daemon;
-        EXPECT_TRUE(daemon.starts_with(row.words)) << row.words[1];
-        EXPECT_EQ(daemon.list, row.list) << row.words[1];
+        EXPECT_TRUE(daemon.starts_with(words)) << words[1];
+        EXPECT_EQ(daemon.list, list) << words[1];
     }
 }
 

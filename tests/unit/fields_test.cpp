@@ -14,7 +14,7 @@
 #include "tavrix_error.h"
 #include "tavrix_validation.h"
 
-using support::Field;
+using namespace support;
 
 namespace {
 
@@ -35,14 +35,13 @@ std::set<std::string> exported() {
 
 class Fields : public testing::TestWithParam<Field> {};
 
-INSTANTIATE_TEST_SUITE_P(Row, Fields, testing::ValuesIn(support::fields()),
-                         [](const auto &row) { return row.param.name; });
+INSTANTIATE_TEST_SUITE_P(Row, Fields, testing::ValuesIn(fields()), [](const auto &row) { return row.param.name; });
 
 } // namespace
 
 TEST(FieldTable, HasEachExportedReaderAndValidator) {
     std::set<std::string> tested = {"validate_date_time"}; // takes two values: see tavrix_validation_test.cpp
-    for (const Field &field : support::fields()) {
+    for (const Field &field : fields()) {
         if (field.has_reader()) {
             tested.insert(reader + std::string(field.name));
         }
@@ -54,7 +53,7 @@ TEST(FieldTable, HasEachExportedReaderAndValidator) {
 }
 
 TEST_P(Fields, AreJudgedAsTheRowSays) {
-    const support::LogCapture log("off");
+    const LogCapture log("off");
     const Field &field = GetParam();
     ASSERT_FALSE(field.valid.empty());
     if (!field.has_validator()) {
@@ -70,13 +69,13 @@ TEST_P(Fields, AreJudgedAsTheRowSays) {
 }
 
 TEST_P(Fields, AreReadWhenTheyAreThere) {
-    const support::LogCapture log("off");
+    const LogCapture log("off");
     const Field &field = GetParam();
     if (!field.has_reader()) {
         return;
     }
     char out[128] = "";
-    support::Params params(field.params(field.valid.front()));
+    Params params(field.params(field.valid.front()));
     EXPECT_EQ(field.read(params.get(), params.debug(), "k", out, sizeof out), TAVRIX_OK);
     EXPECT_EQ(field.read(params.get(), params.debug(), "absent", out, sizeof out), TAVRIX_ERR_PARAMETER_NOT_FOUND);
 }

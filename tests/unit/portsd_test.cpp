@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -16,12 +17,8 @@
 #include "tavrix_jrpc.h"
 #include "testkit/driven_service.h"
 
-using driven::code_and_words;
-using driven::quoted;
-using driven::result;
-using support::code_of;
-using support::member;
-using support::Sql;
+using namespace driven;
+using namespace support;
 
 namespace {
 
@@ -75,10 +72,10 @@ const std::string d1 = R"("port_id":"d1")";
 class PortsService : public testing::Test {
   protected:
     PortsService() {
-        support::make_fleet_database();
+        make_fleet_database();
         context.database = &database;
         context.wait_timeout_ms = wait_timeout_ms;
-        driven = std::make_unique<driven::Service>("portsd", ports::methods(), &context);
+        driven = std::make_unique<Service>("portsd", ports::methods(), &context);
         EXPECT_TRUE(ports::listen_for_link_changes(driven->service(), &context));
     }
 
@@ -97,7 +94,7 @@ class PortsService : public testing::Test {
     }
     ports::Database database{"zqn_h7.db"};
     ports::Context context;
-    std::unique_ptr<driven::Service> driven;
+    std::unique_ptr<Service> driven;
 };
 
 /** One call of each method that needs the database, with parameters that the example fleet can take. */
@@ -173,11 +170,24 @@ TEST_F(PortsService, PutsAPortIntoVlansAndTakesItOut) {
     EXPECT_EQ(sql.read("SELECT * FROM vlan_members WHERE unit > 0"), others);
 }
 
-TEST_F(PortsService, GetsTheInstantPowerOfAPort) {
+TEST_F(PortsService, GetsTheInstantPowerOfAPortOrSaysWhyThereIsNone) {
+    const Sql sql;
+    const auto power_of = [&](const char *port) {
+        return call(get_power, R"({"port_id":")" + (port + std::string("\"}")));
+    };
     for (const auto &[port, power] : {std::pair("c1-1", "4200"), {"c1-3", "0"}}) {
-        const std::string port_id = std::string(R"({"port_id":")") + port + "\"";
-        EXPECT_EQ(call(get_power, port_id + "}"), result(port_id + R"(,"power_mw":)" + power + "}"));
+        EXPECT_EQ(power_of(port), result(std::string(R"({"port_id":")") + port + R"(","power_mw":)" + power + "}"));
     }
+    driven->expect_failure(get_power, R"({"port_id":"c1-4"})", TAVRIX_JRPC_NO_POE, TAVRIX_ERR_NO_POE);
+    driven->expect_failure(get_power, R"({"port_id":"c3-1"})", TAVRIX_JRPC_MZU_OFFLINE, TAVRIX_ERR_MZU_OFFLINE);
+    sql.run("PRAGMA ignore_check_constraints = ON");
+    for (const std::string power : {"-1", "4294967297"}) {
+        sql.run("UPDATE ports SET power_mw = " + power);
+        EXPECT_EQ(code_of(power_of("c1-1")), std::to_string(TAVRIX_JRPC_DATABASE_ERROR)) << power;
+        EXPECT_TRUE(driven->logged(("ERROR The database holds " + power + " for a power").c_str()));
+    }
+    sql.run("UPDATE ports SET power_mw = 2147483647");
+    EXPECT_EQ(power_of("c1-1"), result(R"({"port_id":"c1-1","power_mw":2147483647})"));
 }
 
 TEST_F(PortsService, PutsNewMacFiltersInThePlaceOfThePorts) {
@@ -258,12 +268,34 @@ TEST_F(PortsService, RefusesUnitsAndTheFleetWhereOnePortIsMeant) {
                            TAVRIX_JRPC_EXPECTED_C_PORT);
 }
 
-TEST_F(PortsService, RefusesAStatusThatIsNone) {
-    constexpr char method[] = "ports.SetEnabled";
-    driven->expect_refusal(method, d1, "status", "", "is missing: one of enable, disable");
-    driven->expect_refusal(method, d1, "status", "true", "is not one of enable, disable");
-    driven->expect_refusal(method, d1, "status", "\"on\"", "is not one of enable, disable");
-    driven->expect_refusal(method, d1, "status", R"("enable\u0007")", "holds a control character");
+TEST_F(PortsService, RefusesWhatItsParametersDoNotAllow) {
+    const std::string statuses = "one of enable, disable";
+    const std::string units = "a unit: c1 to c128";
+    const std::string models =
+        "one of unknown, ZQN-E09, ZQN-E10, ZQN-E11, ZQN-E12, ZQN-E13, ZQN-E14, Generic MZU, ZQN-E15, ZQN-E16, ZQN-E17";
+    const std::string macs = "a MAC address, such as 00:1A:2B:3C:4D:5E";
+    const std::string alias = "a text of up to 8 characters";
+    const struct {
+        const char *method;
+        std::string others; ///< the members before it
+        const char *parameter;
+        std::string allowed;
+        std::vector<std::string> values; ///< a number and texts
+    } rows[] = {
+        {"ports.SetEnabled", d1, "status", statuses, {"true", "\"on\""}},
+        {"mzu.Register", unit_without("mzu_id"), "mzu_id", units, {"7", "\"c129\"", "\"all\"", "\"c1-1\""}},
+        {"mzu.Register", unit_without("model"), "model", models, {"7", "\"ZQN-E18\"", "\"zqn-e10\""}},
+        {"mzu.Register", unit_without("mac"), "mac", macs, {"7", "\"00:11:22:33:44\"", "\"00:11:22:33:44:5g\""}},
+        {"mzu.Register", unit_without("alias"), "alias", alias, {"7", "\"ninechars\""}},
+    };
+    for (const auto &row : rows) {
+        driven->expect_refusal(row.method, row.others, row.parameter, "", "is missing: " + row.allowed);
+        driven->expect_refusal(row.method, row.others, row.parameter, R"("a\u0007b")", "holds a control character");
+        for (const std::string &value : row.values) {
+            driven->expect_refusal(row.method, row.others, row.parameter, value, "is not " + row.allowed);
+        }
+    }
+    EXPECT_EQ(Sql().read("SELECT count(*) FROM units"), "4") << "nothing was registered";
 }
 
 TEST_F(PortsService, RefusesVlanIdsBeyondTheirBoundsBeforeTheyAreCut) {
@@ -315,35 +347,6 @@ TEST_F(PortsService, RefusesMacFiltersThatAreNoneOrTooMany) {
     EXPECT_EQ(Sql().read("SELECT * FROM mac_filters"), stored);
 }
 
-TEST_F(PortsService, RefusesAUnitWhoseMembersAreNotInOrder) {
-    constexpr char method[] = "mzu.Register";
-    const std::string models =
-        "one of unknown, ZQN-E09, ZQN-E10, ZQN-E11, ZQN-E12, ZQN-E13, ZQN-E14, Generic MZU, ZQN-E15, ZQN-E16, ZQN-E17";
-    const std::string mac = "a MAC address, such as 00:1A:2B:3C:4D:5E";
-    const struct {
-        const char *parameter;
-        std::string allowed;
-        const char *wrong;
-    } members[] = {
-        {"mzu_id", "a unit: c1 to c128", "c129"},
-        {"mzu_id", "a unit: c1 to c128", "all"},
-        {"mzu_id", "a unit: c1 to c128", "c1-1"},
-        {"model", models, "ZQN-E18"},
-        {"model", models, "zqn-e10"},
-        {"mac", mac, "00:11:22:33:44"},
-        {"mac", mac, "00:11:22:33:44:5g"},
-        {"alias", "a text of up to 8 characters", "ninechars"},
-    };
-    for (const auto &row : members) {
-        const std::string others = unit_without(row.parameter);
-        driven->expect_refusal(method, others, row.parameter, "", "is missing: " + row.allowed);
-        driven->expect_refusal(method, others, row.parameter, "7", "is not " + row.allowed);
-        driven->expect_refusal(method, others, row.parameter, quoted(row.wrong), "is not " + row.allowed);
-        driven->expect_refusal(method, others, row.parameter, R"("a\tb")", "holds a control character");
-    }
-    EXPECT_EQ(Sql().read("SELECT count(*) FROM units"), "4") << "nothing was registered";
-}
-
 TEST_F(PortsService, TakesNoMethodThatItDoesNotHave) {
     for (const char *method : {"ports.Nothing", "ports.get"}) {
         EXPECT_EQ(code_of(call(method, R"({"port_id":"d1"})")), std::to_string(TAVRIX_JRPC_METHOD_NOT_FOUND));
@@ -373,11 +376,6 @@ TEST_F(PortsService, TellsPortsFromUnitsThatAreNotThere) {
         driven->expect_failure(method, R"({"port_id":"c99","status":"enable"})", TAVRIX_JRPC_NO_SUCH_MZU,
                                TAVRIX_ERR_NO_SUCH_MZU);
     }
-}
-
-TEST_F(PortsService, TellsWhyAPortHasNoPower) {
-    driven->expect_failure(get_power, R"({"port_id":"c1-4"})", TAVRIX_JRPC_NO_POE, TAVRIX_ERR_NO_POE);
-    driven->expect_failure(get_power, R"({"port_id":"c3-1"})", TAVRIX_JRPC_MZU_OFFLINE, TAVRIX_ERR_MZU_OFFLINE);
 }
 
 TEST_F(PortsService, RegistersNoUnitTwiceAndNoneOfAnUnknownModel) {
@@ -416,7 +414,7 @@ TEST_F(PortsService, WaitsASecondForALockAndThenGivesUp) {
 TEST_F(PortsService, GoesOnAsSoonAsALockHasGone) {
     const Sql other;
     for (const char *lock : {"BEGIN EXCLUSIVE", "BEGIN IMMEDIATE", "BEGIN; SELECT * FROM ports"}) {
-        support::make_fleet_database();
+        make_fleet_database();
         const Sql sql;
         for (const auto &row : good_calls) {
             sql.run(lock);
@@ -473,7 +471,7 @@ TEST_F(PortsService, ChecksTheTablesItNeedsAtItsStart) {
     for (const char *change :
          {"DROP TABLE mac_filters", "DROP TABLE vlan_members", "ALTER TABLE ports RENAME COLUMN power_mw TO power",
           "ALTER TABLE units RENAME COLUMN alias TO name"}) {
-        support::make_fleet_database();
+        make_fleet_database();
         Sql().run(change);
         EXPECT_EQ(ports::Database("zqn_h7.db").check_schema(), TAVRIX_ERR_SYSTEM_ACCESS) << change;
     }
@@ -507,7 +505,7 @@ TEST_F(PortsService, ComesBackWithADatabaseThatWasAway) {
     for (int i = 0; i < 2; ++i) {
         EXPECT_EQ(code_of(get("all")), std::to_string(TAVRIX_JRPC_DATABASE_ERROR));
     }
-    support::write_file("zqn_h7.db", std::string(4096, 'x'));
+    write_file("zqn_h7.db", std::string(4096, 'x'));
     EXPECT_EQ(code_of(get("all")), std::to_string(TAVRIX_JRPC_DATABASE_ERROR)) << "no database";
     std::filesystem::rename("aside.db", "zqn_h7.db");
     EXPECT_EQ(get("all"), before);
@@ -558,19 +556,6 @@ TEST_F(PortsService, ShowsNoStoredValueThatIsNone) {
         sql.run("UPDATE vlan_members SET vlan_id = 10 WHERE vlan_id > 4092");
         EXPECT_NE(member(show(), "result"), "(none)") << row.set;
     }
-}
-
-TEST_F(PortsService, ShowsNoPowerThatNoPortDraws) {
-    const Sql sql;
-    const std::string port_id = R"({"port_id":"c1-1")";
-    sql.run("PRAGMA ignore_check_constraints = ON");
-    for (const std::string power : {"-1", "4294967297"}) {
-        sql.run("UPDATE ports SET power_mw = " + power);
-        EXPECT_EQ(code_of(call(get_power, port_id + "}")), std::to_string(TAVRIX_JRPC_DATABASE_ERROR)) << power;
-        EXPECT_TRUE(driven->logged(("ERROR The database holds " + power + " for a power").c_str()));
-    }
-    sql.run("UPDATE ports SET power_mw = 2147483647");
-    EXPECT_EQ(call(get_power, port_id + "}"), result(port_id + R"(,"power_mw":2147483647})"));
 }
 
 TEST_F(PortsService, LeavesNothingHalfDone) {

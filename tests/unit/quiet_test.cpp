@@ -11,7 +11,7 @@
 #include "support/log_capture.h"
 #include "tavrix.h"
 
-using support::LogCapture;
+using namespace support;
 
 namespace {
 
@@ -36,11 +36,7 @@ int lock(const char *request) {
 const std::string long_address = "tcp://" + std::string(TAVRIX_MQ_MAX_ADDRESS, '1');
 const std::string long_extension(1001, 'x');
 
-struct Refusal {
-    const char *name;
-    std::function<int()> call;
-};
-const Refusal refusals[] = {
+const std::pair<const char *, std::function<int()>> refusals[] = {
     {"Indent",
      [] { return tavrix_jrpc_create_error(TAVRIX_JRPC_TIMED_OUT, nullptr, nullptr, 99, nullptr) != nullptr; }},
     {"Channel", [] { return tavrix_api_router_json_add_channel(nullptr, nullptr) != nullptr; }},
@@ -118,13 +114,13 @@ const Refusal refusals[] = {
     {"Extension", [] { return validate_entity_extension(long_extension.c_str()); }},
 };
 
-/** What a refusal gives and says at a level. Nothing of one call is left for the next. */
-std::pair<int, bool> at_level(const char *level, const Refusal &refusal) {
+/** What a call gives at a level, and whether it says anything. Nothing of one call is left for the next. */
+std::pair<int, bool> at_level(const char *level, const std::function<int()> &call) {
     const LogCapture log(level);
     number = -1;
     text = nullptr;
     json = nullptr;
-    const int rc = refusal.call();
+    const int rc = call();
     EXPECT_EQ(text, nullptr);
     EXPECT_EQ(json, nullptr);
     return {rc, !log.lines().empty()}; // perror() of the stream sockets is no line of the log
@@ -133,11 +129,11 @@ std::pair<int, bool> at_level(const char *level, const Refusal &refusal) {
 } // namespace
 
 TEST(Quiet, ChangesNoOutcome) {
-    for (const Refusal &refusal : refusals) {
-        SCOPED_TRACE(refusal.name);
-        const auto [loud_rc, spoke] = at_level("verbose", refusal);
+    for (const auto &[name, call] : refusals) {
+        SCOPED_TRACE(name);
+        const auto [loud_rc, spoke] = at_level("verbose", call);
         EXPECT_TRUE(spoke) << "at the level \"verbose\" it says why";
-        const auto [quiet_rc, spoke_quietly] = at_level("off", refusal);
+        const auto [quiet_rc, spoke_quietly] = at_level("off", call);
         EXPECT_FALSE(spoke_quietly);
         EXPECT_EQ(quiet_rc, loud_rc);
     }

@@ -9,9 +9,10 @@
 
 #include "support/mutation.h"
 
+using namespace support;
+
 using router::Edits;
 using router::Renderer;
-using support::Mutator;
 using tavrix::Json;
 
 namespace {

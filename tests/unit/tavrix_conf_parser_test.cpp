@@ -10,8 +10,7 @@
 #include "support/process.h"
 #include "tavrix_error.h"
 
-using support::Statuses;
-using support::with_each_null;
+using namespace support;
 
 namespace {
 
@@ -54,7 +53,7 @@ TEST(ConfParser, ChecksNullBeforeSizeAndSizeBeforeFile) {
 
 TEST(ConfParser, LogsNothing) {
     write_file("[s]\nk=v\n");
-    const support::LogCapture log("verbose");
+    const LogCapture log("verbose");
     look_up("s", "k");
     look_up("s", "missing");
     EXPECT_TRUE(log.silent());
@@ -110,46 +109,48 @@ struct Example {
     const char *value; ///< null: there is none
 };
 
-class ConfParserLookup : public testing::TestWithParam<Example> {};
-
-TEST_P(ConfParserLookup, FindsWhatIsThere) {
-    write_file(GetParam().content);
-    if (GetParam().value != nullptr) {
-        EXPECT_EQ(value_of(GetParam().section, GetParam().key), GetParam().value);
-    } else {
-        EXPECT_EQ(look_up(GetParam().section, GetParam().key).rc, TAVRIX_ERR_PARAMETER_NOT_FOUND);
-    }
-}
-
 constexpr char comments[] = "#[s]\n# k=0\n[s]\n#k=1\n #k=2\nk=3\n";
 constexpr char blanks[] = "[s]\nk = v \ncr=v\r\n";
 constexpr char trailing[] = "[s] trailing ] words\nk=v\n";
 constexpr char equals[] = "[s]\nk=a=b\n=nameless\n";
 
-INSTANTIATE_TEST_SUITE_P(
-    Files, ConfParserLookup,
-    testing::Values(Example{"MissingSection", "[s]\nk=v\n", "t", "k", nullptr},
-                    Example{"MissingKey", "[s]\nk=v\n", "s", "l", nullptr}, Example{"EmptyFile", "", "s", "k", nullptr},
-                    Example{"FirstOfTwoEqualKeys", "[s]\nk=first\nk=second\n", "s", "k", "first"},
-                    Example{"KeyBeforeAnySection", "k=early\n[s]\nother=1\n", "s", "k", nullptr},
-                    Example{"SectionThatReturns", "[s]\na=1\n[t]\nb=2\n[s]\nk=late\n", "s", "k", nullptr},
-                    Example{"SectionThatReturnsAtOnce", "[s]\na=1\n[s]\nk=late\n", "s", "k", nullptr},
-                    Example{"AnyBracketEndsTheSection", "[s]\n[not a header\nk=v\n", "s", "k", nullptr},
-                    Example{"HeaderWithoutClosingBracketIsPassedOver", "[s\n[s]\nk=v\n", "s", "k", "v"},
-                    Example{"SectionUpToTheFirstClosingBracket", trailing, "s", "k", "v"},
-                    Example{"SectionUpToNoLaterBracket", trailing, "s] trailing ", "k", nullptr},
-                    Example{"EmptySectionName", "[]\nk=v\n", "", "k", "v"},
-                    Example{"CommentsAreSkipped", comments, "s", "k", "3"},
-                    Example{"OnlyTheFirstCharacterMakesAComment", comments, "s", " #k", "2"},
-                    Example{"CommentIsNoKey", comments, "s", "#k", nullptr},
-                    Example{"BracketIsTheFirstCharacter", " [s]\nk=v\n", "s", "k", nullptr},
-                    Example{"BlanksBelongToTheKey", blanks, "s", "k", nullptr},
-                    Example{"BlanksBelongToTheValue", blanks, "s", "k ", " v "},
-                    Example{"CarriageReturnBelongsToTheValue", blanks, "s", "cr", "v\r"},
-                    Example{"FirstEqualsSignSplits", equals, "s", "k", "a=b"},
-                    Example{"EmptyKey", equals, "s", "", "nameless"}, Example{"EmptyValue", "[s]\nk=\n", "s", "k", ""},
-                    Example{"LastLineWithoutNewline", "[s]\nk=v", "s", "k", nullptr},
-                    Example{"OnlyLineWithoutNewline", "[s]", "s", "k", nullptr},
-                    Example{"LinesWithoutEqualsSignArePassedOver", "[s]\nk\n\nk=v\n", "s", "k", "v"},
-                    Example{"CaseMatters", "[S]\nk=upper section\n[s]\nK=upper\nk=lower\n", "s", "k", "lower"}),
-    [](const auto &row) { return row.param.name; });
+constexpr Example examples[] = {
+    {"MissingSection", "[s]\nk=v\n", "t", "k", nullptr},
+    {"MissingKey", "[s]\nk=v\n", "s", "l", nullptr},
+    {"EmptyFile", "", "s", "k", nullptr},
+    {"FirstOfTwoEqualKeys", "[s]\nk=first\nk=second\n", "s", "k", "first"},
+    {"KeyBeforeAnySection", "k=early\n[s]\nother=1\n", "s", "k", nullptr},
+    {"SectionThatReturns", "[s]\na=1\n[t]\nb=2\n[s]\nk=late\n", "s", "k", nullptr},
+    {"SectionThatReturnsAtOnce", "[s]\na=1\n[s]\nk=late\n", "s", "k", nullptr},
+    {"AnyBracketEndsTheSection", "[s]\n[not a header\nk=v\n", "s", "k", nullptr},
+    {"HeaderWithoutClosingBracketIsPassedOver", "[s\n[s]\nk=v\n", "s", "k", "v"},
+    {"SectionUpToTheFirstClosingBracket", trailing, "s", "k", "v"},
+    {"SectionUpToNoLaterBracket", trailing, "s] trailing ", "k", nullptr},
+    {"EmptySectionName", "[]\nk=v\n", "", "k", "v"},
+    {"CommentsAreSkipped", comments, "s", "k", "3"},
+    {"OnlyTheFirstCharacterMakesAComment", comments, "s", " #k", "2"},
+    {"CommentIsNoKey", comments, "s", "#k", nullptr},
+    {"BracketIsTheFirstCharacter", " [s]\nk=v\n", "s", "k", nullptr},
+    {"BlanksBelongToTheKey", blanks, "s", "k", nullptr},
+    {"BlanksBelongToTheValue", blanks, "s", "k ", " v "},
+    {"CarriageReturnBelongsToTheValue", blanks, "s", "cr", "v\r"},
+    {"FirstEqualsSignSplits", equals, "s", "k", "a=b"},
+    {"EmptyKey", equals, "s", "", "nameless"},
+    {"EmptyValue", "[s]\nk=\n", "s", "k", ""},
+    {"LastLineWithoutNewline", "[s]\nk=v", "s", "k", nullptr},
+    {"OnlyLineWithoutNewline", "[s]", "s", "k", nullptr},
+    {"LinesWithoutEqualsSignArePassedOver", "[s]\nk\n\nk=v\n", "s", "k", "v"},
+    {"CaseMatters", "[S]\nk=upper section\n[s]\nK=upper\nk=lower\n", "s", "k", "lower"},
+};
+
+TEST(ConfParser, FindsWhatIsThere) {
+    for (const Example &row : examples) {
+        SCOPED_TRACE(row.name);
+        write_file(row.content);
+        if (row.value != nullptr) {
+            EXPECT_EQ(value_of(row.section, row.key), row.value);
+        } else {
+            EXPECT_EQ(look_up(row.section, row.key).rc, TAVRIX_ERR_PARAMETER_NOT_FOUND);
+        }
+    }
+}

@@ -8,11 +8,13 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include "support/fleet_database.h"
 #include "support/log_capture.h"
+#include "support/nulls.h"
 #include "support/stream.h"
 #include "tavrix_error.h"
 
-using support::LogCapture;
+using namespace support;
 
 namespace {
 
@@ -22,22 +24,8 @@ constexpr char other[] = "other.db";
 
 void make_database(const char *path) {
     std::remove(path);
-    sqlite3 *db = nullptr;
-    ASSERT_EQ(sqlite3_open(path, &db), SQLITE_OK);
-    ASSERT_EQ(sqlite3_exec(db,
-                           "CREATE TABLE t (id INTEGER PRIMARY KEY, parent INTEGER REFERENCES t (id));"
-                           "INSERT INTO t VALUES (7, NULL); CREATE TABLE empty (id INTEGER);",
-                           nullptr, nullptr, nullptr),
-              SQLITE_OK);
-    sqlite3_close(db);
-}
-
-int pragma(sqlite3 *db, const char *sql) {
-    sqlite3_stmt *statement = nullptr;
-    sqlite3_prepare_v2(db, sql, -1, &statement, nullptr);
-    const int value = sqlite3_step(statement) == SQLITE_ROW ? sqlite3_column_int(statement, 0) : -1;
-    sqlite3_finalize(statement);
-    return value;
+    Sql(path).run("CREATE TABLE t (id INTEGER PRIMARY KEY, parent INTEGER REFERENCES t (id));"
+                  "INSERT INTO t VALUES (7, NULL); CREATE TABLE empty (id INTEGER);");
 }
 
 int single_id_args(sqlite3 *db, const char *path, const char *name, int64_t *out, const char *format, ...) {
@@ -69,16 +57,14 @@ class OpenDatabase : public Database {
         Database::SetUp();
         ASSERT_EQ(tavrix_db_open(&handle), 0);
     }
-    void insert() const {
-        EXPECT_EQ(sqlite3_exec(handle, "INSERT INTO t VALUES (1, NULL)", nullptr, nullptr, nullptr), SQLITE_OK);
-    }
+    void insert() const { values_of(handle, "INSERT INTO t VALUES (1, NULL)"); }
 };
 
 } // namespace
 
 TEST_F(OpenDatabase, OpensWithTheSettingsEveryConnectionMustHave) {
-    EXPECT_EQ(pragma(handle, "PRAGMA foreign_keys"), 1);
-    EXPECT_EQ(pragma(handle, "PRAGMA recursive_triggers"), 1);
+    EXPECT_EQ(values_of(handle, "PRAGMA foreign_keys"), "1");
+    EXPECT_EQ(values_of(handle, "PRAGMA recursive_triggers"), "1");
     EXPECT_EQ(sqlite3_exec(handle, "INSERT INTO t VALUES (8, 99)", nullptr, nullptr, nullptr), SQLITE_CONSTRAINT);
     EXPECT_NE(std::string(sqlite3_db_filename(handle, "main")).find(cfgdb), std::string::npos);
 }
@@ -87,7 +73,7 @@ TEST_F(Database, NeverCreatesAFile) {
     std::remove("missing.db");
     const LogCapture log("info");
     EXPECT_EQ(tavrix_db_open_file(&handle, "missing.db"), TAVRIX_ERR_SYSTEM_ACCESS);
-    EXPECT_TRUE(log.has(support::error, unit, "Failed to open a database connection to file <missing.db>\n"));
+    EXPECT_TRUE(log.has(error, unit, "Failed to open a database connection to file <missing.db>\n"));
     EXPECT_NE(handle, nullptr) << "the closed handle's value stays";
     EXPECT_EQ(tavrix_db_ensure_open_file(&handle, "missing.db"), 0) << "and counts as open";
     handle = nullptr;
@@ -97,7 +83,7 @@ TEST_F(Database, NeverCreatesAFile) {
 TEST_F(Database, OpensLazily) {
     LogCapture log("verbose");
     ASSERT_EQ(tavrix_db_ensure_open(&handle), 0);
-    EXPECT_TRUE(log.has(support::debug, unit, "Database file <zqn_h7.db> was not open, opening now...\n"));
+    EXPECT_TRUE(log.has(debug, unit, "Database file <zqn_h7.db> was not open, opening now...\n"));
     const sqlite3 *const opened = handle;
     log.clear();
     ASSERT_EQ(tavrix_db_ensure_open(&handle), 0);
@@ -142,11 +128,15 @@ TEST_F(OpenDatabase, ClosesAndSaysWhatIsUnfinished) {
     EXPECT_EQ(tavrix_db_close(std::exchange(handle, nullptr)), 0);
 }
 
-TEST_F(OpenDatabase, PreparesOnTheCallersConnection) {
+TEST_F(OpenDatabase, PreparesOnTheCallersConnectionOrSaysWhatItCannotPrepare) {
     sqlite3_stmt *statement = nullptr;
     ASSERT_EQ(tavrix_db_prepare_statement(handle, cfgdb, &statement, "SELECT id FROM t"), 0);
     EXPECT_EQ(sqlite3_db_handle(statement), handle);
     sqlite3_finalize(statement);
+    const LogCapture log("info");
+    EXPECT_EQ(tavrix_db_prepare_statement(handle, cfgdb, &statement, "SELECT nonsense FROM t"),
+              TAVRIX_ERR_SYSTEM_ACCESS);
+    EXPECT_TRUE(log.said({"WARN |[RC:1] Unable to prepare query <SELECT nonsense FROM t>"}));
 }
 
 TEST_F(Database, PreparesOnAFreshConnectionThatTheStatementKeeps) {
@@ -160,16 +150,8 @@ TEST_F(Database, PreparesOnAFreshConnectionThatTheStatementKeeps) {
     EXPECT_EQ(tavrix_db_close(kept), 0);
 }
 
-TEST_F(OpenDatabase, ReportsAQueryThatCannotBePrepared) {
-    sqlite3_stmt *statement = nullptr;
-    const LogCapture log("info");
-    EXPECT_EQ(tavrix_db_prepare_statement(handle, cfgdb, &statement, "SELECT nonsense FROM t"),
-              TAVRIX_ERR_SYSTEM_ACCESS);
-    EXPECT_TRUE(log.said({"WARN |[RC:1] Unable to prepare query <SELECT nonsense FROM t>"}));
-}
-
 TEST_F(Database, LeaksNoFreshConnection) {
-    const support::NothingOpens nothing;
+    const NothingOpens nothing;
     const LogCapture log("off");
     int64_t value = 0;
     sqlite3_stmt *statement = nullptr;
@@ -202,30 +184,22 @@ TEST_F(OpenDatabase, ReadsIdsAndCounts) {
 TEST_F(Database, NamesTheFirstNullArgument) {
     int64_t value = 0;
     sqlite3_stmt *statement = nullptr;
-    LogCapture log("info");
-    const auto named = [&](int rc, int index) {
-        EXPECT_EQ(rc, TAVRIX_ERR_PARAMETER);
-        EXPECT_TRUE(log.said({"WARN |Found a null input parameter at varg index <" + std::to_string(index) + ">"}));
-        log.clear();
-    };
-    named(tavrix_db_open(nullptr), 0);
-    named(tavrix_db_open_file(nullptr, cfgdb), 0);
-    named(tavrix_db_open_file(&handle, nullptr), 1);
-    named(tavrix_db_ensure_open(nullptr), 0);
-    named(tavrix_db_ensure_open_file(nullptr, cfgdb), 0);
-    named(tavrix_db_ensure_open_file(&handle, nullptr), 1);
-    named(tavrix_db_close(nullptr), 0);
-    named(tavrix_db_prepare_statement(nullptr, nullptr, &statement, "SELECT 1"), 1); // by the test of opening
-    named(tavrix_db_prepare_statement(nullptr, cfgdb, nullptr, "SELECT 1"), 0);
-    named(tavrix_db_prepare_statement(nullptr, cfgdb, &statement, nullptr), 1);
-    named(tavrix_db_get_single_id_result(nullptr, nullptr, "t", &value, "SELECT 1"), 0);
-    named(tavrix_db_get_single_id_result(nullptr, cfgdb, nullptr, &value, "SELECT 1"), 1);
-    named(tavrix_db_get_single_id_result(nullptr, cfgdb, "t", nullptr, "SELECT 1"), 2);
-    named(tavrix_db_get_single_id_result(nullptr, cfgdb, "t", &value, nullptr), 3);
-    named(single_id_args(nullptr, nullptr, "t", &value, "SELECT 1"), 0);
-    named(single_id_args(nullptr, cfgdb, nullptr, &value, "SELECT 1"), 1);
-    named(single_id_args(nullptr, cfgdb, "t", nullptr, "SELECT 1"), 2);
-    named(single_id_args(nullptr, cfgdb, "t", &value, nullptr), 3);
+    constexpr int refused = TAVRIX_ERR_PARAMETER;
+    expect_nulls_named(refused, tavrix_db_open, &handle);
+    expect_nulls_named(refused, tavrix_db_open_file, &handle, cfgdb);
+    expect_nulls_named(refused, tavrix_db_ensure_open, &handle);
+    expect_nulls_named(refused, tavrix_db_ensure_open_file, &handle, cfgdb);
+    expect_nulls_named(refused, tavrix_db_close, handle);
+    // The handle may be null: a connection is opened then.
+    const auto prepare = [](auto... rest) { return tavrix_db_prepare_statement(nullptr, cfgdb, rest...); };
+    const auto get_id = [](auto... rest) { return tavrix_db_get_single_id_result(nullptr, rest...); };
+    const auto get_id_args = [](auto... rest) { return single_id_args(nullptr, rest...); };
+    expect_nulls_named(refused, prepare, &statement, "SELECT 1");
+    expect_nulls_named(refused, get_id, cfgdb, "t", &value, "SELECT 1");
+    expect_nulls_named(refused, get_id_args, cfgdb, "t", &value, "SELECT 1");
+    const LogCapture log("info");
+    EXPECT_EQ(tavrix_db_prepare_statement(nullptr, nullptr, &statement, "SELECT 1"), refused);
+    EXPECT_TRUE(log.said({null_line(1)})) << "by the test of opening";
     EXPECT_EQ(handle, nullptr);
     EXPECT_EQ(statement, nullptr);
 }
@@ -234,11 +208,11 @@ TEST_F(OpenDatabase, RunsTransactions) {
     EXPECT_EQ(tavrix_db_open_transaction(handle), 0);
     insert();
     EXPECT_EQ(tavrix_db_rollback_transaction(handle), 0);
-    EXPECT_EQ(pragma(handle, "SELECT count(*) FROM t"), 1);
+    EXPECT_EQ(values_of(handle, "SELECT count(*) FROM t"), "1");
     EXPECT_EQ(tavrix_db_open_transaction(handle), 0);
     insert();
     EXPECT_EQ(tavrix_db_commit_transaction(handle), 0);
-    EXPECT_EQ(pragma(handle, "SELECT count(*) FROM t"), 2);
+    EXPECT_EQ(values_of(handle, "SELECT count(*) FROM t"), "2");
 }
 
 TEST_F(OpenDatabase, ReportsTransactionsThatFail) {
@@ -254,10 +228,8 @@ TEST_F(OpenDatabase, ReportsTransactionsThatFail) {
 }
 
 TEST_F(OpenDatabase, CommitsOnceWhileAnotherConnectionReads) {
-    sqlite3_stmt *reading = nullptr;
-    ASSERT_EQ(tavrix_db_prepare_statement(nullptr, cfgdb, &reading, "SELECT id FROM t"), 0);
-    sqlite3 *const reader = sqlite3_db_handle(reading);
-    ASSERT_EQ(sqlite3_step(reading), SQLITE_ROW);
+    const Sql reader;
+    reader.run("BEGIN; SELECT id FROM t");
     ASSERT_EQ(tavrix_db_open_transaction(handle), 0);
     insert();
     {
@@ -265,10 +237,9 @@ TEST_F(OpenDatabase, CommitsOnceWhileAnotherConnectionReads) {
         EXPECT_EQ(tavrix_db_commit_transaction(handle), TAVRIX_ERR_SYSTEM_ACCESS);
         EXPECT_TRUE(log.said({"ERROR|Unable to commit sql transaction due to SQLite error <5>"}));
     }
-    sqlite3_finalize(reading);
-    EXPECT_EQ(tavrix_db_close(reader), 0);
+    reader.run("COMMIT");
     EXPECT_EQ(tavrix_db_commit_transaction(handle), 0) << "the transaction is still open";
-    EXPECT_EQ(pragma(handle, "SELECT count(*) FROM t"), 2);
+    EXPECT_EQ(values_of(handle, "SELECT count(*) FROM t"), "2");
 }
 
 TEST_F(Database, RunsNoTransactionWithoutAHandle) {

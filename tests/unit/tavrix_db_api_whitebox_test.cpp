@@ -12,9 +12,8 @@
 #include "support/log_capture.h"
 #include "tavrix_error.h"
 
-using fault::Failing;
-using fault::Fault;
-using support::LogCapture;
+using namespace fault;
+using namespace support;
 
 namespace {
 

@@ -1,6 +1,7 @@
 #include <chrono>
 #include <climits>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -15,13 +16,7 @@
 #include "tavrix_jrpc.h"
 #include "tavrix_mq.h"
 
-using support::BusPair;
-using support::BusSocket;
-using support::free_bus_address;
-using support::Lines;
-using support::LogCapture;
-using support::Statuses;
-using support::with_each_null;
+using namespace support;
 
 namespace {
 
@@ -65,7 +60,7 @@ std::string parse_channel(const std::string &words) { return "[tavrix_jrpc_parse
 
 /** Why Jansson stops reading a text. */
 std::string complaint(const std::string &text) {
-    const json_error_t error = support::parse_error(text);
+    const json_error_t error = parse_error(text);
     return "Error on line[" + std::to_string(error.line) + "]: " + error.text + "\n";
 }
 
@@ -88,8 +83,6 @@ struct Served {
     int calls = 0;
     const char *reply = "(nothing)";
 };
-
-class EndpointSays : public Endpoint, public testing::WithParamInterface<Served> {};
 
 Served dropped(const char *name, const std::string &json, Lines why) {
     why.push_back("DEBUG|" + mq_run("Error parse_channel, rc = -1"));
@@ -147,22 +140,21 @@ std::vector<Served> served_messages() {
     };
 }
 
-INSTANTIATE_TEST_SUITE_P(Messages, EndpointSays, testing::ValuesIn(served_messages()),
-                         [](const auto &row) { return row.param.name; });
-
-} // namespace
-
-TEST_P(EndpointSays, WhatItMakesOfAMessageInThisOrder) {
-    const std::string frame = std::string("service|") + GetParam().json;
-    requests.publish(frame);
-    const LogCapture log("verbose");
-    EXPECT_EQ(step(), GetParam().rc);
-    Lines lines = {"VERB |" + mq_run("waiting to receive... "),
-                   "VERB |" + mq_run("mq_recv msg[" + std::to_string(frame.size()) + "]: " + frame)};
-    lines.insert(lines.end(), GetParam().lines.begin(), GetParam().lines.end());
-    EXPECT_EQ(engine_lines(log), lines);
-    EXPECT_EQ(calls, GetParam().calls);
-    EXPECT_EQ(replies.receive(), GetParam().reply);
+TEST_F(Endpoint, SaysWhatItMakesOfAMessageInThisOrder) {
+    for (const Served &row : served_messages()) {
+        SCOPED_TRACE(row.name);
+        calls = 0;
+        const std::string frame = "service|" + row.json;
+        requests.publish(frame);
+        const LogCapture log("verbose");
+        EXPECT_EQ(step(), row.rc);
+        Lines lines = {"VERB |" + mq_run("waiting to receive... "),
+                       "VERB |" + mq_run("mq_recv msg[" + std::to_string(frame.size()) + "]: " + frame)};
+        lines.insert(lines.end(), row.lines.begin(), row.lines.end());
+        EXPECT_EQ(engine_lines(log), lines);
+        EXPECT_EQ(calls, row.calls);
+        EXPECT_EQ(replies.receive(), row.reply);
+    }
 }
 
 TEST_F(Endpoint, AnswersAFailedMethod) {
@@ -174,7 +166,7 @@ TEST_F(Endpoint, AnswersAFailedMethod) {
 TEST_F(Endpoint, DropsAFrameWithoutBar) {
     const LogCapture log("debug");
     EXPECT_EQ(serve("service without bar"), TAVRIX_ERR_GENERAL);
-    EXPECT_TRUE(log.has(support::debug, unit, "[tavrix_jrpc_mq_run]: Error parse_msg, rc = -1\n"));
+    EXPECT_TRUE(log.has(debug, unit, "[tavrix_jrpc_mq_run]: Error parse_msg, rc = -1\n"));
 }
 
 TEST_F(Endpoint, RefusesAnEmptyFrame) {
@@ -199,9 +191,9 @@ TEST_F(Endpoint, ReportsAReplyThatCannotBePublished) {
     requests.publish(std::string("service|") + request);
     const LogCapture log("debug");
     EXPECT_EQ(tavrix_jrpc_mq_run(&requests.sub.number, &closed, table, 0), TAVRIX_ERR_GENERAL);
-    EXPECT_TRUE(log.has(support::debug, unit, "[tavrix_jrpc_mq_run]: Sending response over mq_pub ...\n"));
-    EXPECT_TRUE(log.has(support::debug, unit, "[tavrix_jrpc_mq_pub]: Error mq_send, rc = -1\n"));
-    EXPECT_TRUE(log.has(support::debug, unit, "[tavrix_jrpc_mq_run]: Error mq_send, rc = -1\n"));
+    EXPECT_TRUE(log.has(debug, unit, "[tavrix_jrpc_mq_run]: Sending response over mq_pub ...\n"));
+    EXPECT_TRUE(log.has(debug, unit, "[tavrix_jrpc_mq_pub]: Error mq_send, rc = -1\n"));
+    EXPECT_TRUE(log.has(debug, unit, "[tavrix_jrpc_mq_run]: Error mq_send, rc = -1\n"));
 }
 
 TEST_F(Endpoint, ListensOnSeveralChannels) {
@@ -216,11 +208,11 @@ TEST(PubInit, BindsAPublisher) {
     const LogCapture log("debug");
     const std::string address = free_bus_address();
     ASSERT_EQ(tavrix_jrpc_mq_pub_init(address.c_str(), &pub.number), 0);
-    EXPECT_TRUE(log.has(support::debug, unit, "[tavrix_jrpc_mq_pub_init]: mq_socket for pub initialized.\n"));
+    EXPECT_TRUE(log.has(debug, unit, "[tavrix_jrpc_mq_pub_init]: mq_socket for pub initialized.\n"));
     BusSocket sub(TAVRIX_SP_SUB);
     sub.connect(address);
     tavrix_mq_socket_subscribe(sub.number, "c");
-    support::settle(pub.number, sub.number, "c");
+    settle(pub.number, sub.number, "c");
 }
 
 TEST(PubInit, RefusesBadAddresses) {
@@ -263,7 +255,7 @@ TEST(SubInit, SetsATimeOutWhenAskedTo) {
 }
 
 TEST(Init, ReportsThatNoBusSocketIsLeft) {
-    const support::NoBusSocketIsLeft taken;
+    const NoBusSocketIsLeft taken;
     int out = -77;
     const LogCapture log("debug");
     EXPECT_EQ(tavrix_jrpc_mq_pub_init("tcp://127.0.0.1:1", &out), TAVRIX_ERR_GENERAL);
@@ -277,37 +269,35 @@ TEST(Endpoints, RefuseNull) {
     BusSocket sub(TAVRIX_SP_SUB);
     BusSocket pub(TAVRIX_SP_PUB);
     int number = -77;
-    const Statuses two(2, TAVRIX_ERR_NULL_INPUT);
-    const Statuses three(3, TAVRIX_ERR_NULL_INPUT);
-    const LogCapture log("debug");
-    EXPECT_EQ(with_each_null(tavrix_jrpc_mq_pub_init, "tcp://127.0.0.1:1", &number), two);
-    EXPECT_EQ(tavrix_jrpc_mq_sub_init(nullptr, 1), TAVRIX_ERR_NULL_INPUT);
-    EXPECT_EQ(with_each_null(tavrix_jrpc_mq_sub_set_channel, "tcp://127.0.0.1:1", "c", &sub.number), three);
-    EXPECT_EQ(with_each_null(tavrix_jrpc_mq_run, &sub.number, &pub.number, &table[0], 0), three);
-    EXPECT_EQ(with_each_null(tavrix_jrpc_mq_pub, &pub.number, "c", "{}"), three);
+    constexpr int refused = TAVRIX_ERR_NULL_INPUT;
+    const auto line = [](const std::string &function, const char *words) {
+        return "DEBUG|[tavrix_jrpc_" + function + "]: " + words;
+    };
+    expect_nulls_refused(refused, line("mq_pub_init", "NULL pointer!"), tavrix_jrpc_mq_pub_init, "tcp://127.0.0.1:1",
+                         &number);
+    expect_nulls_refused(refused, line("mq_sub_init", "NULL pointer!"), tavrix_jrpc_mq_sub_init, &number, 1);
+    expect_nulls_refused(refused, line("mq_sub_set_channel", "NULL pointer!"), tavrix_jrpc_mq_sub_set_channel,
+                         "tcp://127.0.0.1:1", "c", &sub.number);
+    expect_nulls_refused(refused, line("mq_run", "Null Pointer!"), tavrix_jrpc_mq_run, &sub.number, &pub.number,
+                         &table[0], 0);
+    expect_nulls_refused(refused, line("mq_pub", "Null Pointer!"), tavrix_jrpc_mq_pub, &pub.number, "c", "{}");
     EXPECT_EQ(number, -77);
     EXPECT_EQ(sub.timeout_ms(), -1) << "the socket is still open";
-    EXPECT_EQ(log.count(support::debug, unit, "[tavrix_jrpc_mq_pub_init]: NULL pointer!\n"), 2);
-    EXPECT_EQ(log.count(support::debug, unit, "[tavrix_jrpc_mq_sub_init]: NULL pointer!\n"), 1);
-    EXPECT_EQ(log.count(support::debug, unit, "[tavrix_jrpc_mq_sub_set_channel]: NULL pointer!\n"), 3);
-    EXPECT_EQ(log.count(support::debug, unit, "[tavrix_jrpc_mq_run]: Null Pointer!\n"), 3);
-    EXPECT_EQ(log.count(support::debug, unit, "[tavrix_jrpc_mq_pub]: Null Pointer!\n"), 3);
 }
 
 TEST(SetChannel, ClosesTheSocketWhenAStepFails) {
-    const struct {
-        int sp_type;
-        const char *address;
-        const char *words;
-    } rows[] = {{TAVRIX_SP_SUB, "ipc://x", "Error mq_socket_connect for sub, rc = -34\n"},
-                {TAVRIX_SP_SUB, "tcp://nowhere", "Error mq_socket_connect for sub, rc = -1\n"},
-                {TAVRIX_SP_PAIR, "tcp://127.0.0.1:1", "Error mq_socket_subscribe for sub, rc = -1\n"}};
-    for (const auto &row : rows) {
-        BusSocket socket(row.sp_type);
+    const std::tuple<int, const char *, const char *> rows[] = {
+        {TAVRIX_SP_SUB, "ipc://x", "Error mq_socket_connect for sub, rc = -34\n"},
+        {TAVRIX_SP_SUB, "tcp://nowhere", "Error mq_socket_connect for sub, rc = -1\n"},
+        {TAVRIX_SP_PAIR, "tcp://127.0.0.1:1", "Error mq_socket_subscribe for sub, rc = -1\n"}};
+    for (const auto &[sp_type, address, words] : rows) {
+        BusSocket socket(sp_type);
         const LogCapture log("debug");
-        EXPECT_EQ(tavrix_jrpc_mq_sub_set_channel(row.address, "c", &socket.number), TAVRIX_ERR_GENERAL);
-        EXPECT_EQ(log.last(), std::string("DEBUG|[tavrix_jrpc_mq_sub_set_channel]: ") + row.words);
+        EXPECT_EQ(tavrix_jrpc_mq_sub_set_channel(address, "c", &socket.number), TAVRIX_ERR_GENERAL);
+        EXPECT_EQ(log.last(), std::string("DEBUG|[tavrix_jrpc_mq_sub_set_channel]: ") + words);
         EXPECT_EQ(socket.timeout_ms(), INT_MIN) << "closed";
         socket.number = -1;
     }
 }
+
+} // namespace

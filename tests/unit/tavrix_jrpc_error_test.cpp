@@ -4,22 +4,18 @@
 #include <map>
 #include <set>
 #include <string>
+#include <utility>
 
 #include <gtest/gtest.h>
 
 #include "support/log_capture.h"
 #include "tavrix_error.h"
 
-using support::LogCapture;
+using namespace support;
 
 namespace {
 
-struct Message {
-    int code;
-    const char *text;
-};
-
-constexpr Message catalogue[] = {
+constexpr std::pair<int, const char *> catalogue[] = {
     {-32001, "Unknown Error"},
     {-32002, "JSONRPC Version not supported"},
     {-32003, "This feature is not supported in this version, or the API may be incorrectly formed.  Please check the "
@@ -76,12 +72,8 @@ constexpr Message catalogue[] = {
     {-32700, "Parse error"},
 };
 
-struct Pair {
-    int internal;
-    int jrpc;
-};
-
-constexpr Pair conversions[] = {
+constexpr std::pair<int, int> conversions[] = {
+    // of the library's statuses
     {TAVRIX_ERR_GENERAL, -32001},
     {TAVRIX_ERR_JSON_RESPONSE, -32004},
     {TAVRIX_ERR_UNIMPLEMENTED, -32003},
@@ -141,8 +133,8 @@ constexpr Pair conversions[] = {
 
 TEST(JrpcCatalogue, HasAMessageForEveryCode) {
     EXPECT_EQ(std::size(catalogue), 52U);
-    for (const Message &row : catalogue) {
-        EXPECT_STREQ(tavrix_jrpc_error_message(row.code), row.text) << row.code;
+    for (const auto &[code, text] : catalogue) {
+        EXPECT_STREQ(tavrix_jrpc_error_message(code), text) << code;
     }
 }
 
@@ -153,15 +145,15 @@ TEST(JrpcCatalogue, FallsBackForCodesItLacks) {
 }
 
 TEST(ConvertToJrpc, FollowsTheTable) {
-    for (const Pair &row : conversions) {
-        EXPECT_EQ(tavrix_jrpc_error_convert_tavrix_to_jrpc(row.internal), row.jrpc) << row.internal;
+    for (const auto &[internal, jrpc] : conversions) {
+        EXPECT_EQ(tavrix_jrpc_error_convert_tavrix_to_jrpc(internal), jrpc) << internal;
     }
 }
 
 TEST(ConvertToJrpc, AnswersUnknownErrorForEveryOtherCode) {
     std::set<int> known;
-    for (const Pair &row : conversions) {
-        EXPECT_TRUE(known.insert(row.internal).second) << row.internal << " stands twice";
+    for (const auto &[internal, jrpc] : conversions) {
+        EXPECT_TRUE(known.insert(internal).second) << internal << " stands twice";
     }
     EXPECT_EQ(known.size(), 53U);
     for (int code = -80; code <= 5; ++code) {
@@ -172,8 +164,8 @@ TEST(ConvertToJrpc, AnswersUnknownErrorForEveryOtherCode) {
 
 TEST(ConvertFromJrpc, TakesTheFirstRowThatFits) {
     std::map<int, int> first;
-    for (const Pair &row : conversions) {
-        first.emplace(row.jrpc, row.internal);
+    for (const auto &[internal, jrpc] : conversions) {
+        first.emplace(jrpc, internal);
     }
     for (const auto &[jrpc, internal] : first) {
         EXPECT_EQ(tavrix_jrpc_error_convert_jrpc_to_tavrix(jrpc), internal) << jrpc;

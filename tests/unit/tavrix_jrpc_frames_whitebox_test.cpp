@@ -6,16 +6,15 @@
 
 #include <gtest/gtest.h>
 #include <jansson.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include "support/bus.h"
 #include "support/json.h"
 #include "support/log_capture.h"
+#include "support/stream.h"
 #include "tavrix_jrpc.h"
 #include "tavrix_mq.h"
 
-using support::Json;
+using namespace support;
 
 namespace {
 
@@ -47,8 +46,8 @@ int step() {
     return tavrix_jrpc_mq_run(&sub, &pub, table, 0);
 }
 
-constexpr char request[] = R"(s|{"jsonrpc":"2.0","id":"r1","method":"x.Serve"})";
-constexpr char notification[] = R"(s|{"jsonrpc":"2.0","method":"x.Serve"})";
+constexpr char request_frame[] = R"(s|{"jsonrpc":"2.0","id":"r1","method":"x.Serve"})";
+constexpr char notification_frame[] = R"(s|{"jsonrpc":"2.0","method":"x.Serve"})";
 constexpr char reply[] = R"(me|{"jsonrpc":"2.0","id":"x.Serve","result":1})";
 
 } // namespace
@@ -86,12 +85,12 @@ int __wrap_tavrix_socket_send(const int *sock, const char *text) {
 }
 
 TEST(Frame, IsReleasedBeforeItsRequestIsRead) {
-    const support::LogCapture log("info");
-    bring(request);
+    const LogCapture log("info");
+    bring(request_frame);
     EXPECT_EQ(step(), 0);
     EXPECT_EQ(published, R"(r1|{"jsonrpc":"2.0","id":"x.Serve","result":true})");
     EXPECT_FALSE(held);
-    bring(notification);
+    bring(notification_frame);
     EXPECT_EQ(step(), 0);
     EXPECT_EQ(published, "");
     EXPECT_FALSE(held);
@@ -109,30 +108,26 @@ TEST(Frame, IsReleasedBeforeAReplyIsRead) {
 }
 
 TEST(Frame, IsReleasedBeforeANotificationIsRead) {
-    const support::BusSocket sub(TAVRIX_SP_SUB); // its time-out is read and put back
+    const BusSocket sub(TAVRIX_SP_SUB); // its time-out is read and put back
     Json out;
-    bring(notification);
+    bring(notification_frame);
     EXPECT_EQ(tavrix_jrpc_mq_sub_for_notifcation(sub.number, "x.Serve", into(out)), 0);
     EXPECT_FALSE(held);
 }
 
 TEST(Frame, IsReleasedBeforeItsTextGoesToTheClient) {
-    int pair[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
+    SocketPair pair;
     bring(reply);
     int sub = 1;
-    EXPECT_EQ(tavrix_jrpc_router_mq_to_socket(&sub, &pair[0]), 0);
+    EXPECT_EQ(tavrix_jrpc_router_mq_to_socket(&sub, pair.ours.place()), 0);
     EXPECT_FALSE(held);
-    char text[sizeof reply] = "";
-    EXPECT_EQ(recv(pair[1], text, sizeof text - 1, 0), static_cast<ssize_t>(strlen(reply + 3)));
-    EXPECT_STREQ(text, reply + 3);
-    close(pair[1]);
+    EXPECT_EQ(pair.theirs.hear(), reply + 3);
 }
 
 TEST(ServingStep, ReadsAMessageOnce) {
-    for (const char *text : {request, notification, R"(s|{"jsonrpc":"2.0","id":"r1","method":"x.Unknown"})",
+    for (const char *text : {request_frame, notification_frame, R"(s|{"jsonrpc":"2.0","id":"r1","method":"x.Unknown"})",
                              R"(s|{"jsonrpc":"2.0","id":1,"method":"x.Serve"})", "s|no json", "s|[]"}) {
-        const support::LogCapture log("off");
+        const LogCapture log("off");
         bring(text);
         step();
         EXPECT_EQ(readings, 1) << text;

@@ -1,5 +1,6 @@
 #include <cstdlib>
 #include <string>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -9,35 +10,21 @@
 #include "tavrix_error.h"
 #include "tavrix_jrpc.h"
 
-using support::Lines;
-using support::LogCapture;
-using support::Statuses;
-using support::taken;
-using support::with_each_null;
+using namespace support;
 
 namespace {
 
-struct Split {
-    int rc;
-    std::string text;
-};
-
-Split split(const std::string &frame, int length) {
-    char *text = nullptr;
-    const int rc = tavrix_jrpc_parse_msg(frame.data(), length, &text);
-    return {rc, taken(text)};
+Answer split(const std::string &frame, int length) {
+    return answer_of([&](char **text) { return tavrix_jrpc_parse_msg(frame.data(), length, text); });
 }
 
-Split split(const std::string &frame) { return split(frame, static_cast<int>(frame.size())); }
+Answer split(const std::string &frame) { return split(frame, static_cast<int>(frame.size())); }
 
-Split channel_of(const std::string &json_text) {
+Answer channel_of(const std::string &json_text) {
     char untouched = 0;
     char *channel = &untouched;
     const int rc = tavrix_jrpc_parse_channel(json_text.c_str(), &channel);
-    if (channel == &untouched) {
-        return {rc, "(untouched)"};
-    }
-    return {rc, taken(channel)};
+    return {rc, channel == &untouched ? "(untouched)" : taken(channel)};
 }
 
 } // namespace
@@ -80,7 +67,7 @@ TEST(ParseChannel, TakesTheIdWhenItIsAString) {
 
 TEST(ParseChannel, TellsANotificationApart) {
     const LogCapture log("verbose");
-    const Split none = channel_of(R"({"method":"x"})");
+    const Answer none = channel_of(R"({"method":"x"})");
     EXPECT_EQ(none.rc, TAVRIX_ERR_NO_JSON_ID);
     EXPECT_EQ(none.text, "(null)");
     EXPECT_TRUE(log.said({"VERB |[tavrix_jrpc_parse_channel]: No ID"}));
@@ -90,7 +77,7 @@ TEST(ParseChannel, RefusesOtherIdsAndWhatIsNoObjectAndLeavesTheOutputAlone) {
     for (const std::string text : {R"({"id":7})", R"({"id":1.5})", R"({"id":true})", R"({"id":null})", R"({"id":[]})",
                                    R"({"id":{}})", "[]", "7", "\"id\"", "null"}) {
         const LogCapture log("debug");
-        const Split refused = channel_of(text);
+        const Answer refused = channel_of(text);
         EXPECT_EQ(refused.rc, TAVRIX_ERR_GENERAL) << text;
         EXPECT_EQ(refused.text, "(untouched)") << text;
         const std::string flaw = text[0] == '{' ? "Invalid ID" : "Invalid JSON";
@@ -103,11 +90,11 @@ TEST(ParseChannel, RefusesWhatIsNoJson) {
         const LogCapture log("debug");
         EXPECT_EQ(channel_of(text).text, "(untouched)");
         EXPECT_EQ(channel_of(text).rc, TAVRIX_ERR_GENERAL);
-        const json_error_t error = support::parse_error(text);
+        const json_error_t error = parse_error(text);
         EXPECT_EQ(log.sequence().front(), "DEBUG|[tavrix_jrpc_parse_channel]: Cannot parse JSON message.");
         EXPECT_EQ(log.last(), "DEBUG|Error on line[" + std::to_string(error.line) + "]: " + error.text + "\n");
     }
-    EXPECT_EQ(support::parse_error("{\n]").line, 2);
+    EXPECT_EQ(parse_error("{\n]").line, 2);
 }
 
 TEST(ServiceChannel, FollowsTheLeadingLetters) {
@@ -115,10 +102,7 @@ TEST(ServiceChannel, FollowsTheLeadingLetters) {
     const std::string events = "505a5451-3ef2-4618-8087-9a22b800a510";
     const std::string interfaces = "b4469f46-e963-42ef-9fd2-f978e73adc76";
     const std::string other = "30e493d7-9e02-41b6-97f5-21f2cc9cbbb3";
-    const struct {
-        const char *method;
-        std::string channel;
-    } rows[] = {
+    const std::pair<const char *, std::string> rows[] = {
         {"d", first},         {"db.ApplyBackup", first},
         {"p", first},         {"ports.Get", first},
         {"en", first},        {"entity.X", first},
@@ -133,8 +117,8 @@ TEST(ServiceChannel, FollowsTheLeadingLetters) {
         {"mZ", other},        {"I", other},
         {"z", other},
     };
-    for (const auto &row : rows) {
-        EXPECT_EQ(taken(tavrix_api_router_json_parse_channel(row.method)), row.channel) << row.method;
+    for (const auto &[method, channel] : rows) {
+        EXPECT_EQ(taken(tavrix_api_router_json_parse_channel(method)), channel) << method;
     }
 }
 

@@ -14,8 +14,8 @@
 #include "tavrix_jrpc.h"
 #include "tavrix_mq.h"
 
-using fault::Failing;
-using support::Json;
+using namespace fault;
+using namespace support;
 
 namespace {
 
@@ -31,7 +31,7 @@ int evaluate_notification() {
 
 TEST(Rendering, OfARequestHappensAtVerboseLevelOnly) {
     for (const std::string level : {"off", "info", "debug", "verbose"}) {
-        const support::LogCapture log(level);
+        const LogCapture log(level);
         const Failing none("json_dumps", 0);
         EXPECT_EQ(evaluate_notification(), 0);
         EXPECT_EQ(none.calls(), level == "verbose" ? 1 : 0) << level;
@@ -39,16 +39,16 @@ TEST(Rendering, OfARequestHappensAtVerboseLevelOnly) {
 }
 
 TEST(Rendering, ThatFailsAtVerboseLevelEndsTheEvaluation) {
-    const support::LogCapture log("verbose");
+    const LogCapture log("verbose");
     const Failing once("json_dumps");
     EXPECT_EQ(evaluate_notification(), TAVRIX_ERR_GENERAL);
     EXPECT_TRUE(log.said({"ERROR|tavrix_jrpc_eval_request: Could not print JSON"}));
 }
 
 TEST(Rendering, OfARoutedRequestHappensOnceBelowVerboseLevel) {
-    const support::BusSocket pub(TAVRIX_SP_PUB);
+    const BusSocket pub(TAVRIX_SP_PUB);
     for (const char *level : {"info", "verbose"}) {
-        const support::LogCapture log(level);
+        const LogCapture log(level);
         const Json request(json_pack("{s:s, s:i}", "method", "ports.Get", "id", 1));
         const Failing none("json_dumps", 0);
         EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&pub.number, request.get()), 0);
@@ -57,12 +57,12 @@ TEST(Rendering, OfARoutedRequestHappensOnceBelowVerboseLevel) {
 }
 
 TEST(Rendering, OfARoutedRequestThatHasNoneIsNotTriedBelowVerboseLevel) {
-    const support::BusSocket pub(TAVRIX_SP_PUB);
+    const BusSocket pub(TAVRIX_SP_PUB);
     for (const char *text : {"\xff", "\x80"}) {
         const Json request(
             json_pack("{s:s, s:i, s:o}", "method", "ports.Get", "id", 1, "name", json_string_nocheck(text)));
         for (const char *level : {"off", "info", "debug"}) {
-            const support::LogCapture log(level);
+            const LogCapture log(level);
             const Failing none("json_dumps", 0);
             EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&pub.number, request.get()), TAVRIX_ERR_GENERAL);
             EXPECT_EQ(none.calls(), 0) << level;
@@ -71,22 +71,19 @@ TEST(Rendering, OfARoutedRequestThatHasNoneIsNotTriedBelowVerboseLevel) {
 }
 
 TEST(Rendering, OfARoutedRequestThatFailsIsReported) {
-    const support::BusSocket pub(TAVRIX_SP_PUB);
+    const BusSocket pub(TAVRIX_SP_PUB);
     const Json request(json_pack("{s:s, s:i}", "method", "ports.Get", "id", 1));
     const Failing ever("json_dumps", 1, ENOMEM, Failing::always);
-    {
-        const support::LogCapture log("verbose");
-        EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&pub.number, request.get()), TAVRIX_ERR_GENERAL);
-        EXPECT_EQ(log.last(), "DEBUG|[tavrix_jrpc_router_mq_dispatch_request]: Cannot print JSON message\n");
-        char *text = nullptr;
-        char *channel = nullptr;
-        EXPECT_EQ(tavrix_jrpc_router_process_msg(R"({"method":"ports.Get","id":1})", &text, &channel),
-                  TAVRIX_ERR_GENERAL);
-        EXPECT_EQ(text, nullptr);
-        EXPECT_EQ(channel, nullptr);
-        EXPECT_EQ(log.last(), "DEBUG|[tavrix_jrpc_router_process_msg]: Cannot print JSON message\n");
-    }
-    const support::LogCapture log("debug");
+    LogCapture log("verbose");
+    EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&pub.number, request.get()), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(log.last(), "DEBUG|[tavrix_jrpc_router_mq_dispatch_request]: Cannot print JSON message\n");
+    char *text = nullptr;
+    char *channel = nullptr;
+    EXPECT_EQ(tavrix_jrpc_router_process_msg(R"({"method":"ports.Get","id":1})", &text, &channel), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(text, nullptr);
+    EXPECT_EQ(channel, nullptr);
+    EXPECT_EQ(log.last(), "DEBUG|[tavrix_jrpc_router_process_msg]: Cannot print JSON message\n");
+    log.begin("debug");
     EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&pub.number, request.get()), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(log.last(), "DEBUG|[tavrix_jrpc_router_mq_dispatch_request]: Cannot re-encode JSON message\n");
     EXPECT_EQ(tavrix_jrpc_router_socket_dispatch_response(&pub.number, request.get()), TAVRIX_ERR_GENERAL);

@@ -1,4 +1,5 @@
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -14,14 +15,7 @@
 #include "tavrix_error.h"
 #include "tavrix_jrpc.h"
 
-using support::BusPair;
-using support::Json;
-using support::LogCapture;
-using support::parsed;
-using support::rendered;
-using support::Statuses;
-using support::StreamClient;
-using support::with_each_null;
+using namespace support;
 
 namespace {
 
@@ -34,7 +28,7 @@ constexpr char on_bus[] =
 
 /** The words for a text that is no JSON. */
 std::string stopped_at(const std::string &text) {
-    const json_error_t error = support::parse_error(text);
+    const json_error_t error = parse_error(text);
     return "line: " + std::to_string(error.line) + ", text: " + error.text;
 }
 
@@ -49,7 +43,7 @@ class Router : public testing::Test {
     void SetUp() override {
         const LogCapture log("info");
         ASSERT_EQ(tavrix_jrpc_unix_socket_init("router.sock", &listener, 1), 0);
-        open_before = support::open_descriptors() - 2; // the capture's own two
+        open_before = open_descriptors() - 2; // the capture's own two
     }
     void TearDown() override {
         close_client();
@@ -98,7 +92,7 @@ TEST_F(Router, StampsARequestAndPublishesIt) {
     const LogCapture log("debug");
     ASSERT_EQ(take_in_one_call(), 0);
     EXPECT_EQ(bus.receive(), std::string(first_channel) + "|" + on_bus);
-    EXPECT_TRUE(log.has(support::debug, unit, line(one_call, "Sending response over mq_pub ...")));
+    EXPECT_TRUE(log.has(debug, unit, line(one_call, "Sending response over mq_pub ...")));
     EXPECT_GE(client, 0) << "the client stays open for its answer";
 }
 
@@ -137,11 +131,11 @@ TEST_P(RouterRefuses, InOneCallClosingTheClient) {
         const LogCapture log("debug");
         EXPECT_EQ(take_in_one_call(), TAVRIX_ERR_GENERAL);
         EXPECT_EQ(log.last(), "DEBUG|" + line(one_call, "router_process_msg: failed"));
-        EXPECT_TRUE(log.has(support::debug, unit, line(process, GetParam().words))) << log.text();
+        EXPECT_TRUE(log.has(debug, unit, line(process, GetParam().words))) << log.text();
     }
     EXPECT_TRUE(asking.closed_silently());
     EXPECT_EQ(client, -1);
-    EXPECT_EQ(support::open_descriptors(), open_before + 1) << "only the asking side";
+    EXPECT_EQ(open_descriptors(), open_before + 1) << "only the asking side";
     EXPECT_EQ(bus.receive(), "(nothing)");
 }
 
@@ -182,23 +176,26 @@ TEST_F(Router, SaysWhereARequestIsNoJson) {
             close_client();
         }
     }
-    EXPECT_EQ(support::parse_error("{\n\n]").line, 3);
+    EXPECT_EQ(parse_error("{\n\n]").line, 3);
 }
 
 TEST_F(Router, ClosesAClientThatSaysNothing) {
     StreamClient gone = connect("");
     gone.close();
     EXPECT_EQ(take_in_one_call(), TAVRIX_ERR_GENERAL);
-    EXPECT_EQ(support::open_descriptors(), open_before);
+    EXPECT_EQ(open_descriptors(), open_before);
 }
 
 TEST_F(Router, ReportsThatItCannotPublish) {
     const StreamClient asking = connect(request);
+    const Json value = parsed(request);
     const int closed = 9999;
     const LogCapture log("debug");
     EXPECT_EQ(tavrix_jrpc_router_socket_to_mq(&listener, &closed, &client), TAVRIX_ERR_GENERAL);
-    EXPECT_TRUE(log.has(support::debug, unit, line(one_call, "Error mq_pub, rc = -1")));
+    EXPECT_TRUE(log.has(debug, unit, line(one_call, "Error mq_pub, rc = -1")));
     EXPECT_TRUE(asking.closed_silently());
+    EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&closed, value.get()), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(log.last(), "DEBUG|" + line(dispatching, "Error mq_pub, rc = -1"));
 }
 
 TEST_F(Router, PassesTheAcceptsStatusOn) {
@@ -208,26 +205,26 @@ TEST_F(Router, PassesTheAcceptsStatusOn) {
     EXPECT_TRUE(log.said({"DEBUG|[tavrix_jrpc_router_socket_extract_request]: Failed socket_accept, rc = -1"}));
 }
 
+std::string null_pointer(const char *function, const char *words = "NULL pointer!") {
+    return std::string("DEBUG|[") + function + "]: " + words;
+}
+
 TEST_F(Router, RefusesNullArguments) {
-    const Statuses general(2, TAVRIX_ERR_GENERAL);
-    const Statuses null_input(2, TAVRIX_ERR_NULL_INPUT);
+    constexpr int general = TAVRIX_ERR_GENERAL;
+    constexpr int null_input = TAVRIX_ERR_NULL_INPUT;
     const Json value = parsed("{}");
     json_t *out = value.get();
-    const LogCapture log("debug");
-    EXPECT_EQ(with_each_null(tavrix_jrpc_router_socket_to_mq, &listener, &bus.pub.number, &client),
-              Statuses(3, TAVRIX_ERR_NULL_INPUT));
-    EXPECT_EQ(with_each_null(tavrix_jrpc_router_socket_extract_request, &listener, &client, &out),
-              Statuses(3, TAVRIX_ERR_GENERAL));
-    EXPECT_EQ(with_each_null(tavrix_jrpc_router_mq_dispatch_request, &bus.pub.number, value.get()), general);
-    EXPECT_EQ(with_each_null(tavrix_jrpc_router_mq_to_socket, &bus.sub.number, &client), null_input);
-    EXPECT_EQ(with_each_null(tavrix_jrpc_router_mq_extract_response, &bus.sub.number, &out), general);
-    EXPECT_EQ(with_each_null(tavrix_jrpc_router_socket_dispatch_response, &client, value.get()), general);
-    EXPECT_EQ(log.count(support::debug, unit, line(one_call, "NULL pointer!")), 3);
-    EXPECT_EQ(log.count(support::debug, unit, line(extracting, "NULL pointer!")), 3);
-    EXPECT_EQ(log.count(support::debug, unit, line(answering, "Null Pointer!")), 2);
-    for (const char *function : {dispatching, receiving, sending}) {
-        EXPECT_EQ(log.count(support::debug, unit, line(function, "NULL pointer!")), 2);
-    }
+    int *const pub = &bus.pub.number;
+    int *const sub = &bus.sub.number;
+    expect_nulls_refused(null_input, null_pointer(one_call), tavrix_jrpc_router_socket_to_mq, &listener, pub, &client);
+    expect_nulls_refused(null_input, null_pointer(answering, "Null Pointer!"), tavrix_jrpc_router_mq_to_socket, sub,
+                         &client);
+    expect_nulls_refused(general, null_pointer(extracting), tavrix_jrpc_router_socket_extract_request, &listener,
+                         &client, &out);
+    expect_nulls_refused(general, null_pointer(dispatching), tavrix_jrpc_router_mq_dispatch_request, pub, value.get());
+    expect_nulls_refused(general, null_pointer(receiving), tavrix_jrpc_router_mq_extract_response, sub, &out);
+    expect_nulls_refused(general, null_pointer(sending), tavrix_jrpc_router_socket_dispatch_response, &client,
+                         value.get());
 }
 
 TEST_F(Router, ShowsARequestAtVerboseLevel) {
@@ -242,7 +239,7 @@ TEST_F(Router, ShowsARequestAtVerboseLevel) {
                                      std::string("channel: ") + first_channel + "\n", std::string("JSON ID: (null)\n"),
                                      "JSON request sent, of string length " + std::to_string(sent.size()) + "\n",
                                      "The JSON Request was:\n" + sent + "\n"}) {
-        EXPECT_EQ(log.count(support::verbose, unit, words), 1) << words;
+        EXPECT_EQ(log.count(verbose, unit, words), 1) << words;
     }
 }
 
@@ -286,7 +283,7 @@ TEST_F(Router, DispatchesAnObjectInPlace) {
     ASSERT_EQ(tavrix_jrpc_router_mq_dispatch_request(&bus.pub.number, value.get()), 0);
     EXPECT_EQ(bus.receive(), std::string(first_channel) + "|" + on_bus);
     EXPECT_EQ(rendered(value.get()), on_bus) << "the caller's object carries the channel now";
-    EXPECT_TRUE(log.has(support::debug, unit, line(dispatching, "Sending response over mq_pub ...")));
+    EXPECT_TRUE(log.has(debug, unit, line(dispatching, "Sending response over mq_pub ...")));
 }
 
 TEST_P(RouterRefuses, OnTheSplitPath) {
@@ -320,6 +317,11 @@ json_t *not_utf8() { return json_string_nocheck("a\xff"); }
 
 void put_into(json_t *object, json_t *params) { json_object_set_new(object, "params", params); }
 
+void put_in_place_of(json_t *object, const char *key) {
+    put_into(object, not_utf8());
+    json_object_del(object, key);
+}
+
 /** The loop closes below the member "loop", which end_loop() takes away again. */
 void tie_loop(json_t *object, int length) {
     json_t *first = json_object();
@@ -345,27 +347,14 @@ constexpr Unprintable unprintables[] = {
     {"Key", [](json_t *object) { json_object_set_new_nocheck(object, "\xc3", json_null()); }},
     {"Id", [](json_t *object) { json_object_set_new(object, "id", not_utf8()); }},
     {"Method", [](json_t *object) { json_object_set_new(object, "method", not_utf8()); }},
-    {"WithoutMethod",
-     [](json_t *object) {
-         put_into(object, not_utf8());
-         json_object_del(object, "method");
-     }},
-    {"WithoutId",
-     [](json_t *object) {
-         put_into(object, not_utf8());
-         json_object_del(object, "id");
-     }},
+    {"WithoutMethod", [](json_t *object) { put_in_place_of(object, "method"); }},
+    {"WithoutId", [](json_t *object) { put_in_place_of(object, "id"); }},
     {"DeepInside", [](json_t *object) { put_into(object, json_pack("[[{s:[o]}]]", "k", not_utf8())); }},
     {"LoopOf2", [](json_t *object) { tie_loop(object, 2); }},
     {"LoopOf3", [](json_t *object) { tie_loop(object, 3); }},
     {"LoopOf100", [](json_t *object) { tie_loop(object, 100); }},
     {"Itself", [](json_t *object) { put_into(object, json_pack("[O]", object)); }},
 };
-
-class RouterDispatchRefuses : public Router, public testing::WithParamInterface<Unprintable> {};
-
-INSTANTIATE_TEST_SUITE_P(Unprintable, RouterDispatchRefuses, testing::ValuesIn(unprintables),
-                         [](const auto &row) { return row.param.name; });
 
 /** The keys in their order with the members' addresses. */
 std::vector<std::pair<std::string, const json_t *>> members(json_t *object) {
@@ -376,21 +365,24 @@ std::vector<std::pair<std::string, const json_t *>> members(json_t *object) {
     return all;
 }
 
-TEST_P(RouterDispatchRefuses, BeforeAnythingElseAtEveryLevel) {
-    const Json value = parsed(request);
-    GetParam().spoil(value.get());
-    const auto before = members(value.get());
-    for (const char *level : {"off", "info", "debug", "verbose"}) {
-        const LogCapture log(level);
-        EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&bus.pub.number, value.get()), TAVRIX_ERR_GENERAL) << level;
-        const bool told = level == std::string("debug") || level == std::string("verbose");
-        EXPECT_EQ(log.lines().size(), told ? 1U : 0U);
-        EXPECT_EQ(log.count(support::debug, unit, line(dispatching, "Cannot print JSON message")), told ? 1 : 0);
-        EXPECT_EQ(members(value.get()), before) << level;
+TEST_F(Router, RefusesToDispatchTheUnprintableBeforeAnythingElseAtEveryLevel) {
+    for (const Unprintable &row : unprintables) {
+        SCOPED_TRACE(row.name);
+        const Json value = parsed(request);
+        row.spoil(value.get());
+        const auto before = members(value.get());
+        for (const std::string level : {"off", "info", "debug", "verbose"}) {
+            const LogCapture log(level);
+            EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&bus.pub.number, value.get()), TAVRIX_ERR_GENERAL);
+            const bool told = level == "debug" || level == "verbose";
+            EXPECT_TRUE(
+                log.said(Lines(told ? 1 : 0, std::string("DEBUG|[") + dispatching + "]: Cannot print JSON message")));
+            EXPECT_EQ(members(value.get()), before) << level;
+        }
+        end_loop(value.get());
+        json_object_del(value.get(), "params"); // where an object holds itself
     }
     EXPECT_EQ(bus.receive(), "(nothing)");
-    end_loop(value.get());
-    json_object_del(value.get(), "params"); // where an object holds itself
 }
 
 TEST_F(Router, DispatchesWhatOnlyLooksUnprintable) {
@@ -415,92 +407,70 @@ TEST_F(Router, DispatchesWhatOnlyLooksUnprintable) {
     }
 }
 
-TEST_F(Router, ReportsADispatchThatCannotBePublished) {
-    const Json value = parsed(request);
-    const int closed = 9999;
-    const LogCapture log("debug");
-    EXPECT_EQ(tavrix_jrpc_router_mq_dispatch_request(&closed, value.get()), TAVRIX_ERR_GENERAL);
-    EXPECT_EQ(log.last(), "DEBUG|" + line(dispatching, "Error mq_pub, rc = -1"));
-}
-
 TEST_F(Router, ShowsADispatchedRequestUnderItsOwnName) {
     const Json value = parsed(R"({"method":"ports.Get","id":"mine"})");
     const LogCapture log("verbose");
     ASSERT_EQ(tavrix_jrpc_router_mq_dispatch_request(&bus.pub.number, value.get()), 0);
-    EXPECT_TRUE(log.has(support::verbose, unit,
+    EXPECT_TRUE(log.has(verbose, unit,
                         line(dispatching, "[Recv]: {\n    \"method\": \"ports.Get\",\n    \"id\": \"mine\"\n}")));
-    EXPECT_TRUE(log.has(support::verbose, unit, line(dispatching, "JSON Method: ports.Get")));
-    EXPECT_TRUE(log.has(support::verbose, unit, std::string("channel: ") + first_channel + "\n"));
-    EXPECT_TRUE(log.has(support::verbose, unit, "JSON ID: mine\n"));
+    EXPECT_TRUE(log.has(verbose, unit, line(dispatching, "JSON Method: ports.Get")));
+    EXPECT_TRUE(log.has(verbose, unit, std::string("channel: ") + first_channel + "\n"));
+    EXPECT_TRUE(log.has(verbose, unit, "JSON ID: mine\n"));
 }
 
 // --- Replies ---
-
-/** Makes a connected pair: the one end is given, the other stored. */
-int connected_to(int *other) {
-    int fds[2] = {-1, -1};
-    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
-    *other = fds[1];
-    return fds[0];
-}
-
-/** A connected pair of which the router's side is handed to the library. */
-struct Answered {
-    int router_side = -1;
-    StreamClient asking{connected_to(&router_side)};
-
-    Answered() = default;
-    Answered(const Answered &) = delete;
-    Answered &operator=(const Answered &) = delete;
-    ~Answered() { StreamClient(router_side).close(); }
-};
 
 const std::string frame_start = std::string(reply_channel) + "|";
 
 constexpr char reply_text[] = R"({"jsonrpc": "2.0",  "id":"ports.Get", "result":"a|b"})";
 
 TEST_F(Router, RelaysAReplyUnchangedAndCloses) {
-    Answered pair;
+    SocketPair pair;
     const std::string frame = frame_start + reply_text;
     replies.publish(frame);
     const LogCapture log("verbose");
-    EXPECT_EQ(tavrix_jrpc_router_mq_to_socket(&replies.sub.number, &pair.router_side), 0);
-    EXPECT_EQ(pair.asking.hear(), reply_text);
-    EXPECT_EQ(pair.router_side, -1);
+    EXPECT_EQ(tavrix_jrpc_router_mq_to_socket(&replies.sub.number, pair.ours.place()), 0);
+    EXPECT_EQ(pair.theirs.hear(), reply_text);
+    EXPECT_EQ(pair.ours.get(), -1);
     for (const std::string &words :
          {std::string("waiting to receive... "), "mq_recv msg[" + std::to_string(frame.size()) + "]: " + frame,
           "parse_msg json_msg[" + std::to_string(sizeof reply_text - 1) + "]: " + reply_text}) {
-        EXPECT_TRUE(log.has(support::verbose, unit, line(answering, words))) << words;
+        EXPECT_TRUE(log.has(verbose, unit, line(answering, words))) << words;
     }
 }
 
 TEST_F(Router, ClosesTheClientWhenNoReplyComes) {
-    Answered pair;
-    EXPECT_EQ(tavrix_jrpc_router_mq_to_socket(&replies.sub.number, &pair.router_side), TAVRIX_ERR_MQ_TIMEOUT);
-    EXPECT_TRUE(pair.asking.closed_silently());
-    EXPECT_EQ(pair.router_side, -1);
+    SocketPair pair;
+    EXPECT_EQ(tavrix_jrpc_router_mq_to_socket(&replies.sub.number, pair.ours.place()), TAVRIX_ERR_MQ_TIMEOUT);
+    EXPECT_TRUE(pair.theirs.closed_silently());
+    EXPECT_EQ(pair.ours.get(), -1);
 }
 
 TEST_F(Router, ClosesTheClientWhenTheMessageHasNoBar) {
     BusPair everything("", 2000);
     for (const char *frame : {reply_channel, ""}) {
-        Answered pair;
+        SocketPair pair;
         everything.publish(frame);
         const LogCapture log("debug");
-        EXPECT_EQ(tavrix_jrpc_router_mq_to_socket(&everything.sub.number, &pair.router_side), TAVRIX_ERR_GENERAL);
-        EXPECT_EQ(log.has(support::debug, unit, line(answering, "Error parse_msg, rc = -1")), *frame != '\0');
-        EXPECT_TRUE(pair.asking.closed_silently());
-        EXPECT_EQ(pair.router_side, -1);
+        EXPECT_EQ(tavrix_jrpc_router_mq_to_socket(&everything.sub.number, pair.ours.place()), TAVRIX_ERR_GENERAL);
+        EXPECT_EQ(log.has(debug, unit, line(answering, "Error parse_msg, rc = -1")), *frame != '\0');
+        EXPECT_TRUE(pair.theirs.closed_silently());
+        EXPECT_EQ(pair.ours.get(), -1);
     }
 }
 
-TEST_F(Router, ReportsAClientThatHasGone) {
-    Answered pair;
-    pair.asking.close();
-    replies.publish(frame_start + reply_text);
-    const LogCapture log("debug");
-    EXPECT_EQ(tavrix_jrpc_router_mq_to_socket(&replies.sub.number, &pair.router_side), TAVRIX_ERR_GENERAL);
-    EXPECT_TRUE(log.has(support::debug, unit, line(answering, "Error send, rc = -1")));
+TEST_F(Router, ReportsAClientThatHasGoneInTheOneCallPathsWords) {
+    const Json value = parsed("{}");
+    for (const bool split : {false, true}) {
+        SocketPair pair;
+        pair.theirs.close();
+        replies.publish(frame_start + reply_text);
+        const LogCapture log("debug");
+        EXPECT_EQ(split ? tavrix_jrpc_router_socket_dispatch_response(pair.ours.place(), value.get())
+                        : tavrix_jrpc_router_mq_to_socket(&replies.sub.number, pair.ours.place()),
+                  TAVRIX_ERR_GENERAL);
+        EXPECT_TRUE(log.has(debug, unit, line(answering, "Error send, rc = -1")));
+    }
 }
 
 TEST_F(Router, ExtractsAReplyAsAnObject) {
@@ -509,26 +479,23 @@ TEST_F(Router, ExtractsAReplyAsAnObject) {
     const LogCapture log("verbose");
     EXPECT_EQ(tavrix_jrpc_router_mq_extract_response(&replies.sub.number, into(value)), 0);
     EXPECT_EQ(rendered(value.get()), R"({"jsonrpc":"2.0","id":"ports.Get","result":"a|b"})");
-    EXPECT_TRUE(log.has(support::verbose, unit, line(receiving, "waiting to receive...")));
-    EXPECT_TRUE(log.has(support::verbose, unit, line(receiving, std::string("Recv: ") + reply_text)));
+    EXPECT_TRUE(log.has(verbose, unit, line(receiving, "waiting to receive...")));
+    EXPECT_TRUE(log.has(verbose, unit, line(receiving, std::string("Recv: ") + reply_text)));
 }
 
 TEST_F(Router, RefusesRepliesThatAreNoObjects) {
-    const struct {
-        std::string frame;
-        std::string words;
-    } rows[] = {{frame_start + "[]", "Invalid JSON message"},
-                {frame_start + "nonsense", stopped_at("nonsense")},
-                {reply_channel, "Error parse_msg, rc = -1"},
-                {"", ""}};
+    const std::pair<std::string, std::string> rows[] = {{frame_start + "[]", "Invalid JSON message"},
+                                                        {frame_start + "nonsense", stopped_at("nonsense")},
+                                                        {reply_channel, "Error parse_msg, rc = -1"},
+                                                        {"", ""}};
     BusPair everything("", 2000);
-    for (const auto &row : rows) {
-        everything.publish(row.frame);
+    for (const auto &[frame, words] : rows) {
+        everything.publish(frame);
         Json value;
         const LogCapture log("debug");
         EXPECT_EQ(tavrix_jrpc_router_mq_extract_response(&everything.sub.number, into(value)), TAVRIX_ERR_GENERAL);
         EXPECT_EQ(value, nullptr);
-        EXPECT_TRUE(row.words.empty() || log.has(support::debug, unit, line(receiving, row.words))) << log.text();
+        EXPECT_TRUE(words.empty() || log.has(debug, unit, line(receiving, words))) << log.text();
     }
 }
 
@@ -536,30 +503,21 @@ TEST_F(Router, LetsTheTimeOutSurfaceOnTheSplitPath) {
     Json value;
     const LogCapture log("debug");
     EXPECT_EQ(tavrix_jrpc_router_mq_extract_response(&replies.sub.number, into(value)), TAVRIX_ERR_MQ_TIMEOUT);
-    EXPECT_TRUE(log.has(support::debug, unit, line(receiving, "Failed mq_socket_recv, rc = -46")));
+    EXPECT_TRUE(log.has(debug, unit, line(receiving, "Failed mq_socket_recv, rc = -46")));
 }
 
 TEST_F(Router, SendsAnObjectCompactAndEscapedAndKeepsTheClientOpen) {
-    Answered pair;
+    SocketPair pair;
     const Json value = parsed("{\"id\": \"\xc3\xbc\"}");
     const LogCapture log("verbose");
-    EXPECT_EQ(tavrix_jrpc_router_socket_dispatch_response(&pair.router_side, value.get()), 0);
-    EXPECT_TRUE(log.has(support::verbose, unit, "JSON response sent, of string length 15\n"));
-    EXPECT_TRUE(log.has(support::verbose, unit, "The JSON Request was:\n{\"id\":\"\\u00FC\"}\n"));
-    EXPECT_TRUE(log.has(support::debug, unit, line(sending, "Sending response over socket ...")));
-    EXPECT_EQ(log.count(support::debug, unit, line(answering, "Error send, rc = 0")), 0) << log.text();
-    EXPECT_GE(pair.router_side, 0);
-    ::close(std::exchange(pair.router_side, -1));
-    EXPECT_EQ(pair.asking.hear(), R"({"id":"\u00FC"})");
-}
-
-TEST_F(Router, ReportsAFailedSendInTheOneCallPathsWords) {
-    Answered pair;
-    pair.asking.close();
-    const Json value = parsed("{}");
-    const LogCapture log("debug");
-    EXPECT_EQ(tavrix_jrpc_router_socket_dispatch_response(&pair.router_side, value.get()), TAVRIX_ERR_GENERAL);
-    EXPECT_TRUE(log.has(support::debug, unit, line(answering, "Error send, rc = -1")));
+    EXPECT_EQ(tavrix_jrpc_router_socket_dispatch_response(pair.ours.place(), value.get()), 0);
+    EXPECT_TRUE(log.has(verbose, unit, "JSON response sent, of string length 15\n"));
+    EXPECT_TRUE(log.has(verbose, unit, "The JSON Request was:\n{\"id\":\"\\u00FC\"}\n"));
+    EXPECT_TRUE(log.has(debug, unit, line(sending, "Sending response over socket ...")));
+    EXPECT_EQ(log.count(debug, unit, line(answering, "Error send, rc = 0")), 0) << log.text();
+    EXPECT_GE(pair.ours.get(), 0);
+    pair.ours.reset();
+    EXPECT_EQ(pair.theirs.hear(), R"({"id":"\u00FC"})");
 }
 
 // --- Notifications to the router ---
@@ -606,45 +564,38 @@ TEST(RouterNotification, PassesTheHandlersStatusOnAPositiveOneToo) {
         handler_rc = rc;
         const LogCapture log("info");
         EXPECT_EQ(evaluate(R"({"jsonrpc":"2.0","method":"router.X"})"), rc);
-        EXPECT_TRUE(
-            log.has(support::error, unit, line(evaluating, "Failed method handler, rc = " + std::to_string(rc))));
+        EXPECT_TRUE(log.has(error, unit, line(evaluating, "Failed method handler, rc = " + std::to_string(rc))));
     }
     handler_rc = 0;
 }
 
 TEST(RouterNotification, RefusesWhatIsMalformedInThisOrder) {
-    const struct {
-        const char *text;
-        support::Level level;
-        const char *words;
-    } rows[] = {
-        {R"({"id":null})", support::error, "Invalid Request id found in notification"},
-        {R"({"id":1,"jsonrpc":"2.0","method":"router.X"})", support::error, "Invalid Request id found in notification"},
-        {R"({"params":[]})", support::error, "Empty jsonrpc"},
-        {R"({"jsonrpc":2,"params":[]})", support::error, "Invalid Request jsonrpc"},
-        {R"({"jsonrpc":"2.1","params":[]})", support::error, "Invalid Request jsonrpc version"},
-        {R"({"jsonrpc":"2.0","params":[]})", support::error, "Invalid Request params"},
-        {R"({"jsonrpc":"2.0","params":null,"method":"router.X"})", support::error, "Invalid Request params"},
-        {R"({"jsonrpc":"2.0"})", support::error, "No JSON method"},
-        {R"({"jsonrpc":"2.0","method":1})", support::error, "Invalid Request method"},
-        {R"({"jsonrpc":"2.0","method":"router.x"})", support::warning, "No method handler found"},
+    const std::tuple<const char *, Level, const char *> rows[] = {
+        {R"({"id":null})", error, "Invalid Request id found in notification"},
+        {R"({"id":1,"jsonrpc":"2.0","method":"router.X"})", error, "Invalid Request id found in notification"},
+        {R"({"params":[]})", error, "Empty jsonrpc"},
+        {R"({"jsonrpc":2,"params":[]})", error, "Invalid Request jsonrpc"},
+        {R"({"jsonrpc":"2.1","params":[]})", error, "Invalid Request jsonrpc version"},
+        {R"({"jsonrpc":"2.0","params":[]})", error, "Invalid Request params"},
+        {R"({"jsonrpc":"2.0","params":null,"method":"router.X"})", error, "Invalid Request params"},
+        {R"({"jsonrpc":"2.0"})", error, "No JSON method"},
+        {R"({"jsonrpc":"2.0","method":1})", error, "Invalid Request method"},
+        {R"({"jsonrpc":"2.0","method":"router.x"})", warning, "No method handler found"},
     };
     handler_calls = 0;
-    for (const auto &row : rows) {
+    for (const auto &[text, level, words] : rows) {
         const LogCapture log("info");
-        EXPECT_EQ(evaluate(row.text), TAVRIX_ERR_GENERAL) << row.text;
+        EXPECT_EQ(evaluate(text), TAVRIX_ERR_GENERAL) << text;
         EXPECT_EQ(log.lines().size(), 1U);
-        EXPECT_TRUE(log.has(row.level, unit, line(evaluating, row.words))) << log.text();
+        EXPECT_TRUE(log.has(level, unit, line(evaluating, words))) << log.text();
     }
     EXPECT_EQ(handler_calls, 0);
 }
 
 TEST(RouterNotification, RefusesNull) {
     const Json value = parsed("{}");
-    const LogCapture log("info");
-    EXPECT_EQ(with_each_null(tavrix_jrpc_router_eval_notification, value.get(), &notifications[0]),
-              Statuses(2, TAVRIX_ERR_GENERAL));
-    EXPECT_EQ(log.count(support::error, unit, line(evaluating, "NULL pointer!")), 2);
+    expect_nulls_refused(TAVRIX_ERR_GENERAL, std::string("ERROR|[") + evaluating + "]: NULL pointer!",
+                         tavrix_jrpc_router_eval_notification, value.get(), &notifications[0]);
 }
 
 // --- System responses ---
@@ -678,13 +629,11 @@ TEST(LockResponse, NeedsAnIdThatIsAString) {
         EXPECT_TRUE(log.said({std::string("DEBUG|[") + locking +
                               "]: " + (std::string(text) == "{}" ? "No JSON id" : "Invalid JSON method")}));
     }
-    const LogCapture log("debug");
     const Json asked = parsed("{}");
     json_t *response = asked.get();
-    EXPECT_EQ(with_each_null(tavrix_jrpc_router_create_system_lock_response, asked.get(), &response),
-              Statuses(2, TAVRIX_ERR_GENERAL));
+    expect_nulls_refused(TAVRIX_ERR_GENERAL, null_pointer(locking), tavrix_jrpc_router_create_system_lock_response,
+                         asked.get(), &response);
     EXPECT_EQ(response, asked.get()) << "untouched";
-    EXPECT_EQ(log.count(support::debug, unit, line(locking, "NULL pointer!")), 2);
 }
 
 TEST(TimeOutResponse, AlwaysCarriesATransactionId) {
@@ -700,11 +649,8 @@ TEST(TimeOutResponse, AlwaysCarriesATransactionId) {
 TEST(TimeOutResponse, RefusesNullAndGivesNullWhenItCannotBeMade) {
     const Json old = parsed("{}");
     json_t *response = old.get();
-    const LogCapture log("debug");
-    EXPECT_EQ(with_each_null(tavrix_jrpc_router_create_system_timeout_response, "b", 0, &response),
-              Statuses(2, TAVRIX_ERR_GENERAL));
-    EXPECT_EQ(
-        log.count(support::debug, unit, line("tavrix_jrpc_router_create_system_timeout_response", "NULL pointer!")), 2);
+    expect_nulls_refused(TAVRIX_ERR_GENERAL, null_pointer("tavrix_jrpc_router_create_system_timeout_response"),
+                         tavrix_jrpc_router_create_system_timeout_response, "b", 0, &response);
     EXPECT_EQ(response, nullptr) << "a null id too";
     response = old.get();
     EXPECT_EQ(tavrix_jrpc_router_create_system_timeout_response("\xff", 0, &response), TAVRIX_ERR_GENERAL)

@@ -7,6 +7,7 @@
 #include <cmath>
 #include <cstdint>
 #include <string>
+#include <tuple>
 #include <type_traits>
 #include <vector>
 
@@ -17,11 +18,7 @@
 #include "support/params.h"
 #include "tavrix_error.h"
 
-using support::Buffer;
-using support::Json;
-using support::Lines;
-using support::LogCapture;
-using support::Params;
+using namespace support;
 
 namespace {
 
@@ -138,33 +135,24 @@ TEST_P(Parsers, TakeTheirOwnTypeAndNoOther) {
     }
 }
 
-TEST_P(Parsers, SayWhenTheMemberHasAnotherType) {
-    const LogCapture log("verbose");
-    Params params(R"({"member": {}})");
-    EXPECT_EQ(parse(params, "member"), TAVRIX_ERR_INVALID_PARAMETER);
-    EXPECT_TRUE(log.said(row.wrong));
-    for (const auto &line : log.lines()) {
-        EXPECT_EQ(line.file, unit);
+TEST_P(Parsers, SayWhenTheMemberIsAbsentOrHasAnotherType) {
+    const std::tuple<const char *, int, std::string, Lines> cases[] = {
+        {R"({"Member": 1, "other": "s"})", TAVRIX_ERR_PARAMETER_NOT_FOUND, missing_message, row.absent},
+        {R"({"member": {}})", TAVRIX_ERR_INVALID_PARAMETER, wrong_message, row.wrong}};
+    for (const auto &[json, rc, message, lines] : cases) {
+        LogCapture log("verbose");
+        Params params(json);
+        const Outcome outcome = row.parse(params.get(), params.debug(), "member");
+        EXPECT_EQ(outcome.rc, rc);
+        EXPECT_EQ(outcome.written, row.stores_before_testing);
+        EXPECT_EQ(params.message(), message);
+        EXPECT_TRUE(log.said(lines));
+        EXPECT_EQ(log.lines().front().file, unit);
+        EXPECT_EQ(log.lines().back().file, unit);
+        log.begin("info");
+        EXPECT_EQ(parse(params, "member"), rc);
+        EXPECT_TRUE(log.said({lines[1]})) << "even below the guarded levels";
     }
-}
-
-TEST_P(Parsers, SayWhenTheMemberIsAbsent) {
-    const LogCapture log("verbose");
-    Params params(R"({"Member": 1, "other": "s"})");
-    const Outcome outcome = row.parse(params.get(), params.debug(), "member");
-    EXPECT_EQ(outcome.rc, TAVRIX_ERR_PARAMETER_NOT_FOUND);
-    EXPECT_EQ(outcome.written, row.stores_before_testing);
-    EXPECT_EQ(params.message(), missing_message);
-    EXPECT_TRUE(log.said(row.absent));
-}
-
-TEST_P(Parsers, LogFailuresEvenBelowTheGuardedLevels) {
-    const LogCapture log("info");
-    Params params(R"({"member": {}})");
-    Params none("{}");
-    parse(none, "member");
-    parse(params, "member");
-    EXPECT_TRUE(log.said({row.absent[1], row.wrong[1]}));
 }
 
 TEST_P(Parsers, FindNothingWithoutAnObject) {
@@ -287,12 +275,10 @@ TEST(ParseString, CutsWhatDoesNotFitAndClearsTheRest) {
 TEST(ParseString, LogsWhatItStored) {
     Params params(R"({"name": "0123456789"})");
     Buffer out(5);
-    {
-        const LogCapture log("verbose");
-        EXPECT_EQ(read_text(params, "name", out), 0);
-        EXPECT_TRUE(log.said({"VERB |Parsing input string for parameter: name", "VERB |Parsed name: 0123"}));
-    }
-    const LogCapture log("debug");
+    LogCapture log("verbose");
+    EXPECT_EQ(read_text(params, "name", out), 0);
+    EXPECT_TRUE(log.said({"VERB |Parsing input string for parameter: name", "VERB |Parsed name: 0123"}));
+    log.begin("debug");
     EXPECT_EQ(read_text(params, "name", out), 0);
     EXPECT_TRUE(log.silent());
 }
@@ -346,12 +332,10 @@ TEST(ParseInteger, KeepsTheLow32Bits) {
 TEST(ParseInteger, LogsWhatItStored) {
     Params params(R"({"n": 4294967254})");
     int out = 0;
-    {
-        const LogCapture log("verbose");
-        EXPECT_EQ(params.read(tavrix_jrpc_utils_parse_input_integer, "n", &out), 0);
-        EXPECT_TRUE(log.said({"VERB |Parsing input integer for parameter: n", "VERB |Parsed n: -42"}));
-    }
-    const LogCapture log("debug");
+    LogCapture log("verbose");
+    EXPECT_EQ(params.read(tavrix_jrpc_utils_parse_input_integer, "n", &out), 0);
+    EXPECT_TRUE(log.said({"VERB |Parsing input integer for parameter: n", "VERB |Parsed n: -42"}));
+    log.begin("debug");
     EXPECT_EQ(params.read(tavrix_jrpc_utils_parse_input_integer, "n", &out), 0);
     EXPECT_TRUE(log.silent());
 }

@@ -13,10 +13,8 @@
 #include "tavrix_error.h"
 #include "tavrix_jrpc_utils.h"
 
-using fault::Failing;
-using support::Lines;
-using support::LogCapture;
-using support::Params;
+using namespace fault;
+using namespace support;
 
 namespace {
 
@@ -84,15 +82,6 @@ TEST_P(Builders, ReportThatThereIsNoMemory) {
     const Failing ever("Jansson", 1, ENOMEM, Failing::always);
     EXPECT_EQ(GetParam().build(slot.debug(), "port_id"), TAVRIX_ERR_JSON_RESPONSE);
     EXPECT_EQ(slot.message(), "(none)");
-}
-
-TEST(Parsers, KeepTheirStatusWhenTheMessageCannotBeBuilt) {
-    Params params(R"({"n": "text"})");
-    int out = 77;
-    const Failing ever("Jansson", 1, ENOMEM, Failing::always);
-    EXPECT_EQ(params.read(tavrix_jrpc_utils_parse_input_integer, "absent", &out), TAVRIX_ERR_PARAMETER_NOT_FOUND);
-    EXPECT_EQ(params.read(tavrix_jrpc_utils_parse_input_integer, "n", &out), TAVRIX_ERR_INVALID_PARAMETER);
-    EXPECT_EQ(params.message(), "(none)");
 }
 
 TEST(RetrieveAlias, KeepsItsStatusWhenTheMessageCannotBeBuilt) {

@@ -14,13 +14,7 @@
 #include "tavrix_jrpc.h"
 #include "tavrix_mq.h"
 
-using support::BusPair;
-using support::BusSocket;
-using support::Json;
-using support::Lines;
-using support::LogCapture;
-using support::Statuses;
-using support::with_each_null;
+using namespace support;
 
 namespace {
 
@@ -33,8 +27,6 @@ std::string waiting(const std::string &method, int attempt) {
 
 constexpr char reply[] = R"(me|{"jsonrpc":"2.0","id":"ports.Get","result":5})";
 constexpr char notification[] = R"(ev|{"jsonrpc":"2.0","method":"events.X","params":{"n":1}})";
-
-} // namespace
 
 // --- Matchers ---
 
@@ -65,17 +57,6 @@ const Candidate replies[] = {
     {"IdTrue", R"({"jsonrpc":"2.0","id":true})", malformed_reply(wrong_type, "(null)")},
 };
 
-TEST(EvalMethod, Decides) {
-    for (const Candidate &row : replies) {
-        SCOPED_TRACE(row.name);
-        Json out;
-        const LogCapture log("debug");
-        EXPECT_EQ(tavrix_jrpc_eval_method("ports.Get", row.text, into(out)), row.rc);
-        EXPECT_EQ(out != nullptr, row.rc == 0);
-        EXPECT_TRUE(log.said(row.lines));
-    }
-}
-
 const Candidate notifications[] = {
     {"Match",
      R"({"jsonrpc":"2.0","method":"events.X"})",
@@ -93,15 +74,22 @@ const Candidate notifications[] = {
     {"VersionThree", R"({"jsonrpc":"3.0","method":"events.X"})", {other_version}},
 };
 
-TEST(EvalNotification, Decides) {
-    for (const Candidate &row : notifications) {
+template <size_t Count>
+void expect_decisions(int (*match)(const char *, const char *, json_t **), const char *wanted, const char *level,
+                      const Candidate (&rows)[Count]) {
+    for (const Candidate &row : rows) {
         SCOPED_TRACE(row.name);
         Json out;
-        const LogCapture log("verbose");
-        EXPECT_EQ(tavrix_jrpc_eval_notification("events.X", row.text, into(out)), row.rc);
+        const LogCapture log(level);
+        EXPECT_EQ(match(wanted, row.text, into(out)), row.rc);
         EXPECT_EQ(out != nullptr, row.rc == 0);
         EXPECT_TRUE(log.said(row.lines));
     }
+}
+
+TEST(Matchers, Decide) {
+    expect_decisions(tavrix_jrpc_eval_method, "ports.Get", "debug", replies);
+    expect_decisions(tavrix_jrpc_eval_notification, "events.X", "verbose", notifications);
 }
 
 TEST(Matchers, RefuseWhatIsNoJsonInTheEvaluatorsWords) {
@@ -109,30 +97,25 @@ TEST(Matchers, RefuseWhatIsNoJsonInTheEvaluatorsWords) {
     const LogCapture log("debug");
     EXPECT_EQ(tavrix_jrpc_eval_method("m", "{", &out), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(tavrix_jrpc_eval_notification("m", "{", &out), TAVRIX_ERR_GENERAL);
-    EXPECT_EQ(log.count(support::error, unit, "tavrix_jrpc_eval_request: Cannot parse JSON data\n"), 2);
-    EXPECT_EQ(
-        log.count(support::error, unit, std::string("error: on line 1: ") + support::parse_error("{").text + "\n"), 2);
+    EXPECT_EQ(log.count(error, unit, "tavrix_jrpc_eval_request: Cannot parse JSON data\n"), 2);
+    EXPECT_EQ(log.count(error, unit, std::string("error: on line 1: ") + parse_error("{").text + "\n"), 2);
     EXPECT_EQ(out, nullptr);
 }
 
 TEST(Matchers, RefuseNullArguments) {
     json_t *out = nullptr;
-    const LogCapture log("debug");
-    EXPECT_EQ(with_each_null([&](auto... texts) { return tavrix_jrpc_eval_method(texts..., &out); }, "m", "{}"),
-              Statuses(2, TAVRIX_ERR_NULL_INPUT));
-    EXPECT_EQ(with_each_null(tavrix_jrpc_eval_notification, "m", "{}", &out), Statuses(3, TAVRIX_ERR_NULL_INPUT));
-    EXPECT_EQ(log.count(support::debug, unit, "[tavrix_jrpc_eval_method]: Null Pointer!\n"), 2);
-    EXPECT_EQ(log.count(support::debug, unit, "[tavrix_jrpc_eval_notification]: Null Pointer!\n"), 3);
+    expect_nulls_refused(
+        TAVRIX_ERR_NULL_INPUT, "DEBUG|[tavrix_jrpc_eval_method]: Null Pointer!",
+        [&](auto... texts) { return tavrix_jrpc_eval_method(texts..., &out); }, "m", "{}");
+    expect_nulls_refused(TAVRIX_ERR_NULL_INPUT, "DEBUG|[tavrix_jrpc_eval_notification]: Null Pointer!",
+                         tavrix_jrpc_eval_notification, "m", "{}", &out);
     EXPECT_EQ(tavrix_jrpc_eval_method("m", R"({"jsonrpc":"2.0","id":"m"})", nullptr), 0) << "only the verdict";
 }
 
 // --- Waiting for a reply ---
 
 TEST(ReplyWait, GivesUpAfterTheMethodsNumberOfAttempts) {
-    const struct {
-        const char *method;
-        int attempts;
-    } rows[] = {
+    const std::pair<const char *, int> rows[] = {
         {"ports.Get", 60},
         {"ports.SetEnabled", 60},
         {"ports.SetVlanLocal", 100},
@@ -145,14 +128,14 @@ TEST(ReplyWait, GivesUpAfterTheMethodsNumberOfAttempts) {
     };
     const BusSocket silent(TAVRIX_SP_SUB);
     tavrix_mq_socket_set_timeout(silent.number, 1);
-    for (const auto &row : rows) {
+    for (const auto &[method, attempts] : rows) {
         json_t *out = nullptr;
         const LogCapture log("debug");
-        EXPECT_EQ(tavrix_jrpc_mq_sub_for_method(silent.number, row.method, &out), TAVRIX_ERR_NO_RESPONSE) << row.method;
+        EXPECT_EQ(tavrix_jrpc_mq_sub_for_method(silent.number, method, &out), TAVRIX_ERR_NO_RESPONSE) << method;
         EXPECT_EQ(out, nullptr);
         std::vector<std::string> expected;
-        for (int attempt = row.attempts; attempt > 0; --attempt) {
-            expected.push_back("DEBUG|" + waiting(row.method, attempt));
+        for (int attempt = attempts; attempt > 0; --attempt) {
+            expected.push_back("DEBUG|" + waiting(method, attempt));
             expected.push_back("DEBUG|Unable to receive an API response, rc = -46");
         }
         expected.push_back("DEBUG|Could not receive expected API response.");
@@ -169,16 +152,16 @@ TEST(ReplyWait, TakesTheReplyAndLetsOthersCostAnAttempt) {
     json_t *out = nullptr;
     const LogCapture log("debug");
     ASSERT_EQ(tavrix_jrpc_mq_sub_for_method(bus.sub.number, "ports.Get", &out), 0);
-    EXPECT_EQ(support::taken(out), R"({"jsonrpc":"2.0","id":"ports.Get","result":5})");
+    EXPECT_EQ(taken(out), R"({"jsonrpc":"2.0","id":"ports.Get","result":5})");
     const std::string function = "[tavrix_jrpc_mq_sub_for_method] ";
     for (int attempt = 60; attempt > 55; --attempt) {
-        EXPECT_TRUE(log.has(support::debug, unit, waiting("ports.Get", attempt) + "\n")) << attempt;
+        EXPECT_TRUE(log.has(debug, unit, waiting("ports.Get", attempt) + "\n")) << attempt;
     }
-    EXPECT_FALSE(log.has(support::debug, unit, waiting("ports.Get", 55) + "\n")) << "the fifth frame was the one";
-    EXPECT_TRUE(log.has(support::debug, unit, "Unable to parse API response, rc = -1\n"));
-    EXPECT_EQ(log.count(support::debug, unit, "Incorrect API response received. rc = -1\n"), 3);
-    EXPECT_TRUE(log.has(support::debug, unit, function + "Received:\n" + reply + "\n"));
-    EXPECT_EQ(log.count(support::debug, unit, function + "Received API response, evaluating id...\n"), 4);
+    EXPECT_FALSE(log.has(debug, unit, waiting("ports.Get", 55) + "\n")) << "the fifth frame was the one";
+    EXPECT_TRUE(log.has(debug, unit, "Unable to parse API response, rc = -1\n"));
+    EXPECT_EQ(log.count(debug, unit, "Incorrect API response received. rc = -1\n"), 3);
+    EXPECT_TRUE(log.has(debug, unit, function + "Received:\n" + reply + "\n"));
+    EXPECT_EQ(log.count(debug, unit, function + "Received API response, evaluating id...\n"), 4);
     EXPECT_EQ(log.last(),
               "DEBUG|" + function + R"(JSON Out: {"jsonrpc": "2.0", "id": "ports.Get", "result": 5})" + "\n");
 }
@@ -206,18 +189,18 @@ TEST(NotificationWait, TakesTheFifthFrameAndRestoresTheTimeOut) {
     json_t *out = nullptr;
     const LogCapture log("debug");
     ASSERT_EQ(tavrix_jrpc_mq_sub_for_notifcation(bus.sub.number, "events.X", &out), 0);
-    EXPECT_EQ(support::taken(out), R"({"jsonrpc":"2.0","method":"events.X","params":{"n":1}})");
+    EXPECT_EQ(taken(out), R"({"jsonrpc":"2.0","method":"events.X","params":{"n":1}})");
     EXPECT_EQ(bus.sub.timeout_ms(), 700);
     const std::string function = "[tavrix_jrpc_mq_sub_for_notifcation] ";
     for (int attempt = 5; attempt > 0; --attempt) {
         EXPECT_TRUE(log.has(
-            support::debug, unit,
+            debug, unit,
             function + "Waiting for <events.X> response, attempts remaining: " + std::to_string(attempt) + "\n"));
     }
-    EXPECT_TRUE(log.has(support::debug, unit, "Unable to parse notification message, rc = -1\n"));
-    EXPECT_EQ(log.count(support::debug, unit, "Incorrect notification received. rc = -1\n"), 3);
-    EXPECT_TRUE(log.has(support::debug, unit, function + "Recv:\n" + notification + "\n"));
-    EXPECT_EQ(log.count(support::debug, unit, function + "Received notification, evaluating method name...\n"), 4);
+    EXPECT_TRUE(log.has(debug, unit, "Unable to parse notification message, rc = -1\n"));
+    EXPECT_EQ(log.count(debug, unit, "Incorrect notification received. rc = -1\n"), 3);
+    EXPECT_TRUE(log.has(debug, unit, function + "Recv:\n" + notification + "\n"));
+    EXPECT_EQ(log.count(debug, unit, function + "Received notification, evaluating method name...\n"), 4);
     EXPECT_EQ(log.last(),
               "DEBUG|" + function + R"(JSON Out: {"jsonrpc": "2.0", "method": "events.X", "params": {"n": 1}})" + "\n");
 }
@@ -239,7 +222,7 @@ TEST(NotificationWait, WaitsBeyondTheSocketsOwnTimeOut) {
     BusPair bus("ev", 1);
     Json out;
     std::thread late([&] {
-        support::wait_until([&] { return bus.sub.timeout_ms() == -1; }); // the wait has lifted the time-out
+        wait_until([&] { return bus.sub.timeout_ms() == -1; }); // the wait has lifted the time-out
         bus.publish(notification);
     });
     EXPECT_EQ(tavrix_jrpc_mq_sub_for_notifcation(bus.sub.number, "events.X", into(out)), 0);
@@ -250,8 +233,8 @@ TEST(NotificationWait, FailsWhenTheTimeOutCannotBeRead) {
     json_t *out = nullptr;
     const LogCapture log("debug");
     EXPECT_EQ(tavrix_jrpc_mq_sub_for_notifcation(9999, "events.X", &out), TAVRIX_ERR_GENERAL);
-    EXPECT_TRUE(log.has(support::debug, unit,
-                        "[tavrix_jrpc_mq_sub_for_notifcation]: Error mq_socket_get_timeout for sub, rc = -1\n"));
+    EXPECT_TRUE(
+        log.has(debug, unit, "[tavrix_jrpc_mq_sub_for_notifcation]: Error mq_socket_get_timeout for sub, rc = -1\n"));
 }
 
 TEST(NotificationWait, CountsAFailedReceiveAsAnAttempt) {
@@ -259,29 +242,27 @@ TEST(NotificationWait, CountsAFailedReceiveAsAnAttempt) {
     json_t *out = nullptr;
     const LogCapture log("debug");
     EXPECT_EQ(tavrix_jrpc_mq_sub_for_notifcation(push.number, "events.X", &out), TAVRIX_ERR_GENERAL);
-    EXPECT_EQ(log.count(support::debug, unit, "Unable to receive an API response from TRLX Service, rc = -1\n"), 5);
+    EXPECT_EQ(log.count(debug, unit, "Unable to receive an API response from TRLX Service, rc = -1\n"), 5);
     EXPECT_EQ(push.timeout_ms(), -1);
 }
 
 TEST(Waits, CountASignalAsAnAttempt) {
     const BusSocket silent(TAVRIX_SP_SUB); // without a time-out: only signals end an attempt
-    const support::Ticking interrupts(SA_RESTART);
+    const Ticking interrupts(SA_RESTART);
     json_t *out = nullptr;
     const LogCapture log("debug");
     EXPECT_EQ(tavrix_jrpc_mq_sub_for_method(silent.number, "anything", &out), TAVRIX_ERR_NO_RESPONSE);
-    EXPECT_EQ(log.count(support::debug, unit, "Unable to receive an API response, rc = -1\n"), 10);
+    EXPECT_EQ(log.count(debug, unit, "Unable to receive an API response, rc = -1\n"), 10);
     EXPECT_EQ(tavrix_jrpc_mq_sub_for_notifcation(silent.number, "events.X", &out), TAVRIX_ERR_GENERAL);
-    EXPECT_EQ(log.count(support::debug, unit, "Unable to receive an API response from TRLX Service, rc = -1\n"), 5);
+    EXPECT_EQ(log.count(debug, unit, "Unable to receive an API response from TRLX Service, rc = -1\n"), 5);
 }
 
 TEST(Waits, RefuseNullArguments) {
     json_t *out = nullptr;
-    for (const auto &[wait, line] :
-         {std::pair(&tavrix_jrpc_mq_sub_for_method, "DEBUG|[tavrix_jrpc_mq_sub_for_method]: Null Pointer!"),
-          std::pair(&tavrix_jrpc_mq_sub_for_notifcation,
-                    "DEBUG|[tavrix_jrpc_mq_sub_for_notifcation]: Null Pointer!")}) {
-        const LogCapture log("debug");
-        EXPECT_EQ(with_each_null(wait, 0, "m", &out), Statuses(2, TAVRIX_ERR_NULL_INPUT));
-        EXPECT_TRUE(log.said(Lines(2, line)));
-    }
+    expect_nulls_refused(TAVRIX_ERR_NULL_INPUT, "DEBUG|[tavrix_jrpc_mq_sub_for_method]: Null Pointer!",
+                         tavrix_jrpc_mq_sub_for_method, 0, "m", &out);
+    expect_nulls_refused(TAVRIX_ERR_NULL_INPUT, "DEBUG|[tavrix_jrpc_mq_sub_for_notifcation]: Null Pointer!",
+                         tavrix_jrpc_mq_sub_for_notifcation, 0, "m", &out);
 }
+
+} // namespace

@@ -12,17 +12,20 @@
 #include <sstream>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <utility>
-#include <vector>
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "common/handles.h"
+#include "support/json.h"
 #include "support/log_capture.h"
+#include "support/repeating.h"
 #include "tavrix_error.h"
 
-using support::StderrCapture;
+using namespace support;
 
 namespace {
 
@@ -36,19 +39,15 @@ std::string logged(int level, const std::string &message) {
     return out.text();
 }
 
-/** Loads a level word and says what the reload returned and printed. */
-struct Reload {
-    int rc;
-    std::string text;
-};
-Reload reload_with(const std::string &text) {
+/** What a reload returns and prints. */
+Answer reload_with(const std::string &text) {
     write_conf(text);
     const StderrCapture out;
     const int rc = tavrix_lsyslog_reload_conf();
     return {rc, out.text()};
 }
 
-Reload load(const std::string &word) { return reload_with("[logging_levels]\nunit-test=" + word + "\n"); }
+Answer load(const std::string &word) { return reload_with("[logging_levels]\nunit-test=" + word + "\n"); }
 
 /** The level is the highest that is let through. */
 void expect_level(int level) {
@@ -58,19 +57,10 @@ void expect_level(int level) {
 
 class Logger : public testing::Test {
   protected:
-    void SetUp() override { support::set_log_level("verbose"); }
+    void SetUp() override { set_log_level("verbose"); }
 };
 
 constexpr char stamp[] = R"(\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}\] )";
-
-/** Changes the process's zone for as long as it lives; nobody tells the C library. */
-class Zone {
-  public:
-    explicit Zone(const char *zone) { setenv("TZ", zone, 1); }
-    ~Zone() { unsetenv("TZ"); }
-    Zone(const Zone &) = delete;
-    Zone &operator=(const Zone &) = delete;
-};
 
 /** The clock that stamps the lines, in milliseconds since 1970. */
 int64_t milliseconds_now() {
@@ -87,45 +77,13 @@ int64_t stamp_of(const std::string &line) {
     return rest == nullptr ? 0 : int64_t{timegm(&local)} * 1000 + std::atoi(rest);
 }
 
-void wait_for_the_next_millisecond() {
-    for (const int64_t now = milliseconds_now(); milliseconds_now() == now;) {
+/** Waits until a clock shows another time. */
+template <class Clock>
+void wait_for_the_next(Clock clock) {
+    for (const auto now = clock(); clock() == now;) {
         std::this_thread::yield();
     }
 }
-void wait_for_the_next_second() {
-    for (const std::time_t now = support::wall_clock(); support::wall_clock() == now;) {
-        std::this_thread::yield();
-    }
-}
-
-/** Standard error as the pieces in which it is written, for as long as it lives. */
-class StderrPieces {
-  public:
-    StderrPieces() : saved_(dup(STDERR_FILENO)) {
-        EXPECT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, ends_), 0);
-        EXPECT_GE(dup2(ends_[1], STDERR_FILENO), 0);
-    }
-    ~StderrPieces() {
-        dup2(saved_, STDERR_FILENO);
-        close(saved_);
-        close(ends_[0]);
-        close(ends_[1]);
-    }
-    StderrPieces(const StderrPieces &) = delete;
-    StderrPieces &operator=(const StderrPieces &) = delete;
-
-    /** The next piece; empty when there is none. */
-    std::string next() const {
-        std::string piece(65536, '\0');
-        const ssize_t length = recv(ends_[0], piece.data(), piece.size(), MSG_DONTWAIT);
-        piece.resize(length < 0 ? 0 : static_cast<size_t>(length));
-        return piece;
-    }
-
-  private:
-    int saved_;
-    int ends_[2] = {-1, -1};
-};
 
 } // namespace
 
@@ -138,11 +96,7 @@ TEST(LoggerBeforeInit, WorksAsUnknownAtDebugLevel) {
 }
 
 TEST_F(Logger, PrintsFileAndLineForErrorDebugVerboseAndStrangeLevelsOnly) {
-    const struct {
-        int level;
-        const char *tag;
-        const char *source;
-    } rows[] = {
+    const std::tuple<int, const char *, const char *> rows[] = {
         {0, "UNKNW", ""},
         {1, "CONF ", ""},
         {2, "ERROR", ": some_unit:77"},
@@ -153,21 +107,21 @@ TEST_F(Logger, PrintsFileAndLineForErrorDebugVerboseAndStrangeLevelsOnly) {
         {-1, "UNKNW", ": some_unit:77"},
         {-7, "UNKNW", ": some_unit:77"},
     };
-    for (const auto &row : rows) {
-        const std::regex shape(std::string(stamp) + R"(\[)" + row.tag + R"(\] \[unit-test)" + row.source +
-                               R"(\] hello)" + "\n");
-        EXPECT_TRUE(std::regex_match(logged(row.level, "hello\n"), shape)) << row.level;
+    for (const auto &[level, tag, source] : rows) {
+        const std::regex shape(std::string(stamp) + R"(\[)" + tag + R"(\] \[unit-test)" + source + R"(\] hello)" +
+                               "\n");
+        EXPECT_TRUE(std::regex_match(logged(level, "hello\n"), shape)) << level;
     }
 }
 
 TEST_F(Logger, DropsWhatIsAboveTheLevelBySignedComparison) {
-    support::set_log_level("info");
+    set_log_level("info");
     EXPECT_NE(logged(4, "x\n"), "");
     EXPECT_EQ(logged(5, "x\n"), "");
     EXPECT_EQ(logged(6, "x\n"), "");
     EXPECT_EQ(logged(7, "x\n"), "");
     EXPECT_NE(logged(-1, "x\n"), "") << "a negative level always passes";
-    support::set_log_level("verbose");
+    set_log_level("verbose");
     EXPECT_NE(logged(6, "x\n"), "");
     EXPECT_EQ(logged(7, "x\n"), "") << "above the highest level";
 }
@@ -176,9 +130,9 @@ TEST_F(Logger, AddsNoLineEndOfItsOwn) { EXPECT_EQ(logged(4, "no end").back(), 'd
 
 TEST_F(Logger, KeepsAMessageOf8000CharactersAndCutsALongerOne) {
     const std::string whole = std::string(7999, 'a') + "\n";
-    EXPECT_EQ(support::parse_log(logged(2, whole)).at(0).message, whole);
+    EXPECT_EQ(parse_log(logged(2, whole)).at(0).message, whole);
     const std::string longer = std::string(8000, 'a') + "\n";
-    EXPECT_EQ(support::parse_log(logged(2, longer)).at(0).message, std::string(8000, 'a'));
+    EXPECT_EQ(parse_log(logged(2, longer)).at(0).message, std::string(8000, 'a'));
 }
 
 TEST_F(Logger, ReportsAMessageThatCannotBeFormatted) {
@@ -197,40 +151,23 @@ TEST_F(Logger, RefusesANullFormatThatItWouldPrint) {
     EXPECT_EQ(out.text(), "");
 }
 
-TEST_F(Logger, StampsEachLineWithItsOwnMillisecond) {
-    const Zone zone("UTC0");
-    wait_for_the_next_second();
-    for (const std::time_t second = support::wall_clock(); support::wall_clock() <= second + 1;) {
-        const int64_t before = milliseconds_now();
-        const int64_t stamped = stamp_of(logged(4, "x\n"));
-        ASSERT_GE(stamped, before);
-        ASSERT_LE(stamped, milliseconds_now());
-        wait_for_the_next_millisecond();
-    }
-}
-
 TEST_F(Logger, StampsTheLinesOfSeveralThreadsEachWithItsOwnTime) {
     constexpr int thread_count = 4;
-    const Zone zone("UTC0");
-    wait_for_the_next_second();
-    const std::time_t second = support::wall_clock();
+    setenv("TZ", "UTC0", 1);
+    wait_for_the_next(wall_clock);
+    const std::time_t second = wall_clock();
     const StderrCapture out;
     std::atomic<int> written{0};
-    std::vector<std::thread> threads;
-    for (int id = 0; id < thread_count; ++id) {
-        threads.emplace_back([&] {
-            while (support::wall_clock() <= second + 1) {
-                const long long before = milliseconds_now();
-                tavrix_lsyslog_log(4, "some_unit", 77, "not before %lld\n", before);
-                ++written;
-                wait_for_the_next_millisecond();
-            }
-        });
-    }
-    for (std::thread &thread : threads) {
-        thread.join();
-    }
+    on_threads(thread_count, [&](int /*me*/) {
+        while (wall_clock() <= second + 1) {
+            const long long before = milliseconds_now();
+            tavrix_lsyslog_log(4, "some_unit", 77, "not before %lld\n", before);
+            ++written;
+            wait_for_the_next(milliseconds_now);
+        }
+    });
     const int64_t end = milliseconds_now();
+    unsetenv("TZ");
     const std::regex shape(std::string(stamp) + R"(\[INFO \] \[unit-test\] not before (\d+))");
     std::istringstream lines(out.text());
     int whole = 0;
@@ -246,13 +183,24 @@ TEST_F(Logger, StampsTheLinesOfSeveralThreadsEachWithItsOwnTime) {
 
 TEST_F(Logger, WritesEachLineInOnePiece) {
     for (const size_t length : {1U, 100U, 4096U, 8000U}) {
-        const StderrPieces pieces;
+        int ends[2] = {-1, -1};
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, ends), 0); // keeps the pieces apart
+        const tavrix::Descriptor written(ends[0]);
+        const tavrix::Descriptor before(dup(STDERR_FILENO));
+        dup2(ends[1], STDERR_FILENO);
+        close(ends[1]);
         const std::string message(length, 'm');
         tavrix_lsyslog_log(4, "some_unit", 77, "%s", message.c_str());
         tavrix_lsyslog_log(2, "some_unit", 77, "%s", message.c_str());
-        EXPECT_EQ(pieces.next().erase(0, 26), "[INFO ] [unit-test] " + message);
-        EXPECT_EQ(pieces.next().erase(0, 26), "[ERROR] [unit-test: some_unit:77] " + message);
-        EXPECT_EQ(pieces.next(), "") << "nothing else";
+        dup2(before.get(), STDERR_FILENO);
+        for (const std::string &piece :
+             {"[INFO ] [unit-test] " + message, "[ERROR] [unit-test: some_unit:77] " + message}) {
+            std::string next(65536, '\0');
+            next.resize(static_cast<size_t>(recv(written.get(), next.data(), next.size(), 0)));
+            EXPECT_EQ(next.erase(0, 26), piece);
+        }
+        char more = 0;
+        EXPECT_EQ(recv(written.get(), &more, 1, 0), 0) << "nothing else";
     }
 }
 
@@ -262,17 +210,17 @@ TEST_F(Logger, ChecksSeverityWithUnsignedNumbers) {
     }
     EXPECT_EQ(tavrix_lsyslog_check_severity(-1), 0);
     expect_level(6);
-    support::set_log_level("info");
+    set_log_level("info");
     expect_level(4);
-    support::set_log_level("off");
+    set_log_level("off");
     expect_level(0);
 }
 
 TEST_F(Logger, LoadsEachOfTheFourWords) {
     for (const auto &[word, level] : {std::pair("info", 4), {"debug", 5}, {"verbose", 6}}) {
-        const Reload reload = load(word);
+        const Answer reload = load(word);
         EXPECT_EQ(reload.rc, 0);
-        const auto lines = support::parse_log(reload.text);
+        const auto lines = parse_log(reload.text);
         ASSERT_EQ(lines.size(), 1U);
         EXPECT_EQ(lines[0].whole(), std::string("CONF |Logging level set to ") + word + ".\n");
         expect_level(level);
@@ -280,7 +228,7 @@ TEST_F(Logger, LoadsEachOfTheFourWords) {
 }
 
 TEST_F(Logger, SwitchedOffPrintsOnlyLevelZeroNotEvenTheConfirmation) {
-    const Reload reload = load("off");
+    const Answer reload = load("off");
     EXPECT_EQ(reload.rc, 0);
     EXPECT_EQ(reload.text, "");
     EXPECT_EQ(logged(1, "x\n"), "");
@@ -289,7 +237,7 @@ TEST_F(Logger, SwitchedOffPrintsOnlyLevelZeroNotEvenTheConfirmation) {
 
 TEST_F(Logger, RefusesOtherWordsAndKeepsTheLevel) {
     for (const char *word : {"config", "error", "warning", "INFO", "Debug", "undef", "", " info", "info ", "6"}) {
-        const Reload reload = load(word);
+        const Answer reload = load(word);
         EXPECT_EQ(reload.rc, TAVRIX_ERR_CONF_ENTRY) << word;
         EXPECT_EQ(reload.text, "") << word;
         expect_level(6);
@@ -339,7 +287,7 @@ TEST_F(Logger, ReloadsAsAMethodWhichNeverFails) {
         [] { return tavrix_lsyslog_reload_conf_api(nullptr, nullptr, nullptr) + 1; },
         [] { return tavrix_lsyslog_is_json_method_lsyslog("logger.ReloadConf"); }};
     for (const auto &method : methods) {
-        support::set_log_level("verbose");
+        set_log_level("verbose");
         std::remove(conf);
         const StderrCapture out;
         EXPECT_EQ(method(), 1);

@@ -9,13 +9,14 @@
 #include <ctime>
 #include <string>
 #include <thread>
+#include <tuple>
 
 #include <gtest/gtest.h>
 #include <sys/time.h>
 
 #include "support/log_capture.h"
 
-using support::StderrCapture;
+using namespace support;
 
 namespace {
 
@@ -45,7 +46,7 @@ class LoggerClock : public testing::Test {
   protected:
     LoggerClock() {
         setenv("TZ", "UTC0", 1);
-        support::set_log_level("verbose");
+        set_log_level("verbose");
         set_clock(1714571112, 42000);
     }
     ~LoggerClock() override { unsetenv("TZ"); }
@@ -73,11 +74,7 @@ class LoggerClock : public testing::Test {
 };
 
 TEST_F(LoggerClock, StampsTheSecondAndTheMillisecondThatAreNow) {
-    const struct {
-        int64_t seconds;
-        int microseconds;
-        const char *stamp;
-    } rows[] = {
+    const std::tuple<int64_t, int, const char *> rows[] = {
         {1714571112, 0, "2024-05-01 13:45:12.000"},
         {1714571112, 999, "2024-05-01 13:45:12.000"}, // cut, not rounded
         {1714571112, 1000, "2024-05-01 13:45:12.001"},
@@ -94,9 +91,9 @@ TEST_F(LoggerClock, StampsTheSecondAndTheMillisecondThatAreNow) {
         {2147483647, 999999, "2038-01-19 03:14:07.999"},
         {2147483648, 0, "2038-01-19 03:14:08.000"}, // more than 31 bits
     };
-    for (const auto &row : rows) {
-        set_clock(row.seconds, row.microseconds);
-        EXPECT_EQ(info("x\n"), std::string("[") + row.stamp + "] [INFO ] [unit-test] x\n");
+    for (const auto &[seconds, microseconds, stamp] : rows) {
+        set_clock(seconds, microseconds);
+        EXPECT_EQ(info("x\n"), std::string("[") + stamp + "] [INFO ] [unit-test] x\n");
     }
 }
 
@@ -140,16 +137,13 @@ TEST_F(LoggerClock, KeepsASecondForEachThread) {
     EXPECT_EQ(info("x\n"), "[2024-05-01 13:45:12.002] [INFO ] [unit-test] x\n");
 }
 
-TEST_F(LoggerClock, PrintsAnyLineNumber) {
+TEST_F(LoggerClock, PrintsAnyLineNumberAndAMissingFileAsPrintfDoes) {
+    EXPECT_EQ(error(nullptr, 7, "x\n"), "[2024-05-01 13:45:12.042] [ERROR] [unit-test: (null):7] x\n");
+    EXPECT_EQ(error("", 7, "x\n"), "[2024-05-01 13:45:12.042] [ERROR] [unit-test: :7] x\n");
     for (const int number : {0, 1, -1, 99, 100, INT_MAX, INT_MIN}) {
         EXPECT_EQ(error("u", number, "x\n"),
                   "[2024-05-01 13:45:12.042] [ERROR] [unit-test: u:" + std::to_string(number) + "] x\n");
     }
-}
-
-TEST_F(LoggerClock, PrintsAMissingFileAsPrintfDoes) {
-    EXPECT_EQ(error(nullptr, 7, "x\n"), "[2024-05-01 13:45:12.042] [ERROR] [unit-test: (null):7] x\n");
-    EXPECT_EQ(error("", 7, "x\n"), "[2024-05-01 13:45:12.042] [ERROR] [unit-test: :7] x\n");
 }
 
 TEST_F(LoggerClock, EndsAMessageAtAZeroByte) {
@@ -172,5 +166,5 @@ TEST_F(LoggerClock, PrintsNamesAndFilesOfAnyLength) {
         EXPECT_EQ(error(file.c_str(), 7, "x\n"), head + "[ERROR] [" + name + ": " + file + ":7] x\n");
         EXPECT_EQ(error(file.c_str(), 7, message.c_str()), head + "[ERROR] [" + name + ": " + file + ":7] " + message);
     }
-    support::set_log_level("verbose");
+    set_log_level("verbose");
 }

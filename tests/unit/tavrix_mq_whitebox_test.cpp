@@ -15,13 +15,12 @@
 #include "tavrix_error.h"
 #include "tavrix_mq.h"
 
-using fault::Failing;
-using support::BusPair;
-using support::LogCapture;
+using namespace fault;
+using namespace support;
 
 namespace {
 
-std::atomic<int> blocks{0}; ///< in use of this program's own objects, the library's among them
+std::atomic<int> in_use{0}; ///< blocks of this program's own objects, the library's among them
 
 const std::string no_memory = nn_strerror(ENOMEM);
 
@@ -45,12 +44,12 @@ extern "C" {
 void *__real_malloc(size_t size);
 void __real_free(void *memory);
 void *__wrap_malloc(size_t size) {
-    void *memory = fault::Fault::fails("malloc") ? nullptr : __real_malloc(size);
-    blocks += memory != nullptr ? 1 : 0;
+    void *memory = Fault::fails("malloc") ? nullptr : __real_malloc(size);
+    in_use += memory != nullptr ? 1 : 0;
     return memory;
 }
 void __wrap_free(void *memory) {
-    blocks -= memory != nullptr ? 1 : 0;
+    in_use -= memory != nullptr ? 1 : 0;
     __real_free(memory);
 }
 }
@@ -87,40 +86,40 @@ TEST(MqFailures, CannotHitAnUnsubscription) {
 }
 
 TEST(MqTopics, AreGivenBackOneByOne) {
-    const support::BusSocket sub(TAVRIX_SP_SUB);
-    const int before = blocks;
+    const BusSocket sub(TAVRIX_SP_SUB);
+    const int before = in_use;
     subscribe_to_three(sub.number);
-    EXPECT_EQ(blocks, before + 3);
+    EXPECT_EQ(in_use, before + 3);
     for (const char *topic : {"a", "", "ab", "ab", "never"}) {
         tavrix_mq_socket_unsubscribe(sub.number, topic);
     }
-    EXPECT_EQ(blocks, before);
+    EXPECT_EQ(in_use, before);
 }
 
 TEST(MqTopics, AreGivenBackAtClose) {
-    const int before = blocks;
-    support::BusSocket sub(TAVRIX_SP_SUB);
-    support::BusSocket other(TAVRIX_SP_SUB);
+    const int before = in_use;
+    BusSocket sub(TAVRIX_SP_SUB);
+    BusSocket other(TAVRIX_SP_SUB);
     subscribe_to_three(other.number);
     subscribe_to_three(sub.number);
     sub.close();
-    EXPECT_EQ(blocks, before + 3) << "the other's";
+    EXPECT_EQ(in_use, before + 3) << "the other's";
     other.close();
-    EXPECT_EQ(blocks, before);
+    EXPECT_EQ(in_use, before);
 }
 
 TEST(MqTopics, OfASocketClosedPastTheLibraryAreGivenBackWithTheNextOfItsNumber) {
-    const int before = blocks;
-    support::BusSocket sub(TAVRIX_SP_SUB);
+    const int before = in_use;
+    BusSocket sub(TAVRIX_SP_SUB);
     subscribe_to_three(sub.number);
     ASSERT_EQ(nn_close(sub.number), 0);
-    support::BusSocket next(TAVRIX_SP_SUB);
+    BusSocket next(TAVRIX_SP_SUB);
     ASSERT_EQ(next.number, sub.number);
     sub.number = -1;
     EXPECT_EQ(tavrix_mq_socket_subscribe(next.number, "a"), 0);
-    EXPECT_EQ(blocks, before + 1);
+    EXPECT_EQ(in_use, before + 1);
     next.close();
-    EXPECT_EQ(blocks, before);
+    EXPECT_EQ(in_use, before);
 }
 
 TEST(MqFailures, OfTheReceivedCopyLoseNothingElse) {

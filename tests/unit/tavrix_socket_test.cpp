@@ -20,37 +20,10 @@
 #include "support/stream.h"
 #include "tavrix_error.h"
 
-using support::Lines;
-using support::LogCapture;
-using support::NothingOpens;
-using support::Statuses;
-using support::StderrCapture;
-using support::StreamClient;
-using support::with_each_null;
+using namespace support;
+using tavrix::Descriptor;
 
 namespace {
-
-/** A handle that is closed with its scope. */
-struct Handle {
-    int fd = -1;
-    ~Handle() {
-        if (fd >= 0) {
-            ::close(fd);
-        }
-    }
-};
-
-struct Pair {
-    Handle ours;
-    Handle theirs;
-    Pair() {
-        int fds[2];
-        if (socketpair(AF_UNIX, SOCK_STREAM, 0, fds) == 0) {
-            ours.fd = fds[0];
-            theirs.fd = fds[1];
-        }
-    }
-};
 
 mode_t mode_of(const std::string &path) {
     struct stat status {};
@@ -59,7 +32,7 @@ mode_t mode_of(const std::string &path) {
 
 bool is_nonblocking(int fd) { return (fcntl(fd, F_GETFL) & O_NONBLOCK) != 0; }
 
-unsigned port(const Handle &listener) { return static_cast<unsigned>(support::port_of(listener.fd)); }
+unsigned port(const Descriptor &listener) { return static_cast<unsigned>(port_of(listener.get())); }
 
 std::string perror_text(const char *prefix, int reason) { return std::string(prefix) + ": " + strerror(reason) + "\n"; }
 
@@ -67,9 +40,9 @@ std::string perror_text(const char *prefix, int reason) { return std::string(pre
 
 TEST(UnixListener, IsOpenToEveryoneWhateverTheUmask) {
     for (const mode_t mask : {0000U, 0022U, 0077U, 0777U}) {
-        Handle listener;
+        Descriptor listener;
         const mode_t before = umask(mask);
-        EXPECT_EQ(tavrix_unix_socket_init("open.sock", &listener.fd, 0), 0);
+        EXPECT_EQ(tavrix_unix_socket_init("open.sock", listener.place(), 0), 0);
         umask(before);
         EXPECT_EQ(mode_of("open.sock"), 0666U);
     }
@@ -91,110 +64,90 @@ TEST(UnixListener, MayBeDescriptor0) {
 
 TEST(UnixListener, ReplacesAFileThatWasLeftBehind) {
     {
-        Handle abandoned;
-        ASSERT_EQ(tavrix_unix_socket_init("stale.sock", &abandoned.fd, 0), 0);
+        Descriptor abandoned;
+        ASSERT_EQ(tavrix_unix_socket_init("stale.sock", abandoned.place(), 0), 0);
     }
     ASSERT_NE(mode_of("stale.sock"), 0U) << "the file is still there";
-    Handle listener;
-    EXPECT_EQ(tavrix_unix_socket_init("stale.sock", &listener.fd, 0), 0);
+    Descriptor listener;
+    EXPECT_EQ(tavrix_unix_socket_init("stale.sock", listener.place(), 0), 0);
     EXPECT_TRUE(StreamClient::unix_path("stale.sock").connected());
 }
 
 TEST(UnixListener, WaitsOnlyWhenAskedTo) {
-    Handle blocking;
-    Handle nonblocking;
-    ASSERT_EQ(tavrix_unix_socket_init("a.sock", &blocking.fd, 0), 0);
-    ASSERT_EQ(tavrix_unix_socket_init("b.sock", &nonblocking.fd, 7), 0);
-    EXPECT_FALSE(is_nonblocking(blocking.fd));
-    EXPECT_TRUE(is_nonblocking(nonblocking.fd));
+    Descriptor blocking;
+    Descriptor nonblocking;
+    ASSERT_EQ(tavrix_unix_socket_init("a.sock", blocking.place(), 0), 0);
+    ASSERT_EQ(tavrix_unix_socket_init("b.sock", nonblocking.place(), 7), 0);
+    EXPECT_FALSE(is_nonblocking(blocking.get()));
+    EXPECT_TRUE(is_nonblocking(nonblocking.get()));
 }
 
 TEST(UnixListener, CutsALongPathTo107Bytes) {
     const std::string exact(107, 'p');
     for (const std::string &path : {exact, exact + "q", exact + std::string(100, 'q')}) {
-        Handle listener;
-        EXPECT_EQ(tavrix_unix_socket_init(path.c_str(), &listener.fd, 0), 0);
+        Descriptor listener;
+        EXPECT_EQ(tavrix_unix_socket_init(path.c_str(), listener.place(), 0), 0);
         EXPECT_EQ(mode_of(exact), 0666U);
         EXPECT_EQ(access(path.c_str(), F_OK) == 0, path == exact);
         unlink(exact.c_str());
     }
 }
 
-TEST(UnixListener, ReportsAPathThatCannotBeBoundAndLeavesNothingOpen) {
-    const NothingOpens nothing;
-    int fd = -77;
-    const StderrCapture out;
-    EXPECT_EQ(tavrix_unix_socket_init("no/such/folder/x.sock", &fd, 0), TAVRIX_ERR_GENERAL);
-    EXPECT_EQ(out.text(), perror_text("bind", ENOENT));
-    EXPECT_EQ(fd, -77);
-}
-
 TEST(TcpListener, NeverWaits) {
     for (const int nonblocking : {0, 1}) {
-        Handle listener;
-        ASSERT_EQ(tavrix_tcp_socket_init(0, &listener.fd, nonblocking), 0);
-        EXPECT_TRUE(is_nonblocking(listener.fd));
+        Descriptor listener;
+        ASSERT_EQ(tavrix_tcp_socket_init(0, listener.place(), nonblocking), 0);
+        EXPECT_TRUE(is_nonblocking(listener.get()));
     }
 }
 
 TEST(TcpListener, ListensOnEveryAddressOfItsPort) {
-    const int port = support::free_port();
-    Handle listener;
-    ASSERT_EQ(tavrix_tcp_socket_init(static_cast<unsigned>(port) + 0x10000, &listener.fd, 0), 0)
+    const int port = free_port();
+    Descriptor listener;
+    ASSERT_EQ(tavrix_tcp_socket_init(static_cast<unsigned>(port) + 0x10000, listener.place(), 0), 0)
         << "the low 16 bits count";
-    EXPECT_EQ(support::port_of(listener.fd), port);
+    EXPECT_EQ(port_of(listener.get()), port);
     sockaddr_in address{};
     socklen_t length = sizeof address;
-    ASSERT_EQ(getsockname(listener.fd, reinterpret_cast<sockaddr *>(&address), &length), 0);
+    ASSERT_EQ(getsockname(listener.get(), reinterpret_cast<sockaddr *>(&address), &length), 0);
     EXPECT_EQ(address.sin_addr.s_addr, htonl(INADDR_ANY));
     int reuse = -1;
     socklen_t size = sizeof reuse;
-    ASSERT_EQ(getsockopt(listener.fd, SOL_SOCKET, SO_REUSEADDR, &reuse, &size), 0);
+    ASSERT_EQ(getsockopt(listener.get(), SOL_SOCKET, SO_REUSEADDR, &reuse, &size), 0);
     EXPECT_EQ(reuse, 0) << "no option is set";
 }
 
-TEST(TcpListener, ReportsAPortInUseAndLeavesNothingOpen) {
-    Handle first;
-    ASSERT_EQ(tavrix_tcp_socket_init(0, &first.fd, 0), 0);
-    const NothingOpens nothing;
-    int fd = -77;
-    const StderrCapture out;
-    EXPECT_EQ(tavrix_tcp_socket_init(port(first), &fd, 0), TAVRIX_ERR_GENERAL);
-    EXPECT_EQ(out.text(), perror_text("bind", EADDRINUSE));
-    EXPECT_EQ(fd, -77);
-}
-
 TEST(Accept, TakesAWaitingClient) {
-    Handle local;
-    Handle tcp;
-    ASSERT_EQ(tavrix_unix_socket_init("accept.sock", &local.fd, 0), 0);
-    ASSERT_EQ(tavrix_tcp_socket_init(0, &tcp.fd, 0), 0);
+    Descriptor local;
+    Descriptor tcp;
+    ASSERT_EQ(tavrix_unix_socket_init("accept.sock", local.place(), 0), 0);
+    ASSERT_EQ(tavrix_tcp_socket_init(0, tcp.place(), 0), 0);
     const struct {
         int (*accept)(const int *, int *);
-        const Handle &listener;
+        const Descriptor &listener;
         StreamClient client;
     } rows[] = {{tavrix_socket_accept, local, StreamClient::unix_path("accept.sock")},
-                {tavrix_tcp_socket_accept, tcp, StreamClient::tcp_port(support::port_of(tcp.fd))}};
+                {tavrix_tcp_socket_accept, tcp, StreamClient::tcp_port(port_of(tcp.get()))}};
     for (const auto &row : rows) {
-        Handle accepted;
-        ASSERT_TRUE(support::wait_until([&] { return row.accept(&row.listener.fd, &accepted.fd) == 0; }));
+        Descriptor accepted;
+        ASSERT_TRUE(wait_until([&] { return row.accept(row.listener.place(), accepted.place()) == 0; }));
         row.client.say("one");
         char text[8] = "";
-        EXPECT_EQ(tavrix_socket_recv(&accepted.fd, text, 7), 3);
+        EXPECT_EQ(tavrix_socket_recv(accepted.place(), text, 7), 3);
         EXPECT_STREQ(text, "one");
     }
 }
 
 TEST(Accept, IsSilentWhenNobodyWaits) {
-    Handle local;
-    Handle tcp;
-    ASSERT_EQ(tavrix_unix_socket_init("idle.sock", &local.fd, 1), 0);
-    ASSERT_EQ(tavrix_tcp_socket_init(0, &tcp.fd, 0), 0);
+    Descriptor local;
+    Descriptor tcp;
+    ASSERT_EQ(tavrix_unix_socket_init("idle.sock", local.place(), 1), 0);
+    ASSERT_EQ(tavrix_tcp_socket_init(0, tcp.place(), 0), 0);
     const LogCapture log("verbose");
     int client = -77;
-    EXPECT_EQ(tavrix_socket_accept(&local.fd, &client), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(tavrix_socket_accept(local.place(), &client), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(std::exchange(client, -77), -1) << "written whatever the result";
-    EXPECT_EQ(tavrix_tcp_socket_accept(&tcp.fd, &client), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(tavrix_tcp_socket_accept(tcp.place(), &client), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(client, -1);
     EXPECT_TRUE(log.silent());
 }
@@ -210,20 +163,19 @@ TEST(Accept, ReportsABadListener) {
 }
 
 TEST(Connect, ReachesAListener) {
-    Handle listener;
-    ASSERT_EQ(tavrix_tcp_socket_init(0, &listener.fd, 0), 0);
-    Handle client;
-    ASSERT_EQ(tavrix_tcp_socket_connect("127.0.0.1", port(listener), &client.fd), 0);
-    EXPECT_FALSE(is_nonblocking(client.fd));
-    EXPECT_EQ(tavrix_socket_send(&client.fd, "x"), 0);
+    Descriptor listener;
+    ASSERT_EQ(tavrix_tcp_socket_init(0, listener.place(), 0), 0);
+    Descriptor client;
+    ASSERT_EQ(tavrix_tcp_socket_connect("127.0.0.1", port(listener), client.place()), 0);
+    EXPECT_FALSE(is_nonblocking(client.get()));
+    EXPECT_EQ(tavrix_socket_send(client.place(), "x"), 0);
 }
 
 TEST(Connect, IsSilentWhenItIsRefused) {
     const NothingOpens nothing;
     int fd = -77;
     const LogCapture log("verbose");
-    EXPECT_EQ(tavrix_tcp_socket_connect("127.0.0.1", static_cast<unsigned>(support::free_port()), &fd),
-              TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(tavrix_tcp_socket_connect("127.0.0.1", static_cast<unsigned>(free_port()), &fd), TAVRIX_ERR_GENERAL);
     EXPECT_TRUE(log.silent());
     EXPECT_EQ(fd, -77);
 }
@@ -245,8 +197,8 @@ TEST(Connect, LooksAtThePlaceForTheDescriptorLast) {
         EXPECT_EQ(tavrix_tcp_socket_connect("nowhere", 1, nullptr), TAVRIX_ERR_GENERAL);
         EXPECT_EQ(out.text().find("inet_pton: "), 0U);
     }
-    Handle listener;
-    ASSERT_EQ(tavrix_tcp_socket_init(0, &listener.fd, 0), 0);
+    Descriptor listener;
+    ASSERT_EQ(tavrix_tcp_socket_init(0, listener.place(), 0), 0);
     const NothingOpens nothing;
     const LogCapture log("debug");
     EXPECT_EQ(tavrix_tcp_socket_connect("127.0.0.1", port(listener), nullptr), TAVRIX_ERR_GENERAL);
@@ -254,21 +206,21 @@ TEST(Connect, LooksAtThePlaceForTheDescriptorLast) {
 }
 
 TEST(Receive, GivesTheCountAndAddsNoTerminator) {
-    Pair pair;
-    ASSERT_EQ(tavrix_socket_send(&pair.theirs.fd, "abcdef"), 0);
+    SocketPair pair;
+    pair.theirs.say("abcdef");
     char text[8];
     std::memset(text, '~', sizeof text);
-    EXPECT_EQ(tavrix_socket_recv(&pair.ours.fd, text, 4), 4);
+    EXPECT_EQ(tavrix_socket_recv(pair.ours.place(), text, 4), 4);
     EXPECT_EQ(std::string(text, 8), "abcd~~~~");
-    EXPECT_EQ(tavrix_socket_recv(&pair.ours.fd, text, 8), 2);
+    EXPECT_EQ(tavrix_socket_recv(pair.ours.place(), text, 8), 2);
 }
 
 TEST(Receive, SaysThatThePeerHasClosed) {
-    Pair pair;
-    ::close(std::exchange(pair.theirs.fd, -1));
+    SocketPair pair;
+    pair.theirs.close();
     char text[4];
     const LogCapture log("debug");
-    EXPECT_EQ(tavrix_socket_recv(&pair.ours.fd, text, 4), 0);
+    EXPECT_EQ(tavrix_socket_recv(pair.ours.place(), text, 4), 0);
     EXPECT_TRUE(log.said({"DEBUG|[tavrix_socket_recv]: zero bytes received!"}));
 }
 
@@ -281,35 +233,35 @@ TEST(Receive, ReportsABadDescriptor) {
 }
 
 TEST(Receive, FailsOnASignal) {
-    Pair pair;
+    SocketPair pair;
     char text[4];
     const StderrCapture out;
-    const support::Ticking interrupts;
-    EXPECT_EQ(tavrix_socket_recv(&pair.ours.fd, text, 4), -1);
+    const Ticking interrupts;
+    EXPECT_EQ(tavrix_socket_recv(pair.ours.place(), text, 4), -1);
     EXPECT_EQ(out.text(), perror_text("tavrix_socket_recv", EINTR));
 }
 
 TEST(Send, SurvivesAPeerThatHasClosedAndHasNothingToSendOfAnEmptyText) {
-    Pair pair;
-    EXPECT_EQ(tavrix_socket_send(&pair.ours.fd, ""), 0);
-    ::close(std::exchange(pair.theirs.fd, -1));
+    SocketPair pair;
+    EXPECT_EQ(tavrix_socket_send(pair.ours.place(), ""), 0);
+    pair.theirs.close();
     const LogCapture log("verbose");
-    EXPECT_EQ(tavrix_socket_send(&pair.ours.fd, "x"), TAVRIX_ERR_GENERAL) << "and no SIGPIPE";
+    EXPECT_EQ(tavrix_socket_send(pair.ours.place(), "x"), TAVRIX_ERR_GENERAL) << "and no SIGPIPE";
     EXPECT_TRUE(log.silent());
 }
 
 TEST(Send, TakesAShortSendForASuccess) {
-    Pair pair;
-    fcntl(pair.ours.fd, F_SETFL, O_NONBLOCK);
+    SocketPair pair;
+    fcntl(pair.ours.get(), F_SETFL, O_NONBLOCK);
     const std::string large(50U << 20, 'x');
-    EXPECT_EQ(tavrix_socket_send(&pair.ours.fd, large.c_str()), 0);
-    EXPECT_EQ(tavrix_socket_send(&pair.ours.fd, large.c_str()), TAVRIX_ERR_GENERAL) << "now the buffer is full";
+    EXPECT_EQ(tavrix_socket_send(pair.ours.place(), large.c_str()), 0);
+    EXPECT_EQ(tavrix_socket_send(pair.ours.place(), large.c_str()), TAVRIX_ERR_GENERAL) << "now the buffer is full";
 }
 
-TEST(Close, WorksOnceAndKeepsTheHandleWhenItFails) {
-    Pair pair;
-    EXPECT_EQ(tavrix_socket_close(&pair.ours.fd), 0);
-    EXPECT_EQ(pair.ours.fd, -1);
+TEST(Close, WorksOnceAndKeepsTheDescriptorWhenItFails) {
+    SocketPair pair;
+    EXPECT_EQ(tavrix_socket_close(pair.ours.place()), 0);
+    EXPECT_EQ(pair.ours.get(), -1);
     for (int bad : {-1, 987654}) {
         const int number = bad;
         const StderrCapture out;
@@ -320,35 +272,30 @@ TEST(Close, WorksOnceAndKeepsTheHandleWhenItFails) {
 }
 
 TEST(StreamSockets, RefuseNullAndSayWho) {
-    Pair pair;
+    SocketPair pair;
     int fd = -77;
     char text[4];
-    const Statuses refused(2, TAVRIX_ERR_GENERAL);
-    const LogCapture log("debug");
-    EXPECT_EQ(with_each_null(tavrix_unix_socket_init, "x.sock", &fd, 0), refused);
-    EXPECT_EQ(tavrix_tcp_socket_init(0, nullptr, 0), TAVRIX_ERR_GENERAL);
-    EXPECT_EQ(with_each_null(tavrix_socket_accept, &pair.ours.fd, &fd), refused);
-    EXPECT_EQ(with_each_null(tavrix_tcp_socket_accept, &pair.ours.fd, &fd), refused);
-    EXPECT_EQ(tavrix_tcp_socket_connect(nullptr, 1, &fd), TAVRIX_ERR_GENERAL);
-    EXPECT_EQ(with_each_null(tavrix_socket_send, &pair.ours.fd, "x"), refused);
-    EXPECT_EQ(tavrix_socket_close(nullptr), TAVRIX_ERR_GENERAL);
-    EXPECT_EQ(with_each_null(tavrix_socket_recv, &pair.ours.fd, text, sizeof text), Statuses(2, 0)) << "it looks empty";
-    Lines expected;
-    for (const std::string function : {"unix_socket_init", "unix_socket_init", "tcp_socket_init", "socket_accept",
-                                       "socket_accept", "tcp_socket_accept", "tcp_socket_accept", "tcp_socket_connect",
-                                       "socket_send", "socket_send", "socket_close", "socket_recv", "socket_recv"}) {
-        expected.push_back("DEBUG|[tavrix_" + function + "]: Null Pointer!");
-    }
-    EXPECT_TRUE(log.said(expected));
-    EXPECT_EQ(log.lines().front().file, "tavrix_socket");
+    const auto expect_refused = [&](const std::string &function, auto call, auto... arguments) {
+        expect_nulls_refused(TAVRIX_ERR_GENERAL, "DEBUG|[tavrix_" + function + "]: Null Pointer!", call, arguments...);
+    };
+    expect_refused("unix_socket_init", tavrix_unix_socket_init, "x.sock", &fd, 0);
+    expect_refused("tcp_socket_init", tavrix_tcp_socket_init, 0U, &fd, 0);
+    expect_refused("socket_accept", tavrix_socket_accept, pair.ours.place(), &fd);
+    expect_refused("tcp_socket_accept", tavrix_tcp_socket_accept, pair.ours.place(), &fd);
+    expect_refused(
+        "tcp_socket_connect", [&](auto host) { return tavrix_tcp_socket_connect(host, 1, &fd); }, "127.0.0.1");
+    expect_refused("socket_send", tavrix_socket_send, pair.ours.place(), "x");
+    expect_refused("socket_close", tavrix_socket_close, pair.ours.place());
+    expect_nulls_refused(0, "DEBUG|[tavrix_socket_recv]: Null Pointer!", tavrix_socket_recv, pair.ours.place(), text,
+                         sizeof text); // it looks empty
     EXPECT_EQ(fd, -77);
 }
 
-TEST(Shutdown, ForgetsTheHandleInAnyCaseAndSaysNothing) {
-    Pair pair;
+TEST(Shutdown, ForgetsTheDescriptorInAnyCaseAndSaysNothing) {
+    SocketPair pair;
     const LogCapture log("verbose");
-    EXPECT_EQ(tavrix_socket_shutdown(&pair.ours.fd), 0);
-    EXPECT_EQ(pair.ours.fd, -1);
+    EXPECT_EQ(tavrix_socket_shutdown(pair.ours.place()), 0);
+    EXPECT_EQ(pair.ours.get(), -1);
     int bad = 987654;
     EXPECT_EQ(tavrix_socket_shutdown(&bad), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(bad, -1);

@@ -8,10 +8,12 @@
 
 #include <gtest/gtest.h>
 
+#include "support/fleet_database.h"
 #include "support/log_capture.h"
+#include "support/nulls.h"
 #include "tavrix_error.h"
 
-using support::LogCapture;
+using namespace support;
 
 namespace {
 
@@ -19,31 +21,12 @@ class Sqlite : public testing::Test {
   protected:
     Sqlite() {
         EXPECT_EQ(sqlite3_open("helpers.db", &db), SQLITE_OK);
-        EXPECT_EQ(sqlite3_exec(db,
-                               "DROP TABLE IF EXISTS t; CREATE TABLE t (id INTEGER, word TEXT);"
-                               "INSERT INTO t VALUES (1,'one'),(2,'two'),(5000000000,NULL);",
-                               nullptr, nullptr, nullptr),
-                  SQLITE_OK);
+        values_of(db, "DROP TABLE IF EXISTS t; CREATE TABLE t (id INTEGER, word TEXT);"
+                      "INSERT INTO t VALUES (1,'one'),(2,'two'),(5000000000,NULL);");
     }
     ~Sqlite() override { EXPECT_EQ(sqlite3_close(db), SQLITE_OK) << "a statement was left open"; }
 
     sqlite3 *db = nullptr;
-};
-
-/** Another connection that holds the database. */
-class Holder {
-  public:
-    Holder() {
-        EXPECT_EQ(sqlite3_open("helpers.db", &db_), SQLITE_OK);
-        EXPECT_EQ(sqlite3_exec(db_, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr), SQLITE_OK);
-    }
-    Holder(const Holder &) = delete;
-    Holder &operator=(const Holder &) = delete;
-    ~Holder() { sqlite3_close(db_); }
-    void let_go() { sqlite3_exec(db_, "COMMIT", nullptr, nullptr, nullptr); }
-
-  private:
-    sqlite3 *db_ = nullptr;
 };
 
 int prepare_args(sqlite3 *db, sqlite3_stmt **statement, const char *format, ...) {
@@ -153,10 +136,7 @@ TEST_F(Sqlite, CutsATextToItsBuffer) {
 }
 
 TEST_F(Sqlite, ReadsAnyColumnOfTheFirstRowAsText) {
-    const struct {
-        const char *query;
-        std::string text;
-    } rows[] = {
+    const std::pair<const char *, std::string> rows[] = {
         {"42", "42"},
         {"-1.5", "-1.5"},
         {"x'6162'", "ab"},
@@ -166,18 +146,15 @@ TEST_F(Sqlite, ReadsAnyColumnOfTheFirstRowAsText) {
         {"word FROM t WHERE word IS NULL", ""},
         {"word, id FROM t ORDER BY id", "one"},
     };
-    for (const auto &row : rows) {
+    for (const auto &[query, expected] : rows) {
         char text[8] = "~~~~~~~";
-        EXPECT_EQ(tavrix_sqlite3_get_single_string_result(db, text, sizeof text, "SELECT %s", row.query), 0);
-        EXPECT_EQ(std::string(text, 8), row.text + std::string(8 - row.text.size(), '\0')) << row.query;
+        EXPECT_EQ(tavrix_sqlite3_get_single_string_result(db, text, sizeof text, "SELECT %s", query), 0);
+        EXPECT_EQ(std::string(text, 8), expected + std::string(8 - expected.size(), '\0')) << query;
     }
 }
 
 TEST_F(Sqlite, ReadsASingleIdOfTheFirstRow) {
-    const struct {
-        const char *sql;
-        int64_t expected;
-    } rows[] = {
+    const std::pair<const char *, int64_t> rows[] = {
         {"SELECT id FROM t WHERE word = 'two'", 2},
         {"SELECT max(id) FROM t", 5000000000},
         {"SELECT id FROM t ORDER BY id DESC LIMIT 2", 5000000000},
@@ -185,10 +162,10 @@ TEST_F(Sqlite, ReadsASingleIdOfTheFirstRow) {
         {"SELECT 9223372036854775807", INT64_MAX},
         {"SELECT -9223372036854775807 - 1", INT64_MIN},
     };
-    for (const auto &row : rows) {
+    for (const auto &[sql, expected] : rows) {
         int64_t value = -77;
-        EXPECT_EQ(tavrix_sqlite3_get_single_id_result(db, &value, "%s", row.sql), 0) << row.sql;
-        EXPECT_EQ(value, row.expected) << row.sql;
+        EXPECT_EQ(tavrix_sqlite3_get_single_id_result(db, &value, "%s", sql), 0) << sql;
+        EXPECT_EQ(value, expected) << sql;
     }
 }
 
@@ -210,30 +187,16 @@ TEST_F(Sqlite, NamesTheFirstNullArgument) {
     sqlite3_stmt *statement = nullptr;
     int64_t value = 0;
     char text[4];
-    LogCapture log("info");
-    const auto named = [&](int rc, int index) {
-        EXPECT_EQ(rc, TAVRIX_ERR_PARAMETER);
-        EXPECT_TRUE(log.said({"WARN |Found a null input parameter at varg index <" + std::to_string(index) + ">"}));
-        log.clear();
-    };
-    named(tavrix_sqlite3_prepare_sql(nullptr, &statement, "SELECT 1"), 0);
-    named(tavrix_sqlite3_prepare_sql(db, nullptr, "SELECT 1"), 1);
-    named(tavrix_sqlite3_prepare_sql(db, &statement, nullptr), 2);
-    named(prepare_args(nullptr, &statement, "SELECT 1"), 0);
-    named(prepare_args(db, nullptr, "SELECT 1"), 1);
-    named(prepare_args(db, &statement, nullptr), 2);
-    named(tavrix_sqlite3_get_single_id_result(nullptr, &value, "SELECT 1"), 0);
-    named(tavrix_sqlite3_get_single_id_result(db, nullptr, "SELECT 1"), 1);
-    named(tavrix_sqlite3_get_single_id_result(db, &value, nullptr), 2);
-    named(single_id_args(nullptr, &value, "SELECT 1"), 0);
-    named(single_id_args(db, nullptr, "SELECT 1"), 1);
-    named(single_id_args(db, &value, nullptr), 2);
-    named(tavrix_sqlite3_get_single_string_result(nullptr, text, 4, "SELECT 1"), 0);
-    named(tavrix_sqlite3_get_single_string_result(db, nullptr, 4, "SELECT 1"), 1);
-    named(tavrix_sqlite3_get_single_string_result(db, text, 4, nullptr), 2);
-    named(tavrix_sqlite3_exec_sql(nullptr, "SELECT 1"), 0);
-    named(tavrix_sqlite3_exec_sql(db, nullptr), 1);
-    named(tavrix_sqlite3_prepare_sql(nullptr, nullptr, nullptr), 0);
+    constexpr int refused = TAVRIX_ERR_PARAMETER;
+    expect_nulls_named(refused, tavrix_sqlite3_prepare_sql, db, &statement, "SELECT 1");
+    expect_nulls_named(refused, prepare_args, db, &statement, "SELECT 1");
+    expect_nulls_named(refused, tavrix_sqlite3_get_single_id_result, db, &value, "SELECT 1");
+    expect_nulls_named(refused, single_id_args, db, &value, "SELECT 1");
+    expect_nulls_named(refused, tavrix_sqlite3_get_single_string_result, db, text, size_t{4}, "SELECT 1");
+    expect_nulls_named(refused, tavrix_sqlite3_exec_sql, db, "SELECT 1");
+    const LogCapture log("info");
+    EXPECT_EQ(tavrix_sqlite3_prepare_sql(nullptr, nullptr, nullptr), refused);
+    EXPECT_TRUE(log.said({null_line(0)}));
 }
 
 TEST_F(Sqlite, ExecutesWithCallbackAndErrorText) {
@@ -252,37 +215,35 @@ TEST_F(Sqlite, ExecutesWithCallbackAndErrorText) {
 
 TEST_F(Sqlite, ExecutesAFormattedStatement) {
     EXPECT_EQ(tavrix_sqlite3_exec_sql(db, "UPDATE t SET word = '%s' WHERE id = %d", "deux", 2), SQLITE_OK);
-    int64_t count = 0;
-    tavrix_sqlite3_get_single_id_result(db, &count, "SELECT count(*) FROM t WHERE word = 'deux'");
-    EXPECT_EQ(count, 1);
+    EXPECT_EQ(values_of(db, "SELECT count(*) FROM t WHERE word = 'deux'"), "1");
     const std::string long_text = "UPDATE t SET word = 'x'" + std::string(1099 - 23, ' ') + "WHERE 0";
     EXPECT_EQ(tavrix_sqlite3_exec_sql(db, "%s", long_text.c_str()), SQLITE_OK);
-    tavrix_sqlite3_get_single_id_result(db, &count, "SELECT count(*) FROM t WHERE word = 'x'");
-    EXPECT_EQ(count, 3) << "the condition stood behind the 1099th character";
+    EXPECT_EQ(values_of(db, "SELECT count(*) FROM t WHERE word = 'x'"), "3")
+        << "the condition stood behind the 1099th character";
 }
 
 TEST_F(Sqlite, GoesOnWhenTheDatabaseIsLetGo) {
-    Holder holder;
+    const Sql holder("helpers.db");
+    holder.run("BEGIN EXCLUSIVE");
     LogCapture log("debug");
     std::thread release([&] {
         while (log.text().find("retry #2") == std::string::npos) {
             std::this_thread::yield();
         }
-        holder.let_go();
+        holder.run("COMMIT");
     });
     char *message = nullptr;
     EXPECT_EQ(tavrix_sqlite3_exec(db, "UPDATE t SET id = 1", nullptr, nullptr, &message), SQLITE_OK);
     release.join();
     EXPECT_EQ(message, nullptr);
-    int64_t changed = 0;
-    EXPECT_EQ(tavrix_sqlite3_get_single_id_result(db, &changed, "SELECT count(*) FROM t WHERE id = 1"), 0);
-    EXPECT_EQ(changed, 3);
+    EXPECT_EQ(values_of(db, "SELECT count(*) FROM t WHERE id = 1"), "3");
 }
 
 TEST_F(Sqlite, RetriesNeitherPreparingNorStepping) {
     sqlite3_stmt *statement = nullptr;
     ASSERT_EQ(tavrix_sqlite3_prepare_sql(db, &statement, "SELECT id FROM t"), SQLITE_OK);
-    const Holder holder;
+    const Sql holder("helpers.db");
+    holder.run("BEGIN EXCLUSIVE");
     int64_t value = -77;
     char text[8] = "kept";
     const LogCapture log("debug");

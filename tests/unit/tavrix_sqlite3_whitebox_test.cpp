@@ -13,7 +13,7 @@
 #include "support/log_capture.h"
 #include "tavrix_sqlite3.h"
 
-using support::LogCapture;
+using namespace support;
 
 namespace {
 
@@ -96,7 +96,7 @@ TEST_F(BusyRetry, MakesEveryAttemptWithTheCallersArguments) {
     }
     EXPECT_EQ(sleeps, std::vector<useconds_t>(20, 50000));
     EXPECT_EQ(message, "attempt 21") << "the earlier texts are released, the last one is the caller's";
-    support::Lines expected;
+    Lines expected;
     for (int retry = 1; retry <= 20; ++retry) {
         expected.push_back("DEBUG|DB Busy! retry #" + std::to_string(retry) + "...");
     }
@@ -163,22 +163,19 @@ TEST_F(BusyRetry, IsForPlainBusyOnly) {
     EXPECT_TRUE(log.silent());
 }
 
-class NoMemory : public testing::Test {
-  protected:
-    /** Makes the call on a connection of its own with each allocation failing in turn. */
-    template <class Call>
-    static void each_time(Call call) {
-        fault::each_sqlite_failure([&](const fault::Fault &fault) {
-            sqlite3 *db = nullptr;
-            if (sqlite3_open(":memory:", &db) == SQLITE_OK && !fault.happened()) {
-                call(db, fault);
-            }
-            EXPECT_EQ(sqlite3_close(db), SQLITE_OK) << "a statement was left open";
-        });
-    }
-};
+/** Makes the call on a connection of its own with each allocation failing in turn. */
+template <class Call>
+static void each_time(Call call) {
+    fault::each_sqlite_failure([&](const fault::Fault &fault) {
+        sqlite3 *db = nullptr;
+        if (sqlite3_open(":memory:", &db) == SQLITE_OK && !fault.happened()) {
+            call(db, fault);
+        }
+        EXPECT_EQ(sqlite3_close(db), SQLITE_OK) << "a statement was left open";
+    });
+}
 
-TEST_F(NoMemory, IsPassedOnByASingleId) {
+TEST(NoMemory, IsPassedOnByASingleId) {
     each_time([](sqlite3 *db, const fault::Fault &fault) {
         int64_t value = -77;
         const int rc = tavrix_sqlite3_get_single_id_result(db, &value, "SELECT length('%s')", "abc");
@@ -187,7 +184,7 @@ TEST_F(NoMemory, IsPassedOnByASingleId) {
     });
 }
 
-TEST_F(NoMemory, IsNotMistakenForAnEmptyText) {
+TEST(NoMemory, IsNotMistakenForAnEmptyText) {
     each_time([](sqlite3 *db, const fault::Fault &fault) {
         char text[16] = "old";
         const int rc = tavrix_sqlite3_get_single_string_result(db, text, sizeof text, "SELECT %d", 12345);
@@ -196,7 +193,7 @@ TEST_F(NoMemory, IsNotMistakenForAnEmptyText) {
     });
 }
 
-TEST_F(NoMemory, IsPassedOnByPrepareAndExecute) {
+TEST(NoMemory, IsPassedOnByPrepareAndExecute) {
     each_time([](sqlite3 *db, const fault::Fault &fault) {
         sqlite3_stmt *statement = nullptr;
         const int rc = tavrix_sqlite3_prepare_sql(db, &statement, "SELECT '%s'", "x");

@@ -17,8 +17,7 @@
 #include "support/signals.h"
 #include "tavrix_error.h"
 
-using support::LogCapture;
-using support::StderrCapture;
+using namespace support;
 
 namespace {
 
@@ -63,12 +62,6 @@ TEST(TimerInit, WaitsUnlessExactlyOneIsGiven) {
         EXPECT_TRUE(log.said({"VERB |Timer successfully created"}));
         ::close(fd);
     }
-}
-
-TEST(TimerInit, RefusesNull) {
-    const LogCapture log("debug");
-    EXPECT_EQ(tavrix_timer_init(nullptr, 1), TAVRIX_ERR_NULL_INPUT);
-    EXPECT_TRUE(log.said({"DEBUG|[tavrix_timer_init]: NULL pointer!"}));
 }
 
 TEST(TimerInit, StoresAndPrintsItsFailure) {
@@ -176,7 +169,7 @@ TEST(TimerRead, FailsOnASignal) {
     int waiting = -1;
     ASSERT_EQ(tavrix_timer_init(&waiting, 0), 0);
     const LogCapture log("info");
-    const support::Ticking interrupts;
+    const Ticking interrupts;
     EXPECT_EQ(tavrix_timer_read(waiting), TAVRIX_ERR_GENERAL);
     EXPECT_TRUE(log.said({bad_errno_line(EINTR)}));
     ::close(waiting);
@@ -202,9 +195,13 @@ TEST(TimerFree, SetsTheVariableToZero) {
     EXPECT_EQ(fcntl(number, F_GETFD), -1) << "closed";
     int none = -1;
     EXPECT_EQ(tavrix_timer_free(&none), 0);
+}
+
+TEST(Timers, RefuseNull) {
     const LogCapture log("debug");
+    EXPECT_EQ(tavrix_timer_init(nullptr, 1), TAVRIX_ERR_NULL_INPUT);
     EXPECT_EQ(tavrix_timer_free(nullptr), TAVRIX_ERR_NULL_INPUT);
-    EXPECT_TRUE(log.said({"DEBUG|[tavrix_timer_free]: NULL pointer!"}));
+    EXPECT_TRUE(log.said({"DEBUG|[tavrix_timer_init]: NULL pointer!", "DEBUG|[tavrix_timer_free]: NULL pointer!"}));
 }
 
 TEST(TimerFree, ClosesDescriptorZeroWhenRepeated) {

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <tuple>
 #include <utility>
 
 #include <gtest/gtest.h>
@@ -14,9 +15,7 @@
 #include "tavrix_error.h"
 #include "tavrix_utils.h"
 
-using support::LogCapture;
-using support::Statuses;
-using support::with_each_null;
+using namespace support;
 
 namespace {
 
@@ -65,10 +64,9 @@ TEST(MacFormat, SaysWhatItDoes) {
     const LogCapture log("verbose");
     Writable mac("aa-bb-cc-dd-ee-ff");
     tavrix_validate_and_format_mac_addr_string(mac.text);
-    EXPECT_TRUE(
-        log.has(support::debug, unit, "Validating and reformatting given mac address string <aa-bb-cc-dd-ee-ff>\n"));
-    EXPECT_TRUE(log.has(support::verbose, unit, "Converting all characters to uppercase\n"));
-    EXPECT_TRUE(log.has(support::verbose, unit, "Replacing delimiters with ':'\n"));
+    EXPECT_TRUE(log.has(debug, unit, "Validating and reformatting given mac address string <aa-bb-cc-dd-ee-ff>\n"));
+    EXPECT_TRUE(log.has(verbose, unit, "Converting all characters to uppercase\n"));
+    EXPECT_TRUE(log.has(verbose, unit, "Replacing delimiters with ':'\n"));
     Writable bad("short");
     const LogCapture refusal("debug");
     tavrix_validate_and_format_mac_addr_string(bad.text);
@@ -83,10 +81,9 @@ TEST(MacToBytes, ConsumesTheText) {
     EXPECT_EQ(tavrix_str_to_mac_address(mac.text, bytes), 0);
     EXPECT_EQ(bytes_text(bytes, 6), "0a1b2c3d4eff");
     EXPECT_STREQ(mac.text, "0A") << "cut into its pieces";
-    EXPECT_TRUE(
-        log.has(support::debug, unit, "[tavrix_str_to_mac_address]: Parsing MAC address <0A:1B:2C:3D:4E:FF>\n"));
-    EXPECT_TRUE(log.has(support::verbose, unit, "Byte <0>: <0A>\n"));
-    EXPECT_TRUE(log.has(support::verbose, unit, "Byte <5>: <FF>\n"));
+    EXPECT_TRUE(log.has(debug, unit, "[tavrix_str_to_mac_address]: Parsing MAC address <0A:1B:2C:3D:4E:FF>\n"));
+    EXPECT_TRUE(log.has(verbose, unit, "Byte <0>: <0A>\n"));
+    EXPECT_TRUE(log.has(verbose, unit, "Byte <5>: <FF>\n"));
 }
 
 TEST(MacToBytes, PassesTheCheckOnAndRefusesNull) {
@@ -365,20 +362,17 @@ TEST(PortLine, StaysWithinItsBuffersForAnyWidth) {
 
 TEST(PortLine, LeavesACursorBehindTheLastPortWhereItIs) {
     // A count below 0 has no port either.
-    const struct {
-        int16_t count;
-        int cursor;
-    } rows[] = {
+    const std::pair<int16_t, int> rows[] = {
         {4, 4},       {4, 5},       {4, 999},     {4, 1000},    {4, 1001}, {4, INT_MAX}, {0, 0},   {0, 1000},
         {1000, 1000}, {1000, 1001}, {1001, 1001}, {1001, 1002}, {-5, 0},   {-5, 1000},   {-5, -5}, {-5, -4},
     };
     tavrix_port_list list = four_ports();
-    for (const auto &row : rows) {
-        list.count = row.count;
-        const Line line = line_of(list, row.cursor, 3);
+    for (const auto &[count, cursor] : rows) {
+        list.count = count;
+        const Line line = line_of(list, cursor, 3);
         EXPECT_EQ(line.rc, 0);
         EXPECT_EQ(line.text, "   ");
-        EXPECT_EQ(line.cursor, row.cursor) << row.count;
+        EXPECT_EQ(line.cursor, cursor) << count;
     }
 }
 
@@ -393,11 +387,7 @@ TEST(MzuOnline, IsAPositiveConnectionState) {
 // --- Versions ---
 
 TEST(Version, IsComparedNumberByNumber) {
-    const struct {
-        const char *a;
-        const char *b;
-        int rc;
-    } rows[] = {
+    const std::tuple<const char *, const char *, int> rows[] = {
         {"1.2.10", "1.2.9", 1},
         {"2.0.1-004", "2.0.1-004", 0},
         {"1.10", "1.9", 1},
@@ -422,8 +412,8 @@ TEST(Version, IsComparedNumberByNumber) {
         {"-4294967295", "0", 1}, // the last that fits, and with the sign turned 1
         {"-4294967296", "0", -1},
     };
-    for (const auto &row : rows) {
-        EXPECT_EQ(tavrix_utils_sw_version_strcmp(row.a, row.b), row.rc) << row.a << " against " << row.b;
+    for (const auto &[a, b, rc] : rows) {
+        EXPECT_EQ(tavrix_utils_sw_version_strcmp(a, b), rc) << a << " against " << b;
     }
     EXPECT_EQ(with_each_null(tavrix_utils_sw_version_strcmp, "1", "1"), Statuses(2, TAVRIX_ERR_NULL_INPUT));
 }

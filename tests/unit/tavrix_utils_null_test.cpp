@@ -1,12 +1,11 @@
-#include <string>
-
 #include <gtest/gtest.h>
 
 #include "support/log_capture.h"
+#include "support/nulls.h"
 #include "tavrix_error.h"
 #include "tavrix_utils.h"
 
-using support::LogCapture;
+using namespace support;
 
 TEST(NullTest, PassesWhenNoArgumentIsNull) {
     int a = 0;
@@ -25,7 +24,7 @@ TEST(NullTest, NamesTheFirstNullArgumentByItsIndex) {
         EXPECT_EQ(tavrix_check_for_null(5, index == 0 ? null : &a, index == 1 ? null : &a, index == 2 ? null : &a,
                                         index == 3 ? null : &a, null),
                   TAVRIX_ERR_GENERAL);
-        EXPECT_TRUE(log.said({"WARN |Found a null input parameter at varg index <" + std::to_string(index) + ">"}));
+        EXPECT_TRUE(log.said({null_line(static_cast<size_t>(index))}));
     }
 }
 

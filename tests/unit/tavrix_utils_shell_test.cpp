@@ -7,6 +7,8 @@
 #include <ctime>
 #include <regex>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -23,13 +25,7 @@
 #include "tavrix_mq.h"
 #include "tavrix_utils.h"
 
-using support::Lines;
-using support::LogCapture;
-using support::Statuses;
-using support::StderrCapture;
-using support::taken;
-using support::with_each_null;
-using support::write_file;
+using namespace support;
 
 namespace {
 
@@ -141,11 +137,7 @@ TEST(FileStats, ShowsNoCommandThatWouldBeCut) {
     const std::string shown = "VERB |[tavrix_file_stats]: cmd_str = ";
     const std::string refused = "ERROR|System: Command failed. Aborting.";
     write_file("listed", "12345");
-    const struct {
-        std::string path;
-        std::string filter;
-        std::vector<std::string> lines;
-    } rows[] = {
+    const std::tuple<std::string, std::string, std::vector<std::string>> rows[] = {
         {std::string(3195, 'p'), "", {refused}},
         {std::string(3194, 'p'), "", {shown + "ls -l " + std::string(3194, 'p'), refused}},
         {"listed", std::string(3181, 'f'), {shown + "ls -l listed", refused}},
@@ -153,77 +145,72 @@ TEST(FileStats, ShowsNoCommandThatWouldBeCut) {
          std::string(3180, 'f'),
          {shown + "ls -l listed", shown + "ls -l listed | grep " + std::string(3180, 'f'), refused}},
     };
-    for (const auto &row : rows) {
+    for (const auto &[path, filter, lines] : rows) {
         const LogCapture log("verbose");
-        EXPECT_EQ(tavrix_file_stats(row.path.c_str(), row.filter.c_str(), nullptr, 5), nullptr);
-        EXPECT_TRUE(log.said(row.lines));
+        EXPECT_EQ(tavrix_file_stats(path.c_str(), filter.c_str(), nullptr, 5), nullptr);
+        EXPECT_TRUE(log.said(lines));
     }
 }
 
-TEST(CheckMd5, ComparesTheSums) {
-    write_file("data", "hello\n");
-    write_file("data.md5", "b1946ac92492d2347c6235b4d2611184  elsewhere/data\n"); // the names may differ
-    bool match = false;
-    EXPECT_EQ(tavrix_check_md5("data", "data.md5", &match), 0);
+class CheckMd5 : public testing::Test {
+  protected:
+    CheckMd5() {
+        write_file("data", "hello\n");
+        write_file("data.md5", "b1946ac92492d2347c6235b4d2611184  elsewhere/data\n"); // the names may differ
+    }
+    int check(const std::string &data = "data", const char *stored = "data.md5") {
+        return tavrix_check_md5(data.c_str(), stored, &match);
+    }
+    bool match = true;
+};
+
+TEST_F(CheckMd5, ComparesTheSumsAndLeavesErrnoAlone) {
+    match = false;
+    errno = EXDEV;
+    EXPECT_EQ(check(), 0);
     EXPECT_TRUE(match);
     for (const char *stored : {"B1946AC92492D2347C6235B4D2611184  data\n", "b1946ac92492d2347c6235b4d2611185  data\n",
                                "b1946ac92492d2347c6235b4d2611184\n"}) {
         write_file("data.md5", stored);
         match = true;
-        EXPECT_EQ(tavrix_check_md5("data", "data.md5", &match), 0) << "a difference is no failure";
+        errno = EXDEV;
+        EXPECT_EQ(check(), 0) << "a difference is no failure";
         EXPECT_FALSE(match) << stored;
+        EXPECT_EQ(errno, EXDEV) << stored;
     }
 }
 
-TEST(CheckMd5, ReportsWhatItCannotRead) {
-    write_file("data", "hello\n");
+TEST_F(CheckMd5, ReportsWhatItCannotRead) {
     write_file("empty.md5", "");
-    bool match = true;
-    const LogCapture log("info");
-    EXPECT_EQ(tavrix_check_md5("data", "empty.md5", &match), TAVRIX_ERR_GENERAL);
+    LogCapture log("info");
+    EXPECT_EQ(check("data", "empty.md5"), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(log.last(), "ERROR|No result from md5sum\n");
-    EXPECT_EQ(tavrix_check_md5("data", "missing.md5", &match), TAVRIX_ERR_GENERAL);
-    EXPECT_NE(log.text().find("fopen: No such file or directory\n"), std::string::npos);
-    EXPECT_EQ(tavrix_check_md5(std::string(300, 'x').c_str(), "data.md5", &match), TAVRIX_ERR_GENERAL)
-        << "the command would be cut";
-    EXPECT_NE(log.text().find("popen: "), std::string::npos);
+    EXPECT_EQ(check("data", "missing.md5"), TAVRIX_ERR_GENERAL);
+    EXPECT_TRUE(log.says("fopen: No such file or directory\n"));
+    for (const size_t length : {248U, 300U}) {
+        log.clear();
+        EXPECT_EQ(check(std::string(length, 'x')), TAVRIX_ERR_GENERAL) << "the command would be cut";
+        EXPECT_EQ(log.text(), "popen: File name too long\n");
+    }
     const StandIn silent("md5sum", "exit 0");
-    EXPECT_EQ(tavrix_check_md5("data", "data.md5", &match), TAVRIX_ERR_GENERAL);
+    EXPECT_EQ(check(), TAVRIX_ERR_GENERAL);
     EXPECT_EQ(log.last(), "ERROR|No result from md5sum\n");
     EXPECT_TRUE(match) << "untouched";
 }
 
-TEST(CheckMd5, ReadsAtMost254CharactersOfEachLine) {
+TEST_F(CheckMd5, ReadsAtMost254CharactersOfEachLine) {
     const StandIn long_sum("md5sum", "head -c 254 /dev/zero | tr '\\0' x; echo and more");
-    write_file("data", "hello\n");
-    write_file("data.md5", std::string(254, 'x') + "another end\n");
-    bool match = false;
-    EXPECT_EQ(tavrix_check_md5("data", "data.md5", &match), 0);
-    EXPECT_TRUE(match);
-    write_file("data.md5", std::string(253, 'x') + "y\n");
-    EXPECT_EQ(tavrix_check_md5("data", "data.md5", &match), 0);
-    EXPECT_FALSE(match);
-}
-
-TEST(CheckMd5, LeavesErrnoAloneUnlessItFails) {
-    write_file("data", "hello\n");
-    write_file("data.md5", "b1946ac92492d2347c6235b4d2611184  data\n");
-    write_file("other.md5", "c1946ac92492d2347c6235b4d2611184  data\n");
-    bool match = false;
-    for (const char *stored : {"data.md5", "other.md5"}) {
-        errno = EXDEV;
-        EXPECT_EQ(tavrix_check_md5("data", stored, &match), 0);
-        EXPECT_EQ(errno, EXDEV) << stored;
+    for (const auto &[stored, same] :
+         {std::pair(std::string(254, 'x') + "another end\n", true), {std::string(253, 'x') + "y\n", false}}) {
+        write_file("data.md5", stored);
+        match = !same;
+        EXPECT_EQ(check(), 0);
+        EXPECT_EQ(match, same);
     }
-    const StderrCapture out;
-    EXPECT_EQ(tavrix_check_md5(std::string(248, 'x').c_str(), "data.md5", &match), TAVRIX_ERR_GENERAL);
-    EXPECT_EQ(out.text(), "popen: File name too long\n");
 }
 
-TEST(CheckMd5, RefusesNull) {
-    write_file("data", "hello\n");
-    write_file("data.md5", "b1946ac92492d2347c6235b4d2611184  data\n");
-    bool match = false;
+TEST_F(CheckMd5, RefusesNull) {
+    match = false;
     EXPECT_EQ(with_each_null(tavrix_check_md5, "data", "data.md5", &match), Statuses(3, TAVRIX_ERR_GENERAL));
     EXPECT_FALSE(match);
 }
@@ -259,18 +246,15 @@ TEST(BoardRevision, IsSevenWhenItCannotBeRead) {
 }
 
 TEST(Terminate, RaisesSigterm) {
-    const support::Terminations terminations;
+    const Terminations terminations;
     const LogCapture log("info");
     EXPECT_EQ(tavrix_terminate_process(), 0);
     EXPECT_EQ(terminations.count(), 1);
-    EXPECT_TRUE(log.has(support::error, unit, "CRITICAL ERROR, raise SIGTERM\n"));
+    EXPECT_TRUE(log.has(error, unit, "CRITICAL ERROR, raise SIGTERM\n"));
 }
 
 TEST(TimeSentence, CountsDaysHoursMinutesSeconds) {
-    const struct {
-        int seconds;
-        const char *text;
-    } rows[] = {
+    const std::pair<int, const char *> rows[] = {
         {0, "0 days 00:00:00"},
         {59, "0 days 00:00:59"},
         {60, "0 days 00:01:00"},
@@ -283,14 +267,13 @@ TEST(TimeSentence, CountsDaysHoursMinutesSeconds) {
         {-1, "0 days 00:00:-1"}, // each part of a negative span has its own sign
         {INT32_MIN, "-24855 days -3:-14:-8"},
     };
-    for (const auto &row : rows) {
+    for (const auto &[seconds, text] : rows) {
         char out[32];
         const LogCapture log("verbose");
-        EXPECT_EQ(tavrix_utils_format_seconds_as_time_sentence(row.seconds, out), 0);
-        EXPECT_STREQ(out, row.text);
-        EXPECT_TRUE(
-            log.has(support::verbose, unit,
-                    "Finished formatting seconds <" + std::to_string(row.seconds) + "> into <" + row.text + ">\n"));
+        EXPECT_EQ(tavrix_utils_format_seconds_as_time_sentence(seconds, out), 0);
+        EXPECT_STREQ(out, text);
+        EXPECT_TRUE(log.has(verbose, unit,
+                            "Finished formatting seconds <" + std::to_string(seconds) + "> into <" + text + ">\n"));
     }
     EXPECT_EQ(tavrix_utils_format_seconds_as_time_sentence(1, nullptr), TAVRIX_ERR_PARAMETER);
 }
@@ -320,10 +303,10 @@ TEST(Dump, TakesAnyLengthAndNullPointers) {
 }
 
 TEST(SystemLog, WritesPastTheLevelInUtc) {
-    support::set_log_level("off");
+    set_log_level("off");
     setenv("TZ", "XYZ-5:30", 1);
     tzset();
-    const time_t before = support::wall_clock();
+    const time_t before = wall_clock();
     const StderrCapture out;
     tavrix_utils_system_log("TAG", "some_file", 12, "value %d", 7);
     const std::string text = out.text();
@@ -333,7 +316,7 @@ TEST(SystemLog, WritesPastTheLevelInUtc) {
     tm utc{};
     ASSERT_NE(strptime(text.c_str(), "[%Y-%m-%d %H:%M:%S", &utc), nullptr);
     EXPECT_GE(timegm(&utc), before);
-    EXPECT_LE(timegm(&utc), support::wall_clock());
+    EXPECT_LE(timegm(&utc), wall_clock());
 }
 
 TEST(SystemLog, KeepsAMessageOf8000Characters) {
@@ -343,7 +326,7 @@ TEST(SystemLog, KeepsAMessageOf8000Characters) {
 }
 
 TEST(ReceiveDescriptor, ComesFromTheBusSocket) {
-    const support::BusSocket sub(TAVRIX_SP_SUB);
+    const BusSocket sub(TAVRIX_SP_SUB);
     int fd = -1;
     int expected = -2;
     EXPECT_EQ(tavrix_get_nn_rcvfd(sub.number, &fd), 0);

@@ -2,31 +2,23 @@
  * Texts: the tokenizer with its hidden cursor, digits, letter case, quotes.
  */
 #include <string>
+#include <tuple>
 #include <utility>
 
 #include <gtest/gtest.h>
 
+#include "support/json.h"
 #include "support/log_capture.h"
 #include "support/nulls.h"
 #include "support/params.h"
 #include "tavrix_error.h"
 #include "tavrix_utils.h"
 
-using support::Buffer;
-using support::LogCapture;
-using support::Statuses;
-using support::with_each_null;
+using namespace support;
 
 namespace {
 
-constexpr char unit[] = "tavrix_utils";
-
-struct Piece {
-    int rc;
-    std::string text;
-};
-
-Piece next(const char *text, const char *stops) {
+Answer next(const char *text, const char *stops) {
     char out[64] = "untouched";
     const int rc = strparse(text, stops, out);
     return {rc, out};
@@ -135,15 +127,12 @@ TEST(LowerCase, CopiesOneCharacterLessThanItsBufferHolds) {
 }
 
 TEST(UpperCase, StopsAtItsLimitOrTheEnd) {
-    const struct {
-        int max;
-        const char *changed;
-    } rows[] = {{0, "abcdef"}, {-1, "abcdef"}, {1, "Abcdef"},  {3, "ABCdef"},
-                {5, "ABCDEf"}, {6, "ABCDEF"},  {100, "ABCDEF"}};
-    for (const auto &row : rows) {
+    const std::pair<int, const char *> rows[] = {{0, "abcdef"}, {-1, "abcdef"}, {1, "Abcdef"},  {3, "ABCdef"},
+                                                 {5, "ABCDEf"}, {6, "ABCDEF"},  {100, "ABCDEF"}};
+    for (const auto &[max, changed] : rows) {
         char text[] = "abcdef\0hidden";
-        EXPECT_EQ(tavrix_to_upper_case(text, row.max), 0);
-        EXPECT_STREQ(text, row.changed) << row.max;
+        EXPECT_EQ(tavrix_to_upper_case(text, max), 0);
+        EXPECT_STREQ(text, changed) << max;
         EXPECT_STREQ(text + 7, "hidden") << "what stands behind the end is left alone";
     }
 }
@@ -161,13 +150,11 @@ TEST(UpperCase, ChangesLettersOnly) {
 }
 
 TEST(UpperCase, RefusesNullAndSaysSoAtVerboseOnly) {
-    {
-        const LogCapture log("verbose");
-        EXPECT_EQ(tavrix_to_upper_case(nullptr, 3), TAVRIX_ERR_PARAMETER);
-        EXPECT_TRUE(log.said({"VERB |Received null value for tavrix_to_upper_case"}));
-        EXPECT_EQ(log.lines().front().file, unit);
-    }
-    const LogCapture log("debug");
+    LogCapture log("verbose");
+    EXPECT_EQ(tavrix_to_upper_case(nullptr, 3), TAVRIX_ERR_PARAMETER);
+    EXPECT_TRUE(log.said({"VERB |Received null value for tavrix_to_upper_case"}));
+    EXPECT_EQ(log.lines().front().file, "tavrix_utils");
+    log.begin("debug");
     EXPECT_EQ(tavrix_to_upper_case(nullptr, 3), TAVRIX_ERR_PARAMETER);
     EXPECT_TRUE(log.silent());
 }
@@ -175,21 +162,18 @@ TEST(UpperCase, RefusesNullAndSaysSoAtVerboseOnly) {
 // --- Quotes ---
 
 TEST(SurroundingQuotes, LoseTheOpeningOneOnly) {
-    const struct {
-        const char *text;
-        const char *copied;
-    } rows[] = {
+    const std::pair<const char *, const char *> rows[] = {
         {R"("abc")", R"(abc")"}, {"abc", "abc"},
         {R"("abc)", R"("abc)"},  {R"(abc")", R"(abc")"},
         {R"(a"c)", R"(a"c)"},    {R"("a"b")", R"(a"b")"},
         {R"("")", R"(")"},       {R"(""")", R"("")"},
         {"'abc'", "'abc'"},      {"", ""},
     };
-    for (const auto &row : rows) {
+    for (const auto &[text, copied] : rows) {
         Buffer out(10);
-        EXPECT_EQ(tavrix_remove_surrounding_quotes(row.text, out.get(), out.size()), 0);
-        EXPECT_EQ(out.text(), row.copied) << row.text;
-        EXPECT_TRUE(out.cleared_behind_text()) << row.text;
+        EXPECT_EQ(tavrix_remove_surrounding_quotes(text, out.get(), out.size()), 0);
+        EXPECT_EQ(out.text(), copied) << text;
+        EXPECT_TRUE(out.cleared_behind_text()) << text;
     }
 }
 
@@ -200,11 +184,7 @@ TEST(SurroundingQuotes, LeaveNothingOfASingleQuoteCharacter) {
 }
 
 TEST(SurroundingQuotes, LeaveNoTerminatorInABufferThatFills) {
-    const struct {
-        const char *text;
-        size_t size;
-        std::string bytes;
-    } rows[] = {
+    const std::tuple<const char *, size_t, std::string> rows[] = {
         {"abcdef", 7, std::string("abcdef\0", 7)},
         {"abcdef", 6, "abcdef"},
         {"abcdef", 4, "abcd"},
@@ -215,10 +195,10 @@ TEST(SurroundingQuotes, LeaveNoTerminatorInABufferThatFills) {
         {R"("abc")", 0, ""},
         {"abc", 0, ""},
     };
-    for (const auto &row : rows) {
-        Buffer out(row.size);
-        EXPECT_EQ(tavrix_remove_surrounding_quotes(row.text, out.get(), row.size), 0);
-        EXPECT_EQ(bytes_of(out), row.bytes) << row.text << " in " << row.size;
+    for (const auto &[text, size, bytes] : rows) {
+        Buffer out(size);
+        EXPECT_EQ(tavrix_remove_surrounding_quotes(text, out.get(), size), 0);
+        EXPECT_EQ(bytes_of(out), bytes) << text << " in " << size;
     }
 }
 

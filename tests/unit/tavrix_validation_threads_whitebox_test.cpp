@@ -1,10 +1,8 @@
 /*
  * Several threads meet at the first use of every pattern. The program has no other test, so that it is the first use.
  */
-#include <algorithm>
-#include <atomic>
 #include <string>
-#include <thread>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -12,75 +10,56 @@
 #include "support/fields.h"
 #include "support/log_capture.h"
 #include "support/mutation.h"
+#include "support/repeating.h"
 
-using support::Field;
-using support::LogCapture;
+using namespace support;
 
 namespace {
 
-constexpr size_t thread_count = 8;
+constexpr int thread_count = 8;
 
 /** Values for every field: its own, near ones, and some beyond the bound of the fast way. */
-std::vector<std::vector<std::string>> make_values() {
-    support::Mutator mutator(5);
-    std::vector<std::vector<std::string>> values;
-    for (const Field &field : support::pattern_fields()) {
-        std::vector<std::string> of_field = field.valid;
-        for (int i = 0; i < 20; ++i) {
-            of_field.push_back(mutator.near(field.valid.front(), field.alphabet));
+std::vector<std::pair<const Field *, std::string>> make_values() {
+    Mutator mutator(5);
+    std::vector<std::pair<const Field *, std::string>> values;
+    for (const Field &field : pattern_fields()) {
+        for (const std::string &value : field.valid) {
+            values.emplace_back(&field, value);
         }
-        of_field.push_back(support::repeated(field.valid.back(), 1024));
-        of_field.push_back(support::repeated(field.valid.back(), 3000));
-        values.push_back(of_field);
+        for (int i = 0; i < 20; ++i) {
+            values.emplace_back(&field, mutator.near(field.valid.front(), field.alphabet));
+        }
+        values.emplace_back(&field, repeated(field.valid.back(), 1024));
+        values.emplace_back(&field, repeated(field.valid.back(), 3000));
     }
     return values;
-}
-
-/** Every field's verdicts, beginning with field `first` so that the threads meet at different patterns. */
-std::vector<std::vector<int>> judge_all(const std::vector<std::vector<std::string>> &values, size_t first) {
-    std::vector<std::vector<int>> verdicts(values.size());
-    for (size_t i = 0; i < values.size(); ++i) {
-        const size_t at = (i + first) % values.size();
-        for (const std::string &value : values[at]) {
-            verdicts[at].push_back(support::pattern_fields()[at].validate(value.c_str()));
-        }
-    }
-    return verdicts;
-}
-
-/** How many values have passed their pattern. */
-size_t passed(const LogCapture &log) {
-    const support::Lines lines = log.sequence();
-    return static_cast<size_t>(std::count(lines.begin(), lines.end(), "DEBUG|Regex test passed."));
 }
 
 } // namespace
 
 TEST(Threads, ShareThePatternsFromTheFirstUseOn) {
     const auto values = make_values();
-    std::vector<std::vector<std::vector<int>>> verdicts(thread_count);
+    // Beginning with the value `first`, so that the threads meet at different patterns.
+    const auto judge_all = [&](size_t first) {
+        std::vector<int> verdicts(values.size());
+        for (size_t i = 0; i < values.size(); ++i) {
+            const size_t at = (i + first) % values.size();
+            verdicts[at] = values[at].first->judge(values[at].second);
+        }
+        return verdicts;
+    };
+    const auto passed = [](const LogCapture &log) {
+        return log.count(debug, "tavrix_validation", "Regex test passed.\n");
+    };
+    std::vector<std::vector<int>> verdicts(thread_count);
     LogCapture log("debug");
-    std::atomic<size_t> waiting{thread_count};
-    std::vector<std::thread> threads;
-    for (size_t t = 0; t < thread_count; ++t) {
-        threads.emplace_back([&, t] {
-            --waiting;
-            while (waiting > 0) {
-                std::this_thread::yield();
-            }
-            // Half of them all begin with the same pattern.
-            verdicts[t] = judge_all(values, t % 2 == 0 ? 0 : t);
-        });
-    }
-    for (std::thread &thread : threads) {
-        thread.join();
-    }
-    const size_t passed_together = passed(log);
+    on_threads(thread_count, [&](int me) {
+        const size_t t = static_cast<size_t>(me);
+        verdicts[t] = judge_all(t % 2 == 0 ? 0 : t * values.size() / thread_count); // half of them at the same pattern
+    });
+    const int passed_together = passed(log);
     log.clear();
-    const auto alone = judge_all(values, 0);
-    for (const auto &of_thread : verdicts) {
-        EXPECT_EQ(of_thread, alone);
-    }
-    EXPECT_GE(passed(log), values.size()) << "at least every field's own value";
+    EXPECT_EQ(verdicts, std::vector<std::vector<int>>(thread_count, judge_all(0)));
+    EXPECT_GE(passed(log), static_cast<int>(pattern_fields().size())) << "at least every field's own value";
     EXPECT_EQ(passed_together, passed(log) * thread_count) << "every thread logs every verdict";
 }

@@ -99,7 +99,7 @@ enum tavrix_status {
     TAVRIX_ERR_UNIT_NOT_ACTIVE = -32,
     /** Not a date and time of the form YYYY-MM-DD HH:MM. Ask for another. */
     TAVRIX_ERR_INVALID_DATE_TIME = -33,
-    /** A field's value breaks its rule in tavrix_validation.h, or a bus socket's type or address is wrong. */
+    /** A value breaks its rule in tavrix_validation.h, or a bus socket's type or address is wrong. Ask for another. */
     TAVRIX_ERR_VALIDATION = -34,
     /** A parameter, or a key of a configuration file, is missing. Use the default if it is optional. */
     TAVRIX_ERR_PARAMETER_NOT_FOUND = -35,
@@ -107,7 +107,7 @@ enum tavrix_status {
     TAVRIX_ERR_MZU_LIMIT = -36,
     /** The port or unit has no power over Ethernet. Do without it. */
     TAVRIX_ERR_NO_POE = -37,
-    /** The query found nothing; in the service kit, a number no longer names anything. Often not an error. */
+    /** The query found nothing; in the service kit, a number no longer names anything. Take it as empty, or as over. */
     TAVRIX_ERR_NO_RECORDS = -38,
     /** The change would violate a constraint of the database. Roll back and tell the client. */
     TAVRIX_ERR_DATA_CONSTRAINT = -39,

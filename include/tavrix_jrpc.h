@@ -381,7 +381,7 @@ TAVRIX_API int tavrix_jrpc_eval_notification(const char *method, const char *jso
  *     tavrix_jrpc_unix_socket_run(&listener, methods);
  * @endcode
  *
- * @param path        the socket's path, cut after 107 bytes; a file that is there is removed
+ * @param path        the socket's path, cut after TAVRIX_SOCKET_MAX_PATH bytes; a file that is there is removed
  * @param sock_out    receives the listener, or 0; the caller closes it
  * @param nonblocking not 0: the accept of tavrix_jrpc_unix_socket_run() does not wait
  * @return 0, also when the listener cannot be opened: then the handle is 0 and the log says why; TAVRIX_ERR_NULL_INPUT
@@ -400,8 +400,8 @@ TAVRIX_API int tavrix_jrpc_unix_socket_init(const char *path, int *sock_out, int
 TAVRIX_API int tavrix_jrpc_tcp_socket_init(unsigned port, int *sock_out, int nonblocking);
 
 /**
- * Serves one client: one request of at most 1024 bytes in one piece, one answer, connection closed. A notification is
- * not answered.
+ * Serves one client: one request of at most TAVRIX_SERVER_MAX_REQUEST bytes in one piece, one answer, connection
+ * closed. A notification is not answered.
  *
  * @param listen_sock the listener
  * @param table       the methods
@@ -434,9 +434,9 @@ TAVRIX_API int tavrix_jrpc_pull_socket_init(const char *address, int *sock_out);
 TAVRIX_API int tavrix_jrpc_pull_socket_run(int sock, const tavrix_jrpc_method *table);
 
 /**
- * The router's request path in one call: accepts a client, reads its request (at most 8192 bytes in one piece), puts
- * the reply channel in the place of its id, publishes it on its service channel. One request at a time: the next
- * message on the reply channel is taken for its reply.
+ * The router's request path in one call: accepts a client, reads its request (at most TAVRIX_ROUTER_MAX_REQUEST bytes
+ * in one piece), puts the reply channel in the place of its id, publishes it on its service channel. One request at a
+ * time: the next message on the reply channel is taken for its reply.
  *
  * @code
  * int client;

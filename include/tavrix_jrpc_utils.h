@@ -51,6 +51,7 @@
 #define TAVRIX_JRPC_UTILS_H
 
 #include "tavrix_export.h"
+#include "tavrix_utils.h"
 #include <jansson.h>
 #include <stdbool.h>
 #include <stddef.h>
@@ -76,9 +77,9 @@ typedef struct tavrix_port_hardware_input {
 
 /** One MAC filter. */
 typedef struct tavrix_mac_filter {
-    int32_t first, second; /**< the caller's two numbers */
-    char mac[20];          /**< 17 characters, upper case, `:` between the pairs */
-    char mask[20];         /**< in the same form */
+    int32_t first, second;           /**< the caller's two numbers */
+    char mac[TAVRIX_MAC_TEXT_SIZE];  /**< 17 characters, upper case, `:` between the pairs */
+    char mask[TAVRIX_MAC_TEXT_SIZE]; /**< in the same form */
 } tavrix_mac_filter;
 
 /**
@@ -313,12 +314,13 @@ TAVRIX_API int tavrix_jrpc_utils_parse_input_secure_option(json_t *params, json_
  * @param array receives a new array, which the caller releases; null on failure, but untouched with
  *               TAVRIX_ERR_NULL_INPUT
  * @param macs  texts of up to 19 characters; may be null when `count` is 0
- * @param count the number of texts; at most 512 are listed, none for a negative number. The list ends early, with a
- *              warning in the log, at a text that is not UTF-8 or for which there is no memory.
+ * @param count the number of texts; at most TAVRIX_MAX_LISTED_MACS are listed, none for a negative number. The
+ *              list ends early, with a warning in the log, at a text that is not UTF-8 or for which there is no memory.
  * @return 0; TAVRIX_ERR_NULL_INPUT for a null `array`, and for null `macs` unless `count` is 0; TAVRIX_ERR_NO_MEMORY
  *         when there is none for the array; TAVRIX_ERR_GENERAL when an entry cannot be appended
  */
-TAVRIX_API int tavrix_jrpc_utils_populate_json_mac_addresses_array(json_t **array, char (*macs)[20], int count);
+TAVRIX_API int tavrix_jrpc_utils_populate_json_mac_addresses_array(json_t **array, char (*macs)[TAVRIX_MAC_TEXT_SIZE],
+                                                                   int count);
 
 #ifdef __cplusplus
 }

@@ -38,7 +38,7 @@ enum tavrix_log_level {
     TAVRIX_LOG_VERBOSE = 6
 };
 
-/** The names of the levels 0 to 6. The table has no terminator: index it, do not search it. */
+/** The names of the levels, by tavrix_log_level. The table has no terminator: index it, do not search it. */
 TAVRIX_API extern const char *const tavrix_log_level_strings[7];
 
 /**
@@ -62,11 +62,11 @@ TAVRIX_API int tavrix_lsyslog_shutdown(void);
 TAVRIX_API int tavrix_lsyslog_set_socket(int fd);
 
 /**
- * Writes one line to standard error: `[date time.ms] [TAG] [daemon] message` at the levels 0, 1, 3 and 4,
- * `[date time.ms] [TAG] [daemon: file:line] message` at every other level. The time is local; a change of the zone or
- * of the locale shows from the next second on.
+ * Writes one line to standard error: `[date time.ms] [TAG] [daemon] message` at TAVRIX_LOG_UNDEF, TAVRIX_LOG_CONFIG,
+ * TAVRIX_LOG_WARNING and TAVRIX_LOG_INFO, `[date time.ms] [TAG] [daemon: file:line] message` at every other level. The
+ * time is local; a change of the zone or of the locale shows from the next second on.
  *
- * @param level  0 to 6, see tavrix_log_level; lines above the current level are dropped before any formatting
+ * @param level  see tavrix_log_level; lines above the current level are dropped before any formatting
  * @param file   the caller's source unit
  * @param line   the caller's line number
  * @param format printf format; the message carries its own newline, and is cut after 8000 characters
@@ -78,13 +78,13 @@ TAVRIX_API int tavrix_lsyslog_log(int level, const char *file, int line, const c
 /**
  * Tells whether a line at this level would be written.
  *
- * @param level 0 to 6; both sides are compared as unsigned numbers, so a negative level answers 0
+ * @param level see tavrix_log_level; both sides are compared as unsigned numbers, so a negative level answers 0
  * @return 1 when the current level is at or above it, else 0
  */
 TAVRIX_API int tavrix_lsyslog_check_severity(int level);
 
 /**
- * Rereads the daemon's level from the configuration file and logs it at level 1.
+ * Rereads the daemon's level from the configuration file and logs it at TAVRIX_LOG_CONFIG.
  *
  * @return 0; TAVRIX_ERR_FILE_OPEN when the file cannot be opened, TAVRIX_ERR_PARAMETER_NOT_FOUND when the section or
  *         the daemon's key is missing, TAVRIX_ERR_BUFFER_SPACE when the value is longer than 50 characters,

@@ -87,7 +87,7 @@ TAVRIX_API int tavrix_tcp_socket_connect(const char *ipv4_text, unsigned port, i
  * Receives once. No terminator is added: clear the buffer and pass one byte less than it holds.
  *
  * @param len size of `buf` in bytes
- * @return the bytes received; 0 at the end of the stream and for a null pointer; -1
+ * @return the bytes received; 0 at the end of the stream and for a null pointer; TAVRIX_ERR_GENERAL
  */
 TAVRIX_API int tavrix_socket_recv(const int *sock, char *buf, size_t len);
 

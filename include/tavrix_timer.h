@@ -36,11 +36,18 @@ TAVRIX_API int tavrix_timer_init(int *fd_out, int nonblock);
  *
  * @param period_s   first expiry from now; 0 disarms, whatever the interval
  * @param interval_s time between further expiries; 0 for none
- * @return 0; TAVRIX_ERR_GENERAL, reported through perror
+ * @return 0; TAVRIX_ERR_GENERAL, reported through perror, also for a negative time
  */
 TAVRIX_API int tavrix_timer_set(int fd, int period_s, int interval_s);
 
-/** tavrix_timer_set() with fractions of a second; an impossible time is refused with TAVRIX_ERR_GENERAL. */
+/**
+ * tavrix_timer_set() with fractions of a second.
+ *
+ * @param period   first expiry from now, in seconds; 0 disarms, whatever the interval
+ * @param interval time between further expiries, in seconds; 0 for none
+ * @return 0; TAVRIX_ERR_GENERAL, reported through perror, and the timer stays as it was, for a time that cannot be: a
+ *         negative one, one of 9e18 seconds or more, or no number
+ */
 TAVRIX_API int tavrix_timer_nsec_set(int fd, float period, float interval);
 
 /**

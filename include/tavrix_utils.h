@@ -2,9 +2,10 @@
  * @file tavrix_utils.h
  * Enumeration words, addresses and identifiers, strings, shell and file helpers.
  *
- * A port is a pair: unit 0 is the appliance with its ports d1 to d4, units 1 to 128 are the edge switches, port 32767
- * stands for a whole unit. A MAC address is 17 characters, upper-case pairs between colons, in buffers of 20 bytes, or
- * 6 bytes. Functions return 0 or a negative status of tavrix_error.h unless they say otherwise.
+ * A port is a pair: unit 0 is the appliance with its ports d1 to d4, units 1 to 128 are the edge switches, port
+ * TAVRIX_WHOLE_UNIT_PORT stands for a whole unit. A MAC address is 17 characters, upper-case pairs between colons, in
+ * buffers of TAVRIX_MAC_TEXT_SIZE bytes, or TAVRIX_MAC_SIZE bytes. Functions return 0 or a negative status of
+ * tavrix_error.h unless they say otherwise.
  *
  * Addresses and identifiers:
  * @code
@@ -158,7 +159,7 @@ typedef struct tavrix_port_list {
 
 /** MAC texts, and how many of them are used; the entries come from `malloc`. */
 typedef struct tavrix_mac_array {
-    char (*entries)[20];
+    char (*entries)[TAVRIX_MAC_TEXT_SIZE];
     int32_t count;
 } tavrix_mac_array;
 
@@ -170,7 +171,7 @@ typedef struct tavrix_mac_vector {
 
 /** The MAC addresses seen on one port; the list comes from `malloc`. */
 typedef struct tavrix_port_macs {
-    char (*macs)[20];
+    char (*macs)[TAVRIX_MAC_TEXT_SIZE];
     size_t count;
 } tavrix_port_macs;
 
@@ -179,7 +180,7 @@ typedef struct tavrix_mzu_record {
     int32_t unit;
     int32_t model;
     int32_t connection_state;
-    char mac[20];
+    char mac[TAVRIX_MAC_TEXT_SIZE];
 } tavrix_mzu_record;
 
 /**
@@ -194,7 +195,7 @@ TAVRIX_API int16_t tavrix_validate_and_format_mac_addr_string(char *text);
  * Canonicalises a MAC address and converts it to bytes.
  *
  * @param text  the address; consumed: it is cut into pieces, and only the first pair remains readable
- * @param bytes receives 6 bytes
+ * @param bytes receives TAVRIX_MAC_SIZE bytes
  * @return 0; TAVRIX_ERR_NULL_INPUT for a null argument; TAVRIX_ERR_PARAMETER when the text is not a MAC
  *         address; then nothing is changed
  */
@@ -204,7 +205,7 @@ TAVRIX_API int tavrix_str_to_mac_address(char *text, unsigned char *bytes);
  * Converts hexadecimal numbers separated by colons to bytes. Nothing is validated: short numbers are accepted, and so
  * is anything after the sixth.
  *
- * @param bytes receives 6 bytes
+ * @param bytes receives TAVRIX_MAC_SIZE bytes
  * @return 0; TAVRIX_ERR_NULL_INPUT for a null argument; TAVRIX_ERR_PARAMETER with fewer than six numbers; some of the
  *         bytes may then have been written
  */
@@ -213,8 +214,8 @@ TAVRIX_API int tavrix_mac_address_to_char_array(const char *text, unsigned char 
 /**
  * Prints a MAC address.
  *
- * @param out   receives the text, in at most 20 bytes; not null
- * @param bytes 6 bytes; not null
+ * @param out   receives the text, in at most TAVRIX_MAC_TEXT_SIZE bytes; not null
+ * @param bytes TAVRIX_MAC_SIZE bytes; not null
  * @return 0
  */
 TAVRIX_API int tavrix_bytes_to_mac_address_string(char *out, const unsigned char *bytes);
@@ -222,7 +223,7 @@ TAVRIX_API int tavrix_bytes_to_mac_address_string(char *out, const unsigned char
 /** Takes bytes 2 to 5 of a MAC address as a big-endian number. Neither argument may be null. @return 0 */
 TAVRIX_API int tavrix_mac_last_4_bytes_to_uint32_t(const unsigned char *bytes, uint32_t *out);
 
-/** The smaller of `n` and 512, the most MAC addresses that a reply lists. */
+/** The smaller of `n` and TAVRIX_MAX_LISTED_MACS. */
 TAVRIX_API int tavrix_get_num_macs_to_list(int n);
 
 /**
@@ -238,7 +239,7 @@ TAVRIX_API int tavrix_mac_vector_init(tavrix_mac_vector *vector, tavrix_mac_arra
 /**
  * Adds an entry; the room is doubled when it is used up, which moves `entries`.
  *
- * @param source  a MAC text when `is_text` is 1 (cut to 19 characters), 6 bytes when it is 0
+ * @param source  a MAC text when `is_text` is 1 (cut to 19 characters), TAVRIX_MAC_SIZE bytes when it is 0
  * @param is_text 1 or 0
  * @return 0; TAVRIX_ERR_NULL_INPUT for a null argument, or a vector without an array; TAVRIX_ERR_PARAMETER for another
  *         flag, when the room may have grown already; TAVRIX_ERR_GENERAL when memory runs out, after raising SIGTERM:
@@ -273,14 +274,16 @@ TAVRIX_API int tavrix_create_port_id_str(char *out, size_t out_size, int unit, i
 /**
  * Prints a unit's id, "c3", cut to the buffer, which is cleared first.
  *
+ * @param out_size bytes of `out`; 0 writes nothing
+ * @param unit     any number
  * @return 0; TAVRIX_ERR_PARAMETER for a null buffer
  */
 TAVRIX_API int tavrix_create_mzu_id_str(char *out, size_t out_size, int unit);
 
 /**
- * Parses "c12-5", "C12/5", "c12" (the whole unit, port 32767) or "d3" (unit 0), of at most 13 characters; a newline
- * ends the text. Only coarse limits are checked here; validate_port_id() has the real ones. strparse()'s cursor is
- * moved into the text.
+ * Parses "c12-5", "C12/5", "c12" (the whole unit, TAVRIX_WHOLE_UNIT_PORT) or "d3" (unit 0), of at most 13 characters; a
+ * newline ends the text. Only coarse limits are checked here; validate_port_id() has the real ones. strparse()'s cursor
+ * is moved into the text.
  *
  * @param unit receives 0 to 1000
  * @param port receives 0 to 999, 0 to 1000 for a D-port
@@ -315,7 +318,7 @@ TAVRIX_API bool tavrix_mzu_is_online(const tavrix_mzu_record *record);
 TAVRIX_API int tavrix_utils_sw_version_strcmp(const char *a, const char *b);
 
 /**
- * Looks for a null pointer; the first one is logged by its index from 0, at level 3.
+ * Looks for a null pointer; the first one is logged by its index from 0, at TAVRIX_LOG_WARNING.
  *
  * @param count how many pointers follow
  * @return 0; TAVRIX_ERR_GENERAL when one is null
@@ -395,7 +398,7 @@ TAVRIX_API int tavrix_str_to_enum(int *out, const char *text, const char *const 
  * from elsewhere, even a validated one, has to be quoted in it: between apostrophes, with each of its own written as
  * `'\''`.
  *
- * @param out receives the line with its newline, at most 79 characters, in up to 80 bytes; the empty text when there
+ * @param out receives the line with its newline, in up to TAVRIX_COMMAND_OUTPUT_SIZE bytes; the empty text when there
  *            was none
  * @return 0, whatever the command's own status; 1 when it cannot be run, or for a null argument
  */
@@ -430,7 +433,10 @@ TAVRIX_API char *tavrix_file_stats(const char *path, const char *filter1, const 
  */
 TAVRIX_API int tavrix_check_md5(const char *file, const char *md5_file, bool *match);
 
-/** The board's revision from the boot environment: a single digit, the first of a longer number; 7 if there is none. */
+/**
+ * The board's revision from the boot environment: a single digit, the first of a longer number;
+ * TAVRIX_DEFAULT_BOARD_REVISION if there is none.
+ */
 TAVRIX_API int tavrix_get_board_rev_number(void);
 
 /** Logs and raises SIGTERM; returns only if that is handled or ignored. @return what `raise` returned */
@@ -440,14 +446,14 @@ TAVRIX_API int tavrix_terminate_process(void);
  * Prints a span of time: "1 days 01:01:01".
  *
  * @param seconds the span; for a negative one every number is zero or negative
- * @param out     at least 32 bytes
+ * @param out     at least TAVRIX_TIME_SENTENCE_SIZE bytes
  * @return 0; TAVRIX_ERR_PARAMETER for a null buffer
  */
 TAVRIX_API int tavrix_utils_format_seconds_as_time_sentence(int seconds, char *out);
 
 /**
- * Logs bytes as hexadecimal pairs at level 4, 16 to a line. The text is cut after 9999 characters, and the logger cuts
- * a message after 8000: about 2500 bytes are shown.
+ * Logs bytes as hexadecimal pairs at TAVRIX_LOG_INFO, 16 to a line. The text is cut after 9999 characters, and the
+ * logger cuts a message after 8000: about 2500 bytes are shown.
  *
  * @param bytes  null shows the title only
  * @param length how many bytes; below 1 shows the title only

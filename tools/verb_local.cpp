@@ -283,7 +283,7 @@ bool print_code(const char *title, int code, const char *meaning) {
 
 constexpr char slots_folder[] = "/dev/shm";
 constexpr size_t shown_bytes = 60;
-// The mode that the library gives its slots, and nobody else his files, whatever the umask.
+// The mode that the library gives its slots, and nobody else their files, whatever the umask.
 constexpr mode_t slot_mode = S_ISGID | S_ISVTX;
 
 struct CloseFolder {

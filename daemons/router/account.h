@@ -30,7 +30,7 @@ using Shares = std::map<int64_t, size_t>;
 
 /**
  * Whether one more is to be had: at most `most` in all, and nobody more than half of what the others leave, so that the
- * last place is never taken by him who has taken all the others.
+ * last place is never taken by whoever has taken all the others.
  */
 bool has_room(const Shares &shares, int64_t account, size_t total, size_t most);
 void drop_one(Shares &shares, int64_t account);
@@ -44,8 +44,8 @@ struct Account {
 };
 
 /**
- * Who has how much of a turn of the loop. A user whose part is used up waits for the next turn, and his clients are
- * served in the order in which they came: who asks for much delays himself.
+ * Who has how much of a turn of the loop. A user whose part is used up waits for the next turn, and their clients are
+ * served in the order in which they came: whoever asks for much delays themselves.
  */
 class Turns {
   public:

@@ -66,7 +66,7 @@ Peer peer_of(int descriptor, Road road) {
     peer.user = credentials.uid;
     peer.groups.push_back(credentials.gid);
     if (peer.user == 0 || peer.user == geteuid()) {
-        return peer; // who may do everything by his user needs no groups
+        return peer; // whoever may do everything by their user needs no groups
     }
     std::vector<gid_t> more(32);
     size = static_cast<socklen_t>(more.size() * sizeof(gid_t));

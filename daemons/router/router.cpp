@@ -234,7 +234,7 @@ std::string Router::find_refusal(const Client &client, const std::string &method
         LOG_FOREIGN("Refused %s\n", printable(method).c_str());
         return "a method's name has no control characters";
     }
-    // Who may register may describe what he has registered.
+    // Whoever may register may describe what they have registered.
     if (!policy_.allows(client.peer, method == names::describe ? names::register_service : method)) {
         if (client.peer.known) {
             LOG_FOREIGN("Refused %s to user %u\n", printable(method).c_str(), static_cast<unsigned>(client.peer.user));

@@ -71,7 +71,7 @@ class Router {
     void bury(Client &client);
     void on_session_end(Session &session);
     void flush_later(Session &session);
-    /** Of the client's user; shared by all his clients. */
+    /** Of the client's user; shared by all their clients. */
     std::shared_ptr<Account> account_for(const Peer &peer);
     /** Serves the client now or, when its user's part of this turn is used up, in the next. */
     void serve(Client &client);

@@ -117,26 +117,26 @@ typedef enum tavrix_kind {
     TAVRIX_KIND_OBJECT,  /**< object with the `members`; tavrix_call_json() */
     TAVRIX_KIND_JSON,    /**< any value, whatever its texts hold; tavrix_call_json() */
 
-    TAVRIX_KIND_PORT_ID, /**< in the forms that the flags allow; tavrix_call_text() */
-    TAVRIX_KIND_MZU_ID,  /**< a unit's id, `all` too with #TAVRIX_ALLOW_ALL; tavrix_call_text() */
-    TAVRIX_KIND_STATUS,  /**< `enable` or `disable`; tavrix_call_text(), tavrix_call_word() */
-    TAVRIX_KIND_DESCRIPTION,
-    TAVRIX_KIND_VLAN_MODE, /**< tavrix_call_text(), tavrix_call_word() */
-    TAVRIX_KIND_MZU_MODEL, /**< tavrix_call_text(), tavrix_call_word() */
-    TAVRIX_KIND_MZU_SW_UPGRADE_FILENAME,
-    TAVRIX_KIND_UNIT_SW_UPGRADE_FILENAME,
-    TAVRIX_KIND_UNIT_SW_BANK, /**< tavrix_call_text(), tavrix_call_word() */
-    TAVRIX_KIND_MAC_ADDRESS,  /**< handed out in upper case with colons; tavrix_call_text() */
-    TAVRIX_KIND_MACADDR_ALLOWED,
-    TAVRIX_KIND_IP_ADDRESS,
-    TAVRIX_KIND_USERNAME,
-    TAVRIX_KIND_PASSWORD, /**< never shown in a refusal */
-    TAVRIX_KIND_DATE,
-    TAVRIX_KIND_TIME,
-    TAVRIX_KIND_ENTITY_NAME,
-    TAVRIX_KIND_ENTITY_EXTENSION,
-    TAVRIX_KIND_ALIAS,         /**< handed out in upper case; tavrix_call_text() */
-    TAVRIX_KIND_SECURE_OPTION, /**< tavrix_call_text(), tavrix_call_word() */
+    TAVRIX_KIND_PORT_ID,                  /**< in the forms that the flags allow; tavrix_call_text() */
+    TAVRIX_KIND_MZU_ID,                   /**< a unit's id, `all` too with #TAVRIX_ALLOW_ALL; tavrix_call_text() */
+    TAVRIX_KIND_STATUS,                   /**< `enable` or `disable`; tavrix_call_text(), tavrix_call_word() */
+    TAVRIX_KIND_DESCRIPTION,              /**< tavrix_call_text() */
+    TAVRIX_KIND_VLAN_MODE,                /**< tavrix_call_text(), tavrix_call_word() */
+    TAVRIX_KIND_MZU_MODEL,                /**< tavrix_call_text(), tavrix_call_word() */
+    TAVRIX_KIND_MZU_SW_UPGRADE_FILENAME,  /**< tavrix_call_text() */
+    TAVRIX_KIND_UNIT_SW_UPGRADE_FILENAME, /**< tavrix_call_text() */
+    TAVRIX_KIND_UNIT_SW_BANK,             /**< tavrix_call_text(), tavrix_call_word() */
+    TAVRIX_KIND_MAC_ADDRESS,              /**< handed out in upper case with colons; tavrix_call_text() */
+    TAVRIX_KIND_MACADDR_ALLOWED,          /**< a MAC address in that form, or `none`; tavrix_call_text() */
+    TAVRIX_KIND_IP_ADDRESS,               /**< tavrix_call_text() */
+    TAVRIX_KIND_USERNAME,                 /**< tavrix_call_text() */
+    TAVRIX_KIND_PASSWORD,                 /**< never shown in a refusal; tavrix_call_text() */
+    TAVRIX_KIND_DATE,                     /**< tavrix_call_text() */
+    TAVRIX_KIND_TIME,                     /**< tavrix_call_text() */
+    TAVRIX_KIND_ENTITY_NAME,              /**< tavrix_call_text() */
+    TAVRIX_KIND_ENTITY_EXTENSION,         /**< tavrix_call_text() */
+    TAVRIX_KIND_ALIAS,                    /**< handed out in upper case; tavrix_call_text() */
+    TAVRIX_KIND_SECURE_OPTION,            /**< tavrix_call_text(), tavrix_call_word() */
 
     TAVRIX_KIND_VLAN_ID, /**< within `min` to `max`, where they are narrower than its own bounds;
                               tavrix_call_integer(); as all until #TAVRIX_KIND_ENABLE */
@@ -216,9 +216,9 @@ enum tavrix_method_flags {
 
 /** A row of the table. The table ends with #TAVRIX_METHOD_END. */
 typedef struct tavrix_service_method {
-    const char *name; /**< without control characters; all names of a table belong to one channel. Every service
-                           answers logger.ReloadConf and service.Hello by itself: they, service.Probe and
-                           service.Welcome are refused */
+    const char *name; /**< 1 to #TAVRIX_SERVICE_MAX_METHOD bytes without control characters; all names of a table
+                           belong to one channel. Every service answers logger.ReloadConf and service.Hello by itself:
+                           they, service.Probe and service.Welcome are refused */
     tavrix_call_handler handler;
     const char *summary;                /**< one line */
     const tavrix_service_param *params; /**< null: none */
@@ -256,10 +256,13 @@ typedef struct tavrix_service_options {
     const char *name; /**< also the logger's name, which is kept as the pointer: has to live as long as the process */
     const tavrix_service_method *methods; /**< null: a client that only calls and listens, and registers nowhere */
     void *user;                           /**< for tavrix_service_user() and tavrix_call_user() */
-    const char *session;        /**< the router's session socket; null: TAVRIX_SESSION or #TAVRIX_SERVICE_SESSION;
-                                     empty: none, only the bus, whose addresses are given */
-    const char *const *publish; /**< bus addresses to publish on, ended by null; null: one in the router's folder */
-    const char *const *connect; /**< bus addresses to listen to besides the router's and the services' that it knows */
+    const char *session; /**< the router's session socket, at most #TAVRIX_SOCKET_MAX_PATH bytes (tavrix_socket.h);
+                              null: TAVRIX_SESSION or #TAVRIX_SERVICE_SESSION; empty: none, only the bus,
+                              whose addresses are given */
+    const char *const *publish; /**< bus addresses to publish on, at most 8, each `tcp://` or `ipc://` and at most 113
+                                     bytes, ended by null; null: one in the router's folder */
+    const char *const *connect; /**< bus addresses to listen to besides the router's and the services' that it knows,
+                                     in the same form, ended by null */
     unsigned flags;             /**< see tavrix_service_flags */
     struct event_base *base;    /**< the loop to live in; null: one of its own */
     /** Called by tavrix_service_main() before it runs: open what the handlers need, or fail. */
@@ -498,7 +501,7 @@ typedef void (*tavrix_answer_callback)(tavrix_service *service, const tavrix_ans
 /**
  * Sends a request through the router. One that is made before the session stands waits for it.
  *
- * @param method     a method's name
+ * @param method     a method's name, 1 to #TAVRIX_SERVICE_MAX_METHOD bytes
  * @param params     taken: an object, or null for none. The whole request has at most 65535 bytes, and 2047 levels
  * @param timeout_ms at least 1: how long the answer may take, from now on, also while there is no session. The router
  *                   waits for its --reply-timeout (10 seconds unless it is told otherwise) and no longer: a call that
@@ -526,7 +529,7 @@ TAVRIX_SERVICE_API int tavrix_call_pass_on(tavrix_call *call, const tavrix_answe
  * inside a running service's loop it says so in the log.
  *
  * @param session      the session socket; null as in the options
- * @param method       a method's name
+ * @param method       a method's name, 1 to #TAVRIX_SERVICE_MAX_METHOD bytes
  * @param params       taken: an object, or null for none; nested no deeper than 2047 levels. A router answers a request
  *                     of more than 65535 bytes with an error
  * @param timeout_ms   at least 1; after the router's --reply-timeout the response is its error TAVRIX_JRPC_TIMED_OUT
@@ -547,7 +550,7 @@ TAVRIX_SERVICE_API int tavrix_request_wait(const char *session, const char *meth
 /**
  * Publishes a notification.
  *
- * @param method its name
+ * @param method its name, 1 to #TAVRIX_SERVICE_MAX_METHOD bytes
  * @param params taken: an object, or null for none
  * @return 0; TAVRIX_ERR_PARAMETER for a bad name or params that are no object, and, with a line in the log, for a
  *         notification of more than 8 MiB (without a publisher: than the session takes, see tavrix_call_reply()) or of
@@ -562,7 +565,7 @@ typedef void (*tavrix_notification_callback)(tavrix_service *service, const char
 /**
  * Asks the router for every service's notifications of a pattern, now and after each reconnection.
  *
- * @param pattern a method's name, or the beginning of one followed by `*`
+ * @param pattern 1 to #TAVRIX_SERVICE_MAX_METHOD bytes: a method's name, or the beginning of one followed by `*`
  * @return the subscription's number, for tavrix_service_cancel(); 0 when it cannot be made: then the log tells why
  */
 TAVRIX_SERVICE_API uint64_t tavrix_service_subscribe(tavrix_service *service, const char *pattern,
@@ -584,18 +587,24 @@ TAVRIX_SERVICE_API void tavrix_service_on_lost(tavrix_service *service,
  */
 
 /**
- * Calls back after `first_ms`, then every `interval_ms`; an interval of 0 is once.
+ * Calls back once, or again and again.
  *
+ * @param first_ms    the first time, in milliseconds from now; 0 is the loop's next turn, a negative one is refused
+ * @param interval_ms between further ones, in milliseconds; 0 for none, a negative one is refused
+ * @param callback    may cancel the timer
+ * @param user        for the callback
  * @return the timer's number
  */
 TAVRIX_SERVICE_API uint64_t tavrix_service_timer(tavrix_service *service, int first_ms, int interval_ms,
                                                  void (*callback)(tavrix_service *service, void *user), void *user);
 
 /**
- * Answers requests on a unix socket, as tavrix_jrpc_unix_socket_run() does: one of at most 1024 bytes, one answer,
- * closed; it may come in pieces. Takes the place of a socket that was left behind, not that of a daemon that serves
- * there, nor that of another file. A client that sends nothing costs a descriptor until it is closed after ten
- * seconds, or earlier when there are too many.
+ * Answers requests on a unix socket, as tavrix_jrpc_unix_socket_run() does: one of at most #TAVRIX_SERVER_MAX_REQUEST
+ * bytes, one answer, closed; it may come in pieces. Takes the place of a socket that was left behind, not that of a
+ * daemon that serves there, nor that of another file. A client that sends nothing costs a descriptor until it is closed
+ * after ten seconds, or earlier when there are too many.
+ *
+ * @param path 1 to #TAVRIX_SOCKET_MAX_PATH bytes; a longer one is refused, not cut
  */
 TAVRIX_SERVICE_API uint64_t tavrix_service_listen_unix(tavrix_service *service, const char *path);
 
@@ -609,7 +618,11 @@ TAVRIX_SERVICE_API uint64_t tavrix_service_listen_unix(tavrix_service *service, 
 TAVRIX_SERVICE_API uint64_t tavrix_service_listen_tcp(tavrix_service *service, const char *address, unsigned port,
                                                       unsigned *port_out);
 
-/** Takes one-way requests on a bus pull socket; nothing is ever answered. @param address `tcp://` or `ipc://` */
+/**
+ * Takes one-way requests on a bus pull socket; nothing is ever answered.
+ *
+ * @param address to bind to: `tcp://` or `ipc://`, at most 113 bytes
+ */
 TAVRIX_SERVICE_API uint64_t tavrix_service_listen_pull(tavrix_service *service, const char *address);
 /** @} */
 

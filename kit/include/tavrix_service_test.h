@@ -123,7 +123,11 @@ void tavrix_service_test_lose(tavrix_service_test *test, uint64_t count);
 /** The router goes and comes back: what is in flight both ways ends, then the service is ready again. */
 void tavrix_service_test_restart_router(tavrix_service_test *test);
 
-/** Moves the clock: the kit's timers, time-outs and deadlines end in their order, each at its own time. */
+/**
+ * Moves the clock: the kit's timers, time-outs and deadlines end in their order, each at its own time.
+ *
+ * @param ms by how many milliseconds; 0 ends what is due by now, a negative number counts as 0
+ */
 void tavrix_service_test_advance(tavrix_service_test *test, int ms);
 
 /** Lets the event_base do what it can do at once: for events of the test's or the service's own. */

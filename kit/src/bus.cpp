@@ -114,7 +114,7 @@ bool publish_on_free_port(tavrix_service *service) {
 
 /**
  * The router's folder belongs to its group. What root makes there, or a member of the group who has another group of
- * his own, would keep the router out.
+ * their own, would keep the router out.
  */
 void give_to_group_of(const char *folder, const char *path) {
     struct stat place {};

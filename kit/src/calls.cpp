@@ -248,7 +248,7 @@ void answer(tavrix_call *call) {
 void on_deadline(evutil_socket_t /*fd*/, short /*what*/, void *argument) {
     auto *call = static_cast<tavrix_call *>(argument);
     LOG_DEBUG("%s: no answer within the time that its caller waits\n", call->row->name);
-    // The router gives its own answer, and who asks on the bus has a time of his own; nobody else tells a direct
+    // The router gives its own answer, and whoever asks on the bus has a time of their own; nobody else tells a direct
     // client.
     if (call->wants_answer && call->client != nullptr) {
         const Text text = error_text(call, TAVRIX_JRPC_TIMED_OUT, nullptr);

@@ -184,7 +184,7 @@ void on_client_readable(evutil_socket_t fd, short what, void *argument) {
 }
 
 /**
- * Makes room by closing the client that has been silent for longest, one of the same user when he has half of the
+ * Makes room by closing the client that has been silent for longest, one of the same user when they have half of the
  * places; false when all of them wait for answers. Over TCP everybody is one user.
  */
 bool make_room(tavrix_service *service, uid_t user) {

@@ -76,9 +76,12 @@ start_router() {
     pids+=($!)
     router_pid=$!
 }
-start_ports() { # with a database of its own
+make_fleet() { # a database
     sqlite3 fleet.db <"$source/daemons/ports/schema.sql"
     sqlite3 fleet.db <"$source/daemons/ports/fleet.sql"
+}
+start_ports() {
+    make_fleet
     start portsd tavrix-portsd --database fleet.db
 }
 start() { # NAME COMMAND...: a service, until it is registered

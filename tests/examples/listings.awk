@@ -4,5 +4,5 @@
 /^```(c|py) / { out = files "/" $2; next }
 /^```sh$/ { out = sprintf("%s/%02d.sh", listings, ++number); next }
 /^```text$/ { out = sprintf("%s/%02d.text", listings, number); next }
-/^```/ { print "what is " $0 >"/dev/stderr"; exit 1 }
+/^```/ { print "unknown kind of listing: " $0 >"/dev/stderr"; exit 1 }
 out != "" { print >out }

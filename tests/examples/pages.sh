@@ -1,58 +1,29 @@
 #!/usr/bin/env bash
-# The listings of the other pages: the exchanges of docs/protocol.md happen as they stand there, where "..." is whatever
-# the system has; the policy of docs/router.md is one; scripts and options that a page names are there.
+# The listings of the other pages: the exchanges of docs/protocol.md happen as they stand there (protocol.py); the policy
+# of docs/router.md is one; what pages quote is said, and scripts and options that they name are there.
 # usage: pages.sh BUILD_DIR CC CXX EMULATOR SYSROOT FLAGS
 set -euo pipefail
 source "$(dirname "$0")/installed.sh"
 
+# Two systems: a direct service, whose session with the router is written down, and one on the bus, with its frames.
 start_router
-start_ports
-
-python3 - "$source/docs/protocol.md" <<'PYTHON' || fail "an exchange of docs/protocol.md goes otherwise"
-import re, socket, sys
-
-page = open(sys.argv[1]).read()
-blocks = ["\n".join(line[4:] for line in block.split("\n"))
-          for block in re.findall(r"(?m)(?:^    .*(?:\n|$))+", page)]
-
-def connected(path):
-    sock = socket.socket(socket.AF_UNIX)
-    sock.settimeout(20)
-    sock.connect(path)
-    return sock
-
-def matches(wanted, got):
-    pattern = re.escape(wanted.strip()).replace(r"\.\.\.", ".*")
-    return re.fullmatch(pattern, got.strip(), re.S) is not None
-
-def check(asked, wanted, got):
-    if not matches(wanted, got):
-        sys.exit(f"{asked}\nis answered\n{got[:300]}\ninstead of\n{wanted}")
-
-def joined(block):  # a line without a sign goes on where the one before it ends
-    return re.sub(r"\n +", "", block)
-
-sessions = one_shot = 0
-for at, block in enumerate(blocks):
-    if block.startswith("> "):
-        sent = re.findall(r"(?m)^> (.*)", joined(block))
-        wanted = re.findall(r"(?m)^< (.*)", joined(block))
-        with connected("session.sock") as sock:
-            sock.sendall("".join(line + "\n" for line in sent).encode())
-            lines = sock.makefile(encoding="utf-8")
-            got = [lines.readline() for _ in wanted]
-        for line in wanted:  # they may come in any order
-            fitting = [one for one in got if matches(line, one)]
-            check(sent, line, fitting[0] if fitting else "\n".join(got))
-        sessions += 1
-    elif block.startswith('{"jsonrpc":"2.0","method"'):
-        with connected("router.sock") as sock:
-            sock.sendall(block.strip().encode())
-            check(block, blocks[at + 1], b"".join(iter(lambda: sock.recv(65536), b"")).decode())
-        one_shot += 1
-if sessions < 2 or one_shot < 1:
-    sys.exit("the page has lost its exchanges")
-PYTHON
+protocol=$source/tests/examples/protocol.py
+python3 "$protocol" --between between.sock session.sock passed &
+pids+=($!)
+make_fleet
+start portsd tavrix-portsd --database fleet.db --session between.sock
+mkdir -m 770 onbus
+bus=(--publish "ipc://$work/onbus/router" --connect "ipc://$work/onbus/portsd")
+tavrix-routerd --socket onbus/router.sock --session onbus/session.sock "${bus[@]}" 2>onbus_router.log &
+pids+=($!)
+tavrix-portsd --database fleet.db --session '' --publish "ipc://$work/onbus/portsd" --connect "ipc://$work/onbus/router" \
+    2>onbus_portsd.log &
+pids+=($!)
+read -ra options <<<"$(pkg-config --cflags --libs tavrix)"
+cc -o bus_listener "$source/tests/examples/bus_listener.c" "${options[@]}"
+./bus_listener "ipc://$work/onbus/router" "ipc://$work/onbus/portsd" >frames &
+pids+=($!)
+python3 "$protocol" "$source/docs/protocol.md" || fail "docs/protocol.md says otherwise"
 
 # The policy, without the names that this machine does not have.
 sed -nE '/^    \[tcp\]/,/^$/p; /^    \[(unix|session)\]/,/^$/p' "$source/docs/router.md" | sed 's/^    //' |
@@ -69,13 +40,18 @@ tavrixctl call --socket other.sock router.Status >status.log || fail "the policy
 
 # --- Names ---
 
-# What docs/debugging.md says that one reads is said; "..." and what the system says itself stand between the parts.
-grep '^|' "$source/docs/debugging.md" | cut -d '|' -f 2 | grep -oE '"[^"]+"' | tr -d '"' |
-    sed -E 's/ *\.\.\. */\n/g; s/(No such file or directory|Permission denied); //g' | sed '/^$/d' | sort -u >symptoms
-[ -s symptoms ] || fail "docs/debugging.md has no symptoms"
-while read -r text; do
-    grep -rqF -e "$text" "$source"/{common,daemons,kit,tools} || fail "docs/debugging.md: nothing says '$text'"
-done <symptoms
+# What the tables of docs/debugging.md and docs/router.md quote is said by a program; "..." and what the system says itself
+# stand between the parts.
+find "$source"/{common,daemons,kit,src,tools} \( -name '*.cpp' -o -name '*.h' \) -exec \
+    grep -hvE '^ *(//|/?\*([ */]|$))' {} + | grep -oE '"([^"\\]|\\.)*"' >said
+for page in debugging router; do
+    # shellcheck disable=SC2016
+    grep '^|' "$source/docs/$page.md" | sed -E 's/`[^`]*`//g' | grep -oE '"[^"]+"' | tr -d '"' |
+        sed -E 's/ *\.\.\. */\n/g; s/(No such file or directory|Permission denied|Too many open files)(; )?//g' |
+        sed '/^$/d' | sort -u >quoted
+    [ -s quoted ] || fail "docs/$page.md quotes nothing"
+    while read -r text; do grep -qF -e "$text" said || fail "docs/$page.md: nothing says '$text'"; done <quoted
+done
 
 grep -ohE '(`|^ *)tavrixctl [a-z-]+' "$source"/{README,bindings/python/README,docs/*}.md | sed 's/.*tavrixctl //' | sort -u >verbs
 [ -s verbs ] || fail "the pages name no verb"

@@ -1,8 +1,7 @@
 /*
  * Calls: a request is evaluated, its parameters are checked, its handler runs, and exactly one answer goes back on the
  * road that it came by, now or later.
- *
- * A call's record is taken from the spare ones and goes back there; while it is deferred it stands in the directory.
+ * While it is deferred it stands in the directory.
  */
 #include <algorithm>
 #include <cstdio>
@@ -20,33 +19,14 @@ namespace kit {
 namespace {
 
 constexpr char unit_name[] = "service_calls";
-constexpr size_t kept_spare_calls = 64;
 constexpr const char *own_methods[] = {names::reload_conf, names::say_hello, names::probe, names::welcome};
 
 // --- Records -------------------------------------------------------------------------------------------------------
 
-tavrix_call *take_call(tavrix_service *service) {
-    tavrix_call *call = service->spare_calls;
-    if (call == nullptr) {
-        return make<tavrix_call>();
-    }
-    service->spare_calls = next_of(call);
-    --service->spare_count;
-    return call;
-}
-
 void release_call(tavrix_call *call) {
-    tavrix_service *service = call->service;
     json_decref(call->request);
     arena_clear(&call->arena);
-    if (service->spare_count >= kept_spare_calls) {
-        unmake(call);
-        return;
-    }
-    std::memset(call, 0, offsetof(tavrix_call, arena)); // the arena is cleared where it is taken from
-    call->entry.next = reinterpret_cast<Entry *>(service->spare_calls);
-    service->spare_calls = call;
-    ++service->spare_count;
+    unmake(call);
 }
 
 /** Takes a deferred call out of the directory; it is released when its handler no longer runs. */
@@ -148,16 +128,12 @@ int finish(tavrix_call *call, Text text) {
     return TAVRIX_OK;
 }
 
-int code_of_status(int status) {
-    return tavrix_jrpc_error_convert_tavrix_to_jrpc(status == TAVRIX_ERR_VALIDATION ? TAVRIX_ERR_INVALID_PARAMETER
-                                                                                    : status);
-}
-
 /** The data is taken; without any the status's words are sent. */
 int fail_with_data(tavrix_call *call, int status, json_t *data) {
     const char *words = tavrix_error_decode(status);
-    Json owner(data != nullptr ? data : json_pack("{s:s*}", "message", words));
-    return finish(call, error_text(call, code_of_status(status), owner.get()));
+    const Json owner(data != nullptr ? data : json_pack("{s:s*}", "message", words));
+    const int coded = status == TAVRIX_ERR_VALIDATION ? TAVRIX_ERR_INVALID_PARAMETER : status;
+    return finish(call, error_text(call, tavrix_jrpc_error_convert_tavrix_to_jrpc(coded), owner.get()));
 }
 
 // --- Evaluation ----------------------------------------------------------------------------------------------------
@@ -186,16 +162,6 @@ void read_caller(const json_t *caller, tavrix_caller *out) {
         out->uid = static_cast<uid_t>(json_integer_value(uid));
         out->gid = static_cast<gid_t>(json_integer_value(gid));
     }
-}
-
-const tavrix_service_method *find_method(const tavrix_service *service, const char *name) {
-    const tavrix_service_method *row = service->options.methods;
-    for (; row != nullptr && row->name != nullptr; ++row) {
-        if (std::strcmp(row->name, name) == 0) {
-            return row;
-        }
-    }
-    return nullptr;
 }
 
 void run_handler(tavrix_call *call) {
@@ -233,7 +199,7 @@ void answer(tavrix_call *call) {
         tavrix_call_fail_with(call, TAVRIX_JRPC_SYSTEM_BUSY, "The service ends.", nullptr);
         return;
     }
-    call->row = name != nullptr ? find_method(call->service, name) : nullptr;
+    call->row = name != nullptr ? find_row(call->service->options.methods, name) : nullptr;
     if (call->row == nullptr && name != nullptr && is_discovery(call->service, name)) {
         tavrix_call_reply(call, make_document(call->service));
         return;
@@ -313,7 +279,7 @@ bool is_own_method(const char *name) {
 }
 
 void evaluate(tavrix_service *service, Json request, const Origin &origin) {
-    tavrix_call *call = has_good_envelope(request.get()) ? take_call(service) : nullptr;
+    tavrix_call *call = has_good_envelope(request.get()) ? make<tavrix_call>() : nullptr;
     if (call == nullptr) {
         if (origin.client != nullptr) {
             client_answer(origin.client, "");
@@ -333,7 +299,6 @@ void evaluate(tavrix_service *service, Json request, const Origin &origin) {
     call->channel = origin.channel;
     call->client = origin.client;
     call->session = service->session.generation;
-    call->deadline_ms = -1;
     call->in_handler = true;
     answer(call);
     call->in_handler = false;
@@ -385,14 +350,6 @@ void refuse_deferred_calls(tavrix_service *service) {
     }
 }
 
-void free_spare_calls(tavrix_service *service) {
-    while (tavrix_call *call = service->spare_calls) {
-        service->spare_calls = next_of(call);
-        unmake(call);
-    }
-    service->spare_count = 0;
-}
-
 } // namespace kit
 
 // --- What a call is ------------------------------------------------------------------------------------------------
@@ -415,7 +372,7 @@ int tavrix_call_time_left_ms(const tavrix_call *call) {
     if (call == nullptr || call->over) {
         return 0;
     }
-    if (call->deadline_ms < 0) {
+    if (!call->deferred) {
         return call->service->reply_timeout_ms; // in its handler: the time has only begun
     }
     const int64_t left = call->deadline_ms - now_ms();

@@ -236,13 +236,6 @@ void take_client(Listener *listener, int fd) {
     }
 }
 
-void pause(Listener *listener) {
-    const timeval time = time_of_ms(pause_ms);
-    if (evtimer_add(&listener->pause, &time) == 0) {
-        event_del(&listener->readable);
-    }
-}
-
 void on_acceptable(evutil_socket_t fd, short /*what*/, void *argument) {
     auto *listener = static_cast<Listener *>(argument);
     for (int left = clients_per_turn; left > 0; --left) {
@@ -251,7 +244,10 @@ void on_acceptable(evutil_socket_t fd, short /*what*/, void *argument) {
             take_client(listener, client);
         } else if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
             LOG_ERROR("Cannot accept a client: %s; pausing\n", std::strerror(errno));
-            pause(listener);
+            const timeval time = time_of_ms(pause_ms);
+            if (evtimer_add(&listener->pause, &time) == 0) {
+                event_del(&listener->readable);
+            }
             return;
         } else if (errno != EINTR && errno != ECONNABORTED) {
             return;
@@ -307,11 +303,6 @@ uint64_t add_listener(tavrix_service *service, tavrix_road road, int fd, int wat
 uint64_t cannot_listen(const char *where, const char *why) {
     LOG_ERROR("Cannot listen on %s: %s\n", Printable(where).text, why);
     return 0;
-}
-
-bool is_served(const char *path) {
-    const tavrix::Descriptor probe(connect_unix(path));
-    return probe || errno == EAGAIN; // somebody listens, with a full backlog
 }
 
 } // namespace
@@ -372,7 +363,7 @@ uint64_t tavrix_service_listen_unix(tavrix_service *service, const char *path) {
     if (lstat(path, &file) == 0 && !S_ISSOCK(file.st_mode)) {
         return cannot_listen(path, "there is a file that is no socket");
     }
-    if (is_served(path)) {
+    if (const tavrix::Descriptor probe(connect_unix(path)); probe || errno == EAGAIN) { // as with a full backlog
         return cannot_listen(path, "another daemon serves there");
     }
     int fd = -1;

@@ -249,8 +249,6 @@ struct Place {
     json_t *object;
     json_t *value; ///< null when it is absent
     const char *path;
-
-    const char *key() const { return row->name; }
 };
 
 /** 17 digits tell every real from the next, and show 4.9999 as 4.9999000000000002: 15 are enough for what people write.
@@ -343,21 +341,16 @@ int check_rows_of(const Check &check, const tavrix_service_param *rows, json_t *
 template <class Retriever, class... Out>
 int retrieve(const Check &check, const Place &place, Retriever retriever, Out... out) {
     json_t *library = nullptr;
-    const int rc = retriever(place.object, &library, place.key(), out...);
+    const int rc = retriever(place.object, &library, place.row->name, out...);
     return rc == TAVRIX_OK ? TAVRIX_OK : refuse(check, place, rc, library);
 }
 
 /** A number that 32 bits do not hold, anywhere in the value: the library would cut it to some other number. */
 bool holds_wide_integer(const json_t *value, size_t depth = 0) {
-    if (json_is_integer(value)) {
-        return json_integer_value(value) < INT32_MIN || json_integer_value(value) > INT32_MAX;
-    }
-    bool wide = false;
-    if (json_is_array(value)) {
-        for (size_t i = 0; i < json_array_size(value) && !wide && depth < max_depth; ++i) {
-            wide = holds_wide_integer(json_array_get(value, i), depth + 1);
-        }
-        return wide;
+    const json_int_t number = json_integer_value(value); // 0 for another type
+    bool wide = number < INT32_MIN || number > INT32_MAX;
+    for (size_t i = 0; i < json_array_size(value) && !wide && depth < max_depth; ++i) {
+        wide = holds_wide_integer(json_array_get(value, i), depth + 1);
     }
     const char *key = nullptr;
     json_t *member = nullptr;
@@ -386,14 +379,13 @@ int retrieve_text(const Check &check, const Place &place, char *out, size_t size
     }
 }
 
-bool find_word(const char *const *words, const char *text, int *position) {
-    for (int i = 0; words[i] != nullptr; ++i) {
-        if (std::strcmp(words[i], text) == 0) {
-            *position = i;
-            return true;
-        }
+/** -1 when the text is none of the words. */
+int position_of(const char *const *words, const char *text) {
+    int i = 0;
+    while (words[i] != nullptr && std::strcmp(words[i], text) != 0) {
+        ++i;
     }
-    return false;
+    return words[i] != nullptr ? i : -1;
 }
 
 /** In UTF-8 each character has one byte that continues no other's: a schema's minLength and maxLength count those. */
@@ -426,13 +418,10 @@ int check_text(const Check &check, const Place &place, Value *value) {
     if (is_bounded && (count < row.min || count > row.max)) {
         return refuse(check, place);
     }
-    int position = 0;
-    const char *const *words = words_of(&row);
-    if (words != nullptr && !find_word(words, out, &position)) {
-        return refuse(check, place);
-    }
-    value->integer = position;
-    return TAVRIX_OK;
+    const char *const *positions = kinds[row.kind].positions;
+    const char *const *words = positions != nullptr ? positions : words_allowed(&row);
+    value->integer = words != nullptr ? position_of(words, out) : 0;
+    return value->integer < 0 ? refuse(check, place) : TAVRIX_OK;
 }
 
 int check_integer(const Check &check, const Place &place, Value *value) {
@@ -780,15 +769,6 @@ bool check_table_rows(const Rows &place) {
 
 } // namespace
 
-const tavrix_service_param *find_row(const tavrix_service_param *rows, const char *name) {
-    for (; rows != nullptr && rows->name != nullptr; ++rows) {
-        if (std::strcmp(rows->name, name) == 0) {
-            return rows;
-        }
-    }
-    return nullptr;
-}
-
 bool is_bare(const tavrix_service_param *rows) {
     return rows != nullptr && rows->name != nullptr && rows->name[0] == '\0';
 }
@@ -801,11 +781,6 @@ void describe_allowed(const tavrix_service_param *row, char (&out)[allowed_size]
     Words words;
     describe_allowed(row, &words);
     std::memcpy(out, words.text, sizeof out);
-}
-
-const char *const *words_of(const tavrix_service_param *row) {
-    const char *const *positions = row->kind == TAVRIX_KIND_WORD ? nullptr : kinds[row->kind].positions;
-    return positions != nullptr ? positions : words_allowed(row);
 }
 
 int check_params(const tavrix_service_method *method, json_t *params, Arena *arena, Value **values_out,

@@ -29,7 +29,6 @@ constexpr size_t short_read_size = 16384;
 constexpr size_t read_size = 65536; // once a line has begun: long ones are read in larger pieces
 
 void lose_session(tavrix_service *service, const char *why);
-void ask_for_bus(tavrix_service *service);
 
 // --- Ready ---------------------------------------------------------------------------------------------------------
 
@@ -42,14 +41,6 @@ void notify_manager() {
 }
 
 // --- Registration --------------------------------------------------------------------------------------------------
-
-void retry_in(tavrix_service *service, int ms) {
-    const timeval time = time_of_ms(ms);
-    if (evtimer_add(&service->session.retry, &time) != 0) {
-        LOG_ERROR("Cannot wait for the router: no memory\n");
-        give_up(service); // it would never ask again; whoever starts services starts this one anew
-    }
-}
 
 const char *hint_for(int code) {
     switch (code) {
@@ -69,6 +60,16 @@ bool is_needed(const tavrix_service *service) {
     return (service->options.flags & TAVRIX_SERVICE_NEED_ROUTER) != 0 && !service->session.was_ready;
 }
 
+void ask_again_in(tavrix_service *service, int ms) {
+    const timeval time = time_of_ms(ms);
+    if (is_needed(service)) {
+        give_up(service);
+    } else if (evtimer_add(&service->session.retry, &time) != 0) {
+        LOG_ERROR("Cannot wait for the router: no memory\n");
+        give_up(service); // it would never ask again; whoever starts services starts this one anew
+    }
+}
+
 /** Whether an answer is no more to anybody: the next connection asks anew. */
 bool is_stale(const tavrix_service *service, const tavrix_answer *answer) {
     return !session_is_connected(service) || answer->outcome == TAVRIX_OUTCOME_CANCELLED;
@@ -82,11 +83,7 @@ void registration_failed(tavrix_service *service, const tavrix_answer *answer) {
         LOG_ERROR("The router at %s refuses %s: %s (%s)%s\n", session->path, service->name, words_of(answer).text,
                   answer->message, hint_for(answer->code));
     }
-    if (is_needed(service)) {
-        give_up(service);
-        return;
-    }
-    retry_in(service, last_backoff_ms);
+    ask_again_in(service, last_backoff_ms);
 }
 
 /** The service is there for everybody, described or not. */
@@ -270,11 +267,11 @@ void on_readable(evutil_socket_t fd, short /*what*/, void *argument) {
 
 // --- Connection ----------------------------------------------------------------------------------------------------
 
-/** Every end of a connection, and every attempt that failed. */
+/** After every end of a connection, and every attempt that failed. */
 void wait_for_router(tavrix_service *service) {
     Session *session = &service->session;
     session->state = session_waiting;
-    retry_in(service, session->backoff_ms);
+    ask_again_in(service, session->backoff_ms);
     session->backoff_ms = session->backoff_ms * 2 < last_backoff_ms ? session->backoff_ms * 2 : last_backoff_ms;
 }
 
@@ -315,11 +312,7 @@ void lose_session(tavrix_service *service, const char *why) {
     drop_connection(session);
     session->lost_subscriptions = true;
     bus_router_gone(service);
-    if (is_needed(service)) {
-        give_up(service);
-    } else {
-        wait_for_router(service);
-    }
+    wait_for_router(service);
     end_requests(service, TAVRIX_OUTCOME_GONE, true);
     abandon_session_calls(service);
 }
@@ -341,14 +334,9 @@ void connect_session(tavrix_service *service) {
     Session *session = &service->session;
     session->fd = connect_unix(session->path);
     if (session->fd < 0) {
-        const int reason = errno;
         if (!session->outage_told) {
-            tell_absence(service, reason);
+            tell_absence(service, errno);
             session->outage_told = true;
-        }
-        if (is_needed(service)) {
-            give_up(service);
-            return;
         }
         wait_for_router(service);
         return;
@@ -361,10 +349,9 @@ void connect_session(tavrix_service *service) {
         return;
     }
     ask_for_bus(service);
-    if (!send_subscriptions(service)) {
+    if (!send_what_waits(service)) {
         lose_session(service, "no memory to subscribe");
     }
-    send_waiting_requests(service);
 }
 
 /** The back-off has passed: connects, or asks again for the registration that was refused. */
@@ -405,8 +392,6 @@ bool session_prepare(tavrix_service *service) {
     session->backoff_ms = first_backoff_ms;
     evtimer_assign(&session->retry, service->base, on_retry, service);
     event_assign(&session->flush, service->base, -1, 0, on_writable, service);
-    event_assign(&session->readable, service->base, -1, 0, on_readable, service);
-    event_assign(&session->writable, service->base, -1, 0, on_writable, service);
     const char *path = session_path(service->options.session);
     if (std::strlen(path) >= sizeof session->path) {
         LOG_ERROR("Cannot use the session socket %s: a socket's path has at most %zu bytes\n", Printable(path).text,
@@ -424,10 +409,6 @@ void session_start(tavrix_service *service) {
 }
 
 bool session_is_connected(const tavrix_service *service) { return service->session.fd >= 0; }
-
-bool session_has_unwritten(const tavrix_service *service) {
-    return session_is_connected(service) && service->session.out.size() > 0;
-}
 
 bool session_write(tavrix_service *service, const char *text, size_t length) {
     Session *session = &service->session;
@@ -448,9 +429,7 @@ bool session_write(tavrix_service *service, const char *text, size_t length) {
 
 void session_close(tavrix_service *service) {
     Session *session = &service->session;
-    if (session->fd >= 0) {
-        write_out(service);
-    }
+    write_out(service);
     if (session->fd >= 0) {
         drop_connection(session);
     }

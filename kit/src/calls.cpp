@@ -41,26 +41,6 @@ void end_deferred(tavrix_call *call) {
 
 // --- Answers -------------------------------------------------------------------------------------------------------
 
-void send_answer(tavrix_call *call, const char *text) {
-    tavrix_service *service = call->service;
-    switch (call->caller.road) {
-    case TAVRIX_ROAD_SESSION:
-        if (call->session == service->session.generation) { // a router that came back knows nothing of it
-            session_write(service, text, std::strlen(text));
-        }
-        return;
-    case TAVRIX_ROAD_BUS:
-        bus_answer(service, call->channel, text);
-        return;
-    case TAVRIX_ROAD_UNIX:
-    case TAVRIX_ROAD_TCP:
-        client_answer(call->client, text);
-        return;
-    case TAVRIX_ROAD_PULL:
-        return;
-    }
-}
-
 Text error_text(tavrix_call *call, int code, json_t *data) {
     if (!call->wants_answer) {
         return nullptr;
@@ -73,14 +53,9 @@ Printable name_of(const tavrix_call *call) { return Printable(json_string_value(
 
 /** How many bytes an answer may have on the road that the call came by. */
 size_t room_for_answer(const tavrix_call *call) {
-    switch (call->caller.road) {
-    case TAVRIX_ROAD_SESSION:
-        return max_answer_line;
-    case TAVRIX_ROAD_BUS:
-        return bus_room(call->channel);
-    default:
-        return SIZE_MAX; // a client of the service's own sockets reads as much as it wants to
-    }
+    return call->caller.road == TAVRIX_ROAD_SESSION ? max_answer_line
+           : call->caller.road == TAVRIX_ROAD_BUS   ? bus_room(call->channel)
+                                                    : SIZE_MAX; // a client of the service's own reads what it wants to
 }
 
 /** A result that is another than the description promises misleads whoever goes by that. */
@@ -110,16 +85,17 @@ Text readable(tavrix_call *call, Text text) {
     return fits ? std::move(text) : nullptr;
 }
 
-/** Sends what there is, or lets a client go that gets nothing; the call is over. */
+/** Sends what there is, if an answer is wanted, or lets a client go that gets nothing; the call is over. */
 int finish(tavrix_call *call, Text text) {
+    tavrix_service *service = call->service;
     call->over = true;
-    if (call->wants_answer && text) {
-        text = readable(call, std::move(text));
-    }
-    if (call->wants_answer && text) {
-        send_answer(call, text.get());
-    } else if (call->client != nullptr) {
-        client_answer(call->client, "");
+    text = text ? readable(call, std::move(text)) : nullptr;
+    if (call->client != nullptr) {
+        client_answer(call->client, text ? text.get() : "");
+    } else if (text && call->caller.road == TAVRIX_ROAD_BUS) {
+        bus_answer(service, call->channel, text.get());
+    } else if (text && call->caller.road == TAVRIX_ROAD_SESSION && call->session == service->session.generation) {
+        session_write(service, text.get(), std::strlen(text.get())); // a router that came back knows nothing of it
     }
     call->client = nullptr;
     if (call->deferred) {

@@ -51,6 +51,16 @@ constexpr tavrix_service_param document_result[] = {
     TAVRIX_PARAM_END,
 };
 
+/** Whether its value is a text. */
+bool is_text(const tavrix_service_param &row) {
+    return storage_of(row.kind) == stored_text || row.kind == TAVRIX_KIND_UINT64 || row.kind == TAVRIX_KIND_FLOAT;
+}
+
+/** Whether its value is an array. */
+bool is_list(const tavrix_service_param &row) {
+    return row.kind == TAVRIX_KIND_ARRAY || storage_of(row.kind) >= stored_integers;
+}
+
 /** The rows of a list's elements; null where they may be anything. */
 const tavrix_service_param *elements_of(const tavrix_service_param &row) {
     constexpr const tavrix_service_param *records[] = {one_vlan_id, port_members, port_hardware_members,
@@ -135,21 +145,13 @@ json_t *example_of_list(const tavrix_service_param &row) {
 
 /** A value that the check lets through; null when there is none that could be shown. */
 json_t *example_of(const tavrix_service_param &row) {
-    switch (storage_of(row.kind)) {
-    case stored_text:
-    case stored_uint64:
-        return example_of_text(row);
-    case stored_integer:
-        return example_of_integer(row);
-    case stored_boolean:
-        return json_true();
-    case stored_real:
-        return row.kind == TAVRIX_KIND_FLOAT ? example_of_text(row) : example_of_number(row);
-    case stored_json:
-        return row.kind == TAVRIX_KIND_ARRAY ? example_of_list(row) : example_of_object(row.members);
-    default:
-        return example_of_list(row);
-    }
+    const Storage storage = storage_of(row.kind);
+    return is_text(row)                ? example_of_text(row)
+           : is_list(row)              ? example_of_list(row)
+           : storage == stored_integer ? example_of_integer(row)
+           : storage == stored_boolean ? json_true()
+           : storage == stored_real    ? example_of_number(row)
+                                       : example_of_object(row.members);
 }
 
 // --- Writing -------------------------------------------------------------------------------------------------------
@@ -245,11 +247,9 @@ void add_list(Writer *writer, json_t *schema, const tavrix_service_param &row) {
 void add_description(Writer *writer, json_t *schema, const tavrix_service_param &row, const char *summary) {
     char text[description_size] = "";
     char allowed[allowed_size] = "";
-    const Storage storage = storage_of(row.kind);
-    const bool is_plain_text = row.kind == TAVRIX_KIND_TEXT && !has_bounds(&row);
-    if (((storage == stored_text && words_allowed(&row) == nullptr) || storage == stored_uint64 ||
-         row.kind == TAVRIX_KIND_FLOAT) &&
-        !is_plain_text) {
+    const bool is_any_text = row.kind == TAVRIX_KIND_TEXT && !has_bounds(&row);
+    const bool is_told = is_any_text || words_allowed(&row) != nullptr;
+    if (is_text(row) && !is_told) {
         describe_allowed(&row, allowed);
     }
     const bool has_summary = summary != nullptr && *summary != '\0';
@@ -261,35 +261,19 @@ void add_description(Writer *writer, json_t *schema, const tavrix_service_param 
 json_t *schema_of(Writer *writer, const tavrix_service_param &row, const char *summary) {
     Json owner(row.kind == TAVRIX_KIND_OBJECT ? schema_of_object(writer, row.members) : json_object());
     json_t *schema = owner.get();
-    switch (storage_of(row.kind)) {
-    case stored_text:
-    case stored_uint64:
+    const Storage storage = storage_of(row.kind);
+    if (is_text(row)) {
         add_text(writer, schema, row);
-        break;
-    case stored_integer:
-        writer->put_text(schema, "type", "integer");
-        add_range(writer, schema, "minimum", lowest_of(&row), "maximum", highest_of(&row));
-        break;
-    case stored_boolean:
-        writer->put_text(schema, "type", "boolean");
-        break;
-    case stored_real:
-        if (row.kind == TAVRIX_KIND_FLOAT) {
-            add_text(writer, schema, row);
-        } else {
-            writer->put_text(schema, "type", "number");
-            if (has_bounds(&row)) {
-                add_range(writer, schema, "minimum", row.min, "maximum", row.max);
-            }
-        }
-        break;
-    case stored_json:
-        if (row.kind == TAVRIX_KIND_ARRAY) {
-            add_list(writer, schema, row);
-        }
-        break;
-    default:
+    } else if (is_list(row)) {
         add_list(writer, schema, row);
+    } else if (storage != stored_json) {
+        writer->put_text(schema, "type",
+                         storage == stored_boolean   ? "boolean"
+                         : storage == stored_integer ? "integer"
+                                                     : "number");
+    }
+    if (storage == stored_integer || (row.kind == TAVRIX_KIND_NUMBER && has_bounds(&row))) {
+        add_range(writer, schema, "minimum", lowest_of(&row), "maximum", highest_of(&row));
     }
     add_description(writer, schema, row, summary);
     return owner.release();

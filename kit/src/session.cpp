@@ -30,29 +30,13 @@ constexpr size_t read_size = 65536; // once a line has begun: long ones are read
 
 void lose_session(tavrix_service *service, const char *why);
 
-// --- Ready ---------------------------------------------------------------------------------------------------------
-
-void notify_manager() {
-    const char *path = tavrix::ready_notice_address();
-    if (path != nullptr && !tavrix::send_ready_notice(path)) {
-        LOG_ERROR("Cannot tell the service manager at %s that the service is ready: %s\n", Printable(path).text,
-                  std::strerror(errno));
-    }
-}
-
 // --- Registration --------------------------------------------------------------------------------------------------
 
 const char *hint_for(int code) {
-    switch (code) {
-    case TAVRIX_JRPC_NOT_UNIQUE:
-        return "; is another one running?";
-    case TAVRIX_JRPC_METHOD_NOT_FOUND:
-        return "; do its policy and this process's user fit?";
-    case TAVRIX_JRPC_TIMED_OUT:
-        return "; can it reach the addresses that this service publishes on?";
-    default:
-        return "";
-    }
+    return code == TAVRIX_JRPC_NOT_UNIQUE         ? "; is another one running?"
+           : code == TAVRIX_JRPC_METHOD_NOT_FOUND ? "; do its policy and this process's user fit?"
+           : code == TAVRIX_JRPC_TIMED_OUT        ? "; can it reach the addresses that this service publishes on?"
+                                                  : "";
 }
 
 /** Whether the service ends instead of waiting: at its start only, and if it is to. */
@@ -444,10 +428,12 @@ void become_ready(tavrix_service *service) {
     session->outage_told = false;
     session->refusal = 0;
     LOG_INFO("%s ready\n", service->name);
-    if (!session->was_ready) {
-        session->was_ready = true;
-        notify_manager();
+    const char *manager = session->was_ready ? nullptr : tavrix::ready_notice_address();
+    if (manager != nullptr && !tavrix::send_ready_notice(manager)) {
+        LOG_ERROR("Cannot tell the service manager at %s that the service is ready: %s\n", Printable(manager).text,
+                  std::strerror(errno));
     }
+    session->was_ready = true;
     if (session->lost_subscriptions) {
         session->lost_subscriptions = false;
         tell_lost(service, 0);

@@ -19,7 +19,7 @@ using support::Json;
 using support::keys_of;
 using support::LogCapture;
 using support::member;
-using support::OneMethod;
+using support::Methods;
 using support::OneParam;
 using support::Stage;
 
@@ -95,8 +95,6 @@ tavrix_service_param row_of(int kind) {
 
 } // namespace
 
-// --- The document --------------------------------------------------------------------------------------------------
-
 TEST(Discovery, HasTheMembersOfOpenRpcAndNoOthers) {
     const Described described(methods);
     EXPECT_EQ(keys_of(described.document.get()), (std::set<std::string>{"openrpc", "info", "methods"}));
@@ -162,13 +160,11 @@ TEST(Discovery, ShowsAnExampleThatIsAccepted) {
     EXPECT_EQ(described.stage.result_of("t.Set", R"({"port_id":"c1-1"})"), "0");
 }
 
-// --- Schemas -------------------------------------------------------------------------------------------------------
-
 TEST(Discovery, GivesEveryKindASchemaAndAnExampleThatItsCheckAccepts) {
     for (int kind = TAVRIX_KIND_NONE + 1; kind < TAVRIX_KIND_COUNT; ++kind) {
         SCOPED_TRACE("kind " + std::to_string(kind));
         const OneParam one(row_of(kind));
-        Described described(one.table);
+        Described described(one.methods);
         ASSERT_TRUE(json_is_object(described.schema()));
         EXPECT_EQ(described.of_schema("type") != "(null)", kind != TAVRIX_KIND_JSON) << shown(described.schema());
         described.expect_that_the_example_is_accepted();
@@ -179,7 +175,7 @@ TEST(Discovery, SaysTheBoundsThatTheCheckHasOfEveryIntegerKind) {
     for (int kind = TAVRIX_KIND_VLAN_ID; kind <= TAVRIX_KIND_PORT_NUMBER; ++kind) {
         SCOPED_TRACE("kind " + std::to_string(kind));
         const OneParam one(row_of(kind));
-        Described described(one.table);
+        Described described(one.methods);
         const std::string lowest = described.of_schema("minimum");
         const std::string highest = described.of_schema("maximum");
         EXPECT_EQ(member(described.ask_one(lowest), "result"), "0");
@@ -215,7 +211,7 @@ TEST(Discovery, SaysTheBoundsThatTheCheckHasOfTextsIntegersArraysAndLists) {
     for (const auto &row : cases) {
         SCOPED_TRACE("kind " + std::to_string(row.kind));
         const OneParam one(TAVRIX_PARAM_RANGE("value", row.kind, "", 0, 3, 7));
-        Described described(one.table);
+        Described described(one.methods);
         EXPECT_EQ(described.of_schema(row.least), "3");
         EXPECT_EQ(described.of_schema(row.most), "7");
         for (const int64_t size : {2, 3, 7, 8}) {
@@ -238,10 +234,10 @@ TEST(Discovery, DescribesWordsElementsAndListsByWhatTheirRowsSay) {
     };
     for (const auto &row : rows) {
         const OneParam one(row.row);
-        EXPECT_EQ(shown(Described(one.table).schema()), row.schema);
+        EXPECT_EQ(shown(Described(one.methods).schema()), row.schema);
     }
     const OneParam ports(TAVRIX_PARAM("value", TAVRIX_KIND_PORTS, "", 0));
-    EXPECT_EQ(Described(ports.table).of_schema("maxItems"), "128");
+    EXPECT_EQ(Described(ports.methods).of_schema("maxItems"), "128");
 }
 
 TEST(Discovery, DescribesAllLevelsOfTheDeepestTable) {
@@ -252,8 +248,8 @@ TEST(Discovery, DescribesAllLevelsOfTheDeepestTable) {
         rows[i][0].members = i + 1 < levels ? rows[i + 1] : nullptr;
         rows[i][1] = TAVRIX_PARAM_END;
     }
-    const OneMethod deep("t.One", accept, rows[0]);
-    const Described described(deep.table);
+    const Methods deep = {{"t.One", accept, rows[0]}};
+    const Described described(deep);
     const json_t *schema = described.schema();
     for (size_t level = 1; level < levels; ++level) {
         schema = json_object_get(json_object_get(schema, "properties"), "l");
@@ -263,25 +259,23 @@ TEST(Discovery, DescribesAllLevelsOfTheDeepestTable) {
 
 TEST(Discovery, ClosesTheObjectsOfAStrictMethodsParameters) {
     OneParam one(TAVRIX_PARAM_MEMBERS("value", TAVRIX_KIND_OBJECT, "", 0, 0, 0, point));
-    EXPECT_EQ(Described(one.table).of_schema("additionalProperties"), "(null)");
-    one.table[0].flags = TAVRIX_METHOD_STRICT;
-    one.table[0].result = set_result;
-    const Described described(one.table);
+    EXPECT_EQ(Described(one.methods).of_schema("additionalProperties"), "(null)");
+    one.methods.table[0].flags = TAVRIX_METHOD_STRICT;
+    one.methods.table[0].result = set_result;
+    const Described described(one.methods);
     EXPECT_EQ(described.of_schema("additionalProperties"), "false");
     EXPECT_FALSE(support::holds(described.of_method("t.One", "result"), "additionalProperties"));
 }
 
 TEST(Discovery, LeavesTheRecordsOfAListOpenAsTheirRetrieverDoes) {
     OneParam records(TAVRIX_PARAM("value", TAVRIX_KIND_MAC_FILTERS, "", 0));
-    records.table[0].flags = TAVRIX_METHOD_STRICT;
-    Described filters(records.table);
+    records.methods.table[0].flags = TAVRIX_METHOD_STRICT;
+    Described filters(records.methods);
     EXPECT_FALSE(support::holds(shown(filters.schema()), "additionalProperties"));
     EXPECT_EQ(member(filters.ask_one(R"([{"mac":"00:1A:2B:3C:4D:5E","mask":"00:1A:2B:3C:4D:5E","more":1}])"), "result"),
               "0")
         << "the list's own retriever passes over it";
 }
-
-// --- Who is asked --------------------------------------------------------------------------------------------------
 
 TEST(Discovery, IsAnsweredByTheServiceItselfUnderItsFirstMethodsPrefix) {
     Described described(methods);
@@ -293,8 +287,8 @@ TEST(Discovery, IsAnsweredByTheServiceItselfUnderItsFirstMethodsPrefix) {
 }
 
 TEST(Discovery, LeavesItsNameToARowOfTheTable) {
-    const OneMethod own("t.Discover", accept);
-    Described described(own.table);
+    const Methods own = {{"t.Discover", accept}};
+    Described described(own);
     EXPECT_EQ(described.stage.result_of("t.Discover"), "0");
     EXPECT_EQ(described.of_method("t.Discover", "summary"), "\"Does one thing.\"");
     EXPECT_EQ(json_array_size(json_object_get(described.document.get(), "methods")), 1U);
@@ -328,9 +322,9 @@ TEST(Discovery, WhichTheRouterRefusesIsToldUnlessItKnowsNothingOfItAndTheService
 
 TEST(Discovery, OfATableWithTextsThatAreNotUtf8IsRefusedAndTold) {
     const LogCapture log("info");
-    OneMethod one("t.One", accept);
+    Methods one = {{"t.One", accept}};
     one.table[0].summary = "\xff";
-    Stage stage(one.table);
+    Stage stage(one);
     EXPECT_EQ(stage.code_of("t.Discover"), "-32603");
     EXPECT_TRUE(log.says("tester cannot be described: there is no memory, or a text of its table is not UTF-8\n"));
 }

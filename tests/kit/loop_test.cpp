@@ -33,7 +33,6 @@ using Event = std::unique_ptr<event, FreeEvent>;
 
 /** What happened, in its order: a letter each. */
 std::string happened;
-uint64_t deferred = 0;
 
 int echo(tavrix_call *call) {
     happened += 'k';
@@ -41,14 +40,9 @@ int echo(tavrix_call *call) {
 }
 int defer(tavrix_call *call) {
     happened += 'k';
-    deferred = tavrix_call_defer(call, nullptr, nullptr);
-    return 0;
+    return support::defer(call);
 }
-const tavrix_service_method methods[] = {
-    TAVRIX_METHOD("t.Echo", echo, "", nullptr, nullptr, 0),
-    TAVRIX_METHOD("t.Defer", defer, "", nullptr, nullptr, 0),
-    TAVRIX_METHOD_END,
-};
+const support::Methods methods = {{"t.Echo", echo}, {"t.Defer", defer}};
 
 /** A handler of the library's own servers. */
 int say(json_t * /*params*/, json_t **result, json_t ** /*error_data*/) {
@@ -60,10 +54,7 @@ const tavrix_jrpc_method library_methods[] = {{"own.Say", say}, {nullptr, nullpt
 
 class Loop : public testing::Test {
   protected:
-    Loop() {
-        happened.clear();
-        deferred = 0;
-    }
+    Loop() { happened.clear(); }
     ~Loop() override {
         watches_.clear(); // before their loop goes, and before what they watch is closed
         for (const int fd : descriptors_) {
@@ -167,7 +158,7 @@ TEST_F(Loop, DescriptorsAndTimersOfTheProgramsOwnMoveWhileACallWaits) {
     const timeval tick = {0, 1000};
     add(Event(event_new(base(), -1, EV_PERSIST, on_own_timer, nullptr)), &tick);
     stage.router.say(support::direct_request("t.Defer", "{}", 9));
-    ASSERT_TRUE(stage.wait([] { return deferred != 0; }));
+    ASSERT_TRUE(stage.wait([] { return support::deferred != 0; }));
     EXPECT_TRUE(again('o'));
     EXPECT_EQ(write(ends[1], "p", 1), 1);
     EXPECT_TRUE(stage.wait([] { return count('p') == 1; }));
@@ -175,11 +166,10 @@ TEST_F(Loop, DescriptorsAndTimersOfTheProgramsOwnMoveWhileACallWaits) {
     // What waits is answered from the program's own event.
     add(Event(event_new(
             base(), -1, 0,
-            [](evutil_socket_t /*fd*/, short /*what*/, void *service) {
-                tavrix_call_reply(tavrix_service_deferred(static_cast<tavrix_service *>(service), deferred),
-                                  json_integer(4));
+            [](evutil_socket_t /*fd*/, short /*what*/, void *used) {
+                tavrix_call_reply(static_cast<Stage *>(used)->deferred_call(), json_integer(4));
             },
-            stage.service)),
+            &stage)),
         &tick);
     const std::string answer = stage.next();
     EXPECT_EQ(member(answer, "result"), "4");
@@ -209,9 +199,8 @@ TEST_F(Loop, OfTheProgramsOwnCarriesAServiceThatItClosesItself) {
     own.reset(event_base_new());
     tavrix_service_options options = {};
     options.base = own.get();
-    stage.open(methods, options);
-    EXPECT_EQ(tavrix_service_base(stage.service), own.get());
-    ASSERT_TRUE(stage.wait_ready());
+    stage.serve(methods, options);
+    EXPECT_EQ(base(), own.get());
     watch(library_timer(), on_library_timer);
     EXPECT_TRUE(again('t'));
     EXPECT_EQ(stage.result_of("t.Echo", R"({"a":1})"), R"({"a":1})");

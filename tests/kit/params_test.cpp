@@ -15,7 +15,7 @@ using support::accept;
 using support::array_of;
 using support::LogCapture;
 using support::member;
-using support::OneMethod;
+using support::Methods;
 using support::Stage;
 
 constexpr const char *colours[] = {"red", "green", "blue", nullptr};
@@ -54,20 +54,15 @@ int misread(tavrix_call *call) {
     return 0;
 }
 
-const tavrix_service_method methods[] = {
-    TAVRIX_METHOD("t.Within", accept, "", within, nullptr, TAVRIX_METHOD_STRICT),
-    TAVRIX_METHOD("t.Required", misread, "", required, nullptr, 0),
-    TAVRIX_METHOD("t.None", accept, "", nullptr, nullptr, TAVRIX_METHOD_STRICT),
-    TAVRIX_METHOD_END,
-};
+const Methods methods = {{"t.Within", accept, within, nullptr, TAVRIX_METHOD_STRICT},
+                         {"t.Required", misread, required},
+                         {"t.None", accept, nullptr, nullptr, TAVRIX_METHOD_STRICT}};
 
 class Params : public testing::Test {
   protected:
     LogCapture log{"info"};
     Stage stage{methods};
 };
-
-} // namespace
 
 TEST_F(Params, WithinOthersAreRefusedUnderTheirWholePath) {
     const std::map<std::string, std::string> cases = {
@@ -119,10 +114,6 @@ TEST_F(Params, ReadAsAnotherKindAreAbsentAndTold) {
     EXPECT_TRUE(log.says("reads its parameter vlan_id as another kind"));
     EXPECT_TRUE(log.says("reads a parameter nothing that has no row"));
 }
-
-// --- Every kind ----------------------------------------------------------------------------------------------------
-
-namespace {
 
 using Reader = std::string (*)(const tavrix_call *call);
 
@@ -353,24 +344,20 @@ std::vector<KindCase> text_kinds() {
     };
 }
 
-struct IntegerKind {
-    tavrix_kind kind;
-    int64_t lowest;
-    int64_t highest;
-    int (*retrieve)(json_t *, json_t **, const char *, int *);
-};
-
-constexpr IntegerKind integer_kinds[] = {
-    {TAVRIX_KIND_VLAN_ID, 1, 4092, tavrix_jrpc_utils_retrieve_input_vlan_id},
-    {TAVRIX_KIND_UNIT_ID, 1, 1, tavrix_jrpc_utils_retrieve_input_unit_id},
-    {TAVRIX_KIND_PERIODIC_INTERVAL, 1, 3600, tavrix_jrpc_utils_retrieve_input_periodic_interval},
-    {TAVRIX_KIND_LASER_ID, 0, 1, tavrix_jrpc_utils_retrieve_input_laser_id},
-    {TAVRIX_KIND_OLT_ID, 0, 1, tavrix_jrpc_utils_retrieve_input_olt_id},
-    {TAVRIX_KIND_ONU_ID, -1, 128, tavrix_jrpc_utils_retrieve_input_onu_id},
-    {TAVRIX_KIND_PORT_NUMBER, 1, 128, tavrix_jrpc_utils_retrieve_input_port_number},
-    {TAVRIX_KIND_PORT_LINK_SPEED, INT32_MIN, INT32_MAX, tavrix_jrpc_utils_retrieve_input_port_link_speed},
-    {TAVRIX_KIND_ENABLE, INT32_MIN, INT32_MAX, tavrix_jrpc_utils_retrieve_input_enable},
-};
+/** With the bounds of the library's own retrievers. */
+std::vector<KindCase> integer_kinds() {
+    return {
+        integers(of_kind(TAVRIX_KIND_VLAN_ID), 1, 4092),
+        integers(of_kind(TAVRIX_KIND_UNIT_ID), 1, 1),
+        integers(of_kind(TAVRIX_KIND_PERIODIC_INTERVAL), 1, 3600),
+        integers(of_kind(TAVRIX_KIND_LASER_ID), 0, 1),
+        integers(of_kind(TAVRIX_KIND_OLT_ID), 0, 1),
+        integers(of_kind(TAVRIX_KIND_ONU_ID), -1, 128),
+        integers(of_kind(TAVRIX_KIND_PORT_NUMBER), 1, 128),
+        integers(of_kind(TAVRIX_KIND_PORT_LINK_SPEED), INT32_MIN, INT32_MAX),
+        integers(of_kind(TAVRIX_KIND_ENABLE), INT32_MIN, INT32_MAX),
+    };
+}
 
 std::vector<KindCase> list_kinds() {
     const std::string port = R"({"port_number":7,"port_status":1,"poe_status":2,"link_status":3,"link_speed":4,)"
@@ -404,11 +391,8 @@ std::vector<KindCase> list_kinds() {
 
 std::vector<KindCase> kind_cases() {
     std::vector<KindCase> all = plain_kinds();
-    for (const auto &some : {text_kinds(), list_kinds()}) {
+    for (const auto &some : {text_kinds(), integer_kinds(), list_kinds()}) {
         all.insert(all.end(), some.begin(), some.end());
-    }
-    for (const IntegerKind &kind : integer_kinds) {
-        all.push_back(integers(of_kind(kind.kind), kind.lowest, kind.highest));
     }
     return all;
 }
@@ -461,8 +445,6 @@ void expect_refusal(Stage &stage, const KindCase &kind, const Refused &refused) 
     EXPECT_EQ(reason, reason_of(kind, refused, allowed));
 }
 
-} // namespace
-
 TEST(Kinds, HandOverWhatTheyTakeAndRefuseTheRest) {
     const LogCapture log("info");
     for (const KindCase &kind : kind_cases()) {
@@ -471,9 +453,7 @@ TEST(Kinds, HandOverWhatTheyTakeAndRefuseTheRest) {
         const tavrix_service_param row[] = {kind.row, TAVRIX_PARAM_END};
         tavrix_service_param optional[] = {kind.row, TAVRIX_PARAM_END};
         optional[0].flags |= TAVRIX_OPTIONAL;
-        const tavrix_service_method table[] = {TAVRIX_METHOD("t.One", show_value, "", row, nullptr, 0),
-                                               TAVRIX_METHOD("t.None", show_value, "", optional, nullptr, 0),
-                                               TAVRIX_METHOD_END};
+        const Methods table = {{"t.One", show_value, row}, {"t.None", show_value, optional}};
         Stage stage(table);
         for (const Taken &taken : kind.taken) {
             handed_over = "(not called)";
@@ -501,22 +481,6 @@ TEST(Kinds, AreAllTried) {
     }
 }
 
-TEST(Kinds, HaveTheBoundsOfTheLibrarysIntegers) {
-    const LogCapture log("info");
-    for (const IntegerKind &kind : integer_kinds) {
-        for (const int64_t n : {kind.lowest - 1, kind.lowest, kind.highest, kind.highest + 1}) {
-            if (n < INT32_MIN || n > INT32_MAX) {
-                continue; // the library would cut it
-            }
-            const support::Json params(json_pack("{s:I}", "n", json_int_t{n}));
-            int out = 0;
-            EXPECT_EQ(kind.retrieve(params.get(), nullptr, "n", &out) == TAVRIX_OK,
-                      n >= kind.lowest && n <= kind.highest)
-                << kind.kind << " " << n;
-        }
-    }
-}
-
 TEST(Rows, AreCheckedInTheTablesOrderWhateverTheRequests) {
     const LogCapture log("info");
     const tavrix_service_param unsorted[] = {
@@ -525,8 +489,8 @@ TEST(Rows, AreCheckedInTheTablesOrderWhateverTheRequests) {
         TAVRIX_PARAM("alpha", TAVRIX_KIND_STATUS, "", 0),
         TAVRIX_PARAM_END,
     };
-    const OneMethod rows("t.Rows", accept, unsorted);
-    Stage stage(rows.table);
+    const Methods rows = {{"t.Rows", accept, unsorted}};
+    Stage stage(rows);
     const auto refused = [&](const std::string &params) {
         return member(support::data_of(stage.ask("t.Rows", params)), "parameter");
     };
@@ -538,17 +502,13 @@ TEST(Rows, AreCheckedInTheTablesOrderWhateverTheRequests) {
     EXPECT_EQ(refused(R"({"alpha":"up","middle":"192.168.1.1"})"), "\"zone\"") << "a missing one is no later";
 }
 
-// --- Rows that cannot be served ------------------------------------------------------------------------------------
-
-namespace {
-
 /** Why a service with these rows cannot be opened; empty when it can. */
 std::string refusal_of(const tavrix_service_param *params, const tavrix_service_param *result = nullptr) {
     const LogCapture log("info");
-    const OneMethod one("t.One", accept, params, result);
+    const Methods one = {{"t.One", accept, params, result}};
     tavrix_service_options options = {};
     options.name = "tester";
-    options.methods = one.table;
+    options.methods = one;
     tavrix_service *service = nullptr;
     const int rc = tavrix_service_open(&options, &service);
     tavrix_service_close(service);
@@ -567,8 +527,6 @@ struct Holder {
         : row{TAVRIX_PARAM_MEMBERS(name, kind, "", TAVRIX_OPTIONAL, 0, 0, held), TAVRIX_PARAM_END} {}
     tavrix_service_param row[2];
 };
-
-} // namespace
 
 TEST(Rows, ThatCannotBeServedAreRefusedWhenTheServiceOpens) {
     const struct {
@@ -664,3 +622,5 @@ TEST(Rows, ThatHoldThemselvesOrLieTooDeepAreRefused) {
     }
     EXPECT_EQ(refusal_of(holders.back()->row), "parameter o.o.o.o.o.o.o.o.a" + too_deep);
 }
+
+} // namespace

@@ -37,8 +37,7 @@ const tavrix_service_param defer_params[] = {
     TAVRIX_PARAM("vlan", TAVRIX_KIND_VLAN_ID, "", 0),
     TAVRIX_PARAM_END,
 };
-const support::OneMethod own("t.Defer", defer, defer_params);
-const tavrix_service_method *const methods = own.table;
+const support::Methods methods = {{"t.Defer", defer, defer_params}};
 
 void on_answer(tavrix_service * /*service*/, const tavrix_answer * /*answer*/, void * /*user*/) { ++outcomes; }
 
@@ -72,8 +71,6 @@ class Scale : public testing::Test {
     }
     support::LogCapture log{"info"};
 };
-
-} // namespace
 
 TEST_F(Scale, AThousandCallsToOthersInFlightAreAThousandSmallRecords) {
     constexpr size_t bound = 512;
@@ -109,10 +106,6 @@ TEST_F(Scale, AThousandCallsThatWaitForTheirAnswersAreAThousandSmallRecords) {
     EXPECT_LE(each_of_a_thousand("a call that waits for its answer", before, after), bound);
 }
 
-// --- Coming and going ------------------------------------------------------------------------------------------------
-
-namespace {
-
 /** The router, and services of the kit in this process, which come and go beside it. */
 class Churn : public testing::Test {
   protected:
@@ -124,8 +117,8 @@ class Churn : public testing::Test {
 
     /** Opens a service, has it registered with an ipc address of its own, and closes it. */
     void come_and_go(const std::string &name) {
-        static const support::OneMethod visited("visitor.Defer", defer, defer_params);
-        support::Service service = support::started_service(name.c_str(), visited.table);
+        static const support::Methods visited = {{"visitor.Defer", defer, defer_params}};
+        support::Service service = support::started_service(name.c_str(), visited);
         const std::string address = "bus/" + name;
         EXPECT_TRUE(std::filesystem::exists(address)) << "it publishes on an ipc address";
         service.reset();
@@ -145,8 +138,6 @@ size_t visits() {
     constexpr size_t everyday = 300;
     return wanted != nullptr ? std::strtoul(wanted, nullptr, 10) : everyday;
 }
-
-} // namespace
 
 TEST_F(Churn, OfServicesOnIpcAddressesLeavesNoDescriptorNoMemoryAndNoFile) {
     constexpr size_t warm_up = 20;
@@ -177,3 +168,5 @@ TEST_F(Churn, OfServicesOnIpcAddressesLeavesNoDescriptorNoMemoryAndNoFile) {
     std::printf("%zu services came and went: %ld bytes of the heap gained\n", count, gained);
     EXPECT_LT(gained, static_cast<long>(count) * 64) << "less than the smallest record for each";
 }
+
+} // namespace

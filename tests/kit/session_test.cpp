@@ -22,30 +22,18 @@ namespace {
 using support::direct_request;
 using support::echo;
 using support::LogCapture;
-using support::OneMethod;
+using support::Methods;
 using support::Stage;
 
 constexpr size_t long_answer = 1 << 20; // more than a connection holds
-uint64_t deferred = 0;
 
-int defer(tavrix_call *call) {
-    deferred = tavrix_call_defer(call, nullptr, nullptr);
-    return 0;
-}
 int answer_long_and_signal(tavrix_call *call) {
     raise(static_cast<int>(json_integer_value(json_object_get(tavrix_call_params(call), "number"))));
     return tavrix_call_reply(call, json_string(std::string(long_answer, 'x').c_str()));
 }
 
-const tavrix_service_method methods[] = {
-    TAVRIX_METHOD("t.Echo", echo, "Gives its parameters back.", nullptr, nullptr, TAVRIX_METHOD_READS),
-    TAVRIX_METHOD_END,
-};
-const tavrix_service_method ending_methods[] = {
-    TAVRIX_METHOD("t.Defer", defer, "", nullptr, nullptr, 0),
-    TAVRIX_METHOD("t.LongAndSignal", answer_long_and_signal, "", nullptr, nullptr, 0),
-    TAVRIX_METHOD_END,
-};
+const Methods methods = {{"t.Echo", echo}};
+const Methods ending_methods = {{"t.Defer", support::defer}, {"t.LongAndSignal", answer_long_and_signal}};
 
 tavrix_service_options named(const char *name, const tavrix_service_method *table = methods) {
     tavrix_service_options options = {};
@@ -64,7 +52,6 @@ struct Running {
     int cancelled = 0;
 
     int run() {
-        deferred = 0;
         stage->router.settles = false;
         tavrix_service_options options = named("tester", ending_methods);
         options.flags = 0;
@@ -91,12 +78,7 @@ void count_cancelled(tavrix_service * /*service*/, const tavrix_answer *answer, 
 
 class Session : public testing::Test {
   protected:
-    /** Opens a service and waits until it is ready, on a bus that need not stand. */
-    void serve(unsigned flags = 0) {
-        stage.router.settles = false;
-        stage.open(methods, support::with_flags(flags));
-        ASSERT_TRUE(stage.wait_ready());
-    }
+    void serve(unsigned flags = 0) { stage.serve(methods, support::with_flags(flags)); }
     void expect_service() { EXPECT_EQ(stage.result_of("t.Echo", R"({"a":1})"), R"({"a":1})"); }
 
     LogCapture log{"info"};
@@ -317,8 +299,6 @@ TEST_F(Session, RereadsTheLogLevelOnSighupAndOnTheLoggersMethod) {
     EXPECT_TRUE(tavrix_service_is_ready(stage.service)) << "it goes on";
 }
 
-// --- The end -------------------------------------------------------------------------------------------------------
-
 class SignalThatEnds : public Session, public testing::WithParamInterface<int> {};
 
 TEST_P(SignalThatEnds, LetsCallsInFlightBeAnsweredFirst) {
@@ -327,7 +307,7 @@ TEST_P(SignalThatEnds, LetsCallsInFlightBeAnsweredFirst) {
         EXPECT_NE(tavrix_service_request(stage.service, "other.Get", nullptr, 20000, count_cancelled, &running), 0U);
     };
     running.turn = [raised = false]() mutable {
-        if (deferred != 0 && !std::exchange(raised, true)) {
+        if (support::deferred != 0 && !std::exchange(raised, true)) {
             raise(GetParam());
         }
     };
@@ -372,8 +352,6 @@ TEST_F(Session, OfAServiceThatIsRunOrClosedByAHandlerSaysSoAndEndsInOrder) {
     EXPECT_TRUE(log.says("tester is closed by a handler or a callback"));
 }
 
-// --- Options that cannot be ----------------------------------------------------------------------------------------
-
 TEST(Options, RefuseWhatCannotBe) {
     const LogCapture log("info");
     EXPECT_EQ(tavrix_service_open(nullptr, nullptr), TAVRIX_ERR_NULL_INPUT);
@@ -409,8 +387,8 @@ TEST(Options, TakeATableOf256MethodsAndNoLongerOne) {
 TEST(Options, RefuseMethodsThatTheKitAnswersItself) {
     for (const std::string own : {"logger.ReloadConf", "service.Hello", "service.Probe", "service.Welcome"}) {
         const LogCapture log("info");
-        const OneMethod one(own.c_str(), echo);
-        EXPECT_EQ(open_and_close(named("tester", one.table)), TAVRIX_ERR_PARAMETER);
+        const Methods one = {{own.c_str(), echo}};
+        EXPECT_EQ(open_and_close(named("tester", one)), TAVRIX_ERR_PARAMETER);
         EXPECT_TRUE(log.says("Method " + own + ": is one that every service answers by itself"));
     }
 }

@@ -15,31 +15,21 @@
 
 namespace {
 
+using support::abandoned;
 using support::code_of;
 using support::member;
 using support::StreamClient;
 
-uint64_t deferred = 0;
-int abandoned = 0;
 int calls = 0;
-tavrix_caller caller;
+std::string caller;
 
 int echo(tavrix_call *call) {
     ++calls;
-    caller = tavrix_call_caller(call);
+    caller = support::caller_of(call);
     return support::echo(call);
 }
-int defer(tavrix_call *call) {
-    deferred = tavrix_call_defer(
-        call, [](tavrix_call *, void *) { ++abandoned; }, nullptr);
-    return 0;
-}
 
-const tavrix_service_method methods[] = {
-    TAVRIX_METHOD("t.Echo", echo, "", nullptr, nullptr, 0),
-    TAVRIX_METHOD("t.Defer", defer, "", nullptr, nullptr, 0),
-    TAVRIX_METHOD_END,
-};
+const support::Methods methods = {{"t.Echo", echo}, {"t.Defer", support::defer}};
 
 constexpr size_t long_answer = 4 << 20; // more than a connection holds
 
@@ -50,8 +40,6 @@ std::string request(const std::string &method, const std::string &params) {
 class Sockets : public testing::Test {
   protected:
     Sockets() {
-        deferred = 0;
-        abandoned = 0;
         calls = 0;
         EXPECT_NE(listener, 0U);
     }
@@ -69,24 +57,20 @@ class Sockets : public testing::Test {
     /** A client whose call is deferred. */
     StreamClient defer() {
         StreamClient client = say(request("t.Defer", "{}"));
-        EXPECT_TRUE(stage.wait([] { return deferred != 0; }));
+        EXPECT_TRUE(stage.wait([] { return support::deferred != 0; }));
         return client;
     }
-    int reply(json_t *result) { return tavrix_call_reply(call(), result); }
-    tavrix_call *call() { return tavrix_service_deferred(stage.service, deferred); }
+    int reply(json_t *result) { return tavrix_call_reply(stage.deferred_call(), result); }
 
     support::LogCapture log{"info"};
     support::Stage stage{methods};
     uint64_t listener = tavrix_service_listen_unix(stage.service, "direct.sock");
 };
 
-} // namespace
-
 TEST_F(Sockets, AnswerOneRequestOnAUnixPathAndClose) {
     EXPECT_EQ(ask(request("t.Echo", R"({"a":1})")), R"({"jsonrpc":"2.0","id":"t.Echo","result":{"a":1}})");
-    EXPECT_EQ(caller.road, TAVRIX_ROAD_UNIX);
-    EXPECT_EQ(caller.pid, getpid());
-    EXPECT_EQ(caller.uid, getuid());
+    EXPECT_EQ(caller,
+              "unix " + std::to_string(getpid()) + " " + std::to_string(getuid()) + " " + std::to_string(getgid()));
     EXPECT_EQ(code_of(ask(request("t.Unknown", "{}"))), "-32601");
 }
 
@@ -97,7 +81,7 @@ TEST_F(Sockets, AnswerOnATcpPort) {
     const StreamClient client = StreamClient::tcp_port(static_cast<int>(port));
     client.say(request("t.Echo", R"({"a":2})"));
     EXPECT_EQ(member(hear(client), "result"), R"({"a":2})");
-    EXPECT_EQ(caller.road, TAVRIX_ROAD_TCP);
+    EXPECT_EQ(caller, "tcp -1 4294967295 4294967295");
     EXPECT_EQ(tavrix_service_listen_tcp(stage.service, nullptr, port, nullptr), 0U);
     EXPECT_TRUE(log.says("Cannot listen on 127.0.0.1:" + std::to_string(port) +
                          ": Address already in use; is another daemon running there?"));
@@ -141,7 +125,7 @@ TEST_F(Sockets, AnswerAClientThatHasShutItsSendingSideDown) {
 TEST_F(Sockets, AbandonTheCallOfAClientThatGoes) {
     defer().close();
     EXPECT_TRUE(stage.wait([] { return abandoned == 1; }));
-    EXPECT_EQ(call(), nullptr);
+    EXPECT_EQ(stage.deferred_call(), nullptr);
 }
 
 TEST_F(Sockets, SilentClientsHoldNobodyUpAndMakeRoom) {
@@ -189,10 +173,6 @@ TEST_F(Sockets, AnswerMoreThanAClientReadsAtOnce) {
     EXPECT_EQ(member(hear(client), "result").size(), long_answer + 2);
 }
 
-// --- Time ----------------------------------------------------------------------------------------------------------
-
-namespace {
-
 /** An event of the loop's that waits for this, and not for ever. */
 struct Waiting {
     short what;
@@ -219,8 +199,6 @@ bool let_time_pass(tavrix_service *service, short what) {
     return waiting.found != nullptr;
 }
 
-} // namespace
-
 TEST_F(Sockets, CloseAClientThatSaysNothingInTime) {
     ASSERT_FALSE(let_time_pass(stage.service, EV_READ)) << "the service's own sockets wait for ever";
     const StreamClient client = say(R"({"jsonrpc":"2.0","method":)");
@@ -242,7 +220,7 @@ TEST_F(Sockets, TellTheClientsOfAServiceThatNeverAnswersSoAtTheDeadline) {
     stage.restart_router();
     EXPECT_EQ(code_of(hear(defer())), "-32005") << "no router does";
     EXPECT_EQ(abandoned, 1);
-    EXPECT_EQ(call(), nullptr);
+    EXPECT_EQ(stage.deferred_call(), nullptr);
 }
 
 TEST_F(Sockets, CloseAClientThatDoesNotReadItsAnswerInTime) {
@@ -276,7 +254,7 @@ TEST_F(Sockets, PullTakesOneWayRequests) {
     push.connect(address);
     ASSERT_EQ(tavrix_mq_socket_send(push.number, request("t.Echo", "{}").c_str()), TAVRIX_OK);
     EXPECT_TRUE(stage.wait([] { return calls == 1; }));
-    EXPECT_EQ(caller.road, TAVRIX_ROAD_PULL);
+    EXPECT_EQ(caller, "pull -1 4294967295 4294967295");
     EXPECT_EQ(tavrix_service_listen_pull(stage.service, "nowhere"), 0U);
 }
 
@@ -287,27 +265,17 @@ TEST_F(Sockets, EndWithTheService) {
     EXPECT_NE(access("direct.sock", F_OK), 0);
 }
 
-// --- Timers --------------------------------------------------------------------------------------------------------
-
-namespace {
-
-struct Ticks {
-    int count = 0;
-    uint64_t number = 0;
-};
-
-void tick(tavrix_service *service, void *user) {
-    auto *ticks = static_cast<Ticks *>(user);
-    if (++ticks->count == 3) {
-        EXPECT_EQ(tavrix_service_cancel(service, ticks->number), TAVRIX_OK);
-    }
-}
-
-} // namespace
-
 TEST_F(Sockets, TimersRunOnceOrAgainAndAgainUntilTheyAreCancelled) {
-    Ticks once;
-    Ticks often;
+    struct Ticks {
+        int count = 0;
+        uint64_t number = 0;
+    } once, often;
+    const auto tick = [](tavrix_service *service, void *user) {
+        auto *ticks = static_cast<Ticks *>(user);
+        if (++ticks->count == 3) {
+            EXPECT_EQ(tavrix_service_cancel(service, ticks->number), TAVRIX_OK);
+        }
+    };
     once.number = tavrix_service_timer(stage.service, 0, 0, tick, &once);
     often.number = tavrix_service_timer(stage.service, 1, 1, tick, &often);
     ASSERT_TRUE(stage.wait([&] { return often.count == 3 && once.count == 1; }));
@@ -315,3 +283,5 @@ TEST_F(Sockets, TimersRunOnceOrAgainAndAgainUntilTheyAreCancelled) {
     EXPECT_EQ(tavrix_service_cancel(stage.service, often.number), TAVRIX_ERR_NO_RECORDS);
     EXPECT_EQ(tavrix_service_timer(stage.service, -1, 0, tick, &once), 0U);
 }
+
+} // namespace

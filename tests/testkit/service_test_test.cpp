@@ -93,8 +93,6 @@ class TestKit : public testing::Test, protected driven::Service {
 
 using Words = std::vector<std::string>;
 
-// --- Requests to the service ---
-
 TEST_F(TestKit, GivesTheWholeResponseToAText) {
     EXPECT_EQ(request(R"({"jsonrpc":"2.0","method":"t.Echo","id":1,"transaction_id":9,"params":{"a":1}})"),
               R"({"jsonrpc":"2.0","id":"t.Echo","result":{"a":1},"transaction_id":9})");
@@ -126,8 +124,6 @@ TEST_F(TestKit, CancelsACallByItsTransactionId) {
     cancel(1);
     EXPECT_EQ(seen.words, Words{"abandoned"});
 }
-
-// --- What the service sends ---
 
 TEST_F(TestKit, ShowsARequestAndLetsItBeAnsweredOnce) {
     call("t.Ask");
@@ -172,8 +168,6 @@ TEST_F(TestKit, LeavesTheTestsOwnStandardErrorAlone) {
     std::fprintf(stderr, "the test's\n");
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "the test's\n");
 }
-
-// --- What happens to the service ---
 
 TEST_F(TestKit, RingsTimersInTheirOrderEachAtItsTime) {
     timer(30, 0, "thirty");
@@ -258,8 +252,6 @@ TEST_F(TestKit, StopsAsSigtermDoes) {
     close();
     EXPECT_EQ(seen.words, Words{"stop"});
 }
-
-// --- Mistakes ---
 
 using TestKitDeathTest = TestKit;
 

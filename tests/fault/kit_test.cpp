@@ -62,20 +62,14 @@ int answer_long(tavrix_call *call) {
     return tavrix_call_reply(call, json_string(std::string(long_answer, 'x').c_str()));
 }
 
-const tavrix_service_param pair[] = {
-    TAVRIX_PARAM("vlan", TAVRIX_KIND_VLAN_ID, "", 0),
-    TAVRIX_PARAM("mode", TAVRIX_KIND_VLAN_MODE, "", 0),
-    TAVRIX_PARAM_END,
-};
-const tavrix_service_param many[] = {
-    TAVRIX_PARAM("text", TAVRIX_KIND_TEXT, "", 0),
-    TAVRIX_PARAM("long", TAVRIX_KIND_TEXT, "", TAVRIX_OPTIONAL),
-    TAVRIX_PARAM("mac", TAVRIX_KIND_MAC_ADDRESS, "", 0),
-    TAVRIX_PARAM("vlans", TAVRIX_KIND_VLAN_IDS, "", 0),
-    TAVRIX_PARAM("ports", TAVRIX_KIND_PORTS, "", 0),
-    TAVRIX_PARAM_MEMBERS("pairs", TAVRIX_KIND_ARRAY, "", 0, 1, 4, pair),
-    TAVRIX_PARAM_END,
-};
+const support::Rows pair = {TAVRIX_PARAM("vlan", TAVRIX_KIND_VLAN_ID, "", 0),
+                            TAVRIX_PARAM("mode", TAVRIX_KIND_VLAN_MODE, "", 0)};
+const support::Rows many = {TAVRIX_PARAM("text", TAVRIX_KIND_TEXT, "", 0),
+                            TAVRIX_PARAM("long", TAVRIX_KIND_TEXT, "", TAVRIX_OPTIONAL),
+                            TAVRIX_PARAM("mac", TAVRIX_KIND_MAC_ADDRESS, "", 0),
+                            TAVRIX_PARAM("vlans", TAVRIX_KIND_VLAN_IDS, "", 0),
+                            TAVRIX_PARAM("ports", TAVRIX_KIND_PORTS, "", 0),
+                            TAVRIX_PARAM_MEMBERS("pairs", TAVRIX_KIND_ARRAY, "", 0, 1, 4, pair)};
 const support::Methods methods = {{"t.Echo", support::echo},
                                   {"t.Many", support::echo, many, nullptr, TAVRIX_METHOD_STRICT},
                                   {"t.Defer", support::defer},

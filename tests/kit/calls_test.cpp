@@ -72,8 +72,8 @@ int defer_and_reply(tavrix_call *call) {
     return tavrix_call_reply(call, json_integer(4));
 }
 
-const tavrix_service_param members[] = {TAVRIX_PARAM("done", TAVRIX_KIND_BOOLEAN, "", 0), TAVRIX_PARAM_END};
-const tavrix_service_param bare[] = {TAVRIX_PARAM("", TAVRIX_KIND_BOOLEAN, "", 0), TAVRIX_PARAM_END};
+const support::Rows members = {TAVRIX_PARAM("done", TAVRIX_KIND_BOOLEAN, "", 0)};
+const support::Rows bare = {TAVRIX_PARAM("", TAVRIX_KIND_BOOLEAN, "", 0)};
 const support::Methods methods = {
     {"t.DeferTwice", defer_twice},
     {"t.Members", yes, nullptr, members},

@@ -21,28 +21,17 @@ using support::LogCapture;
 using support::member;
 using support::Methods;
 using support::OneParam;
+using support::Rows;
 using support::Stage;
 
 constexpr const char *colours[] = {"red", "green", nullptr};
-const tavrix_service_param point[] = {
-    TAVRIX_PARAM("x", TAVRIX_KIND_INTEGER, "across", 0),
-    TAVRIX_PARAM("y", TAVRIX_KIND_INTEGER, "down", TAVRIX_OPTIONAL),
-    TAVRIX_PARAM_END,
-};
-const tavrix_service_param bare_port[] = {
-    TAVRIX_PARAM("", TAVRIX_KIND_PORT_ID, "", TAVRIX_ALLOW_D_PORT),
-    TAVRIX_PARAM_END,
-};
-const tavrix_service_param set_params[] = {
-    TAVRIX_PARAM_RANGE("size", TAVRIX_KIND_INTEGER, "how large", TAVRIX_OPTIONAL, 2, 9),
-    TAVRIX_PARAM("port_id", TAVRIX_KIND_PORT_ID, "which port", TAVRIX_ALLOW_C_PORT),
-    TAVRIX_PARAM_END,
-};
-const tavrix_service_param set_result[] = {
-    TAVRIX_PARAM_WORDS("colour", colours, "what it became", 0),
-    TAVRIX_PARAM_MEMBERS("points", TAVRIX_KIND_ARRAY, "where", TAVRIX_OPTIONAL, 0, 0, point),
-    TAVRIX_PARAM_END,
-};
+const Rows point = {TAVRIX_PARAM("x", TAVRIX_KIND_INTEGER, "across", 0),
+                    TAVRIX_PARAM("y", TAVRIX_KIND_INTEGER, "down", TAVRIX_OPTIONAL)};
+const Rows bare_port = {TAVRIX_PARAM("", TAVRIX_KIND_PORT_ID, "", TAVRIX_ALLOW_D_PORT)};
+const Rows set_params = {TAVRIX_PARAM_RANGE("size", TAVRIX_KIND_INTEGER, "how large", TAVRIX_OPTIONAL, 2, 9),
+                         TAVRIX_PARAM("port_id", TAVRIX_KIND_PORT_ID, "which port", TAVRIX_ALLOW_C_PORT)};
+const Rows set_result = {TAVRIX_PARAM_WORDS("colour", colours, "what it became", 0),
+                         TAVRIX_PARAM_MEMBERS("points", TAVRIX_KIND_ARRAY, "where", TAVRIX_OPTIONAL, 0, 0, point)};
 const tavrix_service_method methods[] = {
     TAVRIX_METHOD("t.Set", accept, "Sets a thing.", set_params, set_result, TAVRIX_METHOD_CHANGES),
     TAVRIX_METHOD("t.Get", accept, "Gets nothing.", nullptr, nullptr, TAVRIX_METHOD_READS),

@@ -92,7 +92,7 @@ int hold(tavrix_call *call) {
 /** Asks its own service, and answers what that answers. */
 int ask_itself(tavrix_call *call) { return ask_for(call, "t.One", nullptr); }
 
-const tavrix_service_param count[] = {TAVRIX_PARAM("n", TAVRIX_KIND_INTEGER, "", 0), TAVRIX_PARAM_END};
+const support::Rows count = {TAVRIX_PARAM("n", TAVRIX_KIND_INTEGER, "", 0)};
 const support::Methods left_methods = {{"left.Down", down, count}};
 const support::Methods right_methods = {{"right.Down", down, count}};
 const support::Methods t_methods = {{"t.Never", support::defer},

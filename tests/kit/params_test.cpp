@@ -1,5 +1,5 @@
+#include <list>
 #include <map>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -16,36 +16,22 @@ using support::array_of;
 using support::LogCapture;
 using support::member;
 using support::Methods;
+using support::Rows;
 using support::Stage;
 
 constexpr const char *colours[] = {"red", "green", "blue", nullptr};
 
-const tavrix_service_param inner[] = {
-    TAVRIX_PARAM("y", TAVRIX_KIND_INTEGER, "", 0),
-    TAVRIX_PARAM_END,
-};
-const tavrix_service_param point[] = {
-    TAVRIX_PARAM("x", TAVRIX_KIND_INTEGER, "", 0),
-    TAVRIX_PARAM("mac", TAVRIX_KIND_MAC_ADDRESS, "", TAVRIX_OPTIONAL),
-    TAVRIX_PARAM_MEMBERS("inner", TAVRIX_KIND_OBJECT, "", TAVRIX_OPTIONAL, 0, 0, inner),
-    TAVRIX_PARAM_END,
-};
-const tavrix_service_param bare_port[] = {
-    TAVRIX_PARAM("", TAVRIX_KIND_PORT_ID, "", TAVRIX_ALLOW_D_PORT),
-    TAVRIX_PARAM_END,
-};
-const tavrix_service_param within[] = {
-    TAVRIX_PARAM_MEMBERS("points", TAVRIX_KIND_ARRAY, "", TAVRIX_OPTIONAL, 1, 2, point),
-    TAVRIX_PARAM_MEMBERS("bare", TAVRIX_KIND_ARRAY, "", TAVRIX_OPTIONAL, 0, 0, bare_port),
-    TAVRIX_PARAM_MEMBERS("object", TAVRIX_KIND_OBJECT, "", TAVRIX_OPTIONAL, 0, 0, point),
-    TAVRIX_PARAM_END,
-};
-const tavrix_service_param required[] = {
-    TAVRIX_PARAM("port_id", TAVRIX_KIND_PORT_ID, "", TAVRIX_ANY_PORT),
-    TAVRIX_PARAM("vlan_id", TAVRIX_KIND_VLAN_ID, "", 0),
-    TAVRIX_PARAM("alias", TAVRIX_KIND_ALIAS, "", TAVRIX_OPTIONAL),
-    TAVRIX_PARAM_END,
-};
+const Rows inner = {TAVRIX_PARAM("y", TAVRIX_KIND_INTEGER, "", 0)};
+const Rows point = {TAVRIX_PARAM("x", TAVRIX_KIND_INTEGER, "", 0),
+                    TAVRIX_PARAM("mac", TAVRIX_KIND_MAC_ADDRESS, "", TAVRIX_OPTIONAL),
+                    TAVRIX_PARAM_MEMBERS("inner", TAVRIX_KIND_OBJECT, "", TAVRIX_OPTIONAL, 0, 0, inner)};
+const Rows bare_port = {TAVRIX_PARAM("", TAVRIX_KIND_PORT_ID, "", TAVRIX_ALLOW_D_PORT)};
+const Rows within = {TAVRIX_PARAM_MEMBERS("points", TAVRIX_KIND_ARRAY, "", TAVRIX_OPTIONAL, 1, 2, point),
+                     TAVRIX_PARAM_MEMBERS("bare", TAVRIX_KIND_ARRAY, "", TAVRIX_OPTIONAL, 0, 0, bare_port),
+                     TAVRIX_PARAM_MEMBERS("object", TAVRIX_KIND_OBJECT, "", TAVRIX_OPTIONAL, 0, 0, point)};
+const Rows required = {TAVRIX_PARAM("port_id", TAVRIX_KIND_PORT_ID, "", TAVRIX_ANY_PORT),
+                       TAVRIX_PARAM("vlan_id", TAVRIX_KIND_VLAN_ID, "", 0),
+                       TAVRIX_PARAM("alias", TAVRIX_KIND_ALIAS, "", TAVRIX_OPTIONAL)};
 
 int misread(tavrix_call *call) {
     EXPECT_EQ(tavrix_call_text(call, "vlan_id"), nullptr);
@@ -426,23 +412,15 @@ void expect_refusal(Stage &stage, const KindCase &kind, const Refused &refused) 
     const std::string answer = stage.ask("t.One", params);
     SCOPED_TRACE(params + " is answered " + answer);
     EXPECT_EQ(handed_over, "(not called)");
-    const support::Json whole = support::parsed(answer);
-    int code = 0;
-    const char *parameter = "";
-    const char *allowed = "";
-    const char *reason = "";
-    ASSERT_EQ(json_unpack(whole.get(), "{s:{s:i, s:{s:s, s:s, s:s}}}", "error", "code", &code, "data", "parameter",
-                          &parameter, "allowed", &allowed, "reason", &reason),
-              0);
-    EXPECT_EQ(std::to_string(code), refused.code);
-    EXPECT_STREQ(parameter, "value");
-    EXPECT_STRNE(allowed, "");
-    if (!kind.allowed.empty()) {
-        EXPECT_EQ(allowed, kind.allowed);
-    }
+    const std::string data = support::data_of(answer);
+    const std::string allowed = json_string_value(support::parsed(member(data, "allowed")).get());
+    EXPECT_EQ(support::code_of(answer), refused.code);
+    EXPECT_EQ(member(data, "parameter"), "\"value\"");
+    EXPECT_NE(allowed, "");
+    EXPECT_TRUE(kind.allowed.empty() || kind.allowed == allowed) << kind.allowed;
     const bool is_shown = !refused.json.empty() && kind.row.kind != TAVRIX_KIND_PASSWORD;
-    EXPECT_EQ(member(support::data_of(answer), "value") != "(none)", is_shown);
-    EXPECT_EQ(reason, reason_of(kind, refused, allowed));
+    EXPECT_EQ(member(data, "value") != "(none)", is_shown);
+    EXPECT_EQ(member(data, "reason"), quoted(reason_of(kind, refused, allowed)));
 }
 
 TEST(Kinds, HandOverWhatTheyTakeAndRefuseTheRest) {
@@ -450,9 +428,9 @@ TEST(Kinds, HandOverWhatTheyTakeAndRefuseTheRest) {
     for (const KindCase &kind : kind_cases()) {
         SCOPED_TRACE("kind " + std::to_string(kind.row.kind));
         read_value = kind.read;
-        const tavrix_service_param row[] = {kind.row, TAVRIX_PARAM_END};
-        tavrix_service_param optional[] = {kind.row, TAVRIX_PARAM_END};
-        optional[0].flags |= TAVRIX_OPTIONAL;
+        const Rows row = {kind.row};
+        Rows optional = row;
+        optional.table[0].flags |= TAVRIX_OPTIONAL;
         const Methods table = {{"t.One", show_value, row}, {"t.None", show_value, optional}};
         Stage stage(table);
         for (const Taken &taken : kind.taken) {
@@ -483,12 +461,9 @@ TEST(Kinds, AreAllTried) {
 
 TEST(Rows, AreCheckedInTheTablesOrderWhateverTheRequests) {
     const LogCapture log("info");
-    const tavrix_service_param unsorted[] = {
-        TAVRIX_PARAM("middle", TAVRIX_KIND_IP_ADDRESS, "", 0),
-        TAVRIX_PARAM("zone", TAVRIX_KIND_VLAN_ID, "", 0),
-        TAVRIX_PARAM("alpha", TAVRIX_KIND_STATUS, "", 0),
-        TAVRIX_PARAM_END,
-    };
+    const Rows unsorted = {TAVRIX_PARAM("middle", TAVRIX_KIND_IP_ADDRESS, "", 0),
+                           TAVRIX_PARAM("zone", TAVRIX_KIND_VLAN_ID, "", 0),
+                           TAVRIX_PARAM("alpha", TAVRIX_KIND_STATUS, "", 0)};
     const Methods rows = {{"t.Rows", accept, unsorted}};
     Stage stage(rows);
     const auto refused = [&](const std::string &params) {
@@ -496,7 +471,6 @@ TEST(Rows, AreCheckedInTheTablesOrderWhateverTheRequests) {
     };
     EXPECT_EQ(refused(R"({"middle":"192.168.1.1","zone":0,"alpha":"up"})"), "\"zone\"");
     EXPECT_EQ(refused(R"({"alpha":"up","zone":0,"middle":"192.168.1.1"})"), "\"zone\"");
-    EXPECT_EQ(refused(R"({"alpha":"up","zone":7,"middle":"1.1.1"})"), "\"middle\"");
     EXPECT_EQ(refused(R"({"alpha":"up","zone":0,"middle":"1.1.1"})"), "\"middle\"");
     EXPECT_EQ(refused(R"({"alpha":"up","zone":7,"middle":"192.168.1.1"})"), "\"alpha\"");
     EXPECT_EQ(refused(R"({"alpha":"up","middle":"192.168.1.1"})"), "\"zone\"") << "a missing one is no later";
@@ -521,12 +495,10 @@ std::string refusal_of(const tavrix_service_param *params, const tavrix_service_
     return begin == std::string::npos ? log.text() : log.text().substr(begin + 14, log.text().find('\n') - begin - 14);
 }
 
-/** Rows that hold `rows` in an object, or in an array. */
-struct Holder {
-    Holder(const char *name, tavrix_kind kind, const tavrix_service_param *held)
-        : row{TAVRIX_PARAM_MEMBERS(name, kind, "", TAVRIX_OPTIONAL, 0, 0, held), TAVRIX_PARAM_END} {}
-    tavrix_service_param row[2];
-};
+/** A row that holds others in an object, or in an array. */
+Rows holder(const char *name, tavrix_kind kind, const tavrix_service_param *held) {
+    return {TAVRIX_PARAM_MEMBERS(name, kind, "", TAVRIX_OPTIONAL, 0, 0, held)};
+}
 
 TEST(Rows, ThatCannotBeServedAreRefusedWhenTheServiceOpens) {
     const struct {
@@ -558,13 +530,12 @@ TEST(Rows, ThatCannotBeServedAreRefusedWhenTheServiceOpens) {
         {TAVRIX_PARAM_RANGE("a", TAVRIX_KIND_STATUS, "", 0, 0, 1), "has bounds, and its kind takes none"},
     };
     for (const auto &[row, error] : rows_and_errors) {
-        const tavrix_service_param one[] = {row, TAVRIX_PARAM_END};
-        const Holder object("o", TAVRIX_KIND_OBJECT, one);
-        const Holder array("list", TAVRIX_KIND_ARRAY, object.row);
+        const Rows one = {row};
+        const Rows object = holder("o", TAVRIX_KIND_OBJECT, one);
         EXPECT_EQ(refusal_of(one), std::string("parameter a ") + error);
-        EXPECT_EQ(refusal_of(object.row), std::string("parameter o.a ") + error);
-        EXPECT_EQ(refusal_of(array.row), std::string("parameter list[].o.a ") + error);
-        EXPECT_EQ(refusal_of(nullptr, object.row), std::string("parameter o.a ") + error) << "of the result";
+        EXPECT_EQ(refusal_of(object), std::string("parameter o.a ") + error);
+        EXPECT_EQ(refusal_of(holder("list", TAVRIX_KIND_ARRAY, object)), std::string("parameter list[].o.a ") + error);
+        EXPECT_EQ(refusal_of(nullptr, object), std::string("parameter o.a ") + error) << "of the result";
     }
 }
 
@@ -578,49 +549,47 @@ TEST(Rows, WithTheNarrowestAndWidestBoundsAreTaken) {
         TAVRIX_PARAM_RANGE("a", TAVRIX_KIND_PORTS, "", 0, 128, 0),
     };
     for (const tavrix_service_param &row : taken) {
-        const tavrix_service_param one[] = {row, TAVRIX_PARAM_END};
-        EXPECT_EQ(refusal_of(one), "");
+        EXPECT_EQ(refusal_of(Rows{row}), "");
     }
 }
 
 TEST(Rows, WithoutANameStandAloneInArraysAndResults) {
-    const tavrix_service_param bare[] = {TAVRIX_PARAM("", TAVRIX_KIND_INTEGER, "", 0), TAVRIX_PARAM_END};
-    const tavrix_service_param two[] = {bare[0], TAVRIX_PARAM("b", TAVRIX_KIND_INTEGER, "", 0), TAVRIX_PARAM_END};
+    const Rows bare = {TAVRIX_PARAM("", TAVRIX_KIND_INTEGER, "", 0)};
+    const Rows two = {bare[0], TAVRIX_PARAM("b", TAVRIX_KIND_INTEGER, "", 0)};
     EXPECT_EQ(refusal_of(nullptr, bare), "");
-    EXPECT_EQ(refusal_of(Holder("list", TAVRIX_KIND_ARRAY, bare).row), "");
+    EXPECT_EQ(refusal_of(holder("list", TAVRIX_KIND_ARRAY, bare)), "");
     EXPECT_EQ(refusal_of(bare), "parameter  has a row without a name");
-    EXPECT_EQ(refusal_of(Holder("list", TAVRIX_KIND_ARRAY, two).row), "parameter list[] has a row without a name");
-    EXPECT_EQ(refusal_of(Holder("o", TAVRIX_KIND_OBJECT, bare).row), "parameter o has a row without a name");
-    const tavrix_service_param twice[] = {two[1], two[1], TAVRIX_PARAM_END};
-    EXPECT_EQ(refusal_of(Holder("o", TAVRIX_KIND_OBJECT, twice).row), "parameter o.b has two rows");
-    tavrix_service_param many[TAVRIX_SERVICE_MAX_PARAMS + 2] = {};
+    EXPECT_EQ(refusal_of(holder("list", TAVRIX_KIND_ARRAY, two)), "parameter list[] has a row without a name");
+    EXPECT_EQ(refusal_of(holder("o", TAVRIX_KIND_OBJECT, bare)), "parameter o has a row without a name");
+    const Rows twice = {two[1], two[1]};
+    EXPECT_EQ(refusal_of(holder("o", TAVRIX_KIND_OBJECT, twice)), "parameter o.b has two rows");
     std::vector<std::string> names(TAVRIX_SERVICE_MAX_PARAMS + 1);
+    std::vector<tavrix_service_param> many;
     for (size_t i = 0; i < names.size(); ++i) {
         names[i] = "p" + std::to_string(i);
-        many[i] = TAVRIX_PARAM(names[i].c_str(), TAVRIX_KIND_INTEGER, "", 0);
+        many.push_back(TAVRIX_PARAM(names[i].c_str(), TAVRIX_KIND_INTEGER, "", 0));
     }
-    EXPECT_EQ(refusal_of(Holder("o", TAVRIX_KIND_OBJECT, many).row), "more than 32 parameters in o");
+    many.push_back(TAVRIX_PARAM_END);
+    EXPECT_EQ(refusal_of(holder("o", TAVRIX_KIND_OBJECT, many.data())), "more than 32 parameters in o");
     many[TAVRIX_SERVICE_MAX_PARAMS] = TAVRIX_PARAM_END;
-    EXPECT_EQ(refusal_of(Holder("o", TAVRIX_KIND_OBJECT, many).row), "");
+    EXPECT_EQ(refusal_of(holder("o", TAVRIX_KIND_OBJECT, many.data())), "");
 }
 
 TEST(Rows, ThatHoldThemselvesOrLieTooDeepAreRefused) {
-    tavrix_service_param endless[] = {TAVRIX_PARAM("a", TAVRIX_KIND_INTEGER, "", 0),
-                                      TAVRIX_PARAM("inner", TAVRIX_KIND_OBJECT, "", TAVRIX_OPTIONAL), TAVRIX_PARAM_END};
-    endless[1].members = endless;
+    Rows endless = {TAVRIX_PARAM("a", TAVRIX_KIND_INTEGER, "", 0),
+                    TAVRIX_PARAM("inner", TAVRIX_KIND_OBJECT, "", TAVRIX_OPTIONAL)};
+    endless.table[1].members = endless;
     const std::string too_deep = " lies too deep: a table has 8 levels, and does not hold itself";
     EXPECT_EQ(refusal_of(endless), "parameter inner.inner.inner.inner.inner.inner.inner.inner.a" + too_deep);
-    tavrix_service_param list[] = {TAVRIX_PARAM("", TAVRIX_KIND_ARRAY, "", 0), TAVRIX_PARAM_END};
-    list[0].members = list;
+    Rows list = {TAVRIX_PARAM("", TAVRIX_KIND_ARRAY, "", 0)};
+    list.table[0].members = list;
     EXPECT_EQ(refusal_of(nullptr, list), "parameter [][][][][][][][]" + too_deep);
-    const tavrix_service_param last[] = {TAVRIX_PARAM("a", TAVRIX_KIND_INTEGER, "", 0), TAVRIX_PARAM_END};
-    std::vector<std::unique_ptr<Holder>> holders;
+    std::list<Rows> levels = {{TAVRIX_PARAM("a", TAVRIX_KIND_INTEGER, "", 0)}};
     for (int level = 1; level <= 8; ++level) {
-        EXPECT_EQ(refusal_of(holders.empty() ? last : holders.back()->row), "") << level;
-        holders.push_back(
-            std::make_unique<Holder>("o", TAVRIX_KIND_OBJECT, holders.empty() ? last : holders.back()->row));
+        EXPECT_EQ(refusal_of(levels.back()), "") << level;
+        levels.push_back(holder("o", TAVRIX_KIND_OBJECT, levels.back()));
     }
-    EXPECT_EQ(refusal_of(holders.back()->row), "parameter o.o.o.o.o.o.o.o.a" + too_deep);
+    EXPECT_EQ(refusal_of(levels.back()), "parameter o.o.o.o.o.o.o.o.a" + too_deep);
 }
 
 } // namespace

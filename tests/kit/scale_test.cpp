@@ -32,11 +32,8 @@ int defer(tavrix_call *call) {
     deferred_calls += tavrix_call_defer(call, nullptr, nullptr) != 0 ? 1 : 0;
     return TAVRIX_OK;
 }
-const tavrix_service_param defer_params[] = {
-    TAVRIX_PARAM("port", TAVRIX_KIND_PORT_ID, "", TAVRIX_ANY_PORT),
-    TAVRIX_PARAM("vlan", TAVRIX_KIND_VLAN_ID, "", 0),
-    TAVRIX_PARAM_END,
-};
+const support::Rows defer_params = {TAVRIX_PARAM("port", TAVRIX_KIND_PORT_ID, "", TAVRIX_ANY_PORT),
+                                    TAVRIX_PARAM("vlan", TAVRIX_KIND_VLAN_ID, "", 0)};
 const support::Methods methods = {{"t.Defer", defer, defer_params}};
 
 void on_answer(tavrix_service * /*service*/, const tavrix_answer * /*answer*/, void * /*user*/) { ++outcomes; }

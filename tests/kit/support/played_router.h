@@ -95,6 +95,14 @@ std::string caller_of(const tavrix_call *call);
 /** What came of a request, and its code: "error -32014". */
 std::string outcome_of(const tavrix_answer *answer);
 
+/** Parameters of a method, or members of one of them. */
+struct Rows {
+    Rows(std::initializer_list<tavrix_service_param> rows) : table(rows) { table.push_back(TAVRIX_PARAM_END); }
+    operator const tavrix_service_param *() const { return table.data(); }
+
+    std::vector<tavrix_service_param> table;
+};
+
 /** A service's table: names and handlers, and what else a row may have. */
 struct Methods {
     struct Row {
@@ -112,11 +120,9 @@ struct Methods {
 
 /** That of t.One with one parameter. */
 struct OneParam {
-    explicit OneParam(const tavrix_service_param &row) : rows{row, TAVRIX_PARAM_END} {}
-    OneParam(const OneParam &) = delete;
-    OneParam &operator=(const OneParam &) = delete;
+    explicit OneParam(const tavrix_service_param &row) : rows{row} {}
 
-    tavrix_service_param rows[2];
+    Rows rows;
     Methods methods = {{"t.One", accept, rows}};
 };
 

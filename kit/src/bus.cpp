@@ -43,11 +43,6 @@ bool is_published(const Bus *bus, const char *address) {
     return false;
 }
 
-bool note_published(Bus *bus, const char *address) {
-    bus->published = bus->published != nullptr ? bus->published : json_array();
-    return json_array_append_new(bus->published, json_string_nocheck(address)) == 0;
-}
-
 /** Binds the publisher to an address more; errno tells why not. */
 bool bind_publisher(tavrix_service *service, const char *address) {
     Bus *bus = &service->bus;
@@ -63,7 +58,8 @@ bool bind_publisher(tavrix_service *service, const char *address) {
     const int reason = nn_errno();
     umask(mask);
     errno = reason;
-    return rc == TAVRIX_OK && note_published(bus, address);
+    bus->published = bus->published != nullptr ? bus->published : json_array();
+    return rc == TAVRIX_OK && json_array_append_new(bus->published, json_string_nocheck(address)) == 0;
 }
 
 /** The address for those who have been started in another folder. One that would be too long stays as it is. */

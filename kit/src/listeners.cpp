@@ -81,16 +81,6 @@ tavrix_call *call_of(const Client *client) {
     return call;
 }
 
-/** The client has gone: nobody waits for its call any more. */
-void drop_client(Client *client) {
-    tavrix_call *call = call_of(client);
-    if (call != nullptr) {
-        call->client = nullptr;
-        abandon_call(call);
-    }
-    free_client(client);
-}
-
 void watch_client(Client *client, short what, int timeout_ms, event_callback_fn callback) {
     event_del(&client->ready);
     event_assign(&client->ready, client->service->base, client->fd, what, callback, client);
@@ -119,8 +109,13 @@ void on_client_moves(evutil_socket_t fd, short /*what*/, void *argument) {
     }
     pollfd descriptor{fd, 0, 0};
     const bool gone = count < 0 || (poll(&descriptor, 1, 0) == 1 && (descriptor.revents & (POLLHUP | POLLERR)) != 0);
+    tavrix_call *call = gone ? call_of(client) : nullptr;
+    if (call != nullptr) {
+        call->client = nullptr;
+        abandon_call(call);
+    }
     if (gone) {
-        drop_client(client);
+        free_client(client);
     } else {
         event_del(&client->ready); // the end of its side is known; its call has a deadline
     }

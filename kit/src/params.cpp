@@ -432,14 +432,9 @@ int check_integer(const Check &check, const Place &place, Value *value) {
     }
     int number = 0;
     const int rc = retrieve(check, place, kinds[place.row->kind].integer, &number);
-    if (rc != TAVRIX_OK) {
-        return rc;
-    }
-    if (given < lowest_of(place.row) || given > highest_of(place.row)) {
-        return refuse(check, place);
-    }
+    const bool fits = given >= lowest_of(place.row) && given <= highest_of(place.row);
     value->integer = is_plain ? static_cast<int64_t>(given) : number;
-    return TAVRIX_OK;
+    return rc == TAVRIX_OK && !fits ? refuse(check, place) : rc;
 }
 
 int check_boolean(const Check &check, const Place &place, Value *value) {
@@ -483,29 +478,22 @@ int refuse_type(const Check &check, const Place &place) {
 int check_array(const Check &check, const Place &place) {
     json_t *array = nullptr;
     const tavrix_service_param &row = *place.row;
-    const int rc = retrieve(check, place, tavrix_jrpc_utils_parse_input_array, &array);
-    if (rc != TAVRIX_OK) {
-        return rc;
-    }
+    int rc = retrieve(check, place, tavrix_jrpc_utils_parse_input_array, &array);
     const auto count = static_cast<int64_t>(json_array_size(array));
-    if (has_bounds(&row) && (count < row.min || count > row.max)) {
+    if (rc == TAVRIX_OK && has_bounds(&row) && (count < row.min || count > row.max)) {
         return refuse(check, place);
     }
-    for (size_t i = 0; row.members != nullptr && i < json_array_size(array); ++i) {
+    for (size_t i = 0; rc == TAVRIX_OK && row.members != nullptr && i < json_array_size(array); ++i) {
         char path[path_size];
         std::snprintf(path, sizeof path, "%s[%zu]", place.path, i);
         json_t *element = json_array_get(array, i);
         const bool bare = is_bare(row.members);
         const Json holder(bare ? json_pack("{s:O}", "", element) : json_incref(element));
-        if (!bare && !json_is_object(element)) {
-            return refuse(check, place, TAVRIX_ERR_INVALID_PARAMETER, nullptr, "holds an element that is no object");
-        }
-        const int status = check_rows_of(check, row.members, holder.get(), path, nullptr);
-        if (status != TAVRIX_OK) {
-            return status;
-        }
+        rc = bare || json_is_object(element)
+                 ? check_rows_of(check, row.members, holder.get(), path, nullptr)
+                 : refuse(check, place, TAVRIX_ERR_INVALID_PARAMETER, nullptr, "holds an element that is no object");
     }
-    return TAVRIX_OK;
+    return rc;
 }
 
 int check_json(const Check &check, const Place &place, Value * /*value*/) {
@@ -539,11 +527,8 @@ int check_real(const Check &check, const Place &place, Value *value) {
     if (!json_is_number(place.value)) {
         return refuse_type(check, place);
     }
-    if (!is_within_bounds(place.value, *place.row)) {
-        return refuse(check, place);
-    }
     value->real = json_number_value(place.value);
-    return TAVRIX_OK;
+    return is_within_bounds(place.value, *place.row) ? TAVRIX_OK : refuse(check, place);
 }
 
 // --- Lists of records ----------------------------------------------------------------------------------------------
@@ -561,14 +546,9 @@ int check_vlan_ids(const Check &check, const Place &place, Value *value) {
         return TAVRIX_ERR_NO_MEMORY;
     }
     const int rc = retrieve(check, place, tavrix_jrpc_utils_retrieve_input_vlan_ids, ids, &value->count);
-    if (rc != TAVRIX_OK) {
-        return rc;
-    }
-    if (value->count < place.row->min || value->count > most_records(place.row)) {
-        return refuse(check, place);
-    }
+    const bool fits = value->count >= place.row->min && value->count <= most_records(place.row);
     value->records = ids;
-    return TAVRIX_OK;
+    return rc == TAVRIX_OK && !fits ? refuse(check, place) : rc;
 }
 
 template <class Record, auto retriever>
@@ -654,13 +634,8 @@ int refuse_unknown(const Check &check, const tavrix_service_param *rows, json_t 
 /** `values` may be null: what lies inside another value is checked only. */
 int check_rows_of(const Check &check, const tavrix_service_param *rows, json_t *object, const char *path,
                   Value *values) {
-    if (check.strict != nullptr) {
-        const int rc = refuse_unknown(check, rows, object, path);
-        if (rc != TAVRIX_OK) {
-            return rc;
-        }
-    }
-    for (size_t i = 0; rows != nullptr && rows[i].name != nullptr; ++i) {
+    int rc = check.strict != nullptr ? refuse_unknown(check, rows, object, path) : TAVRIX_OK;
+    for (size_t i = 0; rc == TAVRIX_OK && rows != nullptr && rows[i].name != nullptr; ++i) {
         json_t *value = json_object_get(object, rows[i].name);
         if (value == nullptr && (rows[i].flags & TAVRIX_OPTIONAL) != 0) {
             continue;
@@ -668,14 +643,10 @@ int check_rows_of(const Check &check, const tavrix_service_param *rows, json_t *
         const Path own_path(path, rows[i].name);
         Value unused{};
         Value *place_for_value = values != nullptr ? &values[i] : &unused;
-        const int rc =
-            checks[storage_of(rows[i].kind)](check, {&rows[i], object, value, own_path.text}, place_for_value);
-        if (rc != TAVRIX_OK) {
-            return rc;
-        }
-        place_for_value->present = true;
+        rc = checks[storage_of(rows[i].kind)](check, {&rows[i], object, value, own_path.text}, place_for_value);
+        place_for_value->present = rc == TAVRIX_OK;
     }
-    return TAVRIX_OK;
+    return rc;
 }
 
 // --- The table -----------------------------------------------------------------------------------------------------

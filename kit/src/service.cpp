@@ -54,14 +54,6 @@ bool install_signals(tavrix_service *service) {
     return true;
 }
 
-void remove_signals(tavrix_service *service) {
-    for (event &signal : service->signals) {
-        if (event_initialized(&signal) != 0) {
-            evsignal_del(&signal);
-        }
-    }
-}
-
 // --- Opening -------------------------------------------------------------------------------------------------------
 
 bool is_service_name(const char *name) {
@@ -306,7 +298,11 @@ void tavrix_service_close(tavrix_service *service) {
             }
         }
         close_clients(service);
-        remove_signals(service);
+        for (event &signal : service->signals) {
+            if (event_initialized(&signal) != 0) {
+                evsignal_del(&signal);
+            }
+        }
     }
     bus_close(service);
     if (service->owns_base && service->base != nullptr) {

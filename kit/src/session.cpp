@@ -62,6 +62,9 @@ bool is_stale(const tavrix_service *service, const tavrix_answer *answer) {
 /** Tells a refusal once, however often it is repeated, and asks again later. */
 void registration_failed(tavrix_service *service, const tavrix_answer *answer) {
     Session *session = &service->session;
+    if (is_stale(service, answer)) {
+        return;
+    }
     if (session->refusal != answer->code) {
         session->refusal = answer->code;
         LOG_ERROR("The router at %s refuses %s: %s (%s)%s\n", session->path, service->name, words_of(answer).text,
@@ -94,7 +97,7 @@ void send_description(tavrix_service *service) {
 void on_registered(tavrix_service *service, const tavrix_answer *answer, void * /*user*/) {
     if (answer->outcome == TAVRIX_OUTCOME_RESULT) {
         send_description(service);
-    } else if (!is_stale(service, answer)) {
+    } else {
         registration_failed(service, answer);
     }
 }
@@ -130,9 +133,7 @@ void send_registration(tavrix_service *service) {
 
 void on_bus_known(tavrix_service *service, const tavrix_answer *answer, void * /*user*/) {
     if (answer->outcome != TAVRIX_OUTCOME_RESULT) {
-        if (!is_stale(service, answer)) {
-            registration_failed(service, answer);
-        }
+        registration_failed(service, answer);
         return;
     }
     const json_t *timeout = json_object_get(answer->result, "reply_timeout_ms");

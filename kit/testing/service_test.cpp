@@ -78,21 +78,14 @@ void append_json(json_t *lines, const json_t *value) {
 int real_stderr = -1; ///< while standard error is a log
 int taken_log = -1;
 
-/** What has been logged, to where it would have gone. */
-void give_back(int log, int descriptor) {
+/** An assertion in a handler has written why to standard error: it goes there after all, and abort() on to the end. */
+void on_abort(int /*signal*/) {
     char piece[1024];
-    lseek(log, 0, SEEK_SET);
-    for (ssize_t count = 0; (count = read(log, piece, sizeof piece)) > 0;) {
-        if (write(descriptor, piece, static_cast<size_t>(count)) < 0) {
+    lseek(taken_log, 0, SEEK_SET);
+    for (ssize_t count = 0; real_stderr >= 0 && (count = read(taken_log, piece, sizeof piece)) > 0;) {
+        if (write(real_stderr, piece, static_cast<size_t>(count)) < 0) {
             return;
         }
-    }
-}
-
-/** An assertion in a handler has written why to standard error; abort() comes back here only to end. */
-void on_abort(int /*signal*/) {
-    if (real_stderr >= 0) {
-        give_back(taken_log, real_stderr);
     }
 }
 

@@ -8,12 +8,11 @@
 #include "support/log_capture.h"
 #include "tavrix_mq.h"
 
+using namespace support;
+
 namespace {
 
-using support::BusSocket;
-
-const support::Methods methods = {
-    {"ports.Echo", support::echo}, {"ports.Fill", support::fill}, {"ports.Defer", support::defer}};
+const Methods methods = {{"ports.Echo", echo}, {"ports.Fill", fill}, {"ports.Defer", defer}};
 
 /** A daemon on the bus that uses only the library, and a service that it knows by its address. */
 class Bus : public testing::Test {
@@ -58,7 +57,7 @@ class Bus : public testing::Test {
     }
     std::string received() {
         std::string frame;
-        support::take_frame(peer_sub.number, &frame, 1);
+        take_frame(peer_sub.number, &frame, 1);
         return frame;
     }
     /** The next frame that is none of the settling's. */
@@ -71,12 +70,12 @@ class Bus : public testing::Test {
         return frame;
     }
 
-    support::LogCapture log{"info"};
-    std::string own_address = support::free_bus_address();
-    std::string peer_address = support::free_bus_address();
+    LogCapture log{"info"};
+    std::string own_address = free_bus_address();
+    std::string peer_address = free_bus_address();
     BusSocket peer_pub{TAVRIX_SP_PUB};
     BusSocket peer_sub{TAVRIX_SP_SUB};
-    support::Stage stage;
+    Stage stage;
 };
 
 } // namespace
@@ -93,7 +92,7 @@ TEST_F(Bus, ServesAPeerThatKnowsOfNoSession) {
 TEST_F(Bus, AnswersLaterOnTheChannelThatAsked) {
     open();
     publish_request(R"({"jsonrpc":"2.0","method":"ports.Defer","id":"me","transaction_id":5})");
-    ASSERT_TRUE(stage.wait([] { return support::deferred != 0; }));
+    ASSERT_TRUE(stage.wait([] { return deferred != 0; }));
     tavrix_call_reply(stage.deferred_call(), json_integer(1));
     EXPECT_EQ(next(), R"(me|{"jsonrpc":"2.0","id":"ports.Defer","result":1,"transaction_id":5})");
 }
@@ -115,9 +114,8 @@ TEST_F(Bus, CarriesUpToEightMegabytesAndRefusesMoreWithoutHarm) {
         publish_request(R"({"jsonrpc":"2.0","method":"ports.Fill","id":"me","params":{"n":)" + std::string(n) + "}}");
     }
     const std::string refusal = next();
-    EXPECT_EQ(support::code_of(refusal.substr(3)), "-32004") << refusal;
-    EXPECT_TRUE(
-        support::holds(refusal, "The answer cannot be sent: it has 8388655 bytes, and at most 8388604 can be sent."));
+    EXPECT_EQ(code_of(refusal.substr(3)), "-32004") << refusal;
+    EXPECT_TRUE(holds(refusal, "The answer cannot be sent: it has 8388655 bytes, and at most 8388604 can be sent."));
     EXPECT_TRUE(log.says("ports.Fill: the answer cannot be sent: it has"));
     EXPECT_EQ(next(), R"(me|{"jsonrpc":"2.0","id":"ports.Fill","result":"x"})");
 }
@@ -163,10 +161,10 @@ TEST_F(Bus, HasToBeGivenAddressesWithoutASession) {
 
 TEST_F(Bus, FollowsTheServicesThatTheRouterTellsOf) {
     stage.serve(methods);
-    stage.router.say(support::notification("router.ServiceUp", described("peer", "nonsense\",\"" + peer_address)));
+    stage.router.say(notification("router.ServiceUp", described("peer", "nonsense\",\"" + peer_address)));
     EXPECT_TRUE(registered_service_answers());
     EXPECT_TRUE(log.says("Cannot listen to nonsense: this is no bus address"));
-    stage.router.say(support::notification("router.ServiceDown", R"({"name":"peer"})"));
+    stage.router.say(notification("router.ServiceDown", R"({"name":"peer"})"));
     stage.router.hang_up();
     EXPECT_TRUE(stage.wait_ready());
 }
@@ -181,12 +179,12 @@ TEST_F(Bus, ListensTo1024AddressesAndToAnotherOnceOneHasGone) {
     stage.router.services += "]";
     stage.serve(methods);
     EXPECT_FALSE(log.says("too many addresses")) << "they are as many as may be";
-    const std::string up = support::notification("router.ServiceUp", described("peer", peer_address));
+    const std::string up = notification("router.ServiceUp", described("peer", peer_address));
     stage.router.say(up);
     ASSERT_TRUE(stage.wait([this] { return static_cast<bool>(log.says("too many addresses")); }));
     EXPECT_TRUE(log.says("Cannot listen to " + peer_address + ": too many addresses"));
 
-    stage.router.say(support::notification("router.ServiceDown", R"({"name":"nobody7"})"));
+    stage.router.say(notification("router.ServiceDown", R"({"name":"nobody7"})"));
     stage.router.say(up);
     EXPECT_TRUE(registered_service_answers()) << "the one that has gone has left its place";
 }

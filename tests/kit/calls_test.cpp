@@ -165,23 +165,18 @@ TEST_F(Calls, AreNotAnsweredWhereTheEvaluatorAnswersNothing) {
 }
 
 TEST_F(Calls, FailWithCodeAndDataThatCanBeReadWhateverItsBytesAre) {
-    const struct {
-        const char *method;
-        const char *code;
-        const char *data;
-    } rows[] = {
-        {"t.Busy", "-32014", R"({"message":"System is busy"})"}, // the status's words
-        {"t.NullInput", "-32001", R"({"message":"The input to an internal function was null"})"},
-        {"t.NoMemory", "-32603", "null"}, // for its result
-        {"t.Refuse", "-32034", R"({"n":3,"message":"There is no such port."})"},
-        {"t.RefuseInLatin1", "-32034", R"({"message":"T\\xfcr fehlt"})"},
-        {"t.RefuseWithAnArray", "-32034", R"({"message":"There is none."})"},
-        {"t.PassAnArrayOn", "-32034", "[1]"}, // another service's own words
+    const std::pair<const char *, const char *> methods_and_errors[] = {
+        {"t.Busy", R"(-32014 {"message":"System is busy"})"}, // the status's words
+        {"t.NullInput", R"(-32001 {"message":"The input to an internal function was null"})"},
+        {"t.NoMemory", "-32603 null"}, // for its result
+        {"t.Refuse", R"(-32034 {"n":3,"message":"There is no such port."})"},
+        {"t.RefuseInLatin1", R"(-32034 {"message":"T\\xfcr fehlt"})"},
+        {"t.RefuseWithAnArray", R"(-32034 {"message":"There is none."})"},
+        {"t.PassAnArrayOn", "-32034 [1]"}, // another service's own words
     };
-    for (const auto &row : rows) {
-        const std::string answer = stage.ask(row.method);
-        EXPECT_EQ(support::code_of(answer), row.code) << row.method;
-        EXPECT_EQ(support::data_of(answer), row.data) << row.method;
+    for (const auto &[method, error] : methods_and_errors) {
+        const std::string answer = stage.ask(method);
+        EXPECT_EQ(support::code_of(answer) + " " + support::data_of(answer), error) << method;
     }
     EXPECT_TRUE(log.says("t.RefuseWithAnArray: an error's data that is no object is left out"));
 }

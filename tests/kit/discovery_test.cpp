@@ -11,18 +11,9 @@
 #include "support/json.h"
 #include "support/log_capture.h"
 
-namespace {
+using namespace support;
 
-using support::accept;
-using support::array_of;
-using support::Json;
-using support::keys_of;
-using support::LogCapture;
-using support::member;
-using support::Methods;
-using support::OneParam;
-using support::Rows;
-using support::Stage;
+namespace {
 
 constexpr const char *colours[] = {"red", "green", nullptr};
 const Rows point = {TAVRIX_PARAM("x", TAVRIX_KIND_INTEGER, "across", 0),
@@ -38,25 +29,21 @@ const tavrix_service_method methods[] = {
     TAVRIX_METHOD_END,
 };
 
-std::string shown(const json_t *value) { return support::rendered(value, JSON_SORT_KEYS); }
-
-/** The entry of a list that has the name; null without one. */
-const json_t *entry_of(const json_t *list, const std::string &name) {
-    for (size_t i = 0; i < json_array_size(list); ++i) {
-        const json_t *entry = json_array_get(list, i);
-        if (json_string_value(json_object_get(entry, "name")) == name) {
-            return entry;
-        }
-    }
-    return nullptr;
-}
+std::string shown(const json_t *value) { return rendered(value, JSON_SORT_KEYS); }
 
 class Described {
   public:
     explicit Described(const tavrix_service_method *table, tavrix_service_options options = {})
-        : stage(table, options), document(support::parsed(stage.router.description)) {}
+        : stage(table, options), document(parsed(stage.router.description)) {}
 
-    const json_t *method(const char *name) const { return entry_of(json_object_get(document.get(), "methods"), name); }
+    const json_t *method(const std::string &name) const {
+        const json_t *all = json_object_get(document.get(), "methods");
+        size_t i = 0;
+        while (i < json_array_size(all) && member(rendered(json_array_get(all, i)), "name") != "\"" + name + "\"") {
+            ++i;
+        }
+        return json_array_get(all, i);
+    }
     std::string of_method(const char *name, const char *key) const { return shown(json_object_get(method(name), key)); }
     /** Of the only parameter of t.One. */
     const json_t *schema() const {
@@ -135,10 +122,9 @@ TEST(Discovery, PutsTheParametersThatMayBeAbsentLast) {
 TEST(Discovery, NamesTheErrorsThatTheCheckCanAnswer) {
     Described described(methods);
     const std::string errors = described.of_method("t.Set", "errors");
-    EXPECT_TRUE(support::holds(errors, R"x({"code":-32602,"message":"Invalid parameter(s)"})x"));
-    EXPECT_TRUE(
-        support::holds(errors, R"({"code":-32032,"message":"The given Port ID does not represent a C-port."})"));
-    EXPECT_FALSE(support::holds(described.of_method("t.Get", "errors"), "-32602")) << "it takes no parameters";
+    EXPECT_TRUE(holds(errors, R"x({"code":-32602,"message":"Invalid parameter(s)"})x"));
+    EXPECT_TRUE(holds(errors, R"({"code":-32032,"message":"The given Port ID does not represent a C-port."})"));
+    EXPECT_FALSE(holds(described.of_method("t.Get", "errors"), "-32602")) << "it takes no parameters";
     EXPECT_EQ(described.stage.code_of("t.Set", R"({"port_id":"d1"})"), "-32032");
 }
 
@@ -169,9 +155,9 @@ TEST(Discovery, SaysTheBoundsThatTheCheckHasOfEveryIntegerKind) {
         const std::string highest = described.of_schema("maximum");
         EXPECT_EQ(member(described.ask_one(lowest), "result"), "0");
         EXPECT_EQ(member(described.ask_one(highest), "result"), "0");
-        EXPECT_EQ(support::code_of(described.ask_one(std::to_string(std::stoi(lowest) - 1))), "-32602");
+        EXPECT_EQ(code_of(described.ask_one(std::to_string(std::stoi(lowest) - 1))), "-32602");
         const std::string refusal = described.ask_one(std::to_string(std::stoi(highest) + 1));
-        EXPECT_EQ(member(support::data_of(refusal), "allowed"), "\"" + lowest + " to " + highest + "\"");
+        EXPECT_EQ(member(data_of(refusal), "allowed"), "\"" + lowest + " to " + highest + "\"");
     }
 }
 
@@ -253,14 +239,14 @@ TEST(Discovery, ClosesTheObjectsOfAStrictMethodsParameters) {
     one.methods.table[0].result = set_result;
     const Described described(one.methods);
     EXPECT_EQ(described.of_schema("additionalProperties"), "false");
-    EXPECT_FALSE(support::holds(described.of_method("t.One", "result"), "additionalProperties"));
+    EXPECT_FALSE(holds(described.of_method("t.One", "result"), "additionalProperties"));
 }
 
 TEST(Discovery, LeavesTheRecordsOfAListOpenAsTheirRetrieverDoes) {
     OneParam records(TAVRIX_PARAM("value", TAVRIX_KIND_MAC_FILTERS, "", 0));
     records.methods.table[0].flags = TAVRIX_METHOD_STRICT;
     Described filters(records.methods);
-    EXPECT_FALSE(support::holds(shown(filters.schema()), "additionalProperties"));
+    EXPECT_FALSE(holds(shown(filters.schema()), "additionalProperties"));
     EXPECT_EQ(member(filters.ask_one(R"([{"mac":"00:1A:2B:3C:4D:5E","mask":"00:1A:2B:3C:4D:5E","more":1}])"), "result"),
               "0")
         << "the list's own retriever passes over it";
@@ -268,7 +254,7 @@ TEST(Discovery, LeavesTheRecordsOfAListOpenAsTheirRetrieverDoes) {
 
 TEST(Discovery, IsAnsweredByTheServiceItselfUnderItsFirstMethodsPrefix) {
     Described described(methods);
-    const Json result = support::parsed(described.stage.result_of("t.Discover"));
+    const Json result = parsed(described.stage.result_of("t.Discover"));
     EXPECT_TRUE(json_equal(result.get(), described.document.get()) != 0) << shown(result.get());
     EXPECT_NE(described.method("t.Discover"), nullptr);
     EXPECT_EQ(described.stage.code_of("u.Discover"), "-32601");
@@ -301,7 +287,7 @@ TEST(Discovery, WhichTheRouterRefusesIsToldUnlessItKnowsNothingOfItAndTheService
     };
     for (const auto &row : rows) {
         const LogCapture log("info");
-        const Stage stage(methods, {}, [&](support::PlayedRouter &router) { router.describe_error = row.error; });
+        const Stage stage(methods, {}, [&](PlayedRouter &router) { router.describe_error = row.error; });
         EXPECT_TRUE(tavrix_service_is_ready(stage.service));
         const std::string told = "The router at session.sock does not list the methods of tester: too long\n";
         EXPECT_EQ(log.text().find(told) != std::string::npos, row.is_told) << log.text();

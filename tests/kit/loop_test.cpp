@@ -11,13 +11,11 @@
 #include <event2/event.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include "kit/support/played_router.h"
 #include "support/json.h"
 #include "support/log_capture.h"
-#include "support/stream.h"
 #include "tavrix.h"
 
 namespace {
@@ -55,19 +53,11 @@ const tavrix_jrpc_method library_methods[] = {{"own.Say", say}, {nullptr, nullpt
 class Loop : public testing::Test {
   protected:
     Loop() { happened.clear(); }
-    ~Loop() override {
-        watches_.clear(); // before their loop goes, and before what they watch is closed
-        for (const int fd : descriptors_) {
-            close(fd);
-        }
-    }
-    Loop(const Loop &) = delete;
-    Loop &operator=(const Loop &) = delete;
 
     /** Puts a descriptor on the service's loop as any program does; it is closed at the end. */
-    void watch(int fd, event_callback_fn callback, void *argument = nullptr) {
-        descriptors_.push_back(fd);
-        add(Event(event_new(base(), fd, EV_READ | EV_PERSIST, callback, argument)), nullptr);
+    void watch(int fd, event_callback_fn callback) {
+        descriptors_.emplace_back(fd);
+        add(Event(event_new(base(), fd, EV_READ | EV_PERSIST, callback, nullptr)), nullptr);
     }
     void add(Event ev, const timeval *time) {
         ASSERT_NE(ev, nullptr);
@@ -88,19 +78,14 @@ class Loop : public testing::Test {
         const long before = count(letter);
         return stage.wait([&] { return count(letter) > before; });
     }
-    std::string hear(const StreamClient &client) {
-        std::string text;
-        stage.wait([&] { return client.take(&text); });
-        return text;
-    }
 
     support::LogCapture log{"info"};
     support::EventBase own; ///< goes last
     Stage stage{methods};
 
   private:
-    std::vector<Event> watches_;
-    std::vector<int> descriptors_;
+    std::vector<tavrix::Descriptor> descriptors_;
+    std::vector<Event> watches_; ///< go before what they watch, and before their loop
 };
 
 void on_library_timer(evutil_socket_t fd, short /*what*/, void * /*argument*/) {
@@ -143,8 +128,8 @@ TEST_F(Loop, ADirectServerOfTheLibrarysAnswersBesideTheKitsAndTheSession) {
         to_library.say(support::request("own.Say", "1"));
         to_kit.say(support::request("t.Echo", "1", R"(,"params":{"b":2})"));
         EXPECT_EQ(stage.result_of("t.Echo", R"({"a":1})"), R"({"a":1})");
-        EXPECT_EQ(member(hear(to_library), "result"), "\"library\"");
-        EXPECT_EQ(member(hear(to_kit), "result"), R"({"b":2})");
+        EXPECT_EQ(member(stage.hear(to_library), "result"), "\"library\"");
+        EXPECT_EQ(member(stage.hear(to_kit), "result"), R"({"b":2})");
     }
     EXPECT_EQ(count('l'), 3);
     EXPECT_EQ(count('k'), 6);

@@ -9,15 +9,9 @@
 #include "support/json.h"
 #include "support/log_capture.h"
 
-namespace {
+using namespace support;
 
-using support::accept;
-using support::array_of;
-using support::LogCapture;
-using support::member;
-using support::Methods;
-using support::Rows;
-using support::Stage;
+namespace {
 
 constexpr const char *colours[] = {"red", "green", "blue", nullptr};
 
@@ -65,14 +59,13 @@ TEST_F(Params, WithinOthersAreRefusedUnderTheirWholePath) {
     };
     for (const auto &[params, refusal] : cases) {
         const std::string answer = stage.ask("t.Within", params);
-        EXPECT_EQ(support::code_of(answer) + " " + member(support::data_of(answer), "reason"), refusal) << params;
+        EXPECT_EQ(code_of(answer) + " " + member(data_of(answer), "reason"), refusal) << params;
     }
 }
 
 TEST_F(Params, RefusedCarryTheLibrarysMessageBesideTheKitsReason) {
     const auto data = [this](const char *vlan_id, const char *more = "") {
-        return support::data_of(
-            stage.ask("t.Required", R"({"port_id":"d1","vlan_id":)" + std::string(vlan_id) + more + "}"));
+        return data_of(stage.ask("t.Required", R"({"port_id":"d1","vlan_id":)" + std::string(vlan_id) + more + "}"));
     };
     EXPECT_EQ(data("\"7\""), R"({"message":"Parameter 'vlan_id' is not of type 'integer'.",)"
                              R"("reason":"vlan_id: \"7\" is not an integer in 1 to 4092","parameter":"vlan_id",)"
@@ -82,12 +75,11 @@ TEST_F(Params, RefusedCarryTheLibrarysMessageBesideTheKitsReason) {
 
 TEST_F(Params, ThatAreMissingAreNamedInTheTablesOrder) {
     const std::string answer = stage.ask("t.Required", "{}");
-    EXPECT_EQ(support::code_of(answer), "-32602");
-    EXPECT_EQ(support::message_of(answer), R"("Missing expected parameter: 'port_id'")");
-    EXPECT_EQ(member(support::data_of(answer), "reason"),
-              R"("port_id is missing: a port c1-1 to c128-99, a port d1 to d4")");
+    EXPECT_EQ(code_of(answer), "-32602");
+    EXPECT_EQ(message_of(answer), R"("Missing expected parameter: 'port_id'")");
+    EXPECT_EQ(member(data_of(answer), "reason"), R"("port_id is missing: a port c1-1 to c128-99, a port d1 to d4")");
     stage.router.say(R"({"jsonrpc":"2.0","method":"t.Required","id":"c"})");
-    EXPECT_EQ(support::code_of(stage.next()), "-32602") << "no params at all";
+    EXPECT_EQ(code_of(stage.next()), "-32602") << "no params at all";
 }
 
 TEST_F(Params, WithoutARowAreIgnoredUnlessTheTableIsStrict) {
@@ -119,7 +111,7 @@ std::string read_integer(const tavrix_call *call) { return std::to_string(tavrix
 std::string read_uint64(const tavrix_call *call) { return std::to_string(tavrix_call_uint64(call, "value")); }
 std::string read_real(const tavrix_call *call) { return std::to_string(tavrix_call_real(call, "value")); }
 std::string read_boolean(const tavrix_call *call) { return tavrix_call_boolean(call, "value") ? "true" : "false"; }
-std::string read_json(const tavrix_call *call) { return support::rendered(tavrix_call_json(call, "value")); }
+std::string read_json(const tavrix_call *call) { return rendered(tavrix_call_json(call, "value")); }
 std::string read_integers(const tavrix_call *call) {
     int count = 0;
     const int *ids = tavrix_call_integers(call, "value", &count);
@@ -184,7 +176,7 @@ constexpr tavrix_service_param bounded(tavrix_kind kind, int64_t least, int64_t 
     return TAVRIX_PARAM_RANGE("value", kind, "", 0, least, most);
 }
 
-std::string quoted(const std::string &text) { return support::taken(json_string(text.c_str())); }
+std::string quoted(const std::string &text) { return taken(json_string(text.c_str())); }
 
 /** A kind of texts. */
 KindCase texts(const tavrix_service_param &row, const std::string &allowed, const std::vector<Taken> &taken,
@@ -398,9 +390,8 @@ std::string reason_of(const KindCase &kind, const Refused &refused, const std::s
         return "value is missing: " + allowed;
     }
     constexpr size_t most = 60;
-    const std::string whole = refused.json[0] == '"'
-                                  ? support::rendered(support::parsed(refused.json).get(), JSON_ENSURE_ASCII)
-                                  : refused.json;
+    const std::string whole =
+        refused.json[0] == '"' ? rendered(parsed(refused.json).get(), JSON_ENSURE_ASCII) : refused.json;
     const std::string shown = whole.substr(0, most) + (whole.size() > most ? "... " : " ");
     return "value: " + (kind.row.kind == TAVRIX_KIND_PASSWORD ? "" : shown) +
            (refused.complaint.empty() ? "is not " + allowed : refused.complaint);
@@ -412,9 +403,9 @@ void expect_refusal(Stage &stage, const KindCase &kind, const Refused &refused) 
     const std::string answer = stage.ask("t.One", params);
     SCOPED_TRACE(params + " is answered " + answer);
     EXPECT_EQ(handed_over, "(not called)");
-    const std::string data = support::data_of(answer);
-    const std::string allowed = json_string_value(support::parsed(member(data, "allowed")).get());
-    EXPECT_EQ(support::code_of(answer), refused.code);
+    const std::string data = data_of(answer);
+    const std::string allowed = json_string_value(parsed(member(data, "allowed")).get());
+    EXPECT_EQ(code_of(answer), refused.code);
     EXPECT_EQ(member(data, "parameter"), "\"value\"");
     EXPECT_NE(allowed, "");
     EXPECT_TRUE(kind.allowed.empty() || kind.allowed == allowed) << kind.allowed;
@@ -467,7 +458,7 @@ TEST(Rows, AreCheckedInTheTablesOrderWhateverTheRequests) {
     const Methods rows = {{"t.Rows", accept, unsorted}};
     Stage stage(rows);
     const auto refused = [&](const std::string &params) {
-        return member(support::data_of(stage.ask("t.Rows", params)), "parameter");
+        return member(data_of(stage.ask("t.Rows", params)), "parameter");
     };
     EXPECT_EQ(refused(R"({"middle":"192.168.1.1","zone":0,"alpha":"up"})"), "\"zone\"");
     EXPECT_EQ(refused(R"({"alpha":"up","zone":0,"middle":"192.168.1.1"})"), "\"zone\"");

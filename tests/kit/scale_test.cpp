@@ -16,7 +16,6 @@
 #include "support/log_capture.h"
 #include "support/memory.h"
 #include "support/process.h"
-#include "support/stream.h"
 
 namespace {
 
@@ -38,11 +37,15 @@ const support::Methods methods = {{"t.Defer", defer, defer_params}};
 
 void on_answer(tavrix_service * /*service*/, const tavrix_answer * /*answer*/, void * /*user*/) { ++outcomes; }
 
-/** Bytes for each of a thousand; the figure is printed, for who changes what a call is made of. */
-size_t each_of_a_thousand(const char *what, size_t before, size_t after) {
+/** Each of a thousand takes so many bytes at most; the figure is printed, for who changes what a call is made of. */
+void expect_small_records(const char *what, size_t bound, const std::function<void()> &make_a_thousand) {
+    const size_t before = heap_in_use();
+    make_a_thousand();
+    const size_t after = heap_in_use();
+    ASSERT_GT(after, before);
     const size_t each = (after - before) / thousand;
     std::printf("%s: %zu bytes each\n", what, each);
-    return each;
+    EXPECT_LE(each, bound);
 }
 
 /** Makes a thousand requests, which the router has read when this returns. */
@@ -70,21 +73,15 @@ class Scale : public testing::Test {
 };
 
 TEST_F(Scale, AThousandCallsToOthersInFlightAreAThousandSmallRecords) {
-    constexpr size_t bound = 512;
     Stage stage(methods);
     request_a_thousand(&stage); // what is taken once is taken now: the loop's heap, the buffers
     stage.restart_router();
     ASSERT_TRUE(stage.wait([] { return outcomes == thousand; }));
-    const size_t before = heap_in_use();
-    request_a_thousand(&stage);
-    const size_t after = heap_in_use();
+    expect_small_records("a call to another service in flight", 512, [&] { request_a_thousand(&stage); });
     ASSERT_EQ(outcomes, thousand) << "all of the second thousand are in flight";
-    ASSERT_GT(after, before);
-    EXPECT_LE(each_of_a_thousand("a call to another service in flight", before, after), bound);
 }
 
 TEST_F(Scale, AThousandCallsThatWaitForTheirAnswersAreAThousandSmallRecords) {
-    constexpr size_t bound = 4096; // the request itself, as JSON, is the larger part
     Stage stage(methods);
     const auto defer_a_thousand = [&](size_t so_far) {
         for (size_t i = 0; i < thousand; ++i) {
@@ -96,11 +93,8 @@ TEST_F(Scale, AThousandCallsThatWaitForTheirAnswersAreAThousandSmallRecords) {
     };
     defer_a_thousand(0);
     stage.restart_router();
-    const size_t before = heap_in_use();
-    defer_a_thousand(thousand);
-    const size_t after = heap_in_use();
-    ASSERT_GT(after, before);
-    EXPECT_LE(each_of_a_thousand("a call that waits for its answer", before, after), bound);
+    // The request itself, as JSON, is the larger part.
+    expect_small_records("a call that waits for its answer", 4096, [&] { defer_a_thousand(thousand); });
 }
 
 /** The router, and services of the kit in this process, which come and go beside it. */

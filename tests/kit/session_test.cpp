@@ -15,15 +15,10 @@
 #include "support/json.h"
 #include "support/log_capture.h"
 #include "support/process.h"
-#include "support/stream.h"
+
+using namespace support;
 
 namespace {
-
-using support::direct_request;
-using support::echo;
-using support::LogCapture;
-using support::Methods;
-using support::Stage;
 
 constexpr size_t long_answer = 1 << 20; // more than a connection holds
 
@@ -33,7 +28,7 @@ int answer_long_and_signal(tavrix_call *call) {
 }
 
 const Methods methods = {{"t.Echo", echo}};
-const Methods ending_methods = {{"t.Defer", support::defer}, {"t.LongAndSignal", answer_long_and_signal}};
+const Methods ending_methods = {{"t.Defer", defer}, {"t.LongAndSignal", answer_long_and_signal}};
 
 tavrix_service_options named(const char *name, const tavrix_service_method *table = methods) {
     tavrix_service_options options = {};
@@ -78,7 +73,7 @@ void count_cancelled(tavrix_service * /*service*/, const tavrix_answer *answer, 
 
 class Session : public testing::Test {
   protected:
-    void serve(unsigned flags = 0) { stage.serve(methods, support::with_flags(flags)); }
+    void serve(unsigned flags = 0) { stage.serve(methods, with_flags(flags)); }
     void expect_service() { EXPECT_EQ(stage.result_of("t.Echo", R"({"a":1})"), R"({"a":1})"); }
 
     LogCapture log{"info"};
@@ -127,12 +122,7 @@ TEST_F(Session, PublishesOnALoopbackPortWhenTheRouterHasNoFolder) {
     stage.router.folder.clear();
     stage.open(methods);
     ASSERT_TRUE(stage.wait_ready());
-    EXPECT_TRUE(support::holds(stage.router.registration, R"("publish":["tcp://127.0.0.1:)"));
-}
-
-TEST_F(Session, ServesOnTheBusWhenAsked) {
-    serve(TAVRIX_SERVICE_BUS);
-    EXPECT_TRUE(support::holds(stage.router.registration, R"("direct":false)"));
+    EXPECT_TRUE(holds(stage.router.registration, R"("publish":["tcp://127.0.0.1:)"));
 }
 
 TEST_F(Session, TakesLinesThatComeInPiecesAndSeveralAtOnce) {
@@ -142,18 +132,13 @@ TEST_F(Session, TakesLinesThatComeInPiecesAndSeveralAtOnce) {
     stage.router.say_bytes(one.substr(0, 20));
     stage.step();
     stage.router.say_bytes(one.substr(20) + "\n" + two + "\n");
-    EXPECT_EQ(support::member(stage.next(), "result"), R"({"n":1})");
-    EXPECT_EQ(support::member(stage.next(), "result"), R"({"n":2})");
+    EXPECT_EQ(member(stage.next(), "result"), R"({"n":1})");
+    EXPECT_EQ(member(stage.next(), "result"), R"({"n":2})");
 }
 
 TEST_F(Session, CarriesAMessageOfEightMegabytesBothWays) {
     serve();
-    const std::string large(1 << 20, 'x');
-    std::string params = R"({"t":[)";
-    for (int i = 0; i < 8; ++i) {
-        params += (i > 0 ? ",\"" : "\"") + large.substr(i == 0 ? 1024 : 0) + "\"";
-    }
-    params += "]}";
+    const std::string params = R"({"t":)" + array_of(8, "\"" + std::string((1 << 20) - 128, 'x') + "\"") + "}";
     const std::string line = direct_request("t.Echo", params, 3) + "\n";
     size_t sent = 0;
     ASSERT_TRUE(stage.wait([&] {
@@ -162,7 +147,7 @@ TEST_F(Session, CarriesAMessageOfEightMegabytesBothWays) {
         sent += piece.size();
         return sent == line.size();
     }));
-    EXPECT_EQ(support::member(stage.next(), "result"), params);
+    EXPECT_EQ(member(stage.next(), "result"), params);
 }
 
 TEST_F(Session, IsGivenUpWhenALineHasNoEnd) {
@@ -206,7 +191,7 @@ TEST_F(Session, ConnectsAgainAndRegistersAgain) {
     serve();
     stage.router.registration.clear();
     stage.restart_router();
-    EXPECT_TRUE(support::holds(stage.router.registration, "tester"));
+    EXPECT_TRUE(holds(stage.router.registration, "tester"));
     expect_service();
     EXPECT_TRUE(log.says("has gone"));
 }
@@ -225,7 +210,7 @@ TEST_F(Session, TellsARefusedRegistrationInWordsAndAsksAgain) {
 TEST_F(Session, NotifiesTheServiceManagerOrSaysWhenItCannotAndServesAllTheSame) {
     const std::string path = std::filesystem::current_path().string() + "/notify.sock";
     const tavrix::Descriptor manager(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    const sockaddr_un address = support::unix_address(path);
+    const sockaddr_un address = unix_address(path);
     ASSERT_EQ(bind(manager.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
     setenv("NOTIFY_SOCKET", path.c_str(), 1);
     serve();
@@ -267,7 +252,7 @@ TEST_F(Session, IsServedByNobodyWhileAHandlerWaitsAndSaysSo) {
 
 TEST_F(Session, RereadsTheLogLevelOnSighupAndOnTheLoggersMethod) {
     const auto write_level = [](const std::string &word) {
-        support::write_file("tavrix_lsyslog.conf", "[logging_levels]\ntester=" + word + "\n");
+        write_file("tavrix_lsyslog.conf", "[logging_levels]\ntester=" + word + "\n");
     };
     const auto logs_debug_lines = [this] {
         log.clear();
@@ -307,7 +292,7 @@ TEST_P(SignalThatEnds, LetsCallsInFlightBeAnsweredFirst) {
         EXPECT_NE(tavrix_service_request(stage.service, "other.Get", nullptr, 20000, count_cancelled, &running), 0U);
     };
     running.turn = [raised = false]() mutable {
-        if (support::deferred != 0 && !std::exchange(raised, true)) {
+        if (deferred != 0 && !std::exchange(raised, true)) {
             raise(GetParam());
         }
     };
@@ -316,9 +301,9 @@ TEST_P(SignalThatEnds, LetsCallsInFlightBeAnsweredFirst) {
     stage.router.step(); // what has been written before the service is closed
     ASSERT_EQ(stage.router.lines.size(), 2U) << "its own request, and the answer";
     const std::string answer = stage.router.lines.back();
-    EXPECT_EQ(support::code_of(answer), "-32014") << answer;
-    EXPECT_EQ(support::member(answer, "transaction_id"), "17") << answer;
-    EXPECT_EQ(support::message_of(answer), "\"The service ends.\"") << answer;
+    EXPECT_EQ(code_of(answer), "-32014") << answer;
+    EXPECT_EQ(member(answer, "transaction_id"), "17") << answer;
+    EXPECT_EQ(message_of(answer), "\"The service ends.\"") << answer;
 }
 
 TEST_P(SignalThatEnds, LetsAnAnswerThatIsBeingWrittenBeWrittenWhole) {
@@ -327,11 +312,11 @@ TEST_P(SignalThatEnds, LetsAnAnswerThatIsBeingWrittenBeWrittenWhole) {
     };
     EXPECT_EQ(running.run(), TAVRIX_OK);
     // The service does nothing any more: what is heard now has been written.
-    ASSERT_TRUE(support::wait_until([&] {
+    ASSERT_TRUE(wait_until([&] {
         stage.router.step();
         return !stage.router.lines.empty();
     })) << "the connection takes less than the answer at once";
-    EXPECT_EQ(support::member(stage.router.lines.front(), "result").size(), long_answer + 2);
+    EXPECT_EQ(member(stage.router.lines.front(), "result").size(), long_answer + 2);
 }
 
 INSTANTIATE_TEST_SUITE_P(Session, SignalThatEnds, testing::Values(SIGTERM, SIGINT),
@@ -395,7 +380,7 @@ TEST(Options, RefuseMethodsThatTheKitAnswersItself) {
 
 TEST(Options, RefuseAnAddressThatIsTakenInWords) {
     const LogCapture log("info");
-    const std::string address = support::free_bus_address();
+    const std::string address = free_bus_address();
     const char *publish[] = {address.c_str(), nullptr};
     tavrix_service_options options = named("tester");
     options.publish = publish;

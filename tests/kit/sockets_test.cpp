@@ -10,7 +10,6 @@
 #include "support/json.h"
 #include "support/log_capture.h"
 #include "support/process.h"
-#include "support/stream.h"
 #include "tavrix_mq.h"
 
 namespace {
@@ -43,17 +42,12 @@ class Sockets : public testing::Test {
         calls = 0;
         EXPECT_NE(listener, 0U);
     }
-    /** What a client hears until the service closes. */
-    std::string hear(const StreamClient &client) {
-        std::string text;
-        return stage.wait([&] { return client.take(&text); }) ? text : "(time-out)";
-    }
     static StreamClient say(const std::string &text) {
         StreamClient client = StreamClient::unix_path("direct.sock");
         client.say(text);
         return client;
     }
-    std::string ask(const std::string &text) { return hear(say(text)); }
+    std::string ask(const std::string &text) { return stage.hear(say(text)); }
     /** A client whose call is deferred. */
     StreamClient defer() {
         StreamClient client = say(request("t.Defer", "{}"));
@@ -80,7 +74,7 @@ TEST_F(Sockets, AnswerOnATcpPort) {
     ASSERT_NE(port, 0U);
     const StreamClient client = StreamClient::tcp_port(static_cast<int>(port));
     client.say(request("t.Echo", R"({"a":2})"));
-    EXPECT_EQ(member(hear(client), "result"), R"({"a":2})");
+    EXPECT_EQ(member(stage.hear(client), "result"), R"({"a":2})");
     EXPECT_EQ(caller, "tcp -1 4294967295 4294967295");
     EXPECT_EQ(tavrix_service_listen_tcp(stage.service, nullptr, port, nullptr), 0U);
     EXPECT_TRUE(log.says("Cannot listen on 127.0.0.1:" + std::to_string(port) +
@@ -93,7 +87,7 @@ TEST_F(Sockets, TakeARequestThatComesInPieces) {
         client.say(std::string(1, byte));
         stage.step();
     }
-    EXPECT_EQ(member(hear(client), "result"), R"({"brace":"}\"{"})");
+    EXPECT_EQ(member(stage.hear(client), "result"), R"({"brace":"}\"{"})");
 }
 
 TEST_F(Sockets, TakeARequestOf1024BytesAndNoLongerOne) {
@@ -119,7 +113,7 @@ TEST_F(Sockets, AnswerAClientThatHasShutItsSendingSideDown) {
         stage.step();
     }
     EXPECT_EQ(reply(json_integer(3)), TAVRIX_OK);
-    EXPECT_EQ(member(hear(client), "result"), "3");
+    EXPECT_EQ(member(stage.hear(client), "result"), "3");
 }
 
 TEST_F(Sockets, AbandonTheCallOfAClientThatGoes) {
@@ -135,7 +129,7 @@ TEST_F(Sockets, SilentClientsHoldNobodyUpAndMakeRoom) {
         stage.step();
     }
     EXPECT_EQ(member(ask(request("t.Echo", "{}")), "result"), "{}");
-    EXPECT_EQ(hear(silent.front()), "") << "the one that has been silent for longest was closed";
+    EXPECT_EQ(stage.hear(silent.front()), "") << "the one that has been silent for longest was closed";
 }
 
 TEST_F(Sockets, LeaveHalfOfThePlacesToOtherUsers) {
@@ -170,40 +164,34 @@ TEST_F(Sockets, LeaveHalfOfThePlacesToOtherUsers) {
 TEST_F(Sockets, AnswerMoreThanAClientReadsAtOnce) {
     const StreamClient client = defer();
     reply(json_string(std::string(long_answer, 'x').c_str()));
-    EXPECT_EQ(member(hear(client), "result").size(), long_answer + 2);
+    EXPECT_EQ(member(stage.hear(client), "result").size(), long_answer + 2);
 }
 
-/** An event of the loop's that waits for this, and not for ever. */
-struct Waiting {
-    short what;
-    event *found;
-};
-
-/** Lets the time be over that an event waits at most; false when none waits so. */
+/** Lets the time be over that an event waits for this at most; false when none waits so. */
 bool let_time_pass(tavrix_service *service, short what) {
-    Waiting waiting{what, nullptr};
+    std::pair<short, event *> waiting{what, nullptr};
     event_base_foreach_event(
         tavrix_service_base(service),
         [](const event_base *, const event *candidate, void *user) {
-            auto *wanted = static_cast<Waiting *>(user);
-            if (event_get_fd(candidate) >= 0 && event_pending(candidate, wanted->what, nullptr) != 0 &&
+            auto &[wanted, found] = *static_cast<std::pair<short, event *> *>(user);
+            if (event_get_fd(candidate) >= 0 && event_pending(candidate, wanted, nullptr) != 0 &&
                 event_pending(candidate, EV_TIMEOUT, nullptr) != 0) {
-                wanted->found = const_cast<event *>(candidate);
+                found = const_cast<event *>(candidate);
             }
             return 0;
         },
         &waiting);
-    if (waiting.found != nullptr) {
-        event_active(waiting.found, EV_TIMEOUT, 1);
+    if (waiting.second != nullptr) {
+        event_active(waiting.second, EV_TIMEOUT, 1);
     }
-    return waiting.found != nullptr;
+    return waiting.second != nullptr;
 }
 
 TEST_F(Sockets, CloseAClientThatSaysNothingInTime) {
     ASSERT_FALSE(let_time_pass(stage.service, EV_READ)) << "the service's own sockets wait for ever";
     const StreamClient client = say(R"({"jsonrpc":"2.0","method":)");
     ASSERT_TRUE(stage.wait([&] { return let_time_pass(stage.service, EV_READ); }));
-    EXPECT_EQ(hear(client), "");
+    EXPECT_EQ(stage.hear(client), "");
     EXPECT_EQ(calls, 0);
     EXPECT_EQ(member(ask(request("t.Echo", "{}")), "result"), "{}") << "the others are served as before";
 }
@@ -212,13 +200,13 @@ TEST_F(Sockets, WaitForAHandlerAsLongAsItsCallerDoes) {
     const StreamClient client = defer();
     EXPECT_FALSE(let_time_pass(stage.service, EV_READ)) << "it has said what it wants";
     reply(json_integer(3));
-    EXPECT_EQ(member(hear(client), "result"), "3");
+    EXPECT_EQ(member(stage.hear(client), "result"), "3");
 }
 
 TEST_F(Sockets, TellTheClientsOfAServiceThatNeverAnswersSoAtTheDeadline) {
     stage.router.reply_timeout_ms = 50;
     stage.restart_router();
-    EXPECT_EQ(code_of(hear(defer())), "-32005") << "no router does";
+    EXPECT_EQ(code_of(stage.hear(defer())), "-32005") << "no router does";
     EXPECT_EQ(abandoned, 1);
     EXPECT_EQ(stage.deferred_call(), nullptr);
 }
@@ -228,7 +216,7 @@ TEST_F(Sockets, CloseAClientThatDoesNotReadItsAnswerInTime) {
     reply(json_string(std::string(long_answer, 'x').c_str()));
     ASSERT_TRUE(let_time_pass(stage.service, EV_WRITE));
     stage.step();
-    const std::string heard = hear(client);
+    const std::string heard = stage.hear(client);
     EXPECT_GT(heard.size(), 0U);
     EXPECT_LT(heard.size(), long_answer) << "what had been sent, and no more";
 }

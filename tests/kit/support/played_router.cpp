@@ -10,14 +10,15 @@
 
 #include "common/names.h"
 #include "support/json.h"
-#include "support/stream.h"
 #include "tavrix_mq.h"
 
 namespace support {
 
 namespace names = tavrix::names;
 
-PlayedRouter::PlayedRouter(std::string path) : path_(std::move(path)) {
+static constexpr char session_path[] = "session.sock";
+
+PlayedRouter::PlayedRouter() {
     folder = std::filesystem::current_path().string() + "/bus";
     mkdir(folder.c_str(), 0770);
     bus_address = "ipc://" + folder + "/router";
@@ -27,10 +28,10 @@ PlayedRouter::PlayedRouter(std::string path) : path_(std::move(path)) {
 PlayedRouter::~PlayedRouter() { die(); }
 
 void PlayedRouter::listen() {
-    const sockaddr_un address = unix_address(path_);
-    unlink(path_.c_str());
+    const sockaddr_un address = unix_address(session_path);
+    unlink(session_path);
     listener_.reset(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    ASSERT_EQ(bind(listener_.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address), 0) << path_;
+    ASSERT_EQ(bind(listener_.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
     ASSERT_EQ(::listen(listener_.get(), 64), 0);
 }
 
@@ -43,7 +44,7 @@ void PlayedRouter::hang_up() {
 void PlayedRouter::die() {
     hang_up();
     listener_.reset();
-    unlink(path_.c_str());
+    unlink(session_path);
 }
 
 void PlayedRouter::say_bytes(const std::string &bytes) {
@@ -152,13 +153,9 @@ void PlayedRouter::settle() {
     }
 }
 
-// --- Handlers ------------------------------------------------------------------------------------------------------
-
-namespace {
-
-json_int_t n_of(const tavrix_call *call) { return json_integer_value(json_object_get(tavrix_call_params(call), "n")); }
-
-} // namespace
+static json_int_t n_of(const tavrix_call *call) {
+    return json_integer_value(json_object_get(tavrix_call_params(call), "n"));
+}
 
 int accept(tavrix_call * /*call*/) { return TAVRIX_OK; }
 
@@ -209,7 +206,7 @@ Methods::Methods(std::initializer_list<Row> rows) {
 static tavrix_service *started(const tavrix_service_method *methods, tavrix_service_options options) {
     options.name = options.name != nullptr ? options.name : "tester";
     options.methods = methods;
-    options.session = options.session != nullptr ? options.session : "session.sock";
+    options.session = options.session != nullptr ? options.session : session_path;
     options.flags |= TAVRIX_SERVICE_NO_SIGNALS;
     tavrix_service *service = nullptr;
     EXPECT_EQ(tavrix_service_open(&options, &service), TAVRIX_OK);
@@ -226,8 +223,6 @@ Service started_service(const char *name, const tavrix_service_method *methods, 
     })) << name;
     return service;
 }
-
-// --- Stage ---------------------------------------------------------------------------------------------------------
 
 Stage::Stage() {
     deferred = 0;
@@ -307,6 +302,11 @@ std::string Stage::result_of(const std::string &method, const std::string &param
 
 std::string Stage::code_of(const std::string &method, const std::string &params) {
     return support::code_of(ask(method, params));
+}
+
+std::string Stage::hear(const StreamClient &client) {
+    std::string text;
+    return wait([&] { return client.take(&text); }) ? text : "(time-out)";
 }
 
 std::string direct_request(const std::string &method, const std::string &params, int transaction_id) {

@@ -19,6 +19,7 @@
 
 #include "common/handles.h"
 #include "support/bus.h"
+#include "support/stream.h"
 #include "tavrix.h"
 #include "tavrix_service.h"
 
@@ -27,7 +28,7 @@ namespace support {
 /** The session's listener and its one connection, to the newest service. */
 class PlayedRouter {
   public:
-    explicit PlayedRouter(std::string path = "session.sock");
+    PlayedRouter();
     PlayedRouter(const PlayedRouter &) = delete;
     PlayedRouter &operator=(const PlayedRouter &) = delete;
     ~PlayedRouter();
@@ -68,7 +69,6 @@ class PlayedRouter {
     /** An error, when there is one, in the place of the result. */
     void reply(const std::string &id, const std::string &error, const std::string &result = "0");
 
-    std::string path_;
     tavrix::Descriptor listener_;
     tavrix::Descriptor client_;
     std::string in_;
@@ -76,8 +76,7 @@ class PlayedRouter {
     std::string connected_address_;
 };
 
-// --- Handlers that many a table has ---
-
+// Handlers that many a table has.
 int accept(tavrix_call *call);
 /** Answers the params. */
 int echo(tavrix_call *call);
@@ -173,6 +172,8 @@ class Stage {
     /** Of this answer the result, or the code of the error. */
     std::string result_of(const std::string &method, const std::string &params = "{}");
     std::string code_of(const std::string &method, const std::string &params = "{}");
+    /** What a client of the service's own sockets hears until the service closes; or "(time-out)". */
+    std::string hear(const StreamClient &client);
     /** The call that defer() has deferred; null when it is over. */
     tavrix_call *deferred_call() const { return tavrix_service_deferred(service, deferred); }
 

@@ -46,10 +46,8 @@ constexpr tavrix_service_param mac_filter_members[] = {
     TAVRIX_PARAM_END,
 };
 constexpr tavrix_service_param one_vlan_id[] = {TAVRIX_PARAM("", TAVRIX_KIND_VLAN_ID, nullptr, 0), TAVRIX_PARAM_END};
-constexpr tavrix_service_param document_result[] = {
-    TAVRIX_PARAM("", TAVRIX_KIND_OBJECT, "an OpenRPC document", 0),
-    TAVRIX_PARAM_END,
-};
+constexpr tavrix_service_param document_result[] = {TAVRIX_PARAM("", TAVRIX_KIND_OBJECT, "an OpenRPC document", 0),
+                                                    TAVRIX_PARAM_END};
 
 /** Whether its value is a text. */
 bool is_text(const tavrix_service_param &row) {

@@ -277,15 +277,6 @@ void ring(Alarm *alarm) {
 
 // --- Opening ---------------------------------------------------------------------------------------------------------
 
-/** The session stands, to nobody. */
-void connect_to_nobody(tavrix_service *service) {
-    service->session.fd = no_descriptor;
-    event_assign(&service->session.flush, service->base, -1, 0, on_flush, service);
-    service->session.was_ready = true; // no service manager waits for a test
-    service->started = true;
-    become_ready(service);
-}
-
 int open_test(tavrix_service_test *test, tavrix_service_options options) {
     options.session = played_session;
     options.publish = nullptr;
@@ -299,8 +290,13 @@ int open_test(tavrix_service_test *test, tavrix_service_options options) {
     if (rc < 0) {
         return rc;
     }
-    connect_to_nobody(test->service);
-    send_what_waits(test->service);
+    tavrix_service *service = test->service;
+    service->session.fd = no_descriptor; // it stands, to nobody
+    event_assign(&service->session.flush, service->base, -1, 0, on_flush, service);
+    service->session.was_ready = true; // no service manager waits for a test
+    service->started = true;
+    become_ready(service);
+    send_what_waits(service);
     settle(test);
     return TAVRIX_OK;
 }

@@ -7,12 +7,9 @@
 #include "support/json.h"
 #include "support/log_capture.h"
 
-namespace {
+using namespace support;
 
-using support::accept;
-using support::direct_request;
-using support::Json;
-using support::member;
+namespace {
 
 /** What the handlers below leave for the test to look at. */
 struct Seen {
@@ -44,7 +41,7 @@ int pass_an_array_on(tavrix_call *call) {
 int look(tavrix_call *call) {
     seen.user = tavrix_call_user(call);
     seen.time_left_ms = tavrix_call_time_left_ms(call);
-    seen.caller = support::caller_of(call);
+    seen.caller = caller_of(call);
     return 0;
 }
 
@@ -53,7 +50,7 @@ void on_abandoned(tavrix_call *call, void *user) {
     EXPECT_STREQ(tavrix_call_method(call)->name, "t.Defer");
     seen.late_reply = tavrix_call_reply(call, json_integer(1));
 }
-int defer(tavrix_call *call) {
+int defer_noted(tavrix_call *call) {
     seen.numbers.push_back(tavrix_call_defer(call, on_abandoned, &seen.abandoned));
     return 0;
 }
@@ -72,15 +69,15 @@ int defer_and_reply(tavrix_call *call) {
     return tavrix_call_reply(call, json_integer(4));
 }
 
-const support::Rows members = {TAVRIX_PARAM("done", TAVRIX_KIND_BOOLEAN, "", 0)};
-const support::Rows bare = {TAVRIX_PARAM("", TAVRIX_KIND_BOOLEAN, "", 0)};
-const support::Methods methods = {
+const Rows members = {TAVRIX_PARAM("done", TAVRIX_KIND_BOOLEAN, "", 0)};
+const Rows bare = {TAVRIX_PARAM("", TAVRIX_KIND_BOOLEAN, "", 0)};
+const Methods methods = {
     {"t.DeferTwice", defer_twice},
     {"t.Members", yes, nullptr, members},
     {"t.Bare", yes, nullptr, bare},
-    {"t.Echo", support::echo},
-    {"t.Fill", support::fill},
-    {"t.Nest", support::nest},
+    {"t.Echo", echo},
+    {"t.Fill", fill},
+    {"t.Nest", nest},
     {"t.Nothing", accept},
     {"t.Count", [](tavrix_call *) { return 5; }},
     {"t.Busy", [](tavrix_call *) -> int { return TAVRIX_ERR_SYSTEM_BUSY; }},
@@ -92,7 +89,7 @@ const support::Methods methods = {
     {"t.RefuseWithAnArray", [](tavrix_call *call) { return refuse(call, "There is none.", json_array()); }},
     {"t.PassAnArrayOn", pass_an_array_on},
     {"t.Look", look},
-    {"t.Defer", defer},
+    {"t.Defer", defer_noted},
     {"t.DeferAndFail", defer_and_fail},
     {"t.DeferAndReply", defer_and_reply}};
 
@@ -111,7 +108,7 @@ const tavrix_jrpc_method library_methods[] = {
 std::string evaluated(const std::string &request) {
     char *text = nullptr;
     tavrix_jrpc_eval_request(request.c_str(), library_methods, &text);
-    return support::taken(text);
+    return taken(text);
 }
 
 class Calls : public testing::Test {
@@ -133,8 +130,8 @@ class Calls : public testing::Test {
         EXPECT_EQ(member(stage.ask("t.Nothing"), "id"), "\"t.Nothing\"") << "the first answer is the last request's";
     }
 
-    support::LogCapture log{"debug"};
-    support::Stage stage{methods};
+    LogCapture log{"debug"};
+    Stage stage{methods};
 };
 
 } // namespace
@@ -176,7 +173,7 @@ TEST_F(Calls, FailWithCodeAndDataThatCanBeReadWhateverItsBytesAre) {
     };
     for (const auto &[method, error] : methods_and_errors) {
         const std::string answer = stage.ask(method);
-        EXPECT_EQ(support::code_of(answer) + " " + support::data_of(answer), error) << method;
+        EXPECT_EQ(code_of(answer) + " " + data_of(answer), error) << method;
     }
     EXPECT_TRUE(log.says("t.RefuseWithAnArray: an error's data that is no object is left out"));
 }
@@ -209,7 +206,7 @@ TEST_F(Calls, KnowTheirRoadAndTheirCallerAsFarAsTheRouterSays) {
         {R"(,"caller":0)", nobody},
     };
     for (const auto &[said, known] : said_and_known) {
-        stage.router.say(support::request("t.Look", "\"c\"", said));
+        stage.router.say(request("t.Look", "\"c\"", said));
         EXPECT_EQ(member(stage.next(), "result"), "0");
         EXPECT_EQ(seen.caller, known) << said;
     }
@@ -283,17 +280,17 @@ TEST_F(Calls, OnOneSessionAreAnsweredInTheirOrderByThousands) {
 
 TEST_F(Calls, WhoseAnswerNobodyCouldReadAreAnsweredWithAnError) {
     const std::string too_large = stage.ask("t.Fill", R"({"n":9371600})");
-    EXPECT_EQ(support::code_of(too_large), "-32004");
-    EXPECT_TRUE(support::holds(too_large, "The answer cannot be sent: it has 93716"));
-    EXPECT_TRUE(support::holds(too_large, "bytes, and at most 9371648 can be sent."));
+    EXPECT_EQ(code_of(too_large), "-32004");
+    EXPECT_TRUE(holds(too_large, "The answer cannot be sent: it has 93716"));
+    EXPECT_TRUE(holds(too_large, "bytes, and at most 9371648 can be sent."));
     EXPECT_TRUE(log.says("t.Fill: the answer cannot be sent: it has"));
     EXPECT_EQ(stage.result_of("t.Fill", R"({"n":9371000})").size(), 9371002U);
 
     const std::string deepest = stage.result_of("t.Nest", R"({"n":2046})"); // and the answer's own braces
     EXPECT_EQ(deepest.size(), 2 * 2046U) << "every parser reads this";
     const std::string too_deep = stage.ask("t.Nest", R"({"n":2047})");
-    EXPECT_EQ(support::code_of(too_deep), "-32004");
-    EXPECT_TRUE(support::holds(too_deep, "it is nested deeper than the 2047 levels that can be read."));
+    EXPECT_EQ(code_of(too_deep), "-32004");
+    EXPECT_TRUE(holds(too_deep, "it is nested deeper than the 2047 levels that can be read."));
     EXPECT_EQ(stage.code_of("t.Echo", R"({"t":"\"\\\"[)" + std::string(5000, '[') + R"("})"), "(none)")
         << "brackets in a text nest nothing";
 }

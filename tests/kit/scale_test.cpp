@@ -17,23 +17,21 @@
 #include "support/memory.h"
 #include "support/process.h"
 
-namespace {
+using namespace support;
 
-using support::heap_in_use;
-using support::Process;
-using support::Stage;
+namespace {
 
 constexpr size_t thousand = 1000;
 size_t deferred_calls = 0;
 size_t outcomes = 0;
 
-int defer(tavrix_call *call) {
+int defer_counted(tavrix_call *call) {
     deferred_calls += tavrix_call_defer(call, nullptr, nullptr) != 0 ? 1 : 0;
     return TAVRIX_OK;
 }
-const support::Rows defer_params = {TAVRIX_PARAM("port", TAVRIX_KIND_PORT_ID, "", TAVRIX_ANY_PORT),
-                                    TAVRIX_PARAM("vlan", TAVRIX_KIND_VLAN_ID, "", 0)};
-const support::Methods methods = {{"t.Defer", defer, defer_params}};
+const Rows defer_params = {TAVRIX_PARAM("port", TAVRIX_KIND_PORT_ID, "", TAVRIX_ANY_PORT),
+                           TAVRIX_PARAM("vlan", TAVRIX_KIND_VLAN_ID, "", 0)};
+const Methods methods = {{"t.Defer", defer_counted, defer_params}};
 
 void on_answer(tavrix_service * /*service*/, const tavrix_answer * /*answer*/, void * /*user*/) { ++outcomes; }
 
@@ -69,7 +67,7 @@ class Scale : public testing::Test {
         deferred_calls = 0;
         outcomes = 0;
     }
-    support::LogCapture log{"info"};
+    LogCapture log{"info"};
 };
 
 TEST_F(Scale, AThousandCallsToOthersInFlightAreAThousandSmallRecords) {
@@ -85,7 +83,7 @@ TEST_F(Scale, AThousandCallsThatWaitForTheirAnswersAreAThousandSmallRecords) {
     Stage stage(methods);
     const auto defer_a_thousand = [&](size_t so_far) {
         for (size_t i = 0; i < thousand; ++i) {
-            stage.router.say(support::direct_request("t.Defer", R"({"port":"c1-1","vlan":7})", static_cast<int>(i)));
+            stage.router.say(direct_request("t.Defer", R"({"port":"c1-1","vlan":7})", static_cast<int>(i)));
             if (i % 100 == 99) { // as many as the connection holds
                 ASSERT_TRUE(stage.wait([&] { return deferred_calls == so_far + i + 1; }));
             }
@@ -101,15 +99,15 @@ TEST_F(Scale, AThousandCallsThatWaitForTheirAnswersAreAThousandSmallRecords) {
 class Churn : public testing::Test {
   protected:
     Churn() {
-        support::set_log_level("off"); // of this process
-        support::write_file("tavrix_lsyslog.conf", "[logging_levels]\nrouterd=info\n");
-        router = support::started_router("ipc://bus/router");
+        set_log_level("off"); // of this process
+        write_file("tavrix_lsyslog.conf", "[logging_levels]\nrouterd=info\n");
+        router = started_router("ipc://bus/router");
     }
 
     /** Opens a service, has it registered with an ipc address of its own, and closes it. */
     void come_and_go(const std::string &name) {
-        static const support::Methods visited = {{"visitor.Defer", defer, defer_params}};
-        support::Service service = support::started_service(name.c_str(), visited);
+        static const Methods visited = {{"visitor.Defer", defer_counted, defer_params}};
+        Service service = started_service(name.c_str(), visited);
         const std::string address = "bus/" + name;
         EXPECT_TRUE(std::filesystem::exists(address)) << "it publishes on an ipc address";
         service.reset();
@@ -141,19 +139,19 @@ TEST_F(Churn, OfServicesOnIpcAddressesLeavesNoDescriptorNoMemoryAndNoFile) {
     for (size_t i = 0; i < warm_up; ++i) {
         come_and_go(names[i]);
     }
-    const int descriptors = support::open_descriptors();
+    const int descriptors = open_descriptors();
     const size_t heap = heap_in_use();
     const long files = entries("bus");
-    ASSERT_TRUE(support::wait_until([&] { return router->times_said(" has gone") == static_cast<int>(warm_up); }))
+    ASSERT_TRUE(wait_until([&] { return router->times_said(" has gone") == static_cast<int>(warm_up); }))
         << router->log();
     const long router_before = router_descriptors(); // at least those that stay: the last visitor's close in their time
     for (size_t i = 0; i < count && !HasFailure(); ++i) {
         come_and_go(names[warm_up + i]);
     }
     const size_t heap_after = heap_in_use();
-    EXPECT_EQ(support::open_descriptors(), descriptors);
+    EXPECT_EQ(open_descriptors(), descriptors);
     EXPECT_EQ(entries("bus"), files);
-    EXPECT_TRUE(support::wait_until([&] { return router_descriptors() <= router_before; }))
+    EXPECT_TRUE(wait_until([&] { return router_descriptors() <= router_before; }))
         << router_descriptors() << " descriptors of the router's instead of " << router_before;
     const long gained = static_cast<long>(heap_after) - static_cast<long>(heap);
     std::printf("%zu services came and went: %ld bytes of the heap gained\n", count, gained);

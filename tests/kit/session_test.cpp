@@ -98,9 +98,8 @@ TEST_F(Session, RegistersWithItsAddressInTheRoutersFolderAndItsMethods) {
                                              R"(","publish":["ipc://)" + path +
                                              R"("],"methods":["t.Echo"],"direct":true,"callers":true})");
     EXPECT_TRUE(log.says("tester ready\n"));
-    struct stat file {};
-    ASSERT_EQ(stat(path.c_str(), &file), 0);
-    EXPECT_EQ(file.st_mode & 0777U, 0770U) << "the group may connect, others may not";
+    EXPECT_EQ(std::filesystem::status(path).permissions(), std::filesystem::perms{0770})
+        << "the group may connect, others may not";
 }
 
 TEST_F(Session, LetsTheGroupOfTheRoutersFolderConnectWhateverItsOwn) {

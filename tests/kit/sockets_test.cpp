@@ -12,28 +12,25 @@
 #include "support/process.h"
 #include "tavrix_mq.h"
 
-namespace {
+using namespace support;
 
-using support::abandoned;
-using support::code_of;
-using support::member;
-using support::StreamClient;
+namespace {
 
 int calls = 0;
 std::string caller;
 
-int echo(tavrix_call *call) {
+int note(tavrix_call *call) {
     ++calls;
-    caller = support::caller_of(call);
-    return support::echo(call);
+    caller = caller_of(call);
+    return echo(call);
 }
 
-const support::Methods methods = {{"t.Echo", echo}, {"t.Defer", support::defer}};
+const Methods methods = {{"t.Echo", note}, {"t.Defer", defer}};
 
 constexpr size_t long_answer = 4 << 20; // more than a connection holds
 
-std::string request(const std::string &method, const std::string &params) {
-    return support::request(method, "1", ",\"params\":" + params);
+std::string call_of(const std::string &method, const std::string &params) {
+    return request(method, "1", ",\"params\":" + params);
 }
 
 class Sockets : public testing::Test {
@@ -50,22 +47,22 @@ class Sockets : public testing::Test {
     std::string ask(const std::string &text) { return stage.hear(say(text)); }
     /** A client whose call is deferred. */
     StreamClient defer() {
-        StreamClient client = say(request("t.Defer", "{}"));
-        EXPECT_TRUE(stage.wait([] { return support::deferred != 0; }));
+        StreamClient client = say(call_of("t.Defer", "{}"));
+        EXPECT_TRUE(stage.wait([] { return deferred != 0; }));
         return client;
     }
     int reply(json_t *result) { return tavrix_call_reply(stage.deferred_call(), result); }
 
-    support::LogCapture log{"info"};
-    support::Stage stage{methods};
+    LogCapture log{"info"};
+    Stage stage{methods};
     uint64_t listener = tavrix_service_listen_unix(stage.service, "direct.sock");
 };
 
 TEST_F(Sockets, AnswerOneRequestOnAUnixPathAndClose) {
-    EXPECT_EQ(ask(request("t.Echo", R"({"a":1})")), R"({"jsonrpc":"2.0","id":"t.Echo","result":{"a":1}})");
+    EXPECT_EQ(ask(call_of("t.Echo", R"({"a":1})")), R"({"jsonrpc":"2.0","id":"t.Echo","result":{"a":1}})");
     EXPECT_EQ(caller,
               "unix " + std::to_string(getpid()) + " " + std::to_string(getuid()) + " " + std::to_string(getgid()));
-    EXPECT_EQ(code_of(ask(request("t.Unknown", "{}"))), "-32601");
+    EXPECT_EQ(code_of(ask(call_of("t.Unknown", "{}"))), "-32601");
 }
 
 TEST_F(Sockets, AnswerOnATcpPort) {
@@ -73,7 +70,7 @@ TEST_F(Sockets, AnswerOnATcpPort) {
     ASSERT_NE(tavrix_service_listen_tcp(stage.service, nullptr, 0, &port), 0U);
     ASSERT_NE(port, 0U);
     const StreamClient client = StreamClient::tcp_port(static_cast<int>(port));
-    client.say(request("t.Echo", R"({"a":2})"));
+    client.say(call_of("t.Echo", R"({"a":2})"));
     EXPECT_EQ(member(stage.hear(client), "result"), R"({"a":2})");
     EXPECT_EQ(caller, "tcp -1 4294967295 4294967295");
     EXPECT_EQ(tavrix_service_listen_tcp(stage.service, nullptr, port, nullptr), 0U);
@@ -83,7 +80,7 @@ TEST_F(Sockets, AnswerOnATcpPort) {
 
 TEST_F(Sockets, TakeARequestThatComesInPieces) {
     const StreamClient client = StreamClient::unix_path("direct.sock");
-    for (const char byte : request("t.Echo", R"({"brace":"}\"{"})")) {
+    for (const char byte : call_of("t.Echo", R"({"brace":"}\"{"})")) {
         client.say(std::string(1, byte));
         stage.step();
     }
@@ -91,11 +88,11 @@ TEST_F(Sockets, TakeARequestThatComesInPieces) {
 }
 
 TEST_F(Sockets, TakeARequestOf1024BytesAndNoLongerOne) {
-    const size_t rest = request("t.Echo", R"({"a":""})").size();
-    const std::string longest = request("t.Echo", R"({"a":")" + std::string(1024 - rest, 'x') + "\"}");
+    const size_t rest = call_of("t.Echo", R"({"a":""})").size();
+    const std::string longest = call_of("t.Echo", R"({"a":")" + std::string(1024 - rest, 'x') + "\"}");
     ASSERT_EQ(longest.size(), 1024U);
     EXPECT_EQ(member(ask(longest), "id"), "\"t.Echo\"");
-    EXPECT_EQ(ask(request("t.Echo", R"({"a":")" + std::string(1025 - rest, 'x') + "\"}")), "");
+    EXPECT_EQ(ask(call_of("t.Echo", R"({"a":")" + std::string(1025 - rest, 'x') + "\"}")), "");
 }
 
 TEST_F(Sockets, CloseWithoutAnAnswerWhereTheLibraryDoes) {
@@ -128,7 +125,7 @@ TEST_F(Sockets, SilentClientsHoldNobodyUpAndMakeRoom) {
         silent.push_back(StreamClient::unix_path("direct.sock"));
         stage.step();
     }
-    EXPECT_EQ(member(ask(request("t.Echo", "{}")), "result"), "{}");
+    EXPECT_EQ(member(ask(call_of("t.Echo", "{}")), "result"), "{}");
     EXPECT_EQ(stage.hear(silent.front()), "") << "the one that has been silent for longest was closed";
 }
 
@@ -147,7 +144,7 @@ TEST_F(Sockets, LeaveHalfOfThePlacesToOtherUsers) {
         stage.step();
     }
     EXPECT_FALSE(is_closed(own[0]));
-    EXPECT_EQ(member(ask(request("t.Echo", "{}")), "result"), "{}");
+    EXPECT_EQ(member(ask(call_of("t.Echo", "{}")), "result"), "{}");
     EXPECT_TRUE(is_closed(own[0])) << "the one who asked was one too many of his user's, with half of the places free";
     while (network.size() < half) {
         network.push_back(StreamClient::tcp_port(static_cast<int>(port)));
@@ -193,7 +190,7 @@ TEST_F(Sockets, CloseAClientThatSaysNothingInTime) {
     ASSERT_TRUE(stage.wait([&] { return let_time_pass(stage.service, EV_READ); }));
     EXPECT_EQ(stage.hear(client), "");
     EXPECT_EQ(calls, 0);
-    EXPECT_EQ(member(ask(request("t.Echo", "{}")), "result"), "{}") << "the others are served as before";
+    EXPECT_EQ(member(ask(call_of("t.Echo", "{}")), "result"), "{}") << "the others are served as before";
 }
 
 TEST_F(Sockets, WaitForAHandlerAsLongAsItsCallerDoes) {
@@ -222,7 +219,7 @@ TEST_F(Sockets, CloseAClientThatDoesNotReadItsAnswerInTime) {
 }
 
 TEST_F(Sockets, TakeNoPlaceThatIsServedOrIsNoSocket) {
-    support::write_file("file", "precious");
+    write_file("file", "precious");
     EXPECT_EQ(tavrix_service_listen_unix(stage.service, "direct.sock"), 0U);
     EXPECT_EQ(tavrix_service_listen_unix(stage.service, "file"), 0U);
     EXPECT_EQ(tavrix_service_listen_unix(stage.service, std::string(108, 'p').c_str()), 0U);
@@ -236,11 +233,11 @@ TEST_F(Sockets, RemoveTheirFileWhenTheyAreCancelled) {
 }
 
 TEST_F(Sockets, PullTakesOneWayRequests) {
-    const std::string address = support::free_bus_address();
+    const std::string address = free_bus_address();
     ASSERT_NE(tavrix_service_listen_pull(stage.service, address.c_str()), 0U);
-    support::BusSocket push(TAVRIX_SP_PUSH);
+    BusSocket push(TAVRIX_SP_PUSH);
     push.connect(address);
-    ASSERT_EQ(tavrix_mq_socket_send(push.number, request("t.Echo", "{}").c_str()), TAVRIX_OK);
+    ASSERT_EQ(tavrix_mq_socket_send(push.number, call_of("t.Echo", "{}").c_str()), TAVRIX_OK);
     EXPECT_TRUE(stage.wait([] { return calls == 1; }));
     EXPECT_EQ(caller, "pull -1 4294967295 4294967295");
     EXPECT_EQ(tavrix_service_listen_pull(stage.service, "nowhere"), 0U);

@@ -14,9 +14,7 @@ namespace {
 /** What the handlers and callbacks below have seen. */
 struct Seen {
     std::vector<std::string> words;
-    tavrix_call *call = nullptr;
     uint64_t number = 0;
-    int ticks = 0;
 };
 Seen seen;
 

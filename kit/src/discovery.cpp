@@ -367,13 +367,9 @@ json_t *examples_of(Writer *writer, const tavrix_service_method &method) {
 json_t *method_of(Writer *writer, const tavrix_service_method &method) {
     Json object(json_pack("{s:s}", "name", method.name));
     Json tags(json_array());
-    const struct {
-        unsigned flag;
-        const char *tag;
-    } flags[] = {{TAVRIX_METHOD_READS, "reads"}, {TAVRIX_METHOD_CHANGES, "changes"}};
-    for (const auto &row : flags) {
-        if ((method.flags & row.flag) != 0) {
-            writer->add(tags.get(), json_pack("{s:s}", "name", row.tag));
+    for (const auto &[flag, tag] : {std::pair(TAVRIX_METHOD_READS, "reads"), {TAVRIX_METHOD_CHANGES, "changes"}}) {
+        if ((method.flags & flag) != 0) {
+            writer->add(tags.get(), json_pack("{s:s}", "name", tag));
         }
     }
     writer->put_text(object.get(), "summary", method.summary);

@@ -415,13 +415,11 @@ int check_text(const Check &check, const Place &place, Value *value) {
     value->text = out;
     const bool is_bounded = row.kind == TAVRIX_KIND_TEXT && has_bounds(&row);
     const int64_t count = is_bounded ? count_characters(out) : 0;
-    if (is_bounded && (count < row.min || count > row.max)) {
-        return refuse(check, place);
-    }
+    const bool fits = !is_bounded || (count >= row.min && count <= row.max);
     const char *const *positions = kinds[row.kind].positions;
     const char *const *words = positions != nullptr ? positions : words_allowed(&row);
     value->integer = words != nullptr ? position_of(words, out) : 0;
-    return value->integer < 0 ? refuse(check, place) : TAVRIX_OK;
+    return fits && value->integer >= 0 ? TAVRIX_OK : refuse(check, place);
 }
 
 int check_integer(const Check &check, const Place &place, Value *value) {

@@ -25,9 +25,7 @@
 using fault::each_failure;
 using fault::each_failure_of;
 using fault::Fault;
-using support::Json;
-using support::LogCapture;
-using support::StreamClient;
+using namespace support;
 
 /** What the test does while the code that it calls waits for a descriptor. */
 static std::function<void()> meanwhile;
@@ -61,18 +59,18 @@ int answer_long(tavrix_call *call) {
     return tavrix_call_reply(call, json_string(std::string(long_answer, 'x').c_str()));
 }
 
-const support::Rows pair = {TAVRIX_PARAM("vlan", TAVRIX_KIND_VLAN_ID, "", 0),
-                            TAVRIX_PARAM("mode", TAVRIX_KIND_VLAN_MODE, "", 0)};
-const support::Rows many = {TAVRIX_PARAM("text", TAVRIX_KIND_TEXT, "", 0),
-                            TAVRIX_PARAM("long", TAVRIX_KIND_TEXT, "", TAVRIX_OPTIONAL),
-                            TAVRIX_PARAM("mac", TAVRIX_KIND_MAC_ADDRESS, "", 0),
-                            TAVRIX_PARAM("vlans", TAVRIX_KIND_VLAN_IDS, "", 0),
-                            TAVRIX_PARAM("ports", TAVRIX_KIND_PORTS, "", 0),
-                            TAVRIX_PARAM_MEMBERS("pairs", TAVRIX_KIND_ARRAY, "", 0, 1, 4, pair)};
-const support::Methods methods = {{"t.Echo", support::echo},
-                                  {"t.Many", support::echo, many, nullptr, TAVRIX_METHOD_STRICT},
-                                  {"t.Defer", support::defer},
-                                  {"t.Long", answer_long}};
+const Rows pair = {TAVRIX_PARAM("vlan", TAVRIX_KIND_VLAN_ID, "", 0),
+                   TAVRIX_PARAM("mode", TAVRIX_KIND_VLAN_MODE, "", 0)};
+const Rows many = {TAVRIX_PARAM("text", TAVRIX_KIND_TEXT, "", 0),
+                   TAVRIX_PARAM("long", TAVRIX_KIND_TEXT, "", TAVRIX_OPTIONAL),
+                   TAVRIX_PARAM("mac", TAVRIX_KIND_MAC_ADDRESS, "", 0),
+                   TAVRIX_PARAM("vlans", TAVRIX_KIND_VLAN_IDS, "", 0),
+                   TAVRIX_PARAM("ports", TAVRIX_KIND_PORTS, "", 0),
+                   TAVRIX_PARAM_MEMBERS("pairs", TAVRIX_KIND_ARRAY, "", 0, 1, 4, pair)};
+const Methods methods = {{"t.Echo", echo},
+                         {"t.Many", echo, many, nullptr, TAVRIX_METHOD_STRICT},
+                         {"t.Defer", defer},
+                         {"t.Long", answer_long}};
 
 /** The log goes nowhere before the service does. */
 struct Quiet {
@@ -91,8 +89,7 @@ class Testee : Quiet, public driven::Service {
     /** A request that comes over the session while the fault is in force. */
     void take(Fault *fault, const char *method, const std::string &params) {
         const Fault::Truce none; // nothing is in force yet
-        Json request =
-            support::parsed(support::request(method, "\"test\"", ",\"transaction_id\":5,\"params\":" + params));
+        Json request = parsed(support::request(method, "\"test\"", ",\"transaction_id\":5,\"params\":" + params));
         kit::Origin origin{};
         origin.caller.road = TAVRIX_ROAD_SESSION;
         fault->in([&] { kit::evaluate(service(), std::move(request), origin); });
@@ -207,7 +204,7 @@ TEST(KitFaults, AListenerListensAndATimerIsSetOrIsRefused) {
         {{"socket", "setsockopt", "bind", "listen", "getsockname", "calloc", "event_add"},
          [](tavrix_service *service) { return tavrix_service_listen_tcp(service, nullptr, 0, nullptr); }},
         {{"nn_socket", "nn_setsockopt", "nn_bind", "nn_getsockopt", "calloc", "event_add"},
-         [address = support::free_bus_address()](tavrix_service *service) {
+         [address = free_bus_address()](tavrix_service *service) {
              return tavrix_service_listen_pull(service, address.c_str());
          }},
         {{"calloc"}, [](tavrix_service *service) {
@@ -235,7 +232,7 @@ class Direct : public Testee {
     /** Lets the loop turn with the fault in force until the condition holds. */
     bool turn(Fault *fault, const std::function<bool()> &condition) const {
         return fault->in([&] {
-            return support::wait_until([&] {
+            return wait_until([&] {
                 event_base_loop(service()->base, EVLOOP_NONBLOCK);
                 const Fault::Truce truce;
                 return condition();
@@ -321,7 +318,7 @@ TEST_F(KitFaultsBesideARouter, AnAnswerThatIsWaitedForComesOrAStatusTellsWhyNot)
     for (const int reason : {ENOMEM, EINTR}) {
         const auto attempt = [&](Fault &fault) {
             const LogCapture log;
-            support::PlayedRouter router; // which answers in two pieces
+            PlayedRouter router; // which answers in two pieces
             int said = 0;
             meanwhile = [&] {
                 router.step();
@@ -355,7 +352,7 @@ tavrix_service_options testee_options(unsigned flags) {
 }
 
 TEST_F(KitFaultsBesideARouter, AServiceIsOpenedOrToldWhyNot) {
-    const std::string tcp = support::free_bus_address();
+    const std::string tcp = free_bus_address();
     const struct {
         const char *address;
         std::set<std::string> functions;
@@ -437,7 +434,7 @@ class Life {
   private:
     void ask() {
         if (!is_answered()) {
-            router_.say(support::direct_request("t.Echo", R"({"n":1})", 5));
+            router_.say(direct_request("t.Echo", R"({"n":1})", 5));
         }
         if (publishes_) {
             const std::string frame =
@@ -450,7 +447,7 @@ class Life {
                                           router_.lines.front().find("error") != std::string::npos);
     }
     bool is_answered_on_the_bus() {
-        for (std::string frame; !heard_on_the_bus_ && support::take_frame(router_.sub.number, &frame, 1);) {
+        for (std::string frame; !heard_on_the_bus_ && take_frame(router_.sub.number, &frame, 1);) {
             heard_on_the_bus_ = frame.rfind("t.me|", 0) == 0;
         }
         return heard_on_the_bus_;
@@ -460,7 +457,7 @@ class Life {
     static constexpr int ask_again = 100;
     static constexpr useconds_t turn_us = 500;
 
-    support::PlayedRouter router_;
+    PlayedRouter router_;
     bool publishes_;
     bool heard_on_the_bus_ = false;
     tavrix_service *service_ = nullptr;

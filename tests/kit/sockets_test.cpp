@@ -158,12 +158,6 @@ TEST_F(Sockets, LeaveHalfOfThePlacesToOtherUsers) {
     EXPECT_FALSE(is_closed(own[1])) << "though he has been silent for longer";
 }
 
-TEST_F(Sockets, AnswerMoreThanAClientReadsAtOnce) {
-    const StreamClient client = defer();
-    reply(json_string(std::string(long_answer, 'x').c_str()));
-    EXPECT_EQ(member(stage.hear(client), "result").size(), long_answer + 2);
-}
-
 /** Lets the time be over that an event waits for this at most; false when none waits so. */
 bool let_time_pass(tavrix_service *service, short what) {
     std::pair<short, event *> waiting{what, nullptr};

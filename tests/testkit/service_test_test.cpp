@@ -91,12 +91,9 @@ class TestKit : public testing::Test, protected driven::Service {
 
 using Words = std::vector<std::string>;
 
-TEST_F(TestKit, GivesTheWholeResponseToAText) {
+TEST_F(TestKit, GivesTheWholeResponseToARequestAndNothingForWhatIsNone) {
     EXPECT_EQ(request(R"({"jsonrpc":"2.0","method":"t.Echo","id":1,"transaction_id":9,"params":{"a":1}})"),
               R"({"jsonrpc":"2.0","id":"t.Echo","result":{"a":1},"transaction_id":9})");
-}
-
-TEST_F(TestKit, GivesNothingForWhatIsNoRequest) {
     EXPECT_EQ(request("{"), "(none)");
     EXPECT_EQ(request(R"({"jsonrpc":"2.0","method":"t.Echo"})"), "(none)");
 }

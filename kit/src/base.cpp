@@ -58,10 +58,7 @@ void clear_alarm(Alarm *alarm) {
 // --- Buffers -------------------------------------------------------------------------------------------------------
 
 bool buffer_reserve(Buffer *buffer, size_t count) {
-    if (buffer->capacity - buffer->end >= count) {
-        return true;
-    }
-    if (buffer->start > 0) {
+    if (buffer->start > 0 && buffer->capacity - buffer->end < count) {
         std::memmove(buffer->bytes, buffer->data(), buffer->size());
         buffer->end -= buffer->start;
         buffer->start = 0;
@@ -208,22 +205,19 @@ Entry *find(const Directory *directory, uint64_t number, EntryType type) {
 // --- The memory of a call ------------------------------------------------------------------------------------------
 
 void *arena_take(Arena *arena, size_t size) {
-    constexpr size_t alignment = alignof(std::max_align_t);
+    constexpr size_t alignment = alignof(ArenaChunk);
     size = (size + alignment - 1) / alignment * alignment;
     if (sizeof arena->first - arena->used >= size) {
-        void *memory = arena->first + arena->used;
         arena->used += size;
-        std::memset(memory, 0, size);
-        return memory;
+        return arena->first + arena->used - size;
     }
-    constexpr size_t header = (sizeof(ArenaChunk) + alignment - 1) / alignment * alignment;
-    auto *chunk = static_cast<ArenaChunk *>(std::calloc(1, header + size));
+    auto *chunk = static_cast<ArenaChunk *>(std::calloc(1, sizeof(ArenaChunk) + size));
     if (chunk == nullptr) {
         return nullptr;
     }
     chunk->next = arena->chunks;
     arena->chunks = chunk;
-    return reinterpret_cast<char *>(chunk) + header;
+    return chunk + 1;
 }
 
 void arena_clear(Arena *arena) {
@@ -232,7 +226,6 @@ void arena_clear(Arena *arena) {
         std::free(arena->chunks);
         arena->chunks = next;
     }
-    arena->used = 0;
 }
 
 } // namespace kit

@@ -43,11 +43,6 @@ bool is_published(const Bus *bus, const char *address) {
     return false;
 }
 
-bool note_published(Bus *bus, const char *address) {
-    bus->published = bus->published != nullptr ? bus->published : json_array();
-    return json_array_append_new(bus->published, json_string_nocheck(address)) == 0;
-}
-
 /** Binds the publisher to one more address; errno tells why not. */
 bool bind_publisher(tavrix_service *service, const char *address) {
     Bus *bus = &service->bus;
@@ -63,7 +58,8 @@ bool bind_publisher(tavrix_service *service, const char *address) {
     const int reason = nn_errno();
     umask(mask);
     errno = reason;
-    return rc == TAVRIX_OK && note_published(bus, address);
+    bus->published = bus->published != nullptr ? bus->published : json_array();
+    return rc == TAVRIX_OK && json_array_append_new(bus->published, json_string_nocheck(address)) == 0;
 }
 
 bool publish_on(tavrix_service *service, const char *address) {
@@ -229,14 +225,6 @@ void connect_to_one(tavrix_service *service, const json_t *addresses, const char
     }
 }
 
-/** A service that the router tells of; the service itself is passed over. */
-void connect_service(tavrix_service *service, const json_t *description) {
-    const char *name = json_string_value(json_object_get(description, "name"));
-    if (name != nullptr && *name != '\0' && std::strcmp(name, service->name) != 0) {
-        connect_to_one(service, json_object_get(description, "publish"), name);
-    }
-}
-
 // --- Frames --------------------------------------------------------------------------------------------------------
 
 /** With a number it is welcomed, under the same. */
@@ -251,17 +239,12 @@ void say_hello(tavrix_service *service, uint64_t number) {
     }
 }
 
-/** Whether a router's word is for this service: several share a channel. One without a name is for all. */
-bool is_addressed(const tavrix_service *service, const json_t *params) {
-    const char *name = json_string_value(json_object_get(params, "name"));
-    return name == nullptr || std::strcmp(name, service->name) == 0;
-}
-
-/** The router's own words on the bus; false for any other method. */
+/** The router's own words on the bus, to which several services listen; false for any other method. */
 bool take_bus_notice(tavrix_service *service, const char *method, const json_t *params) {
     const bool is_probe = std::strcmp(method, names::probe) == 0;
     const bool is_welcome = std::strcmp(method, names::welcome) == 0;
-    if ((is_probe || is_welcome) && is_addressed(service, params)) {
+    const char *name = json_string_value(json_object_get(params, "name")); // without one they are for all
+    if ((is_probe || is_welcome) && (name == nullptr || std::strcmp(name, service->name) == 0)) {
         if (is_probe) {
             say_hello(service, 0);
         } else if (const json_t *number = json_object_get(params, "number"); json_is_integer(number)) {
@@ -319,11 +302,6 @@ void on_readable(evutil_socket_t /*fd*/, short /*what*/, void *argument) {
 
 const char *bus_error() { return nn_strerror(nn_errno()); }
 
-void bus_prepare(tavrix_service *service) {
-    service->bus.pub = -1;
-    service->bus.sub = -1;
-}
-
 bool bus_publish_given(tavrix_service *service) {
     const char *const *addresses = service->options.publish;
     bool bound = true;
@@ -374,15 +352,16 @@ bool bus_follow(tavrix_service *service, const json_t *answer) {
     connect_to_one(service, json_object_get(answer, "publish"), "");
     const json_t *services = json_object_get(answer, "services");
     for (size_t i = 0; i < json_array_size(services); ++i) {
-        connect_service(service, json_array_get(services, i));
+        bus_service_up(service, json_array_get(services, i));
     }
     let_go_if(bus, [](const Endpoint &endpoint) { return !endpoint.wanted; });
     return true;
 }
 
-void bus_service_up(tavrix_service *service, const json_t *params) {
-    if (service->channel != nullptr) {
-        connect_service(service, params);
+void bus_service_up(tavrix_service *service, const json_t *description) {
+    const char *name = json_string_value(json_object_get(description, "name"));
+    if (name != nullptr && *name != '\0' && std::strcmp(name, service->name) != 0) {
+        connect_to_one(service, json_object_get(description, "publish"), name);
     }
 }
 
@@ -434,14 +413,12 @@ void bus_close(tavrix_service *service) {
     Bus *bus = &service->bus;
     if (bus->sub_listens) {
         event_del(&bus->readable);
-        bus->sub_listens = false;
     }
     close_socket(&bus->sub);
     close_socket(&bus->pub);
     std::free(bus->endpoints);
     json_decref(bus->published);
     *bus = Bus{};
-    bus_prepare(service);
 }
 
 } // namespace kit

@@ -1,8 +1,7 @@
 /*
  * Calls: a request is evaluated, its parameters are checked, its handler runs, and exactly one answer goes back on the
  * road that it came by, now or later.
- *
- * A call's record is taken from the spare ones and goes back there; while it is deferred it stands in the directory.
+ * While it is deferred it stands in the directory.
  */
 #include <algorithm>
 #include <cstdio>
@@ -20,33 +19,14 @@ namespace kit {
 namespace {
 
 constexpr char unit_name[] = "service_calls";
-constexpr size_t kept_spare_calls = 64;
 constexpr const char *own_methods[] = {names::reload_conf, names::say_hello, names::probe, names::welcome};
 
 // --- Records -------------------------------------------------------------------------------------------------------
 
-tavrix_call *take_call(tavrix_service *service) {
-    tavrix_call *call = service->spare_calls;
-    if (call == nullptr) {
-        return make<tavrix_call>();
-    }
-    service->spare_calls = next_of(call);
-    --service->spare_count;
-    return call;
-}
-
 void release_call(tavrix_call *call) {
-    tavrix_service *service = call->service;
     json_decref(call->request);
     arena_clear(&call->arena);
-    if (service->spare_count >= kept_spare_calls) {
-        unmake(call);
-        return;
-    }
-    std::memset(call, 0, offsetof(tavrix_call, arena)); // the arena is cleared where it is taken from
-    call->entry.next = reinterpret_cast<Entry *>(service->spare_calls);
-    service->spare_calls = call;
-    ++service->spare_count;
+    unmake(call);
 }
 
 /** Takes a deferred call out of the directory; it is released when its handler no longer runs. */
@@ -61,26 +41,6 @@ void end_deferred(tavrix_call *call) {
 
 // --- Answers -------------------------------------------------------------------------------------------------------
 
-void send_answer(tavrix_call *call, const char *text) {
-    tavrix_service *service = call->service;
-    switch (call->caller.road) {
-    case TAVRIX_ROAD_SESSION:
-        if (call->session == service->session.generation) { // a router that came back knows nothing of it
-            session_write(service, text, std::strlen(text));
-        }
-        return;
-    case TAVRIX_ROAD_BUS:
-        bus_answer(service, call->channel, text);
-        return;
-    case TAVRIX_ROAD_UNIX:
-    case TAVRIX_ROAD_TCP:
-        client_answer(call->client, text);
-        return;
-    case TAVRIX_ROAD_PULL:
-        return;
-    }
-}
-
 Text error_text(tavrix_call *call, int code, json_t *data) {
     if (!call->wants_answer) {
         return nullptr;
@@ -93,14 +53,9 @@ Printable name_of(const tavrix_call *call) { return Printable(json_string_value(
 
 /** How many bytes an answer may have on the road that the call came by. */
 size_t room_for_answer(const tavrix_call *call) {
-    switch (call->caller.road) {
-    case TAVRIX_ROAD_SESSION:
-        return max_answer_line;
-    case TAVRIX_ROAD_BUS:
-        return bus_room(call->channel);
-    default:
-        return SIZE_MAX; // a client of the service's own sockets reads as much as it wants to
-    }
+    return call->caller.road == TAVRIX_ROAD_SESSION ? max_answer_line
+           : call->caller.road == TAVRIX_ROAD_BUS   ? bus_room(call->channel)
+                                                    : SIZE_MAX; // a client of the service's own reads what it wants to
 }
 
 /** A result that is another than the description promises misleads whoever goes by that. */
@@ -130,16 +85,17 @@ Text readable(tavrix_call *call, Text text) {
     return fits ? std::move(text) : nullptr;
 }
 
-/** Sends what there is, or lets a client go that gets nothing; the call is over. */
+/** Sends what there is, if an answer is wanted, or lets a client go that gets nothing; the call is over. */
 int finish(tavrix_call *call, Text text) {
+    tavrix_service *service = call->service;
     call->over = true;
-    if (call->wants_answer && text) {
-        text = readable(call, std::move(text));
-    }
-    if (call->wants_answer && text) {
-        send_answer(call, text.get());
-    } else if (call->client != nullptr) {
-        client_answer(call->client, "");
+    text = text ? readable(call, std::move(text)) : nullptr;
+    if (call->client != nullptr) {
+        client_answer(call->client, text ? text.get() : "");
+    } else if (text && call->caller.road == TAVRIX_ROAD_BUS) {
+        bus_answer(service, call->channel, text.get());
+    } else if (text && call->caller.road == TAVRIX_ROAD_SESSION && call->session == service->session.generation) {
+        session_write(service, text.get(), std::strlen(text.get())); // a router that came back knows nothing of it
     }
     call->client = nullptr;
     if (call->deferred) {
@@ -148,16 +104,12 @@ int finish(tavrix_call *call, Text text) {
     return TAVRIX_OK;
 }
 
-int code_of_status(int status) {
-    return tavrix_jrpc_error_convert_tavrix_to_jrpc(status == TAVRIX_ERR_VALIDATION ? TAVRIX_ERR_INVALID_PARAMETER
-                                                                                    : status);
-}
-
 /** The data is taken; without any the status's words are sent. */
 int fail_with_data(tavrix_call *call, int status, json_t *data) {
     const char *words = tavrix_error_decode(status);
-    Json owner(data != nullptr ? data : json_pack("{s:s*}", "message", words));
-    return finish(call, error_text(call, code_of_status(status), owner.get()));
+    const Json owner(data != nullptr ? data : json_pack("{s:s*}", "message", words));
+    const int coded = status == TAVRIX_ERR_VALIDATION ? TAVRIX_ERR_INVALID_PARAMETER : status;
+    return finish(call, error_text(call, tavrix_jrpc_error_convert_tavrix_to_jrpc(coded), owner.get()));
 }
 
 // --- Evaluation ----------------------------------------------------------------------------------------------------
@@ -178,16 +130,6 @@ void read_caller(const json_t *caller, tavrix_caller *out) {
         out->uid = static_cast<uid_t>(json_integer_value(uid));
         out->gid = static_cast<gid_t>(json_integer_value(gid));
     }
-}
-
-const tavrix_service_method *find_method(const tavrix_service *service, const char *name) {
-    const tavrix_service_method *row = service->options.methods;
-    for (; row != nullptr && row->name != nullptr; ++row) {
-        if (std::strcmp(row->name, name) == 0) {
-            return row;
-        }
-    }
-    return nullptr;
 }
 
 void run_handler(tavrix_call *call) {
@@ -225,7 +167,7 @@ void answer(tavrix_call *call) {
         tavrix_call_fail_with(call, TAVRIX_JRPC_SYSTEM_BUSY, "The service ends.", nullptr);
         return;
     }
-    call->row = name != nullptr ? find_method(call->service, name) : nullptr;
+    call->row = name != nullptr ? find_row(call->service->options.methods, name) : nullptr;
     if (call->row == nullptr && name != nullptr && is_discovery(call->service, name)) {
         tavrix_call_reply(call, make_document(call->service));
         return;
@@ -305,7 +247,7 @@ bool is_own_method(const char *name) {
 }
 
 void evaluate(tavrix_service *service, Json request, const Origin &origin) {
-    tavrix_call *call = has_good_envelope(request.get()) ? take_call(service) : nullptr;
+    tavrix_call *call = has_good_envelope(request.get()) ? make<tavrix_call>() : nullptr;
     if (call == nullptr) {
         if (origin.client != nullptr) {
             client_answer(origin.client, "");
@@ -325,7 +267,6 @@ void evaluate(tavrix_service *service, Json request, const Origin &origin) {
     call->channel = origin.channel;
     call->client = origin.client;
     call->session = service->session.generation;
-    call->deadline_ms = -1;
     call->in_handler = true;
     answer(call);
     call->in_handler = false;
@@ -377,14 +318,6 @@ void refuse_deferred_calls(tavrix_service *service) {
     }
 }
 
-void free_spare_calls(tavrix_service *service) {
-    while (tavrix_call *call = service->spare_calls) {
-        service->spare_calls = next_of(call);
-        unmake(call);
-    }
-    service->spare_count = 0;
-}
-
 } // namespace kit
 
 // --- What a call is ------------------------------------------------------------------------------------------------
@@ -407,7 +340,7 @@ int tavrix_call_time_left_ms(const tavrix_call *call) {
     if (call == nullptr || call->over) {
         return 0;
     }
-    if (call->deadline_ms < 0) {
+    if (!call->deferred) {
         return call->service->reply_timeout_ms; // in its handler: the time has only begun
     }
     const int64_t left = call->deadline_ms - now_ms();

@@ -46,37 +46,37 @@ constexpr tavrix_service_param mac_filter_members[] = {
     TAVRIX_PARAM_END,
 };
 constexpr tavrix_service_param one_vlan_id[] = {TAVRIX_PARAM("", TAVRIX_KIND_VLAN_ID, nullptr, 0), TAVRIX_PARAM_END};
-constexpr tavrix_service_param document_result[] = {
-    TAVRIX_PARAM("", TAVRIX_KIND_OBJECT, "an OpenRPC document", 0),
-    TAVRIX_PARAM_END,
-};
+constexpr tavrix_service_param document_result[] = {TAVRIX_PARAM("", TAVRIX_KIND_OBJECT, "an OpenRPC document", 0),
+                                                    TAVRIX_PARAM_END};
+
+/** Whether its value is a text. */
+bool is_text(const tavrix_service_param &row) {
+    return storage_of(row.kind) == stored_text || row.kind == TAVRIX_KIND_UINT64 || row.kind == TAVRIX_KIND_FLOAT;
+}
+
+/** Whether its value is an array. */
+bool is_list(const tavrix_service_param &row) {
+    return row.kind == TAVRIX_KIND_ARRAY || storage_of(row.kind) >= stored_integers;
+}
 
 /** The rows of a list's elements; null where they may be anything. */
 const tavrix_service_param *elements_of(const tavrix_service_param &row) {
-    switch (storage_of(row.kind)) {
-    case stored_integers:
-        return one_vlan_id;
-    case stored_ports:
-        return port_members;
-    case stored_ports_hardware:
-        return port_hardware_members;
-    case stored_mac_filters:
-        return mac_filter_members;
-    default:
-        return row.members != nullptr && row.members->name != nullptr ? row.members : nullptr;
+    constexpr const tavrix_service_param *records[] = {one_vlan_id, port_members, port_hardware_members,
+                                                       mac_filter_members};
+    static_assert(stored_mac_filters - stored_integers == 3, "one for each kind of records, in their order");
+    if (storage_of(row.kind) >= stored_integers) {
+        return records[storage_of(row.kind) - stored_integers];
     }
+    return row.members != nullptr && row.members->name != nullptr ? row.members : nullptr;
 }
 
 // --- Examples ------------------------------------------------------------------------------------------------------
 
 const char *example_of_port(unsigned flags) {
-    if ((flags & TAVRIX_ALLOW_C_PORT) != 0) {
-        return "c1-1";
-    }
-    if ((flags & TAVRIX_ALLOW_D_PORT) != 0) {
-        return "d1";
-    }
-    return (flags & TAVRIX_ALLOW_MZU) != 0 ? "c1" : "all";
+    return (flags & TAVRIX_ALLOW_C_PORT) != 0   ? "c1-1"
+           : (flags & TAVRIX_ALLOW_D_PORT) != 0 ? "d1"
+           : (flags & TAVRIX_ALLOW_MZU) != 0    ? "c1"
+                                                : "all";
 }
 
 json_t *example_of_text(const tavrix_service_param &row) {
@@ -143,25 +143,13 @@ json_t *example_of_list(const tavrix_service_param &row) {
 
 /** A value that the check lets through; null when there is none that could be shown. */
 json_t *example_of(const tavrix_service_param &row) {
-    switch (storage_of(row.kind)) {
-    case stored_text:
-    case stored_uint64:
-        return example_of_text(row);
-    case stored_integer:
-        return example_of_integer(row);
-    case stored_boolean:
-        return json_true();
-    case stored_real:
-        return row.kind == TAVRIX_KIND_FLOAT ? example_of_text(row) : example_of_number(row);
-    case stored_json:
-        return row.kind == TAVRIX_KIND_ARRAY ? example_of_list(row) : example_of_object(row.members);
-    case stored_integers:
-    case stored_ports:
-    case stored_ports_hardware:
-    case stored_mac_filters:
-        return example_of_list(row);
-    }
-    return nullptr;
+    const Storage storage = storage_of(row.kind);
+    return is_text(row)                ? example_of_text(row)
+           : is_list(row)              ? example_of_list(row)
+           : storage == stored_integer ? example_of_integer(row)
+           : storage == stored_boolean ? json_true()
+           : storage == stored_real    ? example_of_number(row)
+                                       : example_of_object(row.members);
 }
 
 // --- Writing -------------------------------------------------------------------------------------------------------
@@ -209,6 +197,11 @@ json_t *schema_of_object(Writer *writer, const tavrix_service_param *rows) {
     return schema.release();
 }
 
+/** Of one value, or of an object with members. */
+json_t *schema_of_rows(Writer *writer, const tavrix_service_param *rows) {
+    return is_bare(rows) ? schema_of(writer, *rows, rows->summary) : schema_of_object(writer, rows);
+}
+
 void add_range(Writer *writer, json_t *schema, const char *least, int64_t lowest, const char *most, int64_t highest) {
     writer->put(schema, least, json_integer(lowest));
     writer->put(schema, most, json_integer(highest));
@@ -244,10 +237,7 @@ void add_list(Writer *writer, json_t *schema, const tavrix_service_param &row) {
     }
     // The retriever of records passes over what it does not know.
     const bool is_closed = std::exchange(writer->is_closed, writer->is_closed && is_array);
-    writer->put(schema, "items",
-                elements == nullptr ? json_object()
-                : is_bare(elements) ? schema_of(writer, *elements, elements->summary)
-                                    : schema_of_object(writer, elements));
+    writer->put(schema, "items", elements == nullptr ? json_object() : schema_of_rows(writer, elements));
     writer->is_closed = is_closed;
 }
 
@@ -255,11 +245,9 @@ void add_list(Writer *writer, json_t *schema, const tavrix_service_param &row) {
 void add_description(Writer *writer, json_t *schema, const tavrix_service_param &row, const char *summary) {
     char text[description_size] = "";
     char allowed[allowed_size] = "";
-    const Storage storage = storage_of(row.kind);
-    const bool is_plain_text = row.kind == TAVRIX_KIND_TEXT && !has_bounds(&row);
-    if (((storage == stored_text && words_allowed(&row) == nullptr) || storage == stored_uint64 ||
-         row.kind == TAVRIX_KIND_FLOAT) &&
-        !is_plain_text) {
+    const bool is_any_text = row.kind == TAVRIX_KIND_TEXT && !has_bounds(&row);
+    const bool is_told = is_any_text || words_allowed(&row) != nullptr;
+    if (is_text(row) && !is_told) {
         describe_allowed(&row, allowed);
     }
     const bool has_summary = summary != nullptr && *summary != '\0';
@@ -271,39 +259,19 @@ void add_description(Writer *writer, json_t *schema, const tavrix_service_param 
 json_t *schema_of(Writer *writer, const tavrix_service_param &row, const char *summary) {
     Json owner(row.kind == TAVRIX_KIND_OBJECT ? schema_of_object(writer, row.members) : json_object());
     json_t *schema = owner.get();
-    switch (storage_of(row.kind)) {
-    case stored_text:
-    case stored_uint64:
+    const Storage storage = storage_of(row.kind);
+    if (is_text(row)) {
         add_text(writer, schema, row);
-        break;
-    case stored_integer:
-        writer->put_text(schema, "type", "integer");
-        add_range(writer, schema, "minimum", lowest_of(&row), "maximum", highest_of(&row));
-        break;
-    case stored_boolean:
-        writer->put_text(schema, "type", "boolean");
-        break;
-    case stored_real:
-        if (row.kind == TAVRIX_KIND_FLOAT) {
-            add_text(writer, schema, row);
-        } else {
-            writer->put_text(schema, "type", "number");
-            if (has_bounds(&row)) {
-                add_range(writer, schema, "minimum", row.min, "maximum", row.max);
-            }
-        }
-        break;
-    case stored_json:
-        if (row.kind == TAVRIX_KIND_ARRAY) {
-            add_list(writer, schema, row);
-        }
-        break;
-    case stored_integers:
-    case stored_ports:
-    case stored_ports_hardware:
-    case stored_mac_filters:
+    } else if (is_list(row)) {
         add_list(writer, schema, row);
-        break;
+    } else if (storage != stored_json) {
+        writer->put_text(schema, "type",
+                         storage == stored_boolean   ? "boolean"
+                         : storage == stored_integer ? "integer"
+                                                     : "number");
+    }
+    if (storage == stored_integer || (row.kind == TAVRIX_KIND_NUMBER && has_bounds(&row))) {
+        add_range(writer, schema, "minimum", lowest_of(&row), "maximum", highest_of(&row));
     }
     add_description(writer, schema, row, summary);
     return owner.release();
@@ -332,62 +300,51 @@ json_t *params_of(Writer *writer, const tavrix_service_method &method) {
 }
 
 json_t *result_of(Writer *writer, const tavrix_service_method &method) {
-    json_t *schema = nullptr;
-    if (method.result == nullptr) {
-        schema = json_pack("{s:s, s:[i]}", "type", "integer", "enum", 0);
-    } else if (is_bare(method.result)) {
-        schema = schema_of(writer, *method.result, method.result->summary);
-    } else {
-        schema = schema_of_object(writer, method.result);
-    }
-    return json_pack("{s:s, s:o}", "name", "result", "schema", schema);
+    return json_pack("{s:s, s:o}", "name", "result", "schema",
+                     method.result != nullptr ? schema_of_rows(writer, method.result)
+                                              : json_pack("{s:s, s:[i]}", "type", "integer", "enum", 0));
 }
 
-/** Which of the retrievers' own codes the rows can bring about. */
-enum RowErrors { wants_c_port = 1, wants_d_port = 2, wants_unit = 4, counts_vlan_ids = 8 };
-
-unsigned errors_of_rows(const tavrix_service_param *rows) {
-    unsigned found = 0;
-    for (; rows != nullptr && rows->name != nullptr; ++rows) {
-        const unsigned kinds_of_port = rows->flags & TAVRIX_ANY_PORT;
-        if (rows->kind == TAVRIX_KIND_VLAN_IDS) {
-            found |= counts_vlan_ids;
-        } else if (rows->kind == TAVRIX_KIND_PORT_ID && (rows->flags & TAVRIX_ALLOW_MZU) != 0) {
-            found |= wants_unit;
-        } else if (rows->kind == TAVRIX_KIND_PORT_ID && kinds_of_port == TAVRIX_ALLOW_C_PORT) {
-            found |= wants_c_port;
-        } else if (rows->kind == TAVRIX_KIND_PORT_ID && kinds_of_port == TAVRIX_ALLOW_D_PORT) {
-            found |= wants_d_port;
-        }
-        found |= errors_of_rows(rows->members);
+/** The retriever's own code for a value of this row; TAVRIX_JRPC_INVALID_PARAMS if it has none. */
+int error_of_row(const tavrix_service_param &row) {
+    const unsigned kinds_of_port = row.flags & TAVRIX_ANY_PORT;
+    if (row.kind != TAVRIX_KIND_PORT_ID) {
+        return row.kind == TAVRIX_KIND_VLAN_IDS ? TAVRIX_JRPC_TOO_MANY_VLAN_IDS : TAVRIX_JRPC_INVALID_PARAMS;
     }
-    return found;
+    return (row.flags & TAVRIX_ALLOW_MZU) != 0    ? TAVRIX_JRPC_EXPECTED_MZU
+           : kinds_of_port == TAVRIX_ALLOW_C_PORT ? TAVRIX_JRPC_EXPECTED_C_PORT
+           : kinds_of_port == TAVRIX_ALLOW_D_PORT ? TAVRIX_JRPC_EXPECTED_D_PORT
+                                                  : TAVRIX_JRPC_INVALID_PARAMS;
+}
+
+/** Whether a value of one of the rows, or of their members, can be refused with this code. */
+bool can_fail_with(const tavrix_service_param *rows, int code) {
+    while (rows != nullptr && rows->name != nullptr && error_of_row(*rows) != code &&
+           !can_fail_with(rows->members, code)) {
+        ++rows;
+    }
+    return rows != nullptr && rows->name != nullptr;
 }
 
 /** What is answered without the handler; what it answers itself is any other row of the catalogue. */
 json_t *errors_of(Writer *writer, const tavrix_service_method &method) {
-    const unsigned found = errors_of_rows(method.params);
     const bool is_checked = method.params != nullptr || (method.flags & TAVRIX_METHOD_STRICT) != 0;
-    const struct {
-        int code;
-        bool possible;
-    } codes[] = {
-        {TAVRIX_JRPC_INVALID_PARAMS, is_checked},
-        {TAVRIX_JRPC_EXPECTED_C_PORT, (found & wants_c_port) != 0},
-        {TAVRIX_JRPC_EXPECTED_D_PORT, (found & wants_d_port) != 0},
-        {TAVRIX_JRPC_EXPECTED_MZU, (found & wants_unit) != 0},
-        {TAVRIX_JRPC_TOO_MANY_VLAN_IDS, (found & counts_vlan_ids) != 0},
-        {TAVRIX_JRPC_TIMED_OUT, true},
-        {TAVRIX_JRPC_SYSTEM_BUSY, true},
-        {TAVRIX_JRPC_INTERNAL_ERROR, true},
-    };
     Json errors(json_array());
-    for (const auto &error : codes) {
-        if (error.possible) {
-            writer->add(errors.get(),
-                        json_pack("{s:i, s:s}", "code", error.code, "message", tavrix_jrpc_error_message(error.code)));
+    const auto add = [writer, &errors](int code) {
+        writer->add(errors.get(), json_pack("{s:i, s:s}", "code", code, "message", tavrix_jrpc_error_message(code)));
+    };
+    if (is_checked) {
+        add(TAVRIX_JRPC_INVALID_PARAMS);
+    }
+    for (const int code : {TAVRIX_JRPC_EXPECTED_C_PORT, TAVRIX_JRPC_EXPECTED_D_PORT, TAVRIX_JRPC_EXPECTED_MZU,
+                           TAVRIX_JRPC_TOO_MANY_VLAN_IDS}) {
+        if (can_fail_with(method.params, code)) {
+            add(code);
         }
     }
+    add(TAVRIX_JRPC_TIMED_OUT);
+    add(TAVRIX_JRPC_SYSTEM_BUSY);
+    add(TAVRIX_JRPC_INTERNAL_ERROR);
     return errors.release();
 }
 
@@ -410,13 +367,9 @@ json_t *examples_of(Writer *writer, const tavrix_service_method &method) {
 json_t *method_of(Writer *writer, const tavrix_service_method &method) {
     Json object(json_pack("{s:s}", "name", method.name));
     Json tags(json_array());
-    const struct {
-        unsigned flag;
-        const char *tag;
-    } flags[] = {{TAVRIX_METHOD_READS, "reads"}, {TAVRIX_METHOD_CHANGES, "changes"}};
-    for (const auto &row : flags) {
-        if ((method.flags & row.flag) != 0) {
-            writer->add(tags.get(), json_pack("{s:s}", "name", row.tag));
+    for (const auto &[flag, tag] : {std::pair(TAVRIX_METHOD_READS, "reads"), {TAVRIX_METHOD_CHANGES, "changes"}}) {
+        if ((method.flags & flag) != 0) {
+            writer->add(tags.get(), json_pack("{s:s}", "name", tag));
         }
     }
     writer->put_text(object.get(), "summary", method.summary);

@@ -166,14 +166,14 @@ Record *next_of(const Record *record) {
 
 // --- Parameters ----------------------------------------------------------------------------------------------------
 
-/** Memory that lives as long as a call; the first bytes lie in the call itself. */
-struct ArenaChunk {
-    ArenaChunk *next;
+struct alignas(std::max_align_t) ArenaChunk {
+    ArenaChunk *next; ///< its bytes lie behind
 };
+/** Memory that lives as long as a call; the first bytes lie in the call itself. */
 struct Arena {
     ArenaChunk *chunks;
     size_t used;
-    alignas(std::max_align_t) char first[640];
+    alignas(ArenaChunk) char first[640];
 };
 void *arena_take(Arena *arena, size_t size);
 void arena_clear(Arena *arena);
@@ -200,8 +200,14 @@ int check_params(const tavrix_service_method *method, json_t *params, Arena *are
                  json_t **data_out);
 /** Checks that a method's rows can be served, all the way down; logs what is wrong with them. */
 bool check_rows(const tavrix_service_method &method);
-/** The row of that name; null without one. The rows may be null. */
-const tavrix_service_param *find_row(const tavrix_service_param *rows, const char *name);
+/** The row of that name, of parameters or of methods; null without one. The rows may be null. */
+template <class Row>
+const Row *find_row(const Row *rows, const char *name) {
+    while (rows != nullptr && rows->name != nullptr && std::strcmp(rows->name, name) != 0) {
+        ++rows;
+    }
+    return rows != nullptr && rows->name != nullptr ? rows : nullptr;
+}
 /** Whether the rows are one without a name: the value itself. */
 bool is_bare(const tavrix_service_param *rows);
 
@@ -237,8 +243,6 @@ const char *example_of_kind(tavrix_kind kind);
 const char *const *words_allowed(const tavrix_service_param *row);
 /** For people. */
 void describe_allowed(const tavrix_service_param *row, char (&out)[allowed_size]);
-/** The table in which a row's word has its position; null for a kind without words. */
-const char *const *words_of(const tavrix_service_param *row);
 
 // --- Calls ---------------------------------------------------------------------------------------------------------
 
@@ -247,7 +251,7 @@ struct Client;
 } // namespace kit
 
 struct tavrix_call {
-    kit::Entry entry; ///< in the directory once it is deferred; `next` chains the spare ones
+    kit::Entry entry; ///< in the directory once it is deferred
     kit::Alarm deadline;
     tavrix_service *service;
     const tavrix_service_method *row;
@@ -294,7 +298,6 @@ void abandon_cancelled_call(tavrix_service *service, const json_t *transaction_i
 void abandon_call(tavrix_call *call);
 /** Answers what is still deferred: the service ends. */
 void refuse_deferred_calls(tavrix_service *service);
-void free_spare_calls(tavrix_service *service);
 
 // --- Discovery -----------------------------------------------------------------------------------------------------
 
@@ -339,7 +342,6 @@ bool session_is_connected(const tavrix_service *service);
 /** Appends a line; written at the end of this turn of the loop. False when it is not connected, or without memory. */
 bool session_write(tavrix_service *service, const char *text, size_t length);
 void session_close(tavrix_service *service);
-bool session_has_unwritten(const tavrix_service *service);
 /** Says ready: once a connection. */
 void become_ready(tavrix_service *service);
 
@@ -357,8 +359,8 @@ struct Endpoint {
 };
 
 struct Bus {
-    int pub; ///< -1 without
-    int sub;
+    int pub = -1;
+    int sub = -1;
     bool sub_listens;
     event readable;
     Endpoint *endpoints;
@@ -369,13 +371,13 @@ struct Bus {
     uint64_t heard;
 };
 
-void bus_prepare(tavrix_service *service);
 /** Binds the options' addresses; logs what fails. */
 bool bus_publish_given(tavrix_service *service);
 /** Does what the answer to router.Bus says; false, with a log line, when that cannot be done. */
 bool bus_follow(tavrix_service *service, const json_t *answer);
 bool bus_start(tavrix_service *service);
-void bus_service_up(tavrix_service *service, const json_t *params);
+/** A service that the router tells of; the service itself is passed over, and every one by a client. */
+void bus_service_up(tavrix_service *service, const json_t *description);
 void bus_service_down(tavrix_service *service, const json_t *params);
 /** The router has gone: nothing goes on trying to reach it. */
 void bus_router_gone(tavrix_service *service);
@@ -397,7 +399,6 @@ const char *bus_error();
 /** Sends it at once over a connection, also before the registration is through; otherwise it waits for one. */
 uint64_t send_request(tavrix_service *service, const char *method, json_t *params, int timeout_ms,
                       tavrix_answer_callback callback, void *user);
-void send_waiting_requests(tavrix_service *service);
 /** The answer to a request, when it is one of those in flight. */
 void take_response(tavrix_service *service, const json_t *response);
 /** Ends all that are in flight, or with `sent_only` those that the lost connection has taken along. */
@@ -407,8 +408,8 @@ Printable words_of(const tavrix_answer *answer);
 /** A text {"jsonrpc", "method", "params", "id"}; takes `params`; 0 is no id. Null without memory. */
 Text request_text(const char *method, json_t *params, uint64_t id);
 
-/** Subscribes anew, over a new connection; false without memory. */
-bool send_subscriptions(tavrix_service *service);
+/** Subscribes anew, over a new connection, and sends the requests that have waited for it; false without memory. */
+bool send_what_waits(tavrix_service *service);
 void take_notification(tavrix_service *service, const json_t *message, const char *method);
 void tell_lost(tavrix_service *service, uint64_t count);
 /** Each cancels its kind of entry; false when that has ended already, in a callback of the same notification. */
@@ -442,12 +443,9 @@ struct tavrix_service {
     bool running; ///< tavrix_service_run() is on the stack
     bool stopping;
     bool failed;
-    event signals[3];
-    bool has_signals;
+    event signals[3]; ///< those that have been assigned are caught
     int reply_timeout_ms;
     kit::Directory directory;
-    tavrix_call *spare_calls;
-    size_t spare_count;
     kit::Session session;
     kit::Bus bus;
     kit::EntryList clients; ///< who has been silent for longest stands first

@@ -79,16 +79,6 @@ tavrix_call *call_of(const Client *client) {
     return call;
 }
 
-/** The client has gone: nobody waits for its call any more. */
-void drop_client(Client *client) {
-    tavrix_call *call = call_of(client);
-    if (call != nullptr) {
-        call->client = nullptr;
-        abandon_call(call);
-    }
-    free_client(client);
-}
-
 void watch_client(Client *client, short what, int timeout_ms, event_callback_fn callback) {
     event_del(&client->ready);
     event_assign(&client->ready, client->service->base, client->fd, what, callback, client);
@@ -117,8 +107,13 @@ void on_client_moves(evutil_socket_t fd, short /*what*/, void *argument) {
     }
     pollfd descriptor{fd, 0, 0};
     const bool gone = count < 0 || (poll(&descriptor, 1, 0) == 1 && (descriptor.revents & (POLLHUP | POLLERR)) != 0);
+    tavrix_call *call = gone ? call_of(client) : nullptr;
+    if (call != nullptr) {
+        call->client = nullptr;
+        abandon_call(call);
+    }
     if (gone) {
-        drop_client(client);
+        free_client(client);
     } else {
         event_del(&client->ready); // the end of its side is known; its call has a deadline
     }
@@ -234,13 +229,6 @@ void take_client(Listener *listener, int fd) {
     }
 }
 
-void pause(Listener *listener) {
-    const timeval time = time_of_ms(pause_ms);
-    if (evtimer_add(&listener->pause, &time) == 0) {
-        event_del(&listener->readable);
-    }
-}
-
 void on_acceptable(evutil_socket_t fd, short /*what*/, void *argument) {
     auto *listener = static_cast<Listener *>(argument);
     for (int left = clients_per_turn; left > 0; --left) {
@@ -249,7 +237,10 @@ void on_acceptable(evutil_socket_t fd, short /*what*/, void *argument) {
             take_client(listener, client);
         } else if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
             LOG_ERROR("Cannot accept a client: %s; pausing\n", std::strerror(errno));
-            pause(listener);
+            const timeval time = time_of_ms(pause_ms);
+            if (evtimer_add(&listener->pause, &time) == 0) {
+                event_del(&listener->readable);
+            }
             return;
         } else if (errno != EINTR && errno != ECONNABORTED) {
             return;

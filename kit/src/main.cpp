@@ -104,11 +104,6 @@ bool read_command_line(int argc, char **argv, CommandLine *line) {
     return optind == argc || complain(program, "unexpected word:", argv[optind]);
 }
 
-int start(tavrix_service *service, const tavrix_service_options &options) {
-    const int rc = options.start != nullptr ? options.start(service, options.user) : TAVRIX_OK;
-    return rc < 0 ? rc : tavrix_service_run(service);
-}
-
 } // namespace
 
 int tavrix_service_main(const tavrix_service_options *options, int argc, char **argv) {
@@ -129,7 +124,8 @@ int tavrix_service_main(const tavrix_service_options *options, int argc, char **
     tavrix_service *service = nullptr;
     int rc = tavrix_service_open(&line.options, &service);
     if (rc == TAVRIX_OK) {
-        rc = start(service, line.options);
+        rc = options->start != nullptr ? options->start(service, options->user) : TAVRIX_OK;
+        rc = rc < 0 ? rc : tavrix_service_run(service);
         if (options->stop != nullptr) {
             options->stop(service, options->user);
         }

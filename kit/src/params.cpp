@@ -249,8 +249,6 @@ struct Place {
     json_t *object;
     json_t *value; ///< null when it is absent
     const char *path;
-
-    const char *key() const { return row->name; }
 };
 
 /** 17 digits tell every real from the next, and show 4.9999 as 4.9999000000000002: 15 are enough for what people write.
@@ -343,21 +341,16 @@ int check_rows_of(const Check &check, const tavrix_service_param *rows, json_t *
 template <class Retriever, class... Out>
 int retrieve(const Check &check, const Place &place, Retriever retriever, Out... out) {
     json_t *library = nullptr;
-    const int rc = retriever(place.object, &library, place.key(), out...);
+    const int rc = retriever(place.object, &library, place.row->name, out...);
     return rc == TAVRIX_OK ? TAVRIX_OK : refuse(check, place, rc, library);
 }
 
 /** A number that 32 bits do not hold, anywhere in the value: the library would cut it to some other number. */
 bool holds_wide_integer(const json_t *value, size_t depth = 0) {
-    if (json_is_integer(value)) {
-        return json_integer_value(value) < INT32_MIN || json_integer_value(value) > INT32_MAX;
-    }
-    bool wide = false;
-    if (json_is_array(value)) {
-        for (size_t i = 0; i < json_array_size(value) && !wide && depth < max_depth; ++i) {
-            wide = holds_wide_integer(json_array_get(value, i), depth + 1);
-        }
-        return wide;
+    const json_int_t number = json_integer_value(value); // 0 for another type
+    bool wide = number < INT32_MIN || number > INT32_MAX;
+    for (size_t i = 0; i < json_array_size(value) && !wide && depth < max_depth; ++i) {
+        wide = holds_wide_integer(json_array_get(value, i), depth + 1);
     }
     const char *key = nullptr;
     json_t *member = nullptr;
@@ -386,14 +379,13 @@ int retrieve_text(const Check &check, const Place &place, char *out, size_t size
     }
 }
 
-bool find_word(const char *const *words, const char *text, int *position) {
-    for (int i = 0; words[i] != nullptr; ++i) {
-        if (std::strcmp(words[i], text) == 0) {
-            *position = i;
-            return true;
-        }
+/** -1 when the text is none of the words. */
+int position_of(const char *const *words, const char *text) {
+    int i = 0;
+    while (words[i] != nullptr && std::strcmp(words[i], text) != 0) {
+        ++i;
     }
-    return false;
+    return words[i] != nullptr ? i : -1;
 }
 
 /** In UTF-8 each character has one byte that continues no other's: a schema's minLength and maxLength count those. */
@@ -423,16 +415,11 @@ int check_text(const Check &check, const Place &place, Value *value) {
     value->text = out;
     const bool is_bounded = row.kind == TAVRIX_KIND_TEXT && has_bounds(&row);
     const int64_t count = is_bounded ? count_characters(out) : 0;
-    if (is_bounded && (count < row.min || count > row.max)) {
-        return refuse(check, place);
-    }
-    int position = 0;
-    const char *const *words = words_of(&row);
-    if (words != nullptr && !find_word(words, out, &position)) {
-        return refuse(check, place);
-    }
-    value->integer = position;
-    return TAVRIX_OK;
+    const bool fits = !is_bounded || (count >= row.min && count <= row.max);
+    const char *const *positions = kinds[row.kind].positions;
+    const char *const *words = positions != nullptr ? positions : words_allowed(&row);
+    value->integer = words != nullptr ? position_of(words, out) : 0;
+    return fits && value->integer >= 0 ? TAVRIX_OK : refuse(check, place);
 }
 
 int check_integer(const Check &check, const Place &place, Value *value) {
@@ -443,14 +430,9 @@ int check_integer(const Check &check, const Place &place, Value *value) {
     }
     int number = 0;
     const int rc = retrieve(check, place, kinds[place.row->kind].integer, &number);
-    if (rc != TAVRIX_OK) {
-        return rc;
-    }
-    if (given < lowest_of(place.row) || given > highest_of(place.row)) {
-        return refuse(check, place);
-    }
+    const bool fits = given >= lowest_of(place.row) && given <= highest_of(place.row);
     value->integer = is_plain ? static_cast<int64_t>(given) : number;
-    return TAVRIX_OK;
+    return rc == TAVRIX_OK && !fits ? refuse(check, place) : rc;
 }
 
 int check_boolean(const Check &check, const Place &place, Value *value) {
@@ -494,29 +476,22 @@ int refuse_type(const Check &check, const Place &place) {
 int check_array(const Check &check, const Place &place) {
     json_t *array = nullptr;
     const tavrix_service_param &row = *place.row;
-    const int rc = retrieve(check, place, tavrix_jrpc_utils_parse_input_array, &array);
-    if (rc != TAVRIX_OK) {
-        return rc;
-    }
+    int rc = retrieve(check, place, tavrix_jrpc_utils_parse_input_array, &array);
     const auto count = static_cast<int64_t>(json_array_size(array));
-    if (has_bounds(&row) && (count < row.min || count > row.max)) {
+    if (rc == TAVRIX_OK && has_bounds(&row) && (count < row.min || count > row.max)) {
         return refuse(check, place);
     }
-    for (size_t i = 0; row.members != nullptr && i < json_array_size(array); ++i) {
+    for (size_t i = 0; rc == TAVRIX_OK && row.members != nullptr && i < json_array_size(array); ++i) {
         char path[path_size];
         std::snprintf(path, sizeof path, "%s[%zu]", place.path, i);
         json_t *element = json_array_get(array, i);
         const bool bare = is_bare(row.members);
         const Json holder(bare ? json_pack("{s:O}", "", element) : json_incref(element));
-        if (!bare && !json_is_object(element)) {
-            return refuse(check, place, TAVRIX_ERR_INVALID_PARAMETER, nullptr, "holds an element that is no object");
-        }
-        const int status = check_rows_of(check, row.members, holder.get(), path, nullptr);
-        if (status != TAVRIX_OK) {
-            return status;
-        }
+        rc = bare || json_is_object(element)
+                 ? check_rows_of(check, row.members, holder.get(), path, nullptr)
+                 : refuse(check, place, TAVRIX_ERR_INVALID_PARAMETER, nullptr, "holds an element that is no object");
     }
-    return TAVRIX_OK;
+    return rc;
 }
 
 int check_json(const Check &check, const Place &place, Value * /*value*/) {
@@ -550,11 +525,8 @@ int check_real(const Check &check, const Place &place, Value *value) {
     if (!json_is_number(place.value)) {
         return refuse_type(check, place);
     }
-    if (!is_within_bounds(place.value, *place.row)) {
-        return refuse(check, place);
-    }
     value->real = json_number_value(place.value);
-    return TAVRIX_OK;
+    return is_within_bounds(place.value, *place.row) ? TAVRIX_OK : refuse(check, place);
 }
 
 // --- Lists of records ----------------------------------------------------------------------------------------------
@@ -572,14 +544,9 @@ int check_vlan_ids(const Check &check, const Place &place, Value *value) {
         return TAVRIX_ERR_NO_MEMORY;
     }
     const int rc = retrieve(check, place, tavrix_jrpc_utils_retrieve_input_vlan_ids, ids, &value->count);
-    if (rc != TAVRIX_OK) {
-        return rc;
-    }
-    if (value->count < place.row->min || value->count > most_records(place.row)) {
-        return refuse(check, place);
-    }
+    const bool fits = value->count >= place.row->min && value->count <= most_records(place.row);
     value->records = ids;
-    return TAVRIX_OK;
+    return rc == TAVRIX_OK && !fits ? refuse(check, place) : rc;
 }
 
 template <class Record, auto retriever>
@@ -665,13 +632,8 @@ int refuse_unknown(const Check &check, const tavrix_service_param *rows, json_t 
 /** `values` may be null: what lies inside another value is checked only. */
 int check_rows_of(const Check &check, const tavrix_service_param *rows, json_t *object, const char *path,
                   Value *values) {
-    if (check.strict != nullptr) {
-        const int rc = refuse_unknown(check, rows, object, path);
-        if (rc != TAVRIX_OK) {
-            return rc;
-        }
-    }
-    for (size_t i = 0; rows != nullptr && rows[i].name != nullptr; ++i) {
+    int rc = check.strict != nullptr ? refuse_unknown(check, rows, object, path) : TAVRIX_OK;
+    for (size_t i = 0; rc == TAVRIX_OK && rows != nullptr && rows[i].name != nullptr; ++i) {
         json_t *value = json_object_get(object, rows[i].name);
         if (value == nullptr && (rows[i].flags & TAVRIX_OPTIONAL) != 0) {
             continue;
@@ -679,14 +641,10 @@ int check_rows_of(const Check &check, const tavrix_service_param *rows, json_t *
         const Path own_path(path, rows[i].name);
         Value unused{};
         Value *place_for_value = values != nullptr ? &values[i] : &unused;
-        const int rc =
-            checks[storage_of(rows[i].kind)](check, {&rows[i], object, value, own_path.text}, place_for_value);
-        if (rc != TAVRIX_OK) {
-            return rc;
-        }
-        place_for_value->present = true;
+        rc = checks[storage_of(rows[i].kind)](check, {&rows[i], object, value, own_path.text}, place_for_value);
+        place_for_value->present = rc == TAVRIX_OK;
     }
-    return TAVRIX_OK;
+    return rc;
 }
 
 // --- The table -----------------------------------------------------------------------------------------------------
@@ -780,15 +738,6 @@ bool check_table_rows(const Rows &place) {
 
 } // namespace
 
-const tavrix_service_param *find_row(const tavrix_service_param *rows, const char *name) {
-    for (; rows != nullptr && rows->name != nullptr; ++rows) {
-        if (std::strcmp(rows->name, name) == 0) {
-            return rows;
-        }
-    }
-    return nullptr;
-}
-
 bool is_bare(const tavrix_service_param *rows) {
     return rows != nullptr && rows->name != nullptr && rows->name[0] == '\0';
 }
@@ -801,11 +750,6 @@ void describe_allowed(const tavrix_service_param *row, char (&out)[allowed_size]
     Words words;
     describe_allowed(row, &words);
     std::memcpy(out, words.text, sizeof out);
-}
-
-const char *const *words_of(const tavrix_service_param *row) {
-    const char *const *positions = row->kind == TAVRIX_KIND_WORD ? nullptr : kinds[row->kind].positions;
-    return positions != nullptr ? positions : words_allowed(row);
 }
 
 int check_params(const tavrix_service_method *method, json_t *params, Arena *arena, Value **values_out,

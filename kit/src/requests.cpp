@@ -54,12 +54,9 @@ void end_request(Request *request, const tavrix_answer &answer) {
 }
 
 tavrix_answer failure(tavrix_outcome outcome) {
-    int code = 0;
-    if (outcome == TAVRIX_OUTCOME_TIMEOUT) {
-        code = TAVRIX_JRPC_TIMED_OUT;
-    } else if (outcome == TAVRIX_OUTCOME_GONE) {
-        code = TAVRIX_JRPC_METHOD_NOT_FOUND;
-    }
+    const int code = outcome == TAVRIX_OUTCOME_TIMEOUT ? TAVRIX_JRPC_TIMED_OUT
+                     : outcome == TAVRIX_OUTCOME_GONE  ? TAVRIX_JRPC_METHOD_NOT_FOUND
+                                                       : 0;
     return {outcome, nullptr, code, code != 0 ? tavrix_jrpc_error_message(code) : "Cancelled", nullptr};
 }
 
@@ -82,25 +79,6 @@ tavrix_answer answer_of(const json_t *response) {
         outcome = TAVRIX_OUTCOME_GONE; // the router names the channel that nobody serves
     }
     return {outcome, nullptr, code, message != nullptr ? message : "", data};
-}
-
-// --- Making ---------------------------------------------------------------------------------------------------------
-
-Request *make_request(tavrix_service *service, int timeout_ms, tavrix_answer_callback callback, void *user) {
-    auto *request = make<Request>();
-    if (request == nullptr) {
-        return nullptr;
-    }
-    request->service = service;
-    request->callback = callback;
-    request->user = user;
-    evtimer_assign(&request->timer.ready, service->base, on_timeout, request);
-    if (!set_alarm(&request->timer, timeout_ms)) {
-        unmake(request);
-        return nullptr;
-    }
-    enter(&service->directory, &request->entry, entry_request);
-    return request;
 }
 
 uint64_t cannot_request(const char *method, const char *why) {
@@ -166,15 +144,23 @@ Text request_text(const char *method, json_t *params, uint64_t id) {
 uint64_t send_request(tavrix_service *service, const char *method, json_t *params, int timeout_ms,
                       tavrix_answer_callback callback, void *user) {
     Json params_owner(params);
-    Request *request = make_request(service, timeout_ms, callback, user);
+    auto *request = make<Request>();
     if (request == nullptr) {
         return cannot_request(method, "no memory");
     }
-    Text text = request_text(method, params_owner.release(), request->entry.number);
+    request->service = service;
+    request->callback = callback;
+    request->user = user;
+    evtimer_assign(&request->timer.ready, service->base, on_timeout, request);
+    const uint64_t number = enter(&service->directory, &request->entry, entry_request);
+    const bool ends_in_time = set_alarm(&request->timer, timeout_ms);
+    Text text = request_text(method, params_owner.release(), number);
     const size_t length = text ? std::strlen(text.get()) : 0;
     const Obstacle obstacle(text ? text.get() : "", max_request_line);
     const char *why = nullptr;
-    if (!text) {
+    if (!ends_in_time) {
+        why = "no memory";
+    } else if (!text) {
         why = "no memory, or no UTF-8";
     } else if (length >= max_request_line) {
         static_assert(max_request_line == 65536);
@@ -190,17 +176,7 @@ uint64_t send_request(tavrix_service *service, const char *method, json_t *param
         forget_request(request);
         return cannot_request(method, why);
     }
-    return request->entry.number;
-}
-
-void send_waiting_requests(tavrix_service *service) {
-    const EntryList &list = service->directory.lists[entry_request];
-    for (auto *request = first_of<Request>(list); request != nullptr; request = next_of(request)) {
-        if (request->waiting != nullptr && session_write(service, request->waiting, std::strlen(request->waiting))) {
-            std::free(request->waiting);
-            request->waiting = nullptr;
-        }
-    }
+    return number;
 }
 
 void take_response(tavrix_service *service, const json_t *response) {
@@ -233,7 +209,7 @@ bool cancel_request(tavrix_service * /*service*/, Entry *entry) {
     return true;
 }
 
-bool send_subscriptions(tavrix_service *service) {
+bool send_what_waits(tavrix_service *service) {
     Json patterns(json_array());
     size_t count = 0;
     for (auto *one = first_subscription(service); one != nullptr; one = next_of(one)) {
@@ -242,8 +218,18 @@ bool send_subscriptions(tavrix_service *service) {
             ++count;
         }
     }
-    return count == 0 ||
-           (json_array_size(patterns.get()) == count && send_patterns(service, names::subscribe, patterns.release()));
+    if (count > 0 &&
+        (json_array_size(patterns.get()) != count || !send_patterns(service, names::subscribe, patterns.release()))) {
+        return false;
+    }
+    const EntryList &list = service->directory.lists[entry_request];
+    for (auto *request = first_of<Request>(list); request != nullptr; request = next_of(request)) {
+        if (request->waiting != nullptr && session_write(service, request->waiting, std::strlen(request->waiting))) {
+            std::free(request->waiting);
+            request->waiting = nullptr;
+        }
+    }
+    return true;
 }
 
 void take_notification(tavrix_service *service, const json_t *message, const char *method) {
@@ -317,10 +303,10 @@ namespace {
 
 /** A connection of its own, for one request. */
 struct Conversation {
+    int64_t end_ms;
     tavrix::Descriptor fd;
     Buffer in{};
     Buffer out{};
-    int64_t end_ms = 0;
 
     ~Conversation() {
         buffer_free(&in);
@@ -338,19 +324,6 @@ struct Conversation {
         }
     }
 };
-
-int open_conversation(const char *session, Conversation *out) {
-    const char *path = tavrix::session_path(session);
-    if (std::strlen(path) > TAVRIX_SOCKET_MAX_PATH) {
-        return TAVRIX_ERR_PARAMETER;
-    }
-    out->fd = tavrix::connect_unix(path);
-    if (!out->fd) {
-        LOG_ERROR("Cannot reach the router at %s: %s; is it running?\n", Printable(path).text, std::strerror(errno));
-        return TAVRIX_ERR_CONNECT_TIMEOUT;
-    }
-    return TAVRIX_OK;
-}
 
 int send_line(Conversation *conversation, const char *text) {
     Buffer *out = &conversation->out;
@@ -401,17 +374,24 @@ int tavrix_request_wait(const char *session, const char *method, json_t *params,
     if (is_inside_a_loop()) {
         LOG_WARNING("Waiting for %s: nothing else is served meanwhile\n", Printable(method).text);
     }
-    Conversation conversation;
-    conversation.end_ms = now_ms() + timeout_ms;
-    int rc = open_conversation(session, &conversation);
-    const Text text = request_text(method, owner.release(), 1);
-    if (rc == TAVRIX_OK && !text) {
-        rc = TAVRIX_ERR_NO_MEMORY;
-    } else if (const Obstacle obstacle(rc == TAVRIX_OK ? text.get() : "", SIZE_MAX); obstacle) {
-        cannot_request(method, obstacle.words);
-        rc = TAVRIX_ERR_PARAMETER;
+    const char *path = tavrix::session_path(session);
+    if (std::strlen(path) > TAVRIX_SOCKET_MAX_PATH) {
+        return TAVRIX_ERR_PARAMETER;
     }
-    rc = rc == TAVRIX_OK ? send_line(&conversation, text.get()) : rc;
+    Conversation conversation{now_ms() + timeout_ms, tavrix::connect_unix(path)};
+    if (!conversation.fd) {
+        LOG_ERROR("Cannot reach the router at %s: %s; is it running?\n", Printable(path).text, std::strerror(errno));
+        return TAVRIX_ERR_CONNECT_TIMEOUT;
+    }
+    const Text text = request_text(method, owner.release(), 1);
+    if (!text) {
+        return TAVRIX_ERR_NO_MEMORY;
+    }
+    if (const Obstacle obstacle(text.get(), SIZE_MAX); obstacle) {
+        cannot_request(method, obstacle.words);
+        return TAVRIX_ERR_PARAMETER;
+    }
+    int rc = send_line(&conversation, text.get());
     rc = rc == TAVRIX_OK ? read_line(&conversation) : rc;
     if (rc != TAVRIX_OK) {
         if (is_single_answer(conversation.in)) {

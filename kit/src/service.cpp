@@ -51,15 +51,7 @@ bool install_signals(tavrix_service *service) {
             return false;
         }
     }
-    service->has_signals = true;
     return true;
-}
-
-void remove_signals(tavrix_service *service) {
-    for (size_t i = 0; service->has_signals && i < 3; ++i) {
-        evsignal_del(&service->signals[i]);
-    }
-    service->has_signals = false;
 }
 
 // --- Opening -------------------------------------------------------------------------------------------------------
@@ -100,12 +92,7 @@ bool check_method(tavrix_service *service, const tavrix_service_method *methods,
         return false;
     }
     service->channel = channel;
-    for (size_t i = 0; i < index; ++i) {
-        if (std::strcmp(methods[i].name, row.name) == 0) {
-            return refuse_table(row.name, "has two rows");
-        }
-    }
-    return check_rows(row);
+    return find_row(methods, row.name) == &row ? check_rows(row) : refuse_table(row.name, "has two rows");
 }
 
 bool check_table(tavrix_service *service) {
@@ -122,18 +109,6 @@ bool check_table(tavrix_service *service) {
     return true;
 }
 
-bool make_base(tavrix_service *service) {
-    service->base = service->options.base;
-    if (service->base == nullptr) {
-        service->base = event_base_new();
-        service->owns_base = service->base != nullptr;
-    }
-    if (service->base == nullptr) {
-        LOG_ERROR("Cannot make an event loop: %s\n", std::strerror(errno));
-    }
-    return service->base != nullptr;
-}
-
 int open_service(tavrix_service *service) {
     const tavrix_service_options &options = service->options;
     if (options.name == nullptr || !tavrix::is_service_name(options.name)) {
@@ -146,7 +121,10 @@ int open_service(tavrix_service *service) {
     if (!check_table(service)) {
         return TAVRIX_ERR_PARAMETER;
     }
-    if (!make_base(service)) {
+    service->owns_base = options.base == nullptr;
+    service->base = service->owns_base ? event_base_new() : options.base;
+    if (service->base == nullptr) {
+        LOG_ERROR("Cannot make an event loop: %s\n", std::strerror(errno));
         return TAVRIX_ERR_NO_MEMORY;
     }
     if (!session_prepare(service)) {
@@ -163,14 +141,11 @@ int open_service(tavrix_service *service) {
 
 // --- The end -------------------------------------------------------------------------------------------------------
 
-bool has_unsaid(tavrix_service *service) {
-    return session_has_unwritten(service) || clients_have_unwritten(service) || !bus_is_heard(service);
-}
-
 /** Lets the loop write what stands in the buffers, and hear that the bus has carried the rest, for a second at most. */
 void write_the_rest(tavrix_service *service) {
     const int64_t end = now_ms() + farewell_ms;
-    while (now_ms() < end && has_unsaid(service)) {
+    while (now_ms() < end &&
+           (service->session.out.size() > 0 || clients_have_unwritten(service) || !bus_is_heard(service))) {
         const timeval tick = time_of_ms(end - now_ms());
         event_base_loopexit(service->base, &tick);
         event_base_loop(service->base, EVLOOP_ONCE);
@@ -181,12 +156,6 @@ void write_the_rest(tavrix_service *service) {
 constexpr bool (*cancellations[entry_type_count])(tavrix_service *service, Entry *entry) = {
     nullptr, cancel_request, cancel_subscription, cancel_timer, close_listener};
 static_assert(entry_call == 0 && entry_request == 1 && entry_subscription == 2 && entry_timer == 3, "their order");
-
-void cancel_all(tavrix_service *service, EntryType type) {
-    while (Entry *entry = service->directory.lists[type].first) {
-        cancellations[type](service, entry);
-    }
-}
 
 // --- Timers --------------------------------------------------------------------------------------------------------
 
@@ -247,7 +216,7 @@ int tavrix_service_open(const tavrix_service_options *options, tavrix_service **
     }
     service->options = *options;
     service->reply_timeout_ms = tavrix::default_reply_timeout_ms;
-    bus_prepare(service);
+    service->bus = Bus{};
     service->session.fd = -1;
     const int rc = open_service(service);
     if (rc != TAVRIX_OK) {
@@ -319,15 +288,20 @@ void tavrix_service_close(tavrix_service *service) {
     if (service->base != nullptr) {
         end_everything(service);
         session_close(service);
-        cancel_all(service, entry_subscription);
-        cancel_all(service, entry_timer);
-        cancel_all(service, entry_listener);
+        for (const EntryType type : {entry_subscription, entry_timer, entry_listener}) {
+            while (Entry *entry = service->directory.lists[type].first) {
+                cancellations[type](service, entry);
+            }
+        }
         close_clients(service);
-        remove_signals(service);
+        for (event &signal : service->signals) {
+            if (event_initialized(&signal) != 0) {
+                evsignal_del(&signal);
+            }
+        }
     }
     bus_close(service);
-    free_spare_calls(service);
-    if (service->owns_base) {
+    if (service->owns_base && service->base != nullptr) {
         event_base_free(service->base);
     }
     std::free(service);

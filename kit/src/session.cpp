@@ -28,44 +28,29 @@ constexpr size_t short_read_size = 16384;
 constexpr size_t read_size = 65536; // once a line has begun: long ones are read in larger pieces
 
 void lose_session(tavrix_service *service, const char *why);
-void ask_for_bus(tavrix_service *service);
-
-// --- Ready ---------------------------------------------------------------------------------------------------------
-
-void notify_manager() {
-    const char *path = tavrix::ready_notice_address();
-    if (path != nullptr && !tavrix::send_ready_notice(path)) {
-        LOG_ERROR("Cannot tell the service manager at %s that the service is ready: %s\n", Printable(path).text,
-                  std::strerror(errno));
-    }
-}
 
 // --- Registration --------------------------------------------------------------------------------------------------
 
-void retry_in(tavrix_service *service, int ms) {
-    const timeval time = time_of_ms(ms);
-    if (evtimer_add(&service->session.retry, &time) != 0) {
-        LOG_ERROR("Cannot wait for the router: no memory\n");
-        give_up(service); // it would never ask again; whoever starts services starts this one anew
-    }
-}
-
 const char *hint_for(int code) {
-    switch (code) {
-    case TAVRIX_JRPC_NOT_UNIQUE:
-        return "; is another one running?";
-    case TAVRIX_JRPC_METHOD_NOT_FOUND:
-        return "; do its policy and this process's user fit?";
-    case TAVRIX_JRPC_TIMED_OUT:
-        return "; can it reach the addresses that this service publishes on?";
-    default:
-        return "";
-    }
+    return code == TAVRIX_JRPC_NOT_UNIQUE         ? "; is another one running?"
+           : code == TAVRIX_JRPC_METHOD_NOT_FOUND ? "; do its policy and this process's user fit?"
+           : code == TAVRIX_JRPC_TIMED_OUT        ? "; can it reach the addresses that this service publishes on?"
+                                                  : "";
 }
 
 /** Whether the service ends instead of waiting: at its start only, and if it is to. */
 bool is_needed(const tavrix_service *service) {
     return (service->options.flags & TAVRIX_SERVICE_NEED_ROUTER) != 0 && !service->session.was_ready;
+}
+
+void ask_again_in(tavrix_service *service, int ms) {
+    const timeval time = time_of_ms(ms);
+    if (is_needed(service)) {
+        give_up(service);
+    } else if (evtimer_add(&service->session.retry, &time) != 0) {
+        LOG_ERROR("Cannot wait for the router: no memory\n");
+        give_up(service); // it would never ask again; whoever starts services starts this one anew
+    }
 }
 
 /** Whether an answer is no more to anybody: the next connection asks anew. */
@@ -76,16 +61,15 @@ bool is_stale(const tavrix_service *service, const tavrix_answer *answer) {
 /** Tells a refusal once, however often it is repeated, and asks again later. */
 void registration_failed(tavrix_service *service, const tavrix_answer *answer) {
     Session *session = &service->session;
+    if (is_stale(service, answer)) {
+        return;
+    }
     if (session->refusal != answer->code) {
         session->refusal = answer->code;
         LOG_ERROR("The router at %s refuses %s: %s (%s)%s\n", session->path, service->name, words_of(answer).text,
                   answer->message, hint_for(answer->code));
     }
-    if (is_needed(service)) {
-        give_up(service);
-        return;
-    }
-    retry_in(service, last_backoff_ms);
+    ask_again_in(service, last_backoff_ms);
 }
 
 /** The service is there for everybody, described or not. */
@@ -112,7 +96,7 @@ void send_description(tavrix_service *service) {
 void on_registered(tavrix_service *service, const tavrix_answer *answer, void * /*user*/) {
     if (answer->outcome == TAVRIX_OUTCOME_RESULT) {
         send_description(service);
-    } else if (!is_stale(service, answer)) {
+    } else {
         registration_failed(service, answer);
     }
 }
@@ -149,9 +133,7 @@ void send_registration(tavrix_service *service) {
 
 void on_bus_known(tavrix_service *service, const tavrix_answer *answer, void * /*user*/) {
     if (answer->outcome != TAVRIX_OUTCOME_RESULT) {
-        if (!is_stale(service, answer)) {
-            registration_failed(service, answer);
-        }
+        registration_failed(service, answer);
         return;
     }
     const json_t *timeout = json_object_get(answer->result, "reply_timeout_ms");
@@ -270,11 +252,11 @@ void on_readable(evutil_socket_t fd, short /*what*/, void *argument) {
 
 // --- Connection ----------------------------------------------------------------------------------------------------
 
-/** Every end of a connection, and every attempt that failed. */
+/** After every end of a connection, and every attempt that failed. */
 void wait_for_router(tavrix_service *service) {
     Session *session = &service->session;
     session->state = session_waiting;
-    retry_in(service, session->backoff_ms);
+    ask_again_in(service, session->backoff_ms);
     session->backoff_ms = session->backoff_ms * 2 < last_backoff_ms ? session->backoff_ms * 2 : last_backoff_ms;
 }
 
@@ -315,11 +297,7 @@ void lose_session(tavrix_service *service, const char *why) {
     drop_connection(session);
     session->lost_subscriptions = true;
     bus_router_gone(service);
-    if (is_needed(service)) {
-        give_up(service);
-    } else {
-        wait_for_router(service);
-    }
+    wait_for_router(service);
     end_requests(service, TAVRIX_OUTCOME_GONE, true);
     abandon_session_calls(service);
 }
@@ -341,14 +319,9 @@ void connect_session(tavrix_service *service) {
     Session *session = &service->session;
     session->fd = tavrix::connect_unix(session->path).release();
     if (session->fd < 0) {
-        const int reason = errno;
         if (!session->outage_told) {
-            tell_absence(service, reason);
+            tell_absence(service, errno);
             session->outage_told = true;
-        }
-        if (is_needed(service)) {
-            give_up(service);
-            return;
         }
         wait_for_router(service);
         return;
@@ -361,10 +334,9 @@ void connect_session(tavrix_service *service) {
         return;
     }
     ask_for_bus(service);
-    if (!send_subscriptions(service)) {
+    if (!send_what_waits(service)) {
         lose_session(service, "no memory to subscribe");
     }
-    send_waiting_requests(service);
 }
 
 /** The back-off has passed: connects, or asks again for the registration that was refused. */
@@ -391,8 +363,6 @@ bool session_prepare(tavrix_service *service) {
     session->backoff_ms = first_backoff_ms;
     evtimer_assign(&session->retry, service->base, on_retry, service);
     event_assign(&session->flush, service->base, -1, 0, on_writable, service);
-    event_assign(&session->readable, service->base, -1, 0, on_readable, service);
-    event_assign(&session->writable, service->base, -1, 0, on_writable, service);
     const char *path = tavrix::session_path(service->options.session);
     if (std::strlen(path) >= sizeof session->path) {
         LOG_ERROR("Cannot use the session socket %s: a socket's path has at most %zu bytes\n", Printable(path).text,
@@ -410,10 +380,6 @@ void session_start(tavrix_service *service) {
 }
 
 bool session_is_connected(const tavrix_service *service) { return service->session.fd >= 0; }
-
-bool session_has_unwritten(const tavrix_service *service) {
-    return session_is_connected(service) && service->session.out.size() > 0;
-}
 
 bool session_write(tavrix_service *service, const char *text, size_t length) {
     Session *session = &service->session;
@@ -434,9 +400,7 @@ bool session_write(tavrix_service *service, const char *text, size_t length) {
 
 void session_close(tavrix_service *service) {
     Session *session = &service->session;
-    if (session->fd >= 0) {
-        write_out(service);
-    }
+    write_out(service);
     if (session->fd >= 0) {
         drop_connection(session);
     }
@@ -451,10 +415,12 @@ void become_ready(tavrix_service *service) {
     session->outage_told = false;
     session->refusal = 0;
     LOG_INFO("%s ready\n", service->name);
-    if (!session->was_ready) {
-        session->was_ready = true;
-        notify_manager();
+    const char *manager = session->was_ready ? nullptr : tavrix::ready_notice_address();
+    if (manager != nullptr && !tavrix::send_ready_notice(manager)) {
+        LOG_ERROR("Cannot tell the service manager at %s that the service is ready: %s\n", Printable(manager).text,
+                  std::strerror(errno));
     }
+    session->was_ready = true;
     if (session->lost_subscriptions) {
         session->lost_subscriptions = false;
         tell_lost(service, 0);

@@ -15,6 +15,17 @@
 
 #include "internal.h"
 
+enum Kind { kind_response, kind_request, kind_notification, kind_log, kind_taken, kind_count };
+
+struct tavrix_service_test {
+    tavrix_service *service;
+    json_t *lines[kind_count]; ///< arrays of texts
+    json_t *played;            ///< what other services' methods answer, by their names
+    json_t *waiting;           ///< an array of requests to others: method and id
+    int64_t last_transaction_id;
+    int log;
+};
+
 namespace kit {
 
 namespace {
@@ -22,8 +33,6 @@ namespace {
 constexpr int no_descriptor = INT_MAX; // nothing is ever written to the session
 constexpr char played_session[] = "(played)";
 constexpr int64_t clock_begin_ms = 1;
-
-enum Kind { kind_response, kind_request, kind_notification, kind_log, kind_taken, kind_count };
 
 // --- The ends that are the test's own --------------------------------------------------------------------------------
 
@@ -64,43 +73,19 @@ void append_json(json_t *lines, const json_t *value) {
     append_text(lines, text.get(), std::strlen(text.get()));
 }
 
-} // namespace
-
-} // namespace kit
-
-struct tavrix_service_test {
-    tavrix_service *service;
-    json_t *lines[kit::kind_count]; ///< arrays of texts
-    json_t *played;                 ///< what other services' methods answer, by their names
-    json_t *waiting;                ///< an array of requests to others: method and id
-    int64_t last_transaction_id;
-    int log;
-};
-
-namespace kit {
-
-namespace {
-
 // --- The log ---------------------------------------------------------------------------------------------------------
 
 int real_stderr = -1; ///< while standard error is a log
 int taken_log = -1;
 
-/** What has been logged, to where it would have gone. */
-void give_back(int log, int descriptor) {
+/** An assertion in a handler has written why to standard error: it goes there after all, and abort() on to the end. */
+void on_abort(int /*signal*/) {
     char piece[1024];
-    lseek(log, 0, SEEK_SET);
-    for (ssize_t count = 0; (count = read(log, piece, sizeof piece)) > 0;) {
-        if (write(descriptor, piece, static_cast<size_t>(count)) < 0) {
+    lseek(taken_log, 0, SEEK_SET);
+    for (ssize_t count = 0; real_stderr >= 0 && (count = read(taken_log, piece, sizeof piece)) > 0;) {
+        if (write(real_stderr, piece, static_cast<size_t>(count)) < 0) {
             return;
         }
-    }
-}
-
-/** An assertion in a handler has written why to standard error; abort() comes back here only to end. */
-void on_abort(int /*signal*/) {
-    if (real_stderr >= 0) {
-        give_back(taken_log, real_stderr);
     }
 }
 
@@ -136,7 +121,7 @@ void take_log(tavrix_service_test *test) {
 /** Takes standard error for as long as the service's code runs. */
 class Capture {
   public:
-    explicit Capture(tavrix_service_test *test) : test_(test), outer_(real_stderr < 0) {
+    explicit Capture(tavrix_service_test *test) : test_(need(test, "there is no test")), outer_(real_stderr < 0) {
         if (!outer_) {
             return; // called from the service's own code
         }
@@ -292,15 +277,6 @@ void ring(Alarm *alarm) {
 
 // --- Opening ---------------------------------------------------------------------------------------------------------
 
-/** The session stands, to nobody. */
-void connect_to_nobody(tavrix_service *service) {
-    service->session.fd = no_descriptor;
-    event_assign(&service->session.flush, service->base, -1, 0, on_flush, service);
-    service->session.was_ready = true; // no service manager waits for a test
-    service->started = true;
-    become_ready(service);
-}
-
 int open_test(tavrix_service_test *test, tavrix_service_options options) {
     options.session = played_session;
     options.publish = nullptr;
@@ -314,9 +290,13 @@ int open_test(tavrix_service_test *test, tavrix_service_options options) {
     if (rc < 0) {
         return rc;
     }
-    connect_to_nobody(test->service);
-    send_subscriptions(test->service);
-    send_waiting_requests(test->service);
+    tavrix_service *service = test->service;
+    service->session.fd = no_descriptor; // it stands, to nobody
+    event_assign(&service->session.flush, service->base, -1, 0, on_flush, service);
+    service->session.was_ready = true; // no service manager waits for a test
+    service->started = true;
+    become_ready(service);
+    send_what_waits(service);
     settle(test);
     return TAVRIX_OK;
 }
@@ -432,7 +412,7 @@ const char *tavrix_service_test_next_outcome(tavrix_service_test *test) {
 }
 
 void tavrix_service_test_cancel(tavrix_service_test *test, int64_t transaction_id) {
-    const Capture capture(need(test, "there is no test"));
+    const Capture capture(test);
     const Json number(need(json_integer(transaction_id)));
     abandon_cancelled_call(test->service, number.get());
     settle(test);
@@ -496,19 +476,19 @@ void tavrix_service_test_notify(tavrix_service_test *test, const char *method, c
     if (params != nullptr) {
         json_object_set_new(message.get(), "params", object_of(params).release());
     }
-    const Capture capture(need(test, "there is no test"));
+    const Capture capture(test);
     take_notification(test->service, message.get(), need(method, "there is no method"));
     settle(test);
 }
 
 void tavrix_service_test_lose(tavrix_service_test *test, uint64_t count) {
-    const Capture capture(need(test, "there is no test"));
+    const Capture capture(test);
     tell_lost(test->service, count);
     settle(test);
 }
 
 void tavrix_service_test_restart_router(tavrix_service_test *test) {
-    const Capture capture(need(test, "there is no test"));
+    const Capture capture(test);
     Session *session = &test->service->session;
     session->fd = -1;
     session->state = session_waiting;
@@ -517,14 +497,13 @@ void tavrix_service_test_restart_router(tavrix_service_test *test) {
     end_requests(test->service, TAVRIX_OUTCOME_GONE, true);
     abandon_session_calls(test->service);
     session->fd = no_descriptor;
-    send_subscriptions(test->service);
-    send_waiting_requests(test->service);
+    send_what_waits(test->service);
     become_ready(test->service);
     settle(test);
 }
 
 void tavrix_service_test_advance(tavrix_service_test *test, int ms) {
-    const Capture capture(need(test, "there is no test"));
+    const Capture capture(test);
     const int64_t end_ms = played_clock_ms + (ms > 0 ? ms : 0);
     while (Alarm *alarm = next_alarm(test->service, end_ms)) {
         ring(alarm);
@@ -534,13 +513,13 @@ void tavrix_service_test_advance(tavrix_service_test *test, int ms) {
 }
 
 void tavrix_service_test_run(tavrix_service_test *test) {
-    const Capture capture(need(test, "there is no test"));
+    const Capture capture(test);
     event_base_loop(test->service->base, EVLOOP_NONBLOCK);
     settle(test);
 }
 
 void tavrix_service_test_stop(tavrix_service_test *test) {
-    const Capture capture(need(test, "there is no test"));
+    const Capture capture(test);
     end_everything(test->service);
     settle(test);
 }

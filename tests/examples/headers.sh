@@ -64,10 +64,6 @@ done
 packages=(tavrix tavrix_service)
 read -ra includes <<<"$(pkg-config --cflags "${packages[@]}" tavrix_service_test)"
 read -ra libraries <<<"$(pkg-config --libs "${packages[@]}" tavrix_service_test)"
-compile() {
-    # shellcheck disable=SC2086
-    command "$cc" -std=gnu11 -Wall -Wextra $flags "$@"
-}
 ran=0
 for block in "${blocks[@]}"; do
     program=./${block%.c}

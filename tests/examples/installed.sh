@@ -64,9 +64,12 @@ configure() { # SOURCE BUILD: with the CMake package
         -DCMAKE_C_FLAGS="-Wall -Wextra -Werror $given_flags" -DCMAKE_CXX_FLAGS="-Wall -Wextra -Werror $given_flags" \
         -Dtavrix_DIR="$library_dir/cmake/tavrix" "${toolchain[@]}" >/dev/null
 }
-cc() { # as a reader of a page types it, with this build's compiler and warnings: cc -o PROGRAM ...
+compile() { # with this build's compiler and warnings
     # shellcheck disable=SC2086
     command "$cc" -std=gnu11 -Wall -Wextra $flags "$@"
+}
+cc() { # the same, as a reader of a page types it: cc -o PROGRAM ...
+    compile "$@"
     emulate "$PWD/$2"
 }
 

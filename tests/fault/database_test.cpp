@@ -11,8 +11,6 @@
 #include "support/log_capture.h"
 #include "tavrix_error.h"
 
-using support::LogCapture;
-
 namespace {
 
 constexpr char path[] = "fault.db";
@@ -28,12 +26,13 @@ class DatabaseFaults : public testing::Test {
                   SQLITE_OK);
         sqlite3_close(db);
     }
+
+    const support::LogCapture quiet{"off"};
 };
 
 } // namespace
 
 TEST_F(DatabaseFaults, LeaveNoConnectionBehindWhenItCannotBeOpened) {
-    const LogCapture log("off");
     fault::each_sqlite_failure([](const fault::Fault &fault) {
         sqlite3 *db = nullptr;
         const int rc = tavrix_db_open_file(&db, path);
@@ -46,7 +45,6 @@ TEST_F(DatabaseFaults, LeaveNoConnectionBehindWhenItCannotBeOpened) {
 }
 
 TEST_F(DatabaseFaults, LeaveNoConnectionBehindWhenAnIdCannotBeRead) {
-    const LogCapture log("off");
     fault::each_sqlite_failure([](const fault::Fault &fault) {
         int64_t id = -77;
         const int rc = tavrix_db_get_single_id_result(nullptr, path, "t", &id, "SELECT id FROM t");
@@ -59,7 +57,6 @@ TEST_F(DatabaseFaults, LeaveNoConnectionBehindWhenAnIdCannotBeRead) {
 }
 
 TEST_F(DatabaseFaults, LeaveNoConnectionBehindWhenAStatementCannotBePrepared) {
-    const LogCapture log("off");
     fault::each_sqlite_failure([](const fault::Fault &fault) {
         sqlite3_stmt *statement = nullptr;
         const int rc = tavrix_db_prepare_statement(nullptr, path, &statement, "SELECT id FROM t");
@@ -76,7 +73,6 @@ TEST_F(DatabaseFaults, LeaveNoConnectionBehindWhenAStatementCannotBePrepared) {
 }
 
 TEST_F(DatabaseFaults, LeaveATransactionThatCanBeRolledBack) {
-    const LogCapture log("off");
     fault::each_sqlite_failure([](const fault::Fault &fault) {
         sqlite3 *db = nullptr;
         if (tavrix_db_open_file(&db, path) != 0) {

@@ -229,8 +229,6 @@ TEST_F(EngineFaults, LeaveASystemResponseWholeOrNull) {
     }
 }
 
-// --- Servers and router on their sockets ---
-
 TEST_F(EngineFaults, LeaveAServersClientClosed) {
     int listener = -1;
     ASSERT_EQ(tavrix_jrpc_unix_socket_init("fault.sock", &listener, 1), 0);

@@ -28,8 +28,6 @@ using namespace support;
 namespace {
 
 constexpr int most_failures = 2000; // in one attempt
-constexpr char first_channel[] = "3a6f8f51-502f-4238-9638-29764ff1a8a4";
-constexpr char events_channel[] = "505a5451-3ef2-4618-8087-9a22b800a510";
 
 class RouterFaults : public testing::Test {
   protected:
@@ -41,14 +39,14 @@ class RouterFaults : public testing::Test {
         plan_->reason = ENOMEM;
         close(descriptor);
         setenv(fault::plan_variable, "faults", 1);
-        support::write_file("policy.conf", "[tcp]\nall=*\n");
-        support::write_file("tavrix_lsyslog.conf", "[logging_levels]\nrouterd=info\nunit-test=off\n");
-        router_ = support::started("routerd", {TAVRIX_ROUTERD_WITH_FAULTS, "--socket", "router.sock", "--session",
-                                               "session.sock", "--publish", fleet_.router_address, "--connect",
-                                               fleet_.ports_address, "--tcp", std::to_string(port_), "--policy",
-                                               "policy.conf", "--reply-timeout", "300", "--client-timeout", "300"});
+        write_file("policy.conf", "[tcp]\nall=*\n");
+        write_file("tavrix_lsyslog.conf", "[logging_levels]\nrouterd=info\nunit-test=off\n");
+        router_ = started("routerd", {TAVRIX_ROUTERD_WITH_FAULTS, "--socket", "router.sock", "--session",
+                                      "session.sock", "--publish", fleet_.router_address, "--connect",
+                                      fleet_.ports_address, "--tcp", std::to_string(port_), "--policy", "policy.conf",
+                                      "--reply-timeout", "300", "--client-timeout", "300"});
         unsetenv(fault::plan_variable);
-        bystander_service_.emplace(fleet_, events_channel);
+        bystander_service_.emplace(fleet_, TAVRIX_CHANNEL_EVENTS);
         bystander_.emplace();
     }
     ~RouterFaults() override { munmap(plan_, sizeof *plan_); }
@@ -109,7 +107,7 @@ class RouterFaults : public testing::Test {
         const std::string number = std::to_string(++calls_);
         bystander_->say(request("events.List", number));
         const std::string asked = bystander_service_->next_request();
-        bystander_service_->reply(support::service_reply(asked, number));
+        bystander_service_->reply(service_reply(asked, number));
         const std::string answer = bystander_->hear();
         EXPECT_EQ(member(answer, "result"), number) << asked << "\n" << answer;
         return member(answer, "result") == number;
@@ -121,7 +119,7 @@ class RouterFaults : public testing::Test {
         }
         if (!service_ || service_->hear_of("\"here\"") == "(closed)") {
             service_.reset();
-            EXPECT_TRUE(support::wait_until([this] {
+            EXPECT_TRUE(wait_until([this] {
                 try {
                     service_.emplace(Registration{"victim"});
                     return true;
@@ -132,6 +130,15 @@ class RouterFaults : public testing::Test {
         }
         for (std::string left = service_->hear(0); left != "(time-out)"; left = service_->hear(0)) {
             ASSERT_NE(left, "(closed)") << router_->log();
+        }
+    }
+    /** A client whose so many calls the service has taken. */
+    void prepare_calls(int count) {
+        prepare_service();
+        client_.emplace();
+        for (int i = 0; i < count; ++i) {
+            client_->say(call("1", "1"));
+            service_->next_request();
         }
     }
     /** Answers what comes, until the session has nothing more to say. */
@@ -194,14 +201,15 @@ class RouterFaults : public testing::Test {
         }
     }
 
-    int port_ = support::free_port();
+    int port_ = free_port();
     int calls_ = 0;
     fault::Plan *plan_ = nullptr;
-    support::Fleet fleet_;
-    std::unique_ptr<support::Process> router_;
-    std::optional<support::PlayedService> bystander_service_; ///< is told nothing of other services
+    Fleet fleet_;
+    std::unique_ptr<Process> router_;
+    std::optional<PlayedService> bystander_service_; ///< is told nothing of other services
     std::optional<SessionClient> bystander_;
     std::optional<DirectService> service_;
+    std::optional<SessionClient> client_;
     std::set<std::string> failed_; ///< what has failed once
 };
 
@@ -247,55 +255,25 @@ TEST_F(RouterFaults, OfATimeOutConcernItsClientOnly) {
 }
 
 TEST_F(RouterFaults, OfAClientThatLeavesConcernItsServiceOnly) {
-    std::optional<SessionClient> client;
-    each_failure(
-        [&] {
-            prepare_service();
-            client.emplace();
-            client->say(call("1", "1"));
-            service_->next_request();
-        },
-        [&] {
-            client->close();
-            service_->hear(50); // the cancellation, or nothing
-        });
+    each_failure([this] { prepare_calls(1); },
+                 [this] {
+                     client_->close();
+                     service_->hear(50); // the cancellation, or nothing
+                 });
 }
 
 TEST_F(RouterFaults, OfAServiceThatGoesLeaveNoCallerWithoutAnEnd) {
-    std::optional<SessionClient> client;
-    each_failure(
-        [&] {
-            prepare_service();
-            client.emplace();
-            client->say(call("1", "1"));
-            client->say(call("2", "2"));
-            service_->next_request();
-            service_->next_request();
-        },
-        [&] {
-            service_.reset();
-            const std::string answer = client->hear();
-            EXPECT_TRUE(answer == "(closed)" || code_of(answer) == "-32601" || code_of(answer) == "-32005") << answer;
-        });
-}
-
-TEST_F(RouterFaults, OfARegistrationConcernItsServiceOnly) {
-    std::optional<BusService> former;
-    int number = 0;
-    each_failure([] {},
-                 [&] {
-                     SessionClient service;
-                     Registration registration{"s" + std::to_string(++number)};
-                     registration.publish = "[\"" + support::free_bus_address() + "\"]";
-                     registration.methods = "[\"ports.M" + std::to_string(number) + "\",\"ports.N\"]";
-                     service.say(registration.line());
-                     service.say(request("router.Bus", "\"bus\""));
-                     EXPECT_NE(service.hear(), "(time-out)");
+    each_failure([this] { prepare_calls(2); },
+                 [this] {
+                     service_.reset();
+                     const std::string answer = client_->hear();
+                     EXPECT_TRUE(answer == "(closed)" || code_of(answer) == "-32601" || code_of(answer) == "-32005")
+                         << answer;
                  });
 }
 
 TEST_F(RouterFaults, OfTheRoutersOwnMethodsConcernItsClientOnly) {
-    DirectService other({"other", first_channel, "[]", R"(["mzu.List","mzu.Set"])", "true"});
+    DirectService other({"other", TAVRIX_CHANNEL_FIRST, "[]", R"(["mzu.List","mzu.Set"])", "true"});
     describe(other, "mzu.List");
     ASSERT_TRUE(serves_bystander()); // the statistics have their row
     for (const std::string method :
@@ -355,8 +333,8 @@ TEST_F(RouterFaults, OfARegistrationLeaveNoOtherServiceHalfTold) {
             direct.reset();
             bus.reset();
             const std::string name = "n" + std::to_string(++number);
-            const std::string address = on_bus ? support::free_bus_address() : "[]";
-            registration = {name, first_channel, address, "[\"ports.A" + name + "\",\"ports.B" + name + "\"]",
+            const std::string address = on_bus ? free_bus_address() : "[]";
+            registration = {name, TAVRIX_CHANNEL_FIRST, address, "[\"ports.A" + name + "\",\"ports.B" + name + "\"]",
                             on_bus ? "" : "true"};
             prepare_service();
         };
@@ -374,8 +352,8 @@ TEST_F(RouterFaults, OfARegistrationLeaveNoOtherServiceHalfTold) {
             const std::string told = told_of(registration.name);
             const std::string publish = on_bus ? "[\"" + registration.publish + "\"]" : "[]";
             const std::string whole = R"({"jsonrpc":"2.0","method":"router.ServiceUp","params":{"name":")" +
-                                      registration.name + R"(","channel":")" + first_channel + R"(","publish":)" +
-                                      publish + ",\"methods\":" + registration.methods + "}}";
+                                      registration.name + R"(","channel":")" + TAVRIX_CHANNEL_FIRST +
+                                      R"(","publish":)" + publish + ",\"methods\":" + registration.methods + "}}";
             EXPECT_TRUE(told == whole || told == "(closed)" || (told.empty() && member(answer, "result") != "0"))
                 << told << "\n"
                 << answer;
@@ -384,23 +362,21 @@ TEST_F(RouterFaults, OfARegistrationLeaveNoOtherServiceHalfTold) {
 }
 
 TEST_F(RouterFaults, OfNotificationsConcernTheirSubscriber) {
-    std::optional<SessionClient> client;
     each_failure(
-        [&] {
-            prepare_service();
-            client.emplace();
-            client->ask(request("router.Subscribe", "1", R"(,"params":{"methods":["ports.*"]})"));
-            client->ask(request("router.Monitor", "1", R"(,"params":{"methods":["ports.*"]})"));
+        [this] {
+            prepare_calls(0);
+            client_->ask(subscription("Subscribe", R"(["ports.*"])"));
+            client_->ask(subscription("Monitor", R"(["ports.*"])"));
         },
-        [&] {
+        [this] {
             service_->say(R"({"jsonrpc":"2.0","method":"ports.Changed"})");
-            client->say(request("router.Status", "\"last\""));
-            EXPECT_NE(client->hear_of("\"id\":"), "(time-out)");
+            client_->say(request("router.Status", "\"last\""));
+            EXPECT_NE(client_->hear_of("\"id\":"), "(time-out)");
         });
 }
 
 TEST_F(RouterFaults, HaveNoMoreChancesForTheSakeOfMonitorsThatDoNotWatch) {
-    BusService on_bus(fleet_, {"bus", first_channel, "[]", R"(["mzu.List"])", ""});
+    BusService on_bus(fleet_, {"bus", TAVRIX_CHANNEL_FIRST, "[]", R"(["mzu.List"])", ""});
     ASSERT_EQ(member(on_bus.registered, "result"), "0");
     SessionClient client;
     SessionClient monitor;
@@ -417,8 +393,8 @@ TEST_F(RouterFaults, HaveNoMoreChancesForTheSakeOfMonitorsThatDoNotWatch) {
         EXPECT_EQ(member(client.hear(), "result"), "1");
     };
     const auto watch = [&](const std::string &patterns) {
-        monitor.say(request("router.Monitor", "\"watched\"", ",\"params\":{\"methods\":" + patterns + "}"));
-        EXPECT_EQ(member(monitor.hear_of("\"watched\""), "result"), "0");
+        monitor.say(subscription("Monitor", patterns));
+        EXPECT_EQ(member(monitor.hear_of("\"Monitor\""), "result"), "0");
     };
     constexpr int members = 8; // at least, of each that is shown; and each is an allocation
     const struct {
@@ -437,7 +413,7 @@ TEST_F(RouterFaults, HaveNoMoreChancesForTheSakeOfMonitorsThatDoNotWatch) {
 }
 
 TEST_F(RouterFaults, OfTheBusConcernTheCallersOverIt) {
-    BusService service(fleet_, {"bus", "3a6f8f51-502f-4238-9638-29764ff1a8a4", "[]", R"(["mzu.List"])", ""});
+    BusService service(fleet_, {"bus", TAVRIX_CHANNEL_FIRST, "[]", R"(["mzu.List"])", ""});
     ASSERT_EQ(member(service.registered, "result"), "0");
     each_failure([] {},
                  [&] {

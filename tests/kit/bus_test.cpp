@@ -8,32 +8,16 @@
 #include "support/log_capture.h"
 #include "tavrix_mq.h"
 
+using namespace support;
+
 namespace {
 
-using support::BusSocket;
-
-uint64_t deferred = 0;
-
-json_t *json_string_of(size_t size) { return json_string(std::string(size, 'x').c_str()); }
-int defer(tavrix_call *call) {
-    deferred = tavrix_call_defer(call, nullptr, nullptr);
-    return 0;
-}
-
-const tavrix_service_method methods[] = {
-    TAVRIX_METHOD("ports.Echo", support::echo, "", nullptr, nullptr, 0),
-    TAVRIX_METHOD("ports.Fill", support::fill, "", nullptr, nullptr, 0),
-    TAVRIX_METHOD("ports.Defer", defer, "", nullptr, nullptr, 0),
-    TAVRIX_METHOD_END,
-};
+const Methods methods = {{"ports.Echo", echo}, {"ports.Fill", fill}, {"ports.Defer", defer}};
 
 /** A daemon on the bus that uses only the library, and a service that it knows by its address. */
 class Bus : public testing::Test {
   protected:
-    Bus() {
-        deferred = 0;
-        peer_pub.bind(peer_address);
-    }
+    Bus() { peer_pub.bind(peer_address); }
 
     /** Opens a service without a session and waits until both directions stand. */
     void open() {
@@ -58,6 +42,10 @@ class Bus : public testing::Test {
     void publish_request(const std::string &text, const char *channel = TAVRIX_CHANNEL_FIRST) {
         tavrix_mq_socket_send(peer_pub.number, (std::string(channel) + "|" + text).c_str());
     }
+    /** A service as the router tells of it. */
+    static std::string described(const std::string &name, const std::string &address) {
+        return R"({"name":")" + name + R"(","channel":"c","publish":[")" + address + R"("],"methods":[]})";
+    }
     /** Listens to a service that has registered, and asks it until it answers. */
     bool registered_service_answers() {
         peer_sub.connect("ipc://" + stage.router.folder + "/tester");
@@ -69,7 +57,7 @@ class Bus : public testing::Test {
     }
     std::string received() {
         std::string frame;
-        support::take_frame(peer_sub.number, &frame, 1);
+        take_frame(peer_sub.number, &frame, 1);
         return frame;
     }
     /** The next frame that is none of the settling's. */
@@ -82,12 +70,12 @@ class Bus : public testing::Test {
         return frame;
     }
 
-    support::LogCapture log{"info"};
-    std::string own_address = support::free_bus_address();
-    std::string peer_address = support::free_bus_address();
+    LogCapture log{"info"};
+    std::string own_address = free_bus_address();
+    std::string peer_address = free_bus_address();
     BusSocket peer_pub{TAVRIX_SP_PUB};
     BusSocket peer_sub{TAVRIX_SP_SUB};
-    support::Stage stage;
+    Stage stage;
 };
 
 } // namespace
@@ -105,7 +93,7 @@ TEST_F(Bus, AnswersLaterOnTheChannelThatAsked) {
     open();
     publish_request(R"({"jsonrpc":"2.0","method":"ports.Defer","id":"me","transaction_id":5})");
     ASSERT_TRUE(stage.wait([] { return deferred != 0; }));
-    tavrix_call_reply(tavrix_service_deferred(stage.service, deferred), json_integer(1));
+    tavrix_call_reply(stage.deferred_call(), json_integer(1));
     EXPECT_EQ(next(), R"(me|{"jsonrpc":"2.0","id":"ports.Defer","result":1,"transaction_id":5})");
 }
 
@@ -115,7 +103,8 @@ TEST_F(Bus, CarriesUpToEightMegabytesAndRefusesMoreWithoutHarm) {
     int limit = largest; // as every receiver has it
     ASSERT_EQ(nn_setsockopt(peer_sub.number, NN_SOL_SOCKET, NN_RCVMAXSIZE, &limit, sizeof limit), 0);
     const auto publish = [&](size_t size) {
-        return tavrix_service_publish(stage.service, "events.Told", json_pack("{s:o}", "t", json_string_of(size)));
+        return tavrix_service_publish(stage.service, "events.Told",
+                                      json_pack("{s:s}", "t", std::string(size, 'x').c_str()));
     };
     EXPECT_EQ(publish(largest), TAVRIX_ERR_PARAMETER);
     EXPECT_TRUE(log.says("Cannot publish events.Told: it has 8388666 bytes, and at most 8388595 can be sent"));
@@ -125,9 +114,8 @@ TEST_F(Bus, CarriesUpToEightMegabytesAndRefusesMoreWithoutHarm) {
         publish_request(R"({"jsonrpc":"2.0","method":"ports.Fill","id":"me","params":{"n":)" + std::string(n) + "}}");
     }
     const std::string refusal = next();
-    EXPECT_EQ(support::code_of(refusal.substr(3)), "-32004") << refusal;
-    EXPECT_TRUE(
-        support::holds(refusal, "The answer cannot be sent: it has 8388655 bytes, and at most 8388604 can be sent."));
+    EXPECT_EQ(code_of(refusal.substr(3)), "-32004") << refusal;
+    EXPECT_TRUE(holds(refusal, "The answer cannot be sent: it has 8388655 bytes, and at most 8388604 can be sent."));
     EXPECT_TRUE(log.says("ports.Fill: the answer cannot be sent: it has"));
     EXPECT_EQ(next(), R"(me|{"jsonrpc":"2.0","id":"ports.Fill","result":"x"})");
 }
@@ -172,41 +160,31 @@ TEST_F(Bus, HasToBeGivenAddressesWithoutASession) {
 }
 
 TEST_F(Bus, FollowsTheServicesThatTheRouterTellsOf) {
-    stage.open(methods);
-    stage.router.settles = false;
-    ASSERT_TRUE(stage.wait_ready());
-    stage.router.say(R"({"jsonrpc":"2.0","method":"router.ServiceUp","params":{"name":"peer","channel":"c",)"
-                     R"("publish":["nonsense",")" +
-                     peer_address + R"("],"methods":[]}})");
+    stage.serve(methods);
+    stage.router.say(notification("router.ServiceUp", described("peer", "nonsense\",\"" + peer_address)));
     EXPECT_TRUE(registered_service_answers());
     EXPECT_TRUE(log.says("Cannot listen to nonsense: this is no bus address"));
-    stage.router.say(R"({"jsonrpc":"2.0","method":"router.ServiceDown","params":{"name":"peer"}})");
+    stage.router.say(notification("router.ServiceDown", R"({"name":"peer"})"));
     stage.router.hang_up();
     EXPECT_TRUE(stage.wait_ready());
 }
 
 TEST_F(Bus, ListensTo1024AddressesAndToAnotherOnceOneHasGone) {
     constexpr int most = 1024;
-    const auto tells_of = [](const std::string &name, const std::string &address) {
-        return R"({"name":")" + name + R"(","channel":"c","publish":[")" + address + R"("],"methods":[]})";
-    };
-    stage.router.settles = false;
     stage.router.services = "[";
     for (int i = 1; i < most; ++i) { // the router's own is one of them
         const std::string number = std::to_string(i);
-        stage.router.services += (i > 1 ? "," : "") + tells_of("nobody" + number, "ipc://nobody" + number);
+        stage.router.services += (i > 1 ? "," : "") + described("nobody" + number, "ipc://nobody" + number);
     }
     stage.router.services += "]";
-    stage.open(methods);
-    ASSERT_TRUE(stage.wait_ready());
+    stage.serve(methods);
     EXPECT_FALSE(log.says("too many addresses")) << "they are as many as may be";
-    const std::string up =
-        R"({"jsonrpc":"2.0","method":"router.ServiceUp","params":)" + tells_of("peer", peer_address) + "}";
+    const std::string up = notification("router.ServiceUp", described("peer", peer_address));
     stage.router.say(up);
     ASSERT_TRUE(stage.wait([this] { return static_cast<bool>(log.says("too many addresses")); }));
     EXPECT_TRUE(log.says("Cannot listen to " + peer_address + ": too many addresses"));
 
-    stage.router.say(R"({"jsonrpc":"2.0","method":"router.ServiceDown","params":{"name":"nobody7"}})");
+    stage.router.say(notification("router.ServiceDown", R"({"name":"nobody7"})"));
     stage.router.say(up);
     EXPECT_TRUE(registered_service_answers()) << "the one that has gone has left its place";
 }

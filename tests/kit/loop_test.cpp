@@ -11,20 +11,16 @@
 #include <event2/event.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include "kit/support/played_router.h"
 #include "support/json.h"
 #include "support/log_capture.h"
-#include "support/stream.h"
 #include "tavrix.h"
 
-namespace {
+using namespace support;
 
-using support::member;
-using support::Stage;
-using support::StreamClient;
+namespace {
 
 struct FreeEvent {
     void operator()(event *ev) const { event_free(ev); }
@@ -33,22 +29,16 @@ using Event = std::unique_ptr<event, FreeEvent>;
 
 /** What happened, in its order: a letter each. */
 std::string happened;
-uint64_t deferred = 0;
 
-int echo(tavrix_call *call) {
+int note(tavrix_call *call) {
     happened += 'k';
-    return support::echo(call);
+    return echo(call);
 }
-int defer(tavrix_call *call) {
+int note_and_defer(tavrix_call *call) {
     happened += 'k';
-    deferred = tavrix_call_defer(call, nullptr, nullptr);
-    return 0;
+    return defer(call);
 }
-const tavrix_service_method methods[] = {
-    TAVRIX_METHOD("t.Echo", echo, "", nullptr, nullptr, 0),
-    TAVRIX_METHOD("t.Defer", defer, "", nullptr, nullptr, 0),
-    TAVRIX_METHOD_END,
-};
+const Methods methods = {{"t.Echo", note}, {"t.Defer", note_and_defer}};
 
 /** A handler of the library's own servers. */
 int say(json_t * /*params*/, json_t **result, json_t ** /*error_data*/) {
@@ -60,23 +50,12 @@ const tavrix_jrpc_method library_methods[] = {{"own.Say", say}, {nullptr, nullpt
 
 class Loop : public testing::Test {
   protected:
-    Loop() {
-        happened.clear();
-        deferred = 0;
-    }
-    ~Loop() override {
-        watches_.clear(); // before their loop goes, and before what they watch is closed
-        for (const int fd : descriptors_) {
-            close(fd);
-        }
-    }
-    Loop(const Loop &) = delete;
-    Loop &operator=(const Loop &) = delete;
+    Loop() { happened.clear(); }
 
     /** Puts a descriptor on the service's loop as any program does; it is closed at the end. */
-    void watch(int fd, event_callback_fn callback, void *argument = nullptr) {
-        descriptors_.push_back(fd);
-        add(Event(event_new(base(), fd, EV_READ | EV_PERSIST, callback, argument)), nullptr);
+    void watch(int fd, event_callback_fn callback) {
+        descriptors_.emplace_back(fd);
+        add(Event(event_new(base(), fd, EV_READ | EV_PERSIST, callback, nullptr)), nullptr);
     }
     void add(Event ev, const timeval *time) {
         ASSERT_NE(ev, nullptr);
@@ -97,19 +76,14 @@ class Loop : public testing::Test {
         const long before = count(letter);
         return stage.wait([&] { return count(letter) > before; });
     }
-    std::string hear(const StreamClient &client) {
-        std::string text;
-        stage.wait([&] { return client.take(&text); });
-        return text;
-    }
 
-    support::LogCapture log{"info"};
-    support::EventBase own; ///< goes last
+    LogCapture log{"info"};
+    EventBase own; ///< goes last
     Stage stage{methods};
 
   private:
-    std::vector<Event> watches_;
-    std::vector<int> descriptors_;
+    std::vector<tavrix::Descriptor> descriptors_;
+    std::vector<Event> watches_; ///< go before what they watch, and before their loop
 };
 
 void on_library_timer(evutil_socket_t fd, short /*what*/, void * /*argument*/) {
@@ -149,11 +123,11 @@ TEST_F(Loop, ADirectServerOfTheLibrarysAnswersBesideTheKitsAndTheSession) {
     for (int i = 0; i < 3; ++i) {
         const StreamClient to_library = StreamClient::unix_path("library.sock");
         const StreamClient to_kit = StreamClient::unix_path("kit.sock");
-        to_library.say(support::request("own.Say", "1"));
-        to_kit.say(support::request("t.Echo", "1", R"(,"params":{"b":2})"));
+        to_library.say(request("own.Say", "1"));
+        to_kit.say(request("t.Echo", "1", R"(,"params":{"b":2})"));
         EXPECT_EQ(stage.result_of("t.Echo", R"({"a":1})"), R"({"a":1})");
-        EXPECT_EQ(member(hear(to_library), "result"), "\"library\"");
-        EXPECT_EQ(member(hear(to_kit), "result"), R"({"b":2})");
+        EXPECT_EQ(member(stage.hear(to_library), "result"), "\"library\"");
+        EXPECT_EQ(member(stage.hear(to_kit), "result"), R"({"b":2})");
     }
     EXPECT_EQ(count('l'), 3);
     EXPECT_EQ(count('k'), 6);
@@ -166,7 +140,7 @@ TEST_F(Loop, DescriptorsAndTimersOfTheProgramsOwnMoveWhileACallWaits) {
     watch(ends[0], on_bytes);
     const timeval tick = {0, 1000};
     add(Event(event_new(base(), -1, EV_PERSIST, on_own_timer, nullptr)), &tick);
-    stage.router.say(support::direct_request("t.Defer", "{}", 9));
+    stage.router.say(direct_request("t.Defer", "{}", 9));
     ASSERT_TRUE(stage.wait([] { return deferred != 0; }));
     EXPECT_TRUE(again('o'));
     EXPECT_EQ(write(ends[1], "p", 1), 1);
@@ -175,11 +149,10 @@ TEST_F(Loop, DescriptorsAndTimersOfTheProgramsOwnMoveWhileACallWaits) {
     // What waits is answered from the program's own event.
     add(Event(event_new(
             base(), -1, 0,
-            [](evutil_socket_t /*fd*/, short /*what*/, void *service) {
-                tavrix_call_reply(tavrix_service_deferred(static_cast<tavrix_service *>(service), deferred),
-                                  json_integer(4));
+            [](evutil_socket_t /*fd*/, short /*what*/, void *used) {
+                tavrix_call_reply(static_cast<Stage *>(used)->deferred_call(), json_integer(4));
             },
-            stage.service)),
+            &stage)),
         &tick);
     const std::string answer = stage.next();
     EXPECT_EQ(member(answer, "result"), "4");
@@ -209,15 +182,14 @@ TEST_F(Loop, OfTheProgramsOwnCarriesAServiceThatItClosesItself) {
     own.reset(event_base_new());
     tavrix_service_options options = {};
     options.base = own.get();
-    stage.open(methods, options);
-    EXPECT_EQ(tavrix_service_base(stage.service), own.get());
-    ASSERT_TRUE(stage.wait_ready());
+    stage.serve(methods, options);
+    EXPECT_EQ(base(), own.get());
     watch(library_timer(), on_library_timer);
     EXPECT_TRUE(again('t'));
     EXPECT_EQ(stage.result_of("t.Echo", R"({"a":1})"), R"({"a":1})");
     stage.close();
     const long before = count('t');
-    EXPECT_TRUE(support::wait_until([&] {
+    EXPECT_TRUE(wait_until([&] {
         event_base_loop(own.get(), EVLOOP_NONBLOCK);
         return count('t') > before;
     })) << "the loop outlives the service";

@@ -3,10 +3,14 @@
 
 #include <gtest/gtest.h>
 
-#include "support/json.h"
+#include "support/matchers.h"
 #include "support/process.h"
 
 namespace {
+
+using support::ends;
+using testing::_;
+using testing::HasSubstr;
 
 /** A service in C as a process of its own; beside a router it is in lives_test.cpp. */
 class Main : public testing::Test {
@@ -17,9 +21,8 @@ class Main : public testing::Test {
 } // namespace
 
 TEST_F(Main, EndsWithOneWhenTheRouterIsNeededAndNotThere) {
-    const support::Finished finished = support::run({PEER_SERVICE, "--session", "nobody.sock", "--need-router"});
-    EXPECT_EQ(finished.status, 1);
-    EXPECT_TRUE(support::holds(finished.diagnostics, "Cannot reach the router at nobody.sock"));
+    EXPECT_THAT(support::run({PEER_SERVICE, "--session", "nobody.sock", "--need-router"}),
+                ends(1, _, HasSubstr("Cannot reach the router at nobody.sock")));
 }
 
 TEST_F(Main, ShowsHelpAndVersionAndRefusesWhatItDoesNotKnow) {
@@ -30,9 +33,7 @@ TEST_F(Main, ShowsHelpAndVersionAndRefusesWhatItDoesNotKnow) {
         EXPECT_EQ(support::run({PEER_SERVICE, version}).output, "peer 1.2\n") << version;
     }
     for (const char *unknown : {"--nonsense", "-x", "word"}) {
-        const support::Finished finished = support::run({PEER_SERVICE, unknown});
-        EXPECT_EQ(finished.status, 2) << unknown;
-        EXPECT_TRUE(support::holds(finished.diagnostics, " --help'."));
+        EXPECT_THAT(support::run({PEER_SERVICE, unknown}), ends(2, _, HasSubstr(" --help'.")));
     }
 }
 
@@ -46,8 +47,6 @@ TEST_F(Main, TakesEightAddressesToPublishOnSixteenToListenToAndNoMore) {
         one_more.insert(one_more.end(), {option, "ipc://bus/too-many"});
         words.emplace_back("--version"); // read last: all before it was taken
         EXPECT_EQ(support::run(words).status, 0);
-        const support::Finished finished = support::run(one_more);
-        EXPECT_EQ(finished.status, 2);
-        EXPECT_TRUE(support::holds(finished.diagnostics, "too many addresses: ipc://bus/too-many"));
+        EXPECT_THAT(support::run(one_more), ends(2, _, HasSubstr("too many addresses: ipc://bus/too-many")));
     }
 }

@@ -8,28 +8,18 @@
 #include "support/json.h"
 #include "support/log_capture.h"
 
+using namespace support;
+
 namespace {
 
-using support::LogCapture;
-using support::member;
-using support::Stage;
-
-struct Outcome {
-    tavrix_outcome outcome;
-    int code;
-    std::string message;
-    std::string value; ///< the result, or the data
-};
-
-std::vector<Outcome> outcomes;
-uint64_t deferred = 0;
-std::vector<std::string> notifications;
+Lines outcomes; ///< what came of it, code, message, and the result or the data
+Lines notifications;
 std::vector<uint64_t> losses;
-uint64_t subscription = 0; ///< of those that change in their own callback
+uint64_t changing = 0; ///< of those that change in their own callback
 
 void note(tavrix_service * /*service*/, const tavrix_answer *answer, void * /*user*/) {
-    outcomes.push_back({answer->outcome, answer->code, answer->message,
-                        support::rendered(answer->result != nullptr ? answer->result : answer->data)});
+    outcomes.push_back(outcome_of(answer) + " " + answer->message + "|" +
+                       rendered(answer->result != nullptr ? answer->result : answer->data));
 }
 
 void pass_on(tavrix_service *service, const tavrix_answer *answer, void * /*user*/) {
@@ -37,45 +27,38 @@ void pass_on(tavrix_service *service, const tavrix_answer *answer, void * /*user
 }
 
 int ask_another(tavrix_call *call) {
-    deferred = tavrix_call_defer(call, nullptr, nullptr);
     tavrix_service_request(tavrix_call_service(call), "ports.Get", json_pack("{s:s}", "port_id", "d1"), 5000, pass_on,
                            nullptr);
-    return 0;
+    return defer(call);
 }
 
 void note_notification(tavrix_service * /*service*/, const char *method, json_t *params, void *user) {
     notifications.push_back(std::string(user != nullptr ? static_cast<const char *>(user) : "") + method + " " +
-                            support::rendered(params));
+                            rendered(params));
 }
 
-const support::OneMethod own("t.Ask", ask_another);
-const tavrix_service_method *const methods = own.table;
+const Methods methods = {{"t.Ask", ask_another}};
 
 /** The response to the request that stands in a line. */
 std::string response(const std::string &line, const std::string &outcome) {
     return "{\"jsonrpc\":\"2.0\",\"id\":" + member(line, "id") + "," + outcome + "}";
 }
 
-/** A service that is ready, or, without methods, none yet. */
-class Asking : public testing::Test {
+/** The router that is asked, and no service yet. */
+class Router : public testing::Test {
   protected:
-    explicit Asking(const tavrix_service_method *table) {
+    Router() {
         outcomes.clear();
         notifications.clear();
         losses.clear();
-        deferred = 0;
         stage.router.settles = false;
-        if (table != nullptr) {
-            stage.open(table);
-            EXPECT_TRUE(stage.wait_ready());
-        }
     }
     uint64_t request(int timeout_ms = 5000) {
         return tavrix_service_request(stage.service, "ports.Get", json_object(), timeout_ms, note, nullptr);
     }
-    /** Waits until so many requests have ended. */
-    void expect_outcomes(size_t count) {
-        ASSERT_TRUE(stage.wait([count] { return outcomes.size() == count; })) << outcomes.size();
+    void expect_outcomes(const Lines &expected) {
+        stage.wait([&] { return outcomes.size() == expected.size(); });
+        EXPECT_EQ(outcomes, expected);
     }
     void answer_next(const std::string &outcome) { stage.router.say(response(stage.next(), outcome)); }
     void notify(const char *method) {
@@ -86,17 +69,11 @@ class Asking : public testing::Test {
     Stage stage;
 };
 
-class Requests : public Asking {
+class Requests : public Router {
   protected:
-    Requests() : Asking(methods) {}
+    Requests() { stage.serve(methods); }
 };
 using Notifications = Requests;
-
-/** The router that is asked. */
-class Router : public Asking {
-  protected:
-    Router() : Asking(nullptr) {}
-};
 
 } // namespace
 
@@ -107,74 +84,47 @@ TEST_F(Requests, GetTheResultThatBelongsToThem) {
     const std::string second = stage.next();
     EXPECT_EQ(member(first, "method"), "\"ports.Get\"");
     stage.router.say(response(second, R"("result":2)"));
-    expect_outcomes(1);
-    EXPECT_EQ(outcomes[0].value, "2");
+    expect_outcomes({"result 0 |2"});
     stage.router.say(response(first, R"("result":{"one":1})"));
-    expect_outcomes(2);
-    EXPECT_EQ(outcomes[1].outcome, TAVRIX_OUTCOME_RESULT);
-    EXPECT_EQ(outcomes[1].value, R"({"one":1})");
+    expect_outcomes({"result 0 |2", R"(result 0 |{"one":1})"});
 }
 
 TEST_F(Requests, TellErrorsTimeoutsAndServicesThatHaveGone) {
-    const struct {
-        const char *error;
-        tavrix_outcome outcome;
-        int code;
-    } rows[] = {
-        {R"("error":{"code":-32034,"message":"m","data":{"a":1}})", TAVRIX_OUTCOME_ERROR, -32034},
-        {R"("error":{"code":-32005,"message":"m","data":null})", TAVRIX_OUTCOME_TIMEOUT, -32005},
-        {R"("error":{"code":-32601,"message":"m","data":{"message":"x","service":"portsd","channel":"c"}})",
-         TAVRIX_OUTCOME_GONE, -32601},
-        {R"("error":{"code":-32601,"message":"m","data":null})", TAVRIX_OUTCOME_ERROR, -32601},
+    const std::pair<const char *, const char *> errors_and_outcomes[] = {
+        {R"("error":{"code":-32034,"message":"m","data":{"a":1}})", R"(error -32034 m|{"a":1})"},
+        {R"("error":{"code":-32005,"message":"m","data":null})", "time-out -32005 m|null"},
+        {R"("error":{"code":-32601,"message":"m","data":{"service":"portsd","channel":"c"}})",
+         R"(gone -32601 m|{"service":"portsd","channel":"c"})"},
+        {R"("error":{"code":-32601,"message":"m","data":null})", "error -32601 m|null"},
     };
-    for (const auto &row : rows) {
+    for (const auto &[error, outcome] : errors_and_outcomes) {
         outcomes.clear();
         request();
-        answer_next(row.error);
-        expect_outcomes(1);
-        EXPECT_EQ(outcomes[0].outcome, row.outcome) << row.error;
-        EXPECT_EQ(outcomes[0].code, row.code);
-        EXPECT_EQ(outcomes[0].message, "m");
+        answer_next(error);
+        expect_outcomes({outcome});
     }
 }
 
 TEST_F(Requests, TimeOutByThemselvesAndIgnoreWhatComesLater) {
     request(20);
     const std::string line = stage.next();
-    expect_outcomes(1);
-    EXPECT_EQ(outcomes[0].outcome, TAVRIX_OUTCOME_TIMEOUT);
-    EXPECT_EQ(outcomes[0].code, -32005);
+    expect_outcomes({"time-out -32005 Command timed out|(null)"});
     stage.router.say(response(line, R"("result":1)"));
     request();
     answer_next(R"("result":2)");
-    expect_outcomes(2);
-    EXPECT_EQ(outcomes[1].value, "2");
+    expect_outcomes({outcomes.front(), "result 0 |2"});
 }
 
-TEST_F(Requests, AreGoneWithTheConnection) {
-    request();
-    request();
-    stage.next();
-    stage.router.hang_up();
-    expect_outcomes(2);
-    EXPECT_EQ(outcomes[0].outcome, TAVRIX_OUTCOME_GONE);
-    EXPECT_EQ(outcomes[1].code, -32601);
-}
-
-TEST_F(Requests, AreCancelledOnceAndBeforeCancelReturns) {
+TEST_F(Requests, AreCancelledOnceAndBeforeCancelReturnsOrWhenTheServiceEnds) {
+    const std::string cancelled = "cancelled 0 Cancelled|(null)";
     const uint64_t number = request();
     EXPECT_EQ(tavrix_service_cancel(stage.service, number), TAVRIX_OK);
-    ASSERT_EQ(outcomes.size(), 1U);
-    EXPECT_EQ(outcomes[0].outcome, TAVRIX_OUTCOME_CANCELLED);
+    EXPECT_EQ(outcomes, Lines{cancelled});
     EXPECT_EQ(tavrix_service_cancel(stage.service, number), TAVRIX_ERR_NO_RECORDS);
-    EXPECT_EQ(outcomes.size(), 1U);
-}
-
-TEST_F(Requests, AreCancelledWhenTheServiceEnds) {
     request();
+    EXPECT_EQ(outcomes, Lines{cancelled});
     stage.close();
-    ASSERT_EQ(outcomes.size(), 1U);
-    EXPECT_EQ(outcomes[0].outcome, TAVRIX_OUTCOME_CANCELLED);
+    EXPECT_EQ(outcomes, (Lines{cancelled, cancelled}));
 }
 
 TEST_F(Requests, ThatCannotBeMadeAreRefusedInWords) {
@@ -213,17 +163,15 @@ TEST_F(Requests, BeyondTheLimitAreRefused) {
 }
 
 TEST_F(Requests, CarryACallThatDependsOnThem) {
-    stage.router.say(support::direct_request("t.Ask", "{}", 9));
+    stage.router.say(direct_request("t.Ask", "{}", 9));
     answer_next(R"("result":{"ports":[]})");
     EXPECT_EQ(stage.next(), R"({"jsonrpc":"2.0","id":"t.Ask","result":{"ports":[]},"transaction_id":9})");
-    stage.router.say(support::direct_request("t.Ask", "{}", 10));
+    stage.router.say(direct_request("t.Ask", "{}", 10));
     answer_next(R"("error":{"code":-32034,"message":"m","data":{"message":"no d1"}})");
     const std::string answer = stage.next();
-    EXPECT_EQ(support::code_of(answer), "-32034");
-    EXPECT_EQ(support::data_of(answer), R"({"message":"no d1"})");
+    EXPECT_EQ(code_of(answer), "-32034");
+    EXPECT_EQ(data_of(answer), R"({"message":"no d1"})");
 }
-
-// --- The router that is asked --------------------------------------------------------------------------------------
 
 TEST_F(Router, IsAskedOnceItIsThereForWhatWasRequestedBefore) {
     stage.router.die();
@@ -236,12 +184,11 @@ TEST_F(Router, IsAskedOnceItIsThereForWhatWasRequestedBefore) {
 }
 
 TEST_F(Router, IsAskedByAClientWithoutMethodsThatDoesNotRegister) {
-    stage.open(nullptr);
-    ASSERT_TRUE(stage.wait_ready());
+    stage.serve(nullptr);
     EXPECT_TRUE(stage.router.registration.empty());
     request();
     answer_next(R"("result":1)");
-    expect_outcomes(1);
+    expect_outcomes({"result 0 |1"});
 }
 
 TEST_F(Router, CanBeWaitedForByASimpleProgram) {
@@ -256,7 +203,7 @@ TEST_F(Router, ThatAnswersWithoutANewlineAndClosesIsToldOnceToBeAnotherSocket) {
     stage.router.polite = false;
     stage.open(methods);
     for (int attempt = 0; attempt < 3; ++attempt) {
-        EXPECT_TRUE(support::holds(stage.next(), "router.Bus"));
+        EXPECT_TRUE(holds(stage.next(), "router.Bus"));
         stage.router.say_bytes(R"({"jsonrpc":"2.0","id":"router.Bus","result":{}})");
         stage.router.hang_up();
     }
@@ -280,7 +227,7 @@ TEST_F(Router, ThatIsNotThereYetIsToldOnceAsAnErrorAndWaitedFor) {
 
 TEST_F(Router, ThatClosesBeforeTheServiceIsReadyEndsOneThatNeedsIt) {
     stage.router.polite = false;
-    stage.open(methods, support::with_flags(TAVRIX_SERVICE_NEED_ROUTER));
+    stage.open(methods, with_flags(TAVRIX_SERVICE_NEED_ROUTER));
     EXPECT_NE(stage.next(), "(nothing)");
     stage.router.hang_up();
     EXPECT_EQ(tavrix_service_run(stage.service), TAVRIX_ERR_GENERAL);
@@ -296,8 +243,6 @@ TEST_F(Router, ThatCannotBeReachedIsAnError) {
                          "socket, and may this process's user reach it? Trying again until it can be reached\n"));
 }
 
-// --- Notifications -------------------------------------------------------------------------------------------------
-
 TEST_F(Notifications, ArriveByPattern) {
     char first[] = "1 ";
     char second[] = "2 ";
@@ -308,8 +253,8 @@ TEST_F(Notifications, ArriveByPattern) {
     notify("events.Other");
     notify("other.Thing");
     ASSERT_TRUE(stage.wait([] { return notifications.size() == 3; }));
-    EXPECT_EQ(notifications, (std::vector<std::string>{R"(1 events.LinkChanged {"n":1})",
-                                                       R"(2 events.LinkChanged {"n":1})", "1 events.Other (null)"}));
+    EXPECT_EQ(notifications,
+              (Lines{R"(1 events.LinkChanged {"n":1})", R"(2 events.LinkChanged {"n":1})", "1 events.Other (null)"}));
 }
 
 TEST_F(Notifications, AreSubscribedToAgainWhenTheRouterComesBackAndTheGapIsTold) {
@@ -333,23 +278,23 @@ TEST_F(Notifications, EndWithTheirSubscription) {
     notify("events.Other");
     request();
     answer_next(R"("result":1)");
-    expect_outcomes(1);
+    expect_outcomes({"result 0 |1"});
     EXPECT_TRUE(notifications.empty());
 }
 
 TEST_F(Notifications, MayEndTheirSubscriptionFromTheCallback) {
-    subscription = tavrix_service_subscribe(
+    changing = tavrix_service_subscribe(
         stage.service, "events.*",
         [](tavrix_service *service, const char *method, json_t *, void *) {
             notifications.emplace_back(method);
-            EXPECT_EQ(tavrix_service_cancel(service, subscription), TAVRIX_OK);
-            EXPECT_EQ(tavrix_service_cancel(service, subscription), TAVRIX_ERR_NO_RECORDS);
+            EXPECT_EQ(tavrix_service_cancel(service, changing), TAVRIX_OK);
+            EXPECT_EQ(tavrix_service_cancel(service, changing), TAVRIX_ERR_NO_RECORDS);
         },
         nullptr);
     notify("events.A");
     notify("events.B");
     ASSERT_TRUE(stage.wait([&] { return stage.router.patterns.rfind("router.Unsubscribe", 0) == 0; }));
-    EXPECT_EQ(notifications, std::vector<std::string>{"events.A"});
+    EXPECT_EQ(notifications, Lines{"events.A"});
 }
 
 TEST_F(Notifications, OfOneMessageDoNotReachSubscriptionsThatTheirCallbacksMake) {
@@ -357,20 +302,19 @@ TEST_F(Notifications, OfOneMessageDoNotReachSubscriptionsThatTheirCallbacksMake)
     again = [](tavrix_service *service, const char *method, json_t *, void *) {
         notifications.emplace_back(method);
         ASSERT_LT(notifications.size(), 10U) << "it never ends";
-        EXPECT_EQ(tavrix_service_cancel(service, subscription), TAVRIX_OK);
-        subscription = tavrix_service_subscribe(service, "events.*", again, nullptr);
+        EXPECT_EQ(tavrix_service_cancel(service, changing), TAVRIX_OK);
+        changing = tavrix_service_subscribe(service, "events.*", again, nullptr);
     };
-    subscription = tavrix_service_subscribe(stage.service, "events.*", again, nullptr);
+    changing = tavrix_service_subscribe(stage.service, "events.*", again, nullptr);
     notify("events.A");
     notify("events.B");
     ASSERT_TRUE(stage.wait([] { return !notifications.empty() && notifications.back() == "events.B"; }));
-    EXPECT_EQ(notifications, (std::vector<std::string>{"events.A", "events.B"})) << "once each, the new ones too";
+    EXPECT_EQ(notifications, (Lines{"events.A", "events.B"})) << "once each, the new ones too";
 }
 
 TEST_F(Router, IsToldNotificationsOverTheSessionByAServiceWithoutAPublisher) {
-    stage.open(methods, support::with_flags(TAVRIX_SERVICE_SILENT));
-    ASSERT_TRUE(stage.wait_ready());
-    EXPECT_TRUE(support::holds(stage.router.registration, R"("publish":[])"));
+    stage.serve(methods, with_flags(TAVRIX_SERVICE_SILENT));
+    EXPECT_TRUE(holds(stage.router.registration, R"("publish":[])"));
     EXPECT_EQ(tavrix_service_publish(stage.service, "t.Happened", json_pack("{s:i}", "n", 1)), TAVRIX_OK);
     EXPECT_EQ(stage.next(), R"({"jsonrpc":"2.0","method":"t.Happened","params":{"n":1}})");
     EXPECT_EQ(tavrix_service_publish(stage.service, "t|x", nullptr), TAVRIX_ERR_PARAMETER);

@@ -16,37 +16,34 @@
 #include "support/log_capture.h"
 #include "support/memory.h"
 #include "support/process.h"
-#include "support/stream.h"
+
+using namespace support;
 
 namespace {
-
-using support::heap_in_use;
-using support::Process;
-using support::Stage;
 
 constexpr size_t thousand = 1000;
 size_t deferred_calls = 0;
 size_t outcomes = 0;
 
-int defer(tavrix_call *call) {
+int defer_counted(tavrix_call *call) {
     deferred_calls += tavrix_call_defer(call, nullptr, nullptr) != 0 ? 1 : 0;
     return TAVRIX_OK;
 }
-const tavrix_service_param defer_params[] = {
-    TAVRIX_PARAM("port", TAVRIX_KIND_PORT_ID, "", TAVRIX_ANY_PORT),
-    TAVRIX_PARAM("vlan", TAVRIX_KIND_VLAN_ID, "", 0),
-    TAVRIX_PARAM_END,
-};
-const support::OneMethod own("t.Defer", defer, defer_params);
-const tavrix_service_method *const methods = own.table;
+const Rows defer_params = {TAVRIX_PARAM("port", TAVRIX_KIND_PORT_ID, "", TAVRIX_ANY_PORT),
+                           TAVRIX_PARAM("vlan", TAVRIX_KIND_VLAN_ID, "", 0)};
+const Methods methods = {{"t.Defer", defer_counted, defer_params}};
 
 void on_answer(tavrix_service * /*service*/, const tavrix_answer * /*answer*/, void * /*user*/) { ++outcomes; }
 
-/** Bytes for each of a thousand; the figure is printed, for who changes what a call is made of. */
-size_t each_of_a_thousand(const char *what, size_t before, size_t after) {
+/** Each of a thousand takes so many bytes at most; the figure is printed, for who changes what a call is made of. */
+void expect_small_records(const char *what, size_t bound, const std::function<void()> &make_a_thousand) {
+    const size_t before = heap_in_use();
+    make_a_thousand();
+    const size_t after = heap_in_use();
+    ASSERT_GT(after, before);
     const size_t each = (after - before) / thousand;
     std::printf("%s: %zu bytes each\n", what, each);
-    return each;
+    EXPECT_LE(each, bound);
 }
 
 /** Makes a thousand requests, which the router has read when this returns. */
@@ -70,31 +67,23 @@ class Scale : public testing::Test {
         deferred_calls = 0;
         outcomes = 0;
     }
-    support::LogCapture log{"info"};
+    LogCapture log{"info"};
 };
 
-} // namespace
-
 TEST_F(Scale, AThousandCallsToOthersInFlightAreAThousandSmallRecords) {
-    constexpr size_t bound = 512;
     Stage stage(methods);
     request_a_thousand(&stage); // what is taken once is taken now: the loop's heap, the buffers
     stage.restart_router();
     ASSERT_TRUE(stage.wait([] { return outcomes == thousand; }));
-    const size_t before = heap_in_use();
-    request_a_thousand(&stage);
-    const size_t after = heap_in_use();
+    expect_small_records("a call to another service in flight", 512, [&] { request_a_thousand(&stage); });
     ASSERT_EQ(outcomes, thousand) << "all of the second thousand are in flight";
-    ASSERT_GT(after, before);
-    EXPECT_LE(each_of_a_thousand("a call to another service in flight", before, after), bound);
 }
 
 TEST_F(Scale, AThousandCallsThatWaitForTheirAnswersAreAThousandSmallRecords) {
-    constexpr size_t bound = 4096; // the request itself, as JSON, is the larger part
     Stage stage(methods);
     const auto defer_a_thousand = [&](size_t so_far) {
         for (size_t i = 0; i < thousand; ++i) {
-            stage.router.say(support::direct_request("t.Defer", R"({"port":"c1-1","vlan":7})", static_cast<int>(i)));
+            stage.router.say(direct_request("t.Defer", R"({"port":"c1-1","vlan":7})", static_cast<int>(i)));
             if (i % 100 == 99) { // as many as the connection holds
                 ASSERT_TRUE(stage.wait([&] { return deferred_calls == so_far + i + 1; }));
             }
@@ -102,30 +91,23 @@ TEST_F(Scale, AThousandCallsThatWaitForTheirAnswersAreAThousandSmallRecords) {
     };
     defer_a_thousand(0);
     stage.restart_router();
-    const size_t before = heap_in_use();
-    defer_a_thousand(thousand);
-    const size_t after = heap_in_use();
-    ASSERT_GT(after, before);
-    EXPECT_LE(each_of_a_thousand("a call that waits for its answer", before, after), bound);
+    // The request itself, as JSON, is the larger part.
+    expect_small_records("a call that waits for its answer", 4096, [&] { defer_a_thousand(thousand); });
 }
-
-// --- Coming and going ------------------------------------------------------------------------------------------------
-
-namespace {
 
 /** The router, and services of the kit in this process, which come and go beside it. */
 class Churn : public testing::Test {
   protected:
     Churn() {
-        support::set_log_level("off"); // of this process
-        support::write_file("tavrix_lsyslog.conf", "[logging_levels]\nrouterd=info\n");
-        router = support::started_router("ipc://bus/router");
+        set_log_level("off"); // of this process
+        write_file("tavrix_lsyslog.conf", "[logging_levels]\nrouterd=info\n");
+        router = started_router("ipc://bus/router");
     }
 
     /** Opens a service, has it registered with an ipc address of its own, and closes it. */
     void come_and_go(const std::string &name) {
-        static const support::OneMethod visited("visitor.Defer", defer, defer_params);
-        support::Service service = support::started_service(name.c_str(), visited.table);
+        static const Methods visited = {{"visitor.Defer", defer_counted, defer_params}};
+        Service service = started_service(name.c_str(), visited);
         const std::string address = "bus/" + name;
         EXPECT_TRUE(std::filesystem::exists(address)) << "it publishes on an ipc address";
         service.reset();
@@ -146,8 +128,6 @@ size_t visits() {
     return wanted != nullptr ? std::strtoul(wanted, nullptr, 10) : everyday;
 }
 
-} // namespace
-
 TEST_F(Churn, OfServicesOnIpcAddressesLeavesNoDescriptorNoMemoryAndNoFile) {
     constexpr size_t warm_up = 20;
     const size_t count = visits();
@@ -159,21 +139,23 @@ TEST_F(Churn, OfServicesOnIpcAddressesLeavesNoDescriptorNoMemoryAndNoFile) {
     for (size_t i = 0; i < warm_up; ++i) {
         come_and_go(names[i]);
     }
-    const int descriptors = support::open_descriptors();
+    const int descriptors = open_descriptors();
     const size_t heap = heap_in_use();
     const long files = entries("bus");
-    ASSERT_TRUE(support::wait_until([&] { return router->times_said(" has gone") == static_cast<int>(warm_up); }))
+    ASSERT_TRUE(wait_until([&] { return router->times_said(" has gone") == static_cast<int>(warm_up); }))
         << router->log();
     const long router_before = router_descriptors(); // at least those that stay: the last visitor's close in their time
     for (size_t i = 0; i < count && !HasFailure(); ++i) {
         come_and_go(names[warm_up + i]);
     }
     const size_t heap_after = heap_in_use();
-    EXPECT_EQ(support::open_descriptors(), descriptors);
+    EXPECT_EQ(open_descriptors(), descriptors);
     EXPECT_EQ(entries("bus"), files);
-    EXPECT_TRUE(support::wait_until([&] { return router_descriptors() <= router_before; }))
+    EXPECT_TRUE(wait_until([&] { return router_descriptors() <= router_before; }))
         << router_descriptors() << " descriptors of the router's instead of " << router_before;
     const long gained = static_cast<long>(heap_after) - static_cast<long>(heap);
     std::printf("%zu services came and went: %ld bytes of the heap gained\n", count, gained);
     EXPECT_LT(gained, static_cast<long>(count) * 64) << "less than the smallest record for each";
 }
+
+} // namespace

@@ -10,84 +10,59 @@
 #include "support/json.h"
 #include "support/log_capture.h"
 #include "support/process.h"
-#include "support/stream.h"
 #include "tavrix_mq.h"
+
+using namespace support;
 
 namespace {
 
-using support::code_of;
-using support::member;
-using support::StreamClient;
-
-uint64_t deferred = 0;
-int abandoned = 0;
 int calls = 0;
-tavrix_caller caller;
+std::string caller;
 
-int echo(tavrix_call *call) {
+int note(tavrix_call *call) {
     ++calls;
-    caller = tavrix_call_caller(call);
-    return support::echo(call);
-}
-int defer(tavrix_call *call) {
-    deferred = tavrix_call_defer(
-        call, [](tavrix_call *, void *) { ++abandoned; }, nullptr);
-    return 0;
+    caller = caller_of(call);
+    return echo(call);
 }
 
-const tavrix_service_method methods[] = {
-    TAVRIX_METHOD("t.Echo", echo, "", nullptr, nullptr, 0),
-    TAVRIX_METHOD("t.Defer", defer, "", nullptr, nullptr, 0),
-    TAVRIX_METHOD_END,
-};
+const Methods methods = {{"t.Echo", note}, {"t.Defer", defer}};
 
 constexpr size_t long_answer = 4 << 20; // more than a connection holds
 
-std::string request(const std::string &method, const std::string &params) {
-    return support::request(method, "1", ",\"params\":" + params);
+std::string call_of(const std::string &method, const std::string &params) {
+    return request(method, "1", ",\"params\":" + params);
 }
 
 class Sockets : public testing::Test {
   protected:
     Sockets() {
-        deferred = 0;
-        abandoned = 0;
         calls = 0;
         EXPECT_NE(listener, 0U);
-    }
-    /** What a client hears until the service closes. */
-    std::string hear(const StreamClient &client) {
-        std::string text;
-        return stage.wait([&] { return client.take(&text); }) ? text : "(time-out)";
     }
     static StreamClient say(const std::string &text) {
         StreamClient client = StreamClient::unix_path("direct.sock");
         client.say(text);
         return client;
     }
-    std::string ask(const std::string &text) { return hear(say(text)); }
+    std::string ask(const std::string &text) { return stage.hear(say(text)); }
     /** A client whose call is deferred. */
     StreamClient defer() {
-        StreamClient client = say(request("t.Defer", "{}"));
+        StreamClient client = say(call_of("t.Defer", "{}"));
         EXPECT_TRUE(stage.wait([] { return deferred != 0; }));
         return client;
     }
-    int reply(json_t *result) { return tavrix_call_reply(call(), result); }
-    tavrix_call *call() { return tavrix_service_deferred(stage.service, deferred); }
+    int reply(json_t *result) { return tavrix_call_reply(stage.deferred_call(), result); }
 
-    support::LogCapture log{"info"};
-    support::Stage stage{methods};
+    LogCapture log{"info"};
+    Stage stage{methods};
     uint64_t listener = tavrix_service_listen_unix(stage.service, "direct.sock");
 };
 
-} // namespace
-
 TEST_F(Sockets, AnswerOneRequestOnAUnixPathAndClose) {
-    EXPECT_EQ(ask(request("t.Echo", R"({"a":1})")), R"({"jsonrpc":"2.0","id":"t.Echo","result":{"a":1}})");
-    EXPECT_EQ(caller.road, TAVRIX_ROAD_UNIX);
-    EXPECT_EQ(caller.pid, getpid());
-    EXPECT_EQ(caller.uid, getuid());
-    EXPECT_EQ(code_of(ask(request("t.Unknown", "{}"))), "-32601");
+    EXPECT_EQ(ask(call_of("t.Echo", R"({"a":1})")), R"({"jsonrpc":"2.0","id":"t.Echo","result":{"a":1}})");
+    EXPECT_EQ(caller,
+              "unix " + std::to_string(getpid()) + " " + std::to_string(getuid()) + " " + std::to_string(getgid()));
+    EXPECT_EQ(code_of(ask(call_of("t.Unknown", "{}"))), "-32601");
 }
 
 TEST_F(Sockets, AnswerOnATcpPort) {
@@ -95,9 +70,9 @@ TEST_F(Sockets, AnswerOnATcpPort) {
     ASSERT_NE(tavrix_service_listen_tcp(stage.service, nullptr, 0, &port), 0U);
     ASSERT_NE(port, 0U);
     const StreamClient client = StreamClient::tcp_port(static_cast<int>(port));
-    client.say(request("t.Echo", R"({"a":2})"));
-    EXPECT_EQ(member(hear(client), "result"), R"({"a":2})");
-    EXPECT_EQ(caller.road, TAVRIX_ROAD_TCP);
+    client.say(call_of("t.Echo", R"({"a":2})"));
+    EXPECT_EQ(member(stage.hear(client), "result"), R"({"a":2})");
+    EXPECT_EQ(caller, "tcp -1 4294967295 4294967295");
     EXPECT_EQ(tavrix_service_listen_tcp(stage.service, nullptr, port, nullptr), 0U);
     EXPECT_TRUE(log.says("Cannot listen on 127.0.0.1:" + std::to_string(port) +
                          ": Address already in use; is another daemon running there?"));
@@ -105,19 +80,19 @@ TEST_F(Sockets, AnswerOnATcpPort) {
 
 TEST_F(Sockets, TakeARequestThatComesInPieces) {
     const StreamClient client = StreamClient::unix_path("direct.sock");
-    for (const char byte : request("t.Echo", R"({"brace":"}\"{"})")) {
+    for (const char byte : call_of("t.Echo", R"({"brace":"}\"{"})")) {
         client.say(std::string(1, byte));
         stage.step();
     }
-    EXPECT_EQ(member(hear(client), "result"), R"({"brace":"}\"{"})");
+    EXPECT_EQ(member(stage.hear(client), "result"), R"({"brace":"}\"{"})");
 }
 
 TEST_F(Sockets, TakeARequestOf1024BytesAndNoLongerOne) {
-    const size_t rest = request("t.Echo", R"({"a":""})").size();
-    const std::string longest = request("t.Echo", R"({"a":")" + std::string(1024 - rest, 'x') + "\"}");
+    const size_t rest = call_of("t.Echo", R"({"a":""})").size();
+    const std::string longest = call_of("t.Echo", R"({"a":")" + std::string(1024 - rest, 'x') + "\"}");
     ASSERT_EQ(longest.size(), 1024U);
     EXPECT_EQ(member(ask(longest), "id"), "\"t.Echo\"");
-    EXPECT_EQ(ask(request("t.Echo", R"({"a":")" + std::string(1025 - rest, 'x') + "\"}")), "");
+    EXPECT_EQ(ask(call_of("t.Echo", R"({"a":")" + std::string(1025 - rest, 'x') + "\"}")), "");
 }
 
 TEST_F(Sockets, CloseWithoutAnAnswerWhereTheLibraryDoes) {
@@ -135,13 +110,13 @@ TEST_F(Sockets, AnswerAClientThatHasShutItsSendingSideDown) {
         stage.step();
     }
     EXPECT_EQ(reply(json_integer(3)), TAVRIX_OK);
-    EXPECT_EQ(member(hear(client), "result"), "3");
+    EXPECT_EQ(member(stage.hear(client), "result"), "3");
 }
 
 TEST_F(Sockets, AbandonTheCallOfAClientThatGoes) {
     defer().close();
     EXPECT_TRUE(stage.wait([] { return abandoned == 1; }));
-    EXPECT_EQ(call(), nullptr);
+    EXPECT_EQ(stage.deferred_call(), nullptr);
 }
 
 TEST_F(Sockets, SilentClientsHoldNobodyUpAndMakeRoom) {
@@ -150,8 +125,8 @@ TEST_F(Sockets, SilentClientsHoldNobodyUpAndMakeRoom) {
         silent.push_back(StreamClient::unix_path("direct.sock"));
         stage.step();
     }
-    EXPECT_EQ(member(ask(request("t.Echo", "{}")), "result"), "{}");
-    EXPECT_EQ(hear(silent.front()), "") << "the one that has been silent for longest was closed";
+    EXPECT_EQ(member(ask(call_of("t.Echo", "{}")), "result"), "{}");
+    EXPECT_EQ(stage.hear(silent.front()), "") << "the one that has been silent for longest was closed";
 }
 
 TEST_F(Sockets, LeaveHalfOfThePlacesToOtherUsers) {
@@ -169,7 +144,7 @@ TEST_F(Sockets, LeaveHalfOfThePlacesToOtherUsers) {
         stage.step();
     }
     EXPECT_FALSE(is_closed(own[0]));
-    EXPECT_EQ(member(ask(request("t.Echo", "{}")), "result"), "{}");
+    EXPECT_EQ(member(ask(call_of("t.Echo", "{}")), "result"), "{}");
     EXPECT_TRUE(is_closed(own[0])) << "the one who asked was one too many of his user's, with half of the places free";
     while (network.size() < half) {
         network.push_back(StreamClient::tcp_port(static_cast<int>(port)));
@@ -183,66 +158,48 @@ TEST_F(Sockets, LeaveHalfOfThePlacesToOtherUsers) {
     EXPECT_FALSE(is_closed(own[1])) << "though he has been silent for longer";
 }
 
-TEST_F(Sockets, AnswerMoreThanAClientReadsAtOnce) {
-    const StreamClient client = defer();
-    reply(json_string(std::string(long_answer, 'x').c_str()));
-    EXPECT_EQ(member(hear(client), "result").size(), long_answer + 2);
-}
-
-// --- Time ----------------------------------------------------------------------------------------------------------
-
-namespace {
-
-/** An event of the loop's that waits for this, and not for ever. */
-struct Waiting {
-    short what;
-    event *found;
-};
-
-/** Lets the time be over that an event waits at most; false when none waits so. */
+/** Lets the time be over that an event waits for this at most; false when none waits so. */
 bool let_time_pass(tavrix_service *service, short what) {
-    Waiting waiting{what, nullptr};
+    std::pair<short, event *> waiting{what, nullptr};
     event_base_foreach_event(
         tavrix_service_base(service),
         [](const event_base *, const event *candidate, void *user) {
-            auto *wanted = static_cast<Waiting *>(user);
-            if (event_get_fd(candidate) >= 0 && event_pending(candidate, wanted->what, nullptr) != 0 &&
+            auto &[wanted, found] = *static_cast<std::pair<short, event *> *>(user);
+            if (event_get_fd(candidate) >= 0 && event_pending(candidate, wanted, nullptr) != 0 &&
                 event_pending(candidate, EV_TIMEOUT, nullptr) != 0) {
-                wanted->found = const_cast<event *>(candidate);
+                found = const_cast<event *>(candidate);
             }
             return 0;
         },
         &waiting);
-    if (waiting.found != nullptr) {
-        event_active(waiting.found, EV_TIMEOUT, 1);
+    if (waiting.second != nullptr) {
+        event_active(waiting.second, EV_TIMEOUT, 1);
     }
-    return waiting.found != nullptr;
+    return waiting.second != nullptr;
 }
-
-} // namespace
 
 TEST_F(Sockets, CloseAClientThatSaysNothingInTime) {
     ASSERT_FALSE(let_time_pass(stage.service, EV_READ)) << "the service's own sockets wait for ever";
     const StreamClient client = say(R"({"jsonrpc":"2.0","method":)");
     ASSERT_TRUE(stage.wait([&] { return let_time_pass(stage.service, EV_READ); }));
-    EXPECT_EQ(hear(client), "");
+    EXPECT_EQ(stage.hear(client), "");
     EXPECT_EQ(calls, 0);
-    EXPECT_EQ(member(ask(request("t.Echo", "{}")), "result"), "{}") << "the others are served as before";
+    EXPECT_EQ(member(ask(call_of("t.Echo", "{}")), "result"), "{}") << "the others are served as before";
 }
 
 TEST_F(Sockets, WaitForAHandlerAsLongAsItsCallerDoes) {
     const StreamClient client = defer();
     EXPECT_FALSE(let_time_pass(stage.service, EV_READ)) << "it has said what it wants";
     reply(json_integer(3));
-    EXPECT_EQ(member(hear(client), "result"), "3");
+    EXPECT_EQ(member(stage.hear(client), "result"), "3");
 }
 
 TEST_F(Sockets, TellTheClientsOfAServiceThatNeverAnswersSoAtTheDeadline) {
     stage.router.reply_timeout_ms = 50;
     stage.restart_router();
-    EXPECT_EQ(code_of(hear(defer())), "-32005") << "no router does";
+    EXPECT_EQ(code_of(stage.hear(defer())), "-32005") << "no router does";
     EXPECT_EQ(abandoned, 1);
-    EXPECT_EQ(call(), nullptr);
+    EXPECT_EQ(stage.deferred_call(), nullptr);
 }
 
 TEST_F(Sockets, CloseAClientThatDoesNotReadItsAnswerInTime) {
@@ -250,13 +207,13 @@ TEST_F(Sockets, CloseAClientThatDoesNotReadItsAnswerInTime) {
     reply(json_string(std::string(long_answer, 'x').c_str()));
     ASSERT_TRUE(let_time_pass(stage.service, EV_WRITE));
     stage.step();
-    const std::string heard = hear(client);
+    const std::string heard = stage.hear(client);
     EXPECT_GT(heard.size(), 0U);
     EXPECT_LT(heard.size(), long_answer) << "what had been sent, and no more";
 }
 
 TEST_F(Sockets, TakeNoPlaceThatIsServedOrIsNoSocket) {
-    support::write_file("file", "precious");
+    write_file("file", "precious");
     EXPECT_EQ(tavrix_service_listen_unix(stage.service, "direct.sock"), 0U);
     EXPECT_EQ(tavrix_service_listen_unix(stage.service, "file"), 0U);
     EXPECT_EQ(tavrix_service_listen_unix(stage.service, std::string(108, 'p').c_str()), 0U);
@@ -270,13 +227,13 @@ TEST_F(Sockets, RemoveTheirFileWhenTheyAreCancelled) {
 }
 
 TEST_F(Sockets, PullTakesOneWayRequests) {
-    const std::string address = support::free_bus_address();
+    const std::string address = free_bus_address();
     ASSERT_NE(tavrix_service_listen_pull(stage.service, address.c_str()), 0U);
-    support::BusSocket push(TAVRIX_SP_PUSH);
+    BusSocket push(TAVRIX_SP_PUSH);
     push.connect(address);
-    ASSERT_EQ(tavrix_mq_socket_send(push.number, request("t.Echo", "{}").c_str()), TAVRIX_OK);
+    ASSERT_EQ(tavrix_mq_socket_send(push.number, call_of("t.Echo", "{}").c_str()), TAVRIX_OK);
     EXPECT_TRUE(stage.wait([] { return calls == 1; }));
-    EXPECT_EQ(caller.road, TAVRIX_ROAD_PULL);
+    EXPECT_EQ(caller, "pull -1 4294967295 4294967295");
     EXPECT_EQ(tavrix_service_listen_pull(stage.service, "nowhere"), 0U);
 }
 
@@ -287,27 +244,17 @@ TEST_F(Sockets, EndWithTheService) {
     EXPECT_NE(access("direct.sock", F_OK), 0);
 }
 
-// --- Timers --------------------------------------------------------------------------------------------------------
-
-namespace {
-
-struct Ticks {
-    int count = 0;
-    uint64_t number = 0;
-};
-
-void tick(tavrix_service *service, void *user) {
-    auto *ticks = static_cast<Ticks *>(user);
-    if (++ticks->count == 3) {
-        EXPECT_EQ(tavrix_service_cancel(service, ticks->number), TAVRIX_OK);
-    }
-}
-
-} // namespace
-
 TEST_F(Sockets, TimersRunOnceOrAgainAndAgainUntilTheyAreCancelled) {
-    Ticks once;
-    Ticks often;
+    struct Ticks {
+        int count = 0;
+        uint64_t number = 0;
+    } once, often;
+    const auto tick = [](tavrix_service *service, void *user) {
+        auto *ticks = static_cast<Ticks *>(user);
+        if (++ticks->count == 3) {
+            EXPECT_EQ(tavrix_service_cancel(service, ticks->number), TAVRIX_OK);
+        }
+    };
     once.number = tavrix_service_timer(stage.service, 0, 0, tick, &once);
     often.number = tavrix_service_timer(stage.service, 1, 1, tick, &often);
     ASSERT_TRUE(stage.wait([&] { return often.count == 3 && once.count == 1; }));
@@ -315,3 +262,5 @@ TEST_F(Sockets, TimersRunOnceOrAgainAndAgainUntilTheyAreCancelled) {
     EXPECT_EQ(tavrix_service_cancel(stage.service, often.number), TAVRIX_ERR_NO_RECORDS);
     EXPECT_EQ(tavrix_service_timer(stage.service, -1, 0, tick, &once), 0U);
 }
+
+} // namespace

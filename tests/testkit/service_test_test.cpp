@@ -14,9 +14,7 @@ namespace {
 /** What the handlers and callbacks below have seen. */
 struct Seen {
     std::vector<std::string> words;
-    tavrix_call *call = nullptr;
     uint64_t number = 0;
-    int ticks = 0;
 };
 Seen seen;
 
@@ -93,14 +91,9 @@ class TestKit : public testing::Test, protected driven::Service {
 
 using Words = std::vector<std::string>;
 
-// --- Requests to the service ---
-
-TEST_F(TestKit, GivesTheWholeResponseToAText) {
+TEST_F(TestKit, GivesTheWholeResponseToARequestAndNothingForWhatIsNone) {
     EXPECT_EQ(request(R"({"jsonrpc":"2.0","method":"t.Echo","id":1,"transaction_id":9,"params":{"a":1}})"),
               R"({"jsonrpc":"2.0","id":"t.Echo","result":{"a":1},"transaction_id":9})");
-}
-
-TEST_F(TestKit, GivesNothingForWhatIsNoRequest) {
     EXPECT_EQ(request("{"), "(none)");
     EXPECT_EQ(request(R"({"jsonrpc":"2.0","method":"t.Echo"})"), "(none)");
 }
@@ -126,8 +119,6 @@ TEST_F(TestKit, CancelsACallByItsTransactionId) {
     cancel(1);
     EXPECT_EQ(seen.words, Words{"abandoned"});
 }
-
-// --- What the service sends ---
 
 TEST_F(TestKit, ShowsARequestAndLetsItBeAnsweredOnce) {
     call("t.Ask");
@@ -172,8 +163,6 @@ TEST_F(TestKit, LeavesTheTestsOwnStandardErrorAlone) {
     std::fprintf(stderr, "the test's\n");
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "the test's\n");
 }
-
-// --- What happens to the service ---
 
 TEST_F(TestKit, RingsTimersInTheirOrderEachAtItsTime) {
     timer(30, 0, "thirty");
@@ -258,8 +247,6 @@ TEST_F(TestKit, StopsAsSigtermDoes) {
     close();
     EXPECT_EQ(seen.words, Words{"stop"});
 }
-
-// --- Mistakes ---
 
 using TestKitDeathTest = TestKit;
 

@@ -10,14 +10,15 @@
 
 #include "common/names.h"
 #include "support/json.h"
-#include "support/stream.h"
 #include "tavrix_mq.h"
 
 namespace support {
 
 namespace names = tavrix::names;
 
-PlayedRouter::PlayedRouter(std::string path) : path_(std::move(path)) {
+static constexpr char session_path[] = "session.sock";
+
+PlayedRouter::PlayedRouter() {
     folder = std::filesystem::current_path().string() + "/bus";
     mkdir(folder.c_str(), 0770);
     bus_address = "ipc://" + folder + "/router";
@@ -27,10 +28,10 @@ PlayedRouter::PlayedRouter(std::string path) : path_(std::move(path)) {
 PlayedRouter::~PlayedRouter() { die(); }
 
 void PlayedRouter::listen() {
-    const sockaddr_un address = unix_address(path_);
-    unlink(path_.c_str());
+    const sockaddr_un address = unix_address(session_path);
+    unlink(session_path);
     listener_.reset(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    ASSERT_EQ(bind(listener_.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address), 0) << path_;
+    ASSERT_EQ(bind(listener_.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
     ASSERT_EQ(::listen(listener_.get(), 64), 0);
 }
 
@@ -43,7 +44,7 @@ void PlayedRouter::hang_up() {
 void PlayedRouter::die() {
     hang_up();
     listener_.reset();
-    unlink(path_.c_str());
+    unlink(session_path);
 }
 
 void PlayedRouter::say_bytes(const std::string &bytes) {
@@ -152,13 +153,9 @@ void PlayedRouter::settle() {
     }
 }
 
-// --- Handlers ------------------------------------------------------------------------------------------------------
-
-namespace {
-
-json_int_t n_of(const tavrix_call *call) { return json_integer_value(json_object_get(tavrix_call_params(call), "n")); }
-
-} // namespace
+static json_int_t n_of(const tavrix_call *call) {
+    return json_integer_value(json_object_get(tavrix_call_params(call), "n"));
+}
 
 int accept(tavrix_call * /*call*/) { return TAVRIX_OK; }
 
@@ -179,33 +176,66 @@ int nest(tavrix_call *call) {
     return tavrix_call_reply(call, value);
 }
 
-Service started_service(const char *name, const tavrix_service_method *methods, tavrix_service_options options) {
-    options.name = name;
+int defer(tavrix_call *call) {
+    deferred = tavrix_call_defer(
+        call, [](tavrix_call * /*call*/, void * /*user*/) { ++abandoned; }, nullptr);
+    return TAVRIX_OK;
+}
+uint64_t deferred = 0;
+int abandoned = 0;
+
+std::string caller_of(const tavrix_call *call) {
+    static const char *const roads[] = {"session", "bus", "unix", "tcp", "pull"};
+    const tavrix_caller caller = tavrix_call_caller(call);
+    return std::string(roads[caller.road]) + " " + std::to_string(caller.pid) + " " + std::to_string(caller.uid) + " " +
+           std::to_string(caller.gid);
+}
+
+std::string outcome_of(const tavrix_answer *answer) {
+    static const char *const names[] = {"result", "error", "time-out", "gone", "cancelled"};
+    return std::string(names[answer->outcome]) + " " + std::to_string(answer->code);
+}
+
+Methods::Methods(std::initializer_list<Row> rows) {
+    for (const Row &row : rows) {
+        table.push_back(TAVRIX_METHOD(row.name, row.handler, "Does one thing.", row.params, row.result, row.flags));
+    }
+    table.push_back(TAVRIX_METHOD_END);
+}
+
+static tavrix_service *started(const tavrix_service_method *methods, tavrix_service_options options) {
+    options.name = options.name != nullptr ? options.name : "tester";
     options.methods = methods;
-    options.session = "session.sock";
+    options.session = options.session != nullptr ? options.session : session_path;
     options.flags |= TAVRIX_SERVICE_NO_SIGNALS;
     tavrix_service *service = nullptr;
     EXPECT_EQ(tavrix_service_open(&options, &service), TAVRIX_OK);
     EXPECT_EQ(tavrix_service_start(service), TAVRIX_OK);
-    EXPECT_TRUE(wait_until([&] {
-        event_base_loop(tavrix_service_base(service), EVLOOP_NONBLOCK);
-        return tavrix_service_is_ready(service);
-    })) << name;
-    return Service(service);
+    return service;
 }
 
-// --- Stage ---------------------------------------------------------------------------------------------------------
+Service started_service(const char *name, const tavrix_service_method *methods, tavrix_service_options options) {
+    options.name = name;
+    Service service(started(methods, options));
+    EXPECT_TRUE(wait_until([&] {
+        event_base_loop(tavrix_service_base(service.get()), EVLOOP_NONBLOCK);
+        return tavrix_service_is_ready(service.get());
+    })) << name;
+    return service;
+}
 
-Stage::Stage() = default;
+Stage::Stage() {
+    deferred = 0;
+    abandoned = 0;
+}
 
-Stage::Stage(const tavrix_service_method *methods, tavrix_service_options options,
-             const std::function<void(PlayedRouter &)> &prepare) {
-    router.settles = false;
+Stage::Stage(const tavrix_service_method *methods, const tavrix_service_options &options,
+             const std::function<void(PlayedRouter &)> &prepare)
+    : Stage() {
     if (prepare) {
         prepare(router);
     }
-    open(methods, options);
-    EXPECT_TRUE(wait_ready());
+    serve(methods, options);
 }
 
 Stage::~Stage() { close(); }
@@ -215,13 +245,14 @@ void Stage::close() {
     service = nullptr;
 }
 
-void Stage::open(const tavrix_service_method *methods, tavrix_service_options options) {
-    options.name = options.name != nullptr ? options.name : "tester";
-    options.methods = methods;
-    options.session = options.session != nullptr ? options.session : "session.sock";
-    options.flags |= TAVRIX_SERVICE_NO_SIGNALS;
-    ASSERT_EQ(tavrix_service_open(&options, &service), TAVRIX_OK);
-    ASSERT_EQ(tavrix_service_start(service), TAVRIX_OK);
+void Stage::open(const tavrix_service_method *methods, const tavrix_service_options &options) {
+    service = started(methods, options);
+}
+
+void Stage::serve(const tavrix_service_method *methods, const tavrix_service_options &options) {
+    router.settles = false;
+    open(methods, options);
+    EXPECT_TRUE(wait_ready());
 }
 
 void Stage::step() {
@@ -271,6 +302,11 @@ std::string Stage::result_of(const std::string &method, const std::string &param
 
 std::string Stage::code_of(const std::string &method, const std::string &params) {
     return support::code_of(ask(method, params));
+}
+
+std::string Stage::hear(const StreamClient &client) {
+    std::string text;
+    return wait([&] { return client.take(&text); }) ? text : "(time-out)";
 }
 
 std::string direct_request(const std::string &method, const std::string &params, int transaction_id) {

@@ -1,9 +1,8 @@
 /**
  * A router that the test plays, and a service beside it: both live in the test's thread, and move when the test waits.
  *
- *     Stage stage(methods);                       // opens, connects and registers the service
- *     stage.router.say(request("t.Echo", "1"));   // a line on the session
- *     EXPECT_EQ(stage.router.next(), ...);        // the line that comes back
+ *     Stage stage(methods);                                 // opens, connects and registers the service
+ *     EXPECT_EQ(stage.result_of("t.Echo", "{}"), "{}");     // a line on the session, and the one that comes back
  */
 #ifndef TAVRIX_TESTS_KIT_PLAYED_ROUTER_H
 #define TAVRIX_TESTS_KIT_PLAYED_ROUTER_H
@@ -20,6 +19,7 @@
 
 #include "common/handles.h"
 #include "support/bus.h"
+#include "support/stream.h"
 #include "tavrix.h"
 #include "tavrix_service.h"
 
@@ -28,7 +28,7 @@ namespace support {
 /** The session's listener and its one connection, to the newest service. */
 class PlayedRouter {
   public:
-    explicit PlayedRouter(std::string path = "session.sock");
+    PlayedRouter();
     PlayedRouter(const PlayedRouter &) = delete;
     PlayedRouter &operator=(const PlayedRouter &) = delete;
     ~PlayedRouter();
@@ -69,7 +69,6 @@ class PlayedRouter {
     /** An error, when there is one, in the place of the result. */
     void reply(const std::string &id, const std::string &error, const std::string &result = "0");
 
-    std::string path_;
     tavrix::Descriptor listener_;
     tavrix::Descriptor client_;
     std::string in_;
@@ -77,8 +76,7 @@ class PlayedRouter {
     std::string connected_address_;
 };
 
-// --- Handlers that many a table has ---
-
+// Handlers that many a table has.
 int accept(tavrix_call *call);
 /** Answers the params. */
 int echo(tavrix_call *call);
@@ -86,25 +84,45 @@ int echo(tavrix_call *call);
 int fill(tavrix_call *call);
 /** Answers n arrays within each other. */
 int nest(tavrix_call *call);
+/** Defers: `deferred` is its number then, and `abandoned` counts those that nobody waits for any more. */
+int defer(tavrix_call *call);
+extern uint64_t deferred;
+extern int abandoned;
 
-/** A service's table of one method. */
-struct OneMethod {
-    OneMethod(const char *name, int (*handler)(tavrix_call *), const tavrix_service_param *params = nullptr,
-              const tavrix_service_param *result = nullptr, unsigned flags = 0)
-        : table{TAVRIX_METHOD(name, handler, "Does one thing.", params, result, flags), TAVRIX_METHOD_END} {}
+/** The road that a call came by, process, user and group: "session 71 1000 100". */
+std::string caller_of(const tavrix_call *call);
+/** What came of a request, and its code: "error -32014". */
+std::string outcome_of(const tavrix_answer *answer);
 
-    tavrix_service_method table[2];
+/** Parameters of a method, or members of one of them. */
+struct Rows {
+    Rows(std::initializer_list<tavrix_service_param> rows) : table(rows) { table.push_back(TAVRIX_PARAM_END); }
+    operator const tavrix_service_param *() const { return table.data(); }
+
+    std::vector<tavrix_service_param> table;
 };
 
-/** The same with one parameter, t.One's. */
-struct OneParam {
-    explicit OneParam(const tavrix_service_param &row) : rows{row, TAVRIX_PARAM_END} {}
-    OneParam(const OneParam &) = delete;
-    OneParam &operator=(const OneParam &) = delete;
+/** A service's table: names and handlers, and what else a row may have. */
+struct Methods {
+    struct Row {
+        const char *name;
+        tavrix_call_handler handler;
+        const tavrix_service_param *params = nullptr;
+        const tavrix_service_param *result = nullptr;
+        unsigned flags = 0;
+    };
+    Methods(std::initializer_list<Row> rows);
+    operator const tavrix_service_method *() const { return table.data(); }
 
-    tavrix_service_param rows[2];
-    OneMethod one{"t.One", accept, rows};
-    tavrix_service_method *table = one.table;
+    std::vector<tavrix_service_method> table;
+};
+
+/** That of t.One with one parameter. */
+struct OneParam {
+    explicit OneParam(const tavrix_service_param &row) : rows{row} {}
+
+    Rows rows;
+    Methods methods = {{"t.One", accept, rows}};
 };
 
 inline tavrix_service_options with_flags(unsigned flags) {
@@ -129,7 +147,7 @@ Service started_service(const char *name, const tavrix_service_method *methods, 
 class Stage {
   public:
     /** With a table the service is started, and registered when this returns. */
-    explicit Stage(const tavrix_service_method *methods, tavrix_service_options options = {},
+    explicit Stage(const tavrix_service_method *methods, const tavrix_service_options &options = {},
                    const std::function<void(PlayedRouter &)> &prepare = nullptr);
     /** A stage without a service yet. */
     Stage();
@@ -137,7 +155,9 @@ class Stage {
     Stage &operator=(const Stage &) = delete;
     ~Stage();
 
-    void open(const tavrix_service_method *methods, tavrix_service_options options = {});
+    void open(const tavrix_service_method *methods, const tavrix_service_options &options = {});
+    /** The same until it is ready, on a bus that need not stand. */
+    void serve(const tavrix_service_method *methods, const tavrix_service_options &options = {});
     void close();
     /** Lets both move once. */
     void step();
@@ -152,6 +172,10 @@ class Stage {
     /** Of this answer the result, or the code of the error. */
     std::string result_of(const std::string &method, const std::string &params = "{}");
     std::string code_of(const std::string &method, const std::string &params = "{}");
+    /** What a client of the service's own sockets hears until the service closes; or "(time-out)". */
+    std::string hear(const StreamClient &client);
+    /** The call that defer() has deferred; null when it is over. */
+    tavrix_call *deferred_call() const { return tavrix_service_deferred(service, deferred); }
 
     PlayedRouter router;
     tavrix_service *service = nullptr;

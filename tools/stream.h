@@ -34,9 +34,6 @@ size_t request_limit(RoadKind kind);
 /** What the target leads to, the road that is preferred first. */
 std::vector<Road> roads_to(const Target &target);
 
-/** Those of one kind. */
-std::vector<Road> only(RoadKind kind, std::vector<Road> roads);
-
 /**
  * Takes the first of the roads on which somebody listens and for which the request is not too long. Complains and
  * returns the exit status when there is none.

@@ -405,7 +405,7 @@ void unguard(CLI::App *app) {
 void add_help(CLI::App &app, Run *run) {
     CLI::App *verb = add_verb(app, "help", "Explain a verb", "  tavrixctl help call\n  tavrixctl help shm get");
     using Words = std::vector<std::string>;
-    auto &asked_for = options_of<Words>(verb, run, [&app](const Words &words) -> int {
+    auto &asked_for = options_of<Words>(verb, run, [&app](const Words &words) {
         if (!find_stranger(app, words).empty()) {
             return exit_usage;
         }

@@ -76,6 +76,14 @@ std::string to_line(const Exchange &exchange, size_t *width) {
                            Colour::red);
 }
 
+bool is_wanted(const Exchange &exchange, const MonitorOptions &options) {
+    if (exchange.is_notification) {
+        return !options.errors_only && !options.slower_than_ms;
+    }
+    return (!options.errors_only || exchange.outcome != "result") &&
+           (!options.slower_than_ms || exchange.seconds * 1000 > *options.slower_than_ms);
+}
+
 void Pairing::keep(json_int_t call, Exchange exchange) {
     pending_[call] = std::move(exchange);
     if (pending_.size() > most_pending) {

@@ -34,6 +34,9 @@ Json to_json(const Exchange &exchange);
 /** The exchange for people, on one line. `width` is that of the method's column, which grows as it has to. */
 std::string to_line(const Exchange &exchange, size_t *width);
 
+/** Whether the options' filters want it: errors only, slower than. */
+bool is_wanted(const Exchange &exchange, const MonitorOptions &options);
+
 /** Finds the request of each reply. */
 class Pairing {
   public:

@@ -10,13 +10,12 @@
 
 #include "common/sockets.h"
 #include "common/text.h"
-#include "interrupt.h"
 #include "params.h"
 #include "router.h"
-#include "support.h"
 #include "tavrix_error.h"
 #include "tavrix_jrpc.h"
 #include "tavrix_mq.h"
+#include "traffic.h"
 #include "verb_bus.h"
 #include "verbs.h"
 #include "words.h"
@@ -51,11 +50,9 @@ class BusSocket {
             return exit_result;
         }
         if (rc == TAVRIX_ERR_VALIDATION) {
-            complain("%s: a bus address looks like tcp://127.0.0.1:7001", address.c_str());
-            return exit_usage;
+            return fail(exit_usage, "%s: a bus address looks like tcp://127.0.0.1:7001", address.c_str());
         }
-        complain("%s: %s", address.c_str(), std::strerror(errno));
-        return exit_no_connection;
+        return fail(exit_no_connection, "%s: %s", address.c_str(), std::strerror(errno));
     }
 
     unsigned connections() const { return static_cast<unsigned>(nn_get_statistic(get(), NN_STAT_CURRENT_CONNECTIONS)); }
@@ -113,8 +110,7 @@ class Listeners {
             }
             for (const std::string &channel : channels) {
                 if (tavrix_mq_socket_subscribe(sockets_.back()->get(), channel.c_str()) != TAVRIX_OK) {
-                    complain("cannot subscribe to '%s'", channel.c_str());
-                    return exit_no_connection;
+                    return fail(exit_no_connection, "cannot subscribe to '%s'", channel.c_str());
                 }
             }
         }
@@ -313,14 +309,13 @@ int push(const PushOptions &options) {
     const Deadline deadline(options.timeout_s);
     const std::string text = request_text(request.get());
     if (!socket.wait_for_room(deadline) || tavrix_mq_socket_send_nonblock(socket.get(), text.c_str()) != TAVRIX_OK) {
-        complain("%s: nobody takes the message; is a daemon running that has this address as its --pull?",
-                 options.address.c_str());
-        return exit_no_connection;
+        return fail(exit_no_connection,
+                    "%s: nobody takes the message; is a daemon running that has this address as its --pull?",
+                    options.address.c_str());
     }
     // Closing drops what is not yet written out; room for the next message tells that this one is.
     if (!socket.wait_for_room(deadline)) {
-        complain("%s: the message was not taken in time", options.address.c_str());
-        return exit_timeout;
+        return fail(exit_timeout, "%s: the message was not taken in time", options.address.c_str());
     }
     complain("taken; whether it was obeyed cannot be known: nobody answers a pushed message");
     return exit_result;
@@ -358,11 +353,9 @@ int wait_on_bus(const WaitOptions &options, const std::vector<std::string> &addr
         }
     }
     if (announced || listeners.connected() > 0) {
-        complain("no %s in time", method.c_str());
-        return exit_timeout;
+        return fail(exit_timeout, "no %s in time", method.c_str());
     }
-    complain("no connection while waiting for %s", method.c_str());
-    return exit_no_connection;
+    return fail(exit_no_connection, "no connection while waiting for %s", method.c_str());
 }
 
 } // namespace tavrixctl

@@ -8,10 +8,7 @@
 #include <fstream>
 
 #include "common/message.h"
-#include "interrupt.h"
 #include "router.h"
-#include "session.h"
-#include "support.h"
 #include "traffic.h"
 #include "verb_bus.h"
 #include "verbs.h"
@@ -81,10 +78,9 @@ int Watcher::watch(Session *session) {
             break;
         }
         if (got == Session::Got::closed) {
-            complain("the router has closed the session");
-            return exit_no_connection;
+            return fail(exit_no_connection, "the router has closed the session");
         }
-        if (tell_loss(message.get()) || text_of(message.get(), "method") != names::traffic) {
+        if (text_of(message.get(), "method") != names::traffic) {
             continue;
         }
         const std::optional<Exchange> exchange = pairing_.take(json_object_get(message.get(), "params"));
@@ -115,10 +111,7 @@ int monitor_router(const MonitorOptions &options, const std::vector<std::string>
     }
     const Deadline deadline(options.timeout_s);
     std::unique_ptr<Session> session;
-    int status = open_session(options.target, deadline, &session);
-    if (status == exit_result) {
-        status = open_stream(session.get(), names::monitor, patterns, deadline);
-    }
+    int status = open_stream(options.target, names::monitor, patterns, deadline, &session);
     if (status != exit_result || stop_requested()) {
         return status;
     }
@@ -257,38 +250,27 @@ int Player::play() {
     if (status == exit_result && different_ == 0 && missing_ > 0 && !stop_requested()) {
         return exit_timeout;
     }
-    return status == exit_result && different_ > 0 ? static_cast<int>(exit_error_response) : status;
+    return status == exit_result && different_ > 0 ? exit_error_response : status;
 }
 
 } // namespace
-
-bool is_wanted(const Exchange &exchange, const MonitorOptions &options) {
-    if (exchange.is_notification) {
-        return !options.errors_only && !options.slower_than_ms;
-    }
-    return (!options.errors_only || exchange.outcome != "result") &&
-           (!options.slower_than_ms || exchange.seconds * 1000 > *options.slower_than_ms);
-}
 
 int monitor(const MonitorOptions &options) {
     std::vector<std::string> addresses;
     std::vector<std::string> patterns;
     for (const std::string &word : options.words) {
         if (word.find("://") == std::string::npos && word.find('/') != std::string::npos) {
-            complain("'%s' is neither a method nor a bus address, such as tcp://127.0.0.1:7001",
-                     printable(word).c_str());
-            return exit_usage;
+            return fail(exit_usage, "'%s' is neither a method nor a bus address, such as tcp://127.0.0.1:7001",
+                        printable(word).c_str());
         }
         (word.find("://") == std::string::npos ? patterns : addresses).push_back(word);
     }
     const bool asks_router = !options.service.empty() || !options.record.empty() || !options.target.session.empty();
     if (!addresses.empty() && asks_router) {
-        complain("--service, --record and --session are for watching through the router");
-        return exit_usage;
+        return fail(exit_usage, "--service, --record and --session are for watching through the router");
     }
     if (addresses.empty() && !options.channels.empty()) {
-        complain("--channel is for bus addresses, such as tcp://127.0.0.1:7001");
-        return exit_usage;
+        return fail(exit_usage, "--channel is for bus addresses, such as tcp://127.0.0.1:7001");
     }
     if (!stop_on_signals()) {
         return exit_error_response;

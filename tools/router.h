@@ -7,8 +7,6 @@
 
 #include <deque>
 #include <memory>
-#include <string>
-#include <vector>
 
 #include "stream.h"
 #include "support.h"
@@ -73,6 +71,14 @@ class Router {
     std::vector<Road> roads_;
     std::unique_ptr<Session> session_; ///< kept from the first question on, when that is the road
 };
+
+/** Asks it and does this with the method's result; else the same as ask(). */
+template <class Action>
+int with_result(const Question &question, const char *method, Action action) {
+    Json result;
+    const int status = Router(question.target).ask(method, nullptr, Deadline(question.timeout_s), &result);
+    return status == exit_result ? action(result.get()) : status;
+}
 
 /** The exit status that an answer stands for: a result, an error, a time-out. */
 int status_of(const json_t *answer);

@@ -4,12 +4,6 @@
 #ifndef TAVRIX_TOOLS_STREAM_H
 #define TAVRIX_TOOLS_STREAM_H
 
-#include <string>
-#include <utility>
-#include <vector>
-
-#include <unistd.h>
-
 #include "support.h"
 #include "tavrix_service.h"
 

@@ -6,7 +6,6 @@
 #define TAVRIX_TOOLS_SUPPORT_H
 
 #include <chrono>
-#include <memory>
 #include <string>
 #include <vector>
 

@@ -170,7 +170,12 @@ void Summary::add(const Exchange &exchange) {
     row.seconds.push_back(exchange.seconds);
 }
 
-void Summary::tell_all() const {
+void Summary::tell_all(const Pairing &pairing, const std::string &service) {
+    for (const auto &[call, exchange] : pairing.pending()) {
+        if (service.empty() || exchange.service == service) {
+            add(exchange);
+        }
+    }
     Table table({"METHOD", "CALLS", "ERRORS", "NO REPLY", "NOTIFIED", "P50", "P99"});
     table.align_right(1, 6);
     for (const auto &[method, row] : rows_) {

@@ -5,9 +5,6 @@
 #define TAVRIX_TOOLS_TRAFFIC_H
 
 #include <map>
-#include <optional>
-#include <string>
-#include <vector>
 
 #include "support.h"
 
@@ -45,7 +42,7 @@ class Pairing {
     /** The same of a frame of the bus; the channel becomes the road. */
     std::optional<Exchange> take_frame(double time, const std::string &channel, json_t *message);
     /** What has no reply yet. */
-    std::map<json_int_t, Exchange> &pending() { return pending_; }
+    const std::map<json_int_t, Exchange> &pending() const { return pending_; }
 
   private:
     void keep(json_int_t call, Exchange exchange);
@@ -57,8 +54,8 @@ class Pairing {
 class Summary {
   public:
     void add(const Exchange &exchange);
-    /** Tells it as a table; nothing when there was nothing. */
-    void tell_all() const;
+    /** Tells it as a table, with what was never answered of the service, if one is named; nothing of nothing. */
+    void tell_all(const Pairing &pairing, const std::string &service);
 
   private:
     struct Row {

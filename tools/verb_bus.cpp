@@ -206,8 +206,7 @@ class FrameWatcher {
     bool has_enough() const { return stop_requested() || (options_.count && printed_ >= *options_.count); }
     /** False when it could not be printed. */
     bool take(const Frame &frame);
-    /** What was never answered, and the figures. */
-    void finish();
+    void tell_figures() { summary_.tell_all(pairing_, ""); }
 
   private:
     const MonitorOptions &options_;
@@ -248,13 +247,6 @@ bool FrameWatcher::take(const Frame &frame) {
     return print_line(line_of(passed, options_.json));
 }
 
-void FrameWatcher::finish() {
-    for (const auto &[call, exchange] : pairing_.pending()) {
-        summary_.add(exchange);
-    }
-    summary_.tell_all();
-}
-
 /** Until it is enough. */
 int watch(const Listeners &listeners, size_t wanted, FrameWatcher *watcher) {
     const Deadline patience(patience_s);
@@ -290,7 +282,7 @@ int monitor_bus(const MonitorOptions &options, const std::vector<std::string> &a
     }
     FrameWatcher watcher(options, patterns);
     const int end = watch(listeners, addresses.size(), &watcher);
-    watcher.finish();
+    watcher.tell_figures();
     return end;
 }
 

@@ -5,8 +5,6 @@
 #define TAVRIX_TOOLS_VERB_BUS_H
 
 #include <functional>
-#include <string>
-#include <vector>
 
 #include "support.h"
 #include "verbs.h"

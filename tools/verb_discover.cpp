@@ -215,17 +215,11 @@ std::vector<std::string> markdown_of(const json_t *document) {
     return lines;
 }
 
-template <class Action>
-int with_methods(const DiscoverOptions &options, Action action) {
-    Json document;
-    const int rc = Router(options.target).ask(names::discover, nullptr, Deadline(options.timeout_s), &document);
-    return rc == exit_result ? action(document.get(), methods_of(document.get())) : rc;
-}
-
 } // namespace
 
 int list_methods(const DiscoverOptions &options) {
-    return with_methods(options, [&options](const json_t * /*document*/, const std::vector<const json_t *> &methods) {
+    return with_result(options, names::discover, [&options](const json_t *document) {
+        const std::vector<const json_t *> methods = methods_of(document);
         Table table({"METHOD", "DOES", "SUMMARY"});
         bool is_empty = true;
         for (const json_t *method : methods) {
@@ -241,14 +235,15 @@ int list_methods(const DiscoverOptions &options) {
 }
 
 int describe(const DiscoverOptions &options) {
-    return with_methods(options, [&options](const json_t * /*document*/, const std::vector<const json_t *> &methods) {
+    return with_result(options, names::discover, [&options](const json_t *document) {
+        const std::vector<const json_t *> methods = methods_of(document);
         const json_t *method = find_method(methods, options.word);
         return method == nullptr ? complain_of_unknown(options.word, methods) : printed(print_lines(lines_of(method)));
     });
 }
 
 int docs(const DiscoverOptions &options) {
-    return with_methods(options, [&options](const json_t *document, const std::vector<const json_t *> & /*methods*/) {
+    return with_result(options, names::discover, [&options](const json_t *document) {
         return printed(options.word == "json" ? print_line(render(document, JsonStyle::pretty))
                                               : print_lines(markdown_of(document)));
     });

@@ -332,8 +332,8 @@ int explain_error(int code) {
                    (back == TAVRIX_JRPC_UNKNOWN_ERROR || print_code(status_title, back, tavrix_error_decode(back))));
 }
 
-int validate(const std::string &field, const std::vector<std::string> &values) {
-    const int verdict = check(field, values);
+int validate(const ValidateOptions &options) {
+    const int verdict = check(options.field, options.values);
     if (verdict > 0) {
         return verdict;
     }

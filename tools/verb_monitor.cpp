@@ -27,8 +27,7 @@ class Watcher {
     /** Opens the file to record to, if one is wanted; complains and returns false when it cannot be written. */
     bool open_record();
     int watch(Session *session);
-    /** What was never answered, and the figures. */
-    void finish();
+    void tell_figures() { summary_.tell_all(pairing_, options_.service); }
 
   private:
     bool show(const Exchange &exchange);
@@ -95,15 +94,6 @@ int Watcher::watch(Session *session) {
     return exit_result;
 }
 
-void Watcher::finish() {
-    for (const auto &[call, exchange] : pairing_.pending()) {
-        if (options_.service.empty() || exchange.service == options_.service) {
-            summary_.add(exchange);
-        }
-    }
-    summary_.tell_all();
-}
-
 int monitor_router(const MonitorOptions &options, const std::vector<std::string> &patterns) {
     Watcher watcher(options);
     if (!watcher.open_record()) {
@@ -117,7 +107,7 @@ int monitor_router(const MonitorOptions &options, const std::vector<std::string>
     }
     complain("watching through the router");
     status = watcher.watch(session.get());
-    watcher.finish();
+    watcher.tell_figures();
     return status;
 }
 

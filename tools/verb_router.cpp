@@ -171,14 +171,10 @@ std::string reason_for_absence(const json_t *status, const std::string &name) {
 } // namespace
 
 int status(const StatusOptions &options) {
-    Router router(options.target);
-    Json result;
-    const int rc = router.ask(names::status, nullptr, Deadline(options.timeout_s), &result);
-    if (rc != exit_result) {
-        return rc;
-    }
-    return printed(options.json ? print_line(render(result.get(), *options.json))
-                                : print_lines(page_of(result.get(), nullptr)));
+    return with_result(options, names::status, [&options](const json_t *status) {
+        return printed(options.json ? print_line(render(status, *options.json))
+                                    : print_lines(page_of(status, nullptr)));
+    });
 }
 
 int top(const TopOptions &options) {
@@ -216,21 +212,17 @@ int top(const TopOptions &options) {
 }
 
 int metrics(const StatusOptions &options) {
-    Router router(options.target);
-    Json result;
-    const int rc = router.ask(names::metrics, nullptr, Deadline(options.timeout_s), &result);
-    if (rc != exit_result) {
-        return rc;
-    }
-    std::string text = json_is_string(result.get()) ? json_string_value(result.get()) : "";
-    std::string safe;
-    for (const char c : text) { // its lines stay lines; what others named in them steers no terminal
-        safe += c == '\n' || c == '\\' ? std::string(1, c) : printable(std::string(1, c));
-    }
-    if (!safe.empty() && safe.back() == '\n') {
-        safe.pop_back();
-    }
-    return printed(print_line(safe));
+    return with_result(options, names::metrics, [](const json_t *text) {
+        std::string safe;
+        for (const char c : std::string(json_is_string(text) ? json_string_value(text) : "")) {
+            // Its lines stay lines; what others named in them steers no terminal.
+            safe += c == '\n' || c == '\\' ? std::string(1, c) : printable(std::string(1, c));
+        }
+        if (!safe.empty() && safe.back() == '\n') {
+            safe.pop_back();
+        }
+        return printed(print_line(safe));
+    });
 }
 
 int wait_service(const WaitServiceOptions &options) {

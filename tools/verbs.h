@@ -123,7 +123,11 @@ int wait(const WaitOptions &options);
 
 int explain_error(int code);
 
-int validate(const std::string &field, const std::vector<std::string> &values);
+struct ValidateOptions {
+    std::string field;
+    std::vector<std::string> values;
+};
+int validate(const ValidateOptions &options);
 std::vector<std::string> validated_fields();
 
 struct ShmOptions {

@@ -15,9 +15,6 @@ namespace daemon_support {
 /** The file is made with the listener and removed with it. */
 class UnixListener {
   public:
-    UnixListener() = default;
-    UnixListener(const UnixListener &) = delete;
-    UnixListener &operator=(const UnixListener &) = delete;
     ~UnixListener();
 
     /**

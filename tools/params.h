@@ -7,10 +7,6 @@
 #ifndef TAVRIX_TOOLS_PARAMS_H
 #define TAVRIX_TOOLS_PARAMS_H
 
-#include <optional>
-#include <string>
-#include <vector>
-
 #include "support.h"
 
 namespace tavrixctl {

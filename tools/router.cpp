@@ -1,6 +1,11 @@
 #include "router.h"
 
-#include "interrupt.h"
+#include <algorithm>
+#include <cerrno>
+
+#include <poll.h>
+#include <sys/socket.h>
+
 #include "tavrix_jrpc.h"
 
 namespace tavrixctl {
@@ -8,10 +13,144 @@ namespace tavrixctl {
 namespace {
 
 constexpr char own_id[] = "tavrixctl";
-const char *const own_methods[] = {names::reload_conf, names::bus,    names::lock,
-                                   names::metrics,     names::status, names::unlock};
+
+/** Whether this is the router's word of lost notifications, which is then complained about. */
+bool tell_loss(const json_t *notification) {
+    if (text_of(notification, "method") != names::lost) {
+        return false;
+    }
+    const json_t *count = json_object_get(json_object_get(notification, "params"), "count");
+    complain("%lld more were lost: they came faster than they were read",
+             static_cast<long long>(json_integer_value(count)));
+    return true;
+}
 
 } // namespace
+
+Session::Got Session::next_line(const Deadline &deadline, std::string *line) {
+    char chunk[65536];
+    bool has_read = false;
+    for (;;) {
+        const size_t end = buffer_.find('\n', searched_);
+        if (end != std::string::npos) {
+            *line = buffer_.substr(0, end);
+            buffer_.erase(0, end + 1);
+            searched_ = 0;
+            return Got::line;
+        }
+        searched_ = buffer_.size();
+        if (stop_requested()) {
+            return Got::stopped;
+        }
+        if (has_read && deadline.passed()) {
+            return Got::timeout; // however much comes without an end
+        }
+        pollfd ready[] = {{socket_.get(), POLLIN, 0}, {stop_descriptor(), POLLIN, 0}};
+        const int count = poll(ready, 2, deadline.left_ms());
+        if (count == 0) {
+            return Got::timeout;
+        }
+        if (count < 0 || ready[0].revents == 0) {
+            continue; // a signal, which may have been the stop
+        }
+        const ssize_t got = recv(socket_.get(), chunk, sizeof chunk, 0);
+        if (got == 0 || (got < 0 && errno != EINTR)) {
+            return Got::closed;
+        }
+        buffer_.append(chunk, got < 0 ? 0 : static_cast<size_t>(got));
+        has_read = true;
+    }
+}
+
+Session::Got Session::next(bool is_notification, const Deadline &deadline, Json *message) {
+    do {
+        std::string line;
+        const Got got = next_line(deadline, &line);
+        if (got != Got::line) {
+            return got;
+        }
+        message->reset(json_loadb(line.data(), line.size(), 0, nullptr));
+        const bool has_method = json_object_get(message->get(), "method") != nullptr;
+        if (*message && has_method == is_notification) {
+            return got;
+        }
+        if (has_method) {
+            kept_.push_back(std::move(*message));
+        }
+    } while (!deadline.passed());
+    return Got::timeout;
+}
+
+Session::Got Session::next_notification(const Deadline &deadline, Json *notification) {
+    Got got = Got::line;
+    do {
+        if (kept_.empty()) {
+            got = next(true, deadline, notification);
+        } else {
+            *notification = std::move(kept_.front());
+            kept_.pop_front();
+        }
+    } while (got == Got::line && tell_loss(notification->get()));
+    return got;
+}
+
+Session::Got Session::next_answer(const Deadline &deadline, Json *answer) { return next(false, deadline, answer); }
+
+int Session::ask(const std::string &request, const Deadline &deadline, Json *answer) {
+    const int status = send(request, deadline);
+    if (status != exit_result) {
+        return status;
+    }
+    const Got got = next_answer(deadline, answer);
+    return got == Got::line ? exit_result : tell_end(got);
+}
+
+int open_session(const Target &target, const Deadline &deadline, std::unique_ptr<Session> *out) {
+    Socket socket;
+    RoadKind kind = RoadKind::session;
+    std::vector<Road> roads = roads_to(target);
+    roads.erase(
+        std::remove_if(roads.begin(), roads.end(), [](const Road &road) { return road.kind != RoadKind::session; }),
+        roads.end());
+    const int status = connect_to(roads, 0, deadline, &socket, &kind);
+    if (status == exit_result) {
+        *out = std::make_unique<Session>(std::move(socket));
+    }
+    return status;
+}
+
+int open_stream(const Target &target, const char *method, const std::vector<std::string> &patterns,
+                const Deadline &deadline, std::unique_ptr<Session> *out) {
+    int status = open_session(target, deadline, out);
+    if (status != exit_result) {
+        return status;
+    }
+    Json names(json_array());
+    for (const std::string &pattern : patterns) {
+        json_array_append_new(names.get(), json_string(pattern.c_str()));
+    }
+    const Json request = make_request(method, Json(json_pack("{s:o}", "methods", names.release())), own_id);
+    Json answer;
+    status = (*out)->ask(request_text(request.get()), deadline, &answer);
+    if (status == exit_result && answer) { // none, when it was stopped meanwhile
+        status = status_of(answer.get());
+        if (status != exit_result) {
+            complain("%s", words_of_failure(method, answer.get()).c_str());
+        }
+    }
+    return status;
+}
+
+int tell_end(Session::Got got) {
+    switch (got) {
+    case Session::Got::timeout:
+        return fail(exit_timeout, "no answer in time; %s", late_remedy);
+    case Session::Got::closed:
+        return fail(exit_no_connection, "the connection was closed without an answer");
+    default:
+        return exit_result; // stopped, as asked
+    }
+}
 
 int Router::exchange(const std::string &request, const Deadline &deadline, std::string *answer) {
     if (!session_) {
@@ -44,10 +183,10 @@ int Router::ask(const std::string &method, Json params, const Deadline &deadline
     }
     const Json answer(json_loadb(text.data(), text.size(), 0, nullptr));
     json_t *found = json_object_get(answer.get(), "result");
-    status = answer ? status_of(answer.get()) : static_cast<int>(exit_no_connection);
+    status = answer ? status_of(answer.get()) : exit_no_connection;
     if (status != exit_result || found == nullptr) {
         complain("%s", words_of_failure(method, answer.get()).c_str());
-        return status == exit_result ? static_cast<int>(exit_error_response) : status;
+        return status == exit_result ? exit_error_response : status;
     }
     result->reset(json_incref(found));
     return exit_result;
@@ -92,19 +231,30 @@ std::string words_of_failure(const std::string &method, const json_t *answer) {
            (why.empty() ? "" : ": " + printable(why));
 }
 
-std::vector<std::string> known_methods(const json_t *status) {
-    std::vector<std::string> methods(std::begin(own_methods), std::end(own_methods));
-    for (const json_t *service : elements_of(status, "services")) {
-        for (const json_t *method : elements_of(service, "methods")) {
-            methods.emplace_back(json_is_string(method) ? json_string_value(method) : "");
-        }
-    }
-    const char *name = nullptr;
-    json_t *counts = nullptr;
-    json_object_foreach(json_object_get(status, "methods"), name, counts) {
-        methods.emplace_back(name); // of services that register nowhere: what has been called
-    }
+std::vector<const json_t *> methods_of(const json_t *document) {
+    std::vector<const json_t *> methods = elements_of(document, "methods");
+    std::sort(methods.begin(), methods.end(),
+              [](const json_t *a, const json_t *b) { return text_of(a, "name") < text_of(b, "name"); });
     return methods;
+}
+
+const json_t *find_method(const std::vector<const json_t *> &methods, const std::string &name) {
+    const auto found = std::find_if(methods.begin(), methods.end(),
+                                    [&name](const json_t *method) { return text_of(method, "name") == name; });
+    return found != methods.end() ? *found : nullptr;
+}
+
+bool takes_text(const json_t *schema) {
+    const std::vector<const json_t *> words = elements_of(schema, "enum");
+    if (!words.empty()) {
+        return std::any_of(words.begin(), words.end(), [](const json_t *word) { return json_is_string(word); });
+    }
+    const json_t *type = json_object_get(schema, "type");
+    const std::vector<const json_t *> types = elements_of(schema, "type");
+    const auto is_string = [](const json_t *name) {
+        return json_is_string(name) && std::string(json_string_value(name)) == "string";
+    };
+    return type == nullptr || is_string(type) || std::any_of(types.begin(), types.end(), is_string);
 }
 
 } // namespace tavrixctl

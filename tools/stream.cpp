@@ -31,31 +31,24 @@ void limit_waiting(int fd, const Deadline &deadline) {
 
 bool is_timeout(int reason) { return reason == EAGAIN || reason == EINPROGRESS || reason == ETIMEDOUT; }
 
-struct Remedy {
-    int reason;
-    const char *words;
-};
-
-constexpr Remedy remedies[] = {
-    {ENOENT, "; is tavrix-routerd running? --help says how to name another place"},
-    {ECONNREFUSED, "; is tavrix-routerd running? --help says how to name another place"},
-    {EACCES, "; may this user enter its folder, and write to it?"},
-};
+const char *remedy_for(RoadKind kind, int reason) {
+    if (reason == EACCES) {
+        return "; may this user enter its folder, and write to it?";
+    }
+    if (kind == RoadKind::direct) {
+        return "; is its daemon running?";
+    }
+    return reason == ENOENT || reason == ECONNREFUSED
+               ? "; is tavrix-routerd running? --help says how to name another place"
+               : "";
+}
 
 int connect_failure(const std::string &where, RoadKind kind, int reason) {
     if (is_timeout(reason)) {
-        complain("%s: no connection in time", printable(where).c_str());
-        return exit_timeout;
+        return fail(exit_timeout, "%s: no connection in time", printable(where).c_str());
     }
-    std::string words;
-    for (const Remedy &remedy : remedies) {
-        words += remedy.reason == reason ? remedy.words : "";
-    }
-    if (kind == RoadKind::direct && reason != EACCES) {
-        words = "; is its daemon running?";
-    }
-    complain("%s: %s%s", printable(where).c_str(), std::strerror(reason), words.c_str());
-    return exit_no_connection;
+    return fail(exit_no_connection, "%s: %s%s", printable(where).c_str(), std::strerror(reason),
+                remedy_for(kind, reason));
 }
 
 /** 0 or the reason why there is no connection; the path has to fit. */
@@ -89,8 +82,7 @@ int connect_tcp(const std::string &where, const Deadline &deadline, Socket *out)
     std::string host;
     std::string port;
     if (!split_tcp(where, &host, &port)) {
-        complain("%s: HOST:PORT is wanted, with a PORT from 1 to %d", where.c_str(), highest_port);
-        return exit_usage;
+        return fail(exit_usage, "%s: HOST:PORT is wanted, with a PORT from 1 to %d", where.c_str(), highest_port);
     }
     addrinfo hints{};
     hints.ai_family = AF_UNSPEC;
@@ -98,8 +90,7 @@ int connect_tcp(const std::string &where, const Deadline &deadline, Socket *out)
     addrinfo *found = nullptr;
     const int rc = getaddrinfo(is_this_machine(host) ? nullptr : host.c_str(), port.c_str(), &hints, &found);
     if (rc != 0) {
-        complain("%s: %s", where.c_str(), gai_strerror(rc));
-        return exit_no_connection;
+        return fail(exit_no_connection, "%s: %s", where.c_str(), gai_strerror(rc));
     }
     const std::unique_ptr<addrinfo, FreeAddresses> addresses(found);
     // A name often stands for an IPv6 address first, and the router listens on IPv4 only.
@@ -130,6 +121,14 @@ std::string environment(const char *name) {
     return value == nullptr ? "" : value;
 }
 
+/** Those that lead somewhere. */
+std::vector<Road> named(const std::vector<Road> &roads) {
+    std::vector<Road> found;
+    std::copy_if(roads.begin(), roads.end(), std::back_inserter(found),
+                 [](const Road &road) { return !road.where.empty(); });
+    return found;
+}
+
 } // namespace
 
 size_t request_limit(RoadKind kind) {
@@ -144,38 +143,19 @@ size_t request_limit(RoadKind kind) {
 }
 
 std::vector<Road> roads_to(const Target &target) {
-    if (!target.direct.empty()) {
-        return {{RoadKind::direct, target.direct}};
-    }
-    if (!target.tcp.empty()) {
-        return {{RoadKind::tcp, target.tcp}};
-    }
-    if (!target.socket_path.empty()) {
-        return {{RoadKind::one_shot, target.socket_path}};
-    }
-    if (!target.session.empty()) {
-        return {{RoadKind::session, target.session}};
+    const std::vector<Road> given = named({{RoadKind::direct, target.direct},
+                                           {RoadKind::tcp, target.tcp},
+                                           {RoadKind::one_shot, target.socket_path},
+                                           {RoadKind::session, target.session}});
+    if (!given.empty()) {
+        return {given.front()};
     }
     // Who names one socket of a router means that router: the usual paths could be another one's.
-    const std::string session = environment(tavrix::session_variable);
-    const std::string socket_path = environment("TAVRIX_SOCKET");
-    if (session.empty() && socket_path.empty()) {
-        return {{RoadKind::session, TAVRIX_SERVICE_SESSION}, {RoadKind::one_shot, tavrix::router_socket}};
-    }
-    std::vector<Road> roads;
-    if (!session.empty()) {
-        roads.push_back({RoadKind::session, session});
-    }
-    if (!socket_path.empty()) {
-        roads.push_back({RoadKind::one_shot, socket_path});
-    }
-    return roads;
-}
-
-std::vector<Road> only(RoadKind kind, std::vector<Road> roads) {
-    const auto is_other = [kind](const Road &road) { return road.kind != kind; };
-    roads.erase(std::remove_if(roads.begin(), roads.end(), is_other), roads.end());
-    return roads;
+    const std::vector<Road> told = named({{RoadKind::session, environment(tavrix::session_variable)},
+                                          {RoadKind::one_shot, environment("TAVRIX_SOCKET")}});
+    return !told.empty() ? told
+                         : std::vector<Road>{{RoadKind::session, TAVRIX_SERVICE_SESSION},
+                                             {RoadKind::one_shot, tavrix::router_socket}};
 }
 
 int connect_to(const std::vector<Road> &roads, size_t request_size, const Deadline &deadline, Socket *out,
@@ -184,16 +164,15 @@ int connect_to(const std::vector<Road> &roads, size_t request_size, const Deadli
         const Road &road = roads[i];
         *kind = road.kind;
         if (request_size > request_limit(road.kind)) {
-            complain("the request has %zu bytes, %zu are read at most", request_size, request_limit(road.kind));
-            return exit_usage;
+            return fail(exit_usage, "the request has %zu bytes, %zu are read at most", request_size,
+                        request_limit(road.kind));
         }
         if (road.kind == RoadKind::tcp) {
             return connect_tcp(road.where, deadline, out);
         }
         if (road.where.size() > TAVRIX_SOCKET_MAX_PATH) {
-            complain("%s: the path is longer than %d characters", printable(road.where).c_str(),
-                     TAVRIX_SOCKET_MAX_PATH);
-            return exit_usage;
+            return fail(exit_usage, "%s: the path is longer than %d characters", printable(road.where).c_str(),
+                        TAVRIX_SOCKET_MAX_PATH);
         }
         const int reason = try_unix(road.where, deadline, out);
         if (reason == 0) {
@@ -203,8 +182,7 @@ int connect_to(const std::vector<Road> &roads, size_t request_size, const Deadli
             return connect_failure(road.where, road.kind, reason);
         }
     }
-    complain("a session of the router is needed: --session or TAVRIX_SESSION tells where");
-    return exit_usage;
+    return fail(exit_usage, "a session of the router is needed: --session or TAVRIX_SESSION tells where");
 }
 
 int send_text(int fd, const std::string &text, const Deadline &deadline) {
@@ -227,12 +205,10 @@ int read_to_end(int fd, const Deadline &deadline, std::string *answer) {
         const bool is_late = !answer->empty() && deadline.passed(); // however much comes without an end
         const int ready = is_late ? 0 : poll(&readable, 1, deadline.left_ms());
         if (ready < 0 && errno != EINTR) {
-            complain("poll: %s", std::strerror(errno));
-            return exit_no_connection;
+            return fail(exit_no_connection, "poll: %s", std::strerror(errno));
         }
         if (ready == 0) {
-            complain("no answer in time; %s", late_remedy);
-            return exit_timeout;
+            return fail(exit_timeout, "no answer in time; %s", late_remedy);
         }
         if (ready < 0) {
             continue;
@@ -243,8 +219,7 @@ int read_to_end(int fd, const Deadline &deadline, std::string *answer) {
             return exit_result;
         }
         if (got < 0) {
-            complain("cannot read the answer: %s", std::strerror(errno));
-            return exit_no_connection;
+            return fail(exit_no_connection, "cannot read the answer: %s", std::strerror(errno));
         }
         answer->append(chunk, static_cast<size_t>(got));
     }

@@ -4,12 +4,6 @@
 #ifndef TAVRIX_TOOLS_STREAM_H
 #define TAVRIX_TOOLS_STREAM_H
 
-#include <string>
-#include <utility>
-#include <vector>
-
-#include <unistd.h>
-
 #include "support.h"
 
 namespace tavrixctl {
@@ -31,9 +25,6 @@ size_t request_limit(RoadKind kind);
 
 /** What the target leads to, the road that is preferred first. */
 std::vector<Road> roads_to(const Target &target);
-
-/** Those of one kind. */
-std::vector<Road> only(RoadKind kind, std::vector<Road> roads);
 
 /**
  * Takes the first of the roads on which somebody listens and for which the request is not too long. Complains and

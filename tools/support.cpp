@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <fstream>
@@ -9,6 +10,7 @@
 #include <iterator>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include "common/message.h"
@@ -20,6 +22,24 @@ namespace {
 
 FILE *diagnostics = stderr;
 bool is_silent = false;
+
+volatile std::sig_atomic_t requested = 0;
+int stop_pipe[2] = {-1, -1};
+
+void request_stop(int /*signal*/) {
+    requested = 1;
+    if (write(stop_pipe[1], "", 1) < 0) {
+        // A full pipe is readable just as well.
+    }
+}
+
+__attribute__((format(printf, 1, 0))) void complain_with(const char *format, va_list args) {
+    if (!is_silent) {
+        std::fputs("tavrixctl: ", diagnostics);
+        std::vfprintf(diagnostics, format, args);
+        std::fputc('\n', diagnostics);
+    }
+}
 
 } // namespace
 
@@ -53,20 +73,45 @@ Silence::Silence() { is_silent = true; }
 Silence::~Silence() { is_silent = false; }
 
 void complain(const char *format, ...) {
-    if (is_silent) {
-        return;
-    }
     va_list args;
     va_start(args, format);
-    std::fputs("tavrixctl: ", diagnostics);
-    std::vfprintf(diagnostics, format, args);
-    std::fputc('\n', diagnostics);
+    complain_with(format, args);
     va_end(args);
+}
+
+int fail(int status, const char *format, ...) {
+    va_list args;
+    va_start(args, format);
+    complain_with(format, args);
+    va_end(args);
+    return status;
 }
 
 void tell(const std::string &line) {
     std::fputs((line + "\n").c_str(), diagnostics);
     std::fflush(diagnostics);
+}
+
+bool stop_on_signals() {
+    if (pipe2(stop_pipe, O_NONBLOCK | O_CLOEXEC) != 0) {
+        complain("cannot watch for signals: %s", std::strerror(errno));
+        return false;
+    }
+    struct sigaction action {};
+    action.sa_handler = request_stop; // without SA_RESTART: output that waits for its reader has to come back too
+    return sigaction(SIGINT, &action, nullptr) == 0 && sigaction(SIGTERM, &action, nullptr) == 0;
+}
+
+bool stop_requested() { return requested != 0; }
+
+int stop_descriptor() { return stop_pipe[0]; }
+
+void sleep_unless_stopped(double seconds) {
+    const Deadline deadline(seconds);
+    pollfd stopping{stop_pipe[0], POLLIN, 0};
+    while (!stop_requested() && !deadline.passed()) {
+        poll(&stopping, 1, deadline.left_ms());
+    }
 }
 
 std::string text_or_stdin(const std::string &text) {
@@ -131,6 +176,14 @@ std::vector<const json_t *> elements_of(const json_t *object, const char *key) {
     const json_t *element = nullptr;
     json_array_foreach(json_object_get(object, key), index, element) { elements.push_back(element); }
     return elements;
+}
+
+std::vector<std::pair<std::string, const json_t *>> members_of(const json_t *object) {
+    std::vector<std::pair<std::string, const json_t *>> members;
+    const char *key = nullptr;
+    json_t *value = nullptr;
+    json_object_foreach(const_cast<json_t *>(object), key, value) { members.emplace_back(key, value); } // as it is
+    return members;
 }
 
 } // namespace tavrixctl

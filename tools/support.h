@@ -1,11 +1,11 @@
 /**
- * What the verbs share: deadlines, JSON in and out, diagnostics.
+ * What the verbs share: deadlines, JSON in and out, diagnostics, and the orderly end of those that go on until a
+ * signal.
  */
 #ifndef TAVRIX_TOOLS_SUPPORT_H
 #define TAVRIX_TOOLS_SUPPORT_H
 
 #include <chrono>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -47,6 +47,8 @@ void silence_library_log();
 
 /** Prints "tavrixctl: ..." as a diagnostic. */
 void complain(const char *format, ...) __attribute__((format(printf, 1, 2)));
+/** The same, and gives the exit status back. */
+int fail(int status, const char *format, ...) __attribute__((format(printf, 2, 3)));
 
 /** Prints a line beside the results, where the diagnostics go. */
 void tell(const std::string &line);
@@ -59,6 +61,17 @@ class Silence {
     Silence &operator=(const Silence &) = delete;
     ~Silence();
 };
+
+/** From now on SIGINT and SIGTERM only ask for the end. Complains and returns false when they cannot be watched. */
+bool stop_on_signals();
+
+bool stop_requested();
+
+/** Readable once a stop is asked for, so that a signal just before a poll is not slept over; -1 when nobody watches. */
+int stop_descriptor();
+
+/** Sleeps so long, or until a stop is asked for. */
+void sleep_unless_stopped(double seconds);
 
 /** The text itself, or all of standard input when it is "-". */
 std::string text_or_stdin(const std::string &text);
@@ -89,6 +102,10 @@ std::string text_of(const json_t *object, const char *key);
 
 /** The elements of a member that is an array; none when it is no array. */
 std::vector<const json_t *> elements_of(const json_t *object, const char *key);
+
+/** The object's members, or those of a member that is an object; none when it is none. */
+std::vector<std::pair<std::string, const json_t *>> members_of(const json_t *object);
+inline auto members_of(const json_t *object, const char *key) { return members_of(json_object_get(object, key)); }
 
 } // namespace tavrixctl
 

@@ -50,11 +50,6 @@ Options &options_of(CLI::App *verb, Run *run, Action action) {
     return *options;
 }
 
-struct ValidateOptions {
-    std::string field;
-    std::vector<std::string> values;
-};
-
 std::string not_empty(const std::string &text) { return text.empty() ? "an empty text is none" : ""; }
 
 CLI::App *add_verb(CLI::App &app, const std::string &name, const std::string &what, const std::string &examples) {
@@ -312,8 +307,7 @@ void add_validate(CLI::App &app, Run *run) {
     CLI::App *verb =
         add_verb(app, "validate", "Check a value as a request's field",
                  "  tavrixctl validate port_id c128-99\n  tavrixctl validate date_time 2026-05-01 13:45\n\n" + fields);
-    auto &options = options_of<ValidateOptions>(
-        verb, run, [](const ValidateOptions &given) { return validate(given.field, given.values); });
+    auto &options = options_of<ValidateOptions>(verb, run, validate);
     verb->add_option("FIELD", options.field, "The field's name, see below")->required();
     verb->add_option("VALUE", options.values, "The value; date_time takes two")->required()->expected(1, 2);
 }
@@ -352,9 +346,8 @@ void add_db(CLI::App &app, Run *run) {
                               "  tavrixctl db init another.db --schema schema.sql");
     auto &checking = options_of<DbOptions>(check, run, db_check);
     auto &making = options_of<DbOptions>(init, run, db_init);
-    for (const auto &[action, options] : {std::pair(check, &checking), std::pair(init, &making)}) {
-        action->add_option("FILE", options->file, "The database")->default_val(TAVRIX_CFGDB_PATH);
-    }
+    check->add_option("FILE", checking.file, "The database")->default_val(TAVRIX_CFGDB_PATH);
+    init->add_option("FILE", making.file, "The database")->default_val(TAVRIX_CFGDB_PATH);
     check->add_option("--schema", checking.schema, "SQL file whose tables it has to have");
     init->add_option("--schema", making.schema, "SQL file that makes its tables")->default_val(TAVRIX_SCHEMA_PATH);
     init->add_option("--data", making.data, "SQL file that makes its first rows");
@@ -405,7 +398,7 @@ void unguard(CLI::App *app) {
 void add_help(CLI::App &app, Run *run) {
     CLI::App *verb = add_verb(app, "help", "Explain a verb", "  tavrixctl help call\n  tavrixctl help shm get");
     using Words = std::vector<std::string>;
-    auto &asked_for = options_of<Words>(verb, run, [&app](const Words &words) -> int {
+    auto &asked_for = options_of<Words>(verb, run, [&app](const Words &words) {
         if (!find_stranger(app, words).empty()) {
             return exit_usage;
         }

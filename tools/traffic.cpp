@@ -76,6 +76,14 @@ std::string to_line(const Exchange &exchange, size_t *width) {
                            Colour::red);
 }
 
+bool is_wanted(const Exchange &exchange, const MonitorOptions &options) {
+    if (exchange.is_notification) {
+        return !options.errors_only && !options.slower_than_ms;
+    }
+    return (!options.errors_only || exchange.outcome != "result") &&
+           (!options.slower_than_ms || exchange.seconds * 1000 > *options.slower_than_ms);
+}
+
 void Pairing::keep(json_int_t call, Exchange exchange) {
     pending_[call] = std::move(exchange);
     if (pending_.size() > most_pending) {
@@ -162,7 +170,12 @@ void Summary::add(const Exchange &exchange) {
     row.seconds.push_back(exchange.seconds);
 }
 
-void Summary::tell_all() const {
+void Summary::tell_all(const Pairing &pairing, const std::string &service) {
+    for (const auto &[call, exchange] : pairing.pending()) {
+        if (service.empty() || exchange.service == service) {
+            add(exchange);
+        }
+    }
     Table table({"METHOD", "CALLS", "ERRORS", "NO REPLY", "NOTIFIED", "P50", "P99"});
     table.align_right(1, 6);
     for (const auto &[method, row] : rows_) {

@@ -5,9 +5,6 @@
 #define TAVRIX_TOOLS_TRAFFIC_H
 
 #include <map>
-#include <optional>
-#include <string>
-#include <vector>
 
 #include "support.h"
 
@@ -34,6 +31,9 @@ Json to_json(const Exchange &exchange);
 /** The exchange for people, on one line. `width` is that of the method's column, which grows as it has to. */
 std::string to_line(const Exchange &exchange, size_t *width);
 
+/** Whether the options' filters want it: errors only, slower than. */
+bool is_wanted(const Exchange &exchange, const MonitorOptions &options);
+
 /** Finds the request of each reply. */
 class Pairing {
   public:
@@ -42,7 +42,7 @@ class Pairing {
     /** The same of a frame of the bus; the channel becomes the road. */
     std::optional<Exchange> take_frame(double time, const std::string &channel, json_t *message);
     /** What has no reply yet. */
-    std::map<json_int_t, Exchange> &pending() { return pending_; }
+    const std::map<json_int_t, Exchange> &pending() const { return pending_; }
 
   private:
     void keep(json_int_t call, Exchange exchange);
@@ -54,8 +54,8 @@ class Pairing {
 class Summary {
   public:
     void add(const Exchange &exchange);
-    /** Tells it as a table; nothing when there was nothing. */
-    void tell_all() const;
+    /** Tells it as a table, with what was never answered of the service, if one is named; nothing of nothing. */
+    void tell_all(const Pairing &pairing, const std::string &service);
 
   private:
     struct Row {

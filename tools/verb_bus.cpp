@@ -10,13 +10,12 @@
 
 #include "common/bus.h"
 #include "common/text.h"
-#include "interrupt.h"
 #include "params.h"
 #include "router.h"
-#include "support.h"
 #include "tavrix_error.h"
 #include "tavrix_jrpc.h"
 #include "tavrix_mq.h"
+#include "traffic.h"
 #include "verb_bus.h"
 #include "verbs.h"
 #include "words.h"
@@ -42,11 +41,9 @@ class BusSocket {
             return exit_result;
         }
         if (rc == TAVRIX_ERR_VALIDATION) {
-            complain("%s: a bus address looks like tcp://127.0.0.1:7001", address.c_str());
-            return exit_usage;
+            return fail(exit_usage, "%s: a bus address looks like tcp://127.0.0.1:7001", address.c_str());
         }
-        complain("%s: %s", address.c_str(), std::strerror(errno));
-        return exit_no_connection;
+        return fail(exit_no_connection, "%s: %s", address.c_str(), std::strerror(errno));
     }
 
     unsigned connections() const { return static_cast<unsigned>(nn_get_statistic(get(), NN_STAT_CURRENT_CONNECTIONS)); }
@@ -104,8 +101,7 @@ class Listeners {
             }
             for (const std::string &channel : channels) {
                 if (tavrix_mq_socket_subscribe(sockets_.back()->get(), channel.c_str()) != TAVRIX_OK) {
-                    complain("cannot subscribe to '%s'", channel.c_str());
-                    return exit_no_connection;
+                    return fail(exit_no_connection, "cannot subscribe to '%s'", channel.c_str());
                 }
             }
         }
@@ -201,8 +197,7 @@ class FrameWatcher {
     bool has_enough() const { return stop_requested() || (options_.count && printed_ >= *options_.count); }
     /** False when it could not be printed. */
     bool take(const Frame &frame);
-    /** What was never answered, and the figures. */
-    void finish();
+    void tell_figures() { summary_.tell_all(pairing_, ""); }
 
   private:
     const MonitorOptions &options_;
@@ -243,13 +238,6 @@ bool FrameWatcher::take(const Frame &frame) {
     return print_line(line_of(passed, options_.json));
 }
 
-void FrameWatcher::finish() {
-    for (const auto &[call, exchange] : pairing_.pending()) {
-        summary_.add(exchange);
-    }
-    summary_.tell_all();
-}
-
 /** Until it is enough. */
 int watch(const Listeners &listeners, size_t wanted, FrameWatcher *watcher) {
     const Deadline patience(patience_s);
@@ -285,7 +273,7 @@ int monitor_bus(const MonitorOptions &options, const std::vector<std::string> &a
     }
     FrameWatcher watcher(options, patterns);
     const int end = watch(listeners, addresses.size(), &watcher);
-    watcher.finish();
+    watcher.tell_figures();
     return end;
 }
 
@@ -304,14 +292,13 @@ int push(const PushOptions &options) {
     const Deadline deadline(options.timeout_s);
     const std::string text = request_text(request.get());
     if (!socket.wait_for_room(deadline) || tavrix_mq_socket_send_nonblock(socket.get(), text.c_str()) != TAVRIX_OK) {
-        complain("%s: nobody takes the message; is a daemon running that has this address as its --pull?",
-                 options.address.c_str());
-        return exit_no_connection;
+        return fail(exit_no_connection,
+                    "%s: nobody takes the message; is a daemon running that has this address as its --pull?",
+                    options.address.c_str());
     }
     // Closing drops what is not yet written out; room for the next message tells that this one is.
     if (!socket.wait_for_room(deadline)) {
-        complain("%s: the message was not taken in time", options.address.c_str());
-        return exit_timeout;
+        return fail(exit_timeout, "%s: the message was not taken in time", options.address.c_str());
     }
     complain("taken; whether it was obeyed cannot be known: nobody answers a pushed message");
     return exit_result;
@@ -349,11 +336,9 @@ int wait_on_bus(const WaitOptions &options, const std::vector<std::string> &addr
         }
     }
     if (announced || listeners.connected() > 0) {
-        complain("no %s in time", method.c_str());
-        return exit_timeout;
+        return fail(exit_timeout, "no %s in time", method.c_str());
     }
-    complain("no connection while waiting for %s", method.c_str());
-    return exit_no_connection;
+    return fail(exit_no_connection, "no connection while waiting for %s", method.c_str());
 }
 
 } // namespace tavrixctl

@@ -6,15 +6,129 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "advice.h"
 #include "params.h"
 #include "router.h"
-#include "support.h"
+#include "tavrix_jrpc.h"
 #include "verbs.h"
+#include "words.h"
 
 namespace tavrixctl {
 
 namespace {
+
+const char *const own_methods[] = {names::reload_conf, names::bus,    names::lock,
+                                   names::metrics,     names::status, names::unlock};
+
+/** The methods that a router.Status tells of, and the router's own. */
+std::vector<std::string> known_methods(const json_t *status) {
+    std::vector<std::string> methods(std::begin(own_methods), std::end(own_methods));
+    for (const json_t *service : elements_of(status, "services")) {
+        for (const json_t *method : elements_of(service, "methods")) {
+            methods.emplace_back(json_is_string(method) ? json_string_value(method) : "");
+        }
+    }
+    for (const auto &[name, counts] : members_of(status, "methods")) {
+        methods.push_back(name); // of services that register nowhere: what has been called
+    }
+    return methods;
+}
+
+/** An error that the router or a service has answered. */
+struct Failure {
+    const std::string &method;
+    const json_t *params;
+    const json_t *data;
+    Deadline deadline; // for what has to be found out
+    Router *router;
+};
+
+/** Whether a method that is near was intended where this one was not found; `otherwise` when none is near. */
+std::string find_similar(const Failure &failure, const std::string &otherwise) {
+    Json status;
+    if (failure.router->ask(names::status, nullptr, failure.deadline, &status) != exit_result) {
+        return otherwise;
+    }
+    // A known method is the nearest to itself.
+    const std::string similar = nearest(failure.method, known_methods(status.get()));
+    return similar.empty() || similar == failure.method ? otherwise : "did you mean " + similar + "?";
+}
+
+std::string on_unknown_method(const Failure &failure) {
+    if (is_refused_by_policy(failure.data)) {
+        return ""; // what the answer is told with says all
+    }
+    return find_similar(failure, text_of(failure.data, "service").empty()
+                                     ? "tavrixctl list shows what can be called"
+                                     : "tavrixctl status shows since when, its log says why");
+}
+
+/** Without a word about it the system is locked, or the service itself has too much to do. */
+std::string on_busy(const Failure &failure) {
+    Json status;
+    const bool is_known = json_is_null(failure.data) &&
+                          failure.router->ask(names::status, nullptr, failure.deadline, &status) == exit_result;
+    return is_known && json_is_true(json_object_get(status.get(), "locked"))
+               ? "the system is locked, tavrixctl call router.Unlock ends that"
+               : "try again later, tavrixctl status shows what is in flight";
+}
+
+/** What "key=value" gives is a text, and a number, a list, true or false was probably intended. */
+std::string on_text(const json_t *param, const json_t *value) {
+    const char *text = json_string_value(value);
+    const Json other(text != nullptr ? json_loads(text, JSON_DECODE_ANY, nullptr) : nullptr);
+    if (!other || json_is_string(other.get()) || takes_text(json_object_get(param, "schema"))) {
+        return "";
+    }
+    return "did you mean " + text_of(param, "name") + ":=" + text + "?";
+}
+
+std::string on_unknown_param(const std::string &key, const std::vector<std::string> &names) {
+    if (names.empty() || std::find(names.begin(), names.end(), key) != names.end()) {
+        return "";
+    }
+    const std::string similar = nearest(key, names);
+    return "there is no parameter " + key + (similar.empty() ? "" : "; did you mean " + similar + "?");
+}
+
+/** A parameter that is missing may have been misspelt, one that is refused may have been given as a text. */
+std::string on_wrong_params(const Failure &failure) {
+    Json document;
+    if (text_of(failure.data, "parameter").empty() ||
+        failure.router->ask(names::discover, nullptr, failure.deadline, &document) != exit_result) {
+        return "";
+    }
+    std::vector<std::string> names;
+    std::string advice;
+    for (const json_t *param : elements_of(find_method(methods_of(document.get()), failure.method), "params")) {
+        names.push_back(text_of(param, "name"));
+        if (advice.empty()) {
+            advice = on_text(param, json_object_get(failure.params, names.back().c_str()));
+        }
+    }
+    for (const auto &[key, value] : members_of(failure.params)) {
+        if (advice.empty()) {
+            advice = on_unknown_param(key, names);
+        }
+    }
+    return advice;
+}
+
+/** A sentence's end, such as "did you mean ports.Get?"; empty where the answer's own words are enough. */
+std::string advice_on(const Failure &failure, json_int_t code) {
+    const Silence silence; // what cannot be found out is not worth a word
+    switch (code) {
+    case TAVRIX_JRPC_METHOD_NOT_FOUND:
+        return on_unknown_method(failure);
+    case TAVRIX_JRPC_TIMED_OUT: // a request to nobody on the bus is timed out, too
+        return find_similar(failure, "is its service stopped, or busy? tavrixctl status shows what is in flight");
+    case TAVRIX_JRPC_SYSTEM_BUSY:
+        return on_busy(failure);
+    case TAVRIX_JRPC_INVALID_PARAMS:
+        return on_wrong_params(failure);
+    default:
+        return "";
+    }
+}
 
 /** Whether a response, or each of a batch's, is a result. */
 int judge(const json_t *reply) {
@@ -22,7 +136,7 @@ int judge(const json_t *reply) {
         size_t index = 0;
         const json_t *one = nullptr;
         json_array_foreach(reply, index, one) {
-            const int status = json_is_object(one) ? judge(one) : static_cast<int>(exit_error_response);
+            const int status = json_is_object(one) ? judge(one) : exit_error_response;
             if (status != exit_result) {
                 return status;
             }
@@ -31,8 +145,7 @@ int judge(const json_t *reply) {
     }
     const int status = status_of(reply);
     if (status == exit_result && json_object_get(reply, "result") == nullptr) {
-        complain("the answer is no JSON-RPC response");
-        return exit_error_response;
+        return fail(exit_error_response, "the answer is no JSON-RPC response");
     }
     return status;
 }
@@ -46,7 +159,7 @@ int print_answer(const std::string &answer, JsonStyle style) {
         print_line(printable(answer));
         return exit_error_response;
     }
-    return print_line(render(reply.get(), style)) ? judge(reply.get()) : static_cast<int>(exit_error_response);
+    return print_line(render(reply.get(), style)) ? judge(reply.get()) : exit_error_response;
 }
 
 /** One connection for the text where there is one: its lines would be several requests of a session. */
@@ -81,16 +194,15 @@ int print_result(const CallOptions &options, const json_t *params, Router *route
     const json_t *result = json_object_get(reply.get(), "result");
     const json_t *error = json_object_get(reply.get(), "error");
     if (result == nullptr && !json_is_object(error)) {
-        complain("the answer is no JSON-RPC response: %s",
-                 (reply ? render(reply.get(), JsonStyle::single_line) : printable(answer)).c_str());
-        return exit_error_response;
+        return fail(exit_error_response, "the answer is no JSON-RPC response: %s",
+                    (reply ? render(reply.get(), JsonStyle::single_line) : printable(answer)).c_str());
     }
     if (error == nullptr) {
         return printed(print_line(render(result, options.json)));
     }
-    const std::string advice = options.target.direct.empty()
-                                   ? advice_on(options.method, params, error, Deadline(options.timeout_s), router)
-                                   : "";
+    const Failure failure{options.method, params, json_object_get(error, "data"), Deadline(options.timeout_s), router};
+    const std::string advice =
+        options.target.direct.empty() ? advice_on(failure, json_integer_value(json_object_get(error, "code"))) : "";
     complain("%s%s", words_of_failure(options.method, reply.get()).c_str(),
              advice.empty() ? "" : ("; " + printable(advice)).c_str());
     return status_of(reply.get());
@@ -113,8 +225,7 @@ int call(const CallOptions &options) {
     }
     const Json request = make_request(options.method, std::move(params), options.notification ? "" : options.id);
     if (!request) {
-        complain("METHOD or --id is no valid UTF-8 text");
-        return exit_usage;
+        return fail(exit_usage, "METHOD or --id is no valid UTF-8 text");
     }
     const json_int_t transaction_id = options.transaction_id.value_or(fresh_transaction_id());
     json_object_set_new(request.get(), "transaction_id", json_integer(transaction_id));
@@ -126,8 +237,7 @@ int call(const CallOptions &options) {
         return status;
     }
     if (answer.empty()) {
-        complain("the connection was closed without an answer");
-        return exit_no_connection;
+        return fail(exit_no_connection, "the connection was closed without an answer");
     }
     const json_t *sent = json_object_get(request.get(), "params");
     return options.full ? print_answer(answer, options.json) : print_result(options, sent, &router, answer);

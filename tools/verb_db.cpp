@@ -140,8 +140,7 @@ int db_check(const DbOptions &options) {
 
 int db_init(const DbOptions &options) {
     if (access(options.file.c_str(), F_OK) == 0) {
-        complain("%s: there is one already", printable(options.file).c_str());
-        return exit_error_response;
+        return fail(exit_error_response, "%s: there is one already", printable(options.file).c_str());
     }
     // Made under another name first: a daemon that starts meanwhile finds all of it or nothing.
     const std::string temporary = options.file + ".new-" + std::to_string(getpid());

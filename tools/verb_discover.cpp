@@ -2,13 +2,9 @@
  * list, describe, docs: the methods that can be called, as the services describe them.
  */
 #include <algorithm>
-#include <string>
-#include <vector>
 
 #include "common/text.h"
-#include "discovery.h"
 #include "router.h"
-#include "support.h"
 #include "verbs.h"
 #include "words.h"
 
@@ -82,11 +78,9 @@ void add_members(const std::string &path, const json_t *schema, size_t depth, st
         return;
     }
     const std::vector<const json_t *> required = elements_of(schema, "required");
-    const char *key = nullptr;
-    json_t *member = nullptr;
-    json_object_foreach(json_object_get(schema, "properties"), key, member) {
-        const bool is_required = std::any_of(required.begin(), required.end(), [key](const json_t *name) {
-            return json_is_string(name) && std::string(json_string_value(name)) == key;
+    for (const auto &[key, member] : members_of(schema, "properties")) {
+        const bool is_required = std::any_of(required.begin(), required.end(), [&key = key](const json_t *name) {
+            return json_is_string(name) && json_string_value(name) == key;
         });
         const std::string name = (path.empty() ? "" : path + ".") + printable(key);
         fields->push_back({name, is_required, words_of_schema(member), shown(member, "description")});
@@ -178,9 +172,8 @@ int complain_of_unknown(const std::string &name, const std::vector<const json_t 
         names.push_back(text_of(method, "name"));
     }
     const std::string near = nearest(name, names);
-    complain("no service describes %s%s%s%s", printable(name).c_str(), near.empty() ? "" : "; did you mean ",
-             printable(near).c_str(), near.empty() ? "" : "?");
-    return exit_error_response;
+    return fail(exit_error_response, "no service describes %s%s%s%s", printable(name).c_str(),
+                near.empty() ? "" : "; did you mean ", printable(near).c_str(), near.empty() ? "" : "?");
 }
 
 // --- Markdown ------------------------------------------------------------------------------------------------------
@@ -216,25 +209,17 @@ std::vector<std::string> markdown_of(const json_t *document) {
         lines.insert(lines.end(), {"", "    " + example_call(method)});
     }
     lines.insert(lines.end(), {"", "# Errors", "", "| code | message |", "|---|---|"});
-    const char *code = nullptr;
-    json_t *error = nullptr;
-    json_object_foreach(json_object_get(json_object_get(document, "components"), "errors"), code, error) {
+    for (const auto &[code, error] : members_of(json_object_get(document, "components"), "errors")) {
         lines.push_back("| " + markdown(printable(code)) + " | " + markdown(shown(error, "message")) + " |");
     }
     return lines;
 }
 
-template <class Action>
-int with_methods(const DiscoverOptions &options, Action action) {
-    Json document;
-    const int rc = discover(options.target, Deadline(options.timeout_s), &document);
-    return rc == exit_result ? action(document.get(), methods_of(document.get())) : rc;
-}
-
 } // namespace
 
 int list_methods(const DiscoverOptions &options) {
-    return with_methods(options, [&options](const json_t * /*document*/, const std::vector<const json_t *> &methods) {
+    return with_result(options, names::discover, [&options](const json_t *document) {
+        const std::vector<const json_t *> methods = methods_of(document);
         Table table({"METHOD", "DOES", "SUMMARY"});
         bool is_empty = true;
         for (const json_t *method : methods) {
@@ -250,14 +235,15 @@ int list_methods(const DiscoverOptions &options) {
 }
 
 int describe(const DiscoverOptions &options) {
-    return with_methods(options, [&options](const json_t * /*document*/, const std::vector<const json_t *> &methods) {
+    return with_result(options, names::discover, [&options](const json_t *document) {
+        const std::vector<const json_t *> methods = methods_of(document);
         const json_t *method = find_method(methods, options.word);
         return method == nullptr ? complain_of_unknown(options.word, methods) : printed(print_lines(lines_of(method)));
     });
 }
 
 int docs(const DiscoverOptions &options) {
-    return with_methods(options, [&options](const json_t *document, const std::vector<const json_t *> & /*methods*/) {
+    return with_result(options, names::discover, [&options](const json_t *document) {
         return printed(options.word == "json" ? print_line(render(document, JsonStyle::pretty))
                                               : print_lines(markdown_of(document)));
     });

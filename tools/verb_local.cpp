@@ -18,7 +18,6 @@
 #include <unistd.h>
 
 #include "router.h"
-#include "support.h"
 #include "tavrix_error.h"
 #include "tavrix_jrpc.h"
 #include "tavrix_shm.h"
@@ -97,32 +96,28 @@ bool parse_number(const std::string &text, int *out) {
     return true;
 }
 
-/** The verdict on a value, or 1 when the words do not fit the field (complained about). */
+/** The verdict on a value, or the exit status, above 0, when the words do not fit the field (complained about). */
 int check(const std::string &field, const std::vector<std::string> &values) {
     if (field == date_time_field) {
         if (values.size() != 2) {
-            complain("date_time takes a date and a time");
-            return 1;
+            return fail(exit_usage, "date_time takes a date and a time");
         }
         return validate_date_time(values[0].c_str(), values[1].c_str());
     }
     const Field *found = std::find_if(std::begin(fields), std::end(fields),
                                       [&](const Field &candidate) { return field == candidate.name; });
     if (found == std::end(fields)) {
-        complain("there is no field '%s'; see tavrixctl validate --help", field.c_str());
-        return 1;
+        return fail(exit_usage, "there is no field '%s'; see tavrixctl validate --help", field.c_str());
     }
     if (values.size() != 1) {
-        complain("%s takes one value", found->name);
-        return 1;
+        return fail(exit_usage, "%s takes one value", found->name);
     }
     if (found->text != nullptr) {
         return found->text(values[0].c_str());
     }
     int number = 0;
     if (!parse_number(values[0], &number)) {
-        complain("%s takes a 32-bit integer", found->name);
-        return 1;
+        return fail(exit_usage, "%s takes a 32-bit integer", found->name);
     }
     return found->number(number);
 }
@@ -219,21 +214,19 @@ bool is_known(const Daemons &daemons, const std::string &text, const std::string
 
 /** Every daemon's level, or one's. */
 int show_levels(const Daemons &daemons, const std::string &text, const std::string &only) {
+    if (!only.empty() && !is_known(daemons, text, only)) {
+        return exit_usage;
+    }
     std::map<std::string, std::string> levels = levels_in(text);
     for (const auto &[name, state] : daemons) {
         levels.emplace(name, "-");
     }
     Table table({"DAEMON", "LEVEL", "STATE"});
-    bool found = false;
     for (const auto &[name, level] : levels) {
         const auto known = daemons.find(name);
         if (only.empty() || name == only) {
-            found = true;
             table.add({printable(name), printable(level), known == daemons.end() ? "-" : printable(known->second)});
         }
-    }
-    if (!only.empty() && !found) {
-        return is_known(daemons, text, only) ? exit_result : exit_usage;
     }
     return printed(print_lines(table.lines()));
 }
@@ -317,8 +310,7 @@ std::string value_of(const std::string &name, off_t size) {
 }
 
 int shm_failed(const std::string &name) {
-    complain("%s: no such slot, or not accessible (a name begins with '/')", name.c_str());
-    return exit_error_response;
+    return fail(exit_error_response, "%s: no such slot, or not accessible (a name begins with '/')", name.c_str());
 }
 
 } // namespace
@@ -333,22 +325,20 @@ int explain_error(int code) {
     const char *message = tavrix_jrpc_error_message(status);
     if (status != TAVRIX_JRPC_UNKNOWN_ERROR &&
         std::strcmp(message, tavrix_jrpc_error_message(TAVRIX_JRPC_UNKNOWN_ERROR)) == 0) {
-        complain("%d is neither a status nor a JSON-RPC code of the system", code);
-        return exit_usage;
+        return fail(exit_usage, "%d is neither a status nor a JSON-RPC code of the system", code);
     }
     const int back = tavrix_jrpc_error_convert_jrpc_to_tavrix(status);
     return printed(print_code(jrpc_title, status, message) &&
                    (back == TAVRIX_JRPC_UNKNOWN_ERROR || print_code(status_title, back, tavrix_error_decode(back))));
 }
 
-int validate(const std::string &field, const std::vector<std::string> &values) {
-    const int verdict = check(field, values);
+int validate(const ValidateOptions &options) {
+    const int verdict = check(options.field, options.values);
     if (verdict > 0) {
-        return exit_usage;
+        return verdict;
     }
     if (verdict == TAVRIX_INVALID_ENGINE) {
-        complain("the value could not be checked");
-        return exit_error_response;
+        return fail(exit_error_response, "the value could not be checked");
     }
     const auto found = verdict_texts.find(verdict);
     return printed(print_line(found != verdict_texts.end() ? found->second : "rejected") && verdict == 0);
@@ -381,12 +371,11 @@ int shm_get(const ShmOptions &options) {
 int shm_set(const ShmOptions &options) {
     int number = 0;
     if (options.integer && !parse_number(options.value, &number)) {
-        complain("--int takes a 32-bit integer");
-        return exit_usage;
+        return fail(exit_usage, "--int takes a 32-bit integer");
     }
     if (!options.integer && options.value.size() >= options.size) {
-        complain("the text has %zu bytes, the slot holds %zu with the terminator", options.value.size(), options.size);
-        return exit_usage;
+        return fail(exit_usage, "the text has %zu bytes, the slot holds %zu with the terminator", options.value.size(),
+                    options.size);
     }
     const size_t size = options.integer ? sizeof number : options.size;
     if (options.create && tavrix_shm_create(options.name.c_str(), size) != TAVRIX_OK) {
@@ -400,8 +389,7 @@ int shm_set(const ShmOptions &options) {
 int shm_list() {
     const std::unique_ptr<DIR, CloseFolder> folder(opendir(slots_folder));
     if (!folder) {
-        complain("%s: %s", slots_folder, std::strerror(errno));
-        return exit_error_response;
+        return fail(exit_error_response, "%s: %s", slots_folder, std::strerror(errno));
     }
     std::vector<std::string> names;
     while (const dirent *entry = readdir(folder.get())) {
@@ -431,8 +419,7 @@ int shm_remove(const ShmOptions &options) {
         return shm_failed(options.name); // whatever else is there belongs to others
     }
     if (shm_unlink(options.name.c_str()) != 0) {
-        complain("%s: %s", printable(options.name).c_str(), std::strerror(errno));
-        return exit_error_response;
+        return fail(exit_error_response, "%s: %s", printable(options.name).c_str(), std::strerror(errno));
     }
     return exit_result;
 }
@@ -450,13 +437,12 @@ int log_level(const LogLevelOptions &options) {
     if (!options.level.empty() &&
         (options.daemon.empty() || options.daemon.size() > 50 || options.daemon.find_first_of("=\n[#") == 0 ||
          options.daemon.find_first_of("=\n") != std::string::npos)) {
-        complain("'%s' cannot be a key of %s", printable(options.daemon).c_str(), printable(options.file).c_str());
-        return exit_usage;
+        return fail(exit_usage, "'%s' cannot be a key of %s", printable(options.daemon).c_str(),
+                    printable(options.file).c_str());
     }
     std::string old_text;
     if (!read_file(options.file, &old_text) && errno != ENOENT) { // one that does not exist is made
-        complain("%s: %s", printable(options.file).c_str(), std::strerror(errno));
-        return exit_error_response;
+        return fail(exit_error_response, "%s: %s", printable(options.file).c_str(), std::strerror(errno));
     }
     Router router(options.target);
     Daemons daemons = options.edit_only ? Daemons() : ask_for_daemons(&router, options);
@@ -468,9 +454,8 @@ int log_level(const LogLevelOptions &options) {
     }
     const std::string text = with_level(old_text, options.daemon, options.level);
     if (!replace_file(options.file, text)) {
-        complain("%s: %s%s", printable(options.file).c_str(), std::strerror(errno),
-                 errno == EACCES ? "; may this user write it, and into its folder?" : "");
-        return exit_error_response;
+        return fail(exit_error_response, "%s: %s%s", printable(options.file).c_str(), std::strerror(errno),
+                    errno == EACCES ? "; may this user write it, and into its folder?" : "");
     }
     if (options.edit_only) {
         return exit_result;

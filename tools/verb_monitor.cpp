@@ -8,10 +8,7 @@
 #include <fstream>
 
 #include "common/message.h"
-#include "interrupt.h"
 #include "router.h"
-#include "session.h"
-#include "support.h"
 #include "traffic.h"
 #include "verb_bus.h"
 #include "verbs.h"
@@ -30,8 +27,7 @@ class Watcher {
     /** Opens the file to record to, if one is wanted; complains and returns false when it cannot be written. */
     bool open_record();
     int watch(Session *session);
-    /** What was never answered, and the figures. */
-    void finish();
+    void tell_figures() { summary_.tell_all(pairing_, options_.service); }
 
   private:
     bool show(const Exchange &exchange);
@@ -81,10 +77,9 @@ int Watcher::watch(Session *session) {
             break;
         }
         if (got == Session::Got::closed) {
-            complain("the router has closed the session");
-            return exit_no_connection;
+            return fail(exit_no_connection, "the router has closed the session");
         }
-        if (tell_loss(message.get()) || text_of(message.get(), "method") != names::traffic) {
+        if (text_of(message.get(), "method") != names::traffic) {
             continue;
         }
         const std::optional<Exchange> exchange = pairing_.take(json_object_get(message.get(), "params"));
@@ -99,15 +94,6 @@ int Watcher::watch(Session *session) {
     return exit_result;
 }
 
-void Watcher::finish() {
-    for (const auto &[call, exchange] : pairing_.pending()) {
-        if (options_.service.empty() || exchange.service == options_.service) {
-            summary_.add(exchange);
-        }
-    }
-    summary_.tell_all();
-}
-
 int monitor_router(const MonitorOptions &options, const std::vector<std::string> &patterns) {
     Watcher watcher(options);
     if (!watcher.open_record()) {
@@ -115,16 +101,13 @@ int monitor_router(const MonitorOptions &options, const std::vector<std::string>
     }
     const Deadline deadline(options.timeout_s);
     std::unique_ptr<Session> session;
-    int status = open_session(options.target, deadline, &session);
-    if (status == exit_result) {
-        status = open_stream(session.get(), names::monitor, patterns, deadline);
-    }
+    int status = open_stream(options.target, names::monitor, patterns, deadline, &session);
     if (status != exit_result || stop_requested()) {
         return status;
     }
     complain("watching through the router");
     status = watcher.watch(session.get());
-    watcher.finish();
+    watcher.tell_figures();
     return status;
 }
 
@@ -257,38 +240,27 @@ int Player::play() {
     if (status == exit_result && different_ == 0 && missing_ > 0 && !stop_requested()) {
         return exit_timeout;
     }
-    return status == exit_result && different_ > 0 ? static_cast<int>(exit_error_response) : status;
+    return status == exit_result && different_ > 0 ? exit_error_response : status;
 }
 
 } // namespace
-
-bool is_wanted(const Exchange &exchange, const MonitorOptions &options) {
-    if (exchange.is_notification) {
-        return !options.errors_only && !options.slower_than_ms;
-    }
-    return (!options.errors_only || exchange.outcome != "result") &&
-           (!options.slower_than_ms || exchange.seconds * 1000 > *options.slower_than_ms);
-}
 
 int monitor(const MonitorOptions &options) {
     std::vector<std::string> addresses;
     std::vector<std::string> patterns;
     for (const std::string &word : options.words) {
         if (word.find("://") == std::string::npos && word.find('/') != std::string::npos) {
-            complain("'%s' is neither a method nor a bus address, such as tcp://127.0.0.1:7001",
-                     printable(word).c_str());
-            return exit_usage;
+            return fail(exit_usage, "'%s' is neither a method nor a bus address, such as tcp://127.0.0.1:7001",
+                        printable(word).c_str());
         }
         (word.find("://") == std::string::npos ? patterns : addresses).push_back(word);
     }
     const bool asks_router = !options.service.empty() || !options.record.empty() || !options.target.session.empty();
     if (!addresses.empty() && asks_router) {
-        complain("--service, --record and --session are for watching through the router");
-        return exit_usage;
+        return fail(exit_usage, "--service, --record and --session are for watching through the router");
     }
     if (addresses.empty() && !options.channels.empty()) {
-        complain("--channel is for bus addresses, such as tcp://127.0.0.1:7001");
-        return exit_usage;
+        return fail(exit_usage, "--channel is for bus addresses, such as tcp://127.0.0.1:7001");
     }
     if (!stop_on_signals()) {
         return exit_error_response;

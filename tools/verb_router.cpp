@@ -7,9 +7,7 @@
 
 #include <unistd.h>
 
-#include "interrupt.h"
 #include "router.h"
-#include "support.h"
 #include "verbs.h"
 #include "words.h"
 
@@ -41,7 +39,7 @@ std::vector<std::string> summary_of(const json_t *status) {
                 count_text(status, "discarded") + " late, " + count_text(status, "dropped") + " notifications dropped"};
 }
 
-std::vector<std::string> methods_of(const json_t *service) {
+std::vector<std::string> method_names_of(const json_t *service) {
     std::vector<std::string> methods;
     for (const json_t *method : elements_of(service, "methods")) {
         methods.push_back(printable(json_is_string(method) ? json_string_value(method) : "?"));
@@ -65,7 +63,7 @@ std::vector<std::string> services_table(const json_t *status) {
     for (const json_t *service : services) {
         const json_t *since = json_object_get(service, "since");
         const bool registered = since != nullptr;
-        const std::vector<std::string> methods = wrapped(methods_of(service), methods_width);
+        const std::vector<std::string> methods = wrapped(method_names_of(service), methods_width);
         table.add({printable(text_of(service, "name")), printable(text_of(service, "state")),
                    channel_name(text_of(service, "channel")), road_of(service),
                    registered ? date_text(json_number_value(since)) : "-",
@@ -93,10 +91,7 @@ std::vector<std::string> methods_table(const json_t *status, const Rates *rates)
     }
     Table table(heading);
     table.align_right(1, heading.size() - 1);
-    std::vector<std::pair<std::string, const json_t *>> rows;
-    const char *name = nullptr;
-    json_t *counts = nullptr;
-    json_object_foreach(json_object_get(status, "methods"), name, counts) { rows.emplace_back(name, counts); }
+    auto rows = members_of(status, "methods");
     const auto rate_of = [rates](const std::string &method) {
         const auto found = rates == nullptr ? Rates::const_iterator() : rates->find(method);
         return rates == nullptr || found == rates->end() ? 0 : found->second;
@@ -136,9 +131,9 @@ std::vector<std::string> page_of(const json_t *status, const Rates *rates) {
 /** What has been counted of each method so far. */
 std::map<std::string, json_int_t> calls_by_method(const json_t *status) {
     std::map<std::string, json_int_t> calls;
-    const char *name = nullptr;
-    json_t *counts = nullptr;
-    json_object_foreach(json_object_get(status, "methods"), name, counts) { calls[name] = number_of(counts, "calls"); }
+    for (const auto &[name, counts] : members_of(status, "methods")) {
+        calls[name] = number_of(counts, "calls");
+    }
     return calls;
 }
 
@@ -176,14 +171,10 @@ std::string reason_for_absence(const json_t *status, const std::string &name) {
 } // namespace
 
 int status(const StatusOptions &options) {
-    Router router(options.target);
-    Json result;
-    const int rc = router.ask(names::status, nullptr, Deadline(options.timeout_s), &result);
-    if (rc != exit_result) {
-        return rc;
-    }
-    return printed(options.json ? print_line(render(result.get(), *options.json))
-                                : print_lines(page_of(result.get(), nullptr)));
+    return with_result(options, names::status, [&options](const json_t *status) {
+        return printed(options.json ? print_line(render(status, *options.json))
+                                    : print_lines(page_of(status, nullptr)));
+    });
 }
 
 int top(const TopOptions &options) {
@@ -198,7 +189,7 @@ int top(const TopOptions &options) {
         Json result;
         const int rc = router.ask(names::status, nullptr, Deadline(options.timeout_s), &result);
         if (rc != exit_result || stop_requested()) {
-            return stop_requested() ? static_cast<int>(exit_result) : rc;
+            return stop_requested() ? exit_result : rc;
         }
         const double uptime_s = json_number_value(json_object_get(result.get(), "uptime_s"));
         const std::map<std::string, json_int_t> calls = calls_by_method(result.get());
@@ -221,21 +212,17 @@ int top(const TopOptions &options) {
 }
 
 int metrics(const StatusOptions &options) {
-    Router router(options.target);
-    Json result;
-    const int rc = router.ask(names::metrics, nullptr, Deadline(options.timeout_s), &result);
-    if (rc != exit_result) {
-        return rc;
-    }
-    std::string text = json_is_string(result.get()) ? json_string_value(result.get()) : "";
-    std::string safe;
-    for (const char c : text) { // its lines stay lines; what others named in them steers no terminal
-        safe += c == '\n' || c == '\\' ? std::string(1, c) : printable(std::string(1, c));
-    }
-    if (!safe.empty() && safe.back() == '\n') {
-        safe.pop_back();
-    }
-    return printed(print_line(safe));
+    return with_result(options, names::metrics, [](const json_t *text) {
+        std::string safe;
+        for (const char c : std::string(json_is_string(text) ? json_string_value(text) : "")) {
+            // Its lines stay lines; what others named in them steers no terminal.
+            safe += c == '\n' || c == '\\' ? std::string(1, c) : printable(std::string(1, c));
+        }
+        if (!safe.empty() && safe.back() == '\n') {
+            safe.pop_back();
+        }
+        return printed(print_line(safe));
+    });
 }
 
 int wait_service(const WaitServiceOptions &options) {

@@ -2,11 +2,8 @@
  * subscribe, wait: notifications, as the router delivers them.
  */
 
-#include "interrupt.h"
 #include "params.h"
 #include "router.h"
-#include "session.h"
-#include "support.h"
 #include "verb_bus.h"
 #include "verbs.h"
 #include "words.h"
@@ -27,10 +24,7 @@ std::string joined(const std::vector<std::string> &words) {
 int deliver(const Target &target, const std::vector<std::string> &patterns, std::optional<unsigned> count,
             const Deadline &deadline, const Taker &take) {
     std::unique_ptr<Session> session;
-    int status = open_session(target, deadline, &session);
-    if (status == exit_result) {
-        status = open_stream(session.get(), names::subscribe, patterns, deadline);
-    }
+    const int status = open_stream(target, names::subscribe, patterns, deadline, &session);
     if (status != exit_result || stop_requested()) {
         return status;
     }
@@ -49,11 +43,7 @@ int deliver(const Target &target, const std::vector<std::string> &patterns, std:
             return exit_result;
         }
         if (got == Session::Got::closed) {
-            complain("the router has closed the session");
-            return exit_no_connection;
-        }
-        if (tell_loss(message.get())) {
-            continue;
+            return fail(exit_no_connection, "the router has closed the session");
         }
         const int verdict = take(message.get());
         if (verdict < 0) {
@@ -96,34 +86,6 @@ bool sort_words(const WaitOptions &options, std::vector<std::string> *addresses,
 
 } // namespace
 
-bool tell_loss(const json_t *notification) {
-    if (text_of(notification, "method") != names::lost) {
-        return false;
-    }
-    const json_t *count = json_object_get(json_object_get(notification, "params"), "count");
-    complain("%lld more were lost: they came faster than they were read",
-             static_cast<long long>(json_integer_value(count)));
-    return true;
-}
-
-int open_stream(Session *session, const char *method, const std::vector<std::string> &patterns,
-                const Deadline &deadline) {
-    Json names(json_array());
-    for (const std::string &pattern : patterns) {
-        json_array_append_new(names.get(), json_string(pattern.c_str()));
-    }
-    const Json request = make_request(method, Json(json_pack("{s:o}", "methods", names.release())), "tavrixctl");
-    Json answer;
-    int status = session->ask(request_text(request.get()), deadline, &answer);
-    if (status == exit_result && answer) { // none, when it was stopped meanwhile
-        status = status_of(answer.get());
-        if (status != exit_result) {
-            complain("%s", words_of_failure(method, answer.get()).c_str());
-        }
-    }
-    return status;
-}
-
 int subscribe(const SubscribeOptions &options) {
     if (!stop_on_signals()) {
         return exit_error_response;
@@ -152,8 +114,7 @@ int wait(const WaitOptions &options) {
         return wait_on_bus(options, addresses, deadline, take);
     }
     if (!options.channel.empty()) {
-        complain("--channel is for bus addresses");
-        return exit_usage;
+        return fail(exit_usage, "--channel is for bus addresses");
     }
     return deliver(options.target, {options.method}, options.count, deadline, take);
 }

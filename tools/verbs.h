@@ -10,13 +10,11 @@
 
 namespace tavrixctl {
 
-enum ExitStatus {
-    exit_result = 0,
-    exit_error_response = 1,
-    exit_usage = 2,
-    exit_timeout = 3,
-    exit_no_connection = 4,
-};
+constexpr int exit_result = 0;
+constexpr int exit_error_response = 1;
+constexpr int exit_usage = 2;
+constexpr int exit_timeout = 3;
+constexpr int exit_no_connection = 4;
 
 enum class JsonStyle { automatic, pretty, single_line, lines };
 
@@ -125,7 +123,11 @@ int wait(const WaitOptions &options);
 
 int explain_error(int code);
 
-int validate(const std::string &field, const std::vector<std::string> &values);
+struct ValidateOptions {
+    std::string field;
+    std::vector<std::string> values;
+};
+int validate(const ValidateOptions &options);
 std::vector<std::string> validated_fields();
 
 struct ShmOptions {

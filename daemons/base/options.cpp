@@ -63,15 +63,37 @@ Options::Options(std::string program, std::string section, std::string summary, 
       example_(std::move(example)) {}
 
 void Options::text(const char *name, const char *value_name, const char *help, std::string *value) {
-    options_.push_back({name, value_name, help, value, nullptr, nullptr, 0, 0, false});
+    const auto store = [value](const std::string &given, const std::string & /*origin*/) {
+        *value = given;
+        return true;
+    };
+    options_.push_back({name, value_name, help, [value] { return *value; }, store});
 }
 
 void Options::list(const char *name, const char *value_name, const char *help, std::vector<std::string> *values) {
-    options_.push_back({name, value_name, help, nullptr, values, nullptr, 0, 0, false});
+    const auto store = [values, is_first = true](const std::string &given, const std::string & /*origin*/) mutable {
+        if (std::exchange(is_first, false)) {
+            values->clear();
+        }
+        add_parts(given, values);
+        return true;
+    };
+    options_.push_back({name, value_name, help, [values] { return with_commas(*values); }, store});
 }
 
 void Options::number(const char *name, const char *value_name, const char *help, int lowest, int highest, int *value) {
-    options_.push_back({name, value_name, help, nullptr, nullptr, value, lowest, highest, false});
+    const auto store = [=](const std::string &given, const std::string &origin) {
+        char *end = nullptr;
+        errno = 0;
+        const long number = std::strtol(given.c_str(), &end, 10);
+        if (given.empty() || *end != '\0' || errno != 0 || number < lowest || number > highest) {
+            return complain(origin + " takes a number from " + std::to_string(lowest) + " to " +
+                            std::to_string(highest) + ", not '" + given + "'");
+        }
+        *value = static_cast<int>(number);
+        return true;
+    };
+    options_.push_back({name, value_name, help, [value] { return std::to_string(*value); }, store});
 }
 
 bool Options::complain(const std::string &what) const {
@@ -85,15 +107,9 @@ void Options::print_help() const {
         std::printf("  %-28s %s\n", left.c_str(), right.c_str());
     };
     for (const Option &option : options_) {
-        std::string help = option.help;
-        if (option.number != nullptr) {
-            help += " (default " + std::to_string(*option.number) + ")";
-        } else if (option.text != nullptr && !option.text->empty()) {
-            help += " (default " + *option.text + ")";
-        } else if (option.list != nullptr && !option.list->empty()) {
-            help += " (default " + with_commas(*option.list) + ")";
-        }
-        line("--" + option.name + " " + option.value_name, help);
+        const std::string usual = option.usual();
+        line("--" + option.name + " " + option.value_name,
+             option.help + (usual.empty() ? "" : " (default " + usual + ")"));
     }
     line("--config FILE", "read the same options from section [" + section_ + "], as option_name=value");
     line("-h, --help", "show this");
@@ -106,30 +122,6 @@ void Options::print_help() const {
                 "exit status: 0 ended by a signal, 1 cannot start or go on, 2 wrong usage or configuration file\n");
 }
 
-/** `origin` names the option as the user wrote it. */
-bool Options::store(Option *option, const std::string &value, const std::string &origin) {
-    if (option->text != nullptr) {
-        *option->text = value;
-        return true;
-    }
-    if (option->list != nullptr) {
-        if (!option->given) {
-            option->list->clear();
-        }
-        add_parts(value, option->list);
-        return true;
-    }
-    char *end = nullptr;
-    errno = 0;
-    const long number = std::strtol(value.c_str(), &end, 10);
-    if (value.empty() || *end != '\0' || errno != 0 || number < option->lowest || number > option->highest) {
-        return complain(origin + " takes a number from " + std::to_string(option->lowest) + " to " +
-                        std::to_string(option->highest) + ", not '" + value + "'");
-    }
-    *option->number = static_cast<int>(number);
-    return true;
-}
-
 bool Options::read_command_line(int argc, char **argv, bool *finished) {
     CLI::App app;
     app.set_help_flag(); // the help is the one below, which the man pages are made of
@@ -138,9 +130,9 @@ bool Options::read_command_line(int argc, char **argv, bool *finished) {
     const CLI::Option *version = app.add_flag("-V,--version");
     app.add_option("--config", config_)->take_last();
     for (Option &option : options_) {
-        const auto take = [this, &option](const CLI::results_t &values) {
-            return std::all_of(values.begin(), values.end(), [this, &option](const std::string &value) {
-                const bool stored = store(&option, value, "--" + option.name);
+        const auto take = [&option](const CLI::results_t &values) {
+            return std::all_of(values.begin(), values.end(), [&option](const std::string &value) {
+                const bool stored = option.store(value, "--" + option.name);
                 option.given = true;
                 return stored;
             });
@@ -244,7 +236,7 @@ bool Options::read_file() {
         if (rc != TAVRIX_OK) {
             return complain(config_ + ": " + key + ": " + tavrix_error_decode(rc));
         }
-        if (!option.given && !store(&option, value, config_ + ": " + key)) {
+        if (!option.given && !option.store(value, config_ + ": " + key)) {
             return false;
         }
     }

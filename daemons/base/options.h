@@ -8,6 +8,7 @@
 #ifndef TAVRIX_DAEMONS_BASE_OPTIONS_H
 #define TAVRIX_DAEMONS_BASE_OPTIONS_H
 
+#include <functional>
 #include <set>
 #include <string>
 #include <utility>
@@ -42,12 +43,10 @@ class Options {
         std::string name;
         std::string value_name;
         std::string help;
-        std::string *text;
-        std::vector<std::string> *list;
-        int *number;
-        int lowest;
-        int highest;
-        bool given;
+        std::function<std::string()> usual; ///< its value as a text
+        /** Takes a value; `origin` names the option as the user wrote it, in the complaint about a bad one. */
+        std::function<bool(const std::string &value, const std::string &origin)> store;
+        bool given = false;
     };
 
     void print_help() const;
@@ -55,7 +54,6 @@ class Options {
     std::string find_problem(const std::string &line, std::set<std::string> *keys) const;
     bool check_file() const;
     bool read_file();
-    bool store(Option *option, const std::string &value, const std::string &origin);
     bool complain(const std::string &what) const;
 
     std::string program_;

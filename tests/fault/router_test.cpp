@@ -423,7 +423,7 @@ TEST_F(RouterFaults, OfTheBusConcernTheCallersOverIt) {
                      if (member(asked, "method") == "\"mzu.List\"") {
                          service.reply(asked, "4");
                      }
-                     service.publish_reply(R"({"jsonrpc":"2.0","method":"router.Hello","params":{"name":"n",)"
+                     service.reply(R"({"jsonrpc":"2.0","method":"router.Hello","params":{"name":"n",)"
                                            R"("channel":"c"}})");
                      expect_own(client.hear(), "1", "4");
                  });

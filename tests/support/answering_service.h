@@ -15,23 +15,18 @@ namespace support {
 class AnsweringService {
   public:
     /**
-     * What the service says to a request's params: the reply's member, such as `"result":0` or `"error":{...}`; nothing
-     * at all when it is empty.
+     * What the service says to a request's params: the reply's member, such as `"result":0`, which is what it says
+     * without one, or `"error":{...}`; nothing at all when it is empty.
      */
     using Handler = std::function<std::string(const std::string &method, const std::string &params)>;
 
     /** Registers on "session.sock" and serves until its end; throws when it is not registered. */
-    AnsweringService(const std::string &name, const std::vector<std::string> &methods, Handler handler = accept_all);
-    AnsweringService(const AnsweringService &) = delete;
-    AnsweringService &operator=(const AnsweringService &) = delete;
+    AnsweringService(const std::string &name, const std::vector<std::string> &methods, Handler handler = {});
     ~AnsweringService();
 
     void publish(const std::string &method, const std::string &params) const {
         session_.say(notification(method, params));
     }
-
-    /** `"result":0` to everything. */
-    static std::string accept_all(const std::string &method, const std::string &params);
 
   private:
     void take(const std::string &line) const;

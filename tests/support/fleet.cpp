@@ -78,11 +78,15 @@ void write_log_levels(const std::string &levels) {
     write_file("tavrix_lsyslog.conf", "[logging_levels]\n" + levels + "\n");
 }
 
-PlayedService::PlayedService(const Fleet &fleet, const std::string &channel) : pub(TAVRIX_SP_PUB), sub(TAVRIX_SP_SUB) {
-    pub.bind(fleet.ports_address);
+PlayedService::PlayedService(const Fleet &fleet, const std::string &channel, const std::string &address)
+    : pub(TAVRIX_SP_PUB), sub(TAVRIX_SP_SUB) {
+    pub.bind(address);
     sub.connect(fleet.router_address);
     tavrix_mq_socket_subscribe(sub.number, channel.c_str());
-    tavrix_mq_socket_set_timeout(sub.number, 50);
+}
+
+PlayedService::PlayedService(const Fleet &fleet, const std::string &channel)
+    : PlayedService(fleet, channel, fleet.ports_address) {
     const bool settled = wait_until([&] {
         reply(notification("router.Hello", R"({"name":"played","channel":")" + channel + "\"}"));
         return next_request(50).find("service.Welcome") != std::string::npos;
@@ -95,12 +99,14 @@ PlayedService::PlayedService(const Fleet &fleet, const std::string &channel) : p
     }
 }
 
-void PlayedService::reply(const std::string &json) {
-    tavrix_mq_socket_send(pub.number, (TAVRIX_ROUTER_REPLY_CHANNEL "|" + json).c_str());
+void PlayedService::reply(const std::string &json) const { publish(TAVRIX_ROUTER_REPLY_CHANNEL, json); }
+
+void PlayedService::reply(const std::string &request, const std::string &result) const {
+    reply(service_reply(request, result));
 }
 
-void PlayedService::reply(const std::string &request, const std::string &result) {
-    reply(service_reply(request, result));
+void PlayedService::publish(const std::string &channel, const std::string &text) const {
+    tavrix_mq_socket_send(pub.number, (channel + "|" + text).c_str());
 }
 
 } // namespace support

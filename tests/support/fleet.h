@@ -77,12 +77,16 @@ class PlayedService {
   public:
     /** Connects to the router and waits until both directions stand. */
     PlayedService(const Fleet &fleet, const std::string &channel);
+    /** Binds the address and connects to the router, and waits for nothing. */
+    PlayedService(const Fleet &fleet, const std::string &channel, const std::string &address);
 
-    /** The next request's JSON text, without the channel. */
+    /** The next request's JSON text, without the channel; "(nothing)" when none comes. */
     std::string next_request(int timeout_ms = 20000) const { return sub.next_text(timeout_ms); }
     /** Publishes on the router's reply channel. */
-    void reply(const std::string &json);
-    void reply(const std::string &request, const std::string &result);
+    void reply(const std::string &json) const;
+    void reply(const std::string &request, const std::string &result) const;
+    /** Publishes a frame of any channel. */
+    void publish(const std::string &channel, const std::string &text) const;
 
     BusSocket pub;
     BusSocket sub;

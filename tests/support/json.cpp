@@ -20,9 +20,13 @@ std::string taken(char *text) {
 std::string taken(json_t *value) { return rendered(Json(value).get()); }
 
 std::string array_of(size_t count, const std::string &element) {
+    return array_of(count, [&element](size_t) { return element; });
+}
+
+std::string array_of(size_t count, const std::function<std::string(size_t)> &element) {
     std::string text;
     for (size_t i = 0; i < count; ++i) {
-        text += (i > 0 ? "," : "") + element;
+        text += (i > 0 ? "," : "") + element(i);
     }
     return "[" + text + "]";
 }
@@ -51,6 +55,14 @@ std::string member(const std::string &text, const char *key) {
     const Json object(json_loads(text.c_str(), JSON_DISABLE_EOF_CHECK, nullptr));
     const json_t *value = json_object_get(object.get(), key);
     return value != nullptr ? rendered(value) : "(none)";
+}
+
+std::string members_of(const std::string &text, const std::vector<const char *> &keys) {
+    std::string values;
+    for (const char *key : keys) {
+        values += (values.empty() ? "" : " ") + member(text, key);
+    }
+    return values;
 }
 
 std::string id_of(const std::string &response) { return member(response, "id"); }

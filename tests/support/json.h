@@ -4,8 +4,10 @@
 #ifndef TAVRIX_TESTS_SUPPORT_JSON_H
 #define TAVRIX_TESTS_SUPPORT_JSON_H
 
+#include <functional>
 #include <set>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 #include <jansson.h>
@@ -46,8 +48,9 @@ testing::AssertionResult holds(const std::string &text, const std::string &part)
 /** The names of an object's members. */
 std::set<std::string> keys_of(const json_t *object);
 
-/** An array of this many times the element, in JSON. */
+/** An array of this many times the element, in JSON, or of what each number gives, from 0. */
 std::string array_of(size_t count, const std::string &element);
+std::string array_of(size_t count, const std::function<std::string(size_t)> &element);
 
 /** A JSON-RPC request; `id` and `more` stand as they are, `more` with its leading comma. */
 std::string request(const std::string &method, const std::string &id, const std::string &more = "");
@@ -61,6 +64,9 @@ json_error_t parse_error(const std::string &text);
 
 /** A member of a JSON object's text, rendered compactly; "(none)" when it is absent. */
 std::string member(const std::string &text, const char *key);
+
+/** Several members of it, a blank between any two. */
+std::string members_of(const std::string &text, const std::vector<const char *> &keys);
 
 /** A response's id, and its result, or a member of that; "(none)" when it is absent. */
 std::string id_of(const std::string &response);

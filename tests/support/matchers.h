@@ -1,17 +1,34 @@
 /**
- * How a test expects a program to have ended, for EXPECT_THAT.
+ * Programs in the tests: the client, with words or by its name in a script, and how a program is expected to have
+ * ended.
  */
 #ifndef TAVRIX_TESTS_SUPPORT_MATCHERS_H
 #define TAVRIX_TESTS_SUPPORT_MATCHERS_H
 
 #include <ostream>
 #include <string>
+#include <vector>
 
 #include <gmock/gmock.h>
 
 #include "support/process.h"
 
 namespace support {
+
+inline Finished ctl(std::vector<std::string> words, const std::vector<std::string> &more = {}) {
+    words.insert(words.begin(), TAVRIXCTL);
+    return run(words, more);
+}
+
+/** The client, once it has said this. */
+inline std::unique_ptr<Process> ctl_that_says(const std::string &said, std::vector<std::string> words,
+                                              const std::vector<std::string> &more = {}) {
+    words.insert(words.begin(), TAVRIXCTL);
+    return begun("tool", words, more, said);
+}
+
+/** Every verb of the client, and none at all. */
+inline std::vector<std::string> verbs() { return lines_of("\n" + ctl({"__complete", ""}).output); }
 
 inline void PrintTo(const Finished &finished, std::ostream *out) {
     *out << "status " << finished.status << "\n" << finished.output << finished.diagnostics;

@@ -52,6 +52,13 @@ int count_of(const std::string &text, const std::string &part) {
     return count;
 }
 
+std::string replaced(std::string text, const std::string &part, const std::string &by) {
+    for (size_t at = 0; (at = text.find(part, at)) != std::string::npos; at += by.size()) {
+        text.replace(at, part.size(), by);
+    }
+    return text;
+}
+
 std::string read_file(const std::string &path) {
     std::ifstream file(path, std::ios::binary);
     return std::string((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
@@ -124,12 +131,12 @@ int Process::wait(int timeout_ms) {
     return status_;
 }
 
-std::unique_ptr<Process> started(const std::string &name, std::vector<std::string> arguments,
-                                 const std::vector<std::string> &more) {
+std::unique_ptr<Process> begun(const std::string &name, std::vector<std::string> arguments,
+                               const std::vector<std::string> &more, const std::string &said) {
     arguments.insert(arguments.end(), more.begin(), more.end());
     auto process = std::make_unique<Process>(name, arguments);
-    if (!process->says(name + " ready")) {
-        throw std::runtime_error(name + " does not get ready: " + process->log());
+    if (!process->says(said)) {
+        throw std::runtime_error(name + " does not say '" + said + "': " + process->log());
     }
     return process;
 }
@@ -145,11 +152,14 @@ Finished run_to_its_end(const std::vector<std::string> &arguments, Origin origin
 
 } // namespace
 
-Finished run(const std::vector<std::string> &arguments) { return run_to_its_end(arguments, Origin::build); }
+Finished run(std::vector<std::string> arguments, const std::vector<std::string> &more) {
+    arguments.insert(arguments.end(), more.begin(), more.end());
+    return run_to_its_end(arguments, Origin::build);
+}
 
-Finished run_script(const std::string &name, const std::string &path, const std::string &script) {
-    const std::string function = name + "() { " TAVRIX_TEST_EMULATOR " " + path + " \"$@\"; }\n";
-    return run_to_its_end({"bash", "-c", function + script}, Origin::machine);
+Finished script(const std::string &text) {
+    return run_to_its_end({"bash", "-c", "tavrixctl() { " TAVRIX_TEST_EMULATOR " " TAVRIXCTL " \"$@\"; }\n" + text},
+                          Origin::machine);
 }
 
 } // namespace support

@@ -51,9 +51,14 @@ class Process {
     int status_ = -1;
 };
 
-/** Starts a daemon of the build, with `more` behind its arguments, and waits until it says "NAME ready"; or throws. */
-std::unique_ptr<Process> started(const std::string &name, std::vector<std::string> arguments,
-                                 const std::vector<std::string> &more = {});
+/** Starts a program of the build, with `more` behind its arguments, and waits until it says this; or throws. */
+std::unique_ptr<Process> begun(const std::string &name, std::vector<std::string> arguments,
+                               const std::vector<std::string> &more, const std::string &said);
+/** The same of a daemon, which says "NAME ready". */
+inline std::unique_ptr<Process> started(const std::string &name, const std::vector<std::string> &arguments,
+                                        const std::vector<std::string> &more = {}) {
+    return begun(name, arguments, more, name + " ready");
+}
 
 /** As long as it lives, the process can open no more descriptors than it has, or than this many. */
 class FewDescriptors {
@@ -78,14 +83,15 @@ struct Finished {
     std::string output;
     std::string diagnostics;
 };
-Finished run(const std::vector<std::string> &arguments);
-
-/** Runs a script in this machine's bash, in which `name` is the build's program at `path`. */
-Finished run_script(const std::string &name, const std::string &path, const std::string &script);
+Finished run(std::vector<std::string> arguments, const std::vector<std::string> &more = {});
+/** Runs a script in this machine's bash that calls the client by its name. */
+Finished script(const std::string &text);
 
 std::vector<std::string> lines_of(const std::string &text);
 /** How often a text holds a part. */
 int count_of(const std::string &text, const std::string &part);
+/** The text with something else in each place of a part. */
+std::string replaced(std::string text, const std::string &part, const std::string &by);
 
 std::string read_file(const std::string &path);
 void write_file(const std::string &path, const std::string &text);

@@ -19,8 +19,6 @@ class Repeating {
                   action();
               }
           }) {}
-    Repeating(const Repeating &) = delete;
-    Repeating &operator=(const Repeating &) = delete;
     ~Repeating() {
         ended_ = true;
         thread_.join();

@@ -7,8 +7,6 @@
 #include <sys/socket.h>
 #include <sys/time.h>
 
-#include "tavrix_mq.h"
-
 namespace support {
 
 namespace {
@@ -75,8 +73,6 @@ bool SessionClient::gets_closed() { return hear_of("(closed)") == "(closed)"; }
 
 void SessionClient::end_sending() const { shutdown(stream_.fd(), SHUT_WR); }
 
-// --- Services ------------------------------------------------------------------------------------------------------
-
 std::string Registration::line(const std::string &id) const {
     std::string params;
     const auto add = [&params](const std::string &key, const std::string &value) {
@@ -102,18 +98,25 @@ void DirectService::reply(const std::string &request, const std::string &result)
     say(service_reply(request, result));
 }
 
-BusService::BusService(const Fleet &fleet, Registration registration) : pub(TAVRIX_SP_PUB), sub(TAVRIX_SP_SUB) {
-    const std::string address = registration.publish == "[]" ? free_bus_address() : registration.publish;
-    registration.publish = "[\"" + address + "\"]";
-    pub.bind(address);
-    sub.connect(fleet.router_address);
-    tavrix_mq_socket_subscribe(sub.number, registration.channel.c_str());
+namespace {
+
+/** The address of a service's publisher, which its registration names from now on. */
+std::string settle_address(Registration *registration) {
+    const std::string address = registration->publish == "[]" ? free_bus_address() : registration->publish;
+    registration->publish = "[\"" + address + "\"]";
+    return address;
+}
+
+} // namespace
+
+BusService::BusService(const Fleet &fleet, Registration registration)
+    : PlayedService(fleet, registration.channel, settle_address(&registration)) {
     const std::string hello = notification("router.Hello", R"({"name":")" + registration.name + R"(","channel":")" +
                                                                registration.channel + "\"}");
     session.say(registration.line());
     const bool answered = wait_until([&] {
         if (sub.next_text(5).find("service.Probe") != std::string::npos) {
-            publish_reply(hello);
+            reply(hello);
         }
         registered = session.hear(0);
         return registered != "(time-out)";
@@ -123,19 +126,13 @@ BusService::BusService(const Fleet &fleet, Registration registration) : pub(TAVR
     }
 }
 
-std::string BusService::next_request(int timeout_ms) {
+std::string BusService::next_request(int timeout_ms) const {
     for (;;) {
-        std::string text = sub.next_text(timeout_ms);
+        std::string text = PlayedService::next_request(timeout_ms);
         if (member(text, "method") != "\"service.Probe\"") {
             return text;
         }
     }
-}
-
-void BusService::publish_reply(const std::string &text) const { publish(TAVRIX_ROUTER_REPLY_CHANNEL, text); }
-
-void BusService::publish(const std::string &channel, const std::string &text) const {
-    tavrix_mq_socket_send(pub.number, (channel + "|" + text).c_str());
 }
 
 } // namespace support

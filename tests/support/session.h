@@ -6,7 +6,6 @@
 
 #include <string>
 
-#include "support/bus.h"
 #include "support/fleet.h"
 #include "support/json.h"
 #include "support/stream.h"
@@ -55,8 +54,8 @@ struct Registration {
         return {name, TAVRIX_CHANNEL_FIRST, "[]", methods, "", ""};
     }
     /** Of one that offers these methods. */
-    static Registration of(const std::string &methods) {
-        return {"played", TAVRIX_CHANNEL_FIRST, "[]", methods, "true", ""};
+    static Registration of(const std::string &methods, const std::string &name = "played") {
+        return {name, TAVRIX_CHANNEL_FIRST, "[]", methods, "true", ""};
     }
 
     /** The request, with this id. */
@@ -75,34 +74,39 @@ class DirectService : public SessionClient {
     void reply(const std::string &request, const std::string &result) const;
 };
 
+/** What the service gets of the client's request. */
+template <class Service, class Client>
+std::string forwarded(Service &service, Client &&client, const std::string &text) {
+    client.say(text);
+    return service.next_request();
+}
+
+/** What the client hears when the service replies to its request with the result. */
+template <class Service, class Client>
+std::string answered(Service &service, Client &&client, const std::string &text, const std::string &result) {
+    service.reply(forwarded(service, client, text), result);
+    return client.hear();
+}
+
 /** Whether a call of the method, over the client's connection, comes back with what the service replies. */
 template <class Service, class Client>
 testing::AssertionResult serves(Service &service, Client &&client, const std::string &method = "ports.Get") {
     static int calls = 0;
     const std::string result = "\"reply " + std::to_string(++calls) + "\"";
-    client.say(request(method, "1"));
-    service.reply(service.next_request(), result);
-    const std::string answer = client.hear();
+    const std::string answer = answered(service, client, request(method, "1"), result);
     return testing::AssertionResult(result_of(answer) == result) << answer;
 }
 
 /** A registered service with a publisher on the bus. */
-class BusService {
+class BusService : public PlayedService {
   public:
     /** Binds its publisher on the registration's address, a free one for "[]", and registers. */
     explicit BusService(const Fleet &fleet, Registration registration = Registration::on_bus());
 
     /** The next request, past probes; "(nothing)" when none comes. */
-    std::string next_request(int timeout_ms = 20000);
-    void reply(const std::string &request, const std::string &result) { publish_reply(service_reply(request, result)); }
-    /** Publishes on the router's reply channel. */
-    void publish_reply(const std::string &text) const;
-    /** Publishes a frame of any channel. */
-    void publish(const std::string &channel, const std::string &text) const;
+    std::string next_request(int timeout_ms = 20000) const;
 
     SessionClient session;
-    BusSocket pub;
-    BusSocket sub;
     std::string registered; ///< what the router answered
 };
 

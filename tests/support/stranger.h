@@ -9,6 +9,7 @@
 #include <vector>
 
 #include <grp.h>
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 namespace support {
@@ -20,20 +21,13 @@ inline bool can_be_a_stranger() { return geteuid() == 0; }
 
 class Stranger {
   public:
-    explicit Stranger(const std::vector<gid_t> &more_groups = {}) : worked_(become(more_groups)) {}
+    explicit Stranger(const std::vector<gid_t> &more_groups = {}) {
+        EXPECT_TRUE(setgroups(more_groups.size(), more_groups.data()) == 0 && setegid(stranger_user) == 0 &&
+                    seteuid(stranger_user) == 0);
+    }
     Stranger(const Stranger &) = delete;
     Stranger &operator=(const Stranger &) = delete;
-    ~Stranger() { worked_ = seteuid(0) == 0 && setegid(0) == 0 && setgroups(0, nullptr) == 0; }
-
-    bool worked() const { return worked_; }
-
-  private:
-    static bool become(const std::vector<gid_t> &more_groups) {
-        return setgroups(more_groups.size(), more_groups.data()) == 0 && setegid(stranger_user) == 0 &&
-               seteuid(stranger_user) == 0;
-    }
-
-    bool worked_;
+    ~Stranger() { EXPECT_TRUE(seteuid(0) == 0 && setegid(0) == 0 && setgroups(0, nullptr) == 0); }
 };
 
 } // namespace support

@@ -3,16 +3,12 @@
  * of the machine stay as they are.
  */
 #include <cstdlib>
-#include <string>
 
-#include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 
-#include "support/fleet.h"
-#include "support/json.h"
-#include "support/tavrixctl.h"
+#include "support/system_test.h"
 
 using namespace support;
 
@@ -55,13 +51,11 @@ class DefaultPaths : public testing::Test {
 } // namespace
 
 TEST_F(DefaultPaths, AreWhereRouterServiceAndClientsMeetUntold) {
-    const Process router("routerd", {TAVRIX_ROUTERD});
-    ASSERT_TRUE(router.says("routerd ready")) << router.log();
+    const auto router = started("routerd", {TAVRIX_ROUTERD});
     for (const char *path : {"/run/tavrix/router.sock", default_session, "/run/tavrix/bus/router"}) {
         EXPECT_TRUE(is_socket(path)) << path;
     }
-    const Process ports("portsd", {TAVRIX_PORTSD});
-    ASSERT_TRUE(ports.says("portsd ready")) << ports.log();
+    const auto ports = started("portsd", {TAVRIX_PORTSD});
     EXPECT_TRUE(has_ports(default_session));
     EXPECT_TRUE(is_socket("/run/tavrix/bus/portsd"));
     EXPECT_EQ(ctl({"call", "ports.Get", "port_id=c1-1"}).status, 0);
@@ -73,9 +67,10 @@ TEST_F(DefaultPaths, AreWhereRouterServiceAndClientsMeetUntold) {
 
 TEST_F(DefaultPaths, GiveWayToTheEnvironmentsAndThatToTheOptions) {
     fleet.start_lone_router();
-    const Process other("other", {TAVRIX_ROUTERD, "--socket", "other.sock", "--session", "other-session.sock",
-                                  "--publish", free_bus_address()});
-    ASSERT_TRUE(other.says("routerd ready")) << other.log();
+    const auto other =
+        begun("other", {TAVRIX_ROUTERD},
+              {"--socket", "other.sock", "--session", "other-session.sock", "--publish", free_bus_address()},
+              "routerd ready");
     setenv("TAVRIX_SESSION", "session.sock", 1);
     {
         const Process ports("portsd", {TAVRIX_PORTSD});
@@ -90,8 +85,7 @@ TEST_F(DefaultPaths, GiveWayToTheEnvironmentsAndThatToTheOptions) {
 
 TEST_F(DefaultPaths, AreMeantByAnEmptyVariableToo) {
     setenv("TAVRIX_SESSION", "", 1);
-    const Process router("routerd", {TAVRIX_ROUTERD});
-    ASSERT_TRUE(router.says("routerd ready")) << router.log();
+    const auto router = started("routerd", {TAVRIX_ROUTERD});
     const Process ports("portsd", {TAVRIX_PORTSD});
     EXPECT_TRUE(has_ports(default_session)) << ports.log();
     EXPECT_EQ(ctl({"call", "ports.Get", "port_id=c1-1"}).status, 0);

@@ -7,19 +7,12 @@
 #include <cstring>
 #include <memory>
 #include <optional>
-#include <string>
-#include <vector>
 
-#include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "support/fleet.h"
-#include "support/json.h"
-#include "support/matchers.h"
-#include "support/session.h"
-#include "support/tavrixctl.h"
+#include "support/system_test.h"
 #include "tavrix_jrpc.h"
 #include "tavrix_shm.h"
 
@@ -41,7 +34,6 @@ class PlayedEvents : public DirectService {
     }
 };
 
-/** The ports service played by the test. */
 class PlayedPorts : public DirectService {
   public:
     void reply_with_ports(const std::string &to, const std::string &text) const {
@@ -64,7 +56,6 @@ class Events : public testing::Test {
     std::string call(const std::string &method, const std::string &params = "{}") {
         return fleet.ask(request(method, "\"a\"", ",\"params\":" + params));
     }
-    /** Asks the service itself. */
     static std::string direct(const std::string &text) { return StreamClient::unix_path("events.sock").ask(text); }
     static std::string last_directly() { return direct(request("events.Last", "1")); }
     StreamClient begin_call(const std::string &method, const std::string &params = "{}") {
@@ -131,15 +122,12 @@ class EventsWithPlayedPorts : public Events {
 
 } // namespace
 
-// --- What the service does -----------------------------------------------------------------------------------------
-
 TEST_F(Events, PlayTheirScriptInTurnAndShareTheLastNumber) {
     start();
     ASSERT_TRUE(wait_until([&] { return shared_number() >= 3; }));
     EXPECT_EQ(result_of(call("events.Get", R"({"number":2})")),
               R"({"number":2,"kind":"link","entity":"d2","text":"down"})");
     EXPECT_EQ(result_of(call("events.Get", R"({"number":3})"), "entity"), "\"c1-1\"") << "again from its start";
-    EXPECT_EQ(code_of(call("events.Get", R"({"number":100000})")), "-32013");
 }
 
 TEST_F(Events, RereadTheLoggersConfigurationOverTheRouter) {
@@ -150,8 +138,6 @@ TEST_F(Events, RereadTheLoggersConfigurationOverTheRouter) {
         EXPECT_TRUE(daemon->says("Logging level set to verbose."));
     }
 }
-
-// --- Sockets of its own --------------------------------------------------------------------------------------------
 
 TEST_F(Events, AnswerDirectlyOnTheirOwnSocket) {
     start(never_ms);
@@ -204,8 +190,6 @@ TEST_F(Events, TakeOneWayReports) {
     EXPECT_EQ(ctl({"shm", "get", fleet.slot, "--int"}).output, std::to_string(shared_number()) + "\n");
 }
 
-// --- A service that asks another -----------------------------------------------------------------------------------
-
 TEST_F(Events, DescribeAPortByAskingThePortsService) {
     start();
     ASSERT_TRUE(wait_until([&] { return shared_number() >= 1; }));
@@ -213,7 +197,6 @@ TEST_F(Events, DescribeAPortByAskingThePortsService) {
     EXPECT_THAT(result_of(answer), HasSubstr(R"("ports":[{"port_id":"c1-1","status":"enable")"));
     EXPECT_EQ(member(result_of(answer, "last_event"), "entity"), "\"c1-1\"");
     EXPECT_EQ(code_of(call("events.Describe", R"({"port_id":"c1-99"})")), "-32034") << "the other service's error";
-    EXPECT_EQ(code_of(call("events.Describe", R"({"port_id":"x"})")), "-32602");
     EXPECT_THAT(result_of(begin_describe_directly().hear()), HasSubstr(shows_d1));
 }
 
@@ -262,8 +245,6 @@ TEST_F(Events, AnswerAtOnceWhenThePortsServiceIsKilledInMidRequest) {
     start_ports();
     EXPECT_EQ(code_of(call("events.Describe", d1)), "(none)");
 }
-
-// --- A service that waits for another ------------------------------------------------------------------------------
 
 TEST_F(Events, AreAwaitedBySeveralAtOnceWhileThePortsServiceServesOthers) {
     start_router();
@@ -346,22 +327,6 @@ TEST_F(Events, AreServedUnharmedInAStormOfReloads) {
     EXPECT_EQ(result_of(call("ports.WaitLinkChanged"), "kind"), "\"link\"");
 }
 
-// --- The end of a service, and of the router -----------------------------------------------------------------------
-
-TEST_F(Events, AreKilledWithACallInFlightAndServeAgainAfterwards) {
-    start(never_ms);
-    fleet.events->signal(SIGSTOP);
-    const StreamClient client = begin_call("events.Last");
-    EXPECT_TRUE(wait_until([&] { return fleet.status("in_flight") == "1"; }));
-    kill(fleet.events);
-    EXPECT_EQ(error_of(client.hear()), "-32601 eventsd, which serves events.Last, is not there");
-    EXPECT_EQ(code_of(call("events.Last")), "-32601") << "who comes later is told as well";
-    ASSERT_EQ(access("events.sock", F_OK), 0) << "left behind";
-    fleet.start_events(never_ms);
-    EXPECT_EQ(code_of(call("events.Last")), "-32013") << "it is there, and nothing has happened yet";
-    EXPECT_EQ(code_of(last_directly()), "-32013");
-}
-
 TEST_F(Events, AreAwaitedOnWhenTheirServiceWasKilledAndCameBack) {
     start(never_ms, "50000");
     const std::vector<StreamClient> clients = begin_waits(3);
@@ -405,8 +370,6 @@ TEST_F(EventsWithPlayedPorts, StopCleanlyAlsoWhileTheyWaitForAReply) {
     EXPECT_EQ(access("events.sock", F_OK), -1);
 }
 
-// --- Starting ------------------------------------------------------------------------------------------------------
-
 TEST_F(Events, AreLeftAloneByASecondServiceThatCannotStart) {
     start(never_ms);
     ASSERT_EQ(result_of(call("events.Report", R"({"text":"one"})"), "number"), "1");
@@ -419,10 +382,12 @@ TEST_F(Events, AreLeftAloneByASecondServiceThatCannotStart) {
         {"--socket", "events.sock"},
     };
     for (const auto &row : rows) {
-        std::vector<std::string> arguments = {TAVRIX_EVENTSD, "--publish", free_bus_address(), "--session",
-                                              "missing.sock", "--slot",    fleet.slot};
-        arguments.insert(arguments.end(), row.begin(), row.end());
-        EXPECT_EQ(run(arguments).status, 1) << row.back();
+        EXPECT_EQ(
+            run({TAVRIX_EVENTSD, "--publish", free_bus_address(), "--session", "missing.sock", "--slot", fleet.slot},
+                row)
+                .status,
+            1)
+            << row.back();
         EXPECT_EQ(shared_number(), 1) << row.back();
         EXPECT_EQ(result_of(last_directly(), "text"), "\"one\"") << row.back();
         EXPECT_EQ(access("second.sock", F_OK), -1) << row.back();
@@ -478,11 +443,4 @@ TEST(EventsDaemon, SaysWhyItCannotReadItsScript) {
             run({TAVRIX_EVENTSD, "--publish", fleet.events_address, "--script", path, "--slot", fleet.slot}),
             fails(1, HasSubstr("Cannot read the script " + std::string(path) + ": " + std::strerror(reason) + "\n")));
     }
-}
-
-TEST(EventsDaemon, TellsOfItsDefaultsAndLimitsInItsHelp) {
-    EXPECT_THAT(run({TAVRIX_EVENTSD, "--help"}),
-                prints(AllOf(HasSubstr("(default /run/tavrix/session.sock)"), HasSubstr("(default 5000)"),
-                             HasSubstr("(default: one in the router's bus folder)"), HasSubstr("CAP_DAC_OVERRIDE"),
-                             HasSubstr("less than the router's --reply-timeout"))));
 }

@@ -3,18 +3,13 @@
  */
 #include <array>
 #include <csignal>
-#include <string>
-#include <vector>
 
-#include <gtest/gtest.h>
 #include <unistd.h>
 
-#include "support/fleet.h"
 #include "support/fleet_database.h"
-#include "support/json.h"
-#include "support/matchers.h"
 #include "support/mutation.h"
 #include "support/repeating.h"
+#include "support/system_test.h"
 #include "tavrix_jrpc.h"
 #include "tavrix_mq.h"
 
@@ -151,20 +146,6 @@ TEST_F(Road, EndsAndSaysWhyItCannotStart) {
                     fails(1, HasSubstr(row.reason)))
             << row.option;
     }
-}
-
-TEST(PortsDaemon, ShowsInItsHelpWhatItDoesUnasked) {
-    EXPECT_THAT(run({TAVRIX_PORTSD, "--help"}),
-                prints(AllOf(HasSubstr("(default /run/tavrix/session.sock)"), HasSubstr("(default zqn_h7.db)"),
-                             HasSubstr("(default: one in the router's bus folder)"), HasSubstr("(default 5000)"),
-                             HasSubstr("Keep --wait-timeout below the router's --reply-timeout"))));
-}
-
-TEST(PortsDaemon, StopsWhileNoRouterIsThere) {
-    Fleet fleet;
-    Process lonely("lonely", {TAVRIX_PORTSD, "--session", "missing.sock"});
-    ASSERT_TRUE(lonely.says("Waiting for the router at missing.sock: No such file or directory; is it running?"));
-    EXPECT_EQ(lonely.end_by(SIGINT), 0);
 }
 
 TEST(PortsDaemon, ObeysSignalsInAFloodOfMessages) {

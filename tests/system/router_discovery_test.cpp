@@ -2,14 +2,8 @@
  * Discovery over the router: one OpenRPC document of what can be called now.
  */
 #include <set>
-#include <string>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include "support/fleet.h"
-#include "support/json.h"
-#include "support/session.h"
+#include "support/system_test.h"
 #include "tavrix_jrpc.h"
 
 using namespace support;
@@ -104,6 +98,7 @@ TEST_F(RouterDiscovery, ForgetsAServiceThatHasGone) {
     EXPECT_EQ(code_of(fleet.ask(request("ports.Discover", "1"))), "-32601");
     const DirectService again;
     EXPECT_EQ(names().count("ports.Get"), 0U) << "it has described nothing yet";
+    EXPECT_EQ(error_of(fleet.ask(request("ports.Discover", "1"))), "-32601 no service offers ports.Discover");
 }
 
 TEST_F(RouterDiscovery, TakesADocumentOf262144BytesAndNoMore) {
@@ -153,12 +148,6 @@ TEST_F(RouterDiscovery, PassesAServicesOwnDiscoveryOn) {
     fleet.start_ports();
     EXPECT_EQ(member(result_of(fleet.ask(request("ports.Discover", "1")), "info"), "title"), "\"portsd\"");
     EXPECT_EQ(code_of(fleet.ask(request("mzu.Discover", "1"))), "-32601") << "its first method begins with ports";
-}
-
-TEST_F(RouterDiscovery, IsAskedOfNoServiceThatHasDescribedNothing) {
-    const DirectService service;
-    EXPECT_EQ(names().count("ports.Get"), 0U);
-    EXPECT_EQ(error_of(fleet.ask(request("ports.Discover", "1"))), "-32601 no service offers ports.Discover");
 }
 
 TEST_F(RouterDiscovery, AnswersOnSessionsAndWhileTheSystemIsLocked) {

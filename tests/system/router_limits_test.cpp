@@ -6,24 +6,17 @@
 #include <optional>
 #include <regex>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "support/fleet.h"
-#include "support/json.h"
 #include "support/mutation.h"
 #include "support/repeating.h"
-#include "support/session.h"
 #include "support/stranger.h"
-#include "support/tavrixctl.h"
+#include "support/system_test.h"
 
 using namespace support;
 using namespace testing;
@@ -53,7 +46,6 @@ std::string without_newlines(std::string text) {
     return text;
 }
 
-/** So many lines of this text. */
 std::string lines_of(const std::string &line, size_t count) { return repeated(line + "\n", count * (line.size() + 1)); }
 
 class RouterLimits : public testing::Test {
@@ -68,13 +60,27 @@ class RouterLimits : public testing::Test {
     bool still_serves() {
         SessionClient client;
         const std::string number = std::to_string(++calls);
-        client.say(request("ports.Get", "\"good\"", ",\"params\":{\"n\":" + number + "}"));
-        std::string asked = direct->next_request();
+        std::string asked =
+            forwarded(*direct, client, request("ports.Get", "\"good\"", ",\"params\":{\"n\":" + number + "}"));
         while (asked.find("\"params\":{\"n\":" + number + "}") == std::string::npos && asked[0] == '{') {
             asked = direct->next_request(); // some of the malformed ones were good enough
         }
         direct->reply(asked, number);
         return result_of(client.hear()) == number;
+    }
+
+    /** So many sessions of this user, which the router has begun to serve. */
+    static std::vector<SessionClient> served_sessions(size_t count) {
+        std::vector<SessionClient> sessions(count);
+        for (SessionClient &session : sessions) {
+            EXPECT_EQ(id_of(session.ask(request("router.Status", "1"))), "1");
+        }
+        return sessions;
+    }
+    static void expect_answers(SessionClient &client, int count) {
+        for (int i = 0; i < count; ++i) {
+            EXPECT_EQ(id_of(client.hear()), "1") << i;
+        }
     }
 
     /** Each by a client of its own; they keep the router at work for a while. */
@@ -118,14 +124,11 @@ class RouterFairness : public RouterLimits {
     }
     static std::vector<SessionClient> strange_sessions(size_t count) {
         const Stranger stranger;
-        EXPECT_TRUE(stranger.worked());
         return std::vector<SessionClient>(count);
     }
 };
 
 } // namespace
-
-// --- Clients -------------------------------------------------------------------------------------------------------
 
 TEST_F(RouterLimits, TurnsAwayWhoIsBeyondHalfOfTheFreePlaces) {
     start({"--max-clients", "8", "--client-timeout", "86400000"});
@@ -160,10 +163,7 @@ TEST_F(RouterFairness, LeavesRoomForAnotherUser) {
     start({"--max-clients", "8", "--client-timeout", "86400000"});
     std::vector<SessionClient> flood = strange_sessions(20);
     EXPECT_EQ(code_of(flood.back().hear()), "-32014");
-    std::vector<SessionClient> two(2);
-    for (SessionClient &session : two) {
-        EXPECT_EQ(id_of(session.ask(request("router.Status", "1"))), "1");
-    }
+    const std::vector<SessionClient> two = served_sessions(2);
     EXPECT_EQ(code_of(fleet.ask(request("router.Status", "3"))), "-32014") << "half of four are two";
 }
 
@@ -250,12 +250,9 @@ TEST_F(RouterLimits, TakesTheTimeThatAOneShotClientWaitsForItsTurnAsItsOwn) {
 
 TEST_F(RouterLimits, AnswersABatchThatTakesSeveralTurnsAndWhatComesBehindIt) {
     start();
-    std::string batch = "[";
-    for (int i = 0; i < 256; ++i) {
-        batch += (i > 0 ? "," : "") + request("rpc.discover", std::to_string(i));
-    }
+    const std::string batch = array_of(256, [](size_t i) { return request("rpc.discover", std::to_string(i)); });
     SessionClient client;
-    client.say_bytes(batch + "]\n" + request("router.Status", "\"behind\"") + "\n");
+    client.say_bytes(batch + "\n" + request("router.Status", "\"behind\"") + "\n");
     client.end_sending();
     EXPECT_THAT(client.hear(), AllOf(StartsWith(R"([{"jsonrpc":"2.0","id":0)"),
                                      HasSubstr(R"({"jsonrpc":"2.0","id":255,"result":{"openrpc":)")));
@@ -269,10 +266,7 @@ TEST_F(RouterLimits, AnswersABatchThatTakesSeveralTurnsAndWhatComesBehindIt) {
  */
 TEST_F(RouterLimits, ForgetsAServiceThatGoesWhileItWaitsForItsTurn) {
     start();
-    std::vector<SessionClient> same_user(5);
-    for (SessionClient &session : same_user) {
-        EXPECT_EQ(id_of(session.ask(request("router.Status", "1"))), "1");
-    }
+    std::vector<SessionClient> same_user = served_sessions(5);
     DirectService service;
     fleet.router->signal(SIGSTOP);
     for (SessionClient &session : same_user) {
@@ -301,9 +295,7 @@ TEST_F(RouterFairness, BoundsWhatTheSessionsOfOneUserLeaveUnread) {
     EXPECT_TRUE(fleet.router->says("A session does not read its answers"));
     EXPECT_EQ(id_of(strange_sessions(1).front().ask(request("router.Status", "1"))), "1") << "the same user, who reads";
     large.say_bytes(lines_of(question, 4));
-    for (int i = 0; i < 4; ++i) {
-        EXPECT_EQ(id_of(large.hear()), "1") << "another user";
-    }
+    expect_answers(large, 4); // another user
 }
 
 TEST_F(RouterFairness, BoundsWhatTheOneShotClientsOfOneUserLeaveUnread) {
@@ -314,17 +306,13 @@ TEST_F(RouterFairness, BoundsWhatTheOneShotClientsOfOneUserLeaveUnread) {
     for (int i = 0; i < 10; ++i) {
         {
             const Stranger stranger;
-            ASSERT_TRUE(stranger.worked());
             deaf.push_back(fleet.connect());
         }
-        deaf.back().say(request("ports.Get", "1"));
-        direct->reply(direct->next_request(), large);
+        direct->reply(forwarded(*direct, deaf.back(), request("ports.Get", "1")), large);
     }
     EXPECT_TRUE(fleet.router->says("There is no room for a client's answer: its user leaves too much unread"));
     const StreamClient other = fleet.connect();
-    other.say(request("ports.Get", "1"));
-    direct->reply(direct->next_request(), large);
-    EXPECT_EQ(result_of(other.hear()), large) << "another user";
+    EXPECT_EQ(result_of(answered(*direct, other, request("ports.Get", "1"), large)), large) << "another user";
     EXPECT_EQ(result_of(deaf.front().hear()), large) << "there was room for this one";
 }
 
@@ -340,9 +328,7 @@ TEST_F(RouterLimits, CountsNothingAsUnreadThatWentWithItsSession) {
     }
     SessionClient innocent;
     innocent.say_bytes(lines_of(request("rpc.discover", "1"), 20));
-    for (int i = 0; i < 20; ++i) {
-        EXPECT_EQ(id_of(innocent.hear()), "1");
-    }
+    expect_answers(innocent, 20);
 }
 
 TEST_F(RouterLimits, RestsWhileASessionThatHasEndedDoesNotRead) {
@@ -356,9 +342,7 @@ TEST_F(RouterLimits, RestsWhileASessionThatHasEndedDoesNotRead) {
         poll(nullptr, 0, 300);
         return processor_ticks() - before <= 3;
     })) << "it never rests";
-    for (int i = 0; i < 400; ++i) {
-        EXPECT_EQ(id_of(deaf.hear()), "1");
-    }
+    expect_answers(deaf, 400);
     EXPECT_TRUE(deaf.gets_closed());
 }
 
@@ -387,8 +371,6 @@ TEST_F(RouterLimits, RereadsLogLevelsOnlySoOftenForOneUser) {
     EXPECT_EQ(result_of(connect(true).ask(reload)), "0") << "another user";
     EXPECT_TRUE(wait_until([&] { return result_of(client.ask(reload)) == "0"; }));
 }
-
-// --- Requests in flight --------------------------------------------------------------------------------------------
 
 TEST_F(RouterLimits, BoundsTheRequestsInFlightOfEachService) {
     start_with_service({"--max-in-flight", "8"});
@@ -425,14 +407,12 @@ TEST_F(RouterLimits, KeepsThePlaceOfACallUntilItsServiceIsThroughWithIt) {
     EXPECT_EQ(fleet.status("in_flight"), "0") << "nobody waits";
     direct->reply(left[2], "\"late\"");
     direct->ask(request("router.Status", "1")); // by then the reply has been taken
-    client.say(request("ports.Get", "\"its place\""));
-    const std::string asked_later = direct->next_request();
+    const std::string asked_later = forwarded(*direct, client, request("ports.Get", "\"its place\""));
     EXPECT_EQ(code_of(client.ask(request("ports.Get", "\"beyond\""))), "-32014");
     direct->reply(asked_later, "1");
     EXPECT_EQ(id_of(client.hear()), "\"its place\"");
     for (int i = 0; i < 4; ++i) { // it has read what came before the one that it has answered
-        client.say(request("ports.Get", std::to_string(i)));
-        direct->next_request();
+        forwarded(*direct, client, request("ports.Get", std::to_string(i)));
     }
     EXPECT_EQ(code_of(client.ask(request("ports.Get", "\"beyond\""))), "-32014");
 }
@@ -457,8 +437,6 @@ TEST_F(RouterLimits, BoundsReloadsInFlightToo) {
     EXPECT_EQ(id_of(busy), "4");
     EXPECT_EQ(fleet.status("in_flight"), "4");
 }
-
-// --- Descriptors ---------------------------------------------------------------------------------------------------
 
 TEST_F(RouterLimits, ServesThoseItHasWhenDescriptorsRunOut) {
     start_with_service({"--client-timeout", "86400000"});
@@ -498,8 +476,6 @@ TEST_F(RouterLimits, DoNotStandStillWithTheReaderOfTheLog) {
     close(unread);
     EXPECT_EQ(member(reply, "locked"), "false");
 }
-
-// --- Malformed input -----------------------------------------------------------------------------------------------
 
 TEST_F(RouterLimits, BearsMalformedRequestsOfOneShotClients) {
     // Those that were good enough keep their places at the service, which answers none of them.
@@ -570,13 +546,12 @@ TEST_F(RouterLimits, BearsMalformedMessagesOnTheBus) {
     Mutator mutator(seed);
     const std::string hello = R"({"jsonrpc":"2.0","method":"router.Hello","params":{"name":"n","channel":"c"}})";
     for (int i = 0; i < inputs; ++i) {
-        service.publish_reply(malformed(mutator));
-        service.publish_reply(mutator.near(hello, "{}[]\",:\\0x\x80"));
+        service.reply(malformed(mutator));
+        service.reply(mutator.near(hello, "{}[]\",:\\0x\x80"));
         service.publish(malformed(mutator), malformed(mutator));
     }
     SessionClient client;
-    client.say(request("mzu.List", "1"));
-    std::string asked = service.next_request();
+    std::string asked = forwarded(service, client, request("mzu.List", "1"));
     while (member(asked, "method") != "\"mzu.List\"" && asked[0] == '{') {
         asked = service.next_request(); // welcomes to some of the hellos
     }
@@ -602,14 +577,11 @@ TEST_F(RouterLimits, BearsStrangeConnectionsToItsBusAddress) {
     EXPECT_TRUE(still_serves());
 }
 
-// --- Floods --------------------------------------------------------------------------------------------------------
-
 TEST_F(RouterLimits, KnowsOnlySoManyOfThoseThatSayHello) {
     start();
     BusService service(fleet);
     for (int i = 0; i < 1000; ++i) {
-        service.publish_reply(
-            notification("router.Hello", R"({"name":"h)" + std::to_string(i) + R"(","channel":"c"})"));
+        service.reply(notification("router.Hello", R"({"name":"h)" + std::to_string(i) + R"(","channel":"c"})"));
     }
     EXPECT_TRUE(fleet.router->says("Passed over the hello of h64 on channel c"));
     EXPECT_TRUE(wait_until([&] { return fleet.status("services").find("\"h63\"") != std::string::npos; }));
@@ -621,7 +593,7 @@ TEST_F(RouterLimits, ServesBesideAFloodOfReplies) {
     start_with_service();
     BusService service(fleet, Registration::on_bus("bus", R"(["mzu.List"])"));
     const Repeating flooding(
-        [&] { service.publish_reply(R"({"jsonrpc":"2.0","id":"ports.Get","result":0,"transaction_id":1})"); });
+        [&] { service.reply(R"({"jsonrpc":"2.0","id":"ports.Get","result":0,"transaction_id":1})"); });
     for (int i = 0; i < 20; ++i) {
         EXPECT_TRUE(still_serves()) << i;
     }
@@ -653,8 +625,6 @@ TEST_F(RouterLimits, ServesBesideClientsThatNeverReadAndSlowWriters) {
     EXPECT_EQ(fleet.router->times_said("said nothing in time"), 0);
 }
 
-// --- Its log -------------------------------------------------------------------------------------------------------
-
 TEST_F(RouterLimits, WritesNoLineOfForeignWords) {
     start({"--reply-timeout", "100"});
     const std::string forged = R"(x\n[2000-01-01 00:00:00.000] [ERROR] forged\\\r\u001b[2J\u0085\u2028\u009b)";
@@ -680,12 +650,12 @@ TEST_F(RouterLimits, WritesNoLineOfForeignWords) {
     service.say(notification(forged));
     service.say(R"({"jsonrpc":"2.0","id":")" + forged + R"(","result":1})");
     service.say("x\n[forged");
-    on_bus.publish_reply(R"({"jsonrpc":"2.0","id":")" + forged + R"(","result":1})");
-    on_bus.publish_reply(notification(forged));
-    on_bus.publish_reply(notification("router.Hello", R"({"name":")" + forged + R"(","channel":")" + forged + "\"}"));
-    on_bus.publish_reply(notification("router.Hello", "{\"" + forged + "\":1}"));
+    on_bus.reply(R"({"jsonrpc":"2.0","id":")" + forged + R"(","result":1})");
+    on_bus.reply(notification(forged));
+    on_bus.reply(notification("router.Hello", R"({"name":")" + forged + R"(","channel":")" + forged + "\"}"));
+    on_bus.reply(notification("router.Hello", "{\"" + forged + "\":1}"));
     on_bus.publish("x\n[forged", "y\n[forged");
-    on_bus.publish_reply(R"({"jsonrpc":"2.0","id":"the.Last","result":1})");
+    on_bus.reply(R"({"jsonrpc":"2.0","id":"the.Last","result":1})");
     for (const std::string &line :
          {"Refused the notification " + logged + " of a client", "Refused " + logged, "Refused router." + logged,
           "Discarded a left-over reply of " + logged, "Passed over the hello of " + logged + " on channel " + logged,

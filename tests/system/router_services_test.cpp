@@ -2,19 +2,10 @@
  * Services that register with the router: what it says to each registration, and what becomes of their calls.
  */
 #include <filesystem>
-#include <iterator>
-#include <string>
-#include <vector>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include "support/fleet.h"
-#include "support/json.h"
 #include "support/mutation.h"
-#include "support/session.h"
+#include "support/system_test.h"
 #include "tavrix_jrpc.h"
-#include "tavrix_mq.h"
 
 using namespace support;
 using namespace testing;
@@ -38,8 +29,6 @@ class RouterServiceAndClient : public RouterServices {
 
 } // namespace
 
-// --- Registration --------------------------------------------------------------------------------------------------
-
 TEST_F(RouterServices, RegisterToTheByte) {
     SessionClient service;
     EXPECT_EQ(service.ask(R"({"jsonrpc":"2.0","method":"router.Register","id":1,"params":{"name":"portsd",)"
@@ -59,40 +48,30 @@ TEST_F(RouterServices, RegisterToTheByte) {
 }
 
 TEST_F(RouterServices, ShowInTheMetricsWhateverTheirMethodsAreCalled) {
-    std::string method = "p";
-    for (int i = 0; i < 98; ++i) {
-        method += R"(\")";
-    }
-    method += "z\xc3\xa9"; // a character of two bytes where a cut would go through it
+    // With a character of two bytes where a cut would go through it.
+    const std::string method = "p" + repeated(R"(\")", 2 * 98) + "z\xc3\xa9";
     DirectService service(Registration::of("[\"" + method + "\"]"));
-    client.say(request(method, "1"));
-    service.reply(service.next_request(), "0");
-    EXPECT_EQ(result_of(client.hear()), "0");
+    EXPECT_EQ(result_of(answered(service, client, request(method, "1"), "0")), "0");
     EXPECT_THAT(fleet.ask(request("router.Metrics", "2")), HasSubstr("tavrix_router_calls_total{method="));
 }
 
 TEST_F(RouterServices, SettleBothDirectionsOfTheBusBeforeTheyAreThere) {
-    BusSocket pub(TAVRIX_SP_PUB);
-    BusSocket sub(TAVRIX_SP_SUB);
+    const std::string address = free_bus_address();
+    const PlayedService bus(fleet, TAVRIX_CHANNEL_FIRST, address);
     Registration registration = Registration::on_bus();
-    registration.publish = free_bus_address();
-    pub.bind(registration.publish);
-    registration.publish = "[\"" + registration.publish + "\"]";
-    sub.connect(fleet.router_address);
-    tavrix_mq_socket_subscribe(sub.number, TAVRIX_CHANNEL_FIRST);
+    registration.publish = "[\"" + address + "\"]";
     SessionClient service;
     service.say(registration.line("7"));
     for (int i = 0; i < 3; ++i) { // again and again, until there is a hello
-        EXPECT_EQ(sub.next_text(20000), notification("service.Probe", R"({"name":"played"})"));
+        EXPECT_EQ(bus.next_request(), notification("service.Probe", R"({"name":"played"})"));
     }
     EXPECT_EQ(code_of(fleet.ask(request("ports.Get", "1"))), "-32601") << "it is not there yet";
     EXPECT_EQ(member(fleet.status("services").substr(1), "state"), "\"settling\"");
     EXPECT_EQ(service.hear(0), "(time-out)");
-    const std::string hello = std::string("2524546b-ca99-4868-a062-359cefacff7c") +
-                              R"(|{"jsonrpc":"2.0","method":"router.Hello","params":{"name":"played","channel":")";
-    tavrix_mq_socket_send(pub.number, (hello + TAVRIX_CHANNEL_EVENTS + "\"}}").c_str()); // of another channel
+    const std::string hello = R"({"jsonrpc":"2.0","method":"router.Hello","params":{"name":"played","channel":")";
+    bus.reply(hello + TAVRIX_CHANNEL_EVENTS + "\"}}"); // of another channel
     EXPECT_TRUE(wait_until([&] {
-        tavrix_mq_socket_send(pub.number, (hello + TAVRIX_CHANNEL_FIRST + "\"}}").c_str());
+        bus.reply(hello + TAVRIX_CHANNEL_FIRST + "\"}}");
         return service.hear(5) == R"({"jsonrpc":"2.0","id":7,"result":0})";
     }));
     EXPECT_EQ(member(fleet.status("services").substr(1), "state"), "\"up\"");
@@ -102,16 +81,15 @@ TEST_F(RouterServices, AreWelcomedUnderTheNumberOfTheirHello) {
     BusService service(fleet);
     const std::string hello = R"({"jsonrpc":"2.0","method":"router.Hello","params":{"name":"played","channel":")" +
                               std::string(TAVRIX_CHANNEL_FIRST) + "\"";
-    service.publish_reply(hello + "}}");
-    service.publish_reply(hello + R"(,"number":"8"}})");
-    service.publish_reply(hello + R"(,"number":9007199254740993}})");
+    service.reply(hello + "}}");
+    service.reply(hello + R"(,"number":"8"}})");
+    service.reply(hello + R"(,"number":9007199254740993}})");
     EXPECT_EQ(service.next_request(), R"({"jsonrpc":"2.0","method":"service.Welcome",)"
                                       R"("params":{"name":"played","number":9007199254740993}})")
         << "those without a number get none";
     const StreamClient one_shot = fleet.connect();
-    one_shot.say(request("ports.Get", "1"));
-    service.reply(service.next_request(), "1");
-    service.publish_reply(hello + R"(,"number":10}})");
+    service.reply(forwarded(service, one_shot, request("ports.Get", "1")), "1");
+    service.reply(hello + R"(,"number":10}})");
     EXPECT_THAT(service.next_request(), HasSubstr("\"number\":10"));
     service.session.close();
     EXPECT_EQ(result_of(one_shot.hear()), "1") << "the answer came before the welcome";
@@ -134,7 +112,7 @@ TEST_F(RouterServices, MayPublishOnTheBusAndServeDirectly) {
     EXPECT_EQ(result_of(service.registered), "0");
     client.say(request("ports.Get", "1"));
     const std::string asked = service.session.hear_of("ports.Get");
-    service.publish_reply(service_reply(asked, "\"by the wrong road\""));
+    service.reply(service_reply(asked, "\"by the wrong road\""));
     EXPECT_TRUE(fleet.router->says("Discarded a left-over reply of ports.Get"));
     service.session.say(service_reply(asked, "\"right\""));
     EXPECT_EQ(result_of(client.hear()), "\"right\"");
@@ -146,10 +124,8 @@ TEST_F(RouterServices, OnAnIpcAddressInTheBusFolder) {
     fleet.start_lone_router();
     const std::string known = result_of(fleet.ask(request("router.Bus", "1")));
     const std::string here = std::filesystem::current_path().string() + "/";
-    EXPECT_EQ(member(known, "publish"), "[\"ipc://" + here + bus + "/router\"]") << "for services from elsewhere";
-    EXPECT_EQ(member(known, "folder"), "\"" + here + bus + "\"");
-    EXPECT_EQ(member(known, "reply_timeout_ms"), "10000");
-    EXPECT_EQ(member(known, "services"), "[]");
+    EXPECT_EQ(members_of(known, {"publish", "folder", "reply_timeout_ms", "services"}), // for services from elsewhere
+              "[\"ipc://" + here + bus + "/router\"] \"" + here + bus + "\" 10000 []");
     Registration registration = Registration::on_bus();
     registration.publish = "ipc://" + bus + "/played";
     BusService service(fleet, registration);
@@ -173,13 +149,10 @@ TEST_F(RouterServices, AreRefusedWithWordsForWhatIsWrong) {
     for (const std::string &channel : {std::string(), std::string("2524546b-ca99-4868-a062-359cefacff7c"), c + "|"}) {
         expect_refused({"n", channel, "[]", "[]", "true"}, "channel: none of the service channels");
     }
-    std::string many = "\"p0\"";
-    for (int i = 1; i <= 256; ++i) {
-        many += ",\"p" + std::to_string(i) + "\"";
-    }
     for (const std::string &methods :
          {std::string("5"), std::string("[5]"), std::string(R"([""])"), std::string(R"(["p\n"])"),
-          std::string(R"(["p|"])"), "[\"p" + std::string(255, 'm') + "\"]", "[" + many + "]"}) {
+          std::string(R"(["p|"])"), "[\"p" + std::string(255, 'm') + "\"]",
+          array_of(257, [](size_t i) { return "\"p" + std::to_string(i) + "\""; })}) {
         expect_refused({"n", c, "[]", methods, "true"}, "methods: at most 256 names of at most 255 bytes");
     }
     expect_refused({"n", c, "[]", R"(["ports.Get","events.List"])", "true"},
@@ -230,11 +203,9 @@ TEST_F(RouterServices, HaveOneNameEach) {
     SessionClient second;
     EXPECT_EQ(error_of(second.ask(Registration::of(R"(["ports.Set"])").line())),
               "-32007 a service of this name is registered already");
-    Registration other{"other"};
-    other.methods = R"(["ports.Set","ports.Get"])";
-    EXPECT_EQ(error_of(second.ask(other.line())), "-32007 ports.Get is offered by played already");
-    other.methods = R"(["ports.Set"])";
-    EXPECT_EQ(result_of(second.ask(other.line())), "0");
+    EXPECT_EQ(error_of(second.ask(Registration::of(R"(["ports.Set","ports.Get"])", "other").line())),
+              "-32007 ports.Get is offered by played already");
+    EXPECT_EQ(result_of(second.ask(Registration::of(R"(["ports.Set"])", "other").line())), "0");
     EXPECT_EQ(error_of(second.ask(Registration{"third"}.line())), "-32007 this session is a service already");
 }
 
@@ -248,9 +219,7 @@ TEST_F(RouterServices, MayOfferWhatOneThatHasGoneOffered) {
 
 TEST_F(RouterServices, WithoutMethodsGetWhatNoOtherOffers) {
     DirectService named;
-    Registration any{"any"};
-    any.methods = "[]";
-    DirectService taker(any);
+    DirectService taker(Registration::of("[]", "any"));
     EXPECT_TRUE(serves(named, client));
     EXPECT_TRUE(serves(taker, client, "mzu.Whatever"));
 }
@@ -258,8 +227,8 @@ TEST_F(RouterServices, WithoutMethodsGetWhatNoOtherOffers) {
 TEST_F(RouterServices, AreBoundedInNumber) {
     std::vector<SessionClient> services(256);
     for (size_t i = 0; i < services.size(); ++i) {
-        Registration registration{"s" + std::to_string(i)};
-        registration.methods = "[\"ports.M" + std::to_string(i) + "\"]";
+        const std::string number = std::to_string(i);
+        const Registration registration = Registration::of("[\"ports.M" + number + "\"]", "s" + number);
         EXPECT_EQ(result_of(services[i].ask(registration.line())), "0");
     }
     SessionClient one_more;
@@ -269,28 +238,6 @@ TEST_F(RouterServices, AreBoundedInNumber) {
     EXPECT_EQ(result_of(one_more.ask(Registration{"more"}.line())), "0") << "one that has gone makes room";
 }
 
-TEST_F(RouterServices, MayComeAndGoTenThousandTimes) {
-    write_log_levels("routerd=off"); // two lines each
-    fleet.router->signal(SIGHUP);
-    const auto open_ones = [this] {
-        const std::filesystem::directory_iterator all("/proc/" + std::to_string(fleet.router->pid()) + "/fd");
-        return std::distance(begin(all), end(all));
-    };
-    EXPECT_EQ(id_of(client.ask(request("router.Status", "1"))), "1");
-    const auto before = open_ones();
-    for (int i = 0; i < 10000; ++i) {
-        const std::string method = "ports.M" + std::to_string(i);
-        DirectService service({"s" + std::to_string(i), TAVRIX_CHANNEL_FIRST, "[]", "[\"" + method + "\"]", "true"});
-        if (i % 100 == 0) {
-            ASSERT_TRUE(serves(service, client, method));
-        }
-    }
-    EXPECT_TRUE(wait_until([&] { return open_ones() <= before; }));
-    EXPECT_LE(json_array_size(parsed(fleet.status("services")).get()), 256U) << "those that have gone make room";
-}
-
-// --- Their life ----------------------------------------------------------------------------------------------------
-
 TEST_F(RouterServices, ThatGoHaveTheirCallersAnsweredAtOnceAndAreCalledAgain) {
     fleet.start_lone_router({"--reply-timeout", "86400000"}); // nobody waits for that
     const auto come_and_go = [this](auto begin) {
@@ -299,10 +246,8 @@ TEST_F(RouterServices, ThatGoHaveTheirCallersAnsweredAtOnceAndAreCalledAgain) {
         const StreamClient one_shot = fleet.connect();
         {
             auto service = begin();
-            caller.say(request("ports.Get", "1", ",\"transaction_id\":8"));
-            service.next_request();
-            one_shot.say(request("ports.Get", "\"text\""));
-            service.next_request();
+            forwarded(service, caller, request("ports.Get", "1", ",\"transaction_id\":8"));
+            forwarded(service, one_shot, request("ports.Get", "\"text\""));
         }
         EXPECT_EQ(caller.hear(),
                   R"({"jsonrpc":"2.0","id":1,"error":{"code":-32601,"message":"Method not found","data":)" +
@@ -360,13 +305,11 @@ TEST_F(RouterServices, HearOfEachOther) {
 /** Otherwise one that comes and goes would close all that are at work for a while. */
 TEST_F(RouterServices, AreNotClosedForAllThatPublishNowhereAndComeAndGo) {
     DirectService at_work;
-    std::string methods = "[";
-    for (int i = 0; i < 256; ++i) {
-        methods += (i > 0 ? ",\"events." : "\"events.") + std::string(110, 'x') + std::to_string(i) + "\"";
-    }
+    const std::string methods =
+        array_of(256, [](size_t i) { return "\"events." + std::string(110, 'x') + std::to_string(i) + "\""; });
     constexpr int times = 400; // some 12 MiB
     for (int i = 0; i < times; ++i) {
-        const DirectService passing({"passing", TAVRIX_CHANNEL_EVENTS, "[]", methods + "]", "true"});
+        const DirectService passing({"passing", TAVRIX_CHANNEL_EVENTS, "[]", methods, "true"});
     }
     EXPECT_TRUE(wait_until([&] {
         const std::string services = fleet.status("services");
@@ -380,20 +323,14 @@ TEST_F(RouterServices, AreShownInTheStatus) {
     { DirectService gone(Registration{"gone"}); }
     EXPECT_TRUE(fleet.router->says("Service gone has gone"));
     DirectService up(Registration::of(R"(["ports.Set"])"));
-    client.say(request("ports.Set", "1"));
-    up.next_request();
+    forwarded(up, client, request("ports.Set", "1"));
     const std::string services = fleet.status("services");
     const std::string played = services.substr(services.find(R"({"name":"played")"));
-    EXPECT_EQ(member(played, "state"), "\"up\"");
-    EXPECT_EQ(member(played, "channel"), "\"" + std::string(TAVRIX_CHANNEL_FIRST) + "\"");
-    EXPECT_EQ(member(played, "methods"), R"(["ports.Set"])");
-    EXPECT_EQ(member(played, "direct"), "true");
-    EXPECT_EQ(member(played, "in_flight"), "1");
+    EXPECT_EQ(members_of(played, {"state", "channel", "methods", "direct", "in_flight"}),
+              "\"up\" \"" TAVRIX_CHANNEL_FIRST R"(" ["ports.Set"] true 1)");
     EXPECT_GT(std::stol(member(played, "since")), 1577836800L) << "seconds since 1970";
     EXPECT_EQ(member(services.substr(services.find(R"({"name":"gone")")), "state"), "\"gone\"");
 }
-
-// --- Cancellation --------------------------------------------------------------------------------------------------
 
 TEST_F(RouterServices, AreToldWhatNobodyWaitsForAnyMore) {
     fleet.start_lone_router({"--reply-timeout", "200"});
@@ -402,13 +339,11 @@ TEST_F(RouterServices, AreToldWhatNobodyWaitsForAnyMore) {
         return notification("service.Cancel", R"({"transaction_id":)" + member(asked, "transaction_id") + "}");
     };
     StreamClient leaving = fleet.connect();
-    leaving.say(request("ports.Get", "1"));
-    const std::string abandoned = service.next_request();
+    const std::string abandoned = forwarded(service, leaving, request("ports.Get", "1"));
     leaving.close();
     EXPECT_EQ(service.hear(), cancel(abandoned));
     SessionClient caller;
-    caller.say(request("ports.Get", "1"));
-    const std::string late = service.next_request();
+    const std::string late = forwarded(service, caller, request("ports.Get", "1"));
     EXPECT_EQ(service.hear(), cancel(late));
     EXPECT_EQ(code_of(caller.hear()), "-32005");
     service.reply(late, "\"late\"");
@@ -419,13 +354,10 @@ TEST_F(RouterServices, AreToldWhatNobodyWaitsForAnyMore) {
     EXPECT_EQ(fleet.status("cancelled"), "1");
 }
 
-// --- Whose reply it is ---------------------------------------------------------------------------------------------
-
 TEST_F(RouterServiceAndClient, ReplyToTheirOwnRequestsOnly) {
     DirectService foreign({"foreign", TAVRIX_CHANNEL_EVENTS, "[]", R"(["events.List"])", "true"});
     BusService on_bus(fleet, Registration::on_bus("bus", R"(["mzu.List"])"));
-    client.say(request("ports.Get", "1"));
-    const std::string asked = service.next_request();
+    const std::string asked = forwarded(service, client, request("ports.Get", "1"));
     foreign.reply(asked, "\"foreign\"");
     on_bus.reply(asked, "\"bus\"");
     service.say(R"({"jsonrpc":"2.0","id":"ports.Set","result":1,"transaction_id":)" + member(asked, "transaction_id") +
@@ -437,18 +369,15 @@ TEST_F(RouterServiceAndClient, ReplyToTheirOwnRequestsOnly) {
     EXPECT_TRUE(wait_until([&] { return fleet.status("discarded") == "6"; })) << fleet.status("discarded");
     service.reply(asked, "\"right\"");
     EXPECT_EQ(result_of(client.hear()), "\"right\"");
-    client.say(request("mzu.List", "2"));
-    const std::string over_bus = on_bus.next_request();
+    const std::string over_bus = forwarded(on_bus, client, request("mzu.List", "2"));
     foreign.reply(over_bus, "\"foreign\"");
     on_bus.session.say(service_reply(over_bus, "\"by the wrong road\""));
     // A client that is a service would take such a reply for a request, and believe what it says of its caller.
-    on_bus.publish_reply(R"({"jsonrpc":"2.0","method":"ports.Set","params":{},"id":"mzu.List","result":1,)"
-                         R"("caller":{"pid":1,"uid":0,"gid":0},"transaction_id":)" +
-                         member(over_bus, "transaction_id") + "}");
+    on_bus.reply(R"({"jsonrpc":"2.0","method":"ports.Set","params":{},"id":"mzu.List","result":1,)"
+                 R"("caller":{"pid":1,"uid":0,"gid":0},"transaction_id":)" +
+                 member(over_bus, "transaction_id") + "}");
     EXPECT_THAT(client.hear(), AllOf(HasSubstr("\"result\":1"), Not(HasSubstr("\"method\""))));
 }
-
-// --- Who calls -------------------------------------------------------------------------------------------------------
 
 namespace {
 
@@ -471,8 +400,7 @@ Registration told_who_calls() {
 TEST_F(RouterServices, AreToldWhoCallsThroughBothUnixSockets) {
     DirectService service(told_who_calls());
     const StreamClient once = fleet.connect();
-    once.say(request("ports.Get", "1"));
-    const std::string asked = service.next_request();
+    const std::string asked = forwarded(service, once, request("ports.Get", "1"));
     EXPECT_THAT(asked, EndsWith(this_process()));
     service.reply(asked, "0");
     EXPECT_EQ(member(once.hear(), "caller"), "(none)") << "answers have no such member";
@@ -494,9 +422,7 @@ TEST_F(RouterServices, AreToldTheProcessThatCalls) {
 
 TEST_F(RouterServices, NeverHearAClientsOwnWordForWhoItIs) {
     DirectService service(told_who_calls());
-    Registration other{"other"};
-    other.methods = R"(["mzu.List"])";
-    DirectService untold(other);
+    DirectService untold(Registration::of(R"(["mzu.List"])", "other"));
     SessionClient session;
     const StreamClient once = fleet.connect();
     once.say(request("ports.Get", "1", forged));
@@ -535,13 +461,11 @@ TEST_F(RouterServices, AreNotToldWhoCallsUnlessTheyAsk) {
 }
 
 TEST_F(RouterServiceAndClient, ReplyTwiceToNoAvail) {
-    client.say(request("ports.Get", "1"));
-    const std::string first = service.next_request();
+    const std::string first = forwarded(service, client, request("ports.Get", "1"));
     service.reply(first, "1");
     service.reply(first, "2");
     EXPECT_EQ(result_of(client.hear()), "1");
-    client.say(request("ports.Get", "2"));
-    const std::string second = service.next_request();
+    const std::string second = forwarded(service, client, request("ports.Get", "2"));
     EXPECT_NE(member(second, "transaction_id"), member(first, "transaction_id"));
     service.reply(first, "3");
     service.reply(second, "4");
@@ -551,9 +475,7 @@ TEST_F(RouterServiceAndClient, ReplyTwiceToNoAvail) {
 TEST_F(RouterServiceAndClient, ReplyWithAsMuchAsTheBusCarries) {
     for (const size_t size : {65536U, 8U * 1024 * 1024}) {
         const std::string result = "\"" + std::string(size, 'r') + "\"";
-        client.say(request("ports.Get", "1"));
-        service.reply(service.next_request(), result);
-        EXPECT_TRUE(result_of(client.hear()) == result) << size;
+        EXPECT_TRUE(result_of(answered(service, client, request("ports.Get", "1"), result)) == result) << size;
     }
     service.say(std::string(9 * 1024 * 1024, ' '));
     EXPECT_EQ(code_of(service.hear()), "-32600") << "a line that is longer than any reply";
@@ -566,16 +488,13 @@ TEST_F(RouterServiceAndClient, SendNobodyALineThatGrowsBeyondWhatSessionsTake) {
     client.ask(subscription("Subscribe", R"(["ports.*"])"));
     const auto letters = [](size_t count) { return "\"" + repeated("\xc3\xa9", 2 * count) + "\""; };
     constexpr size_t too_many = size_t{9} * 1024 * 1024 / 6;
-    client.say(request("ports.Get", "\"long\"", ",\"transaction_id\":5"));
-    service.reply(service.next_request(), letters(too_many));
-    EXPECT_EQ(client.hear(), R"({"jsonrpc":"2.0","id":"long","error":{"code":-32603,"message":"Internal error",)"
-                             R"("data":{"message":"the answer is too long"}},"transaction_id":5})");
+    EXPECT_EQ(answered(service, client, request("ports.Get", "\"long\"", ",\"transaction_id\":5"), letters(too_many)),
+              R"({"jsonrpc":"2.0","id":"long","error":{"code":-32603,"message":"Internal error",)"
+              R"("data":{"message":"the answer is too long"}},"transaction_id":5})");
     service.say(notification("ports.Changed", "{\"to\":" + letters(too_many) + "}"));
     service.say(notification("ports.Changed", "{\"to\":1}"));
     EXPECT_EQ(client.hear(), notification("ports.Changed", "{\"to\":1}"));
-    client.say(request("ports.Get", "2"));
-    service.reply(service.next_request(), letters(too_many - 100));
-    EXPECT_EQ(client.hear().size(),
+    EXPECT_EQ(answered(service, client, request("ports.Get", "2"), letters(too_many - 100)).size(),
               6 * (too_many - 100) + std::string(R"({"jsonrpc":"2.0","id":2,"result":""})").size());
 }
 
@@ -598,13 +517,10 @@ TEST_F(RouterServices, ThatDoNotReadAreBusyAtLast) {
     EXPECT_EQ(result_of(caller.hear_of("it reads again")), "\"it reads again\"");
 }
 
-// --- The logger's configuration ------------------------------------------------------------------------------------
-
 TEST_F(RouterServices, AllRereadTheLoggersConfigurationAndOneAnswers) {
     DirectService direct;
     BusService on_bus(fleet, {"bus", TAVRIX_CHANNEL_DEFAULT, "[]", R"(["other.List"])", ""});
-    client.say(request("logger.ReloadConf", "1"));
-    const std::string over_bus = on_bus.next_request();
+    const std::string over_bus = forwarded(on_bus, client, request("logger.ReloadConf", "1"));
     EXPECT_EQ(member(over_bus, "method"), "\"logger.ReloadConf\"");
     direct.reply(direct.hear_of("logger.ReloadConf"), "\"first\"");
     EXPECT_EQ(result_of(client.hear()), "\"first\"");

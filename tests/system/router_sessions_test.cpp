@@ -2,16 +2,9 @@
  * Sessions with the router: lines, ids, batches, bounds, subscriptions and monitors.
  */
 #include <algorithm>
-#include <string>
 #include <utility>
-#include <vector>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include "support/fleet.h"
-#include "support/json.h"
-#include "support/session.h"
+#include "support/system_test.h"
 #include "tavrix_jrpc.h"
 
 using namespace support;
@@ -24,14 +17,6 @@ constexpr size_t mebibyte = 1024 * 1024;
 
 /** What a monitor is shown next. */
 std::string traffic(SessionClient &monitor) { return member(monitor.hear_of("router.Traffic"), "params"); }
-
-std::string members_of(const std::string &object, const std::vector<const char *> &names) {
-    std::string text;
-    for (const char *name : names) {
-        text += (text.empty() ? "" : " ") + member(object, name);
-    }
-    return text;
-}
 
 /** The code of an error answer, and its id. */
 std::string refusal_of(const std::string &answer) { return code_of(answer) + " " + id_of(answer); }
@@ -61,8 +46,6 @@ class RouterSessionAndService : public RouterSession {
 
 } // namespace
 
-// --- Lines and ids -------------------------------------------------------------------------------------------------
-
 TEST_F(RouterSessionAndService, AnswersWithTheRequestsOwnIds) {
     const std::pair<const char *, std::string> rows[] = {{"1", "7"},
                                                          {"-1", ""},
@@ -72,12 +55,11 @@ TEST_F(RouterSessionAndService, AnswersWithTheRequestsOwnIds) {
                                                          {"9007199254740993", "9007199254740993"},
                                                          {"0", "0"}};
     for (const auto &[id, transaction_id] : rows) {
-        client.say(request("ports.Get", id, transaction_id.empty() ? "" : ",\"transaction_id\":" + transaction_id));
-        service.reply(service.next_request(), "[1]");
-        const std::string answer = client.hear();
-        EXPECT_EQ(id_of(answer), id);
-        EXPECT_EQ(member(answer, "transaction_id"), transaction_id.empty() ? "(none)" : transaction_id) << answer;
-        EXPECT_EQ(result_of(answer), "[1]");
+        const std::string answer = answered(
+            service, client,
+            request("ports.Get", id, transaction_id.empty() ? "" : ",\"transaction_id\":" + transaction_id), "[1]");
+        EXPECT_EQ(members_of(answer, {"id", "result", "transaction_id"}),
+                  std::string(id) + " [1] " + (transaction_id.empty() ? "(none)" : transaction_id));
     }
 }
 
@@ -102,12 +84,9 @@ TEST_F(RouterSessionAndService, KeepsTwoRequestsOfTheSameIdsApart) {
     SessionClient first;
     SessionClient second;
     const std::string same = request("ports.Get", "1", ",\"transaction_id\":1");
-    first.say(same);
-    const std::string of_first = service.next_request();
-    second.say(same);
-    const std::string of_second = service.next_request();
-    first.say(same);
-    const std::string again = service.next_request();
+    const std::string of_first = forwarded(service, first, same);
+    const std::string of_second = forwarded(service, second, same);
+    const std::string again = forwarded(service, first, same);
     service.reply(again, "\"again\"");
     service.reply(of_second, "\"second\"");
     service.reply(of_first, "\"first\"");
@@ -161,8 +140,7 @@ TEST_F(RouterSession, TakesALineOf65536BytesAndNoMore) {
 }
 
 TEST_F(RouterSessionAndService, AnswersWhatIsInFlightBeforeItClosesForALongLine) {
-    client.say(request("ports.Get", "1"));
-    const std::string in_flight = service.next_request();
+    const std::string in_flight = forwarded(service, client, request("ports.Get", "1"));
     client.say(std::string(longest_line, ' '));
     EXPECT_EQ(code_of(client.hear()), "-32600");
     service.reply(in_flight, "\"answered\"");
@@ -180,8 +158,6 @@ TEST_F(RouterSession, TakesLinesInAnyPiecesAndPassesOverBlankOnes) {
         EXPECT_EQ(id_of(client.hear()), id);
     }
 }
-
-// --- The end of a session ------------------------------------------------------------------------------------------
 
 TEST_F(RouterSessionAndService, GetsItsAnswersAfterItHasEndedSending) {
     client.say(request("ports.Get", "1"));
@@ -201,8 +177,7 @@ TEST_F(RouterSessionAndService, GetsItsAnswersAfterItHasEndedSending) {
 TEST_F(RouterSessionAndService, CancelsWhatItHasInFlightWhenItCloses) {
     for (const bool half_first : {false, true}) {
         SessionClient leaving;
-        leaving.say(request("ports.Get", "1"));
-        const std::string in_flight = service.next_request();
+        const std::string in_flight = forwarded(service, leaving, request("ports.Get", "1"));
         if (half_first) {
             leaving.end_sending();
             catch_up(service);
@@ -215,8 +190,6 @@ TEST_F(RouterSessionAndService, CancelsWhatItHasInFlightWhenItCloses) {
     EXPECT_EQ(fleet.status("in_flight"), "0");
     EXPECT_EQ(fleet.status("cancelled"), "2");
 }
-
-// --- Batches -------------------------------------------------------------------------------------------------------
 
 TEST_F(RouterSessionAndService, AnswersABatchAsOneWhenItsLastAnswerIsThere) {
     client.say("[" + request("ports.Get", "1") + "," + request("router.Status", "2") + "," +
@@ -252,16 +225,15 @@ TEST_F(RouterSessionAndService, AnswersABatchOfNotificationsOfAServiceWithNothin
 TEST_F(RouterSession, EndsABatchWithTheErrorsOfAServiceThatGoes) {
     {
         DirectService service;
-        client.say("[" + request("ports.Get", "1") + "," + request("ports.Get", "2") + "]");
-        service.reply(service.next_request(), "\"in time\"");
+        service.reply(
+            forwarded(service, client, "[" + request("ports.Get", "1") + "," + request("ports.Get", "2") + "]"),
+            "\"in time\"");
         service.next_request();
         catch_up(service);
     }
     EXPECT_THAT(client.hear(),
                 AllOf(HasSubstr(R"("id":1,"result":"in time")"), HasSubstr(R"("id":2,"error":{"code":-32601)")));
 }
-
-// --- Texts that go on as they were written -------------------------------------------------------------------------
 
 TEST_F(RouterSessionAndService, SendsARequestOnAsItWasWrittenButForTheIds) {
     const std::pair<const char *, const char *> rows[] = {
@@ -277,15 +249,14 @@ TEST_F(RouterSessionAndService, SendsARequestOnAsItWasWrittenButForTheIds) {
         {R"({"jsonrpc":"2.0","method":"ports.Get","\u0069d":1})", R"({"jsonrpc":"2.0","method":"ports.Get")"},
     };
     for (const auto &[written, sent] : rows) {
-        client.say(written);
-        const std::string asked = service.next_request();
+        const std::string asked = forwarded(service, client, written);
         EXPECT_EQ(asked, std::string(sent) + ",\"transaction_id\":" + member(asked, "transaction_id") +
                              ",\"id\":\"" TAVRIX_ROUTER_REPLY_CHANNEL "\"}");
         service.reply(asked, "0");
         EXPECT_EQ(result_of(client.hear()), "0");
     }
-    client.say(R"({"transaction_id":5,"jsonrpc":"2.0","method":"ports.Get","id":1})");
-    const std::string asked = service.next_request();
+    const std::string asked =
+        forwarded(service, client, R"({"transaction_id":5,"jsonrpc":"2.0","method":"ports.Get","id":1})");
     EXPECT_EQ(asked, "{\"transaction_id\":" + member(asked, "transaction_id") + // replaced where it stood
                          R"(,"jsonrpc":"2.0","method":"ports.Get","id":")" TAVRIX_ROUTER_REPLY_CHANNEL "\"}");
     service.reply(asked, "0");
@@ -311,8 +282,6 @@ TEST_F(RouterSessionAndService, SendsAnAnswerOnAsItWasWrittenButForTheIds) {
         EXPECT_EQ(client.hear(), row.heard);
     }
 }
-
-// --- Subscriptions -------------------------------------------------------------------------------------------------
 
 TEST_F(RouterSessionAndService, HearsTheNotificationsThatItsPatternsName) {
     EXPECT_EQ(client.ask(subscription("Subscribe", R"(["ports.Changed","events.*","events.LinkChanged","events.*"])")),
@@ -371,24 +340,22 @@ TEST_F(RouterSession, TakesNobodysWordForTheRoutersOwnNotifications) {
 }
 
 TEST_F(RouterSession, RefusesPatternsThatCannotBe) {
-    std::string many = "\"p0\"";
-    for (int i = 1; i < 65; ++i) {
-        many += ",\"p" + std::to_string(i) + "\"";
-    }
+    const auto patterns = [](size_t count) {
+        return array_of(count, [](size_t i) { return "\"p" + std::to_string(i) + "\""; });
+    };
     const std::string rows[] = {R"("events.*")", "[5]", R"([""])", R"(["a\nb"])", "[\"" + std::string(256, 'm') + "\"]",
-                                "[" + many + "]"};
+                                patterns(65)};
     for (const char *verb : {"Subscribe", "Unsubscribe", "Monitor"}) {
-        for (const std::string &patterns : rows) {
-            EXPECT_EQ(error_of(client.ask(subscription(verb, patterns))),
+        for (const std::string &row : rows) {
+            EXPECT_EQ(error_of(client.ask(subscription(verb, row))),
                       "-32602 methods: at most 64 patterns of at most 255 bytes")
-                << verb << patterns;
+                << verb << row;
         }
         for (const char *params : {"", ",\"params\":{}"}) {
             EXPECT_EQ(code_of(client.ask(request("router." + std::string(verb), "1", params))), "-32602") << verb;
         }
     }
-    const std::string fit = "[" + many.substr(0, many.rfind(',')) + "]";
-    EXPECT_EQ(result_of(client.ask(subscription("Subscribe", fit))), "0") << "64 fit";
+    EXPECT_EQ(result_of(client.ask(subscription("Subscribe", patterns(64)))), "0") << "64 fit";
     EXPECT_EQ(code_of(client.ask(subscription("Subscribe", R"(["one more"])"))), "-32602");
     EXPECT_EQ(result_of(client.ask(subscription("Subscribe", R"(["p1","p2"])"))), "0") << "no more than before";
     EXPECT_EQ(result_of(client.ask(subscription("Unsubscribe", R"(["p1"])"))), "0");
@@ -401,8 +368,6 @@ TEST_F(RouterSession, OffersSubscriptionsToSessionsOnly) {
         EXPECT_EQ(code_of(fleet.ask(request(method, "1", R"(,"params":{"methods":[]})"))), "-32601") << method;
     }
 }
-
-// --- Who does not read ---------------------------------------------------------------------------------------------
 
 TEST_F(RouterSessionAndService, LosesNothingBelowOneMebibyteUnread) {
     client.ask(subscription("Subscribe", R"(["*"])"));
@@ -444,8 +409,7 @@ TEST_F(RouterSessionAndService, KeepsRepliesBeyondTheBoundOfNotifications) {
     const std::string result = "\"" + std::string(60000, 'r') + "\"";
     constexpr int count = 100; // six megabytes
     for (int i = 0; i < count; ++i) {
-        client.say(request("ports.Get", std::to_string(i)));
-        service.reply(service.next_request(), result);
+        service.reply(forwarded(service, client, request("ports.Get", std::to_string(i))), result);
     }
     service.say(notification("ports.Lost"));
     catch_up(service);
@@ -473,31 +437,20 @@ TEST_F(RouterSessionAndService, IsClosedWithMoreThanEightMebibytesOfRepliesUnrea
 TEST_F(RouterSessionAndService, IsNotClosedForManyLargeRepliesThatItReads) {
     const std::string result = "\"" + std::string(3000000, 'r') + "\"";
     for (int i = 0; i < 8; ++i) { // two megabytes more in one go than may stay unread
-        client.say(request("ports.Get", std::to_string(i)));
-        service.reply(service.next_request(), result);
-        EXPECT_TRUE(result_of(client.hear()) == result) << i;
+        EXPECT_TRUE(result_of(answered(service, client, request("ports.Get", std::to_string(i)), result)) == result)
+            << i;
     }
 }
 
 TEST_F(RouterSession, TakesABatchOf256RequestsAndNoMore) {
-    const auto batch_of = [](int count) {
-        std::string batch = "[";
-        for (int i = 0; i < count; ++i) {
-            batch += (i == 0 ? "" : ",") + request("router.Nothing", std::to_string(i));
-        }
-        return batch + "]";
-    };
-    EXPECT_EQ(client.ask(batch_of(256)).front(), '[');
-    EXPECT_EQ(code_of(client.ask(batch_of(257))), "-32600");
+    const std::string nothing = request("router.Nothing", "1");
+    EXPECT_EQ(client.ask(array_of(256, nothing)).front(), '[');
+    EXPECT_EQ(code_of(client.ask(array_of(257, nothing))), "-32600");
     EXPECT_EQ(code_of(client.ask(request("router.Nothing", "1"))), "-32601") << "the session goes on";
 }
 
 TEST_F(RouterSessionAndService, BoundsWhatTheAnswersOfABatchTake) {
-    std::string batch;
-    for (int i = 0; i < 100; ++i) {
-        batch += (i == 0 ? "[" : ",") + request("ports.Get", std::to_string(i));
-    }
-    client.say(batch + "]");
+    client.say(array_of(100, request("ports.Get", "1")));
     const std::string result = "\"" + std::string(1000000, 'r') + "\"";
     for (int i = 0; i < 100 && fleet.router->times_said("A session does not read its answers") == 0; ++i) {
         service.reply(service.next_request(), result);
@@ -506,13 +459,11 @@ TEST_F(RouterSessionAndService, BoundsWhatTheAnswersOfABatchTake) {
     EXPECT_EQ(id_of(SessionClient().ask(request("router.Status", "1"))), "1");
 }
 
-// --- Monitors ------------------------------------------------------------------------------------------------------
-
 TEST_F(RouterSessionAndService, ShowsAMonitorRequestsAndReplies) {
     SessionClient monitor;
     EXPECT_EQ(monitor.ask(subscription("Monitor", R"(["ports.*"])")), R"({"jsonrpc":"2.0","id":"Monitor","result":0})");
-    client.say(request("ports.Get", "\"mine\"", ",\"transaction_id\":5,\"params\":{\"a\":1}"));
-    const std::string in_flight = service.next_request();
+    const std::string in_flight =
+        forwarded(service, client, request("ports.Get", "\"mine\"", ",\"transaction_id\":5,\"params\":{\"a\":1}"));
     service.reply(in_flight, "[1]");
     const std::string number = member(in_flight, "transaction_id");
     const std::string asked = traffic(monitor);
@@ -545,12 +496,10 @@ TEST_F(RouterSession, ShowsAMonitorEveryOutcome) {
         service.next_request();
         {
             SessionClient leaving;
-            leaving.say(request("ports.Get", "1"));
-            service.next_request();
+            forwarded(service, leaving, request("ports.Get", "1"));
         }
         EXPECT_EQ(outcome(), "\"cancelled\"");
-        caller.say(request("ports.Get", "1"));
-        service.next_request();
+        forwarded(service, caller, request("ports.Get", "1"));
     }
     EXPECT_EQ(outcome(), "\"gone\"");
 }

@@ -12,20 +12,13 @@
 #include <numeric>
 #include <regex>
 #include <set>
-#include <string>
-#include <vector>
 
 #include <arpa/inet.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
-#include "support/fleet.h"
-#include "support/json.h"
-#include "support/session.h"
-#include "tavrix_mq.h"
+#include "support/system_test.h"
 
 using namespace support;
 using namespace testing;
@@ -36,16 +29,12 @@ using Clock = std::chrono::steady_clock;
 
 double seconds_since(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
 
-/** The text that a JSON string's rendering stands for. */
-std::string text_of(const std::string &rendering) {
-    const Json value = parsed(rendering);
-    return json_is_string(value.get()) ? json_string_value(value.get()) : "";
-}
-
 class RouterStatistics : public LoneRouter {
   protected:
     std::string status_of(const char *method) { return member(fleet.status("methods"), method); }
-    std::string metrics() { return text_of(result_of(fleet.ask(request("router.Metrics", "1")))); }
+    std::string metrics() {
+        return json_string_value(parsed(result_of(fleet.ask(request("router.Metrics", "1")))).get());
+    }
 
     SessionClient client;
 };
@@ -57,8 +46,7 @@ struct Delays {
 
     void play(DirectService &service, SessionClient &client, int milliseconds) {
         const auto begun = Clock::now();
-        client.say(request("ports.Get", "1"));
-        const std::string asked = service.next_request();
+        const std::string asked = forwarded(service, client, request("ports.Get", "1"));
         const auto taken = Clock::now();
         if (milliseconds > 0) {
             EXPECT_EQ(service.hear(milliseconds), "(time-out)");
@@ -82,8 +70,6 @@ size_t count_within(const std::vector<double> &times, double bound) {
 }
 
 } // namespace
-
-// --- Counts and times ----------------------------------------------------------------------------------------------
 
 TEST_F(RouterStatistics, TellWithinABucketHowLongCallsTook) {
     DirectService service;
@@ -142,20 +128,14 @@ TEST_F(RouterStatistics, CountEachCallInOneOutcome) {
         EXPECT_EQ(code_of(caller.ask(request("ports.Get", "1"))), "-32005");
         service.next_request();
         SessionClient leaving;
-        leaving.say(request("ports.Get", "1"));
-        service.next_request();
+        forwarded(service, leaving, request("ports.Get", "1"));
         leaving.close();
         EXPECT_NE(service.hear_of("service.Cancel"), "(closed)");
-        caller.say(request("ports.Get", "1"));
-        service.next_request();
+        forwarded(service, caller, request("ports.Get", "1"));
     }
     EXPECT_EQ(code_of(caller.hear()), "-32601");
     const std::string row = status_of("ports.Get");
-    const std::map<const char *, const char *> counts = {
-        {"calls", "8"}, {"errors", "2"}, {"timeouts", "1"}, {"gone", "1"}, {"cancelled", "1"}};
-    for (const auto &[name, count] : counts) {
-        EXPECT_EQ(member(row, name), count) << row;
-    }
+    EXPECT_EQ(members_of(row, {"calls", "errors", "timeouts", "gone", "cancelled"}), "8 2 1 1 1");
     const std::string text = metrics();
     for (const char *line : {"calls_total{method=\"ports.Get\",outcome=\"result\"} 3\n",
                              "calls_total{method=\"ports.Get\",outcome=\"error\"} 2\n",
@@ -166,8 +146,6 @@ TEST_F(RouterStatistics, CountEachCallInOneOutcome) {
         EXPECT_THAT(text, HasSubstr("\ntavrix_router_" + std::string(line)));
     }
 }
-
-// --- Prometheus ----------------------------------------------------------------------------------------------------
 
 namespace {
 
@@ -261,8 +239,6 @@ TEST_F(RouterStatistics, AreWhatPrometheusReads) {
     }
 }
 
-// --- Ids -----------------------------------------------------------------------------------------------------------
-
 TEST_F(RouterStatistics, GiveEachCallInFlightANumberOfItsOwn) {
     constexpr int sessions = 4;
     constexpr int calls_each = 24; // with half as many more, fewer than one user may have in flight
@@ -305,8 +281,6 @@ TEST_F(RouterStatistics, GiveEachCallInFlightANumberOfItsOwn) {
     }
 }
 
-// --- Listeners -----------------------------------------------------------------------------------------------------
-
 namespace {
 
 /** The addresses that somebody listens on with this port, in the kernel's writing. */
@@ -348,9 +322,7 @@ TEST(RouterListeners, HoldABurstOfClientsWhileTheRouterIsAway) {
     fleet.start_lone_router();
     fleet.router->signal(SIGSTOP);
     for (const std::string path : {"router.sock", "session.sock"}) {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        path.copy(address.sun_path, sizeof address.sun_path - 1);
+        const sockaddr_un address = unix_address(path);
         std::vector<StreamClient> waiting;
         for (int i = 0; i < burst; ++i) {
             waiting.emplace_back(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
@@ -362,25 +334,21 @@ TEST(RouterListeners, HoldABurstOfClientsWhileTheRouterIsAway) {
     EXPECT_EQ(result_of(fleet.ask(request("router.Unlock", "1"))), "0");
 }
 
-// --- Publications --------------------------------------------------------------------------------------------------
-
 TEST_F(RouterStatistics, DeliverOnceWhatAServicePublishesOnTwoAddresses) {
     const std::string over_ipc = "ipc://" + std::filesystem::current_path().string() + "/played";
     ASSERT_LT(over_ipc.size(), 114U);
     const std::string over_tcp = free_bus_address();
     Registration registration = Registration::on_bus();
     registration.publish = "[\"" + over_ipc + "\",\"" + over_tcp + "\"]";
-    BusSocket pub(TAVRIX_SP_PUB);
-    pub.bind(over_ipc);
-    pub.bind(over_tcp);
+    PlayedService bus(fleet, registration.channel, over_ipc);
+    bus.pub.bind(over_tcp);
     SessionClient service;
     service.say(registration.line());
     const std::string hello =
-        "2524546b-ca99-4868-a062-359cefacff7c|" +
         notification("router.Hello", R"({"name":"played","channel":")" + registration.channel + "\"}");
     std::string registered;
     ASSERT_TRUE(wait_until([&] {
-        tavrix_mq_socket_send(pub.number, hello.c_str());
+        bus.reply(hello);
         registered = service.hear(5);
         return registered != "(time-out)";
     }));
@@ -388,12 +356,10 @@ TEST_F(RouterStatistics, DeliverOnceWhatAServicePublishesOnTwoAddresses) {
     client.ask(subscription("Subscribe", R"(["ports.*"])"));
     for (int i = 0; i < 3000; ++i) { // long enough for a second connection, which takes its time
         const std::string changed = notification("ports.Changed", R"({"n":)" + std::to_string(i) + "}");
-        tavrix_mq_socket_send(pub.number, ("ports.Changed|" + changed).c_str());
+        bus.publish("ports.Changed", changed);
         ASSERT_EQ(client.hear(), changed);
     }
 }
-
-// --- Monitors ------------------------------------------------------------------------------------------------------
 
 TEST_F(RouterStatistics, AreSilentToMonitorsOfWhatReachesNoService) {
     DirectService service;
@@ -404,9 +370,7 @@ TEST_F(RouterStatistics, AreSilentToMonitorsOfWhatReachesNoService) {
     EXPECT_EQ(code_of(client.ask(R"({"method":"ports.Get","id":1})")), "-32600");
     EXPECT_EQ(result_of(client.ask(request("router.Unlock", "1"))), "0");
     EXPECT_TRUE(serves(service, client));
-    for (const char *leg : {"\"request\"", "\"reply\""}) {
-        const std::string shown = member(monitor.hear(), "params");
-        EXPECT_EQ(member(shown, "method"), "\"ports.Get\"") << shown;
-        EXPECT_EQ(member(shown, "leg"), leg) << shown;
+    for (const std::string leg : {"request", "reply"}) {
+        EXPECT_EQ(members_of(member(monitor.hear(), "params"), {"method", "leg"}), "\"ports.Get\" \"" + leg + "\"");
     }
 }

@@ -3,20 +3,14 @@
 #include <cstddef>
 #include <filesystem>
 #include <optional>
-#include <string>
-#include <vector>
 
 #include <arpa/inet.h>
-#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
-#include "support/fleet.h"
-#include "support/json.h"
-#include "support/matchers.h"
-#include "support/session.h"
+#include "support/system_test.h"
 #include "tavrix_jrpc.h"
 #include "tavrix_mq.h"
 
@@ -70,8 +64,8 @@ class RouterAndService : public RouterDaemon {
 
 TEST_F(RouterAndService, CarriesARequestToItsServiceAndTheReplyBack) {
     const StreamClient client = fleet.connect();
-    client.say(request("ports.Get", "\"mine\"", R"(,"transaction_id":5,"params":{"port_id":"d1"})"));
-    const std::string on_bus = service->next_request();
+    const std::string on_bus = forwarded(
+        *service, client, request("ports.Get", "\"mine\"", R"(,"transaction_id":5,"params":{"port_id":"d1"})"));
     EXPECT_EQ(on_bus, R"({"jsonrpc":"2.0","method":"ports.Get","transaction_id":)" + member(on_bus, "transaction_id") +
                           R"(,"params":{"port_id":"d1"},"id":"2524546b-ca99-4868-a062-359cefacff7c"})");
     service->reply(on_bus, "[1]");
@@ -103,8 +97,7 @@ TEST_F(RouterDaemon, NeverDeliversALateReplyToTheNextClient) {
         for (const std::string asked : {",\"transaction_id\":1", ""}) {
             start_anew({"--reply-timeout", reply_timeout});
             StreamClient first = fleet.connect();
-            first.say(request("ports.Get", "\"a\"", asked));
-            const std::string first_on_bus = service->next_request();
+            const std::string first_on_bus = forwarded(*service, first, request("ports.Get", "\"a\"", asked));
             if (reply_timeout == "300") {
                 EXPECT_EQ(code_of(first.hear()), "-32005");
             } else {
@@ -136,18 +129,11 @@ TEST_F(RouterAndService, NeverDeliversALateReplyToAClientOfItsNextRun) {
     EXPECT_NE(first_transaction_id(), earlier);
 }
 
-TEST_F(RouterAndService, DiscardsAReplyThatComesWhileNobodyWaits) {
-    service->reply(reply_of("\"ports.Get\"", "\"stray\"", "1"));
-    EXPECT_TRUE(fleet.router->says("Discarded a left-over reply of ports.Get"));
-    EXPECT_TRUE(serves(*service, fleet.connect()));
-}
-
 TEST_F(RouterDaemon, TakesAReplyThatArrivesTwiceOnce) {
     start({"--connect", fleet.ports_address}); // once more
     for (const char *result : {"1", "2", "3"}) {
         const StreamClient client = fleet.connect();
-        client.say(request("ports.Get", "1"));
-        std::string on_bus = service->next_request();
+        std::string on_bus = forwarded(*service, client, request("ports.Get", "1"));
         while (member(on_bus, "method") == "\"service.Probe\"") { // for the second service, as the router thinks
             on_bus = service->next_request();
         }
@@ -158,8 +144,7 @@ TEST_F(RouterDaemon, TakesAReplyThatArrivesTwiceOnce) {
 
 TEST_F(RouterAndService, SurvivesRubbishOnItsReplyChannel) {
     const StreamClient client = fleet.connect();
-    client.say(request("ports.Get", "1", ",\"transaction_id\":1"));
-    const std::string on_bus = service->next_request();
+    const std::string on_bus = forwarded(*service, client, request("ports.Get", "1", ",\"transaction_id\":1"));
     for (const char *text :
          {"rubbish", "[]", "{}", "5", R"({"method":"router.Nothing"})", R"({"method":7,"id":true})"}) {
         service->reply(text);
@@ -200,8 +185,7 @@ TEST_F(RouterDaemon, AnswersBusyWhileTheSystemIsLocked) {
 
 TEST_F(RouterAndService, LetsARequestInFlightEndWhenItIsLocked) {
     const StreamClient client = fleet.connect();
-    client.say(request("ports.Get", "1"));
-    const std::string on_bus = service->next_request();
+    const std::string on_bus = forwarded(*service, client, request("ports.Get", "1"));
     service->reply(R"({"jsonrpc":"2.0","method":"router.Lock"})");
     EXPECT_TRUE(fleet.router->says("The system is locked"));
     service->reply(on_bus, "\"right\"");
@@ -238,8 +222,7 @@ TEST_F(RouterAndService, RefusesMalformedRequestsAndGoesOn) {
         EXPECT_EQ(refusal_with_ids(fleet.ask(text)), refusal) << text;
     }
     const StreamClient client = fleet.connect();
-    client.say(request("ports.Get", "\"good\"", ",\"params\":{}"));
-    const std::string first_on_bus = service->next_request();
+    const std::string first_on_bus = forwarded(*service, client, request("ports.Get", "\"good\"", ",\"params\":{}"));
     EXPECT_EQ(member(first_on_bus, "params"), "{}") << "the service saw none of those";
     service->reply(first_on_bus, "1");
     EXPECT_EQ(result_of(client.hear()), "1");
@@ -258,9 +241,7 @@ TEST_F(RouterAndService, Takes8192BytesAndNoMore) {
     const std::string text = request("ports.Get", "1", ",\"transaction_id\":1");
     for (const bool tcp : {false, true}) {
         const StreamClient exact = connect(tcp);
-        exact.say(std::string(8192 - text.size(), ' ') + text);
-        service->reply(service->next_request(), "1");
-        EXPECT_EQ(result_of(exact.hear()), "1") << tcp;
+        EXPECT_EQ(result_of(answered(*service, exact, std::string(8192 - text.size(), ' ') + text, "1")), "1") << tcp;
         EXPECT_EQ(code_of(connect(tcp).ask(std::string(8193 - text.size(), ' ') + text)), "-32600") << tcp;
     }
 }
@@ -326,8 +307,7 @@ TEST_F(RouterDaemon, TakesARequestAsCompleteAtTheHalfClose) {
 TEST_F(RouterDaemon, SendsALargeAnswerWholeThroughAStormOfSignals) {
     start({"--client-timeout", "20000"});
     const StreamClient client = fleet.connect();
-    client.say(request("ports.Get", "1", ",\"transaction_id\":1"));
-    const std::string on_bus = service->next_request();
+    const std::string on_bus = forwarded(*service, client, request("ports.Get", "1", ",\"transaction_id\":1"));
     service->reply(large_reply_to(on_bus));
     char byte = 0;
     ASSERT_EQ(recv(client.fd(), &byte, 1, MSG_PEEK), 1) << "the router is sending";
@@ -358,20 +338,10 @@ TEST_F(RouterDaemon, StopsWhileAClientDoesNotReadItsAnswer) {
     EXPECT_EQ(fleet.router->end_by(SIGTERM), 0);
 }
 
-TEST_F(RouterAndService, GoesOnWhenAClientLeavesEarly) {
-    static_cast<void>(fleet.connect()); // says nothing
-    StreamClient does_not_wait = fleet.connect();
-    does_not_wait.say(request("ports.Get", "1", ",\"transaction_id\":1"));
-    service->next_request();
-    does_not_wait.close();
-    EXPECT_TRUE(serves(*service, fleet.connect()));
-}
-
 TEST_F(RouterDaemon, NoticesATcpClientThatLeavesEarly) {
     start({"--reply-timeout", "86400000"});
     StreamClient leaving = connect(true);
-    leaving.say(request("ports.Get", "1", ",\"transaction_id\":1"));
-    const std::string unanswered = service->next_request();
+    const std::string unanswered = forwarded(*service, leaving, request("ports.Get", "1", ",\"transaction_id\":1"));
     leaving.close();
     EXPECT_TRUE(fleet.router->says("The client of ports.Get has gone"));
     EXPECT_EQ(fleet.status("in_flight"), "0");
@@ -425,19 +395,11 @@ TEST_F(RouterDaemon, EndsCleanlyOnSigtermAndSigintWhateverIsGoingOn) {
             client.emplace(fleet.connect());
         }
         if (client_is == "asks") {
-            client->say(request("ports.Get", "1"));
-            service->next_request();
+            forwarded(*service, *client, request("ports.Get", "1"));
         }
         EXPECT_EQ(fleet.router->end_by(signal), 0) << fleet.router->log();
         EXPECT_EQ(access("router.sock", F_OK), -1) << "the socket's file is gone";
     }
-}
-
-TEST_F(RouterAndService, TakesAPathThatNobodyServes) {
-    EXPECT_EQ(fleet.router->end_by(SIGKILL), 128 + SIGKILL);
-    EXPECT_EQ(access("router.sock", F_OK), 0) << "left behind";
-    fleet.start_router();
-    EXPECT_EQ(fleet.status("locked"), "false");
 }
 
 TEST_F(RouterAndService, LeavesAFileThatIsNoLongerItsOwn) {
@@ -496,8 +458,7 @@ TEST_F(RouterDaemon, TakesTheRepliesOfAllServicesToOneReload) {
     fleet.start_router();
     service.emplace(fleet, TAVRIX_CHANNEL_DEFAULT);
     const StreamClient client = fleet.connect();
-    client.say(request("logger.ReloadConf", "1"));
-    const std::string on_bus = service->next_request();
+    const std::string on_bus = forwarded(*service, client, request("logger.ReloadConf", "1"));
     service->reply(on_bus, "\"first\"");
     EXPECT_EQ(result_of(client.hear()), "\"first\"");
     service->reply(on_bus, "\"second\"");
@@ -529,15 +490,6 @@ TEST_F(RouterAndService, ServesThroughAStormOfSignals) {
         service->reply(on_bus, "1");
         EXPECT_EQ(member(client.hear(), "transaction_id"), std::to_string(i));
     }
-}
-
-TEST_F(RouterDaemon, HearsOfServicesThatWereThereBefore) {
-    fleet.start_lone_router();
-    fleet.start_ports();
-    EXPECT_EQ(fleet.router->end_by(SIGTERM), 0);
-    fleet.start_lone_router();
-    EXPECT_TRUE(fleet.router->says("Service portsd settled")) << "it registers again by itself";
-    EXPECT_EQ(code_of(fleet.ask(request("ports.Nothing", "1"))), "-32601");
 }
 
 TEST_F(RouterDaemon, AsksForServicesAlsoWhileItIsBusy) {
@@ -620,18 +572,27 @@ TEST_F(RouterDaemon, ListensWhereItIsToldInsteadOfTheDefaults) {
     EXPECT_TRUE(fleet.router->says("Service played settled"));
 }
 
-TEST_F(RouterDaemon, ExplainsWrongUsage) {
-    for (const std::vector<std::string> &words : std::vector<std::vector<std::string>>{
-             {"--tcp", "x"}, {"--tcp", "-1"}, {"extra"}, {"--reply-timeout", "0"}, {"--reply-timeout", ""}}) {
-        std::vector<std::string> arguments = words;
-        arguments.insert(arguments.begin(), TAVRIX_ROUTERD);
-        EXPECT_THAT(run(arguments), fails(2, HasSubstr("tavrix-routerd: "))) << words.back();
+TEST(Daemons, ShowInTheirHelpWhatTheyDoUnasked) {
+    const std::pair<std::string, std::vector<const char *>> rows[] = {
+        {TAVRIX_ROUTERD,
+         {"--reply-timeout MS", "(default ipc:///run/tavrix/bus/router)",
+          "does not register; may be repeated\n"}}, // no default for --connect
+        {TAVRIX_PORTSD,
+         {"(default /run/tavrix/session.sock)", "(default zqn_h7.db)", "(default: one in the router's bus folder)",
+          "(default 5000)", "Keep --wait-timeout below the router's --reply-timeout"}},
+        {TAVRIX_EVENTSD,
+         {"(default /run/tavrix/session.sock)", "(default 5000)", "(default: one in the router's bus folder)",
+          "CAP_DAC_OVERRIDE", "less than the router's --reply-timeout"}},
+    };
+    for (const auto &[program, parts] : rows) {
+        const Finished help = run({program, "--help"});
+        EXPECT_THAT(help, prints(AllOf(HasSubstr("example:"), HasSubstr("exit status:"))));
+        for (const char *part : parts) {
+            EXPECT_THAT(help.output, HasSubstr(part));
+        }
+        const std::string name = program.substr(program.rfind('/') + 1);
+        EXPECT_THAT(run({program, "--version"}), prints(StartsWith(name + " 1.")));
     }
-    EXPECT_THAT(run({TAVRIX_ROUTERD, "--help"}),
-                prints(AllOf(HasSubstr("--reply-timeout MS"), HasSubstr("example:"),
-                             HasSubstr("(default ipc:///run/tavrix/bus/router)"), HasSubstr("exit status:"),
-                             HasSubstr("does not register; may be repeated\n")))); // no default for --connect
-    EXPECT_THAT(run({TAVRIX_ROUTERD, "--version"}), prints(StartsWith("tavrix-routerd 1.")));
 }
 
 TEST(Daemons, ReadTheirOwnSectionOfOneFile) {
@@ -645,7 +606,6 @@ TEST(Daemons, ReadTheirOwnSectionOfOneFile) {
         const Fleet fleet; // with the database
         EXPECT_THAT(run({program, "--config", "fleet.conf", "--publish", "nonsense"}).diagnostics,
                     HasSubstr(complaint));
-        EXPECT_THAT(run({program, "--help"}), prints(HasSubstr("exit status:")));
     }
 }
 
@@ -663,9 +623,7 @@ TEST_F(RouterDaemon, RefusesAnIpcAddressThatTheBusCannotBear) {
 TEST_F(RouterDaemon, TellsTheServiceManagerThatItIsReadyOnceClientsAreLetIn) {
     const std::string file = std::filesystem::current_path() / "notify.sock";
     for (const std::string &path : {file, "@tavrix-test-notify-" + std::to_string(getpid())}) {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        path.copy(address.sun_path, sizeof address.sun_path - 1);
+        sockaddr_un address = unix_address(path);
         address.sun_path[0] = path[0] == '@' ? '\0' : '/'; // a name without a file
         const int manager = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
         const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path.size());

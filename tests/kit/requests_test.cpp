@@ -15,7 +15,7 @@ namespace {
 Lines outcomes; ///< what came of it, code, message, and the result or the data
 Lines notifications;
 std::vector<uint64_t> losses;
-uint64_t changing = 0; ///< of those that change in their own callback
+uint64_t changing = 0; ///< the subscription that its own callback ends
 
 void note(tavrix_service * /*service*/, const tavrix_answer *answer, void * /*user*/) {
     outcomes.push_back(outcome_of(answer) + " " + answer->message + "|" +

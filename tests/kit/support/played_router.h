@@ -120,6 +120,7 @@ struct Methods {
 /** That of t.One with one parameter. */
 struct OneParam {
     explicit OneParam(const tavrix_service_param &row) : rows{row} {}
+    OneParam(const OneParam &) = delete; // the methods point to the rows
 
     Rows rows;
     Methods methods = {{"t.One", accept, rows}};

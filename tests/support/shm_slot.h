@@ -52,7 +52,7 @@ class ShmSlot : public testing::Test {
     }
 
   private:
-    const NothingOpens nothing_;
+    const NothingOpens nothing_{};
     const std::string name_ = "/tavrix-test-" + std::to_string(getpid());
 };
 

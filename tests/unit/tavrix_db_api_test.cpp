@@ -192,11 +192,11 @@ TEST_F(Database, NamesTheFirstNullArgument) {
     expect_nulls_named(refused, tavrix_db_close, handle);
     // The handle may be null: a connection is opened then.
     const auto prepare = [](auto... rest) { return tavrix_db_prepare_statement(nullptr, cfgdb, rest...); };
-    const auto get_id = [](auto... rest) { return tavrix_db_get_single_id_result(nullptr, rest...); };
-    const auto get_id_args = [](auto... rest) { return single_id_args(nullptr, rest...); };
     expect_nulls_named(refused, prepare, &statement, "SELECT 1");
-    expect_nulls_named(refused, get_id, cfgdb, "t", &value, "SELECT 1");
-    expect_nulls_named(refused, get_id_args, cfgdb, "t", &value, "SELECT 1");
+    for (const auto get_id : {&tavrix_db_get_single_id_result, &single_id_args}) {
+        expect_nulls_named(
+            refused, [&](auto... rest) { return get_id(nullptr, rest...); }, cfgdb, "t", &value, "SELECT 1");
+    }
     const LogCapture log("info");
     EXPECT_EQ(tavrix_db_prepare_statement(nullptr, nullptr, &statement, "SELECT 1"), refused);
     EXPECT_TRUE(log.said({null_line(1)})) << "by the test of opening";

@@ -64,7 +64,7 @@ class StreamServer : public testing::TestWithParam<Server> {
         return {rc, asking.hear()};
     }
 
-    const NothingOpens nothing;
+    const NothingOpens nothing{};
     int listener = -1;
 };
 

@@ -647,7 +647,11 @@ TEST(MqUnsubscribe, KeepsTheTopicsOfManySocketsApart) {
     }
     for (const auto &sub : sockets) {
         const int expected = sub->number >= 0 ? 0 : TAVRIX_ERR_GENERAL;
-        for (const std::string topic : {"ta", "tb", "tc", "td", "te", "tf", "tg", "th", "t"}) {
+        std::vector<std::string> topics = topics_to('h');
+        if (sub->number % 2 == 0) { // the one that all others begin with goes first, or last
+            std::reverse(topics.begin(), topics.end());
+        }
+        for (const std::string &topic : topics) {
             EXPECT_EQ(tavrix_mq_socket_unsubscribe(sub->number, topic.c_str()), expected) << sub->number;
         }
         EXPECT_EQ(tavrix_mq_socket_unsubscribe(sub->number, "t"), TAVRIX_ERR_GENERAL) << sub->number;

@@ -107,20 +107,17 @@ TEST(IsDigits, AcceptsOnlyDecimalDigits) {
     }
 }
 
-TEST(LowerCase, ClearsItsBufferAndChangesLettersOnly) {
-    Buffer out(32);
-    EXPECT_EQ(tavrix_to_lower_case(out.get(), out.size(), "AZaz09@[`{-_ \xc4\x80\xff"), 0);
-    EXPECT_EQ(out.text(), "azaz09@[`{-_ \xc4\x80\xff");
-    EXPECT_TRUE(out.cleared_behind_text());
-}
-
-TEST(LowerCase, CopiesOneCharacterLessThanItsBufferHolds) {
-    for (const auto &[size, copied] :
-         {std::pair<size_t, const char *>(8, "abcdef"), {7, "abcdef"}, {6, "abcde"}, {2, "a"}, {1, ""}}) {
+TEST(LowerCase, ClearsItsBufferAndChangesTheLettersOfWhatFits) {
+    const std::pair<size_t, std::string> rows[] = {{8, "abcdef"}, {7, "abcdef"}, {6, "abcde"}, {2, "a"}, {1, ""}};
+    for (const auto &[size, copied] : rows) {
         Buffer out(size);
         EXPECT_EQ(tavrix_to_lower_case(out.get(), size, "ABCDEF"), 0);
         EXPECT_EQ(out.text(), copied);
     }
+    Buffer out(32);
+    EXPECT_EQ(tavrix_to_lower_case(out.get(), out.size(), "AZaz09@[`{-_ \xc4\x80\xff"), 0);
+    EXPECT_EQ(out.text(), "azaz09@[`{-_ \xc4\x80\xff");
+    EXPECT_TRUE(out.cleared_behind_text());
     Buffer none(4);
     EXPECT_EQ(tavrix_to_lower_case(none.get(), 0, "ABC"), 0);
     EXPECT_TRUE(none.untouched());

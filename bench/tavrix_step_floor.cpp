@@ -24,7 +24,7 @@ struct Shape {
 constexpr Shape shapes[] = {
     {"short", R"({"jsonrpc":"2.0","id":"R1","method":"ports.Get"})", "0"},
     {"usual",
-     R"({"jsonrpc":"2.0","id":"2524546b-ca99-4868-a062-359cefacff7c","method":"ports.Get",)"
+     R"({"jsonrpc":"2.0","id":")" TAVRIX_ROUTER_REPLY_CHANNEL R"(","method":"ports.Get",)"
      R"("params":{"port_id":"c12-5"},"transaction_id":7})",
      R"({"port_id":"c12-5","port_status":1,"link_speed":1000,"vlan_ids":[10,20,30],"description":"lobby"})"},
     {"long", nullptr, nullptr}, // made below: the parameters and the result of 64 ports

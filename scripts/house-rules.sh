@@ -49,7 +49,7 @@ N='-([2-9]|[1-6]\d|7[0-3])\b'
 rule status-number-in-test "an expectation says more by the name of the status or verdict" \
     "(EXPECT|ASSERT)_(EQ|NE)\((.*, $N|(tavrix|validate)_\w+\(.*, -1)\)(;| <<|\$)\
 |(\)|\brc|\bstatus) (==|!=) $N|\b(rc|status) (==|!=) -1\b|(expect\(|\brc, )-\d|\? ($N : 0|0 : -\d)|\breturn $N\
-|\", $N(\}|, [\"{])" '
+|\", $N(\}|, [\"{])|\(-32\d{3}," '
     tavrix_(socket_recv|utils_sw_version_strcmp)\(.*, -1\) # a count, an order
     ^tests/unit/tavrix_error_test\.cpp:' tests fuzz
 
@@ -66,9 +66,12 @@ one_home 'common/names\.h' '"(router|service)\.[A-Z]\w+"|^[^*]*"(logger\.ReloadC
 one_home 'common/wire\.h' '"TAVRIX_SESSION"'
 one_home 'common/bus\.h' 'NN_RCVMAXSIZE|\bNN_TCP_NODELAY'
 one_home 'common/message\.h' 'JSON_DISABLE_EOF_CHECK'
-one_home 'include/tavrix_jrpc\.h' '"(3a6f8f51|505a5451|b4469f46|30e493d7|2524546b)-'
 one_home 'include/tavrix_jrpc\.h' '-32[0-9]{3}\b' '
     ^tools/tavrixctl\.cpp:.*tavrixctl error -32602'
+rule channel "a channel has a name in tavrix_jrpc.h" '(3a6f8f51-5|505a5451-3|b4469f46-e|30e493d7-9|2524546b-ca99-)' '
+    ^include/tavrix_jrpc\.h:
+    ^tests/unit/tavrix_jrpc_framing_test\.cpp: # holds the names to their values
+    ^bench/road/\w+\.[ch]: # the bare processes know nothing of the library' src common include kit daemons tools tests/*/*.{h,cpp} bench fuzz/*.{h,cpp}
 
 # --- Structure ---
 

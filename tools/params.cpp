@@ -15,7 +15,7 @@ Json parse_object(const std::string &text, const std::string &origin) {
     json_error_t error;
     Json object(json_loadb(text.data(), text.size(), JSON_REJECT_DUPLICATES | JSON_DECODE_ANY, &error));
     if (!object) {
-        complain("%s is no JSON: line %d, column %d: %s; members are given as key=text or key:=json", origin.c_str(),
+        complain("%s is not JSON: line %d, column %d: %s; members are given as key=text or key:=json", origin.c_str(),
                  error.line, error.column, printable(error.text).c_str());
     } else if (!json_is_object(object.get())) {
         complain("%s has to be a JSON object", origin.c_str());

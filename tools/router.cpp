@@ -211,7 +211,7 @@ bool is_refused_by_policy(const json_t *data) { return text_of(data, "message") 
 std::string words_of_failure(const std::string &method, const json_t *answer) {
     const json_t *error = json_object_get(answer, "error");
     if (!json_is_object(error)) {
-        return printable(method) + ": the answer is no JSON-RPC response";
+        return printable(method) + ": the answer is not a JSON-RPC response";
     }
     const json_t *data = json_object_get(error, "data");
     std::string why = json_is_string(data) ? json_string_value(data) : text_of(data, "message");

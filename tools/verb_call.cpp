@@ -145,7 +145,7 @@ int judge(const json_t *reply) {
     }
     const int status = status_of(reply);
     if (status == exit_result && json_object_get(reply, "result") == nullptr) {
-        return fail(exit_error_response, "the answer is no JSON-RPC response");
+        return fail(exit_error_response, "the answer is not a JSON-RPC response");
     }
     return status;
 }
@@ -155,7 +155,7 @@ int print_answer(const std::string &answer, JsonStyle style) {
     json_error_t error;
     const Json reply(json_loadb(answer.data(), answer.size(), JSON_DECODE_ANY, &error));
     if (!reply) {
-        complain("the answer is no JSON: %s", printable(error.text).c_str());
+        complain("the answer is not JSON: %s", printable(error.text).c_str());
         print_line(printable(answer));
         return exit_error_response;
     }
@@ -194,7 +194,7 @@ int print_result(const CallOptions &options, const json_t *params, Router *route
     const json_t *result = json_object_get(reply.get(), "result");
     const json_t *error = json_object_get(reply.get(), "error");
     if (result == nullptr && !json_is_object(error)) {
-        return fail(exit_error_response, "the answer is no JSON-RPC response: %s",
+        return fail(exit_error_response, "the answer is not a JSON-RPC response: %s",
                     (reply ? render(reply.get(), JsonStyle::single_line) : printable(answer)).c_str());
     }
     if (error == nullptr) {
@@ -225,7 +225,7 @@ int call(const CallOptions &options) {
     }
     const Json request = make_request(options.method, std::move(params), options.notification ? "" : options.id);
     if (!request) {
-        return fail(exit_usage, "METHOD or --id is no valid UTF-8 text");
+        return fail(exit_usage, "METHOD or --id is not valid UTF-8 text");
     }
     const json_int_t transaction_id = options.transaction_id.value_or(fresh_transaction_id());
     json_object_set_new(request.get(), "transaction_id", json_integer(transaction_id));

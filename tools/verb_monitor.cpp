@@ -144,7 +144,7 @@ bool read_record(const std::string &name, std::vector<Recorded> *out) {
     std::string line;
     for (int number = 1; std::getline(file, line); ++number) {
         if (!read_recorded(line, out)) {
-            complain("%s:%d: this is no line of a record", printable(name).c_str(), number);
+            complain("%s:%d: this is not a line of a record", printable(name).c_str(), number);
             return false;
         }
     }

@@ -66,7 +66,7 @@ std::string where(const Selection &selection) {
 int number_column(sqlite3_stmt *statement, int column) {
     const sqlite3_int64 number = sqlite3_column_int64(statement, column);
     if (sqlite3_column_type(statement, column) != SQLITE_INTEGER || number < INT_MIN || number > INT_MAX) {
-        LOG_ERROR("The database holds in column %s what is no number, or none of 32 bits\n",
+        LOG_ERROR("The database holds a value in column %s that is not a 32-bit integer\n",
                   sqlite3_column_name(statement, column));
         return -1;
     }

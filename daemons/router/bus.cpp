@@ -70,7 +70,7 @@ int Bus::connect(const std::string &address) {
     int endpoint = -1;
     if (tavrix_mq_socket_connect(sub_.get(), tavrix::transport_of(address.c_str()), address.c_str(), &endpoint) !=
         TAVRIX_OK) {
-        LOG_FOREIGN("Cannot listen to %s: it is no address of the bus\n", printable(address).c_str());
+        LOG_FOREIGN("Cannot listen to %s: it is not an address of the bus\n", printable(address).c_str());
         return -1;
     }
     return endpoint;

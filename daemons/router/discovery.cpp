@@ -74,7 +74,7 @@ int Router::on_describe(Own &own) {
     auto &session = static_cast<Session &>(own.client);
     json_t *document = json_object_get(own.params, "document");
     if (session.service == nullptr) {
-        own.problem = "this session is no service";
+        own.problem = "this session is not a service";
         return TAVRIX_JRPC_INVALID_REQUEST;
     }
     own.problem = find_flaw_of(document, *session.service);

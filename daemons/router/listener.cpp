@@ -62,7 +62,7 @@ bool Listener::open_unix(event_base *base, const std::string &path, Taker taker)
 bool Listener::open_tcp(event_base *base, const std::string &address, int port, Taker taker) {
     in_addr parsed{};
     if (inet_pton(AF_INET, address.c_str(), &parsed) != 1) {
-        LOG_ERROR("Cannot listen on %s: it is no IPv4 address\n", address.c_str());
+        LOG_ERROR("Cannot listen on %s: it is not an IPv4 address\n", address.c_str());
         return false;
     }
     tcp_address_ = address;

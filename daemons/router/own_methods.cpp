@@ -258,7 +258,7 @@ std::string Router::listen_to(Service &service, const std::vector<std::string> &
             for (const int connected : service.endpoints) {
                 bus_.disconnect(connected);
             }
-            return "publish: " + address + " is no address of the bus";
+            return "publish: " + address + " is not an address of the bus";
         }
     }
     return "";

@@ -94,7 +94,7 @@ std::string Policy::read_row(const std::string &line, Row *row) const {
     row->patterns = split(line.substr(equals_sign + 1));
     for (const std::string &pattern : row->patterns) {
         if (!is_pattern(pattern)) {
-            return "'" + pattern + "' is no method pattern";
+            return "'" + pattern + "' is not a method pattern";
         }
     }
     if (key == "all") {
@@ -138,7 +138,7 @@ std::string Policy::read_lines(const std::string &path) {
         }
         if (line[0] == '[') {
             if (line.find(']') != line.size() - 1) {
-                return std::string(place).append("'").append(line).append("' is no section");
+                return std::string(place).append("'").append(line).append("' is not a section");
             }
             const std::string name = line.substr(1, line.size() - 2);
             const auto *road = std::find(road_names.begin(), road_names.end(), name);

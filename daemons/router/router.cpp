@@ -610,7 +610,7 @@ void Router::take_frame(std::string_view channel, std::string_view text) {
 void Router::take_for_router(std::string_view text) {
     Json message(json_loadb(text.data(), text.size(), tavrix::parse_flags, nullptr));
     if (!json_is_object(message.get())) {
-        LOG_FOREIGN("Discarded a message that is no JSON object\n");
+        LOG_FOREIGN("Discarded a message that is not a JSON object\n");
         ++statistics_.late;
     } else if (is_notification(message.get())) {
         tavrix_jrpc_router_eval_notification(message.get(), notifications);

@@ -207,7 +207,8 @@ bool connect_endpoint(tavrix_service *service, const char *address, const char *
     if (transport == 0 || grown == nullptr ||
         tavrix_mq_socket_connect(bus->sub, transport, address, &endpoint.id) != TAVRIX_OK) {
         LOG_ERROR("Cannot listen to %s: %s\n", Printable(address).text,
-                  transport == 0 ? "this is no bus address" : (grown == nullptr ? "too many addresses" : bus_error()));
+                  transport == 0 ? "this is not a bus address"
+                                 : (grown == nullptr ? "too many addresses" : bus_error()));
         return false;
     }
     std::snprintf(endpoint.address, sizeof endpoint.address, "%s", address);
@@ -277,7 +278,7 @@ void take_frame(tavrix_service *service, const char *frame, size_t length) {
     const char *channel = json_string_value(id);
     const bool answerable = channel != nullptr && is_method_name(channel);
     if (id != nullptr && !answerable) {
-        LOG_DEBUG("%s: a request on the bus whose id is no channel is passed over\n", Printable(method).text);
+        LOG_DEBUG("%s: a request on the bus whose id is not a channel is passed over\n", Printable(method).text);
         return;
     }
     evaluate(service, std::move(message), {unknown_caller(TAVRIX_ROAD_BUS), channel, nullptr});

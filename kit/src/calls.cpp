@@ -430,7 +430,7 @@ int tavrix_call_fail_with(tavrix_call *call, int code, const char *message, json
         return TAVRIX_ERR_NO_RECORDS;
     }
     if (owner && !json_is_object(owner.get())) {
-        LOG_ERROR("%s: an error's data that is no object is left out\n", name_of(call).text);
+        LOG_ERROR("%s: an error's data that is not an object is left out\n", name_of(call).text);
         owner.reset();
     }
     if (message != nullptr) {

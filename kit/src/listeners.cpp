@@ -149,7 +149,7 @@ void evaluate_client(Client *client) {
     watch_client(client, EV_READ | EV_PERSIST, 0, on_client_moves);
     Json request(json_loadb(client->in, client->length, parse_flags, nullptr));
     if (!request) {
-        LOG_DEBUG("A client's request is no JSON\n");
+        LOG_DEBUG("A client's request is not JSON\n");
     }
     evaluate(client->service, std::move(request),
              {client->caller, nullptr, client}); // the client may be gone when this returns
@@ -374,7 +374,7 @@ uint64_t tavrix_service_listen_tcp(tavrix_service *service, const char *address,
     place.sin_family = AF_INET;
     place.sin_port = htons(static_cast<uint16_t>(port));
     if (service == nullptr || port > 65535 || inet_pton(AF_INET, host, &place.sin_addr) != 1) {
-        return cannot_listen(where, "this is no IPv4 address and port");
+        return cannot_listen(where, "this is not an IPv4 address and port");
     }
     tavrix::Descriptor fd(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     constexpr int on = 1;
@@ -399,7 +399,7 @@ uint64_t tavrix_service_listen_tcp(tavrix_service *service, const char *address,
 uint64_t tavrix_service_listen_pull(tavrix_service *service, const char *address) {
     const int transport = address != nullptr ? transport_of(address) : 0;
     if (service == nullptr || transport == 0) {
-        return cannot_listen(address != nullptr ? address : "", "this is no bus address");
+        return cannot_listen(address != nullptr ? address : "", "this is not a bus address");
     }
     int sock = -1;
     int id = 0;

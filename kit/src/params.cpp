@@ -487,9 +487,9 @@ int check_array(const Check &check, const Place &place) {
         json_t *element = json_array_get(array, i);
         const bool bare = is_bare(row.members);
         const Json holder(bare ? json_pack("{s:O}", "", element) : json_incref(element));
-        rc = bare || json_is_object(element)
-                 ? check_rows_of(check, row.members, holder.get(), path, nullptr)
-                 : refuse(check, place, TAVRIX_ERR_INVALID_PARAMETER, nullptr, "holds an element that is no object");
+        rc = bare || json_is_object(element) ? check_rows_of(check, row.members, holder.get(), path, nullptr)
+                                             : refuse(check, place, TAVRIX_ERR_INVALID_PARAMETER, nullptr,
+                                                      "holds an element that is not an object");
     }
     return rc;
 }

@@ -281,7 +281,7 @@ void tavrix_service_close(tavrix_service *service) {
         return;
     }
     if (service->running) { // the loop that called the handler goes on with what would be gone
-        LOG_ERROR("%s is closed by a handler or a callback: it ends, and is to be closed when it has\n", service->name);
+        LOG_ERROR("%s is closed by a callback: it stops; close it once tavrix_service_run() has returned\n", service->name);
         tavrix_service_stop(service);
         return;
     }

@@ -174,7 +174,7 @@ void take_line(tavrix_service *service, const char *line, size_t length) {
     json_error_t error;
     Json message(json_loadb(line, length, parse_flags, &error));
     if (!json_is_object(message.get())) {
-        LOG_ERROR("The router at %s sent a line that is no JSON object: %s\n", service->session.path,
+        LOG_ERROR("The router at %s sent a line that is not a JSON object: %s\n", service->session.path,
                   Printable(error.text).text);
         if (service->session.state != session_ready) {
             lose_session(service, "its answer cannot be read"); // the next attempt need not wait for a time-out

@@ -52,7 +52,7 @@ Pointer need(Pointer pointer, const char *what = "no memory") {
 Json object_of(const char *text) {
     Json object(json_loads(text, parse_flags, nullptr));
     if (!json_is_object(object.get())) {
-        die("this is no JSON object: ", text);
+        die("this is not a JSON object: ", text);
     }
     return object;
 }
@@ -188,7 +188,7 @@ void take_request(tavrix_service_test *test, const json_t *message, const char *
 }
 
 void take_written(tavrix_service_test *test, const char *line, size_t length) {
-    const Json message(need(json_loadb(line, length, parse_flags, nullptr), "the service wrote what is no JSON"));
+    const Json message(need(json_loadb(line, length, parse_flags, nullptr), "the service wrote what is not JSON"));
     const char *method = json_string_value(json_object_get(message.get(), "method"));
     if (method == nullptr) {
         append_text(test->lines[kind_response], line, length);

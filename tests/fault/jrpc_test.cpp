@@ -102,7 +102,8 @@ TEST_F(EngineFaults, LeaveABuilderWithAWholeTextOrNone) {
                   fault.happened() ? "(null)" : R"({"jsonrpc":"2.0","id":"m","result":["kept"],"transaction_id":7})");
     });
     each_failure([&](Fault &fault) {
-        char *text = fault.in([&] { return tavrix_jrpc_create_error(-32005, id.get(), nullptr, 0, nullptr); });
+        char *text =
+            fault.in([&] { return tavrix_jrpc_create_error(TAVRIX_JRPC_TIMED_OUT, id.get(), nullptr, 0, nullptr); });
         EXPECT_EQ(
             taken(text),
             fault.happened()
@@ -180,7 +181,7 @@ TEST_F(EngineFaults, CostAWaitOneAttempt) {
 }
 
 TEST_F(EngineFaults, LeaveARoutedRequestWithAStatus) {
-    constexpr char routed[] = R"({"method":"x.Give","id":"2524546b-ca99-4868-a062-359cefacff7c"})";
+    constexpr char routed[] = R"({"method":"x.Give","id":")" TAVRIX_ROUTER_REPLY_CHANNEL R"("})";
     each_failure_at_each_level([&](Fault &fault) {
         char *text = nullptr;
         char *channel = nullptr;
@@ -194,7 +195,7 @@ TEST_F(EngineFaults, LeaveARoutedRequestWithAStatus) {
 }
 
 TEST_F(EngineFaults, LeaveADispatchedRequestsIdUntilItCanBeRendered) {
-    BusPair bus("30e493d7-9e02-41b6-97f5-21f2cc9cbbb3");
+    BusPair bus(TAVRIX_CHANNEL_DEFAULT);
     for (const char *level : {"off", "verbose"}) {
         LogCapture log(level);
         each_failure([&](Fault &fault) {
@@ -250,7 +251,7 @@ TEST_F(EngineFaults, LeaveAServersClientClosed) {
 TEST_F(EngineFaults, LeaveTheRoutersClientClosedOrAnswered) {
     int listener = -1;
     ASSERT_EQ(tavrix_jrpc_unix_socket_init("fault.sock", &listener, 1), 0);
-    BusPair bus("2524546b-ca99-4868-a062-359cefacff7c");
+    BusPair bus(TAVRIX_ROUTER_REPLY_CHANNEL);
     each_failure([&](Fault &fault) {
         StreamClient asking = StreamClient::unix_path("fault.sock");
         asking.say(request);
@@ -271,7 +272,7 @@ TEST_F(EngineFaults, LeaveTheRoutersClientClosedOrAnswered) {
         int pair[2];
         ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
         StreamClient asking(pair[0]);
-        bus.publish(std::string("2524546b-ca99-4868-a062-359cefacff7c|") + response);
+        bus.publish(std::string(TAVRIX_ROUTER_REPLY_CHANNEL "|") + response);
         const int rc = fault.in([&] { return tavrix_jrpc_router_mq_to_socket(&bus.sub.number, &pair[1]); });
         EXPECT_EQ(rc, fault.happened() ? TAVRIX_ERR_GENERAL : 0);
         EXPECT_EQ(asking.hear(), fault.happened() ? "" : response);

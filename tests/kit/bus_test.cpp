@@ -163,7 +163,7 @@ TEST_F(Bus, FollowsTheServicesThatTheRouterTellsOf) {
     stage.serve(methods);
     stage.router.say(notification("router.ServiceUp", described("peer", "nonsense\",\"" + peer_address)));
     EXPECT_TRUE(registered_service_answers());
-    EXPECT_TRUE(log.says("Cannot listen to nonsense: this is no bus address"));
+    EXPECT_TRUE(log.says("Cannot listen to nonsense: this is not a bus address"));
     stage.router.say(notification("router.ServiceDown", R"({"name":"peer"})"));
     stage.router.hang_up();
     EXPECT_TRUE(stage.wait_ready());

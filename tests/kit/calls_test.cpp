@@ -175,7 +175,7 @@ TEST_F(Calls, FailWithCodeAndDataThatCanBeReadWhateverItsBytesAre) {
         const std::string answer = stage.ask(method);
         EXPECT_EQ(code_of(answer) + " " + data_of(answer), error) << method;
     }
-    EXPECT_TRUE(log.says("t.RefuseWithAnArray: an error's data that is no object is left out"));
+    EXPECT_TRUE(log.says("t.RefuseWithAnArray: an error's data that is not an object is left out"));
 }
 
 TEST_F(Calls, TakeOneAnswerAndRefuseTheSecond) {

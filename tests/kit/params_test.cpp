@@ -273,7 +273,7 @@ std::vector<KindCase> plain_kinds() {
         values(TAVRIX_PARAM_MEMBERS("value", TAVRIX_KIND_ARRAY, "", 0, 1, 2, bare_port), "an array of 1 to 2 elements",
                read_json, {R"(["d1","d4"])"}, {"[]", R"(["d1","d2","d3"])", R"("d1")"}),
         values(TAVRIX_PARAM_MEMBERS("value", TAVRIX_KIND_ARRAY, "", 0, 1, 2, point), "an array of 1 to 2 elements",
-               read_json, {points}, {"[]", {"[7]", "holds an element that is no object"}}),
+               read_json, {points}, {"[]", {"[7]", "holds an element that is not an object"}}),
         values(TAVRIX_PARAM_MEMBERS("value", TAVRIX_KIND_OBJECT, "", 0, 0, 0, inner), "an object", read_json,
                {R"({"y":1})"}, {"[]", R"("y")", "null"}),
         // Everything is a value; only none is refused.

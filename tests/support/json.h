@@ -59,7 +59,7 @@ std::string notification(const std::string &method, const std::string &params = 
 /** The request for them: router.Subscribe, router.Unsubscribe or router.Monitor, whose last part is its id as well. */
 std::string subscription(const std::string &verb, const std::string &patterns);
 
-/** What the parser says of a text that is no JSON: its line and its words. */
+/** What the parser says of a text that is not JSON: its line and its words. */
 json_error_t parse_error(const std::string &text);
 
 /** A member of a JSON object's text, rendered compactly; "(none)" when it is absent. */

@@ -83,7 +83,7 @@ TEST_F(Mistakes, InACallAreNamedWithWhatIsAllowed) {
 TEST_F(Mistakes, OnTheCommandLineAreNamedWithTheRightWords) {
     const Row rows[] = {
         {{"call", "ports.Get", R"({"port_id":)"},
-         "PARAMS is no JSON: line 1, column 11",
+         "PARAMS is not JSON: line 1, column 11",
          "members are given as key=text or key:=json"},
         {{"call", "ports.Get", "--timout", "1"}, "--timout", "Run with --help"},
         {{"monitor", "tcp:/127.0.0.1:7001"},
@@ -235,7 +235,7 @@ TEST_F(Mistakes, AWrongLineOfAFileIsNamedWithItsNumber) {
     EXPECT_THAT(run({TAVRIX_ROUTERD, "--config", "absent.conf"}), tells(2, "absent.conf", "cannot be opened"));
     write_file("policy.conf", "[unix]\nall=ports.Get, mzu.List\n");
     EXPECT_THAT(start_another_router({"--policy", "policy.conf"}),
-                fails_to_start("policy.conf cannot be used: line 2", "' mzu.List' is no method pattern"));
+                fails_to_start("policy.conf cannot be used: line 2", "' mzu.List' is not a method pattern"));
     write_file("links.txt", "c1-1 up\nc1-1 sideways\n");
     EXPECT_THAT(run({TAVRIX_EVENTSD, "--session", "none.sock", "--publish", fleet.events_address, "--slot", "",
                      "--script", "links.txt"}),

@@ -140,7 +140,7 @@ TEST_F(RouterDiscovery, TakesAServicesWordForItsOwnMethodsOnly) {
 
 TEST_F(RouterDiscovery, IsDescribedByServicesOnly) {
     SessionClient client;
-    EXPECT_EQ(error_of(client.ask(describe(""))), "-32600 this session is no service");
+    EXPECT_EQ(error_of(client.ask(describe(""))), "-32600 this session is not a service");
     EXPECT_EQ(code_of(fleet.ask(describe(""))), "-32601") << "it needs a session";
 }
 
@@ -160,7 +160,7 @@ TEST_F(RouterDiscovery, AnswersOnSessionsAndWhileTheSystemIsLocked) {
 }
 
 TEST_F(RouterDiscovery, KeepsTheReservedNamesToTheRouter) {
-    const Registration taken{"played", "30e493d7-9e02-41b6-97f5-21f2cc9cbbb3", "[]", R"(["rpc.discover"])", "true"};
+    const Registration taken{"played", TAVRIX_CHANNEL_DEFAULT, "[]", R"(["rpc.discover"])", "true"};
     EXPECT_EQ(code_of(SessionClient().ask(taken.line())), "-32602");
     EXPECT_EQ(code_of(fleet.ask(request("rpc.other", "1"))), "-32601");
 }

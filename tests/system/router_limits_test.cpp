@@ -17,6 +17,7 @@
 #include "support/repeating.h"
 #include "support/stranger.h"
 #include "support/system_test.h"
+#include "tavrix_jrpc.h"
 
 using namespace support;
 using namespace testing;
@@ -348,7 +349,7 @@ TEST_F(RouterLimits, RestsWhileASessionThatHasEndedDoesNotRead) {
 
 TEST_F(RouterLimits, KeepsNoStatisticsOfNamesThatAnybodyMayInvent) {
     start({"--max-in-flight", "4096"});
-    DirectService service({"everything", "30e493d7-9e02-41b6-97f5-21f2cc9cbbb3", "[]", "[]", "true"});
+    DirectService service({"everything", TAVRIX_CHANNEL_DEFAULT, "[]", "[]", "true"});
     SessionClient client;
     EXPECT_TRUE(serves(service, client, "log." + std::string(125, 'n')));
     EXPECT_THAT(fleet.status("methods"), Not(HasSubstr("nnn"))) << "a long name";
@@ -374,7 +375,7 @@ TEST_F(RouterLimits, RereadsLogLevelsOnlySoOftenForOneUser) {
 
 TEST_F(RouterLimits, BoundsTheRequestsInFlightOfEachService) {
     start_with_service({"--max-in-flight", "8"});
-    DirectService other({"other", "505a5451-3ef2-4618-8087-9a22b800a510", "[]", R"(["events.List"])", "true"});
+    DirectService other({"other", TAVRIX_CHANNEL_EVENTS, "[]", R"(["events.List"])", "true"});
     SessionClient client;
     std::vector<std::string> in_flight;
     for (int i = 0; i < 4; ++i) {
@@ -427,7 +428,7 @@ TEST_F(RouterLimits, KeepsNoPlaceForLongerThanAReplyIsWaitedFor) {
 
 TEST_F(RouterLimits, BoundsReloadsInFlightToo) {
     start({"--max-in-flight", "8", "--reply-timeout", "86400000"});
-    const BusService service(fleet, {"mute", "30e493d7-9e02-41b6-97f5-21f2cc9cbbb3", "[]", R"(["other.List"])", ""});
+    const BusService service(fleet, {"mute", TAVRIX_CHANNEL_DEFAULT, "[]", R"(["other.List"])", ""});
     SessionClient client;
     for (int i = 0; i < 5; ++i) {
         client.say(request("logger.ReloadConf", std::to_string(i)));

@@ -12,10 +12,10 @@ using namespace testing;
 
 namespace {
 
-constexpr char ids_of_bus[] = R"(,"id":"2524546b-ca99-4868-a062-359cefacff7c"})";
+constexpr char ids_of_bus[] = R"(,"id":")" TAVRIX_ROUTER_REPLY_CHANNEL R"("})";
 
 constexpr char data_of_gone[] = R"({"message":"played, which serves ports.Get, is not there","service":"played",)"
-                                R"("channel":"3a6f8f51-502f-4238-9638-29764ff1a8a4"})";
+                                R"("channel":")" TAVRIX_CHANNEL_FIRST R"("})";
 
 class RouterServices : public LoneRouter {
   protected:
@@ -32,7 +32,7 @@ class RouterServiceAndClient : public RouterServices {
 TEST_F(RouterServices, RegisterToTheByte) {
     SessionClient service;
     EXPECT_EQ(service.ask(R"({"jsonrpc":"2.0","method":"router.Register","id":1,"params":{"name":"portsd",)"
-                          R"("channel":"3a6f8f51-502f-4238-9638-29764ff1a8a4","publish":[],)"
+                          R"("channel":")" TAVRIX_CHANNEL_FIRST R"(","publish":[],)"
                           R"("methods":["ports.Get","mzu.List"],"direct":true}})"),
               R"({"jsonrpc":"2.0","id":1,"result":0})");
     client.say(request("ports.Get", "\"mine\"", ",\"transaction_id\":3,\"params\":{\"port_id\":\"c1-1\"}"));
@@ -131,7 +131,7 @@ TEST_F(RouterServices, OnAnIpcAddressInTheBusFolder) {
     BusService service(fleet, registration);
     EXPECT_EQ(service.registered, R"({"jsonrpc":"2.0","id":"registration","result":0})");
     EXPECT_EQ(result_of(fleet.ask(request("router.Bus", "1")), "services"),
-              R"([{"name":"played","channel":"3a6f8f51-502f-4238-9638-29764ff1a8a4","publish":["ipc://)" + bus +
+              R"([{"name":"played","channel":")" TAVRIX_CHANNEL_FIRST R"(","publish":["ipc://)" + bus +
                   R"(/played"],"methods":["ports.Get"]}])");
     EXPECT_TRUE(serves(service, fleet.connect()));
 }
@@ -146,7 +146,7 @@ TEST_F(RouterServices, AreRefusedWithWordsForWhatIsWrong) {
                                     std::string(".."), std::string("a\\nb"), std::string("\\u00e9")}) {
         expect_refused({name, c, "[]", "[]", "true"}, "name: 1 to 50 letters, digits, '.', '-' and '_'");
     }
-    for (const std::string &channel : {std::string(), std::string("2524546b-ca99-4868-a062-359cefacff7c"), c + "|"}) {
+    for (const std::string &channel : {std::string(), std::string(TAVRIX_ROUTER_REPLY_CHANNEL), c + "|"}) {
         expect_refused({"n", channel, "[]", "[]", "true"}, "channel: none of the service channels");
     }
     for (const std::string &methods :
@@ -157,7 +157,7 @@ TEST_F(RouterServices, AreRefusedWithWordsForWhatIsWrong) {
     }
     expect_refused({"n", c, "[]", R"(["ports.Get","events.List"])", "true"},
                    "methods: events.List is not of this channel");
-    for (const std::string &channel : {c, std::string("30e493d7-9e02-41b6-97f5-21f2cc9cbbb3")}) {
+    for (const std::string &channel : {c, std::string(TAVRIX_CHANNEL_DEFAULT)}) {
         expect_refused({"n", channel, "[]", R"(["router.Status"])", "true"},
                        "methods: router.Status is not of this channel");
     }
@@ -172,7 +172,7 @@ TEST_F(RouterServices, AreRefusedWithWordsForWhatIsWrong) {
     for (const std::string &address :
          {std::string("nonsense"), std::string("inproc://x"), "ipc://" + std::string(108, 'p')}) {
         expect_refused({"n", c, "[\"tcp://127.0.0.1:1\",\"" + address + "\"]", "[]", ""},
-                       "publish: " + address + " is no address of the bus");
+                       "publish: " + address + " is not an address of the bus");
     }
     for (const char *direct : {"5", "\"true\""}) {
         expect_refused({"n", c, "[]", "[]", direct}, "direct: true or false");
@@ -283,7 +283,7 @@ TEST_F(RouterServices, NobodyServesWhatNobodyEverOffered) {
     const std::string nobody = fleet.ask(request("ports.Get", "7"));
     EXPECT_EQ(code_of(nobody), "-32601");
     EXPECT_EQ(data_of(nobody), R"({"message":"no service is there for ports.Get","service":null,)"
-                               R"("channel":"3a6f8f51-502f-4238-9638-29764ff1a8a4"})");
+                               R"("channel":")" TAVRIX_CHANNEL_FIRST R"("})");
     const DirectService service;
     EXPECT_EQ(error_of(fleet.ask(request("ports.Other", "7"))), "-32601 no service offers ports.Other");
 }

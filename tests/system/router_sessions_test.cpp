@@ -327,7 +327,7 @@ TEST_F(RouterSession, HearsWhatIsPublishedOnTheBusToo) {
 
 TEST_F(RouterSession, TakesNobodysWordForTheRoutersOwnNotifications) {
     BusService on_bus(fleet);
-    DirectService direct({"direct", "505a5451-3ef2-4618-8087-9a22b800a510", "[]", R"(["events.List"])", "true"});
+    DirectService direct({"direct", TAVRIX_CHANNEL_EVENTS, "[]", R"(["events.List"])", "true"});
     client.ask(subscription("Subscribe", R"(["*"])"));
     for (const char *method : {"router.Lost", "router.Traffic", "router.Changed", "service.Cancel"}) {
         direct.say(notification(method));
@@ -515,7 +515,7 @@ TEST_F(RouterSession, ShowsAMonitorTheOtherRoadsAndNotifications) {
     EXPECT_EQ(members_of(traffic(monitor), {"leg", "call", "client", "service", "road", "message"}),
               R"("notification" null null null "bus" )" + notification("ports.Changed"))
         << "the bus does not tell which service";
-    DirectService direct({"direct", "505a5451-3ef2-4618-8087-9a22b800a510", "[]", R"(["events.List"])", "true"});
+    DirectService direct({"direct", TAVRIX_CHANNEL_EVENTS, "[]", R"(["events.List"])", "true"});
     direct.say(notification("ports.Changed"));
     EXPECT_EQ(members_of(traffic(monitor), {"service", "road"}), R"("direct" "direct")");
 }

@@ -67,7 +67,7 @@ TEST_F(RouterAndService, CarriesARequestToItsServiceAndTheReplyBack) {
     const std::string on_bus = forwarded(
         *service, client, request("ports.Get", "\"mine\"", R"(,"transaction_id":5,"params":{"port_id":"d1"})"));
     EXPECT_EQ(on_bus, R"({"jsonrpc":"2.0","method":"ports.Get","transaction_id":)" + member(on_bus, "transaction_id") +
-                          R"(,"params":{"port_id":"d1"},"id":"2524546b-ca99-4868-a062-359cefacff7c"})");
+                          R"(,"params":{"port_id":"d1"},"id":")" TAVRIX_ROUTER_REPLY_CHANNEL R"("})");
     service->reply(on_bus, "[1]");
     EXPECT_EQ(client.hear(), reply_of("\"ports.Get\"", "[1]", "5"));
 }

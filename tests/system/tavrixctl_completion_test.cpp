@@ -8,6 +8,7 @@
 #include "support/mutation.h"
 #include "support/played_server.h"
 #include "support/system_test.h"
+#include "tavrix_jrpc.h"
 
 using namespace support;
 using namespace testing;
@@ -70,7 +71,7 @@ class CtlCompletionOfForeignWords : public LoneRouter {
         EXPECT_THAT(answer, HasSubstr("\"result\":0"));
     }
 
-    DirectService service{{"played", "b4469f46-e963-42ef-9fd2-f978e73adc76", "[]", R"(["i.Do"])", "true"}};
+    DirectService service{{"played", TAVRIX_CHANNEL_INTERFACES, "[]", R"(["i.Do"])", "true"}};
 };
 
 class CtlCompletionOfPorts : public LoneRouter {

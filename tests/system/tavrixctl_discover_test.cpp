@@ -2,6 +2,7 @@
  * tavrixctl's list, describe and docs: what the services say of their methods, for people.
  */
 #include "support/system_test.h"
+#include "tavrix_jrpc.h"
 
 using namespace support;
 using namespace testing;
@@ -60,7 +61,7 @@ TEST_F(CtlDiscover, PrintsDocumentsAsMarkdownAndAsTheyCome) {
 }
 
 TEST_F(CtlDiscover, StaysOnOneLineWhateverAServiceSays) {
-    DirectService service({"played", "b4469f46-e963-42ef-9fd2-f978e73adc76", "[]", R"(["i.Do"])", "true"});
+    DirectService service({"played", TAVRIX_CHANNEL_INTERFACES, "[]", R"(["i.Do"])", "true"});
     service.ask(
         R"({"jsonrpc":"2.0","method":"router.Describe","id":1,"params":{"document":{"methods":[{"name":"i.Do",)"
         R"("summary":"a\u001b[31m\n|b","tags":7,"params":[7,{"name":"x'y","schema":{"type":"array","items":7}}],)"

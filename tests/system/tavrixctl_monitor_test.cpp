@@ -274,7 +274,7 @@ TEST(CtlReplay, RefusesWhatIsNoRecord) {
     write_file("wrong.json", R"({"time":1,"method":"ports.Get","request":{}})"
                              "\nnonsense\n");
     EXPECT_THAT(ctl({"replay", "wrong.json", "--session", "session.sock"}),
-                fails(2, "tavrixctl: wrong.json:2: this is no line of a record\n"));
+                fails(2, "tavrixctl: wrong.json:2: this is not a line of a record\n"));
     EXPECT_EQ(ctl({"replay", "no-such-file", "--session", "session.sock"}).status, 2);
     EXPECT_EQ(script("TAVRIX_SESSION=session.sock tavrixctl replay wrong.json").status, 2)
         << "a record is never sent to the usual system by mistake";

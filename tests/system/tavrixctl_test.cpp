@@ -186,7 +186,7 @@ TEST_F(RoutedCtl, CallPrintsAResultOnSeveralLinesOnATerminal) {
 }
 
 TEST(CtlCall, TellsAnAnswerThatIsNoResponse) {
-    const std::string no_response = "tavrixctl: the answer is no JSON-RPC response";
+    const std::string no_response = "tavrixctl: the answer is not a JSON-RPC response";
     const struct {
         std::vector<std::string> words;
         std::string answer;
@@ -204,7 +204,7 @@ TEST(CtlCall, TellsAnAnswerThatIsNoResponse) {
          "\033[2J",
          1,
          "\\x1b[2J\n",
-         AllOf(StartsWith("tavrixctl: the answer is no JSON: "), Not(HasSubstr("\033")))},
+         AllOf(StartsWith("tavrixctl: the answer is not JSON: "), Not(HasSubstr("\033")))},
         {{"call", "x.Y"}, // U+009B and DEL, raw
          "{\"result\":\"\xc2\x9b\x32J \x7f\x7f \xc3\xa4 \\u001b\"}",
          0,

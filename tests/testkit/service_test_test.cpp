@@ -255,8 +255,8 @@ TEST_F(TestKitDeathTest, ShowsWhyAHandlerEndedTheProgram) {
 }
 
 TEST_F(TestKitDeathTest, RefusesWhatIsNoObject) {
-    EXPECT_DEATH(call("t.Echo", "[]"), "this is no JSON object: \\[\\]");
-    EXPECT_DEATH(play("o.First", "1"), "this is no JSON object: 1");
+    EXPECT_DEATH(call("t.Echo", "[]"), "this is not a JSON object: \\[\\]");
+    EXPECT_DEATH(play("o.First", "1"), "this is not a JSON object: 1");
     EXPECT_DEATH(tavrix_service_test_call(nullptr, "t.Echo", nullptr), "there is no test");
 }
 

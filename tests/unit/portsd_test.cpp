@@ -531,8 +531,8 @@ TEST_F(PortsService, ShowsNoStoredValueThatIsNone) {
     } rows[] = {
         {"ports SET status = 2", "2 for a port status"},
         {"ports SET status = -1", "-1 for a port status", "all"},
-        {"ports SET status = 4294967297", "in column status what is no number, or none of 32 bits"}, // 1 when cut
-        {"ports SET status = 'on'", "in column status what is no number"},
+        {"ports SET status = 4294967297", "a value in column status that is not a 32-bit integer"}, // 1 when cut
+        {"ports SET status = 'on'", "a value in column status that is not a 32-bit integer"},
         {"vlan_members SET vlan_id = 4093 WHERE vlan_id = 10", "an invalid VLAN id"},
         {"vlan_members SET vlan_id = 4294967297 WHERE vlan_id = 10", "an invalid VLAN id"},
         {"ports SET poe_status = 5", "5 for a PoE status"},

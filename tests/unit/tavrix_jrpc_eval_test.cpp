@@ -284,7 +284,7 @@ TEST(CreateResponse, ReportsWhatCannotBeRendered) {
     json_array_append(inner, loop.get()); // a circle has no text
     const LogCapture log("info");
     EXPECT_EQ(tavrix_jrpc_create_response(loop.get(), value.get(), 0, nullptr), nullptr);
-    EXPECT_EQ(tavrix_jrpc_create_error(-32001, value.get(), loop.get(), 0, nullptr), nullptr);
+    EXPECT_EQ(tavrix_jrpc_create_error(TAVRIX_JRPC_UNKNOWN_ERROR, value.get(), loop.get(), 0, nullptr), nullptr);
     EXPECT_TRUE(log.said({"ERROR|tavrix_jrpc_create_response: Failed to create JRPC response",
                           "ERROR|tavrix_jrpc_create_error: Failed to create JRPC response"}));
     json_array_clear(inner);
@@ -294,7 +294,9 @@ TEST(Builders, IndentFrom0To31) {
     const Json value(json_integer(1));
     const std::string indented = "{\n" + std::string(31, ' ') + "\"";
     EXPECT_EQ(taken(tavrix_jrpc_create_response(value.get(), value.get(), 31, nullptr)).find(indented), 0U);
-    EXPECT_EQ(taken(tavrix_jrpc_create_error(-32001, value.get(), nullptr, 31, nullptr)).find(indented), 0U);
+    EXPECT_EQ(
+        taken(tavrix_jrpc_create_error(TAVRIX_JRPC_UNKNOWN_ERROR, value.get(), nullptr, 31, nullptr)).find(indented),
+        0U);
     EXPECT_EQ(taken(tavrix_jrpc_create_response(value.get(), value.get(), 0, nullptr)).find('\n'), std::string::npos);
 }
 
@@ -302,11 +304,11 @@ TEST(CreateError, CarriesCodeMessageAndData) {
     const Json id(json_string("m"));
     const Json data(json_pack("[i]", 1));
     expect_json(
-        taken(tavrix_jrpc_create_error(-32003, id.get(), data.get(), 0, nullptr)),
+        taken(tavrix_jrpc_create_error(TAVRIX_JRPC_UNSUPPORTED_FEATURE, id.get(), data.get(), 0, nullptr)),
         R"({"jsonrpc":"2.0","id":"m","error":{"code":-32003,"data":[1],"message":)"
         R"("This feature is not supported in this version, or the API may be incorrectly formed.  Please check the API documentation for further details."}})");
     expect_json(
-        taken(tavrix_jrpc_create_error(-32700, id.get(), nullptr, 0, data.get())),
+        taken(tavrix_jrpc_create_error(TAVRIX_JRPC_PARSE_ERROR, id.get(), nullptr, 0, data.get())),
         R"({"jsonrpc":"2.0","id":"m","transaction_id":[1],"error":{"code":-32700,"message":"Parse error","data":null}})");
     EXPECT_EQ(id->refcount, 1U);
     EXPECT_EQ(data->refcount, 1U);
@@ -315,9 +317,9 @@ TEST(CreateError, CarriesCodeMessageAndData) {
 TEST(CreateError, RefusesNullAndBadIndentAtDebugLevel) {
     const Json id(json_string("m"));
     const LogCapture log("debug");
-    EXPECT_EQ(tavrix_jrpc_create_error(-32001, nullptr, nullptr, 0, nullptr), nullptr);
-    EXPECT_EQ(tavrix_jrpc_create_error(-32001, id.get(), nullptr, -1, nullptr), nullptr);
-    EXPECT_EQ(tavrix_jrpc_create_error(-32001, id.get(), nullptr, 32, nullptr), nullptr);
+    EXPECT_EQ(tavrix_jrpc_create_error(TAVRIX_JRPC_UNKNOWN_ERROR, nullptr, nullptr, 0, nullptr), nullptr);
+    EXPECT_EQ(tavrix_jrpc_create_error(TAVRIX_JRPC_UNKNOWN_ERROR, id.get(), nullptr, -1, nullptr), nullptr);
+    EXPECT_EQ(tavrix_jrpc_create_error(TAVRIX_JRPC_UNKNOWN_ERROR, id.get(), nullptr, 32, nullptr), nullptr);
     EXPECT_TRUE(log.said({"DEBUG|[tavrix_jrpc_create_error]: NULL pointer!",
                           "DEBUG|[tavrix_jrpc_create_error]: Invalid indent -1!",
                           "DEBUG|[tavrix_jrpc_create_error]: Invalid indent 32!"}));

@@ -203,7 +203,7 @@ TEST(RouterFailures, AreReportedOnBothPaths) {
                       TAVRIX_ERR_GENERAL);
         }
         EXPECT_EQ(request, nullptr);
-        EXPECT_EQ(taken(channel), "3a6f8f51-502f-4238-9638-29764ff1a8a4") << "stored before the failing step";
+        EXPECT_EQ(taken(channel), TAVRIX_CHANNEL_FIRST) << "stored before the failing step";
         const Json object(json_loads(R"({"method":"p","id":1})", 0, nullptr));
         const BusSocket pub(TAVRIX_SP_PUB);
         {

@@ -20,11 +20,11 @@ using namespace support;
 namespace {
 
 constexpr char unit[] = "tavrix_jrpc";
-constexpr char reply_channel[] = "2524546b-ca99-4868-a062-359cefacff7c";
-constexpr char first_channel[] = "3a6f8f51-502f-4238-9638-29764ff1a8a4";
+constexpr char reply_channel[] = TAVRIX_ROUTER_REPLY_CHANNEL;
+constexpr char first_channel[] = TAVRIX_CHANNEL_FIRST;
 constexpr char request[] = R"({"jsonrpc":"2.0","method":"ports.Get","id":7,"transaction_id":3})";
 constexpr char on_bus[] =
-    R"({"jsonrpc":"2.0","method":"ports.Get","transaction_id":3,"id":"2524546b-ca99-4868-a062-359cefacff7c"})";
+    R"({"jsonrpc":"2.0","method":"ports.Get","transaction_id":3,"id":")" TAVRIX_ROUTER_REPLY_CHANNEL R"("})";
 
 /** The words for a text that is no JSON. */
 std::string stopped_at(const std::string &text) {
@@ -100,7 +100,7 @@ TEST_F(Router, RoutesByTheMethodsNameAndEscapesWhatIsNotAscii) {
     const StreamClient asking = connect("{\"method\":\"events.X\",\"id\":1,\"params\":{\"n\":\"\xc3\xbc\"}}");
     ASSERT_EQ(take_in_one_call(), 0);
     const std::string frame = bus.receive();
-    EXPECT_EQ(frame.rfind("505a5451-3ef2-4618-8087-9a22b800a510|", 0), 0U);
+    EXPECT_EQ(frame.rfind(TAVRIX_CHANNEL_EVENTS "|", 0), 0U);
     EXPECT_NE(frame.find("\\u00FC"), std::string::npos);
 }
 

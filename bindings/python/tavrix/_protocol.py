@@ -245,7 +245,7 @@ class Protocol:
         try:
             message = json.loads(line)
         except ValueError as error:
-            raise Disconnected(f"the router sent a line that is no JSON: {error}") from error
+            raise Disconnected(f"the router sent a line that is not JSON: {error}") from error
         events = [self._read(part) for part in (message if isinstance(message, list) else [message])]
         return [event for event in events if event is not None]
 

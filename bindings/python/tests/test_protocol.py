@@ -108,7 +108,7 @@ class Answers(unittest.TestCase):
         self.assertIsInstance(event, Refusal)
 
     def test_that_are_none_end_the_session(self):
-        with self.assertRaisesRegex(Disconnected, "no JSON"):
+        with self.assertRaisesRegex(Disconnected, "not JSON"):
             Protocol().feed(b"{\n")
         self.assertEqual(Protocol().feed(b"7\n"), [])
 

@@ -176,7 +176,7 @@ class Notifications(SessionTest):
     def test_with_a_pattern_that_the_router_refuses_leave_nothing_behind(self):
         session = self.open()
         with self.assertRaises(tavrix.CallError):
-            session.subscribe("x" * 200)
+            session.subscribe("x" * 256)
         self.assertEqual(session.call("router.Status")["locked"], False)
 
 

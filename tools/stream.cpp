@@ -150,10 +150,10 @@ std::vector<Road> roads_to(const Target &target) {
         return {given.front()};
     }
     // Who names one socket of a router means that router: the usual paths could be another one's.
-    const std::vector<Road> meant =
+    const std::vector<Road> from_environment =
         named({{RoadKind::session, environment("TAVRIX_SESSION")}, {RoadKind::one_shot, environment("TAVRIX_SOCKET")}});
-    return !meant.empty()
-               ? meant
+    return !from_environment.empty()
+               ? from_environment
                : std::vector<Road>{{RoadKind::session, default_session}, {RoadKind::one_shot, tavrix::router_socket}};
 }
 

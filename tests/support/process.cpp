@@ -29,10 +29,6 @@ std::vector<std::string> emulated(const std::vector<std::string> &arguments) {
     return all;
 }
 
-int open_for_output(const std::string &path) {
-    return open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-}
-
 } // namespace
 
 std::vector<std::string> lines_of(const std::string &text) {
@@ -73,17 +69,14 @@ Process::Process(const std::string &name, const std::vector<std::string> &argume
         argv.push_back(word.data());
     }
     argv.push_back(nullptr);
-    const int log_fd = open_for_output(name + ".log");
-    const int out_fd = open_for_output(name + ".out");
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_adddup2(&actions, out_fd, STDOUT_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, log_fd, STDERR_FILENO);
+    for (const auto &[fd, ending] : {std::pair(STDOUT_FILENO, ".out"), std::pair(STDERR_FILENO, ".log")}) {
+        posix_spawn_file_actions_addopen(&actions, fd, (name + ending).c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    }
     const int rc = posix_spawnp(&pid_, argv[0], &actions, nullptr, argv.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
-    close(log_fd);
-    close(out_fd);
     if (rc != 0) {
         throw std::runtime_error("cannot start " + arguments[0]);
     }

@@ -1,5 +1,6 @@
 #include "support/process.h"
 
+#include <algorithm>
 #include <csignal>
 #include <fstream>
 #include <iterator>
@@ -64,11 +65,8 @@ void write_file(const std::string &path, const std::string &text) { std::ofstrea
 
 Process::Process(const std::string &name, const std::vector<std::string> &arguments, Origin origin) : name_(name) {
     std::vector<std::string> words = origin == Origin::build ? emulated(arguments) : arguments;
-    std::vector<char *> argv;
-    for (std::string &word : words) {
-        argv.push_back(word.data());
-    }
-    argv.push_back(nullptr);
+    std::vector<char *> argv(words.size() + 1); // the last one is null
+    std::transform(words.begin(), words.end(), argv.begin(), [](std::string &word) { return word.data(); });
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);

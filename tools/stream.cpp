@@ -151,11 +151,11 @@ std::vector<Road> roads_to(const Target &target) {
         return {given.front()};
     }
     // Who names one socket of a router means that router: the usual paths could be another one's.
-    const std::vector<Road> told = named({{RoadKind::session, environment(tavrix::session_variable)},
-                                          {RoadKind::one_shot, environment("TAVRIX_SOCKET")}});
-    return !told.empty() ? told
-                         : std::vector<Road>{{RoadKind::session, TAVRIX_SERVICE_SESSION},
-                                             {RoadKind::one_shot, tavrix::router_socket}};
+    const std::vector<Road> from_environment = named({{RoadKind::session, environment(tavrix::session_variable)},
+                                                      {RoadKind::one_shot, environment("TAVRIX_SOCKET")}});
+    return !from_environment.empty() ? from_environment
+                                     : std::vector<Road>{{RoadKind::session, TAVRIX_SERVICE_SESSION},
+                                                         {RoadKind::one_shot, tavrix::router_socket}};
 }
 
 int connect_to(const std::vector<Road> &roads, size_t request_size, const Deadline &deadline, Socket *out,

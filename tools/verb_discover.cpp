@@ -15,8 +15,6 @@ namespace {
 constexpr size_t deepest = 8; // of values within values
 constexpr char plain_characters[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-+=:.,/@%";
 
-// --- What a document says ------------------------------------------------------------------------------------------
-
 std::string shown(const json_t *object, const char *key) { return printable(text_of(object, key)); }
 
 std::string tags_of(const json_t *method) {
@@ -136,8 +134,6 @@ std::string example_call(const json_t *method) {
     return call;
 }
 
-// --- For people ----------------------------------------------------------------------------------------------------
-
 void add_fields(const char *title, const std::vector<Field> &fields, std::vector<std::string> *lines) {
     lines->push_back("");
     Table table({title, "", "", ""});
@@ -175,8 +171,6 @@ int complain_of_unknown(const std::string &name, const std::vector<const json_t 
     return fail(exit_error_response, "no service describes %s%s%s%s", printable(name).c_str(),
                 near.empty() ? "" : "; did you mean ", printable(near).c_str(), near.empty() ? "" : "?");
 }
-
-// --- Markdown ------------------------------------------------------------------------------------------------------
 
 /** What others said, without what Markdown would take for its own. */
 std::string markdown(const std::string &text) {

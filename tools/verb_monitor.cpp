@@ -18,8 +18,6 @@ namespace tavrixctl {
 
 namespace {
 
-// --- Watching ------------------------------------------------------------------------------------------------------
-
 class Watcher {
   public:
     explicit Watcher(const MonitorOptions &options) : options_(options) {}
@@ -110,8 +108,6 @@ int monitor_router(const MonitorOptions &options, const std::vector<std::string>
     watcher.tell_figures();
     return status;
 }
-
-// --- Once more -----------------------------------------------------------------------------------------------------
 
 struct Recorded {
     double time;

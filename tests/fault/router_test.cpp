@@ -424,7 +424,7 @@ TEST_F(RouterFaults, OfTheBusConcernTheCallersOverIt) {
                          service.reply(asked, "4");
                      }
                      service.reply(R"({"jsonrpc":"2.0","method":"router.Hello","params":{"name":"n",)"
-                                           R"("channel":"c"}})");
+                                   R"("channel":"c"}})");
                      expect_own(client.hear(), "1", "4");
                  });
     for (const char *function : {"nn_allocmsg", "nn_send", "nn_recv"}) {

@@ -128,27 +128,18 @@ void BusSocket::close() {
     number = -1;
 }
 
-namespace {
-
-int transport_of(const std::string &address) {
-    return address.rfind("ipc://", 0) == 0 ? TAVRIX_TRANSPORT_IPC : TAVRIX_TRANSPORT_TCP;
-}
-
-} // namespace
-
-void BusSocket::bind(const std::string &address) {
+/** Binds or connects. */
+static void reach(decltype(tavrix_mq_socket_bind) *call, int socket, const std::string &address) {
+    const int transport = address.rfind("ipc://", 0) == 0 ? TAVRIX_TRANSPORT_IPC : TAVRIX_TRANSPORT_TCP;
     int endpoint = 0;
-    if (tavrix_mq_socket_bind(number, transport_of(address), address.c_str(), &endpoint) != 0) {
-        throw std::runtime_error("cannot bind " + address);
+    if (call(socket, transport, address.c_str(), &endpoint) != 0) {
+        throw std::runtime_error("cannot reach " + address);
     }
 }
 
-void BusSocket::connect(const std::string &address) {
-    int endpoint = 0;
-    if (tavrix_mq_socket_connect(number, transport_of(address), address.c_str(), &endpoint) != 0) {
-        throw std::runtime_error("cannot connect " + address);
-    }
-}
+void BusSocket::bind(const std::string &address) { reach(tavrix_mq_socket_bind, number, address); }
+
+void BusSocket::connect(const std::string &address) { reach(tavrix_mq_socket_connect, number, address); }
 
 std::string BusSocket::next_text(int timeout_ms) const {
     std::string frame;

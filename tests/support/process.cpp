@@ -1,5 +1,6 @@
 #include "support/process.h"
 
+#include <algorithm>
 #include <csignal>
 #include <fstream>
 #include <iterator>
@@ -27,10 +28,6 @@ std::vector<std::string> emulated(const std::vector<std::string> &arguments) {
     std::vector<std::string> all((std::istream_iterator<std::string>(words)), std::istream_iterator<std::string>());
     all.insert(all.end(), arguments.begin(), arguments.end());
     return all;
-}
-
-int open_for_output(const std::string &path) {
-    return open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
 }
 
 } // namespace
@@ -68,22 +65,16 @@ void write_file(const std::string &path, const std::string &text) { std::ofstrea
 
 Process::Process(const std::string &name, const std::vector<std::string> &arguments, Origin origin) : name_(name) {
     std::vector<std::string> words = origin == Origin::build ? emulated(arguments) : arguments;
-    std::vector<char *> argv;
-    for (std::string &word : words) {
-        argv.push_back(word.data());
-    }
-    argv.push_back(nullptr);
-    const int log_fd = open_for_output(name + ".log");
-    const int out_fd = open_for_output(name + ".out");
+    std::vector<char *> argv(words.size() + 1); // the last one is null
+    std::transform(words.begin(), words.end(), argv.begin(), [](std::string &word) { return word.data(); });
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_adddup2(&actions, out_fd, STDOUT_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, log_fd, STDERR_FILENO);
+    for (const auto &[fd, ending] : {std::pair(STDOUT_FILENO, ".out"), std::pair(STDERR_FILENO, ".log")}) {
+        posix_spawn_file_actions_addopen(&actions, fd, (name + ending).c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    }
     const int rc = posix_spawnp(&pid_, argv[0], &actions, nullptr, argv.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
-    close(log_fd);
-    close(out_fd);
     if (rc != 0) {
         throw std::runtime_error("cannot start " + arguments[0]);
     }

@@ -102,7 +102,7 @@ namespace {
 
 /** The address of a service's publisher, which its registration names from now on. */
 std::string settle_address(Registration *registration) {
-    const std::string address = registration->publish == "[]" ? free_bus_address() : registration->publish;
+    std::string address = registration->publish == "[]" ? free_bus_address() : registration->publish;
     registration->publish = "[\"" + address + "\"]";
     return address;
 }

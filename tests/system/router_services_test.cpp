@@ -2,6 +2,7 @@
  * Services that register with the router: what it says to each registration, and what becomes of their calls.
  */
 #include <filesystem>
+#include <iterator>
 
 #include "support/mutation.h"
 #include "support/system_test.h"
@@ -236,6 +237,26 @@ TEST_F(RouterServices, AreBoundedInNumber) {
     services.pop_back();
     EXPECT_TRUE(fleet.router->says("Service s255 has gone"));
     EXPECT_EQ(result_of(one_more.ask(Registration{"more"}.line())), "0") << "one that has gone makes room";
+}
+
+TEST_F(RouterServices, MayComeAndGoTenThousandTimes) {
+    write_log_levels("routerd=off"); // two lines each
+    fleet.router->signal(SIGHUP);
+    const auto open_ones = [this] {
+        const std::filesystem::directory_iterator all("/proc/" + std::to_string(fleet.router->pid()) + "/fd");
+        return std::distance(begin(all), end(all));
+    };
+    EXPECT_EQ(id_of(client.ask(request("router.Status", "1"))), "1");
+    const auto before = open_ones();
+    for (int i = 0; i < 10000; ++i) {
+        const std::string method = "ports.M" + std::to_string(i);
+        DirectService service(Registration::of("[\"" + method + "\"]", "s" + std::to_string(i)));
+        if (i % 100 == 0) {
+            ASSERT_TRUE(serves(service, client, method));
+        }
+    }
+    EXPECT_TRUE(wait_until([&] { return open_ones() <= before; }));
+    EXPECT_LE(json_array_size(parsed(fleet.status("services")).get()), 256U) << "those that have gone make room";
 }
 
 TEST_F(RouterServices, ThatGoHaveTheirCallersAnsweredAtOnceAndAreCalledAgain) {

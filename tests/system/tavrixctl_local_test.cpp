@@ -32,15 +32,6 @@ int expect_options_on(const std::string &page, const std::string &help) {
 
 } // namespace
 
-TEST(CtlHelp, ExplainsTheToolAndEachVerbWithExamples) {
-    for (const std::string &verb : verbs()) {
-        EXPECT_THAT(script("tavrixctl " + verb + " --help"),
-                    prints(AllOf(HasSubstr("examples:"), HasSubstr("tavrixctl"))))
-            << verb;
-        EXPECT_THAT(script("tavrixctl " + verb + " --version"), prints(StartsWith("tavrixctl 1."))) << verb;
-    }
-}
-
 TEST(CtlError, ExplainsBothNumberings) {
     EXPECT_EQ(ctl({"error", "-35"}).output, "status   -35  Request parameter not found\n"
                                             "json-rpc -32602  Invalid parameter(s)\n");

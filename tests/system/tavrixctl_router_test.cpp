@@ -10,11 +10,7 @@
 using namespace support;
 using namespace testing;
 
-namespace {
-
 using RoutedCtl = StartedRouter;
-
-} // namespace
 
 TEST_F(RoutedCtl, StatusShowsServicesAndMethodsAsTables) {
     const AnsweringService service("portsd", {"ports.Get", "ports.Set"}, [](const std::string &method, const auto &) {

@@ -274,7 +274,7 @@ TEST(CtlHelp, IsTheSameByVerbAndByOption) {
     EXPECT_EQ(ctl({"help"}).output, ctl({"--help"}).output);
     EXPECT_EQ(ctl({"help", "call"}).output, ctl({"call", "-h"}).output);
     EXPECT_EQ(ctl({"help", "shm", "get"}).output, ctl({"shm", "get", "--help"}).output);
-    EXPECT_EQ(ctl({"-V"}).output, ctl({"call", "--version"}).output);
+    EXPECT_THAT(ctl({"-V"}), prints(AllOf(StartsWith("tavrixctl 1."), ctl({"call", "--version"}).output)));
 }
 
 TEST(CtlCall, RefusesWrongUsage) {
@@ -339,9 +339,9 @@ TEST(CtlHelp, GivesExamplesThatWorkWithTheDaemonsOwnAddresses) {
     std::vector<std::string> all = verbs();
     all.insert(all.end(), {"shm get", "shm set"});
     for (const std::string &verb : all) {
-        const std::string help = script("tavrixctl " + verb + " --help").output;
-        ASSERT_THAT(help, HasSubstr("examples:\n  ")) << verb;
-        for (std::string example : examples_of(help)) {
+        const Finished help = script("tavrixctl " + verb + " --help");
+        ASSERT_THAT(help, prints(HasSubstr("examples:\n  "))) << verb;
+        for (std::string example : examples_of(help.output)) {
             for (const auto &[name, by] : private_names) {
                 example = replaced(example, name, by);
             }
@@ -362,22 +362,14 @@ TEST_F(RoutedCtl, MonitorPrintsEveryFrameOfBothDirections) {
     const auto monitor = ctl_that_says("connected to 2 of 2", {"monitor", fleet.router_address, fleet.ports_address});
     {
         // Again and again: the publishers' ends of the monitor's connections may stand a moment later than its own.
-        const Repeating calls([&] {
-            EXPECT_EQ(
-                member(answered(service, fleet.connect(),
-                                request("ports.Get", "\"a\"", R"(,"transaction_id":31,"params":{"port_id":"d1"})"),
-                                "0"),
-                       "transaction_id"),
-                "31");
-        });
+        const Repeating calls([&] { EXPECT_TRUE(serves(service, fleet.connect())); });
         EXPECT_TRUE(monitor->prints(R"(  first  {"jsonrpc":"2.0","method":"ports.Get")"));
         EXPECT_TRUE(monitor->prints(R"(  replies  {"jsonrpc":"2.0","id":"ports.Get")"));
     }
     EXPECT_EQ(monitor->end_by(SIGINT), 0);
 }
 
-/** What a monitor of the bus prints, its lines without their times, while these frames are published again and again.
- */
+/** The lines that a monitor of the bus prints, without their times, while these frames come again and again. */
 std::vector<std::string> monitored(const std::vector<std::string> &words, const std::vector<std::string> &frames) {
     const std::string address = free_bus_address();
     BusSocket publisher(TAVRIX_SP_PUB);

@@ -60,6 +60,10 @@ while read -r verb; do tavrixctl help "$verb" >/dev/null || fail "a page has tav
 for page in "$source"/README.md "$source"/CONTRIBUTING.md "$source"/docs/*.md; do
     while read -r script; do [ -x "$source/$script" ] || fail "$page: there is no $script"; done < <(
         grep -oE '\bscripts/[a-z-]+\.(sh|py)' "$page" | sort -u)
+    while read -r script option; do
+        grep -qE -e "$option\b" "$source/$script" || fail "$page: $script has no $option"
+    done < <(grep -oE '\bscripts/[a-z-]+\.sh [^`|&#]*' "$page" |
+        awk '{for (i = 2; i <= NF; ++i) if ($i ~ /^--[a-z-]+$/) print $1, $i}' | sort -u)
     # shellcheck disable=SC2016
     while read -r path; do [ -e "$source/$path" ] || fail "$page: there is no $path"; done < <(
         grep -oE '`(src|include|docs|tests|daemons|kit|tools|fuzz|bench|examples|packaging)/[A-Za-z0-9_/.-]+`' "$page" |

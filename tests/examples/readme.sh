@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# The README's service as it stands, by the commands below it, and the service in the kit's header as it stands, built
-# through the CMake package: it takes the first one's place.
+# The README's service as it stands, by the commands below it; the service in the kit's header as it stands, built through
+# the CMake package: it takes the first one's place; and the commands that install the system from source.
 # usage: readme.sh BUILD_DIR CC CXX EMULATOR SYSROOT FLAGS
 set -euo pipefail
 source "$(dirname "$0")/installed.sh"
@@ -52,3 +52,25 @@ expect "the header's service" "$(tavrixctl call hello.Say name=you)" '{"hello":"
 check_description "$(tavrixctl call hello.Say name=you)"
 kill "${pids[-1]}"
 wait "${pids[-1]}" || fail "the header's service did not stop cleanly"
+
+# From source: all but the compiling, which has been done here. What is installed is this build, in a place of its own.
+if [ -z "$sysroot" ]; then # they are for the machine that they are typed on
+    mkdir tree
+    ln -s "$source"/* tree
+    rm -f tree/build
+    cat >from_source.sh <<TEXT
+cmake() {
+    case "\$1" in
+    --build) command cmake "\$@" -- -n ;;
+    --install) [ -e "\$2/cmake_install.cmake" ] && command cmake --install "$build" --prefix "$work/from_source" ;;
+    *) command cmake "\$@" ;;
+    esac
+}
+sudo() { "\$@"; }
+ldconfig() { ls "$work"/from_source/bin/tavrixctl "$work"/from_source/sbin/tavrix-routerd; }
+TEXT
+    sed -n '/^    \.\/scripts\/install-packages\.sh/,/^$/s/^    //p' "$source/README.md" >commands
+    [ "$(wc -l <commands)" -ge 3 ] || fail "the README does not say how to install from source"
+    (cd tree && cat ../from_source.sh ../commands | bash -e) >from_source.log 2>&1 ||
+        fail "the README's commands from source fail"
+fi

@@ -110,6 +110,7 @@ page() { # NAME
     mkdir -p "/tried/$1/listings" "/tried/$1/files"
     cd "/tried/$1/files"
     awk -v listings=../listings -v files=. -f /tried/listings.awk "/usr/share/doc/tavrix-doc/docs/$1.md"
+    [ -n "$(find ../listings -name '*.text')" ] || fail "the page $1 shows nothing that it prints"
     for commands in ../listings/*.sh; do
         text=${commands%.sh}.text status=0
         grep -v -e '^export TAVRIX_SESSION' -e '^tavrix-routerd ' "$commands" >here.sh

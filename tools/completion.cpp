@@ -32,7 +32,7 @@ Json ask_router(const Target &target, const char *method) {
     const Silence silence;
     Json result;
     if (leads_to_unix_socket(target)) {
-        Router(target).ask(method, nullptr, Deadline(patience_s), &result);
+        RouterCalls(target).ask(method, nullptr, Deadline(patience_s), &result);
     }
     return result;
 }

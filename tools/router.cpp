@@ -27,7 +27,7 @@ bool tell_loss(const json_t *notification) {
 
 } // namespace
 
-Session::Got Session::next_line(const Deadline &deadline, std::string *line) {
+RouterSession::Got RouterSession::next_line(const Deadline &deadline, std::string *line) {
     char chunk[65536];
     bool has_read = false;
     for (;;) {
@@ -62,7 +62,7 @@ Session::Got Session::next_line(const Deadline &deadline, std::string *line) {
     }
 }
 
-Session::Got Session::next(bool is_notification, const Deadline &deadline, Json *message) {
+RouterSession::Got RouterSession::next(bool is_notification, const Deadline &deadline, Json *message) {
     do {
         std::string line;
         const Got got = next_line(deadline, &line);
@@ -81,7 +81,7 @@ Session::Got Session::next(bool is_notification, const Deadline &deadline, Json 
     return Got::timeout;
 }
 
-Session::Got Session::next_notification(const Deadline &deadline, Json *notification) {
+RouterSession::Got RouterSession::next_notification(const Deadline &deadline, Json *notification) {
     Got got = Got::line;
     do {
         if (kept_.empty()) {
@@ -94,9 +94,11 @@ Session::Got Session::next_notification(const Deadline &deadline, Json *notifica
     return got;
 }
 
-Session::Got Session::next_answer(const Deadline &deadline, Json *answer) { return next(false, deadline, answer); }
+RouterSession::Got RouterSession::next_answer(const Deadline &deadline, Json *answer) {
+    return next(false, deadline, answer);
+}
 
-int Session::ask(const std::string &request, const Deadline &deadline, Json *answer) {
+int RouterSession::ask(const std::string &request, const Deadline &deadline, Json *answer) {
     const int status = send(request, deadline);
     if (status != exit_result) {
         return status;
@@ -105,7 +107,7 @@ int Session::ask(const std::string &request, const Deadline &deadline, Json *ans
     return got == Got::line ? exit_result : tell_end(got);
 }
 
-int open_session(const Target &target, const Deadline &deadline, std::unique_ptr<Session> *out) {
+int open_session(const Target &target, const Deadline &deadline, std::unique_ptr<RouterSession> *out) {
     Socket socket;
     RoadKind kind = RoadKind::session;
     std::vector<Road> roads = roads_to(target);
@@ -114,13 +116,13 @@ int open_session(const Target &target, const Deadline &deadline, std::unique_ptr
         roads.end());
     const int status = connect_to(roads, 0, deadline, &socket, &kind);
     if (status == exit_result) {
-        *out = std::make_unique<Session>(std::move(socket));
+        *out = std::make_unique<RouterSession>(std::move(socket));
     }
     return status;
 }
 
 int open_stream(const Target &target, const char *method, const std::vector<std::string> &patterns,
-                const Deadline &deadline, std::unique_ptr<Session> *out) {
+                const Deadline &deadline, std::unique_ptr<RouterSession> *out) {
     int status = open_session(target, deadline, out);
     if (status != exit_result) {
         return status;
@@ -141,18 +143,18 @@ int open_stream(const Target &target, const char *method, const std::vector<std:
     return status;
 }
 
-int tell_end(Session::Got got) {
+int tell_end(RouterSession::Got got) {
     switch (got) {
-    case Session::Got::timeout:
+    case RouterSession::Got::timeout:
         return fail(exit_timeout, "no answer in time; %s", late_remedy);
-    case Session::Got::closed:
+    case RouterSession::Got::closed:
         return fail(exit_no_connection, "the connection was closed without an answer");
     default:
         return exit_result; // stopped, as asked
     }
 }
 
-int Router::exchange(const std::string &request, const Deadline &deadline, std::string *answer) {
+int RouterCalls::exchange(const std::string &request, const Deadline &deadline, std::string *answer) {
     if (!session_) {
         Socket socket;
         RoadKind kind = RoadKind::one_shot;
@@ -164,7 +166,7 @@ int Router::exchange(const std::string &request, const Deadline &deadline, std::
             const int sent = send_text(socket.get(), request, deadline);
             return sent == exit_result ? read_to_end(socket.get(), deadline, answer) : sent;
         }
-        session_ = std::make_unique<Session>(std::move(socket));
+        session_ = std::make_unique<RouterSession>(std::move(socket));
     }
     Json message;
     const int status = session_->ask(request, deadline, &message);
@@ -174,7 +176,7 @@ int Router::exchange(const std::string &request, const Deadline &deadline, std::
     return status;
 }
 
-int Router::ask(const std::string &method, Json params, const Deadline &deadline, Json *result) {
+int RouterCalls::ask(const std::string &method, Json params, const Deadline &deadline, Json *result) {
     std::string text;
     const Json request = make_request(method, std::move(params), own_id);
     int status = exchange(request_text(request.get()), deadline, &text);

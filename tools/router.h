@@ -14,9 +14,9 @@
 namespace tavrixctl {
 
 /** Lines of JSON in both directions, over one connection that stays. */
-class Session {
+class RouterSession {
   public:
-    explicit Session(Socket socket) : socket_(std::move(socket)) {}
+    explicit RouterSession(Socket socket) : socket_(std::move(socket)) {}
 
     enum class Got { line, timeout, closed, stopped };
 
@@ -48,18 +48,18 @@ class Session {
 };
 
 /** Opens a session where the target leads to one. Complains and returns the exit status when it does not. */
-int open_session(const Target &target, const Deadline &deadline, std::unique_ptr<Session> *out);
+int open_session(const Target &target, const Deadline &deadline, std::unique_ptr<RouterSession> *out);
 
 /** The same, with router.Subscribe or router.Monitor behind it, which may be refused. */
 int open_stream(const Target &target, const char *method, const std::vector<std::string> &patterns,
-                const Deadline &deadline, std::unique_ptr<Session> *out);
+                const Deadline &deadline, std::unique_ptr<RouterSession> *out);
 
 /** Complains about the end of a session that was to go on, and gives the exit status. */
-int tell_end(Session::Got got);
+int tell_end(RouterSession::Got got);
 
-class Router {
+class RouterCalls {
   public:
-    explicit Router(const Target &target) : roads_(roads_to(target)) {}
+    explicit RouterCalls(const Target &target) : roads_(roads_to(target)) {}
 
     /** The answer to a request's text. Complains and returns the exit status when there is none. */
     int exchange(const std::string &request, const Deadline &deadline, std::string *answer);
@@ -69,14 +69,14 @@ class Router {
 
   private:
     std::vector<Road> roads_;
-    std::unique_ptr<Session> session_; ///< kept from the first question on, when that is the road
+    std::unique_ptr<RouterSession> session_; ///< kept from the first question on, when that is the road
 };
 
 /** Asks it and does this with the method's result; else the same as ask(). */
 template <class Action>
 int with_result(const Question &question, const char *method, Action action) {
     Json result;
-    const int status = Router(question.target).ask(method, nullptr, Deadline(question.timeout_s), &result);
+    const int status = RouterCalls(question.target).ask(method, nullptr, Deadline(question.timeout_s), &result);
     return status == exit_result ? action(result.get()) : status;
 }
 

@@ -39,7 +39,7 @@ struct Failure {
     const json_t *params;
     const json_t *data;
     Deadline deadline; // for what has to be found out
-    Router *router;
+    RouterCalls *router;
 };
 
 /** Whether a method that is near was intended where this one was not found; `otherwise` when none is near. */
@@ -189,7 +189,7 @@ int print_all(const std::string &answers, RoadKind kind, JsonStyle style) {
 }
 
 /** Prints the result alone, or says in words what went wrong. */
-int print_result(const CallOptions &options, const json_t *params, Router *router, const std::string &answer) {
+int print_result(const CallOptions &options, const json_t *params, RouterCalls *router, const std::string &answer) {
     const Json reply(json_loadb(answer.data(), answer.size(), 0, nullptr));
     const json_t *result = json_object_get(reply.get(), "result");
     const json_t *error = json_object_get(reply.get(), "error");
@@ -230,7 +230,7 @@ int call(const CallOptions &options) {
     const json_int_t transaction_id = options.transaction_id.value_or(fresh_transaction_id());
     json_object_set_new(request.get(), "transaction_id", json_integer(transaction_id));
     const Deadline deadline(options.timeout_s);
-    Router router(options.target);
+    RouterCalls router(options.target);
     std::string answer;
     const int status = router.exchange(request_text(request.get()), deadline, &answer);
     if (status != exit_result || (answer.empty() && options.notification)) {

@@ -173,7 +173,7 @@ std::map<std::string, std::string> levels_in(const std::string &text) {
 /** Those that the router knows, and their states. */
 using Daemons = std::map<std::string, std::string>;
 
-Daemons ask_for_daemons(Router *router, const LogLevelOptions &options) {
+Daemons ask_for_daemons(RouterCalls *router, const LogLevelOptions &options) {
     const Silence silence; // a router that is not there is told of when it is to pass the reload on
     Json status;
     if (router->ask(names::status, nullptr, Deadline(options.timeout_s), &status) != exit_result) {
@@ -429,7 +429,7 @@ std::vector<std::string> log_level_words() { return {"off", "info", "debug", "ve
 std::vector<std::string> daemon_names(const LogLevelOptions &options) {
     std::string text;
     read_file(options.file, &text); // names that cannot be read are none
-    Router router(options.target);
+    RouterCalls router(options.target);
     return names_of(options.edit_only ? Daemons() : ask_for_daemons(&router, options), text);
 }
 
@@ -444,7 +444,7 @@ int log_level(const LogLevelOptions &options) {
     if (!read_file(options.file, &old_text) && errno != ENOENT) { // one that does not exist is made
         return fail(exit_error_response, "%s: %s", printable(options.file).c_str(), std::strerror(errno));
     }
-    Router router(options.target);
+    RouterCalls router(options.target);
     Daemons daemons = options.edit_only ? Daemons() : ask_for_daemons(&router, options);
     if (options.level.empty()) {
         return show_levels(daemons, old_text, options.daemon);

@@ -24,7 +24,7 @@ class Watcher {
 
     /** Opens the file to record to, if one is wanted; complains and returns false when it cannot be written. */
     bool open_record();
-    int watch(Session *session);
+    int watch(RouterSession *session);
     void tell_figures() { summary_.tell_all(pairing_, options_.service); }
 
   private:
@@ -66,15 +66,15 @@ bool Watcher::show(const Exchange &exchange) {
     }
 }
 
-int Watcher::watch(Session *session) {
+int Watcher::watch(RouterSession *session) {
     const Deadline never(for_ever_s);
     while (!options_.count || printed_ < *options_.count) {
         Json message;
-        const Session::Got got = session->next_notification(never, &message);
-        if (got == Session::Got::stopped) {
+        const RouterSession::Got got = session->next_notification(never, &message);
+        if (got == RouterSession::Got::stopped) {
             break;
         }
-        if (got == Session::Got::closed) {
+        if (got == RouterSession::Got::closed) {
             return fail(exit_no_connection, "the router has closed the session");
         }
         if (text_of(message.get(), "method") != names::traffic) {
@@ -98,7 +98,7 @@ int monitor_router(const MonitorOptions &options, const std::vector<std::string>
         return exit_error_response;
     }
     const Deadline deadline(options.timeout_s);
-    std::unique_ptr<Session> session;
+    std::unique_ptr<RouterSession> session;
     int status = open_stream(options.target, names::monitor, patterns, deadline, &session);
     if (status != exit_result || stop_requested()) {
         return status;
@@ -151,7 +151,7 @@ bool read_record(const std::string &name, std::vector<Recorded> *out) {
 
 class Player {
   public:
-    Player(Session *session, const ReplayOptions &options, const std::vector<Recorded> &recorded)
+    Player(RouterSession *session, const ReplayOptions &options, const std::vector<Recorded> &recorded)
         : session_(session), options_(options), recorded_(recorded) {}
 
     int play();
@@ -162,7 +162,7 @@ class Player {
     int take_answers(const Deadline &deadline, size_t most_missing);
     bool judge(const json_t *answer);
 
-    Session *session_;
+    RouterSession *session_;
     const ReplayOptions &options_;
     const std::vector<Recorded> &recorded_;
     size_t missing_ = 0;
@@ -201,11 +201,11 @@ bool Player::judge(const json_t *answer) {
 int Player::take_answers(const Deadline &deadline, size_t most_missing) {
     while (missing_ > most_missing) {
         Json answer;
-        const Session::Got got = session_->next_answer(deadline, &answer);
-        if (got == Session::Got::closed) {
+        const RouterSession::Got got = session_->next_answer(deadline, &answer);
+        if (got == RouterSession::Got::closed) {
             return tell_end(got);
         }
-        if (got != Session::Got::line) {
+        if (got != RouterSession::Got::line) {
             return exit_result;
         }
         if (!judge(answer.get())) {
@@ -275,7 +275,7 @@ int replay(const ReplayOptions &options) {
     if (!stop_on_signals()) {
         return exit_error_response;
     }
-    std::unique_ptr<Session> session;
+    std::unique_ptr<RouterSession> session;
     const int status = open_session(options.target, Deadline(options.timeout_s), &session);
     return status == exit_result ? Player(session.get(), options, recorded).play() : status;
 }

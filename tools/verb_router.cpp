@@ -181,7 +181,7 @@ int top(const TopOptions &options) {
     if (!stop_on_signals()) {
         return exit_error_response;
     }
-    Router router(options.target);
+    RouterCalls router(options.target);
     std::map<std::string, json_int_t> before;
     double looked_at = 0;
     const bool is_terminal = isatty(STDOUT_FILENO) != 0;
@@ -234,7 +234,7 @@ int wait_service(const WaitServiceOptions &options) {
         {
             // A router that is not there yet is waited for like its services.
             const Silence silence;
-            Router router(options.target);
+            RouterCalls router(options.target);
             Json latest;
             rc = router.ask(names::status, nullptr, deadline, &latest);
             if (rc == exit_result) {
@@ -242,7 +242,7 @@ int wait_service(const WaitServiceOptions &options) {
             }
         }
         if (rc == exit_usage) {
-            return Router(options.target).ask(names::status, nullptr, deadline, &result); // which says why
+            return RouterCalls(options.target).ask(names::status, nullptr, deadline, &result); // which says why
         }
         const auto is_there_now = [&result](const std::string &name) {
             const std::string state = state_of(result.get(), name);

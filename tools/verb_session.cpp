@@ -23,7 +23,7 @@ std::string joined(const std::vector<std::string> &words) {
 /** Takes what arrives on a session until enough of it was wanted, or the time is over. */
 int deliver(const Target &target, const std::vector<std::string> &patterns, std::optional<unsigned> count,
             const Deadline &deadline, const Taker &take) {
-    std::unique_ptr<Session> session;
+    std::unique_ptr<RouterSession> session;
     const int status = open_stream(target, names::subscribe, patterns, deadline, &session);
     if (status != exit_result || stop_requested()) {
         return status;
@@ -31,18 +31,18 @@ int deliver(const Target &target, const std::vector<std::string> &patterns, std:
     complain("waiting for %s", joined(patterns).c_str());
     for (unsigned taken = 0; !count || taken < *count;) {
         Json message;
-        const Session::Got got = session->next_notification(deadline, &message);
-        if (got == Session::Got::timeout) {
+        const RouterSession::Got got = session->next_notification(deadline, &message);
+        if (got == RouterSession::Got::timeout) {
             const bool is_enough = !count && taken > 0;
             if (!is_enough) {
                 complain("no %s in time", joined(patterns).c_str());
             }
             return is_enough ? exit_result : exit_timeout;
         }
-        if (got == Session::Got::stopped) {
+        if (got == RouterSession::Got::stopped) {
             return exit_result;
         }
-        if (got == Session::Got::closed) {
+        if (got == RouterSession::Got::closed) {
             return fail(exit_no_connection, "the router has closed the session");
         }
         const int verdict = take(message.get());

@@ -34,7 +34,7 @@ void close_socket(int *socket) {
     *socket = -1;
 }
 
-bool is_published(const Bus *bus, const char *address) {
+bool is_published(const BusLink *bus, const char *address) {
     for (size_t i = 0; i < json_array_size(bus->published); ++i) {
         if (std::strcmp(json_string_value(json_array_get(bus->published, i)), address) == 0) {
             return true;
@@ -45,7 +45,7 @@ bool is_published(const Bus *bus, const char *address) {
 
 /** Binds the publisher to one more address; errno tells why not. */
 bool bind_publisher(tavrix_service *service, const char *address) {
-    Bus *bus = &service->bus;
+    BusLink *bus = &service->bus;
     if (is_published(bus, address)) {
         return true;
     }
@@ -146,7 +146,7 @@ bool publish_where_told(tavrix_service *service, const char *folder) {
 
 // --- Endpoints -----------------------------------------------------------------------------------------------------
 
-Endpoint *find_endpoint(Bus *bus, const char *address) {
+Endpoint *find_endpoint(BusLink *bus, const char *address) {
     for (size_t i = 0; i < bus->endpoint_count; ++i) {
         if (std::strcmp(bus->endpoints[i].address, address) == 0) {
             return &bus->endpoints[i];
@@ -157,7 +157,7 @@ Endpoint *find_endpoint(Bus *bus, const char *address) {
 
 /** Lets those go that `is_unwanted` names. */
 template <class Predicate>
-void let_go_if(Bus *bus, Predicate is_unwanted) {
+void let_go_if(BusLink *bus, Predicate is_unwanted) {
     for (size_t i = 0; i < bus->endpoint_count;) {
         if (!bus->endpoints[i].fixed && is_unwanted(bus->endpoints[i])) {
             tavrix_mq_socket_shutdown(bus->sub, bus->endpoints[i].id);
@@ -169,7 +169,7 @@ void let_go_if(Bus *bus, Predicate is_unwanted) {
 }
 
 bool subscribe(tavrix_service *service) {
-    Bus *bus = &service->bus;
+    BusLink *bus = &service->bus;
     if (bus->sub >= 0) {
         return true;
     }
@@ -185,7 +185,7 @@ bool subscribe(tavrix_service *service) {
 }
 
 bool connect_endpoint(tavrix_service *service, const char *address, const char *owner, bool fixed) {
-    Bus *bus = &service->bus;
+    BusLink *bus = &service->bus;
     Endpoint *known = find_endpoint(bus, address);
     if (known != nullptr) {
         known->wanted = true;
@@ -318,7 +318,7 @@ bool bus_publish_given(tavrix_service *service) {
 }
 
 bool bus_start(tavrix_service *service) {
-    Bus *bus = &service->bus;
+    BusLink *bus = &service->bus;
     if (bus->sub_listens) {
         return true;
     }
@@ -343,7 +343,7 @@ bool bus_start(tavrix_service *service) {
 }
 
 bool bus_follow(tavrix_service *service, const json_t *answer) {
-    Bus *bus = &service->bus;
+    BusLink *bus = &service->bus;
     if (!publish_where_told(service, json_string_value(json_object_get(answer, "folder"))) || !bus_start(service)) {
         return false;
     }
@@ -399,7 +399,7 @@ void bus_answer(tavrix_service *service, const char *channel, const char *text) 
 }
 
 bool bus_is_heard(tavrix_service *service) {
-    Bus *bus = &service->bus;
+    BusLink *bus = &service->bus;
     if (bus->heard == bus->said || bus->pub < 0 || service->session.state != session_ready) {
         return true; // without the router nobody would tell
     }
@@ -411,7 +411,7 @@ bool bus_is_heard(tavrix_service *service) {
 }
 
 void bus_close(tavrix_service *service) {
-    Bus *bus = &service->bus;
+    BusLink *bus = &service->bus;
     if (bus->sub_listens) {
         event_del(&bus->readable);
     }
@@ -419,7 +419,7 @@ void bus_close(tavrix_service *service) {
     close_socket(&bus->pub);
     std::free(bus->endpoints);
     json_decref(bus->published);
-    *bus = Bus{};
+    *bus = BusLink{};
 }
 
 } // namespace kit

@@ -315,7 +315,7 @@ enum SessionState {
     session_ready    ///< registered
 };
 
-struct Session {
+struct SessionLink {
     SessionState state;
     char path[TAVRIX_SOCKET_MAX_PATH + 1];
     int fd;
@@ -358,7 +358,7 @@ struct Endpoint {
     int id;
 };
 
-struct Bus {
+struct BusLink {
     int pub = -1;
     int sub = -1;
     bool sub_listens;
@@ -446,8 +446,8 @@ struct tavrix_service {
     event signals[3]; ///< those that have been assigned are caught
     int reply_timeout_ms;
     kit::Directory directory;
-    kit::Session session;
-    kit::Bus bus;
+    kit::SessionLink session;
+    kit::BusLink bus;
     kit::EntryList clients; ///< who has been silent for longest stands first
     void (*lost)(tavrix_service *service, uint64_t count, void *user);
     void *lost_user;

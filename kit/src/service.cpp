@@ -216,7 +216,7 @@ int tavrix_service_open(const tavrix_service_options *options, tavrix_service **
     }
     service->options = *options;
     service->reply_timeout_ms = tavrix::default_reply_timeout_ms;
-    service->bus = Bus{};
+    service->bus = BusLink{};
     service->session.fd = -1;
     const int rc = open_service(service);
     if (rc != TAVRIX_OK) {
@@ -281,7 +281,8 @@ void tavrix_service_close(tavrix_service *service) {
         return;
     }
     if (service->running) { // the loop that called the handler goes on with what would be gone
-        LOG_ERROR("%s is closed by a callback: it stops; close it once tavrix_service_run() has returned\n", service->name);
+        LOG_ERROR("%s is closed by a callback: it stops; close it once tavrix_service_run() has returned\n",
+                  service->name);
         tavrix_service_stop(service);
         return;
     }

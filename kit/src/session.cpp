@@ -60,7 +60,7 @@ bool is_stale(const tavrix_service *service, const tavrix_answer *answer) {
 
 /** Tells a refusal once, however often it is repeated, and asks again later. */
 void registration_failed(tavrix_service *service, const tavrix_answer *answer) {
-    Session *session = &service->session;
+    SessionLink *session = &service->session;
     if (is_stale(service, answer)) {
         return;
     }
@@ -192,7 +192,7 @@ void take_line(tavrix_service *service, const char *line, size_t length) {
 }
 
 void take_lines(tavrix_service *service) {
-    Session *session = &service->session;
+    SessionLink *session = &service->session;
     Buffer *in = &session->in;
     while (in->size() > session->searched) {
         const char *line = in->data();
@@ -209,7 +209,7 @@ void take_lines(tavrix_service *service) {
 }
 
 void write_out(tavrix_service *service) {
-    Session *session = &service->session;
+    SessionLink *session = &service->session;
     const int reason = session_is_connected(service) ? buffer_send(&session->out, session->fd) : 0;
     if (reason == EAGAIN) {
         if (event_add(&session->writable, nullptr) != 0) {
@@ -226,7 +226,7 @@ void on_writable(evutil_socket_t /*fd*/, short /*what*/, void *argument) {
 
 void on_readable(evutil_socket_t fd, short /*what*/, void *argument) {
     auto *service = static_cast<tavrix_service *>(argument);
-    Session *session = &service->session;
+    SessionLink *session = &service->session;
     Buffer *in = &session->in;
     const size_t room = in->size() == 0 ? short_read_size : read_size;
     if (!buffer_reserve(in, room)) {
@@ -254,13 +254,13 @@ void on_readable(evutil_socket_t fd, short /*what*/, void *argument) {
 
 /** After every end of a connection, and every attempt that failed. */
 void wait_for_router(tavrix_service *service) {
-    Session *session = &service->session;
+    SessionLink *session = &service->session;
     session->state = session_waiting;
     ask_again_in(service, session->backoff_ms);
     session->backoff_ms = session->backoff_ms * 2 < last_backoff_ms ? session->backoff_ms * 2 : last_backoff_ms;
 }
 
-void drop_connection(Session *session) {
+void drop_connection(SessionLink *session) {
     event_del(&session->readable);
     event_del(&session->writable);
     event_del(&session->flush);
@@ -274,7 +274,7 @@ void drop_connection(Session *session) {
 }
 
 void tell_loss(const tavrix_service *service, const char *why) {
-    const Session &session = service->session;
+    const SessionLink &session = service->session;
     const char *next = is_needed(service) ? "" : "; trying again until it is back";
     if (session.state != session_ready && is_single_answer(session.in)) {
         LOG_ERROR("%s takes single requests, it is not the router's session socket: name that one by --session or "
@@ -286,7 +286,7 @@ void tell_loss(const tavrix_service *service, const char *why) {
 }
 
 void lose_session(tavrix_service *service, const char *why) {
-    Session *session = &service->session;
+    SessionLink *session = &service->session;
     if (session->fd < 0) {
         return;
     }
@@ -316,7 +316,7 @@ void tell_absence(const tavrix_service *service, int reason) {
 }
 
 void connect_session(tavrix_service *service) {
-    Session *session = &service->session;
+    SessionLink *session = &service->session;
     session->fd = tavrix::connect_unix(session->path).release();
     if (session->fd < 0) {
         if (!session->outage_told) {
@@ -358,7 +358,7 @@ bool is_single_answer(const Buffer &in) {
 }
 
 bool session_prepare(tavrix_service *service) {
-    Session *session = &service->session;
+    SessionLink *session = &service->session;
     session->fd = -1;
     session->backoff_ms = first_backoff_ms;
     evtimer_assign(&session->retry, service->base, on_retry, service);
@@ -382,7 +382,7 @@ void session_start(tavrix_service *service) {
 bool session_is_connected(const tavrix_service *service) { return service->session.fd >= 0; }
 
 bool session_write(tavrix_service *service, const char *text, size_t length) {
-    Session *session = &service->session;
+    SessionLink *session = &service->session;
     if (session->fd < 0) {
         return false;
     }
@@ -399,7 +399,7 @@ bool session_write(tavrix_service *service, const char *text, size_t length) {
 }
 
 void session_close(tavrix_service *service) {
-    Session *session = &service->session;
+    SessionLink *session = &service->session;
     write_out(service);
     if (session->fd >= 0) {
         drop_connection(session);
@@ -409,7 +409,7 @@ void session_close(tavrix_service *service) {
 }
 
 void become_ready(tavrix_service *service) {
-    Session *session = &service->session;
+    SessionLink *session = &service->session;
     session->state = session_ready;
     session->backoff_ms = first_backoff_ms;
     session->outage_told = false;

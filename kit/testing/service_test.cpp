@@ -489,7 +489,7 @@ void tavrix_service_test_lose(tavrix_service_test *test, uint64_t count) {
 
 void tavrix_service_test_restart_router(tavrix_service_test *test) {
     const Capture capture(test);
-    Session *session = &test->service->session;
+    SessionLink *session = &test->service->session;
     session->fd = -1;
     session->state = session_waiting;
     session->lost_subscriptions = true;

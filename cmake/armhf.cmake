@@ -9,6 +9,7 @@ list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES TAVRIX_SYSROOT)
 
 set(CMAKE_C_COMPILER arm-linux-gnueabihf-gcc)
 set(CMAKE_CXX_COMPILER arm-linux-gnueabihf-g++)
+set(CMAKE_CXX_FLAGS_INIT "-Wno-psabi") # notes on how compilers before GCC 7.1 passed values: none of them takes part
 set(CMAKE_SYSROOT "${TAVRIX_SYSROOT}")
 set(CMAKE_LIBRARY_ARCHITECTURE arm-linux-gnueabihf)
 set(CMAKE_CROSSCOMPILING_EMULATOR "qemu-arm;-L;${TAVRIX_SYSROOT}")

@@ -35,6 +35,7 @@ tidy() {
 # The analyzer takes most of the time where C++ owns everything (44 seconds for the router's largest file, 6 without), and
 # has its worth where memory and descriptors are C's own: in the libraries. `tidy-all` has no such exception, and the
 # tests besides.
+# Left out for the same reason, time: tests, fuzz and bench.
 check_tidy() {
     cmake --preset native >/dev/null
     local status=0

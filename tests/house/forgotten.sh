@@ -2,6 +2,7 @@
 # What CONTRIBUTING.md names for a new status, field, function or method is all there; and a copy of the tree that lacks
 # one of the things is noticed.
 # usage: forgotten.sh
+# shellcheck disable=SC2016 # backquotes are the pages' own
 set -euo pipefail
 source=$(cd "$(dirname "$0")/../.." && pwd)
 work=$(mktemp -d)
@@ -23,8 +24,10 @@ unnamed() { # what of it the places have not
     done
 }
 
+name_of() { sed -nE "s/^constexpr char $1\[\] = \"(.*)\";.*/\1/p" common/names.h; } # CONSTANT
+
 missing() {
-    local name number expected=0 comment='' line rows judged
+    local name number expected=0 comment='' line rows judged kind
     local wanted
     wanted=$(mktemp -d -p "$work")
     rows=$(grep -oE '/\* +[0-9]+ \*/' tests/unit/tavrix_error_test.cpp | tr -d '/* ')
@@ -46,12 +49,14 @@ missing() {
         named "$name" src
         named "$number" tests/unit/tavrix_jrpc_error_test.cpp
     done < <(sed -nE 's/^ +(TAVRIX_JRPC_[A-Z0-9_]+) = -(32[0-9]+),?$/\1 \2/p' include/tavrix_jrpc.h)
-    # Functions: declared, pinned, and run on several threads; fields: read, validated, offered by the tool.
+    # Functions: declared, pinned, tested; fields: read, validated, a kind of the kit's, offered by the tool.
     while read -r name; do
         case "$name" in
         tavrix_jrpc_utils_retrieve_input_*)
-            named "$name" include
-            named "${name#tavrix_jrpc_utils_retrieve_input_}" tests/support/fields.cpp # and unit tests of all it holds
+            named "$name" include kit/src/params.cpp
+            kind=${name#tavrix_jrpc_utils_retrieve_input_}
+            named "TAVRIX_KIND_${kind^^}" kit/include/tavrix_service.h kit/src/params.cpp
+            named "$kind" tests/support/fields.cpp # and unit tests of all it holds
             ;;
         validate_*)
             named "$name" include tools/verb_local.cpp
@@ -67,8 +72,17 @@ missing() {
         fuzz/{params,identifiers}_fuzzer.cpp
     # Methods of the reference daemons: each is called by a test of processes.
     while read -r name; do named "$name" tests/system; done < <(
-        sed -nE 's/^ +TAVRIX_METHOD[A-Z_]*\("([A-Za-z.]+)".*/\1/p; s/^ +\{"((router|rpc)\.[A-Za-z]+)", .*/\1/p' \
-            daemons/*/*methods.cpp)
+        sed -nE 's/^ +TAVRIX_METHOD[A-Z_]*\("([A-Za-z.]+)".*/\1/p' daemons/*/*methods.cpp)
+    # The router's own: called, and in the table of the page about the wire; what `*` does not cover is what its page says.
+    while read -r name; do
+        name=$(name_of "$name")
+        named "$name" tests/system
+        grep -qE "^\|.*\`$name\`.* \|" docs/protocol.md || echo "$name is missing in the table of docs/protocol.md"
+    done < <(sed -nE 's/^ +\{names::([a-z_]+), (true|false), &Router::.*/\1/p' daemons/router/own_methods.cpp)
+    line=$(sed -n '/^- `\*` does not cover/,/\./p' docs/router.md | tr '\n' ' ' | sed 's/ These are.*//')
+    while read -r name; do
+        [[ "$line" == *"\`$(name_of "$name")\`"* ]] || echo "docs/router.md does not say that * leaves out $name"
+    done < <(grep 'restricted\[\] = {' daemons/router/policy.cpp | grep -oE 'names::[a-z_]+' | sed 's/names:://')
     unnamed
 }
 
@@ -84,7 +98,7 @@ lacking() { # WHAT FILE SED-EXPRESSION: without it, something is said
     [ -n "$said" ] || { echo "$1 was not missed in $2" >&2; failed=1; }
     cp "$source/$2" "$work/$2"
 }
-(cd "$source" && tar -cf - include src daemons tests fuzz tools) | tar -C "$work" -xf -
+(cd "$source" && tar -cf - common include src daemons docs kit tests fuzz tools) | tar -C "$work" -xf -
 lacking "a status's test" tests/unit/tavrix_error_test.cpp '/^ +\/\* 73 \*\//d'
 lacking "a status's advice" include/tavrix_error.h '/Nobody answers at the other end/d'
 lacking "a status's number" include/tavrix_error.h '/TAVRIX_ERR_MZU_LIMIT = /d'
@@ -95,5 +109,10 @@ lacking "a validator's row" tests/support/fields.cpp 's/\(uuid\)/(x)/'
 lacking "the fields' fuzzer" fuzz/params_fuzzer.cpp 's/\<fields\>/x/'
 lacking "a validator's verb" tools/verb_local.cpp '/validate_onu_id/d'
 lacking "a function's declaration" include/tavrix_timer.h '/tavrix_timer_free/d'
+lacking "a field's kind" kit/include/tavrix_service.h '/TAVRIX_KIND_ONU_ID/d'
+lacking "a kind's row" kit/src/params.cpp 's/retrieve_input_ports_hardware/retrieve_input_ports/'
+lacking "a router's method in its table" docs/protocol.md 's/`router\.Unsubscribe`/`router.Leave`/'
+lacking "a restricted method" docs/router.md 's/, `router\.Bus` and/ and/'
+lacking "a test of a router's method" common/names.h 's/"router\.Metrics"/"router.Figures"/'
 lacking "a test of a method" daemons/ports/methods.cpp 's/"ports\.Get"/"ports.GetAlso"/'
 exit "$failed"

@@ -52,6 +52,7 @@ constexpr char reply[] = R"(me|{"jsonrpc":"2.0","id":"x.Serve","result":1})";
 
 } // namespace
 
+// They play the other side and note what they are given: nothing of theirs is a failure that Fault::fails() could plan.
 extern "C" {
 json_t *__real_json_loads(const char *text, size_t flags, json_error_t *error);
 void __real_free(void *memory);

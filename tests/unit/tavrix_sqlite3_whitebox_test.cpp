@@ -35,6 +35,7 @@ int ignore_row(void *, int, char **, char **) { return 0; }
 
 } // namespace
 
+// A script of several answers, and what each attempt was made with: Fault::fails() knows failures alone.
 extern "C" {
 int __real_sqlite3_exec(sqlite3 *db, const char *sql, int (*callback)(void *, int, char **, char **), void *arg,
                         char **errmsg);

@@ -19,12 +19,13 @@
 namespace tavrix {
 
 constexpr size_t mebibyte = 1048576;
-constexpr size_t max_frame = 8 * mebibyte; ///< receivers cut whoever publishes a larger one off for good
-constexpr size_t max_bus_address = 113;    ///< nanomsg aborts on a longer path
+constexpr size_t max_frame =
+    8 * mebibyte; ///< the sockets below close the connection of whoever sends a larger one, for good
+constexpr size_t max_bus_address = 113; ///< with its scheme: nanomsg aborts on a longer path
 
 /**
- * While it lives, threads that this one makes are batch threads: they do not interrupt who wakes them. A thread of
- * another policy than the usual one, which is somebody's choice, passes that on as ever.
+ * While it lives, threads started by this one are SCHED_BATCH: they do not pre-empt the thread that wakes them. Where
+ * the policy is not SCHED_OTHER, somebody chose it, and it stays.
  */
 class BatchThreads {
   public:
@@ -37,17 +38,17 @@ class BatchThreads {
     void choose(int policy) const {
         const sched_param none{};
         if (usual_) {
-            static_cast<void>(sched_setscheduler(0, policy, &none)); // refused, all stays as it was: only slower
+            static_cast<void>(sched_setscheduler(0, policy, &none)); // where it is refused, only speed is lost
         }
     }
     bool usual_;
 };
 
 /**
- * Opens a socket of the bus; on failure none is open, and nn_errno() tells why. The first brings nanomsg's thread,
- * which is woken from within each receive: it would stop the receiver there, only to wait for the lock that the
- * receiver holds. Over TCP a small message does not wait for the acknowledgement of the one before, and whatever may
- * be published is received: at a larger message nanomsg would cut the connection for good.
+ * Opens a socket of the bus; on failure none is open, and nn_errno() tells why. The first one starts nanomsg's thread.
+ * Each receive wakes it, and it would pre-empt the receiver only to wait for the lock that the receiver holds. Over TCP
+ * a small message does not wait for the acknowledgement of the one before. Messages of up to max_frame are received; a
+ * socket that the library alone has opened takes nanomsg's own 1 MiB.
  */
 inline bool open_bus_socket(int protocol, int *out) {
     const BatchThreads while_nanomsg_makes_its_own;
@@ -66,7 +67,7 @@ inline bool open_bus_socket(int protocol, int *out) {
     return true;
 }
 
-/** The address's transport; 0 for what is no address of the bus. */
+/** The address's transport; 0 for one that is too long, has control characters, or is neither tcp:// nor ipc://. */
 inline int transport_of(const char *address) {
     if (std::strlen(address) > max_bus_address || has_control_characters(address)) {
         return 0;
@@ -77,7 +78,8 @@ inline int transport_of(const char *address) {
     return std::strncmp(address, "ipc://", 6) == 0 ? TAVRIX_TRANSPORT_IPC : 0;
 }
 
-/** The address for those who have been started in another folder. One that would be too long stays as it is. */
+/** Makes a relative ipc address absolute, for processes in other folders; one that would get too long stays as it is.
+ */
 inline void make_absolute(const char *address, char (&out)[max_bus_address + 1]) {
     const char *path = address + std::strlen("ipc://");
     char folder[max_bus_address + 1];

@@ -16,7 +16,7 @@ constexpr char protocol_version[] = "2.0";
 /** Compact, and ASCII whatever stands in the texts. */
 constexpr size_t wire_flags = JSON_COMPACT | JSON_ENSURE_ASCII;
 
-/** What follows the JSON text is passed over, as the library does. */
+/** Bytes behind the JSON text are ignored. */
 constexpr size_t parse_flags = JSON_REJECT_DUPLICATES | JSON_DISABLE_EOF_CHECK | JSON_DECODE_ANY;
 
 /** What an id may be. */
@@ -41,7 +41,7 @@ inline int find_envelope_error(const json_t *request) {
     return json_is_string(json_object_get(request, "method")) ? 0 : TAVRIX_JRPC_METHOD_NOT_FOUND;
 }
 
-/** Null without memory, or without an id. The values are taken; there may be no parameters. */
+/** Takes the values; `params` may be null. Null without memory, or for a null `id`. */
 inline Json make_request(const char *method, json_t *params, json_t *id) {
     return Json(
         json_pack("{s:s, s:s, s:o, s:o*}", "jsonrpc", protocol_version, "method", method, "id", id, "params", params));

@@ -11,7 +11,7 @@ constexpr char openrpc_version[] = "1.2.6";
 
 namespace names {
 
-// Of services that register, over their session.
+// Between the router and services that register, over their session.
 constexpr char register_service[] = "router.Register";
 constexpr char describe[] = "router.Describe";
 constexpr char bus[] = "router.Bus";
@@ -19,13 +19,13 @@ constexpr char service_up[] = "router.ServiceUp";
 constexpr char service_down[] = "router.ServiceDown";
 constexpr char cancel[] = "service.Cancel";
 
-// Of those that meet on the bus.
+// On the bus.
 constexpr char hello[] = "router.Hello";
 constexpr char say_hello[] = "service.Hello";
 constexpr char welcome[] = "service.Welcome";
 constexpr char probe[] = "service.Probe";
 
-// Of every client.
+// For every client.
 constexpr char status[] = "router.Status";
 constexpr char metrics[] = "router.Metrics";
 constexpr char discover[] = "rpc.discover";
@@ -38,7 +38,7 @@ constexpr char lost[] = "router.Lost";
 constexpr char monitor[] = "router.Monitor";
 constexpr char traffic[] = "router.Traffic";
 
-// Of the reference services.
+// The reference services'.
 constexpr char link_changed[] = "events.LinkChanged";
 
 } // namespace names

@@ -31,7 +31,7 @@ inline bool send_ready_notice(const char *path) {
     address.sun_family = AF_UNIX;
     std::memcpy(address.sun_path, path, length);
     if (path[0] == '@') {
-        address.sun_path[0] = '\0'; // a name without a file
+        address.sun_path[0] = '\0'; // an abstract socket
     }
     const Descriptor fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + length);

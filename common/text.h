@@ -10,12 +10,13 @@
 
 namespace tavrix {
 
-constexpr size_t escaped_size = 4;                               ///< of one byte, as \xHH
-constexpr size_t printable_margin = escaped_size + sizeof "..."; ///< room for a last byte and the end of a cut text
+constexpr size_t escaped_size = 4; ///< of one byte, as \xHH
+constexpr size_t printable_margin =
+    escaped_size + sizeof "..."; ///< room for one more byte, escaped, and the end of a cut text
 
 /**
- * Copies a text with everything but printable ASCII, and the backslash, as \xHH: foreign words make no log lines of
- * their own and steer no terminal. What is longer than `size` less the margin is cut.
+ * Copies a text; the backslash, and all that is not printable ASCII, becomes \xHH: foreign words can neither forge log
+ * lines nor control a terminal. What is longer than `size` less the margin is cut.
  *
  * @param size of `out`, larger than the margin
  * @return the length of what is in `out`, which has a terminator
@@ -39,7 +40,7 @@ inline size_t make_printable(const char *text, size_t length, char *out, size_t 
     return written;
 }
 
-/** How many bytes the control character has that a text begins with; 0 when it begins with another. */
+/** The size of the control character or line separator that a text begins with; 0 when it begins with neither. */
 inline size_t control_character_size(const char *text, size_t length) {
     const auto byte = [text, length](size_t i) { return i < length ? static_cast<unsigned char>(text[i]) : 0U; };
     if (byte(0) < ' ' || byte(0) == 127) {

@@ -25,7 +25,7 @@ inline sockaddr_un unix_address(const char *path) {
     return address;
 }
 
-/** A stream that does not wait; none, with errno set, when nobody takes the connection now. */
+/** A connected non-blocking stream; none, with errno set, when nobody takes the connection now. */
 inline Descriptor connect_unix(const char *path) {
     const sockaddr_un address = unix_address(path);
     Descriptor fd(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
@@ -51,7 +51,7 @@ inline const char *find_listener_obstacle(const char *path) {
     return is_served ? "another daemon serves there" : nullptr;
 }
 
-/** The file of a listener: whose it is tell device and inode, since another one may take the path. */
+/** The file of a listener; device and inode tell it from one that another daemon has put there since. */
 struct SocketFile {
     char path[TAVRIX_SOCKET_MAX_PATH + 1];
     dev_t device;

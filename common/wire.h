@@ -33,7 +33,7 @@ inline bool is_service_name(const char *name) {
     return length > 0 && length <= TAVRIX_SERVICE_MAX_NAME && std::strspn(name, allowed) == length && *name != '.';
 }
 
-/** Also for patterns, which match such names. A bar ends the channel of a message on the bus, which has its name. */
+/** For patterns, too. No bar: it ends a frame's channel, and a notification's channel is its method's name. */
 inline bool is_method_name(const char *name) {
     const size_t length = std::strlen(name);
     return length > 0 && length <= TAVRIX_SERVICE_MAX_METHOD && !has_control_characters(name, length) &&

@@ -3,7 +3,7 @@
  * The leveled logger.
  *
  * A daemon names itself once; from then on every log call writes one line to standard error, provided its level is
- * within the daemon's current level. The current level comes from `/etc/tavrix_lsyslog.conf`, section
+ * within the daemon's current level, `debug` at first. The level comes from `/etc/tavrix_lsyslog.conf`, section
  * `logging_levels`, one `daemon=word` line per daemon, the word one of `off`, `info`, `debug`, `verbose`.
  *
  * @code

@@ -45,7 +45,7 @@ constexpr int notification_attempts = 5;
 
 // --- What all chapters use -----------------------------------------------------------------------------------------
 
-/** A null pointer, such as the text of a number, is shown as glibc's printf shows it. */
+/** For a null text, as of an id that is a number: what glibc's printf shows. */
 const char *printable(const char *text) { return text != nullptr ? text : "(null)"; }
 
 int length_of(const char *text) { return static_cast<int>(std::strlen(text)); }
@@ -98,7 +98,7 @@ const char *tavrix_jrpc_error_message(int jrpc_code) { return tavrix::message_of
 
 namespace {
 
-/** Parses a message, for the waits too: log filters recognise a malformed one by these lines. */
+/** Parses a message. The waits do so, too, in the evaluator's name: log filters match it. */
 Json parse_message(const char *text) {
     json_error_t error;
     Json message(json_loads(text, parse_flags, &error));
@@ -205,9 +205,9 @@ Text respond(const Envelope &envelope, Outcome *outcome, int *jrpc_code) {
         outcome->result.reset(json_integer(0));
     }
     if (!outcome->result) {
-        return nullptr; // the code stays 0, "Unknown Error": clients take "Internal error" for a result without a text
+        return nullptr; // the code stays 0, "Unknown Error": to clients, "Internal error" is a result that has no text
     }
-    // The response's id is the method's name: a reply travels by it, and a waiting caller looks for it.
+    // The response's id is the method's name: the router and waiting daemons recognise their reply by it.
     Text response(tavrix_jrpc_create_response(outcome->result.get(), envelope.method, 0, envelope.transaction_id));
     if (!response) {
         *jrpc_code = TAVRIX_JRPC_INTERNAL_ERROR;
@@ -297,7 +297,7 @@ Text build_error(int jrpc_code, json_t *id, json_t *data, int indent, json_t *tr
     return complete ? render_response(response, indent) : nullptr;
 }
 
-/** An object, with the member order of write_response(). */
+/** Through an object, with the member order of write_response(). */
 Text pack_response(json_t *result, json_t *id, int indent, json_t *transaction_id) {
     const Json response(json_pack("{s:s,s:O,s:O}", "jsonrpc", protocol_version, "id", id, "result", result));
     const bool complete = response && add_transaction_id(response.get(), transaction_id);
@@ -330,7 +330,7 @@ bool is_indent(int indent) { return indent >= 0 && indent <= max_indent; }
 } // namespace
 
 char *tavrix_jrpc_create_response(json_t *result, json_t *id, int indent, json_t *transaction_id) {
-    // Errors here, debug lines in create_error: requests without a method end there, and its own error line shows them.
+    // An error here, debug in create_error(): every request without a method comes there, and must not fill the log.
     if (result == nullptr || id == nullptr) {
         LOG_ERROR("tavrix_jrpc_create_response: NULL pointer!\n");
         return nullptr;
@@ -415,7 +415,7 @@ char *tavrix_api_router_json_add_channel(const char *channel, const char *json_t
 }
 
 int tavrix_jrpc_parse_msg(const char *frame, int length, char **json_out) {
-    constexpr char function[] = "tavrix_connect_parse_msg"; // another function's name: log filters match it
+    constexpr char function[] = "tavrix_connect_parse_msg"; // a name that no function has: log filters match it
     if (frame == nullptr || json_out == nullptr) {
         return refuse(function, null_initials, TAVRIX_ERR_NULL_INPUT);
     }
@@ -488,7 +488,7 @@ int split_frame(Frame *frame, Text *json_text) {
     return rc;
 }
 
-/** Receives a frame and takes the JSON text out of it, for the serving step and for the router's one-call path. */
+/** Receives a frame and takes the JSON text out of it, for the serving step and tavrix_jrpc_router_mq_to_socket(). */
 int receive_text(const char *function, int sock, int nonblock, Text *json_text) {
     LOG_VERBOSE("[%s]: waiting to receive... \n", function);
     Frame frame;
@@ -586,7 +586,7 @@ int tavrix_jrpc_mq_run(int *sub_sock, int *pub_sock, const tavrix_jrpc_method *t
     }
     json_error_t error;
     const Json request(json_loads(json_text.get(), parse_flags, &error));
-    json_text.reset(); // the channel and the evaluation share what was read
+    json_text.reset(); // freed early: what follows uses what was parsed of it
     const char *channel = nullptr;
     rc = find_channel(request.get(), error, &channel);
     if (rc != TAVRIX_OK && rc != TAVRIX_ERR_NO_JSON_ID) {
@@ -693,7 +693,7 @@ constexpr Wait notification_wait = {
     "tavrix_jrpc_mq_sub_for_notifcation",
     tavrix_jrpc_eval_notification,
     "[tavrix_jrpc_mq_sub_for_notifcation] Waiting for <%s> response, attempts remaining: %d\n",
-    "Unable to receive an API response from TRLX Service, rc = %d\n",
+    "Unable to receive an API response from TRLX Service, rc = %d\n", // of no daemon here: log filters match it
     "[%s] Recv:\n%s\n",
     "Unable to parse notification message, rc = %d\n",
     "[%s] Received notification, evaluating method name...\n",
@@ -1102,7 +1102,7 @@ int receive_reply(const char *function, int sub_sock, Text *json_text) {
     return rc == TAVRIX_OK ? rc : failed(function, "Error parse_msg", rc);
 }
 
-/** Both paths report a failure in the name of the one-call path: log filters match it. */
+/** A failure is always reported in the name of tavrix_jrpc_router_mq_to_socket(): log filters match it. */
 int send_response(const int *client_sock, const Text &text) {
     const int rc = tavrix_socket_send(client_sock, text.get());
     return rc == TAVRIX_OK ? rc : failed("tavrix_jrpc_router_mq_to_socket", "Error send", rc);

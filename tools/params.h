@@ -18,7 +18,7 @@ Json parse_params(const std::vector<std::string> &words, bool *valid);
 struct Member {
     std::string key;
     Json value;
-    bool is_text; ///< typed without quotes: fits the text, and a number or word that is written so
+    bool is_text; ///< from key=text: matches that text, and a number or word that is written so
 };
 
 /** `key=text` or `key:=json`; nothing, without a complaint, when the word is neither. */

@@ -72,7 +72,7 @@ class RouterCalls {
     std::unique_ptr<RouterSession> session_; ///< kept from the first question on, when that is the road
 };
 
-/** Asks it and does this with the method's result; else the same as ask(). */
+/** Asks the router and runs the action with the result; otherwise the status of ask(). */
 template <class Action>
 int with_result(const Question &question, const char *method, Action action) {
     Json result;

@@ -21,7 +21,7 @@ namespace names = tavrix::names;
 using tavrix::Json;
 using tavrix::Text;
 
-/** So many seconds that nobody sees their end. */
+/** Longer than anybody waits. */
 constexpr double for_ever_s = 1e9;
 
 /** A point in time to wait until. */
@@ -97,13 +97,13 @@ inline int printed(bool done) { return done ? exit_result : exit_error_response;
 /** All of a file; false, with errno, when it cannot be read. */
 bool read_file(const std::string &path, std::string *text);
 
-/** The object's text; empty when it is none. */
+/** The object's text member; empty when it is not a text. */
 std::string text_of(const json_t *object, const char *key);
 
-/** The elements of a member that is an array; none when it is no array. */
+/** The elements of a member; none when it is not an array. */
 std::vector<const json_t *> elements_of(const json_t *object, const char *key);
 
-/** The object's members, or those of a member that is an object; none when it is none. */
+/** The object's members, or those of one member; none when it is not an object. */
 std::vector<std::pair<std::string, const json_t *>> members_of(const json_t *object);
 inline auto members_of(const json_t *object, const char *key) { return members_of(json_object_get(object, key)); }
 

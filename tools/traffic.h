@@ -54,7 +54,8 @@ class Pairing {
 class Summary {
   public:
     void add(const Exchange &exchange);
-    /** Tells it as a table, with what was never answered of the service, if one is named; nothing of nothing. */
+    /** Prints the table; what was never answered only of the service, if one is named. Nothing when there is nothing.
+     */
     void tell_all(const Pairing &pairing, const std::string &service);
 
   private:

@@ -11,7 +11,7 @@
 
 namespace tavrixctl {
 
-/** Prints every frame that the addresses publish and that one of the patterns, if any, fits, and figures at the end. */
+/** Prints each frame that matches a pattern, or each where there are no patterns; then the summary. */
 int monitor_bus(const MonitorOptions &options, const std::vector<std::string> &addresses,
                 const std::vector<std::string> &patterns);
 

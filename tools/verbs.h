@@ -51,7 +51,7 @@ int send(const SendOptions &options);
 
 struct MonitorOptions : Question {
     std::vector<std::string> words;    ///< method patterns, and bus addresses to listen to instead of the router
-    std::vector<std::string> channels; ///< of the bus: prefixes; none means every channel
+    std::vector<std::string> channels; ///< prefixes of the bus's channels; empty: all
     std::string service;               ///< only this one's, when not empty
     bool errors_only = false;
     std::optional<double> slower_than_ms;

@@ -64,7 +64,7 @@ void on_ports(tavrix_service *service, const tavrix_answer *answer, void *user) 
     }
 }
 
-/** Nobody waits for the description: its question is asked in vain, and its end is the description's. */
+/** The caller has gone: cancels the question, whose callback frees the description. */
 void on_description_abandoned(tavrix_call *call, void *user) {
     tavrix_service_cancel(tavrix_call_service(call), static_cast<const Description *>(user)->question);
 }
@@ -198,7 +198,7 @@ bool read_script(const std::string &path, std::vector<LinkChange> *out) {
 
 const tavrix_service_method *methods() { return table; }
 
-/** The library's status and line do not tell: what it could not open is tried again for the system's words. */
+/** Why the slot cannot be had: opens it again for errno, since the library does not tell. */
 static std::string reason_against(const std::string &slot) {
     const int again = shm_open(slot.c_str(), O_RDWR | O_CREAT, 0);
     if (again < 0) {

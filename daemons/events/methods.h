@@ -64,7 +64,6 @@ struct Context {
     bool has_failed = false;                 ///< the service has stopped itself
 };
 
-/** The method table. */
 const tavrix_service_method *methods();
 
 /**

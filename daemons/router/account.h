@@ -22,15 +22,15 @@ constexpr std::chrono::milliseconds time_per_turn{1};
 constexpr size_t max_unread_of_user = size_t{64} * 1024 * 1024; ///< of all a user's clients
 constexpr size_t unread_in_any_case = size_t{64} * 1024;        ///< what each client may have even then
 
-/** A user as the one whom things are counted for: everybody who comes over TCP is one. */
+/** The key that a user's share is counted under; all who come over TCP have one. */
 int64_t account_of(const Peer &peer);
 
 /** How many of something each user has. */
 using Shares = std::map<int64_t, size_t>;
 
 /**
- * Whether one more is to be had: at most `most` in all, and nobody more than half of what the others leave, so that the
- * last place is never taken by whoever has taken all the others.
+ * Whether one more is to be had beside the `total` of all users: at most `most` in all, and nobody more than half of
+ * what the others leave, so that the last place is never taken by whoever has taken all the others.
  */
 bool has_room(const Shares &shares, int64_t account, size_t total, size_t most);
 void drop_one(Shares &shares, int64_t account);
@@ -40,7 +40,7 @@ struct Account {
     size_t unread = 0;                       ///< bytes that wait in the router because they are not read
     daemon_support::Clock::duration used{0}; ///< of this turn of the loop
     std::deque<Client *> waiting;            ///< for the next turn, since this one's time is used up
-    bool is_noted = false;                   ///< among those whose turn is to end
+    bool is_noted = false;                   ///< stands in Turns::noted_: it has used time, or waits
 };
 
 /**
@@ -55,15 +55,15 @@ class Turns {
     void wait(Client &client);
     static void leave(const Client &client);
 
-    /** Begins the next turn with those who have waited, as far as the time goes; true when some wait on. */
+    /** Begins the next turn with those who have waited, while their time lasts; true when some still wait. */
     template <class Serve>
     bool begin(Serve serve) {
         for (const auto &account : noted_) {
             account->used = {};
         }
-        for (size_t i = 0; i < noted_.size(); ++i) { // whoever is served may note another
+        for (size_t i = 0; i < noted_.size(); ++i) { // serving may add an account
             const std::shared_ptr<Account> account = noted_[i];
-            // Once each: a service, whose time is its own, may wait again at once.
+            // Each at most once: a client with time of its own may queue again at once.
             for (size_t left = account->waiting.size(); left > 0 && !account->waiting.empty() && has_time(*account);
                  --left) {
                 Client *client = account->waiting.front();

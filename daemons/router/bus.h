@@ -32,7 +32,7 @@ class Bus {
 
     bool publish(std::string_view channel, std::string_view text);
 
-    /** Whether everything is received, or only what is addressed to the router. */
+    /** Chooses whether everything is received, or only what is addressed to the router. */
     void listen_to_everything(bool wanted);
 
   private:

@@ -1,5 +1,5 @@
 /**
- * Those who ask, and what they have asked.
+ * Connected clients, and calls in flight.
  */
 #ifndef TAVRIX_DAEMONS_ROUTER_CLIENT_H
 #define TAVRIX_DAEMONS_ROUTER_CLIENT_H
@@ -36,11 +36,11 @@ class Client {
 
     /** Gives the answer to a request; null when there was no memory for one. */
     void answer(Json message, const BatchPlace &batch);
-    /** The same, as it is sent; empty without memory. */
+    /** The same with the rendered text; an empty one stands for no memory. */
     virtual void answer_text(std::string_view text, const BatchPlace &batch) = 0;
-    /** A request that asks for no answer, and is not carried out. */
+    /** Refuses a request without an id. */
     virtual void refuse_notification(const std::string &method, const BatchPlace &batch) = 0;
-    /** Whether its answers carry its own "id": old clients know the method's name there. */
+    /** Whether its answers carry its own "id": one-shot clients expect the method's name there. */
     virtual bool gets_own_id() const = 0;
     /** Takes what has come, as far as its user's time goes. */
     virtual void take_turn() = 0;

@@ -81,7 +81,7 @@ void Router::bury(Client &client) {
         finish(call, Outcome::cancelled, Json());
     }
     graveyard_.splice(graveyard_.end(), clients_, client.place);
-    end_turn();
+    schedule_turn_end();
 }
 
 void Router::on_session_end(Session &session) {
@@ -100,7 +100,7 @@ void Router::flush_later(Session &session) {
     if (!session.is_to_flush) {
         session.is_to_flush = true;
         to_flush_.push_back(&session);
-        end_turn();
+        schedule_turn_end();
     }
 }
 
@@ -124,14 +124,14 @@ void Router::serve_now(Client &client) {
         if (!client.has_own_time()) {
             turns_.use(client.account, Clock::now() - serving_since_);
         }
-        end_turn();
+        schedule_turn_end();
     });
 }
 
 void Router::serve(Client &client) {
     const Account &account = *client.account;
     if (client.is_waiting) { // in the list once
-        end_turn();
+        schedule_turn_end();
     } else if (client.has_own_time() || (account.waiting.empty() && Turns::has_time(account))) {
         serve_now(client);
     } else {
@@ -144,7 +144,7 @@ void Router::wait_for_turn(Client &client) {
         turns_.wait(client);
         client.is_waiting = true;
     }
-    end_turn();
+    schedule_turn_end();
 }
 
 bool Router::is_turn_over(const Client &client) const {
@@ -152,7 +152,7 @@ bool Router::is_turn_over(const Client &client) const {
     return client.has_own_time() ? used >= time_per_turn : !Turns::has_time(*client.account, used);
 }
 
-void Router::end_turn() {
+void Router::schedule_turn_end() {
     if (!is_turn_ending_) {
         event_active(turn_end_.get(), 0, 0);
     }

@@ -22,7 +22,7 @@ class Listener {
     Listener &operator=(const Listener &) = delete;
     ~Listener() { tavrix::remove_socket_file(file_); }
 
-    /** Both log what failed. */
+    /** Each open function logs what failed. */
     bool open_unix(event_base *base, const std::string &path, Taker taker);
     /**
      * A port that nobody serves but that is not free, held by connections of an earlier run, is tried again. When it
@@ -40,6 +40,7 @@ class Listener {
     bool watch(event_base *base, int descriptor, Taker taker);
     bool try_tcp();
     bool tcp_failed(const char *why);
+    /** Connects to the port that is taken, to see whether somebody serves there. */
     void knock();
     bool is_answered();
 

@@ -26,7 +26,7 @@ inline Json share(const Json &value) { return share(value.get()); }
 /** The member's text; empty when it is absent or of another type. */
 std::string text_member(const json_t *object, const char *key);
 
-/** The words of others for a log line, which a longer text would take beyond its end. */
+/** Foreign text for a log line: escaped, and cut after 200 bytes. */
 std::string printable(std::string_view text);
 
 /** Whether the library's log lines may show the text: no control characters. */
@@ -34,14 +34,14 @@ inline bool is_plain(std::string_view text) { return !tavrix::has_control_charac
 
 bool is_notification(const json_t *message);
 
-/** What is to be said whole or not at all: std::bad_alloc without memory for it, or without a value. */
+/** Add a value or throw std::bad_alloc, also for a null value: no message goes out with a part missing. */
 void put(json_t *object, const char *key, Json value);
 void append(json_t *array, Json value);
 
 /** {"message": ...} */
 Json message_data(const std::string &message);
 
-/** Null values are left out, but for the id, which is null then. */
+/** A null transaction id is left out; null data, and an error's null id, become JSON's null. */
 Json make_result(Json id, Json transaction_id, Json result);
 Json make_error(int jrpc_code, const Json &id, const Json &transaction_id, Json data);
 /** The same for a request; null for one that is not known. */
@@ -73,20 +73,20 @@ struct Message {
 struct Edit {
     std::string_view key;
     std::string_view value;
-    bool at_end = false; ///< wherever it was before
+    bool at_end = false; ///< moves the member there
 };
 using Edits = std::vector<Edit>;
 
 void apply_edits(const Edits &edits, json_t *object);
 
-/** Turns messages into compact ASCII, in memory that is used again. What they give is valid until the next call. */
+/** Turns messages into compact ASCII, in memory that is used again. What a call returns is valid until the next one. */
 class Renderer {
   public:
     /** Empty when there is no memory. */
     std::string_view render(const json_t *value);
     /**
-     * The message with the edits. What it says beside them goes on as it was written, numbers with all their digits,
-     * which takes a third of the time that rendering does; a text that is not in one line of ASCII is rendered.
+     * The message with the edits. What it says beside them goes on as it was written, numbers with all their digits;
+     * a text that is not in one line of ASCII is rendered.
      */
     std::string_view rewrite(const Message &message, const Edits &edits);
 

@@ -177,8 +177,8 @@ void OneShot::watch_for_hang_up() {
     }
     // Over TCP, a client that has half-closed looks like one that has gone. A blank, which may stand before any JSON
     // text, tells them apart: the machine of one that has gone answers it with a reset.
-    if (half_closed_ && !was_asked_ && peer.road == Road::tcp && state_ == State::waiting) {
-        was_asked_ = true;
+    if (half_closed_ && !blank_sent_ && peer.road == Road::tcp && state_ == State::waiting) {
+        blank_sent_ = true;
         static_cast<void>(send(descriptor_, " ", 1, MSG_NOSIGNAL | MSG_DONTWAIT));
     }
 }

@@ -17,7 +17,7 @@ class OneShot final : public Client {
 
     /** Waits for its first turn; others are accepted meanwhile. */
     void start();
-    /** The time is over for the request, for taking the answer, or until the router watches whether the client goes. */
+    /** A deadline has passed: for the request, for the answer to be taken, or before hang-ups are watched for. */
     void time_out();
 
     void answer_text(std::string_view text, const BatchPlace &batch) override;
@@ -47,7 +47,7 @@ class OneShot final : public Client {
     size_t counted_ = 0; ///< of the answer, in the account
     size_t tried_ = 0;   ///< how much of the request had come when its beginning was last judged
     bool half_closed_ = false;
-    bool was_asked_ = false; ///< by a blank, whether it is still there after its half-close
+    bool blank_sent_ = false; ///< to see whether the client is still there after its half-close
     ObjectScanner scanner_;
     daemon_support::Event readable_;
     daemon_support::Event writable_;

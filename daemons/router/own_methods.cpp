@@ -113,8 +113,8 @@ int Router::on_status(Own &own) {
         "services", services.release(), "clients", number(clients_.size()), "sessions", number(sessions_.size()),
         "in_flight", number(calls_.size()), "served", total(Outcome::result) + total(Outcome::error), "timeouts",
         total(Outcome::timeout), "gone", total(Outcome::gone), "cancelled", total(Outcome::cancelled), "discarded",
-        number(statistics_.late), "refused", number(statistics_.refused), "busy", number(statistics_.busy), "dropped",
-        number(statistics_.dropped), "uptime_s",
+        number(statistics_.discarded), "refused", number(statistics_.refused), "busy", number(statistics_.busy),
+        "dropped", number(statistics_.dropped), "uptime_s",
         std::chrono::duration<double>(daemon_support::Clock::now() - started_).count(), "methods", methods.release()));
     return own.result ? 0 : TAVRIX_JRPC_INTERNAL_ERROR;
 }

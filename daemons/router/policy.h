@@ -35,7 +35,7 @@ inline const char *name_of(Road road) { return road_names[static_cast<size_t>(ro
 struct Peer {
     Road road = Road::unix_socket;
     bool known = false;
-    pid_t process = 0; ///< that has connected
+    pid_t process = 0; ///< the one that connected
     uid_t user = 0;
     std::vector<gid_t> groups; ///< the first one is its own, the others supplementary
 };
@@ -46,7 +46,8 @@ class Policy {
   public:
     Policy();
 
-    /** Takes the file's sections in place of the built-in ones; false, with a log line, when one cannot be used. */
+    /** Takes the file's sections in place of the built-in ones; false, with a log line, when the file cannot be used.
+     */
     bool read(const std::string &path);
 
     bool allows(const Peer &peer, std::string_view method) const;

@@ -543,7 +543,7 @@ void Router::take_reply(Message message, Service *from) {
         }
         finish(*found->second, is_error ? Outcome::error : Outcome::result, std::move(message));
     } else if (!is_reload) { // every service replies to a reload, and one reply is all that is awaited
-        ++statistics_.late;
+        ++statistics_.discarded;
         if (from != nullptr && number > 0 && number <= INT_MAX) {
             from->on_late_answer(static_cast<int>(number));
         }
@@ -611,7 +611,7 @@ void Router::take_for_router(std::string_view text) {
     Json message(json_loadb(text.data(), text.size(), tavrix::parse_flags, nullptr));
     if (!json_is_object(message.get())) {
         LOG_FOREIGN("Discarded a message that is not a JSON object\n");
-        ++statistics_.late;
+        ++statistics_.discarded;
     } else if (is_notification(message.get())) {
         tavrix_jrpc_router_eval_notification(message.get(), notifications);
     } else {

@@ -61,13 +61,14 @@ class Router {
     // For clients and sessions.
     event_base *base() const { return base_.get(); }
     daemon_support::Deadlines<OneShot> &client_deadlines() { return *client_deadlines_; }
-    /** For clients that wait for their answer: after this time it is watched whether they hang up. */
+    /** How long a client that waits for its answer goes unwatched for a hang-up. */
     daemon_support::Deadlines<OneShot> &patience() { return *patience_; }
     std::string_view render(const json_t *value) { return renderer_.render(value); }
     void take_request(Client &client, Message request, const BatchPlace &batch);
     /** From a direct service, or from the bus for null. */
     void take_reply(Message reply, Service *from);
     void take_notification(const Message &notification, Service *from);
+    /** Ends all that a closed client has asked; the object itself goes at the end of the turn. */
     void bury(Client &client);
     void on_session_end(Session &session);
     void flush_later(Session &session);
@@ -80,7 +81,7 @@ class Router {
     bool is_turn_over(const Client &client) const;
     void count_refused() { ++statistics_.refused; }
     void count_dropped() { ++statistics_.dropped; }
-    /** Runs what a client's event is for; without memory for it the client is closed, and nobody else notices. */
+    /** Runs the handler of a client's event; on std::bad_alloc closes that client, and nobody else notices. */
     template <class Action>
     void guard(Client *client, Action action) {
         try {
@@ -103,7 +104,7 @@ class Router {
         json_t *request;
         const BatchPlace &batch;
         Json result;
-        std::string_view result_text; ///< instead of the result, where it is kept as it is sent
+        std::string_view result_text; ///< instead of the result: its text, where that is cached
         std::string problem;          ///< the error's message; empty when there is none
         bool is_deferred = false;
     };
@@ -133,7 +134,7 @@ class Router {
     template <class Kind>
     void admit(int descriptor, Road road);
     void serve_now(Client &client);
-    void end_turn();
+    void schedule_turn_end();
     void turn_away(int descriptor, Road road);
     void out_of_memory(Client *client);
 
@@ -222,23 +223,23 @@ class Router {
 
     std::list<std::unique_ptr<Client>> clients_;
     std::list<std::unique_ptr<Client>> graveyard_;
-    Shares users_;                                       ///< how many clients, by whom
+    Shares users_;                                       ///< clients, by account
     std::map<int64_t, std::weak_ptr<Account>> accounts_; ///< of those who are connected
     Turns turns_;
     daemon_support::Clock::time_point serving_since_;
-    bool is_turn_ending_ = false;
-    Shares reloads_; ///< in this second, by whom
+    bool is_turn_ending_ = false; ///< its event need not be made active again
+    Shares reloads_;              ///< in this second, by account
     daemon_support::Clock::time_point reloads_since_;
     std::vector<Session *> to_flush_;
     std::list<Session *> sessions_;
     std::vector<Session *> listening_; ///< those that have subscribed, or monitor
     std::unordered_map<int, std::unique_ptr<Call>> calls_;
     std::string discovered_; ///< what rpc.discover answers, as JSON; empty when that has changed
-    std::string metrics_;    ///< what router.Metrics answers, for a moment
+    std::string metrics_;    ///< what router.Metrics answers, for 100 ms
     daemon_support::Clock::time_point metrics_until_;
     int last_number_;
     bool locked_ = false;
-    daemon_support::Clock::time_point probe_until_;
+    daemon_support::Clock::time_point probe_until_; ///< for services that were there before the router
     const daemon_support::Clock::time_point started_ = daemon_support::Clock::now();
 };
 

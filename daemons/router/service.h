@@ -47,11 +47,9 @@ struct Service {
 
     /** Whether the user may make one more call, beside those in flight and those that were left. */
     bool has_room_for(int64_t user, size_t most, daemon_support::Clock::duration longest_left);
-    /** The call keeps its place until the service is through with it: it costs others as much as one that is waited
-     * for. */
+    /** A call whose client has gone keeps its place until the service has answered it or a later one. */
     void leave(const Call &call);
-    /** A session keeps its order: the answer shows that the service has read all calls that were left before this one.
-     */
+    /** Requests are read in order: this answer shows that all calls left before it have been read. */
     void on_answer(const Call &call);
     void on_late_answer(int number);
     void forget_left();
@@ -71,7 +69,7 @@ struct Service {
     daemon_support::Clock::time_point settles_until; ///< or its registration fails
     std::list<Call *> calls;                         ///< in flight
     std::deque<Left> left;                           ///< in the order in which it was told of them
-    Shares users;                                    ///< how many of both by whom
+    Shares users;                                    ///< calls in flight and calls left, by account
 };
 
 const char *name_of(Service::State state);
@@ -110,7 +108,7 @@ class Registry {
 
     /** A hello from a service that is not registered; false when the list of those is full. */
     bool hear(const std::string &name, const std::string &channel);
-    /** Whether one of those is on the channel. */
+    /** Whether a service that is not registered is on the channel. */
     bool heard_on(const std::string &channel) const;
     size_t heard_count() const { return heard_.size(); }
 

@@ -13,7 +13,8 @@
 
 namespace router {
 
-constexpr size_t max_unread = 8 * tavrix::mebibyte; ///< bytes of replies or requests; beyond it nothing is kept
+constexpr size_t max_unread =
+    8 * tavrix::mebibyte; ///< bytes; beyond it a client is closed, and a service gets no more requests
 
 class Session final : public Client {
   public:

@@ -136,7 +136,7 @@ std::string Statistics::metrics() const {
         const char *help;
         uint64_t value;
     } counters[] = {
-        {"late_replies_total", "Replies that nobody waited for.", late},
+        {"late_replies_total", "Replies that nobody waited for.", discarded},
         {"dropped_notifications_total", "Notifications that a session did not read in time.", dropped},
         {"refused_requests_total", "Requests that were malformed, not allowed or for nobody.", refused},
         {"busy_total", "Clients and requests turned away for lack of room.", busy},

@@ -19,7 +19,7 @@ enum class Outcome { result, error, timeout, gone, cancelled };
 constexpr std::array<const char *, 5> outcome_names = {"result", "error", "timeout", "gone", "cancelled"};
 inline const char *name_of(Outcome outcome) { return outcome_names[static_cast<size_t>(outcome)]; }
 
-/** Times in buckets that grow by a quarter of a power of two: a fixed size, and no percentile off by more than 25%. */
+/** Times in four buckets to each doubling: a fixed size, and no percentile off by more than 25%. */
 class Histogram {
   public:
     void add(double seconds);
@@ -61,10 +61,10 @@ class Statistics {
     /** As Prometheus reads it. */
     std::string metrics() const;
 
-    uint64_t late = 0;    ///< replies that nobody waited for
-    uint64_t dropped = 0; ///< notifications that a session did not read in time
-    uint64_t refused = 0; ///< requests that were not allowed, malformed or for nobody
-    uint64_t busy = 0;    ///< requests and clients turned away for lack of room
+    uint64_t discarded = 0; ///< replies that nobody waited for, and what was no message
+    uint64_t dropped = 0;   ///< notifications that a session did not read in time
+    uint64_t refused = 0;   ///< requests that were not allowed, malformed or for nobody
+    uint64_t busy = 0;      ///< requests and clients turned away for lack of room
 
   private:
     std::map<std::string, MethodStatistics> methods_;

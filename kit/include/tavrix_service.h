@@ -448,7 +448,8 @@ TAVRIX_SERVICE_API int tavrix_call_fail_with(tavrix_call *call, int code, const 
  * Lets the handler return without an answer.
  *
  * The call ends when it is answered, and when nobody waits for it any more: the router has cancelled it, its deadline
- * has passed, the direct socket's client has gone.
+ * has passed, the session that it came over has ended, the client on the service's own socket has gone. A call from the
+ * bus outlives the router's session.
  *
  * @param call      the handler's; once
  * @param abandoned called in the second case, while the handle is still valid for reading; may be null

@@ -1,5 +1,5 @@
 /**
- * What the units of the kit share: the service's one record, and the verbs that they use of each other.
+ * What the units of the kit share: the service's one record, and the functions that they use of each other.
  *
  * Everything that is named by a number (deferred calls, requests, subscriptions, timers, listeners) begins with an
  * Entry, stands in one directory by its number and in one list by its type. All records are plain and come from calloc:
@@ -44,7 +44,7 @@ using tavrix::transport_of;
 using tavrix::wire_flags;
 
 constexpr size_t max_answer_line =
-    max_reply_line - max_request_line;                    // the router puts the client's own id back into it
+    max_reply_line - max_request_line; // the router puts the client's id, of any length, back into it
 constexpr size_t max_nesting = JSON_PARSER_MAX_DEPTH - 1; // of brackets; a parser counts the value within them, too
 constexpr int control_timeout_ms = tavrix::default_reply_timeout_ms; // of what the kit itself asks the router
 constexpr size_t max_unwritten = 16 * tavrix::mebibyte;
@@ -113,7 +113,7 @@ struct Obstacle {
     char words[96]; ///< for people; empty when nothing does
 };
 
-/** Null is none. */
+/** False for null. */
 inline bool is_method_name(const char *name) { return name != nullptr && tavrix::is_method_name(name); }
 
 // --- Numbered things -----------------------------------------------------------------------------------------------
@@ -128,7 +128,7 @@ struct Entry {
     EntryType type;
 };
 
-/** How calls, requests and timers begin. */
+/** The first members of calls, requests and timers. */
 struct TimedEntry {
     Entry entry;
     Alarm alarm;
@@ -208,10 +208,10 @@ const Row *find_row(const Row *rows, const char *name) {
     }
     return rows != nullptr && rows->name != nullptr ? rows : nullptr;
 }
-/** Whether the rows are one without a name: the value itself. */
+/** Whether it is one row without a name: the value itself, not its members. */
 bool is_bare(const tavrix_service_param *rows);
 
-/** How a kind's value is read. */
+/** Which member of Value holds a kind's value. */
 enum Storage {
     stored_text,
     stored_integer,
@@ -232,14 +232,14 @@ constexpr int max_vlan_ids = sizeof(tavrix_port_input::vlan_ids) / sizeof(int32_
 constexpr size_t max_number_text = 99;
 constexpr size_t allowed_size = 400;
 bool has_bounds(const tavrix_service_param *row);
-/** Of an integer. */
+/** The bounds of an integer's row. */
 int64_t lowest_of(const tavrix_service_param *row);
 int64_t highest_of(const tavrix_service_param *row);
-/** Of a list of numbers or records. */
+/** The most elements of a list's row. */
 int most_records(const tavrix_service_param *row);
-/** A value that the check lets through, of a text; null where the row's own words or bounds decide. */
+/** An example of a kind of text; null where the row's own words or bounds decide. */
 const char *example_of_kind(tavrix_kind kind);
-/** Null where the words are not counted. */
+/** The kind's list of words; null for one without. */
 const char *const *words_allowed(const tavrix_service_param *row);
 /** For people. */
 void describe_allowed(const tavrix_service_param *row, char (&out)[allowed_size]);
@@ -285,7 +285,7 @@ constexpr tavrix_caller unknown_caller(tavrix_road road) {
 struct Origin {
     tavrix_caller caller;
     const char *channel; ///< bus: where the reply goes; borrowed from the request
-    Client *client;      ///< direct sockets
+    Client *client;      ///< one on the service's own sockets
 };
 
 /** Whether every service answers a method by itself, or its bus does: a row of that name would never be used. */
@@ -359,16 +359,16 @@ struct Endpoint {
 };
 
 struct BusLink {
-    int pub = -1;
-    int sub = -1;
+    int pub;
+    int sub;
     bool sub_listens;
     event readable;
     Endpoint *endpoints;
     size_t endpoint_count;
     json_t *published; ///< an array of addresses, where the service publishes; null before there is one
     uint64_t said;     ///< frames that the router has to have read before the service may close its socket
-    uint64_t asked;
-    uint64_t heard;
+    uint64_t asked;    ///< the number of the last hello
+    uint64_t heard;    ///< the number of the last welcome
 };
 
 /** Binds the options' addresses; logs what fails. */
@@ -376,10 +376,10 @@ bool bus_publish_given(tavrix_service *service);
 /** Does what the answer to router.Bus says; false, with a log line, when that cannot be done. */
 bool bus_follow(tavrix_service *service, const json_t *answer);
 bool bus_start(tavrix_service *service);
-/** A service that the router tells of; the service itself is passed over, and every one by a client. */
+/** A service that the router tells of. The service itself is ignored; a client ignores all. */
 void bus_service_up(tavrix_service *service, const json_t *description);
 void bus_service_down(tavrix_service *service, const json_t *params);
-/** The router has gone: nothing goes on trying to reach it. */
+/** The router has gone: disconnects from its addresses. */
 void bus_router_gone(tavrix_service *service);
 int bus_publish(tavrix_service *service, const char *channel, const char *text);
 /** How many bytes a message on a channel may have. */
@@ -396,7 +396,7 @@ const char *bus_error();
 
 // --- Requests, notifications, timers, listeners --------------------------------------------------------------------
 
-/** Sends it at once over a connection, also before the registration is through; otherwise it waits for one. */
+/** Sends it at once, before the registration, too; without a connection it waits for the next one. */
 uint64_t send_request(tavrix_service *service, const char *method, json_t *params, int timeout_ms,
                       tavrix_answer_callback callback, void *user);
 /** The answer to a request, when it is one of those in flight. */
@@ -423,7 +423,7 @@ void close_clients(tavrix_service *service);
 
 // --- The service ---------------------------------------------------------------------------------------------------
 
-/** Whether a service runs on this thread: somebody who waits keeps it. */
+/** Whether a service runs on this thread: a call that waits would hold it up. */
 bool is_inside_a_loop();
 /** Every request gets its outcome, every deferred call its answer. */
 void end_everything(tavrix_service *service);

@@ -216,7 +216,8 @@ int tavrix_service_open(const tavrix_service_options *options, tavrix_service **
     }
     service->options = *options;
     service->reply_timeout_ms = tavrix::default_reply_timeout_ms;
-    service->bus = BusLink{};
+    service->bus.pub = -1;
+    service->bus.sub = -1;
     service->session.fd = -1;
     const int rc = open_service(service);
     if (rc != TAVRIX_OK) {

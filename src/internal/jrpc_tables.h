@@ -183,7 +183,7 @@ struct ChannelRule {
     const char *channel;
 };
 
-// Leading letters, not whole names: deployed services listen by these, and a new family of methods needs no row.
+// The first letters, not whole names: deployed services listen by these, and a new family of methods needs no row.
 constexpr ChannelRule channel_rules[] = {
     {"d", TAVRIX_CHANNEL_FIRST},  {"p", TAVRIX_CHANNEL_FIRST},   {"en", TAVRIX_CHANNEL_FIRST},
     {"mz", TAVRIX_CHANNEL_FIRST}, {"ev", TAVRIX_CHANNEL_EVENTS}, {"i", TAVRIX_CHANNEL_INTERFACES},

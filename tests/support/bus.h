@@ -38,7 +38,7 @@ class BusSocket {
     int timeout_ms() const;
 };
 
-/** All bus sockets that are left, for as long as it lives. */
+/** Takes every free bus socket while it lives. */
 class NoBusSocketIsLeft {
   public:
     NoBusSocketIsLeft();

@@ -110,7 +110,8 @@ class Failing : public Fault {
 
 /** The blocks of Jansson, PCRE and SQLite that are in use. */
 int blocks();
-/** For hooks of memory: count a block that was taken, unless it is null, and one that goes back; give it on. */
+/** For allocators that are wrapped: count a block that was taken, or one that goes back, and return it; null is none.
+ */
 void *taken(void *memory);
 void *given_back(void *memory);
 

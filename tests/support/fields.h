@@ -1,6 +1,6 @@
 /**
  * The fields of requests, as the unit, fault, thread, client and fuzz programs see them: one table, which
- * unit.fields holds against the exported symbols. It owes nothing to the library's own table.
+ * unit.fields holds against the exported symbols. It is independent of the library's own table.
  */
 #ifndef TAVRIX_TESTS_SUPPORT_FIELDS_H
 #define TAVRIX_TESTS_SUPPORT_FIELDS_H

@@ -28,9 +28,9 @@ class Fleet {
     ~Fleet();
 
     Process &start_router(const std::vector<std::string> &more = {});
-    /** Connected to no service: it knows those only that register. */
+    /** Connected to no service: it knows only those that register. */
     Process &start_lone_router(const std::vector<std::string> &more = {});
-    /** With a TCP listener too, to which a policy file allows all that it can allow everybody. */
+    /** With a TCP listener, too, on which a policy file allows all that can be allowed to everybody. */
     Process &start_router_with_tcp(int port, std::vector<std::string> more = {});
     Process &start_lone_router_with_tcp(int port, std::vector<std::string> more = {});
     Process &start_ports(const std::vector<std::string> &more = {});
@@ -53,10 +53,10 @@ class Fleet {
     std::unique_ptr<Process> events;
 };
 
-/** Replaces the logger's configuration: "portsd=debug" for each daemon that logs. */
+/** Replaces the logger's configuration: a line such as "portsd=debug" for each daemon. */
 void write_log_levels(const std::string &levels);
 
-/** A test of the router alone, which knows those services only that register. */
+/** A test of the router alone, which knows only services that register. */
 class LoneRouter : public testing::Test {
   protected:
     LoneRouter() { fleet.start_lone_router(); }

@@ -48,7 +48,7 @@ testing::AssertionResult holds(const std::string &text, const std::string &part)
 /** The names of an object's members. */
 std::set<std::string> keys_of(const json_t *object);
 
-/** An array of this many times the element, in JSON, or of what each number gives, from 0. */
+/** A JSON array of this many copies of the element, or of element(0), element(1), ... */
 std::string array_of(size_t count, const std::string &element);
 std::string array_of(size_t count, const std::function<std::string(size_t)> &element);
 
@@ -56,7 +56,7 @@ std::string array_of(size_t count, const std::function<std::string(size_t)> &ele
 std::string request(const std::string &method, const std::string &id, const std::string &more = "");
 
 std::string notification(const std::string &method, const std::string &params = "{}");
-/** The request for them: router.Subscribe, router.Unsubscribe or router.Monitor, whose last part is its id as well. */
+/** The request router.Subscribe, router.Unsubscribe or router.Monitor; its id is that verb. */
 std::string subscription(const std::string &verb, const std::string &patterns);
 
 /** What the parser says of a text that is not JSON: its line and its words. */
@@ -78,7 +78,7 @@ std::string service_reply(const std::string &request, const std::string &result)
 
 /** What an error response says: its code and the words in its data, as in "-32601 no service offers x"; "(none)". */
 std::string error_of(const std::string &response);
-/** The code of an error response, what is told with it, and the words in that. */
+/** Of an error response: the code, the data, the data's message. */
 std::string code_of(const std::string &response);
 std::string data_of(const std::string &response);
 std::string message_of(const std::string &response);

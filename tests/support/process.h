@@ -33,11 +33,11 @@ class Process {
     int times_said(const std::string &text) const;
     bool prints(const std::string &text, int timeout_ms = 30000) const;
     void signal(int number) const;
-    /** Stops it and waits until it stands. */
+    /** Stops it and waits until it has stopped. */
     void stand_still() const;
     /** Waits for the end: the exit status, or 128 and the signal's number; -1 when it goes on. */
     int wait(int timeout_ms = 30000);
-    /** The same behind a signal. */
+    /** The same after a signal. */
     int end_by(int number) {
         signal(number);
         return wait();
@@ -60,7 +60,7 @@ inline std::unique_ptr<Process> started(const std::string &name, const std::vect
     return begun(name, arguments, more, name + " ready");
 }
 
-/** As long as it lives, the process can open no more descriptors than it has, or than this many. */
+/** While it lives, the process may have this many descriptors; those that are open stay. */
 class FewDescriptors {
   public:
     FewDescriptors(const Process &process, rlim_t most) : pid_(process.pid()) {

@@ -30,7 +30,7 @@ class SessionClient {
     std::string ask(const std::string &line);
     /** Whether the router closes the session; what it says before is passed over. */
     bool gets_closed();
-    /** No more will be said. */
+    /** Shuts the sending side down. */
     void end_sending() const;
     void close() { stream_.close(); }
     int fd() const { return stream_.fd(); }

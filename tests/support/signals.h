@@ -38,7 +38,7 @@ class Ticking {
     struct sigaction before_ {};
 };
 
-/** Counts SIGTERM instead of ending, one object at a time. */
+/** While it lives, SIGTERM is counted and does not end the process; one object at a time. */
 class Terminations {
   public:
     Terminations() : before_(std::signal(SIGTERM, [](int) { counted = counted + 1; })) { counted = 0; }

@@ -1,7 +1,8 @@
 /**
  * Another local user, played by the test: what is opened as long as it lives is opened by user and group 65534.
  *
- * The kernel notes who connects at the moment of the connection; what is said over it later is the stranger's still.
+ * The kernel notes who connects at the moment of the connection; what is said over it later still counts as the
+ * stranger's.
  */
 #ifndef TAVRIX_TESTS_SUPPORT_STRANGER_H
 #define TAVRIX_TESTS_SUPPORT_STRANGER_H

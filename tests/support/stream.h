@@ -60,7 +60,7 @@ int port_of(int fd);
 /** How many descriptors this process has open. */
 int open_descriptors();
 
-/** As many are open at its end as at its beginning. */
+/** Expects as many open descriptors at its end as at its beginning. */
 struct NothingOpens {
     const int before = open_descriptors();
 

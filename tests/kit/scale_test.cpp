@@ -10,16 +10,27 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <malloc.h>
 
 #include "kit/support/played_router.h"
 #include "support/fleet.h"
 #include "support/log_capture.h"
-#include "support/memory.h"
 #include "support/process.h"
 
 using namespace support;
 
+extern "C" size_t __sanitizer_get_current_allocated_bytes() __attribute__((weak)); // there in a sanitized build only
+
 namespace {
+
+/** Bytes that this process has taken from the heap and not given back, with what the allocator adds to them. */
+size_t heap_in_use() {
+    if (__sanitizer_get_current_allocated_bytes != nullptr) {
+        return __sanitizer_get_current_allocated_bytes();
+    }
+    const struct mallinfo2 info = mallinfo2();
+    return info.uordblks + info.hblkhd;
+}
 
 constexpr size_t thousand = 1000;
 size_t deferred_calls = 0;

@@ -96,7 +96,7 @@ class RouterLimits : public testing::Test {
     }
 
     /** What the router has taken so far. */
-    long processor_ms() const {
+    int64_t processor_ms() const {
         clockid_t clock = 0;
         timespec taken{};
         EXPECT_EQ(clock_getcpuclockid(fleet.router->pid(), &clock), 0);
@@ -335,7 +335,7 @@ TEST_F(RouterLimits, RestsWhileASessionThatHasEndedDoesNotRead) {
     deaf.end_sending();
     // Once all has been answered there is nothing to do but to wait.
     EXPECT_TRUE(wait_until([this] {
-        const long before = processor_ms();
+        const int64_t before = processor_ms();
         poll(nullptr, 0, 300);
         return processor_ms() - before <= 30;
     })) << "it never rests";

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <cstdio>
 #include <fstream>
 #include <iterator>
 #include <sstream>
@@ -71,6 +72,8 @@ Process::Process(const std::string &name, const std::vector<std::string> &argume
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
     for (const auto &[fd, ending] : {std::pair(STDOUT_FILENO, ".out"), std::pair(STDERR_FILENO, ".log")}) {
+        // One of an earlier run must not be read: under an emulator we go on before the child opens its own.
+        std::remove((name + ending).c_str());
         posix_spawn_file_actions_addopen(&actions, fd, (name + ending).c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     }
     const int rc = posix_spawnp(&pid_, argv[0], &actions, nullptr, argv.data(), environ);
